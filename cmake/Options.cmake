@@ -1,0 +1,13 @@
+# Every build option of the project, with its default. Nothing else in the tree declares a cache variable.
+include_guard(GLOBAL)
+
+option(ORMEL_WERROR "Treat compiler warnings as errors" OFF)
+option(ORMEL_TESTS "Build the tests" ON)
+option(ORMEL_BENCH "Build the benchmarks" ON)
+option(ORMEL_FUZZ "Build the fuzz targets with libFuzzer (clang only)" OFF)
+set(ORMEL_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them; empty for none")
+option(ORMEL_COVERAGE "Instrument for gcov" OFF)
+
+# Deployment values: the hosts that the program speaks to.
+set(ORMEL_CLOUD_DOMAIN "pelmar.example" CACHE STRING "Domain of the cloud services")
+set(ORMEL_PROVIDER_HOST "vpn-provider.example" CACHE STRING "Host of the VPN provider's server list")
