@@ -1,0 +1,66 @@
+#include "ormel/curl.h"
+
+#include <climits>
+#include <dlfcn.h>
+
+namespace ormel {
+
+namespace curl {
+
+namespace {
+
+constexpr const char* LIBRARY = "libcurl.so.4";
+
+template <typename Function>
+bool find(Function& function, const char* name) {
+  // From the global scope, so that a preloaded function of that name comes first, as with ordinary linking.
+  function = reinterpret_cast<Function>(dlsym(RTLD_DEFAULT, name));
+  return function != nullptr;
+}
+
+bool load(Api& api) {
+  // Never closed: the library registers handlers that run at exit.
+  if (!dlopen(LIBRARY, RTLD_NOW | RTLD_GLOBAL)) return false;
+  return find(api.easy_init, "curl_easy_init") && find(api.easy_setopt, "curl_easy_setopt") &&
+         find(api.easy_perform, "curl_easy_perform") && find(api.easy_getinfo, "curl_easy_getinfo") &&
+         find(api.easy_strerror, "curl_easy_strerror") && find(api.easy_cleanup, "curl_easy_cleanup") &&
+         find(api.easy_unescape, "curl_easy_unescape") && find(api.free, "curl_free") &&
+         find(api.slist_append, "curl_slist_append") && find(api.slist_free_all, "curl_slist_free_all");
+}
+
+}  // namespace
+
+const Api* api() {
+  static Api functions{};
+  static const bool loaded = load(functions);
+  return loaded ? &functions : nullptr;
+}
+
+// A handle exists only if the library was loaded.
+void Cleanup::operator()(CURL* handle) const noexcept {
+  api()->easy_cleanup(handle);
+}
+void Cleanup::operator()(curl_slist* list) const noexcept {
+  api()->slist_free_all(list);
+}
+
+bool unescape(const std::string& text, std::string& out) {
+  const Api* library = api();
+  if (!library || text.size() > INT_MAX) return false;
+  int length = 0;
+  // An explicit length of 0 would mean "up to the NUL", which for an empty text is the same.
+  const std::unique_ptr<char, decltype(&::curl_free)> plain{
+      library->easy_unescape(nullptr, text.c_str(), static_cast<int>(text.size()), &length), library->free};
+  if (!plain) return false;
+  out.assign(plain.get(), static_cast<size_t>(length));
+  return true;
+}
+
+}  // namespace curl
+
+Curl new_curl() {
+  const curl::Api* library = curl::api();
+  return Curl{library ? library->easy_init() : nullptr};
+}
+
+}  // namespace ormel

@@ -1,0 +1,29 @@
+// One executable, several personalities: the name under which it is started selects one.
+#include <cstdio>
+#include <libgen.h>
+#include <string_view>
+
+#include "ormel/ormel.h"
+
+namespace {
+
+struct Personality {
+  std::string_view name;
+  int (*entry)(int argc, char** argv);
+};
+
+constexpr Personality PERSONALITIES[] = {
+    {"ormel", ormel::main},
+    {"", nullptr},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string_view name = argc > 0 ? basename(argv[0]) : "";
+  for (const Personality* row = PERSONALITIES; row->entry; ++row) {
+    if (row->name == name) return row->entry(argc, argv);
+  }
+  std::fputs("ormel, oops !\n", stderr);
+  return 1;
+}

@@ -1,0 +1,163 @@
+#include <cstdio>
+#include <unistd.h>
+
+#include "ormel/error.h"
+#include "ormel/net.h"
+#include "ormel/ovpn.h"
+#include "ormel/text.h"
+
+namespace ormel::ovpn {
+
+namespace {
+
+constexpr size_t MAX_HOST_LENGTH = 255;
+constexpr size_t MAX_HOOK_LENGTH = 4096;
+constexpr size_t MAX_VENDOR_LENGTH = 128;
+
+bool known_protocol(const std::string& protocol) {
+  return protocol.empty() || protocol == "tcp" || protocol == "tcp-client" || protocol == "udp";
+}
+
+// The protocol as it is shown to the user.
+std::string shown_protocol(const std::string& protocol) {
+  if (protocol.find("udp") != std::string::npos) return "UDP";
+  if (protocol.find("tcp") != std::string::npos) return "TCP";
+  return protocol;
+}
+
+void add_to_list(std::string& list, const std::string& item, bool first) {
+  if (!first) list += ",";
+  list += item;
+}
+
+}  // namespace
+
+int ClientConfig::add(int slot) {
+  if (const int rc = verify(); rc != NO_ERROR) return rc;
+  set_index(slot);
+  option::ConfigFile cf;
+  apply_base_option(cf);
+  override_compatible(cf);
+  return save_config_file(cf);
+}
+
+int ClientConfig::modify() {
+  option::ConfigFile cf;
+  std::ignore = load_config_file(cf);  // a profile that has lost its file gets one without servers
+  remotes = cf.get_all_remotes();
+  if (const int rc = verify(); rc != NO_ERROR) return rc;
+  remove_incompatible(cf);
+  apply_base_option(cf);
+  override_compatible(cf);
+  if (const int rc = save_config_file(cf); rc != NO_ERROR) return rc;
+  return announce(nc_message("C002", "0009"), opt_ext_dev_modify);
+}
+
+int ClientConfig::verify() {
+  for (const option::OpenvpnRemotes& remote : remotes) {
+    if (remote.remote_ip.empty() || remote.remote_ip.size() > MAX_HOST_LENGTH)
+      return error_message(ERR_HOST_LENGTH, nullptr);
+    host = remote.remote_ip;
+    port = option::to_int(remote.remote_port.c_str());
+    if (port < 1 || port > 65535) return error_message(ERR_PORT_NUMBER, nullptr);
+    if (!known_protocol(remote.remote_proto)) return error_message(ERR_PROTOCOL_TYPE, nullptr);
+  }
+  if (up.size() > MAX_HOOK_LENGTH || down.size() > MAX_HOOK_LENGTH) return error_message(ERR_EXECUTABLE, nullptr);
+  if (vendor.size() > MAX_VENDOR_LENGTH) return error_message(ERR_NAME_LENGTH, nullptr);
+  return config::ClientConfig::verify();
+}
+
+void ClientConfig::remove() {
+  for (const char* ending : {"", ".auth", "_crl.pem"}) unlink((profile_path() + ending).c_str());
+  announce_removal();
+}
+
+void ClientConfig::show(USER_TYPE who, JsonValue* out) {
+  config::ClientConfig::show(who, out);
+  if (out) {
+    (*out)["enc"] = static_cast<int32_t>(encryption);
+    (*out)["port"] = port;
+    (*out)["proto"] = protocol;
+    (*out)["compress"] = compress;
+    (*out)["vendor_auth"] = vendor_auth;
+    (*out)["auth_user_pass"] = auth_pass;
+    (*out)["trusted_ip"] = trusted_ip;
+    (*out)["trusted_proto"] = shown_protocol(trusted_proto);
+    return;
+  }
+  config::print_line("Enable compressed VPN link", compress);
+  config::print_line("Encryption", encryption);
+  config::print_line("VPN Port", port);
+  config::print_line("VPN Proto Type", protocol);
+  config::print_line("Vendor Auth", vendor_auth);
+  std::puts("");
+}
+
+void ClientConfig::load(Conf_dir* conf, pid_t process) {
+  config::ClientConfig::load(conf, process);
+  const char* where = section.c_str();
+  ip = Conf_Dir_Get_Str(conf, where, "Domain IP", "");
+  port = Conf_Dir_Get_Int(conf, where, "VPN Port", DEFAULT_PORT);  // the first of a comma list
+  protocol = option::to_lower(Conf_Dir_Get_Str(conf, where, "VPN Proto Type", "tcp"));
+  compress = Conf_Dir_Get_Int(conf, where, "Enable compressed VPN link", 1) != 0;
+  auth_pass = Conf_Dir_Get_Bool(conf, where, "Auth User Pass", true) != 0;
+  vendor_auth = Conf_Dir_Get_Bool(conf, where, "Vendor Auth", false) != 0;
+  encryption = static_cast<ENCRYPTION>(Conf_Dir_Get_Int(conf, where, "Encryption", MEDIUM_ENCRYPTION));
+  trusted_ip = Conf_Dir_Get_Str(conf, where, "Trusted IP", "");
+  trusted_proto = Conf_Dir_Get_Str(conf, where, "Trusted Proto", "");
+
+  option::ConfigFile cf;
+  std::ignore = load_config_file(cf);  // a profile whose file is missing has no remotes
+  remotes = cf.get_all_remotes();
+}
+
+void ClientConfig::save(Conf_dir* conf) {
+  config::ClientConfig::save(conf);
+  const char* where = section.c_str();
+  Conf_Dir_Set_Str(conf, where, "Domain IP", ip.c_str());
+  Conf_Dir_Set_Int(conf, where, "VPN Port", port);
+  Conf_Dir_Set_Str(conf, where, "VPN Proto Type", protocol.c_str());
+  Conf_Dir_Set_Int(conf, where, "Enable compressed VPN link", compress);
+  Conf_Dir_Set_Bool(conf, where, "Auth User Pass", auth_pass);
+  Conf_Dir_Set_Bool(conf, where, "Vendor Auth", vendor_auth);
+  Conf_Dir_Set_Int(conf, where, "Encryption", encryption);
+  Conf_Dir_Set_Str(conf, where, "Trusted IP", trusted_ip.c_str());
+  Conf_Dir_Set_Str(conf, where, "Trusted Proto", trusted_proto.c_str());
+  if (!remotes.empty()) save_remotes(conf);
+}
+
+// The lists of the profile's servers in place of the single values, resolved afresh for the script.
+void ClientConfig::save_remotes(Conf_dir* conf) {
+  std::string hosts;
+  std::string ports;
+  std::string protocols;
+  ip.clear();
+  for (const option::OpenvpnRemotes& remote : remotes) {
+    const bool first = &remote == remotes.data();
+    add_to_list(hosts, remote.remote_ip, first);
+    add_to_list(ip, system::nslookup(remote.remote_ip), first);
+    add_to_list(ports, remote.remote_port, first);
+    add_to_list(protocols, remote.remote_proto, first);
+  }
+  const char* where = section.c_str();
+  Conf_Dir_Set_Str(conf, where, "Server Address", hosts.c_str());
+  Conf_Dir_Set_Str(conf, where, "Domain IP", ip.c_str());
+  Conf_Dir_Set_Str(conf, where, "VPN Port", ports.c_str());
+  Conf_Dir_Set_Str(conf, where, "VPN Proto Type", protocols.c_str());
+}
+
+std::string ClientConfig::profile_path() const {
+  return std::string(CLIENTS_FOLDER) + "/client" + std::to_string(index);
+}
+
+int ClientConfig::load_config_file(option::ConfigFile& cf) {
+  if (file.empty()) file = profile_path();
+  return cf.load(file.c_str());
+}
+
+int ClientConfig::save_config_file(option::ConfigFile& cf) {
+  file = profile_path();
+  return cf.save(file.c_str(), true, remotes);
+}
+
+}  // namespace ormel::ovpn

@@ -1,0 +1,36 @@
+// Calls to the appliance's daemons over the service bus.
+#pragma once
+
+#include <string>
+
+#include "ormel/handle.h"
+
+namespace ormel::system {
+
+constexpr int BUS_TIMEOUT = 60;       // seconds, where nothing else is told
+constexpr int BUS_SHORT_TIMEOUT = 5;  // seconds, of easy_mib_call and the log database
+constexpr int BUS_FLAG = -1;
+
+// Callback of json_dump_callback that streams a document into a buffer. 0 on a full write.
+int json_write_io(const char* bytes, size_t length, void* io);
+
+// One call whose answer is wanted parsed. `request` is JSON text or null. The answer when it is an object with an
+// integer `error` of 0; otherwise null, with the cause in the log.
+[[nodiscard]] Json easy_mib_call(const char* service, const char* method, const char* request);
+
+// How the reply of a call is judged; each failure has been logged under the name of the calling function.
+struct BusReply {
+  int rc = 0;     // 0, ERR_MIB_IO_FAILED, ERR_MIB_CALL_FAILED, ERR_MIB_API_RET_ERROR or ERR_WRONG_JSON_FORMAT
+  Json document;  // the reply, null unless it could be parsed
+};
+
+// One call with a document as its request: the common pattern of calls that report a code. `function` names the caller
+// in the log.
+[[nodiscard]] BusReply bus_call(const char* function, const char* service, const char* method, const json_t* request,
+                                int timeout = BUS_TIMEOUT);
+
+// `text` with each byte that is not part of a UTF-8 sequence replaced by U+FFFD, so that a request stays valid JSON
+// whatever a profile is called.
+[[nodiscard]] std::string valid_utf8(const std::string& text);
+
+}  // namespace ormel::system

@@ -1,0 +1,32 @@
+// Small helpers on text.
+#pragma once
+
+#include <string>
+
+namespace ormel::option {
+
+// Length in bytes of a UTF-8 sequence from its first byte; 6 for a byte that begins none.
+[[nodiscard]] int mb_size(const char& lead);
+
+// The longest prefix of `text` of at most `limit` bytes that ends on a whole sequence.
+[[nodiscard]] std::string mb_string(const std::string& text, unsigned int limit);
+
+// Erase bytes that are not visible from the start, the end, or both; `text` itself is changed and returned.
+std::string& ltrim(std::string& text);
+std::string& rtrim(std::string& text);
+std::string& trim(std::string& text);
+
+// The trimmed copy of `length` bytes at `text`.
+[[nodiscard]] std::string ntrim(const char* text, unsigned int length);
+
+// Erases all leading bytes equal to `c`.
+std::string& lstrip(std::string& text, char c);
+
+// Copies that are wholly in one case, by the C locale.
+[[nodiscard]] std::string to_upper(std::string text);
+[[nodiscard]] std::string to_lower(std::string text);
+
+// The leading decimal number of a text, 0 for none or null; cut to the range of int.
+[[nodiscard]] int to_int(const char* text);
+
+}  // namespace ormel::option
