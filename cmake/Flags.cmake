@@ -1,6 +1,11 @@
 # Warnings and instrumentation for every target of the project.
 include_guard(GLOBAL)
 
+find_program(CCACHE_PROGRAM ccache)
+if(CCACHE_PROGRAM)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
+endif()
+
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64)
 if(ORMEL_WERROR)

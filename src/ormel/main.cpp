@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "ormel/ormel.h"
+#include "ormel/ormel_cgi.h"
 
 namespace {
 
@@ -14,6 +15,7 @@ struct Personality {
 
 constexpr Personality PERSONALITIES[] = {
     {"ormel", ormel::main},
+    {"ormel.cgi", ormel::cgi::main},
     {"", nullptr},
 };
 

@@ -46,13 +46,18 @@ bool take_line(std::string_view& rest, std::string_view& line) {
   return !line.empty();
 }
 
-// Splits a line into the first name in it and what follows. A name of dashes alone is none: without them nothing of it
-// would be left, and the value would be written as a line of its own.
+// A name of dashes alone is none: without them nothing would be left of it, and its value would be written as a line
+// of its own.
+bool named(std::string_view name) {
+  return name.find_first_not_of('-') != std::string_view::npos;
+}
+
+// Splits a line into the first name in it and what follows.
 bool read_option(std::string_view line, std::string_view& name, std::string_view& value) {
   line.remove_prefix(std::min(line.find_first_of(NAME_BYTES), line.size()));
   name = line.substr(0, line.find_first_not_of(NAME_BYTES));
   value = line.substr(name.size());
-  return name.find_first_not_of('-') != std::string_view::npos;
+  return named(name);
 }
 
 bool take_tag(std::string_view& rest, std::string_view opening, std::string_view& tag) {
@@ -60,7 +65,7 @@ bool take_tag(std::string_view& rest, std::string_view opening, std::string_view
   rest.remove_prefix(opening.size());
   tag = rest.substr(0, rest.find_first_not_of(TAG_BYTES));
   rest.remove_prefix(tag.size());
-  if (tag.empty() || !rest.starts_with('>')) return false;
+  if (!named(tag) || !rest.starts_with('>')) return false;
   rest.remove_prefix(1);
   return true;
 }

@@ -1,0 +1,69 @@
+// The `ormel.cgi` personality: one web request, found in the route table and answered with one envelope.
+//
+// The envelope is a JSON object: `error` always, `reason` on failure, `data` on success where the route has data. Every
+// answer is an HTTP 200; `error` alone tells the outcome.
+#pragma once
+
+#include <string_view>
+
+#include "ormel/cgi/cgi.h"
+#include "ormel/error.h"
+#include "ormel/json.h"
+#include "ormel/types.h"
+
+namespace ormel {
+
+// The answer is "application/json"; "text/plain" for a client that takes anything.
+extern bool support_json_type;
+
+namespace system {
+
+// The level of a session: INVAILD_USER for none, ADMIN_USER for a member of "administrators", else GENERAL_USER.
+[[nodiscard]] USER_TYPE auth_user_session(const char* sid);
+
+}  // namespace system
+
+namespace cgi {
+
+// The personality. The code of the answer.
+int main(int argc, char** argv);
+
+// The parsed form and the level of its session. What the environment told of the request is gone from it afterwards,
+// so that no program started later inherits a password or a session.
+class Request : public CgiRequest {
+ public:
+  Request();
+
+  [[nodiscard]] USER_TYPE user() const { return user_; }
+  // A variable that is there and not empty.
+  [[nodiscard]] bool filled(const char* name) const { return *value(name) != '\0'; }
+
+ private:
+  USER_TYPE user_;
+};
+
+// Who may use a route, and the code that a general user gets where only administrators may.
+struct Access {
+  USER_TYPE least;
+  ERROR_CODE refusal;
+};
+
+constexpr Access ANY_SESSION{GENERAL_USER, ERR_SESSION_FAIL};
+constexpr Access ADMINISTRATOR{ADMIN_USER, ERR_SESSION_FAIL};
+constexpr Access ADMINISTRATOR_BY_NAME{ADMIN_USER, ERR_NOT_ADMIN_SESSION};  // tells a general user why
+
+// The work of one route on a request whose session is good enough: fills `response` and gives 0 or an ERROR_CODE.
+using Work = int (*)(const Request& request, JsonValue& response);
+
+// The frame of every handler: parses the request, checks its session, does the work, prints the one reply and frees the
+// form with its uploads. On a failure what the work has put into `response` is thrown away. The code of the reply.
+int serve(JsonValue& response, Access access, Work work);
+
+// One row of the route table.
+struct Route {
+  std::string_view path;  // matched exactly
+  int (*handler)(JsonValue& response);
+};
+
+}  // namespace cgi
+}  // namespace ormel

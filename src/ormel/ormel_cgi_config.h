@@ -1,0 +1,24 @@
+// The plain profile operations of the web API.
+#pragma once
+
+#include <memory>
+
+#include "ormel/config_record.h"
+#include "ormel/json.h"
+#include "ormel/types.h"
+
+namespace ormel::cgi::config {
+
+// Each answers one request; the code of the reply.
+int add(JsonValue& response);
+int show(JsonValue& response);
+int remove(JsonValue& response);
+int connect(JsonValue& response);
+int disconnect(JsonValue& response);
+
+// The type that a number or a name in any case means, NONE_TYPE if neither fits.
+[[nodiscard]] TYPE convert_type(const char* value);
+// A new record of that type with index 0, null for NONE_TYPE.
+[[nodiscard]] std::unique_ptr<ormel::config::BaseConfig> create_config(const char* value);
+
+}  // namespace ormel::cgi::config

@@ -1,0 +1,79 @@
+// A foreign profile through the rewriting: read, made ours, written, read back. Input: the text of the profile.
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <unistd.h>
+
+#include "ormel/ovpn.h"
+
+namespace {
+
+using ormel::option::ConfigFile;
+using ormel::option::OpenvpnRemotes;
+
+void require(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "does not hold: %s\n", what);
+  std::abort();
+}
+
+std::string scratch_path() {
+  std::string path = std::filesystem::temp_directory_path() / "ormel-profile-XXXXXX";
+  const int fd = mkstemp(path.data());
+  require(fd >= 0, "a file can be made");
+  close(fd);
+  return path;
+}
+
+// Rewrites a profile as a change of its settings does; the text that is written then.
+std::string rewrite(const std::string& text) {
+  static const std::string path = scratch_path();
+  ConfigFile cf;
+  cf.parse_content(text.c_str());
+  ormel::ovpn::ClientConfig record(1);
+  record.imported = true;
+  record.remotes = cf.get_all_remotes();
+  ormel::ovpn::ClientConfig::remove_incompatible(cf);
+  record.apply_base_option(cf);
+  record.override_compatible(cf);
+  require(cf.save(path.c_str(), true, record.remotes) == 0, "the profile can be written");
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// A bracket ends an inline block, so that a server with one in its words is not read again.
+bool readable(const std::string& text) {
+  ConfigFile cf;
+  cf.parse_content(text.c_str());
+  for (const OpenvpnRemotes& remote : cf.get_all_remotes()) {
+    std::string words = remote.remote_ip + remote.remote_port + remote.remote_proto;
+    for (const auto& [key, value] : remote.others) words += value;
+    if (words.find('<') != std::string::npos) return false;
+  }
+  return true;
+}
+
+bool has_line(const std::string& text, const std::string& line) {
+  return ("\n" + text).find("\n" + line + "\n") != std::string::npos;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+
+  const std::string first = rewrite(text);
+
+  require(has_line(first, "up /etc/openvpn/openvpn_up"), "the daemon runs our script");
+  require(has_line(first, "dev tun2001"), "the daemon has our interface");
+  require(first.find("\nuser ") == std::string::npos, "the daemon's user is not the profile's to choose");
+  if (!readable(text)) return 0;
+  // What one name with and without dashes has twice is once the next time.
+  const std::string second = rewrite(first);
+  require(rewrite(second) == second, "a change of nothing changes nothing");
+  return 0;
+}

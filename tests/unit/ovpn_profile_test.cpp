@@ -1,0 +1,231 @@
+#include "ormel/ovpn_profile.h"
+
+#include <ctime>
+#include <fstream>
+#include <iterator>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "ormel/error.h"
+
+namespace ormel::option {
+namespace {
+
+std::string describe(const ConfigFileOption& options) {
+  std::string out;
+  for (const FileOption& option : options) {
+    const bool block = option.type == INLINE_OPTION_TYPE;
+    out += (block ? "<" + option.name + ">" : option.name) + "=" + option.value + "|";
+  }
+  return out;
+}
+
+std::string describe(const OpenvpnRemotesOption& remotes) {
+  std::string out;
+  for (const OpenvpnRemotes& remote : remotes) {
+    out += remote.remote_ip + "," + remote.remote_port + "," + remote.remote_proto;
+    for (const auto& [key, value] : remote.others) out += "," + key + "=" + value;
+    out += "|";
+  }
+  return out;
+}
+
+struct ParseCase {
+  const char* what;
+  const char* text;
+  const char* options;
+  const char* remotes = "";
+};
+
+constexpr ParseCase PARSE_CASES[] = {
+    {"nothing", "", ""},
+    {"comments", "# a\n ;b\n\t#c", ""},
+    {"blank lines", "\r\n \t\n\n  \t ", ""},
+    {"line ends of any kind", "client\r\ndev tun\rnobind\n", "client=|dev=tun|nobind=|"},
+    {"blanks around", "  dev \t tun  0 \t\n", "dev=tun  0|"},
+    {"a later line replaces", "cipher A\ndev tun\ncipher B", "dev=tun|cipher=B|"},
+    {"repeatable lines stay", "route 1\nroute 2\nplugin a\nplugin b", "route=1|route=2|plugin=a|plugin=b|"},
+    {"a word of a repeatable name", "remote-cert-tls a\nremote-cert-tls b", "remote-cert-tls=a|remote-cert-tls=b|"},
+    {"leading dashes", "client 1\n--client 2", "client=1|client=2|"},
+    {"the plain name replaces the dashed one", "--client 1\nclient 2", "client=2|"},
+    {"the name is found anywhere in the line", "!%dev tun", "dev=tun|"},
+    {"a line without a name", "client\n!%&\ndev tun", ""},
+    {"a name of dashes alone", "client\n--- up /bin/sh", ""},
+    {"a block", "client\n<ca>\n A \n</ca>\ndev tun", "client=|<ca>=A|dev=tun|"},
+    {"a block on one line with more behind it", "<ca>A</ca> dev tun", "<ca>=A|dev=tun|"},
+    {"a later block replaces", "<ca>A</ca>\n<ca>B</ca>", "<ca>=B|"},
+    {"a block replaces a line", "ca x\n<ca>A</ca>", "<ca>=A|"},
+    {"a longer closing tag", "<ca>A</cax>", "<ca>=A|"},
+    {"a shorter closing tag", "client\n<cax>A</ca>", ""},
+    {"a broken block does not jump to the next one", "client\n<ca A\n<cert>B</cert>", ""},
+    {"a block with a bracket in it", "client\n<ca>A < B</ca>", ""},
+    {"a block that does not end", "client\n<ca>A", ""},
+    {"a tag that is no name", "client\n<->A</->", ""},
+    {"remotes", "remote a 1194 udp x\nclient\nremote b", "client=|", "a,1194,udp|b,,|"},
+    {"a dashed remote is an option", "--remote a", "remote=a|"},
+    {"remotes before a fault stay", "remote a\n%", "", "a,,|"},
+    {"a connection", "<connection>\n;x\nremote a 1 tcp\n float \nport  2 \nport 3\n</connection>\nclient", "client=|",
+     "a,1,tcp,float=,port=3|"},
+    {"a connection without a remote", "<connection>\n</connection>", "", ",,|"},
+    {"two remotes in a connection", "client\n<connection>\nremote a\nremote b\n</connection>", ""},
+    {"a fault in a connection", "client\n<connection>\n!\n</connection>", ""},
+    {"a tag that begins the word connection runs on to its end", "<conn>\nremote a\n</conn>\nclient\ndev tun",
+     "client=|dev=tun|", "a,,,client=,conn=>,dev=tun|"},
+    {"a remote on the closing tag's line", "<connection>\nremote a 1 udp</connection>\nclient", "client=|",
+     "a,1,udp</connection>,client=|"},
+};
+
+TEST(ConfigFileParse, ReadsLinesBlocksAndRemotes) {
+  for (const ParseCase& row : PARSE_CASES) {
+    SCOPED_TRACE(row.what);
+    ConfigFile cf;
+
+    EXPECT_EQ(cf.parse_content(row.text), NO_ERROR);
+
+    EXPECT_EQ(describe(cf.options), row.options);
+    EXPECT_EQ(describe(cf.get_all_remotes()), row.remotes);
+  }
+}
+
+std::string many(int count, const std::string& before, const std::string& behind) {
+  std::string out;
+  for (int number = 0; number < count; ++number) out += before + std::to_string(number) + behind;
+  return out;
+}
+
+// The bound is many times what these take, and far below what a walk over the list or the text for each line takes.
+TEST(ConfigFileParse, TakesTimeInProportionToTheText) {
+  const std::string names = many(50000, "n", " v\n");
+  const std::string texts[] = {
+      names,
+      names + names,
+      many(50000, "route ", "\n"),
+      many(40000, "<b", ">x</b>\n"),
+      many(40000, "<c>x", "</c>\n"),  // each would go over all that follow
+      "client " + std::string(5000000, 'x'),
+      "<ca>" + std::string(5000000, 'x') + "</ca>",
+  };
+  for (const std::string& text : texts) {
+    SCOPED_TRACE(text.substr(0, 20));
+    ConfigFile cf;
+    const std::clock_t start = std::clock();
+
+    cf.parse_content(text.c_str());
+
+    EXPECT_LT(std::clock() - start, 5 * CLOCKS_PER_SEC);
+  }
+}
+
+TEST(ConfigFileOptions, AreDeletedByNameAndStartOfTheValue) {
+  ConfigFile cf;
+  cf.parse_content("plugin /usr/lib/vpn_ext.so 7\nplugin other.so\nplugin-x /usr/lib/vpn_ext.so\nroute 1");
+
+  cf.del_option("plugin", "/usr/lib/vpn_ext.so");
+  cf.del_option("route", "");
+
+  EXPECT_EQ(describe(cf.options), "plugin=other.so|plugin-x=/usr/lib/vpn_ext.so|");
+  EXPECT_EQ(cf.get_option("plugin")->value, "other.so");
+  EXPECT_EQ(cf.get_option("route"), nullptr);
+}
+
+TEST(ConfigFileOptions, MoveToTheEndWhenReplaced) {
+  ConfigFile cf;
+  cf.parse_content("cipher A\ndev tun");
+
+  cf.add_option("cipher", "B", NORMAL_OPTION_TYPE, false);
+  cf.add_option("--dev", "tap", NORMAL_OPTION_TYPE, true);
+
+  EXPECT_EQ(describe(cf.options), "dev=tun|cipher=B|dev=tap|");
+}
+
+class ConfigFileSave : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string name = testing::TempDir() + "ormel-profile-XXXXXX";
+    ASSERT_NE(mkdtemp(name.data()), nullptr);
+    folder = name;
+    path = folder + "/client1";
+  }
+  void TearDown() override {
+    unlink(path.c_str());
+    rmdir(folder.c_str());
+  }
+  [[nodiscard]] std::string content() const {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  std::string folder;
+  std::string path;
+};
+
+TEST_F(ConfigFileSave, SortsAndPutsTheServersBeforeTheCertificate) {
+  ConfigFile cf;
+  cf.parse_content("<key>K</key>\nroute 2\nnobind\n<ca>A</ca>\nroute 1\nremote a 1 udp\nremote b 2 tcp");
+  OpenvpnRemotesOption remotes = cf.get_all_remotes();
+  remotes[0].others = {{"socks-proxy", "x"}, {"float", ""}};
+
+  ASSERT_EQ(cf.save(path.c_str(), true, remotes), NO_ERROR);
+
+  EXPECT_EQ(content(),
+            "nobind\nroute 2\nroute 1\n"
+            "\n<connection>\nremote a 1 udp\nfloat \nsocks-proxy x\n</connection>\n"
+            "\n<connection>\nremote b 2 tcp\n</connection>\n"
+            "\n<ca>\nA\n</ca>\n"
+            "\n<key>\nK\n</key>\n\n");
+}
+
+TEST_F(ConfigFileSave, WritesNoServersWithoutACertificate) {
+  ConfigFile cf;
+  cf.parse_content("verb 3\nclient\nremote a");
+
+  ASSERT_EQ(cf.save(path.c_str(), false, cf.get_all_remotes()), NO_ERROR);
+
+  EXPECT_EQ(content(), "verb 3\nclient\n");
+}
+
+TEST_F(ConfigFileSave, MakesTheFilePrivateAndReplacesWhatItHeld) {
+  std::ofstream(path) << "something longer than what is written";
+  chmod(path.c_str(), 0644);
+  ConfigFile cf;
+  cf.parse_content("client");
+
+  ASSERT_EQ(cf.save(path.c_str(), true, {}), NO_ERROR);
+
+  struct stat status {};
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600U);
+  EXPECT_EQ(content(), "client\n");
+}
+
+TEST_F(ConfigFileSave, ReportsWhatCannotBeWritten) {
+  ASSERT_EQ(symlink("elsewhere", path.c_str()), 0);
+  ConfigFile cf;
+  cf.parse_content("client");
+  for (const std::string& target : {folder, folder + "/no/client1", std::string("/dev/full"), path}) {
+    testing::internal::CaptureStderr();
+
+    EXPECT_EQ(cf.save(target.c_str(), true, {}), ERR_SAVE_FILE);
+
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error: " + target + "\n");
+  }
+}
+
+TEST_F(ConfigFileSave, OnlyRegularFilesAreLoaded) {
+  std::ofstream(path) << "client";
+  const std::string link = folder + "/link";
+  ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
+  ConfigFile cf;
+
+  EXPECT_EQ(cf.load(path.c_str()), NO_ERROR);
+  for (const std::string& other : {folder, link, folder + "/none", std::string("/dev/zero")})
+    EXPECT_EQ(cf.load(other.c_str()), ERR_REGULAR_FILE) << other;
+
+  EXPECT_EQ(describe(cf.options), "client=|");
+  unlink(link.c_str());
+}
+
+}  // namespace
+}  // namespace ormel::option

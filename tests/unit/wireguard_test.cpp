@@ -1,0 +1,415 @@
+// The WireGuard driver against a scripted tool: no interface is touched, and the peers live in a folder of the test.
+#include "ormel/wireguard.h"
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "ormel/config_pool.h"
+#include "ormel/error.h"
+#include "ormel/pptp.h"
+#include "ormel/system_log.h"
+#include "ormel/wireguard_key.h"
+#include "ormel/wireguard_peers.h"
+#include "ormel/wireguard_tool.h"
+#include "support/scripted_bus.h"
+
+namespace ormel::wireguard {
+namespace {
+
+// Keys of 32 equal bytes.
+const std::string KEY_A = "AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
+const std::string KEY_B = "AQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQE=";
+const std::string KEY_C = "AgICAgICAgICAgICAgICAgICAgICAgICAgICAgICAgI=";
+
+// A folder of its own, a tool that makes KEY_B and KEY_C and takes every other command, and no log.
+class WireGuard : public testing::Test {
+ protected:
+  WireGuard() {
+    __cur_level__ = ORMELLOG_NOLOG;
+    std::string path = "/tmp/wireguard_test.XXXXXX";
+    root = mkdtemp(path.data());
+    folder = root / "deep" / "wireguard";
+    bus.run = [this](const test::ProgramCall& call, std::string& output) {
+      if (call.argv.at(1) == "genkey") output = KEY_B + '\n';
+      if (call.argv.at(1) == "pubkey") output = KEY_C + '\n';
+      if (call.argv.at(1) == "show") output = status;
+      return tool_status;
+    };
+  }
+  ~WireGuard() override {
+    std::filesystem::remove_all(root);
+    config::cm.config_pool.clear();
+    __cur_level__ = ORMELLOG_DEBUG;
+  }
+
+  ServerConfig server_with(const std::string& ip, const std::string& pub_key) const {
+    ServerConfig server(0);
+    server.folder = folder;
+    server.server_ip = "198.18.7.1";
+    server.peer_name = "phone";
+    server.peer_allow_ip = ip;
+    server.peer_allow_ip_mask = "32";
+    server.peer_pub_key = pub_key;
+    return server;
+  }
+  void add(const std::string& ip, const std::string& pub_key) {
+    ASSERT_EQ(server_with(ip, pub_key).add_peer(), NO_ERROR);
+  }
+  void write_peers(const std::string& text) {
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder / "server_peers.conf") << text;
+  }
+  [[nodiscard]] std::string stored(const char* section, const char* key) const {
+    const Conf conf{Conf_Dir_Load((folder / "server_peers.conf").c_str())};
+    return Conf_Dir_Get_Str(conf.get(), section, key, "(none)");
+  }
+  [[nodiscard]] std::string counts() const {
+    return stored("global", "peers_num") + '/' + stored("global", "max_index");
+  }
+  static mode_t mode(const std::filesystem::path& path) {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
+  }
+
+  std::filesystem::path root;
+  std::filesystem::path folder;  // does not exist at first
+  std::string status;            // what "wg show" prints
+  int tool_status = 0;
+  test::ScriptedBus bus;
+};
+
+TEST(WireGuardKey, IsTheTextOfThirtyTwoBytes) {
+  const std::string digits(42, 'x');
+  for (const std::string& key : {KEY_A, KEY_B, KEY_C, digits + "8="}) EXPECT_TRUE(is_key(key)) << key;
+  for (const std::string& text : {std::string(), digits + "9=", digits + "88", digits + "=", digits + "8==",
+                                  digits + "8=\n", std::string(42, '-') + "8=", std::string(65536, 'A')}) {
+    EXPECT_FALSE(is_key(text)) << text.substr(0, 50);
+  }
+}
+
+TEST_F(WireGuard, AKeyReachesTheToolOnItsStandardInputAlone) {
+  std::string pub_key;
+  ASSERT_EQ(server_gen_pri_pub_keys(KEY_A, nullptr, pub_key), NO_ERROR);
+
+  EXPECT_EQ(pub_key, KEY_C);
+  ASSERT_EQ(bus.programs.size(), 1U);
+  EXPECT_EQ(bus.programs[0].command(), "/usr/bin/wg pubkey");
+  EXPECT_EQ(bus.programs[0].input, KEY_A);
+}
+
+TEST_F(WireGuard, AnEmptyKeyIsReplacedByANewPair) {
+  JsonValue doc;
+  std::string pub_key;
+  ASSERT_EQ(server_gen_pri_pub_keys("", &doc, pub_key), NO_ERROR);
+
+  std::string text;
+  doc.toString(text);
+  EXPECT_EQ(text, "{\"pri_key\":\"" + KEY_B + "\",\"pub_key\":\"" + KEY_C + "\"}");
+  EXPECT_EQ(bus.programs.back().input, KEY_B);
+
+  ServerConfig server(0);
+  EXPECT_EQ(server.check_config_value(), NO_ERROR);
+  EXPECT_EQ(server.server_pri_key, KEY_B);
+  EXPECT_EQ(server.server_pub_key, KEY_C);
+}
+
+TEST_F(WireGuard, NoKeyIsGoodWithoutTheTool) {
+  tool_status = -1;
+  std::string pub_key = "as it was";
+
+  for (const std::string& key : {std::string(), KEY_A}) {
+    EXPECT_EQ(server_gen_pri_pub_keys(key, nullptr, pub_key), ERR_CMD_FAILED);
+  }
+  EXPECT_EQ(check_key(KEY_A), ERR_CMD_FAILED);
+  EXPECT_EQ(check_key(""), ERR_CMD_FAILED);
+  EXPECT_EQ(pub_key, "as it was");
+}
+
+constexpr const char* SHOWN =
+    "interface: wg0\n  public key: x\n  listening port: 51820\n\n"
+    "peer: AAAA\n  endpoint: 192.0.2.7:40000\n  allowed ips: 198.18.7.2/32\n"
+    "  latest handshake: 1 minute, 2 seconds ago\n  transfer: 1.20 KiB received, 3.40 MiB sent\n\n"
+    "peer: BBBB\n  allowed ips: (none)\n\n"
+    "peer: CCCC\n  allowed ips: 198.18.7.4/32\n  transfer: nonsense\n  latest handshake: too late\n";
+
+TEST(WireGuardStatus, TakesTheLinesOfOnePeerOnly) {
+  const struct {
+    const char* key;
+    PeerStatus expected;
+  } rows[] = {
+      {"AAAA", {"198.18.7.2/32", "1 minute, 2 seconds ago", "1.20 KiB", "3.40 MiB"}},
+      {"BBBB", {"(none)", "", "", ""}},
+      {"CCCC", {"198.18.7.4/32", "", "", ""}},
+      {"DDDD", {}},
+      {"", {"198.18.7.2/32", "1 minute, 2 seconds ago", "1.20 KiB", "3.40 MiB"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.key);
+    const PeerStatus found = peer_status(SHOWN, row.key);
+    EXPECT_EQ(found.allowed_ips, row.expected.allowed_ips);
+    EXPECT_EQ(found.latest_handshake, row.expected.latest_handshake);
+    EXPECT_EQ(found.rx_total, row.expected.rx_total);
+    EXPECT_EQ(found.tx_total, row.expected.tx_total);
+  }
+}
+
+TEST_F(WireGuard, AFreedIndexIsUsedAgainBeforeANewOne) {
+  for (const char* ip : {"198.18.7.2", "198.18.7.3", "198.18.7.4"}) add(ip, ip);
+  ServerConfig server = server_with("198.18.7.9", KEY_A);
+  EXPECT_EQ(counts(), "3/3");
+
+  EXPECT_EQ(server.delete_peer(2), NO_ERROR);
+  EXPECT_EQ(counts(), "2/3");
+  EXPECT_EQ(PeerFile(folder).next_index(), 2);
+  EXPECT_EQ(server.delete_peer(2), ERR_VALUE);  // it is gone
+
+  EXPECT_EQ(server.add_peer(), NO_ERROR);
+  EXPECT_EQ(stored("PEER2", "allow_ip"), "198.18.7.9");
+  EXPECT_EQ(counts(), "3/3");
+
+  EXPECT_EQ(server.delete_peer(2), NO_ERROR);
+  EXPECT_EQ(server.delete_peer(3), NO_ERROR);
+  EXPECT_EQ(counts(), "1/1");
+  EXPECT_EQ(server.delete_peer(1), NO_ERROR);
+  EXPECT_EQ(counts(), "0/0");
+}
+
+TEST_F(WireGuard, ADamagedPeerFileIsSurvivedAndPutInOrder) {
+  write_peers(
+      "[global]\npeers_num = -7\nmax_index = 2147483647\n[PEER1]\nallow_ip = 198.18.7.2\n[PEER3]\n= x\n\x01\xff");
+  add("198.18.7.3", KEY_A);
+  EXPECT_EQ(stored("PEER2", "pub_key"), KEY_A);
+
+  ServerConfig server = server_with("198.18.7.3", KEY_A);
+  EXPECT_EQ(server.delete_peer(2), NO_ERROR);
+  EXPECT_EQ(stored("global", "max_index"), "1");
+
+  write_peers("[global]\npeers_num = 99999\nmax_index = 99999\n");
+  add("198.18.7.3", KEY_A);
+  EXPECT_EQ(stored("PEER1", "pub_key"), KEY_A);
+}
+
+TEST_F(WireGuard, PeersMoveToTheServersNetworkInIndexOrder) {
+  const config::PolyConfig before{std::make_unique<ServerConfig>(server_with("", ""))};
+  config::cm.update(&before);
+  write_peers(
+      "[global]\npeers_num = 3\nmax_index = 5\n[PEER5]\nallow_ip = 198.18.7.2\n[PEER1]\nallow_ip = 198.18.7.77\n"
+      "[PEER2]\nallow_ip =\n[PEER3]\nallow_ip = 198.18.7.3\n");
+
+  ServerConfig server = server_with("", "");
+  EXPECT_EQ(server.modify_peers_ip(), NO_ERROR);
+  EXPECT_EQ(stored("PEER1", "allow_ip"), "198.18.7.77");  // the address is still the same
+
+  server.server_ip = "10.9.0.1";
+  EXPECT_EQ(server.modify_peers_ip(), NO_ERROR);
+  const char* expected[][2] = {{"PEER1", "10.9.0.2"}, {"PEER2", ""}, {"PEER3", "10.9.0.3"}, {"PEER5", "10.9.0.4"}};
+  for (const auto& [section, address] : expected) EXPECT_EQ(stored(section, "allow_ip"), address) << section;
+}
+
+TEST_F(WireGuard, APeersValuesAreCheckedAgainstServerAndOtherPeers) {
+  add("198.18.7.2", KEY_A);
+  add("198.18.7.3", KEY_B);
+  const struct {
+    int index;
+    std::string ip, pub_key, psk;
+    int expected;
+  } rows[] = {
+      {0, "198.18.7.4", KEY_C, "", NO_ERROR},
+      {0, "198.18.7.4", KEY_C, KEY_A, NO_ERROR},
+      {2, "198.18.7.3", KEY_B, "", NO_ERROR},  // its own values
+      {3, "198.18.7.4", KEY_C, "", ERR_VALUE},
+      {0, "198.18.7.4", "", "", ERR_CMD_FAILED},
+      {0, "198.18.7.4", "remove", "", ERR_CMD_FAILED},
+      {0, "198.18.7.4", KEY_C, "short", ERR_VALUE},
+      {0, "198.18.7.1", KEY_A, "", ERR_IP_POOL_CONFLICT},
+      {0, "198.18.7.3", KEY_C, "", ERR_IP_POOL_CONFLICT},
+      {1, "198.18.7.2", KEY_B, "", ERR_WIREGUARD_PEER_PUB_KEY_CONFLICT},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::to_string(row.index) + ' ' + row.ip + ' ' + row.pub_key + ' ' + row.psk);
+    ServerConfig server = server_with(row.ip, row.pub_key);
+    server.psk = row.psk;
+    EXPECT_EQ(server.check_peer_value(row.index), row.expected);
+  }
+}
+
+TEST_F(WireGuard, APeerIsInstalledWithItsSecretInAFileOfItsOwner) {
+  ServerConfig server = server_with("198.18.7.2", KEY_A);
+  server.psk = KEY_B;
+  server.peer_endpoint = "host:1";
+  server.keepalive = 25;
+
+  ASSERT_EQ(server.enable_peer(0), NO_ERROR);
+  const std::string psk_file = folder / "peer_psk1";
+  EXPECT_EQ(bus.programs.back().command(), "/usr/bin/wg set wg0 peer " + KEY_A + " allowed-ips 198.18.7.2/32" +
+                                               " preshared-key " + psk_file +
+                                               " endpoint host:1 persistent-keepalive 25");
+  std::stringstream secret;
+  secret << std::ifstream(psk_file).rdbuf();
+  EXPECT_EQ(secret.str(), KEY_B);
+
+  ASSERT_EQ(server.add_peer(), NO_ERROR);
+  EXPECT_EQ(mode(psk_file), 0600U);
+  EXPECT_EQ(mode(folder / "server_peers.conf"), 0600U);
+  EXPECT_EQ(mode(folder), 0700U);
+  EXPECT_EQ(server.delete_peer(1), NO_ERROR);
+  EXPECT_FALSE(std::filesystem::exists(psk_file));
+}
+
+TEST_F(WireGuard, AnEditedPeerGivesUpItsOldKeyFirst) {
+  add("198.18.7.2", KEY_A);
+  ServerConfig server = server_with("198.18.7.3", KEY_B);
+
+  EXPECT_EQ(server.enable_peer(1), NO_ERROR);
+  ASSERT_EQ(bus.programs.size(), 2U);
+  EXPECT_EQ(bus.programs[0].command(), "/usr/bin/wg set wg0 peer " + KEY_A + " remove");
+  EXPECT_EQ(bus.programs[1].command(), "/usr/bin/wg set wg0 peer " + KEY_B + " allowed-ips 198.18.7.3/32");
+  EXPECT_EQ(server.modify_peer(1), NO_ERROR);
+  EXPECT_EQ(stored("PEER1", "pub_key"), KEY_B);
+  EXPECT_EQ(counts(), "1/1");
+
+  tool_status = 1;
+  EXPECT_EQ(server.enable_peer(1), ERR_CMD_FAILED);
+  EXPECT_EQ(server.enable_peer(0), ERR_CMD_FAILED);
+  EXPECT_EQ(server.disable_peer(1), ERR_WIREGUARD_SERVER_DELETE_PEER);
+  EXPECT_EQ(server.disable_peer(2), NO_ERROR);  // nothing is installed there
+}
+
+TEST_F(WireGuard, APeerFileThatCannotBeWrittenIsReported) {
+  std::ofstream(root / "deep") << "a file where the folder should be";
+  ServerConfig server = server_with("198.18.7.2", KEY_A);
+  server.psk = KEY_B;
+
+  EXPECT_EQ(server.add_peer(), ERR_SAVE_CONFIG);
+  EXPECT_EQ(server.modify_peer(1), ERR_SAVE_CONFIG);
+  EXPECT_EQ(server.enable_peer(0), ERR_CMD_FAILED);
+  EXPECT_TRUE(bus.programs.empty());
+}
+
+TEST_F(WireGuard, ShowsPeersWithWhatTheToolKnowsOfThem) {
+  const auto shown = [this] {
+    JsonValue out;
+    ServerConfig server = server_with("", "");
+    server.show(ADMIN_USER, &out);
+    std::string text;
+    out.toString(text);
+    return text;
+  };
+  EXPECT_NE(shown().find("\"peers\":[]"), std::string::npos);
+  EXPECT_TRUE(bus.programs.empty());
+
+  add("198.18.7.2", "AAAA");
+  write_peers(R"([global]
+max_index = 3
+[PEER1]
+pub_key = AAAA
+allow_ip = 198.18.7.99
+[PEER3]
+pub_key = DDDD
+)");
+  status = SHOWN;
+  const std::string text = shown();
+  EXPECT_EQ(bus.programs.back().command(), "/usr/bin/wg show wg0");
+  for (const char* part : {R"("index":1,"keepalive":"0","latest_handshake":"1 minute, 2 seconds ago")",
+                           R"("peer_allow_ip":"198.18.7.2/32")", R"("rx_total":"1.20 KiB","tx_total":"3.40 MiB")",
+                           R"("index":3,"keepalive":"0","latest_handshake":"","peer_allow_ip":"")"}) {
+    EXPECT_NE(text.find(part), std::string::npos) << part << " in " << text;
+  }
+}
+
+ClientConfig usable_client() {
+  ClientConfig client(1);
+  client.name = client.client_name = "home";
+  client.client_pri_key = KEY_A;
+  client.client_ip = "10.0.0.9";
+  client.client_mask = 32;
+  client.client_mask_str = "255.255.255.255";
+  client.peer_pub_key = KEY_B;
+  client.peer_endpoint = "203.0.113.1:51820";
+  return client;
+}
+
+TEST_F(WireGuard, AClientIsVerifiedInOrder) {
+  const struct {
+    const char* what;
+    void (*spoil)(ClientConfig&);
+    int expected;
+  } rows[] = {
+      {"nothing", [](ClientConfig&) {}, NO_ERROR},
+      {"name before mask", [](ClientConfig& c) { c.client_name.clear(), c.port = -1; }, ERR_VALUE},
+      {"mask before port", [](ClientConfig& c) { c.client_mask = 24, c.port = -1; }, ERR_VALUE},
+      {"port", [](ClientConfig& c) { c.port = 65536; }, ERR_PORT_NUMBER},
+      {"last port", [](ClientConfig& c) { c.port = 65535; }, NO_ERROR},
+      {"index", [](ClientConfig& c) { c.index = 33; }, ERR_MAX_CONFIGS},
+      {"address", [](ClientConfig& c) { c.client_ip = "10.0.0.256"; }, ERR_VALUE},
+      {"endpoint", [](ClientConfig& c) { c.peer_endpoint = std::string(65536, 'h'); }, ERR_VALUE},
+      {"private key", [](ClientConfig& c) { c.client_pri_key = "x"; }, ERR_VALUE},
+      {"public key", [](ClientConfig& c) { c.peer_pub_key = "x"; }, ERR_VALUE},
+      {"pre-shared key", [](ClientConfig& c) { c.psk = "x"; }, ERR_VALUE},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    ClientConfig client = usable_client();
+    row.spoil(client);
+    EXPECT_EQ(client.verify(), row.expected);
+  }
+  ClientConfig client = usable_client();
+  ASSERT_EQ(client.verify(), NO_ERROR);
+  EXPECT_EQ(client.client_pub_key + ' ' + client.domain_ip + ' ' + client.domain_port, KEY_C + " 203.0.113.1 51820");
+}
+
+TEST_F(WireGuard, AClientShowsKeysToAnAdministratorOnly) {
+  status = SHOWN;
+  for (const USER_TYPE who : {GENERAL_USER, ADMIN_USER}) {
+    JsonValue out;
+    ClientConfig client = usable_client();
+    client.enable = true;
+    client.show(who, &out);
+    std::string text;
+    out.toString(text);
+    const bool admin = who == ADMIN_USER;
+    for (const char* part : {"\"client_pri_key\":", "\"psk\":", "\"rx_total\":\"1.20 KiB\"", "\"status\":1"}) {
+      EXPECT_EQ(text.find(part) != std::string::npos, admin) << part << " in " << text;
+    }
+  }
+  EXPECT_EQ(bus.programs.back().command(), "/usr/bin/wg show wgc3001");
+}
+
+TEST_F(WireGuard, AClientKeepsClearOfTheServersThatAreOn) {
+  auto pptp = std::make_unique<pptp::ServerConfig>(0);
+  pptp->enable = true;
+  pptp->ip_begin = "10.0.0.2";
+  const config::PolyConfig pptp_server{std::move(pptp)};
+  auto own = std::make_unique<ServerConfig>(0);
+  own->enable = true;
+  own->port = 51820;
+  own->server_ip = "10.9.0.1";
+  own->server_mask_str = "255.255.0.0";
+  const config::PolyConfig wireguard_server{std::move(own)};
+  config::cm.update(&pptp_server);
+  config::cm.update(&wireguard_server);
+
+  const struct {
+    const char* ip;
+    int port;
+    int expected;
+  } rows[] = {
+      {"10.0.0.254", 1, ERR_IP_POOL_CONFLICT},
+      {"10.0.1.1", 1, NO_ERROR},
+      {"10.9.200.1", 1, ERR_IP_POOL_CONFLICT},
+      {"10.0.1.1", 51820, ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE},
+      {"10.0.0.254", 51820, ERR_IP_POOL_CONFLICT},  // the pools come first
+      {"nonsense", 1, NO_ERROR},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.ip) + ' ' + std::to_string(row.port));
+    EXPECT_EQ(check_client_with_server_ip_pool_and_port(row.ip, "255.255.255.255", row.port), row.expected);
+  }
+}
+
+}  // namespace
+}  // namespace ormel::wireguard
