@@ -91,11 +91,12 @@ void set_login(ConfigFile& cf, bool needed) {
   }
 }
 
+// Trimmed, as the list is when it is read again: it must be found in it then.
 std::vector<std::string> cipher_candidates(const std::string& cipher) {
   std::vector<std::string> candidates;
   for (size_t begin = 0; begin < cipher.size();) {
     const size_t end = std::min(cipher.find(':', begin), cipher.size());
-    candidates.push_back(cipher.substr(begin, end - begin));
+    candidates.push_back(option::ntrim(cipher.data() + begin, static_cast<unsigned int>(end - begin)));
     begin = end + 1;
   }
   candidates.insert(candidates.end(), std::begin(DATA_CIPHERS), std::end(DATA_CIPHERS));

@@ -6,6 +6,9 @@
 
 namespace ormel::system {
 
+// A line in the name of the function that made the call.
+#define LOG_FOR(function, ...) log_line(ORMELLOG_ERROR, __FILE_NAME__, __LINE__, function, __VA_ARGS__)
+
 namespace {
 
 const std::string REPLACEMENT_CHARACTER = "\xef\xbf\xbd";  // U+FFFD in UTF-8
@@ -65,23 +68,23 @@ BusReply bus_call(const char* function, const char* service, const char* method,
     return {ERR_MIB_IO_FAILED, nullptr};
   }
   if (const int rc = mib_call(service, method, io.get(), timeout, BUS_FLAG); rc != MIB_SUCCESS) {
-    ORMEL_LOG(ERROR, "%s: mib_call failed ret:%d\n", function, rc);
+    LOG_FOR(function, "%s: mib_call failed ret:%d\n", function, rc);
     return {ERR_MIB_CALL_FAILED, nullptr};
   }
 
   json_error_t error{};
   Json root = parse(io, error);
   if (!json_is_object(root.get())) {
-    ORMEL_LOG(ERROR, "%s: root isn't an object. %d: %s\n", function, error.line, error.text);
+    LOG_FOR(function, "%s: root isn't an object. %d: %s\n", function, error.line, error.text);
     return {ERR_WRONG_JSON_FORMAT, nullptr};
   }
   const json_t* code = json_object_get(root.get(), "error");
   if (!json_is_integer(code)) {
-    ORMEL_LOG(ERROR, "%s: val isn't an integer. %d: %s\n", function, error.line, error.text);
+    LOG_FOR(function, "%s: val isn't an integer. %d: %s\n", function, error.line, error.text);
     return {ERR_WRONG_JSON_FORMAT, nullptr};
   }
   if (json_integer_value(code) != 0) {
-    ORMEL_LOG(ERROR, "%s: %s.%s failed %s\n", function, service, method, indented(root.get()).c_str());
+    LOG_FOR(function, "%s: %s.%s failed %s\n", function, service, method, indented(root.get()).c_str());
     return {ERR_MIB_API_RET_ERROR, std::move(root)};
   }
   return {NO_ERROR, std::move(root)};

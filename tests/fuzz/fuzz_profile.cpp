@@ -21,17 +21,26 @@ void require(bool holds, const char* what) {
   std::abort();
 }
 
-std::string scratch_path() {
-  std::string path = std::filesystem::temp_directory_path() / "ormel-profile-XXXXXX";
-  const int fd = mkstemp(path.data());
-  require(fd >= 0, "a file can be made");
-  close(fd);
-  return path;
-}
+// The file that profiles are written to, gone at the end.
+class ScratchFile {
+ public:
+  ScratchFile() : path_(std::filesystem::temp_directory_path() / "ormel-profile-XXXXXX") {
+    const int fd = mkstemp(path_.data());
+    require(fd >= 0, "a file can be made");
+    close(fd);
+  }
+  ScratchFile(const ScratchFile&) = delete;
+  ScratchFile& operator=(const ScratchFile&) = delete;
+  ~ScratchFile() { unlink(path_.c_str()); }
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
 
 // Rewrites a profile as a change of its settings does; the text that is written then.
 std::string rewrite(const std::string& text) {
-  static const std::string path = scratch_path();
+  static const ScratchFile scratch;
   ConfigFile cf;
   cf.parse_content(text.c_str());
   ormel::ovpn::ClientConfig record(1);
@@ -40,8 +49,8 @@ std::string rewrite(const std::string& text) {
   ormel::ovpn::ClientConfig::remove_incompatible(cf);
   record.apply_base_option(cf);
   record.override_compatible(cf);
-  require(cf.save(path.c_str(), true, record.remotes) == 0, "the profile can be written");
-  std::ifstream file(path, std::ios::binary);
+  require(cf.save(scratch.path().c_str(), true, record.remotes) == 0, "the profile can be written");
+  std::ifstream file(scratch.path(), std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
@@ -57,8 +66,8 @@ bool readable(const std::string& text) {
   return true;
 }
 
-bool has_line(const std::string& text, const std::string& line) {
-  return ("\n" + text).find("\n" + line + "\n") != std::string::npos;
+bool has(const std::string& lines, const std::string& start_of_line) {
+  return lines.find("\n" + start_of_line) != std::string::npos;
 }
 
 }  // namespace
@@ -68,9 +77,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   const std::string first = rewrite(text);
 
-  require(has_line(first, "up /etc/openvpn/openvpn_up"), "the daemon runs our script");
-  require(has_line(first, "dev tun2001"), "the daemon has our interface");
-  require(first.find("\nuser ") == std::string::npos, "the daemon's user is not the profile's to choose");
+  const std::string lines = "\n" + first.substr(0, first.find("\n<"));  // the blocks stand behind them
+  require(has(lines, "up /etc/openvpn/openvpn_up"), "the daemon runs our script");
+  require(has(lines, "dev tun2001"), "the daemon has our interface");
+  require(!has(lines, "user ") && !has(lines, " "), "the daemon's user is not the profile's to choose");
   if (!readable(text)) return 0;
   // What one name with and without dashes has twice is once the next time.
   const std::string second = rewrite(first);

@@ -6,7 +6,6 @@
 #include "ormel/error.h"
 #include "ormel/factory_psk.h"
 #include "ormel/l2tp.h"
-#include "ormel/system_log.h"
 #include "support/scripted_bus.h"
 
 namespace ormel::drovik {
@@ -14,8 +13,7 @@ namespace {
 
 class DrovikBus : public testing::Test {
  protected:
-  DrovikBus() { __cur_level__ = ORMELLOG_NOLOG; }
-  ~DrovikBus() override { __cur_level__ = ORMELLOG_DEBUG; }
+  void TearDown() override { config::cm.config_pool.clear(); }
 
   test::ScriptedBus bus;
 };
@@ -79,8 +77,6 @@ TEST_F(DrovikBus, NoBytesWithoutAUsableReply) {
 
 class DrovikClient : public DrovikBus {
  protected:
-  ~DrovikClient() override { config::cm.config_pool.clear(); }
-
   static ClientConfig usable(int slot) {
     ClientConfig record(slot);
     record.name = "office";

@@ -11,7 +11,6 @@
 #include "ormel/config_pool.h"
 #include "ormel/error.h"
 #include "ormel/pptp.h"
-#include "ormel/system_log.h"
 #include "ormel/wireguard_key.h"
 #include "ormel/wireguard_peers.h"
 #include "ormel/wireguard_tool.h"
@@ -25,11 +24,10 @@ const std::string KEY_A = "AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
 const std::string KEY_B = "AQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQEBAQE=";
 const std::string KEY_C = "AgICAgICAgICAgICAgICAgICAgICAgICAgICAgICAgI=";
 
-// A folder of its own, a tool that makes KEY_B and KEY_C and takes every other command, and no log.
+// A folder of its own, and a tool that makes KEY_B and KEY_C and takes every other command.
 class WireGuard : public testing::Test {
  protected:
-  WireGuard() {
-    __cur_level__ = ORMELLOG_NOLOG;
+  void SetUp() override {
     std::string path = "/tmp/wireguard_test.XXXXXX";
     root = mkdtemp(path.data());
     folder = root / "deep" / "wireguard";
@@ -40,10 +38,9 @@ class WireGuard : public testing::Test {
       return tool_status;
     };
   }
-  ~WireGuard() override {
+  void TearDown() override {
     std::filesystem::remove_all(root);
     config::cm.config_pool.clear();
-    __cur_level__ = ORMELLOG_DEBUG;
   }
 
   ServerConfig server_with(const std::string& ip, const std::string& pub_key) const {

@@ -37,12 +37,13 @@ struct cgi_parser {
 
   int fupload = -1;           // the open upload, -1 if none
   char* boundary = nullptr;   // "--" and the boundary of the body; null if it is not a multipart one
-  std::string upload_data;    // of the open upload, gathered for the next write
   off_t fupload_size = 0;     // bytes of the open upload
   size_t content_length = 0;  // taken so far, up to CGI_CONTENT_LIMIT; what the client announces is not believed
   cgi_settings settings;
   cgi_var* var_list = nullptr;  // the head; null if it could not be allocated
   cgi_var* current_var = nullptr;
+
+  std::string upload_data;  // of the open upload, gathered for the next write
 
   // The variables of the list by name. A walk for each of 100,000 variables would cost minutes; an ordered set, unlike
   // a hash table, cannot be slowed down by chosen names.

@@ -17,7 +17,7 @@
 
 class CgiRequestTest : public testing::Test {
  protected:
-  ~CgiRequestTest() override {
+  void TearDown() override {
     for (const char* name : {"CONTENT_TYPE", "CONTENT_LENGTH", "QUERY_STRING"}) unsetenv(name);
     EXPECT_TRUE(folder.empty()) << "a temporary file remains";
     EXPECT_EQ(fuzz::lowest_free_descriptor(), free_descriptor);

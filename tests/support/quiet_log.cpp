@@ -1,0 +1,8 @@
+// Unit tests leave no lines in the host's log.
+#include "ormel/system_log.h"
+
+namespace {
+
+[[maybe_unused]] const int quiet = ormel::__cur_level__ = ormel::ORMELLOG_NOLOG;
+
+}  // namespace

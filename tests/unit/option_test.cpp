@@ -1,0 +1,389 @@
+#include "ormel/option.h"
+
+#include <cstring>
+
+#include <gtest/gtest.h>
+
+#include "ormel/config_pool.h"
+#include "ormel/drovik.h"
+#include "ormel/error.h"
+#include "ormel/l2tp.h"
+#include "ormel/openssl.h"
+#include "ormel/option_apply.h"
+#include "ormel/ovpn.h"
+#include "ormel/pptp.h"
+#include "ormel/wireguard.h"
+
+namespace ormel::option {
+namespace {
+
+using config::ClientConfig;
+using config::cm;
+using config::PolyConfig;
+
+constexpr int WIREGUARD = WIREGUARD_SERVER_TYPE | WIREGUARD_CLIENT_TYPE;
+constexpr int OPENVPN = OVPN_SERVER_TYPE | OVPN_CLIENT_TYPE;
+constexpr int DROVIK = DROVIK_SERVER_TYPE | DROVIK_CLIENT_TYPE;
+constexpr int PPP = PPTP_SERVER_TYPE | PPTP_CLIENT_TYPE | L2TP_SERVER_TYPE | L2TP_CLIENT_TYPE;
+constexpr TYPE TYPES[] = {PPTP_SERVER_TYPE,      L2TP_SERVER_TYPE,     OVPN_SERVER_TYPE, DROVIK_SERVER_TYPE,
+                          WIREGUARD_SERVER_TYPE, PPTP_CLIENT_TYPE,     L2TP_CLIENT_TYPE, OVPN_CLIENT_TYPE,
+                          DROVIK_CLIENT_TYPE,    WIREGUARD_CLIENT_TYPE};
+
+class OptionTest : public testing::Test {
+ protected:
+  // Every test has the pool of a fresh appliance with one profile of each client type.
+  void SetUp() override {
+    cm.config_pool.clear();
+    for (const TYPE type : TYPES) {
+      PolyConfig record(config::make_record(type, is_client(type) ? 1 : 0));
+      if (!is_client(type)) record.cast<config::ServerConfig>()->ip_begin = "10." + std::to_string(type) + ".0.2";
+      cm.update(&record);
+    }
+    auto* wireguard = cm.fetch(WIREGUARD_SERVER_TYPE, 0)->cast<wireguard::ServerConfig>();
+    wireguard->server_ip = "198.18.7.1";
+    wireguard->server_mask_str = "255.255.255.0";
+  }
+  void TearDown() override { cm.config_pool.clear(); }
+
+  // Parses a command line; what was printed goes to `errors`.
+  std::unique_ptr<PolyConfig> parse(std::vector<std::string> words) {
+    words.insert(words.begin(), "/usr/sbin/ormel");
+    std::vector<char*> argv;
+    for (std::string& word : words) argv.push_back(word.data());
+    argv.push_back(nullptr);
+    testing::internal::CaptureStderr();
+    auto record = get_options(static_cast<int>(words.size()), argv.data());
+    errors = testing::internal::GetCapturedStderr();
+    return record;
+  }
+
+  // Applies one option by its name to a record.
+  int apply(PolyConfig& record, const std::string& name, const char* value) {
+    testing::internal::CaptureStderr();
+    int rc = -100;
+    for (const CommandOption* row = COMMAND_OPTIONS; row->fpr; ++row) {
+      if (name == row->opt.name) rc = row->fpr(&record.bc, value);
+    }
+    errors = testing::internal::GetCapturedStderr();
+    return rc;
+  }
+
+  std::string errors;
+};
+
+TEST_F(OptionTest, TakesEachOptionForItsTypesAndRefusesItForAllOthers) {
+  constexpr const char* NAME = "--name only for PPTP, L2TP, OVPN, DROVIK and WIREGUARD";
+  constexpr const char* ENABLE = "--enable only for SPPTP, SL2TP, SOVPN, SDROVIK and SWIREGUARD";
+  const struct {
+    const char* name;
+    const char* value;
+    int types;
+    const char* refusal;
+  } rows[] = {
+      {"auth", "ms-chapv2", PPP, "--auth only for SPPTP, PPTP, SL2TP and L2TP"},
+      {"enc", "high", PPTP_SERVER_TYPE | PPTP_CLIENT_TYPE | OPENVPN, "--enc only for SPPTP, PPTP, SOVPN and OVPN"},
+      {"name", "office", CLIENT_TYPES, NAME},
+      {"host", "127.0.0.1", CLIENT_TYPES, NAME},
+      {"port", "443", OPENVPN | DROVIK | WIREGUARD,
+       "--port only for SOVPN, OVPN, SDROVIK and DROVIK, SWIERGUARD, WIERGUARD"},
+      {"proto", "Tcp", OPENVPN, "--proto only for SOVPN and OVPN"},
+      {"user", "bob", CLIENT_TYPES, NAME},
+      {"pass", "secret", CLIENT_TYPES, NAME},
+      {"json", nullptr, CLIENT_TYPES | SERVER_TYPES, ""},
+      {"reconnect", "TRUE", CLIENT_TYPES, NAME},
+      {"gateway", "1", CLIENT_TYPES | OVPN_SERVER_TYPE, "--gateway only for OVPN"},
+      {"mask", "8", CLIENT_TYPES, NAME},
+      {"vendor-auth", "false", OVPN_CLIENT_TYPE, "--compress only for OpenVPN"},
+      {"compress", "0", OPENVPN, "--compress only for OpenVPN"},
+      {"ca", "f", OVPN_CLIENT_TYPE, "--ca only for OpenVPN"},
+      {"dh", "f", OVPN_CLIENT_TYPE, "--dh only for OpenVPN"},
+      {"key", "f", OVPN_CLIENT_TYPE, "--key only for OpenVPN"},
+      {"cert", "f", OVPN_CLIENT_TYPE, "--cert only for OpenVPN"},
+      {"pkcs12", "f", OVPN_CLIENT_TYPE, "--pkcs12 only for OpenVPN"},
+      {"extra_certs", "f", OVPN_CLIENT_TYPE, "--extra_certs only for OpenVPN"},
+      {"tls_auth", "f", OVPN_CLIENT_TYPE, "--tls-auth only for OpenVPN"},
+      {"crl_verify", "f", OVPN_CLIENT_TYPE, "--crl-verify only for OpenVPN"},
+      {"vendor", "app", CLIENT_TYPES | SERVER_TYPES, ""},
+      {"metadata", "", CLIENT_TYPES | SERVER_TYPES, ""},
+      {"up", "/bin/dash", CLIENT_TYPES | SERVER_TYPES, ""},
+      {"down", "/bin/dash", CLIENT_TYPES | SERVER_TYPES, ""},
+      {"enable", "true", SERVER_TYPES, ENABLE},
+      {"ip_pool", "10.99.0.0", SERVER_TYPES, ENABLE},
+      {"maximum", "60", SERVER_TYPES, ENABLE},
+      {"enable_dns", "1", SERVER_TYPES | WIREGUARD_CLIENT_TYPE,
+       "--enable only for SPPTP, SL2TP, SOVPN, SWIREGUARD and WIREGUARD"},
+      {"manual_dns", "8.8.8.8", SERVER_TYPES | WIREGUARD_CLIENT_TYPE,
+       "--manual_dns only for SPPTP, SL2TP, SOVPN, SDROVIK, SWIREGUARD, WIREGUARD"},
+      {"out_eif", "wgc3001", SERVER_TYPES, ENABLE},
+      {"psk", "key", DROVIK | WIREGUARD | L2TP_SERVER_TYPE | L2TP_CLIENT_TYPE,
+       "--psk only for SL2TP and L2TP and SDROVIK and DROVIK and SWIREGUARD and WIREGUARD"},
+      {"fenro_port", "65535", CLIENT_TYPES, "--fenro-port only for PPTP, L2TP, OVPN, DROVIK and WIREGUARD"},
+      {"debug", "1", DROVIK, "--debug only for DROVIK Server Client"},
+      {"mss", "1200", PPTP_SERVER_TYPE | L2TP_SERVER_TYPE | OVPN_SERVER_TYPE,
+       "--mss only for PPTP, L2TP, and OVPN Server"},
+      {"server_ip", "10.1.1.1", WIREGUARD_SERVER_TYPE, "--server_ip for wireguard Server"},
+      {"server_name", "n", WIREGUARD_SERVER_TYPE, "--server_name for wireguard Server"},
+      {"server_pri_key", "k", WIREGUARD_SERVER_TYPE, "--server_pri_key for wireguard Server"},
+      {"server_mask", "24", WIREGUARD_SERVER_TYPE, "--server_mask for wireguard Server"},
+      {"client_ip", "10.1.1.1", WIREGUARD_CLIENT_TYPE, "--client_ip for wireguard Client"},
+      {"client_name", "n", WIREGUARD_CLIENT_TYPE, "--client_name for wireguard Client"},
+      {"client_pri_key", "k", WIREGUARD_CLIENT_TYPE, "--client_pri_key for wireguard Client"},
+      {"client_mask", "32", WIREGUARD_CLIENT_TYPE, "--client_mask for wireguard Client"},
+      {"peer_name", "n", WIREGUARD_SERVER_TYPE, "--peer_name for wireguard Server Client"},
+      {"peer_pub_key", "k", WIREGUARD, "--peer_pub_key for wireguard Server Client"},
+      {"peer_allow_ip", "198.18.7.9/32", WIREGUARD, "--peer_allow_ip for wireguard Server Client"},
+      {"peer_endpoint", "h:1", WIREGUARD, "--peer_endpoint for wireguard Server Client"},
+      {"keepalive", "25", WIREGUARD, "--keepalive for wireguard Server Client"},
+      {"sig_algo", "sha1WithRSAEncryption", OVPN_SERVER_TYPE, "sig_algo works only for OpenVPN server"},
+  };
+  for (const auto& row : rows) {
+    for (const TYPE type : TYPES) {
+      SCOPED_TRACE(std::string(row.name) + " for type " + std::to_string(type));
+      PolyConfig record(
+          cm.fetch(type, is_client(type) ? 1 : 0)->clone()->bc->type == type ? config::make_record(type, 0) : nullptr);
+      cm.fetch(type, is_client(type) ? 1 : 0)->dup(record.bc);
+      record->action = MODIFY_ACTION;
+      const bool taken = (type & row.types) != 0;
+
+      EXPECT_EQ(apply(record, row.name, row.value), taken ? NO_ERROR : ERR_WRONG_TYPE);
+      EXPECT_EQ(errors, taken ? "" : std::string("Error: ") + row.refusal + '\n');
+      PolyConfig none;
+      EXPECT_EQ(apply(none, row.name, row.value), ERR_NO_TYPE);
+    }
+  }
+}
+
+TEST_F(OptionTest, RefusesBadValuesInTheirOwnWords) {
+  const std::string long_name(601, 'n');
+  const std::string long_user(65, 'u');
+  const std::string long_psk(129, 'k');
+  const std::string long_meta(129, 'm');
+  const struct {
+    TYPE type;
+    ACTION action;
+    const char* name;
+    const char* value;
+    int code;
+    std::string text;
+  } rows[] = {
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "auth", "", ERR_VALUE, "auth"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "auth", "5", ERR_UNKNOWN_OPTION, "5"},
+      {PPTP_CLIENT_TYPE, NONE_ACTION, "auth", "1", ERR_WRONG_ACTION, "PPTP and L2TP only support --add or --modify"},
+      {PPTP_SERVER_TYPE, ADD_ACTION, "auth", "1", ERR_WRONG_ACTION, "SPPTP and SL2TP only support --modify"},
+      {OVPN_CLIENT_TYPE, IMPORT_ACTION, "enc", "1", ERR_WRONG_ACTION, "PPTP and OVPN only support --add or --modify"},
+      {OVPN_SERVER_TYPE, ADD_ACTION, "enc", "1", ERR_WRONG_ACTION, "SPPTP and SOVPN only support --modify"},
+      {PPTP_CLIENT_TYPE, NONE_ACTION, "name", "x", ERR_WRONG_ACTION, "only for --add --import or --modify"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "name", long_name.c_str(), ERR_NAME_LENGTH, long_name},
+      {PPTP_CLIENT_TYPE, IMPORT_ACTION, "host", "127.0.0.1", ERR_WRONG_ACTION, "only for --add or --modify"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "host", "256.1.1.1.1", ERR_VALUE, "host"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "user", long_user.c_str(), ERR_USER_LENGTH, long_user},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "pass", nullptr, ERR_VALUE, "pass"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "reconnect", "yes", ERR_VALUE, "yes"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "mask", "7", ERR_VALUE, "7"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "mask", "33", ERR_VALUE, "33"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "fenro_port", "65536", ERR_VALUE, "65536"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "metadata", long_meta.c_str(), ERR_META_LENGTH, long_meta},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "up", "/etc/passwd", ERR_EXECUTABLE, "/etc/passwd"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "down", "/nowhere", ERR_EXECUTABLE, "/nowhere"},
+      {OVPN_CLIENT_TYPE, ADD_ACTION, "port", "", ERR_VALUE, "port"},
+      {OVPN_CLIENT_TYPE, ADD_ACTION, "port", "65536", ERR_PORT_NUMBER, "65536"},
+      {OVPN_CLIENT_TYPE, ADD_ACTION, "proto", "tcp4", ERR_VALUE, "tcp4"},
+      {WIREGUARD_CLIENT_TYPE, ADD_ACTION, "port", "65536", ERR_PORT_NUMBER, "65536"},
+      {WIREGUARD_CLIENT_TYPE, ADD_ACTION, "port", "", NO_ERROR, ""},
+      {WIREGUARD_CLIENT_TYPE, ADD_ACTION, "peer_endpoint", "", ERR_VALUE, "peer_endpoint is NULL or 0."},
+      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "1.2.3.4", ERR_VALUE, "peer_allow_ip doesn't have \"/\""},
+      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "198.18.7.9/24", ERR_WIREGUARD_PEER_IP,
+       "wireguard peer allow ip mask is not 32."},
+      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "198.18.8.9/32", ERR_WIREGUARD_PEER_IP,
+       "wireguard peer ip not in server."},
+      {L2TP_CLIENT_TYPE, ADD_ACTION, "psk", long_psk.c_str(), ERR_VALUE, long_psk},
+      {L2TP_CLIENT_TYPE, ADD_ACTION, "psk", nullptr, ERR_VALUE, "psk"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "maximum", "101", ERR_VALUE, "101"},
+      {OVPN_SERVER_TYPE, MODIFY_ACTION, "maximum", "61", ERR_VALUE, "61"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "maximum", "4", ERR_VALUE, "4"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "100.64.0.0", ERR_VALUE, "100.64.0.0"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "172.15.0.0", ERR_VALUE, "172.15.0.0"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "172.31.255.9", NO_ERROR, ""},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "192.168.1", ERR_VALUE, "192.168.1"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "out_eif", nullptr, NO_ERROR, ""},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "out_eif", "eth0;x", ERR_VALUE,
+       "--apply_out_eif only support none, eth, dvs, br, bond, docker, lxcbr, ppp, dtunc and tun device"},
+      {OVPN_SERVER_TYPE, MODIFY_ACTION, "sig_algo", "md5", ERR_VALUE, "sig_algo contains invalid stringmd5"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.name) + '=' + (row.value ? row.value : "(null)"));
+    PolyConfig record(config::make_record(row.type, 0));
+    record->action = row.action;
+
+    EXPECT_EQ(apply(record, row.name, row.value), row.code);
+    EXPECT_EQ(errors, row.code == NO_ERROR ? "" : "Error: " + row.text + '\n');
+  }
+}
+
+TEST_F(OptionTest, RefusesCommandLinesThatSayNothingUsable) {
+  const struct {
+    std::vector<std::string> words;
+    std::string errors;  // how it begins
+  } rows[] = {
+      {{}, ""},
+      {{"--add", "--type=256"}, "Error: no type\n"},
+      {{"--type=256", "--type=512"}, "Error: --type\n"},
+      {{"--type=3"}, "Error: 3\n"},
+      {{"--type="}, "Error: type\n"},
+      {{"--type=256"}, "Usage: ormel [TYPE] [ACTION] [OPTIONS]\n"},
+      {{"--type=256", "--nonsense"}, "Usage: ormel "},
+      {{"--type"}, "Usage: ormel "},
+      {{"-T256", "--add", "--add"}, "Error: --add\n"},
+      {{"-T256", "--add", "--show=1"}, "Error: --show\n"},
+      {{"-T256", "--connect="}, "Error: connect\n"},
+      {{"-T256", "--connect=33"}, "Error: 33\n"},
+      {{"-T256", "--remove=0"}, "Error: 0\n"},
+      {{"-T256", "--show=33"}, "Error: 33\n"},
+      {{"-T256", "--modify=2"}, "Error: no such config\n"},
+      {{"-T256", "--modify=x"}, "Error: x\n"},
+      {{"-T256", "--import=/etc/passwd"}, "Error: --import only for OpenVPN\n"},
+      {{"-TOVPN", "--import=/etc"}, "Error: /etc\n"},
+      {{"-T256", "--name=x", "--modify=1"}, "Error: only for --add --import or --modify\n"},
+      {{"-T256", "--add", "--name=a\nEnable = TRUE"}, "Error: incorrect value\n"},
+      {{"-T256", "--add", "--user=a\rb"}, "Error: incorrect value\n"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(testing::PrintToString(row.words));
+    const auto record = parse(row.words);
+
+    EXPECT_EQ(record->bc, nullptr);
+    EXPECT_TRUE(errors.starts_with(row.errors)) << errors;
+    EXPECT_EQ(errors.empty(), row.errors.empty()) << errors;
+  }
+}
+
+TEST_F(OptionTest, FillsARecordFromTheCommandLine) {
+  const auto record = parse({"-T", "256abc", "-A", "--name=office", "--pass=line\nbreak", "--mask=25", "--rec=0"});
+
+  ASSERT_NE(record->bc, nullptr) << errors;
+  const auto* client = record->cast<pptp::ClientConfig>();
+  EXPECT_EQ(client->type, PPTP_CLIENT_TYPE);
+  EXPECT_EQ(client->action, ADD_ACTION);
+  EXPECT_EQ(client->name, "office");
+  EXPECT_EQ(client->pass, "line\nbreak");
+  EXPECT_TRUE(client->custom_mask);
+  EXPECT_FALSE(client->reconnect);
+}
+
+TEST_F(OptionTest, CopiesTheStoredRecordForAModify) {
+  cm.fetch(PPTP_CLIENT_TYPE, 1)->cast<ClientConfig>()->user = "stored";
+
+  const auto client = parse({"-Tpptp", "--vendor=lost", "-M1", "--name=new"});
+  EXPECT_EQ(client->cast<ClientConfig>()->user, "stored");
+  EXPECT_EQ(client->cast<ClientConfig>()->vendor, "");
+  EXPECT_EQ(client->cast<ClientConfig>()->name, "new");
+  EXPECT_EQ((*client)->section, "PPTP_CLIENT1");
+  const auto server = parse({"-T1", "--modify=7"});
+  EXPECT_EQ((*server)->index, 0);
+}
+
+TEST_F(OptionTest, KeepsAPasswordThatComesBackAsItsDigest) {
+  PolyConfig record(config::make_record(PPTP_CLIENT_TYPE, 0));
+  std::string& pass = record.cast<ClientConfig>()->pass = "secret";
+
+  EXPECT_EQ(apply(record, "pass", openssl::sha1("secret").c_str()), NO_ERROR);
+  EXPECT_EQ(pass, "secret");
+  is_cgi_mode = true;
+  EXPECT_EQ(apply(record, "pass", openssl::base64_encode(openssl::sha1("secret")).c_str()), NO_ERROR);
+  EXPECT_EQ(pass, "secret");
+  EXPECT_EQ(apply(record, "pass", openssl::base64_encode("new").c_str()), NO_ERROR);
+  EXPECT_EQ(pass, "new");
+  is_cgi_mode = false;
+  EXPECT_EQ(apply(record, "pass", std::string(512, 'p').c_str()), NO_ERROR);
+  EXPECT_EQ(apply(record, "pass", std::string(513, 'p').c_str()), ERR_PASS_LENGTH);
+}
+
+TEST_F(OptionTest, TestsThePoolOnlyOfAServerThatIsOn) {
+  auto* l2tp = cm.fetch(L2TP_SERVER_TYPE, 0)->cast<config::ServerConfig>();
+  l2tp->enable = true;
+  l2tp->ip_begin = "10.5.0.2";
+  PolyConfig record(config::make_record(PPTP_SERVER_TYPE, 0));
+  auto* server = record.cast<config::ServerConfig>();
+
+  EXPECT_EQ(apply(record, "enable", "1"), ERR_VALUE) << "a server without a pool";
+  server->enable = false;
+  EXPECT_EQ(apply(record, "ip_pool", "10.5.0.77"), NO_ERROR);
+  EXPECT_EQ(server->ip_begin, "10.5.0.2");
+  EXPECT_EQ(server->ip_end, "10.5.0.254");
+  EXPECT_EQ(apply(record, "enable", "1"), ERR_IP_POOL_CONFLICT);
+  EXPECT_EQ(errors, "Error: 10.5.0.2\n");
+  EXPECT_EQ(apply(record, "ip_pool", "10.5.0.9"), ERR_IP_POOL_CONFLICT);
+}
+
+// A parsed form, built by hand.
+class Form {
+ public:
+  void add(const char* name, const char* value) {
+    cgi_var var = empty();
+    var.name = const_cast<char*>(name);
+    var.value = const_cast<char*>(value);
+    vars_.push_back(var);
+  }
+  cgi_var* head() {
+    head_ = empty();
+    cgi_var* last = &head_;
+    for (cgi_var& var : vars_) last = last->next = &var;
+    return &head_;
+  }
+
+ private:
+  static cgi_var empty() {
+    cgi_var var{};
+    std::memcpy(var.magic, "cGI", sizeof var.magic);
+    return var;
+  }
+
+  cgi_var head_{};
+  std::vector<cgi_var> vars_;
+};
+
+TEST_F(OptionTest, TakesAFormWithTheStateOfAServerFirstOrLast) {
+  auto* l2tp = cm.fetch(L2TP_SERVER_TYPE, 0)->cast<config::ServerConfig>();
+  l2tp->enable = true;
+  l2tp->ip_begin = "10.5.0.2";
+  for (const auto& [state, code] : {std::pair("FALSE", NO_ERROR), std::pair("1", ERR_IP_POOL_CONFLICT)}) {
+    SCOPED_TRACE(state);
+    Form form;
+    form.add("sid", "x");
+    form.add("ip_pool", "10.5.0.0");
+    form.add("up", "/bin/dash");
+    form.add("metadata", nullptr);
+    form.add("enable", state);
+    auto record = std::make_unique<PolyConfig>(config::make_record(PPTP_SERVER_TYPE, 0));
+    record->cast<config::ServerConfig>()->ip_begin = "10.0.0.2";
+    record->cast<config::ServerConfig>()->enable = true;
+    int rc = -1;
+    testing::internal::CaptureStderr();
+    record = get_options(std::move(record), form.head(), rc);
+    testing::internal::GetCapturedStderr();
+
+    EXPECT_EQ(rc, code);
+    EXPECT_EQ(record->bc == nullptr, code != NO_ERROR);
+  }
+  is_cgi_mode = false;
+}
+
+TEST_F(OptionTest, SurvivesNullValuesOfAForm) {
+  for (const CommandOption* row = COMMAND_OPTIONS; row->fpr; ++row) {
+    if (!row->cgi) continue;
+    for (const TYPE type : TYPES) {
+      PolyConfig record(config::make_record(type, 0));
+      record->action = MODIFY_ACTION;
+      std::ignore = apply(record, row->opt.name, nullptr);  // what it answers is told by the tables above
+    }
+  }
+}
+
+TEST(CommandOptions, TellGetoptWhichLettersTakeAnArgument) {
+  const CommandOptions options;
+  EXPECT_EQ(options.total, 59);
+  EXPECT_EQ(options.short_options, ":T:AI:R:M:S:c:d:");
+}
+
+}  // namespace
+}  // namespace ormel::option
