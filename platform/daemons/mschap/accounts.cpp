@@ -1,0 +1,76 @@
+#include "daemons/mschap/accounts.h"
+
+#include <tuple>
+
+#include "common/file.h"
+
+namespace fenro::mschap {
+namespace {
+
+constexpr std::string_view BLANKS{" \t"};
+
+std::string_view take_line(std::string_view& text) {
+  const std::string_view line = text.substr(0, text.find('\n'));
+  text.remove_prefix(line.size() < text.size() ? line.size() + 1 : text.size());
+  return line;
+}
+
+// Takes `word` and the blanks behind it from the front of the line; false if they are not there.
+bool take(std::string_view& line, const std::string& word) {
+  if (!line.starts_with(word)) return false;
+  const std::string_view rest = line.substr(word.size());
+  const std::size_t blanks = rest.find_first_not_of(BLANKS);
+  if (blanks == 0 || blanks == std::string_view::npos) return false;
+  line = rest.substr(blanks);
+  return true;
+}
+
+std::string quoted(std::string_view word) {
+  return "\"" + std::string{word} + "\"";
+}
+
+std::string_view take_field(std::string_view& line) {
+  const std::string_view field = line.substr(0, line.find(':'));
+  line.remove_prefix(field.size() < line.size() ? field.size() + 1 : line.size());
+  return field;
+}
+
+}  // namespace
+
+bool find_secret(std::string_view secrets, std::string_view user, std::string_view server, std::string& secret) {
+  while (!secrets.empty()) {
+    std::string_view line = take_line(secrets);
+    if (!take(line, quoted(user))) continue;
+    if (!take(line, std::string{server}) && !take(line, quoted(server))) continue;
+    secret = line.substr(0, line.find_first_of(BLANKS));
+    if (secret.size() > 1 && secret.front() == '"' && secret.back() == '"')
+      secret = secret.substr(1, secret.size() - 2);
+    return !secret.empty();
+  }
+  return false;
+}
+
+bool find_hash(std::string_view table, std::string_view user, NtHash& out) {
+  while (!table.empty()) {
+    std::string_view line = take_line(table);
+    if (take_field(line) != user) continue;
+    std::ignore = take_field(line);  // the user's number
+    std::ignore = take_field(line);  // the older hash, of no use
+    if (!parse_hex(take_field(line), out)) return false;
+    return take_field(line).find('D') == std::string_view::npos;
+  }
+  return false;
+}
+
+bool account_hash(const char* path, std::string_view user, std::string_view server, NtHash& out) {
+  Text secrets;
+  std::string secret;
+  if (user.empty() || read_file(path, secrets) != 0) return false;
+  if (!find_secret(secrets.view(), user, server, secret)) return false;
+  if (!secret.starts_with('&')) return nt_hash(secret, out);
+
+  Text table;
+  return read_file(secret.c_str() + 1, table) == 0 && find_hash(table.view(), user, out);
+}
+
+}  // namespace fenro::mschap

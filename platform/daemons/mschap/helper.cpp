@@ -1,0 +1,66 @@
+#include "daemons/mschap/helper.h"
+
+#include <map>
+
+#include <openssl/crypto.h>
+
+#include "daemons/mschap/accounts.h"
+
+namespace fenro::mschap {
+namespace {
+
+using Fields = std::map<std::string, std::string, std::less<>>;
+
+constexpr const char* REFUSED = "Authenticated: No\n.\n";
+
+std::string_view line_of(std::string_view& text) {
+  const std::string_view line = text.substr(0, text.find('\n'));
+  text.remove_prefix(line.size() < text.size() ? line.size() + 1 : text.size());
+  return line;
+}
+
+// False for a line that is none, or a request that does not end.
+bool parse(std::string_view text, Fields& fields) {
+  while (!text.empty()) {
+    const std::string_view line = line_of(text);
+    if (line == ".") return true;
+    const std::size_t colon = line.find(": ");
+    if (colon == std::string_view::npos) return false;
+    const bool encoded = colon > 0 && line[colon - 1] == ':';
+    std::string value{line.substr(colon + 2)};
+    if (encoded && !parse_base64(line.substr(colon + 2), value)) return false;
+    if (value.find('\0') != std::string::npos || value.find('\n') != std::string::npos) return false;
+    fields.insert_or_assign(std::string{line.substr(0, encoded ? colon - 1 : colon)}, std::move(value));
+  }
+  return false;
+}
+
+// The plugin parts a name at its backslash; the accounts keep it whole.
+std::string user_of(const Fields& fields) {
+  const auto value = [&](std::string_view name) {
+    const auto field = fields.find(name);
+    return field == fields.end() ? std::string{} : field->second;
+  };
+  const std::string domain = value("NT-Domain");
+  const std::string user = fields.contains("Full-Username") ? value("Full-Username") : value("Username");
+  return domain.empty() ? user : domain + "\\" + user;
+}
+
+}  // namespace
+
+std::string judge(std::string_view lines, const char* secrets_path, std::string_view server) {
+  Fields fields;
+  Challenge challenge{};
+  Response response{};
+  if (!parse(lines, fields)) return REFUSED;
+  if (!parse_hex(fields["LANMAN-Challenge"], challenge) || !parse_hex(fields["NT-response"], response)) return REFUSED;
+
+  NtHash hash{};
+  Response expected{};
+  if (!account_hash(secrets_path, user_of(fields), server, hash)) return REFUSED;
+  if (!expected_response(hash, challenge, expected)) return REFUSED;
+  if (CRYPTO_memcmp(expected.data(), response.data(), response.size()) != 0) return REFUSED;
+  return "Authenticated: Yes\nUser-session-key: " + to_hex(session_key(hash)) + "\n.\n";
+}
+
+}  // namespace fenro::mschap

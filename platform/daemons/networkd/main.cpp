@@ -1,0 +1,36 @@
+// fenro-networkd: the service "NetworkService" on the bus.
+
+#include <chrono>
+#include <cstdio>
+#include <string>
+
+#include "daemons/networkd/methods.h"
+#include "libmibservice/mibserver.h"
+
+namespace {
+
+constexpr const char* SERVICE = "NetworkService";
+constexpr const char* DEVICES_FILE = "/var/lib/fenro/external_dev.json";
+constexpr std::chrono::milliseconds SAMPLE_PERIOD{1000};
+
+}  // namespace
+
+int main() {
+  using namespace fenro;
+  networkd::State state{networkd::ExternalDevices{DEVICES_FILE}, {}};
+  state.devices.load();
+  networkd::sample_rates(state);
+
+  bus::Server server{SERVICE};
+  for (const networkd::Method& method : networkd::methods()) {
+    server.on(std::string{method.name}, [&state, &method](std::string_view body) {
+      return bus::Reply{MIB_SUCCESS, networkd::answer(state, method, body)};
+    });
+  }
+  server.every(SAMPLE_PERIOD, [&state] { networkd::sample_rates(state); });
+  if (!server.listen()) {
+    std::fprintf(stderr, "fenro-networkd: somebody else serves %s\n", SERVICE);
+    return 1;
+  }
+  return server.run();
+}

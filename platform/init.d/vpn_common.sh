@@ -1,0 +1,78 @@
+#!/bin/sh
+# shellcheck shell=dash
+# Work that all protocols share: routing and NAT of client interfaces, throwing out a server's sessions.
+#
+#   vpn_common.sh add_vpnclient_profile INTERFACE      the interface need not exist yet
+#   vpn_common.sh remove_vpnclient_profile INTERFACE
+#   vpn_common.sh kick_all_connection TYPE [USER]      all sessions of a server, or all of one user
+#   vpn_common.sh kick_one_connection TYPE WHO         WHO is a pid, an interface, an address of either end or a user
+# shellcheck source=vpn_lib.sh
+. /usr/lib/fenro/vpn_lib.sh
+# shellcheck source=vpn_firewall.sh
+. /usr/lib/fenro/vpn_firewall.sh
+# shellcheck source=ppp_lib.sh
+. /usr/lib/fenro/ppp_lib.sh
+
+add_vpnclient_profile() {
+  local unit
+  unit=$(vpn_unit "$1") || die "not a client interface: '$1'"
+  client_routes_add "$unit" "$1" || die "$1: the kernel refuses its routing table"
+  client_nat_add "$1" || die "$1: no NAT, neither nftables nor iptables does it here"
+}
+
+remove_vpnclient_profile() {
+  local unit
+  unit=$(vpn_unit "$1") || die "not a client interface: '$1'"
+  client_routes_remove "$unit"
+  client_nat_remove "$1" || die "$1: its NAT rules can't be removed"
+}
+
+# The pids of the sessions of a server type. Another protocol is another line here.
+session_pids() {
+  case $1 in
+    1) pids_of pppd "$PPP_DIR/options.pptpd" ;;
+    *) die "no sessions of server type '$1'" ;;
+  esac
+}
+
+# listed_pids TYPE all|one WHO: what the list of online users says. Users are compared in base64, as they are listed.
+listed_pids() {
+  [ -e "$ONLINE_USERS" ] || return 0
+  WHO=$3 WHO_USER=$(base64_line "$3") awk -v type="$1" -v kind="$2" '
+    BEGIN { who = ENVIRON["WHO"]; user = ENVIRON["WHO_USER"] }
+    $6 != type { next }
+    $8 == user || (kind == "one" && ($3 "" == who || $1 == who || $2 == who || $5 == who)) { print $3 }
+  ' "$ONLINE_USERS"
+}
+
+# Ends the live sessions TYPE whose pids stand in the second argument; a pid that is no session is never touched.
+end_sessions() {
+  local pid live
+  live=$(session_pids "$1") || exit 1
+  for pid in $live; do
+    case " $(printf '%s' "$2" | tr '\n' ' ') " in
+      *" $pid "*) kill -s TERM "$pid" 2>/dev/null || : ;;
+    esac
+  done
+}
+
+kick_all_connection() {
+  local chosen
+  if [ -n "${2-}" ]; then chosen=$(listed_pids "$1" all "$2"); else chosen=$(session_pids "$1") || exit 1; fi
+  end_sessions "$1" "$chosen"
+}
+
+kick_one_connection() {
+  [ -n "${2-}" ] || die 'kick_one_connection: nobody named'
+  local chosen
+  chosen=$(listed_pids "$1" one "$2")
+  # A pid is good without the list: the sessions themselves are looked up.
+  if is_number "$2" 2 99999999; then chosen="$chosen $2"; fi
+  end_sessions "$1" "$chosen"
+}
+
+case "$#/${1-}" in
+  2/add_vpnclient_profile | 2/remove_vpnclient_profile) with_lock firewall "$@" ;;
+  [23]/kick_all_connection | 3/kick_one_connection) "$@" ;;
+  *) die 'usage: add_vpnclient_profile|remove_vpnclient_profile INTERFACE, kick_all_connection|kick_one_connection TYPE [WHO]' ;;
+esac

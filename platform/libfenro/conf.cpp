@@ -1,0 +1,98 @@
+// The C face of the files in memory. Callers rely on an object and on what they set in it, so a shortage of memory is
+// not made into a result here.
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <strings.h>
+
+#include <fenro/conf.h>
+
+#include "libfenro/conf_index.h"
+#include "libfenro/ini.h"
+
+namespace fenro {
+namespace {
+
+constexpr const char* TRUE_TEXT = "TRUE";
+constexpr const char* FALSE_TEXT = "FALSE";
+constexpr std::array<const char*, 3> TRUE_WORDS{TRUE_TEXT, "1", "YES"};
+constexpr int FAILED = -1;
+
+const char* value_of(const Conf_dir* conf, const char* section, const char* key) {
+  ConfIndex* const index = conf ? ConfIndex::of(*conf) : nullptr;
+  return index && section && key ? index->get(section, key) : nullptr;
+}
+
+bool path_of(const Conf_dir& conf, std::string& path) {
+  path.assign(conf.file, strnlen(conf.file, sizeof conf.file));
+  return !path.empty() && path.size() < sizeof conf.file;
+}
+
+int save(const Conf_dir& conf) {
+  std::string path;
+  if (!path_of(conf, path)) return FAILED;
+  const ConfIndex* const index = ConfIndex::of(conf);
+  return replace_file(path, index ? index->text() : std::string{}) ? 0 : FAILED;
+}
+
+}  // namespace
+}  // namespace fenro
+
+using fenro::ConfIndex;
+
+Conf_dir* Conf_Dir_Load(const char* path) {
+  auto* const conf = static_cast<Conf_dir*>(std::calloc(1, sizeof(Conf_dir)));
+  if (!conf) throw std::bad_alloc{};
+  const std::size_t length = path ? std::strlen(path) : 0;
+  if (length == 0 || length >= sizeof conf->file) return conf;  // a path that was cut would name another file
+  std::memcpy(conf->file, path, length);
+  fenro::Text text;
+  if (fenro::read_file(path, text) == 0) ConfIndex::make(*conf).parse(std::move(text));
+  return conf;
+}
+
+void Conf_Dir_Free(Conf_dir* conf) {
+  if (!conf) return;
+  ConfIndex::destroy(*conf);
+  std::free(conf);
+}
+
+const char* Conf_Dir_Get_Str(Conf_dir* conf, const char* section, const char* key, const char* fallback) {
+  const char* const value = fenro::value_of(conf, section, key);
+  return value ? value : fallback;
+}
+
+int Conf_Dir_Get_Int(Conf_dir* conf, const char* section, const char* key, int fallback) {
+  const char* const value = fenro::value_of(conf, section, key);
+  return value ? static_cast<int>(std::clamp<long>(std::strtol(value, nullptr, 10), INT_MIN, INT_MAX)) : fallback;
+}
+
+BOOL Conf_Dir_Get_Bool(Conf_dir* conf, const char* section, const char* key, BOOL fallback) {
+  const char* const value = fenro::value_of(conf, section, key);
+  if (!value) return fallback;
+  return std::any_of(fenro::TRUE_WORDS.begin(), fenro::TRUE_WORDS.end(),
+                     [value](const char* word) { return strcasecmp(value, word) == 0; });
+}
+
+void Conf_Dir_Set_Str(Conf_dir* conf, const char* section, const char* key, const char* value) {
+  if (!conf || !section || !key) return;
+  ConfIndex::make(*conf).set(section, key, fenro::ini::one_line(value ? value : ""));
+}
+
+void Conf_Dir_Set_Int(Conf_dir* conf, const char* section, const char* key, int value) {
+  std::array<char, 16> text{};
+  std::to_chars(text.data(), text.data() + text.size() - 1, value);
+  Conf_Dir_Set_Str(conf, section, key, text.data());
+}
+
+void Conf_Dir_Set_Bool(Conf_dir* conf, const char* section, const char* key, BOOL value) {
+  Conf_Dir_Set_Str(conf, section, key, value ? fenro::TRUE_TEXT : fenro::FALSE_TEXT);
+}
+
+int Conf_Dir_Wirte_File(Conf_dir* conf) {
+  return conf ? fenro::save(*conf) : fenro::FAILED;
+}

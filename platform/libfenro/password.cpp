@@ -1,0 +1,93 @@
+// The check of a password through PAM, which is loaded only by a run that checks one.
+#include <cstdlib>
+#include <cstring>
+
+#include <fenro/auth.h>
+#include <security/pam_appl.h>
+
+#include "libfenro/dynamic.h"
+
+namespace fenro {
+namespace {
+
+constexpr const char* SERVICE = "fenro";
+constexpr const char* LIBRARY = "libpam.so.0";
+
+struct PamApi {
+  decltype(pam_start)* start = nullptr;
+  decltype(pam_authenticate)* authenticate = nullptr;
+  decltype(pam_acct_mgmt)* acct_mgmt = nullptr;
+  decltype(pam_end)* end = nullptr;
+  bool ready = false;
+
+  PamApi() {
+    const DynamicLibrary library{LIBRARY};
+    ready = library.bind(start, "pam_start") && library.bind(authenticate, "pam_authenticate") &&
+            library.bind(acct_mgmt, "pam_acct_mgmt") && library.bind(end, "pam_end");
+  }
+};
+
+const PamApi& pam() {
+  static const PamApi api;
+  return api;
+}
+
+// The answers of a conversation until PAM takes them over; what is left here is wiped.
+class Answers {
+ public:
+  explicit Answers(int count)
+      : count_(count),
+        replies_(static_cast<pam_response*>(std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)))) {}
+  Answers(const Answers&) = delete;
+  Answers& operator=(const Answers&) = delete;
+  ~Answers() {
+    for (int i = 0; replies_ && i < count_; ++i) wipe(replies_[i].resp);
+    std::free(replies_);
+  }
+  [[nodiscard]] bool set(int i, const char* text) { return replies_ && (replies_[i].resp = strdup(text)) != nullptr; }
+  [[nodiscard]] pam_response* release() {
+    pam_response* const replies = replies_;
+    replies_ = nullptr;
+    return replies;
+  }
+
+ private:
+  static void wipe(char* text) {
+    if (text) explicit_bzero(text, std::strlen(text));
+    std::free(text);
+  }
+  int count_;
+  pam_response* replies_;
+};
+
+// Answers every hidden question with the password; a module that asks for anything else to be typed gets nothing.
+int converse(int count, const pam_message** messages, pam_response** replies, void* password) {
+  if (count <= 0 || count > PAM_MAX_NUM_MSG) return PAM_CONV_ERR;
+  Answers answers{count};
+  for (int i = 0; i < count; ++i) {
+    const int style = messages[i]->msg_style;
+    if (style == PAM_PROMPT_ECHO_ON) return PAM_CONV_ERR;
+    if (style == PAM_PROMPT_ECHO_OFF && !answers.set(i, static_cast<const char*>(password))) return PAM_BUF_ERR;
+  }
+  *replies = answers.release();
+  return *replies ? PAM_SUCCESS : PAM_BUF_ERR;
+}
+
+int check(const char* user, const char* password) {
+  const pam_conv conversation{converse, const_cast<char*>(password)};  // only handed through to converse
+  pam_handle_t* handle = nullptr;
+  int rc = pam().start(SERVICE, user, &conversation, &handle);
+  if (rc != PAM_SUCCESS) return rc;
+  rc = pam().authenticate(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
+  if (rc == PAM_SUCCESS) rc = pam().acct_mgmt(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
+  pam().end(handle, rc);
+  return rc;
+}
+
+}  // namespace
+}  // namespace fenro
+
+int Check_NAS_User_Password(const char* user, const char* password) {
+  if (!user || !*user || !password || !fenro::pam().ready) return -1;
+  return fenro::check(user, password) == PAM_SUCCESS ? 0 : -1;
+}

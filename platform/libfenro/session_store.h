@@ -1,0 +1,54 @@
+// Sessions of the web interface as files, one a session, in a folder that is closed to others:
+//
+//   user = bob
+//   uid = 1000
+//   ip = 192.0.2.7
+//   host_ip = 192.0.2.1
+//   created = 1700000000
+//
+// The time of last use is the file's modification time: a request that refreshes it can then never bring back a
+// session that another request ends at that moment.
+#pragma once
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <fenro/auth.h>
+
+namespace fenro {
+
+class SessionStore {
+ public:
+  static constexpr std::time_t IDLE_LIMIT = 30 * 60;
+  static constexpr std::time_t AGE_LIMIT = 12 * 60 * 60;
+
+  // The store of the host.
+  SessionStore();
+  explicit SessionStore(std::string folder) : folder_(std::move(folder)) {}
+
+  // Begins a session of an existing user; a sid of eight random characters, or empty on failure.
+  [[nodiscard]] std::string create(const std::string& user, const std::string& ip, const std::string& host_ip) const;
+
+  // The valid session of that sid. With `touch` its time of last use becomes now. What has run out is removed.
+  [[nodiscard]] std::optional<_session> find(const char* sid, bool touch) const;
+
+  // All valid sessions, by sid.
+  [[nodiscard]] std::vector<_session> list() const;
+
+  // False when there was none.
+  bool end(const char* sid) const;
+
+  // Ends whatever there is of a user, who may be removed by now. The number of files.
+  std::size_t end_user(std::string_view user) const;
+
+ private:
+  [[nodiscard]] std::string path_of(const char* sid) const;
+  [[nodiscard]] bool read(const char* sid, _session& session) const;
+
+  std::string folder_;
+};
+
+}  // namespace fenro

@@ -1,0 +1,183 @@
+#include "libfenro/user.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <grp.h>
+#include <pwd.h>
+
+#include <fenro/auth.h>
+
+#include "common/file.h"
+#include "common/handle.h"
+#include "libfenro/ini.h"
+#include "libfenro/paths.h"
+
+namespace fenro {
+namespace {
+
+constexpr std::size_t FIRST_BUFFER = 4096;
+constexpr std::size_t LAST_BUFFER = std::size_t{16} << 20;  // a group with that much of a member list is no group
+constexpr int FIRST_GROUPS = 64;
+constexpr int LAST_GROUPS = 65536;
+constexpr std::string_view DOMAIN_MARKS = "\\@+";
+constexpr std::array<std::string_view, 2> DIRECTORIES{"ldap", "sss"};
+
+// Asks the name service with a buffer that grows until the answer fits.
+template <typename Record, typename Ask>
+std::optional<Record> look_up(std::vector<char>& buffer, Ask ask) {
+  for (buffer.resize(FIRST_BUFFER); buffer.size() <= LAST_BUFFER; buffer.resize(buffer.size() * 2)) {
+    Record record{};
+    Record* found = nullptr;
+    const int error = ask(&record, buffer.data(), buffer.size(), &found);
+    if (found) return record;
+    if (error != ERANGE && error != EINTR) return {};
+  }
+  return {};
+}
+
+std::optional<gid_t> find_group(const char* name) {
+  std::vector<char> buffer;
+  const auto record = look_up<group>(buffer, [name](group* g, char* text, std::size_t size, group** found) {
+    return getgrnam_r(name, g, text, size, found);
+  });
+  return record ? std::optional{record->gr_gid} : std::nullopt;
+}
+
+bool belongs(const char* user, const char* group_name) {
+  const auto account = find_user(user);
+  const auto wanted = find_group(group_name);
+  if (!account || !wanted) return false;
+  for (int room = FIRST_GROUPS; room <= LAST_GROUPS; room *= 2) {
+    std::vector<gid_t> groups(static_cast<std::size_t>(room));
+    int count = room;
+    if (getgrouplist(user, account->gid, groups.data(), &count) < 0) continue;
+    groups.resize(static_cast<std::size_t>(count));
+    return std::find(groups.begin(), groups.end(), *wanted) != groups.end();
+  }
+  return false;
+}
+
+class Enumeration {
+ public:
+  Enumeration() { setpwent(); }
+  Enumeration(const Enumeration&) = delete;
+  Enumeration& operator=(const Enumeration&) = delete;
+  ~Enumeration() { endpwent(); }
+  [[nodiscard]] const char* next() {
+    const passwd* const entry = getpwent();
+    return entry ? entry->pw_name : nullptr;
+  }
+};
+
+void sort_unique(std::vector<std::string>& names) {
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+}
+
+// One page as the array of fixed rows that the callers take over and free.
+template <std::size_t Width>
+int hand_out(Source source, char (**list)[Width], int lower, int upper, const char* filter, int* total) {
+  using Row = char[Width];
+  if (!list || !total) return -1;
+  *list = nullptr;
+  std::vector<std::string> names = users_of(source);
+  // A name cut to fit would be another user's.
+  std::erase_if(names, [](const std::string& name) { return name.size() >= Width; });
+  const auto page = page_of(std::move(names), lower, upper, filter ? filter : "", *total);
+  if (page.empty()) return 0;
+
+  auto* const rows = static_cast<Row*>(std::calloc(page.size(), Width));
+  if (!rows) return -1;
+  for (std::size_t i = 0; i < page.size(); ++i) std::memcpy(rows[i], page[i].data(), page[i].size());
+  *list = rows;
+  return static_cast<int>(page.size());
+}
+
+}  // namespace
+
+std::optional<User> find_user(const char* name) {
+  if (!name || !*name) return {};
+  std::vector<char> buffer;
+  const auto record = look_up<passwd>(buffer, [name](passwd* p, char* text, std::size_t size, passwd** found) {
+    return getpwnam_r(name, p, text, size, found);
+  });
+  return record ? std::optional{User{record->pw_uid, record->pw_gid}} : std::nullopt;
+}
+
+Source source_of(const std::string& name, const std::vector<std::string>& local) {
+  if (std::binary_search(local.begin(), local.end(), name)) return Source::Local;
+  return name.find_first_of(DOMAIN_MARKS) == std::string::npos ? Source::Ldap : Source::Domain;
+}
+
+std::vector<std::string> users_of_file(const char* passwd) {
+  std::vector<std::string> names;
+  const File file{std::fopen(passwd, "re")};
+  while (const struct passwd* entry = file ? fgetpwent(file.get()) : nullptr) names.emplace_back(entry->pw_name);
+  sort_unique(names);
+  return names;
+}
+
+std::vector<std::string> users_of(Source source) {
+  std::vector<std::string> local = users_of_file(paths::PASSWD);
+  if (source == Source::Local) return local;
+  std::vector<std::string> names;
+  Enumeration all;
+  while (const char* name = all.next())
+    if (source_of(name, local) == source) names.emplace_back(name);
+  sort_unique(names);
+  return names;
+}
+
+bool asks_directory(std::string_view nsswitch) {
+  constexpr std::string_view DATABASE = "passwd:";
+  constexpr std::string_view BLANKS = " \t\r\n";
+  while (!nsswitch.empty()) {
+    std::string_view line = ini::take_line(nsswitch);
+    line = line.substr(0, line.find('#'));
+    line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
+    if (!line.starts_with(DATABASE)) continue;
+    line.remove_prefix(DATABASE.size());
+    while (!line.empty()) {
+      const std::string_view word = line.substr(0, line.find_first_of(BLANKS));
+      if (std::find(DIRECTORIES.begin(), DIRECTORIES.end(), word) != DIRECTORIES.end()) return true;
+      line.remove_prefix(std::min(word.size() + 1, line.size()));
+    }
+  }
+  return false;
+}
+
+std::vector<std::string> page_of(std::vector<std::string> names, int lower, int upper, std::string_view filter,
+                                 int& total) {
+  std::erase_if(names, [filter](const std::string& name) { return name.find(filter) == std::string::npos; });
+  total = static_cast<int>(names.size());
+  const int first = std::clamp(lower, 0, total);
+  const int last = std::clamp(upper, first - 1, total - 1);
+  return {names.begin() + first, names.begin() + last + 1};
+}
+
+}  // namespace fenro
+
+int User_Belongs_To_Group(const char* user, const char* group) {
+  return user && group && fenro::belongs(user, group) ? 1 : 0;
+}
+
+int Get_Local_User_List_V2(char (**list)[33], int lower, int upper, const char* filter, int* total) {
+  return fenro::hand_out(fenro::Source::Local, list, lower, upper, filter, total);
+}
+
+int Get_LDAP_User_List_V2(char (**list)[33], int lower, int upper, const char* filter, int* total) {
+  return fenro::hand_out(fenro::Source::Ldap, list, lower, upper, filter, total);
+}
+
+int Get_Expand_Domain_User_List_V2(char (**list)[209], int lower, int upper, const char* filter, int* total, int /*a*/,
+                                   int /*b*/, int /*c*/) {
+  return fenro::hand_out(fenro::Source::Domain, list, lower, upper, filter, total);
+}
+
+int Is_LDAP_Enable(void) {
+  fenro::Text text;
+  return fenro::read_file(fenro::paths::NSSWITCH, text) == 0 && fenro::asks_directory(text.view()) ? 1 : 0;
+}

@@ -1,0 +1,38 @@
+// Accounts of the host, as its name service knows them.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <vector>
+
+namespace fenro {
+
+struct User {
+  uid_t uid;
+  gid_t gid;  // primary group
+};
+
+[[nodiscard]] std::optional<User> find_user(const char* name);
+
+enum class Source { Local, Ldap, Domain };
+
+// Where a name that the name service enumerates comes from: local ones are in the passwd file, those of a domain are
+// marked in the name itself.
+[[nodiscard]] Source source_of(const std::string& name, const std::vector<std::string>& local);
+
+// The names of a file of the form of /etc/passwd, sorted.
+[[nodiscard]] std::vector<std::string> users_of_file(const char* passwd);
+
+// All names of one source, sorted.
+[[nodiscard]] std::vector<std::string> users_of(Source source);
+
+// Whether the passwd line of the name service's settings asks a directory.
+[[nodiscard]] bool asks_directory(std::string_view nsswitch);
+
+// The rows `lower` to `upper` of the names that contain `filter`; `total` takes how many do.
+[[nodiscard]] std::vector<std::string> page_of(std::vector<std::string> names, int lower, int upper,
+                                               std::string_view filter, int& total);
+
+}  // namespace fenro

@@ -1,0 +1,152 @@
+#include "session/login_throttle.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sstream>
+#include <sys/file.h>
+
+#include <openssl/evp.h>
+
+#include "common/file.h"
+#include "common/handle.h"
+#include "libfenro/random_name.h"
+
+namespace fenro {
+namespace {
+
+constexpr const char* COUNTERS = "/counters";
+constexpr const char* LOCK = "/lock";
+constexpr mode_t LOCK_MODE = 0600;
+constexpr std::size_t KEY_LENGTH = 32;
+constexpr std::size_t NETWORK_BYTES = 8;  // of an IPv6 address: the rest is its owner's to choose
+
+// The wait before an attempt, by the failures before it; the last one stands for all more.
+constexpr std::array<int, 7> DELAYS_MS{0, 0, 0, 500, 1000, 2000, 4000};
+
+// Held from the reading to the writing; never while a password is checked.
+Fd lock_folder(const std::string& folder) {
+  if (!make_private_folder(folder)) return Fd{};
+  Fd lock{open((folder + LOCK).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_MODE)};
+  while (lock && flock(lock.get(), LOCK_EX) != 0)
+    if (errno != EINTR) return Fd{};
+  return lock;
+}
+
+unsigned slot_of(const std::string& key, std::string_view name, unsigned slots) {
+  const std::string text = key + std::string{name};
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  EVP_Digest(text.data(), text.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
+  unsigned number = 0;
+  std::memcpy(&number, digest.data(), sizeof number);
+  return number % slots;
+}
+
+// What counts as one client: an IPv4 address, or the network of an IPv6 one.
+std::string client_of(std::string_view address) {
+  const std::string text{address};
+  in6_addr bytes{};
+  if (inet_pton(AF_INET6, text.c_str(), &bytes) != 1) return text;
+  if (!IN6_IS_ADDR_V4MAPPED(&bytes)) return {reinterpret_cast<const char*>(bytes.s6_addr), NETWORK_BYTES};
+  std::array<char, INET_ADDRSTRLEN> plain{};
+  inet_ntop(AF_INET, bytes.s6_addr + sizeof bytes - sizeof(in_addr), plain.data(), plain.size());
+  return plain.data();
+}
+
+// Some directories take a name in any case, so the counter has to.
+std::string folded(std::string_view name) {
+  std::string text{name};
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  return text;
+}
+
+}  // namespace
+
+std::time_t LoginThrottle::clock() {
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  return now.tv_sec;
+}
+
+unsigned LoginThrottle::user_slot(const State& state, std::string_view user) const {
+  return slot_of(state.key, folded(user), slots_);
+}
+
+unsigned LoginThrottle::address_slot(const State& state, std::string_view address) const {
+  return slots_ + slot_of(state.key, client_of(address), slots_);
+}
+
+bool LoginThrottle::load(State& state, std::time_t now) const {
+  Text text;
+  const int error = read_file((folder_ + COUNTERS).c_str(), text);
+  if (error != 0 && error != ENOENT) return false;
+  std::istringstream lines{std::string{text.view()}};
+  lines >> state.key;
+  if (state.key.size() != KEY_LENGTH) {
+    state.key.assign(KEY_LENGTH, '\0');
+    return random_name(state.key);
+  }
+  unsigned slot = 0;
+  Counter counter;
+  while (lines >> slot >> counter.failures >> counter.since)
+    if (counter.since <= now && now - counter.since < WINDOW) state.counters[slot] = counter;
+  return true;
+}
+
+bool LoginThrottle::save(const State& state) const {
+  std::string text = state.key + "\n";
+  for (const auto& [slot, counter] : state.counters)
+    if (counter.failures > 0)
+      text +=
+          std::to_string(slot) + " " + std::to_string(counter.failures) + " " + std::to_string(counter.since) + "\n";
+  return replace_file(folder_ + COUNTERS, text);
+}
+
+// A counter one beyond its limit says that the refusal was told. Refusals do not count as failures, so that the window
+// ends also for one who keeps asking.
+void LoginThrottle::refuse(const Limited& row, std::time_t now, Admission& admission) {
+  auto& [counter, limit] = row;
+  if (counter.failures < limit) return;
+  admission.retry_after = std::max(admission.retry_after, counter.since + WINDOW - now);
+  if (counter.failures == limit) admission.first_refusal = true;
+  counter.failures = limit + 1;
+}
+
+void LoginThrottle::charge(const Limited& row, std::time_t now, Admission& admission) {
+  if (row.counter.failures == 0) row.counter.since = now;
+  const auto step = std::min(static_cast<std::size_t>(row.counter.failures), DELAYS_MS.size() - 1);
+  admission.delay = std::max(admission.delay, std::chrono::milliseconds{DELAYS_MS[step]});
+  ++row.counter.failures;
+}
+
+std::optional<LoginThrottle::Admission> LoginThrottle::admit(std::string_view user, std::string_view address,
+                                                             std::time_t now) const {
+  const Fd lock = lock_folder(folder_);
+  State state;
+  if (!lock || !load(state, now)) return {};
+  const Limited rows[] = {{state.counters[user_slot(state, user)], USER_LIMIT},
+                          {state.counters[address_slot(state, address)], ADDRESS_LIMIT}};
+  Admission admission;
+  for (const Limited& row : rows) refuse(row, now, admission);
+  if (admission.retry_after == 0)
+    for (const Limited& row : rows) charge(row, now, admission);
+  else if (!admission.first_refusal)
+    return admission;  // nothing has changed, and a flood of these costs no writing
+  return save(state) ? std::optional{admission} : std::nullopt;
+}
+
+bool LoginThrottle::succeed(std::string_view user, std::string_view address, std::time_t now) const {
+  const Fd lock = lock_folder(folder_);
+  State state;
+  if (!lock || !load(state, now)) return false;
+  state.counters.erase(user_slot(state, user));
+  const auto client = state.counters.find(address_slot(state, address));
+  if (client != state.counters.end() && --client->second.failures <= 0) state.counters.erase(client);
+  return save(state);
+}
+
+}  // namespace fenro

@@ -1,0 +1,68 @@
+#include "tools/serial_number.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <strings.h>
+
+#include <openssl/evp.h>
+
+#include "common/handle.h"
+#include "libfenro/ini_file.h"
+#include "libfenro/paths.h"
+
+namespace fenro {
+namespace {
+
+constexpr const char* SECTION = "System";
+constexpr const char* KEY = "Serial Number";
+constexpr const char* DMI_SERIAL = "/sys/class/dmi/id/product_serial";
+constexpr const char* MACHINE_ID = "/etc/machine-id";
+constexpr std::string_view PURPOSE = "fenro serial number\n";  // another program's hash of the id differs
+constexpr std::size_t DIGITS = 12;
+constexpr std::array<const char*, 8> PLACEHOLDERS{
+    "None",    "Not Specified", "Not Applicable", "Default string", "System Serial Number", "To be filled by O.E.M.",
+    "Unknown", "INVALID"};
+
+std::string trimmed(std::string_view text) {
+  constexpr std::string_view BLANKS = " \t\r\n";
+  const std::size_t first = std::min(text.find_first_not_of(BLANKS), text.size());
+  return std::string{text.substr(first, text.find_last_not_of(BLANKS) + 1 - first)};
+}
+
+// The first line of a file of the kernel's, whose stated size is not its real one, or of an ordinary one.
+std::string first_line(const char* path) {
+  std::array<char, 256> line{};
+  const File file{std::fopen(path, "re")};
+  return file && std::fgets(line.data(), line.size(), file.get()) ? trimmed(line.data()) : std::string{};
+}
+
+}  // namespace
+
+bool is_placeholder(std::string_view number) {
+  const std::string text{number};
+  return text.find_first_not_of("0") == std::string::npos ||
+         std::any_of(PLACEHOLDERS.begin(), PLACEHOLDERS.end(),
+                     [&](const char* word) { return strcasecmp(word, text.c_str()) == 0; });
+}
+
+std::string number_from(std::string_view machine_id) {
+  constexpr std::string_view HEX = "0123456789ABCDEF";
+  const std::string input = std::string(PURPOSE).append(machine_id);
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  if (EVP_Digest(input.data(), input.size(), digest.data(), nullptr, EVP_sha256(), nullptr) != 1) return {};
+  std::string number;
+  for (std::size_t i = 0; i < DIGITS / 2; ++i) number.append({HEX[digest[i] >> 4], HEX[digest[i] & 15]});
+  return number;
+}
+
+std::string serial_number() {
+  const std::string configured = trimmed(ini::read_value(paths::SYSTEM_CONF, SECTION, KEY).value_or(""));
+  if (!configured.empty()) return configured;
+  const std::string burnt_in = first_line(DMI_SERIAL);
+  if (!is_placeholder(burnt_in)) return burnt_in;
+  const std::string id = first_line(MACHINE_ID);
+  return id.empty() ? id : number_from(id);
+}
+
+}  // namespace fenro

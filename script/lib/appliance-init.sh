@@ -1,0 +1,151 @@
+# shellcheck shell=bash
+# The init of a private appliance, read by process 1 and run once it has its new root: starts the daemons and the
+# web server, runs the one command, ends everything. As a shell it also reaps what its children leave behind.
+
+# program in /usr/lib/fenro | its sockets as /proc/net/unix shows them
+DAEMON_TABLE=(
+  'ormeld|@/var/run/ormeld.sock'
+  'fenro-networkd|@fenro-bus/NetworkService'
+  'fenro-jsond|@fenro-bus/vpncaas'
+  'fenro-rated|@fenro-bus/RateServer'
+  'pelmar-agentd|@fenro-bus/ormel_network_service @fenro-bus/pelmar_expressd'
+)
+LOGS=/run/appliance/log
+SANITIZER_ENV=(
+  ASAN_OPTIONS=log_path=/run/appliance/sanitizer
+  UBSAN_OPTIONS=print_stacktrace=1:log_path=/run/appliance/sanitizer
+)
+PATIENCE=500      # rounds of 10 ms for something to come up
+LAST_PATIENCE=200 # and for everything to end
+
+be_init() {
+  local status=0
+  [[ ! $SANITIZER_LOGS ]] || EXTRA_ENV+=("${SANITIZER_ENV[@]}")
+  ulimit -c 0
+  start_daemons
+  [[ ! $WEB ]] || start_web
+  report_ready
+  run_command || status=$?
+  end_everything
+  report_sanitizers || status=99
+  exit "$status"
+}
+
+wanted() {
+  local name
+  case $WITH_DAEMONS in
+    none) return 1 ;;
+    named) for name in "${DAEMONS[@]}"; do [[ $name != "$1" ]] || return 0; done; return 1 ;;
+  esac
+  for name in "${WITHOUT[@]}"; do [[ $name != "$1" ]] || return 1; done
+}
+
+# All are started before the first is waited for. A tree without some of them is an appliance without them.
+start_daemons() {
+  local row program sockets socket
+  local -A pids
+  for row in "${DAEMON_TABLE[@]}"; do
+    IFS='|' read -r program _ <<<"$row"
+    [[ -x /usr/lib/fenro/$program ]] || continue
+    wanted "$program" || continue
+    setsid env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" "/usr/lib/fenro/$program" </dev/null >"$LOGS/$program.log" 2>&1 &
+    pids[$program]=$!
+  done
+  for row in "${DAEMON_TABLE[@]}"; do
+    IFS='|' read -r program sockets <<<"$row"
+    [[ ${pids[$program]-} ]] || continue
+    for socket in $sockets; do
+      wait_until "${pids[$program]}" listens "$socket" ||
+        die "$program did not open $socket: $(<"$LOGS/$program.log")"
+    done
+  done
+}
+
+# Waits until the test given holds, or the process given has ended, or patience has.
+wait_until() {
+  local pid=$1 round
+  shift
+  for ((round = 0; round < PATIENCE; round++)); do
+    "$@" && return 0
+    kill -0 "$pid" 2>/dev/null || return 1
+    sleep 0.01
+  done
+  return 1
+}
+
+# Whether somebody accepts connections on a socket: flag 0x10000 in the kernel's table.
+listens() {
+  local fields
+  while read -r -a fields; do
+    [[ ${fields[7]-} != "$1" || ${fields[3]} != 00010000 ]] || return 0
+  done </proc/net/unix
+  return 1
+}
+
+# nginx gets to the program through fcgiwrap alone, on a socket that only its workers may use.
+start_web() {
+  local user=www-data socket=/run/ormel-web/fcgi.sock
+  [[ -r /usr/share/ormel/web/nginx.conf ]] || die "the installed tree has no web server's configuration"
+  ((IS_ROOT)) || user=root # an ordinary user's namespace has one account
+  mkdir -p /run/ormel-web /etc/fenro/web
+  make_certificate /etc/fenro/web
+  (
+    umask 0177
+    exec env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" setsid fcgiwrap -c 8 -s "unix:$socket" -p /usr/sbin/ormel.cgi -p /usr/lib/fenro/fenro-login.cgi
+  ) </dev/null >"$LOGS/fcgiwrap.log" 2>&1 &
+  wait_until $! listens "$socket" || die "fcgiwrap did not start: $(<"$LOGS/fcgiwrap.log")"
+  chown "$user" "$socket"
+  # Its error log names the requests that failed, session ids and all.
+  (umask 077 && nginx -c /usr/share/ormel/web/nginx.conf -g "user $user;" </dev/null >"$LOGS/nginx.log" 2>&1) ||
+    die "nginx did not start: $(<"$LOGS/nginx.log")"
+}
+
+make_certificate() {
+  [[ ! -e $1/server.key ]] || return 0
+  (umask 077 && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 365 \
+    -subj "/CN=appliance" -addext "subjectAltName=DNS:appliance,DNS:localhost,IP:127.0.0.1,IP:${ADDRESS%/*}" \
+    -keyout "$1/server.key" -out "$1/server.crt" 2>"$LOGS/certificate.log") ||
+    die "no certificate: $(<"$LOGS/certificate.log")"
+}
+
+report_ready() {
+  [[ $READY_FD ]] || return 0
+  printf '%s\n' "$HOST_PID" >&"$READY_FD"
+  exec {READY_FD}>&-
+}
+
+# In the background, so that a signal is acted on at once; with the caller's input and terminal all the same.
+run_command() {
+  local status interrupted
+  trap 'interrupted=1; kill -TERM -1 2>/dev/null' TERM
+  trap 'interrupted=1' INT
+  env -i --default-signal=INT,QUIT "${APPLIANCE_ENV[@]}" ${TERMINAL:+"TERM=$TERMINAL"} "${EXTRA_ENV[@]}" "${COMMAND[@]}" <&0 &
+  interrupted=1
+  while [[ $interrupted ]]; do
+    interrupted='' status=0
+    { wait $! || status=$?; } 2>/dev/null # no word of the shell about a signal that ended it
+  done
+  return "$status"
+}
+
+end_everything() {
+  local round
+  kill -TERM -1 2>/dev/null || true
+  for ((round = 0; round < LAST_PATIENCE; round++)); do
+    others_live || return 0
+    sleep 0.01
+  done
+}
+
+others_live() {
+  local entry
+  for entry in /proc/[0-9]*; do [[ $entry == /proc/1 ]] || return 0; done
+  return 1
+}
+
+report_sanitizers() {
+  local reports=(/run/appliance/sanitizer.*)
+  [[ $SANITIZER_LOGS && -e ${reports[0]} ]] || return 0
+  cat "${reports[@]}" >&2
+  return 1
+}

@@ -1,0 +1,166 @@
+// What the system tests do to the private appliance they run in: programs run and caught, files read and written,
+// platform parts replaced by ones that record, and a bus service with scripted answers.
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <fenro/mibservice.h>
+#include <gtest/gtest.h>
+
+#include "libmibservice/mibserver.h"
+
+namespace ormel::test {
+
+namespace fs = std::filesystem;
+
+inline constexpr const char* VPN_CONF = "/etc/config/vpn.conf";
+inline constexpr const char* LOG = "/var/log/network/ORMEL.log";
+inline constexpr const char* CALLS = "/var/log/network/calls";  // what the recording stand-ins write
+
+inline std::string read(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+inline void write(const fs::path& path, const std::string& text, mode_t mode = 0600) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+  chmod(path.c_str(), mode);
+}
+
+struct Result {
+  int status;  // exit status; negative the signal that ended it
+  std::string out;
+  std::string err;
+};
+
+// Runs a program with an empty environment but for `environment`, from the root folder, without input.
+inline Result run(const std::vector<std::string>& words, const std::vector<std::string>& environment = {},
+                  const std::string& input = {}) {
+  write("/tmp/run.in", input);
+  const pid_t child = fork();
+  if (child == 0) {
+    std::vector<char*> argv, env;
+    for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+    for (const std::string& word : environment) env.push_back(const_cast<char*>(word.c_str()));
+    argv.push_back(nullptr);
+    env.push_back(nullptr);
+    const bool ready = chdir("/") == 0 && std::freopen("/tmp/run.in", "r", stdin) &&
+                       std::freopen("/tmp/run.out", "w", stdout) && std::freopen("/tmp/run.err", "w", stderr);
+    if (ready) execve(argv[0], argv.data(), env.data());
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"), read("/tmp/run.err")};
+}
+
+template <typename Condition>
+bool comes_true(Condition condition, int seconds = 10) {
+  for (int i = 0; i < 50 * seconds && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  return condition();
+}
+
+inline Result cli(std::vector<std::string> options) {
+  options.insert(options.begin(), "/usr/sbin/ormel");
+  return run(options);
+}
+
+inline std::string conf_value(const std::string& section, const std::string& key) {
+  std::string value = run({"/sbin/getcfg", section, key, "-f", VPN_CONF}).out;
+  if (!value.empty()) value.pop_back();
+  return value;
+}
+
+// One bus call of the test itself; empty when it fails.
+inline std::string bus(const char* service, const char* method, const std::string& request = {}) {
+  mib_io* io = mib_io_create();
+  mib_io_write(io, request.data(), request.size());
+  std::string reply;
+  if (mib_call(service, method, io, 5, -1) == MIB_SUCCESS) reply = mib_io_read(io, nullptr);
+  mib_io_free(io);
+  return reply;
+}
+
+// Puts a program in the place of an init script or tool that writes its own name and arguments, parted by "|", as one
+// line of CALLS and ends with `status`.
+inline void record_calls(const fs::path& program, int status = 0) {
+  write(program,
+        "#!/bin/sh\numask 077\nline=" + program.filename().string() +
+            "\nfor word do line=\"$line|$word\"; done\nprintf '%s\\n' \"$line\" >>" + CALLS + "\nexit " +
+            std::to_string(status) + "\n",
+        0755);
+}
+
+inline std::vector<std::string> recorded(const std::string& program) {
+  std::vector<std::string> lines;
+  std::ifstream in(CALLS);
+  for (std::string line; std::getline(in, line);) {
+    if (line.starts_with(program + '|')) lines.push_back(line.substr(program.size() + 1));
+  }
+  return lines;
+}
+
+// Whether `count` calls of a program have been recorded, or are within some seconds.
+inline bool recorded_soon(const std::string& program, size_t count) {
+  return comes_true([&] { return recorded(program).size() >= count; });
+}
+
+// A bus service with scripted answers, in a process of its own, in place of the daemon of that name.
+class ScriptedService {
+ public:
+  using Answer = std::function<fenro::bus::Reply(std::string_view request)>;
+
+  ScriptedService(const char* service, const char* daemon, const std::vector<std::string>& methods, Answer answer) {
+    run({"/usr/bin/pkill", "-KILL", "-f", daemon});
+    child_ = fork();
+    if (child_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      fenro::bus::Server server{service};
+      for (const std::string& method : methods) {
+        server.on(method, [&, method](std::string_view body) {
+          std::ofstream(CALLS, std::ios::app) << method << '|' << body << '\n';
+          return answer(body);
+        });
+      }
+      while (!server.listen()) usleep(10000);
+      _exit(server.run());
+    }
+    comes_true([&] { return !bus(service, "").empty() || read("/proc/net/unix").find(service) != std::string::npos; });
+  }
+  ScriptedService(const ScriptedService&) = delete;
+  ScriptedService& operator=(const ScriptedService&) = delete;
+  ~ScriptedService() {
+    ::kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+  }
+
+ private:
+  pid_t child_;
+};
+
+// A test that starts from an appliance without profiles, with all scripts and notifications recorded.
+class ProfileHost : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* file : {VPN_CONF, LOG, CALLS, "/etc/config/vpn_options.conf"}) fs::remove(file);
+    for (const auto& script : fs::directory_iterator("/etc/init.d")) {
+      if (script.path().filename().string().starts_with("vpn_")) record_calls(script.path());
+    }
+    record_calls("/usr/local/sbin/notify");
+  }
+};
+
+}  // namespace ormel::test

@@ -1,0 +1,138 @@
+// What the program does when the host around it fails: daemons, scripts, disks, files, and the machine itself.
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+
+#include "support/appliance_host.h"
+
+using namespace ormel::test;
+using fenro::bus::Reply;
+using testing::HasSubstr;
+
+namespace {
+
+const std::vector<std::string> ADD = {"-TPPTP", "-A", "--name=office", "--host=127.0.0.1"};
+const std::vector<std::string> METHODS = {"external_dev.register", "interfaces_monitor.get_info_interfaces"};
+
+class BusFault : public ProfileHost {};
+
+TEST_F(BusFault, AnAddFailsWithoutTheNetworkDaemonAndAShowDoesNot) {
+  run({"/usr/bin/pkill", "-KILL", "-f", "fenro-networkd"});
+  write(VPN_CONF, "[PPTP_CLIENT1]\nIndex = 1\nEnable = TRUE\nProfile File = a\nServer Address = 127.0.0.1\n");
+
+  EXPECT_EQ(cli(ADD).status, 47);
+  EXPECT_EQ(conf_value("PPTP_CLIENT2", "Index"), "");
+  EXPECT_THAT(cli({"-TPPTP", "-S0"}).out, HasSubstr("Index = 1\n"));
+  EXPECT_THAT(read(LOG), HasSubstr("update_connection: mib_call failed ret:2\n"));
+  EXPECT_THAT(read(LOG), HasSubstr("mibcall_external_dev: mib_call failed ret:2\n"));
+}
+
+TEST_F(BusFault, EveryBadAnswerOfTheNetworkDaemonHasItsCode) {
+  const std::pair<std::string, int> rows[] = {
+      {"", 49},
+      {"[]", 49},
+      {"{\"error\":\"0\"}", 49},
+      {"{\"error\":3}", 48},
+      {std::string(1 << 20, '['), 49},
+      {std::string("\0\xff", 2), 49},
+  };
+  for (const auto& [answer, code] : rows) {
+    const std::string& text = answer;
+    const ScriptedService service("NetworkService", "fenro-networkd", METHODS, [&](std::string_view) {
+      return Reply{MIB_SUCCESS, text};
+    });
+    EXPECT_EQ(cli(ADD).status, code) << answer.substr(0, 20);
+    EXPECT_FALSE(fs::exists(VPN_CONF));
+  }
+}
+
+class ScriptFault : public ProfileHost {};
+
+TEST_F(ScriptFault, AFailingStopIsReportedAndAFailingStartIsNot) {
+  bus("NetworkService", "external_dev.list");
+  write(VPN_CONF, "[PPTP_CLIENT1]\nIndex = 1\nProfile File = a\nServer Address = 127.0.0.1\n");
+  record_calls("/etc/init.d/vpn_pptp_client.sh", 3);
+
+  EXPECT_EQ(cli({"-TPPTP", "-d1"}).status, 32);
+  fs::remove("/etc/init.d/vpn_pptp_client.sh");
+  EXPECT_EQ(cli({"-TPPTP", "-c1"}).status, 0);
+  EXPECT_EQ(conf_value("PPTP_CLIENT1", "Status"), "2");
+  write("/etc/init.d/vpn_pptp_client.sh", "#!/bin/sh\nkill -9 $$\n", 0755);
+  EXPECT_EQ(cli({"-TPPTP", "-d1"}).status, 32);
+}
+
+TEST_F(ScriptFault, WorksWithoutTheNotificationTool) {
+  fs::remove("/usr/local/sbin/notify");
+  EXPECT_EQ(cli(ADD).status, 0);
+}
+
+class FileFault : public ProfileHost {};
+
+TEST_F(FileFault, ReadsWhatItCanOfADamagedFile) {
+  std::string big = "[PPTP_CLIENT1]\nIndex = 1\nProfile File = ";
+  big.append(10 << 20, 'x');
+  const std::pair<const char*, std::string> files[] = {
+      {"empty", ""},
+      {"binary", std::string("\x7f"
+                             "ELF\0\0[PPTP\xff]\n=\n[\n]\0\n",
+                             22)},
+      {"large", big + "\nServer Address = 127.0.0.1\n"},
+      {"half-written", "[PPTP]\nEnable = TRUE\n[PPTP_CLIENT1]\nIndex = 1\nProfile Fi"},
+      {"strange numbers",
+       "[PPTP]\nMSS = 99999999999999\nEncryption = -7\nAuthentcation = x\n[PPTP_CLIENT1]\nIndex = 99\nMask = -1\n"
+       "Time Stamp = 99999999999999999999\nEncryption = 77\nAccessCode = ***\nStatus = 9\n"},
+  };
+  for (const auto& [name, text] : files) {
+    SCOPED_TRACE(name);
+    write(VPN_CONF, text);
+    for (const char* type : {"SPPTP", "SL2TP", "SOVPN", "SDROVIK", "SWG", "PPTP", "L2TP", "OVPN", "DROVIK", "WG"}) {
+      EXPECT_EQ(cli({"-T", type, "-S0"}).status, 0) << type;
+    }
+    const Result changed = cli({"-TSL2TP", "-M0", "--psk=k"});
+    EXPECT_EQ(changed.status, 0) << changed.err;
+    EXPECT_EQ(conf_value("L2TP", "PSK"), "k");
+  }
+}
+
+TEST_F(FileFault, KeepsTheOldFileOnAFullDisk) {
+  ASSERT_EQ(cli(ADD).status, 0);
+  const std::string before = read(VPN_CONF);
+  ASSERT_EQ(mount("none", "/etc/config", "tmpfs", 0, "size=16k,mode=0755"), 0);
+  write(VPN_CONF, before);
+  for (int i = 0; i < 8; ++i) write("/etc/config/filler" + std::to_string(i), std::string(4096, 'f'));
+
+  const Result changed = cli({"-TPPTP", "-M1", "--user=nobody"});
+  EXPECT_EQ(changed.status, 0) << "a save that fails is only in its own result";
+  EXPECT_EQ(read(VPN_CONF), before);
+  for (const auto& entry : fs::directory_iterator("/etc/config")) {
+    const std::string name = entry.path().filename();
+    EXPECT_TRUE(name.starts_with("filler") || name == "vpn.conf") << name << " was left behind";
+  }
+  umount2("/etc/config", MNT_DETACH);
+}
+
+TEST_F(FileFault, LeavesTheOldOrTheNewFileWhenItIsKilledAtAnySystemCallOfTheSave) {
+  ASSERT_EQ(cli(ADD).status, 0);
+  const std::string before = read(VPN_CONF);
+  ASSERT_EQ(cli({"-TPPTP", "-M1", "--user=new"}).status, 0);
+  const std::string after = read(VPN_CONF);
+  ASSERT_NE(before, after);
+
+  int kept = 0, replaced = 0;
+  for (const char* call : {"openat", "fchmod", "fchown", "write", "fsync", "rename", "renameat2", "unlink", "close"}) {
+    for (int when = 1; when <= 150; ++when) {
+      write(VPN_CONF, before);
+      const Result traced = run({"/usr/bin/strace", "-qq", "-o", "/dev/null", "-e",
+                                 std::string("inject=?") + call + ":signal=KILL:when=" + std::to_string(when),
+                                 "/usr/sbin/ormel", "-TPPTP", "-M1", "--user=new"});
+      const std::string now = read(VPN_CONF);
+      EXPECT_TRUE(now == before || now == after) << "killed at " << call << ' ' << when << ":\n" << now;
+      ++(now == before ? kept : replaced);
+      if (traced.status == 0) break;  // the run has no further call of this kind
+    }
+  }
+  EXPECT_GT(kept, 0);
+  EXPECT_GT(replaced, 0);
+  EXPECT_EQ(cli({"-TPPTP", "-M1", "--user=new"}).status, 0) << "what a crash left behind stands in nobody's way";
+}
+
+}  // namespace

@@ -1,0 +1,126 @@
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+
+#include <fenro/mibservice.h>
+#include <gtest/gtest.h>
+
+#include "unit/platform/scratch.h"
+
+namespace fenro::test {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+Outcome shell(const std::string& script) {
+  return run({"/bin/sh", "-c", script});
+}
+
+std::size_t open_descriptors() {
+  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {}));
+}
+
+TEST(MibIoExecv, GivesTheExitStatusAndBothStreams) {
+  struct Case {
+    std::vector<std::string> words;
+    int status;
+    std::string out, err;
+  };
+  const Case cases[] = {
+      {{"/bin/sh", "-c", "printf out; printf err >&2"}, 0, "out", "err"},
+      {{"/bin/sh", "-c", "exit 7"}, 7, "", ""},
+      {{"/bin/sh", "-c", "kill -9 $$"}, 128 + SIGKILL, "", ""},
+      {{"/bin/sh", "-c", "kill -PIPE $$"}, 128 + SIGPIPE, "", ""},
+      {{"/bin/echo", "-n", "$HOME; `id` 'x' %s"}, 0, "$HOME; `id` 'x' %s", ""},  // no shell
+      {{"/nonexistent/program"}, -1, "", ""},
+      {{"/etc/passwd"}, -1, "", ""},
+      {{"sh"}, -1, "", ""},  // no search either
+      {{"/bin/cat"}, 0, "", ""},
+  };
+  for (const Case& row : cases) {
+    const Outcome got = run(row.words);
+    EXPECT_EQ(got.status, row.status) << row.words.back();
+    EXPECT_EQ(got.out, row.out);
+    EXPECT_EQ(got.err, row.err);
+  }
+  EXPECT_EQ(mib_io_execv(nullptr, nullptr, nullptr, nullptr), -1);
+}
+
+TEST(MibIoExecv, TakesAMegabyteOfEachStreamInAnyOrder) {
+  const std::string blocks =
+      "i=0; while [ $i -lt 16 ]; do head -c 65536 /dev/zero; head -c 65536 /dev/zero >&2; i=$((i+1)); done";
+  const std::string one_after_the_other = "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero";
+  for (const std::string& script : {blocks, one_after_the_other}) {
+    const Outcome got = shell(script);
+    EXPECT_EQ(got.status, 0);
+    EXPECT_EQ(got.out, std::string(1 << 20, '\0'));
+    EXPECT_EQ(got.err, std::string(1 << 20, '\0'));
+  }
+}
+
+TEST(MibIoExecv, DoesNotWaitForADaemonLeftBehind) {
+  const auto start = Clock::now();
+
+  const Outcome quiet = shell("sleep 30 & echo $!");
+  const Outcome noisy = shell("(trap '' PIPE; while :; do echo noise; done) & echo $!; sleep 0.1");
+
+  EXPECT_LT(Clock::now() - start, 5s);
+  EXPECT_EQ(quiet.status, 0);
+  EXPECT_EQ(noisy.status, 0);
+  for (const Outcome* got : {&quiet, &noisy}) {
+    const auto end = std::find_if(got->out.begin(), got->out.end(), [](char c) { return c >= '0' && c <= '9'; });
+    const int pid = std::atoi(std::string{end, got->out.end()}.c_str());
+    ASSERT_GT(pid, 1);
+    EXPECT_EQ(kill(pid, SIGKILL), 0);
+  }
+}
+
+TEST(MibIoExecv, FeedsTheContextToStandardInput) {
+  const std::string input(3 << 20, 'i');
+  const MibIo in{mib_io_create()};
+  const MibIo out{mib_io_create()};
+  mib_io_write(in.get(), input.data(), input.size());
+  char cat[] = "/bin/cat";
+  char yes[] = "/bin/true";
+  char* copying[] = {cat, nullptr};
+  char* ignoring[] = {yes, nullptr};
+
+  EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, copying), 0);
+  EXPECT_TRUE(text_of(out.get()) == input);
+  EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, ignoring), 0);  // no SIGPIPE for what is not read
+  EXPECT_TRUE(text_of(in.get()) == input);
+}
+
+TEST(MibIoExecv, LeaksNoDescriptorEitherWay) {
+  const Fd inherited{open("/dev/null", O_RDONLY)};  // as a careless caller leaves it
+  const std::size_t before = open_descriptors();
+
+  const Outcome got = shell("ls /proc/self/fd | wc -l");
+  run({"/nonexistent/program"});
+
+  EXPECT_EQ(open_descriptors(), before);
+  EXPECT_LE(std::stoi(got.out), 4);  // the three streams and the folder that ls reads
+}
+
+TEST(MibIoExecv, WorksWithStandardDescriptorsClosedAndChildrenIgnored) {
+  const pid_t child = fork();
+  if (child == 0) {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) close(fd);
+    signal(SIGCHLD, SIG_IGN);
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, nullptr);
+    const Outcome got = shell("cat; printf out; printf err >&2; kill -TERM $$; exit 3");
+    struct sigaction now {};
+    sigaction(SIGCHLD, nullptr, &now);
+    _exit(got.status == 128 + SIGTERM && got.out == "out" && got.err == "err" && now.sa_handler == SIG_IGN ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace
+}  // namespace fenro::test

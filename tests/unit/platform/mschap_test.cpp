@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include "daemons/mschap/accounts.h"
+#include "daemons/mschap/helper.h"
+#include "daemons/mschap/md4.h"
+#include "unit/platform/scratch.h"
+
+namespace fenro::mschap {
+namespace {
+
+std::string md4_of(std::string_view text) {
+  return to_hex(md4({reinterpret_cast<const std::uint8_t*>(text.data()), text.size()}));
+}
+
+TEST(Md4Test, GivesThePublishedDigests) {
+  EXPECT_EQ(md4_of(""), "31D6CFE0D16AE931B73C59D7E0C089C0");
+  EXPECT_EQ(md4_of("message digest"), "D9130A8164549FE818874806E1C7014B");
+  EXPECT_EQ(md4_of("12345678901234567890123456789012345678901234567890123456789012345678901234567890"),
+            "E33B4DDC9C38F2199C3E7B164FCC0536");
+}
+
+// The worked example that the protocol's authors published: user "User", password "clientPass".
+constexpr const char* CHALLENGE = "D02E4386BCE91226";
+constexpr const char* RESPONSE = "82309ECD8D708B5EA08FAA3981CD83544233114A3D85D6DF";
+constexpr const char* PASSWORD_HASH = "44EBBA8D5312B8D611474411F56989AE";
+constexpr const char* SESSION_KEY = "41C00C584BD2D91C4017A2A12FA59F3F";
+
+TEST(MschapTest, GivesThePublishedResponse) {
+  NtHash hash{};
+  Challenge challenge{};
+  Response response{};
+  ASSERT_TRUE(nt_hash("clientPass", hash) && parse_hex(CHALLENGE, challenge));
+  ASSERT_TRUE(expected_response(hash, challenge, response));
+
+  EXPECT_EQ(to_hex(hash), PASSWORD_HASH);
+  EXPECT_EQ(to_hex(response), RESPONSE);
+  EXPECT_EQ(to_hex(session_key(hash)), SESSION_KEY);
+  for (const char* bad : {"\xff", "\xc3", "\xed\xa0\x80", "\xc0\x80", "\xf8\x88\x80\x80\x80"})
+    EXPECT_FALSE(nt_hash(bad, hash));
+}
+
+class HelperTest : public testing::Test {
+ protected:
+  HelperTest() {
+    const std::string hash = PASSWORD_HASH;
+    table = "&" + scratch.write("smbpasswd", "User:1000:" + std::string(32, 'X') + ":" + hash +
+                                                 ":[U  ]:LCT-5F000000:\n" + "off:1001:X:" + hash +
+                                                 ":[UD  ]:LCT-5F000000:\n" + "none:1002:X:" + std::string(32, 'X') +
+                                                 ":[U]:\n" + "DOM\\User:1003:X:" + hash + ":[U]:\n");
+    secrets = scratch.write("chap-secrets", line("User", table) + line("off", table) + line("none", table) +
+                                                line("DOM\\User", table) + line("plain", "clientPass") +
+                                                "\"other\"\tl2tpd\t" + table + "\t*\n");
+  }
+  static std::string line(const std::string& user, const std::string& secret) {
+    return "\"" + user + "\"\tpptpd\t" + secret + "\t*\n";
+  }
+  std::string ask(const std::string& names, const std::string& response = RESPONSE) {
+    const std::string request = names + "LANMAN-Challenge: " + CHALLENGE +
+                                "\nLANMAN-response: " + std::string(48, '0') + "\nNT-response: " + response +
+                                "\nRequest-User-Session-Key: yes\n.\n";
+    return judge(request, secrets.c_str(), "pptpd");
+  }
+  test::Scratch scratch;
+  std::string table, secrets;
+};
+
+TEST_F(HelperTest, AdmitsListedUsersWithTheRightResponse) {
+  const std::string yes = std::string{"Authenticated: Yes\nUser-session-key: "} + SESSION_KEY + "\n.\n";
+  EXPECT_EQ(ask("Full-Username:: VXNlcg==\n"), yes);
+  EXPECT_EQ(ask("Username: User\n"), yes);
+  EXPECT_EQ(ask("NT-Domain:: RE9N\nFull-Username:: VXNlcg==\n"), yes);
+  EXPECT_EQ(ask("Username: plain\n"), yes);  // a secret of the administrator's own
+}
+
+TEST_F(HelperTest, RefusesEverybodyElse) {
+  std::string wrong = RESPONSE;
+  wrong.back() = '0';
+  const std::string requests[] = {
+      ask("Username: User\n", wrong),
+      ask("Username: User\n", ""),
+      ask("Username: off\n"),
+      ask("Username: none\n"),
+      ask("Username: other\n"),
+      ask("Username: nobody\n"),
+      ask("Username: User\"\n"),
+      ask("Username: User\"\tpptpd\t&\n"),
+      ask("Username: \n"),
+      ask(""),
+      ask("Username:: !!!\n"),
+      ask("nonsense\n"),
+      judge("", "/dev/null", "pptpd"),
+      judge("Username: User\n", secrets.c_str(), "pptpd"),
+  };
+  for (const std::string& verdict : requests) EXPECT_EQ(verdict, "Authenticated: No\n.\n");
+}
+
+// The text that stands for the table must never do as a password itself.
+TEST_F(HelperTest, TheNameOfTheTableIsNoPassword) {
+  NtHash hash{};
+  Challenge challenge{};
+  Response response{};
+  ASSERT_TRUE(nt_hash(table, hash) && parse_hex(CHALLENGE, challenge) && expected_response(hash, challenge, response));
+
+  EXPECT_EQ(ask("Username: User\n", to_hex(response)), "Authenticated: No\n.\n");
+}
+
+}  // namespace
+}  // namespace fenro::mschap

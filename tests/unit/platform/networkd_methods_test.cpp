@@ -1,0 +1,189 @@
+#include <algorithm>
+#include <climits>
+#include <filesystem>
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "daemons/networkd/methods.h"
+#include "unit/platform/scratch.h"
+
+namespace fenro::networkd {
+namespace {
+
+// A daemon's state over a file in a folder of its own.
+class NetworkdTest : public testing::Test {
+ protected:
+  std::string call(std::string_view name, std::string_view body) {
+    const auto all = methods();
+    const auto method = std::find_if(all.begin(), all.end(), [&](const Method& each) { return each.name == name; });
+    return method == all.end() ? "no such method" : answer(*state, *method, body);
+  }
+  // The integer "error" of a reply; a reply that is none of ours gives INT_MIN.
+  int error_of(std::string_view name, std::string_view body) {
+    const std::string text = call(name, body);
+    const Json reply{json_loads(text.c_str(), 0, nullptr)};
+    const json_t* error = json_object_get(reply.get(), "error");
+    EXPECT_TRUE(json_is_integer(error) && json_object_get(reply.get(), "data") != nullptr) << text;
+    return json_is_integer(error) ? static_cast<int>(json_integer_value(error)) : INT_MIN;
+  }
+  void restart() {
+    state = std::make_unique<State>(State{ExternalDevices{file}, {}});
+    state->devices.load();
+  }
+
+  test::Scratch scratch;
+  const std::string file = scratch.path("external_dev.json");
+  std::unique_ptr<State> state = std::make_unique<State>(State{ExternalDevices{file}, {}});
+};
+
+TEST_F(NetworkdTest, KeepsWhatItAcknowledgedOverARestart) {
+  ASSERT_EQ(error_of("external_dev.register", R"({"key":"PPTP_CLIENT1","profile":"a","ifname":"ppp1001","x":1})"), 0);
+  ASSERT_EQ(error_of("external_dev.register", R"({"key":"L2TP_CLIENT1","profile":"b\u0001\"\\é"})"), 0);
+  const std::string before = call("external_dev.list", "");
+
+  restart();
+
+  EXPECT_EQ(call("external_dev.list", ""), before);
+  EXPECT_EQ(call("external_dev.list", R"({"key":"PPTP_CLIENT1"})"),
+            R"({"error":0,"data":{"PPTP_CLIENT1":{"key":"PPTP_CLIENT1","as_default_gw":"","profile":"a","status":"",)"
+            R"("ip4_ip":"","ip4_netmask":"","ifname":"ppp1001","type":"","protocol":"","country_code":"","dns":"",)"
+            R"("ip4_gw":""}}})");
+  struct stat info {};
+  ASSERT_EQ(stat(file.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600U);
+  EXPECT_EQ(scratch.files(), 1U);  // no temporary file is left
+}
+
+TEST_F(NetworkdTest, RegisteringReplacesAndModifyingKeepsTheOtherFields) {
+  call("external_dev.register", R"({"key":"K","profile":"old","dns":"1.1.1.1"})");
+
+  EXPECT_EQ(error_of("external_dev.modify", R"({"key":"K","profile":"new"})"), 0);
+  EXPECT_NE(call("external_dev.list", R"({"key":"K"})").find(R"("profile":"new","status":"","ip4_ip":"")"),
+            std::string::npos);
+  EXPECT_NE(call("external_dev.list", "").find("1.1.1.1"), std::string::npos);
+
+  EXPECT_EQ(error_of("external_dev.register", R"({"key":"K"})"), 0);
+  EXPECT_EQ(call("external_dev.list", "").find("1.1.1.1"), std::string::npos);
+
+  EXPECT_EQ(error_of("external_dev.modify", R"({"key":"UNKNOWN","profile":"p"})"), 0);
+  EXPECT_EQ(error_of("external_dev.unregister", R"({"key":"K"})"), 0);
+  EXPECT_EQ(error_of("external_dev.unregister", R"({"key":"K"})"), 0);
+  EXPECT_EQ(call("external_dev.list", R"({"key":"K"})"), R"({"error":0,"data":{}})");
+  EXPECT_NE(call("external_dev.list", "").find("UNKNOWN"), std::string::npos);
+}
+
+TEST_F(NetworkdTest, AChangeThatCannotBeSavedIsRefusedAndUndone) {
+  ASSERT_EQ(error_of("external_dev.register", R"({"key":"K"})"), 0);
+  const std::string before = call("external_dev.list", "");
+  std::filesystem::remove(file);
+  std::filesystem::create_directory(file);  // nothing can be renamed over it, not even by root
+
+  EXPECT_NE(error_of("external_dev.register", R"({"key":"L"})"), 0);
+  EXPECT_NE(error_of("external_dev.unregister", R"({"key":"K"})"), 0);
+
+  EXPECT_EQ(call("external_dev.list", ""), before);
+}
+
+TEST_F(NetworkdTest, StartsEmptyBesideADamagedFileAndKeepsItForLater) {
+  for (const char* damaged : {"", "{\"K\":{\"key\":\"K\"", "[]", "\177ELF", "7"}) {
+    SCOPED_TRACE(damaged);
+    scratch.write("external_dev.json", damaged);
+
+    restart();
+
+    EXPECT_EQ(call("external_dev.list", ""), R"({"error":0,"data":{}})");
+    EXPECT_TRUE(std::filesystem::exists(file + ".damaged"));
+    EXPECT_EQ(error_of("external_dev.register", R"({"key":"NEW"})"), 0);
+  }
+}
+
+TEST_F(NetworkdTest, LeavesOutDamagedEntriesAlone) {
+  scratch.write("external_dev.json",
+                R"({"A":{"key":"A","profile":7},"B":{"key":"C"},"D":[],"E":{"key":"E","profile":"good"}})");
+
+  restart();
+
+  const std::string list = call("external_dev.list", "");
+  EXPECT_EQ(list.find(R"({"error":0,"data":{"E":{"key":"E","as_default_gw":"","profile":"good")"), 0U) << list;
+}
+
+TEST_F(NetworkdTest, TheTableIsBounded) {
+  std::string content = "{";
+  for (std::size_t i = 0; i < DEVICES_MAX; ++i) {
+    const std::string key = "K" + std::to_string(i);
+    content.append(i ? ",\"" : "\"").append(key).append("\":{\"key\":\"").append(key).append("\"}");
+  }
+  scratch.write("external_dev.json", content + "}");
+  restart();
+
+  EXPECT_EQ(error_of("external_dev.register", R"({"key":"ONE_MORE"})"), ERROR_REQUEST);
+  EXPECT_EQ(error_of("external_dev.register", R"({"key":"K5","profile":"replaced"})"), 0);
+  EXPECT_EQ(
+      error_of("external_dev.register", R"({"key":"K5","profile":")" + std::string(DEVICE_FIELD_MAX + 1, 'x') + "\"}"),
+      ERROR_REQUEST);
+}
+
+TEST_F(NetworkdTest, AnswersEveryHostileBodyWithAnError) {
+  const std::string bodies[] = {
+      "[",
+      "[]",
+      "null",
+      "{\"key\":",
+      "\xff\xfe",
+      std::string(1000, '\0'),
+      std::string(50000, '['),
+      "{\"key\":" + std::string(30000, '[') + std::string(30000, ']') + "}",
+      "{\"key\":\"" + std::string(100000, 'k') + "\"}",
+      R"({"key":7,"ip":7,"mask":7,"name_interface":7})",
+      R"({"key":[],"ip":null,"mask":{},"name_interface":true})",
+      R"({"key":"a\u0000b","ip":"10.0.0.1\u0000","name_interface":"lo\u0000"})",
+      R"({"key":"","name_interface":"","ip":"","mask":""})",
+  };
+  for (const Method& method : methods())
+    for (const std::string& body : bodies) {
+      if (method.name == "external_dev.list" && body.ends_with("\"mask\":\"\"}")) continue;  // an unknown key, no error
+      EXPECT_NE(error_of(method.name, body), 0) << method.name << " " << body.substr(0, 60);
+    }
+}
+
+TEST_F(NetworkdTest, FindsACollisionWithTheLoopbackNetworkAndNoneElsewhere) {
+  EXPECT_EQ(call("api.check_network_intersect", R"({"ip":"127.0.0.2", "mask": "255.255.255.0"})"),
+            R"({"error":1,"data":"lo 127.0.0.0/8"})");
+  EXPECT_EQ(call("api.check_network_intersect", R"({"ip":"198.51.100.7", "mask": "255.255.255.0"})"),
+            R"({"error":0,"data":""})");
+  EXPECT_EQ(error_of("api.check_network_intersect", R"({"ip":"10.0.0.1","mask":"255.0.255.0"})"), ERROR_REQUEST);
+}
+
+TEST_F(NetworkdTest, ShowsCountersOfOneInterfaceOrOfAll) {
+  const std::string one = call("interfaces_monitor.get_info_interfaces", R"({"name_interface":"lo"})");
+  EXPECT_EQ(one.find(R"({"error":0,"data":{"name_interface":"lo","status":)"), 0U) << one;
+  EXPECT_EQ(error_of("interfaces_monitor.get_info_interfaces", R"({"name_interface":"ppp1031"})"), ERROR_NOT_FOUND);
+  EXPECT_EQ(call("interfaces_monitor.get_info_interfaces", "").find(R"({"error":0,"data":[{)"), 0U);
+}
+
+TEST(RatesTest, CountsBytesASecondBetweenTheLastTwoReadings) {
+  using std::chrono::milliseconds;
+  const Rates::Clock::time_point start{};
+  const auto reading = [](int index, std::uint64_t rx) {
+    return std::vector<Link>{{index, "eth0", 0, true, rx, 2 * rx}};
+  };
+  Rates rates;
+
+  rates.sample(reading(2, 1000), start);
+  EXPECT_EQ(rates.of("eth0").rx, 0U);  // one reading is no rate
+  rates.sample(reading(2, 2000), start + milliseconds{500});
+  EXPECT_EQ(rates.of("eth0").rx, 2000U);
+  EXPECT_EQ(rates.of("eth0").tx, 4000U);
+  rates.sample(reading(2, 100), start + milliseconds{1500});
+  EXPECT_EQ(rates.of("eth0").rx, 0U);  // a counter that went back
+  rates.sample(reading(9, 5000), start + milliseconds{2500});
+  EXPECT_EQ(rates.of("eth0").rx, 0U);  // another interface of that name
+  rates.sample(reading(9, 6000), start + milliseconds{2500});
+  EXPECT_EQ(rates.of("eth0").rx, 0U);  // no time has passed
+  rates.sample({}, start + milliseconds{3500});
+  EXPECT_EQ(rates.of("eth0").tx, 0U);
+}
+
+}  // namespace
+}  // namespace fenro::networkd

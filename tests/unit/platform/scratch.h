@@ -1,0 +1,92 @@
+// What the platform's tests share: a folder that goes with its test, and programs run with their output.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sched.h>
+#include <string>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <fenro/mibservice.h>
+
+#include "common/handle.h"
+
+namespace fenro::test {
+
+using MibIo = std::unique_ptr<mib_io, FreeWith<mib_io_free>>;
+
+inline std::string text_of(mib_io* io) {
+  std::size_t length = 0;
+  const char* const bytes = mib_io_read(io, &length);
+  return {bytes, length};
+}
+
+class Scratch {
+ public:
+  Scratch() { folder_ = mkdtemp(name_.data()); }
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+  ~Scratch() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
+  [[nodiscard]] std::string path(const std::string& name) const { return folder_ + "/" + name; }
+  std::string write(const std::string& name, const std::string& content) const {
+    std::ofstream{path(name), std::ios::binary} << content;
+    return path(name);
+  }
+  [[nodiscard]] std::string read(const std::string& name) const {
+    std::ifstream file{path(name), std::ios::binary};
+    return {std::istreambuf_iterator<char>{file}, {}};
+  }
+  [[nodiscard]] std::size_t files() const {
+    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator{folder_}, {}));
+  }
+
+ private:
+  std::string name_ = "/tmp/fenro-test-XXXXXX";
+  std::string folder_;
+};
+
+struct Outcome {
+  int status = -1;
+  std::string out{}, err{};
+};
+
+inline Outcome run(const std::vector<std::string>& words) {
+  std::vector<char*> argv;
+  for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  const MibIo out{mib_io_create()};
+  const MibIo err{mib_io_create()};
+  const int status = mib_io_execv(nullptr, out.get(), err.get(), argv.data());
+  return {status, text_of(out.get()), text_of(err.get())};
+}
+
+constexpr int NO_NAMESPACE = 99;  // a child's status when the kernel denies it what the test needs
+
+// Runs `body` in a child in which the scratch folder stands in the place of the host's /run and /var/lib, so nothing
+// reaches the host. The child's exit status, or -1 where the kernel gives no such namespace.
+template <typename Body>
+int in_private_host(const Scratch& scratch, Body body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    const int flags = geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER;
+    bool ready = unshare(flags) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    for (const char* place : {"/run", "/var/lib"})
+      ready = ready && mount(scratch.path("").c_str(), place, nullptr, MS_BIND, nullptr) == 0;
+    _exit(ready ? body() : NO_NAMESPACE);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) != NO_NAMESPACE ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace fenro::test
