@@ -8,22 +8,11 @@
 
 namespace ormel::pptp {
 
-namespace {
-
-constexpr int LEAST_MSS = 1000;
-constexpr int MOST_MSS = 1400;
-
-bool authentication_known(AUTHENTICATION authentication) {
-  return authentication >= PAP_AUTHENTICATION && authentication <= CHAP_AUTHENTICATION;
-}
-
-}  // namespace
-
 ServerConfig::ServerConfig(int) : DriverServer(PPTP_SERVER_TYPE) {}
 
 int ServerConfig::verify() {
-  if (!authentication_known(authentication)) return error_message(ERR_AUTHENTICATION, nullptr);
-  if (mss < LEAST_MSS || mss > MOST_MSS) return error_message(ERR_VALUE, "mss");
+  if (!ppp::authentication_known(authentication)) return error_message(ERR_AUTHENTICATION, nullptr);
+  if (!ppp::mss_fits(mss)) return error_message(ERR_VALUE, "mss");
   return BaseConfig::verify();
 }
 
@@ -51,7 +40,7 @@ void ServerConfig::load(Conf_dir* conf, pid_t process) {
   broadcast = Conf_Dir_Get_Bool(conf, where, "Broadcast", true) != 0;
   encryption = static_cast<ENCRYPTION>(Conf_Dir_Get_Int(conf, where, "Encryption", HIGH_ENCRYPTION));
   authentication = static_cast<AUTHENTICATION>(Conf_Dir_Get_Int(conf, where, "Authentcation", MSCHAPV2_AUTHENTICATION));
-  mss = Conf_Dir_Get_Int(conf, where, "MSS", 1300);
+  mss = Conf_Dir_Get_Int(conf, where, "MSS", ppp::DEFAULT_MSS);
 }
 
 void ServerConfig::save(Conf_dir* conf) {
@@ -70,7 +59,7 @@ void ServerConfig::save(Conf_dir* conf) {
 int ClientConfig::verify() {
   // Compared unsigned, so that a negative number from a damaged file is refused as well.
   if (static_cast<unsigned>(encryption) > HIGH_ENCRYPTION) return error_message(ERR_ENCRYPTION, nullptr);
-  if (!authentication_known(authentication)) return error_message(ERR_AUTHENTICATION, nullptr);
+  if (!ppp::authentication_known(authentication)) return error_message(ERR_AUTHENTICATION, nullptr);
   return config::ClientConfig::verify();
 }
 

@@ -2,13 +2,14 @@
 #pragma once
 
 #include "ormel/config_driver.h"
+#include "ormel/ppp.h"
 
 namespace ormel::pptp {
 
 class ServerConfig : public config::DriverServer {
  public:
-  bool broadcast = false;  // relay broadcasts to clients; kept and stored only
-  int mss = 1300;          // TCP maximum segment size, bytes; shared with the L2TP server
+  bool broadcast = false;      // relay broadcasts to clients; kept and stored only
+  int mss = ppp::DEFAULT_MSS;  // TCP maximum segment size, bytes; shared with the L2TP server
 
   explicit ServerConfig(int);
 
