@@ -7,11 +7,11 @@ extern "C" {
 #endif
 
 struct _session {
-  long touched;      /* time of last use, seconds since the epoch */
-  char sid[9];       /* eight characters */
-  char ip[65];       /* address of the client */
-  char user[57];     /* account name */
-  int type;          /* reserved, 0 */
+  long touched;  /* time of last use, seconds since the epoch */
+  char sid[9];   /* eight characters */
+  char ip[65];   /* address of the client */
+  char user[57]; /* account name */
+  int type;      /* reserved, 0 */
   char reserved[16];
   char host_ip[65];  /* address of this appliance that the client spoke to */
   char sub_user[57]; /* reserved, empty */
@@ -20,20 +20,20 @@ struct _session {
 
 /* Looks a session up: 0 when it is valid, with `session` (may be null) filled; non-zero otherwise. With `touch`
  * non-zero a valid session's time of last use becomes now. */
-int auth_get_session(const char *sid, int touch, struct _session *session);
+int auth_get_session(const char* sid, int touch, struct _session* session);
 
 /* Non-zero when the user belongs to the group, as a member or by its primary group. */
-int User_Belongs_To_Group(const char *user, const char *group);
+int User_Belongs_To_Group(const char* user, const char* group);
 
 /* 0 when the password is the user's and the account may log in. */
-int Check_NAS_User_Password(const char *user, const char *password);
+int Check_NAS_User_Password(const char* user, const char* password);
 
 /* Names of users. The rows `lower` to `upper` (counted from 0, both included) of those that contain `filter` (null or
- * empty: all) are allocated into `list` with malloc and freed by the caller; `total` takes the number of all that match.
- * Returns the number of rows in `list`, negative on failure. */
-int Get_Local_User_List_V2(char (**list)[33], int lower, int upper, const char *filter, int *total);
-int Get_LDAP_User_List_V2(char (**list)[33], int lower, int upper, const char *filter, int *total);
-int Get_Expand_Domain_User_List_V2(char (**list)[209], int lower, int upper, const char *filter, int *total, int a,
+ * empty: all) are allocated into `list` with malloc and freed by the caller; `total` takes the number of all that
+ * match. Returns the number of rows in `list`, negative on failure. */
+int Get_Local_User_List_V2(char (**list)[33], int lower, int upper, const char* filter, int* total);
+int Get_LDAP_User_List_V2(char (**list)[33], int lower, int upper, const char* filter, int* total);
+int Get_Expand_Domain_User_List_V2(char (**list)[209], int lower, int upper, const char* filter, int* total, int a,
                                    int b, int c); /* a, b and c are reserved */
 
 /* Non-zero when the host's accounts come from an LDAP directory too. */

@@ -16,11 +16,11 @@ extern "C" {
 #endif
 
 /* Date, a blank, and time with seconds, both in the formats that are set. */
-int Change_Date_Time_To_String(time_t seconds, char *buffer); /* 0 = done */
+int Change_Date_Time_To_String(time_t seconds, char* buffer); /* 0 = done */
 
 /* 0 when done; non-zero, with an empty buffer, for a format that is not in the table. */
-int Change_Date_To_String_By_Format(time_t seconds, char *buffer, int format);
-int Change_Time_To_String_By_Format(time_t seconds, char *buffer, int seconds_too, int format);
+int Change_Date_To_String_By_Format(time_t seconds, char* buffer, int format);
+int Change_Time_To_String_By_Format(time_t seconds, char* buffer, int seconds_too, int format);
 
 /* The formats that are set: the keys "Date Format" and "Time Format" of the section [System] in
  * /etc/config/Corlin.conf. 0 where there is none or one that is not in the table. */

@@ -7,10 +7,10 @@ extern "C" {
 #endif
 
 /* The appliance's public address as text into `buffer` of `length` bytes. 0 on success, negative on failure. */
-int Get_External_IP(char *buffer, int length);
+int Get_External_IP(char* buffer, int length);
 
 /* Replaces the trailing "XXXXXX" of the template so that no file of that name exists. 0 = done. */
-int vantri_mktmpname(char *name_template);
+int vantri_mktmpname(char* name_template);
 
 #ifdef __cplusplus
 }
