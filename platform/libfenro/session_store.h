@@ -22,8 +22,8 @@ namespace fenro {
 
 class SessionStore {
  public:
-  static constexpr std::time_t IDLE_LIMIT = 30 * 60;
-  static constexpr std::time_t AGE_LIMIT = 12 * 60 * 60;
+  static constexpr std::time_t IDLE_LIMIT = std::time_t{30} * 60;
+  static constexpr std::time_t AGE_LIMIT = std::time_t{12} * 60 * 60;
 
   // The store of the host.
   SessionStore();

@@ -93,6 +93,7 @@ std::optional<std::string> session_tool(std::vector<std::string> words, const st
   for (const char* name : {"QUERY_STRING", "REQUEST_URI"}) unsetenv(name);  // they may hold a session id
   words.insert(words.begin(), SESSION_TOOL);
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   if (!in || mib_io_write(in.get(), input.data(), input.size()) != static_cast<int>(input.size())) return {};

@@ -47,7 +47,7 @@ unsigned slot_of(const std::string& key, std::string_view name, unsigned slots) 
 
 // What counts as one client: an IPv4 address, or the network of an IPv6 one.
 std::string client_of(std::string_view address) {
-  const std::string text{address};
+  std::string text{address};
   in6_addr bytes{};
   if (inet_pton(AF_INET6, text.c_str(), &bytes) != 1) return text;
   if (!IN6_IS_ADDR_V4MAPPED(&bytes)) return {reinterpret_cast<const char*>(bytes.s6_addr), NETWORK_BYTES};

@@ -19,7 +19,7 @@ namespace fenro {
 
 class LoginThrottle {
  public:
-  static constexpr std::time_t WINDOW = 15 * 60;  // counted from the first failure
+  static constexpr std::time_t WINDOW = std::time_t{15} * 60;  // counted from the first failure
   static constexpr int ADDRESS_LIMIT = 10;
   static constexpr int USER_LIMIT = 20;  // more than one address may use up: it alone cannot lock a user out
   static constexpr unsigned SLOTS = 8192;
