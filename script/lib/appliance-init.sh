@@ -87,10 +87,11 @@ start_web() {
   local user=www-data socket=/run/ormel-web/fcgi.sock
   [[ -r /usr/share/ormel/web/nginx.conf ]] || die "the installed tree has no web server's configuration"
   ((IS_ROOT)) || user=root # an ordinary user's namespace has one account
-  mkdir -p /run/ormel-web /etc/fenro/web
+  mkdir -p /etc/fenro/web
+  install -d -m 0700 -o "$user" /run/ormel-web # closes the socket to all others: the programs want an ordinary umask
   make_certificate /etc/fenro/web
   (
-    umask 0177
+    umask 022
     exec env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" setsid fcgiwrap -c 8 -s "unix:$socket" -p /usr/sbin/ormel.cgi -p /usr/lib/fenro/fenro-login.cgi
   ) </dev/null >"$LOGS/fcgiwrap.log" 2>&1 &
   wait_until $! listens "$socket" || die "fcgiwrap did not start: $(<"$LOGS/fcgiwrap.log")"
