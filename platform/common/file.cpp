@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/c_memory.h"
 #include "common/handle.h"
 
 namespace fenro {
@@ -14,8 +15,6 @@ namespace {
 
 constexpr off_t MAX_FILE = off_t{256} << 20;
 constexpr mode_t PERMISSIONS = 07777;
-
-using CString = std::unique_ptr<char, FreeWith<std::free>>;
 
 std::string folder_of(const std::string& path) {
   const std::size_t slash = path.rfind('/');

@@ -11,6 +11,7 @@
 
 #include <fenro/conf.h>
 
+#include "common/c_memory.h"
 #include "libfenro/conf_index.h"
 #include "libfenro/ini.h"
 
@@ -45,20 +46,21 @@ int save(const Conf_dir& conf) {
 using fenro::ConfIndex;
 
 Conf_dir* Conf_Dir_Load(const char* path) {
-  auto* const conf = static_cast<Conf_dir*>(std::calloc(1, sizeof(Conf_dir)));
+  auto conf = fenro::c_array<Conf_dir>(1);
   if (!conf) throw std::bad_alloc{};
   const std::size_t length = path ? std::strlen(path) : 0;
-  if (length == 0 || length >= sizeof conf->file) return conf;  // a path that was cut would name another file
-  std::memcpy(conf->file, path, length);
+  if (length == 0 || length >= sizeof conf[0].file)
+    return conf.release();  // a path that was cut would name another file
+  std::copy_n(path, length, conf[0].file);
   fenro::Text text;
-  if (fenro::read_file(path, text) == 0) ConfIndex::make(*conf).parse(std::move(text));
-  return conf;
+  if (fenro::read_file(path, text) == 0) ConfIndex::make(conf[0]).parse(std::move(text));
+  return conf.release();
 }
 
 void Conf_Dir_Free(Conf_dir* conf) {
   if (!conf) return;
   ConfIndex::destroy(*conf);
-  std::free(conf);
+  fenro::CArray<Conf_dir>{conf}.reset();
 }
 
 const char* Conf_Dir_Get_Str(Conf_dir* conf, const char* section, const char* key, const char* fallback) {

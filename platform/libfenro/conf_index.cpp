@@ -1,6 +1,7 @@
 #include "libfenro/conf_index.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "libfenro/ini.h"
@@ -11,6 +12,7 @@ namespace {
 constexpr std::size_t BLOCK = std::size_t{16} << 10;
 constexpr std::size_t LARGE_TEXT = BLOCK / 4;  // gets a block of its own
 constexpr std::size_t FIRST_SLOTS = 64;
+constexpr std::size_t USUAL_LINE = 24;  // bytes of a line, to guess the entries of a file
 constexpr std::uint32_t FNV_START = 2166136261U;
 constexpr std::uint32_t FNV_PRIME = 16777619U;
 
@@ -51,13 +53,17 @@ void HashTable::place(Slot slot) {
   slots_[i] = slot;
 }
 
+void HashTable::grow(std::size_t numbers) {
+  const std::size_t size = std::bit_ceil(std::max(numbers * 2, FIRST_SLOTS));
+  if (size <= slots_.size()) return;
+  std::vector<Slot> old(size, Slot{0, NONE});
+  old.swap(slots_);
+  for (const Slot& slot : old)
+    if (slot.number != NONE) place(slot);
+}
+
 void HashTable::add(std::uint32_t hash, int number) {
-  if (++used_ * 2 > slots_.size()) {
-    std::vector<Slot> old(slots_.empty() ? FIRST_SLOTS : slots_.size() * 2, Slot{0, NONE});
-    old.swap(slots_);
-    for (const Slot& slot : old)
-      if (slot.number != NONE) place(slot);
-  }
+  if (++used_ * 2 > slots_.size()) grow(used_ * 2);
   place({hash, number});
 }
 
@@ -104,6 +110,7 @@ void ConfIndex::parse(Text text) {
   bool lost = false;
   std::string_view rest = ini::without_mark(text.view());
   arena_.adopt(std::move(text.bytes));
+  reserve(rest.size() / USUAL_LINE);
   while (!rest.empty()) {
     const ini::Line line = ini::parse_line(ini::take_line(rest));
     if (line.kind == ini::Kind::DamagedSection) lost = true;
@@ -118,6 +125,12 @@ void ConfIndex::parse(Text text) {
     put(section, close(line.name), close(line.value));
   }
   publish();
+}
+
+void ConfIndex::reserve(std::size_t entries) {
+  for (auto* const texts : {&sections_, &keys_, &values_}) texts->reserve(entries);
+  next_.reserve(entries);
+  entry_table_.grow(entries);
 }
 
 void ConfIndex::put(int section, char* key, char* value) {
@@ -187,7 +200,7 @@ void ConfIndex::set(const char* section, const char* key, std::string_view value
     }
     return;
   }
-  if (!ini::section_is_writable(section) || !ini::key_is_writable(key)) return;
+  if (!ini::key_is_writable(key) || (in == HashTable::NONE && !ini::section_is_writable(section))) return;
   if (in == HashTable::NONE) in = add_section(arena_.copy(section));
   put(in, arena_.copy(key), arena_.copy(value));
   publish();

@@ -43,6 +43,8 @@ class HashTable {
     return NONE;
   }
   void add(std::uint32_t hash, int number);
+  // Makes room for that many numbers.
+  void grow(std::size_t numbers);
 
  private:
   struct Slot {
@@ -87,6 +89,7 @@ class ConfIndex {
   int add_section(char* name);
   void add_entry(int section, char* key, char* value, std::uint32_t hash);
   void put(int section, char* key, char* value);
+  void reserve(std::size_t entries);
   void publish();
   [[nodiscard]] char* name_of(int section) const { return names_[static_cast<std::size_t>(section) + 1]; }
   void append_entries(std::string& out, int section) const;

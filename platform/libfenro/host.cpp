@@ -98,7 +98,8 @@ int Get_External_IP(char* buffer, int length) {
 int vantri_mktmpname(char* name_template) {
   constexpr std::string_view MARK = "XXXXXX";
   constexpr int ATTEMPTS = 100;
-  const std::string_view whole = name_template ? name_template : "";
+  if (!name_template) return -1;
+  const std::string_view whole = name_template;
   if (!whole.ends_with(MARK)) return -1;
   const std::string front{whole.substr(0, whole.size() - MARK.size())};
   for (int i = 0; i < ATTEMPTS; ++i) {
@@ -108,7 +109,7 @@ int vantri_mktmpname(char* name_template) {
     const int found = lstat((front + ending).c_str(), &info);
     if (found == 0) continue;
     if (errno != ENOENT) return -1;
-    std::memcpy(name_template + front.size(), ending.data(), ending.size());
+    std::copy(ending.begin(), ending.end(), name_template + front.size());
     return 0;
   }
   return -1;

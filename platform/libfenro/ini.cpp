@@ -1,13 +1,22 @@
 #include "libfenro/ini.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace fenro::ini {
 namespace {
 
-constexpr std::string_view LINE_BREAKS = "\r\n";
 constexpr std::string_view COMMENT_STARTS = "#;";
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+
+// One search a character: a search for any of several looks at each byte by itself, and every set value comes here.
+std::size_t find_line_break(std::string_view text) {
+  return std::min(text.find('\n'), text.find('\r'));
+}
+
+bool has_line_break(std::string_view text) {
+  return find_line_break(text) != std::string_view::npos;
+}
 
 bool has_nul(std::string_view text) {
   return text.find('\0') != std::string_view::npos;
@@ -111,17 +120,17 @@ Line parse_line(std::string_view line) {
 }
 
 bool section_is_writable(std::string_view section) {
-  return section.find(']') == std::string_view::npos && section.find_first_of(LINE_BREAKS) == std::string_view::npos;
+  return section.find(']') == std::string_view::npos && !has_line_break(section);
 }
 
 bool key_is_writable(std::string_view key) {
   return !key.empty() && key[0] != '[' && !key.starts_with(BYTE_ORDER_MARK) &&
          COMMENT_STARTS.find(key[0]) == std::string_view::npos && key.find('=') == std::string_view::npos &&
-         key.find_first_of(LINE_BREAKS) == std::string_view::npos;
+         !has_line_break(key);
 }
 
 std::string_view one_line(std::string_view value) {
-  return value.substr(0, value.find_first_of(LINE_BREAKS));
+  return value.substr(0, find_line_break(value));
 }
 
 std::string_view without_mark(std::string_view text) {

@@ -1,10 +1,10 @@
 // The check of a password through PAM, which is loaded only by a run that checks one.
-#include <cstdlib>
 #include <cstring>
 
 #include <fenro/auth.h>
 #include <security/pam_appl.h>
 
+#include "common/c_memory.h"
 #include "libfenro/dynamic.h"
 
 namespace fenro {
@@ -35,29 +35,23 @@ const PamApi& pam() {
 // The answers of a conversation until PAM takes them over; what is left here is wiped.
 class Answers {
  public:
-  explicit Answers(int count)
-      : count_(count),
-        replies_(static_cast<pam_response*>(std::calloc(static_cast<std::size_t>(count), sizeof(pam_response)))) {}
+  explicit Answers(int count) : replies_(c_array<pam_response>(static_cast<std::size_t>(count))), count_(count) {}
   Answers(const Answers&) = delete;
   Answers& operator=(const Answers&) = delete;
   ~Answers() {
-    for (int i = 0; replies_ && i < count_; ++i) wipe(replies_[i].resp);
-    std::free(replies_);
+    for (int i = 0; replies_ && i < count_; ++i) wipe(CString{replies_[static_cast<std::size_t>(i)].resp});
   }
-  [[nodiscard]] bool set(int i, const char* text) { return replies_ && (replies_[i].resp = strdup(text)) != nullptr; }
-  [[nodiscard]] pam_response* release() {
-    pam_response* const replies = replies_;
-    replies_ = nullptr;
-    return replies;
+  [[nodiscard]] bool set(int i, const char* text) {
+    return replies_ && (replies_[static_cast<std::size_t>(i)].resp = strdup(text)) != nullptr;
   }
+  [[nodiscard]] pam_response* release() { return replies_.release(); }
 
  private:
-  static void wipe(char* text) {
-    if (text) explicit_bzero(text, std::strlen(text));
-    std::free(text);
+  static void wipe(const CString& text) {
+    if (text) explicit_bzero(text.get(), std::strlen(text.get()));
   }
+  CArray<pam_response> replies_;
   int count_;
-  pam_response* replies_;
 };
 
 // Answers every hidden question with the password; a module that asks for anything else to be typed gets nothing.

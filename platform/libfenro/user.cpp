@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <grp.h>
 #include <pwd.h>
 
 #include <fenro/auth.h>
 
+#include "common/c_memory.h"
 #include "common/file.h"
 #include "common/handle.h"
 #include "libfenro/ini.h"
@@ -89,10 +88,10 @@ int hand_out(Source source, char (**list)[Width], int lower, int upper, const ch
   const auto page = page_of(std::move(names), lower, upper, filter ? filter : "", *total);
   if (page.empty()) return 0;
 
-  auto* const rows = static_cast<Row*>(std::calloc(page.size(), Width));
+  auto rows = c_array<Row>(page.size());
   if (!rows) return -1;
-  for (std::size_t i = 0; i < page.size(); ++i) std::memcpy(rows[i], page[i].data(), page[i].size());
-  *list = rows;
+  for (std::size_t i = 0; i < page.size(); ++i) std::copy(page[i].begin(), page[i].end(), rows[i]);
+  *list = rows.release();
   return static_cast<int>(page.size());
 }
 

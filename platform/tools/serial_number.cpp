@@ -41,7 +41,7 @@ std::string first_line(const char* path) {
 
 bool is_placeholder(std::string_view number) {
   const std::string text{number};
-  return text.find_first_not_of("0") == std::string::npos ||
+  return text.find_first_not_of('0') == std::string::npos ||
          std::any_of(PLACEHOLDERS.begin(), PLACEHOLDERS.end(),
                      [&](const char* word) { return strcasecmp(word, text.c_str()) == 0; });
 }
@@ -57,9 +57,9 @@ std::string number_from(std::string_view machine_id) {
 }
 
 std::string serial_number() {
-  const std::string configured = trimmed(ini::read_value(paths::SYSTEM_CONF, SECTION, KEY).value_or(""));
+  std::string configured = trimmed(ini::read_value(paths::SYSTEM_CONF, SECTION, KEY).value_or(""));
   if (!configured.empty()) return configured;
-  const std::string burnt_in = first_line(DMI_SERIAL);
+  std::string burnt_in = first_line(DMI_SERIAL);
   if (!is_placeholder(burnt_in)) return burnt_in;
   const std::string id = first_line(MACHINE_ID);
   return id.empty() ? id : number_from(id);

@@ -66,7 +66,7 @@ int BaseConfig::modify_peer(int) {
 int BaseConfig::delete_peer(int) {
   return ERR_NOT_SUPPORT;
 }
-int BaseConfig::gen_pri_pub_keys(std::string, JsonValue*) {
+int BaseConfig::gen_pri_pub_keys(const std::string&, JsonValue*) {
   return ERR_NOT_SUPPORT;
 }
 int BaseConfig::check_private_key() {

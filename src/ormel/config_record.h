@@ -78,7 +78,7 @@ class BaseConfig {
   virtual int disable_peer(int peer);
   virtual int modify_peer(int peer);
   virtual int delete_peer(int peer);
-  virtual int gen_pri_pub_keys(std::string kind, JsonValue* out);
+  virtual int gen_pri_pub_keys(const std::string& kind, JsonValue* out);
   virtual int check_private_key();
   virtual int check_config_value();
   virtual int modify_peers_ip();

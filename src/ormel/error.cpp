@@ -112,12 +112,11 @@ const char* get_error_message(unsigned int code) {
   return code < std::size(ERROR_MESSAGE) ? ERROR_MESSAGE[code] : UNKNOWN_ERROR;
 }
 
-int error_message(ERROR_CODE code, const char* detail) {
-  if (code == NO_ERROR) return NO_ERROR;
+void report_error(ERROR_CODE code, const char* detail) {
   const char* text = detail ? detail : get_error_message(static_cast<unsigned int>(code));
   std::fprintf(stderr, "Error: %s\n", text);
-  ORMEL_LOG(ERROR, "error_message: Error: %s", text);
-  return code;
+  if (__cur_level__ > ORMELLOG_ERROR) return;
+  system::log_line(ORMELLOG_ERROR, __FILE_NAME__, __LINE__, "error_message", "error_message: Error: %s", text);
 }
 
 }  // namespace ormel

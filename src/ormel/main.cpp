@@ -5,6 +5,7 @@
 
 #include "ormel/ormel.h"
 #include "ormel/ormel_cgi.h"
+#include "ormel/ovpn.h"
 
 namespace {
 
@@ -16,6 +17,8 @@ struct Personality {
 constexpr Personality PERSONALITIES[] = {
     {"ormel", ormel::main},
     {"ormel.cgi", ormel::cgi::main},
+    {"ormel.sauth", ormel::ovpn::sauth},
+    {"ormel.cauth", [](int argc, char** argv) -> int { ormel::ovpn::cauth(argc, argv); }},
     {"", nullptr},
 };
 

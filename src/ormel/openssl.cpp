@@ -58,7 +58,9 @@ int version_num() {
   unsigned int minor = 0;
   unsigned int patch = 0;
   // Numbers out of range wrap; the comparison with a version that is decades old does not mind.
-  if (std::sscanf(output.substr(0, VERSION_LENGTH).c_str(), "%*s %u.%u.%u", &major, &minor, &patch) != 3) return -1;
+  const std::string head = output.substr(0, VERSION_LENGTH);
+  const int found = std::sscanf(head.c_str(), "%*s %u.%u.%u", &major, &minor, &patch);  // NOLINT(cert-err34-c)
+  if (found != 3) return -1;
   return static_cast<int>(10000000 * major + 10000 * minor + 1000 * patch);
 }
 

@@ -3,16 +3,16 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <iterator>
 #include <string>
-#include <unistd.h>
 
 #include <fenro/auth.h>
 
 #include "ormel/config_pool.h"
 #include "ormel/ormel_cgi_config.h"
+#include "ormel/ormel_cgi_config_edit.h"
 #include "ormel/ormel_cgi_gateway.h"
+#include "ormel/ormel_cgi_process.h"
 #include "ormel/system_log.h"
 
 namespace ormel {
@@ -43,11 +43,11 @@ constexpr Route ROUTES[] = {
     {"/ormel/config/remove", config::remove},
     {"/ormel/config/connect", config::connect},
     {"/ormel/config/disconnect", config::disconnect},
-    {"/ormel/config/check", not_supported},
-    {"/ormel/config/import", not_supported},
-    {"/ormel/config/modify", not_supported},
-    {"/ormel/config/download", not_supported},
-    {"/ormel/config/downloadcert", not_supported},
+    {"/ormel/config/check", config::check},
+    {"/ormel/config/import", config::import},
+    {"/ormel/config/modify", config::modify},
+    {"/ormel/config/download", config::download},
+    {"/ormel/config/downloadcert", config::downloadcert},
     {"/ormel/connection/list", not_supported},
     {"/ormel/connection/kick", not_supported},
     {"/ormel/log/event", not_supported},
@@ -105,50 +105,40 @@ std::string environment(const char* name) {
   return value ? value : "";
 }
 
-// What the web server passes in the environment and may hold a secret of the client.
-void drop_request_from_environment() {
-  for (const char* name : {"QUERY_STRING", "REQUEST_URI", "HTTP_COOKIE", "HTTP_AUTHORIZATION", "HTTP_REFERER"}) {
-    unsetenv(name);
-  }
-}
-
-// A descriptor that the web server left closed would be taken by the next file that is opened.
-void open_standard_streams() {
-  int fd = 0;
-  do {
-    fd = open("/dev/null", O_RDWR);
-  } while (fd >= 0 && fd <= STDERR_FILENO);
-  if (fd > STDERR_FILENO) close(fd);
-}
-
-void unblock_signals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGUSR1);
-  sigaddset(&signals, SIGTERM);
-  sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+// Printing is the last thing that a request does. A client that has gone away must not keep it from cleaning up.
+void print_head(const std::string& head) {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::printf("%s\r\n", head.c_str());
 }
 
 void print_reply(const JsonValue& response) {
-  // The last thing that a request does. A client that has gone away must not keep it from cleaning up.
-  std::signal(SIGPIPE, SIG_IGN);
-  std::printf("Content-type: %s; charset=utf-8\r\n\r\n", support_json_type ? "application/json" : "text/plain");
+  const std::string media_type = support_json_type ? "application/json" : "text/plain";
+  print_head("Content-type: " + media_type + "; charset=utf-8\r\n");
   response.print(stdout);
   std::fflush(stdout);
 }
 
-int fail(JsonValue& response, int code, const std::string& reason) {
-  ORMEL_LOG(ERROR, "%d, %s", code,
-            escape_json(reason).c_str());  // escaped: it can quote the address that was asked for
-  response.erase();
-  response["error"] = code;
+void log_failure(int code, const std::string& reason) {
+  // Escaped: it can quote the address that was asked for.
+  ORMEL_LOG(ERROR, "%d, %s", code, escape_json(reason).c_str());
+}
+
+std::string reason_of(int code) {
+  return get_error_message(static_cast<unsigned int>(code));
+}
+
+int fail(JsonValue& response, const Outcome& outcome) {
+  const std::string reason = outcome.reason.empty() ? reason_of(outcome.code) : outcome.reason;
+  log_failure(outcome.code, reason);
+  if (!outcome.keeps_data) response.erase();
+  response["error"] = outcome.code;
   response["reason"] = reason;
   print_reply(response);
-  return code;
+  return outcome.code;
 }
 
 int fail(JsonValue& response, int code) {
-  return fail(response, code, get_error_message(static_cast<unsigned int>(code)));
+  return fail(response, Outcome{code});
 }
 
 int succeed(JsonValue& response) {
@@ -157,24 +147,54 @@ int succeed(JsonValue& response) {
   return NO_ERROR;
 }
 
+// 0, or the code for a session that is not good enough.
+int check_access(const Request& request, Access access) {
+  if (request.user() == INVAILD_USER) return ERR_SESSION_FAIL;
+  return request.user() < access.least ? access.refusal : NO_ERROR;
+}
+
+int refuse_download(int code) {
+  log_failure(code, reason_of(code));
+  print_head("Status: 404 Not Found\r\nContent-Type: text/html\r\n");
+  std::fflush(stdout);
+  return code;
+}
+
 }  // namespace
 
-Request::Request() : user_(INVAILD_USER) {
-  drop_request_from_environment();
+Request::Request() : CgiRequest(settings_with_query()), user_(INVAILD_USER) {
+  withhold_request();
   user_ = system::auth_user_session(get_cgi_var_value(find("sid")));
+}
+
+int serve(JsonValue& response, Access access, DetailedWork work) {
+  const Request request;
+  if (const int rc = check_access(request, access); rc != NO_ERROR) return fail(response, rc);
+  const Outcome outcome = work(request, response);
+  return outcome.code == NO_ERROR ? succeed(response) : fail(response, outcome);
 }
 
 int serve(JsonValue& response, Access access, Work work) {
   const Request request;
-  if (request.user() == INVAILD_USER) return fail(response, ERR_SESSION_FAIL);
-  if (request.user() < access.least) return fail(response, access.refusal);
+  if (const int rc = check_access(request, access); rc != NO_ERROR) return fail(response, rc);
   const int rc = work(request, response);
   return rc == NO_ERROR ? succeed(response) : fail(response, rc);
 }
 
+int serve_download(Access access, DownloadWork work) {
+  const Request request;
+  if (const int rc = check_access(request, access); rc != NO_ERROR) return refuse_download(rc);
+  Download file;
+  if (const int rc = work(request, file); rc != NO_ERROR) return refuse_download(rc);
+  print_head(file.head);
+  std::fwrite(file.body.data(), 1, file.body.size(), stdout);
+  return std::fflush(stdout) == 0 && !std::ferror(stdout) ? NO_ERROR : ERR_GENERAL;
+}
+
 int main(int, char**) {
   open_standard_streams();
-  unsetenv("HTTP_PROXY");  // a header of the client, which libcurl would take for a setting
+  withhold_request();
+  const UploadsGuard guard;
   unblock_signals();
 
   const std::string url = environment("SCRIPT_URL");
@@ -184,7 +204,7 @@ int main(int, char**) {
   JsonValue response;
   const Route* route = find_route(url);
   system::set_log_file_wrapper();
-  if (!route) return fail(response, ERR_API_NOT_FOUND, get_error_message(ERR_API_NOT_FOUND) + url);
+  if (!route) return fail(response, Outcome{ERR_API_NOT_FOUND, reason_of(ERR_API_NOT_FOUND) + url});
 
   ORMEL_LOG(DEBUG, "==============API: %s==================", url.c_str());
   if (url.find(POOL_ROUTES) != std::string::npos) ormel::config::cm.load();

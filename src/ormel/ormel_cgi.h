@@ -4,6 +4,7 @@
 // answer is an HTTP 200; `error` alone tells the outcome.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "ormel/cgi/cgi.h"
@@ -52,12 +53,32 @@ constexpr Access ANY_SESSION{GENERAL_USER, ERR_SESSION_FAIL};
 constexpr Access ADMINISTRATOR{ADMIN_USER, ERR_SESSION_FAIL};
 constexpr Access ADMINISTRATOR_BY_NAME{ADMIN_USER, ERR_NOT_ADMIN_SESSION};  // tells a general user why
 
+// How a route ends that says more of a failure than its code.
+struct Outcome {
+  int code = NO_ERROR;
+  std::string reason{};     // in place of the code's own text
+  bool keeps_data = false;  // what the work has put into the response goes out with the failure
+};
+
 // The work of one route on a request whose session is good enough: fills `response` and gives 0 or an ERROR_CODE.
 using Work = int (*)(const Request& request, JsonValue& response);
+using DetailedWork = Outcome (*)(const Request& request, JsonValue& response);
 
 // The frame of every handler: parses the request, checks its session, does the work, prints the one reply and frees the
 // form with its uploads. On a failure what the work has put into `response` is thrown away. The code of the reply.
 int serve(JsonValue& response, Access access, Work work);
+int serve(JsonValue& response, Access access, DetailedWork work);
+
+// A file that a route sends in place of the envelope.
+struct Download {
+  std::string head;  // lines of the HTTP head, each with its line end, without the empty one that closes it
+  std::string body;
+};
+
+// The same frame for a route that sends a file, which nobody sees before the work has ended well. Each failure, that of
+// the session too, is one and the same "404 Not Found". The code; not 0 either when the client went away.
+using DownloadWork = int (*)(const Request& request, Download& file);
+int serve_download(Access access, DownloadWork work);
 
 // One row of the route table.
 struct Route {

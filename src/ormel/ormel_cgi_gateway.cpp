@@ -58,6 +58,16 @@ int read_policy(const Request& request, json_t* policy) {
   return NO_ERROR;
 }
 
+int store_policy(const Request& request, JsonValue& /*reply*/) {
+  const Json document{json_pack("{s:{}}", "gw_setting")};
+  const int rc = read_policy(request, json_object_get(document.get(), "gw_setting"));
+  if (rc != NO_ERROR) return rc;
+  const CString raw{json_dumps(document.get(), 0)};
+  if (!raw) return ERR_NO_MEMORY;
+  ORMEL_LOG(DEBUG, "save raw data %s ", raw.get());
+  return GlobalConfig().save(raw.get());
+}
+
 int gateway_policy() {
   const Json answer = system::easy_mib_call("NetworkService", "api.Get_global_config", "{\"key\":\"gateway_policy\"}");
   if (!answer) return DEFAULT_POLICY;
@@ -77,15 +87,7 @@ int get(JsonValue& response) {
 }
 
 int set(JsonValue& response) {
-  return serve(response, ADMINISTRATOR_BY_NAME, [](const Request& request, JsonValue&) -> int {
-    const Json document{json_pack("{s:{}}", "gw_setting")};
-    const int rc = read_policy(request, json_object_get(document.get(), "gw_setting"));
-    if (rc != NO_ERROR) return rc;
-    const CString raw{json_dumps(document.get(), 0)};
-    if (!raw) return ERR_NO_MEMORY;
-    ORMEL_LOG(DEBUG, "save raw data %s ", raw.get());
-    return GlobalConfig().save(raw.get());
-  });
+  return serve(response, ADMINISTRATOR_BY_NAME, store_policy);
 }
 
 int get_vpn_gw(JsonValue& response) {

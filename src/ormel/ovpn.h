@@ -1,4 +1,4 @@
-// The OpenVPN driver, and the personality that the OpenVPN client daemon needs to log in.
+// The OpenVPN driver, and the personalities by which the OpenVPN daemons let in and log in.
 //
 // What a client profile does lies in a file of its own, /etc/config/openvpn/clients/client<index>, which `import` makes
 // from a foreign profile and every change rewrites from its own content; vpn.conf holds a summary of it. The rewriting
@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <iterator>
 #include <map>
 #include <string>
 
@@ -108,11 +109,25 @@ class ClientConfig : public config::DriverClient {
 // The peers in the lines that the command for `fetch_all_peer_status` prints; a later line of a peer counts.
 [[nodiscard]] Status read_peer_status(const std::string& output);
 
-// TLS ciphers that the profiles made here name, by the version of the installed OpenSSL.
+// The cipher that the profiles made here name, by level of encryption.
+inline constexpr const char* CIPHERS[] = {"none", "AES-128-CBC", "AES-256-CBC"};
+static_assert(std::size(CIPHERS) == HIGH_ENCRYPTION + 1);
+// Their TLS ciphers, by the version of the installed OpenSSL.
 [[nodiscard]] const char* tls_ciphers();
+
+// The text has no line break and no zero byte: what stood behind one would be a command of its own to the daemon.
+[[nodiscard]] bool one_line(const std::string& text);
 
 // Escapes a text for a quoted argument of the management interface: a backslash before every quote and backslash.
 [[nodiscard]] std::string escap(const std::string& text);
+
+// The device of a foreign profile is of the kind that it gets here: "tun", with or without a number.
+[[nodiscard]] bool is_tun(const std::string& device);
+
+// `ormel.sauth`: decides on the login that the server daemon describes in the environment variables "username",
+// "password" and "untrusted_ip". 0 admits, 1 refuses. Each refusal is a row of the connection log; only a wrong
+// password counts towards the block of its user.
+int sauth(int argc, char** argv);
 
 // `ormel.cauth <index>`: answers the client daemon's request for credentials on its management socket. Ends the
 // process.

@@ -29,11 +29,6 @@ std::string stored_value(const std::string& section, const char* key) {
   return buffer;
 }
 
-// Text behind a line break would be a command of its own to the daemon.
-bool one_line(const std::string& text) {
-  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos;
-}
-
 // The folder of the socket is open to everyone: what listens there must be root's, or our own.
 bool trusted_peer(int fd) {
   ucred peer{};
@@ -85,6 +80,10 @@ bool log_in(int index) {
 
 std::string management_socket(int index) {
   return "/tmp/openvpn.client" + std::to_string(index) + ".sock";
+}
+
+bool one_line(const std::string& text) {
+  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos;
 }
 
 std::string escap(const std::string& text) {

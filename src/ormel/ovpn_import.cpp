@@ -62,12 +62,10 @@ int check_mode(ClientConfig&, ConfigFile& cf) {
   return NO_ERROR;
 }
 
-// "tun" and any number: only that kind of interface, which gets a number of ours.
+// Only that kind of interface, which gets a number of ours.
 int check_device(ClientConfig&, ConfigFile& cf) {
   const FileOption* dev = cf.get_option("dev");
-  if (!dev) return NO_ERROR;
-  const bool tun = dev->value.starts_with("tun") && dev->value.find_first_not_of("0123456789", 3) == std::string::npos;
-  return tun ? NO_ERROR : refuse("dev option error in .ovpn file.");
+  return !dev || is_tun(dev->value) ? NO_ERROR : refuse("dev option error in .ovpn file.");
 }
 
 // What the profile says for all its servers.
@@ -200,6 +198,10 @@ constexpr int (*STEPS[])(ClientConfig&, ConfigFile&) = {
 };
 
 }  // namespace
+
+bool is_tun(const std::string& device) {
+  return device.starts_with("tun") && device.find_first_not_of("0123456789", 3) == std::string::npos;
+}
 
 int ClientConfig::import(int slot) {
   imported = true;

@@ -22,7 +22,7 @@ constexpr std::string_view REPEATABLE[] = {
 
 // The walk of a connection block may run on beyond it (see there). Together the walks go this many times over the
 // text, so that a hostile profile of such blocks costs no more than a bounded share of its length.
-constexpr size_t WALKS = 16;
+constexpr size_t WALKS = 4;
 constexpr size_t SMALL_TEXT = 4096;  // bytes; a smaller text is given as much as one of this size
 
 bool repeatable(std::string_view name) {
@@ -84,7 +84,7 @@ bool take_block(std::string_view& rest, Block& block) {
 }
 
 void set_remote(OpenvpnRemotes& remote, std::string_view value) {
-  std::vector<std::string> words = split_words(std::string(value));
+  std::vector<std::string> words = split_words(trimmed(value));
   words.resize(3);  // a missing word is empty, more are nobody's
   remote.remote_ip = std::move(words[0]);
   remote.remote_port = std::move(words[1]);

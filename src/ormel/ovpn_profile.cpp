@@ -32,7 +32,7 @@ bool write_all(int fd, std::string_view bytes) {
 std::string connection_text(const OpenvpnRemotes& remote) {
   std::string out = "\n<connection>\n";
   out += "remote " + remote.remote_ip + " " + remote.remote_port + " " + remote.remote_proto + "\n";
-  for (const auto& [key, value] : remote.others) out += key + " " + value + "\n";
+  for (const auto& [key, value] : remote.others) out.append(key).append(" ").append(value).append("\n");
   return out + "</connection>\n";
 }
 

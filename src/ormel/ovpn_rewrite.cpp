@@ -51,10 +51,6 @@ constexpr Setting FORCED[] = {
 constexpr const char* SETTLED[] = {
     "bind", "lport", "rport", "port", "proto", "nobind", "float", "connect-retry-max", "connect-timeout"};
 
-// Of a profile made here, by level of encryption.
-constexpr const char* CIPHERS[] = {"none", "AES-128-CBC", "AES-256-CBC"};
-static_assert(std::size(CIPHERS) == HIGH_ENCRYPTION + 1);
-
 constexpr std::string_view DATA_CIPHERS[] = {
     "AES-256-GCM", "AES-128-GCM",      "AES-128-CBC",      "AES-192-CBC",      "AES-256-CBC",
     "AES-192-GCM", "CAMELLIA-128-CBC", "CAMELLIA-256-CBC", "CAMELLIA-128-GCM", "CAMELLIA-256-GCM",

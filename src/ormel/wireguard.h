@@ -47,7 +47,7 @@ class ServerConfig : public config::DriverServer {
   int disable_peer(int peer) override;
   int modify_peer(int peer) override;
   int delete_peer(int peer) override;
-  int gen_pri_pub_keys(std::string key, JsonValue* doc) override;
+  int gen_pri_pub_keys(const std::string& key, JsonValue* doc) override;
   // Fills the keys: a new private one if there is none, and the public one. ERR_CMD_FAILED for a bad private key;
   // ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE if a client listens on the port of a server that is on.
   int check_config_value() override;
@@ -91,7 +91,7 @@ class ClientConfig : public config::DriverClient {
   void save(Conf_dir* conf) override;
   void remove() override;
   int do_connect(int flag) override;
-  int gen_pri_pub_keys(std::string key, JsonValue* doc) override;
+  int gen_pri_pub_keys(const std::string& key, JsonValue* doc) override;
 
   // Appends each address of `host`, holding the last in `ip`.
   void nslookup(const std::string& host_name, std::vector<std::string>& ips);

@@ -121,7 +121,7 @@ int ClientConfig::do_connect(int flag) {
   return DriverClient::do_connect(flag);
 }
 
-int ClientConfig::gen_pri_pub_keys(std::string key, JsonValue* doc) {
+int ClientConfig::gen_pri_pub_keys(const std::string& key, JsonValue* doc) {
   std::string pub_key;
   const int rc = server_gen_pri_pub_keys(key, doc, pub_key);
   if (rc != NO_ERROR) ORMEL_LOG(ERROR, "wireguard client wrong pri key: %s", key.c_str());

@@ -121,7 +121,7 @@ void ServerConfig::save(Conf_dir* conf) {
   Conf_Dir_Set_Bool(conf, where, "Enable", enable);
 }
 
-int ServerConfig::gen_pri_pub_keys(std::string key, JsonValue* doc) {
+int ServerConfig::gen_pri_pub_keys(const std::string& key, JsonValue* doc) {
   std::string pub_key;
   const int rc = server_gen_pri_pub_keys(key, doc, pub_key);
   if (rc != NO_ERROR) ORMEL_LOG(ERROR, "wireguard server wrong pri key: %s", key.c_str());

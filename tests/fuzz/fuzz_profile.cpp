@@ -2,13 +2,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
-#include <unistd.h>
 
 #include "ormel/ovpn.h"
+#include "support/scratch_file.h"
 
 namespace {
 
@@ -21,26 +18,9 @@ void require(bool holds, const char* what) {
   std::abort();
 }
 
-// The file that profiles are written to, gone at the end.
-class ScratchFile {
- public:
-  ScratchFile() : path_(std::filesystem::temp_directory_path() / "ormel-profile-XXXXXX") {
-    const int fd = mkstemp(path_.data());
-    require(fd >= 0, "a file can be made");
-    close(fd);
-  }
-  ScratchFile(const ScratchFile&) = delete;
-  ScratchFile& operator=(const ScratchFile&) = delete;
-  ~ScratchFile() { unlink(path_.c_str()); }
-  [[nodiscard]] const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
 // Rewrites a profile as a change of its settings does; the text that is written then.
 std::string rewrite(const std::string& text) {
-  static const ScratchFile scratch;
+  static const support::ScratchFile scratch;
   ConfigFile cf;
   cf.parse_content(text.c_str());
   ormel::ovpn::ClientConfig record(1);
@@ -50,8 +30,7 @@ std::string rewrite(const std::string& text) {
   record.apply_base_option(cf);
   record.override_compatible(cf);
   require(cf.save(scratch.path().c_str(), true, record.remotes) == 0, "the profile can be written");
-  std::ifstream file(scratch.path(), std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  return scratch.content();
 }
 
 // A bracket ends an inline block, so that a server with one in its words is not read again.

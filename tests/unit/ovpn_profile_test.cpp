@@ -1,17 +1,24 @@
 #include "ormel/ovpn_profile.h"
 
 #include <ctime>
-#include <fstream>
-#include <iterator>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "ormel/error.h"
+#include "support/scratch_file.h"
 
 namespace ormel::option {
 namespace {
+
+using support::ScratchFile;
+
+ConfigFile parse(const char* text) {
+  ConfigFile cf;
+  cf.parse_content(text);
+  return cf;
+}
 
 std::string describe(const ConfigFileOption& options) {
   std::string out;
@@ -26,7 +33,7 @@ std::string describe(const OpenvpnRemotesOption& remotes) {
   std::string out;
   for (const OpenvpnRemotes& remote : remotes) {
     out += remote.remote_ip + "," + remote.remote_port + "," + remote.remote_proto;
-    for (const auto& [key, value] : remote.others) out += "," + key + "=" + value;
+    for (const auto& [key, value] : remote.others) out.append(",").append(key).append("=").append(value);
     out += "|";
   }
   return out;
@@ -91,7 +98,7 @@ TEST(ConfigFileParse, ReadsLinesBlocksAndRemotes) {
 
 std::string many(int count, const std::string& before, const std::string& behind) {
   std::string out;
-  for (int number = 0; number < count; ++number) out += before + std::to_string(number) + behind;
+  for (int number = 0; number < count; ++number) out.append(before).append(std::to_string(number)).append(behind);
   return out;
 }
 
@@ -119,8 +126,7 @@ TEST(ConfigFileParse, TakesTimeInProportionToTheText) {
 }
 
 TEST(ConfigFileOptions, AreDeletedByNameAndStartOfTheValue) {
-  ConfigFile cf;
-  cf.parse_content("plugin /usr/lib/vpn_ext.so 7\nplugin other.so\nplugin-x /usr/lib/vpn_ext.so\nroute 1");
+  ConfigFile cf = parse("plugin /usr/lib/vpn_ext.so 7\nplugin other.so\nplugin-x /usr/lib/vpn_ext.so\nroute 1");
 
   cf.del_option("plugin", "/usr/lib/vpn_ext.so");
   cf.del_option("route", "");
@@ -130,46 +136,15 @@ TEST(ConfigFileOptions, AreDeletedByNameAndStartOfTheValue) {
   EXPECT_EQ(cf.get_option("route"), nullptr);
 }
 
-TEST(ConfigFileOptions, MoveToTheEndWhenReplaced) {
-  ConfigFile cf;
-  cf.parse_content("cipher A\ndev tun");
-
-  cf.add_option("cipher", "B", NORMAL_OPTION_TYPE, false);
-  cf.add_option("--dev", "tap", NORMAL_OPTION_TYPE, true);
-
-  EXPECT_EQ(describe(cf.options), "dev=tun|cipher=B|dev=tap|");
-}
-
-class ConfigFileSave : public testing::Test {
- protected:
-  void SetUp() override {
-    std::string name = testing::TempDir() + "ormel-profile-XXXXXX";
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
-    folder = name;
-    path = folder + "/client1";
-  }
-  void TearDown() override {
-    unlink(path.c_str());
-    rmdir(folder.c_str());
-  }
-  [[nodiscard]] std::string content() const {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
-  std::string folder;
-  std::string path;
-};
-
-TEST_F(ConfigFileSave, SortsAndPutsTheServersBeforeTheCertificate) {
-  ConfigFile cf;
-  cf.parse_content("<key>K</key>\nroute 2\nnobind\n<ca>A</ca>\nroute 1\nremote a 1 udp\nremote b 2 tcp");
+TEST(ConfigFileSave, SortsAndPutsTheServersBeforeTheCertificate) {
+  const ScratchFile file;
+  ConfigFile cf = parse("<key>K</key>\nroute 2\nnobind\n<ca>A</ca>\nroute 1\nremote a 1 udp\nremote b 2 tcp");
   OpenvpnRemotesOption remotes = cf.get_all_remotes();
   remotes[0].others = {{"socks-proxy", "x"}, {"float", ""}};
 
-  ASSERT_EQ(cf.save(path.c_str(), true, remotes), NO_ERROR);
+  ASSERT_EQ(cf.save(file.path().c_str(), true, remotes), NO_ERROR);
 
-  EXPECT_EQ(content(),
+  EXPECT_EQ(file.content(),
             "nobind\nroute 2\nroute 1\n"
             "\n<connection>\nremote a 1 udp\nfloat \nsocks-proxy x\n</connection>\n"
             "\n<connection>\nremote b 2 tcp\n</connection>\n"
@@ -177,54 +152,53 @@ TEST_F(ConfigFileSave, SortsAndPutsTheServersBeforeTheCertificate) {
             "\n<key>\nK\n</key>\n\n");
 }
 
-TEST_F(ConfigFileSave, WritesNoServersWithoutACertificate) {
-  ConfigFile cf;
-  cf.parse_content("verb 3\nclient\nremote a");
+TEST(ConfigFileSave, WritesNoServersWithoutACertificate) {
+  const ScratchFile file;
+  ConfigFile cf = parse("verb 3\nclient\nremote a");
 
-  ASSERT_EQ(cf.save(path.c_str(), false, cf.get_all_remotes()), NO_ERROR);
+  ASSERT_EQ(cf.save(file.path().c_str(), false, cf.get_all_remotes()), NO_ERROR);
 
-  EXPECT_EQ(content(), "verb 3\nclient\n");
+  EXPECT_EQ(file.content(), "verb 3\nclient\n");
 }
 
-TEST_F(ConfigFileSave, MakesTheFilePrivateAndReplacesWhatItHeld) {
-  std::ofstream(path) << "something longer than what is written";
-  chmod(path.c_str(), 0644);
-  ConfigFile cf;
-  cf.parse_content("client");
+TEST(ConfigFileSave, MakesTheFilePrivateAndReplacesWhatItHeld) {
+  const ScratchFile file("something longer than what is written");
+  chmod(file.path().c_str(), 0644);
 
-  ASSERT_EQ(cf.save(path.c_str(), true, {}), NO_ERROR);
+  ASSERT_EQ(parse("client").save(file.path().c_str(), true, {}), NO_ERROR);
 
   struct stat status {};
-  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  ASSERT_EQ(stat(file.path().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0600U);
-  EXPECT_EQ(content(), "client\n");
+  EXPECT_EQ(file.content(), "client\n");
 }
 
-TEST_F(ConfigFileSave, ReportsWhatCannotBeWritten) {
-  ASSERT_EQ(symlink("elsewhere", path.c_str()), 0);
-  ConfigFile cf;
-  cf.parse_content("client");
-  for (const std::string& target : {folder, folder + "/no/client1", std::string("/dev/full"), path}) {
+TEST(ConfigFileSave, ReportsWhatCannotBeWritten) {
+  const ScratchFile link;
+  unlink(link.path().c_str());
+  ASSERT_EQ(symlink("elsewhere", link.path().c_str()), 0);
+  for (const std::string& target :
+       {std::string("/"), std::string("/no/client1"), std::string("/dev/full"), link.path()}) {
     testing::internal::CaptureStderr();
 
-    EXPECT_EQ(cf.save(target.c_str(), true, {}), ERR_SAVE_FILE);
+    EXPECT_EQ(parse("client").save(target.c_str(), true, {}), ERR_SAVE_FILE);
 
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error: " + target + "\n");
   }
 }
 
-TEST_F(ConfigFileSave, OnlyRegularFilesAreLoaded) {
-  std::ofstream(path) << "client";
-  const std::string link = folder + "/link";
-  ASSERT_EQ(symlink(path.c_str(), link.c_str()), 0);
+TEST(ConfigFileLoad, TakesRegularFilesOnly) {
+  const ScratchFile file("client");
+  const ScratchFile link;
+  unlink(link.path().c_str());
+  ASSERT_EQ(symlink(file.path().c_str(), link.path().c_str()), 0);
   ConfigFile cf;
 
-  EXPECT_EQ(cf.load(path.c_str()), NO_ERROR);
-  for (const std::string& other : {folder, link, folder + "/none", std::string("/dev/zero")})
+  EXPECT_EQ(cf.load(file.path().c_str()), NO_ERROR);
+  for (const std::string& other : {std::string("/"), std::string("/none"), std::string("/dev/zero"), link.path()})
     EXPECT_EQ(cf.load(other.c_str()), ERR_REGULAR_FILE) << other;
 
   EXPECT_EQ(describe(cf.options), "client=|");
-  unlink(link.c_str());
 }
 
 }  // namespace

@@ -1,17 +1,19 @@
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
+#include <string>
 #include <unistd.h>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 #include "ormel/error.h"
+#include "ormel/handle.h"
 #include "ormel/ovpn.h"
+#include "support/scratch_file.h"
 
 namespace ormel::ovpn {
 namespace {
 
 using option::ConfigFile;
+using support::ScratchFile;
 
 constexpr const char* CERTIFICATE_BLOCK = "<ca>\nA\n</ca>\n";
 
@@ -25,26 +27,6 @@ std::string value_of(const ConfigFile& cf, const char* name) {
   const option::FileOption* found = cf.get_option(name);
   return found ? found->value : "(none)";
 }
-
-// A path that nothing else uses, removed at the end.
-class ScratchFile {
- public:
-  explicit ScratchFile(const std::string& content = "") : path_(testing::TempDir() + "ormel-ovpn-XXXXXX") {
-    close(mkstemp(path_.data()));
-    std::ofstream(path_) << content;
-  }
-  ScratchFile(const ScratchFile&) = delete;
-  ScratchFile& operator=(const ScratchFile&) = delete;
-  ~ScratchFile() { unlink(path_.c_str()); }
-  [[nodiscard]] const std::string& path() const { return path_; }
-  [[nodiscard]] std::string content() const {
-    std::ifstream file(path_);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
- private:
-  std::string path_;
-};
 
 // What a change of the profile writes, from the text it finds.
 std::string rewrite(ClientConfig& record, const std::string& text) {
@@ -267,6 +249,41 @@ TEST(OvpnImport, RefusesAKeyFileWithItsOwnCodeAndItsPath) {
 
     EXPECT_EQ(outcome.code, row.code);
     EXPECT_EQ(outcome.errors, "Error: " + key.path() + "\n");
+  }
+}
+
+// A record's section as it is saved.
+class SavedSection {
+ public:
+  explicit SavedSection(config::BaseConfig& record) : conf_(Conf_Dir_Load("/nonexistent")), section_(record.section) {
+    record.save(conf_.get());
+  }
+  [[nodiscard]] std::string operator[](const char* key) const {
+    return Conf_Dir_Get_Str(conf_.get(), section_.c_str(), key, "(none)");
+  }
+
+ private:
+  Conf conf_;
+  std::string section_;
+};
+
+TEST(OvpnClient, SavesItsServersAsLists) {
+  ClientConfig record(2);
+  record.remotes = {{"127.0.0.1", "udp", "1194", {}}, {"", "", "", {}}, {"127.0.0.2", "tcp", "443", {}}};
+
+  const SavedSection saved(record);
+
+  EXPECT_EQ(saved["Server Address"], "127.0.0.1,,127.0.0.2");
+  EXPECT_EQ(saved["Domain IP"], "127.0.0.1,,127.0.0.2");
+  EXPECT_EQ(saved["VPN Port"], "1194,,443");
+  EXPECT_EQ(saved["VPN Proto Type"], "udp,,tcp");
+}
+
+TEST(OvpnServer, SavesAnMssThatTheDaemonCanUse) {
+  ServerConfig record(0);
+  for (const auto& [mss, saved] : {std::pair{999, "1400"}, {1000, "1000"}, {1600, "1600"}, {1601, "1400"}}) {
+    record.mss = mss;
+    EXPECT_EQ(SavedSection(record)["MSS"], saved);
   }
 }
 

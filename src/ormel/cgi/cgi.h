@@ -47,6 +47,10 @@ inline constexpr cgi_settings cgi_default_settings{
 // Frees the whole chain from `var` on, and deletes the temporary files of its uploads. Null is harmless.
 void free_cgi_var(cgi_var* var);
 
+// Deletes the files of all uploads that are there, for a process that is about to end in the middle of a request. A
+// signal handler may call it: the parser holds all signals back while it makes or deletes such a file.
+void remove_cgi_uploads() noexcept;
+
 // From the head, the variable of that name; from a found variable, the next value of the same name. With a null name,
 // the record after `var`, which walks the list. Null when there is none.
 [[nodiscard]] cgi_var* get_cgi_var(cgi_var* var, const char* name);

@@ -46,7 +46,7 @@ ssize_t read_piece(int fd, char* buffer, size_t size) {
 // NOLINTBEGIN(cppcoreguidelines-no-malloc, cppcoreguidelines-owning-memory)
 
 void FreeCgiRecord::operator()(cgi_var* var) const noexcept {
-  if (has_temporary_file(var)) unlink(var->value);
+  if (has_temporary_file(var)) delete_cgi_upload(var->value);
   std::free(var->name);
   std::free(var->value);
   std::free(var->filename);

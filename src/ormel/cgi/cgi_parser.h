@@ -72,6 +72,7 @@ cgi_var* join_cgi_record(cgi_parser* parser, CgiRecord record);
 // Both false when the current upload was refused, being too large for the limit or for the disk: its file is gone.
 [[nodiscard]] bool write_cgi_upload(cgi_parser* parser, std::string_view bytes);
 [[nodiscard]] bool close_cgi_upload(cgi_parser* parser);
+void delete_cgi_upload(const char* path) noexcept;
 
 // Reads the body in pieces until it ends, `execute` uses less than it was given, or the request has had its share.
 void read_cgi_body(cgi_parser* parser, const std::function<size_t(const char* bytes, size_t length)>& execute);

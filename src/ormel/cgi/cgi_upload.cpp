@@ -1,6 +1,9 @@
 // The temporary files of uploads.
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <set>
+#include <string>
 #include <unistd.h>
 
 #include "ormel/cgi/cgi_parser.h"
@@ -10,6 +13,25 @@ namespace {
 // The machine hands on a run at every line end, so that a file of line ends would cost a write for each byte.
 constexpr size_t WRITE_SIZE = 4096;
 
+// The paths of the files that are there.
+std::set<std::string, std::less<>> files;
+
+// No signal is handled while this lives: a handler must not find a file that is not in the set, nor half a set.
+class SignalsHeld {
+ public:
+  SignalsHeld() {
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &before_);
+  }
+  SignalsHeld(const SignalsHeld&) = delete;
+  SignalsHeld& operator=(const SignalsHeld&) = delete;
+  ~SignalsHeld() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_{};
+};
+
 void close_descriptor(cgi_parser* parser) {
   close(parser->fupload);
   parser->fupload = -1;
@@ -18,7 +40,7 @@ void close_descriptor(cgi_parser* parser) {
 
 bool refuse_upload(cgi_parser* parser) {
   close_descriptor(parser);
-  unlink(parser->current_var->value);
+  delete_cgi_upload(parser->current_var->value);
   parser->current_var->status = OVERSIZE_ERR;
   return false;
 }
@@ -42,9 +64,13 @@ bool open_cgi_upload(cgi_parser* parser, cgi_var* var) {
     return false;
   }
   var->length = tempname.size();
+  const SignalsHeld held;
   parser->fupload = mkostemp(var->value, O_CLOEXEC);
   parser->fupload_size = 0;
-  if (parser->fupload >= 0) return true;
+  if (parser->fupload >= 0) {
+    files.insert(var->value);
+    return true;
+  }
   var->status = MAKETEMP_ERR;
   return false;
 }
@@ -64,4 +90,14 @@ bool close_cgi_upload(cgi_parser* parser) {
   if (!flush_upload(parser)) return false;
   close_descriptor(parser);
   return true;
+}
+
+void delete_cgi_upload(const char* path) noexcept {
+  const SignalsHeld held;
+  unlink(path);
+  if (const auto found = files.find(std::string_view(path)); found != files.end()) files.erase(found);
+}
+
+void remove_cgi_uploads() noexcept {
+  for (const std::string& path : files) unlink(path.c_str());
 }

@@ -9,6 +9,7 @@
 #include <fenro/conf.h>
 #include <gtest/gtest.h>
 
+#include "common/c_memory.h"
 #include "libfenro/ini.h"
 #include "libfenro/ini_file.h"
 #include "unit/platform/scratch.h"
@@ -25,7 +26,7 @@ Conf load(const std::string& path) {
 
 // An object begun from nothing, as the program begins the file it writes.
 Conf begin(const std::string& path) {
-  Conf conf{static_cast<Conf_dir*>(std::calloc(1, sizeof(Conf_dir)))};
+  Conf conf{c_array<Conf_dir>(1).release()};
   path.copy(conf->file, sizeof conf->file - 1);
   return conf;
 }

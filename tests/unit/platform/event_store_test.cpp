@@ -46,6 +46,7 @@ class EventTest : public testing::Test {
     std::vector<Row> rows;
     EXPECT_TRUE(store.query(filter, order, lower, upper, collect, &rows));
     std::vector<std::string> out;
+    out.reserve(rows.size());
     for (const Row& row : rows) out.push_back(column(row, "id"));
     return out;
   }

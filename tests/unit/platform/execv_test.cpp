@@ -71,7 +71,7 @@ TEST(MibIoExecv, DoesNotWaitForADaemonLeftBehind) {
   EXPECT_EQ(noisy.status, 0);
   for (const Outcome* got : {&quiet, &noisy}) {
     const auto end = std::find_if(got->out.begin(), got->out.end(), [](char c) { return c >= '0' && c <= '9'; });
-    const int pid = std::atoi(std::string{end, got->out.end()}.c_str());
+    const int pid = std::stoi(std::string{end, got->out.end()});
     ASSERT_GT(pid, 1);
     EXPECT_EQ(kill(pid, SIGKILL), 0);
   }

@@ -6,6 +6,7 @@
 #include <fenro/host.h>
 #include <gtest/gtest.h>
 
+#include "common/c_memory.h"
 #include "libfenro/user.h"
 #include "unit/platform/scratch.h"
 
@@ -73,7 +74,7 @@ TEST(Users, APageIsCutFromTheNamesThatMatch) {
 }
 
 TEST(Users, TheLocalListIsThatOfThePasswdFile) {
-  using List = std::unique_ptr<char[][33], FreeWith<std::free>>;
+  using List = CArray<char[33]>;
   char(*rows)[33] = nullptr;
   int total = 0;
   const int count = Get_Local_User_List_V2(&rows, 0, 1000, "root", &total);

@@ -62,6 +62,7 @@ struct Outcome {
 
 inline Outcome run(const std::vector<std::string>& words) {
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
   argv.push_back(nullptr);
   const MibIo out{mib_io_create()};

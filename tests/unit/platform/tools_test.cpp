@@ -124,6 +124,7 @@ TEST(Setcfg, LosesNoEditOfAnother) {
   const std::string file = scratch.write("a.conf", "");
   const int status = in_private_host(Scratch{}, [&] {
     std::vector<std::thread> writers;
+    writers.reserve(WRITERS);
     for (int i = 0; i < WRITERS; ++i)
       writers.emplace_back([&, i] { tool("setcfg", {"S", "k" + std::to_string(i), "v", "-f", file}); });
     for (std::thread& writer : writers) writer.join();
@@ -191,13 +192,14 @@ TEST(Mibsh, CallsTheMethodBehindTheRightDot) {
   const std::string path = "@/var/run/test-" + std::to_string(getpid()) + ".sock";
   const std::string name = "Test" + std::to_string(getpid());
   for (const auto& [service, method] : {std::pair{path, std::string{"db_query"}}, {name, std::string{"api.check"}}}) {
+    const std::string target = std::string{service}.append(".").append(method);
     bus::Server server{service};
     server.on(method, [](std::string_view body) { return bus::Reply{MIB_SUCCESS, "<" + std::string{body} + ">"}; });
     ASSERT_TRUE(server.listen());
     std::thread thread{[&] { EXPECT_EQ(server.run(), 0); }};
 
-    EXPECT_EQ(tool("mibsh", {service + "." + method, "{\"a\": 1}"}).out, "<{\"a\": 1}>\n");
-    EXPECT_EQ(tool("mibsh", {service + "." + method}).out, "<>\n");
+    EXPECT_EQ(tool("mibsh", {target, "{\"a\": 1}"}).out, "<{\"a\": 1}>\n");
+    EXPECT_EQ(tool("mibsh", {target}).out, "<>\n");
     const Outcome wrong = tool("mibsh", {service + ".other"});
     EXPECT_EQ(wrong.status, MIB_IS_INVALID);
     EXPECT_EQ(std::count(wrong.err.begin(), wrong.err.end(), '\n'), 1);

@@ -1,0 +1,35 @@
+// ormeld: the log database, on the abstract socket that its clients name.
+
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <sys/stat.h>
+
+#include "daemons/ormeld/methods.h"
+#include "libmibservice/mibserver.h"
+#include "ormel/ormel_api_db_records.h"
+
+namespace {
+
+constexpr const char* DATABASE = "/var/lib/ormel/log.db";
+constexpr const char* BLOCK_POLICY = "/etc/config/vpn_block.conf";
+constexpr mode_t PRIVATE = 077;
+
+}  // namespace
+
+int main() {
+  using namespace fenro;
+  umask(PRIVATE);
+  ormeld::LogDatabase database{BLOCK_POLICY, [] { return std::time(nullptr); }};
+  if (!database.open(DATABASE)) return 1;
+
+  bus::Server server{ormel::log_db::SERVICE};
+  for (const ormeld::Method& method : ormeld::methods()) {
+    server.on(method.name, [&](std::string_view body) { return method.run(database, method.table, body); });
+  }
+  if (!server.listen()) {
+    std::fprintf(stderr, "ormeld: somebody else serves %s\n", ormel::log_db::SERVICE);
+    return 1;
+  }
+  return server.run();
+}

@@ -1,0 +1,84 @@
+// Web requests to the program: as a web server starts it, and through the real web server.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "support/appliance_host.h"
+
+namespace ormel::test {
+
+using Environment = std::vector<std::string>;
+
+inline constexpr const char* CGI = "/usr/sbin/ormel.cgi";
+inline constexpr const char* SHOW = "/ormel/config/show";
+inline constexpr const char* MULTIPART = "CONTENT_TYPE=multipart/form-data; boundary=edge";
+
+struct WebReply {
+  int status;  // of the program that answered: the code of the answer
+  std::string head;
+  std::string body;
+};
+
+inline WebReply parted(const Result& result) {
+  const size_t end = result.out.find("\r\n\r\n");
+  if (end == std::string::npos) return {result.status, "", result.out};
+  return {result.status, result.out.substr(0, end), result.out.substr(end + 4)};
+}
+
+// The envelope of a failure.
+inline std::string refusal(int code, const std::string& reason) {
+  return "{\"error\":" + std::to_string(code) + ",\"reason\":\"" + reason + "\"}";
+}
+
+inline WebReply cgi(const std::string& route, const std::string& query, const Environment& more = {},
+                    const std::string& body = {}) {
+  Environment environment{"SCRIPT_URL=" + route, "QUERY_STRING=" + query};
+  environment.insert(environment.end(), more.begin(), more.end());
+  return parted(run({CGI}, environment, body));
+}
+
+inline WebReply https(const std::string& route, std::vector<std::string> options = {}) {
+  options.insert(options.begin(),
+                 {"/usr/bin/curl", "-ksSi", "-H", "Expect:", "--max-time", "60", "https://localhost" + route});
+  return parted(run(options));
+}
+
+// One part of a body with the boundary "edge": a field, or an upload.
+inline std::string part(const std::string& name, const std::string& data, const std::string& file = {}) {
+  const std::string filename = file.empty() ? "" : "; filename=\"" + file + '"';
+  return "--edge\r\nContent-Disposition: form-data; name=\"" + name + '"' + filename + "\r\n\r\n" + data + "\r\n";
+}
+
+// The temporary files of uploads that are there now.
+inline size_t uploads() {
+  size_t count = 0;
+  for (const auto& file : fs::directory_iterator("/tmp")) count += file.path().filename().string().starts_with("cgi-");
+  return count;
+}
+
+inline std::string pptp_client(int index, const std::string& more = {}) {
+  const std::string number = std::to_string(index);
+  return "[PPTP_CLIENT" + number + "]\nIndex = " + number + "\nProfile File = office" + number +
+         "\nName = bob\nAccessCode = cDE=\nServer Address = 127.0.0.1\n" + more + "\n";
+}
+
+// A host with one profile that is off, and the sessions of an administrator and of a general user.
+class WebHost : public ProfileHost {
+ protected:
+  void SetUp() override {
+    ProfileHost::SetUp();
+    write(VPN_CONF, pptp_client(1));
+    admin = "sid=" + begin_session("admin");
+    guest = "sid=" + begin_session("guest");
+  }
+
+  static std::string begin_session(const char* user) {
+    return run({"/usr/lib/fenro/fenro-session", "create", user}).out.substr(0, 8);
+  }
+
+  std::string admin;
+  std::string guest;
+};
+
+}  // namespace ormel::test
