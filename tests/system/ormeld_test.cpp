@@ -70,6 +70,7 @@ TEST_F(LogDatabase, AKillInTheMiddleOfAddsLosesNothingAcknowledged) {
     ASSERT_EQ(call(log_db::CONN_SERVER_LOG.clean, {}), MIB_SUCCESS);
     std::atomic<std::uint64_t> acknowledged[WRITERS] = {};
     std::vector<std::thread> writers;
+    writers.reserve(WRITERS);
     for (int writer = 0; writer < WRITERS; ++writer) {
       writers.emplace_back([&, writer] {
         while (add(writer, acknowledged[writer])) ++acknowledged[writer];
@@ -95,6 +96,7 @@ TEST_F(LogDatabase, FiftyAtOnceAreAllAddedAndCounted) {
   constexpr int LOGINS = 50;
   std::atomic<int> done = 0;
   std::vector<std::thread> logins;
+  logins.reserve(LOGINS);
   for (int i = 0; i < LOGINS; ++i) {
     logins.emplace_back([&, i] {
       const bool counted = call(log_db::PRIVILEGE_USER_BLOCK.insert, "bob") == MIB_SUCCESS;
