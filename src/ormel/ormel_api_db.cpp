@@ -30,7 +30,7 @@ int exchange(const MibIo& io, const char* method, std::string_view request) {
 
 int call(const char* function, const char* method, std::string_view request, std::string* reply) {
   const MibIo io{mib_io_create()};
-  assert(io != __null);
+  assert(io != __null);  // NOLINT(modernize-use-nullptr): the text is that of the daemon's other clients
   ORMEL_LOG(DEBUG, "%s", function);
   const int rc = exchange(io, method, request);
   size_t length = 0;
@@ -55,6 +55,7 @@ bool query(const char* function, const char* method, const db_query_cond& cond, 
 
   // A head can promise more rows than have come, and the caller walks as many as it says.
   const size_t count = std::min<uint64_t>(head.count, (reply.size() - HEAD_SIZE) / row_size);
+  // NOLINTNEXTLINE(cppcoreguidelines-no-malloc): freed with free() by the clients of this interface
   void* rows = std::calloc(std::max<size_t>(count, 1), row_size);
   if (!rows) return false;
   std::memcpy(rows, reply.data() + HEAD_SIZE, count * row_size);

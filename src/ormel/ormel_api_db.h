@@ -7,7 +7,9 @@
 
 #include <cstdlib>
 #include <memory>
+#include <span>
 
+#include "ormel/handle.h"
 #include "ormel/ormel_api_db_records.h"
 
 // An insertion adds a record, which the daemon numbers. A list fills `**out`, which must be zeroed; its rows are
@@ -37,23 +39,28 @@ int clean_privilege_user_block();
 
 namespace ormel::log_db {
 
-struct FreeAnswer {
-  template <typename Row>
-  void operator()(db_query_answer<Row>* answer) const noexcept {
-    std::free(answer->data);
-    std::free(answer);
-  }
-};
-// Owner of an answer with its rows.
-template <typename Query>
-using Answer = std::unique_ptr<Query, FreeAnswer>;
+// What a list function finds; the rows go with this object.
+template <typename Row>
+class Answer {
+ public:
+  explicit Answer(const db_query_answer<Row>& answer)
+      : rows_(answer.data), count_(answer.count), total_(answer.total) {}
 
-// What a list function finds; null only without memory. Without rows its `count` is 0.
-template <typename Query>
-[[nodiscard]] Answer<Query> ask(int (*list)(const db_query_cond*, Query**), const db_query_cond& cond) {
-  Answer<Query> answer{static_cast<Query*>(std::calloc(1, sizeof(Query)))};
-  if (Query* filled = answer.get()) list(&cond, &filled);
-  return answer;
+  [[nodiscard]] std::span<const Row> rows() const { return {rows_.get(), count_}; }
+  [[nodiscard]] uint64_t total() const { return total_; }  // rows in the table
+
+ private:
+  std::unique_ptr<Row, FreeWith<std::free>> rows_;
+  size_t count_;
+  uint64_t total_;
+};
+
+template <typename Row>
+[[nodiscard]] Answer<Row> ask(int (*list)(const db_query_cond*, db_query_answer<Row>**), const db_query_cond& cond) {
+  db_query_answer<Row> answer{};
+  db_query_answer<Row>* filled = &answer;
+  list(&cond, &filled);
+  return Answer<Row>{answer};
 }
 
 }  // namespace ormel::log_db

@@ -29,7 +29,7 @@ struct Login {
 // Takes a value out of the environment, so that no program started from here inherits it.
 std::string take_environment(const char* name) {
   const char* value = std::getenv(name);
-  const std::string taken = value ? value : "";
+  std::string taken = value ? value : "";
   unsetenv(name);
   return taken;
 }
@@ -46,8 +46,8 @@ std::string effective_user(const std::string& user) {
   put(cond.field, "dev_uuid");
   put(cond.value, user, DEVICE_ID_LENGTH);
   const auto devices = log_db::ask(list_device_info, cond);
-  if (!devices || devices->count != 1) return user;
-  const char* owner = devices->data->user_id;
+  if (devices.rows().size() != 1) return user;
+  const char* owner = devices.rows().front().user_id;
   return {owner, strnlen(owner, DB_TEXT_SIZE - 1)};
 }
 

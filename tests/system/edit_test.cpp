@@ -5,7 +5,6 @@
 #include "support/web_request.h"
 
 using namespace ormel::test;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -289,8 +288,9 @@ class LoginHook : public ProfileHost {
   }
   static fenro::bus::Reply answer(std::string_view request) {
     if (request.size() != 2088) return {MIB_SUCCESS, request == "blocked" ? "1" : "0"};
-    const bool known = request.substr(32, 9) == std::string_view("dev_uuid", 9) &&
-                       request.substr(1057, 37) == std::string_view(DEVICE, 37);
+    const std::string field = &request[32];
+    const std::string value = &request[1057];
+    const bool known = field == "dev_uuid" && value == DEVICE;
     std::string reply(24, '\0');
     reply[0] = known ? 1 : 0;
     if (known) reply += std::string(7192, '\0').replace(3083, 5, "admin");

@@ -1,5 +1,6 @@
 #include "ormel/privilege.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -22,12 +23,12 @@ constexpr const char* STORE = "/etc/config/vpn_user_ex.conf";
 // The three files in a root folder of the test's own.
 class PrivilegeFiles : public testing::Test {
  protected:
-  PrivilegeFiles() {
+  void SetUp() override {
     std::string name = fs::temp_directory_path() / "ormel-test-XXXXXX";
     root = mkdtemp(name.data());
     for (const char* folder : {"/etc/ppp", "/etc/config"}) fs::create_directories(root + folder);
   }
-  ~PrivilegeFiles() override { fs::remove_all(root); }
+  void TearDown() override { fs::remove_all(root); }
 
   void write(const char* file, const std::string& text) const { std::ofstream(root + file) << text; }
   [[nodiscard]] std::string read(const char* file) const {
