@@ -14,7 +14,7 @@ template <auto* Free>
 struct FreeWith {
   template <typename T>
   void operator()(T* handle) const noexcept {
-    Free(handle);
+    Free(handle);  // NOLINT(cppcoreguidelines-owning-memory): this is the owner
   }
 };
 

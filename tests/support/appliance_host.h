@@ -5,6 +5,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -57,8 +58,10 @@ inline Result run(const std::vector<std::string>& words, const std::vector<std::
     for (const std::string& word : environment) env.push_back(const_cast<char*>(word.c_str()));
     argv.push_back(nullptr);
     env.push_back(nullptr);
-    const bool ready = chdir("/") == 0 && std::freopen("/tmp/run.in", "r", stdin) &&
-                       std::freopen("/tmp/run.out", "w", stdout) && std::freopen("/tmp/run.err", "w", stderr);
+    const int in = open("/tmp/run.in", O_RDONLY);
+    const int out = open("/tmp/run.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int err = open("/tmp/run.err", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const bool ready = chdir("/") == 0 && dup2(in, 0) == 0 && dup2(out, 1) == 1 && dup2(err, 2) == 2;
     if (ready) execve(argv[0], argv.data(), env.data());
     _exit(127);
   }

@@ -162,7 +162,7 @@ TEST_F(PptpProfile, AnswersWithTheStatusOfTheTable) {
 }
 
 TEST_F(PptpProfile, TakesHostileTextWithoutHarm) {
-  const std::string huge(64 * 1024, 'x');
+  const std::string huge(size_t{64} * 1024, 'x');
   EXPECT_EQ(cli({"-T256", "-A", "--name=" + huge}).status, 1);
   EXPECT_EQ(cli({"-T256", "-A", "--name=" + std::string(600, 'n'), "--host=127.0.0.1", "--user=[x]\t= \x01\xff%n$(id)"})
                 .status,

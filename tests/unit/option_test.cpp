@@ -49,6 +49,7 @@ class OptionTest : public testing::Test {
   std::unique_ptr<PolyConfig> parse(std::vector<std::string> words) {
     words.insert(words.begin(), "/usr/sbin/ormel");
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
     testing::internal::CaptureStderr();
