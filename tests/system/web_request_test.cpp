@@ -256,10 +256,7 @@ constexpr size_t ROTATE_SIZE = 2097152;
 
 class WebLog : public WebHost {
  protected:
-  void SetUp() override {
-    WebHost::SetUp();
-    fs::remove(PACKAGE);
-  }
+  void TearDown() override { fs::remove(PACKAGE); }
 
   static size_t logged(const std::string& path) { return fs::exists(path) ? fs::file_size(path) : 0; }
   // A log that one request fills up to `size` bytes.
