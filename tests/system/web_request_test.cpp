@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 
 using namespace ormel::test;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -194,7 +193,7 @@ TEST_F(WebSession, EndsByTimeAndWithItsUser) {
   const std::string file = "/run/fenro/sessions/" + admin.substr(4);
   const std::string content = read(file);
   const auto show = [&] { return cgi(SHOW, "type=256&" + admin).body; };
-  const auto created = [](int hours_ago) { return std::to_string(std::time(nullptr) - hours_ago * 3600); };
+  const auto created = [](time_t hours_ago) { return std::to_string(std::time(nullptr) - hours_ago * 3600); };
   const std::string head = content.substr(0, content.find("created"));
 
   write(file, head + "created = " + created(11) + "\n");

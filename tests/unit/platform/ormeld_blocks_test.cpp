@@ -90,13 +90,13 @@ TEST_F(OrmeldBlocks, ABlockRunsOutAndTheNextFailureIsTheFirstOfANewCount) {
 
 TEST_F(OrmeldBlocks, AClockSetBackDoesNotLiftABlock) {
   fail("bob", 5);
-  now -= 365 * 24 * 60 * MINUTE;
+  now -= time_t{365} * 24 * 60 * MINUTE;
   EXPECT_EQ(check("bob"), "1");
 }
 
 TEST_F(OrmeldBlocks, FailuresBelowTheLimitStayHoweverOld) {
   fail("bob", 4);
-  now += 30 * 24 * 60 * MINUTE;
+  now += time_t{30} * 24 * 60 * MINUTE;
   fail("bob", 1);
   EXPECT_EQ(check("bob"), "1");
 }
