@@ -1,5 +1,6 @@
 // What the program does when the host around it fails: daemons, scripts, disks, files, and the machine itself.
 #include <gmock/gmock.h>
+#include <map>
 #include <sys/mount.h>
 
 #include "support/appliance_host.h"
@@ -65,7 +66,34 @@ TEST_F(ScriptFault, WorksWithoutTheNotificationTool) {
   EXPECT_EQ(cli(ADD).status, 0);
 }
 
-class FileFault : public ProfileHost {};
+class FileFault : public ProfileHost {
+ protected:
+  // A change of one profile under strace. The leak check of an instrumented program cannot work there.
+  static void traced(std::vector<std::string> options) {
+    options.insert(options.begin(), {"/usr/bin/strace", "-qq"});
+    options.insert(options.end(), {"/usr/sbin/ormel", "-TPPTP", "-M1", "--user=new"});
+    run(options, {"ASAN_OPTIONS=detect_leaks=0"});
+  }
+
+  // Every system call from the first temporary file of a save to the last rename: its name, and which of that name
+  // it is in the run.
+  static std::vector<std::pair<std::string, int>> calls_of_the_save() {
+    traced({"-o", "/tmp/trace"});
+    std::vector<std::pair<std::string, int>> calls;
+    std::map<std::string, int> count;
+    size_t end = 0;
+    std::ifstream in("/tmp/trace");
+    for (std::string line; std::getline(in, line);) {
+      const std::string call = line.substr(0, line.find('('));
+      const int when = ++count[call];
+      if (calls.empty() && line.find("/etc/config/vpn.conf.") == std::string::npos) continue;
+      calls.emplace_back(call, when);
+      if (call.starts_with("rename")) end = calls.size();
+    }
+    calls.resize(end);
+    return calls;
+  }
+};
 
 TEST_F(FileFault, ReadsWhatItCanOfADamagedFile) {
   std::string big = "[PPTP_CLIENT1]\nIndex = 1\nProfile File = ";
@@ -115,18 +143,16 @@ TEST_F(FileFault, LeavesTheOldOrTheNewFileWhenItIsKilledAtAnySystemCallOfTheSave
   const std::string after = read(VPN_CONF);
   ASSERT_NE(before, after);
 
+  write(VPN_CONF, before);
+  const auto calls = calls_of_the_save();
+  ASSERT_GT(calls.size(), 10U);
   int kept = 0, replaced = 0;
-  for (const char* call : {"openat", "fchmod", "fchown", "write", "fsync", "rename", "renameat2", "unlink", "close"}) {
-    for (int when = 1; when <= 150; ++when) {
-      write(VPN_CONF, before);
-      const Result traced = run({"/usr/bin/strace", "-qq", "-o", "/dev/null", "-e",
-                                 std::string("inject=?") + call + ":signal=KILL:when=" + std::to_string(when),
-                                 "/usr/sbin/ormel", "-TPPTP", "-M1", "--user=new"});
-      const std::string now = read(VPN_CONF);
-      EXPECT_TRUE(now == before || now == after) << "killed at " << call << ' ' << when << ":\n" << now;
-      ++(now == before ? kept : replaced);
-      if (traced.status == 0) break;  // the run has no further call of this kind
-    }
+  for (const auto& [call, when] : calls) {
+    write(VPN_CONF, before);
+    traced({"-o", "/dev/null", "-e", "inject=?" + call + ":signal=KILL:when=" + std::to_string(when)});
+    const std::string now = read(VPN_CONF);
+    EXPECT_TRUE(now == before || now == after) << "killed at " << call << ' ' << when << ":\n" << now;
+    ++(now == before ? kept : replaced);
   }
   EXPECT_GT(kept, 0);
   EXPECT_GT(replaced, 0);
