@@ -1,4 +1,5 @@
 // What the program does when the host around it fails: daemons, scripts, disks, files, and the machine itself.
+#include <algorithm>
 #include <gmock/gmock.h>
 #include <map>
 #include <sys/mount.h>
@@ -75,8 +76,8 @@ class FileFault : public ProfileHost {
     run(options, {"ASAN_OPTIONS=detect_leaks=0"});
   }
 
-  // Every system call from the first temporary file of a save to the last rename: its name, and which of that name
-  // it is in the run.
+  // Every system call from the first temporary file of a save to a little behind the last rename: its name, and which
+  // of that name it is in the run.
   static std::vector<std::pair<std::string, int>> calls_of_the_save() {
     traced({"-o", "/tmp/trace"});
     std::vector<std::pair<std::string, int>> calls;
@@ -88,9 +89,9 @@ class FileFault : public ProfileHost {
       const int when = ++count[call];
       if (calls.empty() && line.find("/etc/config/vpn.conf.") == std::string::npos) continue;
       calls.emplace_back(call, when);
-      if (call.starts_with("rename")) end = calls.size();
+      if (call.starts_with("rename")) end = calls.size() + 6;
     }
-    calls.resize(end);
+    calls.resize(std::min(end, calls.size()));
     return calls;
   }
 };
