@@ -17,7 +17,8 @@
 namespace ormel::ovpn {
 namespace {
 
-constexpr int INDEX = 987654;  // of no profile: its credentials are empty
+// Of no profile, so its credentials are empty; of this process alone, since the socket's folder is everyone's.
+const int INDEX = 1'000'000 + getpid();
 
 // Listens where the daemon of a profile does.
 class Daemon {
@@ -70,7 +71,9 @@ TEST(OvpnHook, EscapesQuotesAndBackslashes) {
 }
 
 TEST(OvpnHook, FailsWithoutAProfileOrItsDaemon) {
-  for (const char* index : {"0", "x", "987654"}) EXPECT_EQ(run_hook({"ormel.cauth", index}, [] {}), 1) << index;
+  for (const std::string& index : {std::string("0"), std::string("x"), std::to_string(INDEX)}) {
+    EXPECT_EQ(run_hook({"ormel.cauth", index}, [] {}), 1) << index;
+  }
   EXPECT_EQ(run_hook({"ormel.cauth"}, [] {}), 1);
 }
 
