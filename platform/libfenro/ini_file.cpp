@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
-#include <filesystem>
+#include <memory>
 #include <sys/stat.h>
 
 #include "common/file.h"
@@ -22,15 +22,26 @@ constexpr mode_t LOCK_MODE = 0600;
 constexpr const char* CALLER_LOCK = ".lock";
 constexpr const char* EDIT_LOCK = ".edit";
 
+// The path without links and dots of a file that need not be there, nor its folder. The C++ library's own function for
+// this brings in its locales, which every start of a program would set up.
+std::string full_path(const std::string& path) {
+  const std::unique_ptr<char, FreeWith<std::free>> found{realpath(path.c_str(), nullptr)};
+  if (found) return found.get();
+  if (errno != ENOENT || path == "." || path == "/") return {};
+  const size_t slash = path.find_last_of('/');
+  const std::string folder = full_path(slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash));
+  if (folder.empty()) return {};
+  return (folder == "/" ? "" : folder) + '/' + path.substr(slash + 1);
+}
+
 // One name for each file, whatever way to it the caller wrote.
 std::string lock_name(const char* path, const char* ending) {
   constexpr std::uint64_t FNV_START = 14695981039346656037U;
   constexpr std::uint64_t FNV_PRIME = 1099511628211U;
-  std::error_code error;
-  const auto target = std::filesystem::weakly_canonical(std::filesystem::absolute(path, error), error);
-  if (error) return {};
+  const std::string target = full_path(path);
+  if (target.empty()) return {};
   std::uint64_t hash = FNV_START;
-  for (const char c : target.native()) hash = (hash ^ static_cast<unsigned char>(c)) * FNV_PRIME;
+  for (const char c : target) hash = (hash ^ static_cast<unsigned char>(c)) * FNV_PRIME;
   std::array<char, 40> text{};
   std::snprintf(text.data(), text.size(), "%016llx%s", static_cast<unsigned long long>(hash), ending);
   return text.data();

@@ -1,7 +1,8 @@
 #include "ormel/curl.h"
 
 #include <climits>
-#include <dlfcn.h>
+
+#include "ormel/library.h"
 
 namespace ormel {
 
@@ -11,21 +12,15 @@ namespace {
 
 constexpr const char* LIBRARY = "libcurl.so.4";
 
-template <typename Function>
-bool find(Function& function, const char* name) {
-  // From the global scope, so that a preloaded function of that name comes first, as with ordinary linking.
-  function = reinterpret_cast<Function>(dlsym(RTLD_DEFAULT, name));
-  return function != nullptr;
-}
-
 bool load(Api& api) {
-  // Never closed: the library registers handlers that run at exit.
-  if (!dlopen(LIBRARY, RTLD_NOW | RTLD_GLOBAL)) return false;
-  return find(api.easy_init, "curl_easy_init") && find(api.easy_setopt, "curl_easy_setopt") &&
-         find(api.easy_perform, "curl_easy_perform") && find(api.easy_getinfo, "curl_easy_getinfo") &&
-         find(api.easy_strerror, "curl_easy_strerror") && find(api.easy_cleanup, "curl_easy_cleanup") &&
-         find(api.easy_unescape, "curl_easy_unescape") && find(api.free, "curl_free") &&
-         find(api.slist_append, "curl_slist_append") && find(api.slist_free_all, "curl_slist_free_all");
+  if (!load_library(LIBRARY)) return false;
+  return find_function(api.easy_init, "curl_easy_init") && find_function(api.easy_setopt, "curl_easy_setopt") &&
+         find_function(api.easy_perform, "curl_easy_perform") && find_function(api.easy_getinfo, "curl_easy_getinfo") &&
+         find_function(api.easy_strerror, "curl_easy_strerror") &&
+         find_function(api.easy_cleanup, "curl_easy_cleanup") &&
+         find_function(api.easy_unescape, "curl_easy_unescape") && find_function(api.free, "curl_free") &&
+         find_function(api.slist_append, "curl_slist_append") &&
+         find_function(api.slist_free_all, "curl_slist_free_all");
 }
 
 }  // namespace

@@ -1,58 +1,89 @@
-// The one-shot SHA1() of OpenSSL 3 looks its provider up through the whole configuration, several times the cost of all
-// else that a run does; the plain functions are marked deprecated and are what is wanted here.
-#define OPENSSL_SUPPRESS_DEPRECATED
-
 #include "ormel/openssl.h"
 
 #include <climits>
 #include <cstdio>
 #include <memory>
+#include <nettle/base16.h>
+#include <nettle/base64.h>
+#include <nettle/sha1.h>
 
 #include <openssl/bio.h>
 #include <openssl/evp.h>
+#include <openssl/opensslv.h>
 #include <openssl/pem.h>
-#include <openssl/sha.h>
 #include <openssl/x509.h>
 
-#include "ormel/handle.h"
+#include "ormel/library.h"
 #include "ormel/system_process.h"
 
 namespace ormel::openssl {
 
 namespace {
 
-using Bio = std::unique_ptr<BIO, FreeWith<BIO_free_all>>;
-using Cert = std::unique_ptr<X509, FreeWith<X509_free>>;
-using Crl = std::unique_ptr<X509_CRL, FreeWith<X509_CRL_free>>;
-using Key = std::unique_ptr<EVP_PKEY, FreeWith<EVP_PKEY_free>>;
-
+static_assert(OPENSSL_VERSION_MAJOR == 3, "the name below is of the library whose headers are used");
+constexpr const char* LIBRARY = "libcrypto.so.3";
 constexpr const char* OPENSSL = "/usr/bin/openssl";
 constexpr size_t VERSION_LENGTH = 127;  // bytes of its answer that are looked at
 
-Bio reader(const std::string& text) {
-  return Bio{text.size() <= INT_MAX ? BIO_new_mem_buf(text.data(), static_cast<int>(text.size())) : nullptr};
+// Certificates are met in an import alone, so their library is loaded on first use: its start is as long as the rest of
+// a run. What every run needs comes from a small one.
+struct Api {
+  decltype(&::BIO_new_mem_buf) bio_new_mem_buf;
+  decltype(&::BIO_free_all) bio_free_all;
+  decltype(&::PEM_read_bio_X509) read_certificate;
+  decltype(&::X509_free) certificate_free;
+  decltype(&::X509_get_pubkey) get_public_key;
+  decltype(&::EVP_PKEY_free) key_free;
+  decltype(&::PEM_read_bio_X509_CRL) read_revocations;
+  decltype(&::X509_CRL_free) revocations_free;
+};
+
+bool load(Api& api) {
+  return load_library(LIBRARY) && find_function(api.bio_new_mem_buf, "BIO_new_mem_buf") &&
+         find_function(api.bio_free_all, "BIO_free_all") && find_function(api.read_certificate, "PEM_read_bio_X509") &&
+         find_function(api.certificate_free, "X509_free") && find_function(api.get_public_key, "X509_get_pubkey") &&
+         find_function(api.key_free, "EVP_PKEY_free") && find_function(api.read_revocations, "PEM_read_bio_X509_CRL") &&
+         find_function(api.revocations_free, "X509_CRL_free");
 }
 
-// A base64 filter in front of `sink`, which it owns.
-Bio base64_filter(Bio sink) {
-  Bio filter{BIO_new(BIO_f_base64())};
-  if (!filter || !sink) return nullptr;
-  BIO_set_flags(filter.get(), BIO_FLAGS_BASE64_NO_NL);
-  BIO_push(filter.get(), sink.release());
-  return filter;
+// The loaded library; null when it, or one of the functions, is missing.
+const Api* api() {
+  static Api functions{};
+  static const bool loaded = load(functions);
+  return loaded ? &functions : nullptr;
+}
+
+// An object exists only if the library was loaded.
+struct Cleanup {
+  void operator()(BIO* bio) const noexcept { api()->bio_free_all(bio); }
+  void operator()(X509* certificate) const noexcept { api()->certificate_free(certificate); }
+  void operator()(X509_CRL* revocations) const noexcept { api()->revocations_free(revocations); }
+  void operator()(EVP_PKEY* key) const noexcept { api()->key_free(key); }
+};
+
+template <typename Object>
+using Owned = std::unique_ptr<Object, Cleanup>;
+
+Owned<BIO> reader(const std::string& text) {
+  if (!api() || text.size() > INT_MAX) return nullptr;
+  return Owned<BIO>{api()->bio_new_mem_buf(text.data(), static_cast<int>(text.size()))};
+}
+
+const uint8_t* bytes_of(const std::string& text) {
+  return reinterpret_cast<const uint8_t*>(text.data());
 }
 
 }  // namespace
 
 bool is_crl(const std::string& pem) {
-  const Bio bio = reader(pem);
-  return bio && Crl{PEM_read_bio_X509_CRL(bio.get(), nullptr, nullptr, nullptr)};
+  const Owned<BIO> bio = reader(pem);
+  return bio && Owned<X509_CRL>{api()->read_revocations(bio.get(), nullptr, nullptr, nullptr)};
 }
 
 bool is_cert(const std::string& pem) {
-  const Bio bio = reader(pem);
-  const Cert cert{bio ? PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr) : nullptr};
-  return cert && Key{X509_get_pubkey(cert.get())};
+  const Owned<BIO> bio = reader(pem);
+  const Owned<X509> certificate{bio ? api()->read_certificate(bio.get(), nullptr, nullptr, nullptr) : nullptr};
+  return certificate && Owned<EVP_PKEY>{api()->get_public_key(certificate.get())};
 }
 
 int version_num() {
@@ -69,41 +100,30 @@ int version_num() {
 }
 
 std::string sha1(const std::string& text) {
-  unsigned char digest[SHA_DIGEST_LENGTH];
-  SHA_CTX context;
-  SHA1_Init(&context);
-  SHA1_Update(&context, text.data(), text.size());
-  SHA1_Final(digest, &context);
-  constexpr const char* HEX = "0123456789abcdef";
-  std::string out;
-  for (const unsigned char byte : digest) {
-    out += HEX[byte >> 4];
-    out += HEX[byte & 15];
-  }
+  sha1_ctx context;
+  sha1_init(&context);
+  sha1_update(&context, text.size(), bytes_of(text));
+  uint8_t digest[SHA1_DIGEST_SIZE];
+  sha1_digest(&context, sizeof digest, digest);
+  std::string out(BASE16_ENCODE_LENGTH(sizeof digest), '\0');
+  base16_encode_update(out.data(), sizeof digest, digest);
   return out;
 }
 
 std::string base64_encode(const std::string& text) {
-  const Bio bio = base64_filter(Bio{BIO_new(BIO_s_mem())});
-  if (!bio || text.size() > INT_MAX) return {};
-  if (!text.empty() && BIO_write(bio.get(), text.data(), static_cast<int>(text.size())) <= 0) return {};
-  if (BIO_flush(bio.get()) != 1) return {};
-  char* encoded = nullptr;
-  const long length = BIO_get_mem_data(bio.get(), &encoded);
-  return {encoded, static_cast<size_t>(length)};
+  std::string out(BASE64_ENCODE_RAW_LENGTH(text.size()), '\0');
+  base64_encode_raw(out.data(), text.size(), bytes_of(text));
+  return out;
 }
 
 std::string base64_decode(const std::string& text) {
-  const Bio bio = base64_filter(reader(text));
-  if (!bio) return {};
-  std::string out(text.size(), '\0');
-  size_t length = 0;
-  while (length < out.size()) {
-    const int got = BIO_read(bio.get(), out.data() + length, static_cast<int>(out.size() - length));
-    if (got <= 0) break;
-    length += static_cast<size_t>(got);
-  }
-  out.resize(length);
+  base64_decode_ctx context;
+  base64_decode_init(&context);
+  size_t length = BASE64_DECODE_LENGTH(text.size());
+  std::string out(length, '\0');
+  const int good =
+      base64_decode_update(&context, &length, reinterpret_cast<uint8_t*>(out.data()), text.size(), text.data());
+  out.resize(good ? length : 0);
   return out;
 }
 

@@ -1,4 +1,4 @@
-// Thin wrappers over OpenSSL.
+// Certificates, digests and base64: thin wrappers over OpenSSL and, for what every run needs, Nettle.
 #pragma once
 
 #include <string>

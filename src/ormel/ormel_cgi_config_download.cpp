@@ -1,6 +1,5 @@
 // What a client of the OpenVPN server downloads: a ready profile, or the certificate alone.
 #include <cstdio>
-#include <fstream>
 #include <string>
 
 #include <fenro/host.h>
@@ -11,6 +10,7 @@
 #include "ormel/ormel_cgi_config_edit.h"
 #include "ormel/ovpn.h"
 #include "ormel/ovpn_profile.h"
+#include "ormel/text.h"
 
 namespace ormel::cgi::config {
 
@@ -35,7 +35,9 @@ int read_source(Source& source) {
   const ormel::config::PolyConfig* stored = cm.fetch(OVPN_SERVER_TYPE, 0);
   if (!stored) return ERR_CONFIGURE_INDEX;
   source.server = stored->cast<ovpn::ServerConfig>();
-  if (!(std::ifstream(HOST_NAME) >> source.host)) return ERR_REGULAR_FILE;
+  std::string name;
+  if (!option::read_file(HOST_NAME, name) || option::trim(name).empty()) return ERR_REGULAR_FILE;
+  source.host = option::split_words(name).front();
   const std::string path = std::string(ovpn::KEYS_FOLDER) + "/ca.crt";
   return option::read_file(path.c_str(), source.certificate) ? NO_ERROR : ERR_REGULAR_FILE;
 }

@@ -2,7 +2,7 @@
 // server needs.
 #pragma once
 
-#include <sstream>
+#include <string>
 
 #include <jansson.h>
 
@@ -30,6 +30,6 @@ namespace ormel {
 // Clients rely on the two lists being named the other way round: "missing" are files that came and that the profile
 // does not refer to, "excessive" are those that it refers to and that did not come.
 [[nodiscard]] int ca_files_check(cgi_var* ovpn, cgi_var* request, json_t* missing, json_t* excessive,
-                                 std::stringstream& arguments, bool* wrong);
+                                 std::string& arguments, bool* wrong);
 
 }  // namespace ormel

@@ -48,7 +48,7 @@ bool one_word(const char* path) {
 
 }  // namespace
 
-int ca_files_check(cgi_var* ovpn, cgi_var* request, json_t* missing, json_t* excessive, std::stringstream& arguments,
+int ca_files_check(cgi_var* ovpn, cgi_var* request, json_t* missing, json_t* excessive, std::string& arguments,
                    bool* wrong) {
   const char* path = get_cgi_var_value(ovpn);
   // An upload that was cut for its size has lost its file.
@@ -65,7 +65,7 @@ int ca_files_check(cgi_var* ovpn, cgi_var* request, json_t* missing, json_t* exc
     const bool needed = refers(profile.get(), pattern);
     if (needed && brought) {
       if (!one_word(value)) return ERR_FILE_DESCRIPTOR_ERROR;
-      arguments << "--" << row.variable << ' ' << value << ' ';
+      arguments.append("--").append(row.variable).append(" ").append(value).append(" ");
     } else if (needed || brought) {
       json_array_append_new(needed ? excessive : missing, json_string(row.file));
       *wrong = true;
@@ -90,7 +90,7 @@ Outcome check_upload(const Request& request, JsonValue& reply) {
   if (!get_cgi_var_filename(ovpn)) return {ERR_REGULAR_FILE};
   Json missing{json_array()};
   Json excessive{json_array()};
-  std::stringstream arguments;
+  std::string arguments;
   bool wrong = false;
   const int rc = ca_files_check(ovpn, request.vars(), missing.get(), excessive.get(), arguments, &wrong);
   if (rc != NO_ERROR) return {rc, "ca_files_check ERROR"};
@@ -100,8 +100,7 @@ Outcome check_upload(const Request& request, JsonValue& reply) {
     data["excessive"] = excessive.release();
     return {ERR_WRONG_CA_FILES, {}, true};
   }
-  std::string files = arguments.str();
-  return {system::verify_ovpn_config(get_cgi_var_value(ovpn), files.data()) ? NO_ERROR : ERR_OPENVPN_CLIENT};
+  return {system::verify_ovpn_config(get_cgi_var_value(ovpn), arguments.data()) ? NO_ERROR : ERR_OPENVPN_CLIENT};
 }
 
 int check_mode(const ConfigFile& cf, JsonValue&) {

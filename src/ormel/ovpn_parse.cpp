@@ -4,6 +4,8 @@
 #include <set>
 #include <utility>
 
+#include "ormel/text.h"
+
 namespace ormel::option {
 
 namespace {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <sstream>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -53,13 +52,6 @@ std::string block_text(const FileOption& option, const OpenvpnRemotesOption& rem
 
 bool sort_file_option(const FileOption& a, const FileOption& b) {
   return a.type != b.type ? a.type < b.type : a.name < b.name;
-}
-
-std::vector<std::string> split_words(const std::string& text) {
-  std::istringstream stream(text);
-  std::vector<std::string> words;
-  for (std::string word; stream >> word;) words.push_back(word);
-  return words;
 }
 
 bool read_file(const char* path, std::string& out) {

@@ -62,9 +62,6 @@ class ConfigFile {
   [[nodiscard]] std::string render(const OpenvpnRemotesOption& remotes) const;
 };
 
-// The words of a text, which white space parts.
-[[nodiscard]] std::vector<std::string> split_words(const std::string& text);
-
 // Reads a whole regular file. Devices and pipes are refused: they may never end.
 [[nodiscard]] bool read_file(const char* path, std::string& out);
 

@@ -1,5 +1,6 @@
+#include <algorithm>
 #include <cstdio>
-#include <sstream>
+#include <cstdlib>
 #include <unistd.h>
 
 #include "ormel/config_pool.h"
@@ -102,12 +103,11 @@ void ServerConfig::save(Conf_dir* conf) {
 
 Status read_peer_status(const std::string& output) {
   Status peers;
-  std::istringstream lines(output);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    PeerStatus peer;
-    words >> peer.peer_from >> peer.peer_ipv4 >> peer.rx >> peer.tx;  // what is missing stays empty or 0
-    peers[peer.peer_from] = peer;
+  for (const std::string& line : option::split_lines(output)) {
+    std::vector<std::string> words = option::split_words(line);
+    words.resize(std::max<size_t>(words.size(), 4));  // what is missing is empty, or 0
+    peers[words[0]] = {words[0], words[1], std::strtoull(words[3].c_str(), nullptr, 10),
+                       std::strtoull(words[2].c_str(), nullptr, 10)};
   }
   return peers;
 }

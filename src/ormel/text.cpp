@@ -4,6 +4,7 @@
 #include <cctype>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 
 namespace ormel::option {
 
@@ -66,9 +67,42 @@ std::string to_lower(std::string text) {
   return text;
 }
 
+std::vector<std::string> split_words(std::string_view text) {
+  constexpr std::string_view BLANKS = " \t\n\v\f\r";
+  std::vector<std::string> words;
+  size_t at = text.find_first_not_of(BLANKS);
+  while (at != std::string_view::npos) {
+    const size_t end = text.find_first_of(BLANKS, at);
+    words.emplace_back(text.substr(at, end - at));
+    at = text.find_first_not_of(BLANKS, end);
+  }
+  return words;
+}
+
+std::vector<std::string> split_lines(std::string_view text) {
+  std::vector<std::string> lines;
+  while (!text.empty()) {
+    const size_t end = std::min(text.find('\n'), text.size());
+    lines.emplace_back(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return lines;
+}
+
 int to_int(const char* text) {
   if (!text) return 0;
   return static_cast<int>(std::clamp<long>(std::strtol(text, nullptr, 10), INT_MIN, INT_MAX));
 }
 
 }  // namespace ormel::option
+
+namespace ormel {
+
+char* cut_pattern(char* text, char mark) {
+  char* const last = text ? std::strrchr(text, mark) : nullptr;
+  if (!last || last == text || last[1] == '\0') return nullptr;
+  *last = '\0';
+  return last + 1;
+}
+
+}  // namespace ormel

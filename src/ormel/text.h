@@ -2,6 +2,8 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace ormel::option {
 
@@ -29,4 +31,19 @@ std::string& lstrip(std::string& text, char c);
 // The leading decimal number of a text, 0 for none or null; cut to the range of int.
 [[nodiscard]] int to_int(const char* text);
 
+// What stands between blanks, in order. Here and below no stream of the C++ library takes part: one of them anywhere in
+// the program makes each start set up all locales.
+[[nodiscard]] std::vector<std::string> split_words(std::string_view text);
+
+// The lines without their ends; a last one without an end counts, unless it is empty.
+[[nodiscard]] std::vector<std::string> split_lines(std::string_view text);
+
 }  // namespace ormel::option
+
+namespace ormel {
+
+// Splits in place at the last `mark`: ends `text` there and gives what is behind it. Null, and `text` as it was, for a
+// null text, one without `mark`, and one that would leave either side empty.
+[[nodiscard]] char* cut_pattern(char* text, char mark);
+
+}  // namespace ormel

@@ -1,10 +1,10 @@
 #include "ormel/wireguard_tool.h"
 
-#include <sstream>
 #include <string_view>
 
 #include "ormel/handle.h"
 #include "ormel/system_process.h"
+#include "ormel/text.h"
 #include "ormel/tunnel.h"
 #include "ormel/wireguard.h"
 
@@ -74,10 +74,8 @@ PeerStatus peer_status(const std::string& text, const std::string& pub_key) {
   constexpr const char* PEER = "peer: ";
   PeerStatus status;
   bool inside = pub_key.empty();
-  std::istringstream lines(text);
-  std::string line;
   std::string transfer;
-  while (std::getline(lines, line)) {
+  for (const std::string& line : option::split_lines(text)) {
     if (!pub_key.empty() && line.find(PEER) != std::string::npos) {
       if (inside) break;
       inside = line.find(PEER + pub_key) != std::string::npos;
