@@ -14,7 +14,7 @@ template <auto* Free>
 struct FreeWith {
   template <typename T>
   void operator()(T* handle) const noexcept {
-    Free(handle);  // NOLINT(cppcoreguidelines-owning-memory): this is the owner
+    Free(handle);  // NOLINT(cppcoreguidelines-owning-memory,cppcoreguidelines-no-malloc): this is the owner
   }
 };
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <sys/stat.h>
 
 #include <fenro/datetime.h>
 
@@ -45,15 +46,36 @@ int setting(const char* key, std::size_t count) {
   return is_index(number, count) ? number : 0;
 }
 
+struct Formats {
+  int date = 0;
+  int time = 0;
+};
+
+// What is set now. The file is read again only when it has changed, for a list asks with each of its lines.
+const Formats& formats() {
+  thread_local struct stat seen {};
+  thread_local Formats kept;
+  struct stat now {};
+  if (stat(paths::SYSTEM_CONF, &now) != 0) now = {};
+  const bool same = now.st_ino == seen.st_ino && now.st_dev == seen.st_dev && now.st_size == seen.st_size &&
+                    now.st_mtim.tv_sec == seen.st_mtim.tv_sec && now.st_mtim.tv_nsec == seen.st_mtim.tv_nsec;
+  if (!same) {
+    kept = now.st_ino == 0 ? Formats{}
+                           : Formats{setting(DATE_KEY, DATE_FORMATS.size()), setting(TIME_KEY, TIME_FORMATS.size())};
+    seen = now;
+  }
+  return kept;
+}
+
 }  // namespace
 }  // namespace fenro
 
 int Get_Date_Format_Index(void) {
-  return fenro::setting(fenro::DATE_KEY, fenro::DATE_FORMATS.size());
+  return fenro::formats().date;
 }
 
 int Get_Time_Format(void) {
-  return fenro::setting(fenro::TIME_KEY, fenro::TIME_FORMATS.size());
+  return fenro::formats().time;
 }
 
 int Change_Date_To_String_By_Format(time_t seconds, char* buffer, int format) {

@@ -154,7 +154,7 @@ std::vector<std::string> page_of(std::vector<std::string> names, int lower, int 
   total = static_cast<int>(names.size());
   const int first = std::clamp(lower, 0, total);
   const int last = std::clamp(upper, first - 1, total - 1);
-  return {names.begin() + first, names.begin() + last + 1};
+  return {names.begin() + first, names.begin() + (last + 1)};
 }
 
 }  // namespace fenro

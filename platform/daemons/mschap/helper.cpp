@@ -4,6 +4,7 @@
 
 #include <openssl/crypto.h>
 
+#include "common/base64.h"
 #include "daemons/mschap/accounts.h"
 
 namespace fenro::mschap {

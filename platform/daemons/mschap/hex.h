@@ -17,7 +17,4 @@ using Block = std::array<std::uint8_t, N>;
 [[nodiscard]] bool parse_hex(std::string_view text, std::span<std::uint8_t> out);
 [[nodiscard]] std::string to_hex(std::span<const std::uint8_t> bytes);
 
-// Standard base64 with its padding.
-[[nodiscard]] bool parse_base64(std::string_view text, std::string& out);
-
 }  // namespace fenro::mschap

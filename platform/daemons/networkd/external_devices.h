@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "daemons/networkd/json.h"
+#include "common/json.h"
 
 namespace fenro::networkd {
 

@@ -11,10 +11,14 @@ Ipv4Network::Ipv4Network(std::uint32_t address, int length) noexcept
 }
 
 std::string Ipv4Network::text() const {
-  const in_addr network{htonl(first_)};
+  return dotted(first_) + "/" + std::to_string(std::popcount(mask_));
+}
+
+std::string dotted(std::uint32_t address) {
+  const in_addr number{htonl(address)};
   char quad[INET_ADDRSTRLEN] = "";
-  inet_ntop(AF_INET, &network, quad, sizeof quad);
-  return std::string{quad} + "/" + std::to_string(std::popcount(mask_));
+  inet_ntop(AF_INET, &number, quad, sizeof quad);
+  return quad;
 }
 
 bool parse_ipv4(const char* text, std::uint32_t& out) {

@@ -25,6 +25,8 @@ class Ipv4Network {
   std::uint32_t mask_ = 0;
 };
 
+[[nodiscard]] std::string dotted(std::uint32_t address);
+
 // Both take a dotted quad and nothing else. A mask is good if its one bits come first.
 [[nodiscard]] bool parse_ipv4(const char* text, std::uint32_t& out);
 [[nodiscard]] bool parse_netmask(const char* text, int& length);

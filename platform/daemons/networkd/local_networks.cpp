@@ -15,8 +15,10 @@ constexpr TunnelUnits OWN_TUNNELS[] = {
     {"ppp", 0, 999},        // sessions of the PPTP and L2TP servers: a pair of addresses, no network of their own
     {"ppp", 1001, 1032},    // PPTP clients
     {"ppp", 1251, 1282},    // L2TP clients
+    {"tun", 1000, 1000},    // the OpenVPN server
     {"tun", 2001, 2032},    // OpenVPN clients
     {"dtunc", 2501, 2532},  // Drovik clients
+    {"dtuns", 0, 0},        // the Drovik server
     {"wgc", 3001, 3032},    // WireGuard clients
     {"wg", 0, 0},           // the WireGuard server
 };

@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* SERVICE = "NetworkService";
 constexpr const char* DEVICES_FILE = "/var/lib/fenro/external_dev.json";
-constexpr std::chrono::milliseconds SAMPLE_PERIOD{1000};
+constexpr std::chrono::milliseconds LOOK_PERIOD{1000};
 
 }  // namespace
 
@@ -19,7 +19,8 @@ int main() {
   using namespace fenro;
   networkd::State state{networkd::ExternalDevices{DEVICES_FILE}, {}};
   state.devices.load();
-  networkd::sample_rates(state);
+  state.gateway.reload();
+  networkd::look_around(state);
 
   bus::Server server{SERVICE};
   for (const networkd::Method& method : networkd::methods()) {
@@ -27,7 +28,7 @@ int main() {
       return bus::Reply{MIB_SUCCESS, networkd::answer(state, method, body)};
     });
   }
-  server.every(SAMPLE_PERIOD, [&state] { networkd::sample_rates(state); });
+  server.every(LOOK_PERIOD, [&state] { networkd::look_around(state); });
   if (!server.listen()) {
     std::fprintf(stderr, "fenro-networkd: somebody else serves %s\n", SERVICE);
     return 1;

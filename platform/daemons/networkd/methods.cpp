@@ -5,12 +5,13 @@
 #include <iterator>
 #include <net/if.h>
 
+#include "daemons/networkd/gateway_methods.h"
+#include "daemons/networkd/interface_methods.h"
 #include "daemons/networkd/ipv4_network.h"
 #include "daemons/networkd/local_networks.h"
 #include "daemons/networkd/rtnetlink.h"
 
 namespace fenro::networkd {
-namespace {
 
 Answer succeed(Json data) {
   return {ERROR_NONE, std::move(data)};
@@ -18,6 +19,8 @@ Answer succeed(Json data) {
 Answer fail(int error, std::string_view text) {
   return {error, json_text(text)};
 }
+
+namespace {
 
 // {"ip":ADDRESS,"mask":NETMASK}: 1 and the network in the way if it overlaps one of this host.
 Answer check_network_intersect(State&, const json_t* request) {
@@ -37,20 +40,21 @@ Answer check_network_intersect(State&, const json_t* request) {
 }
 
 // The outcome of a change of the table: "" or what went wrong.
-Answer changed(const std::string& failure) {
+Answer changed(State& state, const std::string& failure) {
+  state.gateway.profiles_changed();
   return failure.empty() ? succeed(json_text("")) : fail(ERROR_REQUEST, failure);
 }
 
 Answer register_device(State& state, const json_t* request) {
-  return changed(state.devices.put(request));
+  return changed(state, state.devices.put(request));
 }
 Answer modify_device(State& state, const json_t* request) {
-  return changed(state.devices.change(request));
+  return changed(state, state.devices.change(request));
 }
 
 Answer unregister_device(State& state, const json_t* request) {
   const char* key = text_or_null(request, DEVICE_KEY);
-  return changed(state.devices.remove(key == nullptr ? "" : key));
+  return changed(state, state.devices.remove(key == nullptr ? "" : key));
 }
 
 Answer list_devices(State& state, const json_t* request) {
@@ -90,11 +94,19 @@ Answer get_info_interfaces(State& state, const json_t* request) {
 }
 
 constexpr Method METHODS[] = {
+    {"api.Get_global_config", get_global_config},
+    {"api.check_ip_duplicate", check_ip_duplicate},
     {"api.check_network_intersect", check_network_intersect},
+    {"api.get_available_interface_list", get_available_interface_list},
+    {"api.get_bonding_slaves", get_bonding_slaves},
+    {"api.get_bridge_members", get_bridge_members},
+    {"api.get_currentGWinfo", get_current_gw_info},
+    {"api.get_interfaceStatus", get_interface_status},
     {"external_dev.list", list_devices},
     {"external_dev.modify", modify_device},
     {"external_dev.register", register_device},
     {"external_dev.unregister", unregister_device},
+    {"external_dev.update_vpn_gw", update_vpn_gw},
     {"interfaces_monitor.get_info_interfaces", get_info_interfaces},
 };
 
@@ -107,15 +119,15 @@ std::span<const Method> methods() {
 std::string answer(State& state, const Method& method, std::string_view body) {
   const Json request = parse_request(body);
   Answer result = request ? method.run(state, request.get()) : fail(ERROR_REQUEST, "the request is not a JSON object");
-  Json reply{json_object()};
-  json_object_set_new(reply.get(), "error", json_integer(result.error));
-  json_object_set_new(reply.get(), "data", result.data.release());
-  return compact(reply.get());
+  return reply_text(result.error, std::move(result.data));
 }
 
-void sample_rates(State& state) {
+void look_around(State& state) {
   std::vector<Link> links;
-  if (list_links(links)) state.rates.sample(links, Rates::Clock::now());
+  std::vector<Address> addresses;
+  if (!list_links(links)) return;
+  state.rates.sample(links, Rates::Clock::now());
+  if (list_addresses(addresses)) state.gateway.look(links, addresses);
 }
 
 }  // namespace fenro::networkd

@@ -6,8 +6,9 @@
 #include <string>
 #include <string_view>
 
+#include "common/json.h"
+#include "daemons/networkd/default_gateway.h"
 #include "daemons/networkd/external_devices.h"
-#include "daemons/networkd/json.h"
 #include "daemons/networkd/rates.h"
 
 namespace fenro::networkd {
@@ -15,11 +16,13 @@ namespace fenro::networkd {
 struct State {
   ExternalDevices devices;
   Rates rates;
+  DefaultGateway gateway{};
 };
 
 enum : int {
   ERROR_NONE = 0,
   ERROR_INTERSECT = 1,  // callers know this number: the network collides with a local one
+  ERROR_DUPLICATE = 1,  // and this one: the address is one of ours
   ERROR_NOT_FOUND = 2,
   ERROR_REQUEST = -1,
   ERROR_PLATFORM = -2,  // the kernel or the disk refused
@@ -29,6 +32,9 @@ struct Answer {
   int error = ERROR_NONE;
   Json data;
 };
+
+[[nodiscard]] Answer succeed(Json data);
+[[nodiscard]] Answer fail(int error, std::string_view text);
 
 struct Method {
   std::string_view name;
@@ -40,7 +46,7 @@ struct Method {
 // The reply to a request as it came over the bus, whatever it holds.
 [[nodiscard]] std::string answer(State& state, const Method& method, std::string_view body);
 
-// A reading for the rates, to be taken about once a second.
-void sample_rates(State& state);
+// What has to be done about once a second: a reading for the rates, a look at the tunnels of the gateway policy.
+void look_around(State& state);
 
 }  // namespace fenro::networkd

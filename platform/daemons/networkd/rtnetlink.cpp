@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -47,6 +48,15 @@ std::string text(Bytes bytes) {
   if (bytes.empty()) return {};
   const auto* begin = reinterpret_cast<const char*>(bytes.data());
   return {begin, strnlen(begin, bytes.size())};
+}
+
+// The hardware address of a device that has one of six bytes.
+std::string mac_text(Bytes bytes) {
+  char buffer[18] = "";
+  if (bytes.size() != 6) return {};
+  const auto at = [bytes](std::size_t i) { return std::to_integer<unsigned>(bytes[i]); };
+  std::snprintf(buffer, sizeof buffer, "%02x:%02x:%02x:%02x:%02x:%02x", at(0), at(1), at(2), at(3), at(4), at(5));
+  return buffer;
 }
 
 struct Request {
@@ -149,6 +159,10 @@ bool parse_link(Bytes payload, Link& out) {
   out.index = message->ifi_index;
   out.flags = message->ifi_flags;
   out.name = text(find_attribute(attributes, IFLA_IFNAME));
+  out.hardware = message->ifi_type;
+  out.master = leading<int>(find_attribute(attributes, IFLA_MASTER)).value_or(0);
+  out.kind = text(find_attribute(find_attribute(attributes, IFLA_LINKINFO), IFLA_INFO_KIND));
+  out.mac = mac_text(find_attribute(attributes, IFLA_ADDRESS));
   const auto state = leading<std::uint8_t>(find_attribute(attributes, IFLA_OPERSTATE)).value_or(OPER_UNKNOWN);
   out.running = (out.flags & IFF_UP) != 0 && (state == OPER_UP || state == OPER_UNKNOWN);
   if (const auto counters = leading<Counters>(find_attribute(attributes, IFLA_STATS64))) {
@@ -172,12 +186,30 @@ bool parse_address(Bytes payload, Address& out) {
   return true;
 }
 
+bool parse_route(Bytes payload, Route& out) {
+  const auto message = leading<rtmsg>(payload);
+  if (!message || message->rtm_family != AF_INET || message->rtm_type != RTN_UNICAST) return false;
+  const Bytes attributes = skip(payload, aligned(sizeof *message));
+  const auto value = [attributes](unsigned type) { return leading<std::uint32_t>(find_attribute(attributes, type)); };
+  out.table = value(RTA_TABLE).value_or(message->rtm_table);
+  out.prefix = message->rtm_dst_len;
+  out.index = static_cast<int>(value(RTA_OIF).value_or(0));
+  out.gateway = ntohl(value(RTA_GATEWAY).value_or(0));
+  out.metric = value(RTA_PRIORITY).value_or(0);
+  out.protocol = message->rtm_protocol;
+  return true;
+}
+
 bool list_links(std::vector<Link>& out) {
   return dump(RTM_GETLINK, RTM_NEWLINK, AF_UNSPEC, parse_link, out);
 }
 
 bool list_addresses(std::vector<Address>& out) {
   return dump(RTM_GETADDR, RTM_NEWADDR, AF_INET, parse_address, out);
+}
+
+bool list_routes(std::vector<Route>& out) {
+  return dump(RTM_GETROUTE, RTM_NEWROUTE, AF_INET, parse_route, out);
 }
 
 }  // namespace fenro::networkd

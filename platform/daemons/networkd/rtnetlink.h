@@ -17,6 +17,10 @@ struct Link {
   bool running = false;  // up, and with a carrier as far as the device knows
   std::uint64_t rx_bytes = 0;
   std::uint64_t tx_bytes = 0;
+  unsigned hardware = 0;  // ARPHRD_ value
+  int master = 0;         // index of the bridge or bond that it is part of
+  std::string kind{};     // of a device made in software, as `ip link` has it; empty for hardware
+  std::string mac{};      // hexadecimal, empty for a device that has none
 };
 
 struct Address {  // IPv4, in host order
@@ -26,17 +30,29 @@ struct Address {  // IPv4, in host order
   int prefix = 0;
 };
 
+struct Route {  // IPv4, in host order
+  unsigned table = 0;
+  int prefix = 0;             // 0 for a default route
+  int index = 0;              // of the interface
+  std::uint32_t gateway = 0;  // 0 for none
+  std::uint32_t metric = 0;
+  unsigned protocol = 0;  // RTPROT_ value: who made it
+};
+
 using Bytes = std::span<const std::byte>;
 
 // The attribute of `type` among `attributes`, empty if it is not there.
 [[nodiscard]] Bytes find_attribute(Bytes attributes, unsigned type);
 
-// The payload of a RTM_NEWLINK or RTM_NEWADDR message. False if it lacks what makes it one, or is not IPv4.
+// The payload of a RTM_NEWLINK, RTM_NEWADDR or RTM_NEWROUTE message. False if it lacks what makes it one, or is not
+// IPv4.
 [[nodiscard]] bool parse_link(Bytes payload, Link& out);
 [[nodiscard]] bool parse_address(Bytes payload, Address& out);
+[[nodiscard]] bool parse_route(Bytes payload, Route& out);
 
 // Whole lists as they are now. False if the kernel could not be asked; `out` is then not to be used.
 [[nodiscard]] bool list_links(std::vector<Link>& out);
 [[nodiscard]] bool list_addresses(std::vector<Address>& out);
+[[nodiscard]] bool list_routes(std::vector<Route>& out);
 
 }  // namespace fenro::networkd

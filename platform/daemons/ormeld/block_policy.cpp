@@ -1,21 +1,14 @@
 #include "daemons/ormeld/block_policy.h"
 
 #include <cerrno>
-#include <memory>
-
-#include <jansson.h>
 
 #include "common/file.h"
+#include "common/json.h"
 
 namespace fenro::ormeld {
 namespace {
 
 constexpr std::int64_t NUMBER_MAX = 1'000'000'000;
-
-struct FreeJson {
-  void operator()(json_t* value) const noexcept { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, FreeJson>;
 
 bool take(const json_t* object, const char* key, bool& out) {
   const json_t* value = json_object_get(object, key);

@@ -37,7 +37,7 @@ class EventTest : public testing::Test {
         {1, at("2024-03-07 00:00:00"), "bob", "192.0.2.8", "pc", "[ORMEL Service] 100% removed", "", "", ""},
         {0, at("2024-03-07 12:00:00"), "amy", "192.0.2.7", "", "It's \"quoted\"; DROP TABLE event", "A238", "C004",
          "0031"},
-        {2, at("2024-03-07 23:59:59"), "amy", "", "", "other", "A238", "C001", "0031"},
+        {2, at("2024-03-07 23:59:59"), "amy", "", "", "of [ORMEL Service], too", "A238", "C001", "0031"},
         {0, at("2024-03-08 00:00:00"), "", "", "", "last", "B1", "C004", "0040"},
     };
     for (const Event& event : events) ASSERT_TRUE(store.add(event));
@@ -71,7 +71,9 @@ TEST_F(EventTest, EveryFilterCountsAndFindsTheSameRows) {
       {{.user = "bob"}, {"1", "2"}},
       {{.ip = "192.0.2.7"}, {"1", "3"}},
       {{.computer = "pc"}, {"1", "2"}},
-      {{.description = "[ORMEL Service]"}, {"1", "2"}},
+      {{.description = "[ORMEL Service]"}, {"1", "2", "4"}},
+      {{.user = "bob", .description = "[ORMEL Service]"}, {"1", "2"}},
+      {{.description = "[ORMEL Service"}, {"1", "2", "4"}},
       {{.description = "%"}, {"2"}},
       {{.description = "'; DROP TABLE event; --"}, {}},
       {{.application = "A238", .category = "C004"}, {"3"}},

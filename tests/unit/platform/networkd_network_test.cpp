@@ -3,10 +3,12 @@
 #include <cstring>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "daemons/networkd/interfaces.h"
 #include "daemons/networkd/local_networks.h"
 #include "daemons/networkd/rtnetlink.h"
 
@@ -54,7 +56,8 @@ TEST(Ipv4NetworkTest, TakesDottedQuadsAndMasksWithoutHolesOnly) {
 }
 
 TEST(LocalNetworksTest, LeavesOutThisSystemsOwnTunnelsOnly) {
-  for (const char* own : {"ppp0", "ppp1001", "ppp1032", "ppp1251", "ppp1282", "tun2001", "dtunc2532", "wgc3001", "wg0"})
+  for (const char* own :
+       {"ppp0", "ppp1001", "ppp1032", "ppp1251", "ppp1282", "tun1000", "tun2001", "dtunc2532", "wgc3001", "wg0"})
     EXPECT_TRUE(is_own_tunnel(own)) << own;
   for (const char* foreign :
        {"eth0", "lo", "ppp", "ppp1000", "ppp1033", "ppp1001x", "ppp-1", "tun0", "tun2033", "wg1", "wgc3000", ""})
@@ -73,6 +76,28 @@ TEST(LocalNetworksTest, CountsBothEndsOfAPointToPointLink) {
   EXPECT_EQ(near->network.text(), "10.9.0.1/32");
   EXPECT_EQ(far->interface, "tun5");
   EXPECT_EQ(find_overlap(networks, network("10.0.0.0", "255.255.255.0")), nullptr);  // the WireGuard client's own
+}
+
+TEST(InterfacesTest, AreToldApartByWhatTheKernelMadeThemOf) {
+  const struct {
+    const char *name, *kind;
+    unsigned hardware;
+    int master;
+    const char* type;
+    bool available;
+  } rows[] = {
+      {"eth12", "", ARPHRD_ETHER, 0, "ethernet", true},     {"eth12", "", ARPHRD_ETHER, 9, "ethernet", false},
+      {"eth0", "veth", ARPHRD_ETHER, 0, "ethernet", true},  {"br0", "bridge", ARPHRD_ETHER, 0, "vswitch", true},
+      {"bond0", "bond", ARPHRD_ETHER, 0, "bond", true},     {"eth0.7", "vlan", ARPHRD_ETHER, 0, "vlan", true},
+      {"tap7", "tun", ARPHRD_ETHER, 0, "virtualif", false}, {"lo", "", ARPHRD_LOOPBACK, 0, "virtualif", false},
+      {"ppp1001", "", ARPHRD_ETHER, 0, "ethernet", false},  {"x", "bridgex", ARPHRD_ETHER, 0, "virtualif", false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string{row.name} + " " + row.kind);
+    const Link link{1, row.name, 0, true, 0, 0, row.hardware, row.master, row.kind, ""};
+    EXPECT_EQ(interface_type(link), row.type);
+    EXPECT_EQ(is_available(link), row.available);
+  }
 }
 
 TEST(RtnetlinkTest, ListsTheLoopbackInterface) {

@@ -1,18 +1,11 @@
-#include "daemons/networkd/json.h"
+#include "common/json.h"
 
 #include <algorithm>
-#include <cstddef>
 
-namespace fenro::networkd {
-namespace {
-
-constexpr std::size_t REQUEST_MAX = 64UL * 1024;  // the largest real one is some 2 KiB
-
-}  // namespace
-
-Json parse_request(std::string_view body) {
+namespace fenro {
+Json parse_request(std::string_view body, std::size_t limit) {
   constexpr std::string_view BLANKS{" \t\r\n"};
-  if (body.size() > REQUEST_MAX) return nullptr;
+  if (body.size() > limit) return nullptr;
   if (body.find_first_not_of(BLANKS) == std::string_view::npos) return Json{json_object()};
   Json value{json_loadb(body.data(), body.size(), 0, nullptr)};
   return json_is_object(value.get()) ? std::move(value) : nullptr;
@@ -30,6 +23,13 @@ Json json_text(std::string_view text) {
   return Json{json_stringn(plain.data(), plain.size())};
 }
 
+std::string reply_text(int error, Json data) {
+  const Json reply{json_object()};
+  json_object_set_new(reply.get(), "error", json_integer(error));
+  json_object_set_new(reply.get(), "data", data.release());
+  return compact(reply.get());
+}
+
 std::string compact(const json_t* value) {
   std::string text;
   const auto append = [](const char* bytes, std::size_t length, void* out) {
@@ -40,4 +40,4 @@ std::string compact(const json_t* value) {
   return text;
 }
 
-}  // namespace fenro::networkd
+}  // namespace fenro

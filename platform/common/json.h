@@ -2,13 +2,14 @@
 // Callers see "absent" and "wrong type" alike unless they ask for more.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include <jansson.h>
 
-namespace fenro::networkd {
+namespace fenro {
 
 // json_decref is a static inline: as a template argument it would make a different type in every source.
 struct FreeJson {
@@ -16,8 +17,10 @@ struct FreeJson {
 };
 using Json = std::unique_ptr<json_t, FreeJson>;
 
-// A request's object. No body at all reads as an empty object; null for anything but an object, or too much of it.
-[[nodiscard]] Json parse_request(std::string_view body);
+inline constexpr std::size_t REQUEST_MAX = 64UL * 1024;  // what most daemons are asked is below 2 KiB
+
+// A request's object. No body at all reads as an empty object; null for anything but an object, or more than `limit`.
+[[nodiscard]] Json parse_request(std::string_view body, std::size_t limit = REQUEST_MAX);
 
 // The text under `key`, or null.
 [[nodiscard]] const char* text_or_null(const json_t* object, const char* key);
@@ -25,7 +28,10 @@ using Json = std::unique_ptr<json_t, FreeJson>;
 // Text as a JSON value; bytes that are not UTF-8 become "?", as a JSON text cannot hold them.
 [[nodiscard]] Json json_text(std::string_view text);
 
+// The reply to a request: {"error":ERROR,"data":DATA}, on one line.
+[[nodiscard]] std::string reply_text(int error, Json data);
+
 // The value on one line, without blanks.
 [[nodiscard]] std::string compact(const json_t* value);
 
-}  // namespace fenro::networkd
+}  // namespace fenro

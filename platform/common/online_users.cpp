@@ -1,0 +1,124 @@
+#include "common/online_users.h"
+
+#include <algorithm>
+#include <charconv>
+#include <fcntl.h>
+#include <optional>
+#include <sys/file.h>
+
+#include "common/base64.h"
+#include "common/file.h"
+#include "common/handle.h"
+
+namespace fenro {
+namespace {
+
+constexpr mode_t PRIVATE = 0600;
+
+// The lock of all writers; it goes with the descriptor. The start scripts take the same one with flock(1).
+Fd lock_list(const std::string& path) {
+  std::ignore = make_private_folder(path.substr(0, path.rfind('/')));  // without it the next line fails
+  Fd fd{open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, PRIVATE)};
+  if (fd && TEMP_FAILURE_RETRY(flock(fd.get(), LOCK_EX)) != 0) fd.reset();
+  return fd;
+}
+
+std::string_view next_word(std::string_view& line) {
+  line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+  const std::string_view word = line.substr(0, line.find(' '));
+  line.remove_prefix(word.size());
+  return word;
+}
+
+template <typename Number>
+bool parse_number(std::string_view text, Number& out) {
+  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), out);
+  return failure == std::errc{} && end == text.data() + text.size();
+}
+
+std::optional<OnlineUser> parse_line(std::string_view line) {
+  OnlineUser session;
+  session.interface = next_word(line);
+  session.source = next_word(line);
+  if (!parse_number(next_word(line), session.number)) return {};
+  session.local = next_word(line);
+  session.remote = next_word(line);
+  if (!parse_number(next_word(line), session.type) || !parse_number(next_word(line), session.since)) return {};
+  if (!parse_base64(next_word(line), session.user)) return {};
+  line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+  session.device = line;
+  return session;
+}
+
+bool is_word(const std::string& text) {
+  return !text.empty() && std::ranges::all_of(text, [](char c) { return c > ' ' && c < '\x7f'; });
+}
+
+// A device names itself; its text may not end the line.
+std::string one_line(std::string text) {
+  std::ranges::replace_if(
+      text, [](char c) { return c == '\n' || c == '\r' || c == '\0'; }, ' ');
+  return text;
+}
+
+std::string line_of(const OnlineUser& session) {
+  std::string line = session.interface + ' ' + session.source + ' ' + std::to_string(session.number) + ' ' +
+                     session.local + ' ' + session.remote + ' ' + std::to_string(session.type) + ' ' +
+                     std::to_string(session.since) + ' ' + to_base64(session.user);
+  if (!session.device.empty()) line += ' ' + one_line(session.device);
+  return line + '\n';
+}
+
+// Calls `take` for each line, without its end.
+template <typename Take>
+void for_each_line(std::string_view text, Take take) {
+  while (!text.empty()) {
+    const std::string_view line = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    take(line);
+  }
+}
+
+}  // namespace
+
+std::vector<OnlineUser> OnlineUsers::list() const {
+  std::vector<OnlineUser> sessions;
+  Text text;
+  if (read_file(file_.c_str(), text) != 0) return sessions;
+  for_each_line(text.view(), [&](std::string_view line) {
+    if (auto session = parse_line(line)) sessions.push_back(std::move(*session));
+  });
+  return sessions;
+}
+
+bool OnlineUsers::add(const OnlineUser& session) const {
+  for (const std::string* word : {&session.interface, &session.source, &session.local, &session.remote}) {
+    if (!is_word(*word)) return false;
+  }
+  if (session.user.empty()) return false;  // nothing would stand for it, and all behind it would move up
+  const Fd lock = lock_list(lock_);
+  Text text;
+  if (const int failure = read_file(file_.c_str(), text); !lock || (failure != 0 && failure != ENOENT)) return false;
+  std::string lines{text.view()};
+  if (!lines.empty() && lines.back() != '\n') lines += '\n';
+  return replace_file(file_, lines + line_of(session));
+}
+
+bool OnlineUsers::remove(const Chosen& chosen, std::vector<OnlineUser>& removed) const {
+  const Fd lock = lock_list(lock_);
+  Text text;
+  const int failure = lock ? read_file(file_.c_str(), text) : EIO;
+  if (failure != 0) return failure == ENOENT;
+  std::string kept;
+  const std::size_t before = removed.size();
+  for_each_line(text.view(), [&](std::string_view line) {
+    if (auto session = parse_line(line); session && chosen(*session)) {
+      removed.push_back(std::move(*session));
+    } else {
+      kept.append(line) += '\n';
+    }
+  });
+  return removed.size() == before || replace_file(file_, kept);
+}
+
+}  // namespace fenro

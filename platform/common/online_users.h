@@ -1,0 +1,53 @@
+// The list of live connections to the appliance's servers, /var/log/ormel_online_users, one line a connection:
+//
+//   INTERFACE SOURCE NUMBER LOCAL REMOTE TYPE TIME USER [DEVICE TEXT]
+//
+// NUMBER is the pid of the session's PPP daemon, or the client's source port for OpenVPN, TYPE the bit of the server,
+// TIME seconds since the epoch, USER base64; the device text runs to the end of the line. Servers' scripts, hooks and
+// daemons write it under one lock, always whole, so a reader needs none.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace fenro {
+
+struct OnlineUser {
+  std::string interface {};  // a word of at least one character, as the addresses are
+  std::string source{};      // the client's address outside of the tunnel
+  std::uint32_t number = 0;  // pid or source port
+  std::string local{};       // our own end of the tunnel
+  std::string remote{};      // the client's end
+  std::uint32_t type = 0;    // of the server: 1 PPTP, 2 L2TP, 4 OpenVPN, 16 Drovik
+  std::time_t since = 0;     // login
+  std::string user{};        // as it is, not in base64
+  std::string device{};      // any text; of no use but for display
+};
+
+class OnlineUsers {
+ public:
+  using Chosen = std::function<bool(const OnlineUser&)>;
+
+  explicit OnlineUsers(std::string file = "/var/log/ormel_online_users",
+                       std::string lock = "/run/fenro/online_users.lock")
+      : file_(std::move(file)), lock_(std::move(lock)) {}
+
+  // What is online now, in the order of logins; empty when there is no list.
+  [[nodiscard]] std::vector<OnlineUser> list() const;
+
+  // Adds a line. False for a word that would not be one, for nobody, or when the list can't be written.
+  [[nodiscard]] bool add(const OnlineUser& session) const;
+
+  // Removes the lines that are chosen; `removed` takes what they said. A line that makes no sense is kept.
+  [[nodiscard]] bool remove(const Chosen& chosen, std::vector<OnlineUser>& removed) const;
+
+ private:
+  std::string file_;
+  std::string lock_;
+};
+
+}  // namespace fenro

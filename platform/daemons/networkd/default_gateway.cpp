@@ -1,0 +1,67 @@
+#include "daemons/networkd/default_gateway.h"
+
+#include <algorithm>
+#include <memory>
+#include <unistd.h>
+
+#include <fenro/mibservice.h>
+
+#include "common/handle.h"
+
+namespace fenro::networkd {
+namespace {
+
+constexpr const char* POLICY_FILE = "/etc/config/vpn_options.conf";
+constexpr const char* SCRIPT = "/etc/init.d/vpn_gateway.sh";
+constexpr const char* MARK = "/run/fenro/gateway";  // the script's, there while it has something set up
+
+void run_script(std::vector<std::string> words) {
+  words.insert(words.begin(), SCRIPT);
+  std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  // It tells the journal what it could not do; the next change tries again.
+  const std::unique_ptr<mib_io, FreeWith<mib_io_free>> out{mib_io_create()};
+  const std::unique_ptr<mib_io, FreeWith<mib_io_free>> errors{mib_io_create()};
+  if (out && errors) mib_io_execv(nullptr, out.get(), errors.get(), argv.data());
+}
+
+}  // namespace
+
+void DefaultGateway::reload() {
+  policy_ = read_gateway_policy(POLICY_FILE);
+  choice_ = {};
+  stale_ = true;
+  std::vector<Link> links;
+  std::vector<Address> addresses;
+  if (list_links(links) && list_addresses(addresses)) look(links, addresses);
+}
+
+DefaultGateway::Route DefaultGateway::wanted(const std::vector<Link>& links, const std::vector<Address>& addresses) {
+  const auto now = TunnelWatch::Clock::now();
+  const auto health = [&](const std::string& interface) {
+    return interface.empty() ? Health::ABSENT : watch_.look(interface, links, addresses, now);
+  };
+  const Health first = health(policy_.first);
+  const Health second = health(policy_.second);
+  const Chosen chosen = choice_.choose(policy_, first, second, now);
+  if (chosen == Chosen::NONE) return {};
+  const std::string& interface = chosen == Chosen::FIRST ? policy_.first : policy_.second;
+  const auto link = std::find_if(links.begin(), links.end(), [&](const Link& one) { return one.name == interface; });
+  return link == links.end() ? Route{} : Route{interface, link->index, policy_.snat};
+}
+
+void DefaultGateway::look(const std::vector<Link>& links, const std::vector<Address>& addresses) {
+  Route route = wanted(links, addresses);
+  if (route == applied_ && !stale_) return;
+  if (!route.interface.empty()) {
+    run_script({"start", route.interface, route.snat ? "1" : "0"});
+  } else if (!applied_.interface.empty() || access(MARK, F_OK) == 0) {
+    run_script({"stop"});
+  }
+  applied_ = std::move(route);
+  stale_ = false;
+}
+
+}  // namespace fenro::networkd

@@ -1,0 +1,116 @@
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "common/handle.h"
+#include "daemons/rated/openvpn_status.h"
+#include "daemons/rated/rate_server.h"
+
+namespace fenro::rated::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(OpenVpnStatus, TakesTheLinesOfClients) {
+  const std::vector<Counters> clients = parse_status(
+      ">INFO:OpenVPN Management Interface Version 5\r\nTITLE\tOpenVPN 2.6\r\n"
+      "HEADER\tCLIENT_LIST\tCommon Name\tReal Address\r\n"
+      "CLIENT_LIST\tbob\t192.0.2.1:51000\t10.8.0.2\t\t18446744073709551615\t7\tTue\t17\tbob\r\n"
+      "CLIENT_LIST\ta,b c\t192.0.2.2:1\t\t\t1\t2\r\n"
+      "CLIENT_LIST\tno numbers\t192.0.2.3:1\t\t\tx\t2\r\nCLIENT_LIST\tshort\t192.0.2.4:1\r\n"
+      "CLIENT_LIST\ttoo many\t192.0.2.5:1\t\t\t18446744073709551616\t2\r\nCLIENT_LIST\t\t\t\t\t1\t2\r\n"
+      "ROUTING_TABLE\t10.8.0.2\tbob\t192.0.2.1:51000\tx\t1\t2\r\nCLIENT_LIST\tcut off\t192.0.2.6:1\t\t\t1\t2");
+
+  ASSERT_EQ(clients.size(), 2U);
+  EXPECT_EQ(clients[0].key, "192.0.2.1:51000");
+  EXPECT_EQ(clients[0].rx_bytes, 18446744073709551615U);
+  EXPECT_EQ(clients[0].tx_bytes, 7U);
+  EXPECT_EQ(clients[1].key, "192.0.2.2:1");
+}
+
+// A management port that somebody has taken and does not serve: the worst that a server can do to us.
+TEST(OpenVpnStatus, IsNotWaitedForLong) {
+  const Fd listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  sockaddr_in place{};
+  socklen_t size = sizeof place;
+  place.sin_family = AF_INET;
+  place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  auto* const address = reinterpret_cast<sockaddr*>(&place);
+  ASSERT_EQ(bind(listener.get(), address, size) + listen(listener.get(), 1), 0);
+  ASSERT_EQ(getsockname(listener.get(), address, &size), 0);
+
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_TRUE(openvpn_clients(ntohs(place.sin_port), 100ms).empty());
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 90ms);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 20s);
+}
+
+class RateServerTest : public testing::Test {
+ protected:
+  static OnlineUser user(const char* interface, std::uint32_t number, std::uint32_t type) {
+    return {interface, "192.0.2.1", number, "10.0.0.1", "10.0.0.2", type, 0, "bob", ""};
+  }
+  std::vector<Counters> ask(std::vector<Counters>& counters) {
+    ++asked;
+    return counters;
+  }
+  std::string stat() { return server.all_server_stat(now); }
+
+  std::vector<OnlineUser> users{user("ppp0", 77, 1)};
+  std::vector<Counters> interfaces{{"ppp0", 1000, 2000, 5}, {"eth0", 1, 1, 1}};
+  std::vector<Counters> openvpn{{"192.0.2.1:51000", 3, 4, 0}};
+  std::vector<Counters> drovik{{"AA:BB", 5, 6, 0}};
+  int asked = 0;
+  RateServer::Clock::time_point now{};  // the start of the host: nothing may be taken for an earlier reading
+  RateServer server{{[this] { return users; }, [this] { return ask(interfaces); }, [this] { return ask(openvpn); },
+                     [this] { return ask(drovik); }}};
+};
+
+TEST_F(RateServerTest, KnowsEachKindOfConnectionByItsKey) {
+  users = {user("ppp0", 77, 1), user("eth9", 1, 2), user("x", 51000, 4), user("AA:BB", 7, 16), user("ppp0", 78, 1)};
+
+  EXPECT_EQ(stat(), R"({"error":0,"data":[{"key":"ppp0","rx_bytes":1000,"tx_bytes":2000,"rx_rate":0,"tx_rate":0},)"
+                    R"({"key":"192.0.2.1:51000","rx_bytes":3,"tx_bytes":4,"rx_rate":0,"tx_rate":0},)"
+                    R"({"key":"AA:BB","rx_bytes":5,"tx_bytes":6,"rx_rate":0,"tx_rate":0}]})");
+  EXPECT_EQ(asked, 3);
+}
+
+TEST_F(RateServerTest, AsksNoSourceThatNobodyNeeds) {
+  EXPECT_NE(stat().find("ppp0"), std::string::npos);
+  EXPECT_EQ(asked, 1);
+  users.clear();
+  now += 1h;
+  EXPECT_EQ(stat(), R"({"error":0,"data":[]})");
+  EXPECT_EQ(asked, 1);
+}
+
+TEST_F(RateServerTest, TellsWhatWentThroughInASecond) {
+  std::string answer = stat();
+  const auto after = [&](std::chrono::milliseconds time, Counters counters) {
+    now += time;
+    interfaces[0] = std::move(counters);
+    answer = stat();
+    return answer.substr(answer.find("\"rx_rate\""));
+  };
+
+  EXPECT_EQ(after(2s, {"ppp0", 3000, 2500, 5}), R"("rx_rate":1000,"tx_rate":250}]})");
+  EXPECT_EQ(after(100ms, {"ppp0", 9000, 9000, 5}), R"("rx_rate":1000,"tx_rate":250}]})") << "too soon";
+  EXPECT_NE(answer.find("\"rx_bytes\":3000"), std::string::npos);
+  EXPECT_EQ(after(1s, {"ppp0", 100, 9000, 5}), R"("rx_rate":0,"tx_rate":5909}]})") << "one was set back";
+  EXPECT_EQ(after(1s, {"ppp0", 200, 9100, 6}), R"("rx_rate":0,"tx_rate":0}]})") << "a new session's interface";
+  EXPECT_EQ(after(1s, {"ppp0", 9000000200, 9100, 6}), R"("rx_rate":2147483647,"tx_rate":0}]})") << "as far as int goes";
+  EXPECT_EQ(after(11s, {"ppp0", 9000000300, 9100, 6}), R"("rx_rate":0,"tx_rate":0}]})") << "an old reading";
+}
+
+TEST_F(RateServerTest, ReadsOnItsOwnOnlyWhileItIsWatched) {
+  for (int i = 0; i < 5; ++i) server.tick(now += 1s);
+  EXPECT_EQ(asked, 0);
+  std::ignore = stat();
+  for (int i = 0; i < 60; ++i) server.tick(now += 1s);
+  EXPECT_EQ(asked, 1 + 29);
+}
+
+}  // namespace
+}  // namespace fenro::rated::test
