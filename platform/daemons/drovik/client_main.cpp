@@ -1,0 +1,90 @@
+// morvic SECTION INTERFACE PID_FILE: one client tunnel, on INTERFACE, by what SECTION of vpn.conf says. Goes to the
+// background at once; the file holds its pid and is locked as long as it runs. Whoever looks for tunnels in /proc takes
+// the profile's number from the file's name.
+
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <memory>
+#include <optional>
+#include <string>
+#include <sys/file.h>
+#include <sys/signalfd.h>
+
+#include "common/handle.h"
+#include "daemons/drovik/background.h"
+#include "daemons/drovik/client.h"
+#include "daemons/drovik/client_hooks.h"
+#include "daemons/drovik/identifier.h"
+#include "daemons/drovik/log.h"
+
+namespace {
+
+using namespace fenro;
+using namespace fenro::drovik;
+using Conf = std::unique_ptr<Conf_dir, FreeWith<Conf_Dir_Free>>;
+
+constexpr mode_t PRIVATE = 0600;
+
+std::optional<ClientSettings> settings_of(const char* section) {
+  const Conf conf{Conf_Dir_Load(VPN_CONF)};
+  ClientSettings settings;
+  std::string why;
+  if (read_client(conf.get(), section, settings, why)) return settings;
+  log_line(LOG_ERR, "[%s] bad \"%s\"", section, why.c_str());
+  return {};
+}
+
+// The only one of its profile; closed with the process.
+Fd take_pid_file(const char* path) {
+  Fd fd{open(path, O_RDWR | O_CREAT | O_CLOEXEC, PRIVATE)};
+  if (!fd || flock(fd.get(), LOCK_EX | LOCK_NB) != 0 || ftruncate(fd.get(), 0) != 0) return Fd{};
+  dprintf(fd.get(), "%d\n", getpid());
+  return fd;
+}
+
+// Blocked before threads are made, which inherit it.
+Fd end_signals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  return Fd{signalfd(-1, &set, SFD_CLOEXEC)};
+}
+
+int fail(const char* what) {
+  log_line(LOG_ERR, "%s", what);
+  return 1;
+}
+
+int connect(const char* section, const char* interface, const char* pid_file) {
+  Background background;
+  if (!background.begin()) return 1;
+  open_log("morvic", false);
+  const auto settings = settings_of(section);
+  if (!settings) return 1;
+  open_log("morvic", settings->debug);
+  const Fd only_one = take_pid_file(pid_file);
+  if (!only_one) return fail("another one runs for this profile, or the pid file can't be written");
+  const auto dtls = Dtls::create(Dtls::Side::Client, settings->psk);
+  const std::string identifier = make_identifier(interface);
+  if (!dtls || identifier.empty()) return fail("OpenSSL refuses the key or the cipher");
+  Tun tun;
+  if (!tun.open(interface)) return fail("no interface, which takes /dev/net/tun");
+  const Fd signals = end_signals();
+  ClientHooks hooks{section, interface};
+  TunnelClient client{*settings, *dtls, std::move(tun), identifier, hooks};
+  background.ready();
+  return client.run(signals.get());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 4) {
+    std::fprintf(stderr, "usage: morvic SECTION INTERFACE PID_FILE\n");
+    return 2;
+  }
+  return connect(argv[1], argv[2], argv[3]);
+}

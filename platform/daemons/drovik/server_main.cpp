@@ -1,0 +1,98 @@
+// morvid SECTION: the server of the appliance's own tunnel, and the service "MorviServer" on the bus. SECTION of
+// vpn.conf has its settings. Goes to the background when clients can come.
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+
+#include "common/file.h"
+#include "common/handle.h"
+#include "daemons/drovik/background.h"
+#include "daemons/drovik/log.h"
+#include "daemons/drovik/login.h"
+#include "daemons/drovik/server.h"
+
+namespace {
+
+using namespace fenro;
+using namespace fenro::drovik;
+
+constexpr const char* SERVICE = "MorviServer";
+constexpr const char* INTERFACE = "dtuns0";
+constexpr const char* RESOLVER = "/etc/resolv.conf";
+using Conf = std::unique_ptr<Conf_dir, FreeWith<Conf_Dir_Free>>;
+
+// The threads that follow must not be the ones that these strike.
+void block_signals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
+std::optional<ServerSettings> settings_of(const char* section) {
+  const Conf conf{Conf_Dir_Load(VPN_CONF)};
+  Text resolver;
+  if (read_file(RESOLVER, resolver) != 0) resolver = {};  // then clients keep their own servers
+  ServerSettings settings;
+  std::string why;
+  if (read_server(conf.get(), section, resolver.view(), settings, why)) return settings;
+  log_line(LOG_ERR, "[%s] bad \"%s\"", section, why.c_str());
+  return {};
+}
+
+bool failed(const char* what) {
+  log_line(LOG_ERR, "%s: %s", what, std::strerror(errno));
+  return false;
+}
+
+bool open_devices(const ServerSettings& settings, UdpSocket& socket, Tun& tun) {
+  if (!socket.listen(settings.port)) return failed("the port cannot be opened");
+  if (!tun.open(INTERFACE)) return failed("no interface, which takes /dev/net/tun");
+  return tun.up(settings.gateway, settings.gateway, settings.prefix, TUNNEL_MTU) ||
+         failed("the interface takes no address");
+}
+
+int serve(const char* section) {
+  Background background;
+  if (!background.begin()) return 1;
+  open_log("morvid", false);
+  const auto settings = settings_of(section);
+  if (!settings) return 1;
+  open_log("morvid", settings->debug);
+  bus::Server bus{SERVICE};
+  if (!bus.listen()) {
+    log_line(LOG_ERR, "somebody else serves %s", SERVICE);
+    return 1;
+  }
+  const auto dtls = Dtls::create(Dtls::Side::Server, settings->psk);
+  if (!dtls) {
+    log_line(LOG_ERR, "OpenSSL refuses the key or the cipher");
+    return 1;
+  }
+  UdpSocket socket;
+  Tun tun;
+  block_signals();
+  if (!open_devices(*settings, socket, tun)) return 1;
+  TunnelServer server{*settings, *dtls, std::move(socket), std::move(tun), may_enter};
+  server.attach(bus);
+  background.ready();
+  const int status = bus.run();
+  server.stop();
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: morvid SECTION\n");
+    return 2;
+  }
+  return serve(argv[1]);
+}

@@ -1,0 +1,37 @@
+#!/bin/sh
+# shellcheck shell=dash
+# Client tunnels to Drovik servers: a morvic for each profile.
+#
+#   vpn_drovik_client.sh connect|disconnect INDEX
+#
+# morvic reads the section "DROVIK_CLIENTINDEX" of vpn.conf by itself, and runs drovik-client-up and drovik-client-down
+# as the tunnel comes and goes. Whoever looks for tunnels in /proc goes by its name and that of its pid file.
+# shellcheck source=vpn_lib.sh
+. /usr/lib/fenro/vpn_lib.sh
+# shellcheck source=client_lib.sh
+. /usr/lib/fenro/client_lib.sh
+
+DAEMON=/usr/lib/fenro/morvic
+
+connect() {
+  disconnect
+  client_known "$section" || die "[$section] no such profile"
+  # shellcheck disable=SC2154 # client_slot sets slot, unit and interface
+  "$DAEMON" "$section" "$interface" "$pid_file" </dev/null 9>&- || die "[$section] the tunnel cannot start"
+}
+
+# The falling edge belongs to morvic; it is repeated here for one that was killed.
+disconnect() {
+  end_processes morvic "$pid_file" || die "[$section] the tunnel does not end"
+  rm -f "$pid_file"
+  client_down "$section"
+}
+
+case "$#/${1-}" in
+  2/connect | 2/disconnect) ;;
+  *) die 'usage: connect|disconnect INDEX' ;;
+esac
+section=DROVIK_CLIENT$2
+client_slot "$section" || die "not a profile index: '$2'"
+pid_file=$RUN_DIR/drovikclient$slot.pid
+with_lock "drovikclient$slot" "$1"

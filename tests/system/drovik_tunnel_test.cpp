@@ -1,0 +1,232 @@
+// The appliance's own tunnel between two appliances: the server here, its client over there.
+// appliance: --pair
+#include <cstring>
+
+#include "ormel/ormel_api_db_records.h"
+#include "support/far_appliance.h"
+
+namespace ormel::test {
+namespace {
+
+constexpr const char* SERVER = "/etc/init.d/vpn_drovik.sh";
+constexpr const char* CLIENT = "/etc/init.d/vpn_drovik_client.sh";
+constexpr const char* ONLINE = "/var/log/ormel_online_users";
+constexpr const char* PRIVILEGES = "/etc/config/vpn_user_ex.conf";
+constexpr const char* EDGES = "/tmp/drovik-edges";  // over there: what the profile's executables were told
+constexpr const char* SECTION = "DROVIK_CLIENT1";
+constexpr const char* PORT = "4443";
+constexpr const char* KEY = "team key";
+constexpr int PATIENCE = 60;  // seconds; a program under the sanitizers on a busy machine is slow
+
+size_t count(const std::string& text, const std::string& what) {
+  size_t found = 0;
+  for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; ++at) ++found;
+  return found;
+}
+
+// Rows of the server's connection log that tell of an event: 0 a connect, 1 a refusal, 2 an end.
+size_t logged(int action) {
+  db_query_cond all{};
+  all.count = -1;
+  const std::string reply = [&] {
+    mib_io* io = mib_io_create();
+    mib_io_write(io, reinterpret_cast<const char*>(&all), sizeof all);
+    size_t length = 0;
+    const int status = mib_call(log_db::SERVICE, log_db::CONN_SERVER_LOG.query, io, log_db::TIMEOUT, -1);
+    const char* bytes = mib_io_read(io, &length);
+    std::string text = status == MIB_SUCCESS ? std::string{bytes, length} : std::string{};
+    mib_io_free(io);
+    return text;
+  }();
+  size_t rows = 0;
+  db_conn_server_log row{};
+  for (size_t at = 24; at + sizeof row <= reply.size(); at += sizeof row) {
+    std::memcpy(&row, reply.data() + at, sizeof row);
+    if (row.vpn_type == 16 && row.action == action) ++rows;
+  }
+  return rows;
+}
+
+class DrovikTunnel : public testing::Test {
+ protected:
+  void SetUp() override {
+    password = read("/var/lib/appliance/password.guest");
+    password.erase(password.find('\n'));
+    write(PRIVILEGES, "guest:0:0:0:0:1\nadmin:1:1:1:0:0\n");
+    // Not all keys are of the command line's making: whatever the file says has to do.
+    write(VPN_CONF, std::string{"[DROVIK]\nEnable = TRUE\nMax Client = 5\nVPN Port = "} + PORT + "\nPSK = " + KEY +
+                        "\nClient IP 1 = 10.6.0.2\nClient IP 2 = 10.6.0.254\nEnable Manual DNS = TRUE\n"
+                        "Use Manual DNS = 10.6.0.1\n");
+    ASSERT_EQ(run({SERVER, "start"}).status, 0);
+    far::write("/tmp/up", std::string{"#!/bin/sh\necho up $INTERFACE $LOCAL_IP $REMOTE_IP >>"} + EDGES + "\n", 0755);
+    far::write("/tmp/down", std::string{"#!/bin/sh\necho down >>"} + EDGES + "\n", 0755);
+  }
+  void TearDown() override {
+    far::run({CLIENT, "disconnect", "1"});
+    far::run({"/bin/rm", "-f", VPN_CONF, EDGES});
+    run({SERVER, "stop"});
+  }
+
+  static void add_profile(const std::string& user, const std::string& pass, const std::string& key) {
+    const Result added =
+        far::cli({"--type=DROVIK", "--add", "--name=office", std::string{"--host="} + far::NEAR_ADDRESS,
+                  std::string{"--port="} + PORT, "--user=" + user, "--pass=" + pass, "--psk=" + key, "--up=/tmp/up",
+                  "--down=/tmp/down"});
+    ASSERT_EQ(added.status, 0) << added.err;
+  }
+  // The profile over there, and its connection; it comes up later or never.
+  static void connect(const std::string& user, const std::string& pass, const std::string& key = KEY) {
+    add_profile(user, pass, key);
+    ASSERT_EQ(far::run({CLIENT, "connect", "1"}).status, 0);
+  }
+  static std::string local_ip() { return far::conf_value(SECTION, "LocalIP"); }
+  static bool comes_up() {
+    return comes_true([] { return local_ip() == "10.6.0.2"; }, PATIENCE);
+  }
+  static bool goes_down() {
+    return comes_true([] { return local_ip().empty(); }, PATIENCE);
+  }
+  static bool morvic_runs() { return far::run({"/usr/bin/pgrep", "-x", "morvic"}).status == 0; }
+  static bool far_pings(const char* address) { return far::run({"/bin/ping", "-c3", "-W5", address}).status == 0; }
+  static std::string identifier() {
+    const std::string line = read(ONLINE);
+    return line.substr(0, line.find(' '));
+  }
+
+  std::string password;
+};
+
+TEST_F(DrovikTunnel, CarriesPacketsAndTellsOfItOnBothSides) {
+  const size_t connects = logged(0);
+
+  add_profile("guest", password, KEY);
+  ASSERT_EQ(far::cli({"--type=DROVIK", "--connect=1"}).status, 0);
+  ASSERT_TRUE(comes_up()) << far::read(VPN_CONF);
+  EXPECT_EQ(far::cli({"--type=DROVIK", "--connect=1"}).status, 0);  // sees that it runs, and leaves it alone
+
+  EXPECT_TRUE(far_pings("10.6.0.1"));
+  EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "-M", "do", "-s", "1372", "10.6.0.2"}).status, 0);  // the largest packet
+  const std::string line = read(ONLINE);
+  EXPECT_EQ(count(line, "\n"), 1U);
+  EXPECT_NE(line.find(std::string{" "} + far::ADDRESS + " "), std::string::npos) << line;
+  EXPECT_NE(line.find(" 10.6.0.1 10.6.0.2 16 "), std::string::npos) << line;
+  EXPECT_TRUE(line.ends_with(" Z3Vlc3Q= " + identifier() + "\n")) << line;
+  EXPECT_EQ(logged(0), connects + 1);
+  const std::string bytes = bus("MorviServer", "bytes_info");
+  EXPECT_TRUE(bytes.starts_with("{\"error\":0,\"data\":[{\"mac\":\"" + identifier() + "\",\"rx_bytes\":")) << bytes;
+  EXPECT_EQ(count(bytes, "\"rx_bytes\":0,"), 0U) << bytes;
+
+  const std::string shown = far::cli({"--type=DROVIK", "--show=1"}).out;
+  for (const char* row : {"Status = 1\n", "Real Address = 192.168.77.1\n", "DNS Server = 10.6.0.1\n"})
+    EXPECT_NE(shown.find(row), std::string::npos) << shown;
+  EXPECT_EQ(far::conf_value(SECTION, "RemoteIP"), "10.6.0.1");
+  EXPECT_EQ(far::read(EDGES), "up dtunc2501 10.6.0.2 10.6.0.1\n");
+  EXPECT_NE(far::run({"/sbin/ip", "route", "show", "table", "2501"}).out.find("default via 10.6.0.1 dev dtunc2501"),
+            std::string::npos);
+}
+
+TEST_F(DrovikTunnel, KeepsSecretsOutOfArgumentsAndEnvironment) {
+  connect("guest", password);
+  ASSERT_TRUE(comes_up());
+  const char* look = "for pid in $(pgrep -x 'morvi[cd]'); do cat /proc/$pid/cmdline /proc/$pid/environ; done";
+
+  const std::string seen =
+      run({"/bin/sh", "-c", look}, {"PATH=/usr/bin"}).out + far::run({"/bin/sh", "-c", look}, {"PATH=/usr/bin"}).out;
+
+  EXPECT_NE(seen.find("morvid"), std::string::npos);
+  EXPECT_NE(seen.find("morvic"), std::string::npos);
+  for (const std::string& secret : {password, std::string{KEY}}) EXPECT_EQ(seen.find(secret), std::string::npos);
+}
+
+TEST_F(DrovikTunnel, ThrowsAClientOutWhichComesBack) {
+  connect("guest", password);
+  ASSERT_TRUE(comes_up());
+  const size_t ends = logged(2);
+
+  EXPECT_TRUE(bus("MorviServer", "disconnect", R"({"mac":"02:00:00:00:00:00"})").starts_with(R"({"error":1,)"));
+  EXPECT_TRUE(bus("MorviServer", "disconnect", "[]").starts_with(R"({"error":2,)"));
+  EXPECT_TRUE(bus("MorviServer", "disconnect", R"({"mac":")" + identifier() + "\"}").starts_with(R"({"error":0,)"));
+
+  EXPECT_TRUE(comes_true([&] { return logged(2) == ends + 1; }, PATIENCE));
+  EXPECT_TRUE(comes_true([] { return count(far::read(EDGES), "down\n") == 1; }, PATIENCE));
+  ASSERT_TRUE(comes_up());
+  EXPECT_TRUE(far_pings("10.6.0.1"));
+
+  run({"/etc/init.d/vpn_common.sh", "kick_all_connection", "16", "guest"});
+  EXPECT_TRUE(comes_true([] { return count(far::read(EDGES), "down\n") == 2; }, PATIENCE));
+  EXPECT_TRUE(comes_up());
+}
+
+class DrovikAdmission : public DrovikTunnel {};
+
+TEST_F(DrovikAdmission, RefusesWhoMayNotEnter) {
+  const struct {
+    const char* why;
+    std::string user, pass;
+  } rows[] = {
+      {"wrong password", "guest", "not " + password},
+      {"no right", "admin", read("/var/lib/appliance/password.admin").substr(0, 16)},
+      {"no such user", "nobody-here", password},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.why);
+    const size_t refusals = logged(1);
+
+    connect(row.user, row.pass);
+
+    // Once: the client does not go on with what the server will not take.
+    EXPECT_TRUE(comes_true([&] { return logged(1) == refusals + 1 && !morvic_runs(); }, PATIENCE));
+    EXPECT_EQ(local_ip(), "");
+    EXPECT_EQ(read(ONLINE), "");
+    EXPECT_EQ(far::cli({"--type=DROVIK", "--remove=1"}).status, 0);
+  }
+}
+
+TEST_F(DrovikAdmission, AnotherKeyGetsNoFurtherThanTheHandshake) {
+  const size_t refusals = logged(1);
+
+  connect("guest", password, "other key");
+
+  EXPECT_FALSE(comes_true([] { return !local_ip().empty(); }, 5));
+  EXPECT_TRUE(morvic_runs());
+  EXPECT_EQ(logged(1), refusals);
+}
+
+TEST_F(DrovikTunnel, GoesDownWithTheServerAndUpAgain) {
+  connect("guest", password);
+  ASSERT_TRUE(comes_up());
+
+  ASSERT_EQ(run({SERVER, "stop"}).status, 0);
+  EXPECT_EQ(read(ONLINE), "");
+  EXPECT_TRUE(goes_down());
+
+  ASSERT_EQ(run({SERVER, "start"}).status, 0);
+  EXPECT_TRUE(comes_up());
+  EXPECT_EQ(far::run({CLIENT, "disconnect", "1"}).status, 0);
+  EXPECT_EQ(local_ip(), "");
+  EXPECT_TRUE(comes_true([] { return read(ONLINE).empty(); }, PATIENCE));
+  EXPECT_FALSE(morvic_runs());
+}
+
+// What is no handshake costs nothing; what looks like one costs no memory before it has shown a cookie.
+TEST_F(DrovikAdmission, StandsThroughGarbage) {
+  sockaddr_in server{};
+  server.sin_family = AF_INET;
+  server.sin_port = htons(4443);
+  inet_pton(AF_INET, "127.0.0.1", &server.sin_addr);
+  const Fd fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+  std::string datagram(1400, '\0');
+  for (int i = 0; i < 5000; ++i) {
+    for (char& byte : datagram) byte = static_cast<char>(random());
+    if (i % 2 == 0) datagram.replace(0, 13, std::string("\x16\xfe\xff\0\0\0\0\0\0\0\0", 11) + "\x05\x6b");
+    const size_t size = static_cast<size_t>(i) % datagram.size();
+    sendto(fd.get(), datagram.data(), size, 0, reinterpret_cast<const sockaddr*>(&server), sizeof server);
+  }
+
+  EXPECT_TRUE(comes_true([] { return bus("MorviServer", "bytes_info") == R"({"error":0,"data":[]})"; }, PATIENCE));
+  connect("guest", password);
+  EXPECT_TRUE(comes_up());
+}
+
+}  // namespace
+}  // namespace ormel::test

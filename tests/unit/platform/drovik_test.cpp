@@ -1,0 +1,417 @@
+// The appliance's own tunnel: messages, rules about clients, settings, and what goes through its sockets.
+#include <arpa/inet.h>
+#include <condition_variable>
+#include <cstdlib>
+#include <deque>
+#include <mutex>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <gtest/gtest.h>
+
+#include "daemons/drovik/dtls.h"
+#include "daemons/drovik/frames.h"
+#include "daemons/drovik/gate.h"
+#include "daemons/drovik/privilege.h"
+#include "daemons/drovik/roster.h"
+#include "daemons/drovik/settings.h"
+#include "daemons/drovik/udp.h"
+#include "daemons/drovik/workers.h"
+
+namespace fenro::drovik {
+namespace {
+
+const Login LOGIN{PROTOCOL_VERSION, "bob", "pass word", "02:00:5e:10:00:0f"};
+const Welcome WELCOME{0x0a060002, 0x0a060001, 24, 1400, {0x01020304, 0x05060708}};
+
+TEST(DrovikFrames, SayWhatWasSaid) {
+  Login login;
+  Welcome welcome;
+
+  ASSERT_TRUE(decode(encode(LOGIN), login));
+  EXPECT_EQ(login.user + '|' + login.password + '|' + login.identifier, "bob|pass word|02:00:5e:10:00:0f");
+  ASSERT_TRUE(decode(encode(WELCOME), welcome));
+  EXPECT_EQ(to_text(welcome.address) + ' ' + to_text(welcome.gateway), "10.6.0.2 10.6.0.1");
+  EXPECT_EQ(welcome.name_servers, WELCOME.name_servers);
+  EXPECT_EQ(kind_of(encode(Kind::Bye, Reason::Kicked)), Kind::Bye);
+  EXPECT_EQ(reason_of(encode(Kind::Bye, Reason::Kicked)), Reason::Kicked);
+  for (const std::string& silent : {encode(Kind::Bye), std::string{}, std::string{"\x45"}})
+    EXPECT_EQ(reason_of(silent), Reason::None);
+}
+
+TEST(DrovikFrames, NoPartOfAMessageIsAMessage) {
+  const std::string whole = encode(LOGIN);
+  Login login;
+  Welcome welcome;
+  for (size_t length = 0; length < whole.size(); ++length) {
+    SCOPED_TRACE(length);
+    const auto exact = std::make_unique<char[]>(length + 1);  // a look beyond the end is seen by the sanitizers
+    whole.copy(exact.get(), length);
+    EXPECT_FALSE(decode({exact.get(), length}, login));
+    EXPECT_FALSE(decode({exact.get(), length}, welcome));
+  }
+  EXPECT_FALSE(decode(encode(WELCOME), login));
+}
+
+TEST(DrovikFrames, RefuseWhatIsOutOfBounds) {
+  const auto login_with = [](const char* what, std::string value) {
+    Login login = LOGIN;
+    (what == std::string{"user"}       ? login.user
+     : what == std::string{"password"} ? login.password
+                                       : login.identifier) = std::move(value);
+    Login read;
+    return decode(encode(login), read);
+  };
+  EXPECT_TRUE(login_with("user", std::string(256, 'u')));
+  EXPECT_FALSE(login_with("user", std::string(257, 'u')));
+  for (const char* what : {"user", "password", "identifier"}) EXPECT_FALSE(login_with(what, "")) << what;
+  for (const std::string& value : {std::string("a\nb"), std::string("a\0b", 3), std::string("a\x7f")})
+    EXPECT_FALSE(login_with("user", value));
+  for (const char* value : {"02:00:5e:10:00:0F", "02:00:5e:10:00", "02-00-5e-10-00-0f", "02:00:5e:10:00:0f:"})
+    EXPECT_FALSE(login_with("identifier", value)) << value;
+
+  Login login;
+  EXPECT_TRUE(decode(encode(LOGIN) + std::string("\x63\0\2zz", 5), login));  // a field of a later version
+  EXPECT_FALSE(decode(encode(LOGIN) + std::string("\2\0\1x", 4), login));    // a second user
+  EXPECT_FALSE(decode(encode(LOGIN) + std::string(3000, '\x63'), login));
+  Welcome welcome = WELCOME;
+  for (const auto& [prefix, mtu, good] : {std::tuple{1, 576, true},
+                                          {0, 576, false},
+                                          {30, 1400, true},
+                                          {31, 1400, false},
+                                          {24, 575, false},
+                                          {24, 1401, false}}) {
+    welcome.prefix = static_cast<uint8_t>(prefix);
+    welcome.mtu = static_cast<uint16_t>(mtu);
+    Welcome read;
+    EXPECT_EQ(decode(encode(welcome), read), good) << prefix << ' ' << mtu;
+  }
+}
+
+TEST(DrovikPacket, HasEndsOnlyWhenItIsAsLongAsItSays) {
+  std::string packet("\x45\0\0\x18\0\0\0\0\x40\x11\0\0\x0a\6\0\2\x0a\6\0\1body", 24);
+
+  const auto ends = packet_ends(packet);
+  ASSERT_TRUE(ends);
+  EXPECT_EQ(to_text(ends->source) + ' ' + to_text(ends->destination), "10.6.0.2 10.6.0.1");
+  EXPECT_FALSE(packet_ends(packet + 'x'));
+  EXPECT_FALSE(packet_ends(packet.substr(0, 19)));
+  for (const char first : {'\x65', '\x44', '\x4f'}) {
+    packet[0] = first;
+    EXPECT_FALSE(packet_ends(packet)) << static_cast<int>(first);
+  }
+}
+
+TEST(DrovikRoster, GivesAddressesAndTakesThemBack) {
+  Roster roster{10, 12, 3};
+  EXPECT_EQ(roster.admit(1, "bob", "a").address, 10U);
+  EXPECT_EQ(roster.admit(2, "bob", "b").address, 11U);
+  EXPECT_EQ(roster.admit(3, "eve", "c").address, 12U);
+  EXPECT_EQ(roster.admit(4, "eve", "d").refused, Reason::Full);
+
+  roster.leave(2);
+
+  EXPECT_EQ(roster.named("b"), 0U);
+  EXPECT_EQ(roster.at(11), 0U);
+  EXPECT_EQ(roster.admit(4, "eve", "d").address, 11U);
+  EXPECT_EQ(roster.at(11), 4U);
+  for (const Ipv4 outside : {0U, 9U, 13U, ~0U}) EXPECT_EQ(roster.at(outside), 0U);
+  EXPECT_EQ(Roster(10, 12, 1).admit(1, "bob", "a").refused, Reason::None);
+}
+
+TEST(DrovikRoster, LetsAClientTakeItsOwnPlaceAgainAndNobodyElses) {
+  Roster roster{10, 10, 1};
+  EXPECT_EQ(roster.admit(1, "bob", "a").address, 10U);
+
+  EXPECT_EQ(roster.admit(2, "eve", "a").refused, Reason::Occupied);
+  const Roster::Entry again = roster.admit(3, "bob", "a");
+  roster.leave(1);  // the old session ends after it was replaced
+
+  EXPECT_EQ(again.refused, Reason::None);
+  EXPECT_EQ(again.address, 10U);
+  EXPECT_EQ(again.replaced, 1U);
+  EXPECT_EQ(roster.named("a"), 3U);
+  EXPECT_EQ(roster.at(10), 3U);
+}
+
+TEST(DrovikGate, LimitsOneSourceAndTheRateOfAll) {
+  Gate gate;
+  Gate::Clock::time_point now{std::chrono::hours{1}};
+  for (size_t i = 0; i < Gate::PER_ADDRESS; ++i) EXPECT_TRUE(gate.enter(1, now));
+  EXPECT_FALSE(gate.enter(1, now));
+  EXPECT_TRUE(gate.enter(2, now));
+  gate.leave(1);
+  EXPECT_TRUE(gate.enter(1, now));
+
+  Ipv4 source = 100;
+  int entered = 0;
+  while (gate.enter(source++, now)) ++entered;
+  EXPECT_EQ(entered, static_cast<int>(Gate::BURST - Gate::PER_ADDRESS - 2));
+  now += std::chrono::seconds{1};
+  EXPECT_TRUE(gate.enter(source++, now));
+}
+
+TEST(DrovikPrivilege, IsTheFifthFieldOfTheUsersLastLine) {
+  const struct {
+    const char* store;
+    bool may;
+  } rows[] = {
+      {"bob:0:0:0:0:1\n", true},
+      {"bob:1:1:1:1:0\n", false},
+      {"", false},
+      {"bob:0:0:0:0:1", true},
+      {"bobby:0:0:0:0:1\n", false},
+      {"bob\n", false},
+      {"bob:0:0:0:1\n", false},
+      {"bob:0:0:0:0:1\nbob:0:0:0:0:0\n", false},
+      {"bob:0:0:0:0:\n", false},
+      {"eve:1:1:1:1:1\nbob:0:0:0:0:1\n", true},
+  };
+  for (const auto& row : rows) EXPECT_EQ(may_use_drovik(row.store, "bob"), row.may) << row.store;
+}
+
+using Conf = std::unique_ptr<Conf_dir, FreeWith<Conf_Dir_Free>>;
+
+TEST(DrovikSettings, OfTheServerAreRefusedByKey) {
+  const struct {
+    const char *key, *value, *bad;
+  } rows[] = {
+      {"PSK", "k", ""},
+      {"PSK", "", "PSK"},
+      {"VPN Port", "0", "VPN Port"},
+      {"VPN Port", "65536", "VPN Port"},
+      {"Max Client", "0", "Max Client"},
+      {"Max Client", "254", "Max Client"},
+      {"Client IP 2", "10.7.0.9", "Client IP 1\" or \"Client IP 2"},
+      {"Client IP 1", "10.6.0.1", "Client IP 1\" or \"Client IP 2"},
+      {"Client IP 2", "10.6.0.255", "Client IP 1\" or \"Client IP 2"},
+      {"Client IP 1", "10.6.0.2x", "Client IP 1\" or \"Client IP 2"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string{row.key} + '=' + row.value);
+    const Conf conf{Conf_Dir_Load("/nonexistent")};
+    Conf_Dir_Set_Str(conf.get(), "DROVIK", "PSK", "k");
+    Conf_Dir_Set_Str(conf.get(), "DROVIK", row.key, row.value);
+    ServerSettings settings;
+    std::string why;
+    EXPECT_EQ(read_server(conf.get(), "DROVIK", "", settings, why), *row.bad == '\0');
+    if (*row.bad == '\0') continue;
+    EXPECT_EQ(why, row.bad);
+  }
+}
+
+TEST(DrovikSettings, NameServersAreTheManualOneOrThoseOfTheHost) {
+  const Conf conf{Conf_Dir_Load("/nonexistent")};
+  Conf_Dir_Set_Str(conf.get(), "DROVIK", "PSK", "k");
+  const auto servers = [&] {
+    ServerSettings settings;
+    std::string why, all;
+    EXPECT_TRUE(read_server(conf.get(), "DROVIK",
+                            "# nameserver 9.9.9.9\nnameserver 127.0.0.53\nnameserver\t10.0.0.1 # near\r\n"
+                            "nameserver fe80::1\nnameserver 10.0.0.2\nnameserver 10.0.0.3",
+                            settings, why));
+    for (const Ipv4 server : settings.name_servers) all += to_text(server) + ' ';
+    return all;
+  };
+
+  EXPECT_EQ(servers(), "10.0.0.1 10.0.0.2 ");
+  Conf_Dir_Set_Str(conf.get(), "DROVIK", "Use Manual DNS", "1.2.3.4");
+  EXPECT_EQ(servers(), "10.0.0.1 10.0.0.2 ");
+  Conf_Dir_Set_Bool(conf.get(), "DROVIK", "Enable Manual DNS", 1);
+  EXPECT_EQ(servers(), "1.2.3.4 ");
+}
+
+// Two ends whose datagrams go through here.
+class DrovikChannel : public testing::Test {
+ protected:
+  static constexpr Peer CLIENT{0x0a000002, 5000, 0};
+
+  static std::unique_ptr<Dtls> make(Dtls::Side side, const char* key) { return Dtls::create(side, key); }
+  [[nodiscard]] std::unique_ptr<Channel> channel(const Dtls& dtls, std::deque<std::string>& out) {
+    return std::make_unique<Channel>(dtls, [this, &out](const Peer&, std::string_view datagram) {
+      if (++posted_ != lost_) out.emplace_back(datagram);
+    });
+  }
+  // Carries datagrams to and fro until both are silent.
+  void carry() {
+    while (!to_server_.empty() || !to_client_.empty()) {
+      if (!to_server_.empty()) {
+        const std::string datagram = take(to_server_);
+        if (!known_) {
+          known_ = server_->listen(CLIENT, datagram);
+        } else {
+          server_->receive(datagram, [this](std::string_view message) { heard_ += message; });
+        }
+      }
+      if (!to_client_.empty()) client_->receive(take(to_client_), [this](std::string_view m) { heard_ += m; });
+    }
+  }
+  void shake(const char* server_key, const char* client_key) {
+    server_dtls_ = make(Dtls::Side::Server, server_key);
+    client_dtls_ = make(Dtls::Side::Client, client_key);
+    server_ = channel(*server_dtls_, to_client_);
+    client_ = channel(*client_dtls_, to_server_);
+    client_->begin();
+    carry();
+  }
+  static std::string take(std::deque<std::string>& queue) {
+    std::string first = queue.front();
+    queue.pop_front();
+    return first;
+  }
+
+  std::unique_ptr<Dtls> server_dtls_, client_dtls_;
+  std::unique_ptr<Channel> server_, client_;
+  std::deque<std::string> to_server_, to_client_;
+  std::string heard_;
+  int posted_ = 0;
+  int lost_ = 0;  // which datagram never arrives
+  bool known_ = false;
+};
+
+TEST_F(DrovikChannel, CarriesMessagesOnceAndOnlyWhole) {
+  shake("key", "key");
+  ASSERT_EQ(server_->state(), Channel::State::Open);
+  ASSERT_EQ(client_->state(), Channel::State::Open);
+
+  client_->send("one");
+  const std::string datagram = to_server_.front();
+  EXPECT_EQ(datagram.find("one"), std::string::npos);
+  carry();
+  server_->send("two");
+  carry();
+  std::string forged = datagram;
+  forged.back() = static_cast<char>(forged.back() ^ 1);
+  to_server_ = {datagram, forged, "", "x", std::string(3000, '\x17')};
+  carry();
+
+  EXPECT_EQ(heard_, "onetwo");
+  EXPECT_EQ(server_->state(), Channel::State::Open);
+  client_->end();
+  carry();
+  EXPECT_EQ(server_->state(), Channel::State::Ended);
+}
+
+TEST_F(DrovikChannel, NeverOpensWithAnotherKey) {
+  shake("key", "kez");
+  EXPECT_NE(server_->state(), Channel::State::Open);
+  EXPECT_NE(client_->state(), Channel::State::Open);
+  EXPECT_EQ(make(Dtls::Side::Server, ""), nullptr);
+}
+
+TEST_F(DrovikChannel, ComesUpThoughADatagramIsLost) {
+  lost_ = 4;
+  shake("key", "key");
+  for (int i = 0; i < 200 && client_->state() == Channel::State::Shaking; ++i) {
+    poll(nullptr, 0, 50);
+    client_->tick();
+    server_->tick();
+    carry();
+  }
+  EXPECT_EQ(client_->state(), Channel::State::Open);
+  EXPECT_GT(posted_, lost_);
+}
+
+TEST_F(DrovikChannel, AnswersStrangersOnlyWithACookieForTheirAddress) {
+  server_dtls_ = make(Dtls::Side::Server, "key");
+  client_dtls_ = make(Dtls::Side::Client, "key");
+  server_ = channel(*server_dtls_, to_client_);
+  client_ = channel(*client_dtls_, to_server_);
+  client_->begin();
+  const std::string hello = take(to_server_);
+
+  EXPECT_FALSE(server_->listen(CLIENT, hello));
+  ASSERT_EQ(to_client_.size(), 1U);
+  EXPECT_LE(to_client_.front().size(), hello.size());  // no use as an amplifier
+  for (const char* garbage : {"", "\x16", "\x16\xfe\xff garbage that is no hello at all"})
+    EXPECT_FALSE(server_->listen(CLIENT, garbage));
+  client_->receive(take(to_client_), [](std::string_view) {});
+  const std::string with_cookie = take(to_server_);
+
+  EXPECT_FALSE(server_->listen({CLIENT.address + 1, CLIENT.port, 0}, with_cookie));
+  EXPECT_FALSE(server_->listen({CLIENT.address, CLIENT.port + 1, 0}, with_cookie));
+  EXPECT_TRUE(server_->listen(CLIENT, with_cookie));
+}
+
+uint16_t port_of(const UdpSocket& socket) {
+  sockaddr_in name{};
+  socklen_t length = sizeof name;
+  getsockname(socket.fd(), reinterpret_cast<sockaddr*>(&name), &length);
+  return ntohs(name.sin_port);
+}
+
+TEST(DrovikUdp, KeepsDatagramsApartWhicheverWayTheyAreBundled) {
+  constexpr Ipv4 LOOPBACK = 0x7f000001;
+  UdpSocket server, clients[2];
+  ASSERT_TRUE(server.listen(0));
+  std::string sent[2], expected[2];
+  for (size_t i = 0; i < 2; ++i) {
+    ASSERT_TRUE(clients[i].connect(LOOPBACK, port_of(server)));
+    clients[i].send({}, "hello");
+    clients[i].flush();
+  }
+  std::vector<Peer> peers(2);
+  const auto wait = [](const UdpSocket& socket) {
+    pollfd entry{socket.fd(), POLLIN, 0};
+    return poll(&entry, 1, 10'000) == 1;
+  };
+  for (int greeted = 0; greeted < 2;) {
+    ASSERT_TRUE(wait(server));
+    server.receive([&](const Peer& from, std::string_view) {
+      peers[from.port == port_of(clients[0]) ? 0 : 1] = from;
+      ++greeted;
+    });
+  }
+  EXPECT_EQ(peers[0].local, LOOPBACK);
+
+  // Sizes that bundle well, and ones that end or break a bundle; both ways by turns.
+  size_t total[2] = {};
+  for (size_t i = 0; i < 300; ++i) {
+    const size_t to = i / 7 % 2;
+    const size_t size = i % 11 == 0 ? 1 + i : i % 17 == 0 ? 1300 : 700;
+    const std::string datagram(size, static_cast<char>('a' + i % 26));
+    server.send(peers[to], datagram);
+    expected[to] += std::to_string(size) + datagram[0] + ' ';
+    ++total[to];
+  }
+  server.flush();
+
+  for (size_t to = 0; to < 2; ++to) {
+    for (size_t got = 0; got < total[to];) {
+      ASSERT_TRUE(wait(clients[to])) << got;
+      clients[to].receive([&](const Peer&, std::string_view datagram) {
+        sent[to] += std::to_string(datagram.size()) + datagram[0] + ' ';
+        EXPECT_EQ(datagram.find_first_not_of(datagram[0]), std::string_view::npos);
+        ++got;
+      });
+    }
+    EXPECT_EQ(sent[to], expected[to]);
+  }
+}
+
+TEST(DrovikWorkers, OneThreadKeepsTheOrderAndResultsComeToTheOwner) {
+  std::string done, results;
+  const auto owner = std::this_thread::get_id();
+  {
+    Workers workers{1};
+    for (char job = 'a'; job <= 'z'; ++job) {
+      workers.submit([&done, &results, owner, job]() -> Workers::Then {
+        done += job;
+        EXPECT_NE(std::this_thread::get_id(), owner);
+        if (job % 2 == 0) return {};
+        return [&results, owner, job] {
+          EXPECT_EQ(std::this_thread::get_id(), owner);
+          results += job;
+        };
+      });
+    }
+    workers.finish();
+    workers.run_results();
+  }
+  EXPECT_EQ(done, "abcdefghijklmnopqrstuvwxyz");
+  EXPECT_EQ(results, "acegikmoqsuwy");
+}
+
+}  // namespace
+}  // namespace fenro::drovik
