@@ -1,0 +1,198 @@
+// Foreign OpenVPN profiles: judged by the real checker, imported both ways, and kept from doing harm when they run.
+#include <gmock/gmock.h>
+
+#include "ormel/handle.h"
+#include "support/web_request.h"
+
+using namespace ormel::test;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+constexpr const char* VERIFY = "/usr/sbin/verify_ovpn.sh";
+constexpr const char* CLIENT = "/etc/init.d/vpn_openvpn_client.sh";
+constexpr const char* STORED = "/etc/config/openvpn/clients/client1";
+constexpr const char* ONLINE = "/var/log/ormel_online_users";
+constexpr const char* MARK = "/tmp/mark";  // what nothing may make
+constexpr const char* TRAP = "/tmp/trap";  // a program that makes it
+constexpr const char* UPLOAD = "/tmp/u.ovpn";
+
+class OpenVpnProfile : public WebHost {
+ protected:
+  static void SetUpTestSuite() {
+    run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj",
+         "/CN=vpn", "-keyout", "/tmp/own.key", "-out", "/tmp/own.crt"});
+    run({"/usr/bin/openssl", "genpkey", "-algorithm", "ED25519", "-out", "/tmp/other.key"});
+  }
+  void SetUp() override {
+    for (const char* script : {"vpn_common.sh", "vpn_openvpn_client.sh"})
+      fs::copy_file(fs::path("/etc/init.d") / script, fs::path("/tmp") / script, fs::copy_options::overwrite_existing);
+    WebHost::SetUp();
+    fs::copy_file("/tmp/vpn_openvpn_client.sh", CLIENT, fs::copy_options::overwrite_existing);
+    fs::remove(MARK);
+    write(TRAP, "#!/bin/sh\necho >/tmp/mark\n", 0755);
+  }
+  void TearDown() override {
+    run({CLIENT, "stop", "1"});
+    fs::copy_file("/tmp/vpn_common.sh", "/etc/init.d/vpn_common.sh", fs::copy_options::overwrite_existing);
+    for (const char* file : {STORED, ONLINE, MARK}) fs::remove(file);
+  }
+
+  static std::string profile(const std::string& lines = {}) {
+    return "client\ndev tun\nremote 127.0.0.1 9 udp\nauth-user-pass\n" + lines + "<ca>\n" + read("/tmp/own.crt") +
+           "</ca>\n";
+  }
+  static int verify(const std::string& text, const std::string& arguments = {}) {
+    write(UPLOAD, text);
+    return run({VERIFY, UPLOAD, arguments}).status;
+  }
+  static Result import_profile(const std::string& text, const std::vector<std::string>& more = {}) {
+    write(UPLOAD, text);
+    std::vector<std::string> options{"--type=OVPN", std::string("--import=") + UPLOAD, "--name=office", "--user=bob",
+                                     "--pass=p"};
+    options.insert(options.end(), more.begin(), more.end());
+    return cli(options);
+  }
+};
+
+// Each of these would have the daemon run, load or write something, if it met them unprepared.
+const std::string ACTIVE_LINES =
+    "up /tmp/trap\nroute-up /tmp/trap\ntls-verify /tmp/trap\nipchange /tmp/trap\nlearn-address /tmp/trap\n"
+    "auth-user-pass-verify /tmp/trap via-env\nplugin /tmp/trap\n\"plugin\" /tmp/trap\nsetenv opt plugin /tmp/trap\n"
+    "config /tmp/trap\ncd /nowhere\nchroot /tmp\nmanagement /tmp/mark unix\nlog /tmp/mark\nlog-append /tmp/mark\n"
+    "status /tmp/mark\nwritepid /tmp/mark\niproute /tmp/trap\ndaemon\ngenkey tls-auth /tmp/mark\nscript-security 3\n";
+
+TEST_F(OpenVpnProfile, IsJudgedByTheDaemonWithoutActing) {
+  EXPECT_EQ(verify(profile()), 0);
+  EXPECT_EQ(verify(profile(ACTIVE_LINES)), 0) << "they are not of the profile's substance";
+  EXPECT_FALSE(fs::exists(MARK));
+  for (const char* kept :
+       {"cipher BF-CBC\n", "<connection>\nremote b.example 443 tcp\n</connection>\n", "tls-auth ta.key 1\n",
+        "pkcs12 me.p12\n", "crl-verify crl.pem\n", "tls-cipher NONE\n", "comp-lzo\n", "ncp-disable\n"})
+    EXPECT_EQ(verify(profile(kept)), 0) << kept;
+}
+
+TEST_F(OpenVpnProfile, IsRefusedWhenTheDaemonCanNotTakeIt) {
+  std::string text = profile();
+  const std::string rows[] = {
+      "",
+      "client\n",
+      text.substr(0, text.size() - 7),  // a block without an end
+      profile("no-such-option 1\n"),
+      profile("remote\n"),
+      profile("tls-version-min 9.9\n"),
+      profile("<tls-auth>\nnot a key</tls-auth>\nplugin /tmp/trap\n"),  // the daemon would go on in the block
+      "client\ndev tun\nremote 127.0.0.1 9\nauth-user-pass\n<ca>\nnot a certificate\n</ca>\n",
+      profile("<cert>\n" + read("/tmp/own.crt") + "</cert>\n<key>\n" + read("/tmp/other.key") + "</key>\n"),
+      profile("verb " + std::string(1 << 20, '1') + "\nsetenv " + std::string(1 << 20, 'A') + "\n"),
+      profile(std::string(10 << 20, 'x')),
+  };
+  for (const std::string& row : rows) EXPECT_NE(verify(row), 0) << row.substr(0, 300);
+  EXPECT_FALSE(fs::exists(MARK));
+  for (const auto& file : fs::directory_iterator("/tmp"))
+    EXPECT_THAT(file.path().string(), Not(HasSubstr("verify-ovpn")));
+}
+
+TEST_F(OpenVpnProfile, ComesWithKeyFilesThatAreNamedPlainly) {
+  const std::string names = "ca ca.crt\ncert client.crt\nkey client.key\n";
+  const std::string text = "client\ndev tun\nremote 127.0.0.1 9\n" + names;
+  EXPECT_EQ(verify(text, "--ca /tmp/own.crt --cert /tmp/own.crt --key /tmp/own.key "), 0);
+  for (const char* wrong : {"", "--ca /tmp/own.crt ", "--ca /tmp/own.crt --cert /tmp/own.crt --key /tmp/other.key ",
+                            "--ca /tmp/own.crt --cert /tmp/own.crt --key /tmp/own.key --up /tmp/trap ",
+                            "--ca $(/tmp/trap) ", "--ca /tmp/own.crt;/tmp/trap", "--ca /tmp ", "--ca own.crt ", "--ca"})
+    EXPECT_NE(verify(text, wrong), 0) << wrong;
+  EXPECT_FALSE(fs::exists(MARK));
+}
+
+TEST_F(OpenVpnProfile, IsImportedByBothWays) {
+  EXPECT_EQ(import_profile(profile("cipher aes-256-cbc\nplugin other.so\n")).status, 0);
+  EXPECT_THAT(read(STORED), HasSubstr("\ncipher AES-256-CBC\n"));
+  EXPECT_THAT(read(STORED), HasSubstr("\nplugin other.so\n"));
+  EXPECT_EQ(fs::status(STORED).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(cli({"--type=OVPN", "--remove=1"}).status, 0);
+  EXPECT_FALSE(fs::exists(STORED));
+
+  const auto post = [&](const char* route, const std::string& text) {
+    return cgi(route, admin + "&name=office&user=bob&pass=cA==", {MULTIPART, "CONTENT_LENGTH=1"},
+               part("ovpn", text, "office.ovpn") + "--edge--\r\n")
+        .body;
+  };
+  EXPECT_EQ(post("/ormel/config/import", profile("no-such-option\n")), refusal(23, "incorrect client config"));
+  EXPECT_FALSE(fs::exists(STORED));
+  EXPECT_THAT(post("/ormel/config/check", profile("comp-lzo\n")), HasSubstr("\"compress\":true"));
+  EXPECT_THAT(post("/ormel/config/import", profile()), HasSubstr("\"server_ip\":\"127.0.0.1\""));
+  EXPECT_THAT(read(STORED), HasSubstr("<connection>\nremote 127.0.0.1 9 udp\n"));
+}
+
+TEST_F(OpenVpnProfile, DoesNotRunWhenALineCouldDoHarm) {
+  ASSERT_EQ(import_profile(profile()).status, 0);
+  const std::string stored = read(STORED);
+  for (const char* line :
+       {"plugin /tmp/trap", "plugin /usr/lib/../../tmp/trap", "setenv opt plugin /tmp/trap", "config /tmp/trap",
+        "chroot /tmp", "engine dynamic", "providers /tmp/trap", "pkcs11-providers /tmp/trap",
+        "setenv LD_PRELOAD /tmp/trap", "setenv PATH /tmp", "replay-persist /tmp/mark", "genkey secret /tmp/mark",
+        "http-proxy 127.0.0.1 9 /etc/shadow basic", "socks-proxy 127.0.0.1 9 /etc/shadow"}) {
+    SCOPED_TRACE(line);
+    write(STORED, std::string(line) + '\n' + stored);
+    const Result started = run({CLIENT, "start", "1"});
+    EXPECT_EQ(started.status, 1);
+    EXPECT_THAT(started.err, HasSubstr("must not run on this appliance, for its line: "));
+    EXPECT_FALSE(fs::exists(MARK));
+  }
+}
+
+TEST_F(OpenVpnProfile, RunsWithoutTheScriptsAndFilesOfOthers) {
+  if (const ormel::Fd device{open("/dev/net/tun", O_RDWR | O_CLOEXEC)}; !device)
+    GTEST_SKIP() << "no OpenVPN without the TUN device /dev/net/tun";
+  ASSERT_EQ(
+      import_profile(profile("status /tmp/mark 1\nlog-append /tmp/mark\nroute-up /tmp/trap\ntls-verify /tmp/trap\n"
+                             "cipher BF-CBC\nproto tcp-client\nsetenv UV_ID 1\n"))
+          .status,
+      0);
+  const Result started = run({CLIENT, "start", "1"});
+  ASSERT_EQ(started.status, 0) << started.err;
+
+  const std::string found = run({"/usr/bin/pgrep", "-af", "client1"}).out;
+  EXPECT_THAT(found, HasSubstr("/usr/lib/fenro/openvpnclient "));
+  EXPECT_THAT(found, HasSubstr("/usr/lib/fenro/fenro-openvpn-login client1"));
+  EXPECT_THAT(found, Not(HasSubstr("BF-CBC"))) << "a cipher that the daemon would end for";
+  EXPECT_THAT(run({CGI}, {"SCRIPT_URL=/ormel/config/show", "QUERY_STRING=" + admin + "&type=1024"}).out,
+              HasSubstr("\"status\":2"));
+  EXPECT_EQ(run({CLIENT, "stop", "1"}).status, 0);
+  EXPECT_EQ(run({"/usr/bin/pgrep", "-f", "openvpnclient"}).status, 1);
+  EXPECT_FALSE(fs::exists(MARK));
+}
+
+// The hooks get what a stranger said about himself.
+TEST_F(OpenVpnProfile, HooksTakeAnyEnvironment) {
+  constexpr const char* UP = "/usr/lib/fenro/ovpn-server-up";
+  constexpr const char* DOWN = "/usr/lib/fenro/ovpn-server-down";
+  const std::vector<std::string> place{"trusted_ip=192.0.2.7", "trusted_port=4000", "ifconfig_local=10.8.0.1",
+                                       "ifconfig_pool_remote_ip=10.8.0.9"};
+  EXPECT_EQ(run({UP}).status, 0);
+  EXPECT_EQ(run({DOWN}).status, 0);
+  EXPECT_EQ(read(ONLINE), "");
+  EXPECT_EQ(run({UP}, place).status, 0);
+  EXPECT_EQ(read(ONLINE), "") << "nobody";
+  for (const std::string& name :
+       {std::string(10240, 'n'), std::string("a b\n$(/tmp/trap)\xff'\""), std::string("bob")}) {
+    std::vector<std::string> environment = place;
+    environment.insert(environment.end(), {"username=" + name, "IV_PLAT=$(/tmp/trap)\nx", "bytes_sent=nan"});
+    EXPECT_EQ(run({UP}, environment).status, 0);
+    const std::string list = read(ONLINE);
+    EXPECT_THAT(list, StartsWith("openvpn 192.0.2.7 4000 10.8.0.1 10.8.0.9 4 "));
+    EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 1) << "one address, one session";
+  }
+  EXPECT_EQ(run({DOWN}, place).status, 0);
+  EXPECT_EQ(read(ONLINE), "");
+  for (const char* hook : {"/etc/openvpn/openvpn_up", "/etc/openvpn/openvpn_down"}) {
+    for (const char* interface : {"", "tun", "tun1", "tun2001", "tun02001", "tun$(/tmp/trap)", "tun2001;/tmp/trap"})
+      run({hook, interface, "1500", "0", "10.8.0.2", "255.255.255.0", "init"}, {"route_vpn_gateway=$(/tmp/trap)"});
+  }
+  EXPECT_FALSE(fs::exists(MARK));
+  EXPECT_EQ(conf_value("OPENVPN_CLIENT1", "LocalIP"), "") << "there is no such profile";
+}
+
+}  // namespace
