@@ -2,6 +2,7 @@
 # shellcheck shell=dash
 # Work that all protocols share: routing and NAT of client interfaces, throwing out a server's sessions.
 #
+#   vpn_common.sh setup_vpn_entrance                   once at the start of the system; makes vpn.conf where there is none
 #   vpn_common.sh add_vpnclient_profile INTERFACE      the interface need not exist yet
 #   vpn_common.sh remove_vpnclient_profile INTERFACE
 #   vpn_common.sh kick_all_connection TYPE [USER]      all sessions of a server, or all of one user
@@ -12,6 +13,10 @@
 . /usr/lib/fenro/vpn_firewall.sh
 # shellcheck source=ppp_lib.sh
 . /usr/lib/fenro/ppp_lib.sh
+# shellcheck source=ovpn_lib.sh
+. /usr/lib/fenro/ovpn_lib.sh
+# shellcheck source=drovik_lib.sh
+. /usr/lib/fenro/drovik_lib.sh
 
 add_vpnclient_profile() {
   local unit
@@ -30,7 +35,8 @@ remove_vpnclient_profile() {
 # The pids of the sessions of a server type. Another protocol is another line here.
 session_pids() {
   case $1 in
-    1) pids_of pppd "$PPP_DIR/options.pptpd" ;;
+    1) pids_of pppd "$PPTP_SESSIONS" ;;
+    2) pids_of pppd "$L2TP_SESSIONS" ;;
     *) die "no sessions of server type '$1'" ;;
   esac
 }
@@ -57,6 +63,16 @@ end_sessions() {
 }
 
 kick_all_connection() {
+  case $1 in
+    "$OVPN_SERVER_BIT")
+      ovpn_kick all "${2-}"
+      return
+      ;;
+    "$DROVIK_SERVER_BIT")
+      drovik_kick all "${2-}"
+      return
+      ;;
+  esac
   local chosen
   if [ -n "${2-}" ]; then chosen=$(listed_pids "$1" all "$2"); else chosen=$(session_pids "$1") || exit 1; fi
   end_sessions "$1" "$chosen"
@@ -64,6 +80,16 @@ kick_all_connection() {
 
 kick_one_connection() {
   [ -n "${2-}" ] || die 'kick_one_connection: nobody named'
+  case $1 in
+    "$OVPN_SERVER_BIT")
+      ovpn_kick one "$2"
+      return
+      ;;
+    "$DROVIK_SERVER_BIT")
+      drovik_kick one "$2"
+      return
+      ;;
+  esac
   local chosen
   chosen=$(listed_pids "$1" one "$2")
   # A pid is good without the list: the sessions themselves are looked up.
@@ -72,7 +98,8 @@ kick_one_connection() {
 }
 
 case "$#/${1-}" in
+  1/setup_vpn_entrance) with_lock firewall entrance_open ;;
   2/add_vpnclient_profile | 2/remove_vpnclient_profile) with_lock firewall "$@" ;;
   [23]/kick_all_connection | 3/kick_one_connection) "$@" ;;
-  *) die 'usage: add_vpnclient_profile|remove_vpnclient_profile INTERFACE, kick_all_connection|kick_one_connection TYPE [WHO]' ;;
+  *) die 'usage: setup_vpn_entrance, add_vpnclient_profile|remove_vpnclient_profile INTERFACE, kick_all_connection|kick_one_connection TYPE [WHO]' ;;
 esac

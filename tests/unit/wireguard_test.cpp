@@ -185,6 +185,13 @@ TEST_F(WireGuard, ADamagedPeerFileIsSurvivedAndPutInOrder) {
   EXPECT_EQ(server.delete_peer(2), NO_ERROR);
   EXPECT_EQ(stored("global", "max_index"), "1");
 
+  // A section twice is one peer, and what is no number is none.
+  write_peers(
+      "[global]\npeers_num = x\nmax_index = 2\n[PEER2]\nallow_ip = 198.18.7.5\n[PEER2]\nallow_ip = 198.18.7.6\n");
+  EXPECT_EQ(server.check_peer_value(1), ERR_VALUE);
+  EXPECT_EQ(server_with("198.18.7.6", KEY_A).check_peer_value(0), ERR_IP_POOL_CONFLICT);
+  EXPECT_EQ(PeerFile(folder).next_index(), 1);
+
   write_peers("[global]\npeers_num = 99999\nmax_index = 99999\n");
   add("198.18.7.3", KEY_A);
   EXPECT_EQ(stored("PEER1", "pub_key"), KEY_A);
@@ -343,7 +350,16 @@ TEST_F(WireGuard, AClientIsVerifiedInOrder) {
       {"last port", [](ClientConfig& c) { c.port = 65535; }, NO_ERROR},
       {"index", [](ClientConfig& c) { c.index = 33; }, ERR_MAX_CONFIGS},
       {"address", [](ClientConfig& c) { c.client_ip = "10.0.0.256"; }, ERR_VALUE},
-      {"endpoint", [](ClientConfig& c) { c.peer_endpoint = std::string(65536, 'h'); }, ERR_VALUE},
+      {"no port", [](ClientConfig& c) { c.peer_endpoint = "host"; }, ERR_VALUE},
+      {"endless endpoint", [](ClientConfig& c) { c.peer_endpoint = std::string(65536, 'h'); }, ERR_VALUE},
+      // What is left to the start script: it has to look the host up.
+      {"empty port", [](ClientConfig& c) { c.peer_endpoint = "203.0.113.1:"; }, NO_ERROR},
+      {"no host", [](ClientConfig& c) { c.peer_endpoint = ":51820"; }, NO_ERROR},
+      {"endless host", [](ClientConfig& c) { c.peer_endpoint = std::string(65536, 'h') + ":51820"; }, NO_ERROR},
+      {"IPv6", [](ClientConfig& c) { c.peer_endpoint = "[::1]:51820"; }, NO_ERROR},
+      {"wide mask", [](ClientConfig& c) { c.client_mask = 33; }, ERR_VALUE},
+      {"negative mask", [](ClientConfig& c) { c.client_mask = -1; }, ERR_VALUE},
+      {"negative port", [](ClientConfig& c) { c.port = -1; }, ERR_PORT_NUMBER},
       {"private key", [](ClientConfig& c) { c.client_pri_key = "x"; }, ERR_VALUE},
       {"public key", [](ClientConfig& c) { c.peer_pub_key = "x"; }, ERR_VALUE},
       {"pre-shared key", [](ClientConfig& c) { c.psk = "x"; }, ERR_VALUE},

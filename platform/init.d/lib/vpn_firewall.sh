@@ -8,7 +8,8 @@ RULE_PRIORITY=20000           # plus the unit
 # vpn_unit INTERFACE: the unit of a client tunnel's interface, which is also the number of its routing table.
 vpn_unit() {
   local row prefix number
-  for row in ppp:1000 ppp:1250 tun:2000 dtunc:2500 wgc:3000; do
+  for row in $CLIENT_TUNNELS; do
+    row=${row#*:}
     prefix=${row%:*}
     number=${1#"$prefix"}
     is_number "$number" $((${row#*:} + 1)) $((${row#*:} + MAX_SLOT)) || continue
@@ -181,15 +182,60 @@ server_nat_remove() {
   return 0
 }
 
-# server_routes_add PRIORITY POOL INTERFACE: clients sent out by a tunnel take the tunnel's table; by any other
-# interface, the main table is right.
+# server_routes_add PRIORITY POOL INTERFACE: clients sent out by a tunnel take the tunnel's table, but for what goes to
+# clients; by any other interface, the main table is right.
 server_routes_add() {
   local unit
   server_routes_remove "$1"
   unit=$(vpn_unit "$3") || return 0
-  ip rule add from "$2" lookup "$unit" priority "$1"
+  ip rule add to "$2" lookup main priority "$1" && ip rule add from "$2" lookup "$unit" priority "$1"
 }
 
 server_routes_remove() {
   while [ -n "$(ip rule show priority "$1")" ] && ip rule del priority "$1"; do :; done
+}
+
+# Of the way in as a whole: forwarding, and that nobody but root gives the OpenVPN daemon orders.
+MANAGEMENT_PORT=7505
+
+entrance_nft_rules() {
+  printf 'chain orders {\n type filter hook output priority filter;\n oifname "lo" tcp dport %s meta skuid != 0 reject\n}\n' "$MANAGEMENT_PORT"
+}
+
+entrance_iptables_rules() {
+  printf 'filter OUTPUT -o lo -p tcp --dport %s -m owner ! --uid-owner 0 -j REJECT\n' "$MANAGEMENT_PORT"
+}
+
+entrance_rules() {
+  case $(firewall_tool) in
+    nft) entrance_nft_rules | nft_table fenro_entrance ;;
+    iptables) entrance_iptables_rules | iptables_rules add ;;
+    *) return 1 ;;
+  esac
+}
+
+# The program reads what is left here before it turns on anything.
+entrance_open() {
+  local done=TRUE
+  entrance_rules || done=FALSE
+  printf '1\n' 2>/dev/null >/proc/sys/net/ipv4/ip_forward || done=FALSE
+  vpn_set global setup_vpn_entrance_status "$done"
+  [ "$done" = TRUE ] || say 'the entrance could not be set up: no firewall, or no forwarding'
+}
+
+# server_open NAME POOL MSS INTERFACE PRIORITY. Where the rules can't be had, clients reach the appliance and nothing
+# behind it; the program tells so when it finds the word here, under the section of the server.
+server_open() {
+  local done=TRUE
+  entrance_open
+  if ! server_nat_add "$1" "$2" "$3" "$4" || ! server_routes_add "$5" "$2" "$4"; then
+    done=FALSE
+    say 'no NAT rules: clients reach this host only'
+  fi
+  vpn_set "$SECTION" "${SECTION}_iptables_rules" "$done"
+}
+
+server_close() {
+  server_nat_remove "$1"
+  server_routes_remove "$2"
 }

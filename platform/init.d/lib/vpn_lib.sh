@@ -9,9 +9,15 @@ export PATH LC_ALL
 
 VPN_CONF=/etc/config/vpn.conf
 RUN_DIR=/run/fenro
+# shellcheck disable=SC2034 # for the reader
 ONLINE_USERS=/var/log/ormel_online_users
 MAX_SLOT=32
 STOP_SECONDS=10
+MAX_NAME_SERVERS=2 # what a client can be told
+
+# Client tunnels: section of a profile before its slot, interface before its unit, and the unit less the slot.
+# shellcheck disable=SC2034 # for the reader
+CLIENT_TUNNELS='PPTP_CLIENT:ppp:1000 L2TP_CLIENT:ppp:1250 OPENVPN_CLIENT:tun:2000 DROVIK_CLIENT:dtunc:2500 WG_CLIENT:wgc:3000'
 
 # For the journal: the program starts most scripts without streams.
 note() { logger -t "${0##*/}" -- "$*" 2>/dev/null || :; }
@@ -55,10 +61,42 @@ is_ipv4() {
   for octet in "$@"; do is_number "$octet" 0 255 || return 1; done
 }
 
+# ipv4_network ADDRESS BITS: the network around an address, in CIDR form.
+ipv4_network() {
+  local bits="$2" IFS=. number
+  # shellcheck disable=SC2086 # split at the dots on purpose
+  set -- $1
+  number=$((($1 << 24 | $2 << 16 | $3 << 8 | $4) & (0xffffffff << (32 - bits))))
+  printf '%d.%d.%d.%d/%d\n' $((number >> 24 & 255)) $((number >> 16 & 255)) $((number >> 8 & 255)) $((number & 255)) "$bits"
+}
+
 # A host name in its strictest sense: letters, digits, "-" and ".", and no option in disguise.
 is_hostname() {
   case $1 in '' | [-.]* | *[!A-Za-z0-9.-]*) return 1 ;; esac
   [ ${#1} -le 255 ]
+}
+
+# What "interface" of a server may be: "all", "none" or the name of an interface.
+is_outgoing() {
+  case $1 in *[!a-z0-9]* | '' | ????????????????*) return 1 ;; esac
+}
+
+# name_servers SECTION KEY SWITCH: what clients of a server are told: the manual name server under KEY if SWITCH is on, else
+# the appliance's own ones that a client can reach.
+name_servers() {
+  local manual word server count=0
+  manual=$(vpn_get "$1" "$2" 0.0.0.0)
+  if is_true "$(vpn_get "$1" "$3" FALSE)" && is_ipv4 "$manual" && [ "$manual" != 0.0.0.0 ]; then
+    printf '%s\n' "$manual"
+    return
+  fi
+  while read -r word server _ || [ -n "$word" ]; do
+    [ "$word" = nameserver ] && is_ipv4 "$server" || continue
+    case $server in 127.*) continue ;; esac
+    count=$((count + 1))
+    [ "$count" -le "$MAX_NAME_SERVERS" ] || break
+    printf '%s\n' "$server"
+  done </etc/resolv.conf
 }
 
 # write_file PATH COMMAND...: the command's output becomes PATH, whole or not at all.
@@ -106,16 +144,21 @@ with_lock() {
   { flock 9 && "$@"; } 9>"$RUN_DIR/$name.lock"
 }
 
+# server_script LOCK ARGUMENT...: the command line of a server's script, which has start, stop and running.
+server_script() {
+  local lock="$1"
+  shift
+  case "$#/${1-}" in
+    1/start | 1/restart) with_lock "$lock" start ;;
+    1/stop) with_lock "$lock" stop ;;
+    1/status)
+      if running; then printf 'running\n'; else
+        printf 'stopped\n'
+        exit 3
+      fi
+      ;;
+    *) die 'usage: start|stop|restart|status' ;;
+  esac
+}
+
 base64_line() { printf '%s' "$1" | base64 -w 0; }
-
-# online_users_filter AWK_CONDITION VALUE: keeps the lines for which the condition holds; "value" is VALUE in it.
-online_users_filter() {
-  [ -e "$ONLINE_USERS" ] || return 0
-  VALUE=$2 write_file "$ONLINE_USERS" awk "BEGIN { value = ENVIRON[\"VALUE\"] } $1" "$ONLINE_USERS"
-}
-
-# online_users_add LINE. The list is replaced, so that no reader sees half a line.
-online_users_add() {
-  [ -e "$ONLINE_USERS" ] || : >"$ONLINE_USERS"
-  LINE=$1 write_file "$ONLINE_USERS" awk '{ print } END { print ENVIRON["LINE"] }' "$ONLINE_USERS"
-}

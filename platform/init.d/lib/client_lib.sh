@@ -1,0 +1,102 @@
+# shellcheck shell=dash
+# What the scripts and hooks of client tunnels share: the keys of a profile that tell of its tunnel, the connection log,
+# and the executables run as the tunnel comes and goes. Read by "." behind vpn_lib.sh.
+# shellcheck disable=SC2034,SC2154 # some names are for the reader, others from vpn_lib.sh
+
+CLIENT_MARKS=$RUN_DIR/tunnels # a file for each client tunnel that is up
+LOOKUP_SECONDS=10             # that the name of a server may take
+
+# client_slot SECTION: sets slot, unit and interface of the profile that the section holds.
+client_slot() {
+  local row prefix
+  for row in $CLIENT_TUNNELS; do
+    prefix=${row%%:*}
+    slot=${1#"$prefix"}
+    is_slot "$slot" && [ "$1" = "$prefix$slot" ] || continue
+    unit=$((${row##*:} + slot))
+    row=${row#*:}
+    interface=${row%:*}$unit
+    return 0
+  done
+  return 1
+}
+
+# A profile may be gone by now; setting a key would bring a part of its section back.
+client_known() { [ -n "$(vpn_get "$1" Index)" ]; }
+
+# client_resolve HOST: an address of it. Looked up once, so that all that tells of a tunnel names the same.
+client_resolve() {
+  local address
+  address=$(timeout "$LOOKUP_SECONDS" getent ahostsv4 "$1" | awk 'NR == 1 { print $1 }')
+  is_ipv4 "$address" && printf '%s\n' "$address"
+}
+
+# client_up SECTION LOCAL REMOTE SERVER [DNS]: the rising edge.
+client_up() {
+  # LocalIP comes last: a profile that has it counts as connected, and the rest should be there by then.
+  vpn_set "$1" RemoteIP "$3"
+  vpn_set "$1" 'Real Address' "$4"
+  if is_ipv4 "${5-}"; then vpn_set "$1" 'DNS Server' "$5"; fi
+  vpn_set "$1" 'Time Stamp' "$(date +%s)"
+  vpn_set "$1" LocalIP "$2"
+  mkdir -p "$CLIENT_MARKS"
+  : >"$CLIENT_MARKS/$1"
+  client_log "$1" client-up "$2" "$4"
+  client_edge "$1" Up "$2" "$3"
+}
+
+# client_down SECTION: the falling edge. Whoever takes the mark away first runs it, so it runs once.
+client_down() {
+  local local_ip remote_ip server since
+  local_ip=$(vpn_get "$1" LocalIP)
+  remote_ip=$(vpn_get "$1" RemoteIP)
+  server=$(vpn_get "$1" 'Real Address')
+  since=$(vpn_get "$1" 'Time Stamp' 0)
+  client_clear "$1"
+  rm "$CLIENT_MARKS/$1" 2>/dev/null || return 0
+  client_log "$1" client-down "$local_ip" "$server" "$since"
+  client_edge "$1" Down "$local_ip" "$remote_ip"
+}
+
+# client_log SECTION EVENT LOCAL SERVER [SINCE]: a row of the connection log. It keeps none of WireGuard. A hook that knows
+# the bytes has them in CONNECTION_RECEIVED and CONNECTION_SENT.
+client_log() {
+  local type section="$1" event="$2"
+  shift 2
+  case $section in
+    PPTP_*) type=256 ;;
+    L2TP_*) type=512 ;;
+    OPENVPN_*) type=1024 ;;
+    DROVIK_*) type=4096 ;;
+    *) return 0 ;;
+  esac
+  CONNECTION_NAME=$(vpn_get "$section" 'Profile File') CONNECTION_RECEIVED=${CONNECTION_RECEIVED-} \
+    CONNECTION_SENT=${CONNECTION_SENT-} /usr/lib/fenro/fenro-connection "$event" "$type" "$@" 2>/dev/null ||
+    note "[$section] the connection is not in the log"
+}
+
+# Empties what a tunnel that is up has written. A key that is empty already is left alone: each write costs a flush.
+client_clear() {
+  local key
+  for key in LocalIP RemoteIP 'Real Address' 'DNS Server'; do
+    [ -z "$(vpn_get "$1" "$key")" ] || vpn_set "$1" "$key" ''
+  done
+  [ "$(vpn_get "$1" 'Time Stamp' 0)" = 0 ] || vpn_set "$1" 'Time Stamp' 0
+}
+
+# client_edge SECTION KEY LOCAL REMOTE: runs the executable under "Up" or "Down" on its own, if there is one. It takes
+# no arguments, and of the environment only what it may want to know.
+client_edge() {
+  local program
+  program=$(vpn_get "$1" "$2")
+  [ -n "$program" ] || return 0
+  case $program in
+    /*) ;;
+    *) program= ;;
+  esac
+  if [ ! -f "$program" ] || [ ! -x "$program" ]; then
+    say "$1: no executable under \"$2\""
+    return 0
+  fi
+  setsid -f env -i PATH="$PATH" INTERFACE="$interface" LOCAL_IP="$3" REMOTE_IP="$4" "$program" </dev/null >/dev/null 2>&1 9>&-
+}

@@ -1,0 +1,115 @@
+#!/bin/sh
+# shellcheck shell=dash
+# WireGuard client tunnels, each an interface of the kernel or of wireguard-go.
+#
+#   vpn_wireguard_client.sh start|stop|remove INDEX
+#
+# Made from the section "WG_CLIENTINDEX" of vpn.conf. Nothing is kept for a profile but what "stop" takes away, so for a
+# profile that is removed the rest is the same.
+# shellcheck source=vpn_lib.sh
+. /usr/lib/fenro/vpn_lib.sh
+# shellcheck source=client_lib.sh
+. /usr/lib/fenro/client_lib.sh
+# shellcheck source=wireguard_lib.sh
+. /usr/lib/fenro/wireguard_lib.sh
+
+EVERYWHERE_BITS=8 # networks larger than this mean the rest of the world, which is the gateway policy's to route
+
+read_settings() {
+  client_known "$section" || die "[$section] no such profile"
+  address=$(vpn_get "$section" 'Client Address')
+  bits=$(vpn_get "$section" 'Client Address Mask' 32)
+  port=$(vpn_get "$section" 'VPN Port' 0)
+  key=$(vpn_get "$section" 'Client private key')
+  peer_key=$(vpn_get "$section" 'Peer Public key')
+  psk=$(vpn_get "$section" PSK)
+  keepalive=$(vpn_get "$section" 'Peer keepalive' 0)
+  allowed=$(vpn_get "$section" 'Peer Allowed IPs' | tr -d ' ')
+
+  is_ipv4 "$address" || die "[$section] bad \"Client Address\""
+  is_number "$bits" 1 32 || die "[$section] bad \"Client Address Mask\""
+  is_number "$port" 0 65535 || die "[$section] bad \"VPN Port\""
+  is_wireguard_key "$key" || die "[$section] no usable \"Client private key\""
+  is_wireguard_key "$peer_key" || die "[$section] no usable \"Peer Public key\""
+  [ -z "$psk" ] || is_wireguard_key "$psk" || die "[$section] bad \"PSK\""
+  is_number "$keepalive" 0 65535 || die "[$section] bad \"Peer keepalive\""
+  split_endpoint "$(vpn_get "$section" 'Peer Endpoint')" || die "[$section] bad \"Peer Endpoint\""
+  case $allowed in
+    '') allowed=0.0.0.0/0 ;;
+    *[!0-9A-Fa-f.:/,]*) die "[$section] bad \"Peer Allowed IPs\"" ;;
+  esac
+}
+
+configuration() {
+  printf '[Interface]\nPrivateKey = %s\nListenPort = %s\n' "$key" "$port"
+  printf '[Peer]\nPublicKey = %s\nAllowedIPs = %s\nEndpoint = %s:%s\n' "$peer_key" "$allowed" "$server" "$endpoint_port"
+  [ -z "$psk" ] || printf 'PresharedKey = %s\n' "$psk"
+  [ "$keepalive" -eq 0 ] || printf 'PersistentKeepalive = %s\n' "$keepalive"
+}
+
+# Sets server, the endpoint's address.
+find_server() {
+  server=$endpoint_host
+  is_hostname "$server" && ! is_ipv4 "$server" || return 0
+  server=$(client_resolve "$endpoint_host") || {
+    say "[$section] the server's name is not found"
+    return 1
+  }
+}
+
+# What the peer takes goes into the tunnel's own table, for sockets bound to it, and into the main one, but for what
+# somebody else routes already.
+add_routes() {
+  local prefix network IFS=,
+  # shellcheck disable=SC2086 # split at the commas on purpose; no character is left that could be a pattern
+  set -- $allowed
+  IFS=' '
+  for prefix in "$@"; do
+    case $prefix in */*) ;; *) prefix=$prefix/32 ;; esac
+    is_ipv4 "${prefix%/*}" && is_number "${prefix#*/}" 0 32 || continue
+    network=$(ipv4_network "${prefix%/*}" "${prefix#*/}")
+    ip route replace "$network" dev "$interface" table "$unit" || return 1
+    [ "${network#*/}" -ge "$EVERYWHERE_BITS" ] || continue
+    if is_ipv4 "$server" && [ "$(ipv4_network "$server" "${network#*/}")" = "$network" ] ||
+      ! ip route add "$network" dev "$interface" src "$address" 2>/dev/null; then
+      say "[$section] no route to $network: the server is in it, or another has it"
+    fi
+  done
+}
+
+bring_up() {
+  find_server && wireguard_add "$interface" || return 1
+  configuration | wireguard_set "$interface" || {
+    say "[$section] wg refuses the configuration, or its port is in use"
+    return 1
+  }
+  wireguard_open "$interface" "$address" "$bits" && add_routes
+}
+
+start() {
+  stop
+  read_settings
+  bring_up || {
+    stop
+    die "[$section] the tunnel cannot start"
+  }
+  vpn_set "$section" 'Domain IP' "$server"
+  dns=
+  if is_true "$(vpn_get "$section" 'Enable Manual DNS' FALSE)"; then dns=$(vpn_get "$section" 'Use Manual DNS'); fi
+  client_up "$section" "$address" '' "$server" "$dns"
+}
+
+stop() {
+  wireguard_remove "$interface" || die "[$section] the tunnel does not end"
+  client_down "$section"
+}
+
+remove() { stop; }
+
+case "$#/${1-}" in
+  2/start | 2/stop | 2/remove) ;;
+  *) die 'usage: start|stop|remove INDEX' ;;
+esac
+section=WG_CLIENT$2
+client_slot "$section" || die "not a profile index: '$2'"
+with_lock "wireguardclient$slot" "$1"

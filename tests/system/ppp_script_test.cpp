@@ -1,0 +1,399 @@
+// The start scripts of PPTP and L2TP, as the program runs them: no environment, umask 0.
+// appliance: --no-daemons
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <span>
+#include <sys/mount.h>
+#include <sys/sysmacros.h>
+
+#include "support/appliance_host.h"
+
+using namespace ormel::test;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+constexpr const char* COMMON = "/etc/init.d/vpn_common.sh";
+constexpr const char* DAEMON = "/usr/lib/fenro/pppd-pptp";
+
+struct Protocol {
+  const char *type, *section, *server, *client, *server_of_accounts, *interface, *daemon_conf, *sessions, *peer;
+};
+constexpr Protocol PROTOCOLS[] = {
+    {"1", "PPTP", "/etc/init.d/vpn_pptp.sh", "/etc/init.d/vpn_pptp_client.sh", "pptpd", "ppp1003",
+     "/etc/config/ppp/pptpd.conf", "/etc/config/ppp/options.pptpd", "/etc/config/ppp/peers/pptpclient3"},
+    {"2", "L2TP", "/etc/init.d/vpn_l2tp.sh", "/etc/init.d/vpn_l2tp_client.sh", "l2tpd", "ppp1253",
+     "/etc/config/ppp/xl2tpd.conf", "/etc/config/ppp/options.xl2tpd", "/etc/config/ppp/peers/l2tpclient3"},
+};
+constexpr const Protocol& PPTP = PROTOCOLS[0];
+
+// All rows of a table for PPTP, which stands for what both share; the first ones for the other.
+template <typename Row, size_t Size>
+std::span<const Row> first_of(const Row (&rows)[Size], const Protocol& protocol, size_t some) {
+  return std::span(rows).first(&protocol == &PPTP ? Size : some);
+}
+
+// Where the host lets only a group run pppd, an ordinary user's appliance cannot.
+bool may_run_pppd() {
+  return access("/usr/sbin/pppd", X_OK) == 0;
+}
+
+// What pppd itself makes of its options. It only looks whether its device can be opened before it parses.
+std::string parsed_by_pppd(std::vector<std::string> options) {
+  const bool made = symlink("/dev/null", "/dev/ppp") == 0;
+  options.insert(options.begin(), {"/usr/sbin/pppd", "dryrun"});
+  options.insert(options.end(), {"logfd", "1"});
+  const Result result = run(options);
+  if (made) fs::remove("/dev/ppp");
+  EXPECT_EQ(result.status, 0) << result.out << result.err;
+  return result.out + result.err;
+}
+
+// Every kernel looks here like one without PPP: nothing is to dial out of a test.
+void hide_ppp() {
+  std::string devices = read("/proc/devices");
+  const size_t line = devices.find("108 ppp\n");
+  if (line == std::string::npos) return;
+  write("/tmp/devices.hidden", devices.erase(line, 8));
+  ASSERT_EQ(mount("/tmp/devices.hidden", "/proc/devices", nullptr, MS_BIND, nullptr), 0);
+  umount("/dev/ppp");
+  fs::remove("/dev/ppp");
+}
+
+// What the start scripts say where there is no PPP: the files are written, and that is all.
+void expect_no_ppp(const Result& result) {
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, HasSubstr("this kernel has no PPP"));
+  EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+}
+
+class PppScript : public testing::Test {
+ protected:
+  void SetUp() override {
+    umask_before = umask(0);
+    hide_ppp();
+    fs::remove_all("/etc/config/ppp");
+    fs::remove(VPN_CONF);
+  }
+  void TearDown() override {
+    fs::remove(VPN_CONF);
+    umask(umask_before);
+  }
+
+  static Result start_client(const Protocol& protocol, const std::string& lines) {
+    write(VPN_CONF, '[' + std::string(protocol.section) + "_CLIENT3]\nIndex = 3\nPSK = \"k\"\n" + lines);
+    return run({protocol.client, "start", "3"});
+  }
+  static Result start_server(const Protocol& protocol, const std::string& lines) {
+    write(VPN_CONF, '[' + std::string(protocol.section) + "]\nEnable = TRUE\nPSK = \"k\"\n" + lines);
+    return run({protocol.server, "start"});
+  }
+
+ private:
+  mode_t umask_before = 0;
+};
+
+class PppClientScript : public PppScript {};
+class PppServerScript : public PppScript {};
+
+TEST_F(PppClientScript, QuotesEveryAccountSoThatPppdReadsItBack) {
+  struct Account {
+    const char *user, *user_of_pppd, *password_base64;
+  };
+  constexpr Account ACCOUNTS[] = {
+      // pppd prints its words with quotes and backslashes escaped
+      {"bob", "bob", "c2VjcmV0"},
+      {"DOM\\bob", "DOM\\\\bob", "YSBiICIjXA=="},  // a b "#\ .
+      {"$(touch /tmp/pwned) `id`; # \" user x", "$(touch /tmp/pwned) `id`; # \\\" user x", "bm9hdXRoCm5vYXV0aA=="},
+      {"-v\xc3\xa9", "-v\xc3\xa9", "JChpZCk="},
+      {"", "", ""},
+  };
+  for (const Protocol& protocol : PROTOCOLS) {
+    std::ptrdiff_t lines = 0;
+    for (const Account& account : first_of(ACCOUNTS, protocol, 3)) {
+      SCOPED_TRACE(std::string(protocol.section) + ' ' + account.user);
+      expect_no_ppp(start_client(protocol, std::string("Domain IP = 192.0.2.7\nName = ") + account.user +
+                                               "\nAccessCode = " + account.password_base64 + "\n"));
+
+      struct stat status {};
+      ASSERT_EQ(stat(protocol.peer, &status), 0);
+      EXPECT_EQ(status.st_mode & 07777, 0600U);
+      const std::string text = read(protocol.peer);
+      if (lines == 0) lines = std::count(text.begin(), text.end(), '\n');
+      EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), lines) << text;  // no value becomes a line of its own
+      if (!may_run_pppd()) continue;
+      const std::string parsed = parsed_by_pppd({"pty", "true", "file", protocol.peer});
+      EXPECT_THAT(parsed, HasSubstr(std::string("\nuser ") + account.user_of_pppd + "\t"));
+      EXPECT_THAT(parsed, HasSubstr("\npassword ?"));
+      EXPECT_THAT(parsed, HasSubstr(std::string("\nifname ") + protocol.interface));
+    }
+  }
+  EXPECT_EQ(std::distance(fs::directory_iterator("/etc/config/ppp/peers"), {}), 2);
+  EXPECT_FALSE(fs::exists("/tmp/pwned"));
+}
+
+TEST_F(PppClientScript, RefusesAnAccountThatPppdWouldCutShort) {
+  for (const char* password : {"AGE=", "not base64"}) {
+    EXPECT_EQ(
+        start_client(PPTP, std::string("Domain IP = 192.0.2.7\nName = bob\nAccessCode = ") + password + "\n").status,
+        1);
+    EXPECT_FALSE(fs::exists(PPTP.peer));
+  }
+  for (const size_t length : {255U, 256U}) {
+    start_client(PPTP, "Domain IP = 192.0.2.7\nName = " + std::string(length, 'u') + "\n");
+    EXPECT_EQ(fs::exists(PPTP.peer), length == 255);
+    fs::remove(PPTP.peer);
+  }
+}
+
+TEST_F(PppClientScript, LetsOnlyAddressesAndPlainNamesIntoCommandsAndFiles) {
+  constexpr const char* BAD[] = {
+      "", "192.0.2.7;id", "a }", "$(touch /tmp/pwned)", "-h", ".a", "a b", "a\" pty \"id", "x`id`", "a\\"};
+  for (const Protocol& protocol : PROTOCOLS) {
+    for (const char* bad : first_of(BAD, protocol, 3)) {
+      SCOPED_TRACE(bad);
+      EXPECT_EQ(start_client(protocol, std::string("Domain IP = ") + bad + "\nServer Address = " + bad + "\n").status,
+                1);
+      EXPECT_FALSE(fs::exists(protocol.peer));
+    }
+  }
+  EXPECT_FALSE(fs::exists("/tmp/pwned"));
+  start_client(PPTP, "Domain IP = \nServer Address = vpn-1.example.com\n");
+  EXPECT_THAT(read(PPTP.peer), HasSubstr("pptp vpn-1.example.com --nolaunchpppd\"\n"));
+}
+
+TEST_F(PppServerScript, TurnsTheStoredMethodsIntoOptionsOfBothEnds) {
+  struct Row {
+    const char *encryption, *authentication, *method, *mppe;
+  };
+  constexpr Row ROWS[] = {{"1", "2", "mschap-v2", "require-mppe"},
+                          {"0", "2", "mschap-v2", "nomppe"},
+                          {"2", "3", "mschap", "require-mppe-128"},
+                          {"2", "1", "pap", "nomppe"},
+                          {"1", "4", "chap", "nomppe"}};
+  for (const Protocol& protocol : PROTOCOLS) {
+    // Without an account pppd ends at once.
+    write("/etc/ppp/pap-secrets", std::string("\"bob\"\t") + protocol.server_of_accounts + "\t@login\t*\n");
+    for (const Row& row : first_of(ROWS, protocol, 1)) {
+      SCOPED_TRACE(std::string(protocol.section) + ' ' + row.encryption + ' ' + row.authentication);
+      const std::string keys =
+          std::string("Encryption = ") + row.encryption + "\nAuthentcation = " + row.authentication + "\n";
+      start_client(protocol, "Domain IP = 192.0.2.7\n" + keys);
+      start_server(protocol, keys);
+
+      const std::string peer = read(protocol.peer), session = read(protocol.sessions);
+      const std::string mppe = std::string("\n") + (&protocol == &PPTP ? row.mppe : "nomppe") + '\n';
+      for (const std::string& options : {peer, session}) {
+        EXPECT_THAT(options, HasSubstr(mppe));
+        EXPECT_THAT(options, Not(HasSubstr(std::string("refuse-") + row.method + "\n")));
+      }
+      EXPECT_THAT(session, HasSubstr(std::string("\nrequire-") + row.method + "\n"));
+      // Anything but PAP must go by the helper: pppd alone takes the secrets for what they only stand for.
+      EXPECT_EQ(session.find("\nplugin winbind.so\n") != std::string::npos, row.authentication != std::string("1"));
+      if (may_run_pppd()) parsed_by_pppd({"notty", "local", "file", protocol.sessions, "115200", "10.0.0.1:10.0.0.2"});
+    }
+  }
+}
+
+TEST_F(PppServerScript, WritesPoolNameServersAndSegmentSize) {
+  const std::string secrets = "\"al \"ice\"\tpptpd\t&/etc/config/smbpasswd\t*\n";
+  write("/etc/ppp/chap-secrets", secrets);
+  const std::vector<std::string> conf_lines[] = {
+      {"\nconnections 7\n", "\nlocalip 10.3.0.1\n", "\nremoteip 10.3.0.2-200\n"},
+      {"\nport = 1701\n", "\nlocal ip = 10.3.0.1\n", "\nip range = 10.3.0.2-10.3.0.8\n"},  // as many as may come
+  };
+  for (size_t i = 0; i < std::size(PROTOCOLS); ++i) {
+    const Protocol& protocol = PROTOCOLS[i];
+    SCOPED_TRACE(protocol.section);
+    expect_no_ppp(start_server(protocol,
+                               "Client IP 1 = 10.3.0.2\nClient IP 2 = 10.3.0.200\nMax Client = 7\nMSS = 1234\n"
+                               "Enable Mabual DNS = TRUE\nMabual DNS = 9.9.9.9\n"));
+
+    for (const std::string& line : conf_lines[i]) EXPECT_THAT(read(protocol.daemon_conf), HasSubstr(line));
+    for (const std::string& line :
+         {std::string("name ") + protocol.server_of_accounts, std::string("set VPN_TYPE=") + protocol.type,
+          std::string("mtu 1274"), std::string("mru 1274"), std::string("ms-dns 9.9.9.9")})
+      EXPECT_THAT(read(protocol.sessions), HasSubstr('\n' + line + '\n'));
+    EXPECT_THAT(read(protocol.daemon_conf) + read(protocol.sessions), Not(HasSubstr("\"k\"")));
+  }
+  EXPECT_EQ(read("/etc/ppp/chap-secrets"), secrets);
+
+  write("/etc/resolv.conf", "nameserver 127.0.0.53\nnameserver 192.0.2.1\nnameserver ::1\nnameserver 192.0.2.2");
+  start_server(PPTP, "");
+  EXPECT_THAT(read(PPTP.sessions), HasSubstr("\nms-dns 192.0.2.1\nms-dns 192.0.2.2\n"));
+}
+
+TEST_F(PppServerScript, RefusesSettingsThatTheDaemonsCouldNotTake) {
+  const struct {
+    const char* of;  // the one protocol that it is for
+    const char* setting;
+  } rows[] = {
+      {"PPTP", "Encryption = 3\n"},
+      {"L2TP", "PSK = \n"},
+      {"", "Client IP 1 = 10.0.0.x\n"},
+      {"", "Client IP 1 = 10.0.0.9\nClient IP 2 = 10.0.0.8\n"},
+      {"", "Client IP 2 = 10.0.1.9\n"},
+      {"", "Client IP 1 = 10.0.0.1\n"},
+      {"", "Max Client = 0\n"},
+      {"", "Max Client = 99999999999999999999\n"},
+      {"", "MSS = 999\n"},
+      {"", "MSS = 1401\n"},
+      {"", "MSS = 1300;id\n"},
+      {"", "Authentcation = 0\n"},
+      {"", "interface = eth0\"; drop\n"},
+      {"", "interface = $(id)\n"},
+  };
+  for (const Protocol& protocol : PROTOCOLS) {
+    for (const auto& row : first_of(rows, protocol, 4)) {
+      if (*row.of && row.of != std::string(protocol.section)) continue;
+      SCOPED_TRACE(std::string(protocol.section) + ' ' + row.setting);
+      EXPECT_EQ(start_server(protocol, row.setting).status, 1);
+      EXPECT_FALSE(fs::exists(protocol.sessions));
+    }
+  }
+  EXPECT_EQ(start_client(PROTOCOLS[1], "Domain IP = 192.0.2.7\nPSK = \n").status, 1);
+  EXPECT_FALSE(fs::exists(PROTOCOLS[1].peer));
+}
+
+TEST_F(PppClientScript, TakesNothingForAnIndexButOneOfTheSlots) {
+  for (const char* script : {PPTP.client, PROTOCOLS[1].client, "/etc/init.d/vpn_wireguard_client.sh"}) {
+    for (const char* bad : {"", "0", "33", "-1", "03", "3 3", "3;id", "1e1", "99999999999999999999"}) {
+      SCOPED_TRACE(bad);
+      EXPECT_EQ(run({script, "stop", bad}).status, 1);
+    }
+    EXPECT_EQ(run({script, "stop", "32"}).status, 0);  // not running, not even there
+    EXPECT_EQ(run({script, "start", "32"}).status, 1);
+  }
+  EXPECT_FALSE(fs::exists(VPN_CONF));  // no section came of it
+}
+
+// A tunnel with a stand-in for pppd: a shell under its name, which runs the real hooks.
+TEST_F(PppClientScript, FollowsATunnelFromUpToDown) {
+  if (mknod("/dev/ppp", S_IFCHR | 0600, makedev(1, 3)) != 0) GTEST_SKIP() << "an ordinary user makes no devices";
+  write("/tmp/devices", read("/proc/devices") + "108 ppp\n");
+  ASSERT_EQ(mount("/tmp/devices", "/proc/devices", nullptr, MS_BIND, nullptr), 0);
+  fs::remove(DAEMON);
+  fs::copy_file("/bin/bash", DAEMON);
+  const std::string hook = " ppp1003 /dev/pts/0 0 10.9.0.2 10.9.0.1 PPTP_CLIENT3";
+  // bash reads its first argument, "file", as a script; the working directory is "/".
+  write("/file", "(trap 'env -i /usr/lib/fenro/ppp-client-down" + hook + "; exit' TERM\n" +
+                     "env -i DNS1=9.9.9.9 /usr/lib/fenro/ppp-client-up" + hook + "\nwhile :; do sleep 0.1; done) &\n");
+  write("/tmp/edge", "#!/bin/sh\necho \"$# $INTERFACE $LOCAL_IP $REMOTE_IP $(env | wc -l)\" >>/tmp/edges\n", 0700);
+
+  ASSERT_EQ(start_client(PPTP,
+                         "Domain IP = 192.0.2.7\nName = bob\nAccessCode = c2VjcmV0\nLocalIP = 1.1.1.1\nUp = /tmp/edge\n"
+                         "Down = /tmp/edge\n")
+                .status,
+            0);
+
+  EXPECT_TRUE(comes_true([] { return conf_value("PPTP_CLIENT3", "LocalIP") == "10.9.0.2"; }));
+  EXPECT_EQ(conf_value("PPTP_CLIENT3", "RemoteIP"), "10.9.0.1");
+  EXPECT_EQ(conf_value("PPTP_CLIENT3", "Real Address"), "192.0.2.7");
+  EXPECT_EQ(conf_value("PPTP_CLIENT3", "DNS Server"), "9.9.9.9");
+  EXPECT_GT(conf_value("PPTP_CLIENT3", "Time Stamp").size(), 9U);
+  EXPECT_TRUE(comes_true([] { return read("/tmp/edges") == "0 ppp1003 10.9.0.2 10.9.0.1 5\n"; })) << read("/tmp/edges");
+  std::string commands;
+  for (const auto& entry : fs::directory_iterator("/proc"))
+    if (fs::is_directory(entry.path() / "task")) commands += read(entry.path() / "cmdline") + "\n";
+  EXPECT_NE(commands.find(std::string(DAEMON) + '\0' + "file" + '\0' + PPTP.peer + '\0'), std::string::npos);
+  EXPECT_EQ(commands.find("secret"), std::string::npos);
+
+  EXPECT_EQ(run({PPTP.client, "stop", "3"}).status, 0);
+
+  for (const char* key : {"LocalIP", "RemoteIP", "Real Address", "DNS Server"})
+    EXPECT_EQ(conf_value("PPTP_CLIENT3", key), "") << key;
+  EXPECT_EQ(conf_value("PPTP_CLIENT3", "Time Stamp"), "0");
+  EXPECT_EQ(run({PPTP.client, "stop", "3"}).status, 0);
+  const std::string both = "0 ppp1003 10.9.0.2 10.9.0.1 5\n0 ppp1003 10.9.0.2 10.9.0.1 5\n";
+  EXPECT_TRUE(comes_true([&] { return read("/tmp/edges").size() >= both.size(); }));
+  EXPECT_EQ(read("/tmp/edges"), both);  // the falling edge once, whoever saw it
+
+  umount("/proc/devices");
+  fs::remove("/dev/ppp");
+  fs::remove(DAEMON);
+  fs::create_symlink("/usr/sbin/pppd", DAEMON);
+}
+
+// Sessions with a stand-in for their pppd, and the real hooks that list them.
+TEST_F(PppServerScript, ThrowsOutTheSessionsNamedAndNoOther) {
+  fs::create_directories("/tmp/sessions");
+  fs::copy_file("/bin/bash", "/tmp/sessions/pppd", fs::copy_options::overwrite_existing);
+  for (const Protocol& protocol : PROTOCOLS) {
+    SCOPED_TRACE(protocol.section);
+    const std::string type = std::string("VPN_TYPE=") + protocol.type;
+    std::vector<pid_t> pids;
+    const auto open_session = [&](const std::string& interface, const std::string& source, const std::string& user) {
+      pids.push_back(fork());
+      if (pids.back() == 0) {
+        execl("/tmp/sessions/pppd", "/tmp/sessions/pppd", "-c", "while :; do sleep 0.1; done", "file",
+              protocol.sessions, nullptr);
+        _exit(127);
+      }
+      run({"/usr/lib/fenro/ppp-server-up", interface, "tty", "0", "10.0.0.1",
+           "10.0.0." + std::to_string(pids.size() + 1), source},
+          {type, "PEERNAME=" + user, "PPPD_PID=" + std::to_string(pids.back())});
+    };
+    const auto live = [&] {
+      std::string left;
+      for (const pid_t pid : pids) left += waitpid(pid, nullptr, WNOHANG) == 0 ? '1' : '0';
+      return left;
+    };
+    open_session("ppp0", "192.0.2.10", "al ice\"$");
+    open_session("ppp1", "192.0.2.11", "bob");
+    open_session("ppp2", "192.0.2.12", "al ice\"$");
+    open_session("ppp3", "192.0.2.13", "123");
+    const std::string pid_of_bob = std::to_string(pids[1]);
+
+    struct Kick {
+      const char* type;
+      const char* action;
+      std::string who;
+      const char* left;
+    };
+    const Kick KICKS[] = {
+        {&protocol == &PPTP ? "2" : "1", "kick_one_connection", "bob", "1111"},  // of the other server
+        {protocol.type, "kick_one_connection", pid_of_bob, "1011"},
+        {protocol.type, "kick_one_connection", std::to_string(getpid()), "1011"},  // no session: this test goes on
+        {protocol.type, "kick_all_connection", "ppp0", "1011"},                    // of users only
+        {protocol.type, "kick_one_connection", "$3 || 1", "1011"},
+        {protocol.type, "kick_one_connection", "10.0.0.5", "1010"},
+        {protocol.type, "kick_all_connection", "al ice\"$", "0000"},
+    };
+    for (const Kick& kick : first_of(KICKS, protocol, 2)) {
+      SCOPED_TRACE(kick.who);
+      EXPECT_EQ(run({COMMON, kick.action, kick.type, kick.who}).status, 0);
+      EXPECT_TRUE(comes_true([&] { return live() == kick.left; })) << live();
+    }
+
+    run({"/usr/lib/fenro/ppp-server-down", "ppp1", "tty", "0", "10.0.0.1", "10.0.0.3", "192.0.2.11"},
+        {type, "PPPD_PID=" + pid_of_bob});
+    const std::string list = read("/var/log/ormel_online_users");
+    EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 3) << list;
+    EXPECT_THAT(list, Not(HasSubstr(" Ym9i")));
+    EXPECT_EQ(run({protocol.server, "stop"}).status, 0);
+    EXPECT_EQ(read("/var/log/ormel_online_users"), "");
+    EXPECT_TRUE(comes_true([&] { return live() == "0000"; })) << live();
+  }
+}
+
+TEST_F(PppClientScript, HasItsRoutesAndNatOnceHoweverOftenTheyAreAdded) {
+  const bool firewall = fs::exists("/usr/sbin/nft") || fs::exists("/usr/sbin/iptables");
+  const auto rules = [] { return run({"/sbin/ip", "rule", "show", "priority", "21003"}).out; };
+  const auto routes = [] { return run({"/sbin/ip", "route", "show", "table", "1003"}).out; };
+  for (const char* bad : {"eth0", "ppp1000", "ppp1033", "ppp01003", "ppp1003; id", ""})
+    EXPECT_EQ(run({COMMON, "add_vpnclient_profile", bad}).status, 1) << bad;
+
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(run({COMMON, "add_vpnclient_profile", "ppp1003"}).status, firewall ? 0 : 1);
+    const std::string added = rules();
+    EXPECT_EQ(std::count(added.begin(), added.end(), '\n'), 1) << added;
+    EXPECT_EQ(routes().find("unreachable default"), 0U);
+  }
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_EQ(run({COMMON, "remove_vpnclient_profile", "ppp1003"}).status, 0);
+    EXPECT_EQ(rules() + routes(), "");
+  }
+}
+
+}  // namespace

@@ -1,0 +1,232 @@
+// A WireGuard server and a client of it on two appliances, with the real scripts and tool.
+// appliance: --pair --daemon fenro-networkd
+#include <gmock/gmock.h>
+
+#include "ormel/config_pool.h"
+#include "ormel/wireguard.h"
+#include "support/far_appliance.h"
+#include "support/web_request.h"
+
+using namespace ormel::test;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+constexpr const char* WG = "/usr/bin/wg";
+constexpr const char* PEER_FILE = "/etc/config/ormel/wireguard/server_peers.conf";
+constexpr const char* SERVER = "/etc/init.d/vpn_wireguard.sh";
+constexpr const char* CLIENT = "/etc/init.d/vpn_wireguard_client.sh";
+constexpr const char* LAN_GATEWAY = "192.168.77.254";
+
+std::string line(Result result) {
+  return result.out.substr(0, result.out.find('\n'));
+}
+
+std::string new_key() {
+  return line(run({WG, "genkey"}));
+}
+std::string public_key(const std::string& key) {
+  return line(run({WG, "pubkey"}, {}, key + '\n'));
+}
+
+bool far_pings(const char* address) {
+  return far::run({"/bin/ping", "-c1", "-W2", address}).status == 0;
+}
+
+// Where any process shows a secret to others: arguments and environment. What is looked for goes by standard input.
+constexpr const char* SEARCH = "/usr/bin/grep -lsaF -f /dev/stdin /proc/[0-9]*/cmdline /proc/[0-9]*/environ";
+
+class WireGuardTunnel : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (access("/dev/net/tun", R_OK | W_OK) != 0 && run({"/sbin/ip", "link", "add", "wg0", "type", "wireguard"}).status)
+      GTEST_SKIP() << "no WireGuard in this kernel, and an ordinary user has no TUN device";
+    for (const char* file : {VPN_CONF, PEER_FILE}) fs::remove(file);
+    far::run({"/bin/rm", "-f", VPN_CONF, "/tmp/edges"});
+    ASSERT_EQ(cli({"--type=SWG", "--modify=0", "--server_name=office", "--server_ip=198.18.7.1", "--server_mask=24",
+                   "--enable=TRUE"})
+                  .status,
+              0);
+  }
+  void TearDown() override {
+    far::run({CLIENT, "stop", "1"});
+    run({SERVER, "stop"});
+  }
+
+  // The server as a request would have it, with a peer's values as the options leave them.
+  std::unique_ptr<ormel::config::PolyConfig> server(const std::string& address = {}) const {
+    ormel::config::cm.config_pool.clear();
+    ormel::config::cm.load();
+    auto record = ormel::config::cm.clone(ormel::WIREGUARD_SERVER_TYPE, 0);
+    auto* work = record->cast<ormel::wireguard::ServerConfig>();
+    work->peer_name = "phone%201";
+    work->peer_pub_key = public_key(key);
+    work->peer_allow_ip = address;
+    work->peer_allow_ip_mask = "32";
+    work->psk = psk;
+    return record;
+  }
+  void add_peer(const std::string& address) const {
+    const auto record = server(address);
+    ASSERT_EQ((*record)->check_peer_value(0), 0);
+    ASSERT_EQ((*record)->enable_peer(0), 0);
+    ASSERT_EQ((*record)->add_peer(), 0);
+  }
+
+  Result client(const std::string& action, const std::string& address, const std::string& allowed) const {
+    return far::run({"/usr/sbin/ormel", "--type=WG", action, "--client_name=home", "--client_pri_key=" + key,
+                     "--client_ip=" + address, "--client_mask=32", "--psk=" + psk,
+                     "--peer_pub_key=" + conf_value("WG", "Server public key"), "--peer_endpoint=192.168.77.1:51820",
+                     "--peer_allow_ip=" + allowed, "--enable_dns=TRUE", "--manual_dns=9.9.9.9", "--up=/tmp/edge",
+                     "--down=/tmp/edge"});
+  }
+  static std::string far_shown(const char* type) {
+    const std::string sid = far::run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8);
+    return far::run({CGI}, {"SCRIPT_URL=/ormel/config/show", "QUERY_STRING=sid=" + sid + "&type=" + type}).out;
+  }
+  static std::string near_shown() {
+    return cgi(SHOW, "sid=" + run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8) + "&type=32")
+        .body;
+  }
+
+  const std::string key = new_key();  // of the client
+  const std::string psk = new_key();  // any 32 bytes
+};
+
+TEST_F(WireGuardTunnel, CarriesTrafficAndBothEndsTellOfIt) {
+  add_peer("198.18.7.2");
+  far::write("/tmp/edge", "#!/bin/sh\necho \"$# $INTERFACE $LOCAL_IP\" >>/tmp/edges\n", 0700);
+  ASSERT_EQ(client("--add", "198.18.7.2", "198.18.7.0/24,192.168.77.254/32").status, 0);
+  ASSERT_EQ(far::cli({"--type=WG", "--connect=1"}).status, 0);
+
+  EXPECT_TRUE(comes_true([] { return far_pings("198.18.7.1"); }));
+  EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "198.18.7.2"}).status, 0);
+  EXPECT_TRUE(far_pings(LAN_GATEWAY));  // by the server, which answers for its clients
+
+  const std::string far_figures = far_shown("65536"), near_figures = near_shown();
+  EXPECT_THAT(far_figures, HasSubstr("\"local_ip\":\"198.18.7.2\""));
+  EXPECT_THAT(far_figures, HasSubstr("\"status\":1"));
+  EXPECT_THAT(near_figures, HasSubstr("\"peer_allow_ip\":\"198.18.7.2/32\""));
+  for (const std::string& figures : {far_figures, near_figures}) {
+    EXPECT_THAT(figures, ContainsRegex("\"latest_handshake\":\"([^\"]* ago|Now)\""));
+    EXPECT_THAT(figures, ContainsRegex("\"[rt]x_total\":\"[0-9.]+ [KM]?i?B\""));
+  }
+
+  EXPECT_EQ(far::conf_value("WG_CLIENT1", "LocalIP"), "198.18.7.2");
+  EXPECT_EQ(far::conf_value("WG_CLIENT1", "Real Address"), "192.168.77.1");
+  EXPECT_EQ(far::conf_value("WG_CLIENT1", "DNS Server"), "9.9.9.9");
+  EXPECT_THAT(far::run({"/sbin/ip", "route", "show", "table", "3001"}).out, HasSubstr("198.18.7.0/24 dev wgc3001"));
+  EXPECT_TRUE(comes_true([] { return far::read("/tmp/edges") == "0 wgc3001 198.18.7.2\n"; }));
+
+  const std::string secrets = key + '\n' + psk + '\n' + conf_value("WG", "Server private key") + '\n';
+  EXPECT_EQ(run({"/bin/sh", "-c", SEARCH}, {}, secrets).out, "");
+  EXPECT_EQ(far::run({"/bin/sh", "-c", SEARCH}, {}, secrets).out, "");
+
+  // A peer that is disabled is cut off at once, and stays with the file when the server starts again.
+  ASSERT_EQ((*server())->disable_peer(1), 0);
+  EXPECT_FALSE(far_pings("198.18.7.1"));
+  EXPECT_EQ(run({SERVER, "restart"}).status, 0);
+  EXPECT_EQ(line(run({WG, "show", "wg0", "peers"})), public_key(key));
+  EXPECT_EQ((*server())->disable_peer(1), 0);
+  EXPECT_EQ((*server())->delete_peer(1), 0);
+  EXPECT_EQ(run({SERVER, "restart"}).status, 0);
+  EXPECT_EQ(run({WG, "show", "wg0", "peers"}).out, "");
+
+  EXPECT_EQ(far::cli({"--type=WG", "--disconnect=1"}).status, 0);
+  EXPECT_EQ(far::conf_value("WG_CLIENT1", "LocalIP") + far::conf_value("WG_CLIENT1", "DNS Server"), "");
+  EXPECT_TRUE(comes_true([] { return far::read("/tmp/edges") == "0 wgc3001 198.18.7.2\n0 wgc3001 198.18.7.2\n"; }));
+  EXPECT_NE(far::run({"/sbin/ip", "link", "show", "wgc3001"}).status, 0);
+  EXPECT_EQ(far::cli({"--type=WG", "--remove=1"}).status, 0);
+  EXPECT_TRUE(comes_true([] {
+    return far::run({"/bin/sh", "-c", "pgrep wireguard; ls /run/fenro/tunnels"}).out.empty();
+  }));
+  EXPECT_THAT(far::read(VPN_CONF), Not(HasSubstr("WG_CLIENT1")));
+}
+
+TEST_F(WireGuardTunnel, PeersMoveWithTheServerToAnotherNetwork) {
+  add_peer("198.18.7.77");
+  ASSERT_EQ(cli({"--type=SWG", "--modify=0", "--server_ip=10.9.0.1", "--server_mask=24"}).status, 0);
+  EXPECT_THAT(run({WG, "show", "wg0", "allowed-ips"}).out, testing::EndsWith("\t10.9.0.2/32\n"));
+
+  ASSERT_EQ(client("--add", "10.9.0.2", "0.0.0.0/0").status, 0);
+  ASSERT_EQ(far::cli({"--type=WG", "--connect=1"}).status, 0);
+  EXPECT_TRUE(comes_true([] {
+    return far::run({"/bin/ping", "-I", "wgc3001", "-c1", "-W2", "10.9.0.1"}).status == 0;
+  }));
+  EXPECT_THAT(far::run({"/sbin/ip", "route", "get", "10.9.0.1"}).out, HasSubstr("dev eth0"));  // the policy's to decide
+  EXPECT_THAT(far::run({"/sbin/ip", "route", "show", "table", "3001"}).out, StartsWith("default dev wgc3001"));
+}
+
+TEST_F(WireGuardTunnel, AServerIsMadeOfWhatItsFilesHoldOfUse) {
+  const std::string good = public_key(new_key()), named = public_key(new_key());
+  write(PEER_FILE,
+        "garbage\n[global]\nmax_index = 9\n[PEER1]\npub_key = short\nallow_ip = 198.18.7.2\n[PEER2]\npub_key = " +
+            good + "\nallow_ip = 198.18.7.3\npsk = " + psk +
+            "\nendpoint = 192.0.2.1:7\nkeepalive = 25\n[PEER3]\npub_key = " + good +
+            "\nallow_ip = 198.18.7.4\n[PEER4]\npub_key = " + named + "\nallow_ip = 198.18.7.300\n[PEER5]\npub_key = " +
+            named + "\nallow_ip = 198.18.7.5\nallow_ip_mask = 33\n[PEER6]\npub_key = " + named +
+            "\nallow_ip = 198.18.7.6\npsk = none\n[PEER7]\npub_key = " + named +
+            "\nallow_ip = 198.18.7.7\nendpoint = [::1]\n[PEER8]\npub_key = " + named +
+            "\nallow_ip = 198.18.7.8\nendpoint = nowhere.example:7\n[PEER10]\npub_key = " + named +
+            "\nallow_ip = 198.18.7.10\n[PEER9]\nendpoint = " + std::string(65536, 'x'));
+
+  const Result started = run({SERVER, "restart"});
+
+  EXPECT_EQ(started.status, 0);
+  EXPECT_EQ(std::count(started.err.begin(), started.err.end(), '\n'), 7) << started.err;
+  const std::string installed = run({WG, "show", "wg0", "dump"}).out;
+  EXPECT_EQ(std::count(installed.begin(), installed.end(), '\n'), 3) << installed;
+  EXPECT_THAT(installed, HasSubstr('\n' + good + '\t' + psk + "\t192.0.2.1:7\t198.18.7.3/32\t0\t0\t"));
+  EXPECT_THAT(installed, HasSubstr('\n' + named + "\t(none)\t(none)\t198.18.7.8/32\t0\t0\t0\toff\n"));
+
+  const std::string conf = read(VPN_CONF);
+  const char* bad[] = {"Server Address = 198.18.7\n",   "Server Address Mask = 33\n", "VPN Port = 65536\n",
+                       "Server private key = remove\n", "Server private key = \n",    "interface = $(id)\n",
+                       "Server Address Mask = 24;id\n"};
+  for (const char* setting : bad) {
+    SCOPED_TRACE(setting);
+    write(VPN_CONF, conf + "[WG]\n" + setting);
+    const Result refused = run({SERVER, "start"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(std::count(refused.err.begin(), refused.err.end(), '\n'), 1) << refused.err;
+  }
+  write(VPN_CONF, conf + "[WG]\ninterface = wgc3001\n");
+  EXPECT_EQ(run({SERVER, "start"}).status, 0);
+  EXPECT_EQ(run({"/sbin/ip", "rule", "show", "priority", "19032"}).out,
+            "19032:\tfrom all to 198.18.7.0/24 lookup main\n19032:\tfrom 198.18.7.0/24 lookup 3001\n");
+
+  EXPECT_EQ(run({SERVER, "stop"}).status, 0);
+  EXPECT_EQ(run({SERVER, "status"}).out, "stopped\n");
+  EXPECT_EQ(run({"/sbin/ip", "rule", "show", "priority", "19032"}).out, "");
+  EXPECT_THAT(run({"/usr/sbin/nft", "list", "tables"}).out, Not(HasSubstr("wireguard")));
+}
+
+TEST_F(WireGuardTunnel, AClientThatCannotBeLeavesNothingBehind) {
+  const std::string usable =
+      "[WG_CLIENT1]\nIndex = 1\nClient Address = 198.18.7.2\nClient Address Mask = 32\nClient private key = " + key +
+      "\nPeer Public key = " + key + "\nPeer Endpoint = 192.0.2.1:7\nPeer Allowed IPs = 192.0.2.0/24, ::/0\n";
+  const char* bad[] = {
+      "Client Address = x\n",     "Client private key = remove\n", "PSK = short\n",
+      "Peer keepalive = 65536\n", "Peer Endpoint = host:\n",       "Peer Endpoint = [::1\n",
+      "Peer Endpoint = -h:7\n",   "Peer Allowed IPs = 0/0;id\n",   "Peer Endpoint = nowhere.example:7\n"};
+  for (const char* setting : bad) {
+    SCOPED_TRACE(setting);
+    write(VPN_CONF, usable + setting);
+    EXPECT_EQ(run({CLIENT, "start", "1"}).status, 1);
+    EXPECT_FALSE(fs::exists("/sys/class/net/wgc3001"));
+    EXPECT_EQ(conf_value("WG_CLIENT1", "LocalIP"), "");
+  }
+  write(VPN_CONF, usable + "Peer Endpoint = " + std::string(65536, 'h') + ":7\n");
+  EXPECT_EQ(run({CLIENT, "start", "1"}).status, 1);
+
+  write(VPN_CONF, usable);
+  EXPECT_THAT(run({CLIENT, "start", "1"}).err, HasSubstr("no route to 192.0.2.0/24: the server is in it"));
+  EXPECT_THAT(run({"/sbin/ip", "route", "get", "192.0.2.1"}).out, HasSubstr("dev eth0"));
+  EXPECT_EQ(run({CLIENT, "remove", "1"}).status, 0);
+  EXPECT_FALSE(fs::exists("/sys/class/net/wgc3001"));
+}
+
+}  // namespace
