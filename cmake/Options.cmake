@@ -11,3 +11,8 @@ option(ORMEL_COVERAGE "Instrument for gcov" OFF)
 # Deployment values: the hosts that the program speaks to.
 set(ORMEL_CLOUD_DOMAIN "pelmar.example" CACHE STRING "Domain of the cloud services")
 set(ORMEL_PROVIDER_HOST "vpn-provider.example" CACHE STRING "Host of the VPN provider's server list")
+# Who the program is to those services: an id of 24 bytes, a secret of 32 and a provider of 3.
+set(ORMEL_APP_ID "ormel-appliance-00000000" CACHE STRING "Application id at the cloud, 24 bytes")
+set(ORMEL_APP_SECRET "00000000000000000000000000000000" CACHE STRING "Application secret at the cloud, 32 bytes")
+set(ORMEL_APP_PROVIDER "vtr" CACHE STRING "Login provider at the cloud, 3 bytes")
+mark_as_advanced(ORMEL_APP_SECRET)

@@ -1,0 +1,25 @@
+// fenro-cloud FOLDER ADDRESS PORT [CERTIFICATE KEY]: the services that the appliance's membership speaks to, for tests
+// and demonstration. FOLDER holds what it knows, and "server.pem" and "server.key" unless others are named.
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <sys/prctl.h>
+
+#include "cloud/services.h"
+
+int main(int argc, char** argv) {
+  if (argc != 4 && argc != 6) {
+    std::fputs("usage: fenro-cloud FOLDER ADDRESS PORT [CERTIFICATE KEY]\n", stderr);
+    return 2;
+  }
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // it lives as long as who started it
+  const std::string folder = argv[1];
+  fenro::cloud::Services services{folder};
+  fenro::cloud::TlsServer server{argc == 6 ? argv[4] : folder + "/server.pem",
+                                 argc == 6 ? argv[5] : folder + "/server.key"};
+  if (!server.listen(argv[2], static_cast<unsigned short>(std::atoi(argv[3])))) {
+    std::fputs("fenro-cloud: cannot listen, or cannot use the certificate\n", stderr);
+    return 1;
+  }
+  server.run([&](const fenro::cloud::HttpRequest& request) { return services.answer(request); });
+}
