@@ -14,13 +14,16 @@ constexpr const char* LIBRARY = "libcurl.so.4";
 
 bool load(Api& api) {
   if (!load_library(LIBRARY)) return false;
-  return find_function(api.easy_init, "curl_easy_init") && find_function(api.easy_setopt, "curl_easy_setopt") &&
-         find_function(api.easy_perform, "curl_easy_perform") && find_function(api.easy_getinfo, "curl_easy_getinfo") &&
+  return find_function(api.global_init, "curl_global_init") &&
+         find_function(api.global_cleanup, "curl_global_cleanup") && find_function(api.easy_init, "curl_easy_init") &&
+         find_function(api.easy_setopt, "curl_easy_setopt") && find_function(api.easy_perform, "curl_easy_perform") &&
+         find_function(api.easy_getinfo, "curl_easy_getinfo") &&
          find_function(api.easy_strerror, "curl_easy_strerror") &&
          find_function(api.easy_cleanup, "curl_easy_cleanup") &&
          find_function(api.easy_unescape, "curl_easy_unescape") && find_function(api.free, "curl_free") &&
          find_function(api.slist_append, "curl_slist_append") &&
-         find_function(api.slist_free_all, "curl_slist_free_all");
+         find_function(api.slist_free_all, "curl_slist_free_all") && find_function(api.share_init, "curl_share_init") &&
+         find_function(api.share_setopt, "curl_share_setopt") && find_function(api.share_cleanup, "curl_share_cleanup");
 }
 
 }  // namespace
@@ -37,6 +40,10 @@ void Cleanup::operator()(CURL* handle) const noexcept {
 }
 void Cleanup::operator()(curl_slist* list) const noexcept {
   api()->slist_free_all(list);
+}
+
+void ShareCleanup::operator()(CURLSH* handle) const noexcept {
+  api()->share_cleanup(handle);
 }
 
 bool unescape(const std::string& text, std::string& out) {

@@ -10,6 +10,8 @@ namespace ormel::curl {
 
 // The functions of libcurl that the program calls.
 struct Api {
+  decltype(&::curl_global_init) global_init;
+  decltype(&::curl_global_cleanup) global_cleanup;
   decltype(&::curl_easy_init) easy_init;
   decltype(&::curl_easy_setopt) easy_setopt;
   decltype(&::curl_easy_perform) easy_perform;
@@ -20,6 +22,9 @@ struct Api {
   decltype(&::curl_free) free;
   decltype(&::curl_slist_append) slist_append;
   decltype(&::curl_slist_free_all) slist_free_all;
+  decltype(&::curl_share_init) share_init;
+  decltype(&::curl_share_setopt) share_setopt;
+  decltype(&::curl_share_cleanup) share_cleanup;
 };
 
 // The loaded library; null when it, or one of the functions, is missing.
@@ -28,6 +33,10 @@ struct Api {
 struct Cleanup {
   void operator()(CURL* handle) const noexcept;
   void operator()(curl_slist* list) const noexcept;
+};
+
+struct ShareCleanup {
+  void operator()(CURLSH* handle) const noexcept;
 };
 
 // Undoes URL encoding. Whether it could be done.
@@ -39,6 +48,7 @@ namespace ormel {
 
 using Curl = std::unique_ptr<CURL, curl::Cleanup>;
 using CurlList = std::unique_ptr<curl_slist, curl::Cleanup>;
+using CurlShare = std::unique_ptr<CURLSH, curl::ShareCleanup>;
 
 // A new handle, empty when libcurl is missing.
 [[nodiscard]] Curl new_curl();

@@ -107,6 +107,16 @@ JsonValue& JsonValue::operator=(json_t* from) {
   return *this;
 }
 
+JsonValue& JsonValue::make_array() {
+  hold<Array>(ARRAY_TYPE).clear();
+  return *this;
+}
+
+JsonValue& JsonValue::make_object() {
+  hold<Object>(OBJECT_TYPE) = Object{};
+  return *this;
+}
+
 JsonValue& JsonValue::operator[](const std::string& key) {
   auto& object = hold<Object>(OBJECT_TYPE);
   auto& member = object.members[key];

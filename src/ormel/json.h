@@ -48,6 +48,10 @@ class JsonValue {
   JsonValue& operator=(uint64_t from);
   JsonValue& operator=(const std::string& from);
 
+  // Becomes an array or an object without contents, which would else come with the first of them.
+  JsonValue& make_array();
+  JsonValue& make_object();
+
   // A new null member under `key`; the value becomes an object if it is none. A member of that key given out before
   // is no longer printed, but a reference to it stays good for the life of this object.
   JsonValue& operator[](const std::string& key);

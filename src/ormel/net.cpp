@@ -20,6 +20,7 @@ namespace ormel::system {
 namespace {
 
 constexpr long HTTP_TIMEOUT = 10;  // seconds
+constexpr size_t ANSWER_LIMIT = size_t{4} * 1024 * 1024;
 constexpr const char* VERIFY_SCRIPT = "/usr/sbin/verify_ovpn.sh";
 constexpr const char* DEFAULT_CONF = "/etc/default_config/Corlin.conf";
 constexpr const char* SYSTEM_CONF = "/etc/config/Corlin.conf";
@@ -163,8 +164,15 @@ std::string nslookup(const std::string& host) {
 }
 
 size_t curl_memory_data(void* bytes, size_t size, size_t count, void* out) {
-  static_cast<std::string*>(out)->append(static_cast<const char*>(bytes), size * count);
-  return size * count;
+  std::string& text = *static_cast<std::string*>(out);
+  const size_t length = size * count;
+  if (length > ANSWER_LIMIT - std::min(text.size(), ANSWER_LIMIT)) {
+    ORMEL_LOG(ERROR, "[easycurl] the answer is larger than %zu bytes and is dropped", ANSWER_LIMIT);
+    text.clear();  // nobody works on a part of it, and it does not belong in the log
+    return 0;
+  }
+  text.append(static_cast<const char*>(bytes), length);
+  return length;
 }
 
 int easycurl(Curl handle, std::string& out) {

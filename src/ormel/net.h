@@ -40,10 +40,11 @@ void nslookup(const std::string& host, std::vector<std::string>& out);
 [[nodiscard]] std::string nslookup(const std::string& host);
 
 // Performs the request that `handle` is set up for, within ten seconds, and appends the answer to `out`.
-// 0, ERR_EASYCURL_FAIL for an empty handle, ERR_HTTP_ERROR for a status outside 200 to 299, else libcurl's own code.
+// 0, ERR_EASYCURL_FAIL for an empty handle, ERR_HTTP_ERROR for a status outside 200 to 299, else libcurl's own code;
+// that of a failed write, and nothing in `out`, for an answer of more than 4 MiB.
 [[nodiscard]] int easycurl(Curl handle, std::string& out);
 
-// Write callback of libcurl: appends to the std::string behind `out`.
+// Write callback of libcurl: appends to the std::string behind `out`, as far as that stays below the limit.
 size_t curl_memory_data(void* bytes, size_t size, size_t count, void* out);
 
 // The kind of this appliance, by marker files.

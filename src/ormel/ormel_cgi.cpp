@@ -1,19 +1,27 @@
 #include "ormel/ormel_cgi.h"
 
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
 #include <string>
+#include <sys/stat.h>
 
 #include <fenro/auth.h>
 
 #include "ormel/config_pool.h"
 #include "ormel/ormel_cgi_config.h"
 #include "ormel/ormel_cgi_config_edit.h"
+#include "ormel/ormel_cgi_connection.h"
 #include "ormel/ormel_cgi_gateway.h"
+#include "ormel/ormel_cgi_log.h"
+#include "ormel/ormel_cgi_misc.h"
+#include "ormel/ormel_cgi_pelmar.h"
+#include "ormel/ormel_cgi_privilege.h"
 #include "ormel/ormel_cgi_process.h"
 #include "ormel/system_log.h"
+#include "ormel/text.h"
 
 namespace ormel {
 
@@ -30,12 +38,8 @@ namespace cgi {
 namespace {
 
 constexpr std::string_view ANY_MEDIA_TYPE = "*/*";
+constexpr size_t COPY_SIZE = size_t{64} * 1024;
 constexpr std::string_view POOL_ROUTES = "/ormel/config/";  // what holds this works on the pool
-
-// The route whose work has not landed yet: it keeps its place, its session check and its envelope.
-int not_supported(JsonValue& response) {
-  return serve(response, ADMINISTRATOR, [](const Request&, JsonValue&) -> int { return ERR_NOT_SUPPORT; });
-}
 
 constexpr Route ROUTES[] = {
     {"/ormel/config/add", config::add},
@@ -48,48 +52,48 @@ constexpr Route ROUTES[] = {
     {"/ormel/config/modify", config::modify},
     {"/ormel/config/download", config::download},
     {"/ormel/config/downloadcert", config::downloadcert},
-    {"/ormel/connection/list", not_supported},
-    {"/ormel/connection/kick", not_supported},
-    {"/ormel/log/event", not_supported},
-    {"/ormel/log/client", not_supported},
-    {"/ormel/log/server", not_supported},
-    {"/ormel/log/cleanup", not_supported},
-    {"/ormel/log/dump", not_supported},
-    {"/ormel/misc/env", not_supported},
-    {"/ormel/misc/nic", not_supported},
-    {"/ormel/misc/dns", not_supported},
-    {"/ormel/misc/gw", not_supported},
-    {"/ormel/misc/member", not_supported},
-    {"/ormel/misc/vpn_client_info", not_supported},
-    {"/ormel/misc/interface_rate", not_supported},
-    {"/ormel/user/query", not_supported},
-    {"/ormel/privilege/get", not_supported},
-    {"/ormel/privilege/set", not_supported},
-    {"/ormel/privilege/unset", not_supported},
-    {"/ormel/privilege/block_show", not_supported},
-    {"/ormel/privilege/block", not_supported},
-    {"/ormel/privilege/remove_block_user", not_supported},
+    {"/ormel/connection/list", connection::list},
+    {"/ormel/connection/kick", connection::kick},
+    {"/ormel/log/event", log::event},
+    {"/ormel/log/client", log::client},
+    {"/ormel/log/server", log::server},
+    {"/ormel/log/cleanup", log::cleanup},
+    {"/ormel/log/dump", log::dump},
+    {"/ormel/misc/env", misc::env},
+    {"/ormel/misc/nic", misc::nic},
+    {"/ormel/misc/dns", misc::dns},
+    {"/ormel/misc/gw", misc::gwInfo},
+    {"/ormel/misc/member", misc::member},
+    {"/ormel/misc/vpn_client_info", misc::vpnClientInfo},
+    {"/ormel/misc/interface_rate", misc::interfaceRate},
+    {"/ormel/user/query", user::query},
+    {"/ormel/privilege/get", privilege::get},
+    {"/ormel/privilege/set", privilege::set},
+    {"/ormel/privilege/unset", privilege::unset},
+    {"/ormel/privilege/block_show", privilege::block_show},
+    {"/ormel/privilege/block", privilege::block},
+    {"/ormel/privilege/remove_block_user", privilege::remove_block_user},
     {"/ormel/gateway/get", gateway::get},
     {"/ormel/gateway/set", gateway::set},
     {"/ormel/gateway/get_vpn_gw", gateway::get_vpn_gw},
-    {"/ormel/pelmar/check_device", not_supported},
-    {"/ormel/pelmar/check_virtual_ip", not_supported},
-    {"/ormel/pelmar/device_register", not_supported},
-    {"/ormel/pelmar/device_unregister", not_supported},
-    {"/ormel/pelmar/get_tamid", not_supported},
-    {"/ormel/pelmar/get_pelmar_status", not_supported},
-    {"/ormel/pelmar/join_pelmar_precheck", not_supported},
-    {"/ormel/pelmar/modify_virtual_ip", not_supported},
-    {"/ormel/pelmar/organization_list", not_supported},
-    {"/ormel/pelmar/region_list", not_supported},
-    {"/ormel/pelmar/feature_tour/show", not_supported},
-    {"/ormel/pelmar/feature_tour/set", not_supported},
-    {"/ormel/pelmar/min_fenro_version", not_supported},
-    {"/ormel/pelmar/min_ormel_version", not_supported},
-    {"/ormel/pelmar/compatible_version", not_supported},
-    {"/ormel/pelmar/supernode_recent_billing_daily_traffic", not_supported},
-    {"/ormel/pelmar/logs", not_supported},
-    {"/ormel/oauth_login", not_supported},
+    {"/ormel/pelmar/check_device", pelmar::pelmar_check_device},
+    {"/ormel/pelmar/check_virtual_ip", pelmar::pelmar_check_virtual_ip},
+    {"/ormel/pelmar/device_register", pelmar::pelmar_device_register},
+    {"/ormel/pelmar/device_unregister", pelmar::pelmar_device_unregister},
+    {"/ormel/pelmar/get_tamid", pelmar::pelmar_get_tamid},
+    {"/ormel/pelmar/get_pelmar_status", pelmar::pelmar_get_pelmar_status},
+    {"/ormel/pelmar/join_pelmar_precheck", pelmar::pelmar_join_pelmar_precheck},
+    {"/ormel/pelmar/modify_virtual_ip", pelmar::pelmar_modify_virtual_ip},
+    {"/ormel/pelmar/organization_list", pelmar::pelmar_organization_list},
+    {"/ormel/pelmar/region_list", pelmar::pelmar_region_list},
+    {"/ormel/pelmar/feature_tour/show", pelmar::pelmar_feature_tour_show},
+    {"/ormel/pelmar/feature_tour/set", pelmar::pelmar_feature_tour_set},
+    {"/ormel/pelmar/min_fenro_version", pelmar::pelmar_min_fenro_version},
+    {"/ormel/pelmar/min_ormel_version", pelmar::pelmar_min_ormel_version},
+    {"/ormel/pelmar/compatible_version", pelmar::pelmar_compatible_version},
+    {"/ormel/pelmar/supernode_recent_billing_daily_traffic", pelmar::pelmar_supernode_recent_billing_daily_traffic},
+    {"/ormel/pelmar/logs", pelmar::pelmar_logs},
+    {"/ormel/oauth_login", pelmar::pelmar_oauth_login},
 };
 static_assert(std::size(ROUTES) == 52);
 
@@ -153,6 +157,22 @@ int check_access(const Request& request, Access access) {
   return request.user() < access.least ? access.refusal : NO_ERROR;
 }
 
+cgi_settings settings_for(cgi_var_mode repeats) {
+  cgi_settings settings = settings_with_query();
+  settings.var_mode = repeats;
+  return settings;
+}
+
+// False when the client went away.
+bool copy_to_output(const File& file) {
+  std::array<char, COPY_SIZE> piece;
+  size_t length = 0;
+  while ((length = std::fread(piece.data(), 1, piece.size(), file.get())) > 0) {
+    if (std::fwrite(piece.data(), 1, length, stdout) < length) return false;
+  }
+  return std::fflush(stdout) == 0;
+}
+
 int refuse_download(int code) {
   log_failure(code, reason_of(code));
   print_head("Status: 404 Not Found\r\nContent-Type: text/html\r\n");
@@ -162,20 +182,33 @@ int refuse_download(int code) {
 
 }  // namespace
 
-Request::Request() : CgiRequest(settings_with_query()), user_(INVAILD_USER) {
+Request::Request(cgi_var_mode repeats) : CgiRequest(settings_for(repeats)), user_(INVAILD_USER) {
   withhold_request();
   user_ = system::auth_user_session(get_cgi_var_value(find("sid")));
 }
 
-int serve(JsonValue& response, Access access, DetailedWork work) {
-  const Request request;
+int Request::number(const char* name, int fallback) const {
+  return filled(name) ? option::to_int(value(name)) : fallback;
+}
+
+std::vector<char*> Request::values(const char* name) const {
+  std::vector<char*> all;
+  for (cgi_var* var = find(name); var; var = get_cgi_var(var, name)) {
+    char* const value = get_cgi_var_value(var);
+    if (value && get_cgi_var_status(var) == CORRECT_VAR) all.push_back(value);
+  }
+  return all;
+}
+
+int serve(JsonValue& response, Access access, DetailedWork work, cgi_var_mode repeats) {
+  const Request request{repeats};
   if (const int rc = check_access(request, access); rc != NO_ERROR) return fail(response, rc);
   const Outcome outcome = work(request, response);
   return outcome.code == NO_ERROR ? succeed(response) : fail(response, outcome);
 }
 
-int serve(JsonValue& response, Access access, Work work) {
-  const Request request;
+int serve(JsonValue& response, Access access, Work work, cgi_var_mode repeats) {
+  const Request request{repeats};
   if (const int rc = check_access(request, access); rc != NO_ERROR) return fail(response, rc);
   const int rc = work(request, response);
   return rc == NO_ERROR ? succeed(response) : fail(response, rc);
@@ -189,6 +222,28 @@ int serve_download(Access access, DownloadWork work) {
   print_head(file.head);
   std::fwrite(file.body.data(), 1, file.body.size(), stdout);
   return std::fflush(stdout) == 0 && !std::ferror(stdout) ? NO_ERROR : ERR_GENERAL;
+}
+
+int serve_file(JsonValue& response, Access access, FileWork work) {
+  const Request request;
+  if (const int rc = check_access(request, access); rc != NO_ERROR) return fail(response, rc);
+  SentFile file;
+  if (const int rc = work(request, file); rc != NO_ERROR) return fail(response, rc);
+  struct stat info {};
+  if (fstat(fileno(file.content.get()), &info) != 0) return fail(response, ERR_CMD_FAILED);
+  print_head(file.head + "Content-Length: " + std::to_string(info.st_size) + "\r\n");
+  return copy_to_output(file.content) ? NO_ERROR : ERR_GENERAL;
+}
+
+int serve_page(JsonValue& response, Access access, PageWork work) {
+  const Request request;
+  if (const int rc = check_access(request, access); rc != NO_ERROR) return fail(response, rc);
+  Page page;
+  work(request, page);
+  print_head("Content-Type: text/html\r\n");
+  std::fwrite(page.text.data(), 1, page.text.size(), stdout);
+  std::fflush(stdout);
+  return page.error;
 }
 
 int main(int, char**) {

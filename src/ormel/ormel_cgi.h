@@ -6,9 +6,11 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ormel/cgi/cgi.h"
 #include "ormel/error.h"
+#include "ormel/handle.h"
 #include "ormel/json.h"
 #include "ormel/types.h"
 
@@ -33,11 +35,16 @@ int main(int argc, char** argv);
 // so that no program started later inherits a password or a session.
 class Request : public CgiRequest {
  public:
-  Request();
+  explicit Request(cgi_var_mode repeats = OVERRIDE_VAR_MODE);
 
   [[nodiscard]] USER_TYPE user() const { return user_; }
   // A variable that is there and not empty.
   [[nodiscard]] bool filled(const char* name) const { return *value(name) != '\0'; }
+  // The number that a variable says, `fallback` for one that is missing or empty.
+  [[nodiscard]] int number(const char* name, int fallback) const;
+  // All values of a variable, in their order, where repeated ones count; those that are missing or damaged are left
+  // out. They may be written to.
+  [[nodiscard]] std::vector<char*> values(const char* name) const;
 
  private:
   USER_TYPE user_;
@@ -66,8 +73,9 @@ using DetailedWork = Outcome (*)(const Request& request, JsonValue& response);
 
 // The frame of every handler: parses the request, checks its session, does the work, prints the one reply and frees the
 // form with its uploads. On a failure what the work has put into `response` is thrown away. The code of the reply.
-int serve(JsonValue& response, Access access, Work work);
-int serve(JsonValue& response, Access access, DetailedWork work);
+// `repeats` says what becomes of a variable that comes more than once.
+int serve(JsonValue& response, Access access, Work work, cgi_var_mode repeats = OVERRIDE_VAR_MODE);
+int serve(JsonValue& response, Access access, DetailedWork work, cgi_var_mode repeats = OVERRIDE_VAR_MODE);
 
 // A file that a route sends in place of the envelope.
 struct Download {
@@ -79,6 +87,24 @@ struct Download {
 // the session too, is one and the same "404 Not Found". The code; not 0 either when the client went away.
 using DownloadWork = int (*)(const Request& request, Download& file);
 int serve_download(Access access, DownloadWork work);
+
+// A file of any size that a route sends, whose failures are told in the envelope.
+struct SentFile {
+  std::string head;  // as above, without the line of its length
+  File content;
+};
+using FileWork = int (*)(const Request& request, SentFile& file);
+int serve_file(JsonValue& response, Access access, FileWork work);
+
+// A page that a browser is sent to; `error` is the code of what it tells.
+struct Page {
+  std::string text;
+  int error = NO_ERROR;
+};
+// The same frame for a route that answers with a page: what went wrong is the page's to tell, but for a session that is
+// not good enough, which is told in the envelope.
+using PageWork = void (*)(const Request& request, Page& page);
+int serve_page(JsonValue& response, Access access, PageWork work);
 
 // One row of the route table.
 struct Route {

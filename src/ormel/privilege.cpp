@@ -15,6 +15,7 @@
 
 #include "ormel/handle.h"
 #include "ormel/ovpn_profile.h"
+#include "ormel/system_bus.h"
 #include "ormel/types.h"
 
 namespace ormel {
@@ -175,7 +176,7 @@ int UserPrivilege::get(int start, int count, const std::string& filter, JsonValu
     if (start > 0) {
       --start;
     } else {
-      out[user] = mask;
+      out[system::valid_utf8(user)] = mask;  // a directory may name its accounts in other bytes
       --count;
     }
   }

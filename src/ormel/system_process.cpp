@@ -249,7 +249,10 @@ void invoke_vpn_script(const std::string& script, const std::string& action) {
 
 int getcfg_wrapper(const std::string& file, const std::string& section, const std::string& key,
                    const std::string& fallback, std::string& out) {
-  if (do_exec_safe({GETCFG, section, key, "-f", file, "-d", fallback}, out) != 0) return ERR_CMD_FAILED;
+  // A tool that fails although there is a default has nothing better to say than that default.
+  if (do_exec_safe({GETCFG, section, key, "-f", file, "-d", fallback}, out) != 0 && fallback.empty()) {
+    return ERR_CMD_FAILED;
+  }
   out.erase(std::remove(out.begin(), out.end(), '\n'), out.end());
   if (out.empty()) out = fallback;
   return NO_ERROR;

@@ -73,7 +73,8 @@ bool write_file(const std::string& content, const char* path, unsigned int mode)
 // Runs an init script with one argument and logs both the call and a failure.
 void invoke_vpn_script(const std::string& script, const std::string& action);
 
-// One key of an INI file. 0 or ERR_CMD_FAILED; `out` without line feeds, `fallback` when the value is empty.
+// One key of an INI file. `out` without line feeds, `fallback` when the value is empty. 0, or ERR_CMD_FAILED: for a key
+// that is missing only if `fallback` is empty.
 int getcfg_wrapper(const std::string& file, const std::string& section, const std::string& key,
                    const std::string& fallback, std::string& out);
 int setcfg_wrapper(const std::string& file, const std::string& section, const std::string& key,

@@ -1,9 +1,11 @@
 // Web requests to the program: as a web server starts it, and through the real web server.
 #pragma once
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "ormel/json.h"
 #include "support/appliance_host.h"
 
 namespace ormel::test {
@@ -36,6 +38,24 @@ inline WebReply cgi(const std::string& route, const std::string& query, const En
   Environment environment{"SCRIPT_URL=" + route, "QUERY_STRING=" + query};
   environment.insert(environment.end(), more.begin(), more.end());
   return parted(run({CGI}, environment, body));
+}
+
+// Runs a handler that no route leads to as a request of its own.
+inline WebReply unrouted(int (*handler)(ormel::JsonValue&), const std::string& query) {
+  const pid_t child = fork();
+  if (child == 0) {
+    clearenv();
+    setenv("QUERY_STRING", query.c_str(), 1);
+    const int out = open("/tmp/run.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const bool ready = dup2(out, STDOUT_FILENO) >= 0 && dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) >= 0;
+    ormel::JsonValue response;
+    const int code = ready ? handler(response) : -1;
+    std::fflush(stdout);
+    _exit(code);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return parted({WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"), ""});
 }
 
 inline WebReply https(const std::string& route, std::vector<std::string> options = {}) {

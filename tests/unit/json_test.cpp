@@ -45,6 +45,18 @@ TEST(JsonValue, PrintsAHeldDocumentAsJsonButQuotesItInAString) {
   EXPECT_EQ(as_string(value), "{\"d\":\"{\"k\":\"\\u00E9\",\"r\":0.123457}\"}");
 }
 
+TEST(JsonValue, CanBeAnEmptyListOrObject) {
+  JsonValue value;
+  value["a"].make_array();
+  value["o"].make_object();
+  value["b"] << 1;
+  JsonValue& full = value["c"];
+  full << 1;
+  full.make_array();
+
+  EXPECT_EQ(printed(value), R"({"a":[],"b":[1],"c":[],"o":{}})");
+}
+
 TEST(JsonValue, GivesAFreshMemberForEachUseOfAKey) {
   JsonValue value;
   value["a"]["b"] = 1;

@@ -1,0 +1,40 @@
+// What the network daemon knows of the appliance's interfaces. Its objects are passed on as they come; the functions
+// here add members to them.
+#pragma once
+
+#include <string>
+
+#include "ormel/handle.h"
+
+namespace ormel {
+
+// A reply that is passed on whatever it says: its "error" is of no interest here.
+struct NetworkReply {
+  int status = 0;        // of mib_call
+  Json document;         // null unless there is a reply and it could be read
+  std::string text{};    // the reply as it came
+  std::string reason{};  // why it could not be read
+
+  // What the reply carries; null when it carries nothing. It stays the reply's.
+  [[nodiscard]] json_t* data() const { return json_object_get(document.get(), "data"); }
+};
+
+// One call; `request` may be null.
+[[nodiscard]] NetworkReply call_network_service(const char* method, const json_t* request = nullptr);
+
+// Each adds members to the object of one interface. 0, or a code with the method that failed in `failed_method`.
+
+// "ip", and "maxSpeed", which is null for anything but Ethernet.
+[[nodiscard]] int get_interface_status(json_t* interface, std::string& failed_method);
+// "maxSpeed"; nothing for a virtual one.
+[[nodiscard]] int get_interface_speed(json_t* interface, std::string& failed_method);
+// "member" and "slave": what a bridge or a bond is made of, each with its speed.
+[[nodiscard]] int get_bridge_members(json_t* interface, std::string& failed_method);
+[[nodiscard]] int get_bonding_slaves(json_t* interface, std::string& failed_method);
+// "tx_rate" and "rx_rate", null where they are not known.
+[[nodiscard]] int get_Interface_transmit_rate(json_t* interface, std::string& failed_method);
+
+// Whether an address is one of the appliance's own: 0 no, 1 yes, any other value a failure.
+[[nodiscard]] int is_ip_duplicate(const std::string& ip);
+
+}  // namespace ormel

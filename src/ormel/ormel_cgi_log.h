@@ -1,0 +1,29 @@
+// What happened, over the web: the appliance's event log as far as it tells of this service, the connection logs of
+// servers and client profiles, their clean-up, and an archive for those who look for a fault.
+#pragma once
+
+#include <string>
+
+#include "ormel/json.h"
+
+namespace ormel::cgi {
+
+// A row of the event log as an object of its columns, added to the JsonValue behind `out`. Always 0: the next, please.
+int sqlite_query_callback(void* out, int columns, char** values, char** names);
+
+}  // namespace ormel::cgi
+
+namespace ormel::cgi::log {
+
+// Each answers one request; the code of the reply.
+int event(JsonValue& response);
+int client(JsonValue& response);
+int server(JsonValue& response);
+int cleanup(JsonValue& response);
+// This one sends a file in place of the reply.
+int dump(JsonValue& response);
+
+// Date and time in the formats that the appliance is set to, without seconds; empty for a time that has no date.
+[[nodiscard]] std::string timestamp(long seconds);
+
+}  // namespace ormel::cgi::log
