@@ -122,7 +122,9 @@ int tell_tour(const Request&, JsonValue& reply) {
 
 // Lax on purpose: clients have stored other words than these two.
 bool refused_choice(const std::string& value) {
-  return strcasecmp(value.c_str(), "true") == 1 && strcasecmp(value.c_str(), "false") == 1;
+  const int from_true = strcasecmp(value.c_str(), "true");
+  const int from_false = strcasecmp(value.c_str(), "false");
+  return from_true == 1 && from_false == 1;
 }
 
 int feature_tour_set(const std::string& intro, const std::string& tip) {

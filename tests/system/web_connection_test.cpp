@@ -16,7 +16,6 @@
 using namespace ormel::test;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 

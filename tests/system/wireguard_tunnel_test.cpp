@@ -21,7 +21,7 @@ constexpr const char* SERVER = "/etc/init.d/vpn_wireguard.sh";
 constexpr const char* CLIENT = "/etc/init.d/vpn_wireguard_client.sh";
 constexpr const char* LAN_GATEWAY = "192.168.77.254";
 
-std::string line(Result result) {
+std::string line(const Result& result) {
   return result.out.substr(0, result.out.find('\n'));
 }
 
