@@ -2,6 +2,7 @@
 // platform parts replaced by ones that record, and a bus service with scripted answers.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -15,12 +16,14 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
 #include <fenro/mibservice.h>
 #include <gtest/gtest.h>
 
+#include "common/handle.h"
 #include "libmibservice/mibserver.h"
 
 namespace ormel::test {
@@ -128,6 +131,10 @@ class ScriptedService {
 
   ScriptedService(const char* service, const char* daemon, const std::vector<std::string>& methods, Answer answer) {
     run({"/usr/bin/pkill", "-KILL", "-f", daemon});
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const fenro::Fd ready{ends[0]};
+    fenro::Fd listening{ends[1]};
     child_ = fork();
     if (child_ == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -138,10 +145,13 @@ class ScriptedService {
           return answer(body);
         });
       }
-      while (!server.listen()) usleep(10000);
+      while (!server.listen()) usleep(10000);  // the killed one may still hold the name
+      listening.reset();
       _exit(server.run());
     }
-    comes_true([&] { return !bus(service, "").empty() || read("/proc/net/unix").find(service) != std::string::npos; });
+    listening.reset();
+    char none = 0;
+    std::ignore = ::read(ready.get(), &none, 1);  // ends when the child listens, or is gone
   }
   ScriptedService(const ScriptedService&) = delete;
   ScriptedService& operator=(const ScriptedService&) = delete;
