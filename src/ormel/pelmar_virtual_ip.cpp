@@ -83,7 +83,7 @@ bool pool_of(const config::PolyConfig* stored, in_addr& pool) {
 }
 
 int call_express(const char* method) {
-  const DaemonAnswer answer = call_daemon(EXPRESS_SERVICE, method);
+  const system::PlainReply answer = system::plain_call(EXPRESS_SERVICE, method);
   if (answer.status == MIB_SUCCESS) return NO_ERROR;
   ORMEL_LOG(ERROR, "%s: mib_call failed, method: %s, ret: %d", "modify_virtual_ip", method, answer.status);
   return ERR_CMD_FAILED;
