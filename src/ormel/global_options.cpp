@@ -1,5 +1,6 @@
 #include "ormel/global_options.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -40,7 +41,7 @@ constexpr IntervalText INTERVALS[] = {{-1, "Not"}, {0, "immediatly"}, {1, "1"}, 
 
 int number(const json_t* object, const char* key) {
   const json_t* member = json_object_get(object, key);
-  return json_is_number(member) ? static_cast<int>(json_number_value(member)) : 0;
+  return static_cast<int>(std::clamp<double>(json_number_value(member), INT_MIN, INT_MAX));  // 0 for what is no number
 }
 
 std::string text(const json_t* object, const char* key) {
