@@ -139,7 +139,7 @@ bool conflicts_with_vpn_server(const std::string& ip) {
     char start[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &pool, start, sizeof start);
     ORMEL_LOG(ERROR, "Virtual IP %s conflicts with %s subnet (%s/24)", ip.c_str(), facts.section, start);
-    ORMEL_LOG(ERROR, "%s: ip pool conflict with %s server.", __func__, facts.section);
+    ORMEL_LOG(ERROR, "%s: ip pool conflict with %s server.", "pelmar_check_virtual_ip", facts.section);
     return true;
   }
   return false;
