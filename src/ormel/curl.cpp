@@ -1,6 +1,8 @@
 #include "ormel/curl.h"
 
 #include <climits>
+#include <string_view>
+#include <tuple>
 
 #include "ormel/library.h"
 
@@ -63,6 +65,16 @@ bool unescape(const std::string& text, std::string& out) {
 Curl new_curl() {
   const curl::Api* library = curl::api();
   return Curl{library ? library->easy_init() : nullptr};
+}
+
+bool add_header(CurlList& headers, const std::string& line) {
+  const curl::Api* library = curl::api();
+  if (!library || line.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) return false;
+  curl_slist* const longer = library->slist_append(headers.get(), line.c_str());
+  if (!longer) return false;
+  std::ignore = headers.release();  // it is the head of the longer list
+  headers.reset(longer);
+  return true;
 }
 
 }  // namespace ormel

@@ -53,4 +53,8 @@ using CurlShare = std::unique_ptr<CURLSH, curl::ShareCleanup>;
 // A new handle, empty when libcurl is missing.
 [[nodiscard]] Curl new_curl();
 
+// Adds a line to the head of a request. False for one that holds a line end, which would add more headers than that
+// one, and without memory.
+[[nodiscard]] bool add_header(CurlList& headers, const std::string& line);
+
 }  // namespace ormel
