@@ -22,7 +22,7 @@ struct Api {
   decltype(&::curl_free) free;
   decltype(&::curl_slist_append) slist_append;
   decltype(&::curl_slist_free_all) slist_free_all;
-  decltype(&::curl_share_init) share_init;
+  decltype(&::curl_share_init) share_init;  // null where handles cannot share anything
   decltype(&::curl_share_setopt) share_setopt;
   decltype(&::curl_share_cleanup) share_cleanup;
 };

@@ -117,12 +117,12 @@ std::string filled(std::string text, const CloudValues& values) {
   return text;
 }
 
-// Connections that the calls of one run share: a join asks the same host five times, and to read all authorities of the
-// host and to agree on keys costs more than everything else about it.
+// Connections that the calls of one run share, null for none: a join asks the same host five times, and to read all
+// authorities of the host and to agree on keys costs more than everything else about it.
 CURLSH* shared_connections() {
   static const CurlShare share = [] {
     const curl::Api& library = *curl::api();  // who asks has a handle of the library
-    CurlShare made{library.share_init()};
+    CurlShare made{library.share_init ? library.share_init() : nullptr};
     if (made) library.share_setopt(made.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
     return made;
   }();
@@ -195,13 +195,13 @@ int CloudCall::perform(const std::string& body, std::string& out) {
   set(CURLOPT_HTTPHEADER, headers_.get());
   set(CURLOPT_PROTOCOLS_STR, "https");  // nothing goes out in clear; redirections are not followed at all
   set(CURLOPT_NOSIGNAL, 1L);
-  set(CURLOPT_SHARE, shared_connections());
+  if (CURLSH* const share = shared_connections()) set(CURLOPT_SHARE, share);
   switch (facts_of(operation_).method) {
     case Method::GET: break;
     case Method::POST:
       set(CURLOPT_POST, 1L);
       set(CURLOPT_POSTFIELDS, body.c_str());
-      set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+      set(CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
       break;
     case Method::DELETE: set(CURLOPT_CUSTOMREQUEST, "DELETE"); break;
   }
