@@ -144,7 +144,7 @@ std::string choose_api_url(HostTable global_table, HostTable china_table, const 
     site = PRODUCTION_SITE;
   }
   const Host* const host = find_host(region == GLOBAL_CLOUD ? global_table : china_table, site);
-  const std::string url = (host ? host->base : "") + path;
+  std::string url = (host ? host->base : "") + path;
   ORMEL_LOG(DEBUG, "Request URL: %s", url.c_str());
   return url;
 }

@@ -130,7 +130,7 @@ int get_device_token(std::string& out) {
 std::string get_device_id() {
   std::string content;
   if (read_agent_file(content) != NO_ERROR) return "";
-  const std::string id = quoted_value(content, "DEV_ID=");
+  std::string id = quoted_value(content, "DEV_ID=");
   ORMEL_LOG(INFO, "device_id: %s", id.c_str());
   return id;
 }
