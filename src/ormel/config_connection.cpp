@@ -11,7 +11,6 @@ namespace ormel::config {
 
 namespace {
 
-constexpr const char* NETWORK_SERVICE = "NetworkService";
 constexpr const char* GET_COUNTERS = "interfaces_monitor.get_info_interfaces";
 
 // By ClientConfig::OptExternalDev.
@@ -37,7 +36,7 @@ void ClientConfig::update_connection() {
   const std::string interface = interface_name(type, index);
   if (interface.empty()) return;
   const Json request{json_pack("{s:s}", "name_interface", interface.c_str())};
-  const system::BusReply reply = system::bus_call(__func__, NETWORK_SERVICE, GET_COUNTERS, request.get());
+  const system::BusReply reply = system::bus_call(__func__, system::NETWORK_SERVICE, GET_COUNTERS, request.get());
   if (reply.rc != NO_ERROR) return;
 
   const json_t* data = json_object_get(reply.document.get(), "data");
@@ -84,7 +83,7 @@ int ClientConfig::mibcall_external_dev(OptExternalDev op) {
       json_object_set_new(request.get(), member.key, json_stringn(member.value.data(), member.value.size()));
     }
   }
-  return system::bus_call(__func__, NETWORK_SERVICE, EXTERNAL_DEV_METHODS[op], request.get()).rc;
+  return system::bus_call(__func__, system::NETWORK_SERVICE, EXTERNAL_DEV_METHODS[op], request.get()).rc;
 }
 
 }  // namespace ormel::config

@@ -1,6 +1,8 @@
 #include "ormel/curl.h"
 
 #include <climits>
+#include <string_view>
+#include <tuple>
 
 #include "ormel/library.h"
 
@@ -12,18 +14,34 @@ namespace {
 
 constexpr const char* LIBRARY = "libcurl.so.4";
 
+// Whether both come from the same file.
+bool same_origin(const void* a, const void* b) {
+  Dl_info of_a{};
+  Dl_info of_b{};
+  return dladdr(a, &of_a) != 0 && dladdr(b, &of_b) != 0 && of_a.dli_fbase == of_b.dli_fbase;
+}
+
+// Sharing is a convenience, and a library that is put in front of this one may have the easy interface alone: its
+// handles mean nothing to the rest of the other.
+void load_share(Api& api) {
+  const auto address = [](auto function) { return reinterpret_cast<const void*>(function); };
+  const bool found = find_function(api.share_init, "curl_share_init") &&
+                     find_function(api.share_setopt, "curl_share_setopt") &&
+                     find_function(api.share_cleanup, "curl_share_cleanup");
+  if (!found || !same_origin(address(api.share_init), address(api.easy_init))) api.share_init = nullptr;
+}
+
 bool load(Api& api) {
-  if (!load_library(LIBRARY)) return false;
-  return find_function(api.global_init, "curl_global_init") &&
-         find_function(api.global_cleanup, "curl_global_cleanup") && find_function(api.easy_init, "curl_easy_init") &&
-         find_function(api.easy_setopt, "curl_easy_setopt") && find_function(api.easy_perform, "curl_easy_perform") &&
-         find_function(api.easy_getinfo, "curl_easy_getinfo") &&
-         find_function(api.easy_strerror, "curl_easy_strerror") &&
-         find_function(api.easy_cleanup, "curl_easy_cleanup") &&
-         find_function(api.easy_unescape, "curl_easy_unescape") && find_function(api.free, "curl_free") &&
-         find_function(api.slist_append, "curl_slist_append") &&
-         find_function(api.slist_free_all, "curl_slist_free_all") && find_function(api.share_init, "curl_share_init") &&
-         find_function(api.share_setopt, "curl_share_setopt") && find_function(api.share_cleanup, "curl_share_cleanup");
+  const bool found =
+      load_library(LIBRARY) && find_function(api.global_init, "curl_global_init") &&
+      find_function(api.global_cleanup, "curl_global_cleanup") && find_function(api.easy_init, "curl_easy_init") &&
+      find_function(api.easy_setopt, "curl_easy_setopt") && find_function(api.easy_perform, "curl_easy_perform") &&
+      find_function(api.easy_getinfo, "curl_easy_getinfo") && find_function(api.easy_strerror, "curl_easy_strerror") &&
+      find_function(api.easy_cleanup, "curl_easy_cleanup") && find_function(api.easy_unescape, "curl_easy_unescape") &&
+      find_function(api.free, "curl_free") && find_function(api.slist_append, "curl_slist_append") &&
+      find_function(api.slist_free_all, "curl_slist_free_all");
+  if (found) load_share(api);
+  return found;
 }
 
 }  // namespace
@@ -43,7 +61,7 @@ void Cleanup::operator()(curl_slist* list) const noexcept {
 }
 
 void ShareCleanup::operator()(CURLSH* handle) const noexcept {
-  api()->share_cleanup(handle);
+  if (const auto cleanup = api()->share_cleanup) cleanup(handle);  // there with each share
 }
 
 bool unescape(const std::string& text, std::string& out) {
@@ -63,6 +81,16 @@ bool unescape(const std::string& text, std::string& out) {
 Curl new_curl() {
   const curl::Api* library = curl::api();
   return Curl{library ? library->easy_init() : nullptr};
+}
+
+bool add_header(CurlList& headers, const std::string& line) {
+  const curl::Api* library = curl::api();
+  if (!library || line.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) return false;
+  curl_slist* const longer = library->slist_append(headers.get(), line.c_str());
+  if (!longer) return false;
+  std::ignore = headers.release();  // it is the head of the longer list
+  headers.reset(longer);
+  return true;
 }
 
 }  // namespace ormel

@@ -22,7 +22,7 @@ struct Api {
   decltype(&::curl_free) free;
   decltype(&::curl_slist_append) slist_append;
   decltype(&::curl_slist_free_all) slist_free_all;
-  decltype(&::curl_share_init) share_init;
+  decltype(&::curl_share_init) share_init;  // null where handles cannot share anything
   decltype(&::curl_share_setopt) share_setopt;
   decltype(&::curl_share_cleanup) share_cleanup;
 };
@@ -52,5 +52,9 @@ using CurlShare = std::unique_ptr<CURLSH, curl::ShareCleanup>;
 
 // A new handle, empty when libcurl is missing.
 [[nodiscard]] Curl new_curl();
+
+// Adds a line to the head of a request. False for one that holds a line end, which would add more headers than that
+// one, and without memory.
+[[nodiscard]] bool add_header(CurlList& headers, const std::string& line);
 
 }  // namespace ormel

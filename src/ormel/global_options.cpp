@@ -1,5 +1,6 @@
 #include "ormel/global_options.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -14,7 +15,6 @@ namespace ormel {
 namespace {
 
 constexpr const char* OPTIONS_CONF = "/etc/config/vpn_options.conf";
-constexpr const char* NETWORK_SERVICE = "NetworkService";
 constexpr const char* POLICY = "gw_setting";
 
 // A lock of the platform around the policy's file.
@@ -41,7 +41,7 @@ constexpr IntervalText INTERVALS[] = {{-1, "Not"}, {0, "immediatly"}, {1, "1"}, 
 
 int number(const json_t* object, const char* key) {
   const json_t* member = json_object_get(object, key);
-  return json_is_number(member) ? static_cast<int>(json_number_value(member)) : 0;
+  return static_cast<int>(std::clamp<double>(json_number_value(member), INT_MIN, INT_MAX));  // 0 for what is no number
 }
 
 std::string text(const json_t* object, const char* key) {
@@ -82,7 +82,7 @@ void notify_gateway(const char* id, const json_t* gateway) {
 }
 
 void announce_change() {
-  if (!system::easy_mib_call(NETWORK_SERVICE, "external_dev.update_vpn_gw", nullptr)) {
+  if (!system::easy_mib_call(system::NETWORK_SERVICE, "external_dev.update_vpn_gw", nullptr)) {
     ORMEL_LOG(ERROR, ": mib_call failed");
   }
 }
@@ -165,7 +165,7 @@ int GlobalConfig::disable_gateway(TYPE type, int index) const {
 void GlobalConfig::get_vpn_gw(JsonValue& out) const {
   TYPE type = NONE_TYPE;
   int index = 0;
-  const Json answer = system::easy_mib_call(NETWORK_SERVICE, "api.get_currentGWinfo", nullptr);
+  const Json answer = system::easy_mib_call(system::NETWORK_SERVICE, "api.get_currentGWinfo", nullptr);
   if (!answer) {
     ORMEL_LOG(ERROR, "%s: mib_call failed", "get_currentGWinfo");
     return;
@@ -227,7 +227,7 @@ const char* interval_to_string(int interval) {
 std::string get_profile_name(const std::string& key) {
   const Json request{json_pack("{s:s}", "key", system::valid_utf8(key).c_str())};
   const CString argument{json_dumps(request.get(), JSON_COMPACT)};
-  const Json answer = system::easy_mib_call(NETWORK_SERVICE, "external_dev.list", argument.get());
+  const Json answer = system::easy_mib_call(system::NETWORK_SERVICE, "external_dev.list", argument.get());
   const json_t* device = json_object_get(json_object_get(answer.get(), "data"), key.c_str());
   if (!json_is_object(device)) {
     ORMEL_LOG(ERROR, ": %s isn't an object.", key.c_str());

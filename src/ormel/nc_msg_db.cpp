@@ -91,8 +91,9 @@ const nc_msg_struct& nc_message(const char* category, const char* id) {
 }
 
 void nclog::notify_send(const nc_msg_struct* msg, ...) {
-  std::vector<std::string> command{NOTIFY,          "send", "-A",       "A238", "-C", msg->category_id, "-M",
-                                   msg->message_id, "-l",   msg->level, "-t",   "3",  msg->message,     SENDER};
+  std::vector<std::string> command{NOTIFY,       "send",          "-A", NOTICE_APPLICATION, "-C", msg->category_id,
+                                   "-M",         msg->message_id, "-l", msg->level,         "-t", "3",
+                                   msg->message, SENDER};
   const size_t fixed = command.size();
   va_list arguments;
   va_start(arguments, msg);

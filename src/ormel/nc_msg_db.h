@@ -14,6 +14,8 @@ struct nc_msg_struct {
   const char* message;  // "{0}" is the service, "{1}" and on the sender's arguments
 };
 
+constexpr const char* NOTICE_APPLICATION = "A238";  // this service in the notification centre
+
 extern const nc_msg_struct __NC_MSG_DB__[];
 
 // The row of a category and an id, both of which the catalogue has.

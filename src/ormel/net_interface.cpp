@@ -4,14 +4,12 @@
 
 #include "ormel/error.h"
 #include "ormel/json.h"
-#include "ormel/system_bus.h"
 #include "ormel/system_log.h"
 
 namespace ormel {
 
 namespace {
 
-constexpr const char* SERVICE = "NetworkService";
 constexpr const char* STATUS = "api.get_interfaceStatus";
 constexpr const char* RATE = "interfaces_monitor.get_info_interfaces";
 constexpr const char* DUPLICATE = "api.check_ip_duplicate";
@@ -29,7 +27,7 @@ void copy_member(json_t* object, const char* name, const json_t* value) {
 
 // The call about one interface, which `key` tells apart by its member `member`. 0, or a code, logged.
 int ask(const char* method, const json_t* interface, const char* key, const char* member, std::string& failed_method,
-        NetworkReply& reply) {
+        PlainReply& reply) {
   const Json request{json_pack("{s:O?}", key, json_object_get(interface, member))};
   reply = call_network_service(method, request.get());
   if (reply.document) return NO_ERROR;
@@ -42,13 +40,13 @@ int ask(const char* method, const json_t* interface, const char* key, const char
   return ERR_WRONG_JSON_FORMAT;
 }
 
-int ask_by_number(const char* method, const json_t* interface, std::string& failed_method, NetworkReply& reply) {
+int ask_by_number(const char* method, const json_t* interface, std::string& failed_method, PlainReply& reply) {
   return ask(method, interface, "ifindex", "ifindex", failed_method, reply);
 }
 
 // The parts of a bridge or bond into `member`.
 int get_parts(const char* method, const char* member, json_t* interface, std::string& failed_method) {
-  NetworkReply reply;
+  PlainReply reply;
   if (const int rc = ask_by_number(method, interface, failed_method, reply); rc != NO_ERROR) return rc;
   copy_member(interface, member, reply.data());
   size_t index = 0;
@@ -61,25 +59,8 @@ int get_parts(const char* method, const char* member, json_t* interface, std::st
 
 }  // namespace
 
-NetworkReply call_network_service(const char* method, const json_t* request) {
-  NetworkReply reply;
-  const MibIo io{mib_io_create()};
-  const bool written =
-      io && (!request || json_dump_callback(request, system::json_write_io, io.get(), JSON_COMPACT) == 0);
-  reply.status = written ? mib_call(SERVICE, method, io.get(), system::BUS_TIMEOUT, system::BUS_FLAG) : MIB_IO_FAILURE;
-  if (reply.status != MIB_SUCCESS) return reply;
-
-  size_t length = 0;
-  const char* text = mib_io_read(io.get(), &length);
-  if (text) reply.text.assign(text, length);
-  json_error_t error{};
-  reply.document = Json{json_loadb(reply.text.data(), reply.text.size(), 0, &error)};
-  reply.reason = error.text;
-  return reply;
-}
-
 int get_interface_status(json_t* interface, std::string& failed_method) {
-  NetworkReply reply;
+  PlainReply reply;
   json_object_set_new(interface, "maxSpeed", json_null());
   if (const int rc = ask_by_number(STATUS, interface, failed_method, reply); rc != NO_ERROR) return rc;
   const json_t* first = json_array_get(json_object_get(reply.data(), "IPv4"), 0);
@@ -90,7 +71,7 @@ int get_interface_status(json_t* interface, std::string& failed_method) {
 
 int get_interface_speed(json_t* interface, std::string& failed_method) {
   if (type_of(interface).starts_with("virtualif")) return NO_ERROR;
-  NetworkReply reply;
+  PlainReply reply;
   if (const int rc = ask_by_number(STATUS, interface, failed_method, reply); rc != NO_ERROR) return rc;
   copy_member(interface, "maxSpeed", json_object_get(reply.data(), "max_speed"));
   return NO_ERROR;
@@ -105,7 +86,7 @@ int get_bonding_slaves(json_t* interface, std::string& failed_method) {
 }
 
 int get_Interface_transmit_rate(json_t* interface, std::string& failed_method) {
-  NetworkReply reply;
+  PlainReply reply;
   for (const char* rate : {"tx_rate", "rx_rate"}) json_object_set_new(interface, rate, json_null());
   if (const int rc = ask(RATE, interface, "name_interface", "ifname", failed_method, reply); rc != NO_ERROR) return rc;
   for (const char* rate : {"tx_rate", "rx_rate"}) copy_member(interface, rate, json_object_get(reply.data(), rate));
@@ -115,20 +96,21 @@ int get_Interface_transmit_rate(json_t* interface, std::string& failed_method) {
 int is_ip_duplicate(const std::string& ip) {
   // Escaped: as it came from outside it could add a member to the request.
   const Json request{json_pack("{s:o}", "ip", json_string(system::valid_utf8(ip).c_str()))};
-  const NetworkReply reply = call_network_service(DUPLICATE, request.get());
+  const PlainReply reply = call_network_service(DUPLICATE, request.get());
   const json_t* error = json_object_get(reply.document.get(), "error");
   if (!json_is_integer(error)) {
-    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mib_call failed ret:%d\n", __func__, SERVICE, DUPLICATE, ip.c_str(),
-              reply.status);
+    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mib_call failed ret:%d\n", __func__, system::NETWORK_SERVICE, DUPLICATE,
+              ip.c_str(), reply.status);
     return CALL_FAILED;
   }
   const int code = static_cast<int>(json_integer_value(error));
   if (code == 1) {
-    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, ip duplicate with FENRO network.\n", __func__, SERVICE, DUPLICATE, ip.c_str());
+    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, ip duplicate with FENRO network.\n", __func__, system::NETWORK_SERVICE,
+              DUPLICATE, ip.c_str());
   } else if (code != 0) {
     const char* data = json_string_value(reply.data());
-    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mib_call failed ret:%d, data: %s.\n", __func__, SERVICE, DUPLICATE, ip.c_str(),
-              code, data ? data : "");
+    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mib_call failed ret:%d, data: %s.\n", __func__, system::NETWORK_SERVICE,
+              DUPLICATE, ip.c_str(), code, data ? data : "");
   }
   return code;
 }

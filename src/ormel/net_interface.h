@@ -4,23 +4,16 @@
 
 #include <string>
 
-#include "ormel/handle.h"
+#include "ormel/system_bus.h"
 
 namespace ormel {
 
-// A reply that is passed on whatever it says: its "error" is of no interest here.
-struct NetworkReply {
-  int status = 0;        // of mib_call
-  Json document;         // null unless there is a reply and it could be read
-  std::string text{};    // the reply as it came
-  std::string reason{};  // why it could not be read
+using system::PlainReply;
 
-  // What the reply carries; null when it carries nothing. It stays the reply's.
-  [[nodiscard]] json_t* data() const { return json_object_get(document.get(), "data"); }
-};
-
-// One call; `request` may be null.
-[[nodiscard]] NetworkReply call_network_service(const char* method, const json_t* request = nullptr);
+// One call, whose reply is passed on: its "error" is of no interest here.
+[[nodiscard]] inline PlainReply call_network_service(const char* method, const json_t* request = nullptr) {
+  return system::plain_call(system::NETWORK_SERVICE, method, request);
+}
 
 // Each adds members to the object of one interface. 0, or a code with the method that failed in `failed_method`.
 

@@ -69,7 +69,8 @@ int store_policy(const Request& request, JsonValue& /*reply*/) {
 }
 
 int gateway_policy() {
-  const Json answer = system::easy_mib_call("NetworkService", "api.Get_global_config", "{\"key\":\"gateway_policy\"}");
+  const Json answer =
+      system::easy_mib_call(system::NETWORK_SERVICE, "api.Get_global_config", "{\"key\":\"gateway_policy\"}");
   if (!answer) return DEFAULT_POLICY;
   const json_t* value = json_object_get(json_object_get(answer.get(), "data"), "gateway_policy");
   return option::to_int(json_string_value(value));

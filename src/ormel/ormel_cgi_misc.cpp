@@ -19,7 +19,6 @@ using ormel::misc::NETHOST;
 constexpr const char* VERSION = "3.3.1538";
 constexpr const char* BUILD_DATE = "20260320";
 constexpr const char* API_VERSION = "3.3";
-constexpr const char* DEFAULT_SITE = "production";
 
 // Public resolvers, two of each operator.
 constexpr const char* NAME_SERVERS[] = {
@@ -36,7 +35,7 @@ std::string site() {
   std::string site;
   if (pelmar::get_hollex_site(site) == NO_ERROR) return option::to_lower(site);
   ORMEL_LOG(ERROR, "Failed to get hollex site");
-  return DEFAULT_SITE;
+  return pelmar::PRODUCTION_SITE;
 }
 
 int tell_environment(const Request&, JsonValue& reply) {

@@ -27,7 +27,7 @@ using Describe = int (*)(json_t* interface, std::string& failed_method);
 
 // The list of all interfaces, each with what `describe` adds to it.
 Outcome list_interfaces(Describe describe, JsonValue& reply) {
-  const NetworkReply list = call_network_service(LIST);
+  const PlainReply list = call_network_service(LIST);
   if (list.status != MIB_SUCCESS) {
     ORMEL_LOG(ERROR, ": mib_call failed, method: %s, ret: %d", LIST, list.status);
     return fail_at(LIST, reply);
@@ -56,12 +56,12 @@ int add_members(json_t* interface, std::string& failed_method) {
   return is("bond") ? get_bonding_slaves(interface, failed_method) : static_cast<int>(NO_ERROR);
 }
 
-Outcome unreadable(const char* method, const NetworkReply& answer) {
+Outcome unreadable(const char* method, const PlainReply& answer) {
   return {ERR_MIB_CALL_FAILED, answer.reason + ", Network API: " + method};
 }
 
 Outcome tell_gateway(const Request&, JsonValue& reply) {
-  const NetworkReply answer = call_network_service(GATEWAY);
+  const PlainReply answer = call_network_service(GATEWAY);
   if (answer.status != MIB_SUCCESS) {
     ORMEL_LOG(ERROR, ": mib_call failed method: %s ret: %d", GATEWAY, answer.status);
     return fail_at(GATEWAY, reply);
@@ -75,7 +75,7 @@ Outcome tell_gateway(const Request&, JsonValue& reply) {
 }
 
 Outcome tell_rates(const Request&, JsonValue& reply) {
-  const NetworkReply answer = call_network_service(RATES);
+  const PlainReply answer = call_network_service(RATES);
   if (answer.status != MIB_SUCCESS) {
     ORMEL_LOG(ERROR, ": mib_call failed method: %s ret: %d", RATES, answer.status);
     return fail_at(RATES, reply);

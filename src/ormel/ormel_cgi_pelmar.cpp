@@ -7,6 +7,7 @@
 
 #include <fenro/event_log.h>
 
+#include "ormel/nc_msg_db.h"
 #include "ormel/ormel_cgi.h"
 #include "ormel/ormel_cgi_log.h"
 #include "ormel/pelmar_daemon.h"
@@ -31,8 +32,7 @@ constexpr size_t LONGEST_TAMID = 256;
 constexpr const char* TOUR_SECTION = "Feature Guide";
 constexpr const char* TOUR_KEYS[] = {"feature_intro", "feature_tip"};
 
-constexpr const char* APPLICATION = "A238";  // of this service's events
-constexpr const char* CATEGORY = "C004";     // those about the membership
+constexpr const char* CATEGORY = "C004";  // those about the membership
 constexpr int DEFAULT_LIMIT = 100;
 constexpr int LARGEST_LIMIT = 1000;
 
@@ -194,13 +194,13 @@ int tell_logs(const Request& request, JsonValue& reply) {
   const char* const message = optional_text(request, "msg_id");
   const char* const start = optional_text(request, "start_time");
   const char* const end = optional_text(request, "end_time");
-  const int total = naslog_event_query_count_ex2(message, start, end, APPLICATION, CATEGORY);
+  const int total = naslog_event_query_count_ex2(message, start, end, NOTICE_APPLICATION, CATEGORY);
   ORMEL_LOG(INFO, "pelmar_logs: total count = %d, offset=%d, limit=%d", total, offset, limit);
   const int last = static_cast<int>(std::min<long>(static_cast<long>(offset) + limit, total) - 1);
   JsonValue& data = reply["data"].make_array();
   if (total >= 1 && offset <= last &&
-      naslog_event_query_ex2(sqlite_query_callback, offset, last, message, start, end, APPLICATION, CATEGORY, &data) !=
-          0) {
+      naslog_event_query_ex2(sqlite_query_callback, offset, last, message, start, end, NOTICE_APPLICATION, CATEGORY,
+                             &data) != 0) {
     ORMEL_LOG(ERROR, "pelmar_logs: naslog_event_query_ex2 failed");
     return ERR_QUERY_LOG_FAIL;
   }

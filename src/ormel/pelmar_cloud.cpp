@@ -17,7 +17,6 @@ namespace ormel::pelmar {
 
 namespace {
 
-constexpr std::string_view DEFAULT_SITE = "production";
 constexpr std::string_view GLOBAL_CLOUD = "glb";
 
 // The environments that every service has; "qa" is served by the stage "qa-nr".
@@ -118,28 +117,23 @@ std::string filled(std::string text, const CloudValues& values) {
   return text;
 }
 
-// Connections that the calls of one run share: a join asks the same host five times, and to read all authorities of the
-// host and to agree on keys costs more than everything else about it.
+// Connections that the calls of one run share, null for none: a join asks the same host five times, and to read all
+// authorities of the host and to agree on keys costs more than everything else about it.
 CURLSH* shared_connections() {
   static const CurlShare share = [] {
     const curl::Api& library = *curl::api();  // who asks has a handle of the library
-    CurlShare made{library.share_init()};
+    CurlShare made{library.share_init ? library.share_init() : nullptr};
     if (made) library.share_setopt(made.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
     return made;
   }();
   return share.get();
 }
 
-// A line end in a token would add headers of somebody's choice.
-bool fits_header(const std::string& line) {
-  return line.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos;
-}
-
 }  // namespace
 
 std::string choose_api_url(HostTable global_table, HostTable china_table, const std::string& path,
                            bool use_hollex_site) {
-  std::string site{DEFAULT_SITE};
+  std::string site = PRODUCTION_SITE;
   std::string region{GLOBAL_CLOUD};
   std::ignore = use_hollex_site ? get_hollex_site(site) : get_pelmar_site(site);  // what was read counts
   std::ignore = get_global_or_china(region);
@@ -147,7 +141,7 @@ std::string choose_api_url(HostTable global_table, HostTable china_table, const 
   region = option::to_lower(region);
   if (!find_host(global_table, site)) {
     ORMEL_LOG(ERROR, "Invalid site: %s", site.c_str());
-    site = DEFAULT_SITE;
+    site = PRODUCTION_SITE;
   }
   const Host* const host = find_host(region == GLOBAL_CLOUD ? global_table : china_table, site);
   std::string url = (host ? host->base : "") + path;
@@ -186,18 +180,8 @@ CloudCall::CloudCall(CloudOperation operation, const CloudValues& values)
   if (!handle_) return;
   if (set_insecure_curl(handle_.get()) != NO_ERROR) ORMEL_LOG(WARN, "Failed to set insecure curl");
   for (const char* header : facts_of(operation).headers) {
-    if (header) add_header(filled(header, values));
+    if (header) complete_ = add_header(headers_, filled(header, values)) && complete_;
   }
-}
-
-void CloudCall::add_header(const std::string& line) {
-  curl_slist* const longer = fits_header(line) ? curl::api()->slist_append(headers_.get(), line.c_str()) : nullptr;
-  if (!longer) {
-    complete_ = false;
-    return;
-  }
-  std::ignore = headers_.release();  // it is the head of the longer list
-  headers_.reset(longer);
 }
 
 int CloudCall::perform(const std::string& body, std::string& out) {
@@ -211,13 +195,13 @@ int CloudCall::perform(const std::string& body, std::string& out) {
   set(CURLOPT_HTTPHEADER, headers_.get());
   set(CURLOPT_PROTOCOLS_STR, "https");  // nothing goes out in clear; redirections are not followed at all
   set(CURLOPT_NOSIGNAL, 1L);
-  set(CURLOPT_SHARE, shared_connections());
+  if (CURLSH* const share = shared_connections()) set(CURLOPT_SHARE, share);
   switch (facts_of(operation_).method) {
     case Method::GET: break;
     case Method::POST:
       set(CURLOPT_POST, 1L);
       set(CURLOPT_POSTFIELDS, body.c_str());
-      set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+      set(CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
       break;
     case Method::DELETE: set(CURLOPT_CUSTOMREQUEST, "DELETE"); break;
   }

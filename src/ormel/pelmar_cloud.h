@@ -68,8 +68,6 @@ class CloudCall {
   [[nodiscard]] int perform(const std::string& body, std::string& out);
 
  private:
-  void add_header(const std::string& line);
-
   CloudOperation operation_;
   std::string url_;
   CurlList headers_;

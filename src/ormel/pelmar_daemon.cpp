@@ -2,11 +2,14 @@
 
 #include "ormel/error.h"
 #include "ormel/pelmar_token.h"
-#include "ormel/system_log.h"
+#include "ormel/system.h"
 
 namespace ormel::pelmar {
 
 namespace {
+
+using system::plain_call;
+using system::PlainReply;
 
 constexpr int CONNECTED = 2;  // state of one connection
 
@@ -43,16 +46,16 @@ const json_t* states_of(const json_t* data, const char* key) {
 }
 
 // The answer about the tunnels judged up to its data; null, and logged, when it has none.
-const json_t* ipsec_data(const DaemonAnswer& answer) {
-  if (answer.status == NO_IO) {
+const json_t* ipsec_data(const PlainReply& answer) {
+  if (answer.status == system::NO_IO) {
     ORMEL_LOG(ERROR, "Failed to create io");
   } else if (answer.status != 0) {
     ORMEL_LOG(ERROR, "Failed to call pelmar_expressd.GetIPSecStatus");
   } else if (answer.text.empty()) {
     ORMEL_LOG(ERROR, "Failed to read mibsh output");
-  } else if (mibsh_response_checker(answer.root.get()) != NO_ERROR) {
-    ORMEL_LOG(ERROR, "Failed to parse GetIPSecStatus output JSON: %s", answer.problem.c_str());
-  } else if (const json_t* const data = json_object_get(answer.root.get(), "data"); json_is_object(data)) {
+  } else if (mibsh_response_checker(answer.document.get()) != NO_ERROR) {
+    ORMEL_LOG(ERROR, "Failed to parse GetIPSecStatus output JSON: %s", answer.reason.c_str());
+  } else if (const json_t* const data = answer.data(); json_is_object(data)) {
     return data;
   } else {
     ORMEL_LOG(ERROR, "GetIPSecStatus output missing 'data' object");
@@ -63,16 +66,16 @@ const json_t* ipsec_data(const DaemonAnswer& answer) {
 // One call of the express agent whose answer is an array in `data`. 0, ERR_CMD_FAILED, the code of the answer's judge,
 // or ERR_WRONG_JSON_FORMAT.
 int copy_array(const char* method, JsonValue& out, size_t& count) {
-  const DaemonAnswer answer = call_daemon(EXPRESS_SERVICE, method);
+  const PlainReply answer = plain_call(EXPRESS_SERVICE, method);
   if (answer.status != 0) {
     ORMEL_LOG(ERROR, "Failed to call pelmar_expressd.%s", method);
     return ERR_CMD_FAILED;
   }
-  if (const int rc = mibsh_response_checker(answer.root.get()); rc != NO_ERROR) {
+  if (const int rc = mibsh_response_checker(answer.document.get()); rc != NO_ERROR) {
     ORMEL_LOG(ERROR, "Failed to check %s response", method);
     return rc;
   }
-  json_t* const data = json_object_get(answer.root.get(), "data");
+  json_t* const data = answer.data();
   if (!json_is_array(data)) {
     ORMEL_LOG(ERROR, "%s output missing 'data' array", method);
     return ERR_WRONG_JSON_FORMAT;
@@ -85,13 +88,13 @@ int copy_array(const char* method, JsonValue& out, size_t& count) {
 }  // namespace
 
 int64_t mibsh_get_cloud_status() {
-  const DaemonAnswer answer = call_daemon(EXPRESS_SERVICE, "GetCloudStatus");
+  const PlainReply answer = plain_call(EXPRESS_SERVICE, "GetCloudStatus");
   if (answer.status != 0) {
     ORMEL_LOG(ERROR, "Failed to call pelmar_expressd.GetCloudStatus");
     return 0;
   }
-  if (mibsh_response_checker(answer.root.get()) != NO_ERROR) return 0;
-  const json_t* const data = json_object_get(answer.root.get(), "data");
+  if (mibsh_response_checker(answer.document.get()) != NO_ERROR) return 0;
+  const json_t* const data = answer.data();
   return json_is_integer(data) ? json_integer_value(data) : 0;
 }
 
@@ -103,13 +106,14 @@ int mibsh_get_hubinfo(std::string& router_name, std::string& router_ip, std::str
     return rc;
   }
   const Json request{json_pack("{s:s}", "mdevice_token", token.c_str())};
-  const DaemonAnswer answer = request ? call_daemon(EXPRESS_SERVICE, "GetHubInfo", request.get()) : DaemonAnswer{NO_IO};
+  const PlainReply answer =
+      request ? plain_call(EXPRESS_SERVICE, "GetHubInfo", request.get()) : PlainReply{system::NO_IO};
   if (answer.status != 0) {
     ORMEL_LOG(ERROR, "Failed to call pelmar_expressd.GetHubInfo");
     return ERR_CMD_FAILED;
   }
-  if (const int rc = mibsh_response_checker(answer.root.get()); rc != NO_ERROR) return rc;
-  const char* const text = json_string_value(json_object_get(answer.root.get(), "data"));
+  if (const int rc = mibsh_response_checker(answer.document.get()); rc != NO_ERROR) return rc;
+  const char* const text = json_string_value(answer.data());
   if (!text) {
     ORMEL_LOG(ERROR, "GetHubInfo output missing 'data' string");
     return ERR_WRONG_JSON_FORMAT;
@@ -131,7 +135,7 @@ int mibsh_get_hubinfo(std::string& router_name, std::string& router_ip, std::str
 }
 
 int mibsh_get_ipsec_status(int& router, int& supernode) {
-  const DaemonAnswer answer = call_daemon(EXPRESS_SERVICE, "GetIpsecStatus");
+  const PlainReply answer = plain_call(EXPRESS_SERVICE, "GetIpsecStatus");
   const json_t* const data = ipsec_data(answer);
   const json_t* const router_states = data ? states_of(data, "router") : nullptr;
   if (!router_states) return ERR_CMD_FAILED;
@@ -155,16 +159,16 @@ int ipsec_connetion_status_statistic(const json_t* states) {
 }
 
 int mibsh_get_supernode_remaining(JsonValue& out) {
-  const DaemonAnswer answer = call_daemon(EXPRESS_SERVICE, "GetSupernodeRemaining");
+  const PlainReply answer = plain_call(EXPRESS_SERVICE, "GetSupernodeRemaining");
   if (answer.status != 0) {
     ORMEL_LOG(ERROR, "Failed to call pelmar_expressd.GetSupernodeRemaining");
     return ERR_CMD_FAILED;
   }
-  if (const int rc = mibsh_response_checker(answer.root.get()); rc != NO_ERROR) {
+  if (const int rc = mibsh_response_checker(answer.document.get()); rc != NO_ERROR) {
     ORMEL_LOG(ERROR, "Failed to check GetSupernodeRemaining response");
     return rc;
   }
-  const json_t* const data = json_object_get(answer.root.get(), "data");
+  const json_t* const data = answer.data();
   if (!json_is_object(data)) {
     ORMEL_LOG(ERROR, "GetSupernodeRemaining output missing 'data' object");
     return ERR_WRONG_JSON_FORMAT;
@@ -196,16 +200,16 @@ int mibsh_supernode_recent_billing_daily_traffic(JsonValue& out) {
 
 int mibsh_update_and_check_timeout(bool mqtt, bool vpn, bool& is_mqtt_timeout, bool& is_ipsec_timeout) {
   const Json request{json_pack("{s:b, s:b}", "mqtt_status", mqtt ? 1 : 0, "vpn_status", vpn ? 1 : 0)};
-  const DaemonAnswer answer = call_daemon(NETWORK_SERVICE, "Update_and_check_timeout", request.get());
+  const PlainReply answer = plain_call(TOKEN_SERVICE, "Update_and_check_timeout", request.get());
   if (answer.status != 0) {
     ORMEL_LOG(ERROR, "Failed to call mibsh ormel_network_service.Update_and_check_timeout");
     return ERR_CMD_FAILED;
   }
-  if (!answer.root) {
-    ORMEL_LOG(ERROR, "Failed to parse timeout response JSON: %s", answer.problem.c_str());
+  if (!answer.document) {
+    ORMEL_LOG(ERROR, "Failed to parse timeout response JSON: %s", answer.reason.c_str());
     return ERR_WRONG_JSON_FORMAT;
   }
-  const json_t* const data = json_object_get(answer.root.get(), "data");
+  const json_t* const data = answer.data();
   is_mqtt_timeout = json_is_true(json_object_get(data, "is_mqtt_timeout"));
   is_ipsec_timeout = json_is_true(json_object_get(data, "is_ipsec_timeout"));
   ORMEL_LOG(INFO,

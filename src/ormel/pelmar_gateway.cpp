@@ -8,7 +8,7 @@ namespace ormel::pelmar {
 namespace {
 
 // The first gateway of the daemon's answer, which owns it; null, and logged, when there is none.
-const json_t* first_gateway(const NetworkReply& reply) {
+const json_t* first_gateway(const PlainReply& reply) {
   const json_t* const gateways = reply.data();
   if (!json_is_array(gateways)) {
     ORMEL_LOG(ERROR, "Failed to get data");
@@ -19,7 +19,7 @@ const json_t* first_gateway(const NetworkReply& reply) {
   return first;
 }
 
-NetworkReply ask() {
+PlainReply ask() {
   return call_network_service("api.get_currentGWinfo");
 }
 
@@ -33,7 +33,7 @@ std::string text_of(const json_t* value, const char* failure) {
 }  // namespace
 
 std::string get_gateway_ip() {
-  const NetworkReply reply = ask();
+  const PlainReply reply = ask();
   const json_t* const gateway = first_gateway(reply);
   if (!gateway) return "";
   const json_t* const addresses = json_object_get(json_object_get(gateway, "status"), "IPv4");
@@ -42,13 +42,13 @@ std::string get_gateway_ip() {
 }
 
 std::string get_gateway_interface_name() {
-  const NetworkReply reply = ask();
+  const PlainReply reply = ask();
   const json_t* const gateway = first_gateway(reply);
   return gateway ? text_of(json_object_get(gateway, "ifname"), "Failed to get interface_name") : "";
 }
 
 std::string get_gateway_display_name() {
-  const NetworkReply reply = ask();
+  const PlainReply reply = ask();
   const json_t* const gateway = first_gateway(reply);
   if (!gateway) return "";
   return text_of(json_object_get(json_object_get(gateway, "status"), "display_name"), "Failed to get display_name");

@@ -43,7 +43,7 @@ int run_tool(const std::vector<std::string>& argv, std::string& out) {
 }
 
 // One answer of the daemon: 0, a code, or STILL_AT_WORK.
-int judge_internet_reply(const NetworkReply& reply, int round) {
+int judge_internet_reply(const PlainReply& reply, int round) {
   constexpr const char* CALL = "mibsh NetworkService.api.check_access_internet";
   if (reply.status != MIB_SUCCESS) {
     ORMEL_LOG(ERROR, "Fail to execute NetworkService.api.check_access_internet");
@@ -161,7 +161,7 @@ int mibsh_check_access_internet(const std::string& ifname) {
   const Json request{json_pack("{s:s}", "ifname", system::valid_utf8(ifname).c_str())};
   for (int round = 1; round <= INTERNET_ROUNDS; ++round) {
     ORMEL_LOG(INFO, "mibsh API: mibsh NetworkService.api.check_access_internet");
-    const NetworkReply reply = call_network_service("api.check_access_internet", request.get());
+    const PlainReply reply = call_network_service("api.check_access_internet", request.get());
     const int rc = judge_internet_reply(reply, round);
     if (rc != STILL_AT_WORK) return rc;
     sleep(ROUND_SECONDS);

@@ -27,7 +27,6 @@ using system::setcfg_wrapper;
 constexpr const char* PACKAGES = "/etc/config/pakrix.conf";
 constexpr const char* INSTALL_PATH = "Install_Path";
 constexpr const char* SITE_FILE = "/data/user.conf";  // below the developer switch application's folder
-constexpr const char* PRODUCTION = "production";
 constexpr const char* DEBUG_SECTION = "Debug";
 constexpr const char* HOST_NAME_FILE = "/etc/hostname";
 constexpr const char* TIMEZONE_FILE = "/etc/config/TZ";
@@ -74,7 +73,7 @@ int get_hollex_site(std::string& out) {
     return rc;
   }
   if (folder.empty()) {
-    out = PRODUCTION;
+    out = PRODUCTION_SITE;
     return NO_ERROR;
   }
   if (const int rc = getcfg_wrapper(folder + SITE_FILE, "SITE", "ENV", "", out); rc != NO_ERROR) {

@@ -25,9 +25,11 @@ constexpr const char* GLOBAL_REGION = "GLB";
 constexpr const char* AUTO_REGION = "auto";       // the cloud's groups decide
 constexpr const char* SUPERNODE_REGION = "supn";  // no hub of the organisation, a super node
 
+constexpr const char* PRODUCTION_SITE = "production";  // the environment where nothing else is told
+
 // Folder that this application is installed in.
 [[nodiscard]] int get_install_path(std::string& out);
-// The environment that the developer switch application picked, "production" where that is not installed.
+// The environment that the developer switch application picked, production where that is not installed.
 [[nodiscard]] int get_hollex_site(std::string& out);
 [[nodiscard]] int get_pelmar_site(std::string& out);
 // These two give 0 with an empty name after a failed read: a page shows a blank then.

@@ -10,6 +10,9 @@ namespace ormel::pelmar {
 
 namespace {
 
+using system::plain_call;
+using system::PlainReply;
+
 // A line in the name of the operation that made the call.
 void log_failed_call(const char* function, const char* method, int status) {
   ORMEL_LOG(ERROR, "%s: mib_call failed, method: %s, ret: %d", function, method, status);
@@ -49,35 +52,19 @@ int read_agent_file(std::string& out) {
 
 }  // namespace
 
-DaemonAnswer call_daemon(const char* service, const char* method, const json_t* request) {
-  DaemonAnswer answer;
-  const MibIo io{mib_io_create()};
-  const bool written =
-      io && (!request || json_dump_callback(request, system::json_write_io, io.get(), JSON_COMPACT) == 0);
-  answer.status = written ? mib_call(service, method, io.get(), system::BUS_TIMEOUT, system::BUS_FLAG) : NO_IO;
-  if (answer.status != MIB_SUCCESS) return answer;
-
-  size_t length = 0;
-  if (const char* text = mib_io_read(io.get(), &length)) answer.text.assign(text, length);
-  json_error_t error{};
-  answer.root = Json{json_loadb(answer.text.data(), answer.text.size(), 0, &error)};
-  answer.problem = error.text;
-  return answer;
-}
-
 int get_cloudtoken(std::string& out) {
   constexpr const char* METHOD = "Get_cloudtoken";
-  const DaemonAnswer answer = call_daemon(NETWORK_SERVICE, METHOD);
+  const PlainReply answer = plain_call(TOKEN_SERVICE, METHOD);
   if (answer.status != MIB_SUCCESS) {
     log_failed_call(__func__, METHOD, answer.status);
     return ERR_CMD_FAILED;
   }
   ORMEL_LOG(INFO, "get cloud token response: %s", answer.text.c_str());
-  if (!answer.root) {
-    ORMEL_LOG(ERROR, "Failed to parse JSON: %s", answer.problem.c_str());
+  if (!answer.document) {
+    ORMEL_LOG(ERROR, "Failed to parse JSON: %s", answer.reason.c_str());
     return ERR_WRONG_JSON_FORMAT;
   }
-  const json_t* const error = json_object_get(answer.root.get(), "error");
+  const json_t* const error = json_object_get(answer.document.get(), "error");
   if (!json_is_integer(error)) {
     ORMEL_LOG(ERROR, "No 'error' integer in get cloud token response");
     return ERR_WRONG_JSON_FORMAT;
@@ -86,14 +73,14 @@ int get_cloudtoken(std::string& out) {
     ORMEL_LOG(ERROR, "Get_cloudtoken responded with error code: %d", static_cast<int>(json_integer_value(error)));
     return ERR_CMD_FAILED;
   }
-  if (take_data(answer.root.get(), out)) return NO_ERROR;
+  if (take_data(answer.document.get(), out)) return NO_ERROR;
   ORMEL_LOG(ERROR, "No 'data' string in get cloud token response");
   return ERR_WRONG_JSON_FORMAT;
 }
 
 int save_skarn_token(const std::string& encoded) {
   const Json request{json_pack("{s:s}", "oauth_response_encoded", encoded.c_str())};
-  if (request && call_daemon(NETWORK_SERVICE, "Save_cloudtoken", request.get()).status == MIB_SUCCESS) return NO_ERROR;
+  if (request && plain_call(TOKEN_SERVICE, "Save_cloudtoken", request.get()).status == MIB_SUCCESS) return NO_ERROR;
   ORMEL_LOG(ERROR, "Failed to call mibsh ormel_network_service.Save_cloudtoken");
   return ERR_CMD_FAILED;
 }
@@ -105,17 +92,17 @@ int get_pelmartoken(const std::string& org_id, std::string& out) {
     ORMEL_LOG(ERROR, "Failed to serialize request JSON");
     return ERR_CMD_FAILED;
   }
-  const DaemonAnswer answer = call_daemon(NETWORK_SERVICE, METHOD, request.get());
+  const PlainReply answer = plain_call(TOKEN_SERVICE, METHOD, request.get());
   if (answer.status != MIB_SUCCESS) {
     log_failed_call(__func__, METHOD, answer.status);
     return ERR_CMD_FAILED;
   }
   ORMEL_LOG(INFO, "get pelmar token response: %s", answer.text.c_str());
-  if (mibsh_response_checker(answer.root.get()) != NO_ERROR) {
+  if (mibsh_response_checker(answer.document.get()) != NO_ERROR) {
     ORMEL_LOG(ERROR, "Failed to check pelmar token response");
     return ERR_CMD_FAILED;
   }
-  if (take_data(answer.root.get(), out)) return NO_ERROR;
+  if (take_data(answer.document.get(), out)) return NO_ERROR;
   ORMEL_LOG(ERROR, "Invalid response format");
   return ERR_WRONG_JSON_FORMAT;
 }
@@ -167,8 +154,8 @@ int get_mdevice_token(std::string& out) {
 }
 
 int mibsh_get_device_token(std::string& out) {
-  const DaemonAnswer answer = call_daemon(EXPRESS_SERVICE, "GetDeviceToken");
-  if (answer.status == NO_IO) {
+  const PlainReply answer = plain_call(EXPRESS_SERVICE, "GetDeviceToken");
+  if (answer.status == system::NO_IO) {
     ORMEL_LOG(ERROR, "Failed to create io");
     return ERR_CMD_FAILED;
   }
@@ -181,11 +168,11 @@ int mibsh_get_device_token(std::string& out) {
     return ERR_CMD_FAILED;
   }
   ORMEL_LOG(INFO, "mibsh output: %s", answer.text.c_str());
-  if (const int rc = mibsh_response_checker(answer.root.get()); rc != NO_ERROR) {
-    ORMEL_LOG(ERROR, "Failed to parse GetDeviceToken output JSON: %s", answer.problem.c_str());
+  if (const int rc = mibsh_response_checker(answer.document.get()); rc != NO_ERROR) {
+    ORMEL_LOG(ERROR, "Failed to parse GetDeviceToken output JSON: %s", answer.reason.c_str());
     return rc;
   }
-  if (!take_data(answer.root.get(), out)) {
+  if (!take_data(answer.document.get(), out)) {
     ORMEL_LOG(ERROR, "GetDeviceToken output missing 'data' string");
     return ERR_WRONG_JSON_FORMAT;
   }

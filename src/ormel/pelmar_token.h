@@ -10,21 +10,9 @@
 
 namespace ormel::pelmar {
 
-constexpr int NO_IO = -1;  // as a status: there was no memory to make the call with
-
-// What a daemon answered; `root` is null unless it is JSON.
-struct DaemonAnswer {
-  int status = 0;  // of mib_call, or NO_IO
-  std::string text{};
-  Json root{};
-  std::string problem{};  // why the text is no JSON
-};
-
-constexpr const char* NETWORK_SERVICE = "ormel_network_service";
+// The daemons that are asked.
+constexpr const char* TOKEN_SERVICE = "ormel_network_service";
 constexpr const char* EXPRESS_SERVICE = "pelmar_expressd";
-
-// One call of a daemon; `request` is null for none.
-[[nodiscard]] DaemonAnswer call_daemon(const char* service, const char* method, const json_t* request = nullptr);
 
 // Proves the user's account at the cloud. An empty one counts as a success.
 [[nodiscard]] int get_cloudtoken(std::string& out);

@@ -83,7 +83,7 @@ bool pool_of(const config::PolyConfig* stored, in_addr& pool) {
 }
 
 int call_express(const char* method) {
-  const DaemonAnswer answer = call_daemon(EXPRESS_SERVICE, method);
+  const system::PlainReply answer = system::plain_call(EXPRESS_SERVICE, method);
   if (answer.status == MIB_SUCCESS) return NO_ERROR;
   ORMEL_LOG(ERROR, "%s: mib_call failed, method: %s, ret: %d", "modify_virtual_ip", method, answer.status);
   return ERR_CMD_FAILED;
@@ -139,7 +139,7 @@ bool conflicts_with_vpn_server(const std::string& ip) {
     char start[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &pool, start, sizeof start);
     ORMEL_LOG(ERROR, "Virtual IP %s conflicts with %s subnet (%s/24)", ip.c_str(), facts.section, start);
-    ORMEL_LOG(ERROR, "%s: ip pool conflict with %s server.", __func__, facts.section);
+    ORMEL_LOG(ERROR, "%s: ip pool conflict with %s server.", "pelmar_check_virtual_ip", facts.section);
     return true;
   }
   return false;

@@ -79,8 +79,9 @@ class Replacement {
     target_ = target;
     temporary_ = target_ + "-XXXXXX";
     if (vantri_mktmpname(temporary_.data()) != 0) return false;
-    fd_ = Fd{open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE)};
-    return static_cast<bool>(fd_);
+    // A platform may make the file along with its name, and with other rights.
+    fd_ = Fd{open(temporary_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, PRIVATE)};
+    return fd_ && fchmod(fd_.get(), PRIVATE) == 0;
   }
   // All of it is on the disk.
   [[nodiscard]] bool write(const std::string& content) const {

@@ -90,6 +90,21 @@ BusReply bus_call(const char* function, const char* service, const char* method,
   return {NO_ERROR, std::move(root)};
 }
 
+PlainReply plain_call(const char* service, const char* method, const json_t* request) {
+  PlainReply reply;
+  const MibIo io{mib_io_create()};
+  const bool written = io && (!request || json_dump_callback(request, json_write_io, io.get(), JSON_COMPACT) == 0);
+  reply.status = written ? mib_call(service, method, io.get(), BUS_TIMEOUT, BUS_FLAG) : NO_IO;
+  if (reply.status != MIB_SUCCESS) return reply;
+
+  size_t length = 0;
+  if (const char* text = mib_io_read(io.get(), &length)) reply.text.assign(text, length);
+  json_error_t error{};
+  reply.document = Json{json_loadb(reply.text.data(), reply.text.size(), 0, &error)};
+  reply.reason = error.text;
+  return reply;
+}
+
 std::string valid_utf8(const std::string& text) {
   std::string out;
   out.reserve(text.size());

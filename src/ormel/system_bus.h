@@ -29,6 +29,25 @@ struct BusReply {
 [[nodiscard]] BusReply bus_call(const char* function, const char* service, const char* method, const json_t* request,
                                 int timeout = BUS_TIMEOUT);
 
+// A reply that its reader judges by himself, whatever it says.
+struct PlainReply {
+  int status = 0;        // of mib_call, or NO_IO
+  std::string text{};    // as it came
+  Json document{};       // null unless the text is JSON
+  std::string reason{};  // why it is none
+
+  // What the reply carries; null when it carries nothing. It stays the reply's.
+  [[nodiscard]] json_t* data() const { return json_object_get(document.get(), "data"); }
+};
+
+constexpr int NO_IO = -1;  // there was no memory to make a call with
+
+// One call of that kind; `request` may be null.
+[[nodiscard]] PlainReply plain_call(const char* service, const char* method, const json_t* request = nullptr);
+
+// The service that knows the appliance's networks.
+constexpr const char* NETWORK_SERVICE = "NetworkService";
+
 // `text` with each byte that is not part of a UTF-8 sequence replaced by U+FFFD, so that a request stays valid JSON
 // whatever a profile is called.
 [[nodiscard]] std::string valid_utf8(const std::string& text);

@@ -120,17 +120,7 @@ void log_line(int level, const char* unit, int line, const char* function, const
   unlock_after_line();
 }
 
-namespace {
-
-bool exists(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0;
-}
-
-}  // namespace
-
 void set_log_file_wrapper() {
-  if (!exists(PACKAGE_CONF)) return;  // most hosts have no package: asking the tool would cost each request a program
   std::string install;
   if (getcfg_wrapper(PACKAGE_CONF, "ORMEL", "Install_Path", "", install) != 0) return;
   if (install.empty()) return;  // a key without a value tells no more than no key
@@ -143,6 +133,11 @@ void set_log_file_wrapper() {
 }
 
 namespace {
+
+bool exists(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0;
+}
 
 // Moves each generation one place on, the live log becoming the first. False at the first rename that fails.
 bool shift_generations(const std::string& path) {

@@ -12,6 +12,7 @@
 #include "ormel/pelmar_settings.h"
 #include "ormel/pelmar_supernode.h"
 #include "ormel/pelmar_token.h"
+#include "ormel/system_log.h"
 #include "support/scripted_bus.h"
 
 namespace {
@@ -67,6 +68,12 @@ TEST_F(PelmarSettings, TakeAMissingKeyForAFailureOnlyWithoutADefault) {
   settings["virtual_ip"] = "10.\n0.0.1";
   EXPECT_EQ(get_virtual_ip(out), NO_ERROR);
   EXPECT_EQ(out, "10.0.0.1");
+}
+
+TEST_F(PelmarSettings, PlaceTheLogByWhatTheToolSaysAlone) {
+  settings["Install_Path"] = "/nowhere";
+  system::set_log_file_wrapper();
+  EXPECT_STREQ(__log_file__, "/nowhere/var/log/ORMEL.log");
 }
 
 TEST(PelmarMask, CountsBitsWhateverTheirOrder) {
