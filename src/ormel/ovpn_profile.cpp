@@ -54,7 +54,7 @@ bool sort_file_option(const FileOption& a, const FileOption& b) {
   return a.type != b.type ? a.type < b.type : a.name < b.name;
 }
 
-bool read_file(const char* path, std::string& out) {
+bool read_file(const char* path, std::string& out, size_t limit) {
   out.clear();
   const Fd fd{open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
   struct stat status {};
@@ -64,6 +64,7 @@ bool read_file(const char* path, std::string& out) {
     const ssize_t got = TEMP_FAILURE_RETRY(read(fd.get(), out.data() + length, READ_CHUNK));
     length += static_cast<size_t>(std::max<ssize_t>(got, 0));
     out.resize(length);
+    if (length > limit) return false;
     if (got <= 0) return got == 0;
   }
 }

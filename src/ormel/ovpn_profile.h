@@ -62,7 +62,7 @@ class ConfigFile {
   [[nodiscard]] std::string render(const OpenvpnRemotesOption& remotes) const;
 };
 
-// Reads a whole regular file. Devices and pipes are refused: they may never end.
-[[nodiscard]] bool read_file(const char* path, std::string& out);
+// Reads a whole regular file of at most `limit` bytes. Devices and pipes are refused: they may never end.
+[[nodiscard]] bool read_file(const char* path, std::string& out, size_t limit = std::string::npos);
 
 }  // namespace ormel::option
