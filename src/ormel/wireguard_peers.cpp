@@ -161,9 +161,9 @@ int PeerFile::remove(int index) {
   int last = max_index();
   const int left = std::max(number(PEERS_NUM) - 1, 0);
   unlink(psk_path(index).c_str());
-  if (Conf_Remove_Section(path_.c_str(), section_of(index).c_str()) != 0) return failed_update(index);
-
+  std::ignore = Conf_Remove_Section(path_.c_str(), section_of(index).c_str());  // what is in the file then tells
   conf_.reset(Conf_Dir_Load(path_.c_str()));
+  if (!is_free(index)) return failed_update(index);
   while (last > 0 && is_free(last)) --last;
   Conf_Dir_Set_Int(conf_.get(), GLOBAL, PEERS_NUM, left);
   Conf_Dir_Set_Int(conf_.get(), GLOBAL, MAX_INDEX, last);
