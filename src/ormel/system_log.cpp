@@ -130,7 +130,6 @@ bool exists(const std::string& path) {
 }  // namespace
 
 void set_log_file_wrapper() {
-  if (!exists(PACKAGE_CONF)) return;  // most hosts have no package: asking the tool would cost each request a program
   std::string install;
   if (getcfg_wrapper(PACKAGE_CONF, "ORMEL", "Install_Path", "", install) != 0) return;
   if (install.empty()) return;  // a key without a value tells no more than no key
