@@ -1,6 +1,6 @@
 // What a client profile and the network daemon know of each other: counters of the live tunnel, and the profile's entry
 // in the list of external devices.
-#include <climits>
+#include <cstdint>
 
 #include "ormel/config_record.h"
 #include "ormel/error.h"
@@ -16,19 +16,6 @@ constexpr const char* GET_COUNTERS = "interfaces_monitor.get_info_interfaces";
 // By ClientConfig::OptExternalDev.
 constexpr const char* EXTERNAL_DEV_METHODS[] = {"external_dev.register", "external_dev.modify",
                                                 "external_dev.unregister"};
-
-// A counter of a reply, integer or real, cut to what the field can hold; a number that is none cannot get here.
-template <typename Integer>
-Integer to_counter(const json_t* number, Integer least, Integer most) {
-  if (json_is_integer(number)) {
-    const json_int_t value = json_integer_value(number);
-    if (value <= static_cast<json_int_t>(least)) return least;
-    return static_cast<uint64_t>(value) >= static_cast<uint64_t>(most) ? most : static_cast<Integer>(value);
-  }
-  const double value = json_real_value(number);
-  if (!(value > static_cast<double>(least))) return least;
-  return value >= static_cast<double>(most) ? most : static_cast<Integer>(value);
-}
 
 }  // namespace
 
@@ -54,10 +41,10 @@ void ClientConfig::update_connection() {
               interface.c_str());
     return;
   }
-  rx = to_counter<uint64_t>(rx_bytes, 0, UINT64_MAX);
-  tx = to_counter<uint64_t>(tx_bytes, 0, UINT64_MAX);
-  rx_rate = to_counter<int>(rx_speed, 0, INT_MAX);
-  tx_rate = to_counter<int>(tx_speed, 0, INT_MAX);
+  rx = system::cut_number<uint64_t>(rx_bytes);
+  tx = system::cut_number<uint64_t>(tx_bytes);
+  rx_rate = system::cut_number<int>(rx_speed, 0);
+  tx_rate = system::cut_number<int>(tx_speed, 0);
 }
 
 int ClientConfig::mibcall_external_dev(OptExternalDev op) {

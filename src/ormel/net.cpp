@@ -87,11 +87,13 @@ int is_network_intersect(const char* ip, const char* mask) {
   constexpr const char* METHOD = "api.check_network_intersect";
   const MibIo io{mib_io_create()};
   if (!io) return ERR_MIB_IO_FAILED;
-  // The addresses can come from a form: escaped, they cannot add a member to the request.
-  mib_io_printf(io.get(), "{\"ip\":\"%s\", \"mask\": \"%s\"}", escape_json(ip).c_str(), escape_json(mask).c_str());
+  // The addresses can come from a form: escaped, they cannot add a member to the request or a line to the log.
+  const std::string address = escape_json(ip);
+  const std::string netmask = escape_json(mask);
+  const std::string call = std::string(NETWORK_SERVICE) + '.' + METHOD + ", ip: " + address + ", mask: " + netmask;
+  mib_io_printf(io.get(), "{\"ip\":\"%s\", \"mask\": \"%s\"}", address.c_str(), netmask.c_str());
   if (const int rc = mib_call(NETWORK_SERVICE, METHOD, io.get(), BUS_TIMEOUT, BUS_FLAG)) {
-    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mask: %s, mib_call failed ret:%d\n", __func__, NETWORK_SERVICE, METHOD, ip,
-              mask, rc);
+    ORMEL_LOG(ERROR, "%s: %s, mib_call failed ret:%d\n", __func__, call.c_str(), rc);
     return ERR_MIB_CALL_FAILED;
   }
 
@@ -99,21 +101,19 @@ int is_network_intersect(const char* ip, const char* mask) {
   const char* text = mib_io_read(io.get(), &length);
   const Json root{text ? json_loadb(text, length, 0, nullptr) : nullptr};
   if (!root) {
-    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mask: %s, failed to parse json.\n", __func__, NETWORK_SERVICE, METHOD, ip,
-              mask);
+    ORMEL_LOG(ERROR, "%s: %s, failed to parse json.\n", __func__, call.c_str());
     return ERR_MIB_CALL_FAILED;
   }
   const json_t* error = json_object_get(root.get(), "error");
   const json_int_t code = json_is_integer(error) ? json_integer_value(error) : -1;
   if (code == 0) return NO_ERROR;
   if (code == 1) {
-    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mask: %s, ip pool conflict with FENRO network.\n", __func__, NETWORK_SERVICE,
-              METHOD, ip, mask);
+    ORMEL_LOG(ERROR, "%s: %s, ip pool conflict with FENRO network.\n", __func__, call.c_str());
     return ERR_IP_POOL_CONFLICT;
   }
   const char* data = json_string_value(json_object_get(root.get(), "data"));
-  ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mask: %s, mib_call failed ret:%d, data: %s.\n", __func__, NETWORK_SERVICE,
-            METHOD, ip, mask, static_cast<int>(code), data ? data : "");
+  ORMEL_LOG(ERROR, "%s: %s, mib_call failed ret:%d, data: %s.\n", __func__, call.c_str(), static_cast<int>(code),
+            data ? data : "");
   return ERR_MIB_API_RET_ERROR;
 }
 

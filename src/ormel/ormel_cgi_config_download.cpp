@@ -52,6 +52,8 @@ std::string profile_text(const Source& source, const char* address) {
   const auto stored = static_cast<unsigned int>(server.encryption);
   const unsigned int level = stored < std::size(ovpn::CIPHERS) ? stored : static_cast<unsigned int>(MEDIUM_ENCRYPTION);
   const bool udp = server.protocol == UDP;
+  const char* const strong = ovpn::tls_ciphers();
+  const char* const tls_ciphers[] = {"NONE", strong, strong};  // by level, as the ciphers
   char* text = nullptr;
   const int length =
       asprintf(&text,
@@ -75,8 +77,7 @@ std::string profile_text(const Source& source, const char* address) {
                "%s\n"
                "proto %s\n"
                "%s\n",
-               source.host.c_str(), address, server.port, ovpn::CIPHERS[level],
-               level == NONE_ENCRYPTION ? "NONE" : ovpn::tls_ciphers(),
+               source.host.c_str(), address, server.port, ovpn::CIPHERS[level], tls_ciphers[level],
                server.signature_algorithm == WEAK_SIGNATURE ? WEAK_LEVEL : "", server.compress ? "comp-lzo" : "",
                udp ? "udp" : "tcp", udp ? "explicit-exit-notify 1" : "");
   const CString owner{length < 0 ? nullptr : text};

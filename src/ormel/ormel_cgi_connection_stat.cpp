@@ -1,8 +1,6 @@
 // What the daemon that counts bytes says of each connection.
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <limits>
 
 #include "ormel/handle.h"
 #include "ormel/ormel_cgi_connection.h"
@@ -15,22 +13,6 @@ namespace {
 
 constexpr const char* SERVICE = "RateServer";
 constexpr const char* METHOD = "all_server_stat";
-
-// A JSON number as one of ours; what is out of range becomes the nearest.
-template <typename Number>
-Number number_of(const json_t* value) {
-  using Limits = std::numeric_limits<Number>;
-  if (json_is_integer(value)) {
-    const json_int_t number = json_integer_value(value);
-    if (number < 0 && !Limits::is_signed) return 0;
-    if constexpr (sizeof(Number) < sizeof number)
-      return static_cast<Number>(std::clamp<json_int_t>(number, Limits::min(), Limits::max()));
-    return static_cast<Number>(number);
-  }
-  const double number = json_number_value(value);
-  if (number <= static_cast<double>(Limits::min())) return Limits::min();
-  return number >= static_cast<double>(Limits::max()) ? Limits::max() : static_cast<Number>(number);
-}
 
 // The array of counters in a reply, null when it is none.
 const json_t* counters_of(const json_t* root, const json_error_t& place) {
@@ -65,8 +47,8 @@ bool read_counters(const json_t* element, const json_error_t& place, byteStat& o
     ORMEL_LOG(ERROR, "unexpected type. %d: %s", place.line, place.text);
     return false;
   }
-  out = {json_string_value(key), number_of<uint64_t>(tx_bytes), number_of<uint64_t>(rx_bytes), number_of<int>(tx_rate),
-         number_of<int>(rx_rate)};
+  out = {json_string_value(key), system::cut_number<uint64_t>(tx_bytes), system::cut_number<uint64_t>(rx_bytes),
+         system::cut_number<int>(tx_rate), system::cut_number<int>(rx_rate)};
   return true;
 }
 

@@ -14,7 +14,6 @@
 #include "ormel/system_bus.h"
 #include "ormel/system_log.h"
 #include "ormel/system_process.h"
-#include "ormel/text.h"
 
 namespace ormel::cgi {
 
@@ -46,10 +45,6 @@ constexpr const char* ARCHIVE = "/tmp/ormel_dump_log.tar.gz";
 constexpr const char* ARCHIVE_HEAD =
     "Content-Type: application/octet-stream\r\n"
     "Content-Disposition: attachment; filename=ormel_dump_log.tar.gz\r\n";
-
-int int_or(const Request& request, const char* name, int fallback) {
-  return request.filled(name) ? option::to_int(request.value(name)) : fallback;
-}
 
 int64_t number_or(const Request& request, const char* name, int64_t fallback) {
   return request.filled(name) ? std::strtol(request.value(name), nullptr, 10) : fallback;
@@ -121,9 +116,9 @@ int show_events(const Request& request, JsonValue& reply) {
   const char* const any = nullptr;
   const int total = naslog_event_query_count_ex(0, any, any, any, any, any, SERVICE_TAG, any, any);
   JsonValue& data = reply["data"].make_array();
-  const int rc = naslog_event_query_ex(sqlite_query_callback, int_or(request, "sort", 0),
-                                       int_or(request, "lower", FIRST_ROW), int_or(request, "upper", LAST_ROW), any,
-                                       any, any, any, any, any, SERVICE_TAG, &data, any, any);
+  const int rc = naslog_event_query_ex(sqlite_query_callback, request.number("sort", 0),
+                                       request.number("lower", FIRST_ROW), request.number("upper", LAST_ROW), any, any,
+                                       any, any, any, any, SERVICE_TAG, &data, any, any);
   if (rc != 0) return ERR_QUERY_LOG_FAIL;
   reply["total"] = total;
   return NO_ERROR;

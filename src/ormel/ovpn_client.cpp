@@ -1,3 +1,4 @@
+#include <chrono>
 #include <cstdio>
 #include <unistd.h>
 
@@ -13,6 +14,7 @@ namespace {
 constexpr size_t MAX_HOST_LENGTH = 255;
 constexpr size_t MAX_HOOK_LENGTH = 4096;
 constexpr size_t MAX_VENDOR_LENGTH = 128;
+constexpr std::chrono::seconds LOOKUP_TIME{60};
 
 bool known_protocol(const std::string& protocol) {
   return protocol.empty() || protocol == "tcp" || protocol == "tcp-client" || protocol == "udp";
@@ -126,16 +128,19 @@ void ClientConfig::save(Conf_dir* conf) {
   if (!remotes.empty()) save_remotes(conf);
 }
 
-// The lists of the profile's servers in place of the single values, resolved afresh for the script.
+// The lists of the profile's servers in place of the single values, resolved afresh for the script. A foreign profile
+// can name thousands that take their time to have no address: once it is up, the rest count as unresolved.
 void ClientConfig::save_remotes(Conf_dir* conf) {
   std::string hosts;
   std::string ports;
   std::string protocols;
   ip.clear();
+  const auto deadline = std::chrono::steady_clock::now() + LOOKUP_TIME;
   for (const option::OpenvpnRemotes& remote : remotes) {
     const bool first = &remote == remotes.data();
     add_to_list(hosts, remote.remote_ip, first);
-    add_to_list(ip, system::nslookup(remote.remote_ip), first);
+    const bool in_time = std::chrono::steady_clock::now() < deadline;
+    add_to_list(ip, in_time ? system::nslookup(remote.remote_ip) : "", first);
     add_to_list(ports, remote.remote_port, first);
     add_to_list(protocols, remote.remote_proto, first);
   }

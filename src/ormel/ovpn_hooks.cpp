@@ -43,10 +43,13 @@ Fd connect_daemon(int index) {
   const std::string path = management_socket(index);
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   Fd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  if (!fd || connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return Fd{};
-  if (!trusted_peer(fd.get())) return Fd{};
-  setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &REPLY_TIMEOUT, sizeof REPLY_TIMEOUT);
-  return fd;
+  if (!fd) return fd;
+  // Before the connection too: whoever put a socket there need not take it.
+  for (const int direction : {SO_SNDTIMEO, SO_RCVTIMEO}) {
+    setsockopt(fd.get(), SOL_SOCKET, direction, &REPLY_TIMEOUT, sizeof REPLY_TIMEOUT);
+  }
+  if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return Fd{};
+  return trusted_peer(fd.get()) ? std::move(fd) : Fd{};
 }
 
 ssize_t receive(int fd) {

@@ -21,6 +21,8 @@ using option::OpenvpnRemotes;
 
 constexpr unsigned int PRIVATE = 0600;
 constexpr const char* CRL_ENDING = "_crl.pem";
+// No key, certificate or list is that long, while a form can name any file, the memory of the host among them.
+constexpr size_t MAX_KEY_FILE = size_t{16} * 1024 * 1024;
 
 // A file given for one import, which becomes an inline block of the profile.
 struct KeyFile {
@@ -162,7 +164,7 @@ bool closes_block(const std::string& content, const char* option) {
 
 int embed_file(const KeyFile& row, const std::string& path, ConfigFile& cf) {
   std::string content;
-  if (!option::read_file(path.c_str(), content)) return error_message(row.refusal, path.c_str());
+  if (!option::read_file(path.c_str(), content, MAX_KEY_FILE)) return error_message(row.refusal, path.c_str());
   if (closes_block(content, row.option) || (row.accepts && !row.accepts(content)))
     return error_message(row.refusal, path.c_str());
   // Trimmed as a block is when the profile is read again, so that the first change of it changes nothing here.
@@ -184,7 +186,7 @@ int store_crl(ClientConfig& record, ConfigFile& cf) {
   if (from.empty()) return NO_ERROR;
   std::string content;
   const std::string to = record.profile_path() + CRL_ENDING;
-  if (!option::read_file(from.c_str(), content) || !openssl::is_crl(content) ||
+  if (!option::read_file(from.c_str(), content, MAX_KEY_FILE) || !openssl::is_crl(content) ||
       !system::move_file(from.c_str(), to.c_str(), PRIVATE))
     return error_message(ERR_OPENVPN_CRL_VERIFY, from.c_str());
   // Relative, as the daemon works in the folder of its profile.

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,17 +15,8 @@ namespace ormel::option {
 
 namespace {
 
-constexpr mode_t PRIVATE = 0600;
+constexpr unsigned int PRIVATE = 0600;
 constexpr size_t READ_CHUNK = 65536;
-
-bool write_all(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t done = TEMP_FAILURE_RETRY(write(fd, bytes.data(), bytes.size()));
-    if (done <= 0) return false;
-    bytes.remove_prefix(static_cast<size_t>(done));
-  }
-  return true;
-}
 
 std::string connection_text(const OpenvpnRemotes& remote) {
   std::string out = "\n<connection>\n";
@@ -54,7 +44,7 @@ bool sort_file_option(const FileOption& a, const FileOption& b) {
   return a.type != b.type ? a.type < b.type : a.name < b.name;
 }
 
-bool read_file(const char* path, std::string& out) {
+bool read_file(const char* path, std::string& out, size_t limit) {
   out.clear();
   const Fd fd{open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};
   struct stat status {};
@@ -64,6 +54,7 @@ bool read_file(const char* path, std::string& out) {
     const ssize_t got = TEMP_FAILURE_RETRY(read(fd.get(), out.data() + length, READ_CHUNK));
     length += static_cast<size_t>(std::max<ssize_t>(got, 0));
     out.resize(length);
+    if (length > limit) return false;
     if (got <= 0) return got == 0;
   }
 }
@@ -82,12 +73,10 @@ int ConfigFile::parse_content(const char* text) {
 
 int ConfigFile::save(const char* path, bool sort, const OpenvpnRemotesOption& remotes) {
   if (sort) std::stable_sort(options.begin(), options.end(), sort_file_option);  // "route" lines keep their order
-  // Private from the first moment, and again for a file that was there already; never through a link.
-  const Fd fd{open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, PRIVATE)};
-  if (!fd || fchmod(fd.get(), PRIVATE) != 0) return error_message(ERR_SAVE_FILE, path);
-  // A disk that is full may show only when it is flushed; what cannot be flushed, as a pipe, says EINVAL.
-  const bool written = write_all(fd.get(), render(remotes)) && (fsync(fd.get()) == 0 || errno == EINVAL);
-  return written ? NO_ERROR : error_message(ERR_SAVE_FILE, path);
+  struct stat status {};
+  const bool foreign = lstat(path, &status) == 0 && !S_ISREG(status.st_mode);  // a link or a device is not replaced
+  const bool saved = !foreign && system::replace_file(path, render(remotes), PRIVATE);
+  return saved ? NO_ERROR : error_message(ERR_SAVE_FILE, path);
 }
 
 std::string ConfigFile::render(const OpenvpnRemotesOption& remotes) const {

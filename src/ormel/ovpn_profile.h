@@ -47,7 +47,8 @@ class ConfigFile {
   // remotes are not cleared. Takes time proportional to the text.
   int parse_content(const char* text);
   // Writes the options, sorted first if `sort`, with `remotes` in front of the inline block "ca"; a profile without
-  // that block loses them. The file is its owner's alone, for the keys in it. 0 or ERR_SAVE_FILE, reported.
+  // that block loses them. The file is replaced whole, and its owner's alone for the keys in it. 0 or ERR_SAVE_FILE,
+  // reported.
   [[nodiscard]] int save(const char* path, bool sort, const OpenvpnRemotesOption& remotes);
 
   // Appends an option; unless `repeatable`, all earlier ones of exactly that name go first.
@@ -62,7 +63,7 @@ class ConfigFile {
   [[nodiscard]] std::string render(const OpenvpnRemotesOption& remotes) const;
 };
 
-// Reads a whole regular file. Devices and pipes are refused: they may never end.
-[[nodiscard]] bool read_file(const char* path, std::string& out);
+// Reads a whole regular file of at most `limit` bytes. Devices and pipes are refused: they may never end.
+[[nodiscard]] bool read_file(const char* path, std::string& out, size_t limit = std::string::npos);
 
 }  // namespace ormel::option

@@ -16,6 +16,7 @@
 #include "ormel/handle.h"
 #include "ormel/ovpn_profile.h"
 #include "ormel/system_bus.h"
+#include "ormel/system_process.h"
 #include "ormel/types.h"
 
 namespace ormel {
@@ -79,19 +80,13 @@ class Replacement {
     target_ = target;
     temporary_ = target_ + "-XXXXXX";
     if (vantri_mktmpname(temporary_.data()) != 0) return false;
-    // A platform may make the file along with its name, and with other rights.
+    // The platform may have made the file already, to keep its name.
     fd_ = Fd{open(temporary_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, PRIVATE)};
     return fd_ && fchmod(fd_.get(), PRIVATE) == 0;
   }
   // All of it is on the disk.
   [[nodiscard]] bool write(const std::string& content) const {
-    size_t done = 0;
-    while (done < content.size()) {
-      const ssize_t put = TEMP_FAILURE_RETRY(::write(fd_.get(), content.data() + done, content.size() - done));
-      if (put <= 0) return false;
-      done += static_cast<size_t>(put);
-    }
-    return fsync(fd_.get()) == 0;
+    return system::write_all(fd_.get(), content) && fsync(fd_.get()) == 0;
   }
   void put_in_place() const {
     std::ignore = std::rename(temporary_.c_str(), target_.c_str());  // readers keep the old one then

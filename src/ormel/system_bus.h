@@ -1,7 +1,9 @@
 // Calls to the appliance's daemons over the service bus.
 #pragma once
 
+#include <limits>
 #include <string>
+#include <utility>
 
 #include "ormel/handle.h"
 
@@ -47,6 +49,20 @@ constexpr int NO_IO = -1;  // there was no memory to make a call with
 
 // The service that knows the appliance's networks.
 constexpr const char* NETWORK_SERVICE = "NetworkService";
+
+// A number of a reply, integer or real, cut to a range. What is no number counts as 0.
+template <typename Integer>
+[[nodiscard]] Integer cut_number(const json_t* number, Integer least = std::numeric_limits<Integer>::min(),
+                                 Integer most = std::numeric_limits<Integer>::max()) {
+  if (json_is_integer(number)) {
+    const json_int_t value = json_integer_value(number);
+    if (std::cmp_less(value, least)) return least;
+    return std::cmp_greater(value, most) ? most : static_cast<Integer>(value);
+  }
+  const double value = json_number_value(number);
+  if (!(value > static_cast<double>(least))) return least;
+  return value >= static_cast<double>(most) ? most : static_cast<Integer>(value);
+}
 
 // `text` with each byte that is not part of a UTF-8 sequence replaced by U+FFFD, so that a request stays valid JSON
 // whatever a profile is called.

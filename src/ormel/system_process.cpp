@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string_view>
@@ -232,6 +233,25 @@ bool write_file(const std::string& content, const char* path, unsigned int mode)
   if (!fd) return false;
   if (write(fd.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size())) return true;
   unlink(path);
+  return false;
+}
+
+bool write_all(int fd, std::string_view content) {
+  while (!content.empty()) {
+    const ssize_t put = TEMP_FAILURE_RETRY(write(fd, content.data(), content.size()));
+    if (put <= 0) return false;
+    content.remove_prefix(static_cast<size_t>(put));
+  }
+  return true;
+}
+
+bool replace_file(const std::string& path, const std::string& content, unsigned int mode) {
+  const std::string temporary = path + ".tmp";
+  unlink(temporary.c_str());  // one that a crash left may have another mode
+  const Fd fd{open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode)};
+  if (fd && write_all(fd.get(), content) && fsync(fd.get()) == 0 && rename(temporary.c_str(), path.c_str()) == 0)
+    return true;
+  unlink(temporary.c_str());
   return false;
 }
 

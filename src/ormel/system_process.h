@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
@@ -66,6 +67,12 @@ bool move_file(const char* from, const char* to, unsigned int mode);
 
 // Writes `content` to a file, created with `mode`; a file that took less is deleted. Whether all was written.
 bool write_file(const std::string& content, const char* path, unsigned int mode);
+
+// Writes all of `content`, going on after interruptions and short writes. Whether it could.
+[[nodiscard]] bool write_all(int fd, std::string_view content);
+
+// Puts `content` in the place of a file, whole or not at all, by way of a file beside it. Whether it is there.
+[[nodiscard]] bool replace_file(const std::string& path, const std::string& content, unsigned int mode);
 
 // Undoes URL encoding. 0 or ERR_CURL_FAIL.
 [[nodiscard]] int decode_urlEncoded(const std::string& text, std::string& out);

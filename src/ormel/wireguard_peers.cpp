@@ -2,14 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "ormel/error.h"
 #include "ormel/system_log.h"
+#include "ormel/system_process.h"
 
 namespace ormel::wireguard {
 
@@ -60,26 +58,6 @@ void make_folder(const std::string& path) {
   if (slash == std::string::npos || slash == 0) return;
   make_folder(path.substr(0, slash));
   mkdir(path.c_str(), FOLDER_MODE);
-}
-
-bool write_whole(int fd, const std::string& content) {
-  for (size_t done = 0; done < content.size();) {
-    const ssize_t put = TEMP_FAILURE_RETRY(write(fd, content.data() + done, content.size() - done));
-    if (put <= 0) return false;
-    done += static_cast<size_t>(put);
-  }
-  return fsync(fd) == 0;
-}
-
-// Replaces a file whole: a crash leaves the old or the new.
-bool replace_secret(const std::string& path, const std::string& content) {
-  const std::string temporary = path + ".tmp";
-  unlink(temporary.c_str());  // one that a crash left may have another mode
-  const Fd fd{open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, SECRET_MODE)};
-  if (fd && write_whole(fd.get(), content) && rename(temporary.c_str(), path.c_str()) == 0) return true;
-  ORMEL_LOG(ERROR, "cannot write %s: %s", path.c_str(), std::strerror(errno));
-  unlink(temporary.c_str());
-  return false;
 }
 
 }  // namespace
@@ -161,9 +139,9 @@ int PeerFile::remove(int index) {
   int last = max_index();
   const int left = std::max(number(PEERS_NUM) - 1, 0);
   unlink(psk_path(index).c_str());
-  if (Conf_Remove_Section(path_.c_str(), section_of(index).c_str()) != 0) return failed_update(index);
-
+  std::ignore = Conf_Remove_Section(path_.c_str(), section_of(index).c_str());  // what is in the file then tells
   conf_.reset(Conf_Dir_Load(path_.c_str()));
+  if (!is_free(index)) return failed_update(index);
   while (last > 0 && is_free(last)) --last;
   Conf_Dir_Set_Int(conf_.get(), GLOBAL, PEERS_NUM, left);
   Conf_Dir_Set_Int(conf_.get(), GLOBAL, MAX_INDEX, last);
@@ -187,7 +165,10 @@ std::string PeerFile::psk_path(int index) const {
 
 int PeerFile::write_psk(int index, const std::string& psk) const {
   make_folder(folder_);
-  return replace_secret(psk_path(index), psk) ? NO_ERROR : ERR_SAVE_FILE;
+  const std::string path = psk_path(index);
+  if (system::replace_file(path, psk, SECRET_MODE)) return NO_ERROR;
+  ORMEL_LOG(ERROR, "cannot write %s", path.c_str());
+  return ERR_SAVE_FILE;
 }
 
 }  // namespace ormel::wireguard

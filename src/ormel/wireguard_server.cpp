@@ -50,8 +50,7 @@ void show_peer(JsonValue& out, const Peer& peer, int index, const PeerStatus& st
 }
 
 void show_peers(JsonValue& out, const PeerFile& peers) {
-  out << false;
-  out.erase();  // an array also without peers
+  out.make_array();  // also without peers
   std::string status;
   if (peers.max_index() != 0) get_wg_status(status, 0);
   for (int index = 1; index <= peers.max_index(); ++index) {

@@ -228,7 +228,6 @@ TEST_F(WebProcess, GivesItsProgramsNothingOfTheClient) {
   const std::string dump = "#!/bin/sh\numask 077\n/usr/bin/env >>/tmp/environments\n";
   for (const char* script : {"vpn_pptp_client.sh", "vpn_common.sh"})
     write(std::string("/etc/init.d/") + script, dump, 0755);
-  write("/etc/config/pakrix.conf", "");  // what getcfg is asked about
   fs::rename("/usr/sbin/getcfg", "/usr/sbin/getcfg.real");
   write("/usr/sbin/getcfg", dump + "exec /usr/sbin/getcfg.real \"$@\"\n", 0755);
   const Environment secrets{"HTTP_PROXY=http://secret",    "REQUEST_URI=/?secret",      "HTTP_COOKIE=secret",
@@ -245,7 +244,6 @@ TEST_F(WebProcess, GivesItsProgramsNothingOfTheClient) {
     return count;
   };
   EXPECT_TRUE(comes_true([&] { return programs() >= 5; })) << "getcfg, start; getcfg, stop, and the route's removal";
-  fs::remove("/etc/config/pakrix.conf");
   const std::string environments = read("/tmp/environments");
   EXPECT_THAT(environments, Not(HasSubstr("secret")));
   EXPECT_THAT(environments, Not(HasSubstr(admin)));
