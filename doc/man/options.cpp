@@ -201,7 +201,7 @@ void put_options(Page& page, const Words&) {
 }
 
 void put_types(Page& page, const Words&) {
-  page.out() << "[[ *Name*\n:[ *Number*\n:[ *What*\n";
+  page.out() << "[[ *Name*\n:[ *Number*\n:< *What*\n";
   for (const TypeName& type : type_names()) {
     page.out() << "|  " << type.name << "\n:  " << type.type
                << "\n:  " << joined(page.texts("types").of(type.name).lines) << '\n';

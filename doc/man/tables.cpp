@@ -45,9 +45,8 @@ void put_routes(Page& page, const Words&) {
 void put_notifications(Page& page, const Words&) {
   for (const ormel::nc_msg_struct& message : ormel::nc_messages()) {
     const std::string key = std::string(message.category_id) + ' ' + message.message_id;
-    std::vector<std::string> lines = page.texts("notifications").of(key).lines;
-    lines.insert(lines.begin(), literal(message.message) + "++");
-    put_entry(page, '*' + key + "* (" + message.level + ')', lines);
+    put_entry(page, '*' + key + "* (" + message.level + ") " + literal(message.message),
+              page.texts("notifications").of(key).lines);
   }
 }
 
