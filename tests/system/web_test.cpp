@@ -77,10 +77,10 @@ TEST_F(WebRoutes, DoNothingWithoutTheirSession) {
     expect_refused(route, form, 39);
     const auto row = FOR_GENERAL_USERS.find(route);
     const int code = row == FOR_GENERAL_USERS.end() ? 39 : row->second;
-    const std::string who = code == 0    ? "any session"
-                            : code == 41 ? "administrators, others get error 41"
-                                         : "administrators";
-    EXPECT_THAT(manual, HasSubstr("\\fB/ormel/" + route + "\\fR (" + who + ")"));
+    const char* who = code == 0    ? "\\fR (any session)"
+                      : code == 41 ? "\\fR (administrators, others get error 41)"
+                                   : "\\fR (administrators)";
+    EXPECT_THAT(manual, HasSubstr(std::string("\\fB/ormel/").append(route).append(who)));
     if (code != 0) {
       expect_refused(route, form + guest, code);
     } else {
