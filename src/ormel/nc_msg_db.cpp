@@ -84,6 +84,10 @@ enum { EVENT_INFORMATION = 0, EVENT_WARNING = 1 };
 
 }  // namespace
 
+std::span<const nc_msg_struct> nc_messages() {
+  return __NC_MSG_DB__;
+}
+
 const nc_msg_struct& nc_message(const char* category, const char* id) {
   return *std::find_if(std::begin(__NC_MSG_DB__), std::end(__NC_MSG_DB__) - 1, [&](const nc_msg_struct& row) {
     return std::string_view(row.category_id) == category && std::string_view(row.message_id) == id;

@@ -1,6 +1,7 @@
 // What users see: the catalogue of the notification centre, and the system event log.
 #pragma once
 
+#include <span>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,9 @@ struct nc_msg_struct {
 constexpr const char* NOTICE_APPLICATION = "A238";  // this service in the notification centre
 
 extern const nc_msg_struct __NC_MSG_DB__[];
+
+// The whole catalogue.
+[[nodiscard]] std::span<const nc_msg_struct> nc_messages();
 
 // The row of a category and an id, both of which the catalogue has.
 [[nodiscard]] const nc_msg_struct& nc_message(const char* category, const char* id);

@@ -82,11 +82,6 @@ static_assert(std::size(COMMAND_OPTIONS) == 59);
 
 namespace {
 
-struct TypeName {
-  TYPE type;
-  const char* name;
-};
-
 // Tried in this order, for each row the number first.
 constexpr TypeName TYPE_NAMES[] = {
     {PPTP_SERVER_TYPE, "SPPTP"},     {L2TP_SERVER_TYPE, "SL2TP"},    {OVPN_SERVER_TYPE, "SOVPN"},
@@ -102,6 +97,10 @@ int apply_row(const CommandOption& row, BaseConfig** record, const char* value) 
 }
 
 }  // namespace
+
+std::span<const TypeName> type_names() {
+  return TYPE_NAMES;
+}
 
 TYPE parse_type(const char* value) {
   if (empty(value)) return NONE_TYPE;

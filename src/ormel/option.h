@@ -4,6 +4,7 @@
 
 #include <getopt.h>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,15 @@ struct CommandOptions {
 
 // The table, closed by an empty row.
 extern const CommandOption COMMAND_OPTIONS[];
+
+// A type of profile by the name that `type` takes.
+struct TypeName {
+  TYPE type;
+  const char* name;
+};
+
+// All types.
+[[nodiscard]] std::span<const TypeName> type_names();
 
 // True once the options come from a web form.
 extern bool is_cgi_mode;

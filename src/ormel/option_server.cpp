@@ -20,7 +20,6 @@ namespace {
 using config::ServerConfig;
 
 constexpr const char* NOT_A_SERVER = "--enable only for SPPTP, SL2TP, SOVPN, SDROVIK and SWIREGUARD";
-constexpr const char* OUT_EIF = "^(all|none|(eth|dvs|br|bond|docker|lxcbr|ppp|tun|dtunc|wgc)[0-9]+)$";
 const in_addr POOL_MASK{htonl(0xffffff00)};
 
 // An address of 10.0.0.0/8, 172.16.0.0/12 or 192.168.0.0/16.

@@ -182,6 +182,10 @@ int refuse_download(int code) {
 
 }  // namespace
 
+std::span<const Route> routes() {
+  return ROUTES;
+}
+
 Request::Request(cgi_var_mode repeats) : CgiRequest(settings_for(repeats)), user_(INVAILD_USER) {
   withhold_request();
   user_ = system::auth_user_session(get_cgi_var_value(find("sid")));

@@ -4,6 +4,7 @@
 // answer is an HTTP 200; `error` alone tells the outcome.
 #pragma once
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -111,6 +112,9 @@ struct Route {
   std::string_view path;  // matched exactly
   int (*handler)(JsonValue& response);
 };
+
+// The route table.
+[[nodiscard]] std::span<const Route> routes();
 
 }  // namespace cgi
 }  // namespace ormel

@@ -72,10 +72,15 @@ class WebRoutes : public WebHost {
 TEST_F(WebRoutes, DoNothingWithoutTheirSession) {
   ASSERT_EQ(routes().size(), 52U);
   const std::string form = "type=PPTP&index=1&name=x&host=127.0.0.1&enable=true&as_gw_en=0&user=guest&ip=10.0.0.1&";
+  const std::string manual = read("/usr/share/man/man8/ormel.cgi.8");
   for (const std::string& route : routes()) {
     expect_refused(route, form, 39);
     const auto row = FOR_GENERAL_USERS.find(route);
     const int code = row == FOR_GENERAL_USERS.end() ? 39 : row->second;
+    const char* who = code == 0    ? "\\fR (any session)"
+                      : code == 41 ? "\\fR (administrators, others get error 41)"
+                                   : "\\fR (administrators)";
+    EXPECT_THAT(manual, HasSubstr(std::string("\\fB/ormel/").append(route).append(who)));
     if (code != 0) {
       expect_refused(route, form + guest, code);
     } else {
