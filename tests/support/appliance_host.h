@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <gmock/gmock.h>
 #include <iterator>
 #include <string>
 #include <sys/prctl.h>
@@ -19,13 +20,22 @@
 #include <vector>
 
 #include <fenro/mibservice.h>
-#include <gtest/gtest.h>
 
 #include "libmibservice/mibserver.h"
 
 namespace ormel::test {
 
 namespace fs = std::filesystem;
+using testing::ContainsRegex;
+using testing::Each;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 inline constexpr const char* VPN_CONF = "/etc/config/vpn.conf";
 inline constexpr const char* LOG = "/var/log/network/ORMEL.log";
@@ -39,6 +49,11 @@ inline std::string read(const fs::path& path) {
 inline void write(const fs::path& path, const std::string& text, mode_t mode = 0600) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
   chmod(path.c_str(), mode);
+}
+
+inline mode_t mode_of(const fs::path& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
 struct Result {
@@ -92,7 +107,11 @@ inline std::string bus(const char* service, const char* method, const std::strin
   mib_io* io = mib_io_create();
   mib_io_write(io, request.data(), request.size());
   std::string reply;
-  if (mib_call(service, method, io, 5, -1) == MIB_SUCCESS) reply = mib_io_read(io, nullptr);
+  size_t length = 0;
+  if (mib_call(service, method, io, 5, -1) == MIB_SUCCESS) {
+    const char* bytes = mib_io_read(io, &length);
+    reply.assign(bytes, length);
+  }
   mib_io_free(io);
   return reply;
 }
@@ -127,7 +146,9 @@ class ScriptedService {
   using Answer = std::function<fenro::bus::Reply(std::string_view request)>;
 
   ScriptedService(const char* service, const char* daemon, const std::vector<std::string>& methods, Answer answer) {
+    const auto served = [&] { return read("/proc/net/unix").find(service) != std::string::npos; };
     run({"/usr/bin/pkill", "-KILL", "-f", daemon});
+    comes_true([&] { return !served(); });
     child_ = fork();
     if (child_ == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -141,8 +162,13 @@ class ScriptedService {
       while (!server.listen()) usleep(10000);
       _exit(server.run());
     }
-    comes_true([&] { return !bus(service, "").empty() || read("/proc/net/unix").find(service) != std::string::npos; });
+    comes_true(served);
   }
+  ScriptedService(const char* service, const char* daemon, const std::vector<std::string>& methods,
+                  const std::string& reply, int status = MIB_SUCCESS)
+      : ScriptedService(service, daemon, methods, [&](std::string_view) {
+          return fenro::bus::Reply{status, reply};
+        }) {}
   ScriptedService(const ScriptedService&) = delete;
   ScriptedService& operator=(const ScriptedService&) = delete;
   ~ScriptedService() {
