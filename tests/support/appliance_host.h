@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <gmock/gmock.h>
 #include <iterator>
 #include <string>
 #include <sys/prctl.h>
@@ -21,7 +22,6 @@
 #include <vector>
 
 #include <fenro/mibservice.h>
-#include <gtest/gtest.h>
 
 #include "common/handle.h"
 #include "libmibservice/mibserver.h"
@@ -29,6 +29,16 @@
 namespace ormel::test {
 
 namespace fs = std::filesystem;
+using testing::ContainsRegex;
+using testing::Each;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+using testing::UnorderedElementsAre;
 
 inline constexpr const char* VPN_CONF = "/etc/config/vpn.conf";
 inline constexpr const char* LOG = "/var/log/network/ORMEL.log";
@@ -42,6 +52,11 @@ inline std::string read(const fs::path& path) {
 inline void write(const fs::path& path, const std::string& text, mode_t mode = 0600) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
   chmod(path.c_str(), mode);
+}
+
+inline mode_t mode_of(const fs::path& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
 struct Result {
@@ -95,7 +110,11 @@ inline std::string bus(const char* service, const char* method, const std::strin
   mib_io* io = mib_io_create();
   mib_io_write(io, request.data(), request.size());
   std::string reply;
-  if (mib_call(service, method, io, 5, -1) == MIB_SUCCESS) reply = mib_io_read(io, nullptr);
+  size_t length = 0;
+  if (mib_call(service, method, io, 5, -1) == MIB_SUCCESS) {
+    const char* bytes = mib_io_read(io, &length);
+    reply.assign(bytes, length);
+  }
   mib_io_free(io);
   return reply;
 }
@@ -153,6 +172,11 @@ class ScriptedService {
     char none = 0;
     std::ignore = ::read(ready.get(), &none, 1);  // ends when the child listens, or is gone
   }
+  ScriptedService(const char* service, const char* daemon, const std::vector<std::string>& methods,
+                  const std::string& reply, int status = MIB_SUCCESS)
+      : ScriptedService(service, daemon, methods, [&](std::string_view) {
+          return fenro::bus::Reply{status, reply};
+        }) {}
   ScriptedService(const ScriptedService&) = delete;
   ScriptedService& operator=(const ScriptedService&) = delete;
   ~ScriptedService() {

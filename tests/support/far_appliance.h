@@ -92,4 +92,11 @@ inline std::string conf_value(const std::string& section, const std::string& key
   return value;
 }
 
+// The processes of both appliances that show one of these lines to others, in their arguments or environment.
+inline std::string showing(const std::string& secrets) {
+  const std::vector<std::string> search{"/bin/sh", "-c",
+                                        "grep -lsaF -f /dev/stdin /proc/[0-9]*/cmdline /proc/[0-9]*/environ"};
+  return test::run(search, {"PATH=/usr/bin"}, secrets).out + run(search, {"PATH=/usr/bin"}, secrets).out;
+}
+
 }  // namespace ormel::test::far

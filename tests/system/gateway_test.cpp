@@ -18,9 +18,7 @@ class GatewayHost : public WebHost {
     write("/etc/init.d/vpn_gateway.sh", script, 0755);
     shell("for link in tun2001 wgc3001; do ip link delete $link; done 2>/dev/null; true");
   }
-
   static Result shell(const std::string& script) { return run({"/bin/sh", "-c", script}); }
-
   // A cable called `interface` to 10.91.NUMBER.1 in the local network.
   static void lay_cable(const std::string& interface, int number) {
     const std::string net = "10.91." + std::to_string(number);
@@ -31,7 +29,6 @@ class GatewayHost : public WebHost {
                               ".1/24 dev " + far + " && ip link set " + far + " up'");
     ASSERT_EQ(laid.status, 0) << laid.err;
   }
-
   static void cut(const std::string& far) {
     const Result cut = shell(
         "nsenter --net=/run/netns/lan /usr/sbin/nft 'add table netdev cut; add chain netdev cut in { type "
@@ -40,11 +37,9 @@ class GatewayHost : public WebHost {
     ASSERT_EQ(cut.status, 0) << cut.err;
   }
   static void mend() { shell("nsenter --net=/run/netns/lan /usr/sbin/nft delete table netdev cut"); }
-
   static bool leaves_by(const std::string& interface) {
     return shell("ip route get 203.0.113.9").out.find(" dev " + interface + " ") != std::string::npos;
   }
-
   std::string set(const std::string& policy) { return cgi("/ormel/gateway/set", admin + policy).body; }
   std::string vpn_gw() { return cgi("/ormel/gateway/get_vpn_gw", guest).body; }
 };
@@ -52,7 +47,6 @@ class GatewayHost : public WebHost {
 TEST_F(GatewayHost, KeepsWhatIsSetAndRefusesTheRest) {
   const std::string off = R"({"gateway_policy":2,"gw_setting":{"as_gw_en":0}})";
   EXPECT_EQ(cgi("/ormel/gateway/get", guest).body, R"({"data":)" + off + R"(,"error":0})");
-
   struct Case {
     std::string request;
     std::string reply;
@@ -102,7 +96,6 @@ TEST_F(GatewayHost, MovesToTheSecondTunnelAndBack) {
   lay_cable("tun2001", 1);
   lay_cable("wgc3001", 2);
   ASSERT_TRUE(leaves_by("eth0"));
-
   ASSERT_EQ(set(FAILOVER), R"({"error":0})");
   EXPECT_TRUE(leaves_by("tun2001")) << shell("ip rule; ip route show table 3500").out;
   EXPECT_NE(shell("nft list table ip fenro_gateway").out.find("tun2001"), std::string::npos);
@@ -111,15 +104,12 @@ TEST_F(GatewayHost, MovesToTheSecondTunnelAndBack) {
   EXPECT_NE(shell("ip route get 192.168.77.254").out.find("eth0"), std::string::npos) << "what is near stays near";
   EXPECT_NE(shell("ip route get 203.0.113.9 from 192.168.77.1").out.find("eth0"), std::string::npos)
       << "an answer leaves by the way on which the question came";
-
   cut("far1");
   EXPECT_TRUE(comes_true([&] { return leaves_by("wgc3001"); }, 10));
   EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "203.0.113.9"}).status, 0);
   EXPECT_NE(vpn_gw().find(R"("index":1)"), std::string::npos);
-
   mend();
   EXPECT_TRUE(comes_true([&] { return leaves_by("tun2001"); }, 10));
-
   shell("ip link delete tun2001");
   EXPECT_TRUE(comes_true([&] { return leaves_by("wgc3001"); }, 10));
   ASSERT_EQ(set("&as_gw_en=0"), R"({"error":0})");

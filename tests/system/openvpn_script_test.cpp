@@ -1,13 +1,9 @@
 // Foreign OpenVPN profiles: judged by the real checker, imported both ways, and kept from doing harm when they run.
-#include <gmock/gmock.h>
 
 #include "ormel/handle.h"
 #include "support/web_request.h"
 
 using namespace ormel::test;
-using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
 
 namespace {
 
@@ -39,7 +35,6 @@ class OpenVpnProfile : public WebHost {
     fs::copy_file("/tmp/vpn_common.sh", "/etc/init.d/vpn_common.sh", fs::copy_options::overwrite_existing);
     for (const char* file : {STORED, ONLINE, MARK}) fs::remove(file);
   }
-
   static std::string profile(const std::string& lines = {}) {
     return "client\ndev tun\nremote 127.0.0.1 9 udp\nauth-user-pass\n" + lines + "<ca>\n" + read("/tmp/own.crt") +
            "</ca>\n";
@@ -113,7 +108,6 @@ TEST_F(OpenVpnProfile, IsImportedByBothWays) {
   EXPECT_EQ(fs::status(STORED).permissions(), fs::perms::owner_read | fs::perms::owner_write);
   EXPECT_EQ(cli({"--type=OVPN", "--remove=1"}).status, 0);
   EXPECT_FALSE(fs::exists(STORED));
-
   const auto post = [&](const char* route, const std::string& text) {
     return cgi(route, admin + "&name=office&user=bob&pass=cA==", {MULTIPART, "CONTENT_LENGTH=1"},
                part("ovpn", text, "office.ovpn") + "--edge--\r\n")
@@ -153,7 +147,6 @@ TEST_F(OpenVpnProfile, RunsWithoutTheScriptsAndFilesOfOthers) {
       0);
   const Result started = run({CLIENT, "start", "1"});
   ASSERT_EQ(started.status, 0) << started.err;
-
   const std::string found = run({"/usr/bin/pgrep", "-af", "client1"}).out;
   EXPECT_THAT(found, HasSubstr("/usr/lib/fenro/openvpnclient "));
   EXPECT_THAT(found, HasSubstr("/usr/lib/fenro/fenro-openvpn-login client1"));

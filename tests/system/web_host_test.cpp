@@ -1,13 +1,7 @@
 // What the web interface tells of the appliance: its interfaces, tunnels and the reach of name servers, from the live
 // system and from a network daemon that says anything.
 #include <arpa/inet.h>
-#include <atomic>
-#include <chrono>
-#include <ctime>
-#include <gmock/gmock.h>
-#include <map>
 #include <poll.h>
-#include <thread>
 
 #include "ormel/handle.h"
 #include "ormel/ormel_cgi_misc.h"
@@ -15,9 +9,6 @@
 
 using namespace ormel::test;
 using ormel::Json;
-using testing::HasSubstr;
-using testing::Not;
-using testing::StartsWith;
 
 namespace {
 
@@ -59,7 +50,6 @@ TEST_F(WebHostFacts, TellWhatTheApplianceIs) {
   EXPECT_EQ(misc("env").body,
             R"({"data":{"api_version":"3.3","build_date":"20260320","demo":false,"firmware":"",)" + plain);
   EXPECT_THAT(read(LOG), HasSubstr("Failed to get hollex site"));
-
   fs::create_directories("/etc/default_config");
   fs::create_directories("/opt/switch/data");
   write("/etc/default_config/Corlin.conf", "[System]\nModel = \"M-1\"\nVersion = 5.1\n");
@@ -71,7 +61,6 @@ TEST_F(WebHostFacts, TellWhatTheApplianceIs) {
   const std::string body = misc("env").body;
   EXPECT_THAT(body, HasSubstr(R"("demo":true,"firmware":"5.1","generic":false,"hexan":false,"model":"\"M-1\"",)"));
   EXPECT_THAT(body, HasSubstr(R"("region":"GLB","server_name":"the \"box\"","site":"alpha",)"));
-
   write("/opt/switch/data/user.conf", "");
   EXPECT_THAT(misc("env").body, HasSubstr(R"("site":"production")")) << "installed, but it does not say";
   for (const char* file : {"/etc/IS_DEMO", "/etc/FENRO_ZFS", "/etc/config/pakrix.conf", "/etc/config/Corlin.conf",
@@ -86,7 +75,6 @@ TEST_F(WebHostFacts, TellOfTheRealInterfaces) {
   for (const char* port : {"port9", "port8"}) run({"/usr/sbin/ip", "link", "set", port, "master", "br9"});
   for (const char* end : {"port9", "cable9"}) run({"/usr/sbin/ip", "link", "set", end, "up"});
   run({"/usr/sbin/ip", "address", "add", "10.9.0.1/24", "dev", "br9"});
-
   const std::string eth0 = interface("nic", "eth0");
   EXPECT_THAT(eth0, HasSubstr(R"("interface_type":"ethernet","status":"up","mac":")"));
   EXPECT_THAT(eth0, HasSubstr(R"("maxSpeed":10000,"ip":"192.168.77.1"})"));
@@ -95,7 +83,6 @@ TEST_F(WebHostFacts, TellOfTheRealInterfaces) {
   EXPECT_THAT(bridge, HasSubstr(R"("maxSpeed":null,"ip":"10.9.0.1"})"));
   EXPECT_THAT(interface("nic", "cable9"), Not(HasSubstr("\"ip\"")));
   for (const char* hidden : {"lo", "port9", "port8"}) EXPECT_EQ(interface("nic", hidden), "") << hidden;
-
   const std::string whole = interface("member", "br9");
   EXPECT_THAT(whole, HasSubstr(R"("member":[{"ifindex":)"));
   EXPECT_THAT(whole, HasSubstr(R"("ifname":"port9","interface_type":"ethernet")"));
@@ -113,8 +100,7 @@ TEST_F(WebHostFacts, TellOfTheTunnelsOfClientProfiles) {
   const std::string body = misc("vpn_client_info").body;
   EXPECT_THAT(body, StartsWith(R"({"data":[{"fenro_port":)"));
   EXPECT_THAT(body, HasSubstr(R"("name":"office1","type":256,"vendor":"a\"b","ifname":"ppp1001"},{)"));
-  EXPECT_THAT(body, testing::EndsWith(R"("vendor":"","ifname":"ppp1002"}],"error":0})"));
-
+  EXPECT_THAT(body, EndsWith(R"("vendor":"","ifname":"ppp1002"}],"error":0})"));
   write(VPN_CONF, pptp_client(1, "Vendor = \xff\n"));
   EXPECT_EQ(misc("vpn_client_info").body, refusal(49, "wrong JSON format"));
 }
@@ -156,7 +142,6 @@ class NameServer {
         sendto(socket_.get(), answer.data(), answer.size(), 0, reinterpret_cast<sockaddr*>(&client), sizeof client);
     }
   }
-
   ormel::Fd socket_;
   std::vector<std::string> answers_;
   int period_;
@@ -178,7 +163,6 @@ TEST_F(WebHostFacts, TellWhichNameServersAnswer) {
   const auto of = [data](const char* host, const char* key) {
     return json_object_get(json_object_get(data, host), key);
   };
-
   EXPECT_EQ(json_object_size(data), 3U);
   EXPECT_TRUE(json_is_true(of("127.0.0.2", "status")));
   EXPECT_GT(json_number_value(of("127.0.0.2", "latency")), 0);
@@ -188,7 +172,6 @@ TEST_F(WebHostFacts, TellWhichNameServersAnswer) {
     EXPECT_LE(json_number_value(of(host, "latency")), uptime()) << host;
   }
   EXPECT_GE(good.queries, 1U);
-
   const Json all = parsed(misc("dns"));
   EXPECT_EQ(json_object_size(json_object_get(all.get(), "data")), 12U);
   EXPECT_EQ(misc("dns", "&host=").body, R"({"data":{},"error":0})");
@@ -203,7 +186,6 @@ TEST_F(WebHostFacts, TellWhichHostsAnswerWhereAClientAsks) {
   const auto ping = [](const std::string& query) { return unrouted(ormel::cgi::misc::ping, query); };
   const Json reply = parsed(ping(admin + "&host=192.168.77.254&host=127.0.0.1&host=no.such.host"));
   const json_t* data = json_object_get(reply.get(), "data");
-
   EXPECT_EQ(json_object_size(data), 3U);
   EXPECT_LT(json_integer_value(json_object_get(data, "192.168.77.254")), 2000);
   EXPECT_EQ(json_integer_value(json_object_get(data, "127.0.0.1")), 0) << "is heard of our own requests";
@@ -230,14 +212,10 @@ TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {
   } rows[] = {
       {"nic", {}, R"({"detail":"api.get_available_interface_list",)" + failed},
       {"nic", {{"", "{"}}, "{" + failed},
-      {"nic", {{"", "7"}}, "{" + failed},
       {"nic", {{"", "{}"}}, R"({"error":0})"},
       {"nic", {{"", R"({"error":5,"data":"x"})"}}, R"({"data":"x","error":0})"},
       {"nic", {{"", list}}, R"({"detail":"api.get_interfaceStatus",)" + failed},
       {"nic", {{"", list}, {one, "[\xff"}}, R"({"detail":"api.get_interfaceStatus",)" + failed},
-      {"nic",
-       {{"", list}, {one, "{}"}},
-       R"({"data":[{"ifindex":1,"interface_type":"ethernet","maxSpeed":null}],"error":0})"},
       {"nic",
        {{"", list}, {one, R"({"data":{"IPv4":[],"max_speed":10}})"}},
        R"({"data":[{"ifindex":1,"interface_type":"ethernet","maxSpeed":10}],"error":0})"},
@@ -248,7 +226,6 @@ TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {
       {"nic",
        {{"", R"({"data":[7,{}]})"}, {R"({"ifindex":null})", "{}"}},
        R"({"data":[7,{"maxSpeed":null}],"error":0})"},
-      {"member", {{"", "nope"}}, "{" + failed},
       {"member", {{"", list}}, R"({"data":[{"ifindex":1,"interface_type":"ethernet"}],"error":0})"},
       {"member", {{"", bridge}}, R"({"detail":"api.get_bridge_members",)" + failed},
       {"member",
@@ -259,11 +236,7 @@ TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {
        {{"", bridge}, {one, parts}, {three, R"({"data":{"max_speed":100}})"}},
        R"({"data":[{"ifindex":1,"interface_type":"vswitch","member":[{"ifindex":3,"maxSpeed":100},)"
        R"({"ifindex":4,"interface_type":"virtualif_x"}]},{"ifindex":2,"interface_type":"eth"}],"error":0})"},
-      {"member",
-       {{"", R"({"data":[{"ifindex":1,"interface_type":"bond"}]})"}, {one, "{}"}},
-       R"({"data":[{"ifindex":1,"interface_type":"bond"}],"error":0})"},
       {"gw", {}, R"({"detail":"api.get_currentGWinfo",)" + failed},
-      {"gw", {{"", "{}"}}, R"({"error":0})"},
       {"gw", {{"", R"({"data":{"gw":"é","n":1.5}})"}}, R"({"data":{"gw":"\u00E9","n":1.5},"error":0})"},
       {"gw",
        {{"", ""}},

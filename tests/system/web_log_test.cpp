@@ -1,17 +1,12 @@
 // The logs over the web, with the real event log and the real log database, and with one that answers nonsense.
-#include <cstring>
-#include <gmock/gmock.h>
 #include <limits>
 
 #include <fenro/event_log.h>
 
-#include "ormel/ormel_api_db_records.h"
+#include "support/log_rows.h"
 #include "support/web_request.h"
 
 using namespace ormel::test;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::Not;
 
 namespace {
 
@@ -22,11 +17,6 @@ constexpr const char* CLEANUP = "/ormel/log/cleanup";
 constexpr const char* DUMP = "/ormel/log/dump";
 constexpr const char* EVENTS = "/var/lib/fenro/event.db";
 constexpr const char* DAEMON = "/usr/lib/fenro/ormeld";
-
-template <typename Record>
-std::string bytes_of(const Record& record) {
-  return {reinterpret_cast<const char*>(&record), sizeof record};
-}
 
 // The numbers of the rows of a page, in their order.
 std::vector<int> ids(const std::string& body) {
@@ -57,7 +47,6 @@ class LogEvent : public WebHost {
 TEST_F(LogEvent, ShowsThePagesOfThisServiceAlone) {
   EXPECT_EQ(cgi(EVENT, admin).body, R"({"data":[],"error":0,"total":0})");
   for (int i = 0; i < 60; ++i) add(i % 2 == 0 ? "[ORMEL Service] \"x\"\n is up." : "[Other] is up.");
-
   EXPECT_THAT(
       cgi(EVENT, admin + "&lower=0&upper=0").body,
       testing::StrEq(R"({"data":[{"application":"","category":"","computer":"","date":"2024-03-07",)"
@@ -68,10 +57,6 @@ TEST_F(LogEvent, ShowsThePagesOfThisServiceAlone) {
   EXPECT_THAT(ids(cgi(EVENT, admin + "&sort=1&lower=28&upper=40").body), ElementsAre(57, 59));
   EXPECT_EQ(cgi(EVENT, admin + "&lower=9&upper=2").body, R"({"data":[],"error":0,"total":30})");
   EXPECT_THAT(ids(cgi(EVENT, admin + "&lower=-9999999999&upper=0").body), ElementsAre(59));
-  EXPECT_EQ(cgi(EVENT, guest).body, refusal(39, "session invalid"));
-}
-
-TEST_F(LogEvent, TellsThatTheLogCannotBeRead) {
   write(EVENTS, std::string(4096, 'x'));
   EXPECT_EQ(cgi(EVENT, admin).body, refusal(42, "query log fail"));
 }
@@ -122,19 +107,17 @@ TEST_F(LogPages, ShowARowWithItsMembers) {
   EXPECT_EQ(server(), R"({"data":[],"error":0,"total":0})");
   add_server("bob", 1709769660);
   add_client();
-
-  EXPECT_THAT(server(), testing::MatchesRegex(
-                            R"(\{"data":\[\{"action":2,"device_info":"phone","id":[0-9]+,"remote_ip":"10.0.0.2",)"
-                            R"("rx_total":8,"source_ip":"192.0.2.1","time":"2024/03/07 00:01","tx_total":7,"type":4,)"
-                            R"("uptime":60,"username":"bob"\}\],"error":0,"total":1\})"));
+  EXPECT_THAT(server(),
+              MatchesRegex(R"(\{"data":\[\{"action":2,"device_info":"phone","id":[0-9]+,"remote_ip":"10.0.0.2",)"
+                           R"("rx_total":8,"source_ip":"192.0.2.1","time":"2024/03/07 00:01","tx_total":7,"type":4,)"
+                           R"("uptime":60,"username":"bob"\}\],"error":0,"total":1\})"));
   EXPECT_THAT(cgi(CLIENT, admin).body,
-              testing::MatchesRegex(R"(\{"data":\[\{"action":0,"country_code":"NO","id":[0-9]+,"local_ip":"10.0.0.3",)"
-                                    R"("real_ip":"198.51.100.1","rx_total":0,"time":"2024/03/07 00:00","tx_total":0,)"
-                                    R"("type":1024,"uptime":5,"username":"of\\"fice"\}\],"error":0,"total":1\})"));
+              MatchesRegex(R"(\{"data":\[\{"action":0,"country_code":"NO","id":[0-9]+,"local_ip":"10.0.0.3",)"
+                           R"("real_ip":"198.51.100.1","rx_total":0,"time":"2024/03/07 00:00","tx_total":0,)"
+                           R"("type":1024,"uptime":5,"username":"of\\"fice"\}\],"error":0,"total":1\})"));
   write("/etc/config/Corlin.conf", "[System]\nDate Format = 5\nTime Format = 1\n");
   EXPECT_THAT(server(), HasSubstr(R"("time":"07-03-2024 12:01 AM")"));
   fs::remove("/etc/config/Corlin.conf");
-  for (const char* route : {CLIENT, SERVER}) EXPECT_EQ(cgi(route, guest).body, refusal(39, "session invalid"));
 }
 
 TEST_F(LogPages, AreCutAndOrderedAsAsked) {
@@ -142,63 +125,39 @@ TEST_F(LogPages, AreCutAndOrderedAsAsked) {
   const std::vector<int> all = ids(server("&order=asc&upper=59"));
   ASSERT_EQ(all.size(), 60U);
   const auto id = [&](int row) { return all.at(static_cast<size_t>(row)); };
-
   EXPECT_EQ(ids(server()).size(), 51U) << "rows 0 to 50";
   EXPECT_EQ(ids(server()).front(), id(59)) << "the newest first";
-  EXPECT_EQ(ids(server("&lower=10&upper=19")).size(), 10U);
   EXPECT_THAT(ids(server("&lower=10&upper=11")), ElementsAre(id(49), id(48)));
-  EXPECT_THAT(ids(server("&lower=58&upper=99")), ElementsAre(id(1), id(0)));
   EXPECT_THAT(ids(server("&order=DESC&upper=1")), ElementsAre(id(0), id(1))) << "the word counts to the letter";
   EXPECT_THAT(ids(server("&order=&upper=0")), ElementsAre(id(59)));
   EXPECT_THAT(ids(server("&field=1&order=asc&upper=1")), ElementsAre(id(0), id(2))) << "by name, then by number";
-  EXPECT_THAT(ids(server("&field=1&upper=1")), ElementsAre(id(59), id(57)));
-  EXPECT_THAT(ids(server("&field=4&lower=9&upper=10&order=asc")), ElementsAre(id(9), id(10)));
-  EXPECT_EQ(ids(server("&upper=9223372036854775807")).size(), 60U);
   EXPECT_EQ(ids(server("&upper=99999999999999999999")).size(), 60U);
   for (const char* none : {"&lower=60&upper=99", "&lower=9&upper=8", "&field=99", "&field=-1", "&lower=-5&upper=5",
-                           "&lower=9223372036854775807&upper=-9223372036854775808"}) {
+                           "&lower=9223372036854775807&upper=-9223372036854775808"})
     EXPECT_THAT(server(none), HasSubstr(R"({"data":[],"error":0,"total":)")) << none;
-  }
 }
 
 TEST_F(LogPages, AreCleanedByTheirKind) {
-  const struct {
-    const char* query;
-    bool server_left;
-    bool client_left;
-  } rows[] = {
+  const std::tuple<const char*, bool, bool> rows[] = {
       {"", true, true},
-      {"&type=", true, true},
       {"&type=65568", true, true},
       {"&type=SPPTP", true, true},
-      {"&type=1", false, true},
       {"&type=16", false, true},
-      {"&type=512", true, false},
       {"&type=4096x", true, false},
       {"&type=24", false, true},
       {"&type=5911", false, false},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.query);
+  for (const auto& [query, server_left, client_left] : rows) {
+    SCOPED_TRACE(query);
     if (ids(server()).empty()) add_server("bob", 1);
     if (ids(cgi(CLIENT, admin).body).empty()) add_client();
-
-    EXPECT_EQ(cgi(CLEANUP, admin + row.query).body, R"({"error":0})");
-
-    EXPECT_EQ(!ids(server()).empty(), row.server_left);
-    EXPECT_EQ(!ids(cgi(CLIENT, admin).body).empty(), row.client_left);
+    EXPECT_EQ(cgi(CLEANUP, admin + query).body, R"({"error":0})");
+    EXPECT_EQ(!ids(server()).empty(), server_left);
+    EXPECT_EQ(!ids(cgi(CLIENT, admin).body).empty(), client_left);
   }
-  EXPECT_EQ(cgi(CLEANUP, guest + "&type=1").body, refusal(39, "session invalid"));
 }
 
-// A daemon whose answers are damaged.
-class LogAnswers : public WebHost {
- protected:
-  static std::string head(std::uint64_t count) {
-    const std::uint64_t numbers[] = {count, 7, 0};
-    return bytes_of(numbers);
-  }
-};
+class LogAnswers : public WebHost {};
 
 TEST_F(LogAnswers, AreReadAsFarAsTheyReach) {
   db_conn_server_log row{};
@@ -207,31 +166,16 @@ TEST_F(LogAnswers, AreReadAsFarAsTheyReach) {
   row.uptime = std::numeric_limits<std::uint64_t>::max();
   std::fill(std::begin(row.username), std::end(row.username), 'u');  // without its end
   std::fill(std::begin(row.source_ip), std::end(row.source_ip), '\xfe');
-  const std::string whole = bytes_of(row);
-  const struct {
-    std::string answer;
-    size_t rows;
-    const char* total;
-  } rows[] = {
-      {"", 0, "0"},
-      {"short", 0, "0"},
-      {head(0), 0, "7"},
-      {head(2), 0, "7"},
-      {head(2) + whole, 1, "7"},
-      {head(1) + whole + whole, 1, "7"},
-      {head(3) + whole + whole + whole.substr(1), 2, "7"},
-      {head(std::uint64_t{1} << 63) + whole, 1, "7"},
-  };
-  for (const auto& answer : rows) {
-    const ScriptedService daemon{
-        ormel::log_db::SERVICE, DAEMON, {ormel::log_db::CONN_SERVER_LOG.query}, [&](std::string_view) {
-          return fenro::bus::Reply{MIB_SUCCESS, answer.answer};
-        }};
+  const std::uint64_t head[] = {3, 7, 0};
+  {
+    const ScriptedService daemon{ormel::log_db::SERVICE,
+                                 DAEMON,
+                                 {ormel::log_db::CONN_SERVER_LOG.query},
+                                 bytes_of(head) + bytes_of(row) + bytes_of(row).substr(1)};
     const WebReply reply = cgi(SERVER, admin);
     EXPECT_EQ(reply.status, 0);
-    EXPECT_EQ(ids(reply.body).size(), answer.rows);
-    EXPECT_THAT(reply.body, testing::EndsWith(R"(],"error":0,"total":)" + std::string(answer.total) + "}"));
-    if (answer.rows == 0) continue;
+    EXPECT_EQ(ids(reply.body).size(), 1U);
+    EXPECT_THAT(reply.body, EndsWith(R"(],"error":0,"total":7})"));
     EXPECT_THAT(reply.body, HasSubstr("\"username\":\"" + std::string(sizeof row.username, 'u') + '"'));
     EXPECT_THAT(reply.body, HasSubstr("\"time\":\"\",")) << "all of it is empty, not the date alone";
     EXPECT_THAT(reply.body, HasSubstr("\"uptime\":18446744073709551615,"));
@@ -241,22 +185,12 @@ TEST_F(LogAnswers, AreReadAsFarAsTheyReach) {
   EXPECT_EQ(cgi(CLEANUP, admin + "&type=1").body, R"({"error":0})");
 }
 
-class LogDump : public WebHost {
- protected:
-  static constexpr const char* ARCHIVE = "/tmp/ormel_dump_log.tar.gz";
-  static constexpr const char* SCRIPT = "/etc/init.d/ormel_dump_log.sh";
-
-  // Everything in an archive, as one text.
-  static std::string unpacked(const std::string& archive) {
-    return run({"/usr/bin/tar", "-xzO"}, {"PATH=/usr/bin"}, archive).out;
-  }
-};
+constexpr const char* ARCHIVE = "/tmp/ormel_dump_log.tar.gz";
+constexpr const char* DUMP_SCRIPT = "/etc/init.d/ormel_dump_log.sh";
+class LogDump : public WebHost {};
 
 TEST_F(LogDump, SendsAnArchiveWithoutSecrets) {
-  const struct {
-    const char* path;
-    const char* text;
-  } files[] = {
+  const std::pair<const char*, const char*> files[] = {
       {VPN_CONF,
        "[PPTP_CLIENT1]\nProfile File = shown1\nAccessCode = hiddenA\n[L2TP]\nPSK = hiddenB\n"
        "[WIREGUARD]\nServer private key = hiddenC\nVPN Port = 443\n"},
@@ -274,14 +208,14 @@ TEST_F(LogDump, SendsAnArchiveWithoutSecrets) {
        "2 Authorization: Bearer hiddenN\n3 shown8\n"},
       {"/var/log/ormel_online_users", "ppp0 192.0.2.1 7 a b 1 1 c2hvd245\n"},
   };
-  for (const auto& file : files) {
-    fs::create_directories(fs::path(file.path).parent_path());
-    write(file.path, file.text);
+  for (const auto& [path, text] : files) {
+    fs::create_directories(fs::path(path).parent_path());
+    write(path, text);
   }
   fs::create_symlink("/etc/config/target", ARCHIVE);
 
   const WebReply reply = cgi(DUMP, admin);
-  const std::string content = unpacked(reply.body);
+  const std::string content = run({"/usr/bin/tar", "-xzO"}, {"PATH=/usr/bin"}, reply.body).out;
 
   EXPECT_EQ(reply.status, 0);
   EXPECT_EQ(reply.head,
@@ -299,19 +233,14 @@ TEST_F(LogDump, SendsAnArchiveWithoutSecrets) {
 }
 
 TEST_F(LogDump, TellsThatThereIsNoArchive) {
-  EXPECT_EQ(cgi(DUMP, guest).body, refusal(39, "session invalid"));
-  const std::string script = read(SCRIPT);
   fs::remove(ARCHIVE);
-  record_calls(SCRIPT, 3);
-  EXPECT_EQ(cgi(DUMP, admin).body, refusal(60, "command failed"));
-  EXPECT_THAT(read(LOG), HasSubstr(":result: "));
-  record_calls(SCRIPT, 0);
-  EXPECT_EQ(cgi(DUMP, admin).body, refusal(60, "command failed"));
+  for (const int status : {3, 0}) {
+    record_calls(DUMP_SCRIPT, status);
+    EXPECT_EQ(cgi(DUMP, admin).body, refusal(60, "command failed"));
+  }
   EXPECT_THAT(recorded("ormel_dump_log.sh"), ElementsAre("dump_log", "dump_log"));
-
-  fs::remove(SCRIPT);
+  fs::remove(DUMP_SCRIPT);
   EXPECT_EQ(cgi(DUMP, admin).body, refusal(60, "command failed"));
-  write(SCRIPT, script, 0755);
 }
 
 }  // namespace

@@ -1,11 +1,7 @@
 #include "ormel/privilege.h"
 
-#include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -29,7 +25,6 @@ class PrivilegeFiles : public testing::Test {
     for (const char* folder : {"/etc/ppp", "/etc/config"}) fs::create_directories(root + folder);
   }
   void TearDown() override { fs::remove_all(root); }
-
   void write(const char* file, const std::string& text) const { std::ofstream(root + file) << text; }
   [[nodiscard]] std::string read(const char* file) const {
     std::ifstream in(root + file);
@@ -38,40 +33,12 @@ class PrivilegeFiles : public testing::Test {
   [[nodiscard]] long files() const {
     return std::count_if(fs::recursive_directory_iterator(root), {}, [](const auto& e) { return e.is_regular_file(); });
   }
-
   std::string root;
 };
-
-TEST_F(PrivilegeFiles, HoldEachUserByTheRights) {
-  const struct {
-    int mask;
-    const char *pap, *chap, *store;
-  } rows[] = {
-      {NONE_TYPE, "", "", "bob:0:0:0:0:0\n"},
-      {PPTP_SERVER_TYPE, "\"bob\"\tpptpd\t@login\t*\n", "\"bob\"\tpptpd\t&/etc/config/smbpasswd\t*\n",
-       "bob:1:0:0:0:0\n"},
-      {PPTP_SERVER_TYPE | L2TP_SERVER_TYPE, "\"bob\"\tpptpd\t@login\t*\n\"bob\"\tl2tpd\t@login\t*\n",
-       "\"bob\"\tpptpd\t&/etc/config/smbpasswd\t*\n\"bob\"\tl2tpd\t&/etc/config/smbpasswd\t*\n", "bob:1:0:1:0:0\n"},
-      {OVPN_SERVER_TYPE, "", "", "bob:0:1:0:0:0\n"},
-      {DROVIK_SERVER_TYPE | WIREGUARD_SERVER_TYPE, "", "", "bob:0:0:0:0:1\n"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.mask);
-    save_privileges(root, {{"bob", row.mask}});
-    EXPECT_EQ(read(PAP), row.pap);
-    EXPECT_EQ(read(CHAP), row.chap);
-    EXPECT_EQ(read(STORE), row.store);
-
-    PrivilegeStorage loaded;
-    load_privileges(root, loaded);
-    EXPECT_EQ(loaded["bob"], row.mask & ~WIREGUARD_SERVER_TYPE);
-  }
-}
 
 TEST_F(PrivilegeFiles, AreReplacedWholeAndPrivate) {
   for (const char* file : {PAP, CHAP, STORE}) write(file, "old");
   chmod((root + PAP).c_str(), 0644);
-
   save_privileges(root, {{"b\"ob", PPTP_SERVER_TYPE}, {"al", 0}, {"x\nroot:1:1:1:0:1", OVPN_SERVER_TYPE}});
   EXPECT_EQ(read(PAP), "\"b\"ob\"\tpptpd\t@login\t*\n") << "quoted as it stands";
   EXPECT_EQ(read(STORE), "al:0:0:0:0:0\nb\"ob:1:0:0:0:0\n") << "in order; no line of a name's own";
@@ -79,7 +46,6 @@ TEST_F(PrivilegeFiles, AreReplacedWholeAndPrivate) {
   struct stat status {};
   ASSERT_EQ(stat((root + PAP).c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600U);
-
   save_privileges(root, {});
   EXPECT_EQ(read(PAP) + read(CHAP) + read(STORE), "");
 }
@@ -87,7 +53,6 @@ TEST_F(PrivilegeFiles, AreReplacedWholeAndPrivate) {
 TEST_F(PrivilegeFiles, StayWhenOneCannotBeWritten) {
   for (const char* file : {PAP, CHAP}) write(file, "old");
   fs::remove_all(root + "/etc/config");
-
   save_privileges(root, {{"bob", PPTP_SERVER_TYPE}});
   EXPECT_EQ(read(PAP) + read(CHAP), "oldold");
   EXPECT_EQ(files(), 2);
@@ -97,10 +62,8 @@ TEST_F(PrivilegeFiles, LoadAddsWhatTheLinesSay) {
   write(STORE,
         "bob:1:1:1:1:1\nann:0:0:2\nbob:0:0:0:1:0\nno colon\n\nodd: "
         "1:x:1:1:1\nbig:99999999999999999999:-1:0:0:0\nlast:0:1");
-
   PrivilegeStorage storage{{"bob", 32}, {"kept", 8}};
   load_privileges(root, storage);
-
   const PrivilegeStorage expected{{"ann", L2TP_SERVER_TYPE},  {"big", PPTP_SERVER_TYPE | OVPN_SERVER_TYPE},
                                   {"bob", NONE_TYPE},         {"kept", 8},
                                   {"last", OVPN_SERVER_TYPE}, {"odd", PPTP_SERVER_TYPE}};
@@ -108,38 +71,6 @@ TEST_F(PrivilegeFiles, LoadAddsWhatTheLinesSay) {
   fs::remove(root + STORE);
   load_privileges(root, storage);
   EXPECT_EQ(storage, expected) << "a missing file adds nothing";
-}
-
-TEST(UserPrivilege, GivesPagesOfThoseThatMatch) {
-  UserPrivilege store;
-  for (const char* user : {"Ann", "anton", "bob", "joANna", "zoe"}) store.set(user, 4);
-  store.set("bob", 7);
-  store.unset("zoe");
-  store.unset("nobody");
-  const struct {
-    int start, count;
-    const char *filter, *page;
-  } rows[] = {
-      {0, 50, "", R"({"Ann":4,"anton":4,"bob":7,"joANna":4})"},
-      {1, 2, "", R"({"anton":4,"bob":7})"},
-      {0, 50, "aN", R"({"Ann":4,"anton":4,"joANna":4})"},
-      {2, 1, "an", R"({"joANna":4})"},
-      {0, 0, "", "null"},
-      {0, -1, "", "null"},
-      {-1, 1, "", R"({"Ann":4})"},
-      {4, 50, "", "null"},
-      {0, 50, "x", "null"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.page);
-    JsonValue page;
-    std::string text;
-    EXPECT_EQ(store.get(row.start, row.count, row.filter, page), 4) << "all that are stored";
-    page.toString(text);
-    EXPECT_EQ(text, row.page);
-  }
-  EXPECT_EQ(store.get("bob"), 7);
-  EXPECT_EQ(store.get("zoe"), 0);
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -68,7 +67,6 @@ class BusTest : public testing::Test {
     ASSERT_TRUE(server.listen());
     thread = std::thread{[this] { result = server.run(); }};
   }
-
   Server server{SERVICE};
   std::thread thread;
   int result = -1;
@@ -78,28 +76,22 @@ TEST_F(BusTest, AnswersAreTheHandlersAndAFailureKeepsTheRequest) {
   start();
   std::string large(5 << 20, '\0');
   for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7);
-  struct Case {
-    std::string method, request;
-    int status;
-    std::string text;
-  };
-  const Case cases[] = {
+  const std::tuple<std::string, std::string, int, std::string> cases[] = {
       {"echo", "hello", MIB_SUCCESS, "hello"},    {"echo", "", MIB_SUCCESS, ""},
       {"echo", large, MIB_SUCCESS, large},        {"busy", "asked", MIB_IS_BUSY, "asked"},
       {"none", "asked", MIB_IS_INVALID, "asked"}, {"throw", "asked", MIB_IO_FAILURE, "asked"},
       {"huge", "asked", MIB_IS_REJECT, "asked"},  {"", "asked", MIB_IS_INVALID, "asked"},
   };
-  for (const Case& row : cases) {
-    const Call answer = call(SERVICE, row.method, row.request);
-    EXPECT_EQ(answer.status, row.status) << row.method;
-    EXPECT_TRUE(answer.text == row.text) << row.method;
+  for (const auto& [method, request, status, text] : cases) {
+    const Call answer = call(SERVICE, method, request);
+    EXPECT_EQ(answer.status, status) << method;
+    EXPECT_TRUE(answer.text == text) << method;
   }
 }
 
 TEST_F(BusTest, OnlyOneServesAName) {
   start();
   Server second{SERVICE};
-
   EXPECT_FALSE(second.listen());
   EXPECT_FALSE(Server{""}.listen());
   EXPECT_FALSE(Server{"@"}.listen());
@@ -109,7 +101,6 @@ TEST_F(BusTest, OnlyOneServesAName) {
 
 TEST(BusClient, AnAbsentServiceIsToldAtOnceAndAnUnusableOneToo) {
   const auto start = Clock::now();
-
   EXPECT_EQ(call("nobody-here", "m", "", 60).status, MIB_NOT_READY);
   EXPECT_EQ(call("@/nobody/here", "m", "", 60).status, MIB_NOT_READY);
   EXPECT_EQ(call(std::string(200, 'x'), "m", "", 60).status, MIB_IS_INVALID);
@@ -137,12 +128,7 @@ Call call_to_a_service_saying(const std::string& words, bool hang_up) {
 
 TEST(BusClient, NonsenseAndSilenceFromAServiceAreFailures) {
   const std::string good = bus::reply_frame(MIB_SUCCESS, "fine");
-  struct Case {
-    std::string words;
-    bool hang_up;
-    int status;
-  };
-  const Case cases[] = {
+  const std::tuple<std::string, bool, int> cases[] = {
       {good, true, MIB_SUCCESS},
       {good, false, MIB_SUCCESS},
       {good.substr(0, good.size() - 1), true, MIB_IO_FAILURE},
@@ -153,31 +139,27 @@ TEST(BusClient, NonsenseAndSilenceFromAServiceAreFailures) {
       {std::string("\x03\0\0\0abc", 7), true, MIB_IO_FAILURE},     // shorter than its own head
       {std::string("\xff\xff\xff\x7f", 4), false, MIB_IS_REJECT},  // larger than any frame
   };
-  for (const Case& row : cases) {
-    const Call answer = call_to_a_service_saying(row.words, row.hang_up);
-    EXPECT_EQ(answer.status, row.status) << testing::PrintToString(row.words);
-    EXPECT_EQ(answer.text, row.status == MIB_SUCCESS ? "fine" : "request");
+  for (const auto& [words, hang_up, status] : cases) {
+    const Call answer = call_to_a_service_saying(words, hang_up);
+    EXPECT_EQ(answer.status, status) << testing::PrintToString(words);
+    EXPECT_EQ(answer.text, status == MIB_SUCCESS ? "fine" : "request");
   }
 }
 
 TEST_F(BusTest, RefusesFramesThatCannotBe) {
   start();
-  struct Case {
-    std::string bytes;
-    int status;
-  };
   std::string above;
   bus::put_number(above, bus::MAX_FRAME + 1);
   std::string long_method = bus::request_frame("echo", "");
   long_method[bus::NUMBER] = 9;  // says five bytes more than there are
-  const Case cases[] = {{above, MIB_IS_REJECT},
-                        {std::string(4, '\0'), MIB_IS_INVALID},
-                        {long_method, MIB_IS_INVALID},
-                        {bus::request_frame("echo", "x") + "more", MIB_IS_INVALID}};
-  for (const Case& row : cases) {
+  const std::pair<std::string, int> cases[] = {{above, MIB_IS_REJECT},
+                                               {std::string(4, '\0'), MIB_IS_INVALID},
+                                               {long_method, MIB_IS_INVALID},
+                                               {bus::request_frame("echo", "x") + "more", MIB_IS_INVALID}};
+  for (const auto& [bytes, status] : cases) {
     const Fd socket = connect_raw(SERVICE);
-    ASSERT_EQ(send(socket.get(), row.bytes.data(), row.bytes.size(), 0), static_cast<ssize_t>(row.bytes.size()));
-    EXPECT_EQ(receive_all(socket), bus::reply_frame(row.status, ""));
+    ASSERT_EQ(send(socket.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    EXPECT_EQ(receive_all(socket), bus::reply_frame(status, ""));
   }
   // The client does not even send what would be refused.
   EXPECT_EQ(call(SERVICE, "echo", std::string(bus::MAX_FRAME, 'x')).status, MIB_IS_REJECT);
@@ -194,11 +176,9 @@ TEST_F(BusTest, SilentAndSlowClientsDoNotHoldOthers) {
   const Fd greedy = connect_raw(SERVICE);
   const std::string request = bus::request_frame("echo", std::string(4 << 20, 'x'));
   std::thread sender{[&] { send(greedy.get(), request.data(), request.size(), MSG_NOSIGNAL); }};
-
   const auto begun = Clock::now();
   for (int i = 0; i < 20; ++i) EXPECT_EQ(call(SERVICE, "echo", "quick").status, MIB_SUCCESS);
   EXPECT_LT(Clock::now() - begun, 2s);
-
   sender.join();
   EXPECT_EQ(receive_all(silent.front()), bus::reply_frame(MIB_IS_BUSY, ""));  // made room for the later ones
 }
@@ -211,42 +191,14 @@ TEST_F(BusTest, ASilentClientIsDroppedAtItsDeadlineButNotForAHandlersTime) {
   const Fd late = connect_raw(SERVICE);
   send(late.get(), frame.data(), 1, 0);
   const auto begun = Clock::now();
-
   std::thread other{[] { EXPECT_EQ(call(SERVICE, "slow", "").text, "done"); }};
   std::this_thread::sleep_for(300ms);  // the handler runs and the client's deadline is past
   send(late.get(), frame.data() + 1, frame.size() - 1, 0);
   EXPECT_EQ(receive_all(late), bus::reply_frame(MIB_SUCCESS, "late"));
   other.join();
-
   const Fd silent = connect_raw(SERVICE);
   EXPECT_EQ(receive_all(silent), "");
   EXPECT_LT(Clock::now() - begun, 5s);
-}
-
-TEST_F(BusTest, RunsJobsAndWatchers) {
-  std::array<int, 2> ends{};
-  ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-  const Fd from{ends[0]};
-  const Fd to{ends[1]};
-  std::atomic<int> jobs = 0;
-  int woken = 0;
-  const auto begun = Clock::now();
-  server.every(20ms, [&] { ++jobs; });
-  server.watch(from.get(), [&] {
-    ++woken;
-    server.unwatch(from.get());  // the byte stays unread: it would wake the loop for ever
-  });
-  start();
-  ASSERT_EQ(write(to.get(), "x", 1), 1);
-
-  while (jobs < 3 && Clock::now() - begun < 10s) std::this_thread::sleep_for(5ms);
-  server.stop();
-  thread.join();
-
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(woken, 1);
-  EXPECT_GE(jobs, 3);
-  EXPECT_LE(jobs, 1 + (Clock::now() - begun) / 20ms);
 }
 
 // A server in a process of its own, of another user if that can be had.
@@ -312,7 +264,6 @@ TEST(BusServer, EachEndTalksOnlyToRootAndItsOwnUser) {
   if (getuid() != 0) GTEST_SKIP() << "needs root to act as other users";
   const ServerProcess of_root{"root-" + SERVICE, 0};
   const ServerProcess of_someone{"someone-" + SERVICE, SOMEONE};
-
   EXPECT_EQ(status_as(SOMEONE, "root-" + SERVICE), MIB_IS_REJECT);  // the server's refusal
   EXPECT_EQ(status_as(SOMEONE, "someone-" + SERVICE), MIB_SUCCESS);
   EXPECT_EQ(status_as(OTHER, "someone-" + SERVICE), MIB_IS_REJECT);
@@ -328,28 +279,9 @@ TEST(BusServer, TellsTheServiceManagerWhenItIsReady) {
   setenv("NOTIFY_SOCKET", name.c_str(), 1);
   const ServerProcess server{"ready-" + SERVICE, getuid()};
   unsetenv("NOTIFY_SOCKET");
-
   std::array<char, 32> text{};
   EXPECT_EQ(recv(manager.get(), text.data(), text.size(), MSG_DONTWAIT), 7);
   EXPECT_STREQ(text.data(), "READY=1");
-}
-
-TEST(MibIo, GrowsFormatsAndEmpties) {
-  const MibIo io{mib_io_create()};
-  std::size_t length = 9;
-  EXPECT_STREQ(mib_io_read(io.get(), &length), "");
-  EXPECT_EQ(length, 0U);
-
-  const std::string large(100'000, 'y');
-  EXPECT_EQ(mib_io_write(io.get(), "a\0b", 3), 3);
-  EXPECT_EQ(mib_io_printf(io.get(), "-%d-%s", 7, large.c_str()), 100'003);
-  EXPECT_EQ(text_of(io.get()), std::string("a\0b-7-", 6) + large);
-
-  EXPECT_EQ(mib_io_realloc(io.get(), 1 << 20), 0);
-  EXPECT_EQ(text_of(io.get()).size(), 100'006U);
-  EXPECT_EQ(mib_io_realloc(io.get(), 0), 0);
-  EXPECT_EQ(text_of(io.get()), "");
-  EXPECT_EQ(mib_io_write(nullptr, "a", 1), 0);
 }
 
 }  // namespace

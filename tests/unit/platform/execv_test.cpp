@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -23,12 +22,7 @@ std::size_t open_descriptors() {
 }
 
 TEST(MibIoExecv, GivesTheExitStatusAndBothStreams) {
-  struct Case {
-    std::vector<std::string> words;
-    int status;
-    std::string out, err;
-  };
-  const Case cases[] = {
+  const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
       {{"/bin/sh", "-c", "printf out; printf err >&2"}, 0, "out", "err"},
       {{"/bin/sh", "-c", "exit 7"}, 7, "", ""},
       {{"/bin/sh", "-c", "kill -9 $$"}, 128 + SIGKILL, "", ""},
@@ -39,11 +33,11 @@ TEST(MibIoExecv, GivesTheExitStatusAndBothStreams) {
       {{"sh"}, -1, "", ""},  // no search either
       {{"/bin/cat"}, 0, "", ""},
   };
-  for (const Case& row : cases) {
-    const Outcome got = run(row.words);
-    EXPECT_EQ(got.status, row.status) << row.words.back();
-    EXPECT_EQ(got.out, row.out);
-    EXPECT_EQ(got.err, row.err);
+  for (const auto& [words, status, out, err] : cases) {
+    const Outcome got = run(words);
+    EXPECT_EQ(got.status, status) << words.back();
+    EXPECT_EQ(got.out, out);
+    EXPECT_EQ(got.err, err);
   }
   EXPECT_EQ(mib_io_execv(nullptr, nullptr, nullptr, nullptr), -1);
 }
@@ -62,10 +56,8 @@ TEST(MibIoExecv, TakesAMegabyteOfEachStreamInAnyOrder) {
 
 TEST(MibIoExecv, DoesNotWaitForADaemonLeftBehind) {
   const auto start = Clock::now();
-
   const Outcome quiet = shell("sleep 30 & echo $!");
   const Outcome noisy = shell("(trap '' PIPE; while :; do echo noise; done) & echo $!; sleep 0.1");
-
   EXPECT_LT(Clock::now() - start, 5s);
   EXPECT_EQ(quiet.status, 0);
   EXPECT_EQ(noisy.status, 0);
@@ -86,7 +78,6 @@ TEST(MibIoExecv, FeedsTheContextToStandardInput) {
   char yes[] = "/bin/true";
   char* copying[] = {cat, nullptr};
   char* ignoring[] = {yes, nullptr};
-
   EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, copying), 0);
   EXPECT_TRUE(text_of(out.get()) == input);
   EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, ignoring), 0);  // no SIGPIPE for what is not read
@@ -96,10 +87,8 @@ TEST(MibIoExecv, FeedsTheContextToStandardInput) {
 TEST(MibIoExecv, LeaksNoDescriptorEitherWay) {
   const Fd inherited{open("/dev/null", O_RDONLY)};  // as a careless caller leaves it
   const std::size_t before = open_descriptors();
-
   const Outcome got = shell("ls /proc/self/fd | wc -l");
   run({"/nonexistent/program"});
-
   EXPECT_EQ(open_descriptors(), before);
   EXPECT_LE(std::stoi(got.out), 4);  // the three streams and the folder that ls reads
 }

@@ -1,16 +1,16 @@
-#include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <net/if_arp.h>
-#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "daemons/networkd/gateway_choice.h"
 #include "daemons/networkd/interfaces.h"
 #include "daemons/networkd/local_networks.h"
 #include "daemons/networkd/rtnetlink.h"
+#include "daemons/networkd/tunnel_watch.h"
 
 namespace fenro::networkd {
 namespace {
@@ -23,11 +23,7 @@ Ipv4Network network(const char* address, const char* mask) {
 }
 
 TEST(Ipv4NetworkTest, OverlapsWhenOneAddressIsInBoth) {
-  struct Case {
-    const char *address, *mask, *other_address, *other_mask;
-    bool overlap;
-  };
-  constexpr Case CASES[] = {
+  const std::tuple<const char*, const char*, const char*, const char*, bool> CASES[] = {
       {"10.0.0.1", "255.255.255.0", "10.0.0.128", "255.255.255.128", true},  // one within the other
       {"10.0.0.9", "255.255.255.0", "10.0.1.9", "255.255.255.0", false},     // neighbours
       {"10.0.0.255", "255.255.255.255", "10.0.0.0", "255.255.255.0", true},  // the last address
@@ -35,10 +31,10 @@ TEST(Ipv4NetworkTest, OverlapsWhenOneAddressIsInBoth) {
       {"200.0.0.1", "255.255.0.0", "10.0.0.1", "255.255.0.0", false},        // numbers compare unsigned
       {"1.2.3.4", "0.0.0.0", "223.255.255.255", "255.255.255.255", true},    // everything
   };
-  for (const Case& c : CASES) {
-    SCOPED_TRACE(std::string{c.address} + " and " + c.other_address);
-    EXPECT_EQ(network(c.address, c.mask).overlaps(network(c.other_address, c.other_mask)), c.overlap);
-    EXPECT_EQ(network(c.other_address, c.other_mask).overlaps(network(c.address, c.mask)), c.overlap);
+  for (const auto& [address, mask, other_address, other_mask, overlap] : CASES) {
+    SCOPED_TRACE(std::string{address} + " and " + other_address);
+    EXPECT_EQ(network(address, mask).overlaps(network(other_address, other_mask)), overlap);
+    EXPECT_EQ(network(other_address, other_mask).overlaps(network(address, mask)), overlap);
   }
 }
 
@@ -67,9 +63,7 @@ TEST(LocalNetworksTest, LeavesOutThisSystemsOwnTunnelsOnly) {
 TEST(LocalNetworksTest, CountsBothEndsOfAPointToPointLink) {
   const std::vector<Link> links{{7, "tun5", IFF_UP, true, 0, 0}, {8, "wgc3001", IFF_UP, true, 0, 0}};
   const std::vector<Address> addresses{{7, 0x0a090001, 0x0a090102, 32}, {8, 0x0a000001, 0x0a000001, 24}};
-
   const auto networks = local_networks(links, addresses);
-
   const auto* near = find_overlap(networks, network("10.9.0.2", "255.255.255.0"));
   const auto* far = find_overlap(networks, network("10.9.1.200", "255.255.255.0"));
   ASSERT_TRUE(near != nullptr && far != nullptr);
@@ -79,36 +73,19 @@ TEST(LocalNetworksTest, CountsBothEndsOfAPointToPointLink) {
 }
 
 TEST(InterfacesTest, AreToldApartByWhatTheKernelMadeThemOf) {
-  const struct {
-    const char *name, *kind;
-    unsigned hardware;
-    int master;
-    const char* type;
-    bool available;
-  } rows[] = {
+  const std::tuple<const char*, const char*, unsigned, int, const char*, bool> rows[] = {
       {"eth12", "", ARPHRD_ETHER, 0, "ethernet", true},     {"eth12", "", ARPHRD_ETHER, 9, "ethernet", false},
       {"eth0", "veth", ARPHRD_ETHER, 0, "ethernet", true},  {"br0", "bridge", ARPHRD_ETHER, 0, "vswitch", true},
       {"bond0", "bond", ARPHRD_ETHER, 0, "bond", true},     {"eth0.7", "vlan", ARPHRD_ETHER, 0, "vlan", true},
       {"tap7", "tun", ARPHRD_ETHER, 0, "virtualif", false}, {"lo", "", ARPHRD_LOOPBACK, 0, "virtualif", false},
       {"ppp1001", "", ARPHRD_ETHER, 0, "ethernet", false},  {"x", "bridgex", ARPHRD_ETHER, 0, "virtualif", false},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(std::string{row.name} + " " + row.kind);
-    const Link link{1, row.name, 0, true, 0, 0, row.hardware, row.master, row.kind, ""};
-    EXPECT_EQ(interface_type(link), row.type);
-    EXPECT_EQ(is_available(link), row.available);
+  for (const auto& [name, kind, hardware, master, type, available] : rows) {
+    SCOPED_TRACE(std::string{name} + " " + kind);
+    const Link link{1, name, 0, true, 0, 0, hardware, master, kind, ""};
+    EXPECT_EQ(interface_type(link), type);
+    EXPECT_EQ(is_available(link), available);
   }
-}
-
-TEST(RtnetlinkTest, ListsTheLoopbackInterface) {
-  std::vector<Link> links;
-
-  ASSERT_TRUE(list_links(links));
-
-  const auto lo = std::find_if(links.begin(), links.end(), [](const Link& link) { return link.name == "lo"; });
-  ASSERT_NE(lo, links.end());
-  EXPECT_EQ(lo->index, static_cast<int>(if_nametoindex("lo")));
-  EXPECT_NE(lo->flags & IFF_LOOPBACK, 0U);
 }
 
 // A message as the kernel builds it, with one attribute after the other.
@@ -135,7 +112,6 @@ TEST(RtnetlinkTest, ReadsAMessageCutAnywhereWithoutLeavingIt) {
   ASSERT_TRUE(parse_link(whole, link));
   EXPECT_EQ(link.name, "eth12");
   EXPECT_EQ(link.rx_bytes, 0x0101010101010101U);
-
   for (std::size_t length = 0; length < whole.size(); ++length) {
     const std::vector<std::byte> cut(
         whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));  // exact: asan sees a step beyond
@@ -157,6 +133,63 @@ TEST(RtnetlinkTest, RefusesAnAddressOfAnImpossibleLengthOrFamily) {
   EXPECT_FALSE(parse_address(message(head, {{IFA_LABEL, "eth0"}}), address));
   head.ifa_prefixlen = 33;
   EXPECT_FALSE(parse_address(message(head, {{IFA_LOCAL, quad}}), address));
+}
+
+using enum Health;
+
+struct Step {
+  int minute;
+  Health first;
+  Health second;
+  Chosen chosen;
+};
+
+void walk(const GatewayPolicy& policy, const std::vector<Step>& steps) {
+  GatewayChoice choice;
+  for (const Step& step : steps) {
+    SCOPED_TRACE(testing::Message() << "step " << &step - steps.data());
+    const GatewayChoice::Clock::time_point now{std::chrono::minutes(step.minute)};
+    EXPECT_EQ(choice.choose(policy, step.first, step.second, now), step.chosen);
+  }
+}
+
+TEST(GatewayChoice, ReturnsAfterTheFirstHasBeenWellForTheWholeInterval) {
+  walk({"tun2001", "wgc3001", false, std::chrono::minutes(5)}, {
+                                                                   {0, WELL, WELL, Chosen::FIRST},
+                                                                   {1, SILENT, WELL, Chosen::SECOND},
+                                                                   {2, WELL, WELL, Chosen::SECOND},
+                                                                   {6, SILENT, WELL, Chosen::SECOND},  // starts anew
+                                                                   {7, WELL, WELL, Chosen::SECOND},
+                                                                   {11, WELL, WELL, Chosen::SECOND},
+                                                                   {12, WELL, WELL, Chosen::FIRST},
+                                                               });
+}
+
+TEST(GatewayChoice, NeverReturnsUnlessToldOrTheSecondFails) {
+  walk({"tun2001", "wgc3001", false, {}}, {
+                                              {0, ABSENT, WELL, Chosen::SECOND},
+                                              {1, WELL, WELL, Chosen::SECOND},
+                                              {9999, WELL, WELL, Chosen::SECOND},
+                                              {10000, WELL, SILENT, Chosen::FIRST},
+                                          });
+}
+
+TEST(GatewayChoice, StaysInASilentTunnelForWantOfABetterOne) {
+  walk({"tun2001", "", false, {}}, {{0, SILENT, WELL, Chosen::FIRST}, {1, ABSENT, WELL, Chosen::NONE}});
+  walk({"tun2001", "wgc3001", false, {}}, {{0, SILENT, SILENT, Chosen::FIRST},
+                                           {1, ABSENT, SILENT, Chosen::SECOND},
+                                           {2, SILENT, SILENT, Chosen::SECOND},
+                                           {3, SILENT, ABSENT, Chosen::FIRST},
+                                           {4, ABSENT, ABSENT, Chosen::NONE}});
+  walk({}, {{0, WELL, WELL, Chosen::NONE}});
+}
+
+TEST(TunnelWatch, AsksTheFarEndThatTheAddressTellsOf) {
+  constexpr std::uint32_t BASE = 0x0A080000;  // 10.8.0.0
+  EXPECT_EQ(far_end({1, BASE + 6, BASE + 5, 32}), BASE + 5);
+  EXPECT_EQ(far_end({1, BASE + 6, BASE + 6, 24}), BASE + 1);
+  EXPECT_EQ(far_end({1, BASE + 1, BASE + 1, 24}), BASE + 2);
+  EXPECT_EQ(far_end({1, BASE + 6, BASE + 6, 32}), BASE + 1);
 }
 
 }  // namespace

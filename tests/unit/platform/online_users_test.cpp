@@ -24,7 +24,6 @@ class OnlineUsersTest : public testing::Test {
     for (const OnlineUser& session : users.list()) names.push_back(session.interface);
     return names;
   }
-
   test::Scratch scratch;
   OnlineUsers users{scratch.path("users"), scratch.path("lock")};
   std::vector<OnlineUser> removed;
@@ -32,7 +31,6 @@ class OnlineUsersTest : public testing::Test {
 
 TEST_F(OnlineUsersTest, KeepsAUserOfAnyBytesAndADeviceOnItsLine) {
   ASSERT_TRUE(add("tun"));
-
   EXPECT_EQ(scratch.read("users"), "tun 192.0.2.9 7 10.8.0.1 10.8.0.2 4 1700000000 Ym8gYjoK my  phone x\n");
   ASSERT_THAT(users.list(), SizeIs(1));
   EXPECT_EQ(users.list()[0].user, "bo b:\n");
@@ -40,10 +38,7 @@ TEST_F(OnlineUsersTest, KeepsAUserOfAnyBytesAndADeviceOnItsLine) {
 }
 
 TEST_F(OnlineUsersTest, RefusesWhatWouldBreakTheLine) {
-  for (const char* word : {"", "a b", "a\nb", "a\tb"}) {
-    SCOPED_TRACE(word);
-    EXPECT_FALSE(add(word));
-  }
+  for (const char* word : {"", "a b", "a\nb", "a\tb"}) EXPECT_FALSE(add(word)) << word;
   EXPECT_FALSE(users.add({"tun", "192.0.2.9", 7, "10.8.0.1", "10.8.0.2", 4, 1700000000, ""}));
   EXPECT_THAT(users.list(), IsEmpty());
 }
@@ -52,9 +47,7 @@ TEST_F(OnlineUsersTest, RemovesWhatIsChosenAndKeepsForeignLines) {
   scratch.write("users", "not a line of ours\na 1 2 3 4 4 5 !!!!\n\nlast 1.1.1.1 9 2.2.2.2 3.3.3.3 1 1700000000 Ym9i");
   ASSERT_TRUE(add("one"));
   ASSERT_TRUE(add("two", 8));
-
   ASSERT_TRUE(users.remove([](const OnlineUser& session) { return session.number == 7; }, removed));
-
   ASSERT_THAT(removed, SizeIs(1));
   EXPECT_EQ(removed[0].interface, "one");
   EXPECT_THAT(interfaces(), ElementsAre("last", "two"));
@@ -83,7 +76,6 @@ TEST_F(OnlineUsersTest, LosesNoneOfManyAtOnce) {
     });
   }
   for (std::thread& writer : writers) writer.join();
-
   EXPECT_THAT(users.list(), SizeIs(WRITERS));
 }
 
@@ -95,10 +87,8 @@ TEST(Base64, IsReadAsItWasWritten) {
     bytes += static_cast<char>(length * 37);
   }
   EXPECT_EQ(to_base64("ab"), "YWI=");
-  for (const char* wrong : {"YWI", "=WI=", "Y===", "Y=I=", "YW==YW==", "YW I", "====", "YWI*"}) {
-    SCOPED_TRACE(wrong);
-    EXPECT_FALSE(parse_base64(wrong, back));
-  }
+  for (const char* wrong : {"YWI", "=WI=", "Y===", "Y=I=", "YW==YW==", "YW I", "====", "YWI*"})
+    EXPECT_FALSE(parse_base64(wrong, back)) << wrong;
 }
 
 }  // namespace

@@ -38,7 +38,6 @@ struct Rows {
 class OrmeldTest : public testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(restart()); }
-
   bool restart() {
     database = std::make_unique<LogDatabase>(policy, [] { return now; });
     return database->open(file);
@@ -49,7 +48,6 @@ class OrmeldTest : public testing::Test {
     return method == all.end() ? bus::Reply{-1} : method->run(*database, method->table, body);
   }
   int status(std::string_view name, std::string_view body = {}) { return call(name, body).status; }
-
   template <typename Row>
   Rows<Row> list(std::string_view method, const db_query_cond& cond) {
     const bus::Reply reply = call(method, bytes_of(cond));
@@ -62,7 +60,6 @@ class OrmeldTest : public testing::Test {
     if (head.count > 0) std::memcpy(out.rows.data(), &reply.body[sizeof head], reply.body.size() - sizeof head);
     return out;
   }
-
   inline static std::time_t now = 1'000'000;
   test::Scratch scratch;
   const std::string file = scratch.path("ormel/log.db");

@@ -46,6 +46,10 @@ class Scratch {
     std::ifstream file{path(name), std::ios::binary};
     return {std::istreambuf_iterator<char>{file}, {}};
   }
+  [[nodiscard]] mode_t mode(const std::string& name) const {
+    struct stat info {};
+    return stat(path(name).c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
+  }
   [[nodiscard]] std::size_t files() const {
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator{folder_}, {}));
   }

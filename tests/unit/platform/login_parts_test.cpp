@@ -1,12 +1,11 @@
-#include "session/login_throttle.h"
-
-#include <algorithm>
 #include <atomic>
+#include <fcntl.h>
 #include <thread>
-#include <tuple>
 
 #include <gtest/gtest.h>
 
+#include "session/login_form.h"
+#include "session/login_throttle.h"
 #include "unit/platform/scratch.h"
 
 namespace fenro::test {
@@ -23,7 +22,6 @@ class LoginThrottleTest : public testing::Test {
     return admission && admission->retry_after == 0;
   }
   std::string nth_address(int n) { return "198.51.100." + std::to_string(n); }
-
   Scratch scratch;
   LoginThrottle throttle{scratch.path("login"), MANY_SLOTS};
 };
@@ -48,7 +46,6 @@ TEST_F(LoginThrottleTest, DelaysMoreAndMoreThenRefusesUntilTheWindowEnds) {
 
 TEST_F(LoginThrottleTest, CountsAUserOverAllAddressesAndInAnyCase) {
   for (int i = 0; i < LoginThrottle::USER_LIMIT; ++i) EXPECT_TRUE(admits(i % 2 ? "bob" : "BOB", nth_address(i)));
-
   EXPECT_FALSE(admits("Bob", HOME));
   EXPECT_TRUE(admits("carol", HOME));
 }
@@ -60,24 +57,19 @@ TEST_F(LoginThrottleTest, ASuccessForgivesTheUserButNotTheAddress) {
     EXPECT_TRUE(throttle.succeed("bob", HOME, NOW));  // his own login costs him nothing
   }
   EXPECT_EQ(throttle.admit("bob", "192.0.2.8", NOW)->delay.count(), 0);
-
   EXPECT_TRUE(admits("carol", HOME));
   EXPECT_FALSE(admits("carol", HOME));
 }
 
 TEST_F(LoginThrottleTest, CountsTheNetworkOfAnIpv6ClientAndAMappedAddressAsItself) {
-  struct Row {
-    const char *used, *other;
-    bool same;
-  };
-  constexpr Row ROWS[] = {{"2001:db8::1", "2001:db8::ffff:2", true},
-                          {"2001:db8:1::1", "2001:db8:1:1::1", false},
-                          {"::ffff:192.0.2.9", "192.0.2.9", true},
-                          {"::ffff:192.0.2.10", "::ffff:192.0.2.11", false}};
-  for (const Row& row : ROWS) {
-    SCOPED_TRACE(row.used);
-    for (int i = 0; i < LoginThrottle::ADDRESS_LIMIT; ++i) std::ignore = admits(row.used + std::to_string(i), row.used);
-    EXPECT_NE(admits("bob", row.other), row.same);
+  const std::tuple<const char*, const char*, bool> ROWS[] = {{"2001:db8::1", "2001:db8::ffff:2", true},
+                                                             {"2001:db8:1::1", "2001:db8:1:1::1", false},
+                                                             {"::ffff:192.0.2.9", "192.0.2.9", true},
+                                                             {"::ffff:192.0.2.10", "::ffff:192.0.2.11", false}};
+  for (const auto& [used, other, same] : ROWS) {
+    SCOPED_TRACE(used);
+    for (int i = 0; i < LoginThrottle::ADDRESS_LIMIT; ++i) std::ignore = admits(used + std::to_string(i), used);
+    EXPECT_NE(admits("bob", other), same);
   }
 }
 
@@ -90,7 +82,6 @@ TEST_F(LoginThrottleTest, AdmitsNoMoreWhenManyAskAtOnce) {
     const std::jthread first{ask}, second{ask};
     ask();
   }
-
   EXPECT_EQ(admitted, LoginThrottle::ADDRESS_LIMIT);
 }
 
@@ -99,16 +90,11 @@ TEST_F(LoginThrottleTest, KeepsABoundedNumberOfCountersWithoutNamesInAClosedFold
   throttle = LoginThrottle{scratch.path("login"), SLOTS};
   for (int i = 0; i < 100; ++i)
     ASSERT_TRUE(throttle.admit("user" + std::to_string(i) + "\n1 2 3", nth_address(i), NOW)) << i;
-
   const std::string text = scratch.read("login/counters");
   EXPECT_LE(std::count(text.begin(), text.end(), '\n'), 1 + 2 * SLOTS);
   EXPECT_EQ(text.find("user"), std::string::npos);
-  struct stat info {};
-  ASSERT_EQ(stat(scratch.path("login").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0700U);
-  ASSERT_EQ(stat(scratch.path("login/counters").c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0600U);
-
+  EXPECT_EQ(scratch.mode("login"), 0700U);
+  EXPECT_EQ(scratch.mode("login/counters"), 0600U);
   ASSERT_TRUE(throttle.admit("bob", HOME, NOW + LoginThrottle::WINDOW));
   const std::string later = scratch.read("login/counters");
   EXPECT_EQ(std::count(later.begin(), later.end(), '\n'), 3);  // what has run out is dropped
@@ -124,11 +110,64 @@ TEST_F(LoginThrottleTest, StartsAnewFromADamagedFileAndAdmitsNobodyWhereItCannot
   std::filesystem::remove(scratch.path("login/counters"));
   std::filesystem::create_directory(scratch.path("login/counters"));
   EXPECT_FALSE(throttle.admit("bob", HOME, NOW));
-
   throttle = LoginThrottle{scratch.path("open")};
   std::filesystem::create_directory(scratch.path("open"));
   std::filesystem::permissions(scratch.path("open"), std::filesystem::perms::all);
   EXPECT_FALSE(throttle.admit("bob", HOME, NOW));
+}
+
+using Result = LoginForm::Result;
+
+TEST(LoginFormTest, DecodesItsFields) {
+  const std::tuple<const char*, const char*, const char*> ROWS[] = {
+      {"user=bob&password=se+cret%21", "bob", "se cret!"},
+      {"us%65r=b%6Fb&password=%3D%26%25", "bob", "=&%"},
+      {"password=a=b&user=%zz%4", "%zz%4", "a=b"},
+      {"user=x&user=bob&&=&password", "bob", ""},
+      {"users=x&use=y&%", "", ""},
+      {"", "", ""},
+  };
+  for (const auto& [text, user, password] : ROWS) {
+    SCOPED_TRACE(text);
+    LoginForm form;
+    EXPECT_EQ(form.take(text), Result::Ok);
+    EXPECT_STREQ(form.value("user"), user);
+    EXPECT_STREQ(form.value("password"), password);
+  }
+}
+
+TEST(LoginFormTest, TakesABodyOfTheAnnouncedLengthAndNoMoreThanItsLimit) {
+  const std::string longest = "user=" + std::string(LoginForm::LIMIT - 5, 'u');
+  const std::tuple<std::string, std::string, Result> rows[] = {
+      {longest, "8192", Result::Ok},
+      {longest, "", Result::Ok},
+      {longest + "u", "8193", Result::TooLarge},
+      {longest + "u", "", Result::TooLarge},
+      {longest, "99999999999999999999999", Result::TooLarge},
+      {"user=bob&more", "8", Result::Ok},
+      {"user=bob", "9", Result::Malformed},
+      {"user=bob", "-8", Result::Malformed},
+      {"user=bob", "8x", Result::Malformed},
+      {"user=bob%00x", "12", Result::Malformed},
+      {std::string("user=b\0b", 8), "8", Result::Malformed},
+  };
+  const Scratch scratch;
+  for (const auto& [body, length, result] : rows) {
+    SCOPED_TRACE(length + " " + body.substr(0, 20));
+    const Fd fd{open(scratch.write("body", body).c_str(), O_RDONLY | O_CLOEXEC)};
+    LoginForm form;
+    EXPECT_EQ(form.read(fd.get(), length), result);
+  }
+}
+
+TEST(LoginFormTest, LeavesNothingOfThePasswordBehind) {
+  LoginForm form;
+  ASSERT_EQ(form.take("user=bob&password=%73ecret"), Result::Ok);
+  const std::string_view raw{form.value("user"), 32};  // the rest of the text, in the memory it was read into
+  ASSERT_NE(raw.find("secret"), std::string_view::npos);
+  form.wipe();
+  EXPECT_EQ(raw.find_first_not_of('\0'), std::string_view::npos);
+  EXPECT_STREQ(form.value("password"), "");
 }
 
 }  // namespace

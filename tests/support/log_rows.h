@@ -1,0 +1,25 @@
+// What the log database of the appliance holds.
+#pragma once
+#include <cstring>
+
+#include "ormel/ormel_api_db_records.h"
+#include "support/appliance_host.h"
+
+namespace ormel::test {
+
+template <typename Record>
+std::string bytes_of(const Record& record) {
+  return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+// All rows that a query method gives.
+template <typename Row>
+std::vector<Row> log_rows(const char* method) {
+  const std::string reply = bus(log_db::SERVICE, method, bytes_of(db_query_cond{0, -1, 0, 0, {}, {}}));
+  std::vector<Row> rows(
+      reply.size() < sizeof(db_query_answer<Row>) ? 0 : (reply.size() - sizeof(db_query_answer<Row>)) / sizeof(Row));
+  if (!rows.empty()) std::memcpy(rows.data(), &reply[sizeof(db_query_answer<Row>)], rows.size() * sizeof(Row));
+  return rows;
+}
+
+}  // namespace ormel::test
