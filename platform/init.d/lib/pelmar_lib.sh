@@ -13,7 +13,7 @@ VIRTUAL_INTERFACE=pelmar0
 # The agents are one daemon, which the host starts: a switch tells it to be one of them.
 agent_on() {
   mibsh pelmar_expressd.GetCloudStatus >/dev/null 2>&1 || die 'pelmar-agentd does not run'
-  mkdir -p "$PELMAR_STATE" && : >"$1" || die 'the agent cannot be switched on'
+  { [ -d "$PELMAR_STATE" ] || mkdir -p "$PELMAR_STATE"; } && : >"$1" || die 'the agent cannot be switched on'
 }
 
 agent_off() { rm -f "$1" || die 'the agent cannot be switched off'; }
