@@ -33,6 +33,8 @@ add_link_options(-Wl,--as-needed -Wl,-z,relro)
 # relocations; the sanitizers and the coverage tools bring their own ideas of it.
 if(ORMEL_SANITIZE OR ORMEL_COVERAGE OR ORMEL_FUZZ)
   set(ORMEL_QUICK_START "")
+  set(ORMEL_STATIC_START "")
 else()
   set(ORMEL_QUICK_START -static-libstdc++ -static-libgcc -Wl,--exclude-libs,libstdc++.a:libgcc.a:libgcc_eh.a)
+  set(ORMEL_STATIC_START -static-pie)  # for tools that need nothing of the host but its kernel
 endif()

@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "common/base64.h"
 #include "common/file.h"
 
 namespace fenro::cloud {
@@ -10,6 +11,10 @@ namespace {
 
 constexpr const char* PELMAR_TOKEN = "pelmar-token";  // what an authorised call carries
 constexpr const char* CLOUD_TOKEN = "cloud-token";
+constexpr const char* REFRESH_TOKEN = "refresh-token";
+constexpr const char* DEVICE_TOKEN = "token-of-";  // and the device's id
+constexpr int LOGIN_LIFE = 3600;                   // seconds
+constexpr int TOKEN_LIFE = 1800;
 
 Json load(const std::string& path) {
   Text text;
@@ -61,9 +66,9 @@ struct Services::Operation {
   const char* method;
   std::string_view before;  // the path up to the device's id, all of it when there is none
   std::string_view behind;  // the path behind the id
-  const char* header;       // that carries the token
+  const char* header;       // that carries the token; null for what anybody may ask
   const char* scheme;       // before the token
-  const char* token;
+  const char* token;        // DEVICE_TOKEN stands for that of the device
   HttpReply (Services::*act)(const HttpRequest& request, const std::string& device);
 };
 
@@ -72,11 +77,19 @@ const Services::Operation Services::OPERATIONS[] = {
     // clang-format off
     {"GET",    "/v1.2/organization",                   "",                "authorization", "Bearer ", CLOUD_TOKEN,  &Services::list_organizations},
     {"POST",   "/v1.2/organization",                   "",                "authorization", "Bearer ", CLOUD_TOKEN,  &Services::create_organization},
+    {"GET",    "/v1.2/organization/",                  "/site",           "authorization", "Bearer ", CLOUD_TOKEN,  &Services::list_sites},
+    {"GET",    "/v1/login",                            "",                nullptr,         "",        "",           &Services::log_in},
+    {"POST",   "/v1/token",                            "",                nullptr,         "",        "",           &Services::renew_login},
+    {"GET",    "/v1.1/address",                        "",                nullptr,         "",        "",           &Services::tell_location},
+    {"GET",    "/v1.1/location",                       "",                nullptr,         "",        "",           &Services::tell_location},
+    {"POST",   "/pelmar/morvi/api/v1/token",           "",                "skarntoken",    "",        CLOUD_TOKEN,  &Services::give_token},
     {"GET",    "/v1.1/me",                             "",                "authorization", "Bearer ", CLOUD_TOKEN,  &Services::tell_account},
     {"POST",   "/dalnet/morvi/api/v1/edge",            "",                "skarntoken",    "",        CLOUD_TOKEN,  &Services::register_edge},
     {"GET",    "/pelmar/morvi/api/v1/vpn_topology",    "",                "authorization", "Pluser ", PELMAR_TOKEN, &Services::list_groups},
     {"POST",   "/pelmar/morvi/api/v1/ip_subnet_check", "",                "authorization", "Pluser ", PELMAR_TOKEN, &Services::check_subnet},
     {"GET",    "/dalnet/morvi/api/v1/devices/",        "/cloudagent_cfg", "authorization", "",        PELMAR_TOKEN, &Services::configure_agent},
+    {"GET",    "/dalnet/morvi/api/v1/devices/",        "/membership",     "authorization", "Device ", DEVICE_TOKEN, &Services::tell_membership},
+    {"PUT",    "/dalnet/morvi/api/v1/devices/",        "/network",        "authorization", "Device ", DEVICE_TOKEN, &Services::note_network},
     {"GET",    "/dalnet/morvi/api/v1/devices/",        "",                "authorization", "",        PELMAR_TOKEN, &Services::register_device},
     {"DELETE", "/dalnet/morvi/api/v1/devices/",        "",                "authorization", "",        PELMAR_TOKEN, &Services::remove_device},
     // clang-format on
@@ -105,9 +118,9 @@ HttpReply Services::dispatch(const HttpRequest& request) {
     const std::string device{
         path.substr(operation.before.size(), path.size() - operation.before.size() - operation.behind.size())};
     if (operation.before.ends_with('/') == device.empty()) continue;
-    if (header(request, operation.header) != std::string(operation.scheme) + operation.token) {
-      return refuse(401, "not authorised");
-    }
+    const std::string token =
+        operation.scheme + std::string(operation.token) + (operation.token == DEVICE_TOKEN ? device : "");
+    if (operation.header && header(request, operation.header) != token) return refuse(401, "not authorised");
     return (this->*operation.act)(request, device);
   }
   return refuse(404, "no such operation");
@@ -152,7 +165,7 @@ HttpReply Services::register_device(const HttpRequest&, const std::string& devic
 HttpReply Services::configure_agent(const HttpRequest& request, const std::string& device) {
   if (!json_object_get(devices_.get(), device.c_str())) return refuse(404, "no such device");
   if (request.query != "format=json") return refuse(400, "no such format");
-  const std::string text = "DEV_ID=\"" + device + "\"\nDEV_TOKEN=\"token-of-" + device + "\"\n";
+  const std::string text = "DEV_ID=\"" + device + "\"\nDEV_TOKEN=\"" + DEVICE_TOKEN + device + "\"\n";
   return reply_with(Json{json_pack("{s:s}", "cloudagentCfg", text.c_str())});
 }
 
@@ -169,6 +182,49 @@ HttpReply Services::remove_device(const HttpRequest& request, const std::string&
   if (header(request, "skarntoken") != CLOUD_TOKEN) return refuse(401, "not authorised");
   if (json_object_del(devices_.get(), device.c_str()) != 0) return refuse(404, "no such device");
   return reply_with(Json{json_pack("{s:s}", "removed", device.c_str())});
+}
+
+HttpReply Services::list_sites(const HttpRequest&, const std::string& organization) {
+  return reply_with(Json{
+      json_pack("{s:i, s:[{s:s}]}", "code", 0, "result", "organization_site_id", ("site-of-" + organization).c_str())});
+}
+
+// What the browser brings back from the login page. Everybody gets in here.
+HttpReply Services::log_in(const HttpRequest&, const std::string&) {
+  const Json answer{json_pack("{s:s, s:s, s:i}", "access_token", CLOUD_TOKEN, "refresh_token", REFRESH_TOKEN,
+                              "expires_in", LOGIN_LIFE)};
+  return {.body = to_base64(compact(answer.get()))};
+}
+
+HttpReply Services::renew_login(const HttpRequest& request, const std::string&) {
+  const Json wish{json_loads(request.body.c_str(), 0, nullptr)};
+  const char* const token = text_or_null(wish.get(), "refresh_token");
+  if (!token || std::string_view{token} != REFRESH_TOKEN) return refuse(401, "not authorised");
+  return reply_with(Json{json_pack("{s:s, s:i}", "access_token", CLOUD_TOKEN, "expires_in", LOGIN_LIFE)});
+}
+
+HttpReply Services::tell_location(const HttpRequest&, const std::string&) {
+  return reply_with(Json{json_pack("{s:O}", "result", world("location"))});
+}
+
+HttpReply Services::give_token(const HttpRequest& request, const std::string&) {
+  const Json wish{json_loads(request.body.c_str(), 0, nullptr)};
+  if (!text_or_null(wish.get(), "orgId")) return refuse(400, "no organisation");
+  return reply_with(Json{json_pack("{s:s, s:i}", "pelmarToken", PELMAR_TOKEN, "expires_in", TOKEN_LIFE)});
+}
+
+HttpReply Services::tell_membership(const HttpRequest&, const std::string& device) {
+  if (!json_object_get(devices_.get(), device.c_str())) return refuse(404, "no such device");
+  return reply_with(Json{json_incref(world("membership"))});
+}
+
+HttpReply Services::note_network(const HttpRequest& request, const std::string& device) {
+  json_t* const known = json_object_get(devices_.get(), device.c_str());
+  if (!known) return refuse(404, "no such device");
+  Json network{json_loads(request.body.c_str(), 0, nullptr)};
+  if (!json_is_object(network.get())) return refuse(400, "no network");
+  json_object_set_new(known, "network", network.release());
+  return reply_with(Json{json_object()});
 }
 
 void Services::record(const HttpRequest& request) const {

@@ -4,7 +4,9 @@
 // Everything lies in one folder. "world.json" is read at the start:
 //   {"account": {"display_name", "email", "site"}, "organizations": [{"name", "organization_id", "created_by"}],
 //    "groups": [{"groupId", "name", "hubs"}], "address": the address that the next device gets,
-//    "taken": [addresses that clash], "suggestion": "address/prefix" offered for those}
+//    "taken": [addresses that clash], "suggestion": "address/prefix" offered for those,
+//    "location": {"address", "latitude", "longitude", "country_code"} of every host,
+//    "membership": what each device is told of its hub and super node}
 // "faults.json" is read for each request, if it is there: from "METHOD /path" to what happens in place of the answer,
 //   {"status", "body", "headers", "padding", "delay": milliseconds, "hang_up"}, each of which may be missing.
 // "requests" gets one line for each request: {"host", "method", "path", "query", "headers", "body"}.
@@ -34,6 +36,13 @@ class Services {
   [[nodiscard]] HttpReply configure_agent(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply check_subnet(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply remove_device(const HttpRequest& request, const std::string& device);
+  [[nodiscard]] HttpReply list_sites(const HttpRequest& request, const std::string& organization);
+  [[nodiscard]] HttpReply log_in(const HttpRequest& request, const std::string& device);
+  [[nodiscard]] HttpReply renew_login(const HttpRequest& request, const std::string& device);
+  [[nodiscard]] HttpReply tell_location(const HttpRequest& request, const std::string& device);
+  [[nodiscard]] HttpReply give_token(const HttpRequest& request, const std::string& device);
+  [[nodiscard]] HttpReply tell_membership(const HttpRequest& request, const std::string& device);
+  [[nodiscard]] HttpReply note_network(const HttpRequest& request, const std::string& device);
 
   struct Operation;
   static const Operation OPERATIONS[];

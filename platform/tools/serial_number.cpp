@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <nettle/sha2.h>
 #include <strings.h>
-
-#include <openssl/evp.h>
 
 #include "common/handle.h"
 #include "libfenro/ini_file.h"
@@ -49,8 +48,11 @@ bool is_placeholder(std::string_view number) {
 std::string number_from(std::string_view machine_id) {
   constexpr std::string_view HEX = "0123456789ABCDEF";
   const std::string input = std::string(PURPOSE).append(machine_id);
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  if (EVP_Digest(input.data(), input.size(), digest.data(), nullptr, EVP_sha256(), nullptr) != 1) return {};
+  std::array<std::uint8_t, SHA256_DIGEST_SIZE> digest{};
+  sha256_ctx hash{};
+  sha256_init(&hash);
+  sha256_update(&hash, input.size(), reinterpret_cast<const std::uint8_t*>(input.data()));
+  sha256_digest(&hash, digest.size(), digest.data());
   std::string number;
   for (std::size_t i = 0; i < DIGITS / 2; ++i) number.append({HEX[digest[i] >> 4], HEX[digest[i] & 15]});
   return number;

@@ -22,6 +22,7 @@ be_init() {
   local status=0
   [[ ! $SANITIZER_LOGS ]] || EXTRA_ENV+=("${SANITIZER_ENV[@]}")
   ulimit -c 0
+  [[ ! $CLOUD ]] || start_cloud
   start_daemons
   [[ ! $WEB ]] || start_web
   report_ready
@@ -81,6 +82,27 @@ listens() {
   done </proc/net/unix
   return 1
 }
+
+# The cloud is at the far end of the cable, as its port is the web server's in here. Its hosts and its authority are
+# known in here alone. On a real host the package's installation tells where the application's folder is.
+start_cloud() {
+  local folder=/run/cloud file name log=$LOGS/fenro-cloud.log
+  [[ -e /run/netns/lan ]] || die "the cloud belongs to the appliance that others join"
+  bash "$folder/make_certificates.sh" "$folder" "$(<"$folder/domain")" || die "no certificates for the cloud"
+  for file in hosts ssl/certs/ca-certificates.crt; do # a kept state has those of an earlier cloud
+    [[ -e /etc/$file.own ]] || cp "/etc/$file" "/etc/$file.own"
+    cp "/etc/$file.own" "/etc/$file"
+  done
+  while read -r name; do printf '%s %s\n' "$GATEWAY" "$name"; done <"$folder/hosts" >>/etc/hosts
+  cat "$folder/ca.pem" >>/etc/ssl/certs/ca-certificates.crt
+  ln -sfn "$folder/ca.pem" "/etc/ssl/certs/$(openssl x509 -in "$folder/ca.pem" -noout -hash).0"
+  setcfg ORMEL Install_Path /opt/ormel -f /etc/config/pakrix.conf
+  setcfg Hollex Install_Path '' -f /etc/config/pakrix.conf
+  setsid nsenter --net=/run/netns/lan "$folder/fenro-cloud" "$folder" "$GATEWAY" 443 </dev/null >"$log" 2>&1 &
+  wait_until $! cloud_listens || die "the cloud did not start: $(<"$log")"
+}
+
+cloud_listens() { (exec 3<>"/dev/tcp/$GATEWAY/443") 2>/dev/null; }
 
 # nginx gets to the program through fcgiwrap alone, on a socket that only its workers may use.
 start_web() {

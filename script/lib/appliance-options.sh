@@ -3,7 +3,7 @@
 
 # shellcheck disable=SC2034 # read by the scripts that source this file
 parse_options() {
-  STAGE='' STATE='' NAME=appliance ADDRESS=192.168.77.1/24 JOIN='' READY_FD='' WEB='' SANITIZER_LOGS=''
+  STAGE='' STATE='' NAME=appliance ADDRESS=192.168.77.1/24 JOIN='' READY_FD='' WEB='' CLOUD='' SANITIZER_LOGS=''
   WITH_DAEMONS=all DAEMONS=() WITHOUT=() BINDS=() BINDS_RW=() EXTRA_ENV=() COMMAND=()
   while (($#)); do
     case $1 in
@@ -20,6 +20,7 @@ parse_options() {
       --bind)     BINDS+=("$(folder "$2")") ;;
       --bind-rw)  BINDS_RW+=("$(folder "$2")") ;;
       --env)      EXTRA_ENV+=("$2") ;;
+      --cloud)    CLOUD=$(folder "$2") ;;
       --daemon)   WITH_DAEMONS=named; DAEMONS+=("$2") ;;
       --without)  WITHOUT+=("$2") ;;
       --name)     NAME=$2 ;;

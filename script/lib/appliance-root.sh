@@ -15,6 +15,8 @@ HERE=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd -P)
 # shellcheck source=script/lib/appliance-init.sh
 . "$HERE/appliance-init.sh"
 
+GATEWAY=192.168.77.254 # the far end of the cable
+
 # What of the host's /etc stays outside: secrets, accounts, and what belongs to an ormel installed on the host.
 HIDDEN_ETC=(config fenro ormel openvpn wireguard ssh ssl/private sudoers sudoers.d subuid subgid
   'passwd*' 'group*' 'shadow*' 'gshadow*' ppp/chap-secrets ppp/pap-secrets ppp/peers ipsec.secrets ipsec.d swanctl
@@ -28,7 +30,7 @@ choose_workbench() {
   local place path
   for place in /mnt /media /srv /home; do
     [[ -d $place ]] || continue
-    for path in "$TREE" "$STAGE" "$STATE" "${BINDS[@]}" "${BINDS_RW[@]}"; do
+    for path in "$TREE" "$STAGE" "$STATE" "$CLOUD" "${BINDS[@]}" "${BINDS_RW[@]}"; do
       [[ $path/ != "$place"/* ]] || continue 2
     done
     WORKBENCH=$place
@@ -79,6 +81,7 @@ write_host_files() {
   printf '# no name server: this appliance has no way out\n' >etc/resolv.conf
   printf '%s\n' 'passwd: files' 'group: files' 'shadow: files' 'hosts: files dns' 'services: files' \
     'protocols: files' >etc/nsswitch.conf
+  printf '%08x%08x%08x%08x\n' "$SRANDOM" "$SRANDOM" "$SRANDOM" "$SRANDOM" >etc/machine-id
   ln -sfn /proc/self/mounts etc/mtab
   (umask 077 && : >etc/ppp/chap-secrets && : >etc/ppp/pap-secrets)
 }
@@ -103,6 +106,13 @@ lay_stage() {
   mount -t overlay -o "$options" appliance-usr usr 2>run/appliance/overlay.err || die "cannot lay the installed tree \
 over /usr with an overlay mount ($(<run/appliance/overlay.err)): this kernel lacks overlay or allows it to root only, \
 /usr is itself on two overlays or on a file system that overlay refuses, or something is mounted below it"
+}
+
+# Its secrets are made anew at each start.
+lay_cloud() {
+  [[ $CLOUD ]] || return 0
+  (umask 077 && mkdir run/cloud)
+  cp --preserve=mode "$CLOUD"/{fenro-cloud,make_certificates.sh,domain,world.json} run/cloud
 }
 
 # Everything that does not depend on the options is one table for one mount command. Of /proc/sys only net is ours
@@ -145,7 +155,7 @@ bind_folders() {
 # A cable from eth0 to a bridge in the network namespace "lan", which stands for the local network: it answers
 # as the gateway and says at once that there is nothing behind it. A second appliance can be plugged in there.
 make_network() {
-  local lan=$PWD/run/netns/lan gateway=192.168.77.254 switch=()
+  local lan=$PWD/run/netns/lan switch=()
   if [[ $JOIN ]]; then
     lan=/proc/$JOIN/root/run/netns/lan
     [[ -e $lan ]] || die "process $JOIN is no process 1 of an appliance that we may look into"
@@ -153,14 +163,14 @@ make_network() {
     : >"$lan"
     # Not unshare --net=FILE: that looks our number up in /proc, which is the host's still.
     unshare --net mount --no-canonicalize --bind /proc/self/ns/net "$lan"
-    switch=('link set lo up' 'link add br0 type bridge' 'link set br0 up' "address add $gateway/24 dev br0")
+    switch=('link set lo up' 'link add br0 type bridge' 'link set br0 up' "address add $GATEWAY/24 dev br0")
   fi
   ip -batch - <<TEXT
 link add eth0 type veth peer name to-$NAME netns $lan
 link set lo up
 link set eth0 up
 address add $ADDRESS broadcast + dev eth0
-route add default via $gateway
+route add default via $GATEWAY
 TEXT
   switch+=("link set to-$NAME up master br0")
   printf '%s\n' "${switch[@]}" |
@@ -186,6 +196,7 @@ choose_workbench
 make_skeleton
 lay_etc_and_var
 lay_stage
+lay_cloud
 make_network
 mount_kernel_views
 bind_folders

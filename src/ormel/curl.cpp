@@ -80,7 +80,9 @@ bool unescape(const std::string& text, std::string& out) {
 
 Curl new_curl() {
   const curl::Api* library = curl::api();
-  return Curl{library ? library->easy_init() : nullptr};
+  Curl handle{library ? library->easy_init() : nullptr};
+  if (handle) library->easy_setopt(handle.get(), CURLOPT_CAINFO, nullptr);
+  return handle;
 }
 
 bool add_header(CurlList& headers, const std::string& line) {

@@ -1,5 +1,5 @@
-// An appliance that can become a member: the cloud on its loopback, with an authority that it trusts, and stand-ins
-// that answer for the daemons and tools of the membership with what the test has put into files.
+// An appliance that can become a member: the demonstration cloud at the far end of its cable, and daemon, scripts and
+// tools as they are installed.
 #pragma once
 
 #include <signal.h>
@@ -8,10 +8,12 @@
 
 namespace ormel::test {
 
-inline constexpr const char* CLOUD = "/run/cloud";      // what the cloud knows, and what it was asked
-inline constexpr const char* ANSWERS = "/run/answers";  // one file for each method
-inline constexpr const char* APPLICATION = "/opt/ormel";
-inline constexpr const char* APPLICATION_LOG = "/opt/ormel/var/log/ORMEL.log";
+inline constexpr const char* CLOUD = "/run/cloud";  // what the cloud knows, and what it was asked
+inline constexpr const char* CLOUD_ADDRESS = "192.168.77.254";
+inline constexpr const char* MEMBER_STATE = "/var/lib/fenro/pelmar";
+inline constexpr const char* CLOUD_TOKEN = "/var/lib/fenro/pelmar/cloud_token.json";
+inline constexpr const char* AGENT_LINK = "/opt/ormel/etc/cloudagent/cloudagent.cfg";
+inline constexpr const char* JOIN_QUERY = "&org_ID=org-1&org_name=An+%22Org%22&region_ID=";
 inline constexpr const char* PELMAR_CONF = "/etc/config/ormel/pelmar.conf";
 inline constexpr const char* TAMID_CONF = "/etc/config/ormel/tamid.conf";
 inline constexpr const char* AGENT_CONF = "/etc/config/ormel/cloudagent.cfg";
@@ -37,29 +39,6 @@ class Child {
   pid_t pid_;
 };
 
-// A service that answers each method with the file of its name, and fails for one that has none.
-inline int serve_files(const char* service, const std::vector<std::string>& methods) {
-  fenro::bus::Server server{service};
-  for (const std::string& method : methods) {
-    server.on(method, [method](std::string_view body) -> fenro::bus::Reply {
-      std::ofstream(CALLS, std::ios::app) << method << '|' << body << '\n';
-      const fs::path file = fs::path(ANSWERS) / method;
-      if (!fs::exists(file)) return {MIB_NOT_READY, ""};
-      return {MIB_SUCCESS, read(file)};
-    });
-  }
-  while (!server.listen()) usleep(10000);
-  return server.run();
-}
-
-inline void answer(const std::string& method, const std::string& text) {
-  write(fs::path(ANSWERS) / method, text);
-}
-
-inline void no_answer(const std::string& method) {
-  fs::remove(fs::path(ANSWERS) / method);
-}
-
 // What becomes of one of the cloud's operations from now on; an empty fault heals all.
 inline void fault(const std::string& operation, const std::string& what) {
   write(fs::path(CLOUD) / "faults.json", operation.empty() ? "{}" : "{\"" + operation + "\": " + what + '}');
@@ -84,91 +63,67 @@ inline std::string account(const std::string& key) {
 }
 
 inline std::string log() {
-  return read(APPLICATION_LOG);
+  return read(LOG);
 }
 
 class CloudHost : public WebHost {
  protected:
-  static void SetUpTestSuite() {
-    fs::create_directories(CLOUD);
-    fs::create_directories(ANSWERS);
-    ASSERT_EQ(run({ORMEL_CERTIFICATES, CLOUD, ORMEL_CLOUD_DOMAIN}, {"PATH=/usr/bin:/bin"}).status, 0);
-    std::ofstream hosts("/etc/hosts", std::ios::app);
-    std::ifstream names(std::string(CLOUD) + "/hosts");
-    for (std::string name; std::getline(names, name);) hosts << "127.0.0.1 " << name << '\n';
-    std::ofstream("/etc/ssl/certs/ca-certificates.crt", std::ios::app) << read(std::string(CLOUD) + "/ca.pem");
-    run({"/usr/bin/pkill", "-KILL", "-f", "/usr/lib/fenro/pelmar-agentd"});
-  }
-
   void SetUp() override {
     WebHost::SetUp();
-    for (const char* file : {PELMAR_CONF, TAMID_CONF, AGENT_CONF, "/run/cloud/requests", "/run/cloud/faults.json"}) {
-      fs::remove(file);
+    run({"/etc/init.d/pelmar_cloudagent.sh", "remove_dummy_interface"});
+    for (const char* file : {PELMAR_CONF, TAMID_CONF, AGENT_CONF, AGENT_LINK, "/run/cloud/requests",
+                             "/run/cloud/faults.json", MEMBER_STATE}) {
+      fs::remove_all(file);
     }
-    fs::remove_all(APPLICATION);
-    for (const char* folder : {"/etc/cloudagent", "/etc/system", "/opt/www", "/var/log"}) {
-      fs::create_directories(std::string(APPLICATION) + folder);
-    }
-    write("/etc/config/pakrix.conf", "[ORMEL]\nInstall_Path = /opt/ormel\n\n[Hollex]\nInstall_Path = \n");
-    write("/opt/ormel/opt/www/redirect.html", "<script>tell(\"$RESULT\"); also(\"$RESULT\")</script>");
+    for (const char* folder : {"/opt/ormel/etc/cloudagent", "/opt/ormel/etc/system"}) fs::create_directories(folder);
     write("/etc/platform.conf", "Platform = X86_KVM\n");
     write("/etc/config/TZ", "CET-1\nCEST\n");
-    for (const char* script : {"pelmar_express.sh", "pelmar_cloudagent.sh"}) {
-      record_calls(std::string("/etc/init.d/") + script);
-    }
-    tool("/usr/sbin/get_hwsn", "echo SN-1");
-    tool("/usr/local/bin/skarn_organization_tool", R"(echo '{"result":[{"organization_site_id":"site-1"},{}]}')");
-    for (const auto& file : fs::directory_iterator(ANSWERS)) fs::remove(file);
-    answer("Get_cloudtoken", R"({"error":0,"data":"cloud-token"})");
-    answer("Get_pelmartoken", R"({"error":0,"data":"pelmar-token"})");
-    answer("Save_cloudtoken", R"({"error":0})");
-    write(std::string(CLOUD) + "/world.json", R"({"account": {"display_name": "Ann O.", "email": "ann@example.org",
-        "site": "GLOBAL"}, "organizations": [], "groups": [{"groupId": "g1", "hubs": []}, {"groupId": "g2", "hubs":
-        [{}]}], "address": "10.99.0.7", "taken": ["10.99.0.9", "192.168.77.9"], "suggestion": "10.99.0.10/24"})");
     start_cloud("server");
   }
 
   // Another one takes the place of the cloud that runs.
   void start_cloud(const std::string& certificate) {
-    cloud_.reset();
+    stop_cloud();
     cloud_ = std::make_unique<Child>([&] {
       const std::string base = std::string(CLOUD) + '/' + certificate;
-      execl(ORMEL_CLOUD, ORMEL_CLOUD, CLOUD, "127.0.0.1", "443", (base + ".pem").c_str(), (base + ".key").c_str(),
-            nullptr);
+      execl("/usr/bin/nsenter", "nsenter", "--net=/run/netns/lan", "/run/cloud/fenro-cloud", CLOUD, CLOUD_ADDRESS,
+            "443", (base + ".pem").c_str(), (base + ".key").c_str(), nullptr);
       return 127;
     });
-    const auto listens = [] {
-      return read("/proc/net/tcp").find("0100007F:01BB 00000000:0000 0A") != std::string::npos;
-    };
-    ASSERT_TRUE(comes_true(listens)) << "nothing listens on port 443";
+    ASSERT_TRUE(comes_true(cloud_listens));
   }
-
-  static void tool(const std::string& path, const std::string& command) {
-    write(path, "#!/bin/sh\nprintf '%s\\n' \"$(basename \"$0\")|$*\" >>/var/log/network/calls\n" + command + '\n',
-          0755);
+  void stop_cloud() {
+    cloud_.reset();
+    run({"/usr/bin/pkill", "-KILL", "-f", "^/run/cloud/fenro-cloud"});
+    ASSERT_TRUE(comes_true([] { return !cloud_listens(); }));
   }
 
   WebReply pelmar(const std::string& route, const std::string& query = {}) const {
     return cgi("/ormel/pelmar/" + route, admin + query);
   }
-  WebReply login(const std::string& result = "encoded") const {
+  // What the login page sends a browser back with.
+  static std::string login_result() {
+    static const std::string result =
+        run({"/usr/bin/curl", "-sS", "https://auth-connector.production.global." ORMEL_CLOUD_DOMAIN "/v1/login"}).out;
+    return result;
+  }
+  WebReply login(const std::string& result = login_result()) const {
     return cgi("/ormel/oauth_login", admin + "&result=" + result);
   }
   WebReply join(const std::string& region = "g2") const {
-    return pelmar("device_register", "&org_ID=org-1&org_name=An+%22Org%22&region_ID=" + region + "&region_name=North");
+    return pelmar("device_register", JOIN_QUERY + region + "&region_name=North");
+  }
+  // Whether the daemon has been answered by the cloud as a member.
+  static bool is_connected() {
+    return comes_true([] { return bus("pelmar_expressd", "GetCloudStatus") == R"({"error":0,"data":1})"; });
   }
 
  private:
+  static bool cloud_listens() {
+    return run({"/bin/bash", "-c", std::string("exec 3<>/dev/tcp/") + CLOUD_ADDRESS + "/443"}).status == 0;
+  }
+
   std::unique_ptr<Child> cloud_;
-  Child network_service_{[] {
-    return serve_files("ormel_network_service",
-                       {"Get_cloudtoken", "Get_pelmartoken", "Save_cloudtoken", "Update_and_check_timeout"});
-  }};
-  Child express_{[] {
-    return serve_files("pelmar_expressd", {"GetCloudStatus", "GetDeviceToken", "GetHubInfo", "GetIpsecStatus",
-                                           "GetSupernodeDevices", "GetSupernodeRemaining", "ResetVirtualInterface",
-                                           "SupernodeRecentBillingDailyTraffic", "UpdateNetworkInterfaces"});
-  }};
 };
 
 }  // namespace ormel::test

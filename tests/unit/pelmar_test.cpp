@@ -276,6 +276,28 @@ TEST(PelmarIpsec, IsCondensed) {
   }
 }
 
+TEST(PelmarDaemon, IsBelievedInTheRightFormAlone) {
+  test::ScriptedBus bus;
+  int router = 0, supernode = 7;
+  bus.answer(R"({"error":0,"data":{"router":{"a":2,"b":1},"supernode":{}}})");
+  EXPECT_EQ(mibsh_get_ipsec_status(router, supernode), NO_ERROR);
+  EXPECT_EQ(std::pair(router, supernode), std::pair(2, 0));
+  bool is_mqtt_timeout = true, is_ipsec_timeout = false;
+  bus.answer(R"({"error":0,"data":{"is_mqtt_timeout":"true","is_ipsec_timeout":true}})");
+  EXPECT_EQ(mibsh_update_and_check_timeout(true, false, is_mqtt_timeout, is_ipsec_timeout), NO_ERROR);
+  EXPECT_EQ(bus.calls.back().request, R"({"mqtt_status":true,"vpn_status":false})");
+  EXPECT_EQ(std::pair(is_mqtt_timeout, is_ipsec_timeout), std::pair(false, true));
+  const std::pair<const char*, int> rows[] = {{"", ERR_MIB_IO_FAILED},
+                                              {R"({"error":3})", ERR_WRONG_JSON_FORMAT},
+                                              {R"({"error":0,"data":{}})", ERR_WRONG_JSON_FORMAT},
+                                              {R"({"error":0,"data":[{"z":1}]})", NO_ERROR}};
+  for (const auto& [reply, code] : rows) {
+    ormel::JsonValue traffic;
+    bus.answer(reply);
+    EXPECT_EQ(mibsh_supernode_recent_billing_daily_traffic(traffic), code) << reply;
+  }
+}
+
 TEST(PelmarSupernode, IsRefusedBeforeItsFileIsTouched) {
   for (const char* bad : {"", "{}", R"({"data":[]})", R"({"data":{"superNodeId":"1","remoteIP":"2"}})"}) {
     EXPECT_EQ(parse_supernode(bad), ERR_WRONG_JSON_FORMAT) << bad;

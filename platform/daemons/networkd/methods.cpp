@@ -39,6 +39,23 @@ Answer check_network_intersect(State&, const json_t* request) {
   return succeed(json_text(""));
 }
 
+// {"ifname":NAME}: whether the internet can be reached, given that this interface, which is to lead there, is up.
+Answer check_access_internet(State& state, const json_t* request) {
+  const char* const name = text_or_null(request, "ifname");
+  std::vector<Link> links;
+  if (name == nullptr) return fail(ERROR_REQUEST, "ifname is missing");
+  if (!list_links(links)) return fail(ERROR_REQUEST, "no answer from the kernel");
+  const bool up =
+      std::any_of(links.begin(), links.end(), [&](const Link& link) { return link.running && link.name == name; });
+  if (!up) return fail(ERROR_REQUEST, "the interface is not up");
+  switch (state.internet.ask()) {
+    case InternetCheck::State::REACHED: return succeed(json_text(""));
+    case InternetCheck::State::WORKING: return fail(ERROR_WORKING, "the check is at work");
+    case InternetCheck::State::FAILED: break;
+  }
+  return fail(ERROR_REQUEST, "the internet is not reached");
+}
+
 // The outcome of a change of the table: "" or what went wrong.
 Answer changed(State& state, const std::string& failure) {
   state.gateway.profiles_changed();
@@ -95,6 +112,7 @@ Answer get_info_interfaces(State& state, const json_t* request) {
 
 constexpr Method METHODS[] = {
     {"api.Get_global_config", get_global_config},
+    {"api.check_access_internet", check_access_internet},
     {"api.check_ip_duplicate", check_ip_duplicate},
     {"api.check_network_intersect", check_network_intersect},
     {"api.get_available_interface_list", get_available_interface_list},

@@ -9,6 +9,7 @@
 #include "common/json.h"
 #include "daemons/networkd/default_gateway.h"
 #include "daemons/networkd/external_devices.h"
+#include "daemons/networkd/internet_check.h"
 #include "daemons/networkd/rates.h"
 
 namespace fenro::networkd {
@@ -17,6 +18,7 @@ struct State {
   ExternalDevices devices;
   Rates rates;
   DefaultGateway gateway{};
+  InternetCheck internet{};
 };
 
 enum : int {
@@ -26,6 +28,7 @@ enum : int {
   ERROR_NOT_FOUND = 2,
   ERROR_REQUEST = -1,
   ERROR_PLATFORM = -2,  // the kernel or the disk refused
+  ERROR_WORKING = -2,   // callers know this number too: the check is still at work
 };
 
 struct Answer {

@@ -140,7 +140,7 @@ end_processes() {
 with_lock() {
   local name="$1"
   shift
-  mkdir -p "$RUN_DIR" || return 1
+  [ -d "$RUN_DIR" ] || mkdir -p "$RUN_DIR" || return 1
   { flock 9 && "$@"; } 9>"$RUN_DIR/$name.lock"
 }
 
