@@ -1,0 +1,22 @@
+# The web login: the one web program that strangers reach. It checks a password, begins or ends a session and notes it.
+# Only told of, not refused, until somebody has tried it on a kernel that has AppArmor: aa-enforce fenro-login.cgi.
+abi <abi/3.0>,
+
+include <tunables/global>
+
+profile fenro-login.cgi /usr/lib/fenro/fenro-login.cgi flags=(complain) {
+  include <abstractions/authentication>
+  include <abstractions/base>
+  include <abstractions/nameservice>
+
+  capability audit_write,
+
+  /usr/lib/fenro/fenro-login.cgi mr,
+  /usr/lib/fenro/fenro-session rix,
+  /etc/config/Corlin.conf r,
+  /run/fenro/{,**} rwk,
+  /var/lib/fenro/ rw,
+  /var/lib/fenro/event.db{,-journal,-shm,-wal} rwk,
+
+  include if exists <local/fenro-login.cgi>
+}
