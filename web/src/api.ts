@@ -88,14 +88,14 @@ export async function callOnce<T>(path: string, form: Form): Promise<T> {
 
 // One route of the program. A session that has run out is renewed by the user meanwhile, and the request sent again.
 export async function call<T = unknown>(route: string, form: Form = {}, timeout = QUICK): Promise<Envelope<T>> {
-  for (;;) {
-    const sid = session.sid.peek()
-    try {
-      return await envelope<T>(await send(`/ormel/${route}`, { sid, ...form }, timeout))
-    } catch (failure) {
-      if (!(failure instanceof ApiError) || failure.kind !== 'code' || failure.code !== SESSION_INVALID) throw failure
-      await session.renewed(sid)
-    }
+  const sid = session.sid.peek()
+  const ask = async (id: string) => envelope<T>(await send(`/ormel/${route}`, { sid: id, ...form }, timeout))
+  try {
+    return await ask(sid)
+  } catch (failure) {
+    if (!(failure instanceof ApiError) || failure.kind !== 'code' || failure.code !== SESSION_INVALID) throw failure
+    await session.renewed(sid)
+    return ask(session.sid.peek()) // who is refused with a new session as well is no administrator any more
   }
 }
 

@@ -3,6 +3,7 @@ import qrcode from 'qrcode-generator'
 import { useMemo } from 'preact/hooks'
 
 const QUIET = 4 // modules around the code
+const MODULE = 4 // pixels, a whole number of them, so that all are alike
 
 export function QrCode({ text, label }: { text: string; label: string }) {
   const { size, path } = useMemo(() => {
@@ -17,7 +18,15 @@ export function QrCode({ text, label }: { text: string; label: string }) {
     return { size: count + 2 * QUIET, path: out }
   }, [text])
   return (
-    <svg class="qr" viewBox={`0 0 ${size} ${size}`} role="img" aria-label={label} shape-rendering="crispEdges">
+    <svg
+      class="qr"
+      width={size * MODULE}
+      height={size * MODULE}
+      viewBox={`0 0 ${size} ${size}`}
+      role="img"
+      aria-label={label}
+      shape-rendering="crispEdges"
+    >
       <rect width={size} height={size} fill="#fff" />
       <path d={path} fill="#000" />
     </svg>

@@ -232,7 +232,7 @@ const TEXTS = {
   'client.dnsSwitch': ['Use a name server behind the tunnel', 'Einen Nameserver hinter dem Tunnel benutzen'],
   'client.listen': ['Our port', 'Unser Port'],
   'client.listenHelp': ['0 for any.', '0 für einen beliebigen.'],
-  'client.editLive': ['The tunnel is in use. What you change counts from the next connection on.', 'Der Tunnel ist in Gebrauch. Änderungen gelten ab der nächsten Verbindung.'],
+  'client.editLive': ['Saving cuts the tunnel, which is in use. Connect it again afterwards.', 'Speichern trennt den Tunnel, der in Gebrauch ist. Verbinden Sie ihn danach wieder.'],
   'client.local': ['Our address', 'Unsere Adresse'],
   'client.received': ['Received', 'Empfangen'],
   'client.sentBytes': ['Sent', 'Gesendet'],
@@ -245,6 +245,7 @@ const TEXTS = {
   'client.disconnect': ['Disconnect', 'Trennen'],
   'client.disconnectName': ['Disconnect {name}', '{name} trennen'],
   'client.giveUp': ['Give up', 'Aufgeben'],
+  'client.giveUpName': ['Give up {name}', '{name} aufgeben'],
   'client.removeText': ['The profile and its keys are deleted.', 'Das Profil und seine Schlüssel werden gelöscht.'],
   'client.removeLive': ['The tunnel is cut, and the profile and its keys are deleted.', 'Der Tunnel wird getrennt, das Profil und seine Schlüssel werden gelöscht.'],
 

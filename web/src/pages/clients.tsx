@@ -166,7 +166,7 @@ function ClientCard({ profile, admin, onEdit, onChanged }: ClientCardProps) {
               {t('client.connect')}
             </Button>
           ) : (
-            <Button busy={job.busy === 'disconnect'} label={t('client.disconnectName', { name })} onClick={() => void turn('disconnect')}>
+            <Button busy={job.busy === 'disconnect'} label={t(up ? 'client.disconnectName' : 'client.giveUpName', { name })} onClick={() => void turn('disconnect')}>
               {t(up ? 'client.disconnect' : 'client.giveUp')}
             </Button>
           )}
