@@ -25,3 +25,9 @@ start_time() {
   read -r -a fields <<<"${stat##*) }" # the name before it may hold blanks
   printf '%s\n' "${fields[19]}"
 }
+
+# Whether this host can build the web interface; older tools end in the middle of it.
+web_tools_fit() {
+  command -v npm >/dev/null && node -e 'const [a, b] = process.versions.node.split(".").map(Number);
+    process.exit(a > 20 || (a === 20 && b >= 19) ? 0 : 1)' 2>/dev/null
+}

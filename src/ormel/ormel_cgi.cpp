@@ -17,6 +17,7 @@
 #include "ormel/ormel_cgi_gateway.h"
 #include "ormel/ormel_cgi_log.h"
 #include "ormel/ormel_cgi_misc.h"
+#include "ormel/ormel_cgi_peer.h"
 #include "ormel/ormel_cgi_pelmar.h"
 #include "ormel/ormel_cgi_privilege.h"
 #include "ormel/ormel_cgi_process.h"
@@ -52,6 +53,11 @@ constexpr Route ROUTES[] = {
     {"/ormel/config/modify", config::modify},
     {"/ormel/config/download", config::download},
     {"/ormel/config/downloadcert", config::downloadcert},
+    {"/ormel/peer/list", peer::list},
+    {"/ormel/peer/add", peer::add},
+    {"/ormel/peer/modify", peer::modify},
+    {"/ormel/peer/remove", peer::remove},
+    {"/ormel/peer/keys", peer::keys},
     {"/ormel/connection/list", connection::list},
     {"/ormel/connection/kick", connection::kick},
     {"/ormel/log/event", log::event},
@@ -95,7 +101,7 @@ constexpr Route ROUTES[] = {
     {"/ormel/pelmar/logs", pelmar::pelmar_logs},
     {"/ormel/oauth_login", pelmar::pelmar_oauth_login},
 };
-static_assert(std::size(ROUTES) == 52);
+static_assert(std::size(ROUTES) == 57);
 
 const Route* find_route(std::string_view path) {
   for (const Route& route : ROUTES) {

@@ -105,6 +105,9 @@ class ClientConfig : public config::DriverClient {
   [[nodiscard]] const char* registered_gateway() const override { return config::ANY_ADDRESS; }
 };
 
+// Makes `out` the array of the peers, each with what the running interface tells of it.
+void show_peers(JsonValue& out, const PeerFile& peers);
+
 // Whether a client's interface can be up beside the servers that are on. 0, ERR_IP_POOL_CONFLICT when it shares
 // addresses with one, ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE when it listens on the port of the WireGuard server.
 [[nodiscard]] int check_client_with_server_ip_pool_and_port(const std::string& ip, const std::string& mask, int port);

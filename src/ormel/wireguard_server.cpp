@@ -49,6 +49,8 @@ void show_peer(JsonValue& out, const Peer& peer, int index, const PeerStatus& st
   out["rx_total"] = status.rx_total;
 }
 
+}  // namespace
+
 void show_peers(JsonValue& out, const PeerFile& peers) {
   out.make_array();  // also without peers
   std::string status;
@@ -58,8 +60,6 @@ void show_peers(JsonValue& out, const PeerFile& peers) {
     if (!peer.pub_key.empty()) show_peer(add_object(out), peer, index, peer_status(status, peer.pub_key));
   }
 }
-
-}  // namespace
 
 ServerConfig::ServerConfig(int) : DriverServer(WIREGUARD_SERVER_TYPE) {
   encryption = NONE_ENCRYPTION;

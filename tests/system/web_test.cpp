@@ -18,7 +18,8 @@ namespace {
 std::vector<std::string> routes() {
   std::istringstream names(
       "config/add config/show config/remove config/connect config/disconnect config/check config/import "
-      "config/modify config/download config/downloadcert connection/list connection/kick log/event log/client "
+      "config/modify config/download config/downloadcert peer/list peer/add peer/modify peer/remove peer/keys "
+      "connection/list connection/kick log/event log/client "
       "log/server log/cleanup log/dump misc/env misc/nic misc/dns misc/gw misc/member misc/vpn_client_info "
       "misc/interface_rate user/query privilege/get privilege/set privilege/unset privilege/block_show "
       "privilege/block privilege/remove_block_user gateway/get gateway/set gateway/get_vpn_gw pelmar/check_device "
@@ -70,7 +71,7 @@ class WebRoutes : public WebHost {
 };
 
 TEST_F(WebRoutes, DoNothingWithoutTheirSession) {
-  ASSERT_EQ(routes().size(), 52U);
+  ASSERT_EQ(routes().size(), 57U);
   const std::string form = "type=PPTP&index=1&name=x&host=127.0.0.1&enable=true&as_gw_en=0&user=guest&ip=10.0.0.1&";
   const std::string manual = read("/usr/share/man/man8/ormel.cgi.8");
   for (const std::string& route : routes()) {
@@ -257,7 +258,8 @@ TEST_F(WebServer, ServesNothingButTheRoutes) {
   } rows[] = {
       {"/ormel/config/show", {}, "200"},
       {"/ormel/nope", {}, "200"},
-      {"/", {}, "404"},
+      {"/", {}, fs::exists("/usr/share/ormel/web/ui/index.html") ? "200" : "404"},
+      {"/assets/%2e%2e/nginx.conf", {"--path-as-is"}, "404"},
       {"/index.html", {}, "404"},
       {"/ormel", {}, "404"},
       {"/fenro/", {}, "404"},

@@ -146,6 +146,67 @@ TEST_F(WireGuardTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   EXPECT_THAT(far::read(VPN_CONF), Not(HasSubstr("WG_CLIENT1")));
 }
 
+TEST_F(WireGuardTunnel, PeersComeAndGoOverTheWeb) {
+  const std::string sid = run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8);
+  const auto ask = [&](const std::string& route, const std::string& form = {}) {
+    std::string text = form;
+    for (size_t at = 0; (at = text.find('+', at)) != std::string::npos; at += 3) text.replace(at, 1, "%2B");
+    return cgi("/ormel/peer/" + route, "sid=" + sid + "&" + text);
+  };
+  const std::string name = "peer_name=my%2520phone", address = "&peer_allow_ip=198.18.7.2/32";
+  const std::string pub_key = "&peer_pub_key=" + public_key(key), secret = "&psk=" + psk;
+  EXPECT_EQ(ask("list").body, R"({"data":[],"error":0})");
+  EXPECT_THAT(ask("keys").body, ContainsRegex("^.\"data\":.\"pri_key\":\"[^\"]{43}=\",\"pub_key\":\"[^\"]{43}=\""));
+
+  EXPECT_EQ(ask("add", name + pub_key + address + secret + "&enable=false&server_ip=198.18.7.2").status, 0);
+  far::write("/tmp/edge", "#!/bin/sh\n", 0700);
+  ASSERT_EQ(client("--add", "198.18.7.2", "198.18.7.0/24").status, 0);
+  ASSERT_EQ(far::cli({"--type=WG", "--connect=1"}).status, 0);
+  EXPECT_TRUE(comes_true([] { return far_pings("198.18.7.1"); }))
+      << "on the interface that runs, whatever the form says";
+  EXPECT_THAT(ask("list").body, HasSubstr(R"("index":1)"));
+
+  const std::string other = "&peer_pub_key=" + public_key(new_key());
+  const struct {
+    std::string route, form;
+    int code;
+  } refused[] = {
+      {"add", pub_key + address, 36},
+      {"add", name + address, 36},
+      {"add", name + pub_key, 36},
+      {"add", name + "&peer_pub_key=short" + "&peer_allow_ip=198.18.7.3/32", 60},
+      {"add", name + pub_key + "&peer_allow_ip=198.18.7.3/32", 55},
+      {"add", name + other + address, 44},
+      {"add", name + other + "&peer_allow_ip=198.18.7.1/32", 44},
+      {"add", name + other + "&peer_allow_ip=198.18.8.3/32", 54},
+      {"add", name + other + "&peer_allow_ip=198.18.7.3/32&psk=none", 9},
+      {"add", name + other + "&peer_allow_ip=198.18.7.3/32&keepalive=65536", 9},
+      {"add", name + std::string(1801, 'x') + other + "&peer_allow_ip=198.18.7.3/32", 13},
+      {"modify", name, 36},
+      {"modify", name + "&index=2", 9},
+      {"modify", "index=1&peer_allow_ip=198.18.7.1/32", 44},
+      {"remove", "", 36},
+      {"remove", "index=2", 9},
+      {"remove", "index=-1", 9},
+  };
+  const std::string before = read(PEER_FILE);
+  for (const auto& row : refused) EXPECT_EQ(ask(row.route, row.form).status, row.code) << row.route << ' ' << row.form;
+  EXPECT_EQ(read(PEER_FILE), before);
+  EXPECT_TRUE(far_pings("198.18.7.1"));
+
+  EXPECT_EQ(ask("modify", "index=1&keepalive=25").status, 0);
+  EXPECT_THAT(ask("list").body,
+              testing::AllOf(HasSubstr(R"("keepalive":"25")"), HasSubstr(R"("peer_name":"my%20phone")")));
+  EXPECT_TRUE(comes_true([] { return far_pings("198.18.7.1"); }, 60)) << "the key and the pre-shared key stay";
+  EXPECT_EQ(ask("remove", "index=1").body, R"({"data":[],"error":0})");
+  EXPECT_FALSE(far_pings("198.18.7.1"));
+
+  ASSERT_EQ(cli({"--type=SWG", "--modify=0", "--enable=FALSE"}).status, 0);
+  EXPECT_EQ(ask("add", name + pub_key + address + secret).status, 0);
+  EXPECT_EQ(ask("modify", "index=1&psk=").status, 0);
+  EXPECT_EQ(ask("remove", "index=1").status, 0) << "there is no interface to change";
+}
+
 TEST_F(WireGuardTunnel, PeersMoveWithTheServerToAnotherNetwork) {
   add_peer("198.18.7.77");
   ASSERT_EQ(cli({"--type=SWG", "--modify=0", "--server_ip=10.9.0.1", "--server_mask=24"}).status, 0);

@@ -1,0 +1,132 @@
+// Every request to the appliance goes through here: forms by POST, the session in the form and never in an address,
+// JSON back. What comes back is either the whole envelope without an error, or one `ApiError`.
+import { session } from './session'
+
+export type FailureKind = 'code' | 'network' | 'timeout' | 'http' | 'format'
+
+export class ApiError extends Error {
+  constructor(
+    readonly kind: FailureKind,
+    readonly code: number, // the program's code, or the HTTP status
+    readonly reason: string, // the program's own words
+    readonly data?: unknown,
+    readonly status = 0, // of the HTTP answer
+  ) {
+    super(`${kind} ${code} ${reason}`)
+  }
+}
+
+export const SESSION_INVALID = 39
+const QUICK = 20_000 // milliseconds that a question may take
+export const SLOW = 155_000 // and one that starts tunnels or asks the cloud; the web server gives up at 150 s
+
+export type Value = string | number | boolean | Blob | undefined
+export type Form = Record<string, Value | readonly Value[]>
+export interface Envelope<T> {
+  error: number
+  reason?: string
+  data: T
+  total?: number
+}
+
+function encode(form: Form): FormData | URLSearchParams {
+  const pairs = Object.entries(form).flatMap(([name, value]) =>
+    (Array.isArray(value) ? value : [value as Value]).map((one): [string, Value] => [name, one]),
+  )
+  const uploads = pairs.some(([, value]) => value instanceof Blob)
+  const out = uploads ? new FormData() : new URLSearchParams()
+  for (const [name, value] of pairs) {
+    if (value === undefined) continue
+    if (value instanceof File) (out as FormData).append(name, value, value.name)
+    else if (value instanceof Blob) (out as FormData).append(name, value, name)
+    else out.append(name, String(value))
+  }
+  return out
+}
+
+async function send(path: string, form: Form, timeout: number): Promise<Response> {
+  const stop = AbortSignal.timeout(timeout)
+  try {
+    return await fetch(path, {
+      method: 'POST',
+      body: encode(form),
+      headers: { Accept: 'application/json' },
+      credentials: 'omit',
+      cache: 'no-store',
+      signal: stop,
+    })
+  } catch {
+    throw new ApiError(stop.aborted ? 'timeout' : 'network', 0, '')
+  }
+}
+
+async function envelope<T>(response: Response): Promise<Envelope<T>> {
+  let text: string
+  try {
+    text = await response.text()
+  } catch {
+    throw new ApiError('network', 0, '')
+  }
+  let parsed: unknown
+  try {
+    parsed = JSON.parse(text)
+  } catch {
+    parsed = null
+  }
+  const found = parsed as Envelope<T> | null
+  if (typeof found !== 'object' || found === null || typeof found.error !== 'number')
+    throw response.ok ? new ApiError('format', 0, '') : new ApiError('http', response.status, '')
+  if (found.error !== 0) throw new ApiError('code', found.error, String(found.reason ?? ''), found.data, response.status)
+  if (!response.ok) throw new ApiError('http', response.status, '')
+  return found
+}
+
+// Login and logout, which need no session and must not wait for one.
+export async function callOnce<T>(path: string, form: Form): Promise<T> {
+  return (await envelope<never>(await send(path, form, QUICK))) as T
+}
+
+// One route of the program. A session that has run out is renewed by the user meanwhile, and the request sent again.
+export async function call<T = unknown>(route: string, form: Form = {}, timeout = QUICK): Promise<Envelope<T>> {
+  const sid = session.sid.peek()
+  const ask = async (id: string) => envelope<T>(await send(`/ormel/${route}`, { sid: id, ...form }, timeout))
+  try {
+    return await ask(sid)
+  } catch (failure) {
+    if (!(failure instanceof ApiError) || failure.kind !== 'code' || failure.code !== SESSION_INVALID) throw failure
+    await session.renewed(sid)
+    return ask(session.sid.peek()) // who is refused with a new session as well is no administrator any more
+  }
+}
+
+export const data = async <T>(route: string, form: Form = {}, timeout = QUICK): Promise<T> =>
+  (await call<T>(route, form, timeout)).data
+
+// A route that answers with a page of its own.
+export async function pageOf(route: string, form: Form): Promise<string> {
+  const answer = await send(`/ormel/${route}`, { sid: session.sid.peek(), ...form }, SLOW)
+  if (answer.headers.get('Content-Type')?.startsWith('text/html')) return answer.text()
+  await envelope(answer) // tells why there is none
+  throw new ApiError('format', 0, '')
+}
+
+// A file that a route sends; its name is what the program says.
+export async function download(route: string, fallbackName: string): Promise<{ name: string; content: Blob }> {
+  const response = await send(`/ormel/${route}`, { sid: session.sid.peek() }, SLOW)
+  const disposition = response.headers.get('Content-Disposition')
+  if (!disposition) {
+    if (!response.ok) throw new ApiError('http', response.status, '')
+    await envelope(response) // tells why there is none
+    throw new ApiError('format', 0, '')
+  }
+  return { name: /filename=([\w.-]+)/.exec(disposition)?.[1] ?? fallbackName, content: await response.blob() }
+}
+
+export function saveFile(name: string, content: Blob): void {
+  const address = URL.createObjectURL(content)
+  const link = document.createElement('a')
+  link.href = address
+  link.download = name
+  link.click()
+  setTimeout(() => URL.revokeObjectURL(address), 10_000)
+}

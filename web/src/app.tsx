@@ -1,0 +1,129 @@
+// The frame around all pages: who is logged in, where one can go, and what has to be said.
+import type { FunctionComponent } from 'preact'
+import { useEffect, useRef, useState } from 'preact/hooks'
+import { callOnce } from './api'
+import { ClientsPage } from './pages/clients'
+import { ConnectionsPage } from './pages/connections'
+import { GatewayPage } from './pages/gateway'
+import { LoginAgain, LoginPage } from './pages/login'
+import { LogsPage } from './pages/logs'
+import { OverviewPage } from './pages/overview'
+import { RightsPage } from './pages/rights'
+import { SdwanPage } from './pages/sdwan'
+import { ServersPage } from './pages/servers'
+import { go, place } from './router'
+import { session } from './session'
+import { language, setLanguage, t, type TextKey } from './texts'
+import { Button, Icon, Questions, Sayings, type IconName } from './ui'
+
+interface Page {
+  name: string
+  label: TextKey
+  icon: IconName
+  everybody?: boolean // and not administrators alone
+  show: FunctionComponent
+}
+const PAGES: readonly Page[] = [
+  { name: 'overview', label: 'nav.overview', icon: 'overview', show: OverviewPage },
+  { name: 'servers', label: 'nav.servers', icon: 'server', show: ServersPage },
+  { name: 'clients', label: 'nav.clients', icon: 'client', everybody: true, show: ClientsPage },
+  { name: 'connections', label: 'nav.connections', icon: 'connections', show: ConnectionsPage },
+  { name: 'rights', label: 'nav.rights', icon: 'rights', show: RightsPage },
+  { name: 'gateway', label: 'nav.gateway', icon: 'gateway', everybody: true, show: GatewayPage },
+  { name: 'sdwan', label: 'nav.sdwan', icon: 'cloud', show: SdwanPage },
+  { name: 'logs', label: 'nav.logs', icon: 'logs', show: LogsPage },
+]
+
+async function logOut(): Promise<void> {
+  const sid = session.sid.peek()
+  session.end()
+  go('')
+  await callOnce('/fenro/logout', { sid }).catch(() => undefined) // it runs out by itself otherwise
+}
+
+function Shell() {
+  const admin = session.login.value?.admin ?? false
+  const pages = PAGES.filter((page) => admin || page.everybody)
+  const current = pages.find((page) => page.name === place.value[0]) ?? pages[0]
+  const [open, setOpen] = useState(false)
+  const heading = useRef<HTMLHeadingElement>(null)
+  const first = useRef(true)
+
+  useEffect(() => {
+    setOpen(false)
+    if (current) document.title = `${t(current.label)} – ormel`
+    if (!first.current) heading.current?.focus()
+    first.current = false
+  }, [current?.name, language.value])
+
+  if (!current) return null
+  const Show = current.show
+  return (
+    <div class="shell">
+      <a class="skip" href="#main" onClick={(event) => (event.preventDefault(), heading.current?.focus())}>
+        {t('skip')}
+      </a>
+      <header class="top">
+        <span class="menu">
+          <button
+            type="button"
+            class="button quiet"
+            aria-expanded={open}
+            aria-controls="nav"
+            aria-label={t('nav.menu')}
+            onClick={() => setOpen(!open)}
+          >
+            <Icon name="menu" />
+          </button>
+        </span>
+        <span class="brand">
+          <img src="/assets/icon.svg" alt="" width="26" height="26" /> ormel
+        </span>
+        <span class="who">
+          <span class="user">{session.login.value?.user}</span>
+          <button
+            type="button"
+            class="link"
+            lang={language.value === 'en' ? 'de' : 'en'}
+            onClick={() => setLanguage(language.value === 'en' ? 'de' : 'en')}
+          >
+            {t('language.other')}
+          </button>
+          <Button kind="quiet" icon="logout" label={t('logout')} onClick={() => void logOut()} />
+        </span>
+      </header>
+      <nav id="nav" class={open ? 'open' : ''} aria-label={t('nav.label')}>
+        <ul>
+          {pages.map((page) => (
+            <li key={page.name}>
+              <a href={`#/${page.name}`} aria-current={page === current ? 'page' : undefined} onClick={() => setOpen(false)}>
+                <Icon name={page.icon} />
+                {t(page.label)}
+              </a>
+            </li>
+          ))}
+        </ul>
+      </nav>
+      <main id="main">
+        <h1 ref={heading} tabIndex={-1}>
+          {t(current.label)}
+        </h1>
+        <Show />
+      </main>
+    </div>
+  )
+}
+
+export function App() {
+  useEffect(() => {
+    document.documentElement.lang = language.value
+  }, [language.value])
+  return (
+    <>
+      {session.login.value ? <Shell key={session.login.value.user} /> : <LoginPage />}
+      <Questions />
+      {session.expired.value && <LoginAgain />}
+      <Sayings />
+    </>
+  )
+}

@@ -1,0 +1,7 @@
+import { render } from 'preact'
+import './style.css'
+import { App } from './app'
+import './texts'
+
+const root = document.getElementById('app')
+if (root) render(<App />, root)

@@ -1,0 +1,302 @@
+// The tunnels of the appliance to other servers.
+import { useEffect, useState } from 'preact/hooks'
+import { call, data, SLOW } from '../api'
+import { adviceFor } from '../errors'
+import { Fields, sent, useForm } from '../form'
+import { bytes, decodeName, duration, rate } from '../format'
+import {
+  CLIENTS, OPENVPN_CLIENT, PROTOCOLS, STATES, WIREGUARD_CLIENT, labelOf, type ClientProfile,
+} from '../model'
+import { usePoll } from '../poll'
+import { session } from '../session'
+import { t } from '../texts'
+import { Badge, Button, Card, Dialog, Empty, Facts, Failure, Icon, Notice, Spinner, confirm, say, useJob, type Tone } from '../ui'
+import { readConfig } from '../wireguard'
+import { clientRows, newValues, storedValues, wire } from './clients.rows'
+import { ImportDialog } from './import'
+
+const PAUSE = 3_000
+const PATIENCE = 60 // seconds after which a tunnel that is still on its way is worth a word
+
+const TONES: readonly Tone[] = ['off', 'good', 'busy']
+const OFF = 0
+const CONNECTING = 2
+
+export const clientName = (one: ClientProfile): string =>
+  one.type === WIREGUARD_CLIENT ? decodeName(one.profile) : one.profile
+const keyOf = (one: ClientProfile): string => `${one.type}-${one.index}`
+const amount = (value: number | string): string => (typeof value === 'number' ? bytes(value) : value || bytes(0))
+
+type EditProps = { type: number; profile: ClientProfile | null; start?: Record<string, string>; onClose: () => void; onDone: () => void }
+function EditDialog({ type, profile, start, onClose, onDone }: EditProps) {
+  const rows = clientRows(type, !profile)
+  const form = useForm(rows, profile ? storedValues(profile) : { ...newValues(type), ...start })
+  const job = useJob()
+  const live = profile !== null && profile.status !== OFF
+
+  const save = async (event: Event) => {
+    event.preventDefault()
+    if (!form.check()) return
+    await job.run('save', async () => {
+      const values = wire(type, sent(rows, form.values))
+      await call(profile ? 'config/modify' : 'config/add', { type, index: profile?.index, ...values }, SLOW)
+      say(profile ? 'saved' : 'client.added')
+      onDone()
+    })
+  }
+  const makeKey = () =>
+    job.run('key', async () => {
+      form.set('client_pri_key', (await data<{ pri_key: string }>('peer/keys')).pri_key)
+    })
+
+  return (
+    <Dialog title={t(profile ? 'client.edit' : 'client.new', { protocol: labelOf(type) })} onClose={onClose}>
+      <form onSubmit={(event) => void save(event)} noValidate>
+        <Fields rows={rows} form={form} />
+        {live && <Notice>{t('client.editLive')}</Notice>}
+        <Failure failure={job.failure} />
+        <footer class="row end">
+          {type === WIREGUARD_CLIENT && (
+            <Button busy={job.busy === 'key'} onClick={() => void makeKey()}>
+              {t('server.newKey')}
+            </Button>
+          )}
+          <Button onClick={onClose}>{t('cancel')}</Button>
+          <Button kind="primary" submit busy={job.busy === 'save'}>
+            {t('save')}
+          </Button>
+        </footer>
+      </form>
+    </Dialog>
+  )
+}
+
+const PickDialog = ({ onClose, onPick }: { onClose: () => void; onPick: (type: number) => void }) => (
+  <Dialog title={t('client.add')} onClose={onClose}>
+    <div class="choices">
+      {PROTOCOLS.map((one) => (
+        <button key={one.id} type="button" class="choice" onClick={() => onPick(one.client)}>
+          <strong>{one.label}</strong>
+          <span>{t(one.client === OPENVPN_CLIENT ? 'client.byFile' : 'client.byForm')}</span>
+        </button>
+      ))}
+    </div>
+  </Dialog>
+)
+
+// Seconds since the first time that a profile was seen on its way.
+function useWaiting(profile: ClientProfile): number {
+  const [since, setSince] = useState<number | null>(null)
+  const [now, setNow] = useState(Date.now())
+  const waiting = profile.status === CONNECTING
+  useEffect(() => {
+    setSince(waiting ? Date.now() : null)
+    if (!waiting) return
+    const timer = setInterval(() => setNow(Date.now()), 1000)
+    return () => clearInterval(timer)
+  }, [waiting])
+  return since === null ? 0 : Math.max(0, Math.floor((now - since) / 1000))
+}
+
+type ClientCardProps = { profile: ClientProfile; admin: boolean; onEdit: () => void; onChanged: () => void }
+function ClientCard({ profile, admin, onEdit, onChanged }: ClientCardProps) {
+  const job = useJob()
+  const name = clientName(profile)
+  const waited = useWaiting(profile)
+  const up = profile.status === 1
+  const state = job.busy === 'connect' ? CONNECTING : profile.status
+  const target = { type: profile.type, index: profile.index }
+
+  const turn = (action: 'connect' | 'disconnect') =>
+    job.run(action, async () => {
+      await call(`config/${action}`, target, SLOW)
+      onChanged()
+    })
+  const remove = async () => {
+    const text = t(profile.status === OFF ? 'client.removeText' : 'client.removeLive')
+    if (!(await confirm({ title: t('remove.name', { name }), text, action: t('remove'), danger: true }))) return
+    await job.run('remove', async () => {
+      await call('config/remove', target, SLOW)
+      say('removed')
+      onChanged()
+    })
+  }
+
+  return (
+    <section class="card client" aria-label={name}>
+      <header>
+        <h2>
+          <bdi>{name}</bdi>
+        </h2>
+        <Badge tone={TONES[state] ?? 'off'}>{t(STATES[state] ?? 'state.off')}</Badge>
+      </header>
+      <Facts
+        rows={[
+          [t('protocol'), labelOf(profile.type)],
+          [t('client.host'), profile.server_ip],
+          ...(up
+            ? ([
+                [t('client.local'), profile.local_ip],
+                [t('connections.since'), profile.uptime > 0 ? duration(profile.uptime) : ''],
+                [t('client.received'), amount(profile.rx_total)],
+                [t('client.sentBytes'), amount(profile.tx_total)],
+                ...(profile.type === WIREGUARD_CLIENT
+                  ? ([[t('peer.handshake'), String(profile['latest_handshake'] ?? '')]] as const)
+                  : ([[t('client.now'), rate(profile.rx_rate + profile.tx_rate)]] as const)),
+              ] as const)
+            : []),
+        ]}
+      />
+      {state === CONNECTING && (
+        <p>
+          <Spinner label={t('client.waiting', { n: waited })} />
+        </p>
+      )}
+      {profile.status === CONNECTING && waited >= PATIENCE && <Notice>{t('client.long')}</Notice>}
+      {profile.status === OFF && profile.last_error !== 0 && !job.failure && (
+        <Notice tone="bad">
+          <strong>{t('client.failed', { code: profile.last_error })}</strong> {adviceFor(profile.last_error)}
+        </Notice>
+      )}
+      <Failure failure={job.failure} />
+      {admin && (
+        <footer class="row">
+          {profile.status === OFF && job.busy !== 'connect' ? (
+            <Button kind="primary" busy={job.busy !== ''} label={t('client.connectName', { name })} onClick={() => void turn('connect')}>
+              {t('client.connect')}
+            </Button>
+          ) : (
+            <Button busy={job.busy === 'disconnect'} label={t(up ? 'client.disconnectName' : 'client.giveUpName', { name })} onClick={() => void turn('disconnect')}>
+              {t(up ? 'client.disconnect' : 'client.giveUp')}
+            </Button>
+          )}
+          <Button label={t('edit.name', { name })} onClick={onEdit}>
+            {t('edit')}
+          </Button>
+          <Button label={t('remove.name', { name })} busy={job.busy === 'remove'} onClick={() => void remove()}>
+            {t('remove')}
+          </Button>
+        </footer>
+      )}
+    </section>
+  )
+}
+
+type Open =
+  | { what: 'pick' }
+  | { what: 'import'; files: File[] }
+  | { what: 'edit'; type: number; profile: ClientProfile | null; start?: Record<string, string> }
+
+export function ClientsPage() {
+  const admin = session.login.value?.admin ?? false
+  const [open, setOpen] = useState<Open | null>(null)
+  const [over, setOver] = useState(false)
+  const list = usePoll(async () => (await data<ClientProfile[] | null>('config/show', { type: CLIENTS })) ?? [], PAUSE)
+  const close = () => setOpen(null)
+  const done = () => {
+    close()
+    list.refresh()
+  }
+
+  // OpenVPN's files with what belongs to them, or one of WireGuard's.
+  const take = async (files: File[]) => {
+    const wireguard = files.find((file) => file.name.toLowerCase().endsWith('.conf'))
+    const start = wireguard && readConfig(await wireguard.text())
+    if (start)
+      setOpen({
+        what: 'edit', type: WIREGUARD_CLIENT, profile: null,
+        start: { ...start, client_name: wireguard.name.replace(/\.conf$/i, '') },
+      })
+    else if (files.length > 0) setOpen({ what: 'import', files })
+  }
+
+  if (!list.value) return list.failure ? <Failure failure={list.failure} onRetry={list.refresh} /> : <Spinner />
+  return (
+    <div
+      class={over ? 'drop over' : 'drop'}
+      onDragOver={(event) => {
+        if (!admin || !event.dataTransfer?.types.includes('Files')) return
+        event.preventDefault()
+        setOver(true)
+      }}
+      onDragLeave={(event) => {
+        if (!event.currentTarget.contains(event.relatedTarget as Node | null)) setOver(false)
+      }}
+      onDrop={(event) => {
+        if (!admin) return
+        event.preventDefault()
+        setOver(false)
+        void take([...(event.dataTransfer?.files ?? [])])
+      }}
+    >
+      <Failure failure={list.failure} />
+      {admin && (
+        <div class="row">
+          <Button kind="primary" icon="plus" onClick={() => setOpen({ what: 'pick' })}>
+            {t('client.add')}
+          </Button>
+          <FileButton label={t('client.import')} onFiles={(files) => void take(files)} />
+          <span class="soft hint">{t('client.dropHint')}</span>
+        </div>
+      )}
+      {list.value.length === 0 ? (
+        <Card>
+          <Empty>{t('client.none')}</Empty>
+        </Card>
+      ) : (
+        <div class="cards">
+          {list.value.map((one) => (
+            <ClientCard
+              key={keyOf(one)}
+              profile={one}
+              admin={admin}
+              onEdit={() => setOpen({ what: 'edit', type: one.type, profile: one })}
+              onChanged={list.refresh}
+            />
+          ))}
+        </div>
+      )}
+      {over && (
+        <div class="curtain" aria-hidden="true">
+          <Icon name="download" />
+          {t('client.drop')}
+        </div>
+      )}
+      {open?.what === 'pick' && (
+        <PickDialog
+          onClose={close}
+          onPick={(type) =>
+            setOpen(type === OPENVPN_CLIENT ? { what: 'import', files: [] } : { what: 'edit', type, profile: null })
+          }
+        />
+      )}
+      {open?.what === 'import' && <ImportDialog files={open.files} onClose={done} onChanged={list.refresh} />}
+      {open?.what === 'edit' && (
+        <EditDialog
+          type={open.type}
+          profile={open.profile}
+          {...(open.start ? { start: open.start } : {})}
+          onClose={close}
+          onDone={done}
+        />
+      )}
+    </div>
+  )
+}
+
+// A button that opens the browser's own choice of files.
+export const FileButton = ({ label, onFiles, single }: { label: string; onFiles: (files: File[]) => void; single?: boolean }) => (
+  <label class="button plain file">
+    <Icon name="download" />
+    {label}
+    <input
+      type="file"
+      class="unseen"
+      multiple={!single}
+      onChange={(event) => {
+        onFiles([...(event.currentTarget.files ?? [])])
+        event.currentTarget.value = ''
+      }}
+    />
+  </label>
+)

@@ -1,0 +1,238 @@
+// OpenVPN profiles from files: each is judged by the appliance first, what is missing is asked for, then it is taken in.
+import { useEffect, useState } from 'preact/hooks'
+import { ApiError, call, data, SLOW, type Form } from '../api'
+import { explain } from '../errors'
+import { Fields, sent, useForm, type FieldRow } from '../form'
+import { base64 } from '../format'
+import { COMPANIONS, NEEDED, isProfile, match, references, type Companion } from '../ovpn'
+import { all, atMost, required } from '../rules'
+import { t } from '../texts'
+import { Badge, Button, Dialog, Failure, Facts, Icon, Notice, Spinner, say, useJob } from '../ui'
+import { FileButton } from './clients'
+
+const WRONG_FILES = 61
+
+interface Judgement {
+  auth_user_pass: boolean
+  server_ip: string
+  compress?: boolean
+  files: Partial<Record<string, string>>
+}
+type Verdict = { state: 'asking' } | { state: 'good'; judgement: Judgement } | { state: 'bad'; failure: unknown }
+
+interface Candidate {
+  id: number
+  file: File
+  companions: Partial<Record<Companion, File>>
+}
+
+let last = 0
+// The profiles among the files, each with those of the others that it names.
+async function sort(files: readonly File[]): Promise<Candidate[]> {
+  const profiles = files.filter((file) => isProfile(file.name))
+  const chosen = profiles.length > 0 ? profiles : files.slice(0, 1)
+  return Promise.all(
+    chosen.map(async (file) => {
+      const companions: Candidate['companions'] = {}
+      for (const [companion, name] of Object.entries(references(await file.text()))) {
+        const found = match(name, files)
+        if (found) companions[companion as Companion] = found
+      }
+      return { id: ++last, file, companions }
+    }),
+  )
+}
+
+const upload = (one: Candidate, wanted: readonly Companion[]): Form => {
+  const form: Form = { ovpn: one.file }
+  for (const name of wanted) if (one.companions[name]) form[name] = one.companions[name]
+  return form
+}
+
+// The upload with which the appliance's answer speaks of a file that the profile names and that was not brought.
+interface FilesAnswer {
+  missing?: string[] // brought, and not named
+  excessive?: string[] // named, and not brought
+}
+
+const rowsFor = (judgement: Judgement): readonly FieldRow[] => [
+  { name: 'name', label: 'name', rule: all(required, atMost(600)) },
+  { name: 'user', label: 'client.user', rule: judgement.auth_user_pass ? all(required, atMost(64)) : atMost(64), when: () => judgement.auth_user_pass },
+  { name: 'pass', label: 'client.pass', kind: 'password', rule: judgement.auth_user_pass ? all(required, atMost(512)) : atMost(512), when: () => judgement.auth_user_pass },
+  { name: 'reconnect', label: 'client.reconnect', kind: 'switch' },
+]
+
+type ReadyProps = { one: Candidate; judgement: Judgement; needs: Partial<Record<Companion, string>>; onDone: () => void; children: preact.ComponentChildren }
+function Ready({ one, judgement, needs, onDone, children }: ReadyProps) {
+  const rows = rowsFor(judgement)
+  const form = useForm(rows, { name: one.file.name.replace(/\.(ovpn|conf)$/i, ''), user: '', pass: '', reconnect: true })
+  const job = useJob()
+  const lacking = Object.keys(needs).some((name) => !one.companions[name as Companion])
+
+  const take = async (event: Event) => {
+    event.preventDefault()
+    if (!form.check()) return
+    await job.run('import', async () => {
+      const { pass, ...values } = sent(rows, form.values)
+      await call('config/import', { ...upload(one, COMPANIONS), ...values, pass: pass ? base64(pass) : undefined }, SLOW)
+      say('import.done')
+      onDone()
+    })
+  }
+  return (
+    <form onSubmit={(event) => void take(event)} noValidate>
+      <Facts
+        rows={[
+          [t('import.server'), judgement.server_ip],
+          [t('import.login'), t(judgement.auth_user_pass ? 'import.byPassword' : 'import.byCertificate')],
+        ]}
+      />
+      {children}
+      <Fields rows={rows} form={form} />
+      <Failure failure={job.failure} />
+      <div class="row end">
+        <Button kind="primary" submit disabled={lacking} busy={job.busy === 'import'}>
+          {t('import.take')}
+        </Button>
+      </div>
+    </form>
+  )
+}
+
+function CandidateCard({ start, onGone }: { start: Candidate; onGone: (imported: boolean) => void }) {
+  const [one, setOne] = useState(start)
+  const [verdict, setVerdict] = useState<Verdict>({ state: 'asking' })
+  const [named, setNamed] = useState<Partial<Record<Companion, string>>>({})
+
+  useEffect(() => {
+    let alive = true
+    setVerdict({ state: 'asking' })
+    const ask = async () => {
+      const names = references(await one.file.text())
+      if (!alive) return
+      setNamed(names)
+      try {
+        const judgement = await data<Judgement>('config/check', upload(one, NEEDED), SLOW)
+        if (alive) setVerdict({ state: 'good', judgement })
+      } catch (failure) {
+        if (alive) setVerdict({ state: 'bad', failure })
+      }
+    }
+    void ask()
+    return () => {
+      alive = false
+    }
+  }, [one])
+
+  const files = (
+    <ul class="rows">
+      {Object.entries(named).map(([name, file]) => {
+        const companion = name as Companion
+        const brought = one.companions[companion]
+        return (
+          <li key={name}>
+            <span>
+              {t('import.needs', { option: name })} <bdi class="mono">{file}</bdi>
+            </span>
+            <span class="row">
+              {brought ? <Badge tone="good">{t('import.there')}</Badge> : <Badge tone="warn">{t('import.lacking')}</Badge>}
+              <FileButton
+                single
+                label={t(brought ? 'import.other' : 'import.choose')}
+                onFiles={([chosen]) => chosen && setOne({ ...one, companions: { ...one.companions, [companion]: chosen } })}
+              />
+            </span>
+          </li>
+        )
+      })}
+    </ul>
+  )
+
+  return (
+    <section class="card candidate" aria-label={one.file.name}>
+      <header>
+        <h3>
+          <bdi>{one.file.name}</bdi>
+        </h3>
+        <Button kind="quiet" icon="close" label={t('import.drop', { name: one.file.name })} onClick={() => onGone(false)} />
+      </header>
+      {verdict.state === 'asking' && <Spinner label={t('import.asking')} />}
+      {verdict.state === 'bad' && (
+        <>
+          <Notice tone="bad">
+            <Judged failure={verdict.failure} />
+          </Notice>
+          {files}
+          <div class="row">
+            <Button onClick={() => setOne({ ...one })}>{t('retry')}</Button>
+          </div>
+        </>
+      )}
+      {verdict.state === 'good' && (
+        <Ready one={one} judgement={verdict.judgement} needs={named} onDone={() => onGone(true)}>
+          {files}
+        </Ready>
+      )}
+    </section>
+  )
+}
+
+// The checker's answer in words.
+function Judged({ failure }: { failure: unknown }) {
+  const { what, advice } = explain(failure)
+  const lists = failure instanceof ApiError && failure.code === WRONG_FILES ? (failure.data as FilesAnswer | undefined) : undefined
+  if (!lists)
+    return (
+      <>
+        <strong>{what}</strong> {advice}
+      </>
+    )
+  return (
+    <>
+      {lists.excessive && lists.excessive.length > 0 && <p>{t('import.notBrought', { files: lists.excessive.join(', ') })}</p>}
+      {lists.missing && lists.missing.length > 0 && <p>{t('import.notNamed', { files: lists.missing.join(', ') })}</p>}
+    </>
+  )
+}
+
+export function ImportDialog({ files, onClose, onChanged }: { files: File[]; onClose: () => void; onChanged: () => void }) {
+  const [candidates, setCandidates] = useState<Candidate[]>([])
+  const [over, setOver] = useState(false)
+  const add = async (more: readonly File[]) => {
+    if (more.length === 0) return
+    const found = await sort(more)
+    setCandidates((old) => [...old, ...found])
+  }
+  useEffect(() => void add(files), [])
+  const gone = (id: number, imported: boolean) => {
+    const rest = candidates.filter((one) => one.id !== id)
+    setCandidates(rest)
+    if (imported) onChanged()
+    if (imported && rest.length === 0) onClose()
+  }
+  return (
+    <Dialog title={t('import.title')} onClose={onClose} wide>
+      <div
+        class={over ? 'dropzone over' : 'dropzone'}
+        onDragOver={(event) => {
+          event.preventDefault()
+          setOver(true)
+        }}
+        onDragLeave={() => setOver(false)}
+        onDrop={(event) => {
+          event.preventDefault()
+          event.stopPropagation()
+          setOver(false)
+          void add([...(event.dataTransfer?.files ?? [])])
+        }}
+      >
+        <Icon name="download" />
+        <p>{t('import.zone')}</p>
+        <FileButton label={t('import.choose')} onFiles={(more) => void add(more)} />
+      </div>
+      {candidates.map((one) => (
+        <CandidateCard key={one.id} start={one} onGone={(imported) => gone(one.id, imported)} />
+      ))}
+    </Dialog>
+  )
+}

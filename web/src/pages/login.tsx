@@ -1,0 +1,104 @@
+// The login, as a page of its own and over a page whose session has run out.
+import { useState } from 'preact/hooks'
+import { ApiError, callOnce } from '../api'
+import { explain } from '../errors'
+import { session } from '../session'
+import { language, setLanguage, t } from '../texts'
+import { Button, Dialog, Field, Notice } from '../ui'
+
+const TOO_MANY = 429
+
+function wordsFor(failure: unknown): string {
+  if (failure instanceof ApiError && failure.status === TOO_MANY) return t('login.throttled')
+  if (failure instanceof ApiError && failure.kind === 'code') return t('login.refused')
+  const { what, advice } = explain(failure)
+  return `${what} ${advice}`
+}
+
+function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
+  const [user, setUser] = useState(fixedUser ?? '')
+  const [password, setPassword] = useState('')
+  const [busy, setBusy] = useState(false)
+  const [wrong, setWrong] = useState('')
+
+  const submit = async (event: Event) => {
+    event.preventDefault()
+    if (busy) return
+    setBusy(true)
+    setWrong('')
+    try {
+      const { sid, admin } = await callOnce<{ sid: string; admin: boolean }>('/fenro/login', { user, password })
+      session.begin({ sid, user, admin })
+    } catch (failure) {
+      setWrong(wordsFor(failure))
+      setBusy(false)
+    }
+    setPassword('')
+  }
+
+  return (
+    <form class="login" onSubmit={(event) => void submit(event)}>
+      <Field label={t('login.user')}>
+        {(ids) => (
+          <input
+            {...ids}
+            name="user"
+            autocomplete="username"
+            maxLength={56}
+            required
+            readOnly={fixedUser !== undefined}
+            value={user}
+            onInput={(event) => setUser(event.currentTarget.value)}
+          />
+        )}
+      </Field>
+      <Field label={t('login.password')}>
+        {(ids) => (
+          <input
+            {...ids}
+            name="password"
+            type="password"
+            autocomplete="current-password"
+            required
+            value={password}
+            onInput={(event) => setPassword(event.currentTarget.value)}
+          />
+        )}
+      </Field>
+      {wrong && <Notice tone="bad">{wrong}</Notice>}
+      <Button kind="primary" submit busy={busy}>
+        {t('login.go')}
+      </Button>
+    </form>
+  )
+}
+
+export const LoginPage = () => (
+  <main class="front">
+    <div class="card">
+      <h1>
+        <img src="/assets/icon.svg" alt="" width="32" height="32" /> ormel
+      </h1>
+      <p class="lead">{t('login.lead')}</p>
+      <LoginForm />
+      <p class="row end">
+        <button type="button" class="link" onClick={() => setLanguage(language.value === 'en' ? 'de' : 'en')}>
+          {t('language.other')}
+        </button>
+      </p>
+    </div>
+  </main>
+)
+
+// What was being done stays below, and goes on where it was.
+export const LoginAgain = () => (
+  <Dialog title={t('login.again')}>
+    <p>{t('login.expired')}</p>
+    <LoginForm fixedUser={session.login.value?.user} />
+    <p class="row end">
+      <button type="button" class="link" onClick={() => session.end()}>
+        {t('login.other')}
+      </button>
+    </p>
+  </Dialog>
+)

@@ -1,0 +1,165 @@
+// Everything at a glance: what runs, who is on, what flows, what has happened.
+import type { ComponentType } from 'preact'
+import { useEffect, useMemo, useState } from 'preact/hooks'
+import { call, data } from '../api'
+import { duration, rate } from '../format'
+import type { Curve } from '../graph'
+import {
+  CLIENTS, PROTOCOLS, SERVERS, STATES, labelOf, liveCount,
+  type ClientProfile, type Connection, type Peer, type Profile, type ServerProfile,
+} from '../model'
+import { usePoll } from '../poll'
+import { t } from '../texts'
+import { History, traffic, type InterfaceRate } from '../traffic'
+import { Badge, Card, Empty, Failure, Spinner, type Tone } from '../ui'
+import { clientName } from './clients'
+import { type LogEvent, eventWords } from './logs'
+
+const LIVE = 2_000 // milliseconds between two looks at what moves fast
+const SLOW = 5_000
+const RARE = 15_000
+const SAMPLES = 150 // five minutes of them
+const EVENTS = 6
+
+export const STATE_TONES: readonly Tone[] = ['off', 'good', 'busy']
+
+export interface Gateway {
+  type: number
+  index: number
+}
+
+export const gatewayName = (gateway: Gateway | undefined, profiles: readonly Profile[]): string => {
+  if (!gateway?.type) return t('gateway.own')
+  const found = profiles.find((one) => one.type === gateway.type && (one as ClientProfile).index === gateway.index)
+  return found ? clientName(found as ClientProfile) : `${labelOf(gateway.type)} ${gateway.index}`
+}
+
+type GraphType = ComponentType<{ curves: readonly Curve[]; points: number[][]; label: string }>
+
+function Traffic({ points }: { points: number[][] }) {
+  const [Graph, setGraph] = useState<{ of: GraphType } | null>(null)
+  useEffect(() => {
+    void import('../graph').then((found) => setGraph({ of: found.default }))
+  }, [])
+  const last = points.map((column) => column[column.length - 1] ?? 0)
+  return (
+    <Card title={t('traffic.title')}>
+      <div class="graph-box">{Graph && <Graph.of curves={PROTOCOLS} points={points} label={t('traffic.title')} />}</div>
+      <ul class="legend">
+        {PROTOCOLS.map((one, at) => (
+          <li key={one.id}>
+            <span class={`dot curve-${at + 1}`} aria-hidden="true" />
+            {one.label} <b>{rate(last[at + 1] ?? 0)}</b>
+          </li>
+        ))}
+      </ul>
+    </Card>
+  )
+}
+
+const Tile = ({ label, value, note, to }: { label: string; value: string | number; note?: string; to: string }) => (
+  <a class="tile" href={`#/${to}`}>
+    <span>{label}</span>
+    <strong>{value}</strong>
+    <small>{note ?? ' '}</small>
+  </a>
+)
+
+export function OverviewPage() {
+  const history = useMemo(() => new History(SAMPLES), [])
+  const live = usePoll(async () => {
+    const [connections, interfaces] = await Promise.all([
+      data<Connection[]>('connection/list'),
+      data<InterfaceRate[]>('misc/interface_rate').catch(() => [] as InterfaceRate[]),
+    ])
+    return { connections, points: history.add(Date.now() / 1000, traffic(connections, interfaces)) }
+  }, LIVE)
+  const slow = usePoll(async () => {
+    const [profiles, gateway] = await Promise.all([
+      data<Profile[] | null>('config/show', { type: SERVERS | CLIENTS }),
+      data<Gateway>('gateway/get_vpn_gw'),
+    ])
+    return { profiles: profiles ?? [], gateway }
+  }, SLOW)
+  const events = usePoll(() => call<LogEvent[]>('log/event', { lower: 0, upper: EVENTS - 1 }), RARE)
+
+  const failure = live.failure ?? slow.failure
+  if (!slow.value || !live.value)
+    return failure ? <Failure failure={failure} onRetry={() => (live.refresh(), slow.refresh())} /> : <Spinner />
+
+  const { profiles, gateway } = slow.value
+  const { connections, points } = live.value
+  const servers = PROTOCOLS.map((one) => profiles.find((profile) => profile.type === one.server)).filter(
+    (one): one is ServerProfile => Boolean(one),
+  )
+  const clients = profiles.filter((one) => (one.type & CLIENTS) !== 0) as ClientProfile[]
+  const peers = (profiles.find((one) => Array.isArray(one['peers']))?.['peers'] ?? []) as Peer[]
+  const on = servers.filter((one) => one.enable).length
+  const up = clients.filter((one) => one.status === 1).length
+  const wireguard = liveCount(32, connections, peers)
+
+  return (
+    <>
+      <Failure failure={failure} />
+      <div class="tiles">
+        <Tile label={t('overview.serversOn')} value={`${on} / ${servers.length}`} to="servers" />
+        <Tile label={t('overview.online')} value={connections.length + wireguard} to="connections" />
+        <Tile label={t('overview.tunnels')} value={`${up} / ${clients.length}`} to="clients" />
+        <Tile label={t('overview.gateway')} value={gatewayName(gateway, profiles)} to="gateway" />
+      </div>
+      <Traffic points={points} />
+      <div class="columns">
+        <Card title={t('nav.servers')}>
+          <ul class="rows">
+            {servers.map((one) => (
+              <li key={one.type}>
+                <a href={`#/servers/${PROTOCOLS.find((row) => row.server === one.type)?.id ?? ''}`}>{labelOf(one.type)}</a>
+                <span class="soft">{t('overview.live', { n: liveCount(one.type, connections, peers) })}</span>
+                <Badge tone={one.enable ? 'good' : 'off'}>{t(one.enable ? 'server.on' : 'server.off')}</Badge>
+              </li>
+            ))}
+          </ul>
+        </Card>
+        <Card title={t('overview.clients')}>
+          {clients.length === 0 && <Empty>{t('overview.noTunnels')}</Empty>}
+          <ul class="rows">
+            {clients.map((one) => (
+              <li key={`${one.type}-${one.index}`}>
+                <bdi class="name">{clientName(one)}</bdi>
+                <span class="soft">{labelOf(one.type)}</span>
+                <Badge tone={STATE_TONES[one.status] ?? 'off'}>{t(STATES[one.status] ?? 'state.off')}</Badge>
+              </li>
+            ))}
+          </ul>
+        </Card>
+        <Card title={t('overview.who')}>
+          {connections.length === 0 && <Empty>{t('connections.none')}</Empty>}
+          <ul class="rows">
+            {connections.map((one) => (
+              <li key={one.target}>
+                <bdi class="name">{one.name}</bdi>
+                <span class="soft">
+                  {labelOf(one.type)} · {duration(one.uptime)}
+                </span>
+                <span class="figure">{rate(one.rx_rate + one.tx_rate)}</span>
+              </li>
+            ))}
+          </ul>
+        </Card>
+        <Card title={t('overview.events')}>
+          {events.value?.data.length === 0 && <Empty>{t('logs.none')}</Empty>}
+          <ul class="rows events">
+            {events.value?.data.map((one) => (
+              <li key={one.id}>
+                <span class="soft">
+                  {one.date} {one.time}
+                </span>
+                <bdi>{eventWords(one)}</bdi>
+              </li>
+            ))}
+          </ul>
+        </Card>
+      </div>
+    </>
+  )
+}

@@ -1,0 +1,181 @@
+// The servers of the appliance, one form for each protocol.
+import { call, data, download, saveFile, SLOW } from '../api'
+import { Fields, sent, useForm, type Choice } from '../form'
+import { count } from '../format'
+import {
+  OPENVPN, PROTOCOLS, SERVERS, WIREGUARD, labelOf, liveCount,
+  type Connection, type Peer, type Profile, type Protocol, type ServerProfile,
+} from '../model'
+import { usePoll } from '../poll'
+import { place } from '../router'
+import { t } from '../texts'
+import { Badge, Button, Card, Failure, Notice, Spinner, confirm, say, useJob } from '../ui'
+import { Peers } from './peers'
+import { conflicts, serverRows, serverValues } from './servers.rows'
+
+const PAUSE = 5_000
+
+export interface Nic {
+  ifname: string
+  display_name?: string
+  interface_type?: string
+  ip?: string | null
+}
+
+const interfaceChoices = (nics: readonly Nic[]): readonly Choice[] => [
+  ['all', t('server.outAll')],
+  ['none', t('server.outNone')],
+  ...nics
+    .filter((nic) => /^(eth|dvs|br|bond|docker|lxcbr|ppp|tun|dtunc|wgc)\d+$/.test(nic.ifname))
+    .map((nic): Choice => [nic.ifname, nic.display_name && nic.display_name !== nic.ifname ? `${nic.display_name} (${nic.ifname})` : nic.ifname]),
+]
+
+function Downloads({ profile, onDone }: { profile: ServerProfile; onDone: () => void }) {
+  const job = useJob()
+  const get = (route: string, fallback: string) =>
+    job.run(route, async () => {
+      const file = await download(route, fallback)
+      saveFile(file.name, file.content)
+      onDone()
+    })
+  return (
+    <Card title={t('server.files')}>
+      <p>{t('server.filesHelp')}</p>
+      {Number(profile['download']) !== 0 && <Notice>{t('server.downloadAgain')}</Notice>}
+      <Failure failure={job.failure} />
+      <div class="row">
+        <Button icon="download" busy={job.busy === 'config/download'} onClick={() => void get('config/download', 'client.ovpn')}>
+          {t('server.profile')}
+        </Button>
+        <Button icon="download" busy={job.busy === 'config/downloadcert'} onClick={() => void get('config/downloadcert', 'ca.crt')}>
+          {t('server.certificate')}
+        </Button>
+      </div>
+    </Card>
+  )
+}
+
+interface Live {
+  servers: ServerProfile[]
+  connections: Connection[]
+}
+
+function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; live: Live; nics: readonly Nic[]; onSaved: () => void }) {
+  const rows = serverRows(profile.type, interfaceChoices(nics))
+  const form = useForm(rows, serverValues(profile))
+  const job = useJob()
+  const peers = (profile['peers'] ?? []) as Peer[]
+  const dropped = liveCount(profile.type, live.connections, peers)
+  const inTheWay = conflicts(profile.type, form.values, live.servers)
+
+  const makeKey = () =>
+    job.run('key', async () => {
+      const keys = await data<{ pri_key: string }>('peer/keys')
+      form.set('server_pri_key', keys.pri_key)
+    })
+
+  const save = async (event: Event) => {
+    event.preventDefault()
+    if (!form.check()) return
+    const on = form.values['enable'] === true
+    if (profile.enable && (dropped > 0 || !on)) {
+      const yes = await confirm({
+        title: t(on ? 'server.restart' : 'server.stop', { server: labelOf(profile.type) }),
+        text: count(dropped, 'server.dropsOne', 'server.drops'),
+        action: t(on ? 'server.restartNow' : 'server.stopNow'),
+        danger: true,
+      })
+      if (!yes) return
+    }
+    await job.run('save', async () => {
+      const values = sent(rows, form.values)
+      if (profile.type === WIREGUARD) {
+        values['server_name'] = encodeURIComponent(values['server_name'] ?? '')
+        if (!values['server_pri_key']) {
+          const keys = await data<{ pri_key: string }>('peer/keys')
+          form.set('server_pri_key', keys.pri_key)
+          values['server_pri_key'] = keys.pri_key
+        }
+      }
+      await call('config/modify', { type: profile.type, ...values }, SLOW)
+      say('saved')
+      onSaved()
+    })
+  }
+
+  return (
+    <form onSubmit={(event) => void save(event)} noValidate>
+      <Fields rows={rows} form={form} />
+      {inTheWay.map((text) => (
+        <Notice key={text}>{text}</Notice>
+      ))}
+      {profile.enable && dropped > 0 && <Notice>{count(dropped, 'server.willDropOne', 'server.willDrop')}</Notice>}
+      <Failure failure={job.failure} />
+      <div class="row end">
+        {job.busy === 'save' && <span class="soft">{t('server.working')}</span>}
+        {profile.type === WIREGUARD && (
+          <Button busy={job.busy === 'key'} onClick={() => void makeKey()}>
+            {t('server.newKey')}
+          </Button>
+        )}
+        <Button kind="primary" submit busy={job.busy === 'save'}>
+          {t('save')}
+        </Button>
+      </div>
+    </form>
+  )
+}
+
+const ServerTabs = ({ servers, current }: { servers: readonly ServerProfile[]; current: Protocol }) => (
+  <nav class="subnav" aria-label={t('nav.servers')}>
+    {PROTOCOLS.map((one) => {
+      const on = servers.find((server) => server.type === one.server)?.enable
+      return (
+        <a key={one.id} href={`#/servers/${one.id}`} aria-current={one === current ? 'page' : undefined}>
+          {one.label}
+          <Badge tone={on ? 'good' : 'off'}>{t(on ? 'server.on' : 'server.off')}</Badge>
+        </a>
+      )
+    })}
+  </nav>
+)
+
+export function ServersPage() {
+  const current = PROTOCOLS.find((one) => one.id === place.value[1]) ?? PROTOCOLS[0]
+  const live = usePoll(async () => {
+    const [servers, connections] = await Promise.all([
+      data<Profile[] | null>('config/show', { type: SERVERS }),
+      data<Connection[]>('connection/list'),
+    ])
+    return { servers: (servers ?? []) as ServerProfile[], connections }
+  }, PAUSE)
+  const nics = usePoll(() => data<Nic[] | null>('misc/nic').catch(() => []), 0)
+
+  if (!live.value || (!nics.value && !nics.failure))
+    return live.failure ? <Failure failure={live.failure} onRetry={live.refresh} /> : <Spinner />
+  const profile = live.value.servers.find((one) => one.type === current?.server)
+  if (!profile || !current) return null
+  return (
+    <>
+      <ServerTabs servers={live.value.servers} current={current} />
+      <Failure failure={live.failure} />
+      <Card
+        title={current.label}
+        side={
+          <>
+            <span class="soft">
+              {t('overview.live', {
+                n: liveCount(profile.type, live.value.connections, (profile['peers'] ?? []) as Peer[]),
+              })}
+            </span>
+            <Badge tone={profile.enable ? 'good' : 'off'}>{t(profile.enable ? 'server.on' : 'server.off')}</Badge>
+          </>
+        }
+      >
+        <ServerForm key={current.id} profile={profile} live={live.value} nics={nics.value ?? []} onSaved={live.refresh} />
+      </Card>
+      {profile.type === OPENVPN && <Downloads profile={profile} onDone={live.refresh} />}
+      {profile.type === WIREGUARD && <Peers profile={profile} onChanged={live.refresh} />}
+    </>
+  )
+}

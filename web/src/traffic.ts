@@ -1,0 +1,45 @@
+// What each protocol carries, from the rates of the servers' connections and of the tunnels' interfaces.
+import { PROTOCOLS, protocolOf, type Connection } from './model'
+
+export interface InterfaceRate {
+  name_interface: string
+  rx_rate: number
+  tx_rate: number
+}
+
+// A client's interface is its prefix and a number that begins at a base of its protocol's own.
+const INTERFACES: readonly (readonly [pattern: RegExp, least: number, most: number, id: string])[] = [
+  [/^ppp(\d+)$/, 1000, 1249, 'pptp'],
+  [/^ppp(\d+)$/, 1250, 1999, 'l2tp'],
+  [/^tun(\d+)$/, 2000, 2499, 'ovpn'],
+  [/^dtunc(\d+)$/, 2500, 2999, 'drovik'],
+  [/^wgc(\d+)$/, 3000, 3999, 'wg'],
+  [/^wg(\d+)$/, 0, 0, 'wg'], // the server, whose peers have no rates
+]
+
+export function protocolOfInterface(name: string): string | null {
+  for (const [pattern, least, most, id] of INTERFACES) {
+    const number = Number(pattern.exec(name)?.[1] ?? -1)
+    if (number >= least && number <= most) return id
+  }
+  return null
+}
+
+// Bytes a second both ways, in the order of PROTOCOLS.
+export function traffic(connections: readonly Connection[], interfaces: readonly InterfaceRate[]): number[] {
+  const sums = new Map<string, number>()
+  const add = (id: string | null | undefined, more: number) => id && sums.set(id, (sums.get(id) ?? 0) + more)
+  for (const one of connections) add(protocolOf(one.type)?.id, one.rx_rate + one.tx_rate)
+  for (const one of interfaces) add(protocolOfInterface(one.name_interface), one.rx_rate + one.tx_rate)
+  return PROTOCOLS.map((one) => sums.get(one.id) ?? 0)
+}
+
+// Columns of the last samples: times first, then one for each protocol.
+export class History {
+  private rows: number[][] = []
+  constructor(private readonly size: number) {}
+  add(time: number, values: readonly number[]): number[][] {
+    this.rows = [...this.rows.slice(-(this.size - 1)), [time, ...values]]
+    return Array.from({ length: values.length + 1 }, (_, column) => this.rows.map((row) => row[column] ?? 0))
+  }
+}

@@ -1,0 +1,374 @@
+// The small parts that all pages are made of.
+import { signal } from '@preact/signals'
+import type { ComponentChildren, JSX } from 'preact'
+import { useEffect, useId, useRef, useState } from 'preact/hooks'
+import { explain } from './errors'
+import { t, type TextKey } from './texts'
+
+// Lines of a 24 by 24 grid.
+const ICONS = {
+  overview: 'M3 13h7V3H3zM14 21h7V11h-7zM14 7h7V3h-7zM3 21h7v-4H3z',
+  server: 'M4 4h16v6H4zM4 14h16v6H4zM8 7h.01M8 17h.01',
+  client: 'M5 12a7 7 0 0 1 7-7M5 12a7 7 0 0 0 7 7M12 5l7 7-7 7M9 12h10',
+  connections: 'M9 7a3 3 0 1 0 0 .01M3 20v-1a6 6 0 0 1 12 0v1M16 4.5a3 3 0 0 1 0 5M18 14a6 6 0 0 1 3 5v1',
+  rights: 'M12 3l8 3v6c0 5-3.4 8-8 9-4.6-1-8-4-8-9V6zM9 12l2 2 4-4',
+  logs: 'M6 3h9l4 4v14H6zM14 3v5h5M9 13h7M9 17h7',
+  gateway: 'M4 12h4l3-7 3 14 3-7h3',
+  cloud: 'M7 18a4 4 0 0 1-.6-7.96 6 6 0 0 1 11.4 1.2A3.5 3.5 0 0 1 17.5 18z',
+  menu: 'M4 6h16M4 12h16M4 18h16',
+  close: 'M6 6l12 12M18 6L6 18',
+  plus: 'M12 5v14M5 12h14',
+  logout: 'M15 4h4v16h-4M10 16l-4-4 4-4M6 12h9',
+  download: 'M12 4v11M7 11l5 5 5-5M4 20h16',
+  warning: 'M12 4l9 16H3zM12 10v4M12 17h.01',
+  check: 'M5 12l5 5 9-10',
+} as const
+export type IconName = keyof typeof ICONS
+
+export const Icon = ({ name }: { name: IconName }) => (
+  <svg class="icon" viewBox="0 0 24 24" aria-hidden="true">
+    <path d={ICONS[name]} />
+  </svg>
+)
+
+export const Spinner = ({ label }: { label?: string }) => (
+  <span class="spinner" role="status">
+    <span class="ring" aria-hidden="true" />
+    <span class={label ? '' : 'unseen'}>{label ?? t('wait')}</span>
+  </span>
+)
+
+type ButtonProps = {
+  onClick?: (() => void) | undefined
+  kind?: 'primary' | 'plain' | 'danger' | 'quiet'
+  busy?: boolean | undefined
+  disabled?: boolean | undefined
+  icon?: IconName
+  label?: string // for one that shows no words, or too few
+  submit?: boolean
+  children?: ComponentChildren
+}
+export const Button = ({ onClick, kind = 'plain', busy, disabled, icon, label, submit, children }: ButtonProps) => (
+  <button
+    type={submit ? 'submit' : 'button'}
+    class={`button ${kind}`}
+    onClick={onClick}
+    disabled={disabled || busy}
+    aria-busy={busy ? 'true' : undefined}
+    aria-label={label}
+    title={label}
+  >
+    {busy ? <span class="ring" aria-hidden="true" /> : icon && <Icon name={icon} />}
+    {children}
+  </button>
+)
+
+export const Card = ({
+  title,
+  side,
+  children,
+}: {
+  title?: string
+  side?: ComponentChildren
+  children: ComponentChildren
+}) => (
+  <section class="card" aria-label={title}>
+    {(title || side) && (
+      <header>
+        {title && <h2>{title}</h2>}
+        {side && <div class="side">{side}</div>}
+      </header>
+    )}
+    {children}
+  </section>
+)
+
+export type Tone = 'good' | 'bad' | 'busy' | 'off' | 'warn'
+export const Badge = ({ tone, children }: { tone: Tone; children: ComponentChildren }) => (
+  <span class={`badge ${tone}`}>{children}</span>
+)
+
+export const Notice = ({ tone = 'warn', children }: { tone?: Tone; children: ComponentChildren }) => (
+  <div class={`notice ${tone}`} role={tone === 'bad' ? 'alert' : undefined}>
+    <Icon name={tone === 'good' ? 'check' : 'warning'} />
+    <div>{children}</div>
+  </div>
+)
+
+export function Failure({ failure, onRetry }: { failure: unknown; onRetry?: () => void }) {
+  if (!failure) return null
+  const { what, advice } = explain(failure)
+  return (
+    <Notice tone="bad">
+      <strong>{what}</strong> <span>{advice}</span>
+      {onRetry && (
+        <div class="row">
+          <Button onClick={onRetry}>{t('retry')}</Button>
+        </div>
+      )}
+    </Notice>
+  )
+}
+
+export const Empty = ({ children }: { children: ComponentChildren }) => <p class="empty">{children}</p>
+
+export const Facts = ({ rows }: { rows: readonly (readonly [string, ComponentChildren])[] }) => (
+  <dl class="facts">
+    {rows.map(([name, value]) => (
+      <div key={name}>
+        <dt>{name}</dt>
+        <dd>{value === '' || value === undefined || value === null ? '–' : value}</dd>
+      </div>
+    ))}
+  </dl>
+)
+
+export type TableProps = { label: string; heads: ComponentChildren[]; children: ComponentChildren }
+export const Table = ({ label, heads, children }: TableProps) => (
+  <div class="scroller" tabIndex={0} role="region" aria-label={label}>
+    <table>
+      <caption class="unseen">{label}</caption>
+      <thead>
+        <tr>
+          {heads.map((head, at) => (
+            <th key={at} scope="col">
+              {head}
+            </th>
+          ))}
+        </tr>
+      </thead>
+      <tbody>{children}</tbody>
+    </table>
+  </div>
+)
+
+// A head that sorts by its column.
+export const SortHead = ({
+  children,
+  active,
+  down,
+  onClick,
+}: {
+  children: ComponentChildren
+  active: boolean
+  down: boolean
+  onClick: () => void
+}) => (
+  <button type="button" class="sort" aria-pressed={active} onClick={onClick}>
+    {children}
+    <span aria-hidden="true">{active ? (down ? ' ↓' : ' ↑') : ''}</span>
+    {active && <span class="unseen">{t(down ? 'sort.down' : 'sort.up')}</span>}
+  </button>
+)
+
+export function Pager({
+  total,
+  current,
+  pages,
+  onGo,
+}: {
+  total: number
+  current: number
+  pages: number
+  onGo: (page: number) => void
+}) {
+  return (
+    <nav class="pager" aria-label={t('page.label')}>
+      <span>{t('page.total', { n: total })}</span>
+      <Button onClick={() => onGo(current - 1)} disabled={current <= 0}>
+        {t('page.back')}
+      </Button>
+      <span>{t('page.of', { page: current + 1, pages })}</span>
+      <Button onClick={() => onGo(current + 1)} disabled={current >= pages - 1}>
+        {t('page.next')}
+      </Button>
+    </nav>
+  )
+}
+
+export function Tabs<T extends string>({
+  label,
+  names,
+  current,
+  onPick,
+}: {
+  label: string
+  names: readonly (readonly [T, string])[]
+  current: T
+  onPick: (name: T) => void
+}) {
+  return (
+    <div class="tabs" role="group" aria-label={label}>
+      {names.map(([name, text]) => (
+        <button key={name} type="button" aria-pressed={name === current} onClick={() => onPick(name)}>
+          {text}
+        </button>
+      ))}
+    </div>
+  )
+}
+
+type FieldProps = {
+  label: string
+  help?: string | undefined
+  error?: string | null | undefined
+  children: (ids: { id: string; 'aria-describedby': string | undefined; 'aria-invalid': boolean }) => JSX.Element
+}
+export function Field({ label, help, error, children }: FieldProps) {
+  const id = useId()
+  const described = [help && `${id}-help`, error && `${id}-error`].filter(Boolean).join(' ')
+  return (
+    <div class="field">
+      <label for={id}>{label}</label>
+      {children({ id, 'aria-describedby': described || undefined, 'aria-invalid': Boolean(error) })}
+      {error && (
+        <p class="error" id={`${id}-error`}>
+          {error}
+        </p>
+      )}
+      {help && (
+        <p class="help" id={`${id}-help`}>
+          {help}
+        </p>
+      )}
+    </div>
+  )
+}
+
+export const Switch = ({
+  label,
+  on,
+  onChange,
+  help,
+  disabled,
+  wide,
+}: {
+  label: string
+  on: boolean
+  onChange: (on: boolean) => void
+  help?: string | undefined
+  disabled?: boolean
+  wide?: boolean | undefined
+}) => {
+  const id = useId()
+  return (
+    <div class={wide ? 'field switch wide' : 'field switch'}>
+      <input
+        id={id}
+        type="checkbox"
+        role="switch"
+        checked={on}
+        disabled={disabled}
+        aria-describedby={help ? `${id}-help` : undefined}
+        onChange={(event) => onChange(event.currentTarget.checked)}
+      />
+      <label for={id}>{label}</label>
+      {help && (
+        <p class="help" id={`${id}-help`}>
+          {help}
+        </p>
+      )}
+    </div>
+  )
+}
+
+// The browser's own dialog: it holds the focus, makes the rest inert and closes with Escape.
+export function Dialog({
+  title,
+  onClose,
+  wide,
+  children,
+}: {
+  title: string
+  onClose?: () => void
+  wide?: boolean
+  children: ComponentChildren
+}) {
+  const box = useRef<HTMLDialogElement>(null)
+  const id = useId()
+  useEffect(() => {
+    const before = document.activeElement as HTMLElement | null
+    box.current?.showModal()
+    return () => before?.focus?.()
+  }, [])
+  return (
+    <dialog
+      ref={box}
+      class={wide ? 'wide' : ''}
+      aria-labelledby={id}
+      onCancel={(event) => {
+        event.preventDefault()
+        onClose?.()
+      }}
+    >
+      <header>
+        <h2 id={id}>{title}</h2>
+        {onClose && <Button kind="quiet" icon="close" label={t('close')} onClick={onClose} />}
+      </header>
+      {children}
+    </dialog>
+  )
+}
+
+type Question = { title: string; text: string; action: string; danger?: boolean }
+const question = signal<(Question & { answer: (yes: boolean) => void }) | null>(null)
+
+// Asks the user; true for a yes.
+export const confirm = (what: Question): Promise<boolean> =>
+  new Promise((answer) => {
+    question.value = { ...what, answer }
+  })
+
+export function Questions() {
+  const asked = question.value
+  if (!asked) return null
+  const answer = (yes: boolean) => {
+    question.value = null
+    asked.answer(yes)
+  }
+  return (
+    <Dialog title={asked.title} onClose={() => answer(false)}>
+      <p>{asked.text}</p>
+      <footer class="row end">
+        <Button onClick={() => answer(false)}>{t('cancel')}</Button>
+        <Button kind={asked.danger ? 'danger' : 'primary'} onClick={() => answer(true)}>
+          {asked.action}
+        </Button>
+      </footer>
+    </Dialog>
+  )
+}
+
+const said = signal<{ text: string; at: number } | null>(null)
+const SHOWN = 5000 // milliseconds
+
+// A short word on what has gone well.
+export function say(key: TextKey, values: Record<string, string | number> = {}): void {
+  const at = Date.now()
+  said.value = { text: t(key, values), at }
+  setTimeout(() => {
+    if (said.peek()?.at === at) said.value = null
+  }, SHOWN)
+}
+export const Sayings = () => (
+  <div class="said" role="status" aria-live="polite">
+    {said.value && <span>{said.value.text}</span>}
+  </div>
+)
+
+// A job of which only one runs at a time, with its failure until the next one starts.
+export function useJob() {
+  const [busy, setBusy] = useState('')
+  const [failure, setFailure] = useState<unknown>(null)
+  const run = async (name: string, work: () => Promise<void>): Promise<void> => {
+    setBusy(name)
+    setFailure(null)
+    try {
+      await work()
+    } catch (thrown) {
+      setFailure(thrown)
+    }
+    setBusy('')
+  }
+  return { busy, failure, run, clear: () => setFailure(null) }
+}

@@ -1,0 +1,148 @@
+import { describe, expect, it } from 'vitest'
+import { mistakes } from '../src/form'
+import { base64, bytes, decodeName, duration } from '../src/format'
+import { handshakeAge, isLive, liveCount, type Connection, type Peer, type Profile } from '../src/model'
+import { match, references } from '../src/ovpn'
+import { clientRows, newValues, wire } from '../src/pages/clients.rows'
+import { sorted } from '../src/pages/connections'
+import { gatewayForm } from '../src/pages/gateway'
+import { thrownOut } from '../src/pages/rights'
+import { loginResult } from '../src/pages/sdwan'
+import { conflicts } from '../src/pages/servers.rows'
+import { address, endpoint, freeAddress, key, page, pool, range } from '../src/rules'
+import { texts } from '../src/texts'
+import { protocolOfInterface, traffic } from '../src/traffic'
+import { deviceConfig, fileName, readConfig } from '../src/wireguard'
+
+const KEY = 'MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM='
+
+describe('rules', () => {
+  it.each([
+    [address, ['0.0.0.0', '10.8.0.255', '255.255.255.255'], ['', '1.2.3', '1.2.3.256', '1.2.3.4.5', '1.2.3.-4', ' 1.2.3.4', 'a.b.c.d']],
+    [pool, ['10.0.0.0', '172.16.0.0', '172.31.255.0', '192.168.1.0'], ['172.15.0.0', '172.32.0.0', '192.169.0.0', '100.64.0.0', 'x']],
+    [range(5, 60), ['5', '60'], ['4', '61', '', '5.5', '0x10', '-6', '1e1']],
+    [key, [KEY], ['', KEY.slice(1), `${KEY}=`, KEY.replace('M=', 'N='), KEY.replace('M', '-')]],
+    [endpoint, ['a:1', 'vpn.example.org:65535', '192.0.2.1:51820'], ['a', ':1', 'a:', 'a:0', 'a:65536', 'a:b', '[::1]:7']],
+  ])('let in what the appliance takes', (rule, good, bad) => {
+    for (const value of good) expect([value, rule(value)]).toEqual([value, null])
+    for (const value of bad) expect([value, rule(value)]).not.toEqual([value, null])
+  })
+
+  it('judge only the fields that are shown', () => {
+    const rows = clientRows(65536, true)
+    const values = { ...newValues(65536), client_name: 'x', peer_endpoint: 'h:7', peer_pub_key: KEY, client_pri_key: KEY, client_ip: '10.0.0.2', manual_dns: 'none' }
+    expect(mistakes(rows, values)).toEqual({})
+    expect(mistakes(rows, { ...values, enable_dns: true })).toEqual({ manual_dns: 'rule.address' })
+    expect(mistakes(clientRows(256, true), { ...newValues(256), name: '🦔'.repeat(150), host: 'h', user: 'u', pass: 'p' })).toEqual({})
+    expect(mistakes(clientRows(256, true), { ...newValues(256), name: '🦔'.repeat(151), host: 'h', user: 'u', pass: 'p' })).toEqual({ name: 'rule.long' })
+  })
+
+  it('find the lowest free address of a peer', () => {
+    expect(freeAddress('198.18.7.1', 24, [])).toBe('198.18.7.2')
+    expect(freeAddress('198.18.7.2', 24, ['198.18.7.1/32', '198.18.7.3/32'])).toBe('198.18.7.4')
+    expect(freeAddress('10.0.0.1', 30, ['10.0.0.2/32'])).toBe('')
+    expect(freeAddress('nowhere', 24, [])).toBe('')
+  })
+
+  it.each([
+    [0, 0, 20, { current: 0, pages: 1, lower: 0, upper: 19 }],
+    [20, 1, 20, { current: 0, pages: 1, lower: 0, upper: 19 }],
+    [21, 1, 20, { current: 1, pages: 2, lower: 20, upper: 39 }],
+    [21, -1, 20, { current: 0, pages: 2, lower: 0, upper: 19 }],
+  ])('page %i rows', (total, at, size, expected) => expect(page(total, at, size)).toEqual(expected))
+})
+
+describe('formats', () => {
+  it.each([[0, '0 B'], [1023, '1,023 B'], [1024, '1.0 KiB'], [1536, '1.5 KiB'], [102400, '100 KiB'], [1024 ** 5 * 5000, '5,000 PiB'], [Number.NaN, '0 B'], [-1, '0 B']])(
+    'show %f bytes', (value, text) => expect(bytes(value)).toBe(text))
+  it.each([[0, '0 s'], [59, '59 s'], [60, '1 min'], [3661, '1 h 1 min'], [3605, '1 h'], [90061, '1 d 1 h'], [-5, '0 s']])(
+    'show %i seconds', (value, text) => expect(duration(value)).toBe(text))
+  it('keep names and secrets of any script', () => {
+    expect(decodeName('my%20phone')).toBe('my phone')
+    expect(decodeName('100%')).toBe('100%')
+    expect(base64('pä🦔')).toBe(Buffer.from('pä🦔').toString('base64'))
+  })
+  it('have every text in both languages, with the same values in it', () => {
+    const values = (text: string) => [...text.matchAll(/\{\w+\}/g)].map(([name]) => name).sort()
+    for (const [name, [en, de]] of Object.entries(texts)) {
+      expect([name, en.trim() !== '', de.trim() !== '']).toEqual([name, true, true])
+      expect([name, values(de)]).toEqual([name, values(en)])
+    }
+  })
+})
+
+const server = (type: number, more: object): Profile => ({ type, enable: true, ...more }) as Profile
+
+describe('servers', () => {
+  const others = [
+    server(1, { ip_pool: '10.0.0.2' }),
+    server(16, { ip_pool: '10.6.0.2', port: 443 }),
+    server(32, { server_ip: '10.9.1.1', server_mask: 16, port: 51820, enable: false }),
+  ]
+  it.each([
+    [4, { enable: true, ip_pool: '10.8.0.0', port: '1194', proto: 'UDP' }, 0],
+    [4, { enable: true, ip_pool: '10.0.0.0', port: '1194', proto: 'UDP' }, 1],
+    [4, { enable: false, ip_pool: '10.0.0.0', port: '443', proto: 'UDP' }, 0],
+    [4, { enable: true, ip_pool: '10.6.0.0', port: '443', proto: 'UDP' }, 2],
+    [4, { enable: true, ip_pool: '10.8.0.0', port: '443', proto: 'TCP' }, 0],
+    [4, { enable: true, ip_pool: '10.9.0.0', port: '51820', proto: 'UDP' }, 0], // that one is off
+    [32, { enable: true, server_ip: '10.6.9.1', server_mask: '16', port: '443' }, 2],
+  ])('of type %i clash in words', (type, values, count) => expect(conflicts(type, values, others)).toHaveLength(count))
+
+  it('count whom a restart drops', () => {
+    const connections = [{ type: 4 }, { type: 4 }, { type: 1 }] as Connection[]
+    const peers = ['', 'Now', '2 minutes, 59 seconds ago', '3 minutes ago', '1 day, 1 second ago'].map((latest_handshake) => ({ latest_handshake }) as Peer)
+    expect(liveCount(4, connections, peers)).toBe(2)
+    expect(liveCount(32, connections, peers)).toBe(2)
+    expect(peers.map((peer) => handshakeAge(peer.latest_handshake))).toEqual([null, 0, 179, 180, 86401])
+    expect(isLive({ latest_handshake: '' } as Peer)).toBe(false)
+  })
+})
+
+describe('traffic', () => {
+  it.each([['ppp1000', 'pptp'], ['ppp1249', 'pptp'], ['ppp1250', 'l2tp'], ['tun2001', 'ovpn'], ['dtunc2501', 'drovik'], ['wgc3001', 'wg'], ['wg0', 'wg'], ['ppp0', null], ['eth0', null], ['tun0', null]])(
+    'of %s is of %s', (name, id) => expect(protocolOfInterface(name)).toBe(id))
+  it('is summed both ways', () => {
+    const connections = [{ type: 4, rx_rate: 1, tx_rate: 2 }, { type: 2, rx_rate: 4, tx_rate: 0 }] as Connection[]
+    const interfaces = [{ name_interface: 'tun2001', rx_rate: 8, tx_rate: 0 }, { name_interface: 'eth0', rx_rate: 99, tx_rate: 99 }]
+    expect(traffic(connections, interfaces)).toEqual([11, 0, 4, 0, 0])
+  })
+})
+
+describe('files', () => {
+  it('of WireGuard come back as they were written', () => {
+    const text = deviceConfig({ address: '198.18.7.2', privateKey: KEY, psk: KEY, keepalive: 25, serverKey: KEY, endpoint: 'h:7', allowed: '0.0.0.0/0', dns: '9.9.9.9' })
+    expect(readConfig(text)).toEqual({ client_pri_key: KEY, client_ip: '198.18.7.2', manual_dns: '9.9.9.9', peer_pub_key: KEY, psk: KEY, peer_allow_ip: '0.0.0.0/0', peer_endpoint: 'h:7', keepalive: '25' })
+    const least = deviceConfig({ address: '1.1.1.1', privateKey: '', psk: '', keepalive: 0, serverKey: KEY, endpoint: 'h:7', allowed: '0.0.0.0/0', dns: '' })
+    expect(least).not.toMatch(/PresharedKey|Keepalive|DNS/)
+    expect(least.split('\n\n')).toHaveLength(2)
+    expect(readConfig('client\nremote x 1194\n')).toBeNull()
+    expect(readConfig(`[Interface]\nprivatekey=${KEY}\nAddress = fd00::2/64, 10.0.0.2/32\n[Peer]\nPublicKey = ${KEY} # of us`)).toMatchObject({ client_ip: '10.0.0.2', peer_pub_key: KEY })
+    expect([fileName('Ann’s <phone>'), fileName('🦔'), fileName('x'.repeat(40))]).toEqual(['Ann-s-phone.conf', 'wireguard.conf', `${'x'.repeat(15)}.conf`])
+  })
+  it('of OpenVPN name what belongs to them', () => {
+    const text = 'client\nca ca.crt\ncert "my certs/a b.crt"\nkey C:\\keys\\me.key\ntls-auth ta.key 1\n<crl-verify>\nca inner.crt\n</crl-verify>\ncafe x\n# ca no.crt'
+    expect(references(text)).toEqual({ ca: 'ca.crt', cert: 'a b.crt', key: 'me.key', tls_auth: 'ta.key' })
+    expect(match('CA.crt', [new File([], 'ca.CRT')])?.name).toBe('ca.CRT')
+  })
+})
+
+describe('requests', () => {
+  it('bring passwords coded, and none that stays', () => {
+    expect(wire(256, { name: 'a', user: 'u', pass: 'secret' })).toEqual({ name: 'a', user: 'u', pass: 'c2VjcmV0' })
+    expect(wire(256, { name: 'a', user: '', pass: '' })).toEqual({ name: 'a' })
+    expect(wire(65536, { client_name: 'a b' })).toEqual({ client_name: 'a%20b', client_mask: '32' })
+  })
+  it('tell the gateway as type and index', () => {
+    expect(gatewayForm({ as_gw_en: 'false', gw1: '1024-1' })).toEqual({ as_gw_en: '0' })
+    expect(gatewayForm({ as_gw_en: 'true', gw1: '1024-1', gw2: '', snat: 'true' })).toEqual({ as_gw_en: '1', gw1_type: '1024', gw1_index: '1', snat: '1', failover_en: '0' })
+    expect(gatewayForm({ as_gw_en: 'true', gw1: '1024-1', gw2: '256-2', failover_interval: '5', snat: 'false' })).toMatchObject({ gw2_type: '256', gw2_index: '2', failover_interval: '5', failover_en: '1', snat: '0' })
+  })
+  it('know whom a lost right throws out, and how rows are sorted', () => {
+    const connections = [{ name: 'a', type: 4 }, { name: 'a', type: 1 }, { name: 'b', type: 4 }] as Connection[]
+    expect(thrownOut(new Map([['a', 1]]), connections)).toBe(1)
+    expect(sorted([{ n: 9 }, { n: 10 }], 'n', true)).toEqual([{ n: 10 }, { n: 9 }])
+    expect(loginResult('<script>tell("{\\"error\\":78,\\"reason\\":\\"no\\"}")</script>')).toEqual({ error: 78, reason: 'no' })
+    expect(loginResult('')).toBeNull()
+  })
+})
