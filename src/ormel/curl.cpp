@@ -80,9 +80,7 @@ bool unescape(const std::string& text, std::string& out) {
 
 Curl new_curl() {
   const curl::Api* library = curl::api();
-  Curl handle{library ? library->easy_init() : nullptr};
-  if (handle) library->easy_setopt(handle.get(), CURLOPT_CAINFO, nullptr);
-  return handle;
+  return Curl{library ? library->easy_init() : nullptr};
 }
 
 bool add_header(CurlList& headers, const std::string& line) {

@@ -50,8 +50,7 @@ using Curl = std::unique_ptr<CURL, curl::Cleanup>;
 using CurlList = std::unique_ptr<curl_slist, curl::Cleanup>;
 using CurlShare = std::unique_ptr<CURLSH, curl::ShareCleanup>;
 
-// A new handle, empty when libcurl is missing. It looks for authorities in the host's folder of them, not in the bundle
-// of all: `system::easycurl` does that for those that are not there.
+// A new handle, empty when libcurl is missing.
 [[nodiscard]] Curl new_curl();
 
 // Adds a line to the head of a request. False for one that holds a line end, which would add more headers than that

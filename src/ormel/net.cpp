@@ -180,16 +180,19 @@ size_t curl_memory_data(void* bytes, size_t size, size_t count, void* out) {
 
 namespace {
 
-// A new handle knows the folder of the authorities alone, of which one is read where the bundle of all takes longer
-// than the rest of a request. What is trusted is the same, unless an authority stands in the bundle only.
+// Of the host's folder of authorities one file is read, where the bundle of all takes longer than the rest of a
+// request. What is trusted is the same: an authority that stands in the bundle alone is looked for there.
 CURLcode perform(const curl::Api& library, CURL* handle) {
-  static const char* bundle = nullptr;  // needed once in this run
-  if (bundle) library.easy_setopt(handle, CURLOPT_CAINFO, bundle);
+  static bool needs_bundle = false;  // once in this run, and the next request begins with it
+  if (needs_bundle) return library.easy_perform(handle);
+  library.easy_setopt(handle, CURLOPT_CAINFO, nullptr);
   const CURLcode rc = library.easy_perform(handle);
-  if (bundle || (rc != CURLE_PEER_FAILED_VERIFICATION && rc != CURLE_SSL_CACERT_BADFILE)) return rc;
+  if (rc != CURLE_PEER_FAILED_VERIFICATION && rc != CURLE_SSL_CACERT_BADFILE) return rc;
+  const char* bundle = nullptr;
   curl_off_t spent = 0;  // microseconds
-  library.easy_getinfo(handle, CURLINFO_TOTAL_TIME_T, &spent);
   if (library.easy_getinfo(handle, CURLINFO_CAINFO, &bundle) != CURLE_OK || !bundle) return rc;
+  library.easy_getinfo(handle, CURLINFO_TOTAL_TIME_T, &spent);
+  needs_bundle = true;
   library.easy_setopt(handle, CURLOPT_CAINFO, bundle);
   library.easy_setopt(handle, CURLOPT_TIMEOUT_MS, std::max(1L, HTTP_TIMEOUT * 1000 - static_cast<long>(spent / 1000)));
   return library.easy_perform(handle);
