@@ -31,6 +31,9 @@ CURLcode perform(CURL* handle) {
   if (rc != CURLE_PEER_FAILED_VERIFICATION && rc != CURLE_SSL_CACERT_BADFILE) return rc;
   const char* bundle = nullptr;
   if (curl_easy_getinfo(handle, CURLINFO_CAINFO, &bundle) != CURLE_OK || !bundle) return rc;
+  curl_off_t spent = 0;  // microseconds
+  curl_easy_getinfo(handle, CURLINFO_TOTAL_TIME_T, &spent);
+  curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, std::max(1L, TIMEOUT_SECONDS * 1000 - static_cast<long>(spent / 1000)));
   curl_easy_setopt(handle, CURLOPT_CAINFO, bundle);
   return curl_easy_perform(handle);
 }

@@ -2,7 +2,7 @@
 # shellcheck shell=dash
 # The agent of the overlay: the member's virtual address.
 #
-#   pelmar_express.sh start|stop|reset_virtual_interface
+#   pelmar_express.sh start|stop|reset_virtual_interface|remove_dummy_interface|remove_pelmar_configs
 #
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
@@ -19,9 +19,7 @@ stop() {
   [ ! -e "/sys/class/net/$VIRTUAL_INTERFACE" ] || ip address flush dev "$VIRTUAL_INTERFACE"
 }
 
-reset_virtual_interface() { virtual_interface_set; }
-
 case "$#/${1-}" in
-  1/start | 1/stop | 1/reset_virtual_interface) with_lock pelmar_express "$1" ;;
-  *) die 'usage: start|stop|reset_virtual_interface' ;;
+  1/reset_virtual_interface) virtual_interface_set ;;
+  *) pelmar_script "$@" ;;
 esac

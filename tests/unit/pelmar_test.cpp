@@ -249,7 +249,7 @@ TEST_F(PelmarPrecheck, LocatesTheDevice) {
   for (const char* bad : {"", "no", R"({"result":{"latitude":1,"longitude":2}})", R"({"result":7})"}) {
     place = bad;
     EXPECT_EQ(get_geo_info(latitude, longitude, country, address), ERR_CMD_FAILED) << bad;
-    EXPECT_EQ((std::vector{latitude, longitude, country}), (std::vector<std::string>{"23", "120", "GLB"}));
+    EXPECT_EQ(std::tie(latitude, longitude, country), std::tuple("23", "120", "GLB"));
   }
   place = R"({"result":{"latitude":25.0478123,"longitude":-121,"country_code":"CN"}})";
   EXPECT_EQ(get_geo_info(latitude, longitude, country, address), NO_ERROR);

@@ -4,6 +4,7 @@
 
 PELMAR_CONF=/etc/config/ormel/pelmar.conf
 AGENT_CONF=/etc/config/ormel/cloudagent.cfg
+AGENT_LINK=etc/cloudagent/cloudagent.cfg # to it, below the application's folder
 PELMAR_STATE=/var/lib/fenro/pelmar # of pelmar-agentd, which looks for these two switches in there
 CLOUDAGENT_SWITCH=$PELMAR_STATE/cloudagent.on
 EXPRESS_SWITCH=$PELMAR_STATE/express.on
@@ -24,8 +25,11 @@ virtual_interface_add() {
   ip link add dev "$VIRTUAL_INTERFACE" type dummy 2>/dev/null || ip link add dev "$VIRTUAL_INTERFACE" type bridge
 }
 
-# Gives it the address of the settings and no other.
-virtual_interface_set() {
+# Gives it the address of the settings and no other. Under a lock of its own, as the daemon has it done while a script may
+# be waiting for the daemon.
+virtual_interface_set() { with_lock pelmar_interface set_virtual_interface; }
+
+set_virtual_interface() {
   local address
   address=$(/sbin/getcfg 'Join Pelmar' virtual_ip -f "$PELMAR_CONF" 2>/dev/null) && is_ipv4 "$address" || {
     say 'no usable virtual address'
@@ -37,6 +41,23 @@ link set dev $VIRTUAL_INTERFACE up
 TEXT
 }
 
-virtual_interface_remove() {
+# What a membership has left, for whichever agent is asked.
+remove_dummy_interface() {
   [ ! -e "/sys/class/net/$VIRTUAL_INTERFACE" ] || ip link delete dev "$VIRTUAL_INTERFACE"
+}
+
+# The login of the user's account is not the device's, and stays.
+remove_pelmar_configs() {
+  local folder
+  folder=$(/sbin/getcfg ORMEL Install_Path -f /etc/config/pakrix.conf 2>/dev/null) || folder=
+  case $folder in /*) rm -f "$folder/$AGENT_LINK" || return 1 ;; esac
+  rm -f "$AGENT_CONF" "$PELMAR_STATE/pelmar_token.json" "$RECORDS/supernode.json"
+}
+
+# pelmar_script ARGUMENT...: the command line of either script, which has start and stop.
+pelmar_script() {
+  case "$#/${1-}" in
+    1/start | 1/stop | 1/remove_dummy_interface | 1/remove_pelmar_configs) with_lock pelmar "$1" ;;
+    *) die 'usage: start|stop|remove_dummy_interface|remove_pelmar_configs' ;;
+  esac
 }
