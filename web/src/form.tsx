@@ -10,7 +10,7 @@ export type Choice = readonly [value: string, label: string]
 export interface FieldRow {
   name: string // of the variable that the program takes
   label: TextKey
-  kind?: 'text' | 'number' | 'password' | 'secret' | 'switch' | 'choice' | 'area'
+  kind?: 'text' | 'number' | 'password' | 'key' | 'secret' | 'switch' // a secret is seen while it is edited
   rule?: Rule
   limits?: readonly [least: number, most: number] // shown with the label of a number
   choices?: readonly Choice[] | ((values: Values) => readonly Choice[])
@@ -64,6 +64,7 @@ export function sent(rows: readonly FieldRow[], values: Values): Record<string, 
 }
 
 function OneField({ row, form }: { row: FieldRow; form: FormState }) {
+  const [seen, setSeen] = useState(false)
   const value = form.values[row.name]
   const label = row.limits ? t('field.range', { label: t(row.label), least: row.limits[0], most: row.limits[1] }) : t(row.label)
   const wrong = form.wrong[row.name]
@@ -73,6 +74,7 @@ function OneField({ row, form }: { row: FieldRow; form: FormState }) {
   if (row.kind === 'switch')
     return <Switch label={label} help={help} wide={row.wide} on={value === true} onChange={(on) => form.set(row.name, on)} />
   const text = String(value ?? '')
+  const hidden = row.kind === 'password' || (row.kind === 'secret' && !seen)
   const choices = typeof row.choices === 'function' ? row.choices(form.values) : row.choices
   return (
     <Field label={label} help={help} error={error}>
@@ -89,11 +91,13 @@ function OneField({ row, form }: { row: FieldRow; form: FormState }) {
         ) : (
           <input
             {...ids}
-            type={row.kind === 'password' ? 'password' : 'text'}
+            type={hidden ? 'password' : 'text'}
             inputMode={row.kind === 'number' ? 'numeric' : undefined}
             autocomplete={row.autocomplete ?? (row.kind === 'password' ? 'new-password' : 'off')}
             spellcheck={false}
-            class={row.kind === 'secret' ? 'mono' : ''}
+            class={row.kind === 'secret' || row.kind === 'key' ? 'mono' : ''}
+            onFocus={() => setSeen(true)}
+            onBlur={() => setSeen(false)}
             value={text}
             onInput={(event) => form.set(row.name, event.currentTarget.value)}
           />

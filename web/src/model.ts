@@ -54,6 +54,13 @@ export interface Peer {
   rx_total: string
 }
 
+// A network interface of the appliance.
+export interface Nic {
+  ifname: string
+  display_name?: string
+  ip?: string | null
+}
+
 export interface Protocol {
   id: string
   label: string

@@ -279,7 +279,7 @@ const TEXTS = {
   'kick.many': ['Throw {n} connections out?', '{n} Verbindungen trennen?'],
   'kick.text': ['{names}: the tunnel is cut at once. It can be opened again, as long as the user has the right to.', '{names}: Der Tunnel wird sofort getrennt. Er kann wieder geöffnet werden, solange der Benutzer das Recht hat.'],
   'kick.now': ['Throw out', 'Trennen'],
-  'kick.name': ['Throw {name} out', '{name} trennen'],
+  'kick.name': ['Throw out {name}', '{name} trennen'],
   'kick.chosen': ['Throw out ({n})', 'Trennen ({n})'],
   'kick.done': ['The connection is being cut.', 'Die Verbindung wird getrennt.'],
 
@@ -301,7 +301,7 @@ const TEXTS = {
   'block.title': ['Locked out', 'Ausgesperrt'],
   'block.none': ['Nobody is locked out.', 'Niemand ist ausgesperrt.'],
   'block.lift': ['Let in again', 'Wieder zulassen'],
-  'block.liftName': ['Let {user} in again', '{user} wieder zulassen'],
+  'block.liftName': ['Let in again: {user}', '{user} wieder zulassen'],
   'block.lifted': ['The user may log in again.', 'Der Benutzer darf sich wieder anmelden.'],
   'block.policy': ['After wrong passwords', 'Nach falschen Passwörtern'],
   'block.enable': ['Lock users out for a time', 'Benutzer eine Zeit lang aussperren'],

@@ -45,7 +45,7 @@ export function clientRows(type: number, isNew: boolean): readonly FieldRow[] {
     65536: [
       { ...NAME, name: 'client_name' },
       { name: 'peer_endpoint', label: 'client.endpoint', rule: endpoint, help: 'client.endpointHelp' },
-      { name: 'peer_pub_key', label: 'client.serverKey', kind: 'secret', rule: key },
+      { name: 'peer_pub_key', label: 'client.serverKey', kind: 'key', rule: key },
       { name: 'client_pri_key', label: 'client.privateKey', kind: 'secret', rule: key },
       { name: 'client_ip', label: 'client.address', rule: address },
       { name: 'psk', label: 'peer.psk', kind: 'secret', rule: optional(key) },

@@ -1,6 +1,6 @@
 // Everything at a glance: what runs, who is on, what flows, what has happened.
 import type { ComponentType } from 'preact'
-import { useEffect, useMemo, useState } from 'preact/hooks'
+import { useEffect, useState } from 'preact/hooks'
 import { call, data } from '../api'
 import { duration, rate } from '../format'
 import type { Curve } from '../graph'
@@ -20,6 +20,8 @@ const SLOW = 5_000
 const RARE = 15_000
 const SAMPLES = 150 // five minutes of them
 const EVENTS = 6
+
+const history = new History(SAMPLES) // goes on where it was when one comes back to the page
 
 export const STATE_TONES: readonly Tone[] = ['off', 'good', 'busy']
 
@@ -66,7 +68,6 @@ const Tile = ({ label, value, note, to }: { label: string; value: string | numbe
 )
 
 export function OverviewPage() {
-  const history = useMemo(() => new History(SAMPLES), [])
   const live = usePoll(async () => {
     const [connections, interfaces] = await Promise.all([
       data<Connection[]>('connection/list'),

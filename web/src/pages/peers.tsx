@@ -1,9 +1,9 @@
 // The peers of the WireGuard server: a record for each device, and what that device has to be told.
-import { useState } from 'preact/hooks'
+import { useEffect, useState } from 'preact/hooks'
 import { call, data, saveFile } from '../api'
 import { Fields, sent, useForm, type FieldRow, type Values } from '../form'
 import { decodeName } from '../format'
-import { isLive, type Peer, type ServerProfile } from '../model'
+import { isLive, type Nic, type Peer, type ServerProfile } from '../model'
 import { QrCode } from '../qr'
 import { address, all, atMost, endpoint, freeAddress, key, optional, range, required } from '../rules'
 import { t } from '../texts'
@@ -16,7 +16,7 @@ const rowsFor = (isNew: boolean): readonly FieldRow[] => [
   { name: 'peer_name', label: 'name', rule: all(required, atMost(600)) },
   { name: 'address', label: 'peer.address', rule: address },
   { name: 'own_key', label: 'peer.ownKey', kind: 'switch', when: () => isNew, help: 'peer.ownKeyHelp' },
-  { name: 'peer_pub_key', label: 'peer.publicKey', kind: 'secret', rule: key, when: (values) => !isNew || OWN_KEY(values) },
+  { name: 'peer_pub_key', label: 'peer.publicKey', kind: 'key', rule: key, when: (values) => !isNew || OWN_KEY(values) },
   {
     name: 'keepalive', label: 'peer.keepalive', kind: 'number', rule: range(0, 65535), limits: [0, 65535],
     help: 'peer.keepaliveHelp', more: true,
@@ -39,6 +39,14 @@ interface Device {
 function DeviceDialog({ device, profile, onClose }: { device: Device; profile: ServerProfile; onClose: () => void }) {
   const [host, setHost] = useState(location.hostname)
   const [everything, setEverything] = useState(true)
+  // Whoever came by a port of their own machine: no other device reaches the appliance by that.
+  useEffect(() => {
+    if (!/^(localhost|127\..*|\[::1\])$/.test(location.hostname)) return
+    void data<Nic[] | null>('misc/nic').then(
+      (nics) => setHost(nics?.find((nic) => nic.ip)?.ip ?? location.hostname),
+      () => undefined,
+    )
+  }, [])
   const text = deviceConfig({
     ...device,
     serverKey: String(profile['server_pub_key']),

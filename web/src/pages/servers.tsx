@@ -4,7 +4,7 @@ import { Fields, sent, useForm, type Choice } from '../form'
 import { count } from '../format'
 import {
   OPENVPN, PROTOCOLS, SERVERS, WIREGUARD, labelOf, liveCount,
-  type Connection, type Peer, type Profile, type Protocol, type ServerProfile,
+  type Connection, type Nic, type Peer, type Profile, type Protocol, type ServerProfile,
 } from '../model'
 import { usePoll } from '../poll'
 import { place } from '../router'
@@ -14,13 +14,6 @@ import { Peers } from './peers'
 import { conflicts, serverRows, serverValues } from './servers.rows'
 
 const PAUSE = 5_000
-
-export interface Nic {
-  ifname: string
-  display_name?: string
-  interface_type?: string
-  ip?: string | null
-}
 
 const interfaceChoices = (nics: readonly Nic[]): readonly Choice[] => [
   ['all', t('server.outAll')],
