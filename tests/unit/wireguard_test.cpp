@@ -190,7 +190,7 @@ TEST_F(WireGuard, APeersValuesAreCheckedAgainstServerAndOtherPeers) {
       {1, "198.18.7.2", KEY_B, "", ERR_WIREGUARD_PEER_PUB_KEY_CONFLICT},
   };
   for (const auto& [index, ip, pub_key, psk, expected] : rows) {
-    SCOPED_TRACE(std::to_string(index) + ' ' + ip + ' ' + pub_key + ' ' + psk);
+    SCOPED_TRACE(testing::PrintToString(std::tie(index, ip, pub_key, psk)));
     ServerConfig server = server_with(ip, pub_key);
     server.psk = psk;
     EXPECT_EQ(server.check_peer_value(index), expected);
