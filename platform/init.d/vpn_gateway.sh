@@ -59,9 +59,9 @@ start() {
   mkdir -p "$RUN_DIR"
   [ ! -s "$MARK" ] || [ "$(cat "$MARK")" = "$1" ] || nat "$(cat "$MARK")" 0 # iptables' rule names its interface
   write_file "$MARK" printf '%s\n' "$1" || die 'no mark can be written'
-  ip route replace default dev "$1" table $TABLE || die "$1: no route through it"
   rules_remove
   rules | ip -batch - || die "$1: the kernel refuses the rules"
+  ip route replace default dev "$1" table $TABLE || die "$1: no route through it"
   nat "$1" "$2" || die "$1: no source NAT, neither nftables nor iptables does it here"
 }
 

@@ -90,7 +90,10 @@ inline Result run(const std::vector<std::string>& words, const std::vector<std::
 
 template <typename Condition>
 bool comes_true(Condition condition, int seconds = 10) {
-  for (int i = 0; i < 50 * seconds && !condition(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  for (int i = 0; i < 50 * seconds; ++i) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
   return condition();
 }
 

@@ -15,16 +15,16 @@ constexpr const char* POLICY_FILE = "/etc/config/vpn_options.conf";
 constexpr const char* SCRIPT = "/etc/init.d/vpn_gateway.sh";
 constexpr const char* MARK = "/run/fenro/gateway";  // the script's, there while it has something set up
 
-void run_script(std::vector<std::string> words) {
+// Whether all of it could be done. What could not, the script tells the journal.
+bool run_script(std::vector<std::string> words) {
   words.insert(words.begin(), SCRIPT);
   std::vector<char*> argv;
   argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
-  // It tells the journal what it could not do; the next change tries again.
   const std::unique_ptr<mib_io, FreeWith<mib_io_free>> out{mib_io_create()};
   const std::unique_ptr<mib_io, FreeWith<mib_io_free>> errors{mib_io_create()};
-  if (out && errors) mib_io_execv(nullptr, out.get(), errors.get(), argv.data());
+  return out && errors && mib_io_execv(nullptr, out.get(), errors.get(), argv.data()) == 0;
 }
 
 }  // namespace
@@ -55,13 +55,14 @@ DefaultGateway::Route DefaultGateway::wanted(const std::vector<Link>& links, con
 void DefaultGateway::look(const std::vector<Link>& links, const std::vector<Address>& addresses) {
   Route route = wanted(links, addresses);
   if (route == applied_ && !stale_) return;
+  bool done = true;
   if (!route.interface.empty()) {
-    run_script({"start", route.interface, route.snat ? "1" : "0"});
+    done = run_script({"start", route.interface, route.snat ? "1" : "0"});
   } else if (!applied_.interface.empty() || access(MARK, F_OK) == 0) {
-    run_script({"stop"});
+    done = run_script({"stop"});
   }
   applied_ = std::move(route);
-  stale_ = false;
+  stale_ = !done;  // tried again at the next look
 }
 
 }  // namespace fenro::networkd
