@@ -1,9 +1,5 @@
 #include "ormel/pelmar_agent.h"
 
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,8 +16,8 @@ namespace {
 
 constexpr const char* REAL_AGENT_FILE = "/etc/config/ormel/cloudagent.cfg";
 constexpr const char* SITE_FILE = "/etc/system/system_setting.json";  // below the application's folder
-constexpr mode_t SECRET = 0600;                                       // the device token is in there
-constexpr mode_t PUBLIC = 0644;
+constexpr unsigned int SECRET = 0600;                                 // the device token is in there
+constexpr unsigned int PUBLIC = 0644;
 
 constexpr const char* EXPRESS_SCRIPT = "/etc/init.d/pelmar_express.sh";
 constexpr const char* CLOUDAGENT_SCRIPT = "/etc/init.d/pelmar_cloudagent.sh";
@@ -32,22 +28,6 @@ constexpr const char* TEST_SITE_FOR_AGENT = "dev";  // the agents do not know th
 constexpr const char* TEST_SITE_LINES = "MQTT_URL=\"tcp://sy-test." ORMEL_CLOUD_DOMAIN
                                         ":31512\"\n"
                                         "NMS_WEB_URL=\"http://sy-test." ORMEL_CLOUD_DOMAIN ":31510\"\n";
-
-// Replaces a file whole: a crash leaves the old or the new, and what holds secrets is never readable to others.
-bool replace_file(const std::string& path, const std::string& content, mode_t mode) {
-  const std::string temporary = path + ".tmp";
-  unlink(temporary.c_str());  // one that a crash left may have another mode
-  const Fd fd{open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode)};
-  bool written = static_cast<bool>(fd);
-  for (size_t done = 0; written && done < content.size();) {
-    const ssize_t put = TEMP_FAILURE_RETRY(write(fd.get(), content.data() + done, content.size() - done));
-    written = put > 0;
-    done += static_cast<size_t>(written ? put : 0);
-  }
-  written = written && fsync(fd.get()) == 0 && std::rename(temporary.c_str(), path.c_str()) == 0;
-  if (!written) unlink(temporary.c_str());
-  return written;
-}
 
 // The agent's configuration as it came, with what the test site needs besides.
 std::string with_site_lines(std::string text) {
@@ -92,7 +72,7 @@ int write_pelmar_api_devices_cloudagent_cfg(const std::string& answer) {
   if (const int rc = get_install_path(folder); rc != NO_ERROR) return rc;
   const std::string link = folder + AGENT_FILE;
   ORMEL_LOG(INFO, "cloudagent_cfg_path: %s", link.c_str());
-  if (!replace_file(REAL_AGENT_FILE, with_site_lines(text), SECRET)) {
+  if (!system::replace_file(REAL_AGENT_FILE, with_site_lines(text), SECRET)) {
     ORMEL_LOG(ERROR, "Failed to open %s for writing", REAL_AGENT_FILE);
     return ERR_SAVE_FILE;
   }
@@ -116,7 +96,7 @@ int set_site_use_by_cloudagent() {
   }
   site = option::to_lower(site);
   if (site == TEST_SITE) site = TEST_SITE_FOR_AGENT;
-  if (replace_file(folder + SITE_FILE, "{\"site\": \"" + site + "\"}", PUBLIC)) return NO_ERROR;
+  if (system::replace_file(folder + SITE_FILE, "{\"site\": \"" + site + "\"}", PUBLIC)) return NO_ERROR;
   ORMEL_LOG(ERROR, "Failed to save install_path/etc/system/system_setting.json");
   return ERR_CMD_FAILED;
 }
