@@ -1,7 +1,6 @@
 // The registration of mobile devices, which log in to the OpenVPN server with the identifier that they get here.
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string_view>
@@ -12,6 +11,7 @@
 #include "ormel/ormel_api_mobile.h"
 #include "ormel/ormel_cgi.h"
 #include "ormel/ormel_cgi_connection.h"
+#include "ormel/text.h"
 
 namespace ormel::cgi::connection {
 
@@ -21,12 +21,6 @@ constexpr const char* MAC = "^([0-9A-Fa-f]{2}:){5}([0-9A-Fa-f]{2})$";
 constexpr const char* INTERFACE = "^(eth|ppp|tun)[0-9]+$";
 constexpr std::string_view PHYSICAL = "eth";
 constexpr long LAST_SERVER_INTERFACE = 1000;  // "ppp" and "tun" above are those of client profiles
-
-// Fills a text of the record, which is zeroed: its last byte stays.
-template <size_t Size>
-void put(char (&field)[Size], std::string_view text) {
-  text.copy(field, Size - 1);
-}
 
 bool is_interface(const char* name) {
   if (!Regex{INTERFACE}.search(name)) return false;
@@ -38,13 +32,13 @@ bool is_interface(const char* name) {
 std::string read_device(const Request& request, db_device_info_data& device) {
   const char* const mac = request.value("mac");
   if (!Regex(MAC, REG_EXTENDED | REG_ICASE).search(mac)) return "mac";
-  put(device.mac, mac);
+  fill_field(device.mac, mac);
   if (request.filled("nat") && !is_interface(request.value("nat"))) return "nat";
-  put(device.nic, request.value("nat"));
+  fill_field(device.nic, request.value("nat"));
   if (!request.filled("device")) return "device";
   std::string name = request.value("device");
   std::replace(name.begin(), name.end(), '\t', ' ');
-  put(device.dev_name, name);
+  fill_field(device.dev_name, name);
   return "";
 }
 
@@ -53,14 +47,14 @@ Outcome register_device(const Request& request, JsonValue& reply) {
   const char* const sid = request.value("sid");
   if (auth_get_session(sid, 1, &session) != 0) return {ERR_SESSION_FAIL};
   const auto device = std::make_unique<db_device_info_data>();
-  put(device->fenrosid, sid);
-  put(device->user_id, {session.user, strnlen(session.user, sizeof session.user)});
+  fill_field(device->fenrosid, sid);
+  fill_field(device->user_id, field_text(session.user));
   if (const std::string wrong = read_device(request, *device); !wrong.empty()) return {ERR_GENERAL, wrong};
   device->time = static_cast<uint64_t>(std::time(nullptr));
 
   ormel_mobile_gen_uuid_data_get identifier{};
   if (add_device_info(device.get(), &identifier) != 0) return {ERR_BACKGROUND_PROCESS};
-  reply["data"] = std::string(identifier.ormel_uuid, strnlen(identifier.ormel_uuid, sizeof identifier.ormel_uuid));
+  reply["data"] = field_text(identifier.ormel_uuid);
   return {};
 }
 

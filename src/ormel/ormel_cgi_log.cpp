@@ -14,6 +14,7 @@
 #include "ormel/system_bus.h"
 #include "ormel/system_log.h"
 #include "ormel/system_process.h"
+#include "ormel/text.h"
 
 namespace ormel::cgi {
 
@@ -66,10 +67,9 @@ db_query_cond page_of(const Request& request) {
   return page;
 }
 
-// A text of a record; the daemon's answer may lack the closing zero.
 template <size_t Size>
 std::string text_of(const char (&field)[Size]) {
-  return system::valid_utf8({field, strnlen(field, Size)});
+  return system::valid_utf8(field_text(field));
 }
 
 template <typename Row>

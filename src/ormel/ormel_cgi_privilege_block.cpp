@@ -1,5 +1,4 @@
 // The policy on failed logins, and the users that it blocks.
-#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <string>
@@ -10,6 +9,7 @@
 #include "ormel/ormel_cgi.h"
 #include "ormel/ormel_cgi_privilege.h"
 #include "ormel/system.h"
+#include "ormel/text.h"
 
 namespace ormel::cgi::privilege {
 
@@ -74,10 +74,6 @@ Json rules_in_force() {
   return rules;
 }
 
-std::string name_of(const db_privilege_user_block_data& row) {
-  return {row.username, strnlen(row.username, sizeof row.username)};
-}
-
 // Adds the users that are blocked now, and lets those go whose time is over.
 void list_blocked(const json_t* rules, JsonValue& users) {
   const json_int_t limit = json_integer_value(json_object_get(rules, "limit"));
@@ -88,7 +84,7 @@ void list_blocked(const json_t* rules, JsonValue& users) {
   const auto blocks = log_db::ask(list_privilege_user_block, all);
   for (const db_privilege_user_block_data& row : blocks.rows()) {
     if (row.limit < limit) continue;
-    const std::string user = name_of(row);
+    const std::string user = field_text(row.username);
     if (std::difftime(now, static_cast<std::time_t>(row.timestamp)) < seconds) {
       users << system::valid_utf8(user);  // whoever tried to log in chose the bytes
     } else {

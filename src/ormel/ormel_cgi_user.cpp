@@ -1,5 +1,4 @@
 // The users of the appliance, to choose from.
-#include <cstring>
 #include <memory>
 
 #include <fenro/auth.h>
@@ -8,6 +7,7 @@
 #include "ormel/ormel_cgi.h"
 #include "ormel/ormel_cgi_privilege.h"
 #include "ormel/system_bus.h"
+#include "ormel/text.h"
 
 namespace ormel::cgi::user {
 
@@ -35,8 +35,7 @@ class Names {
   }
   void append_to(JsonValue& out) const {
     for (int i = 0; rows_ && i < count_; ++i) {
-      const char* name = rows_.get()[i];
-      out << system::valid_utf8({name, strnlen(name, Width)});
+      out << system::valid_utf8(field_text(rows_.get()[i]));
     }
   }
 

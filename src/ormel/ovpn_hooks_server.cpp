@@ -1,6 +1,5 @@
 // `ormel.sauth`: whether the OpenVPN server may let a client in.
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 #include <fenro/auth.h>
@@ -10,6 +9,7 @@
 #include "ormel/ovpn.h"
 #include "ormel/privilege.h"
 #include "ormel/system_log.h"
+#include "ormel/text.h"
 
 namespace ormel::ovpn {
 
@@ -34,21 +34,15 @@ std::string take_environment(const char* name) {
   return taken;
 }
 
-// Fills a text of a record, whose last byte stays zero.
-void put(char (&field)[DB_TEXT_SIZE], const std::string& text, size_t limit = DB_TEXT_SIZE - 1) {
-  field[text.copy(field, limit)] = '\0';
-}
-
 // A mobile client may log in by its device: the user is the owner of the one device of that identifier.
 std::string effective_user(const std::string& user) {
   db_query_cond cond{};
   cond.count = ALL_ROWS;
-  put(cond.field, "dev_uuid");
-  put(cond.value, user, DEVICE_ID_LENGTH);
+  fill_field(cond.field, "dev_uuid");
+  fill_field(cond.value, user.substr(0, DEVICE_ID_LENGTH));
   const auto devices = log_db::ask(list_device_info, cond);
   if (devices.rows().size() != 1) return user;
-  const char* owner = devices.rows().front().user_id;
-  return {owner, strnlen(owner, DB_TEXT_SIZE - 1)};
+  return field_text(devices.rows().front().user_id);
 }
 
 bool admits(const Login& login, const std::string& user) {
@@ -79,9 +73,9 @@ void log_refusal(const Login& login, const std::string& user) {
   db_conn_server_log record{};
   record.vpn_type = OVPN_SERVER_TYPE;
   record.time = static_cast<uint64_t>(std::time(nullptr));
-  put(record.source_ip, login.from);
+  fill_field(record.source_ip, login.from);
   record.action = REFUSED;
-  put(record.username, user);
+  fill_field(record.username, user);
   std::ignore = add_conn_server_log(&record);  // without the log the login is refused as well
 }
 

@@ -1,6 +1,7 @@
 // Small helpers on text.
 #pragma once
 
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -41,6 +42,18 @@ std::string& lstrip(std::string& text, char c);
 }  // namespace ormel::option
 
 namespace ormel {
+
+// The text in a field of fixed size, which may lack its closing zero.
+template <size_t Size>
+[[nodiscard]] std::string field_text(const char (&field)[Size]) {
+  return {field, strnlen(field, Size)};
+}
+
+// Fills such a field with `text`, cut so that a closing zero stands behind it.
+template <size_t Size>
+void fill_field(char (&field)[Size], std::string_view text) {
+  field[text.copy(field, Size - 1)] = '\0';
+}
 
 // Splits in place at the last `mark`: ends `text` there and gives what is behind it. Null, and `text` as it was, for a
 // null text, one without `mark`, and one that would leave either side empty.
