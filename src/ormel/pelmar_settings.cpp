@@ -27,6 +27,9 @@ using system::setcfg_wrapper;
 constexpr const char* PACKAGES = "/etc/config/pakrix.conf";
 constexpr const char* INSTALL_PATH = "Install_Path";
 constexpr const char* SITE_FILE = "/data/user.conf";  // below the developer switch application's folder
+constexpr const char* ORG_NAME_KEY = "PELMAR_ORG_NAME";
+constexpr const char* REGION_NAME_KEY = "PELMAR_REGION_NAME";
+constexpr const char* VIRTUAL_IP_KEY = "virtual_ip";
 constexpr const char* DEBUG_SECTION = "Debug";
 constexpr const char* HOST_NAME_FILE = "/etc/hostname";
 constexpr const char* TIMEZONE_FILE = "/etc/config/TZ";
@@ -88,18 +91,18 @@ int get_pelmar_site(std::string& out) {
 }
 
 int get_org_name(std::string& out) {
-  std::ignore = read_join_key("PELMAR_ORG_NAME", "", NAME_FAILURE, out);
+  std::ignore = read_join_key(ORG_NAME_KEY, "", NAME_FAILURE, out);
   return NO_ERROR;
 }
 
 int get_region_name(std::string& out) {
-  std::ignore = read_join_key("PELMAR_REGION_NAME", "", NAME_FAILURE, out);
+  std::ignore = read_join_key(REGION_NAME_KEY, "", NAME_FAILURE, out);
   return NO_ERROR;
 }
 
 int get_virtual_ip(std::string& out) {
   constexpr const char* FAILURE = "Failed to get virtual ip";
-  if (const int rc = read_join_key("virtual_ip", "", FAILURE, out); rc != NO_ERROR) return rc;
+  if (const int rc = read_join_key(VIRTUAL_IP_KEY, "", FAILURE, out); rc != NO_ERROR) return rc;
   if (!out.empty()) return NO_ERROR;
   ORMEL_LOG(ERROR, FAILURE);
   return ERR_CMD_FAILED;
@@ -118,32 +121,32 @@ int get_join_pelmar_info(const std::string& key, std::string& out) {
 }
 
 int get_global_or_china(std::string& out) {
-  return getcfg_wrapper(TAMID_CONF, TAMID_SECTION, "REGION", GLOBAL_REGION, out);
+  return getcfg_wrapper(TAMID_CONF, TAMID_SECTION, CLOUD_KEY, GLOBAL_REGION, out);
 }
 
 int get_contact(std::string& out) {
-  if (getcfg_wrapper(TAMID_CONF, TAMID_SECTION, "DISPLAY_NAME", "", out) == NO_ERROR) return NO_ERROR;
+  if (getcfg_wrapper(TAMID_CONF, TAMID_SECTION, CONTACT_KEY, "", out) == NO_ERROR) return NO_ERROR;
   ORMEL_LOG(ERROR, "Failed to run getcfg_wrapper command");
   return ERR_CMD_FAILED;
 }
 
 int set_org_id(const std::string& id, const std::string& name) {
   if (const int rc = write_join_key(ORG_ID_KEY, id, "Failed to set org id"); rc != NO_ERROR) return rc;
-  return write_join_key("PELMAR_ORG_NAME", name, "Failed to set org display name");
+  return write_join_key(ORG_NAME_KEY, name, "Failed to set org display name");
 }
 
 int set_region_id(const std::string& id, const std::string& name) {
   constexpr const char* FAILURE = "Failed to set region id";
   if (const int rc = write_join_key(REGION_ID_KEY, id, FAILURE); rc != NO_ERROR) return rc;
-  return write_join_key("PELMAR_REGION_NAME", name, FAILURE);
+  return write_join_key(REGION_NAME_KEY, name, FAILURE);
 }
 
 int set_virtual_ip(const std::string& ip) {
-  return setcfg_wrapper(PELMAR_CONF, JOIN_SECTION, "virtual_ip", ip);
+  return setcfg_wrapper(PELMAR_CONF, JOIN_SECTION, VIRTUAL_IP_KEY, ip);
 }
 
 int set_serial_number(const std::string& serial) {
-  return setcfg_wrapper(PELMAR_CONF, JOIN_SECTION, "pelmar_serial_num", serial);
+  return setcfg_wrapper(PELMAR_CONF, JOIN_SECTION, SERIAL_KEY, serial);
 }
 
 int get_host_name(std::string& out) {

@@ -86,7 +86,7 @@ void tell_orchestrator(const Membership& member, int64_t connection, JsonValue& 
 
 int64_t serial_number() {
   std::string text;
-  if (system::getcfg_wrapper(PELMAR_CONF, JOIN_SECTION, "pelmar_serial_num", "0", text) == NO_ERROR) {
+  if (system::getcfg_wrapper(PELMAR_CONF, JOIN_SECTION, SERIAL_KEY, "0", text) == NO_ERROR) {
     return std::strtol(text.c_str(), nullptr, 10);
   }
   ORMEL_LOG(WARN, "Failed to get serial number");
