@@ -11,8 +11,6 @@ namespace ormel::config {
 
 namespace {
 
-constexpr const char* GET_COUNTERS = "interfaces_monitor.get_info_interfaces";
-
 // By ClientConfig::OptExternalDev.
 constexpr const char* EXTERNAL_DEV_METHODS[] = {"external_dev.register", "external_dev.modify",
                                                 "external_dev.unregister"};
@@ -23,7 +21,8 @@ void ClientConfig::update_connection() {
   const std::string interface = interface_name(type, index);
   if (interface.empty()) return;
   const Json request{json_pack("{s:s}", "name_interface", interface.c_str())};
-  const system::BusReply reply = system::bus_call(__func__, system::NETWORK_SERVICE, GET_COUNTERS, request.get());
+  const system::BusReply reply =
+      system::bus_call(__func__, system::NETWORK_SERVICE, system::INTERFACE_COUNTERS, request.get());
   if (reply.rc != NO_ERROR) return;
 
   const json_t* data = json_object_get(reply.document.get(), "data");

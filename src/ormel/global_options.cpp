@@ -1,6 +1,5 @@
 #include "ormel/global_options.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -40,8 +39,7 @@ struct IntervalText {
 constexpr IntervalText INTERVALS[] = {{-1, "Not"}, {0, "immediatly"}, {1, "1"}, {5, "5"}, {10, "10"}};
 
 int number(const json_t* object, const char* key) {
-  const json_t* member = json_object_get(object, key);
-  return static_cast<int>(std::clamp<double>(json_number_value(member), INT_MIN, INT_MAX));  // 0 for what is no number
+  return system::cut_number<int>(json_object_get(object, key));
 }
 
 std::string text(const json_t* object, const char* key) {
@@ -165,7 +163,7 @@ int GlobalConfig::disable_gateway(TYPE type, int index) const {
 void GlobalConfig::get_vpn_gw(JsonValue& out) const {
   TYPE type = NONE_TYPE;
   int index = 0;
-  const Json answer = system::easy_mib_call(system::NETWORK_SERVICE, "api.get_currentGWinfo", nullptr);
+  const Json answer = system::easy_mib_call(system::NETWORK_SERVICE, system::CURRENT_GATEWAY, nullptr);
   if (!answer) {
     ORMEL_LOG(ERROR, "%s: mib_call failed", "get_currentGWinfo");
     return;

@@ -11,7 +11,6 @@ namespace ormel {
 namespace {
 
 constexpr const char* STATUS = "api.get_interfaceStatus";
-constexpr const char* RATE = "interfaces_monitor.get_info_interfaces";
 constexpr const char* DUPLICATE = "api.check_ip_duplicate";
 constexpr int CALL_FAILED = -1;
 
@@ -88,29 +87,31 @@ int get_bonding_slaves(json_t* interface, std::string& failed_method) {
 int get_Interface_transmit_rate(json_t* interface, std::string& failed_method) {
   PlainReply reply;
   for (const char* rate : {"tx_rate", "rx_rate"}) json_object_set_new(interface, rate, json_null());
-  if (const int rc = ask(RATE, interface, "name_interface", "ifname", failed_method, reply); rc != NO_ERROR) return rc;
+  if (const int rc = ask(system::INTERFACE_COUNTERS, interface, "name_interface", "ifname", failed_method, reply);
+      rc != NO_ERROR)
+    return rc;
   for (const char* rate : {"tx_rate", "rx_rate"}) copy_member(interface, rate, json_object_get(reply.data(), rate));
   return NO_ERROR;
 }
 
 int is_ip_duplicate(const std::string& ip) {
-  // Escaped: as it came from outside it could add a member to the request.
+  const std::string address = escape_json(ip);  // for the log, where it could begin a line of its own
   const Json request{json_pack("{s:o}", "ip", json_string(system::valid_utf8(ip).c_str()))};
   const PlainReply reply = call_network_service(DUPLICATE, request.get());
   const json_t* error = json_object_get(reply.document.get(), "error");
   if (!json_is_integer(error)) {
     ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mib_call failed ret:%d\n", __func__, system::NETWORK_SERVICE, DUPLICATE,
-              ip.c_str(), reply.status);
+              address.c_str(), reply.status);
     return CALL_FAILED;
   }
   const int code = static_cast<int>(json_integer_value(error));
   if (code == 1) {
     ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, ip duplicate with FENRO network.\n", __func__, system::NETWORK_SERVICE,
-              DUPLICATE, ip.c_str());
+              DUPLICATE, address.c_str());
   } else if (code != 0) {
     const char* data = json_string_value(reply.data());
     ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mib_call failed ret:%d, data: %s.\n", __func__, system::NETWORK_SERVICE,
-              DUPLICATE, ip.c_str(), code, data ? data : "");
+              DUPLICATE, address.c_str(), code, data ? data : "");
   }
   return code;
 }

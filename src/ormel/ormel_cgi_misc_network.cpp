@@ -8,9 +8,10 @@ namespace ormel::cgi::misc {
 
 namespace {
 
+using system::CURRENT_GATEWAY;
+using system::INTERFACE_COUNTERS;
+
 constexpr const char* LIST = "api.get_available_interface_list";
-constexpr const char* GATEWAY = "api.get_currentGWinfo";
-constexpr const char* RATES = "interfaces_monitor.get_info_interfaces";
 
 // A failure that names the method of the daemon.
 Outcome fail_at(const std::string& method, JsonValue& reply) {
@@ -61,28 +62,28 @@ Outcome unreadable(const char* method, const PlainReply& answer) {
 }
 
 Outcome tell_gateway(const Request&, JsonValue& reply) {
-  const PlainReply answer = call_network_service(GATEWAY);
+  const PlainReply answer = call_network_service(CURRENT_GATEWAY);
   if (answer.status != MIB_SUCCESS) {
-    ORMEL_LOG(ERROR, ": mib_call failed method: %s ret: %d", GATEWAY, answer.status);
-    return fail_at(GATEWAY, reply);
+    ORMEL_LOG(ERROR, ": mib_call failed method: %s ret: %d", CURRENT_GATEWAY, answer.status);
+    return fail_at(CURRENT_GATEWAY, reply);
   }
   if (!answer.document) {
     ORMEL_LOG(ERROR, ": json load currentGWinfo, error=%s", answer.reason.c_str());
-    return unreadable(GATEWAY, answer);
+    return unreadable(CURRENT_GATEWAY, answer);
   }
   pass_on(json_deep_copy(answer.data()), reply);
   return {};
 }
 
 Outcome tell_rates(const Request&, JsonValue& reply) {
-  const PlainReply answer = call_network_service(RATES);
+  const PlainReply answer = call_network_service(INTERFACE_COUNTERS);
   if (answer.status != MIB_SUCCESS) {
-    ORMEL_LOG(ERROR, ": mib_call failed method: %s ret: %d", RATES, answer.status);
-    return fail_at(RATES, reply);
+    ORMEL_LOG(ERROR, ": mib_call failed method: %s ret: %d", INTERFACE_COUNTERS, answer.status);
+    return fail_at(INTERFACE_COUNTERS, reply);
   }
   if (!answer.document) {
     ORMEL_LOG(ERROR, ": json load failed reason:%s\nbuf=%s", answer.reason.c_str(), escape_json(answer.text).c_str());
-    return unreadable(RATES, answer);
+    return unreadable(INTERFACE_COUNTERS, answer);
   }
   pass_on(json_incref(answer.data()), reply);
   return {};

@@ -20,7 +20,7 @@ const json_t* first_gateway(const PlainReply& reply) {
 }
 
 PlainReply ask() {
-  return call_network_service("api.get_currentGWinfo");
+  return call_network_service(system::CURRENT_GATEWAY);
 }
 
 // The text of a value; empty, with `failure` in the log, for any other.

@@ -102,6 +102,7 @@ PlainReply plain_call(const char* service, const char* method, const json_t* req
   json_error_t error{};
   reply.document = Json{json_loadb(reply.text.data(), reply.text.size(), 0, &error)};
   reply.reason = error.text;
+  reply.line = error.line;
   return reply;
 }
 

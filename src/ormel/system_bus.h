@@ -36,7 +36,8 @@ struct PlainReply {
   int status = 0;        // of mib_call, or NO_IO
   std::string text{};    // as it came
   Json document{};       // null unless the text is JSON
-  std::string reason{};  // why it is none
+  std::string reason{};  // why it is none,
+  int line = 0;          // and where
 
   // What the reply carries; null when it carries nothing. It stays the reply's.
   [[nodiscard]] json_t* data() const { return json_object_get(document.get(), "data"); }
@@ -47,8 +48,10 @@ constexpr int NO_IO = -1;  // there was no memory to make a call with
 // One call of that kind; `request` may be null.
 [[nodiscard]] PlainReply plain_call(const char* service, const char* method, const json_t* request = nullptr);
 
-// The service that knows the appliance's networks.
+// The service that knows the appliance's networks, and those of its methods that several modules call.
 constexpr const char* NETWORK_SERVICE = "NetworkService";
+constexpr const char* CURRENT_GATEWAY = "api.get_currentGWinfo";
+constexpr const char* INTERFACE_COUNTERS = "interfaces_monitor.get_info_interfaces";
 
 // A number of a reply, integer or real, cut to a range. What is no number counts as 0.
 template <typename Integer>
