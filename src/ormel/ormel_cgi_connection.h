@@ -38,7 +38,7 @@ namespace ormel::cgi::connection {
 struct vpn_peer {
   std::time_t vpn_time = 0;    // of the login
   uint32_t vpn_type = 0;       // ormel::TYPE of the server
-  uint32_t vpn_pid_port = 0;   //
+  uint32_t vpn_pid_port = 0;   // NUMBER
   std::string vpn_eth{};       // interface; for OpenVPN a placeholder, for Drovik the client's identifier
   std::string vpn_user{};      // decoded
   std::string vpn_local{};     // our address in the tunnel

@@ -184,13 +184,9 @@ const char* optional_text(const Request& request, const char* name) {
   return request.has(name) ? request.value(name) : nullptr;
 }
 
-int number_or(const Request& request, const char* name, int fallback) {
-  return request.has(name) ? option::to_int(request.value(name)) : fallback;
-}
-
 int tell_logs(const Request& request, JsonValue& reply) {
-  const int limit = request.has("limit") ? std::clamp(number_or(request, "limit", 0), 1, LARGEST_LIMIT) : DEFAULT_LIMIT;
-  const int offset = std::max(number_or(request, "offset", 0), 0);
+  const int limit = request.has("limit") ? std::clamp(request.number("limit", 0), 1, LARGEST_LIMIT) : DEFAULT_LIMIT;
+  const int offset = std::max(request.number("offset", 0), 0);
   const char* const message = optional_text(request, "msg_id");
   const char* const start = optional_text(request, "start_time");
   const char* const end = optional_text(request, "end_time");

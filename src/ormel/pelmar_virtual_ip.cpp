@@ -1,6 +1,7 @@
 #include "ormel/pelmar_virtual_ip.h"
 
 #include <arpa/inet.h>
+#include <cstring>
 #include <vector>
 
 #include "ormel/config.h"
@@ -48,7 +49,7 @@ std::string suggestion_of(const json_t* root) {
   json_t* element = nullptr;
   json_array_foreach(json_object_get(root, "data"), index, element) {
     const char* const text = json_string_value(json_object_get(json_object_get(element, "data"), "sugIPNet"));
-    if (text && *text) return std::string(text).substr(0, std::string(text).find('/'));
+    if (text && *text) return {text, std::strcspn(text, "/")};
   }
   return "";
 }

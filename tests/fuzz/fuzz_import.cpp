@@ -50,7 +50,7 @@ void clear() {
   }
 }
 
-// The one line of a name outside of blocks.
+// How many lines begin so.
 size_t count(const std::string& lines, const std::string& start_of_line) {
   size_t found = 0;
   for (size_t at = 0; (at = lines.find('\n' + start_of_line, at)) != std::string::npos; ++at) ++found;
