@@ -140,30 +140,23 @@ int log_no_curl() {
   return ERR_CURL_FAIL;
 }
 
-// One request to the organisation center, which the log calls `name`. 0 or a code, logged.
-int ask_center(CloudOperation operation, const char* name, const char* failure, const std::string& body,
-               std::string& answer) {
+}  // namespace
+
+int get_organization_list(Json& out) {
   CloudValues values;
   if (get_cloudtoken(values.skarn_token) != NO_ERROR) {
     ORMEL_LOG(ERROR, "Failed to get cloud token");
     return ERR_PELMAR_GETCLOUDTOKEN;
   }
-  CloudCall call{operation, values};
+  CloudCall call{CloudOperation::LIST_ORGANIZATIONS, values};
   if (!call) return log_no_curl();
-  const int rc = call.perform(body, answer);
-  ORMEL_LOG(INFO, "%s API response: %s", name, answer.c_str());
-  if (rc == NO_ERROR) return NO_ERROR;
-  ORMEL_LOG(ERROR, "%s, easycurl error: %d", failure, rc);
-  return ERR_CURL_FAIL;
-}
-
-}  // namespace
-
-int get_organization_list(Json& out) {
   std::string answer;
-  const int rc = ask_center(CloudOperation::LIST_ORGANIZATIONS, "Organization list",
-                            "Failed to fetch organization list", "", answer);
-  if (rc != NO_ERROR) return rc;
+  const int rc = call.perform(answer);
+  ORMEL_LOG(INFO, "Organization list API response: %s", answer.c_str());
+  if (rc != NO_ERROR) {
+    ORMEL_LOG(ERROR, "Failed to fetch organization list, easycurl error: %d", rc);
+    return ERR_CURL_FAIL;
+  }
   const Json root = parse(answer);
   if (!root) return ERR_WRONG_JSON_FORMAT;
   const json_t* const result = json_object_get(root.get(), "result");
@@ -177,11 +170,19 @@ int get_organization_list(Json& out) {
 }
 
 int create_organization(const std::string& name, std::string& out_id) {
-  const std::string body = "{\"name\": \"" + name + "\", \"size\": \"" + EMPLOYEES + "\"}";
+  CloudValues values;
+  if (get_cloudtoken(values.skarn_token) != NO_ERROR) {
+    ORMEL_LOG(ERROR, "Failed to get cloud token");
+    return ERR_PELMAR_GETCLOUDTOKEN;
+  }
+  CloudCall call{CloudOperation::CREATE_ORGANIZATION, values};
+  if (!call) return log_no_curl();
   std::string answer;
-  const int rc = ask_center(CloudOperation::CREATE_ORGANIZATION, "Create organization", "Failed to create organization",
-                            body, answer);
-  return rc == NO_ERROR ? parse_creation(answer, out_id) : rc;
+  const int rc = call.perform("{\"name\": \"" + name + "\", \"size\": \"" + EMPLOYEES + "\"}", answer);
+  ORMEL_LOG(INFO, "Create organization API response: %s", answer.c_str());
+  if (rc == NO_ERROR) return parse_creation(answer, out_id);
+  ORMEL_LOG(ERROR, "Failed to create organization, easycurl error: %d", rc);
+  return ERR_CURL_FAIL;
 }
 
 int get_region_list(Json& out, const std::string& org_id) {
