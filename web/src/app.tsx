@@ -13,8 +13,8 @@ import { SdwanPage } from './pages/sdwan'
 import { ServersPage } from './pages/servers'
 import { go, place } from './router'
 import { session } from './session'
-import { language, setLanguage, t, type TextKey } from './texts'
-import { Button, Icon, Questions, Sayings, type IconName } from './ui'
+import { language, t, type TextKey } from './texts'
+import { Button, Icon, LanguageButton, Questions, Sayings, type IconName } from './ui'
 
 interface Page {
   name: string
@@ -81,14 +81,7 @@ function Shell() {
         </span>
         <span class="who">
           <span class="user">{session.login.value?.user}</span>
-          <button
-            type="button"
-            class="link"
-            lang={language.value === 'en' ? 'de' : 'en'}
-            onClick={() => setLanguage(language.value === 'en' ? 'de' : 'en')}
-          >
-            {t('language.other')}
-          </button>
+          <LanguageButton />
           <Button kind="quiet" icon="logout" label={t('logout')} onClick={() => void logOut()} />
         </span>
       </header>

@@ -46,20 +46,14 @@ export function decodeName(text: string): string {
   }
 }
 
-export const base64 = (text: string): string => {
-  let binary = ''
-  for (const byte of new TextEncoder().encode(text)) binary += String.fromCharCode(byte)
-  return btoa(binary)
-}
+// A text as what takes one character for a byte wants it.
+export const binary = (text: string): string => String.fromCharCode(...new TextEncoder().encode(text))
+export const base64 = (text: string): string => btoa(binary(text))
 
 export const byteLength = (text: string): number => new TextEncoder().encode(text).length
 
 export function clock(when: Date): string {
   return when.toLocaleTimeString(locale(), { hour: '2-digit', minute: '2-digit', second: '2-digit', hourCycle: 'h23' })
-}
-
-export function dateTime(seconds: number): string {
-  return new Date(seconds * 1000).toLocaleString(locale(), { dateStyle: 'medium', timeStyle: 'short' })
 }
 
 // A count with its noun in the right number.

@@ -1,7 +1,6 @@
 import { render } from 'preact'
 import './style.css'
 import { App } from './app'
-import './texts'
 
 const root = document.getElementById('app')
 if (root) render(<App />, root)

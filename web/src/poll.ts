@@ -64,6 +64,3 @@ export function usePoll<T>(ask: () => Promise<T>, interval: number, keys: readon
 
   return { ...state, refresh: () => again.current() }
 }
-
-// One question, and its answer when it comes.
-export const useOnce = <T>(ask: () => Promise<T>, keys: readonly unknown[] = []): Polled<T> => usePoll(ask, 0, keys)

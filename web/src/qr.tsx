@@ -1,6 +1,7 @@
 // A QR code as a picture of one path.
 import qrcode from 'qrcode-generator'
 import { useMemo } from 'preact/hooks'
+import { binary } from './format'
 
 const QUIET = 4 // modules around the code
 const MODULE = 4 // pixels, a whole number of them, so that all are alike
@@ -8,7 +9,7 @@ const MODULE = 4 // pixels, a whole number of them, so that all are alike
 export function QrCode({ text, label }: { text: string; label: string }) {
   const { size, path } = useMemo(() => {
     const code = qrcode(0, 'M')
-    code.addData(unescape8(text), 'Byte')
+    code.addData(binary(text), 'Byte')
     code.make()
     const count = code.getModuleCount()
     let out = ''
@@ -31,11 +32,4 @@ export function QrCode({ text, label }: { text: string; label: string }) {
       <path d={path} fill="#000" />
     </svg>
   )
-}
-
-// The library takes one character for a byte.
-function unescape8(text: string): string {
-  let out = ''
-  for (const byte of new TextEncoder().encode(text)) out += String.fromCharCode(byte)
-  return out
 }

@@ -3,7 +3,7 @@ import { signal } from '@preact/signals'
 import type { ComponentChildren, JSX } from 'preact'
 import { useEffect, useId, useRef, useState } from 'preact/hooks'
 import { explain } from './errors'
-import { t, type TextKey } from './texts'
+import { language, setLanguage, t, type TextKey } from './texts'
 
 // Lines of a 24 by 24 grid.
 const ICONS = {
@@ -62,6 +62,15 @@ export const Button = ({ onClick, kind = 'plain', busy, disabled, icon, label, s
     {children}
   </button>
 )
+
+export function LanguageButton() {
+  const other = language.value === 'en' ? 'de' : 'en'
+  return (
+    <button type="button" class="link" lang={other} onClick={() => setLanguage(other)}>
+      {t('language.other')}
+    </button>
+  )
+}
 
 export const Card = ({
   title,
@@ -370,5 +379,18 @@ export function useJob() {
     }
     setBusy('')
   }
-  return { busy, failure, run, clear: () => setFailure(null) }
+  return { busy, failure, run }
 }
+
+// The end of a form whose job "save" it is: what failed, what stands beside the button, the button.
+export const SaveRow = ({ job, children }: { job: ReturnType<typeof useJob>; children?: ComponentChildren }) => (
+  <>
+    <Failure failure={job.failure} />
+    <div class="row end">
+      {children}
+      <Button kind="primary" submit busy={job.busy === 'save'}>
+        {t('save')}
+      </Button>
+    </div>
+  </>
+)

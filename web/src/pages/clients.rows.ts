@@ -1,26 +1,13 @@
 // The form of each kind of tunnel to another server.
-import type { Choice, FieldRow, Values } from '../form'
+import type { FieldRow, Values } from '../form'
 import { base64, decodeName } from '../format'
 import { WIREGUARD_CLIENT, type ClientProfile } from '../model'
 import { address, all, atMost, endpoint, host, key, optional, range, required } from '../rules'
-import { t } from '../texts'
-
-const AUTHENTICATION: readonly Choice[] = [
-  ['2', 'MS-CHAPv2'],
-  ['3', 'MS-CHAP'],
-  ['4', 'CHAP'],
-  ['1', 'PAP'],
-]
-const STRENGTH = (): readonly Choice[] => [
-  ['2', t('enc.pptpHigh')],
-  ['1', t('enc.pptpMedium')],
-  ['0', t('enc.none')],
-]
+import { AUTHENTICATION, PORT, PPTP_STRENGTH } from './servers.rows'
 
 const NAME: FieldRow = { name: 'name', label: 'name', rule: all(required, atMost(600)) }
 const HOST: FieldRow = { name: 'host', label: 'client.host', rule: host, help: 'client.hostHelp' }
 const PSK: FieldRow = { name: 'psk', label: 'psk', kind: 'password', rule: all(required, atMost(128)) }
-const PORT: FieldRow = { name: 'port', label: 'port', kind: 'number', rule: range(1, 65535), limits: [1, 65535] }
 const AUTH: FieldRow = { name: 'auth', label: 'auth', choices: AUTHENTICATION, more: true }
 const RECONNECT: FieldRow = { name: 'reconnect', label: 'client.reconnect', kind: 'switch' }
 const MASK: FieldRow = {
@@ -38,7 +25,7 @@ const account = (isNew: boolean, needed: boolean): readonly FieldRow[] => [
 
 export function clientRows(type: number, isNew: boolean): readonly FieldRow[] {
   const rows: Record<number, readonly FieldRow[]> = {
-    256: [NAME, HOST, ...account(isNew, true), RECONNECT, AUTH, { name: 'enc', label: 'enc', choices: STRENGTH, more: true }, MASK],
+    256: [NAME, HOST, ...account(isNew, true), RECONNECT, AUTH, { name: 'enc', label: 'enc', choices: PPTP_STRENGTH, more: true }, MASK],
     512: [NAME, HOST, ...account(isNew, true), PSK, RECONNECT, AUTH, MASK],
     1024: [NAME, ...account(isNew, false), RECONNECT, MASK],
     4096: [NAME, HOST, PORT, ...account(isNew, true), PSK, RECONNECT, MASK],

@@ -18,13 +18,17 @@ import { ImportDialog } from './import'
 const PAUSE = 3_000
 const PATIENCE = 60 // seconds after which a tunnel that is still on its way is worth a word
 
-const TONES: readonly Tone[] = ['off', 'good', 'busy']
 const OFF = 0
 const CONNECTING = 2
 
 export const clientName = (one: ClientProfile): string =>
   one.type === WIREGUARD_CLIENT ? decodeName(one.profile) : one.profile
 const keyOf = (one: ClientProfile): string => `${one.type}-${one.index}`
+
+const TONES: readonly Tone[] = ['off', 'good', 'busy']
+export const StateBadge = ({ state }: { state: number }) => (
+  <Badge tone={TONES[state] ?? 'off'}>{t(STATES[state] ?? 'state.off')}</Badge>
+)
 const amount = (value: number | string): string => (typeof value === 'number' ? bytes(value) : value || bytes(0))
 
 type EditProps = { type: number; profile: ClientProfile | null; start?: Record<string, string>; onClose: () => void; onDone: () => void }
@@ -128,7 +132,7 @@ function ClientCard({ profile, admin, onEdit, onChanged }: ClientCardProps) {
         <h2>
           <bdi>{name}</bdi>
         </h2>
-        <Badge tone={TONES[state] ?? 'off'}>{t(STATES[state] ?? 'state.off')}</Badge>
+        <StateBadge state={state} />
       </header>
       <Facts
         rows={[

@@ -5,7 +5,7 @@ import { CLIENTS, labelOf, type ClientProfile } from '../model'
 import { usePoll } from '../poll'
 import { session } from '../session'
 import { t } from '../texts'
-import { Badge, Button, Card, Failure, Notice, Spinner, say, useJob } from '../ui'
+import { Badge, Card, Failure, Notice, SaveRow, Spinner, say, useJob } from '../ui'
 import { clientName } from './clients'
 import { gatewayName, type Gateway } from './overview'
 
@@ -86,12 +86,7 @@ function Policy({ setting, clients, onSaved }: { setting: Setting; clients: read
     <form onSubmit={(event) => void save(event)} noValidate>
       <Fields rows={rows} form={form} />
       {clients.length === 0 && <Notice>{t('gateway.noTunnels')}</Notice>}
-      <Failure failure={job.failure} />
-      <div class="row end">
-        <Button kind="primary" submit busy={job.busy === 'save'}>
-          {t('save')}
-        </Button>
-      </div>
+      <SaveRow job={job} />
     </form>
   )
 }

@@ -49,7 +49,7 @@ const upload = (one: Candidate, wanted: readonly Companion[]): Form => {
   return form
 }
 
-// The upload with which the appliance's answer speaks of a file that the profile names and that was not brought.
+// The program's own names of the two lists, which say the opposite.
 interface FilesAnswer {
   missing?: string[] // brought, and not named
   excessive?: string[] // named, and not brought

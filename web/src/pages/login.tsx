@@ -3,8 +3,8 @@ import { useState } from 'preact/hooks'
 import { ApiError, callOnce } from '../api'
 import { explain } from '../errors'
 import { session } from '../session'
-import { language, setLanguage, t } from '../texts'
-import { Button, Dialog, Field, Notice } from '../ui'
+import { t } from '../texts'
+import { Button, Dialog, Field, LanguageButton, Notice } from '../ui'
 
 const TOO_MANY = 429
 
@@ -82,9 +82,7 @@ export const LoginPage = () => (
       <p class="lead">{t('login.lead')}</p>
       <LoginForm />
       <p class="row end">
-        <button type="button" class="link" onClick={() => setLanguage(language.value === 'en' ? 'de' : 'en')}>
-          {t('language.other')}
-        </button>
+        <LanguageButton />
       </p>
     </div>
   </main>

@@ -5,14 +5,14 @@ import { call, data } from '../api'
 import { duration, rate } from '../format'
 import type { Curve } from '../graph'
 import {
-  CLIENTS, PROTOCOLS, SERVERS, STATES, labelOf, liveCount,
+  CLIENTS, PROTOCOLS, SERVERS, WIREGUARD, labelOf, liveCount, protocolOf,
   type ClientProfile, type Connection, type Peer, type Profile, type ServerProfile,
 } from '../model'
 import { usePoll } from '../poll'
 import { t } from '../texts'
 import { History, traffic, type InterfaceRate } from '../traffic'
-import { Badge, Card, Empty, Failure, Spinner, type Tone } from '../ui'
-import { clientName } from './clients'
+import { Badge, Card, Empty, Failure, Spinner } from '../ui'
+import { StateBadge, clientName } from './clients'
 import { type LogEvent, eventWords } from './logs'
 
 const LIVE = 2_000 // milliseconds between two looks at what moves fast
@@ -22,8 +22,6 @@ const SAMPLES = 150 // five minutes of them
 const EVENTS = 6
 
 const history = new History(SAMPLES) // goes on where it was when one comes back to the page
-
-export const STATE_TONES: readonly Tone[] = ['off', 'good', 'busy']
 
 export interface Gateway {
   type: number
@@ -97,7 +95,7 @@ export function OverviewPage() {
   const peers = (profiles.find((one) => Array.isArray(one['peers']))?.['peers'] ?? []) as Peer[]
   const on = servers.filter((one) => one.enable).length
   const up = clients.filter((one) => one.status === 1).length
-  const wireguard = liveCount(32, connections, peers)
+  const wireguard = liveCount(WIREGUARD, connections, peers)
 
   return (
     <>
@@ -114,7 +112,7 @@ export function OverviewPage() {
           <ul class="rows">
             {servers.map((one) => (
               <li key={one.type}>
-                <a href={`#/servers/${PROTOCOLS.find((row) => row.server === one.type)?.id ?? ''}`}>{labelOf(one.type)}</a>
+                <a href={`#/servers/${protocolOf(one.type)?.id ?? ''}`}>{labelOf(one.type)}</a>
                 <span class="soft">{t('overview.live', { n: liveCount(one.type, connections, peers) })}</span>
                 <Badge tone={one.enable ? 'good' : 'off'}>{t(one.enable ? 'server.on' : 'server.off')}</Badge>
               </li>
@@ -128,7 +126,7 @@ export function OverviewPage() {
               <li key={`${one.type}-${one.index}`}>
                 <bdi class="name">{clientName(one)}</bdi>
                 <span class="soft">{labelOf(one.type)}</span>
-                <Badge tone={STATE_TONES[one.status] ?? 'off'}>{t(STATES[one.status] ?? 'state.off')}</Badge>
+                <StateBadge state={one.status} />
               </li>
             ))}
           </ul>

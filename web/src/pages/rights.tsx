@@ -7,7 +7,7 @@ import { PROTOCOLS, WIREGUARD, type Connection } from '../model'
 import { usePoll } from '../poll'
 import { page } from '../rules'
 import { t } from '../texts'
-import { Button, Card, Empty, Failure, Pager, Spinner, Table, Tabs, confirm, say, useJob } from '../ui'
+import { Button, Card, Empty, Failure, Pager, SaveRow, Spinner, Table, Tabs, confirm, say, useJob } from '../ui'
 
 const SIZE = 15
 const PAUSE = 10_000
@@ -170,12 +170,7 @@ function Policy({ blocks, onSaved }: { blocks: Blocks; onSaved: () => void }) {
     <form onSubmit={(event) => void save(event)}>
       <Fields rows={POLICY} form={form} />
       <p class="help">{t('block.lifts')}</p>
-      <Failure failure={job.failure} />
-      <div class="row end">
-        <Button kind="primary" submit busy={job.busy === 'save'}>
-          {t('save')}
-        </Button>
-      </div>
+      <SaveRow job={job} />
     </form>
   )
 }

@@ -1,17 +1,18 @@
 // The form of each server, and what stands in the way of two of them being on together.
 import type { Choice, FieldRow, Values } from '../form'
 import { decodeName } from '../format'
-import { PROTOCOLS, WIREGUARD, type Profile, type ServerProfile } from '../model'
+import { OPENVPN, WIREGUARD, labelOf, type Profile, type ServerProfile } from '../model'
 import { address, all, atMost, key, optional, parseAddress, pool, range, required } from '../rules'
 import { t } from '../texts'
 
-const AUTHENTICATION: readonly Choice[] = [
+// Of PPP, for servers and clients.
+export const AUTHENTICATION: readonly Choice[] = [
   ['2', 'MS-CHAPv2'],
   ['3', 'MS-CHAP'],
   ['4', 'CHAP'],
   ['1', 'PAP'],
 ]
-const PPTP_STRENGTH = (): readonly Choice[] => [
+export const PPTP_STRENGTH = (): readonly Choice[] => [
   ['2', t('enc.pptpHigh')],
   ['1', t('enc.pptpMedium')],
   ['0', t('enc.none')],
@@ -30,7 +31,7 @@ const most = (limit: number): FieldRow => ({
 const mss = (limit: number): FieldRow => ({
   name: 'mss', label: 'server.mss', kind: 'number', rule: range(1000, limit), limits: [1000, limit], more: true,
 })
-const PORT: FieldRow = { name: 'port', label: 'port', kind: 'number', rule: range(1, 65535), limits: [1, 65535] }
+export const PORT: FieldRow = { name: 'port', label: 'port', kind: 'number', rule: range(1, 65535), limits: [1, 65535] }
 const PSK: FieldRow = {
   name: 'psk', label: 'psk', kind: 'secret', rule: all(required, atMost(128)), help: 'server.pskHelp',
 }
@@ -97,7 +98,7 @@ interface Range {
   mask: number
 }
 const rangeOf = (type: number, values: Readonly<Record<string, unknown>>): Range => {
-  const label = PROTOCOLS.find((one) => one.server === type)?.label ?? ''
+  const label = labelOf(type)
   return type === WIREGUARD
     ? { label, address: String(values['server_ip']), mask: Number(values['server_mask']) }
     : { label, address: String(values['ip_pool']), mask: NETWORK_BITS }
@@ -111,7 +112,7 @@ const overlaps = (a: Range, b: Range): boolean => {
 // Transport and port that a server listens on, where one can choose.
 const doorOf = (type: number, values: Readonly<Record<string, unknown>>): string | null => {
   if (values['port'] === undefined) return null
-  return `${type === 4 ? String(values['proto']).toUpperCase() : 'UDP'} ${String(values['port'])}`
+  return `${type === OPENVPN ? String(values['proto']).toUpperCase() : 'UDP'} ${String(values['port'])}`
 }
 
 // In words, what keeps a server with these values from being on beside those that are.

@@ -9,7 +9,7 @@ import {
 import { usePoll } from '../poll'
 import { place } from '../router'
 import { t } from '../texts'
-import { Badge, Button, Card, Failure, Notice, Spinner, confirm, say, useJob } from '../ui'
+import { Badge, Button, Card, Failure, Notice, SaveRow, Spinner, confirm, say, useJob } from '../ui'
 import { Peers } from './peers'
 import { conflicts, serverRows, serverValues } from './servers.rows'
 
@@ -103,18 +103,14 @@ function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; 
         <Notice key={text}>{text}</Notice>
       ))}
       {profile.enable && dropped > 0 && <Notice>{count(dropped, 'server.willDropOne', 'server.willDrop')}</Notice>}
-      <Failure failure={job.failure} />
-      <div class="row end">
+      <SaveRow job={job}>
         {job.busy === 'save' && <span class="soft">{t('server.working')}</span>}
         {profile.type === WIREGUARD && (
           <Button busy={job.busy === 'key'} onClick={() => void makeKey()}>
             {t('server.newKey')}
           </Button>
         )}
-        <Button kind="primary" submit busy={job.busy === 'save'}>
-          {t('save')}
-        </Button>
-      </div>
+      </SaveRow>
     </form>
   )
 }
