@@ -16,7 +16,6 @@ DAEMON=/usr/lib/fenro/morvic
 connect() {
   disconnect
   client_known "$section" || die "[$section] no such profile"
-  # shellcheck disable=SC2154 # client_slot sets slot, unit and interface
   "$DAEMON" "$section" "$interface" "$pid_file" </dev/null 9>&- || die "[$section] the tunnel cannot start"
 }
 
@@ -27,11 +26,6 @@ disconnect() {
   client_down "$section"
 }
 
-case "$#/${1-}" in
-  2/connect | 2/disconnect) ;;
-  *) die 'usage: connect|disconnect INDEX' ;;
-esac
-section=DROVIK_CLIENT$2
-client_slot "$section" || die "not a profile index: '$2'"
+client_script DROVIK_CLIENT 'connect disconnect' "$@"
 pid_file=$RUN_DIR/drovikclient$slot.pid
 with_lock "drovikclient$slot" "$1"

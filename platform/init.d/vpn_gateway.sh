@@ -13,14 +13,18 @@
 . /usr/lib/fenro/vpn_firewall.sh
 
 TABLE=3500 # above the tables of the tunnels themselves
-AROUND=24000
-KNOWN=24001
-THROUGH=24002
+# Two places for the rules: new ones stand before the old ones go, so that nothing leaves by the host's own route between.
+PLACES='24000 24010'
+# Priorities in a place
+AROUND=0
+KNOWN=1
+THROUGH=2
 MARK=$RUN_DIR/gateway
 
+# rules_remove PLACE: first what leads into the tunnel, last what leads around it.
 rules_remove() {
-  local priority
-  for priority in $AROUND $KNOWN $THROUGH; do server_routes_remove "$priority"; done
+  local offset
+  for offset in $THROUGH $KNOWN $AROUND; do server_routes_remove $(($1 + offset)); done
 }
 
 # The servers of all client profiles; a name that was resolved stands beside it.
@@ -35,12 +39,24 @@ own_addresses() {
   ip -oneline -4 address show | awk '$2 !~ /^(lo|ppp|tun|dtun|wg)/ { sub("/.*", "", $4); print $4 }' | sort -u
 }
 
-# One run of ip for all rules: a host with many profiles has many.
+# rules PLACE, for one run of ip: a host with many profiles has many.
 rules() {
-  tunnel_servers | while read -r address; do printf 'rule add to %s lookup main priority %s\n' "$address" $AROUND; done
-  own_addresses | while read -r address; do printf 'rule add from %s lookup main priority %s\n' "$address" $AROUND; done
-  printf 'rule add lookup main suppress_prefixlength 0 priority %s\n' $KNOWN
-  printf 'rule add lookup %s priority %s\n' $TABLE $THROUGH
+  local around=$(($1 + AROUND)) known=$(($1 + KNOWN)) through=$(($1 + THROUGH))
+  tunnel_servers | while read -r address; do printf 'rule add to %s lookup main priority %s\n' "$address" $around; done
+  own_addresses | while read -r address; do printf 'rule add from %s lookup main priority %s\n' "$address" $around; done
+  printf 'rule add lookup main suppress_prefixlength 0 priority %s\n' $known
+  printf 'rule add lookup %s priority %s\n' $TABLE $through
+}
+
+# The last rule of a place is added last: where it stands, all stand.
+rules_renew() {
+  local new="${PLACES% *}" old="${PLACES#* }"
+  if [ -n "$(ip rule show priority $((new + THROUGH)))" ]; then
+    new=$old
+    old=${PLACES% *}
+  fi
+  rules_remove "$new"
+  rules "$new" | ip -batch - && rules_remove "$old"
 }
 
 nat_rules() {
@@ -59,14 +75,14 @@ start() {
   mkdir -p "$RUN_DIR"
   [ ! -s "$MARK" ] || [ "$(cat "$MARK")" = "$1" ] || nat "$(cat "$MARK")" 0 # iptables' rule names its interface
   write_file "$MARK" printf '%s\n' "$1" || die 'no mark can be written'
-  rules_remove
-  rules | ip -batch - || die "$1: the kernel refuses the rules"
+  rules_renew || die "$1: the kernel refuses the rules"
   ip route replace default dev "$1" table $TABLE || die "$1: no route through it"
   nat "$1" "$2" || die "$1: no source NAT, neither nftables nor iptables does it here"
 }
 
 stop() {
-  rules_remove
+  local place
+  for place in $PLACES; do rules_remove "$place"; done
   ip route flush table $TABLE 2>/dev/null || :
   [ ! -s "$MARK" ] || nat "$(cat "$MARK")" 0
   rm -f "$MARK"

@@ -75,13 +75,7 @@ start() {
   }
 }
 
-case "$#/${1-}" in
-  2/start | 2/stop) ;;
-  *) die 'usage: start|stop INDEX' ;;
-esac
-section=L2TP_CLIENT$2
-client_slot "$section" || die "not a profile index: '$2'"
-# shellcheck disable=SC2154 # client_slot sets slot
+client_script L2TP_CLIENT 'start stop' "$@"
 name=l2tpclient$slot
 peer_file=$PEERS_DIR/$name conf=$RUN_DIR/$name.conf local_port=$((LOCAL_PORTS + slot))
 with_lock "$name" "$1"

@@ -84,13 +84,7 @@ redial() {
   ! is_true "$(vpn_get "$section" Reconnect 1)" || start
 }
 
-case "$#/${1-}" in
-  2/start | 2/stop | 2/redial) ;;
-  *) die 'usage: start|stop|redial INDEX' ;;
-esac
-section=OPENVPN_CLIENT$2
-client_slot "$section" || die "not a profile index: '$2'"
-# shellcheck disable=SC2154 # client_slot sets slot, unit and interface
+client_script OPENVPN_CLIENT 'start stop redial' "$@"
 profile=$OVPN_CLIENTS/client$slot
 pid_file=/var/run/openvpn.client$slot.pid
 socket=/tmp/openvpn.client$slot.sock

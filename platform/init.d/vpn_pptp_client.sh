@@ -51,12 +51,6 @@ start() {
   "$DAEMON" file "$peer_file" </dev/null >/dev/null 2>&1 9>&- || die "[$section] pppd refuses to start"
 }
 
-case "$#/${1-}" in
-  2/start | 2/stop) ;;
-  *) die 'usage: start|stop INDEX' ;;
-esac
-section=PPTP_CLIENT$2
-client_slot "$section" || die "not a profile index: '$2'"
-# shellcheck disable=SC2154 # client_slot sets slot
+client_script PPTP_CLIENT 'start stop' "$@"
 peer_file=$PEERS_DIR/pptpclient$slot
 with_lock "pptpclient$slot" "$1"

@@ -106,10 +106,5 @@ stop() {
 
 remove() { stop; }
 
-case "$#/${1-}" in
-  2/start | 2/stop | 2/remove) ;;
-  *) die 'usage: start|stop|remove INDEX' ;;
-esac
-section=WG_CLIENT$2
-client_slot "$section" || die "not a profile index: '$2'"
+client_script WG_CLIENT 'start stop remove' "$@"
 with_lock "wireguardclient$slot" "$1"

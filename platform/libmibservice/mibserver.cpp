@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <exception>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -11,6 +10,7 @@
 #include <sys/socket.h>
 #include <utility>
 
+#include "common/end_signals.h"
 #include "libmibservice/notify_ready.h"
 #include "libmibservice/wire.h"
 
@@ -29,10 +29,7 @@ constexpr std::size_t CHUNK = std::size_t{64} << 10;
 class EndSignals {
  public:
   EndSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    sigaddset(&set, SIGINT);
+    const sigset_t set = end_signals();
     pthread_sigmask(SIG_BLOCK, &set, &old_);
     fd_ = Fd{signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK)};
   }

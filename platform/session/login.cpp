@@ -22,6 +22,7 @@
 #include <fenro/event_log.h>
 #include <fenro/mibservice.h>
 
+#include "common/argv.h"
 #include "common/handle.h"
 #include "libfenro/user.h"
 #include "session/login_form.h"
@@ -92,12 +93,8 @@ std::optional<std::string> session_tool(std::vector<std::string> words, const st
   const MibIo in{mib_io_create()}, out{mib_io_create()}, err{mib_io_create()};
   for (const char* name : {"QUERY_STRING", "REQUEST_URI"}) unsetenv(name);  // they may hold a session id
   words.insert(words.begin(), SESSION_TOOL);
-  std::vector<char*> argv;
-  argv.reserve(words.size() + 1);
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
   if (!in || mib_io_write(in.get(), input.data(), input.size()) != static_cast<int>(input.size())) return {};
-  if (mib_io_execv(in.get(), out.get(), err.get(), argv.data()) != 0) return {};
+  if (mib_io_execv(in.get(), out.get(), err.get(), fenro::argv_of(words).data()) != 0) return {};
   std::size_t length = 0;
   const char* const text = mib_io_read(out.get(), &length);
   const std::string_view printed{text, length};

@@ -101,6 +101,11 @@ TEST_F(GatewayHost, MovesToTheSecondTunnelAndBack) {
   EXPECT_NE(shell("nft list table ip fenro_gateway").out.find("tun2001"), std::string::npos);
   EXPECT_EQ(vpn_gw(), R"({"data":{"index":1,"type":1024},"error":0})");
   EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "203.0.113.9"}).status, 0);
+  shell("touch /tmp/watch; while [ -e /tmp/watch ]; do ip route get 203.0.113.9; done >/tmp/ways 2>&1 &");
+  for (int i = 0; i < 3; ++i) bus("NetworkService", "external_dev.update_vpn_gw");
+  shell("rm /tmp/watch");
+  EXPECT_THAT(read("/tmp/ways"), AllOf(HasSubstr(" dev tun2001 "), Not(HasSubstr("eth0"))))
+      << "while the rules are renewed";
   EXPECT_NE(shell("ip route get 192.168.77.254").out.find("eth0"), std::string::npos) << "what is near stays near";
   EXPECT_NE(shell("ip route get 203.0.113.9 from 192.168.77.1").out.find("eth0"), std::string::npos)
       << "an answer leaves by the way on which the question came";

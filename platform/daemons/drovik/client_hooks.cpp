@@ -4,8 +4,8 @@
 #include <csignal>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <vector>
 
+#include "common/argv.h"
 #include "daemons/drovik/log.h"
 
 namespace fenro::drovik {
@@ -16,10 +16,7 @@ constexpr const char* DOWN = "/usr/lib/fenro/drovik-client-down";
 
 // With an empty environment and no signal blocked.
 bool run(std::vector<std::string> words) {
-  std::vector<char*> argv;
-  argv.reserve(words.size() + 1);
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
+  const std::vector<char*> argv = argv_of(words);
   char* const environment[] = {nullptr};
   sigset_t none;
   sigemptyset(&none);

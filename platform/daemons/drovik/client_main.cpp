@@ -2,7 +2,6 @@
 // background at once; the file holds its pid and is locked as long as it runs. Whoever looks for tunnels in /proc takes
 // the profile's number from the file's name.
 
-#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 #include <memory>
@@ -11,6 +10,7 @@
 #include <sys/file.h>
 #include <sys/signalfd.h>
 
+#include "common/end_signals.h"
 #include "common/handle.h"
 #include "daemons/drovik/background.h"
 #include "daemons/drovik/client.h"
@@ -43,16 +43,6 @@ Fd take_pid_file(const char* path) {
   return fd;
 }
 
-// Blocked before threads are made, which inherit it.
-Fd end_signals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  return Fd{signalfd(-1, &set, SFD_CLOEXEC)};
-}
-
 int fail(const char* what) {
   log_line(LOG_ERR, "%s", what);
   return 1;
@@ -72,7 +62,9 @@ int connect(const char* section, const char* interface, const char* pid_file) {
   if (!dtls || identifier.empty()) return fail("OpenSSL refuses the key or the cipher");
   Tun tun;
   if (!tun.open(interface)) return fail("no interface, which takes /dev/net/tun");
-  const Fd signals = end_signals();
+  block_end_signals();
+  const sigset_t ends = end_signals();
+  const Fd signals{signalfd(-1, &ends, SFD_CLOEXEC)};
   ClientHooks hooks{section, interface};
   TunnelClient client{*settings, *dtls, std::move(tun), identifier, hooks};
   background.ready();

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 
+#include "common/end_signals.h"
 #include "common/file.h"
 #include "common/handle.h"
 #include "daemons/drovik/background.h"
@@ -24,16 +25,6 @@ constexpr const char* SERVICE = "MorviServer";
 constexpr const char* INTERFACE = "dtuns0";
 constexpr const char* RESOLVER = "/etc/resolv.conf";
 using Conf = std::unique_ptr<Conf_dir, FreeWith<Conf_Dir_Free>>;
-
-// The threads that follow must not be the ones that these strike.
-void block_signals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);
-}
 
 std::optional<ServerSettings> settings_of(const char* section) {
   const Conf conf{Conf_Dir_Load(VPN_CONF)};
@@ -77,7 +68,8 @@ int serve(const char* section) {
   }
   UdpSocket socket;
   Tun tun;
-  block_signals();
+  block_end_signals();
+  std::signal(SIGPIPE, SIG_IGN);
   if (!open_devices(*settings, socket, tun)) return 1;
   TunnelServer server{*settings, *dtls, std::move(socket), std::move(tun), may_enter};
   server.attach(bus);

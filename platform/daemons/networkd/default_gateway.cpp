@@ -1,12 +1,11 @@
 #include "daemons/networkd/default_gateway.h"
 
-#include <algorithm>
-#include <memory>
 #include <unistd.h>
 
 #include <fenro/mibservice.h>
 
-#include "common/handle.h"
+#include "common/argv.h"
+#include "daemons/networkd/interfaces.h"
 
 namespace fenro::networkd {
 namespace {
@@ -18,13 +17,7 @@ constexpr const char* MARK = "/run/fenro/gateway";  // the script's, there while
 // Whether all of it could be done. What could not, the script tells the journal.
 bool run_script(std::vector<std::string> words) {
   words.insert(words.begin(), SCRIPT);
-  std::vector<char*> argv;
-  argv.reserve(words.size() + 1);
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  const std::unique_ptr<mib_io, FreeWith<mib_io_free>> out{mib_io_create()};
-  const std::unique_ptr<mib_io, FreeWith<mib_io_free>> errors{mib_io_create()};
-  return out && errors && mib_io_execv(nullptr, out.get(), errors.get(), argv.data()) == 0;
+  return mib_io_execv(nullptr, nullptr, nullptr, argv_of(words).data()) == 0;
 }
 
 }  // namespace
@@ -48,8 +41,8 @@ DefaultGateway::Route DefaultGateway::wanted(const std::vector<Link>& links, con
   const Chosen chosen = choice_.choose(policy_, first, second, now);
   if (chosen == Chosen::NONE) return {};
   const std::string& interface = chosen == Chosen::FIRST ? policy_.first : policy_.second;
-  const auto link = std::find_if(links.begin(), links.end(), [&](const Link& one) { return one.name == interface; });
-  return link == links.end() ? Route{} : Route{interface, link->index, policy_.snat};
+  const Link* const link = find_link(links, interface);
+  return link ? Route{interface, link->index, policy_.snat} : Route{};
 }
 
 void DefaultGateway::look(const std::vector<Link>& links, const std::vector<Address>& addresses) {

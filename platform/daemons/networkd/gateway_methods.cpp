@@ -22,17 +22,6 @@ bool default_routes(std::vector<Route>& out) {
   return true;
 }
 
-Json addresses_of(const Link& link, const std::vector<Address>& addresses) {
-  Json list{json_array()};
-  for (const Address& address : addresses) {
-    if (address.index != link.index) continue;
-    const std::uint32_t mask = ~Ipv4Network{0, address.prefix}.last();
-    json_array_append_new(
-        list.get(), json_pack("{s:s, s:s}", "ip", dotted(address.local).c_str(), "netmask", dotted(mask).c_str()));
-  }
-  return list;
-}
-
 std::string profile_name(const State& state, const std::string& interface) {
   const std::string key = tunnel_key(interface);
   const Json devices = state.devices.list(key);

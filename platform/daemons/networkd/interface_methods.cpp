@@ -31,11 +31,6 @@ Json describe_all(const std::vector<Link>& links, Chosen chosen) {
   return all;
 }
 
-Json describe(const Address& address) {
-  const std::uint32_t mask = ~Ipv4Network{0, address.prefix}.last();
-  return Json{json_pack("{s:s, s:s}", "ip", dotted(address.local).c_str(), "netmask", dotted(mask).c_str())};
-}
-
 // The link that a request asks for, among all of them. False with `failure` to answer.
 bool find_asked(const json_t* request, std::vector<Link>& links, const Link*& asked, Answer& failure) {
   const json_t* index = json_object_get(request, "ifindex");
@@ -78,10 +73,7 @@ Answer get_interface_status(State&, const json_t* request) {
 
   Json status = describe(*link);
   json_object_set_new(status.get(), "max_speed", json_integer(speed_of(*link)));
-  json_t* list = json_array();
-  json_object_set_new(status.get(), "IPv4", list);
-  for (const Address& address : addresses)
-    if (address.index == link->index) json_array_append_new(list, describe(address).release());
+  json_object_set_new(status.get(), "IPv4", addresses_of(*link, addresses).release());
   return succeed(std::move(status));
 }
 

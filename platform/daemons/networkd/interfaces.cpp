@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "common/handle.h"
+#include "daemons/networkd/ipv4_network.h"
 #include "daemons/networkd/local_networks.h"
 
 namespace fenro::networkd {
@@ -23,6 +24,12 @@ constexpr Kind KINDS[] = {
     {"bond", BOND}, {"bridge", BRIDGE}, {"openvswitch", BRIDGE},
     {"team", BOND}, {"vlan", "vlan"},   {"veth", "ethernet"},  // all that a contained host has for a cable
 };
+
+template <typename Matches>
+const Link* first_link(const std::vector<Link>& links, Matches matches) {
+  const auto found = std::find_if(links.begin(), links.end(), matches);
+  return found == links.end() ? nullptr : &*found;
+}
 
 bool is_wireless(const Link& link) {
   return access((DEVICES + link.name + "/wireless").c_str(), F_OK) == 0;
@@ -51,9 +58,22 @@ long speed_of(const Link& link) {
 }
 
 const Link* find_link(const std::vector<Link>& links, int index) {
-  const auto found =
-      std::find_if(links.begin(), links.end(), [index](const Link& link) { return link.index == index; });
-  return found == links.end() ? nullptr : &*found;
+  return first_link(links, [index](const Link& link) { return link.index == index; });
+}
+
+const Link* find_link(const std::vector<Link>& links, const std::string& name) {
+  return first_link(links, [&name](const Link& link) { return link.name == name; });
+}
+
+Json addresses_of(const Link& link, const std::vector<Address>& addresses) {
+  Json list{json_array()};
+  for (const Address& address : addresses) {
+    if (address.index != link.index) continue;
+    const std::uint32_t mask = ~Ipv4Network{0, address.prefix}.last();
+    json_array_append_new(
+        list.get(), json_pack("{s:s, s:s}", "ip", dotted(address.local).c_str(), "netmask", dotted(mask).c_str()));
+  }
+  return list;
 }
 
 }  // namespace fenro::networkd

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/json.h"
 #include "daemons/networkd/rtnetlink.h"
 
 namespace fenro::networkd {
@@ -22,7 +23,11 @@ inline constexpr std::string_view BOND = "bond";
 // In Mbit/s as the driver tells it, 0 where it does not.
 [[nodiscard]] long speed_of(const Link& link);
 
-// The link of that index, or null.
+// The link of that index or name, which belongs to `links`; null if there is none.
 [[nodiscard]] const Link* find_link(const std::vector<Link>& links, int index);
+[[nodiscard]] const Link* find_link(const std::vector<Link>& links, const std::string& name);
+
+// The link's own among all addresses, as replies have them: an array of objects with "ip" and "netmask".
+[[nodiscard]] Json addresses_of(const Link& link, const std::vector<Address>& addresses);
 
 }  // namespace fenro::networkd

@@ -7,6 +7,7 @@
 
 #include "daemons/networkd/gateway_methods.h"
 #include "daemons/networkd/interface_methods.h"
+#include "daemons/networkd/interfaces.h"
 #include "daemons/networkd/ipv4_network.h"
 #include "daemons/networkd/local_networks.h"
 #include "daemons/networkd/rtnetlink.h"
@@ -45,9 +46,8 @@ Answer check_access_internet(State& state, const json_t* request) {
   std::vector<Link> links;
   if (name == nullptr) return fail(ERROR_REQUEST, "ifname is missing");
   if (!list_links(links)) return fail(ERROR_REQUEST, "no answer from the kernel");
-  const bool up =
-      std::any_of(links.begin(), links.end(), [&](const Link& link) { return link.running && link.name == name; });
-  if (!up) return fail(ERROR_REQUEST, "the interface is not up");
+  const Link* const link = find_link(links, name);
+  if (!link || !link->running) return fail(ERROR_REQUEST, "the interface is not up");
   switch (state.internet.ask()) {
     case InternetCheck::State::REACHED: return succeed(json_text(""));
     case InternetCheck::State::WORKING: return fail(ERROR_WORKING, "the check is at work");

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include "common/handle.h"
+#include "daemons/networkd/interfaces.h"
 #include "daemons/networkd/ipv4_network.h"
 
 namespace fenro::networkd {
@@ -42,10 +43,9 @@ std::uint32_t far_end(const Address& address) {
 
 Health TunnelWatch::look(const std::string& interface, const std::vector<Link>& links,
                          const std::vector<Address>& addresses, Clock::time_point now) {
-  const auto link = std::find_if(links.begin(), links.end(), [&](const Link& one) { return one.name == interface; });
-  const auto address = link == links.end() ? addresses.end()
-                                           : std::find_if(addresses.begin(), addresses.end(),
-                                                          [&](const Address& one) { return one.index == link->index; });
+  const Link* const link = find_link(links, interface);
+  const auto address = std::find_if(addresses.begin(), addresses.end(),
+                                    [link](const Address& one) { return link && one.index == link->index; });
   if (address == addresses.end() || !link->running) {
     seen_.erase(interface);
     return Health::ABSENT;

@@ -1,9 +1,9 @@
 // pelmar-agentd: the services "ormel_network_service" and "pelmar_expressd" on the bus, each in a thread of its own, so
 // that a slow cloud does not keep the one waiting for the other.
-#include <csignal>
 #include <cstdio>
 #include <thread>
 
+#include "common/end_signals.h"
 #include "common/file.h"
 #include "daemons/pelmar/member_files.h"
 #include "daemons/pelmar/methods.h"
@@ -14,15 +14,6 @@ constexpr const char* NETWORK_SERVICE = "ormel_network_service";
 constexpr const char* EXPRESS_SERVICE = "pelmar_expressd";
 constexpr const char* LINKS_FOLDER = "/run/fenro/pelmar";
 constexpr const char* LINKS_FILE = "/run/fenro/pelmar/links";
-
-// No thread but those of the services takes them, by the descriptors that they have for it.
-void block_end_signals() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
-}
 
 }  // namespace
 

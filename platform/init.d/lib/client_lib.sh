@@ -21,6 +21,19 @@ client_slot() {
   return 1
 }
 
+# client_script PREFIX ACTIONS ARGUMENT...: the command line of a client's script, one of ACTIONS and the index of a profile.
+# Sets section, which begins with PREFIX, and what client_slot sets.
+client_script() {
+  local prefix="$1" actions="$2"
+  shift 2
+  case "$#/ $actions " in
+    "2/"*" ${1-} "*) ;;
+    *) die "usage: $(printf '%s' "$actions" | tr ' ' '|') INDEX" ;;
+  esac
+  section=$prefix$2
+  client_slot "$section" || die "not a profile index: '$2'"
+}
+
 # A profile may be gone by now; setting a key would bring a part of its section back.
 client_known() { [ -n "$(vpn_get "$1" Index)" ]; }
 

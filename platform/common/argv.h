@@ -1,0 +1,18 @@
+// The arguments of a program, as the calls that start one take them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace fenro {
+
+// A pointer to each word, and a null behind them; good for as long as nobody changes `words`.
+[[nodiscard]] inline std::vector<char*> argv_of(std::vector<std::string>& words) {
+  std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  return argv;
+}
+
+}  // namespace fenro
