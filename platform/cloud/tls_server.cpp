@@ -21,7 +21,7 @@ constexpr std::size_t PIECE = 16384;
 constexpr timeval PATIENCE{5, 0};  // for a client that says nothing
 constexpr int BACKLOG = 64;
 
-std::string trimmed_lower(std::string text) {
+std::string lower(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
   return text;
 }
@@ -45,7 +45,7 @@ bool parse_head(const std::string& head, HttpRequest& request) {
     const std::size_t colon = line.find(':');
     if (colon != std::string::npos) {
       const std::size_t value = line.find_first_not_of(' ', colon + 1);
-      request.headers[trimmed_lower(line.substr(0, colon))] = value == std::string::npos ? "" : line.substr(value);
+      request.headers[lower(line.substr(0, colon))] = value == std::string::npos ? "" : line.substr(value);
     }
     at = end;
   }

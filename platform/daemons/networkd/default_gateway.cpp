@@ -12,6 +12,7 @@ namespace {
 
 constexpr const char* POLICY_FILE = "/etc/config/vpn_options.conf";
 constexpr const char* SCRIPT = "/etc/init.d/vpn_gateway.sh";
+constexpr std::chrono::seconds RETRY_PAUSE{10};     // where it fails for good, it says so each time
 constexpr const char* MARK = "/run/fenro/gateway";  // the script's, there while it has something set up
 
 // Whether all of it could be done. What could not, the script tells the journal.
@@ -47,7 +48,8 @@ DefaultGateway::Route DefaultGateway::wanted(const std::vector<Link>& links, con
 
 void DefaultGateway::look(const std::vector<Link>& links, const std::vector<Address>& addresses) {
   Route route = wanted(links, addresses);
-  if (route == applied_ && !stale_) return;
+  const auto now = TunnelWatch::Clock::now();
+  if (route == applied_ && !stale_ && (!retry_ || now < *retry_)) return;
   bool done = true;
   if (!route.interface.empty()) {
     done = run_script({"start", route.interface, route.snat ? "1" : "0"});
@@ -55,7 +57,9 @@ void DefaultGateway::look(const std::vector<Link>& links, const std::vector<Addr
     done = run_script({"stop"});
   }
   applied_ = std::move(route);
-  stale_ = !done;  // tried again at the next look
+  stale_ = false;
+  retry_.reset();
+  if (!done) retry_ = now + RETRY_PAUSE;
 }
 
 }  // namespace fenro::networkd

@@ -1,6 +1,7 @@
 // Keeps the appliance's own traffic on the tunnel that the policy names.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,8 @@ class DefaultGateway {
   GatewayChoice choice_;
   TunnelWatch watch_;
   Route applied_;
-  bool stale_ = true;  // what an earlier run of this daemon has left may stand
+  bool stale_ = true;                                    // what an earlier run of this daemon has left may stand
+  std::optional<TunnelWatch::Clock::time_point> retry_;  // of what the script could not do
 };
 
 }  // namespace fenro::networkd
