@@ -222,5 +222,6 @@ int main() {
   setrlimit(RLIMIT_CORE, &NO_CORE);
   umask(PRIVATE_UMASK);  // the web server's may take bits away that our folders need
   serve();
+  LoginForm::discard(STDIN_FILENO);
   return std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

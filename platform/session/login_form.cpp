@@ -11,6 +11,7 @@ namespace fenro {
 namespace {
 
 constexpr int PATIENCE_MS = 15'000;  // for a client that stops in the middle
+constexpr std::size_t MOST_DISCARDED = std::size_t{4} << 20U;
 
 ssize_t read_some(int fd, char* bytes, std::size_t size) {
   pollfd ready{fd, POLLIN, 0};
@@ -93,6 +94,17 @@ void LoginForm::wipe() {
   explicit_bzero(bytes_.data(), bytes_.size());
   fields_.clear();
   size_ = 0;
+}
+
+void LoginForm::discard(int fd) {
+  std::array<char, 4096> piece{};
+  std::size_t done = 0;
+  while (done < MOST_DISCARDED) {
+    const ssize_t n = read_some(fd, piece.data(), piece.size());
+    if (n == 0 || (n < 0 && errno != EINTR)) break;
+    if (n > 0) done += static_cast<std::size_t>(n);
+  }
+  explicit_bzero(piece.data(), piece.size());
 }
 
 }  // namespace fenro

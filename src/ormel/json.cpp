@@ -1,9 +1,9 @@
 #include "ormel/json.h"
 
-#include <cinttypes>
-#include <cstdarg>
-
-#include "ormel/handle.h"
+#include <charconv>
+#include <string_view>
+#include <tuple>
+#include <utility>
 
 namespace ormel {
 
@@ -12,40 +12,74 @@ namespace {
 constexpr size_t JSON_FLAGS = JSON_COMPACT | JSON_ENSURE_ASCII | JSON_ENCODE_ANY | JSON_REAL_PRECISION(6);
 static_assert(JSON_FLAGS == 12896);
 
-[[gnu::format(printf, 1, 2)]] std::string text_of(const char* format, ...) {
+template <typename Integer>
+void append_number(std::string& out, Integer number) {
+  char buffer[24];
+  out.append(buffer, std::to_chars(std::begin(buffer), std::end(buffer), number).ptr);
+}
+
+template <size_t Size>
+void append_number(std::string& out, const char (&format)[Size], double number) {
   char buffer[512];  // the longest is the largest double with six decimals
-  va_list arguments;
-  va_start(arguments, format);
-  const int length = std::vsnprintf(buffer, sizeof buffer, format, arguments);
-  va_end(arguments);
-  return {buffer, static_cast<size_t>(length)};
+  const int length = std::snprintf(buffer, sizeof buffer, format, number);
+  out.append(buffer, static_cast<size_t>(length));
 }
 
-std::string quoted(const std::string& text) {
-  std::string out = "\"";
-  out += escape_json(text);
-  return out += '"';
+// The letter after the backslash; zero for a byte that stands as it is, 'u' for one that its number stands for.
+char escape_of(char byte) {
+  switch (byte) {
+    case '\b': return 'b';
+    case '\t': return 't';
+    case '\n': return 'n';
+    case '\f': return 'f';
+    case '\r': return 'r';
+    case '"':
+    case '\\': return byte;
+    default: return static_cast<unsigned char>(byte) < 32 ? 'u' : '\0';
+  }
 }
 
-// Where `print` writes to.
-struct StreamOut {
-  std::FILE* stream;
+void append_escaped(std::string& out, std::string_view text) {
+  size_t done = 0;
+  for (size_t at = 0; at < text.size(); ++at) {
+    const char escape = escape_of(text[at]);
+    if (escape == '\0') continue;
+    out.append(text, done, at - done);
+    done = at + 1;
+    out += '\\';
+    out += escape;
+    if (escape == 'u') {
+      const auto byte = static_cast<unsigned char>(text[at]);
+      out += {'0', '0', "0123456789abcdef"[byte / 16], "0123456789abcdef"[byte % 16]};
+    }
+  }
+  out.append(text, done);
+}
 
-  void text(const std::string& text) { std::fwrite(text.data(), 1, text.size(), stream); }
-  void number(double number) { text(text_of("%f", number)); }
-  void document(json_t* document) { json_dumpf(document, stream, JSON_FLAGS); }
+void append_quoted(std::string& out, std::string_view text) {
+  out += '"';
+  append_escaped(out, text);
+  out += '"';
+}
+
+int append_piece(const char* piece, size_t size, void* out) {
+  static_cast<std::string*>(out)->append(piece, size);
+  return 0;
+}
+
+// How `print` writes what `toString` writes otherwise.
+struct PrintStyle {
+  static void number(std::string& out, double number) { append_number(out, "%f", number); }
+  static void document(std::string& out, const json_t* document) {
+    json_dump_callback(document, append_piece, &out, JSON_FLAGS);
+  }
 };
 
-// Where `toString` writes to.
-struct StringOut {
-  std::string& out;
-
-  void text(const std::string& text) { out += text; }
-  void number(double number) { out += text_of("%g", number); }
-  void document(json_t* document) {
-    const CString dump{json_dumps(document, JSON_FLAGS)};
+struct StringStyle {
+  static void number(std::string& out, double number) { append_number(out, "%g", number); }
+  static void document(std::string& out, const json_t* document) {
     out += '"';
-    if (dump) out += dump.get();
+    json_dump_callback(document, append_piece, &out, JSON_FLAGS);
     out += '"';
   }
 };
@@ -152,70 +186,54 @@ void JsonValue::erase(const std::string& key) {
   if (type == OBJECT_TYPE) hold<Object>(OBJECT_TYPE).members.erase(key);
 }
 
-template <typename Out>
-void JsonValue::write(Out& out) const {
+template <typename Style>
+void JsonValue::write(std::string& out) const {
   switch (type) {
-    case NULL_TYPE: out.text("null"); break;
-    case INT32_TYPE: out.text(text_of("%" PRId32, as<int32_t>())); break;
-    case UINT32_TYPE: out.text(text_of("%" PRIu32, as<uint32_t>())); break;
-    case INT64_TYPE: out.text(text_of("%" PRId64, as<int64_t>())); break;
-    case UINT64_TYPE: out.text(text_of("%" PRIu64, as<uint64_t>())); break;
-    case DOUBLE_TYPE: out.number(as<double>()); break;
-    case STRING_TYPE: out.text(quoted(as<std::string>())); break;
-    case JSON_T_TYPE: out.document(static_cast<json_t*>(value.get())); break;
-    case BOOLEAN_TYPE: out.text(as<bool>() ? "true" : "false"); break;
+    case NULL_TYPE: out += "null"; break;
+    case INT32_TYPE: append_number(out, as<int32_t>()); break;
+    case UINT32_TYPE: append_number(out, as<uint32_t>()); break;
+    case INT64_TYPE: append_number(out, as<int64_t>()); break;
+    case UINT64_TYPE: append_number(out, as<uint64_t>()); break;
+    case DOUBLE_TYPE: Style::number(out, as<double>()); break;
+    case STRING_TYPE: append_quoted(out, as<std::string>()); break;
+    case JSON_T_TYPE: Style::document(out, static_cast<json_t*>(value.get())); break;
+    case BOOLEAN_TYPE: out += as<bool>() ? "true" : "false"; break;
     case ARRAY_TYPE: {
-      const char* separator = "[";
+      char separator = '[';
       for (const auto& item : as<Array>()) {
-        out.text(std::exchange(separator, ","));
-        item->write(out);
+        out += std::exchange(separator, ',');
+        item->write<Style>(out);
       }
-      out.text(as<Array>().empty() ? "[]" : "]");
+      out += as<Array>().empty() ? "[]" : "]";
       break;
     }
     case OBJECT_TYPE: {
-      const char* separator = "{";
+      char separator = '{';
       for (const auto& [key, member] : as<Object>().members) {
-        out.text(std::exchange(separator, ","));
-        out.text(quoted(key) += ':');
-        member->write(out);
+        out += std::exchange(separator, ',');
+        append_quoted(out, key);
+        out += ':';
+        member->template write<Style>(out);
       }
-      out.text(as<Object>().members.empty() ? "{}" : "}");
+      out += as<Object>().members.empty() ? "{}" : "}";
       break;
     }
   }
 }
 
 void JsonValue::print(std::FILE* stream) const {
-  StreamOut out{stream};
-  write(out);
+  std::string text;
+  write<PrintStyle>(text);
+  std::fwrite(text.data(), 1, text.size(), stream);
 }
 
 void JsonValue::toString(std::string& text) const {
-  StringOut out{text};
-  write(out);
+  write<StringStyle>(text);
 }
 
 std::string escape_json(const std::string& text) {
   std::string out;
-  out.reserve(text.size());
-  for (const char byte : text) {
-    switch (byte) {
-      case '\b': out += "\\b"; break;
-      case '\t': out += "\\t"; break;
-      case '\n': out += "\\n"; break;
-      case '\f': out += "\\f"; break;
-      case '\r': out += "\\r"; break;
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      default:
-        if (static_cast<unsigned char>(byte) < 32) {
-          out += text_of("\\u%04x", static_cast<unsigned>(byte));
-        } else {
-          out += byte;
-        }
-    }
-  }
+  append_escaped(out, text);
   return out;
 }
 

@@ -109,8 +109,8 @@ class JsonValue {
   const T& as() const {
     return *static_cast<const T*>(value.get());
   }
-  template <typename Out>
-  void write(Out& out) const;
+  template <typename Style>
+  void write(std::string& out) const;
 
   TYPE type = NULL_TYPE;
   std::unique_ptr<void, void (*)(void*)> value{nullptr, [](void*) {}};  // what it points to, `type` decides

@@ -40,6 +40,7 @@ namespace {
 
 constexpr std::string_view ANY_MEDIA_TYPE = "*/*";
 constexpr size_t COPY_SIZE = size_t{64} * 1024;
+constexpr size_t OUTPUT_SIZE = size_t{64} * 1024;  // most answers leave in one write, which wakes the server once
 constexpr std::string_view POOL_ROUTES = "/ormel/config/";  // what holds this works on the pool
 
 constexpr Route ROUTES[] = {
@@ -117,7 +118,9 @@ std::string environment(const char* name) {
 
 // Printing is the last thing that a request does. A client that has gone away must not keep it from cleaning up.
 void print_head(const std::string& head) {
+  static std::array<char, OUTPUT_SIZE> buffer;
   std::signal(SIGPIPE, SIG_IGN);
+  std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
   std::printf("%s\r\n", head.c_str());
 }
 

@@ -62,9 +62,9 @@ int index_in(std::string arguments) {
   return option::to_int(arguments.c_str() + groups[1].rm_so);
 }
 
-// The first line of a file of /proc; false when it cannot be read, as that of a process that has just ended.
-bool first_line(const std::string& path, std::string& line) {
-  const Fd fd{open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+// The first line of a file in the folder; false when it cannot be read, as that of a process that has just ended.
+bool first_line(int folder, const std::string& path, std::string& line) {
+  const Fd fd{openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC)};
   if (!fd) return false;
   line.clear();
   char chunk[4096];
@@ -75,7 +75,8 @@ bool first_line(const std::string& path, std::string& line) {
     const std::string_view piece(chunk, static_cast<size_t>(got));
     const size_t end = piece.find('\n');
     line += piece.substr(0, end);
-    if (end != std::string_view::npos) return true;
+    // A file of /proc gives all it has at once; each read saved counts, for every process pays for it.
+    if (end != std::string_view::npos || piece.size() < sizeof chunk) return true;
   }
 }
 
@@ -102,7 +103,7 @@ int VpnProcess::update() {
   while (const dirent* entry = readdir(proc.get())) {
     if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
     const pid_t pid = option::to_int(entry->d_name);
-    if (pid == 0 || !first_line(std::string("/proc/") + entry->d_name + "/cmdline", cmdline)) continue;
+    if (pid == 0 || !first_line(dirfd(proc.get()), std::string(entry->d_name) + "/cmdline", cmdline)) continue;
     if (const Process& process = is_vpn_process(cmdline, pid); process.type != NONE_TYPE) processes.push_back(process);
   }
   return 0;
