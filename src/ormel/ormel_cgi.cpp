@@ -1,12 +1,15 @@
 #include "ormel/ormel_cgi.h"
 
 #include <array>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
+#include <poll.h>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fenro/auth.h>
 
@@ -40,7 +43,9 @@ namespace {
 
 constexpr std::string_view ANY_MEDIA_TYPE = "*/*";
 constexpr size_t COPY_SIZE = size_t{64} * 1024;
-constexpr size_t OUTPUT_SIZE = size_t{64} * 1024;  // most answers leave in one write, which wakes the server once
+constexpr size_t OUTPUT_SIZE = size_t{64} * 1024;   // most answers leave in one write, which wakes the server once
+constexpr size_t DISCARD_LIMIT = size_t{4} << 20U;  // twice what the web server lets through
+constexpr std::chrono::seconds DISCARD_TIME{2};
 constexpr std::string_view POOL_ROUTES = "/ormel/config/";  // what holds this works on the pool
 
 constexpr Route ROUTES[] = {
@@ -116,9 +121,26 @@ std::string environment(const char* name) {
   return value ? value : "";
 }
 
+// Reads on to the end of a body that nobody wanted, or not to its end: a web server that is still writing it would take
+// the end of the program for a failure, and not pass the answer on.
+void discard_body() {
+  if (environment("CONTENT_LENGTH").empty()) return;
+  const auto end = std::chrono::steady_clock::now() + DISCARD_TIME;
+  std::array<char, COPY_SIZE> piece;
+  for (size_t done = 0; done < DISCARD_LIMIT;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    pollfd ready{STDIN_FILENO, POLLIN, 0};
+    if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0) return;
+    const ssize_t count = read(STDIN_FILENO, piece.data(), piece.size());
+    if (count <= 0) return;
+    done += static_cast<size_t>(count);
+  }
+}
+
 // Printing is the last thing that a request does. A client that has gone away must not keep it from cleaning up.
 void print_head(const std::string& head) {
   static std::array<char, OUTPUT_SIZE> buffer;
+  discard_body();
   std::signal(SIGPIPE, SIG_IGN);
   std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
   std::printf("%s\r\n", head.c_str());

@@ -283,6 +283,14 @@ TEST_F(WebServer, ServesNothingButTheRoutes) {
   }
   EXPECT_EQ(run({"/usr/bin/curl", "-s", "http://localhost/"}).status, 7) << "nothing without TLS";
   EXPECT_THAT(run({"/usr/bin/curl", "-si", "http://localhost:443/"}).out, HasSubstr(" 400 "));
+  // More than a pipe holds, and nobody wants it: the answer comes all the same.
+  write("/tmp/body", std::string(1 << 20, 'x'));
+  for (const std::vector<std::string>& body :
+       {std::vector<std::string>{"--data-binary", "@/tmp/body"},
+        {"-H", "Content-Type: multipart/form-data; boundary=edge", "--data-binary", "@/tmp/body"}})
+    for (const auto& [path, answer] : {std::pair{"/ormel/nope", refusal(35, "api not found/ormel/nope")},
+                                       {"/ormel/config/show", refusal(39, "session invalid")}})
+      EXPECT_EQ(https(path, body).body, answer);
   EXPECT_EQ(https("/ormel//config/show").body, refusal(35, "api not found/ormel//config/show"));
 }
 
