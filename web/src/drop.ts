@@ -7,7 +7,7 @@ interface Taker {
 }
 const takers: Taker[] = []
 
-const LEAVES = 200 // milliseconds without a word of files above the page
+const LEAVES = 600 // milliseconds without a word of files above the page
 
 let timer: ReturnType<typeof setTimeout> | undefined
 const show = (over: boolean) => takers.forEach((one, at) => one.over(over && at === takers.length - 1))

@@ -270,9 +270,11 @@ function Member({ onLeft }: { onLeft: () => void }) {
     <Card title={t('sdwan.leave')}>
       <p>{t('sdwan.leaveHelp')}</p>
       <Failure failure={job.failure} />
-      <Button kind="danger" busy={job.busy === 'leave'} onClick={() => void leave()}>
-        {t('sdwan.leave')}
-      </Button>
+      <div class="row">
+        <Button kind="danger" busy={job.busy === 'leave'} onClick={() => void leave()}>
+          {t('sdwan.leave')}
+        </Button>
+      </div>
     </Card>
   )
   const value = status.value
