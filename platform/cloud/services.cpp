@@ -15,6 +15,11 @@ constexpr const char* REFRESH_TOKEN = "refresh-token";
 constexpr const char* DEVICE_TOKEN = "token-of-";  // and the device's id
 constexpr int LOGIN_LIFE = 3600;                   // seconds
 constexpr int TOKEN_LIFE = 1800;
+constexpr const char* LOGIN_PAGE[] = {  // the code stands between both
+    R"(<!DOCTYPE html><html lang="en"><meta charset="utf-8"><title>Login of the demonstration</title>
+<h1>You are logged in</h1><p>Everybody is, in this demonstration. Copy this code into the page of your appliance:</p>
+<pre id="code" style="user-select: all; white-space: pre-wrap; overflow-wrap: anywhere">)",
+    "</pre></html>\n"};
 
 Json load(const std::string& path) {
   Text text;
@@ -189,11 +194,14 @@ HttpReply Services::list_sites(const HttpRequest&, const std::string& organizati
       json_pack("{s:i, s:[{s:s}]}", "code", 0, "result", "organization_site_id", ("site-of-" + organization).c_str())});
 }
 
-// What the browser brings back from the login page. Everybody gets in here.
-HttpReply Services::log_in(const HttpRequest&, const std::string&) {
+// What the browser brings back from the login page, in a page of its own for one that asks for a page. Everybody gets
+// in here.
+HttpReply Services::log_in(const HttpRequest& request, const std::string&) {
   const Json answer{json_pack("{s:s, s:s, s:i}", "access_token", CLOUD_TOKEN, "refresh_token", REFRESH_TOKEN,
                               "expires_in", LOGIN_LIFE)};
-  return {.body = to_base64(compact(answer.get()))};
+  const std::string code = to_base64(compact(answer.get()));
+  if (header(request, "accept").find("text/html") == std::string::npos) return {.body = code};
+  return {.body = std::string(LOGIN_PAGE[0]) + code + LOGIN_PAGE[1], .type = "text/html; charset=utf-8"};
 }
 
 HttpReply Services::renew_login(const HttpRequest& request, const std::string&) {

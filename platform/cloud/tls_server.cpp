@@ -84,10 +84,9 @@ bool write_all(SSL* tls, const std::string& text) {
 
 // Whether the connection is good for another request.
 bool write_reply(SSL* tls, const HttpReply& reply) {
-  const std::string head =
-      "HTTP/1.1 " + std::to_string(reply.status) +
-      " -\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(reply.body.size() + reply.padding) +
-      "\r\n" + reply.more_headers + "\r\n";
+  const std::string head = "HTTP/1.1 " + std::to_string(reply.status) + " -\r\nContent-Type: " + reply.type +
+                           "\r\nContent-Length: " + std::to_string(reply.body.size() + reply.padding) + "\r\n" +
+                           reply.more_headers + "\r\n";
   if (!write_all(tls, head + reply.body)) return false;
   const std::string blanks(PIECE, ' ');
   for (std::size_t left = reply.padding; left > 0;) {

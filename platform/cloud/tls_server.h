@@ -25,7 +25,8 @@ struct HttpRequest {
 struct HttpReply {
   int status = 200;
   std::string body{};
-  std::string more_headers{};         // lines, each with its end
+  std::string more_headers{};  // lines, each with its end
+  const char* type = "application/json";
   std::size_t padding = 0;            // this many blanks go out behind the body
   std::chrono::milliseconds delay{};  // before it goes out
   bool hang_up = false;               // nothing goes out at all

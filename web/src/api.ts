@@ -86,10 +86,10 @@ export async function callOnce<T>(path: string, form: Form): Promise<T> {
   return (await envelope<never>(await send(path, form, QUICK))) as T
 }
 
-// One route of the program. A session that has run out is renewed by the user meanwhile, and the request sent again.
-export async function call<T = unknown>(route: string, form: Form = {}, timeout = QUICK): Promise<Envelope<T>> {
+// One request with the session. One that has run out is renewed by the user meanwhile, and the request sent again.
+async function inSession<T>(route: string, form: Form, timeout: number, read: (answer: Response) => Promise<T>): Promise<T> {
   const sid = session.sid.peek()
-  const ask = async (id: string) => envelope<T>(await send(`/ormel/${route}`, { sid: id, ...form }, timeout))
+  const ask = async (id: string) => read(await send(`/ormel/${route}`, { sid: id, ...form }, timeout))
   try {
     return await ask(sid)
   } catch (failure) {
@@ -99,28 +99,38 @@ export async function call<T = unknown>(route: string, form: Form = {}, timeout 
   }
 }
 
+// One route of the program.
+export const call = async <T = unknown>(route: string, form: Form = {}, timeout = QUICK): Promise<Envelope<T>> =>
+  inSession(route, form, timeout, envelope<T>)
+
 export const data = async <T>(route: string, form: Form = {}, timeout = QUICK): Promise<T> =>
   (await call<T>(route, form, timeout)).data
 
 // A route that answers with a page of its own.
-export async function pageOf(route: string, form: Form): Promise<string> {
-  const answer = await send(`/ormel/${route}`, { sid: session.sid.peek(), ...form }, SLOW)
-  if (answer.headers.get('Content-Type')?.startsWith('text/html')) return answer.text()
-  await envelope(answer) // tells why there is none
-  throw new ApiError('format', 0, '')
-}
+export const pageOf = async (route: string, form: Form): Promise<string> =>
+  inSession(route, form, SLOW, async (answer) => {
+    if (answer.headers.get('Content-Type')?.startsWith('text/html')) return answer.text()
+    await envelope(answer) // tells why there is none
+    throw new ApiError('format', 0, '')
+  })
+
+// One of the interface's own files that only some builds have; null without it.
+export const asset = async <T>(name: string): Promise<T | null> =>
+  fetch(`/assets/${name}`, { credentials: 'omit' }).then(
+    async (answer) => (answer.ok ? ((await answer.json()) as T) : null),
+    () => null,
+  )
 
 // A file that a route sends; its name is what the program says.
-export async function download(route: string, fallbackName: string): Promise<{ name: string; content: Blob }> {
-  const response = await send(`/ormel/${route}`, { sid: session.sid.peek() }, SLOW)
-  const disposition = response.headers.get('Content-Disposition')
-  if (!disposition) {
-    if (!response.ok) throw new ApiError('http', response.status, '')
-    await envelope(response) // tells why there is none
-    throw new ApiError('format', 0, '')
-  }
-  return { name: /filename=([\w.-]+)/.exec(disposition)?.[1] ?? fallbackName, content: await response.blob() }
-}
+export const download = async (route: string, fallbackName: string): Promise<{ name: string; content: Blob }> =>
+  inSession(route, {}, SLOW, async (answer) => {
+    const disposition = answer.headers.get('Content-Disposition')
+    if (!disposition) {
+      await envelope(answer) // tells why there is none
+      throw new ApiError('format', 0, '')
+    }
+    return { name: /filename=([\w.-]+)/.exec(disposition)?.[1] ?? fallbackName, content: await answer.blob() }
+  })
 
 export function saveFile(name: string, content: Blob): void {
   const address = URL.createObjectURL(content)

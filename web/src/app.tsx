@@ -11,6 +11,7 @@ import { OverviewPage } from './pages/overview'
 import { RightsPage } from './pages/rights'
 import { SdwanPage } from './pages/sdwan'
 import { ServersPage } from './pages/servers'
+import { watchDrops } from './drop'
 import { go, place } from './router'
 import { session } from './session'
 import { language, t, type TextKey } from './texts'
@@ -51,7 +52,7 @@ function Shell() {
 
   useEffect(() => {
     setOpen(false)
-    if (current) document.title = `${t(current.label)} – ormel`
+    if (current) document.title = `${t(current.label)} – ${location.host}`
     if (!first.current) heading.current?.focus()
     first.current = false
   }, [current?.name, language.value])
@@ -77,7 +78,7 @@ function Shell() {
           </button>
         </span>
         <span class="brand">
-          <img src="/assets/icon.svg" alt="" width="26" height="26" /> ormel
+          <img src="/assets/icon.svg" alt="" width="26" height="26" /> ormel <span class="host">{location.host}</span>
         </span>
         <span class="who">
           <span class="user">{session.login.value?.user}</span>
@@ -108,6 +109,7 @@ function Shell() {
 }
 
 export function App() {
+  useEffect(watchDrops, [])
   useEffect(() => {
     document.documentElement.lang = language.value
   }, [language.value])

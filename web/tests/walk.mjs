@@ -1,8 +1,8 @@
-// The whole interface as a user walks it, in a browser on one appliance: a server there, a client of it on another one
-// ("far"). Each step builds on those before it; script/web-test starts it.
+// The whole interface as a user walks it, in a browser on one appliance: a server there and a cloud for it to join, a
+// client of it on another one ("far"). Each step builds on those before it; script/web-test starts it.
 import assert from 'node:assert/strict'
 import { execFileSync } from 'node:child_process'
-import { readFileSync } from 'node:fs'
+import { readFileSync, writeFileSync } from 'node:fs'
 import { after, before, test } from 'node:test'
 import axe from 'axe-core'
 import jsQR from 'jsqr'
@@ -18,7 +18,8 @@ const FLAGS = [
   '--disable-component-update', '--disable-sync',
 ]
 const SPEAKING = { timeout: PATIENCE }
-const HOSTILE = `<img src=x onerror=alert(1)>"'&amp; ${'🦔'.repeat(40)} \u202Eneddih`
+const HOSTILE = `<img src=x onerror=alert(1)>"'&amp; x ${'🦔'.repeat(138)} \u202Eneddih` // 600 bytes, the longest name
+const PORTAL = 'https://org-center.production.global.pelmar.example/v1.2/organization'
 
 // Something to see on the picture of the curves.
 const TRAFFIC = `for size in 400 900 1300 700 1300 300 1000 1300; do
@@ -56,6 +57,14 @@ const said = (page, words) => page.locator('.said').getByText(words).waitFor()
 const card = (page, name) => page.getByRole('region', { name, exact: true })
 const button = (place, name) => place.getByRole('button', { name })
 const badge = (place, words) => place.locator('.badge', { hasText: words }).first().waitFor(SPEAKING)
+
+// Files let fall somewhere on the page, as a mouse brings them.
+async function dropFiles(page, paths, x, y) {
+  const devtools = await page.context().newCDPSession(page)
+  const data = { items: [], files: paths, dragOperationsMask: 1 }
+  for (const type of ['dragEnter', 'dragOver', 'drop']) await devtools.send('Input.dispatchDragEvent', { type, x, y, data })
+  await devtools.detach()
+}
 
 // The policy of the page lets no script in, so the check runs in a world of its own.
 async function accessible(page, where) {
@@ -136,19 +145,34 @@ test('a user is given the right, the profile is downloaded', async () => {
 const FILES = 'input[type=file]'
 const client = (name) => far.locator('section.client', { hasText: name })
 
-test('the profile is imported and connected on the other appliance', async () => {
+test('several profiles are dropped at once, and what one of them lacks is asked for', async () => {
+  const profile = text(`${DESK}/office.ovpn`)
+  writeFileSync(`${DESK}/branch.ovpn`, profile.replace(/<ca>[^]*<\/ca>/, 'ca "keys/branch ca.crt"'))
+  writeFileSync(`${DESK}/branch ca.crt`, /<ca>\n([^]*)<\/ca>/.exec(profile)[1])
+  writeFileSync(`${DESK}/broken.ovpn`, 'client\nca my.crt\n')
+  await go(far, 'overview', 'Overview')
+  await dropFiles(far, [`${DESK}/office.ovpn`], 640, 700) // this page takes none, and is not left for one either
   await go(far, 'clients', 'VPN clients')
-  await far.locator(FILES).first().setInputFiles({ name: 'broken.ovpn', mimeType: 'text/plain', buffer: Buffer.from('client\nca my.crt\n') })
-  await far.getByText('The profile names files that are missing: ca.crt.').waitFor()
+  await dropFiles(far, ['office', 'branch', 'broken'].map((name) => `${DESK}/${name}.ovpn`), 100, 820)
+  const [branch, broken] = ['branch.ovpn', 'broken.ovpn'].map((name) => far.getByRole('region', { name }))
+  for (const one of [branch, broken]) await one.getByText('The profile names files that are missing: ca.crt.').waitFor()
+  await accessible(far, 'import')
   await button(far, 'Leave broken.ovpn out').click()
-  await far.locator(`dialog ${FILES}`).first().setInputFiles(`${DESK}/office.ovpn`)
+  await dropFiles(far, [`${DESK}/branch ca.crt`], 640, 300)
+  await branch.getByLabel('User').fill('guest')
+  await branch.getByLabel('Password').fill('secret')
+  await button(branch, 'Import').click()
+  await client('branch').waitFor()
+})
+
+test('the profile is imported on the other appliance', async () => {
   const one = far.getByRole('region', { name: 'office.ovpn' })
   await one.getByLabel('Name', { exact: true }).fill(HOSTILE)
   await one.getByLabel('User').fill('guest')
   await one.getByLabel('Password').fill('wrong')
   await one.getByLabel('Connect again after a loss').uncheck()
   await button(one, 'Import').click()
-  await said(far, 'The profile has been imported.')
+  await one.waitFor({ state: 'detached' })
   await client('onerror').waitFor()
   assert.equal((await client('onerror').locator('h2').textContent()).trim(), HOSTILE, 'a name is text')
 })
@@ -236,6 +260,17 @@ test('a WireGuard device is added, and its QR code is all that it needs', async 
   await picture(far, 'clients')
 })
 
+test('tunnels of every kind are added in a form that everybody can use', async () => {
+  for (const name of ['WireGuard', 'L2TP/IPsec', 'PPTP', 'Drovik']) {
+    await button(far, 'Add a tunnel').click()
+    if (name === 'PPTP') await accessible(far, 'kinds of tunnels')
+    await button(far.getByRole('dialog'), name).click()
+    for (const more of await far.locator('dialog summary').all()) await more.click()
+    await accessible(far, name)
+    await button(far.getByRole('dialog'), 'Cancel').click()
+  }
+})
+
 test('the gateway is moved to the tunnel', async () => {
   await go(far, 'gateway', 'Default gateway')
   await far.getByText('No tunnel', { exact: true }).waitFor()
@@ -266,79 +301,89 @@ test('somebody is thrown out', async () => {
 })
 
 test('an appliance without the SD-WAN says so', async () => {
-  await go(near, 'sdwan', 'SD-WAN')
-  await near.getByText('The SD-WAN service is not installed on this appliance.').waitFor()
-  await accessible(near, 'sdwan')
+  await go(far, 'sdwan', 'SD-WAN')
+  await far.getByText('The SD-WAN service is not installed on this appliance.').waitFor()
+  await accessible(far, 'sdwan')
 })
 
-test('the road of a join is walked step by step, with answers put in the place of a cloud', async () => {
-  const asked = []
-  let member = false
-  const answers = {
-    check_device: () => ({ is_on_pelmar: member }),
-    join_pelmar_precheck: () => ({ ncsi: true, region: 'GLB', tamid_exist: false, l2tp_status: 'enabled' }),
-    get_tamid: () => ({ tamid: 'ann@example.org' }),
-    organization_list: () => [
-      { name: 'First', organization_id: 'o1', is_default: false },
-      { name: HOSTILE, organization_id: 'o2', is_default: true },
-    ],
-    region_list: () => [{ groupId: 'g1', name: 'North', hubs: [{}] }],
-    device_register: () => ((member = true), {}),
-    device_unregister: () => ((member = false), {}),
-    check_virtual_ip: () => ({ valid: false, suggested_ip: '10.99.0.10' }),
-    get_pelmar_status: () => ({
-      region_type: 'hub', vpn_status: 1, supernode: null, hub: { name: 'Hub <1>', public_ip: '192.0.2.9', topology_status: 2 },
-      orchestrator: { connection_status: 1, organization: HOSTILE, region: 'North', is_mqtt_timeout: false },
-      local: { virtual_ip: '10.99.0.7', device_name: 'appliance', network_interface: 'eth0', serial_number: 4001, is_ipsec_timeout: true },
-    }),
-  }
-  const page = await near.context().newPage()
-  await page.goto(NEAR)
-  await page.evaluate((kept) => sessionStorage.setItem('ormel.session', kept), await near.evaluate(() => sessionStorage.getItem('ormel.session')))
-  await page.route('**/ormel/pelmar/*', (route) => {
-    const name = new URL(route.request().url()).pathname.split('/').pop()
-    asked.push(`${name} ${new URLSearchParams(route.request().postData() ?? '').get('orgID') ?? ''}`.trim())
-    return route.fulfill({ json: { error: 0, data: answers[name]() } })
+test('an appliance joins the SD-WAN by the cloud of the demonstration, lives in it and leaves', async () => {
+  const [first, second] = ['First', HOSTILE].map((name) => {
+    const made = run('curl', '-sS', '-H', 'Authorization: Bearer cloud-token', '-d', JSON.stringify({ name }), PORTAL)
+    return JSON.parse(made).result.organization_id
   })
-  await page.route('**/ormel/oauth_login', (route) =>
-    route.fulfill({ contentType: 'text/html', body: '<script>tell("{\\"error\\":0,\\"reason\\":\\"fine\\"}")</script>' }),
-  )
-  await page.reload()
-  await go(page, 'sdwan', 'SD-WAN')
-  await button(page, 'Begin').click()
-  await page.getByText('The L2TP/IPsec server is on').waitFor()
-  await page.getByLabel('Code of the login').fill('code')
-  await button(page, 'Log in').click()
-  await page.getByText('ann@example.org').waitFor()
-  await button(page, 'Go on').click()
-  await page.getByLabel('Region').selectOption('g1')
-  await accessible(page, 'join')
-  await button(page, 'Join').click()
-  await card(page, 'Membership').getByText(HOSTILE).waitFor()
-  assert.ok(asked.includes('region_list o2'), 'the default organisation')
-  await badge(card(page, 'Hub'), 'Partly up')
-  await page.getByRole('alert').getByText('A link has been down for too long.').waitFor()
-  const virtual = page.getByRole('region', { name: 'Virtual address' })
-  await virtual.getByRole('textbox').fill('10.99.0.9')
+  await go(near, 'sdwan', 'SD-WAN')
+  await button(near, 'Begin').click()
+  const [login] = await Promise.all([near.waitForEvent('popup'), near.getByRole('link', { name: 'Open the login of the provider' }).click()])
+  await login.locator('pre').click()
+  await login.keyboard.press('Control+C')
+  await login.close()
+  const code = near.getByLabel('Code of the login')
+  await code.fill('no code')
+  await button(near.getByRole('main'), 'Log in').click()
+  await near.getByRole('alert').getByText('Log in at the provider again.').waitFor(SPEAKING)
+  assert.equal(await code.inputValue(), 'no code')
+  await code.click({ clickCount: 3 })
+  await near.keyboard.press('Control+V')
+  await button(near.getByRole('main'), 'Log in').click()
+  await near.getByText('ann@example.org').waitFor(SPEAKING)
+  const organization = near.getByLabel('Organisation')
+  assert.deepEqual(await organization.locator('option').evaluateAll((all) => all.map((one) => one.value)), [first, second])
+  await organization.focus()
+  await near.keyboard.press('ArrowDown')
+  assert.equal(await organization.inputValue(), second)
+  await button(near, 'Go on').click()
+  await near.getByLabel('Region').focus()
+  await near.keyboard.press('End')
+  assert.equal(await near.getByLabel('Region').inputValue(), 'g2')
+  await accessible(near, 'join')
+
+  writeFileSync('/run/cloud/faults.json', '{"POST /dalnet/morvi/api/v1/edge": {"status": 500}}')
+  await button(near, 'Join').click()
+  await near.getByRole('alert').getByText('The cloud service did not do what it was asked.').waitFor(SPEAKING)
+  assert.equal(await near.getByLabel('Region').inputValue(), 'g2')
+  writeFileSync('/run/cloud/faults.json', '{}')
+  await button(near, 'Join').click()
+  const membership = card(near, 'Membership')
+  await membership.getByText(HOSTILE).waitFor(SPEAKING)
+  await badge(membership, 'Up')
+  await card(near, 'Hub').getByText('hub-1').waitFor(SPEAKING)
+  await accessible(near, 'member')
+
+  const virtual = card(near, 'Virtual address')
+  const address = virtual.getByRole('textbox')
+  await address.fill('10.99.0.9')
   await button(virtual, 'Check').click()
+  await virtual.getByText('This address is in use.').waitFor(SPEAKING)
   await button(virtual, 'Take 10.99.0.10').click()
-  assert.equal(await virtual.getByRole('textbox').inputValue(), '10.99.0.10')
-  await accessible(page, 'member')
-  await page.getByRole('region', { name: 'Leave the SD-WAN' }).getByRole('button').click()
-  await page.getByRole('dialog').getByRole('button', { name: 'Leave the SD-WAN' }).click()
-  await button(page, 'Begin').waitFor()
-  await page.close()
+  await button(virtual, 'Check').click()
+  await virtual.getByText('This address is free.').waitFor(SPEAKING)
+  await button(virtual, 'Use it').click()
+  await card(near, 'This appliance').getByText('10.99.0.10').waitFor(SPEAKING)
+  assert.match(run('ip', '-o', 'address', 'show', 'dev', 'pelmar0'), / 10\.99\.0\.10\/32 /)
+  await button(card(near, 'Leave the SD-WAN'), 'Leave the SD-WAN').click()
+  await button(near.getByRole('dialog'), 'Leave the SD-WAN').click()
+  await button(near, 'Begin').waitFor(SPEAKING)
+  assert.throws(() => run('ip', 'address', 'show', 'dev', 'pelmar0'))
 })
 
 test('a session that has run out is begun anew over what was being done', async () => {
+  const logInAgain = async () => {
+    const dialog = near.getByRole('dialog', { name: 'Log in again' })
+    await dialog.getByLabel('Password').fill(text(`${DESK}/appliance`))
+    await dialog.getByRole('button', { name: 'Log in', exact: true }).click()
+    await dialog.waitFor({ state: 'detached' })
+  }
+  await go(near, 'logs', 'Logs')
+  run('sh', '-c', 'rm -f /run/fenro/sessions/*')
+  const archive = near.waitForEvent('download')
+  await button(near, 'Diagnostic archive').click()
+  await logInAgain()
+  assert.match((await archive).suggestedFilename(), /\.(tgz|tar\.gz|zip)$/)
   await go(near, 'servers/pptp', 'VPN servers')
   const form = card(near, 'PPTP')
   await form.getByLabel('Network of the clients').fill('10.77.0.0')
   run('sh', '-c', 'rm -f /run/fenro/sessions/*')
-  const dialog = near.getByRole('dialog', { name: 'Log in again' })
-  await dialog.getByLabel('Password').fill(text(`${DESK}/appliance`))
-  await dialog.getByRole('button', { name: 'Log in', exact: true }).click()
-  await dialog.waitFor({ state: 'detached' })
+  await logInAgain()
   assert.equal(await form.getByLabel('Network of the clients').inputValue(), '10.77.0.0')
   await button(form, 'Save').click()
   await said(near, 'Saved.')
@@ -346,19 +391,24 @@ test('a session that has run out is begun anew over what was being done', async 
 
 test('answers that are none are told in words, and the page goes on', async () => {
   await go(near, 'connections', 'Connections')
+  await near.getByRole('heading', { name: /connection/ }).first().waitFor()
+  const look = () => near.evaluate(() => document.dispatchEvent(new Event('visibilitychange'))) // as when a tab is come back to
   const cases = [
     [(route) => route.fulfill({ contentType: 'text/html', body: '<h1>no</h1>' }), 'could not be understood'],
     [(route) => route.fulfill({ status: 502, body: '' }), 'HTTP 502'],
     [(route) => route.abort(), 'cannot be reached'],
+    [() => undefined, 'has not answered in time'],
     [(route) => route.fulfill({ json: { error: 47, reason: '<b>mib_call failed</b>' } }), '<b>mib_call failed</b> (error 47)'],
   ]
   for (const [answer, words] of cases) {
     await near.route('**/ormel/connection/list', answer)
+    await look()
     await near.getByRole('alert').getByText(words).waitFor(SPEAKING)
     await near.getByRole('heading', { name: /connection/ }).first().waitFor() // the last good answer is kept
     await near.unroute('**/ormel/connection/list')
+    await look()
+    await near.getByRole('alert').waitFor({ state: 'detached', ...SPEAKING })
   }
-  await near.getByRole('alert').waitFor({ state: 'detached', ...SPEAKING })
 })
 
 test('a hidden tab asks nothing, and no look takes more than two requests', async () => {
@@ -391,9 +441,15 @@ test('it all works in the dark, on a telephone, by keyboard and in German', asyn
   await small.getByRole('link', { name: 'OpenVPN' }).waitFor()
   await accessible(small, 'small and dark')
   await picture(small, 'telephone')
-  for (const [path, heading] of [['servers/ovpn', 'VPN-Server'], ['rights', 'Rechte'], ['logs', 'Protokolle'], ['connections', 'Verbindungen']]) {
+  const servers = ['ovpn', 'wg', 'l2tp', 'pptp', 'drovik'].map((one) => [`servers/${one}`, 'VPN-Server'])
+  const others = [
+    ['rights', 'Rechte'], ['logs', 'Protokolle'], ['connections', 'Verbindungen'], ['clients', 'VPN-Clients'],
+    ['gateway', 'Standard-Gateway'], ['sdwan', 'SD-WAN'],
+  ]
+  for (const [path, heading] of [...servers, ...others]) {
     await go(small, path, heading)
     await small.locator('.card').first().waitFor()
+    for (const more of await small.locator('summary').all()) await more.click()
     await accessible(small, `small and dark: ${path}`)
     const wider = await small.evaluate(() => document.documentElement.scrollWidth - document.documentElement.clientWidth)
     assert.equal(wider, 0, `${path} is no wider than the screen`)

@@ -1,6 +1,7 @@
 // The tunnels of the appliance to other servers.
 import { useEffect, useState } from 'preact/hooks'
 import { call, data, SLOW } from '../api'
+import { useFileDrop } from '../drop'
 import { adviceFor } from '../errors'
 import { Fields, sent, useForm } from '../form'
 import { bytes, decodeName, duration, rate } from '../format'
@@ -193,50 +194,39 @@ type Open =
 
 export function ClientsPage() {
   const admin = session.login.value?.admin ?? false
-  const [open, setOpen] = useState<Open | null>(null)
-  const [over, setOver] = useState(false)
+  const [waiting, setWaiting] = useState<readonly Open[]>([]) // dialogs, the first of which is there
+  const open = waiting[0]
   const list = usePoll(async () => (await data<ClientProfile[] | null>('config/show', { type: CLIENTS })) ?? [], PAUSE)
-  const close = () => setOpen(null)
+  const close = () => setWaiting(waiting.slice(1))
   const done = () => {
     close()
     list.refresh()
   }
 
-  // OpenVPN's files with what belongs to them, or one of WireGuard's.
+  // OpenVPN's files with what belongs to them, and WireGuard's one by one.
   const take = async (files: File[]) => {
-    const wireguard = files.find((file) => file.name.toLowerCase().endsWith('.conf'))
-    const start = wireguard && readConfig(await wireguard.text())
-    if (start)
-      setOpen({
-        what: 'edit', type: WIREGUARD_CLIENT, profile: null,
-        start: { ...start, client_name: wireguard.name.replace(/\.conf$/i, '') },
-      })
-    else if (files.length > 0) setOpen({ what: 'import', files })
+    const more: Open[] = []
+    const others: File[] = []
+    for (const file of files) {
+      const start = file.name.toLowerCase().endsWith('.conf') && readConfig(await file.text())
+      if (!start) others.push(file)
+      else
+        more.push({
+          what: 'edit', type: WIREGUARD_CLIENT, profile: null,
+          start: { ...start, client_name: file.name.replace(/\.conf$/i, '') },
+        })
+    }
+    setWaiting([...(others.length > 0 ? [{ what: 'import', files: others } as const] : []), ...more])
   }
+  const over = useFileDrop(admin && !open, (files) => void take(files))
 
   if (!list.value) return list.failure ? <Failure failure={list.failure} onRetry={list.refresh} /> : <Spinner />
   return (
-    <div
-      class={over ? 'drop over' : 'drop'}
-      onDragOver={(event) => {
-        if (!admin || !event.dataTransfer?.types.includes('Files')) return
-        event.preventDefault()
-        setOver(true)
-      }}
-      onDragLeave={(event) => {
-        if (!event.currentTarget.contains(event.relatedTarget as Node | null)) setOver(false)
-      }}
-      onDrop={(event) => {
-        if (!admin) return
-        event.preventDefault()
-        setOver(false)
-        void take([...(event.dataTransfer?.files ?? [])])
-      }}
-    >
+    <div class="drop">
       <Failure failure={list.failure} />
       {admin && (
         <div class="row">
-          <Button kind="primary" icon="plus" onClick={() => setOpen({ what: 'pick' })}>
+          <Button kind="primary" icon="plus" onClick={() => setWaiting([{ what: 'pick' }])}>
             {t('client.add')}
           </Button>
           <FileButton label={t('client.import')} onFiles={(files) => void take(files)} />
@@ -254,7 +244,7 @@ export function ClientsPage() {
               key={keyOf(one)}
               profile={one}
               admin={admin}
-              onEdit={() => setOpen({ what: 'edit', type: one.type, profile: one })}
+              onEdit={() => setWaiting([{ what: 'edit', type: one.type, profile: one }])}
               onChanged={list.refresh}
             />
           ))}
@@ -270,13 +260,14 @@ export function ClientsPage() {
         <PickDialog
           onClose={close}
           onPick={(type) =>
-            setOpen(type === OPENVPN_CLIENT ? { what: 'import', files: [] } : { what: 'edit', type, profile: null })
+            setWaiting([type === OPENVPN_CLIENT ? { what: 'import', files: [] } : { what: 'edit', type, profile: null }])
           }
         />
       )}
       {open?.what === 'import' && <ImportDialog files={open.files} onClose={done} onChanged={list.refresh} />}
       {open?.what === 'edit' && (
         <EditDialog
+          key={waiting.length}
           type={open.type}
           profile={open.profile}
           {...(open.start ? { start: open.start } : {})}

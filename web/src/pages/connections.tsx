@@ -20,7 +20,7 @@ interface Row {
   uptimeWords: string
   down: number
   up: number
-  total: string
+  total: readonly [received: string, sent: string]
   device: string
 }
 
@@ -35,7 +35,7 @@ const fromConnection = (one: Connection): Row => ({
   uptimeWords: duration(one.uptime),
   down: one.rx_rate,
   up: one.tx_rate,
-  total: `${bytes(one.rx_total)} / ${bytes(one.tx_total)}`,
+  total: [bytes(one.rx_total), bytes(one.tx_total)],
   device: one.device_info,
 })
 
@@ -50,7 +50,7 @@ const fromPeer = (one: Peer): Row => ({
   uptimeWords: t('connections.handshake', { ago: duration(handshakeAge(one.latest_handshake) ?? 0) }),
   down: 0,
   up: 0,
-  total: `${one.rx_total} / ${one.tx_total}`,
+  total: [one.rx_total, one.tx_total],
   device: '',
 })
 
@@ -169,10 +169,12 @@ export function ConnectionsPage() {
                 <td>{labelOf(row.type)}</td>
                 <td>{row.source}</td>
                 <td>{row.inside}</td>
-                <td class="nowrap">{row.uptimeWords}</td>
+                <td>{row.uptimeWords}</td>
                 <td class="figure">{row.type === WIREGUARD ? '' : rate(row.down)}</td>
                 <td class="figure">{row.type === WIREGUARD ? '' : rate(row.up)}</td>
-                <td class="figure">{row.total}</td>
+                <td class="figure">
+                  {row.total[0]} /<span class="block">{row.total[1]}</span>
+                </td>
                 <td>
                   {row.id && (
                     <Button label={t('kick.name', { name: row.name })} onClick={() => void kick([row])}>

@@ -1,6 +1,7 @@
 // OpenVPN profiles from files: each is judged by the appliance first, what is missing is asked for, then it is taken in.
-import { useEffect, useState } from 'preact/hooks'
+import { useEffect, useRef, useState } from 'preact/hooks'
 import { ApiError, call, data, SLOW, type Form } from '../api'
+import { useFileDrop } from '../drop'
 import { explain } from '../errors'
 import { Fields, sent, useForm, type FieldRow } from '../form'
 import { base64 } from '../format'
@@ -26,21 +27,25 @@ interface Candidate {
   companions: Partial<Record<Companion, File>>
 }
 
+// The same with those of the files that it names and lacks; the very same where there are none.
+async function completed(one: Candidate, files: readonly File[]): Promise<Candidate> {
+  const companions = { ...one.companions }
+  for (const [companion, name] of Object.entries(references(await one.file.text()))) {
+    const found = match(name, files)
+    if (found) companions[companion as Companion] ??= found
+  }
+  return Object.keys(companions).length === Object.keys(one.companions).length ? one : { ...one, companions }
+}
+
 let last = 0
-// The profiles among the files, each with those of the others that it names.
-async function sort(files: readonly File[]): Promise<Candidate[]> {
+// What is there, completed by more files, and the profiles among these. Files that belong to nothing are judged as well.
+async function joined(old: readonly Candidate[], files: readonly File[]): Promise<Candidate[]> {
   const profiles = files.filter((file) => isProfile(file.name))
-  const chosen = profiles.length > 0 ? profiles : files.slice(0, 1)
-  return Promise.all(
-    chosen.map(async (file) => {
-      const companions: Candidate['companions'] = {}
-      for (const [companion, name] of Object.entries(references(await file.text()))) {
-        const found = match(name, files)
-        if (found) companions[companion as Companion] = found
-      }
-      return { id: ++last, file, companions }
-    }),
-  )
+  const kept = await Promise.all(old.map((one) => completed(one, files)))
+  const belongs = kept.some((one, at) => one !== old[at])
+  const chosen = profiles.length > 0 || belongs ? profiles : files.slice(0, 1)
+  const added = await Promise.all(chosen.map((file) => completed({ id: ++last, file, companions: {} }, files)))
+  return [...kept, ...added]
 }
 
 const upload = (one: Candidate, wanted: readonly Companion[]): Form => {
@@ -99,8 +104,8 @@ function Ready({ one, judgement, needs, onDone, children }: ReadyProps) {
   )
 }
 
-function CandidateCard({ start, onGone }: { start: Candidate; onGone: (imported: boolean) => void }) {
-  const [one, setOne] = useState(start)
+type CardProps = { one: Candidate; onChange: (one: Candidate) => void; onGone: (imported: boolean) => void }
+function CandidateCard({ one, onChange, onGone }: CardProps) {
   const [verdict, setVerdict] = useState<Verdict>({ state: 'asking' })
   const [named, setNamed] = useState<Partial<Record<Companion, string>>>({})
 
@@ -139,7 +144,7 @@ function CandidateCard({ start, onGone }: { start: Candidate; onGone: (imported:
               <FileButton
                 single
                 label={t(brought ? 'import.other' : 'import.choose')}
-                onFiles={([chosen]) => chosen && setOne({ ...one, companions: { ...one.companions, [companion]: chosen } })}
+                onFiles={([chosen]) => chosen && onChange({ ...one, companions: { ...one.companions, [companion]: chosen } })}
               />
             </span>
           </li>
@@ -164,7 +169,7 @@ function CandidateCard({ start, onGone }: { start: Candidate; onGone: (imported:
           </Notice>
           {files}
           <div class="row">
-            <Button onClick={() => setOne({ ...one })}>{t('retry')}</Button>
+            <Button onClick={() => onChange({ ...one })}>{t('retry')}</Button>
           </div>
         </>
       )}
@@ -196,42 +201,37 @@ function Judged({ failure }: { failure: unknown }) {
 }
 
 export function ImportDialog({ files, onClose, onChanged }: { files: File[]; onClose: () => void; onChanged: () => void }) {
-  const [candidates, setCandidates] = useState<Candidate[]>([])
-  const [over, setOver] = useState(false)
+  const [candidates, setCandidates] = useState<readonly Candidate[]>([])
+  const latest = useRef(candidates) // files are read meanwhile
+  const put = (next: readonly Candidate[]) => {
+    latest.current = next
+    setCandidates(next)
+  }
   const add = async (more: readonly File[]) => {
-    if (more.length === 0) return
-    const found = await sort(more)
-    setCandidates((old) => [...old, ...found])
+    if (more.length > 0) put(await joined(latest.current, more))
   }
   useEffect(() => void add(files), [])
+  const over = useFileDrop(true, (more) => void add(more))
   const gone = (id: number, imported: boolean) => {
-    const rest = candidates.filter((one) => one.id !== id)
-    setCandidates(rest)
+    const rest = latest.current.filter((one) => one.id !== id)
+    put(rest)
     if (imported) onChanged()
     if (imported && rest.length === 0) onClose()
   }
   return (
     <Dialog title={t('import.title')} onClose={onClose} wide>
-      <div
-        class={over ? 'dropzone over' : 'dropzone'}
-        onDragOver={(event) => {
-          event.preventDefault()
-          setOver(true)
-        }}
-        onDragLeave={() => setOver(false)}
-        onDrop={(event) => {
-          event.preventDefault()
-          event.stopPropagation()
-          setOver(false)
-          void add([...(event.dataTransfer?.files ?? [])])
-        }}
-      >
+      <div class={over ? 'dropzone over' : 'dropzone'}>
         <Icon name="download" />
         <p>{t('import.zone')}</p>
         <FileButton label={t('import.choose')} onFiles={(more) => void add(more)} />
       </div>
       {candidates.map((one) => (
-        <CandidateCard key={one.id} start={one} onGone={(imported) => gone(one.id, imported)} />
+        <CandidateCard
+          key={one.id}
+          one={one}
+          onChange={(changed) => put(latest.current.map((other) => (other.id === one.id ? changed : other)))}
+          onGone={(imported) => gone(one.id, imported)}
+        />
       ))}
     </Dialog>
   )

@@ -1,5 +1,5 @@
 // The login, as a page of its own and over a page whose session has run out.
-import { useState } from 'preact/hooks'
+import { useEffect, useRef, useState } from 'preact/hooks'
 import { ApiError, callOnce } from '../api'
 import { explain } from '../errors'
 import { session } from '../session'
@@ -15,11 +15,22 @@ function wordsFor(failure: unknown): string {
   return `${what} ${advice}`
 }
 
+// Where one begins to type.
+function useFocus(wanted: boolean) {
+  const field = useRef<HTMLInputElement>(null)
+  useEffect(() => {
+    if (wanted) field.current?.focus()
+  }, [])
+  return field
+}
+
 function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
   const [user, setUser] = useState(fixedUser ?? '')
   const [password, setPassword] = useState('')
   const [busy, setBusy] = useState(false)
   const [wrong, setWrong] = useState('')
+  const userField = useFocus(fixedUser === undefined)
+  const passwordField = useFocus(fixedUser !== undefined)
 
   const submit = async (event: Event) => {
     event.preventDefault()
@@ -46,6 +57,7 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
             autocomplete="username"
             maxLength={56}
             required
+            ref={userField}
             readOnly={fixedUser !== undefined}
             value={user}
             onInput={(event) => setUser(event.currentTarget.value)}
@@ -60,6 +72,7 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
             type="password"
             autocomplete="current-password"
             required
+            ref={passwordField}
             value={password}
             onInput={(event) => setPassword(event.currentTarget.value)}
           />
@@ -79,7 +92,9 @@ export const LoginPage = () => (
       <h1>
         <img src="/assets/icon.svg" alt="" width="32" height="32" /> ormel
       </h1>
-      <p class="lead">{t('login.lead')}</p>
+      <p class="lead">
+        {t('login.lead')} <bdi>{location.host}</bdi>
+      </p>
       <LoginForm />
       <p class="row end">
         <LanguageButton />

@@ -2,10 +2,10 @@
 import type { ComponentType } from 'preact'
 import { useEffect, useState } from 'preact/hooks'
 import { call, data } from '../api'
-import { duration, rate } from '../format'
+import { decodeName, duration, rate } from '../format'
 import type { Curve } from '../graph'
 import {
-  CLIENTS, PROTOCOLS, SERVERS, WIREGUARD, labelOf, liveCount, protocolOf,
+  CLIENTS, PROTOCOLS, SERVERS, WIREGUARD, handshakeAge, isLive, labelOf, liveCount, protocolOf,
   type ClientProfile, type Connection, type Peer, type Profile, type ServerProfile,
 } from '../model'
 import { usePoll } from '../poll'
@@ -95,14 +95,14 @@ export function OverviewPage() {
   const peers = (profiles.find((one) => Array.isArray(one['peers']))?.['peers'] ?? []) as Peer[]
   const on = servers.filter((one) => one.enable).length
   const up = clients.filter((one) => one.status === 1).length
-  const wireguard = liveCount(WIREGUARD, connections, peers)
+  const devices = peers.filter(isLive)
 
   return (
     <>
       <Failure failure={failure} />
       <div class="tiles">
         <Tile label={t('overview.serversOn')} value={`${on} / ${servers.length}`} to="servers" />
-        <Tile label={t('overview.online')} value={connections.length + wireguard} to="connections" />
+        <Tile label={t('overview.online')} value={connections.length + devices.length} to="connections" />
         <Tile label={t('overview.tunnels')} value={`${up} / ${clients.length}`} to="clients" />
         <Tile label={t('overview.gateway')} value={gatewayName(gateway, profiles)} to="gateway" />
       </div>
@@ -132,7 +132,7 @@ export function OverviewPage() {
           </ul>
         </Card>
         <Card title={t('overview.who')}>
-          {connections.length === 0 && <Empty>{t('connections.none')}</Empty>}
+          {connections.length + devices.length === 0 && <Empty>{t('connections.none')}</Empty>}
           <ul class="rows">
             {connections.map((one) => (
               <li key={one.target}>
@@ -141,6 +141,14 @@ export function OverviewPage() {
                   {labelOf(one.type)} · {duration(one.uptime)}
                 </span>
                 <span class="figure">{rate(one.rx_rate + one.tx_rate)}</span>
+              </li>
+            ))}
+            {devices.map((one) => (
+              <li key={one.peer_pub_key}>
+                <bdi class="name">{decodeName(one.peer_name)}</bdi>
+                <span class="soft">
+                  {labelOf(WIREGUARD)} · {t('connections.handshake', { ago: duration(handshakeAge(one.latest_handshake) ?? 0) })}
+                </span>
               </li>
             ))}
           </ul>

@@ -124,7 +124,7 @@ function Grid() {
       )}
       <Pager total={value?.total ?? 0} current={pages.current} pages={pages.pages} onGo={setAt} />
       <Failure failure={job.failure} />
-      <div class="row end">
+      <div class={changes.size > 0 ? 'row end afloat' : 'row end'}>
         {changes.size > 0 && <span class="soft">{count(changes.size, 'rights.changedOne', 'rights.changed')}</span>}
         <Button disabled={changes.size === 0} onClick={() => setChanges(new Map())}>
           {t('rights.undo')}

@@ -1,6 +1,6 @@
 // The SD-WAN membership: the road of a join as steps, what a member sees, and the way out.
-import { useState } from 'preact/hooks'
-import { call, data, pageOf, SLOW, ApiError } from '../api'
+import { useEffect, useState } from 'preact/hooks'
+import { asset, call, data, pageOf, SLOW, ApiError } from '../api'
 import { usePoll } from '../poll'
 import { address } from '../rules'
 import { t, type TextKey } from '../texts'
@@ -14,6 +14,7 @@ interface Precheck {
   ncsi: boolean
   region: string
   l2tp_status: string
+  compatible: boolean
 }
 interface Organization {
   name: string
@@ -55,6 +56,7 @@ export function loginResult(page: string): { error: number; reason: string } | n
 
 function Join({ onJoined }: { onJoined: () => void }) {
   const [precheck, setPrecheck] = useState<Precheck | null>(null)
+  const [pages, setPages] = useState<Partial<Record<string, string>>>({}) // of the provider's login, by its clouds
   const [code, setCode] = useState('')
   const [account, setAccount] = useState('')
   const [organizations, setOrganizations] = useState<Organization[]>([])
@@ -62,11 +64,15 @@ function Join({ onJoined }: { onJoined: () => void }) {
   const [regions, setRegions] = useState<Region[] | null>(null)
   const [region, setRegion] = useState('auto')
   const job = useJob()
+  useEffect(() => void asset<typeof pages>('provider.json').then((found) => found && setPages(found)), [])
 
   const look = () =>
     job.run('look', async () => {
-      const found = await data<Precheck>('pelmar/join_pelmar_precheck', {}, SLOW)
-      setPrecheck(found)
+      const [found, kernel] = await Promise.all([
+        data<Omit<Precheck, 'compatible'>>('pelmar/join_pelmar_precheck', {}, SLOW),
+        data<{ is_compatible_version: boolean }>('pelmar/compatible_version'),
+      ])
+      setPrecheck({ ...found, compatible: kernel.is_compatible_version })
       if (found.ncsi && found.tamid_exist) await enter()
     })
   const enter = async () => {
@@ -104,6 +110,7 @@ function Join({ onJoined }: { onJoined: () => void }) {
       onJoined()
     })
 
+  const login = precheck && pages[precheck.region]
   const checked = precheck !== null && precheck.ncsi
   const state = (done: boolean, reached: boolean): StepState => (done ? 'done' : reached ? 'now' : 'later')
   return (
@@ -116,10 +123,12 @@ function Join({ onJoined }: { onJoined: () => void }) {
               rows={[
                 [t('sdwan.internet'), <Badge tone={precheck.ncsi ? 'good' : 'bad'}>{t(precheck.ncsi ? 'yes' : 'no')}</Badge>],
                 [t('sdwan.cloudRegion'), precheck.region],
+                [t('sdwan.kernel'), <Badge tone={precheck.compatible ? 'good' : 'warn'}>{t(precheck.compatible ? 'yes' : 'no')}</Badge>],
               ]}
             />
           )}
           {precheck && !precheck.ncsi && <Notice tone="bad">{t('sdwan.noInternet')}</Notice>}
+          {precheck && !precheck.compatible && <Notice>{t('sdwan.noKernel')}</Notice>}
           {precheck?.l2tp_status === 'enabled' && <Notice>{t('sdwan.l2tp')}</Notice>}
           {!checked && (
             <Button kind="primary" busy={job.busy === 'look'} onClick={() => void look()}>
@@ -134,6 +143,11 @@ function Join({ onJoined }: { onJoined: () => void }) {
             </p>
           ) : (
             <>
+              {login && (
+                <a class="button primary" href={login} target="_blank" rel="noreferrer">
+                  {t('sdwan.loginPage')}
+                </a>
+              )}
               <Field label={t('sdwan.code')} help={t('sdwan.codeHelp')}>
                 {(ids) => <input {...ids} class="mono" autocomplete="off" value={code} onInput={(event) => setCode(event.currentTarget.value)} />}
               </Field>
@@ -256,9 +270,11 @@ function Member({ onLeft }: { onLeft: () => void }) {
     <Card title={t('sdwan.leave')}>
       <p>{t('sdwan.leaveHelp')}</p>
       <Failure failure={job.failure} />
-      <Button kind="danger" busy={job.busy === 'leave'} onClick={() => void leave()}>
-        {t('sdwan.leave')}
-      </Button>
+      <div class="row">
+        <Button kind="danger" busy={job.busy === 'leave'} onClick={() => void leave()}>
+          {t('sdwan.leave')}
+        </Button>
+      </div>
     </Card>
   )
   const value = status.value

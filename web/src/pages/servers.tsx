@@ -33,7 +33,9 @@ function Downloads({ profile, onDone }: { profile: ServerProfile; onDone: () => 
     })
   return (
     <Card title={t('server.files')}>
-      <p>{t('server.filesHelp')}</p>
+      <p>
+        {t('server.filesHelp')} <a href="#/rights">{t('server.toRights')}</a>
+      </p>
       {Number(profile['download']) !== 0 && <Notice>{t('server.downloadAgain')}</Notice>}
       <Failure failure={job.failure} />
       <div class="row">
