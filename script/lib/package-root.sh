@@ -9,8 +9,15 @@ HERE=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd -P)
 # shellcheck source=script/lib/common.sh
 . "$HERE/common.sh"
 
-WORKBENCH=/mnt
 DEVICES=(null zero full random urandom tty net/tun ppp) # where the host has them
+
+# Where it is put together: the mounts made there are seen here alone, and hide no file that is needed.
+choose_workbench() {
+  for WORKBENCH in /mnt /media /srv /home; do
+    [[ ! -d $WORKBENCH || $TREE/ == "$WORKBENCH"/* ]] || return 0
+  done
+  die 'found no folder to mount the new root on: tried /mnt, /media, /srv and /home'
+}
 
 # What the test needs of the host's files, before its root has gone.
 take_given() {
@@ -22,8 +29,10 @@ take_given() {
 }
 
 make_root() {
-  local device
-  mount -t overlay -o "lowerdir=/,upperdir=$WORKBENCH/upper,workdir=$WORKBENCH/work" package-root "$WORKBENCH/root"
+  local device outside options=lowerdir=/,upperdir=$WORKBENCH/upper,workdir=$WORKBENCH/work
+  read -r _ outside _ </proc/self/uid_map
+  ((outside == 0)) || options+=,userxattr # a root of its container alone
+  mount -t overlay -o "$options" package-root "$WORKBENCH/root"
   cd "$WORKBENCH/root"
   mount -t proc -o nosuid,nodev,noexec proc proc
   mount -t sysfs -o ro,nosuid,nodev,noexec sysfs sys
@@ -111,6 +120,7 @@ UNIT
 
 MODE=$1
 shift
+choose_workbench
 mount -t tmpfs -o mode=0755 package-layers "$WORKBENCH"
 mkdir "$WORKBENCH"/{upper,work,root}
 [[ $MODE == probe ]] || take_given "$@"
@@ -124,8 +134,8 @@ fi
 [[ $MODE == plain ]] || write_unit
 ip link set lo up
 hostname package-test
-pivot_root . mnt
-umount -l /mnt
+pivot_root . .
+umount -l .
 cd /
 [[ $MODE != plain ]] || { /run/given/run >>/run/given/log 2>&1 </dev/null; exit; }
 exec env -i container=package-test /lib/systemd/systemd --unit=package-test.service --show-status=no
