@@ -7,6 +7,7 @@ profile fenro-login.cgi /usr/lib/fenro/fenro-login.cgi {
   include <abstractions/authentication>
   include <abstractions/base>
   include <abstractions/nameservice>
+  include <abstractions/openssl>
 
   capability audit_write,
 
