@@ -1,13 +1,13 @@
 # The web login: the one web program that strangers reach. It checks a password, begins or ends a session and notes it.
-# Only told of, not refused, until somebody has tried it on a kernel that has AppArmor: aa-enforce fenro-login.cgi.
 abi <abi/3.0>,
 
 include <tunables/global>
 
-profile fenro-login.cgi /usr/lib/fenro/fenro-login.cgi flags=(complain) {
+profile fenro-login.cgi /usr/lib/fenro/fenro-login.cgi {
   include <abstractions/authentication>
   include <abstractions/base>
   include <abstractions/nameservice>
+  include <abstractions/openssl>
 
   capability audit_write,
 
