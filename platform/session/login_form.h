@@ -29,7 +29,7 @@ class LoginForm {
   void wipe();
 
   // Reads on to the end of a body that is of no interest: a web server that is still writing it would take the end of
-  // the program for a failure, and not pass its answer on.
+  // the program for a failure, and not pass its answer on. Gives up after two seconds.
   static void discard(int fd);
 
  private:
