@@ -8,6 +8,9 @@ option(ORMEL_FUZZ "Build the fuzz targets with libFuzzer (clang only)" OFF)
 set(ORMEL_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them; empty for none")
 option(ORMEL_COVERAGE "Instrument for gcov" OFF)
 
+# pppd takes a plugin that was made for its own version only.
+set(ORMEL_PPPD_VERSION "2.4.9" CACHE STRING "Version of pppd on the target host")
+
 # Deployment values: the hosts that the program speaks to.
 set(ORMEL_CLOUD_DOMAIN "pelmar.example" CACHE STRING "Domain of the cloud services")
 set(ORMEL_PROVIDER_HOST "vpn-provider.example" CACHE STRING "Host of the VPN provider's server list")

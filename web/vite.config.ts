@@ -1,7 +1,7 @@
 import { defineConfig } from 'vitest/config'
 
 export default defineConfig({
-  oxc: { jsx: { runtime: 'automatic', importSource: 'preact' } },
+  esbuild: { jsx: 'automatic', jsxImportSource: 'preact' },
   build: {
     outDir: '../build/web',
     emptyOutDir: true,

@@ -1,18 +1,16 @@
-// The keys of vpn.conf: what each record writes when it has read nothing.
+// The keys of vpn.conf with their defaults, by the tables of each record's fields.
 #include <algorithm>
-#include <memory>
 #include <set>
 
-#include <fenro/conf.h>
-
-#include "ormel/config_record.h"
-#include "ormel/handle.h"
-#include "ormel/tunnel.h"
+#include "base/tunnel.h"
+#include "ormel/config/fields.h"
 #include "page.h"
 
 namespace manual {
 
 namespace {
+
+using ormel::config::BaseConfig;
 
 struct Key {
   std::string name;
@@ -21,15 +19,21 @@ struct Key {
 using Section = std::vector<Key>;
 using Sections = std::map<std::string, Section>;
 
+// The default as `save` writes it.
+std::string fallback_of(const ormel::config::Field& row) {
+  if (std::holds_alternative<std::string BaseConfig::*>(row.member)) return row.text;
+  if (!std::holds_alternative<bool BaseConfig::*>(row.member) || row.is(ormel::config::AS_NUMBER))
+    return std::to_string(row.number);
+  return row.number ? "TRUE" : "FALSE";
+}
+
 Section keys_of(ormel::TYPE type) {
-  constexpr int SLOT = 1;
-  const auto record = ormel::config::make_record(type, SLOT);
-  const ormel::Conf empty{Conf_Dir_Load("")};
-  const ormel::Conf written{Conf_Dir_Load("")};
-  record->load(empty.get(), 0);
-  record->save(written.get());
   Section keys;
-  for (int i = 0; i < written->n; ++i) keys.push_back({written->key[i], written->val[i]});
+  for (const auto& table : ormel::config::make_record(type, 1)->fields()) {
+    for (const ormel::config::Field& row : table) {
+      if (row.is_saved()) keys.push_back({row.key, fallback_of(row)});
+    }
+  }
   return keys;
 }
 

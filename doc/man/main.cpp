@@ -5,7 +5,7 @@
 #include <sstream>
 #include <string_view>
 
-#include "ormel/system_log.h"
+#include "ormel/base/log.h"
 #include "page.h"
 
 namespace manual {

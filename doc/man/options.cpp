@@ -1,14 +1,14 @@
-// The option table: what each option takes, and of which types, as its applier itself says.
+// The option table: what each option takes, of which types, and after which actions.
 #include <algorithm>
 #include <fcntl.h>
 #include <memory>
 #include <unistd.h>
 
-#include "ormel/error.h"
-#include "ormel/handle.h"
-#include "ormel/option.h"
-#include "ormel/option_apply.h"
-#include "ormel/tunnel.h"
+#include "base/tunnel.h"
+#include "ormel/base/error.h"
+#include "ormel/base/handle.h"
+#include "ormel/options/apply.h"
+#include "ormel/options/table.h"
 #include "page.h"
 
 namespace manual {
@@ -22,7 +22,6 @@ using ormel::option::CommandOption;
 using ormel::option::type_names;
 using ormel::option::TypeName;
 
-constexpr const char* ANY_VALUE = "1";
 constexpr const char* NO_CHOICE = "~";
 constexpr char CHOICE_MARK = '|';
 constexpr const char* CLIENTS = "client";  // behind the argument of an action that servers do not have
@@ -65,7 +64,7 @@ int apply(const CommandOption& row, TYPE type, ACTION action, const std::string&
   const auto record = ormel::config::make_record(type, 1);
   ormel::config::BaseConfig* target = record.get();
   target->action = action;
-  return row.fpr(&target, value.c_str());
+  return ormel::option::apply_option(row, &target, value.c_str());
 }
 
 // What the header of a description says: the argument, and for an action whether clients alone have it.
@@ -85,8 +84,7 @@ Argument argument_of(const CommandOption& row, const Entry& entry) {
 
 bool has_type(const CommandOption& row, const Argument& argument, TYPE type) {
   if (argument.clients && ormel::is_server(type)) return false;
-  return row.fpr == ormel::option::apply_type ||
-         apply(row, type, ormel::NONE_ACTION, ANY_VALUE) != ormel::ERR_WRONG_TYPE;
+  return row.types == 0 || (row.types & type) != 0;
 }
 
 std::vector<std::string> types_of(const CommandOption& row, const Argument& argument) {
@@ -95,14 +93,6 @@ std::vector<std::string> types_of(const CommandOption& row, const Argument& argu
     if (has_type(row, argument, type.type)) names.emplace_back(type.name);
   }
   return names;
-}
-
-bool has_action(const CommandOption& row, ACTION action) {
-  const auto types = type_names();
-  return std::any_of(types.begin(), types.end(), [&](const TypeName& type) {
-    const int rc = apply(row, type.type, action, ANY_VALUE);
-    return rc != ormel::ERR_WRONG_TYPE && rc != ormel::ERR_WRONG_ACTION;
-  });
 }
 
 std::string listed(const std::vector<std::string>& names) {
@@ -133,10 +123,10 @@ std::string types_text(const CommandOption& row, const Argument& argument) {
 
 // The actions behind which alone the option may stand; empty for any place.
 std::string places_text(const CommandOption& row) {
-  if (has_action(row, ormel::NONE_ACTION)) return "";
+  if (!row.actions) return "";
   std::vector<std::string> names;
   for (const ActionName& action : SETTING_ACTIONS) {
-    if (has_action(row, action.action)) names.emplace_back(action.option);
+    if (((row.actions->servers | row.actions->clients) & action.action) != 0) names.emplace_back(action.option);
   }
   return listed(names);
 }
@@ -182,7 +172,7 @@ void put_row(Page& page, const CommandOption& row) {
     if (!places.empty()) facts += " Only behind " + places + '.';
     facts += row.cgi ? "" : " Not in a web form.";
   }
-  if (row.fpr != ormel::option::apply_type) lines.insert(lines.end(), {"", facts});
+  if (row.types != 0) lines.insert(lines.end(), {"", facts});
   put_entry(page, head_of(row, argument.name), lines);
 }
 

@@ -1,7 +1,7 @@
 // Error codes, routes and notifications.
-#include "ormel/error.h"
-#include "ormel/nc_msg_db.h"
-#include "ormel/ormel_cgi.h"
+#include "ormel/base/error.h"
+#include "ormel/host/notification.h"
+#include "ormel/web/routes.h"
 #include "page.h"
 
 namespace manual {
@@ -14,6 +14,16 @@ constexpr unsigned int NO_CODE = 1'000'000;
 // "/ormel/config/" of "/ormel/config/add".
 std::string family_of(const std::string& route) {
   return route.substr(0, route.rfind('/') + 1);
+}
+
+std::string who_may_use(const ormel::cgi::Access& access) {
+  if (access.least == ormel::GENERAL_USER) return "any session";
+  if (access.refusal == ormel::ERR_SESSION_FAIL) return "administrators";
+  return "administrators, others get error " + std::to_string(access.refusal);
+}
+
+std::string effect_of(const ormel::cgi::Route& route) {
+  return route.effect == ormel::cgi::CHANGES ? ", changes" : "";
 }
 
 }  // namespace
@@ -38,7 +48,7 @@ void put_routes(Page& page, const Words&) {
       page.out() << "## " << literal(family) << "\n\n";
     }
     const Entry& entry = page.texts("routes").of(path);
-    put_entry(page, '*' + literal(path) + "* (" + entry.detail + ')', entry.lines);
+    put_entry(page, '*' + literal(path) + "* (" + who_may_use(route.access) + ')' + effect_of(route), entry.lines);
   }
 }
 

@@ -14,7 +14,10 @@ profile fenro-login.cgi /usr/lib/fenro/fenro-login.cgi {
   /usr/lib/fenro/fenro-login.cgi mr,
   /usr/lib/fenro/fenro-session rix,
   /etc/config/Corlin.conf r,
-  /run/fenro/{,**} rwk,
+  /etc/config/ r,
+  /etc/config/smbpasswd{,.*} rwl,
+  /etc/config/#* rwl,
+  /run/fenro/{,**} rwkl,
   /var/lib/fenro/ rw,
   /var/lib/fenro/event.db{,-journal,-shm,-wal} rwk,
 

@@ -1,5 +1,6 @@
-// fenro-cloud FOLDER ADDRESS PORT [CERTIFICATE KEY]: the services that the appliance's membership speaks to, for tests
-// and demonstration. FOLDER holds what it knows, and "server.pem" and "server.key" unless others are named.
+// fenro-cloud FOLDER ADDRESS PORT [CERTIFICATE KEY]: the cloud services that the membership uses,
+// for tests and demonstration. FOLDER holds their data, and "server.pem" and "server.key" unless
+// others are named.
 #include <charconv>
 #include <csignal>
 #include <cstdio>
@@ -19,7 +20,7 @@ int main(int argc, char** argv) {
     std::fputs("fenro-cloud: PORT is a number\n", stderr);
     return 2;
   }
-  prctl(PR_SET_PDEATHSIG, SIGKILL);  // it lives as long as who started it
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // it ends with its parent
   const std::string folder = argv[1];
   fenro::cloud::Services services{folder};
   fenro::cloud::TlsServer server{argc == 6 ? argv[4] : folder + "/server.pem",

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# make_certificates.sh FOLDER DOMAIN: a certificate authority of its own in FOLDER (ca.pem), and what it has signed:
-# "server" for every host of the cloud below DOMAIN, "other" for a host that is none of them, "expired". "self" is
-# signed by nobody.
+# make_certificates.sh FOLDER DOMAIN: creates a new certificate authority in FOLDER (ca.pem) and
+# the certificates that it signs: "server" for every cloud host below DOMAIN, "other" for a host
+# outside DOMAIN, and "expired". "self" is self-signed.
 set -euo pipefail
 FOLDER=$1 DOMAIN=$2
 cd "$FOLDER"

@@ -2,29 +2,29 @@
 
 #include <string_view>
 
-#include "common/base64.h"
-#include "common/file.h"
+#include "base/base64.h"
+#include "base/file.h"
 
 namespace fenro::cloud {
 
 namespace {
 
-constexpr const char* PELMAR_TOKEN = "pelmar-token";  // what an authorised call carries
+constexpr const char* PELMAR_TOKEN = "pelmar-token";  // token of an authorised call
 constexpr const char* CLOUD_TOKEN = "cloud-token";
 constexpr const char* REFRESH_TOKEN = "refresh-token";
-constexpr const char* DEVICE_TOKEN = "token-of-";  // and the device's id
+constexpr const char* DEVICE_TOKEN = "token-of-";  // followed by the device's id
 constexpr int LOGIN_LIFE = 3600;                   // seconds
 constexpr int TOKEN_LIFE = 1800;
-constexpr const char* LOGIN_PAGE[] = {  // the code stands between both
+constexpr const char* LOGIN_PAGE[] = {  // the code goes between both parts
     R"(<!DOCTYPE html><html lang="en"><meta charset="utf-8"><title>Login of the demonstration</title>
 <h1>You are logged in</h1><p>Everybody is, in this demonstration. Copy this code into the page of your appliance:</p>
 <pre id="code" style="user-select: all; white-space: pre-wrap; overflow-wrap: anywhere">)",
     "</pre></html>\n"};
 
 Json load(const std::string& path) {
-  Text text;
+  std::string text;
   if (read_file(path.c_str(), text) != 0) return Json{json_object()};
-  Json root{json_loadb(text.view().data(), text.view().size(), 0, nullptr)};
+  Json root{json_loadb(text.data(), text.size(), 0, nullptr)};
   return root ? std::move(root) : Json{json_object()};
 }
 
@@ -69,15 +69,15 @@ bool holds(const json_t* list, std::string_view text) {
 
 struct Services::Operation {
   const char* method;
-  std::string_view before;  // the path up to the device's id, all of it when there is none
-  std::string_view behind;  // the path behind the id
-  const char* header;       // that carries the token; null for what anybody may ask
+  std::string_view before;  // the path up to the device's id; the whole path without an id
+  std::string_view behind;  // the path after the id
+  const char* header;       // that carries the token; null for a public route
   const char* scheme;       // before the token
-  const char* token;        // DEVICE_TOKEN stands for that of the device
+  const char* token;        // DEVICE_TOKEN means the device's own token
   HttpReply (Services::*act)(const HttpRequest& request, const std::string& device);
 };
 
-// A longer path stands before a shorter one that begins it.
+// A longer path must precede any shorter path that is its prefix.
 const Services::Operation Services::OPERATIONS[] = {
     // clang-format off
     {"GET",    "/v1.2/organization",                   "",                "authorization", "Bearer ", CLOUD_TOKEN,  &Services::list_organizations},
@@ -85,15 +85,15 @@ const Services::Operation Services::OPERATIONS[] = {
     {"GET",    "/v1.2/organization/",                  "/site",           "authorization", "Bearer ", CLOUD_TOKEN,  &Services::list_sites},
     {"GET",    "/v1/login",                            "",                nullptr,         "",        "",           &Services::log_in},
     {"POST",   "/v1/token",                            "",                nullptr,         "",        "",           &Services::renew_login},
-    {"GET",    "/v1.1/address",                        "",                nullptr,         "",        "",           &Services::tell_location},
-    {"GET",    "/v1.1/location",                       "",                nullptr,         "",        "",           &Services::tell_location},
+    {"GET",    "/v1.1/address",                        "",                nullptr,         "",        "",           &Services::location},
+    {"GET",    "/v1.1/location",                       "",                nullptr,         "",        "",           &Services::location},
     {"POST",   "/pelmar/morvi/api/v1/token",           "",                "skarntoken",    "",        CLOUD_TOKEN,  &Services::give_token},
-    {"GET",    "/v1.1/me",                             "",                "authorization", "Bearer ", CLOUD_TOKEN,  &Services::tell_account},
+    {"GET",    "/v1.1/me",                             "",                "authorization", "Bearer ", CLOUD_TOKEN,  &Services::account},
     {"POST",   "/dalnet/morvi/api/v1/edge",            "",                "skarntoken",    "",        CLOUD_TOKEN,  &Services::register_edge},
     {"GET",    "/pelmar/morvi/api/v1/vpn_topology",    "",                "authorization", "Pluser ", PELMAR_TOKEN, &Services::list_groups},
     {"POST",   "/pelmar/morvi/api/v1/ip_subnet_check", "",                "authorization", "Pluser ", PELMAR_TOKEN, &Services::check_subnet},
     {"GET",    "/dalnet/morvi/api/v1/devices/",        "/cloudagent_cfg", "authorization", "",        PELMAR_TOKEN, &Services::configure_agent},
-    {"GET",    "/dalnet/morvi/api/v1/devices/",        "/membership",     "authorization", "Device ", DEVICE_TOKEN, &Services::tell_membership},
+    {"GET",    "/dalnet/morvi/api/v1/devices/",        "/membership",     "authorization", "Device ", DEVICE_TOKEN, &Services::membership},
     {"PUT",    "/dalnet/morvi/api/v1/devices/",        "/network",        "authorization", "Device ", DEVICE_TOKEN, &Services::note_network},
     {"GET",    "/dalnet/morvi/api/v1/devices/",        "",                "authorization", "",        PELMAR_TOKEN, &Services::register_device},
     {"DELETE", "/dalnet/morvi/api/v1/devices/",        "",                "authorization", "",        PELMAR_TOKEN, &Services::remove_device},
@@ -107,7 +107,7 @@ HttpReply Services::answer(const HttpRequest& request) {
   record(request);
   const Json faults = load(folder_ + "/faults.json");
   const json_t* const fault = json_object_get(faults.get(), (request.method + ' ' + request.path).c_str());
-  // A refusal or a text of its own stands for a cloud that has not done the work either.
+  // A fault with a status or body also means that the cloud has not done the work.
   const bool works = !json_object_get(fault, "status") && !json_object_get(fault, "body");
   HttpReply reply = works ? dispatch(request) : HttpReply{};
   return fault ? faulty(fault, std::move(reply)) : reply;
@@ -144,7 +144,7 @@ HttpReply Services::create_organization(const HttpRequest& request, const std::s
   return reply_with(Json{json_pack("{s:i, s:{s:s}}", "code", 0, "result", "organization_id", id.c_str())});
 }
 
-HttpReply Services::tell_account(const HttpRequest&, const std::string&) {
+HttpReply Services::account(const HttpRequest&, const std::string&) {
   return reply_with(Json{json_pack("{s:O}", "result", world("account"))});
 }
 
@@ -194,8 +194,7 @@ HttpReply Services::list_sites(const HttpRequest&, const std::string& organizati
       json_pack("{s:i, s:[{s:s}]}", "code", 0, "result", "organization_site_id", ("site-of-" + organization).c_str())});
 }
 
-// What the browser brings back from the login page, in a page of its own for one that asks for a page. Everybody gets
-// in here.
+// Returns the login result, as a page for clients that accept HTML. Every login succeeds here.
 HttpReply Services::log_in(const HttpRequest& request, const std::string&) {
   const Json answer{json_pack("{s:s, s:s, s:i}", "access_token", CLOUD_TOKEN, "refresh_token", REFRESH_TOKEN,
                               "expires_in", LOGIN_LIFE)};
@@ -211,7 +210,7 @@ HttpReply Services::renew_login(const HttpRequest& request, const std::string&) 
   return reply_with(Json{json_pack("{s:s, s:i}", "access_token", CLOUD_TOKEN, "expires_in", LOGIN_LIFE)});
 }
 
-HttpReply Services::tell_location(const HttpRequest&, const std::string&) {
+HttpReply Services::location(const HttpRequest&, const std::string&) {
   return reply_with(Json{json_pack("{s:O}", "result", world("location"))});
 }
 
@@ -221,7 +220,7 @@ HttpReply Services::give_token(const HttpRequest& request, const std::string&) {
   return reply_with(Json{json_pack("{s:s, s:i}", "pelmarToken", PELMAR_TOKEN, "expires_in", TOKEN_LIFE)});
 }
 
-HttpReply Services::tell_membership(const HttpRequest&, const std::string& device) {
+HttpReply Services::membership(const HttpRequest&, const std::string& device) {
   if (!json_object_get(devices_.get(), device.c_str())) return refuse(404, "no such device");
   return reply_with(Json{json_incref(world("membership"))});
 }

@@ -1,13 +1,14 @@
-// What the cloud knows and answers: one account, its organisations with their groups of VPN hubs, and the devices that
-// have joined.
+// The cloud's data and answers: one account, its organisations with their groups of VPN hubs, and
+// the joined devices.
 //
-// Everything lies in one folder. "world.json" is read at the start:
+// All data is in one folder. "world.json" is read at the start:
 //   {"account": {"display_name", "email", "site"}, "organizations": [{"name", "organization_id", "created_by"}],
 //    "groups": [{"groupId", "name", "hubs"}], "address": the address that the next device gets,
 //    "taken": [addresses that clash], "suggestion": "address/prefix" offered for those,
 //    "location": {"address", "latitude", "longitude", "country_code"} of every host,
 //    "membership": what each device is told of its hub and super node}
-// "faults.json" is read for each request, if it is there: from "METHOD /path" to what happens in place of the answer,
+// "faults.json", if it exists, is read for each request. It maps "METHOD /path" to a fault that
+// replaces the answer,
 //   {"status", "body", "headers", "padding", "delay": milliseconds, "hang_up"}, each of which may be missing.
 // "requests" gets one line for each request: {"host", "method", "path", "query", "headers", "body"}.
 #pragma once
@@ -29,7 +30,7 @@ class Services {
   [[nodiscard]] HttpReply dispatch(const HttpRequest& request);
   [[nodiscard]] HttpReply list_organizations(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply create_organization(const HttpRequest& request, const std::string& device);
-  [[nodiscard]] HttpReply tell_account(const HttpRequest& request, const std::string& device);
+  [[nodiscard]] HttpReply account(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply register_edge(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply list_groups(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply register_device(const HttpRequest& request, const std::string& device);
@@ -39,9 +40,9 @@ class Services {
   [[nodiscard]] HttpReply list_sites(const HttpRequest& request, const std::string& organization);
   [[nodiscard]] HttpReply log_in(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply renew_login(const HttpRequest& request, const std::string& device);
-  [[nodiscard]] HttpReply tell_location(const HttpRequest& request, const std::string& device);
+  [[nodiscard]] HttpReply location(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply give_token(const HttpRequest& request, const std::string& device);
-  [[nodiscard]] HttpReply tell_membership(const HttpRequest& request, const std::string& device);
+  [[nodiscard]] HttpReply membership(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply note_network(const HttpRequest& request, const std::string& device);
 
   struct Operation;

@@ -18,7 +18,7 @@ using Tls = std::unique_ptr<SSL, FreeWith<SSL_free>>;
 
 constexpr std::size_t REQUEST_LIMIT = std::size_t{1} * 1024 * 1024;
 constexpr std::size_t PIECE = 16384;
-constexpr timeval PATIENCE{5, 0};  // for a client that says nothing
+constexpr timeval PATIENCE{5, 0};  // for a silent client
 constexpr int BACKLOG = 64;
 
 std::string lower(std::string text) {
@@ -26,7 +26,7 @@ std::string lower(std::string text) {
   return text;
 }
 
-// Takes lines up to the empty one apart. False for what is no HTTP.
+// Parses the header lines up to the empty line. Returns false on malformed HTTP.
 bool parse_head(const std::string& head, HttpRequest& request) {
   const std::size_t first_end = head.find("\r\n");
   const std::string first = head.substr(0, first_end);
@@ -52,7 +52,7 @@ bool parse_head(const std::string& head, HttpRequest& request) {
   return true;
 }
 
-// Reads one request whole; false when none comes, or one that is too large.
+// Reads one whole request. Returns false when none arrives or it is too large.
 bool read_request(SSL* tls, HttpRequest& request) {
   std::string text;
   std::size_t head_end = std::string::npos;
@@ -82,7 +82,7 @@ bool write_all(SSL* tls, const std::string& text) {
   return true;
 }
 
-// Whether the connection is good for another request.
+// Returns whether the connection can carry another request.
 bool write_reply(SSL* tls, const HttpReply& reply) {
   const std::string head = "HTTP/1.1 " + std::to_string(reply.status) + " -\r\nContent-Type: " + reply.type +
                            "\r\nContent-Length: " + std::to_string(reply.body.size() + reply.padding) + "\r\n" +
@@ -118,7 +118,7 @@ bool TlsServer::listen(const std::string& address, unsigned short port) {
 }
 
 void TlsServer::run(const Handler& handler) {
-  std::signal(SIGPIPE, SIG_IGN);  // a client that has gone away must not take the cloud with it
+  std::signal(SIGPIPE, SIG_IGN);  // a disconnected client must not end the cloud
   for (;;) {
     const int client = accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC);
     if (client >= 0) std::thread([this, client, &handler] { serve(client, handler); }).detach();

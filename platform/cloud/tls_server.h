@@ -1,4 +1,5 @@
-// A small HTTPS server: a thread for each connection, which may carry several requests; they are answered one by one.
+// A small HTTPS server with one thread for each connection. A connection may carry several
+// requests, answered in order.
 #pragma once
 
 #include <chrono>
@@ -10,14 +11,14 @@
 
 #include <openssl/ssl.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 
 namespace fenro::cloud {
 
 struct HttpRequest {
   std::string method;
   std::string path;                              // without the query
-  std::string query;                             // behind "?"
+  std::string query;                             // after "?"
   std::map<std::string, std::string> headers{};  // names in lower case
   std::string body{};
 };
@@ -27,19 +28,19 @@ struct HttpReply {
   std::string body{};
   std::string more_headers{};  // lines, each with its end
   const char* type = "application/json";
-  std::size_t padding = 0;            // this many blanks go out behind the body
-  std::chrono::milliseconds delay{};  // before it goes out
-  bool hang_up = false;               // nothing goes out at all
+  std::size_t padding = 0;            // number of blanks sent after the body
+  std::chrono::milliseconds delay{};  // before the answer is sent
+  bool hang_up = false;               // close without an answer
 };
 
 using Handler = std::function<HttpReply(const HttpRequest& request)>;
 
 class TlsServer {
  public:
-  // The certificate, with its chain, and its key, in files.
+  // Paths of the certificate with its chain, and of its key.
   TlsServer(const std::string& certificate, const std::string& key);
 
-  // False when the address is taken or the certificate cannot be used.
+  // Returns false when the address is in use or the certificate is unusable.
   [[nodiscard]] bool listen(const std::string& address, unsigned short port);
   // Serves until the process ends.
   [[noreturn]] void run(const Handler& handler);

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <string_view>
 
-#include "common/pelmar_files.h"
+#include "base/http_limit.h"
+#include "base/pelmar_files.h"
 #include "libfenro/ini_file.h"
 
 namespace fenro {
@@ -11,7 +12,6 @@ namespace fenro {
 namespace {
 
 constexpr long TIMEOUT_SECONDS = 10;
-constexpr std::size_t ANSWER_LIMIT = std::size_t{4} << 20;
 
 // A line end in a token would add headers of somebody's choice.
 bool fits_header(std::string_view line) {
@@ -19,7 +19,7 @@ bool fits_header(std::string_view line) {
 }
 
 std::size_t take_answer(const char* bytes, std::size_t size, std::size_t count, std::string* text) {
-  if (text->size() + size * count > ANSWER_LIMIT) return 0;
+  if (text->size() + size * count > HTTP_ANSWER_MAX) return 0;
   text->append(bytes, size * count);
   return size * count;
 }
@@ -80,7 +80,7 @@ CloudReply CloudClient::ask(const CloudRequest& request) const {
   CloudReply reply;
   if (perform(handle_.get()) != CURLE_OK) return reply;
   curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &reply.status);
-  reply.root = parse_request(text, ANSWER_LIMIT);
+  reply.root = parse_request(text, HTTP_ANSWER_MAX);
   return reply;
 }
 

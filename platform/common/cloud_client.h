@@ -7,8 +7,8 @@
 
 #include <curl/curl.h>
 
+#include "base/handle.h"
 #include "common/cloud_hosts.h"
-#include "common/handle.h"
 #include "common/json.h"
 
 namespace fenro {

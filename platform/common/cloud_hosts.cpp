@@ -4,7 +4,7 @@
 #include <cctype>
 #include <string_view>
 
-#include "common/pelmar_files.h"
+#include "base/pelmar_files.h"
 #include "libfenro/ini_file.h"
 
 #ifndef ORMEL_CLOUD_DOMAIN

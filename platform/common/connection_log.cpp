@@ -1,21 +1,30 @@
 #include "common/connection_log.h"
 
 #include <algorithm>
+#include <fcntl.h>
+#include <functional>
 #include <memory>
 #include <string_view>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <tuple>
+#include <unistd.h>
 
+#include <fenro/event_log.h>
 #include <fenro/mibservice.h>
 
-#include "common/handle.h"
-#include "ormel/ormel_api_db_records.h"
+#include "base/bus_handle.h"
+#include "base/file.h"
+#include "base/handle.h"
+#include "base/log_db_records.h"
+#include "base/tunnel.h"
+#include "libfenro/user.h"
 
 namespace fenro {
 namespace {
 
 namespace log_db = ormel::log_db;
-using MibIo = std::unique_ptr<mib_io, FreeWith<mib_io_free>>;
 
-constexpr std::uint32_t OPENVPN_SERVER = 4;
 constexpr int NO_FLAG = -1;
 
 // Fills a text of a record, whose last byte stays zero.
@@ -61,7 +70,31 @@ bool log_server(const OnlineUser& session, ConnectionEvent event, Traffic traffi
 // Whether both can't be online at once.
 bool same_place(const OnlineUser& one, const OnlineUser& other) {
   if (one.type != other.type) return false;
-  return one.type == OPENVPN_SERVER ? one.remote == other.remote : one.interface == other.interface;
+  const auto server = static_cast<ormel::TYPE>(one.type);
+  return ormel::sessions_of(server) == ormel::Sessions::OPENVPN ? one.remote == other.remote
+                                                                : one.interface == other.interface;
+}
+
+// Whether the last event of this kind is long enough ago.
+bool may_tell(const std::string& kind) {
+  constexpr const char* FOLDER = "/run/fenro/refusals";
+  constexpr std::time_t PAUSE = 60;  // seconds
+  if (!make_private_folder(FOLDER)) return false;
+  const std::string mark = std::string(FOLDER) + '/' + kind;
+  const Fd fd{open(mark.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR)};
+  struct stat info {};
+  if (!fd || flock(fd.get(), LOCK_EX | LOCK_NB) != 0 || fstat(fd.get(), &info) != 0) return false;
+  if (info.st_size > 0 && std::time(nullptr) - info.st_mtime < PAUSE) return false;
+  return pwrite(fd.get(), "x", 1, 0) == 1;
+}
+
+// A name that somebody has sent, on one line.
+std::string printable(std::string text) {
+  constexpr unsigned char SPACE = 0x20, DELETE = 0x7f;
+  for (char& c : text) {
+    if (const auto byte = static_cast<unsigned char>(c); byte < SPACE || byte == DELETE) c = '?';
+  }
+  return text;
 }
 
 }  // namespace
@@ -79,8 +112,26 @@ bool end_sessions(const OnlineUsers& users, const OnlineUsers::Chosen& chosen, T
   return done;
 }
 
-bool log_refusal(const OnlineUser& login) {
-  return log_server(login, ConnectionEvent::Refused, {});
+bool log_refusal(const OnlineUser& login, const std::string& reason) {
+  tell_refusal(login, reason);
+  OnlineUser row = login;
+  row.device = reason;
+  return log_server(row, ConnectionEvent::Refused, {});
+}
+
+void tell_refusal(const OnlineUser& login, const std::string& reason) {
+  constexpr int WARNING = 1;
+  const auto account = find_user(login.user.c_str());
+  if (!may_tell((account ? std::to_string(account->uid) : "unknown") + '-' +
+                std::to_string(std::hash<std::string>{}(reason)))) {
+    return;
+  }
+  naslog_event event{};
+  event.type = WARNING;
+  put(event.event_user, printable(login.user));
+  put(event.event_ip, login.source);
+  put(event.event_desc, "[VPN] Login of " + printable(login.user) + " from " + login.source + " refused: " + reason);
+  std::ignore = naslog_event_add(&event);  // the row of the login is there without it
 }
 
 bool log_client(const ClientTunnel& tunnel, ConnectionEvent event, Traffic traffic) {

@@ -27,8 +27,12 @@ struct Traffic {
 // `traffic` is that of one session.
 [[nodiscard]] bool end_sessions(const OnlineUsers& users, const OnlineUsers::Chosen& chosen, Traffic traffic = {});
 
-// A login that was refused: a row in the log alone.
-[[nodiscard]] bool log_refusal(const OnlineUser& login);
+// A login that was refused: a row in the log, with the reason in the place of the device, and an event.
+[[nodiscard]] bool log_refusal(const OnlineUser& login, const std::string& reason);
+
+// The event alone, of a login whose row is written elsewhere. The same refusal of the same account is an event once a
+// minute, and accounts that do not exist count as one: strangers must not fill the event log.
+void tell_refusal(const OnlineUser& login, const std::string& reason);
 
 // A tunnel of a client profile has come up or gone down.
 struct ClientTunnel {

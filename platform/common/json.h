@@ -1,21 +1,16 @@
-// An owner for parsed JSON, and the few questions that requests are asked.
+// The few questions that requests are asked.
 // Callers see "absent" and "wrong type" alike unless they ask for more.
 #pragma once
 
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include <jansson.h>
 
-namespace fenro {
+#include "base/json_handle.h"
 
-// json_decref is a static inline: as a template argument it would make a different type in every source.
-struct FreeJson {
-  void operator()(json_t* value) const noexcept { json_decref(value); }
-};
-using Json = std::unique_ptr<json_t, FreeJson>;
+namespace fenro {
 
 inline constexpr std::size_t REQUEST_MAX = 64UL * 1024;  // what most daemons are asked is below 2 KiB
 

@@ -6,19 +6,17 @@
 #include <optional>
 #include <sys/file.h>
 
-#include "common/base64.h"
-#include "common/file.h"
-#include "common/handle.h"
+#include "base/base64.h"
+#include "base/file.h"
+#include "base/handle.h"
 
 namespace fenro {
 namespace {
 
-constexpr mode_t PRIVATE = 0600;
-
 // The lock of all writers; it goes with the descriptor. The start scripts take the same one with flock(1).
 Fd lock_list(const std::string& path) {
   std::ignore = make_private_folder(path.substr(0, path.rfind('/')));  // without it the next line fails
-  Fd fd{open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, PRIVATE)};
+  Fd fd{open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, PRIVATE_FILE)};
   if (fd && TEMP_FAILURE_RETRY(flock(fd.get(), LOCK_EX)) != 0) fd.reset();
   return fd;
 }
@@ -83,9 +81,9 @@ void for_each_line(std::string_view text, Take take) {
 
 std::vector<OnlineUser> OnlineUsers::list() const {
   std::vector<OnlineUser> sessions;
-  Text text;
+  std::string text;
   if (read_file(file_.c_str(), text) != 0) return sessions;
-  for_each_line(text.view(), [&](std::string_view line) {
+  for_each_line(text, [&](std::string_view line) {
     if (auto session = parse_line(line)) sessions.push_back(std::move(*session));
   });
   return sessions;
@@ -97,21 +95,21 @@ bool OnlineUsers::add(const OnlineUser& session) const {
   }
   if (session.user.empty()) return false;  // nothing would stand for it, and all behind it would move up
   const Fd lock = lock_list(lock_);
-  Text text;
+  std::string text;
   if (const int failure = read_file(file_.c_str(), text); !lock || (failure != 0 && failure != ENOENT)) return false;
-  std::string lines{text.view()};
+  std::string lines{text};
   if (!lines.empty() && lines.back() != '\n') lines += '\n';
   return replace_file(file_, lines + line_of(session));
 }
 
 bool OnlineUsers::remove(const Chosen& chosen, std::vector<OnlineUser>& removed) const {
   const Fd lock = lock_list(lock_);
-  Text text;
+  std::string text;
   const int failure = lock ? read_file(file_.c_str(), text) : EIO;
   if (failure != 0) return failure == ENOENT;
   std::string kept;
   const std::size_t before = removed.size();
-  for_each_line(text.view(), [&](std::string_view line) {
+  for_each_line(text, [&](std::string_view line) {
     if (auto session = parse_line(line); session && chosen(*session)) {
       removed.push_back(std::move(*session));
     } else {

@@ -62,39 +62,32 @@ end_sessions() {
   done
 }
 
-kick_all_connection() {
-  case $1 in
-    "$OVPN_SERVER_BIT")
-      ovpn_kick all "${2-}"
-      return
-      ;;
-    "$DROVIK_SERVER_BIT")
-      drovik_kick all "${2-}"
-      return
-      ;;
-  esac
+# ppp_kick all|one WHO: those of the server TYPE.
+ppp_kick() {
   local chosen
-  if [ -n "${2-}" ]; then chosen=$(listed_pids "$1" all "$2"); else chosen=$(session_pids "$1") || exit 1; fi
-  end_sessions "$1" "$chosen"
+  if [ -n "$2" ]; then chosen=$(listed_pids "$TYPE" "$1" "$2"); else chosen=$(session_pids "$TYPE") || exit 1; fi
+  # A pid is good without the list: the sessions themselves are looked up.
+  if [ "$1" = one ] && is_number "$2" 2 99999999; then chosen="$chosen $2"; fi
+  end_sessions "$TYPE" "$chosen"
 }
+
+# kick TYPE all|one WHO: by the function that the protocol's row names.
+kick() {
+  local row
+  for row in $SESSION_KINDS; do
+    [ "${row%:*}" = "$1" ] || continue
+    TYPE=$1
+    "${row#*:}_kick" "$2" "$3"
+    return
+  done
+  die "no sessions of server type '$1'"
+}
+
+kick_all_connection() { kick "$1" all "${2-}"; }
 
 kick_one_connection() {
   [ -n "${2-}" ] || die 'kick_one_connection: nobody named'
-  case $1 in
-    "$OVPN_SERVER_BIT")
-      ovpn_kick one "$2"
-      return
-      ;;
-    "$DROVIK_SERVER_BIT")
-      drovik_kick one "$2"
-      return
-      ;;
-  esac
-  local chosen
-  chosen=$(listed_pids "$1" one "$2")
-  # A pid is good without the list: the sessions themselves are looked up.
-  if is_number "$2" 2 99999999; then chosen="$chosen $2"; fi
-  end_sessions "$1" "$chosen"
+  kick "$1" one "$2"
 }
 
 case "$#/${1-}" in

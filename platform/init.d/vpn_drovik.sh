@@ -2,7 +2,7 @@
 # shellcheck shell=dash
 # The server of the appliance's own tunnel: morvid.
 #
-#   vpn_drovik.sh start|stop|restart|status
+#   vpn_drovik.sh start|stop|restart|status|keep
 #
 # morvid reads the section "DROVIK" of vpn.conf by itself and refuses what is of no use; here is what the host needs for
 # it. The accounts stay in the privilege store, which it asks at each login.
@@ -21,6 +21,7 @@ MSS=1360      # what fits into the tunnel's packets of 1400 bytes
 read_settings() {
   pool_begin=$(vpn_get $SECTION 'Client IP 1' 10.6.0.2)
   outgoing=$(vpn_get $SECTION interface all)
+  port=$(vpn_get $SECTION 'VPN Port' 443)
   is_ipv4 "$pool_begin" || die "[$SECTION] bad address pool"
   is_outgoing "$outgoing" || die "[$SECTION] bad \"interface\""
   pool=$(ipv4_network "$pool_begin" 24)
@@ -35,7 +36,10 @@ running() { [ -n "$(pids_of morvid $SECTION)" ]; }
 start() {
   read_settings
   stop
-  "$DAEMON" $SECTION </dev/null 9>&- || die 'morvid does not start'
+  said=$("$DAEMON" $SECTION </dev/null 2>&1 9>&-) || {
+    case $said in *'the port cannot be opened'*) fail_without_port $SECTION udp "$port" "$said" ;; esac
+    fail_as_said $SECTION "$said"
+  }
   server_open drovik "$pool" $MSS "$outgoing" $ROUTE_PRIORITY
 }
 

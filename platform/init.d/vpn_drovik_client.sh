@@ -2,7 +2,7 @@
 # shellcheck shell=dash
 # Client tunnels to Drovik servers: a morvic for each profile.
 #
-#   vpn_drovik_client.sh connect|disconnect INDEX
+#   vpn_drovik_client.sh connect|disconnect|keep|forget INDEX
 #
 # morvic reads the section "DROVIK_CLIENTINDEX" of vpn.conf by itself, and runs drovik-client-up and drovik-client-down
 # as the tunnel comes and goes. Whoever looks for tunnels in /proc goes by its name and that of its pid file.
@@ -10,13 +10,15 @@
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=client_lib.sh
 . /usr/lib/fenro/client_lib.sh
+# shellcheck source=drovik_lib.sh
+. /usr/lib/fenro/drovik_lib.sh
 
 DAEMON=/usr/lib/fenro/morvic
 
 connect() {
   disconnect
   client_known "$section" || die "[$section] no such profile"
-  "$DAEMON" "$section" "$interface" "$pid_file" </dev/null 9>&- || die "[$section] the tunnel cannot start"
+  said=$("$AS_LOOKUP" "$DAEMON" "$section" "$interface" "$pid_file" </dev/null 2>&1 9>&-) || fail_as_said "$section" "$said"
 }
 
 # The falling edge belongs to morvic; it is repeated here for one that was killed.
@@ -26,6 +28,9 @@ disconnect() {
   client_down "$section"
 }
 
-client_script DROVIK_CLIENT 'connect disconnect' "$@"
+running() { [ -n "$(pids_of morvic "$pid_file")" ]; }
+
+start_action=connect
+client_script DROVIK_CLIENT 'connect disconnect keep forget' "$@"
 pid_file=$RUN_DIR/drovikclient$slot.pid
-with_lock "drovikclient$slot" "$1"
+with_lock "drovikclient$slot" client_action "$1"

@@ -2,7 +2,7 @@
 # shellcheck shell=dash
 # The L2TP/IPsec server: an IKE daemon, xl2tpd, and a pppd for each session.
 #
-#   vpn_l2tp.sh start|stop|restart|status
+#   vpn_l2tp.sh start|stop|restart|status|keep
 #
 # Written from the section "L2TP" of vpn.conf: xl2tpd.conf and options.xl2tpd under /etc/config/ppp, and the IPsec
 # configuration with its pre-shared key under /run. The accounts stay in the secrets files under /etc/ppp.
@@ -47,7 +47,7 @@ pppoptfile = $L2TP_SESSIONS
 CONF
 }
 
-running() { [ -n "$(pids_of xl2tpd "$DAEMON_CONF")" ]; }
+running() { [ -n "$(pids_of xl2tpd "$DAEMON_CONF")" ] && ike_running; }
 
 start() {
   read_settings
@@ -55,22 +55,22 @@ start() {
   mkdir -p "$PPP_DIR"
   write_file "$DAEMON_CONF" daemon_conf &&
     write_file "$L2TP_SESSIONS" ppp_session_options $SECTION l2tpd $TYPE $NO_ENCRYPTION ||
-    die "$PPP_DIR can't be written"
-  l2tp_available || die "this kernel has no $missing, the L2TP server cannot run"
-  ppp_warn_of_chap
+    fail not-written "[$SECTION] $PPP_DIR can't be written"
+  l2tp_available || fail kernel-lacks "[$SECTION] this kernel has no $missing, the L2TP server cannot run"
   server_open l2tp "$network.0/24" "$mss" "$outgoing" $ROUTE_PRIORITY
   open_door || {
     stop
-    die "$failure"
+    [ "$cause" = port-taken ] && fail_without_port $SECTION udp "$L2TP_PORT" "$failure"
+    fail "$cause" "[$SECTION] $failure"
   }
 }
 
 open_door() {
-  failure='no firewall rule to keep those out who come without IPsec'
+  cause=entrance-not-set failure='no firewall rule to keep those out who come without IPsec'
   l2tp_guard add || return 1
-  failure='the IKE daemon does not start, or refuses its configuration'
+  cause=daemon-ended failure='the IKE daemon does not start, or refuses its configuration'
   ipsec_write "$NAME" "$psk" %any "$L2TP_PORT" "" none && with_lock ipsec ipsec_load || return 1
-  failure='xl2tpd ended at once, its port may be in use'
+  cause=port-taken failure='xl2tpd ended at once'
   l2tp_launch "$DAEMON_CONF" l2tpserver
 }
 

@@ -2,7 +2,7 @@
 # shellcheck shell=dash
 # L2TP/IPsec client tunnels: an xl2tpd with its pppd for each profile, and one IKE daemon for all.
 #
-#   vpn_l2tp_client.sh start|stop INDEX
+#   vpn_l2tp_client.sh start|stop|keep|forget INDEX
 #
 # start writes /etc/config/ppp/peers/l2tpclientINDEX from the section "L2TP_CLIENTINDEX" of vpn.conf, and what only a
 # running tunnel needs under /run. pppd runs under the name "pppd-l2tp" with the path of the peer file among its
@@ -25,6 +25,7 @@ daemon_conf() {
 ; Written by ${0##*/} from [$section] of vpn.conf at each start.
 [global]
 port = $local_port
+max retries = 3
 auth file = /dev/null
 [lac $name]
 lns = $host
@@ -40,7 +41,7 @@ CONF
 read_settings() {
   ppp_client_settings "$section"
   # The key belongs to an address: the server's, who tells no name.
-  is_ipv4 "$host" || host=$(client_resolve "$host") || die "[$section] the server's name is not found"
+  is_ipv4 "$host" || host=$(client_resolve "$host") || fail name-not-found "[$section] the server's name is not found: $host"
   psk=$(vpn_get "$section" PSK)
   [ -n "$psk" ] || die "[$section] no pre-shared key"
 }
@@ -66,16 +67,21 @@ start() {
   read_settings
   mkdir -p "$PEERS_DIR"
   write_file "$peer_file" ppp_peer_options "$section" $NO_ENCRYPTION ||
-    die "[$section] the peer file can't be written: bad account or full disk"
-  write_file "$conf" daemon_conf || die "[$section] $conf can't be written"
-  l2tp_available || die "[$section] this kernel has no $missing, the tunnel cannot start"
+    fail not-written "[$section] the peer file can't be written: bad account or full disk"
+  write_file "$conf" daemon_conf || fail not-written "[$section] $conf can't be written"
+  l2tp_available || fail kernel-lacks "[$section] this kernel has no $missing, the tunnel cannot start"
   bring_up || {
     stop
-    die "[$section] $failure"
+    fail daemon-ended "[$section] $failure"
   }
+  setsid -f /usr/lib/fenro/l2tp-client-watch "$section" </dev/null >/dev/null 2>&1 9>&-
 }
 
-client_script L2TP_CLIENT 'start stop' "$@"
+# Its pppd comes and goes with the connection: xl2tpd dials again.
+running() { [ -n "$(pids_of xl2tpd "$conf")" ] && ike_running; }
+
+start_action=start
+client_script L2TP_CLIENT 'start stop keep forget' "$@"
 name=l2tpclient$slot
 peer_file=$PEERS_DIR/$name conf=$RUN_DIR/$name.conf local_port=$((LOCAL_PORTS + slot))
-with_lock "$name" "$1"
+with_lock "$name" client_action "$1"

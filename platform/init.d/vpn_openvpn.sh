@@ -2,11 +2,12 @@
 # shellcheck shell=dash
 # The OpenVPN server.
 #
-#   vpn_openvpn.sh start|stop|restart|status
+#   vpn_openvpn.sh start|stop|restart|status|keep
 #
 # Written from the section "OPENVPN" of vpn.conf: /etc/config/openvpn/server.conf. The certificate authority and the
-# server's certificate are made in /etc/openvpn/keys where they are missing. Logins are decided by ormel.sauth; its
-# password comes by the environment, which only root can read.
+# server's certificate are made in /etc/openvpn/keys where they are missing. Logins are decided by ormel.sauth, which
+# fenro-openvpn-verify runs aside, so that the daemon goes on carrying packets meanwhile; the password comes by the
+# environment, which only root can read.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=vpn_firewall.sh
@@ -18,6 +19,7 @@
 
 SECTION=OPENVPN
 DAEMON_CONF=/etc/config/openvpn/server.conf
+LOGIN_CHECK=/usr/lib/fenro/fenro-openvpn-verify
 INTERFACE=tun1000 # below those of the client profiles
 ROUTE_PRIORITY=19004
 TCP_IP_HEADERS=40 # a packet is so much larger than its segment
@@ -97,7 +99,8 @@ verify-client-cert none
 username-as-common-name
 duplicate-cn
 script-security 3
-auth-user-pass-verify /usr/sbin/ormel.sauth via-env
+# Runs /usr/sbin/ormel.sauth for each login, beside the daemon.
+auth-user-pass-verify $LOGIN_CHECK via-env
 client-connect /usr/lib/fenro/ovpn-server-up
 client-disconnect /usr/lib/fenro/ovpn-server-down
 management 127.0.0.1 $MANAGEMENT_PORT
@@ -110,7 +113,8 @@ verb 3
 CONF
   # OpenSSL trusts no certificate of this kind otherwise.
   [ "$digest" != sha1 ] || printf 'tls-cert-profile insecure\n'
-  [ "$protocol" != udp4 ] || printf 'explicit-exit-notify 1\n'
+  # Answers leave by the address that was asked: a host with several, or with a tunnel as its gateway, would take another.
+  [ "$protocol" != udp4 ] || printf 'explicit-exit-notify 1\nmultihome\n'
   # The frames of compression, as the clients' profiles have them. What is sent stays uncompressed, since the length of
   # compressed secrets tells of their content; what comes compressed is understood.
   if setting 'Enable compressed VPN link'; then printf 'comp-lzo\nallow-compression asym\n'; fi
@@ -136,13 +140,13 @@ launch() {
 start() {
   read_settings
   stop
-  ovpn_device || die 'this kernel has no TUN device, the OpenVPN server cannot run'
-  make_keys "$digest" || die "no certificate: $failure"
-  write_file "$DAEMON_CONF" daemon_conf || die "$DAEMON_CONF can't be written"
+  ovpn_device || fail kernel-lacks "[$SECTION] this kernel has no TUN device, the OpenVPN server cannot run"
+  make_keys "$digest" || fail not-written "[$SECTION] no certificate: $failure"
+  write_file "$DAEMON_CONF" daemon_conf || fail not-written "[$SECTION] $DAEMON_CONF can't be written"
   server_open openvpn "$network.0/24" "$mss" "$outgoing" $ROUTE_PRIORITY
   launch || {
     stop
-    die 'openvpn does not start, its port may be in use'
+    fail_without_port $SECTION "$protocol" "$port" 'openvpn does not start'
   }
 }
 

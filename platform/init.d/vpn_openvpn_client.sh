@@ -2,15 +2,14 @@
 # shellcheck shell=dash
 # OpenVPN client tunnels: a daemon for each profile.
 #
-#   vpn_openvpn_client.sh start|stop INDEX
+#   vpn_openvpn_client.sh start|stop|keep|forget INDEX
 #   vpn_openvpn_client.sh redial INDEX     when the daemon has ended by itself: start, if the profile says so
 #
-# The daemon reads /etc/config/openvpn/clients/clientINDEX, which the program has written. It runs under the name
-# "openvpnclient" with that path among its arguments: whoever looks for tunnels in /proc goes by both.
-#
-# The profile was made from one that came from elsewhere. What of it decides how the daemon runs on this host has been
-# replaced; some that could be abused has been kept. ovpn_risk keeps those from running that could do harm, and what
-# stands before and behind "--config" takes away the rest: the first "log" counts, of all others the last.
+# The program has written the profile, /etc/config/openvpn/clients/clientINDEX, from one that came
+# from elsewhere. The daemon never reads it: fenro-openvpn-profile makes a copy at each start, in
+# a folder that only the daemon sees and that goes with it. The daemon runs under the name
+# "openvpnclient" with the profile's path among its arguments, as a variable for its hooks:
+# tunnels are found in /proc by both. It begins with the rights that vpn_ext.so leaves it.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=client_lib.sh
@@ -21,12 +20,14 @@
 DAEMON=/usr/lib/fenro/openvpnclient # a link to openvpn, for its name
 ATTENDANT=fenro-openvpn-login
 START_SECONDS=10
+KEPT=-all,+net_admin,+net_raw,+net_bind_service,+kill,+chown,+fowner
+TOLD=/var/lib/fenro/openvpn-told # what has been left out, by profile
 
-# The profile's own lines about these would be run, or written to.
+# The first "pull-filter" counts, of most others the last.
 daemon_arguments() {
   local ciphers
-  set -- --log /dev/null --pull-filter ignore redirect-gateway --config "$profile" --cd "$OVPN_CLIENTS" \
-    --status /dev/null 0 --route-up /bin/true --route-pre-down /bin/true --ipchange /bin/true --tls-verify /bin/true
+  set -- --pull-filter ignore redirect-gateway --setenv FENRO_PROFILE "$profile" --config "$place/profile" \
+    --mark "$TUNNEL_MARK"
   ciphers=$(ovpn_known_ciphers "$profile")
   set -- "$@" --data-ciphers "${ciphers:-DEFAULT}"
   # Written in capital letters by the program, and known to the daemon in small ones only.
@@ -36,12 +37,17 @@ daemon_arguments() {
   printf '%s\n' "$@"
 }
 
+# The copy comes by standard input. A daemon in its own session holds none of our streams.
+# shellcheck disable=SC2016 # for the other shell
+BEGIN='umask 077; cat >"$1" && shift && exec setsid "$0" "$@" </dev/null >/dev/null 2>&1'
+
 # It stays in the foreground until it has its login, so it is left alone, and waited for by its pid file.
 launch() {
   local IFS='
 ' daemon
   # shellcheck disable=SC2046 # one argument a line; none of them holds a line break
-  setsid "$DAEMON" $(daemon_arguments) </dev/null >/dev/null 2>&1 9>&- &
+  ovpn_jail "$place" "$AS_LOOKUP" setpriv --no-new-privs --inh-caps=-all --bounding-set="$KEPT" -- /bin/sh -c "$BEGIN" "$DAEMON" \
+    "$place/profile" $(daemon_arguments) <"$copy" >/dev/null 9>&- &
   daemon=$!
   setsid -f "/usr/lib/fenro/$ATTENDANT" "client$slot" </dev/null >/dev/null 2>&1 9>&-
   await "$daemon"
@@ -59,33 +65,71 @@ await() {
   [ -n "$(pids_of "${DAEMON##*/}" "$profile")" ]
 }
 
+# Why the daemon refuses the profile; it says so to the host's log alone, where nobody can tell whose line it is.
+judged() {
+  /usr/sbin/verify_ovpn.sh "$profile" 2>&1 </dev/null 9>&- | sed -n 's/^verify_ovpn.sh: refused: //p' | head -n 1
+}
+
 # The falling edge belongs to the daemon's own hook; it is repeated here for a daemon that was killed.
 stop() {
   end_processes "$ATTENDANT" "client$slot" || die "[$section] $ATTENDANT does not end"
   end_processes "${DAEMON##*/}" "$profile" || die "[$section] the tunnel does not end"
-  rm -f "$pid_file" "$socket"
+  rm -f "$pid_file" "$socket" "$place/profile"
   ! client_known "$section" || ovpn_client_down "$section"
 }
 
+# make_copy: the profile that the daemon reads. What it lacks is reported once for each content of
+# the profile.
+make_copy() {
+  local left
+  left=$(ovpn_profile copy "$slot" <"$profile" 2>&1 >"$copy") || {
+    rm -f "$copy"
+    fail profile-not-allowed "[$section] the profile cannot run: $(printf '%s\n' "$left" | tail -n 1)"
+  }
+  [ -z "$left" ] || tell "$(printf '%s\n' "$left" | head -n 20 | tr '\n' ',' | sed 's/,$//; s/,/, /g')"
+}
+
+tell() {
+  local sum
+  sum=$(sha256sum <"$profile")
+  note "[$section] left out of the profile: $1"
+  [ "$(cat "$TOLD/client$slot" 2>/dev/null)" != "$sum" ] || return 0
+  /usr/local/sbin/notify send -A A238 -C C002 -M 9001 -l warn -t 1000 \
+    '[{0}] Lines of OpenVPN profile "{1}" were left out: {2}' 'ORMEL Service' "$(vpn_get "$section" 'Profile File')" "$1" \
+    >/dev/null 2>&1 || say "[$section] left out of the profile, and no event can tell: $1"
+  mkdir -p "$TOLD" && write_file "$TOLD/client$slot" printf '%s\n' "$sum"
+}
+
 start() {
-  local risk
   stop
   client_known "$section" && [ -r "$profile" ] || die "[$section] no such profile"
-  risk=$(ovpn_risk "$profile") || die "[$section] the profile can't be read"
-  [ -z "$risk" ] || die "[$section] the profile must not run on this appliance, for its line: $risk"
-  ovpn_device || die "[$section] this kernel has no TUN device, the tunnel cannot start"
-  launch || {
-    stop
-    die "[$section] the daemon ended at once: a profile that it can't run, or a login that can't be had"
-  }
+  make_copy
+  ovpn_device || fail kernel-lacks "[$section] this kernel has no TUN device, the tunnel cannot start"
+  launched=TRUE
+  launch || launched=
+  rm -f "$copy"
+  [ -z "$launched" ] || return 0
+  last=$(judged)
+  [ -z "$last" ] || stop
+  case $last in
+    # A daemon that takes its profile has met its server already. The attendant has heard how, and dials again or not.
+    '') note "[$section] the daemon has ended at once" ;;
+    *'Unrecognized option'*) fail profile-unknown-option "[$section] $last" ;;
+    *) fail settings-bad "[$section] $last" ;;
+  esac
 }
+
+running() { [ -n "$(pids_of "${DAEMON##*/}" "$profile")" ]; }
 
 redial() {
-  ! is_true "$(vpn_get "$section" Reconnect 1)" || start
+  running || ! is_true "$(vpn_get "$section" Reconnect 1)" || start
 }
 
-client_script OPENVPN_CLIENT 'start stop redial' "$@"
+start_action=start down_action=ovpn_client_down
+client_script OPENVPN_CLIENT 'start stop redial keep forget' "$@"
 profile=$OVPN_CLIENTS/client$slot
+place=$RUN_DIR/openvpn-client$slot
+copy=$place.copy
 pid_file=/var/run/openvpn.client$slot.pid
 socket=/tmp/openvpn.client$slot.sock
-with_lock "openvpnclient$slot" "$1"
+with_lock "openvpnclient$slot" client_action "$1"

@@ -2,7 +2,7 @@
 # shellcheck shell=dash
 # The PPTP server: pptpd, with a pppd for each session.
 #
-#   vpn_pptp.sh start|stop|restart|status
+#   vpn_pptp.sh start|stop|restart|status|keep
 #
 # Written from the section "PPTP" of vpn.conf: pptpd.conf and options.pptpd under /etc/config/ppp. The accounts stay in
 # /etc/ppp/pap-secrets and /etc/ppp/chap-secrets, which are read as they stand.
@@ -18,6 +18,7 @@ DAEMON=/usr/sbin/pptpd
 DAEMON_CONF=$PPP_DIR/pptpd.conf
 SESSION_OPTIONS=$PPTP_SESSIONS
 TYPE=1
+PORT=1723
 ROUTE_PRIORITY=19001
 
 read_settings() {
@@ -57,13 +58,12 @@ start() {
   mkdir -p "$PPP_DIR"
   write_file "$DAEMON_CONF" daemon_conf &&
     write_file "$SESSION_OPTIONS" ppp_session_options $SECTION pptpd $TYPE "$encryption" ||
-    die "$PPP_DIR can't be written"
-  ppp_available || die 'this kernel has no PPP, the PPTP server cannot run'
-  ppp_warn_of_chap
+    fail not-written "[$SECTION] $PPP_DIR can't be written"
+  ppp_available || fail kernel-lacks "[$SECTION] this kernel has no PPP, the PPTP server cannot run"
   server_open pptp "$network.0/24" "$mss" "$outgoing" $ROUTE_PRIORITY
   launch || {
     server_close pptp $ROUTE_PRIORITY
-    die 'pptpd ended at once, its port may be in use'
+    fail_without_port $SECTION tcp "$PORT" 'pptpd ended at once'
   }
 }
 

@@ -2,7 +2,7 @@
 # shellcheck shell=dash
 # PPTP client tunnels: a pppd over pptp for each profile.
 #
-#   vpn_pptp_client.sh start|stop INDEX
+#   vpn_pptp_client.sh start|stop|keep|forget INDEX
 #
 # start writes /etc/config/ppp/peers/pptpclientINDEX from the section "PPTP_CLIENTINDEX" of vpn.conf. pppd runs under
 # the name "pppd-pptp" with that path among its arguments: whoever looks for tunnels in /proc goes by both.
@@ -19,7 +19,8 @@ DAEMON=/usr/lib/fenro/pppd-pptp # a link to pppd, for its name
 # shellcheck disable=SC2154 # ppp_client_settings sets host
 peer_options() {
   ppp_peer_options "$section" "$encryption" || return 1
-  printf 'pty "exec /usr/sbin/pptp %s --nolaunchpppd"\nremotename pptp\n' "$host"
+  # Its own route to the server would stay behind; the gateway policy has rules for what tunnels send to their servers.
+  printf 'pty "exec /usr/sbin/pptp %s --nolaunchpppd --nohostroute"\nremotename pptp\n' "$host"
   if is_true "$(vpn_get "$section" Reconnect 1)"; then
     printf 'persist\nmaxfail 0\nholdoff %s\n' "$REDIAL_SECONDS"
   else
@@ -32,7 +33,7 @@ read_settings() {
   encryption=$(vpn_get "$section" Encryption 2)
   is_number "$encryption" 0 2 || die "[$section] bad \"Encryption\""
   case $encryption/$authentication in
-    [12]/[14]) note "[$section] the link will not be encrypted: that takes MS-CHAP or MS-CHAPv2" ;;
+    [12]/[14]) die "[$section] no encryption with PAP or CHAP: choose MS-CHAP or MS-CHAPv2, or no encryption" ;;
   esac
 }
 
@@ -46,11 +47,14 @@ start() {
   stop
   read_settings
   mkdir -p "$PEERS_DIR"
-  write_file "$peer_file" peer_options || die "[$section] the peer file can't be written: bad account or full disk"
-  ppp_available || die "[$section] this kernel has no PPP, the tunnel cannot start"
-  "$DAEMON" file "$peer_file" </dev/null >/dev/null 2>&1 9>&- || die "[$section] pppd refuses to start"
+  write_file "$peer_file" peer_options || fail not-written "[$section] the peer file can't be written: bad account or full disk"
+  ppp_available || fail kernel-lacks "[$section] this kernel has no PPP, the tunnel cannot start"
+  "$AS_LOOKUP" "$DAEMON" file "$peer_file" </dev/null >/dev/null 2>&1 9>&- || die "[$section] pppd refuses to start"
 }
 
-client_script PPTP_CLIENT 'start stop' "$@"
+running() { [ -n "$(pids_of "${DAEMON##*/}" "$peer_file")" ]; }
+
+start_action=start
+client_script PPTP_CLIENT 'start stop keep forget' "$@"
 peer_file=$PEERS_DIR/pptpclient$slot
-with_lock "pptpclient$slot" "$1"
+with_lock "pptpclient$slot" client_action "$1"

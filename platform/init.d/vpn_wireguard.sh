@@ -2,10 +2,13 @@
 # shellcheck shell=dash
 # The WireGuard server: the interface wg0, of the kernel or of wireguard-go.
 #
-#   vpn_wireguard.sh start|stop|restart|status
+#   vpn_wireguard.sh start|stop|restart|status|keep
+#   vpn_wireguard.sh peers           each peer of the interface: key, endpoint, networks, time of its latest handshake
+#                                    (seconds since the epoch), bytes received and sent, divided by tabs
+#   vpn_wireguard.sh sync_peers      removes peers that are kept out, and adds those that no longer are
 #
 # Made from the section "WG" of vpn.conf and the peers in server_peers.conf. Peers that come or go later are changed on
-# the running interface by the program itself.
+# the running interface by the program itself. A peer that fenro-hold keeps out is not on the interface for that time.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=vpn_firewall.sh
@@ -37,9 +40,12 @@ read_settings() {
 # The peers as the tool reads them, in the order of their indexes. One that it could not take is a comment instead, so
 # that it costs itself alone: the tool takes all or nothing. A peer whose endpoint has a name comes without it, and with
 # a line "#@ KEY ENDPOINT": a name server that is away must not keep the others out.
+#
+# peers [KEYS]: without those of KEYS, a line each.
 peers() {
   [ -e "$PEER_FILE" ] || return 0
-  awk '
+  WITHOUT=${1-} awk '
+    BEGIN { count = split(ENVIRON["WITHOUT"], row, "\n"); for (i = 1; i <= count; ++i) left_out[row[i]] }
     function is_key(text) { return length(text) == 44 && text ~ /^[A-Za-z0-9+\/]+[AEIMQUYcgkosw048]=$/ }
     function is_number(text, least, most) { return text ~ /^[0-9]+$/ && length(text) < 6 && text + 0 >= least && text + 0 <= most }
     function is_ipv4(text,   part, n, i) {
@@ -61,6 +67,7 @@ peers() {
     }
     function show(peer,   endpoint) {
       keys[value[peer, "pub_key"]]; addresses[value[peer, "allow_ip"]]
+      if (value[peer, "pub_key"] in left_out) return
       printf "[Peer]\nPublicKey = %s\nAllowedIPs = %s/%s\n", value[peer, "pub_key"], value[peer, "allow_ip"], value[peer, "allow_ip_mask"]
       if (value[peer, "psk"] != "") print "PresharedKey = " value[peer, "psk"]
       if (value[peer, "keepalive"] + 0) print "PersistentKeepalive = " value[peer, "keepalive"]
@@ -108,13 +115,43 @@ find_endpoints() {
   done
 }
 
+held_peers() { /usr/lib/fenro/fenro-hold peers; }
+
+# Fails while a peer that is kept out is still there.
+sync_peers() {
+  local held live peers peer
+  running || return 0
+  { held=$(held_peers) && live=$(wg show "$INTERFACE" peers); } || return 1
+  printf '%s\n' "$held" | while read -r peer; do
+    [ -n "$peer" ] || continue
+    case "
+$live
+" in
+      *"
+$peer
+"*) wg set "$INTERFACE" peer "$peer" remove </dev/null || exit 1 ;;
+    esac
+  done || { say 'a peer that is kept out is still there' && return 1; }
+  peers=$(peers "$live
+$held") || return 1
+  [ -n "$peers" ] || return 0
+  printf '%s\n' "$peers" | timeout "$WG_LOOKUP_SECONDS" wg addconf "$INTERFACE" /dev/stdin 2>/dev/null ||
+    { say 'wg refuses a peer' && return 1; }
+  printf '%s\n' "$peers" | find_endpoints
+}
+
 bring_up() {
   local peers
-  peers=$(peers) || return 1
+  cause=daemon-ended failure=
+  held=$(held_peers)
+  peers=$(peers "$held") || return 1
+  cause=kernel-lacks failure='this kernel has no WireGuard, and wireguard-go cannot make the interface'
   wireguard_add "$INTERFACE" || return 1
+  cause=port-taken failure='wg refuses the configuration'
   printf '[Interface]\nPrivateKey = %s\nListenPort = %s\n%s\n' "$key" "$port" "$peers" | wireguard_set "$INTERFACE" ||
-    { say 'wg refuses the configuration, or its port is in use' && return 1; }
-  wireguard_open "$INTERFACE" "$address" "$bits" || { say "$INTERFACE takes no address" && return 1; }
+    return 1
+  cause=address-conflict failure="$INTERFACE takes no address"
+  wireguard_open "$INTERFACE" "$address" "$bits" || return 1
   printf '%s\n' "$peers" | find_endpoints
 }
 
@@ -123,8 +160,12 @@ start() {
   stop
   bring_up || {
     stop
-    die 'the WireGuard server cannot run'
+    [ "$cause" = port-taken ] && fail_without_port $SECTION udp "$port" 'the WireGuard server cannot run'
+    fail "$cause" "[$SECTION] the WireGuard server cannot run${failure:+: $failure}"
   }
+  /usr/lib/fenro/fenro-hold watch 9>&- || say 'peers that are kept out stay so beyond their time'
+  # A hold that has ended since the peers were read is watched no more.
+  [ -z "$held" ] || sync_peers || say 'peers whose time has ended may be missing'
   server_open wireguard "$pool" $((WG_MTU - TCP_IP_HEADERS)) "$outgoing" $ROUTE_PRIORITY
 }
 
@@ -135,4 +176,8 @@ stop() {
 
 running() { wireguard_exists "$INTERFACE"; }
 
-server_script wireguard "$@"
+case "$#/${1-}" in
+  1/peers) ! running || wg show "$INTERFACE" dump | awk -F '\t' -v OFS='\t' 'NR > 1 { print $1, $3, $4, $5, $6, $7 }' ;;
+  1/sync_peers) with_lock wireguard sync_peers ;;
+  *) server_script wireguard "$@" ;;
+esac

@@ -2,10 +2,11 @@
 # shellcheck shell=dash
 # WireGuard client tunnels, each an interface of the kernel or of wireguard-go.
 #
-#   vpn_wireguard_client.sh start|stop|remove INDEX
+#   vpn_wireguard_client.sh start|stop|remove|keep|forget INDEX
+#   vpn_wireguard_client.sh resolve INDEX     look the server's name up again, and go to its new address
 #
-# Made from the section "WG_CLIENTINDEX" of vpn.conf. Nothing is kept for a profile but what "stop" takes away, so for a
-# profile that is removed the rest is the same.
+# Made from the section "WG_CLIENTINDEX" of vpn.conf; wireguard-client-watch stays with the interface. Nothing is kept
+# for a profile but what "stop" takes away, so for a profile that is removed the rest is the same.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=client_lib.sh
@@ -41,7 +42,7 @@ read_settings() {
 }
 
 configuration() {
-  printf '[Interface]\nPrivateKey = %s\nListenPort = %s\n' "$key" "$port"
+  printf '[Interface]\nPrivateKey = %s\nListenPort = %s\nFwMark = %s\n' "$key" "$port" "$TUNNEL_MARK"
   printf '[Peer]\nPublicKey = %s\nAllowedIPs = %s\nEndpoint = %s:%s\n' "$peer_key" "$allowed" "$server" "$endpoint_port"
   [ -z "$psk" ] || printf 'PresharedKey = %s\n' "$psk"
   [ "$keepalive" -eq 0 ] || printf 'PersistentKeepalive = %s\n' "$keepalive"
@@ -51,10 +52,8 @@ configuration() {
 find_server() {
   server=$endpoint_host
   is_hostname "$server" && ! is_ipv4 "$server" || return 0
-  server=$(client_resolve "$endpoint_host") || {
-    say "[$section] the server's name is not found"
-    return 1
-  }
+  cause=name-not-found failure="the server's name is not found: $endpoint_host"
+  server=$(client_resolve "$endpoint_host")
 }
 
 # What the peer takes goes into the tunnel's own table, for sockets bound to it, and into the main one, but for what
@@ -77,13 +76,19 @@ add_routes() {
   done
 }
 
+# Another interface has the address, so that answers would never come back by this one.
+address_in_use() { [ -n "$(ip -4 -o address show to "$address/32" 2>/dev/null)" ]; }
+
 bring_up() {
-  find_server && wireguard_add "$interface" || return 1
-  configuration | wireguard_set "$interface" || {
-    say "[$section] wg refuses the configuration, or its port is in use"
-    return 1
-  }
-  wireguard_open "$interface" "$address" "$bits" && add_routes
+  find_server || return 1
+  cause=kernel-lacks failure='this kernel has no WireGuard, and wireguard-go cannot make the interface'
+  wireguard_add "$interface" || return 1
+  cause=port-taken failure='wg refuses the configuration'
+  configuration | wireguard_set "$interface" || return 1
+  cause=address-conflict failure="the address $address is in use on this host"
+  ! address_in_use && wireguard_open "$interface" "$address" "$bits" || return 1
+  cause=no-route failure='the routes of the tunnel cannot be set'
+  add_routes
 }
 
 start() {
@@ -91,12 +96,14 @@ start() {
   read_settings
   bring_up || {
     stop
-    die "[$section] the tunnel cannot start"
+    [ "$cause" != port-taken ] || fail_without_port "$section" udp "$port" "$failure"
+    fail "$cause" "[$section] $failure"
   }
   vpn_set "$section" 'Domain IP' "$server"
   dns=
   if is_true "$(vpn_get "$section" 'Enable Manual DNS' FALSE)"; then dns=$(vpn_get "$section" 'Use Manual DNS'); fi
   client_up "$section" "$address" '' "$server" "$dns"
+  setsid -f /usr/lib/fenro/wireguard-client-watch "$section" </dev/null >/dev/null 2>&1 9>&-
 }
 
 stop() {
@@ -106,5 +113,22 @@ stop() {
 
 remove() { stop; }
 
-client_script WG_CLIENT 'start stop remove' "$@"
-with_lock "wireguardclient$slot" "$1"
+running() { wireguard_exists "$interface"; }
+
+# The interface knows an address alone. A server that has moved to another one is found by its name.
+resolve() {
+  running || exit "$NOTHING_TO_DO"
+  read_settings
+  is_hostname "$endpoint_host" && ! is_ipv4 "$endpoint_host" || exit "$NOTHING_TO_DO"
+  find_server || exit 1
+  case $(wg show "$interface" endpoints 2>/dev/null) in *"	$server:$endpoint_port") exit "$NOTHING_TO_DO" ;; esac
+  timeout "$WG_LOOKUP_SECONDS" wg set "$interface" peer "$peer_key" endpoint "$server:$endpoint_port" 2>/dev/null ||
+    die "[$section] wg refuses the server's new address"
+  vpn_set "$section" 'Domain IP' "$server"
+  vpn_set "$section" 'Real Address' "$server"
+  say "[$section] the server's new address is $server"
+}
+
+start_action=start
+client_script WG_CLIENT 'start stop remove keep forget resolve' "$@"
+with_lock "wireguardclient$slot" client_action "$1"

@@ -6,14 +6,20 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <new>
 #include <strings.h>
 
 #include <fenro/conf.h>
 
-#include "common/c_memory.h"
+#include "base/c_memory.h"
+#include "base/file.h"
 #include "libfenro/conf_index.h"
+#include "libfenro/conf_merge.h"
 #include "libfenro/ini.h"
+#include "libfenro/ini_file.h"
 
 namespace fenro {
 namespace {
@@ -33,11 +39,50 @@ bool path_of(const Conf_dir& conf, std::string& path) {
   return !path.empty() && path.size() < sizeof conf.file;
 }
 
-int save(const Conf_dir& conf) {
+// For each path, the text that this process read first or wrote last: the base of the next change
+// by a new object.
+class Bases {
+ public:
+  using Text = std::shared_ptr<const std::string>;
+  void read(const std::string& path, const Text& text) {
+    const std::lock_guard lock{mutex_};
+    texts_.try_emplace(path, text);
+  }
+  void written(const std::string& path, Text text) {
+    const std::lock_guard lock{mutex_};
+    texts_[path] = std::move(text);
+  }
+  Text of(const std::string& path) {
+    const std::lock_guard lock{mutex_};
+    const auto found = texts_.find(path);
+    return found == texts_.end() ? nullptr : found->second;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::map<std::string, Text> texts_;
+};
+
+Bases& bases() {
+  static Bases all;
+  return all;
+}
+
+int save(Conf_dir& conf) {
   std::string path;
   if (!path_of(conf, path)) return FAILED;
-  const ConfIndex* const index = ConfIndex::of(conf);
-  return replace_file(path, index ? index->text() : std::string{}) ? 0 : FAILED;
+  ConfIndex* const index = ConfIndex::of(conf);
+  auto mine = std::make_shared<const std::string>(index ? index->text() : std::string{});
+  const Bases::Text base = index && index->base ? index->base : bases().of(path);
+  const bool saved = ini::replace_under_lock(path, [&](std::string_view now) {
+    return !base || now.empty() || now == *base ? *mine : merged_text(*base, now, conf);
+  });
+  if (!saved) return FAILED;
+  // The next save of this object compares with what this one held, not with what others have
+  // added to it.
+  if (index && index->base) index->base = mine;
+  bases().written(path, std::move(mine));
+  return 0;
 }
 
 }  // namespace
@@ -52,8 +97,15 @@ Conf_dir* Conf_Dir_Load(const char* path) {
   if (length == 0 || length >= sizeof conf[0].file)
     return conf.release();  // a path that was cut would name another file
   std::copy_n(path, length, conf[0].file);
-  fenro::Text text;
-  if (fenro::read_file(path, text) == 0) ConfIndex::make(conf[0]).parse(std::move(text));
+  std::string text;
+  const bool found = fenro::read_file(path, text) == 0;
+  const auto base = std::make_shared<const std::string>(std::move(text));
+  if (found) {
+    ConfIndex& index = ConfIndex::make(conf[0]);
+    index.base = base;
+    index.parse(*base);
+  }
+  fenro::bases().read(path, base);
   return conf.release();
 }
 

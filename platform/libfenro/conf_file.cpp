@@ -1,7 +1,6 @@
 // The C face of single reads and edits on disk, and of the locks.
 #include <algorithm>
 #include <cstring>
-#include <unistd.h>
 
 #include <fenro/conf.h>
 
@@ -35,5 +34,5 @@ int Ini_Conf_Write_Lock_File(const char* path) {
 }
 
 int Ini_Conf_Unlock_File(int descriptor) {
-  return descriptor >= 0 && close(descriptor) == 0 ? 0 : -1;
+  return fenro::ini::unlock_file(descriptor) ? 0 : -1;
 }

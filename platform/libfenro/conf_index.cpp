@@ -99,17 +99,16 @@ void ConfIndex::publish() {
 
 // Names and values stay where they were read; each is closed with a NUL in the byte behind it, which belonged to the
 // line's own marks.
-void ConfIndex::parse(Text text) {
-  char* const start = text.bytes.get();
-  const auto close = [start, base = text.view().data()](std::string_view part) {
+void ConfIndex::parse(std::string_view text) {
+  char* const start = arena_.copy(text);
+  const auto close = [start, base = text.data()](std::string_view part) {
     char* const place = start + (part.data() - base);
     place[part.size()] = '\0';
     return place;
   };
   int section = HashTable::NONE;
   bool lost = false;
-  std::string_view rest = ini::without_mark(text.view());
-  arena_.adopt(std::move(text.bytes));
+  std::string_view rest = ini::without_mark(text);
   reserve(rest.size() / USUAL_LINE);
   while (!rest.empty()) {
     const ini::Line line = ini::parse_line(ini::take_line(rest));

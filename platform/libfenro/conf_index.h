@@ -11,8 +11,6 @@
 
 #include <fenro/conf.h>
 
-#include "common/file.h"
-
 namespace fenro {
 
 // Texts that live as long as the object, cut from few large blocks.
@@ -20,8 +18,6 @@ class Arena {
  public:
   // A copy of the text with a NUL behind it.
   char* copy(std::string_view text);
-  // Takes bytes over that were allocated elsewhere.
-  void adopt(std::unique_ptr<char[]> bytes) { blocks_.push_back(std::move(bytes)); }
 
  private:
   char* reserve(std::size_t size);
@@ -67,14 +63,19 @@ class ConfIndex {
   static void destroy(Conf_dir& conf);
 
   // Reads the text form; a repeated section or key keeps its first place, the last value of a key counts.
-  void parse(Text text);
+  void parse(std::string_view text);
 
   // The value or null.
   [[nodiscard]] const char* get(const char* section, const char* key);
   void set(const char* section, const char* key, std::string_view value);
 
+  [[nodiscard]] bool has_section(const char* section) { return find_section(section) != HashTable::NONE; }
+
   // The whole object in its text form.
   [[nodiscard]] std::string text() const;
+
+  // The file's text that later changes are compared with; null for an object that was not loaded.
+  std::shared_ptr<const std::string> base{};
 
   explicit ConfIndex(Conf_dir& conf);  // for make() alone
 

@@ -2,12 +2,14 @@
 
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <thread>
 
-#include "common/file.h"
-#include "common/handle.h"
+#include "base/file.h"
+#include "base/handle.h"
 #include "libfenro/paths.h"
 #include "libfenro/sqlite_api.h"
 
@@ -15,7 +17,6 @@ namespace fenro {
 namespace {
 
 constexpr int BUSY_TIMEOUT_MS = 5000;
-constexpr mode_t DATABASE_MODE = 0600;
 
 // No index finds a part of a text, but the one by which the web interface asks for the events of its service is always
 // the same. An index of just those events serves a query that has the very same condition.
@@ -150,12 +151,25 @@ Database open_database(const std::string& path, int flags) {
   return database;
 }
 
+// SQLite does not wait while another process switches a new file to its write-ahead log: it answers at once.
+bool make_schema(sqlite3* database) {
+  using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds PAUSE{10};
+  const auto deadline = Clock::now() + std::chrono::milliseconds{BUSY_TIMEOUT_MS};
+  int rc = sqlite()->exec(database, SCHEMA, nullptr, nullptr, nullptr);
+  while (rc == SQLITE_BUSY && Clock::now() < deadline) {
+    std::this_thread::sleep_for(PAUSE);
+    rc = sqlite()->exec(database, SCHEMA, nullptr, nullptr, nullptr);
+  }
+  return rc == SQLITE_OK;
+}
+
 // The log for writing. The file is made before SQLite would make it, which gives its companions the same mode.
 Database open_for_writing(const std::string& path) {
   if (!make_private_folder(path.substr(0, path.rfind('/')))) return {};
-  Fd{open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, DATABASE_MODE)}.reset();
+  Fd{open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, PRIVATE_FILE)}.reset();
   Database database = open_database(path, SQLITE_OPEN_READWRITE);
-  if (!database || sqlite()->exec(database.get(), SCHEMA, nullptr, nullptr, nullptr) != SQLITE_OK) return {};
+  if (!database || !make_schema(database.get())) return {};
   return database;
 }
 

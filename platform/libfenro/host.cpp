@@ -9,14 +9,19 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <tuple>
 
 #include <fenro/host.h>
 
-#include "common/handle.h"
-#include "libfenro/random_name.h"
+#include "base/handle.h"
+#include "base/random_name.h"
+#include "base/tunnel_mark.h"
+#include "libfenro/ini_file.h"
+#include "libfenro/paths.h"
 
 namespace fenro {
 namespace {
@@ -51,6 +56,9 @@ bool is_public(in_addr address) {
 // The address that the default route's interface would send from. Connecting a datagram socket sends nothing.
 std::optional<in_addr> default_source() {
   const Fd socket{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
+  // A tunnel that is the default gateway has an address that is not reachable from outside.
+  // Without the right to a mark its answer is taken all the same.
+  if (socket) std::ignore = setsockopt(socket.get(), SOL_SOCKET, SO_MARK, &TUNNEL_MARK, sizeof TUNNEL_MARK);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(ANY_PORT);
@@ -77,6 +85,13 @@ std::optional<in_addr> any_public() {
   return {};
 }
 
+// What may stand for a host in a profile: an address or a plain name.
+bool is_host(std::string_view text) {
+  constexpr std::string_view ALLOWED = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-";
+  return !text.empty() && text.front() != '-' && text.front() != '.' &&
+         text.find_first_not_of(ALLOWED) == std::string_view::npos;
+}
+
 std::optional<in_addr> external_address() {
   const auto source = default_source();
   if (!source || is_public(*source)) return source;
@@ -90,6 +105,12 @@ std::optional<in_addr> external_address() {
 int Get_External_IP(char* buffer, int length) {
   if (!buffer || length <= 0) return -1;
   buffer[0] = '\0';
+  const std::string known = fenro::ini::read_value(fenro::paths::SYSTEM_CONF, "System", "Public Address").value_or("");
+  if (fenro::is_host(known) && known.size() < static_cast<std::size_t>(length)) {
+    known.copy(buffer, known.size());
+    buffer[known.size()] = '\0';
+    return 0;
+  }
   const auto address = fenro::external_address();
   if (!address) return -1;
   return inet_ntop(AF_INET, &*address, buffer, static_cast<socklen_t>(length)) ? 0 : -1;

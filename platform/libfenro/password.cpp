@@ -4,7 +4,7 @@
 #include <fenro/auth.h>
 #include <security/pam_appl.h>
 
-#include "common/c_memory.h"
+#include "base/c_memory.h"
 #include "libfenro/dynamic.h"
 
 namespace fenro {

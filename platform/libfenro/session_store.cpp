@@ -10,11 +10,11 @@
 #include <tuple>
 #include <unistd.h>
 
-#include "common/file.h"
-#include "common/handle.h"
+#include "base/file.h"
+#include "base/handle.h"
+#include "base/random_name.h"
 #include "libfenro/ini.h"
 #include "libfenro/paths.h"
-#include "libfenro/random_name.h"
 #include "libfenro/user.h"
 
 namespace fenro {
@@ -23,7 +23,6 @@ namespace {
 constexpr std::size_t SID_LENGTH = sizeof(_session::sid) - 1;
 constexpr std::time_t CLOCK_SLACK = 60;  // a file system's stamps and a corrected clock may lie this far ahead
 constexpr int ATTEMPTS = 16;
-constexpr mode_t SESSION_MODE = 0600;
 
 constexpr std::string_view USER_KEY = "user";
 constexpr std::string_view UID_KEY = "uid";
@@ -72,7 +71,7 @@ std::string line(std::string_view key, std::string_view value) {
 
 }  // namespace
 
-SessionStore::SessionStore() : folder_(paths::SESSIONS) {}
+SessionStore::SessionStore() : folder_(paths::SESSIONS), locked_(is_locked) {}
 
 std::string SessionStore::path_of(const char* sid) const {
   return folder_ + "/" + sid;
@@ -90,9 +89,12 @@ std::string SessionStore::create(const std::string& user, const std::string& ip,
   for (int i = 0; i < ATTEMPTS; ++i) {
     std::string sid(SID_LENGTH, '\0');
     if (!random_name(sid)) return {};
-    const Fd fd{open(path_of(sid.c_str()).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, SESSION_MODE)};
+    const Fd fd{open(path_of(sid.c_str()).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_FILE)};
     if (!fd && errno == EEXIST) continue;
-    if (fd && write_all(fd.get(), content)) return sid;
+    if (fd && write_all(fd.get(), content)) {
+      end_oldest(user, sid);
+      return sid;
+    }
     if (fd) end(sid.c_str());
     return {};
   }
@@ -104,9 +106,9 @@ bool SessionStore::read(const char* sid, _session& session) const {
   struct stat info {};
   if (lstat(path.c_str(), &info) != 0) return false;
   session.touched = info.st_mtime;
-  Text text;
+  std::string text;
   if (!is_ours(info) || read_file(path.c_str(), text) != 0) return false;
-  const std::string_view file = text.view();
+  const std::string_view file = text;
   long created = 0;
   const bool whole = copy_text(file, USER_KEY, session.user) && copy_number(file, UID_KEY, session.uid) &&
                      copy_text(file, IP_KEY, session.ip) && copy_text(file, HOST_IP_KEY, session.host_ip) &&
@@ -127,10 +129,31 @@ std::optional<_session> SessionStore::find(const char* sid, bool touch) const {
   // A removed user's session is worth nothing, nor is it to one who later gets the same name.
   const auto account = find_user(session.user);
   if (!account || static_cast<int>(account->uid) != session.uid) return {};
+  // Once a minute for a session in use, as its time of last use shows: a directory's account costs a network query.
+  if (std::time(nullptr) / ACCOUNT_CHECK != session.touched / ACCOUNT_CHECK && locked_(session.user)) {
+    end(sid);
+    return {};
+  }
   if (!touch) return session;
   if (utimensat(AT_FDCWD, path_of(sid).c_str(), nullptr, AT_SYMLINK_NOFOLLOW) != 0) return {};
   session.touched = std::time(nullptr);
   return session;
+}
+
+// Sorted by creation time; the new session stays, whatever the clock says.
+void SessionStore::end_oldest(std::string_view user, std::string_view newest) const {
+  std::vector<std::pair<long, std::string>> others;
+  const Dir folder{opendir(folder_.c_str())};
+  while (const dirent* entry = folder ? readdir(folder.get()) : nullptr) {
+    std::string text;
+    long created = 0;
+    if (!is_sid(entry->d_name) || entry->d_name == newest) continue;
+    if (read_file(path_of(entry->d_name).c_str(), text) != 0) continue;
+    if (ini::find(text, {}, USER_KEY) != user || !copy_number(text, CREATED_KEY, created)) continue;
+    others.emplace_back(created, entry->d_name);
+  }
+  std::sort(others.begin(), others.end());
+  for (std::size_t i = 0; i + USER_LIMIT <= others.size(); ++i) end(others[i].second.c_str());
 }
 
 std::vector<_session> SessionStore::list() const {
@@ -151,9 +174,9 @@ std::size_t SessionStore::end_user(std::string_view user) const {
   std::size_t ended = 0;
   const Dir folder{opendir(folder_.c_str())};
   while (const dirent* entry = folder ? readdir(folder.get()) : nullptr) {
-    Text text;
+    std::string text;
     if (!is_sid(entry->d_name) || read_file(path_of(entry->d_name).c_str(), text) != 0) continue;
-    if (ini::find(text.view(), {}, USER_KEY) == user && end(entry->d_name)) ++ended;
+    if (ini::find(text, {}, USER_KEY) == user && end(entry->d_name)) ++ended;
   }
   return ended;
 }

@@ -3,14 +3,16 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <ctime>
 #include <grp.h>
 #include <pwd.h>
+#include <shadow.h>
 
 #include <fenro/auth.h>
 
-#include "common/c_memory.h"
-#include "common/file.h"
-#include "common/handle.h"
+#include "base/c_memory.h"
+#include "base/file.h"
+#include "base/handle.h"
 #include "libfenro/ini.h"
 #include "libfenro/paths.h"
 
@@ -106,6 +108,19 @@ std::optional<User> find_user(const char* name) {
   return record ? std::optional{User{record->pw_uid, record->pw_gid}} : std::nullopt;
 }
 
+bool is_locked(const char* name) {
+  constexpr std::time_t DAY = std::time_t{24} * 60 * 60;
+  constexpr char LOCKED =
+      '!';  // precedes the hash; an account with "*" has no password here, but may log in by other means
+  std::vector<char> buffer;
+  const auto record = look_up<spwd>(buffer, [name](spwd* s, char* text, std::size_t size, spwd** found) {
+    return getspnam_r(name, s, text, size, found);
+  });
+  if (!record) return false;
+  const bool expired = record->sp_expire >= 0 && std::time(nullptr) / DAY >= record->sp_expire;
+  return expired || (record->sp_pwdp && *record->sp_pwdp == LOCKED);
+}
+
 Source source_of(const std::string& name, const std::vector<std::string>& local) {
   if (std::binary_search(local.begin(), local.end(), name)) return Source::Local;
   return name.find_first_of(DOMAIN_MARKS) == std::string::npos ? Source::Ldap : Source::Domain;
@@ -177,6 +192,6 @@ int Get_Expand_Domain_User_List_V2(char (**list)[209], int lower, int upper, con
 }
 
 int Is_LDAP_Enable(void) {
-  fenro::Text text;
-  return fenro::read_file(fenro::paths::NSSWITCH, text) == 0 && fenro::asks_directory(text.view()) ? 1 : 0;
+  std::string text;
+  return fenro::read_file(fenro::paths::NSSWITCH, text) == 0 && fenro::asks_directory(text) ? 1 : 0;
 }

@@ -6,7 +6,7 @@
 #include <new>
 #include <poll.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 #include "libmibservice/mib_io.h"
 #include "libmibservice/wire.h"
 
@@ -22,7 +22,8 @@ milliseconds time_left(Clock::time_point deadline) {
   return std::max(std::chrono::ceil<milliseconds>(deadline - Clock::now()), milliseconds::zero());
 }
 
-// Waits in the kernel for a place in the service's queue, so that a busy service is not taken for an absent one.
+// Waits in the kernel for a place in the service's queue, so that a busy service does not look
+// absent.
 int connect_to(const Fd& socket, const Address& address, Clock::time_point deadline) {
   const auto left = std::max(time_left(deadline), milliseconds{1});  // 0 would mean for ever
   const timeval limit{left.count() / 1000, left.count() % 1000 * 1000};
@@ -37,8 +38,8 @@ int connect_to(const Fd& socket, const Address& address, Clock::time_point deadl
   return errno == ECONNREFUSED || errno == ENOENT ? MIB_NOT_READY : MIB_IO_FAILURE;
 }
 
-// Both directions of one call. The reply is read while the request is still being written: a service that refuses a
-// request answers before it has taken all of it.
+// Both directions of one call. Reads the reply while still writing the request, since a service
+// may refuse a request before it has read all of it.
 class Exchange {
  public:
   Exchange(const Fd& socket, std::string request) : socket_(socket), request_(std::move(request)) {}
@@ -74,7 +75,7 @@ class Exchange {
     const ssize_t n =
         ::send(socket_.get(), request_.data() + sent_, request_.size() - sent_, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n >= 0) sent_ += static_cast<std::size_t>(n);
-    // A service that hung up takes no more, but what it said before is still to be read.
+    // A service that hung up reads no more, but its earlier output must still be read.
     if (n < 0 && errno != EAGAIN && errno != EINTR) sent_ = request_.size();
   }
 
@@ -105,7 +106,7 @@ int call(std::string_view service, std::string_view method, mib_io& io, Clock::t
   const Fd socket{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   if (!socket) return MIB_IO_FAILURE;
   if (const int rc = connect_to(socket, address, deadline); rc != MIB_SUCCESS) return rc;
-  // Anybody may take a free abstract name: nothing is said to a stranger.
+  // Any user can bind a free abstract name: send nothing to an unknown peer.
   if (!peer_is_trusted(socket.get())) return MIB_IS_REJECT;
 
   Exchange exchange{socket, request_frame(method, io.bytes)};

@@ -1,4 +1,5 @@
-// The growing buffer. The callers are C functions: no exception may leave, so a shortage of memory becomes a result.
+// The growing buffer. The callers are C functions: no exception may escape, so out-of-memory
+// becomes a result.
 #include "libmibservice/mib_io.h"
 
 #include <climits>
@@ -10,7 +11,8 @@
 
 namespace {
 
-// Runs a change of a buffer; false when there was no memory for it, with the buffer as it was.
+// Applies a change to a buffer. Returns false when memory ran out, and leaves the buffer
+// unchanged.
 template <typename Change>
 bool succeeds(Change change) noexcept {
   try {
@@ -29,7 +31,7 @@ int format_into(std::string& bytes, const char* format, va_list arguments) {
   const int length = std::vsnprintf(nullptr, 0, format, arguments);
   const std::size_t start = bytes.size();
   const bool room = length >= 0 && succeeds([&] { bytes.resize(start + static_cast<std::size_t>(length)); });
-  // The byte behind a string's end is its own NUL, which is what vsnprintf writes there.
+  // The byte after a string's end is its own NUL, which is what vsnprintf writes there.
   if (room) std::vsnprintf(bytes.data() + start, static_cast<std::size_t>(length) + 1, format, again);
   va_end(again);
   return room ? length : -1;

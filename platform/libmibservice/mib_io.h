@@ -1,4 +1,4 @@
-// Inside of the growing buffer, for the other parts of the library.
+// Internals of the growing buffer, for the other parts of the library.
 #pragma once
 
 #include <string>

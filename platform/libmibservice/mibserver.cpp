@@ -20,7 +20,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds DEFAULT_DEADLINE{10'000};
-constexpr milliseconds ACCEPT_PAUSE{50};  // after accept ran out of descriptors
+constexpr milliseconds ACCEPT_PAUSE{50};  // when accept runs out of descriptors
 constexpr std::size_t MAX_CONNECTIONS = 64;
 constexpr int BACKLOG = 128;
 constexpr std::size_t CHUNK = std::size_t{64} << 10;
@@ -36,7 +36,7 @@ class EndSignals {
   EndSignals(const EndSignals&) = delete;
   EndSignals& operator=(const EndSignals&) = delete;
   ~EndSignals() {
-    // The one that ended run() is taken off first, or it would strike as soon as it is unblocked.
+    // Consumes the signal that ended run() first, or it would be delivered when unblocked.
     signalfd_siginfo taken;
     while (fd_ && read(fd_.get(), &taken, sizeof taken) > 0) continue;
     pthread_sigmask(SIG_SETMASK, &old_, nullptr);
@@ -66,14 +66,14 @@ struct Server::Connection {
   bool finished = false;
 };
 
-// One round of poll: which entry belongs to whom.
+// One round of poll: the owner of each entry.
 struct Server::PollSet {
   std::vector<pollfd> entries{};
-  std::vector<int> watched{};          // behind the fixed three, in this order
-  std::vector<Connection*> clients{};  // behind the watched
+  std::vector<int> watched{};          // after the fixed three, in this order
+  std::vector<Connection*> clients{};  // after the watched
 };
 
-// The time that a handler or a job takes is not the clients': their deadlines move on by it.
+// Time spent in a handler or a job does not count against clients: their deadlines move by it.
 class Server::Pause {
  public:
   explicit Pause(Server& server) : server_(server), start_(Clock::now()) {}
@@ -181,7 +181,7 @@ void Server::run_timers() {
     if (timer.due > Clock::now()) continue;
     const Pause pause{*this};
     timer.job();
-    // Counted from now: jobs that were late are not made up for in a burst.
+    // Counted from now: late jobs do not run in a burst.
     timer.due = Clock::now() + timer.period;
   }
 }
@@ -189,9 +189,9 @@ void Server::run_timers() {
 void Server::run_watchers(const PollSet& set) {
   for (std::size_t i = 0; i < set.watched.size(); ++i) {
     if (set.entries[3 + i].revents == 0) continue;
-    const auto watcher = watchers_.find(set.watched[i]);  // an earlier one may have taken it out
+    const auto watcher = watchers_.find(set.watched[i]);  // an earlier watcher may have removed it
     if (watcher == watchers_.end()) continue;
-    const auto ready = watcher->second;  // a copy: it may take itself out
+    const auto ready = watcher->second;  // a copy: it may remove itself
     const Pause pause{*this};
     ready();
   }
@@ -209,7 +209,8 @@ void Server::accept_clients() {
   }
 }
 
-// A full house sends its oldest guest away: waiting for it to end would let silent clients shut others out.
+// Evicts the oldest connection when all slots are taken, so that silent clients cannot shut
+// others out.
 void Server::make_room() {
   drop_finished();
   if (connections_.size() < MAX_CONNECTIONS) return;
@@ -224,7 +225,7 @@ void Server::step(Connection& connection, short events) {
   receive(connection);
 }
 
-// Takes one chunk, so that a client with much to say shares the thread with the others.
+// Reads one chunk, so that a client with a large request shares the thread with others.
 void Server::receive(Connection& connection) {
   const std::size_t start = connection.in.size();
   connection.in.resize(start + CHUNK);

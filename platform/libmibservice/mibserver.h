@@ -1,5 +1,5 @@
-// The serving half of the service bus, for the daemons of this repository.
-// One thread, one poll loop: a silent or slow client costs its own connection, never another's.
+// The serving half of the service bus, for the daemons of this repository. It has one thread with
+// one poll loop; a silent or slow client can lose its own connection only.
 #pragma once
 
 #include <chrono>
@@ -13,20 +13,21 @@
 
 #include <fenro/mibservice.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 
 struct pollfd;
 
 namespace fenro::bus {
 
-// What a handler answers: a MIB_ status, and the body that the caller finds in its buffer after MIB_SUCCESS.
+// A handler's answer: a MIB_ status, and the body that the caller's buffer holds after
+// MIB_SUCCESS.
 struct Reply {
   int status = MIB_SUCCESS;
   std::string body{};
 };
 
-// A service on the bus. Handlers, jobs and watchers all run in the thread of run(), one after the other, and may
-// themselves call on(), every(), watch(), unwatch() and stop().
+// A service on the bus. Handlers, jobs and watchers all run sequentially in the thread of run(),
+// and may call on(), every(), watch(), unwatch() and stop().
 //
 //   fenro::bus::Server server{"NetworkService"};
 //   server.on("api.list", [&](std::string_view body) { return Reply{MIB_SUCCESS, list(body)}; });
@@ -42,25 +43,27 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // A method that no handler was given for answers MIB_IS_INVALID; a handler that throws, MIB_IO_FAILURE.
+  // A method without a handler answers MIB_IS_INVALID; a handler that throws, MIB_IO_FAILURE.
   void on(std::string method, Handler handler);
 
   // Runs `job` every `period`, the first time one period after run() begins or, inside run(), after this call.
   void every(std::chrono::milliseconds period, std::function<void()> job);
 
-  // Runs `ready` whenever `fd` can be read or has been hung up. The descriptor stays the caller's.
+  // Runs `ready` whenever `fd` is readable or hung up. The caller keeps ownership of the
+  // descriptor.
   void watch(int fd, std::function<void()> ready);
   void unwatch(int fd);
 
-  // How long a client may take to send its request, and again to take its reply. 10 seconds unless set.
+  // Sets how long a client may take to send its request, and again to read its reply. The default
+  // is 10 seconds.
   void set_deadline(std::chrono::milliseconds deadline) { deadline_ = deadline; }
 
-  // Takes the service's name. False when somebody else serves it, or the name is empty or too long.
+  // Binds the service's name. Returns false when the name is in use, empty or too long.
   [[nodiscard]] bool listen();
 
-  // Tells the service manager that the daemon is ready, then serves until SIGTERM, SIGINT or stop(). Both signals are
-  // blocked in the calling thread meanwhile (a program started with mib_io_execv does not inherit that).
-  // 0 after a clean end, 1 when it could not serve.
+  // Notifies the service manager that the daemon is ready, then serves until SIGTERM, SIGINT or
+  // stop(). Blocks both signals in the calling thread meanwhile (a program started with
+  // mib_io_execv does not inherit that). Returns 0 after a clean end, 1 when it could not serve.
   [[nodiscard]] int run();
 
   // Ends run(). May be called from another thread.

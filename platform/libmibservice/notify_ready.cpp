@@ -8,7 +8,7 @@
 #include <sys/un.h>
 #include <tuple>
 
-#include "common/handle.h"
+#include "base/handle.h"
 
 namespace fenro::bus {
 
@@ -25,7 +25,7 @@ void notify_ready() {
   const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
 
   const Fd socket{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-  // A manager that is gone is no reason not to serve.
+  // A missing service manager does not prevent serving.
   std::ignore = sendto(socket.get(), READY.data(), READY.size(), MSG_NOSIGNAL,
                        reinterpret_cast<const sockaddr*>(&address), length);
 }

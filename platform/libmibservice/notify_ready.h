@@ -1,9 +1,9 @@
-// Tells the service manager that started this process that the daemon is ready to serve.
+// Notifies the service manager that started this process that the daemon is ready.
 #pragma once
 
 namespace fenro::bus {
 
-// Does nothing where no manager waits for it.
+// Does nothing without such a manager.
 void notify_ready();
 
 }  // namespace fenro::bus

@@ -26,7 +26,7 @@ Address address_of(std::string_view service) {
 
   Address address;
   address.sun.sun_family = AF_UNIX;
-  // One byte goes to the NUL in front that makes the name abstract; none is needed behind it.
+  // One byte is the leading NUL that makes the name abstract; no trailing NUL is needed.
   if (service.empty() || text.size() >= sizeof address.sun.sun_path) return address;
   std::copy(text.begin(), text.end(), address.sun.sun_path + 1);
   address.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + text.size());

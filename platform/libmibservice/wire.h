@@ -1,5 +1,5 @@
-// What both halves of the bus share: addresses, the numbers of a frame, and the check of the other end.
-// The form of a frame is told in <fenro/mibservice.h>.
+// Shared by both halves of the bus: addresses, the numbers of a frame, and the check of the other
+// end. <fenro/mibservice.h> documents the form of a frame.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 namespace fenro::bus {
 
-constexpr std::size_t MAX_FRAME = std::size_t{64} << 20;  // what a frame's total may say
+constexpr std::size_t MAX_FRAME = std::size_t{64} << 20;  // limit of a frame's total
 constexpr std::size_t NUMBER = 4;                         // bytes of one number
 constexpr std::size_t HEAD = 2 * NUMBER;                  // total, and method length or status
 
@@ -20,7 +20,8 @@ struct Address {
   socklen_t length = 0;  // 0: the service cannot be addressed
 };
 
-// Where a service listens: "@text" is the abstract socket of the text, any other name one under our prefix.
+// A service's address: "@text" is the abstract socket of that text, any other name is an abstract
+// socket under our prefix.
 [[nodiscard]] Address address_of(std::string_view service);
 
 [[nodiscard]] std::uint32_t get_number(const char* bytes);
@@ -29,7 +30,7 @@ void put_number(std::string& out, std::size_t number);
 [[nodiscard]] std::string request_frame(std::string_view method, std::string_view body);
 [[nodiscard]] std::string reply_frame(int status, std::string_view body);
 
-// Whether the kernel says that the other end is root or our own user.
+// Returns whether the kernel identifies the other end as root or our own user.
 [[nodiscard]] bool peer_is_trusted(int socket);
 
 }  // namespace fenro::bus

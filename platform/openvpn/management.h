@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "common/handle.h"
+#include "base/handle.h"
 
 namespace fenro::openvpn {
 

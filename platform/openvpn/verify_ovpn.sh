@@ -4,10 +4,10 @@
 #
 #   verify_ovpn.sh PROFILE ['--ca PATH --cert PATH --key PATH ']
 #
-# The exit status is 0 for a profile that the daemon could go out with. It is started with a copy in which those lines
-# are missing that an import replaces or that concern this host: nothing is run, loaded or written for a profile that
-# nobody has accepted yet. It gets neither a network nor root's rights, and is ended as soon as it has read the profile
-# and all keys. Files that a profile names and that are not there yet are left out: they can be brought later.
+# The exit status is 0 for a profile that the daemon can connect with. The daemon reads a copy without the lines that an
+# import replaces or that concern this host: nothing is run, loaded or written for a profile that has not been accepted
+# yet. It runs as the user "nobody", has no network and can write no file, and is stopped as soon as it has read the
+# profile and all keys. Files that a profile names and that are missing are left out: they can be added later.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=ovpn_lib.sh
@@ -15,19 +15,6 @@
 
 SECONDS_TO_JUDGE=20
 READY='^Control Channel MTU parms' # said when the keys have been read, before the first packet
-
-# Of these options an import keeps nothing, or they would have the daemon act on this host.
-LEFT_OUT='up down up-restart daemon inetd log log-append syslog status verb mute user group chroot cd writepid plugin
-  route-up route-pre-down ipchange tls-verify learn-address client-connect client-disconnect auth-user-pass-verify
-  tls-crypt-v2-verify client-crresponse script-security iproute config engine providers
-  pkcs11-providers replay-persist tls-export-cert genkey mktun rmtun tmp-dir askpass http-proxy-user-pass
-  http-proxy socks-proxy management management-client management-client-user management-client-group management-hold
-  management-signal management-up-down management-query-passwords management-query-proxy management-query-remote
-  management-external-key management-external-cert management-forget-disconnect management-log-cache
-  bind dev dev-type dev-node route-noexec lport keysize redirect-gateway block-outside-dns ncp-disable lladdr
-  cipher data-ciphers ncp-ciphers auth-user-pass resolv-retry nice mlock'
-# These name a file, which is kept if it comes with the profile as a block.
-FILES='dh pkcs12 extra-certs tls-auth tls-crypt tls-crypt-v2 crl-verify secret'
 
 # The second argument holds words; anything else than the three options with a readable file each is refused.
 read_arguments() {
@@ -42,68 +29,77 @@ read_arguments() {
   done
 }
 
-# The copy. A block stays or goes as a whole; what can't be taken apart with certainty is refused: a "<" within a block, a
-# line that does not begin with an option's plain name. Prints what needs a stand-in.
-sift() {
-  OUT="$LEFT_OUT" FILES="$FILES" COPY="$work/profile" awk "$OVPN_READER"'
-    BEGIN {
-      count = split(ENVIRON["OUT"], row, /[ \n]+/); for (i = 1; i <= count; ++i) out[row[i]]
-      count = split(ENVIRON["FILES"], row, /[ \n]+/); for (i = 1; i <= count; ++i) file[row[i]]
-      copy = ENVIRON["COPY"]
-    }
-    { before = block }
-    before == "" && length($0) > 255 { exit bad = 1 } # more than the daemon reads of a line
-    option() {
-      if (name !~ /^[A-Za-z0-9-]+$/) exit bad = 1
-      if (name == "auth-user-pass" || name == "pkcs12") print name
-      if (!(name in out) && !(name in file) && !(name == "tls-cipher" && toupper(word[1]) == "NONE")) print >copy
-      next
-    }
-    before != "" && block != "" && /</ { exit bad = 1 }
-    before == "" && block == "auth-user-pass" { print block }
-    before != "" || block != "" { if (!((before == "" ? block : before) in out)) print >copy; next }
-    /<\/?connection>/ { print >copy }
-    END { exit bad || block != "" }' "$1"
+# stand_in: a throwaway key and certificate in place of a PKCS #12 file, which the daemon's copy does not have.
+stand_in() {
+  grep -qx 'line [0-9]*: pkcs12' "$work/left-out" || return 0
+  openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj /CN=nobody \
+    -keyout "$work/key" -out "$work/cert" 2>/dev/null && cp "$work/cert" "$work/ca"
 }
 
-# stand_in NEEDS: for what the profile names and that is not there, a certificate of nobody and an account.
-stand_in() {
-  printf 'nobody\nnothing\n' >"$work/account"
-  case " $1 " in *' auth-user-pass '*) printf 'auth-user-pass %s\n' "$work/account" >>"$work/profile" ;; esac
-  case " $1 " in *' pkcs12 '*) ;; *) return 0 ;; esac
-  openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj /CN=nobody \
-    -keyout "$work/nobody.key" -out "$work/nobody.crt" 2>/dev/null &&
-    printf '%s %s\n' ca "$work/nobody.crt" cert "$work/nobody.crt" key "$work/nobody.key" >>"$work/profile"
+# copy: what the daemon gets to read. The keys are blocks in it.
+copy() {
+  local name
+  set --
+  for name in ca cert key; do
+    [ ! -e "$work/$name" ] || set -- "$@" "--$name" "$work/$name"
+  done
+  ovpn_profile check "$@" <"$profile" >"$work/profile" 2>"$work/left-out"
+}
+
+# Another user, if there is one here: a user namespace may know root alone.
+unprivileged() {
+  setpriv --reuid=nobody --regid=nogroup --clear-groups -- true 2>/dev/null && {
+    printf '%s\n' --reuid=nobody --regid=nogroup --clear-groups
+    return
+  }
+  say "there is no other user than root here: the daemon judges as root without capabilities"
+}
+
+# cause: why the daemon did not get ready. What OpenSSL names by codes is said in words.
+cause() {
+  local said
+  said=$(grep -v '^Exiting due to' "$work/log" | grep -m1 -i 'error' || grep -m1 '^Cannot ' "$work/log")
+  case $said in
+    *' md too weak:'*) said='a certificate is signed with a digest that is too weak, such as SHA-1: ask for a new one' ;;
+    *' key too small:'*) said='the key of a certificate is too short: ask for a new one' ;;
+    *' key values mismatch:'* | *'::no certificate assigned:'*) said='the key is not that of the certificate' ;;
+    *'routines::no start line:'*) said="a certificate or a key is not in PEM format: ${said##*: }" ;;
+    '') said=$(tail -n 1 "$work/log") ;;
+  esac
+  printf '%s\n' "${said:-the daemon says nothing}"
 }
 
 judge() {
-  local daemon status=1 rounds=$((SECONDS_TO_JUDGE * 20))
-  unshare --net -- setpriv --no-new-privs --bounding-set=-all --inh-caps=-all \
-    "$OVPN_DAEMON" --log "$work/log" --suppress-timestamps --cd "$work" --config "$work/profile" "$@" \
-    --script-security 0 --dev null --verb 4 --mute 0 --resolv-retry 0 --connect-retry-max 1 </dev/null >/dev/null 2>&1 &
+  local daemon running=1 status=1 rounds=$((SECONDS_TO_JUDGE * 20))
+  # shellcheck disable=SC2046 # one word a line
+  ovpn_jail '' unshare --net -- setpriv $(unprivileged) --no-new-privs --bounding-set=-all --inh-caps=-all \
+    "$OVPN_DAEMON" --suppress-timestamps --cd / --config stdin \
+    --script-security 0 --dev null --verb 4 --mute 0 --resolv-retry 0 --connect-retry-max 1 \
+    <"$work/profile" >"$work/log" 2>"$work/errors" &
   daemon=$!
-  while [ "$rounds" -gt 0 ]; do
+  # Whether it runs is asked before the look at what it has said: a daemon that ends at once may have said it last.
+  while [ "$rounds" -gt 0 ] && [ "$running" -eq 1 ]; do
+    kill -0 "$daemon" 2>/dev/null || running=0
     if grep -q "$READY" "$work/log" 2>/dev/null; then status=0 && break; fi
-    kill -0 "$daemon" 2>/dev/null || break
-    sleep 0.05
+    [ "$running" -eq 0 ] || sleep 0.05
     rounds=$((rounds - 1))
   done
   kill -KILL "$daemon" 2>/dev/null
   wait "$daemon" 2>/dev/null
-  [ "$status" -eq 0 ] || note "refused: $(grep -m1 -i 'error' "$work/log" 2>/dev/null)"
+  cat "$work/errors" >&2
+  [ "$status" -eq 0 ] || say "refused: $(cause)"
   return "$status"
 }
 
 { [ $# -ge 1 ] && [ $# -le 2 ] && [ -f "$1" ] && [ -r "$1" ]; } || die "usage: PROFILE ['--ca PATH --cert PATH --key PATH ']"
-work=$(mktemp -d /tmp/verify-ovpn.XXXXXX) || die 'no room for a copy'
+profile=$1
+mkdir -p "$RUN_DIR"
+work=$(mktemp -d "$RUN_DIR/verify-ovpn.XXXXXX") || die 'no room for a copy'
 trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM
 read_arguments "${2-}" || die 'not arguments of key files'
-needs=$(sift "$1") || die "$1: not a profile"
-# shellcheck disable=SC2086 # words
-stand_in "$(printf '%s ' $needs)" || die 'no stand-in for a key file'
-set --
-for name in ca cert key; do
-  [ ! -e "$work/$name" ] || set -- "$@" "--$name" "$work/$name"
-done
-judge "$@"
+copy || die "$profile: refused: $(tail -n 1 "$work/left-out")"
+stand_in || die 'no stand-in for a key file'
+if [ -e "$work/key" ]; then copy || die "$profile: refused: $(tail -n 1 "$work/left-out")"; fi
+while read -r line; do say "not judged: $line"; done <"$work/left-out"
+judge

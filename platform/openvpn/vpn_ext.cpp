@@ -27,9 +27,6 @@ constexpr unsigned KEPT[] = {
     CAP_KILL,              // the daemon's own children
     CAP_CHOWN,
     CAP_FOWNER,
-    CAP_DAC_OVERRIDE,  // the hooks replace vpn.conf, whoever owns it
-    CAP_SETUID,
-    CAP_SETGID,  // the executables of the profile's owner may want to be somebody else
 };
 
 // The library of capabilities is not worth a dependency for one call. Version 3 has two words of 32 bits each.

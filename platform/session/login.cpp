@@ -22,8 +22,10 @@
 #include <fenro/event_log.h>
 #include <fenro/mibservice.h>
 
-#include "common/argv.h"
-#include "common/handle.h"
+#include "base/argv.h"
+#include "base/bus_handle.h"
+#include "base/handle.h"
+#include "daemons/mschap/password_table.h"
 #include "libfenro/user.h"
 #include "session/login_form.h"
 #include "session/login_page.h"
@@ -34,7 +36,7 @@ namespace {
 using fenro::LoginForm;
 using fenro::LoginThrottle;
 using Clock = std::chrono::steady_clock;
-using MibIo = std::unique_ptr<mib_io, fenro::FreeWith<mib_io_free>>;
+using fenro::MibIo;
 
 constexpr const char* SESSION_TOOL = "/usr/lib/fenro/fenro-session";
 constexpr const char* COUNTERS = "/run/fenro/login";
@@ -123,7 +125,12 @@ void wait_for_whole_step(Clock::time_point start) {
 // A name that no session can hold is not shown to PAM's modules.
 bool is_valid(const std::string& user, const char* password) {
   const bool plain = std::none_of(user.begin(), user.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; });
-  return plain && user.size() < sizeof(_session::user) && Check_NAS_User_Password(user.c_str(), password) == 0;
+  const bool good =
+      plain && user.size() < sizeof(_session::user) && Check_NAS_User_Password(user.c_str(), password) == 0;
+  // PPTP and L2TP logins need a hash of the password, which the host does not keep.
+  if (good && !fenro::mschap::store_password(user, password))
+    log_event(WARNING, user, "[Web] The password hash for PPTP and L2TP could not be stored.");
+  return good;
 }
 
 void refuse_for_now(const LoginThrottle::Admission& admission, const std::string& user) {

@@ -1,12 +1,15 @@
 #include "session/login_form.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstring>
 #include <poll.h>
 #include <unistd.h>
+#include <utility>
+
+#include "ormel/cgi/cgi_parser.h"
+#include "ormel/cgi/formpart.h"
 
 namespace fenro {
 namespace {
@@ -21,14 +24,13 @@ ssize_t read_some(int fd, char* bytes, std::size_t size, int patience_ms = PATIE
   return read(fd, bytes, size);
 }
 
-// "%41" at the front of the text as a byte, or -1.
-int escaped(std::string_view text) {
-  constexpr std::size_t LENGTH = 3;
-  constexpr int HEXADECIMAL = 16;
-  unsigned char byte = 0;
-  if (text.size() < LENGTH || text[0] != '%') return -1;
-  const auto [end, error] = std::from_chars(text.data() + 1, text.data() + LENGTH, byte, HEXADECIMAL);
-  return error == std::errc{} && end == text.data() + LENGTH ? byte : -1;
+// Without a template the parser makes no file of an upload. All values of a name stay, so that each can be wiped.
+constexpr cgi_settings SETTINGS{
+    .fstream = -1, .var_mode = MULTIPLE_VAR_MODE, .upload_tempname = "", .upload_limit = 1, .buffer_size = 1};
+
+// A NUL, plain or encoded: a value would look shorter than it is.
+bool holds_nul(std::string_view text) {
+  return text.find('\0') != std::string_view::npos || text.find("%00") != std::string_view::npos;
 }
 
 }  // namespace
@@ -58,43 +60,30 @@ LoginForm::Result LoginForm::take(std::string_view query) {
 }
 
 LoginForm::Result LoginForm::parse() {
-  std::size_t at = 0;
-  while (at < size_) {
-    const std::size_t name = at;
-    if (!decode(at, "=&")) return Result::Malformed;
-    const bool has_value = bytes_[at] == '=';
-    bytes_[at++] = '\0';
-    const std::size_t value = has_value ? at : at - 1;
-    if (has_value) {
-      if (!decode(at, "&")) return Result::Malformed;
-      bytes_[at++] = '\0';
-    }
-    fields_.push_back({bytes_.data() + name, bytes_.data() + value});
-  }
-  return Result::Ok;
+  const std::string_view text{bytes_.data(), size_};
+  if (holds_nul(text)) return Result::Malformed;
+  cgi_parser parser{SETTINGS};
+  formpart_parser state;
+  // In one piece, so that a value gets its memory once and no shorter copy of it is left behind.
+  const bool whole = parser.var_list && formpart_parser_execute(&parser, &state, text.data(), size_) == size_ &&
+                     formpart_parser_execute(&parser, &state, "&", 1) == 1;
+  fields_.reset(std::exchange(parser.var_list, nullptr));
+  return whole ? Result::Ok : Result::Malformed;
 }
 
-bool LoginForm::decode(std::size_t& at, std::string_view marks) {
-  std::size_t to = at;
-  while (at < size_ && marks.find(bytes_[at]) == std::string_view::npos) {
-    const int byte = escaped({bytes_.data() + at, size_ - at});
-    const char plain = bytes_[at] == '+' ? ' ' : bytes_[at];
-    bytes_[to] = byte >= 0 ? static_cast<char>(byte) : plain;
-    if (bytes_[to++] == '\0') return false;
-    at += byte >= 0 ? 3 : 1;
-  }
-  if (to < at) std::memset(bytes_.data() + to, 0, at - to);
-  return true;
-}
-
-const char* LoginForm::value(std::string_view name) const {
-  const auto found = std::find_if(fields_.rbegin(), fields_.rend(), [name](const Field& f) { return f.name == name; });
-  return found == fields_.rend() ? "" : found->value;
+const char* LoginForm::value(const char* name) const {
+  cgi_var* var = get_cgi_var(fields_.get(), name);
+  const char* const text = get_cgi_var_value(var ? var->list_tail : nullptr);
+  return text ? text : "";
 }
 
 void LoginForm::wipe() {
   explicit_bzero(bytes_.data(), bytes_.size());
-  fields_.clear();
+  for (cgi_var* field = fields_.get(); field; field = field->next) {
+    for (cgi_var* var = field; var; var = var->list) {
+      if (var->value) explicit_bzero(var->value, var->length);
+    }
+  }
   size_ = 0;
 }
 

@@ -1,11 +1,13 @@
-// The form of a login. It is read into one place of memory that is wiped with it: no buffer of a stream, no copy of a
+// The form of a login. The text and the values parsed from it are wiped with it: no buffer of a stream, no copy of a
 // growing string keeps a password.
 #pragma once
 
 #include <array>
 #include <cstddef>
+#include <memory>
 #include <string_view>
-#include <vector>
+
+#include "ormel/cgi/cgi.h"
 
 namespace fenro {
 
@@ -24,8 +26,9 @@ class LoginForm {
   [[nodiscard]] Result take(std::string_view query);
 
   // The last value of that name; "" when there is none.
-  [[nodiscard]] const char* value(std::string_view name) const;
+  [[nodiscard]] const char* value(const char* name) const;
 
+  // Clears the text and all values; the fields stay, empty.
   void wipe();
 
   // Reads on to the end of a body that is of no interest: a web server that is still writing it would take the end of
@@ -33,18 +36,11 @@ class LoginForm {
   static void discard(int fd);
 
  private:
-  struct Field {
-    const char *name, *value;
-  };
-
   [[nodiscard]] Result parse();
-  // Decodes the text up to one of the marks into the place where it stands, and closes it with a NUL. False for a
-  // NUL of its own, behind which a value would look shorter than it is.
-  [[nodiscard]] bool decode(std::size_t& at, std::string_view marks);
 
-  std::array<char, LIMIT + 2> bytes_{};  // one more than may come, and a NUL
+  std::array<char, LIMIT + 1> bytes_{};  // one more than may come
   std::size_t size_ = 0;
-  std::vector<Field> fields_{};
+  std::unique_ptr<cgi_var, FreeCgiVars> fields_{};
 };
 
 }  // namespace fenro

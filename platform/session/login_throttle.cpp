@@ -1,7 +1,6 @@
 #include "session/login_throttle.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -11,18 +10,17 @@
 
 #include <openssl/evp.h>
 
-#include "common/file.h"
-#include "common/handle.h"
-#include "libfenro/random_name.h"
+#include "base/file.h"
+#include "base/handle.h"
+#include "base/random_name.h"
+#include "common/client_network.h"
 
 namespace fenro {
 namespace {
 
 constexpr const char* COUNTERS = "/counters";
 constexpr const char* LOCK = "/lock";
-constexpr mode_t LOCK_MODE = 0600;
 constexpr std::size_t KEY_LENGTH = 32;
-constexpr std::size_t NETWORK_BYTES = 8;  // of an IPv6 address: the rest is its owner's to choose
 
 // The wait before an attempt, by the failures before it; the last one stands for all more.
 constexpr std::array<int, 7> DELAYS_MS{0, 0, 0, 500, 1000, 2000, 4000};
@@ -30,7 +28,7 @@ constexpr std::array<int, 7> DELAYS_MS{0, 0, 0, 500, 1000, 2000, 4000};
 // Held from the reading to the writing; never while a password is checked.
 Fd lock_folder(const std::string& folder) {
   if (!make_private_folder(folder)) return Fd{};
-  Fd lock{open((folder + LOCK).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_MODE)};
+  Fd lock{open((folder + LOCK).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, PRIVATE_FILE)};
   while (lock && flock(lock.get(), LOCK_EX) != 0)
     if (errno != EINTR) return Fd{};
   return lock;
@@ -43,17 +41,6 @@ unsigned slot_of(const std::string& key, std::string_view name, unsigned slots) 
   unsigned number = 0;
   std::memcpy(&number, digest.data(), sizeof number);
   return number % slots;
-}
-
-// What counts as one client: an IPv4 address, or the network of an IPv6 one.
-std::string client_of(std::string_view address) {
-  std::string text{address};
-  in6_addr bytes{};
-  if (inet_pton(AF_INET6, text.c_str(), &bytes) != 1) return text;
-  if (!IN6_IS_ADDR_V4MAPPED(&bytes)) return {reinterpret_cast<const char*>(bytes.s6_addr), NETWORK_BYTES};
-  std::array<char, INET_ADDRSTRLEN> plain{};
-  inet_ntop(AF_INET, bytes.s6_addr + sizeof bytes - sizeof(in_addr), plain.data(), plain.size());
-  return plain.data();
 }
 
 // Some directories take a name in any case, so the counter has to.
@@ -77,14 +64,14 @@ unsigned LoginThrottle::user_slot(const State& state, std::string_view user) con
 }
 
 unsigned LoginThrottle::address_slot(const State& state, std::string_view address) const {
-  return slots_ + slot_of(state.key, client_of(address), slots_);
+  return slots_ + slot_of(state.key, client_network(address), slots_);
 }
 
 bool LoginThrottle::load(State& state, std::time_t now) const {
-  Text text;
+  std::string text;
   const int error = read_file((folder_ + COUNTERS).c_str(), text);
   if (error != 0 && error != ENOENT) return false;
-  std::istringstream lines{std::string{text.view()}};
+  std::istringstream lines{text};
   lines >> state.key;
   if (state.key.size() != KEY_LENGTH) {
     state.key.assign(KEY_LENGTH, '\0');

@@ -1,4 +1,5 @@
-// The command line of getcfg and setcfg: a fixed number of operands, and options before, behind or between them.
+// The command line of getcfg and setcfg: a fixed number of operands, with options before, after
+// or between them.
 #pragma once
 
 #include <map>
@@ -16,9 +17,9 @@ struct Arguments {
   [[nodiscard]] std::string option(std::string_view name, std::string_view fallback) const;
 };
 
-// Splits the arguments. Operands are known by their number, so that a value may look like an option: what is too much
-// must be options with one value each, looked for behind the operands first, then before them, then between them.
-// Nothing when the arguments do not fit.
+// Splits the arguments. The number of operands is fixed, so that a value may look like an option:
+// surplus arguments must be options with one value each, searched first after the operands, then
+// before, then between them. Returns nothing when the arguments do not fit.
 [[nodiscard]] std::optional<Arguments> parse_arguments(std::vector<std::string> words, std::size_t operands,
                                                        const std::vector<std::string_view>& options);
 

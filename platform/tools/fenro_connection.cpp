@@ -1,15 +1,16 @@
-// For the hooks of servers and client tunnels: what begins and ends goes to the list of live connections and to the
-// connection log.
+// Records the start and end of connections for the hooks of servers and client tunnels, in the
+// list of live connections and in the connection log.
 //
 //   fenro-connection up TYPE INTERFACE SOURCE NUMBER LOCAL REMOTE
 //   fenro-connection down TYPE [FIELD VALUE]            FIELD is interface, number or remote; without it all of TYPE
 //   fenro-connection client-up TYPE LOCAL SERVER
 //   fenro-connection client-down TYPE LOCAL SERVER SINCE
 //
-// TYPE is the bit of the server or the client, NUMBER a pid or the source port of an OpenVPN client, SERVER the address
-// of the other end outside of the tunnel, SINCE seconds since the epoch. What people choose comes by the environment:
-// CONNECTION_NAME (the user, or the profile), CONNECTION_DEVICE, and with an end CONNECTION_RECEIVED and
-// CONNECTION_SENT, in bytes as the appliance sees them. The exit status is 0 when all has been noted.
+// TYPE is the bit of the server or the client, NUMBER a pid or the source port of an OpenVPN
+// client, SERVER the other end's address outside the tunnel, SINCE seconds since the epoch.
+// Values chosen by users come from the environment: CONNECTION_NAME (the user or the profile),
+// CONNECTION_DEVICE, and at an end CONNECTION_RECEIVED and CONNECTION_SENT, in bytes as seen by
+// the appliance. The exit status is 0 when everything was recorded.
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -36,7 +37,7 @@ bool parse(std::string_view text, Number& out) {
   return failure == std::errc{} && end == text.data() + text.size();
 }
 
-// Counters that are not there, or no numbers, are 0.
+// Missing or malformed counters are 0.
 Traffic traffic() {
   Traffic traffic;
   if (!parse(environment("CONNECTION_RECEIVED"), traffic.received)) traffic.received = 0;
@@ -109,7 +110,7 @@ int client_down(std::uint32_t type, Words words) {
 
 struct Command {
   std::string_view name;
-  std::size_t words;  // behind the type
+  std::size_t words;  // after the type
   int (*run)(std::uint32_t type, Words words);
 };
 constexpr Command COMMANDS[] = {

@@ -1,5 +1,6 @@
-// getcfg SECTION KEY [-f FILE] [-d DEFAULT]: prints one value of an INI file. A missing key prints the default; the
-// exit status is 1 when that is empty or not given. An empty SECTION is the lines ahead of the first section.
+// getcfg SECTION KEY [-f FILE] [-d DEFAULT]: prints one value of an INI file. A missing key
+// prints the default; the exit status is 1 when that is empty or not given. An empty SECTION
+// means the lines before the first section.
 #include <cstdio>
 
 #include "libfenro/ini_file.h"

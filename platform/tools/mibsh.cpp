@@ -1,5 +1,5 @@
-// mibsh SERVICE.METHOD [JSON]: makes one call on the service bus and prints the reply. A failed call gives one line on
-// standard error and the status of the call as exit status.
+// mibsh SERVICE.METHOD [JSON]: makes one call on the service bus and prints the reply. A failed
+// call prints one line on standard error and exits with the call's status.
 #include <array>
 #include <cstdio>
 #include <memory>
@@ -8,11 +8,12 @@
 
 #include <fenro/mibservice.h>
 
-#include "common/handle.h"
+#include "base/bus_handle.h"
+#include "base/handle.h"
 
 namespace {
 
-using MibIo = std::unique_ptr<mib_io, fenro::FreeWith<mib_io_free>>;
+using fenro::MibIo;
 
 constexpr int TIMEOUT_SECONDS = 60;
 constexpr int USAGE = 64;  // beyond every status of a call
@@ -25,7 +26,8 @@ struct Target {
   std::string service, method;
 };
 
-// A registered name ends at its first dot, as methods hold dots; the path of an abstract socket at the last one.
+// A registered name ends at its first dot, since methods contain dots; an abstract socket's path
+// ends at the last one.
 bool parse_target(std::string_view text, Target& target) {
   const std::size_t dot = text.starts_with('@') ? text.rfind('.') : text.find('.');
   if (dot == std::string_view::npos || dot == 0 || dot + 1 == text.size()) return false;

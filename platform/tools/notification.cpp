@@ -32,7 +32,7 @@ constexpr std::array<Option, 5> OPTIONS{{
        if (level != LEVELS.end()) event.type = level->type;
        return level != LEVELS.end();
      }},
-    // Which channels the message goes to; there is only the log here.
+    // The channels of the message; only the log exists here.
     {"-t", [](Event&, const std::string& value) { return value.find_first_not_of("0123456789") == std::string::npos; }},
 }};
 
@@ -41,7 +41,7 @@ const Option* find_option(std::string_view name) {
   return row == OPTIONS.end() ? nullptr : row;
 }
 
-// Cuts to what an event holds, never within a UTF-8 character.
+// Truncates to the size of an event's field, never within a UTF-8 character.
 std::string cut(std::string text) {
   if (text.size() <= MAX_DESCRIPTION) return text;
   std::size_t end = MAX_DESCRIPTION;

@@ -1,4 +1,4 @@
-// The command line of notify, and what it makes of it.
+// The command line of notify, and the event that it describes.
 #pragma once
 
 #include <optional>
@@ -10,10 +10,12 @@
 
 namespace fenro {
 
-// Fills "{0}", "{1}"... with the arguments; a mark without its argument stays. Filled in text is not searched again.
+// Replaces "{0}", "{1}"... by the arguments. A mark without an argument stays. Inserted text is
+// not searched again.
 [[nodiscard]] std::string fill_marks(std::string_view message, const std::vector<std::string>& arguments);
 
-// The event that the words behind "notify" ask for, without its time. Nothing when they make no sense.
+// Parses the arguments of "notify" into an event without its time. Returns nothing on malformed
+// arguments.
 [[nodiscard]] std::optional<Event> parse_notification(const std::vector<std::string>& words);
 
 }  // namespace fenro

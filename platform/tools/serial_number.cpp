@@ -6,7 +6,7 @@
 #include <nettle/sha2.h>
 #include <strings.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 #include "libfenro/ini_file.h"
 #include "libfenro/paths.h"
 
@@ -17,7 +17,7 @@ constexpr const char* SECTION = "System";
 constexpr const char* KEY = "Serial Number";
 constexpr const char* DMI_SERIAL = "/sys/class/dmi/id/product_serial";
 constexpr const char* MACHINE_ID = "/etc/machine-id";
-constexpr std::string_view PURPOSE = "fenro serial number\n";  // another program's hash of the id differs
+constexpr std::string_view PURPOSE = "fenro serial number\n";  // makes other programs' hashes of the id differ
 constexpr std::size_t DIGITS = 12;
 constexpr std::array<const char*, 8> PLACEHOLDERS{
     "None",    "Not Specified", "Not Applicable", "Default string", "System Serial Number", "To be filled by O.E.M.",
@@ -29,7 +29,7 @@ std::string trimmed(std::string_view text) {
   return std::string{text.substr(first, text.find_last_not_of(BLANKS) + 1 - first)};
 }
 
-// The first line of a file of the kernel's, whose stated size is not its real one, or of an ordinary one.
+// Returns the first line of a file. A kernel file's size is not its real one.
 std::string first_line(const char* path) {
   std::array<char, 256> line{};
   const File file{std::fopen(path, "re")};

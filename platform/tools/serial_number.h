@@ -6,14 +6,14 @@
 
 namespace fenro {
 
-// What a maker puts where no number was burnt in.
+// Placeholders that makers use instead of a real number.
 [[nodiscard]] bool is_placeholder(std::string_view number);
 
-// A number made from the machine's id: always the same on one host, and not telling the id itself.
+// Derives a number from the machine's id. It is stable on one host and does not reveal the id.
 [[nodiscard]] std::string number_from(std::string_view machine_id);
 
-// The configured number, else that of the mainboard's maker, else one made from the machine's id. Empty when a host
-// has none of them.
+// Returns the configured number, else the mainboard's, else one derived from the machine's id;
+// empty when the host has none.
 [[nodiscard]] std::string serial_number();
 
 }  // namespace fenro

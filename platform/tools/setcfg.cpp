@@ -1,5 +1,6 @@
-// setcfg SECTION KEY VALUE [-f FILE]: sets or creates one value of an INI file, in place and atomically, and keeps
-// every other line as it stands. An empty SECTION is the lines ahead of the first section.
+// setcfg SECTION KEY VALUE [-f FILE]: sets or creates one value of an INI file, in place and
+// atomically, and keeps every other line unchanged. An empty SECTION means the lines before the
+// first section.
 #include <cstdio>
 #include <tuple>
 

@@ -1,6 +1,6 @@
 // skarn_cli -x 13 -e: prints the public address of this host, as the cloud sees it.
 // skarn_cli -g ADDRESS: prints where an address is, {"result":{"latitude":…,"longitude":…,"country_code":…}}.
-// Nobody needs to be logged in for either.
+// Neither needs a login.
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -15,7 +15,7 @@ constexpr int USAGE = 2;
 
 using Words = std::vector<std::string_view>;
 
-// The object "result" of an answer, or null.
+// Returns the object "result" of an answer, or null.
 json_t* result_of(const fenro::CloudReply& reply) {
   json_t* const result = json_object_get(reply.root.get(), "result");
   return reply.good() && json_is_object(result) ? result : nullptr;

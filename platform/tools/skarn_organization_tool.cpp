@@ -1,5 +1,6 @@
-// skarn_organization_tool get_organization_site_list -o ORGANIZATION -a TOKEN: prints the sites of an organisation,
-// {"result":[{"organization_site_id":…}…]}, as the cloud lists them to whom the token belongs.
+// skarn_organization_tool get_organization_site_list -o ORGANIZATION -a TOKEN: prints the sites
+// of an organisation, {"result":[{"organization_site_id":…}…]}, as the cloud lists them for the
+// token's owner.
 #include <algorithm>
 #include <cstdio>
 #include <string>
@@ -22,7 +23,7 @@ int main(int argc, char** argv) {
     return USAGE;
   }
   const std::string token = arguments->option("-a", "");
-  // Every user of the host can read the arguments of a program for as long as they stand there.
+  // Every user of the host can read a program's arguments while they exist.
   for (int i = 1; i < argc; ++i) {
     if (token == argv[i]) std::fill_n(argv[i], token.size(), '*');
   }

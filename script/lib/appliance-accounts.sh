@@ -9,6 +9,7 @@ PEOPLE=(
 )
 OUR_GROUPS=(
   administrators:x:1900:admin
+  fenro-resolve:x:1901:
   admin:x:1000:
   guest:x:1001:
 )
@@ -29,9 +30,11 @@ write_accounts() {
     shadow+=("$user:${hash[row]}:$PASSWORD_AGE")
     write_private "var/lib/appliance/password.$user" "${passwords[row]}"
   done
-  printf '%s\n' "${passwd[@]}" >etc/passwd
   printf '%s\n' "${group[@]}" >etc/group
   write_private etc/shadow "${shadow[@]}"
+  # The last, whole or not at all: a kept state that has it is complete.
+  printf '%s\n' "${passwd[@]}" >etc/passwd.new
+  mv etc/passwd.new etc/passwd
 }
 
 # People of the host are no accounts in here; whatever their numbers, ours take them.

@@ -9,6 +9,7 @@ DAEMON_TABLE=(
   'fenro-jsond|@fenro-bus/vpncaas'
   'fenro-rated|@fenro-bus/RateServer'
   'pelmar-agentd|@fenro-bus/ormel_network_service @fenro-bus/pelmar_expressd'
+  'fenro-keeperd|@fenro-bus/KeeperService'
 )
 LOGS=/run/appliance/log
 SANITIZER_ENV=(
@@ -22,7 +23,11 @@ be_init() {
   local status=0
   [[ ! $SANITIZER_LOGS ]] || EXTRA_ENV+=("${SANITIZER_ENV[@]}")
   ulimit -c 0
+  ldconfig -X || die "the loader's cache could not be made" # as an installation does it: no search for our libraries
   [[ ! $CLOUD ]] || start_cloud
+  # Before the first program that may send anything.
+  [[ ! -x /etc/init.d/vpn_guard.sh ]] || /etc/init.d/vpn_guard.sh boot || die "the guard of the default gateway is not set"
+  keep_password_hashes
   start_daemons
   [[ ! $WEB ]] || start_web
   report_ready
@@ -30,6 +35,17 @@ be_init() {
   end_everything
   report_sanitizers || status=99
   exit "$status"
+}
+
+# What the packages' installation does once, and a first login of each user: PPTP and L2TP logins need a hash.
+keep_password_hashes() {
+  local user hook='password optional pam_fenro_password.so'
+  [[ -x /usr/sbin/fenro-password && ! -e /etc/config/smbpasswd ]] || return 0
+  printf '%s\n' "$hook" >>/etc/pam.d/common-password
+  for user in admin guest; do
+    env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" /usr/sbin/fenro-password "$user" <"/var/lib/appliance/password.$user" ||
+      die "no password hash of $user"
+  done
 }
 
 wanted() {
@@ -104,20 +120,27 @@ start_cloud() {
 
 cloud_listens() { (exec 3<>"/dev/tcp/$GATEWAY/443") 2>/dev/null; }
 
-# nginx gets to the program through fcgiwrap alone, on a socket that only its workers may use.
+# nginx gets to the programs through the gate and fcgiwrap alone, on sockets that only its workers' user may use.
 start_web() {
-  local user=www-data socket=/run/ormel-web/fcgi.sock
+  local user=www-data folder=/run/ormel-web as=()
   [[ -r /usr/share/ormel/web/nginx.conf ]] || die "the installed tree has no web server's configuration"
   ((IS_ROOT)) || user=root # an ordinary user's namespace has one account
+  # Only root can write a sanitizer's report.
+  ((!IS_ROOT)) || [[ $SANITIZER_LOGS ]] || as=(setpriv "--reuid=$user" "--regid=$user" --clear-groups --no-new-privs)
   mkdir -p /etc/fenro/web
-  install -d -m 0700 -o "$user" /run/ormel-web # closes the socket to all others: the programs want an ordinary umask
+  install -d -m 0700 -o "$user" "$folder" # closes the sockets to all others: the programs want an ordinary umask
   make_certificate /etc/fenro/web
   (
     umask 022
-    exec env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" setsid fcgiwrap -c 8 -s "unix:$socket" -p /usr/sbin/ormel.cgi -p /usr/lib/fenro/fenro-login.cgi
+    exec env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" setsid fcgiwrap -c 8 -s "unix:$folder/programs.sock" \
+      -p /usr/sbin/ormel.cgi -p /usr/lib/fenro/fenro-login.cgi -p /usr/lib/fenro/fenro-dump.cgi
   ) </dev/null >"$LOGS/fcgiwrap.log" 2>&1 &
-  wait_until $! listens "$socket" || die "fcgiwrap did not start: $(<"$LOGS/fcgiwrap.log")"
-  chown "$user" "$socket"
+  wait_until $! listens "$folder/programs.sock" || die "fcgiwrap did not start: $(<"$LOGS/fcgiwrap.log")"
+  chown "$user" "$folder/programs.sock"
+  setsid env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" "${as[@]}" /usr/lib/fenro/fenro-web-gate \
+    "$folder/programs.sock" "$folder/fcgi.sock" </dev/null >"$LOGS/fenro-web-gate.log" 2>&1 &
+  wait_until $! listens "$folder/fcgi.sock" || die "the gate did not start: $(<"$LOGS/fenro-web-gate.log")"
+  chown "$user" "$folder/fcgi.sock"
   # Its error log names the requests that failed, session ids and all.
   (umask 077 && nginx -c /usr/share/ormel/web/nginx.conf -g "user $user;" </dev/null >"$LOGS/nginx.log" 2>&1) ||
     die "nginx did not start: $(<"$LOGS/nginx.log")"

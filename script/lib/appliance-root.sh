@@ -16,6 +16,7 @@ HERE=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd -P)
 . "$HERE/appliance-init.sh"
 
 GATEWAY=192.168.77.254 # the far end of the cable
+NEEDED_MB=4            # beside the copy of /etc: settings, logs, the log database
 
 # What of the host's /etc stays outside: secrets, accounts, and what belongs to an ormel installed on the host.
 HIDDEN_ETC=(config fenro ormel openvpn wireguard ssh ssl/private sudoers sudoers.d subuid subgid
@@ -61,16 +62,20 @@ lay_etc_and_var() {
     mkdir -p "$STATE"/{etc,var}
     mount --bind "$STATE/etc" etc
     mount --bind "$STATE/var" var
+    (($(df --output=avail --block-size=1M etc | tail -n 1) >= NEEDED_MB)) ||
+      die "the disk of $STATE is full: an appliance needs $NEEDED_MB MB there"
   fi
   mkdir -p var/{cache,lib,local,log,mail,opt,spool,tmp}
   chmod 1777 var/tmp
   [[ -L var/run ]] || ln -s /run /run/lock var # "lock" and "run"
   if [[ ! -e etc/passwd ]]; then
-    tar -C / --create --ignore-failed-read --warning=no-failed-read "${HIDDEN_ETC[@]/#/--exclude=etc/}" etc |
-      tar --extract --no-same-owner
+    {
+      tar -C / --create --ignore-failed-read --warning=no-failed-read "${HIDDEN_ETC[@]/#/--exclude=etc/}" etc |
+        tar --extract --no-same-owner
+    } 2>run/appliance/etc.err || die "cannot copy /etc into the appliance: $(head -n 1 run/appliance/etc.err)"
     (umask 077 && mkdir -p etc/ppp/peers etc/ssl/private var/lib/appliance home/{admin,guest})
-    write_accounts
     write_host_files
+    write_accounts
   fi
 }
 

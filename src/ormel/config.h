@@ -1,6 +1,6 @@
 // The profile model: records, pool and the pattern that the drivers share.
 #pragma once
 
-#include "ormel/config_driver.h"
-#include "ormel/config_pool.h"
-#include "ormel/config_record.h"
+#include "ormel/config/driver.h"
+#include "ormel/config/pool.h"
+#include "ormel/config/record.h"

@@ -3,9 +3,10 @@
 #include <libgen.h>
 #include <string_view>
 
-#include "ormel/ormel.h"
-#include "ormel/ormel_cgi.h"
-#include "ormel/ovpn.h"
+#include "ormel/actions/actions.h"
+#include "ormel/actions/server_login.h"
+#include "ormel/drivers/openvpn/openvpn.h"
+#include "ormel/web/cgi_main.h"
 
 namespace {
 

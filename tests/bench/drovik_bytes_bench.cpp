@@ -10,7 +10,7 @@
 #include <benchmark/benchmark.h>
 
 #include "daemons/drovik/server.h"
-#include "ormel/drovik.h"
+#include "ormel/drivers/drovik/drovik.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "ormel/config_pool.h"
-#include "ormel/tunnel.h"
+#include "base/tunnel.h"
+#include "ormel/config/pool.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "ormel/ovpn.h"
+#include "ormel/drivers/openvpn/openvpn.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "ormel/ovpn.h"
+#include "ormel/drivers/openvpn/openvpn.h"
 #include "support/scratch_file.h"
 
 namespace {

@@ -23,7 +23,7 @@
 
 #include <fenro/mibservice.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 #include "libmibservice/mibserver.h"
 
 namespace ormel::test {

@@ -9,7 +9,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "ormel/handle.h"
+#include "ormel/base/handle.h"
 #include "support/appliance_host.h"
 
 namespace ormel::test::far {

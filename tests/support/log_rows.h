@@ -2,7 +2,7 @@
 #pragma once
 #include <cstring>
 
-#include "ormel/ormel_api_db_records.h"
+#include "base/log_db_records.h"
 #include "support/appliance_host.h"
 
 namespace ormel::test {

@@ -1,5 +1,5 @@
 // Unit tests leave no lines in the host's log.
-#include "ormel/system_log.h"
+#include "ormel/base/log.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "ormel/json.h"
+#include "ormel/base/json.h"
 #include "support/appliance_host.h"
 
 namespace ormel::test {

@@ -120,6 +120,32 @@ TEST_F(DrovikTunnel, ThrowsAClientOutWhichComesBack) {
   EXPECT_TRUE(comes_up());
 }
 
+TEST_F(DrovikTunnel, ADoctorHearsTheServerWithoutALogin) {
+  add_profile("guest", password, KEY);
+  const size_t refusals = logged(1), connects = logged(0);
+  const Result found = far::run({"/usr/sbin/ormelctl", "doctor", "office", "--json"});
+  EXPECT_EQ(found.status, 0) << found.out;
+  EXPECT_NE(found.out.find(R"("step":"server","result":"ok","text":"answers")"), std::string::npos) << found.out;
+  EXPECT_EQ(logged(1) + logged(0), refusals + connects);
+  run({SERVER, "stop"});
+  const Result dead = far::run({"/usr/sbin/ormelctl", "doctor", "office", "--json"});
+  EXPECT_EQ(dead.status, 1);
+  EXPECT_NE(dead.out.find(R"("step":"server","result":"fail")"), std::string::npos) << dead.out;
+}
+
+TEST_F(DrovikTunnel, KeepsAUserOutForATime) {
+  connect("guest", password);
+  ASSERT_TRUE(comes_up());
+  const size_t refusals = logged(1);
+  const Result ended = run({"/usr/sbin/ormelctl", "kick", "drovik/" + identifier(), "--for", "1h", "--yes"});
+  EXPECT_EQ(ended.status, 0) << ended.err;
+  EXPECT_TRUE(comes_true([&] { return logged(1) > refusals; }, PATIENCE)) << "its next login is refused";
+  EXPECT_EQ(read(ONLINE), "");
+  EXPECT_EQ(run({"/usr/sbin/ormelctl", "hold", "lift", "guest"}).status, 0);
+  far::run({CLIENT, "connect", "1"});
+  EXPECT_TRUE(comes_up());
+}
+
 class DrovikAdmission : public DrovikTunnel {};
 
 TEST_F(DrovikAdmission, RefusesWhoMayNotEnter) {
@@ -182,6 +208,35 @@ TEST_F(DrovikAdmission, StandsThroughGarbage) {
   EXPECT_TRUE(comes_true([] { return bus("MorviServer", "bytes_info") == R"({"error":0,"data":[]})"; }, PATIENCE));
   connect("guest", password);
   EXPECT_TRUE(comes_up());
+}
+
+// A thousand first datagrams a second from over there, while a user logs in again and again.
+class DrovikFlood : public DrovikTunnel {
+ protected:
+  static int good_logins(int senders) {
+    far::run({"/bin/bash", "-c", "for i in $(seq 0 255); do ip address add 10.66.0.$i/23 dev eth0 2>/dev/null; done"},
+             {"PATH=/usr/sbin:/usr/bin"});
+    run({"/sbin/ip", "route", "replace", "10.66.0.0/23", "dev", "eth0"});
+    const std::string flood = std::string("setsid ") + DROVIK_FLOOD + ' ' + far::NEAR_ADDRESS + ' ' + PORT +
+                              " 10.66.0.0 " + std::to_string(senders) + " 1000 200 </dev/null >/dev/null 2>&1 &";
+    far::run({"/bin/sh", "-c", flood}, {"PATH=/usr/bin"});
+    int good = 0;
+    for (int i = 0; i < 10; ++i) {
+      far::run({CLIENT, "connect", "1"});
+      if (comes_true([] { return local_ip() == "10.6.0.2"; }, 15)) ++good;
+      far::run({CLIENT, "disconnect", "1"});
+    }
+    EXPECT_EQ(far::run({"/usr/bin/pkill", "drovik_flood"}).status, 0) << "it went on to the end";
+    return good;
+  }
+};
+
+TEST_F(DrovikFlood, LeavesGoodLoginsAlone) {
+  connect("guest", password);
+  ASSERT_TRUE(comes_up()) << "once, so that the address is known";
+  far::run({CLIENT, "disconnect", "1"});
+  EXPECT_EQ(good_logins(1), 10);
+  EXPECT_GE(good_logins(256), 9);
 }
 
 }  // namespace

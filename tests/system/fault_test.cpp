@@ -51,6 +51,73 @@ TEST_F(ScriptFault, WorksWithoutTheNotificationTool) {
   EXPECT_EQ(cli(ADD).status, 0);
 }
 
+class HostileLocks : public ProfileHost {
+ protected:
+  // What any user can put in the place of the log's lock: a folder for all is there.
+  static constexpr const char* LOCK = "/run/lock/ormel_log.lck";
+  static void put(const char* kind) {
+    fs::permissions("/run/lock", fs::perms::all | fs::perms::sticky_bit);
+    fs::remove(LOCK);
+    run({"/usr/bin/setpriv", "--reuid=65534", "--clear-groups", "/bin/sh", "-c", std::string(kind) + ' ' + LOCK});
+    ASSERT_TRUE(fs::is_symlink(LOCK) || fs::exists(LOCK));
+  }
+  void TearDown() override { fs::remove(LOCK); }
+};
+
+TEST_F(HostileLocks, AreToldOfAndKeepNobodyWaiting) {
+  for (const char* kind : {"mkfifo -m 666", "touch", "ln -s /etc/passwd", "mkdir"}) {
+    SCOPED_TRACE(kind);
+    put(kind);
+    fs::remove(LOG);
+    EXPECT_EQ(run({"/usr/bin/timeout", "20", "/usr/sbin/ormel", "-TPPTP", "-S7"}).status, 30);
+    const std::string log = read(LOG);
+    EXPECT_THAT(log, HasSubstr("/ormel_log.lck is not the log's lock file: user 65534 put it there. Remove it.\n"));
+    EXPECT_THAT(log, HasSubstr("[ERROR]"));
+    EXPECT_EQ(log.find("is not the log's"), log.rfind("is not the log's"));
+  }
+}
+
+using ThreeWaySave = ProfileHost;
+
+TEST_F(ThreeWaySave, AModifyLosesNothingThatTheHooksOfAnotherProfileWrite) {
+  constexpr const char* HOOKS =
+      "set -e; conf=/etc/config/vpn.conf; i=0; while [ $i -lt 500 ]; do i=$((i + 1)); for key in LocalIP RemoteIP; do "
+      "setcfg PPTP_CLIENT2 $key $i -f $conf; done; for key in LocalIP RemoteIP; do "
+      "[ \"$(getcfg PPTP_CLIENT2 $key -f $conf)\" = $i ]; done; done";
+  for (int i = 0; i < 2; ++i) ASSERT_EQ(cli(ADD).status, 0);
+  const pid_t hooks = fork();
+  if (hooks == 0) {
+    execl("/bin/sh", "sh", "-c", HOOKS, nullptr);
+    _exit(1);
+  }
+  int rounds = 0;
+  int status = -1;
+  for (bool running = true; running; ++rounds) {
+    running = waitpid(hooks, &status, WNOHANG) == 0;
+    ASSERT_EQ(cli({"-TPPTP", "-M1", "--user=u" + std::to_string(rounds)}).status, 0);
+  }
+  EXPECT_EQ(status, 0) << "what a hook wrote was not there when it looked";
+  EXPECT_EQ(conf_value("PPTP_CLIENT2", "LocalIP"), "500") << "after " << rounds << " changes";
+  EXPECT_EQ(conf_value("PPTP_CLIENT1", "Name"), "u" + std::to_string(rounds - 1));
+}
+
+using ReadOnlyConfig = ProfileHost;
+
+TEST_F(ReadOnlyConfig, IsToldWithEveryAnswerUntilASaveGoesWell) {
+  ASSERT_EQ(cli(ADD).status, 0);
+  const auto answer = [] { return run({"/usr/sbin/ormel.cgi"}, {"REQUEST_URI=/ormel/misc/env"}).out; };
+  const auto change = [](const char* user) { return cli({"-TPPTP", "-M1", std::string("--user=") + user}).status; };
+  const std::string before = answer();
+  ASSERT_EQ(mount("/etc/config", "/etc/config", nullptr, MS_BIND, nullptr), 0);
+  ASSERT_EQ(mount(nullptr, "/etc/config", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+  EXPECT_EQ(change("new"), 0) << "a save that fails is only in its own result";
+  EXPECT_THAT(read("/run/fenro/settings_fault"), StartsWith("/etc/config/vpn.conf\nRead-only file system\n"));
+  EXPECT_EQ(answer().find("X-Ormel-Settings: unsaved\r\n"), before.find("\r\n\r\n") + 2);
+  ASSERT_EQ(umount2("/etc/config", MNT_DETACH), 0);
+  EXPECT_EQ(change("new"), 0);
+  EXPECT_EQ(answer(), before);
+}
+
 class FileFault : public ProfileHost {
  protected:
   // A change of one profile under strace. The leak check of an instrumented program cannot work there.
@@ -70,7 +137,9 @@ class FileFault : public ProfileHost {
     for (std::string line; std::getline(in, line);) {
       const std::string call = line.substr(0, line.find('('));
       const int when = ++count[call];
-      if (calls.empty() && line.find("/etc/config/vpn.conf.") == std::string::npos) continue;
+      if (calls.empty() && line.find("/etc/config\", O_RDWR|O_CLOEXEC|O_TMPFILE") == std::string::npos &&
+          line.find("/etc/config/vpn.conf.tmp-") == std::string::npos)
+        continue;
       calls.emplace_back(call, when);
       if (call.starts_with("rename")) end = calls.size() + 6;
     }

@@ -30,8 +30,10 @@ class L2tpScript : public testing::Test {
     write("/usr/sbin/pppd", PPPD, 0755);
     far::write("/usr/sbin/pppd", PPPD, 0755);
     write(VPN_CONF, std::string("[L2TP]\nEnable = TRUE\nPSK = ") + PSK + "\n");
-    far::write(VPN_CONF, std::string("[L2TP_CLIENT3]\nIndex = 3\nDomain IP = 192.168.77.1\nPSK = ") + PSK +
-                             "\nName = bob\nAccessCode = c2VjcmV0\n");
+    far::write(
+        VPN_CONF,
+        std::string("[L2TP_CLIENT3]\nIndex = 3\nServer Address = 192.168.77.1\nDomain IP = 192.168.77.1\nPSK = ") +
+            PSK + "\nName = bob\nAccessCode = c2VjcmV0\n");
     started_server = run({SERVER, "start"});
     started_client = far::run({CLIENT, "start", "3"});
   }
@@ -50,6 +52,9 @@ TEST_F(L2tpScript, TheIkeDaemonsAgreeOnTheKeyAndOnNothingElse) {
     EXPECT_THAT(started_server.err, HasSubstr("this kernel has no "));
     ASSERT_EQ(run(functions("ipsec_write l2tpserver \"$(cat)\" %any 1701 '' none && ipsec_load"), {}, PSK).status, 0);
   }
+  far::run({"/bin/rm", "-f", "/run/fenro/reasons/L2TP_CLIENT3"});  // that this kernel lacks something
+  EXPECT_THAT(far::run({"/usr/sbin/ormelctl", "doctor", "l2tp/3", "--json"}).out,
+              HasSubstr(R"("step":"server","result":"ok","text":"answers")"));
   const auto establishes = [](const std::string& key, const std::string& seconds) {
     const Result loaded =
         far::run(functions("ipsec_write l2tpclient3 \"$(cat)\" 192.168.77.1 11703 1701 trap && ipsec_load"), {}, key);
@@ -59,7 +64,10 @@ TEST_F(L2tpScript, TheIkeDaemonsAgreeOnTheKeyAndOnNothingElse) {
   };
   EXPECT_FALSE(establishes("another key", "6"));
   far::run(functions("ike_command --terminate --ike l2tpclient3 --force"));
+  EXPECT_THAT(far::run(functions("ike_failure l2tpclient3 8")).out, StartsWith("psk-wrong "));
+  far::run(functions("ike_command --terminate --ike l2tpclient3 --force"));
   EXPECT_TRUE(establishes(PSK, "50"));
+  EXPECT_EQ(far::run(functions("ike_failure l2tpclient3 8")).out, "") << "there is a connection";
   EXPECT_EQ(run({"/usr/bin/stat", "-c%a", "/run/fenro/ipsec/l2tpserver.conf"}).out, "600\n");
   EXPECT_EQ(far::showing(PSK), "");
 }

@@ -175,4 +175,19 @@ TEST_F(WebLogin, TheToolKeepsTheSessions) {
   EXPECT_EQ(shell(std::string{"setpriv --reuid 1001 --clear-groups "} + TOOL + "list").status, 3);
 }
 
+TEST_F(WebLogin, EndsTheSessionsOfAnAccountThatIsLockedOrExpiredOrGone) {
+  ASSERT_EQ(shell("useradd --no-create-home mallory && echo mallory:secret | chpasswd").status, 0);
+  for (const char* change : {"usermod -L mallory", "usermod -e 1970-01-02 mallory", "userdel mallory"}) {
+    const std::string sid = shell(TOOL + std::string{"create mallory"}).out.substr(0, 8), file = SESSIONS + sid;
+    const auto answer = [&] {
+      shell("touch -d '-2 minutes' " + file);  // as if it had not been used since
+      return curl("https://localhost" + std::string{SHOW}, "-d type=256 -d sid=" + sid).body;
+    };
+    EXPECT_THAT(answer(), HasSubstr(R"("error":0)")) << change;
+    EXPECT_EQ(shell(change).status, 0) << change;
+    EXPECT_EQ(answer(), NO_SESSION) << change;
+    shell("usermod -U mallory; usermod -e '' mallory");
+  }
+}
+
 }  // namespace

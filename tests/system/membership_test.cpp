@@ -2,8 +2,8 @@
 // appliance: --web --cloud @CLOUD@
 #include <gmock/gmock.h>
 
-#include "ormel/pelmar_agent.h"
-#include "ormel/pelmar_supernode.h"
+#include "ormel/membership/agent.h"
+#include "ormel/membership/supernode.h"
 #include "support/cloud_host.h"
 
 using namespace ormel::test;
@@ -27,6 +27,10 @@ class Membership : public CloudHost {
     write(CLOUD_TOKEN, R"({"access_token":")" + token + "\"}");
   }
 };
+
+// Suites of their own, so that they run side by side.
+class MembershipFault : public Membership {};
+class MembershipRequest : public Membership {};
 
 bool is_private(const char* file) {
   return fs::status(file).permissions() == (fs::perms::owner_read | fs::perms::owner_write);
@@ -195,7 +199,7 @@ TEST_F(Membership, JoinsDespiteGroupsThatCannotBeRead) {
   EXPECT_THAT(log(), HasSubstr("Failed to resolve auto region, continuing"));
 }
 
-TEST_F(Membership, TrustsNoCloudThatCannotProveItself) {
+TEST_F(MembershipFault, TrustsNoCloudThatCannotProveItself) {
   login();
   for (const char* certificate : {"other", "expired", "self"}) {
     start_cloud(certificate);
@@ -213,7 +217,7 @@ TEST_F(Membership, TrustsNoCloudThatCannotProveItself) {
   EXPECT_EQ(pelmar("organization_list").status, 0);
 }
 
-TEST_F(Membership, IsNotHurtByWhatACloudAnswers) {
+TEST_F(MembershipFault, IsNotHurtByWhatACloudAnswers) {
   login();
   const std::string list = "GET /v1.2/organization";
   const std::string deep(20000, '[');
@@ -246,7 +250,7 @@ TEST_F(Membership, IsNotHurtByWhatACloudAnswers) {
   }
 }
 
-TEST_F(Membership, KeepsALoginOnlyOnceItCanBeShown) {
+TEST_F(MembershipFault, KeepsALoginOnlyOnceItCanBeShown) {
   for (const std::string& result : {std::string(), std::string(10001, 'x')}) {
     const WebReply reply = login(result);
     EXPECT_EQ(reply.head + reply.body, "Content-Type: text/html");
@@ -262,7 +266,7 @@ TEST_F(Membership, KeepsALoginOnlyOnceItCanBeShown) {
   EXPECT_EQ(cgi("/ormel/oauth_login", guest + "&result=x").body, refusal(39, "session invalid"));
 }
 
-TEST_F(Membership, RenewsALoginThatHasRunOut) {
+TEST_F(MembershipFault, RenewsALoginThatHasRunOut) {
   fs::create_directories(MEMBER_STATE);
   const auto keep = [](const char* refresh_token) {
     write(CLOUD_TOKEN, std::string(R"({"access_token":"old","expires":1,"refresh_token":")") + refresh_token + "\"}");
@@ -274,7 +278,7 @@ TEST_F(Membership, RenewsALoginThatHasRunOut) {
   EXPECT_THAT(read(CLOUD_TOKEN), AllOf(HasSubstr("cloud-token"), HasSubstr("refresh-token")));
 }
 
-TEST_F(Membership, LetsEverybodyLeave) {
+TEST_F(MembershipFault, LetsEverybodyLeave) {
   for (const char* file : {"/var/lib/fenro/pelmar/cloudagent.on", "/var/lib/fenro/pelmar/express.on", AGENT_CONF}) {
     fs::create_directories(file);  // which no script can remove
   }
@@ -291,7 +295,7 @@ TEST_F(Membership, LetsEverybodyLeave) {
   EXPECT_EQ(account("tamid_token_status"), "already_join_pelmar");
 }
 
-TEST_F(Membership, ChecksAnAddressInAllPlaces) {
+TEST_F(MembershipRequest, ChecksAnAddressInAllPlaces) {
   login();
   set_value(PELMAR_CONF, "Join Pelmar", "PELMAR_ORG_ID", "org-1");
   write(VPN_CONF,
@@ -319,7 +323,7 @@ TEST_F(Membership, ChecksAnAddressInAllPlaces) {
   EXPECT_EQ(pelmar("check_virtual_ip", "&ip=10.9.9.9").status, 88);
 }
 
-TEST_F(Membership, KeepsTheAddressThatNoAgentHasTakenUp) {
+TEST_F(MembershipRequest, KeepsTheAddressThatNoAgentHasTakenUp) {
   const std::string change = "&ip=10.99.0.8";
   EXPECT_EQ(pelmar("modify_virtual_ip", change).status, 60) << "no address to change";
   set_value(PELMAR_CONF, "Join Pelmar", "virtual_ip", "10.99.0.7");
@@ -329,7 +333,7 @@ TEST_F(Membership, KeepsTheAddressThatNoAgentHasTakenUp) {
   EXPECT_EQ(joined("virtual_ip"), "10.99.0.8");
 }
 
-TEST_F(Membership, ShowsItsStatus) {
+TEST_F(MembershipRequest, ShowsItsStatus) {
   EXPECT_EQ(pelmar("get_pelmar_status").body, refusal(7, "not a regular file"));
   set_value(PELMAR_CONF, "Join Pelmar", "PELMAR_ORG_ID", "org-1");
   const std::string bare = pelmar("get_pelmar_status").body;
@@ -364,7 +368,7 @@ TEST_F(Membership, ShowsItsStatus) {
   EXPECT_EQ(pelmar("supernode_recent_billing_daily_traffic").status, 49) << "no array";
 }
 
-TEST_F(Membership, SendsTokensOfAnySizeAndNoLineEndInThem) {
+TEST_F(MembershipRequest, SendsTokensOfAnySizeAndNoLineEndInThem) {
   const std::string token(65536, 't');
   keep_token(token);
   EXPECT_EQ(pelmar("organization_list").status, 51) << "the cloud does not know it";
@@ -376,7 +380,7 @@ TEST_F(Membership, SendsTokensOfAnySizeAndNoLineEndInThem) {
 }
 
 // What anybody may send to the daemon: each is answered, and none does harm.
-TEST_F(Membership, RefusesWhatIsNoRequest) {
+TEST_F(MembershipRequest, RefusesWhatIsNoRequest) {
   const std::string deep(60000, '[');
   for (const std::string& body : {std::string("null"), std::string("{\"orgId\":7}"), deep, std::string(1000000, 'x'),
                                   std::string("{\"mqtt_status\":\"true\",\"vpn_status\":1}"), std::string("\0{", 2)}) {
@@ -389,7 +393,7 @@ TEST_F(Membership, RefusesWhatIsNoRequest) {
   }
 }
 
-TEST_F(Membership, GivesTheAgentsWhatTheTestSiteNeeds) {
+TEST_F(MembershipRequest, GivesTheAgentsWhatTheTestSiteNeeds) {
   using namespace ormel::pelmar;
   const std::string link = AGENT_LINK;
   const std::string lines = "MQTT_URL=\"tcp://sy-test." ORMEL_CLOUD_DOMAIN
@@ -409,7 +413,7 @@ TEST_F(Membership, GivesTheAgentsWhatTheTestSiteNeeds) {
   EXPECT_EQ(set_site_use_by_cloudagent(), 60);
 }
 
-TEST_F(Membership, StoresTheRecordOfASuperNode) {
+TEST_F(MembershipRequest, StoresTheRecordOfASuperNode) {
   const std::string record = R"({"data":{"superNodeId":"i\"","remoteIP":"1","remoteTunnelIP":"2","remoteSubnet":"",)"
                              R"("remotePublicKey":"k","localTunnelIP":"3"}})";
   fs::remove_all("/var/run/cms_config");
@@ -466,7 +470,7 @@ TEST_F(MembershipPrecheck, ForgetsALoginThatNoJoinCameOf) {
   EXPECT_THAT(log(), HasSubstr("Failed to remove /etc/config/ormel/tamid.conf: No such file or directory\n"));
 }
 
-TEST_F(Membership, RefusesParametersByTheirRules) {
+TEST_F(MembershipRequest, RefusesParametersByTheirRules) {
   const std::tuple<const char*, std::string, int> rows[] = {
       {"region_list", "", 36},
       {"region_list", "&orgID=", 36},
@@ -483,7 +487,7 @@ TEST_F(Membership, RefusesParametersByTheirRules) {
   EXPECT_EQ(pelmar("feature_tour/show").body, R"({"data":{"feature_intro":false,"feature_tip":true},"error":0})");
 }
 
-TEST_F(Membership, ShowsPagesOfItsEvents) {
+TEST_F(MembershipRequest, ShowsPagesOfItsEvents) {
   const std::pair<const char*, const char*> rows[] = {{"", R"("limit":100,"offset":0)"},
                                                       {"&limit=5000&offset=-3", R"("limit":1000,"offset":0)"},
                                                       {"&limit=0&offset=7", R"("limit":1,"offset":7)"},

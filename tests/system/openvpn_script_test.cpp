@@ -1,6 +1,6 @@
 // Foreign OpenVPN profiles: judged by the real checker, imported both ways, and kept from doing harm when they run.
 
-#include "ormel/handle.h"
+#include "ormel/base/handle.h"
 #include "support/web_request.h"
 
 using namespace ormel::test;
@@ -90,6 +90,36 @@ TEST_F(OpenVpnProfile, IsRefusedWhenTheDaemonCanNotTakeIt) {
     EXPECT_THAT(file.path().string(), Not(HasSubstr("verify-ovpn")));
 }
 
+TEST_F(OpenVpnProfile, IsRefusedWithTheCauseInWords) {
+  run({"/bin/sh", "-c",
+       "cd /tmp; openssl req -newkey rsa:2048 -nodes -subj /CN=c -keyout weak.key -out weak.csr;"
+       "openssl x509 -req -sha1 -in weak.csr -CA own.crt -CAkey own.key -CAcreateserial -days 9 -out weak.crt;"
+       "openssl req -x509 -newkey rsa:512 -nodes -subj /CN=c -keyout short.key -out short.crt"},
+      {"PATH=/usr/bin:/bin"});
+  const struct {
+    const char *ca, *certificate, *key, *cause;
+  } rows[] = {
+      {"own.crt", "weak.crt", "weak.key", "signed with a digest that is too weak"},
+      {"own.crt", "short.crt", "short.key", "the key of a certificate is too short"},
+      {"own.crt", "own.crt", "other.key", "the key is not that of the certificate"},
+      {"own.crt", "weak.csr", "weak.key", "not in PEM format: CERTIFICATE"},
+      {"own.key", "own.crt", "own.key", "Cannot load CA certificate"},
+  };
+  write(UPLOAD, "client\ndev tun\nremote 127.0.0.1 9\nca ca.crt\ncert client.crt\nkey client.key\n");
+  for (const auto& row : rows) {
+    const std::string files =
+        std::string("--ca /tmp/") + row.ca + " --cert /tmp/" + row.certificate + " --key /tmp/" + row.key + ' ';
+    EXPECT_THAT(run({VERIFY, UPLOAD, files}).err, HasSubstr(row.cause)) << files;
+    const auto upload = [](const char* name, const char* file) {
+      return part(name, read(std::string("/tmp/") + file), file);
+    };
+    const std::string body = part("ovpn", read(UPLOAD), "p.ovpn") + upload("ca", row.ca) +
+                             upload("cert", row.certificate) + upload("key", row.key) + "--edge--\r\n";
+    EXPECT_THAT(cgi("/ormel/config/report", admin, {MULTIPART, "CONTENT_LENGTH=1"}, body).body, HasSubstr(row.cause))
+        << files;
+  }
+}
+
 TEST_F(OpenVpnProfile, ComesWithKeyFilesThatAreNamedPlainly) {
   const std::string names = "ca ca.crt\ncert client.crt\nkey client.key\n";
   const std::string text = "client\ndev tun\nremote 127.0.0.1 9\n" + names;
@@ -156,6 +186,137 @@ TEST_F(OpenVpnProfile, RunsWithoutTheScriptsAndFilesOfOthers) {
   EXPECT_EQ(run({CLIENT, "stop", "1"}).status, 0);
   EXPECT_EQ(run({"/usr/bin/pgrep", "-f", "openvpnclient"}).status, 1);
   EXPECT_FALSE(fs::exists(MARK));
+}
+
+// Profiles made to have the daemon load, run, read or write something. They lie where an earlier version has stored
+// them, or come as uploads; the plugin lies where root's own libraries do.
+class HostileProfile : public OpenVpnProfile {
+ protected:
+  void SetUp() override {
+    OpenVpnProfile::SetUp();
+    for (const char* place : {"/usr/lib/canary.so", "/tmp/canary.so"})
+      fs::copy_file(ORMEL_CANARY, place, fs::copy_options::overwrite_existing);
+  }
+  // What the daemon has read: its copy is in a view of the file system that only it has.
+  static std::string copy() {
+    std::string pid = run({"/usr/bin/pgrep", "-f", "^/usr/lib/fenro/openvpnclient"}).out;
+    return read("/proc/" + pid.substr(0, pid.find('\n')) + "/root/run/fenro/openvpn-client1/profile");
+  }
+  // Events of the start script; those of the program come when they may.
+  static std::vector<std::string> events() {
+    std::vector<std::string> found = recorded("notify");
+    std::erase_if(found, [](const std::string& event) { return event.find("|9001|") == std::string::npos; });
+    return found;
+  }
+  // With the lines at the beginning, so that the first of them is line 1.
+  static void goes_through_all(const std::string& lines) {
+    std::ignore = verify(lines + profile());
+    std::ignore = import_profile(lines + profile());
+    cli({"--type=OVPN", "--remove=1"});
+    EXPECT_FALSE(fs::exists(MARK)) << "by check or import";
+    ASSERT_EQ(import_profile(profile()).status, 0);
+    write(STORED, lines + read(STORED));
+  }
+  void TearDown() override {
+    cli({"--type=OVPN", "--remove=1"});
+    OpenVpnProfile::TearDown();
+  }
+};
+
+struct HostileLines {
+  std::string lines;
+  std::string told;  // of the first
+};
+
+TEST_F(HostileProfile, DoesNotRunAndTheAnswerNamesTheLine) {
+  const HostileLines rows[] = {
+      {"plugin openvpn-plugin-down-root.so /bin/sh -c \"/tmp/trap\"\n",
+       "line 1: must not run on this appliance, for its line: plugin"},
+      {"plugin /usr/lib/canary.so\n", "for its line: plugin"},
+      {"--plugin /usr/lib/canary.so\n", "for its line: plugin"},
+      {"\"plugin\"/usr/lib/canary.so\n", "for its line: plugin"},
+      {"\xEF\xBB\xBFplugin /usr/lib/canary.so\n", "for its line: plugin"},
+      {"setenv opt plugin /usr/lib/canary.so\n", "for its line: plugin"},
+      {"setenv opt\vplugin /usr/lib/canary.so\n", "line 1: a control byte"},
+      {"setenv opt\fplugin /usr/lib/canary.so\n", "line 1: a control byte"},
+      {"setenv opt\vdown \"/bin/sh -c /tmp/trap\"\n", "line 1: a control byte"},
+      {"setenv opt\fdown \"/bin/sh -c /tmp/trap\"\n", "line 1: a control byte"},
+      {"setenv opt\rplugin /usr/lib/canary.so\n", "line 1: a control byte"},
+      {"mute 1\rplugin /usr/lib/canary.so\n", "line 1: a control byte"},
+      {"ignore-unknown-option <foo </foo\n<foo bar>\nplugin /usr/lib/canary.so\n</foo bar>\n", "line 2: a name that"},
+      {"<ca>\n<ca>\n</ca>\nplugin /usr/lib/canary.so\n", "line 2: a \"<\" within a block"},
+      {"<ca>\n", "within a block"},
+      {"mute 1" + std::string(250, ' ') + "plugin /usr/lib/canary.so\n", "line 1: a line that is too long"},
+      {"mute \"1\n", "line 1: a quotation without an end"},
+      {"mute a\\b\n", "line 1: a backslash before a plain byte"},
+      {"http-proxy-user-pass /etc/shadow\n", "for its line: http-proxy-user-pass"},
+  };
+  for (const HostileLines& row : rows) {
+    SCOPED_TRACE(row.lines);
+    goes_through_all(row.lines);
+    const Result started = run({CLIENT, "start", "1"});
+    EXPECT_EQ(started.status, 1);
+    EXPECT_THAT(started.err, HasSubstr(row.told));
+    EXPECT_FALSE(fs::exists(MARK));
+    cli({"--type=OVPN", "--remove=1"});
+  }
+}
+
+TEST_F(HostileProfile, RunsWithoutItsLineAndAnEventNamesItOnce) {
+  if (const ormel::Fd device{open("/dev/net/tun", O_RDWR | O_CLOEXEC)}; !device)
+    GTEST_SKIP() << "no OpenVPN without the TUN device /dev/net/tun";
+  const std::vector<std::string> lines{"up /tmp/trap",
+                                       "setenv opt down /tmp/trap",
+                                       "route-up /tmp/trap",
+                                       "tls-verify /tmp/trap",
+                                       "ipchange /tmp/trap",
+                                       "status /tmp/mark",
+                                       "log-append /tmp/mark",
+                                       "writepid /tmp/mark",
+                                       "management 127.0.0.1 7999",
+                                       "user nobody",
+                                       "ca /etc/shadow",
+                                       "askpass /etc/shadow",
+                                       "auth-user-pass /etc/shadow",
+                                       "crl-verify /etc/shadow",
+                                       "cd /tmp",
+                                       "tmp-dir /tmp",
+                                       "memstats /tmp/mark",
+                                       "setenv-safe A b",
+                                       "setenv A b",
+                                       "no-such-option /tmp/trap"};
+  std::string text;
+  for (const std::string& line : lines) text += line + '\n';
+  goes_through_all(text);
+  ASSERT_EQ(run({CLIENT, "start", "1"}).status, 0);
+  const std::string given = copy();
+  EXPECT_THAT(given, HasSubstr("plugin /usr/lib/vpn_ext.so 1\n"));
+  ASSERT_EQ(run({CLIENT, "start", "1"}).status, 0);
+  ASSERT_EQ(events().size(), 1U) << "once for one content";
+  EXPECT_THAT(events()[0], Not(AnyOf(HasSubstr("/tmp/"), HasSubstr("/etc/"))));
+  for (size_t at = 0; at < lines.size(); ++at) {
+    const std::string option = lines[at].starts_with("setenv opt ") ? lines[at].substr(11) : lines[at];
+    EXPECT_THAT(given, Not(HasSubstr('\n' + option))) << option;
+    EXPECT_THAT(events()[0], HasSubstr("line " + std::to_string(at + 1) + ": " + option.substr(0, option.find(' '))));
+  }
+  run({CLIENT, "stop", "1"});
+  EXPECT_FALSE(fs::exists(MARK));
+}
+
+// Even a line that got through could not do much.
+TEST_F(HostileProfile, ADaemonCanNotChangeTheSystem) {
+  constexpr const char* JAIL =
+      ". /usr/lib/fenro/vpn_lib.sh; . /usr/lib/fenro/ovpn_lib.sh; ovpn_jail \"$0\" sh -c \"$1\"";
+  for (const char* place : {"", "/run/fenro/place"}) {
+    for (const char* path : {"/usr/lib/mark", "/usr/sbin/mark", "/etc/mark"})
+      EXPECT_NE(run({"/bin/sh", "-c", JAIL, place, std::string("echo >") + path}).status, 0) << path;
+  }
+  for (const char* path : {"/mark", "/etc/config/mark", "/root/mark", "/run/mark", "/var/lib/mark", "/var/tmp/mark"})
+    EXPECT_NE(run({"/bin/sh", "-c", JAIL, "", std::string("echo >") + path}).status, 0) << path;
+  EXPECT_EQ(run({"/bin/sh", "-c", JAIL, "", "echo >/tmp/mark"}).err, "");
+  EXPECT_FALSE(fs::exists(MARK)) << "its /tmp is its own";
+  EXPECT_EQ(run({"/bin/sh", "-c", JAIL, "/run/fenro/place", "echo >/etc/config/jail && rm /etc/config/jail"}).err, "")
+      << "the hooks write settings";
 }
 
 // The hooks get what a stranger said about himself.

@@ -1,6 +1,8 @@
 // An OpenVPN server on one appliance and a client of it on another, all by the web interfaces, with the real daemons.
 // appliance: --pair --web
 
+#include "ormel/drivers/openvpn/openvpn.h"
+
 #include <jansson.h>
 
 #include "support/far_appliance.h"
@@ -69,9 +71,17 @@ class OpenVpnTunnel : public testing::Test {
     words.insert(words.end(), options.begin(), options.end());
     return far::run(words).out;
   }
-  void import_profile() const {
-    const std::string profile = https("/ormel/config/download?sid=" + near).body;
-    ASSERT_THAT(profile, HasSubstr("\nremote 192.168.77.1 1194\n"));
+  // `remotes` in place of the profile's own one.
+  void import_profile(const std::string& remotes = {}) const {
+    constexpr std::string_view OWN = "\nremote 192.168.77.1 1194\n";
+    std::string profile = https("/ormel/config/download?sid=" + near).body;
+    if (remotes.empty()) {
+      ASSERT_THAT(profile, HasSubstr(OWN));
+    } else {
+      const size_t own = profile.find("\nremote ");
+      ASSERT_NE(own, std::string::npos) << profile;
+      profile.replace(own, profile.find('\n', own + 1) + 1 - own, remotes);
+    }
     far::write("/tmp/office.ovpn", profile);
     far::write("/tmp/password", encoded(password));
     EXPECT_THAT(
@@ -106,6 +116,149 @@ class OpenVpnTunnel : public testing::Test {
   std::string password;
 };
 
+// What leaves the far appliance for an address outside is counted at its cable while it sends without a pause: by any
+// socket, and by one that is bound to its own address. The guard holds from before the tunnel is dialled. The server is
+// far away: packets for it would go into a tunnel that is the gateway.
+class OpenVpnGuard : public OpenVpnTunnel {
+ protected:
+  void SetUp() override {
+    OpenVpnTunnel::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
+    far::cli({"--type=OVPN", "--remove=1"});
+    far_shell("cp /etc/hosts /tmp/hosts; ping -c1 -w9 192.168.77.254");
+    ASSERT_EQ(run({"/bin/sh", "-c", "ip address add 198.51.100.1/32 dev lo"}).status, 0);
+    moves_to("203.0.113.1");
+  }
+  void TearDown() override {
+    if (IsSkipped()) return;
+    EXPECT_THAT(far_web("/ormel/guard/set", "&mode=off"), DONE);
+    EXPECT_THAT(far_web("/ormel/gateway/set", "&as_gw_en=0"), OK);
+    EXPECT_TRUE(comes_true([&] { return left() != "0\n"; })) << "the counter sees what leaves";
+    far_shell(
+        "rm /tmp/flood; cat /tmp/hosts >/etc/hosts; rm /etc/config/ormel/guard.conf;"
+        "nsenter --net=/run/netns/lan /usr/sbin/nft delete table netdev outside");
+    moves_to("");
+    run({"/bin/sh", "-c", "ip address del 198.51.100.1/32 dev lo"});
+    OpenVpnTunnel::TearDown();
+  }
+  static Result far_shell(const std::string& script) { return far::run({"/bin/bash", "-c", script}); }
+  static bool comes_to(const std::string& state) {
+    return comes_true(
+        [&] { return far_shell("ormelctl guard --json").out.find("\"state\":\"" + state) != std::string::npos; },
+        PATIENCE);
+  }
+  // The server has this address outside, and no other.
+  static void moves_to(const std::string& address) {
+    run({"/bin/sh", "-c", "ip address flush dev lo to 203.0.113.0/24"});
+    const std::string in_lan = "nsenter --net=/run/netns/lan ip route ";
+    far_shell(in_lan + "flush 203.0.113.0/28");
+    far_shell(in_lan + "flush root 203.0.113.0/28");
+    if (address.empty()) return;
+    ASSERT_EQ(run({"/bin/sh", "-c", "ip address add " + address + "/32 dev lo"}).status, 0);
+    ASSERT_EQ(far_shell(in_lan + "add " + address + " via 192.168.77.1").status, 0);
+  }
+  static void named(const std::vector<std::string>& addresses) {
+    std::string lines;
+    for (const std::string& address : addresses) lines += address + " vpn.example\n";
+    far::write("/tmp/names", lines);
+    far_shell("cat /tmp/hosts /tmp/names >/etc/hosts");
+  }
+  void hold() const {
+    EXPECT_THAT(far_web("/ormel/gateway/set", "&as_gw_en=1&gw1_type=OVPN&gw1_index=1&snat=1&failover_en=0"), OK);
+    EXPECT_THAT(far_web("/ormel/guard/set", "&mode=on"), DONE);
+    EXPECT_TRUE(comes_to("holding"));
+    far_shell(
+        "nsenter --net=/run/netns/lan /usr/sbin/nft 'add table netdev outside; delete table netdev outside; add table "
+        "netdev outside; add chain netdev outside in { type filter hook ingress device to-far priority 0; }; add rule "
+        "netdev outside in ip daddr 203.0.113.9 counter'");
+    far_shell(
+        "[ -e /tmp/flood ] || setsid bash -c 'touch /tmp/flood; ping -i .02 -I 192.168.77.2 203.0.113.9 & while [ -e "
+        "/tmp/flood ]; do echo >/dev/udp/203.0.113.9/9; done; kill $!' </dev/null >/dev/null 2>&1 &");
+  }
+  static std::string left() {
+    return far_shell(
+               "nsenter --net=/run/netns/lan /usr/sbin/nft list table netdev outside | sed -n 's/.*packets "
+               "\\([0-9]*\\).*/\\1/p'")
+        .out;
+  }
+  // What is behind the server answers again and again, and by the tunnel alone. On a busy machine the packets without a
+  // pause fill the tunnel, and most echoes are lost.
+  static bool lives() {
+    const std::string once = "ormelctl guard --json | grep -q '\"state\":\"guarding' && ping -c1 -W2 198.51.100.1";
+    return comes_true([&] { return far_shell(once).status == 0; }, DIALLING) &&
+           far_shell("ping -c5 -i.2 -w60 198.51.100.1").status == 0;
+  }
+  static void kill_daemon() {
+    far_shell("pkill -KILL -x openvpnclient");
+    EXPECT_TRUE(comes_to("holding"));
+  }
+  static constexpr int DIALLING = 120;  // seconds; a server that does not answer takes ten
+};
+
+TEST_F(OpenVpnGuard, NothingLeavesWhileTheDaemonDies) {
+  named({"203.0.113.1"});
+  import_profile("\nremote vpn.example 1194\n");
+  hold();
+  connect();
+  EXPECT_TRUE(lives()) << far_shell("ormelctl guard --json").out;
+  EXPECT_TRUE(comes_true([&] { return far_shell("[ -e /run/fenro/heard/tun2001 ]").status == 0; }, PATIENCE))
+      << "its keep-alives are noted";
+  kill_daemon();
+  EXPECT_TRUE(lives()) << "the daemon is dialled again, by a name, while nothing else leaves";
+  const Result tested = far_shell("ormelctl guard test --yes");
+  EXPECT_EQ(tested.status, 0) << tested.out << tested.err;
+  EXPECT_THAT(tested.out, ContainsRegex("^[1-9][0-9]* packets sent, 0 left without a tunnel; LAN answered 20 of 20"));
+  EXPECT_EQ(left(), "0\n");
+}
+
+TEST_F(OpenVpnGuard, TheTunnelLivesByTheServerThatAnswers) {
+  struct Case {
+    const char* what;
+    std::string remotes;
+    std::vector<std::string> named;
+  };
+  const std::string by_name = "\nremote vpn.example 1194\n";
+  for (const Case& each : {
+           Case{"the third of three servers",
+                "\nremote 203.0.113.2 1194\nremote 203.0.113.3 1194\nremote 203.0.113.1 1194\n",
+                {}},
+           Case{"the first address of a name", by_name, {"203.0.113.1", "203.0.113.2"}},
+           Case{"the second address of a name", by_name, {"203.0.113.2", "203.0.113.1"}},
+       }) {
+    SCOPED_TRACE(each.what);
+    named(each.named);
+    import_profile(each.remotes);
+    hold();
+    connect();
+    EXPECT_TRUE(lives()) << far_shell("ormelctl guard --json; ip rule; ip route show table 3500").out;
+    kill_daemon();
+    EXPECT_TRUE(lives()) << "dialled again";
+    EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "Trusted IP"), "203.0.113.1");
+    EXPECT_EQ(left(), "0\n");
+    EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
+    far::cli({"--type=OVPN", "--remove=1"});
+  }
+}
+
+TEST_F(OpenVpnGuard, TheTunnelFollowsANameToItsNewAddress) {
+  named({"203.0.113.1"});
+  import_profile("\nremote vpn.example 1194\n");
+  hold();
+  connect();
+  EXPECT_TRUE(lives());
+  moves_to("203.0.113.2");
+  named({"203.0.113.2"});
+  kill_daemon();
+  EXPECT_TRUE(lives());
+  EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "Trusted IP"), "203.0.113.2");
+  named({"203.0.113.3"});
+  moves_to("203.0.113.3");
+  far_shell("pkill -USR1 -x openvpnclient");  // as it does by itself when it has heard nothing for a time
+  EXPECT_TRUE(comes_true([] { return far::conf_value("OPENVPN_CLIENT1", "Trusted IP") == "203.0.113.3"; }, DIALLING));
+  EXPECT_TRUE(lives());
+  EXPECT_EQ(left(), "0\n");
+}
+
 TEST_F(OpenVpnTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   connect();
   ASSERT_TRUE(comes_up());
@@ -119,6 +272,7 @@ TEST_F(OpenVpnTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   EXPECT_THAT(online("name"), ElementsAre(USER));
   EXPECT_THAT(online("allocate_ip"), ElementsAre(client_end));
   ASSERT_THAT(online("target"), ElementsAre(StartsWith("192.168.77.2:")));
+  EXPECT_EQ(ormel::ovpn::ServerConfig::fetch_all_peer_status().count(online("target")[0]), 1U);
   EXPECT_THAT(far_web("/ormel/config/show", "&type=1024"), HasSubstr("\"status\":1"));
   EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "Trusted IP"), "192.168.77.1");
   EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "Trusted Proto"), "udp");
@@ -129,25 +283,170 @@ TEST_F(OpenVpnTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   const std::string pid = far::read("/var/run/openvpn.client1.pid");
   const std::string status = far::read("/proc/" + pid.substr(0, pid.find('\n')) + "/status");
   EXPECT_THAT(status, HasSubstr("NoNewPrivs:\t1"));
-  EXPECT_THAT(status, HasSubstr("CapEff:\t00000000000034eb"));
+  EXPECT_THAT(status, HasSubstr("CapEff:\t0000000000003429"));
   EXPECT_EQ(far::showing(password + '\n'), "");
 
   EXPECT_EQ(web("/ormel/connection/kick", "&conn=4|" + online("target")[0]), OK);
   EXPECT_TRUE(comes_true([&] { return online("name").empty(); }, PATIENCE));
   EXPECT_TRUE(comes_true([] { return far::conf_value("OPENVPN_CLIENT1", "LocalIP").empty(); }, PATIENCE));
   EXPECT_TRUE(comes_up()) << "it dials again by itself";
+  const Result ended = run({"/usr/sbin/ormelctl", "kick", USER, "--yes"});
+  EXPECT_EQ(ended.status, 0) << ended.err;
+  EXPECT_THAT(ended.out, HasSubstr("guest: 1 session ended"));
+  EXPECT_TRUE(comes_up());
 
   EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
   EXPECT_TRUE(comes_true([&] { return online("name").empty(); }, PATIENCE));
-  EXPECT_TRUE(logs_soon(4));
-  EXPECT_THAT(logged("action"), ElementsAre("0", "2", "0", "2"));  // came, went
+  EXPECT_TRUE(logs_soon(6));
+  EXPECT_THAT(logged("action"), ElementsAre("0", "2", "0", "2", "0", "2"));  // came, went
   EXPECT_THAT(logged("username"), Each(USER));
   EXPECT_NE(logged("rx_total")[1], "0");
-  EXPECT_THAT(members(far_web("/ormel/log/client", "&order=asc"), "action"), ElementsAre("0", "2", "0", "2"));
+  EXPECT_THAT(members(far_web("/ormel/log/client", "&order=asc"), "action"), ElementsAre("0", "2", "0", "2", "0", "2"));
+}
+
+TEST_F(OpenVpnTunnel, KeepsAUserOutForATime) {
+  const auto ctl = [](std::vector<std::string> words) {
+    words.insert(words.begin(), "/usr/sbin/ormelctl");
+    return run(words);
+  };
+  connect();
+  ASSERT_TRUE(comes_up());
+  ASSERT_TRUE(comes_true([&] { return !online("name").empty(); }, PATIENCE));
+
+  const std::string daemon = server_pid().substr(0, server_pid().find('\n'));
+  run({"/bin/kill", "-STOP", daemon});
+  const Result hangs = ctl({"kick", USER, "--yes", "--json"});
+  EXPECT_EQ(hangs.status, 5) << hangs.out;
+  EXPECT_THAT(hangs.out, AllOf(HasSubstr("still there"), HasSubstr("\"gone\":false")));
+  run({"/bin/kill", "-CONT", daemon});
+  ASSERT_TRUE(comes_up());
+  ASSERT_TRUE(comes_true([&] { return !online("name").empty(); }, PATIENCE));
+
+  const size_t rows = logged("action").size();
+  const Result ended = ctl({"kick", USER, "--for", "1h", "--yes"});
+  EXPECT_EQ(ended.status, 0) << ended.err;
+  EXPECT_THAT(ended.out, HasSubstr("kept out until"));
+  EXPECT_TRUE(comes_true(
+      [&] {
+        const auto actions = logged("action");
+        return std::find(actions.begin() + static_cast<long>(rows), actions.end(), "1") != actions.end();
+      },
+      PATIENCE))
+      << "its next login is refused";
+  EXPECT_TRUE(comes_to_an_end());
+  EXPECT_THAT(online("name"), IsEmpty());
+  EXPECT_THAT(ctl({"hold", "list"}).out, HasSubstr("guest  user"));
+  EXPECT_THAT(web("/ormel/hold/list", ""), HasSubstr("\"who\":\"guest\""));
+
+  EXPECT_EQ(web("/ormel/hold/lift", "&who=guest"), OK);
+  EXPECT_EQ(ctl({"hold", "lift", USER}).status, 3);
+  connect();
+  EXPECT_TRUE(comes_up());
+}
+
+// What the doctor over there finds, as "step:result" of the steps that are neither good nor left out.
+class OpenVpnDoctor : public OpenVpnTunnel {
+ protected:
+  static std::string trouble() {
+    const std::string out = far::run({"/usr/sbin/ormelctl", "doctor", "office", "--json"}).out;
+    const std::vector<std::string> steps = members(out, "step"), results = members(out, "result");
+    EXPECT_THAT(steps, ElementsAre("profile", "clock", "name", "way", "server", "certificate", "login", "address",
+                                   "data", "size", "names"))
+        << out;
+    std::string found;
+    for (size_t i = 0; i < steps.size(); ++i) {
+      if (results[i] != "ok" && results[i] != "skip") found += steps[i] + ':' + results[i] + ' ';
+    }
+    last = out;
+    return found;
+  }
+  static inline std::string last;
+  static constexpr const char* STORED = "/etc/config/openvpn/clients/client1";
+};
+
+TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
+  EXPECT_EQ(trouble(), "") << last;
+  EXPECT_THAT(last, HasSubstr(R"("step":"login","result":"ok","text":"accepted")"));
+  EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "LocalIP"), "") << "the tunnel itself is not touched";
+  const std::string good = far::read(STORED);
+  const auto stored = [&](const std::string& from, const std::string& to) {
+    std::string text = good;
+    EXPECT_NE(text.find(from), std::string::npos) << from;
+    text.replace(text.find(from), from.size(), to);
+    far::write(STORED, text);
+  };
+  const size_t rows = logged("action").size();
+  far::write("/tmp/wrong", "not " + password);
+  ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "set", "office", "--pass-file", "/tmp/wrong", "--yes"}).status,
+            0);
+  EXPECT_EQ(trouble(), "login:fail ") << last;
+  ASSERT_TRUE(logs_soon(rows + 1));
+  const std::vector<std::string> actions = logged("action");
+  EXPECT_EQ(std::count(actions.begin() + static_cast<long>(rows), actions.end(), "1"), 1) << "one login";
+
+  stored("remote 192.168.77.1", "remote nowhere.invalid");
+  EXPECT_EQ(trouble(), "name:fail ") << last;
+  stored("remote 192.168.77.1 1194", "remote 192.168.77.1 1195");
+  EXPECT_EQ(trouble(), "server:fail ") << last;
+  const std::string ca = good.substr(good.find("<ca>\n"), good.find("</ca>") - good.find("<ca>\n"));
+  run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days",
+       "9", "-subj", "/CN=Other", "-keyout", "/tmp/other.key", "-out", "/tmp/other.crt"});
+  stored(ca, "<ca>\n" + read("/tmp/other.crt"));
+  EXPECT_EQ(trouble(), "certificate:fail ") << last;
+  stored("\nclient\n", "\nclient\nengine evil\n");
+  EXPECT_EQ(trouble(), "profile:fail ") << last;
+
+  far::write(STORED, good);
+  far::write("/tmp/right", password);
+  ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "set", "office", "--pass-file", "/tmp/right", "--yes"}).status,
+            0);
+  connect();
+  ASSERT_TRUE(comes_up());
+  EXPECT_EQ(trouble(), "") << last;
+  EXPECT_THAT(last, HasSubstr(R"("step":"data","result":"ok")"));
+  const std::string started = far_web("/ormel/doctor/start", "&type=OVPN&index=1");
+  const size_t at = started.find(R"("id":")");
+  ASSERT_NE(at, std::string::npos) << started;
+  const std::string id = started.substr(at + 6, 16);
+  EXPECT_TRUE(comes_true(
+      [&] { return far_web("/ormel/doctor/get", "&id=" + id).find(R"("done":true)") != std::string::npos; }));
+  EXPECT_THAT(far_web("/ormel/doctor/get", "&id=../../etc/passwd"), HasSubstr("\"error\":30"));
 }
 
 // What ends a tunnel; a suite of its own, as each of them takes its time.
 class OpenVpnRefusal : public OpenVpnTunnel {};
+class OpenVpnLogins : public OpenVpnTunnel {};
+
+// The server is asked by its second address, which is far away for the client, and so is what lies behind it.
+TEST_F(OpenVpnTunnel, IsTheGatewayThoughItsProfileNamesSeveralServers) {
+  const auto shell = [](const std::string& script) { return run({"/bin/sh", "-c", script}).status; };
+  const auto in_lan = [](const std::string& action) {
+    return far::run({"/usr/bin/nsenter", "--net=/run/netns/lan", "/sbin/ip", "route", action, "203.0.113.1", "via",
+                     "192.168.77.1"})
+        .status;
+  };
+  far::run({"/usr/sbin/ormel", "--type=OVPN", "--remove=1"});
+  import_profile("\nremote 203.0.113.1 1194\nremote 203.0.113.2 1194\nremote 203.0.113.3 1194\n");
+  ASSERT_EQ(shell("ip address add 203.0.113.1/32 dev lo && ip address add 198.51.100.1/32 dev lo"), 0);
+  EXPECT_EQ(in_lan("add"), 0);
+  EXPECT_EQ(run({"/sbin/setcfg", "System", "Public Address", "vpn.example.org"}).status, 0);
+  EXPECT_THAT(https("/ormel/config/download?sid=" + near).body, HasSubstr("\nremote vpn.example.org 1194\n"));
+  EXPECT_EQ(run({"/sbin/setcfg", "System", "Public Address", ""}).status, 0);
+  connect();
+  ASSERT_TRUE(comes_up()) << "answers come from the address that was asked";
+  const std::string client_end = far::conf_value("OPENVPN_CLIENT1", "LocalIP");
+  EXPECT_THAT(far::run({"/sbin/ip", "route", "get", "198.51.100.1", "from", client_end}).out, HasSubstr("tun2001"))
+      << "an answer goes back into the tunnel";
+  ASSERT_EQ(far::run({"/etc/init.d/vpn_gateway.sh", "start", "tun2001", "1"}).status, 0);
+  EXPECT_EQ(far::run({"/bin/ping", "-c3", "-i.2", "-W10", "198.51.100.1"}).status, 0);
+  // With nothing written down about servers, the mark is left.
+  far::run({"/bin/sed", "-i", "/^\\(Domain IP\\|Server Address\\|Trusted IP\\|Real Address\\) = /d", VPN_CONF});
+  ASSERT_EQ(far::run({"/etc/init.d/vpn_gateway.sh", "start", "tun2001", "1"}).status, 0);
+  EXPECT_EQ(far::run({"/bin/ping", "-c3", "-i.2", "-W10", "198.51.100.1"}).status, 0);
+  far::run({"/etc/init.d/vpn_gateway.sh", "stop"});
+  shell("ip address del 203.0.113.1/32 dev lo; ip address del 198.51.100.1/32 dev lo");
+  in_lan("del");
+}
 
 TEST_F(OpenVpnRefusal, AWrongPasswordIsCountedLoggedAndBlocksAtTheLimit) {
   EXPECT_EQ(web("/ormel/privilege/block", "&enable=true&limit=2&time=30"), OK);
@@ -165,7 +464,14 @@ TEST_F(OpenVpnRefusal, AWrongPasswordIsCountedLoggedAndBlocksAtTheLimit) {
   EXPECT_THAT(far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded(password)), DONE);
   connect();
   EXPECT_TRUE(logs_soon(3)) << "blocked now";
-  EXPECT_TRUE(comes_to_an_end());
+  EXPECT_TRUE(comes_true(
+      [] {
+        return far::read("/run/fenro/reasons/OPENVPN_CLIENT1").find("too many wrong passwords") != std::string::npos;
+      },
+      PATIENCE))
+      << "the server says why, and that a later attempt may do";
+  EXPECT_THAT(logged("device_info"), ElementsAre("wrong password", "wrong password", HasSubstr("blocked")));
+  EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
   EXPECT_THAT(logged("action"), Each("1"));
   EXPECT_THAT(read(LOG), HasSubstr("check_privilege_user_block. guest"));
   EXPECT_EQ(web("/ormel/privilege/remove_block_user", std::string("&user=") + USER), OK);
@@ -182,6 +488,35 @@ TEST_F(OpenVpnRefusal, WhoLosesTheRightIsThrownOutAndStaysOut) {
   EXPECT_TRUE(comes_to_an_end());
   EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "LocalIP"), "");
   EXPECT_THAT(logged("action"), ElementsAre("0", "2", "1"));
+}
+
+// Twenty clients with a wrong password at once, as a script of the far appliance that ends when all have been refused.
+constexpr const char* WRONG_LOGINS = R"(
+grep -v -e '^auth-user-pass' -e '^verb' /tmp/office.ovpn >/tmp/wrong.ovpn
+printf 'guest\nwrong\n' >/tmp/wrong.login
+for i in $(seq 20); do
+  openvpn --config /tmp/wrong.ovpn --auth-user-pass /tmp/wrong.login --dev null --auth-retry none --connect-retry-max 1 \
+    --log /dev/null --cd /tmp </dev/null >/dev/null 2>&1 &
+done
+wait)";
+
+TEST_F(OpenVpnLogins, WrongLoginsHoldUpNeitherTunnelsNorGoodLogins) {
+  // A client of a blocked user is asked to come back later, and never ends.
+  ASSERT_EQ(web("/ormel/privilege/block", "&enable=false&limit=10&time=30"), OK);
+  ASSERT_THAT(web("/ormel/config/modify", "&type=SOVPN&enable=true&ip_pool=10.8.0.0&proto=UDP&port=1194&maximum=50"),
+              DONE);
+  connect();
+  ASSERT_TRUE(comes_up());
+  run({"/bin/sh", "-c",
+       "setsid ping -i0.05 -c200 " + far::conf_value("OPENVPN_CLIENT1", "LocalIP") + " </dev/null >/tmp/pings 2>&1 &"});
+  far::run({"/bin/sh", "-c", WRONG_LOGINS});
+
+  EXPECT_TRUE(comes_true([] { return read("/tmp/pings").find(" received") != std::string::npos; }, PATIENCE));
+  // A daemon that waits for its hook answers late rather than not at all.
+  const std::string in_time = "awk -F 'time=' '$2 + 0 > 0 && $2 + 0 < 1500 { ++n } END { print n }' /tmp/pings";
+  EXPECT_GE(std::stoi(run({"/bin/sh", "-c", in_time}, {"PATH=/usr/bin"}).out), 198);
+  EXPECT_TRUE(logs_soon(21));
+  EXPECT_THAT(run({"/bin/ls", "/run/fenro/openvpn-logins"}).out, Not(HasSubstr("hook.16")));
 }
 
 TEST_F(OpenVpnTunnel, EditingTheServerRestartsIt) {

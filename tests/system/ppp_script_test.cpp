@@ -1,5 +1,6 @@
 // The start scripts of PPTP and L2TP, as the program runs them: no environment, umask 0.
 // appliance: --no-daemons
+#include <dlfcn.h>
 #include <span>
 #include <sys/mount.h>
 #include <sys/sysmacros.h>
@@ -7,6 +8,30 @@
 #include "support/appliance_host.h"
 
 using namespace ormel::test;
+
+// What the plugin takes of pppd.
+extern "C" {
+int status = 0;
+unsigned char persist = 1;
+char* ipparam = nullptr;
+struct notifier* phasechange = nullptr;
+void add_notifier(notifier** list, void (*function)(void* argument, int phase), void* argument);
+}
+
+namespace pppd {
+void (*on_phase)(void* argument, int phase) = nullptr;
+
+void (*load(const char* path))() {
+  static char section[] = "PPTP_CLIENT1";
+  ipparam = section;
+  void* const plugin = dlopen(path, RTLD_NOW);
+  return plugin ? reinterpret_cast<void (*)()>(dlsym(plugin, "plugin_init")) : nullptr;
+}
+}  // namespace pppd
+
+void add_notifier(notifier**, void (*function)(void* argument, int phase), void*) {
+  pppd::on_phase = function;
+}
 
 namespace {
 
@@ -151,7 +176,15 @@ TEST_F(PppClientScript, LetsOnlyAddressesAndPlainNamesIntoCommandsAndFiles) {
   }
   EXPECT_FALSE(fs::exists("/tmp/pwned"));
   start_client(PPTP, "Domain IP = \nServer Address = vpn-1.example.com\n");
-  EXPECT_THAT(read(PPTP.peer), HasSubstr("pptp vpn-1.example.com --nolaunchpppd\"\n"));
+  EXPECT_THAT(read(PPTP.peer), HasSubstr("pptp vpn-1.example.com --nolaunchpppd --nohostroute\"\n"));
+}
+
+// With these there is no key for it, and an unencrypted link in its place would go unnoticed.
+TEST_F(PppClientScript, RefusesEncryptionWithAMethodThatHasNone) {
+  for (const char* keys : {"Encryption = 2\nAuthentcation = 1\n", "Encryption = 1\nAuthentcation = 4\n"}) {
+    EXPECT_THAT(start_client(PPTP, std::string("Domain IP = 192.0.2.7\n") + keys).err, HasSubstr("no encryption with"));
+    EXPECT_FALSE(fs::exists(PPTP.peer));
+  }
 }
 
 TEST_F(PppServerScript, TurnsTheStoredMethodsIntoOptionsOfBothEnds) {
@@ -161,8 +194,7 @@ TEST_F(PppServerScript, TurnsTheStoredMethodsIntoOptionsOfBothEnds) {
   constexpr Row ROWS[] = {{"1", "2", "mschap-v2", "require-mppe"},
                           {"0", "2", "mschap-v2", "nomppe"},
                           {"2", "3", "mschap", "require-mppe-128"},
-                          {"2", "1", "pap", "nomppe"},
-                          {"1", "4", "chap", "nomppe"}};
+                          {"0", "1", "pap", "nomppe"}};
   for (const Protocol& protocol : PROTOCOLS) {
     // Without an account pppd ends at once.
     write("/etc/ppp/pap-secrets", std::string("\"bob\"\t") + protocol.server_of_accounts + "\t@login\t*\n");
@@ -214,6 +246,7 @@ TEST_F(PppServerScript, WritesPoolNameServersAndSegmentSize) {
 
 TEST_F(PppServerScript, RefusesSettingsThatTheDaemonsCouldNotTake) {
   constexpr const char* BAD[] = {"Client IP 1 = 10.0.0.x\n",
+                                 "Authentcation = 4\n",
                                  "Client IP 1 = 10.0.0.9\nClient IP 2 = 10.0.0.8\n",
                                  "Client IP 2 = 10.0.1.9\n",
                                  "Client IP 1 = 10.0.0.1\n",
@@ -248,6 +281,39 @@ TEST_F(PppClientScript, TakesNothingForAnIndexButOneOfTheSlots) {
   EXPECT_FALSE(fs::exists(VPN_CONF));  // no section came of it
 }
 
+// The plugin of client tunnels within this program, which plays pppd's part.
+TEST(PppPlugin, NotesHowAnAttemptEndedAndEndsARefusedLogin) {
+  const auto init = pppd::load("/usr/lib/fenro/fenro_dial.so");
+  ASSERT_TRUE(init) << dlerror();
+  init();
+  ASSERT_TRUE(pppd::on_phase);
+  write(VPN_CONF, "[PPTP_CLIENT1]\nIndex = 1\nServer Address = 192.0.2.1\nLast Error = 0\n");
+  enum { DEAD = 0, SERIAL = 2, ESTABLISH = 4, LOGIN = 5, NETWORK = 7, TERMINATE = 9 };
+  const struct {
+    const char* what;
+    std::vector<int> phases;
+    int status;
+    const char* code;
+    bool dials_again;
+  } rows[] = {
+      {"no server", {SERIAL, ESTABLISH, DEAD}, 16, "no-", true},
+      {"ended by the server", {SERIAL, ESTABLISH, LOGIN, NETWORK, TERMINATE, DEAD}, 0, "kicked", true},
+      {"stopped", {SERIAL, ESTABLISH, LOGIN, TERMINATE, DEAD}, 5, "", true},
+      {"refused login", {SERIAL, ESTABLISH, LOGIN, TERMINATE, DEAD}, 19, "login-refused", false},
+      {"refused login and a quick hang-up", {SERIAL, ESTABLISH, LOGIN, TERMINATE, DEAD}, 16, "login-refused", false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    run({"/usr/lib/fenro/fenro-reason", "PPTP_CLIENT1", "--clear"});
+    status = row.status;
+    persist = 1;
+    for (const int phase : row.phases) pppd::on_phase(nullptr, phase);
+    EXPECT_THAT(read("/run/fenro/reasons/PPTP_CLIENT1"), HasSubstr(row.code));
+    EXPECT_EQ(persist != 0, row.dials_again);
+  }
+  EXPECT_EQ(conf_value("PPTP_CLIENT1", "Last Error"), "40");
+}
+
 // A tunnel with a stand-in for pppd: a shell under its name, which runs the real hooks.
 TEST_F(PppClientScript, FollowsATunnelFromUpToDown) {
   if (mknod("/dev/ppp", S_IFCHR | 0600, makedev(1, 3)) != 0) GTEST_SKIP() << "an ordinary user makes no devices";
@@ -277,6 +343,7 @@ TEST_F(PppClientScript, FollowsATunnelFromUpToDown) {
   EXPECT_NE(commands.find(std::string(DAEMON) + '\0' + "file" + '\0' + PPTP.peer + '\0'), std::string::npos);
   EXPECT_EQ(commands.find("secret"), std::string::npos);
 
+  run({"/sbin/setcfg", "PPTP_CLIENT3", "LocalIP", "", "-f", VPN_CONF});  // as another does who ends it meanwhile
   EXPECT_EQ(run({PPTP.client, "stop", "3"}).status, 0);
 
   for (const char* key : {"LocalIP", "RemoteIP", "Real Address", "DNS Server"})

@@ -5,9 +5,9 @@
 
 #include <jansson.h>
 
-#include "ormel/handle.h"
-#include "ormel/ormel_cgi_connection.h"
-#include "ormel/ormel_cgi_provider.h"
+#include "ormel/base/handle.h"
+#include "ormel/web/connection.h"
+#include "ormel/web/handlers.h"
 #include "support/log_rows.h"
 #include "support/web_request.h"
 

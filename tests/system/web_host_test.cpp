@@ -3,8 +3,8 @@
 #include <arpa/inet.h>
 #include <poll.h>
 
-#include "ormel/handle.h"
-#include "ormel/ormel_cgi_misc.h"
+#include "ormel/base/handle.h"
+#include "ormel/web/handlers.h"
 #include "support/web_request.h"
 
 using namespace ormel::test;

@@ -137,6 +137,20 @@ TEST_F(LogPages, AreCutAndOrderedAsAsked) {
     EXPECT_THAT(server(none), HasSubstr(R"({"data":[],"error":0,"total":)")) << none;
 }
 
+TEST_F(LogPages, ComeWholeWhenTheyAreLong) {
+  constexpr int ROWS = 10'000;
+  for (int i = 0; i < ROWS; ++i) {
+    add_server("bob", 1709769600);
+    add_client();
+  }
+  const std::string query = admin + "&lower=0&upper=" + std::to_string(ROWS - 1);
+  for (const char* route : {SERVER, CLIENT}) {
+    const std::string body = cgi(route, query).body;
+    EXPECT_EQ(ids(body).size(), size_t{ROWS}) << route;
+    EXPECT_THAT(body, EndsWith(R"(],"error":0,"total":10000})"));
+  }
+}
+
 TEST_F(LogPages, AreCleanedByTheirKind) {
   const std::tuple<const char*, bool, bool> rows[] = {
       {"", true, true},

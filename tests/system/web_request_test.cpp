@@ -77,6 +77,8 @@ TEST_F(WebForm, EndsAnEndlessBody) {
   }
 }
 
+constexpr const char* CHECK = "/ormel/config/check";
+
 class WebUpload : public WebHost {};
 
 TEST_F(WebUpload, OfOneMebibyteIsTakenAndOneByteMoreEndsTheForm) {
@@ -85,9 +87,8 @@ TEST_F(WebUpload, OfOneMebibyteIsTakenAndOneByteMoreEndsTheForm) {
     const std::string body = part("ovpn", file, "a.ovpn") + part("type", "256") + "--edge--";
     write("/tmp/upload", file);
     const std::string direct = cgi(SHOW, admin, {"CONTENT_LENGTH=1", MULTIPART}, body).body;
-    const std::string served =
-        https(std::string(SHOW) + "?" + admin, {"-F", "ovpn=@/tmp/upload", "-F", "type=256"}).body;
-    EXPECT_EQ(served, direct);
+    const std::string served = https(std::string(CHECK) + "?" + admin, {"-F", "ovpn=@/tmp/upload"}).body;
+    EXPECT_EQ(served, fits ? refusal(23, "incorrect client config") : refusal(-1, "ca_files_check ERROR"));
     // What comes behind a refused file is not read.
     EXPECT_THAT(direct, fits ? testing::Matcher<std::string>(HasSubstr("office1")) : testing::Eq(NO_TYPE));
     EXPECT_EQ(uploads(), 0U);
@@ -99,12 +100,11 @@ TEST_F(WebUpload, CutOffByTheClientLeavesNothing) {
   EXPECT_EQ(cgi(SHOW, admin, {"CONTENT_LENGTH=1000000", MULTIPART}, body.substr(0, 500000)).body, NO_TYPE);
   EXPECT_EQ(uploads(), 0U);
   write("/tmp/upload", std::string(UPLOAD_LIMIT, 'u'));
-  const std::string address = "https://localhost" + std::string(SHOW) + "?type=256&" + admin;
+  const std::string address = "https://localhost" + std::string(CHECK) + "?" + admin;
   const Result gone =
       run({"/usr/bin/curl", "-ks", "--limit-rate", "200k", "--max-time", "2", "-F", "ovpn=@/tmp/upload", address});
   EXPECT_EQ(gone.status, 28) << "the client gives up";
   EXPECT_EQ(uploads(), 0U);
-  EXPECT_TRUE(comes_true([] { return fs::is_empty("/run/ormel-web/body"); }));
   EXPECT_THAT(https(std::string(SHOW) + "?type=256&" + admin).body, HasSubstr("office1"));
 }
 

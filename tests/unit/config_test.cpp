@@ -2,15 +2,16 @@
 
 #include <gtest/gtest.h>
 
-#include "ormel/config_pool.h"
-#include "ormel/drovik.h"
-#include "ormel/error.h"
-#include "ormel/l2tp.h"
-#include "ormel/net.h"
-#include "ormel/ovpn.h"
-#include "ormel/pptp.h"
-#include "ormel/tunnel.h"
-#include "ormel/wireguard.h"
+#include "base/tunnel.h"
+#include "ormel/base/address.h"
+#include "ormel/base/error.h"
+#include "ormel/config/pool.h"
+#include "ormel/drivers/drovik/drovik.h"
+#include "ormel/drivers/l2tp.h"
+#include "ormel/drivers/openvpn/openvpn.h"
+#include "ormel/drivers/pptp.h"
+#include "ormel/drivers/wireguard/wireguard.h"
+#include "ormel/host/interfaces.h"
 #include "support/scripted_bus.h"
 
 namespace ormel::config {
@@ -39,6 +40,26 @@ TEST_F(PoolTest, KeepsTheMssOfServersOnOneInterfaceAlike) {
   l2tp_server.out_eif = "eth0";
   pool.sync_mss(L2TP_SERVER_TYPE, pool.fetch(L2TP_SERVER_TYPE, 0));
   EXPECT_EQ(pptp_server.mss, 1300) << "another interface";
+}
+
+TEST_F(PoolTest, ReplacesARecordByItsUpdate) {
+  store<pptp::ClientConfig>(2).name = "other";
+  store<pptp::ClientConfig>(1).name = "old";
+  store<pptp::ClientConfig>(1).name = "new";
+  EXPECT_EQ(pool.config_pool.size(), 2U);
+  pool.update(pool.fetch(PPTP_CLIENT_TYPE, 1));  // its own
+  ASSERT_EQ(pool.config_pool.size(), 2U);
+  EXPECT_EQ(pool.fetch(PPTP_CLIENT_TYPE, 1)->cast<ClientConfig>()->name, "new");
+}
+
+TEST_F(PoolTest, GivesTheLowestFreeSlot) {
+  EXPECT_EQ(pool.fetch_slot(PPTP_CLIENT_TYPE), 1);
+  for (const int index : {4, 1, 2}) store<pptp::ClientConfig>(index);
+  EXPECT_EQ(pool.fetch_slot(PPTP_CLIENT_TYPE), 3);
+  for (int index = 3; index < MAX_CLIENTS; ++index) store<pptp::ClientConfig>(index);
+  EXPECT_EQ(pool.fetch_slot(PPTP_CLIENT_TYPE), MAX_CLIENTS);
+  store<pptp::ClientConfig>(MAX_CLIENTS);
+  EXPECT_EQ(pool.fetch_slot(PPTP_CLIENT_TYPE), 0);
 }
 
 TEST_F(PoolTest, LabelsTheInterfacesOfProfiles) {
@@ -113,6 +134,10 @@ TEST(ClientRecord, ChecksTheWholeRecord) {
       {[](auto& r) { r.authentication = static_cast<AUTHENTICATION>(0); }, ERR_AUTHENTICATION},
       {[](auto& r) { r.authentication = static_cast<AUTHENTICATION>(5); }, ERR_AUTHENTICATION},
       {[](auto& r) { r.mask = 7; }, ERR_MASK_LENGTH},
+      {[](auto& r) { r.mask = 8; }, NO_ERROR},
+      {[](auto& r) { r.mask = 32; }, NO_ERROR},
+      {[](auto& r) { r.mask = 33; }, ERR_MASK_LENGTH},
+      {[](auto& r) { r.index = 32; }, NO_ERROR},
       {[](auto& r) { r.index = 33; }, ERR_MAX_CONFIGS},
       {[](auto& r) { r.name.clear(); }, ERR_NAME_LENGTH},
       {[](auto& r) { r.name.assign(601, 'n'); }, ERR_NAME_LENGTH},
@@ -183,6 +208,21 @@ TEST(NetworkIntersect, JudgesTheAnswerOfTheNetworkDaemon) {
     }
   }
   EXPECT_EQ(bus.calls.at(0).request, R"({"ip":"10.0.0.1\"", "mask": "255.0.0.0"})");
+}
+
+TEST(Addresses, IntersectWhereNetworksShareOneAddress) {
+  const std::tuple<system::Network, system::Network, bool> rows[] = {
+      {{"10.0.0.0", "255.255.255.0"}, {"10.0.0.255", "255.255.255.255"}, true},
+      {{"10.0.0.0", "255.255.255.0"}, {"10.0.0.0", "255.255.255.255"}, true},
+      {{"10.0.0.0", "255.255.255.0"}, {"10.0.1.0", "255.255.255.0"}, false},
+      {{"10.0.0.7", "255.255.255.255"}, {"10.0.0.7", "255.255.255.255"}, true},
+      {{"10.0.0.7", "255.255.255.255"}, {"10.0.0.8", "255.255.255.255"}, false},
+      {{"10.0.0.0", "no mask"}, {"10.0.0.0", "255.255.255.0"}, false},
+  };
+  for (const auto& [a, b, shared] : rows) {
+    EXPECT_EQ(system::is_intersect(a, b), shared) << a.address << ' ' << b.address;
+    EXPECT_EQ(system::is_intersect(b, a), shared) << b.address << ' ' << a.address;
+  }
 }
 
 TEST(Addresses, HaveMasksWithoutHoles) {

@@ -1,11 +1,11 @@
-#include "ormel/drovik.h"
+#include "ormel/drivers/drovik/drovik.h"
 
 #include <gtest/gtest.h>
 
-#include "ormel/config_pool.h"
-#include "ormel/error.h"
-#include "ormel/factory_psk.h"
-#include "ormel/l2tp.h"
+#include "ormel/base/error.h"
+#include "ormel/config/pool.h"
+#include "ormel/drivers/factory_psk.h"
+#include "ormel/drivers/l2tp.h"
 #include "support/scripted_bus.h"
 
 namespace ormel::drovik {

@@ -1,8 +1,8 @@
-#include "ormel/json.h"
+#include "ormel/base/json.h"
 
 #include <gtest/gtest.h>
 
-#include "ormel/handle.h"
+#include "ormel/base/handle.h"
 
 namespace ormel {
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "ormel/ormel_api_mobile.h"
+#include "ormel/actions/log_db_mobile.h"
 #include "support/scripted_bus.h"
 
 namespace ormel::log_db {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "ormel/misc_probe_packet.h"
+#include "ormel/host/probe_packet.h"
 
 namespace ormel::misc {
 namespace {

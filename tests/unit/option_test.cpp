@@ -1,18 +1,17 @@
-#include "ormel/option.h"
-
 #include <cstring>
 
 #include <gtest/gtest.h>
 
-#include "ormel/config_pool.h"
-#include "ormel/drovik.h"
-#include "ormel/error.h"
-#include "ormel/l2tp.h"
-#include "ormel/openssl.h"
-#include "ormel/option_apply.h"
-#include "ormel/ovpn.h"
-#include "ormel/pptp.h"
-#include "ormel/wireguard.h"
+#include "ormel/base/crypto.h"
+#include "ormel/base/error.h"
+#include "ormel/config/pool.h"
+#include "ormel/drivers/drovik/drovik.h"
+#include "ormel/drivers/l2tp.h"
+#include "ormel/drivers/openvpn/openvpn.h"
+#include "ormel/drivers/pptp.h"
+#include "ormel/drivers/wireguard/wireguard.h"
+#include "ormel/options/apply.h"
+#include "ormel/options/table.h"
 
 namespace ormel::option {
 namespace {
@@ -60,8 +59,9 @@ class OptionTest : public testing::Test {
   int apply(PolyConfig& record, const std::string& name, const char* value) {
     testing::internal::CaptureStderr();
     int rc = -100;
+    BaseConfig* work = record.bc.get();
     for (const CommandOption* row = COMMAND_OPTIONS; row->fpr; ++row) {
-      if (name == row->opt.name) rc = row->fpr(&record.bc, value);
+      if (name == row->opt.name) rc = apply_option(*row, &work, value);
     }
     errors = testing::internal::GetCapturedStderr();
     return rc;
@@ -133,7 +133,7 @@ TEST_F(OptionTest, TakesEachOptionForItsTypesAndRefusesItForAllOthers) {
     for (const TYPE type : TYPES) {
       SCOPED_TRACE(std::string(name) + " for type " + std::to_string(type));
       PolyConfig record(config::make_record(type, 0));
-      cm.fetch(type, is_client(type) ? 1 : 0)->dup(record.bc);
+      cm.fetch(type, is_client(type) ? 1 : 0)->dup(record.bc.get());
       record->action = MODIFY_ACTION;
       const bool taken = (type & types) != 0;
       EXPECT_EQ(apply(record, name, value), taken ? NO_ERROR : ERR_WRONG_TYPE);
@@ -184,7 +184,19 @@ TEST_F(OptionTest, RefusesBadValuesInTheirOwnWords) {
       {OVPN_SERVER_TYPE, MODIFY_ACTION, "maximum", "61", ERR_VALUE, "61"},
       {PPTP_SERVER_TYPE, MODIFY_ACTION, "maximum", "4", ERR_VALUE, "4"},
       {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "100.64.0.0", ERR_VALUE, "100.64.0.0"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "172.15.255.9", ERR_VALUE, "172.15.255.9"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "172.16.0.9", NO_ERROR, ""},
       {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "172.31.255.9", NO_ERROR, ""},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "172.32.0.9", ERR_VALUE, "172.32.0.9"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "11.0.0.9", ERR_VALUE, "11.0.0.9"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "192.169.0.9", ERR_VALUE, "192.169.0.9"},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "maximum", "5", NO_ERROR, ""},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "maximum", "100", NO_ERROR, ""},
+      {PPTP_SERVER_TYPE, MODIFY_ACTION, "maximum", "101", ERR_VALUE, "101"},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "mask", "32", NO_ERROR, ""},
+      {PPTP_CLIENT_TYPE, ADD_ACTION, "mask", "33", ERR_VALUE, "33"},
+      {OVPN_CLIENT_TYPE, ADD_ACTION, "port", "0", ERR_PORT_NUMBER, "0"},
+      {OVPN_CLIENT_TYPE, ADD_ACTION, "port", "65535", NO_ERROR, ""},
       {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "192.168.1", ERR_VALUE, "192.168.1"},
       {PPTP_SERVER_TYPE, MODIFY_ACTION, "out_eif", nullptr, NO_ERROR, ""},
       {PPTP_SERVER_TYPE, MODIFY_ACTION, "out_eif", "eth0;x", ERR_VALUE,

@@ -1,10 +1,9 @@
-#include "ormel/ovpn_profile.h"
-
 #include <ctime>
 
 #include <gtest/gtest.h>
 
-#include "ormel/error.h"
+#include "ormel/base/error.h"
+#include "ormel/drivers/openvpn/profile.h"
 #include "support/scratch_file.h"
 
 namespace ormel::option {

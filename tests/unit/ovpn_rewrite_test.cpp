@@ -1,9 +1,9 @@
 
 #include <gtest/gtest.h>
 
-#include "ormel/error.h"
-#include "ormel/handle.h"
-#include "ormel/ovpn.h"
+#include "ormel/base/error.h"
+#include "ormel/base/handle.h"
+#include "ormel/drivers/openvpn/openvpn.h"
 #include "support/scratch_file.h"
 
 namespace ormel::ovpn {

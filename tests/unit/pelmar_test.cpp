@@ -2,17 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include "ormel/error.h"
-#include "ormel/ormel_cgi_pelmar.h"
-#include "ormel/pelmar_cloud.h"
-#include "ormel/pelmar_daemon.h"
-#include "ormel/pelmar_identity.h"
-#include "ormel/pelmar_precheck.h"
-#include "ormel/pelmar_register.h"
-#include "ormel/pelmar_settings.h"
-#include "ormel/pelmar_supernode.h"
-#include "ormel/pelmar_token.h"
-#include "ormel/system_log.h"
+#include "ormel/base/error.h"
+#include "ormel/base/log.h"
+#include "ormel/host/log_file.h"
+#include "ormel/membership/cloud.h"
+#include "ormel/membership/daemon.h"
+#include "ormel/membership/identity.h"
+#include "ormel/membership/precheck.h"
+#include "ormel/membership/registration.h"
+#include "ormel/membership/settings.h"
+#include "ormel/membership/supernode.h"
+#include "ormel/membership/token.h"
+#include "ormel/web/membership.h"
 #include "support/scripted_bus.h"
 
 namespace {

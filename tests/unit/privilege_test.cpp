@@ -1,11 +1,14 @@
-#include "ormel/privilege.h"
+#include "ormel/actions/privilege.h"
 
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <sys/file.h>
 
 #include <gtest/gtest.h>
 
-#include "ormel/types.h"
+#include "base/types.h"
+#include "ormel/base/handle.h"
 
 namespace ormel {
 namespace {
@@ -48,6 +51,21 @@ TEST_F(PrivilegeFiles, AreReplacedWholeAndPrivate) {
   EXPECT_EQ(status.st_mode & 0777, 0600U);
   save_privileges(root, {});
   EXPECT_EQ(read(PAP) + read(CHAP) + read(STORE), "");
+}
+
+using StaleTemporaries = PrivilegeFiles;
+
+TEST_F(StaleTemporaries, GoAtTheNextWriteUnlessTheirWriterLives) {
+  const std::vector<std::string> kept{"-backup", "-202601", "-Ab12C", "-Ab12Cde", "-Xb12Cd"};
+  for (const std::string& name : kept) write((PAP + name).c_str(), "kept");
+  const Fd living{open((root + PAP + "-Xb12Cd").c_str(), O_RDWR | O_CLOEXEC)};
+  ASSERT_EQ(flock(living.get(), LOCK_EX), 0);
+  for (const char* file : {PAP, CHAP, STORE}) write((std::string(file) + "-Ab12Cd").c_str(), "secret");
+  for (const auto& file : fs::recursive_directory_iterator(root))
+    if (file.is_regular_file()) chmod(file.path().c_str(), 0600);
+  save_privileges(root, {{"bob", PPTP_SERVER_TYPE}});
+  EXPECT_EQ(files(), static_cast<long>(kept.size()) + 3);
+  for (const std::string& name : kept) EXPECT_EQ(read((PAP + name).c_str()), "kept");
 }
 
 TEST_F(PrivilegeFiles, StayWhenOneCannotBeWritten) {

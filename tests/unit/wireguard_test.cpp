@@ -1,17 +1,17 @@
 // The WireGuard driver against a scripted tool: no interface is touched, and the peers live in a folder of the test.
-#include "ormel/wireguard.h"
+#include "ormel/drivers/wireguard/wireguard.h"
 
 #include <filesystem>
 #include <fstream>
 
 #include <gtest/gtest.h>
 
-#include "ormel/config_pool.h"
-#include "ormel/error.h"
-#include "ormel/pptp.h"
-#include "ormel/wireguard_key.h"
-#include "ormel/wireguard_peers.h"
-#include "ormel/wireguard_tool.h"
+#include "ormel/base/error.h"
+#include "ormel/config/pool.h"
+#include "ormel/drivers/pptp.h"
+#include "ormel/drivers/wireguard/key.h"
+#include "ormel/drivers/wireguard/peers.h"
+#include "ormel/drivers/wireguard/tool.h"
 #include "support/scripted_bus.h"
 
 namespace ormel::wireguard {

@@ -1,5 +1,6 @@
 // Every request to the appliance goes through here: forms by POST, the session in the form and never in an address,
 // JSON back. What comes back is either the whole envelope without an error, or one `ApiError`.
+import { signal } from '@preact/signals'
 import { session } from './session'
 
 export type FailureKind = 'code' | 'network' | 'timeout' | 'http' | 'format'
@@ -11,6 +12,7 @@ export class ApiError extends Error {
     readonly reason: string, // the program's own words
     readonly data?: unknown,
     readonly status = 0, // of the HTTP answer
+    readonly wait = 0, // seconds until it may be tried again, if the answer says so
   ) {
     super(`${kind} ${code} ${reason}`)
   }
@@ -28,6 +30,9 @@ export interface Envelope<T> {
   data: T
   total?: number
 }
+
+// The host has no room for settings, or may not write them: every answer says so in a header until it can.
+export const unsaved = signal(false)
 
 function encode(form: Form): FormData | URLSearchParams {
   const pairs = Object.entries(form).flatMap(([name, value]) =>
@@ -47,7 +52,7 @@ function encode(form: Form): FormData | URLSearchParams {
 async function send(path: string, form: Form, timeout: number): Promise<Response> {
   const stop = AbortSignal.timeout(timeout)
   try {
-    return await fetch(path, {
+    const answer = await fetch(path, {
       method: 'POST',
       body: encode(form),
       headers: { Accept: 'application/json' },
@@ -55,6 +60,8 @@ async function send(path: string, form: Form, timeout: number): Promise<Response
       cache: 'no-store',
       signal: stop,
     })
+    if (path.startsWith('/ormel/')) unsaved.value = answer.headers.get('X-Ormel-Settings') === 'unsaved'
+    return answer
   } catch {
     throw new ApiError(stop.aborted ? 'timeout' : 'network', 0, '')
   }
@@ -76,7 +83,8 @@ async function envelope<T>(response: Response): Promise<Envelope<T>> {
   const found = parsed as Envelope<T> | null
   if (typeof found !== 'object' || found === null || typeof found.error !== 'number')
     throw response.ok ? new ApiError('format', 0, '') : new ApiError('http', response.status, '')
-  if (found.error !== 0) throw new ApiError('code', found.error, String(found.reason ?? ''), found.data, response.status)
+  const wait = Number(response.headers.get('Retry-After') ?? 0) || 0
+  if (found.error !== 0) throw new ApiError('code', found.error, String(found.reason ?? ''), found.data, response.status, wait)
   if (!response.ok) throw new ApiError('http', response.status, '')
   return found
 }

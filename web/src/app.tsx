@@ -1,7 +1,7 @@
 // The frame around all pages: who is logged in, where one can go, and what has to be said.
 import type { FunctionComponent } from 'preact'
 import { useEffect, useRef, useState } from 'preact/hooks'
-import { callOnce } from './api'
+import { callOnce, unsaved } from './api'
 import { ClientsPage } from './pages/clients'
 import { ConnectionsPage } from './pages/connections'
 import { GatewayPage } from './pages/gateway'
@@ -12,10 +12,10 @@ import { RightsPage } from './pages/rights'
 import { SdwanPage } from './pages/sdwan'
 import { ServersPage } from './pages/servers'
 import { watchDrops } from './drop'
-import { go, place } from './router'
+import { go, guard, place } from './router'
 import { session } from './session'
 import { language, t, type TextKey } from './texts'
-import { Button, Icon, LanguageButton, Questions, Sayings, type IconName } from './ui'
+import { Button, Icon, LanguageButton, Notice, Questions, Sayings, hush, mayLeave, touched, type IconName } from './ui'
 
 interface Page {
   name: string
@@ -53,7 +53,8 @@ function Shell() {
   useEffect(() => {
     setOpen(false)
     if (current) document.title = `${t(current.label)} – ${location.host}`
-    if (!first.current) heading.current?.focus()
+    hush()
+    if (!first.current || document.activeElement === document.body) heading.current?.focus()
     first.current = false
   }, [current?.name, language.value])
 
@@ -102,6 +103,11 @@ function Shell() {
         <h1 ref={heading} tabIndex={-1}>
           {t(current.label)}
         </h1>
+        {unsaved.value && (
+          <Notice tone="bad">
+            <strong>{t('unsaved')}</strong> <span>{t('unsaved.advice')}</span>
+          </Notice>
+        )}
         <Show />
       </main>
     </div>
@@ -110,6 +116,14 @@ function Shell() {
 
 export function App() {
   useEffect(watchDrops, [])
+  useEffect(() => guard(mayLeave), [])
+  useEffect(() => {
+    const ask = (event: BeforeUnloadEvent) => {
+      if (touched.size > 0) event.preventDefault()
+    }
+    window.addEventListener('beforeunload', ask)
+    return () => window.removeEventListener('beforeunload', ask)
+  }, [])
   useEffect(() => {
     document.documentElement.lang = language.value
   }, [language.value])

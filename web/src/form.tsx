@@ -1,8 +1,8 @@
 // Forms from tables: a row a field, with the limits that the appliance has.
-import { useState } from 'preact/hooks'
+import { useEffect, useRef, useState } from 'preact/hooks'
 import type { Rule } from './rules'
 import { t, type TextKey } from './texts'
-import { Field, Switch } from './ui'
+import { Button, Field, Notice, Switch, touched } from './ui'
 
 export type Values = Record<string, string | boolean>
 export type Choice = readonly [value: string, label: string]
@@ -34,20 +34,49 @@ export function mistakes(rows: readonly FieldRow[], values: Values): Record<stri
   return found
 }
 
-export function useForm(rows: readonly FieldRow[], initial: Values) {
+// The names of the fields that differ.
+export const differing = (rows: readonly FieldRow[], a: Values, b: Values): string[] =>
+  rows.map((row) => row.name).filter((name) => a[name] !== b[name])
+
+// A form that begins with `initial`. One that follows takes over what is stored meanwhile, as long as nothing has been
+// typed; after that it only tells what has changed.
+export function useForm(rows: readonly FieldRow[], initial: Values, follows = false) {
   const [values, setValues] = useState(initial)
-  const [tried, setTried] = useState(false)
+  const [stored, setStored] = useState(initial) // what the values are compared with
+  const [tried, setTried] = useState(0)
   const wrong = mistakes(rows, values)
+  const changed = differing(rows, values, stored).length > 0
+  const elsewhere = follows ? differing(rows, initial, stored) : []
+  const self = useRef({}).current
+  useEffect(() => {
+    if (changed) touched.add(self)
+    else touched.delete(self)
+    return () => void touched.delete(self)
+  }, [changed])
+  useEffect(() => {
+    if (elsewhere.length === 0) return
+    if (changed && elsewhere.some((name) => initial[name] !== values[name])) return
+    setStored(initial)
+    if (!changed) setValues(initial)
+  }, [JSON.stringify(elsewhere.map((name) => initial[name])), changed])
   return {
     values,
-    wrong: tried ? wrong : {},
+    wrong: tried > 0 ? wrong : {},
+    tried,
     set: (name: string, value: string | boolean) => setValues((old) => ({ ...old, [name]: value })),
     replace: setValues,
     // Whether it can be sent; shows what is wrong otherwise.
     check: () => {
-      setTried(true)
+      setTried(tried + 1)
       return Object.keys(wrong).length === 0
     },
+    // What it shows has been stored.
+    settle: () => setStored(values),
+    // What somebody else has stored since, as [name, value] of each field.
+    elsewhere: changed ? elsewhere.map((name) => [name, initial[name] ?? ''] as const).filter(([name, value]) => value !== values[name]) : [],
+    // Goes on from what is stored, with its values or with those that are shown.
+    take: () => (setStored(initial), setValues((old) => ({ ...old, ...Object.fromEntries(elsewhere.map((name) => [name, initial[name] ?? ''])) }))),
+    keep: () => setStored(initial),
   }
 }
 export type FormState = ReturnType<typeof useForm>
@@ -107,7 +136,31 @@ function OneField({ row, form }: { row: FieldRow; form: FormState }) {
   )
 }
 
+const wordsFor = (row: FieldRow, value: string | boolean): string => {
+  if (row.kind === 'secret' || row.kind === 'password' || row.kind === 'key') return t(row.label)
+  return `${t(row.label)}: ${typeof value === 'boolean' ? t(value ? 'yes' : 'no') : value}`
+}
+
+// Somebody else has saved the same form meanwhile.
+const Elsewhere = ({ rows, form }: { rows: readonly FieldRow[]; form: FormState }) => (
+  <Notice>
+    <span>
+      {t('form.elsewhere')}{' '}
+      {form.elsewhere.flatMap(([name, value]) => rows.filter((row) => row.name === name).map((row) => wordsFor(row, value))).join(' · ')}
+    </span>
+    <div class="row">
+      <Button onClick={form.take}>{t('form.take')}</Button>
+      <Button onClick={form.keep}>{t('form.keep')}</Button>
+    </div>
+  </Notice>
+)
+
 export function Fields({ rows, form }: { rows: readonly FieldRow[]; form: FormState }) {
+  const box = useRef<HTMLDivElement>(null)
+  // The first mistake comes into view, and a screen reader reads it.
+  useEffect(() => {
+    if (form.tried > 0) box.current?.querySelector<HTMLElement>('[aria-invalid="true"]')?.focus()
+  }, [form.tried])
   const visible = rows.filter((row) => shown(row, form.values))
   const more = visible.filter((row) => row.more)
   const list = (some: readonly FieldRow[]) => (
@@ -118,7 +171,8 @@ export function Fields({ rows, form }: { rows: readonly FieldRow[]; form: FormSt
     </div>
   )
   return (
-    <>
+    <div class="form" ref={box}>
+      {form.elsewhere.length > 0 && <Elsewhere rows={rows} form={form} />}
       {list(visible.filter((row) => !row.more))}
       {more.length > 0 && (
         <details open={more.some((row) => form.wrong[row.name])}>
@@ -126,6 +180,6 @@ export function Fields({ rows, form }: { rows: readonly FieldRow[]; form: FormSt
           {list(more)}
         </details>
       )}
-    </>
+    </div>
   )
 }

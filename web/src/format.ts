@@ -56,6 +56,13 @@ export function clock(when: Date): string {
   return when.toLocaleTimeString(locale(), { hour: '2-digit', minute: '2-digit', second: '2-digit', hourCycle: 'h23' })
 }
 
+// A time of day or, for another day, the date with it.
+export function moment(seconds: number, now = new Date()): string {
+  const when = new Date(seconds * 1000)
+  const day: Intl.DateTimeFormatOptions = when.toDateString() === now.toDateString() ? {} : { dateStyle: 'short' }
+  return when.toLocaleString(locale(), { ...day, timeStyle: 'short' })
+}
+
 // A count with its noun in the right number.
 export function count(amount: number, one: Parameters<typeof t>[0], other: Parameters<typeof t>[0]): string {
   return t(amount === 1 ? one : other, { n: amount })

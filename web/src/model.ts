@@ -1,5 +1,5 @@
 // What the program tells of its profiles and connections, and what differs from protocol to protocol.
-import type { TextKey } from './texts'
+import { PROTOCOL, PROTOCOLS, type Protocol } from './protocols'
 
 export interface Profile {
   enable: boolean
@@ -41,6 +41,18 @@ export interface Connection {
   rx_rate: number
   tx_rate: number
 }
+// A connection or a device of WireGuard, whose rates no one counts.
+export interface Live extends Omit<Connection, 'login' | 'rx_rate' | 'tx_rate'>, Partial<Pick<Connection, 'rx_rate' | 'tx_rate'>> {
+  held: number // until when its user is kept out, 0 for one who is not
+}
+// Who is kept out of the servers.
+export interface Hold {
+  kind: 'user' | 'peer'
+  who: string
+  name: string
+  by: string
+  until: number // seconds since the epoch
+}
 export interface Peer {
   peer_name: string
   psk: string
@@ -61,26 +73,12 @@ export interface Nic {
   ip?: string | null
 }
 
-export interface Protocol {
-  id: string
-  label: string
-  server: number
-  client: number
-  colour: string // of its curve, a property of the style sheet
-}
+export * from './protocols'
 
-export const PROTOCOLS: readonly Protocol[] = [
-  { id: 'ovpn', label: 'OpenVPN', server: 4, client: 1024, colour: '--curve-1' },
-  { id: 'wg', label: 'WireGuard', server: 32, client: 65536, colour: '--curve-2' },
-  { id: 'l2tp', label: 'L2TP/IPsec', server: 2, client: 512, colour: '--curve-3' },
-  { id: 'pptp', label: 'PPTP', server: 1, client: 256, colour: '--curve-4' },
-  { id: 'drovik', label: 'Drovik', server: 16, client: 4096, colour: '--curve-5' },
-]
-
-export const WIREGUARD = 32
-export const WIREGUARD_CLIENT = 65536
-export const OPENVPN = 4
-export const OPENVPN_CLIENT = 1024
+export const WIREGUARD: number = PROTOCOL.wg.server
+export const WIREGUARD_CLIENT: number = PROTOCOL.wg.client
+export const OPENVPN: number = PROTOCOL.ovpn.server
+export const OPENVPN_CLIENT: number = PROTOCOL.ovpn.client
 const sum = (side: 'server' | 'client') => PROTOCOLS.reduce((mask, one) => mask | one[side], 0)
 export const SERVERS = sum('server')
 export const CLIENTS = sum('client')
@@ -88,8 +86,6 @@ export const CLIENTS = sum('client')
 export const protocolOf = (type: number): Protocol | undefined =>
   PROTOCOLS.find((one) => one.server === type || one.client === type)
 export const labelOf = (type: number): string => protocolOf(type)?.label ?? String(type)
-
-export const STATES: readonly TextKey[] = ['state.off', 'state.on', 'state.connecting']
 
 const FRESH = 180 // seconds after which a WireGuard peer that has not spoken counts as gone
 
@@ -111,3 +107,25 @@ export const isLive = (peer: Peer): boolean => {
 // Whom the restart of a server throws out.
 export const liveCount = (type: number, connections: readonly Connection[], peers: readonly Peer[]): number =>
   type === WIREGUARD ? peers.filter(isLive).length : connections.filter((one) => one.type === type).length
+
+// What an import would make of a file, line by line.
+export interface ReportLine {
+  n: number
+  to: number // the last line of a block
+  text: string
+  fate: 'kept' | 'changed' | 'dropped' | 'refused' | 'needs'
+  why: string
+  blank: boolean
+}
+export interface Report {
+  lines: ReportLine[]
+  added: string[]
+  needs: string[]
+  certificates: { role: string; subject: string; days: number }[]
+  importable: boolean
+  reason: string
+}
+
+// The lines that a user has to know of: all but those that are kept and the blank ones, unless `all` are wanted.
+export const shownLines = (report: Report, all: boolean): ReportLine[] =>
+  report.lines.filter((line) => all || (line.fate !== 'kept' && !line.blank))

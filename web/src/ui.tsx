@@ -1,8 +1,9 @@
 // The small parts that all pages are made of.
 import { signal } from '@preact/signals'
-import type { ComponentChildren, JSX } from 'preact'
+import { isValidElement, type ComponentChildren, type JSX } from 'preact'
 import { useEffect, useId, useRef, useState } from 'preact/hooks'
 import { explain } from './errors'
+import { count } from './format'
 import { language, setLanguage, t, type TextKey } from './texts'
 
 // Lines of a 24 by 24 grid.
@@ -20,6 +21,7 @@ const ICONS = {
   plus: 'M12 5v14M5 12h14',
   logout: 'M15 4h4v16h-4M10 16l-4-4 4-4M6 12h9',
   download: 'M12 4v11M7 11l5 5 5-5M4 20h16',
+  upload: 'M12 16V5M7 9l5-5 5 5M4 20h16',
   warning: 'M12 4l9 16H3zM12 10v4M12 17h.01',
   check: 'M5 12l5 5 9-10',
 } as const
@@ -46,9 +48,10 @@ type ButtonProps = {
   icon?: IconName
   label?: string // for one that shows no words, or too few
   submit?: boolean
+  first?: boolean // has the focus when its dialog opens
   children?: ComponentChildren
 }
-export const Button = ({ onClick, kind = 'plain', busy, disabled, icon, label, submit, children }: ButtonProps) => (
+export const Button = ({ onClick, kind = 'plain', busy, disabled, icon, label, submit, first, children }: ButtonProps) => (
   <button
     type={submit ? 'submit' : 'button'}
     class={`button ${kind}`}
@@ -57,6 +60,7 @@ export const Button = ({ onClick, kind = 'plain', busy, disabled, icon, label, s
     aria-busy={busy ? 'true' : undefined}
     aria-label={label}
     title={label}
+    data-first={first}
   >
     {busy ? <span class="ring" aria-hidden="true" /> : icon && <Icon name={icon} />}
     {children}
@@ -106,10 +110,12 @@ export const Notice = ({ tone = 'warn', children }: { tone?: Tone; children: Com
 
 export function Failure({ failure, onRetry }: { failure: unknown; onRetry?: () => void }) {
   if (!failure) return null
-  const { what, advice } = explain(failure)
+  const { what, advice, detail } = explain(failure)
   return (
     <Notice tone="bad">
-      <strong>{what}</strong> <span>{advice}</span>
+      <strong>{what}</strong>
+      {advice && <span>{advice}</span>}
+      {detail && <small class="soft">{detail}</small>}
       {onRetry && (
         <div class="row">
           <Button onClick={onRetry}>{t('retry')}</Button>
@@ -132,6 +138,13 @@ export const Facts = ({ rows }: { rows: readonly (readonly [string, ComponentChi
   </dl>
 )
 
+// How the column of a head is sorted, for those who do not see the arrow.
+function sortedBy(head: ComponentChildren): 'ascending' | 'descending' | undefined {
+  if (!isValidElement(head) || head.type !== SortHead) return undefined
+  const { active, down } = head.props as { active?: boolean; down?: boolean }
+  return active ? (down ? 'descending' : 'ascending') : undefined
+}
+
 export type TableProps = { label: string; heads: ComponentChildren[]; children: ComponentChildren }
 export const Table = ({ label, heads, children }: TableProps) => (
   <div class="scroller" tabIndex={0} role="region" aria-label={label}>
@@ -140,7 +153,7 @@ export const Table = ({ label, heads, children }: TableProps) => (
       <thead>
         <tr>
           {heads.map((head, at) => (
-            <th key={at} scope="col">
+            <th key={at} scope="col" aria-sort={sortedBy(head)}>
               {head}
             </th>
           ))}
@@ -163,10 +176,9 @@ export const SortHead = ({
   down: boolean
   onClick: () => void
 }) => (
-  <button type="button" class="sort" aria-pressed={active} onClick={onClick}>
+  <button type="button" class="sort" onClick={onClick}>
     {children}
     <span aria-hidden="true">{active ? (down ? ' ↓' : ' ↑') : ''}</span>
-    {active && <span class="unseen">{t(down ? 'sort.down' : 'sort.up')}</span>}
   </button>
 )
 
@@ -183,7 +195,7 @@ export function Pager({
 }) {
   return (
     <nav class="pager" aria-label={t('page.label')}>
-      <span>{t('page.total', { n: total })}</span>
+      <span>{count(total, 'page.one', 'page.total')}</span>
       <Button onClick={() => onGo(current - 1)} disabled={current <= 0}>
         {t('page.back')}
       </Button>
@@ -281,7 +293,22 @@ export const Switch = ({
   )
 }
 
-// The browser's own dialog: it holds the focus, makes the rest inert and closes with Escape.
+// Forms whose input has not been saved, so that nobody leaves them by mistake.
+export const touched = new Set<object>()
+const leave = async (): Promise<boolean> =>
+  confirm({ title: t('leave.title'), text: t('leave.text'), action: t('leave.go'), danger: true })
+
+// Whether the page may be left: asks if that loses what has been typed.
+export async function mayLeave(): Promise<boolean> {
+  if (touched.size > 0 && !(await leave())) return false
+  touched.clear()
+  return true
+}
+
+const FIRST_FIELD = 'input:not([readonly]), select, textarea'
+
+// The browser's own dialog: it holds the focus, makes the rest inert and closes with Escape. The first field has the
+// focus, or the button that says so; what had it before gets it back.
 export function Dialog({
   title,
   onClose,
@@ -297,9 +324,20 @@ export function Dialog({
   const id = useId()
   useEffect(() => {
     const before = document.activeElement as HTMLElement | null
-    box.current?.showModal()
-    return () => before?.focus?.()
+    const shown = box.current
+    shown?.showModal()
+    const first = shown?.querySelector<HTMLElement>('[data-first]') ?? shown?.querySelector<HTMLElement>(FIRST_FIELD)
+    first?.focus()
+    return () => {
+      shown?.close() // what lies below takes no focus while this is open
+      before?.focus?.()
+    }
   }, [])
+  const below = useRef(new Set(touched)).current // forms of the page itself
+  const dismiss = async () => {
+    const loses = [...touched].some((form) => !below.has(form))
+    if (!loses || (await leave())) onClose?.()
+  }
   return (
     <dialog
       ref={box}
@@ -307,14 +345,15 @@ export function Dialog({
       aria-labelledby={id}
       onCancel={(event) => {
         event.preventDefault()
-        onClose?.()
+        void dismiss()
       }}
     >
       <header>
         <h2 id={id}>{title}</h2>
-        {onClose && <Button kind="quiet" icon="close" label={t('close')} onClick={onClose} />}
+        {onClose && <Button kind="quiet" icon="close" label={t('close')} onClick={() => void dismiss()} />}
       </header>
       {children}
+      <Sayings />
     </dialog>
   )
 }
@@ -339,7 +378,9 @@ export function Questions() {
     <Dialog title={asked.title} onClose={() => answer(false)}>
       <p>{asked.text}</p>
       <footer class="row end">
-        <Button onClick={() => answer(false)}>{t('cancel')}</Button>
+        <Button first onClick={() => answer(false)}>
+          {t('cancel')}
+        </Button>
         <Button kind={asked.danger ? 'danger' : 'primary'} onClick={() => answer(true)}>
           {asked.action}
         </Button>
@@ -358,6 +399,10 @@ export function say(key: TextKey, values: Record<string, string | number> = {}):
   setTimeout(() => {
     if (said.peek()?.at === at) said.value = null
   }, SHOWN)
+}
+// It is about the page that it was said on.
+export const hush = (): void => {
+  said.value = null
 }
 export const Sayings = () => (
   <div class="said" role="status" aria-live="polite">

@@ -1,16 +1,20 @@
+import { readFileSync } from 'node:fs'
 import { describe, expect, it } from 'vitest'
 import { mistakes } from '../src/form'
 import { base64, bytes, decodeName, duration } from '../src/format'
-import { handshakeAge, isLive, liveCount, type Connection, type Peer, type Profile } from '../src/model'
+import { handshakeAge, isLive, liveCount, shownLines, type Connection, type Live, type Peer, type Profile, type Report } from '../src/model'
 import { match, references } from '../src/ovpn'
 import { clientRows, newValues, wire } from '../src/pages/clients.rows'
-import { sorted } from '../src/pages/connections'
+import { leastMinutes, minutesFit, rowOf, sorted } from '../src/pages/connections'
+import { culprit, type Step } from '../src/pages/doctor'
 import { gatewayForm } from '../src/pages/gateway'
+import { bandOf, guardForm, stoppedBy, type Guard } from '../src/pages/guard'
 import { thrownOut } from '../src/pages/rights'
 import { loginResult } from '../src/pages/sdwan'
 import { conflicts } from '../src/pages/servers.rows'
 import { address, endpoint, freeAddress, key, page, pool, range } from '../src/rules'
-import { texts } from '../src/texts'
+import { clientState, cureOf, isSettled, serverState, whyOf } from '../src/reasons'
+import { language, texts } from '../src/texts'
 import { protocolOfInterface, traffic } from '../src/traffic'
 import { deviceConfig, fileName, readConfig } from '../src/wireguard'
 
@@ -123,7 +127,7 @@ describe('files', () => {
   it('of OpenVPN name what belongs to them', () => {
     const text = 'client\nca ca.crt\ncert "my certs/a b.crt"\nkey C:\\keys\\me.key\ntls-auth ta.key 1\n<crl-verify>\nca inner.crt\n</crl-verify>\ncafe x\n# ca no.crt'
     expect(references(text)).toEqual({ ca: 'ca.crt', cert: 'a b.crt', key: 'me.key', tls_auth: 'ta.key' })
-    expect(match('CA.crt', [new File([], 'ca.CRT')])?.name).toBe('ca.CRT')
+    expect(match('CA.crt', [{ name: 'ca.CRT' } as File])?.name).toBe('ca.CRT')
   })
 })
 
@@ -138,11 +142,63 @@ describe('requests', () => {
     expect(gatewayForm({ as_gw_en: 'true', gw1: '1024-1', gw2: '', snat: 'true' })).toEqual({ as_gw_en: '1', gw1_type: '1024', gw1_index: '1', snat: '1', failover_en: '0' })
     expect(gatewayForm({ as_gw_en: 'true', gw1: '1024-1', gw2: '256-2', failover_interval: '5', snat: 'false' })).toMatchObject({ gw2_type: '256', gw2_index: '2', failover_interval: '5', failover_en: '1', snat: '0' })
   })
+  it('tell the guard in the words of the program, and its state by a band', () => {
+    expect(guardForm({ mode: 'strict', lan: true, dns: true, ipv6: true })).toEqual({ mode: 'strict', lan: '1', dns: 'tunnel', ipv6: 'block' })
+    expect(guardForm({ mode: 'on', lan: false, dns: false, ipv6: false })).toEqual({ mode: 'on', lan: '0', dns: 'any', ipv6: 'pass' })
+    const guard = (mode: Guard['mode'], state: Guard['state']): Guard => ({ mode, state, local_network: '1', ipv6: 'block', dns: 'tunnel' })
+    expect(bandOf(guard('on', 'guarding'))).toBeNull()
+    expect(bandOf(guard('off', 'unknown'))).toBeNull()
+    expect([guard('on', 'holding'), guard('strict', 'failed'), guard('off', 'paused')].map((one) => bandOf(one)?.[0])).toEqual(['bad', 'bad', 'warn'])
+    expect(stoppedBy({ ...guard('on', 'holding'), stopped: { ipv4: 1, ipv6: 2, dns: 3 } })).toBe(6)
+  })
+  it('keep a device of WireGuard out for a minute at least', () => {
+    const device = rowOf({ type: 32, name: 'phone', target: KEY, uptime: 4, source_ip: '192.0.2.1:7', allocate_ip: '10.0.0.2/32', device_info: '', rx_total: 0, tx_total: 0, held: 0 } satisfies Live)
+    expect(device).toMatchObject({ id: `32|${KEY}`, inside: '10.0.0.2', uptime: -4 })
+    expect([leastMinutes([{ type: 4 }]), leastMinutes([{ type: 4 }, device])]).toEqual([0, 1])
+    expect(['0', '10080', '10081', '', '1.5'].map((text) => minutesFit(text, 0))).toEqual([true, true, false, false, false])
+    expect(minutesFit('0', 1)).toBe(false)
+  })
+  it('name the step that fails', () => {
+    const steps = (results: string) => [...results].map((one, at) => ({ step: String(at), result: { o: 'ok', f: 'fail', s: 'skip' }[one], text: '', cure: '' }) as Step)
+    expect(culprit(steps('oofss'))?.step).toBe('2')
+    expect(culprit(steps('ooss'))).toBeNull()
+  })
+  it('show what an import does not keep', () => {
+    const line = { to: 1, text: 'x', why: '' }
+    const report = { lines: [{ ...line, n: 1, fate: 'kept', blank: false }, { ...line, n: 2, fate: 'dropped', blank: true }, { ...line, n: 3, fate: 'dropped', blank: false }] } as Report
+    expect(shownLines(report, false).map((one) => one.n)).toEqual([3])
+    expect(shownLines(report, true)).toHaveLength(3)
+  })
   it('know whom a lost right throws out, and how rows are sorted', () => {
     const connections = [{ name: 'a', type: 4 }, { name: 'a', type: 1 }, { name: 'b', type: 4 }] as Connection[]
     expect(thrownOut(new Map([['a', 1]]), connections)).toBe(1)
     expect(sorted([{ n: 9 }, { n: 10 }], 'n', true)).toEqual([{ n: 10 }, { n: 9 }])
     expect(loginResult('<script>tell("{\\"error\\":78,\\"reason\\":\\"no\\"}")</script>')).toEqual({ error: 78, reason: 'no' })
     expect(loginResult('')).toBeNull()
+  })
+})
+
+describe('reasons', () => {
+  const reason = { code: 'login-refused', final: true, at: 0, count: 1, text: 'as told', detail: '', advice: 'do it' }
+
+  it('come in the language of the user, and unknown ones as the appliance says them', () => {
+    language.value = 'de'
+    expect([whyOf(reason), cureOf(reason)]).toEqual([texts['why.login-refused']?.[1], texts['cure.login-refused']?.[1]])
+    language.value = 'en'
+    expect([whyOf({ ...reason, code: 'brand-new' }), cureOf({ ...reason, code: 'brand-new' })]).toEqual(['as told', 'do it'])
+  })
+
+  it('have words for every code of the appliance', () => {
+    const table = readFileSync('../src/ormel/base/reason.h', 'utf8')
+    const codes = [...table.matchAll(/^ {4}\{"([a-z-]+)",/gm)].map(([, code]) => code)
+    expect(codes.length).toBeGreaterThan(20)
+    for (const code of codes) expect([code, `why.${code}` in texts, `cure.${code}` in texts]).toEqual([code, true, true])
+  })
+
+  it('do not let a server count as on that does not run', () => {
+    expect(serverState('failed')).toEqual({ tone: 'bad', text: 'server.notRunning' })
+    expect(clientState('no-peer').tone).not.toBe('good')
+    expect(['up', 'failed', 'off'].map(isSettled)).toEqual([true, true, true])
+    expect(['starting', 'retrying', 'no-peer'].map(isSettled)).toEqual([false, false, false])
   })
 })

@@ -1,7 +1,7 @@
 // Going to the background once the daemon can do its work, so that the script that starts it knows how it went.
 #pragma once
 
-#include "common/handle.h"
+#include "base/handle.h"
 
 namespace fenro::drovik {
 

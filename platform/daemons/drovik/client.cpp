@@ -17,9 +17,11 @@ using std::chrono::seconds;
 
 constexpr milliseconds TICK{250};
 constexpr seconds LOGIN_TIME{15};  // for all steps of one attempt
+constexpr seconds PROOF_TIME{6};   // for the server's last step of a handshake, which is sent again meanwhile
 constexpr seconds LOGIN_REPEAT{1};
 constexpr seconds PING_PERIOD{10};  // keeps the way through address translators open
 constexpr seconds SILENCE{30};      // three answers missed
+constexpr seconds HEARD_PERIOD{1};  // between two notes that the server lives
 constexpr seconds KICK_PAUSE{5};
 constexpr seconds FIRST_PAUSE{2};
 constexpr seconds LONGEST_PAUSE{60};
@@ -44,6 +46,16 @@ std::optional<Ipv4> look_up(const std::string& name) {
 // Trying again cannot help, and wrong passwords would block the account.
 bool is_final(Reason reason) {
   return reason == Reason::Denied || reason == Reason::Version;
+}
+
+// By Reason: the code of base/reason.h. Null where the next attempt follows as a matter of course.
+constexpr const char* CODES[] = {"no-answer", "login-refused", "server-full", "login-later", "no-common-cipher",
+                                 "kicked",    "no-answer",     "kicked",      nullptr,       nullptr,
+                                 "no-answer"};
+
+const char* code_of(Reason reason) {
+  const auto row = static_cast<std::size_t>(reason);
+  return row < std::size(CODES) ? CODES[row] : CODES[0];
 }
 
 seconds pause_after(Reason reason, unsigned attempts) {
@@ -92,9 +104,10 @@ void TunnelClient::connect() {
   stage_ = Stage::Shaking;
   heard_ = Clock::now();
   socket_ = UdpSocket{};
-  if (!find_server() || !socket_.connect(server_, settings_.port)) {
+  const bool found = find_server();
+  if (!found || !socket_.connect(server_, settings_.port)) {
     log_line(LOG_WARNING, "no way to the server %s", settings_.server_name.c_str());
-    return fall(Reason::Silent);
+    return fall(Reason::Silent, found ? "no-route" : "name-not-found");
   }
   channel_ = std::make_unique<Channel>(
       dtls_, [this](const Peer& to, std::string_view datagram) { socket_.send(to, datagram); });
@@ -107,7 +120,9 @@ void TunnelClient::take_datagrams() {
   };
   for (int round = 0; round < ROUNDS && fallen_ == Reason::None && socket_.receive(take); ++round) continue;
   if (fallen_ == Reason::None && channel_->state() == Channel::State::Ended) fallen_ = Reason::Silent;
-  if (const Reason reason = std::exchange(fallen_, Reason::None); reason != Reason::None) fall(reason);
+  if (const Reason reason = std::exchange(fallen_, Reason::None); reason != Reason::None) {
+    fall(reason, std::exchange(cause_, nullptr));
+  }
 }
 
 // Must not end the channel, whose message this is: that is left to the caller, by fallen_.
@@ -138,6 +153,7 @@ void TunnelClient::come_up(const Welcome& welcome) {
   if (!tun_.up(welcome.address, welcome.gateway, welcome.prefix, welcome.mtu)) {
     log_line(LOG_ERR, "the interface does not take the address %s", to_text(welcome.address).c_str());
     fallen_ = Reason::Silent;
+    cause_ = "address-conflict";
     return;
   }
   stage_ = Stage::Online;
@@ -171,6 +187,14 @@ void TunnelClient::tick() {
     next_ = now;
   }
   if (stage_ != Stage::Shaking && now >= next_) ask();
+  if (stage_ == Stage::Online && heard_ >= told_ + HEARD_PERIOD) {
+    told_ = heard_;
+    edges_.heard();
+  }
+  // A server with another key drops our proof and sends nothing back.
+  if (stage_ == Stage::Shaking && channel_->awaits_proof() && now - heard_ > PROOF_TIME) {
+    return fall(Reason::Silent, "psk-wrong");
+  }
   const bool late = now - heard_ > (stage_ == Stage::Online ? SILENCE : LOGIN_TIME);
   if (late || channel_->state() == Channel::State::Ended) fall(Reason::Silent);
 }
@@ -186,9 +210,12 @@ void TunnelClient::ask() {
   }
 }
 
-void TunnelClient::fall(Reason reason) {
+void TunnelClient::fall(Reason reason, const char* code) {
   log_line(LOG_NOTICE, "%s: %s", stage_ == Stage::Online ? "the tunnel is down" : "no tunnel", reason_text(reason));
   leave();
+  if (const char* const noted = code ? code : code_of(reason); noted) {
+    edges_.failed(noted, code ? "" : reason_text(reason));
+  }
   if (is_final(reason) || !settings_.reconnect) {
     stage_ = Stage::Finished;
     return;

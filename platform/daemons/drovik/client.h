@@ -28,6 +28,9 @@ class Edges {
   virtual ~Edges() = default;
   virtual void up(const Welcome& welcome, Ipv4 server) = 0;
   virtual void down(Traffic traffic) = 0;
+  // An attempt or the tunnel has ended: a code of base/reason.h, and the text for people.
+  virtual void failed(const char* code, const char* detail) = 0;
+  virtual void heard() {}  // something has come from the server, said every few seconds
 };
 
 class TunnelClient {
@@ -50,7 +53,7 @@ class TunnelClient {
   void take_packets();
   void tick();
   void ask();
-  void fall(Reason reason);
+  void fall(Reason reason, const char* code = nullptr);
   void leave();
 
   ClientSettings settings_;
@@ -62,11 +65,13 @@ class TunnelClient {
   std::unique_ptr<Channel> channel_{};
   Stage stage_ = Stage::Waiting;
   Reason fallen_ = Reason::None;  // what the message at hand has brought about
+  const char* cause_ = nullptr;   // why, where that reason does not say it
   Ipv4 server_ = 0;
   Traffic traffic_{};
   unsigned attempts_ = 0;      // since the tunnel was last up
   Clock::time_point next_{};   // of the next attempt, login or ping
   Clock::time_point heard_{};  // or begun
+  Clock::time_point told_{};   // the last of heard_ that was passed on
 };
 
 }  // namespace fenro::drovik

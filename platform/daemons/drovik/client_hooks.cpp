@@ -5,13 +5,15 @@
 #include <spawn.h>
 #include <sys/wait.h>
 
-#include "common/argv.h"
+#include "base/argv.h"
+#include "common/heard.h"
 #include "daemons/drovik/log.h"
 
 namespace fenro::drovik {
 namespace {
 
 constexpr const char* UP = "/usr/lib/fenro/drovik-client-up";
+constexpr const char* NOTE = "/usr/lib/fenro/fenro-reason";
 constexpr const char* DOWN = "/usr/lib/fenro/drovik-client-down";
 
 // With an empty environment and no signal blocked.
@@ -48,6 +50,14 @@ void ClientHooks::up(const Welcome& welcome, Ipv4 server) {
 
 void ClientHooks::down(Traffic traffic) {
   runner_.submit(job({DOWN, section_, std::to_string(traffic.received), std::to_string(traffic.sent)}));
+}
+
+void ClientHooks::heard() {
+  note_heard(interface_);
+}
+
+void ClientHooks::failed(const char* code, const char* detail) {
+  runner_.submit(job({NOTE, section_, code, detail}));
 }
 
 }  // namespace fenro::drovik

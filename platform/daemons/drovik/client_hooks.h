@@ -16,6 +16,8 @@ class ClientHooks : public Edges {
 
   void up(const Welcome& welcome, Ipv4 server) override;
   void down(Traffic traffic) override;
+  void failed(const char* code, const char* detail) override;
+  void heard() override;
 
  private:
   std::string section_;

@@ -10,8 +10,9 @@
 #include <sys/file.h>
 #include <sys/signalfd.h>
 
+#include "base/file.h"
+#include "base/handle.h"
 #include "common/end_signals.h"
-#include "common/handle.h"
 #include "daemons/drovik/background.h"
 #include "daemons/drovik/client.h"
 #include "daemons/drovik/client_hooks.h"
@@ -24,8 +25,6 @@ using namespace fenro;
 using namespace fenro::drovik;
 using Conf = std::unique_ptr<Conf_dir, FreeWith<Conf_Dir_Free>>;
 
-constexpr mode_t PRIVATE = 0600;
-
 std::optional<ClientSettings> settings_of(const char* section) {
   const Conf conf{Conf_Dir_Load(VPN_CONF)};
   ClientSettings settings;
@@ -37,7 +36,7 @@ std::optional<ClientSettings> settings_of(const char* section) {
 
 // The only one of its profile; closed with the process.
 Fd take_pid_file(const char* path) {
-  Fd fd{open(path, O_RDWR | O_CREAT | O_CLOEXEC, PRIVATE)};
+  Fd fd{open(path, O_RDWR | O_CREAT | O_CLOEXEC, fenro::PRIVATE_FILE)};
   if (!fd || flock(fd.get(), LOCK_EX | LOCK_NB) != 0 || ftruncate(fd.get(), 0) != 0) return Fd{};
   dprintf(fd.get(), "%d\n", getpid());
   return fd;

@@ -207,6 +207,10 @@ void Channel::receive(std::string_view datagram, const Deliver& deliver) {
   in_ = {};
 }
 
+bool Channel::awaits_proof() const {
+  return state_ == State::Shaking && SSL_get_state(ssl_.get()) == TLS_ST_CW_FINISHED;
+}
+
 void Channel::send(std::string_view message) {
   if (state_ != State::Open || message.empty()) return;
   ERR_clear_error();

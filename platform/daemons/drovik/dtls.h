@@ -10,7 +10,7 @@
 
 #include <openssl/ssl.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 #include "daemons/drovik/udp.h"
 
 namespace fenro::drovik {
@@ -74,6 +74,8 @@ class Channel {
   void end();
 
   [[nodiscard]] State state() const { return state_; }
+  // On a client: the handshake is done but for the server's proof that it has the same key.
+  [[nodiscard]] bool awaits_proof() const;
   [[nodiscard]] const Peer& peer() const { return peer_; }
   [[nodiscard]] std::uint64_t records() const { return records_; }  // that the keys have protected, both ways
 

@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "common/handle.h"
+#include "base/handle.h"
 #include "daemons/drovik/dtls.h"
 
 namespace fenro::drovik {

@@ -8,7 +8,7 @@
 
 #include <openssl/evp.h>
 
-#include "common/file.h"
+#include "base/file.h"
 
 namespace fenro::drovik {
 namespace {
@@ -20,8 +20,8 @@ constexpr unsigned LOCAL = 2;            // set in the first byte of an address 
 constexpr unsigned MULTICAST = 1;        // and this one clear in that of a single machine
 
 std::string content_of(const std::string& path) {
-  Text text;
-  return read_file(path.c_str(), text) == 0 ? std::string{text.view()} : std::string{};
+  std::string text;
+  return read_file(path.c_str(), text) == 0 ? text : std::string{};
 }
 
 // What tells this machine from others: its number, else the addresses of its network cards.

@@ -1,6 +1,7 @@
 #include "daemons/drovik/server.h"
 
 #include <algorithm>
+#include <random>
 
 #include <openssl/crypto.h>
 
@@ -15,7 +16,6 @@ using std::chrono::seconds;
 constexpr milliseconds TICK{250};
 constexpr seconds LOGIN_TIME{15};  // from the first datagram with a cookie to the login
 constexpr seconds SILENCE{30};     // a client asks for a sign every ten
-constexpr std::size_t STRANGERS_MAX = 64;
 constexpr std::size_t CHECKS_AT_ONCE = 4;
 constexpr int ROUNDS = 8;     // of batches from one side, before the other has its turn
 constexpr int PACKETS = 256;  // the same for the interface
@@ -24,14 +24,15 @@ constexpr char HANDSHAKE_RECORD = 22;                          // first byte of 
 
 }  // namespace
 
-TunnelServer::TunnelServer(ServerSettings settings, const Dtls& dtls, UdpSocket socket, Tun tun, MayEnter may_enter)
+TunnelServer::TunnelServer(ServerSettings settings, const Dtls& dtls, UdpSocket socket, Tun tun, RefusalOf refusal_of)
     : settings_(std::move(settings)),
       dtls_(dtls),
       socket_(std::move(socket)),
       tun_(std::move(tun)),
-      may_enter_(std::move(may_enter)),
+      refusal_of_(std::move(refusal_of)),
+      gate_(std::random_device{}()),
       roster_(settings_.first, settings_.last, settings_.maximum),
-      doorman_(make_channel()),
+      listener_(make_channel()),
       checks_(CHECKS_AT_ONCE) {}
 
 TunnelServer::~TunnelServer() = default;
@@ -41,7 +42,7 @@ void TunnelServer::attach(bus::Server& bus) {
   bus.watch(tun_.fd(), [this] { take_packets(); });
   bus.watch(checks_.fd(), [this] {
     checks_.run_results();
-    bury();
+    reap();
     socket_.flush();
   });
   bus.every(TICK, [this] { tick(); });
@@ -61,7 +62,7 @@ TunnelServer::Session* TunnelServer::find(SessionId id) {
 
 void TunnelServer::take_datagrams() {
   const UdpSocket::Take take = [this](const Peer& from, std::string_view datagram) { take_datagram(from, datagram); };
-  for (int round = 0; round < ROUNDS && socket_.receive(take); ++round) bury();
+  for (int round = 0; round < ROUNDS && socket_.receive(take); ++round) reap();
   socket_.flush();
 }
 
@@ -77,24 +78,33 @@ void TunnelServer::take_datagram(const Peer& from, std::string_view datagram) {
 }
 
 void TunnelServer::take_stranger(const Peer& from, std::string_view datagram) {
-  if (datagram.front() != HANDSHAKE_RECORD || !doorman_->listen(from, datagram)) return;
-  std::unique_ptr<Channel> channel = std::exchange(doorman_, make_channel());
-  if (!make_room() || !gate_.enter(from.address, Clock::now())) {
-    log_line(LOG_DEBUG, "%s is turned away: too many logins at once", to_text(from.address).c_str());
+  const Clock::time_point now = Clock::now();
+  if (datagram.front() != HANDSHAKE_RECORD || !gate_.hear(from.address, now) || !listener_->listen(from, datagram))
+    return;
+  // Also for a peer that is refused now: the channel is in the middle of its handshake, and may have ended with it.
+  std::unique_ptr<Channel> channel = std::exchange(listener_, make_channel());
+  const bool full = gate_.is_full(from.address);
+  if (!gate_.enter(from.address, now)) {
+    log_line(LOG_DEBUG, "%s is refused: too many logins at once", to_text(from.address).c_str());
     return;
   }
-  ++strangers_;
+  if (full && !make_room(from.address)) return gate_.leave(from.address);
   by_peer_[from.key()] = ++last_id_;
   sessions_[last_id_] = {last_id_, std::move(channel), Stage::Shaking, Clock::now()};
 }
 
-// A full house sends the one away that has taken longest: waiting for it would let the slow ones shut others out.
-bool TunnelServer::make_room() {
-  if (strangers_ < STRANGERS_MAX) return true;
+// Ends the oldest handshake, so that slow clients do not shut others out. A client whose address is unknown does not
+// displace one from a known address.
+bool TunnelServer::make_room(Ipv4 newcomer) {
   Session* oldest = nullptr;
   for (auto& [id, session] : sessions_) {
-    const bool candidate = !session.gone && (session.stage == Stage::Shaking || session.stage == Stage::Silent);
-    if (candidate && (!oldest || session.heard < oldest->heard)) oldest = &session;
+    const bool shaking = !session.gone && (session.stage == Stage::Shaking || session.stage == Stage::Silent);
+    if (!shaking) continue;
+    const bool known = gate_.is_known(session.channel->peer().address);
+    if (known && !gate_.is_known(newcomer)) continue;
+    const bool oldest_known = oldest && gate_.is_known(oldest->channel->peer().address);
+    if (!oldest || (oldest_known && !known) || (oldest_known == known && session.heard < oldest->heard))
+      oldest = &session;
   }
   if (oldest) end(*oldest, Reason::Full);
   return oldest != nullptr;
@@ -134,16 +144,16 @@ void TunnelServer::take_login(Session& session, std::string_view message) {
   session.user = login.user;
   session.bytes.identifier = login.identifier;
   checks_.submit([this, id = session.id, login = std::move(login)]() mutable -> Workers::Then {
-    const bool good = may_enter_(login);
+    const std::string refusal = refusal_of_(login);
     OPENSSL_cleanse(login.password.data(), login.password.size());
-    return [this, id, good] { judge_login(id, good); };
+    return [this, id, refusal] { finish_login(id, refusal); };
   });
 }
 
-void TunnelServer::judge_login(SessionId id, bool good) {
+void TunnelServer::finish_login(SessionId id, const std::string& refusal) {
   Session* session = find(id);
   if (!session) return;
-  if (!good) return refuse(*session, Reason::Denied);
+  if (!refusal.empty()) return refuse(*session, Reason::Denied, refusal);
   const Roster::Entry entry = roster_.admit(id, session->user, session->bytes.identifier);
   if (entry.refused != Reason::None) return refuse(*session, entry.refused);
   if (Session* old = find(entry.replaced)) end(*old, Reason::Replaced);
@@ -151,8 +161,8 @@ void TunnelServer::judge_login(SessionId id, bool good) {
   session->address = entry.address;
   session->heard = Clock::now();
   session->since = std::time(nullptr);
-  --strangers_;
   gate_.leave(session->channel->peer().address);
+  gate_.remember(session->channel->peer().address);
   note_begin(*session);
   welcome(*session);
 }
@@ -162,10 +172,10 @@ void TunnelServer::welcome(Session& session) {
       encode(Welcome{session.address, settings_.gateway, settings_.prefix, TUNNEL_MTU, settings_.name_servers}));
 }
 
-void TunnelServer::refuse(Session& session, Reason reason) {
-  log_line(LOG_NOTICE, "login from %s refused: %s", to_text(session.channel->peer().address).c_str(),
-           reason_text(reason));
-  if (!session.user.empty()) note_refusal(session);
+void TunnelServer::refuse(Session& session, Reason reason, const std::string& why) {
+  const std::string said = why.empty() ? reason_text(reason) : why;
+  log_line(LOG_NOTICE, "login from %s refused: %s", to_text(session.channel->peer().address).c_str(), said.c_str());
+  if (!session.user.empty()) note_refusal(session, said);
   session.channel->send(encode(Kind::Refuse, reason));
   end(session, Reason::None);
 }
@@ -198,15 +208,15 @@ void TunnelServer::tick() {
       end(session, Reason::Worn);
     }
   }
-  bury();
+  reap();
   socket_.flush();
 }
 
-// The session stays until bury(), since whoever calls may be in the middle of its messages.
+// The session stays until reap(), since the caller may be in the middle of its messages.
 void TunnelServer::end(Session& session, Reason reason) {
   if (session.gone) return;
   session.gone = true;
-  buried_.push_back(session.id);
+  ended_.push_back(session.id);
   const Peer& peer = session.channel->peer();
   if (session.stage == Stage::Online) {
     roster_.leave(session.id);
@@ -215,23 +225,22 @@ void TunnelServer::end(Session& session, Reason reason) {
     log_line(LOG_INFO, "%s on %s has gone: %s", session.user.c_str(), to_text(session.address).c_str(),
              reason_text(reason));
   } else {
-    --strangers_;
     gate_.leave(peer.address);
-    log_line(LOG_DEBUG, "a login from %s comes to nothing", to_text(peer.address).c_str());
+    log_line(LOG_DEBUG, "login from %s abandoned", to_text(peer.address).c_str());
   }
   session.channel->end();
   by_peer_.erase(peer.key());
 }
 
-void TunnelServer::bury() {
-  for (const SessionId id : buried_) sessions_.erase(id);
-  buried_.clear();
+void TunnelServer::reap() {
+  for (const SessionId id : ended_) sessions_.erase(id);
+  ended_.clear();
 }
 
 void TunnelServer::stop() {
   for (auto& [id, session] : sessions_) end(session, Reason::Stopping);
   socket_.flush();
-  bury();
+  reap();
   notes_.finish();
 }
 

@@ -32,10 +32,11 @@ struct ClientBytes {
 
 class TunnelServer {
  public:
-  using MayEnter = std::function<bool(const Login& login)>;  // run by a thread of its own
+  // The reason for refusing a login, empty for one that is admitted. Called on a separate thread.
+  using RefusalOf = std::function<std::string(const Login& login)>;
 
   // `socket` listens, and `tun` is up, for as long as the object lives.
-  TunnelServer(ServerSettings settings, const Dtls& dtls, UdpSocket socket, Tun tun, MayEnter may_enter);
+  TunnelServer(ServerSettings settings, const Dtls& dtls, UdpSocket socket, Tun tun, RefusalOf refusal_of);
   ~TunnelServer();
   TunnelServer(const TunnelServer&) = delete;
   TunnelServer& operator=(const TunnelServer&) = delete;
@@ -64,20 +65,20 @@ class TunnelServer {
   void take_datagrams();
   void take_datagram(const Peer& from, std::string_view datagram);
   void take_stranger(const Peer& from, std::string_view datagram);
-  [[nodiscard]] bool make_room();
+  [[nodiscard]] bool make_room(Ipv4 newcomer);
   void take_message(Session& session, std::string_view message);
   void take_control(Session& session, std::string_view message);
   void take_login(Session& session, std::string_view message);
-  void judge_login(SessionId id, bool good);
+  void finish_login(SessionId id, const std::string& refusal);
   void welcome(Session& session);
-  void refuse(Session& session, Reason reason);
+  void refuse(Session& session, Reason reason, const std::string& why = {});
   void take_packets();
   void tick();
   void end(Session& session, Reason reason);
-  void bury();
+  void reap();
   void note_begin(const Session& session);
   void note_end(const Session& session);
-  void note_refusal(const Session& session);
+  void note_refusal(const Session& session, const std::string& why);
   [[nodiscard]] OnlineUser record_of(const Session& session) const;
   [[nodiscard]] std::unique_ptr<Channel> make_channel();
   [[nodiscard]] Session* find(SessionId id);
@@ -88,14 +89,13 @@ class TunnelServer {
   const Dtls& dtls_;
   UdpSocket socket_;
   Tun tun_;
-  MayEnter may_enter_;
+  RefusalOf refusal_of_;
+  Gate gate_;
   Roster roster_;
-  Gate gate_{};
-  std::unique_ptr<Channel> doorman_;  // answers strangers
+  std::unique_ptr<Channel> listener_;  // answers strangers
   std::unordered_map<SessionId, Session> sessions_{};
   std::unordered_map<std::uint64_t, SessionId> by_peer_{};
-  std::vector<SessionId> buried_{};
-  std::size_t strangers_ = 0;  // sessions that are not online
+  std::vector<SessionId> ended_{};
   SessionId last_id_ = 0;
   Workers checks_;
   Workers notes_{1};  // one, so that a session's end is noted after its begin

@@ -8,9 +8,9 @@
 #include <memory>
 #include <optional>
 
+#include "base/file.h"
+#include "base/handle.h"
 #include "common/end_signals.h"
-#include "common/file.h"
-#include "common/handle.h"
 #include "daemons/drovik/background.h"
 #include "daemons/drovik/log.h"
 #include "daemons/drovik/login.h"
@@ -28,11 +28,11 @@ using Conf = std::unique_ptr<Conf_dir, FreeWith<Conf_Dir_Free>>;
 
 std::optional<ServerSettings> settings_of(const char* section) {
   const Conf conf{Conf_Dir_Load(VPN_CONF)};
-  Text resolver;
+  std::string resolver;
   if (read_file(RESOLVER, resolver) != 0) resolver = {};  // then clients keep their own servers
   ServerSettings settings;
   std::string why;
-  if (read_server(conf.get(), section, resolver.view(), settings, why)) return settings;
+  if (read_server(conf.get(), section, resolver, settings, why)) return settings;
   log_line(LOG_ERR, "[%s] bad \"%s\"", section, why.c_str());
   return {};
 }
@@ -58,7 +58,7 @@ int serve(const char* section) {
   open_log("morvid", settings->debug);
   bus::Server bus{SERVICE};
   if (!bus.listen()) {
-    log_line(LOG_ERR, "somebody else serves %s", SERVICE);
+    log_line(LOG_ERR, "service name %s is already in use", SERVICE);
     return 1;
   }
   const auto dtls = Dtls::create(Dtls::Side::Server, settings->psk);
@@ -71,7 +71,7 @@ int serve(const char* section) {
   block_end_signals();
   std::signal(SIGPIPE, SIG_IGN);
   if (!open_devices(*settings, socket, tun)) return 1;
-  TunnelServer server{*settings, *dtls, std::move(socket), std::move(tun), may_enter};
+  TunnelServer server{*settings, *dtls, std::move(socket), std::move(tun), refusal_of};
   server.attach(bus);
   background.ready();
   const int status = bus.run();

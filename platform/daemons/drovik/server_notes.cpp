@@ -65,10 +65,10 @@ void TunnelServer::note_end(const Session& session) {
   });
 }
 
-void TunnelServer::note_refusal(const Session& session) {
+void TunnelServer::note_refusal(const Session& session, const std::string& why) {
   OnlineUser record = record_of(session);
   record.remote.clear();  // it got no address
-  notes_.submit([record = std::move(record)] { return noted(log_refusal(record)); });
+  notes_.submit([record = std::move(record), why] { return noted(log_refusal(record, why)); });
 }
 
 bus::Reply TunnelServer::disconnect(std::string_view body) {
@@ -78,7 +78,7 @@ bus::Reply TunnelServer::disconnect(std::string_view body) {
   Session* session = find(roster_.named(identifier));
   if (!session) return {MIB_SUCCESS, reply_text(NO_SUCH_CLIENT, json_text("no such client"))};
   end(*session, Reason::Kicked);
-  bury();
+  reap();
   socket_.flush();
   return {MIB_SUCCESS, reply_text(DONE, json_text(""))};
 }

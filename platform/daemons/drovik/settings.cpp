@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "common/base64.h"
+#include "base/base64.h"
 
 namespace fenro::drovik {
 namespace {

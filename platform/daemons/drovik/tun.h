@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "common/handle.h"
+#include "base/handle.h"
 #include "daemons/drovik/ipv4.h"
 
 namespace fenro::drovik {

@@ -9,6 +9,8 @@
 #include <optional>
 #include <sys/socket.h>
 
+#include "base/tunnel_mark.h"
+
 namespace fenro::drovik {
 namespace {
 
@@ -102,7 +104,9 @@ bool UdpSocket::listen(std::uint16_t port) {
 bool UdpSocket::connect(Ipv4 address, std::uint16_t port) {
   const sockaddr_in name = socket_address(address, port);
   connected_ = true;
-  return open() && ::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0;
+  if (!open()) return false;
+  set_option(fd_.get(), SOL_SOCKET, SO_MARK, TUNNEL_MARK);  // beyond our rights it goes by the address of the server
+  return ::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0;
 }
 
 void UdpSocket::prepare_receive() {

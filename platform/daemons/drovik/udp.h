@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "common/handle.h"
+#include "base/handle.h"
 #include "daemons/drovik/ipv4.h"
 
 namespace fenro::drovik {

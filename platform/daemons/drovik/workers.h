@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/handle.h"
+#include "base/handle.h"
 
 namespace fenro::drovik {
 

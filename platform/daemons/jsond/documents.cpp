@@ -3,7 +3,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "common/file.h"
+#include "base/file.h"
 
 namespace fenro::jsond {
 namespace {
@@ -36,11 +36,11 @@ std::string Documents::resolve(const std::string& path) const {
 std::string Documents::read(const std::string& path, Json& out) const {
   const std::string file = resolve(path);
   if (file.empty()) return NOT_OURS;
-  Text text;
+  std::string text;
   if (const int error = read_file(file.c_str(), text); error != 0) return reason(error);
-  if (text.size > DOCUMENT_MAX) return "the document is too long";
+  if (text.size() > DOCUMENT_MAX) return "the document is too long";
   json_error_t error{};
-  out = Json{json_loadb(text.view().data(), text.size, 0, &error)};
+  out = Json{json_loadb(text.data(), text.size(), 0, &error)};
   return out ? std::string{} : std::string{"the file holds no document: "} + error.text;
 }
 

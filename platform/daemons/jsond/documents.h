@@ -1,5 +1,5 @@
-// JSON documents in the files of one folder and those below it. A document is read and replaced whole: whoever reads
-// sees the old one or the new one.
+// JSON documents in the files of one folder and its subfolders. A document is read and replaced
+// whole: a reader sees either the old or the new one.
 #pragma once
 
 #include <cstddef>
@@ -15,13 +15,14 @@ class Documents {
  public:
   explicit Documents(std::string folder) : folder_(std::move(folder)) {}
 
-  // Each takes the full path of a file and returns an empty text, or why not. A path leads out of the folder neither by
-  // its words nor by links. A document is an object or an array.
+  // Both take the full path of a file and return an empty text, or the reason for the failure. A
+  // path cannot leave the folder, neither by ".." nor by links. A document is an object or an
+  // array.
   [[nodiscard]] std::string read(const std::string& path, Json& out) const;
   [[nodiscard]] std::string write(const std::string& path, const json_t* document) const;
 
  private:
-  // The file that a path means, with no links left in it; empty when it is not ours.
+  // Resolves a path and its links to a file; empty when it is outside the folder.
   [[nodiscard]] std::string resolve(const std::string& path) const;
 
   std::string folder_;

@@ -23,7 +23,7 @@ int main() {
     });
   }
   if (!server.listen()) {
-    std::fprintf(stderr, "fenro-jsond: somebody else serves %s\n", SERVICE);
+    std::fprintf(stderr, "fenro-jsond: service name %s is already in use\n", SERVICE);
     return 1;
   }
   return server.run();

@@ -4,7 +4,7 @@ namespace fenro::jsond {
 namespace {
 
 constexpr int FAILED = -1;
-constexpr std::size_t MESSAGE_MAX = 2 * DOCUMENT_MAX;  // a request may hold its document with blanks and escapes
+constexpr std::size_t MESSAGE_MAX = 2 * DOCUMENT_MAX;  // a request's document may contain blanks and escapes
 
 std::string path_of(const json_t* request) {
   const char* path = text_or_null(request, "path");

@@ -2,7 +2,7 @@
 
 #include <tuple>
 
-#include "common/file.h"
+#include "base/file.h"
 
 namespace fenro::mschap {
 namespace {
@@ -63,14 +63,14 @@ bool find_hash(std::string_view table, std::string_view user, NtHash& out) {
 }
 
 bool account_hash(const char* path, std::string_view user, std::string_view server, NtHash& out) {
-  Text secrets;
+  std::string secrets;
   std::string secret;
   if (user.empty() || read_file(path, secrets) != 0) return false;
-  if (!find_secret(secrets.view(), user, server, secret)) return false;
+  if (!find_secret(secrets, user, server, secret)) return false;
   if (!secret.starts_with('&')) return nt_hash(secret, out);
 
-  Text table;
-  return read_file(secret.c_str() + 1, table) == 0 && find_hash(table.view(), user, out);
+  std::string table;
+  return read_file(secret.c_str() + 1, table) == 0 && find_hash(table, user, out);
 }
 
 }  // namespace fenro::mschap

@@ -1,10 +1,9 @@
 #include "daemons/mschap/helper.h"
 
 #include <map>
+#include <nettle/memops.h>
 
-#include <openssl/crypto.h>
-
-#include "common/base64.h"
+#include "base/base64.h"
 #include "daemons/mschap/accounts.h"
 
 namespace fenro::mschap {
@@ -12,7 +11,7 @@ namespace {
 
 using Fields = std::map<std::string, std::string, std::less<>>;
 
-constexpr const char* REFUSED = "Authenticated: No\n.\n";
+constexpr std::string_view ADMITTED = "Authenticated: Yes\n";
 
 std::string_view line_of(std::string_view& text) {
   const std::string_view line = text.substr(0, text.find('\n'));
@@ -49,6 +48,17 @@ std::string user_of(const Fields& fields) {
 
 }  // namespace
 
+const char* const REFUSED = "Authenticated: No\n.\n";
+
+std::string user_of(std::string_view lines) {
+  Fields fields;
+  return parse(lines, fields) ? user_of(fields) : std::string{};
+}
+
+bool admits(std::string_view answer) {
+  return answer.starts_with(ADMITTED);
+}
+
 std::string judge(std::string_view lines, const char* secrets_path, std::string_view server) {
   Fields fields;
   Challenge challenge{};
@@ -59,8 +69,8 @@ std::string judge(std::string_view lines, const char* secrets_path, std::string_
   NtHash hash{};
   Response expected{};
   if (!account_hash(secrets_path, user_of(fields), server, hash)) return REFUSED;
-  if (!expected_response(hash, challenge, expected)) return REFUSED;
-  if (CRYPTO_memcmp(expected.data(), response.data(), response.size()) != 0) return REFUSED;
+  expected_response(hash, challenge, expected);
+  if (memeql_sec(expected.data(), response.data(), response.size()) == 0) return REFUSED;
   return "Authenticated: Yes\nUser-session-key: " + to_hex(session_key(hash)) + "\n.\n";
 }
 

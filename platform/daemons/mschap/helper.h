@@ -7,6 +7,15 @@
 
 namespace fenro::mschap {
 
+// The user that the request in `lines` is about; empty for a malformed request.
+[[nodiscard]] std::string user_of(std::string_view lines);
+
+// Whether an answer admits the user.
+[[nodiscard]] bool admits(std::string_view answer);
+
+// A refusal.
+extern const char* const REFUSED;
+
 // The answer to the request in `lines`. Whatever does not add up is a login refused.
 [[nodiscard]] std::string judge(std::string_view lines, const char* secrets_path, std::string_view server);
 

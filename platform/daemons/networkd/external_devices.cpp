@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "common/file.h"
+#include "base/file.h"
 
 namespace fenro::networkd {
 namespace {
@@ -83,12 +83,12 @@ std::string ExternalDevices::commit(Table next) {
 
 void ExternalDevices::load() {
   devices_.clear();
-  Text content;
+  std::string content;
   if (const int failure = read_file(path_.c_str(), content); failure != 0) {
     if (failure != ENOENT) put_aside(path_);
     return;
   }
-  const Json file{json_loadb(content.view().data(), content.size, 0, nullptr)};
+  const Json file{json_loadb(content.data(), content.size(), 0, nullptr)};
   if (!json_is_object(file.get())) return put_aside(path_);
   const char* key = nullptr;
   json_t* fields = nullptr;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <linux/rtnetlink.h>
 
+#include "daemons/networkd/guard.h"
 #include "daemons/networkd/interfaces.h"
 #include "daemons/networkd/ipv4_network.h"
 
@@ -61,6 +62,27 @@ Answer get_current_gw_info(State& state, const json_t*) {
     json_array_append_new(all.get(),
                           describe(*link, interface_type(*link), route.gateway, link->name, addresses).release());
   }
+  return succeed(std::move(all));
+}
+
+Answer guard_state(State& state, const json_t*) {
+  Json all = describe_guard();
+  const std::string mode = json_string_value(json_object_get(all.get(), "mode"));
+  const bool filtered = json_object_get(all.get(), "stopped") != nullptr;
+  const bool wanted = state.gateway.held() || !state.gateway.interface().empty();
+  const char* word = "guarding";
+  if (mode == "off") {
+    word = guard_is_paused() ? "paused" : "off";
+  } else if (!wanted) {
+    word = "idle";
+  } else if (!filtered) {
+    word = "failed";
+  } else if (state.gateway.held()) {
+    word = "holding";
+  }
+  json_object_set_new(all.get(), "state", json_string(word));
+  json_object_set_new(all.get(), "since", json_integer(state.gateway.since()));
+  json_object_set_new(all.get(), "interface", json_text(state.gateway.interface()).release());
   return succeed(std::move(all));
 }
 

@@ -13,6 +13,12 @@ namespace fenro::networkd {
 // "display_name" (the profile's name for a tunnel) and "IPv4", an array of objects with "ip" and "netmask".
 [[nodiscard]] Answer get_current_gw_info(State& state, const json_t* request);
 
+// Takes nothing: the guard, an object with "mode" ("off", "on", "strict"), "state" ("off", "idle" while the policy
+// names no gateway, "paused", "guarding" while a tunnel carries the traffic, "holding" without one, "failed" when the
+// kernel lacks the filter), "since", "interface", "stopped" (packets by "ipv4", "ipv6", "dns") and "lan" (networks left
+// open).
+[[nodiscard]] Answer guard_state(State& state, const json_t* request);
+
 // {"key":"gateway_policy"}: an object with that key, "1" if the host got its default route by itself (DHCP or router
 // advertisements), "2" if somebody set it.
 [[nodiscard]] Answer get_global_config(State& state, const json_t* request);

@@ -1,24 +1,14 @@
 #include "daemons/networkd/gateway_policy.h"
 
-#include <charconv>
+#include <string_view>
+#include <unistd.h>
 
+#include "base/lines.h"
+#include "base/tunnel.h"
 #include "common/json.h"
 
 namespace fenro::networkd {
 namespace {
-
-constexpr int SLOTS = 32;
-
-struct Tunnel {
-  std::string_view key;
-  std::string_view interface;
-  int base;  // the unit less the slot
-};
-
-constexpr Tunnel TUNNELS[] = {
-    {"PPTP_CLIENT", "ppp", 1000},     {"L2TP_CLIENT", "ppp", 1250}, {"OPENVPN_CLIENT", "tun", 2000},
-    {"DROVIK_CLIENT", "dtunc", 2500}, {"WG_CLIENT", "wgc", 3000},
-};
 
 json_int_t number(const json_t* object, const char* key) {
   return json_integer_value(json_object_get(object, key));
@@ -32,21 +22,21 @@ std::string interface_of(const json_t* gateway) {
 }  // namespace
 
 std::string tunnel_interface(std::string_view key) {
-  for (const Tunnel& tunnel : TUNNELS) {
-    if (!key.starts_with(tunnel.key)) continue;
-    const std::string_view rest = key.substr(tunnel.key.size());
+  for (const ormel::TunnelFacts& facts : ormel::TUNNELS) {
+    const std::string_view section = facts.client_section;
+    if (!key.starts_with(section)) continue;
     int slot = 0;
-    const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), slot);
-    if (error != std::errc() || end != rest.data() + rest.size() || slot < 1 || slot > SLOTS) return {};
-    return std::string(tunnel.interface) + std::to_string(tunnel.base + slot);
+    if (!parse_number(key.substr(section.size()), slot)) return {};
+    if (slot < 1 || slot > ormel::MAX_TUNNEL_INDEX) return {};
+    return ormel::interface_name(facts.client, slot);
   }
   return {};
 }
 
 std::string tunnel_key(const std::string& interface) {
-  for (const Tunnel& tunnel : TUNNELS) {
-    for (int slot = 1; slot <= SLOTS; ++slot) {
-      std::string key = std::string(tunnel.key) + std::to_string(slot);
+  for (const ormel::TunnelFacts& facts : ormel::TUNNELS) {
+    for (int slot = 1; slot <= ormel::MAX_TUNNEL_INDEX; ++slot) {
+      std::string key = facts.client_section + std::to_string(slot);
       if (tunnel_interface(key) == interface) return key;
     }
   }
@@ -57,6 +47,7 @@ GatewayPolicy read_gateway_policy(const char* path) {
   const Json root{json_load_file(path, 0, nullptr)};
   const json_t* setting = json_object_get(root.get(), "gw_setting");
   GatewayPolicy policy;
+  policy.damaged = !json_is_object(root.get()) && access(path, F_OK) == 0;
   if (number(setting, "as_gw_en") != 1) return policy;
   policy.first = interface_of(json_object_get(setting, "gw1"));
   policy.snat = number(setting, "snat") != 0;

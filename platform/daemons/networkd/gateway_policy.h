@@ -14,6 +14,7 @@ struct GatewayPolicy {
   bool snat = false;     // what leaves by the gateway takes its address
   // How long the first must have been well again before it takes back; empty: it never does.
   std::optional<std::chrono::minutes> reversion{};
+  bool damaged = false;  // the file is there and holds no document
 };
 
 // The interface of a client tunnel by its key, as "OPENVPN_CLIENT3"; empty for anything else.

@@ -5,7 +5,7 @@
 #include <net/if_arp.h>
 #include <unistd.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 #include "daemons/networkd/ipv4_network.h"
 #include "daemons/networkd/local_networks.h"
 

@@ -7,8 +7,8 @@
 #include <sys/socket.h>
 #include <thread>
 
+#include "base/handle.h"
 #include "common/cloud_hosts.h"
-#include "common/handle.h"
 
 namespace fenro::networkd {
 namespace {

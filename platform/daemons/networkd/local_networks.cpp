@@ -1,34 +1,17 @@
 #include "daemons/networkd/local_networks.h"
 
 #include <algorithm>
-#include <charconv>
+
+#include "base/lines.h"
+#include "base/tunnel.h"
 
 namespace fenro::networkd {
 namespace {
 
-struct TunnelUnits {
-  std::string_view prefix;
-  int first;
-  int last;
-};
-constexpr TunnelUnits OWN_TUNNELS[] = {
-    {"ppp", 0, 999},        // sessions of the PPTP and L2TP servers: a pair of addresses, no network of their own
-    {"ppp", 1001, 1032},    // PPTP clients
-    {"ppp", 1251, 1282},    // L2TP clients
-    {"tun", 1000, 1000},    // the OpenVPN server
-    {"tun", 2001, 2032},    // OpenVPN clients
-    {"dtunc", 2501, 2532},  // Drovik clients
-    {"dtuns", 0, 0},        // the Drovik server
-    {"wgc", 3001, 3032},    // WireGuard clients
-    {"wg", 0, 0},           // the WireGuard server
-};
-
-bool has_unit(std::string_view interface, const TunnelUnits& units) {
-  if (!interface.starts_with(units.prefix)) return false;
-  const std::string_view digits = interface.substr(units.prefix.size());
-  int unit = -1;
-  const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), unit);
-  return failure == std::errc{} && end == digits.data() + digits.size() && unit >= units.first && unit <= units.last;
+bool has_number(std::string_view interface, std::string_view prefix, int first, int last) {
+  if (!interface.starts_with(prefix)) return false;
+  int number = -1;
+  return parse_number(interface.substr(prefix.size()), number) && number >= first && number <= last;
 }
 
 std::string name_of(const std::vector<Link>& links, int index) {
@@ -39,8 +22,10 @@ std::string name_of(const std::vector<Link>& links, int index) {
 }  // namespace
 
 bool is_own_tunnel(std::string_view interface) {
-  return std::any_of(std::begin(OWN_TUNNELS), std::end(OWN_TUNNELS),
-                     [&](const TunnelUnits& units) { return has_unit(interface, units); });
+  return std::ranges::any_of(ormel::TUNNELS, [&](const ormel::TunnelFacts& facts) {
+    return has_number(interface, facts.server_interface, facts.first_number, facts.last_number) ||
+           has_number(interface, facts.interface, facts.base + 1, facts.base + ormel::MAX_TUNNEL_INDEX);
+  });
 }
 
 std::vector<LocalNetwork> local_networks(const std::vector<Link>& links, const std::vector<Address>& addresses) {

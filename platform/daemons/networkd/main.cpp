@@ -30,7 +30,7 @@ int main() {
   }
   server.every(LOOK_PERIOD, [&state] { networkd::look_around(state); });
   if (!server.listen()) {
-    std::fprintf(stderr, "fenro-networkd: somebody else serves %s\n", SERVICE);
+    std::fprintf(stderr, "fenro-networkd: service name %s is already in use\n", SERVICE);
     return 1;
   }
   return server.run();

@@ -120,6 +120,7 @@ constexpr Method METHODS[] = {
     {"api.get_bridge_members", get_bridge_members},
     {"api.get_currentGWinfo", get_current_gw_info},
     {"api.get_interfaceStatus", get_interface_status},
+    {"external_dev.guard_state", guard_state},
     {"external_dev.list", list_devices},
     {"external_dev.modify", modify_device},
     {"external_dev.register", register_device},

@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 
 namespace fenro::networkd {
 namespace {
@@ -186,6 +186,20 @@ bool parse_address(Bytes payload, Address& out) {
   return true;
 }
 
+namespace {
+
+bool parse_address_mark(Bytes payload, AddressMark& out) {
+  const auto message = leading<ifaddrmsg>(payload);
+  if (!message) return false;
+  const Bytes address = find_attribute(skip(payload, aligned(sizeof *message)), IFA_ADDRESS);
+  out.index = static_cast<int>(message->ifa_index);
+  out.address.assign(reinterpret_cast<const char*>(address.data()), address.size());
+  out.address += static_cast<char>(message->ifa_prefixlen);
+  return true;
+}
+
+}  // namespace
+
 bool parse_route(Bytes payload, Route& out) {
   const auto message = leading<rtmsg>(payload);
   if (!message || message->rtm_family != AF_INET || message->rtm_type != RTN_UNICAST) return false;
@@ -210,6 +224,10 @@ bool list_addresses(std::vector<Address>& out) {
 
 bool list_routes(std::vector<Route>& out) {
   return dump(RTM_GETROUTE, RTM_NEWROUTE, AF_INET, parse_route, out);
+}
+
+bool list_address_marks(std::vector<AddressMark>& out) {
+  return dump(RTM_GETADDR, RTM_NEWADDR, AF_UNSPEC, parse_address_mark, out);
 }
 
 }  // namespace fenro::networkd

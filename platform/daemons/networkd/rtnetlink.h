@@ -39,6 +39,12 @@ struct Route {  // IPv4, in host order
   unsigned protocol = 0;  // RTPROT_ value: who made it
 };
 
+struct AddressMark {  // of either family; another one means that the host's networks are others
+  int index = 0;      // of the interface
+  std::string address;
+  bool operator==(const AddressMark&) const = default;
+};
+
 using Bytes = std::span<const std::byte>;
 
 // The attribute of `type` among `attributes`, empty if it is not there.
@@ -54,5 +60,6 @@ using Bytes = std::span<const std::byte>;
 [[nodiscard]] bool list_links(std::vector<Link>& out);
 [[nodiscard]] bool list_addresses(std::vector<Address>& out);
 [[nodiscard]] bool list_routes(std::vector<Route>& out);
+[[nodiscard]] bool list_address_marks(std::vector<AddressMark>& out);
 
 }  // namespace fenro::networkd

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "common/file.h"
+#include "base/file.h"
 #include "common/json.h"
 
 namespace fenro::ormeld {
@@ -27,11 +27,11 @@ bool take(const json_t* object, const char* key, std::int64_t& out) {
 }  // namespace
 
 bool read_policy(const std::string& path, BlockPolicy& out) {
-  Text text;
+  std::string text;
   const int failure = read_file(path.c_str(), text);
   if (failure == ENOENT) return true;
   if (failure != 0) return false;
-  const Json document{json_loadb(text.view().data(), text.size, 0, nullptr)};
+  const Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
   const json_t* global = json_object_get(document.get(), "global");
   if (!json_is_object(document.get()) || (global && !json_is_object(global))) return false;
   return take(global, "enable", out.enable) && take(global, "limit", out.limit) && take(global, "time", out.time);

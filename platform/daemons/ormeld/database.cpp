@@ -5,13 +5,12 @@
 #include <sys/stat.h>
 #include <tuple>
 
-#include "common/file.h"
+#include "base/file.h"
 
 namespace fenro::ormeld {
 namespace {
 
 constexpr mode_t FOLDER_MODE = 0700;
-constexpr mode_t FILE_MODE = 0600;
 constexpr int BUSY_TIMEOUT_MS = 2000;  // somebody may read the file with another program
 
 // FULL: with a write-ahead log, NORMAL would lose the last commits in a power cut.
@@ -26,8 +25,8 @@ bool prepare_place(const std::string& path) {
   const std::string folder = path.substr(0, path.rfind('/'));
   if (!make_private_folder(folder) || chmod(folder.c_str(), FOLDER_MODE) != 0) return false;
   // Made before SQLite would make it; its companions take the mode of the file.
-  const Fd file{::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, FILE_MODE)};
-  return file && fchmod(file.get(), FILE_MODE) == 0;
+  const Fd file{::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, PRIVATE_FILE)};
+  return file && fchmod(file.get(), PRIVATE_FILE) == 0;
 }
 
 }  // namespace

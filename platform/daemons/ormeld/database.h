@@ -9,7 +9,7 @@
 
 #include <sqlite3.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 
 namespace fenro::ormeld {
 

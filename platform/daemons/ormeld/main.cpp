@@ -5,9 +5,9 @@
 #include <string>
 #include <sys/stat.h>
 
+#include "base/log_db_records.h"
 #include "daemons/ormeld/methods.h"
 #include "libmibservice/mibserver.h"
-#include "ormel/ormel_api_db_records.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ int main() {
     server.on(method.name, [&](std::string_view body) { return method.run(database, method.table, body); });
   }
   if (!server.listen()) {
-    std::fprintf(stderr, "ormeld: somebody else serves %s\n", ormel::log_db::SERVICE);
+    std::fprintf(stderr, "ormeld: service name %s is already in use\n", ormel::log_db::SERVICE);
     return 1;
   }
   return server.run();

@@ -3,8 +3,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/log_db_records.h"
 #include "daemons/ormeld/identifier.h"
-#include "ormel/ormel_api_db_records.h"
 
 namespace fenro::ormeld {
 namespace {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/log_db_records.h"
 #include "libmibservice/wire.h"
-#include "ormel/ormel_api_db_records.h"
 
 namespace fenro::ormeld {
 namespace {

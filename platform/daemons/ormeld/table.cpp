@@ -5,8 +5,8 @@
 
 #include <fenro/mibservice.h>
 
+#include "base/log_db_records.h"
 #include "daemons/ormeld/query.h"
-#include "ormel/ormel_api_db_records.h"
 
 namespace fenro::ormeld {
 namespace {

@@ -4,8 +4,8 @@
 #include <array>
 #include <type_traits>
 
+#include "base/log_db_records.h"
 #include "libmibservice/wire.h"
-#include "ormel/ormel_api_db_records.h"
 
 namespace fenro::ormeld {
 namespace {

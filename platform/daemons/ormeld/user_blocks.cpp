@@ -7,8 +7,8 @@
 
 #include <fenro/mibservice.h>
 
+#include "base/log_db_records.h"
 #include "daemons/ormeld/block_policy.h"
-#include "ormel/ormel_api_db_records.h"
 
 namespace fenro::ormeld {
 namespace {

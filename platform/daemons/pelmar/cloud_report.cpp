@@ -58,7 +58,7 @@ void CloudReport::ask(const CloudClient& cloud) {
                        {"Authorization: Device " + device.token}});
   const std::lock_guard lock{mutex_};
   state_.connected = reply.good() && reply.root;
-  if (state_.connected) state_.told = {reply.root.release(), FreeJson{}};
+  if (state_.connected) state_.report = {reply.root.release(), FreeJson{}};
 }
 
 }  // namespace fenro::pelmar

@@ -1,4 +1,5 @@
-// What the cloud last said of this device, asked for in the background: whoever wants to know is answered at once.
+// The cloud's latest report about this device, fetched in the background so that readers never
+// wait.
 #pragma once
 
 #include <chrono>
@@ -11,7 +12,7 @@
 
 namespace fenro::pelmar {
 
-// Asks twice a minute while the cloud agent is to run, and as soon as it is started.
+// Polls twice a minute while the cloud agent is enabled, and immediately when it starts.
 //
 // The cloud's answer, each part of which may be missing:
 //   {"router_region": {"device_name", "public_ip"}, "supernode_region": the same,
@@ -25,8 +26,8 @@ class CloudReport {
   ~CloudReport();
 
   struct State {
-    bool connected = false;                // the last question was answered
-    std::shared_ptr<const json_t> told{};  // by the last answer; null before the first
+    bool connected = false;                  // the last poll was answered
+    std::shared_ptr<const json_t> report{};  // the last answer; null before the first
   };
   [[nodiscard]] State state() const;
 

@@ -14,17 +14,17 @@ namespace fenro::pelmar {
 namespace {
 
 constexpr const char* SCRIPT = "/etc/init.d/pelmar_express.sh";
-constexpr const char* NOT_TOLD = "the cloud has not told";
+constexpr const char* NO_REPORT = "the cloud has not sent a report yet";
 
-json_t* told(const CloudReport::State& state, const char* key) {
-  return json_object_get(state.told.get(), key);
+json_t* report_member(const CloudReport::State& state, const char* key) {
+  return json_object_get(state.report.get(), key);
 }
 
-// A part of what the cloud has told, as it came.
+// One member of the cloud's report, unchanged.
 bus::Reply pass_on(const CloudReport& report, const char* key) {
   const CloudReport::State state = report.state();
-  const json_t* const part = told(state, key);
-  return part ? succeed(Json{json_deep_copy(part)}) : fail(NOT_TOLD);
+  const json_t* const part = report_member(state, key);
+  return part ? succeed(Json{json_deep_copy(part)}) : fail(NO_REPORT);
 }
 
 bus::Reply get_device_token() {
@@ -43,15 +43,15 @@ bus::Reply get_hub_info(const CloudReport& report, std::string_view body) {
   const char* const token = text_or_null(request.get(), "mdevice_token");
   if (!token || !*token || this_device().token != token) return fail("that is not the token of this device");
   const CloudReport::State state = report.state();
-  if (!state.told) return fail(NOT_TOLD);
+  if (!state.report) return fail(NO_REPORT);
   const Json regions{json_object()};
   for (const char* region : {"router_region", "supernode_region"}) {
-    if (json_t* const part = told(state, region)) json_object_set(regions.get(), region, part);
+    if (json_t* const part = report_member(state, region)) json_object_set(regions.get(), region, part);
   }
   return succeed(json_text(compact(regions.get())));
 }
 
-// One member for the tunnel to a region's device, none without such a device.
+// One member for the tunnel to a region's device; empty without a device.
 Json tunnels_to(const json_t* region, const SecurityAssociations& associations) {
   Json states{json_object()};
   const char* const name = text_or_null(region, "device_name");
@@ -64,11 +64,11 @@ bus::Reply get_ipsec_status(const CloudReport& report) {
   const CloudReport::State state = report.state();
   const SecurityAssociations associations = security_associations();
   return succeed(
-      Json{json_pack("{s:o, s:o}", "router", tunnels_to(told(state, "router_region"), associations).release(),
-                     "supernode", tunnels_to(told(state, "supernode_region"), associations).release())});
+      Json{json_pack("{s:o, s:o}", "router", tunnels_to(report_member(state, "router_region"), associations).release(),
+                     "supernode", tunnels_to(report_member(state, "supernode_region"), associations).release())});
 }
 
-// "address/prefix" of each network that the host is in, but for the loopback's.
+// "address/prefix" of each network of the host except the loopback's.
 Json local_networks() {
   Json networks{json_array()};
   ifaddrs* list = nullptr;
@@ -85,7 +85,7 @@ Json local_networks() {
   return networks;
 }
 
-// Tells the cloud of the host's networks and of the device's address.
+// Reports the host's networks and the device's address to the cloud.
 bus::Reply update_network_interfaces(const CloudClient& cloud) {
   const Device device = this_device();
   if (device.id.empty() || !switched_on(CLOUDAGENT_SWITCH)) return {MIB_NOT_READY};

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <tuple>
 
-#include "common/file.h"
+#include "base/file.h"
 
 namespace fenro::pelmar {
 
@@ -19,10 +19,10 @@ bool sample(long& down_since, bool up, long now) {
 }  // namespace
 
 LinkWatch::LinkWatch(std::string file) : file_(std::move(file)) {
-  Text kept;
+  std::string kept;
   if (read_file(file_.c_str(), kept) != 0) return;
   char* rest = nullptr;
-  cloud_down_ = std::strtol(kept.view().data(), &rest, 10);
+  cloud_down_ = std::strtol(kept.c_str(), &rest, 10);
   tunnels_down_ = std::strtol(rest, nullptr, 10);
 }
 
@@ -34,7 +34,7 @@ LinkWatch::Timeouts LinkWatch::report(bool cloud_up, bool tunnels_up, long now) 
 }
 
 void LinkWatch::save() const {
-  // Times that cannot be kept start again with the daemon.
+  // If the times cannot be stored, they start again with the daemon.
   std::ignore = replace_file(file_, std::to_string(cloud_down_) + ' ' + std::to_string(tunnels_down_) + '\n');
 }
 

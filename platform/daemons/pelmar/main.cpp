@@ -1,10 +1,10 @@
-// pelmar-agentd: the services "ormel_network_service" and "pelmar_expressd" on the bus, each in a thread of its own, so
-// that a slow cloud does not keep the one waiting for the other.
+// pelmar-agentd: the services "ormel_network_service" and "pelmar_expressd" on the bus. Each has
+// its own thread, so that a slow cloud does not make one wait for the other.
 #include <cstdio>
 #include <thread>
 
+#include "base/file.h"
 #include "common/end_signals.h"
-#include "common/file.h"
 #include "daemons/pelmar/member_files.h"
 #include "daemons/pelmar/methods.h"
 
@@ -28,13 +28,13 @@ int main() {
   bus::Server express{EXPRESS_SERVICE};
   for (bus::Server* server : {&network, &express}) {
     if (server->listen()) continue;
-    std::fprintf(stderr, "pelmar-agentd: somebody else serves %s\n",
+    std::fprintf(stderr, "pelmar-agentd: service name %s is already in use\n",
                  server == &network ? NETWORK_SERVICE : EXPRESS_SERVICE);
     return 1;
   }
   const CloudClient account_client;
   const CloudClient device_client;
-  std::ignore = make_private_folder(LINKS_FOLDER);  // without it the times are those of this run
+  std::ignore = make_private_folder(LINKS_FOLDER);  // without it the times only cover this run
   pelmar::LinkWatch links{LINKS_FILE};
   const pelmar::CloudReport report;
   pelmar::serve_network(network, account_client, links);

@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "common/pelmar_files.h"
+#include "base/pelmar_files.h"
 #include "libfenro/ini_file.h"
 
 namespace fenro::pelmar {

@@ -1,5 +1,6 @@
-// What the two services of a member answer. A reply is {"error":0,"data":...}, or {"error":1,"error_message":TEXT}.
-// Where callers look at nothing but whether the call came through, a failure is one of the call.
+// The methods of a member's two services. A reply is {"error":0,"data":...} or
+// {"error":1,"error_message":TEXT}. Where callers only check whether the call succeeded, a
+// failure makes the call fail.
 #pragma once
 
 #include "common/cloud_client.h"
@@ -9,13 +10,14 @@
 
 namespace fenro::pelmar {
 
-// "ormel_network_service": the tokens of the user's account, and how long the links have been down.
+// "ormel_network_service": the tokens of the user's account, and the links' down times.
 void serve_network(bus::Server& server, const CloudClient& cloud, LinkWatch& links);
 
-// "pelmar_expressd": the device's own token, its state at the cloud, its tunnels and its virtual interface.
+// "pelmar_expressd": the device's token, its state at the cloud, its tunnels and its virtual
+// interface.
 void serve_express(bus::Server& server, const CloudClient& cloud, const CloudReport& report);
 
-// Gives the virtual interface the address of the settings. Whether that could be done.
+// Assigns the address from the settings to the virtual interface. Returns whether that succeeded.
 [[nodiscard]] bool reset_virtual_interface();
 
 }  // namespace fenro::pelmar

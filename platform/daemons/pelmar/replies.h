@@ -1,4 +1,4 @@
-// The two forms of a reply, and requests as objects.
+// The two forms of a reply, and the parsing of requests into objects.
 #pragma once
 
 #include <string>

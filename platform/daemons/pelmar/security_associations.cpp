@@ -9,7 +9,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 
 namespace fenro::pelmar {
 
@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t DATAGRAM_MAX = 64UL * 1024;
 constexpr timeval PATIENCE{2, 0};
 
-// Copied out, as nothing says that it is aligned. False if there are too few bytes.
+// Copies the value out, as it may be unaligned. Returns false if there are too few bytes.
 template <typename T>
 bool leading(std::string_view bytes, T& out) {
   if (bytes.size() < sizeof out) return false;

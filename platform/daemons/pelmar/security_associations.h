@@ -1,4 +1,4 @@
-// The IPsec tunnels of the host, as its kernel knows them.
+// The host's IPsec tunnels, read from its kernel.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 namespace fenro::pelmar {
 
-// How a tunnel to one peer stands; callers know these numbers.
+// State of the tunnel to one peer. Callers rely on these numbers.
 enum class TunnelState : int {
   NONE = 0,
   HALF = 1,  // it carries one direction
@@ -18,14 +18,14 @@ enum class TunnelState : int {
 // Source and destination of each security association, as addresses of IPv4 in network order.
 using SecurityAssociations = std::set<std::pair<std::uint32_t, std::uint32_t>>;
 
-// Takes those of one answer of the kernel, which may be several messages long. One without keys, as it stands while the
-// ends still negotiate, does not count. False at the end of the list, and for anything that is damaged.
+// Adds the associations of one kernel answer, which may hold several messages. Skips larval ones,
+// which have no keys yet. Returns false at the end of the list and on malformed data.
 [[nodiscard]] bool take_associations(std::string_view answer, SecurityAssociations& out);
 
-// Those of the kernel; none where it does not tell.
+// Returns the kernel's associations; empty when the kernel does not answer.
 [[nodiscard]] SecurityAssociations security_associations();
 
-// `peer` is a dotted address; any other text is a peer without a tunnel.
+// `peer` is a dotted IPv4 address. Any other text counts as a peer without a tunnel.
 [[nodiscard]] TunnelState tunnel_state(const SecurityAssociations& associations, const char* peer);
 
 }  // namespace fenro::pelmar

@@ -5,9 +5,9 @@
 #include <ctime>
 #include <unistd.h>
 
-#include "common/base64.h"
-#include "common/file.h"
-#include "common/pelmar_files.h"
+#include "base/base64.h"
+#include "base/file.h"
+#include "base/pelmar_files.h"
 #include "daemons/pelmar/member_files.h"
 #include "libfenro/ini_file.h"
 
@@ -21,8 +21,8 @@ namespace {
 
 constexpr const char* LAST_SEEN = "PELMAR_TOKEN_LAST_SEEN";
 constexpr std::size_t KEPT_MAX = std::size_t{1} << 20;
-constexpr json_int_t NEVER = 0;   // runs out
-constexpr json_int_t HASTE = 60;  // seconds before its end a token counts as run out
+constexpr json_int_t NEVER = 0;   // expires
+constexpr json_int_t HASTE = 60;  // seconds before its expiry a token counts as expired
 constexpr json_int_t LONGEST_LIFE = 365L * 24 * 3600;
 
 json_int_t now() {
@@ -34,21 +34,21 @@ std::string text(const json_t* object, const char* key) {
   return value ? value : "";
 }
 
-// Seconds that something lives by what the cloud says; 0 when it does not say so.
+// Returns the lifetime from the cloud's answer, in seconds; 0 when it has none.
 json_int_t life(const json_t* object) {
   return std::clamp(json_integer_value(json_object_get(object, "expires_in")), NEVER, LONGEST_LIFE);
 }
 
 Json load(const char* file) {
-  Text content;
-  return read_file(file, content) == 0 ? parse_request(content.view(), KEPT_MAX) : nullptr;
+  std::string content;
+  return read_file(file, content) == 0 ? parse_request(content, KEPT_MAX) : nullptr;
 }
 
 bool store(const char* file, const json_t* document) {
   return make_private_folder(STATE_FOLDER) && replace_file(file, compact(document));
 }
 
-// A login as it is kept; null for an answer without a token.
+// Returns a login in its stored form; null for an answer without a token.
 Json login_of(const json_t* answer, const std::string& old_refresh_token) {
   const std::string token = text(answer, "access_token");
   if (token.empty()) return nullptr;
@@ -59,7 +59,7 @@ Json login_of(const json_t* answer, const std::string& old_refresh_token) {
                         seconds == 0 ? NEVER : now() + seconds)};
 }
 
-// In the plain alphabet, with its padding. A blank is a "+" that a form has eaten.
+// Converts to the standard alphabet with padding. A blank was a "+" before form decoding.
 std::string plain_base64(std::string_view encoded) {
   std::string out{encoded};
   for (char& c : out) c = c == '-' || c == ' ' ? '+' : c == '_' ? '/' : c;
@@ -77,7 +77,7 @@ Json renew(const CloudClient& cloud, const std::string& refresh_token) {
   return reply.good() ? login_of(reply.root.get(), refresh_token) : nullptr;
 }
 
-// The kept token of an organisation while it is good; empty otherwise.
+// Returns the stored token of an organisation while it is valid; empty otherwise.
 std::string kept_token(const std::string& organization) {
   const json_int_t seen = std::strtoll(join_setting(LAST_SEEN).c_str(), nullptr, 10);
   const Json kept = load(PELMAR_TOKEN_FILE);
@@ -88,7 +88,7 @@ std::string kept_token(const std::string& organization) {
 void keep_token(const std::string& organization, const std::string& token, json_int_t seconds) {
   const Json kept{json_pack("{s:s, s:s, s:I}", "organization", organization.c_str(), "token", token.c_str(),
                             "expires_in", seconds)};
-  // The key last: it makes good what is kept, which nobody misses.
+  // Write the key last: without it the stored token is ignored.
   if (store(PELMAR_TOKEN_FILE, kept.get()))
     std::ignore = ini::write_value(SETTINGS, JOIN_SECTION, LAST_SEEN, std::to_string(now()));
 }
@@ -101,7 +101,7 @@ bool save_cloud_token(std::string_view encoded) {
   const Json answer = parse_request(decoded);
   const Json login = answer ? login_of(answer.get(), "") : nullptr;
   if (!login || !store(CLOUD_TOKEN_FILE, login.get())) return false;
-  unlink(PELMAR_TOKEN_FILE);  // it was given to whoever was logged in before
+  unlink(PELMAR_TOKEN_FILE);  // it belongs to the previous login
   return true;
 }
 
@@ -110,7 +110,7 @@ std::string cloud_token(const CloudClient& cloud) {
   const json_int_t expires = json_integer_value(json_object_get(login.get(), "expires"));
   if (expires == NEVER || now() < expires - HASTE) return text(login.get(), "access_token");
   if (Json renewed = renew(cloud, text(login.get(), "refresh_token"))) {
-    std::ignore = store(CLOUD_TOKEN_FILE, renewed.get());  // one that cannot be kept is good for this once
+    std::ignore = store(CLOUD_TOKEN_FILE, renewed.get());  // if it cannot be stored, it still serves this call
     return text(renewed.get(), "access_token");
   }
   return now() < expires ? text(login.get(), "access_token") : "";

@@ -4,18 +4,17 @@
 
 #include <fenro/mibservice.h>
 
-#include "common/handle.h"
+#include "base/bus_handle.h"
+#include "base/handle.h"
 #include "common/json.h"
 #include "daemons/networkd/rtnetlink.h"
 
 namespace fenro::rated {
 namespace {
 
-using MibIo = std::unique_ptr<mib_io, FreeWith<mib_io_free>>;
-
 constexpr const char* DROVIK_SERVICE = "MorviServer";
 constexpr const char* DROVIK_METHOD = "bytes_info";
-constexpr int DROVIK_TIMEOUT = 1;  // seconds, for which nobody else is answered
+constexpr int DROVIK_TIMEOUT = 1;  // seconds, during which no other client is served
 constexpr int NO_FLAG = -1;
 
 std::uint64_t bytes_in(const json_t* count) {

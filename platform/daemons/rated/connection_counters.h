@@ -1,4 +1,5 @@
-// Byte counters of the connections to the appliance's servers, from where each kind of server has them.
+// Byte counters of the connections to the appliance's servers, from each server type's own
+// source.
 #pragma once
 
 #include <cstdint>
@@ -7,17 +8,18 @@
 
 namespace fenro::rated {
 
-// From the appliance's point of view: what it has received from the client and sent to it.
+// Bytes received from the client and sent to it, as seen by the appliance.
 struct Counters {
   std::string key{};
   std::uint64_t rx_bytes = 0;
   std::uint64_t tx_bytes = 0;
-  int generation = 0;  // differs when what counts was made anew
+  int generation = 0;  // changes when the counter was created again
 };
 
-// Of all network interfaces by their names: a PPP session has one of its own.
+// Counters of all network interfaces by name. Each PPP session has its own interface.
 [[nodiscard]] std::vector<Counters> interface_counters();
-// Of the clients of the appliance's own tunnel, by the identifiers that its daemon gives; none without the daemon.
+// Counters of the Drovik clients, by the identifiers that the daemon assigns; empty without the
+// daemon.
 [[nodiscard]] std::vector<Counters> drovik_clients();
 
 }  // namespace fenro::rated

@@ -29,7 +29,7 @@ int main() {
   });
   server.every(PERIOD, [&] { rates.tick(RateServer::Clock::now()); });
   if (!server.listen()) {
-    std::fprintf(stderr, "fenro-rated: somebody else serves %s\n", SERVICE);
+    std::fprintf(stderr, "fenro-rated: service name %s is already in use\n", SERVICE);
     return 1;
   }
   return server.run();

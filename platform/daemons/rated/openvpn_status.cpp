@@ -9,22 +9,22 @@
 #include <string>
 #include <sys/socket.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 
 namespace fenro::rated {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Version 3 parts its columns by tabs, which no name of a client can hold. A "quit" that the daemon has already got
-// would make it drop what it has not sent yet, so closing the connection has to do.
+// Version 3 separates its columns by tabs, which a client's name cannot contain. The daemon drops
+// unsent output when it reads "quit", so the connection is just closed.
 constexpr std::string_view QUESTION = "status 3\n";
 constexpr std::string_view LAST_LINE = "\nEND\r\n";
 constexpr char SEPARATOR = '\t';
 constexpr std::string_view CLIENT = "CLIENT_LIST";
 enum Column : std::size_t { KIND, NAME, REAL_ADDRESS, ADDRESS, ADDRESS6, RECEIVED, SENT, COLUMNS };
 
-constexpr std::size_t ANSWER_LIMIT = std::size_t{4} * 1024 * 1024;  // some 20,000 clients
+constexpr std::size_t ANSWER_LIMIT = std::size_t{4} * 1024 * 1024;  // about 20,000 clients
 
 bool wait_for(int fd, short events, Clock::time_point deadline) {
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -39,7 +39,7 @@ Fd connect_to(std::uint16_t port, Clock::time_point deadline) {
   place.sin_port = htons(port);
   place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (!fd) return fd;
-  // What the connect has come to shows when the question is sent.
+  // A failed connect shows when the command is sent.
   std::ignore = connect(fd.get(), reinterpret_cast<const sockaddr*>(&place), sizeof place);
   if (!wait_for(fd.get(), POLLOUT, deadline)) fd.reset();
   return fd;
@@ -79,7 +79,7 @@ std::optional<Counters> parse_client(std::string_view line) {
 
 std::vector<Counters> parse_status(std::string_view text) {
   std::vector<Counters> clients;
-  // A last line without its end may lack digits of its last number.
+  // An unterminated last line may lack digits of its last number.
   for (std::size_t end = 0; (end = text.find('\n')) != std::string_view::npos; text.remove_prefix(end + 1)) {
     if (auto client = parse_client(text.substr(0, end))) clients.push_back(std::move(*client));
   }

@@ -1,4 +1,4 @@
-// What the OpenVPN server says of its clients on its management port.
+// The OpenVPN server's client list, read from its management port.
 #pragma once
 
 #include <chrono>
@@ -11,12 +11,13 @@
 
 namespace fenro::rated {
 
-// The clients by "ADDRESS:PORT"; none when nobody answers. The port serves one caller at a time, so it is given back at
-// once, and in `patience` at the latest; the lines that have come by then count.
+// Returns the clients by "ADDRESS:PORT"; empty when the port does not answer. The port serves one
+// caller at a time, so the connection is closed at once, after `patience` at the latest. Lines
+// received until then count.
 [[nodiscard]] std::vector<Counters> openvpn_clients(std::uint16_t port = openvpn::SERVER_PORT,
                                                     std::chrono::milliseconds patience = std::chrono::seconds{1});
 
-// The lines of the clients in an answer to "status 3". All that is no such line is passed over.
+// Parses the client lines of an answer to "status 3". Skips all other lines.
 [[nodiscard]] std::vector<Counters> parse_status(std::string_view text);
 
 }  // namespace fenro::rated

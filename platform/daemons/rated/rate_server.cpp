@@ -5,6 +5,7 @@
 #include <climits>
 #include <set>
 
+#include "base/tunnel.h"
 #include "common/json.h"
 
 namespace fenro::rated {
@@ -12,24 +13,29 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto FRESH = 900ms;   // a reading of this age is good enough, and ticks come a little early at times
-constexpr auto WATCHED = 30s;   // how long a question keeps the readings going
-constexpr auto OUTDATED = 10s;  // a rate since a reading of this age says nothing of now
-
-constexpr std::uint32_t OPENVPN = 4;
-constexpr std::uint32_t DROVIK = 16;
+constexpr auto FRESH = 900ms;   // a reading of this age is recent enough; ticks can come a little early
+constexpr auto WATCHED = 30s;   // readings continue this long after a request
+constexpr auto OUTDATED = 10s;  // a rate based on an older reading is meaningless
 
 using Source = std::function<std::vector<Counters>()> Sources::*;
 
-// Which source counts the connections of a server type.
-Source source_of(std::uint32_t type) {
-  if (type == OPENVPN) return &Sources::openvpn;
-  return type == DROVIK ? &Sources::drovik : &Sources::interfaces;
+ormel::Sessions sessions_of(const OnlineUser& user) {
+  return ormel::sessions_of(static_cast<ormel::TYPE>(user.type));
+}
+
+// The source of a connection's counters.
+Source source_of(const OnlineUser& user) {
+  switch (sessions_of(user)) {
+    case ormel::Sessions::OPENVPN: return &Sources::openvpn;
+    case ormel::Sessions::DROVIK: return &Sources::drovik;
+    default: return &Sources::interfaces;
+  }
 }
 constexpr std::array<Source, 3> ALL_SOURCES{&Sources::interfaces, &Sources::openvpn, &Sources::drovik};
 
 std::string key_of(const OnlineUser& user) {
-  return user.type == OPENVPN ? user.source + ':' + std::to_string(user.number) : user.interface;
+  const bool by_port = sessions_of(user) == ormel::Sessions::OPENVPN;
+  return by_port ? user.source + ':' + std::to_string(user.number) : user.interface;
 }
 
 json_t* rate_value(std::uint64_t rate) {
@@ -61,18 +67,19 @@ networkd::Link as_link(const Counters& counters) {
 
 }  // namespace
 
-// The sources that nobody needs are not asked.
+// Reads only the sources that live connections need.
 std::vector<Counters> RateServer::read() const {
   std::vector<Counters> live;
   const std::vector<OnlineUser> users = sources_.users();
   for (const Source source : ALL_SOURCES) {
     std::set<std::string> keys;
     for (const OnlineUser& user : users) {
-      if (source_of(user.type) == source) keys.insert(key_of(user));
+      if (source_of(user) == source) keys.insert(key_of(user));
     }
     if (keys.empty()) continue;
     for (Counters& counters : (sources_.*source)()) {
-      if (keys.erase(counters.key) > 0) live.push_back(std::move(counters));  // once, however often it is listed
+      if (keys.erase(counters.key) > 0)
+        live.push_back(std::move(counters));  // once, even if it is listed several times
     }
   }
   return live;

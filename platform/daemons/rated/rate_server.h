@@ -1,8 +1,9 @@
-// Counters and rates of the live connections: whoever stands in the list of online users, under the key by which the
-// list's readers know him.
+// Counters and rates of the live connections, taken from the list of online users and keyed as in
+// that list.
 //
-// Readings are taken only while somebody asks, so that an idle appliance does not wake up and no log of a server fills
-// with the visits to its management port. The first answer after a pause therefore has no rates.
+// Readings are taken only while clients ask, so that an idle appliance does not wake up and the
+// servers' logs do not fill with management connections. The first answer after a pause therefore
+// has no rates.
 #pragma once
 
 #include <chrono>
@@ -16,7 +17,7 @@
 
 namespace fenro::rated {
 
-// Where the readings come from.
+// The sources of the readings.
 struct Sources {
   std::function<std::vector<OnlineUser>()> users;
   std::function<std::vector<Counters>()> interfaces;
@@ -33,7 +34,7 @@ class RateServer {
   // The reply: {"error":0,"data":[{"key":..., "rx_bytes":..., "tx_bytes":..., "rx_rate":..., "tx_rate":...}...]}.
   [[nodiscard]] std::string all_server_stat(Clock::time_point now);
 
-  // To be called about once a second.
+  // Must be called about once a second.
   void tick(Clock::time_point now);
 
  private:

@@ -3,7 +3,12 @@
 # and the executables run as the tunnel comes and goes. Read by "." behind vpn_lib.sh.
 # shellcheck disable=SC2034,SC2154 # some names are for the reader, others from vpn_lib.sh
 
-CLIENT_MARKS=$RUN_DIR/tunnels # a file for each client tunnel that is up
+# shellcheck source=guard_lib.sh
+. /usr/lib/fenro/guard_lib.sh
+
+AS_LOOKUP=/usr/lib/fenro/as-lookup
+CLIENT_MARKS=$RUN_DIR/tunnels # a file for each client tunnel that is up: LOCAL REMOTE SINCE SERVER
+ANSWER_PRIORITY=15000         # plus the unit
 LOOKUP_SECONDS=10             # that the name of a server may take
 
 # client_slot SECTION: sets slot, unit and interface of the profile that the section holds.
@@ -34,55 +39,99 @@ client_script() {
   client_slot "$section" || die "not a profile index: '$2'"
 }
 
+# client_action ACTION: run under the script's lock. What was noted about a profile does not outlive a start or a stop; a
+# "redial" is neither. Scripts have running, start_action and, if it is not client_down, down_action. To their own actions
+# come "keep", which starts a tunnel that is on and does not run, and "forget", the falling edge of one whose daemon was
+# killed.
+client_action() {
+  local status=0
+  case $1 in
+    start | connect)
+      wanted_add "$section"
+      reason "$section" --start
+      ;;
+    stop | disconnect | remove) wanted_remove "$section" ;;
+  esac
+  "$1" || status=$?
+  case $1 in stop | disconnect | remove) reason "$section" --clear ;; esac
+  return "$status"
+}
+
+keep() {
+  may_keep "$section" && ! running || exit "$NOTHING_TO_DO"
+  # Routing and NAT of the interface are set up when a profile is added; a restart of the host or its firewall takes them.
+  /etc/init.d/vpn_common.sh add_vpnclient_profile "$interface" 9>&- || :
+  reason "$section" --start
+  "$start_action"
+}
+
+forget() {
+  ! running || exit "$NOTHING_TO_DO"
+  ! client_known "$section" || "${down_action:-client_down}" "$section"
+}
+
 # A profile may be gone by now; setting a key would bring a part of its section back.
 client_known() { [ -n "$(vpn_get "$1" Index)" ]; }
 
 # client_resolve HOST: an address of it. Looked up once, so that all that tells of a tunnel names the same.
 client_resolve() {
   local address
-  address=$(timeout "$LOOKUP_SECONDS" getent ahostsv4 "$1" | awk 'NR == 1 { print $1 }')
-  is_ipv4 "$address" && printf '%s\n' "$address"
+  address=$("$AS_LOOKUP" timeout "$LOOKUP_SECONDS" getent ahostsv4 "$1" | awk 'NR == 1 { print $1 }')
+  is_ipv4 "$address" && guard_admit "$address" && printf '%s\n' "$address"
 }
 
 # client_up SECTION LOCAL REMOTE SERVER [DNS]: the rising edge.
 client_up() {
+  local since
+  client_answers_remove
+  ip rule add from "$2" lookup "$unit" priority $((ANSWER_PRIORITY + unit)) 2>/dev/null ||
+    note "[$1] what comes in by the tunnel may be answered by another way"
   # LocalIP comes last: a profile that has it counts as connected, and the rest should be there by then.
   vpn_set "$1" RemoteIP "$3"
   vpn_set "$1" 'Real Address' "$4"
   if is_ipv4 "${5-}"; then vpn_set "$1" 'DNS Server' "$5"; fi
-  vpn_set "$1" 'Time Stamp' "$(date +%s)"
+  reason "$1" --clear
+  since=$(date +%s)
+  vpn_set "$1" 'Time Stamp' "$since"
   vpn_set "$1" LocalIP "$2"
   mkdir -p "$CLIENT_MARKS"
-  : >"$CLIENT_MARKS/$1"
+  printf '%s %s %s %s\n' "$2" "$3" "$since" "$4" >"$RUN_DIR/$1.mark"
+  mv -f "$RUN_DIR/$1.mark" "$CLIENT_MARKS/$1"
   client_log "$1" client-up "$2" "$4"
   client_edge "$1" Up "$2" "$3"
 }
 
-# client_down SECTION: the falling edge. Whoever takes the mark away first runs it, so it runs once.
+# What comes from a tunnel's own address goes into it: an answer does not leave in clear by the host's own route.
+client_answers_remove() {
+  local priority=$((ANSWER_PRIORITY + unit))
+  while [ -n "$(ip rule show priority "$priority" 2>/dev/null)" ] && ip rule del priority "$priority" 2>/dev/null; do :; done
+}
+
+# client_down SECTION: the falling edge. The process that removes the mark runs it, so it runs
+# once. The mark contains what the row needs, since another process that ends the same tunnel may
+# be clearing the keys.
 client_down() {
-  local local_ip remote_ip server since
-  local_ip=$(vpn_get "$1" LocalIP)
-  remote_ip=$(vpn_get "$1" RemoteIP)
-  server=$(vpn_get "$1" 'Real Address')
-  since=$(vpn_get "$1" 'Time Stamp' 0)
+  local local_ip remote_ip server since taken="$RUN_DIR/$1.ended.$$"
   client_clear "$1"
-  rm "$CLIENT_MARKS/$1" 2>/dev/null || return 0
+  client_answers_remove
+  rm -f "$RUN_DIR/heard/$interface"
+  mv "$CLIENT_MARKS/$1" "$taken" 2>/dev/null || return 0
+  read -r local_ip remote_ip since server <"$taken"
+  rm -f "$taken"
   client_log "$1" client-down "$local_ip" "$server" "$since"
   client_edge "$1" Down "$local_ip" "$remote_ip"
 }
 
-# client_log SECTION EVENT LOCAL SERVER [SINCE]: a row of the connection log. It keeps none of WireGuard. A hook that knows
+# client_log SECTION EVENT LOCAL SERVER [SINCE]: a row of the connection log, for protocols that have any. A hook that knows
 # the bytes has them in CONNECTION_RECEIVED and CONNECTION_SENT.
 client_log() {
-  local type section="$1" event="$2"
+  local row type section="$1" event="$2"
   shift 2
-  case $section in
-    PPTP_*) type=256 ;;
-    L2TP_*) type=512 ;;
-    OPENVPN_*) type=1024 ;;
-    DROVIK_*) type=4096 ;;
-    *) return 0 ;;
-  esac
+  type=
+  for row in $LOGGED_CLIENTS; do
+    is_slot "${section#"${row%:*}"}" && type=${row#*:}
+  done
+  [ -n "$type" ] || return 0
   CONNECTION_NAME=$(vpn_get "$section" 'Profile File') CONNECTION_RECEIVED=${CONNECTION_RECEIVED-} \
     CONNECTION_SENT=${CONNECTION_SENT-} /usr/lib/fenro/fenro-connection "$event" "$type" "$@" 2>/dev/null ||
     note "[$section] the connection is not in the log"

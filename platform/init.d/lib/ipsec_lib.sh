@@ -103,3 +103,33 @@ ipsec_remove() {
   ike_running && ike_command --terminate --ike "$1" --force
   with_lock ipsec ipsec_load
 }
+
+ike_established() {
+  STRONGSWAN_CONF=$IKE_CONF timeout "$IKE_PATIENCE" swanctl --list-sas --ike "$1" --uri "$IKE_SOCKET" </dev/null 2>/dev/null 9>&- |
+    grep -q ESTABLISHED
+}
+
+# ike_failure NAME SECONDS: has the daemon shake hands. Prints why that fails, the code and the daemon's own word; fails
+# itself when there is a connection.
+ike_failure() {
+  local said
+  ! ike_established "$1" || return 1
+  said=$(STRONGSWAN_CONF=$IKE_CONF timeout "$IKE_PATIENCE" swanctl --initiate --ike "$1" --timeout "$2" --uri "$IKE_SOCKET" \
+    </dev/null 2>&1 9>&-) && return 1
+  printf '%s\n' "$said" | awk '
+    # A peer with another key cannot read what we prove ours with, nor we its complaint. The first row that fits counts.
+    function sign(words, code) { if (found == "" && index(text, words)) { found = code; word = line[words] } }
+    { text = text "\n" $0; for (w in signs) if (index($0, signs[w])) line[signs[w]] = $0 }
+    BEGIN {
+      n = split("NO_PROPOSAL_CHOSEN|AUTHENTICATION_FAILED|INVALID_HASH_INFORMATION|PAYLOAD_MALFORMED|malformed INFORMATIONAL|" \
+        "could not decrypt|hash does not match|INVALID_KEY_INFORMATION|Network is unreachable|No route to host", signs, "|")
+    }
+    END {
+      sign("NO_PROPOSAL_CHOSEN", "no-common-cipher")
+      for (i = 2; i <= 8; ++i) sign(signs[i], "psk-wrong")
+      for (i = 9; i <= n; ++i) sign(signs[i], "no-route")
+      if (found == "") { found = "no-answer"; word = "no answer to the IKE handshake" }
+      sub(/^\[[A-Z]+\] /, "", word)
+      print found " " word
+    }'
+}

@@ -7,53 +7,14 @@ OVPN_SERVER_BIT=4
 OVPN_CLIENTS=/etc/config/openvpn/clients
 OVPN_DAEMON=/usr/sbin/openvpn
 
-# How the daemon reads a profile, as awk functions. Its lines stand in blocks, which end where a line begins with the
-# closing tag, or outside. option() is true for a line outside of a block that sets something: "name" is what, and
-# "values" are its words from "word" 1 on, all without the quotes that the daemon would take away. "setenv opt" before
-# an option only makes the daemon forgive it. A <connection> block holds options itself.
-# shellcheck disable=SC2016 # what follows is awk's
-OVPN_READER='
-  function option(   text, count, at) {
-    text = $0
-    sub(/\r$/, "", text)
-    sub(/^[ \t]+/, "", text)
-    if (block != "") { if (index(text, "</" block ">") == 1) block = ""; return 0 }
-    if (text ~ /^<\/?connection>[ \t]*$/ || text ~ /^[#;]/ || text == "") return 0
-    if (text ~ /^<[^<>]+>[ \t]*$/) { block = substr(text, 2, index(text, ">") - 2); return 0 }
-    gsub(/["\047\\]/, "", text)
-    count = split(text, part, /[ \t]+/)
-    for (at = 1; part[at] == "setenv" && part[at + 1] == "opt"; at += 2);
-    name = part[at]
-    sub(/^-+/, "", name)
-    split("", word)
-    for (words = 0; at + words < count; ++words) word[words + 1] = part[at + words + 1]
-    return 1
-  }'
-
-# ovpn_risk PROFILE: the first line that would have the daemon load, run or hand out something, and that no option
-# behind the profile could take back. Nothing is printed for a profile that may run.
-ovpn_risk() {
-  awk "$OVPN_READER"'
-    # Variables are for scripts, and some of them have a meaning for every program.
-    function commands(variable) {
-      return variable ~ /^(LD_|GLIBC_|MALLOC_|BASH|OPENSSL_|LOC|GCONV|TZ)/ || variable ~ /^(ENV|PATH|IFS|SHELLOPTS|PS4|CDPATH|NLSPATH|TMPDIR|HOSTALIASES|RES_OPTIONS)$/
-    }
-    # The folder of root s own libraries, or the one that the daemon itself has for plugins.
-    function installed(file) { return (file ~ /^\/usr\/lib\// && file !~ /\.\./) || file !~ /\// }
-    BEGIN { split("config chroot engine providers pkcs11-providers replay-persist tls-export-cert genkey mktun rmtun", rows, " "); for (i in rows) never[rows[i]] }
-    !option() { next }
-    name in never || (name == "plugin" && !installed(word[1])) || (name == "setenv" && commands(word[1])) { print name " " word[1]; exit }
-    # A file of names and passwords would be sent to whoever the profile says is the proxy.
-    name == "http-proxy-user-pass" || (name == "socks-proxy" && words > 2) { print name; exit }
-    name == "http-proxy" && words > 2 && word[3] !~ /^(auto|auto-nct|none|stdin)$/ { print name " " word[3]; exit }
-  ' "$1"
-}
+# The reader of foreign profiles.
+ovpn_profile() { /usr/lib/fenro/fenro-openvpn-profile "$@"; }
 
 # ovpn_known_ciphers PROFILE: its "data-ciphers" without those that the installed daemon would refuse to start with.
 ovpn_known_ciphers() {
   {
     "$OVPN_DAEMON" --show-ciphers 2>/dev/null | sed -n 's/^\([A-Z0-9][A-Za-z0-9-]*\) .*/known \1/p'
-    awk "$OVPN_READER"' option() && name == "data-ciphers" { print "list " word[1] }' "$1"
+    printf 'list %s\n' "$(ovpn_value data-ciphers "$1")"
   } | awk '
     $1 == "known" { known[toupper($2)] = $2; next }
     $1 == "list" {
@@ -106,8 +67,46 @@ ovpn_device() {
 }
 
 # ovpn_value NAME PROFILE: the first word of the last line of a name.
-ovpn_value() {
-  NAME=$1 awk "$OVPN_READER"' option() && name == ENVIRON["NAME"] { value = word[1] } END { print value }' "$2"
+ovpn_value() { ovpn_profile value "$1" <"$2" 2>/dev/null; }
+
+# ovpn_jail PLACE COMMAND...: runs the command in a separate view of the file system, in which the system is read-only
+# and PLACE is an empty folder in memory, root's alone, that goes with the last process in there. A hook of ours writes
+# settings, so these stay. With PLACE "" nothing can be written but a /tmp that
+# is its own. What the kernel refuses is said aloud, and the
+# command runs without it. Nothing is run behind this.
+# shellcheck disable=SC2016 # for the other shell
+OVPN_JAIL='
+  . /usr/lib/fenro/vpn_lib.sh
+  place=$1
+  shift
+  refused() { say "the kernel refuses a separate view of the file system: $1 stays as it is"; }
+  if [ -n "$place" ]; then
+    { mkdir -p -m 0700 "$place" && mount -t tmpfs -o mode=0700,size=32m,nosuid,nodev,noexec none "$place"; } || refused "$place"
+    for folder in /etc/config /etc/resolv.conf; do
+      [ ! -e "$folder" ] || mount --bind "$folder" "$folder" || refused "$folder"
+    done
+    set -- /usr /boot /etc /bin /sbin /lib /lib64 -- "$@"
+  else
+    mount -t tmpfs -o mode=1777,size=1m,nosuid,nodev,noexec none /tmp || refused /tmp
+    set -- / /usr /boot /etc /etc/config /home /root /run /run/lock /var /var/tmp /var/log /dev/shm -- "$@"
+  fi
+  while [ "$1" != -- ]; do
+    folder=$1
+    shift
+    [ -d "$folder" ] && [ ! -L "$folder" ] || continue
+    if [ "$folder" != / ]; then mount --rbind "$folder" "$folder" 2>/dev/null || { refused "$folder"; continue; }; fi
+    mount -o remount,bind,ro "$folder" 2>/dev/null || refused "$folder"
+  done
+  shift
+  exec "$@"'
+
+ovpn_jail() {
+  unshare --mount -- true 2>/dev/null || {
+    say 'the kernel refuses a separate view of the file system: the daemon sees the system as it is'
+    shift
+    exec "$@"
+  }
+  exec unshare --mount --propagation private -- /bin/sh -c "$OVPN_JAIL" "${0##*/}" "$@"
 }
 
 # ovpn_section INTERFACE: the section of the client profile that it belongs to.

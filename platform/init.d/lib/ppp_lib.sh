@@ -80,6 +80,8 @@ ppp_server_settings() {
   { [ "$first" -ge 2 ] && [ "$first" -le "$last" ] && [ "$last" -le 254 ]; } || die "[$1] bad address pool"
   is_number "$maximum" 1 253 || die "[$1] bad \"Max Client\""
   is_number "$authentication" 1 4 || die "[$1] bad \"Authentcation\""
+  # Its answer takes the password itself, and the password table has hashes.
+  [ "$authentication" != 4 ] || die "[$1] CHAP can't be checked against the accounts, no user would be admitted: choose MS-CHAPv2"
   is_number "$mss" 1000 1400 || die "[$1] bad \"MSS\""
   is_outgoing "$outgoing" || die "[$1] bad \"interface\""
 }
@@ -99,13 +101,11 @@ OPTIONS
   ppp_authentication require "$authentication" && ppp_encryption "$4" "$authentication" || return 1
   # The secrets of chap-secrets stand for hashes in the password table. pppd would take them literally, and let in
   # whoever knows their text; so every challenge is answered by a helper that does look the hash up.
+  # PAP logins go by the host's passwords, and count like all others.
+  [ "$authentication" != 1 ] || printf 'plugin /usr/lib/fenro/fenro_pap.so\n'
   [ "$authentication" = 1 ] || printf '%s\n' 'plugin winbind.so' "ntlm_auth-helper \"/usr/lib/fenro/fenro-mschap $2\""
   name_servers "$1" 'Mabual DNS' 'Enable Mabual DNS' | sed 's/^/ms-dns /'
   ppp_link_options server
-}
-
-ppp_warn_of_chap() {
-  [ "$authentication" != 4 ] || say 'CHAP can not be checked against the password table: nobody will be admitted'
 }
 
 # ppp_link_options server|client: what every link has.
@@ -147,6 +147,7 @@ ppp_peer_options() {
 unit $unit
 ifname $interface
 ipparam $1
+plugin /usr/lib/fenro/fenro_dial.so
 noauth
 OPTIONS
   ppp_account "$1" || return 1

@@ -223,6 +223,38 @@ entrance_open() {
   [ "$done" = TRUE ] || say 'the entrance could not be set up: no firewall, or no forwarding'
 }
 
+# Another firewall of the host may drop what is forwarded, as those of Docker and ufw do. An accept in a table of ours
+# does not help there, one at the head of theirs does.
+forward_accept() {
+  local side
+  if command -v iptables >/dev/null && iptables -w -S FORWARD 2>/dev/null | grep -q '^-P FORWARD DROP'; then
+    mkdir -p "$RUN_DIR" && write_file "$RUN_DIR/$1.forward" printf '%s\n' "$2" || return 1
+    for side in -s -d; do
+      iptables -w -C FORWARD $side "$2" -j ACCEPT 2>/dev/null || iptables -w -I FORWARD 1 $side "$2" -j ACCEPT 2>/dev/null || return 1
+    done
+  fi
+  [ -z "$(forward_droppers)" ]
+}
+
+# The chains that drop by default and are neither ours nor those of iptables, which forward_accept has dealt with.
+forward_droppers() {
+  ! command -v nft >/dev/null || nft list chains 2>/dev/null | awk '
+    $1 == "table" { table = $2 " " $3 }
+    $1 == "chain" { chain = $2 }
+    /hook forward/ && /policy drop/ && table !~ / fenro_/ && table " " chain != "ip filter FORWARD" && table !~ /^ip6 / {
+      print table, chain
+    }'
+}
+
+forward_forget() {
+  local pool side
+  pool=$(cat "$RUN_DIR/$1.forward" 2>/dev/null) && [ -n "$pool" ] || return 0
+  for side in -s -d; do
+    while iptables -w -D FORWARD $side "$pool" -j ACCEPT 2>/dev/null; do :; done
+  done
+  rm -f "$RUN_DIR/$1.forward"
+}
+
 # server_open NAME POOL MSS INTERFACE PRIORITY. Where the rules can't be had, clients reach the appliance and nothing
 # behind it; the program tells so when it finds the word here, under the section of the server.
 server_open() {
@@ -231,11 +263,15 @@ server_open() {
   if ! server_nat_add "$1" "$2" "$3" "$4" || ! server_routes_add "$5" "$2" "$4"; then
     done=FALSE
     say 'no NAT rules: clients reach this host only'
+  elif ! forward_accept "$1" "$2"; then
+    done=FALSE
+    say "another firewall drops what clients send to hosts behind this one: accept $2 in its chain ($(forward_droppers | paste -sd,))"
   fi
   vpn_set "$SECTION" "${SECTION}_iptables_rules" "$done"
 }
 
 server_close() {
   server_nat_remove "$1"
+  forward_forget "$1"
   server_routes_remove "$2"
 }

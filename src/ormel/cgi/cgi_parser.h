@@ -12,9 +12,11 @@
 
 #include "ormel/cgi/cgi.h"
 
-// What one request may take, so that an endless body ends: the bytes of its body, and a flat price for each record.
+// What one request may take, so that an endless body ends: the bytes of its body, and a flat price for each record and
+// for each temporary file.
 inline constexpr size_t CGI_CONTENT_LIMIT = 64UL << 20;
 inline constexpr size_t CGI_RECORD_PRICE = 256;
+inline constexpr size_t CGI_UPLOAD_PRICE = 16UL << 10;  // some 4,000 files
 
 // Owner of one record that is not in the list, or no longer; deletes the temporary file of an upload.
 struct FreeCgiRecord {

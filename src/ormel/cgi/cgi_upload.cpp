@@ -65,7 +65,7 @@ bool open_cgi_upload(cgi_parser* parser, cgi_var* var) {
   }
   var->length = tempname.size();
   const SignalsHeld held;
-  parser->fupload = mkostemp(var->value, O_CLOEXEC);
+  parser->fupload = charge_cgi_content(parser, CGI_UPLOAD_PRICE) ? mkostemp(var->value, O_CLOEXEC) : -1;
   parser->fupload_size = 0;
   if (parser->fupload >= 0) {
     files.insert(var->value);

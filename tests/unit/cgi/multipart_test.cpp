@@ -123,6 +123,17 @@ TEST_F(MultipartTest, AnUploadIsPrivateAndGoesWithTheRequest) {
   EXPECT_EQ(fcntl(parser.fupload, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
 }
 
+TEST_F(MultipartTest, ARequestHasItsShareOfTemporaryFilesAndNoMore) {
+  cgi_parser parser(settings, "boundary=B");
+  const MultipartParser state = new_multipart_parser(&parser);
+  const size_t left = CGI_CONTENT_LIMIT - parser.content_length;
+  ASSERT_TRUE(charge_cgi_content(&parser, left - 2 * CGI_RECORD_PRICE - CGI_UPLOAD_PRICE));
+  const std::string body = upload("a", "1") + upload("b", "2") + END;
+  EXPECT_LT(multipart_parser_execute(state.get(), body.data(), body.size()), body.size());
+  EXPECT_TRUE(get_cgi_var(parser.var_list, "a"));
+  EXPECT_FALSE(get_cgi_var(parser.var_list, "b"));
+}
+
 TEST_F(MultipartTest, WithoutATemporaryFileTheRequestEndsThere) {
   const std::string tempname = folder.path() / "no/such/upload-XXXXXX";
   settings.upload_tempname = tempname.c_str();

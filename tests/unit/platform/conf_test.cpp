@@ -2,13 +2,16 @@
 #include <atomic>
 #include <climits>
 #include <csignal>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <thread>
 
 #include <fenro/conf.h>
+#include <fenro/event_log.h>
 #include <gtest/gtest.h>
 
-#include "common/c_memory.h"
+#include "base/c_memory.h"
 #include "libfenro/ini.h"
 #include "libfenro/ini_file.h"
 #include "unit/platform/scratch.h"
@@ -215,6 +218,150 @@ TEST(IniLock, AWriterWaitsForEveryReaderAndReadersForAWriter) {
   const Fd other_file = take(Lock::Write, scratch.path("b.conf"));
   EXPECT_TRUE(take(Lock::Write, path));
   EXPECT_EQ(scratch.mode("locks"), 0700U);
+}
+
+// One run loads, another writes, the first saves its changes to what it loaded.
+TEST(ThreeWaySave, KeepsWhatOthersWroteMeanwhile) {
+  const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
+      {"[a]\nk = 1\n\n[b]\nip = x\nu = 1\n", "[a]\nk = 1\n\n[b]\nip = y\nu = 2\n", "[a]\nk = 2\n\n[b]\nip = x\n",
+       "[a]\nk = 2\n\n[b]\nip = y\n"},  // "u" is left out
+      {"[a]\nk = 1\n", "[a]\nk = 3\nl = 1\n\n[c]\nk = 1\n", "[a]\nk = 2\n", "[a]\nk = 2\nl = 1\n\n[c]\nk = 1\n"},
+      {"[a]\nk = 1\n\n[b]\nk = 1\n", "[a]\nk = 1\n", "[a]\nk = 2\n\n[b]\nk = 1\n", "[a]\nk = 2\n"},  // they removed b
+      {"[a]\nk = 1\n[b]\nk = 1\nl = 1\n", "[a]\nk = 1\n", "[b]\nk = 2\nl = 1\n", "[b]\nk = 2\nl = 1\n"},
+      {"[a]\nk = 1\n\n[b]\nk = 1\n", "[a]\nk = 1\n\n[b]\nk = 2\nl = 3\n", "[a]\nk = 1\n", "[a]\nk = 1\n"},  // we did
+      {"[a]\nk = 1\n", "", "[a]\nk = 1\nl = 2\n", "[a]\nk = 1\nl = 2\n"},  // a file that is gone
+  };
+  for (const auto& [base, theirs, mine, expected] : cases) {
+    SCOPED_TRACE(theirs);
+    const Scratch scratch;
+    const std::string path = scratch.write("a.conf", base);
+    load(path).reset();
+    scratch.write("a.conf", theirs);
+    load(path).reset();  // a look in between is not what was loaded
+    const Conf conf = begin(path);
+    const Conf picture = load(scratch.write("mine", mine));
+    for (int i = 0; i < picture->n; ++i)
+      Conf_Dir_Set_Str(conf.get(), picture->section[i], picture->key[i], picture->val[i]);
+    ASSERT_EQ(Conf_Dir_Wirte_File(conf.get()), 0);
+    EXPECT_EQ(scratch.read("a.conf"), expected);
+    ASSERT_EQ(Conf_Dir_Wirte_File(conf.get()), 0);  // what others added is theirs still
+    EXPECT_EQ(scratch.read("a.conf"), expected);
+  }
+}
+
+TEST(ThreeWaySave, LosesNoKeyOfAHookThatWritesAtOnce) {
+  constexpr int ROUNDS = 500;
+  const Scratch scratch;
+  const std::string path = scratch.write("a.conf", "[A]\nk = 0\n\n[B]\nip = 0\n");
+  const pid_t hook = fork();
+  if (hook == 0) {
+    bool written = true;
+    for (int i = 1; i <= ROUNDS && written; ++i)
+      written = ini::write_value(path, "B", "ip", std::to_string(i)) &&
+                ini::read_value(path.c_str(), "B", "ip") == std::to_string(i);
+    _exit(written ? 0 : 1);
+  }
+  for (int i = 1; i <= ROUNDS; ++i) {
+    const Conf conf = load(path);
+    Conf_Dir_Set_Int(conf.get(), "A", "k", i);
+    ASSERT_EQ(Conf_Dir_Wirte_File(conf.get()), 0);
+  }
+  int status = -1;
+  waitpid(hook, &status, 0);
+  EXPECT_EQ(status, 0) << "what a hook wrote was not there when it looked";
+  EXPECT_EQ(scratch.read("a.conf"), "[A]\nk = 500\n\n[B]\nip = 500\n");
+}
+
+TEST(StaleTemporaries, GoAtTheNextWriteUnlessTheirWriterLives) {
+  const Scratch scratch;
+  const std::string path = scratch.write("a.conf", "[a]\nk = 1\n");
+  for (const char* name :
+       {"a.conf.tmp-Ab12Cd", "a.conf.tmp-living", "a.conf.backup", "a.conf.tmp-longer1", "b.conf.tmp-Ab12Cd"})
+    scratch.write(name, "secret");
+  const Fd living{open(scratch.path("a.conf.tmp-living").c_str(), O_RDWR | O_CLOEXEC)};
+  ASSERT_EQ(flock(living.get(), LOCK_EX), 0);
+  ASSERT_TRUE(ini::write_value(path, "a", "k", "2"));
+  EXPECT_EQ(scratch.read("a.conf"), "[a]\nk = 2\n");
+  EXPECT_FALSE(std::filesystem::exists(scratch.path("a.conf.tmp-Ab12Cd")));
+  EXPECT_EQ(scratch.files(), 5U);
+}
+
+TEST(TornOptions, AreAsBeforeTheWriterThatDied) {
+  using ini::Lock;
+  const std::pair<const char*, const char*> cases[] = {
+      {"", "{\"gw\": {\"n\": \"a}\"}}"},
+      {"{\"gw\": {\"n\": \"b", "{\"gw\": {\"n\": \"a}\"}}"},
+      {"{\"gw\": {\"n\": 1}", "{\"gw\": {\"n\": \"a}\"}}"},
+      {"{\"gw\": {\"n\": \"\\\"{\"}}", "{\"gw\": {\"n\": \"\\\"{\"}}"},  // all was written
+  };
+  for (const auto& [left, expected] : cases) {
+    SCOPED_TRACE(left);
+    const Scratch scratch;
+    const std::string locks = scratch.path("locks");
+    const std::string path = scratch.write("o.conf", "{\"gw\": {\"n\": \"a}\"}}");
+    const pid_t writer = fork();
+    if (writer == 0) {
+      if (ini::lock_file(locks, path.c_str(), Lock::Write) < 0) _exit(1);
+      scratch.write("o.conf", left);
+      _exit(0);  // the lock is never given back
+    }
+    int status = -1;
+    waitpid(writer, &status, 0);
+    ASSERT_EQ(status, 0);
+    const int lock = ini::lock_file(locks, path.c_str(), Lock::Read);
+    EXPECT_EQ(scratch.read("o.conf"), expected);
+    EXPECT_TRUE(ini::unlock_file(lock));
+    EXPECT_EQ(scratch.files(), 2U) << "no copy is left";
+    // A writer that gives its lock back has meant what it left.
+    const int again = ini::lock_file(locks, path.c_str(), Lock::Write);
+    EXPECT_EQ(scratch.files(), 3U);
+    scratch.write("o.conf", "");
+    EXPECT_TRUE(ini::unlock_file(again));
+    EXPECT_TRUE(ini::unlock_file(ini::lock_file(locks, path.c_str(), Lock::Read)));
+    EXPECT_EQ(scratch.read("o.conf"), "");
+  }
+}
+
+TEST(HostileLocks, AFifoInTheirPlaceIsRefusedAtOnce) {
+  const Scratch scratch;
+  const std::string locks = scratch.path("locks");
+  const std::string path = scratch.write("a.conf", "");
+  EXPECT_TRUE(ini::unlock_file(ini::lock_file(locks, path.c_str(), ini::Lock::Write)));
+  for (const auto& entry : std::filesystem::directory_iterator{locks}) {
+    ASSERT_EQ(unlink(entry.path().c_str()), 0);
+    ASSERT_EQ(mkfifo(entry.path().c_str(), 0600), 0);
+  }
+  EXPECT_EQ(ini::lock_file(locks, path.c_str(), ini::Lock::Write), -1);
+}
+
+TEST(ReadOnlyConfig, IsToldOnceAnOutage) {
+  const Scratch scratch;
+  const std::string path = scratch.write("a.conf", "[a]\nk = 1\n");
+  const auto events = [](const char* text) { return naslog_event_query_count_ex(0, "", "", "", "", "", text, "", ""); };
+  const int result = in_private_host(scratch, [&] {
+    const auto save = [&](int value) {
+      const Conf conf = load(path);
+      Conf_Dir_Set_Int(conf.get(), "a", "k", value);
+      return Conf_Dir_Wirte_File(conf.get()) == 0;
+    };
+    if (mount("none", scratch.path("").c_str(), "tmpfs", 0, nullptr) != 0) return NO_NAMESPACE;
+    scratch.write("a.conf", "[a]\nk = 1\n");
+    const auto read_only = [&](unsigned long flag) {
+      return mount("none", scratch.path("").c_str(), nullptr, MS_REMOUNT | flag, nullptr) == 0;
+    };
+    if (!read_only(MS_RDONLY) || save(2) || save(3)) return 1;
+    const std::string mark = "/run/fenro/settings_fault";
+    std::ifstream file{mark};
+    std::string where, why;
+    std::getline(file, where);
+    std::getline(file, why);
+    if (where != path || why != "Read-only file system") return 2;
+    if (events(("Settings cannot be saved: " + path + ": Read-only file system").c_str()) != 1) return 3;
+    if (!read_only(0) || !save(4) || std::filesystem::exists(mark)) return 4;
+    return events(("Settings can be saved again: " + path).c_str()) == 1 ? 0 : 5;
+  });
+  if (result == -1) GTEST_SKIP() << "no mount namespace here";
+  EXPECT_EQ(result, 0);
 }
 
 }  // namespace

@@ -111,20 +111,51 @@ TEST(DrovikRoster, LetsAClientTakeItsOwnPlaceAgainAndNobodyElses) {
   EXPECT_EQ(roster.at(10), 3U);
 }
 
-TEST(DrovikGate, LimitsOneSourceAndTheRateOfAll) {
-  Gate gate;
-  Gate::Clock::time_point now{std::chrono::hours{1}};
-  for (size_t i = 0; i < Gate::PER_ADDRESS; ++i) EXPECT_TRUE(gate.enter(1, now));
-  EXPECT_FALSE(gate.enter(1, now));
-  EXPECT_TRUE(gate.enter(2, now));
+constexpr Gate::Clock::time_point NOON{std::chrono::hours{12}};
+
+TEST(DrovikGate, LimitsOneAddressAndTheRateOfAll) {
+  Gate gate{1};
+  for (size_t i = 0; i < Gate::PER_ADDRESS; ++i) EXPECT_TRUE(gate.enter(1, NOON));
+  EXPECT_FALSE(gate.enter(1, NOON));
+  EXPECT_TRUE(gate.enter(2, NOON));
   gate.leave(1);
-  EXPECT_TRUE(gate.enter(1, now));
+  EXPECT_TRUE(gate.enter(1, NOON));
   Ipv4 source = 100;
-  int entered = 0;
-  while (gate.enter(source++, now)) ++entered;
-  EXPECT_EQ(entered, static_cast<int>(Gate::BURST - Gate::PER_ADDRESS - 2));
-  now += std::chrono::seconds{1};
-  EXPECT_TRUE(gate.enter(source++, now));
+  while (gate.enter(source, NOON)) ++source;
+  EXPECT_LT(source, 140U) << "the rate of unknown addresses";
+  EXPECT_TRUE(gate.enter(source, NOON + std::chrono::seconds{1}));
+}
+
+// A flood of first datagrams for ten seconds, and a login every second beside it, of four datagrams each.
+TEST(DrovikGate, KeepsAShareForKnownAddresses) {
+  for (const Ipv4 senders : {1U, 256U}) {
+    SCOPED_TRACE(senders);
+    Gate gate{1};
+    constexpr Ipv4 GOOD = 0x7f000001;
+    gate.remember(GOOD);
+    int heard = 0, entered = 0;
+    for (int tick = 0; tick < 10000; ++tick) {
+      const auto now = NOON + std::chrono::milliseconds{tick};
+      if (gate.hear(1000 + static_cast<Ipv4>(tick) % senders, now)) ++heard;
+      if (tick % 1000 != 500) continue;
+      EXPECT_TRUE(gate.hear(GOOD, now) && gate.hear(GOOD, now));
+      if (gate.enter(GOOD, now)) ++entered;
+      gate.leave(GOOD);
+    }
+    EXPECT_EQ(entered, 10);
+    EXPECT_LE(heard, senders == 1 ? 72 : 1200);
+  }
+}
+
+TEST(DrovikGate, IsFullForUnknownAddressesFirst) {
+  Gate gate{1};
+  gate.remember(1);
+  auto now = NOON;
+  for (Ipv4 source = 100; !gate.is_full(source); ++source, now += std::chrono::seconds{1})
+    EXPECT_TRUE(gate.enter(source, now));
+  EXPECT_FALSE(gate.is_full(1));
+  gate.leave(100);
+  EXPECT_FALSE(gate.is_full(200));
 }
 
 TEST(DrovikPrivilege, IsTheFifthFieldOfTheUsersLastLine) {

@@ -101,9 +101,12 @@ TEST(MibIoExecv, WorksWithStandardDescriptorsClosedAndChildrenIgnored) {
     sigset_t all;
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    const Outcome pipe = shell("kill -PIPE $$");
     const Outcome got = shell("cat; printf out; printf err >&2; kill -TERM $$; exit 3");
     struct sigaction now {};
     sigaction(SIGCHLD, nullptr, &now);
+    if (pipe.status != 128 + SIGPIPE) _exit(2);
     _exit(got.status == 128 + SIGTERM && got.out == "out" && got.err == "err" && now.sa_handler == SIG_IGN ? 0 : 1);
   }
   int status = 0;

@@ -2,7 +2,7 @@
 
 #include "daemons/mschap/accounts.h"
 #include "daemons/mschap/helper.h"
-#include "daemons/mschap/md4.h"
+#include "daemons/mschap/password_table.h"
 #include "unit/platform/scratch.h"
 
 namespace fenro::mschap {
@@ -19,7 +19,7 @@ TEST(MschapTest, GivesThePublishedResponse) {
   Challenge challenge{};
   Response response{};
   ASSERT_TRUE(nt_hash("clientPass", hash) && parse_hex(CHALLENGE, challenge));
-  ASSERT_TRUE(expected_response(hash, challenge, response));
+  expected_response(hash, challenge, response);
   EXPECT_EQ(to_hex(hash), PASSWORD_HASH);
   EXPECT_EQ(to_hex(response), RESPONSE);
   EXPECT_EQ(to_hex(session_key(hash)), SESSION_KEY);
@@ -76,8 +76,33 @@ TEST_F(HelperTest, TheNameOfTheTableIsNoPassword) {
   NtHash hash{};
   Challenge challenge{};
   Response response{};
-  ASSERT_TRUE(nt_hash(table, hash) && parse_hex(CHALLENGE, challenge) && expected_response(hash, challenge, response));
+  ASSERT_TRUE(nt_hash(table, hash) && parse_hex(CHALLENGE, challenge));
+  expected_response(hash, challenge, response);
   EXPECT_EQ(ask("Username: User\n", to_hex(response)), "Authenticated: No\n.\n");
+}
+
+// The hash of "clientPass" as a line of the table.
+std::string password_line(const std::string& user, const char* change) {
+  return user + ":1000:" + std::string(32, 'X') + ':' + PASSWORD_HASH + ":[U          ]:" + change + ":\n";
+}
+
+TEST(PasswordTable, ReplacesOneUsersLineAndKeepsTheRest) {
+  const std::string other = "bobby:7:a:b:[U]:LCT-1:\n";
+  const std::string now = password_line("bob", "LCT-00000010");
+  const std::string before = password_line("bob", "LCT-00000001");
+  const struct {
+    std::string table, expected;
+  } rows[] = {
+      {"", now},
+      {other, other + now},
+      {"bob:1000:x:00:[U]:LCT-1:\n" + other, other + now},
+      {before + other, before + other},  // the same password: nothing to write
+      {before + before, before},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(with_password(row.table, "bob", 1000, "clientPass", 16), row.expected) << row.table;
+  for (const char* user : {"", "a:b", "a\nb"}) EXPECT_EQ(with_password("", user, 1, "p", 1), "") << user;
+  EXPECT_EQ(with_password("", "bob", 1, "\xff", 1), "");
 }
 
 }  // namespace

@@ -7,10 +7,12 @@
 #include <gtest/gtest.h>
 
 #include "daemons/networkd/gateway_choice.h"
+#include "daemons/networkd/guard.h"
 #include "daemons/networkd/interfaces.h"
 #include "daemons/networkd/local_networks.h"
 #include "daemons/networkd/rtnetlink.h"
 #include "daemons/networkd/tunnel_watch.h"
+#include "unit/platform/scratch.h"
 
 namespace fenro::networkd {
 namespace {
@@ -190,6 +192,30 @@ TEST(TunnelWatch, AsksTheFarEndThatTheAddressTellsOf) {
   EXPECT_EQ(far_end({1, BASE + 6, BASE + 6, 24}), BASE + 1);
   EXPECT_EQ(far_end({1, BASE + 1, BASE + 1, 24}), BASE + 2);
   EXPECT_EQ(far_end({1, BASE + 6, BASE + 6, 32}), BASE + 1);
+}
+
+TEST(TunnelWatch, ReadsTheColumnOfAForeignTable) {
+  EXPECT_EQ(largest_of("key=\t100\t7\nother=\t90\t8\n", 1), 100U);
+  EXPECT_EQ(largest_of("key=\t100\t7\nother=\t90\t8", 2), 8U);
+  for (const char* none : {"", "\n", "key=", "key=\t", "key=\t-1\n", "\t\t\t"})
+    EXPECT_EQ(largest_of(none, 1), 0U) << none;
+}
+
+TEST(Guard, HoldsUnlessItsFileSaysOtherwise) {
+  const test::Scratch scratch;
+  const std::string file = scratch.path("guard.conf"), pause = scratch.path("paused");
+  EXPECT_EQ(read_guard(file.c_str(), pause.c_str()), Guard::OFF);
+  for (const auto& [text, guard] : {std::pair{"[guard]\nmode = off\n", Guard::OFF},
+                                    {"[guard]\nmode = strict\n", Guard::STRICT},
+                                    {"mode = on", Guard::ON},
+                                    {"", Guard::ON},
+                                    {"mode", Guard::ON},
+                                    {"mode = maybe\n", Guard::ON}}) {
+    scratch.write("guard.conf", text);
+    EXPECT_EQ(read_guard(file.c_str(), pause.c_str()), guard) << text;
+  }
+  scratch.write("paused", "");
+  EXPECT_EQ(read_guard(file.c_str(), pause.c_str()), Guard::OFF);
 }
 
 }  // namespace

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <thread>
 
-#include "common/base64.h"
+#include "base/base64.h"
 #include "scratch.h"
 
 namespace fenro {

@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "base/log_db_records.h"
 #include "daemons/ormeld/methods.h"
-#include "ormel/ormel_api_db_records.h"
 #include "unit/platform/scratch.h"
 
 namespace fenro::ormeld {

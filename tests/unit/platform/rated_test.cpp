@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "common/handle.h"
+#include "base/handle.h"
 #include "daemons/rated/openvpn_status.h"
 #include "daemons/rated/rate_server.h"
 

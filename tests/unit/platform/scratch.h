@@ -16,11 +16,10 @@
 
 #include <fenro/mibservice.h>
 
-#include "common/handle.h"
+#include "base/bus_handle.h"
+#include "base/handle.h"
 
 namespace fenro::test {
-
-using MibIo = std::unique_ptr<mib_io, FreeWith<mib_io_free>>;
 
 inline std::string text_of(mib_io* io) {
   std::size_t length = 0;

@@ -20,8 +20,18 @@ class SessionTest : public testing::Test {
     const timespec stamp[2] = {{now - idle, 0}, {now - idle, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, scratch.path(name).c_str(), stamp, 0), 0);
   }
+  static bool locked(const char* user) {
+    ++questions;
+    return user == locked_user;
+  }
+  static inline int questions;
+  static inline std::string locked_user;
+  void SetUp() override {
+    questions = 0;
+    locked_user = "";
+  }
   Scratch scratch;
-  SessionStore store{scratch.path("sessions")};
+  SessionStore store{scratch.path("sessions"), locked};
 };
 
 TEST_F(SessionTest, FindsWhatItCreated) {
@@ -67,6 +77,30 @@ TEST_F(SessionTest, OnlyATouchProlongs) {
   EXPECT_GE(store.find(sid.c_str(), false)->touched, now - 1);
 }
 
+TEST_F(SessionTest, EndsWithinAMinuteOfTheLockingOfItsUser) {
+  const std::string sid = store.create("root", "", "");
+  age(sid, SessionStore::ACCOUNT_CHECK);
+  EXPECT_TRUE(store.find(sid.c_str(), true));
+  EXPECT_EQ(questions, 1);
+  locked_user = "root";
+  age(sid, SessionStore::ACCOUNT_CHECK);
+  EXPECT_FALSE(store.find(sid.c_str(), true));
+  EXPECT_EQ(scratch.mode("sessions/" + sid), 0U) << "it is gone, and does not come back with the account";
+}
+
+TEST_F(SessionTest, TheTwentyFirstOfAUserEndsTheOldest) {
+  const std::string other = store.create("daemon", "", ""), oldest = store.create("root", "", "");
+  age(other, 0, 2000);
+  age(oldest, 0, 1000);
+  for (std::size_t i = 1; i < SessionStore::USER_LIMIT; ++i) std::ignore = store.create("root", "", "");
+  EXPECT_TRUE(store.find(oldest.c_str(), true));
+  const std::string newest = store.create("root", "", "");
+  EXPECT_FALSE(store.find(oldest.c_str(), true));
+  EXPECT_TRUE(store.find(newest.c_str(), true));
+  EXPECT_TRUE(store.find(other.c_str(), true));
+  EXPECT_EQ(store.list().size(), SessionStore::USER_LIMIT + 1);
+}
+
 TEST_F(SessionTest, RefusesEverySidOfAnotherForm) {
   const std::string sid = store.create("root", "", "");
   scratch.write("outside1", scratch.read("sessions/" + sid));
@@ -104,7 +138,8 @@ TEST_F(SessionTest, CreatesNoneThatCouldNotBeReadBack) {
   EXPECT_EQ(store.create("root", "", std::string(65, '1')), "");
   ASSERT_EQ(mkdir(scratch.path("open").c_str(), 0700), 0);
   ASSERT_EQ(chmod(scratch.path("open").c_str(), 0777), 0);
-  EXPECT_EQ(SessionStore{scratch.path("open")}.create("root", "", ""), "");  // others could write sessions there
+  const SessionStore open{scratch.path("open"), locked};
+  EXPECT_EQ(open.create("root", "", ""), "");  // others could write sessions there
 }
 
 }  // namespace

@@ -1,19 +1,23 @@
 // The tunnels of the appliance to other servers.
-import { useEffect, useState } from 'preact/hooks'
+import { useEffect, useRef, useState } from 'preact/hooks'
 import { call, data, SLOW } from '../api'
 import { useFileDrop } from '../drop'
 import { adviceFor } from '../errors'
 import { Fields, sent, useForm } from '../form'
 import { bytes, decodeName, duration, rate } from '../format'
 import {
-  CLIENTS, OPENVPN_CLIENT, PROTOCOLS, STATES, WIREGUARD_CLIENT, labelOf, type ClientProfile,
+  CLIENTS, OPENVPN_CLIENT, PROTOCOLS, WIREGUARD_CLIENT, labelOf, type ClientProfile,
 } from '../model'
 import { usePoll } from '../poll'
+import {
+  clientState, cureOf, isSettled, readStates, stateKey, stateOfStatus, whyOf, type Reason, type States, type TunnelState,
+} from '../reasons'
 import { session } from '../session'
 import { t } from '../texts'
-import { Badge, Button, Card, Dialog, Empty, Facts, Failure, Icon, Notice, Spinner, confirm, say, useJob, type Tone } from '../ui'
+import { Badge, Button, Card, Dialog, Empty, Facts, Failure, Icon, Notice, Spinner, confirm, say, useJob } from '../ui'
 import { readConfig } from '../wireguard'
 import { clientRows, newValues, storedValues, wire } from './clients.rows'
+import { DoctorDialog } from './doctor'
 import { ImportDialog } from './import'
 
 const PAUSE = 3_000
@@ -26,9 +30,22 @@ export const clientName = (one: ClientProfile): string =>
   one.type === WIREGUARD_CLIENT ? decodeName(one.profile) : one.profile
 const keyOf = (one: ClientProfile): string => `${one.type}-${one.index}`
 
-const TONES: readonly Tone[] = ['off', 'good', 'busy']
-export const StateBadge = ({ state }: { state: number }) => (
-  <Badge tone={TONES[state] ?? 'off'}>{t(STATES[state] ?? 'state.off')}</Badge>
+export const StateBadge = ({ state }: { state: string }) => (
+  <Badge tone={clientState(state).tone}>{t(clientState(state).text)}</Badge>
+)
+// Why a tunnel or a server does not work, and what to do about it.
+export const Why = ({ reason }: { reason: Reason }) => (
+  <Notice tone={reason.final ? 'bad' : 'warn'}>
+    <strong>{whyOf(reason)}</strong> {cureOf(reason)}
+    {reason.detail !== '' && (
+      <>
+        <br />
+        <small>
+          <bdi>{reason.detail}</bdi>
+        </small>
+      </>
+    )}
+  </Notice>
 )
 const amount = (value: number | string): string => (typeof value === 'number' ? bytes(value) : value || bytes(0))
 
@@ -103,18 +120,44 @@ function useWaiting(profile: ClientProfile): number {
   return since === null ? 0 : Math.max(0, Math.floor((now - since) / 1000))
 }
 
-type ClientCardProps = { profile: ClientProfile; admin: boolean; onEdit: () => void; onChanged: () => void }
-function ClientCard({ profile, admin, onEdit, onChanged }: ClientCardProps) {
+// After a click on Connect: says how it ended, as soon as waiting longer changes nothing.
+function useOutcome(name: string, truth: TunnelState | undefined): () => void {
+  const [asked, setAsked] = useState(0) // when, 0 for not at all
+  const looks = useRef(0)
+  useEffect(() => {
+    if (asked === 0) looks.current = 0
+    // What was known before the click does not count, nor what was being asked meanwhile.
+    else if (looks.current++ < 2) return
+    if (asked === 0 || !truth || !isSettled(truth.state)) return
+    if (truth.state === 'up') say('client.isUp', { name })
+    else if (truth.reason) say('client.isNotUp', { name, why: whyOf(truth.reason) })
+    setAsked(0)
+  }, [asked, truth])
+  return () => setAsked(Date.now())
+}
+
+type ClientCardProps = {
+  profile: ClientProfile
+  truth: TunnelState | undefined
+  admin: boolean
+  onEdit: () => void
+  onChanged: () => void
+}
+function ClientCard({ profile, truth, admin, onEdit, onChanged }: ClientCardProps) {
   const job = useJob()
+  const [asked, setAsked] = useState(false) // what is wrong
   const name = clientName(profile)
   const waited = useWaiting(profile)
-  const up = profile.status === 1
-  const state = job.busy === 'connect' ? CONNECTING : profile.status
+  const told = truth?.state ?? stateOfStatus(profile.status)
+  const up = told === 'up'
+  const state = job.busy === 'connect' ? 'starting' : told
+  const expect = useOutcome(name, truth)
   const target = { type: profile.type, index: profile.index }
 
   const turn = (action: 'connect' | 'disconnect') =>
     job.run(action, async () => {
       await call(`config/${action}`, target, SLOW)
+      if (action === 'connect') expect()
       onChanged()
     })
   const remove = async () => {
@@ -152,13 +195,14 @@ function ClientCard({ profile, admin, onEdit, onChanged }: ClientCardProps) {
             : []),
         ]}
       />
-      {state === CONNECTING && (
+      {state === 'starting' && (
         <p>
           <Spinner label={t('client.waiting', { n: waited })} />
         </p>
       )}
-      {profile.status === CONNECTING && waited >= PATIENCE && <Notice>{t('client.long')}</Notice>}
-      {profile.status === OFF && profile.last_error !== 0 && !job.failure && (
+      {state === 'starting' && waited >= PATIENCE && <Notice>{t('client.long')}</Notice>}
+      {truth?.reason && job.busy !== 'connect' && <Why reason={truth.reason} />}
+      {!truth?.reason && profile.status === OFF && profile.last_error !== 0 && !job.failure && (
         <Notice tone="bad">
           <strong>{t('client.failed', { code: profile.last_error })}</strong> {adviceFor(profile.last_error)}
         </Notice>
@@ -175,6 +219,11 @@ function ClientCard({ profile, admin, onEdit, onChanged }: ClientCardProps) {
               {t(up ? 'client.disconnect' : 'client.giveUp')}
             </Button>
           )}
+          {!up && (
+            <Button label={t('doctor.askName', { name })} onClick={() => setAsked(true)}>
+              {t('doctor.ask')}
+            </Button>
+          )}
           <Button label={t('edit.name', { name })} onClick={onEdit}>
             {t('edit')}
           </Button>
@@ -183,6 +232,7 @@ function ClientCard({ profile, admin, onEdit, onChanged }: ClientCardProps) {
           </Button>
         </footer>
       )}
+      {asked && <DoctorDialog {...target} name={name} onClose={() => setAsked(false)} />}
     </section>
   )
 }
@@ -196,7 +246,14 @@ export function ClientsPage() {
   const admin = session.login.value?.admin ?? false
   const [waiting, setWaiting] = useState<readonly Open[]>([]) // dialogs, the first of which is there
   const open = waiting[0]
-  const list = usePoll(async () => (await data<ClientProfile[] | null>('config/show', { type: CLIENTS })) ?? [], PAUSE)
+  const poll = usePoll(async () => {
+    const [profiles, states] = await Promise.all([
+      data<ClientProfile[] | null>('config/show', { type: CLIENTS }),
+      admin ? readStates(CLIENTS) : (new Map() as States),
+    ])
+    return { profiles: profiles ?? [], states }
+  }, PAUSE)
+  const list = { ...poll, value: poll.value?.profiles }
   const close = () => setWaiting(waiting.slice(1))
   const done = () => {
     close()
@@ -243,6 +300,7 @@ export function ClientsPage() {
             <ClientCard
               key={keyOf(one)}
               profile={one}
+              truth={poll.value?.states.get(stateKey(one))}
               admin={admin}
               onEdit={() => setWaiting([{ what: 'edit', type: one.type, profile: one }])}
               onChanged={list.refresh}
@@ -282,7 +340,7 @@ export function ClientsPage() {
 // A button that opens the browser's own choice of files.
 export const FileButton = ({ label, onFiles, single }: { label: string; onFiles: (files: File[]) => void; single?: boolean }) => (
   <label class="button plain file">
-    <Icon name="download" />
+    <Icon name="upload" />
     {label}
     <input
       type="file"

@@ -1,17 +1,18 @@
-// Who is connected to the servers now, and how to throw somebody out.
+// Who is connected to the servers now, how to disconnect them, and who is kept out.
 import { useMemo, useState } from 'preact/hooks'
-import { call, data } from '../api'
-import { bytes, count, decodeName, duration, rate } from '../format'
-import { WIREGUARD, handshakeAge, isLive, labelOf, type Connection, type Peer } from '../model'
+import { SLOW, call, data } from '../api'
+import { bytes, count, duration, moment, rate } from '../format'
+import { WIREGUARD, labelOf, type Hold, type Live } from '../model'
 import { usePoll } from '../poll'
+import { range } from '../rules'
 import { t, type TextKey } from '../texts'
-import { Button, Card, Empty, Failure, SortHead, Spinner, Table, confirm, say, useJob } from '../ui'
+import { Button, Card, Dialog, Empty, Failure, Field, SortHead, Spinner, Table, say, useJob } from '../ui'
 
 const PAUSE = 2_000
+const USUAL_MINUTES = 30
 
 interface Row {
-  id: string // as the kick names it, "" for one that cannot be kicked
-  key: string
+  id: string // as a request names it
   name: string
   type: number
   source: string
@@ -24,38 +25,84 @@ interface Row {
   device: string
 }
 
-const fromConnection = (one: Connection): Row => ({
-  id: `${one.type}|${one.target}`,
-  key: `${one.type}|${one.target}`,
-  name: one.name,
-  type: one.type,
-  source: one.source_ip,
-  inside: one.allocate_ip,
-  uptime: one.uptime,
-  uptimeWords: duration(one.uptime),
-  down: one.rx_rate,
-  up: one.tx_rate,
-  total: [bytes(one.rx_total), bytes(one.tx_total)],
-  device: one.device_info,
-})
+// A device of WireGuard has no session: its time is that of its latest handshake, and nothing counts its rate.
+export const rowOf = (one: Live): Row => {
+  const id = `${one.type}|${one.target}`
+  const device = one.type === WIREGUARD
+  return {
+    id,
+    name: one.name,
+    type: one.type,
+    source: one.source_ip,
+    inside: one.allocate_ip.replace('/32', ''),
+    uptime: device ? -one.uptime : one.uptime,
+    uptimeWords: device ? t('connections.handshake', { ago: duration(one.uptime) }) : duration(one.uptime),
+    down: one.rx_rate ?? 0,
+    up: one.tx_rate ?? 0,
+    total: [bytes(one.rx_total), bytes(one.tx_total)],
+    device: one.device_info,
+  }
+}
 
-const fromPeer = (one: Peer): Row => ({
-  id: '',
-  key: `${WIREGUARD}|${one.peer_pub_key}`,
-  name: decodeName(one.peer_name),
-  type: WIREGUARD,
-  source: one.peer_endpoint,
-  inside: one.peer_allow_ip.replace('/32', ''),
-  uptime: -(handshakeAge(one.latest_handshake) ?? 0),
-  uptimeWords: t('connections.handshake', { ago: duration(handshakeAge(one.latest_handshake) ?? 0) }),
-  down: 0,
-  up: 0,
-  total: [one.rx_total, one.tx_total],
-  device: '',
-})
+const MOST_MINUTES = 10_080
+// A device comes back at once unless it is kept out.
+export const leastMinutes = (rows: readonly Pick<Row, 'type'>[]): number => (rows.some((one) => one.type === WIREGUARD) ? 1 : 0)
+export const minutesFit = (text: string, least: number): boolean => range(least, MOST_MINUTES)(text) === null
 
-type Field = 'name' | 'type' | 'source' | 'inside' | 'uptime' | 'down' | 'up'
-const HEADS: readonly (readonly [Field, TextKey])[] = [
+function KickDialog({ rows, onClose, onKick }: { rows: readonly Row[]; onClose: () => void; onKick: (minutes: number) => void }) {
+  const least = leastMinutes(rows)
+  const [minutes, setMinutes] = useState(String(least * USUAL_MINUTES))
+  const [tried, setTried] = useState(false)
+  const fits = minutesFit(minutes, least)
+  return (
+    <Dialog title={count(rows.length, 'kick.one', 'kick.many')} onClose={onClose}>
+      <p>{t('kick.text', { names: rows.map((one) => one.name).slice(0, 5).join(', ') + (rows.length > 5 ? ' …' : '') })}</p>
+      <Field
+        label={t('kick.minutes', { least, most: MOST_MINUTES })}
+        help={t(least ? 'kick.device' : 'kick.minutesHelp')}
+        error={tried && !fits ? t('rule.range', { least, most: MOST_MINUTES }) : undefined}
+      >
+        {(ids) => <input {...ids} type="number" min={least} max={MOST_MINUTES} value={minutes} onInput={(event) => setMinutes(event.currentTarget.value)} />}
+      </Field>
+      <footer class="row end">
+        <Button onClick={onClose}>{t('cancel')}</Button>
+        <Button kind="danger" onClick={() => (fits ? onKick(Number(minutes)) : setTried(true))}>
+          {t('kick.now')}
+        </Button>
+      </footer>
+    </Dialog>
+  )
+}
+
+function Holds({ holds, onLift }: { holds: readonly Hold[]; onLift: (who: string) => void }) {
+  if (holds.length === 0) return null
+  return (
+    <Card title={t('holds')}>
+      <Table label={t('holds')} heads={[t('logs.user'), t('holds.until'), t('holds.by'), <span class="unseen">{t('actions')}</span>]}>
+        {holds.map((one) => (
+          <tr key={`${one.kind}|${one.who}`}>
+            <td>
+              <bdi class="name">{one.name}</bdi>
+              {one.kind === 'peer' && <span class="soft block">{labelOf(WIREGUARD)}</span>}
+            </td>
+            <td>{moment(one.until)}</td>
+            <td>
+              <bdi>{one.by}</bdi>
+            </td>
+            <td>
+              <Button label={t('holds.liftName', { name: one.name })} onClick={() => onLift(one.who)}>
+                {t('holds.lift')}
+              </Button>
+            </td>
+          </tr>
+        ))}
+      </Table>
+    </Card>
+  )
+}
+
+type Column = 'name' | 'type' | 'source' | 'inside' | 'uptime' | 'down' | 'up'
+const HEADS: readonly (readonly [Column, TextKey])[] = [
   ['name', 'logs.user'],
   ['type', 'protocol'],
   ['source', 'logs.from'],
@@ -74,33 +121,35 @@ export function sorted<T>(rows: readonly T[], field: keyof T, down: boolean): T[
 }
 
 export function ConnectionsPage() {
-  const [field, setField] = useState<Field>('name')
+  const [field, setField] = useState<Column>('name')
   const [down, setDown] = useState(false)
   const [picked, setPicked] = useState<ReadonlySet<string>>(new Set())
+  const [asked, setAsked] = useState<readonly Row[] | null>(null)
   const job = useJob()
   const live = usePoll(async () => {
-    const [connections, peers] = await Promise.all([data<Connection[]>('connection/list'), data<Peer[]>('peer/list')])
-    return [...connections.map(fromConnection), ...peers.filter(isLive).map(fromPeer)]
+    const [connections, holds] = await Promise.all([data<Live[]>('connection/all'), data<Hold[]>('hold/list')])
+    return { rows: connections.map(rowOf), holds }
   }, PAUSE)
-  const rows = useMemo(() => sorted(live.value ?? [], field, down), [live.value, field, down])
-  const chosen = rows.filter((row) => row.id && picked.has(row.id))
-  const kickable = rows.filter((row) => row.id)
+  const rows = useMemo(() => sorted(live.value?.rows ?? [], field, down), [live.value, field, down])
+  const chosen = rows.filter((row) => picked.has(row.id))
 
-  const kick = async (some: readonly Row[]) => {
-    const yes = await confirm({
-      title: count(some.length, 'kick.one', 'kick.many'),
-      text: t('kick.text', { names: some.map((one) => one.name).slice(0, 5).join(', ') + (some.length > 5 ? ' …' : '') }),
-      action: t('kick.now'),
-      danger: true,
-    })
-    if (!yes) return
-    await job.run('kick', async () => {
-      await call('connection/kick', { conn: some.map((one) => one.id) })
-      setPicked(new Set())
-      say('kick.done')
-      live.refresh()
+  const kick = (some: readonly Row[], minutes: number) => {
+    setAsked(null)
+    void job.run('kick', async () => {
+      try {
+        await call('connection/end', { conn: some.map((one) => one.id), minutes }, SLOW)
+        setPicked(new Set())
+        say(minutes > 0 ? 'kick.held' : 'kick.done')
+      } finally {
+        live.refresh()
+      }
     })
   }
+  const lift = (who: string) =>
+    void job.run('lift', async () => {
+      await call('hold/lift', { who }, SLOW)
+      live.refresh()
+    })
   const toggle = (id: string, on: boolean) => {
     const next = new Set(picked)
     if (on) next.add(id)
@@ -115,7 +164,7 @@ export function ConnectionsPage() {
       <Card
         title={count(rows.length, 'connections.one', 'connections.many')}
         side={
-          <Button kind="danger" disabled={chosen.length === 0} busy={job.busy === 'kick'} onClick={() => void kick(chosen)}>
+          <Button kind="danger" disabled={chosen.length === 0} busy={job.busy === 'kick'} onClick={() => setAsked(chosen)}>
             {t('kick.chosen', { n: chosen.length })}
           </Button>
         }
@@ -129,9 +178,9 @@ export function ConnectionsPage() {
               <input
                 type="checkbox"
                 aria-label={t('connections.all')}
-                checked={kickable.length > 0 && chosen.length === kickable.length}
-                disabled={kickable.length === 0}
-                onChange={(event) => setPicked(new Set(event.currentTarget.checked ? kickable.map((row) => row.id) : []))}
+                checked={rows.length > 0 && chosen.length === rows.length}
+                disabled={rows.length === 0}
+                onChange={(event) => setPicked(new Set(event.currentTarget.checked ? rows.map((row) => row.id) : []))}
               />,
               ...HEADS.map(([name, label]) => (
                 <SortHead
@@ -151,16 +200,14 @@ export function ConnectionsPage() {
             ]}
           >
             {rows.map((row) => (
-              <tr key={row.key}>
+              <tr key={row.id}>
                 <td>
-                  {row.id && (
-                    <input
-                      type="checkbox"
-                      aria-label={t('connections.pick', { name: row.name })}
-                      checked={picked.has(row.id)}
-                      onChange={(event) => toggle(row.id, event.currentTarget.checked)}
-                    />
-                  )}
+                  <input
+                    type="checkbox"
+                    aria-label={t('connections.pick', { name: row.name })}
+                    checked={picked.has(row.id)}
+                    onChange={(event) => toggle(row.id, event.currentTarget.checked)}
+                  />
                 </td>
                 <td>
                   <bdi class="name">{row.name}</bdi>
@@ -176,17 +223,17 @@ export function ConnectionsPage() {
                   {row.total[0]} /<span class="block">{row.total[1]}</span>
                 </td>
                 <td>
-                  {row.id && (
-                    <Button label={t('kick.name', { name: row.name })} onClick={() => void kick([row])}>
-                      {t('kick.now')}
-                    </Button>
-                  )}
+                  <Button label={t('kick.name', { name: row.name })} onClick={() => setAsked([row])}>
+                    {t('kick.now')}
+                  </Button>
                 </td>
               </tr>
             ))}
           </Table>
         )}
       </Card>
+      <Holds holds={live.value.holds} onLift={lift} />
+      {asked && <KickDialog rows={asked} onClose={() => setAsked(null)} onKick={(minutes) => kick(asked, minutes)} />}
     </>
   )
 }

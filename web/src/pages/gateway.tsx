@@ -7,6 +7,7 @@ import { session } from '../session'
 import { t } from '../texts'
 import { Badge, Card, Failure, Notice, SaveRow, Spinner, say, useJob } from '../ui'
 import { clientName } from './clients'
+import { GuardBand, GuardCard, type Guard } from './guard'
 import { gatewayName, type Gateway } from './overview'
 
 const PAUSE = 3_000
@@ -71,13 +72,14 @@ function Policy({ setting, clients, onSaved }: { setting: Setting; clients: read
     gw2: setting.failover_en ? idOf(setting.gw2) : '',
     failover_interval: String(setting.failover_interval ?? 0),
     snat: setting.snat !== 0,
-  })
+  }, true)
   const job = useJob()
   const save = async (event: Event) => {
     event.preventDefault()
     if (!form.check()) return
     await job.run('save', async () => {
       await call('gateway/set', gatewayForm(sent(rows, form.values)))
+      form.settle()
       say('saved')
       onSaved()
     })
@@ -94,23 +96,25 @@ function Policy({ setting, clients, onSaved }: { setting: Setting; clients: read
 export function GatewayPage() {
   const admin = session.login.value?.admin ?? false
   const now = usePoll(async () => {
-    const [gateway, clients] = await Promise.all([
+    const [gateway, guard, clients] = await Promise.all([
       data<Gateway>('gateway/get_vpn_gw'),
+      data<Guard>('guard/get'),
       data<ClientProfile[] | null>('config/show', { type: CLIENTS }),
     ])
-    return { gateway, clients: clients ?? [] }
+    return { gateway, guard, clients: clients ?? [] }
   }, PAUSE)
   const policy = usePoll(() => data<{ gw_setting: Setting }>('gateway/get'), 0)
   if (!now.value || !policy.value) {
     const failure = now.failure ?? policy.failure
     return failure ? <Failure failure={failure} onRetry={() => (now.refresh(), policy.refresh())} /> : <Spinner />
   }
-  const { gateway, clients } = now.value
+  const { gateway, guard, clients } = now.value
   const setting = policy.value.gw_setting
   const carries = (tunnel: Tunnel | undefined) => tunnel !== undefined && idOf(tunnel) === idOf(gateway)
   return (
     <>
       <Failure failure={now.failure} />
+      <GuardBand guard={guard} admin={admin} onChanged={now.refresh} />
       <Card title={t('gateway.now')}>
         <p class="big">
           <bdi>{gatewayName(gateway, clients)}</bdi>{' '}
@@ -124,6 +128,7 @@ export function GatewayPage() {
           <Policy setting={setting} clients={clients} onSaved={() => (policy.refresh(), now.refresh())} />
         </Card>
       )}
+      {admin && <GuardCard guard={guard} onChanged={now.refresh} />}
     </>
   )
 }

@@ -5,10 +5,11 @@ import { useFileDrop } from '../drop'
 import { explain } from '../errors'
 import { Fields, sent, useForm, type FieldRow } from '../form'
 import { base64 } from '../format'
+import { shownLines, type Report } from '../model'
 import { COMPANIONS, NEEDED, isProfile, match, references, type Companion } from '../ovpn'
 import { all, atMost, required } from '../rules'
 import { t } from '../texts'
-import { Badge, Button, Dialog, Failure, Facts, Icon, Notice, Spinner, say, useJob } from '../ui'
+import { Badge, Button, Dialog, Failure, Facts, Icon, Notice, Spinner, Switch, Table, say, useJob } from '../ui'
 import { FileButton } from './clients'
 
 const WRONG_FILES = 61
@@ -19,7 +20,10 @@ interface Judgement {
   compress?: boolean
   files: Partial<Record<string, string>>
 }
-type Verdict = { state: 'asking' } | { state: 'good'; judgement: Judgement } | { state: 'bad'; failure: unknown }
+type Verdict =
+  | { state: 'asking' }
+  | { state: 'good'; judgement: Judgement; report: Report | null }
+  | { state: 'bad'; failure: unknown; report: Report | null }
 
 interface Candidate {
   id: number
@@ -116,11 +120,13 @@ function CandidateCard({ one, onChange, onGone }: CardProps) {
       const names = references(await one.file.text())
       if (!alive) return
       setNamed(names)
+      // An appliance without the report still imports.
+      const report = await data<Report>('config/report', upload(one, COMPANIONS), SLOW).catch(() => null)
       try {
         const judgement = await data<Judgement>('config/check', upload(one, NEEDED), SLOW)
-        if (alive) setVerdict({ state: 'good', judgement })
+        if (alive) setVerdict({ state: 'good', judgement, report })
       } catch (failure) {
-        if (alive) setVerdict({ state: 'bad', failure })
+        if (alive) setVerdict({ state: 'bad', failure, report })
       }
     }
     void ask()
@@ -167,6 +173,7 @@ function CandidateCard({ one, onChange, onGone }: CardProps) {
           <Notice tone="bad">
             <Judged failure={verdict.failure} />
           </Notice>
+          {verdict.report && <ReportTable report={verdict.report} />}
           {files}
           <div class="row">
             <Button onClick={() => onChange({ ...one })}>{t('retry')}</Button>
@@ -175,10 +182,49 @@ function CandidateCard({ one, onChange, onGone }: CardProps) {
       )}
       {verdict.state === 'good' && (
         <Ready one={one} judgement={verdict.judgement} needs={named} onDone={() => onGone(true)}>
+          {verdict.report && <ReportTable report={verdict.report} />}
           {files}
         </Ready>
       )}
     </section>
+  )
+}
+
+const TONES = { kept: 'good', changed: 'busy', dropped: 'off', refused: 'bad', needs: 'warn' } as const
+
+// What becomes of each line, before anything is stored.
+function ReportTable({ report }: { report: Report }) {
+  const [all, setAll] = useState(false)
+  const lines = shownLines(report, all)
+  return (
+    <>
+      {!report.importable && report.reason && <Notice tone="bad">{report.reason}</Notice>}
+      {report.certificates.map((one) => (
+        <p key={`${one.role}|${one.subject}|${one.days}`} class={one.days < 0 ? 'error' : 'soft'}>
+          {t(one.days < 0 ? 'report.expired' : 'report.days', { role: one.role, name: one.subject, n: Math.abs(one.days) })}
+        </p>
+      ))}
+      <Switch label={t('report.all')} on={all} onChange={setAll} />
+      {lines.length === 0 ? (
+        <p class="soft">{t('report.same')}</p>
+      ) : (
+        <Table label={t('report.title')} heads={[t('report.line'), t('report.text'), t('report.fate'), t('report.why')]}>
+          {lines.map((line) => (
+            <tr key={line.n}>
+              <td>{line.n}</td>
+              <td>
+                <bdi class="mono">{line.text}</bdi>
+              </td>
+              <td>
+                <Badge tone={TONES[line.fate]}>{t(`report.${line.fate}`)}</Badge>
+              </td>
+              <td>{line.why}</td>
+            </tr>
+          ))}
+        </Table>
+      )}
+      {report.added.length > 0 && <p class="soft">{t('report.added', { options: report.added.join(', ') })}</p>}
+    </>
   )
 }
 

@@ -2,6 +2,7 @@
 import { useEffect, useRef, useState } from 'preact/hooks'
 import { ApiError, callOnce } from '../api'
 import { explain } from '../errors'
+import { clock } from '../format'
 import { session } from '../session'
 import { t } from '../texts'
 import { Button, Dialog, Field, LanguageButton, Notice } from '../ui'
@@ -9,10 +10,13 @@ import { Button, Dialog, Field, LanguageButton, Notice } from '../ui'
 const TOO_MANY = 429
 
 function wordsFor(failure: unknown): string {
-  if (failure instanceof ApiError && failure.status === TOO_MANY) return t('login.throttled')
+  if (failure instanceof ApiError && failure.status === TOO_MANY)
+    return failure.wait > 0
+      ? t('login.throttledUntil', { time: clock(new Date(Date.now() + failure.wait * 1000)) })
+      : t('login.throttled')
   if (failure instanceof ApiError && failure.kind === 'code') return t('login.refused')
   const { what, advice } = explain(failure)
-  return `${what} ${advice}`
+  return `${what} ${advice}`.trim()
 }
 
 // Where one begins to type.
@@ -31,6 +35,11 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
   const [wrong, setWrong] = useState('')
   const userField = useFocus(fixedUser === undefined)
   const passwordField = useFocus(fixedUser !== undefined)
+
+  // The button that had the focus was off meanwhile.
+  useEffect(() => {
+    if (wrong) passwordField.current?.focus()
+  }, [wrong])
 
   const submit = async (event: Event) => {
     event.preventDefault()

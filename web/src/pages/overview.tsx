@@ -9,6 +9,7 @@ import {
   type ClientProfile, type Connection, type Peer, type Profile, type ServerProfile,
 } from '../model'
 import { usePoll } from '../poll'
+import { readStates, serverState, stateKey, stateOfStatus, whyOf, type Reason } from '../reasons'
 import { t } from '../texts'
 import { History, traffic, type InterfaceRate } from '../traffic'
 import { Badge, Card, Empty, Failure, Spinner } from '../ui'
@@ -65,6 +66,9 @@ const Tile = ({ label, value, note, to }: { label: string; value: string | numbe
   </a>
 )
 
+const Because = ({ reason }: { reason: Reason | null | undefined }) =>
+  reason ? <small class="soft">{reason.code === 'port-taken' ? reason.text : whyOf(reason)}</small> : null
+
 export function OverviewPage() {
   const live = usePoll(async () => {
     const [connections, interfaces] = await Promise.all([
@@ -74,11 +78,12 @@ export function OverviewPage() {
     return { connections, points: history.add(Date.now() / 1000, traffic(connections, interfaces)) }
   }, LIVE)
   const slow = usePoll(async () => {
-    const [profiles, gateway] = await Promise.all([
+    const [profiles, gateway, states] = await Promise.all([
       data<Profile[] | null>('config/show', { type: SERVERS | CLIENTS }),
       data<Gateway>('gateway/get_vpn_gw'),
+      readStates(SERVERS | CLIENTS),
     ])
-    return { profiles: profiles ?? [], gateway }
+    return { profiles: profiles ?? [], gateway, states }
   }, SLOW)
   const events = usePoll(() => call<LogEvent[]>('log/event', { lower: 0, upper: EVENTS - 1 }), RARE)
 
@@ -86,15 +91,17 @@ export function OverviewPage() {
   if (!slow.value || !live.value)
     return failure ? <Failure failure={failure} onRetry={() => (live.refresh(), slow.refresh())} /> : <Spinner />
 
-  const { profiles, gateway } = slow.value
+  const { profiles, gateway, states } = slow.value
   const { connections, points } = live.value
   const servers = PROTOCOLS.map((one) => profiles.find((profile) => profile.type === one.server)).filter(
     (one): one is ServerProfile => Boolean(one),
   )
   const clients = profiles.filter((one) => (one.type & CLIENTS) !== 0) as ClientProfile[]
   const peers = (profiles.find((one) => Array.isArray(one['peers']))?.['peers'] ?? []) as Peer[]
-  const on = servers.filter((one) => one.enable).length
-  const up = clients.filter((one) => one.status === 1).length
+  const serverTruth = (one: ServerProfile) => states.get(stateKey(one))?.state ?? (one.enable ? 'running' : 'off')
+  const clientTruth = (one: ClientProfile) => states.get(stateKey(one))?.state ?? stateOfStatus(one.status)
+  const on = servers.filter((one) => serverTruth(one) === 'running').length
+  const up = clients.filter((one) => clientTruth(one) === 'up').length
   const devices = peers.filter(isLive)
 
   return (
@@ -114,7 +121,8 @@ export function OverviewPage() {
               <li key={one.type}>
                 <a href={`#/servers/${protocolOf(one.type)?.id ?? ''}`}>{labelOf(one.type)}</a>
                 <span class="soft">{t('overview.live', { n: liveCount(one.type, connections, peers) })}</span>
-                <Badge tone={one.enable ? 'good' : 'off'}>{t(one.enable ? 'server.on' : 'server.off')}</Badge>
+                <Badge tone={serverState(serverTruth(one)).tone}>{t(serverState(serverTruth(one)).text)}</Badge>
+                <Because reason={states.get(stateKey(one))?.reason} />
               </li>
             ))}
           </ul>
@@ -126,7 +134,8 @@ export function OverviewPage() {
               <li key={`${one.type}-${one.index}`}>
                 <bdi class="name">{clientName(one)}</bdi>
                 <span class="soft">{labelOf(one.type)}</span>
-                <StateBadge state={one.status} />
+                <StateBadge state={clientTruth(one)} />
+                <Because reason={states.get(stateKey(one))?.reason} />
               </li>
             ))}
           </ul>

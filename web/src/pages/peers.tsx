@@ -54,8 +54,18 @@ function DeviceDialog({ device, profile, onClose }: { device: Device; profile: S
     allowed: everything ? '0.0.0.0/0' : `${String(profile['server_ip'])}/${String(profile['server_mask'])}`,
     dns: profile['enable_dns'] ? String(profile['manual_dns']) : '',
   })
+  const [kept, setKept] = useState(!device.privateKey)
+  const close = async () => {
+    const yes = kept || (await confirm({ title: t('peer.unkept'), text: t('peer.unkeptText'), action: t('peer.close'), danger: true }))
+    if (yes) onClose()
+  }
+  const copy = async () => {
+    await navigator.clipboard.writeText(text)
+    setKept(true)
+    say('peer.copied')
+  }
   return (
-    <Dialog title={t('peer.device', { name: device.name })} onClose={onClose} wide>
+    <Dialog title={t('peer.device', { name: device.name })} onClose={() => void close()} wide>
       <Notice>{t('peer.once')}</Notice>
       <div class="device">
         <QrCode text={text} label={t('peer.qr')} />
@@ -68,9 +78,18 @@ function DeviceDialog({ device, profile, onClose }: { device: Device; profile: S
             {text}
           </pre>
           <div class="row">
-            <Button kind="primary" icon="download" onClick={() => saveFile(fileName(device.name), new Blob([text]))}>
+            <Button
+              kind="primary"
+              icon="download"
+              onClick={() => {
+                saveFile(fileName(device.name), new Blob([text]))
+                setKept(true)
+              }}
+            >
               {t('peer.file')}
             </Button>
+            <Button onClick={() => void copy()}>{t('peer.copy')}</Button>
+            <Button onClick={onClose}>{t('peer.done')}</Button>
           </div>
         </div>
       </div>
@@ -150,6 +169,33 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
   const job = useJob()
   const usable = profile['server_pub_key'] !== ''
 
+  // The private key is nowhere but on the device, so another one has to take its place.
+  const renew = async (peer: Peer) => {
+    const name = decodeName(peer.peer_name)
+    const yes = await confirm({ title: t('peer.renew', { name }), text: t('peer.renewText'), action: t('peer.renewNow'), danger: true })
+    if (!yes) return
+    await job.run(`renew ${peer.index}`, async () => {
+      const keys = await data<{ pri_key: string; pub_key: string }>('peer/keys')
+      await call('peer/modify', {
+        index: peer.index,
+        peer_name: peer.peer_name,
+        peer_pub_key: keys.pub_key,
+        peer_allow_ip: peer.peer_allow_ip,
+        peer_endpoint: peer.peer_endpoint,
+        psk: peer.psk,
+        keepalive: peer.keepalive,
+      })
+      setDevice({
+        name,
+        address: peer.peer_allow_ip.split('/')[0] ?? '',
+        privateKey: keys.pri_key,
+        psk: peer.psk,
+        keepalive: Number(peer.keepalive),
+      })
+      onChanged()
+    })
+  }
+
   const remove = async (peer: Peer) => {
     const name = decodeName(peer.peer_name)
     const yes = await confirm({ title: t('peer.remove', { name }), text: t('peer.removeText'), action: t('remove'), danger: true })
@@ -199,6 +245,14 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
                   <span class="row end">
                     <Button label={t('edit.name', { name })} onClick={() => setEdited({ peer })}>
                       {t('edit')}
+                    </Button>
+                    <Button
+                      label={t('peer.renewName', { name })}
+                      disabled={!usable}
+                      busy={job.busy === `renew ${peer.index}`}
+                      onClick={() => void renew(peer)}
+                    >
+                      {t('peer.new')}
                     </Button>
                     <Button label={t('remove.name', { name })} busy={job.busy === 'remove'} onClick={() => void remove(peer)}>
                       {t('remove')}

@@ -3,7 +3,7 @@ import { useState } from 'preact/hooks'
 import { call, data } from '../api'
 import { Fields, sent, useForm, type FieldRow } from '../form'
 import { count } from '../format'
-import { PROTOCOLS, WIREGUARD, type Connection } from '../model'
+import { PROTOCOLS, type Connection } from '../model'
 import { usePoll } from '../poll'
 import { page } from '../rules'
 import { t } from '../texts'
@@ -14,7 +14,7 @@ const PAUSE = 10_000
 const EVERYBODY = 100_000 // entries, more than there are
 
 // A peer of WireGuard needs no right.
-const GRANTED = PROTOCOLS.filter((one) => one.server !== WIREGUARD)
+const GRANTED = PROTOCOLS.filter((one) => one.right)
 
 type Source = 'local' | 'remote'
 type Masks = Record<string, number>
@@ -40,12 +40,14 @@ function Grid() {
         call<string[] | null>('user/query', form),
         data<Masks | null>('privilege/get', { lower: 0, upper: EVERYBODY }),
       ])
-      return { source, users: users.data ?? [], total: users.total ?? 0, masks: masks ?? {} }
+      return { source, filter, at, users: users.data ?? [], total: users.total ?? 0, masks: masks ?? {} }
     },
     PAUSE,
     [source, filter, at],
   )
   const value = list.value
+  // What is still shown is of another question than the one that was asked last.
+  const stale = value !== null && value !== undefined && (value.source !== source || value.filter !== filter || value.at !== at)
   const pages = page(value?.total ?? 0, at, SIZE)
   const maskOf = (user: string): number => changes.get(user) ?? value?.masks[user] ?? 0
 
@@ -99,8 +101,8 @@ function Grid() {
         </form>
       </div>
       <Failure failure={list.failure} onRetry={list.refresh} />
-      {!value && !list.failure && <Spinner />}
-      {value && value.users.length === 0 && <Empty>{t('rights.none')}</Empty>}
+      {(!value || stale) && !list.failure && <Spinner />}
+      {value && value.users.length === 0 && <Empty>{t(source === 'remote' && !filter ? 'rights.noDirectory' : 'rights.none')}</Empty>}
       {value && value.users.length > 0 && (
         <Table label={t('nav.rights')} heads={[t('logs.user'), ...GRANTED.map((one) => one.label)]}>
           {value.users.map((user) => (
@@ -113,6 +115,7 @@ function Grid() {
                   <input
                     type="checkbox"
                     aria-label={t('rights.may', { user, server: one.label })}
+                    disabled={stale}
                     checked={(maskOf(user) & one.server) !== 0}
                     onChange={(event) => toggle(user, one.server, event.currentTarget.checked)}
                   />
@@ -154,7 +157,7 @@ const POLICY: readonly FieldRow[] = [
 ]
 
 function Policy({ blocks, onSaved }: { blocks: Blocks; onSaved: () => void }) {
-  const form = useForm(POLICY, { enable: blocks.enable, limit: String(blocks.limit), time: String(blocks.time) })
+  const form = useForm(POLICY, { enable: blocks.enable, limit: String(blocks.limit), time: String(blocks.time) }, true)
   const job = useJob()
   const save = async (event: Event) => {
     event.preventDefault()
@@ -162,6 +165,7 @@ function Policy({ blocks, onSaved }: { blocks: Blocks; onSaved: () => void }) {
     if (locked > 0 && !(await confirm({ title: t('block.policy'), text: t('block.lifts'), action: t('save') }))) return
     await job.run('save', async () => {
       await call('privilege/block', sent(POLICY, form.values))
+      form.settle()
       say('saved')
       onSaved()
     })

@@ -109,6 +109,12 @@ const overlaps = (a: Range, b: Range): boolean => {
   return left !== null && left === network(b.address, mask)
 }
 
+const networkOf = ({ address, mask }: Range): string => {
+  const size = 2 ** (32 - mask)
+  const first = (network(address, mask) ?? 0) * size
+  return `${[24, 16, 8, 0].map((shift) => Math.floor(first / 2 ** shift) % 256).join('.')}/${mask}`
+}
+
 // Transport and port that a server listens on, where one can choose.
 const doorOf = (type: number, values: Readonly<Record<string, unknown>>): string | null => {
   if (values['port'] === undefined) return null
@@ -126,7 +132,7 @@ export function conflicts(type: number, values: Values, servers: readonly Profil
       const theirs = rangeOf(one.type, one)
       const found: string[] = []
       if (overlaps(mine, theirs))
-        found.push(t('conflict.pool', { server: theirs.label, network: `${theirs.address}/${theirs.mask}` }))
+        found.push(t('conflict.pool', { server: theirs.label, network: networkOf(theirs) }))
       if (door !== null && door === doorOf(one.type, one))
         found.push(t('conflict.port', { server: theirs.label, port: door }))
       return found

@@ -7,9 +7,11 @@ import {
   type Connection, type Nic, type Peer, type Profile, type Protocol, type ServerProfile,
 } from '../model'
 import { usePoll } from '../poll'
+import { readStates, serverState, stateKey, type States } from '../reasons'
 import { place } from '../router'
 import { t } from '../texts'
 import { Badge, Button, Card, Failure, Notice, SaveRow, Spinner, confirm, say, useJob } from '../ui'
+import { Why } from './clients'
 import { Peers } from './peers'
 import { conflicts, serverRows, serverValues } from './servers.rows'
 
@@ -57,7 +59,7 @@ interface Live {
 
 function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; live: Live; nics: readonly Nic[]; onSaved: () => void }) {
   const rows = serverRows(profile.type, interfaceChoices(nics))
-  const form = useForm(rows, serverValues(profile))
+  const form = useForm(rows, serverValues(profile), true)
   const job = useJob()
   const peers = (profile['peers'] ?? []) as Peer[]
   const dropped = liveCount(profile.type, live.connections, peers)
@@ -73,6 +75,16 @@ function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; 
     event.preventDefault()
     if (!form.check()) return
     const on = form.values['enable'] === true
+    const before = String(profile['server_pri_key'] ?? '')
+    if (profile.type === WIREGUARD && peers.length > 0 && before && form.values['server_pri_key'] !== before) {
+      const yes = await confirm({
+        title: t('server.otherKey'),
+        text: count(peers.length, 'server.otherKeyOne', 'server.otherKeyMany'),
+        action: t('server.otherKeyNow'),
+        danger: true,
+      })
+      if (!yes) return
+    }
     if (profile.enable && (dropped > 0 || !on)) {
       const yes = await confirm({
         title: t(on ? 'server.restart' : 'server.stop', { server: labelOf(profile.type) }),
@@ -93,6 +105,7 @@ function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; 
         }
       }
       await call('config/modify', { type: profile.type, ...values }, SLOW)
+      form.settle()
       say('saved')
       onSaved()
     })
@@ -101,30 +114,43 @@ function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; 
   return (
     <form onSubmit={(event) => void save(event)} noValidate>
       <Fields rows={rows} form={form} />
+      {profile.type === WIREGUARD && (
+        <details>
+          <summary>{t('server.replaceKey')}</summary>
+          <div class="form">
+            <p>{t('server.replaceKeyHelp')}</p>
+            <div class="row">
+              <Button kind="danger" busy={job.busy === 'key'} onClick={() => void makeKey()}>
+                {t('server.newKey')}
+              </Button>
+            </div>
+          </div>
+        </details>
+      )}
       {inTheWay.map((text) => (
         <Notice key={text}>{text}</Notice>
       ))}
       {profile.enable && dropped > 0 && <Notice>{count(dropped, 'server.willDropOne', 'server.willDrop')}</Notice>}
       <SaveRow job={job}>
         {job.busy === 'save' && <span class="soft">{t('server.working')}</span>}
-        {profile.type === WIREGUARD && (
-          <Button busy={job.busy === 'key'} onClick={() => void makeKey()}>
-            {t('server.newKey')}
-          </Button>
-        )}
       </SaveRow>
     </form>
   )
 }
 
-const ServerTabs = ({ servers, current }: { servers: readonly ServerProfile[]; current: Protocol }) => (
+// An appliance that tells no states has those that the settings say.
+const shownState = (profile: ServerProfile | undefined, states: States) =>
+  serverState((profile && states.get(stateKey(profile))?.state) ?? (profile?.enable ? 'running' : 'off'))
+
+type ServerTabsProps = { servers: readonly ServerProfile[]; states: States; current: Protocol }
+const ServerTabs = ({ servers, states, current }: ServerTabsProps) => (
   <nav class="subnav" aria-label={t('nav.servers')}>
     {PROTOCOLS.map((one) => {
-      const on = servers.find((server) => server.type === one.server)?.enable
+      const shown = shownState(servers.find((server) => server.type === one.server), states)
       return (
         <a key={one.id} href={`#/servers/${one.id}`} aria-current={one === current ? 'page' : undefined}>
           {one.label}
-          <Badge tone={on ? 'good' : 'off'}>{t(on ? 'server.on' : 'server.off')}</Badge>
+          <Badge tone={shown.tone}>{t(shown.text)}</Badge>
         </a>
       )
     })}
@@ -134,11 +160,12 @@ const ServerTabs = ({ servers, current }: { servers: readonly ServerProfile[]; c
 export function ServersPage() {
   const current = PROTOCOLS.find((one) => one.id === place.value[1]) ?? PROTOCOLS[0]
   const live = usePoll(async () => {
-    const [servers, connections] = await Promise.all([
+    const [servers, connections, states] = await Promise.all([
       data<Profile[] | null>('config/show', { type: SERVERS }),
       data<Connection[]>('connection/list'),
+      readStates(SERVERS),
     ])
-    return { servers: (servers ?? []) as ServerProfile[], connections }
+    return { servers: (servers ?? []) as ServerProfile[], connections, states }
   }, PAUSE)
   const nics = usePoll(() => data<Nic[] | null>('misc/nic').catch(() => []), 0)
 
@@ -146,9 +173,11 @@ export function ServersPage() {
     return live.failure ? <Failure failure={live.failure} onRetry={live.refresh} /> : <Spinner />
   const profile = live.value.servers.find((one) => one.type === current?.server)
   if (!profile || !current) return null
+  const truth = live.value.states.get(stateKey(profile))
+  const shown = shownState(profile, live.value.states)
   return (
     <>
-      <ServerTabs servers={live.value.servers} current={current} />
+      <ServerTabs servers={live.value.servers} states={live.value.states} current={current} />
       <Failure failure={live.failure} />
       <Card
         title={current.label}
@@ -159,10 +188,11 @@ export function ServersPage() {
                 n: liveCount(profile.type, live.value.connections, (profile['peers'] ?? []) as Peer[]),
               })}
             </span>
-            <Badge tone={profile.enable ? 'good' : 'off'}>{t(profile.enable ? 'server.on' : 'server.off')}</Badge>
+            <Badge tone={shown.tone}>{t(shown.text)}</Badge>
           </>
         }
       >
+        {truth?.reason && <Why reason={truth.reason} />}
         <ServerForm key={current.id} profile={profile} live={live.value} nics={nics.value ?? []} onSaved={live.refresh} />
       </Card>
       {profile.type === OPENVPN && <Downloads profile={profile} onDone={live.refresh} />}

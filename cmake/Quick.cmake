@@ -1,0 +1,96 @@
+# What makes a build from nothing quick: precompiled headers, and tests that are not optimised. Called once, when all
+# targets are known.
+include_guard(GLOBAL)
+
+# The compiler spends half of its time on these headers. No header of ours is among them, and each source includes what
+# it needs all the same: clang-tidy reads every source without them.
+set(ORMEL_COMMON_HEADERS
+  <algorithm> <array> <cerrno> <charconv> <chrono> <cstdio> <cstdlib> <cstring> <functional> <map> <memory> <optional>
+  <string> <string_view> <vector> <fcntl.h> <unistd.h>)
+set(ORMEL_TEST_HEADERS ${ORMEL_COMMON_HEADERS} <filesystem> <fstream> <thread> <gmock/gmock.h>)
+
+function(ormel_targets_below folder result)
+  get_property(targets DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
+  get_property(folders DIRECTORY ${folder} PROPERTY SUBDIRECTORIES)
+  foreach(sub ${folders})
+    ormel_targets_below(${sub} more)
+    list(APPEND targets ${more})
+  endforeach()
+  set(${result} ${targets} PARENT_SCOPE)
+endfunction()
+
+# ormel_precompile(NAME OPTIONS HEADERS...): a target whose precompiled headers others reuse.
+function(ormel_precompile name options)
+  file(WRITE ${CMAKE_BINARY_DIR}/precompiled/${name}.cpp.new "")
+  file(COPY_FILE ${CMAKE_BINARY_DIR}/precompiled/${name}.cpp.new ${CMAKE_BINARY_DIR}/precompiled/${name}.cpp ONLY_IF_DIFFERENT)
+  add_library(${name} OBJECT EXCLUDE_FROM_ALL ${CMAKE_BINARY_DIR}/precompiled/${name}.cpp)
+  target_compile_options(${name} PRIVATE ${options})
+  target_precompile_headers(${name} PRIVATE ${ARGN})
+endfunction()
+
+# The targets of everything but the tests and the manual's own tool.
+function(ormel_product_targets result)
+  set(all "")
+  get_property(folders DIRECTORY ${PROJECT_SOURCE_DIR} PROPERTY SUBDIRECTORIES)
+  foreach(folder ${folders})
+    if(NOT folder MATCHES "^${PROJECT_SOURCE_DIR}/(tests|doc)")
+      ormel_targets_below(${folder} targets)
+      list(APPEND all ${targets})
+    endif()
+  endforeach()
+  set(${result} ${all} PARENT_SCOPE)
+endfunction()
+
+# All that an installation needs, without tests and benchmarks; the demonstration cloud of an appliance belongs to it.
+function(ormel_add_installed)
+  set(needed manual protocols)
+  ormel_product_targets(targets)
+  foreach(target ${targets})
+    get_target_property(type ${target} TYPE)
+    if(type MATCHES "^(EXECUTABLE|SHARED_LIBRARY|MODULE_LIBRARY)$")
+      list(APPEND needed ${target})
+    endif()
+  endforeach()
+  add_custom_target(installed DEPENDS ${needed})
+endfunction()
+
+function(ormel_make_quick)
+  # The tests themselves do little work: optimising them takes longer than it saves.
+  set(unoptimised -O0 -U_FORTIFY_SOURCE)
+  set(tests "")
+  foreach(target ormel_unit_tests fenro_unit_tests ormel_system_tests ormel_far_agent)
+    if(TARGET ${target})
+      target_compile_options(${target} PRIVATE ${unoptimised})
+      list(APPEND tests ${target})
+    endif()
+  endforeach()
+  # A compiler cache finds more without precompiled headers, and clang's are strict about every definition.
+  if(CCACHE_PROGRAM OR NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    return()
+  endif()
+  ormel_precompile(precompiled_library "" ${ORMEL_COMMON_HEADERS})
+  ormel_precompile(precompiled_program -fPIE ${ORMEL_COMMON_HEADERS})
+  if(tests)
+    # The tests found it in a folder of their own, and what is found so is not known here.
+    find_package(GTest REQUIRED)
+    ormel_precompile(precompiled_tests "-fPIE;${unoptimised}" ${ORMEL_TEST_HEADERS})
+    target_link_libraries(precompiled_tests PRIVATE GTest::gmock)
+  endif()
+  ormel_product_targets(product)
+  # Read from a precompiled header, the library's own code no longer counts as the system's: g++ 12 then reports joined
+  # strings that are right. Builds with a compiler cache keep these warnings.
+  set(unfounded -Wno-array-bounds -Wno-restrict -Wno-stringop-overflow -Wno-stringop-overread)
+  foreach(target ${product} ${tests})
+    get_target_property(type ${target} TYPE)
+    if(type MATCHES "^(EXECUTABLE|(STATIC|SHARED|OBJECT)_LIBRARY)$")
+      target_compile_options(${target} PRIVATE ${unfounded})
+    endif()
+    if(target IN_LIST tests)
+      target_precompile_headers(${target} REUSE_FROM precompiled_tests)
+    elseif(type STREQUAL "EXECUTABLE")
+      target_precompile_headers(${target} REUSE_FROM precompiled_program)
+    elseif(type MATCHES "^(STATIC|SHARED|OBJECT)_LIBRARY$")
+      target_precompile_headers(${target} REUSE_FROM precompiled_library)
+    endif()
+  endforeach()
+endfunction()

@@ -1,0 +1,140 @@
+#include "ormel/base/crypto.h"
+
+#include <climits>
+#include <memory>
+#include <nettle/base16.h>
+#include <nettle/base64.h>
+#include <nettle/sha1.h>
+
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+#include <openssl/opensslv.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include "base/base64.h"
+#include "ormel/base/library.h"
+
+namespace ormel::openssl {
+
+namespace {
+
+static_assert(OPENSSL_VERSION_MAJOR == 3, "the name below is of the library whose headers are used");
+constexpr const char* LIBRARY = "libcrypto.so.3";
+
+// Certificates are met in an import alone, so their library is loaded on first use: its start is as long as the rest of
+// a run. What every run needs comes from a small one.
+struct Api {
+  decltype(&::BIO_new_mem_buf) bio_new_mem_buf;
+  decltype(&::BIO_free_all) bio_free_all;
+  decltype(&::PEM_read_bio_X509) read_certificate;
+  decltype(&::X509_free) certificate_free;
+  decltype(&::X509_get_pubkey) get_public_key;
+  decltype(&::EVP_PKEY_free) key_free;
+  decltype(&::PEM_read_bio_X509_CRL) read_revocations;
+  decltype(&::X509_CRL_free) revocations_free;
+  decltype(&::X509_get0_notAfter) get_end;
+  decltype(&::ASN1_TIME_diff) time_difference;
+  decltype(&::X509_get_subject_name) get_subject;
+  decltype(&::X509_NAME_get_text_by_NID) get_name_part;
+};
+
+bool load(Api& api) {
+  return load_library(LIBRARY) && find_function(api.bio_new_mem_buf, "BIO_new_mem_buf") &&
+         find_function(api.bio_free_all, "BIO_free_all") && find_function(api.read_certificate, "PEM_read_bio_X509") &&
+         find_function(api.certificate_free, "X509_free") && find_function(api.get_public_key, "X509_get_pubkey") &&
+         find_function(api.key_free, "EVP_PKEY_free") && find_function(api.read_revocations, "PEM_read_bio_X509_CRL") &&
+         find_function(api.revocations_free, "X509_CRL_free") && find_function(api.get_end, "X509_get0_notAfter") &&
+         find_function(api.time_difference, "ASN1_TIME_diff") &&
+         find_function(api.get_subject, "X509_get_subject_name") &&
+         find_function(api.get_name_part, "X509_NAME_get_text_by_NID");
+}
+
+// The loaded library; null when it, or one of the functions, is missing.
+const Api* api() {
+  static Api functions{};
+  static const bool loaded = load(functions);
+  return loaded ? &functions : nullptr;
+}
+
+// An object exists only if the library was loaded.
+struct Cleanup {
+  void operator()(BIO* bio) const noexcept { api()->bio_free_all(bio); }
+  void operator()(X509* certificate) const noexcept { api()->certificate_free(certificate); }
+  void operator()(X509_CRL* revocations) const noexcept { api()->revocations_free(revocations); }
+  void operator()(EVP_PKEY* key) const noexcept { api()->key_free(key); }
+};
+
+template <typename Object>
+using Owned = std::unique_ptr<Object, Cleanup>;
+
+Owned<BIO> reader(const std::string& text) {
+  if (!api() || text.size() > INT_MAX) return nullptr;
+  return Owned<BIO>{api()->bio_new_mem_buf(text.data(), static_cast<int>(text.size()))};
+}
+
+const uint8_t* bytes_of(const std::string& text) {
+  return reinterpret_cast<const uint8_t*>(text.data());
+}
+
+}  // namespace
+
+bool is_crl(const std::string& pem) {
+  const Owned<BIO> bio = reader(pem);
+  return bio && Owned<X509_CRL>{api()->read_revocations(bio.get(), nullptr, nullptr, nullptr)};
+}
+
+bool is_cert(const std::string& pem) {
+  const Owned<BIO> bio = reader(pem);
+  const Owned<X509> certificate{bio ? api()->read_certificate(bio.get(), nullptr, nullptr, nullptr) : nullptr};
+  return certificate && Owned<EVP_PKEY>{api()->get_public_key(certificate.get())};
+}
+
+std::vector<CertificateFacts> certificates_of(const std::string& pem) {
+  std::vector<CertificateFacts> all;
+  const Owned<BIO> bio = reader(pem);
+  while (bio) {
+    const Owned<X509> one{api()->read_certificate(bio.get(), nullptr, nullptr, nullptr)};
+    if (!one) break;
+    CertificateFacts facts;
+    char name[256] = "";
+    for (const int part : {NID_commonName, NID_organizationName}) {
+      if (*name == '\0') api()->get_name_part(api()->get_subject(one.get()), part, name, sizeof name);
+    }
+    facts.subject = name;
+    int days = 0, seconds = 0;
+    if (api()->time_difference(&days, &seconds, nullptr, api()->get_end(one.get())) != 1) break;
+    facts.days = days == 0 && seconds < 0 ? -1 : days;
+    all.push_back(std::move(facts));
+  }
+  return all;
+}
+
+std::string sha1(const std::string& text) {
+  sha1_ctx context;
+  sha1_init(&context);
+  sha1_update(&context, text.size(), bytes_of(text));
+  uint8_t digest[SHA1_DIGEST_SIZE];
+  sha1_digest(&context, sizeof digest, digest);
+  std::string out(BASE16_ENCODE_LENGTH(sizeof digest), '\0');
+  base16_encode_update(out.data(), sizeof digest, digest);
+  return out;
+}
+
+std::string base64_encode(const std::string& text) {
+  return fenro::to_base64(text);
+}
+
+std::string base64_decode(const std::string& text) {
+  base64_decode_ctx context;
+  base64_decode_init(&context);
+  size_t length = BASE64_DECODE_LENGTH(text.size());
+  std::string out(length, '\0');
+  const int good =
+      base64_decode_update(&context, &length, reinterpret_cast<uint8_t*>(out.data()), text.size(), text.data());
+  out.resize(good ? length : 0);
+  return out;
+}
+
+}  // namespace ormel::openssl

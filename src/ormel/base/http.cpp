@@ -1,0 +1,169 @@
+#include "ormel/base/http.h"
+
+#include <climits>
+#include <string_view>
+#include <tuple>
+
+#include "base/http_limit.h"
+#include "ormel/base/error.h"
+#include "ormel/base/library.h"
+#include "ormel/base/log.h"
+
+namespace ormel {
+
+namespace curl {
+
+namespace {
+
+constexpr const char* LIBRARY = "libcurl.so.4";
+
+// Whether both come from the same file.
+bool same_origin(const void* a, const void* b) {
+  Dl_info of_a{};
+  Dl_info of_b{};
+  return dladdr(a, &of_a) != 0 && dladdr(b, &of_b) != 0 && of_a.dli_fbase == of_b.dli_fbase;
+}
+
+// Sharing is a convenience, and a library that is put in front of this one may have the easy interface alone: its
+// handles mean nothing to the rest of the other.
+void load_share(Api& api) {
+  const auto address = [](auto function) { return reinterpret_cast<const void*>(function); };
+  const bool found = find_function(api.share_init, "curl_share_init") &&
+                     find_function(api.share_setopt, "curl_share_setopt") &&
+                     find_function(api.share_cleanup, "curl_share_cleanup");
+  if (!found || !same_origin(address(api.share_init), address(api.easy_init))) api.share_init = nullptr;
+}
+
+bool load(Api& api) {
+  const bool found =
+      load_library(LIBRARY) && find_function(api.global_init, "curl_global_init") &&
+      find_function(api.global_cleanup, "curl_global_cleanup") && find_function(api.easy_init, "curl_easy_init") &&
+      find_function(api.easy_setopt, "curl_easy_setopt") && find_function(api.easy_perform, "curl_easy_perform") &&
+      find_function(api.easy_getinfo, "curl_easy_getinfo") && find_function(api.easy_strerror, "curl_easy_strerror") &&
+      find_function(api.easy_cleanup, "curl_easy_cleanup") && find_function(api.easy_unescape, "curl_easy_unescape") &&
+      find_function(api.free, "curl_free") && find_function(api.slist_append, "curl_slist_append") &&
+      find_function(api.slist_free_all, "curl_slist_free_all");
+  if (found) load_share(api);
+  return found;
+}
+
+}  // namespace
+
+const Api* api() {
+  static Api functions{};
+  static const bool loaded = load(functions);
+  return loaded ? &functions : nullptr;
+}
+
+// A handle exists only if the library was loaded.
+void Cleanup::operator()(CURL* handle) const noexcept {
+  api()->easy_cleanup(handle);
+}
+void Cleanup::operator()(curl_slist* list) const noexcept {
+  api()->slist_free_all(list);
+}
+
+void ShareCleanup::operator()(CURLSH* handle) const noexcept {
+  if (const auto cleanup = api()->share_cleanup) cleanup(handle);  // there with each share
+}
+
+bool unescape(const std::string& text, std::string& out) {
+  const Api* library = api();
+  if (!library || text.size() > INT_MAX) return false;
+  int length = 0;
+  // An explicit length of 0 would mean "up to the NUL", which for an empty text is the same.
+  const std::unique_ptr<char, decltype(&::curl_free)> plain{
+      library->easy_unescape(nullptr, text.c_str(), static_cast<int>(text.size()), &length), library->free};
+  if (!plain) return false;
+  out.assign(plain.get(), static_cast<size_t>(length));
+  return true;
+}
+
+}  // namespace curl
+
+Curl new_curl() {
+  const curl::Api* library = curl::api();
+  return Curl{library ? library->easy_init() : nullptr};
+}
+
+bool add_header(CurlList& headers, const std::string& line) {
+  const curl::Api* library = curl::api();
+  if (!library || line.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) return false;
+  curl_slist* const longer = library->slist_append(headers.get(), line.c_str());
+  if (!longer) return false;
+  std::ignore = headers.release();  // it is the head of the longer list
+  headers.reset(longer);
+  return true;
+}
+
+namespace system {
+
+namespace {
+
+constexpr long HTTP_TIMEOUT = 10;  // seconds
+constexpr const char* ENCODED = "%+";
+
+}  // namespace
+
+size_t curl_memory_data(void* bytes, size_t size, size_t count, void* out) {
+  std::string& text = *static_cast<std::string*>(out);
+  const size_t length = size * count;
+  if (length > fenro::HTTP_ANSWER_MAX - std::min(text.size(), fenro::HTTP_ANSWER_MAX)) {
+    ORMEL_LOG(ERROR, "[easycurl] the answer is larger than %zu bytes and is dropped", fenro::HTTP_ANSWER_MAX);
+    text.clear();  // a part of it is useless, and does not belong in the log
+    return 0;
+  }
+  text.append(static_cast<const char*>(bytes), length);
+  return length;
+}
+
+namespace {
+
+// Of the host's folder of authorities one file is read, where the bundle of all takes longer than the rest of a
+// request. What is trusted is the same: an authority that stands in the bundle alone is looked for there.
+CURLcode perform(const curl::Api& library, CURL* handle) {
+  static bool needs_bundle = false;  // once in this run, and the next request begins with it
+  if (needs_bundle) return library.easy_perform(handle);
+  library.easy_setopt(handle, CURLOPT_CAINFO, nullptr);
+  const CURLcode rc = library.easy_perform(handle);
+  if (rc != CURLE_PEER_FAILED_VERIFICATION && rc != CURLE_SSL_CACERT_BADFILE) return rc;
+  const char* bundle = nullptr;
+  curl_off_t spent = 0;  // microseconds
+  if (library.easy_getinfo(handle, CURLINFO_CAINFO, &bundle) != CURLE_OK || !bundle) return rc;
+  library.easy_getinfo(handle, CURLINFO_TOTAL_TIME_T, &spent);
+  needs_bundle = true;
+  library.easy_setopt(handle, CURLOPT_CAINFO, bundle);
+  library.easy_setopt(handle, CURLOPT_TIMEOUT_MS, std::max(1L, HTTP_TIMEOUT * 1000 - static_cast<long>(spent / 1000)));
+  return library.easy_perform(handle);
+}
+
+}  // namespace
+
+int easycurl(Curl handle, std::string& out) {
+  if (!handle) return ERR_EASYCURL_FAIL;
+  const curl::Api& library = *curl::api();
+  library.easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, curl_memory_data);
+  library.easy_setopt(handle.get(), CURLOPT_WRITEDATA, &out);
+  library.easy_setopt(handle.get(), CURLOPT_TIMEOUT, HTTP_TIMEOUT);
+  if (const CURLcode rc = perform(library, handle.get()); rc != CURLE_OK) {
+    ORMEL_LOG(ERROR, "[easycurl] curl_easy_perform failed with error code: %d, %s, %s\n", static_cast<int>(rc),
+              library.easy_strerror(rc), out.c_str());
+    return static_cast<int>(rc);
+  }
+  long status = 0;
+  library.easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status);
+  if (status >= 200 && status <= 299) return NO_ERROR;
+  ORMEL_LOG(ERROR, "[easycurl] HTTP request failed with status code: %ld, response: %s\n", status, out.c_str());
+  return ERR_HTTP_ERROR;
+}
+
+int decode_urlEncoded(const std::string& text, std::string& out) {
+  if (text.find_first_of(ENCODED) == std::string::npos) {  // most names: libcurl costs more than the rest of a run
+    out = text;
+    return NO_ERROR;
+  }
+  return curl::unescape(text, out) ? NO_ERROR : ERR_CURL_FAIL;
+}
+
+}  // namespace system
+}  // namespace ormel

@@ -1,0 +1,75 @@
+// HTTPS and URL decoding by libcurl, which is loaded with its thirty dependent libraries on first use: most runs never
+// need them.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <curl/curl.h>
+
+namespace ormel::curl {
+
+// The functions of libcurl that the program calls.
+struct Api {
+  decltype(&::curl_global_init) global_init;
+  decltype(&::curl_global_cleanup) global_cleanup;
+  decltype(&::curl_easy_init) easy_init;
+  decltype(&::curl_easy_setopt) easy_setopt;
+  decltype(&::curl_easy_perform) easy_perform;
+  decltype(&::curl_easy_getinfo) easy_getinfo;
+  decltype(&::curl_easy_strerror) easy_strerror;
+  decltype(&::curl_easy_cleanup) easy_cleanup;
+  decltype(&::curl_easy_unescape) easy_unescape;
+  decltype(&::curl_free) free;
+  decltype(&::curl_slist_append) slist_append;
+  decltype(&::curl_slist_free_all) slist_free_all;
+  decltype(&::curl_share_init) share_init;  // null where handles cannot share anything
+  decltype(&::curl_share_setopt) share_setopt;
+  decltype(&::curl_share_cleanup) share_cleanup;
+};
+
+// The loaded library; null when it, or one of the functions, is missing.
+[[nodiscard]] const Api* api();
+
+struct Cleanup {
+  void operator()(CURL* handle) const noexcept;
+  void operator()(curl_slist* list) const noexcept;
+};
+
+struct ShareCleanup {
+  void operator()(CURLSH* handle) const noexcept;
+};
+
+// Undoes URL encoding. Whether it could be done.
+[[nodiscard]] bool unescape(const std::string& text, std::string& out);
+
+}  // namespace ormel::curl
+
+namespace ormel {
+
+using Curl = std::unique_ptr<CURL, curl::Cleanup>;
+using CurlList = std::unique_ptr<curl_slist, curl::Cleanup>;
+using CurlShare = std::unique_ptr<CURLSH, curl::ShareCleanup>;
+
+// A new handle, empty when libcurl is missing.
+[[nodiscard]] Curl new_curl();
+
+// Adds a line to the head of a request. False for one that holds a line end, which would add more headers than that
+// one, and without memory.
+[[nodiscard]] bool add_header(CurlList& headers, const std::string& line);
+
+namespace system {
+
+// Performs the request that `handle` is set up for, within ten seconds, and appends the answer to `out`.
+// 0, ERR_EASYCURL_FAIL for an empty handle, ERR_HTTP_ERROR for a status outside 200 to 299, else libcurl's own code;
+// that of a failed write, and nothing in `out`, for an answer of more than 4 MiB.
+[[nodiscard]] int easycurl(Curl handle, std::string& out);
+
+// Write callback of libcurl: appends to the std::string behind `out`, as far as that stays below the limit.
+size_t curl_memory_data(void* bytes, size_t size, size_t count, void* out);
+
+// Undoes URL encoding. 0 or ERR_CURL_FAIL.
+[[nodiscard]] int decode_urlEncoded(const std::string& text, std::string& out);
+
+}  // namespace system
+}  // namespace ormel

@@ -1,0 +1,239 @@
+#include "ormel/base/json.h"
+
+#include <charconv>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+namespace ormel {
+
+namespace {
+
+constexpr size_t JSON_FLAGS = JSON_COMPACT | JSON_ENSURE_ASCII | JSON_ENCODE_ANY | JSON_REAL_PRECISION(6);
+static_assert(JSON_FLAGS == 12896);
+
+template <typename Integer>
+void append_number(std::string& out, Integer number) {
+  char buffer[24];
+  out.append(buffer, std::to_chars(std::begin(buffer), std::end(buffer), number).ptr);
+}
+
+template <size_t Size>
+void append_number(std::string& out, const char (&format)[Size], double number) {
+  char buffer[512];  // the longest is the largest double with six decimals
+  const int length = std::snprintf(buffer, sizeof buffer, format, number);
+  out.append(buffer, static_cast<size_t>(length));
+}
+
+// The letter after the backslash; zero for a byte that stands as it is, 'u' for one that its number stands for.
+char escape_of(char byte) {
+  switch (byte) {
+    case '\b': return 'b';
+    case '\t': return 't';
+    case '\n': return 'n';
+    case '\f': return 'f';
+    case '\r': return 'r';
+    case '"':
+    case '\\': return byte;
+    default: return static_cast<unsigned char>(byte) < 32 ? 'u' : '\0';
+  }
+}
+
+void append_escaped(std::string& out, std::string_view text) {
+  size_t done = 0;
+  for (size_t at = 0; at < text.size(); ++at) {
+    const char escape = escape_of(text[at]);
+    if (escape == '\0') continue;
+    out.append(text, done, at - done);
+    done = at + 1;
+    out += '\\';
+    out += escape;
+    if (escape == 'u') {
+      const auto byte = static_cast<unsigned char>(text[at]);
+      out += {'0', '0', "0123456789abcdef"[byte / 16], "0123456789abcdef"[byte % 16]};
+    }
+  }
+  out.append(text, done);
+}
+
+void append_quoted(std::string& out, std::string_view text) {
+  out += '"';
+  append_escaped(out, text);
+  out += '"';
+}
+
+int append_piece(const char* piece, size_t size, void* out) {
+  static_cast<std::string*>(out)->append(piece, size);
+  return 0;
+}
+
+// How `print` writes what `toString` writes otherwise.
+struct PrintStyle {
+  static void number(std::string& out, double number) { append_number(out, "%f", number); }
+  static void document(std::string& out, const json_t* document) {
+    json_dump_callback(document, append_piece, &out, JSON_FLAGS);
+  }
+};
+
+struct StringStyle {
+  static void number(std::string& out, double number) { append_number(out, "%g", number); }
+  static void document(std::string& out, const json_t* document) {
+    out += '"';
+    json_dump_callback(document, append_piece, &out, JSON_FLAGS);
+    out += '"';
+  }
+};
+
+}  // namespace
+
+JsonValue::~JsonValue() = default;
+
+void JsonValue::destroy() {
+  value.emplace<std::monostate>();
+}
+
+template <typename T>
+T& JsonValue::hold() {
+  if (T* held = std::get_if<T>(&value)) return *held;
+  return value.emplace<T>();
+}
+
+JsonValue& JsonValue::operator=(bool from) {
+  hold<bool>() = from;
+  return *this;
+}
+JsonValue& JsonValue::operator=(double from) {
+  hold<double>() = from;
+  return *this;
+}
+JsonValue& JsonValue::operator=(int32_t from) {
+  hold<int32_t>() = from;
+  return *this;
+}
+JsonValue& JsonValue::operator=(uint32_t from) {
+  hold<uint32_t>() = from;
+  return *this;
+}
+JsonValue& JsonValue::operator=(int64_t from) {
+  hold<int64_t>() = from;
+  return *this;
+}
+JsonValue& JsonValue::operator=(uint64_t from) {
+  hold<uint64_t>() = from;
+  return *this;
+}
+JsonValue& JsonValue::operator=(const std::string& from) {
+  hold<std::string>() = from;
+  return *this;
+}
+JsonValue& JsonValue::operator=(const char* from) {
+  hold<std::string>() = from ? from : "";
+  return *this;
+}
+
+JsonValue& JsonValue::operator=(json_t* from) {
+  auto& document = hold<Json>();
+  std::ignore = document.release();  // a document held before is its assigner's
+  document.reset(from);
+  return *this;
+}
+
+JsonValue& JsonValue::make_array() {
+  hold<Array>().clear();
+  return *this;
+}
+
+JsonValue& JsonValue::make_object() {
+  hold<Object>() = Object{};
+  return *this;
+}
+
+JsonValue& JsonValue::operator[](const std::string& key) {
+  auto& object = hold<Object>();
+  auto& member = object.members[key];
+  if (member) object.replaced.push_back(std::move(member));
+  member = std::make_unique<JsonValue>();
+  return *member;
+}
+
+JsonValue& JsonValue::operator[](size_t index) {
+  return *hold<Array>()[index];
+}
+
+void JsonValue::append(std::unique_ptr<JsonValue> item) {
+  hold<Array>().push_back(std::move(item));
+}
+
+void JsonValue::erase() {
+  if (auto* items = std::get_if<Array>(&value)) {
+    items->clear();
+  } else if (auto* object = std::get_if<Object>(&value)) {
+    *object = {};
+  }
+}
+
+void JsonValue::erase(size_t index) {
+  if (auto* items = std::get_if<Array>(&value))
+    items->erase(items->begin() + static_cast<Array::difference_type>(index));
+}
+
+void JsonValue::erase(const std::string& key) {
+  if (auto* object = std::get_if<Object>(&value)) object->members.erase(key);
+}
+
+template <typename Style>
+void JsonValue::write(std::string& out) const {
+  std::visit(
+      [&](const auto& held) {
+        using T = std::decay_t<decltype(held)>;
+        if constexpr (std::is_same_v<T, std::monostate>) {
+          out += "null";
+        } else if constexpr (std::is_same_v<T, bool>) {
+          out += held ? "true" : "false";
+        } else if constexpr (std::is_same_v<T, double>) {
+          Style::number(out, held);
+        } else if constexpr (std::is_same_v<T, std::string>) {
+          append_quoted(out, held);
+        } else if constexpr (std::is_same_v<T, Json>) {
+          Style::document(out, held.get());
+        } else if constexpr (std::is_same_v<T, Array>) {
+          char separator = '[';
+          for (const auto& item : held) {
+            out += std::exchange(separator, ',');
+            item->template write<Style>(out);
+          }
+          out += held.empty() ? "[]" : "]";
+        } else if constexpr (std::is_same_v<T, Object>) {
+          char separator = '{';
+          for (const auto& [key, member] : held.members) {
+            out += std::exchange(separator, ',');
+            append_quoted(out, key);
+            out += ':';
+            member->template write<Style>(out);
+          }
+          out += held.members.empty() ? "{}" : "}";
+        } else {
+          append_number(out, held);
+        }
+      },
+      value);
+}
+
+void JsonValue::print(std::FILE* stream) const {
+  std::string text;
+  write<PrintStyle>(text);
+  std::fwrite(text.data(), 1, text.size(), stream);
+}
+
+void JsonValue::toString(std::string& text) const {
+  write<StringStyle>(text);
+}
+
+std::string escape_json(const std::string& text) {
+  std::string out;
+  append_escaped(out, text);
+  return out;
+}
+
+}  // namespace ormel

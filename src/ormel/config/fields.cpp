@@ -1,0 +1,140 @@
+#include "ormel/config/fields.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <type_traits>
+
+#include "ormel/base/crypto.h"
+#include "ormel/base/text.h"
+
+namespace ormel::config {
+
+namespace {
+
+// Calls `work` with each row and the member of `record` that it stands for.
+template <typename Work>
+void for_each_field(BaseConfig& record, Work work) {
+  for (const FieldTable& table : record.fields()) {
+    for (const Field& row : table) std::visit([&](auto member) { work(row, record.*member); }, row.member);
+  }
+}
+
+std::string read_text(const Field& row, const char* value) {
+  if (row.is(AS_BASE64)) return openssl::base64_decode(value);
+  if (row.is(AS_UPPER)) return to_upper(value);
+  if (row.is(AS_LOWER)) return to_lower(value);
+  return value;
+}
+
+template <typename Value>
+void read(const Field& row, Value& value, Conf_dir* conf, const char* section) {
+  if constexpr (std::is_same_v<Value, std::string>) {
+    value = read_text(row, Conf_Dir_Get_Str(conf, section, row.key, row.text));
+  } else if constexpr (std::is_same_v<Value, bool>) {
+    const auto get = row.is(AS_NUMBER) ? Conf_Dir_Get_Int : Conf_Dir_Get_Bool;
+    value = get(conf, section, row.key, row.number) != 0;
+  } else if constexpr (sizeof(Value) > sizeof(int)) {
+    value = static_cast<Value>(std::strtoll(Conf_Dir_Get_Str(conf, section, row.key, "0"), nullptr, 10));
+  } else {
+    value = static_cast<Value>(Conf_Dir_Get_Int(conf, section, row.key, row.number));
+  }
+}
+
+template <typename Value>
+void write(const Field& row, const Value& value, Conf_dir* conf, const char* section) {
+  if constexpr (std::is_same_v<Value, std::string>) {
+    const bool encoded = row.is(AS_BASE64) && !value.empty();
+    Conf_Dir_Set_Str(conf, section, row.key, encoded ? openssl::base64_encode(value).c_str() : value.c_str());
+  } else if constexpr (std::is_same_v<Value, bool>) {
+    const auto set = row.is(AS_NUMBER) ? Conf_Dir_Set_Int : Conf_Dir_Set_Bool;
+    set(conf, section, row.key, value);
+  } else if constexpr (sizeof(Value) > sizeof(int)) {
+    Conf_Dir_Set_Str(conf, section, row.key, std::to_string(value).c_str());
+  } else {
+    Conf_Dir_Set_Int(conf, section, row.key, value);
+  }
+}
+
+std::string text_of(const std::string& value) {
+  return value;
+}
+
+template <typename Number>
+std::string text_of(Number value) {
+  return std::to_string(value);
+}
+
+template <typename Value>
+void put(JsonValue& out, const Value& value) {
+  if constexpr (std::is_enum_v<Value>) {
+    out = static_cast<int32_t>(value);
+  } else {
+    out = value;
+  }
+}
+
+// What is shown of a field: its value, or none of its kind.
+template <typename Value>
+const Value& shown(const Field& row, const Value& value, bool down) {
+  static const Value NONE{};
+  return down && row.is(IF_UP) ? NONE : value;
+}
+
+void print_table(BaseConfig& record, const FieldTable& table, bool down) {
+  for (int line = 1;; ++line) {
+    const auto row = std::find_if(table.begin(), table.end(), [&](const Field& field) { return field.line == line; });
+    if (row == table.end()) return;
+    const auto print = [&](auto member) {
+      std::printf("%s = %s\n", row->key, text_of(shown(*row, record.*member, down)).c_str());
+    };
+    std::visit(print, row->member);
+  }
+}
+
+}  // namespace
+
+std::span<const FieldTable> BaseConfig::fields() const {
+  static constexpr FieldTable TABLES[] = {BASE_FIELDS};
+  return TABLES;
+}
+
+std::span<const FieldTable> ServerConfig::fields() const {
+  static constexpr FieldTable TABLES[] = {BASE_FIELDS, SERVER_FIELDS};
+  return TABLES;
+}
+
+std::span<const FieldTable> ClientConfig::fields() const {
+  static constexpr FieldTable TABLES[] = {BASE_FIELDS, CLIENT_FIELDS};
+  return TABLES;
+}
+
+void BaseConfig::load(Conf_dir* conf, pid_t process) {
+  pid = process;
+  for_each_field(*this, [&](const Field& row, auto& value) {
+    if (!row.is(UNSTORED)) read(row, value, conf, section.c_str());
+  });
+}
+
+void BaseConfig::save(Conf_dir* conf) {
+  for_each_field(*this, [&](const Field& row, const auto& value) {
+    if (row.is_saved()) write(row, value, conf, section.c_str());
+  });
+}
+
+void BaseConfig::show(USER_TYPE who, JsonValue* out) {
+  const bool down = is_down();
+  if (!out) {
+    std::printf("[%s]\n", section.c_str());
+    for (const FieldTable& table : fields()) print_table(*this, table, down);
+    std::puts("");
+    return;
+  }
+  (*out)["type"] = static_cast<int32_t>(type);
+  for_each_field(*this, [&](const Field& row, const auto& value) {
+    if (!row.json || (row.is(FOR_ADMIN) && who != ADMIN_USER)) return;
+    put((*out)[row.json], shown(row, value, down));
+  });
+}
+
+}  // namespace ormel::config

@@ -1,0 +1,77 @@
+// Calls to the appliance's daemons over the service bus.
+#pragma once
+
+#include <limits>
+#include <string>
+#include <utility>
+
+#include "ormel/base/handle.h"
+
+namespace ormel::system {
+
+constexpr int BUS_TIMEOUT = 60;       // seconds, where nothing else is told
+constexpr int BUS_SHORT_TIMEOUT = 5;  // seconds, of easy_mib_call and the log database
+constexpr int BUS_FLAG = -1;
+
+// Callback of json_dump_callback that streams a document into a buffer. 0 on a full write.
+int json_write_io(const char* bytes, size_t length, void* io);
+
+// One call whose answer is wanted parsed. `request` is JSON text or null. The answer when it is an object with an
+// integer `error` of 0; otherwise null, with the cause in the log.
+[[nodiscard]] Json easy_mib_call(const char* service, const char* method, const char* request);
+
+// How the reply of a call is judged; each failure has been logged under the name of the calling function.
+struct BusReply {
+  int rc = 0;     // 0, ERR_MIB_IO_FAILED, ERR_MIB_CALL_FAILED, ERR_MIB_API_RET_ERROR or ERR_WRONG_JSON_FORMAT
+  Json document;  // the reply, null unless it could be parsed
+};
+
+// One call with a document as its request: the common pattern of calls that report a code. `function` names the caller
+// in the log.
+[[nodiscard]] BusReply bus_call(const char* function, const char* service, const char* method, const json_t* request,
+                                int timeout = BUS_TIMEOUT);
+
+// A reply that its reader judges by himself, whatever it says.
+struct PlainReply {
+  int status = 0;        // of mib_call, or NO_IO
+  std::string text{};    // as it came
+  Json document{};       // null unless the text is JSON
+  std::string reason{};  // why it is none,
+  int line = 0;          // and where
+
+  // What the reply carries; null when it carries nothing. It stays the reply's.
+  [[nodiscard]] json_t* data() const { return json_object_get(document.get(), "data"); }
+};
+
+constexpr int NO_IO = -1;  // there was no memory to make a call with
+
+// One call of that kind; `request` may be null.
+[[nodiscard]] PlainReply plain_call(const char* service, const char* method, const json_t* request = nullptr);
+
+// The service that knows the appliance's networks, and those of its methods that several modules call.
+constexpr const char* NETWORK_SERVICE = "NetworkService";
+constexpr const char* CURRENT_GATEWAY = "api.get_currentGWinfo";
+constexpr const char* INTERFACE_COUNTERS = "interfaces_monitor.get_info_interfaces";
+
+// The service that restarts tunnels and notifies of events.
+constexpr const char* KEEPER_SERVICE = "KeeperService";
+
+// A number of a reply, integer or real, cut to a range. What is no number counts as 0.
+template <typename Integer>
+[[nodiscard]] Integer cut_number(const json_t* number, Integer least = std::numeric_limits<Integer>::min(),
+                                 Integer most = std::numeric_limits<Integer>::max()) {
+  if (json_is_integer(number)) {
+    const json_int_t value = json_integer_value(number);
+    if (std::cmp_less(value, least)) return least;
+    return std::cmp_greater(value, most) ? most : static_cast<Integer>(value);
+  }
+  const double value = json_number_value(number);
+  if (!(value > static_cast<double>(least))) return least;
+  return value >= static_cast<double>(most) ? most : static_cast<Integer>(value);
+}
+
+// `text` with each byte that is not part of a UTF-8 sequence replaced by U+FFFD, so that a request stays valid JSON
+// whatever a profile is called.
+[[nodiscard]] std::string valid_utf8(const std::string& text);
+
+}  // namespace ormel::system

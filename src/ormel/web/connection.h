@@ -1,0 +1,64 @@
+// The live connections of the appliance's servers over the web: who is connected, and how to throw one out.
+//
+// The servers' scripts, hooks and daemons keep them in one text file, a line a connection, fields parted by blanks:
+//
+//   INTERFACE SOURCE NUMBER LOCAL REMOTE TYPE TIME USER [DEVICE TEXT]
+//
+// NUMBER is the pid of the PPP daemon or, for OpenVPN, the client's source port; USER is in base64. A line that is cut
+// off, too long or holds no number where one belongs is no connection.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ormel/base/json.h"
+
+namespace ormel {
+
+// The byte counters of one connection, and its rates in bytes per second.
+struct byteStat {
+  std::string key;
+  uint64_t tx_bytes = 0;
+  uint64_t rx_bytes = 0;
+  int tx_rate = 0;
+  int rx_rate = 0;
+};
+
+// The counters of all connections by their key, empty when the daemon that counts cannot be asked.
+[[nodiscard]] std::map<std::string, byteStat> get_all_server_stat();
+
+}  // namespace ormel
+
+namespace ormel::cgi::connection {
+
+struct vpn_peer {
+  std::time_t vpn_time = 0;    // of the login
+  uint32_t vpn_type = 0;       // ormel::TYPE of the server
+  uint32_t vpn_pid_port = 0;   // NUMBER
+  std::string vpn_eth{};       // interface; for OpenVPN a placeholder, for Drovik the client's identifier
+  std::string vpn_user{};      // decoded
+  std::string vpn_local{};     // our address in the tunnel
+  std::string vpn_remote{};    // the client's address in the tunnel
+  std::string vpn_source{};    // the client's address outside of it
+  std::string vpn_dev_info{};  // any text
+};
+
+// "ADDRESS:PORT" of an OpenVPN client.
+[[nodiscard]] std::string source_and_port(const vpn_peer& peer);
+// What joins a connection to its counters and names it in a request.
+[[nodiscard]] std::string key_of(const vpn_peer& peer);
+// The connection of a line. False for a line that is none.
+[[nodiscard]] bool parse_peer(std::string_view line, vpn_peer& peer);
+// All connections in the order of the file. False when there is no file.
+bool read_peers(std::vector<vpn_peer>& peers);
+
+// A connection as a row of the answer.
+void describe_peer(const vpn_peer& peer, const byteStat& stat, std::time_t now, JsonValue& out);
+// Ends a connection in the way of the server of `type`, which a request names. What cannot be ended stays.
+int kick_peer(const vpn_peer& peer, long type);
+
+}  // namespace ormel::cgi::connection

@@ -1,0 +1,362 @@
+// Everyone who is connected, devices of the WireGuard server included; ending connections and keeping their users out.
+//
+// A connection is named "TYPE|KEY" as for /ormel/connection/kick, a device by its public key. A device counts as
+// connected for three minutes after its latest handshake. Ending a connection returns once it has left the list of live
+// connections and the server's own daemon has confirmed it. The platform's tool fenro-hold keeps the list of those who
+// are kept out; the servers ask it at each login.
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+#include <ctime>
+#include <set>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <unistd.h>
+#include <vector>
+
+#include <fenro/auth.h>
+#include <fenro/mibservice.h>
+
+#include "ormel/base/file.h"
+#include "ormel/base/http.h"
+#include "ormel/base/lines.h"
+#include "ormel/base/text.h"
+#include "ormel/drivers/wireguard/peers.h"
+#include "ormel/drivers/wireguard/wireguard.h"
+#include "ormel/host/bus.h"
+#include "ormel/host/process.h"
+#include "ormel/web/connection.h"
+#include "ormel/web/routes.h"
+
+namespace ormel::cgi::connection {
+
+namespace {
+
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+constexpr const char* HOLD_TOOL = "/usr/lib/fenro/fenro-hold";
+constexpr const char* MANAGE_TOOL = "/usr/lib/fenro/fenro-openvpn-manage";
+constexpr const char* WIREGUARD_SCRIPT = "/etc/init.d/vpn_wireguard.sh";
+constexpr const char* DAEMON_SECONDS = "2";  // that OpenVPN's daemon may take for an answer
+constexpr int DROVIK_SECONDS = 1;
+constexpr auto GONE_TIME = std::chrono::seconds(10);
+constexpr auto PAUSE = milliseconds(200);
+constexpr long RECENT = 180;  // seconds since a device's handshake for which it counts as connected
+constexpr int MOST_MINUTES = 10080;
+constexpr int TOOL_NOT_FOUND = 3;  // exit status of fenro-hold
+constexpr char TYPE_MARK = '|';
+
+std::vector<std::string> split_tabs(const std::string& line) {
+  std::vector<std::string> fields;
+  for (size_t at = 0; at <= line.size();) {
+    const size_t end = std::min(line.find('\t', at), line.size());
+    fields.push_back(line.substr(at, end - at));
+    at = end + 1;
+  }
+  return fields;
+}
+
+template <typename Number>
+Number number_of(const std::string& text) {
+  Number number{};
+  std::from_chars(text.data(), text.data() + text.size(), number);
+  return number;
+}
+
+std::string named(int type, const std::string& key) {
+  return std::to_string(type) + TYPE_MARK + key;
+}
+
+// A device of the WireGuard server with what its interface reports.
+struct Device {
+  std::string name, key, endpoint, address;
+  long handshake = 0;  // seconds since the epoch, 0 for never
+  uint64_t received = 0, sent = 0;
+};
+
+// The devices on the running interface. The script runs where the rights to ask it are.
+std::vector<Device> live_devices() {
+  std::vector<Device> devices;
+  std::string text;
+  if (system::do_exec_safe({WIREGUARD_SCRIPT, "peers"}, text) != 0) return devices;
+  const wireguard::PeerFile peers(wireguard::FOLDER);
+  for (const std::string& line : split_lines(text)) {
+    std::vector<std::string> fields = split_tabs(line);
+    fields.resize(6);
+    Device device{{},
+                  fields[0],
+                  fields[1] == "(none)" ? "" : fields[1],
+                  fields[2],
+                  number_of<long>(fields[3]),
+                  number_of<uint64_t>(fields[4]),
+                  number_of<uint64_t>(fields[5])};
+    for (int index = 1; index <= peers.max_index(); ++index) {
+      const wireguard::Peer peer = peers.peer(index);
+      if (peer.pub_key == device.key) std::ignore = system::decode_urlEncoded(peer.name, device.name);
+    }
+    devices.push_back(std::move(device));
+  }
+  return devices;
+}
+
+Json held_now() {
+  std::string text;
+  if (system::do_exec_safe({HOLD_TOOL, "list"}, text) != 0) return nullptr;
+  return Json{json_loads(text.c_str(), 0, nullptr)};
+}
+
+int64_t held_until(const json_t* holds, const char* kind, const std::string& who) {
+  size_t at = 0;
+  const json_t* hold = nullptr;
+  json_array_foreach(holds, at, hold) {
+    const char* const its_kind = json_string_value(json_object_get(hold, "kind"));
+    const char* const its_who = json_string_value(json_object_get(hold, "who"));
+    if (its_kind && its_who && std::string_view(kind) == its_kind && who == its_who)
+      return json_integer_value(json_object_get(hold, "until"));
+  }
+  return 0;
+}
+
+void append_device(JsonValue& data, const Device& device, std::time_t now, int64_t until) {
+  auto item = std::make_unique<JsonValue>();
+  JsonValue& row = *item;
+  row["type"] = static_cast<int32_t>(WIREGUARD_SERVER_TYPE);
+  row["name"] = system::valid_utf8(device.name);
+  row["target"] = system::valid_utf8(device.key);
+  row["uptime"] = static_cast<int64_t>(std::max<long>(now - device.handshake, 0));
+  row["source_ip"] = system::valid_utf8(device.endpoint);
+  row["allocate_ip"] = system::valid_utf8(device.address);
+  row["device_info"] = "";
+  row["rx_total"] = device.received;
+  row["tx_total"] = device.sent;
+  row["held"] = until;
+  data.append(std::move(item));
+}
+
+int list_all(const Request&, JsonValue& reply) {
+  JsonValue& data = reply["data"].make_array();
+  const std::time_t now = std::time(nullptr);
+  const Json holds = held_now();
+  std::vector<vpn_peer> peers;
+  if (read_peers(peers)) {
+    const std::map<std::string, byteStat> stats = get_all_server_stat();
+    for (const vpn_peer& peer : peers) {
+      const auto stat = stats.find(key_of(peer));
+      auto item = std::make_unique<JsonValue>();
+      describe_peer(peer, stat == stats.end() ? byteStat{} : stat->second, now, *item);
+      (*item)["held"] = held_until(holds.get(), "user", system::valid_utf8(peer.vpn_user));
+      data.append(std::move(item));
+    }
+  }
+  auto total = static_cast<uint64_t>(peers.size());
+  for (const Device& device : live_devices()) {
+    if (device.handshake == 0 || now - device.handshake >= RECENT) continue;
+    append_device(data, device, now, held_until(holds.get(), "peer", device.key));
+    ++total;
+  }
+  reply["total"] = total;
+  return NO_ERROR;
+}
+
+// One connection to be ended.
+struct Target {
+  std::string conn;  // as the request names it
+  vpn_peer peer{};   // of type WIREGUARD_SERVER_TYPE for a device
+  Device device{};
+  bool gone = false;
+  milliseconds took{};
+
+  [[nodiscard]] bool is_device() const { return peer.vpn_type == WIREGUARD_SERVER_TYPE; }
+};
+
+bool is_listed(const vpn_peer& wanted) {
+  std::vector<vpn_peer> peers;
+  read_peers(peers);
+  return std::any_of(peers.begin(), peers.end(), [&](const vpn_peer& peer) {
+    return peer.vpn_type == wanted.vpn_type && key_of(peer) == key_of(wanted) && peer.vpn_time == wanted.vpn_time;
+  });
+}
+
+// A client that has come back has a later beginning than the one that was listed.
+bool openvpn_has(const vpn_peer& peer) {
+  enum { Title, Name, Real, Virtual, Virtual6, Received, Sent, Since, SinceNumber, Fields };
+  constexpr int TIMED_OUT = 124;
+  std::string text;
+  const int rc = system::do_exec_safe({"/usr/bin/timeout", DAEMON_SECONDS, MANAGE_TOOL, "status 3"}, text);
+  if (rc != 0) return rc == TIMED_OUT;  // a daemon that is gone has no one; one that is stopped does not say
+  const std::vector<std::string> lines = split_lines(text);
+  return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+    std::vector<std::string> fields = split_tabs(line);
+    fields.resize(Fields);
+    return fields[Title] == "CLIENT_LIST" &&
+           (fields[Real] == source_and_port(peer) || fields[Virtual] == peer.vpn_remote) &&
+           number_of<std::time_t>(fields[SinceNumber]) <= peer.vpn_time;
+  });
+}
+
+bool drovik_has(const vpn_peer& peer) {
+  const MibIo io{mib_io_create()};
+  const int rc =
+      io ? mib_call("MorviServer", "bytes_info", io.get(), DROVIK_SECONDS, system::BUS_FLAG) : MIB_IO_FAILURE;
+  if (rc != MIB_SUCCESS) return rc != MIB_NOT_READY;  // a daemon that is gone has no one
+  const char* const text = mib_io_read(io.get(), nullptr);
+  const Json reply{text ? json_loads(text, 0, nullptr) : nullptr};
+  size_t at = 0;
+  const json_t* client = nullptr;
+  json_array_foreach(json_object_get(reply.get(), "data"), at, client) {
+    const char* const mac = json_string_value(json_object_get(client, "mac"));
+    if (mac && peer.vpn_eth == mac) return true;
+  }
+  return false;
+}
+
+bool ppp_has(const vpn_peer& peer) {
+  const std::string path = "/proc/" + std::to_string(peer.vpn_pid_port) + "/comm";
+  const File in{std::fopen(path.c_str(), "re")};
+  char name[32] = "";
+  return in && std::fgets(name, sizeof name, in.get()) && std::string_view(name).starts_with("pppd");
+}
+
+bool wireguard_has(const std::string& key) {
+  const std::vector<Device> devices = live_devices();
+  return std::any_of(devices.begin(), devices.end(), [&](const Device& device) { return device.key == key; });
+}
+
+bool is_gone(const Target& target) {
+  const vpn_peer& peer = target.peer;
+  switch (peer.vpn_type) {
+    case WIREGUARD_SERVER_TYPE: return !wireguard_has(target.device.key);
+    case OVPN_SERVER_TYPE: return !is_listed(peer) && !openvpn_has(peer);
+    case DROVIK_SERVER_TYPE: return !is_listed(peer) && !drovik_has(peer);
+    default: return !is_listed(peer) && !ppp_has(peer);
+  }
+}
+
+// The connections that a request names; those that do not exist are left out.
+std::vector<Target> read_targets(const Request& request) {
+  std::vector<Target> targets;
+  std::set<std::string> seen;
+  std::vector<vpn_peer> peers;
+  read_peers(peers);
+  std::vector<Device> devices;
+  for (const char* conn : request.values("conn")) {
+    if (!seen.insert(conn).second) continue;
+    const auto peer = std::find_if(peers.begin(), peers.end(), [&](const vpn_peer& known) {
+      return named(static_cast<int>(known.vpn_type), key_of(known)) == conn;
+    });
+    if (peer != peers.end()) {
+      targets.push_back({conn, *peer});
+      continue;
+    }
+    if (devices.empty()) devices = live_devices();
+    const auto device = std::find_if(devices.begin(), devices.end(), [&](const Device& known) {
+      return named(WIREGUARD_SERVER_TYPE, known.key) == conn;
+    });
+    if (device == devices.end()) continue;
+    targets.push_back({conn, {}, *device});
+    targets.back().peer.vpn_type = WIREGUARD_SERVER_TYPE;
+  }
+  return targets;
+}
+
+// Who has asked: the user of the session, or root on the command line.
+std::string asker(const Request& request) {
+  _session session{};
+  if (!request.filled("sid") || auth_get_session(request.value("sid"), 1, &session) != 0) return "root";
+  return field_text(session.user);
+}
+
+bool hold_users(const std::vector<Target>& targets, int minutes, const std::string& by) {
+  constexpr int SECONDS = 60;
+  const std::string seconds = std::to_string(int64_t{minutes} * SECONDS);
+  return std::all_of(targets.begin(), targets.end(), [&](const Target& target) {
+    const std::string& who = target.is_device() ? target.device.key : target.peer.vpn_user;
+    const std::string& name = target.is_device() ? target.device.name : who;
+    std::string unused;
+    return system::do_exec_safe({HOLD_TOOL, "add", target.is_device() ? "peer" : "user", who, seconds, name, by},
+                                unused) == 0;
+  });
+}
+
+// Looks until all are gone or the time is over.
+void wait_until_gone(std::vector<Target>& targets) {
+  const auto start = Clock::now();
+  while (true) {
+    bool all = true;
+    for (Target& target : targets) {
+      if (!target.gone && is_gone(target)) {
+        target.gone = true;
+        target.took = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+      }
+      all = all && target.gone;
+    }
+    if (all || Clock::now() - start >= GONE_TIME) return;
+    std::this_thread::sleep_for(PAUSE);
+  }
+}
+
+Outcome end_connections(const Request& request, JsonValue& reply) {
+  const int minutes = request.number("minutes", 0);
+  if (minutes < 0 || minutes > MOST_MINUTES) return {ERR_VALUE, "minutes"};
+  std::vector<Target> targets = read_targets(request);
+  if (targets.empty()) return {ERR_CONFIGURE_INDEX, "no one is connected there"};
+  const bool device =
+      std::any_of(targets.begin(), targets.end(), [](const Target& target) { return target.is_device(); });
+  if (device && minutes == 0) return {ERR_VALUE, "a WireGuard device can only be kept out for a time"};
+  // First the hold: a client that is thrown out comes back at once.
+  if (minutes > 0 && !hold_users(targets, minutes, asker(request)))
+    return {ERR_SAVE_FILE, "the list of those who are kept out cannot be changed"};
+  for (const Target& target : targets) {
+    if (!target.is_device())
+      std::ignore = kick_peer(target.peer, target.peer.vpn_type);  // a failure shows in what is still there
+  }
+  wait_until_gone(targets);
+
+  const Json holds = minutes > 0 ? held_now() : nullptr;
+  JsonValue& data = reply["data"].make_array();
+  bool all = true;
+  for (const Target& target : targets) {
+    const std::string& who = target.is_device() ? target.device.key : target.peer.vpn_user;
+    auto item = std::make_unique<JsonValue>();
+    (*item)["conn"] = system::valid_utf8(target.conn);
+    (*item)["name"] = system::valid_utf8(target.is_device() ? target.device.name : who);
+    (*item)["gone"] = target.gone;
+    (*item)["ms"] = static_cast<int64_t>(target.took.count());
+    (*item)["held_until"] = held_until(holds.get(), target.is_device() ? "peer" : "user", system::valid_utf8(who));
+    data.append(std::move(item));
+    all = all && target.gone;
+  }
+  if (all) return {};
+  return {ERR_KILL_PROCESS, "a connection is still there", true};
+}
+
+Outcome list_holds(const Request&, JsonValue& reply) {
+  Json holds = held_now();
+  if (!holds) return {ERR_CMD_FAILED, "the list of those who are kept out cannot be read"};
+  reply["data"] = holds.release();
+  return {};
+}
+
+Outcome lift_hold(const Request& request, JsonValue&) {
+  if (!request.filled("who")) return {ERR_MISS_OPTION};
+  std::string unused;
+  const int rc = system::do_exec_safe({HOLD_TOOL, "lift", request.value("who")}, unused);
+  if (rc == TOOL_NOT_FOUND) return {ERR_CONFIGURE_INDEX, "no one of that name is kept out"};
+  if (rc != 0) return {ERR_SAVE_FILE, "the list of those who are kept out cannot be changed"};
+  return {};
+}
+
+constexpr Route ROWS[] = {
+    {"/ormel/connection/all", ADMINISTRATOR, READS, json<list_all>},
+    {"/ormel/connection/end", ADMINISTRATOR, CHANGES, json<end_connections>, MULTIPLE_VAR_MODE},
+    {"/ormel/hold/list", ADMINISTRATOR, READS, json<list_holds>},
+    {"/ormel/hold/lift", ADMINISTRATOR, CHANGES, json<lift_hold>},
+};
+
+}  // namespace
+
+const Routes ENDINGS{ROWS};
+
+}  // namespace ormel::cgi::connection

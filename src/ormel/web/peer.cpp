@@ -1,0 +1,147 @@
+// The peers of the WireGuard server over the web.
+//
+// A change goes to the running interface first and then to the peer file; while the server is off, to the file alone.
+// Variables are those of the command line's options: `peer_name` (URL-encoded), `peer_pub_key`, `peer_allow_ip`
+// ("ADDRESS/32"), `peer_endpoint`, `keepalive` and `psk`, and `index` where a peer is named. The server's own settings
+// in such a form are ignored. `list`, `add`, `modify` and `remove` answer with the peers as they are then, in the form
+// of the server's record; `keys` with a new key pair, `pri_key` and `pub_key`, of which nothing is kept here.
+#include "ormel/base/log.h"
+#include "ormel/base/text.h"
+#include "ormel/config/pool.h"
+#include "ormel/drivers/wireguard/peers.h"
+#include "ormel/drivers/wireguard/wireguard.h"
+#include "ormel/options/table.h"
+#include "ormel/web/routes.h"
+
+namespace ormel::cgi::peer {
+
+using ormel::config::cm;
+using ormel::config::PolyConfig;
+using wireguard::ServerConfig;
+
+namespace {
+
+constexpr size_t NAME_LIMIT = 1800;     // bytes of a name of 600 when all of them are URL-encoded
+constexpr int KEEPALIVE_LIMIT = 65535;  // seconds, what the tool takes
+
+// What a request may set. No other option: the work record must stay the server that is stored.
+struct Variable {
+  const char* name;
+  bool needed;  // of a new peer
+};
+constexpr Variable VARIABLES[] = {
+    {"peer_name", true},      {"peer_pub_key", true}, {"peer_allow_ip", true},
+    {"peer_endpoint", false}, {"keepalive", false},   {"psk", false},
+};
+
+// The stored server as a work record.
+std::unique_ptr<PolyConfig> stored_server() {
+  cm.load();
+  return cm.clone(WIREGUARD_SERVER_TYPE, 0);
+}
+
+int show_peers(JsonValue& reply) {
+  wireguard::show_peers(reply["data"], wireguard::PeerFile(wireguard::FOLDER));
+  return NO_ERROR;
+}
+
+// What the form leaves out of a peer that is edited.
+void take_stored_values(ServerConfig& server, int index) {
+  const wireguard::Peer stored = wireguard::PeerFile(server.folder).peer(index);
+  server.peer_name = stored.name;
+  server.peer_pub_key = stored.pub_key;
+  server.peer_allow_ip = stored.allow_ip;
+  server.peer_allow_ip_mask = stored.allow_ip_mask;
+  server.peer_endpoint = stored.endpoint;
+  server.keepalive = to_int(stored.keepalive.c_str());
+  server.psk = stored.psk;
+}
+
+int apply_form(const Request& request, PolyConfig& record, bool is_new) {
+  option::CommandOptions options;
+  ormel::config::BaseConfig* work = record.bc.get();
+  for (const Variable& row : VARIABLES) {
+    cgi_var* const var = request.find(row.name);
+    if (!var && is_new && row.needed) return ERR_MISS_OPTION;
+    if (!var) continue;
+    if (const int rc = option::apply_cmd_option(&work, options, var); rc != NO_ERROR) {
+      ORMEL_LOG(ERROR, "error option: %s", row.name);
+      return rc;
+    }
+  }
+  const auto& server = *record.cast<ServerConfig>();
+  if (server.peer_name.size() > NAME_LIMIT) return ERR_NAME_LENGTH;
+  return server.keepalive < 0 || server.keepalive > KEEPALIVE_LIMIT ? ERR_VALUE : NO_ERROR;
+}
+
+// Puts the peer that the form tells of in place: a new one with index 0.
+int put(const Request& request, int index) {
+  const auto record = stored_server();
+  if (!record) return ERR_CONFIGURE_INDEX;
+  auto& server = *record->cast<ServerConfig>();
+  if (index != 0) take_stored_values(server, index);
+  if (const int rc = apply_form(request, *record, index == 0); rc != NO_ERROR) return rc;
+  if (const int rc = server.check_peer_value(index); rc != NO_ERROR) return rc;
+  if (server.enable) {
+    if (const int rc = server.enable_peer(index); rc != NO_ERROR) return rc;
+  }
+  return index == 0 ? server.add_peer() : server.modify_peer(index);
+}
+
+int take_away(int index) {
+  const auto record = stored_server();
+  if (!record) return ERR_CONFIGURE_INDEX;
+  auto& server = *record->cast<ServerConfig>();
+  if (server.enable) {
+    if (const int rc = server.disable_peer(index); rc != NO_ERROR) return rc;
+  }
+  return server.delete_peer(index);
+}
+
+// The peer that a request names. 0, ERR_MISS_OPTION or ERR_VALUE.
+int read_index(const Request& request, int& index) {
+  if (!request.filled("index")) return ERR_MISS_OPTION;
+  index = request.number("index", 0);
+  return index >= 1 && index <= wireguard::MAX_PEER_INDEX ? NO_ERROR : ERR_VALUE;
+}
+
+int list_peers(const Request&, JsonValue& reply) {
+  return show_peers(reply);
+}
+
+int add_peer(const Request& request, JsonValue& reply) {
+  const int rc = put(request, 0);
+  return rc == NO_ERROR ? show_peers(reply) : rc;
+}
+
+int modify_peer(const Request& request, JsonValue& reply) {
+  int index = 0;
+  int rc = read_index(request, index);
+  if (rc == NO_ERROR) rc = put(request, index);
+  return rc == NO_ERROR ? show_peers(reply) : rc;
+}
+
+int remove_peer(const Request& request, JsonValue& reply) {
+  int index = 0;
+  int rc = read_index(request, index);
+  if (rc == NO_ERROR) rc = take_away(index);
+  return rc == NO_ERROR ? show_peers(reply) : rc;
+}
+
+int make_keys(const Request&, JsonValue& reply) {
+  return ServerConfig(0).gen_pri_pub_keys({}, &reply["data"]);
+}
+
+constexpr Route ROWS[] = {
+    {"/ormel/peer/list", ADMINISTRATOR, READS, json<list_peers>},
+    {"/ormel/peer/add", ADMINISTRATOR, CHANGES, json<add_peer>},
+    {"/ormel/peer/modify", ADMINISTRATOR, CHANGES, json<modify_peer>},
+    {"/ormel/peer/remove", ADMINISTRATOR, CHANGES, json<remove_peer>},
+    {"/ormel/peer/keys", ADMINISTRATOR, READS, json<make_keys>},
+};
+
+}  // namespace
+
+const Routes PEERS{ROWS};
+
+}  // namespace ormel::cgi::peer

@@ -1,0 +1,60 @@
+// The table of routes. Its rows are in the files of their work, at the end of each; here they come together.
+#pragma once
+
+#include <string_view>
+#include <vector>
+
+#include "ormel/web/serve.h"
+
+namespace ormel::cgi {
+
+namespace config {
+extern const Routes PROFILES, UPLOADS, PROFILE_EDIT, DOWNLOADS, REPORT;
+}
+namespace peer {
+extern const Routes PEERS;
+}
+namespace connection {
+extern const Routes CONNECTIONS, ENDINGS;
+}
+namespace doctor {
+extern const Routes DOCTOR;
+}
+namespace keeper {
+extern const Routes KEEPER;
+}
+namespace log {
+extern const Routes EVENTS;
+}
+namespace misc {
+extern const Routes FACTS, NETWORK;
+}
+namespace status {
+extern const Routes STATES;
+}
+namespace user {
+extern const Routes USERS;
+}
+namespace privilege {
+extern const Routes RIGHTS, BLOCKS;
+}
+namespace gateway {
+extern const Routes POLICY;
+}
+namespace guard {
+extern const Routes GUARD;
+}
+namespace pelmar {
+extern const Routes STATUS, JOINING, LOGIN;
+}
+
+// All rows, family by family.
+[[nodiscard]] std::vector<Route> routes();
+
+// The row of a path, null for an unknown path.
+[[nodiscard]] const Route* find_route(std::string_view path);
+
+// Answers a request for a path: by its row, or with "api not found". Returns the code of the reply.
+int serve_path(std::string_view path, JsonValue& response);
+
+}  // namespace ormel::cgi

@@ -1,0 +1,215 @@
+#include "ormel/web/serve.h"
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <poll.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fenro/auth.h>
+
+#include "ormel/base/log.h"
+#include "ormel/base/text.h"
+#include "ormel/web/process.h"
+
+namespace ormel {
+
+bool support_json_type = true;
+
+USER_TYPE system::auth_user_session(const char* sid) {
+  _session session{};
+  if (!sid || auth_get_session(sid, 1, &session) != 0) return INVAILD_USER;
+  return User_Belongs_To_Group(session.user, "administrators") ? ADMIN_USER : GENERAL_USER;
+}
+
+namespace cgi {
+
+namespace {
+
+constexpr size_t COPY_SIZE = size_t{64} * 1024;
+constexpr size_t OUTPUT_SIZE = size_t{64} * 1024;   // most answers leave in one write, which wakes the server once
+constexpr size_t DISCARD_LIMIT = size_t{4} << 20U;  // twice what the web server lets through
+constexpr std::chrono::seconds DISCARD_TIME{2};
+
+// Where a local call gets its answer; null for a web request.
+std::FILE* local_output = nullptr;
+Caller local_caller = OF_SESSION;
+
+std::FILE* output() {
+  return local_output ? local_output : stdout;
+}
+
+// Reads on to the end of a body that nobody wanted, or not to its end: a web server that is still writing it would take
+// the end of the program for a failure, and not pass the answer on.
+void discard_body() {
+  if (environment("CONTENT_LENGTH").empty()) return;
+  const auto end = std::chrono::steady_clock::now() + DISCARD_TIME;
+  std::array<char, COPY_SIZE> piece;
+  for (size_t done = 0; done < DISCARD_LIMIT;) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+    pollfd ready{STDIN_FILENO, POLLIN, 0};
+    if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0) return;
+    const ssize_t count = read(STDIN_FILENO, piece.data(), piece.size());
+    if (count <= 0) return;
+    done += static_cast<size_t>(count);
+  }
+}
+
+// The platform's mark of settings that it could not save. Told beside every answer, as the answers themselves cannot.
+constexpr const char* SETTINGS_FAULT = "/run/fenro/settings_fault";
+
+const char* fault_header() {
+  return access(SETTINGS_FAULT, F_OK) == 0 ? "X-Ormel-Settings: unsaved\r\n" : "";
+}
+
+// Printing is the last thing that a request does. A client that has gone away must not keep it from cleaning up.
+void print_head(const std::string& head) {
+  static std::array<char, OUTPUT_SIZE> buffer;
+  if (!local_output) {
+    discard_body();
+    std::signal(SIGPIPE, SIG_IGN);
+    std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
+  }
+  std::fprintf(output(), "%s%s\r\n", head.c_str(), fault_header());
+}
+
+void print_reply(const JsonValue& response) {
+  const std::string media_type = support_json_type ? "application/json" : "text/plain";
+  print_head("Content-type: " + media_type + "; charset=utf-8\r\n");
+  response.print(output());
+  std::fflush(output());
+}
+
+void log_failure(int code, const std::string& reason) {
+  // Escaped: it can quote the address that was asked for.
+  ORMEL_LOG(ERROR, "%d, %s", code, escape_json(reason).c_str());
+}
+
+int succeed(JsonValue& response) {
+  response["error"] = static_cast<int32_t>(NO_ERROR);
+  print_reply(response);
+  return NO_ERROR;
+}
+
+// 0, or the code for a session that is not good enough.
+int check_access(const Request& request, Access access) {
+  if (request.user() == INVAILD_USER) return ERR_SESSION_FAIL;
+  return request.user() < access.least ? access.refusal : NO_ERROR;
+}
+
+cgi_settings settings_for(cgi_var_mode repeats) {
+  cgi_settings settings = settings_with_query();
+  settings.var_mode = repeats;
+  return settings;
+}
+
+// False when the client went away.
+bool copy_to_output(const File& file) {
+  std::array<char, COPY_SIZE> piece;
+  size_t length = 0;
+  while ((length = std::fread(piece.data(), 1, piece.size(), file.get())) > 0) {
+    if (std::fwrite(piece.data(), 1, length, output()) < length) return false;
+  }
+  return std::fflush(output()) == 0;
+}
+
+int refuse_download(int code) {
+  log_failure(code, reason_of(code));
+  print_head("Status: 404 Not Found\r\nContent-Type: text/html\r\n");
+  std::fflush(output());
+  return code;
+}
+
+}  // namespace
+
+std::string reason_of(int code) {
+  return get_error_message(static_cast<unsigned int>(code));
+}
+
+int fail(JsonValue& response, const Outcome& outcome) {
+  const std::string reason = outcome.reason.empty() ? reason_of(outcome.code) : outcome.reason;
+  log_failure(outcome.code, reason);
+  if (!outcome.keeps_data) response.erase();
+  response["error"] = outcome.code;
+  response["reason"] = reason;
+  print_reply(response);
+  return outcome.code;
+}
+
+Request::Request(cgi_var_mode repeats) : CgiRequest(settings_for(repeats)), user_(INVAILD_USER) {
+  withhold_request();
+  user_ = local_caller == LOCAL_ADMINISTRATOR ? ADMIN_USER : system::auth_user_session(get_cgi_var_value(find("sid")));
+}
+
+int Request::number(const char* name, int fallback) const {
+  return filled(name) ? to_int(value(name)) : fallback;
+}
+
+std::vector<char*> Request::values(const char* name) const {
+  std::vector<char*> all;
+  for (cgi_var* var = find(name); var; var = get_cgi_var(var, name)) {
+    char* const value = get_cgi_var_value(var);
+    if (value && get_cgi_var_status(var) == CORRECT_VAR) all.push_back(value);
+  }
+  return all;
+}
+
+int serve(const Route& route, JsonValue& response) {
+  const Request request{route.repeats};
+  const int rc = check_access(request, route.access);
+  if (rc == NO_ERROR) return route.answer.give(request, response);
+  return route.answer.medium == DOWNLOAD_MEDIUM ? refuse_download(rc) : fail(response, Outcome{rc});
+}
+
+int answer_json(JsonValue& response, const Outcome& outcome) {
+  return outcome.code == NO_ERROR ? succeed(response) : fail(response, outcome);
+}
+
+int answer_download(const Download& file, int code) {
+  if (code != NO_ERROR) return refuse_download(code);
+  print_head(file.head);
+  std::fwrite(file.body.data(), 1, file.body.size(), output());
+  return std::fflush(output()) == 0 && !std::ferror(output()) ? NO_ERROR : ERR_GENERAL;
+}
+
+int answer_file(JsonValue& response, const SentFile& file, int code) {
+  if (code != NO_ERROR) return fail(response, Outcome{code});
+  struct stat info {};
+  if (fstat(fileno(file.content.get()), &info) != 0) return fail(response, Outcome{ERR_CMD_FAILED});
+  print_head(file.head + "Content-Length: " + std::to_string(info.st_size) + "\r\n");
+  return copy_to_output(file.content) ? NO_ERROR : ERR_GENERAL;
+}
+
+int answer_page(const Page& page) {
+  print_head("Content-Type: text/html\r\n");
+  std::fwrite(page.text.data(), 1, page.text.size(), output());
+  std::fflush(output());
+  return page.error;
+}
+
+std::string answer_locally(const std::string& query, Caller caller, const std::function<void(JsonValue&)>& work) {
+  for (const char* name : {"REQUEST_METHOD", "CONTENT_TYPE", "CONTENT_LENGTH", "HTTP_ACCEPT"}) unsetenv(name);
+  setenv("QUERY_STRING", query.c_str(), 1);
+  withhold_request();
+  char* text = nullptr;
+  size_t length = 0;
+  {
+    const File stream{open_memstream(&text, &length)};
+    if (!stream) return {};
+    local_output = stream.get();
+    local_caller = caller;
+    JsonValue response;
+    work(response);
+    local_caller = OF_SESSION;
+    local_output = nullptr;
+  }
+  const CString owner{text};
+  return text ? std::string(text, length) : std::string();
+}
+
+}  // namespace cgi
+}  // namespace ormel

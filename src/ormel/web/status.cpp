@@ -1,0 +1,50 @@
+// The state of each client tunnel and each server, with the reason where it does not work.
+#include "ormel/actions/tunnel_state.h"
+#include "ormel/config/pool.h"
+#include "ormel/drivers/wireguard/wireguard.h"
+#include "ormel/web/routes.h"
+
+namespace ormel::cgi::status {
+namespace {
+
+constexpr int ALL_TYPES = ~0;
+
+// As /ormel/config/show has it: URL-encoded, empty for a server.
+const std::string& name_of(const ormel::config::BaseConfig& record) {
+  static const std::string none;
+  if (is_server(record.type)) return none;
+  if (record.type == WIREGUARD_CLIENT_TYPE) return static_cast<const wireguard::ClientConfig&>(record).client_name;
+  return static_cast<const ormel::config::ClientConfig&>(record).name;
+}
+
+// `type` is a mask of the types that are wanted, all without it.
+int list_states(const Request& request, JsonValue& reply) {
+  const int mask = request.number("type", ALL_TYPES);
+  ormel::config::Management pool;
+  std::ignore = pool.load();  // always 0
+  JsonValue& rows = reply["data"].make_array();
+  int32_t total = 0;
+  for (const auto& holder : pool.config_pool) {
+    const ormel::config::BaseConfig& record = *holder->bc;
+    if ((record.type & mask) == 0) continue;
+    auto row = std::make_unique<JsonValue>();
+    (*row)["type"] = static_cast<int32_t>(record.type);
+    (*row)["index"] = record.index;
+    (*row)["name"] = name_of(record);
+    show_state(tunnel_state(record), *row);
+    rows.append(std::move(row));
+    ++total;
+  }
+  reply["total"] = total;
+  return NO_ERROR;
+}
+
+constexpr Route ROWS[] = {
+    {"/ormel/status/list", ADMINISTRATOR, READS, json<list_states>},
+};
+
+}  // namespace
+
+const Routes STATES{ROWS};
+
+}  // namespace ormel::cgi::status

@@ -1,0 +1,102 @@
+// Everything at a glance.
+#include <algorithm>
+
+#include <fenro/mibservice.h>
+
+#include "ormelctl/profile.h"
+
+namespace ormelctl {
+namespace {
+
+// The daemons on the bus, each with a method that changes nothing; an answer of any kind shows that it serves.
+struct Daemon {
+  const char* name;
+  const char* service;
+  const char* without;  // what does not work while it is away
+};
+constexpr Daemon DAEMONS[] = {
+    {"ormeld", "@/var/run/ormeld.sock", "logs, and logins to the servers"},
+    {"fenro-networkd", "NetworkService", "interfaces, counters and the default gateway"},
+    {"fenro-jsond", "vpncaas", "the policy on wrong passwords"},
+    {"fenro-rated", "RateServer", "traffic of connections"},
+    {"pelmar-agentd", "ormel_network_service", "the SD-WAN"},
+    {"fenro-keeperd", "KeeperService", "servers and tunnels that end are not started again"},
+};
+constexpr int BUS_SECONDS = 1;
+
+bool serves(const Daemon& daemon) {
+  const ormel::MibIo io{mib_io_create()};
+  const int rc = io ? mib_call(daemon.service, "ormelctl.ping", io.get(), BUS_SECONDS, 0) : MIB_IO_FAILURE;
+  return rc != MIB_NOT_READY && rc != MIB_TIMEOUT;
+}
+
+}  // namespace
+
+ormel::Json daemon_rows() {
+  ormel::Json rows{json_array()};
+  for (const Daemon& daemon : DAEMONS) {
+    const bool up = serves(daemon);
+    json_array_append_new(
+        rows.get(), json_pack("{s:s, s:s, s:s}", "daemon", daemon.name, "state", up ? "running" : "failed", "reason",
+                              up ? "" : (std::string("does not answer; without it: ") + daemon.without).c_str()));
+  }
+  return rows;
+}
+
+namespace {
+
+void add_part(std::string& text, const char* title, const json_t* rows, const Columns& columns) {
+  if (json_array_size(rows) == 0) return;
+  text += (text.empty() ? "" : "\n") + std::string(title) + '\n' + table(rows, columns);
+}
+
+// One profile or server, and whether it is in the state that --check asks for.
+Result one_state(const Arguments& arguments) {
+  Result result;
+  Profile profile;
+  if (find_profile(arguments.words[0], profile, result)) {
+    result = done("", describe_profile(profile.record.get()));
+  } else if (const Protocol* protocol = find_protocol(arguments.words[0]); protocol && result.exit == Exit::NotFound) {
+    const ormel::Json rows = server_rows();
+    size_t at = 0;
+    json_t* row = nullptr;
+    json_array_foreach(rows.get(), at, row) {
+      if (text_of(row, "protocol") == protocol->name) result = done("", ormel::Json{json_incref(row)});
+    }
+  }
+  const std::string state = text_of(result.data.get(), "state");
+  if (result.exit == Exit::Done && arguments.has("check") && state != arguments.value("check")) {
+    result.exit = Exit::Differs;
+    result.reason = arguments.words[0] + " is " + state + ", not " + arguments.value("check");
+  }
+  return result;
+}
+
+}  // namespace
+
+Result status(const Arguments& arguments) {
+  if (!arguments.words.empty()) return one_state(arguments);
+  if (arguments.has("check"))
+    return failed(Exit::Usage, "--check needs a profile or a server", "ormelctl status office --check up");
+  ormel::Json servers = server_rows();
+  ormel::Json profiles = std::move(profile_list({}).data);
+  ormel::Json gateway = std::move(gateway_show({}).data);
+  ormel::Json daemons = daemon_rows();
+  ormel::Json sessions = std::move(who({}).data);
+  std::string text;
+  add_part(text, "Servers", servers.get(), SERVER_COLUMNS);
+  add_part(text, "Client profiles", profiles.get(), PROFILE_COLUMNS);
+  add_part(text, "Daemons", daemons.get(), {{"daemon", "DAEMON"}, {"state", "STATE"}, {"reason", "WHY"}});
+  text += "\nConnected: " + (sessions ? std::to_string(json_array_size(sessions.get())) : std::string("unknown"));
+  text += "   Default gateway: " + (gateway ? text_of(gateway.get(), "in_use") : std::string("unknown")) + '\n';
+  ormel::Json data{json_object()};
+  json_object_set(data.get(), "servers", servers.get());
+  json_object_set_new(data.get(), "profiles", profiles ? profiles.release() : json_null());
+  json_object_set_new(data.get(), "gateway", gateway ? gateway.release() : json_null());
+  json_object_set(data.get(), "daemons", daemons.get());
+  json_object_set_new(data.get(), "sessions", sessions ? sessions.release() : json_null());
+  Result result = done(text, std::move(data));
+  return result;
+}
+
+}  // namespace ormelctl

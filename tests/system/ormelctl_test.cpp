@@ -1,0 +1,295 @@
+// The friendly command line: what it says in each state, and that it loses nothing.
+// appliance: --web
+
+#include <sstream>
+
+#include <jansson.h>
+
+#include "ormel/base/handle.h"
+#include "support/appliance_host.h"
+
+using namespace ormel::test;
+
+namespace {
+
+Result ctl(std::vector<std::string> words, const std::string& input = {}) {
+  words.insert(words.begin(), "/usr/sbin/ormelctl");
+  return run(words, {"PATH=/usr/sbin:/usr/bin"}, input);
+}
+
+ormel::Json document(const Result& result) {
+  return ormel::Json{json_loads(result.out.c_str(), 0, nullptr)};
+}
+
+std::string text_at(const Result& result, size_t row, const char* key) {
+  const ormel::Json answer = document(result);
+  const json_t* data = json_object_get(answer.get(), "data");
+  const json_t* found = json_is_array(data) ? json_array_get(data, row) : data;
+  const char* text = json_string_value(json_object_get(found, key));
+  return text ? text : "";
+}
+
+std::vector<std::vector<std::string>> reading_commands() {
+  std::vector<std::vector<std::string>> all;
+  std::istringstream lines(ctl({"__commands", "--reading"}).out);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    all.emplace_back(std::istream_iterator<std::string>(words), std::istream_iterator<std::string>());
+  }
+  return all;
+}
+
+class OrmelCtl : public testing::Test {
+ protected:
+  void SetUp() override {
+    fs::remove(VPN_CONF);
+    ASSERT_EQ(run({"/etc/init.d/vpn_common.sh", "setup_vpn_entrance"}).status, 0);
+  }
+  void TearDown() override {
+    for (const char* server : {"wireguard", "drovik"}) ctl({"server", "off", server, "--yes"});
+    fs::remove(VPN_CONF);
+  }
+  // Each prints one document with its schema, whatever it says.
+  static void expect_documents(const char* state) {
+    const auto commands = reading_commands();
+    EXPECT_GT(commands.size(), 10U);
+    for (std::vector<std::string> words : commands) {
+      words.emplace_back("--json");
+      const Result result = ctl(words);
+      const ormel::Json answer = document(result);
+      EXPECT_EQ(json_integer_value(json_object_get(answer.get(), "schema")), 1)
+          << state << ": " << testing::PrintToString(words) << result.out << result.err;
+      EXPECT_EQ(json_integer_value(json_object_get(answer.get(), "error")) == 0, result.status == 0) << result.out;
+    }
+  }
+};
+
+TEST_F(OrmelCtl, SaysWhatIsWrongAndWhatToDo) {
+  const struct {
+    std::vector<std::string> words;
+    int status;
+    const char* said;
+  } cases[] = {
+      {{}, 2, "profile list"},
+      {{"statsu"}, 2, "did you mean \"status\"?"},
+      {{"profile", "lst"}, 2, "did you mean \"profile list\"?"},
+      {{"profile", "add"}, 2, "missing: PROTOCOL"},
+      {{"profile", "add", "ptp", "--name", "a"}, 2, "one of pptp, l2tp, openvpn, drovik, wireguard"},
+      {{"profile", "add", "pptp", "--name", "a"}, 2, "--host is missing"},
+      {{"profile", "add", "l2tp", "--name", "a", "--host", "192.0.2.1"}, 2, "--psk-file is missing"},
+      {{"profile", "add", "pptp", "--name", "a", "--pass", "x"}, 2, "unknown option --pass"},
+      {{"profile", "add", "pptp", "--name", "a", "--host", "192.0.2.1", "--port", "1"}, 1, "only"},
+      {{"profile", "add", "pptp", "--name", "a", "--host", "192.0.2.1", "--endpoint", "b:1"},
+       2,
+       "--endpoint is not for"},
+      {{"profile", "add", "pptp", "--name", "a", "--host", "a b"}, 2, "--host does not take a b"},
+      {{"server", "set", "openvpn", "--port", "99999", "--yes"}, 1, "--port does not take 99999: port range"},
+      {{"server", "set", "openvpn", "--pool", "zzz", "--yes"}, 2, "--pool takes an IPv4 address"},
+      {{"server", "set", "wireguard", "--mask", "99", "--yes"}, 2, "--mask takes 0 to 32"},
+      {{"peer", "add", "a", "--host", "b", "--keepalive", "x"}, 2, "--keepalive takes 0 to 65535"},
+      {{"peer"}, 2, "one of: peer list, peer add, peer qr, peer rm"},
+      {{"--json"}, 2, "\"reason\":\"the command is missing\""},
+      {{"profile", "rm", "none", "--yes"}, 3, "no profile is named none"},
+      {{"profile", "rm", "none"}, 2, "--yes is missing"},
+      {{"profile", "import", "/nowhere.ovpn"}, 3, "cannot be read"},
+      {{"server", "on", "drovik"}, 2, "--psk-file -"},
+      {{"user", "grant", "nobody-here", "pptp"}, 3, "no user is named nobody-here"},
+      {{"user", "grant", "guest", "wireguard"}, 2, "has no rights of users"},
+      {{"user", "unlock", "guest"}, 3, "guest is not blocked"},
+      {{"kick", "guest", "--yes"}, 3, "guest is not connected"},
+      {{"log", "events", "--since", "yesterday"}, 2, "30m, 1h or 2d"},
+      {{"gateway", "set", "none"}, 3, "no profile is named none"},
+      {{"status", "openvpn", "--check", "running"}, 6, "openvpn is off, not running"},
+      {{"status", "-o", "xml"}, 2, "table, json or tsv"},
+  };
+  for (const auto& row : cases) {
+    const Result result = ctl(row.words);
+    EXPECT_EQ(result.status, row.status) << testing::PrintToString(row.words);
+    EXPECT_THAT(result.out + result.err, HasSubstr(row.said)) << testing::PrintToString(row.words);
+  }
+  const Result stranger =
+      run({"/usr/bin/setpriv", "--reuid=guest", "--clear-groups", "/usr/sbin/ormelctl", "status", "--json"});
+  EXPECT_EQ(stranger.status, 4);
+  EXPECT_THAT(stranger.out, HasSubstr("\"reason\":\"only root may do this\""));
+}
+
+TEST_F(OrmelCtl, KeepsProfilesOfEveryName) {
+  const std::string name = "a b\x1b[31m\"\xe2\x80\xae";  // a colour, and text that runs backwards
+  ASSERT_EQ(ctl({"profile", "add", "pptp", "--name", name, "--host", "192.0.2.1", "--user", "bob", "--pass-file", "-"},
+                "secret\n")
+                .status,
+            0);
+  EXPECT_EQ(conf_value("PPTP_CLIENT1", "Name"), "bob");
+  EXPECT_EQ(conf_value("PPTP_CLIENT1", "AccessCode"), "c2VjcmV0");
+  EXPECT_EQ(text_at(ctl({"profile", "show", name, "--json"}), 0, "name"), name);
+  EXPECT_THAT(ctl({"profile", "list"}).out, HasSubstr("a b\\x1b[31m\"\\xe2\\x80\\xae"));
+  EXPECT_EQ(ctl({"profile", "set", "pptp/1", "--host", "192.0.2.2", "--yes"}).status, 0);
+  EXPECT_EQ(conf_value("PPTP_CLIENT1", "Server Address"), "192.0.2.2");
+  ASSERT_EQ(ctl({"profile", "add", "pptp", "--name", name, "--host", "192.0.2.1"}).status, 0);
+  const Result twice = ctl({"profile", "rm", name, "--yes"});
+  EXPECT_EQ(twice.status, 2);
+  EXPECT_THAT(twice.err, HasSubstr("pptp/1, pptp/2"));
+  EXPECT_EQ(ctl({"profile", "rm", "pptp/1", "--yes"}).status, 0);
+  EXPECT_EQ(text_at(ctl({"profile", "list", "--json"}), 0, "target"), "pptp/2");
+}
+
+TEST_F(OrmelCtl, ReportsOnProfilesAndTheirFilesBeforeItStoresThem) {
+  const std::string folder = "/tmp/profiles";
+  fs::create_directories(folder);
+  run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days",
+       "9", "-subj", "/CN=Test", "-keyout", "/tmp/key", "-out", folder + "/ca.crt"});
+  run({"/usr/sbin/openvpn", "--genkey", "secret", folder + "/ta.key"});
+  const std::string profile =
+      "client\nremote vpn.example.org 1194\nup /etc/evil.sh\nca ca.crt\ntls-auth ta.key 1\n"
+      "auth-user-pass creds.txt\nremote-cert-tls server\n";
+  write(folder + "/good.ovpn", profile);
+  write(folder + "/bad.ovpn", profile + "fancy-new-option yes\n");
+  write(folder + "/home.conf",
+        "[Interface]\nPrivateKey = MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM=\nPostUp = x\n"
+        "Address = 10.7.0.2/32\n[Peer]\nEndpoint = 192.0.2.1:51820\n"
+        "PublicKey = MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM=\nAllowedIPs = 0.0.0.0/0\n");
+  const Result alone = ctl({"profile", "import", folder + "/good.ovpn", "--report"});
+  EXPECT_EQ(alone.status, 1) << "its files did not come with it";
+  EXPECT_THAT(alone.out, HasSubstr("the file ta.key, which did not come with the profile"));
+  run({"/bin/tar", "czf", "/tmp/all.tgz", "-C", folder, "."});
+  const Result report = ctl({"profile", "import", "/tmp/all.tgz", "--report", "--json"});
+  EXPECT_EQ(report.status, 1) << report.out;
+  EXPECT_THAT(report.out, HasSubstr("no option of the daemon: fancy-new-option"));
+  EXPECT_EQ(ctl({"profile", "import", "/tmp/all.tgz"}).status, 2) << "--yes is missing";
+  EXPECT_EQ(text_at(ctl({"profile", "list", "--json"}), 0, "target"), "") << "nothing is stored";
+
+  const Result stored = ctl({"profile", "import", "/tmp/all.tgz", "--user", "bob", "--yes"});
+  EXPECT_EQ(stored.status, 1) << stored.out << stored.err;
+  EXPECT_THAT(stored.out, HasSubstr("3 files: 2 stored, 1 refused"));
+  EXPECT_THAT(stored.out, HasSubstr(" days left"));
+  EXPECT_THAT(ctl({"profile", "list"}).out, AllOf(HasSubstr("good"), HasSubstr("home"), Not(HasSubstr("bad"))));
+  EXPECT_THAT(read("/etc/config/openvpn/clients/client1"), HasSubstr("\n<tls-auth>\n"));
+  fs::remove_all(folder);
+}
+
+TEST_F(OrmelCtl, LosesNoProfileOfParallelRuns) {
+  const char* script =
+      "for i in $(seq 32); do ormelctl profile add pptp --name p$i --host 192.0.2.$i >/dev/null & done; wait";
+  ASSERT_EQ(run({"/bin/bash", "-c", script}, {"PATH=/usr/sbin:/usr/bin"}).status, 0);
+  std::set<std::string> names;
+  const Result list = ctl({"profile", "list", "--json"});
+  for (size_t i = 0; i < 32; ++i) names.insert(text_at(list, i, "name"));
+  EXPECT_EQ(names.size(), 32U);
+  EXPECT_EQ(names.count(""), 0U);
+  EXPECT_EQ(ctl({"profile", "add", "pptp", "--name", "more", "--host", "192.0.2.99"}).status, 1);
+  expect_documents("full");
+}
+
+TEST_F(OrmelCtl, RunsServersDevicesAndRights) {
+  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port", "51820", "--yes"})
+                .status,
+            0);
+  const Result on = ctl({"server", "on", "wireguard", "--json"});
+  EXPECT_EQ(text_at(on, 0, "state"), "running") << on.out;
+  EXPECT_EQ(ctl({"peer", "add", "phone", "--host", "vpn.example.org:51820"}).status, 2) << "a port is no part of it";
+  EXPECT_THAT(ctl({"peer", "add", "phone", "--key", "AAAA"}).err, HasSubstr("--key is not a public key"));
+  const Result peer = ctl({"peer", "add", "phone", "--host", "vpn.example.org", "--qr"});
+  EXPECT_THAT(peer.out, HasSubstr("Address = 198.18.7.2/32\n"));
+  EXPECT_THAT(peer.out, AllOf(HasSubstr("Endpoint = vpn.example.org:51820\n"), HasSubstr("\n████")));
+  EXPECT_EQ(text_at(ctl({"peer", "list", "--json"}), 0, "name"), "phone");
+  const std::string old_key = text_at(ctl({"peer", "list", "--json"}), 0, "key");
+  const std::vector<std::string> renewal = {"peer", "qr", "phone", "--host", "2001:db8::1", "--json"};
+  EXPECT_EQ(ctl(renewal).status, 2) << "--yes is missing";
+  const auto interface_peers = [] { return run({"/usr/bin/wg", "show", "wg0", "peers"}).out; };
+  EXPECT_EQ(interface_peers(), old_key + '\n');
+  std::vector<std::string> agreed = renewal;
+  agreed.emplace_back("--yes");
+  const std::string renewed = text_at(ctl(agreed), 0, "configuration");
+  EXPECT_THAT(renewed,
+              AllOf(HasSubstr("\nAddress = 198.18.7.2/32\n"), HasSubstr("\nEndpoint = [2001:db8::1]:51820\n")));
+  constexpr size_t KEY_AT = std::string_view("[Interface]\nPrivateKey = ").size(), KEY_SIZE = 44;
+  const std::string new_key = run({"/usr/bin/wg", "pubkey"}, {}, renewed.substr(KEY_AT, KEY_SIZE)).out;
+  EXPECT_NE(new_key, old_key + '\n');
+  EXPECT_EQ(interface_peers(), new_key) << "the old key is gone, the printed one is in its place";
+  EXPECT_EQ(text_at(ctl({"peer", "list", "--json"}), 0, "key") + '\n', new_key);
+  EXPECT_EQ(ctl({"peer", "qr", "tablet", "--host", "vpn.example.org", "--yes"}).status, 3);
+  EXPECT_EQ(ctl({"peer", "rm", "phone", "--yes"}).status, 0);
+  EXPECT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
+  EXPECT_EQ(ctl({"user", "grant", "guest", "l2tp"}).status, 0);
+  EXPECT_EQ(text_at(ctl({"user", "list", "--filter", "guest", "--json"}), 0, "rights_text"), "l2tp openvpn");
+  EXPECT_EQ(ctl({"user", "revoke", "guest", "--yes"}).status, 0);
+  EXPECT_EQ(ctl({"server", "off", "wireguard", "--yes"}).status, 0);
+  EXPECT_EQ(ctl({"status", "wireguard", "--check", "off"}).status, 0);
+}
+
+TEST_F(OrmelCtl, FindsWhatIsWrongWithTheHost) {
+  const auto failures = [](const char* result) {
+    const ormel::Json answer = document(ctl({"doctor", "--json"}));
+    std::string found;
+    size_t at = 0;
+    const json_t* row = nullptr;
+    json_array_foreach(json_object_get(answer.get(), "data"), at, row) {
+      const auto text = [&](const char* key) { return std::string(json_string_value(json_object_get(row, key))); };
+      if (text("result") == result) found += text("step") + ": " + text("text") + '\n';
+    }
+    return found;
+  };
+  EXPECT_EQ(failures("fail"), "");
+  write("/etc/config/openvpn/clients/client9", "secret", 0644);
+  EXPECT_THAT(failures("warn"), HasSubstr("secrets: /etc/config/openvpn/clients/client9"));
+  fs::remove("/etc/config/openvpn/clients/client9");
+  write(VPN_CONF, "[DROVIK]\nEnable = TRUE\nClient IP 1 = 192.168.77.2\nClient IP 2 = 192.168.77.254\n");
+  const std::string found = failures("fail");
+  EXPECT_THAT(found, HasSubstr("servers: drovik is on, but does not run"));
+  EXPECT_THAT(found, HasSubstr("pools: drovik 192.168.77."));
+  EXPECT_EQ(ctl({"doctor"}).status, 1);
+  EXPECT_EQ(ctl({"doctor", "nobody"}).status, 3);
+  const std::string bundle = "/root/case.tar.gz";
+  ctl({"doctor", "--bundle", bundle});
+  EXPECT_EQ(mode_of(bundle), 0600U);
+  EXPECT_THAT(run({"/bin/tar", "tzf", bundle}, {"PATH=/usr/bin:/bin"}).out,
+              AllOf(HasSubstr("doctor.json"), HasSubstr("events.json"), HasSubstr("logs.tar.gz")));
+}
+
+TEST_F(OrmelCtl, HearsAPptpServerBeforeALogin) {
+  write("/tmp/pptpd.conf", "option /dev/null\nlocalip 10.0.0.1\nremoteip 10.0.0.2-20\n");
+  run({"/bin/sh", "-c", "exec setsid pptpd -f -c /tmp/pptpd.conf -p /tmp/pptpd.pid </dev/null >/dev/null 2>&1 &"},
+      {"PATH=/usr/sbin:/usr/bin"});
+  ASSERT_EQ(
+      ctl({"profile", "add", "pptp", "--name", "a", "--host", "127.0.0.1", "--user", "b", "--pass-file", "-"}, "c\n")
+          .status,
+      0);
+  const char* good = R"("step":"server","result":"ok")";
+  EXPECT_TRUE(comes_true([&] { return ctl({"doctor", "a", "--json"}).out.find(good) != std::string::npos; }));
+  run({"/usr/bin/pkill", "-f", "/tmp/pptpd.conf"});
+  EXPECT_TRUE(comes_true([&] { return ctl({"doctor", "a", "--json"}).out.find(good) == std::string::npos; }));
+}
+
+TEST_F(OrmelCtl, AnswersWithEachDaemonDeadInTurn) {
+  expect_documents("empty");
+  for (const std::string daemon : {"ormeld", "fenro-networkd", "fenro-jsond", "fenro-rated", "pelmar-agentd"}) {
+    const std::string path = "/usr/lib/fenro/" + daemon;
+    const std::string failed = daemon + std::string(16 - daemon.size(), ' ') + "failed";
+    run({"/usr/bin/pkill", "-KILL", "-f", path});
+    ASSERT_TRUE(comes_true([&] { return run({"/usr/bin/pgrep", "-f", path}).status == 1; }));
+    expect_documents(daemon.c_str());
+    EXPECT_THAT(ctl({"status"}).out, HasSubstr(failed));
+    run({"/bin/sh", "-c", "exec setsid " + path + " </dev/null >/dev/null 2>&1 &"}, {"PATH=/usr/sbin:/usr/bin"});
+    ASSERT_TRUE(comes_true([&] { return ctl({"status"}).out.find(failed) == std::string::npos; })) << daemon;
+  }
+}
+
+TEST_F(OrmelCtl, PrintsOneDocumentForAnyoneWhoIsNotRoot) {
+  for (const std::vector<std::string>& words : reading_commands()) {
+    std::vector<std::string> command{"/usr/bin/setpriv", "--reuid=guest", "--clear-groups", "/usr/sbin/ormelctl"};
+    command.insert(command.end(), words.begin(), words.end());
+    command.emplace_back("--json");
+    const Result result = run(command);
+    EXPECT_EQ(result.status, 4) << testing::PrintToString(words);
+    EXPECT_EQ(json_integer_value(json_object_get(document(result).get(), "schema")), 1) << result.out;
+  }
+}
+
+TEST_F(OrmelCtl, CompletesItsWords) {
+  EXPECT_EQ(ctl({"__complete", "prof"}).out, "profile\n");
+  EXPECT_EQ(ctl({"__complete", "server", "o"}).out, "off\non\n");
+  EXPECT_EQ(ctl({"__complete", "server", "on", "w"}).out, "wireguard\n");
+  EXPECT_EQ(ctl({"__complete", "profile", "up", "x", "--"}).out, "--wait=\n");
+}
+
+}  // namespace

@@ -1,0 +1,214 @@
+// What a stranger, or several administrators at once, could do to the web entry.
+// appliance: --web
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <future>
+#include <set>
+#include <sys/statvfs.h>
+
+#include "support/tls_client.h"
+#include "support/web_request.h"
+
+using namespace ormel::test;
+
+namespace {
+
+constexpr std::size_t MEBIBYTE = std::size_t{1} << 20U;
+
+// Several at once: not run(), whose files are shared.
+std::string curl(const std::string& route, const std::string& options) {
+  const std::string command = "curl -ksS --max-time 120 -H Expect: https://localhost" + route + " " + options + " 2>&1";
+  std::string text;
+  std::FILE* const pipe = popen(command.c_str(), "r");
+  for (int c = std::getc(pipe); c != EOF; c = std::getc(pipe)) text += static_cast<char>(c);
+  pclose(pipe);
+  return text;
+}
+
+std::string status_of(const std::string& route, const std::string& options) {
+  return curl(route, options + " -o /dev/null -w '%{http_code}'");
+}
+
+std::vector<std::string> parallel(std::size_t count, const std::function<std::string(std::size_t)>& work) {
+  std::vector<std::future<std::string>> running;
+  for (std::size_t i = 0; i < count; ++i) running.push_back(std::async(std::launch::async, work, i));
+  std::vector<std::string> results(count);
+  std::transform(running.begin(), running.end(), results.begin(), [](auto& one) { return one.get(); });
+  return results;
+}
+
+std::string post(const std::string& route, std::size_t length, const std::string& type = "application/octet-stream") {
+  return "POST " + route + " HTTP/1.1\r\nHost: x\r\nContent-Type: " + type +
+         "\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
+}
+
+class WebAttack : public WebHost {
+ protected:
+  WebAttack() {
+    std::signal(SIGPIPE, SIG_IGN);
+    fs::remove_all("/run/fenro/login");
+    const std::string file = read("/var/lib/appliance/password.admin");
+    password = file.substr(0, file.find('\n'));
+  }
+  std::string log_in(const std::string& options = "") const {
+    return curl("/fenro/login", options + " -d user=admin -d password=" + password);
+  }
+  std::string password;
+};
+
+class SlowClients : public WebAttack {};
+
+TEST_F(SlowClients, KeepNobodyOutAndEnd) {
+  std::vector<TlsClient> slow(64);
+  for (TlsClient& client : slow)
+    ASSERT_TRUE(client.send(post("/fenro/login", 4000, "application/x-www-form-urlencoded")));
+  std::atomic<bool> stop = false;
+  std::thread drip([&] {
+    while (!stop) {
+      for (TlsClient& client : slow) client.send("a");
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  });
+  for (const char* from : {"", "--interface 127.0.0.2"})
+    EXPECT_THAT(log_in(from), StartsWith(R"({"error":0)")) << "beside 64 that do not end";
+  const auto ended = [&] {
+    return std::none_of(slow.begin(), slow.end(), [](const TlsClient& client) { return client.is_open(); });
+  };
+  EXPECT_TRUE(comes_true(ended, 60)) << "however long they would go on";
+  stop = true;
+  drip.join();
+}
+
+class Spool : public WebAttack {};
+
+TEST_F(Spool, TakesNoMoreThanItsShare) {
+  const auto used = [] {
+    struct statvfs disk {};
+    statvfs("/run", &disk);
+    return (disk.f_blocks - disk.f_bfree) * disk.f_frsize;
+  };
+  const auto resident = [] {
+    const std::string text = run({"/usr/bin/ps", "-o", "rss=", "-C", "fenro-web-gate"}).out;
+    return text.empty() ? 0 : std::stoul(text) * 1024;
+  };
+  const auto before = used();
+  std::vector<TlsClient> greedy(60);
+  for (TlsClient& client : greedy) {
+    const std::size_t size = 2 * MEBIBYTE - 1;
+    client.send(post("/ormel/config/import", size) + std::string(size - 1, 'x'));
+  }
+  EXPECT_LT(used(), before + 8 * MEBIBYTE);
+#ifndef __SANITIZE_ADDRESS__  // which keeps freed memory for a while
+  EXPECT_LT(resident(), 128 * MEBIBYTE);
+#endif
+  EXPECT_THAT(curl(SHOW, "-d type=256 -d " + admin), HasSubstr("office1"));
+  RecordProperty("resident", std::to_string(resident()));
+  write("/tmp/upload", std::string(MEBIBYTE, 'u'));
+  EXPECT_THAT(curl("/ormel/config/check", "-F " + admin + " -F ovpn=@/tmp/upload"), HasSubstr(R"("error":23)"));
+}
+
+class RequestLimits : public WebAttack {};
+
+TEST_F(RequestLimits, LeaveTheWholeOfALargeFormToUploads) {
+  write("/tmp/form", admin + "&type=256&x=" + std::string(60UL * 1024, 'x'));
+  EXPECT_THAT(curl(SHOW, "-d @/tmp/form"), HasSubstr("office1"));
+  write("/tmp/form", admin + "&type=256&x=" + std::string(64UL * 1024, 'x'));
+  for (const char* more : {"", "-H 'Transfer-Encoding: chunked'"})
+    for (const std::string route : {SHOW, "/fenro/login", "/ormel/privilege/set"})
+      EXPECT_EQ(status_of(route, std::string("-d @/tmp/form ") + more), "413") << route;
+}
+
+TEST_F(RequestLimits, RefuseFormsOfCountlessFieldsBeforeAProgramStarts) {
+  std::string fields, files;
+  for (int i = 0; i < 200000; ++i) fields += "&v" + std::to_string(i) + "=";
+  for (int i = 0; i < 20000; ++i) files += part("f" + std::to_string(i), "x", "x");
+  std::string few;
+  for (int i = 0; i < 100; ++i) few += part("f" + std::to_string(i), "x", "x");
+  const std::string multipart = " -H 'Content-Type: multipart/form-data; boundary=edge' --data-binary @/tmp/form";
+  write("/tmp/form", admin + fields.substr(0, 2 * MEBIBYTE - 100));
+  fs::remove(LOG);
+  EXPECT_EQ(status_of("/ormel/config/check", "-d @/tmp/form"), "413");
+  write("/tmp/form", part("sid", "x") + files + "--edge--\r\n");
+  EXPECT_EQ(status_of("/ormel/config/check", multipart), "413");
+  EXPECT_FALSE(fs::exists(LOG));
+  write("/tmp/form", part("sid", "x") + few + "--edge--\r\n");
+  EXPECT_THAT(curl("/ormel/config/check", multipart), HasSubstr(R"("error":39)"));
+  EXPECT_EQ(uploads(), 0U);
+}
+
+class ParallelAdds : public WebAttack {};
+
+std::set<std::string> profiles() {
+  std::set<std::string> found;
+  std::ifstream in(VPN_CONF);
+  for (std::string line; std::getline(in, line);)
+    if (line.starts_with("[PPTP_CLIENT")) found.insert(line);
+  return found;
+}
+
+TEST_F(ParallelAdds, StoreWhatTheyAnswer) {
+  const auto answers = parallel(64, [this](std::size_t i) {
+    return curl(
+        "/ormel/config/add",
+        "-d " + admin + " -d type=PPTP -d user=bob -d pass=secret -d host=192.0.2.7 -d name=p" + std::to_string(i));
+  });
+  const auto with = [&](const char* code) {
+    return static_cast<std::size_t>(std::count_if(answers.begin(), answers.end(), [code](const std::string& answer) {
+      return answer.find(code) != std::string::npos;
+    }));
+  };
+  EXPECT_EQ(with(R"("error":0})"), 15U) << "sixteen of a user's own, of which one was there";
+  EXPECT_EQ(with(R"("error":43,)"), 49U);
+  EXPECT_EQ(profiles().size(), 16U);
+}
+
+class ParallelTunnels : public WebAttack {};
+
+// The start takes until it is let go; a stop that did not wait for it would be undone by it.
+TEST_F(ParallelTunnels, LetADisconnectWaitForTheConnectOfItsProfile) {
+  write(
+      "/etc/init.d/vpn_pptp_client.sh",
+      "#!/bin/sh\n[ \"$1\" != start ] || until [ -e /tmp/go ]; do sleep 0.05; done\necho \"vpn_pptp_client.sh|$1\" >>" +
+          std::string(CALLS) + "\n",
+      0755);
+  const std::string form = "-d type=PPTP -d index=1 -d " + admin;
+  auto connect = std::async(std::launch::async, curl, "/ormel/config/connect", form);
+  EXPECT_TRUE(comes_true([] { return conf_value("PPTP_CLIENT1", "Enable") == "TRUE"; }));
+  auto disconnect =
+      std::async(std::launch::async, curl, "/ormel/config/disconnect", "-F type=pptp -F index=1 -F " + admin);
+  EXPECT_FALSE(comes_true([] { return conf_value("PPTP_CLIENT1", "Enable") == "FALSE"; }, 1));
+  EXPECT_THAT(curl(SHOW, "-d type=256 -d " + admin), HasSubstr("office1")) << "others do not wait";
+  write("/tmp/go", "");
+  connect.get();
+  disconnect.get();
+  const auto calls = recorded("vpn_pptp_client.sh");
+  ASSERT_FALSE(calls.empty());
+  EXPECT_EQ(calls.back(), "stop");
+  EXPECT_EQ(conf_value("PPTP_CLIENT1", "Enable"), "FALSE");
+}
+
+TEST_F(ParallelTunnels, AreAllOnThatWereConnectedAtOnce) {
+  record_calls("/etc/init.d/vpn_pptp_client.sh");
+  const std::vector<std::string> numbers{"1", "2", "3", "4", "5", "6"};
+  std::string all;
+  for (const std::string& number : numbers) all += pptp_client(std::stoi(number));
+  write(VPN_CONF, all);
+  parallel(numbers.size(), [&](std::size_t i) {
+    return curl("/ormel/config/connect", "-d type=PPTP -d " + admin + " -d index=" + numbers[i]);
+  });
+  for (const std::string& number : numbers) EXPECT_EQ(conf_value("PPTP_CLIENT" + number, "Enable"), "TRUE") << number;
+}
+
+class LogArchive : public WebAttack {};
+
+TEST_F(LogArchive, IsGoneOnceItHasBeenSent) {
+  const auto answers = parallel(3, [this](std::size_t) {
+    return curl("/ormel/log/dump", "-d " + admin + " | tar -tzf - | grep -c state/routes");
+  });
+  EXPECT_THAT(answers, Each(StartsWith("1")));
+  EXPECT_FALSE(fs::exists("/tmp/ormel_dump_log.tar.gz"));
+  EXPECT_THAT(curl("/ormel/log/dump", "-d " + guest), HasSubstr(R"("error":39)"));
+}
+
+}  // namespace

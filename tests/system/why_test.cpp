@@ -1,0 +1,232 @@
+// Each failure of a tunnel or a server says what it is, and says nothing once it is mended. The servers are here, their
+// clients over there.
+// appliance: --pair
+#include <jansson.h>
+
+#include "support/far_appliance.h"
+#include "support/log_rows.h"
+
+namespace ormel::test {
+namespace {
+
+constexpr const char* CTL = "/usr/sbin/ormelctl";
+constexpr const char* SHELL = "/bin/sh";
+constexpr int SECONDS = 30;  // a machine under load is slow; twenty are enough without
+
+// State, code and text of one profile or server, as ormelctl has them.
+struct Seen {
+  std::string state, code, text;
+};
+
+Seen seen(const Result& status) {
+  const Json root{json_loads(status.out.c_str(), 0, nullptr)};
+  const json_t* data = json_object_get(root.get(), "data");
+  const json_t* reason = json_object_get(data, "reason");
+  const auto text = [](const json_t* object, const char* key) {
+    const json_t* value = json_object_get(object, key);
+    return std::string(json_is_string(value) ? json_string_value(value) : "");
+  };
+  return {text(data, "state"), text(reason, "code"), text(reason, "text")};
+}
+
+Seen far_seen(const std::string& profile) {
+  return seen(far::run({CTL, "--json", "status", profile}));
+}
+
+Seen near_seen(const std::string& server) {
+  return seen(run({CTL, "--json", "status", server}));
+}
+
+void far_shell(const std::string& script) {
+  const Result result = far::run({SHELL, "-ec", script}, {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
+  EXPECT_EQ(result.status, 0) << script << '\n' << result.out << result.err;
+}
+
+void near_shell(const std::string& script) {
+  const Result result = run({SHELL, "-ec", script}, {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
+  EXPECT_EQ(result.status, 0) << script << '\n' << result.out << result.err;
+}
+
+bool has_tun() {
+  return access("/dev/net/tun", R_OK | W_OK) == 0;
+}
+
+// A fault of a client over there, and its cure; both are scripts.
+struct Fault {
+  const char* what;
+  const char* fault;
+  const char* cure;
+  const char* state;
+  const char* code;
+  const char* last_error;
+};
+
+void expect_faults(const std::string& profile, const std::string& section, const std::vector<Fault>& faults) {
+  for (const Fault& row : faults) {
+    SCOPED_TRACE(row.what);
+    far::run({CTL, "profile", "down", profile});
+    far_shell(row.fault);
+    far::run({CTL, "profile", "up", profile, "--wait", "1"});
+    Seen now;
+    EXPECT_TRUE(comes_true(
+        [&] {
+          now = far_seen(profile);
+          return now.state == row.state && now.code == row.code &&
+                 far::conf_value(section, "Last Error") == row.last_error;
+        },
+        SECONDS))
+        << now.state << ' ' << now.code << ' ' << now.text << ' ' << far::conf_value(section, "Last Error");
+    EXPECT_THAT(far::run({CTL, "why", profile}).out, HasSubstr("-> "));
+    far_shell(row.cure);
+    far::run({CTL, "profile", "down", profile});
+    const Result up = far::run({CTL, "profile", "up", profile, "--wait", "60"});
+    EXPECT_EQ(up.status, 0) << up.out << up.err;
+    EXPECT_EQ(far_seen(profile).code, "");
+    EXPECT_EQ(far::conf_value(section, "Last Error"), "0");
+    EXPECT_EQ(far::read("/run/fenro/reasons/" + section), "");
+  }
+}
+
+size_t refused_logins() {
+  const auto rows = log_rows<db_conn_server_log>(log_db::CONN_SERVER_LOG.query);
+  return static_cast<size_t>(
+      std::count_if(rows.begin(), rows.end(), [](const db_conn_server_log& row) { return row.action == 1; }));
+}
+
+class WhyDrovik : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!has_tun()) GTEST_SKIP() << "no tunnel without the TUN device /dev/net/tun";
+    near_shell(
+        "printf 'team key\\n' >/tmp/psk; ormelctl server set drovik --psk-file /tmp/psk --port 4443 --yes;"
+        "ormelctl server on drovik; ormelctl user grant guest drovik openvpn");
+    far::write("/tmp/pass", read("/var/lib/appliance/password.guest"));
+    far_shell(
+        "printf 'team key\\n' >/tmp/psk; printf 'wrong\\n' >/tmp/wrong;"
+        "ormelctl profile add drovik --name office --host 192.168.77.1 --port 4443 --user guest --pass-file /tmp/pass"
+        " --psk-file /tmp/psk");
+  }
+  void TearDown() override {
+    far::run({CTL, "profile", "rm", "office", "--yes"});
+    near_shell("ormelctl server off drovik --yes || :");
+  }
+};
+
+TEST_F(WhyDrovik, SaysWhatAClientMeetsAndForgetsItOnceMended) {
+  const size_t before = refused_logins();
+  expect_faults("office", "DROVIK_CLIENT1",
+                {
+                    {"wrong password", "ormelctl profile set office --pass-file /tmp/wrong --yes",
+                     "ormelctl profile set office --pass-file /tmp/pass --yes", "failed", "login-refused", "40"},
+                    {"wrong pre-shared key", "ormelctl profile set office --psk-file /tmp/wrong --yes",
+                     "ormelctl profile set office --psk-file /tmp/psk --yes", "failed", "psk-wrong", "9"},
+                    {"name unknown",
+                     "setcfg DROVIK_CLIENT1 'Domain IP' '' -f /etc/config/vpn.conf;"
+                     "setcfg DROVIK_CLIENT1 'Server Address' nowhere.invalid -f /etc/config/vpn.conf",
+                     "ormelctl profile set office --host 192.168.77.1 --yes", "retrying", "name-not-found", "84"},
+                });
+  EXPECT_EQ(refused_logins(), before + 1) << "a refused login is not tried again";
+}
+
+TEST_F(WhyDrovik, NamesTheHolderOfAServersPort) {
+  near_shell(
+      "ormelctl server off drovik --yes;"
+      "setsid -f python3 -c 'import socket, time\ns = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+      "s.bind((\"0.0.0.0\", 4443))\nopen(\"/tmp/held\", \"w\")\ntime.sleep(600)' >/dev/null 2>&1");
+  ASSERT_TRUE(comes_true([] { return fs::exists("/tmp/held"); }));
+
+  const Result on = run({CTL, "server", "on", "drovik"});
+
+  EXPECT_NE(on.status, 0);
+  EXPECT_THAT(on.err, ContainsRegex("UDP port 4443 is held by python3 \\(pid [0-9]+\\)"));
+  EXPECT_TRUE(comes_true([] { return near_seen("drovik").code == "port-taken"; })) << "but while it is tried again";
+  near_shell("pkill -x python3; rm /tmp/held; ormelctl server on drovik");
+  EXPECT_EQ(near_seen("drovik").state, "running");
+  EXPECT_EQ(near_seen("drovik").code, "");
+}
+
+TEST(WhyPptp, SaysWhatTheKernelLacks) {
+  if (read("/proc/devices").find(" ppp\n") != std::string::npos) GTEST_SKIP() << "this kernel has PPP";
+  near_shell(
+      "printf 'x\\n' >/tmp/pass; ormelctl profile add pptp --name old --host 192.0.2.1 --user a --pass-file /tmp/pass");
+
+  const Result up = run({CTL, "profile", "up", "old", "--wait", "20"});
+
+  EXPECT_EQ(up.status, 1);
+  EXPECT_THAT(up.err, HasSubstr("this kernel has no PPP"));
+  EXPECT_EQ(near_seen("old").code, "kernel-lacks");
+  EXPECT_EQ(conf_value("PPTP_CLIENT1", "Last Error"), "8");
+  near_shell("ormelctl profile down old");
+  EXPECT_EQ(near_seen("old").state, "off");
+  EXPECT_EQ(conf_value("PPTP_CLIENT1", "Last Error"), "0");
+}
+
+TEST(WhyWireGuard, CountsAsUpOnlyWithAPeer) {
+  if (!has_tun()) GTEST_SKIP() << "no WireGuard without the TUN device /dev/net/tun";
+  near_shell(
+      "ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820 --yes; ormelctl server on wireguard");
+  const std::string key = run({"/usr/bin/wg", "genkey"}).out;
+  far::write("/tmp/key", key);
+  write("/tmp/public", run({"/usr/bin/wg", "pubkey"}, {}, key).out);
+  near_shell("ormelctl peer add device --address 198.18.7.2 --key \"$(cat /tmp/public)\" --host 192.168.77.1");
+  far::write("/tmp/hub", conf_value("WG", "Server public key"));
+  far_shell(
+      "ormelctl profile add wireguard --name hub --address 198.18.7.2 --peer-key \"$(cat /tmp/hub)\""
+      " --endpoint 192.168.77.1:51820 --allowed 198.18.7.0/24 --private-key-file /tmp/key");
+  expect_faults("hub", "WG_CLIENT1",
+                {
+                    {"wrong key of the peer", "ormelctl profile set hub --peer-key \"$(wg genkey | wg pubkey)\" --yes",
+                     "ormelctl profile set hub --peer-key \"$(cat /tmp/hub)\" --yes", "no-peer", "no-handshake", "85"},
+                    {"address in use",
+                     "ip address add 198.18.7.2/32 dev lo; setcfg WG_CLIENT1 Enable TRUE -f /etc/config/vpn.conf;"
+                     "/etc/init.d/vpn_wireguard_client.sh start 1 2>/dev/null || :",
+                     "ip address del 198.18.7.2/32 dev lo", "failed", "address-conflict", "44"},
+                });
+  far_shell("ormelctl profile down hub");
+  near_shell("ormelctl server off wireguard --yes");
+}
+
+class WhyOpenVpn : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!has_tun()) GTEST_SKIP() << "no tunnel without the TUN device /dev/net/tun";
+    near_shell(
+        "/etc/init.d/vpn_common.sh setup_vpn_entrance; ormelctl server on openvpn; ormelctl user grant guest openvpn; "
+        "ormelctl profile export >/tmp/far.ovpn");
+    far::write("/tmp/far.ovpn", read("/tmp/far.ovpn"));
+    far::write("/tmp/pass", read("/var/lib/appliance/password.guest"));
+    far_shell(
+        "ormelctl profile import /tmp/far.ovpn --name far --user guest --pass-file /tmp/pass --yes; printf 'wrong\\n' "
+        ">/tmp/wrong");
+  }
+  void TearDown() override {
+    far::run({CTL, "profile", "rm", "far", "--yes"});
+    near_shell("ormelctl server off openvpn --yes");
+  }
+};
+
+// Another authority of the same name in the stored profile.
+constexpr const char* OTHER_AUTHORITY = R"(
+cd /tmp; f=/etc/config/openvpn/clients/client1; cp "$f" good
+openssl req -x509 -newkey rsa:2048 -nodes -days 9 -subj '/CN=other' -keyout other.key -out other.crt 2>/dev/null
+{ sed '/<ca>/,$d' good; echo '<ca>'; cat other.crt; echo '</ca>'; sed '1,/<\/ca>/d' good; } >"$f")";
+
+TEST_F(WhyOpenVpn, SaysWhatAClientMeetsAndForgetsItOnceMended) {
+  const size_t before = refused_logins();
+  expect_faults(
+      "far", "OPENVPN_CLIENT1",
+      {
+          {"wrong password", "ormelctl profile set far --pass-file /tmp/wrong --yes",
+           "ormelctl profile set far --pass-file /tmp/pass --yes", "failed", "login-refused", "40"},
+          {"wrong authority", OTHER_AUTHORITY, "cp /tmp/good /etc/config/openvpn/clients/client1", "failed",
+           "server-cert-unknown", "24"},
+          {"host down", "cd /etc/config/openvpn/clients; sed -i 's/^remote .*/remote 192.168.77.99 1194/' client1",
+           "cp /tmp/good /etc/config/openvpn/clients/client1", "retrying", "no-route", "83"},
+          {"unknown option", "echo 'proto nonsense' >>/etc/config/openvpn/clients/client1",
+           "cp /tmp/good /etc/config/openvpn/clients/client1", "failed", "settings-bad", "9"},
+      });
+  EXPECT_EQ(refused_logins(), before + 1) << "a refused login is not tried again";
+}
+
+}  // namespace
+}  // namespace ormel::test

@@ -1,0 +1,76 @@
+// The keeper's rules: pauses between attempts, when it gives up, how much is sent, and what a receiver can check.
+#include <gmock/gmock.h>
+
+#include "daemons/keeper/backoff.h"
+#include "daemons/keeper/notifier.h"
+#include "daemons/keeper/rate_limit.h"
+#include "daemons/keeper/tunnels.h"
+
+namespace fenro::keeper {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(KeeperBackoff, DoublesItsPausesUpToFiveMinutesAndForgetsThemInTime) {
+  Backoff backoff;
+  Backoff::Time now{1h};
+  backoff.died(now, 2s);
+  EXPECT_EQ(backoff.due() - now, 2s) << "the first attempt waits for hooks alone";
+  std::vector<long> pauses;
+  for (int i = 0; i < 9; ++i) {
+    now = backoff.due();
+    backoff.attempt(now);
+    pauses.push_back((backoff.due() - now) / 1s);
+  }
+  EXPECT_THAT(pauses, testing::ElementsAre(5, 10, 20, 40, 80, 160, 300, 300, 300));
+  now += Backoff::STEADY;
+  backoff.died(now, 2s);
+  EXPECT_EQ(backoff.due() - now, 2s);
+  backoff.attempt(now);
+  EXPECT_EQ(backoff.due() - now, 5s);
+}
+
+TEST(KeeperBackoff, GivesUpAfterFiveRestartsInTenMinutes) {
+  Backoff backoff;
+  Backoff::Time now{1h};
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_FALSE(backoff.given_up(now));
+    backoff.restarted(now);
+    now += 1min;
+  }
+  EXPECT_TRUE(backoff.given_up(now));
+  EXPECT_FALSE(backoff.given_up(now + 5min)) << "the first of them is ten minutes ago";
+}
+
+TEST(KeeperRateLimit, SendsTwentyAnHourAndThenSaysHowManyThereWere) {
+  RateLimit limit;
+  const RateLimit::Time begin{1h};
+  int sent = 0;
+  for (int i = 0; i < 50; ++i) sent += limit.admit("ops lost", begin + i * 1min) ? 1 : 0;
+  EXPECT_EQ(sent, 20);
+  EXPECT_TRUE(limit.admit("ops failed", begin)) << "another kind has an hour of its own";
+  EXPECT_THAT(limit.ended(begin + 59min), testing::IsEmpty());
+  const auto ended = limit.ended(begin + 1h);
+  ASSERT_EQ(ended.size(), 1U);
+  EXPECT_EQ(ended[0].key + ' ' + std::to_string(ended[0].held_back), "ops lost 30");
+  EXPECT_TRUE(limit.admit("ops lost", begin + 1h));
+}
+
+TEST(KeeperNotifier, SignsAsTheStandardSays) {  // RFC 4231, case 2
+  EXPECT_EQ(signature("Jefe", "what do ya want for nothing?"),
+            "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+}
+
+TEST(KeeperTunnels, KnowsSectionsAndTheirInterfaces) {
+  for (const char* section :
+       {"", "PPTP_CLIENT", "PPTP_CLIENT0", "PPTP_CLIENT33", "PPTP_CLIENT01", "WG_CLIENT1x", "global"})
+    EXPECT_FALSE(find_tunnel(section)) << section;
+  EXPECT_TRUE(find_tunnel("OPENVPN")->is_server());
+  const auto client = find_tunnel("DROVIK_CLIENT7");
+  ASSERT_TRUE(client);
+  EXPECT_EQ(client->section() + ' ' + client->interface(), "DROVIK_CLIENT7 dtunc2507");
+  EXPECT_THAT(client->script("keep"), testing::ElementsAre("/etc/init.d/vpn_drovik_client.sh", "keep", "7"));
+}
+
+}  // namespace
+}  // namespace fenro::keeper
