@@ -6,15 +6,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <unistd.h>
 
 #include "ormel/cgi/cgi.h"
+#include "support/files.h"
 
 namespace fuzz {
 
@@ -66,17 +65,12 @@ inline size_t run_pieces(std::string_view text, const Recipe& recipe, const Exec
   return used;
 }
 
-inline std::string file_text(const char* path) {
-  std::ifstream file(path, std::ios::binary);
-  return file ? std::string{std::istreambuf_iterator<char>(file), {}} : "(no file)";
-}
-
 inline std::string describe_record(cgi_var* var) {
   const char* value = get_cgi_var_value(var);
   const char* filename = get_cgi_var_filename(var);
   std::string text = std::string(get_cgi_var_name(var)) + "=";
   if (filename) {
-    text += file_text(value) + " file " + filename;
+    text += (std::filesystem::exists(value) ? support::read(value) : "(no file)") + " file " + filename;
   } else {
     text += value ? std::string(value) : "(null)";
     text += " of " + std::to_string(var->length);

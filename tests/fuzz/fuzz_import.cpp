@@ -5,19 +5,18 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "ormel/drivers/openvpn/openvpn.h"
+#include "support/files.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using support::read;
 
 constexpr const char* FOLDER = "/etc/config/openvpn/clients";
 constexpr const char* STORED = "/etc/config/openvpn/clients/client1";
@@ -39,11 +38,6 @@ bool private_tree() {
   return fs::create_directories(FOLDER);
 }
 
-std::string read(const char* path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
 void clear() {
   for (const char* folder : {"/tmp", FOLDER}) {
     for (const auto& file : fs::directory_iterator(folder)) fs::remove(file);
@@ -58,8 +52,7 @@ size_t count(const std::string& lines, const std::string& start_of_line) {
 }
 
 void check_stored(const ormel::ovpn::ClientConfig& record) {
-  struct stat info {};
-  require(stat(STORED, &info) == 0 && (info.st_mode & 0777) == 0600, "what is stored is private");
+  require(support::mode_of(STORED) == 0600, "what is stored is private");
   const std::string text = '\n' + read(STORED);
   const std::string lines = text.substr(0, text.find("\n<"));
   for (const char* forced : {"up /etc/openvpn/openvpn_up\n", "down /etc/openvpn/openvpn_down\n", "dev tun2001\n",
@@ -78,8 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool ready = private_tree();
   if (!ready) return 0;
   clear();
-  std::ofstream(FOREIGN, std::ios::binary)
-      .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+  support::write(FOREIGN, {reinterpret_cast<const char*>(data), size});
   ormel::ovpn::ClientConfig record(0);
   record.name = "office";
   record.file = FOREIGN;

@@ -2,10 +2,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <unistd.h>
 
+#include "support/files.h"
 #include "support/report_rules.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ormel::ovpn::ClientConfig record(0);
   record.name = "office";
   record.file = "/tmp/fuzz-report-" + std::to_string(getpid());
-  std::ofstream(record.file, std::ios::binary) << source;
+  support::write(record.file, source);
 
   const ormel::report::Report report = report_profile(record, ormel::test::tools_without({"route"}));
 

@@ -2,9 +2,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
+
+#include "support/files.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
@@ -13,8 +13,7 @@ namespace {
 int replay(const std::filesystem::path& folder) {
   int files = 0;
   for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    std::ifstream file(entry.path(), std::ios::binary);
-    const std::string input{std::istreambuf_iterator<char>(file), {}};
+    const std::string input = support::read(entry.path());
     std::printf("%s\n", entry.path().filename().c_str());
     std::fflush(stdout);  // the last name printed is the one that failed
     LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(input.data()), input.size());

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
@@ -11,12 +10,9 @@
 #include <fstream>
 #include <functional>
 #include <gmock/gmock.h>
-#include <iterator>
 #include <string>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <tuple>
 #include <unistd.h>
 #include <vector>
@@ -25,6 +21,8 @@
 
 #include "base/handle.h"
 #include "libmibservice/mibserver.h"
+#include "support/files.h"
+#include "support/wait.h"
 
 namespace ormel::test {
 
@@ -44,19 +42,13 @@ inline constexpr const char* VPN_CONF = "/etc/config/vpn.conf";
 inline constexpr const char* LOG = "/var/log/network/ORMEL.log";
 inline constexpr const char* CALLS = "/var/log/network/calls";  // what the recording stand-ins write
 
-inline std::string read(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
+using support::comes_true;
+using support::mode_of;
+using support::read;
 
+// Private unless the test wants another mode.
 inline void write(const fs::path& path, const std::string& text, mode_t mode = 0600) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-  chmod(path.c_str(), mode);
-}
-
-inline mode_t mode_of(const fs::path& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
+  support::write(path, text, mode);
 }
 
 struct Result {
@@ -86,15 +78,6 @@ inline Result run(const std::vector<std::string>& words, const std::vector<std::
   int status = 0;
   waitpid(child, &status, 0);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"), read("/tmp/run.err")};
-}
-
-template <typename Condition>
-bool comes_true(Condition condition, int seconds = 10) {
-  for (int i = 0; i < 50 * seconds; ++i) {
-    if (condition()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return condition();
 }
 
 inline Result cli(std::vector<std::string> options) {

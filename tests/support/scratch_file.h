@@ -3,10 +3,10 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <unistd.h>
+
+#include "support/files.h"
 
 namespace support {
 
@@ -16,17 +16,14 @@ class ScratchFile {
   explicit ScratchFile(const std::string& content = "")
       : path_(std::filesystem::temp_directory_path() / "ormel-test-XXXXXX") {
     if (const int fd = mkstemp(path_.data()); fd >= 0) close(fd);
-    std::ofstream(path_, std::ios::binary) << content;
+    write(path_, content);
   }
   ScratchFile(const ScratchFile&) = delete;
   ScratchFile& operator=(const ScratchFile&) = delete;
   ~ScratchFile() { unlink(path_.c_str()); }
 
   [[nodiscard]] const std::string& path() const { return path_; }
-  [[nodiscard]] std::string content() const {
-    std::ifstream file(path_, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  [[nodiscard]] std::string content() const { return read(path_); }
 
  private:
   std::string path_;

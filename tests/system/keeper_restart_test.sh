@@ -12,7 +12,7 @@ inside() {
   "$APPLIANCE" --stage "$STAGE" --state "$STATE" -- bash -c '
     failed=0
     fail() { echo "FAILED: $*" >&2; failed=1; }
-    comes_true() { local round; for ((round = 0; round < 600; round++)); do "$@" >/dev/null 2>&1 && return; sleep 0.1; done; return 1; }
+    comes_true() { local end=$((SECONDS + 60)); until "$@" >/dev/null 2>&1; do ((SECONDS < end)) || return; sleep 0.1; done; }
     address() { getcfg "$1" LocalIP -f /etc/config/vpn.conf | grep .; }
     '"$1"'
     exit $failed' || failures=1

@@ -1,13 +1,11 @@
 #include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
-#include <iterator>
 #include <map>
 
 #include "ormel/base/error.h"
 #include "ormel/drivers/wireguard/conf_file.h"
+#include "support/files.h"
 #include "support/report_rules.h"
-#include "support/scratch_file.h"
 
 namespace ormel::test {
 namespace {
@@ -19,7 +17,7 @@ using testing::HasSubstr;
 
 report::Report report_of(const std::string& text, const ovpn::ReportTools& tools = tools_without({"route-up"})) {
   const std::string path = testing::TempDir() + "ovpn-report-" + std::to_string(getpid());
-  std::ofstream(path, std::ios::binary) << text;
+  support::write(path, text);
   ovpn::ClientConfig record(0);
   record.name = "office";
   record.file = path;
@@ -122,8 +120,7 @@ TEST(OvpnReport, HoldsItsRulesForProfilesOfAnyShape) {
   }
   size_t files = 0;
   for (const auto& file : std::filesystem::directory_iterator(ORMEL_FUZZ_CORPUS "/import")) {
-    std::ifstream in(file.path(), std::ios::binary);
-    std::ignore = report_of({std::istreambuf_iterator<char>(in), {}});
+    std::ignore = report_of(support::read(file.path()));
     ++files;
   }
   EXPECT_GT(files, 5U);

@@ -2,13 +2,13 @@
 
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <sys/file.h>
 
 #include <gtest/gtest.h>
 
 #include "base/types.h"
 #include "ormel/base/handle.h"
+#include "support/files.h"
 
 namespace ormel {
 namespace {
@@ -28,11 +28,8 @@ class PrivilegeFiles : public testing::Test {
     for (const char* folder : {"/etc/ppp", "/etc/config"}) fs::create_directories(root + folder);
   }
   void TearDown() override { fs::remove_all(root); }
-  void write(const char* file, const std::string& text) const { std::ofstream(root + file) << text; }
-  [[nodiscard]] std::string read(const char* file) const {
-    std::ifstream in(root + file);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
+  void write(const char* file, const std::string& text) const { support::write(root + file, text); }
+  [[nodiscard]] std::string read(const char* file) const { return support::read(root + file); }
   [[nodiscard]] long files() const {
     return std::count_if(fs::recursive_directory_iterator(root), {}, [](const auto& e) { return e.is_regular_file(); });
   }
@@ -46,9 +43,7 @@ TEST_F(PrivilegeFiles, AreReplacedWholeAndPrivate) {
   EXPECT_EQ(read(PAP), "\"b\"ob\"\tpptpd\t@login\t*\n") << "quoted as it stands";
   EXPECT_EQ(read(STORE), "al:0:0:0:0:0\nb\"ob:1:0:0:0:0\n") << "in order; no line of a name's own";
   EXPECT_EQ(files(), 3) << "no temporary file is left";
-  struct stat status {};
-  ASSERT_EQ(stat((root + PAP).c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0600U);
+  EXPECT_EQ(support::mode_of(root + PAP), 0600U);
   save_privileges(root, {});
   EXPECT_EQ(read(PAP) + read(CHAP) + read(STORE), "");
 }

@@ -2,7 +2,6 @@
 #include "ormel/drivers/wireguard/wireguard.h"
 
 #include <filesystem>
-#include <fstream>
 
 #include <gtest/gtest.h>
 
@@ -12,6 +11,7 @@
 #include "ormel/drivers/wireguard/key.h"
 #include "ormel/drivers/wireguard/peers.h"
 #include "ormel/drivers/wireguard/tool.h"
+#include "support/files.h"
 #include "support/scripted_bus.h"
 
 namespace ormel::wireguard {
@@ -55,7 +55,7 @@ class WireGuard : public testing::Test {
   }
   void write_peers(const std::string& text) {
     std::filesystem::create_directories(folder);
-    std::ofstream(folder / "server_peers.conf") << text;
+    support::write(folder / "server_peers.conf", text);
   }
   [[nodiscard]] std::string stored(const char* section, const char* key) const {
     const Conf conf{Conf_Dir_Load((folder / "server_peers.conf").c_str())};
@@ -63,10 +63,6 @@ class WireGuard : public testing::Test {
   }
   [[nodiscard]] std::string counts() const {
     return stored("global", "peers_num") + '/' + stored("global", "max_index");
-  }
-  static mode_t mode(const std::filesystem::path& path) {
-    struct stat info {};
-    return stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
   }
   std::filesystem::path root;
   std::filesystem::path folder;  // does not exist at first
@@ -207,13 +203,11 @@ TEST_F(WireGuard, APeerIsInstalledWithItsSecretInAFileOfItsOwner) {
   EXPECT_EQ(bus.programs.back().command(), "/usr/bin/wg set wg0 peer " + KEY_A + " allowed-ips 198.18.7.2/32" +
                                                " preshared-key " + psk_file +
                                                " endpoint host:1 persistent-keepalive 25");
-  std::string secret;
-  std::getline(std::ifstream(psk_file), secret, '\0');
-  EXPECT_EQ(secret, KEY_B);
+  EXPECT_EQ(support::read(psk_file), KEY_B);
   ASSERT_EQ(server.add_peer(), NO_ERROR);
-  EXPECT_EQ(mode(psk_file), 0600U);
-  EXPECT_EQ(mode(folder / "server_peers.conf"), 0600U);
-  EXPECT_EQ(mode(folder), 0700U);
+  EXPECT_EQ(support::mode_of(psk_file), 0600U);
+  EXPECT_EQ(support::mode_of(folder / "server_peers.conf"), 0600U);
+  EXPECT_EQ(support::mode_of(folder), 0700U);
   EXPECT_EQ(server.delete_peer(1), NO_ERROR);
   EXPECT_FALSE(std::filesystem::exists(psk_file));
 }
@@ -236,7 +230,7 @@ TEST_F(WireGuard, AnEditedPeerGivesUpItsOldKeyFirst) {
 }
 
 TEST_F(WireGuard, APeerFileThatCannotBeWrittenIsReported) {
-  std::ofstream(root / "deep") << "a file where the folder should be";
+  support::write(root / "deep", "a file where the folder should be");
   ServerConfig server = server_with("198.18.7.2", KEY_A);
   server.psk = KEY_B;
   EXPECT_EQ(server.add_peer(), ERR_SAVE_CONFIG);

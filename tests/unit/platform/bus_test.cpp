@@ -1,6 +1,7 @@
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
+#include <semaphore>
 #include <sys/socket.h>
 #include <thread>
 
@@ -184,16 +185,25 @@ TEST_F(BusTest, SilentAndSlowClientsDoNotHoldOthers) {
 }
 
 TEST_F(BusTest, ASilentClientIsDroppedAtItsDeadlineButNotForAHandlersTime) {
-  server.set_deadline(200ms);
-  server.on("slow", [](std::string_view) { return std::this_thread::sleep_for(400ms), Reply{MIB_SUCCESS, "done"}; });
+  constexpr auto DEADLINE = 300ms;
+  std::binary_semaphore begins{0};
+  std::binary_semaphore may_end{0};
+  server.set_deadline(DEADLINE);
+  server.on("slow", [&](std::string_view) {
+    begins.release();
+    may_end.acquire();
+    return Reply{MIB_SUCCESS, "done"};
+  });
   start();
   const std::string frame = bus::request_frame("echo", "late");
   const Fd late = connect_raw(SERVICE);
   send(late.get(), frame.data(), 1, 0);
   const auto begun = Clock::now();
   std::thread other{[] { EXPECT_EQ(call(SERVICE, "slow", "").text, "done"); }};
-  std::this_thread::sleep_for(300ms);  // the handler runs and the client's deadline is past
+  begins.acquire();
+  std::this_thread::sleep_until(Clock::now() + DEADLINE);  // the late client's own is past as well then
   send(late.get(), frame.data() + 1, frame.size() - 1, 0);
+  may_end.release();
   EXPECT_EQ(receive_all(late), bus::reply_frame(MIB_SUCCESS, "late"));
   other.join();
   const Fd silent = connect_raw(SERVICE);

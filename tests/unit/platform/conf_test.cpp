@@ -3,8 +3,10 @@
 #include <climits>
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <thread>
 
 #include <fenro/conf.h>
@@ -14,6 +16,7 @@
 #include "base/c_memory.h"
 #include "libfenro/ini.h"
 #include "libfenro/ini_file.h"
+#include "support/wait.h"
 #include "unit/platform/scratch.h"
 
 namespace fenro::test {
@@ -195,6 +198,19 @@ TEST(GetPrivateProfileString, CutsToTheBuffer) {
   EXPECT_EQ(get("absent", 8, nullptr), 0);
 }
 
+// Whether the kernel lists somebody who waits for a lock on a file of the folder.
+bool someone_waits(const std::string& locks) {
+  const std::string list = support::read("/proc/locks");
+  for (const auto& file : std::filesystem::directory_iterator(locks)) {
+    struct stat info {};
+    if (stat(file.path().c_str(), &info) != 0) continue;
+    const std::string inode = ':' + std::to_string(info.st_ino) + ' ';
+    for (size_t at = 0; (at = list.find("-> ", at)) != std::string::npos; ++at)
+      if (const size_t found = list.find(inode, at); found < list.find('\n', at)) return true;
+  }
+  return false;
+}
+
 TEST(IniLock, AWriterWaitsForEveryReaderAndReadersForAWriter) {
   using ini::Lock;
   const Scratch scratch;
@@ -204,7 +220,7 @@ TEST(IniLock, AWriterWaitsForEveryReaderAndReadersForAWriter) {
   const auto waits = [&](Fd held, Lock kind) {
     std::atomic<bool> taken{false};
     std::thread other{[&] { taken = take(kind, scratch.path("./a.conf")).operator bool(); }};
-    std::this_thread::sleep_for(std::chrono::milliseconds{50});
+    EXPECT_TRUE(support::comes_true([&] { return taken || someone_waits(locks); }));
     const bool waited = !taken;
     held.reset();
     other.join();

@@ -3,13 +3,12 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <memory>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
-#include <sys/stat.h>
+#include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -18,6 +17,7 @@
 
 #include "base/bus_handle.h"
 #include "base/handle.h"
+#include "support/files.h"
 
 namespace fenro::test {
 
@@ -38,17 +38,11 @@ class Scratch {
   }
   [[nodiscard]] std::string path(const std::string& name) const { return folder_ + "/" + name; }
   std::string write(const std::string& name, const std::string& content) const {
-    std::ofstream{path(name), std::ios::binary} << content;
+    support::write(path(name), content);
     return path(name);
   }
-  [[nodiscard]] std::string read(const std::string& name) const {
-    std::ifstream file{path(name), std::ios::binary};
-    return {std::istreambuf_iterator<char>{file}, {}};
-  }
-  [[nodiscard]] mode_t mode(const std::string& name) const {
-    struct stat info {};
-    return stat(path(name).c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
-  }
+  [[nodiscard]] std::string read(const std::string& name) const { return support::read(path(name)); }
+  [[nodiscard]] mode_t mode(const std::string& name) const { return support::mode_of(path(name)); }
   [[nodiscard]] std::size_t files() const {
     return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator{folder_}, {}));
   }
