@@ -1,8 +1,11 @@
 #include "ormel/base/http.h"
 
+#include <algorithm>
+#include <charconv>
 #include <climits>
 #include <string_view>
 #include <tuple>
+#include <utility>
 
 #include "base/http_limit.h"
 #include "ormel/base/error.h"
@@ -40,8 +43,7 @@ bool load(Api& api) {
       find_function(api.global_cleanup, "curl_global_cleanup") && find_function(api.easy_init, "curl_easy_init") &&
       find_function(api.easy_setopt, "curl_easy_setopt") && find_function(api.easy_perform, "curl_easy_perform") &&
       find_function(api.easy_getinfo, "curl_easy_getinfo") && find_function(api.easy_strerror, "curl_easy_strerror") &&
-      find_function(api.easy_cleanup, "curl_easy_cleanup") && find_function(api.easy_unescape, "curl_easy_unescape") &&
-      find_function(api.free, "curl_free") && find_function(api.slist_append, "curl_slist_append") &&
+      find_function(api.easy_cleanup, "curl_easy_cleanup") && find_function(api.slist_append, "curl_slist_append") &&
       find_function(api.slist_free_all, "curl_slist_free_all");
   if (found) load_share(api);
   return found;
@@ -67,18 +69,6 @@ void ShareCleanup::operator()(CURLSH* handle) const noexcept {
   if (const auto cleanup = api()->share_cleanup) cleanup(handle);  // there with each share
 }
 
-bool unescape(const std::string& text, std::string& out) {
-  const Api* library = api();
-  if (!library || text.size() > INT_MAX) return false;
-  int length = 0;
-  // An explicit length of 0 would mean "up to the NUL", which for an empty text is the same.
-  const std::unique_ptr<char, decltype(&::curl_free)> plain{
-      library->easy_unescape(nullptr, text.c_str(), static_cast<int>(text.size()), &length), library->free};
-  if (!plain) return false;
-  out.assign(plain.get(), static_cast<size_t>(length));
-  return true;
-}
-
 }  // namespace curl
 
 Curl new_curl() {
@@ -101,7 +91,13 @@ namespace system {
 namespace {
 
 constexpr long HTTP_TIMEOUT = 10;  // seconds
-constexpr const char* ENCODED = "%+";
+
+// Two digits, in either case.
+bool parse_hex_byte(std::string_view digits, unsigned char& byte) {
+  constexpr int HEX = 16;
+  const char* const end = digits.data() + digits.size();
+  return digits.size() == 2 && std::from_chars(digits.data(), end, byte, HEX).ptr == end;
+}
 
 }  // namespace
 
@@ -157,12 +153,19 @@ int easycurl(Curl handle, std::string& out) {
   return ERR_HTTP_ERROR;
 }
 
+// Not by libcurl's own function, although it does the same: to load that library costs more than the rest of a run.
 int decode_urlEncoded(const std::string& text, std::string& out) {
-  if (text.find_first_of(ENCODED) == std::string::npos) {  // most names: libcurl costs more than the rest of a run
-    out = text;
-    return NO_ERROR;
+  if (text.size() > INT_MAX) return ERR_CURL_FAIL;
+  std::string plain;
+  plain.reserve(text.size());
+  for (size_t at = 0; at < text.size(); ++at) {
+    unsigned char byte = 0;
+    const bool coded = text[at] == '%' && parse_hex_byte(std::string_view(text).substr(at + 1, 2), byte);
+    plain += coded ? static_cast<char>(byte) : text[at];
+    if (coded) at += 2;
   }
-  return curl::unescape(text, out) ? NO_ERROR : ERR_CURL_FAIL;
+  out = std::move(plain);
+  return NO_ERROR;
 }
 
 }  // namespace system

@@ -1,5 +1,5 @@
-// HTTPS and URL decoding by libcurl, which is loaded with its thirty dependent libraries on first use: most runs never
-// need them.
+// HTTPS by libcurl, which is loaded with its thirty dependent libraries on first use, as most runs never need them; and
+// URL decoding.
 #pragma once
 
 #include <memory>
@@ -19,8 +19,6 @@ struct Api {
   decltype(&::curl_easy_getinfo) easy_getinfo;
   decltype(&::curl_easy_strerror) easy_strerror;
   decltype(&::curl_easy_cleanup) easy_cleanup;
-  decltype(&::curl_easy_unescape) easy_unescape;
-  decltype(&::curl_free) free;
   decltype(&::curl_slist_append) slist_append;
   decltype(&::curl_slist_free_all) slist_free_all;
   decltype(&::curl_share_init) share_init;  // null where handles cannot share anything
@@ -39,9 +37,6 @@ struct Cleanup {
 struct ShareCleanup {
   void operator()(CURLSH* handle) const noexcept;
 };
-
-// Undoes URL encoding. Whether it could be done.
-[[nodiscard]] bool unescape(const std::string& text, std::string& out);
 
 }  // namespace ormel::curl
 
@@ -68,7 +63,8 @@ namespace system {
 // Write callback of libcurl: appends to the std::string behind `out`, as far as that stays below the limit.
 size_t curl_memory_data(void* bytes, size_t size, size_t count, void* out);
 
-// Undoes URL encoding. 0 or ERR_CURL_FAIL.
+// Replaces "%" and two hexadecimal digits by the byte that they stand for; any other "%", and "+", stay. Returns 0, or
+// ERR_CURL_FAIL for a text that is too long for libcurl.
 [[nodiscard]] int decode_urlEncoded(const std::string& text, std::string& out);
 
 }  // namespace system
