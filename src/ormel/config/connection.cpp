@@ -22,11 +22,11 @@ void ClientConfig::update_connection() {
   const std::string interface = interface_name(type, index);
   if (interface.empty()) return;
   const Json request{json_pack("{s:s}", "name_interface", interface.c_str())};
-  const system::BusReply reply =
-      system::bus_call(__func__, system::NETWORK_SERVICE, system::INTERFACE_COUNTERS, request.get());
-  if (reply.rc != NO_ERROR) return;
+  const system::BusReply answer =
+      system::bus_call({__func__, system::NETWORK_SERVICE, system::INTERFACE_COUNTERS}, request.get());
+  if (answer.rc != NO_ERROR) return;
 
-  const json_t* data = json_object_get(reply.document.get(), "data");
+  const json_t* data = answer.reply.data();
   if (!json_is_object(data)) {
     ORMEL_LOG(ERROR, "%s: data isn't an object. %d: %s\n", __func__, -1, "");
     return;
@@ -70,7 +70,7 @@ int ClientConfig::mibcall_external_dev(OptExternalDev op) {
       json_object_set_new(request.get(), member.key, json_stringn(member.value.data(), member.value.size()));
     }
   }
-  return system::bus_call(__func__, system::NETWORK_SERVICE, EXTERNAL_DEV_METHODS[op], request.get()).rc;
+  return system::bus_call({__func__, system::NETWORK_SERVICE, EXTERNAL_DEV_METHODS[op]}, request.get()).rc;
 }
 
 }  // namespace ormel::config

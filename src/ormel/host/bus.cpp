@@ -1,27 +1,74 @@
 #include "ormel/host/bus.h"
 
+#include <string_view>
+#include <tuple>
+
+#include "base/lines.h"
 #include "ormel/base/error.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
 
 namespace ormel::system {
 
-// A line in the name of the function that made the call.
-#define LOG_FOR(function, ...) log_line(ORMELLOG_ERROR, __FILE_NAME__, __LINE__, function, __VA_ARGS__)
-
 namespace {
 
 const std::string REPLACEMENT_CHARACTER = "\xef\xbf\xbd";  // U+FFFD in UTF-8
+
+constexpr Wording EASY_WORDING{
+    "{function}: mib_call {service}.{method} {request} failed\n", "{function}: root isn't an object.\n",
+    "{function}: val isn't an integer.\n", "{function}: {service}.{method} {request} failed\n"};
 
 std::string indented(const json_t* document) {
   const CString dump{json_dumps(document, JSON_INDENT(4))};
   return dump ? dump.get() : "";
 }
 
-Json parse(const MibIo& io, json_error_t& error) {
-  size_t length = 0;
-  const char* text = mib_io_read(io.get(), &length);
-  return Json{text ? json_loadb(text, length, 0, &error) : nullptr};
+// The value of one name in a wording.
+std::string value_of(std::string_view name, const BusCall& call, const PlainReply& reply) {
+  if (name == "function") return call.function;
+  if (name == "service") return call.service;
+  if (name == "method") return call.method;
+  if (name == "request") return call.request;
+  if (name == "status") return std::to_string(reply.status);
+  if (name == "line") return std::to_string(reply.line);
+  return name == "reason" ? reply.reason : indented(reply.document.get());
+}
+
+void log_failure(std::string_view wording, const BusCall& call, const PlainReply& reply) {
+  if (wording.empty()) return;
+  std::string text;
+  while (!wording.empty()) {
+    text += fenro::take_until(wording, '{');
+    if (!wording.empty()) text += value_of(fenro::take_until(wording, '}'), call, reply);
+  }
+  log_line(ORMELLOG_ERROR, __FILE_NAME__, __LINE__, call.function, "%s", text.c_str());
+}
+
+int judge(const BusCall& call, const PlainReply& reply, const Wording& wording) {
+  const json_t* const code = json_object_get(reply.document.get(), "error");
+  const struct {
+    bool failed;
+    const char* words;
+    int rc;
+  } rows[] = {
+      {reply.status != MIB_SUCCESS, wording.no_reply, ERR_MIB_CALL_FAILED},
+      {!json_is_object(reply.document.get()), wording.no_object, ERR_WRONG_JSON_FORMAT},
+      {!json_is_integer(code), wording.no_code, ERR_WRONG_JSON_FORMAT},
+      {json_integer_value(code) != 0, wording.refused, ERR_MIB_API_RET_ERROR},
+  };
+  for (const auto& row : rows) {
+    if (!row.failed) continue;
+    log_failure(row.words, call, reply);
+    return row.rc;
+  }
+  return NO_ERROR;
+}
+
+// A buffer with a request; null when it could not be made or filled.
+MibIo holding(const json_t* request) {
+  MibIo io{mib_io_create()};
+  if (io && request && json_dump_callback(request, json_write_io, io.get(), JSON_COMPACT) != 0) io.reset();
+  return io;
 }
 
 }  // namespace
@@ -31,72 +78,31 @@ int json_write_io(const char* bytes, size_t length, void* io) {
 }
 
 Json easy_mib_call(const char* service, const char* method, const char* request) {
-  const char* shown = request ? request : "";
   const MibIo io{mib_io_create()};
   if (!io) {
     ORMEL_LOG(ERROR, "%s: mib_io_create failed\n", __func__);
     return nullptr;
   }
   if (request) std::ignore = mib_io_write(io.get(), request, std::char_traits<char>::length(request));
-  if (mib_call(service, method, io.get(), BUS_SHORT_TIMEOUT, BUS_FLAG) != MIB_SUCCESS) {
-    ORMEL_LOG(ERROR, "%s: mib_call %s.%s %s failed\n", __func__, service, method, shown);
-    return nullptr;
-  }
-
-  json_error_t error{};
-  Json root = parse(io, error);
-  if (!json_is_object(root.get())) {
-    ORMEL_LOG(ERROR, "%s: root isn't an object.\n", __func__);
-    return nullptr;
-  }
-  const json_t* code = json_object_get(root.get(), "error");
-  if (!json_is_integer(code)) {
-    ORMEL_LOG(ERROR, "%s: val isn't an integer.\n", __func__);
-    return nullptr;
-  }
-  if (json_integer_value(code) != 0) {
-    ORMEL_LOG(ERROR, "%s: %s.%s %s failed\n", __func__, service, method, shown);
-    return nullptr;
-  }
-  return root;
+  BusReply answer =
+      judged_call({__func__, service, method, request ? request : "", BUS_SHORT_TIMEOUT}, io, EASY_WORDING);
+  return answer.rc == NO_ERROR ? std::move(answer.reply.document) : nullptr;
 }
 
-BusReply bus_call(const char* function, const char* service, const char* method, const json_t* request, int timeout) {
-  const MibIo io{mib_io_create()};
-  if (!io) return {ERR_MIB_IO_FAILED, nullptr};
-  if (request && json_dump_callback(request, json_write_io, io.get(), JSON_COMPACT) != 0) {
-    return {ERR_MIB_IO_FAILED, nullptr};
-  }
-  if (const int rc = mib_call(service, method, io.get(), timeout, BUS_FLAG); rc != MIB_SUCCESS) {
-    LOG_FOR(function, "%s: mib_call failed ret:%d\n", function, rc);
-    return {ERR_MIB_CALL_FAILED, nullptr};
-  }
-
-  json_error_t error{};
-  Json root = parse(io, error);
-  if (!json_is_object(root.get())) {
-    LOG_FOR(function, "%s: root isn't an object. %d: %s\n", function, error.line, error.text);
-    return {ERR_WRONG_JSON_FORMAT, nullptr};
-  }
-  const json_t* code = json_object_get(root.get(), "error");
-  if (!json_is_integer(code)) {
-    LOG_FOR(function, "%s: val isn't an integer. %d: %s\n", function, error.line, error.text);
-    return {ERR_WRONG_JSON_FORMAT, nullptr};
-  }
-  if (json_integer_value(code) != 0) {
-    LOG_FOR(function, "%s: %s.%s failed %s\n", function, service, method, indented(root.get()).c_str());
-    return {ERR_MIB_API_RET_ERROR, std::move(root)};
-  }
-  return {NO_ERROR, std::move(root)};
+BusReply judged_call(const BusCall& call, const MibIo& io, const Wording& wording) {
+  BusReply answer{NO_ERROR, plain_call(call, io)};
+  answer.rc = judge(call, answer.reply, wording);
+  return answer;
 }
 
-PlainReply plain_call(const char* service, const char* method, const json_t* request) {
-  PlainReply reply;
-  const MibIo io{mib_io_create()};
-  const bool written = io && (!request || json_dump_callback(request, json_write_io, io.get(), JSON_COMPACT) == 0);
-  reply.status = written ? mib_call(service, method, io.get(), BUS_TIMEOUT, BUS_FLAG) : NO_IO;
+BusReply bus_call(const BusCall& call, const json_t* request, const Wording& wording) {
+  const MibIo io = holding(request);
+  return io ? judged_call(call, io, wording) : BusReply{ERR_MIB_IO_FAILED, {NO_IO}};
+}
+
+PlainReply plain_call(const BusCall& call, const MibIo& io) {
+  PlainReply reply{mib_call(call.service, call.method, io.get(), call.timeout, BUS_FLAG)};
   if (reply.status != MIB_SUCCESS) return reply;
-
   size_t length = 0;
   if (const char* text = mib_io_read(io.get(), &length)) reply.text.assign(text, length);
   json_error_t error{};
@@ -104,6 +110,11 @@ PlainReply plain_call(const char* service, const char* method, const json_t* req
   reply.reason = error.text;
   reply.line = error.line;
   return reply;
+}
+
+PlainReply plain_call(const char* service, const char* method, const json_t* request, int timeout) {
+  const MibIo io = holding(request);
+  return io ? plain_call({"", service, method, "", timeout}, io) : PlainReply{NO_IO};
 }
 
 std::string valid_utf8(const std::string& text) {

@@ -20,23 +20,21 @@ int json_write_io(const char* bytes, size_t length, void* io);
 // integer `error` of 0; otherwise null, with the cause in the log.
 [[nodiscard]] Json easy_mib_call(const char* service, const char* method, const char* request);
 
-// How the reply of a call is judged; each failure has been logged under the name of the calling function.
-struct BusReply {
-  int rc = 0;     // 0, ERR_MIB_IO_FAILED, ERR_MIB_CALL_FAILED, ERR_MIB_API_RET_ERROR or ERR_WRONG_JSON_FORMAT
-  Json document;  // the reply, null unless it could be parsed
+// One call on the bus, as log lines name it.
+struct BusCall {
+  const char* function;  // the caller
+  const char* service;
+  const char* method;
+  const char* request = "";  // as text, for those whose wording shows it
+  int timeout = BUS_TIMEOUT;
 };
 
-// One call with a document as its request: the common pattern of calls that report a code. `function` names the caller
-// in the log.
-[[nodiscard]] BusReply bus_call(const char* function, const char* service, const char* method, const json_t* request,
-                                int timeout = BUS_TIMEOUT);
-
-// A reply that its reader judges by himself, whatever it says.
+// A reply as it came.
 struct PlainReply {
   int status = 0;        // of mib_call, or NO_IO
   std::string text{};    // as it came
   Json document{};       // null unless the text is JSON
-  std::string reason{};  // why it is none,
+  std::string reason{};  // why it is null,
   int line = 0;          // and where
 
   // What the reply carries; null when it carries nothing. It stays the reply's.
@@ -45,8 +43,35 @@ struct PlainReply {
 
 constexpr int NO_IO = -1;  // there was no memory to make a call with
 
-// One call of that kind; `request` may be null.
-[[nodiscard]] PlainReply plain_call(const char* service, const char* method, const json_t* request = nullptr);
+// How a caller words each failure in the log. "{function}", "{service}", "{method}", "{request}", "{status}", "{line}",
+// "{reason}" and "{reply}" stand for what the call and the reply hold; an empty text logs nothing.
+struct Wording {
+  const char* no_reply;   // ERR_MIB_CALL_FAILED
+  const char* no_object;  // ERR_WRONG_JSON_FORMAT
+  const char* no_code;    // the same: the member "error" is not an integer
+  const char* refused;    // ERR_MIB_API_RET_ERROR
+};
+
+// What most callers say.
+constexpr Wording BUS_WORDING{
+    "{function}: mib_call failed ret:{status}\n", "{function}: root isn't an object. {line}: {reason}\n",
+    "{function}: val isn't an integer. {line}: {reason}\n", "{function}: {service}.{method} failed {reply}\n"};
+
+struct BusReply {
+  int rc = 0;  // 0, ERR_MIB_IO_FAILED, ERR_MIB_CALL_FAILED, ERR_MIB_API_RET_ERROR or ERR_WRONG_JSON_FORMAT
+  PlainReply reply{};
+};
+
+// Makes a call whose reply reports a code, and judges the reply. The request is in `io`.
+[[nodiscard]] BusReply judged_call(const BusCall& call, const MibIo& io, const Wording& wording = BUS_WORDING);
+
+// The same with a document as the request, or none.
+[[nodiscard]] BusReply bus_call(const BusCall& call, const json_t* request, const Wording& wording = BUS_WORDING);
+
+// Makes a call whose reply the caller judges, whatever it says.
+[[nodiscard]] PlainReply plain_call(const char* service, const char* method, const json_t* request = nullptr,
+                                    int timeout = BUS_TIMEOUT);
+[[nodiscard]] PlainReply plain_call(const BusCall& call, const MibIo& io);
 
 // The service that knows the appliance's networks, and those of its methods that several modules call.
 constexpr const char* NETWORK_SERVICE = "NetworkService";

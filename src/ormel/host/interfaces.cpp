@@ -166,26 +166,23 @@ int is_network_intersect(const char* ip, const char* mask) {
   const std::string netmask = escape_json(mask);
   const std::string call = std::string(NETWORK_SERVICE) + '.' + METHOD + ", ip: " + address + ", mask: " + netmask;
   mib_io_printf(io.get(), "{\"ip\":\"%s\", \"mask\": \"%s\"}", address.c_str(), netmask.c_str());
-  if (const int rc = mib_call(NETWORK_SERVICE, METHOD, io.get(), BUS_TIMEOUT, BUS_FLAG)) {
-    ORMEL_LOG(ERROR, "%s: %s, mib_call failed ret:%d\n", __func__, call.c_str(), rc);
+  const PlainReply reply = plain_call({__func__, NETWORK_SERVICE, METHOD}, io);
+  if (reply.status != MIB_SUCCESS) {
+    ORMEL_LOG(ERROR, "%s: %s, mib_call failed ret:%d\n", __func__, call.c_str(), reply.status);
     return ERR_MIB_CALL_FAILED;
   }
-
-  size_t length = 0;
-  const char* text = mib_io_read(io.get(), &length);
-  const Json root{text ? json_loadb(text, length, 0, nullptr) : nullptr};
-  if (!root) {
+  if (!reply.document) {
     ORMEL_LOG(ERROR, "%s: %s, failed to parse json.\n", __func__, call.c_str());
     return ERR_MIB_CALL_FAILED;
   }
-  const json_t* error = json_object_get(root.get(), "error");
+  const json_t* error = json_object_get(reply.document.get(), "error");
   const json_int_t code = json_is_integer(error) ? json_integer_value(error) : -1;
   if (code == 0) return NO_ERROR;
   if (code == 1) {
     ORMEL_LOG(ERROR, "%s: %s, ip pool conflict with FENRO network.\n", __func__, call.c_str());
     return ERR_IP_POOL_CONFLICT;
   }
-  const char* data = json_string_value(json_object_get(root.get(), "data"));
+  const char* data = json_string_value(reply.data());
   ORMEL_LOG(ERROR, "%s: %s, mib_call failed ret:%d, data: %s.\n", __func__, call.c_str(), static_cast<int>(code),
             data ? data : "");
   return ERR_MIB_API_RET_ERROR;

@@ -197,15 +197,11 @@ bool openvpn_has(const vpn_peer& peer) {
 }
 
 bool drovik_has(const vpn_peer& peer) {
-  const MibIo io{mib_io_create()};
-  const int rc =
-      io ? mib_call("MorviServer", "bytes_info", io.get(), DROVIK_SECONDS, system::BUS_FLAG) : MIB_IO_FAILURE;
-  if (rc != MIB_SUCCESS) return rc != MIB_NOT_READY;  // a daemon that is gone has no one
-  const char* const text = mib_io_read(io.get(), nullptr);
-  const Json reply{text ? json_loads(text, 0, nullptr) : nullptr};
+  const system::PlainReply reply = system::plain_call("MorviServer", "bytes_info", nullptr, DROVIK_SECONDS);
+  if (reply.status != MIB_SUCCESS) return reply.status != MIB_NOT_READY;  // a daemon that is gone has no one
   size_t at = 0;
   const json_t* client = nullptr;
-  json_array_foreach(json_object_get(reply.get(), "data"), at, client) {
+  json_array_foreach(reply.data(), at, client) {
     const char* const mac = json_string_value(json_object_get(client, "mac"));
     if (mac && peer.vpn_eth == mac) return true;
   }

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ormel/base/error.h"
 #include "ormel/base/log.h"
 #include "ormel/host/bus.h"
 #include "ormel/web/connection.h"
@@ -13,23 +14,8 @@ namespace {
 constexpr const char* SERVICE = "RateServer";
 constexpr const char* METHOD = "all_server_stat";
 
-// The array of counters in a reply, null when it is none.
-const json_t* counters_of(const system::PlainReply& reply) {
-  const json_t* error = json_object_get(reply.document.get(), "error");
-  const json_t* data = reply.data();
-  if (!json_is_object(reply.document.get())) {
-    ORMEL_LOG(ERROR, "root isn't an object. %d: %s", reply.line, reply.reason.c_str());
-  } else if (!json_is_integer(error)) {
-    ORMEL_LOG(ERROR, "val isn't an integer. %d: %s", reply.line, reply.reason.c_str());
-  } else if (json_integer_value(error) != 0) {
-    ORMEL_LOG(ERROR, "%s.%s failed", SERVICE, METHOD);
-  } else if (!json_is_array(data)) {
-    ORMEL_LOG(ERROR, "data isn't an array. %d: %s", reply.line, reply.reason.c_str());
-  } else {
-    return data;
-  }
-  return nullptr;
-}
+constexpr system::Wording WORDING{": mib_call failed ret:{status}", "root isn't an object. {line}: {reason}",
+                                  "val isn't an integer. {line}: {reason}", "{service}.{method} failed"};
 
 bool read_counters(const json_t* element, const system::PlainReply& reply, byteStat& out) {
   const json_t* key = json_object_get(element, "key");
@@ -55,19 +41,19 @@ bool read_counters(const json_t* element, const system::PlainReply& reply, byteS
 
 std::map<std::string, byteStat> get_all_server_stat() {
   std::map<std::string, byteStat> all;
-  const system::PlainReply reply = system::plain_call(SERVICE, METHOD);
+  const auto [rc, reply] = system::bus_call({__func__, SERVICE, METHOD}, nullptr, WORDING);
   if (reply.status == system::NO_IO) {
     char text[128];
     ORMEL_LOG(ERROR, "%s", strerror_r(errno, text, sizeof text));
-    return all;
   }
-  if (reply.status != MIB_SUCCESS) {
-    ORMEL_LOG(ERROR, ": mib_call failed ret:%d", reply.status);
+  if (rc != NO_ERROR) return all;
+  if (!json_is_array(reply.data())) {
+    ORMEL_LOG(ERROR, "data isn't an array. %d: %s", reply.line, reply.reason.c_str());
     return all;
   }
   size_t at = 0;
   const json_t* element = nullptr;
-  json_array_foreach(counters_of(reply), at, element) {
+  json_array_foreach(reply.data(), at, element) {
     byteStat stat;
     if (read_counters(element, reply, stat)) all.emplace(stat.key, stat);
   }

@@ -14,38 +14,12 @@ namespace {
 
 constexpr const char* SERVICE = "MorviServer";
 
-struct Reply {
-  int rc = NO_ERROR;
-  Json document;         // an object whose "error" is 0, when `rc` is 0
-  json_error_t place{};  // the parser's, for log lines
-};
-
-// One call with the request in `io`. `article` stands in the log lines, which each method words in its own way.
-Reply call(const char* method, const char* article, const MibIo& io) {
-  Reply reply;
-  if (const int rc = mib_call(SERVICE, method, io.get(), system::BUS_SHORT_TIMEOUT, system::BUS_FLAG)) {
-    ORMEL_LOG(ERROR, "mib_call failed ret:%d", rc);
-    reply.rc = ERR_MIB_CALL_FAILED;
-    return reply;
-  }
-
-  size_t length = 0;
-  const char* text = mib_io_read(io.get(), &length);
-  reply.document.reset(text ? json_loadb(text, length, 0, &reply.place) : nullptr);
-  const json_t* error = json_object_get(reply.document.get(), "error");
-  if (!json_is_object(reply.document.get())) {
-    ORMEL_LOG(ERROR, "root isn't %s object. %d: %s", article, reply.place.line, reply.place.text);
-    reply.rc = ERR_WRONG_JSON_FORMAT;
-  } else if (!json_is_integer(error)) {
-    ORMEL_LOG(ERROR, "val isn't %s integer. %d: %s", article, reply.place.line, reply.place.text);
-    reply.rc = ERR_WRONG_JSON_FORMAT;
-  } else if (json_integer_value(error) != 0) {
-    const CString dump{json_dumps(reply.document.get(), JSON_INDENT(4))};
-    ORMEL_LOG(ERROR, "%s.%s failed %s", SERVICE, method, dump ? dump.get() : "");
-    reply.rc = ERR_MIB_API_RET_ERROR;
-  }
-  return reply;
-}
+// The lines are worded by method.
+constexpr system::Wording BYTES_WORDING{"mib_call failed ret:{status}", "root isn't an object. {line}: {reason}",
+                                        "val isn't an integer. {line}: {reason}",
+                                        "{service}.{method} failed {reply}"};
+constexpr system::Wording KICK_WORDING{BYTES_WORDING.no_reply, "root isn't a object. {line}: {reason}",
+                                       "val isn't a integer. {line}: {reason}", BYTES_WORDING.refused};
 
 MibIo make_buffer() {
   MibIo io{mib_io_create()};
@@ -71,18 +45,19 @@ int drovik_server_kick_client(const char* mac) {
     ORMEL_LOG(ERROR, "mib_io_printf failed, error: %s", std::strerror(errno));
     return ERR_MIB_IO_FAILED;
   }
-  return call("disconnect", "a", io).rc;
+  return system::judged_call({__func__, SERVICE, "disconnect", "", system::BUS_SHORT_TIMEOUT}, io, KICK_WORDING).rc;
 }
 
 std::map<std::string, std::vector<unsigned long long>> get_drovik_client_bytes_info() {
   std::map<std::string, std::vector<unsigned long long>> bytes;
   const MibIo io = make_buffer();
   if (!io) return bytes;
-  const Reply reply = call("bytes_info", "an", io);
-  if (reply.rc != NO_ERROR) return bytes;
-  const json_t* data = json_object_get(reply.document.get(), "data");
+  const auto [rc, reply] =
+      system::judged_call({__func__, SERVICE, "bytes_info", "", system::BUS_SHORT_TIMEOUT}, io, BYTES_WORDING);
+  if (rc != NO_ERROR) return bytes;
+  const json_t* data = reply.data();
   if (!json_is_array(data)) {
-    ORMEL_LOG(ERROR, "data isn't an array. %d: %s", reply.place.line, reply.place.text);
+    ORMEL_LOG(ERROR, "data isn't an array. %d: %s", reply.line, reply.reason.c_str());
     return bytes;
   }
 
@@ -93,9 +68,9 @@ std::map<std::string, std::vector<unsigned long long>> get_drovik_client_bytes_i
     const json_t* rx = json_object_get(client, "rx_bytes");
     const json_t* tx = json_object_get(client, "tx_bytes");
     if (!json_is_object(client)) {
-      ORMEL_LOG(ERROR, "val isn't an object. %d: %s", reply.place.line, reply.place.text);
+      ORMEL_LOG(ERROR, "val isn't an object. %d: %s", reply.line, reply.reason.c_str());
     } else if (!json_is_string(mac) || !json_is_integer(rx) || !json_is_integer(tx)) {
-      ORMEL_LOG(ERROR, "unexpected type. %d: %s", reply.place.line, reply.place.text);
+      ORMEL_LOG(ERROR, "unexpected type. %d: %s", reply.line, reply.reason.c_str());
     } else {
       bytes[json_string_value(mac)] = {to_bytes(rx), to_bytes(tx)};
     }
