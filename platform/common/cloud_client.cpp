@@ -1,9 +1,9 @@
 #include "common/cloud_client.h"
 
 #include <algorithm>
-#include <string_view>
 
 #include "base/http_limit.h"
+#include "base/lines.h"
 #include "base/pelmar_files.h"
 #include "libfenro/ini_file.h"
 
@@ -12,11 +12,6 @@ namespace fenro {
 namespace {
 
 constexpr long TIMEOUT_SECONDS = 10;
-
-// A line end in a token would add headers of somebody's choice.
-bool fits_header(std::string_view line) {
-  return line.find_first_of(std::string_view{"\r\n\0", 3}) == std::string_view::npos;
-}
 
 std::size_t take_answer(const char* bytes, std::size_t size, std::size_t count, std::string* text) {
   if (text->size() + size * count > HTTP_ANSWER_MAX) return 0;
@@ -45,7 +40,8 @@ bool is_insecure() {
 }  // namespace
 
 CloudReply CloudClient::ask(const CloudRequest& request) const {
-  if (!handle_ || !std::all_of(request.headers.begin(), request.headers.end(), fits_header)) return {};
+  // A line end in a token would add headers that others have chosen.
+  if (!handle_ || !std::all_of(request.headers.begin(), request.headers.end(), one_line)) return {};
   curl_easy_reset(handle_.get());  // the connections stay
   std::unique_ptr<curl_slist, FreeWith<curl_slist_free_all>> headers;
   const auto add = [&headers](const char* line) {

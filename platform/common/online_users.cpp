@@ -1,7 +1,6 @@
 #include "common/online_users.h"
 
 #include <algorithm>
-#include <charconv>
 #include <fcntl.h>
 #include <optional>
 #include <sys/file.h>
@@ -9,6 +8,7 @@
 #include "base/base64.h"
 #include "base/file.h"
 #include "base/handle.h"
+#include "base/online_line.h"
 
 namespace fenro {
 namespace {
@@ -21,30 +21,18 @@ Fd lock_list(const std::string& path) {
   return fd;
 }
 
-std::string_view next_word(std::string_view& line) {
-  line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
-  const std::string_view word = line.substr(0, line.find(' '));
-  line.remove_prefix(word.size());
-  return word;
-}
-
-template <typename Number>
-bool parse_number(std::string_view text, Number& out) {
-  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), out);
-  return failure == std::errc{} && end == text.data() + text.size();
-}
-
 std::optional<OnlineUser> parse_line(std::string_view line) {
+  OnlineLine parts;
   OnlineUser session;
-  session.interface = next_word(line);
-  session.source = next_word(line);
-  if (!parse_number(next_word(line), session.number)) return {};
-  session.local = next_word(line);
-  session.remote = next_word(line);
-  if (!parse_number(next_word(line), session.type) || !parse_number(next_word(line), session.since)) return {};
-  if (!parse_base64(next_word(line), session.user)) return {};
-  line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
-  session.device = line;
+  if (!parse_online_line(line, parts) || !parse_base64(parts.user, session.user)) return {};
+  session.interface = parts.interface;
+  session.source = parts.source;
+  session.number = parts.number;
+  session.local = parts.local;
+  session.remote = parts.remote;
+  session.type = parts.type;
+  session.since = parts.since;
+  session.device = parts.device;
   return session;
 }
 
@@ -53,9 +41,9 @@ bool is_word(const std::string& text) {
 }
 
 // A device names itself; its text may not end the line.
-std::string one_line(std::string text) {
+std::string without_breaks(std::string text) {
   std::ranges::replace_if(
-      text, [](char c) { return c == '\n' || c == '\r' || c == '\0'; }, ' ');
+      text, [](char c) { return LINE_BREAKS.find(c) != std::string_view::npos; }, ' ');
   return text;
 }
 
@@ -63,18 +51,8 @@ std::string line_of(const OnlineUser& session) {
   std::string line = session.interface + ' ' + session.source + ' ' + std::to_string(session.number) + ' ' +
                      session.local + ' ' + session.remote + ' ' + std::to_string(session.type) + ' ' +
                      std::to_string(session.since) + ' ' + to_base64(session.user);
-  if (!session.device.empty()) line += ' ' + one_line(session.device);
+  if (!session.device.empty()) line += ' ' + without_breaks(session.device);
   return line + '\n';
-}
-
-// Calls `take` for each line, without its end.
-template <typename Take>
-void for_each_line(std::string_view text, Take take) {
-  while (!text.empty()) {
-    const std::string_view line = text.substr(0, text.find('\n'));
-    text.remove_prefix(std::min(line.size() + 1, text.size()));
-    take(line);
-  }
 }
 
 }  // namespace
@@ -83,9 +61,9 @@ std::vector<OnlineUser> OnlineUsers::list() const {
   std::vector<OnlineUser> sessions;
   std::string text;
   if (read_file(file_.c_str(), text) != 0) return sessions;
-  for_each_line(text, [&](std::string_view line) {
-    if (auto session = parse_line(line)) sessions.push_back(std::move(*session));
-  });
+  for (std::string_view rest = text; !rest.empty();) {
+    if (auto session = parse_line(take_line(rest))) sessions.push_back(std::move(*session));
+  }
   return sessions;
 }
 
@@ -109,13 +87,14 @@ bool OnlineUsers::remove(const Chosen& chosen, std::vector<OnlineUser>& removed)
   if (failure != 0) return failure == ENOENT;
   std::string kept;
   const std::size_t before = removed.size();
-  for_each_line(text, [&](std::string_view line) {
+  for (std::string_view rest = text; !rest.empty();) {
+    const std::string_view line = take_line(rest);
     if (auto session = parse_line(line); session && chosen(*session)) {
       removed.push_back(std::move(*session));
     } else {
       kept.append(line) += '\n';
     }
-  });
+  }
   return removed.size() == before || replace_file(file_, kept);
 }
 

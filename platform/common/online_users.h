@@ -1,10 +1,5 @@
-// The list of live connections to the appliance's servers, /var/log/ormel_online_users, one line a connection:
-//
-//   INTERFACE SOURCE NUMBER LOCAL REMOTE TYPE TIME USER [DEVICE TEXT]
-//
-// NUMBER is the pid of the session's PPP daemon, or the client's source port for OpenVPN, TYPE the bit of the server,
-// TIME seconds since the epoch, USER base64; the device text runs to the end of the line. Servers' scripts, hooks and
-// daemons write it under one lock, always whole, so a reader needs none.
+// The list of live connections to the appliance's servers, one line a connection (base/online_line.h). Servers' scripts,
+// hooks and daemons write it under one lock, always whole, so a reader needs none.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +8,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "base/online_line.h"
 
 namespace fenro {
 
@@ -32,7 +29,7 @@ class OnlineUsers {
  public:
   using Chosen = std::function<bool(const OnlineUser&)>;
 
-  explicit OnlineUsers(std::string file = "/var/log/ormel_online_users",
+  explicit OnlineUsers(std::string file = ONLINE_USERS,
                        std::string lock = "/run/fenro/online_users.lock")
       : file_(std::move(file)), lock_(std::move(lock)) {}
 

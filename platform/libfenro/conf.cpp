@@ -134,7 +134,7 @@ BOOL Conf_Dir_Get_Bool(Conf_dir* conf, const char* section, const char* key, BOO
 
 void Conf_Dir_Set_Str(Conf_dir* conf, const char* section, const char* key, const char* value) {
   if (!conf || !section || !key) return;
-  ConfIndex::make(*conf).set(section, key, fenro::ini::one_line(value ? value : ""));
+  ConfIndex::make(*conf).set(section, key, fenro::ini::first_line(value ? value : ""));
 }
 
 void Conf_Dir_Set_Int(Conf_dir* conf, const char* section, const char* key, int value) {

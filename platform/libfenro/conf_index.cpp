@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 
+#include "base/lines.h"
 #include "libfenro/ini.h"
 
 namespace fenro {
@@ -111,7 +112,7 @@ void ConfIndex::parse(std::string_view text) {
   std::string_view rest = ini::without_mark(text);
   reserve(rest.size() / USUAL_LINE);
   while (!rest.empty()) {
-    const ini::Line line = ini::parse_line(ini::take_line(rest));
+    const ini::Line line = ini::parse_line(take_whole_line(rest));
     if (line.kind == ini::Kind::DamagedSection) lost = true;
     if (line.kind == ini::Kind::Section) {
       char* const name = close(line.name);

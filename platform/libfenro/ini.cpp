@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/lines.h"
+
 namespace fenro::ini {
 namespace {
 
@@ -40,7 +42,7 @@ std::vector<Placed> place_lines(std::string_view text, std::string_view section)
   bool inside = section.empty();
   text = without_mark(text);
   while (!text.empty()) {
-    const std::string_view whole = take_line(text);
+    const std::string_view whole = take_whole_line(text);
     const Line line = parse_line(whole);
     if (line.kind == Kind::Section) inside = line.name == section;
     if (line.kind == Kind::DamagedSection) inside = false;
@@ -129,7 +131,7 @@ bool key_is_writable(std::string_view key) {
          !has_line_break(key);
 }
 
-std::string_view one_line(std::string_view value) {
+std::string_view first_line(std::string_view value) {
   return value.substr(0, find_line_break(value));
 }
 
@@ -142,7 +144,7 @@ std::optional<std::string_view> find(std::string_view text, std::string_view sec
   text = without_mark(text);
   bool inside = section.empty();
   while (!text.empty()) {
-    const Line line = parse_line(take_line(text));
+    const Line line = parse_line(take_whole_line(text));
     if (line.kind == Kind::Section) inside = line.name == section;
     if (line.kind == Kind::DamagedSection) inside = false;
     if (inside && line.kind == Kind::Entry && line.name == key) value = line.value;

@@ -2,8 +2,6 @@
 // leave everything else in it as it stands. Damage is skipped, never guessed at.
 #pragma once
 
-#include <cstddef>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,20 +31,10 @@ struct Line {
 [[nodiscard]] bool key_is_writable(std::string_view key);
 
 // The part of a value that fits on its line.
-[[nodiscard]] std::string_view one_line(std::string_view value);
+[[nodiscard]] std::string_view first_line(std::string_view value);
 
 // The text from behind a byte order mark.
 [[nodiscard]] std::string_view without_mark(std::string_view text);
-
-// Takes the next line off the text, its line break included.
-inline std::string_view take_line(std::string_view& text) {
-  const void* const end = std::memchr(text.data(), '\n', text.size());
-  const std::size_t length =
-      end ? static_cast<std::size_t>(static_cast<const char*>(end) - text.data()) + 1 : text.size();
-  const std::string_view line = text.substr(0, length);
-  text.remove_prefix(length);
-  return line;
-}
 
 // The value of a key, the last of several. An empty section is the lines ahead of the first one.
 [[nodiscard]] std::optional<std::string_view> find(std::string_view text, std::string_view section,

@@ -139,7 +139,7 @@ std::optional<std::string> read_value(const char* path, std::string_view section
 
 bool write_value(const std::string& path, std::string_view section, std::string_view key, std::string_view value) {
   if (!section_is_writable(section) || !key_is_writable(key)) return false;
-  return edit_file(path, [&](std::string_view text) { return with_value(text, section, key, one_line(value)); });
+  return edit_file(path, [&](std::string_view text) { return with_value(text, section, key, first_line(value)); });
 }
 
 bool remove_section(const std::string& path, std::string_view section) {

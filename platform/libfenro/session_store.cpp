@@ -62,7 +62,7 @@ bool is_ours(const struct stat& info) {
 }
 
 bool fits(const std::string& text, std::size_t size) {
-  return text.size() < size && ini::one_line(text).size() == text.size();
+  return text.size() < size && ini::first_line(text).size() == text.size();
 }
 
 std::string line(std::string_view key, std::string_view value) {

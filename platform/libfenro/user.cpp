@@ -13,7 +13,7 @@
 #include "base/c_memory.h"
 #include "base/file.h"
 #include "base/handle.h"
-#include "libfenro/ini.h"
+#include "base/lines.h"
 #include "libfenro/paths.h"
 
 namespace fenro {
@@ -147,18 +147,14 @@ std::vector<std::string> users_of(Source source) {
 
 bool asks_directory(std::string_view nsswitch) {
   constexpr std::string_view DATABASE = "passwd:";
-  constexpr std::string_view BLANKS = " \t\r\n";
   while (!nsswitch.empty()) {
-    std::string_view line = ini::take_line(nsswitch);
+    std::string_view line = take_line(nsswitch);
     line = line.substr(0, line.find('#'));
-    line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
+    skip_blanks(line, SPACE);
     if (!line.starts_with(DATABASE)) continue;
     line.remove_prefix(DATABASE.size());
-    while (!line.empty()) {
-      const std::string_view word = line.substr(0, line.find_first_of(BLANKS));
-      if (std::find(DIRECTORIES.begin(), DIRECTORIES.end(), word) != DIRECTORIES.end()) return true;
-      line.remove_prefix(std::min(word.size() + 1, line.size()));
-    }
+    while (!line.empty())
+      if (std::ranges::find(DIRECTORIES, take_word(line, SPACE)) != DIRECTORIES.end()) return true;
   }
   return false;
 }

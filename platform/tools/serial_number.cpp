@@ -7,6 +7,7 @@
 #include <strings.h>
 
 #include "base/handle.h"
+#include "base/lines.h"
 #include "libfenro/ini_file.h"
 #include "libfenro/paths.h"
 
@@ -23,17 +24,11 @@ constexpr std::array<const char*, 8> PLACEHOLDERS{
     "None",    "Not Specified", "Not Applicable", "Default string", "System Serial Number", "To be filled by O.E.M.",
     "Unknown", "INVALID"};
 
-std::string trimmed(std::string_view text) {
-  constexpr std::string_view BLANKS = " \t\r\n";
-  const std::size_t first = std::min(text.find_first_not_of(BLANKS), text.size());
-  return std::string{text.substr(first, text.find_last_not_of(BLANKS) + 1 - first)};
-}
-
 // Returns the first line of a file. A kernel file's size is not its real one.
 std::string first_line(const char* path) {
   std::array<char, 256> line{};
   const File file{std::fopen(path, "re")};
-  return file && std::fgets(line.data(), line.size(), file.get()) ? trimmed(line.data()) : std::string{};
+  return file && std::fgets(line.data(), line.size(), file.get()) ? std::string{trimmed(line.data())} : std::string{};
 }
 
 }  // namespace
@@ -59,7 +54,8 @@ std::string number_from(std::string_view machine_id) {
 }
 
 std::string serial_number() {
-  std::string configured = trimmed(ini::read_value(paths::SYSTEM_CONF, SECTION, KEY).value_or(""));
+  const std::string value = ini::read_value(paths::SYSTEM_CONF, SECTION, KEY).value_or("");
+  std::string configured{trimmed(value)};
   if (!configured.empty()) return configured;
   std::string burnt_in = first_line(DMI_SERIAL);
   if (!is_placeholder(burnt_in)) return burnt_in;

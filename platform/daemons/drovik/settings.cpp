@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/base64.h"
+#include "base/lines.h"
 
 namespace fenro::drovik {
 namespace {
@@ -39,14 +40,12 @@ class Keys {
 // The servers of resolv.conf that a client can reach as well as we can.
 std::vector<Ipv4> resolver_servers(std::string_view text) {
   constexpr std::string_view WORD = "nameserver";
-  constexpr std::string_view BLANKS = " \t";
   std::vector<Ipv4> servers;
   while (!text.empty() && servers.size() < NAME_SERVERS_MAX) {
-    std::string_view line = text.substr(0, text.find('\n'));
-    text.remove_prefix(std::min(line.size() + 1, text.size()));
+    std::string_view line = take_line(text);
     if (!line.starts_with(WORD)) continue;
     line.remove_prefix(WORD.size());
-    line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
+    skip_blanks(line);
     const auto server = parse_ipv4(std::string{line.substr(0, line.find_first_of(" \t\r#"))});
     if (server && *server >> 24 != LOOPBACK) servers.push_back(*server);
   }

@@ -3,17 +3,10 @@
 #include <tuple>
 
 #include "base/file.h"
+#include "base/lines.h"
 
 namespace fenro::mschap {
 namespace {
-
-constexpr std::string_view BLANKS{" \t"};
-
-std::string_view take_line(std::string_view& text) {
-  const std::string_view line = text.substr(0, text.find('\n'));
-  text.remove_prefix(line.size() < text.size() ? line.size() + 1 : text.size());
-  return line;
-}
 
 // Takes `word` and the blanks behind it from the front of the line; false if they are not there.
 bool take(std::string_view& line, const std::string& word) {
@@ -30,9 +23,7 @@ std::string quoted(std::string_view word) {
 }
 
 std::string_view take_field(std::string_view& line) {
-  const std::string_view field = line.substr(0, line.find(':'));
-  line.remove_prefix(field.size() < line.size() ? field.size() + 1 : line.size());
-  return field;
+  return take_until(line, ':');
 }
 
 }  // namespace

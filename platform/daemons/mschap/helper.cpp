@@ -4,6 +4,7 @@
 #include <nettle/memops.h>
 
 #include "base/base64.h"
+#include "base/lines.h"
 #include "daemons/mschap/accounts.h"
 
 namespace fenro::mschap {
@@ -13,16 +14,10 @@ using Fields = std::map<std::string, std::string, std::less<>>;
 
 constexpr std::string_view ADMITTED = "Authenticated: Yes\n";
 
-std::string_view line_of(std::string_view& text) {
-  const std::string_view line = text.substr(0, text.find('\n'));
-  text.remove_prefix(line.size() < text.size() ? line.size() + 1 : text.size());
-  return line;
-}
-
 // False for a line that is none, or a request that does not end.
 bool parse(std::string_view text, Fields& fields) {
   while (!text.empty()) {
-    const std::string_view line = line_of(text);
+    const std::string_view line = take_line(text);
     if (line == ".") return true;
     const std::size_t colon = line.find(": ");
     if (colon == std::string_view::npos) return false;

@@ -9,6 +9,7 @@
 
 #include "base/file.h"
 #include "base/handle.h"
+#include "base/lines.h"
 #include "daemons/mschap/nt_hash.h"
 #include "libfenro/user.h"
 
@@ -43,8 +44,7 @@ std::string with_password(std::string_view table, std::string_view user, unsigne
   std::string out;
   bool found = false;
   while (!table.empty()) {
-    const std::string_view line = table.substr(0, table.find('\n'));
-    table.remove_prefix(line.size() < table.size() ? line.size() + 1 : table.size());
+    const std::string_view line = take_line(table);
     if (!line.starts_with(begin)) {
       out += std::string{line} + '\n';
     } else if (!found && line.starts_with(secret)) {

@@ -9,12 +9,14 @@
 #include <netinet/ip_icmp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <tuple>
 #include <utility>
 
 #include <fenro/mibservice.h>
 
 #include "base/argv.h"
 #include "base/bus_handle.h"
+#include "base/lines.h"
 #include "common/heard.h"
 #include "daemons/networkd/interfaces.h"
 #include "daemons/networkd/ipv4_network.h"
@@ -83,10 +85,8 @@ std::string wireguard(const std::string& interface, const char* field) {
 std::uint64_t largest_of(std::string_view table, std::size_t column) {
   std::uint64_t largest = 0;
   while (!table.empty()) {
-    std::string_view line = table.substr(0, table.find('\n'));
-    table.remove_prefix(std::min(line.size() + 1, table.size()));
-    for (std::size_t i = 0; i < column && !line.empty(); ++i)
-      line.remove_prefix(std::min(line.find('\t'), line.size() - 1) + 1);
+    std::string_view line = take_line(table);
+    for (std::size_t i = 0; i < column; ++i) std::ignore = take_until(line, '\t');
     std::uint64_t number = 0;
     std::from_chars(line.data(), line.data() + line.size(), number);
     largest = std::max(largest, number);

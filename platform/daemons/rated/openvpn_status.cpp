@@ -1,8 +1,6 @@
 #include "daemons/rated/openvpn_status.h"
 
-#include <algorithm>
 #include <array>
-#include <charconv>
 #include <netinet/in.h>
 #include <optional>
 #include <poll.h>
@@ -10,6 +8,7 @@
 #include <sys/socket.h>
 
 #include "base/handle.h"
+#include "base/lines.h"
 
 namespace fenro::rated {
 namespace {
@@ -56,18 +55,10 @@ std::string read_answer(const Fd& fd, Clock::time_point deadline) {
   return answer;
 }
 
-bool parse_number(std::string_view text, std::uint64_t& number) {
-  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return failure == std::errc{} && end == text.data() + text.size();
-}
-
 std::optional<Counters> parse_client(std::string_view line) {
   if (line.ends_with('\r')) line.remove_suffix(1);
   std::array<std::string_view, COLUMNS> columns;
-  for (std::string_view& column : columns) {
-    column = line.substr(0, line.find(SEPARATOR));
-    line.remove_prefix(std::min(column.size() + 1, line.size()));
-  }
+  for (std::string_view& column : columns) column = take_until(line, SEPARATOR);
   Counters client;
   client.key = columns[REAL_ADDRESS];
   if (columns[KIND] != CLIENT || client.key.empty()) return {};

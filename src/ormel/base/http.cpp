@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "base/http_limit.h"
+#include "base/lines.h"
 #include "ormel/base/error.h"
 #include "ormel/base/library.h"
 #include "ormel/base/log.h"
@@ -78,7 +79,7 @@ Curl new_curl() {
 
 bool add_header(CurlList& headers, const std::string& line) {
   const curl::Api* library = curl::api();
-  if (!library || line.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) return false;
+  if (!library || !fenro::one_line(line)) return false;
   curl_slist* const longer = library->slist_append(headers.get(), line.c_str());
   if (!longer) return false;
   std::ignore = headers.release();  // it is the head of the longer list

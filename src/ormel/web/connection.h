@@ -1,11 +1,7 @@
 // The live connections of the appliance's servers over the web: who is connected, and how to throw one out.
 //
-// The servers' scripts, hooks and daemons keep them in one text file, a line a connection, fields parted by blanks:
-//
-//   INTERFACE SOURCE NUMBER LOCAL REMOTE TYPE TIME USER [DEVICE TEXT]
-//
-// NUMBER is the pid of the PPP daemon or, for OpenVPN, the client's source port; USER is in base64. A line that is cut
-// off, too long or holds no number where one belongs is no connection.
+// The servers' scripts, hooks and daemons keep them in one text file, a line a connection (base/online_line.h). A line
+// that is cut off or too long, or that has other text in the place of a number, is ignored.
 #pragma once
 
 #include <cstdint>

@@ -18,6 +18,8 @@ namespace ormel::ovpn {
 
 namespace {
 
+using fenro::BLANKS;
+using fenro::trimmed;
 using report::Fate;
 using report::Line;
 using report::Report;
@@ -28,7 +30,6 @@ using Items = std::vector<ProfileItem>;
 
 constexpr const char* READER = "/usr/lib/fenro/fenro-openvpn-profile";
 constexpr const char* CHECKER = "/usr/sbin/verify_ovpn.sh";
-constexpr std::string_view BLANKS = " \t";
 constexpr std::size_t LONGEST_TEXT = 200;  // bytes of a line that are shown
 constexpr int ANY_SLOT = 1;                // the profile has none yet
 
@@ -122,12 +123,6 @@ const Explanation* explanation_of(std::string_view name) {
   const auto* const row = std::find_if(std::begin(EXPLANATIONS), std::end(EXPLANATIONS),
                                        [&](const Explanation& known) { return known.name == name; });
   return row == std::end(EXPLANATIONS) ? nullptr : row;
-}
-
-std::string_view trimmed(std::string_view text, std::string_view what = BLANKS) {
-  text.remove_prefix(std::min(text.find_first_not_of(what), text.size()));
-  const std::size_t last = text.find_last_not_of(what);
-  return text.substr(0, last == std::string_view::npos ? 0 : last + 1);
 }
 
 // The words of a line as the daemon takes them apart: quotes, backslashes, and an end at a comment.
