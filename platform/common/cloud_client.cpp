@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/authority.h"
 #include "base/http_limit.h"
 #include "base/lines.h"
 #include "base/pelmar_files.h"
@@ -19,19 +20,11 @@ std::size_t take_answer(const char* bytes, std::size_t size, std::size_t count, 
   return size * count;
 }
 
-// From the folder of the authorities one is read; to read the bundle of all takes longer than the rest of a request.
-CURLcode perform(CURL* handle) {
-  curl_easy_setopt(handle, CURLOPT_CAINFO, nullptr);
-  const CURLcode rc = curl_easy_perform(handle);
-  if (rc != CURLE_PEER_FAILED_VERIFICATION && rc != CURLE_SSL_CACERT_BADFILE) return rc;
-  const char* bundle = nullptr;
-  if (curl_easy_getinfo(handle, CURLINFO_CAINFO, &bundle) != CURLE_OK || !bundle) return rc;
-  curl_off_t spent = 0;  // microseconds
-  curl_easy_getinfo(handle, CURLINFO_TOTAL_TIME_T, &spent);
-  curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, std::max(1L, TIMEOUT_SECONDS * 1000 - static_cast<long>(spent / 1000)));
-  curl_easy_setopt(handle, CURLOPT_CAINFO, bundle);
-  return curl_easy_perform(handle);
-}
+struct Library {
+  decltype(&::curl_easy_perform) easy_perform = ::curl_easy_perform;
+  decltype(&::curl_easy_setopt) easy_setopt = ::curl_easy_setopt;
+  decltype(&::curl_easy_getinfo) easy_getinfo = ::curl_easy_getinfo;
+};
 
 bool is_insecure() {
   return ini::read_value(pelmar::SETTINGS, "Debug", "InsecureCurl").value_or("") == "true";
@@ -74,7 +67,8 @@ CloudReply CloudClient::ask(const CloudRequest& request) const {
     set(CURLOPT_SSL_VERIFYHOST, 0L);
   }
   CloudReply reply;
-  if (perform(handle_.get()) != CURLE_OK) return reply;
+  bool needs_bundle = false;  // asked anew each time: the host's authorities may change while a daemon runs
+  if (perform_with_authority(Library{}, handle_.get(), TIMEOUT_SECONDS, needs_bundle) != CURLE_OK) return reply;
   curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &reply.status);
   reply.root = parse_request(text, HTTP_ANSWER_MAX);
   return reply;

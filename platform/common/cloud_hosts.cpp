@@ -4,12 +4,9 @@
 #include <cctype>
 #include <string_view>
 
+#include "base/cloud_hosts.h"
 #include "base/pelmar_files.h"
 #include "libfenro/ini_file.h"
-
-#ifndef ORMEL_CLOUD_DOMAIN
-#error "the build names the cloud's domain"
-#endif
 
 namespace fenro {
 
@@ -17,19 +14,16 @@ namespace {
 
 constexpr const char* PACKAGES = "/etc/config/pakrix.conf";
 constexpr const char* SITE_FILE = "/data/user.conf";  // below the folder of the developer switch application
-constexpr std::string_view PRODUCTION = "production";
-constexpr std::string_view GLOBAL_REGION = "glb";
-constexpr std::string_view TEST_SITE = "sy";  // one host of the development cluster
-constexpr const char* TEST_BASE = "https://pelmar-api.sy.global." ORMEL_CLOUD_DOMAIN ":31521";
 
-struct Stage {
-  std::string_view site;
-  const char* stage;
-};
-
-constexpr Stage STAGES[] = {{"alpha", "alpha"}, {PRODUCTION, "production"}, {"qa", "qa-nr"}, {"dev", "dev"}};
-
-constexpr const char* HOSTS[] = {"org-center", "account-center", "auth-connector", "pelmar-api"};  // by CloudService
+const cloud::Service& service_of(CloudService service) {
+  switch (service) {
+    case CloudService::ORGANIZATIONS: return cloud::ORGANIZATION_SERVICE;
+    case CloudService::ACCOUNTS: return cloud::ACCOUNT_SERVICE;
+    case CloudService::LOGINS: return cloud::LOGIN_SERVICE;
+    case CloudService::PELMAR: break;
+  }
+  return cloud::PELMAR_SERVICE;
+}
 
 std::string lowered(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
@@ -43,22 +37,18 @@ std::string setting(const std::string& file, const char* section, const char* ke
 
 std::string site_of(CloudService service) {
   if (service == CloudService::PELMAR)
-    return setting(pelmar::SETTINGS, pelmar::JOIN_SECTION, "pelmar_site", PRODUCTION);
+    return setting(pelmar::SETTINGS, pelmar::JOIN_SECTION, "pelmar_site", cloud::PRODUCTION);
   const std::string folder = ini::read_value(PACKAGES, "Hollex", "Install_Path").value_or("");
-  return folder.empty() ? std::string{PRODUCTION} : setting(folder + SITE_FILE, "SITE", "ENV", PRODUCTION);
+  return folder.empty() ? std::string{cloud::PRODUCTION} : setting(folder + SITE_FILE, "SITE", "ENV", cloud::PRODUCTION);
 }
 
 }  // namespace
 
 std::string cloud_base(CloudService service) {
+  const cloud::Service& hosts = service_of(service);
   const std::string site = site_of(service);
-  const bool global = setting(pelmar::ACCOUNT, pelmar::ACCOUNT_SECTION, "REGION", GLOBAL_REGION) == GLOBAL_REGION;
-  if (site == TEST_SITE && service == CloudService::PELMAR) return global ? TEST_BASE : "";
-  const auto* const known =
-      std::find_if(std::begin(STAGES), std::end(STAGES), [&](const Stage& stage) { return stage.site == site; });
-  const char* const stage = known == std::end(STAGES) ? PRODUCTION.data() : known->stage;
-  return std::string{"https://"} + HOSTS[static_cast<std::size_t>(service)] + '.' + stage +
-         (global ? ".global." : ".china.") + ORMEL_CLOUD_DOMAIN;
+  const std::string region = setting(pelmar::ACCOUNT, pelmar::ACCOUNT_SECTION, "REGION", cloud::GLOBAL_REGION);
+  return cloud::base_of(hosts, region, hosts.global.find(site) ? site : cloud::PRODUCTION);
 }
 
 }  // namespace fenro

@@ -1,6 +1,6 @@
 #include "common/json.h"
 
-#include <algorithm>
+#include "base/utf8.h"
 
 namespace fenro {
 Json parse_request(std::string_view body, std::size_t limit) {
@@ -16,10 +16,7 @@ const char* text_or_null(const json_t* object, const char* key) {
 }
 
 Json json_text(std::string_view text) {
-  if (json_t* value = json_stringn(text.data(), text.size()); value != nullptr) return Json{value};
-  std::string plain{text};
-  std::replace_if(
-      plain.begin(), plain.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; }, '?');
+  const std::string plain = valid_utf8(text);
   return Json{json_stringn(plain.data(), plain.size())};
 }
 

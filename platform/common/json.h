@@ -20,7 +20,7 @@ inline constexpr std::size_t REQUEST_MAX = 64UL * 1024;  // what most daemons ar
 // The text under `key`, or null.
 [[nodiscard]] const char* text_or_null(const json_t* object, const char* key);
 
-// Text as a JSON value; bytes that are not UTF-8 become "?", as a JSON text cannot hold them.
+// Text as a JSON value; bytes that are not UTF-8 become U+FFFD, as a JSON text cannot hold them.
 [[nodiscard]] Json json_text(std::string_view text);
 
 // The reply to a request: {"error":ERROR,"data":DATA}, on one line.

@@ -23,6 +23,7 @@
 #include <fenro/mibservice.h>
 
 #include "base/argv.h"
+#include "base/body.h"
 #include "base/bus_handle.h"
 #include "base/handle.h"
 #include "daemons/mschap/password_table.h"
@@ -229,6 +230,6 @@ int main() {
   setrlimit(RLIMIT_CORE, &NO_CORE);
   umask(PRIVATE_UMASK);  // the web server's may take bits away that our folders need
   serve();
-  LoginForm::discard(STDIN_FILENO);
+  fenro::discard_body(STDIN_FILENO);
   return std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <charconv>
-#include <chrono>
 #include <cstring>
 #include <poll.h>
 #include <unistd.h>
@@ -15,12 +14,10 @@ namespace fenro {
 namespace {
 
 constexpr int PATIENCE_MS = 15'000;  // for a client that stops in the middle
-constexpr std::size_t MOST_DISCARDED = std::size_t{4} << 20U;
-constexpr std::chrono::seconds DISCARD_TIME{2};  // in all: the answer waits meanwhile
 
-ssize_t read_some(int fd, char* bytes, std::size_t size, int patience_ms = PATIENCE_MS) {
+ssize_t read_some(int fd, char* bytes, std::size_t size) {
   pollfd ready{fd, POLLIN, 0};
-  if (poll(&ready, 1, patience_ms) == 0) return 0;
+  if (poll(&ready, 1, PATIENCE_MS) == 0) return 0;
   return read(fd, bytes, size);
 }
 
@@ -85,19 +82,6 @@ void LoginForm::wipe() {
     }
   }
   size_ = 0;
-}
-
-void LoginForm::discard(int fd) {
-  const auto end = std::chrono::steady_clock::now() + DISCARD_TIME;
-  std::array<char, 4096> piece{};
-  for (std::size_t done = 0; done < MOST_DISCARDED;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    if (left.count() <= 0) break;
-    const ssize_t n = read_some(fd, piece.data(), piece.size(), static_cast<int>(left.count()));
-    if (n <= 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  explicit_bzero(piece.data(), piece.size());
 }
 
 }  // namespace fenro

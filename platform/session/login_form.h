@@ -31,10 +31,6 @@ class LoginForm {
   // Clears the text and all values; the fields stay, empty.
   void wipe();
 
-  // Reads on to the end of a body that is of no interest: a web server that is still writing it would take the end of
-  // the program for a failure, and not pass its answer on. Gives up after two seconds.
-  static void discard(int fd);
-
  private:
   [[nodiscard]] Result parse();
 

@@ -4,24 +4,10 @@
 #include <nettle/md4.h>
 #include <vector>
 
+#include "base/utf8.h"
+
 namespace fenro::mschap {
 namespace {
-
-// The next code point of `text`, which loses it. False at a byte that is not UTF-8.
-bool take_code_point(std::string_view& text, std::uint32_t& out) {
-  constexpr std::uint32_t LOWEST[] = {0, 0x80, 0x800, 0x10000};  // by the number of bytes behind the first
-  const auto lead = static_cast<std::uint8_t>(text.front());
-  const std::size_t more = lead < 0x80 ? 0 : lead >> 5 == 6 ? 1 : lead >> 4 == 14 ? 2 : lead >> 3 == 30 ? 3 : 4;
-  if (more == 4 || text.size() <= more) return false;
-  out = more == 0 ? lead : lead & (0x3fU >> more);
-  for (std::size_t i = 1; i <= more; ++i) {
-    const auto byte = static_cast<std::uint8_t>(text[i]);
-    if (byte >> 6 != 2) return false;
-    out = out << 6 | (byte & 0x3f);
-  }
-  text.remove_prefix(more + 1);
-  return out >= LOWEST[more] && out <= 0x10ffff && (out < 0xd800 || out > 0xdfff);
-}
 
 void append_utf16(std::uint32_t code_point, std::vector<std::uint8_t>& out) {
   const auto unit = [&](std::uint32_t value) {

@@ -7,6 +7,7 @@
 #include <tuple>
 #include <utility>
 
+#include "base/authority.h"
 #include "base/http_limit.h"
 #include "base/lines.h"
 #include "ormel/base/error.h"
@@ -114,35 +115,15 @@ size_t curl_memory_data(void* bytes, size_t size, size_t count, void* out) {
   return length;
 }
 
-namespace {
-
-// Of the host's folder of authorities one file is read, where the bundle of all takes longer than the rest of a
-// request. What is trusted is the same: an authority that stands in the bundle alone is looked for there.
-CURLcode perform(const curl::Api& library, CURL* handle) {
-  static bool needs_bundle = false;  // once in this run, and the next request begins with it
-  if (needs_bundle) return library.easy_perform(handle);
-  library.easy_setopt(handle, CURLOPT_CAINFO, nullptr);
-  const CURLcode rc = library.easy_perform(handle);
-  if (rc != CURLE_PEER_FAILED_VERIFICATION && rc != CURLE_SSL_CACERT_BADFILE) return rc;
-  const char* bundle = nullptr;
-  curl_off_t spent = 0;  // microseconds
-  if (library.easy_getinfo(handle, CURLINFO_CAINFO, &bundle) != CURLE_OK || !bundle) return rc;
-  library.easy_getinfo(handle, CURLINFO_TOTAL_TIME_T, &spent);
-  needs_bundle = true;
-  library.easy_setopt(handle, CURLOPT_CAINFO, bundle);
-  library.easy_setopt(handle, CURLOPT_TIMEOUT_MS, std::max(1L, HTTP_TIMEOUT * 1000 - static_cast<long>(spent / 1000)));
-  return library.easy_perform(handle);
-}
-
-}  // namespace
-
 int easycurl(Curl handle, std::string& out) {
   if (!handle) return ERR_EASYCURL_FAIL;
   const curl::Api& library = *curl::api();
   library.easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, curl_memory_data);
   library.easy_setopt(handle.get(), CURLOPT_WRITEDATA, &out);
   library.easy_setopt(handle.get(), CURLOPT_TIMEOUT, HTTP_TIMEOUT);
-  if (const CURLcode rc = perform(library, handle.get()); rc != CURLE_OK) {
+  static bool needs_bundle = false;  // once in this run
+  const CURLcode rc = fenro::perform_with_authority(library, handle.get(), HTTP_TIMEOUT, needs_bundle);
+  if (rc != CURLE_OK) {
     ORMEL_LOG(ERROR, "[easycurl] curl_easy_perform failed with error code: %d, %s, %s\n", static_cast<int>(rc),
               library.easy_strerror(rc), out.c_str());
     return static_cast<int>(rc);

@@ -6,13 +6,10 @@
 #include "base/lines.h"
 #include "ormel/base/error.h"
 #include "ormel/base/log.h"
-#include "ormel/base/text.h"
 
 namespace ormel::system {
 
 namespace {
-
-const std::string REPLACEMENT_CHARACTER = "\xef\xbf\xbd";  // U+FFFD in UTF-8
 
 constexpr Wording EASY_WORDING{
     "{function}: mib_call {service}.{method} {request} failed\n", "{function}: root isn't an object.\n",
@@ -115,18 +112,6 @@ PlainReply plain_call(const BusCall& call, const MibIo& io) {
 PlainReply plain_call(const char* service, const char* method, const json_t* request, int timeout) {
   const MibIo io = holding(request);
   return io ? plain_call({"", service, method, "", timeout}, io) : PlainReply{NO_IO};
-}
-
-std::string valid_utf8(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (size_t at = 0; at < text.size();) {
-    const auto length = static_cast<size_t>(mb_size(text[at]));
-    const bool whole = length == 1 || (at + length <= text.size() && Json{json_stringn(&text[at], length)});
-    out += whole ? text.substr(at, length) : REPLACEMENT_CHARACTER;
-    at += whole ? length : 1;
-  }
-  return out;
 }
 
 }  // namespace ormel::system

@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "base/utf8.h"
 #include "ormel/base/handle.h"
 
 namespace ormel::system {
@@ -95,8 +96,7 @@ template <typename Integer>
   return value >= static_cast<double>(most) ? most : static_cast<Integer>(value);
 }
 
-// `text` with each byte that is not part of a UTF-8 sequence replaced by U+FFFD, so that a request stays valid JSON
-// whatever a profile is called.
-[[nodiscard]] std::string valid_utf8(const std::string& text);
+// Keeps a request valid JSON whatever a profile is called.
+using fenro::valid_utf8;
 
 }  // namespace ormel::system

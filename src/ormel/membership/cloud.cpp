@@ -9,48 +9,9 @@
 #include "ormel/base/text.h"
 #include "ormel/membership/settings.h"
 
-#ifndef ORMEL_CLOUD_DOMAIN
-#error "the build names the cloud's domain"
-#endif
-
 namespace ormel::pelmar {
 
 namespace {
-
-constexpr std::string_view GLOBAL_CLOUD = "glb";
-
-// The environments that every service has; "qa" is served by the stage "qa-nr".
-#define STAGES(service, cloud)                                                        \
-  {"alpha", "https://" service ".alpha." cloud "." ORMEL_CLOUD_DOMAIN},               \
-      {"production", "https://" service ".production." cloud "." ORMEL_CLOUD_DOMAIN}, \
-      {"qa", "https://" service ".qa-nr." cloud "." ORMEL_CLOUD_DOMAIN}, {            \
-    "dev", "https://" service ".dev." cloud "." ORMEL_CLOUD_DOMAIN                    \
-  }
-
-constexpr Host ORG_CENTER[] = {STAGES("org-center", "global")};
-constexpr Host ORG_CENTER_CHINA[] = {STAGES("org-center", "china")};
-constexpr Host ACCOUNT_CENTER[] = {STAGES("account-center", "global")};
-constexpr Host ACCOUNT_CENTER_CHINA[] = {STAGES("account-center", "china")};
-constexpr Host AUTH_CONNECTOR[] = {STAGES("auth-connector", "global")};
-constexpr Host AUTH_CONNECTOR_CHINA[] = {STAGES("auth-connector", "china")};
-constexpr Host PELMAR_API[] = {
-    STAGES("pelmar-api", "global"),
-    {"sy", "https://pelmar-api.sy.global." ORMEL_CLOUD_DOMAIN ":31521"},
-};
-constexpr Host PELMAR_API_CHINA[] = {STAGES("pelmar-api", "china")};
-
-#undef STAGES
-
-template <size_t Count>
-constexpr HostTable table(const Host (&rows)[Count]) {
-  return {rows, Count};
-}
-
-const Host* find_host(HostTable table, std::string_view site) {
-  const Host* const end = table.rows + table.count;
-  const Host* const row = std::find_if(table.rows, end, [&](const Host& host) { return host.site == site; });
-  return row == end ? nullptr : row;
-}
 
 enum class Method { GET, POST, DELETE };
 
@@ -134,35 +95,42 @@ CURLSH* shared_connections() {
 std::string choose_api_url(HostTable global_table, HostTable china_table, const std::string& path,
                            bool use_hollex_site) {
   std::string site = PRODUCTION_SITE;
-  std::string region{GLOBAL_CLOUD};
+  std::string region{fenro::cloud::GLOBAL_REGION};
   std::ignore = use_hollex_site ? get_hollex_site(site) : get_pelmar_site(site);  // what was read counts
   std::ignore = get_global_or_china(region);
   site = to_lower(site);
   region = to_lower(region);
-  if (!find_host(global_table, site)) {
+  if (!global_table.find(site)) {
     ORMEL_LOG(ERROR, "Invalid site: %s", site.c_str());
     site = PRODUCTION_SITE;
   }
-  const Host* const host = find_host(region == GLOBAL_CLOUD ? global_table : china_table, site);
-  std::string url = (host ? host->base : "") + path;
+  std::string url = fenro::cloud::base_of({global_table, china_table}, region, site) + path;
   ORMEL_LOG(DEBUG, "Request URL: %s", url.c_str());
   return url;
 }
 
+namespace {
+
+std::string address_of(const fenro::cloud::Service& service, const std::string& path, bool use_hollex_site) {
+  return choose_api_url(service.global, service.china, path, use_hollex_site);
+}
+
+}  // namespace
+
 std::string get_org_center_api_url(const std::string& path) {
-  return choose_api_url(table(ORG_CENTER), table(ORG_CENTER_CHINA), path, true);
+  return address_of(fenro::cloud::ORGANIZATION_SERVICE, path, true);
 }
 
 std::string get_account_center_api_url(const std::string& path) {
-  return choose_api_url(table(ACCOUNT_CENTER), table(ACCOUNT_CENTER_CHINA), path, true);
+  return address_of(fenro::cloud::ACCOUNT_SERVICE, path, true);
 }
 
 std::string get_auth_connector_api_url(const std::string& path) {
-  return choose_api_url(table(AUTH_CONNECTOR), table(AUTH_CONNECTOR_CHINA), path, true);
+  return address_of(fenro::cloud::LOGIN_SERVICE, path, true);
 }
 
 std::string get_pelmar_api_url(const std::string& path) {
-  return choose_api_url(table(PELMAR_API), table(PELMAR_API_CHINA), path, false);
+  return address_of(fenro::cloud::PELMAR_SERVICE, path, false);
 }
 
 int set_insecure_curl(CURL* handle) {

@@ -4,21 +4,12 @@
 #include <string>
 #include <string_view>
 
+#include "base/cloud_hosts.h"
 #include "ormel/base/http.h"
 
 namespace ormel::pelmar {
 
-// One cell of a table of hosts: the base of a service in an environment, without a slash behind it.
-struct Host {
-  std::string_view site;
-  const char* base;
-};
-
-// The hosts of one service in one cloud.
-struct HostTable {
-  const Host* rows;
-  size_t count;
-};
+using fenro::cloud::HostTable;
 
 // The whole address of a path on one of the services.
 [[nodiscard]] std::string get_org_center_api_url(const std::string& path);

@@ -1,17 +1,16 @@
 #include "ormel/web/serve.h"
 
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <poll.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fenro/auth.h>
 
+#include "base/body.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
 #include "ormel/web/process.h"
@@ -32,8 +31,6 @@ namespace {
 
 constexpr size_t COPY_SIZE = size_t{64} * 1024;
 constexpr size_t OUTPUT_SIZE = size_t{64} * 1024;   // most answers leave in one write, which wakes the server once
-constexpr size_t DISCARD_LIMIT = size_t{4} << 20U;  // twice what the web server lets through
-constexpr std::chrono::seconds DISCARD_TIME{2};
 
 // Where a local call gets its answer; null for a web request.
 std::FILE* local_output = nullptr;
@@ -41,22 +38,6 @@ Caller local_caller = OF_SESSION;
 
 std::FILE* output() {
   return local_output ? local_output : stdout;
-}
-
-// Reads on to the end of a body that nobody wanted, or not to its end: a web server that is still writing it would take
-// the end of the program for a failure, and not pass the answer on.
-void discard_body() {
-  if (environment("CONTENT_LENGTH").empty()) return;
-  const auto end = std::chrono::steady_clock::now() + DISCARD_TIME;
-  std::array<char, COPY_SIZE> piece;
-  for (size_t done = 0; done < DISCARD_LIMIT;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-    pollfd ready{STDIN_FILENO, POLLIN, 0};
-    if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0) return;
-    const ssize_t count = read(STDIN_FILENO, piece.data(), piece.size());
-    if (count <= 0) return;
-    done += static_cast<size_t>(count);
-  }
 }
 
 // The platform's mark of settings that it could not save. Told beside every answer, as the answers themselves cannot.
@@ -70,7 +51,7 @@ const char* fault_header() {
 void print_head(const std::string& head) {
   static std::array<char, OUTPUT_SIZE> buffer;
   if (!local_output) {
-    discard_body();
+    if (!environment("CONTENT_LENGTH").empty()) fenro::discard_body(STDIN_FILENO);
     std::signal(SIGPIPE, SIG_IGN);
     std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
   }
