@@ -7,8 +7,8 @@
 
 namespace fenro {
 
-// Performs a request. Of the host's folder of authorities one file is read, where the bundle of all takes longer than the
-// rest of a request. What is trusted is the same: an authority that is in the bundle alone is looked up there, and
+// Performs a request. Of the host's folder of authorities one file is read, where the bundle of all takes longer than
+// the rest of a request. What is trusted is the same: an authority that is in the bundle alone is looked up there, and
 // `needs_bundle` says so, for the next request to begin with it. `curl` has the functions of libcurl as members, and
 // `timeout` is that of the request in seconds, which both attempts share.
 template <typename Library>

@@ -1,4 +1,5 @@
-// The hosts of the cloud's services. Whoever includes this is built with ORMEL_CLOUD_DOMAIN, the domain of all of them.
+// The hosts of the cloud's services. A source that includes this is built with ORMEL_CLOUD_DOMAIN, the domain of all of
+// them.
 #pragma once
 
 #include <algorithm>

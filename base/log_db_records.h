@@ -1,5 +1,5 @@
 // The log database on the service bus: its methods, and the records that they carry. The daemon and its clients share
-// this file, for a record travels as it lies in memory.
+// this file, for a record travels as it is in memory.
 //
 // Every record has the layout of a little-endian build with integers of 64 bits on multiples of 8 bytes and of 32 bits
 // on multiples of 4; padding is zero or ignored. Texts end with a zero byte within their arrays. Times are seconds

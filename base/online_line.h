@@ -29,8 +29,8 @@ struct OnlineLine {
   std::string_view device{};
 };
 
-// Returns false for a line with fewer parts, with another text in the place of a number, or with a NUL, which a crash of
-// the host leaves at the end of a file.
+// Returns false for a line with fewer parts, with another text in the place of a number, or with a NUL, which a crash
+// of the host leaves at the end of a file.
 [[nodiscard]] inline bool parse_online_line(std::string_view line, OnlineLine& out) {
   if (line.find('\0') != std::string_view::npos) return false;
   out.interface = take_word(line);

@@ -1,4 +1,4 @@
-// The files in which a membership of the SD-WAN lies, as the program and the platform's side of it agree on them.
+// The files of a membership of the SD-WAN, as the program and the platform's side of it agree on them.
 #pragma once
 
 namespace fenro::pelmar {

@@ -8,8 +8,8 @@
 
 namespace fenro {
 
-// Takes the first code point off a text, which must not be empty. Returns false, with the text as it was, at a byte that
-// begins no well-formed sequence.
+// Takes the first code point off a text, which must not be empty. Returns false, with the text as it was, at a byte
+// that begins no well-formed sequence.
 [[nodiscard]] inline bool take_code_point(std::string_view& text, std::uint32_t& out) {
   constexpr std::uint32_t LOWEST[] = {0, 0x80, 0x800, 0x10000};  // by the number of bytes after the first
   constexpr std::uint32_t LAST = 0x10ffff, FIRST_SURROGATE = 0xd800, LAST_SURROGATE = 0xdfff;

@@ -3,7 +3,7 @@
 include_guard(GLOBAL)
 
 # The compiler spends half of its time on these headers. No header of ours is among them, and each source includes what
-# it needs all the same: clang-tidy reads every source without them.
+# it needs anyway: clang-tidy reads every source without them.
 set(ORMEL_COMMON_HEADERS
   <algorithm> <array> <cerrno> <charconv> <chrono> <cstdio> <cstdlib> <cstring> <functional> <map> <memory> <optional>
   <string> <string_view> <vector> <fcntl.h> <unistd.h>)

@@ -6,7 +6,7 @@
 //    "groups": [{"groupId", "name", "hubs"}], "address": the address that the next device gets,
 //    "taken": [addresses that clash], "suggestion": "address/prefix" offered for those,
 //    "location": {"address", "latitude", "longitude", "country_code"} of every host,
-//    "membership": what each device is told of its hub and super node}
+//    "membership": what each device learns about its hub and super node}
 // "faults.json", if it exists, is read for each request. It maps "METHOD /path" to a fault that
 // replaces the answer,
 //   {"status", "body", "headers", "padding", "delay": milliseconds, "hang_up"}, each of which may be missing.

@@ -67,7 +67,7 @@ CloudReply CloudClient::ask(const CloudRequest& request) const {
     set(CURLOPT_SSL_VERIFYHOST, 0L);
   }
   CloudReply reply;
-  bool needs_bundle = false;  // asked anew each time: the host's authorities may change while a daemon runs
+  bool needs_bundle = false;  // asked again each time: the host's authorities may change while a daemon runs
   if (perform_with_authority(Library{}, handle_.get(), TIMEOUT_SECONDS, needs_bundle) != CURLE_OK) return reply;
   curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &reply.status);
   reply.root = parse_request(text, HTTP_ANSWER_MAX);

@@ -39,7 +39,8 @@ std::string site_of(CloudService service) {
   if (service == CloudService::PELMAR)
     return setting(pelmar::SETTINGS, pelmar::JOIN_SECTION, "pelmar_site", cloud::PRODUCTION);
   const std::string folder = ini::read_value(PACKAGES, "Hollex", "Install_Path").value_or("");
-  return folder.empty() ? std::string{cloud::PRODUCTION} : setting(folder + SITE_FILE, "SITE", "ENV", cloud::PRODUCTION);
+  return folder.empty() ? std::string{cloud::PRODUCTION}
+                        : setting(folder + SITE_FILE, "SITE", "ENV", cloud::PRODUCTION);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ namespace fenro {
   return set;
 }
 
-// Keeps them from the calling thread and all that it makes from now on, so that whoever has a descriptor for them gets
+// Keeps them from the calling thread and all that it makes from now on, so that the owner of a descriptor for them gets
 // them (bus::Server has one).
 inline void block_end_signals() {
   const sigset_t set = end_signals();

@@ -1,5 +1,5 @@
-// The list of live connections to the appliance's servers, one line a connection (base/online_line.h). Servers' scripts,
-// hooks and daemons write it under one lock, always whole, so a reader needs none.
+// The list of live connections to the appliance's servers, one line a connection (base/online_line.h). Servers'
+// scripts, hooks and daemons write it under one lock, always whole, so a reader needs none.
 #pragma once
 
 #include <cstdint>
@@ -29,8 +29,7 @@ class OnlineUsers {
  public:
   using Chosen = std::function<bool(const OnlineUser&)>;
 
-  explicit OnlineUsers(std::string file = ONLINE_USERS,
-                       std::string lock = "/run/fenro/online_users.lock")
+  explicit OnlineUsers(std::string file = ONLINE_USERS, std::string lock = "/run/fenro/online_users.lock")
       : file_(std::move(file)), lock_(std::move(lock)) {}
 
   // What is online now, in the order of logins; empty when there is no list.

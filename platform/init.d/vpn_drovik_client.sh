@@ -5,7 +5,7 @@
 #   vpn_drovik_client.sh connect|disconnect|keep|forget INDEX
 #
 # morvic reads the section "DROVIK_CLIENTINDEX" of vpn.conf by itself, and runs drovik-client-up and drovik-client-down
-# as the tunnel comes and goes. Whoever looks for tunnels in /proc goes by its name and that of its pid file.
+# as the tunnel comes and goes. Programs that look for tunnels in /proc go by its name and that of its pid file.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=client_lib.sh

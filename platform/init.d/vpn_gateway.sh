@@ -9,7 +9,7 @@
 #
 # Networks that the host is part of, and every other route it knows but the default one, go before the tunnel. So does
 # what the tunnels themselves send to their servers, and what answers somebody by an address of another interface. Behind
-# the tunnel's route stands one that refuses: a tunnel that vanishes leaves no way out in clear. Tunnels carry no IPv6,
+# the tunnel's route comes one that refuses: a tunnel that vanishes leaves no way out in clear. Tunnels carry no IPv6,
 # so that is refused altogether but in the networks that the host knows.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
@@ -65,7 +65,7 @@ rules() {
   printf 'rule add lookup %s priority %s\n' $TABLE $through
 }
 
-# rules_renew FAMILY start|wait|hold. The last rule of a place is added last: where it stands, all stand.
+# rules_renew FAMILY start|wait|hold. The last rule of a place is added last: where it is there, all are.
 rules_renew() {
   local new="${PLACES% *}" old="${PLACES#* }"
   if [ -n "$(ip "$1" rule show priority $((new + THROUGH)))" ]; then
@@ -78,7 +78,7 @@ rules_renew() {
   [ -n "$(ip "$1" rule show priority $((new + THROUGH)))" ] && rules_remove "$1" "$old"
 }
 
-# The refusal stands before the rules that lead to it.
+# The refusal is there before the rules that lead to it.
 ways() {
   ip route replace unreachable default metric "$UNREACHABLE_METRIC" table $TABLE && rules_renew -4 "$1" || return 1
   [ -e /proc/self/net/if_inet6 ] && [ "$(guard_get ipv6 block)" != pass ] || return 0
@@ -148,7 +148,7 @@ nat_remove() {
 
 marked() { cat "$MARK" 2>/dev/null || :; }
 
-# The filter of the guard stands before the routes change.
+# The filter of the guard is there before the routes change.
 guard_first() { with_lock guard guard_renew || say 'the guard cannot be set: the old filter stays'; }
 
 # begin start|wait INTERFACE SNAT
@@ -160,7 +160,7 @@ begin() {
   old=$(marked)
   [ "$old" != "$1" ] || old=
   write_file "$MARK" printf '%s\n' "$1" || die 'no mark can be written'
-  # The translation stands before the first packet takes the new way, and stays until the last has left by the old.
+  # The translation is there before the first packet takes the new way, and stays until the last has left by the old.
   nat "$2" "$1" ${old:+"$old"} || say "$1: no source NAT, neither nftables nor iptables does it here"
   ways "$kind" || die "$1: the kernel refuses the rules"
   ip route replace default dev "$1" table $TABLE || die "$1: no route through it"

@@ -60,7 +60,7 @@ watched() {
   nft delete table "$WATCH_TABLE" 2>/dev/null || :
 }
 
-# Routers first, then whoever was spoken with lately. They are asked at the same time.
+# Routers first, then the latest peers. They are asked at the same time.
 neighbour() {
   local address
   for address in $({ ip -4 route show default table main; ip -4 neighbour show; } 2>/dev/null |

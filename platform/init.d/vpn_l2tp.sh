@@ -77,7 +77,7 @@ open_door() {
 stop() {
   end_processes xl2tpd "$DAEMON_CONF" || die 'xl2tpd does not end'
   end_processes pppd "$L2TP_SESSIONS" || die 'a session does not end'
-  ipsec_remove "$NAME" || say 'the IKE daemon does not do as told'
+  ipsec_remove "$NAME" || say 'the IKE daemon does not obey'
   l2tp_guard delete || :
   server_close l2tp $ROUTE_PRIORITY
   ppp_forget_sessions $TYPE

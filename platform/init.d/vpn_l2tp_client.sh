@@ -6,7 +6,7 @@
 #
 # start writes /etc/config/ppp/peers/l2tpclientINDEX from the section "L2TP_CLIENTINDEX" of vpn.conf, and what only a
 # running tunnel needs under /run. pppd runs under the name "pppd-l2tp" with the path of the peer file among its
-# arguments: whoever looks for tunnels in /proc goes by both.
+# arguments: programs that look for tunnels in /proc go by both.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=client_lib.sh
@@ -57,7 +57,7 @@ bring_up() {
 # The falling edge belongs to pppd's own hook; it is repeated here for a pppd that was killed.
 stop() {
   end_processes xl2tpd "$conf" && end_processes pppd-l2tp "$peer_file" || die "[$section] the tunnel does not end"
-  ipsec_remove "$name" || say "[$section] the IKE daemon does not do as told"
+  ipsec_remove "$name" || say "[$section] the IKE daemon does not obey"
   rm -f "$conf"
   client_down "$section"
 }

@@ -70,8 +70,8 @@ read_ciphers() {
 
 setting() { is_true "$(vpn_get $SECTION "$1" TRUE)"; }
 
-# Client certificates play no part: whoever has a right and a password is admitted, as often as he likes. A session is
-# never asked again, as its clients are told, too.
+# Client certificates play no part: everyone with a right and a password is admitted, any number of times. A session is
+# never asked again, as its clients learn, too.
 daemon_conf() {
   cat <<CONF
 # Written by ${0##*/} from vpn.conf at each start.
@@ -116,7 +116,7 @@ CONF
   # Answers leave by the address that was asked: a host with several, or with a tunnel as its gateway, would take another.
   [ "$protocol" != udp4 ] || printf 'explicit-exit-notify 1\nmultihome\n'
   # The frames of compression, as the clients' profiles have them. What is sent stays uncompressed, since the length of
-  # compressed secrets tells of their content; what comes compressed is understood.
+  # compressed secrets reveals their content; what comes compressed is understood.
   if setting 'Enable compressed VPN link'; then printf 'comp-lzo\nallow-compression asym\n'; fi
   if setting 'Broadcast support'; then printf 'client-to-client\n'; fi
   if setting 'Re-direct gateway'; then printf 'push "redirect-gateway def1"\n'; fi

@@ -5,7 +5,7 @@
 #   vpn_pptp_client.sh start|stop|keep|forget INDEX
 #
 # start writes /etc/config/ppp/peers/pptpclientINDEX from the section "PPTP_CLIENTINDEX" of vpn.conf. pppd runs under
-# the name "pppd-pptp" with that path among its arguments: whoever looks for tunnels in /proc goes by both.
+# the name "pppd-pptp" with that path among its arguments: programs that look for tunnels in /proc go by both.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=client_lib.sh

@@ -1,4 +1,4 @@
-// What stands behind a Conf_dir: the storage of its arrays and an index that finds an entry without a walk.
+// What is behind a Conf_dir: the storage of its arrays and an index that finds an entry without a walk.
 // The program makes some thousand look-ups in a run of a few milliseconds.
 #pragma once
 

@@ -57,7 +57,7 @@ bool is_public(in_addr address) {
 std::optional<in_addr> default_source() {
   const Fd socket{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
   // A tunnel that is the default gateway has an address that is not reachable from outside.
-  // Without the right to a mark its answer is taken all the same.
+  // Without the right to a mark its answer is still taken.
   if (socket) std::ignore = setsockopt(socket.get(), SOL_SOCKET, SO_MARK, &TUNNEL_MARK, sizeof TUNNEL_MARK);
   sockaddr_in address{};
   address.sin_family = AF_INET;

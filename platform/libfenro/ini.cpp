@@ -162,7 +162,7 @@ std::string with_value(std::string_view text, std::string_view section, std::str
   out.reserve(text.size() + section.size() + key.size() + value.size() + 16);
   for (std::size_t i = 0; i < lines.size(); ++i) {
     if (i == place) append(out, entry_text(key, value, entry ? break_of(lines[i].whole) : line_break));
-    // A new first line and the section behind it are parted like any two sections.
+    // A new first line and the section behind it are separated like any two sections.
     if (i == place && !entry && i == 0 && lines[i].line.kind == Kind::Section) append(out, line_break);
     if (i != place || !entry) append(out, lines[i].whole);
   }
@@ -185,7 +185,7 @@ std::string without_section(std::string_view text, std::string_view section) {
       continue;
     }
     i = end_of_block(lines, i);
-    // The empty lines that parted a last section from its neighbour part nothing now.
+    // Drop the empty lines that separated a removed last section.
     while (i == lines.size() && (out.ends_with("\n\n") || out.ends_with("\n\r\n")))
       out.resize(out.size() - (out.ends_with("\n\n") ? 1 : 2));
   }

@@ -1,5 +1,5 @@
 // The text form of the appliance's INI files, as <fenro/conf.h> tells it: how a line is read, and edits of a text that
-// leave everything else in it as it stands. Damage is skipped, never guessed at.
+// leave everything else in it as it is. Damage is skipped, never guessed at.
 #pragma once
 
 #include <optional>

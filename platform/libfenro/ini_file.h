@@ -25,7 +25,7 @@ namespace fenro::ini {
 enum class Lock { Read, Write };
 
 // Waits for the lock of `path`, kept in the folder `locks`. A descriptor that holds it, or -1. While a writer has it, a
-// copy of the file stands beside it; where a writer died and left the file empty or torn, the next lock puts it back.
+// copy of the file is beside it; where a writer died and left the file empty or torn, the next lock puts it back.
 [[nodiscard]] int lock_file(const std::string& locks, const char* path, Lock kind);
 // Gives the lock back, and the copy away.
 [[nodiscard]] bool unlock_file(int descriptor);

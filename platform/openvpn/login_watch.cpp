@@ -5,7 +5,7 @@
 // which takes one client at a time. So this program listens there, makes room when the question comes, and is back
 // afterwards. When the daemon has gone, the start script is asked to dial again, but not after a refused login, which
 // another attempt would not change but make the server block the account: that ends the daemon, whatever the profile
-// says. Whoever stops the tunnel ends this one first.
+// says. A script that stops the tunnel ends this one first.
 #include <charconv>
 #include <chrono>
 #include <cstdlib>

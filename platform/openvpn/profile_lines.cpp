@@ -141,7 +141,7 @@ class Reader {
     for (std::string_view line; take_line(line);) {
       std::string_view content = line;
       while (!content.empty() && blank(content[0])) content.remove_prefix(1);
-      // The daemon takes no notice of what follows on the line, and so could not be told from it.
+      // The daemon takes no notice of what follows on the line, which so could not be distinguished from it.
       if (content.starts_with(closing)) return;
       if (content.find('<') != std::string_view::npos) return refuse("a \"<\" within a block");
       found.body += line;

@@ -9,7 +9,7 @@
 namespace fenro::openvpn {
 
 constexpr std::size_t MAX_LINE = 255;  // bytes that the daemon takes of a line, with its end
-constexpr std::size_t MAX_WORDS = 16;  // what stands behind them on a line counts for nothing
+constexpr std::size_t MAX_WORDS = 16;  // what follows them on a line is ignored
 constexpr std::size_t MAX_WORD = 256;  // bytes
 
 // Splits a line, which may have its end. Returns null, or why the daemon would not take the line.

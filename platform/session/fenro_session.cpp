@@ -45,7 +45,7 @@ int create(const Words& words) {
   return DONE;
 }
 
-// One line a session: id, user, address or "-", time of last use; parted by tabs, which no user's name holds.
+// One line a session: id, user, address or "-", time of last use; separated by tabs, which no user's name holds.
 int list(const Words& /*words*/) {
   for (const _session& session : fenro::SessionStore{}.list())
     std::printf("%s\t%s\t%s\t%ld\n", session.sid, session.user, *session.ip ? session.ip : "-", session.touched);

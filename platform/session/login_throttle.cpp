@@ -93,7 +93,7 @@ bool LoginThrottle::save(const State& state) const {
   return replace_file(folder_ + COUNTERS, text);
 }
 
-// A counter one beyond its limit says that the refusal was told. Refusals do not count as failures, so that the window
+// A counter one beyond its limit says that the refusal was sent. Refusals do not count as failures, so that the window
 // ends also for one who keeps asking.
 void LoginThrottle::refuse(const Limited& row, std::time_t now, Admission& admission) {
   auto& [counter, limit] = row;

@@ -7,7 +7,7 @@
 //   fenro-hold list                                a JSON array of the holds in force
 //   fenro-hold peers                               the keys of devices that are kept out, a line each
 //   fenro-hold watch                               ends the holds of devices in time; at the start of their server
-//   fenro-hold expire                              ends holds whose time is over; for whoever looks after the host
+//   fenro-hold expire                              ends holds whose time is over; for maintenance
 //
 // After a change of devices the WireGuard server's script applies it. The exit status is 0 when all was done, 1 after a
 // failure and 2 for a wrong call.

@@ -3,8 +3,8 @@
 //   fenro-tunnel call SCRIPT ARGUMENT...   asks for a start script: its output comes to the caller, its exit status too
 //   fenro-tunnel serve                     answers one such question on standard input, a connected socket
 //
-// What may be asked for is in one table. The one who asks must be root; the script gets his streams for its output and
-// nothing else of him.
+// What may be asked for is in one table. The caller must be root; the script gets its streams for its output and
+// nothing else of it.
 #include <algorithm>
 #include <array>
 #include <cerrno>

@@ -160,7 +160,7 @@ report_ready() {
   exec {READY_FD}>&-
 }
 
-# In the background, so that a signal is acted on at once; with the caller's input and terminal all the same.
+# In the background, so that a signal is acted on at once; still with the caller's input and terminal.
 run_command() {
   local status interrupted
   trap 'interrupted=1; kill -TERM -1 2>/dev/null' TERM

@@ -113,7 +113,7 @@ over /usr with an overlay mount ($(<run/appliance/overlay.err)): this kernel lac
 /usr is itself on two overlays or on a file system that overlay refuses, or something is mounted below it"
 }
 
-# Its secrets are made anew at each start.
+# Its secrets are made again at each start.
 lay_cloud() {
   [[ $CLOUD ]] || return 0
   (umask 077 && mkdir run/cloud)

@@ -58,7 +58,7 @@ struct Result {
 
 struct Command {
   const char* noun;
-  const char* verb;      // empty for a noun that stands alone
+  const char* verb;      // empty for a noun that is a whole command
   const char* operands;  // "NAME", "[NAME]", "USER PROTOCOL..."; empty without any
   const char* options;   // names divided by blanks; "name=" takes a value
   bool reading;          // changes nothing

@@ -63,7 +63,7 @@ std::string configuration(const json_t* hub, const std::string& host, const std:
   return text + "Endpoint = " + end + ':' + std::to_string(number_of(hub, "port")) + "\nPersistentKeepalive = 25\n";
 }
 
-// What a device is told, once.
+// What a device gets, once.
 struct Handout {
   std::string name, address, key;  // the key is the public one
   std::string file;                // empty for a device that made its own key

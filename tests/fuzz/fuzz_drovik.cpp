@@ -45,6 +45,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   check_login(message);
   check_welcome(message);
   require(*reason_text(reason_of(message)) != '\0', "each reason has its words");
-  if (packet_ends(message)) require(is_packet(message), "a packet is told by its first byte");
+  if (packet_ends(message)) require(is_packet(message), "a packet is known by its first byte");
   return 0;
 }

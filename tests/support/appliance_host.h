@@ -105,8 +105,8 @@ inline std::string bus(const char* service, const char* method, const std::strin
   return reply;
 }
 
-// Puts a program in the place of an init script or tool that writes its own name and arguments, parted by "|", as one
-// line of CALLS and ends with `status`.
+// Puts a program in the place of an init script or tool that writes its own name and arguments, separated by "|", as
+// one line of CALLS and ends with `status`.
 inline void record_calls(const fs::path& program, int status = 0) {
   write(program,
         "#!/bin/sh\numask 077\nline=" + program.filename().string() +

@@ -26,7 +26,7 @@ inline sockaddr_in agent_address() {
   return address;
 }
 
-// A message is a list of texts, each behind its length; whoever has said all closes its direction.
+// A message is a list of texts, each after its length; an end that has sent all closes its direction.
 inline void say(int fd, const std::vector<std::string>& texts) {
   std::string message;
   for (const std::string& text : texts) message += std::to_string(text.size()) + ':' + text;

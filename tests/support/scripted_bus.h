@@ -18,9 +18,9 @@ struct BusCall {
 
 struct ProgramCall {
   std::vector<std::string> argv;
-  std::string input;  // what stood on its standard input
+  std::string input;  // what was on its standard input
 
-  [[nodiscard]] std::string command() const;  // the words parted by blanks
+  [[nodiscard]] std::string command() const;  // the words separated by blanks
 };
 
 class ScriptedBus {

@@ -22,7 +22,7 @@ struct WebReply {
   std::string body;
 };
 
-inline WebReply parted(const Result& result) {
+inline WebReply split_reply(const Result& result) {
   const size_t end = result.out.find("\r\n\r\n");
   if (end == std::string::npos) return {result.status, "", result.out};
   return {result.status, result.out.substr(0, end), result.out.substr(end + 4)};
@@ -37,7 +37,7 @@ inline WebReply cgi(const std::string& route, const std::string& query, const En
                     const std::string& body = {}) {
   Environment environment{"SCRIPT_URL=" + route, "QUERY_STRING=" + query};
   environment.insert(environment.end(), more.begin(), more.end());
-  return parted(run({CGI}, environment, body));
+  return split_reply(run({CGI}, environment, body));
 }
 
 // Runs a handler that no route leads to as a request of its own.
@@ -55,13 +55,13 @@ inline WebReply unrouted(int (*handler)(ormel::JsonValue&), const std::string& q
   }
   int status = 0;
   waitpid(child, &status, 0);
-  return parted({WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"), ""});
+  return split_reply({WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"), ""});
 }
 
 inline WebReply https(const std::string& route, std::vector<std::string> options = {}) {
   options.insert(options.begin(),
                  {"/usr/bin/curl", "-ksSi", "-H", "Expect:", "--max-time", "60", "https://localhost" + route});
-  return parted(run(options));
+  return split_reply(run(options));
 }
 
 // One part of a body with the boundary "edge": a field, or an upload.

@@ -1,4 +1,4 @@
-// A plugin that tells that it was loaded, by whomever.
+// A plugin that leaves a sign when a program loads it.
 #include <fcntl.h>
 #include <unistd.h>
 

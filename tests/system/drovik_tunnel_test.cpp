@@ -10,7 +10,7 @@ constexpr const char* SERVER = "/etc/init.d/vpn_drovik.sh";
 constexpr const char* CLIENT = "/etc/init.d/vpn_drovik_client.sh";
 constexpr const char* ONLINE = "/var/log/ormel_online_users";
 constexpr const char* PRIVILEGES = "/etc/config/vpn_user_ex.conf";
-constexpr const char* EDGES = "/tmp/drovik-edges";  // over there: what the profile's executables were told
+constexpr const char* EDGES = "/tmp/drovik-edges";  // over there: what the profile's executables were given
 constexpr const char* SECTION = "DROVIK_CLIENT1";
 constexpr const char* PORT = "4443";
 constexpr const char* KEY = "team key";
@@ -22,7 +22,7 @@ size_t count(const std::string& text, const std::string& what) {
   return found;
 }
 
-// Rows of the server's connection log that tell of an event: 0 a connect, 1 a refusal, 2 an end.
+// Rows of the server's connection log for an event: 0 a connect, 1 a refusal, 2 an end.
 size_t logged(int action) {
   const auto rows = log_rows<db_conn_server_log>(log_db::CONN_SERVER_LOG.query);
   return static_cast<size_t>(std::count_if(rows.begin(), rows.end(), [&](const db_conn_server_log& row) {

@@ -66,8 +66,7 @@ TEST_F(ConfigModify, RestartsAServerAndReadsBackItsRules) {
   const std::string query = "type=SOVPN&enable=true&ip_pool=10.9.0.0&port=1195";
   leave_line("OPENVPN_iptables_rules = FALSE");
   EXPECT_EQ(modify(query).body, refusal(81, "wrong vpn iptables rules"));
-  EXPECT_EQ(conf_value("OPENVPN", "Enable") + conf_value("OPENVPN", "VPN Port"), "TRUE1195")
-      << "it stands all the same";
+  EXPECT_EQ(conf_value("OPENVPN", "Enable") + conf_value("OPENVPN", "VPN Port"), "TRUE1195") << "it is kept anyway";
   leave_line("OPENVPN_iptables_rules = TRUE");
   const WebReply changed = modify(query);
   EXPECT_THAT(changed.body, StartsWith(R"({"data":{)"));

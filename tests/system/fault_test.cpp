@@ -207,7 +207,7 @@ TEST_F(FileFault, LeavesTheOldOrTheNewFileWhenItIsKilledAtAnySystemCallOfTheSave
   }
   EXPECT_GT(kept, 0);
   EXPECT_GT(replaced, 0);
-  EXPECT_EQ(cli({"-TPPTP", "-M1", "--user=new"}).status, 0) << "what a crash left behind stands in nobody's way";
+  EXPECT_EQ(cli({"-TPPTP", "-M1", "--user=new"}).status, 0) << "what a crash left behind is in no one's way";
 }
 
 }  // namespace

@@ -341,7 +341,7 @@ TEST_F(GatewayGuard, NothingLeavesWithoutATunnelWhateverHappens) {
       "pkill -KILL fenro-networkd; ip rule | sed -n 's/:.*lookup 3500//p' | while read -r p; do ip rule del priority "
       "$p; "
       "done; while ip -6 rule del lookup 3500; do :; done 2>/dev/null");
-  EXPECT_FALSE(held()) << "the filter stands alone while nobody looks after the routes";
+  EXPECT_FALSE(held()) << "the filter is alone while no one looks after the routes";
   shell("nft delete table ip fenro_gateway");
   EXPECT_EQ(shell("/bin/ping -c3 -i.2 -W5 192.168.77.254").status, 0);
   EXPECT_EQ(outside(), "0 0 0 ");

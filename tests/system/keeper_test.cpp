@@ -26,7 +26,7 @@ std::string pids(const std::string& command) {
   return run({"/usr/bin/pgrep", "-f", "^" + command}).out;
 }
 
-// What the keeper says of a section: "" if it is none of its business.
+// What the keeper says of a section: "" for one that is not its business.
 std::string state_of(const std::string& section) {
   const std::string rows = bus("KeeperService", "keeper.show");
   const size_t row = rows.find("\"section\":\"" + section + '"');

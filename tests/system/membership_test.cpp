@@ -137,7 +137,7 @@ TEST_F(Membership, TellsTheCloudOfTheDeviceByteForByte) {
   }
 }
 
-// One link of the chain broken, what the web is told, and the last key or file that was still written.
+// One link of the chain broken, what the web gets, and the last key or file that was still written.
 struct BrokenLink {
   const char* what;
   std::function<void()> break_it;
@@ -209,7 +209,7 @@ TEST_F(MembershipFault, TrustsNoCloudThatCannotProveItself) {
   }
   start_cloud("server");
   run({"/usr/bin/find", "/etc/ssl/certs", "-lname", "/run/cloud/ca.pem", "-delete"});
-  EXPECT_EQ(pelmar("organization_list").status, 0) << "its authority stands in the bundle alone";
+  EXPECT_EQ(pelmar("organization_list").status, 0) << "its authority is in the bundle alone";
   start_cloud("self");
   set_value(PELMAR_CONF, "Debug", "InsecureCurl", "TRUE");
   EXPECT_EQ(pelmar("organization_list").status, 51);

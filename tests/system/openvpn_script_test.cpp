@@ -189,7 +189,7 @@ TEST_F(OpenVpnProfile, RunsWithoutTheScriptsAndFilesOfOthers) {
 }
 
 // Profiles made to have the daemon load, run, read or write something. They lie where an earlier version has stored
-// them, or come as uploads; the plugin lies where root's own libraries do.
+// them, or come as uploads; the plugin is where root's own libraries do.
 class HostileProfile : public OpenVpnProfile {
  protected:
   void SetUp() override {

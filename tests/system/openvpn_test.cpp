@@ -417,7 +417,7 @@ TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
 class OpenVpnRefusal : public OpenVpnTunnel {};
 class OpenVpnLogins : public OpenVpnTunnel {};
 
-// The server is asked by its second address, which is far away for the client, and so is what lies behind it.
+// The server is asked by its second address, which is far away for the client, and so is what is behind it.
 TEST_F(OpenVpnTunnel, IsTheGatewayThoughItsProfileNamesSeveralServers) {
   const auto shell = [](const std::string& script) { return run({"/bin/sh", "-c", script}).status; };
   const auto in_lan = [](const std::string& action) {

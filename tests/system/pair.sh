@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # pair.sh OPTIONS_OF_APPLIANCE -- TESTS: runs TESTS in a private appliance while a second one, "far", is on the same
-# local network with the same options. The far one runs ormel_far_agent, which lies beside TESTS.
+# local network with the same options. The far one runs ormel_far_agent, which is beside TESTS.
 set -uo pipefail
 APPLIANCE=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../../script" && pwd -P)/appliance
 

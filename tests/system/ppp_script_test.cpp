@@ -351,7 +351,7 @@ TEST_F(PppClientScript, FollowsATunnelFromUpToDown) {
   EXPECT_EQ(conf_value("PPTP_CLIENT3", "Time Stamp"), "0");
   EXPECT_EQ(run({PPTP.client, "stop", "3"}).status, 0);
   EXPECT_TRUE(comes_true([&] { return read("/tmp/edges").size() >= 2 * edge.size(); }));
-  EXPECT_EQ(read("/tmp/edges"), edge + edge);  // the falling edge once, whoever saw it
+  EXPECT_EQ(read("/tmp/edges"), edge + edge);  // the falling edge once, from any of them
 
   umount("/proc/devices");
   fs::remove("/dev/ppp");

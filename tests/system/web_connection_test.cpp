@@ -101,7 +101,7 @@ TEST_F(ConnectionList, SkipsWhatIsNoConnection) {
   const std::tuple<const char*, std::string, int> rows[] = {
       {"a cut off line", "ppp0 10.0.0.1 4321 10.1.0.1 10.1.0.2 1 17097", 0},
       {"an empty line", "\n\n  \t\n", 0},
-      {"a number that is none", line("ppp0", "10.0.0.1", "12x", 1), 0},
+      {"a malformed number", line("ppp0", "10.0.0.1", "12x", 1), 0},
       {"a number that is too large", line("ppp0", "10.0.0.1", "4294967296", 1), 0},
       {"zero bytes after a crash", std::string(4096, '\0'), 0},
       {"a line without end", std::string(2 << 20, 'x'), 0},

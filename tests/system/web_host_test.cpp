@@ -1,4 +1,4 @@
-// What the web interface tells of the appliance: its interfaces, tunnels and the reach of name servers, from the live
+// What the web interface says about the appliance: its interfaces, tunnels and the reach of name servers, from the live
 // system and from a network daemon that says anything.
 #include <arpa/inet.h>
 #include <poll.h>
@@ -198,7 +198,7 @@ TEST_F(WebHostFacts, TellWhichHostsAnswerWhereAClientAsks) {
 class WebHostBroken : public WebHostFacts {};
 
 TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {
-  using Replies = std::map<std::string, std::string>;  // by the request; a request that is not told fails
+  using Replies = std::map<std::string, std::string>;  // by the request; a request that is missing fails
   const std::string list = R"({"error":0,"data":[{"ifindex":1,"interface_type":"ethernet"}]})";
   const std::string bridge =
       R"({"data":[{"ifindex":1,"interface_type":"vswitch"},{"ifindex":2,"interface_type":"eth"}]})";

@@ -122,7 +122,7 @@ class WebBlocks : public WebPrivilege {};
 
 TEST_F(WebBlocks, AreShownAndLifted) {
   EXPECT_EQ(post("block_show", "").body, shown("true", 5, 30, ""));
-  EXPECT_EQ(read(POLICY), std::string(DEFAULTS) + '\n') << "made anew";
+  EXPECT_EQ(read(POLICY), std::string(DEFAULTS) + '\n') << "made again";
   fail_login("bob", 5);
   fail_login("ann\"x", 7);
   fail_login("joe", 4);
@@ -229,7 +229,7 @@ TEST_F(WebBlocksOfAnySettings, AreMadeAnewWhereThePolicyIsNotThere) {
     EXPECT_THAT(recorded("write_json"),
                 ElementsAre(std::string(R"({"path":"/etc/config/vpn_block.conf","data":)") + DEFAULTS + '}'));
     fail_login("bob", 4);
-    EXPECT_EQ(blocked("bob"), "0") << "the count began anew";
+    EXPECT_EQ(blocked("bob"), "0") << "the count began again";
     bus(log_db::SERVICE, log_db::PRIVILEGE_USER_BLOCK.clean);
   }
   for (const char* reply : {"", R"({"error":-1,"data":"disk full"})", "nonsense"})

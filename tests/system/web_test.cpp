@@ -96,7 +96,7 @@ TEST_F(WebRoutes, AreMatchedExactly) {
     EXPECT_EQ(reply.status, 35);
     EXPECT_EQ(reply.body, refusal(35, "api not found" + std::string(url)));
   }
-  EXPECT_EQ(parted(run({CGI})).body, refusal(35, "api not found")) << "no SCRIPT_URL";
+  EXPECT_EQ(split_reply(run({CGI})).body, refusal(35, "api not found")) << "no SCRIPT_URL";
   EXPECT_EQ(cgi("/\"\n\xff", "").body.find(R"({"error":35,"reason":"api not found/\")"), 0U);
   EXPECT_THAT(read(LOG), HasSubstr(":35, api not found/ormel/nope\n"));
 }
@@ -274,7 +274,7 @@ TEST_F(WebServer, ServesNothingButTheRoutes) {
   }
   EXPECT_EQ(run({"/usr/bin/curl", "-s", "http://localhost/"}).status, 7) << "nothing without TLS";
   EXPECT_THAT(run({"/usr/bin/curl", "-si", "http://localhost:443/"}).out, HasSubstr(" 400 "));
-  // More than a pipe holds, and nobody wants it: the answer comes all the same.
+  // More than a pipe holds, and nobody wants it: the answer still comes.
   write("/tmp/body", std::string(1 << 20, 'x'));
   for (const std::vector<std::string>& body :
        {std::vector<std::string>{"--data-binary", "@/tmp/body"},

@@ -311,7 +311,7 @@ TEST_F(OptionTest, SurvivesNullValuesOfAForm) {
     for (const TYPE type : TYPES) {
       PolyConfig record(config::make_record(type, 0));
       record->action = MODIFY_ACTION;
-      std::ignore = apply(record, row->opt.name, nullptr);  // what it answers is told by the tables above
+      std::ignore = apply(record, row->opt.name, nullptr);  // what it answers is in the tables above
     }
   }
 }

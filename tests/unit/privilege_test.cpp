@@ -40,7 +40,7 @@ TEST_F(PrivilegeFiles, AreReplacedWholeAndPrivate) {
   for (const char* file : {PAP, CHAP, STORE}) write(file, "old");
   chmod((root + PAP).c_str(), 0644);
   save_privileges(root, {{"b\"ob", PPTP_SERVER_TYPE}, {"al", 0}, {"x\nroot:1:1:1:0:1", OVPN_SERVER_TYPE}});
-  EXPECT_EQ(read(PAP), "\"b\"ob\"\tpptpd\t@login\t*\n") << "quoted as it stands";
+  EXPECT_EQ(read(PAP), "\"b\"ob\"\tpptpd\t@login\t*\n") << "quoted unchanged";
   EXPECT_EQ(read(STORE), "al:0:0:0:0:0\nb\"ob:1:0:0:0:0\n") << "in order; no line of a name's own";
   EXPECT_EQ(files(), 3) << "no temporary file is left";
   EXPECT_EQ(support::mode_of(root + PAP), 0600U);

@@ -144,7 +144,7 @@ TEST_F(WireGuard, ADamagedPeerFileIsSurvivedAndPutInOrder) {
   ServerConfig server = server_with("198.18.7.3", KEY_A);
   EXPECT_EQ(server.delete_peer(2), NO_ERROR);
   EXPECT_EQ(stored("global", "max_index"), "1");
-  // A section twice is one peer, and what is no number is none.
+  // A section twice is one peer, and what is no number is ignored.
   write_peers(
       "[global]\npeers_num = x\nmax_index = 2\n[PEER2]\nallow_ip = 198.18.7.5\n[PEER2]\nallow_ip = 198.18.7.6\n");
   EXPECT_EQ(server.check_peer_value(1), ERR_VALUE);

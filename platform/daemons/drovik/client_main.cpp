@@ -1,6 +1,6 @@
 // morvic SECTION INTERFACE PID_FILE: one client tunnel, on INTERFACE, by what SECTION of vpn.conf says. Goes to the
-// background at once; the file holds its pid and is locked as long as it runs. Whoever looks for tunnels in /proc takes
-// the profile's number from the file's name.
+// background at once; the file holds its pid and is locked as long as it runs. Programs that look for tunnels in /proc
+// take the profile's number from the file's name.
 
 #include <cstdio>
 #include <fcntl.h>

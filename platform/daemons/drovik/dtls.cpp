@@ -22,8 +22,8 @@ constexpr const char* IDENTITY = "drovik";
 constexpr int SECONDS_A_MINUTE = 60;
 constexpr long HANDSHAKE_MTU = 1400;  // of a datagram
 
-// People choose short keys. Whoever pretends to be the server can try keys against what a client answers; this makes
-// each try cost memory and time.
+// People choose short keys. An attacker who pretends to be the server can try keys against what a client answers; this
+// makes each try cost memory and time.
 constexpr std::string_view KEY_SALT = "drovik pre-shared key";
 constexpr std::uint64_t SCRYPT_N = 16384;
 constexpr std::uint64_t SCRYPT_R = 8;

@@ -105,7 +105,7 @@ constexpr const char* REASONS[] = {"no reason given",
                                    "the versions do not fit",
                                    "thrown out by an administrator",
                                    "the server stops",
-                                   "the client has logged in anew",
+                                   "the client has logged in again",
                                    "the keys are worn",
                                    "the client has left",
                                    "nothing was heard for too long"};

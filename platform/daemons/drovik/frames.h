@@ -1,6 +1,6 @@
 // What the two ends of a tunnel say inside of DTLS; one record carries one message.
 //
-// A message whose first byte begins with the bits 0100 is an IPv4 packet as it stands. Any other is a control message:
+// A message whose first byte begins with the bits 0100 is an IPv4 packet unchanged. Any other is a control message:
 // its kind in the first byte, then fields of a number (1 byte), a length (2 bytes, the higher first) and as many bytes.
 // A field with an unknown number is skipped, so that a later version can add some; one that comes twice makes the
 // message void.
@@ -27,13 +27,13 @@ enum class Kind : std::uint8_t { None = 0, Login = 1, Welcome = 2, Refuse = 3, P
 // Why a login is refused or a tunnel ends.
 enum class Reason : std::uint8_t {
   None = 0,
-  Denied = 1,    // user, password or right; which one is not told
+  Denied = 1,    // user, password or right; which one is not said
   Full = 2,      // no room or no address left
   Occupied = 3,  // another user is online under this identifier
   Version = 4,   // of the protocol
   Kicked = 5,    // by an administrator
   Stopping = 6,  // the server goes down
-  Replaced = 7,  // the same client has logged in anew
+  Replaced = 7,  // the same client has logged in again
   Worn = 8,      // the keys have protected enough
   Left = 9,      // the client goes by itself
   Silent = 10,   // nothing was heard for too long; never sent
@@ -67,7 +67,7 @@ struct Welcome {
 [[nodiscard]] std::string encode(Kind kind, Reason reason = Reason::None);
 
 // False for a message of another kind, and for one that lacks a field or has one out of its bounds. Only the version of
-// a login is left to whoever can answer that it is not spoken here.
+// a login is left to the layer that can answer that it is not spoken here.
 [[nodiscard]] bool decode(std::string_view message, Login& login);
 [[nodiscard]] bool decode(std::string_view message, Welcome& welcome);
 [[nodiscard]] Reason reason_of(std::string_view message);

@@ -1,4 +1,4 @@
-// Lines for the journal, and for whoever starts the daemon until it goes to the background.
+// Lines for the journal, and for the one who starts the daemon until it goes to the background.
 #pragma once
 
 #include <syslog.h>

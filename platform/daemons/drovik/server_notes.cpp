@@ -34,7 +34,7 @@ std::string bytes_reply(const std::vector<ClientBytes>& clients) {
   return reply_text(DONE, std::move(data));
 }
 
-// The identifier stands in the interface's place: it is the name by which a connection is counted and kicked.
+// The identifier takes the interface's place: it is the name by which a connection is counted and kicked.
 OnlineUser TunnelServer::record_of(const Session& session) const {
   const Peer& peer = session.channel->peer();
   return {session.bytes.identifier,

@@ -51,7 +51,7 @@ void add_control(msghdr& head, int level, int type, const Value& value) {
   head.msg_controllen += CMSG_SPACE(sizeof value);
 }
 
-// What the kernel tells of a message: our address, and the size of the datagrams if it has joined several.
+// What the kernel reports about a message: our address, and the size of the datagrams if it has joined several.
 std::optional<std::size_t> read_controls(msghdr& head, Peer& from) {
   std::optional<std::size_t> segment;
   for (cmsghdr* at = CMSG_FIRSTHDR(&head); at; at = CMSG_NXTHDR(&head, at)) {

@@ -1,6 +1,6 @@
 // Who may log in to a PPP server, and with which password hash.
 //
-// chap-secrets: a line of client, server, secret and address for each user. The client stands between double quotes,
+// chap-secrets: a line of client, server, secret and address for each user. The client is between double quotes,
 // unescaped whatever it holds, so a line is compared with the user at hand and never taken apart. The secret is a
 // password, or "&" and the path of a password table.
 //

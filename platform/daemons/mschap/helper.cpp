@@ -14,7 +14,7 @@ using Fields = std::map<std::string, std::string, std::less<>>;
 
 constexpr std::string_view ADMITTED = "Authenticated: Yes\n";
 
-// False for a line that is none, or a request that does not end.
+// Returns false for a malformed line or an unterminated request.
 bool parse(std::string_view text, Fields& fields) {
   while (!text.empty()) {
     const std::string_view line = take_line(text);

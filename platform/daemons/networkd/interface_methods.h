@@ -1,4 +1,4 @@
-// The methods that tell of the appliance's interfaces. Each interface is an object with "ifindex", "ifname",
+// The methods that describe the appliance's interfaces. Each interface is an object with "ifindex", "ifname",
 // "interface_type", "status" ("up" or "down") and "mac".
 #pragma once
 

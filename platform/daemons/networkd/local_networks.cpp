@@ -34,7 +34,7 @@ std::vector<LocalNetwork> local_networks(const std::vector<Link>& links, const s
     const std::string name = name_of(links, address.index);
     if (is_own_tunnel(name)) continue;
     networks.push_back({name, Ipv4Network{address.network, address.prefix}});
-    // On a point-to-point link our own end lies outside the peer's network.
+    // On a point-to-point link our own end is outside the peer's network.
     if (address.local != address.network) networks.push_back({name, Ipv4Network{address.local, 32}});
   }
   return networks;

@@ -34,7 +34,7 @@ class TunnelWatch {
 
  private:
   struct Seen {
-    int index = 0;  // of the interface; another one of the same name starts anew
+    int index = 0;  // of the interface; another one of the same name starts afresh
     std::uint64_t rx_bytes = 0;
     Clock::time_point heard{};
     std::uint64_t tx_heard = 0;  // bytes sent when it was last heard

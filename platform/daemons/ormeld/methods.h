@@ -1,6 +1,6 @@
 // What the log database answers: a table of methods over its tables.
 // Every body is a binary record whose size is known; what has another size, a text without its closing zero, a column
-// that is none or a number out of bounds is answered with MIB_IS_INVALID.
+// that is malformed or a number out of bounds is answered with MIB_IS_INVALID.
 #pragma once
 
 #include <span>

@@ -18,7 +18,7 @@ std::int64_t rows_of_one_answer(const TableInfo& table) {
   return static_cast<std::int64_t>(ROOM / table.record_size);
 }
 
-// The condition of a request, if it has one. False for a text without end or a column that is none.
+// The condition of a request, if it has one. False for an unterminated text or an unknown column.
 bool take_condition(const TableInfo& table, std::string_view request, RowQuery& out) {
   const auto field = text_in(request.substr(offsetof(db_query_cond, field), DB_TEXT_SIZE));
   const auto value = text_in(request.substr(offsetof(db_query_cond, value), DB_TEXT_SIZE));

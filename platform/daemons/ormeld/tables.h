@@ -1,4 +1,4 @@
-// What is kept: the tables, their columns, and where each value lies in a record.
+// What is kept: the tables, their columns, and where each value is in a record.
 // A column's number, by which callers order, is its place in the record, 0 being the id that numbers rows as they come.
 #pragma once
 

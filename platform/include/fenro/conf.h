@@ -1,7 +1,7 @@
 /* INI files of the appliance: whole files in memory, single keys, and locks around a file.
  *
  * Text form: "[section]" lines, "key = value" lines with one blank on each side of the first "=", sections and
- * keys in the order first set, sections parted by an empty line. Truth values are written TRUE and FALSE; TRUE, 1
+ * keys in the order first set, sections separated by an empty line. Truth values are written TRUE and FALSE; TRUE, 1
  * and YES in any case read as true. A value is one line: any byte but CR, LF and NUL survives a round trip. A line
  * that begins with "#" or ";" is a comment. */
 #ifndef FENRO_CONF_H

@@ -18,7 +18,7 @@
 extern "C" {
 #endif
 
-typedef struct mib_io mib_io; /* growing byte buffer, owned by whoever created it */
+typedef struct mib_io mib_io; /* growing byte buffer, owned by its creator */
 
 enum {
   MIB_SUCCESS,

@@ -1,5 +1,5 @@
 # shellcheck shell=dash
-# What the scripts and hooks of client tunnels share: the keys of a profile that tell of its tunnel, the connection log,
+# What the scripts and hooks of client tunnels share: the keys of a profile that describe its tunnel, the connection log,
 # and the executables run as the tunnel comes and goes. Read by "." behind vpn_lib.sh.
 # shellcheck disable=SC2034,SC2154 # some names are for the reader, others from vpn_lib.sh
 
@@ -73,7 +73,7 @@ forget() {
 # A profile may be gone by now; setting a key would bring a part of its section back.
 client_known() { [ -n "$(vpn_get "$1" Index)" ]; }
 
-# client_resolve HOST: an address of it. Looked up once, so that all that tells of a tunnel names the same.
+# client_resolve HOST: an address of it. Looked up once, so that everything about a tunnel names the same.
 client_resolve() {
   local address
   address=$("$AS_LOOKUP" timeout "$LOOKUP_SECONDS" getent ahostsv4 "$1" | awk 'NR == 1 { print $1 }')

@@ -28,7 +28,7 @@ l2tp_launch() {
 }
 
 # l2tp_client_view COMMAND...: xl2tpd knows one place for pppd and runs it under that name. So it gets a view of its own,
-# where in that place lies a script that gives pppd the name of a client tunnel.
+# where that place has a script that gives pppd the name of a client tunnel.
 l2tp_client_view() {
   : >>"$RUN_DIR/pppd-l2tp"
   # shellcheck disable=SC2016 # the shell below expands them

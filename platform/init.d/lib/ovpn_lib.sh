@@ -50,7 +50,7 @@ ovpn_sessions() {
     who == "" || $10 == who || $4 in listed || (ENVIRON["KIND"] == "one" && $3 == who) { print $11 }'
 }
 
-# ovpn_kick all|one [WHO]: the clients are told to end, not to come back at once.
+# ovpn_kick all|one [WHO]: makes the clients end, not to come back at once.
 ovpn_kick() {
   local session
   for session in $(ovpn_sessions "$@"); do

@@ -100,7 +100,7 @@ mru $((mss + TCP_IP_HEADERS))
 OPTIONS
   ppp_authentication require "$authentication" && ppp_encryption "$4" "$authentication" || return 1
   # The secrets of chap-secrets stand for hashes in the password table. pppd would take them literally, and let in
-  # whoever knows their text; so every challenge is answered by a helper that does look the hash up.
+  # anyone who knows their text; so every challenge is answered by a helper that does look the hash up.
   # PAP logins go by the host's passwords, and count like all others.
   [ "$authentication" != 1 ] || printf 'plugin /usr/lib/fenro/fenro_pap.so\n'
   [ "$authentication" = 1 ] || printf '%s\n' 'plugin winbind.so' "ntlm_auth-helper \"/usr/lib/fenro/fenro-mschap $2\""

@@ -16,7 +16,7 @@ WANTED_DIR=$RUN_DIR/wanted # a mark for each section that was turned on: fenro-k
 CAP_NET_ADMIN=12 # its bit
 MAX_SLOT=32
 STOP_SECONDS=10
-MAX_NAME_SERVERS=2 # what a client can be told
+MAX_NAME_SERVERS=2 # as many as a client can be given
 # Firewall mark of what tunnels send to their servers, and of answers to what came in by the host's own interfaces: it
 # never goes into a tunnel. One bit, so that other marks of the host are left alone; decimal, as openvpn takes it.
 # shellcheck disable=SC2034 # for the reader
@@ -29,7 +29,7 @@ TUNNEL_MARK=268435456
 # For the journal: the program starts most scripts without streams.
 note() { logger -t "${0##*/}" -- "$*" 2>/dev/null || :; }
 
-# And for whoever looks on.
+# And for an onlooker.
 say() {
   printf '%s: %s\n' "${0##*/}" "$*" >&2
   note "$*"
@@ -133,7 +133,7 @@ is_outgoing() {
   case $1 in *[!a-z0-9]* | '' | ????????????????*) return 1 ;; esac
 }
 
-# name_servers SECTION KEY SWITCH: what clients of a server are told: the manual name server under KEY if SWITCH is on, else
+# name_servers SECTION KEY SWITCH: for clients of a server: the manual name server under KEY if SWITCH is on, else
 # the appliance's own ones that a client can reach.
 name_servers() {
   local manual word server count=0

@@ -41,7 +41,7 @@ is_wireguard_key() {
   [ ${#1} -eq 44 ]
 }
 
-# Sets endpoint_host and endpoint_port of HOST:PORT. The address of IPv6 stands in brackets there.
+# Sets endpoint_host and endpoint_port of HOST:PORT. An address of IPv6 is in brackets there.
 split_endpoint() {
   case $1 in *:*) ;; *) return 1 ;; esac
   endpoint_port=${1##*:} endpoint_host=${1%:*}

@@ -1,10 +1,10 @@
 // The default gateway policy: which client tunnels carry the appliance's own traffic.
 //
-// It lies in /etc/config/vpn_options.conf as one JSON object on one line, guarded by the platform's locks:
+// It is in /etc/config/vpn_options.conf as one JSON object on one line, guarded by the platform's locks:
 //   {"global": {"version": "1"}, "gw_setting": {"as_gw_en": 1, "gw1": {"type", "index", "sname"}, "snat": 0,
 //    "failover_en": 1, "failover_interval": 5, "gw2": {"type", "index", "sname"}}}
 // With `as_gw_en` 0 the policy is off and gw_setting holds nothing else. The network daemon acts on the file when it is
-// told that it has changed.
+// notified that it has changed.
 #pragma once
 
 #include <string>

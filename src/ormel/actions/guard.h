@@ -23,7 +23,7 @@ struct Settings {
 
 // The settings that are stored; the defaults without a file.
 [[nodiscard]] Settings load();
-// Stores the settings and sets the filter, or leaves all as it was. 0, ERR_VALUE for a word that is none of the above,
+// Stores the settings and sets the filter, or leaves all as it was. 0, ERR_VALUE for any other word,
 // ERR_MISS_OPTION for a guard without a gateway policy, or ERR_CMD_FAILED. `reason` says what to do about it.
 [[nodiscard]] int apply(const Settings& settings, std::string& reason);
 // Lets traffic out without a tunnel until the host starts again or the settings are applied. 0 or ERR_CMD_FAILED.

@@ -1,5 +1,5 @@
 // The part of the log database's client that serves mobile clients: their sessions, devices and identifiers. What is
-// told in log_db.h holds here too.
+// said in log_db.h holds here too.
 #pragma once
 
 #include "ormel/actions/log_db.h"

@@ -2,7 +2,7 @@
 //
 // The store is /etc/config/vpn_user_ex.conf, a line a user, "name:pptp:openvpn:l2tp:0:drovik", each field 1 or 0; the
 // fifth is ignored. /etc/ppp/pap-secrets and /etc/ppp/chap-secrets are derived from it for the PPP daemons and never
-// read: each right has a line with the user, the daemon and where the password is looked up, parted by tabs. No
+// read: each right has a line with the user, the daemon and where the password is looked up, separated by tabs. No
 // password is kept here.
 #pragma once
 

@@ -1,4 +1,4 @@
-// The commercial VPN service that client profiles can be made for: what its settings tell of servers and ports.
+// The commercial VPN service that client profiles can be made for: what its settings say about servers and ports.
 #pragma once
 
 #include <cstddef>

@@ -82,7 +82,7 @@ const Refusal* refusal_of(const Login& login, const std::string& user) {
   }
   if (Check_NAS_User_Password(user.c_str(), login.password.c_str()) != 0) {
     ORMEL_LOG(ERROR, "%s: user: %s, password failed.", HOOK, user.c_str());
-    std::ignore = add_privilege_user_block(user.c_str());  // the login is refused all the same
+    std::ignore = add_privilege_user_block(user.c_str());  // the login is refused anyway
     return &WRONG_PASSWORD;
   }
   std::ignore = delete_privilege_user_block(user.c_str());  // failures that stay counted run out by themselves

@@ -89,7 +89,7 @@ TunnelState client_state(const config::ClientConfig& client, std::time_t now) {
   if (!client.enable && !runs) return {};
   const auto noted = read_reason(client.section);
   if (wireguard && runs && !client.local_ip.empty()) return wireguard_state(client, noted, now);
-  // Whoever sees the tunnel come up forgets the reason, so one that is there counts more than an address.
+  // The reason is removed when the tunnel comes up, so one that is there counts more than an address.
   if (noted && noted->facts) {
     return {noted->facts->final || !client.reconnect ? State::Failed : State::Retrying, noted->since, noted};
   }

@@ -26,7 +26,7 @@ void append_number(std::string& out, const char (&format)[Size], double number) 
   out.append(buffer, static_cast<size_t>(length));
 }
 
-// The letter after the backslash; zero for a byte that stands as it is, 'u' for one that its number stands for.
+// The letter after the backslash; zero for a byte that is printed as it is, 'u' for one that its number stands for.
 char escape_of(char byte) {
   switch (byte) {
     case '\b': return 'b';

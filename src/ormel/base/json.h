@@ -56,14 +56,14 @@ class JsonValue {
   JsonValue& make_array();
   JsonValue& make_object();
 
-  // A new null member under `key`; the value becomes an object if it is none. A member of that key given out before
+  // A new null member under `key`; the value becomes an object if it is not one. A member of that key given out before
   // is no longer printed, but a reference to it stays good for the life of this object.
   JsonValue& operator[](const std::string& key);
   JsonValue& operator[](const char* key) { return (*this)[std::string(key)]; }
   // The element at `index` of an array, unchecked.
   JsonValue& operator[](size_t index);
 
-  // Adds an element at the end and owns it; the value becomes an array if it is none.
+  // Adds an element at the end and owns it; the value becomes an array if it is not one.
   void append(std::unique_ptr<JsonValue> item);
 
   template <typename T>
@@ -102,7 +102,7 @@ class JsonValue {
       value;  // null, unless it holds something else
 };
 
-// `text` as the inside of a JSON string: quotes, backslashes and control bytes escaped, all else as it stands.
+// `text` as the inside of a JSON string: quotes, backslashes and control bytes escaped, all else unchanged.
 [[nodiscard]] std::string escape_json(const std::string& text);
 
 }  // namespace ormel

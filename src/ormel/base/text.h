@@ -37,13 +37,13 @@ template <size_t Size>
   return {field, strnlen(field, Size)};
 }
 
-// Fills such a field with `text`, cut so that a closing zero stands behind it.
+// Fills such a field with `text`, cut so that a closing zero follows it.
 template <size_t Size>
 void fill_field(char (&field)[Size], std::string_view text) {
   field[text.copy(field, Size - 1)] = '\0';
 }
 
-// Splits in place at the last `mark`: ends `text` there and gives what is behind it. Null, and `text` as it was, for a
+// Splits in place at the last `mark`: ends `text` there and returns what follows it. Null, and `text` as it was, for a
 // null text, one without `mark`, and one that would leave either side empty.
 [[nodiscard]] char* cut_pattern(char* text, char mark);
 

@@ -1,6 +1,6 @@
 #include "ormel/cgi/cgi.h"
 
-// A record that is none is never used, in a release build neither.
+// Never touch a pointer that is not a cgi_var, not even in release builds.
 #undef NDEBUG
 #include <cassert>
 #include <cstdio>

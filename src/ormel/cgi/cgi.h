@@ -67,7 +67,7 @@ void cgi_var_dump(cgi_var* var, int indent);
 
 // Decodes in place: "+" is a blank, "%" with two hexadecimal digits is that byte, any other "%" stays.
 void cgi_url_decode(char* text);
-// The byte of two hexadecimal digits, -1 if one of them is none.
+// The byte of two hexadecimal digits, -1 if one of them is another character.
 [[nodiscard]] int cgi_hex_decode(char high, char low);
 
 struct FreeCgiVars {

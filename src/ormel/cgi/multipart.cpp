@@ -263,5 +263,5 @@ void perform_multipart(cgi_parser* parser) {
   if (!state) return;
   read_cgi_body(parser,
                 [&](const char* bytes, size_t length) { return multipart_parser_execute(state.get(), bytes, length); });
-  std::ignore = close_cgi_upload(parser);  // of a body that broke off; a failure stands in the record
+  std::ignore = close_cgi_upload(parser);  // of a body that broke off; a failure is in the record
 }

@@ -93,7 +93,7 @@ int DriverClient::announce(const nc_msg_struct& message, OptExternalDev op) {
 
 void DriverClient::announce_removal() {
   std::string plain;
-  std::ignore = system::decode_urlEncoded(name, plain);  // the profile goes all the same
+  std::ignore = system::decode_urlEncoded(name, plain);  // the profile is removed anyway
   nclog::notify_send(&nc_message("C002", "0008"), facts().label, plain.c_str(), nullptr);
   std::ignore = mibcall_external_dev(opt_ext_dev_unregister);  // it has been logged
 }

@@ -46,7 +46,7 @@ class DriverClient : public ClientConfig {
   // Sends a notification about this profile with the protocol's label and the decoded name, then tells the network
   // daemon. ERR_CURL_FAIL if the name cannot be decoded: nothing is sent then.
   int announce(const nc_msg_struct& message, OptExternalDev op);
-  // The same on the way out, with an empty name where it cannot be decoded; failures are nobody's concern any more.
+  // The same on the way out, with an empty name where it cannot be decoded; failures are ignored then.
   void announce_removal();
   // Sends a notification with the label and the decoded name, unless the name cannot be decoded.
   void notify_profile(const nc_msg_struct& message) const;

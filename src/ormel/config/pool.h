@@ -55,7 +55,7 @@ class Management {
 
   // No enabled server but that of `type`, and no WireGuard client, uses addresses of this network.
   [[nodiscard]] bool ip_pool_available(TYPE type, const in_addr& addr, const in_addr& mask) const;
-  // A peer's address lies in the WireGuard server's network.
+  // A peer's address is in the WireGuard server's network.
   [[nodiscard]] bool check_wireguard_peer_ip(const std::string& ip, const std::string& mask) const;
   // No other WireGuard client has this address, listen port or endpoint. 0 or ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE.
   [[nodiscard]] int check_wireguard_client_profile(int index, const std::string& client_ip,

@@ -1,5 +1,5 @@
 // The rules that keep the address pools and ports of all tunnels apart. Each clash is logged where it is found; the
-// caller decides what the user is told.
+// caller decides what the user sees.
 #include <algorithm>
 #include <string>
 #include <vector>

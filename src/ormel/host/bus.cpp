@@ -11,9 +11,9 @@ namespace ormel::system {
 
 namespace {
 
-constexpr Wording EASY_WORDING{
-    "{function}: mib_call {service}.{method} {request} failed\n", "{function}: root isn't an object.\n",
-    "{function}: val isn't an integer.\n", "{function}: {service}.{method} {request} failed\n"};
+constexpr Wording EASY_WORDING{"{function}: mib_call {service}.{method} {request} failed\n",
+                               "{function}: root isn't an object.\n", "{function}: val isn't an integer.\n",
+                               "{function}: {service}.{method} {request} failed\n"};
 
 std::string indented(const json_t* document) {
   const CString dump{json_dumps(document, JSON_INDENT(4))};

@@ -10,7 +10,7 @@
 
 namespace ormel::system {
 
-constexpr int BUS_TIMEOUT = 60;       // seconds, where nothing else is told
+constexpr int BUS_TIMEOUT = 60;       // seconds, unless the caller says otherwise
 constexpr int BUS_SHORT_TIMEOUT = 5;  // seconds, of easy_mib_call and the log database
 constexpr int BUS_FLAG = -1;
 

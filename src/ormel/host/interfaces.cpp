@@ -27,7 +27,7 @@ std::string_view type_of(const json_t* interface) {
   return type ? type : "";
 }
 
-// A member that the reply does not have is none of the object either.
+// A member that the reply lacks is missing from the object, too.
 void copy_member(json_t* object, const char* name, const json_t* value) {
   if (value) json_object_set_new(object, name, json_deep_copy(value));
 }

@@ -95,7 +95,7 @@ Fd icmp_socket(uint16_t id) {
   Fd echo{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, protocol)};
   sockaddr_in name{};
   name.sin_family = AF_INET;
-  name.sin_port = id;  // the kernel puts the port of such a socket into its requests, as it lies in memory
+  name.sin_port = id;  // the kernel puts the port of such a socket into its requests, as it is in memory
   if (echo) std::ignore = bind(echo.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name);  // or any other id
   return echo;
 }

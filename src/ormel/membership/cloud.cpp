@@ -82,7 +82,7 @@ std::string filled(std::string text, const CloudValues& values) {
 // authorities of the host and to agree on keys costs more than everything else about it.
 CURLSH* shared_connections() {
   static const CurlShare share = [] {
-    const curl::Api& library = *curl::api();  // who asks has a handle of the library
+    const curl::Api& library = *curl::api();  // the caller has a handle of the library
     CurlShare made{library.share_init ? library.share_init() : nullptr};
     if (made) library.share_setopt(made.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
     return made;

@@ -1,4 +1,4 @@
-// What the daemons of a running member tell of its connection. The program holds no state of its own.
+// What the daemons of a running member report about its connection. The program holds no state of its own.
 //
 // Each operation gives 0 or an ERROR_CODE, logged, unless something else is said.
 #pragma once
@@ -14,7 +14,7 @@ namespace ormel::pelmar {
 // How the agent reaches the cloud: 0 not at all, and for every failure of the question.
 [[nodiscard]] int64_t mibsh_get_cloud_status();
 
-// Names and public addresses of the hub and of the super node; those that are not told stay as they are.
+// Names and public addresses of the hub and of the super node; those that are missing stay as they are.
 [[nodiscard]] int mibsh_get_hubinfo(std::string& router_name, std::string& router_ip, std::string& supernode_name,
                                     std::string& supernode_ip);
 

@@ -19,7 +19,7 @@ namespace ormel::pelmar {
 // Stores the first site of an organisation.
 [[nodiscard]] int set_site_id(const std::string& org_id);
 
-// The account center's answer about the account as it came. Failures of the transport are told apart here.
+// The account center's answer about the account as it came. Failures of the transport are distinguished here.
 [[nodiscard]] int account_center_api_me(std::string& out);
 // Stores display name, mail address and region of the account.
 [[nodiscard]] int set_pelmar_tamid_conf();

@@ -31,7 +31,7 @@ int region_id_of_join(std::string& out) {
   return get_join_pelmar_info(REGION_ID_KEY, out);
 }
 
-// What the cloud is told of this device.
+// What the cloud learns about this device.
 struct EdgeFacts {
   std::string email, contact, cloud, host_name, model, mac, serial, org_id, site_id, region_id;
 };

@@ -1,5 +1,5 @@
 // The settings that membership starts from: every key of its two files, and the facts about this device that the cloud
-// is told. Nothing is kept between calls; each reads its file anew, through the appliance's tools.
+// gets. Nothing is kept between calls; each reads its file again, through the appliance's tools.
 //
 // Unless something else is said an operation gives 0 or ERR_CMD_FAILED, and logs why it failed. A key that is missing
 // and has no default is a failure.
@@ -28,7 +28,7 @@ constexpr const char* GLOBAL_REGION = "GLB";
 constexpr const char* AUTO_REGION = "auto";       // the cloud's groups decide
 constexpr const char* SUPERNODE_REGION = "supn";  // no hub of the organisation, a super node
 
-constexpr const char* PRODUCTION_SITE = "production";  // the environment where nothing else is told
+constexpr const char* PRODUCTION_SITE = "production";  // the environment unless the settings say otherwise
 
 // Folder that this application is installed in.
 [[nodiscard]] int get_install_path(std::string& out);

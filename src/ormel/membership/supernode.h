@@ -8,8 +8,8 @@
 
 namespace ormel::pelmar {
 
-// Stores a record, {"data": {…}}. No route leads here: it stands ready for who delivers one. A record that lacks a text
-// leaves the file of before. 0, ERR_WRONG_JSON_FORMAT or ERR_SAVE_FILE, logged.
+// Stores a record, {"data": {…}}. No route leads here: it is ready for a program that delivers one. A record that lacks
+// a text leaves the file of before. 0, ERR_WRONG_JSON_FORMAT or ERR_SAVE_FILE, logged.
 [[nodiscard]] int parse_supernode(const std::string& text);
 
 }  // namespace ormel::pelmar

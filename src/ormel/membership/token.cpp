@@ -29,7 +29,7 @@ bool take_data(const json_t* root, std::string& out) {
   return true;
 }
 
-// What stands between the character behind the first "=" and the last one of the first line with `mark`: both are
+// The text between the character after the first "=" and the last one of the first line with `mark`: both are
 // taken for quotes. Empty when there is no such line.
 std::string quoted_value(const std::string& content, const char* mark) {
   for (const std::string& line : split_lines(content)) {

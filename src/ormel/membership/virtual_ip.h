@@ -8,7 +8,7 @@
 
 namespace ormel::pelmar {
 
-// Whether an address lies in a subnet of this device. One that could not be checked counts as lying there.
+// Whether an address is in a subnet of this device. One that could not be checked counts as one.
 [[nodiscard]] bool is_local_address(const std::string& ip);
 
 // Asks the cloud about an address. On a conflict for which the cloud has a suggestion `ip` becomes that, with the

@@ -60,7 +60,7 @@ inline bool empty(const char* value) {
 // The interfaces that a server may take for the way out.
 inline constexpr const char* OUT_EIF = "^(all|none|(eth|dvs|br|bond|docker|lxcbr|ppp|tun|dtunc|wgc)[0-9]+)$";
 
-// The failures that appliers report, each with the detail that the user is told.
+// The failures that appliers report, each with the detail that the user sees.
 inline int bad_value(const char* detail) {
   return error_message(ERR_VALUE, detail);
 }

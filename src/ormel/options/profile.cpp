@@ -27,7 +27,7 @@ using AddressList = std::unique_ptr<addrinfo, FreeWith<freeaddrinfo>>;
 
 constexpr size_t MAX_PSK_LENGTH = 128;
 
-// Starts an action that stands alone on the command line.
+// Starts an action that is alone on the command line.
 int begin_action(BaseConfig** record, const char* option) {
   if (!*record) return error_message(ERR_NO_TYPE, nullptr);
   return (*record)->action == NONE_ACTION ? NO_ERROR : duplicate(option);

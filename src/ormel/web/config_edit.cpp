@@ -22,7 +22,7 @@ using ormel::config::cm;
 
 namespace {
 
-// The first line of vpn.conf with `text` in it tells of a failure: `refusal`. No such line is none.
+// The first line of vpn.conf with `text` in it means a failure: `refusal`. Without such a line there is no failure.
 int check_line(const std::string& text, ERROR_CODE refusal) {
   std::string content;
   if (!system::read_file(ormel::config::VPN_CONF, content)) return ERR_MISSING_VPN_CONF;

@@ -44,7 +44,7 @@ bool refers(std::FILE* profile, const Regex& pattern) {
   return hit;
 }
 
-// The checker parts its arguments at blanks: a path with one would turn into arguments of its own.
+// The checker splits its arguments at blanks: a path with one would turn into several.
 bool one_word(const char* path) {
   return std::strpbrk(path, " \t\r\n\v\f") == nullptr;
 }
@@ -194,7 +194,7 @@ int note_compression(const ConfigFile& cf, JsonValue& data) {
   return NO_ERROR;
 }
 
-// What is told of a profile, in this order; the first refusal ends it.
+// What is reported about a profile, in this order; the first refusal ends it.
 constexpr int (*STEPS[])(const ConfigFile& cf, JsonValue& data) = {
     check_mode, check_device, list_files, note_login, list_servers, note_compression,
 };

@@ -47,7 +47,7 @@ struct vpn_peer {
 [[nodiscard]] std::string source_and_port(const vpn_peer& peer);
 // What joins a connection to its counters and names it in a request.
 [[nodiscard]] std::string key_of(const vpn_peer& peer);
-// The connection of a line. False for a line that is none.
+// Returns the connection of a line, or false for a malformed one.
 [[nodiscard]] bool parse_peer(std::string_view line, vpn_peer& peer);
 // All connections in the order of the file. False when there is no file.
 bool read_peers(std::vector<vpn_peer>& peers);

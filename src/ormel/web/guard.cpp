@@ -14,7 +14,7 @@ int show(const Request&, JsonValue& reply) {
   return NO_ERROR;
 }
 
-// What the request leaves out stays as it is. "pause" stands alone: the settings stay.
+// What the request leaves out stays as it is. "pause" comes alone: the settings stay.
 Outcome store(const Request& request, JsonValue& reply) {
   Outcome outcome;
   if (request.number("pause", 0) == 1) {

@@ -126,7 +126,7 @@ int show_events(const Request& request, JsonValue& reply) {
   return NO_ERROR;
 }
 
-// Each empties its whole table, whichever of the protocols was named. What comes of it nobody is told.
+// Each empties its whole table, whichever of the protocols was named. The result is not reported.
 int clean_tables(const Request& request, JsonValue&) {
   const long mask = number_or(request, "type", NONE_TYPE);
   if (mask & LOGGED_SERVERS) clean_conn_server_log();

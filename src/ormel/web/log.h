@@ -1,4 +1,4 @@
-// What happened, over the web: the appliance's event log as far as it tells of this service, the connection logs of
+// What happened, over the web: the appliance's event log as far as it is about this service, the connection logs of
 // servers and client profiles, their clean-up, and an archive for those who look for a fault.
 #pragma once
 

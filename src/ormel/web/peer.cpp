@@ -74,7 +74,7 @@ int apply_form(const Request& request, PolyConfig& record, bool is_new) {
   return server.keepalive < 0 || server.keepalive > KEEPALIVE_LIMIT ? ERR_VALUE : NO_ERROR;
 }
 
-// Puts the peer that the form tells of in place: a new one with index 0.
+// Puts the peer of the form in place: a new one with index 0.
 int put(const Request& request, int index) {
   const auto record = stored_server();
   if (!record) return ERR_CONFIGURE_INDEX;

@@ -25,7 +25,7 @@ constexpr const char* POLICY = "/etc/config/vpn_block.conf";
 constexpr const char* DEFAULT_POLICY = R"({"global": {"enable": true, "limit": 5, "time": 30}})";
 constexpr double MINUTE = 60;
 
-// One value that the form may give: what is stored for it, and what users are told.
+// One value that the form may give: what is stored for it, and what users read.
 struct Choice {
   std::string_view text;
   int value;
@@ -59,7 +59,7 @@ Json default_policy() {
   return Json{json_loads(DEFAULT_POLICY, 0, nullptr)};
 }
 
-// The stored policy; null when there is none. A file that nobody can read is none either.
+// The stored policy; null when there is none. A file that cannot be read counts as missing.
 Json read_policy() {
   const Json answer = call("read_json", Json{json_pack("{s:s}", "path", POLICY)}.get());
   json_t* policy = json_object_get(answer.get(), "data");
@@ -72,7 +72,7 @@ Json rules_in_force() {
   if (!policy) {
     std::ignore = clean_privilege_user_block();  // what was counted was counted under another policy
     policy = default_policy();
-    std::ignore = write_policy(policy.get());  // shown all the same
+    std::ignore = write_policy(policy.get());  // shown anyway
   }
   Json rules{json_incref(json_object_get(policy.get(), "global"))};
   json_object_update_missing(rules.get(), json_object_get(default_policy().get(), "global"));
@@ -91,7 +91,7 @@ void list_blocked(const json_t* rules, JsonValue& users) {
     if (row.limit < limit) continue;
     const std::string user = field_text(row.username);
     if (std::difftime(now, static_cast<std::time_t>(row.timestamp)) < seconds) {
-      users << system::valid_utf8(user);  // whoever tried to log in chose the bytes
+      users << system::valid_utf8(user);  // anyone who tried to log in chose the bytes
     } else {
       std::ignore = delete_privilege_user_block(user.c_str());  // the next list will try again
     }
@@ -118,7 +118,7 @@ Outcome change_policy(const Request& request, JsonValue&) {
   std::ignore = clean_privilege_user_block();  // the policy counts for more than what was counted under the old one
   const Json policy{
       json_pack("{s:{s:b, s:i, s:i}}", "global", "enable", enable->value, "limit", limit->value, "time", time->value)};
-  if (!write_policy(policy.get())) {  // an answer that tells of an error is none
+  if (!write_policy(policy.get())) {  // an answer with an error counts as missing
     ORMEL_LOG(ERROR, ": mib failed. mibsh vpncaas.read_json path=%s", POLICY);
     return {ERR_MIB_API_RET_ERROR};
   }

@@ -30,7 +30,7 @@ namespace cgi {
 namespace {
 
 constexpr size_t COPY_SIZE = size_t{64} * 1024;
-constexpr size_t OUTPUT_SIZE = size_t{64} * 1024;   // most answers leave in one write, which wakes the server once
+constexpr size_t OUTPUT_SIZE = size_t{64} * 1024;  // most answers leave in one write, which wakes the server once
 
 // Where a local call gets its answer; null for a web request.
 std::FILE* local_output = nullptr;
@@ -40,7 +40,8 @@ std::FILE* output() {
   return local_output ? local_output : stdout;
 }
 
-// The platform's mark of settings that it could not save. Told beside every answer, as the answers themselves cannot.
+// The platform's mark of settings that it could not save. Every answer has it as a header, as the answers themselves
+// have no place for it.
 constexpr const char* SETTINGS_FAULT = "/run/fenro/settings_fault";
 
 const char* fault_header() {

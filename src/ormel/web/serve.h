@@ -30,7 +30,7 @@ namespace system {
 
 namespace cgi {
 
-// The parsed form and the level of its session. What the environment told of the request is gone from it afterwards,
+// The parsed form and the level of its session. What the environment said about the request is gone from it afterwards,
 // so that no program started later inherits a password or a session.
 class Request : public CgiRequest {
  public:

@@ -109,7 +109,7 @@ TEST(BusClient, AnAbsentServiceIsToldAtOnceAndAnUnusableOneToo) {
   EXPECT_LT(Clock::now() - start, 1s);
 }
 
-// Plays a service that says `words` to whoever comes, after it was sent the end of a request or without waiting.
+// Plays a service that says `words` to every client, after it was sent the end of a request or without waiting.
 Call call_to_a_service_saying(const std::string& words, bool hang_up) {
   const std::string service = "@raw-" + SERVICE;
   const bus::Address address = bus::address_of(service);

@@ -17,7 +17,7 @@ class NetworkdTest : public testing::Test {
     const auto method = std::find_if(all.begin(), all.end(), [&](const Method& each) { return each.name == name; });
     return method == all.end() ? "no such method" : answer(*state, *method, body);
   }
-  // The integer "error" of a reply; a reply that is none of ours gives INT_MIN.
+  // The integer "error" of a reply; a foreign reply gives INT_MIN.
   int error_of(std::string_view name, std::string_view body) {
     const std::string text = call(name, body);
     const Json reply{json_loads(text.c_str(), 0, nullptr)};

@@ -160,7 +160,7 @@ TEST(GatewayChoice, ReturnsAfterTheFirstHasBeenWellForTheWholeInterval) {
                                                                    {0, WELL, WELL, Chosen::FIRST},
                                                                    {1, SILENT, WELL, Chosen::SECOND},
                                                                    {2, WELL, WELL, Chosen::SECOND},
-                                                                   {6, SILENT, WELL, Chosen::SECOND},  // starts anew
+                                                                   {6, SILENT, WELL, Chosen::SECOND},  // starts afresh
                                                                    {7, WELL, WELL, Chosen::SECOND},
                                                                    {11, WELL, WELL, Chosen::SECOND},
                                                                    {12, WELL, WELL, Chosen::FIRST},

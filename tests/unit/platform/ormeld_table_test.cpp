@@ -70,7 +70,7 @@ TEST_F(OrmeldTable, OrdersPagesAndFilters) {
       {"a number as condition", rows_from(0, -1, 0, false, "vpn_type", "4"), "ab"},
       {"a text as condition", rows_from(0, -1, 0, false, "username", "b"), "b"},
       {"a condition and an order", rows_from(0, 1, 4, true, "vpn_type", "4"), "b"},
-      {"a number that is none", rows_from(0, -1, 0, false, "vpn_type", "four"), ""},
+      {"a malformed number", rows_from(0, -1, 0, false, "vpn_type", "four"), ""},
       {"a value is no SQL", rows_from(0, -1, 0, false, "username", "' OR 1=1 --"), ""},
       {"an empty value is one", rows_from(0, -1, 0, false, "username", ""), ""},
   };

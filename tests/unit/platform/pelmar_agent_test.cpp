@@ -60,7 +60,7 @@ TEST(LinkWatch, LosesPatienceWithALinkThatStaysDown) {
     EXPECT_FALSE(watch.report(false, true, 100).cloud);
     EXPECT_FALSE(watch.report(false, false, 100 + LinkWatch::PATIENCE - 1).cloud);
   }
-  LinkWatch later{file};  // the daemon was started anew
+  LinkWatch later{file};  // the daemon was started again
   const LinkWatch::Timeouts timeouts = later.report(false, false, 100 + LinkWatch::PATIENCE);
   EXPECT_TRUE(timeouts.cloud);
   EXPECT_FALSE(timeouts.tunnels);

@@ -70,7 +70,7 @@ inline Outcome run(const std::vector<std::string>& words) {
 
 constexpr int NO_NAMESPACE = 99;  // a child's status when the kernel denies it what the test needs
 
-// Runs `body` in a child in which the scratch folder stands in the place of the host's /run and /var/lib, so nothing
+// Runs `body` in a child in which the scratch folder takes the place of the host's /run and /var/lib, so nothing
 // reaches the host. The child's exit status, or -1 where the kernel gives no such namespace.
 template <typename Body>
 int in_private_host(const Scratch& scratch, Body body) {

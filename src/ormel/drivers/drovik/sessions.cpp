@@ -16,8 +16,7 @@ constexpr const char* SERVICE = "MorviServer";
 
 // The lines are worded by method.
 constexpr system::Wording BYTES_WORDING{"mib_call failed ret:{status}", "root isn't an object. {line}: {reason}",
-                                        "val isn't an integer. {line}: {reason}",
-                                        "{service}.{method} failed {reply}"};
+                                        "val isn't an integer. {line}: {reason}", "{service}.{method} failed {reply}"};
 constexpr system::Wording KICK_WORDING{BYTES_WORDING.no_reply, "root isn't a object. {line}: {reason}",
                                        "val isn't a integer. {line}: {reason}", BYTES_WORDING.refused};
 

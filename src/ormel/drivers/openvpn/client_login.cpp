@@ -45,7 +45,7 @@ Fd connect_daemon(int index) {
   path.copy(address.sun_path, sizeof address.sun_path - 1);
   Fd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   if (!fd) return fd;
-  // Before the connection too: whoever put a socket there need not take it.
+  // Before the connection too: the owner of a socket there need not take it.
   for (const int direction : {SO_SNDTIMEO, SO_RCVTIMEO}) {
     setsockopt(fd.get(), SOL_SOCKET, direction, &REPLY_TIMEOUT, sizeof REPLY_TIMEOUT);
   }

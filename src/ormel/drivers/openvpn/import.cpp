@@ -137,7 +137,7 @@ int take_login(ClientConfig& record, ConfigFile& cf) {
   return NO_ERROR;
 }
 
-// An inline key has no place for the direction that stands behind the name of a file.
+// An inline key has no place for the direction that follows the name of a file.
 int note_key_direction(ClientConfig&, ConfigFile& cf) {
   const FileOption* tls_auth = cf.get_option("tls-auth");
   if (!tls_auth || tls_auth->type != NORMAL_OPTION_TYPE) return NO_ERROR;
@@ -249,7 +249,7 @@ int ClientConfig::convert(int slot, ConfigFile& cf) {
 int ClientConfig::import(int slot) {
   ConfigFile cf;
   if (const int rc = rewrite(*this, slot, cf, STEPS); rc != NO_ERROR) return rc;
-  std::ignore = save_config_file(cf);  // it has been reported, and the profile stands without its file
+  std::ignore = save_config_file(cf);  // it has been reported, and the profile is kept without its file
   return announce(nc_message("C002", "0010"), opt_ext_dev_register);
 }
 

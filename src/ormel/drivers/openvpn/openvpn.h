@@ -1,6 +1,6 @@
 // The OpenVPN driver, and the personality by which the daemon of a client logs in.
 //
-// What a client profile does lies in a file of its own, /etc/config/openvpn/clients/client<index>, which `import` makes
+// What a client profile does is in a separate file, /etc/config/openvpn/clients/client<index>, which `import` makes
 // from a foreign profile and every change rewrites from its own content; vpn.conf holds a summary of it. The rewriting
 // keeps the cryptography and the routes of the foreign profile and replaces all that decides how the daemon runs here:
 // interface, user, log, management, scripts, pid file. It changes nothing on its own output.

@@ -50,7 +50,7 @@ bool take_line(std::string_view& rest, std::string_view& line) {
   return !line.empty();
 }
 
-// A name of dashes alone is none: without them nothing would be left of it, and its value would be written as a line
+// A name of dashes alone is refused: without them nothing would be left of it, and its value would be written as a line
 // of its own.
 bool named(std::string_view name) {
   return name.find_first_not_of('-') != std::string_view::npos;
@@ -89,7 +89,7 @@ bool take_block(std::string_view& rest, Block& block) {
 
 void set_remote(OpenvpnRemotes& remote, std::string_view value) {
   std::vector<std::string> words = split_words(trimmed(value));
-  words.resize(3);  // a missing word is empty, more are nobody's
+  words.resize(3);  // a missing word is empty, more are ignored
   remote.remote_ip = std::move(words[0]);
   remote.remote_port = std::move(words[1]);
   remote.remote_proto = std::move(words[2]);

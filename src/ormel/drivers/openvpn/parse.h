@@ -1,7 +1,7 @@
 // The parser behind ConfigFile::parse_content.
 //
-// What counts as a line, a block and an option is told by three POSIX expressions, of which the functions here are the
-// hand-written form (regexec would look at the whole rest of the text for every line):
+// What counts as a line, a block and an option is defined by three POSIX expressions, of which the functions here are
+// the hand-written form (regexec would look at the whole rest of the text for every line):
 //   line    [\t ]*([^\r\n]+)
 //   block   [\t ]*<([0-9a-zA-Z_-]+)>([^<]*)</([0-9a-zA-Z_-]+)>[\t ]*
 //   option  [\t ]*([0-9a-zA-Z-]+)[\t ]*([^\r\n]*)     anywhere in the line
@@ -27,7 +27,7 @@ class ProfileParser {
  private:
   struct Found {
     FileOption option;
-    std::string_view name;  // as it stands in the text, leading "-" included
+    std::string_view name;  // as it is in the text, leading "-" included
     bool repeatable;
   };
 

@@ -33,7 +33,7 @@ constexpr const char* CHECKER = "/usr/sbin/verify_ovpn.sh";
 constexpr std::size_t LONGEST_TEXT = 200;  // bytes of a line that are shown
 constexpr int ANY_SLOT = 1;                // the profile has none yet
 
-// Why an option does not reach the daemon as it stands. `replaced`: a line of that name in the stored profile is ours.
+// Why an option does not reach the daemon unchanged. `replaced`: a line of that name in the stored profile is ours.
 struct Explanation {
   std::string_view name;
   bool replaced;

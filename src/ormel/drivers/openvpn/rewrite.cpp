@@ -74,7 +74,7 @@ void capitalize(ConfigFile& cf, const char* name) {
 }
 
 void settle_connection(option::OpenvpnRemotes& remote) {
-  if (remote.remote_proto == "udp") remote.others.emplace("explicit-exit-notify", "1");  // unless it is told
+  if (remote.remote_proto == "udp") remote.others.emplace("explicit-exit-notify", "1");  // unless the profile sets it
   for (const char* name : SETTLED) remote.others.erase(name);
 }
 
@@ -118,7 +118,7 @@ std::string pid_file(int index) {
 }  // namespace
 
 const char* tls_ciphers() {
-  // Compared unsigned: a version that cannot be told counts as a recent one.
+  // Compared unsigned: an unknown version counts as a recent one.
   return static_cast<unsigned int>(openssl::version_num()) < OPENSSL_1_0_1
              ? "TLS-DHE-RSA-WITH-AES-256-CBC-SHA256:TLS-DHE-RSA-WITH-AES-128-CBC-SHA256"
              : "TLS-ECDHE-RSA-WITH-AES-256-GCM-SHA384:TLS-ECDHE-ECDSA-WITH-AES-256-GCM-SHA384:"

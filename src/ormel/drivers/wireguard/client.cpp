@@ -115,7 +115,7 @@ void ClientConfig::notify_settings(const nc_msg_struct& message, const std::stri
 // The key material lives in vpn.conf; the script owns what it has derived from it.
 void ClientConfig::remove() {
   std::string plain_name;
-  std::ignore = system::decode_urlEncoded(name, plain_name);  // the profile goes all the same
+  std::ignore = system::decode_urlEncoded(name, plain_name);  // the profile is removed anyway
   notify_settings(nc_message("C002", "0028"), plain_name);
   std::ignore = mibcall_external_dev(opt_ext_dev_unregister);  // it has been logged
   std::ignore = system::background(script("remove"));          // nobody waits for it

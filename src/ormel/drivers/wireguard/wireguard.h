@@ -113,7 +113,7 @@ class ClientConfig : public config::DriverClient {
   [[nodiscard]] const char* registered_gateway() const override { return config::ANY_ADDRESS; }
 };
 
-// Makes `out` the array of the peers, each with what the running interface tells of it.
+// Makes `out` the array of the peers, each with what the running interface reports about it.
 void show_peers(JsonValue& out, const PeerFile& peers);
 
 // Whether a client's interface can be up beside the servers that are on. 0, ERR_IP_POOL_CONFLICT when it shares
