@@ -6,7 +6,7 @@
 
 namespace fenro {
 
-// A pointer to each word, and a null behind them; good for as long as nobody changes `words`.
+// Returns a pointer to each word, and a null after them; valid until `words` changes.
 [[nodiscard]] inline std::vector<char*> argv_of(std::vector<std::string>& words) {
   std::vector<char*> argv;
   argv.reserve(words.size() + 1);

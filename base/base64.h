@@ -8,7 +8,7 @@ namespace fenro {
 
 [[nodiscard]] std::string to_base64(std::string_view bytes);
 
-// False for anything but whole groups of four, padded at the end alone.
+// Returns false for anything but whole groups of four, padded only at the end.
 [[nodiscard]] bool parse_base64(std::string_view text, std::string& out);
 
 }  // namespace fenro

@@ -113,7 +113,7 @@ bool is_stale_name(std::string_view name, std::string_view start) {
          name.find_first_not_of(NAME_CHARACTERS, start.size()) == std::string_view::npos;
 }
 
-// Takes away what writers of this file left that were killed.
+// Removes the temporary files of writers that were killed.
 void remove_stale(const std::string& target) {
   const std::string folder = folder_of(target);
   const std::string start = target.substr(target.rfind('/') + 1) + TEMPORARY_MARK;
@@ -127,7 +127,7 @@ void remove_stale(const std::string& target) {
   }
 }
 
-// The rename itself has to reach the disk; file systems without a notion of that answer EINVAL.
+// The rename itself has to reach the disk; file systems that cannot flush a folder answer EINVAL.
 bool flush_folder(const std::string& path) {
   const Fd folder{open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
   return folder && (fsync(folder.get()) == 0 || errno == EINVAL);

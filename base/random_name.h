@@ -1,4 +1,4 @@
-// Names that nobody can guess.
+// Names that cannot be guessed.
 #pragma once
 
 #include <string>

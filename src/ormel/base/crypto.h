@@ -6,16 +6,16 @@
 
 namespace ormel::openssl {
 
-// The text is a PEM certificate revocation list.
+// Returns whether the text is a PEM certificate revocation list.
 [[nodiscard]] bool is_crl(const std::string& pem);
-// The text is a PEM certificate with a public key.
+// Returns whether the text is a PEM certificate with a public key.
 [[nodiscard]] bool is_cert(const std::string& pem);
 
 struct CertificateFacts {
   std::string subject{};  // its common name, or its organisation
   long days = 0;          // whole days until its end; negative after it
 };
-// The facts of all PEM certificates in a text; one that cannot be read ends the list.
+// Returns the facts of all PEM certificates in a text, up to the first malformed one.
 [[nodiscard]] std::vector<CertificateFacts> certificates_of(const std::string& pem);
 
 // SHA-1 as 40 lower-case hexadecimal characters.

@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* UNKNOWN_ERROR = "unknown error";
 
-// Indexed by code. Clients know numbers and texts as they stand here: the texts of 65 to 69 are one place behind the
+// Indexed by code. Clients know these numbers and texts: the texts of 65 to 69 are one place after the
 // names of their codes, and 72 and 88 read alike.
 constexpr const char* ERROR_MESSAGE[] = {
     /*  0 */ "",

@@ -29,8 +29,8 @@ bool same_origin(const void* a, const void* b) {
   return dladdr(a, &of_a) != 0 && dladdr(b, &of_b) != 0 && of_a.dli_fbase == of_b.dli_fbase;
 }
 
-// Sharing is a convenience, and a library that is put in front of this one may have the easy interface alone: its
-// handles mean nothing to the rest of the other.
+// Sharing is optional. A preloaded library may have the easy interface alone, and its handles mean nothing to the share
+// functions of another library.
 void load_share(Api& api) {
   const auto address = [](auto function) { return reinterpret_cast<const void*>(function); };
   const bool found = find_function(api.share_init, "curl_share_init") &&

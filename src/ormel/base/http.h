@@ -26,7 +26,7 @@ struct Api {
   decltype(&::curl_share_cleanup) share_cleanup;
 };
 
-// The loaded library; null when it, or one of the functions, is missing.
+// Returns the loaded library, or null when it, or one of the functions, is missing.
 [[nodiscard]] const Api* api();
 
 struct Cleanup {
@@ -46,21 +46,21 @@ using Curl = std::unique_ptr<CURL, curl::Cleanup>;
 using CurlList = std::unique_ptr<curl_slist, curl::Cleanup>;
 using CurlShare = std::unique_ptr<CURLSH, curl::ShareCleanup>;
 
-// A new handle, empty when libcurl is missing.
+// Returns a new handle, or an empty one when libcurl is missing.
 [[nodiscard]] Curl new_curl();
 
-// Adds a line to the head of a request. False for one that holds a line end, which would add more headers than that
-// one, and without memory.
+// Adds a header line to a request. Returns false for one with a line break, which would add further headers, and when
+// memory is short.
 [[nodiscard]] bool add_header(CurlList& headers, const std::string& line);
 
 namespace system {
 
 // Performs the request that `handle` is set up for, within ten seconds, and appends the answer to `out`.
-// 0, ERR_EASYCURL_FAIL for an empty handle, ERR_HTTP_ERROR for a status outside 200 to 299, else libcurl's own code;
-// that of a failed write, and nothing in `out`, for an answer of more than 4 MiB.
+// Returns 0, ERR_EASYCURL_FAIL for an empty handle, ERR_HTTP_ERROR for a status outside 200 to 299, or libcurl's own
+// code: that of a failed write, with `out` empty, for an answer of more than 4 MiB.
 [[nodiscard]] int easycurl(Curl handle, std::string& out);
 
-// Write callback of libcurl: appends to the std::string behind `out`, as far as that stays below the limit.
+// Write callback of libcurl: appends to the std::string that `out` points to, up to the limit.
 size_t curl_memory_data(void* bytes, size_t size, size_t count, void* out);
 
 // Replaces "%" and two hexadecimal digits by the byte that they stand for; any other "%", and "+", stay. Returns 0, or

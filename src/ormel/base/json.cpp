@@ -26,7 +26,7 @@ void append_number(std::string& out, const char (&format)[Size], double number) 
   out.append(buffer, static_cast<size_t>(length));
 }
 
-// The letter after the backslash; zero for a byte that is printed as it is, 'u' for one that its number stands for.
+// The letter after the backslash; zero for a byte that is printed as it is, 'u' for one that is printed as its number.
 char escape_of(char byte) {
   switch (byte) {
     case '\b': return 'b';
@@ -68,7 +68,7 @@ int append_piece(const char* piece, size_t size, void* out) {
   return 0;
 }
 
-// How `print` writes what `toString` writes otherwise.
+// How `print` writes what `toString` writes in another way.
 struct PrintStyle {
   static void number(std::string& out, double number) { append_number(out, "%f", number); }
   static void document(std::string& out, const json_t* document) {

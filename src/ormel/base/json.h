@@ -52,7 +52,7 @@ class JsonValue {
   JsonValue& operator=(uint64_t from);
   JsonValue& operator=(const std::string& from);
 
-  // Becomes an array or an object without contents, which would else come with the first of them.
+  // Becomes an array or an object without contents, which would otherwise come with the first of them.
   JsonValue& make_array();
   JsonValue& make_object();
 

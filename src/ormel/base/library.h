@@ -5,7 +5,7 @@
 
 namespace ormel {
 
-// Loads a library for good: some register handlers that run at exit. False if it is missing.
+// Loads a library, and never unloads it: some register handlers that run at exit. Returns false if it is missing.
 [[nodiscard]] inline bool load_library(const char* name) {
   return dlopen(name, RTLD_NOW | RTLD_GLOBAL) != nullptr;
 }

@@ -55,8 +55,8 @@ int lock_whole_file(int fd, int command, short type) {
   return fcntl(fd, command, &lock);
 }
 
-// Every user may put an entry of this name into the folder: a FIFO, or a file that he holds a
-// lock of, must not make us wait. The log says so once, and lines are written without the lock
+// Every user may put an entry of this name into the folder: a FIFO, or a file that is locked, must not
+// make us wait. The log says so once, and lines are written without the lock
 // from then on.
 void open_line_lock() {
   static bool refused = false;
@@ -144,7 +144,7 @@ bool exists(const std::string& path) {
   return stat(path.c_str(), &status) == 0;
 }
 
-// Moves each generation one place on, the live log becoming the first. False at the first rename that fails.
+// Renames each generation to the next, the live log to the first. Returns false at the first rename that fails.
 bool shift_generations(const std::string& path) {
   for (int i = OLD_GENERATIONS - 1; i >= 0; --i) {
     const std::string source = i == 0 ? path : path + '.' + std::to_string(i);

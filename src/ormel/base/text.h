@@ -7,7 +7,7 @@
 
 namespace ormel {
 
-// Length in bytes of a UTF-8 sequence from its first byte; 6 for a byte that begins none.
+// Returns the length in bytes of a UTF-8 sequence by its first byte; 6 for a byte that cannot be first.
 [[nodiscard]] int mb_size(const char& lead);
 
 // The longest prefix of `text` of at most `limit` bytes that ends on a whole sequence.
@@ -24,11 +24,11 @@ std::string& trim(std::string& text);
 // Erases all leading bytes equal to `c`.
 std::string& lstrip(std::string& text, char c);
 
-// Copies that are wholly in one case, by the C locale.
+// Return copies in one case, by the C locale.
 [[nodiscard]] std::string to_upper(std::string text);
 [[nodiscard]] std::string to_lower(std::string text);
 
-// The leading decimal number of a text, 0 for none or null; cut to the range of int.
+// Returns the leading decimal number of a text, clamped to the range of int; 0 without one, and for null.
 [[nodiscard]] int to_int(const char* text);
 
 // The text in a field of fixed size, which may lack its closing zero.

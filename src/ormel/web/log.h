@@ -8,7 +8,8 @@
 
 namespace ormel::cgi {
 
-// A row of the event log as an object of its columns, added to the JsonValue behind `out`. Always 0: the next, please.
+// A row of the event log as an object of its columns, added to the JsonValue behind `out`. Always returns 0, so that
+// SQLite continues.
 int sqlite_query_callback(void* out, int columns, char** values, char** names);
 
 }  // namespace ormel::cgi
