@@ -282,6 +282,22 @@ TEST_F(Keeper, TellsOfALockedUserOnce) {
   fs::remove("/etc/config/vpn_block.conf");
 }
 
+TEST_F(Keeper, WritesMailAndSaysWhyItCannot) {
+  constexpr const char* SENDMAIL = "/usr/sbin/sendmail";
+  ASSERT_EQ(ctl({"notify", "add", "ops", "--url", "mail:root", "--events", "failed"}).status, 0);
+  const auto send = [](const std::string& program) {
+    fs::remove(SENDMAIL);
+    if (!program.empty()) write(SENDMAIL, "#!/bin/sh\n" + program, 0755);
+    return ctl({"notify", "test", "ops"});
+  };
+  EXPECT_EQ(send("printf '%s\\n' \"$*\" >/tmp/mail; cat >>/tmp/mail\n").status, 0);
+  EXPECT_THAT(read("/tmp/mail"), AllOf(StartsWith("-i -- root\nTo: root\nSubject: [ormel] "),
+                                       EndsWith("\n\nThis is a test of the notifications to ops.\n")));
+  EXPECT_THAT(send("exit 75\n").err, HasSubstr("sendmail ends with status 75"));
+  EXPECT_THAT(send("").err, HasSubstr("this host has no mail system"));
+  EXPECT_EQ(ctl({"notify", "rm", "ops", "--yes"}).status, 0);
+}
+
 TEST_F(Keeper, PassesOnWhatOtherDaemonsReport) {
   const Receiver receiver;
   ASSERT_EQ(ctl({"notify", "add", "ops", "--url", receiver.url, "--events", "gateway,guard"}).status, 0);
