@@ -28,7 +28,7 @@ inline constexpr ReasonFacts REASONS[] = {
     // clang-format off
     {"name-not-found",         ERR_CURL_DNS_RESOLVE,          false, false, "the server's name is not found",                                    "Check the server's name and the name servers of this host."},
     {"no-route",               ERR_NO_NETWORK,                false, false, "no route to the server",                                            "Check the network of this host and its default gateway."},
-    {"no-answer",              ERR_CURL_TIMEOUT,              false, false, "no answer from the server",                                         "Check address, port and protocol. The server may be off, or a firewall may be in between."},
+    {"no-answer",              ERR_CURL_TIMEOUT,              false, false, "no answer from the server",                                         "Check address, port and protocol. The server may be off, a firewall may be in between, or it ignores a wrong pre-shared key."},
     {"login-refused",          ERR_SESSION_AUTH_FAIL,         true,  false, "login refused by the server: wrong user name or password",          "Enter the password again. It is not tried again, since that could block the account."},
     {"login-later",            ERR_SESSION_AUTH_FAIL,         false, false, "the server takes no login of this user for now",                    "It is tried again later. Too many wrong passwords may have blocked the user."},
     {"psk-wrong",              ERR_VALUE,                     true,  false, "the pre-shared key is not the server's",                            "Enter the pre-shared key again, or ask for a new profile."},

@@ -31,7 +31,8 @@ struct TunnelFacts {
   const char* log_name;          // in log lines about address conflicts
   const char* title;             // in the web interface
   const char* server_daemon;     // base name of its program in the process table; null without a process
-  const char* client_daemon;     // the same for a client
+  const char* server_argument;   // one of its arguments, which no other run of that program has
+  const char* client_daemon;     // base name of a client's program
   const char* script;            // init script of the server
   const char* client_script;     // init script of a client
   const char* start;             // action of the client script that connects
@@ -61,6 +62,7 @@ inline constexpr TunnelFacts TUNNELS[] = {
      .log_name = "PPTP",
      .title = "PPTP",
      .server_daemon = "pptpd",
+     .server_argument = "/etc/config/ppp/pptpd.conf",
      .client_daemon = "pppd-pptp",
      .script = "/etc/init.d/vpn_pptp.sh",
      .client_script = "/etc/init.d/vpn_pptp_client.sh",
@@ -88,6 +90,7 @@ inline constexpr TunnelFacts TUNNELS[] = {
      .log_name = "L2TP",
      .title = "L2TP/IPsec",
      .server_daemon = "xl2tpd",
+     .server_argument = "/etc/config/ppp/xl2tpd.conf",
      .client_daemon = "pppd-l2tp",
      .script = "/etc/init.d/vpn_l2tp.sh",
      .client_script = "/etc/init.d/vpn_l2tp_client.sh",
@@ -115,6 +118,7 @@ inline constexpr TunnelFacts TUNNELS[] = {
      .log_name = "OpenVPN",
      .title = "OpenVPN",
      .server_daemon = "openvpn",
+     .server_argument = "/etc/config/openvpn/server.conf",
      .client_daemon = "openvpnclient",
      .script = "/etc/init.d/vpn_openvpn.sh",
      .client_script = "/etc/init.d/vpn_openvpn_client.sh",
@@ -142,6 +146,7 @@ inline constexpr TunnelFacts TUNNELS[] = {
      .log_name = "Drovik",
      .title = "Drovik",
      .server_daemon = "morvid",
+     .server_argument = "DROVIK",
      .client_daemon = "morvic",
      .script = "/etc/init.d/vpn_drovik.sh",
      .client_script = "/etc/init.d/vpn_drovik_client.sh",
@@ -169,6 +174,7 @@ inline constexpr TunnelFacts TUNNELS[] = {
      .log_name = "WireGuard",
      .title = "WireGuard",
      .server_daemon = nullptr,
+     .server_argument = nullptr,
      .client_daemon = nullptr,
      .script = "/etc/init.d/vpn_wireguard.sh",
      .client_script = "/etc/init.d/vpn_wireguard_client.sh",

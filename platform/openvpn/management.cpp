@@ -64,7 +64,8 @@ std::optional<std::string> Management::hear(int seconds) {
     if (TEMP_FAILURE_RETRY(poll(&waiting, 1, seconds > 0 ? seconds * MILLISECONDS : -1)) <= 0) return {};
     char piece[4096];
     const ssize_t got = TEMP_FAILURE_RETRY(recv(fd_.get(), piece, sizeof piece, 0));
-    if (got <= 0 || heard_.size() > LONGEST_LINE) return {};
+    closed_ = got <= 0 || heard_.size() > LONGEST_LINE;
+    if (closed_) return {};
     heard_.append(piece, static_cast<std::size_t>(got));
   }
   std::string line = heard_.substr(0, end);

@@ -28,12 +28,15 @@ class Management {
   // The next line without its end; nothing when the daemon has closed, or has been silent for `seconds` (0: wait for
   // ever).
   [[nodiscard]] std::optional<std::string> hear(int seconds = 0);
+  // Whether the daemon has closed.
+  [[nodiscard]] bool closed() const { return closed_; }
 
  private:
   explicit Management(Fd fd) : fd_(std::move(fd)) {}
 
   Fd fd_;
   std::string heard_{};
+  bool closed_ = false;
 };
 
 }  // namespace fenro::openvpn

@@ -1,6 +1,8 @@
 #include "openvpn/signs.h"
 
 #include <algorithm>
+#include <charconv>
+#include <system_error>
 
 namespace fenro::openvpn {
 namespace {
@@ -52,7 +54,7 @@ constexpr Row SIGNS[] = {
     {"TLS handshake failed", "no-answer"},
     {"Server poll timeout", "no-answer"},
     {"server_poll", "no-answer"},
-    {"connect-retry-max", "no-answer"},
+    {"have been connect-retry-max (", "no-answer"},
     {"Inactivity timeout", "no-answer"},
     {"code=111)", "no-answer"},  // ECONNREFUSED
     {"failed: Connection refused", "no-answer"},
@@ -70,11 +72,21 @@ std::optional<Sign> find(const Row (&rows)[N], std::string_view text, std::strin
   return Sign{row->code, std::string(detail)};
 }
 
-// A line of the log is the time, its flags and the text.
+std::string_view take_field(std::string_view& line) {
+  const std::string_view field = line.substr(0, line.find(','));
+  line.remove_prefix(std::min(field.size() + 1, line.size()));
+  return field;
+}
+
+// A line of the log is the time, its flags and the text; one that was asked for has no mark before it. Empty for any
+// other line.
 std::string_view log_text(std::string_view line) {
-  line.remove_prefix(LOG.size());
-  for (int commas = 0; commas < 2; ++commas) line.remove_prefix(std::min(line.find(','), line.size() - 1) + 1);
-  return line;
+  constexpr std::string_view DIGITS = "0123456789", FLAGS = "IFNWD";
+  if (line.starts_with(LOG)) line.remove_prefix(LOG.size());
+  const std::string_view time = take_field(line), flags = take_field(line);
+  const bool logged = !time.empty() && time.find_first_not_of(DIGITS) == std::string_view::npos &&
+                      flags.find_first_not_of(FLAGS) == std::string_view::npos;
+  return logged ? line : std::string_view{};
 }
 
 // What the server has said: 'Auth' ['its words'].
@@ -95,7 +107,6 @@ std::optional<Sign> sign_of(std::string_view line) {
     const auto known = find(SIGNS, text, text);
     return known ? known : Sign{"settings-bad", std::string(text)};
   }
-  if (!line.starts_with(LOG) || line.size() == LOG.size()) return {};
   const std::string_view text = log_text(line);
   return find(SIGNS, text, text);
 }
@@ -108,12 +119,25 @@ bool says_reconnecting(std::string_view line) {
   return line.starts_with(STATE) && line.find(",RECONNECTING,") != std::string::npos;
 }
 
+std::optional<int> remote_count(std::string_view line) {
+  int count = 0;
+  const auto [end, failure] = std::from_chars(line.data(), line.data() + line.size(), count);
+  if (failure != std::errc{} || end != line.data() + line.size() || count < 1) return {};
+  return count;
+}
+
 bool warns_of_own_certificate(std::string_view line) {
-  return line.starts_with(LOG) && line.find("Your certificate has expired") != std::string::npos;
+  return log_text(line).find("Your certificate has expired") != std::string_view::npos;
+}
+
+bool says_server_answers(std::string_view line) {
+  return (line.starts_with(STATE) || !line.starts_with('>')) && line.find(",AUTH,,") != std::string_view::npos;
 }
 
 bool says_handshake_failed(std::string_view line) {
-  return line.starts_with(LOG) && line.find("TLS handshake failed") != std::string_view::npos;
+  const std::string_view text = log_text(line);
+  return text.find("TLS handshake failed") != std::string_view::npos ||
+         text.find("TLS key negotiation failed") != std::string_view::npos;
 }
 
 }  // namespace fenro::openvpn

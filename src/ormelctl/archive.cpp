@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
-#include <filesystem>
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
 #include <memory>
-#include <stdlib.h>
 #include <string_view>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "ormel/base/file.h"
 #include "ormel/base/library.h"
@@ -74,15 +77,37 @@ bool read_content(archive* one, std::string& content, size_t room) {
   return got == 0;
 }
 
+// Of the second process: a signal to the first one's group does not reach it, and it keeps no stream open.
+[[noreturn]] void remove_after(int wait, int life, const char* path) {
+  setsid();
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, life}) close(stream);
+  char nothing = 0;
+  while (read(wait, &nothing, 1) < 0 && errno == EINTR) continue;
+  execl("/bin/rm", "rm", "-rf", "--", path, nullptr);
+  _exit(EXIT_FAILURE);
+}
+
 }  // namespace
 
 PrivateFolder::PrivateFolder() : path_("/run/ormelctl.XXXXXX") {
-  if (!mkdtemp(path_.data())) path_.clear();
+  int ends[2] = {-1, -1};
+  if (!mkdtemp(path_.data())) {
+    path_.clear();
+    return;
+  }
+  const bool piped = pipe2(ends, O_CLOEXEC) == 0;
+  const ormel::Fd wait{ends[0]};
+  life_ = ormel::Fd{ends[1]};
+  if (piped) remover_ = fork();
+  if (remover_ == 0) remove_after(wait.get(), life_.get(), path_.c_str());
+  if (remover_ > 0) return;
+  rmdir(path_.c_str());
+  path_.clear();
 }
 
 PrivateFolder::~PrivateFolder() {
-  std::error_code ignored;
-  if (!path_.empty()) std::filesystem::remove_all(path_, ignored);
+  life_ = ormel::Fd{};
+  if (remover_ > 0) waitpid(remover_, nullptr, 0);
 }
 
 bool is_archive(const std::string& path) {

@@ -2,11 +2,14 @@
 #pragma once
 
 #include <string>
+#include <sys/types.h>
 #include <vector>
+
+#include "ormel/base/handle.h"
 
 namespace ormelctl {
 
-// A folder in memory for its owner alone, which goes with the object.
+// A folder in memory for its owner alone. It goes with the object, and with the process however that ends.
 class PrivateFolder {
  public:
   PrivateFolder();
@@ -17,6 +20,8 @@ class PrivateFolder {
 
  private:
   std::string path_;
+  ormel::Fd life_{};  // a second process removes the folder once this is closed
+  pid_t remover_ = -1;
 };
 
 struct PackedFile {

@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "ormel/base/error.h"
+#include "ormelctl/advice.h"
 #include "ormelctl/service.h"
 
 namespace ormelctl {
@@ -58,8 +59,9 @@ constexpr Command COMMANDS[] = {
     {"log",     "servers", "", "since= user= limit= follow", true, false, "Show the connections to the servers", "log servers --user bob", log_servers},
     {"log",     "program", "", "limit= follow", true, false, "Show the end of the program's log", "log program --limit 50", log_program},
     {"keeper",  "",        "", "", true,  false, "Show what is kept running, and what was started again", "keeper", keeper_show},
+    {"notify",  "kinds",   "", "", true,  false, "List the kinds of events that somebody can be notified of", "notify kinds", notify_kinds},
     {"notify",  "list",    "", "", true,  false, "List who is notified of which events", "notify list", notify_list},
-    {"notify",  "add",     "NAME", "to= events= secret-file=", false, false, "Notify a webhook, or a user by mail, of events", "notify add ops --to https://hooks.example.org/ormel --events 'failed lost back'", notify_add},
+    {"notify",  "add",     "NAME", "url= to= events= secret-file=", false, false, "Notify a webhook, or a user by mail with --url mail:USER, of events", "notify add ops --url https://hooks.example.org/ormel --events 'failed lost back'", notify_add},
     {"notify",  "rm",      "NAME", "yes", false, true,  "Notify no more", "notify rm ops --yes", notify_remove},
     {"notify",  "test",    "NAME", "", false, false, "Send a test notification and say how it ended", "notify test ops", notify_test},
     {"sdwan",   "status",  "", "", true,  false, "Show the membership of the SD-WAN", "sdwan status", sdwan_status},
@@ -76,23 +78,8 @@ constexpr bool all_explained() {
 }
 static_assert(all_explained(), "each command has its help and an example");
 
-constexpr const char* GLOBAL_OPTIONS[] = {"--output=", "--json", "--help"};
+constexpr const char* GLOBAL_OPTIONS[] = {"--output=", "--json", "--no-color", "--timeout=", "--help"};
 constexpr size_t FAR = 3;  // edits beyond which a name is no suggestion
-
-size_t distance(std::string_view a, std::string_view b) {
-  std::vector<size_t> row(b.size() + 1);
-  for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
-  for (size_t i = 1; i <= a.size(); ++i) {
-    size_t diagonal = row[0];
-    row[0] = i;
-    for (size_t j = 1; j <= b.size(); ++j) {
-      const size_t above = row[j];
-      row[j] = std::min({above + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
-      diagonal = above;
-    }
-  }
-  return row[b.size()];
-}
 
 std::string name_of(const Command& command) {
   return std::string(command.noun) + (*command.verb ? " " : "") + command.verb;
@@ -102,7 +89,7 @@ std::string closest(const std::string& name) {
   const Command* best = nullptr;
   size_t least = FAR;
   for (const Command& row : COMMANDS) {
-    const size_t edits = distance(name, name_of(row));
+    const size_t edits = edit_distance(name, name_of(row));
     if (edits < least) {
       least = edits;
       best = &row;
@@ -169,6 +156,20 @@ std::string verbs_of(const std::string& noun) {
     if (noun == row.noun) text += (text.empty() ? "" : ", ") + name_of(row);
   }
   return text;
+}
+
+std::vector<std::string> nouns() {
+  std::vector<std::string> names;
+  for (const Command& row : COMMANDS) names.emplace_back(row.noun);
+  return names;
+}
+
+// Of an option that the command does not have.
+std::string unknown_option(const Command& command, const std::string& name, const std::string& shown) {
+  std::vector<std::string> known;
+  for (const std::string& option : split(command.options)) known.push_back(option.substr(0, option.find('=')));
+  const std::string meant = closest_name(name, known);
+  return "unknown option " + shown + (meant.empty() ? "" : "; did you mean --" + meant + '?');
 }
 
 // How many operands a command takes, by its text: "[X]" may be missing, "X..." may be repeated.
@@ -247,6 +248,7 @@ const Command* find_command(std::vector<std::string>& words, std::string& sugges
   }
   suggestion = closest(words.size() > 1 ? words[0] + ' ' + words[1] : words[0]);
   if (suggestion.empty()) suggestion = verbs_of(words[0]);
+  if (suggestion.empty()) suggestion = verbs_of(closest_name(words[0], nouns()));
   return nullptr;
 }
 
@@ -266,7 +268,7 @@ std::string parse_arguments(const Command& command, const std::vector<std::strin
     const std::string name =
         word.starts_with("--") ? word.substr(2, equals == std::string::npos ? equals : equals - 2) : word;
     const std::string option = option_of(command, name);
-    if (option.empty()) return "unknown option " + word.substr(0, equals);
+    if (option.empty()) return unknown_option(command, name, word.substr(0, equals));
     if (!option.ends_with('=')) {
       if (equals != std::string::npos) return "--" + name + " takes no value";
       out.options[name] = "";
@@ -284,9 +286,26 @@ std::string parse_arguments(const Command& command, const std::vector<std::strin
   return broken_rule(out);
 }
 
+size_t edit_distance(std::string_view a, std::string_view b) {
+  std::vector<std::vector<size_t>> edits(a.size() + 1, std::vector<size_t>(b.size() + 1));
+  for (size_t i = 0; i <= a.size(); ++i) {
+    for (size_t j = 0; j <= b.size(); ++j) {
+      if (i == 0 || j == 0) {
+        edits[i][j] = i + j;
+        continue;
+      }
+      const size_t replaced = edits[i - 1][j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1);
+      edits[i][j] = std::min({edits[i - 1][j] + 1, edits[i][j - 1] + 1, replaced});
+      const bool swapped = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
+      if (swapped) edits[i][j] = std::min(edits[i][j], edits[i - 2][j - 2] + 1);
+    }
+  }
+  return edits[a.size()][b.size()];
+}
+
 std::string overview() {
   std::string text =
-      "ormelctl [--output table|json|tsv] [--json] COMMAND [ARGUMENT...]\n\n"
+      "ormelctl [--output table|json|tsv] [--json] [--no-color] [--timeout TIME] COMMAND [ARGUMENT...]\n\n"
       "Manages the VPN service of this host. PROFILE is a name, or PROTOCOL/INDEX as in openvpn/3; PROTOCOL is one "
       "of\n" +
       protocol_names() + ". \"ormelctl COMMAND --help\" tells more.\n\n";

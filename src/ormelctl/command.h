@@ -78,6 +78,9 @@ struct Command {
 [[nodiscard]] std::string parse_arguments(const Command& command, const std::vector<std::string>& words,
                                           Arguments& out);
 
+// How often a letter has to be added, removed or replaced, or two neighbours swapped, to make one text the other.
+[[nodiscard]] size_t edit_distance(std::string_view a, std::string_view b);
+
 [[nodiscard]] std::string overview();
 [[nodiscard]] std::string describe(const Command& command);
 // The commands as a section of the manual page, in the form that scdoc reads.
@@ -139,6 +142,7 @@ Result log_servers(const Arguments& arguments);
 Result log_program(const Arguments& arguments);
 
 Result keeper_show(const Arguments& arguments);
+Result notify_kinds(const Arguments& arguments);
 Result notify_list(const Arguments& arguments);
 Result notify_add(const Arguments& arguments);
 Result notify_remove(const Arguments& arguments);

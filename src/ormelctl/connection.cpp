@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "ormel/base/error.h"
+#include "ormelctl/advice.h"
 #include "ormelctl/profile.h"
 
 namespace ormelctl {
@@ -103,10 +104,15 @@ Result kick(const Arguments& arguments) {
     }
     form.emplace_back("conn", text_of(row, "conn"));
   }
-  if (form.size() == 1) return failed(Exit::NotFound, wanted + " is not connected", "ormelctl who");
+  if (form.size() == 1) {
+    std::vector<std::string> known = names_in(rows.get(), "user");
+    for (std::string& target : names_in(rows.get(), "target")) known.push_back(std::move(target));
+    return failed(Exit::NotFound, wanted + " is not connected", did_you_mean(wanted, known, "ormelctl who"));
+  }
   if (arguments.terminal) std::fputs("ending, and waiting for the server to confirm it ...\n", stderr);
   const Reply reply = call("/ormel/connection/end", form);
-  if (reply.error == ormel::ERR_CONFIGURE_INDEX) return failed(Exit::NotFound, wanted + " has gone meanwhile");
+  if (reply.error == ormel::ERR_CONFIGURE_INDEX)
+    return failed(Exit::NotFound, wanted + " has gone meanwhile", "ormelctl who");
   if (reply.error != 0 && reply.error != ormel::ERR_KILL_PROCESS) return failed(reply.error, reply.reason);
   return ended(wanted, reply);
 }

@@ -29,8 +29,8 @@ ormel::Json rows_of(const Findings& findings) {
 std::string line_of(const Finding& one) {
   std::string name = one.step;
   name.resize(std::max(name.size(), WIDEST), ' ');
-  std::string text =
-      std::string("  ") + SHOWN[static_cast<size_t>(one.mark)] + "  " + name + ' ' + printable(one.text) + '\n';
+  std::string text = "  " + painted(MARKS[static_cast<size_t>(one.mark)], SHOWN[static_cast<size_t>(one.mark)]) + "  " +
+                     name + ' ' + printable(one.text) + '\n';
   if (!one.cure.empty()) text += "        -> " + printable(one.cure) + '\n';
   return text;
 }
@@ -94,12 +94,13 @@ Result result_of(const Findings& findings, const std::string& title, const std::
       done(text, rows_of(findings), {{"step", "STEP"}, {"result", "RESULT"}, {"text", "FOUND"}, {"cure", "CURE"}});
   if (!bundle.empty()) {
     if (const std::string wrong = write_bundle(bundle, result.data.get()); !wrong.empty())
-      return failed(Exit::Failed, wrong);
+      return failed(Exit::Failed, wrong, "choose a folder with room: ormelctl doctor --bundle /root/case.tar.gz");
     result.message += bundle + " holds these findings, the events of the last hour and the logs, without passwords\n";
   }
   if (failures == 0) return result;
   result.exit = Exit::Failed;
   result.error = ormel::ERR_GENERAL;
+  result.advice = "follow the advice after \"->\", then run the doctor again";
   result.reason = failures == 1 ? "1 failure" : std::to_string(failures) + " failures";
   return result;
 }

@@ -65,6 +65,10 @@ struct LimitedRun {
 // The same findings from what such a daemon has printed.
 [[nodiscard]] Findings read_openvpn_log(const std::string& log);
 
+// Whether a Drovik server takes the profile's key and login: the steps "certificate" and "login" by one login, which
+// ends at once.
+[[nodiscard]] Findings try_drovik(const std::string& section, const std::string& interface, int seconds);
+
 // Packets that servers answer before anyone has logged in, and whether an answer is one.
 [[nodiscard]] std::string pptp_request();
 [[nodiscard]] bool is_pptp_answer(const std::string& answer);

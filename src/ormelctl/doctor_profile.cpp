@@ -49,7 +49,7 @@ struct Case {
   std::string interface {};
   std::string stored{};  // OpenVPN: the profile's file
   std::string copy{};    // OpenVPN: what its daemon gets
-  Findings tried{};      // OpenVPN: what the daemon of the doctor has found
+  Findings tried{};      // OpenVPN, Drovik: what a login without an interface has found
 
   [[nodiscard]] ormel::TYPE type() const { return profile.protocol->client; }
 };
@@ -227,10 +227,13 @@ Finding wireguard_server(const Case& one) {
   return failure(facts->text, facts->advice);
 }
 
-// One daemon answers three steps, so that there is one login.
+// One daemon answers several steps, so that there is one login.
 const Finding* tried(Case& one, const char* step) {
-  if (one.tried.empty())
-    one.tried = try_openvpn(one.copy, one.record.user, one.record.pass, one.deadline.seconds(LOGIN_SECONDS));
+  const int seconds = one.deadline.seconds(LOGIN_SECONDS);
+  if (one.tried.empty() && one.type() == ormel::OVPN_CLIENT_TYPE)
+    one.tried = try_openvpn(one.copy, one.record.user, one.record.pass, seconds);
+  if (one.tried.empty() && one.type() == ormel::DROVIK_CLIENT_TYPE)
+    one.tried = try_drovik(one.record.section, one.interface, seconds);
   const auto found =
       std::find_if(one.tried.begin(), one.tried.end(), [&](const Finding& known) { return known.step == step; });
   return found == one.tried.end() ? nullptr : &*found;
@@ -268,9 +271,18 @@ Finding server_step(Case& one) {
   return found ? *found : skipped("not reached");
 }
 
+// The protocols whose login the doctor tries itself, unless the tunnel's own daemon is doing it.
+bool tries_login(const Case& one) {
+  return (one.type() == ormel::OVPN_CLIENT_TYPE || one.type() == ormel::DROVIK_CLIENT_TYPE) && !on_its_way(one);
+}
+
 Finding certificate_step(Case& one) {
   if (one.type() != ormel::OVPN_CLIENT_TYPE) {
     if (one.up) return good("the tunnel is up");
+    if (tries_login(one)) {
+      const Finding* found = tried(one, "certificate");
+      return found ? *found : skipped("not reached");
+    }
     if (one.type() == ormel::WIREGUARD_CLIENT_TYPE || one.type() == ormel::PPTP_CLIENT_TYPE)
       return skipped("this protocol has none");
     if (auto reason = noted(one, "certificate")) return *reason;
@@ -304,11 +316,12 @@ Finding certificate_step(Case& one) {
 Finding login_step(Case& one) {
   if (one.up) return good("the tunnel is up");
   if (one.type() == ormel::WIREGUARD_CLIENT_TYPE) return skipped("this protocol has no login");
-  if (one.type() == ormel::OVPN_CLIENT_TYPE && !on_its_way(one)) {
+  if (tries_login(one)) {
     const Finding* found = tried(one, "login");
     if (!found) return skipped("not reached");
     Finding result = *found;
-    if (result.mark == Mark::Failure) result.cure = set_command(one, "--user NAME --pass-file -");
+    if (result.text == ormel::find_reason("login-refused")->text)
+      result.cure = set_command(one, "--user NAME --pass-file -");
     return result;
   }
   if (auto reason = noted(one, "login")) return *reason;

@@ -11,6 +11,7 @@
 
 #include "ormel/base/error.h"
 #include "ormel/host/process.h"
+#include "ormelctl/advice.h"
 #include "ormelctl/doctor.h"
 #include "ormelctl/profile.h"
 
@@ -30,10 +31,20 @@ constexpr const char* ECHO_PAUSE = "0.7";  // seconds
 constexpr int ECHO_SECONDS = 30;           // for all of them
 constexpr long LOST_BY_CHANCE = 2;         // a guard that is in the way takes all of the time without a tunnel
 
+// Which tunnel could be the gateway: the only profile, where there is no choice.
+std::string gateway_advice() {
+  const ormel::Json profiles = std::move(profile_list({}).data);
+  const std::vector<std::string> names = names_in(profiles.get(), "target");
+  return "ormelctl gateway set " + (names.size() == 1 ? names[0] : std::string("PROFILE")) +
+         ", or ormelctl guard strict";
+}
+
 Result set(const Form& form) {
   const Reply reply = call("/ormel/guard/set", form);
-  if (reply.error != 0) return failed(reply.error, reply.reason);
-  return guard_show({});
+  if (reply.error == 0) return guard_show({});
+  Result result = failed(reply.error, reply.reason);
+  if (reply.error == ormel::ERR_MISS_OPTION) result.advice = gateway_advice();
+  return result;
 }
 
 Result set_mode(const char* mode, const Arguments& arguments) {
@@ -209,8 +220,8 @@ Result guard_test(const Arguments&) {
   ormel::Json data{json_pack("{s:I, s:I, s:o}", "sent", static_cast<json_int_t>(sent), "left",
                              static_cast<json_int_t>(left), "lan", neighbour.data())};
   if (left != 0)
-    return failed(Exit::Failed,
-                  std::to_string(left) + " of " + std::to_string(sent) + " packets left without a tunnel");
+    return failed(Exit::Failed, std::to_string(left) + " of " + std::to_string(sent) + " packets left without a tunnel",
+                  "ormelctl guard shows its state; another program may have changed the firewall: nft list ruleset");
   if (down.error != 0) return failed(down.error, "the tunnel was not disconnected: " + down.reason);
   if (up.error != 0) return failed(up.error, "0 packets left, but the tunnel is not back: " + up.reason);
   if (neighbour.lost())

@@ -1,5 +1,6 @@
 // Who is kept out of the servers.
 #include "ormel/base/error.h"
+#include "ormelctl/advice.h"
 #include "ormelctl/command.h"
 #include "ormelctl/service.h"
 
@@ -29,8 +30,11 @@ Result hold_list(const Arguments&) {
 Result hold_lift(const Arguments& arguments) {
   const std::string& who = arguments.words[0];
   const Reply reply = call("/ormel/hold/lift", {{"who", who}});
-  if (reply.error == ormel::ERR_CONFIGURE_INDEX)
-    return failed(Exit::NotFound, who + " is not kept out", "ormelctl hold list");
+  if (reply.error == ormel::ERR_CONFIGURE_INDEX) {
+    const Reply holds = call("/ormel/hold/list");
+    return failed(Exit::NotFound, who + " is not kept out",
+                  did_you_mean(who, names_in(holds.data(), "name"), "ormelctl hold list"));
+  }
   return reply.error != 0 ? failed(reply.error, reply.reason) : done(who + " may come in again");
 }
 

@@ -279,6 +279,7 @@ Result finish(std::vector<Candidate>& profiles, bool tried, std::string text) {
   result.exit = Exit::Failed;
   result.error = ormel::ERR_OPENVPN_CLIENT;
   result.reason = std::to_string(refused) + " of " + count + " cannot be imported";
+  result.advice = "correct the lines that the report names, or add the files that are missing";
   return result;
 }
 
@@ -313,6 +314,7 @@ Result profile_import(const Arguments& arguments) {
     Result result = finish(profiles, false, asks ? "" : whole_text(profiles));
     result.exit = asks ? Exit::Failed : Exit::Usage;
     result.reason = asks ? "not done" : "--yes is missing: nothing was stored";
+    result.advice = "the same command with --yes stores them";
     return result;
   }
   store(profiles);

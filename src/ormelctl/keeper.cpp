@@ -1,9 +1,9 @@
 // What the keeper keeps running, and who is notified of its events.
 #include <ctime>
 
-#include <fenro/mibservice.h>
-
+#include "ormel/base/error.h"
 #include "ormel/host/bus.h"
+#include "ormelctl/advice.h"
 #include "ormelctl/profile.h"
 
 namespace ormelctl {
@@ -19,18 +19,29 @@ const Columns TARGET_COLUMNS = {{"name", "NAME"}, {"url", "TO"}, {"events", "EVE
 ormel::Json ask(const char* method, const ormel::Json& request, Result& problem) {
   const ormel::system::PlainReply reply =
       ormel::system::plain_call(ormel::system::KEEPER_SERVICE, method, request.get());
-  if (reply.status != MIB_SUCCESS) {
+  if (!json_is_object(reply.document.get())) {
     problem = failed(Exit::Failed, "the keeper does not answer", "systemctl restart fenro-keeperd");
     return nullptr;
   }
   const auto error = static_cast<int>(number_of(reply.document.get(), "error"));
   if (error == 0) return ormel::Json{json_incref(reply.data())};
   problem = failed(error, text_of(reply.document.get(), "reason"));
+  if (error == ormel::ERR_VALUE) problem.exit = Exit::Usage;
   return nullptr;
 }
 
 ormel::Json named(const std::string& name) {
   return ormel::Json{json_pack("{s:s}", "name", name.c_str())};
+}
+
+// The same for a target: one that is not known gets a suggestion.
+ormel::Json ask_target(const char* method, const std::string& name, Result& problem) {
+  ormel::Json data = ask(method, named(name), problem);
+  if (data || problem.exit != Exit::NotFound) return data;
+  Result ignored;
+  const ormel::Json known = ask("notify.list", nullptr, ignored);
+  problem.advice = did_you_mean(name, names_in(known.get(), "name"), "ormelctl notify list");
+  return nullptr;
 }
 
 std::string outcome_text(const json_t* row) {
@@ -56,6 +67,12 @@ Result keeper_show(const Arguments&) {
               std::move(rows), KEEPER_COLUMNS);
 }
 
+Result notify_kinds(const Arguments&) {
+  Result result;
+  ormel::Json rows = ask("notify.kinds", nullptr, result);
+  return rows ? done("", std::move(rows), {{"kind", "KIND"}, {"text", "EVENT"}}) : std::move(result);
+}
+
 Result notify_list(const Arguments&) {
   Result result;
   ormel::Json rows = ask("notify.list", nullptr, result);
@@ -65,14 +82,15 @@ Result notify_list(const Arguments&) {
   json_array_foreach(rows.get(), at, row) json_object_set_new(row, "last", json_string(outcome_text(row).c_str()));
   const bool none = json_array_size(rows.get()) == 0;
   return done(
-      none ? "No one is notified. Add a target: ormelctl notify add ops --to https://hooks.example.org/ormel" : "",
+      none ? "No one is notified. Add a target: ormelctl notify add ops --url https://hooks.example.org/ormel" : "",
       std::move(rows), TARGET_COLUMNS);
 }
 
 Result notify_add(const Arguments& arguments) {
-  if (!arguments.has("to")) {
-    return failed(Exit::Usage, "--to is missing: a URL, or mail:USER",
-                  "ormelctl notify add ops --to https://hooks.example.org/ormel");
+  const std::string url = arguments.value("url", arguments.value("to"));
+  if (url.empty()) {
+    return failed(Exit::Usage, "--url is missing: one that begins with https://, or mail:USER",
+                  "ormelctl notify add ops --url https://hooks.example.org/ormel");
   }
   std::string secret;
   if (arguments.has("secret-file")) {
@@ -81,12 +99,14 @@ Result notify_add(const Arguments& arguments) {
     secret = *given;
   }
   const std::string& name = arguments.words[0];
-  const ormel::Json request{json_pack("{s:s, s:s, s:s, s:s}", "name", name.c_str(), "url",
-                                      arguments.value("to").c_str(), "events", arguments.value("events", "all").c_str(),
-                                      "secret", secret.c_str())};
+  const ormel::Json request{json_pack("{s:s, s:s, s:s, s:s}", "name", name.c_str(), "url", url.c_str(), "events",
+                                      arguments.value("events", "all").c_str(), "secret", secret.c_str())};
   Result result;
   ormel::Json data = ask("notify.set", request, result);
-  if (!data) return result;
+  if (!data) {
+    if (result.reason.starts_with("there are no events")) result.advice = "ormelctl notify kinds shows the events";
+    return result;
+  }
   const std::string made = text_of(data.get(), "secret");
   return done(name + " is notified" + (made.empty() ? "" : "; the secret of the signature, shown this once: " + made),
               std::move(data));
@@ -94,13 +114,13 @@ Result notify_add(const Arguments& arguments) {
 
 Result notify_remove(const Arguments& arguments) {
   Result result;
-  if (!ask("notify.remove", named(arguments.words[0]), result)) return result;
+  if (!ask_target("notify.remove", arguments.words[0], result)) return result;
   return done(arguments.words[0] + " is not notified any more");
 }
 
 Result notify_test(const Arguments& arguments) {
   Result result;
-  const ormel::Json number = ask("notify.test", named(arguments.words[0]), result);
+  const ormel::Json number = ask_target("notify.test", arguments.words[0], result);
   if (!number) return result;
   if (arguments.terminal) std::fputs("sending ...\n", stderr);
   ormel::Json outcome;
@@ -112,7 +132,9 @@ Result notify_test(const Arguments& arguments) {
     return failed(Exit::TimedOut, "other notifications are still being sent", "ormelctl notify list");
   if (!outcome) return result;
   const std::string text = outcome_text(outcome.get());
-  if (!text_of(outcome.get(), "failure").empty()) return failed(Exit::Failed, arguments.words[0] + ": " + text);
+  if (!text_of(outcome.get(), "failure").empty())
+    return failed(Exit::Failed, arguments.words[0] + ": " + text,
+                  "check the receiver and its address: ormelctl notify list");
   return done(arguments.words[0] + ": " + text, std::move(outcome));
 }
 

@@ -1,14 +1,20 @@
 // ormelctl: the VPN service on one command line.
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 
 #include "ormel/base/error.h"
 #include "ormel/base/log.h"
 #include "ormel/host/log_file.h"
+#include "ormelctl/advice.h"
 #include "ormelctl/command.h"
 
 namespace ormelctl {
@@ -19,33 +25,56 @@ constexpr int SCHEMA = 1;  // of the JSON documents
 struct Call {
   Format format = Format::Table;
   bool help = false;
+  bool color = true;  // where the output is a terminal
+  long timeout = 0;   // seconds, 0 without a limit
   std::vector<std::string> words;
 };
 
+constexpr const char* ALL_COMMANDS = "ormelctl --help lists all commands and options";
+
+// The value of "--name=VALUE" or of "--name VALUE", whose words are passed; nothing for another option.
+std::optional<std::string> value_of(std::string_view name, int argc, char** argv, int& at) {
+  const std::string_view word = argv[at];
+  if (word == name) return at + 1 < argc ? argv[++at] : "";
+  if (word.starts_with(name) && word.substr(name.size()).starts_with('='))
+    return std::string(word.substr(name.size() + 1));
+  return {};
+}
+
+std::string read_format(const std::string& value, Call& call) {
+  if (value != "json" && value != "table" && value != "tsv") return "--output is table, json or tsv";
+  call.format = value == "json" ? Format::Json : value == "tsv" ? Format::Tsv : Format::Table;
+  return {};
+}
+
+std::string read_timeout(const std::string& value, Call& call) {
+  constexpr long MOST = 86400;
+  Arguments given;
+  given.options["timeout"] = value;
+  call.timeout = given.seconds("timeout", 0);
+  return call.timeout < 1 || call.timeout > MOST ? "--timeout takes a time such as 10, 90s or 5m" : "";
+}
+
 // Takes the options that every command has out of the words. An empty text, or what is wrong with them.
 std::string read_global(int argc, char** argv, Call& call) {
-  for (int i = 1; i < argc; ++i) {
-    std::string word = argv[i];
-    std::string value;
-    bool output = false;
+  std::string wrong;
+  for (int i = 1; i < argc && wrong.empty(); ++i) {
+    const std::string_view word = argv[i];
     if (word == "--json") {
       call.format = Format::Json;
+    } else if (word == "--no-color") {
+      call.color = false;
     } else if (word == "--help" || word == "-h") {
       call.help = true;
-    } else if (word == "-o" || word == "--output") {
-      output = true;
-      value = i + 1 < argc ? argv[++i] : "";
-    } else if (word.starts_with("--output=")) {
-      output = true;
-      value = word.substr(std::strlen("--output="));
+    } else if (auto format = value_of(word == "-o" ? "-o" : "--output", argc, argv, i)) {
+      wrong = read_format(*format, call);
+    } else if (auto time = value_of("--timeout", argc, argv, i)) {
+      wrong = read_timeout(*time, call);
     } else {
-      call.words.push_back(std::move(word));
+      call.words.emplace_back(word);
     }
-    if (!output) continue;
-    if (value != "json" && value != "table" && value != "tsv") return "--output is table, json or tsv";
-    call.format = value == "json" ? Format::Json : value == "tsv" ? Format::Tsv : Format::Table;
   }
-  return {};
+  return wrong;
 }
 
 // A text that may hold any bytes as one that JSON can hold.
@@ -54,7 +83,7 @@ json_t* json_text(const std::string& text) {
   return value ? value : json_string(printable(text).c_str());
 }
 
-void print_json(const Result& result) {
+std::string json_of(const Result& result) {
   ormel::Json document{json_pack("{s:i, s:i}", "schema", SCHEMA, "error",
                                  result.exit == Exit::Done ? 0
                                  : result.error != 0       ? result.error
@@ -66,11 +95,56 @@ void print_json(const Result& result) {
   }
   if (result.data) json_object_set(document.get(), "data", result.data.get());
   const ormel::CString text{json_dumps(document.get(), JSON_COMPACT)};
-  std::printf("%s\n", text ? text.get() : R"({"schema":1,"error":58,"reason":"out of memory"})");
+  return std::string(text ? text.get() : R"({"schema":1,"error":58,"reason":"out of memory"})") + '\n';
+}
+
+// What went wrong and what to do, for people.
+std::string complaint(const Result& result) {
+  std::string text = "ormelctl: " + printable(result.reason) + '\n';
+  if (!result.advice.empty()) text += "  " + printable(result.advice) + '\n';
+  return text;
+}
+
+// What is left to say when the time is over. It is made before, since a handler of signals may call next to nothing.
+struct LastWords {
+  int stream = STDERR_FILENO;
+  std::array<char, 1024> text{};
+  size_t length = 0;
+};
+LastWords last_words;
+
+void end_in_time(int) {
+  if (write(last_words.stream, last_words.text.data(), last_words.length) < 0) _exit(static_cast<int>(Exit::Failed));
+  _exit(static_cast<int>(Exit::TimedOut));
+}
+
+// Nothing has been printed by then: `print` stops the clock.
+void limit_time(const Call& call) {
+  if (call.timeout == 0) return;
+  const Result result = failed(Exit::TimedOut, "not done after " + std::to_string(call.timeout) + " s",
+                               "ormelctl status shows what is still on its way; or give it more time");
+  const std::string text = call.format == Format::Json ? json_of(result) : complaint(result);
+  last_words.stream = call.format == Format::Json ? STDOUT_FILENO : STDERR_FILENO;
+  last_words.length = std::min(text.size(), last_words.text.size());
+  std::copy_n(text.begin(), last_words.length, last_words.text.begin());
+  std::signal(SIGALRM, end_in_time);
+  alarm(static_cast<unsigned>(call.timeout));
+}
+
+// Where a terminal shows them, unless the user or the environment says no.
+bool wants_colors(const Call& call) {
+  const char* terminal = std::getenv("TERM");
+  const char* refusal = std::getenv("NO_COLOR");
+  return call.color && call.format == Format::Table && isatty(STDOUT_FILENO) != 0 && !(refusal && *refusal) &&
+         terminal && std::string_view(terminal) != "dumb";
 }
 
 void print(const Result& result, Format format) {
-  if (format == Format::Json) return print_json(result);
+  alarm(0);
+  if (format == Format::Json) {
+    std::fputs(json_of(result).c_str(), stdout);
+    return;
+  }
   if (format == Format::Tsv) {
     std::fputs(tsv(result.data.get(), result.columns).c_str(), stdout);
   } else if (!result.message.empty()) {
@@ -81,8 +155,7 @@ void print(const Result& result, Format format) {
   }
   if (result.reason.empty()) return;
   std::fflush(stdout);
-  std::fprintf(stderr, "ormelctl: %s\n", printable(result.reason).c_str());
-  if (!result.advice.empty()) std::fprintf(stderr, "  %s\n", printable(result.advice).c_str());
+  std::fputs(complaint(result).c_str(), stderr);
 }
 
 bool confirmed(const Command& command, const Arguments& arguments) {
@@ -102,19 +175,25 @@ Result permitted(const Command& command, const Arguments& arguments) {
   if (!asks)
     return failed(Exit::Usage, "--yes is missing: this interrupts connections or deletes settings",
                   std::string("ormelctl ") + command.example);
-  return confirmed(command, arguments) ? Result{} : failed(Exit::Failed, "not done");
+  return confirmed(command, arguments) ? Result{} : failed(Exit::Failed, "not done", "answer with y, or use --yes");
 }
 
-Result run(const Command& command, const Call& call) {
-  Arguments arguments;
+Result run(const Command& command, const Call& call, Arguments& arguments) {
   arguments.terminal = isatty(STDERR_FILENO) != 0 && call.format == Format::Table;
-  if (const std::string wrong = parse_arguments(command, call.words, arguments); !wrong.empty()) {
-    return failed(Exit::Usage, wrong, std::string("example: ormelctl ") + command.example);
-  }
+  if (std::string wrong = parse_arguments(command, call.words, arguments); !wrong.empty())
+    return failed(Exit::Usage, std::move(wrong));
   if (arguments.has("follow") && call.format != Format::Table)
     return failed(Exit::Usage, "--follow has no other format than a table");
   Result refusal = permitted(command, arguments);
   return refusal.exit == Exit::Done ? command.run(arguments) : std::move(refusal);
+}
+
+// No failure leaves the caller without a hint at what to do.
+Result run_advised(const Command& command, const Call& call) {
+  Arguments arguments;
+  Result result = run(command, call, arguments);
+  if (result.exit != Exit::Done && result.advice.empty()) result.advice = advice_for(result, command, arguments);
+  return result;
 }
 
 std::string listed(const std::string& kind) {
@@ -150,9 +229,9 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (const std::string wrong = read_global(argc, argv, call); !wrong.empty())
-    return finish(failed(Exit::Usage, wrong), call.format);
+    return finish(failed(Exit::Usage, wrong, ALL_COMMANDS), call.format);
   if (call.words.empty() && !call.help && call.format == Format::Json)
-    return finish(failed(Exit::Usage, "the command is missing", "ormelctl --help lists all"), call.format);
+    return finish(failed(Exit::Usage, "the command is missing", ALL_COMMANDS), call.format);
   if (call.words.empty()) {
     std::fputs(overview().c_str(), call.help ? stdout : stderr);
     return call.help ? 0 : static_cast<int>(Exit::Usage);
@@ -162,7 +241,7 @@ int main(int argc, char** argv) {
   const Command* command = find_command(call.words, suggestion);
   if (!command) {
     return finish(failed(Exit::Usage, "there is no command \"" + asked + '"',
-                         suggestion.empty()                          ? "ormelctl --help lists all"
+                         suggestion.empty()                          ? ALL_COMMANDS
                          : suggestion.find(',') != std::string::npos ? "one of: " + suggestion
                                                                      : "did you mean \"" + suggestion + "\"?"),
                   call.format);
@@ -172,7 +251,9 @@ int main(int argc, char** argv) {
     return 0;
   }
   ormel::system::set_log_file_wrapper();
-  return finish(run(*command, call), call.format);
+  set_colors(wants_colors(call));
+  limit_time(call);
+  return finish(run_advised(*command, call), call.format);
 }
 
 }  // namespace

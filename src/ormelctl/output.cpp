@@ -4,12 +4,31 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <iterator>
 #include <string_view>
 
 namespace ormelctl {
 namespace {
 
 constexpr size_t GAP = 2;  // blanks between columns
+
+constexpr const char* GREEN = "\x1b[32m";
+constexpr const char* YELLOW = "\x1b[33m";
+constexpr const char* RED = "\x1b[31m";
+constexpr const char* PLAIN = "\x1b[0m";
+constexpr std::string_view STATE = "state";  // the member of rows whose words have colors
+
+struct Paint {
+  std::string_view word;
+  const char* color;
+};
+constexpr Paint PAINTS[] = {
+    {"up", GREEN},        {"running", GREEN},  {"ok", GREEN},           {"starting", YELLOW},
+    {"retrying", YELLOW}, {"no-peer", YELLOW}, {"unreachable", YELLOW}, {"waiting", YELLOW},
+    {"warn", YELLOW},     {"failed", RED},     {"given-up", RED},       {"fail", RED},
+};
+
+bool colors = false;
 
 // Length of the well-formed UTF-8 sequence at `at`, 0 for a malformed one; its code point in `point`.
 size_t sequence(std::string_view text, size_t at, uint32_t& point) {
@@ -55,7 +74,10 @@ std::string lines_of(const json_t* object) {
   auto* members = const_cast<json_t*>(object);  // the macro only reads
   json_object_foreach(members, key, value) widest = std::max(widest, width(key));
   std::string out;
-  json_object_foreach(members, key, value) out += padded(key, widest + GAP) + cell(value) + '\n';
+  json_object_foreach(members, key, value) {
+    const std::string text = cell(value);
+    out += padded(key, widest + GAP) + (key == STATE ? painted(text, text) : text) + '\n';
+  }
   return out;
 }
 
@@ -98,6 +120,16 @@ std::string printable(const std::string& text) {
   return out;
 }
 
+void set_colors(bool on) {
+  colors = on;
+}
+
+std::string painted(std::string_view word, const std::string& shown) {
+  const auto* const paint =
+      std::find_if(std::begin(PAINTS), std::end(PAINTS), [&](const Paint& known) { return known.word == word; });
+  return !colors || paint == std::end(PAINTS) ? shown : paint->color + shown + PLAIN;
+}
+
 std::string cell(const json_t* value) {
   switch (value ? json_typeof(value) : JSON_NULL) {
     case JSON_STRING: {
@@ -128,7 +160,11 @@ std::string table(const json_t* data, const Columns& columns) {
   std::string out;
   const auto add_line = [&](const auto& text_of) {
     std::string line;
-    for (size_t i = 0; i < columns.size(); ++i) line += padded(text_of(i), widths[i]);
+    for (size_t i = 0; i < columns.size(); ++i) {
+      const std::string text = text_of(i);
+      const std::string shown = padded(text, widths[i]);
+      line += columns[i].key == STATE ? painted(text, shown) : shown;
+    }
     trim_end(line);
     out += line + '\n';
   };

@@ -4,6 +4,7 @@
 
 #include "ormel/base/error.h"
 #include "ormel/drivers/wireguard/key.h"
+#include "ormelctl/advice.h"
 #include "ormelctl/profile.h"
 #include "ormelctl/qr.h"
 
@@ -103,7 +104,10 @@ Result find_peer(const json_t* peers, const std::string& word, const json_t*& fo
     if (found) return failed(Exit::Usage, "several devices are named " + word, "use the index: ormelctl peer list");
     found = peer;
   }
-  return found ? Result{} : failed(Exit::NotFound, "no device is named " + word, "ormelctl peer list");
+  if (found) return {};
+  const ormel::Json rows = peer_rows(peers);
+  return failed(Exit::NotFound, "no device is named " + word,
+                did_you_mean(word, names_in(rows.get(), "name"), "ormelctl peer list"));
 }
 
 }  // namespace

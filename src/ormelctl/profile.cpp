@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "ormel/base/error.h"
+#include "ormelctl/advice.h"
 
 namespace ormelctl {
 namespace {
@@ -204,14 +205,30 @@ void add_state(json_t* row, const json_t* record) {
   json_object_set_new(row, "why", json_string(text_of(reason, "text").c_str()));
 }
 
+Result unknown_protocol(const std::string& name) {
+  std::vector<std::string> known;
+  for (const Protocol& row : protocols()) known.push_back(row.name);
+  return failed(Exit::Usage, "no protocol is named " + name, did_you_mean(name, known, "one of " + protocol_names()));
+}
+
+Result no_profile_or_server(const std::string& name) {
+  const ormel::Json rows = std::move(profile_list({}).data);
+  std::vector<std::string> known = names_in(rows.get(), "name");
+  for (const Protocol& row : protocols()) known.push_back(row.name);
+  return failed(Exit::NotFound, "no profile or server is named " + name,
+                did_you_mean(name, known, "ormelctl status shows all"));
+}
+
 bool find_profile(const std::string& wanted, Profile& out, Result& problem) {
   const ormel::Json all = records(ALL_CLIENTS);
   std::string candidates;
+  std::vector<std::string> known;
   int found = 0;
   size_t at = 0;
   json_t* record = nullptr;
   json_array_foreach(all.get(), at, record) {
     const ormel::Json row = describe_profile(record);
+    known.insert(known.end(), {text_of(row.get(), "name"), text_of(row.get(), "target")});
     if (wanted != text_of(row.get(), "name") && wanted != text_of(row.get(), "target")) continue;
     ++found;
     candidates += (candidates.empty() ? "" : ", ") + text_of(row.get(), "target");
@@ -221,7 +238,8 @@ bool find_profile(const std::string& wanted, Profile& out, Result& problem) {
     out.record.reset(json_incref(record));
   }
   if (found == 1) return true;
-  problem = found == 0 ? failed(Exit::NotFound, "no profile is named " + wanted, "ormelctl profile list")
+  problem = found == 0 ? failed(Exit::NotFound, "no profile is named " + wanted,
+                                did_you_mean(wanted, known, "ormelctl profile list"))
                        : failed(Exit::Usage, wanted + " is the name of several profiles: " + candidates,
                                 "use one of these instead of the name");
   return false;
@@ -247,7 +265,7 @@ Result profile_show(const Arguments& arguments) {
 
 Result profile_add(const Arguments& arguments) {
   const Protocol* protocol = find_protocol(arguments.words[0]);
-  if (!protocol) return failed(Exit::Usage, "no protocol is named " + arguments.words[0], "one of " + protocol_names());
+  if (!protocol) return unknown_protocol(arguments.words[0]);
   if (protocol->client == ormel::OVPN_CLIENT_TYPE) {
     return failed(Exit::Usage, "an OpenVPN profile comes from a file",
                   "ormelctl profile import office.ovpn --user bob --pass-file -");

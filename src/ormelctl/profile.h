@@ -28,6 +28,10 @@ struct Profile {
 // Finds a profile by its name or PROTOCOL/INDEX. On a failure `problem` says why.
 [[nodiscard]] bool find_profile(const std::string& wanted, Profile& out, Result& problem);
 
+// The failures of a name that is no protocol, and of one that is neither a profile nor a server.
+[[nodiscard]] Result unknown_protocol(const std::string& name);
+[[nodiscard]] Result no_profile_or_server(const std::string& name);
+
 // Sets "state", "since", "since_text", "reason" and "why" of a record's row.
 void add_state(json_t* row, const json_t* record);
 

@@ -1,5 +1,6 @@
 // The membership of the SD-WAN.
 #include "ormel/base/error.h"
+#include "ormelctl/advice.h"
 #include "ormelctl/profile.h"
 
 namespace ormelctl {
@@ -48,7 +49,9 @@ Result sdwan_join(const Arguments& arguments) {
   if (organizations.error != 0) return failed(organizations.error, organizations.reason);
   const ormel::Json organization = find_organization(organizations.data(), arguments.value("organization"));
   if (!organization)
-    return failed(Exit::NotFound, "the account has no organization named " + arguments.value("organization"));
+    return failed(Exit::NotFound, "the account has no organization named " + arguments.value("organization"),
+                  did_you_mean(arguments.value("organization"), names_in(organizations.data(), "name"),
+                               "the provider's page shows them"));
   const std::string region = arguments.value("region", "auto");
   const Reply reply = call("/ormel/pelmar/device_register", {{"org_ID", text_of(organization.get(), "organization_id")},
                                                              {"org_name", text_of(organization.get(), "name")},

@@ -48,10 +48,6 @@ ormel::Json row_of(const Protocol& protocol, const json_t* record) {
   return row;
 }
 
-Result unknown(const std::string& name) {
-  return failed(Exit::Usage, "no protocol is named " + name, "one of " + protocol_names());
-}
-
 // WireGuard is turned on with its network, which the program checks.
 void add_network(const Protocol& protocol, const json_t* record, Form& form) {
   if (protocol.server != ormel::WIREGUARD_SERVER_TYPE) return;
@@ -126,7 +122,7 @@ Result server_list(const Arguments&) {
 
 Result server_show(const Arguments& arguments) {
   const Protocol* protocol = find_protocol(arguments.words[0]);
-  if (!protocol) return unknown(arguments.words[0]);
+  if (!protocol) return unknown_protocol(arguments.words[0]);
   ormel::Json record = record_of(*protocol);
   ormel::Json row = row_of(*protocol, record.get());
   ormel::Json copy{json_copy(record.get())};
@@ -139,7 +135,7 @@ Result server_show(const Arguments& arguments) {
 
 Result server_on(const Arguments& arguments) {
   const Protocol* protocol = find_protocol(arguments.words[0]);
-  if (!protocol) return unknown(arguments.words[0]);
+  if (!protocol) return unknown_protocol(arguments.words[0]);
   if (protocol->server == ormel::WIREGUARD_SERVER_TYPE && text_of(record_of(*protocol).get(), "server_ip").empty()) {
     return failed(Exit::Usage, "the WireGuard server has no address yet",
                   "ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820");
@@ -154,13 +150,13 @@ Result server_on(const Arguments& arguments) {
 
 Result server_off(const Arguments& arguments) {
   const Protocol* protocol = find_protocol(arguments.words[0]);
-  if (!protocol) return unknown(arguments.words[0]);
+  if (!protocol) return unknown_protocol(arguments.words[0]);
   return change(*protocol, {}, false, arguments, "the " + protocol->name + " server is off");
 }
 
 Result server_set(const Arguments& arguments) {
   const Protocol* protocol = find_protocol(arguments.words[0]);
-  if (!protocol) return unknown(arguments.words[0]);
+  if (!protocol) return unknown_protocol(arguments.words[0]);
   Form form;
   for (const Setting& row : SETTINGS) {
     if (!arguments.has(row.name)) continue;

@@ -1,14 +1,13 @@
 // Everything at a glance.
 #include <algorithm>
 
-#include <fenro/mibservice.h>
-
+#include "ormel/host/bus.h"
 #include "ormelctl/profile.h"
 
 namespace ormelctl {
 namespace {
 
-// The daemons on the bus, each with a method that changes nothing; an answer of any kind shows that it serves.
+// The daemons on the bus.
 struct Daemon {
   const char* name;
   const char* service;
@@ -24,18 +23,12 @@ constexpr Daemon DAEMONS[] = {
 };
 constexpr int BUS_SECONDS = 1;
 
-bool serves(const Daemon& daemon) {
-  const ormel::MibIo io{mib_io_create()};
-  const int rc = io ? mib_call(daemon.service, "ormelctl.ping", io.get(), BUS_SECONDS, 0) : MIB_IO_FAILURE;
-  return rc != MIB_NOT_READY && rc != MIB_TIMEOUT;
-}
-
 }  // namespace
 
 ormel::Json daemon_rows() {
   ormel::Json rows{json_array()};
   for (const Daemon& daemon : DAEMONS) {
-    const bool up = serves(daemon);
+    const bool up = ormel::system::serves(daemon.service, BUS_SECONDS);
     json_array_append_new(
         rows.get(), json_pack("{s:s, s:s, s:s}", "daemon", daemon.name, "state", up ? "running" : "failed", "reason",
                               up ? "" : (std::string("does not answer; without it: ") + daemon.without).c_str()));
@@ -56,7 +49,8 @@ Result one_state(const Arguments& arguments) {
   Profile profile;
   if (find_profile(arguments.words[0], profile, result)) {
     result = done("", describe_profile(profile.record.get()));
-  } else if (const Protocol* protocol = find_protocol(arguments.words[0]); protocol && result.exit == Exit::NotFound) {
+  } else if (const Protocol* protocol = find_protocol(arguments.words[0]); result.exit == Exit::NotFound) {
+    if (!protocol) return no_profile_or_server(arguments.words[0]);
     const ormel::Json rows = server_rows();
     size_t at = 0;
     json_t* row = nullptr;

@@ -3,6 +3,7 @@
 #include <pwd.h>
 
 #include "ormel/base/error.h"
+#include "ormelctl/advice.h"
 #include "ormelctl/profile.h"
 
 namespace ormelctl {
@@ -98,7 +99,11 @@ Result user_list(const Arguments& arguments) {
 
 Result user_grant(const Arguments& arguments) {
   const std::string& user = arguments.words[0];
-  if (!getpwnam(user.c_str())) return failed(Exit::NotFound, "no user is named " + user, "adduser " + user);
+  if (!getpwnam(user.c_str())) {
+    const Reply all = call("/ormel/user/query", {{"upper", MOST_ROWS}});
+    return failed(Exit::NotFound, "no user is named " + user,
+                  did_you_mean(user, names_in(all.data(), nullptr), "adduser " + user + " makes one"));
+  }
   Result problem;
   const int mask = rights_of(arguments, problem);
   if (mask < 0) return problem;
@@ -116,7 +121,14 @@ Result user_revoke(const Arguments& arguments) {
   const ChangeLock lock;
   if (!lock) return locked_out();
   const int before = stored_rights(user) & RIGHTS;
-  if (before == 0) return failed(Exit::NotFound, user + " has no rights", "ormelctl user list");
+  if (before == 0) {
+    std::vector<std::string> known;
+    const Reply rights = call("/ormel/privilege/get", {{"upper", MOST_ROWS}});
+    const char* name = nullptr;
+    json_t* value = nullptr;
+    json_object_foreach(rights.data(), name, value) known.emplace_back(name);
+    return failed(Exit::NotFound, user + " has no rights", did_you_mean(user, known, "ormelctl user list"));
+  }
   const int left = mask == 0 ? 0 : before & ~mask;
   return set_rights(user, left, user + (left == 0 ? " has no rights now" : " may still use " + rights_text(left)));
 }
@@ -126,7 +138,8 @@ Result user_unlock(const Arguments& arguments) {
   const Reply blocks = call("/ormel/privilege/block_show");
   if (blocks.error != 0) return failed(blocks.error, blocks.reason);
   if (!contains(json_object_get(blocks.data(), "user"), user)) {
-    return failed(Exit::NotFound, user + " is not blocked", "ormelctl user list");
+    return failed(Exit::NotFound, user + " is not blocked",
+                  did_you_mean(user, names_in(json_object_get(blocks.data(), "user"), nullptr), "ormelctl user list"));
   }
   const Reply reply = call("/ormel/privilege/remove_block_user", {{"user", user}});
   return reply.error != 0 ? failed(reply.error, reply.reason) : done(user + " may log in again");
@@ -139,7 +152,8 @@ Result user_policy(const Arguments& arguments) {
     ormel::Json data{json_incref(stored.data())};
     return done("", std::move(data));
   }
-  if (geteuid() != 0) return failed(Exit::NotRoot, "only root may change the policy", "sudo ormelctl user policy …");
+  if (geteuid() != 0)
+    return failed(Exit::NotRoot, "only root may change the policy", "sudo ormelctl user policy --limit 5");
   const std::string enable =
       arguments.value("enable", json_is_true(json_object_get(stored.data(), "enable")) ? "yes" : "no");
   const Form form{{"enable", enable == "yes"  ? "true"

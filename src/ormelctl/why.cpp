@@ -20,7 +20,8 @@ std::string explained(const json_t* row) {
   const json_t* reason = json_object_get(row, "reason");
   const std::string text = text_of(reason, "text");
   const std::string detail = text_of(reason, "detail");
-  std::string out = name_of(row) + ": " + text_of(row, "state");
+  const std::string state = text_of(row, "state");
+  std::string out = name_of(row) + ": " + painted(state, state);
   if (!has_reason(row)) return out + '\n';
   out += ", " + printable(text) + '\n';
   if (!detail.empty() && detail != text) out += "    " + printable(detail) + '\n';
@@ -36,7 +37,8 @@ Result why_one(const std::string& wanted) {
     return done(text, std::move(row));
   }
   const Protocol* protocol = find_protocol(wanted);
-  if (!protocol || result.exit != Exit::NotFound) return result;
+  if (result.exit != Exit::NotFound) return result;
+  if (!protocol) return no_profile_or_server(wanted);
   const ormel::Json rows = server_rows();
   size_t at = 0;
   json_t* row = nullptr;

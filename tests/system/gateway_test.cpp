@@ -50,6 +50,13 @@ class GatewayHost : public WebHost {
     return shell("ip route get 203.0.113.9").out.find(" dev " + interface + " ") != std::string::npos;
   }
   std::string set(const std::string& policy) { return cgi("/ormel/gateway/set", admin + policy).body; }
+  // Whether the keeper passes on an event of a kind.
+  [[nodiscard]] bool notified(const std::string& kind, const std::string& text) const {
+    const std::string recent = cgi("/ormel/notify/recent", admin).body;
+    const size_t row = recent.find("\"event\":\"" + kind + '"');
+    const size_t end = recent.find('}', row);
+    return row != std::string::npos && recent.substr(row, end - row).find(text) != std::string::npos;
+  }
   std::string vpn_gw() { return cgi("/ormel/gateway/get_vpn_gw", guest).body; }
 };
 
@@ -127,6 +134,7 @@ TEST_F(GatewayHost, MovesToTheSecondTunnelAndBack) {
       << "an answer leaves by the way on which the question came";
   cut("far1");  // what the far end says by itself after it came up, it still says for a while
   EXPECT_TRUE(comes_true([&] { return leaves_by("wgc3001"); }, 40));
+  EXPECT_TRUE(comes_true([&] { return notified("gateway", " to wgc3001: the first tunnel is down or silent."); }));
   EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "203.0.113.9"}).status, 0);
   EXPECT_NE(vpn_gw().find(R"("index":1)"), std::string::npos);
   mend();
@@ -333,6 +341,7 @@ TEST_F(GatewayGuard, NothingLeavesWithoutATunnelWhateverHappens) {
   EXPECT_TRUE(comes_true([&] { return leaves_by("wgc3001"); }, 40));
   shell("ip link delete wgc3001");
   EXPECT_TRUE(comes_to("holding")) << state();
+  EXPECT_TRUE(comes_true([&] { return notified("guard", "traffic is held back"); }));
   shell("echo >/dev/udp/192.168.77.254/53");
   EXPECT_TRUE(comes_true([&] {
     return shell("/etc/init.d/vpn_guard.sh report").out.find("ipv4 0") == std::string::npos;
@@ -405,7 +414,8 @@ TEST_F(GatewayGuard, SaysWhatItCannotDoAndChangesNothing) {
   EXPECT_EQ(run({"/usr/sbin/ormelctl", "guard", "off"}).status, 0);
   EXPECT_EQ(shell("nft list table inet fenro_guard").status, 1);
   EXPECT_EQ(run({"/usr/sbin/ormelctl", "guard", "on"}).err,
-            "ormelctl: no tunnel is the default gateway: choose one first, or use the mode strict\n");
+            "ormelctl: no tunnel is the default gateway: choose one first, or use the mode strict\n"
+            "  ormelctl gateway set pptp/1, or ormelctl guard strict\n");
 }
 
 }  // namespace

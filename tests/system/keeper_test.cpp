@@ -282,6 +282,40 @@ TEST_F(Keeper, TellsOfALockedUserOnce) {
   fs::remove("/etc/config/vpn_block.conf");
 }
 
+TEST_F(Keeper, WritesMailAndSaysWhyItCannot) {
+  constexpr const char* SENDMAIL = "/usr/sbin/sendmail";
+  ASSERT_EQ(ctl({"notify", "add", "ops", "--url", "mail:root", "--events", "failed"}).status, 0);
+  const auto send = [](const std::string& program) {
+    fs::remove(SENDMAIL);
+    if (!program.empty()) write(SENDMAIL, "#!/bin/sh\n" + program, 0755);
+    return ctl({"notify", "test", "ops"});
+  };
+  EXPECT_EQ(send("printf '%s\\n' \"$*\" >/tmp/mail; cat >>/tmp/mail\n").status, 0);
+  EXPECT_THAT(read("/tmp/mail"), AllOf(StartsWith("-i -- root\nTo: root\nSubject: [ormel] "),
+                                       EndsWith("\n\nThis is a test of the notifications to ops.\n")));
+  EXPECT_THAT(send("exit 75\n").err, HasSubstr("sendmail ends with status 75"));
+  EXPECT_THAT(send("").err, HasSubstr("this host has no mail system"));
+  EXPECT_EQ(ctl({"notify", "rm", "ops", "--yes"}).status, 0);
+}
+
+TEST_F(Keeper, PassesOnWhatOtherDaemonsReport) {
+  const Receiver receiver;
+  ASSERT_EQ(ctl({"notify", "add", "ops", "--url", receiver.url, "--events", "gateway,guard"}).status, 0);
+  const auto report = [](const std::string& kind) {
+    return bus("KeeperService", "keeper.report",
+               R"({"kind":")" + kind + R"(","level":1,"subject":"gateway","text":"Traffic is held back"})");
+  };
+  for (const char* kind : {"", "test", "nonsense"}) EXPECT_THAT(report(kind), HasSubstr("\"error\":9")) << kind;
+  EXPECT_THAT(report("guard"), HasSubstr("\"error\":0"));
+  EXPECT_THAT(receiver.take("200 OK").second,
+              HasSubstr(R"("event":"guard","subject":"gateway","text":"Traffic is held back")"));
+  EXPECT_EQ(ctl({"notify", "rm", "ops", "--yes"}).status, 0);
+  const std::string recent = bus("KeeperService", "notify.recent");
+  EXPECT_THAT(recent.substr(0, recent.find('}')),
+              AllOf(HasSubstr(R"("event":"guard","level":"warning")"), HasSubstr(R"("text":"Traffic is held back")")))
+      << "the newest comes first";
+}
+
 TEST_F(Keeper, IsSeenAndSetOverTheWeb) {
   const Receiver receiver;
   const std::string admin = "sid=" + run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8);
@@ -289,6 +323,8 @@ TEST_F(Keeper, IsSeenAndSetOverTheWeb) {
     return cgi("/ormel/" + path, admin + '&' + form).body;
   };
   EXPECT_THAT(ask("keeper/show", ""), AllOf(HasSubstr(R"("section":"DROVIK")"), HasSubstr(R"("state":"running")")));
+  EXPECT_THAT(ask("notify/kinds", ""), AllOf(HasSubstr(R"({"kind":"failed","text":")"), Not(HasSubstr("\"test\""))));
+  EXPECT_THAT(ask("notify/recent", ""), EndsWith(R"(],"error":0})"));
   EXPECT_EQ(ask("notify/set", "name=web&url=http://192.0.2.1/"),
             refusal(9,
                     "the URL begins with https:// (or is this host's own loopback), without a user name in it; or it "

@@ -1,6 +1,8 @@
 // The friendly command line: what it says in each state, and that it loses nothing.
 // appliance: --web
 
+#include <chrono>
+#include <set>
 #include <sstream>
 
 #include <jansson.h>
@@ -51,8 +53,12 @@ class OrmelCtl : public testing::Test {
   }
   // Each prints one document with its schema, whatever it says.
   static void expect_documents(const char* state) {
-    const auto commands = reading_commands();
+    auto commands = reading_commands();
     EXPECT_GT(commands.size(), 10U);
+    // As a loop of the shell has them, a word at a time.
+    std::set<std::string> nouns;
+    for (const std::vector<std::string>& words : commands) nouns.insert(words.front());
+    for (const std::string& noun : nouns) commands.push_back({noun});
     for (std::vector<std::string> words : commands) {
       words.emplace_back("--json");
       const Result result = ctl(words);
@@ -99,6 +105,8 @@ TEST_F(OrmelCtl, SaysWhatIsWrongAndWhatToDo) {
       {{"kick", "guest", "--yes"}, 3, "guest is not connected"},
       {{"log", "events", "--since", "yesterday"}, 2, "30m, 1h or 2d"},
       {{"gateway", "set", "none"}, 3, "no profile is named none"},
+      {{"guard", "on"}, 1, "ormelctl gateway set PROFILE, or ormelctl guard strict"},
+      {{"notify", "rm", "nobody", "--yes"}, 3, "no target is named nobody"},
       {{"status", "openvpn", "--check", "running"}, 6, "openvpn is off, not running"},
       {{"status", "-o", "xml"}, 2, "table, json or tsv"},
   };
@@ -106,11 +114,72 @@ TEST_F(OrmelCtl, SaysWhatIsWrongAndWhatToDo) {
     const Result result = ctl(row.words);
     EXPECT_EQ(result.status, row.status) << testing::PrintToString(row.words);
     EXPECT_THAT(result.out + result.err, HasSubstr(row.said)) << testing::PrintToString(row.words);
+    if (row.words.empty() || row.words.back() == "--json") continue;
+    EXPECT_THAT(result.err, ContainsRegex("^ormelctl: [^\n]+\n  [^ \n][^\n]+\n$"))
+        << "each failure says what to do: " << testing::PrintToString(row.words);
   }
   const Result stranger =
       run({"/usr/bin/setpriv", "--reuid=guest", "--clear-groups", "/usr/sbin/ormelctl", "status", "--json"});
   EXPECT_EQ(stranger.status, 4);
   EXPECT_THAT(stranger.out, HasSubstr("\"reason\":\"only root may do this\""));
+}
+
+TEST_F(OrmelCtl, NamesWhatWasMeantByAMistypedName) {
+  ASSERT_EQ(ctl({"profile", "add", "pptp", "--name", "office", "--host", "192.0.2.1"}).status, 0);
+  ASSERT_EQ(ctl({"notify", "add", "ops", "--url", "https://hooks.example.org/", "--events", "failed"}).status, 0);
+  const struct {
+    std::vector<std::string> words;
+    const char* said;
+  } cases[] = {
+      {{"profile", "show", "ofice"}, "did you mean \"office\"?"},
+      {{"profile", "up", "off"}, "did you mean \"office\"?"},
+      {{"why", "OFFICES"}, "did you mean \"office\"?"},
+      {{"status", "opnvpn"}, "did you mean \"openvpn\"?"},
+      {{"server", "on", "wiregard"}, "did you mean \"wireguard\"? one of pptp"},
+      {{"user", "grant", "gest", "pptp"}, "did you mean \"guest\"?"},
+      {{"notify", "test", "osp"}, "did you mean \"ops\"?"},
+      {{"notify", "add", "a", "--url", "https://hooks.example.org/", "--events", "faild"}, "ormelctl notify kinds"},
+      {{"notify", "add", "a"}, "--url is missing"},
+      {{"profile", "set", "office", "--hots", "b", "--yes"}, "did you mean --host?"},
+      {{"profiel"}, "one of: profile list, profile show"},
+      {{"guard", "on"}, "  ormelctl gateway set pptp/1, or ormelctl guard strict\n"},
+  };
+  for (const auto& row : cases) {
+    const Result result = ctl(row.words);
+    EXPECT_NE(result.status, 0) << testing::PrintToString(row.words);
+    EXPECT_THAT(result.err, HasSubstr(row.said)) << testing::PrintToString(row.words);
+  }
+  EXPECT_THAT(ctl({"profile", "show", "nothing-like-it"}).err, Not(HasSubstr("did you mean")));
+  EXPECT_EQ(ctl({"notify", "rm", "ops", "--yes"}).status, 0);
+}
+
+TEST_F(OrmelCtl, EndsInTimeAndLeavesNothingBehind) {
+  run({"/usr/bin/pkill", "-STOP", "-f", "/usr/lib/fenro/ormeld"});
+  const auto began = std::chrono::steady_clock::now();
+  const Result late = ctl({"log", "servers", "--timeout", "1", "--json"});
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(4));
+  run({"/usr/bin/pkill", "-CONT", "-f", "/usr/lib/fenro/ormeld"});
+  EXPECT_EQ(late.status, 5);
+  EXPECT_EQ(json_integer_value(json_object_get(document(late).get(), "schema")), 1) << late.out;
+  EXPECT_THAT(late.out, AllOf(HasSubstr("not done after 1 s"), HasSubstr("\"advice\":")));
+  EXPECT_EQ(ctl({"log", "servers", "--timeout=1m", "--json"}).status, 0);
+  EXPECT_EQ(ctl({"--timeout", "soon", "status"}).status, 2);
+
+  // An archive that never comes: what was unpacked so far goes with the program.
+  run({"/usr/bin/mkfifo", "/tmp/slow.zip"});
+  EXPECT_EQ(ctl({"profile", "import", "/tmp/slow.zip", "--report", "--timeout", "1"}).status, 5);
+  EXPECT_TRUE(comes_true([] { return run({"/bin/sh", "-c", "ls -d /run/ormelctl.* 2>/dev/null"}).out.empty(); }));
+  fs::remove("/tmp/slow.zip");
+}
+
+TEST_F(OrmelCtl, ShowsColorsToATerminalOnly) {
+  const auto on_terminal = [](const std::string& command) {
+    return run({"/usr/bin/script", "-qec", command, "/dev/null"}, {"PATH=/usr/sbin:/usr/bin:/bin", "TERM=xterm"}).out;
+  };
+  EXPECT_THAT(on_terminal("ormelctl status"), HasSubstr("\x1b[32mrunning"));
+  EXPECT_THAT(on_terminal("ormelctl --no-color status"), AllOf(HasSubstr("running"), Not(HasSubstr("\x1b["))));
+  EXPECT_THAT(on_terminal("NO_COLOR=1 ormelctl status"), Not(HasSubstr("\x1b[")));
+  EXPECT_THAT(on_terminal("ormelctl status | cat"), Not(HasSubstr("\x1b[")));
 }
 
 TEST_F(OrmelCtl, KeepsProfilesOfEveryName) {
@@ -208,6 +277,7 @@ TEST_F(OrmelCtl, RunsServersDevicesAndRights) {
   EXPECT_EQ(interface_peers(), new_key) << "the old key is gone, the printed one is in its place";
   EXPECT_EQ(text_at(ctl({"peer", "list", "--json"}), 0, "key") + '\n', new_key);
   EXPECT_EQ(ctl({"peer", "qr", "tablet", "--host", "vpn.example.org", "--yes"}).status, 3);
+  EXPECT_THAT(ctl({"peer", "rm", "phoen", "--yes"}).err, HasSubstr("did you mean \"phone\"?"));
   EXPECT_EQ(ctl({"peer", "rm", "phone", "--yes"}).status, 0);
   EXPECT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
   EXPECT_EQ(ctl({"user", "grant", "guest", "l2tp"}).status, 0);
@@ -246,6 +316,18 @@ TEST_F(OrmelCtl, FindsWhatIsWrongWithTheHost) {
               AllOf(HasSubstr("doctor.json"), HasSubstr("events.json"), HasSubstr("logs.tar.gz")));
 }
 
+TEST_F(OrmelCtl, TakesNoForeignProcessForAServer) {
+  write(VPN_CONF, "[DROVIK]\nEnable = TRUE\n");
+  // Another user's, with the daemon's name and argument, and root's own with the name alone.
+  const char* script =
+      "setpriv --reuid=guest --clear-groups bash -c \"exec -a morvid sh -c 'sleep 60' DROVIK\" & echo $! >/tmp/foreign;"
+      "bash -c 'exec -a morvid sleep 60' & echo $! >>/tmp/foreign";
+  run({"/bin/bash", "-c", script}, {"PATH=/usr/sbin:/usr/bin:/bin"});
+  ASSERT_TRUE(comes_true([] { return run({"/usr/bin/pgrep", "-fc", "^morvid"}).out == "2\n"; }));
+  EXPECT_TRUE(comes_true([] { return text_at(ctl({"status", "drovik", "--json"}), 0, "state") == "failed"; }, 20));
+  run({"/bin/bash", "-c", "kill $(cat /tmp/foreign)"}, {"PATH=/usr/bin:/bin"});
+}
+
 TEST_F(OrmelCtl, HearsAPptpServerBeforeALogin) {
   write("/tmp/pptpd.conf", "option /dev/null\nlocalip 10.0.0.1\nremoteip 10.0.0.2-20\n");
   run({"/bin/sh", "-c", "exec setsid pptpd -f -c /tmp/pptpd.conf -p /tmp/pptpd.pid </dev/null >/dev/null 2>&1 &"},
@@ -262,7 +344,8 @@ TEST_F(OrmelCtl, HearsAPptpServerBeforeALogin) {
 
 TEST_F(OrmelCtl, AnswersWithEachDaemonDeadInTurn) {
   expect_documents("empty");
-  for (const std::string daemon : {"ormeld", "fenro-networkd", "fenro-jsond", "fenro-rated", "pelmar-agentd"}) {
+  for (const std::string daemon :
+       {"ormeld", "fenro-networkd", "fenro-jsond", "fenro-rated", "pelmar-agentd", "fenro-keeperd"}) {
     const std::string path = "/usr/lib/fenro/" + daemon;
     const std::string failed = daemon + std::string(16 - daemon.size(), ' ') + "failed";
     run({"/usr/bin/pkill", "-KILL", "-f", path});

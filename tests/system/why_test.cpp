@@ -213,6 +213,7 @@ openssl req -x509 -newkey rsa:2048 -nodes -days 9 -subj '/CN=other' -keyout othe
 
 TEST_F(WhyOpenVpn, SaysWhatAClientMeetsAndForgetsItOnceMended) {
   const size_t before = refused_logins();
+  far_shell("openvpn --genkey secret /tmp/other.psk");
   expect_faults(
       "far", "OPENVPN_CLIENT1",
       {
@@ -220,12 +221,87 @@ TEST_F(WhyOpenVpn, SaysWhatAClientMeetsAndForgetsItOnceMended) {
            "ormelctl profile set far --pass-file /tmp/pass --yes", "failed", "login-refused", "40"},
           {"wrong authority", OTHER_AUTHORITY, "cp /tmp/good /etc/config/openvpn/clients/client1", "failed",
            "server-cert-unknown", "24"},
+          {"a pre-shared key that is not the server's",
+           "{ cat /tmp/good; echo '<tls-crypt>'; cat /tmp/other.psk; echo '</tls-crypt>'; } "
+           ">/etc/config/openvpn/clients/client1",
+           "cp /tmp/good /etc/config/openvpn/clients/client1", "failed", "psk-wrong", "9"},
           {"host down", "cd /etc/config/openvpn/clients; sed -i 's/^remote .*/remote 192.168.77.99 1194/' client1",
            "cp /tmp/good /etc/config/openvpn/clients/client1", "retrying", "no-route", "83"},
           {"unknown option", "echo 'proto nonsense' >>/etc/config/openvpn/clients/client1",
            "cp /tmp/good /etc/config/openvpn/clients/client1", "failed", "settings-bad", "9"},
       });
   EXPECT_EQ(refused_logins(), before + 1) << "a refused login is not tried again";
+}
+
+// A server of somebody else, which looks at certificates and a pre-shared key.
+constexpr const char* STRICT_SERVER = R"(
+mkdir -p /tmp/strict; cd /tmp/strict
+new='-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes'
+for ca in ca other; do openssl req -x509 $new -days 9 -subj /CN=$ca -keyout $ca.key -out $ca.crt 2>/dev/null; done
+sign() {
+  openssl req $new -subj "/CN=$1" -keyout "$1.key" -out "$1.csr" 2>/dev/null
+  openssl x509 -req -in "$1.csr" -CA "$2.crt" -CAkey "$2.key" -CAcreateserial -days "$3" -out "$1.crt" 2>/dev/null
+}
+sign server ca 9; sign good ca 9; sign expired ca -1; sign foreign other 9
+for key in good wrong; do openvpn --genkey secret $key.psk; done
+profile() {
+  printf 'client
+dev tun
+proto udp
+remote 192.168.77.1 1200
+nobind
+hand-window 10
+'
+  for part in ca:ca.crt cert:$1.crt key:$1.key tls-crypt:$2.psk; do
+    printf '<%s>
+' "${part%%:*}"; cat "${part#*:}"; printf '</%s>
+' "${part%%:*}"
+  done
+}
+profile good good >good.ovpn; profile expired good >expired.ovpn
+profile foreign good >foreign.ovpn; profile good wrong >psk.ovpn
+openvpn --daemon strict --writepid pid --mode server --tls-server --port 1200 --dev tun77 --dev-type tun   --topology subnet --ifconfig 10.66.0.1 255.255.255.0 --ifconfig-pool 10.66.0.2 10.66.0.9 255.255.255.0   --push 'topology subnet' --push 'route-gateway 10.66.0.1' --dh none --duplicate-cn   --ca /tmp/strict/ca.crt --cert /tmp/strict/server.crt --key /tmp/strict/server.key --tls-crypt /tmp/strict/good.psk)";
+
+class WhyOpenVpnStrict : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!has_tun()) GTEST_SKIP() << "no tunnel without the TUN device /dev/net/tun";
+    near_shell(STRICT_SERVER);
+    for (const char* name : {"good", "expired", "foreign", "psk"})
+      far::write(std::string("/tmp/") + name + ".ovpn", read(std::string("/tmp/strict/") + name + ".ovpn"));
+    far_shell(
+        "ormelctl profile import /tmp/good.ovpn --name strict --yes; cp /etc/config/openvpn/clients/client1 "
+        "/tmp/stored");
+  }
+  void TearDown() override {
+    far::run({CTL, "profile", "rm", "strict", "--yes"});
+    near_shell("kill $(cat /tmp/strict/pid); rm -r /tmp/strict");
+  }
+};
+
+TEST_F(WhyOpenVpnStrict, NamesTheCertificateAndGuessesAtAServerThatIsSilent) {
+  // What the daemon reads, from another source of the same shape.
+  constexpr const char* CURE = "cp /tmp/stored /etc/config/openvpn/clients/client1";
+  const auto fault = [](const std::string& name) {
+    return "cd /tmp; sed '/^<ca>/,$d' stored >mixed; sed -n '/^<ca>/,$p' " + name +
+           ".ovpn >>mixed; cp mixed /etc/config/openvpn/clients/client1";
+  };
+  const std::string expired = fault("expired"), foreign = fault("foreign"), psk = fault("psk");
+  expect_faults("strict", "OPENVPN_CLIENT1",
+                {
+                    {"own certificate expired", expired.c_str(), CURE, "failed", "own-cert-expired", "26"},
+                    {"own certificate of another authority", foreign.c_str(), CURE, "retrying", "no-answer", "85"},
+                    {"another pre-shared key", psk.c_str(), CURE, "retrying", "no-answer", "85"},
+                });
+  far_shell(foreign);
+  far::run({CTL, "profile", "down", "strict"});
+  far::run({CTL, "profile", "up", "strict", "--wait", "1"});
+  EXPECT_TRUE(comes_true(
+      [] {
+        return far::run({CTL, "why", "strict"}).out.find("it may refuse the profile's certificate") !=
+               std::string::npos;
+      },
+      SECONDS));
 }
 
 }  // namespace

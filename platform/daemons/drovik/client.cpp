@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "base/reason.h"
 #include "daemons/drovik/log.h"
 
 namespace fenro::drovik {
@@ -28,6 +29,8 @@ constexpr seconds LONGEST_PAUSE{60};
 constexpr unsigned DOUBLINGS = 5;  // from the first pause to the longest
 constexpr int ROUNDS = 8;          // of batches from one side, before the other has its turn
 constexpr int PACKETS = 256;
+constexpr std::string_view WRONG_KEY = "psk-wrong";
+constexpr int SURE_OF_KEY = 2;  // attempts in a row: a path that loses packets looks the same once
 
 struct FreeAddresses {
   void operator()(addrinfo* list) const noexcept { freeaddrinfo(list); }
@@ -41,11 +44,6 @@ std::optional<Ipv4> look_up(const std::string& name) {
   if (name.empty() || getaddrinfo(name.c_str(), nullptr, &hints, &found) != 0) return {};
   const std::unique_ptr<addrinfo, FreeAddresses> owner{found};
   return ntohl(reinterpret_cast<const sockaddr_in*>(found->ai_addr)->sin_addr.s_addr);
-}
-
-// Trying again cannot help, and wrong passwords would block the account.
-bool is_final(Reason reason) {
-  return reason == Reason::Denied || reason == Reason::Version;
 }
 
 // By Reason: the code of base/reason.h. Null where the next attempt follows as a matter of course.
@@ -150,6 +148,13 @@ void TunnelClient::take_control(std::string_view message) {
 }
 
 void TunnelClient::come_up(const Welcome& welcome) {
+  wrong_keys_ = 0;
+  if (tun_.fd() < 0) {
+    edges_.up(welcome, server_);
+    channel_->send(encode(Kind::Bye, Reason::Left));
+    fallen_ = Reason::Left;
+    return;
+  }
   if (!tun_.up(welcome.address, welcome.gateway, welcome.prefix, welcome.mtu)) {
     log_line(LOG_ERR, "the interface does not take the address %s", to_text(welcome.address).c_str());
     fallen_ = Reason::Silent;
@@ -210,13 +215,19 @@ void TunnelClient::ask() {
   }
 }
 
+// Whether trying again cannot help. Another login with a wrong password would block the account.
+bool TunnelClient::is_final(const char* code) {
+  const ormel::ReasonFacts* const facts = code ? ormel::find_reason(code) : nullptr;
+  if (!facts || !facts->final) return false;
+  return facts->code != WRONG_KEY || ++wrong_keys_ >= SURE_OF_KEY;
+}
+
 void TunnelClient::fall(Reason reason, const char* code) {
   log_line(LOG_NOTICE, "%s: %s", stage_ == Stage::Online ? "the tunnel is down" : "no tunnel", reason_text(reason));
   leave();
-  if (const char* const noted = code ? code : code_of(reason); noted) {
-    edges_.failed(noted, code ? "" : reason_text(reason));
-  }
-  if (is_final(reason) || !settings_.reconnect) {
+  const char* const noted = code ? code : code_of(reason);
+  if (noted) edges_.failed(noted, code ? "" : reason_text(reason));
+  if (is_final(noted) || !settings_.reconnect) {
     stage_ = Stage::Finished;
     return;
   }

@@ -35,6 +35,7 @@ class Edges {
 
 class TunnelClient {
  public:
+  // With a `tun` that is not open the login is tried only: a session that is welcome ends at once.
   TunnelClient(ClientSettings settings, const Dtls& dtls, Tun tun, std::string identifier, Edges& edges);
 
   // Until `signals` can be read or the tunnel has ended for good. 0 after a signal.
@@ -54,6 +55,7 @@ class TunnelClient {
   void tick();
   void ask();
   void fall(Reason reason, const char* code = nullptr);
+  [[nodiscard]] bool is_final(const char* code);
   void leave();
 
   ClientSettings settings_;
@@ -68,6 +70,7 @@ class TunnelClient {
   const char* cause_ = nullptr;   // why, where that reason does not say it
   Ipv4 server_ = 0;
   Traffic traffic_{};
+  int wrong_keys_ = 0;         // attempts since the key was last seen to be right
   unsigned attempts_ = 0;      // since the tunnel was last up
   Clock::time_point next_{};   // of the next attempt, login or ping
   Clock::time_point heard_{};  // or begun

@@ -2,6 +2,7 @@
 // and brings up what is on; from then on it starts again what has ended, and reports what happens.
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <string>
@@ -52,17 +53,19 @@ int main() {
   keeper::clear_stale_state();
 
   keeper::Notifier notifier;
-  const keeper::Reporter report = [&notifier](const keeper::Report& what) {
+  keeper::Recent recent;
+  const keeper::Reporter report = [&notifier, &recent](const keeper::Report& what) {
     std::fprintf(stderr, "fenro-keeperd: %s\n", what.text.c_str());
     if (!keeper::store_event(what)) std::fputs("fenro-keeperd: the event log cannot be written\n", stderr);
     notifier.send(what);
+    recent.add(what, std::time(nullptr));
   };
   keeper::Watch watch{report};
   keeper::HostWatch host{report};
   if (booting) watch.boot();
 
   bus::Server server{SERVICE};
-  keeper::serve(server, watch, notifier);
+  keeper::serve(server, watch, notifier, recent);
   const auto began = Clock::now();
   server.every(PERIOD, [&] {
     const auto now = Clock::now();

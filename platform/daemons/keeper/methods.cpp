@@ -1,7 +1,9 @@
 #include "daemons/keeper/methods.h"
 
 #include <algorithm>
+#include <ctime>
 #include <functional>
+#include <iterator>
 
 namespace fenro::keeper {
 namespace {
@@ -102,9 +104,33 @@ bus::Reply result(const Notifier& notifier, const Json& request) {
   return answer(std::move(data));
 }
 
+bus::Reply kinds() {
+  Json rows{json_array()};
+  for (const Kind& kind : KINDS) {
+    Json row{json_object()};
+    set_text(row, "kind", kind.name);
+    set_text(row, "text", kind.text);
+    json_array_append_new(rows.get(), row.release());
+  }
+  return answer(std::move(rows));
+}
+
+// Other daemons pass on here what they have stored in the event log.
+bus::Reply report(Notifier& notifier, Recent& recent, const Json& request) {
+  const Kind* const kind = find_kind(text_of(request, "kind"));
+  const json_int_t level = json_integer_value(json_object_get(request.get(), "level"));
+  const std::string text = text_of(request, "text");
+  if (!kind || text.empty() || level < 0 || level >= std::ssize(LEVEL_NAMES))
+    return refusal(WRONG_VALUE, "a report has a known kind, a level and a text");
+  const Report what{kind->name, static_cast<Level>(level), text_of(request, "subject"), text, {}};
+  notifier.send(what);
+  recent.add(what, std::time(nullptr));
+  return answer(Json{json_object()});
+}
+
 }  // namespace
 
-void serve(bus::Server& server, const Watch& watch, Notifier& notifier) {
+void serve(bus::Server& server, const Watch& watch, Notifier& notifier, Recent& recent) {
   const auto on = [&server](const char* method, std::function<bus::Reply(const Json&)> work) {
     server.on(method, [work = std::move(work)](std::string_view body) {
       const Json request = parse_request(body);
@@ -112,6 +138,9 @@ void serve(bus::Server& server, const Watch& watch, Notifier& notifier) {
     });
   };
   on("keeper.show", [&watch](const Json&) { return answer(watch.show()); });
+  on("keeper.report", [&notifier, &recent](const Json& request) { return report(notifier, recent, request); });
+  on("notify.kinds", [](const Json&) { return kinds(); });
+  on("notify.recent", [&recent](const Json&) { return answer(recent.show()); });
   on("notify.list", [&notifier](const Json&) { return list(notifier); });
   on("notify.set", set);
   on("notify.remove", remove);

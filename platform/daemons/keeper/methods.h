@@ -2,6 +2,7 @@
 #pragma once
 
 #include "daemons/keeper/notifier.h"
+#include "daemons/keeper/recent.h"
 #include "daemons/keeper/watch.h"
 #include "libmibservice/mibserver.h"
 
@@ -9,11 +10,15 @@ namespace fenro::keeper {
 
 // Replies are {"error":CODE,"data":…}, in which a code above 0 comes with "reason", a sentence.
 //
-//   keeper.show            all that is wanted: section, name, state, since, restarts, reason
-//   notify.list            targets without their secrets, with the outcome of the last delivery
-//   notify.set NAME…       {"name","url","events","secret"}: a new webhook without a secret gets one, which is returned
-//   once notify.remove          {"name"} notify.test            {"name"}: {"test":NUMBER}, whose outcome notify.result
-//   tells notify.result          {"test":NUMBER}: {"done":…}
-void serve(bus::Server& server, const Watch& watch, Notifier& notifier);
+//   keeper.show      all that is wanted: section, name, state, since, restarts, reason
+//   keeper.report    {"kind","level","subject","text"}: notifies of an event that the caller has stored in the log
+//   notify.kinds     the kinds of events, with a text for each
+//   notify.recent    the latest reports, newest first
+//   notify.list      targets without their secrets, with the outcome of the last delivery
+//   notify.set       {"name","url","events","secret"}: a new webhook without a secret gets one, which is returned once
+//   notify.remove    {"name"}
+//   notify.test      {"name"}: {"test":NUMBER}
+//   notify.result    {"test":NUMBER}: {"done":…} and the outcome of that test
+void serve(bus::Server& server, const Watch& watch, Notifier& notifier, Recent& recent);
 
 }  // namespace fenro::keeper

@@ -180,7 +180,7 @@ std::uint64_t Notifier::test(const std::string& name) {
   const auto target = std::ranges::find(targets, name, &Target::name);
   if (target == targets.end()) return 0;
   const std::lock_guard guard{mutex_};
-  queue(*target, {"test", Level::Information, name, "This is a test of the notifications to " + name + "."}, 1,
+  queue(*target, {TEST_KIND, Level::Information, name, "This is a test of the notifications to " + name + "."}, 1,
         ++last_test_);
   return last_test_;
 }

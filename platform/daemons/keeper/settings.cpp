@@ -60,7 +60,7 @@ std::string section_of(const std::string& name) {
 }  // namespace
 
 bool Target::wants(std::string_view kind) const {
-  return kind == "test" || std::ranges::find(events, ALL) != events.end() ||
+  return kind == TEST_KIND || std::ranges::find(events, ALL) != events.end() ||
          std::ranges::find(events, kind) != events.end();
 }
 
@@ -107,7 +107,7 @@ std::string fault_of(const Target& target) {
   }
   if (target.events.empty()) return "no events are chosen";
   for (const std::string& kind : target.events) {
-    if (kind != ALL && std::ranges::find(KINDS, kind) == std::end(KINDS)) return "there are no events of kind " + kind;
+    if (kind != ALL && !find_kind(kind)) return "there are no events of kind " + kind;
   }
   if (target.secret.size() > MAX_SECRET || !is_printable(target.secret))
     return "the secret has characters that cannot be used";

@@ -13,6 +13,7 @@
 
 #include "base/handle.h"
 #include "base/reason.h"
+#include "base/tunnel.h"
 #include "libfenro/ini_file.h"
 
 namespace fenro::keeper {
@@ -53,16 +54,21 @@ bool is_ours(std::string_view name) {
          });
 }
 
+Program server_program(ormel::TYPE server) {
+  const ormel::TunnelFacts& facts = ormel::tunnel_of(server);
+  return {facts.server_daemon, facts.server_argument, {}};
+}
+
 }  // namespace
 
 const std::vector<Protocol>& protocols() {
   // clang-format off
   using std::chrono::seconds;
   static const std::vector<Protocol> all{
-      {"PPTP", "PPTP", "vpn_pptp", {"pptpd", "/etc/config/ppp/pptpd.conf"}, {"pppd-pptp", "/etc/config/ppp/peers/pptpclient"}, "", 1, true, "ppp", 1000, seconds{5}},
-      {"L2TP", "L2TP", "vpn_l2tp", {"xl2tpd", "/etc/config/ppp/xl2tpd.conf"}, {"xl2tpd", "/run/fenro/l2tpclient", ".conf"}, "fenro-charon", 2, true, "ppp", 1250, seconds{5}},
-      {"OPENVPN", "OpenVPN", "vpn_openvpn", {"openvpn", "/etc/config/openvpn/server.conf"}, {"openvpnclient", "/etc/config/openvpn/clients/client"}, "", 4, false, "tun", 2000, seconds{12}},
-      {"DROVIK", "Drovik", "vpn_drovik", {"morvid", "DROVIK"}, {"morvic", "/run/fenro/drovikclient", ".pid"}, "", 16, false, "dtunc", 2500, seconds{5}},
+      {"PPTP", "PPTP", "vpn_pptp", server_program(ormel::PPTP_SERVER_TYPE), {"pppd-pptp", "/etc/config/ppp/peers/pptpclient"}, "", 1, true, "ppp", 1000, seconds{5}},
+      {"L2TP", "L2TP", "vpn_l2tp", server_program(ormel::L2TP_SERVER_TYPE), {"xl2tpd", "/run/fenro/l2tpclient", ".conf"}, "fenro-charon", 2, true, "ppp", 1250, seconds{5}},
+      {"OPENVPN", "OpenVPN", "vpn_openvpn", server_program(ormel::OVPN_SERVER_TYPE), {"openvpnclient", "/etc/config/openvpn/clients/client"}, "", 4, false, "tun", 2000, seconds{12}},
+      {"DROVIK", "Drovik", "vpn_drovik", server_program(ormel::DROVIK_SERVER_TYPE), {"morvic", "/run/fenro/drovikclient", ".pid"}, "", 16, false, "dtunc", 2500, seconds{5}},
       {"WG", "WireGuard", "vpn_wireguard", {"", "wg0"}, {}, "", 0, false, "wgc", 3000, seconds{2}},
   };
   // clang-format on

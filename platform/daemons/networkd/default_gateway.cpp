@@ -9,6 +9,7 @@
 #include <fenro/mibservice.h>
 
 #include "base/argv.h"
+#include "common/keeper_report.h"
 #include "daemons/networkd/guard.h"
 #include "daemons/networkd/interfaces.h"
 
@@ -49,11 +50,15 @@ std::vector<AddressMark> own_networks(const std::vector<Link>& links) {
   return marks;
 }
 
-void log_event(int type, const char* text) {
+constexpr const char* GATEWAY_EVENT = "gateway";  // kinds of the keeper's notifications
+constexpr const char* GUARD_EVENT = "guard";
+
+void log_event(const char* kind, int type, const char* text) {
   naslog_event event{};
   event.type = type;
   std::snprintf(event.event_desc, sizeof event.event_desc, "[ORMEL Service] %s", text);
   if (naslog_event_add(&event) != 0) std::fprintf(stderr, "fenro-networkd: no event: %s\n", event.event_desc);
+  report_to_keeper(kind, type, kind, text);
 }
 
 }  // namespace
@@ -120,7 +125,8 @@ void DefaultGateway::tell(const Route& next, TunnelWatch::Clock::time_point now)
   char text[256];
   std::snprintf(text, sizeof text, "Default gateway: from %s (for %lld s) to %s: %s.", name(applied_).c_str(),
                 static_cast<long long>(lasted), name(next).c_str(), reason);
-  log_event(policy_.first.empty() || !next.interface.empty() ? 0 : 1, text);
+  log_event(next.held && current_guard() != Guard::OFF ? GUARD_EVENT : GATEWAY_EVENT,
+            policy_.first.empty() || !next.interface.empty() ? 0 : 1, text);
   since_ = now;
   since_time_ = std::time(nullptr);
 }
@@ -131,7 +137,7 @@ bool DefaultGateway::filter_is_gone(TunnelWatch::Clock::time_point now) {
     return false;
   next_check_ = now + FILTER_PERIOD;
   if (guard_filter_is_set()) return false;
-  log_event(1, "The guard's filter had been removed by another program and is set again.");
+  log_event(GUARD_EVENT, 1, "The guard's filter had been removed by another program and is set again.");
   return true;
 }
 

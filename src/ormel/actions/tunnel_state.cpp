@@ -43,12 +43,6 @@ TunnelState not_running(const std::optional<NotedReason>& noted, std::time_t now
   return {State::Failed, 0, computed("daemon-ended", 0)};
 }
 
-bool daemon_runs(TYPE type) {
-  system::VpnProcess processes;
-  std::ignore = processes.update();  // always 0
-  return processes.pidof(type, 0) != 0;
-}
-
 // The firewall rules that clients need, by what the scripts have left in vpn.conf.
 bool rules_set(const config::BaseConfig& server) {
   std::string content;
@@ -59,8 +53,8 @@ bool rules_set(const config::BaseConfig& server) {
 TunnelState server_state(const config::BaseConfig& server, std::time_t now) {
   if (!server.enable) return {};
   // Records of servers come without their process.
-  const bool runs =
-      server.type == WIREGUARD_SERVER_TYPE ? interface_exists(wireguard::SERVER_INTERFACE) : daemon_runs(server.type);
+  const bool runs = server.type == WIREGUARD_SERVER_TYPE ? interface_exists(wireguard::SERVER_INTERFACE)
+                                                         : system::server_runs(server.type);
   // A daemon that is about to fail is there for a moment, too. A start that has succeeded removes what was noted.
   const std::optional<NotedReason> noted = read_reason(server.section);
   if (!runs || noted) return not_running(noted, now);

@@ -114,4 +114,10 @@ PlainReply plain_call(const char* service, const char* method, const json_t* req
   return io ? plain_call({"", service, method, "", timeout}, io) : PlainReply{NO_IO};
 }
 
+bool serves(const char* service, int seconds) {
+  constexpr const char* NO_METHOD = "ping";
+  const int status = plain_call(service, NO_METHOD, nullptr, seconds).status;
+  return status != MIB_NOT_READY && status != MIB_TIMEOUT && status != NO_IO;
+}
+
 }  // namespace ormel::system

@@ -74,6 +74,9 @@ struct BusReply {
                                     int timeout = BUS_TIMEOUT);
 [[nodiscard]] PlainReply plain_call(const BusCall& call, const MibIo& io);
 
+// Whether a daemon serves its name: an answer of any kind shows it, also one to a method that it does not have.
+[[nodiscard]] bool serves(const char* service, int seconds);
+
 // The service that knows the appliance's networks, and those of its methods that several modules call.
 constexpr const char* NETWORK_SERVICE = "NetworkService";
 constexpr const char* CURRENT_GATEWAY = "api.get_currentGWinfo";

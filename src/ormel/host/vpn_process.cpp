@@ -5,6 +5,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/tunnel.h"
@@ -53,7 +54,32 @@ bool first_line(int folder, const std::string& path, std::string& line) {
   }
 }
 
+bool is_daemon(std::string_view cmdline, const TunnelFacts& facts) {
+  const size_t end = std::min(cmdline.find('\0'), cmdline.size());
+  std::string_view program = cmdline.substr(0, end);
+  program.remove_prefix(program.rfind('/') + 1);
+  if (program != facts.server_daemon) return false;
+  const std::string argument = std::string(1, '\0') + facts.server_argument + '\0';
+  return cmdline.substr(end).find(argument) != std::string_view::npos;
+}
+
 }  // namespace
+
+bool server_runs(TYPE server) {
+  const TunnelFacts* const facts = find_tunnel(server);
+  const Dir proc{facts && facts->server_daemon ? opendir("/proc") : nullptr};
+  std::string cmdline;
+  while (const dirent* entry = proc ? readdir(proc.get()) : nullptr) {
+    if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0])) ||
+        !first_line(dirfd(proc.get()), std::string(entry->d_name) + "/cmdline", cmdline))
+      continue;
+    struct stat owner {};
+    if (is_daemon(cmdline, *facts) && fstatat(dirfd(proc.get()), entry->d_name, &owner, 0) == 0 &&
+        owner.st_uid == geteuid())
+      return true;
+  }
+  return false;
+}
 
 int VpnProcess::update() {
   const Dir proc{opendir("/proc")};

@@ -54,9 +54,13 @@ Outcome test(const Request& request, JsonValue& reply) {
 
 constexpr char SHOW[] = "keeper.show";
 constexpr char TARGETS[] = "notify.list";
+constexpr char KINDS[] = "notify.kinds";
+constexpr char RECENT[] = "notify.recent";
 
 constexpr Route ROWS[] = {
     {"/ormel/keeper/show", ADMINISTRATOR, READS, json<list<SHOW>>},
+    {"/ormel/notify/kinds", ADMINISTRATOR, READS, json<list<KINDS>>},
+    {"/ormel/notify/recent", ADMINISTRATOR, READS, json<list<RECENT>>},
     {"/ormel/notify/list", ADMINISTRATOR, READS, json<list<TARGETS>>},
     {"/ormel/notify/set", ADMINISTRATOR, CHANGES, json<store>},
     {"/ormel/notify/test", ADMINISTRATOR, CHANGES, json<test>},

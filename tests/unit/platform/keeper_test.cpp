@@ -4,6 +4,7 @@
 #include "daemons/keeper/backoff.h"
 #include "daemons/keeper/notifier.h"
 #include "daemons/keeper/rate_limit.h"
+#include "daemons/keeper/recent.h"
 #include "daemons/keeper/tunnels.h"
 
 namespace fenro::keeper {
@@ -59,6 +60,17 @@ TEST(KeeperRateLimit, SendsTwentyAnHourAndThenSaysHowManyThereWere) {
 TEST(KeeperNotifier, SignsAsTheStandardSays) {  // RFC 4231, case 2
   EXPECT_EQ(signature("Jefe", "what do ya want for nothing?"),
             "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+}
+
+TEST(KeeperRecent, ShowsTheLatestReportsFirstAndAHundredAtMost) {
+  Recent recent;
+  for (int i = 0; i < 120; ++i)
+    recent.add({"lost", Level::Warning, "WG_CLIENT1", "text " + std::to_string(i) + "\xff", "no-answer"}, 1000 + i);
+  const Json rows = recent.show();
+  ASSERT_EQ(json_array_size(rows.get()), 100U);
+  EXPECT_EQ(compact(json_array_get(rows.get(), 0)),
+            R"({"at":1119,"event":"lost","level":"warning","subject":"WG_CLIENT1","text":"text 119?",)"
+            R"("reason":"no-answer"})");
 }
 
 TEST(KeeperTunnels, KnowsSectionsAndTheirInterfaces) {
