@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <ctime>
 #include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
+#include <tuple>
 
 #include <fenro/auth.h>
 
@@ -25,6 +27,9 @@ constexpr int FIRST_GROUPS = 64;
 constexpr int LAST_GROUPS = 65536;
 constexpr std::string_view DOMAIN_MARKS = "\\@+";
 constexpr std::array<std::string_view, 2> DIRECTORIES{"ldap", "sss"};
+constexpr std::array<std::string_view, 2> NO_SHELLS{"/nologin", "/false"};
+constexpr std::string_view LEAST_KEY = "UID_MIN";
+constexpr uid_t LEAST_PERSON = 1000;
 
 // Asks the name service with a buffer that grows until the answer fits.
 template <typename Record, typename Ask>
@@ -78,6 +83,17 @@ void sort_unique(std::vector<std::string>& names) {
   names.erase(std::unique(names.begin(), names.end()), names.end());
 }
 
+template <typename Wanted>
+std::vector<std::string> names_of_file(const char* passwd, Wanted wanted) {
+  std::vector<std::string> names;
+  const File file{std::fopen(passwd, "re")};
+  while (const struct passwd* entry = file ? fgetpwent(file.get()) : nullptr) {
+    if (wanted(*entry)) names.emplace_back(entry->pw_name);
+  }
+  sort_unique(names);
+  return names;
+}
+
 // One page as the array of fixed rows that the callers take over and free.
 template <std::size_t Width>
 int hand_out(Source source, char (**list)[Width], int lower, int upper, const char* filter, int* total) {
@@ -127,16 +143,37 @@ Source source_of(const std::string& name, const std::vector<std::string>& local)
 }
 
 std::vector<std::string> users_of_file(const char* passwd) {
-  std::vector<std::string> names;
-  const File file{std::fopen(passwd, "re")};
-  while (const struct passwd* entry = file ? fgetpwent(file.get()) : nullptr) names.emplace_back(entry->pw_name);
-  sort_unique(names);
-  return names;
+  return names_of_file(passwd, [](const struct passwd&) { return true; });
+}
+
+std::vector<std::string> people_of_file(const char* passwd, uid_t least) {
+  return names_of_file(passwd, [least](const struct passwd& entry) {
+    const std::string_view shell = entry.pw_shell ? entry.pw_shell : "";
+    return entry.pw_uid >= least && std::ranges::none_of(NO_SHELLS, [&](std::string_view end) { return shell.ends_with(end); });
+  });
+}
+
+uid_t least_person(std::string_view login_defs) {
+  constexpr std::string_view BLANKS = " \t\r";
+  while (!login_defs.empty()) {
+    std::string_view line = ini::take_line(login_defs);
+    line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
+    if (!line.starts_with(LEAST_KEY) || line.find_first_of(BLANKS) != LEAST_KEY.size()) continue;
+    line.remove_prefix(LEAST_KEY.size());
+    line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
+    uid_t least = 0;
+    if (std::from_chars(line.data(), line.data() + line.size(), least).ec == std::errc{}) return least;
+  }
+  return LEAST_PERSON;
 }
 
 std::vector<std::string> users_of(Source source) {
-  std::vector<std::string> local = users_of_file(paths::PASSWD);
-  if (source == Source::Local) return local;
+  if (source == Source::Local) {
+    std::string settings;
+    std::ignore = read_file(paths::LOGIN_DEFS, settings);  // the usual number holds without it
+    return people_of_file(paths::PASSWD, least_person(settings));
+  }
+  const std::vector<std::string> local = users_of_file(paths::PASSWD);
   std::vector<std::string> names;
   Enumeration all;
   while (const char* name = all.next())

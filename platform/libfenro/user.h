@@ -29,7 +29,13 @@ enum class Source { Local, Ldap, Domain };
 // The names of a file of the form of /etc/passwd, sorted.
 [[nodiscard]] std::vector<std::string> users_of_file(const char* passwd);
 
-// All names of one source, sorted.
+// Those of the accounts in such a file that people log in with: numbers from `least` on, with a shell that takes a login.
+[[nodiscard]] std::vector<std::string> people_of_file(const char* passwd, uid_t least);
+
+// The least number of an account of a person, from the settings of the host's account tools; 1000 without them.
+[[nodiscard]] uid_t least_person(std::string_view login_defs);
+
+// All names of one source, sorted. Of the local accounts those that people log in with.
 [[nodiscard]] std::vector<std::string> users_of(Source source);
 
 // Whether the passwd line of the name service's settings asks a directory.

@@ -1,7 +1,9 @@
 // The frame around all pages: who is logged in, where one can go, and what has to be said.
 import type { FunctionComponent } from 'preact'
 import { useEffect, useRef, useState } from 'preact/hooks'
-import { callOnce, unsaved } from './api'
+import { Account } from './account'
+import { unsaved } from './api'
+import { idle, watchHands } from './idle'
 import { ClientsPage } from './pages/clients'
 import { ConnectionsPage } from './pages/connections'
 import { GatewayPage } from './pages/gateway'
@@ -11,11 +13,12 @@ import { OverviewPage } from './pages/overview'
 import { RightsPage } from './pages/rights'
 import { SdwanPage } from './pages/sdwan'
 import { ServersPage } from './pages/servers'
+import { UserQuestions } from './pages/user'
 import { watchDrops } from './drop'
-import { go, guard, place } from './router'
+import { guard, place } from './router'
 import { session } from './session'
 import { language, t, type TextKey } from './texts'
-import { Button, Icon, LanguageButton, Notice, Questions, Sayings, hush, mayLeave, touched, type IconName } from './ui'
+import { Icon, Notice, Questions, Sayings, hush, mayLeave, touched, type IconName } from './ui'
 
 interface Page {
   name: string
@@ -34,13 +37,6 @@ const PAGES: readonly Page[] = [
   { name: 'sdwan', label: 'nav.sdwan', icon: 'cloud', show: SdwanPage },
   { name: 'logs', label: 'nav.logs', icon: 'logs', show: LogsPage },
 ]
-
-async function logOut(): Promise<void> {
-  const sid = session.sid.peek()
-  session.end()
-  go('')
-  await callOnce('/fenro/logout', { sid }).catch(() => undefined) // it runs out by itself otherwise
-}
 
 function Shell() {
   const admin = session.login.value?.admin ?? false
@@ -82,9 +78,7 @@ function Shell() {
           <img src="/assets/icon.svg" alt="" width="26" height="26" /> ormel <span class="host">{location.host}</span>
         </span>
         <span class="who">
-          <span class="user">{session.login.value?.user}</span>
-          <LanguageButton />
-          <Button kind="quiet" icon="logout" label={t('logout')} onClick={() => void logOut()} />
+          <Account />
         </span>
       </header>
       <nav id="nav" class={open ? 'open' : ''} aria-label={t('nav.label')}>
@@ -108,7 +102,13 @@ function Shell() {
             <strong>{t('unsaved')}</strong> <span>{t('unsaved.advice')}</span>
           </Notice>
         )}
+        {idle.value && (
+          <Notice>
+            <strong>{t('idle.title')}</strong> <span>{t('idle.text')}</span>
+          </Notice>
+        )}
         <Show />
+        {admin && <UserQuestions />}
       </main>
     </div>
   )
@@ -116,6 +116,7 @@ function Shell() {
 
 export function App() {
   useEffect(watchDrops, [])
+  useEffect(watchHands, [])
   useEffect(() => guard(mayLeave), [])
   useEffect(() => {
     const ask = (event: BeforeUnloadEvent) => {

@@ -2,7 +2,7 @@
 import { useEffect, useRef, useState } from 'preact/hooks'
 import type { Rule } from './rules'
 import { t, type TextKey } from './texts'
-import { Button, Field, Notice, Switch, touched } from './ui'
+import { Button, Field, Notice, Switch, useTouched } from './ui'
 
 export type Values = Record<string, string | boolean>
 export type Choice = readonly [value: string, label: string]
@@ -38,6 +38,16 @@ export function mistakes(rows: readonly FieldRow[], values: Values): Record<stri
 export const differing = (rows: readonly FieldRow[], a: Values, b: Values): string[] =>
   rows.map((row) => row.name).filter((name) => a[name] !== b[name])
 
+const secret = (row: FieldRow): boolean => row.kind === 'secret' || row.kind === 'password' || row.kind === 'key'
+function plain(row: FieldRow, value: string | boolean | undefined, values: Values): string {
+  if (typeof value === 'boolean') return t(value ? 'yes' : 'no')
+  const choices = typeof row.choices === 'function' ? row.choices(values) : row.choices
+  return choices?.find(([one]) => one === value)?.[1] ?? (value || '–')
+}
+// "Port: 1194 → 443"; of a secret only that it changes.
+const changeWords = (row: FieldRow, before: string | boolean | undefined, after: string | boolean | undefined): string =>
+  secret(row) ? t(row.label) : `${t(row.label)}: ${plain(row, before, {})} → ${plain(row, after, {})}`
+
 // A form that begins with `initial`. One that follows takes over what is stored meanwhile, as long as nothing has been
 // typed; after that it only tells what has changed.
 export function useForm(rows: readonly FieldRow[], initial: Values, follows = false) {
@@ -47,12 +57,7 @@ export function useForm(rows: readonly FieldRow[], initial: Values, follows = fa
   const wrong = mistakes(rows, values)
   const changed = differing(rows, values, stored).length > 0
   const elsewhere = follows ? differing(rows, initial, stored) : []
-  const self = useRef({}).current
-  useEffect(() => {
-    if (changed) touched.add(self)
-    else touched.delete(self)
-    return () => void touched.delete(self)
-  }, [changed])
+  useTouched(changed)
   useEffect(() => {
     if (elsewhere.length === 0) return
     if (changed && elsewhere.some((name) => initial[name] !== values[name])) return
@@ -70,6 +75,8 @@ export function useForm(rows: readonly FieldRow[], initial: Values, follows = fa
       setTried(tried + 1)
       return Object.keys(wrong).length === 0
     },
+    // What differs from what is stored, a line a field.
+    changes: () => rows.filter((row) => shown(row, values) && values[row.name] !== stored[row.name]).map((row) => changeWords(row, stored[row.name], values[row.name])),
     // What it shows has been stored.
     settle: () => setStored(values),
     // What somebody else has stored since, as [name, value] of each field.
@@ -136,10 +143,7 @@ function OneField({ row, form }: { row: FieldRow; form: FormState }) {
   )
 }
 
-const wordsFor = (row: FieldRow, value: string | boolean): string => {
-  if (row.kind === 'secret' || row.kind === 'password' || row.kind === 'key') return t(row.label)
-  return `${t(row.label)}: ${typeof value === 'boolean' ? t(value ? 'yes' : 'no') : value}`
-}
+const wordsFor = (row: FieldRow, value: string | boolean): string => (secret(row) ? t(row.label) : `${t(row.label)}: ${plain(row, value, {})}`)
 
 // Somebody else has saved the same form meanwhile.
 const Elsewhere = ({ rows, form }: { rows: readonly FieldRow[]; form: FormState }) => (

@@ -1,6 +1,9 @@
 import { render } from 'preact'
 import './style.css'
 import { App } from './app'
+import { firstLanguage } from './texts'
+import { watchTheme } from './theme'
 
 const root = document.getElementById('app')
-if (root) render(<App />, root)
+watchTheme()
+if (root) void firstLanguage().then(() => render(<App />, root))

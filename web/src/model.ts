@@ -1,4 +1,5 @@
 // What the program tells of its profiles and connections, and what differs from protocol to protocol.
+import { ago } from './format'
 import { PROTOCOL, PROTOCOLS, type Protocol } from './protocols'
 
 export interface Profile {
@@ -97,6 +98,11 @@ export function handshakeAge(text: string): number | null {
   for (const [, amount, unit] of text.matchAll(/(\d+) (second|minute|hour|day|year)/g))
     age += Number(amount) * (sizes[unit ?? ''] ?? 0)
   return age
+}
+
+export function handshakeWords(text: string): string {
+  const age = handshakeAge(text)
+  return age === null ? '' : ago(age)
 }
 
 export const isLive = (peer: Peer): boolean => {

@@ -1,6 +1,7 @@
 // Asking again and again, for as long as somebody can see the answer.
 import { useEffect, useRef, useState } from 'preact/hooks'
 import type { ApiError } from './api'
+import { idle } from './idle'
 import { session } from './session'
 
 const SLOWEST = 30_000 // milliseconds between two tries when nothing answers
@@ -11,8 +12,8 @@ export interface Polled<T> {
   refresh: () => void
 }
 
-// Calls `ask` at once and then every `interval` milliseconds after an answer. A hidden tab and a session that has run
-// out stop it; what fails is asked less and less often.
+// Calls `ask` at once and then every `interval` milliseconds after an answer. A hidden tab, a session that has run out
+// and a page at which nobody is stop it; what fails is asked less and less often.
 export function usePoll<T>(ask: () => Promise<T>, interval: number, keys: readonly unknown[] = []): Polled<T> {
   const [state, setState] = useState<{ value: T | undefined; failure: ApiError | null }>({
     value: undefined,
@@ -29,7 +30,7 @@ export function usePoll<T>(ask: () => Promise<T>, interval: number, keys: readon
 
     const run = async (): Promise<void> => {
       clearTimeout(timer)
-      if (document.hidden || running) {
+      if (document.hidden || idle.peek() || running) {
         wanted = running
         return
       }
@@ -50,14 +51,20 @@ export function usePoll<T>(ask: () => Promise<T>, interval: number, keys: readon
       } else if (interval > 0) timer = setTimeout(() => void run(), pause)
     }
     const seen = () => {
-      if (!document.hidden && !session.expired.peek()) void run()
+      if (!document.hidden && !idle.peek() && !session.expired.peek()) void run()
     }
+    let away = idle.peek()
+    const unwatch = idle.subscribe((now) => {
+      if (away && !now) seen()
+      away = now
+    })
     again.current = () => void run()
     document.addEventListener('visibilitychange', seen)
     void run()
     return () => {
       alive = false
       clearTimeout(timer)
+      unwatch()
       document.removeEventListener('visibilitychange', seen)
     }
   }, keys)

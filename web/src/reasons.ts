@@ -1,6 +1,6 @@
 // The true state of tunnels and servers, and in words why one of them does not work.
 import { call } from './api'
-import { t, texts, type TextKey } from './texts'
+import { textOr, type TextKey } from './texts'
 import type { Tone } from './ui'
 
 export interface Reason {
@@ -52,10 +52,7 @@ export const stateOfStatus = (status: number): string => OF_STATUS[status] ?? 'o
 export const isSettled = (state: string): boolean => state === 'up' || state === 'failed' || state === 'off'
 
 // In the language of the user; a code that these pages do not know comes as the appliance says it.
-const words = (kind: 'why' | 'cure', reason: Reason, otherwise: string): string => {
-  const key = `${kind}.${reason.code}`
-  return key in texts ? t(key as TextKey) : otherwise
-}
+const words = (kind: 'why' | 'cure', reason: Reason, otherwise: string): string => textOr(`${kind}.${reason.code}`, otherwise)
 export const whyOf = (reason: Reason): string => words('why', reason, reason.text)
 export const cureOf = (reason: Reason): string => words('cure', reason, reason.advice)
 

@@ -5,6 +5,7 @@ export interface Login {
   sid: string
   user: string
   admin: boolean
+  since?: number // milliseconds, of the login
 }
 
 const PLACE = 'ormel.session'

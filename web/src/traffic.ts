@@ -25,21 +25,40 @@ export function protocolOfInterface(name: string): string | null {
   return null
 }
 
-// Bytes a second both ways, in the order of PROTOCOLS.
+// Bytes a second, what comes in and then what goes out, each in the order of PROTOCOLS.
 export function traffic(connections: readonly Connection[], interfaces: readonly InterfaceRate[]): number[] {
-  const sums = new Map<string, number>()
-  const add = (id: string | null | undefined, more: number) => id && sums.set(id, (sums.get(id) ?? 0) + more)
-  for (const one of connections) add(protocolOf(one.type)?.id, one.rx_rate + one.tx_rate)
-  for (const one of interfaces) add(protocolOfInterface(one.name_interface), one.rx_rate + one.tx_rate)
-  return PROTOCOLS.map((one) => sums.get(one.id) ?? 0)
+  const received = new Map<string, number>()
+  const sent = new Map<string, number>()
+  const add = (id: string | null | undefined, { rx_rate, tx_rate }: { rx_rate: number; tx_rate: number }) => {
+    if (!id) return
+    received.set(id, (received.get(id) ?? 0) + rx_rate)
+    sent.set(id, (sent.get(id) ?? 0) + tx_rate)
+  }
+  for (const one of connections) add(protocolOf(one.type)?.id, one)
+  for (const one of interfaces) add(protocolOfInterface(one.name_interface), one)
+  return [received, sent].flatMap((sums) => PROTOCOLS.map((one) => sums.get(one.id) ?? 0))
 }
 
-// Columns of the last samples: times first, then one for each protocol.
+// Columns of the last samples: times first, then those of each row.
 export class History {
   private rows: number[][] = []
   constructor(private readonly size: number) {}
   add(time: number, values: readonly number[]): number[][] {
     this.rows = [...this.rows.slice(-(this.size - 1)), [time, ...values]]
-    return Array.from({ length: values.length + 1 }, (_, column) => this.rows.map((row) => row[column] ?? 0))
+    return columns(this.rows, values.length + 1)
+  }
+}
+export const columns = (rows: readonly (readonly number[])[], width: number): number[][] =>
+  Array.from({ length: width }, (_, column) => rows.map((row) => row[column] ?? 0))
+
+// The last rates of each of many things, by a key; what is asked for no more is forgotten.
+export class Trails {
+  private trails = new Map<string, number[]>()
+  constructor(private readonly size: number) {}
+  add(rates: ReadonlyMap<string, number>): void {
+    this.trails = new Map([...rates].map(([key, rate]) => [key, [...(this.trails.get(key) ?? []).slice(1 - this.size), rate]]))
+  }
+  of(key: string): readonly number[] {
+    return this.trails.get(key) ?? []
   }
 }

@@ -3,8 +3,7 @@ import { signal } from '@preact/signals'
 import { isValidElement, type ComponentChildren, type JSX } from 'preact'
 import { useEffect, useId, useRef, useState } from 'preact/hooks'
 import { explain } from './errors'
-import { count } from './format'
-import { language, setLanguage, t, type TextKey } from './texts'
+import { language, languages, setLanguage, t, type Language, type TextKey } from './texts'
 
 // Lines of a 24 by 24 grid.
 const ICONS = {
@@ -24,6 +23,7 @@ const ICONS = {
   upload: 'M12 16V5M7 9l5-5 5 5M4 20h16',
   warning: 'M12 4l9 16H3zM12 10v4M12 17h.01',
   check: 'M5 12l5 5 9-10',
+  user: 'M12 12a4 4 0 1 0 0-8 4 4 0 0 0 0 8M4 21v-1a8 8 0 0 1 16 0v1',
 } as const
 export type IconName = keyof typeof ICONS
 
@@ -33,8 +33,9 @@ export const Icon = ({ name }: { name: IconName }) => (
   </svg>
 )
 
-export const Spinner = ({ label }: { label?: string }) => (
-  <span class="spinner" role="status">
+// A quiet one has words that change all the time, which nobody wants to hear again and again.
+export const Spinner = ({ label, quiet }: { label?: string; quiet?: boolean }) => (
+  <span class="spinner" role={quiet ? undefined : 'status'}>
     <span class="ring" aria-hidden="true" />
     <span class={label ? '' : 'unseen'}>{label ?? t('wait')}</span>
   </span>
@@ -67,14 +68,19 @@ export const Button = ({ onClick, kind = 'plain', busy, disabled, icon, label, s
   </button>
 )
 
-export function LanguageButton() {
-  const other = language.value === 'en' ? 'de' : 'en'
-  return (
-    <button type="button" class="link" lang={other} onClick={() => setLanguage(other)}>
-      {t('language.other')}
-    </button>
-  )
-}
+export const LanguageChoice = () => (
+  <Field label={t('account.language')}>
+    {(ids) => (
+      <select {...ids} value={language.value} onChange={(event) => void setLanguage(event.currentTarget.value as Language)}>
+        {languages.map((one) => (
+          <option key={one.id} value={one.id} lang={one.id}>
+            {one.name}
+          </option>
+        ))}
+      </select>
+    )}
+  </Field>
+)
 
 export const Card = ({
   title,
@@ -147,7 +153,7 @@ function sortedBy(head: ComponentChildren): 'ascending' | 'descending' | undefin
 
 export type TableProps = { label: string; heads: ComponentChildren[]; children: ComponentChildren }
 export const Table = ({ label, heads, children }: TableProps) => (
-  <div class="scroller" tabIndex={0} role="region" aria-label={label}>
+  <div class="scroller" tabIndex={0} role="group" aria-label={label}>
     <table>
       <caption class="unseen">{label}</caption>
       <thead>
@@ -181,31 +187,6 @@ export const SortHead = ({
     <span aria-hidden="true">{active ? (down ? ' ↓' : ' ↑') : ''}</span>
   </button>
 )
-
-export function Pager({
-  total,
-  current,
-  pages,
-  onGo,
-}: {
-  total: number
-  current: number
-  pages: number
-  onGo: (page: number) => void
-}) {
-  return (
-    <nav class="pager" aria-label={t('page.label')}>
-      <span>{count(total, 'page.one', 'page.total')}</span>
-      <Button onClick={() => onGo(current - 1)} disabled={current <= 0}>
-        {t('page.back')}
-      </Button>
-      <span>{t('page.of', { page: current + 1, pages })}</span>
-      <Button onClick={() => onGo(current + 1)} disabled={current >= pages - 1}>
-        {t('page.next')}
-      </Button>
-    </nav>
-  )
-}
 
 export function Tabs<T extends string>({
   label,
@@ -295,6 +276,14 @@ export const Switch = ({
 
 // Forms whose input has not been saved, so that nobody leaves them by mistake.
 export const touched = new Set<object>()
+export function useTouched(changed: boolean): void {
+  const self = useRef({}).current
+  useEffect(() => {
+    if (changed) touched.add(self)
+    else touched.delete(self)
+    return () => void touched.delete(self)
+  }, [changed])
+}
 const leave = async (): Promise<boolean> =>
   confirm({ title: t('leave.title'), text: t('leave.text'), action: t('leave.go'), danger: true })
 
@@ -358,7 +347,7 @@ export function Dialog({
   )
 }
 
-type Question = { title: string; text: string; action: string; danger?: boolean }
+type Question = { title: string; text: string; action: string; danger?: boolean; more?: readonly string[] }
 const question = signal<(Question & { answer: (yes: boolean) => void }) | null>(null)
 
 // Asks the user; true for a yes.
@@ -377,6 +366,15 @@ export function Questions() {
   return (
     <Dialog title={asked.title} onClose={() => answer(false)}>
       <p>{asked.text}</p>
+      {asked.more && asked.more.length > 0 && (
+        <ul class="changes">
+          {asked.more.map((line) => (
+            <li key={line}>
+              <bdi>{line}</bdi>
+            </li>
+          ))}
+        </ul>
+      )}
       <footer class="row end">
         <Button first onClick={() => answer(false)}>
           {t('cancel')}
@@ -413,9 +411,11 @@ export const Sayings = () => (
 // A job of which only one runs at a time, with its failure until the next one starts.
 export function useJob() {
   const [busy, setBusy] = useState('')
+  const [last, setLast] = useState('') // what ran last, and has failed if there is a failure
   const [failure, setFailure] = useState<unknown>(null)
   const run = async (name: string, work: () => Promise<void>): Promise<void> => {
     setBusy(name)
+    setLast(name)
     setFailure(null)
     try {
       await work()
@@ -424,7 +424,7 @@ export function useJob() {
     }
     setBusy('')
   }
-  return { busy, failure, run }
+  return { busy, last, failure, run }
 }
 
 // The end of a form whose job "save" it is: what failed, what stands beside the button, the button.

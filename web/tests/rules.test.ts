@@ -1,11 +1,11 @@
-import { readFileSync } from 'node:fs'
+import { readFileSync, readdirSync } from 'node:fs'
 import { describe, expect, it } from 'vitest'
 import { mistakes } from '../src/form'
-import { base64, bytes, decodeName, duration } from '../src/format'
+import { ago, base64, bits, bytes, bytesOf, clock, date, dayOf, decodeName, duration, logMoment } from '../src/format'
 import { handshakeAge, isLive, liveCount, shownLines, type Connection, type Live, type Peer, type Profile, type Report } from '../src/model'
 import { match, references } from '../src/ovpn'
 import { clientRows, newValues, wire } from '../src/pages/clients.rows'
-import { leastMinutes, minutesFit, rowOf, sorted } from '../src/pages/connections'
+import { leastMinutes, minutesFit, rowOf } from '../src/pages/connections'
 import { culprit, type Step } from '../src/pages/doctor'
 import { gatewayForm } from '../src/pages/gateway'
 import { bandOf, guardForm, stoppedBy, type Guard } from '../src/pages/guard'
@@ -14,7 +14,9 @@ import { loginResult } from '../src/pages/sdwan'
 import { conflicts } from '../src/pages/servers.rows'
 import { address, endpoint, freeAddress, key, page, pool, range } from '../src/rules'
 import { clientState, cureOf, isSettled, serverState, whyOf } from '../src/reasons'
-import { language, texts } from '../src/texts'
+import { speak, t, textOr } from '../src/texts'
+import german from '../src/texts/de'
+import english from '../src/texts/en'
 import { protocolOfInterface, traffic } from '../src/traffic'
 import { deviceConfig, fileName, readConfig } from '../src/wireguard'
 
@@ -59,19 +61,47 @@ describe('rules', () => {
 describe('formats', () => {
   it.each([[0, '0 B'], [1023, '1,023 B'], [1024, '1.0 KiB'], [1536, '1.5 KiB'], [102400, '100 KiB'], [1024 ** 5 * 5000, '5,000 PiB'], [Number.NaN, '0 B'], [-1, '0 B']])(
     'show %f bytes', (value, text) => expect(bytes(value)).toBe(text))
-  it.each([[0, '0 s'], [59, '59 s'], [60, '1 min'], [3661, '1 h 1 min'], [3605, '1 h'], [90061, '1 d 1 h'], [-5, '0 s']])(
+  it.each([[0, '0 sec'], [59, '59 sec'], [60, '1 min'], [3661, '1 hr 1 min'], [3605, '1 hr'], [90061, '1 day 1 hr'], [-5, '0 sec']])(
     'show %i seconds', (value, text) => expect(duration(value)).toBe(text))
   it('keep names and secrets of any script', () => {
     expect(decodeName('my%20phone')).toBe('my phone')
     expect(decodeName('100%')).toBe('100%')
     expect(base64('pä🦔')).toBe(Buffer.from('pä🦔').toString('base64'))
   })
-  it('have every text in both languages, with the same values in it', () => {
-    const values = (text: string) => [...text.matchAll(/\{\w+\}/g)].map(([name]) => name).sort()
-    for (const [name, [en, de]] of Object.entries(texts)) {
-      expect([name, en.trim() !== '', de.trim() !== '']).toEqual([name, true, true])
-      expect([name, values(de)]).toEqual([name, values(en)])
+  it('write times and amounts as the reader does', async () => {
+    const noon = new Date(2026, 10, 25, 16, 40, 8)
+    expect([ago(43), logMoment('2026-11-25 16:40:08'), logMoment('25/11/2026 16:40')]).toEqual(['43 seconds ago', `${date(noon)}, ${clock(noon)}`, '25/11/2026 16:40'])
+    await speak('de')
+    expect([duration(3661), bytes(1536), ago(7300)]).toEqual(['1 Std., 1 Min.'.replace(',', ''), '1,5 KiB', 'vor 2 Stunden'])
+    await speak('fr')
+    expect([bytes(1536), ago(60), dayOf('2026-11-01')]).toEqual(['1,5 Kio', 'il y a 1 minute', '1 nov. 2026'])
+    await speak('en')
+    expect([bits(125), bits(125_000_000), bytesOf('71.44 KiB'), bytesOf('12 B'), bytesOf('')]).toEqual(['1.0 kbit/s', '1.0 Gbit/s', 73155, 12, 0])
+  })
+})
+
+describe('texts', () => {
+  const FILES = { de: () => import('../src/texts/de'), fr: () => import('../src/texts/fr') }
+  it.each(['de', 'fr'] as const)('are all there in %s, with the same values in them', async (name) => {
+    const values = (text: string) => [...text.matchAll(/\{\w+\}/g)].map(([one]) => one).sort()
+    const other = (await FILES[name]()).default
+    expect(Object.keys(other).sort()).toEqual(Object.keys(english).sort())
+    for (const [key, text] of Object.entries(english)) {
+      const its = other[key as keyof typeof english]
+      expect([key, its.trim() !== '', values(its)]).toEqual([key, true, values(text)])
     }
+  })
+  it('are all used somewhere', () => {
+    const folder = (path: string): string[] => readdirSync(path, { withFileTypes: true }).flatMap((one) => (one.isDirectory() ? (one.name === 'texts' ? [] : folder(`${path}/${one.name}`)) : [readFileSync(`${path}/${one.name}`, 'utf8')]))
+    const source = folder('src').join('\n')
+    const made = [...source.matchAll(/[`](\w+)\.\$\{/g)].map(([, head]) => `${head}.`)
+    const unused = Object.keys(english).filter((key) => !source.includes(`'${key}'`) && !['why.', 'cure.', ...made].some((head) => key.startsWith(head)))
+    expect(unused).toEqual([])
+  })
+  it('follow the language', async () => {
+    await speak('fr')
+    expect([t('page.total', { n: 3 }), textOr('why.brand-new', 'as told')]).toEqual(['3 entrées', 'as told'])
+    await speak('en')
   })
 })
 
@@ -106,10 +136,10 @@ describe('servers', () => {
 describe('traffic', () => {
   it.each([['ppp1000', 'pptp'], ['ppp1249', 'pptp'], ['ppp1250', 'l2tp'], ['tun2001', 'ovpn'], ['dtunc2501', 'drovik'], ['wgc3001', 'wg'], ['wg0', 'wg'], ['ppp0', null], ['eth0', null], ['tun0', null]])(
     'of %s is of %s', (name, id) => expect(protocolOfInterface(name)).toBe(id))
-  it('is summed both ways', () => {
+  it('is summed for each way', () => {
     const connections = [{ type: 4, rx_rate: 1, tx_rate: 2 }, { type: 2, rx_rate: 4, tx_rate: 0 }] as Connection[]
     const interfaces = [{ name_interface: 'tun2001', rx_rate: 8, tx_rate: 0 }, { name_interface: 'eth0', rx_rate: 99, tx_rate: 99 }]
-    expect(traffic(connections, interfaces)).toEqual([11, 0, 4, 0, 0])
+    expect(traffic(connections, interfaces)).toEqual([9, 0, 4, 0, 0, 2, 0, 0, 0, 0])
   })
 })
 
@@ -169,10 +199,9 @@ describe('requests', () => {
     expect(shownLines(report, false).map((one) => one.n)).toEqual([3])
     expect(shownLines(report, true)).toHaveLength(3)
   })
-  it('know whom a lost right throws out, and how rows are sorted', () => {
+  it('know whom a lost right throws out', () => {
     const connections = [{ name: 'a', type: 4 }, { name: 'a', type: 1 }, { name: 'b', type: 4 }] as Connection[]
     expect(thrownOut(new Map([['a', 1]]), connections)).toBe(1)
-    expect(sorted([{ n: 9 }, { n: 10 }], 'n', true)).toEqual([{ n: 10 }, { n: 9 }])
     expect(loginResult('<script>tell("{\\"error\\":78,\\"reason\\":\\"no\\"}")</script>')).toEqual({ error: 78, reason: 'no' })
     expect(loginResult('')).toBeNull()
   })
@@ -181,18 +210,18 @@ describe('requests', () => {
 describe('reasons', () => {
   const reason = { code: 'login-refused', final: true, at: 0, count: 1, text: 'as told', detail: '', advice: 'do it' }
 
-  it('come in the language of the user, and unknown ones as the appliance says them', () => {
-    language.value = 'de'
-    expect([whyOf(reason), cureOf(reason)]).toEqual([texts['why.login-refused']?.[1], texts['cure.login-refused']?.[1]])
-    language.value = 'en'
+  it('come in the language of the user, and unknown ones as the appliance says them', async () => {
+    await speak('de')
+    expect([whyOf(reason), cureOf(reason)]).toEqual([german['why.login-refused'], german['cure.login-refused']])
+    await speak('en')
     expect([whyOf({ ...reason, code: 'brand-new' }), cureOf({ ...reason, code: 'brand-new' })]).toEqual(['as told', 'do it'])
   })
 
   it('have words for every code of the appliance', () => {
-    const table = readFileSync('../src/ormel/base/reason.h', 'utf8')
+    const table = readFileSync('../base/reason.h', 'utf8')
     const codes = [...table.matchAll(/^ {4}\{"([a-z-]+)",/gm)].map(([, code]) => code)
     expect(codes.length).toBeGreaterThan(20)
-    for (const code of codes) expect([code, `why.${code}` in texts, `cure.${code}` in texts]).toEqual([code, true, true])
+    for (const code of codes) expect([code, `why.${code}` in english, `cure.${code}` in english]).toEqual([code, true, true])
   })
 
   it('do not let a server count as on that does not run', () => {

@@ -2,8 +2,11 @@
 
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <string>
 
+#include "common/json.h"
+#include "daemons/rated/history.h"
 #include "daemons/rated/openvpn_status.h"
 #include "daemons/rated/rate_server.h"
 #include "libmibservice/mibserver.h"
@@ -12,7 +15,16 @@ namespace {
 
 constexpr const char* SERVICE = "RateServer";
 constexpr const char* METHOD = "all_server_stat";
+constexpr const char* HISTORY = "history";
 constexpr std::chrono::milliseconds PERIOD{1000};
+constexpr std::chrono::seconds HISTORY_PERIOD{fenro::rated::History::STEP};
+
+// The time that a request asks for, {"span":SECONDS}; an hour without one.
+std::time_t span_of(std::string_view body) {
+  const fenro::Json request{json_loadb(body.data(), body.size(), 0, nullptr)};
+  const json_t* const span = json_object_get(request.get(), "span");
+  return json_is_integer(span) ? static_cast<std::time_t>(json_integer_value(span)) : fenro::rated::History::HOUR;
+}
 
 }  // namespace
 
@@ -27,6 +39,13 @@ int main() {
   server.on(METHOD, [&](std::string_view) {
     return bus::Reply{MIB_SUCCESS, rates.all_server_stat(RateServer::Clock::now())};
   });
+  rated::History history{[&] { return users.list(); }};
+  const auto record = [&] { history.sample(rated::interface_counters(), std::time(nullptr)); };
+  record();
+  server.on(HISTORY, [&](std::string_view body) {
+    return bus::Reply{MIB_SUCCESS, history.reply(span_of(body), std::time(nullptr))};
+  });
+  server.every(HISTORY_PERIOD, record);
   server.every(PERIOD, [&] { rates.tick(RateServer::Clock::now()); });
   if (!server.listen()) {
     std::fprintf(stderr, "fenro-rated: service name %s is already in use\n", SERVICE);

@@ -11,6 +11,8 @@ namespace {
 using system::CURRENT_GATEWAY;
 using system::INTERFACE_COUNTERS;
 
+constexpr const char* RATE_SERVICE = "RateServer";
+constexpr const char* HISTORY = "history";
 constexpr const char* LIST = "api.get_available_interface_list";
 
 // A failure that names the method of the daemon.
@@ -89,6 +91,19 @@ Outcome tell_rates(const Request&, JsonValue& reply) {
   return {};
 }
 
+// What each protocol has carried over the last `span` seconds.
+Outcome tell_history(const Request& request, JsonValue& reply) {
+  constexpr int HOUR = 3600;
+  constexpr int DAY = 24 * HOUR;
+  const int span = request.number("span", HOUR);
+  if (span < 1 || span > DAY) return {ERR_VALUE, "span"};
+  const Json question{json_pack("{s:i}", "span", span)};
+  const system::BusReply answer = system::bus_call(__func__, RATE_SERVICE, HISTORY, question.get());
+  if (answer.rc != NO_ERROR) return {answer.rc};
+  reply["data"] = json_incref(json_object_get(answer.document.get(), "data"));
+  return {};
+}
+
 Outcome tell_interfaces(const Request&, JsonValue& reply) {
   return list_interfaces(get_interface_status, reply);
 }
@@ -101,6 +116,7 @@ constexpr Route ROWS[] = {
     {"/ormel/misc/nic", ADMINISTRATOR, READS, json<tell_interfaces>},
     {"/ormel/misc/member", ADMINISTRATOR, READS, json<tell_members>},
     {"/ormel/misc/gw", ADMINISTRATOR, READS, json<tell_gateway>},
+    {"/ormel/traffic/history", ADMINISTRATOR, READS, json<tell_history>},
     {"/ormel/misc/interface_rate", ADMINISTRATOR, READS, json<tell_rates>},
 };
 

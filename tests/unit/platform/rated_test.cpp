@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <thread>
@@ -5,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "base/handle.h"
+#include "daemons/rated/history.h"
 #include "daemons/rated/openvpn_status.h"
 #include "daemons/rated/rate_server.h"
 
@@ -88,6 +90,54 @@ TEST_F(RateServerTest, ReadsOnItsOwnOnlyWhileItIsWatched) {
   std::ignore = stat();
   for (int i = 0; i < 60; ++i) server.tick(now += 1s);
   EXPECT_EQ(asked, 1 + 29);
+}
+
+// PPTP, L2TP, OpenVPN, Drovik and WireGuard are rows 0 to 4.
+TEST(History, KnowsTheProtocolOfAnInterface) {
+  const std::vector<OnlineUser> users{{"ppp0", "192.0.2.1", 1, "10.0.0.1", "10.0.0.2", 1, 0, "ann", ""},
+                                      {"ppp1", "192.0.2.1", 2, "10.0.0.1", "10.0.0.3", 2, 0, "bob", ""}};
+  const std::pair<const char*, std::size_t> CASES[] = {
+      {"ppp0", 0},  {"ppp1", 1},    {"ppp1001", 0}, {"ppp1251", 1}, {"tun2001", 2},
+      {"dtuns0", 3}, {"dtunc2501", 3}, {"wg0", 4},     {"wgc3001", 4},
+  };
+  for (const auto& [name, kind] : CASES) EXPECT_EQ(kind_of(name, users), kind) << name;
+  for (const char* name : {"ppp2", "ppp1000", "ppp1033", "eth0", "wg1", "wgc", ""})
+    EXPECT_EQ(kind_of(name, users), std::string::npos) << name;
+}
+
+TEST(History, IsARateForEachStep) {
+  History history{[] { return std::vector<OnlineUser>{}; }};
+  const auto at = [&](std::time_t now, std::uint64_t rx, std::uint64_t tx, int generation = 1) {
+    history.sample({{"wg0", rx, tx, generation}, {"eth0", 9 * rx, 9 * tx, 1}}, now);
+  };
+  at(1000, 500, 500);  // what came before is of no step
+  at(1010, 600, 520);
+  at(1020, 600, 520);
+  at(1030, 100, 100, 2);  // another interface of that name
+  at(1040, 150, 100, 2);
+  at(1060, 250, 100, 2);  // late
+  EXPECT_EQ(history.reply(3600, 1060),
+            R"({"error":0,"data":{"step":10,"types":[1,2,4,16,32],"rows":[[1010,0,0,0,0,10,0,0,0,0,2],)"
+            R"([1020,0,0,0,0,0,0,0,0,0,0],[1030,0,0,0,0,0,0,0,0,0,0],[1040,0,0,0,0,5,0,0,0,0,0],)"
+            R"([1060,0,0,0,0,5,0,0,0,0,0]]}})");
+  EXPECT_EQ(history.reply(20, 1060),
+            R"({"error":0,"data":{"step":10,"types":[1,2,4,16,32],"rows":[[1060,0,0,0,0,5,0,0,0,0,0]]}})");
+  EXPECT_EQ(history.reply(3601, 1060), R"({"error":0,"data":{"step":300,"types":[1,2,4,16,32],"rows":[]}})");
+}
+
+TEST(History, KeepsAnHourAndADay) {
+  History history{[] { return std::vector<OnlineUser>{}; }};
+  const auto rows = [&](std::time_t span, std::time_t now) {
+    const std::string text = history.reply(span, now);
+    return std::count(text.begin(), text.end(), '[') - 2;
+  };
+  std::time_t now = 100;
+  for (int step = 0; step < 3 * 8640; ++step, now += History::STEP) history.sample({{"wg0", 1, 1, 1}}, now);
+  EXPECT_EQ(rows(History::HOUR, now - History::STEP), 360);
+  EXPECT_EQ(rows(History::DAY, now - History::STEP), 288);
+  history.sample({{"wg0", 1, 1, 1}}, 50);  // the clock was set back
+  history.sample({{"wg0", 1, 1, 1}}, 60);
+  EXPECT_EQ(rows(History::HOUR, 60), 1) << "what is of the future now is gone";
 }
 
 }  // namespace

@@ -1,20 +1,23 @@
 // The tunnels of the appliance to other servers.
+import type { ComponentChildren } from 'preact'
 import { useEffect, useRef, useState } from 'preact/hooks'
 import { call, data, SLOW } from '../api'
 import { useFileDrop } from '../drop'
 import { adviceFor } from '../errors'
 import { Fields, sent, useForm } from '../form'
-import { bytes, decodeName, duration, rate } from '../format'
+import { bytes, bytesOf, decodeName, duration, rate } from '../format'
+import { List, usual, type ShownColumn, type ShownFilter } from '../list'
 import {
-  CLIENTS, OPENVPN_CLIENT, PROTOCOLS, WIREGUARD_CLIENT, labelOf, type ClientProfile,
+  CLIENTS, OPENVPN_CLIENT, PROTOCOLS, WIREGUARD_CLIENT, handshakeWords, labelOf, type ClientProfile,
 } from '../model'
 import { usePoll } from '../poll'
 import {
   clientState, cureOf, isSettled, readStates, stateKey, stateOfStatus, whyOf, type Reason, type States, type TunnelState,
 } from '../reasons'
+import { choose, query } from '../router'
 import { session } from '../session'
 import { t } from '../texts'
-import { Badge, Button, Card, Dialog, Empty, Facts, Failure, Icon, Notice, Spinner, confirm, say, useJob } from '../ui'
+import { Badge, Button, Card, Dialog, Empty, Facts, Failure, Icon, Notice, Spinner, Tabs, confirm, say, useJob } from '../ui'
 import { readConfig } from '../wireguard'
 import { clientRows, newValues, storedValues, wire } from './clients.rows'
 import { DoctorDialog } from './doctor'
@@ -24,7 +27,7 @@ const PAUSE = 3_000
 const PATIENCE = 60 // seconds after which a tunnel that is still on its way is worth a word
 
 const OFF = 0
-const CONNECTING = 2
+const MOST = 16 // profiles that the appliance takes over the web
 
 export const clientName = (one: ClientProfile): string =>
   one.type === WIREGUARD_CLIENT ? decodeName(one.profile) : one.profile
@@ -47,7 +50,7 @@ export const Why = ({ reason }: { reason: Reason }) => (
     )}
   </Notice>
 )
-const amount = (value: number | string): string => (typeof value === 'number' ? bytes(value) : value || bytes(0))
+const amount = (value: number | string): string => bytes(typeof value === 'number' ? value : bytesOf(value))
 
 type EditProps = { type: number; profile: ClientProfile | null; start?: Record<string, string>; onClose: () => void; onDone: () => void }
 function EditDialog({ type, profile, start, onClose, onDone }: EditProps) {
@@ -106,18 +109,23 @@ const PickDialog = ({ onClose, onPick }: { onClose: () => void; onPick: (type: n
   </Dialog>
 )
 
-// Seconds since the first time that a profile was seen on its way.
-function useWaiting(profile: ClientProfile): number {
-  const [since, setSince] = useState<number | null>(null)
+// When a connect was asked for, by profile: the count goes on when one comes back to the page.
+const clicked = new Map<string, number>()
+// How the last attempt that was given up has ended, by profile; it is gone with the tab.
+const outcomes = new Map<string, { seconds: number; why: string }>()
+
+const sinceClick = (key: string, now: number): number => Math.max(0, Math.floor((now - (clicked.get(key) ?? now)) / 1000))
+
+// Seconds since the click, or since a profile was first seen on its way.
+function useWaiting(key: string, waiting: boolean): number {
   const [now, setNow] = useState(Date.now())
-  const waiting = profile.status === CONNECTING
   useEffect(() => {
-    setSince(waiting ? Date.now() : null)
-    if (!waiting) return
+    if (!waiting) return void clicked.delete(key)
+    if (!clicked.has(key)) clicked.set(key, Date.now())
     const timer = setInterval(() => setNow(Date.now()), 1000)
     return () => clearInterval(timer)
-  }, [waiting])
-  return since === null ? 0 : Math.max(0, Math.floor((now - since) / 1000))
+  }, [key, waiting])
+  return waiting ? sinceClick(key, now) : 0
 }
 
 // After a click on Connect: says how it ended, as soon as waiting longer changes nothing.
@@ -136,30 +144,41 @@ function useOutcome(name: string, truth: TunnelState | undefined): () => void {
   return () => setAsked(Date.now())
 }
 
-type ClientCardProps = {
+interface Row {
+  key: string
+  name: string
   profile: ClientProfile
   truth: TunnelState | undefined
-  admin: boolean
-  onEdit: () => void
-  onChanged: () => void
+  state: string
 }
-function ClientCard({ profile, truth, admin, onEdit, onChanged }: ClientCardProps) {
+const rowOf = (profile: ClientProfile, states: States): Row => {
+  const truth = states.get(stateKey(profile))
+  return { key: keyOf(profile), name: clientName(profile), profile, truth, state: truth?.state ?? stateOfStatus(profile.status) }
+}
+
+type ActionProps = { row: Row; admin: boolean; onEdit: () => void; onChanged: () => void; onConnecting?: (yes: boolean) => void }
+// What can be done with a tunnel, in a card or in a row of the table.
+function Actions({ row, admin, onEdit, onChanged, onConnecting }: ActionProps) {
+  const { key, name, profile, truth } = row
   const job = useJob()
   const [asked, setAsked] = useState(false) // what is wrong
-  const name = clientName(profile)
-  const waited = useWaiting(profile)
-  const told = truth?.state ?? stateOfStatus(profile.status)
-  const up = told === 'up'
-  const state = job.busy === 'connect' ? 'starting' : told
+  const up = row.state === 'up'
   const expect = useOutcome(name, truth)
   const target = { type: profile.type, index: profile.index }
 
-  const turn = (action: 'connect' | 'disconnect') =>
-    job.run(action, async () => {
+  const turn = async (action: 'connect' | 'disconnect') => {
+    if (action === 'connect') {
+      clicked.set(key, Date.now())
+      outcomes.delete(key)
+      onConnecting?.(true)
+    } else if (!up) outcomes.set(key, { seconds: sinceClick(key, Date.now()), why: truth?.reason ? whyOf(truth.reason) : '' })
+    await job.run(action, async () => {
       await call(`config/${action}`, target, SLOW)
       if (action === 'connect') expect()
       onChanged()
     })
+    onConnecting?.(false)
+  }
   const remove = async () => {
     const text = t(profile.status === OFF ? 'client.removeText' : 'client.removeLive')
     if (!(await confirm({ title: t('remove.name', { name }), text, action: t('remove'), danger: true }))) return
@@ -169,6 +188,45 @@ function ClientCard({ profile, truth, admin, onEdit, onChanged }: ClientCardProp
       onChanged()
     })
   }
+  if (!admin) return null
+  return (
+    <>
+      <Failure failure={job.failure} />
+      <footer class="row">
+        {profile.status === OFF && job.busy !== 'connect' ? (
+          <Button kind="primary" busy={job.busy !== ''} label={t('client.connectName', { name })} onClick={() => void turn('connect')}>
+            {t('client.connect')}
+          </Button>
+        ) : (
+          <Button busy={job.busy === 'disconnect'} label={t(up ? 'client.disconnectName' : 'client.giveUpName', { name })} onClick={() => void turn('disconnect')}>
+            {t(up ? 'client.disconnect' : 'client.giveUp')}
+          </Button>
+        )}
+        {!up && (
+          <Button label={t('doctor.askName', { name })} onClick={() => setAsked(true)}>
+            {t('doctor.ask')}
+          </Button>
+        )}
+        <Button label={t('edit.name', { name })} onClick={onEdit}>
+          {t('edit')}
+        </Button>
+        <Button label={t('remove.name', { name })} busy={job.busy === 'remove'} onClick={() => void remove()}>
+          {t('remove')}
+        </Button>
+      </footer>
+      {asked && <DoctorDialog {...target} name={name} onClose={() => setAsked(false)} />}
+    </>
+  )
+}
+
+function ClientCard(props: ActionProps) {
+  const { row } = props
+  const { key, name, profile, truth } = row
+  const [connecting, setConnecting] = useState(false)
+  const state = connecting ? 'starting' : row.state
+  const waited = useWaiting(key, state === 'starting')
+  const up = row.state === 'up'
+  const last = profile.status === OFF && !connecting ? outcomes.get(key) : undefined
 
   return (
     <section class="card client" aria-label={name}>
@@ -189,7 +247,7 @@ function ClientCard({ profile, truth, admin, onEdit, onChanged }: ClientCardProp
                 [t('client.received'), amount(profile.rx_total)],
                 [t('client.sentBytes'), amount(profile.tx_total)],
                 ...(profile.type === WIREGUARD_CLIENT
-                  ? ([[t('peer.handshake'), String(profile['latest_handshake'] ?? '')]] as const)
+                  ? ([[t('peer.handshake'), handshakeWords(String(profile['latest_handshake'] ?? ''))]] as const)
                   : ([[t('client.now'), rate(profile.rx_rate + profile.tx_rate)]] as const)),
               ] as const)
             : []),
@@ -197,45 +255,48 @@ function ClientCard({ profile, truth, admin, onEdit, onChanged }: ClientCardProp
       />
       {state === 'starting' && (
         <p>
-          <Spinner label={t('client.waiting', { n: waited })} />
+          <Spinner quiet label={t('client.waiting', { n: duration(waited) })} />
         </p>
       )}
       {state === 'starting' && waited >= PATIENCE && <Notice>{t('client.long')}</Notice>}
-      {truth?.reason && job.busy !== 'connect' && <Why reason={truth.reason} />}
-      {!truth?.reason && profile.status === OFF && profile.last_error !== 0 && !job.failure && (
+      {truth?.reason && !connecting && <Why reason={truth.reason} />}
+      {last && (
+        <p class="soft">
+          {t('client.gaveUp', { time: duration(last.seconds) })} {last.why}
+        </p>
+      )}
+      {!truth?.reason && profile.status === OFF && profile.last_error !== 0 && (
         <Notice tone="bad">
           <strong>{t('client.failed', { code: profile.last_error })}</strong> {adviceFor(profile.last_error)}
         </Notice>
       )}
-      <Failure failure={job.failure} />
-      {admin && (
-        <footer class="row">
-          {profile.status === OFF && job.busy !== 'connect' ? (
-            <Button kind="primary" busy={job.busy !== ''} label={t('client.connectName', { name })} onClick={() => void turn('connect')}>
-              {t('client.connect')}
-            </Button>
-          ) : (
-            <Button busy={job.busy === 'disconnect'} label={t(up ? 'client.disconnectName' : 'client.giveUpName', { name })} onClick={() => void turn('disconnect')}>
-              {t(up ? 'client.disconnect' : 'client.giveUp')}
-            </Button>
-          )}
-          {!up && (
-            <Button label={t('doctor.askName', { name })} onClick={() => setAsked(true)}>
-              {t('doctor.ask')}
-            </Button>
-          )}
-          <Button label={t('edit.name', { name })} onClick={onEdit}>
-            {t('edit')}
-          </Button>
-          <Button label={t('remove.name', { name })} busy={job.busy === 'remove'} onClick={() => void remove()}>
-            {t('remove')}
-          </Button>
-        </footer>
-      )}
-      {asked && <DoctorDialog {...target} name={name} onClose={() => setAsked(false)} />}
+      <Actions {...props} onConnecting={setConnecting} />
     </section>
   )
 }
+
+const columnsFor = (actions: (row: Row) => ComponentChildren): readonly ShownColumn<Row>[] => [
+  { name: 'name', label: t('name'), sort: (row) => row.name, cell: (row) => <bdi class="name">{row.name}</bdi> },
+  { name: 'state', label: t('peer.state'), sort: (row) => ORDER.indexOf(row.state), cell: (row) => <StateBadge state={row.state} /> },
+  { name: 'type', label: t('protocol'), sort: (row) => labelOf(row.profile.type), cell: (row) => labelOf(row.profile.type) },
+  { name: 'host', label: t('client.host'), sort: (row) => row.profile.server_ip, cell: (row) => <bdi>{row.profile.server_ip}</bdi> },
+  {
+    name: 'why', label: t('report.why'),
+    cell: (row) => (row.truth?.reason ? whyOf(row.truth.reason) : row.state === 'up' && row.profile.uptime > 0 ? duration(row.profile.uptime) : ''),
+  },
+  { name: 'actions', label: t('actions'), head: () => <span class="unseen">{t('actions')}</span>, cell: actions },
+]
+// What needs a look comes first.
+const ORDER: readonly string[] = ['failed', 'no-peer', 'retrying', 'starting', 'up', 'off']
+export const inOrder = (profiles: readonly ClientProfile[], stateOf: (one: ClientProfile) => string): ClientProfile[] =>
+  [...profiles].sort((a, b) => ORDER.indexOf(stateOf(a)) - ORDER.indexOf(stateOf(b)))
+const FILTERS = (): readonly ShownFilter<Row>[] => [
+  { name: 'up', label: t('state.on'), keeps: (row) => row.state === 'up' },
+  { name: 'trouble', label: t('list.trouble'), keeps: (row) => row.state !== 'up' && (row.state !== 'off' || Boolean(row.truth?.reason)) },
+  { name: 'off', label: t('state.off'), keeps: (row) => row.state === 'off' },
+]
+const USUAL = usual('name')
+const MANY = 12 // tunnels beyond which a table says more than cards
 
 type Open =
   | { what: 'pick' }
@@ -277,36 +338,71 @@ export function ClientsPage() {
   }
   const over = useFileDrop(admin && !open, (files) => void take(files))
 
+  const rows = (list.value ?? []).map((one) => rowOf(one, poll.value?.states ?? new Map()))
+  const full = rows.filter((row) => !row.profile['vendor']).length >= MOST
+  const table = (query.value['view'] ?? (rows.length > MANY ? 'table' : 'cards')) === 'table'
+  const propsFor = (row: Row): ActionProps => ({
+    row, admin,
+    onEdit: () => setWaiting([{ what: 'edit', type: row.profile.type, profile: row.profile }]),
+    onChanged: list.refresh,
+  })
+
+  // The address of a first run: "#/clients?add=1".
+  useEffect(() => {
+    if (query.value['add'] !== '1') return
+    choose({ add: '' })
+    if (admin) setWaiting([{ what: 'pick' }])
+  }, [query.value])
+
   if (!list.value) return list.failure ? <Failure failure={list.failure} onRetry={list.refresh} /> : <Spinner />
   return (
     <div class="drop">
       <Failure failure={list.failure} />
       {admin && (
         <div class="row">
-          <Button kind="primary" icon="plus" onClick={() => setWaiting([{ what: 'pick' }])}>
+          <Button kind="primary" icon="plus" disabled={full} onClick={() => setWaiting([{ what: 'pick' }])}>
             {t('client.add')}
           </Button>
           <FileButton label={t('client.import')} onFiles={(files) => void take(files)} />
-          <span class="soft hint">{t('client.dropHint')}</span>
+          <span class="soft hint">{t(full ? 'client.full' : 'client.dropHint', { most: MOST })}</span>
         </div>
       )}
-      {list.value.length === 0 ? (
+      {rows.length === 0 ? (
         <Card>
-          <Empty>{t('client.none')}</Empty>
+          <Empty>{t(admin ? 'client.none' : 'overview.noTunnels')}</Empty>
         </Card>
       ) : (
-        <div class="cards">
-          {list.value.map((one) => (
-            <ClientCard
-              key={keyOf(one)}
-              profile={one}
-              truth={poll.value?.states.get(stateKey(one))}
-              admin={admin}
-              onEdit={() => setWaiting([{ what: 'edit', type: one.type, profile: one }])}
-              onChanged={list.refresh}
-            />
-          ))}
-        </div>
+        <List
+          label={t('nav.clients')}
+          rows={rows}
+          textOf={(row) => `${row.name} ${labelOf(row.profile.type)} ${row.profile.server_ip} ${row.profile.local_ip}`}
+          keyOf={(row) => row.key}
+          columns={columnsFor((row) => <Actions {...propsFor(row)} />)}
+          filters={FILTERS()}
+          usually={USUAL}
+          empty={t('client.none')}
+          show={
+            table
+              ? undefined
+              : (some) => (
+                  <div class="cards">
+                    {some.map((row) => (
+                      <ClientCard key={row.key} {...propsFor(row)} />
+                    ))}
+                  </div>
+                )
+          }
+        >
+          <Tabs
+            label={t('list.view')}
+            names={[
+              ['cards', t('list.cards')],
+              ['table', t('list.table')],
+            ]}
+            current={table ? 'table' : 'cards'}
+            onPick={(wanted) => choose({ view: wanted })}
+          />
+        </List>
       )}
       {over && (
         <div class="curtain" aria-hidden="true">

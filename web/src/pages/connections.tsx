@@ -1,12 +1,16 @@
 // Who is connected to the servers now, how to disconnect them, and who is kept out.
-import { useMemo, useState } from 'preact/hooks'
+import { useState } from 'preact/hooks'
 import { SLOW, call, data } from '../api'
-import { bytes, count, duration, moment, rate } from '../format'
-import { WIREGUARD, labelOf, type Hold, type Live } from '../model'
+import { ago, bytes, count, duration, moment, rate } from '../format'
+import { List, usual, type ShownColumn, type ShownFilter } from '../list'
+import { PROTOCOLS, WIREGUARD, labelOf, type Hold, type Live } from '../model'
 import { usePoll } from '../poll'
 import { range } from '../rules'
-import { t, type TextKey } from '../texts'
-import { Button, Card, Dialog, Empty, Failure, Field, SortHead, Spinner, Table, say, useJob } from '../ui'
+import { t } from '../texts'
+import { Button, Card, Dialog, Failure, Field, Spinner, Table, say, useJob } from '../ui'
+import { Spark } from '../spark'
+import { Trails } from '../traffic'
+import { UserLink } from './user'
 
 const PAUSE = 2_000
 const USUAL_MINUTES = 30
@@ -19,6 +23,7 @@ interface Row {
   inside: string
   uptime: number
   uptimeWords: string
+  began: string // in the clock of the reader
   down: number
   up: number
   total: readonly [received: string, sent: string]
@@ -36,7 +41,8 @@ export const rowOf = (one: Live): Row => {
     source: one.source_ip,
     inside: one.allocate_ip.replace('/32', ''),
     uptime: device ? -one.uptime : one.uptime,
-    uptimeWords: device ? t('connections.handshake', { ago: duration(one.uptime) }) : duration(one.uptime),
+    uptimeWords: device ? t('connections.handshake', { ago: ago(one.uptime) }) : duration(one.uptime),
+    began: moment(Date.now() / 1000 - one.uptime),
     down: one.rx_rate ?? 0,
     up: one.tx_rate ?? 0,
     total: [bytes(one.rx_total), bytes(one.tx_total)],
@@ -101,37 +107,79 @@ function Holds({ holds, onLift }: { holds: readonly Hold[]; onLift: (who: string
   )
 }
 
-type Column = 'name' | 'type' | 'source' | 'inside' | 'uptime' | 'down' | 'up'
-const HEADS: readonly (readonly [Column, TextKey])[] = [
-  ['name', 'logs.user'],
-  ['type', 'protocol'],
-  ['source', 'logs.from'],
-  ['inside', 'logs.inside'],
-  ['uptime', 'connections.since'],
-  ['down', 'logs.in'],
-  ['up', 'logs.out'],
+const TRAIL = 60 // samples
+const trails = new Trails(TRAIL)
+const USUAL = usual('name', false, 50)
+const textOf = (row: Row): string => `${row.name} ${labelOf(row.type)} ${row.source} ${row.inside} ${row.device}`
+const filters = (rows: readonly Row[]): readonly ShownFilter<Row>[] =>
+  PROTOCOLS.filter((one) => rows.some((row) => row.type === one.server)).map((one) => ({
+    name: one.id, label: one.label, keeps: (row) => row.type === one.server,
+  }))
+
+type Picking = { picked: ReadonlySet<string>; pick: (ids: string[], on: boolean) => void; kick: (row: Row) => void }
+const columnsFor = ({ picked, pick, kick }: Picking): readonly ShownColumn<Row>[] => [
+  {
+    name: 'pick', label: '',
+    head: (rows) => (
+      <input
+        type="checkbox"
+        aria-label={t('list.page')}
+        checked={rows.length > 0 && rows.every((row) => picked.has(row.id))}
+        onChange={(event) => pick(rows.map((row) => row.id), event.currentTarget.checked)}
+      />
+    ),
+    cell: (row) => (
+      <input
+        type="checkbox"
+        aria-label={t('connections.pick', { name: row.name })}
+        checked={picked.has(row.id)}
+        onChange={(event) => pick([row.id], event.currentTarget.checked)}
+      />
+    ),
+  },
+  {
+    name: 'name', label: t('logs.user'), sort: (row) => row.name,
+    cell: (row) => (
+      <>
+        {row.type === WIREGUARD ? <bdi class="name">{row.name}</bdi> : <UserLink name={row.name} />}
+        {row.device && <bdi class="soft block">{row.device}</bdi>}
+      </>
+    ),
+  },
+  { name: 'type', label: t('protocol'), sort: (row) => labelOf(row.type), cell: (row) => labelOf(row.type) },
+  { name: 'source', label: t('logs.from'), sort: (row) => row.source, cell: (row) => row.source },
+  { name: 'inside', label: t('logs.inside'), sort: (row) => row.inside, cell: (row) => row.inside },
+  { name: 'uptime', label: t('connections.since'), sort: (row) => row.uptime, cell: (row) => <span title={row.began}>{row.uptimeWords}</span> },
+  { name: 'down', label: t('logs.in'), figure: true, sort: (row) => row.down, cell: (row) => (row.type === WIREGUARD ? '–' : rate(row.down)) },
+  { name: 'up', label: t('logs.out'), figure: true, sort: (row) => row.up, cell: (row) => (row.type === WIREGUARD ? '–' : <><Spark rates={trails.of(row.id)} size={TRAIL} /> {rate(row.up)}</>) },
+  {
+    name: 'total', label: t('connections.total'), figure: true,
+    cell: (row) => (
+      <>
+        {row.total[0]} /<span class="block">{row.total[1]}</span>
+      </>
+    ),
+  },
+  {
+    name: 'actions', label: '', head: () => <span class="unseen">{t('actions')}</span>,
+    cell: (row) => (
+      <Button label={t('kick.name', { name: row.name })} onClick={() => kick(row)}>
+        {t('kick.now')}
+      </Button>
+    ),
+  },
 ]
 
-export function sorted<T>(rows: readonly T[], field: keyof T, down: boolean): T[] {
-  const sign = down ? -1 : 1
-  return [...rows].sort((a, b) => {
-    const [left, right] = [a[field], b[field]]
-    return sign * (typeof left === 'number' && typeof right === 'number' ? left - right : String(left).localeCompare(String(right)))
-  })
-}
-
 export function ConnectionsPage() {
-  const [field, setField] = useState<Column>('name')
-  const [down, setDown] = useState(false)
   const [picked, setPicked] = useState<ReadonlySet<string>>(new Set())
   const [asked, setAsked] = useState<readonly Row[] | null>(null)
   const job = useJob()
   const live = usePoll(async () => {
     const [connections, holds] = await Promise.all([data<Live[]>('connection/all'), data<Hold[]>('hold/list')])
-    return { rows: connections.map(rowOf), holds }
+    const rows = connections.map(rowOf)
+    trails.add(new Map(rows.map((row) => [row.id, row.down + row.up])))
+    return { rows, holds }
   }, PAUSE)
-  const rows = useMemo(() => sorted(live.value?.rows ?? [], field, down), [live.value, field, down])
-  const chosen = rows.filter((row) => picked.has(row.id))
 
   const kick = (some: readonly Row[], minutes: number) => {
     setAsked(null)
@@ -150,14 +198,18 @@ export function ConnectionsPage() {
       await call('hold/lift', { who }, SLOW)
       live.refresh()
     })
-  const toggle = (id: string, on: boolean) => {
+  const pick = (ids: string[], on: boolean) => {
     const next = new Set(picked)
-    if (on) next.add(id)
-    else next.delete(id)
+    for (const id of ids) {
+      if (on) next.add(id)
+      else next.delete(id)
+    }
     setPicked(next)
   }
 
   if (!live.value) return live.failure ? <Failure failure={live.failure} onRetry={live.refresh} /> : <Spinner />
+  const { rows, holds } = live.value
+  const chosen = rows.filter((row) => picked.has(row.id))
   return (
     <>
       <Failure failure={job.failure ?? live.failure} />
@@ -169,70 +221,18 @@ export function ConnectionsPage() {
           </Button>
         }
       >
-        {rows.length === 0 ? (
-          <Empty>{t('connections.none')}</Empty>
-        ) : (
-          <Table
-            label={t('nav.connections')}
-            heads={[
-              <input
-                type="checkbox"
-                aria-label={t('connections.all')}
-                checked={rows.length > 0 && chosen.length === rows.length}
-                disabled={rows.length === 0}
-                onChange={(event) => setPicked(new Set(event.currentTarget.checked ? rows.map((row) => row.id) : []))}
-              />,
-              ...HEADS.map(([name, label]) => (
-                <SortHead
-                  key={name}
-                  active={field === name}
-                  down={down}
-                  onClick={() => {
-                    setDown(field === name ? !down : false)
-                    setField(name)
-                  }}
-                >
-                  {t(label)}
-                </SortHead>
-              )),
-              t('connections.total'),
-              <span class="unseen">{t('actions')}</span>,
-            ]}
-          >
-            {rows.map((row) => (
-              <tr key={row.id}>
-                <td>
-                  <input
-                    type="checkbox"
-                    aria-label={t('connections.pick', { name: row.name })}
-                    checked={picked.has(row.id)}
-                    onChange={(event) => toggle(row.id, event.currentTarget.checked)}
-                  />
-                </td>
-                <td>
-                  <bdi class="name">{row.name}</bdi>
-                  {row.device && <bdi class="soft block">{row.device}</bdi>}
-                </td>
-                <td>{labelOf(row.type)}</td>
-                <td>{row.source}</td>
-                <td>{row.inside}</td>
-                <td>{row.uptimeWords}</td>
-                <td class="figure">{row.type === WIREGUARD ? '' : rate(row.down)}</td>
-                <td class="figure">{row.type === WIREGUARD ? '' : rate(row.up)}</td>
-                <td class="figure">
-                  {row.total[0]} /<span class="block">{row.total[1]}</span>
-                </td>
-                <td>
-                  <Button label={t('kick.name', { name: row.name })} onClick={() => setAsked([row])}>
-                    {t('kick.now')}
-                  </Button>
-                </td>
-              </tr>
-            ))}
-          </Table>
-        )}
+        <List
+          label={t('nav.connections')}
+          rows={rows}
+          textOf={textOf}
+          keyOf={(row) => row.id}
+          columns={columnsFor({ picked, pick, kick: (row) => setAsked([row]) })}
+          filters={filters(rows)}
+          usually={USUAL}
+          empty={t('connections.none')}
+        />
       </Card>
-      <Holds holds={live.value.holds} onLift={lift} />
+      <Holds holds={holds} onLift={lift} />
       {asked && <KickDialog rows={asked} onClose={() => setAsked(null)} onKick={(minutes) => kick(asked, minutes)} />}
     </>
   )

@@ -43,13 +43,15 @@ async function completed(one: Candidate, files: readonly File[]): Promise<Candid
 
 let last = 0
 // What is there, completed by more files, and the profiles among these. Files that belong to nothing are judged as well.
-async function joined(old: readonly Candidate[], files: readonly File[]): Promise<Candidate[]> {
+async function joined(old: readonly Candidate[], files: readonly File[]): Promise<{ candidates: Candidate[]; unused: File[] }> {
   const profiles = files.filter((file) => isProfile(file.name))
   const kept = await Promise.all(old.map((one) => completed(one, files)))
   const belongs = kept.some((one, at) => one !== old[at])
   const chosen = profiles.length > 0 || belongs ? profiles : files.slice(0, 1)
   const added = await Promise.all(chosen.map((file) => completed({ id: ++last, file, companions: {} }, files)))
-  return [...kept, ...added]
+  const candidates = [...kept, ...added]
+  const used = new Set(candidates.flatMap((one) => [one.file, ...Object.values(one.companions)]))
+  return { candidates, unused: files.filter((file) => !used.has(file)) }
 }
 
 const upload = (one: Candidate, wanted: readonly Companion[]): Form => {
@@ -171,7 +173,7 @@ function CandidateCard({ one, onChange, onGone }: CardProps) {
       {verdict.state === 'bad' && (
         <>
           <Notice tone="bad">
-            <Judged failure={verdict.failure} />
+            <Judged failure={verdict.failure} named={named} />
           </Notice>
           {verdict.report && <ReportTable report={verdict.report} />}
           {files}
@@ -228,8 +230,12 @@ function ReportTable({ report }: { report: Report }) {
   )
 }
 
+// From the names that the checker has for the files to what they are in the profile, which names them otherwise.
+const ROLES: Partial<Record<string, Companion>> = { 'ca.crt': 'ca', 'client.crt': 'cert', 'client.key': 'key' }
+
 // The checker's answer in words.
-function Judged({ failure }: { failure: unknown }) {
+function Judged({ failure, named }: { failure: unknown; named: Partial<Record<Companion, string>> }) {
+  const nameOf = (file: string) => named[ROLES[file] ?? 'crl_verify'] ?? file
   const { what, advice } = explain(failure)
   const lists = failure instanceof ApiError && failure.code === WRONG_FILES ? (failure.data as FilesAnswer | undefined) : undefined
   if (!lists)
@@ -240,7 +246,7 @@ function Judged({ failure }: { failure: unknown }) {
     )
   return (
     <>
-      {lists.excessive && lists.excessive.length > 0 && <p>{t('import.notBrought', { files: lists.excessive.join(', ') })}</p>}
+      {lists.excessive && lists.excessive.length > 0 && <p>{t('import.notBrought', { files: lists.excessive.map(nameOf).join(', ') })}</p>}
       {lists.missing && lists.missing.length > 0 && <p>{t('import.notNamed', { files: lists.missing.join(', ') })}</p>}
     </>
   )
@@ -248,13 +254,17 @@ function Judged({ failure }: { failure: unknown }) {
 
 export function ImportDialog({ files, onClose, onChanged }: { files: File[]; onClose: () => void; onChanged: () => void }) {
   const [candidates, setCandidates] = useState<readonly Candidate[]>([])
+  const [unused, setUnused] = useState<readonly string[]>([])
   const latest = useRef(candidates) // files are read meanwhile
   const put = (next: readonly Candidate[]) => {
     latest.current = next
     setCandidates(next)
   }
   const add = async (more: readonly File[]) => {
-    if (more.length > 0) put(await joined(latest.current, more))
+    if (more.length === 0) return
+    const next = await joined(latest.current, more)
+    put(next.candidates)
+    setUnused(next.unused.map((file) => file.name))
   }
   useEffect(() => void add(files), [])
   const over = useFileDrop(true, (more) => void add(more))
@@ -271,6 +281,7 @@ export function ImportDialog({ files, onClose, onChanged }: { files: File[]; onC
         <p>{t('import.zone')}</p>
         <FileButton label={t('import.choose')} onFiles={(more) => void add(more)} />
       </div>
+      {unused.length > 0 && <Notice>{t('import.unused', { files: unused.join(', ') })}</Notice>}
       {candidates.map((one) => (
         <CandidateCard
           key={one.id}

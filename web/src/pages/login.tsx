@@ -5,7 +5,7 @@ import { explain } from '../errors'
 import { clock } from '../format'
 import { session } from '../session'
 import { t } from '../texts'
-import { Button, Dialog, Field, LanguageButton, Notice } from '../ui'
+import { Button, Dialog, Field, LanguageChoice, Notice } from '../ui'
 
 const TOO_MANY = 429
 
@@ -48,7 +48,7 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
     setWrong('')
     try {
       const { sid, admin } = await callOnce<{ sid: string; admin: boolean }>('/fenro/login', { user, password })
-      session.begin({ sid, user, admin })
+      session.begin({ sid, user, admin, since: Date.now() })
     } catch (failure) {
       setWrong(wordsFor(failure))
       setBusy(false)
@@ -105,9 +105,7 @@ export const LoginPage = () => (
         {t('login.lead')} <bdi>{location.host}</bdi>
       </p>
       <LoginForm />
-      <p class="row end">
-        <LanguageButton />
-      </p>
+      <LanguageChoice />
     </div>
   </main>
 )

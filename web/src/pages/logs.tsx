@@ -1,12 +1,17 @@
 // What has happened: events, and the connections of servers and clients that are over.
 import { useState } from 'preact/hooks'
 import { call, download, saveFile } from '../api'
-import { bytes, duration } from '../format'
+import { csv } from '../csv'
+import { bytes, duration, logMoment } from '../format'
+import { Pages, Rows, Tools, usual, type ShownColumn, type ShownFilter } from '../list'
+import { lookOf, view, type Look } from '../listing'
 import { CLIENTS, SERVERS, labelOf } from '../model'
 import { usePoll } from '../poll'
+import { choose, query } from '../router'
 import { page } from '../rules'
 import { t, type TextKey } from '../texts'
-import { Badge, Button, Card, Empty, Failure, Pager, SortHead, Spinner, Table, Tabs, confirm, say, useJob } from '../ui'
+import { Badge, Button, Card, Empty, Failure, Notice, Spinner, Tabs, confirm, say, useJob, type Tone } from '../ui'
+import { ACTIONS, REFUSED, UserLink, actionOf, refusalWords, type Entry } from './user'
 
 export interface LogEvent {
   id: string
@@ -17,205 +22,181 @@ export interface LogEvent {
   ip: string
   description: string
 }
-interface Session {
-  id: number
-  type: number
-  time: string
-  uptime: number
-  action: number
-  username: string
-  tx_total: number
-  rx_total: number
-  real_ip?: string
-  local_ip?: string
-  remote_ip?: string
-  source_ip?: string
-  device_info?: string
-}
 
 type Kind = 'event' | 'server' | 'client'
-const SIZE = 20
+const KINDS: readonly Kind[] = ['event', 'server', 'client']
 const PAUSE = 15_000
+const MOST = 5_000 // rows that are searched
+const USUAL = usual('time', true)
 
 // Without the tag that all of them begin with.
 export const eventWords = (one: LogEvent): string => one.description.replace(/^\[[^\]]*\]\s*/, '')
+export const eventTime = (one: LogEvent): string => logMoment(`${one.date} ${one.time}`)
 
-const LEVELS: Record<string, [TextKey, 'off' | 'warn' | 'bad']> = {
-  '0': ['logs.info', 'off'],
-  '1': ['logs.warning', 'warn'],
-  '2': ['logs.error', 'bad'],
+const LEVELS: readonly (readonly [TextKey, Tone])[] = [
+  ['logs.info', 'off'],
+  ['logs.warning', 'warn'],
+  ['logs.error', 'bad'],
+]
+const levelOf = (one: LogEvent): readonly [TextKey, Tone] => LEVELS[Number(one.type)] ?? ['logs.info', 'off']
+
+type Row = LogEvent | Entry
+interface Shape<T extends Row> {
+  route: string
+  columns: () => readonly ShownColumn<T>[]
+  filters: () => readonly ShownFilter<T>[]
+  textOf: (row: T) => string
+  order: (look: Look) => Record<string, string | number> // as the route wants it
+  cells: (row: T) => readonly (string | number)[] // of a line of a file
+  heads: () => readonly string[]
 }
 
-function Events({ rows, down, onSort }: { rows: LogEvent[]; down: boolean; onSort: () => void }) {
-  return (
-    <Table
-      label={t('logs.event')}
-      heads={[
-        <SortHead active down={down} onClick={onSort}>
-          {t('logs.time')}
-        </SortHead>,
-        t('logs.level'), t('logs.user'), t('logs.text'),
-      ]}
-    >
-      {rows.map((one) => {
-        const [label, tone] = LEVELS[one.type] ?? ['logs.info', 'off']
-        return (
-          <tr key={one.id}>
-            <td class="nowrap">
-              {one.date} {one.time}
-            </td>
-            <td>
-              <Badge tone={tone}>{t(label)}</Badge>
-            </td>
-            <td>
-              <bdi>{one.user}</bdi>
-            </td>
-            <td>
-              <bdi>{eventWords(one)}</bdi>
-            </td>
-          </tr>
-        )
-      })}
-    </Table>
-  )
+const EVENTS: Shape<LogEvent> = {
+  route: 'log/event',
+  columns: () => [
+    { name: 'time', label: t('logs.time'), nowrap: true, sort: (row) => Number(row.id), cell: eventTime },
+    { name: 'level', label: t('logs.level'), cell: (row) => <Badge tone={levelOf(row)[1]}>{t(levelOf(row)[0])}</Badge> },
+    { name: 'user', label: t('logs.user'), cell: (row) => <bdi>{row.user}</bdi> },
+    { name: 'text', label: t('logs.text'), cell: (row) => <bdi>{eventWords(row)}</bdi> },
+  ],
+  filters: () => LEVELS.map(([label], at) => ({ name: String(at), label: t(label), keeps: (row) => Number(row.type) === at })),
+  textOf: (row) => `${row.user} ${row.ip} ${row.date} ${row.time} ${eventWords(row)}`,
+  order: (look) => ({ sort: look.down ? 0 : 1 }),
+  cells: (row) => [`${row.date} ${row.time}`, t(levelOf(row)[0]), row.user, row.ip, eventWords(row)],
+  heads: () => [t('logs.time'), t('logs.level'), t('logs.user'), t('logs.from'), t('logs.text')],
 }
 
 // The columns that both logs have, by their number in the log database, where 0 is the order of arrival.
-const sortable = (kind: Kind): readonly (readonly [number, TextKey])[] => [
-  [0, 'logs.time'],
-  [2, 'protocol'],
-  [1, kind === 'server' ? 'logs.user' : 'logs.profile'],
-  [3, 'logs.length'],
-]
-const EVENTS: readonly TextKey[] = ['logs.began', 'logs.refused', 'logs.ended']
+const FIELDS: Record<string, number> = { time: 0, name: 1, type: 2, length: 3 }
+const source = (row: Entry): string => row.source_ip ?? row.real_ip ?? ''
+const inside = (row: Entry): string => row.remote_ip ?? row.local_ip ?? ''
+const entries = (kind: 'server' | 'client'): Shape<Entry> => ({
+  route: `log/${kind}`,
+  columns: () => [
+    { name: 'time', label: t('logs.time'), nowrap: true, sort: (row) => row.id, cell: (row) => logMoment(row.time) },
+    { name: 'type', label: t('protocol'), sort: (row) => row.type, cell: (row) => labelOf(row.type) },
+    {
+      name: 'name', label: t(kind === 'server' ? 'logs.user' : 'logs.profile'), sort: (row) => row.username,
+      cell: (row) => (kind === 'server' ? <UserLink name={row.username} /> : <bdi class="name">{row.username}</bdi>),
+    },
+    {
+      name: 'what', label: t('logs.what'),
+      cell: (row) => (
+        <>
+          <Badge tone={actionOf(row.action)[1]}>{t(actionOf(row.action)[0])}</Badge>
+          {row.device_info && <bdi class="soft block">{row.action === REFUSED ? refusalWords(row.device_info) : row.device_info}</bdi>}
+        </>
+      ),
+    },
+    { name: 'length', label: t('logs.length'), nowrap: true, sort: (row) => row.uptime, cell: (row) => (row.uptime > 0 ? duration(row.uptime) : '–') },
+    { name: 'from', label: t('logs.from'), cell: source },
+    { name: 'inside', label: t('logs.inside'), cell: inside },
+    { name: 'in', label: t('logs.in'), figure: true, cell: (row) => bytes(row.rx_total) },
+    { name: 'out', label: t('logs.out'), figure: true, cell: (row) => bytes(row.tx_total) },
+  ],
+  filters: () => ACTIONS.map(([label], at) => ({ name: String(at), label: t(label), keeps: (row) => row.action === at })),
+  textOf: (row) => `${row.username} ${labelOf(row.type)} ${source(row)} ${inside(row)} ${row.time} ${row.device_info ?? ''}`,
+  order: (look) => ({ field: FIELDS[look.sort] ?? 0, order: look.down ? 'desc' : 'asc' }),
+  cells: (row) => [
+    row.time, labelOf(row.type), row.username, t(actionOf(row.action)[0]), row.uptime, source(row), inside(row), row.rx_total, row.tx_total,
+    row.device_info ?? '',
+  ],
+  heads: () => [
+    t('logs.time'), t('protocol'), t('logs.user'), t('logs.what'), t('logs.length'), t('logs.from'), t('logs.inside'), t('logs.in'),
+    t('logs.out'), t('logs.text'),
+  ],
+})
+const SHAPES = { event: EVENTS, server: entries('server'), client: entries('client') } as unknown as Record<Kind, Shape<Row>>
 
-type SessionsProps = { rows: Session[]; field: number; down: boolean; onSort: (field: number) => void; kind: Kind }
-function Sessions({ rows, field, down, onSort, kind }: SessionsProps) {
+const ask = (shape: Shape<Row>, look: Look, lower: number, upper: number) =>
+  call<Row[] | null>(shape.route, { lower, upper, ...shape.order(look) }).then((answer) => ({ rows: answer.data ?? [], total: answer.total ?? 0 }))
+
+// A page of a log as the appliance cuts it or, once something is searched for, of the latest rows that match.
+function Log({ kind }: { kind: Kind }) {
+  const shape = SHAPES[kind]
+  const look = lookOf(query.value, USUAL)
+  const searches = look.q !== '' || look.filter !== ''
+  const job = useJob()
+  const log = usePoll(
+    async () => {
+      const [lower, upper] = searches ? [0, MOST - 1] : [look.page * look.size, (look.page + 1) * look.size - 1]
+      return { kind, searches, ...(await ask(shape, look, lower, upper)) }
+    },
+    PAUSE,
+    [kind, searches, ...(searches ? [] : [look.page, look.size, look.sort, look.down])],
+  )
+  const value = log.value?.kind === kind && log.value.searches === searches ? log.value : undefined
+  const found = value && searches ? view(value.rows, shape.textOf, shape.columns(), shape.filters(), look) : null
+  const whole = page(value?.total ?? 0, look.page, look.size)
+  const seen = found ?? { rows: value?.rows ?? [], total: value?.total ?? 0, page: whole.current, pages: whole.pages, counts: null }
+  const server = kind === 'server'
+
+  const clean = async () => {
+    const text = t(server ? 'logs.cleanServer' : 'logs.cleanClient')
+    if (!(await confirm({ title: t('logs.clean'), text, action: t('logs.cleanNow'), danger: true }))) return
+    await job.run('clean', async () => {
+      await call('log/cleanup', { type: server ? SERVERS : CLIENTS })
+      say('logs.cleaned')
+      choose({ page: '' })
+      log.refresh()
+    })
+  }
+  const toFile = () =>
+    job.run('csv', async () => {
+      const rows = found?.all ?? (await ask(shape, look, 0, MOST - 1)).rows
+      saveFile(`ormel-${kind}.csv`, new Blob([csv([shape.heads(), ...rows.map(shape.cells)])], { type: 'text/csv' }))
+    })
   return (
-    <Table
-      label={t(kind === 'server' ? 'logs.server' : 'logs.client')}
-      heads={[
-        ...sortable(kind).map(([number, label]) => (
-          <SortHead key={number} active={field === number} down={down} onClick={() => onSort(number)}>
-            {t(label)}
-          </SortHead>
-        )),
-        t('logs.what'), t('logs.from'), t('logs.inside'), t('logs.in'), t('logs.out'),
-      ]}
-    >
-      {rows.map((one) => (
-        <tr key={one.id}>
-          <td class="nowrap">{one.time}</td>
-          <td>{labelOf(one.type)}</td>
-          <td>
-            <bdi class="name">{one.username}</bdi>
-          </td>
-          <td class="nowrap">{one.uptime > 0 ? duration(one.uptime) : ''}</td>
-          <td>
-            <Badge tone={one.action === 1 ? 'bad' : one.action === 0 ? 'good' : 'off'}>
-              {t(EVENTS[one.action] ?? 'logs.ended')}
-            </Badge>
-          </td>
-          <td>{one.source_ip ?? one.real_ip}</td>
-          <td>{one.remote_ip ?? one.local_ip}</td>
-          <td class="figure">{bytes(one.rx_total)}</td>
-          <td class="figure">{bytes(one.tx_total)}</td>
-        </tr>
-      ))}
-    </Table>
+    <Card>
+      <Failure failure={job.failure ?? log.failure} onRetry={log.refresh} />
+      <Tools look={look} usually={USUAL} filters={shape.filters()} counts={seen.counts}>
+        <Button icon="download" busy={job.busy === 'csv'} disabled={!value?.total} onClick={() => void toFile()}>
+          {t('logs.csv')}
+        </Button>
+        {kind !== 'event' && (
+          <Button onClick={() => void clean()} busy={job.busy === 'clean'} disabled={!value?.total}>
+            {t('logs.clean')}
+          </Button>
+        )}
+      </Tools>
+      {!value && !log.failure && <Spinner />}
+      {value && searches && value.total > MOST && <Notice>{t('logs.most', { most: MOST })}</Notice>}
+      {value && seen.rows.length === 0 && <Empty>{t(searches ? 'list.nothing' : 'logs.none')}</Empty>}
+      {value && seen.rows.length > 0 && (
+        <Rows label={t(`logs.${kind}`)} rows={seen.rows} keyOf={(row) => row.id} columns={shape.columns()} look={look} usually={USUAL} />
+      )}
+      {value && <Pages total={seen.total} page={seen.page} pages={seen.pages} look={look} usually={USUAL} />}
+    </Card>
   )
 }
 
 export function LogsPage() {
-  const [kind, setKind] = useState<Kind>('event')
-  const [at, setAt] = useState(0)
-  const [field, setField] = useState(0)
-  const [down, setDown] = useState(true)
   const job = useJob()
-  const log = usePoll(
-    async () => {
-      const form = { lower: at * SIZE, upper: at * SIZE + SIZE - 1 }
-      const order = kind === 'event' ? { sort: down ? 0 : 1 } : { field, order: down ? 'desc' : 'asc' }
-      const answer = await call<(LogEvent | Session)[] | null>(`log/${kind}`, { ...form, ...order })
-      return { kind, rows: answer.data ?? [], total: answer.total ?? 0 }
-    },
-    PAUSE,
-    [kind, at, field, down],
-  )
-  const value = log.value?.kind === kind ? log.value : undefined
-  const pages = page(value?.total ?? 0, at, SIZE)
-  const pick = (next: Kind) => {
-    setKind(next)
-    setAt(0)
-    setDown(true)
-    setField(0)
-  }
-  const sort = (next: number) => {
-    setDown(next === field ? !down : true)
-    setField(next)
-    setAt(0)
-  }
-
-  const clean = async () => {
-    const server = kind === 'server'
-    const yes = await confirm({
-      title: t('logs.clean'),
-      text: t(server ? 'logs.cleanServer' : 'logs.cleanClient'),
-      action: t('logs.cleanNow'),
-      danger: true,
-    })
-    if (!yes) return
-    await job.run('clean', async () => {
-      await call('log/cleanup', { type: server ? SERVERS : CLIENTS })
-      say('logs.cleaned')
-      setAt(0)
-      log.refresh()
-    })
-  }
+  const [kind, setKind] = useState<Kind>(KINDS.find((one) => one === query.peek()['log']) ?? 'event')
   const archive = () =>
     job.run('dump', async () => {
       const file = await download('log/dump', 'ormel_dump_log.tar.gz')
       saveFile(file.name, file.content)
     })
-
+  const pick = (next: Kind) => {
+    setKind(next)
+    choose({ log: next === 'event' ? '' : next, show: '', sort: '', page: '' })
+  }
   return (
     <>
       <div class="row spread">
         <Tabs
           label={t('nav.logs')}
-          names={[
-            ['event', t('logs.event')],
-            ['server', t('logs.server')],
-            ['client', t('logs.client')],
-          ]}
+          names={KINDS.map((one) => [one, t(`logs.${one}`)] as const)}
           current={kind}
           onPick={pick}
         />
-        <div class="row">
-          {kind !== 'event' && (
-            <Button onClick={() => void clean()} busy={job.busy === 'clean'} disabled={!value?.total}>
-              {t('logs.clean')}
-            </Button>
-          )}
-          <Button icon="download" onClick={() => void archive()} busy={job.busy === 'dump'}>
-            {t('logs.archive')}
-          </Button>
-        </div>
+        <Button icon="download" onClick={() => void archive()} busy={job.busy === 'dump'}>
+          {t('logs.archive')}
+        </Button>
       </div>
-      <Failure failure={job.failure ?? log.failure} onRetry={log.refresh} />
-      {!value && !log.failure && <Spinner />}
-      {value && (
-        <Card>
-          {value.rows.length === 0 ? (
-            <Empty>{t('logs.none')}</Empty>
-          ) : kind === 'event' ? (
-            <Events rows={value.rows as LogEvent[]} down={down} onSort={() => sort(field)} />
-          ) : (
-            <Sessions rows={value.rows as Session[]} field={field} down={down} onSort={sort} kind={kind} />
-          )}
-          <Pager total={value.total} current={pages.current} pages={pages.pages} onGo={setAt} />
-        </Card>
-      )}
+      <Failure failure={job.failure} />
+      <Log key={kind} kind={kind} />
     </>
   )
 }

@@ -1,9 +1,7 @@
 // Everything at a glance: what runs, who is on, what flows, what has happened.
-import type { ComponentType } from 'preact'
-import { useEffect, useState } from 'preact/hooks'
+import { useState } from 'preact/hooks'
 import { call, data } from '../api'
-import { decodeName, duration, rate } from '../format'
-import type { Curve } from '../graph'
+import { ago, decodeName, duration, number, rate } from '../format'
 import {
   CLIENTS, PROTOCOLS, SERVERS, WIREGUARD, handshakeAge, isLive, labelOf, liveCount, protocolOf,
   type ClientProfile, type Connection, type Peer, type Profile, type ServerProfile,
@@ -13,14 +11,18 @@ import { readStates, serverState, stateKey, stateOfStatus, whyOf, type Reason } 
 import { t } from '../texts'
 import { History, traffic, type InterfaceRate } from '../traffic'
 import { Badge, Card, Empty, Failure, Spinner } from '../ui'
-import { StateBadge, clientName } from './clients'
-import { type LogEvent, eventWords } from './logs'
+import { StateBadge, clientName, inOrder } from './clients'
+import { type LogEvent, eventTime, eventWords } from './logs'
+import { Roads } from './roads'
+import { Traffic } from './traffic'
+import { UserLink } from './user'
 
 const LIVE = 2_000 // milliseconds between two looks at what moves fast
 const SLOW = 5_000
 const RARE = 15_000
 const SAMPLES = 150 // five minutes of them
 const EVENTS = 6
+const MOST = 8 // lines of a card; the page of each has them all
 
 const history = new History(SAMPLES) // goes on where it was when one comes back to the page
 
@@ -35,29 +37,6 @@ export const gatewayName = (gateway: Gateway | undefined, profiles: readonly Pro
   return found ? clientName(found as ClientProfile) : `${labelOf(gateway.type)} ${gateway.index}`
 }
 
-type GraphType = ComponentType<{ curves: readonly Curve[]; points: number[][]; label: string }>
-
-function Traffic({ points }: { points: number[][] }) {
-  const [Graph, setGraph] = useState<{ of: GraphType } | null>(null)
-  useEffect(() => {
-    void import('../graph').then((found) => setGraph({ of: found.default }))
-  }, [])
-  const last = points.map((column) => column[column.length - 1] ?? 0)
-  return (
-    <Card title={t('traffic.title')}>
-      <div class="graph-box">{Graph && <Graph.of curves={PROTOCOLS} points={points} label={t('traffic.title')} />}</div>
-      <ul class="legend">
-        {PROTOCOLS.map((one, at) => (
-          <li key={one.id}>
-            <span class={`dot curve-${at + 1}`} aria-hidden="true" />
-            {one.label} <b>{rate(last[at + 1] ?? 0)}</b>
-          </li>
-        ))}
-      </ul>
-    </Card>
-  )
-}
-
 const Tile = ({ label, value, note, to }: { label: string; value: string | number; note?: string; to: string }) => (
   <a class="tile" href={`#/${to}`}>
     <span>{label}</span>
@@ -69,7 +48,12 @@ const Tile = ({ label, value, note, to }: { label: string; value: string | numbe
 const Because = ({ reason }: { reason: Reason | null | undefined }) =>
   reason ? <small class="soft">{reason.code === 'port-taken' ? reason.text : whyOf(reason)}</small> : null
 
+// The end of a card that shows the first lines only.
+const More = ({ hidden, to }: { hidden: number; to: string }) =>
+  hidden > 0 ? <a href={`#/${to}`}>{t('overview.more', { n: number(hidden) })}</a> : null
+
 export function OverviewPage() {
+  const [leading, setLeading] = useState(false) // a first run has begun
   const live = usePoll(async () => {
     const [connections, interfaces] = await Promise.all([
       data<Connection[]>('connection/list'),
@@ -99,6 +83,7 @@ export function OverviewPage() {
   const clients = profiles.filter((one) => (one.type & CLIENTS) !== 0) as ClientProfile[]
   const peers = (profiles.find((one) => Array.isArray(one['peers']))?.['peers'] ?? []) as Peer[]
   const serverTruth = (one: ServerProfile) => states.get(stateKey(one))?.state ?? (one.enable ? 'running' : 'off')
+  const lead = leading || (clients.length === 0 && servers.every((one) => !one.enable))
   const clientTruth = (one: ClientProfile) => states.get(stateKey(one))?.state ?? stateOfStatus(one.status)
   const on = servers.filter((one) => serverTruth(one) === 'running').length
   const up = clients.filter((one) => clientTruth(one) === 'up').length
@@ -107,13 +92,14 @@ export function OverviewPage() {
   return (
     <>
       <Failure failure={failure} />
+      {lead && <Roads open={leading} onOpen={(open) => (setLeading(open), slow.refresh())} />}
       <div class="tiles">
         <Tile label={t('overview.serversOn')} value={`${on} / ${servers.length}`} to="servers" />
         <Tile label={t('overview.online')} value={connections.length + devices.length} to="connections" />
         <Tile label={t('overview.tunnels')} value={`${up} / ${clients.length}`} to="clients" />
         <Tile label={t('overview.gateway')} value={gatewayName(gateway, profiles)} to="gateway" />
       </div>
-      <Traffic points={points} />
+      {!lead && <Traffic points={points} />}
       <div class="columns">
         <Card title={t('nav.servers')}>
           <ul class="rows">
@@ -130,7 +116,7 @@ export function OverviewPage() {
         <Card title={t('overview.clients')}>
           {clients.length === 0 && <Empty>{t('overview.noTunnels')}</Empty>}
           <ul class="rows">
-            {clients.map((one) => (
+            {inOrder(clients, clientTruth).slice(0, MOST).map((one) => (
               <li key={`${one.type}-${one.index}`}>
                 <bdi class="name">{clientName(one)}</bdi>
                 <span class="soft">{labelOf(one.type)}</span>
@@ -139,37 +125,37 @@ export function OverviewPage() {
               </li>
             ))}
           </ul>
+          <More hidden={clients.length - MOST} to="clients" />
         </Card>
         <Card title={t('overview.who')}>
           {connections.length + devices.length === 0 && <Empty>{t('connections.none')}</Empty>}
           <ul class="rows">
-            {connections.map((one) => (
+            {connections.slice(0, MOST).map((one) => (
               <li key={one.target}>
-                <bdi class="name">{one.name}</bdi>
+                <UserLink name={one.name} />
                 <span class="soft">
                   {labelOf(one.type)} · {duration(one.uptime)}
                 </span>
                 <span class="figure">{rate(one.rx_rate + one.tx_rate)}</span>
               </li>
             ))}
-            {devices.map((one) => (
+            {devices.slice(0, Math.max(0, MOST - connections.length)).map((one) => (
               <li key={one.peer_pub_key}>
                 <bdi class="name">{decodeName(one.peer_name)}</bdi>
                 <span class="soft">
-                  {labelOf(WIREGUARD)} · {t('connections.handshake', { ago: duration(handshakeAge(one.latest_handshake) ?? 0) })}
+                  {labelOf(WIREGUARD)} · {t('connections.handshake', { ago: ago(handshakeAge(one.latest_handshake) ?? 0) })}
                 </span>
               </li>
             ))}
           </ul>
+          <More hidden={connections.length + devices.length - MOST} to="connections" />
         </Card>
         <Card title={t('overview.events')}>
           {events.value?.data.length === 0 && <Empty>{t('logs.none')}</Empty>}
           <ul class="rows events">
             {events.value?.data.map((one) => (
               <li key={one.id}>
-                <span class="soft">
-                  {one.date} {one.time}
-                </span>
+                <span class="soft">{eventTime(one)}</span>
                 <bdi>{eventWords(one)}</bdi>
               </li>
             ))}

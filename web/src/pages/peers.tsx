@@ -1,13 +1,16 @@
 // The peers of the WireGuard server: a record for each device, and what that device has to be told.
-import { useEffect, useState } from 'preact/hooks'
+import type { ComponentChildren } from 'preact'
+import { useState } from 'preact/hooks'
+import { PublicAddress, publicAddress } from '../address'
 import { call, data, saveFile } from '../api'
 import { Fields, sent, useForm, type FieldRow, type Values } from '../form'
-import { decodeName } from '../format'
-import { isLive, type Nic, type Peer, type ServerProfile } from '../model'
+import { bytes, bytesOf, decodeName } from '../format'
+import { List, usual, type ShownColumn, type ShownFilter } from '../list'
+import { handshakeAge, handshakeWords, isLive, type Peer, type ServerProfile } from '../model'
 import { QrCode } from '../qr'
 import { address, all, atMost, endpoint, freeAddress, key, optional, range, required } from '../rules'
 import { t } from '../texts'
-import { Badge, Button, Card, Dialog, Empty, Failure, Field, Notice, Switch, Table, confirm, say, useJob } from '../ui'
+import { Badge, Button, Card, Dialog, Failure, Notice, Switch, confirm, say, useJob } from '../ui'
 import { deviceConfig, fileName } from '../wireguard'
 
 const OWN_KEY = (values: Values) => values['own_key'] === true
@@ -26,9 +29,9 @@ const rowsFor = (isNew: boolean): readonly FieldRow[] => [
 ]
 
 // 32 bytes by chance, which is all that a pre-shared key is.
-const newSecret = (): string => btoa(String.fromCharCode(...crypto.getRandomValues(new Uint8Array(32))))
+export const newSecret = (): string => btoa(String.fromCharCode(...crypto.getRandomValues(new Uint8Array(32))))
 
-interface Device {
+export interface Device {
   name: string
   address: string
   privateKey: string // "" where the device has its own
@@ -36,17 +39,9 @@ interface Device {
   keepalive: number
 }
 
-function DeviceDialog({ device, profile, onClose }: { device: Device; profile: ServerProfile; onClose: () => void }) {
-  const [host, setHost] = useState(location.hostname)
+export function DeviceDialog({ device, profile, onClose }: { device: Device; profile: ServerProfile; onClose: () => void }) {
+  const host = publicAddress.value
   const [everything, setEverything] = useState(true)
-  // Whoever came by a port of their own machine: no other device reaches the appliance by that.
-  useEffect(() => {
-    if (!/^(localhost|127\..*|\[::1\])$/.test(location.hostname)) return
-    void data<Nic[] | null>('misc/nic').then(
-      (nics) => setHost(nics?.find((nic) => nic.ip)?.ip ?? location.hostname),
-      () => undefined,
-    )
-  }, [])
   const text = deviceConfig({
     ...device,
     serverKey: String(profile['server_pub_key']),
@@ -70,9 +65,7 @@ function DeviceDialog({ device, profile, onClose }: { device: Device; profile: S
       <div class="device">
         <QrCode text={text} label={t('peer.qr')} />
         <div>
-          <Field label={t('peer.host')} help={t('peer.hostHelp')}>
-            {(ids) => <input {...ids} value={host} onInput={(event) => setHost(event.currentTarget.value.trim())} />}
-          </Field>
+          <PublicAddress />
           <Switch label={t('peer.everything')} on={everything} onChange={setEverything} />
           <pre tabIndex={0} aria-label={t('peer.file')}>
             {text}
@@ -97,6 +90,19 @@ function DeviceDialog({ device, profile, onClose }: { device: Device; profile: S
   )
 }
 
+// Adds a device, with a key pair that is made here unless it has its own.
+export async function addDevice(fields: Record<string, string>, ownKey = false): Promise<Device> {
+  const { address: inside = '', ...values } = fields
+  const keys = ownKey ? null : await data<{ pri_key: string; pub_key: string }>('peer/keys')
+  if (keys) values['peer_pub_key'] = keys.pub_key
+  const name = values['peer_name'] ?? ''
+  await call('peer/add', { ...values, peer_name: encodeURIComponent(name), peer_allow_ip: `${inside}/32` })
+  say('peer.added')
+  return { name, address: inside, privateKey: keys?.pri_key ?? '', psk: values['psk'] ?? '', keepalive: Number(values['keepalive']) }
+}
+export const nextAddress = (profile: ServerProfile, peers: readonly Peer[]): string =>
+  freeAddress(String(profile['server_ip']), Number(profile['server_mask']), peers.map((one) => one.peer_allow_ip))
+
 type PeerDialogProps = {
   profile: ServerProfile
   peers: readonly Peer[]
@@ -111,7 +117,7 @@ function PeerDialog({ profile, peers, peer, onClose, onDone }: PeerDialogProps) 
     peer_name: peer ? decodeName(peer.peer_name) : '',
     address: peer
       ? (peer.peer_allow_ip.split('/')[0] ?? '')
-      : freeAddress(String(profile['server_ip']), Number(profile['server_mask']), peers.map((one) => one.peer_allow_ip)),
+      : nextAddress(profile, peers),
     own_key: false,
     peer_pub_key: peer?.peer_pub_key ?? '',
     keepalive: peer?.keepalive ?? '25',
@@ -123,26 +129,17 @@ function PeerDialog({ profile, peers, peer, onClose, onDone }: PeerDialogProps) 
     event.preventDefault()
     if (!form.check()) return
     await job.run('save', async () => {
-      const { address: inside, own_key, ...values } = sent(rows, form.values)
-      const name = values['peer_name'] ?? ''
-      let privateKey = ''
-      if (!peer && own_key !== 'true') {
-        const keys = await data<{ pri_key: string; pub_key: string }>('peer/keys')
-        privateKey = keys.pri_key
-        values['peer_pub_key'] = keys.pub_key
-      }
-      await call(peer ? 'peer/modify' : 'peer/add', {
-        ...values,
-        peer_name: encodeURIComponent(name),
+      const { own_key, ...values } = sent(rows, form.values)
+      if (!peer) return onDone(await addDevice(values, own_key === 'true'))
+      const { address: inside, ...rest } = values
+      await call('peer/modify', {
+        ...rest,
+        peer_name: encodeURIComponent(values['peer_name'] ?? ''),
         peer_allow_ip: `${inside ?? ''}/32`,
-        index: peer?.index,
+        index: peer.index,
       })
-      say(peer ? 'saved' : 'peer.added')
-      onDone(
-        peer
-          ? null
-          : { name, address: inside ?? '', privateKey, psk: values['psk'] ?? '', keepalive: Number(values['keepalive']) },
-      )
+      say('saved')
+      onDone(null)
     })
   }
 
@@ -161,6 +158,42 @@ function PeerDialog({ profile, peers, peer, onClose, onDone }: PeerDialogProps) 
     </Dialog>
   )
 }
+
+interface Row {
+  peer: Peer
+  name: string
+  live: boolean
+  age: number // seconds since its handshake, Infinity for never
+  total: number
+}
+const rowOf = (peer: Peer): Row => ({
+  peer,
+  name: decodeName(peer.peer_name),
+  live: isLive(peer),
+  age: handshakeAge(peer.latest_handshake) ?? Infinity,
+  total: bytesOf(peer.rx_total) + bytesOf(peer.tx_total),
+})
+const addressOf = (peer: Peer): string => peer.peer_allow_ip.replace('/32', '')
+const USUAL = usual('name', false, 50)
+const filters = (): readonly ShownFilter<Row>[] => [
+  { name: 'on', label: t('state.on'), keeps: (row) => row.live },
+  { name: 'off', label: t('state.off'), keeps: (row) => !row.live && row.age < Infinity },
+  { name: 'never', label: t('peer.never'), keeps: (row) => row.age === Infinity },
+]
+const columnsFor = (actions: (row: Row) => ComponentChildren): readonly ShownColumn<Row>[] => [
+  { name: 'name', label: t('name'), sort: (row) => row.name, cell: (row) => <bdi class="name">{row.name}</bdi> },
+  { name: 'address', label: t('peer.address'), sort: (row) => addressOf(row.peer), cell: (row) => addressOf(row.peer) },
+  {
+    name: 'state', label: t('peer.state'), sort: (row) => (row.live ? 0 : 1),
+    cell: (row) => <Badge tone={row.live ? 'good' : 'off'}>{t(row.live ? 'state.on' : 'state.off')}</Badge>,
+  },
+  { name: 'seen', label: t('peer.handshake'), sort: (row) => row.age, cell: (row) => handshakeWords(row.peer.latest_handshake) || '–' },
+  {
+    name: 'total', label: t('connections.total'), figure: true, sort: (row) => row.total,
+    cell: (row) => (row.peer.rx_total ? `${bytes(bytesOf(row.peer.rx_total))} / ${bytes(bytesOf(row.peer.tx_total))}` : '–'),
+  },
+  { name: 'actions', label: '', head: () => <span class="unseen">{t('actions')}</span>, cell: actions },
+]
 
 export function Peers({ profile, onChanged }: { profile: ServerProfile; onChanged: () => void }) {
   const peers = (profile['peers'] ?? []) as Peer[]
@@ -207,6 +240,26 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
     })
   }
 
+  const rows = peers.map(rowOf)
+  const actions = ({ peer, name }: Row) => (
+    <span class="row end">
+      <Button label={t('edit.name', { name })} onClick={() => setEdited({ peer })}>
+        {t('edit')}
+      </Button>
+      <Button
+        label={t('peer.renewName', { name })}
+        disabled={!usable}
+        busy={job.busy === `renew ${peer.index}`}
+        onClick={() => void renew(peer)}
+      >
+        {t('peer.new')}
+      </Button>
+      <Button label={t('remove.name', { name })} busy={job.busy === 'remove'} onClick={() => void remove(peer)}>
+        {t('remove')}
+      </Button>
+    </span>
+  )
+
   return (
     <Card
       title={t('peer.title')}
@@ -218,52 +271,16 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
     >
       {!usable && <Notice>{t('peer.noKey')}</Notice>}
       <Failure failure={job.failure} />
-      {peers.length === 0 ? (
-        <Empty>{t('peer.none')}</Empty>
-      ) : (
-        <Table
-          label={t('peer.title')}
-          heads={[
-            t('name'), t('peer.address'), t('peer.state'), t('peer.handshake'), t('connections.total'),
-            <span class="unseen">{t('actions')}</span>,
-          ]}
-        >
-          {peers.map((peer) => {
-            const name = decodeName(peer.peer_name)
-            return (
-              <tr key={peer.index}>
-                <td>
-                  <bdi class="name">{name}</bdi>
-                </td>
-                <td>{peer.peer_allow_ip.replace('/32', '')}</td>
-                <td>
-                  <Badge tone={isLive(peer) ? 'good' : 'off'}>{t(isLive(peer) ? 'state.on' : 'state.off')}</Badge>
-                </td>
-                <td>{peer.latest_handshake || '–'}</td>
-                <td class="figure">{peer.rx_total ? `${peer.rx_total} / ${peer.tx_total}` : '–'}</td>
-                <td>
-                  <span class="row end">
-                    <Button label={t('edit.name', { name })} onClick={() => setEdited({ peer })}>
-                      {t('edit')}
-                    </Button>
-                    <Button
-                      label={t('peer.renewName', { name })}
-                      disabled={!usable}
-                      busy={job.busy === `renew ${peer.index}`}
-                      onClick={() => void renew(peer)}
-                    >
-                      {t('peer.new')}
-                    </Button>
-                    <Button label={t('remove.name', { name })} busy={job.busy === 'remove'} onClick={() => void remove(peer)}>
-                      {t('remove')}
-                    </Button>
-                  </span>
-                </td>
-              </tr>
-            )
-          })}
-        </Table>
-      )}
+      <List
+        label={t('peer.title')}
+        rows={rows}
+        textOf={(row) => `${row.name} ${addressOf(row.peer)} ${row.peer.peer_pub_key}`}
+        keyOf={(row) => row.peer.index}
+        columns={columnsFor(actions)}
+        filters={filters()}
+        usually={USUAL}
+        empty={t('peer.none')}
+      />
       {edited && (
         <PeerDialog
           profile={profile}

@@ -1,23 +1,35 @@
 // Who may use which server, and whom wrong passwords have locked out.
-import { useState } from 'preact/hooks'
+import { useEffect, useState } from 'preact/hooks'
 import { call, data } from '../api'
 import { Fields, sent, useForm, type FieldRow } from '../form'
 import { count } from '../format'
+import { List, usual, type ShownColumn, type ShownFilter } from '../list'
+import { lookOf } from '../listing'
 import { PROTOCOLS, type Connection } from '../model'
 import { usePoll } from '../poll'
-import { page } from '../rules'
+import { choose, query } from '../router'
 import { t } from '../texts'
-import { Button, Card, Empty, Failure, Pager, SaveRow, Spinner, Table, Tabs, confirm, say, useJob } from '../ui'
+import { Button, Card, Empty, Failure, SaveRow, Spinner, Tabs, confirm, say, useJob, useTouched } from '../ui'
+import { UserLink } from './user'
 
-const SIZE = 15
 const PAUSE = 10_000
+const RARE = 60_000 // the names change seldom
 const EVERYBODY = 100_000 // entries, more than there are
+const MOST = 5_000 // names that are asked for at once; of more users than that a search asks the appliance
 
 // A peer of WireGuard needs no right.
 const GRANTED = PROTOCOLS.filter((one) => one.right)
 
 type Source = 'local' | 'remote'
-type Masks = Record<string, number>
+export type Masks = Record<string, number>
+
+// Those with a right and those without any are two requests.
+export async function saveRights(masks: ReadonlyMap<string, number>): Promise<void> {
+  const set = [...masks].filter(([, mask]) => mask !== 0).map(([user, mask]) => `${user}|${mask}`)
+  const unset = [...masks].filter(([, mask]) => mask === 0).map(([user]) => user)
+  if (set.length > 0) await call('privilege/set', { user: set })
+  if (unset.length > 0) await call('privilege/unset', { user: unset })
+}
 
 // Whom taking rights away throws out at once.
 export const thrownOut = (changes: ReadonlyMap<string, number>, connections: readonly Connection[]): number =>
@@ -26,38 +38,85 @@ export const thrownOut = (changes: ReadonlyMap<string, number>, connections: rea
     return mask !== undefined && (mask & one.type) === 0
   }).length
 
+interface Row {
+  user: string
+  mask: number
+  changed: boolean
+}
+const USUAL = usual('user')
+const SERVERS = GRANTED.reduce((mask, one) => mask | one.server, 0)
+const filters = (): readonly ShownFilter<Row>[] => [
+  { name: 'some', label: t('rights.some'), keeps: (row) => (row.mask & SERVERS) !== 0 },
+  { name: 'no', label: t('rights.without'), keeps: (row) => (row.mask & SERVERS) === 0 },
+  ...GRANTED.map((one) => ({ name: one.id, label: one.label, keeps: (row: Row) => (row.mask & one.server) !== 0 })),
+]
+type Setter = (users: readonly string[], bit: number, on: boolean) => void
+const columnsFor = (set: Setter): readonly ShownColumn<Row>[] => [
+  { name: 'user', label: t('logs.user'), rowHead: true, sort: (row) => row.user, cell: (row) => <UserLink name={row.user} /> },
+  ...GRANTED.map(
+    (one): ShownColumn<Row> => ({
+      name: one.id, label: one.label,
+      head: (rows) => (
+        <label class="head">
+          <input
+            type="checkbox"
+            aria-label={t('rights.all', { server: one.label })}
+            checked={rows.length > 0 && rows.every((row) => (row.mask & one.server) !== 0)}
+            onChange={(event) => set(rows.map((row) => row.user), one.server, event.currentTarget.checked)}
+          />{' '}
+          {one.label}
+        </label>
+      ),
+      cell: (row) => (
+        <label class="head">
+          <input
+            type="checkbox"
+            aria-label={t('rights.may', { user: row.user, server: one.label })}
+            checked={(row.mask & one.server) !== 0}
+            onChange={(event) => set([row.user], one.server, event.currentTarget.checked)}
+          />
+          <span class="cell-label">{one.label}</span>
+        </label>
+      ),
+    }),
+  ),
+]
+
 function Grid() {
   const [source, setSource] = useState<Source>('local')
-  const [typed, setTyped] = useState('')
-  const [filter, setFilter] = useState('')
-  const [at, setAt] = useState(0)
   const [changes, setChanges] = useState<ReadonlyMap<string, number>>(new Map())
   const job = useJob()
-  const list = usePoll(
+  useTouched(changes.size > 0)
+  const search = lookOf(query.value, USUAL).q
+  const [asks, setAsks] = useState('') // what the appliance has to search for, where there are too many users
+  const names = usePoll(
     async () => {
-      const form = { lower: at * SIZE, upper: at * SIZE + SIZE - 1, type: source, filter: filter || undefined }
-      const [users, masks] = await Promise.all([
-        call<string[] | null>('user/query', form),
-        data<Masks | null>('privilege/get', { lower: 0, upper: EVERYBODY }),
-      ])
-      return { source, filter, at, users: users.data ?? [], total: users.total ?? 0, masks: masks ?? {} }
+      const form = { lower: 0, upper: MOST - 1, type: source, filter: asks || undefined }
+      const answer = await call<string[] | null>('user/query', form)
+      return { source, users: answer.data ?? [], total: answer.total ?? 0 }
     },
-    PAUSE,
-    [source, filter, at],
+    RARE,
+    [source, asks],
   )
-  const value = list.value
+  const masks = usePoll(() => data<Masks | null>('privilege/get', { lower: 0, upper: EVERYBODY }), PAUSE)
   // What is still shown is of another question than the one that was asked last.
-  const stale = value !== null && value !== undefined && (value.source !== source || value.filter !== filter || value.at !== at)
-  const pages = page(value?.total ?? 0, at, SIZE)
-  const maskOf = (user: string): number => changes.get(user) ?? value?.masks[user] ?? 0
+  const value = names.value?.source === source ? names.value : undefined
+  useEffect(() => {
+    if (asks !== '' || (value && value.total > MOST)) setAsks(search)
+  }, [search, value?.total])
+  const stored = (user: string): number => masks.value?.[user] ?? 0
+  const maskOf = (user: string): number => changes.get(user) ?? stored(user)
+  const rows = (value?.users ?? []).map((user): Row => ({ user, mask: maskOf(user), changed: changes.has(user) }))
 
-  const toggle = (user: string, bit: number, on: boolean) => {
+  const put = (wanted: readonly (readonly [user: string, mask: number])[]) => {
     const next = new Map(changes)
-    const mask = on ? maskOf(user) | bit : maskOf(user) & ~bit
-    if (mask === (value?.masks[user] ?? 0)) next.delete(user)
-    else next.set(user, mask)
+    for (const [user, mask] of wanted) {
+      if (mask === stored(user)) next.delete(user)
+      else next.set(user, mask)
+    }
     setChanges(next)
   }
+  const set: Setter = (users, bit, on) => put(users.map((user) => [user, on ? maskOf(user) | bit : maskOf(user) & ~bit] as const))
   const save = () =>
     job.run('save', async () => {
       const gone = thrownOut(changes, await data<Connection[]>('connection/list'))
@@ -65,67 +124,39 @@ function Grid() {
         gone === 0 ||
         (await confirm({ title: t('rights.cut'), text: count(gone, 'rights.cutOne', 'rights.cutMany'), action: t('save'), danger: true }))
       if (!yes) return
-      const set = [...changes].filter(([, mask]) => mask !== 0).map(([user, mask]) => `${user}|${mask}`)
-      const unset = [...changes].filter(([, mask]) => mask === 0).map(([user]) => user)
-      if (set.length > 0) await call('privilege/set', { user: set })
-      if (unset.length > 0) await call('privilege/unset', { user: unset })
+      await saveRights(changes)
       setChanges(new Map())
       say('saved')
-      list.refresh()
+      masks.refresh()
     })
 
   return (
     <Card title={t('rights.title')}>
       <p>{t('rights.help')}</p>
-      <div class="row spread">
-        <Tabs
-          label={t('rights.source')}
-          names={[
-            ['local', t('rights.local')],
-            ['remote', t('rights.remote')],
-          ]}
-          current={source}
-          onPick={(next) => (setSource(next), setAt(0))}
+      <Failure failure={names.failure ?? masks.failure} onRetry={() => (names.refresh(), masks.refresh())} />
+      <Tabs
+        label={t('rights.source')}
+        names={[
+          ['local', t('rights.local')],
+          ['remote', t('rights.remote')],
+        ]}
+        current={source}
+        onPick={(next) => (setSource(next), setAsks(''), choose({ page: '' }))}
+      />
+      {(!value || !masks.value) && !names.failure && <Spinner />}
+      {value && masks.value && (
+        <List
+          label={t('nav.rights')}
+          rows={rows}
+          textOf={(row) => row.user}
+          keyOf={(row) => row.user}
+          columns={columnsFor(set)}
+          filters={filters()}
+          usually={USUAL}
+          marked={(row) => row.changed}
+          empty={t(source === 'remote' ? 'rights.noDirectory' : 'rights.none')}
         />
-        <form
-          class="row"
-          role="search"
-          onSubmit={(event) => {
-            event.preventDefault()
-            setFilter(typed.trim())
-            setAt(0)
-          }}
-        >
-          <input type="search" aria-label={t('rights.filter')} placeholder={t('rights.filter')} value={typed} onInput={(event) => setTyped(event.currentTarget.value)} />
-          <Button submit>{t('rights.find')}</Button>
-        </form>
-      </div>
-      <Failure failure={list.failure} onRetry={list.refresh} />
-      {(!value || stale) && !list.failure && <Spinner />}
-      {value && value.users.length === 0 && <Empty>{t(source === 'remote' && !filter ? 'rights.noDirectory' : 'rights.none')}</Empty>}
-      {value && value.users.length > 0 && (
-        <Table label={t('nav.rights')} heads={[t('logs.user'), ...GRANTED.map((one) => one.label)]}>
-          {value.users.map((user) => (
-            <tr key={user} class={changes.has(user) ? 'changed' : ''}>
-              <th scope="row">
-                <bdi class="name">{user}</bdi>
-              </th>
-              {GRANTED.map((one) => (
-                <td key={one.id}>
-                  <input
-                    type="checkbox"
-                    aria-label={t('rights.may', { user, server: one.label })}
-                    disabled={stale}
-                    checked={(maskOf(user) & one.server) !== 0}
-                    onChange={(event) => toggle(user, one.server, event.currentTarget.checked)}
-                  />
-                </td>
-              ))}
-            </tr>
-          ))}
-        </Table>
       )}
-      <Pager total={value?.total ?? 0} current={pages.current} pages={pages.pages} onGo={setAt} />
       <Failure failure={job.failure} />
       <div class={changes.size > 0 ? 'row end afloat' : 'row end'}>
         {changes.size > 0 && <span class="soft">{count(changes.size, 'rights.changedOne', 'rights.changed')}</span>}
@@ -140,7 +171,7 @@ function Grid() {
   )
 }
 
-interface Blocks {
+export interface Blocks {
   enable: boolean
   limit: number
   time: number

@@ -1,12 +1,15 @@
 // The SD-WAN membership: the road of a join as steps, what a member sees, and the way out.
 import { useEffect, useState } from 'preact/hooks'
 import { asset, call, data, pageOf, SLOW, ApiError } from '../api'
+import { bytes, dayOf, logMoment } from '../format'
 import { usePoll } from '../poll'
 import { address } from '../rules'
 import { t, type TextKey } from '../texts'
-import { Badge, Button, Card, Empty, Facts, Failure, Field, Notice, Spinner, confirm, say, useJob, type Tone } from '../ui'
+import { Badge, Button, Card, Empty, Facts, Failure, Field, Notice, Spinner, Table, confirm, say, useJob, type Tone } from '../ui'
 
 const PAUSE = 5_000
+const RARE = 60_000
+const EVENTS = 6
 const NO_APPLICATION = 60
 
 interface Precheck {
@@ -64,6 +67,7 @@ function Join({ onJoined }: { onJoined: () => void }) {
   const [regions, setRegions] = useState<Region[] | null>(null)
   const [region, setRegion] = useState('auto')
   const job = useJob()
+  const failed = (step: string) => job.last === step && <Failure failure={job.failure} />
   useEffect(() => void asset<typeof pages>('provider.json').then((found) => found && setPages(found)), [])
 
   const look = () =>
@@ -130,6 +134,7 @@ function Join({ onJoined }: { onJoined: () => void }) {
           {precheck && !precheck.ncsi && <Notice tone="bad">{t('sdwan.noInternet')}</Notice>}
           {precheck && !precheck.compatible && <Notice>{t('sdwan.noKernel')}</Notice>}
           {precheck?.l2tp_status === 'enabled' && <Notice>{t('sdwan.l2tp')}</Notice>}
+          {failed('look')}
           {!checked && (
             <Button kind="primary" busy={job.busy === 'look'} onClick={() => void look()}>
               {t(precheck ? 'retry' : 'sdwan.begin')}
@@ -151,6 +156,7 @@ function Join({ onJoined }: { onJoined: () => void }) {
               <Field label={t('sdwan.code')} help={t('sdwan.codeHelp')}>
                 {(ids) => <input {...ids} class="mono" autocomplete="off" value={code} onInput={(event) => setCode(event.currentTarget.value)} />}
               </Field>
+              {failed('login')}
               <Button kind="primary" disabled={code.trim() === ''} busy={job.busy === 'login'} onClick={() => void logIn()}>
                 {t('sdwan.logIn')}
               </Button>
@@ -169,6 +175,7 @@ function Join({ onJoined }: { onJoined: () => void }) {
               </select>
             )}
           </Field>
+          {failed('regions')}
           {regions === null ? (
             <Button kind="primary" disabled={organization === ''} busy={job.busy === 'regions'} onClick={() => void choose()}>
               {t('sdwan.next')}
@@ -190,6 +197,7 @@ function Join({ onJoined }: { onJoined: () => void }) {
               </select>
             )}
           </Field>
+          {failed('join')}
           <div class="row">
             <Button kind="primary" busy={job.busy === 'join'} onClick={() => void join()}>
               {t('sdwan.joinNow')}
@@ -198,7 +206,6 @@ function Join({ onJoined }: { onJoined: () => void }) {
           </div>
         </Step>
       </ol>
-      <Failure failure={job.failure} />
     </Card>
   )
 }
@@ -249,6 +256,77 @@ function VirtualAddress({ current, onChanged }: { current: string; onChanged: ()
   )
 }
 
+interface Day {
+  date: string
+  bytes: number
+}
+interface MemberEvent {
+  id?: string
+  date: string
+  time: string
+  description: string
+}
+
+function Quota({ supernode }: { supernode: NonNullable<Status['supernode']> }) {
+  const { remaining_usage: left, total_usage: whole } = supernode
+  return (
+    <Card title={t('sdwan.quota')}>
+      <Facts
+        rows={[
+          [t('sdwan.remaining'), t('sdwan.ofTotal', { left: bytes(left), total: bytes(whole) })],
+          [t('client.host'), supernode.public_ip],
+        ]}
+      />
+      <meter min={0} max={whole} low={whole / 10} value={left} aria-label={t('sdwan.remaining')} />
+    </Card>
+  )
+}
+
+function Days() {
+  const days = usePoll(() => data<Day[] | null>('pelmar/supernode_recent_billing_daily_traffic', {}, SLOW).catch(() => []), RARE)
+  const rows = (days.value ?? []).filter((one) => typeof one.date === 'string')
+  if (rows.length === 0) return null
+  return (
+    <Card title={t('sdwan.daily')}>
+      <Table label={t('sdwan.daily')} heads={[t('logs.time'), t('sdwan.amount')]}>
+        {rows.map((one) => (
+          <tr key={one.date}>
+            <td>{dayOf(one.date)}</td>
+            <td class="figure">{bytes(Number(one.bytes))}</td>
+          </tr>
+        ))}
+      </Table>
+    </Card>
+  )
+}
+
+function MemberLog() {
+  const log = usePoll(() => data<MemberEvent[] | null>('pelmar/logs', { limit: EVENTS }), RARE)
+  const rows = log.value ?? []
+  return (
+    <Card title={t('sdwan.log')}>
+      <Failure failure={log.failure} />
+      {log.value !== undefined && rows.length === 0 && <Empty>{t('logs.none')}</Empty>}
+      <ul class="rows events">
+        {rows.map((one, at) => (
+          <li key={one.id ?? at}>
+            <span class="soft">{logMoment(`${one.date} ${one.time}`)}</span>
+            <bdi>{one.description.replace(/^\[[^\]]*\]\s*/, '')}</bdi>
+          </li>
+        ))}
+      </ul>
+    </Card>
+  )
+}
+
+// A link that is down counts as on its way until the appliance says that it has been so for too long.
+export const linkState = (up: boolean, tooLong: boolean): readonly [TextKey, Tone] =>
+  up ? ['sdwan.up', 'good'] : tooLong ? ['sdwan.down', 'bad'] : ['state.connecting', 'busy']
+const Link = ({ up, tooLong }: { up: boolean; tooLong: boolean }) => {
+  const [word, tone] = linkState(up, tooLong)
+  return <Badge tone={tone}>{t(word)}</Badge>
+}
+
 const TOPOLOGY: readonly (readonly [TextKey, Tone])[] = [
   ['sdwan.down', 'bad'],
   ['sdwan.up', 'good'],
@@ -285,7 +363,8 @@ function Member({ onLeft }: { onLeft: () => void }) {
         {status.failure && leaving}
       </>
     )
-  const [word, tone] = TOPOLOGY[value.hub?.topology_status ?? 0] ?? ['sdwan.down', 'bad']
+  const topology = value.hub?.topology_status ?? 0
+  const [word, tone] = topology === 0 ? linkState(false, value.local.is_ipsec_timeout) : (TOPOLOGY[topology] ?? linkState(false, true))
   const linked = value.orchestrator.connection_status !== 0
   return (
     <>
@@ -296,11 +375,8 @@ function Member({ onLeft }: { onLeft: () => void }) {
             rows={[
               [t('sdwan.organization'), <bdi>{value.orchestrator.organization}</bdi>],
               [t('sdwan.region'), <bdi>{value.orchestrator.region}</bdi>],
-              [t('sdwan.orchestrator'), <Badge tone={linked ? 'good' : 'bad'}>{t(linked ? 'sdwan.up' : 'sdwan.down')}</Badge>],
-              [
-                t('sdwan.tunnel'),
-                <Badge tone={value.vpn_status ? 'good' : 'bad'}>{t(value.vpn_status ? 'sdwan.up' : 'sdwan.down')}</Badge>,
-              ],
+              [t('sdwan.orchestrator'), <Link up={linked} tooLong={value.orchestrator.is_mqtt_timeout} />],
+              [t('sdwan.tunnel'), <Link up={value.vpn_status !== 0} tooLong={value.local.is_ipsec_timeout} />],
             ]}
           />
           {(value.orchestrator.is_mqtt_timeout || value.local.is_ipsec_timeout) && <Notice tone="bad">{t('sdwan.tooLong')}</Notice>}
@@ -326,6 +402,9 @@ function Member({ onLeft }: { onLeft: () => void }) {
             />
           </Card>
         )}
+        {value.supernode && value.supernode.total_usage > 0 && <Quota supernode={value.supernode} />}
+        <Days />
+        <MemberLog />
         <VirtualAddress key={value.local.virtual_ip} current={value.local.virtual_ip} onChanged={status.refresh} />
         {leaving}
       </div>

@@ -1,4 +1,5 @@
 // The servers of the appliance, one form for each protocol.
+import { PublicAddress, publicAddress, withAddress } from '../address'
 import { call, data, download, saveFile, SLOW } from '../api'
 import { Fields, sent, useForm, type Choice } from '../form'
 import { count } from '../format'
@@ -25,12 +26,20 @@ const interfaceChoices = (nics: readonly Nic[]): readonly Choice[] => [
     .map((nic): Choice => [nic.ifname, nic.display_name && nic.display_name !== nic.ifname ? `${nic.display_name} (${nic.ifname})` : nic.ifname]),
 ]
 
+const PROFILE = 'config/download'
+// With the address that the users can reach in it and in its name.
+export async function saveProfile(content: Blob): Promise<void> {
+  const host = publicAddress.peek()
+  saveFile(`office-${host.replace(/[^A-Za-z0-9.-]+/g, '-')}.ovpn`, new Blob([withAddress(await content.text(), host)]))
+}
+
 function Downloads({ profile, onDone }: { profile: ServerProfile; onDone: () => void }) {
   const job = useJob()
   const get = (route: string, fallback: string) =>
     job.run(route, async () => {
       const file = await download(route, fallback)
-      saveFile(file.name, file.content)
+      if (route === PROFILE) await saveProfile(file.content)
+      else saveFile(file.name, file.content)
       onDone()
     })
   return (
@@ -39,9 +48,10 @@ function Downloads({ profile, onDone }: { profile: ServerProfile; onDone: () => 
         {t('server.filesHelp')} <a href="#/rights">{t('server.toRights')}</a>
       </p>
       {Number(profile['download']) !== 0 && <Notice>{t('server.downloadAgain')}</Notice>}
+      <PublicAddress />
       <Failure failure={job.failure} />
       <div class="row">
-        <Button icon="download" busy={job.busy === 'config/download'} onClick={() => void get('config/download', 'client.ovpn')}>
+        <Button icon="download" busy={job.busy === PROFILE} onClick={() => void get(PROFILE, 'client.ovpn')}>
           {t('server.profile')}
         </Button>
         <Button icon="download" busy={job.busy === 'config/downloadcert'} onClick={() => void get('config/downloadcert', 'ca.crt')}>
@@ -89,6 +99,7 @@ function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; 
       const yes = await confirm({
         title: t(on ? 'server.restart' : 'server.stop', { server: labelOf(profile.type) }),
         text: count(dropped, 'server.dropsOne', 'server.drops'),
+        more: form.changes(),
         action: t(on ? 'server.restartNow' : 'server.stopNow'),
         danger: true,
       })
