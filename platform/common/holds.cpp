@@ -28,7 +28,7 @@ struct KindName {
   Hold::Kind kind;
   const char* word;
 };
-constexpr KindName KINDS[] = {{Hold::Kind::User, "user"}, {Hold::Kind::Peer, "peer"}};
+constexpr KindName KINDS[] = {{Hold::Kind::User, "user"}, {Hold::Kind::Peer, "peer"}, {Hold::Kind::Limit, "limit"}};
 
 std::string folder_of(const std::string& path) {
   return path.substr(0, path.rfind('/'));
@@ -123,13 +123,26 @@ void Holds::report_damage() {
 Holds::Holds(std::string file, std::string lock, std::function<Moment()> now, std::function<void()> on_damage)
     : file_(std::move(file)), lock_(std::move(lock)), now_(std::move(now)), on_damage_(std::move(on_damage)) {}
 
-std::vector<Hold> Holds::list() const {
+std::vector<Hold> Holds::stored() const {
   std::vector<Hold> holds;
   std::string text;
-  if (read_file(file_.c_str(), text) != 0) return holds;
-  std::ignore = parse(text, holds);  // a damaged file is the next writer's matter
+  if (read_file(file_.c_str(), text) == 0)
+    std::ignore = parse(text, holds);  // a damaged file is the next writer's matter
+  return holds;
+}
+
+std::vector<Hold> Holds::list() const {
+  std::vector<Hold> holds = stored();
   const Moment now = now_();
-  std::erase_if(holds, [&](const Hold& hold) { return is_over(hold, now); });
+  std::erase_if(holds, [&](const Hold& hold) {
+    return is_over(hold, now) || (hold.kind == Hold::Kind::Limit && hold.since > now.wall);
+  });
+  return holds;
+}
+
+std::vector<Hold> Holds::limits() const {
+  std::vector<Hold> holds = stored();
+  std::erase_if(holds, [](const Hold& hold) { return hold.kind != Hold::Kind::Limit; });
   return holds;
 }
 
@@ -151,22 +164,35 @@ bool Holds::change(const std::function<bool(std::vector<Hold>& holds, const Mome
   return replace_file(file_, text_of(holds));
 }
 
-bool Holds::add(Hold hold, std::int64_t seconds) const {
-  if (seconds < 1 || seconds > LONGEST || hold.who.empty()) return false;
+bool Holds::put(Hold hold, const std::function<void(Hold& hold, const Moment& now)>& date) const {
+  if (hold.who.empty()) return false;
   bool room = true;
   const bool written = change([&](std::vector<Hold>& holds, const Moment& now) {
     std::erase_if(holds,
                   [&](const Hold& old) { return is_over(old, now) || (old.kind == hold.kind && old.who == hold.who); });
     room = holds.size() < MOST;
     if (!room) return false;
-    hold.since = now.wall;
-    hold.until = now.wall + seconds;
-    hold.boot = now.boot;
-    hold.boot_until = now.up + seconds;
+    date(hold, now);
     holds.push_back(std::move(hold));
     return true;
   });
   return written && room;
+}
+
+bool Holds::add(Hold hold, std::int64_t seconds) const {
+  if (seconds < 1 || seconds > LONGEST) return false;
+  return put(std::move(hold), [seconds](Hold& dated, const Moment& now) {
+    dated.since = now.wall;
+    dated.until = now.wall + seconds;
+    dated.boot = now.boot;
+    dated.boot_until = now.up + seconds;
+  });
+}
+
+bool Holds::limit(Hold hold) const {
+  if (hold.since < 0 || hold.since >= NO_END) return false;
+  hold.kind = Hold::Kind::Limit;
+  return put(std::move(hold), [](Hold& dated, const Moment&) { dated.until = NO_END; });
 }
 
 bool Holds::lift(const std::function<bool(const Hold&)>& chosen, std::vector<Hold>& ended) const {

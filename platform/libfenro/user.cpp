@@ -149,7 +149,8 @@ std::vector<std::string> users_of_file(const char* passwd) {
 std::vector<std::string> people_of_file(const char* passwd, uid_t least) {
   return names_of_file(passwd, [least](const struct passwd& entry) {
     const std::string_view shell = entry.pw_shell ? entry.pw_shell : "";
-    return entry.pw_uid >= least && std::ranges::none_of(NO_SHELLS, [&](std::string_view end) { return shell.ends_with(end); });
+    return entry.pw_uid >= least &&
+           std::ranges::none_of(NO_SHELLS, [&](std::string_view end) { return shell.ends_with(end); });
   });
 }
 

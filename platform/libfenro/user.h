@@ -29,7 +29,8 @@ enum class Source { Local, Ldap, Domain };
 // The names of a file of the form of /etc/passwd, sorted.
 [[nodiscard]] std::vector<std::string> users_of_file(const char* passwd);
 
-// Those of the accounts in such a file that people log in with: numbers from `least` on, with a shell that takes a login.
+// Those of the accounts in such a file that people log in with: numbers from `least` on, with a shell that takes a
+// login.
 [[nodiscard]] std::vector<std::string> people_of_file(const char* passwd, uid_t least);
 
 // The least number of an account of a person, from the settings of the host's account tools; 1000 without them.

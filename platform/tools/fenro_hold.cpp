@@ -5,8 +5,12 @@
 //   fenro-hold add user|peer WHO SECONDS [NAME [BY]]   NAME is how people call a device, BY who has asked for it
 //   fenro-hold lift WHO                            by user, key or name; exit status 3 when no one is held so
 //   fenro-hold list                                a JSON array of the holds in force
+//   fenro-hold limit WHO SINCE [NAME [BY]]         keeps a device out from that second on (since 1970), until unlimit
+//   fenro-hold unlimit WHO                         by key; exit status 3 when it has no limit
+//   fenro-hold limits                              a JSON array of the limits, begun or not
 //   fenro-hold peers                               the keys of devices that are kept out, a line each
-//   fenro-hold watch                               ends the holds of devices in time; at the start of their server
+//   fenro-hold watch                               ends the holds of devices in time, and begins their limits; at the
+//                                                  start of their server
 //   fenro-hold expire                              ends holds whose time is over; for maintenance
 //
 // After a change of devices the WireGuard server's script applies it. The exit status is 0 when all was done, 1 after a
@@ -21,8 +25,11 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <sys/file.h>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
+#include <vector>
 
 #include "base/handle.h"
 #include "common/connection_log.h"
@@ -77,7 +84,7 @@ int apply_peers() {
 
 // After a change: the server is asked for devices only.
 int finish(const std::vector<Hold>& changed) {
-  return std::ranges::any_of(changed, [](const Hold& hold) { return hold.kind == Hold::Kind::Peer; }) ? apply_peers()
+  return std::ranges::any_of(changed, [](const Hold& hold) { return hold.kind != Hold::Kind::User; }) ? apply_peers()
                                                                                                       : EXIT_SUCCESS;
 }
 
@@ -103,18 +110,77 @@ int expire(Words) {
   return finish(ended);
 }
 
-// A user's hold ends at the next login, but no one asks for a device: a process waits for its end.
-void expire_in_time(std::int64_t seconds) {
-  if (fork() != 0) return;
+// Goes on in a process of its own, beside the caller. False in the caller.
+bool in_background() {
+  if (fork() != 0) return false;
   setsid();
   const Fd null{open("/dev/null", O_RDWR | O_CLOEXEC)};
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(null.get(), stream);
   if (chdir("/") != 0) _exit(EXIT_FAILURE);
+  return true;
+}
+
+// A user's hold ends at the next login, but no one asks for a device: a process waits for its end.
+void expire_in_time(std::int64_t seconds) {
+  if (!in_background()) return;
   timespec end{};
   clock_gettime(CLOCK_BOOTTIME, &end);
   end.tv_sec += seconds + 1;
   while (clock_nanosleep(CLOCK_BOOTTIME, TIMER_ABSTIME, &end, nullptr) == EINTR) continue;
   _exit(expire({}));
+}
+
+// The next time at which a limit begins; 0 when none will.
+std::int64_t next_limit(std::int64_t now) {
+  std::int64_t next = 0;
+  for (const Hold& hold : Holds{}.limits()) {
+    if (hold.since > now && (next == 0 || hold.since < next)) next = hold.since;
+  }
+  return next;
+}
+
+// One process begins all limits in time; a second one that is started meanwhile gives up. It looks at the list again
+// and again, so that it learns of new limits and of a clock that was set.
+void begin_limits_in_time() {
+  constexpr std::int64_t LOOK = 20;  // seconds between two looks
+  constexpr int TRIES = 10;          // for a lock whose owner may be about to end
+  constexpr const char* LOCK = "/run/fenro/limits.lock";
+  if (next_limit(std::time(nullptr)) == 0 || !in_background()) return;
+  const Fd lock{open(LOCK, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR)};
+  int tries = TRIES;
+  while (lock && flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (--tries == 0) _exit(EXIT_SUCCESS);
+    sleep(LOOK / TRIES + 1);
+  }
+  std::int64_t now = std::time(nullptr);
+  for (std::int64_t next = next_limit(now); next != 0; next = next_limit(now)) {
+    sleep(static_cast<unsigned>(std::clamp<std::int64_t>(next - now, 1, LOOK)));
+    const std::int64_t before = now;
+    now = std::time(nullptr);
+    const std::vector<Hold> limits = Holds{}.limits();
+    if (std::ranges::any_of(limits, [&](const Hold& hold) { return hold.since > before && hold.since <= now; }))
+      std::ignore = apply_peers();  // the next look cannot do better
+  }
+  _exit(EXIT_SUCCESS);
+}
+
+int limit(Words words) {
+  Hold hold;
+  if (!parse(words[1], hold.since) || hold.since < 0 || hold.since >= Holds::NO_END || words[0][0] == '\0')
+    return USAGE;
+  hold.who = words[0];
+  hold.name = words.size() > 2 ? words[2] : words[0];
+  hold.by = words.size() > 3 ? words[3] : "";
+  if (!Holds{}.limit(std::move(hold))) return fail("the list cannot be written, or is full");
+  begin_limits_in_time();
+  return apply_peers();
+}
+
+int unlimit(Words words) {
+  std::vector<Hold> ended;
+  if (!Holds{}.lift([&](const Hold& hold) { return hold.kind == Hold::Kind::Limit && hold.who == words[0]; }, ended))
+    return fail("the list cannot be written");
+  return ended.empty() ? NOT_FOUND : apply_peers();
 }
 
 int add(Words words) {
@@ -134,8 +200,10 @@ int add(Words words) {
 int lift(Words words) {
   const std::string_view who = words[0];
   std::vector<Hold> ended;
-  if (!Holds{}.lift([&](const Hold& hold) { return hold.who == who || hold.name == who; }, ended))
-    return fail("the list cannot be written");
+  const auto named = [&](const Hold& hold) {
+    return hold.kind != Hold::Kind::Limit && (hold.who == who || hold.name == who);
+  };
+  if (!Holds{}.lift(named, ended)) return fail("the list cannot be written");
   return ended.empty() ? NOT_FOUND : finish(ended);
 }
 
@@ -146,13 +214,13 @@ int watch(Words) {
     const std::int64_t up = hold.boot == now.boot ? hold.boot_until - now.up : 0;
     expire_in_time(std::max({hold.until - now.wall, up, std::int64_t{0}}));
   }
+  begin_limits_in_time();
   return EXIT_SUCCESS;
 }
 
-int list(Words words) {
-  std::ignore = expire(words);  // those in force are the same
+int print(const std::vector<Hold>& holds) {
   const Json rows{json_array()};
-  for (const Hold& hold : Holds{}.list()) {
+  for (const Hold& hold : holds) {
     json_array_append_new(rows.get(), json_pack("{s:s, s:o, s:o, s:o, s:I, s:I}", "kind", word_of(hold.kind), "who",
                                                 json_text(hold.who).release(), "name", json_text(hold.name).release(),
                                                 "by", json_text(hold.by).release(), "since", json_int_t{hold.since},
@@ -161,9 +229,20 @@ int list(Words words) {
   return std::puts(compact(rows.get()).c_str()) >= 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
+int list(Words words) {
+  std::ignore = expire(words);  // those in force are the same
+  std::vector<Hold> holds = Holds{}.list();
+  std::erase_if(holds, [](const Hold& hold) { return hold.kind == Hold::Kind::Limit; });
+  return print(holds);
+}
+
+int limits(Words) {
+  return print(Holds{}.limits());
+}
+
 int peers(Words) {
   for (const Hold& hold : Holds{}.list()) {
-    if (hold.kind == Hold::Kind::Peer) std::puts(hold.who.c_str());
+    if (hold.kind != Hold::Kind::User) std::puts(hold.who.c_str());
   }
   return EXIT_SUCCESS;
 }
@@ -174,8 +253,9 @@ struct Command {
   int (*run)(Words words);
 };
 constexpr Command COMMANDS[] = {
-    {"held", 2, 2, held}, {"refuse", 3, 3, refuse}, {"add", 3, 5, add},     {"lift", 1, 1, lift},
-    {"list", 0, 0, list}, {"peers", 0, 0, peers},   {"watch", 0, 0, watch}, {"expire", 0, 0, expire},
+    {"held", 2, 2, held},   {"refuse", 3, 3, refuse}, {"add", 3, 5, add},         {"lift", 1, 1, lift},
+    {"list", 0, 0, list},   {"limit", 2, 4, limit},   {"unlimit", 1, 1, unlimit}, {"limits", 0, 0, limits},
+    {"peers", 0, 0, peers}, {"watch", 0, 0, watch},   {"expire", 0, 0, expire},
 };
 
 }  // namespace
@@ -190,7 +270,7 @@ int main(int argc, char** argv) {
   }
   std::fputs(
       "usage: held user|peer WHO, refuse TYPE SOURCE WHO, add user|peer WHO SECONDS [NAME [BY]], lift WHO, list, "
-      "peers, watch, expire\n",
+      "limit WHO SINCE [NAME [BY]], unlimit WHO, limits, peers, watch, expire\n",
       stderr);
   return USAGE;
 }

@@ -249,7 +249,11 @@ TEST_F(WebUsers, AreListedByTheirSource) {
   const std::string accounts = read(PASSWD);
   std::string many;
   for (int i = 100; i < 200; ++i) many += "zz" + std::to_string(i) + ":x:5000:5000::/:/bin/sh\n";
-  write(PASSWD, accounts + many + std::string(33, 'l') + ":x:5000:1::/:/bin/sh\nq\"\xff:x:5000:1::/:/bin/sh\nzz-system:x:999:1::/:/bin/sh\nzz-service:x:5000:1::/:/usr/sbin/nologin\n", 0644);
+  write(PASSWD,
+        accounts + many + std::string(33, 'l') +
+            ":x:5000:1::/:/bin/sh\nq\"\xff:x:5000:1::/:/bin/sh\nzz-system:x:999:1::/:/bin/sh\nzz-service:x:5000:1::/:/"
+            "usr/sbin/nologin\n",
+        0644);
   EXPECT_EQ(query("&filter=zz&lower=10&upper=11"), R"({"data":["zz110","zz111"],"error":0,"total":100})");
   EXPECT_EQ(query("&filter=zz&lower=99&upper=500&type=local"), R"({"data":["zz199"],"error":0,"total":100})");
   const std::string page = query("&filter=zz&type=1");

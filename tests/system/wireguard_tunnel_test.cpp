@@ -1,5 +1,6 @@
 // A WireGuard server and a client of it on two appliances, with the real scripts and tool.
 // appliance: --pair --daemon fenro-networkd
+#include <ctime>
 #include <gmock/gmock.h>
 
 #include "ormel/config/pool.h"
@@ -124,6 +125,41 @@ TEST_F(WireGuardTunnel, KeepsADeviceOutForATime) {
   ASSERT_EQ(run({SERVER, "restart"}).status, 0);
   EXPECT_TRUE(comes_true([] { return !run({WG, "show", "wg0", "peers"}).out.empty(); }, 40));
   EXPECT_THAT(run({WG, "show", "wg0", "preshared-keys"}).out, HasSubstr(psk));
+}
+
+TEST_F(WireGuardTunnel, LimitsADeviceFromATimeOn) {
+  add_peer("198.18.7.2");
+  const std::string sid = run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8);
+  const auto peer = [&](const char* route, const std::string& form) {
+    return cgi(std::string("/ormel/peer/") + route, "sid=" + sid + form).body;
+  };
+  const auto installed = [] { return run({WG, "show", "wg0", "peers"}).out; };
+  const std::string now = std::to_string(std::time(nullptr));
+  EXPECT_EQ(peer("limits", ""), R"({"data":[],"error":0})");
+  EXPECT_EQ(peer("limit", "&index=1&since=" + now), R"({"error":0})");
+  EXPECT_EQ(installed(), "");
+  EXPECT_THAT(peer("limits", ""), AllOf(HasSubstr("\"since\":" + now), HasSubstr("\"name\":\"phone 1\"")));
+  EXPECT_EQ(run({"/usr/sbin/ormelctl", "hold", "lift", "phone 1"}).status, 3) << "no hold";
+  ASSERT_EQ(run({SERVER, "restart"}).status, 0);
+  EXPECT_EQ(installed(), "");
+
+  // It follows the device to another key, and ends with it.
+  const std::string other = public_key(new_key());
+  std::string coded = other;
+  for (size_t plus = 0; (plus = coded.find('+', plus)) != std::string::npos;) coded.replace(plus, 1, "%2B");
+  EXPECT_THAT(peer("modify", "&index=1&peer_pub_key=" + coded), HasSubstr("\"error\":0"));
+  EXPECT_EQ(installed(), "") << "a change of a peer that is kept out";
+  EXPECT_THAT(peer("limits", ""), AllOf(HasSubstr(other), Not(HasSubstr(public_key(key)))));
+  EXPECT_EQ(peer("limit", "&index=1&since=0"), R"({"error":0})");
+  EXPECT_THAT(installed(), HasSubstr(other));
+  EXPECT_EQ(peer("limit", "&index=1&since=" + std::to_string(std::time(nullptr) + 4)), R"({"error":0})");
+  EXPECT_THAT(installed(), HasSubstr(other)) << "not yet";
+  EXPECT_TRUE(comes_true([&] { return installed().empty(); }, 40)) << "its time has come";
+  EXPECT_THAT(peer("remove", "&index=1"), HasSubstr("\"error\":0"));
+  EXPECT_EQ(peer("limits", ""), R"({"data":[],"error":0})");
+  for (const char* form : {"&index=1", "&index=1&since=-1", "&index=1&since=x", "&index=1&since=253402300799",
+                           "&index=7&since=1", "&since=1"})
+    EXPECT_THAT(peer("limit", form), Not(HasSubstr("\"error\":0"))) << form;
 }
 
 // Two firewalls of a host that drop what is forwarded: one by iptables, as Docker and ufw have it, and one that takes

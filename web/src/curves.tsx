@@ -30,12 +30,21 @@ export function Curves({ count, points, label, span, shown, words, inBits, hover
   const times = points[0] ?? []
   const frame = frameOf(points, shown, span, width, HEIGHT)
   const bottom = HEIGHT - EDGES.bottom
+  const pointer = useRef<number | null>(null)
   const point = (event: PointerEvent) => {
-    const left = box.current?.getBoundingClientRect().left ?? 0
-    onHover(sampleAt(frame, times, event.clientX - left))
+    pointer.current = event.clientX - (box.current?.getBoundingClientRect().left ?? 0)
+    onHover(sampleAt(frame, times, pointer.current))
   }
+  const leave = () => {
+    pointer.current = null
+    onHover(null)
+  }
+  // The curves move on below a pointer that rests.
+  useEffect(() => {
+    if (pointer.current !== null) onHover(sampleAt(frame, times, pointer.current))
+  }, [points])
   return (
-    <div ref={box} class="graph" onPointerMove={point} onPointerDown={point} onPointerLeave={() => onHover(null)}>
+    <div ref={box} class="graph" onPointerMove={point} onPointerDown={point} onPointerLeave={leave}>
       {width > 0 && times.length > 0 && (
         <svg width={width} height={HEIGHT} viewBox={`0 0 ${width} ${HEIGHT}`} role="img" aria-label={label}>
           {rateMarks(frame, inBits).map((rate) => (

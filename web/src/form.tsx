@@ -10,7 +10,7 @@ export type Choice = readonly [value: string, label: string]
 export interface FieldRow {
   name: string // of the variable that the program takes
   label: TextKey
-  kind?: 'text' | 'number' | 'password' | 'key' | 'secret' | 'switch' // a secret is seen while it is edited
+  kind?: 'text' | 'number' | 'password' | 'key' | 'secret' | 'switch' | 'date' // a secret is seen while it is edited
   rule?: Rule
   limits?: readonly [least: number, most: number] // shown with the label of a number
   choices?: readonly Choice[] | ((values: Values) => readonly Choice[])
@@ -127,7 +127,7 @@ function OneField({ row, form }: { row: FieldRow; form: FormState }) {
         ) : (
           <input
             {...ids}
-            type={hidden ? 'password' : 'text'}
+            type={hidden ? 'password' : row.kind === 'date' ? 'date' : 'text'}
             inputMode={row.kind === 'number' ? 'numeric' : undefined}
             autocomplete={row.autocomplete ?? (row.kind === 'password' ? 'new-password' : 'off')}
             spellcheck={false}

@@ -4,6 +4,7 @@ import { csv } from '../src/csv'
 import { frameOf, pathOf, rateMarks, sampleAt, timeMarks, xOf, yOf } from '../src/graph'
 import { lookOf, matches, queryFor, view, type Look } from '../src/listing'
 import type { Connection, Hold } from '../src/model'
+import { dayAt, dayStart } from '../src/pages/peers'
 import { linkState } from '../src/pages/sdwan'
 import { pointsOf } from '../src/pages/traffic'
 import { obstacle, refusalWords, type Entry, type Known } from '../src/pages/user'
@@ -115,6 +116,9 @@ describe('addresses', () => {
     const profile = 'client\nremote 192.168.77.1 1194\nremote-cert-tls server\n'
     expect(withAddress(profile, 'vpn.example.org')).toBe('client\nremote vpn.example.org 1194\nremote-cert-tls server\n')
     expect(withAddress(profile, 'a b\nscript x')).toBe(profile)
+  })
+  it('of a day begin with its first second', () => {
+    expect([dayStart(''), dayAt(0), dayAt(dayStart('2099-12-31')), dayAt(dayStart('2026-03-29') + 43_200)]).toEqual([0, '', '2099-12-31', '2026-03-29'])
   })
   it('of the cloud are on their way before they count as down', () => {
     expect([linkState(true, false)[1], linkState(false, false)[1], linkState(false, true)[1]]).toEqual(['good', 'busy', 'bad'])

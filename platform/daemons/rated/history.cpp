@@ -112,7 +112,8 @@ std::string History::reply(std::time_t span, std::time_t now) const {
     append_all(row.get(), each.rates.sent);
     json_array_append_new(rows.get(), row.release());
   }
-  Json data{json_pack("{s:I, s:o, s:o}", "step", json_int_t{ring.step}, "types", types.release(), "rows", rows.release())};
+  Json data{
+      json_pack("{s:I, s:o, s:o}", "step", json_int_t{ring.step}, "types", types.release(), "rows", rows.release())};
   return reply_text(0, std::move(data));
 }
 

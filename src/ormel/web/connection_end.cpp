@@ -15,7 +15,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include <fenro/auth.h>
 #include <fenro/mibservice.h>
 
 #include "ormel/base/file.h"
@@ -27,6 +26,7 @@
 #include "ormel/host/bus.h"
 #include "ormel/host/process.h"
 #include "ormel/web/connection.h"
+#include "ormel/web/hold.h"
 #include "ormel/web/routes.h"
 
 namespace ormel::cgi::connection {
@@ -36,7 +36,6 @@ namespace {
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* HOLD_TOOL = "/usr/lib/fenro/fenro-hold";
 constexpr const char* MANAGE_TOOL = "/usr/lib/fenro/fenro-openvpn-manage";
 constexpr const char* WIREGUARD_SCRIPT = "/etc/init.d/vpn_wireguard.sh";
 constexpr const char* DAEMON_SECONDS = "2";  // that OpenVPN's daemon may take for an answer
@@ -45,7 +44,6 @@ constexpr auto GONE_TIME = std::chrono::seconds(10);
 constexpr auto PAUSE = milliseconds(200);
 constexpr long RECENT = 180;  // seconds since a device's handshake for which it counts as connected
 constexpr int MOST_MINUTES = 10080;
-constexpr int TOOL_NOT_FOUND = 3;  // exit status of fenro-hold
 constexpr char TYPE_MARK = '|';
 
 std::vector<std::string> split_tabs(const std::string& line) {
@@ -102,9 +100,7 @@ std::vector<Device> live_devices() {
 }
 
 Json held_now() {
-  std::string text;
-  if (system::do_exec_safe({HOLD_TOOL, "list"}, text) != 0) return nullptr;
-  return Json{json_loads(text.c_str(), 0, nullptr)};
+  return hold::rows("list");
 }
 
 int64_t held_until(const json_t* holds, const char* kind, const std::string& who) {
@@ -257,22 +253,13 @@ std::vector<Target> read_targets(const Request& request) {
   return targets;
 }
 
-// Who has asked: the user of the session, or root on the command line.
-std::string asker(const Request& request) {
-  _session session{};
-  if (!request.filled("sid") || auth_get_session(request.value("sid"), 1, &session) != 0) return "root";
-  return field_text(session.user);
-}
-
 bool hold_users(const std::vector<Target>& targets, int minutes, const std::string& by) {
   constexpr int SECONDS = 60;
   const std::string seconds = std::to_string(int64_t{minutes} * SECONDS);
   return std::all_of(targets.begin(), targets.end(), [&](const Target& target) {
     const std::string& who = target.is_device() ? target.device.key : target.peer.vpn_user;
     const std::string& name = target.is_device() ? target.device.name : who;
-    std::string unused;
-    return system::do_exec_safe({HOLD_TOOL, "add", target.is_device() ? "peer" : "user", who, seconds, name, by},
-                                unused) == 0;
+    return hold::run({"add", target.is_device() ? "peer" : "user", who, seconds, name, by}) == 0;
   });
 }
 
@@ -302,7 +289,7 @@ Outcome end_connections(const Request& request, JsonValue& reply) {
       std::any_of(targets.begin(), targets.end(), [](const Target& target) { return target.is_device(); });
   if (device && minutes == 0) return {ERR_VALUE, "a WireGuard device can only be kept out for a time"};
   // First the hold: a client that is thrown out comes back at once.
-  if (minutes > 0 && !hold_users(targets, minutes, asker(request)))
+  if (minutes > 0 && !hold_users(targets, minutes, hold::asker(request)))
     return {ERR_SAVE_FILE, "the list of those who are kept out cannot be changed"};
   for (const Target& target : targets) {
     if (!target.is_device())
@@ -337,9 +324,8 @@ Outcome list_holds(const Request&, JsonValue& reply) {
 
 Outcome lift_hold(const Request& request, JsonValue&) {
   if (!request.filled("who")) return {ERR_MISS_OPTION};
-  std::string unused;
-  const int rc = system::do_exec_safe({HOLD_TOOL, "lift", request.value("who")}, unused);
-  if (rc == TOOL_NOT_FOUND) return {ERR_CONFIGURE_INDEX, "no one of that name is kept out"};
+  const int rc = hold::run({"lift", request.value("who")});
+  if (rc == hold::NOT_FOUND) return {ERR_CONFIGURE_INDEX, "no one of that name is kept out"};
   if (rc != 0) return {ERR_SAVE_FILE, "the list of those who are kept out cannot be changed"};
   return {};
 }

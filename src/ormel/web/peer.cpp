@@ -5,12 +5,23 @@
 // ("ADDRESS/32"), `peer_endpoint`, `keepalive` and `psk`, and `index` where a peer is named. The server's own settings
 // in such a form are ignored. `list`, `add`, `modify` and `remove` answer with the peers as they are then, in the form
 // of the server's record; `keys` with a new key pair, `pri_key` and `pub_key`, of which nothing is kept here.
+//
+// A limit keeps a peer out from a second on, `since`: of the past for a peer that is disabled. The platform's list of
+// those who are kept out has it by public key, so it follows a peer to another key and goes with the peer.
+#include <algorithm>
+#include <charconv>
+#include <ctime>
+#include <unistd.h>
+
+#include "ormel/base/http.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
 #include "ormel/config/pool.h"
 #include "ormel/drivers/wireguard/peers.h"
 #include "ormel/drivers/wireguard/wireguard.h"
+#include "ormel/host/process.h"
 #include "ormel/options/table.h"
+#include "ormel/web/hold.h"
 #include "ormel/web/routes.h"
 
 namespace ormel::cgi::peer {
@@ -105,6 +116,56 @@ int read_index(const Request& request, int& index) {
   return index >= 1 && index <= wireguard::MAX_PEER_INDEX ? NO_ERROR : ERR_VALUE;
 }
 
+constexpr const char* HOLDS = "/var/lib/ormel/holds.json";
+constexpr const char* SERVER_SCRIPT = "/etc/init.d/vpn_wireguard.sh";
+constexpr int64_t NO_END = 253402300799;  // the last second of the year 9999
+
+// No list, no one who is kept out.
+bool has_holds() {
+  return access(HOLDS, F_OK) == 0;
+}
+
+wireguard::Peer stored_peer(int index) {
+  return wireguard::PeerFile(wireguard::FOLDER).peer(index);
+}
+
+// Since when a key is limited, 0 for one without a limit.
+int64_t limit_of(const std::string& key) {
+  const Json limits = hold::rows("limits");
+  size_t at = 0;
+  const json_t* limit = nullptr;
+  json_array_foreach(limits.get(), at, limit) {
+    const char* const who = json_string_value(json_object_get(limit, "who"));
+    if (who && key == who) return json_integer_value(json_object_get(limit, "since"));
+  }
+  return 0;
+}
+
+int set_limit(const wireguard::Peer& peer, int64_t since, const std::string& by) {
+  std::string name;
+  if (system::decode_urlEncoded(peer.name, name) != NO_ERROR) name = peer.name;
+  return hold::run({"limit", peer.pub_key, std::to_string(since), name, by}) == 0 ? NO_ERROR : ERR_SAVE_FILE;
+}
+
+int lift_limit(const std::string& key) {
+  const int rc = hold::run({"unlimit", key});
+  return rc == 0 || rc == hold::NOT_FOUND ? NO_ERROR : ERR_SAVE_FILE;
+}
+
+// A change of a peer puts it on the running interface, also one that is kept out.
+int keep_limits(const std::string& old_key, int index, const std::string& by) {
+  if (!has_holds()) return NO_ERROR;
+  const wireguard::Peer peer = stored_peer(index);
+  if (peer.pub_key != old_key) {
+    if (const int64_t since = limit_of(old_key); since != 0) {
+      if (const int rc = set_limit(peer, since, by); rc != NO_ERROR) return rc;
+      if (const int rc = lift_limit(old_key); rc != NO_ERROR) return rc;
+    }
+  }
+  std::string unused;
+  return system::do_exec_safe({SERVER_SCRIPT, "sync_peers"}, unused) == 0 ? NO_ERROR : ERR_CMD_FAILED;
+}
+
 int list_peers(const Request&, JsonValue& reply) {
   return show_peers(reply);
 }
@@ -117,15 +178,43 @@ int add_peer(const Request& request, JsonValue& reply) {
 int modify_peer(const Request& request, JsonValue& reply) {
   int index = 0;
   int rc = read_index(request, index);
+  const std::string old_key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = put(request, index);
+  if (rc == NO_ERROR) rc = keep_limits(old_key, index, hold::asker(request));
   return rc == NO_ERROR ? show_peers(reply) : rc;
 }
 
 int remove_peer(const Request& request, JsonValue& reply) {
   int index = 0;
   int rc = read_index(request, index);
+  const std::string key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = take_away(index);
+  if (rc == NO_ERROR && has_holds()) std::ignore = lift_limit(key);  // of no use without the peer, and of no harm
   return rc == NO_ERROR ? show_peers(reply) : rc;
+}
+
+Outcome list_limits(const Request&, JsonValue& reply) {
+  Json limits = hold::rows("limits");
+  if (!limits) return {ERR_CMD_FAILED, "the list of those who are kept out cannot be read"};
+  reply["data"] = limits.release();
+  return {};
+}
+
+// `since` is seconds since 1970: of the past for now, 0 for no limit.
+Outcome limit_peer(const Request& request, JsonValue&) {
+  int index = 0;
+  if (const int rc = read_index(request, index); rc != NO_ERROR) return {rc};
+  if (!request.filled("since")) return {ERR_MISS_OPTION};
+  const std::string_view text = request.value("since");
+  int64_t since = 0;
+  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), since);
+  if (failure != std::errc{} || end != text.data() + text.size() || since < 0 || since >= NO_END)
+    return {ERR_VALUE, "since"};
+  const wireguard::Peer peer = stored_peer(index);
+  if (peer.pub_key.empty()) return {ERR_CONFIGURE_INDEX};
+  const int rc = since == 0 ? lift_limit(peer.pub_key) : set_limit(peer, since, hold::asker(request));
+  if (rc != NO_ERROR) return {rc, "the list of those who are kept out cannot be changed"};
+  return {};
 }
 
 int make_keys(const Request&, JsonValue& reply) {
@@ -137,6 +226,8 @@ constexpr Route ROWS[] = {
     {"/ormel/peer/add", ADMINISTRATOR, CHANGES, json<add_peer>},
     {"/ormel/peer/modify", ADMINISTRATOR, CHANGES, json<modify_peer>},
     {"/ormel/peer/remove", ADMINISTRATOR, CHANGES, json<remove_peer>},
+    {"/ormel/peer/limits", ADMINISTRATOR, READS, json<list_limits>},
+    {"/ormel/peer/limit", ADMINISTRATOR, CHANGES, json<limit_peer>},
     {"/ormel/peer/keys", ADMINISTRATOR, READS, json<make_keys>},
 };
 

@@ -50,6 +50,33 @@ TEST_F(HoldsTest, KeepsOutExactlyWhoIsNamedUntilTheTimeIsOver) {
   EXPECT_EQ(scratch.read("state/holds.json"), "{\"holds\":[]}\n");
 }
 
+TEST_F(HoldsTest, LimitADeviceFromATimeOnBesideAnyHold) {
+  Hold limit;
+  limit.who = limit.name = "key";
+  limit.since = now.wall + 100;
+  ASSERT_TRUE(holds.limit(limit));
+  EXPECT_THAT(names(), IsEmpty());
+  EXPECT_EQ(holds.limits().size(), 1U);
+  ASSERT_TRUE(hold("key", 60, Hold::Kind::Peer));
+  pass(60, 60);
+  EXPECT_FALSE(holds.holds(Hold::Kind::Peer, "key"));
+  ASSERT_TRUE(holds.expire(ended));
+  EXPECT_EQ(holds.limits().size(), 1U) << "the end of a hold leaves it alone";
+  pass(40, 40);
+  EXPECT_TRUE(holds.holds(Hold::Kind::Limit, "key"));
+  pass(std::int64_t{3650} * 86400, 5);
+  EXPECT_THAT(names(), ElementsAre("key")) << "it has no end";
+  limit.since = 1;
+  ASSERT_TRUE(holds.limit(limit));
+  EXPECT_EQ(holds.limits().size(), 1U) << "one for each device";
+  ASSERT_TRUE(holds.lift([](const Hold& one) { return one.kind == Hold::Kind::Limit; }, ended));
+  EXPECT_THAT(holds.limits(), IsEmpty());
+  for (const std::int64_t since : {std::int64_t{-1}, Holds::NO_END}) {
+    limit.since = since;
+    EXPECT_FALSE(holds.limit(limit)) << since;
+  }
+}
+
 TEST_F(HoldsTest, OutlastAClockThatIsSetForwardAndAStartOfTheSystem) {
   ASSERT_TRUE(hold("bob", 60));
   pass(86400, 10);

@@ -39,16 +39,18 @@ TEST(Users, ANameTellsItsSource) {
 
 TEST(Users, AreThePeopleAmongTheAccounts) {
   const Scratch scratch;
-  scratch.write("passwd",
-                "root:x:0:0::/root:/bin/bash\nwww-data:x:33:33::/var/www:/usr/sbin/nologin\nmail-in:x:1500:8::/:/bin/false\n"
-                "zoe:x:1002:1002::/home/zoe:/bin/bash\namy:x:1000:1000::/home/amy:\nlow:x:999:1::/:/bin/sh\n"
-                "nobody:x:65534:65534::/nonexistent:/usr/sbin/nologin\n");
+  scratch.write(
+      "passwd",
+      "root:x:0:0::/root:/bin/bash\nwww-data:x:33:33::/var/www:/usr/sbin/nologin\nmail-in:x:1500:8::/:/bin/false\n"
+      "zoe:x:1002:1002::/home/zoe:/bin/bash\namy:x:1000:1000::/home/amy:\nlow:x:999:1::/:/bin/sh\n"
+      "nobody:x:65534:65534::/nonexistent:/usr/sbin/nologin\n");
   const std::string file = scratch.path("passwd");
   EXPECT_EQ(people_of_file(file.c_str(), 1000), (std::vector<std::string>{"amy", "zoe"}));
   EXPECT_EQ(people_of_file(file.c_str(), 1001), std::vector<std::string>{"zoe"});
   EXPECT_TRUE(people_of_file(scratch.path("none").c_str(), 0).empty());
   EXPECT_EQ(least_person("# UID_MIN 5\nSYS_UID_MIN 100\nUID_MIN\t\t 2000\n"), 2000U);
-  for (const char* text : {"", "UID_MIN\n", "UID_MIN x\n", "UID_MINOR 7\n"}) EXPECT_EQ(least_person(text), 1000U) << text;
+  for (const char* text : {"", "UID_MIN\n", "UID_MIN x\n", "UID_MINOR 7\n"})
+    EXPECT_EQ(least_person(text), 1000U) << text;
 }
 
 TEST(Users, OnlyThePasswdLineTellsOfADirectory) {

@@ -97,7 +97,7 @@ TEST(History, KnowsTheProtocolOfAnInterface) {
   const std::vector<OnlineUser> users{{"ppp0", "192.0.2.1", 1, "10.0.0.1", "10.0.0.2", 1, 0, "ann", ""},
                                       {"ppp1", "192.0.2.1", 2, "10.0.0.1", "10.0.0.3", 2, 0, "bob", ""}};
   const std::pair<const char*, std::size_t> CASES[] = {
-      {"ppp0", 0},  {"ppp1", 1},    {"ppp1001", 0}, {"ppp1251", 1}, {"tun2001", 2},
+      {"ppp0", 0},   {"ppp1", 1},      {"ppp1001", 0}, {"ppp1251", 1}, {"tun2001", 2},
       {"dtuns0", 3}, {"dtunc2501", 3}, {"wg0", 4},     {"wgc3001", 4},
   };
   for (const auto& [name, kind] : CASES) EXPECT_EQ(kind_of(name, users), kind) << name;

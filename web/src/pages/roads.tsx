@@ -2,12 +2,14 @@
 import { useState } from 'preact/hooks'
 import { PublicAddress } from '../address'
 import { SLOW, call, data, download } from '../api'
+import { sent, type Values } from '../form'
 import { OPENVPN, WIREGUARD, labelOf, type Peer, type Profile, type ServerProfile } from '../model'
 import { t } from '../texts'
 import { Button, Card, Dialog, Failure, Field, Notice, Spinner, useJob } from '../ui'
 import { DeviceDialog, addDevice, newSecret, nextAddress, type Device } from './peers'
 import { saveRights, type Masks } from './rights'
 import { saveProfile } from './servers'
+import { serverRows, serverValues } from './servers.rows'
 
 const MOST = 200 // users to choose from here; more are under Rights
 
@@ -18,12 +20,14 @@ async function switchOn(type: number): Promise<ServerProfile> {
     return found as ServerProfile
   }
   const server = await stored()
-  const more: Record<string, string> = {}
-  if (type === WIREGUARD && !server['server_pri_key']) {
-    more['server_pri_key'] = (await data<{ pri_key: string }>('peer/keys')).pri_key
-    if (!server['server_name']) more['server_name'] = 'office'
+  const values: Values = { ...serverValues(server), enable: true }
+  if (type === WIREGUARD) {
+    values['server_pri_key'] ||= (await data<{ pri_key: string }>('peer/keys')).pri_key
+    values['server_name'] ||= 'office'
   }
-  await call('config/modify', { type, enable: 'true', ...more }, SLOW)
+  const fields = sent(serverRows(type, []), values)
+  if (fields['server_name']) fields['server_name'] = encodeURIComponent(fields['server_name'])
+  await call('config/modify', { type, ...fields }, SLOW)
   return stored()
 }
 
