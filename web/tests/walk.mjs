@@ -2,6 +2,7 @@
 // client of it on another one ("far"). Each step builds on those before it; script/web-test starts it.
 import assert from 'node:assert/strict'
 import { execFileSync } from 'node:child_process'
+import { randomBytes } from 'node:crypto'
 import { readFileSync, writeFileSync } from 'node:fs'
 import { after, before, test } from 'node:test'
 import axe from 'axe-core'
@@ -738,6 +739,26 @@ test('large answers are compressed, those with a fresh secret are not', async (i
   it.diagnostic(`settings of servers and tunnels: ${size(packed)} of ${size(plain)} bytes`)
   assert.ok(size(packed) < size(plain) / 2)
   for (const route of ['peer/keys', 'peer/list']) assert.doesNotMatch(ask(route, '-H', 'Accept-Encoding: gzip'), /content-encoding/i)
+})
+
+test('a look at the overview with 200 devices takes less than 25 KiB on the wire', (it) => {
+  const file = '/etc/config/ormel/wireguard/server_peers.conf'
+  const before = readFileSync(file)
+  const key = () => randomBytes(32).toString('base64')
+  const peers = Array.from({ length: 200 }, (_, at) =>
+    `[PEER${at + 1}]\nname = device%20${at + 1}\npub_key = ${key()}\nallow_ip = 198.18.7.${at + 2}\nallow_ip_mask = 32\nendpoint = \nkeepalive = 25\npsk = ${key()}\n`)
+  writeFileSync(file, `[global]\npeers_num = 200\nmax_index = 200\n${peers.join('')}`)
+  const sid = run('/usr/lib/fenro/fenro-session', 'create', 'admin').slice(0, 8)
+  const ask = (route, form = '') => {
+    const words = ['-sSk', '-o', `${DESK}/answer`, '-w', '%{size_download}', '-H', 'Accept: application/json', '-H', 'Accept-Encoding: gzip']
+    return Number(run('curl', ...words, `${NEAR}/ormel/${route}`, '-d', `sid=${sid}${form}`))
+  }
+  const looks = [['config/show', '&type=131071'], ['status/list'], ['gateway/get_vpn_gw'], ['connection/list'], ['misc/interface_rate'], ['log/event', '&upper=5']]
+  const sizes = looks.map((look) => ask(...look))
+  writeFileSync(file, before)
+  it.diagnostic(`bytes of ${looks.map(([route], at) => `${route} ${sizes[at]}`).join(', ')}`)
+  assert.ok(sizes[0] > 13_000, 'all devices are there')
+  assert.ok(sizes.reduce((sum, size) => sum + size, 0) < 25 * 1024)
 })
 
 test('a general user sees the tunnels and changes nothing', async () => {
