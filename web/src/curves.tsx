@@ -29,6 +29,8 @@ export function Curves({ count, points, label, span, shown, words, inBits, hover
   }, [])
   const times = points[0] ?? []
   const frame = frameOf(points, shown, span, width, HEIGHT)
+  // One that has carried nothing would only lie on the middle line, over the others.
+  const carries = (at: number) => [points[at + 1], points[at + 1 + count]].some((column) => column?.some((rate) => rate > 0))
   const bottom = HEIGHT - EDGES.bottom
   const pointer = useRef<number | null>(null)
   const point = (event: PointerEvent) => {
@@ -60,7 +62,7 @@ export function Curves({ count, points, label, span, shown, words, inBits, hover
               {clock(new Date(time * 1000), span < LONG)}
             </text>
           ))}
-          {Array.from({ length: count }, (_, at) => at).filter((at) => shown[at]).map((at) => (
+          {Array.from({ length: count }, (_, at) => at).filter((at) => shown[at] && carries(at)).map((at) => (
             <path
               key={at}
               class={`line curve-${at + 1}`}

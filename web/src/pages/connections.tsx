@@ -150,8 +150,19 @@ const columnsFor = ({ picked, pick, kick }: Picking): readonly ShownColumn<Row>[
   { name: 'source', label: t('logs.from'), sort: (row) => row.source, cell: (row) => row.source },
   { name: 'inside', label: t('logs.inside'), sort: (row) => row.inside, cell: (row) => row.inside },
   { name: 'uptime', label: t('connections.since'), sort: (row) => row.uptime, cell: (row) => <span title={row.began}>{row.uptimeWords}</span> },
-  { name: 'down', label: t('logs.in'), figure: true, sort: (row) => row.down, cell: (row) => (row.type === WIREGUARD ? '–' : rate(row.down)) },
-  { name: 'up', label: t('logs.out'), figure: true, sort: (row) => row.up, cell: (row) => (row.type === WIREGUARD ? '–' : <><Spark rates={trails.of(row.id)} size={TRAIL} /> {rate(row.up)}</>) },
+  {
+    name: 'rate', label: t('client.now'), figure: true, sort: (row) => row.down + row.up,
+    cell: (row) =>
+      row.type === WIREGUARD ? (
+        '–'
+      ) : (
+        <>
+          <Spark rates={trails.of(row.id)} size={TRAIL} />
+          <span class="block">↓ {rate(row.down)}</span>
+          <span class="block">↑ {rate(row.up)}</span>
+        </>
+      ),
+  },
   {
     name: 'total', label: t('connections.total'), figure: true,
     cell: (row) => (
