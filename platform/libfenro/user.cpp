@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <ctime>
 #include <grp.h>
 #include <pwd.h>
@@ -155,15 +154,10 @@ std::vector<std::string> people_of_file(const char* passwd, uid_t least) {
 }
 
 uid_t least_person(std::string_view login_defs) {
-  constexpr std::string_view BLANKS = " \t\r";
   while (!login_defs.empty()) {
-    std::string_view line = ini::take_line(login_defs);
-    line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
-    if (!line.starts_with(LEAST_KEY) || line.find_first_of(BLANKS) != LEAST_KEY.size()) continue;
-    line.remove_prefix(LEAST_KEY.size());
-    line.remove_prefix(std::min(line.find_first_not_of(BLANKS), line.size()));
+    std::string_view line = take_line(login_defs);
     uid_t least = 0;
-    if (std::from_chars(line.data(), line.data() + line.size(), least).ec == std::errc{}) return least;
+    if (take_word(line) == LEAST_KEY && parse_number(take_word(line, SPACE), least)) return least;
   }
   return LEAST_PERSON;
 }

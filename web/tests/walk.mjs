@@ -656,7 +656,7 @@ test('one thing is found among many, on a telephone as well', async () => {
   await accessible(page, 'many tunnels')
   await go(page, 'servers/wg', 'VPN servers')
   await button(page, 'Never seen').getByText('197').waitFor()
-  await page.getByRole('searchbox').fill('device 117')
+  await page.getByRole('searchbox').fill('198.18.0.118')
   await page.getByRole('row', { name: /device 117/ }).waitFor()
   await page.getByText('1 entry').waitFor()
   await go(page, 'rights', 'Rights')

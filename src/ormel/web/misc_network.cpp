@@ -98,9 +98,13 @@ Outcome tell_history(const Request& request, JsonValue& reply) {
   const int span = request.number("span", HOUR);
   if (span < 1 || span > DAY) return {ERR_VALUE, "span"};
   const Json question{json_pack("{s:i}", "span", span)};
-  const system::BusReply answer = system::bus_call(__func__, RATE_SERVICE, HISTORY, question.get());
-  if (answer.rc != NO_ERROR) return {answer.rc};
-  reply["data"] = json_incref(json_object_get(answer.document.get(), "data"));
+  const PlainReply answer = system::plain_call(RATE_SERVICE, HISTORY, question.get());
+  if (answer.status != MIB_SUCCESS) {
+    ORMEL_LOG(ERROR, ": mib_call failed method: %s ret: %d", HISTORY, answer.status);
+    return fail_at(HISTORY, reply);
+  }
+  if (!json_is_object(answer.data())) return {ERR_WRONG_JSON_FORMAT};
+  reply["data"] = json_incref(answer.data());
   return {};
 }
 
