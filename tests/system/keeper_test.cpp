@@ -283,7 +283,7 @@ TEST_F(Keeper, TellsOfALockedUserOnce) {
 }
 
 TEST_F(Keeper, WritesMailAndSaysWhyItCannot) {
-  constexpr const char* SENDMAIL = "/usr/sbin/sendmail";
+  static constexpr const char* SENDMAIL = "/usr/sbin/sendmail";
   ASSERT_EQ(ctl({"notify", "add", "ops", "--url", "mail:root", "--events", "failed"}).status, 0);
   const auto send = [](const std::string& program) {
     fs::remove(SENDMAIL);
