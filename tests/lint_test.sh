@@ -37,5 +37,10 @@ for forgotten in base/forgotten.cpp platform/init.d/forgotten.sh doc/man/forgott
   refuses lists "$forgotten"
   rm "$copy/$forgotten"
 done
+# A name of another form, as clang-tidy sees it with the rules of the tree.
+named() { clang-tidy-14 --quiet --checks='-*,readability-identifier-naming' "$1" -- -std=c++20 -I"$copy" >"$copy/found" 2>/dev/null; }
+named "$copy/base/random_name.cpp" || complain "a name is refused before one was planted: $(cat "$copy/found")"
+printf 'int FormOfAnother() { return 0; }\n' >>"$copy/base/random_name.cpp"
+named "$copy/base/random_name.cpp" && complain 'clang-tidy finds no name of another form'
 "$copy/script/lint" no-such-check >"$copy/found" 2>&1 && complain 'a check that does not exist is fine'
 exit "$bad"

@@ -78,10 +78,10 @@ std::string SessionStore::path_of(const char* sid) const {
 }
 
 std::string SessionStore::create(const std::string& user, const std::string& ip, const std::string& host_ip) const {
-  constexpr _session limits{};
+  constexpr _session LIMITS{};
   const auto account = find_user(user.c_str());
-  if (!account || !fits(user, sizeof limits.user) || !fits(ip, sizeof limits.ip)) return {};
-  if (!fits(host_ip, sizeof limits.host_ip) || !make_private_folder(folder_)) return {};
+  if (!account || !fits(user, sizeof LIMITS.user) || !fits(ip, sizeof LIMITS.ip)) return {};
+  if (!fits(host_ip, sizeof LIMITS.host_ip) || !make_private_folder(folder_)) return {};
   std::ignore = list();  // removes what has run out
 
   const std::string content = line(USER_KEY, user) + line(UID_KEY, std::to_string(account->uid)) + line(IP_KEY, ip) +

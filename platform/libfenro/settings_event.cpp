@@ -18,7 +18,7 @@ void store_event(bool error, const std::string& text) {
   std::ignore = EventStore{}.add(event);  // on a full disk the line in the host's log and the mark are left
 }
 
-[[maybe_unused]] const bool registered = [] {
+[[maybe_unused]] const bool REGISTERED = [] {
   report_settings_event = store_event;
   return true;
 }();

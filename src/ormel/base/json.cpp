@@ -90,13 +90,13 @@ struct StringStyle {
 JsonValue::~JsonValue() = default;
 
 void JsonValue::destroy() {
-  value.emplace<std::monostate>();
+  value_.emplace<std::monostate>();
 }
 
 template <typename T>
 T& JsonValue::hold() {
-  if (T* held = std::get_if<T>(&value)) return *held;
-  return value.emplace<T>();
+  if (T* held = std::get_if<T>(&value_)) return *held;
+  return value_.emplace<T>();
 }
 
 JsonValue& JsonValue::operator=(bool from) {
@@ -166,20 +166,20 @@ void JsonValue::append(std::unique_ptr<JsonValue> item) {
 }
 
 void JsonValue::erase() {
-  if (auto* items = std::get_if<Array>(&value)) {
+  if (auto* items = std::get_if<Array>(&value_)) {
     items->clear();
-  } else if (auto* object = std::get_if<Object>(&value)) {
+  } else if (auto* object = std::get_if<Object>(&value_)) {
     *object = {};
   }
 }
 
 void JsonValue::erase(size_t index) {
-  if (auto* items = std::get_if<Array>(&value))
+  if (auto* items = std::get_if<Array>(&value_))
     items->erase(items->begin() + static_cast<Array::difference_type>(index));
 }
 
 void JsonValue::erase(const std::string& key) {
-  if (auto* object = std::get_if<Object>(&value)) object->members.erase(key);
+  if (auto* object = std::get_if<Object>(&value_)) object->members.erase(key);
 }
 
 template <typename Style>
@@ -217,7 +217,7 @@ void JsonValue::write(std::string& out) const {
           append_number(out, held);
         }
       },
-      value);
+      value_);
 }
 
 void JsonValue::print(std::FILE* stream) const {

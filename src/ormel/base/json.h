@@ -84,7 +84,7 @@ class JsonValue {
   // own quotes unescaped.
   void toString(std::string& out) const;
 
-  [[nodiscard]] bool is_null() const { return std::holds_alternative<std::monostate>(value); }
+  [[nodiscard]] bool is_null() const { return std::holds_alternative<std::monostate>(value_); }
 
  private:
   struct Object {
@@ -99,7 +99,7 @@ class JsonValue {
   void write(std::string& out) const;
 
   std::variant<std::monostate, bool, int32_t, uint32_t, int64_t, uint64_t, double, std::string, Json, Array, Object>
-      value;  // null, unless it holds something else
+      value_;  // null, unless it holds something else
 };
 
 // `text` as the inside of a JSON string: quotes, backslashes and control bytes escaped, all else unchanged.
