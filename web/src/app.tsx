@@ -9,6 +9,7 @@ import { ConnectionsPage } from './pages/connections'
 import { GatewayPage } from './pages/gateway'
 import { LoginAgain, LoginPage } from './pages/login'
 import { LogsPage } from './pages/logs'
+import { Bell, NotifyPage } from './pages/notify'
 import { OverviewPage } from './pages/overview'
 import { RightsPage } from './pages/rights'
 import { SdwanPage } from './pages/sdwan'
@@ -36,6 +37,7 @@ const PAGES: readonly Page[] = [
   { name: 'gateway', label: 'nav.gateway', icon: 'gateway', everybody: true, show: GatewayPage },
   { name: 'sdwan', label: 'nav.sdwan', icon: 'cloud', show: SdwanPage },
   { name: 'logs', label: 'nav.logs', icon: 'logs', show: LogsPage },
+  { name: 'notify', label: 'nav.notify', icon: 'bell', show: NotifyPage },
 ]
 
 function Shell() {
@@ -78,6 +80,7 @@ function Shell() {
           <img src="/assets/icon.svg" alt="" width="26" height="26" /> ormel <span class="host">{location.host}</span>
         </span>
         <span class="who">
+          {admin && <Bell />}
           <Account />
         </span>
       </header>

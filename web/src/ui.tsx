@@ -23,6 +23,7 @@ const ICONS = {
   upload: 'M12 16V5M7 9l5-5 5 5M4 20h16',
   warning: 'M12 4l9 16H3zM12 10v4M12 17h.01',
   check: 'M5 12l5 5 9-10',
+  bell: 'M6 17v-6a6 6 0 0 1 12 0v6l2 2H4zM10 21h4',
   user: 'M12 12a4 4 0 1 0 0-8 4 4 0 0 0 0 8M4 21v-1a8 8 0 0 1 16 0v1',
 } as const
 export type IconName = keyof typeof ICONS

@@ -9,6 +9,7 @@ import { leastMinutes, minutesFit, rowOf } from '../src/pages/connections'
 import { culprit, type Step } from '../src/pages/doctor'
 import { gatewayForm } from '../src/pages/gateway'
 import { bandOf, guardForm, stoppedBy, type Guard } from '../src/pages/guard'
+import { eventsOf, unseen, type Report as Event } from '../src/pages/notify'
 import { thrownOut } from '../src/pages/rights'
 import { loginResult } from '../src/pages/sdwan'
 import { conflicts } from '../src/pages/servers.rows'
@@ -187,6 +188,14 @@ describe('requests', () => {
     expect([leastMinutes([{ type: 4 }]), leastMinutes([{ type: 4 }, device])]).toEqual([0, 1])
     expect(['0', '10080', '10081', '', '1.5'].map((text) => minutesFit(text, 0))).toEqual([true, true, false, false, false])
     expect(minutesFit('0', 1)).toBe(false)
+  })
+  it('count warnings that nobody has looked at', () => {
+    const reports = [{ at: 9, level: 'error' }, { at: 8, level: 'information' }, { at: 7, level: 'warning' }, { at: 5, level: 'warning' }] as Event[]
+    expect([unseen(reports, 5), unseen(reports, 9), unseen(reports, 0)]).toEqual([2, 0, 3])
+  })
+  it('notify of later kinds as well where all are chosen', () => {
+    expect(eventsOf(new Set(['lost', 'back']), ['lost', 'back'])).toBeUndefined()
+    expect(eventsOf(new Set(['back', 'gone']), ['lost', 'back'])).toBe('back')
   })
   it('name the step that fails', () => {
     const steps = (results: string) => [...results].map((one, at) => ({ step: String(at), result: { o: 'ok', f: 'fail', s: 'skip' }[one], text: '', cure: '' }) as Step)

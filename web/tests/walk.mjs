@@ -435,6 +435,35 @@ test('somebody is thrown out', async () => {
   await near.getByRole('heading', { name: 'Kept out for a time' }).waitFor({ state: 'detached' })
 })
 
+test('somebody is notified, and the bell counts what is new', async () => {
+  await go(far, 'notify', 'Notifications')
+  await card(far, 'What is kept running').getByText('office').waitFor(SPEAKING)
+  await button(far, 'Add a receiver').click()
+  const dialog = far.getByRole('dialog', { name: 'Add a receiver' })
+  await focused(dialog.getByLabel('Name'), 'the first field')
+  await dialog.getByLabel('Name').fill('ops')
+  await dialog.getByLabel('Address', { exact: true }).fill('http://hooks.example/x')
+  await button(dialog, 'Save').click()
+  await dialog.getByRole('alert').first().waitFor() // in clear over the network: refused
+  await dialog.getByLabel('Address', { exact: true }).fill('https://192.168.77.99/x')
+  await accessible(far, 'receiver')
+  await button(dialog, 'Save').click()
+  const secret = far.getByRole('dialog', { name: 'Secret of the signature' })
+  assert.match(await secret.locator('.mono').innerText(), /^\S{32,}$/)
+  await accessible(far, 'secret of the signature')
+  await button(secret, 'Close').click()
+  await button(far, 'Send a test to ops').click()
+  await card(far, 'Who is notified').getByRole('alert').waitFor(SPEAKING) // nobody is at that address
+  await accessible(far, 'notify')
+  await far.evaluate(() => localStorage.removeItem('ormel.seen'))
+  await go(far, 'overview', 'Overview')
+  await far.getByRole('link', { name: /^Notifications: \d+ new warning/ }).waitFor(SPEAKING)
+  await go(far, 'notify', 'Notifications')
+  await button(far, 'Remove ops').click()
+  await button(far.getByRole('dialog'), 'Remove').click()
+  await card(far, 'Who is notified').getByText('Nobody is notified.', { exact: false }).waitFor()
+})
+
 test('an appliance without the SD-WAN says so', async () => {
   await go(far, 'sdwan', 'SD-WAN')
   await far.getByText('The SD-WAN service is not installed on this appliance.').waitFor()
@@ -546,7 +575,7 @@ test('answers that are none are told in words, and the page goes on', async () =
   }
 })
 
-test('a hidden tab asks nothing, and no look takes more than two requests', async () => {
+test('a hidden tab asks nothing, and no look takes more than two requests and one of the bell', async () => {
   const asked = []
   near.on('request', (request) => request.method() === 'POST' && asked.push(Date.now()))
   const see = (hidden) =>
@@ -561,7 +590,7 @@ test('a hidden tab asks nothing, and no look takes more than two requests', asyn
   assert.equal(asked.length, 0)
   await see(false)
   await near.waitForTimeout(1000)
-  assert.equal(asked.length, 2)
+  assert.equal(asked.length, 3)
 })
 
 test('it all works in the dark, on a telephone, by keyboard and in German', async () => {
@@ -579,7 +608,7 @@ test('it all works in the dark, on a telephone, by keyboard and in German', asyn
   const servers = ['ovpn', 'wg', 'l2tp', 'pptp', 'drovik'].map((one) => [`servers/${one}`, 'VPN-Server'])
   const others = [
     ['rights', 'Rechte'], ['logs', 'Protokolle'], ['connections', 'Verbindungen'], ['clients', 'VPN-Clients'],
-    ['gateway', 'Standard-Gateway'], ['sdwan', 'SD-WAN'],
+    ['gateway', 'Standard-Gateway'], ['sdwan', 'SD-WAN'], ['notify', 'Benachrichtigungen'],
   ]
   for (const [path, heading] of [...servers, ...others]) {
     await go(small, path, heading)
