@@ -59,6 +59,7 @@ stop() {
   end_processes xl2tpd "$conf" && end_processes pppd-l2tp "$peer_file" || die "[$section] the tunnel does not end"
   ipsec_remove "$name" || say "[$section] the IKE daemon does not obey"
   rm -f "$conf"
+  ppp_await_hook "$section"
   client_down "$section"
 }
 

@@ -40,6 +40,7 @@ read_settings() {
 # The falling edge belongs to pppd's own hook; it is repeated here for a pppd that was killed.
 stop() {
   end_processes "${DAEMON##*/}" "$peer_file" || die "[$section] the tunnel does not end"
+  ppp_await_hook "$section"
   client_down "$section"
 }
 

@@ -360,6 +360,33 @@ TEST_F(PppClientScript, FollowsATunnelFromUpToDown) {
 }
 
 // Sessions with a stand-in for their pppd, and the real hooks that list them.
+// Only the hook knows the bytes of a tunnel that ends, and its pppd may be gone before it.
+TEST_F(PppClientScript, LeavesTheEndOfATunnelToAHookThatRuns) {
+  const std::string hook = "/usr/lib/fenro/ppp-client-down", log = "/usr/lib/fenro/fenro-connection";
+  const std::string own_hook = read(hook), own_log = read(log);
+  fs::remove(log);
+  write(log, "#!/bin/sh\necho \"$1 $CONNECTION_RECEIVED\" >>/tmp/rows\n", 0755);
+  fs::remove(hook);
+  write(hook, "#!/bin/sh\nsleep 2\n" + own_hook, 0755);
+  for (const Protocol& protocol : PROTOCOLS) {
+    SCOPED_TRACE(protocol.section);
+    const std::string section = std::string(protocol.section) + "_CLIENT3";
+    write(VPN_CONF, '[' + section + "]\nIndex = 3\n");
+    fs::create_directories("/run/fenro/tunnels");
+    write("/run/fenro/tunnels/" + section, "10.9.0.2 10.9.0.1 1 192.0.2.7\n");
+    fs::remove("/tmp/rows");
+    run({"/bin/sh", "-c",
+         "BYTES_RCVD=77 " + hook + " ppp1003 tty 0 10.9.0.2 10.9.0.1 " + section + " >/dev/null 2>&1 &"});
+    ASSERT_TRUE(comes_true([&] { return run({"/usr/bin/pgrep", "-fx", "/bin/sh " + hook + " .*"}).status == 0; }));
+    EXPECT_EQ(run({protocol.client, "stop", "3"}).status, 0);
+    EXPECT_EQ(read("/tmp/rows"), "client-down 77\n");
+  }
+  for (const auto& [path, text] : {std::pair{hook, own_hook}, {log, own_log}}) {
+    fs::remove(path);
+    write(path, text, 0755);
+  }
+}
+
 TEST_F(PppServerScript, ThrowsOutTheSessionsNamedAndNoOther) {
   fs::create_directories("/tmp/sessions");
   fs::copy_file("/bin/bash", "/tmp/sessions/pppd", fs::copy_options::overwrite_existing);

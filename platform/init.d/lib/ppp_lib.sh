@@ -11,6 +11,8 @@ PPP_WORD_MAX=255   # pppd cuts names and passwords behind it
 TCP_IP_HEADERS=40  # an MTU is so much larger than the segment it carries
 LINK_MTU=1400      # of a client; leaves room for the tunnel's own headers on an Ethernet path
 REDIAL_SECONDS=10
+HOOK_SECONDS=30    # that a hook may take: pppd itself would end it after 5
+CLIENT_DOWN=/usr/lib/fenro/ppp-client-down
 
 # Standard input as one word of an option file. Everything but plain characters becomes an octal escape, so no name or
 # password can end the word, begin a comment or bring in another option. Fails for what pppd cannot hold.
@@ -119,9 +121,27 @@ novjccomp
 nologfd
 lcp-echo-interval 20
 lcp-echo-failure 3
+child-timeout $HOOK_SECONDS
 ip-up-script /usr/lib/fenro/ppp-$1-up
 ip-down-script /usr/lib/fenro/ppp-$1-down
 OPTIONS
+}
+
+# ppp_await_hook SECTION: waits for the hook of a client's end, which alone knows the bytes for the connection log.
+ppp_await_hook() {
+  local rounds=$((HOOK_SECONDS * 5))
+  while [ "$rounds" -gt 0 ] && ppp_hook_runs "$1"; do
+    sleep 0.2
+    rounds=$((rounds - 1))
+  done
+}
+
+ppp_hook_runs() {
+  local pid
+  for pid in $(pids_of sh "$CLIENT_DOWN"); do
+    if grep -qszxF -e "$1" "/proc/$pid/cmdline"; then return 0; fi
+  done
+  return 1
 }
 
 # ppp_forget_sessions TYPE: of a server that has ended.
