@@ -16,7 +16,7 @@ SANITIZER_ENV=(
   ASAN_OPTIONS=log_path=/run/appliance/sanitizer
   UBSAN_OPTIONS=print_stacktrace=1:log_path=/run/appliance/sanitizer
 )
-PATIENCE=500      # rounds of 10 ms for something to come up
+PATIENCE=3000     # rounds of 10 ms for something to come up: an emulated machine is slow
 LAST_PATIENCE=200 # and for everything to end
 
 be_init() {
