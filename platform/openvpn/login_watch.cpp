@@ -45,8 +45,8 @@ constexpr auto REDIAL_PAUSE = std::chrono::seconds(10);
 constexpr auto PAUSE = std::chrono::milliseconds(100);
 constexpr auto CONNECT_PAUSE = std::chrono::milliseconds(5);  // a daemon that got its login may end soon
 constexpr int CONNECT_ROUNDS = 2000;                          // of a pause each; a daemon makes its socket first of all
-
-constexpr int RECONNECT_ROUNDS = 40;
+// After the answer the daemon listens again as soon as it gets to it, on a busy machine amid its handshake.
+constexpr int RECONNECT_ROUNDS = 600;
 
 // What a time with the daemon ended with.
 enum class Ended { Gone, Asked, Refused, NeverThere };

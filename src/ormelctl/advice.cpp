@@ -70,7 +70,7 @@ std::string lower(std::string text) {
 }  // namespace
 
 std::string advice_for(const Result& result, const Command& command, const Arguments& arguments) {
-  const std::string example = std::string("example: ormelctl ") + command.example;
+  std::string example = std::string("example: ormelctl ") + command.example;
   if (result.exit == Exit::Usage) return example;
   if (result.exit == Exit::NotRoot) return std::string("sudo ormelctl ") + command.example;
   if (result.exit == Exit::NotFound)
