@@ -375,8 +375,9 @@ TEST_F(PppClientScript, LeavesTheEndOfATunnelToAHookThatRuns) {
     fs::create_directories("/run/fenro/tunnels");
     write("/run/fenro/tunnels/" + section, "10.9.0.2 10.9.0.1 1 192.0.2.7\n");
     fs::remove("/tmp/rows");
-    run({"/bin/sh", "-c",
-         "BYTES_RCVD=77 " + hook + " ppp1003 tty 0 10.9.0.2 10.9.0.1 " + section + " >/dev/null 2>&1 &"});
+    std::string end = "BYTES_RCVD=77 ";
+    end.append(hook).append(" ppp1003 tty 0 10.9.0.2 10.9.0.1 ").append(section).append(" >/dev/null 2>&1 &");
+    run({"/bin/sh", "-c", end});
     ASSERT_TRUE(comes_true([&] { return run({"/usr/bin/pgrep", "-fx", "/bin/sh " + hook + " .*"}).status == 0; }));
     EXPECT_EQ(run({protocol.client, "stop", "3"}).status, 0);
     EXPECT_EQ(read("/tmp/rows"), "client-down 77\n");

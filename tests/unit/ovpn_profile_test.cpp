@@ -122,8 +122,9 @@ TEST(ConfigFileParse, TakesTimeInProportionToTheText) {
       {"routes", [](int n) { return many(6000 * n, "route ", "\n"); }},
       {"blocks", [](int n) { return many(5000 * n, "<b", ">x</b>\n"); }},
       {"connections that would each go over all that follow", [](int n) { return many(5000 * n, "<c>x", "</c>\n"); }},
-      {"a long line", [](int n) { return "client " + std::string(600000U * static_cast<unsigned>(n), 'x'); }},
-      {"a long block", [](int n) { return "<ca>" + std::string(600000U * static_cast<unsigned>(n), 'x') + "</ca>"; }},
+      {"a long line", [](int n) { return "client " + std::string(size_t{600000} * static_cast<size_t>(n), 'x'); }},
+      {"a long block",
+       [](int n) { return "<ca>" + std::string(size_t{600000} * static_cast<size_t>(n), 'x') + "</ca>"; }},
   };
   for (const auto& [what, text] : shapes) {
     const std::clock_t once = parse_time(text(1));
