@@ -12,7 +12,7 @@ namespace support {
 inline int patience() {
   static const int factor = [] {
     const char* set = std::getenv("TEST_PATIENCE");
-    return set ? std::max(1, std::atoi(set)) : 1;
+    return set ? static_cast<int>(std::clamp(std::strtol(set, nullptr, 10), 1L, 100L)) : 1;
   }();
   return factor;
 }
