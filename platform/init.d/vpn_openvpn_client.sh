@@ -65,7 +65,7 @@ await() {
   [ -n "$(pids_of "${DAEMON##*/}" "$profile")" ]
 }
 
-# Why the daemon refuses the profile; it says so to the host's log alone, where nobody can tell whose line it is.
+# Why the daemon refuses the profile; it says so only in the host's log, which does not show whose line it is.
 judged() {
   /usr/sbin/verify_ovpn.sh "$profile" 2>&1 </dev/null 9>&- | sed -n 's/^verify_ovpn.sh: refused: //p' | head -n 1
 }

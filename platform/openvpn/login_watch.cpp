@@ -124,7 +124,7 @@ Ended attend(const std::string& path, const char* slot, Attempts& attempts, cons
     }
     if (ended != Ended::Asked) return ended;
     const auto now = std::chrono::steady_clock::now();
-    if (before == Ended::Asked && now - asked < PAUSE) std::this_thread::sleep_for(PAUSE);  // nobody can answer
+    if (before == Ended::Asked && now - asked < PAUSE) std::this_thread::sleep_for(PAUSE);  // no answer is possible
     asked = now;
     run(ANSWERER, slot);
     before = ended;

@@ -26,7 +26,7 @@ dns_host_servers() {
   sed -n 's/^nameserver[[:space:]]*//p' "$file" "$RESOLVED" 2>/dev/null | sort -u | grep -v '^127\.'
 }
 
-# Who takes care of the file: resolved, resolvconf or nobody.
+# What manages the file: resolved, resolvconf or nothing.
 dns_manager() {
   local target
   target=$(readlink -f "$RESOLVER")
@@ -66,7 +66,7 @@ dns_report() {
   say "$1"
 }
 
-# dns_take INTERFACE SERVER, for a file that nobody takes care of
+# dns_take INTERFACE SERVER, for a file that nothing manages
 dns_take_file() {
   [ -e "$DNS_HOST" ] || cp "$RESOLVER" "$DNS_HOST" || return 1
   write_file "$DNS_OURS" dns_content "$1" "$2" && dns_write "$DNS_OURS"

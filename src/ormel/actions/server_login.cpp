@@ -30,7 +30,7 @@ struct Login {
   std::string password;
   std::string from;  // address of the client
   // Where the daemon takes words for the client from; empty where it takes none. Only an account that exists gets any,
-  // and nobody learns which of user and password is wrong.
+  // and the answer does not tell which of user and password is wrong.
   std::string reason_file;
 };
 

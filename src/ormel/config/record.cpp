@@ -73,8 +73,7 @@ int BaseConfig::modify_peers_ip() {
 void BaseConfig::route_nat(bool add) {
   if (is_server(type)) return;
   const char* change = add ? "add_vpnclient_profile" : "remove_vpnclient_profile";
-  std::ignore =
-      system::background({system::COMMON_SCRIPT, change, interface_name(type, index)});  // nobody waits for it
+  std::ignore = system::background({system::COMMON_SCRIPT, change, interface_name(type, index)});  // not waited for
 }
 
 void BaseConfig::reset() {

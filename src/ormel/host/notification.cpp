@@ -18,7 +18,7 @@ constexpr const char* NOTIFY = "/usr/local/sbin/notify";
 constexpr const char* SENDER = "ORMEL Service";
 constexpr size_t MAX_ARGUMENTS = 12;
 
-// The first child's side: it leaves the tool to a child of its own that nobody has to wait for.
+// The first child's side: it leaves the tool to its own child, which needs no waiting for.
 [[noreturn]] void start_notify(char* const* argv) {
   close_range(STDERR_FILENO + 1, ~0U, 0);
   const pid_t pid = fork();

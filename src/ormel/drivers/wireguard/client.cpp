@@ -118,7 +118,7 @@ void ClientConfig::remove() {
   std::ignore = system::decode_urlEncoded(name, plain_name);  // the profile is removed anyway
   notify_settings(nc_message("C002", "0028"), plain_name);
   std::ignore = mibcall_external_dev(opt_ext_dev_unregister);  // it has been logged
-  std::ignore = system::background(script("remove"));          // nobody waits for it
+  std::ignore = system::background(script("remove"));          // not waited for
 }
 
 int ClientConfig::do_connect(int flag) {
