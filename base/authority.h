@@ -7,12 +7,14 @@
 
 namespace fenro {
 
-// Performs a request. Of the host's folder of authorities one file is read, where the bundle of all takes longer than
-// the rest of a request. What is trusted is the same: an authority that is in the bundle alone is looked up there, and
-// `needs_bundle` says so, for the next request to begin with it. `curl` has the functions of libcurl as members, and
-// `timeout` is that of the request in seconds, which both attempts share.
+// Performs a request. Of the host's folder of authorities one file is read, where the bundle of all
+// takes longer than the rest of a request. What is trusted is the same: an authority that is in the
+// bundle alone is looked up there, and `needs_bundle` says so, for the next request to begin with
+// it. `curl` has the functions of libcurl as members, and `timeout` is that of the request in
+// seconds, which both attempts share.
 template <typename Library>
-[[nodiscard]] CURLcode perform_with_authority(const Library& curl, CURL* handle, long timeout, bool& needs_bundle) {
+[[nodiscard]] CURLcode perform_with_authority(const Library& curl, CURL* handle, long timeout,
+                                              bool& needs_bundle) {
   constexpr long MILLISECONDS = 1000;
   if (needs_bundle) return curl.easy_perform(handle);
   curl.easy_setopt(handle, CURLOPT_CAINFO, nullptr);

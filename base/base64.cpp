@@ -7,7 +7,8 @@ namespace fenro {
 namespace {
 
 constexpr std::size_t GROUP = 4;  // letters that stand for three bytes
-constexpr std::string_view LETTERS = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=";
+constexpr std::string_view LETTERS =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=";
 
 }  // namespace
 
@@ -20,7 +21,8 @@ std::string to_base64(std::string_view bytes) {
 bool parse_base64(std::string_view text, std::string& out) {
   out.clear();
   // The decoder itself skips blanks.
-  if (text.size() % GROUP != 0 || text.find_first_not_of(LETTERS) != std::string_view::npos) return false;
+  if (text.size() % GROUP != 0 || text.find_first_not_of(LETTERS) != std::string_view::npos)
+    return false;
   std::size_t length = BASE64_DECODE_LENGTH(text.size());
   out.resize(length);
   base64_decode_ctx context;

@@ -9,9 +9,10 @@
 
 namespace fenro {
 
-// Drains a body: a web server that is still writing it would take the end of the program for a failure, and not pass
-// the answer on. Gives up after two seconds, as the answer waits meanwhile, and at twice what the web server lets
-// through. The body may hold a password, so nothing of it is left in memory.
+// Drains a body: a web server that is still writing it would take the end of the program for a
+// failure, and not pass the answer on. Gives up after two seconds, as the answer waits meanwhile,
+// and at twice what the web server lets through. The body may hold a password, so nothing of it is
+// left in memory.
 inline void discard_body(int fd) {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::seconds TIME{2};

@@ -1,5 +1,5 @@
-// The hosts of the cloud's services. A source that includes this is built with ORMEL_CLOUD_DOMAIN, the domain of all of
-// them.
+// The hosts of the cloud's services. A source that includes this is built with ORMEL_CLOUD_DOMAIN,
+// the domain of all of them.
 #pragma once
 
 #include <algorithm>
@@ -28,7 +28,8 @@ struct HostTable {
   std::size_t count;
 
   [[nodiscard]] constexpr const Host* find(std::string_view site) const {
-    const Host* const row = std::find_if(rows, rows + count, [&](const Host& host) { return host.site == site; });
+    const Host* const row =
+        std::find_if(rows, rows + count, [&](const Host& host) { return host.site == site; });
     return row == rows + count ? nullptr : row;
   }
 };
@@ -49,7 +50,8 @@ inline constexpr Host LOGINS[] = {ORMEL_CLOUD_STAGES("auth-connector", "global")
 inline constexpr Host LOGINS_CHINA[] = {ORMEL_CLOUD_STAGES("auth-connector", "china")};
 inline constexpr Host PELMAR[] = {
     ORMEL_CLOUD_STAGES("pelmar-api", "global"),
-    {"sy", "https://pelmar-api.sy.global." ORMEL_CLOUD_DOMAIN ":31521"},  // one host of the development cluster
+    {"sy", "https://pelmar-api.sy.global." ORMEL_CLOUD_DOMAIN
+           ":31521"},  // one host of the development cluster
 };
 inline constexpr Host PELMAR_CHINA[] = {ORMEL_CLOUD_STAGES("pelmar-api", "china")};
 
@@ -71,9 +73,10 @@ inline constexpr Service ACCOUNT_SERVICE{table(ACCOUNTS), table(ACCOUNTS_CHINA)}
 inline constexpr Service LOGIN_SERVICE{table(LOGINS), table(LOGINS_CHINA)};
 inline constexpr Service PELMAR_SERVICE{table(PELMAR), table(PELMAR_CHINA)};
 
-// Returns the base of a service, "" for an environment that the region does not have. One that no region has must have
-// become PRODUCTION before.
-[[nodiscard]] constexpr const char* base_of(const Service& service, std::string_view region, std::string_view site) {
+// Returns the base of a service, "" for an environment that the region does not have. One that no
+// region has must have become PRODUCTION before.
+[[nodiscard]] constexpr const char* base_of(const Service& service, std::string_view region,
+                                            std::string_view site) {
   const Host* const host = (region == GLOBAL_REGION ? service.global : service.china).find(site);
   return host ? host->base : "";
 }

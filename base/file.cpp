@@ -30,18 +30,21 @@ constexpr const char* TEMPORARY_MARK = ".tmp-";
 constexpr std::size_t RANDOM_LENGTH = 6;
 constexpr int ATTEMPTS = 100;
 
-// The lock of a temporary file says that its writer lives; it ends with the process, however that ends.
+// The lock of a temporary file says that its writer lives; it ends with the process, however that
+// ends.
 bool claim(int fd) {
   struct stat info {};
   return flock(fd, LOCK_EX | LOCK_NB) == 0 && fstat(fd, &info) == 0 && info.st_nlink > 0;
 }
 
-// A temporary file that is gone with the object unless it was moved into its place. It has no name until it is whole,
-// where the file system can do that, so that nothing is left of a writer that is killed.
+// A temporary file that is gone with the object unless it was moved into its place. It has no name
+// until it is whole, where the file system can do that, so that nothing is left of a writer that is
+// killed.
 class TemporaryFile {
  public:
   explicit TemporaryFile(const std::string& beside)
-      : beside_(beside), fd_(open(folder_of(beside).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, PRIVATE_FILE)) {
+      : beside_(beside),
+        fd_(open(folder_of(beside).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, PRIVATE_FILE)) {
     if (fd_) std::ignore = flock(fd_.get(), LOCK_EX | LOCK_NB);
     if (!fd_) make_named();
   }
@@ -51,7 +54,8 @@ class TemporaryFile {
     if (!name_.empty()) unlink(name_.c_str());
   }
 
-  [[nodiscard]] bool fill(std::string_view content, const struct stat* old, std::optional<mode_t> mode) {
+  [[nodiscard]] bool fill(std::string_view content, const struct stat* old,
+                          std::optional<mode_t> mode) {
     if (!fd_) return false;
     if (old && !take_owner(*old)) return false;
     if (!mode && old) mode = old->st_mode & PERMISSIONS;
@@ -120,7 +124,8 @@ void remove_stale(const std::string& target) {
   const Dir listing{opendir(folder.c_str())};
   while (const dirent* const entry = listing ? readdir(listing.get()) : nullptr) {
     if (!is_stale_name(entry->d_name, start)) continue;
-    const Fd fd{openat(dirfd(listing.get()), entry->d_name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC)};
+    const Fd fd{openat(dirfd(listing.get()), entry->d_name,
+                       O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC)};
     struct stat info {};
     if (fd && fstat(fd.get(), &info) == 0 && S_ISREG(info.st_mode) && claim(fd.get()))
       unlinkat(dirfd(listing.get()), entry->d_name, 0);

@@ -1,5 +1,5 @@
-// Owners of C handles, so that every `return` is a complete clean-up. Outside this header, the request parser and the
-// child's side of a fork nothing is released by hand.
+// Owners of C handles, so that every `return` is a complete clean-up. Outside this header, the
+// request parser and the child's side of a fork nothing is released by hand.
 #pragma once
 
 #include <cstdio>
@@ -14,7 +14,8 @@ template <auto* Free>
 struct FreeWith {
   template <typename T>
   void operator()(T* handle) const noexcept {
-    Free(handle);  // NOLINT(cppcoreguidelines-owning-memory,cppcoreguidelines-no-malloc): this is the owner
+    Free(handle);  // NOLINT(cppcoreguidelines-owning-memory,cppcoreguidelines-no-malloc): this is
+                   // the owner
   }
 };
 

@@ -7,7 +7,8 @@
 
 namespace fenro {
 
-// json_decref is a static inline: as a template argument it would make a different type in every source.
+// json_decref is a static inline: as a template argument it would make a different type in every
+// source.
 struct FreeJson {
   void operator()(json_t* value) const noexcept { json_decref(value); }
 };

@@ -1,5 +1,5 @@
-// Texts as lines, words and fields: the one reader of them. No stream of the C++ library is used, since
-// one of them anywhere in a program makes each start set up all locales.
+// Texts as lines, words and fields: the one reader of them. No stream of the C++ library is used,
+// since one of them anywhere in a program makes each start set up all locales.
 #pragma once
 
 #include <algorithm>
@@ -28,8 +28,8 @@ inline std::string_view take_line(std::string_view& text) {
   return take_until(text, '\n');
 }
 
-// The next line with its end, which the last one may lack. Every line of every settings file is read by this: one call
-// of memchr is the quickest way to a line's end.
+// The next line with its end, which the last one may lack. Every line of every settings file is
+// read by this: one call of memchr is the quickest way to a line's end.
 inline std::string_view take_whole_line(std::string_view& text) {
   const void* const end = std::memchr(text.data(), '\n', text.size());
   const std::size_t length =
@@ -74,7 +74,8 @@ template <typename Number>
 }
 
 // The text without any of `blanks` at either end.
-[[nodiscard]] inline std::string_view trimmed(std::string_view text, std::string_view blanks = " \t\r\n") {
+[[nodiscard]] inline std::string_view trimmed(std::string_view text,
+                                              std::string_view blanks = " \t\r\n") {
   text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
   return text.substr(0, text.find_last_not_of(blanks) + 1);
 }

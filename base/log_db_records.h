@@ -1,9 +1,9 @@
-// The log database on the service bus: its methods, and the records that they carry. The daemon and its clients share
-// this file, for a record travels as it is in memory.
+// The log database on the service bus: its methods, and the records that they carry. The daemon and
+// its clients share this file, for a record travels as it is in memory.
 //
-// Every record has the layout of a little-endian build with integers of 64 bits on multiples of 8 bytes and of 32 bits
-// on multiples of 4; padding is zero or ignored. Texts end with a zero byte within their arrays. Times are seconds
-// since the epoch, rates bytes per second, totals bytes.
+// Every record has the layout of a little-endian build with integers of 64 bits on multiples of 8
+// bytes and of 32 bits on multiples of 4; padding is zero or ignored. Texts end with a zero byte
+// within their arrays. Times are seconds since the epoch, rates bytes per second, totals bytes.
 #pragma once
 
 #include <bit>
@@ -27,8 +27,8 @@ struct db_delete_cond {
   int64_t id;
 };
 
-// The head of every query's answer; `count` rows follow it. On the wire `data` is eight bytes without meaning, in
-// memory it points to the rows.
+// The head of every query's answer; `count` rows follow it. On the wire `data` is eight bytes
+// without meaning, in memory it points to the rows.
 template <typename Row>
 struct db_query_answer {
   uint64_t count;  // rows in this answer
@@ -126,10 +126,11 @@ namespace ormel::log_db {
 constexpr const char* SERVICE = "@/var/run/ormeld.sock";
 constexpr int TIMEOUT = 5;  // seconds
 
-// The methods of one table. The reply to an insert, a deletion and a cleaning is of no interest but for the insert of a
-// device, which is answered with the device's identifier.
+// The methods of one table. The reply to an insert, a deletion and a cleaning is of no interest but
+// for the insert of a device, which is answered with the device's identifier.
 struct Methods {
-  const char* insert;  // takes the record; for a block the bytes of the user's name, without a closing zero
+  const char*
+      insert;  // takes the record; for a block the bytes of the user's name, without a closing zero
   const char* query;   // takes a db_query_cond
   const char* remove;  // takes a db_delete_cond; for a block the user's name as above
   const char* clean;   // takes nothing
@@ -138,17 +139,19 @@ struct Methods {
 constexpr Methods CONN_SERVER_LOG{
     "db_conn_insert",  // without a word for the server's side: clients in the field say so
     "db_conn_server_log_query", "db_conn_server_log_del", "db_conn_server_log_clean"};
-constexpr Methods CONN_CLIENT_LOG{"db_conn_client_log_insert", "db_conn_client_log_query", "db_conn_client_log_del",
-                                  "db_conn_client_log_clean"};
+constexpr Methods CONN_CLIENT_LOG{"db_conn_client_log_insert", "db_conn_client_log_query",
+                                  "db_conn_client_log_del", "db_conn_client_log_clean"};
 constexpr Methods EVENT_DATA{"db_event_insert", "db_event_query", nullptr, nullptr};
 constexpr Methods SERVER_LIST{"db_server_list_insert", "db_server_list_query", "db_server_list_del",
                               "db_server_list_clean"};
 constexpr Methods DEVICE_INFO{"db_device_info_insert", "db_device_info_query", "db_device_info_del",
                               "db_device_info_clean"};
-constexpr Methods PRIVILEGE_USER_BLOCK{"db_privilege_user_block_insert", "db_privilege_user_block_query",
-                                       "db_privilege_user_block_del", "db_privilege_user_block_clean"};
+constexpr Methods PRIVILEGE_USER_BLOCK{
+    "db_privilege_user_block_insert", "db_privilege_user_block_query",
+    "db_privilege_user_block_del", "db_privilege_user_block_clean"};
 
-// Takes the user's name as an insert does. The reply is a text: "1" for a blocked user, else "0" or "-1".
+// Takes the user's name as an insert does. The reply is a text: "1" for a blocked user, else "0" or
+// "-1".
 constexpr const char* PRIVILEGE_USER_BLOCK_CHECK = "db_privilege_user_block_check";
 // Takes an ormel_mobile_gen_uuid_data_set, answered with an ormel_mobile_gen_uuid_data_get.
 constexpr const char* MOBILE_GEN_UUID = "ormel_mobile_gen_ormel_uuid";
@@ -156,9 +159,11 @@ constexpr const char* MOBILE_GEN_UUID = "ormel_mobile_gen_ormel_uuid";
 static_assert(std::endian::native == std::endian::little, "records travel as they lie in memory");
 static_assert(sizeof(db_query_cond) == 2088 && offsetof(db_query_cond, value) == 1057);
 static_assert(sizeof(db_delete_cond) == 8);
-static_assert(sizeof(db_conn_server_log_query) == 24 && offsetof(db_conn_server_log_query, data) == 16);
+static_assert(sizeof(db_conn_server_log_query) == 24 &&
+              offsetof(db_conn_server_log_query, data) == 16);
 static_assert(sizeof(db_conn_server_log) == 5200 && offsetof(db_conn_server_log, action) == 5196);
-static_assert(sizeof(db_conn_client_log_data) == 3152 && offsetof(db_conn_client_log_data, action) == 3148);
+static_assert(sizeof(db_conn_client_log_data) == 3152 &&
+              offsetof(db_conn_client_log_data, action) == 3148);
 static_assert(sizeof(db_event_data) == 1);
 static_assert(sizeof(db_server_list_data) == 4128 && offsetof(db_server_list_data, time) == 4120);
 static_assert(sizeof(db_device_info_data) == 7192 && offsetof(db_device_info_data, time) == 7184);

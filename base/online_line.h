@@ -2,8 +2,9 @@
 //
 //   INTERFACE SOURCE NUMBER LOCAL REMOTE TYPE TIME USER [DEVICE TEXT]
 //
-// NUMBER is the pid of the session's PPP daemon, or the client's source port for OpenVPN, TYPE the bit of the server,
-// TIME seconds since the epoch, USER base64; the device text runs to the end of the line.
+// NUMBER is the pid of the session's PPP daemon, or the client's source port for OpenVPN, TYPE the
+// bit of the server, TIME seconds since the epoch, USER base64; the device text runs to the end of
+// the line.
 #pragma once
 
 #include <cstdint>
@@ -29,8 +30,8 @@ struct OnlineLine {
   std::string_view device{};
 };
 
-// Returns false for a line with fewer parts, with another text in the place of a number, or with a NUL, which a crash
-// of the host leaves at the end of a file.
+// Returns false for a line with fewer parts, with another text in the place of a number, or with a
+// NUL, which a crash of the host leaves at the end of a file.
 [[nodiscard]] inline bool parse_online_line(std::string_view line, OnlineLine& out) {
   if (line.find('\0') != std::string_view::npos) return false;
   out.interface = take_word(line);
@@ -38,7 +39,8 @@ struct OnlineLine {
   if (!parse_number(take_word(line), out.number)) return false;
   out.local = take_word(line);
   out.remote = take_word(line);
-  if (!parse_number(take_word(line), out.type) || !parse_number(take_word(line), out.since)) return false;
+  if (!parse_number(take_word(line), out.type) || !parse_number(take_word(line), out.since))
+    return false;
   out.user = take_word(line);
   skip_blanks(line);
   out.device = line;

@@ -1,4 +1,5 @@
-// A line of the store of users' rights, "name:1:0:1:0:0": a field for each server, in the order of RIGHTS.
+// A line of the store of users' rights, "name:1:0:1:0:0": a field for each server, in the order of
+// RIGHTS.
 #pragma once
 
 #include <cstdlib>
@@ -9,8 +10,8 @@
 
 namespace ormel {
 
-// The rights in the fields after the name, as a mask of servers. Each field is a number, and any but 0
-// is a right; fields that are missing count as 0.
+// The rights in the fields after the name, as a mask of servers. Each field is a number, and any
+// but 0 is a right; fields that are missing count as 0.
 [[nodiscard]] inline int rights_in(std::string_view fields) {
   std::string text{fields};
   for (char& c : text) c = c == ':' ? ' ' : c;

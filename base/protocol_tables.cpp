@@ -1,5 +1,5 @@
-// Prints the rows of TUNNELS for those that are not C++: "shell" for the start scripts, "typescript" for the web
-// interface. Runs at build time.
+// Prints the rows of TUNNELS for those that are not C++: "shell" for the start scripts,
+// "typescript" for the web interface. Runs at build time.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -42,25 +42,32 @@ void print_list(const char* name, const char* comment, Row row) {
 
 void print_shell() {
   std::puts(
-      "# shellcheck shell=dash disable=SC2034\n# Made from base/tunnel.h by the build: rows of the protocols. Read by "
+      "# shellcheck shell=dash disable=SC2034\n# Made from base/tunnel.h by the build: rows of the "
+      "protocols. Read by "
       "vpn_lib.sh.");
-  print_list("CLIENT_TUNNELS",
-             "section of a profile before its slot : interface before its unit : the unit less the slot",
-             [](const TunnelFacts& facts) {
-               return std::string(facts.client_section) + ':' + facts.interface + ':' + std::to_string(facts.base);
-             });
-  print_list("SERVER_TUNNELS", "section of vpn.conf : script : the client script's action that ends a tunnel",
+  print_list(
+      "CLIENT_TUNNELS",
+      "section of a profile before its slot : interface before its unit : the unit less the slot",
+      [](const TunnelFacts& facts) {
+        return std::string(facts.client_section) + ':' + facts.interface + ':' +
+               std::to_string(facts.base);
+      });
+  print_list("SERVER_TUNNELS",
+             "section of vpn.conf : script : the client script's action that ends a tunnel",
              [](const TunnelFacts& facts) {
                return std::string(facts.section) + ':' + base_name(facts.script) + ':' + facts.stop;
              });
-  print_list("LOGGED_CLIENTS", "section of a profile before its slot : its type in the connection log",
+  print_list(
+      "LOGGED_CLIENTS", "section of a profile before its slot : its type in the connection log",
+      [](const TunnelFacts& facts) {
+        return facts.logged ? std::string(facts.client_section) + ':' + std::to_string(facts.client)
+                            : "";
+      });
+  print_list("SESSION_KINDS", "type of a server : what ends its sessions",
              [](const TunnelFacts& facts) {
-               return facts.logged ? std::string(facts.client_section) + ':' + std::to_string(facts.client) : "";
+               const char* word = word_of(facts.sessions);
+               return word ? std::to_string(facts.server) + ':' + word : "";
              });
-  print_list("SESSION_KINDS", "type of a server : what ends its sessions", [](const TunnelFacts& facts) {
-    const char* word = word_of(facts.sessions);
-    return word ? std::to_string(facts.server) + ':' + word : "";
-  });
 }
 
 std::string lower(std::string text) {
@@ -73,7 +80,8 @@ void print_typescript() {
   for (const TunnelFacts& facts : ormel::TUNNELS) rows.push_back(&facts);
   std::ranges::sort(rows, {}, &TunnelFacts::place);
   std::puts(
-      "// Made from base/tunnel.h by the build (protocols.ts below build/*/base): never edited by hand.\n"
+      "// Made from base/tunnel.h by the build (protocols.ts below build/*/base): never edited by "
+      "hand.\n"
       "\n"
       "export interface Protocol {\n"
       "  id: string\n"
@@ -87,9 +95,11 @@ void print_typescript() {
       "export const PROTOCOL = {");
   for (const TunnelFacts* row : rows) {
     const std::string id = lower(row->client_word);
-    std::printf("  %s: { id: '%s', label: '%s', server: %d, client: %d, right: %s, colour: '--curve-%d' },\n",
-                id.c_str(), id.c_str(), row->title, row->server, row->client, row->right_field > 0 ? "true" : "false",
-                row->place);
+    std::printf(
+        "  %s: { id: '%s', label: '%s', server: %d, client: %d, right: %s, colour: '--curve-%d' "
+        "},\n",
+        id.c_str(), id.c_str(), row->title, row->server, row->client,
+        row->right_field > 0 ? "true" : "false", row->place);
   }
   std::puts(
       "} as const\n"

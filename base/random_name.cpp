@@ -6,7 +6,8 @@
 namespace fenro {
 
 bool random_name(std::string& name) {
-  // Bytes above the last full round of the characters are thrown away, or the first ones would come up more often.
+  // Bytes above the last full round of the characters are thrown away, or the first ones would come
+  // up more often.
   constexpr std::size_t FAIR = 256 / NAME_CHARACTERS.size() * NAME_CHARACTERS.size();
   for (std::size_t i = 0; i < name.size();) {
     unsigned char byte = 0;

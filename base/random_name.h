@@ -6,9 +6,11 @@
 
 namespace fenro {
 
-constexpr std::string_view NAME_CHARACTERS = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+constexpr std::string_view NAME_CHARACTERS =
+    "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
-// Fills the text with characters of NAME_CHARACTERS from the kernel's random source. False when that fails.
+// Fills the text with characters of NAME_CHARACTERS from the kernel's random source. False when
+// that fails.
 [[nodiscard]] bool random_name(std::string& name);
 
 }  // namespace fenro

@@ -18,17 +18,22 @@ constexpr size_t LONGEST_DETAIL = 200;
 constexpr size_t LONGEST_FILE = 4096;
 bool is_slot(std::string_view text) {
   int slot = 0;
-  return fenro::parse_number(text, slot) && slot >= 1 && slot <= MAX_TUNNEL_INDEX && text.front() != '0';
+  return fenro::parse_number(text, slot) && slot >= 1 && slot <= MAX_TUNNEL_INDEX &&
+         text.front() != '0';
 }
 
-// Bytes of the character of UTF-8 at the start of `text`, 0 for one that is malformed or must not be shown: control
-// characters, and those that change the direction or the line of what follows.
+// Bytes of the character of UTF-8 at the start of `text`, 0 for one that is malformed or must not
+// be shown: control characters, and those that change the direction or the line of what follows.
 size_t printable_length(std::string_view text) {
-  constexpr unsigned CONTINUATION = 0x80, CONTINUATION_MASK = 0xc0, PAYLOAD = 0x3f, PAYLOAD_BITS = 6;
+  constexpr unsigned CONTINUATION = 0x80, CONTINUATION_MASK = 0xc0, PAYLOAD = 0x3f,
+                     PAYLOAD_BITS = 6;
   constexpr struct {
     unsigned mask, lead, least;
     size_t length;
-  } FORMS[] = {{0x80, 0x00, 0x20, 1}, {0xe0, 0xc0, 0xa0, 2}, {0xf0, 0xe0, 0x800, 3}, {0xf8, 0xf0, 0x10000, 4}};
+  } FORMS[] = {{0x80, 0x00, 0x20, 1},
+               {0xe0, 0xc0, 0xa0, 2},
+               {0xf0, 0xe0, 0x800, 3},
+               {0xf8, 0xf0, 0x10000, 4}};
   constexpr struct {
     unsigned first, last;
   } HIDDEN[] = {{0x7f, 0x9f},     {0x200b, 0x200f}, {0x2028, 0x202e},    {0x2060, 0x206f},
@@ -43,8 +48,9 @@ size_t printable_length(std::string_view text) {
       if ((byte & CONTINUATION_MASK) != CONTINUATION) return 0;
       code = (code << PAYLOAD_BITS) | (byte & PAYLOAD);
     }
-    const bool hidden = std::any_of(std::begin(HIDDEN), std::end(HIDDEN),
-                                    [&](const auto& range) { return code >= range.first && code <= range.last; });
+    const bool hidden = std::any_of(std::begin(HIDDEN), std::end(HIDDEN), [&](const auto& range) {
+      return code >= range.first && code <= range.last;
+    });
     return code < form.least || hidden ? 0 : form.length;
   }
   return 0;
@@ -62,8 +68,8 @@ bool is_tunnel_section(std::string_view section) {
 
 std::optional<NotedReason> read_reason(const std::string& section) {
   if (!is_tunnel_section(section)) return {};
-  const fenro::Fd file{
-      open((std::string(REASONS_FOLDER) + '/' + section).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK)};
+  const fenro::Fd file{open((std::string(REASONS_FOLDER) + '/' + section).c_str(),
+                            O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK)};
   struct stat info {};
   if (!file || fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
   char text[LONGEST_FILE];
@@ -75,8 +81,8 @@ std::optional<NotedReason> read_reason(const std::string& section) {
   json_int_t since = 0;
   json_int_t at = 0;
   json_int_t count = 0;
-  if (json_unpack(root.get(), "{s:s, s:I, s:I, s:I, s:s}", "code", &code, "since", &since, "at", &at, "count", &count,
-                  "detail", &detail) != 0) {
+  if (json_unpack(root.get(), "{s:s, s:I, s:I, s:I, s:s}", "code", &code, "since", &since, "at",
+                  &at, "count", &count, "detail", &detail) != 0) {
     return {};
   }
   const ReasonFacts* facts = find_reason(code);
@@ -93,10 +99,10 @@ std::string reason_text(const NotedReason& reason) {
 }
 
 std::string reason_line(const NotedReason& reason) {
-  const fenro::Json root{json_pack("{s:s, s:I, s:I, s:I, s:s}", "code", reason.facts ? reason.facts->code : "", "since",
-                                   static_cast<json_int_t>(reason.since), "at", static_cast<json_int_t>(reason.at),
-                                   "count", static_cast<json_int_t>(reason.count), "detail",
-                                   printable_detail(reason.detail).c_str())};
+  const fenro::Json root{json_pack(
+      "{s:s, s:I, s:I, s:I, s:s}", "code", reason.facts ? reason.facts->code : "", "since",
+      static_cast<json_int_t>(reason.since), "at", static_cast<json_int_t>(reason.at), "count",
+      static_cast<json_int_t>(reason.count), "detail", printable_detail(reason.detail).c_str())};
   const fenro::CString text{json_dumps(root.get(), JSON_COMPACT)};
   return text ? std::string(text.get()) + '\n' : std::string();
 }

@@ -1,9 +1,10 @@
-// Why a tunnel or a server does not work: one table of reasons for the program and its platform, and the store in which
-// the platform's scripts and daemons note them.
+// Why a tunnel or a server does not work: one table of reasons for the program and its platform,
+// and the store in which the platform's scripts and daemons note them.
 //
-// The store has one file for each section of vpn.conf with a reason, replaced whole: one line of JSON with "code",
-// "since" and "at" (seconds since the epoch: noted first and last), "count" and "detail". An empty code means that a
-// start has begun and nothing is known yet. A tunnel that comes up and a stop remove the file.
+// The store has one file for each section of vpn.conf with a reason, replaced whole: one line of
+// JSON with "code", "since" and "at" (seconds since the epoch: noted first and last), "count" and
+// "detail". An empty code means that a start has begun and nothing is known yet. A tunnel that
+// comes up and a stop remove the file.
 #pragma once
 
 #include <ctime>
@@ -68,7 +69,8 @@ struct NotedReason {
   std::time_t since = 0;
   std::time_t at = 0;
   long count = 0;
-  std::string detail{};  // what the daemon or the other end said, from `printable_detail`; may be empty
+  std::string
+      detail{};  // what the daemon or the other end said, from `printable_detail`; may be empty
 };
 
 inline constexpr const char* REASONS_FOLDER = "/run/fenro/reasons";
@@ -76,7 +78,8 @@ inline constexpr const char* REASONS_FOLDER = "/run/fenro/reasons";
 // A section of vpn.conf that a server or a client profile has: "OPENVPN", "PPTP_CLIENT7".
 [[nodiscard]] bool is_tunnel_section(std::string_view section);
 
-// What is noted for a section. Nothing when there is no file, or one that this program cannot have written.
+// What is noted for a section. Nothing when there is no file, or one that this program cannot have
+// written.
 [[nodiscard]] std::optional<NotedReason> read_reason(const std::string& section);
 
 // Removes what is noted for a section.

@@ -1,5 +1,5 @@
-// What differs between the protocols by a constant alone. Scripts and the web interface get the rows from
-// protocol_tables.cpp at build time.
+// What differs between the protocols by a constant alone. Scripts and the web interface get the
+// rows from protocol_tables.cpp at build time.
 #pragma once
 
 #include <algorithm>
@@ -22,15 +22,17 @@ enum class Sessions {
 struct TunnelFacts {
   TYPE server;
   TYPE client;
-  const char* server_word;       // of the option --type
-  const char* client_word;       // the same for a client
-  const char* section;           // of the server in vpn.conf
-  const char* client_section;    // of a client, before its index; also its key in the network daemon's tables
-  const char* label;             // in notifications and in the label of an interface
-  const char* protocol;          // in the registration of an external device
-  const char* log_name;          // in log lines about address conflicts
-  const char* title;             // in the web interface
-  const char* server_daemon;     // base name of its program in the process table; null without a process
+  const char* server_word;  // of the option --type
+  const char* client_word;  // the same for a client
+  const char* section;      // of the server in vpn.conf
+  const char*
+      client_section;  // of a client, before its index; also its key in the network daemon's tables
+  const char* label;   // in notifications and in the label of an interface
+  const char* protocol;  // in the registration of an external device
+  const char* log_name;  // in log lines about address conflicts
+  const char* title;     // in the web interface
+  const char*
+      server_daemon;  // base name of its program in the process table; null without a process
   const char* server_argument;   // one of its arguments, which no other run of that program has
   const char* client_daemon;     // base name of a client's program
   const char* script;            // init script of the server
@@ -46,7 +48,8 @@ struct TunnelFacts {
   Sessions sessions;   // how they are found and ended
   bool kicks_on_stop;  // ends its sessions before the server is stopped
   bool logged;         // servers and clients write rows into the connection logs
-  int right_field;     // of a user's line in the privilege store, counted after the name; 0 for no right
+  int right_field;     // of a user's line in the privilege store, counted after the name; 0 for no
+                       // right
   int place;           // in the web interface: order, and number of the curve's colour
 };
 
@@ -193,7 +196,8 @@ inline constexpr TunnelFacts TUNNELS[] = {
      .place = 2},
 };
 
-constexpr int MAX_TUNNEL_INDEX = 32;  // of a client's profile; interfaces have numbers up to base + 32
+constexpr int MAX_TUNNEL_INDEX =
+    32;  // of a client's profile; interfaces have numbers up to base + 32
 
 // The types, one bit each, of all rows that `chosen` accepts.
 template <typename Chosen>
@@ -211,8 +215,8 @@ constexpr int types_of(TYPE TunnelFacts::*end) {
 constexpr int SERVER_TYPES = types_of(&TunnelFacts::server);
 constexpr int CLIENT_TYPES = types_of(&TunnelFacts::client);
 
-// The servers that a user has a right to, in the order of the fields of the privilege store; a field
-// that is not in use is NONE_TYPE.
+// The servers that a user has a right to, in the order of the fields of the privilege store; a
+// field that is not in use is NONE_TYPE.
 constexpr size_t RIGHT_FIELDS = [] {
   int last = 0;
   for (const TunnelFacts& facts : TUNNELS) last = std::max(last, facts.right_field);

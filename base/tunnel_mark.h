@@ -1,4 +1,5 @@
-// The firewall mark of packets that never go into a tunnel; TUNNEL_MARK of the start scripts is the same.
+// The firewall mark of packets that never go into a tunnel; TUNNEL_MARK of the start scripts is the
+// same.
 #pragma once
 
 namespace fenro {

@@ -3,7 +3,8 @@
 
 namespace ormel {
 
-// One bit per kind of profile, so that a mask can select kinds. Below 256 a server, from 256 a client.
+// One bit per kind of profile, so that a mask can select kinds. Below 256 a server, from 256 a
+// client.
 enum TYPE : int {
   NONE_TYPE = 0,
   PPTP_SERVER_TYPE = 1,

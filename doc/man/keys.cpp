@@ -53,7 +53,8 @@ std::set<std::pair<std::string, std::string>> put;  // section and key
 
 const Key* find(const std::string& section, const std::string& name) {
   const Section& keys = sections().at(section);
-  const auto found = std::find_if(keys.begin(), keys.end(), [&](const Key& key) { return key.name == name; });
+  const auto found =
+      std::find_if(keys.begin(), keys.end(), [&](const Key& key) { return key.name == name; });
   return found == keys.end() ? nullptr : &*found;
 }
 
@@ -81,8 +82,8 @@ void put_keys(Page& page, const Words& words) {
   for (const Key& key : sections().at(words[0])) {
     if (!is_common(key, words)) continue;
     const Entry& entry = describe(page.texts("keys"), words[0], key.name);
-    page.out() << "|  " << literal(key.name) << "\n:  " << literal(key.fallback) << "\n:  " << joined(entry.lines)
-               << '\n';
+    page.out() << "|  " << literal(key.name) << "\n:  " << literal(key.fallback)
+               << "\n:  " << joined(entry.lines) << '\n';
     for (const std::string& section : words) put.insert({section, key.name});
   }
 }
@@ -91,7 +92,8 @@ void check_keys() {
   if (put.empty()) return;
   for (const auto& [section, keys] : sections()) {
     for (const Key& key : keys) {
-      if (!put.contains({section, key.name})) fail("\"" + key.name + "\" of [" + section + "] is on no page");
+      if (!put.contains({section, key.name}))
+        fail("\"" + key.name + "\" of [" + section + "] is on no page");
     }
   }
 }

@@ -1,5 +1,5 @@
-// ormel-manual FOLDER SOURCE TARGET: puts the program's tables into the source of a page. FOLDER has their
-// descriptions.
+// ormel-manual FOLDER SOURCE TARGET: puts the program's tables into the source of a page. FOLDER
+// has their descriptions.
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -80,7 +80,8 @@ int main(int argc, char** argv) {
     std::fputs("usage: ormel-manual FOLDER SOURCE TARGET\n", stderr);
     return 2;
   }
-  ormel::__cur_level__ = ormel::ORMELLOG_NOLOG;  // the appliers are asked in here, and nobody is to read of it
+  ormel::__cur_level__ =
+      ormel::ORMELLOG_NOLOG;  // the appliers are asked in here, and nobody is to read of it
   manual::build(argv[1], argv[2], argv[3]);
   return manual::has_failed() ? 1 : 0;
 }

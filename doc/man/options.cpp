@@ -24,14 +24,16 @@ using ormel::option::TypeName;
 
 constexpr const char* NO_CHOICE = "~";
 constexpr char CHOICE_MARK = '|';
-constexpr const char* CLIENTS = "client";  // behind the argument of an action that servers do not have
+constexpr const char* CLIENTS =
+    "client";  // behind the argument of an action that servers do not have
 
 struct ActionName {
   ACTION action;
   const char* option;
 };
-constexpr ActionName SETTING_ACTIONS[] = {
-    {ormel::ADD_ACTION, "--add"}, {ormel::IMPORT_ACTION, "--import"}, {ormel::MODIFY_ACTION, "--modify"}};
+constexpr ActionName SETTING_ACTIONS[] = {{ormel::ADD_ACTION, "--add"},
+                                          {ormel::IMPORT_ACTION, "--import"},
+                                          {ormel::MODIFY_ACTION, "--modify"}};
 
 // Appliers tell the user what they refuse; nobody wants to read that here.
 class QuietErrors {
@@ -67,7 +69,8 @@ int apply(const CommandOption& row, TYPE type, ACTION action, const std::string&
   return ormel::option::apply_option(row, &target, value.c_str());
 }
 
-// What the header of a description says: the argument, and for an action whether clients alone have it.
+// What the header of a description says: the argument, and for an action whether clients alone have
+// it.
 struct Argument {
   std::string name;
   bool clients = false;
@@ -78,7 +81,8 @@ Argument argument_of(const CommandOption& row, const Entry& entry) {
   Argument argument{entry.detail.substr(0, mark), false};
   if (mark != std::string::npos) argument.clients = entry.detail.substr(mark + 3) == CLIENTS;
   if (entry.detail == CLIENTS) argument = {"", true};
-  if (argument.name.empty() != (row.opt.has_arg == no_argument)) fail(std::string("argument of --") + row.opt.name);
+  if (argument.name.empty() != (row.opt.has_arg == no_argument))
+    fail(std::string("argument of --") + row.opt.name);
   return argument;
 }
 
@@ -110,14 +114,16 @@ std::string words_of(const std::vector<std::string>& names) {
 std::string types_text(const CommandOption& row, const Argument& argument) {
   const std::vector<std::string> names = types_of(row, argument);
   const auto types = type_names();
-  const auto clients = std::count_if(types.begin(), types.end(), [](const TypeName& t) { return is_client(t.type); });
+  const auto clients = std::count_if(types.begin(), types.end(),
+                                     [](const TypeName& t) { return is_client(t.type); });
   const auto named = std::count_if(types.begin(), types.end(), [&](const TypeName& t) {
     return is_client(t.type) && has_type(row, argument, t.type);
   });
   const auto total = static_cast<std::ptrdiff_t>(names.size());
   if (names.size() == types.size()) return "all";
   if (named == clients && total == clients) return "all clients";
-  if (named == 0 && total == static_cast<std::ptrdiff_t>(types.size()) - clients) return "all servers";
+  if (named == 0 && total == static_cast<std::ptrdiff_t>(types.size()) - clients)
+    return "all servers";
   return listed(names);
 }
 
@@ -126,7 +132,8 @@ std::string places_text(const CommandOption& row) {
   if (!row.actions) return "";
   std::vector<std::string> names;
   for (const ActionName& action : SETTING_ACTIONS) {
-    if (((row.actions->servers | row.actions->clients) & action.action) != 0) names.emplace_back(action.option);
+    if (((row.actions->servers | row.actions->clients) & action.action) != 0)
+      names.emplace_back(action.option);
   }
   return listed(names);
 }
@@ -145,7 +152,8 @@ void check_choices(const CommandOption& row, const std::string& argument) {
   for (const std::string& choice : split(argument, CHOICE_MARK)) {
     if (!takes(row, choice)) fail(std::string("--") + row.opt.name + " does not take " + choice);
   }
-  if (takes(row, NO_CHOICE)) fail(std::string("--") + row.opt.name + " takes more than " + argument);
+  if (takes(row, NO_CHOICE))
+    fail(std::string("--") + row.opt.name + " takes more than " + argument);
 }
 
 std::string head_of(const CommandOption& row, const std::string& argument) {
@@ -156,7 +164,8 @@ std::string head_of(const CommandOption& row, const std::string& argument) {
   }
   std::string head;
   if (is_action(row))
-    head = std::string("*-") + static_cast<char>(row.opt.val) + '*' + (shown.empty() ? "" : " " + shown) + ", ";
+    head = std::string("*-") + static_cast<char>(row.opt.val) + '*' +
+           (shown.empty() ? "" : " " + shown) + ", ";
   head += "*--" + literal(row.opt.name) + '*';
   return shown.empty() ? head : head + '=' + shown;
 }
@@ -203,7 +212,8 @@ void put_form_options(Page& page, const Words&) {
   for (const TypeName& type : type_names()) {
     std::vector<std::string> names;
     for (const CommandOption* row : rows()) {
-      if (row->cgi && !is_action(*row) && has_type(*row, {}, type.type)) names.push_back(literal(row->opt.name));
+      if (row->cgi && !is_action(*row) && has_type(*row, {}, type.type))
+        names.push_back(literal(row->opt.name));
     }
     page.out() << "|  " << type.name << "\n:  " << type.type << "\n:  " << listed(names) << '\n';
   }
@@ -218,9 +228,10 @@ void put_completion(Page& page, const Words&) {
   page.out() << "'\n_ormel_interface='" << ormel::option::OUT_EIF << "'\n_ormel_options='\n";
   for (const CommandOption* row : rows()) {
     const Argument argument = argument_of(*row, page.texts("options").of(row->opt.name));
-    const std::string letter = is_action(*row) ? std::string(1, static_cast<char>(row->opt.val)) : "";
-    page.out() << row->opt.name << ';' << letter << ';' << argument.name << "; " << words_of(types_of(*row, argument))
-               << " \n";
+    const std::string letter =
+        is_action(*row) ? std::string(1, static_cast<char>(row->opt.val)) : "";
+    page.out() << row->opt.name << ';' << letter << ';' << argument.name << "; "
+               << words_of(types_of(*row, argument)) << " \n";
   }
   page.out() << "'\n";
 }

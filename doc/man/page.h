@@ -1,4 +1,5 @@
-// A page on its way from its source to scdoc: lines that begin with "%" are replaced by what the program's tables say.
+// A page on its way from its source to scdoc: lines that begin with "%" are replaced by what the
+// program's tables say.
 #pragma once
 
 #include <ostream>
@@ -36,7 +37,8 @@ void put_completion(Page& page, const Words& words);     // all of it, for the s
 void put_errors(Page& page, const Words& words);         // codes and texts
 void put_routes(Page& page, const Words& words);         // of the web program
 void put_notifications(Page& page, const Words& words);  // of the notification centre
-// The keys that each of the given sections of vpn.conf has with the same default, less those that were put before.
+// The keys that each of the given sections of vpn.conf has with the same default, less those that
+// were put before.
 void put_keys(Page& page, const Words& words);
 // Every key of every section has been put, if any has.
 void check_keys();

@@ -35,7 +35,8 @@ void put_errors(Page& page, const Words&) {
     const std::string text = ormel::get_error_message(code);
     if (text == unknown) continue;  // not assigned
     const Entry& entry = page.texts("errors").of(std::to_string(code));
-    page.out() << "|  " << code << "\n:  " << literal(text) << "\n:  " << joined(entry.lines) << '\n';
+    page.out() << "|  " << code << "\n:  " << literal(text) << "\n:  " << joined(entry.lines)
+               << '\n';
   }
 }
 
@@ -48,7 +49,9 @@ void put_routes(Page& page, const Words&) {
       page.out() << "## " << literal(family) << "\n\n";
     }
     const Entry& entry = page.texts("routes").of(path);
-    put_entry(page, '*' + literal(path) + "* (" + who_may_use(route.access) + ')' + effect_of(route), entry.lines);
+    put_entry(page,
+              '*' + literal(path) + "* (" + who_may_use(route.access) + ')' + effect_of(route),
+              entry.lines);
   }
 }
 

@@ -37,7 +37,8 @@ Texts::Texts(const std::string& path) : path_(path) {
     if (line.starts_with(HEAD)) {
       entries_.push_back(parse_head(line));
       Entry& entry = entries_.back();
-      if (!by_key_.emplace(entry.key, &entry).second) fail(path + ": two entries \"" + entry.key + '"');
+      if (!by_key_.emplace(entry.key, &entry).second)
+        fail(path + ": two entries \"" + entry.key + '"');
     } else if (!entries_.empty()) {
       entries_.back().lines.push_back(line);
     }

@@ -1,4 +1,5 @@
-// The descriptions that the program's tables have no use for themselves, in files that are easy to edit:
+// The descriptions that the program's tables have no use for themselves, in files that are easy to
+// edit:
 //
 //   @ KEY
 //   @ KEY | DETAIL
@@ -39,7 +40,8 @@ class Texts {
   std::map<std::string, Entry*> by_key_;
 };
 
-// Reports on standard error what is wrong; the program goes on, to find all of it, and ends with a failure.
+// Reports on standard error what is wrong; the program goes on, to find all of it, and ends with a
+// failure.
 void fail(const std::string& what);
 [[nodiscard]] bool has_failed();
 

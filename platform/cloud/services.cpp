@@ -106,7 +106,8 @@ Services::Services(std::string folder)
 HttpReply Services::answer(const HttpRequest& request) {
   record(request);
   const Json faults = load(folder_ + "/faults.json");
-  const json_t* const fault = json_object_get(faults.get(), (request.method + ' ' + request.path).c_str());
+  const json_t* const fault =
+      json_object_get(faults.get(), (request.method + ' ' + request.path).c_str());
   // A fault with a status or body also means that the cloud has not done the work.
   const bool works = !json_object_get(fault, "status") && !json_object_get(fault, "body");
   HttpReply reply = works ? dispatch(request) : HttpReply{};
@@ -117,15 +118,17 @@ HttpReply Services::dispatch(const HttpRequest& request) {
   for (const Operation& operation : OPERATIONS) {
     const std::string_view path = request.path;
     if (request.method != operation.method || !path.starts_with(operation.before) ||
-        !path.ends_with(operation.behind) || path.size() < operation.before.size() + operation.behind.size()) {
+        !path.ends_with(operation.behind) ||
+        path.size() < operation.before.size() + operation.behind.size()) {
       continue;
     }
-    const std::string device{
-        path.substr(operation.before.size(), path.size() - operation.before.size() - operation.behind.size())};
+    const std::string device{path.substr(
+        operation.before.size(), path.size() - operation.before.size() - operation.behind.size())};
     if (operation.before.ends_with('/') == device.empty()) continue;
-    const std::string token =
-        operation.scheme + std::string(operation.token) + (operation.token == DEVICE_TOKEN ? device : "");
-    if (operation.header && header(request, operation.header) != token) return refuse(401, "not authorised");
+    const std::string token = operation.scheme + std::string(operation.token) +
+                              (operation.token == DEVICE_TOKEN ? device : "");
+    if (operation.header && header(request, operation.header) != token)
+      return refuse(401, "not authorised");
     return (this->*operation.act)(request, device);
   }
   return refuse(404, "no such operation");
@@ -140,8 +143,10 @@ HttpReply Services::create_organization(const HttpRequest& request, const std::s
   const char* const name = text_or_null(wish.get(), "name");
   if (!name) return refuse(400, "no name");
   const std::string id = "org-" + std::to_string(next_++);
-  json_array_append_new(world("organizations"), json_pack("{s:s, s:s}", "name", name, "organization_id", id.c_str()));
-  return reply_with(Json{json_pack("{s:i, s:{s:s}}", "code", 0, "result", "organization_id", id.c_str())});
+  json_array_append_new(world("organizations"),
+                        json_pack("{s:s, s:s}", "name", name, "organization_id", id.c_str()));
+  return reply_with(
+      Json{json_pack("{s:i, s:{s:s}}", "code", 0, "result", "organization_id", id.c_str())});
 }
 
 HttpReply Services::account(const HttpRequest&, const std::string&) {
@@ -154,8 +159,9 @@ HttpReply Services::register_edge(const HttpRequest& request, const std::string&
   const int number = next_++;
   const std::string id = "device-" + std::to_string(number);
   json_object_set_new(devices_.get(), id.c_str(), device.release());
-  return reply_with(Json{json_pack("{s:s, s:s, s:i, s:O}", "deviceId", id.c_str(), "pelmarToken", PELMAR_TOKEN,
-                                   "serialNumber", 4000 + number, "virtualIP", world("address"))});
+  return reply_with(
+      Json{json_pack("{s:s, s:s, s:i, s:O}", "deviceId", id.c_str(), "pelmarToken", PELMAR_TOKEN,
+                     "serialNumber", 4000 + number, "virtualIP", world("address"))});
 }
 
 HttpReply Services::list_groups(const HttpRequest&, const std::string&) {
@@ -170,7 +176,8 @@ HttpReply Services::register_device(const HttpRequest&, const std::string& devic
 HttpReply Services::configure_agent(const HttpRequest& request, const std::string& device) {
   if (!json_object_get(devices_.get(), device.c_str())) return refuse(404, "no such device");
   if (request.query != "format=json") return refuse(400, "no such format");
-  const std::string text = "DEV_ID=\"" + device + "\"\nDEV_TOKEN=\"" + DEVICE_TOKEN + device + "\"\n";
+  const std::string text =
+      "DEV_ID=\"" + device + "\"\nDEV_TOKEN=\"" + DEVICE_TOKEN + device + "\"\n";
   return reply_with(Json{json_pack("{s:s}", "cloudagentCfg", text.c_str())});
 }
 
@@ -178,9 +185,11 @@ HttpReply Services::check_subnet(const HttpRequest& request, const std::string&)
   const Json question{json_loads(request.body.c_str(), 0, nullptr)};
   const json_t* const first = json_array_get(json_object_get(question.get(), "data"), 0);
   const char* const ip = text_or_null(first, "ip");
-  if (!ip || !json_is_array(json_object_get(first, "excludedSubnets"))) return refuse(400, "no address");
+  if (!ip || !json_is_array(json_object_get(first, "excludedSubnets")))
+    return refuse(400, "no address");
   if (!holds(world("taken"), ip)) return reply_with(Json{json_pack("{s:[]}", "data")});
-  return reply_with(Json{json_pack("{s:[{s:{s:O}}]}", "data", "data", "sugIPNet", world("suggestion"))}, 409);
+  return reply_with(
+      Json{json_pack("{s:[{s:{s:O}}]}", "data", "data", "sugIPNet", world("suggestion"))}, 409);
 }
 
 HttpReply Services::remove_device(const HttpRequest& request, const std::string& device) {
@@ -190,24 +199,26 @@ HttpReply Services::remove_device(const HttpRequest& request, const std::string&
 }
 
 HttpReply Services::list_sites(const HttpRequest&, const std::string& organization) {
-  return reply_with(Json{
-      json_pack("{s:i, s:[{s:s}]}", "code", 0, "result", "organization_site_id", ("site-of-" + organization).c_str())});
+  return reply_with(Json{json_pack("{s:i, s:[{s:s}]}", "code", 0, "result", "organization_site_id",
+                                   ("site-of-" + organization).c_str())});
 }
 
 // Returns the login result, as a page for clients that accept HTML. Every login succeeds here.
 HttpReply Services::log_in(const HttpRequest& request, const std::string&) {
-  const Json answer{json_pack("{s:s, s:s, s:i}", "access_token", CLOUD_TOKEN, "refresh_token", REFRESH_TOKEN,
-                              "expires_in", LOGIN_LIFE)};
+  const Json answer{json_pack("{s:s, s:s, s:i}", "access_token", CLOUD_TOKEN, "refresh_token",
+                              REFRESH_TOKEN, "expires_in", LOGIN_LIFE)};
   const std::string code = to_base64(compact(answer.get()));
   if (header(request, "accept").find("text/html") == std::string::npos) return {.body = code};
-  return {.body = std::string(LOGIN_PAGE[0]) + code + LOGIN_PAGE[1], .type = "text/html; charset=utf-8"};
+  return {.body = std::string(LOGIN_PAGE[0]) + code + LOGIN_PAGE[1],
+          .type = "text/html; charset=utf-8"};
 }
 
 HttpReply Services::renew_login(const HttpRequest& request, const std::string&) {
   const Json wish{json_loads(request.body.c_str(), 0, nullptr)};
   const char* const token = text_or_null(wish.get(), "refresh_token");
   if (!token || std::string_view{token} != REFRESH_TOKEN) return refuse(401, "not authorised");
-  return reply_with(Json{json_pack("{s:s, s:i}", "access_token", CLOUD_TOKEN, "expires_in", LOGIN_LIFE)});
+  return reply_with(
+      Json{json_pack("{s:s, s:i}", "access_token", CLOUD_TOKEN, "expires_in", LOGIN_LIFE)});
 }
 
 HttpReply Services::location(const HttpRequest&, const std::string&) {
@@ -217,7 +228,8 @@ HttpReply Services::location(const HttpRequest&, const std::string&) {
 HttpReply Services::give_token(const HttpRequest& request, const std::string&) {
   const Json wish{json_loads(request.body.c_str(), 0, nullptr)};
   if (!text_or_null(wish.get(), "orgId")) return refuse(400, "no organisation");
-  return reply_with(Json{json_pack("{s:s, s:i}", "pelmarToken", PELMAR_TOKEN, "expires_in", TOKEN_LIFE)});
+  return reply_with(
+      Json{json_pack("{s:s, s:i}", "pelmarToken", PELMAR_TOKEN, "expires_in", TOKEN_LIFE)});
 }
 
 HttpReply Services::membership(const HttpRequest&, const std::string& device) {
@@ -238,9 +250,10 @@ void Services::record(const HttpRequest& request) const {
   Json headers{json_object()};
   for (const auto& [name, value] : request.headers)
     json_object_set_new(headers.get(), name.c_str(), json_text(value).release());
-  const Json line{json_pack("{s:o, s:s, s:o, s:s, s:o, s:o}", "host", json_text(header(request, "host")).release(),
-                            "method", request.method.c_str(), "path", json_text(request.path).release(), "query",
-                            request.query.c_str(), "headers", headers.release(), "body",
+  const Json line{json_pack("{s:o, s:s, s:o, s:s, s:o, s:o}", "host",
+                            json_text(header(request, "host")).release(), "method",
+                            request.method.c_str(), "path", json_text(request.path).release(),
+                            "query", request.query.c_str(), "headers", headers.release(), "body",
                             json_text(request.body).release())};
   const File file{std::fopen((folder_ + "/requests").c_str(), "ae")};
   if (file) std::fprintf(file.get(), "%s\n", compact(line.get()).c_str());

@@ -2,15 +2,18 @@
 // the joined devices.
 //
 // All data is in one folder. "world.json" is read at the start:
-//   {"account": {"display_name", "email", "site"}, "organizations": [{"name", "organization_id", "created_by"}],
+//   {"account": {"display_name", "email", "site"}, "organizations": [{"name", "organization_id",
+//   "created_by"}],
 //    "groups": [{"groupId", "name", "hubs"}], "address": the address that the next device gets,
 //    "taken": [addresses that clash], "suggestion": "address/prefix" offered for those,
 //    "location": {"address", "latitude", "longitude", "country_code"} of every host,
 //    "membership": what each device learns about its hub and super node}
 // "faults.json", if it exists, is read for each request. It maps "METHOD /path" to a fault that
 // replaces the answer,
-//   {"status", "body", "headers", "padding", "delay": milliseconds, "hang_up"}, each of which may be missing.
-// "requests" gets one line for each request: {"host", "method", "path", "query", "headers", "body"}.
+//   {"status", "body", "headers", "padding", "delay": milliseconds, "hang_up"}, each of which may
+//   be missing.
+// "requests" gets one line for each request: {"host", "method", "path", "query", "headers",
+// "body"}.
 #pragma once
 
 #include <string>
@@ -29,7 +32,8 @@ class Services {
  private:
   [[nodiscard]] HttpReply dispatch(const HttpRequest& request);
   [[nodiscard]] HttpReply list_organizations(const HttpRequest& request, const std::string& device);
-  [[nodiscard]] HttpReply create_organization(const HttpRequest& request, const std::string& device);
+  [[nodiscard]] HttpReply create_organization(const HttpRequest& request,
+                                              const std::string& device);
   [[nodiscard]] HttpReply account(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply register_edge(const HttpRequest& request, const std::string& device);
   [[nodiscard]] HttpReply list_groups(const HttpRequest& request, const std::string& device);

@@ -22,7 +22,8 @@ constexpr timeval PATIENCE{5, 0};  // for a silent client
 constexpr int BACKLOG = 64;
 
 std::string lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return std::tolower(c); });
   return text;
 }
 
@@ -45,7 +46,8 @@ bool parse_head(const std::string& head, HttpRequest& request) {
     const std::size_t colon = line.find(':');
     if (colon != std::string::npos) {
       const std::size_t value = line.find_first_not_of(' ', colon + 1);
-      request.headers[lower(line.substr(0, colon))] = value == std::string::npos ? "" : line.substr(value);
+      request.headers[lower(line.substr(0, colon))] =
+          value == std::string::npos ? "" : line.substr(value);
     }
     at = end;
   }
@@ -75,7 +77,8 @@ bool read_request(SSL* tls, HttpRequest& request) {
 
 bool write_all(SSL* tls, const std::string& text) {
   for (std::size_t done = 0; done < text.size();) {
-    const int put = SSL_write(tls, text.data() + done, static_cast<int>(std::min(PIECE, text.size() - done)));
+    const int put =
+        SSL_write(tls, text.data() + done, static_cast<int>(std::min(PIECE, text.size() - done)));
     if (put <= 0) return false;
     done += static_cast<std::size_t>(put);
   }
@@ -84,9 +87,10 @@ bool write_all(SSL* tls, const std::string& text) {
 
 // Returns whether the connection can carry another request.
 bool write_reply(SSL* tls, const HttpReply& reply) {
-  const std::string head = "HTTP/1.1 " + std::to_string(reply.status) + " -\r\nContent-Type: " + reply.type +
-                           "\r\nContent-Length: " + std::to_string(reply.body.size() + reply.padding) + "\r\n" +
-                           reply.more_headers + "\r\n";
+  const std::string head =
+      "HTTP/1.1 " + std::to_string(reply.status) + " -\r\nContent-Type: " + reply.type +
+      "\r\nContent-Length: " + std::to_string(reply.body.size() + reply.padding) + "\r\n" +
+      reply.more_headers + "\r\n";
   if (!write_all(tls, head + reply.body)) return false;
   const std::string blanks(PIECE, ' ');
   for (std::size_t left = reply.padding; left > 0;) {
@@ -101,7 +105,8 @@ bool write_reply(SSL* tls, const HttpReply& reply) {
 
 TlsServer::TlsServer(const std::string& certificate, const std::string& key)
     : context_(SSL_CTX_new(TLS_server_method())) {
-  usable_ = context_ && SSL_CTX_use_certificate_chain_file(context_.get(), certificate.c_str()) == 1 &&
+  usable_ = context_ &&
+            SSL_CTX_use_certificate_chain_file(context_.get(), certificate.c_str()) == 1 &&
             SSL_CTX_use_PrivateKey_file(context_.get(), key.c_str(), SSL_FILETYPE_PEM) == 1;
 }
 

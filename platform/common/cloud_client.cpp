@@ -42,13 +42,16 @@ CloudReply CloudClient::ask(const CloudRequest& request) const {
     if (longer) std::ignore = headers.release(), headers.reset(longer);
     return longer != nullptr;
   };
-  bool complete = add("accept: application/json") && (request.body.empty() || add("Content-Type: application/json"));
+  bool complete = add("accept: application/json") &&
+                  (request.body.empty() || add("Content-Type: application/json"));
   for (const std::string& line : request.headers) complete = complete && add(line.c_str());
   if (!complete) return {};
 
   std::string text;
   const std::string url = cloud_base(request.service) + request.path;
-  const auto set = [this](auto option, auto value) { curl_easy_setopt(handle_.get(), option, value); };
+  const auto set = [this](auto option, auto value) {
+    curl_easy_setopt(handle_.get(), option, value);
+  };
   set(CURLOPT_URL, url.c_str());
   set(CURLOPT_PATH_AS_IS, 1L);
   set(CURLOPT_PROTOCOLS_STR, "https");
@@ -67,8 +70,10 @@ CloudReply CloudClient::ask(const CloudRequest& request) const {
     set(CURLOPT_SSL_VERIFYHOST, 0L);
   }
   CloudReply reply;
-  bool needs_bundle = false;  // asked again each time: the host's authorities may change while a daemon runs
-  if (perform_with_authority(Library{}, handle_.get(), TIMEOUT_SECONDS, needs_bundle) != CURLE_OK) return reply;
+  bool needs_bundle =
+      false;  // asked again each time: the host's authorities may change while a daemon runs
+  if (perform_with_authority(Library{}, handle_.get(), TIMEOUT_SECONDS, needs_bundle) != CURLE_OK)
+    return reply;
   curl_easy_getinfo(handle_.get(), CURLINFO_RESPONSE_CODE, &reply.status);
   reply.root = parse_request(text, HTTP_ANSWER_MAX);
   return reply;

@@ -1,4 +1,5 @@
-// The cloud's services as the appliance's own daemons and tools ask them: which host, and one request after the other.
+// The cloud's services as the appliance's own daemons and tools ask them: which host, and one
+// request after the other.
 #pragma once
 
 #include <memory>
@@ -27,8 +28,8 @@ struct CloudReply {
   [[nodiscard]] bool good() const { return status >= 200 && status <= 299; }
 };
 
-// Asks over HTTPS, checks who answers, follows no redirection and waits ten seconds at most. A connection stays for the
-// next request. One thread at a time.
+// Asks over HTTPS, checks who answers, follows no redirection and waits ten seconds at most. A
+// connection stays for the next request. One thread at a time.
 class CloudClient {
  public:
   CloudClient() : handle_(curl_easy_init()) {}

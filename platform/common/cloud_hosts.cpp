@@ -13,7 +13,8 @@ namespace fenro {
 namespace {
 
 constexpr const char* PACKAGES = "/etc/config/pakrix.conf";
-constexpr const char* SITE_FILE = "/data/user.conf";  // below the folder of the developer switch application
+constexpr const char* SITE_FILE =
+    "/data/user.conf";  // below the folder of the developer switch application
 
 const cloud::Service& service_of(CloudService service) {
   switch (service) {
@@ -26,11 +27,13 @@ const cloud::Service& service_of(CloudService service) {
 }
 
 std::string lowered(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return std::tolower(c); });
   return text;
 }
 
-std::string setting(const std::string& file, const char* section, const char* key, std::string_view fallback) {
+std::string setting(const std::string& file, const char* section, const char* key,
+                    std::string_view fallback) {
   const std::string value = ini::read_value(file.c_str(), section, key).value_or("");
   return lowered(value.empty() ? std::string{fallback} : value);
 }
@@ -48,7 +51,8 @@ std::string site_of(CloudService service) {
 std::string cloud_base(CloudService service) {
   const cloud::Service& hosts = service_of(service);
   const std::string site = site_of(service);
-  const std::string region = setting(pelmar::ACCOUNT, pelmar::ACCOUNT_SECTION, "REGION", cloud::GLOBAL_REGION);
+  const std::string region =
+      setting(pelmar::ACCOUNT, pelmar::ACCOUNT_SECTION, "REGION", cloud::GLOBAL_REGION);
   return cloud::base_of(hosts, region, hosts.global.find(site) ? site : cloud::PRODUCTION);
 }
 

@@ -47,7 +47,8 @@ bool insert(const char* method, const Record& record) {
 
 // What rows of both logs have.
 template <typename Record>
-void fill(Record& record, std::uint32_t type, std::time_t since, ConnectionEvent event, Traffic traffic) {
+void fill(Record& record, std::uint32_t type, std::time_t since, ConnectionEvent event,
+          Traffic traffic) {
   const std::time_t now = std::time(nullptr);
   record.vpn_type = static_cast<int>(type);
   record.time = static_cast<std::uint64_t>(now);
@@ -81,7 +82,8 @@ bool may_tell(const std::string& kind) {
   constexpr std::time_t PAUSE = 60;  // seconds
   if (!make_private_folder(FOLDER)) return false;
   const std::string mark = std::string(FOLDER) + '/' + kind;
-  const Fd fd{open(mark.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, S_IRUSR | S_IWUSR)};
+  const Fd fd{open(mark.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                   S_IRUSR | S_IWUSR)};
   struct stat info {};
   if (!fd || flock(fd.get(), LOCK_EX | LOCK_NB) != 0 || fstat(fd.get(), &info) != 0) return false;
   if (info.st_size > 0 && std::time(nullptr) - info.st_mtime < PAUSE) return false;
@@ -100,7 +102,8 @@ std::string printable(std::string text) {
 }  // namespace
 
 bool begin_session(const OnlineUsers& users, const OnlineUser& session) {
-  const bool closed = end_sessions(users, [&](const OnlineUser& old) { return same_place(old, session); });
+  const bool closed =
+      end_sessions(users, [&](const OnlineUser& old) { return same_place(old, session); });
   const bool listed = users.add(session);
   return log_server(session, ConnectionEvent::Connected, {}) && closed && listed;
 }
@@ -108,7 +111,8 @@ bool begin_session(const OnlineUsers& users, const OnlineUser& session) {
 bool end_sessions(const OnlineUsers& users, const OnlineUsers::Chosen& chosen, Traffic traffic) {
   std::vector<OnlineUser> gone;
   bool done = users.remove(chosen, gone);
-  for (const OnlineUser& session : gone) done = log_server(session, ConnectionEvent::Disconnected, traffic) && done;
+  for (const OnlineUser& session : gone)
+    done = log_server(session, ConnectionEvent::Disconnected, traffic) && done;
   return done;
 }
 
@@ -130,7 +134,8 @@ void tell_refusal(const OnlineUser& login, const std::string& reason) {
   event.type = WARNING;
   put(event.event_user, printable(login.user));
   put(event.event_ip, login.source);
-  put(event.event_desc, "[VPN] Login of " + printable(login.user) + " from " + login.source + " refused: " + reason);
+  put(event.event_desc,
+      "[VPN] Login of " + printable(login.user) + " from " + login.source + " refused: " + reason);
   std::ignore = naslog_event_add(&event);  // the row of the login is there without it
 }
 

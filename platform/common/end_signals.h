@@ -14,8 +14,8 @@ namespace fenro {
   return set;
 }
 
-// Keeps them from the calling thread and all that it makes from now on, so that the owner of a descriptor for them gets
-// them (bus::Server has one).
+// Keeps them from the calling thread and all that it makes from now on, so that the owner of a
+// descriptor for them gets them (bus::Server has one).
 inline void block_end_signals() {
   const sigset_t set = end_signals();
   pthread_sigmask(SIG_BLOCK, &set, nullptr);

@@ -28,7 +28,8 @@ struct KindName {
   Hold::Kind kind;
   const char* word;
 };
-constexpr KindName KINDS[] = {{Hold::Kind::User, "user"}, {Hold::Kind::Peer, "peer"}, {Hold::Kind::Limit, "limit"}};
+constexpr KindName KINDS[] = {
+    {Hold::Kind::User, "user"}, {Hold::Kind::Peer, "peer"}, {Hold::Kind::Limit, "limit"}};
 
 std::string folder_of(const std::string& path) {
   return path.substr(0, path.rfind('/'));
@@ -45,10 +46,12 @@ std::optional<Hold> parse_hold(const json_t* item) {
   const char* name = text_or_null(item, "name");
   const char* by = text_or_null(item, "by");
   const char* boot = text_or_null(item, "boot");
-  if (!kind || !who || !name || !by || !boot || !parse_base64(who, hold.who) || !parse_base64(name, hold.name))
+  if (!kind || !who || !name || !by || !boot || !parse_base64(who, hold.who) ||
+      !parse_base64(name, hold.name))
     return {};
-  const auto* const row = std::find_if(std::begin(KINDS), std::end(KINDS),
-                                       [&](const KindName& known) { return !std::strcmp(kind, known.word); });
+  const auto* const row =
+      std::find_if(std::begin(KINDS), std::end(KINDS),
+                   [&](const KindName& known) { return !std::strcmp(kind, known.word); });
   if (row == std::end(KINDS) || hold.who.empty()) return {};
   hold.kind = row->kind;
   hold.by = by;
@@ -79,11 +82,13 @@ bool parse(std::string_view text, std::vector<Hold>& holds) {
 std::string text_of(const std::vector<Hold>& holds) {
   const Json list{json_array()};
   for (const Hold& hold : holds) {
-    json_array_append_new(list.get(), json_pack("{s:s, s:s, s:s, s:o, s:I, s:I, s:s, s:I}", "kind", word_of(hold.kind),
-                                                "who", to_base64(hold.who).c_str(), "name",
-                                                to_base64(hold.name).c_str(), "by", json_text(hold.by).release(),
-                                                "since", json_int_t{hold.since}, "until", json_int_t{hold.until},
-                                                "boot", hold.boot.c_str(), "boot_until", json_int_t{hold.boot_until}));
+    json_array_append_new(
+        list.get(),
+        json_pack("{s:s, s:s, s:s, s:o, s:I, s:I, s:s, s:I}", "kind", word_of(hold.kind), "who",
+                  to_base64(hold.who).c_str(), "name", to_base64(hold.name).c_str(), "by",
+                  json_text(hold.by).release(), "since", json_int_t{hold.since}, "until",
+                  json_int_t{hold.until}, "boot", hold.boot.c_str(), "boot_until",
+                  json_int_t{hold.boot_until}));
   }
   const Json root{json_pack("{s:O}", "holds", list.get())};
   return compact(root.get()) + '\n';
@@ -115,13 +120,18 @@ void Holds::report_damage() {
   constexpr int WARNING = 1;
   naslog_event event{};
   event.type = WARNING;
-  constexpr std::string_view TEXT = "[VPN] The list of users who are kept out was damaged. No one is kept out now.";
+  constexpr std::string_view TEXT =
+      "[VPN] The list of users who are kept out was damaged. No one is kept out now.";
   TEXT.copy(event.event_desc, sizeof event.event_desc - 1);
   std::ignore = naslog_event_add(&event);  // the change goes on without the event, too
 }
 
-Holds::Holds(std::string file, std::string lock, std::function<Moment()> now, std::function<void()> on_damage)
-    : file_(std::move(file)), lock_(std::move(lock)), now_(std::move(now)), on_damage_(std::move(on_damage)) {}
+Holds::Holds(std::string file, std::string lock, std::function<Moment()> now,
+             std::function<void()> on_damage)
+    : file_(std::move(file)),
+      lock_(std::move(lock)),
+      now_(std::move(now)),
+      on_damage_(std::move(on_damage)) {}
 
 std::vector<Hold> Holds::stored() const {
   std::vector<Hold> holds;
@@ -147,11 +157,14 @@ std::vector<Hold> Holds::limits() const {
 }
 
 bool Holds::holds(Hold::Kind kind, std::string_view who) const {
-  return std::ranges::any_of(list(), [&](const Hold& hold) { return hold.kind == kind && hold.who == who; });
+  return std::ranges::any_of(
+      list(), [&](const Hold& hold) { return hold.kind == kind && hold.who == who; });
 }
 
-bool Holds::change(const std::function<bool(std::vector<Hold>& holds, const Moment& now)>& edit) const {
-  if (!make_private_folder(folder_of(file_)) || !make_private_folder(folder_of(lock_))) return false;
+bool Holds::change(
+    const std::function<bool(std::vector<Hold>& holds, const Moment& now)>& edit) const {
+  if (!make_private_folder(folder_of(file_)) || !make_private_folder(folder_of(lock_)))
+    return false;
   const Fd lock{open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, S_IRUSR | S_IWUSR)};
   if (!lock || TEMP_FAILURE_RETRY(flock(lock.get(), LOCK_EX)) != 0) return false;
   std::vector<Hold> holds;
@@ -168,8 +181,9 @@ bool Holds::put(Hold hold, const std::function<void(Hold& hold, const Moment& no
   if (hold.who.empty()) return false;
   bool room = true;
   const bool written = change([&](std::vector<Hold>& holds, const Moment& now) {
-    std::erase_if(holds,
-                  [&](const Hold& old) { return is_over(old, now) || (old.kind == hold.kind && old.who == hold.who); });
+    std::erase_if(holds, [&](const Hold& old) {
+      return is_over(old, now) || (old.kind == hold.kind && old.who == hold.who);
+    });
     room = holds.size() < MOST;
     if (!room) return false;
     date(hold, now);
@@ -197,8 +211,8 @@ bool Holds::limit(Hold hold) const {
 
 bool Holds::lift(const std::function<bool(const Hold&)>& chosen, std::vector<Hold>& ended) const {
   return change([&](std::vector<Hold>& holds, const Moment&) {
-    const auto first =
-        std::stable_partition(holds.begin(), holds.end(), [&](const Hold& hold) { return !chosen(hold); });
+    const auto first = std::stable_partition(holds.begin(), holds.end(),
+                                             [&](const Hold& hold) { return !chosen(hold); });
     const bool any = first != holds.end();
     ended.insert(ended.end(), std::make_move_iterator(first), std::make_move_iterator(holds.end()));
     holds.erase(first, holds.end());

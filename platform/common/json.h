@@ -12,9 +12,11 @@
 
 namespace fenro {
 
-inline constexpr std::size_t REQUEST_MAX = 64UL * 1024;  // what most daemons are asked is below 2 KiB
+inline constexpr std::size_t REQUEST_MAX =
+    64UL * 1024;  // what most daemons are asked is below 2 KiB
 
-// A request's object. No body at all reads as an empty object; null for anything but an object, or more than `limit`.
+// A request's object. No body at all reads as an empty object; null for anything but an object, or
+// more than `limit`.
 [[nodiscard]] Json parse_request(std::string_view body, std::size_t limit = REQUEST_MAX);
 
 // The text under `key`, or null.

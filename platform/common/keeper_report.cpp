@@ -18,7 +18,8 @@ constexpr int NO_FLAG = -1;
 
 }  // namespace
 
-void report_to_keeper(std::string_view kind, int level, std::string_view subject, std::string_view text) {
+void report_to_keeper(std::string_view kind, int level, std::string_view subject,
+                      std::string_view text) {
   const Json request{json_object()};
   json_object_set_new(request.get(), "kind", json_text(kind).release());
   json_object_set_new(request.get(), "level", json_integer(level));

@@ -21,7 +21,8 @@ namespace {
 namespace log_db = ormel::log_db;
 
 constexpr const char* FOLDER = "/run/fenro/logins";
-constexpr std::uint32_t FILES = 256;  // users share them, so that strangers' names cannot fill the folder
+constexpr std::uint32_t FILES =
+    256;  // users share them, so that strangers' names cannot fill the folder
 constexpr auto LONGEST_WAIT = std::chrono::seconds(10);
 constexpr auto PAUSE = std::chrono::milliseconds(10);
 constexpr const char* BLOCKED = "1";
@@ -37,7 +38,8 @@ std::uint32_t hash_of(std::string_view user) {
 bool ask(const char* method, std::string_view user, std::string& reply) {
   const MibIo io{mib_io_create()};
   if (!io || mib_io_write(io.get(), user.data(), user.size()) < 0) return false;
-  if (mib_call(log_db::SERVICE, method, io.get(), log_db::TIMEOUT, NO_FLAG) != MIB_SUCCESS) return false;
+  if (mib_call(log_db::SERVICE, method, io.get(), log_db::TIMEOUT, NO_FLAG) != MIB_SUCCESS)
+    return false;
   const char* text = mib_io_read(io.get(), nullptr);
   reply = text ? text : "";
   return true;
@@ -50,7 +52,8 @@ LoginTurn::LoginTurn(std::string_view user) {
   std::string path = FOLDER;
   path += "/turn.";
   path += std::to_string(hash_of(user) % FILES);
-  Fd fd{open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR)};
+  Fd fd{open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
+             S_IRUSR | S_IWUSR)};
   if (!fd) return;
   const auto deadline = std::chrono::steady_clock::now() + LONGEST_WAIT;
   while (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {

@@ -13,9 +13,11 @@
 namespace fenro {
 namespace {
 
-// The lock of all writers; it goes with the descriptor. The start scripts take the same one with flock(1).
+// The lock of all writers; it goes with the descriptor. The start scripts take the same one with
+// flock(1).
 Fd lock_list(const std::string& path) {
-  std::ignore = make_private_folder(path.substr(0, path.rfind('/')));  // without it the next line fails
+  std::ignore =
+      make_private_folder(path.substr(0, path.rfind('/')));  // without it the next line fails
   Fd fd{open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, PRIVATE_FILE)};
   if (fd && TEMP_FAILURE_RETRY(flock(fd.get(), LOCK_EX)) != 0) fd.reset();
   return fd;
@@ -48,9 +50,10 @@ std::string without_breaks(std::string text) {
 }
 
 std::string line_of(const OnlineUser& session) {
-  std::string line = session.interface + ' ' + session.source + ' ' + std::to_string(session.number) + ' ' +
-                     session.local + ' ' + session.remote + ' ' + std::to_string(session.type) + ' ' +
-                     std::to_string(session.since) + ' ' + to_base64(session.user);
+  std::string line = session.interface + ' ' + session.source + ' ' +
+                     std::to_string(session.number) + ' ' + session.local + ' ' + session.remote +
+                     ' ' + std::to_string(session.type) + ' ' + std::to_string(session.since) +
+                     ' ' + to_base64(session.user);
   if (!session.device.empty()) line += ' ' + without_breaks(session.device);
   return line + '\n';
 }
@@ -68,13 +71,17 @@ std::vector<OnlineUser> OnlineUsers::list() const {
 }
 
 bool OnlineUsers::add(const OnlineUser& session) const {
-  for (const std::string* word : {&session.interface, &session.source, &session.local, &session.remote}) {
+  for (const std::string* word :
+       {&session.interface, &session.source, &session.local, &session.remote}) {
     if (!is_word(*word)) return false;
   }
-  if (session.user.empty()) return false;  // nothing would stand for it, and all behind it would move up
+  if (session.user.empty())
+    return false;  // nothing would stand for it, and all behind it would move up
   const Fd lock = lock_list(lock_);
   std::string text;
-  if (const int failure = read_file(file_.c_str(), text); !lock || (failure != 0 && failure != ENOENT)) return false;
+  if (const int failure = read_file(file_.c_str(), text);
+      !lock || (failure != 0 && failure != ENOENT))
+    return false;
   std::string lines{text};
   if (!lines.empty() && lines.back() != '\n') lines += '\n';
   return replace_file(file_, lines + line_of(session));

@@ -1,5 +1,6 @@
-// The list of live connections to the appliance's servers, one line a connection (base/online_line.h). Servers'
-// scripts, hooks and daemons write it under one lock, always whole, so a reader needs none.
+// The list of live connections to the appliance's servers, one line a connection
+// (base/online_line.h). Servers' scripts, hooks and daemons write it under one lock, always whole,
+// so a reader needs none.
 #pragma once
 
 #include <cstdint>
@@ -29,16 +30,19 @@ class OnlineUsers {
  public:
   using Chosen = std::function<bool(const OnlineUser&)>;
 
-  explicit OnlineUsers(std::string file = ONLINE_USERS, std::string lock = "/run/fenro/online_users.lock")
+  explicit OnlineUsers(std::string file = ONLINE_USERS,
+                       std::string lock = "/run/fenro/online_users.lock")
       : file_(std::move(file)), lock_(std::move(lock)) {}
 
   // What is online now, in the order of logins; empty when there is no list.
   [[nodiscard]] std::vector<OnlineUser> list() const;
 
-  // Adds a line. False for a word that would not be one, for nobody, or when the list can't be written.
+  // Adds a line. False for a word that would not be one, for nobody, or when the list can't be
+  // written.
   [[nodiscard]] bool add(const OnlineUser& session) const;
 
-  // Removes the lines that are chosen; `removed` takes what they said. A line that makes no sense is kept.
+  // Removes the lines that are chosen; `removed` takes what they said. A line that makes no sense
+  // is kept.
   [[nodiscard]] bool remove(const Chosen& chosen, std::vector<OnlineUser>& removed) const;
 
  private:

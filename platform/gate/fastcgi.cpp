@@ -41,8 +41,8 @@ std::optional<std::size_t> take_length(std::string_view& text) {
     return first;
   }
   if (text.size() < LONG_SIZE) return {};
-  const std::size_t length =
-      ((first & ~LONG) << 24U) | (byte_at(text, 1) << 16U) | (byte_at(text, 2) << 8U) | byte_at(text, 3);
+  const std::size_t length = ((first & ~LONG) << 24U) | (byte_at(text, 1) << 16U) |
+                             (byte_at(text, 2) << 8U) | byte_at(text, 3);
   text.remove_prefix(LONG_SIZE);
   return length;
 }
@@ -106,8 +106,8 @@ bool Request::take_head_end() {
 }
 
 std::string_view Request::variable(std::string_view name) const {
-  const auto found =
-      std::find_if(variables_.begin(), variables_.end(), [name](const auto& pair) { return pair.first == name; });
+  const auto found = std::find_if(variables_.begin(), variables_.end(),
+                                  [name](const auto& pair) { return pair.first == name; });
   return found == variables_.end() ? std::string_view{} : found->second;
 }
 
@@ -123,16 +123,19 @@ std::string Request::release() {
   if (variable(LENGTH).empty() && body_size_ > 0) {
     const std::string value = std::to_string(body_size_);
     const char lengths[] = {static_cast<char>(LENGTH.size()), static_cast<char>(value.size())};
-    bytes_.insert(head_end_, record(PARAMS, id_, std::string{lengths, sizeof lengths}.append(LENGTH) + value));
+    bytes_.insert(head_end_,
+                  record(PARAMS, id_, std::string{lengths, sizeof lengths}.append(LENGTH) + value));
   }
   body_.clear();
   return std::exchange(bytes_, {});
 }
 
-std::string Request::refusal(std::string_view status, std::string_view text, int retry_after) const {
+std::string Request::refusal(std::string_view status, std::string_view text,
+                             int retry_after) const {
   std::string answer{"Status: "};
   answer.append(status).append("\r\nContent-Type: text/plain; charset=utf-8\r\n");
-  if (retry_after > 0) answer.append("Retry-After: ").append(std::to_string(retry_after)).append("\r\n");
+  if (retry_after > 0)
+    answer.append("Retry-After: ").append(std::to_string(retry_after)).append("\r\n");
   answer.append("\r\n").append(text).append("\n");
   answer.resize(std::min(answer.size(), LONGEST_CONTENT));
   const std::uint16_t id = id_ == 0 ? 1 : id_;

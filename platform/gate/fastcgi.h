@@ -13,7 +13,8 @@ namespace fenro::gate {
 class Request {
  public:
   enum class State { Head, Body, Whole, Malformed };
-  static constexpr std::size_t HEAD_LIMIT = std::size_t{64} << 10U;  // names and values of all variables
+  static constexpr std::size_t HEAD_LIMIT = std::size_t{64}
+                                            << 10U;  // names and values of all variables
 
   // Takes the next bytes of the connection, split anywhere. Returns the new state.
   State feed(std::string_view bytes);
@@ -26,12 +27,14 @@ class Request {
   // Returns the bytes held.
   [[nodiscard]] std::size_t size() const { return bytes_.size(); }
 
-  // Returns the complete request to forward, and holds nothing afterwards. Adds CONTENT_LENGTH for a body of
-  // unannounced length: the programs read no body without it.
+  // Returns the complete request to forward, and holds nothing afterwards. Adds CONTENT_LENGTH for
+  // a body of unannounced length: the programs read no body without it.
   [[nodiscard]] std::string release();
 
-  // Returns a complete FastCGI answer that refuses this request. `retry_after` is in seconds; 0 omits the header.
-  [[nodiscard]] std::string refusal(std::string_view status, std::string_view text, int retry_after = 0) const;
+  // Returns a complete FastCGI answer that refuses this request. `retry_after` is in seconds; 0
+  // omits the header.
+  [[nodiscard]] std::string refusal(std::string_view status, std::string_view text,
+                                    int retry_after = 0) const;
 
  private:
   struct Record;

@@ -1,7 +1,7 @@
-// The gate between a web server and fcgiwrap. It holds each request in memory until it is complete, for a bounded time,
-// and only then lets a program start, so a slow or greedy client occupies no process. Waiting requests of the address
-// with the fewest running programs start first; requests that would overwrite each other's work run one after the
-// other.
+// The gate between a web server and fcgiwrap. It holds each request in memory until it is complete,
+// for a bounded time, and only then lets a program start, so a slow or greedy client occupies no
+// process. Waiting requests of the address with the fewest running programs start first; requests
+// that would overwrite each other's work run one after the other.
 #pragma once
 
 #include <chrono>
@@ -20,8 +20,8 @@ namespace fenro::gate {
 
 class Gate {
  public:
-  // `listener` is a listening stream socket, `stop` a descriptor that becomes readable when the gate must end,
-  // `programs` the path of fcgiwrap's socket.
+  // `listener` is a listening stream socket, `stop` a descriptor that becomes readable when the
+  // gate must end, `programs` the path of fcgiwrap's socket.
   Gate(Fd listener, Fd stop, std::string programs);
 
   // Serves until `stop` is readable. Returns 0, or 1 on a failure of poll.
@@ -38,7 +38,8 @@ class Gate {
     Fd server{};   // to the web server; closed when it hangs up, which does not end the program
     Fd program{};  // to fcgiwrap, while the program runs
     Phase phase = Phase::Receiving;
-    Clock::time_point since{}, until{};  // start of the phase, and its time-out; a running program has no time-out
+    Clock::time_point since{},
+        until{};  // start of the phase, and its time-out; a running program has no time-out
     Request request{};
     std::string address{}, network{};  // `network` identifies one client in all limits
     const Rule* rule = nullptr;
@@ -47,7 +48,9 @@ class Gate {
     std::string to_program{}, to_server{};
     std::size_t polled = 0;  // index of `server` in the poll list; `program` follows
 
-    [[nodiscard]] std::size_t held() const { return request.size() + to_program.size() + to_server.size(); }
+    [[nodiscard]] std::size_t held() const {
+      return request.size() + to_program.size() + to_server.size();
+    }
   };
 
   void accept_all();
@@ -63,7 +66,8 @@ class Gate {
   void start_all();
   [[nodiscard]] static Version current_version();
   [[nodiscard]] bool may_start(const Client& client) const;
-  [[nodiscard]] int running(const Group* group, const std::string* network) const;  // null counts all
+  [[nodiscard]] int running(const Group* group,
+                            const std::string* network) const;  // null counts all
   void start(Client& client);
   void expire(Clock::time_point now);
   void limit_unfinished(const std::string& network);

@@ -1,5 +1,5 @@
-// fenro-web-gate PROGRAMS [SOCKET]: receives the requests of a web server on SOCKET, or on the socket that systemd
-// passes, and forwards them to fcgiwrap, which listens on PROGRAMS.
+// fenro-web-gate PROGRAMS [SOCKET]: receives the requests of a web server on SOCKET, or on the
+// socket that systemd passes, and forwards them to fcgiwrap, which listens on PROGRAMS.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -40,7 +40,8 @@ Fd listen_on(const std::string& path) {
   unlink(path.c_str());
   umask(SOCKET_UMASK);
   Fd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
-  if (!fd || bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return Fd{};
+  if (!fd || bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    return Fd{};
   return listen(fd.get(), SOMAXCONN) == 0 ? std::move(fd) : Fd{};
 }
 

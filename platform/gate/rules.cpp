@@ -22,8 +22,8 @@ constexpr seconds UPLOAD_TIME{30};
 constexpr std::ptrdiff_t MOST_FIELDS = 4096;
 constexpr std::size_t MOST_NAMES = 512;  // an upload has two: of the field and of the file
 
-// Password checks are slow on purpose, and so are tunnels: both together leave a program for other requests. One
-// address never occupies all logins.
+// Password checks are slow on purpose, and so are tunnels: both together leave a program for other
+// requests. One address never occupies all logins.
 constexpr Group PLAIN{PROGRAMS, PROGRAMS, seconds{30}};
 constexpr Group LOGINS{4, 3, seconds{20}};
 constexpr Group TUNNELS{3, 3, seconds{60}};
@@ -46,8 +46,11 @@ constexpr Rule RULES[] = {
 constexpr Rule ALL_OTHERS{"", "", &PLAIN, NO_LOCK, FORM, FORM_TIME};
 
 // Without a template the parser stops at an upload instead of creating its file.
-constexpr cgi_settings WITHOUT_UPLOADS{
-    .fstream = -1, .var_mode = OVERRIDE_VAR_MODE, .upload_tempname = "", .upload_limit = 1, .buffer_size = 1};
+constexpr cgi_settings WITHOUT_UPLOADS{.fstream = -1,
+                                       .var_mode = OVERRIDE_VAR_MODE,
+                                       .upload_tempname = "",
+                                       .upload_limit = 1,
+                                       .buffer_size = 1};
 
 void parse_form(cgi_parser& parser, std::string_view text) {
   formpart_parser state;
@@ -87,7 +90,8 @@ Profile profile_of(const Request& request) {
 
 bool may_be_same(const Profile& one, const Profile& other) {
   if (one.index != other.index) return false;
-  return is_number(one.type) != is_number(other.type) || strcasecmp(one.type.c_str(), other.type.c_str()) == 0;
+  return is_number(one.type) != is_number(other.type) ||
+         strcasecmp(one.type.c_str(), other.type.c_str()) == 0;
 }
 
 bool has_too_many_fields(const Request& request) {
@@ -99,7 +103,8 @@ bool has_too_many_fields(const Request& request) {
   // Independent of the boundary: each part has a header with its name.
   constexpr std::string_view NAME = "name=\"";
   std::size_t names = 0;
-  for (std::size_t at = body.find(NAME); at != std::string::npos && names <= MOST_NAMES; at = body.find(NAME, at + 1))
+  for (std::size_t at = body.find(NAME); at != std::string::npos && names <= MOST_NAMES;
+       at = body.find(NAME, at + 1))
     ++names;
   return names > MOST_NAMES;
 }

@@ -28,7 +28,8 @@ enum Lock : unsigned {
   SLOTS = 1,    // allocates or frees a profile's slot
   PROFILE = 2,  // changes, connects or disconnects one profile
   ARCHIVE = 4,  // makes and sends the archive of the logs, whose path is fixed
-  SAVE = 8,     // reads the profiles and writes them all back soon after its start; ends when the file has changed
+  SAVE = 8,  // reads the profiles and writes them all back soon after its start; ends when the file
+             // has changed
 };
 
 struct Rule {
@@ -47,12 +48,12 @@ struct Profile {
   long index = 0;
 };
 [[nodiscard]] Profile profile_of(const Request& request);
-// Returns whether both may be the same profile. A type has a name and a number, and only the program maps one to the
-// other: a name and a number count as equal.
+// Returns whether both may be the same profile. A type has a name and a number, and only the
+// program maps one to the other: a name and a number count as equal.
 [[nodiscard]] bool may_be_same(const Profile& one, const Profile& other);
 
-// Returns whether a form has more fields or uploads than a page or script ever sends. The program parses all of them
-// before it can check the session.
+// Returns whether a form has more fields or uploads than a page or script ever sends. The program
+// parses all of them before it can check the session.
 [[nodiscard]] bool has_too_many_fields(const Request& request);
 
 }  // namespace fenro::gate

@@ -1,5 +1,5 @@
-// The C face of the files in memory. Callers rely on an object and on what they set in it, so a shortage of memory is
-// not made into a result here.
+// The C face of the files in memory. Callers rely on an object and on what they set in it, so a
+// shortage of memory is not made into a result here.
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -115,14 +115,17 @@ void Conf_Dir_Free(Conf_dir* conf) {
   fenro::CArray<Conf_dir>{conf}.reset();
 }
 
-const char* Conf_Dir_Get_Str(Conf_dir* conf, const char* section, const char* key, const char* fallback) {
+const char* Conf_Dir_Get_Str(Conf_dir* conf, const char* section, const char* key,
+                             const char* fallback) {
   const char* const value = fenro::value_of(conf, section, key);
   return value ? value : fallback;
 }
 
 int Conf_Dir_Get_Int(Conf_dir* conf, const char* section, const char* key, int fallback) {
   const char* const value = fenro::value_of(conf, section, key);
-  return value ? static_cast<int>(std::clamp<long>(std::strtol(value, nullptr, 10), INT_MIN, INT_MAX)) : fallback;
+  return value
+             ? static_cast<int>(std::clamp<long>(std::strtol(value, nullptr, 10), INT_MIN, INT_MAX))
+             : fallback;
 }
 
 BOOL Conf_Dir_Get_Bool(Conf_dir* conf, const char* section, const char* key, BOOL fallback) {

@@ -13,11 +13,13 @@ int Conf_Remove_Section(const char* path, const char* section) {
   return path && section && fenro::ini::remove_section(path, section) ? 0 : -1;
 }
 
-int Get_Private_Profile_String(const char* section, const char* key, const char* fallback, char* buffer, int size,
-                               const char* path) {
+int Get_Private_Profile_String(const char* section, const char* key, const char* fallback,
+                               char* buffer, int size, const char* path) {
   if (!buffer || size <= 0) return 0;
-  const auto found = section && key && path ? fenro::ini::read_value(path, section, key) : std::nullopt;
-  const std::string_view value = found ? std::string_view{*found} : std::string_view{fallback ? fallback : ""};
+  const auto found =
+      section && key && path ? fenro::ini::read_value(path, section, key) : std::nullopt;
+  const std::string_view value =
+      found ? std::string_view{*found} : std::string_view{fallback ? fallback : ""};
   const std::size_t length = std::min(value.size(), static_cast<std::size_t>(size) - 1);
   // The fallback may lie in the buffer itself.
   std::memmove(buffer, value.data(), length);

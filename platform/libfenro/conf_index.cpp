@@ -98,8 +98,8 @@ void ConfIndex::publish() {
   conf_.size = static_cast<int>(keys_.capacity());
 }
 
-// Names and values stay where they were read; each is closed with a NUL in the byte behind it, which belonged to the
-// line's own marks.
+// Names and values stay where they were read; each is closed with a NUL in the byte behind it,
+// which belonged to the line's own marks.
 void ConfIndex::parse(std::string_view text) {
   char* const start = arena_.copy(text);
   const auto close = [start, base = text.data()](std::string_view part) {
@@ -143,9 +143,10 @@ void ConfIndex::put(int section, char* key, char* value) {
 }
 
 int ConfIndex::find_section(const char* name) {
-  if (last_found_ != HashTable::NONE && std::strcmp(name_of(last_found_), name) == 0) return last_found_;
-  const int found =
-      section_table_.find(hash_of(name, FNV_START), [&](int i) { return std::strcmp(name_of(i), name) == 0; });
+  if (last_found_ != HashTable::NONE && std::strcmp(name_of(last_found_), name) == 0)
+    return last_found_;
+  const int found = section_table_.find(hash_of(name, FNV_START),
+                                        [&](int i) { return std::strcmp(name_of(i), name) == 0; });
   if (found != HashTable::NONE) last_found_ = found;
   return found;
 }
@@ -174,7 +175,8 @@ void ConfIndex::add_entry(int section, char* key, char* value, std::uint32_t has
   next_.push_back(HashTable::NONE);
 
   Chain& chain = chains_[static_cast<std::size_t>(section)];
-  (chain.last == HashTable::NONE ? chain.first : next_[static_cast<std::size_t>(chain.last)]) = number;
+  (chain.last == HashTable::NONE ? chain.first : next_[static_cast<std::size_t>(chain.last)]) =
+      number;
   chain.last = number;
   entry_table_.add(hash, number);
 }
@@ -200,7 +202,8 @@ void ConfIndex::set(const char* section, const char* key, std::string_view value
     }
     return;
   }
-  if (!ini::key_is_writable(key) || (in == HashTable::NONE && !ini::section_is_writable(section))) return;
+  if (!ini::key_is_writable(key) || (in == HashTable::NONE && !ini::section_is_writable(section)))
+    return;
   if (in == HashTable::NONE) in = add_section(arena_.copy(section));
   put(in, arena_.copy(key), arena_.copy(value));
   publish();

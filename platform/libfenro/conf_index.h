@@ -1,5 +1,5 @@
-// What is behind a Conf_dir: the storage of its arrays and an index that finds an entry without a walk.
-// The program makes some thousand look-ups in a run of a few milliseconds.
+// What is behind a Conf_dir: the storage of its arrays and an index that finds an entry without a
+// walk. The program makes some thousand look-ups in a run of a few milliseconds.
 #pragma once
 
 #include <cstddef>
@@ -52,8 +52,9 @@ class HashTable {
   std::size_t used_ = 0;
 };
 
-// The object's index. It is found from the object alone, through the place in front of Conf_dir::sec, so an object
-// that came from calloc needs no registration and one that was never set has none.
+// The object's index. It is found from the object alone, through the place in front of
+// Conf_dir::sec, so an object that came from calloc needs no registration and one that was never
+// set has none.
 class ConfIndex {
  public:
   // The index of the object, or null while it holds nothing.
@@ -62,14 +63,17 @@ class ConfIndex {
   [[nodiscard]] static ConfIndex& make(Conf_dir& conf);
   static void destroy(Conf_dir& conf);
 
-  // Reads the text form; a repeated section or key keeps its first place, the last value of a key counts.
+  // Reads the text form; a repeated section or key keeps its first place, the last value of a key
+  // counts.
   void parse(std::string_view text);
 
   // The value or null.
   [[nodiscard]] const char* get(const char* section, const char* key);
   void set(const char* section, const char* key, std::string_view value);
 
-  [[nodiscard]] bool has_section(const char* section) { return find_section(section) != HashTable::NONE; }
+  [[nodiscard]] bool has_section(const char* section) {
+    return find_section(section) != HashTable::NONE;
+  }
 
   // The whole object in its text form.
   [[nodiscard]] std::string text() const;
@@ -92,7 +96,9 @@ class ConfIndex {
   void put(int section, char* key, char* value);
   void reserve(std::size_t entries);
   void publish();
-  [[nodiscard]] char* name_of(int section) const { return names_[static_cast<std::size_t>(section) + 1]; }
+  [[nodiscard]] char* name_of(int section) const {
+    return names_[static_cast<std::size_t>(section) + 1];
+  }
   void append_entries(std::string& out, int section) const;
 
   Conf_dir& conf_;

@@ -59,11 +59,13 @@ std::string merged_text(const std::string& base, std::string_view file, const Co
     if (removed_by_others(entry.section) && !changed.contains(entry.section)) return;
     const char* const present = now.index().get(entry.section, entry.key);
     // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker)
-    result.index().set(entry.section, entry.key, present && unchanged(entry) ? present : entry.value);
+    result.index().set(entry.section, entry.key,
+                       present && unchanged(entry) ? present : entry.value);
   });
   for_each_entry(now.conf(), [&](const Entry& entry) {
-    const bool left_out = old.index().get(entry.section, entry.key) ||
-                          (old.index().has_section(entry.section) && !(own && own->has_section(entry.section)));
+    const bool left_out =
+        old.index().get(entry.section, entry.key) ||
+        (old.index().has_section(entry.section) && !(own && own->has_section(entry.section)));
     if (!left_out && !(own && own->get(entry.section, entry.key)))
       result.index().set(entry.section, entry.key, entry.value);
   });

@@ -25,13 +25,15 @@ constexpr std::array<const char*, 6> DATE_FORMATS{"%Y/%m/%d", "%Y-%m-%d", "%m/%d
 struct TimeFormat {
   const char *minutes, *seconds;
 };
-constexpr std::array<TimeFormat, 2> TIME_FORMATS{{{"%H:%M", "%H:%M:%S"}, {"%I:%M %p", "%I:%M:%S %p"}}};
+constexpr std::array<TimeFormat, 2> TIME_FORMATS{
+    {{"%H:%M", "%H:%M:%S"}, {"%I:%M %p", "%I:%M:%S %p"}}};
 
 int print(time_t seconds, char* buffer, const char* format) {
   tm parts{};
   if (!buffer) return -1;
   buffer[0] = '\0';
-  return localtime_r(&seconds, &parts) && std::strftime(buffer, BUFFER, format, &parts) > 0 ? 0 : -1;
+  return localtime_r(&seconds, &parts) && std::strftime(buffer, BUFFER, format, &parts) > 0 ? 0
+                                                                                            : -1;
 }
 
 bool is_index(int number, std::size_t count) {
@@ -51,17 +53,20 @@ struct Formats {
   int time = 0;
 };
 
-// What is set now. The file is read again only when it has changed, for a list asks with each of its lines.
+// What is set now. The file is read again only when it has changed, for a list asks with each of
+// its lines.
 const Formats& formats() {
   thread_local struct stat seen {};
   thread_local Formats kept;
   struct stat now {};
   if (stat(paths::SYSTEM_CONF, &now) != 0) now = {};
-  const bool same = now.st_ino == seen.st_ino && now.st_dev == seen.st_dev && now.st_size == seen.st_size &&
-                    now.st_mtim.tv_sec == seen.st_mtim.tv_sec && now.st_mtim.tv_nsec == seen.st_mtim.tv_nsec;
+  const bool same = now.st_ino == seen.st_ino && now.st_dev == seen.st_dev &&
+                    now.st_size == seen.st_size && now.st_mtim.tv_sec == seen.st_mtim.tv_sec &&
+                    now.st_mtim.tv_nsec == seen.st_mtim.tv_nsec;
   if (!same) {
     kept = now.st_ino == 0 ? Formats{}
-                           : Formats{setting(DATE_KEY, DATE_FORMATS.size()), setting(TIME_KEY, TIME_FORMATS.size())};
+                           : Formats{setting(DATE_KEY, DATE_FORMATS.size()),
+                                     setting(TIME_KEY, TIME_FORMATS.size())};
     seen = now;
   }
   return kept;
@@ -95,7 +100,9 @@ int Change_Date_Time_To_String(time_t seconds, char* buffer) {
   std::array<char, fenro::BUFFER> date{};
   std::array<char, fenro::BUFFER> time{};
   if (buffer) buffer[0] = '\0';
-  if (!buffer || Change_Date_To_String_By_Format(seconds, date.data(), Get_Date_Format_Index()) != 0) return -1;
+  if (!buffer ||
+      Change_Date_To_String_By_Format(seconds, date.data(), Get_Date_Format_Index()) != 0)
+    return -1;
   if (Change_Time_To_String_By_Format(seconds, time.data(), 1, Get_Time_Format()) != 0) return -1;
   return std::snprintf(buffer, fenro::BUFFER, "%s %s", date.data(), time.data()) > 0 ? 0 : -1;
 }

@@ -5,12 +5,14 @@
 
 namespace fenro {
 
-// A library that stays loaded once it is; what it registered with the process would not survive an unloading.
+// A library that stays loaded once it is; what it registered with the process would not survive an
+// unloading.
 class DynamicLibrary {
  public:
   explicit DynamicLibrary(const char* name) : handle_(dlopen(name, RTLD_NOW | RTLD_LOCAL)) {}
 
-  // Fills a pointer of the type that the library's own header gives the function. False when it is missing.
+  // Fills a pointer of the type that the library's own header gives the function. False when it is
+  // missing.
   template <typename Function>
   [[nodiscard]] bool bind(Function*& function, const char* name) const {
     function = handle_ ? reinterpret_cast<Function*>(dlsym(handle_, name)) : nullptr;

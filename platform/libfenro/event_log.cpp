@@ -32,7 +32,8 @@ bool type_of(std::string_view text, int& type) {
   return error == std::errc{} && end == text.data() + text.size();
 }
 
-EventFilter filter_of(const char* from, const char* to, const char* application, const char* category) {
+EventFilter filter_of(const char* from, const char* to, const char* application,
+                      const char* category) {
   EventFilter filter;
   filter.from = text_of(from);
   filter.to = text_of(to);
@@ -41,8 +42,9 @@ EventFilter filter_of(const char* from, const char* to, const char* application,
   return filter;
 }
 
-EventFilter filter_of(const char* from, const char* to, const char* user, const char* ip, const char* computer,
-                      const char* description, const char* application, const char* category) {
+EventFilter filter_of(const char* from, const char* to, const char* user, const char* ip,
+                      const char* computer, const char* description, const char* application,
+                      const char* category) {
   EventFilter filter = filter_of(from, to, application, category);
   filter.user = text_of(user);
   filter.ip = text_of(ip);
@@ -51,8 +53,8 @@ EventFilter filter_of(const char* from, const char* to, const char* user, const 
   return filter;
 }
 
-EventFilter filter_of_message(const char* message_id, const char* from, const char* to, const char* application,
-                              const char* category) {
+EventFilter filter_of_message(const char* message_id, const char* from, const char* to,
+                              const char* application, const char* category) {
   EventFilter filter = filter_of(from, to, application, category);
   filter.message_id = text_of(message_id);
   return filter;
@@ -77,31 +79,38 @@ int naslog_event_add(const naslog_event* event) {
   return EventStore{}.add(entry) ? 0 : -1;
 }
 
-int naslog_event_query_count_ex(int type, const char* from, const char* to, const char* user, const char* ip,
-                                const char* computer, const char* description, const char* application,
-                                const char* category) {
-  EventFilter filter = fenro::filter_of(from, to, user, ip, computer, description, application, category);
+int naslog_event_query_count_ex(int type, const char* from, const char* to, const char* user,
+                                const char* ip, const char* computer, const char* description,
+                                const char* application, const char* category) {
+  EventFilter filter =
+      fenro::filter_of(from, to, user, ip, computer, description, application, category);
   if (type > 0) filter.type = type;
   return EventStore{}.count(filter);
 }
 
-int naslog_event_query_ex(naslog_row row, int sort, int lower, int upper, const char* type, const char* from,
-                          const char* to, const char* user, const char* ip, const char* computer,
-                          const char* description, void* context, const char* application, const char* category) {
-  EventFilter filter = fenro::filter_of(from, to, user, ip, computer, description, application, category);
+int naslog_event_query_ex(naslog_row row, int sort, int lower, int upper, const char* type,
+                          const char* from, const char* to, const char* user, const char* ip,
+                          const char* computer, const char* description, void* context,
+                          const char* application, const char* category) {
+  EventFilter filter =
+      fenro::filter_of(from, to, user, ip, computer, description, application, category);
   if (!row || !fenro::type_of(fenro::text_of(type), filter.type)) return -1;
   const EventOrder order = sort == 1 ? EventOrder::OldestFirst : EventOrder::NewestFirst;
   return EventStore{}.query(filter, order, lower, upper, row, context) ? 0 : -1;
 }
 
-int naslog_event_query_count_ex2(const char* message_id, const char* start_time, const char* end_time,
-                                 const char* application, const char* category) {
-  return EventStore{}.count(fenro::filter_of_message(message_id, start_time, end_time, application, category));
+int naslog_event_query_count_ex2(const char* message_id, const char* start_time,
+                                 const char* end_time, const char* application,
+                                 const char* category) {
+  return EventStore{}.count(
+      fenro::filter_of_message(message_id, start_time, end_time, application, category));
 }
 
-int naslog_event_query_ex2(naslog_row row, int lower, int upper, const char* message_id, const char* start_time,
-                           const char* end_time, const char* application, const char* category, void* context) {
+int naslog_event_query_ex2(naslog_row row, int lower, int upper, const char* message_id,
+                           const char* start_time, const char* end_time, const char* application,
+                           const char* category, void* context) {
   if (!row) return -1;
-  const EventFilter filter = fenro::filter_of_message(message_id, start_time, end_time, application, category);
+  const EventFilter filter =
+      fenro::filter_of_message(message_id, start_time, end_time, application, category);
   return EventStore{}.query(filter, EventOrder::NewestFirst, lower, upper, row, context) ? 0 : -1;
 }

@@ -18,8 +18,9 @@ namespace {
 
 constexpr int BUSY_TIMEOUT_MS = 5000;
 
-// No index finds a part of a text, but the one by which the web interface asks for the events of its service is always
-// the same. An index of just those events serves a query that has the very same condition.
+// No index finds a part of a text, but the one by which the web interface asks for the events of
+// its service is always the same. An index of just those events serves a query that has the very
+// same condition.
 constexpr std::string_view SERVICE_TAG = "[ORMEL Service]";
 #define OF_SERVICE "instr(description, '[ORMEL Service]') > 0"
 
@@ -27,7 +28,8 @@ constexpr std::string_view SERVICE_TAG = "[ORMEL Service]";
 constexpr const char* SCHEMA =
     "PRAGMA journal_mode=WAL;"
     "PRAGMA synchronous=NORMAL;"
-    "CREATE TABLE IF NOT EXISTS event (id INTEGER PRIMARY KEY, time INTEGER NOT NULL, type INTEGER NOT NULL,"
+    "CREATE TABLE IF NOT EXISTS event (id INTEGER PRIMARY KEY, time INTEGER NOT NULL, type INTEGER "
+    "NOT NULL,"
     " user TEXT NOT NULL, ip TEXT NOT NULL, computer TEXT NOT NULL, description TEXT NOT NULL,"
     " application TEXT NOT NULL, category TEXT NOT NULL, message_id TEXT NOT NULL);"
     "CREATE INDEX IF NOT EXISTS event_by_time ON event (time);"
@@ -41,13 +43,15 @@ constexpr const char* SCHEMA =
     "CREATE INDEX IF NOT EXISTS event_of_service ON event (time) WHERE " OF_SERVICE ";";
 
 constexpr const char* INSERT =
-    "INSERT INTO event (type, time, user, ip, computer, description, application, category, message_id)"
+    "INSERT INTO event (type, time, user, ip, computer, description, application, category, "
+    "message_id)"
     " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)";
 constexpr const char* PRUNE = "DELETE FROM event WHERE id <= (SELECT max(id) FROM event) - ?";
 
 constexpr const char* COLUMNS =
     "SELECT id, type, strftime('%Y-%m-%d', time, 'unixepoch', 'localtime') AS date,"
-    " strftime('%H:%M:%S', time, 'unixepoch', 'localtime') AS time, user, ip, computer, description, application,"
+    " strftime('%H:%M:%S', time, 'unixepoch', 'localtime') AS time, user, ip, computer, "
+    "description, application,"
     " category, message_id FROM event";
 constexpr const char* COUNT = "SELECT count(*) FROM event";
 constexpr const char* NEWEST_FIRST = " ORDER BY event.time DESC, id DESC LIMIT ? OFFSET ?";
@@ -71,9 +75,12 @@ class Query {
   // The filter as a condition. False for a time that cannot be read.
   [[nodiscard]] bool add(const EventFilter& filter) {
     if (filter.type >= 0) where("type = ?", filter.type);
-    if (!add_time(filter.from, "event.time >= ?", false) || !add_time(filter.to, "event.time <= ?", true)) return false;
+    if (!add_time(filter.from, "event.time >= ?", false) ||
+        !add_time(filter.to, "event.time <= ?", true))
+      return false;
     for (const TextCondition& row : TEXT_CONDITIONS)
-      if (const std::string_view value = filter.*row.value; !value.empty()) where(row.condition, value);
+      if (const std::string_view value = filter.*row.value; !value.empty())
+        where(row.condition, value);
     if (filter.description == SERVICE_TAG) {
       where(OF_SERVICE);
     } else if (!filter.description.empty()) {
@@ -98,7 +105,8 @@ class Query {
   // Ready to step, or null.
   [[nodiscard]] Statement prepare(sqlite3* database) const {
     sqlite3_stmt* raw = nullptr;
-    const int rc = sqlite()->prepare_v2(database, text_.data(), static_cast<int>(text_.size()), &raw, nullptr);
+    const int rc =
+        sqlite()->prepare_v2(database, text_.data(), static_cast<int>(text_.size()), &raw, nullptr);
     Statement statement{raw};
     if (rc != SQLITE_OK) return {};
     int mark = 0;
@@ -116,12 +124,16 @@ class Query {
 
   static int bind_one(sqlite3_stmt* statement, int mark, const Value& value) {
     if (value.is_number) return sqlite()->bind_int64(statement, mark, value.number);
-    // The texts outlive the statement. An empty one has no bytes to point at, but must not become a NULL.
+    // The texts outlive the statement. An empty one has no bytes to point at, but must not become a
+    // NULL.
     const char* const bytes = value.text.empty() ? "" : value.text.data();
-    return sqlite()->bind_text(statement, mark, bytes, static_cast<int>(value.text.size()), SQLITE_STATIC);
+    return sqlite()->bind_text(statement, mark, bytes, static_cast<int>(value.text.size()),
+                               SQLITE_STATIC);
   }
 
-  void where(const char* condition) { text_.append(conditions_++ == 0 ? " WHERE " : " AND ").append(condition); }
+  void where(const char* condition) {
+    text_.append(conditions_++ == 0 ? " WHERE " : " AND ").append(condition);
+  }
 
   template <typename Bound>
   void where(const char* condition, Bound value) {
@@ -151,7 +163,8 @@ Database open_database(const std::string& path, int flags) {
   return database;
 }
 
-// SQLite does not wait while another process switches a new file to its write-ahead log: it answers at once.
+// SQLite does not wait while another process switches a new file to its write-ahead log: it answers
+// at once.
 bool make_schema(sqlite3* database) {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds PAUSE{10};
@@ -164,7 +177,8 @@ bool make_schema(sqlite3* database) {
   return rc == SQLITE_OK;
 }
 
-// The log for writing. The file is made before SQLite would make it, which gives its companions the same mode.
+// The log for writing. The file is made before SQLite would make it, which gives its companions the
+// same mode.
 Database open_for_writing(const std::string& path) {
   if (!make_private_folder(path.substr(0, path.rfind('/')))) return {};
   Fd{open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, PRIVATE_FILE)}.reset();
@@ -189,8 +203,10 @@ int hand_out(sqlite3_stmt* statement, naslog_row row, void* context) {
   std::vector<char*> values;
   std::vector<char*> names;
   for (int i = 0; i < columns; ++i) {
-    // The callback's type, as SQLite's own, has plain pointers; what they point at belongs to the statement.
-    values.push_back(reinterpret_cast<char*>(const_cast<unsigned char*>(api.column_text(statement, i))));
+    // The callback's type, as SQLite's own, has plain pointers; what they point at belongs to the
+    // statement.
+    values.push_back(
+        reinterpret_cast<char*>(const_cast<unsigned char*>(api.column_text(statement, i))));
     names.push_back(const_cast<char*>(api.column_name(statement, i)));
   }
   return row(context, columns, values.data(), names.data());
@@ -227,10 +243,12 @@ bool parse_time(std::string_view text, bool end, std::time_t& seconds) {
 
   tm parts{};
   parts.tm_isdst = -1;
-  if (!take_number(text, 4, parts.tm_year) || !take_mark(text, "-/") || !take_number(text, 2, parts.tm_mon))
+  if (!take_number(text, 4, parts.tm_year) || !take_mark(text, "-/") ||
+      !take_number(text, 2, parts.tm_mon))
     return false;
   if (!take_mark(text, "-/") || !take_number(text, 2, parts.tm_mday)) return false;
-  if (parts.tm_mon < 1 || parts.tm_mon > 12 || parts.tm_mday < 1 || parts.tm_mday > 31) return false;
+  if (parts.tm_mon < 1 || parts.tm_mon > 12 || parts.tm_mday < 1 || parts.tm_mday > 31)
+    return false;
   parts.tm_year -= 1900;
   parts.tm_mon -= 1;
   if (text.empty() && end) {
@@ -249,7 +267,10 @@ bool EventStore::add(const Event& event) const {
   if (!database) return false;
   Query insert{INSERT};
   insert.bind(event.type).bind(event.time).bind(event.user).bind(event.ip).bind(event.computer);
-  insert.bind(event.description).bind(event.application).bind(event.category).bind(event.message_id);
+  insert.bind(event.description)
+      .bind(event.application)
+      .bind(event.category)
+      .bind(event.message_id);
   return run(database.get(), insert) && run(database.get(), Query{PRUNE}.bind(ROWS_KEPT));
 }
 
@@ -263,13 +284,15 @@ int EventStore::count(const EventFilter& filter) const {
   return static_cast<int>(sqlite()->column_int64(statement.get(), 0));
 }
 
-bool EventStore::query(const EventFilter& filter, EventOrder order, int lower, int upper, naslog_row row,
-                       void* context) const {
+bool EventStore::query(const EventFilter& filter, EventOrder order, int lower, int upper,
+                       naslog_row row, void* context) const {
   Query query{COLUMNS};
   if (!query.add(filter)) return false;
   if (!exists(path_) || upper < lower || upper < 0) return true;
   const sqlite3_int64 first = std::max(lower, 0);
-  query.append(order == EventOrder::NewestFirst ? NEWEST_FIRST : OLDEST_FIRST).bind(upper - first + 1).bind(first);
+  query.append(order == EventOrder::NewestFirst ? NEWEST_FIRST : OLDEST_FIRST)
+      .bind(upper - first + 1)
+      .bind(first);
 
   const Database database = open_database(path_, SQLITE_OPEN_READWRITE);
   const Statement statement = database ? query.prepare(database.get()) : Statement{};

@@ -1,4 +1,5 @@
-// The event log: one SQLite file, one row an event. The file is made on the first event, for its owner alone.
+// The event log: one SQLite file, one row an event. The file is made on the first event, for its
+// owner alone.
 #pragma once
 
 #include <ctime>
@@ -13,7 +14,8 @@ struct sqlite3_stmt;
 
 namespace fenro {
 
-// What the log keeps of an event. A notification has an application, a category and a message id, a plain event none.
+// What the log keeps of an event. A notification has an application, a category and a message id, a
+// plain event none.
 struct Event {
   int type = 0;
   std::time_t time = 0;
@@ -42,16 +44,18 @@ class EventStore {
   [[nodiscard]] bool add(const Event& event) const;
   // The number of rows, or -1.
   [[nodiscard]] int count(const EventFilter& filter) const;
-  // Hands the rows `lower` to `upper` to `row` until it answers non-zero. False when the log could not be read.
-  [[nodiscard]] bool query(const EventFilter& filter, EventOrder order, int lower, int upper, naslog_row row,
-                           void* context) const;
+  // Hands the rows `lower` to `upper` to `row` until it answers non-zero. False when the log could
+  // not be read.
+  [[nodiscard]] bool query(const EventFilter& filter, EventOrder order, int lower, int upper,
+                           naslog_row row, void* context) const;
 
  private:
   std::string path_;
 };
 
-// "YYYY-MM-DD", "YYYY-MM-DD HH:MM[:SS]" (slashes and a "T" are taken too) in local time, or seconds since the epoch.
-// A date alone means its first second, or with `end` its last. False for any other text.
+// "YYYY-MM-DD", "YYYY-MM-DD HH:MM[:SS]" (slashes and a "T" are taken too) in local time, or seconds
+// since the epoch. A date alone means its first second, or with `end` its last. False for any other
+// text.
 [[nodiscard]] bool parse_time(std::string_view text, bool end, std::time_t& seconds);
 
 }  // namespace fenro

@@ -28,7 +28,8 @@ namespace {
 
 using Interfaces = std::unique_ptr<ifaddrs, FreeWith<freeifaddrs>>;
 
-constexpr std::uint32_t FAR_AWAY = 0xc0000201;  // 192.0.2.1, which no network of its own has: the default route's
+constexpr std::uint32_t FAR_AWAY =
+    0xc0000201;  // 192.0.2.1, which no network of its own has: the default route's
 constexpr std::uint16_t ANY_PORT = 9;
 
 struct Network {
@@ -53,12 +54,14 @@ bool is_public(in_addr address) {
   });
 }
 
-// The address that the default route's interface would send from. Connecting a datagram socket sends nothing.
+// The address that the default route's interface would send from. Connecting a datagram socket
+// sends nothing.
 std::optional<in_addr> default_source() {
   const Fd socket{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
   // A tunnel that is the default gateway has an address that is not reachable from outside.
   // Without the right to a mark its answer is still taken.
-  if (socket) std::ignore = setsockopt(socket.get(), SOL_SOCKET, SO_MARK, &TUNNEL_MARK, sizeof TUNNEL_MARK);
+  if (socket)
+    std::ignore = setsockopt(socket.get(), SOL_SOCKET, SO_MARK, &TUNNEL_MARK, sizeof TUNNEL_MARK);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(ANY_PORT);
@@ -70,13 +73,15 @@ std::optional<in_addr> default_source() {
   return address.sin_addr;
 }
 
-// A public address of an interface that is up. Tunnels do not count: their far end is not the world.
+// A public address of an interface that is up. Tunnels do not count: their far end is not the
+// world.
 std::optional<in_addr> any_public() {
   ifaddrs* head = nullptr;
   if (getifaddrs(&head) != 0) return {};
   const Interfaces all{head};
   for (const ifaddrs* entry = head; entry; entry = entry->ifa_next) {
-    const bool usable = (entry->ifa_flags & IFF_UP) != 0 && (entry->ifa_flags & IFF_POINTOPOINT) == 0;
+    const bool usable =
+        (entry->ifa_flags & IFF_UP) != 0 && (entry->ifa_flags & IFF_POINTOPOINT) == 0;
     if (!usable || !entry->ifa_addr || entry->ifa_addr->sa_family != AF_INET) continue;
     sockaddr_in address{};
     std::memcpy(&address, entry->ifa_addr, sizeof address);
@@ -87,7 +92,8 @@ std::optional<in_addr> any_public() {
 
 // What may stand for a host in a profile: an address or a plain name.
 bool is_host(std::string_view text) {
-  constexpr std::string_view ALLOWED = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-";
+  constexpr std::string_view ALLOWED =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-";
   return !text.empty() && text.front() != '-' && text.front() != '.' &&
          text.find_first_not_of(ALLOWED) == std::string_view::npos;
 }
@@ -105,7 +111,8 @@ std::optional<in_addr> external_address() {
 int Get_External_IP(char* buffer, int length) {
   if (!buffer || length <= 0) return -1;
   buffer[0] = '\0';
-  const std::string known = fenro::ini::read_value(fenro::paths::SYSTEM_CONF, "System", "Public Address").value_or("");
+  const std::string known =
+      fenro::ini::read_value(fenro::paths::SYSTEM_CONF, "System", "Public Address").value_or("");
   if (fenro::is_host(known) && known.size() < static_cast<std::size_t>(length)) {
     known.copy(buffer, known.size());
     buffer[known.size()] = '\0';

@@ -11,7 +11,8 @@ namespace {
 constexpr std::string_view COMMENT_STARTS = "#;";
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
-// One search a character: a search for any of several looks at each byte by itself, and every set value comes here.
+// One search a character: a search for any of several looks at each byte by itself, and every set
+// value comes here.
 std::size_t find_line_break(std::string_view text) {
   return std::min(text.find('\n'), text.find('\r'));
 }
@@ -27,7 +28,8 @@ bool has_nul(std::string_view text) {
 Line parse_section(std::string_view line) {
   const std::size_t end = line.find(']');
   const std::string_view name = line.substr(1, end == std::string_view::npos ? 0 : end - 1);
-  return {end == std::string_view::npos || has_nul(name) ? Kind::DamagedSection : Kind::Section, name};
+  return {end == std::string_view::npos || has_nul(name) ? Kind::DamagedSection : Kind::Section,
+          name};
 }
 
 // A line of an edited text, and whether the wanted section holds it.
@@ -77,7 +79,8 @@ std::optional<std::size_t> find_place(const std::vector<Placed>& lines, std::str
   return place;
 }
 
-// Behind the last entry of the section whose head is line `head`, and behind the empty lines that follow it.
+// Behind the last entry of the section whose head is line `head`, and behind the empty lines that
+// follow it.
 std::size_t end_of_block(const std::vector<Placed>& lines, std::size_t head) {
   std::size_t last = head;
   std::size_t end = head + 1;
@@ -127,8 +130,8 @@ bool section_is_writable(std::string_view section) {
 
 bool key_is_writable(std::string_view key) {
   return !key.empty() && key[0] != '[' && !key.starts_with(BYTE_ORDER_MARK) &&
-         COMMENT_STARTS.find(key[0]) == std::string_view::npos && key.find('=') == std::string_view::npos &&
-         !has_line_break(key);
+         COMMENT_STARTS.find(key[0]) == std::string_view::npos &&
+         key.find('=') == std::string_view::npos && !has_line_break(key);
 }
 
 std::string_view first_line(std::string_view value) {
@@ -139,7 +142,8 @@ std::string_view without_mark(std::string_view text) {
   return text.starts_with(BYTE_ORDER_MARK) ? text.substr(BYTE_ORDER_MARK.size()) : text;
 }
 
-std::optional<std::string_view> find(std::string_view text, std::string_view section, std::string_view key) {
+std::optional<std::string_view> find(std::string_view text, std::string_view section,
+                                     std::string_view key) {
   std::optional<std::string_view> value;
   text = without_mark(text);
   bool inside = section.empty();
@@ -152,7 +156,8 @@ std::optional<std::string_view> find(std::string_view text, std::string_view sec
   return value;
 }
 
-std::string with_value(std::string_view text, std::string_view section, std::string_view key, std::string_view value) {
+std::string with_value(std::string_view text, std::string_view section, std::string_view key,
+                       std::string_view value) {
   const std::vector<Placed> lines = place_lines(text, section);
   const std::string_view line_break = lines.empty() ? "\n" : break_of(lines.front().whole);
   const auto entry = find_entry(lines, key);
@@ -161,9 +166,11 @@ std::string with_value(std::string_view text, std::string_view section, std::str
   std::string out;
   out.reserve(text.size() + section.size() + key.size() + value.size() + 16);
   for (std::size_t i = 0; i < lines.size(); ++i) {
-    if (i == place) append(out, entry_text(key, value, entry ? break_of(lines[i].whole) : line_break));
+    if (i == place)
+      append(out, entry_text(key, value, entry ? break_of(lines[i].whole) : line_break));
     // A new first line and the section behind it are separated like any two sections.
-    if (i == place && !entry && i == 0 && lines[i].line.kind == Kind::Section) append(out, line_break);
+    if (i == place && !entry && i == 0 && lines[i].line.kind == Kind::Section)
+      append(out, line_break);
     if (i != place || !entry) append(out, lines[i].whole);
   }
   if (place == lines.size()) append(out, entry_text(key, value, line_break));

@@ -1,5 +1,5 @@
-// The text form of the appliance's INI files, as <fenro/conf.h> tells it: how a line is read, and edits of a text that
-// leave everything else in it as it is. Damage is skipped, never guessed at.
+// The text form of the appliance's INI files, as <fenro/conf.h> tells it: how a line is read, and
+// edits of a text that leave everything else in it as it is. Damage is skipped, never guessed at.
 #pragma once
 
 #include <optional>
@@ -41,10 +41,11 @@ struct Line {
                                                    std::string_view key);
 
 // The text with one entry set or created. Names must be writable, the value one line.
-[[nodiscard]] std::string with_value(std::string_view text, std::string_view section, std::string_view key,
-                                     std::string_view value);
+[[nodiscard]] std::string with_value(std::string_view text, std::string_view section,
+                                     std::string_view key, std::string_view value);
 
-// The text without a section. A comment between the section's last entry and the next section stays.
+// The text without a section. A comment between the section's last entry and the next section
+// stays.
 [[nodiscard]] std::string without_section(std::string_view text, std::string_view section);
 
 }  // namespace fenro::ini

@@ -27,14 +27,17 @@ constexpr const char* CALLER_LOCK = ".lock";
 constexpr const char* EDIT_LOCK = ".edit";
 constexpr const char* COPY = ".kept";
 
-// The path without links and dots of a file that need not be there, nor its folder. The C++ library's own function for
-// this brings in its locales, which every start of a program would set up.
+// The path without links and dots of a file that need not be there, nor its folder. The C++
+// library's own function for this brings in its locales, which every start of a program would set
+// up.
 std::string full_path(const std::string& path) {
   const std::unique_ptr<char, FreeWith<std::free>> found{realpath(path.c_str(), nullptr)};
   if (found) return found.get();
   if (errno != ENOENT || path == "." || path == "/") return {};
   const size_t slash = path.find_last_of('/');
-  const std::string folder = full_path(slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash));
+  const std::string folder = full_path(slash == std::string::npos ? "."
+                                       : slash == 0               ? "/"
+                                                                  : path.substr(0, slash));
   if (folder.empty()) return {};
   return (folder == "/" ? "" : folder) + '/' + path.substr(slash + 1);
 }
@@ -48,13 +51,15 @@ std::string lock_name(const char* path, const char* ending) {
   std::uint64_t hash = FNV_START;
   for (const char c : target) hash = (hash ^ static_cast<unsigned char>(c)) * FNV_PRIME;
   std::array<char, 40> text{};
-  std::snprintf(text.data(), text.size(), "%016llx%s", static_cast<unsigned long long>(hash), ending);
+  std::snprintf(text.data(), text.size(), "%016llx%s", static_cast<unsigned long long>(hash),
+                ending);
   return text.data();
 }
 
 int take_lock(const std::string& locks, const std::string& name, short kind) {
   if (name.empty() || !make_private_folder(locks)) return -1;
-  Fd fd{open((locks + "/" + name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, PRIVATE_FILE)};
+  Fd fd{open((locks + "/" + name).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
+             PRIVATE_FILE)};
   struct stat info {};
   if (!fd || fstat(fd.get(), &info) != 0 || !S_ISREG(info.st_mode)) return -1;
   struct flock lock {};
@@ -68,8 +73,8 @@ int take_lock(const std::string& locks, const std::string& name, short kind) {
 
 template <typename Edit>
 bool edit_file(const std::string& path, Edit edit) {
-  // Not the lock that callers of lock_file take: they may hold it and run an edit. A user who cannot keep locks edits
-  // without one.
+  // Not the lock that callers of lock_file take: they may hold it and run an edit. A user who
+  // cannot keep locks edits without one.
   const Fd lock{take_lock(paths::LOCKS, lock_name(path.c_str(), EDIT_LOCK), F_WRLCK)};
   std::string text;
   const int error = read_file(path.c_str(), text);
@@ -78,7 +83,8 @@ bool edit_file(const std::string& path, Edit edit) {
   return changed == text || note_save(path, replace_file(path, changed));
 }
 
-// A document that ends before all that it opened is closed, as a writer leaves it that is killed in the middle.
+// A document that ends before all that it opened is closed, as a writer leaves it that is killed in
+// the middle.
 bool is_torn(std::string_view text) {
   int open = 0;
   bool quoted = false;
@@ -110,8 +116,8 @@ void put_back(const std::string& path) {
   }
 }
 
-// A writer empties the file first, so what it holds is laid beside it. False when a file could not be kept so: a
-// writer that is let in then would end with nothing.
+// A writer empties the file first, so what it holds is laid beside it. False when a file could not
+// be kept so: a writer that is let in then would end with nothing.
 bool keep_copy(const std::string& path) {
   std::string text;
   if (read_file(path.c_str(), text) != 0 || is_torn(text)) return true;  // nothing to keep
@@ -130,16 +136,20 @@ std::mutex& kept_mutex() {
 
 }  // namespace
 
-std::optional<std::string> read_value(const char* path, std::string_view section, std::string_view key) {
+std::optional<std::string> read_value(const char* path, std::string_view section,
+                                      std::string_view key) {
   std::string text;
   if (read_file(path, text) != 0) return {};
   const auto value = find(text, section, key);
   return value ? std::optional<std::string>{*value} : std::nullopt;
 }
 
-bool write_value(const std::string& path, std::string_view section, std::string_view key, std::string_view value) {
+bool write_value(const std::string& path, std::string_view section, std::string_view key,
+                 std::string_view value) {
   if (!section_is_writable(section) || !key_is_writable(key)) return false;
-  return edit_file(path, [&](std::string_view text) { return with_value(text, section, key, first_line(value)); });
+  return edit_file(path, [&](std::string_view text) {
+    return with_value(text, section, key, first_line(value));
+  });
 }
 
 bool remove_section(const std::string& path, std::string_view section) {
@@ -147,7 +157,8 @@ bool remove_section(const std::string& path, std::string_view section) {
   return edit_file(path, [&](std::string_view text) { return without_section(text, section); });
 }
 
-bool replace_under_lock(const std::string& path, const std::function<std::string(std::string_view)>& make) {
+bool replace_under_lock(const std::string& path,
+                        const std::function<std::string(std::string_view)>& make) {
   const Fd lock{take_lock(paths::LOCKS, lock_name(path.c_str(), EDIT_LOCK), F_WRLCK)};
   std::string text;
   std::ignore = read_file(path.c_str(), text);

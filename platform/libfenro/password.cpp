@@ -35,11 +35,13 @@ const PamApi& pam() {
 // The answers of a conversation until PAM takes them over; what is left here is wiped.
 class Answers {
  public:
-  explicit Answers(int count) : replies_(c_array<pam_response>(static_cast<std::size_t>(count))), count_(count) {}
+  explicit Answers(int count)
+      : replies_(c_array<pam_response>(static_cast<std::size_t>(count))), count_(count) {}
   Answers(const Answers&) = delete;
   Answers& operator=(const Answers&) = delete;
   ~Answers() {
-    for (int i = 0; replies_ && i < count_; ++i) wipe(CString{replies_[static_cast<std::size_t>(i)].resp});
+    for (int i = 0; replies_ && i < count_; ++i)
+      wipe(CString{replies_[static_cast<std::size_t>(i)].resp});
   }
   [[nodiscard]] bool set(int i, const char* text) {
     return replies_ && (replies_[static_cast<std::size_t>(i)].resp = strdup(text)) != nullptr;
@@ -54,21 +56,24 @@ class Answers {
   int count_;
 };
 
-// Answers every hidden question with the password; a module that asks for anything else to be typed gets nothing.
+// Answers every hidden question with the password; a module that asks for anything else to be typed
+// gets nothing.
 int converse(int count, const pam_message** messages, pam_response** replies, void* password) {
   if (count <= 0 || count > PAM_MAX_NUM_MSG) return PAM_CONV_ERR;
   Answers answers{count};
   for (int i = 0; i < count; ++i) {
     const int style = messages[i]->msg_style;
     if (style == PAM_PROMPT_ECHO_ON) return PAM_CONV_ERR;
-    if (style == PAM_PROMPT_ECHO_OFF && !answers.set(i, static_cast<const char*>(password))) return PAM_BUF_ERR;
+    if (style == PAM_PROMPT_ECHO_OFF && !answers.set(i, static_cast<const char*>(password)))
+      return PAM_BUF_ERR;
   }
   *replies = answers.release();
   return *replies ? PAM_SUCCESS : PAM_BUF_ERR;
 }
 
 int check(const char* user, const char* password) {
-  const pam_conv conversation{converse, const_cast<char*>(password)};  // only handed through to converse
+  const pam_conv conversation{converse,
+                              const_cast<char*>(password)};  // only handed through to converse
   pam_handle_t* handle = nullptr;
   int rc = pam().start(SERVICE, user, &conversation, &handle);
   if (rc != PAM_SUCCESS) return rc;

@@ -1,4 +1,5 @@
-// Where the platform keeps its files. Functions that work on them take the path, so that tests bring their own.
+// Where the platform keeps its files. Functions that work on them take the path, so that tests
+// bring their own.
 #pragma once
 
 namespace fenro::paths {

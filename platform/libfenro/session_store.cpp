@@ -21,7 +21,8 @@ namespace fenro {
 namespace {
 
 constexpr std::size_t SID_LENGTH = sizeof(_session::sid) - 1;
-constexpr std::time_t CLOCK_SLACK = 60;  // a file system's stamps and a corrected clock may lie this far ahead
+constexpr std::time_t CLOCK_SLACK =
+    60;  // a file system's stamps and a corrected clock may lie this far ahead
 constexpr int ATTEMPTS = 16;
 
 constexpr std::string_view USER_KEY = "user";
@@ -31,8 +32,10 @@ constexpr std::string_view HOST_IP_KEY = "host_ip";
 constexpr std::string_view CREATED_KEY = "created";
 
 bool is_sid(const char* sid) {
-  const std::string_view text = sid ? std::string_view{sid, strnlen(sid, SID_LENGTH + 1)} : std::string_view{};
-  return text.size() == SID_LENGTH && text.find_first_not_of(NAME_CHARACTERS) == std::string_view::npos;
+  const std::string_view text =
+      sid ? std::string_view{sid, strnlen(sid, SID_LENGTH + 1)} : std::string_view{};
+  return text.size() == SID_LENGTH &&
+         text.find_first_not_of(NAME_CHARACTERS) == std::string_view::npos;
 }
 
 // A text of the session's file; false when it is missing or does not fit.
@@ -77,19 +80,22 @@ std::string SessionStore::path_of(const char* sid) const {
   return folder_ + "/" + sid;
 }
 
-std::string SessionStore::create(const std::string& user, const std::string& ip, const std::string& host_ip) const {
+std::string SessionStore::create(const std::string& user, const std::string& ip,
+                                 const std::string& host_ip) const {
   constexpr _session LIMITS{};
   const auto account = find_user(user.c_str());
   if (!account || !fits(user, sizeof LIMITS.user) || !fits(ip, sizeof LIMITS.ip)) return {};
   if (!fits(host_ip, sizeof LIMITS.host_ip) || !make_private_folder(folder_)) return {};
   std::ignore = list();  // removes what has run out
 
-  const std::string content = line(USER_KEY, user) + line(UID_KEY, std::to_string(account->uid)) + line(IP_KEY, ip) +
-                              line(HOST_IP_KEY, host_ip) + line(CREATED_KEY, std::to_string(std::time(nullptr)));
+  const std::string content = line(USER_KEY, user) + line(UID_KEY, std::to_string(account->uid)) +
+                              line(IP_KEY, ip) + line(HOST_IP_KEY, host_ip) +
+                              line(CREATED_KEY, std::to_string(std::time(nullptr)));
   for (int i = 0; i < ATTEMPTS; ++i) {
     std::string sid(SID_LENGTH, '\0');
     if (!random_name(sid)) return {};
-    const Fd fd{open(path_of(sid.c_str()).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_FILE)};
+    const Fd fd{
+        open(path_of(sid.c_str()).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, PRIVATE_FILE)};
     if (!fd && errno == EEXIST) continue;
     if (fd && write_all(fd.get(), content)) {
       end_oldest(user, sid);
@@ -110,9 +116,10 @@ bool SessionStore::read(const char* sid, _session& session) const {
   if (!is_ours(info) || read_file(path.c_str(), text) != 0) return false;
   const std::string_view file = text;
   long created = 0;
-  const bool whole = copy_text(file, USER_KEY, session.user) && copy_number(file, UID_KEY, session.uid) &&
-                     copy_text(file, IP_KEY, session.ip) && copy_text(file, HOST_IP_KEY, session.host_ip) &&
-                     copy_number(file, CREATED_KEY, created);
+  const bool whole =
+      copy_text(file, USER_KEY, session.user) && copy_number(file, UID_KEY, session.uid) &&
+      copy_text(file, IP_KEY, session.ip) && copy_text(file, HOST_IP_KEY, session.host_ip) &&
+      copy_number(file, CREATED_KEY, created);
   std::memcpy(session.sid, sid, SID_LENGTH);
   const std::time_t now = std::time(nullptr);
   return whole && within(created, AGE_LIMIT, now) && within(session.touched, IDLE_LIMIT, now);
@@ -122,15 +129,18 @@ std::optional<_session> SessionStore::find(const char* sid, bool touch) const {
   if (!is_sid(sid)) return {};
   _session session{};
   if (!read(sid, session)) {
-    // Not merely for being unreadable: it may be one that another process is writing at this moment.
+    // Not merely for being unreadable: it may be one that another process is writing at this
+    // moment.
     if (session.touched != 0 && !within(session.touched, IDLE_LIMIT, std::time(nullptr))) end(sid);
     return {};
   }
   // A removed user's session is worth nothing, nor is it to one who later gets the same name.
   const auto account = find_user(session.user);
   if (!account || static_cast<int>(account->uid) != session.uid) return {};
-  // Once a minute for a session in use, as its time of last use shows: a directory's account costs a network query.
-  if (std::time(nullptr) / ACCOUNT_CHECK != session.touched / ACCOUNT_CHECK && locked_(session.user)) {
+  // Once a minute for a session in use, as its time of last use shows: a directory's account costs
+  // a network query.
+  if (std::time(nullptr) / ACCOUNT_CHECK != session.touched / ACCOUNT_CHECK &&
+      locked_(session.user)) {
     end(sid);
     return {};
   }

@@ -6,8 +6,8 @@
 //   host_ip = 192.0.2.1
 //   created = 1700000000
 //
-// The time of last use is the file's modification time: a request that refreshes it can then never bring back a
-// session that another request ends at that moment.
+// The time of last use is the file's modification time: a request that refreshes it can then never
+// bring back a session that another request ends at that moment.
 #pragma once
 
 #include <ctime>
@@ -24,20 +24,24 @@ class SessionStore {
  public:
   static constexpr std::time_t IDLE_LIMIT = std::time_t{30} * 60;
   static constexpr std::time_t AGE_LIMIT = std::time_t{12} * 60 * 60;
-  static constexpr std::time_t ACCOUNT_CHECK = 60;  // seconds that a locked user's session may go on
-  static constexpr std::size_t USER_LIMIT = 20;     // sessions of one user; a further one ends the oldest
+  static constexpr std::time_t ACCOUNT_CHECK =
+      60;  // seconds that a locked user's session may go on
+  static constexpr std::size_t USER_LIMIT =
+      20;  // sessions of one user; a further one ends the oldest
 
   // The store of the host.
   SessionStore();
   // A store in another folder, with another test for locked accounts.
-  SessionStore(std::string folder, bool (*locked)(const char* user)) : folder_(std::move(folder)), locked_(locked) {}
+  SessionStore(std::string folder, bool (*locked)(const char* user))
+      : folder_(std::move(folder)), locked_(locked) {}
 
-  // Begins a session of an existing user; a sid of eight random characters, or empty on failure. Beyond USER_LIMIT the
-  // user's oldest sessions end.
-  [[nodiscard]] std::string create(const std::string& user, const std::string& ip, const std::string& host_ip) const;
+  // Begins a session of an existing user; a sid of eight random characters, or empty on failure.
+  // Beyond USER_LIMIT the user's oldest sessions end.
+  [[nodiscard]] std::string create(const std::string& user, const std::string& ip,
+                                   const std::string& host_ip) const;
 
-  // The valid session of that sid. With `touch` its time of last use becomes now. What has run out is removed, and so
-  // is the session of a user whose account has been locked or has expired.
+  // The valid session of that sid. With `touch` its time of last use becomes now. What has run out
+  // is removed, and so is the session of a user whose account has been locked or has expired.
   [[nodiscard]] std::optional<_session> find(const char* sid, bool touch) const;
 
   // All valid sessions, by sid.

@@ -15,7 +15,8 @@ void store_event(bool error, const std::string& text) {
   event.type = error ? Error : Information;
   event.time = std::time(nullptr);
   event.description = text;
-  std::ignore = EventStore{}.add(event);  // on a full disk the line in the host's log and the mark are left
+  std::ignore =
+      EventStore{}.add(event);  // on a full disk the line in the host's log and the mark are left
 }
 
 [[maybe_unused]] const bool REGISTERED = [] {

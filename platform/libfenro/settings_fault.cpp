@@ -20,12 +20,14 @@ constexpr const char* NOTIFY = "/usr/local/sbin/notify";
 
 // For the small tools, which are linked without the event log.
 void notify(bool error, const std::string& text) {
-  std::string words[] = {NOTIFY, "send", "-A",  "A238", "-C", "C001", "-M", "9002", "-l", error ? "error" : "info",
-                         "-t",   "3",    "{0}", text};
+  std::string words[] = {NOTIFY, "send", "-A",   "A238", "-C",
+                         "C001", "-M",   "9002", "-l",   error ? "error" : "info",
+                         "-t",   "3",    "{0}",  text};
   char* arguments[std::size(words) + 1] = {};
   for (std::size_t i = 0; i < std::size(words); ++i) arguments[i] = words[i].data();
   pid_t child = 0;
-  if (posix_spawn(&child, NOTIFY, nullptr, nullptr, arguments, environ) == 0) waitpid(child, nullptr, 0);
+  if (posix_spawn(&child, NOTIFY, nullptr, nullptr, arguments, environ) == 0)
+    waitpid(child, nullptr, 0);
 }
 
 void report(bool error, const std::string& text) {
@@ -35,8 +37,10 @@ void report(bool error, const std::string& text) {
 
 void begin_outage(const std::string& path, int error) {
   const std::string mark = paths::SETTINGS_FAULT;
-  std::ignore = make_private_folder(mark.substr(0, mark.rfind('/')));  // without it the next line fails
-  const Fd fd{open(mark.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, PRIVATE_FILE)};
+  std::ignore =
+      make_private_folder(mark.substr(0, mark.rfind('/')));  // without it the next line fails
+  const Fd fd{
+      open(mark.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, PRIVATE_FILE)};
   if (!fd) return;  // known already, or not ours to report
   const std::string reason = strerrordesc_np(error) ? strerrordesc_np(error) : "unknown error";
   std::ignore = write_all(fd.get(), path + '\n' + reason + '\n');

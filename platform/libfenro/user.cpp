@@ -21,7 +21,8 @@ namespace fenro {
 namespace {
 
 constexpr std::size_t FIRST_BUFFER = 4096;
-constexpr std::size_t LAST_BUFFER = std::size_t{16} << 20;  // a group with that much of a member list is no group
+constexpr std::size_t LAST_BUFFER = std::size_t{16}
+                                    << 20;  // a group with that much of a member list is no group
 constexpr int FIRST_GROUPS = 64;
 constexpr int LAST_GROUPS = 65536;
 constexpr std::string_view DOMAIN_MARKS = "\\@+";
@@ -33,7 +34,8 @@ constexpr uid_t LEAST_PERSON = 1000;
 // Asks the name service with a buffer that grows until the answer fits.
 template <typename Record, typename Ask>
 std::optional<Record> look_up(std::vector<char>& buffer, Ask ask) {
-  for (buffer.resize(FIRST_BUFFER); buffer.size() <= LAST_BUFFER; buffer.resize(buffer.size() * 2)) {
+  for (buffer.resize(FIRST_BUFFER); buffer.size() <= LAST_BUFFER;
+       buffer.resize(buffer.size() * 2)) {
     Record record{};
     Record* found = nullptr;
     const int error = ask(&record, buffer.data(), buffer.size(), &found);
@@ -45,9 +47,10 @@ std::optional<Record> look_up(std::vector<char>& buffer, Ask ask) {
 
 std::optional<gid_t> find_group(const char* name) {
   std::vector<char> buffer;
-  const auto record = look_up<group>(buffer, [name](group* g, char* text, std::size_t size, group** found) {
-    return getgrnam_r(name, g, text, size, found);
-  });
+  const auto record =
+      look_up<group>(buffer, [name](group* g, char* text, std::size_t size, group** found) {
+        return getgrnam_r(name, g, text, size, found);
+      });
   return record ? std::optional{record->gr_gid} : std::nullopt;
 }
 
@@ -95,7 +98,8 @@ std::vector<std::string> names_of_file(const char* passwd, Wanted wanted) {
 
 // One page as the array of fixed rows that the callers take over and free.
 template <std::size_t Width>
-int hand_out(Source source, char (**list)[Width], int lower, int upper, const char* filter, int* total) {
+int hand_out(Source source, char (**list)[Width], int lower, int upper, const char* filter,
+             int* total) {
   using Row = char[Width];
   if (!list || !total) return -1;
   *list = nullptr;
@@ -117,20 +121,22 @@ int hand_out(Source source, char (**list)[Width], int lower, int upper, const ch
 std::optional<User> find_user(const char* name) {
   if (!name || !*name) return {};
   std::vector<char> buffer;
-  const auto record = look_up<passwd>(buffer, [name](passwd* p, char* text, std::size_t size, passwd** found) {
-    return getpwnam_r(name, p, text, size, found);
-  });
+  const auto record =
+      look_up<passwd>(buffer, [name](passwd* p, char* text, std::size_t size, passwd** found) {
+        return getpwnam_r(name, p, text, size, found);
+      });
   return record ? std::optional{User{record->pw_uid, record->pw_gid}} : std::nullopt;
 }
 
 bool is_locked(const char* name) {
   constexpr std::time_t DAY = std::time_t{24} * 60 * 60;
-  constexpr char LOCKED =
-      '!';  // precedes the hash; an account with "*" has no password here, but may log in by other means
+  constexpr char LOCKED = '!';  // precedes the hash; an account with "*" has no password here, but
+                                // may log in by other means
   std::vector<char> buffer;
-  const auto record = look_up<spwd>(buffer, [name](spwd* s, char* text, std::size_t size, spwd** found) {
-    return getspnam_r(name, s, text, size, found);
-  });
+  const auto record =
+      look_up<spwd>(buffer, [name](spwd* s, char* text, std::size_t size, spwd** found) {
+        return getspnam_r(name, s, text, size, found);
+      });
   if (!record) return false;
   const bool expired = record->sp_expire >= 0 && std::time(nullptr) / DAY >= record->sp_expire;
   return expired || (record->sp_pwdp && *record->sp_pwdp == LOCKED);
@@ -148,8 +154,9 @@ std::vector<std::string> users_of_file(const char* passwd) {
 std::vector<std::string> people_of_file(const char* passwd, uid_t least) {
   return names_of_file(passwd, [least](const struct passwd& entry) {
     const std::string_view shell = entry.pw_shell ? entry.pw_shell : "";
-    return entry.pw_uid >= least &&
-           std::ranges::none_of(NO_SHELLS, [&](std::string_view end) { return shell.ends_with(end); });
+    return entry.pw_uid >= least && std::ranges::none_of(NO_SHELLS, [&](std::string_view end) {
+             return shell.ends_with(end);
+           });
   });
 }
 
@@ -191,9 +198,10 @@ bool asks_directory(std::string_view nsswitch) {
   return false;
 }
 
-std::vector<std::string> page_of(std::vector<std::string> names, int lower, int upper, std::string_view filter,
-                                 int& total) {
-  std::erase_if(names, [filter](const std::string& name) { return name.find(filter) == std::string::npos; });
+std::vector<std::string> page_of(std::vector<std::string> names, int lower, int upper,
+                                 std::string_view filter, int& total) {
+  std::erase_if(
+      names, [filter](const std::string& name) { return name.find(filter) == std::string::npos; });
   total = static_cast<int>(names.size());
   const int first = std::clamp(lower, 0, total);
   const int last = std::clamp(upper, first - 1, total - 1);
@@ -206,7 +214,8 @@ int User_Belongs_To_Group(const char* user, const char* group) {
   return user && group && fenro::belongs(user, group) ? 1 : 0;
 }
 
-int Get_Local_User_List_V2(char (**list)[33], int lower, int upper, const char* filter, int* total) {
+int Get_Local_User_List_V2(char (**list)[33], int lower, int upper, const char* filter,
+                           int* total) {
   return fenro::hand_out(fenro::Source::Local, list, lower, upper, filter, total);
 }
 
@@ -214,8 +223,8 @@ int Get_LDAP_User_List_V2(char (**list)[33], int lower, int upper, const char* f
   return fenro::hand_out(fenro::Source::Ldap, list, lower, upper, filter, total);
 }
 
-int Get_Expand_Domain_User_List_V2(char (**list)[209], int lower, int upper, const char* filter, int* total, int /*a*/,
-                                   int /*b*/, int /*c*/) {
+int Get_Expand_Domain_User_List_V2(char (**list)[209], int lower, int upper, const char* filter,
+                                   int* total, int /*a*/, int /*b*/, int /*c*/) {
   return fenro::hand_out(fenro::Source::Domain, list, lower, upper, filter, total);
 }
 

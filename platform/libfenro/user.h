@@ -16,24 +16,25 @@ struct User {
 
 [[nodiscard]] std::optional<User> find_user(const char* name);
 
-// Returns whether the account's password is locked or the account has expired. Only root can read that; for others the
-// account counts as not locked.
+// Returns whether the account's password is locked or the account has expired. Only root can read
+// that; for others the account counts as not locked.
 [[nodiscard]] bool is_locked(const char* name);
 
 enum class Source { Local, Ldap, Domain };
 
-// Where a name that the name service enumerates comes from: local ones are in the passwd file, those of a domain are
-// marked in the name itself.
+// Where a name that the name service enumerates comes from: local ones are in the passwd file,
+// those of a domain are marked in the name itself.
 [[nodiscard]] Source source_of(const std::string& name, const std::vector<std::string>& local);
 
 // The names of a file of the form of /etc/passwd, sorted.
 [[nodiscard]] std::vector<std::string> users_of_file(const char* passwd);
 
-// Those of the accounts in such a file that people log in with: numbers from `least` on, with a shell that takes a
-// login.
+// Those of the accounts in such a file that people log in with: numbers from `least` on, with a
+// shell that takes a login.
 [[nodiscard]] std::vector<std::string> people_of_file(const char* passwd, uid_t least);
 
-// The least number of an account of a person, from the settings of the host's account tools; 1000 without them.
+// The least number of an account of a person, from the settings of the host's account tools; 1000
+// without them.
 [[nodiscard]] uid_t least_person(std::string_view login_defs);
 
 // All names of one source, sorted. Of the local accounts those that people log in with.

@@ -27,7 +27,8 @@ milliseconds time_left(Clock::time_point deadline) {
 int connect_to(const Fd& socket, const Address& address, Clock::time_point deadline) {
   const auto left = std::max(time_left(deadline), milliseconds{1});  // 0 would mean for ever
   const timeval limit{left.count() / 1000, left.count() % 1000 * 1000};
-  if (setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0) return MIB_IO_FAILURE;
+  if (setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) != 0)
+    return MIB_IO_FAILURE;
 
   int rc = 0;
   do {
@@ -48,7 +49,8 @@ class Exchange {
     while (!complete()) {
       pollfd entry{socket_.get(), static_cast<short>(sending() ? POLLIN | POLLOUT : POLLIN), 0};
       const int ready =
-          poll(&entry, 1, static_cast<int>(std::min<milliseconds::rep>(time_left(deadline).count(), INT_MAX)));
+          poll(&entry, 1,
+               static_cast<int>(std::min<milliseconds::rep>(time_left(deadline).count(), INT_MAX)));
       if (ready == 0) return MIB_TIMEOUT;
       if (ready < 0 && errno != EINTR) return MIB_IO_FAILURE;
       if (ready < 0) continue;
@@ -69,11 +71,13 @@ class Exchange {
   [[nodiscard]] std::size_t expected() const {
     return reply_.size() < NUMBER ? HEAD : NUMBER + get_number(reply_.data());
   }
-  [[nodiscard]] bool complete() const { return reply_.size() >= HEAD && reply_.size() == expected(); }
+  [[nodiscard]] bool complete() const {
+    return reply_.size() >= HEAD && reply_.size() == expected();
+  }
 
   void send_some() {
-    const ssize_t n =
-        ::send(socket_.get(), request_.data() + sent_, request_.size() - sent_, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t n = ::send(socket_.get(), request_.data() + sent_, request_.size() - sent_,
+                             MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n >= 0) sent_ += static_cast<std::size_t>(n);
     // A service that hung up reads no more, but its earlier output must still be read.
     if (n < 0 && errno != EAGAIN && errno != EINTR) sent_ = request_.size();
@@ -82,7 +86,8 @@ class Exchange {
   int receive_some() {
     const std::size_t start = reply_.size();
     reply_.resize(std::min(expected(), start + CHUNK));
-    const ssize_t n = recv(socket_.get(), reply_.data() + start, reply_.size() - start, MSG_DONTWAIT);
+    const ssize_t n =
+        recv(socket_.get(), reply_.data() + start, reply_.size() - start, MSG_DONTWAIT);
     const bool again = n < 0 && (errno == EAGAIN || errno == EINTR);
     reply_.resize(start + (n > 0 ? static_cast<std::size_t>(n) : 0));
     if (n <= 0) return again ? MIB_SUCCESS : MIB_IO_FAILURE;
@@ -98,7 +103,8 @@ class Exchange {
   std::string reply_;
 };
 
-int call(std::string_view service, std::string_view method, mib_io& io, Clock::time_point deadline) {
+int call(std::string_view service, std::string_view method, mib_io& io,
+         Clock::time_point deadline) {
   const Address address = address_of(service);
   if (address.length == 0 || method.empty()) return MIB_IS_INVALID;
   if (method.size() + io.bytes.size() + NUMBER > MAX_FRAME) return MIB_IS_REJECT;
@@ -118,7 +124,8 @@ int call(std::string_view service, std::string_view method, mib_io& io, Clock::t
 }  // namespace
 }  // namespace fenro::bus
 
-int mib_call(const char* service, const char* method, mib_io* io, int timeout_seconds, int /*flag*/) {
+int mib_call(const char* service, const char* method, mib_io* io, int timeout_seconds,
+             int /*flag*/) {
   using fenro::bus::Clock;
   if (!service || !method || !io) return MIB_IS_INVALID;
   const auto deadline = Clock::now() + std::chrono::seconds{std::max(timeout_seconds, 1)};

@@ -25,11 +25,11 @@ namespace {
 
 constexpr int FIRST_FREE = STDERR_FILENO + 1;
 constexpr int SIGNAL_BASE = 128;  // as the shell reports a program that a signal ended
-constexpr int TICK_MS = 20;       // how often to look for the program's end on a kernel without pidfd
+constexpr int TICK_MS = 20;  // how often to look for the program's end on a kernel without pidfd
 constexpr std::size_t CHUNK = std::size_t{64} << 10;
 
-// A caller that ignores SIGCHLD, as some web servers leave it, would have its children reaped by the kernel and
-// their exit status lost.
+// A caller that ignores SIGCHLD, as some web servers leave it, would have its children reaped by
+// the kernel and their exit status lost.
 class ReapableChildren {
  public:
   ReapableChildren() {
@@ -96,10 +96,11 @@ struct Launch {
   int error = 0;  // why it did not become that program
 };
 
-// Puts the signals back whose handlers are the parent's: one that runs in the child would work on the parent's memory.
-// Of those that the parent ignores the program inherits all but two.
+// Puts the signals back whose handlers are the parent's: one that runs in the child would work on
+// the parent's memory. Of those that the parent ignores the program inherits all but two.
 void reset_signals() {
-  for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGALRM, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGCHLD}) {
+  for (const int signal :
+       {SIGHUP, SIGINT, SIGQUIT, SIGALRM, SIGTERM, SIGUSR1, SIGUSR2, SIGPIPE, SIGCHLD}) {
     struct sigaction action {};
     if (sigaction(signal, nullptr, &action) != 0 || action.sa_handler == SIG_DFL) continue;
     if (action.sa_handler == SIG_IGN && signal != SIGPIPE && signal != SIGCHLD) continue;
@@ -109,7 +110,8 @@ void reset_signals() {
   }
 }
 
-// The child: three redirected streams and no other open descriptor, no signal blocked, then the program.
+// The child: three redirected streams and no other open descriptor, no signal blocked, then the
+// program.
 __attribute__((no_sanitize("address"))) int become_program(void* argument) {
   auto& launch = *static_cast<Launch*>(argument);
   reset_signals();
@@ -125,16 +127,19 @@ __attribute__((no_sanitize("address"))) int become_program(void* argument) {
   _exit(NOT_STARTED);
 }
 
-// Returns the process, -1 when the program cannot be run. The C library's own function for this asks for the handler of
-// each of the 64 signals and sets most of them, which costs more calls than all the rest of a start.
+// Returns the process, -1 when the program cannot be run. The C library's own function for this
+// asks for the handler of each of the 64 signals and sets most of them, which costs more calls than
+// all the rest of a start.
 pid_t start(char** argv, const Fd& in, const Fd& out, const Fd& err) {
   Launch launch{argv, in.get(), out.get(), err.get()};
-  alignas(std::max_align_t) std::array<char, CHILD_STACK> stack;  // the caller's own waits: CLONE_VFORK
+  alignas(std::max_align_t) std::array<char, CHILD_STACK>
+      stack;  // the caller's own waits: CLONE_VFORK
   sigset_t all;
   sigset_t old;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &old);
-  const pid_t pid = clone(become_program, stack.data() + stack.size(), CLONE_VM | CLONE_VFORK | SIGCHLD, &launch);
+  const pid_t pid =
+      clone(become_program, stack.data() + stack.size(), CLONE_VM | CLONE_VFORK | SIGCHLD, &launch);
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
   if (pid < 0 || launch.error == 0) return pid;
   while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) continue;
@@ -169,7 +174,8 @@ struct Stream {
   // Reads what is in the pipe now, not what a surviving daemon still writes into it.
   void drain() {
     int waiting = 0;
-    if (from && ioctl(from.get(), FIONREAD, &waiting) == 0 && waiting > 0) take(static_cast<std::size_t>(waiting));
+    if (from && ioctl(from.get(), FIONREAD, &waiting) == 0 && waiting > 0)
+      take(static_cast<std::size_t>(waiting));
   }
 };
 
@@ -183,7 +189,8 @@ bool has_ended(pid_t pid) {
 void capture(pid_t pid, Stream& out, Stream& err) {
   const Fd process{static_cast<int>(syscall(SYS_pidfd_open, pid, 0))};
   for (bool ended = false; !ended;) {
-    std::array<pollfd, 3> set{{{process.get(), POLLIN, 0}, {out.from.get(), POLLIN, 0}, {err.from.get(), POLLIN, 0}}};
+    std::array<pollfd, 3> set{
+        {{process.get(), POLLIN, 0}, {out.from.get(), POLLIN, 0}, {err.from.get(), POLLIN, 0}}};
     const int ready = poll(set.data(), set.size(), process ? -1 : TICK_MS);
     if (ready > 0 && set[1].revents != 0) out.take(CHUNK);
     if (ready > 0 && set[2].revents != 0) err.take(CHUNK);

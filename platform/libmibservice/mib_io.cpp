@@ -30,9 +30,11 @@ int format_into(std::string& bytes, const char* format, va_list arguments) {
   va_copy(again, arguments);
   const int length = std::vsnprintf(nullptr, 0, format, arguments);
   const std::size_t start = bytes.size();
-  const bool room = length >= 0 && succeeds([&] { bytes.resize(start + static_cast<std::size_t>(length)); });
+  const bool room =
+      length >= 0 && succeeds([&] { bytes.resize(start + static_cast<std::size_t>(length)); });
   // The byte after a string's end is its own NUL, which is what vsnprintf writes there.
-  if (room) std::vsnprintf(bytes.data() + start, static_cast<std::size_t>(length) + 1, format, again);
+  if (room)
+    std::vsnprintf(bytes.data() + start, static_cast<std::size_t>(length) + 1, format, again);
   va_end(again);
   return room ? length : -1;
 }

@@ -90,7 +90,9 @@ class Server::Pause {
 };
 
 Server::Server(std::string service)
-    : service_(std::move(service)), deadline_(DEFAULT_DEADLINE), wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    : service_(std::move(service)),
+      deadline_(DEFAULT_DEADLINE),
+      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 Server::~Server() = default;
 
@@ -118,7 +120,8 @@ bool Server::listen() {
   const Address address = address_of(service_);
   Fd socket{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
   if (address.length == 0 || !socket || !wake_) return false;
-  if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&address.sun), address.length) != 0) return false;
+  if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&address.sun), address.length) != 0)
+    return false;
   if (::listen(socket.get(), BACKLOG) != 0) return false;
   listener_ = std::move(socket);
   return true;
@@ -146,7 +149,8 @@ int Server::serve(int signals) {
       eventfd_t stopped = 0;
       if (set.entries[1].revents != 0 && eventfd_read(wake_.get(), &stopped) == 0) return 0;
       const std::size_t first = set.entries.size() - set.clients.size();
-      for (std::size_t i = 0; i < set.clients.size(); ++i) step(*set.clients[i], set.entries[first + i].revents);
+      for (std::size_t i = 0; i < set.clients.size(); ++i)
+        step(*set.clients[i], set.entries[first + i].revents);
       run_watchers(set);
       if (set.entries[2].revents != 0) accept_clients();
     }
@@ -162,7 +166,8 @@ void Server::collect(PollSet& set, int signals) {
     set.watched.push_back(fd);
   }
   for (Connection& connection : connections_) {
-    set.entries.push_back({connection.socket.get(), static_cast<short>(connection.answering ? POLLOUT : POLLIN), 0});
+    set.entries.push_back(
+        {connection.socket.get(), static_cast<short>(connection.answering ? POLLOUT : POLLIN), 0});
     set.clients.push_back(&connection);
   }
 }
@@ -201,10 +206,12 @@ void Server::accept_clients() {
   for (int taken = 0; taken < BACKLOG; ++taken) {
     Fd socket{accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)};
     if (!socket && errno == EINTR) continue;
-    if (!socket && (errno == EMFILE || errno == ENFILE)) poll(nullptr, 0, static_cast<int>(ACCEPT_PAUSE.count()));
+    if (!socket && (errno == EMFILE || errno == ENFILE))
+      poll(nullptr, 0, static_cast<int>(ACCEPT_PAUSE.count()));
     if (!socket) return;
     make_room();
-    Connection& connection = connections_.emplace_back(Connection{std::move(socket), Clock::now() + deadline_});
+    Connection& connection =
+        connections_.emplace_back(Connection{std::move(socket), Clock::now() + deadline_});
     if (!peer_is_trusted(connection.socket.get())) reply(connection, {MIB_IS_REJECT});
   }
 }
@@ -245,7 +252,8 @@ void Server::answer(Connection& connection) {
   if (in.size() < NUMBER + total) return;
 
   const std::size_t method = get_number(in.data() + NUMBER);
-  if (method > total - NUMBER || in.size() > NUMBER + total) return reply(connection, {MIB_IS_INVALID});
+  if (method > total - NUMBER || in.size() > NUMBER + total)
+    return reply(connection, {MIB_IS_INVALID});
   reply(connection, call(in.substr(HEAD, method), in.substr(HEAD + method)));
 }
 

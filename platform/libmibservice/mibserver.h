@@ -46,7 +46,8 @@ class Server {
   // A method without a handler answers MIB_IS_INVALID; a handler that throws, MIB_IO_FAILURE.
   void on(std::string method, Handler handler);
 
-  // Runs `job` every `period`, the first time one period after run() begins or, inside run(), after this call.
+  // Runs `job` every `period`, the first time one period after run() begins or, inside run(), after
+  // this call.
   void every(std::chrono::milliseconds period, std::function<void()> job);
 
   // Runs `ready` whenever `fd` is readable or hung up. The caller keeps ownership of the

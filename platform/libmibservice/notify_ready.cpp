@@ -17,7 +17,9 @@ void notify_ready() {
   const char* const name = std::getenv("NOTIFY_SOCKET");
   const std::string_view path = name ? name : "";
   sockaddr_un address{};
-  if (path.size() < 2 || path.size() >= sizeof address.sun_path || (path[0] != '/' && path[0] != '@')) return;
+  if (path.size() < 2 || path.size() >= sizeof address.sun_path ||
+      (path[0] != '/' && path[0] != '@'))
+    return;
 
   address.sun_family = AF_UNIX;
   std::copy(path.begin(), path.end(), address.sun_path);

@@ -35,12 +35,14 @@ Address address_of(std::string_view service) {
 
 std::uint32_t get_number(const char* bytes) {
   std::uint32_t number = 0;
-  for (std::size_t i = NUMBER; i-- > 0;) number = number << 8 | static_cast<unsigned char>(bytes[i]);
+  for (std::size_t i = NUMBER; i-- > 0;)
+    number = number << 8 | static_cast<unsigned char>(bytes[i]);
   return number;
 }
 
 void put_number(std::string& out, std::size_t number) {
-  for (std::size_t i = 0; i < NUMBER; ++i) out.push_back(static_cast<char>(number >> (8 * i) & 0xff));
+  for (std::size_t i = 0; i < NUMBER; ++i)
+    out.push_back(static_cast<char>(number >> (8 * i) & 0xff));
 }
 
 std::string request_frame(std::string_view method, std::string_view body) {

@@ -1,8 +1,9 @@
 // Finds out from the daemon's lines why the tunnel of a client profile is not up.
 //
-// An attempt ends when the daemon reconnects. Its reason is the first final one, else the first at all, so a daemon
-// that repeats itself, however fast, is written down once. What is said while the tunnel is up becomes a reason only
-// when the tunnel ends: a network that was away for a moment, or a packet that anyone can forge, does not end it.
+// An attempt ends when the daemon reconnects. Its reason is the first final one, else the first at
+// all, so a daemon that repeats itself, however fast, is written down once. What is said while the
+// tunnel is up becomes a reason only when the tunnel ends: a network that was away for a moment, or
+// a packet that anyone can forge, does not end it.
 #pragma once
 
 #include <chrono>
@@ -24,13 +25,14 @@ class Attempts {
   explicit Attempts(Note note) : note_(std::move(note)) {}
 
   void take(std::string_view line, Time now);
-  // To be called every few seconds: a server that refuses the profile's own certificate may say nothing at all.
+  // To be called every few seconds: a server that refuses the profile's own certificate may say
+  // nothing at all.
   void look(Time now);
   // The daemon has gone; what it said last is the reason.
   void end();
 
-  // Another attempt cannot help: the server has refused the login, or each of the profile's servers has met the daemon
-  // with a final reason, one of them twice.
+  // Another attempt cannot help: the server has refused the login, or each of the profile's servers
+  // has met the daemon with a final reason, one of them twice.
   [[nodiscard]] bool over() const { return over_; }
   // Whether the last reason is final.
   [[nodiscard]] bool final() const;

@@ -1,5 +1,5 @@
-// fenro-openvpn-manage COMMAND...: gives the OpenVPN server's daemon commands and prints what it answers. The exit
-// status is 0 when it has answered all of them, be it with an error.
+// fenro-openvpn-manage COMMAND...: gives the OpenVPN server's daemon commands and prints what it
+// answers. The exit status is 0 when it has answered all of them, be it with an error.
 #include <cstdio>
 #include <cstdlib>
 
@@ -7,9 +7,11 @@
 
 namespace {
 
-constexpr int PATIENCE = 10;  // seconds of silence; the interface may be in use by someone else meanwhile
+constexpr int PATIENCE =
+    10;  // seconds of silence; the interface may be in use by someone else meanwhile
 
-// An answer is one line of success or failure, or lines up to END. What the daemon says unasked begins with ">".
+// An answer is one line of success or failure, or lines up to END. What the daemon says unasked
+// begins with ">".
 bool print_answer(fenro::openvpn::Management& daemon) {
   while (const auto line = daemon.hear(PATIENCE)) {
     if (line->starts_with('>')) continue;

@@ -15,14 +15,16 @@ constexpr std::size_t LONGEST_LINE = std::size_t{64} << 10;
 template <typename Address>
 Fd connected(int family, const Address& address) {
   Fd fd{socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  if (fd && connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) fd.reset();
+  if (fd && connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    fd.reset();
   return fd;
 }
 
 bool trusted_peer(const Fd& fd) {
   ucred peer{};
   socklen_t length = sizeof peer;
-  return getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 && (peer.uid == 0 || peer.uid == geteuid());
+  return getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
+         (peer.uid == 0 || peer.uid == geteuid());
 }
 
 }  // namespace
@@ -49,7 +51,8 @@ bool Management::say(std::string_view command) {
   std::string line{command};
   line += '\n';
   for (std::string_view rest = line; !rest.empty();) {
-    const ssize_t sent = TEMP_FAILURE_RETRY(send(fd_.get(), rest.data(), rest.size(), MSG_NOSIGNAL));
+    const ssize_t sent =
+        TEMP_FAILURE_RETRY(send(fd_.get(), rest.data(), rest.size(), MSG_NOSIGNAL));
     if (sent <= 0) return false;
     rest.remove_prefix(static_cast<std::size_t>(sent));
   }
@@ -61,7 +64,8 @@ std::optional<std::string> Management::hear(int seconds) {
   std::size_t end = 0;
   while ((end = heard_.find('\n')) == std::string::npos) {
     pollfd waiting{fd_.get(), POLLIN, 0};
-    if (TEMP_FAILURE_RETRY(poll(&waiting, 1, seconds > 0 ? seconds * MILLISECONDS : -1)) <= 0) return {};
+    if (TEMP_FAILURE_RETRY(poll(&waiting, 1, seconds > 0 ? seconds * MILLISECONDS : -1)) <= 0)
+      return {};
     char piece[4096];
     const ssize_t got = TEMP_FAILURE_RETRY(recv(fd_.get(), piece, sizeof piece, 0));
     closed_ = got <= 0 || heard_.size() > LONGEST_LINE;

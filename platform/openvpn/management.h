@@ -1,5 +1,5 @@
-// The management interface of an OpenVPN daemon: commands and answers as lines. A daemon talks to one client at a time;
-// another one waits until that has gone.
+// The management interface of an OpenVPN daemon: commands and answers as lines. A daemon talks to
+// one client at a time; another one waits until that has gone.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,8 @@ constexpr std::uint16_t SERVER_PORT = 7505;
 
 class Management {
  public:
-  // Connects to a socket of the file system, or to a port of the loopback. A daemon that is not ours or root's is not
-  // talked to: everyone may open a socket of that name.
+  // Connects to a socket of the file system, or to a port of the loopback. A daemon that is not
+  // ours or root's is not talked to: everyone may open a socket of that name.
   [[nodiscard]] static Management at_socket(const std::string& path);
   [[nodiscard]] static Management at_port(std::uint16_t port);
 
@@ -25,8 +25,8 @@ class Management {
 
   [[nodiscard]] bool say(std::string_view command);
 
-  // The next line without its end; nothing when the daemon has closed, or has been silent for `seconds` (0: wait for
-  // ever).
+  // The next line without its end; nothing when the daemon has closed, or has been silent for
+  // `seconds` (0: wait for ever).
   [[nodiscard]] std::optional<std::string> hear(int seconds = 0);
   // Whether the daemon has closed.
   [[nodiscard]] bool closed() const { return closed_; }

@@ -1,13 +1,15 @@
 // fenro-openvpn-profile: the only reader of foreign OpenVPN profiles, which come on standard input.
 //
 //   fenro-openvpn-profile copy SLOT             what the daemon of a client tunnel gets to read
-//   fenro-openvpn-profile check [--ca|--cert|--key FILE]...   what the daemon that judges an upload gets to read
-//   fenro-openvpn-profile value NAME            the first word of the last line of a name
+//   fenro-openvpn-profile check [--ca|--cert|--key FILE]...   what the daemon that judges an upload
+//   gets to read fenro-openvpn-profile value NAME            the first word of the last line of a
+//   name
 //
-// A copy holds options of the table below and nothing else, in one form of blanks and quotes: what is not understood
-// here does not reach a daemon. "copy" leaves other options out, naming line and option on standard error, and refuses
-// a profile with one that would harm the host. "check" leaves those out, which are not of the profile's substance, and
-// refuses what no daemon knows, as the daemon would. A value is never shown: it may be a secret.
+// A copy holds options of the table below and nothing else, in one form of blanks and quotes: what
+// is not understood here does not reach a daemon. "copy" leaves other options out, naming line and
+// option on standard error, and refuses a profile with one that would harm the host. "check" leaves
+// those out, which are not of the profile's substance, and refuses what no daemon knows, as the
+// daemon would. A value is never shown: it may be a secret.
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -28,7 +30,8 @@ using fenro::openvpn::ProfileText;
 constexpr std::size_t MAX_PROFILE = std::size_t{16} * 1024 * 1024;
 constexpr int LAST_SLOT = 32;
 constexpr std::string_view CLIENTS = "/etc/config/openvpn/clients/";
-constexpr std::string_view PLAIN_BYTES = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./:@%+=,-";
+constexpr std::string_view PLAIN_BYTES =
+    "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./:@%+=,-";
 
 using Names = std::set<std::string_view>;
 
@@ -161,13 +164,16 @@ const Names ALLOWED{
 };
 
 // Allowed as a block only: alone they name a file of this host.
-const Names BLOCKS{"auth-user-pass", "ca",        "cert",         "crl-verify",       "dh",
-                   "extra-certs",    "key",       "pkcs12",       "secret",           "http-proxy-user-pass",
-                   "tls-auth",       "tls-crypt", "tls-crypt-v2", "peer-fingerprint", "verify-hash"};
+const Names BLOCKS{
+    "auth-user-pass", "ca",        "cert",         "crl-verify",       "dh",
+    "extra-certs",    "key",       "pkcs12",       "secret",           "http-proxy-user-pass",
+    "tls-auth",       "tls-crypt", "tls-crypt-v2", "peer-fingerprint", "verify-hash"};
 
-// A profile with one of these does not run: it was made to do something else than to reach a server.
-const Names HARMFUL{"chroot",    "config", "engine",         "genkey",          "mktun", "pkcs11-providers",
-                    "providers", "plugin", "replay-persist", "tls-export-cert", "rmtun", "http-proxy-user-pass"};
+// A profile with one of these does not run: it was made to do something else than to reach a
+// server.
+const Names HARMFUL{"chroot",         "config",           "engine",    "genkey",
+                    "mktun",          "pkcs11-providers", "providers", "plugin",
+                    "replay-persist", "tls-export-cert",  "rmtun",     "http-proxy-user-pass"};
 
 // What else the daemon knows. A judged profile may have them; no copy has.
 const Names KNOWN{"askpass",
@@ -294,19 +300,22 @@ const Names KNOWN{"askpass",
                   "writepid",
                   "x509-username-field"};
 
-// Of the allowed ones a check leaves out what an import replaces, and what would have the daemon ask or wait.
+// Of the allowed ones a check leaves out what an import replaces, and what would have the daemon
+// ask or wait.
 const Names NOT_JUDGED{"cipher",       "data-ciphers",         "ncp-ciphers",
                        "http-proxy",   "http-proxy-user-pass", "socks-proxy",
                        "resolv-retry", "auth-user-pass",       "management-query-passwords"};
 
 // Variables that programs and shells obey.
-constexpr std::string_view COMMANDING[] = {"LD_", "GLIBC_", "MALLOC_", "BASH", "OPENSSL_", "LOC", "GCONV", "TZ"};
+constexpr std::string_view COMMANDING[] = {"LD_",      "GLIBC_", "MALLOC_", "BASH",
+                                           "OPENSSL_", "LOC",    "GCONV",   "TZ"};
 const Names COMMANDS{"ENV",    "PATH",    "IFS",    "SHELLOPTS",   "PS4",
                      "CDPATH", "NLSPATH", "TMPDIR", "HOSTALIASES", "RES_OPTIONS"};
 
 bool commands(std::string_view variable) {
-  return COMMANDS.contains(variable) || std::any_of(std::begin(COMMANDING), std::end(COMMANDING),
-                                                    [&](auto start) { return variable.starts_with(start); });
+  return COMMANDS.contains(variable) ||
+         std::any_of(std::begin(COMMANDING), std::end(COMMANDING),
+                     [&](auto start) { return variable.starts_with(start); });
 }
 
 enum class Verdict { Allowed, LeftOut, Silent, Harmful, Unknown, Missing };
@@ -329,7 +338,8 @@ std::string quoted(const std::string& word) {
 class Copy {
  public:
   // Slot 0: the profile is judged.
-  Copy(const ProfileText& text, int slot, std::set<std::string> given) : slot_(slot), given_(std::move(given)) {
+  Copy(const ProfileText& text, int slot, std::set<std::string> given)
+      : slot_(slot), given_(std::move(given)) {
     for (const ProfileLine& line : text.lines) note_forgiven(line);
     if (slot_ != 0) set_ours();
     for (const ProfileLine& line : text.lines) add(line, text_);
@@ -355,7 +365,8 @@ class Copy {
   void note_forgiven(const ProfileLine& line) {
     const auto& words = line.words;
     if (words[0] == "ignore-unknown-option") forgiven_.insert(words.begin() + 1, words.end());
-    forgiving_ |= words.size() > 2 && words[0] == "setenv" && words[1] == "FORWARD_COMPATIBLE" && words[2] == "1";
+    forgiving_ |= words.size() > 2 && words[0] == "setenv" && words[1] == "FORWARD_COMPATIBLE" &&
+                  words[2] == "1";
   }
 
   [[nodiscard]] Verdict judge_file(const std::vector<std::string>& words) const {
@@ -368,7 +379,9 @@ class Copy {
 
   [[nodiscard]] Verdict judge_words(const std::vector<std::string>& words) const {
     const std::string& name = words[0];
-    const auto word = [&](std::size_t at) { return at < words.size() ? std::string_view(words[at]) : ""; };
+    const auto word = [&](std::size_t at) {
+      return at < words.size() ? std::string_view(words[at]) : "";
+    };
     if (name == "ignore-unknown-option") return Verdict::Silent;
     if (name == "setenv") {
       if (word(1).starts_with("UV_") || word(1).starts_with("IV_")) return Verdict::Allowed;
@@ -377,7 +390,8 @@ class Copy {
     }
     // A file of names and passwords would be sent to the proxy that the profile names.
     if (name == "socks-proxy" && words.size() > 3) return Verdict::Harmful;
-    if (name == "http-proxy" && words.size() > 3 && !Names{"auto", "auto-nct", "none", "stdin"}.contains(words[3]))
+    if (name == "http-proxy" && words.size() > 3 &&
+        !Names{"auto", "auto-nct", "none", "stdin"}.contains(words[3]))
       return Verdict::Harmful;
     if (HARMFUL.contains(name)) return Verdict::Harmful;
     if (ALLOWED.contains(name)) return Verdict::Allowed;
@@ -385,19 +399,24 @@ class Copy {
     return KNOWN.contains(name) ? Verdict::LeftOut : Verdict::Unknown;
   }
 
-  [[nodiscard]] Verdict judge(const ProfileLine& line, const std::vector<std::string>& words, bool forgiven) const {
-    if (line.block && (BLOCKS.contains(words[0]) || words[0] == "connection")) return Verdict::Allowed;
+  [[nodiscard]] Verdict judge(const ProfileLine& line, const std::vector<std::string>& words,
+                              bool forgiven) const {
+    if (line.block && (BLOCKS.contains(words[0]) || words[0] == "connection"))
+      return Verdict::Allowed;
     Verdict verdict = line.block ? Verdict::Unknown : judge_words(words);
-    if (line.block && (KNOWN.contains(words[0]) || HARMFUL.contains(words[0]) || ALLOWED.contains(words[0])))
+    if (line.block &&
+        (KNOWN.contains(words[0]) || HARMFUL.contains(words[0]) || ALLOWED.contains(words[0])))
       verdict = Verdict::LeftOut;
-    if (verdict == Verdict::Unknown && (forgiven || forgiving_ || forgiven_.contains(words[0]) || slot_ != 0))
+    if (verdict == Verdict::Unknown &&
+        (forgiven || forgiving_ || forgiven_.contains(words[0]) || slot_ != 0))
       verdict = Verdict::LeftOut;
     return verdict;
   }
 
   void add(const ProfileLine& line, std::string& out) {
     std::vector<std::string> words = line.words;
-    const bool forgiven = !line.block && words.size() > 2 && words[0] == "setenv" && words[1] == "opt";
+    const bool forgiven =
+        !line.block && words.size() > 2 && words[0] == "setenv" && words[1] == "opt";
     if (forgiven) words.erase(words.begin(), words.begin() + 2);
     // The daemon of a check has no login to offer.
     if (slot_ == 0 && words[0] == "auth-user-pass") {
@@ -416,13 +435,17 @@ class Copy {
       case Verdict::Silent: return;
       case Verdict::LeftOut: return leave_out(line, words[0]);
       case Verdict::Harmful:
-        if (slot_ != 0) refuse(line.number, "must not run on this appliance, for its line: " + words[0]);
+        if (slot_ != 0)
+          refuse(line.number, "must not run on this appliance, for its line: " + words[0]);
         return leave_out(line, words[0]);
       case Verdict::Unknown: refuse(line.number, "no option of the daemon: " + words[0]);
-      case Verdict::Missing: refuse(line.number, "a file that did not come with the profile: " + words[0]);
+      case Verdict::Missing:
+        refuse(line.number, "a file that did not come with the profile: " + words[0]);
     }
     if (slot_ == 0 && NOT_JUDGED.contains(words[0])) return;
-    if (slot_ == 0 && !line.block && words[0] == "tls-cipher" && words.size() > 1 && is_none(words[1])) return;
+    if (slot_ == 0 && !line.block && words[0] == "tls-cipher" && words.size() > 1 &&
+        is_none(words[1]))
+      return;
     if (line.block) return add_block(line, out);
     if (written.size() >= fenro::openvpn::MAX_LINE) refuse(line.number, "a line that is too long");
     out += written + '\n';
@@ -450,7 +473,9 @@ class Copy {
     std::fprintf(stderr, "line %zu: %s\n", line.number, name.c_str());
   }
 
-  [[nodiscard]] std::string crl_name() const { return "client" + std::to_string(slot_) + "_crl.pem"; }
+  [[nodiscard]] std::string crl_name() const {
+    return "client" + std::to_string(slot_) + "_crl.pem";
+  }
 
   int slot_;
   std::set<std::string> given_;
@@ -474,7 +499,10 @@ std::string read_input() {
 int slot_of(std::string_view text) {
   int slot = 0;
   const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), slot);
-  return failure == std::errc{} && end == text.data() + text.size() && slot >= 1 && slot <= LAST_SLOT ? slot : 0;
+  return failure == std::errc{} && end == text.data() + text.size() && slot >= 1 &&
+                 slot <= LAST_SLOT
+             ? slot
+             : 0;
 }
 
 ProfileText read_profile() {
@@ -490,22 +518,26 @@ int print(const std::string& text) {
 int value(const char* name) {
   std::string found;
   for (const ProfileLine& line : read_profile().lines) {
-    const std::size_t skip = line.words.size() > 2 && line.words[0] == "setenv" && line.words[1] == "opt" ? 2 : 0;
+    const std::size_t skip =
+        line.words.size() > 2 && line.words[0] == "setenv" && line.words[1] == "opt" ? 2 : 0;
     if (line.block || line.words[skip] != name) continue;
     found = skip + 1 < line.words.size() ? line.words[skip + 1] : "";
   }
   return print(found + '\n');
 }
 
-// Key files that come beside a profile become blocks of the copy: the daemon that judges can open no file.
+// Key files that come beside a profile become blocks of the copy: the daemon that judges can open
+// no file.
 int check(int count, char** options) {
   std::set<std::string> given;
   std::string blocks;
   for (int at = 0; at < count; at += 2) {
     const std::string option = options[at];
     std::string content;
-    if (at + 1 == count || !Names{"--ca", "--cert", "--key"}.contains(option)) refuse(0, "not an option");
-    if (fenro::read_file(options[at + 1], content) != 0) refuse(0, "a file that can't be read for " + option);
+    if (at + 1 == count || !Names{"--ca", "--cert", "--key"}.contains(option))
+      refuse(0, "not an option");
+    if (fenro::read_file(options[at + 1], content) != 0)
+      refuse(0, "a file that can't be read for " + option);
     const std::string name = option.substr(2);
     if (content.find('<') != std::string_view::npos) refuse(0, "a file with a \"<\" for " + option);
     given.insert(name);
@@ -513,9 +545,10 @@ int check(int count, char** options) {
   }
   const ProfileText text = read_profile();
   // As anything else the daemon would go on, and wait for a peer.
-  const bool client = std::any_of(text.lines.begin(), text.lines.end(), [](const ProfileLine& line) {
-    return !line.block && (line.words[0] == "client" || line.words[0] == "tls-client");
-  });
+  const bool client =
+      std::any_of(text.lines.begin(), text.lines.end(), [](const ProfileLine& line) {
+        return !line.block && (line.words[0] == "client" || line.words[0] == "tls-client");
+      });
   if (!client) refuse(0, "not the profile of a client");
   return print(Copy(text, 0, given).text() + blocks);
 }

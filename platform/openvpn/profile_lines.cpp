@@ -9,7 +9,8 @@ namespace fenro::openvpn {
 namespace {
 
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
-constexpr std::string_view NAME_BYTES = "-_0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+constexpr std::string_view NAME_BYTES =
+    "-_0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
 
 // What isspace() says in the daemon's locale; the end of a line counts as well.
 bool blank(char byte) {
@@ -58,7 +59,8 @@ class Splitter {
         break;
     }
     if (out == '\0') return true;
-    if (escaped && out != '\\' && out != '"' && !blank(out)) return refuse("a backslash before a plain byte");
+    if (escaped && out != '\\' && out != '"' && !blank(out))
+      return refuse("a backslash before a plain byte");
     if (word_.size() == MAX_WORD) return refuse("a word that is too long");
     word_ += out;
     return true;
@@ -94,7 +96,8 @@ class Reader {
   Reader(std::string_view text, std::size_t first) : rest_(text), number_(first - 1) {}
 
   ProfileText read() {
-    if (number_ == 0 && rest_.starts_with(BYTE_ORDER_MARK)) rest_.remove_prefix(BYTE_ORDER_MARK.size());
+    if (number_ == 0 && rest_.starts_with(BYTE_ORDER_MARK))
+      rest_.remove_prefix(BYTE_ORDER_MARK.size());
     for (std::string_view line; !result_.refusal && take_line(line);) read_line(line);
     return std::move(result_);
   }
@@ -125,7 +128,8 @@ class Reader {
     if (found.words.empty()) return;
     std::string& name = found.words[0];
     if (name.size() > 2 && name.starts_with("--")) name.erase(0, 2);
-    if (found.words.size() == 1 && name.size() > 2 && name.starts_with('<') && name.ends_with('>')) {
+    if (found.words.size() == 1 && name.size() > 2 && name.starts_with('<') &&
+        name.ends_with('>')) {
       name = name.substr(1, name.size() - 2);
       found.block = true;
       read_block(found);
@@ -141,7 +145,8 @@ class Reader {
     for (std::string_view line; take_line(line);) {
       std::string_view content = line;
       while (!content.empty() && blank(content[0])) content.remove_prefix(1);
-      // The daemon takes no notice of what follows on the line, which so could not be distinguished from it.
+      // The daemon takes no notice of what follows on the line, which so could not be distinguished
+      // from it.
       if (content.starts_with(closing)) return;
       if (content.find('<') != std::string_view::npos) return refuse("a \"<\" within a block");
       found.body += line;

@@ -29,9 +29,10 @@ struct ProfileText {
   const char* refusal = nullptr;
 };
 
-// Reads a whole profile. Stricter than the daemon: what could be read in two ways is refused. Those are control bytes
-// other than a tab and the line's end, a name that is not one, and a "<" within a block.
-// `first` is the number of the first line; the lines of a connection block are read by a call of their own.
+// Reads a whole profile. Stricter than the daemon: what could be read in two ways is refused. Those
+// are control bytes other than a tab and the line's end, a name that is not one, and a "<" within a
+// block. `first` is the number of the first line; the lines of a connection block are read by a
+// call of their own.
 [[nodiscard]] ProfileText read_profile(std::string_view text, std::size_t first = 1);
 
 }  // namespace fenro::openvpn

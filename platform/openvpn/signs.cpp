@@ -66,8 +66,9 @@ constexpr Row SIGNS[] = {
 
 template <std::size_t N>
 std::optional<Sign> find(const Row (&rows)[N], std::string_view text, std::string_view detail) {
-  const auto* const row = std::find_if(std::begin(rows), std::end(rows),
-                                       [&](const Row& one) { return text.find(one.words) != std::string_view::npos; });
+  const auto* const row = std::find_if(std::begin(rows), std::end(rows), [&](const Row& one) {
+    return text.find(one.words) != std::string_view::npos;
+  });
   if (row == std::end(rows)) return {};
   return Sign{row->code, std::string(detail)};
 }
@@ -78,8 +79,8 @@ std::string_view take_field(std::string_view& line) {
   return field;
 }
 
-// A line of the log is the time, its flags and the text; one that was asked for has no mark before it. Empty for any
-// other line.
+// A line of the log is the time, its flags and the text; one that was asked for has no mark before
+// it. Empty for any other line.
 std::string_view log_text(std::string_view line) {
   constexpr std::string_view DIGITS = "0123456789", FLAGS = "IFNWD";
   if (line.starts_with(LOG)) line.remove_prefix(LOG.size());
@@ -112,7 +113,8 @@ std::optional<Sign> sign_of(std::string_view line) {
 }
 
 bool says_connected(std::string_view line) {
-  return (line.starts_with(STATE) || !line.starts_with('>')) && line.find(",CONNECTED,SUCCESS,") != std::string::npos;
+  return (line.starts_with(STATE) || !line.starts_with('>')) &&
+         line.find(",CONNECTED,SUCCESS,") != std::string::npos;
 }
 
 bool says_reconnecting(std::string_view line) {
@@ -131,7 +133,8 @@ bool warns_of_own_certificate(std::string_view line) {
 }
 
 bool says_server_answers(std::string_view line) {
-  return (line.starts_with(STATE) || !line.starts_with('>')) && line.find(",AUTH,,") != std::string_view::npos;
+  return (line.starts_with(STATE) || !line.starts_with('>')) &&
+         line.find(",AUTH,,") != std::string_view::npos;
 }
 
 bool says_handshake_failed(std::string_view line) {

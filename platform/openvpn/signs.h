@@ -13,8 +13,8 @@ struct Sign {
   std::string detail;
 };
 
-// Reads a line as ">LOG:", ">FATAL:" or ">PASSWORD:Verification Failed", or one of the log so far. Nothing for a line
-// that explains no failure.
+// Reads a line as ">LOG:", ">FATAL:" or ">PASSWORD:Verification Failed", or one of the log so far.
+// Nothing for a line that explains no failure.
 [[nodiscard]] std::optional<Sign> sign_of(std::string_view line);
 
 // The tunnel is up: a state that was sent unasked, or in answer to "state".
@@ -23,7 +23,8 @@ struct Sign {
 // The daemon gives an attempt up and begins another.
 [[nodiscard]] bool says_reconnecting(std::string_view line);
 
-// How many servers the profile names: the answer to "remote-entry-count". Nothing for any other line.
+// How many servers the profile names: the answer to "remote-entry-count". Nothing for any other
+// line.
 [[nodiscard]] std::optional<int> remote_count(std::string_view line);
 
 // The daemon warns that the profile's own certificate has expired. A server may not look at it.

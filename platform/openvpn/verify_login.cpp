@@ -1,11 +1,13 @@
 // fenro-openvpn-verify: decides a login of the OpenVPN server without holding up the daemon.
 //
-// The daemon runs this program for each login and carries no packet until it has ended. A wrong password takes about
-// two seconds on purpose, so the answer is deferred: the program forks and ends with DEFERRED at once. The child runs
-// the login hook and writes its answer into the file that the daemon watches.
+// The daemon runs this program for each login and carries no packet until it has ended. A wrong
+// password takes about two seconds on purpose, so the answer is deferred: the program forks and
+// ends with DEFERRED at once. The child runs the login hook and writes its answer into the file
+// that the daemon watches.
 //
-// At most MOST_PENDING logins wait at a time, and at most MOST_HOOKS of them run the hook. Each holds the lock of a
-// file in LOCK_FOLDER, which the kernel releases when the child ends, however it ends.
+// At most MOST_PENDING logins wait at a time, and at most MOST_HOOKS of them run the hook. Each
+// holds the lock of a file in LOCK_FOLDER, which the kernel releases when the child ends, however
+// it ends.
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -46,18 +48,21 @@ constexpr auto PAUSE = milliseconds(20);
 enum Status { ADMITTED = 0, REFUSED = 1, DEFERRED = 2 };
 
 // All that the hook reads of its environment.
-constexpr const char* HOOK_VARIABLES[] = {"username", "password", "untrusted_ip", "auth_failed_reason_file"};
+constexpr const char* HOOK_VARIABLES[] = {"username", "password", "untrusted_ip",
+                                          "auth_failed_reason_file"};
 
 std::string variable(const char* name) {
   const char* value = std::getenv(name);
   return value ? value : "";
 }
 
-// Returns a free file of `name`.0 to `name`.`count` - 1, locked, or an empty descriptor when all are taken.
+// Returns a free file of `name`.0 to `name`.`count` - 1, locked, or an empty descriptor when all
+// are taken.
 Fd take_one_of(const char* name, int count) {
   for (int i = 0; i < count; ++i) {
     const std::string path = std::string(LOCK_FOLDER) + '/' + name + '.' + std::to_string(i);
-    Fd fd{open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR)};
+    Fd fd{open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
+               S_IRUSR | S_IWUSR)};
     if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) == 0) return fd;
   }
   return Fd{};
@@ -86,7 +91,8 @@ Fd wait_for_hook() {
   _exit(REFUSED);
 }
 
-// Returns whether the hook admits the client. A hook that does not end in time is killed and counts as a refusal.
+// Returns whether the hook admits the client. A hook that does not end in time is killed and counts
+// as a refusal.
 bool hook_admits() {
   const pid_t child = fork();
   if (child < 0) return false;
@@ -103,7 +109,8 @@ bool hook_admits() {
          WEXITSTATUS(status) == ADMITTED;
 }
 
-// The file is the daemon's, which removes it when it no longer waits: a missing one is not created again.
+// The file is the daemon's, which removes it when it no longer waits: a missing one is not created
+// again.
 void answer(const std::string& path, bool admitted) {
   const Fd file{open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW)};
   if (file) std::ignore = fenro::write_all(file.get(), admitted ? "1" : "0");
@@ -125,16 +132,19 @@ fenro::OnlineUser this_login() {
   return login;
 }
 
-// What the hook has written for the client, without the words for its program: "TEMP[backoff 60]:too many …".
+// What the hook has written for the client, without the words for its program: "TEMP[backoff
+// 60]:too many …".
 std::string reason_for_client() {
   std::string text;
-  if (fenro::read_file(variable("auth_failed_reason_file").c_str(), text) != 0 || text.empty()) return "wrong password";
+  if (fenro::read_file(variable("auth_failed_reason_file").c_str(), text) != 0 || text.empty())
+    return "wrong password";
   const std::size_t flags = text.starts_with("TEMP") ? text.find("]:") : std::string::npos;
   return flags == std::string::npos ? text : text.substr(flags + 2);
 }
 
 int refuse(const char* reason) {
-  syslog(LOG_WARNING, "login of a client at %s refused: %s", variable("untrusted_ip").c_str(), reason);
+  syslog(LOG_WARNING, "login of a client at %s refused: %s", variable("untrusted_ip").c_str(),
+         reason);
   return REFUSED;
 }
 
@@ -144,7 +154,8 @@ int main() {
   openlog("fenro-openvpn-verify", LOG_PID, LOG_DAEMON);
   const std::string control = variable("auth_control_file");
   if (control.empty()) become_hook();  // the daemon cannot take the answer later
-  if (!fenro::make_private_folder(LOCK_FOLDER)) return refuse("the folder of its locks cannot be used");
+  if (!fenro::make_private_folder(LOCK_FOLDER))
+    return refuse("the folder of its locks cannot be used");
   const Fd place = take_one_of("pending", MOST_PENDING);
   if (!place) return refuse("too many logins are waiting");
 
@@ -158,10 +169,12 @@ int main() {
   if (!hook) {
     // The hook writes the rows of those that it refuses.
     refuse("the logins before it take too long");
-    std::ignore = fenro::log_refusal(this_login(), "other logins take too long");  // it is refused without it, too
+    std::ignore = fenro::log_refusal(
+        this_login(), "other logins take too long");  // it is refused without it, too
   }
   const bool admitted = hook && hook_admits();
-  const std::string reason = admitted ? "" : reason_for_client();  // the daemon removes the file with the answer
+  const std::string reason =
+      admitted ? "" : reason_for_client();  // the daemon removes the file with the answer
   answer(control, admitted);
   if (hook && !admitted) fenro::tell_refusal(this_login(), reason);
   return EXIT_SUCCESS;

@@ -1,6 +1,7 @@
-// vpn_ext.so: the plugin that every OpenVPN client profile of the appliance loads, with the profile's slot as its
-// argument. A profile comes from elsewhere, and so does what its server pushes: the plugin takes from the daemon, and
-// from every script that it runs, what no tunnel needs, before the first packet is sent.
+// vpn_ext.so: the plugin that every OpenVPN client profile of the appliance loads, with the
+// profile's slot as its argument. A profile comes from elsewhere, and so does what its server
+// pushes: the plugin takes from the daemon, and from every script that it runs, what no tunnel
+// needs, before the first packet is sent.
 //
 // - Rights can't grow any more, not by a program with the set-user-ID bit either.
 // - Of root's capabilities those are left that tunnels, routes and name service settings need.
@@ -29,7 +30,8 @@ constexpr unsigned KEPT[] = {
     CAP_FOWNER,
 };
 
-// The library of capabilities is not worth a dependency for one call. Version 3 has two words of 32 bits each.
+// The library of capabilities is not worth a dependency for one call. Version 3 has two words of 32
+// bits each.
 bool keep_capabilities() {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct held[_LINUX_CAPABILITY_U32S_3] = {};
@@ -47,20 +49,23 @@ bool keep_capabilities() {
 bool contain() {
   constexpr rlimit NO_DUMP{0, 0};
   umask(PRIVATE);
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && setrlimit(RLIMIT_CORE, &NO_DUMP) == 0 && keep_capabilities();
+  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && setrlimit(RLIMIT_CORE, &NO_DUMP) == 0 &&
+         keep_capabilities();
 }
 
 bool is_slot(const char* text) {
   const std::string_view digits = text ? text : "";
   int slot = 0;
   const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), slot);
-  return failure == std::errc{} && end == digits.data() + digits.size() && slot >= 1 && slot <= LAST_SLOT;
+  return failure == std::errc{} && end == digits.data() + digits.size() && slot >= 1 &&
+         slot <= LAST_SLOT;
 }
 
 }  // namespace
 
 // A daemon that can't be contained does not start.
-OPENVPN_EXPORT int openvpn_plugin_open_v3(const int version, openvpn_plugin_args_open_in const* arguments,
+OPENVPN_EXPORT int openvpn_plugin_open_v3(const int version,
+                                          openvpn_plugin_args_open_in const* arguments,
                                           openvpn_plugin_args_open_return* result) {
   static int handle = 0;  // there is no state, yet the daemon wants to hold something
   if (version < OPENVPN_PLUGINv3_STRUCTVER || !arguments->argv[0] || !is_slot(arguments->argv[1])) {

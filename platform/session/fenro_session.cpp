@@ -1,5 +1,6 @@
-// fenro-session create USER [ADDRESS [OWN-ADDRESS]] | list | end SID | end-user USER: the sessions of the web
-// interface. Begins one for a user whose password somebody else has checked, so it works for root only.
+// fenro-session create USER [ADDRESS [OWN-ADDRESS]] | list | end SID | end-user USER: the sessions
+// of the web interface. Begins one for a user whose password somebody else has checked, so it works
+// for root only.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <string>
@@ -45,14 +46,17 @@ int create(const Words& words) {
   return DONE;
 }
 
-// One line a session: id, user, address or "-", time of last use; separated by tabs, which no user's name holds.
+// One line a session: id, user, address or "-", time of last use; separated by tabs, which no
+// user's name holds.
 int list(const Words& /*words*/) {
   for (const _session& session : fenro::SessionStore{}.list())
-    std::printf("%s\t%s\t%s\t%ld\n", session.sid, session.user, *session.ip ? session.ip : "-", session.touched);
+    std::printf("%s\t%s\t%s\t%ld\n", session.sid, session.user, *session.ip ? session.ip : "-",
+                session.touched);
   return DONE;
 }
 
-// While a command runs, everybody sees its arguments: a session that may live on is better named on standard input.
+// While a command runs, everybody sees its arguments: a session that may live on is better named on
+// standard input.
 std::string read_sid() {
   std::string line;
   constexpr std::size_t ENOUGH = sizeof(_session::sid);
@@ -67,7 +71,9 @@ int end(const Words& words) {
 }
 
 int end_user(const Words& words) {
-  return fenro::SessionStore{}.end_user(words[0]) > 0 ? DONE : complain(NOT_FOUND, "that user has no session");
+  return fenro::SessionStore{}.end_user(words[0]) > 0
+             ? DONE
+             : complain(NOT_FOUND, "that user has no session");
 }
 
 struct Command {
@@ -77,10 +83,15 @@ struct Command {
   const char* help;
 };
 constexpr Command COMMANDS[] = {
-    {"create", 1, 3, create, "create USER [ADDRESS [OWN-ADDRESS]]   begin a session and print its id"},
-    {"list", 0, 0, list, "list                                  id, user, address and last use of all sessions"},
-    {"end", 1, 1, end, "end SID                               end one session; \"-\" takes the id from standard input"},
-    {"end-user", 1, 1, end_user, "end-user USER                         end all sessions of a user"},
+    {"create", 1, 3, create,
+     "create USER [ADDRESS [OWN-ADDRESS]]   begin a session and print its id"},
+    {"list", 0, 0, list,
+     "list                                  id, user, address and last use of all sessions"},
+    {"end", 1, 1, end,
+     "end SID                               end one session; \"-\" takes the id from standard "
+     "input"},
+    {"end-user", 1, 1, end_user,
+     "end-user USER                         end all sessions of a user"},
 };
 
 int usage() {

@@ -1,6 +1,8 @@
-// fenro-login.cgi: the web login of a host. Takes user and password by POST over TLS, asks PAM, begins a session with
-// fenro-session and answers {"error":0,"sid":"...","admin":true}; or ends a session. Every other answer of the login is
-// {"error":38,"reason":"session pass"}, and for a wrong password it comes after the same time as for an unknown user.
+// fenro-login.cgi: the web login of a host. Takes user and password by POST over TLS, asks PAM,
+// begins a session with fenro-session and answers {"error":0,"sid":"...","admin":true}; or ends a
+// session. Every other answer of the login is
+// {"error":38,"reason":"session pass"}, and for a wrong password it comes after the same time as
+// for an unknown user.
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -45,8 +47,8 @@ constexpr const char* ADMINISTRATORS = "administrators";
 constexpr std::string_view FORM_TYPE = "application/x-www-form-urlencoded";
 constexpr mode_t PRIVATE_UMASK = 077;
 
-// PAM itself waits one to three seconds, by chance, before it says no. The rest up to a whole step hides what is left
-// of the difference between a hash that was computed and one that was not.
+// PAM itself waits one to three seconds, by chance, before it says no. The rest up to a whole step
+// hides what is left of the difference between a hash that was computed and one that was not.
 constexpr std::chrono::milliseconds FAILURE_STEP{3500};
 
 constexpr const char* OK = "200 OK";
@@ -70,9 +72,10 @@ std::string_view variable(const char* name) {
   return value ? value : "";
 }
 
-void answer(const char* status, std::string_view body, const char* type = JSON, const std::string& headers = {}) {
-  std::printf("Status: %s\r\nContent-Type: %s; charset=utf-8\r\nCache-Control: no-store\r\n%s\r\n", status, type,
-              headers.c_str());
+void answer(const char* status, std::string_view body, const char* type = JSON,
+            const std::string& headers = {}) {
+  std::printf("Status: %s\r\nContent-Type: %s; charset=utf-8\r\nCache-Control: no-store\r\n%s\r\n",
+              status, type, headers.c_str());
   std::fwrite(body.data(), 1, body.size(), stdout);
 }
 
@@ -92,11 +95,14 @@ void log_event(EventType type, const std::string& user, const char* text) {
 }
 
 // Runs fenro-session. What it printed without the line's end; nothing when it refused.
-std::optional<std::string> session_tool(std::vector<std::string> words, const std::string& input = {}) {
+std::optional<std::string> session_tool(std::vector<std::string> words,
+                                        const std::string& input = {}) {
   const MibIo in{mib_io_create()}, out{mib_io_create()}, err{mib_io_create()};
-  for (const char* name : {"QUERY_STRING", "REQUEST_URI"}) unsetenv(name);  // they may hold a session id
+  for (const char* name : {"QUERY_STRING", "REQUEST_URI"})
+    unsetenv(name);  // they may hold a session id
   words.insert(words.begin(), SESSION_TOOL);
-  if (!in || mib_io_write(in.get(), input.data(), input.size()) != static_cast<int>(input.size())) return {};
+  if (!in || mib_io_write(in.get(), input.data(), input.size()) != static_cast<int>(input.size()))
+    return {};
   if (mib_io_execv(in.get(), out.get(), err.get(), fenro::argv_of(words).data()) != 0) return {};
   std::size_t length = 0;
   const char* const text = mib_io_read(out.get(), &length);
@@ -104,11 +110,12 @@ std::optional<std::string> session_tool(std::vector<std::string> words, const st
   return std::string{printed.substr(0, printed.find('\n'))};
 }
 
-// Reads the form of a POST, and takes its query string for none. Null, or the status to refuse it with.
+// Reads the form of a POST, and takes its query string for none. Null, or the status to refuse it
+// with.
 const char* read_form(LoginForm& form) {
   const std::string_view type = variable("CONTENT_TYPE");
-  const bool right =
-      type.size() >= FORM_TYPE.size() && strncasecmp(type.data(), FORM_TYPE.data(), FORM_TYPE.size()) == 0;
+  const bool right = type.size() >= FORM_TYPE.size() &&
+                     strncasecmp(type.data(), FORM_TYPE.data(), FORM_TYPE.size()) == 0;
   if (!right) return WRONG_TYPE;
   switch (form.read(STDIN_FILENO, variable("CONTENT_LENGTH"))) {
     case LoginForm::Result::Ok: return nullptr;
@@ -125,9 +132,10 @@ void wait_for_whole_step(Clock::time_point start) {
 
 // A name that no session can hold is not shown to PAM's modules.
 bool is_valid(const std::string& user, const char* password) {
-  const bool plain = std::none_of(user.begin(), user.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; });
-  const bool good =
-      plain && user.size() < sizeof(_session::user) && Check_NAS_User_Password(user.c_str(), password) == 0;
+  const bool plain = std::none_of(user.begin(), user.end(),
+                                  [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; });
+  const bool good = plain && user.size() < sizeof(_session::user) &&
+                    Check_NAS_User_Password(user.c_str(), password) == 0;
   // PPTP and L2TP logins need a hash of the password, which the host does not keep.
   if (good && !fenro::mschap::store_password(user, password))
     log_event(WARNING, user, "[Web] The password hash for PPTP and L2TP could not be stored.");
@@ -136,13 +144,15 @@ bool is_valid(const std::string& user, const char* password) {
 
 void refuse_for_now(const LoginThrottle::Admission& admission, const std::string& user) {
   // Once a window: a flood of refusals must not push everything else out of the log.
-  if (admission.first_refusal) log_event(WARNING, user, "[Web] Login refused for a while: too many failed logins.");
-  answer(TOO_MANY, LOGIN_REFUSED, JSON, "Retry-After: " + std::to_string(admission.retry_after) + "\r\n");
+  if (admission.first_refusal)
+    log_event(WARNING, user, "[Web] Login refused for a while: too many failed logins.");
+  answer(TOO_MANY, LOGIN_REFUSED, JSON,
+         "Retry-After: " + std::to_string(admission.retry_after) + "\r\n");
 }
 
 void begin_session(const std::string& user) {
-  const auto sid =
-      session_tool({"create", user, std::string{variable("REMOTE_ADDR")}, std::string{variable("SERVER_ADDR")}});
+  const auto sid = session_tool(
+      {"create", user, std::string{variable("REMOTE_ADDR")}, std::string{variable("SERVER_ADDR")}});
   if (!sid) {
     log_event(WARNING, user, "[Web] Login failed: no session could be made.");
     return answer(FAILED, LOGIN_REFUSED);
@@ -192,12 +202,14 @@ void log_out() {
 
 void log_out_by_link() {
   LoginForm form;
-  if (form.take(variable("QUERY_STRING")) != LoginForm::Result::Ok) return answer(BAD_REQUEST, LOGOUT_REFUSED);
+  if (form.take(variable("QUERY_STRING")) != LoginForm::Result::Ok)
+    return answer(BAD_REQUEST, LOGOUT_REFUSED);
   end_session(form.value("sid"));
 }
 
 void show_page() {
-  answer(OK, fenro::LOGIN_PAGE, "text/html", "Content-Security-Policy: " + std::string{fenro::PAGE_POLICY} + "\r\n");
+  answer(OK, fenro::LOGIN_PAGE, "text/html",
+         "Content-Security-Policy: " + std::string{fenro::PAGE_POLICY} + "\r\n");
 }
 
 struct Route {

@@ -21,9 +21,13 @@ ssize_t read_some(int fd, char* bytes, std::size_t size) {
   return read(fd, bytes, size);
 }
 
-// Without a template the parser makes no file of an upload. All values of a name stay, so that each can be wiped.
-constexpr cgi_settings SETTINGS{
-    .fstream = -1, .var_mode = MULTIPLE_VAR_MODE, .upload_tempname = "", .upload_limit = 1, .buffer_size = 1};
+// Without a template the parser makes no file of an upload. All values of a name stay, so that each
+// can be wiped.
+constexpr cgi_settings SETTINGS{.fstream = -1,
+                                .var_mode = MULTIPLE_VAR_MODE,
+                                .upload_tempname = "",
+                                .upload_limit = 1,
+                                .buffer_size = 1};
 
 // A NUL, plain or encoded: a value would look shorter than it is.
 bool holds_nul(std::string_view text) {
@@ -62,7 +66,8 @@ LoginForm::Result LoginForm::parse() {
   cgi_parser parser{SETTINGS};
   formpart_parser state;
   // In one piece, so that a value gets its memory once and no shorter copy of it is left behind.
-  const bool whole = parser.var_list && formpart_parser_execute(&parser, &state, text.data(), size_) == size_ &&
+  const bool whole = parser.var_list &&
+                     formpart_parser_execute(&parser, &state, text.data(), size_) == size_ &&
                      formpart_parser_execute(&parser, &state, "&", 1) == 1;
   fields_.reset(std::exchange(parser.var_list, nullptr));
   return whole ? Result::Ok : Result::Malformed;

@@ -1,5 +1,5 @@
-// The form of a login. The text and the values parsed from it are wiped with it: no buffer of a stream, no copy of a
-// growing string keeps a password.
+// The form of a login. The text and the values parsed from it are wiped with it: no buffer of a
+// stream, no copy of a growing string keeps a password.
 #pragma once
 
 #include <array>

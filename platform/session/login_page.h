@@ -1,9 +1,11 @@
-// The page that asks for user and password: no script, no style, nothing from elsewhere, as its policy demands.
+// The page that asks for user and password: no script, no style, nothing from elsewhere, as its
+// policy demands.
 #pragma once
 
 namespace fenro {
 
-constexpr const char* PAGE_POLICY = "default-src 'none'; base-uri 'none'; form-action 'self'; frame-ancestors 'none'";
+constexpr const char* PAGE_POLICY =
+    "default-src 'none'; base-uri 'none'; form-action 'self'; frame-ancestors 'none'";
 
 constexpr const char* LOGIN_PAGE = R"(<!DOCTYPE html>
 <html lang="en">

@@ -46,8 +46,9 @@ unsigned slot_of(const std::string& key, std::string_view name, unsigned slots) 
 // Some directories take a name in any case, so the counter has to.
 std::string folded(std::string_view name) {
   std::string text{name};
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  std::transform(text.begin(), text.end(), text.begin(), [](char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  });
   return text;
 }
 
@@ -88,13 +89,13 @@ bool LoginThrottle::save(const State& state) const {
   std::string text = state.key + "\n";
   for (const auto& [slot, counter] : state.counters)
     if (counter.failures > 0)
-      text +=
-          std::to_string(slot) + " " + std::to_string(counter.failures) + " " + std::to_string(counter.since) + "\n";
+      text += std::to_string(slot) + " " + std::to_string(counter.failures) + " " +
+              std::to_string(counter.since) + "\n";
   return replace_file(folder_ + COUNTERS, text);
 }
 
-// A counter one beyond its limit says that the refusal was sent. Refusals do not count as failures, so that the window
-// ends also for one who keeps asking.
+// A counter one beyond its limit says that the refusal was sent. Refusals do not count as failures,
+// so that the window ends also for one who keeps asking.
 void LoginThrottle::refuse(const Limited& row, std::time_t now, Admission& admission) {
   auto& [counter, limit] = row;
   if (counter.failures < limit) return;
@@ -110,7 +111,8 @@ void LoginThrottle::charge(const Limited& row, std::time_t now, Admission& admis
   ++row.counter.failures;
 }
 
-std::optional<LoginThrottle::Admission> LoginThrottle::admit(std::string_view user, std::string_view address,
+std::optional<LoginThrottle::Admission> LoginThrottle::admit(std::string_view user,
+                                                             std::string_view address,
                                                              std::time_t now) const {
   const Fd lock = lock_folder(folder_);
   State state;
@@ -126,13 +128,15 @@ std::optional<LoginThrottle::Admission> LoginThrottle::admit(std::string_view us
   return save(state) ? std::optional{admission} : std::nullopt;
 }
 
-bool LoginThrottle::succeed(std::string_view user, std::string_view address, std::time_t now) const {
+bool LoginThrottle::succeed(std::string_view user, std::string_view address,
+                            std::time_t now) const {
   const Fd lock = lock_folder(folder_);
   State state;
   if (!lock || !load(state, now)) return false;
   state.counters.erase(user_slot(state, user));
   const auto client = state.counters.find(address_slot(state, address));
-  if (client != state.counters.end() && --client->second.failures <= 0) state.counters.erase(client);
+  if (client != state.counters.end() && --client->second.failures <= 0)
+    state.counters.erase(client);
   return save(state);
 }
 

@@ -1,11 +1,14 @@
-// Failed logins, counted for each user and for each address. The file "counters" in a folder that is closed to others:
+// Failed logins, counted for each user and for each address. The file "counters" in a folder that
+// is closed to others:
 //
 //   dK3...                 32 random characters, made with the file
-//   17 3 86400             a slot, its failures, when the first of them was (seconds since the host started)
+//   17 3 86400             a slot, its failures, when the first of them was (seconds since the host
+//   started)
 //
-// A slot is what the digest of a name gives with the random characters, so the file holds no names and nobody can
-// work out whose counters meet in one slot. There is a fixed number of them: whatever names and addresses are tried,
-// the file does not grow, and no counter can be pushed out of it by others.
+// A slot is what the digest of a name gives with the random characters, so the file holds no names
+// and nobody can work out whose counters meet in one slot. There is a fixed number of them:
+// whatever names and addresses are tried, the file does not grow, and no counter can be pushed out
+// of it by others.
 #pragma once
 
 #include <chrono>
@@ -21,7 +24,8 @@ class LoginThrottle {
  public:
   static constexpr std::time_t WINDOW = std::time_t{15} * 60;  // counted from the first failure
   static constexpr int ADDRESS_LIMIT = 10;
-  static constexpr int USER_LIMIT = 20;  // more than one address may use up: it alone cannot lock a user out
+  static constexpr int USER_LIMIT =
+      20;  // more than one address may use up: it alone cannot lock a user out
   static constexpr unsigned SLOTS = 8192;
 
   struct Admission {
@@ -30,14 +34,17 @@ class LoginThrottle {
     std::chrono::milliseconds delay{0};  // to wait before the password is looked at
   };
 
-  explicit LoginThrottle(std::string folder, unsigned slots = SLOTS) : folder_(std::move(folder)), slots_(slots) {}
+  explicit LoginThrottle(std::string folder, unsigned slots = SLOTS)
+      : folder_(std::move(folder)), slots_(slots) {}
 
-  // Asks for one attempt and counts it as failed until it has succeeded: a hundred attempts at the same time are a
-  // hundred. Nothing when it cannot be counted, and then the password must not be looked at.
-  [[nodiscard]] std::optional<Admission> admit(std::string_view user, std::string_view address, std::time_t now) const;
+  // Asks for one attempt and counts it as failed until it has succeeded: a hundred attempts at the
+  // same time are a hundred. Nothing when it cannot be counted, and then the password must not be
+  // looked at.
+  [[nodiscard]] std::optional<Admission> admit(std::string_view user, std::string_view address,
+                                               std::time_t now) const;
 
-  // Takes the attempt back and forgives the user's failures. The address keeps its other ones, or an attacker with
-  // an account could go on for ever. False when it cannot be written.
+  // Takes the attempt back and forgives the user's failures. The address keeps its other ones, or
+  // an attacker with an account could go on for ever. False when it cannot be written.
   bool succeed(std::string_view user, std::string_view address, std::time_t now) const;
 
   // Seconds since the host started, which nobody can set back.

@@ -6,7 +6,8 @@ namespace fenro {
 namespace {
 
 // The place of the next option among the words, or their number for none.
-std::size_t find_option(const std::vector<std::string>& words, const std::vector<std::string_view>& options) {
+std::size_t find_option(const std::vector<std::string>& words,
+                        const std::vector<std::string_view>& options) {
   const auto is_option = [&](std::size_t i) {
     return std::find(options.begin(), options.end(), words[i]) != options.end();
   };

@@ -20,7 +20,8 @@ struct Arguments {
 // Splits the arguments. The number of operands is fixed, so that a value may look like an option:
 // surplus arguments must be options with one value each, searched first after the operands, then
 // before, then between them. Returns nothing when the arguments do not fit.
-[[nodiscard]] std::optional<Arguments> parse_arguments(std::vector<std::string> words, std::size_t operands,
-                                                       const std::vector<std::string_view>& options);
+[[nodiscard]] std::optional<Arguments> parse_arguments(
+    std::vector<std::string> words, std::size_t operands,
+    const std::vector<std::string_view>& options);
 
 }  // namespace fenro

@@ -2,9 +2,9 @@
 // list of live connections and in the connection log.
 //
 //   fenro-connection up TYPE INTERFACE SOURCE NUMBER LOCAL REMOTE
-//   fenro-connection down TYPE [FIELD VALUE]            FIELD is interface, number or remote; without it all of TYPE
-//   fenro-connection client-up TYPE LOCAL SERVER
-//   fenro-connection client-down TYPE LOCAL SERVER SINCE
+//   fenro-connection down TYPE [FIELD VALUE]            FIELD is interface, number or remote;
+//   without it all of TYPE fenro-connection client-up TYPE LOCAL SERVER fenro-connection
+//   client-down TYPE LOCAL SERVER SINCE
 //
 // TYPE is the bit of the server or the client, NUMBER a pid or the source port of an OpenVPN
 // client, SERVER the other end's address outside the tunnel, SINCE seconds since the epoch.
@@ -78,20 +78,24 @@ struct Field {
   std::string_view name;
   std::string (*of)(const OnlineUser& session);
 };
-constexpr Field FIELDS[] = {{"interface", interface_of}, {"number", number_of}, {"remote", remote_of}};
+constexpr Field FIELDS[] = {
+    {"interface", interface_of}, {"number", number_of}, {"remote", remote_of}};
 
 int down(std::uint32_t type, Words words) {
   for (const Field& field : FIELDS) {
     if (words.empty() || field.name != words[0]) continue;
     const std::string_view value = words[1];
     return result(end_sessions(
-        OnlineUsers{}, [&](const OnlineUser& one) { return one.type == type && field.of(one) == value; }, traffic()));
+        OnlineUsers{},
+        [&](const OnlineUser& one) { return one.type == type && field.of(one) == value; },
+        traffic()));
   }
   return USAGE;
 }
 
 int down_all(std::uint32_t type, Words) {
-  return result(end_sessions(OnlineUsers{}, [&](const OnlineUser& one) { return one.type == type; }));
+  return result(
+      end_sessions(OnlineUsers{}, [&](const OnlineUser& one) { return one.type == type; }));
 }
 
 ClientTunnel client(std::uint32_t type, Words words) {
@@ -132,7 +136,8 @@ int main(int argc, char** argv) {
     if (status != USAGE) return status;
   }
   std::fputs(
-      "usage: up TYPE INTERFACE SOURCE NUMBER LOCAL REMOTE, down TYPE [interface|number|remote VALUE],\n"
+      "usage: up TYPE INTERFACE SOURCE NUMBER LOCAL REMOTE, down TYPE [interface|number|remote "
+      "VALUE],\n"
       "       client-up TYPE LOCAL SERVER, client-down TYPE LOCAL SERVER SINCE\n",
       stderr);
   return USAGE;

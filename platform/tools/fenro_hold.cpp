@@ -1,20 +1,21 @@
 // Keeps users and devices out of the servers for a time.
 //
 //   fenro-hold held user|peer WHO                  exit status 0 for one who is kept out
-//   fenro-hold refuse TYPE SOURCE WHO              the same for a user at a server, with a row in the connection log
-//   fenro-hold add user|peer WHO SECONDS [NAME [BY]]   NAME is how people call a device, BY who has asked for it
-//   fenro-hold lift WHO                            by user, key or name; exit status 3 when no one is held so
-//   fenro-hold list                                a JSON array of the holds in force
-//   fenro-hold limit WHO SINCE [NAME [BY]]         keeps a device out from that second on (since 1970), until unlimit
-//   fenro-hold unlimit WHO                         by key; exit status 3 when it has no limit
-//   fenro-hold limits                              a JSON array of the limits, begun or not
-//   fenro-hold peers                               the keys of devices that are kept out, a line each
-//   fenro-hold watch                               ends the holds of devices in time, and begins their limits; at the
+//   fenro-hold refuse TYPE SOURCE WHO              the same for a user at a server, with a row in
+//   the connection log fenro-hold add user|peer WHO SECONDS [NAME [BY]]   NAME is how people call a
+//   device, BY who has asked for it fenro-hold lift WHO                            by user, key or
+//   name; exit status 3 when no one is held so fenro-hold list                                a
+//   JSON array of the holds in force fenro-hold limit WHO SINCE [NAME [BY]]         keeps a device
+//   out from that second on (since 1970), until unlimit fenro-hold unlimit WHO by key; exit status
+//   3 when it has no limit fenro-hold limits                              a JSON array of the
+//   limits, begun or not fenro-hold peers                               the keys of devices that
+//   are kept out, a line each fenro-hold watch                               ends the holds of
+//   devices in time, and begins their limits; at the
 //                                                  start of their server
 //   fenro-hold expire                              ends holds whose time is over; for maintenance
 //
-// After a change of devices the WireGuard server's script applies it. The exit status is 0 when all was done, 1 after a
-// failure and 2 for a wrong call.
+// After a change of devices the WireGuard server's script applies it. The exit status is 0 when all
+// was done, 1 after a failure and 2 for a wrong call.
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -78,14 +79,17 @@ int apply_peers() {
   }
   int status = 0;
   const bool ended = child > 0 && TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) == child;
-  return ended && WIFEXITED(status) && WEXITSTATUS(status) == 0 ? EXIT_SUCCESS
-                                                                : fail("the WireGuard server does not apply it");
+  return ended && WIFEXITED(status) && WEXITSTATUS(status) == 0
+             ? EXIT_SUCCESS
+             : fail("the WireGuard server does not apply it");
 }
 
 // After a change: the server is asked for devices only.
 int finish(const std::vector<Hold>& changed) {
-  return std::ranges::any_of(changed, [](const Hold& hold) { return hold.kind != Hold::Kind::User; }) ? apply_peers()
-                                                                                                      : EXIT_SUCCESS;
+  return std::ranges::any_of(changed,
+                             [](const Hold& hold) { return hold.kind != Hold::Kind::User; })
+             ? apply_peers()
+             : EXIT_SUCCESS;
 }
 
 int held(Words words) {
@@ -139,8 +143,8 @@ std::int64_t next_limit(std::int64_t now) {
   return next;
 }
 
-// One process begins all limits in time; a second one that is started meanwhile gives up. It looks at the list again
-// and again, so that it learns of new limits and of a clock that was set.
+// One process begins all limits in time; a second one that is started meanwhile gives up. It looks
+// at the list again and again, so that it learns of new limits and of a clock that was set.
 void begin_limits_in_time() {
   constexpr std::int64_t LOOK = 20;  // seconds between two looks
   constexpr int TRIES = 10;          // for a lock whose owner may be about to end
@@ -158,7 +162,8 @@ void begin_limits_in_time() {
     const std::int64_t before = now;
     now = std::time(nullptr);
     const std::vector<Hold> limits = Holds{}.limits();
-    if (std::ranges::any_of(limits, [&](const Hold& hold) { return hold.since > before && hold.since <= now; }))
+    if (std::ranges::any_of(
+            limits, [&](const Hold& hold) { return hold.since > before && hold.since <= now; }))
       std::ignore = apply_peers();  // the next look cannot do better
   }
   _exit(EXIT_SUCCESS);
@@ -166,7 +171,8 @@ void begin_limits_in_time() {
 
 int limit(Words words) {
   Hold hold;
-  if (!parse(words[1], hold.since) || hold.since < 0 || hold.since >= Holds::NO_END || words[0][0] == '\0')
+  if (!parse(words[1], hold.since) || hold.since < 0 || hold.since >= Holds::NO_END ||
+      words[0][0] == '\0')
     return USAGE;
   hold.who = words[0];
   hold.name = words.size() > 2 ? words[2] : words[0];
@@ -178,7 +184,9 @@ int limit(Words words) {
 
 int unlimit(Words words) {
   std::vector<Hold> ended;
-  if (!Holds{}.lift([&](const Hold& hold) { return hold.kind == Hold::Kind::Limit && hold.who == words[0]; }, ended))
+  if (!Holds{}.lift(
+          [&](const Hold& hold) { return hold.kind == Hold::Kind::Limit && hold.who == words[0]; },
+          ended))
     return fail("the list cannot be written");
   return ended.empty() ? NOT_FOUND : apply_peers();
 }
@@ -186,8 +194,8 @@ int unlimit(Words words) {
 int add(Words words) {
   Hold hold;
   std::int64_t seconds = 0;
-  if (!is_kind(words[0], hold.kind) || !parse(words[2], seconds) || seconds < 1 || seconds > Holds::LONGEST ||
-      words[1][0] == '\0')
+  if (!is_kind(words[0], hold.kind) || !parse(words[2], seconds) || seconds < 1 ||
+      seconds > Holds::LONGEST || words[1][0] == '\0')
     return USAGE;
   hold.who = words[1];
   hold.name = words.size() > 3 ? words[3] : words[1];
@@ -221,10 +229,11 @@ int watch(Words) {
 int print(const std::vector<Hold>& holds) {
   const Json rows{json_array()};
   for (const Hold& hold : holds) {
-    json_array_append_new(rows.get(), json_pack("{s:s, s:o, s:o, s:o, s:I, s:I}", "kind", word_of(hold.kind), "who",
-                                                json_text(hold.who).release(), "name", json_text(hold.name).release(),
-                                                "by", json_text(hold.by).release(), "since", json_int_t{hold.since},
-                                                "until", json_int_t{hold.until}));
+    json_array_append_new(
+        rows.get(), json_pack("{s:s, s:o, s:o, s:o, s:I, s:I}", "kind", word_of(hold.kind), "who",
+                              json_text(hold.who).release(), "name", json_text(hold.name).release(),
+                              "by", json_text(hold.by).release(), "since", json_int_t{hold.since},
+                              "until", json_int_t{hold.until}));
   }
   return std::puts(compact(rows.get()).c_str()) >= 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
@@ -253,9 +262,10 @@ struct Command {
   int (*run)(Words words);
 };
 constexpr Command COMMANDS[] = {
-    {"held", 2, 2, held},   {"refuse", 3, 3, refuse}, {"add", 3, 5, add},         {"lift", 1, 1, lift},
-    {"list", 0, 0, list},   {"limit", 2, 4, limit},   {"unlimit", 1, 1, unlimit}, {"limits", 0, 0, limits},
-    {"peers", 0, 0, peers}, {"watch", 0, 0, watch},   {"expire", 0, 0, expire},
+    {"held", 2, 2, held},       {"refuse", 3, 3, refuse}, {"add", 3, 5, add},
+    {"lift", 1, 1, lift},       {"list", 0, 0, list},     {"limit", 2, 4, limit},
+    {"unlimit", 1, 1, unlimit}, {"limits", 0, 0, limits}, {"peers", 0, 0, peers},
+    {"watch", 0, 0, watch},     {"expire", 0, 0, expire},
 };
 
 }  // namespace
@@ -265,11 +275,13 @@ int main(int argc, char** argv) {
   for (const Command& command : COMMANDS) {
     if (words.size() < 2 || command.name != words[1]) continue;
     const Words rest = words.subspan(2);
-    const int status = rest.size() >= command.least && rest.size() <= command.most ? command.run(rest) : USAGE;
+    const int status =
+        rest.size() >= command.least && rest.size() <= command.most ? command.run(rest) : USAGE;
     if (status != USAGE) return status;
   }
   std::fputs(
-      "usage: held user|peer WHO, refuse TYPE SOURCE WHO, add user|peer WHO SECONDS [NAME [BY]], lift WHO, list, "
+      "usage: held user|peer WHO, refuse TYPE SOURCE WHO, add user|peer WHO SECONDS [NAME [BY]], "
+      "lift WHO, list, "
       "limit WHO SINCE [NAME [BY]], unlimit WHO, limits, peers, watch, expire\n",
       stderr);
   return USAGE;

@@ -5,8 +5,8 @@
 //   fenro-reason SECTION --clear         the tunnel is up, or was stopped
 //   fenro-reason SECTION --final         whether another attempt is known to be useless: 0 if so
 //
-// SECTION is one of vpn.conf. The code's number becomes "Last Error" of a client profile, 0 with --clear. Nothing is
-// noted for a profile that is gone. The exit status is 0 when all was noted.
+// SECTION is one of vpn.conf. The code's number becomes "Last Error" of a client profile, 0 with
+// --clear. Nothing is noted for a profile that is gone. The exit status is 0 when all was noted.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -37,13 +37,16 @@ bool is_profile(const std::string& section) {
 }
 
 bool is_gone(const std::string& section) {
-  return is_profile(section) && fenro::ini::read_value(VPN_CONF, section, "Index").value_or("").empty();
+  return is_profile(section) &&
+         fenro::ini::read_value(VPN_CONF, section, "Index").value_or("").empty();
 }
 
 // A key that has its value is left alone: each write costs a flush.
 bool set_last_error(const std::string& section, int error) {
   const std::string text = std::to_string(error);
-  if (!is_profile(section) || fenro::ini::read_value(VPN_CONF, section, LAST_ERROR).value_or("0") == text) return true;
+  if (!is_profile(section) ||
+      fenro::ini::read_value(VPN_CONF, section, LAST_ERROR).value_or("0") == text)
+    return true;
   return fenro::ini::write_value(VPN_CONF, section, LAST_ERROR, text);
 }
 

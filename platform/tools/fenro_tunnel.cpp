@@ -1,10 +1,12 @@
-// The way from the web programs, which have no rights over networks, to the unit that starts tunnels.
+// The way from the web programs, which have no rights over networks, to the unit that starts
+// tunnels.
 //
-//   fenro-tunnel call SCRIPT ARGUMENT...   asks for a start script: its output comes to the caller, its exit status too
-//   fenro-tunnel serve                     answers one such question on standard input, a connected socket
+//   fenro-tunnel call SCRIPT ARGUMENT...   asks for a start script: its output comes to the caller,
+//   its exit status too fenro-tunnel serve                     answers one such question on
+//   standard input, a connected socket
 //
-// What may be asked for is in one table. The caller must be root; the script gets its streams for its output and
-// nothing else of it.
+// What may be asked for is in one table. The caller must be root; the script gets its streams for
+// its output and nothing else of it.
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -32,7 +34,8 @@ using Words = std::vector<std::string>;
 
 constexpr const char* SOCKET = "/run/fenro/tunnel.sock";
 constexpr std::string_view FOLDER = "/etc/init.d/";
-constexpr std::string_view JUDGE = "/usr/sbin/verify_ovpn.sh";  // it needs a network namespace for a daemon
+constexpr std::string_view JUDGE =
+    "/usr/sbin/verify_ovpn.sh";  // it needs a network namespace for a daemon
 constexpr std::string_view UPLOADS = "/tmp/";
 constexpr int FAILED = 1;
 constexpr int USAGE = 64;
@@ -47,7 +50,8 @@ struct Row {
   Argument argument = Argument::None;
 };
 
-constexpr std::array SERVERS{"vpn_pptp.sh", "vpn_l2tp.sh", "vpn_openvpn.sh", "vpn_drovik.sh", "vpn_wireguard.sh"};
+constexpr std::array SERVERS{"vpn_pptp.sh", "vpn_l2tp.sh", "vpn_openvpn.sh", "vpn_drovik.sh",
+                             "vpn_wireguard.sh"};
 constexpr std::array SERVER_ACTIONS{"start", "stop", "restart", "status"};
 constexpr Row ROWS[] = {
     {"vpn_pptp_client.sh", "start", Argument::Slot},
@@ -88,13 +92,14 @@ constexpr Row ROWS[] = {
 bool is_number(std::string_view text, int least, int most) {
   int number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return error == std::errc{} && end == text.data() + text.size() && !text.starts_with('0') && number >= least &&
-         number <= most;
+  return error == std::errc{} && end == text.data() + text.size() && !text.starts_with('0') &&
+         number >= least && number <= most;
 }
 
 bool is_interface(std::string_view text) {
-  return !text.empty() && text.size() < 16 &&
-         std::ranges::all_of(text, [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'); });
+  return !text.empty() && text.size() < 16 && std::ranges::all_of(text, [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+  });
 }
 
 bool is_text(std::string_view text) {
@@ -109,14 +114,16 @@ bool arguments_fit(Argument kind, std::span<const std::string> words) {
     case Argument::None: return words.empty();
     case Argument::Slot: return words.size() == 1 && is_number(words[0], 1, MAX_SLOT);
     case Argument::Interface: return words.size() == 1 && is_interface(words[0]);
-    case Argument::TypeAndMaybeWho: return type && (words.size() == 1 || (words.size() == 2 && is_text(words[1])));
+    case Argument::TypeAndMaybeWho:
+      return type && (words.size() == 1 || (words.size() == 2 && is_text(words[1])));
     case Argument::TypeAndWho: return type && words.size() == 2 && is_text(words[1]);
     default: return false;
   }
 }
 
 bool is_upload(std::string_view path) {
-  return path.starts_with(UPLOADS) && path.find('/', UPLOADS.size()) == std::string_view::npos && is_text(path);
+  return path.starts_with(UPLOADS) && path.find('/', UPLOADS.size()) == std::string_view::npos &&
+         is_text(path);
 }
 
 bool is_allowed(const Words& words) {
@@ -182,7 +189,8 @@ bool receive_request(int socket, Request& request) {
   const cmsghdr* const head = length > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
   if (!head || head->cmsg_level != SOL_SOCKET || head->cmsg_type != SCM_RIGHTS) return false;
   std::array<int, 2> streams{-1, -1};
-  std::memcpy(streams.data(), CMSG_DATA(head), std::min<std::size_t>(head->cmsg_len - CMSG_LEN(0), sizeof streams));
+  std::memcpy(streams.data(), CMSG_DATA(head),
+              std::min<std::size_t>(head->cmsg_len - CMSG_LEN(0), sizeof streams));
   request.out = Fd{streams[0]};
   request.err = Fd{streams[1]};
   std::string_view rest{text.data(), static_cast<std::size_t>(length)};
@@ -217,24 +225,26 @@ int serve() {
   if (is_allowed(request.words)) {
     status = run_script(request);
   } else {
-    dprintf(request.err.get(), "fenro-tunnel: not a script, an action or an index that may be asked for\n");
+    dprintf(request.err.get(),
+            "fenro-tunnel: not a script, an action or an index that may be asked for\n");
   }
   const auto byte = static_cast<unsigned char>(status);
   return send(STDIN_FILENO, &byte, sizeof byte, MSG_NOSIGNAL) == 1 ? 0 : FAILED;
 }
 
 int complain() {
-  std::fprintf(
-      stderr,
-      "fenro-tunnel: the service that starts tunnels does not answer (%s). See: systemctl status fenro-tunnel.socket\n",
-      std::strerror(errno));
+  std::fprintf(stderr,
+               "fenro-tunnel: the service that starts tunnels does not answer (%s). See: systemctl "
+               "status fenro-tunnel.socket\n",
+               std::strerror(errno));
   return FAILED;
 }
 
 // A program that is started without streams has none to pass on.
 void open_missing_streams() {
   for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream)
-    if (fcntl(stream, F_GETFD) < 0) std::ignore = open("/dev/null", O_RDWR);  // takes the lowest free number
+    if (fcntl(stream, F_GETFD) < 0)
+      std::ignore = open("/dev/null", O_RDWR);  // takes the lowest free number
 }
 
 int call(std::span<char*> words) {
@@ -246,7 +256,8 @@ int call(std::span<char*> words) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   std::strncpy(address.sun_path, SOCKET, sizeof address.sun_path - 1);
-  if (!socket || connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+  if (!socket ||
+      connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       !send_request(socket.get(), text))
     return complain();
   unsigned char status = 0;

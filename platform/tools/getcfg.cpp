@@ -20,7 +20,8 @@ int main(int argc, char** argv) {
   }
   const std::string file = arguments->option("-f", fenro::paths::SYSTEM_CONF);
   const std::string fallback = arguments->option("-d", "");
-  const auto value = fenro::ini::read_value(file.c_str(), arguments->operands[0], arguments->operands[1]);
+  const auto value =
+      fenro::ini::read_value(file.c_str(), arguments->operands[0], arguments->operands[1]);
   if (std::puts(value.value_or(fallback).c_str()) < 0 || std::fflush(stdout) != 0) return USAGE;
   return value || !fallback.empty() ? 0 : MISSING;
 }

@@ -19,8 +19,14 @@ constexpr int TIMEOUT_SECONDS = 60;
 constexpr int USAGE = 64;  // beyond every status of a call
 constexpr int NO_FLAG = -1;
 constexpr std::array<const char*, MIB_IS_INVALID + 1> STATUS_TEXTS{
-    "success",  "no answer in time",    "nobody serves that name", "the service is paused",
-    "rejected", "the connection broke", "the service is busy",     "no such method, or bad arguments"};
+    "success",
+    "no answer in time",
+    "nobody serves that name",
+    "the service is paused",
+    "rejected",
+    "the connection broke",
+    "the service is busy",
+    "no such method, or bad arguments"};
 
 struct Target {
   std::string service, method;
@@ -53,9 +59,12 @@ int main(int argc, char** argv) {
   const std::string_view request = argc == 3 ? argv[2] : "";
   const MibIo io{mib_io_create()};
   int rc = MIB_IO_FAILURE;
-  if (io && mib_io_write(io.get(), request.data(), request.size()) == static_cast<int>(request.size()))
-    rc = mib_call(target.service.c_str(), target.method.c_str(), io.get(), TIMEOUT_SECONDS, NO_FLAG);
+  if (io &&
+      mib_io_write(io.get(), request.data(), request.size()) == static_cast<int>(request.size()))
+    rc =
+        mib_call(target.service.c_str(), target.method.c_str(), io.get(), TIMEOUT_SECONDS, NO_FLAG);
   if (rc == MIB_SUCCESS) rc = print_reply(io.get());
-  if (rc != MIB_SUCCESS) std::fprintf(stderr, "mibsh: %s: %s\n", argv[1], STATUS_TEXTS[static_cast<std::size_t>(rc)]);
+  if (rc != MIB_SUCCESS)
+    std::fprintf(stderr, "mibsh: %s: %s\n", argv[1], STATUS_TEXTS[static_cast<std::size_t>(rc)]);
   return rc;
 }

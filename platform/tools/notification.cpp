@@ -27,17 +27,21 @@ constexpr std::array<Option, 5> OPTIONS{{
     {"-M", [](Event& event, const std::string& value) { return event.message_id = value, true; }},
     {"-l",
      [](Event& event, const std::string& value) {
-       const auto* const level =
-           std::find_if(LEVELS.begin(), LEVELS.end(), [&](const Level& row) { return row.name == value; });
+       const auto* const level = std::find_if(LEVELS.begin(), LEVELS.end(),
+                                              [&](const Level& row) { return row.name == value; });
        if (level != LEVELS.end()) event.type = level->type;
        return level != LEVELS.end();
      }},
     // The channels of the message; only the log exists here.
-    {"-t", [](Event&, const std::string& value) { return value.find_first_not_of("0123456789") == std::string::npos; }},
+    {"-t",
+     [](Event&, const std::string& value) {
+       return value.find_first_not_of("0123456789") == std::string::npos;
+     }},
 }};
 
 const Option* find_option(std::string_view name) {
-  const auto* const row = std::find_if(OPTIONS.begin(), OPTIONS.end(), [&](const Option& o) { return o.name == name; });
+  const auto* const row =
+      std::find_if(OPTIONS.begin(), OPTIONS.end(), [&](const Option& o) { return o.name == name; });
   return row == OPTIONS.end() ? nullptr : row;
 }
 
@@ -62,7 +66,8 @@ std::string fill_marks(std::string_view message, const std::vector<std::string>&
     std::size_t number = 0;
     const char* const stop = message.data() + message.size();
     const auto [end, error] = std::from_chars(message.data() + 1, stop, number);
-    const bool mark = error == std::errc{} && end != stop && *end == '}' && number < arguments.size();
+    const bool mark =
+        error == std::errc{} && end != stop && *end == '}' && number < arguments.size();
     const std::size_t length = mark ? static_cast<std::size_t>(end - message.data()) + 1 : 1;
     out.append(mark ? std::string_view{arguments[number]} : message.substr(0, length));
     message.remove_prefix(length);
@@ -85,7 +90,8 @@ std::optional<Event> parse_notification(const std::vector<std::string>& words) {
     if (!option->apply(event, words[i + 1])) return {};
   }
   if (i >= words.size() || find_option(words[i])) return {};
-  event.description = cut(fill_marks(words[i], {words.begin() + static_cast<std::ptrdiff_t>(i) + 1, words.end()}));
+  event.description =
+      cut(fill_marks(words[i], {words.begin() + static_cast<std::ptrdiff_t>(i) + 1, words.end()}));
   return event;
 }
 

@@ -12,7 +12,8 @@ namespace fenro {
 
 // Replaces "{0}", "{1}"... by the arguments. A mark without an argument stays. Inserted text is
 // not searched again.
-[[nodiscard]] std::string fill_marks(std::string_view message, const std::vector<std::string>& arguments);
+[[nodiscard]] std::string fill_marks(std::string_view message,
+                                     const std::vector<std::string>& arguments);
 
 // Parses the arguments of "notify" into an event without its time. Returns nothing on malformed
 // arguments.

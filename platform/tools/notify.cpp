@@ -1,5 +1,6 @@
-// notify send -A APPLICATION -C CATEGORY -M ID -l LEVEL -t CHANNELS MESSAGE ARG...: stores a message of the
-// notification centre in the event log, with "{0}", "{1}"... filled from the arguments.
+// notify send -A APPLICATION -C CATEGORY -M ID -l LEVEL -t CHANNELS MESSAGE ARG...: stores a
+// message of the notification centre in the event log, with "{0}", "{1}"... filled from the
+// arguments.
 #include <cstdio>
 #include <ctime>
 
@@ -13,8 +14,10 @@ constexpr int USAGE = 2;
 int main(int argc, char** argv) {
   auto event = fenro::parse_notification({argv + 1, argv + argc});
   if (!event) {
-    std::fputs("usage: notify send -A APPLICATION -C CATEGORY -M ID -l info|warn|error -t CHANNELS MESSAGE [ARG...]\n",
-               stderr);
+    std::fputs(
+        "usage: notify send -A APPLICATION -C CATEGORY -M ID -l info|warn|error -t CHANNELS "
+        "MESSAGE [ARG...]\n",
+        stderr);
     return USAGE;
   }
   event->time = std::time(nullptr);

@@ -18,17 +18,25 @@ constexpr const char* SECTION = "System";
 constexpr const char* KEY = "Serial Number";
 constexpr const char* DMI_SERIAL = "/sys/class/dmi/id/product_serial";
 constexpr const char* MACHINE_ID = "/etc/machine-id";
-constexpr std::string_view PURPOSE = "fenro serial number\n";  // makes other programs' hashes of the id differ
+constexpr std::string_view PURPOSE =
+    "fenro serial number\n";  // makes other programs' hashes of the id differ
 constexpr std::size_t DIGITS = 12;
-constexpr std::array<const char*, 8> PLACEHOLDERS{
-    "None",    "Not Specified", "Not Applicable", "Default string", "System Serial Number", "To be filled by O.E.M.",
-    "Unknown", "INVALID"};
+constexpr std::array<const char*, 8> PLACEHOLDERS{"None",
+                                                  "Not Specified",
+                                                  "Not Applicable",
+                                                  "Default string",
+                                                  "System Serial Number",
+                                                  "To be filled by O.E.M.",
+                                                  "Unknown",
+                                                  "INVALID"};
 
 // Returns the first line of a file. A kernel file's size is not its real one.
 std::string first_line(const char* path) {
   std::array<char, 256> line{};
   const File file{std::fopen(path, "re")};
-  return file && std::fgets(line.data(), line.size(), file.get()) ? std::string{trimmed(line.data())} : std::string{};
+  return file && std::fgets(line.data(), line.size(), file.get())
+             ? std::string{trimmed(line.data())}
+             : std::string{};
 }
 
 }  // namespace
@@ -49,7 +57,8 @@ std::string number_from(std::string_view machine_id) {
   sha256_update(&hash, input.size(), reinterpret_cast<const std::uint8_t*>(input.data()));
   sha256_digest(&hash, digest.size(), digest.data());
   std::string number;
-  for (std::size_t i = 0; i < DIGITS / 2; ++i) number.append({HEX[digest[i] >> 4], HEX[digest[i] & 15]});
+  for (std::size_t i = 0; i < DIGITS / 2; ++i)
+    number.append({HEX[digest[i] >> 4], HEX[digest[i] & 15]});
   return number;
 }
 

@@ -20,8 +20,10 @@ int main(int argc, char** argv) {
     return USAGE;
   }
   const std::string file = arguments->option("-f", fenro::paths::SYSTEM_CONF);
-  const auto& [section, key, value] = std::tie(arguments->operands[0], arguments->operands[1], arguments->operands[2]);
+  const auto& [section, key, value] =
+      std::tie(arguments->operands[0], arguments->operands[1], arguments->operands[2]);
   if (fenro::ini::write_value(file, section, key, value)) return 0;
-  std::fprintf(stderr, "setcfg: cannot set \"%s\" of [%s] in %s\n", key.c_str(), section.c_str(), file.c_str());
+  std::fprintf(stderr, "setcfg: cannot set \"%s\" of [%s] in %s\n", key.c_str(), section.c_str(),
+               file.c_str());
   return FAILED;
 }

@@ -1,6 +1,6 @@
 // skarn_cli -x 13 -e: prints the public address of this host, as the cloud sees it.
-// skarn_cli -g ADDRESS: prints where an address is, {"result":{"latitude":…,"longitude":…,"country_code":…}}.
-// Neither needs a login.
+// skarn_cli -g ADDRESS: prints where an address is,
+// {"result":{"latitude":…,"longitude":…,"country_code":…}}. Neither needs a login.
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -22,14 +22,15 @@ json_t* result_of(const fenro::CloudReply& reply) {
 }
 
 std::string public_address(const fenro::CloudClient& cloud) {
-  const fenro::CloudReply reply = cloud.ask({fenro::CloudService::ACCOUNTS, "GET", "/v1.1/address"});
+  const fenro::CloudReply reply =
+      cloud.ask({fenro::CloudService::ACCOUNTS, "GET", "/v1.1/address"});
   const char* const address = fenro::text_or_null(result_of(reply), "address");
   return address ? address : "";
 }
 
 std::string location(const fenro::CloudClient& cloud, const std::string& address) {
-  const fenro::CloudReply reply =
-      cloud.ask({fenro::CloudService::ACCOUNTS, "GET", "/v1.1/location?address=" + cloud.path_part(address)});
+  const fenro::CloudReply reply = cloud.ask(
+      {fenro::CloudService::ACCOUNTS, "GET", "/v1.1/location?address=" + cloud.path_part(address)});
   return result_of(reply) ? fenro::compact(reply.root.get()) : "";
 }
 

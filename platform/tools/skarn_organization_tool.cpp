@@ -19,7 +19,9 @@ constexpr const char* ACTION = "get_organization_site_list";
 int main(int argc, char** argv) {
   const auto arguments = fenro::parse_arguments({argv + 1, argv + argc}, 1, {"-o", "-a"});
   if (!arguments || arguments->operands[0] != ACTION || arguments->options.size() != 2) {
-    std::fputs("usage: skarn_organization_tool get_organization_site_list -o ORGANIZATION -a TOKEN\n", stderr);
+    std::fputs(
+        "usage: skarn_organization_tool get_organization_site_list -o ORGANIZATION -a TOKEN\n",
+        stderr);
     return USAGE;
   }
   const std::string token = arguments->option("-a", "");
@@ -34,7 +36,9 @@ int main(int argc, char** argv) {
                  "/v1.2/organization/" + cloud.path_part(arguments->option("-o", "")) + "/site",
                  {"Authorization: Bearer " + token}});
   const bool listed = reply.good() && json_is_array(json_object_get(reply.root.get(), "result"));
-  if (listed && std::puts(fenro::compact(reply.root.get()).c_str()) >= 0 && std::fflush(stdout) == 0) return 0;
+  if (listed && std::puts(fenro::compact(reply.root.get()).c_str()) >= 0 &&
+      std::fflush(stdout) == 0)
+    return 0;
   std::fputs("skarn_organization_tool: the cloud lists no sites\n", stderr);
   return FAILED;
 }

@@ -1,4 +1,5 @@
-// The table of options, for the command line and for web forms, and the text helpers that are known by this namespace.
+// The table of options, for the command line and for web forms, and the text helpers that are known
+// by this namespace.
 #pragma once
 
 #include "ormel/base/text.h"

@@ -14,25 +14,32 @@ struct Row {
   const char* advice;
 };
 
-constexpr const char* DAEMONS = "ormelctl status shows which daemon does not answer; systemctl restart brings it back";
-constexpr const char* NETWORK = "check the network of this host and its name servers: ormelctl doctor";
-constexpr const char* CLOUD = "ormelctl sdwan status; log in at the provider again and repeat the command";
+constexpr const char* DAEMONS =
+    "ormelctl status shows which daemon does not answer; systemctl restart brings it back";
+constexpr const char* NETWORK =
+    "check the network of this host and its name servers: ormelctl doctor";
+constexpr const char* CLOUD =
+    "ormelctl sdwan status; log in at the provider again and repeat the command";
 constexpr const char* ROOM = "look whether /etc/config can be written and has room: df /etc/config";
-constexpr const char* KEYS = "\"wg genkey\" makes a private key, and \"wg pubkey\" the public one of it";
+constexpr const char* KEYS =
+    "\"wg genkey\" makes a private key, and \"wg pubkey\" the public one of it";
 
 constexpr Row BY_CODE[] = {
     {ormel::ERR_NOT_SUPPORT, ormel::ERR_NOT_SUPPORT, "ormelctl doctor says what this host lacks"},
-    {ormel::ERR_MAX_CONFIGS, ormel::ERR_MAX_CONFIGS, "delete what is no longer needed: ormelctl profile list"},
+    {ormel::ERR_MAX_CONFIGS, ormel::ERR_MAX_CONFIGS,
+     "delete what is no longer needed: ormelctl profile list"},
     {ormel::ERR_OPENVPN_CLIENT, ormel::ERR_OPENVPN_CRL_VERIFY,
      "ormelctl profile import FILE --report says what is wrong with which line"},
     {ormel::ERR_SAVE_FILE, ormel::ERR_SAVE_FILE, ROOM},
-    {ormel::ERR_BACKGROUND_PROCESS, ormel::ERR_KILL_PROCESS, "ormelctl why says more, and so does the host's journal"},
+    {ormel::ERR_BACKGROUND_PROCESS, ormel::ERR_KILL_PROCESS,
+     "ormelctl why says more, and so does the host's journal"},
     {ormel::ERR_SAVE_CONFIG, ormel::ERR_SAVE_CONFIG, ROOM},
     {ormel::ERR_QUERY_LOG_FAIL, ormel::ERR_QUERY_LOG_FAIL, "systemctl restart ormeld"},
     {ormel::ERR_CONFIGURATION_FULL, ormel::ERR_CONFIGURATION_FULL,
      "delete what is no longer needed: ormelctl profile list"},
     {ormel::ERR_IP_POOL_CONFLICT, ormel::ERR_IP_POOL_CONFLICT,
-     "choose another network or address: ormelctl server list, and \"ip address\", show those in use"},
+     "choose another network or address: ormelctl server list, and \"ip address\", show those in "
+     "use"},
     {ormel::ERR_MIB_IO_FAILED, ormel::ERR_WRONG_JSON_FORMAT, DAEMONS},
     {ormel::ERR_CURL_FAIL, ormel::ERR_CURL_FAIL, NETWORK},
     {ormel::ERR_DROVIK_CLIENT_DUPLICATE, ormel::ERR_DROVIK_CLIENT_DUPLICATE,
@@ -45,12 +52,14 @@ constexpr Row BY_CODE[] = {
     {ormel::ERR_WIREGUARD_PEER_PUB_KEY_INVALID, ormel::ERR_WIREGUARD_PEER_PUB_KEY_INVALID, KEYS},
     {ormel::ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE, ormel::ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE,
      "ormelctl profile list and ormelctl server show wireguard show the one that is there"},
-    {ormel::ERR_WIREGUARD_SERVER_DELETE_PEER, ormel::ERR_WIREGUARD_SERVER_DELETE_PEER, "ormelctl peer list"},
+    {ormel::ERR_WIREGUARD_SERVER_DELETE_PEER, ormel::ERR_WIREGUARD_SERVER_DELETE_PEER,
+     "ormelctl peer list"},
     {ormel::ERR_EASYCURL_FAIL, ormel::ERR_EASYCURL_FAIL, NETWORK},
     {ormel::ERR_PELMAR_GETCLOUDTOKEN, ormel::ERR_MYVANTRICLOUD_OAUTH_DECODE_ERROR, CLOUD},
     {ormel::ERR_SETUP_VPN_ENTRANCE_STATUS, ormel::ERR_SETUP_VPN_ENTRANCE_STATUS,
      "look whether nftables or iptables works: nft list tables"},
-    {ormel::ERR_MISSING_VPN_CONF, ormel::ERR_MISSING_VPN_CONF, "turn a server on, or add a profile"},
+    {ormel::ERR_MISSING_VPN_CONF, ormel::ERR_MISSING_VPN_CONF,
+     "turn a server on, or add a profile"},
     {ormel::ERR_WRONG_VPN_IPTABLES_RULES, ormel::ERR_WRONG_VPN_IPTABLES_RULES,
      "look whether nftables or iptables works: nft list tables"},
     {ormel::ERR_HTTP_ERROR, ormel::ERR_CURL_TIMEOUT, NETWORK},
@@ -58,12 +67,14 @@ constexpr Row BY_CODE[] = {
 };
 
 bool has_list(const std::string& noun) {
-  return std::ranges::any_of(
-      commands(), [&](const Command& row) { return noun == row.noun && std::string_view(row.verb) == "list"; });
+  return std::ranges::any_of(commands(), [&](const Command& row) {
+    return noun == row.noun && std::string_view(row.verb) == "list";
+  });
 }
 
 std::string lower(std::string text) {
-  std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  std::ranges::transform(text, text.begin(),
+                         [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return text;
 }
 
@@ -74,12 +85,16 @@ std::string advice_for(const Result& result, const Command& command, const Argum
   if (result.exit == Exit::Usage) return example;
   if (result.exit == Exit::NotRoot) return std::string("sudo ormelctl ") + command.example;
   if (result.exit == Exit::NotFound)
-    return has_list(command.noun) ? std::string("ormelctl ") + command.noun + " list" : "ormelctl status";
+    return has_list(command.noun) ? std::string("ormelctl ") + command.noun + " list"
+                                  : "ormelctl status";
   if (result.exit == Exit::Differs)
-    return "ormelctl why" + (arguments.words.empty() ? "" : ' ' + arguments.words[0]) + " says more";
-  if (result.exit == Exit::TimedOut) return "ormelctl status shows what is still on its way; or give it more time";
-  const auto* const row = std::ranges::find_if(
-      BY_CODE, [&](const Row& known) { return result.error >= known.first && result.error <= known.last; });
+    return "ormelctl why" + (arguments.words.empty() ? "" : ' ' + arguments.words[0]) +
+           " says more";
+  if (result.exit == Exit::TimedOut)
+    return "ormelctl status shows what is still on its way; or give it more time";
+  const auto* const row = std::ranges::find_if(BY_CODE, [&](const Row& known) {
+    return result.error >= known.first && result.error <= known.last;
+  });
   return row == std::end(BY_CODE) ? "ormelctl doctor looks for the cause" : row->advice;
 }
 
@@ -106,7 +121,8 @@ std::string closest_name(const std::string& word, const std::vector<std::string>
   return best ? *best : std::string();
 }
 
-std::string did_you_mean(const std::string& word, const std::vector<std::string>& known, const std::string& otherwise) {
+std::string did_you_mean(const std::string& word, const std::vector<std::string>& known,
+                         const std::string& otherwise) {
   const std::string name = closest_name(word, known);
   return name.empty() ? otherwise : "did you mean \"" + name + "\"? " + otherwise;
 }

@@ -45,9 +45,12 @@ bool load(Api& api) {
          find_function(api.free, "archive_read_free") &&
          find_function(api.all_filters, "archive_read_support_filter_all") &&
          find_function(api.all_formats, "archive_read_support_format_all") &&
-         find_function(api.open, "archive_read_open_filename") && find_function(api.next, "archive_read_next_header") &&
-         find_function(api.read, "archive_read_data") && find_function(api.name, "archive_entry_pathname") &&
-         find_function(api.type, "archive_entry_filetype") && find_function(api.error, "archive_error_string");
+         find_function(api.open, "archive_read_open_filename") &&
+         find_function(api.next, "archive_read_next_header") &&
+         find_function(api.read, "archive_read_data") &&
+         find_function(api.name, "archive_entry_pathname") &&
+         find_function(api.type, "archive_entry_filetype") &&
+         find_function(api.error, "archive_error_string");
 }
 
 const Api* api() {
@@ -77,7 +80,8 @@ bool read_content(archive* one, std::string& content, size_t room) {
   return got == 0;
 }
 
-// Of the second process: a signal to the first one's group does not reach it, and it keeps no stream open.
+// Of the second process: a signal to the first one's group does not reach it, and it keeps no
+// stream open.
 [[noreturn]] void remove_after(int wait, int life, const char* path) {
   setsid();
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, life}) close(stream);
@@ -111,13 +115,15 @@ PrivateFolder::~PrivateFolder() {
 }
 
 bool is_archive(const std::string& path) {
-  constexpr std::string_view ENDINGS[] = {".zip", ".tar", ".tgz", ".gz", ".xz", ".bz2", ".zst", ".7z"};
+  constexpr std::string_view ENDINGS[] = {".zip", ".tar", ".tgz", ".gz",
+                                          ".xz",  ".bz2", ".zst", ".7z"};
   const std::string name = ormel::to_lower(path);
   return std::any_of(std::begin(ENDINGS), std::end(ENDINGS),
                      [&](std::string_view ending) { return name.ends_with(ending); });
 }
 
-std::string unpack(const std::string& path, const std::string& folder, std::vector<PackedFile>& files) {
+std::string unpack(const std::string& path, const std::string& folder,
+                   std::vector<PackedFile>& files) {
   if (!api()) return "archives need the package libarchive13";
   const Archive one{api()->make()};
   if (!one) return "out of memory";
@@ -128,16 +134,19 @@ std::string unpack(const std::string& path, const std::string& folder, std::vect
   archive_entry* entry = nullptr;
   int status = 0;
   for (size_t seen = 0; (status = api()->next(one.get(), &entry)) == ARCHIVE_OK; ++seen) {
-    if (seen == MOST_FILES) return path + " holds more than " + std::to_string(MOST_FILES) + " files";
+    if (seen == MOST_FILES)
+      return path + " holds more than " + std::to_string(MOST_FILES) + " files";
     const char* name = api()->name(entry);
     if (api()->type(entry) != AE_IFREG || !name) continue;
     std::string content;
     if (!read_content(one.get(), content, MOST_BYTES - bytes)) {
-      return content.size() > MOST_BYTES - bytes ? path + " holds more than 10 MiB" : problem(path, one.get());
+      return content.size() > MOST_BYTES - bytes ? path + " holds more than 10 MiB"
+                                                 : problem(path, one.get());
     }
     bytes += content.size();
     const std::string place = folder + '/' + std::to_string(files.size());
-    if (!ormel::system::write_file(content, place.c_str(), fenro::PRIVATE_FILE)) return "no room to unpack " + path;
+    if (!ormel::system::write_file(content, place.c_str(), fenro::PRIVATE_FILE))
+      return "no room to unpack " + path;
     const std::string_view whole = name;
     files.push_back({std::string(whole.substr(whole.find_last_of("/\\") + 1)), place});
   }

@@ -78,7 +78,8 @@ constexpr bool all_explained() {
 }
 static_assert(all_explained(), "each command has its help and an example");
 
-constexpr const char* GLOBAL_OPTIONS[] = {"--output=", "--json", "--no-color", "--timeout=", "--help"};
+constexpr const char* GLOBAL_OPTIONS[] = {"--output=", "--json", "--no-color",
+                                          "--timeout=", "--help"};
 constexpr size_t FAR = 3;  // edits beyond which a name is no suggestion
 
 std::string name_of(const Command& command) {
@@ -119,7 +120,8 @@ std::string option_of(const Command& command, const std::string& name) {
 bool is_number(const std::string& text, int most) {
   int number = -1;
   const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return failure == std::errc{} && end == text.data() + text.size() && number >= 0 && number <= most;
+  return failure == std::errc{} && end == text.data() + text.size() && number >= 0 &&
+         number <= most;
 }
 
 bool is_address(const std::string& text) {
@@ -127,7 +129,8 @@ bool is_address(const std::string& text) {
   return inet_pton(AF_INET, text.c_str(), &address) == 1;
 }
 
-// What an option takes wherever it is found, where the program itself would take anything or would not say what.
+// What an option takes wherever it is found, where the program itself would take anything or would
+// not say what.
 struct Rule {
   std::string_view option;
   bool (*holds)(const std::string& value);
@@ -136,7 +139,8 @@ struct Rule {
 constexpr Rule RULES[] = {
     {"address", is_address, "an IPv4 address"},
     {"pool", is_address, "an IPv4 address"},
-    {"keepalive", [](const std::string& value) { return is_number(value, 65535); }, "0 to 65535 seconds"},
+    {"keepalive", [](const std::string& value) { return is_number(value, 65535); },
+     "0 to 65535 seconds"},
     {"mask", [](const std::string& value) { return is_number(value, 32) || is_address(value); },
      "0 to 32, or a netmask"},
 };
@@ -165,9 +169,11 @@ std::vector<std::string> nouns() {
 }
 
 // Of an option that the command does not have.
-std::string unknown_option(const Command& command, const std::string& name, const std::string& shown) {
+std::string unknown_option(const Command& command, const std::string& name,
+                           const std::string& shown) {
   std::vector<std::string> known;
-  for (const std::string& option : split(command.options)) known.push_back(option.substr(0, option.find('=')));
+  for (const std::string& option : split(command.options))
+    known.push_back(option.substr(0, option.find('=')));
   const std::string meant = closest_name(name, known);
   return "unknown option " + shown + (meant.empty() ? "" : "; did you mean --" + meant + '?');
 }
@@ -199,8 +205,14 @@ long Arguments::seconds(const std::string& name, long fallback) const {
   long number = 0;
   const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
   const std::string_view unit(end, static_cast<size_t>(text.data() + text.size() - end));
-  const long factor = unit.empty() || unit == "s" ? 1 : unit == "m" ? 60 : unit == "h" ? 3600 : unit == "d" ? 86400 : 0;
-  return failure != std::errc{} || factor == 0 || number < 0 || number > MOST / factor ? -1 : number * factor;
+  const long factor = unit.empty() || unit == "s" ? 1
+                      : unit == "m"               ? 60
+                      : unit == "h"               ? 3600
+                      : unit == "d"               ? 86400
+                                                  : 0;
+  return failure != std::errc{} || factor == 0 || number < 0 || number > MOST / factor
+             ? -1
+             : number * factor;
 }
 
 Result failed(Exit exit, std::string reason, std::string advice) {
@@ -209,9 +221,10 @@ Result failed(Exit exit, std::string reason, std::string advice) {
 
 Result failed(int error, const std::string& detail) {
   const Exit exit = error == ormel::ERR_CONFIGURE_INDEX ? Exit::NotFound : Exit::Failed;
-  return {.exit = exit,
-          .error = error,
-          .reason = detail.empty() ? ormel::get_error_message(static_cast<unsigned>(error)) : detail};
+  return {
+      .exit = exit,
+      .error = error,
+      .reason = detail.empty() ? ormel::get_error_message(static_cast<unsigned>(error)) : detail};
 }
 
 Result refused(int error, const std::string& reason, const Arguments& arguments,
@@ -220,10 +233,11 @@ Result refused(int error, const std::string& reason, const Arguments& arguments,
     const char* name = variable(option);
     if (reason != value && (!name || reason != name)) continue;
     const bool malformed = error == ormel::ERR_VALUE;
-    Result result =
-        failed(malformed ? Exit::Usage : Exit::Failed,
-               "--" + option + " does not take " + (option.ends_with("-file") ? "what is in " : "") +
-                   (value.empty() ? "an empty value" : value) + (malformed ? "" : ": " + failed(error).reason));
+    Result result = failed(malformed ? Exit::Usage : Exit::Failed,
+                           "--" + option + " does not take " +
+                               (option.ends_with("-file") ? "what is in " : "") +
+                               (value.empty() ? "an empty value" : value) +
+                               (malformed ? "" : ": " + failed(error).reason));
     result.error = error;
     return result;
   }
@@ -252,7 +266,8 @@ const Command* find_command(std::vector<std::string>& words, std::string& sugges
   return nullptr;
 }
 
-std::string parse_arguments(const Command& command, const std::vector<std::string>& words, Arguments& out) {
+std::string parse_arguments(const Command& command, const std::vector<std::string>& words,
+                            Arguments& out) {
   bool only_operands = false;
   for (size_t i = 0; i < words.size(); ++i) {
     const std::string& word = words[i];
@@ -265,8 +280,9 @@ std::string parse_arguments(const Command& command, const std::vector<std::strin
       continue;
     }
     const size_t equals = word.find('=');
-    const std::string name =
-        word.starts_with("--") ? word.substr(2, equals == std::string::npos ? equals : equals - 2) : word;
+    const std::string name = word.starts_with("--")
+                                 ? word.substr(2, equals == std::string::npos ? equals : equals - 2)
+                                 : word;
     const std::string option = option_of(command, name);
     if (option.empty()) return unknown_option(command, name, word.substr(0, equals));
     if (!option.ends_with('=')) {
@@ -305,8 +321,10 @@ size_t edit_distance(std::string_view a, std::string_view b) {
 
 std::string overview() {
   std::string text =
-      "ormelctl [--output table|json|tsv] [--json] [--no-color] [--timeout TIME] COMMAND [ARGUMENT...]\n\n"
-      "Manages the VPN service of this host. PROFILE is a name, or PROTOCOL/INDEX as in openvpn/3; PROTOCOL is one "
+      "ormelctl [--output table|json|tsv] [--json] [--no-color] [--timeout TIME] COMMAND "
+      "[ARGUMENT...]\n\n"
+      "Manages the VPN service of this host. PROFILE is a name, or PROTOCOL/INDEX as in openvpn/3; "
+      "PROTOCOL is one "
       "of\n" +
       protocol_names() + ". \"ormelctl COMMAND --help\" tells more.\n\n";
   for (const Command& row : COMMANDS) {
@@ -315,14 +333,16 @@ std::string overview() {
     text += line + row.help + '\n';
   }
   return text +
-         "\nExit status: 0 done, 1 failed, 2 wrong usage, 3 not found, 4 not root, 5 time ran out, 6 state differs.\n";
+         "\nExit status: 0 done, 1 failed, 2 wrong usage, 3 not found, 4 not root, 5 time ran out, "
+         "6 state differs.\n";
 }
 
 std::string describe(const Command& command) {
   std::string text = "ormelctl " + name_of(command);
   if (*command.operands) text += std::string(" ") + command.operands;
   for (const std::string& option : split(command.options)) {
-    text += option.ends_with('=') ? " [--" + option.substr(0, option.size() - 1) + " VALUE]" : " [--" + option + "]";
+    text += option.ends_with('=') ? " [--" + option.substr(0, option.size() - 1) + " VALUE]"
+                                  : " [--" + option + "]";
   }
   return text + "\n\n" + command.help + ".\n\nExample:\n  ormelctl " + command.example + '\n';
 }
@@ -334,7 +354,8 @@ std::string manual() {
     for (const std::string& operand : split(row.operands)) text += ' ' + operand;
     for (const std::string& option : split(row.options)) {
       const bool takes = option.ends_with('=');
-      text += " [*--" + option.substr(0, option.size() - (takes ? 1 : 0)) + (takes ? "* _VALUE_]" : "*]");
+      text += " [*--" + option.substr(0, option.size() - (takes ? 1 : 0)) +
+              (takes ? "* _VALUE_]" : "*]");
     }
     text += std::string("\n\t") + row.help + ".\n";
   }

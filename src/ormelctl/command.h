@@ -1,4 +1,5 @@
-// The commands of ormelctl: one table that the parser, the help, the completion and the manual page read.
+// The commands of ormelctl: one table that the parser, the help, the completion and the manual page
+// read.
 #pragma once
 
 #include <functional>
@@ -28,11 +29,12 @@ class Arguments {
  public:
   std::vector<std::string> words;              // operands, in order
   std::map<std::string, std::string> options;  // by name without dashes; a flag has an empty value
-  bool terminal = false;                       // standard error is a terminal: progress and questions may be shown
+  bool terminal = false;  // standard error is a terminal: progress and questions may be shown
 
   [[nodiscard]] bool has(const std::string& name) const { return options.count(name) != 0; }
   [[nodiscard]] std::string value(const std::string& name, const std::string& fallback = {}) const;
-  // Whole seconds of an option such as "90", "30m", "1h" or "2d"; `fallback` without the option, -1 if malformed.
+  // Whole seconds of an option such as "90", "30m", "1h" or "2d"; `fallback` without the option, -1
+  // if malformed.
   [[nodiscard]] long seconds(const std::string& name, long fallback) const;
 };
 
@@ -50,8 +52,8 @@ struct Result {
 [[nodiscard]] Result failed(Exit exit, std::string reason, std::string advice = {});
 // A failure with a code of the program, whose text is the reason unless `detail` says more.
 [[nodiscard]] Result failed(int error, const std::string& detail = {});
-// The same where the program's reason may be no more than a value or the name of its own variable: the option is named
-// then. `variable` gives the variable of an option, or null.
+// The same where the program's reason may be no more than a value or the name of its own variable:
+// the option is named then. `variable` gives the variable of an option, or null.
 [[nodiscard]] Result refused(int error, const std::string& reason, const Arguments& arguments,
                              const std::function<const char*(std::string_view)>& variable);
 [[nodiscard]] Result done(std::string message, ormel::Json data = nullptr, Columns columns = {});
@@ -70,15 +72,16 @@ struct Command {
 
 [[nodiscard]] std::span<const Command> commands();
 
-// The command of the first words, which are removed from `words`; null if there is none, with the closest
-// name, or those of the same noun, in `suggestion`.
+// The command of the first words, which are removed from `words`; null if there is none, with the
+// closest name, or those of the same noun, in `suggestion`.
 [[nodiscard]] const Command* find_command(std::vector<std::string>& words, std::string& suggestion);
 
 // Splits the words after noun and verb. An empty text, or what is wrong with them.
-[[nodiscard]] std::string parse_arguments(const Command& command, const std::vector<std::string>& words,
-                                          Arguments& out);
+[[nodiscard]] std::string parse_arguments(const Command& command,
+                                          const std::vector<std::string>& words, Arguments& out);
 
-// How often a letter has to be added, removed or replaced, or two neighbours swapped, to make one text the other.
+// How often a letter has to be added, removed or replaced, or two neighbours swapped, to make one
+// text the other.
 [[nodiscard]] size_t edit_distance(std::string_view a, std::string_view b);
 
 [[nodiscard]] std::string overview();

@@ -1,4 +1,5 @@
-// The doctor: looks at the host, or walks the path of one profile step by step and stops where it breaks.
+// The doctor: looks at the host, or walks the path of one profile step by step and stops where it
+// breaks.
 #pragma once
 
 #include <chrono>
@@ -32,8 +33,8 @@ using Progress = std::function<void(const Findings& findings)>;
 // Whether the host is in order. Changes nothing.
 [[nodiscard]] Findings examine_host();
 
-// The steps of a profile, at most 40 seconds. Tries a login at most once, and never while the tunnel is up or on its
-// way. The real tunnel is not touched.
+// The steps of a profile, at most 40 seconds. Tries a login at most once, and never while the
+// tunnel is up or on its way. The real tunnel is not touched.
 [[nodiscard]] Findings examine_profile(const Profile& profile, const Progress& progress);
 
 // What remains of the time of a run.
@@ -53,21 +54,23 @@ struct LimitedRun {
   int status = -1;  // exit status, negative for none
   std::string out{};
 };
-// Runs a program with `input`, until it ends or `enough` holds for one of its lines, at most `seconds`. It gets SIGTERM
-// then. Both its streams are read.
-[[nodiscard]] LimitedRun run_limited(const std::vector<std::string>& command, const std::string& input, int seconds,
-                                     const std::function<bool(const std::string& line)>& enough = {});
+// Runs a program with `input`, until it ends or `enough` holds for one of its lines, at most
+// `seconds`. It gets SIGTERM then. Both its streams are read.
+[[nodiscard]] LimitedRun run_limited(
+    const std::vector<std::string>& command, const std::string& input, int seconds,
+    const std::function<bool(const std::string& line)>& enough = {});
 
-// Whether an OpenVPN server lets the profile in: the steps "server", "certificate" and "login" by one daemon without an
-// interface.
-[[nodiscard]] Findings try_openvpn(const std::string& copy, const std::string& user, const std::string& password,
-                                   int seconds);
+// Whether an OpenVPN server lets the profile in: the steps "server", "certificate" and "login" by
+// one daemon without an interface.
+[[nodiscard]] Findings try_openvpn(const std::string& copy, const std::string& user,
+                                   const std::string& password, int seconds);
 // The same findings from what such a daemon has printed.
 [[nodiscard]] Findings read_openvpn_log(const std::string& log);
 
-// Whether a Drovik server takes the profile's key and login: the steps "certificate" and "login" by one login, which
-// ends at once.
-[[nodiscard]] Findings try_drovik(const std::string& section, const std::string& interface, int seconds);
+// Whether a Drovik server takes the profile's key and login: the steps "certificate" and "login" by
+// one login, which ends at once.
+[[nodiscard]] Findings try_drovik(const std::string& section, const std::string& interface,
+                                  int seconds);
 
 // Packets that servers answer before anyone has logged in, and whether an answer is one.
 [[nodiscard]] std::string pptp_request();
@@ -78,7 +81,7 @@ struct LimitedRun {
 [[nodiscard]] bool is_dtls_answer(const std::string& answer);
 
 // Sends `request` to a server and returns its first answer, empty without one.
-[[nodiscard]] std::string ask_server(const std::string& address, int port, bool tcp, const std::string& request,
-                                     int seconds);
+[[nodiscard]] std::string ask_server(const std::string& address, int port, bool tcp,
+                                     const std::string& request, int seconds);
 
 }  // namespace ormelctl

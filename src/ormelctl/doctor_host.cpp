@@ -21,10 +21,11 @@ namespace {
 constexpr long SOON = 30;  // days before the end of a certificate
 
 // Files and folders that hold secrets.
-constexpr const char* SECRET_FILES[] = {"/etc/config/vpn.conf", "/etc/config/smbpasswd", "/etc/ppp/chap-secrets",
-                                        "/etc/ppp/pap-secrets", "/var/log/network/ORMEL.log"};
-constexpr const char* SECRET_FOLDERS[] = {"/etc/config/openvpn/clients", "/etc/config/ormel/wireguard",
-                                          "/etc/openvpn/keys"};
+constexpr const char* SECRET_FILES[] = {"/etc/config/vpn.conf", "/etc/config/smbpasswd",
+                                        "/etc/ppp/chap-secrets", "/etc/ppp/pap-secrets",
+                                        "/var/log/network/ORMEL.log"};
+constexpr const char* SECRET_FOLDERS[] = {"/etc/config/openvpn/clients",
+                                          "/etc/config/ormel/wireguard", "/etc/openvpn/keys"};
 
 void add(Findings& findings, const std::string& step, Finding finding) {
   finding.step = step;
@@ -41,7 +42,8 @@ void check_daemons(Findings& findings) {
     if (text_of(row, "state") == "running") {
       names += (names.empty() ? "" : ", ") + name;
     } else {
-      add(findings, "daemons", failure(name + ' ' + text_of(row, "reason"), "systemctl restart " + name));
+      add(findings, "daemons",
+          failure(name + ' ' + text_of(row, "reason"), "systemctl restart " + name));
     }
   }
   if (!names.empty()) add(findings, "daemons", good(names + " answer"));
@@ -75,11 +77,12 @@ std::vector<Link> links() {
   for (const std::string& line : ormel::split_lines(run.out)) {
     const std::vector<std::string> words = ormel::split_words(line);
     const size_t slash = words.size() > 3 ? words[3].find('/') : std::string::npos;
-    if (slash == std::string::npos || std::any_of(std::begin(TUNNELS), std::end(TUNNELS),
-                                                  [&](const char* prefix) { return words[1].starts_with(prefix); }))
+    if (slash == std::string::npos ||
+        std::any_of(std::begin(TUNNELS), std::end(TUNNELS),
+                    [&](const char* prefix) { return words[1].starts_with(prefix); }))
       continue;
-    found.push_back(
-        {words[1], words[3].substr(0, slash), ormel::system::dotted_mask(ormel::to_int(words[3].c_str() + slash + 1))});
+    found.push_back({words[1], words[3].substr(0, slash),
+                     ormel::system::dotted_mask(ormel::to_int(words[3].c_str() + slash + 1))});
   }
   return found;
 }
@@ -97,8 +100,8 @@ void check_pools(Findings& findings) {
         if (!ormel::system::is_intersect(network, {link.address, link.mask})) continue;
         fits = false;
         add(findings, "pools",
-            failure(protocol.name + ' ' + network.address + " is in the network of " + link.interface + " (" +
-                        link.address + ')',
+            failure(protocol.name + ' ' + network.address + " is in the network of " +
+                        link.interface + " (" + link.address + ')',
                     "ormelctl server set " + protocol.name + " --pool NETWORK"));
       }
     }
@@ -109,11 +112,13 @@ void check_pools(Findings& findings) {
 void check_secret(Findings& findings, const std::string& path) {
   struct stat info {};
   constexpr mode_t OTHERS = 0077;
-  if (lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || (info.st_mode & OTHERS) == 0) return;
+  if (lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || (info.st_mode & OTHERS) == 0)
+    return;
   if (path.ends_with(".crt") || path.ends_with(".pem")) return;  // certificates are public
   char mode[8];
   std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(info.st_mode & 07777));
-  add(findings, "secrets", warning(path + " can be read by others (" + mode + ')', "chmod 600 " + path));
+  add(findings, "secrets",
+      warning(path + " can be read by others (" + mode + ')', "chmod 600 " + path));
 }
 
 void check_secrets(Findings& findings) {
@@ -133,11 +138,14 @@ bool opens(const char* device) {
 
 void check_kernel(Findings& findings) {
   if (!opens("/dev/net/tun"))
-    add(findings, "kernel", warning("no TUN device: OpenVPN and Drovik cannot run", "modprobe tun"));
-  if (!opens("/dev/ppp")) add(findings, "kernel", warning("no PPP: PPTP and L2TP cannot run", "modprobe ppp_generic"));
+    add(findings, "kernel",
+        warning("no TUN device: OpenVPN and Drovik cannot run", "modprobe tun"));
+  if (!opens("/dev/ppp"))
+    add(findings, "kernel", warning("no PPP: PPTP and L2TP cannot run", "modprobe ppp_generic"));
   if (access("/usr/sbin/nft", X_OK) != 0 && access("/usr/sbin/iptables", X_OK) != 0)
     add(findings, "kernel",
-        warning("no firewall tool: clients reach nothing behind this host", "apt install nftables"));
+        warning("no firewall tool: clients reach nothing behind this host",
+                "apt install nftables"));
 }
 
 void check_disk(Findings& findings) {
@@ -147,9 +155,11 @@ void check_disk(Findings& findings) {
     if (statvfs(folder, &space) != 0) continue;
     const unsigned long free = space.f_bavail * space.f_frsize;
     if (free >= SCARCE) continue;
-    const std::string text = std::string(folder) + ": " + size_text(static_cast<double>(free)) + " free";
+    const std::string text =
+        std::string(folder) + ": " + size_text(static_cast<double>(free)) + " free";
     add(findings, "disk",
-        free < FULL ? failure(text, "make room: settings cannot be saved") : warning(text, "make room"));
+        free < FULL ? failure(text, "make room: settings cannot be saved")
+                    : warning(text, "make room"));
   }
 }
 
@@ -158,9 +168,12 @@ void check_certificates(Findings& findings) {
     const char *path, *name, *cure;
   };
   constexpr Row ROWS[] = {
-      {"/etc/fenro/web/server.crt", "the web interface's", "replace /etc/fenro/web/server.crt and server.key"},
-      {"/etc/openvpn/keys/myserver.crt", "the OpenVPN server's", "remove it and turn the server off and on"},
-      {"/etc/openvpn/keys/ca.crt", "the OpenVPN authority's", "all profiles have to be made again after a change"},
+      {"/etc/fenro/web/server.crt", "the web interface's",
+       "replace /etc/fenro/web/server.crt and server.key"},
+      {"/etc/openvpn/keys/myserver.crt", "the OpenVPN server's",
+       "remove it and turn the server off and on"},
+      {"/etc/openvpn/keys/ca.crt", "the OpenVPN authority's",
+       "all profiles have to be made again after a change"},
   };
   for (const Row& row : ROWS) {
     std::string pem;
@@ -171,15 +184,18 @@ void check_certificates(Findings& findings) {
         add(findings, "certificates",
             failure(name + "has expired " + std::to_string(-one.days) + " days ago", row.cure));
       else if (one.days < SOON)
-        add(findings, "certificates", warning(name + "expires in " + std::to_string(one.days) + " days", row.cure));
+        add(findings, "certificates",
+            warning(name + "expires in " + std::to_string(one.days) + " days", row.cure));
       else
-        add(findings, "certificates", good(name + "is valid for " + std::to_string(one.days) + " days"));
+        add(findings, "certificates",
+            good(name + "is valid for " + std::to_string(one.days) + " days"));
     }
   }
 }
 
-constexpr void (*CHECKS[])(Findings& findings) = {check_daemons, check_servers, check_pools,       check_secrets,
-                                                  check_kernel,  check_disk,    check_certificates};
+constexpr void (*CHECKS[])(Findings& findings) = {check_daemons,     check_servers, check_pools,
+                                                  check_secrets,     check_kernel,  check_disk,
+                                                  check_certificates};
 
 }  // namespace
 

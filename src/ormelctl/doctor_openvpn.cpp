@@ -1,4 +1,5 @@
-// The doctor's own OpenVPN daemon: it logs in with a copy of the profile, without an interface, a route or a script.
+// The doctor's own OpenVPN daemon: it logs in with a copy of the profile, without an interface, a
+// route or a script.
 #include <algorithm>
 
 #include "base/reason.h"
@@ -32,7 +33,8 @@ constexpr std::string_view LEFT_OUT[] = {"dev",
                                          "auth-retry",
                                          "mute"};
 
-// A line of the daemon's log, the step that it decides, and the reason of a failure; null for a success.
+// A line of the daemon's log, the step that it decides, and the reason of a failure; null for a
+// success.
 struct Sign {
   std::string_view text;
   const char* step;
@@ -62,8 +64,9 @@ constexpr Sign SIGNS[] = {
 constexpr const char* STEPS[] = {"server", "certificate", "login"};
 
 const Sign* sign_of(const std::string& line) {
-  const auto* const sign = std::find_if(std::begin(SIGNS), std::end(SIGNS),
-                                        [&](const Sign& known) { return line.find(known.text) != std::string::npos; });
+  const auto* const sign = std::find_if(std::begin(SIGNS), std::end(SIGNS), [&](const Sign& known) {
+    return line.find(known.text) != std::string::npos;
+  });
   return sign == std::end(SIGNS) ? nullptr : sign;
 }
 
@@ -77,7 +80,8 @@ std::string without_our_lines(const std::string& copy) {
   std::string text;
   for (const std::string& line : ormel::split_lines(copy)) {
     const std::string name = line.substr(0, line.find(' '));
-    if (std::find(std::begin(LEFT_OUT), std::end(LEFT_OUT), name) == std::end(LEFT_OUT)) text += line + '\n';
+    if (std::find(std::begin(LEFT_OUT), std::end(LEFT_OUT), name) == std::end(LEFT_OUT))
+      text += line + '\n';
   }
   return text;
 }
@@ -93,8 +97,8 @@ Findings read_openvpn_log(const std::string& log) {
   Findings findings;
   const auto set = [&](Finding finding, const char* step) {
     finding.step = step;
-    const auto old =
-        std::find_if(findings.begin(), findings.end(), [&](const Finding& one) { return one.step == step; });
+    const auto old = std::find_if(findings.begin(), findings.end(),
+                                  [&](const Finding& one) { return one.step == step; });
     if (old != findings.end())
       *old = std::move(finding);
     else
@@ -104,7 +108,9 @@ Findings read_openvpn_log(const std::string& log) {
     const Sign* sign = sign_of(line);
     if (!sign) continue;
     if (!sign->reason) {
-      set(good(std::string_view(sign->step) == "certificate" ? ormel::printable_detail(subject_of(line)) : "answers"),
+      set(good(std::string_view(sign->step) == "certificate"
+                   ? ormel::printable_detail(subject_of(line))
+                   : "answers"),
           sign->step);
       continue;
     }
@@ -112,8 +118,8 @@ Findings read_openvpn_log(const std::string& log) {
     // Each failure says that the steps before it were passed.
     for (const char* step : STEPS) {
       if (std::string_view(step) == sign->step) break;
-      const bool known =
-          std::any_of(findings.begin(), findings.end(), [&](const Finding& one) { return one.step == step; });
+      const bool known = std::any_of(findings.begin(), findings.end(),
+                                     [&](const Finding& one) { return one.step == step; });
       if (!known) set(good("passed"), step);
     }
     set(failure(facts->text, facts->advice), sign->step);
@@ -133,10 +139,13 @@ Findings read_openvpn_log(const std::string& log) {
   return findings;
 }
 
-Findings try_openvpn(const std::string& copy, const std::string& user, const std::string& password, int seconds) {
+Findings try_openvpn(const std::string& copy, const std::string& user, const std::string& password,
+                     int seconds) {
   std::string config = without_our_lines(copy);
-  if (!user.empty()) config += "<auth-user-pass>\n" + user + '\n' + password + "\n</auth-user-pass>\n";
-  std::vector<std::string> command{SETPRIV, "--no-new-privs", "--bounding-set=-all", "--inh-caps=-all", "--"};
+  if (!user.empty())
+    config += "<auth-user-pass>\n" + user + '\n' + password + "\n</auth-user-pass>\n";
+  std::vector<std::string> command{SETPRIV, "--no-new-privs", "--bounding-set=-all",
+                                   "--inh-caps=-all", "--"};
   command.insert(command.end(), {DAEMON,
                                  "--suppress-timestamps",
                                  "--cd",

@@ -33,8 +33,8 @@ std::string number(unsigned long value, size_t bytes) {
 }
 
 int left(Clock::time_point end) {
-  return static_cast<int>(
-      std::max<long>(std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count(), 0));
+  return static_cast<int>(std::max<long>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count(), 0));
 }
 
 bool wait_for(int fd, short events, Clock::time_point end) {
@@ -83,8 +83,8 @@ int Deadline::seconds(int most) const {
   return static_cast<int>(std::clamp<long>(rest, 1, most));
 }
 
-LimitedRun run_limited(const std::vector<std::string>& command, const std::string& input, int seconds,
-                       const std::function<bool(const std::string& line)>& enough) {
+LimitedRun run_limited(const std::vector<std::string>& command, const std::string& input,
+                       int seconds, const std::function<bool(const std::string& line)>& enough) {
   LimitedRun run;
   const auto end = Clock::now() + std::chrono::seconds(seconds);
   // The input may hold a secret and is in no file; a pipe would block on a long one.
@@ -107,7 +107,8 @@ LimitedRun run_limited(const std::vector<std::string>& command, const std::strin
     closed = got <= 0;
     if (closed) break;
     run.out.append(piece, static_cast<size_t>(got));
-    for (size_t line_end = 0; !done && (line_end = run.out.find('\n', line_start)) != std::string::npos;) {
+    for (size_t line_end = 0;
+         !done && (line_end = run.out.find('\n', line_start)) != std::string::npos;) {
       done = enough && enough(run.out.substr(line_start, line_end - line_start));
       line_start = line_end + 1;
     }
@@ -117,13 +118,15 @@ LimitedRun run_limited(const std::vector<std::string>& command, const std::strin
   return run;
 }
 
-std::string ask_server(const std::string& address, int port, bool tcp, const std::string& request, int seconds) {
+std::string ask_server(const std::string& address, int port, bool tcp, const std::string& request,
+                       int seconds) {
   const auto end = Clock::now() + std::chrono::seconds(seconds);
   sockaddr_in to{};
   to.sin_family = AF_INET;
   to.sin_port = htons(static_cast<uint16_t>(port));
   if (!ormel::system::parse_address(address, to.sin_addr)) return {};
-  const ormel::Fd fd{socket(AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
+  const ormel::Fd fd{
+      socket(AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
   if (!fd) return {};
   if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) {
     int error = errno;
@@ -147,8 +150,9 @@ std::string ask_server(const std::string& address, int port, bool tcp, const std
 std::string pptp_request() {
   constexpr unsigned long MAGIC = 0x1a2b3c4d;
   constexpr size_t LENGTH = 156;
-  std::string packet = number(LENGTH, 2) + number(1, 2) + number(MAGIC, 4) + number(1, 2) + number(0, 2) +
-                       number(0x100, 2) + number(0, 2) + number(3, 4) + number(3, 4) + number(0, 2) + number(0, 2);
+  std::string packet = number(LENGTH, 2) + number(1, 2) + number(MAGIC, 4) + number(1, 2) +
+                       number(0, 2) + number(0x100, 2) + number(0, 2) + number(3, 4) +
+                       number(3, 4) + number(0, 2) + number(0, 2);
   packet.resize(LENGTH);  // no names of host and vendor
   return packet;
 }
@@ -160,13 +164,17 @@ bool is_pptp_answer(const std::string& answer) {
 }
 
 std::string ike_request(const std::string& cookie) {
-  const std::string attributes = number(0x80010007, 4) + number(0x800e0080, 4) + number(0x80020002, 4) +
-                                 number(0x8004000e, 4) + number(0x80030001, 4) + number(0x800b0001, 4) +
-                                 number(0x800c7080, 4);
-  const std::string transform = number(0, 2) + number(8 + attributes.size(), 2) + number(0x01010000, 4) + attributes;
-  const std::string proposal = number(0, 2) + number(8 + transform.size(), 2) + number(0x01010001, 4) + transform;
-  const std::string sa = number(0, 2) + number(12 + proposal.size(), 2) + number(1, 4) + number(1, 4) + proposal;
-  return cookie + std::string(8, '\0') + number(0x01100200, 4) + number(0, 4) + number(28 + sa.size(), 4) + sa;
+  const std::string attributes =
+      number(0x80010007, 4) + number(0x800e0080, 4) + number(0x80020002, 4) +
+      number(0x8004000e, 4) + number(0x80030001, 4) + number(0x800b0001, 4) + number(0x800c7080, 4);
+  const std::string transform =
+      number(0, 2) + number(8 + attributes.size(), 2) + number(0x01010000, 4) + attributes;
+  const std::string proposal =
+      number(0, 2) + number(8 + transform.size(), 2) + number(0x01010001, 4) + transform;
+  const std::string sa =
+      number(0, 2) + number(12 + proposal.size(), 2) + number(1, 4) + number(1, 4) + proposal;
+  return cookie + std::string(8, '\0') + number(0x01100200, 4) + number(0, 4) +
+         number(28 + sa.size(), 4) + sa;
 }
 
 bool is_ike_answer(const std::string& answer, const std::string& cookie) {
@@ -175,10 +183,10 @@ bool is_ike_answer(const std::string& answer, const std::string& cookie) {
 
 std::string dtls_request() {
   const std::string ciphers = number(0x00a800a9, 4) + number(0xc037, 2);
-  const std::string hello =
-      number(0xfefd, 2) + std::string(32, 'r') + number(0, 2) + number(ciphers.size(), 2) + ciphers + number(0x0100, 2);
-  const std::string handshake =
-      number(1, 1) + number(hello.size(), 3) + number(0, 2) + number(0, 3) + number(hello.size(), 3) + hello;
+  const std::string hello = number(0xfefd, 2) + std::string(32, 'r') + number(0, 2) +
+                            number(ciphers.size(), 2) + ciphers + number(0x0100, 2);
+  const std::string handshake = number(1, 1) + number(hello.size(), 3) + number(0, 2) +
+                                number(0, 3) + number(hello.size(), 3) + hello;
   return number(22, 1) + number(0xfeff, 2) + number(0, 8) + number(handshake.size(), 2) + handshake;
 }
 

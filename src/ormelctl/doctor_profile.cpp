@@ -34,7 +34,8 @@ constexpr int ANSWER_SECONDS = 6;
 constexpr int LOGIN_SECONDS = 15;
 constexpr int PPTP_PORT = 1723;
 constexpr int IKE_PORT = 500;
-constexpr const char* TUNNEL_MARK = "268435456";  // of packets to servers, as the start scripts set it
+constexpr const char* TUNNEL_MARK =
+    "268435456";  // of packets to servers, as the start scripts set it
 constexpr long HANDSHAKE_SECONDS = 180;
 constexpr long SOON = 30;  // days before the end of a certificate
 
@@ -88,8 +89,9 @@ constexpr ReasonStep REASON_STEPS[] = {
 std::optional<Finding> noted(const Case& one, std::string_view step) {
   const auto reason = ormel::read_reason(one.record.section);
   if (!reason || !reason->facts) return {};
-  const auto* const row = std::find_if(std::begin(REASON_STEPS), std::end(REASON_STEPS),
-                                       [&](const ReasonStep& known) { return known.code == reason->facts->code; });
+  const auto* const row =
+      std::find_if(std::begin(REASON_STEPS), std::end(REASON_STEPS),
+                   [&](const ReasonStep& known) { return known.code == reason->facts->code; });
   if (step != (row == std::end(REASON_STEPS) ? "profile" : row->step)) return {};
   std::string text = std::string(reason->facts->text) + " (at " + moment_text(reason->at) + ')';
   if (!reason->detail.empty()) text += ": " + reason->detail;
@@ -101,8 +103,11 @@ Finding check_openvpn(Case& one) {
   const std::string path = record.profile_path();
   if (!ormel::system::read_file(path.c_str(), one.stored))
     return failure("its file is missing", "import the profile again: ormelctl profile import FILE");
-  const ormel::ovpn::DaemonCopy copy = ormel::ovpn::platform_tools().copy(one.stored, one.profile.index);
-  if (!copy.made) return failure("the tunnel does not start: " + copy.reason, "import a profile without this line");
+  const ormel::ovpn::DaemonCopy copy =
+      ormel::ovpn::platform_tools().copy(one.stored, one.profile.index);
+  if (!copy.made)
+    return failure("the tunnel does not start: " + copy.reason,
+                   "import a profile without this line");
   one.copy = copy.text;
   for (const ormel::ovpn::ProfileItem& item : ormel::ovpn::items_of(one.copy)) {
     if (item.name != "remote" || !one.host.empty()) continue;
@@ -113,7 +118,8 @@ Finding check_openvpn(Case& one) {
     one.protocol = words[3].empty() ? "udp" : words[3];
   }
   if (one.host.empty())
-    return failure("it has no server", "import a profile with a \"remote\" line and an embedded <ca>");
+    return failure("it has no server",
+                   "import a profile with a \"remote\" line and an embedded <ca>");
   if (record.auth_pass && record.user.empty())
     return failure("it has no user name", set_command(one, "--user NAME --pass-file -"));
   return good("readable, allowed lines only");
@@ -121,7 +127,8 @@ Finding check_openvpn(Case& one) {
 
 Finding check_wireguard(Case& one) {
   const auto& record = static_cast<const ormel::wireguard::ClientConfig&>(one.record);
-  if (!ormel::wireguard::is_key(record.peer_pub_key) || !ormel::wireguard::is_key(record.client_pri_key))
+  if (!ormel::wireguard::is_key(record.peer_pub_key) ||
+      !ormel::wireguard::is_key(record.client_pri_key))
     return failure("a key is missing or malformed", set_command(one, "--peer-key KEY"));
   const size_t colon = record.peer_endpoint.rfind(':');
   if (colon == std::string::npos)
@@ -136,11 +143,13 @@ Finding check_account(Case& one) {
   one.host = one.record.host;
   if (one.host.empty()) return failure("it has no server", set_command(one, "--host HOST"));
   if (one.record.user.empty() || one.record.pass.empty())
-    return failure("it has no user name or no password", set_command(one, "--user NAME --pass-file -"));
+    return failure("it has no user name or no password",
+                   set_command(one, "--user NAME --pass-file -"));
   if (one.type() == ormel::DROVIK_CLIENT_TYPE) {
     const auto& record = static_cast<const ormel::drovik::ClientConfig&>(one.record);
     one.port = std::to_string(record.port);
-    if (record.psk.empty()) return failure("it has no pre-shared key", set_command(one, "--psk-file -"));
+    if (record.psk.empty())
+      return failure("it has no pre-shared key", set_command(one, "--psk-file -"));
   }
   return good("server and account are there");
 }
@@ -162,7 +171,8 @@ Finding clock_step(Case&) {
   std::tm local{};
   if (localtime_r(&now, &local)) std::strftime(text, sizeof text, "%Y-%m-%d %H:%M", &local);
   if (now < EARLIEST)
-    return failure(std::string("it says ") + text, "set the clock of this host: timedatectl set-ntp true");
+    return failure(std::string("it says ") + text,
+                   "set the clock of this host: timedatectl set-ntp true");
   timex state{};
   if (adjtimex(&state) == TIME_ERROR || (state.status & STA_UNSYNC) != 0)
     return good(std::string(text) + ", not synchronised with a time server");
@@ -175,8 +185,8 @@ Finding name_step(Case& one) {
     one.address = one.host;
     return good(one.host);
   }
-  const LimitedRun run =
-      run_limited({"/usr/bin/getent", "ahostsv4", "--", one.host}, "", one.deadline.seconds(LOOKUP_SECONDS));
+  const LimitedRun run = run_limited({"/usr/bin/getent", "ahostsv4", "--", one.host}, "",
+                                     one.deadline.seconds(LOOKUP_SECONDS));
   const std::vector<std::string> words = ormel::split_words(run.out);
   if (run.status != 0 || words.empty())
     return failure(one.host + (run.in_time ? " is not found" : ": the name servers do not answer"),
@@ -186,15 +196,17 @@ Finding name_step(Case& one) {
 }
 
 Finding way_step(Case& one) {
-  const LimitedRun run = run_limited({"/sbin/ip", "-4", "route", "get", one.address, "mark", TUNNEL_MARK}, "",
-                                     one.deadline.seconds(LOOKUP_SECONDS));
+  const LimitedRun run =
+      run_limited({"/sbin/ip", "-4", "route", "get", one.address, "mark", TUNNEL_MARK}, "",
+                  one.deadline.seconds(LOOKUP_SECONDS));
   const std::vector<std::string> words = ormel::split_words(run.out);
   const auto value = [&](const char* name) {
     const auto at = std::find(words.begin(), words.end(), name);
     return at == words.end() || at + 1 == words.end() ? std::string() : *(at + 1);
   };
   if (run.status != 0)
-    return failure("no route to " + one.address, "check the cable, the address and the gateway of this host");
+    return failure("no route to " + one.address,
+                   "check the cable, the address and the gateway of this host");
   if (value("dev") == one.interface)
     return failure("the server would be reached through its own tunnel",
                    "exclude the server's network from the tunnel's");
@@ -217,12 +229,14 @@ std::string random_cookie() {
 
 Finding wireguard_server(const Case& one) {
   std::string text;
-  const LimitedRun run = run_limited({"/usr/bin/wg", "show", one.interface, "latest-handshakes"}, "", 2);
+  const LimitedRun run =
+      run_limited({"/usr/bin/wg", "show", one.interface, "latest-handshakes"}, "", 2);
   const std::vector<std::string> words = ormel::split_words(run.out);
   if (run.status != 0 || words.size() < 2)
     return skipped("only an interface that is up can tell: " + connect_command(one));
   const long ago = std::time(nullptr) - std::strtol(words[1].c_str(), nullptr, 10);
-  if (words[1] != "0" && ago < HANDSHAKE_SECONDS) return good("handshake " + duration_text(ago) + " ago");
+  if (words[1] != "0" && ago < HANDSHAKE_SECONDS)
+    return good("handshake " + duration_text(ago) + " ago");
   const ormel::ReasonFacts* facts = ormel::find_reason("no-handshake");
   return failure(facts->text, facts->advice);
 }
@@ -234,8 +248,8 @@ const Finding* tried(Case& one, const char* step) {
     one.tried = try_openvpn(one.copy, one.record.user, one.record.pass, seconds);
   if (one.tried.empty() && one.type() == ormel::DROVIK_CLIENT_TYPE)
     one.tried = try_drovik(one.record.section, one.interface, seconds);
-  const auto found =
-      std::find_if(one.tried.begin(), one.tried.end(), [&](const Finding& known) { return known.step == step; });
+  const auto found = std::find_if(one.tried.begin(), one.tried.end(),
+                                  [&](const Finding& known) { return known.step == step; });
   return found == one.tried.end() ? nullptr : &*found;
 }
 
@@ -249,17 +263,20 @@ Finding server_step(Case& one) {
   const std::string where = one.address + (one.port.empty() ? "" : ':' + one.port);
   switch (one.type()) {
     case ormel::PPTP_CLIENT_TYPE:
-      return answer_of(is_pptp_answer(ask_server(one.address, PPTP_PORT, true, pptp_request(), seconds)),
-                       where + ", TCP port 1723");
+      return answer_of(
+          is_pptp_answer(ask_server(one.address, PPTP_PORT, true, pptp_request(), seconds)),
+          where + ", TCP port 1723");
     case ormel::L2TP_CLIENT_TYPE: {
       const std::string cookie = random_cookie();
-      return answer_of(is_ike_answer(ask_server(one.address, IKE_PORT, false, ike_request(cookie), seconds), cookie),
-                       where + ", UDP port 500");
+      return answer_of(
+          is_ike_answer(ask_server(one.address, IKE_PORT, false, ike_request(cookie), seconds),
+                        cookie),
+          where + ", UDP port 500");
     }
     case ormel::DROVIK_CLIENT_TYPE:
-      return answer_of(
-          is_dtls_answer(ask_server(one.address, ormel::to_int(one.port.c_str()), false, dtls_request(), seconds)),
-          where + "/udp");
+      return answer_of(is_dtls_answer(ask_server(one.address, ormel::to_int(one.port.c_str()),
+                                                 false, dtls_request(), seconds)),
+                       where + "/udp");
     case ormel::WIREGUARD_CLIENT_TYPE: return wireguard_server(one);
     default: break;
   }
@@ -273,7 +290,8 @@ Finding server_step(Case& one) {
 
 // The protocols whose login the doctor tries itself, unless the tunnel's own daemon is doing it.
 bool tries_login(const Case& one) {
-  return (one.type() == ormel::OVPN_CLIENT_TYPE || one.type() == ormel::DROVIK_CLIENT_TYPE) && !on_its_way(one);
+  return (one.type() == ormel::OVPN_CLIENT_TYPE || one.type() == ormel::DROVIK_CLIENT_TYPE) &&
+         !on_its_way(one);
 }
 
 Finding certificate_step(Case& one) {
@@ -291,7 +309,8 @@ Finding certificate_step(Case& one) {
   std::string text;
   for (const ormel::ovpn::ProfileItem& item : ormel::ovpn::items_of(one.stored)) {
     if (!item.block || (item.name != "ca" && item.name != "cert")) continue;
-    for (const ormel::openssl::CertificateFacts& facts : ormel::openssl::certificates_of(item.body)) {
+    for (const ormel::openssl::CertificateFacts& facts :
+         ormel::openssl::certificates_of(item.body)) {
       if (facts.days < 0)
         return failure("the profile's " + item.name + " (" + facts.subject + ") has expired " +
                            std::to_string(-facts.days) + " days ago",
@@ -331,17 +350,19 @@ Finding login_step(Case& one) {
 Finding address_step(Case& one) {
   const bool wireguard = one.type() == ormel::WIREGUARD_CLIENT_TYPE;
   const std::string own =
-      wireguard ? static_cast<const ormel::wireguard::ClientConfig&>(one.record).client_ip : one.record.local_ip;
+      wireguard ? static_cast<const ormel::wireguard::ClientConfig&>(one.record).client_ip
+                : one.record.local_ip;
   if (own.empty()) return skipped("the tunnel has none yet: " + connect_command(one));
-  const LimitedRun run =
-      run_limited({"/sbin/ip", "-o", "-4", "address", "show"}, "", one.deadline.seconds(LOOKUP_SECONDS));
+  const LimitedRun run = run_limited({"/sbin/ip", "-o", "-4", "address", "show"}, "",
+                                     one.deadline.seconds(LOOKUP_SECONDS));
   for (const std::string& line : ormel::split_lines(run.out)) {
     const std::vector<std::string> words = ormel::split_words(line);
     if (words.size() < 4 || words[1] == one.interface || words[1] == "lo") continue;
     const size_t slash = words[3].find('/');
     if (slash == std::string::npos) continue;
-    const ormel::system::Network network{words[3].substr(0, slash),
-                                         ormel::system::dotted_mask(ormel::to_int(words[3].c_str() + slash + 1))};
+    const ormel::system::Network network{
+        words[3].substr(0, slash),
+        ormel::system::dotted_mask(ormel::to_int(words[3].c_str() + slash + 1))};
     if (ormel::system::is_intersect(network, {own, "255.255.255.255"}))
       return failure(own + " is in the network of " + words[1] + " (" + words[3] + ')',
                      "choose another network, here or at the server");
@@ -353,9 +374,11 @@ Finding data_step(Case& one) {
   if (!one.up) return skipped("the tunnel is off");
   const std::string& far = one.record.remote_ip;
   in_addr unused{};
-  if (!ormel::system::parse_address(far, unused)) return skipped("the far end has no address to ask");
-  const LimitedRun run = run_limited({"/bin/ping", "-n", "-c", "2", "-i", "0.3", "-W", "3", "-I", one.interface, far},
-                                     "", one.deadline.seconds(ANSWER_SECONDS));
+  if (!ormel::system::parse_address(far, unused))
+    return skipped("the far end has no address to ask");
+  const LimitedRun run =
+      run_limited({"/bin/ping", "-n", "-c", "2", "-i", "0.3", "-W", "3", "-I", one.interface, far},
+                  "", one.deadline.seconds(ANSWER_SECONDS));
   if (run.status == 0) return good(far + " answers through the tunnel");
   return warning(far + " does not answer through the tunnel",
                  "it may not answer such requests at all; try another address of its network");
@@ -366,9 +389,10 @@ Finding size_step(Case& one) {
   constexpr int HEADERS = 28;
   constexpr int SIZES[] = {1420, 1400, 1360, 1320, 1280};
   for (const int size : SIZES) {
-    const LimitedRun run = run_limited({"/bin/ping", "-n", "-c", "1", "-W", "1", "-M", "do", "-s",
-                                        std::to_string(size - HEADERS), "-I", one.interface, one.record.remote_ip},
-                                       "", one.deadline.seconds(2));
+    const LimitedRun run =
+        run_limited({"/bin/ping", "-n", "-c", "1", "-W", "1", "-M", "do", "-s",
+                     std::to_string(size - HEADERS), "-I", one.interface, one.record.remote_ip},
+                    "", one.deadline.seconds(2));
     if (run.status == 0) return good("packets of " + std::to_string(size) + " bytes pass");
   }
   return warning("packets of 1280 bytes do not pass, or the far end does not answer",

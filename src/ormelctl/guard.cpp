@@ -29,7 +29,8 @@ constexpr std::chrono::seconds BEFORE{3}, WITHOUT{8};
 constexpr long ECHOES = 20;
 constexpr const char* ECHO_PAUSE = "0.7";  // seconds
 constexpr int ECHO_SECONDS = 30;           // for all of them
-constexpr long LOST_BY_CHANCE = 2;         // a guard that is in the way takes all of the time without a tunnel
+constexpr long LOST_BY_CHANCE =
+    2;  // a guard that is in the way takes all of the time without a tunnel
 
 // Which tunnel could be the gateway: the only profile, where there is no choice.
 std::string gateway_advice() {
@@ -63,7 +64,8 @@ std::string networks(const json_t* list) {
   std::string text;
   size_t at = 0;
   const json_t* network = nullptr;
-  json_array_foreach(list, at, network) text += (at ? ", " : "") + std::string(json_string_value(network));
+  json_array_foreach(list, at, network) text +=
+      (at ? ", " : "") + std::string(json_string_value(network));
   return text;
 }
 
@@ -72,23 +74,30 @@ std::string sentence(const json_t* data) {
   const std::string mode = text_of(data, "mode"), state = text_of(data, "state"),
                     interface = text_of(data, "interface");
   if (state == "off") return "off: without a tunnel traffic leaves by this host's own network";
-  if (state == "paused") return "paused: traffic leaves without a tunnel until this host starts again, or \"guard on\"";
+  if (state == "paused")
+    return "paused: traffic leaves without a tunnel until this host starts again, or \"guard on\"";
   std::string text = mode + ", ";
   if (state == "guarding")
-    text += "guarding: what is not for the local network leaves by " + interface + ", or not at all";
+    text +=
+        "guarding: what is not for the local network leaves by " + interface + ", or not at all";
   if (state == "idle") text += "idle: no tunnel is the default gateway";
-  if (state == "holding") text += "holding: no tunnel is up, nothing leaves but for the local network";
+  if (state == "holding")
+    text += "holding: no tunnel is up, nothing leaves but for the local network";
   if (state == "failed")
-    text += "FAILED: the kernel lacks the filter; it is set again within seconds, or see the journal";
-  if (state == "unknown") text += "unknown: fenro-networkd does not answer; a filter that is set stays";
+    text +=
+        "FAILED: the kernel lacks the filter; it is set again within seconds, or see the journal";
+  if (state == "unknown")
+    text += "unknown: fenro-networkd does not answer; a filter that is set stays";
   text += "\n  stopped packets: IPv4 " + std::to_string(stopped(data, "ipv4")) + ", IPv6 " +
           std::to_string(stopped(data, "ipv6")) + ", names " + std::to_string(stopped(data, "dns"));
-  text += "\n  open: " +
-          (text_of(data, "local_network") == "0" ? std::string("nothing") : networks(json_object_get(data, "lan")));
+  text += "\n  open: " + (text_of(data, "local_network") == "0"
+                              ? std::string("nothing")
+                              : networks(json_object_get(data, "lan")));
   text += "; answers to connections from outside pass\n  IPv6: ";
-  text += text_of(data, "ipv6") == "pass" ? "passes without a tunnel" : "blocked outside of the local network";
-  return text +
-         (text_of(data, "dns") == "any" ? "; any name server may be asked\n" : "; names are asked for by the tunnel\n");
+  text += text_of(data, "ipv6") == "pass" ? "passes without a tunnel"
+                                          : "blocked outside of the local network";
+  return text + (text_of(data, "dns") == "any" ? "; any name server may be asked\n"
+                                               : "; names are asked for by the tunnel\n");
 }
 
 // Sends to nobody, by IPv4 and IPv6, as any program and as one that asks for a name.
@@ -119,7 +128,8 @@ class Sender {
         to_six.sin6_family = AF_INET6;
         to_six.sin6_port = htons(port);
         inet_pton(AF_INET6, TEST_ADDRESS6, &to_six.sin6_addr);
-        sendto(six.get(), "", 1, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&to_six), sizeof to_six);
+        sendto(six.get(), "", 1, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&to_six),
+               sizeof to_six);
         sent_ += 2;
       }
     }
@@ -130,7 +140,8 @@ class Sender {
   std::thread thread_;
 };
 
-// Whether the local network stays within reach: echoes to a host in it that answered one just before.
+// Whether the local network stays within reach: echoes to a host in it that answered one just
+// before.
 class Neighbour {
  public:
   explicit Neighbour(bool open) : open_(open) {
@@ -144,22 +155,27 @@ class Neighbour {
   void finish() {
     if (answers_.valid()) answered_ = answers_.get();
   }
-  [[nodiscard]] bool lost() const { return !address_.empty() && answered_ < ECHOES - LOST_BY_CHANCE; }
+  [[nodiscard]] bool lost() const {
+    return !address_.empty() && answered_ < ECHOES - LOST_BY_CHANCE;
+  }
   [[nodiscard]] std::string sentence() const {
     if (!open_) return "the LAN is closed";
-    if (address_.empty()) return "no host of the LAN answers echoes, so that the LAN was not tested";
+    if (address_.empty())
+      return "no host of the LAN answers echoes, so that the LAN was not tested";
     return "LAN answered " + std::to_string(answered_) + " of " + std::to_string(ECHOES);
   }
   [[nodiscard]] json_t* data() const {
     if (address_.empty()) return json_null();
-    return json_pack("{s:s, s:I, s:I}", "address", address_.c_str(), "sent", static_cast<json_int_t>(ECHOES),
-                     "answered", static_cast<json_int_t>(answered_));
+    return json_pack("{s:s, s:I, s:I}", "address", address_.c_str(), "sent",
+                     static_cast<json_int_t>(ECHOES), "answered",
+                     static_cast<json_int_t>(answered_));
   }
 
  private:
   static long count_answers(const std::string& address) {
     const LimitedRun run =
-        run_limited({"/bin/ping", "-n", "-c", std::to_string(ECHOES), "-i", ECHO_PAUSE, address}, "", ECHO_SECONDS);
+        run_limited({"/bin/ping", "-n", "-c", std::to_string(ECHOES), "-i", ECHO_PAUSE, address},
+                    "", ECHO_SECONDS);
     long answers = 0;
     for (size_t at = 0; (at = run.out.find(" ttl=", at)) != std::string::npos; ++at) ++answers;
     return std::min(answers, ECHOES);
@@ -197,14 +213,17 @@ Result guard_pause(const Arguments&) {
 Result guard_test(const Arguments&) {
   const Reply state = call("/ormel/guard/get");
   if (text_of(state.data(), "state") != "guarding")
-    return failed(Exit::Failed, "the guard is " + text_of(state.data(), "state") + ", so that there is nothing to test",
-                  "ormelctl guard on, with a tunnel that is up");
+    return failed(
+        Exit::Failed,
+        "the guard is " + text_of(state.data(), "state") + ", so that there is nothing to test",
+        "ormelctl guard on, with a tunnel that is up");
   const Reply carrier = call("/ormel/gateway/get_vpn_gw");
   const Form tunnel{{"type", std::to_string(number_of(carrier.data(), "type"))},
                     {"index", std::to_string(number_of(carrier.data(), "index"))}};
   std::string output;
   if (ormel::system::do_exec_safe({SCRIPT, "watch"}, output) != 0)
-    return failed(Exit::Failed, "packets cannot be counted", "look into the journal for vpn_guard.sh");
+    return failed(Exit::Failed, "packets cannot be counted",
+                  "look into the journal for vpn_guard.sh");
   Neighbour neighbour(text_of(state.data(), "local_network") != "0");
   Sender sender;
   std::this_thread::sleep_for(BEFORE);
@@ -215,20 +234,26 @@ Result guard_test(const Arguments&) {
   const long sent = sender.stop();
   neighbour.finish();
   if (ormel::system::do_exec_safe({SCRIPT, "watched"}, output) != 0)
-    return failed(Exit::Failed, "the count was removed meanwhile", "try again while no firewall is loaded");
+    return failed(Exit::Failed, "the count was removed meanwhile",
+                  "try again while no firewall is loaded");
   const long left = std::strtol(output.c_str(), nullptr, 10);
   ormel::Json data{json_pack("{s:I, s:I, s:o}", "sent", static_cast<json_int_t>(sent), "left",
                              static_cast<json_int_t>(left), "lan", neighbour.data())};
   if (left != 0)
-    return failed(Exit::Failed, std::to_string(left) + " of " + std::to_string(sent) + " packets left without a tunnel",
-                  "ormelctl guard shows its state; another program may have changed the firewall: nft list ruleset");
+    return failed(
+        Exit::Failed,
+        std::to_string(left) + " of " + std::to_string(sent) + " packets left without a tunnel",
+        "ormelctl guard shows its state; another program may have changed the firewall: nft list "
+        "ruleset");
   if (down.error != 0) return failed(down.error, "the tunnel was not disconnected: " + down.reason);
-  if (up.error != 0) return failed(up.error, "0 packets left, but the tunnel is not back: " + up.reason);
+  if (up.error != 0)
+    return failed(up.error, "0 packets left, but the tunnel is not back: " + up.reason);
   if (neighbour.lost())
     return failed(Exit::Failed, "0 packets left, but " + neighbour.sentence(),
                   "look whether \"ormelctl guard\" calls its network open, and try again");
-  return done(std::to_string(sent) + " packets sent, 0 left without a tunnel; " + neighbour.sentence(),
-              std::move(data));
+  return done(
+      std::to_string(sent) + " packets sent, 0 left without a tunnel; " + neighbour.sentence(),
+      std::move(data));
 }
 
 }  // namespace ormelctl

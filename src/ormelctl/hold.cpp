@@ -8,7 +8,8 @@ namespace ormelctl {
 
 namespace {
 
-const Columns HOLD_COLUMNS = {{"name", "WHO"}, {"kind_text", "KIND"}, {"until_text", "UNTIL"}, {"by", "BY"}};
+const Columns HOLD_COLUMNS = {
+    {"name", "WHO"}, {"kind_text", "KIND"}, {"until_text", "UNTIL"}, {"by", "BY"}};
 
 }  // namespace
 
@@ -21,7 +22,8 @@ Result hold_list(const Arguments&) {
   json_array_foreach(rows.get(), at, row) {
     const bool device = text_of(row, "kind") == "peer";
     json_object_set_new(row, "kind_text", json_string(device ? "device" : "user"));
-    json_object_set_new(row, "until_text", json_string(moment_text(number_of(row, "until")).c_str()));
+    json_object_set_new(row, "until_text",
+                        json_string(moment_text(number_of(row, "until")).c_str()));
   }
   const bool none = json_array_size(rows.get()) == 0;
   return done(none ? "No one is kept out." : "", std::move(rows), HOLD_COLUMNS);

@@ -126,7 +126,8 @@ Report openvpn_report(const Words& words) {
   const auto record = ormel::option::get_options(static_cast<int>(line.size()), argv.get());
   const std::string detail = errors.take();
   if (record && record->bc)
-    return ormel::ovpn::report_profile(*record->cast<ormel::ovpn::ClientConfig>(), ormel::ovpn::platform_tools());
+    return ormel::ovpn::report_profile(*record->cast<ormel::ovpn::ClientConfig>(),
+                                       ormel::ovpn::platform_tools());
   Report report;
   report.error = ormel::ERR_VALUE;
   report.reason = detail.empty() ? "an option is not accepted" : detail;
@@ -134,15 +135,16 @@ Report openvpn_report(const Words& words) {
 }
 
 // What is wrong with the call, or an empty text.
-std::string read_profiles(const std::vector<PackedFile>& files, const Arguments& arguments, const Words& account,
-                          std::vector<Candidate>& profiles) {
+std::string read_profiles(const std::vector<PackedFile>& files, const Arguments& arguments,
+                          const Words& account, std::vector<Candidate>& profiles) {
   for (const PackedFile& file : files) {
     if (files.size() > 1 && !is_profile_name(file.name)) continue;
     Candidate profile;
     profile.file = file.name;
     profile.name = arguments.value("name", stem(file.name));
     std::string text;
-    if (!ormel::system::read_file(file.path.c_str(), text, LARGEST)) return file.name + " is not a file of up to 1 MiB";
+    if (!ormel::system::read_file(file.path.c_str(), text, LARGEST))
+      return file.name + " is not a file of up to 1 MiB";
     profile.wireguard = ormel::wireguard::is_conf_file(text);
     if (profile.wireguard) {
       profile.words = wireguard_words(profile.name, text);
@@ -161,7 +163,8 @@ std::string read_profiles(const std::vector<PackedFile>& files, const Arguments&
 std::string count_text(const Report& report) {
   constexpr const char* WORDS[] = {"kept", "changed", "dropped", "refused", "needed"};
   size_t lines = 0;
-  for (const ormel::report::Line& line : report.lines) lines += line.blank ? 0 : line.last - line.first + 1;
+  for (const ormel::report::Line& line : report.lines)
+    lines += line.blank ? 0 : line.last - line.first + 1;
   std::string text = std::to_string(lines) + " lines";
   const char* divider = ": ";
   for (size_t fate = 0; fate < std::size(WORDS); ++fate) {
@@ -198,7 +201,8 @@ std::string report_text(const Candidate& profile) {
   }
   if (!report.added.empty()) text += "  added    " + printable(joined(report.added)) + '\n';
   for (const ormel::report::Server& server : report.servers)
-    text += "  server   " + printable(server.host) + ':' + server.port + '/' + server.protocol + '\n';
+    text +=
+        "  server   " + printable(server.host) + ':' + server.port + '/' + server.protocol + '\n';
   for (const ormel::report::Certificate& one : report.certificates) {
     text += "  " + padded(one.role, 8) + ' ' + printable(one.subject) + ": ";
     text += one.days < 0 ? "EXPIRED " + std::to_string(-one.days) + " days ago\n"
@@ -271,10 +275,13 @@ Result finish(std::vector<Candidate>& profiles, bool tried, std::string text) {
     stored += profile.stored.empty() ? 0 : 1;
     refused += profile.stored.empty() && (tried || !obstacle(profile).empty()) ? 1 : 0;
   }
-  const std::string count = std::to_string(profiles.size()) + (profiles.size() == 1 ? " file" : " files");
-  text += tried ? count + ": " + std::to_string(stored) + " stored, " + std::to_string(refused) + " refused\n"
+  const std::string count =
+      std::to_string(profiles.size()) + (profiles.size() == 1 ? " file" : " files");
+  text += tried ? count + ": " + std::to_string(stored) + " stored, " + std::to_string(refused) +
+                      " refused\n"
                 : "nothing stored. Store it: --yes\n";
-  Result result = done(text, std::move(rows), {{"file", "FILE"}, {"stored", "STORED"}, {"problem", "PROBLEM"}});
+  Result result =
+      done(text, std::move(rows), {{"file", "FILE"}, {"stored", "STORED"}, {"problem", "PROBLEM"}});
   if (refused == 0) return result;
   result.exit = Exit::Failed;
   result.error = ormel::ERR_OPENVPN_CLIENT;
@@ -291,8 +298,8 @@ Result profile_import(const Arguments& arguments) {
   if (arguments.has("pass-file")) {
     const auto secret = read_secret(arguments.value("pass-file"));
     if (!secret) {
-      return failed(Exit::Failed,
-                    "--pass-file: " + arguments.value("pass-file") + " cannot be read, or is not one line");
+      return failed(Exit::Failed, "--pass-file: " + arguments.value("pass-file") +
+                                      " cannot be read, or is not one line");
     }
     account.push_back("--pass=" + *secret);
   }

@@ -11,9 +11,11 @@ namespace {
 
 constexpr long TEST_SECONDS = 12;  // a receiver may take ten
 
-const Columns KEEPER_COLUMNS = {{"section", "SECTION"},        {"name", "NAME"}, {"state", "STATE"}, {"for", "FOR"},
-                                {"restarts", "STARTED AGAIN"}, {"reason", "WHY"}};
-const Columns TARGET_COLUMNS = {{"name", "NAME"}, {"url", "TO"}, {"events", "EVENTS"}, {"last", "LAST DELIVERY"}};
+const Columns KEEPER_COLUMNS = {
+    {"section", "SECTION"},        {"name", "NAME"}, {"state", "STATE"}, {"for", "FOR"},
+    {"restarts", "STARTED AGAIN"}, {"reason", "WHY"}};
+const Columns TARGET_COLUMNS = {
+    {"name", "NAME"}, {"url", "TO"}, {"events", "EVENTS"}, {"last", "LAST DELIVERY"}};
 
 // One call; a failure is in `problem`.
 ormel::Json ask(const char* method, const ormel::Json& request, Result& problem) {
@@ -48,8 +50,8 @@ std::string outcome_text(const json_t* row) {
   if (!json_object_get(row, "at")) return "";
   std::string failure = text_of(row, "failure");
   if (!failure.empty()) return failure;
-  return (number_of(row, "status") != 0 ? std::to_string(number_of(row, "status")) + " " : "") + "in " +
-         std::to_string(number_of(row, "milliseconds")) + " ms";
+  return (number_of(row, "status") != 0 ? std::to_string(number_of(row, "status")) + " " : "") +
+         "in " + std::to_string(number_of(row, "milliseconds")) + " ms";
 }
 
 }  // namespace
@@ -61,16 +63,20 @@ Result keeper_show(const Arguments&) {
   size_t at = 0;
   json_t* row = nullptr;
   json_array_foreach(rows.get(), at, row) {
-    json_object_set_new(row, "for", json_string(duration_text(std::time(nullptr) - number_of(row, "since")).c_str()));
+    json_object_set_new(
+        row, "for",
+        json_string(duration_text(std::time(nullptr) - number_of(row, "since")).c_str()));
   }
-  return done(json_array_size(rows.get()) == 0 ? "Nothing is on, so that nothing is kept running." : "",
-              std::move(rows), KEEPER_COLUMNS);
+  return done(
+      json_array_size(rows.get()) == 0 ? "Nothing is on, so that nothing is kept running." : "",
+      std::move(rows), KEEPER_COLUMNS);
 }
 
 Result notify_kinds(const Arguments&) {
   Result result;
   ormel::Json rows = ask("notify.kinds", nullptr, result);
-  return rows ? done("", std::move(rows), {{"kind", "KIND"}, {"text", "EVENT"}}) : std::move(result);
+  return rows ? done("", std::move(rows), {{"kind", "KIND"}, {"text", "EVENT"}})
+              : std::move(result);
 }
 
 Result notify_list(const Arguments&) {
@@ -79,11 +85,13 @@ Result notify_list(const Arguments&) {
   if (!rows) return result;
   size_t at = 0;
   json_t* row = nullptr;
-  json_array_foreach(rows.get(), at, row) json_object_set_new(row, "last", json_string(outcome_text(row).c_str()));
+  json_array_foreach(rows.get(), at, row)
+      json_object_set_new(row, "last", json_string(outcome_text(row).c_str()));
   const bool none = json_array_size(rows.get()) == 0;
-  return done(
-      none ? "No one is notified. Add a target: ormelctl notify add ops --url https://hooks.example.org/ormel" : "",
-      std::move(rows), TARGET_COLUMNS);
+  return done(none ? "No one is notified. Add a target: ormelctl notify add ops --url "
+                     "https://hooks.example.org/ormel"
+                   : "",
+              std::move(rows), TARGET_COLUMNS);
 }
 
 Result notify_add(const Arguments& arguments) {
@@ -99,16 +107,19 @@ Result notify_add(const Arguments& arguments) {
     secret = *given;
   }
   const std::string& name = arguments.words[0];
-  const ormel::Json request{json_pack("{s:s, s:s, s:s, s:s}", "name", name.c_str(), "url", url.c_str(), "events",
-                                      arguments.value("events", "all").c_str(), "secret", secret.c_str())};
+  const ormel::Json request{
+      json_pack("{s:s, s:s, s:s, s:s}", "name", name.c_str(), "url", url.c_str(), "events",
+                arguments.value("events", "all").c_str(), "secret", secret.c_str())};
   Result result;
   ormel::Json data = ask("notify.set", request, result);
   if (!data) {
-    if (result.reason.starts_with("there are no events")) result.advice = "ormelctl notify kinds shows the events";
+    if (result.reason.starts_with("there are no events"))
+      result.advice = "ormelctl notify kinds shows the events";
     return result;
   }
   const std::string made = text_of(data.get(), "secret");
-  return done(name + " is notified" + (made.empty() ? "" : "; the secret of the signature, shown this once: " + made),
+  return done(name + " is notified" +
+                  (made.empty() ? "" : "; the secret of the signature, shown this once: " + made),
               std::move(data));
 }
 
@@ -129,7 +140,8 @@ Result notify_test(const Arguments& arguments) {
     return !outcome || json_is_true(json_object_get(outcome.get(), "done"));
   };
   if (!comes_true(sent, TEST_SECONDS))
-    return failed(Exit::TimedOut, "other notifications are still being sent", "ormelctl notify list");
+    return failed(Exit::TimedOut, "other notifications are still being sent",
+                  "ormelctl notify list");
   if (!outcome) return result;
   const std::string text = outcome_text(outcome.get());
   if (!text_of(outcome.get(), "failure").empty())

@@ -36,7 +36,8 @@ struct Query {
 
 bool read_query(const Arguments& arguments, Query& query, Result& problem) {
   const long ago = arguments.seconds("since", 0);
-  query.limit = arguments.has("limit") ? std::strtol(arguments.value("limit").c_str(), nullptr, 10) : DEFAULT_ROWS;
+  query.limit = arguments.has("limit") ? std::strtol(arguments.value("limit").c_str(), nullptr, 10)
+                                       : DEFAULT_ROWS;
   query.user = arguments.value("user");
   if (ago > 0) query.since = std::time(nullptr) - ago;
   if (ago < 0) problem = failed(Exit::Usage, "--since takes a time such as 30m, 1h or 2d");
@@ -56,7 +57,9 @@ std::string moment_text(long moment) {
 long moment_of(const std::string& date_and_time) {
   std::tm parts{};
   parts.tm_isdst = -1;
-  return strptime(date_and_time.c_str(), "%Y-%m-%d %H:%M:%S", &parts) ? static_cast<long>(std::mktime(&parts)) : 0;
+  return strptime(date_and_time.c_str(), "%Y-%m-%d %H:%M:%S", &parts)
+             ? static_cast<long>(std::mktime(&parts))
+             : 0;
 }
 
 ormel::Json event_row(const json_t* event) {
@@ -64,9 +67,10 @@ ormel::Json event_row(const json_t* event) {
   const std::string type = text_of(event, "type");
   const size_t level = type == "1" ? 1 : type == "2" ? 2 : 0;
   return ormel::Json{json_pack("{s:s, s:s, s:s, s:s, s:s}", "time",
-                               (text_of(event, "date") + ' ' + text_of(event, "time")).c_str(), "level", LEVELS[level],
-                               "user", text_of(event, "user").c_str(), "text", text_of(event, "description").c_str(),
-                               "id", text_of(event, "id").c_str())};
+                               (text_of(event, "date") + ' ' + text_of(event, "time")).c_str(),
+                               "level", LEVELS[level], "user", text_of(event, "user").c_str(),
+                               "text", text_of(event, "description").c_str(), "id",
+                               text_of(event, "id").c_str())};
 }
 
 ormel::Json connection_row(const json_t* row) {
@@ -74,30 +78,35 @@ ormel::Json connection_row(const json_t* row) {
   const auto action = static_cast<size_t>(number_of(row, "action"));
   const double in = json_number_value(json_object_get(row, "rx_total"));
   const double out = json_number_value(json_object_get(row, "tx_total"));
-  const std::string source = text_of(row, json_object_get(row, "source_ip") ? "source_ip" : "real_ip");
-  return ormel::Json{
-      json_pack("{s:s, s:I, s:s, s:s, s:s, s:s, s:s, s:f, s:f, s:s, s:I}", "time",
-                moment_text(number_of(row, "time")).c_str(), "moment", static_cast<json_int_t>(number_of(row, "time")),
-                "user", text_of(row, "username").c_str(), "protocol", protocol ? protocol->name.c_str() : "", "action",
-                action < std::size(ACTIONS) ? ACTIONS[action] : "", "source", source.c_str(), "duration",
-                duration_text(number_of(row, "uptime")).c_str(), "received", in, "sent", out, "traffic",
-                (size_text(in) + " / " + size_text(out)).c_str(), "id", static_cast<json_int_t>(number_of(row, "id")))};
+  const std::string source =
+      text_of(row, json_object_get(row, "source_ip") ? "source_ip" : "real_ip");
+  return ormel::Json{json_pack(
+      "{s:s, s:I, s:s, s:s, s:s, s:s, s:s, s:f, s:f, s:s, s:I}", "time",
+      moment_text(number_of(row, "time")).c_str(), "moment",
+      static_cast<json_int_t>(number_of(row, "time")), "user", text_of(row, "username").c_str(),
+      "protocol", protocol ? protocol->name.c_str() : "", "action",
+      action < std::size(ACTIONS) ? ACTIONS[action] : "", "source", source.c_str(), "duration",
+      duration_text(number_of(row, "uptime")).c_str(), "received", in, "sent", out, "traffic",
+      (size_text(in) + " / " + size_text(out)).c_str(), "id",
+      static_cast<json_int_t>(number_of(row, "id")))};
 }
 
 // The newest rows of a route that pass the query, oldest first.
-Result rows_of(const char* route, const Query& query, ormel::Json (*row_of)(const json_t*), const char* user_key,
-               ormel::Json& rows) {
-  const Reply reply = call(
-      route,
-      {{"lower", "0"}, {"upper", std::to_string(query.user.empty() ? query.limit : MOST_ROWS)}, {"order", "desc"}});
+Result rows_of(const char* route, const Query& query, ormel::Json (*row_of)(const json_t*),
+               const char* user_key, ormel::Json& rows) {
+  const Reply reply =
+      call(route, {{"lower", "0"},
+                   {"upper", std::to_string(query.user.empty() ? query.limit : MOST_ROWS)},
+                   {"order", "desc"}});
   if (reply.error != 0) return failed(reply.error, reply.reason);
   rows.reset(json_array());
   size_t at = 0;
   const json_t* raw = nullptr;
   json_array_foreach(reply.data(), at, raw) {
     ormel::Json row = row_of(raw);
-    const long moment =
-        json_object_get(row.get(), "moment") ? number_of(row.get(), "moment") : moment_of(text_of(row.get(), "time"));
+    const long moment = json_object_get(row.get(), "moment")
+                            ? number_of(row.get(), "moment")
+                            : moment_of(text_of(row.get(), "time"));
     const bool wanted = (query.since == 0 || moment >= query.since) &&
                         (query.user.empty() || text_of(row.get(), user_key) == query.user);
     if (wanted && json_array_size(rows.get()) < static_cast<size_t>(query.limit))
@@ -107,8 +116,8 @@ Result rows_of(const char* route, const Query& query, ormel::Json (*row_of)(cons
 }
 
 // Prints rows as they come until the program is interrupted.
-void follow(const char* route, const Query& query, ormel::Json (*row_of)(const json_t*), const char* user_key,
-            const Columns& columns, std::string last) {
+void follow(const char* route, const Query& query, ormel::Json (*row_of)(const json_t*),
+            const char* user_key, const Columns& columns, std::string last) {
   for (;;) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
     ormel::Json rows;
@@ -122,7 +131,8 @@ void follow(const char* route, const Query& query, ormel::Json (*row_of)(const j
       seen = seen || cell(json_object_get(row, "id")) == last;
     }
     if (json_array_size(fresh.get()) == 0) continue;
-    last = cell(json_object_get(json_array_get(fresh.get(), json_array_size(fresh.get()) - 1), "id"));
+    last =
+        cell(json_object_get(json_array_get(fresh.get(), json_array_size(fresh.get()) - 1), "id"));
     const std::string text = table(fresh.get(), columns);
     std::fputs(text.c_str() + text.find('\n') + 1, stdout);
     std::fflush(stdout);
@@ -135,7 +145,8 @@ Result show_log(const Arguments& arguments, const char* route, ormel::Json (*row
   Result problem;
   if (!read_query(arguments, query, problem)) return problem;
   ormel::Json rows;
-  if (problem = rows_of(route, query, row_of, user_key, rows); problem.exit != Exit::Done) return problem;
+  if (problem = rows_of(route, query, row_of, user_key, rows); problem.exit != Exit::Done)
+    return problem;
   if (arguments.has("follow")) {
     const size_t count = json_array_size(rows.get());
     std::fputs(table(rows.get(), columns).c_str(), stdout);

@@ -32,7 +32,8 @@ struct Call {
 
 constexpr const char* ALL_COMMANDS = "ormelctl --help lists all commands and options";
 
-// The value of "--name=VALUE" or of "--name VALUE", whose words are passed; nothing for another option.
+// The value of "--name=VALUE" or of "--name VALUE", whose words are passed; nothing for another
+// option.
 std::optional<std::string> value_of(std::string_view name, int argc, char** argv, int& at) {
   const std::string_view word = argv[at];
   if (word == name) return at + 1 < argc ? argv[++at] : "";
@@ -42,7 +43,8 @@ std::optional<std::string> value_of(std::string_view name, int argc, char** argv
 }
 
 std::string read_format(const std::string& value, Call& call) {
-  if (value != "json" && value != "table" && value != "tsv") return "--output is table, json or tsv";
+  if (value != "json" && value != "table" && value != "tsv")
+    return "--output is table, json or tsv";
   call.format = value == "json" ? Format::Json : value == "tsv" ? Format::Tsv : Format::Table;
   return {};
 }
@@ -52,10 +54,12 @@ std::string read_timeout(const std::string& value, Call& call) {
   Arguments given;
   given.options["timeout"] = value;
   call.timeout = given.seconds("timeout", 0);
-  return call.timeout < 1 || call.timeout > MOST ? "--timeout takes a time such as 10, 90s or 5m" : "";
+  return call.timeout < 1 || call.timeout > MOST ? "--timeout takes a time such as 10, 90s or 5m"
+                                                 : "";
 }
 
-// Takes the options that every command has out of the words. An empty text, or what is wrong with them.
+// Takes the options that every command has out of the words. An empty text, or what is wrong with
+// them.
 std::string read_global(int argc, char** argv, Call& call) {
   std::string wrong;
   for (int i = 1; i < argc && wrong.empty(); ++i) {
@@ -91,11 +95,13 @@ std::string json_of(const Result& result) {
   if (result.exit != Exit::Done) {
     json_object_set_new(document.get(), "exit", json_integer(static_cast<int>(result.exit)));
     json_object_set_new(document.get(), "reason", json_text(result.reason));
-    if (!result.advice.empty()) json_object_set_new(document.get(), "advice", json_text(result.advice));
+    if (!result.advice.empty())
+      json_object_set_new(document.get(), "advice", json_text(result.advice));
   }
   if (result.data) json_object_set(document.get(), "data", result.data.get());
   const ormel::CString text{json_dumps(document.get(), JSON_COMPACT)};
-  return std::string(text ? text.get() : R"({"schema":1,"error":58,"reason":"out of memory"})") + '\n';
+  return std::string(text ? text.get() : R"({"schema":1,"error":58,"reason":"out of memory"})") +
+         '\n';
 }
 
 // What went wrong and what to do, for people.
@@ -105,7 +111,8 @@ std::string complaint(const Result& result) {
   return text;
 }
 
-// What is left to say when the time is over. It is made before, since a handler of signals may call next to nothing.
+// What is left to say when the time is over. It is made before, since a handler of signals may call
+// next to nothing.
 struct LastWords {
   int stream = STDERR_FILENO;
   std::array<char, 1024> text{};
@@ -114,15 +121,17 @@ struct LastWords {
 LastWords last_words;
 
 void end_in_time(int) {
-  if (write(last_words.stream, last_words.text.data(), last_words.length) < 0) _exit(static_cast<int>(Exit::Failed));
+  if (write(last_words.stream, last_words.text.data(), last_words.length) < 0)
+    _exit(static_cast<int>(Exit::Failed));
   _exit(static_cast<int>(Exit::TimedOut));
 }
 
 // Nothing has been printed by then: `print` stops the clock.
 void limit_time(const Call& call) {
   if (call.timeout == 0) return;
-  const Result result = failed(Exit::TimedOut, "not done after " + std::to_string(call.timeout) + " s",
-                               "ormelctl status shows what is still on its way; or give it more time");
+  const Result result =
+      failed(Exit::TimedOut, "not done after " + std::to_string(call.timeout) + " s",
+             "ormelctl status shows what is still on its way; or give it more time");
   const std::string text = call.format == Format::Json ? json_of(result) : complaint(result);
   last_words.stream = call.format == Format::Json ? STDOUT_FILENO : STDERR_FILENO;
   last_words.length = std::min(text.size(), last_words.text.size());
@@ -135,8 +144,8 @@ void limit_time(const Call& call) {
 bool wants_colors(const Call& call) {
   const char* terminal = std::getenv("TERM");
   const char* refusal = std::getenv("NO_COLOR");
-  return call.color && call.format == Format::Table && isatty(STDOUT_FILENO) != 0 && !(refusal && *refusal) &&
-         terminal && std::string_view(terminal) != "dumb";
+  return call.color && call.format == Format::Table && isatty(STDOUT_FILENO) != 0 &&
+         !(refusal && *refusal) && terminal && std::string_view(terminal) != "dumb";
 }
 
 void print(const Result& result, Format format) {
@@ -149,7 +158,8 @@ void print(const Result& result, Format format) {
     std::fputs(tsv(result.data.get(), result.columns).c_str(), stdout);
   } else if (!result.message.empty()) {
     const bool whole = result.message.ends_with('\n');
-    std::printf("%s%s", whole ? result.message.c_str() : printable(result.message).c_str(), whole ? "" : "\n");
+    std::printf("%s%s", whole ? result.message.c_str() : printable(result.message).c_str(),
+                whole ? "" : "\n");
   } else if (result.exit == Exit::Done || result.exit == Exit::Differs) {
     std::fputs(table(result.data.get(), result.columns).c_str(), stdout);
   }
@@ -169,13 +179,16 @@ bool confirmed(const Command& command, const Arguments& arguments) {
 // What must hold before a command may run.
 Result permitted(const Command& command, const Arguments& arguments) {
   if (geteuid() != 0)
-    return failed(Exit::NotRoot, "only root may do this", std::string("sudo ormelctl ") + command.example);
+    return failed(Exit::NotRoot, "only root may do this",
+                  std::string("sudo ormelctl ") + command.example);
   if (!command.dangerous || arguments.has("yes")) return {};
   const bool asks = arguments.terminal && isatty(STDIN_FILENO);
   if (!asks)
     return failed(Exit::Usage, "--yes is missing: this interrupts connections or deletes settings",
                   std::string("ormelctl ") + command.example);
-  return confirmed(command, arguments) ? Result{} : failed(Exit::Failed, "not done", "answer with y, or use --yes");
+  return confirmed(command, arguments)
+             ? Result{}
+             : failed(Exit::Failed, "not done", "answer with y, or use --yes");
 }
 
 Result run(const Command& command, const Call& call, Arguments& arguments) {
@@ -192,14 +205,16 @@ Result run(const Command& command, const Call& call, Arguments& arguments) {
 Result run_advised(const Command& command, const Call& call) {
   Arguments arguments;
   Result result = run(command, call, arguments);
-  if (result.exit != Exit::Done && result.advice.empty()) result.advice = advice_for(result, command, arguments);
+  if (result.exit != Exit::Done && result.advice.empty())
+    result.advice = advice_for(result, command, arguments);
   return result;
 }
 
 std::string listed(const std::string& kind) {
   std::string text;
   for (const Command& row : commands()) {
-    if (kind == "--reading" && (!row.reading || *row.operands == 'P' || *row.operands == 'F')) continue;
+    if (kind == "--reading" && (!row.reading || *row.operands == 'P' || *row.operands == 'F'))
+      continue;
     text += std::string(row.noun) + (*row.verb ? " " : "") + row.verb + '\n';
   }
   return text;
@@ -207,7 +222,8 @@ std::string listed(const std::string& kind) {
 
 // Copies a manual page from standard input, with the commands in the place of their mark.
 int print_manual() {
-  for (std::string line; std::getline(std::cin, line);) std::cout << (line == "@COMMANDS@" ? manual() : line + '\n');
+  for (std::string line; std::getline(std::cin, line);)
+    std::cout << (line == "@COMMANDS@" ? manual() : line + '\n');
   return std::cout.flush() ? 0 : static_cast<int>(Exit::Failed);
 }
 
@@ -241,9 +257,10 @@ int main(int argc, char** argv) {
   const Command* command = find_command(call.words, suggestion);
   if (!command) {
     return finish(failed(Exit::Usage, "there is no command \"" + asked + '"',
-                         suggestion.empty()                          ? ALL_COMMANDS
-                         : suggestion.find(',') != std::string::npos ? "one of: " + suggestion
-                                                                     : "did you mean \"" + suggestion + "\"?"),
+                         suggestion.empty() ? ALL_COMMANDS
+                         : suggestion.find(',') != std::string::npos
+                             ? "one of: " + suggestion
+                             : "did you mean \"" + suggestion + "\"?"),
                   call.format);
   }
   if (call.help) {

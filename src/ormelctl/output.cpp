@@ -30,7 +30,8 @@ constexpr Paint PAINTS[] = {
 
 bool colors = false;
 
-// Length of the well-formed UTF-8 sequence at `at`, 0 for a malformed one; its code point in `point`.
+// Length of the well-formed UTF-8 sequence at `at`, 0 for a malformed one; its code point in
+// `point`.
 size_t sequence(std::string_view text, size_t at, uint32_t& point) {
   const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char first = byte(at);
@@ -53,13 +54,15 @@ size_t sequence(std::string_view text, size_t at, uint32_t& point) {
 // Control characters, and those that change the direction of the text around them or hide in it.
 bool is_hidden(uint32_t point) {
   return point < 0x20 || (point >= 0x7F && point < 0xA0) || (point >= 0x200B && point <= 0x200F) ||
-         (point >= 0x2028 && point <= 0x202E) || (point >= 0x2066 && point <= 0x2069) || point == 0xFEFF;
+         (point >= 0x2028 && point <= 0x202E) || (point >= 0x2066 && point <= 0x2069) ||
+         point == 0xFEFF;
 }
 
 // Number of characters, as an approximation of the width.
 size_t width(const std::string& text) {
-  return static_cast<size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xC0U) != 0x80; }));
+  return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
+    return (static_cast<unsigned char>(c) & 0xC0U) != 0x80;
+  }));
 }
 
 std::string padded(const std::string& text, size_t to) {
@@ -125,8 +128,8 @@ void set_colors(bool on) {
 }
 
 std::string painted(std::string_view word, const std::string& shown) {
-  const auto* const paint =
-      std::find_if(std::begin(PAINTS), std::end(PAINTS), [&](const Paint& known) { return known.word == word; });
+  const auto* const paint = std::find_if(std::begin(PAINTS), std::end(PAINTS),
+                                         [&](const Paint& known) { return known.word == word; });
   return !colors || paint == std::end(PAINTS) ? shown : paint->color + shown + PLAIN;
 }
 
@@ -178,10 +181,12 @@ std::string tsv(const json_t* data, const Columns& columns) {
   if (json_is_object(data)) {
     const char* key = nullptr;
     json_t* value = nullptr;
-    json_object_foreach(const_cast<json_t*>(data), key, value) out += std::string(key) + '\t' + cell(value) + '\n';
+    json_object_foreach(const_cast<json_t*>(data), key, value) out +=
+        std::string(key) + '\t' + cell(value) + '\n';
     return out;
   }
-  for (size_t i = 0; i < columns.size(); ++i) out += (i == 0 ? "" : "\t") + std::string(columns[i].key);
+  for (size_t i = 0; i < columns.size(); ++i)
+    out += (i == 0 ? "" : "\t") + std::string(columns[i].key);
   if (!columns.empty()) out += '\n';
   for (const auto& row : cells(data, columns)) {
     for (size_t i = 0; i < row.size(); ++i) out += (i == 0 ? "" : "\t") + row[i];

@@ -18,13 +18,14 @@ struct Column {
 };
 using Columns = std::vector<Column>;
 
-// `text` with control bytes, escape sequences and marks of text direction made visible, so that a name cannot change
-// the terminal. Malformed UTF-8 becomes "\xNN".
+// `text` with control bytes, escape sequences and marks of text direction made visible, so that a
+// name cannot change the terminal. Malformed UTF-8 becomes "\xNN".
 [[nodiscard]] std::string printable(const std::string& text);
 
 // Whether states are shown in colors, as a terminal takes them; not until this is called.
 void set_colors(bool on);
-// `shown` in the color of a state or of the doctor's mark `word`; as it is for any other word, and without colors.
+// `shown` in the color of a state or of the doctor's mark `word`; as it is for any other word, and
+// without colors.
 [[nodiscard]] std::string painted(std::string_view word, const std::string& shown);
 
 // One value as a table's cell: a text, a number, "yes" or "no", "-" for an empty one.

@@ -11,16 +11,19 @@
 namespace ormelctl {
 namespace {
 
-const Columns PEER_COLUMNS = {
-    {"name", "NAME"}, {"index", "INDEX"}, {"address", "ADDRESS"}, {"seen", "LAST HANDSHAKE"}, {"key", "KEY"}};
+const Columns PEER_COLUMNS = {{"name", "NAME"},
+                              {"index", "INDEX"},
+                              {"address", "ADDRESS"},
+                              {"seen", "LAST HANDSHAKE"},
+                              {"key", "KEY"}};
 
 ormel::Json peer_row(const json_t* peer) {
   const std::string seen = text_of(peer, "latest_handshake");
-  return ormel::Json{json_pack("{s:s, s:i, s:s, s:s, s:s, s:s}", "name", decoded(text_of(peer, "peer_name")).c_str(),
-                               "index", static_cast<int>(number_of(peer, "index")), "address",
-                               text_of(peer, "peer_allow_ip").c_str(), "key", text_of(peer, "peer_pub_key").c_str(),
-                               "seen", seen.empty() ? "never" : seen.c_str(), "endpoint",
-                               text_of(peer, "peer_endpoint").c_str())};
+  return ormel::Json{json_pack(
+      "{s:s, s:i, s:s, s:s, s:s, s:s}", "name", decoded(text_of(peer, "peer_name")).c_str(),
+      "index", static_cast<int>(number_of(peer, "index")), "address",
+      text_of(peer, "peer_allow_ip").c_str(), "key", text_of(peer, "peer_pub_key").c_str(), "seen",
+      seen.empty() ? "never" : seen.c_str(), "endpoint", text_of(peer, "peer_endpoint").c_str())};
 }
 
 ormel::Json peer_rows(const json_t* peers) {
@@ -44,7 +47,8 @@ std::string free_address(const json_t* peers, const std::string& own) {
     bool taken = address == own;
     size_t at = 0;
     const json_t* peer = nullptr;
-    json_array_foreach(peers, at, peer) taken = taken || text_of(peer, "peer_allow_ip") == address + "/32";
+    json_array_foreach(peers, at, peer) taken =
+        taken || text_of(peer, "peer_allow_ip") == address + "/32";
     if (!taken) return address;
   }
   return {};
@@ -54,14 +58,17 @@ std::string free_address(const json_t* peers, const std::string& own) {
 std::string configuration(const json_t* hub, const std::string& host, const std::string& address,
                           const std::string& key, const std::string& psk, bool all) {
   const std::string own = text_of(hub, "server_ip");
-  const std::string network = own.substr(0, own.rfind('.')) + ".0/" + std::to_string(number_of(hub, "server_mask"));
+  const std::string network =
+      own.substr(0, own.rfind('.')) + ".0/" + std::to_string(number_of(hub, "server_mask"));
   std::string text = "[Interface]\nPrivateKey = " + key + "\nAddress = " + address + "/32\n";
-  if (json_is_true(json_object_get(hub, "enable_dns"))) text += "DNS = " + text_of(hub, "manual_dns") + '\n';
+  if (json_is_true(json_object_get(hub, "enable_dns")))
+    text += "DNS = " + text_of(hub, "manual_dns") + '\n';
   text += "\n[Peer]\nPublicKey = " + text_of(hub, "server_pub_key") + '\n';
   if (!psk.empty()) text += "PresharedKey = " + psk + '\n';
   text += "AllowedIPs = " + (all ? std::string("0.0.0.0/0") : network) + '\n';
   const std::string end = host.find(':') == std::string::npos ? host : '[' + host + ']';
-  return text + "Endpoint = " + end + ':' + std::to_string(number_of(hub, "port")) + "\nPersistentKeepalive = 25\n";
+  return text + "Endpoint = " + end + ':' + std::to_string(number_of(hub, "port")) +
+         "\nPersistentKeepalive = 25\n";
 }
 
 // What a device gets, once.
@@ -79,9 +86,10 @@ std::string add_code(Handout& handout) {
 Result handed_out(const Handout& handout) {
   std::string message = handout.file.empty() ? handout.name + " can connect" : handout.file;
   if (!handout.code.empty()) message += '\n' + handout.code;
-  return done(std::move(message), ormel::Json{json_pack("{s:s, s:s, s:s, s:s}", "name", printable(handout.name).c_str(),
-                                                        "address", handout.address.c_str(), "key", handout.key.c_str(),
-                                                        "configuration", handout.file.c_str())});
+  return done(std::move(message),
+              ormel::Json{json_pack("{s:s, s:s, s:s, s:s}", "name", printable(handout.name).c_str(),
+                                    "address", handout.address.c_str(), "key", handout.key.c_str(),
+                                    "configuration", handout.file.c_str())});
 }
 
 // Whether --host can stand in a configuration; a failure with the example if not.
@@ -92,7 +100,9 @@ Result usable_host(const Arguments& arguments, const char* example) {
   if (host.empty()) return failed(Exit::Usage, MISSING, example);
   const bool has_port = host.find(':') != std::string::npos && host.find(':') == host.rfind(':');
   const bool odd = printable(host) != host || host.find_first_of(" /[]") != std::string::npos;
-  return has_port || odd ? failed(Exit::Usage, "--host is a name or an address, without a port", example) : Result{};
+  return has_port || odd
+             ? failed(Exit::Usage, "--host is a name or an address, without a port", example)
+             : Result{};
 }
 
 // The device of a name or an index in `found`; a failure without exactly one.
@@ -100,8 +110,12 @@ Result find_peer(const json_t* peers, const std::string& word, const json_t*& fo
   size_t at = 0;
   const json_t* peer = nullptr;
   json_array_foreach(peers, at, peer) {
-    if (word != std::to_string(number_of(peer, "index")) && word != decoded(text_of(peer, "peer_name"))) continue;
-    if (found) return failed(Exit::Usage, "several devices are named " + word, "use the index: ormelctl peer list");
+    if (word != std::to_string(number_of(peer, "index")) &&
+        word != decoded(text_of(peer, "peer_name")))
+      continue;
+    if (found)
+      return failed(Exit::Usage, "several devices are named " + word,
+                    "use the index: ormelctl peer list");
     found = peer;
   }
   if (found) return {};
@@ -117,15 +131,16 @@ Result peer_list(const Arguments&) {
   if (reply.error != 0) return failed(reply.error, reply.reason);
   ormel::Json rows = peer_rows(reply.data());
   const bool none = json_array_size(rows.get()) == 0;
-  return done(none ? "No devices. Add one: ormelctl peer add phone --host vpn.example.org" : "", std::move(rows),
-              PEER_COLUMNS);
+  return done(none ? "No devices. Add one: ormelctl peer add phone --host vpn.example.org" : "",
+              std::move(rows), PEER_COLUMNS);
 }
 
 Result peer_add(const Arguments& arguments) {
   const ormel::Json hub = server();
   if (text_of(hub.get(), "server_pub_key").empty()) {
     return failed(Exit::Failed, "the WireGuard server has no key yet",
-                  "ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820, then ormelctl server on "
+                  "ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820, "
+                  "then ormelctl server on "
                   "wireguard");
   }
   const bool own_key = arguments.has("key");
@@ -133,38 +148,45 @@ Result peer_add(const Arguments& arguments) {
     return failed(Exit::Usage, "--qr needs the device's private key, which is not here with --key");
   if (arguments.words[0].empty()) return failed(Exit::Usage, "the device's name is empty");
   if (own_key && !ormel::wireguard::is_key(arguments.value("key")))
-    return failed(Exit::Usage, "--key is not a public key of WireGuard", "wg pubkey prints one of 44 characters");
+    return failed(Exit::Usage, "--key is not a public key of WireGuard",
+                  "wg pubkey prints one of 44 characters");
   Result wrong_host = usable_host(arguments, "ormelctl peer add phone --host vpn.example.org");
   if (!own_key && wrong_host.exit != Exit::Done) return wrong_host;
   const ChangeLock lock;
-  if (!lock) return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  if (!lock)
+    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
   const Reply before = call("/ormel/peer/list");
   if (before.error != 0) return failed(before.error, before.reason);
-  const std::string address = arguments.value("address", free_address(before.data(), text_of(hub.get(), "server_ip")));
+  const std::string address =
+      arguments.value("address", free_address(before.data(), text_of(hub.get(), "server_ip")));
   std::string psk;
   if (arguments.has("psk-file")) {
     const auto secret = read_secret(arguments.value("psk-file"));
     if (!secret) return failed(Exit::Failed, "--psk-file cannot be read, or is not one line");
     if (!ormel::wireguard::is_key(*secret))
-      return failed(Exit::Usage, "--psk-file holds no pre-shared key of WireGuard", "wg genpsk makes one");
+      return failed(Exit::Usage, "--psk-file holds no pre-shared key of WireGuard",
+                    "wg genpsk makes one");
     psk = *secret;
   }
   const Reply keys = own_key ? Reply{} : call("/ormel/peer/keys");
   if (keys.error != 0) return failed(keys.error, keys.reason);
   const std::string public_key = own_key ? arguments.value("key") : text_of(keys.data(), "pub_key");
-  Form form{
-      {"peer_name", encoded(arguments.words[0])}, {"peer_pub_key", public_key}, {"peer_allow_ip", address + "/32"}};
+  Form form{{"peer_name", encoded(arguments.words[0])},
+            {"peer_pub_key", public_key},
+            {"peer_allow_ip", address + "/32"}};
   if (arguments.has("endpoint")) form.emplace_back("peer_endpoint", arguments.value("endpoint"));
   if (arguments.has("keepalive")) form.emplace_back("keepalive", arguments.value("keepalive"));
   if (!psk.empty()) form.emplace_back("psk", psk);
-  Handout handout{.name = arguments.words[0],
-                  .address = address,
-                  .key = public_key,
-                  .file = own_key ? ""
-                                  : configuration(hub.get(), arguments.value("host"), address,
-                                                  text_of(keys.data(), "pri_key"), psk, arguments.has("all"))};
+  Handout handout{
+      .name = arguments.words[0],
+      .address = address,
+      .key = public_key,
+      .file = own_key ? ""
+                      : configuration(hub.get(), arguments.value("host"), address,
+                                      text_of(keys.data(), "pri_key"), psk, arguments.has("all"))};
   if (arguments.has("qr")) {
-    if (const std::string wrong = add_code(handout); !wrong.empty()) return failed(Exit::Failed, wrong);
+    if (const std::string wrong = add_code(handout); !wrong.empty())
+      return failed(Exit::Failed, wrong);
   }
   const Reply reply = call("/ormel/peer/add", form);
   return reply.error != 0 ? failed(reply.error, reply.reason) : handed_out(handout);
@@ -175,11 +197,13 @@ Result peer_qr(const Arguments& arguments) {
   if (wrong_host.exit != Exit::Done) return wrong_host;
   const ormel::Json hub = server();
   const ChangeLock lock;
-  if (!lock) return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  if (!lock)
+    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
   const Reply before = call("/ormel/peer/list");
   if (before.error != 0) return failed(before.error, before.reason);
   const json_t* peer = nullptr;
-  if (Result none = find_peer(before.data(), arguments.words[0], peer); none.exit != Exit::Done) return none;
+  if (Result none = find_peer(before.data(), arguments.words[0], peer); none.exit != Exit::Done)
+    return none;
   const Reply keys = call("/ormel/peer/keys");
   if (keys.error != 0) return failed(keys.error, keys.reason);
   const std::string network = text_of(peer, "peer_allow_ip");
@@ -187,23 +211,30 @@ Result peer_qr(const Arguments& arguments) {
   Handout handout{.name = decoded(text_of(peer, "peer_name")),
                   .address = address,
                   .key = text_of(keys.data(), "pub_key"),
-                  .file = configuration(hub.get(), arguments.value("host"), address, text_of(keys.data(), "pri_key"),
-                                        text_of(peer, "psk"), arguments.has("all"))};
-  if (const std::string wrong = add_code(handout); !wrong.empty()) return failed(Exit::Failed, wrong);
+                  .file = configuration(hub.get(), arguments.value("host"), address,
+                                        text_of(keys.data(), "pri_key"), text_of(peer, "psk"),
+                                        arguments.has("all"))};
+  if (const std::string wrong = add_code(handout); !wrong.empty())
+    return failed(Exit::Failed, wrong);
   const Reply reply =
-      call("/ormel/peer/modify", {{"index", std::to_string(number_of(peer, "index"))}, {"peer_pub_key", handout.key}});
+      call("/ormel/peer/modify",
+           {{"index", std::to_string(number_of(peer, "index"))}, {"peer_pub_key", handout.key}});
   return reply.error != 0 ? failed(reply.error, reply.reason) : handed_out(handout);
 }
 
 Result peer_remove(const Arguments& arguments) {
   const ChangeLock lock;
-  if (!lock) return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  if (!lock)
+    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
   const Reply before = call("/ormel/peer/list");
   if (before.error != 0) return failed(before.error, before.reason);
   const json_t* peer = nullptr;
-  if (Result none = find_peer(before.data(), arguments.words[0], peer); none.exit != Exit::Done) return none;
-  const Reply reply = call("/ormel/peer/remove", {{"index", std::to_string(number_of(peer, "index"))}});
-  return reply.error != 0 ? failed(reply.error, reply.reason) : done(arguments.words[0] + " removed");
+  if (Result none = find_peer(before.data(), arguments.words[0], peer); none.exit != Exit::Done)
+    return none;
+  const Reply reply =
+      call("/ormel/peer/remove", {{"index", std::to_string(number_of(peer, "index"))}});
+  return reply.error != 0 ? failed(reply.error, reply.reason)
+                          : done(arguments.words[0] + " removed");
 }
 
 }  // namespace ormelctl

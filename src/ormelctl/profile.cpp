@@ -11,7 +11,8 @@
 namespace ormelctl {
 namespace {
 
-// An option of ours and the program's option, for clients of WireGuard and for all others; null: not for these.
+// An option of ours and the program's option, for clients of WireGuard and for all others; null:
+// not for these.
 struct Setting {
   const char* name;
   const char* plain;
@@ -61,7 +62,8 @@ constexpr Need NEEDS[] = {
 };
 
 constexpr const char* WIREGUARD_EXAMPLE =
-    "ormelctl profile add wireguard --name w2 --address 198.18.7.5 --peer-key K --endpoint host.example.org:51820";
+    "ormelctl profile add wireguard --name w2 --address 198.18.7.5 --peer-key K --endpoint "
+    "host.example.org:51820";
 constexpr const char* PLAIN_EXAMPLE =
     "ormelctl profile add pptp --name office --host vpn.example.org --user bob --pass-file -";
 
@@ -82,7 +84,8 @@ bool is_truth(std::string& value) {
 }
 
 // The words of the program's command line for the options given. What is wrong goes to `problem`.
-bool translate(const Protocol& protocol, const Arguments& arguments, std::vector<std::string>& words, Result& problem) {
+bool translate(const Protocol& protocol, const Arguments& arguments,
+               std::vector<std::string>& words, Result& problem) {
   for (const Setting& row : SETTINGS) {
     if (!arguments.has(row.name)) continue;
     const char* option = is_wireguard(protocol) ? row.wireguard : row.plain;
@@ -94,8 +97,8 @@ bool translate(const Protocol& protocol, const Arguments& arguments, std::vector
     if (row.secret) {
       const auto secret = read_secret(value);
       if (!secret) {
-        problem =
-            failed(Exit::Failed, std::string("--") + row.name + ": " + value + " cannot be read, or is not one line");
+        problem = failed(Exit::Failed, std::string("--") + row.name + ": " + value +
+                                           " cannot be read, or is not one line");
         return false;
       }
       value = *secret;
@@ -155,11 +158,12 @@ Result not_up(const Profile& profile, long waited, ormel::Json row) {
   const json_t* reason = json_object_get(row.get(), "reason");
   const bool failed_now = text_of(row.get(), "state") == "failed";
   const std::string why = text_of(row.get(), "why");
-  Result result =
-      failed(failed_now ? Exit::Failed : Exit::TimedOut,
-             profile.name + (failed_now ? "" : " is not up after " + std::to_string(waited) + " s") +
-                 (why.empty() ? "" : ": " + why),
-             reason ? text_of(reason, "advice") : "check address, account and keys; ormelctl log events shows more");
+  Result result = failed(
+      failed_now ? Exit::Failed : Exit::TimedOut,
+      profile.name + (failed_now ? "" : " is not up after " + std::to_string(waited) + " s") +
+          (why.empty() ? "" : ": " + why),
+      reason ? text_of(reason, "advice")
+             : "check address, account and keys; ormelctl log events shows more");
   result.error = failed_now ? static_cast<int>(number_of(profile.record.get(), "last_error")) : 0;
   result.data = std::move(row);
   return result;
@@ -177,11 +181,14 @@ ormel::Json describe_profile(const json_t* record) {
   const std::string name = decoded(text_of(record, wireguard ? "client_name" : "profile"));
   const std::string server = text_of(record, wireguard ? "peer_endpoint" : "server_ip");
   ormel::Json row{json_object()};
-  const auto set = [&](const char* key, json_t* value) { json_object_set_new(row.get(), key, value); };
+  const auto set = [&](const char* key, json_t* value) {
+    json_object_set_new(row.get(), key, value);
+  };
   set("name", json_string(name.c_str()));
   set("protocol", json_string(protocol ? protocol->name.c_str() : ""));
   set("index", json_integer(number_of(record, "index")));
-  set("target", json_sprintf("%s/%ld", protocol ? protocol->name.c_str() : "", number_of(record, "index")));
+  set("target",
+      json_sprintf("%s/%ld", protocol ? protocol->name.c_str() : "", number_of(record, "index")));
   set("server", json_string(server.c_str()));
   set("state", json_string(state.c_str()));
   set("uptime", json_integer(state == "up" ? number_of(record, "uptime") : 0));
@@ -200,7 +207,8 @@ void add_state(json_t* row, const json_t* record) {
   json_object_set_new(row, "since", json_integer(since));
   json_object_set_new(
       row, "since_text",
-      json_string(since == 0 ? "" : duration_text(static_cast<long>(std::time(nullptr)) - since).c_str()));
+      json_string(
+          since == 0 ? "" : duration_text(static_cast<long>(std::time(nullptr)) - since).c_str()));
   json_object_set(row, "reason", reason ? reason : json_null());
   json_object_set_new(row, "why", json_string(text_of(reason, "text").c_str()));
 }
@@ -208,7 +216,8 @@ void add_state(json_t* row, const json_t* record) {
 Result unknown_protocol(const std::string& name) {
   std::vector<std::string> known;
   for (const Protocol& row : protocols()) known.push_back(row.name);
-  return failed(Exit::Usage, "no protocol is named " + name, did_you_mean(name, known, "one of " + protocol_names()));
+  return failed(Exit::Usage, "no protocol is named " + name,
+                did_you_mean(name, known, "one of " + protocol_names()));
 }
 
 Result no_profile_or_server(const std::string& name) {
@@ -238,10 +247,11 @@ bool find_profile(const std::string& wanted, Profile& out, Result& problem) {
     out.record.reset(json_incref(record));
   }
   if (found == 1) return true;
-  problem = found == 0 ? failed(Exit::NotFound, "no profile is named " + wanted,
-                                did_you_mean(wanted, known, "ormelctl profile list"))
-                       : failed(Exit::Usage, wanted + " is the name of several profiles: " + candidates,
-                                "use one of these instead of the name");
+  problem = found == 0
+                ? failed(Exit::NotFound, "no profile is named " + wanted,
+                         did_you_mean(wanted, known, "ormelctl profile list"))
+                : failed(Exit::Usage, wanted + " is the name of several profiles: " + candidates,
+                         "use one of these instead of the name");
   return false;
 }
 
@@ -250,10 +260,11 @@ Result profile_list(const Arguments&) {
   ormel::Json rows{json_array()};
   size_t at = 0;
   json_t* record = nullptr;
-  json_array_foreach(all.get(), at, record) json_array_append_new(rows.get(), describe_profile(record).release());
+  json_array_foreach(all.get(), at, record)
+      json_array_append_new(rows.get(), describe_profile(record).release());
   const bool none = json_array_size(rows.get()) == 0;
-  return done(none ? "No client profiles. Add one: " + std::string(PLAIN_EXAMPLE) : "", std::move(rows),
-              PROFILE_COLUMNS);
+  return done(none ? "No client profiles. Add one: " + std::string(PLAIN_EXAMPLE) : "",
+              std::move(rows), PROFILE_COLUMNS);
 }
 
 Result profile_show(const Arguments& arguments) {
@@ -272,7 +283,8 @@ Result profile_add(const Arguments& arguments) {
   }
   for (const Need& need : NEEDS) {
     if (protocol->name == need.protocol && !arguments.has(need.option)) {
-      return failed(Exit::Usage, std::string("--") + need.option + " is missing (" + need.meaning + ')',
+      return failed(Exit::Usage,
+                    std::string("--") + need.option + " is missing (" + need.meaning + ')',
                     is_wireguard(*protocol) ? WIREGUARD_EXAMPLE : PLAIN_EXAMPLE);
     }
   }
@@ -280,13 +292,15 @@ Result profile_add(const Arguments& arguments) {
   Result problem;
   if (!translate(*protocol, arguments, words, problem)) return problem;
   if (is_wireguard(*protocol)) {
-    if (!arguments.has("private-key-file") && !new_private_key(words)) return failed(ormel::ERR_CMD_FAILED);
+    if (!arguments.has("private-key-file") && !new_private_key(words))
+      return failed(ormel::ERR_CMD_FAILED);
     if (!arguments.has("mask")) words.emplace_back("--client_mask=32");
   }
   const ChangeLock lock;
   if (!lock) return locked_out();
   const Reply reply = act(words);
-  if (reply.error != 0) return refused(reply.error, reply.reason, arguments, variable_for(*protocol));
+  if (reply.error != 0)
+    return refused(reply.error, reply.reason, arguments, variable_for(*protocol));
   return shown(reply, arguments.value("name") + " added");
 }
 
@@ -298,12 +312,15 @@ Result profile_set(const Arguments& arguments) {
                                  "--modify=" + std::to_string(profile.index)};
   if (!translate(*profile.protocol, arguments, words, problem)) return problem;
   if (words.size() == 2)
-    return failed(Exit::Usage, "nothing to change", "ormelctl profile set office --host vpn.example.org");
+    return failed(Exit::Usage, "nothing to change",
+                  "ormelctl profile set office --host vpn.example.org");
   const ChangeLock lock;
   if (!lock) return locked_out();
   const Reply reply = act(words);
-  if (reply.error != 0) return refused(reply.error, reply.reason, arguments, variable_for(*profile.protocol));
-  return shown(reply, profile.name + " changed; connect it again: ormelctl profile up " + profile.target());
+  if (reply.error != 0)
+    return refused(reply.error, reply.reason, arguments, variable_for(*profile.protocol));
+  return shown(
+      reply, profile.name + " changed; connect it again: ormelctl profile up " + profile.target());
 }
 
 Result profile_remove(const Arguments& arguments) {
@@ -312,7 +329,8 @@ Result profile_remove(const Arguments& arguments) {
   if (!find_profile(arguments.words[0], profile, problem)) return problem;
   const ChangeLock lock;
   if (!lock) return locked_out();
-  const Reply reply = act({"--type=" + profile.protocol->client_word, "--remove=" + std::to_string(profile.index)});
+  const Reply reply =
+      act({"--type=" + profile.protocol->client_word, "--remove=" + std::to_string(profile.index)});
   return reply.error != 0 ? failed(reply.error, reply.reason) : done(profile.name + " removed");
 }
 
@@ -323,12 +341,14 @@ Result profile_up(const Arguments& arguments) {
   Profile profile;
   Result problem;
   if (!find_profile(arguments.words[0], profile, problem)) return problem;
-  if (arguments.terminal) std::fprintf(stderr, "connecting %s ...\n", printable(profile.name).c_str());
+  if (arguments.terminal)
+    std::fprintf(stderr, "connecting %s ...\n", printable(profile.name).c_str());
   Reply reply;
   {
     const ChangeLock lock;
     if (!lock) return locked_out();
-    reply = act({"--type=" + profile.protocol->client_word, "--connect=" + std::to_string(profile.index)});
+    reply = act(
+        {"--type=" + profile.protocol->client_word, "--connect=" + std::to_string(profile.index)});
   }
   if (reply.error != 0) return failed(reply.error, reply.reason);
   std::ignore = comes_true([&] { return is_settled(profile); }, wait);  // the row says it
@@ -337,7 +357,8 @@ Result profile_up(const Arguments& arguments) {
   const std::string state = text_of(row.get(), "state");
   if (state == "up") return done(profile.name + " is up", std::move(row));
   if (wait > 0 || state == "failed") return not_up(profile, wait, std::move(row));
-  return done(profile.name + " is being connected; ormelctl status shows when it is up", std::move(row));
+  return done(profile.name + " is being connected; ormelctl status shows when it is up",
+              std::move(row));
 }
 
 Result profile_down(const Arguments& arguments) {
@@ -346,14 +367,17 @@ Result profile_down(const Arguments& arguments) {
   if (!find_profile(arguments.words[0], profile, problem)) return problem;
   const ChangeLock lock;
   if (!lock) return locked_out();
-  const Reply reply = act({"--type=" + profile.protocol->client_word, "--disconnect=" + std::to_string(profile.index)});
-  return reply.error != 0 ? failed(reply.error, reply.reason) : shown(reply, profile.name + " is disconnected");
+  const Reply reply = act(
+      {"--type=" + profile.protocol->client_word, "--disconnect=" + std::to_string(profile.index)});
+  return reply.error != 0 ? failed(reply.error, reply.reason)
+                          : shown(reply, profile.name + " is disconnected");
 }
 
 Result profile_export(const Arguments&) {
   const Reply reply = call("/ormel/config/download");
   if (reply.error != 0) {
-    return failed(Exit::Failed, "the OpenVPN server has no profile yet", "turn it on: ormelctl server on openvpn");
+    return failed(Exit::Failed, "the OpenVPN server has no profile yet",
+                  "turn it on: ormelctl server on openvpn");
   }
   const size_t head = reply.text.find("\r\n\r\n");
   const std::string body = head == std::string::npos ? "" : reply.text.substr(head + 4);

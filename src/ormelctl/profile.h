@@ -8,10 +8,12 @@
 
 namespace ormelctl {
 
-constexpr int ALL_CLIENTS = ormel::PPTP_CLIENT_TYPE | ormel::L2TP_CLIENT_TYPE | ormel::OVPN_CLIENT_TYPE |
-                            ormel::DROVIK_CLIENT_TYPE | ormel::WIREGUARD_CLIENT_TYPE;
-constexpr int ALL_SERVERS = ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE | ormel::OVPN_SERVER_TYPE |
-                            ormel::DROVIK_SERVER_TYPE | ormel::WIREGUARD_SERVER_TYPE;
+constexpr int ALL_CLIENTS = ormel::PPTP_CLIENT_TYPE | ormel::L2TP_CLIENT_TYPE |
+                            ormel::OVPN_CLIENT_TYPE | ormel::DROVIK_CLIENT_TYPE |
+                            ormel::WIREGUARD_CLIENT_TYPE;
+constexpr int ALL_SERVERS = ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE |
+                            ormel::OVPN_SERVER_TYPE | ormel::DROVIK_SERVER_TYPE |
+                            ormel::WIREGUARD_SERVER_TYPE;
 
 struct Profile {
   const Protocol* protocol = nullptr;

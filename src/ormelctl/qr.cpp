@@ -42,11 +42,14 @@ bool is_light(const QRcode& code, int row, int column) {
 
 std::string draw_qr(const std::string& text, bool colours, std::string& out) {
   if (!api()) return "QR codes need the package libqrencode4";
-  // The lowest level of correction makes the smallest code, which 80 columns hold; a screen has no stains.
-  const std::unique_ptr<QRcode, FreeCode> code{api()->encode(
-      static_cast<int>(text.size()), reinterpret_cast<const unsigned char*>(text.data()), 0, QR_ECLEVEL_L)};
+  // The lowest level of correction makes the smallest code, which 80 columns hold; a screen has no
+  // stains.
+  const std::unique_ptr<QRcode, FreeCode> code{
+      api()->encode(static_cast<int>(text.size()),
+                    reinterpret_cast<const unsigned char*>(text.data()), 0, QR_ECLEVEL_L)};
   if (!code) return "the text is too long for a QR code";
-  constexpr const char* BLOCKS[2][2] = {{" ", "▄"}, {"▀", "█"}};  // by upper and lower module, light or not
+  constexpr const char* BLOCKS[2][2] = {{" ", "▄"},
+                                        {"▀", "█"}};  // by upper and lower module, light or not
   for (int row = -MARGIN; row < code->width + MARGIN; row += 2) {
     if (colours) out += "\x1b[97;40m";
     for (int column = -MARGIN; column < code->width + MARGIN; ++column) {

@@ -41,7 +41,8 @@ ormel::Json record_of(const Protocol& protocol) {
 ormel::Json row_of(const Protocol& protocol, const json_t* record) {
   const bool on = json_is_true(json_object_get(record, "enable"));
   const bool wireguard = protocol.server == ormel::WIREGUARD_SERVER_TYPE;
-  ormel::Json row{json_pack("{s:s, s:b, s:s, s:i}", "protocol", protocol.name.c_str(), "on", on ? 1 : 0, "network",
+  ormel::Json row{json_pack("{s:s, s:b, s:s, s:i}", "protocol", protocol.name.c_str(), "on",
+                            on ? 1 : 0, "network",
                             text_of(record, wireguard ? "server_ip" : "ip_pool").c_str(), "port",
                             static_cast<int>(number_of(record, "port")))};
   add_state(row.get(), record);
@@ -58,7 +59,8 @@ void add_network(const Protocol& protocol, const json_t* record, Form& form) {
     return false;
   };
   if (!given("server_ip")) form.emplace_back("server_ip", text_of(record, "server_ip"));
-  if (!given("server_mask")) form.emplace_back("server_mask", std::to_string(number_of(record, "server_mask")));
+  if (!given("server_mask"))
+    form.emplace_back("server_mask", std::to_string(number_of(record, "server_mask")));
   const std::string name = text_of(record, "server_name");
   if (!given("server_name")) form.emplace_back("server_name", name.empty() ? protocol.name : name);
   if (given("server_pri_key")) return;
@@ -74,9 +76,11 @@ const char* variable_of(std::string_view option) {
   return nullptr;
 }
 
-Result change(const Protocol& protocol, Form form, bool on, const Arguments& arguments, const std::string& message) {
+Result change(const Protocol& protocol, Form form, bool on, const Arguments& arguments,
+              const std::string& message) {
   const ChangeLock lock;
-  if (!lock) return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  if (!lock)
+    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
   form.emplace_back("type", protocol.server_word);
   form.emplace_back("enable", on ? "true" : "false");
   if (on) add_network(protocol, record_of(protocol).get(), form);
@@ -90,9 +94,10 @@ Result change(const Protocol& protocol, Form form, bool on, const Arguments& arg
   std::ignore = comes_true(has_started, START_SECONDS);  // the row says it
   if (text_of(row.get(), "state") == "failed") {
     const json_t* reason = json_object_get(row.get(), "reason");
-    Result result =
-        failed(Exit::Failed, "the " + protocol.name + " server is on, but does not run: " + text_of(row.get(), "why"),
-               text_of(reason, "advice"));
+    Result result = failed(
+        Exit::Failed,
+        "the " + protocol.name + " server is on, but does not run: " + text_of(row.get(), "why"),
+        text_of(reason, "advice"));
     result.data = std::move(row);
     return result;
   }
@@ -101,8 +106,11 @@ Result change(const Protocol& protocol, Form form, bool on, const Arguments& arg
 
 }  // namespace
 
-const Columns SERVER_COLUMNS = {
-    {"protocol", "SERVER"}, {"state", "STATE"}, {"network", "NETWORK"}, {"port", "PORT"}, {"why", "WHY"}};
+const Columns SERVER_COLUMNS = {{"protocol", "SERVER"},
+                                {"state", "STATE"},
+                                {"network", "NETWORK"},
+                                {"port", "PORT"},
+                                {"why", "WHY"}};
 
 ormel::Json server_rows() {
   const ormel::Json all = records(ALL_SERVERS);
@@ -136,11 +144,13 @@ Result server_show(const Arguments& arguments) {
 Result server_on(const Arguments& arguments) {
   const Protocol* protocol = find_protocol(arguments.words[0]);
   if (!protocol) return unknown_protocol(arguments.words[0]);
-  if (protocol->server == ormel::WIREGUARD_SERVER_TYPE && text_of(record_of(*protocol).get(), "server_ip").empty()) {
+  if (protocol->server == ormel::WIREGUARD_SERVER_TYPE &&
+      text_of(record_of(*protocol).get(), "server_ip").empty()) {
     return failed(Exit::Usage, "the WireGuard server has no address yet",
                   "ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820");
   }
-  const bool needs_key = protocol->server == ormel::L2TP_SERVER_TYPE || protocol->server == ormel::DROVIK_SERVER_TYPE;
+  const bool needs_key =
+      protocol->server == ormel::L2TP_SERVER_TYPE || protocol->server == ormel::DROVIK_SERVER_TYPE;
   if (needs_key && text_of(record_of(*protocol).get(), "psk").empty()) {
     return failed(Exit::Usage, "the " + protocol->name + " server has no pre-shared key yet",
                   "ormelctl server set " + protocol->name + " --psk-file -");
@@ -164,8 +174,8 @@ Result server_set(const Arguments& arguments) {
     if (row.secret) {
       const auto secret = read_secret(value);
       if (!secret)
-        return failed(Exit::Failed,
-                      std::string("--") + row.name + ": " + value + " cannot be read, or is not one line");
+        return failed(Exit::Failed, std::string("--") + row.name + ": " + value +
+                                        " cannot be read, or is not one line");
       value = *secret;
     }
     if (row.truth && value != "yes" && value != "no")
@@ -178,9 +188,11 @@ Result server_set(const Arguments& arguments) {
     form.emplace_back("enable_dns", value == "none" ? "FALSE" : "TRUE");
     if (value != "none") form.emplace_back("manual_dns", value);
   }
-  if (form.empty()) return failed(Exit::Usage, "nothing to change", "ormelctl server set openvpn --port 1194");
+  if (form.empty())
+    return failed(Exit::Usage, "nothing to change", "ormelctl server set openvpn --port 1194");
   const bool on = json_is_true(json_object_get(record_of(*protocol).get(), "enable"));
-  return change(*protocol, std::move(form), on, arguments, "the " + protocol->name + " server has the new settings");
+  return change(*protocol, std::move(form), on, arguments,
+                "the " + protocol->name + " server has the new settings");
 }
 
 }  // namespace ormelctl

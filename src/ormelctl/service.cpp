@@ -83,7 +83,8 @@ void load_pool() {
 Reply call(std::string_view path, const Form& form) {
   if (path.find("/ormel/config/") == 0) load_pool();
   std::string query;
-  for (const auto& [name, value] : form) query += (query.empty() ? "" : "&") + encoded(name) + '=' + encoded(value);
+  for (const auto& [name, value] : form)
+    query += (query.empty() ? "" : "&") + encoded(name) + '=' + encoded(value);
   ormel::system::ErrorCapture errors;
   Reply reply;
   reply.text = ormel::cgi::call(path, query);
@@ -103,7 +104,8 @@ Reply call(std::string_view path, const Form& form) {
 }
 
 ormel::Json records(int mask) {
-  ormel::config::Management pool;  // not the global one: what other runs have changed since counts too
+  ormel::config::Management
+      pool;  // not the global one: what other runs have changed since counts too
   pool.load();
   ormel::Json rows{json_array()};
   for (const auto& holder : pool.config_pool) {
@@ -130,13 +132,15 @@ Reply act(const std::vector<std::string>& words) {
     reply.error = ormel::ERR_VALUE;
   } else {
     const ormel::ACTION action = (*record)->action;
-    const auto* const row = std::find_if(std::begin(ACTIONS), std::end(ACTIONS),
-                                         [&](const ActionRow& known) { return known.action == action; });
+    const auto* const row =
+        std::find_if(std::begin(ACTIONS), std::end(ACTIONS),
+                     [&](const ActionRow& known) { return known.action == action; });
     if (row != std::end(ACTIONS)) reply.error = row->run(std::move(record), &out);
   }
   const std::string detail = errors.take();
   if (reply.error != 0) {
-    reply.reason = detail.empty() ? ormel::get_error_message(static_cast<unsigned>(reply.error)) : detail;
+    reply.reason =
+        detail.empty() ? ormel::get_error_message(static_cast<unsigned>(reply.error)) : detail;
   }
   reply.root.reset(json_pack("{s:o}", "data", out.is_null() ? json_null() : parsed(out).release()));
   return reply;
@@ -145,15 +149,16 @@ Reply act(const std::vector<std::string>& words) {
 ChangeLock::ChangeLock() {
   mkdir(LOCK_FOLDER, S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH);
   Fd fd{open(LOCK, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR)};
-  if (fd && comes_true([&] { return flock(fd.get(), LOCK_EX | LOCK_NB) == 0; }, LOCK_SECONDS)) fd_ = std::move(fd);
+  if (fd && comes_true([&] { return flock(fd.get(), LOCK_EX | LOCK_NB) == 0; }, LOCK_SECONDS))
+    fd_ = std::move(fd);
 }
 
 const std::vector<Protocol>& protocols() {
   static const std::vector<Protocol> all = [] {
     std::vector<Protocol> rows;
     for (const ormel::TunnelFacts& facts : ormel::TUNNELS) {
-      rows.push_back({lower(facts.log_name), facts.server, facts.client, word_of(facts.server), word_of(facts.client),
-                      facts.script});
+      rows.push_back({lower(facts.log_name), facts.server, facts.client, word_of(facts.server),
+                      word_of(facts.client), facts.script});
     }
     return rows;
   }();
@@ -163,7 +168,8 @@ const std::vector<Protocol>& protocols() {
 const Protocol* find_protocol(std::string_view name) {
   const std::string wanted = lower(std::string(name));
   for (const Protocol& row : protocols()) {
-    if (wanted == row.name || wanted == lower(row.client_word) || wanted == lower(row.server_word)) return &row;
+    if (wanted == row.name || wanted == lower(row.client_word) || wanted == lower(row.server_word))
+      return &row;
   }
   return nullptr;
 }
@@ -203,7 +209,8 @@ std::string decoded(const std::string& text) {
 
 std::string text_of(const json_t* object, const char* key) {
   const json_t* value = json_object_get(object, key);
-  return json_is_string(value) ? std::string(json_string_value(value), json_string_length(value)) : std::string();
+  return json_is_string(value) ? std::string(json_string_value(value), json_string_length(value))
+                               : std::string();
 }
 
 long number_of(const json_t* object, const char* key) {
@@ -220,8 +227,8 @@ std::optional<std::string> read_secret(const std::string& path) {
     text.assign(std::istreambuf_iterator<char>(in), {});
     while (text.ends_with('\n') || text.ends_with('\r')) text.pop_back();
   }
-  const bool usable =
-      text.size() <= SECRET_LIMIT && text.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos;
+  const bool usable = text.size() <= SECRET_LIMIT &&
+                      text.find_first_of(std::string_view("\r\n\0", 3)) == std::string::npos;
   return usable ? std::optional(text) : std::nullopt;
 }
 
@@ -235,7 +242,9 @@ std::optional<std::string> ask_secret(const std::string& prompt) {
   std::string text;
   const std::string question = prompt + ": ";
   const bool asked = write(terminal.get(), question.data(), question.size()) > 0;
-  for (char c = 0; asked && read(terminal.get(), &c, 1) == 1 && c != '\n' && text.size() < SECRET_LIMIT;) text += c;
+  for (char c = 0;
+       asked && read(terminal.get(), &c, 1) == 1 && c != '\n' && text.size() < SECRET_LIMIT;)
+    text += c;
   tcsetattr(terminal.get(), TCSAFLUSH, &shown);
   std::ignore = write(terminal.get(), "\n", 1);  // the user's own line end was not shown
   return text;

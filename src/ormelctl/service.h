@@ -30,15 +30,16 @@ struct Reply {
 // Runs a route of the web program within this process, as an administrator.
 [[nodiscard]] Reply call(std::string_view path, const Form& form = {});
 
-// The records of vpn.conf as they are now, for the types in `mask`: each as /ormel/config/show returns it, with its
-// state, since when and the reason as "tunnel".
+// The records of vpn.conf as they are now, for the types in `mask`: each as /ormel/config/show
+// returns it, with its state, since when and the reason as "tunnel".
 [[nodiscard]] ormel::Json records(int mask);
 
-// Runs an action of the command line on the locked pool. `words` are its options without the program's name. The
-// profile that it shows is in the reply's data.
+// Runs an action of the command line on the locked pool. `words` are its options without the
+// program's name. The profile that it shows is in the reply's data.
 [[nodiscard]] Reply act(const std::vector<std::string>& words);
 
-// Holds back all other changes by this tool. False when another run has held the lock for ten seconds.
+// Holds back all other changes by this tool. False when another run has held the lock for ten
+// seconds.
 class ChangeLock {
  public:
   ChangeLock();
@@ -67,8 +68,8 @@ struct Protocol {
 [[nodiscard]] std::string text_of(const json_t* object, const char* key);
 [[nodiscard]] long number_of(const json_t* object, const char* key);
 
-// A secret from a file, or from standard input for "-", without its line end. Nothing when it cannot be read, or holds
-// a line break or a NUL.
+// A secret from a file, or from standard input for "-", without its line end. Nothing when it
+// cannot be read, or holds a line break or a NUL.
 [[nodiscard]] std::optional<std::string> read_secret(const std::string& path);
 // Asks on the terminal without an echo. Nothing without a terminal.
 [[nodiscard]] std::optional<std::string> ask_secret(const std::string& prompt);

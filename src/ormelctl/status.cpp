@@ -30,8 +30,10 @@ ormel::Json daemon_rows() {
   for (const Daemon& daemon : DAEMONS) {
     const bool up = ormel::system::serves(daemon.service, BUS_SECONDS);
     json_array_append_new(
-        rows.get(), json_pack("{s:s, s:s, s:s}", "daemon", daemon.name, "state", up ? "running" : "failed", "reason",
-                              up ? "" : (std::string("does not answer; without it: ") + daemon.without).c_str()));
+        rows.get(),
+        json_pack(
+            "{s:s, s:s, s:s}", "daemon", daemon.name, "state", up ? "running" : "failed", "reason",
+            up ? "" : (std::string("does not answer; without it: ") + daemon.without).c_str()));
   }
   return rows;
 }
@@ -49,13 +51,15 @@ Result one_state(const Arguments& arguments) {
   Profile profile;
   if (find_profile(arguments.words[0], profile, result)) {
     result = done("", describe_profile(profile.record.get()));
-  } else if (const Protocol* protocol = find_protocol(arguments.words[0]); result.exit == Exit::NotFound) {
+  } else if (const Protocol* protocol = find_protocol(arguments.words[0]);
+             result.exit == Exit::NotFound) {
     if (!protocol) return no_profile_or_server(arguments.words[0]);
     const ormel::Json rows = server_rows();
     size_t at = 0;
     json_t* row = nullptr;
     json_array_foreach(rows.get(), at, row) {
-      if (text_of(row, "protocol") == protocol->name) result = done("", ormel::Json{json_incref(row)});
+      if (text_of(row, "protocol") == protocol->name)
+        result = done("", ormel::Json{json_incref(row)});
     }
   }
   const std::string state = text_of(result.data.get(), "state");
@@ -71,7 +75,8 @@ Result one_state(const Arguments& arguments) {
 Result status(const Arguments& arguments) {
   if (!arguments.words.empty()) return one_state(arguments);
   if (arguments.has("check"))
-    return failed(Exit::Usage, "--check needs a profile or a server", "ormelctl status office --check up");
+    return failed(Exit::Usage, "--check needs a profile or a server",
+                  "ormelctl status office --check up");
   ormel::Json servers = server_rows();
   ormel::Json profiles = std::move(profile_list({}).data);
   ormel::Json gateway = std::move(gateway_show({}).data);
@@ -80,9 +85,12 @@ Result status(const Arguments& arguments) {
   std::string text;
   add_part(text, "Servers", servers.get(), SERVER_COLUMNS);
   add_part(text, "Client profiles", profiles.get(), PROFILE_COLUMNS);
-  add_part(text, "Daemons", daemons.get(), {{"daemon", "DAEMON"}, {"state", "STATE"}, {"reason", "WHY"}});
-  text += "\nConnected: " + (sessions ? std::to_string(json_array_size(sessions.get())) : std::string("unknown"));
-  text += "   Default gateway: " + (gateway ? text_of(gateway.get(), "in_use") : std::string("unknown")) + '\n';
+  add_part(text, "Daemons", daemons.get(),
+           {{"daemon", "DAEMON"}, {"state", "STATE"}, {"reason", "WHY"}});
+  text += "\nConnected: " +
+          (sessions ? std::to_string(json_array_size(sessions.get())) : std::string("unknown"));
+  text += "   Default gateway: " +
+          (gateway ? text_of(gateway.get(), "in_use") : std::string("unknown")) + '\n';
   ormel::Json data{json_object()};
   json_object_set(data.get(), "servers", servers.get());
   json_object_set_new(data.get(), "profiles", profiles ? profiles.release() : json_null());

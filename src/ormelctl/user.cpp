@@ -10,8 +10,8 @@ namespace ormelctl {
 namespace {
 
 constexpr const char* MOST_ROWS = "100000";
-constexpr int RIGHTS =
-    ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE | ormel::OVPN_SERVER_TYPE | ormel::DROVIK_SERVER_TYPE;
+constexpr int RIGHTS = ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE | ormel::OVPN_SERVER_TYPE |
+                       ormel::DROVIK_SERVER_TYPE;
 const Columns USER_COLUMNS = {{"user", "USER"}, {"rights_text", "RIGHTS"}, {"blocked", "BLOCKED"}};
 
 std::string rights_text(int mask) {
@@ -31,13 +31,15 @@ bool contains(const json_t* array, const std::string& name) {
   return false;
 }
 
-// The bits of the protocols named from the second operand on; -1, with the failure in `problem`, for a wrong one.
+// The bits of the protocols named from the second operand on; -1, with the failure in `problem`,
+// for a wrong one.
 int rights_of(const Arguments& arguments, Result& problem) {
   int mask = 0;
   for (size_t i = 1; i < arguments.words.size(); ++i) {
     const Protocol* protocol = find_protocol(arguments.words[i]);
     if (!protocol || (protocol->server & RIGHTS) == 0) {
-      problem = failed(Exit::Usage, arguments.words[i] + " has no rights of users", "one of " + rights_text(RIGHTS));
+      problem = failed(Exit::Usage, arguments.words[i] + " has no rights of users",
+                       "one of " + rights_text(RIGHTS));
       return -1;
     }
     mask |= protocol->server;
@@ -51,13 +53,15 @@ int stored_rights(const std::string& user) {
 }
 
 ormel::Json user_row(const std::string& user, int mask, bool blocked) {
-  return ormel::Json{json_pack("{s:s, s:i, s:s, s:b}", "user", user.c_str(), "rights", mask, "rights_text",
-                               rights_text(mask).c_str(), "blocked", blocked ? 1 : 0)};
+  return ormel::Json{json_pack("{s:s, s:i, s:s, s:b}", "user", user.c_str(), "rights", mask,
+                               "rights_text", rights_text(mask).c_str(), "blocked",
+                               blocked ? 1 : 0)};
 }
 
 Result set_rights(const std::string& user, int mask, const std::string& message) {
-  const Reply reply = mask == 0 ? call("/ormel/privilege/unset", {{"user", user}})
-                                : call("/ormel/privilege/set", {{"user", user + '|' + std::to_string(mask)}});
+  const Reply reply =
+      mask == 0 ? call("/ormel/privilege/unset", {{"user", user}})
+                : call("/ormel/privilege/set", {{"user", user + '|' + std::to_string(mask)}});
   if (reply.error != 0) return failed(reply.error, reply.reason);
   if (stored_rights(user) != mask)
     return failed(Exit::Failed, "the rights could not be stored", "is /etc/config writable?");
@@ -90,9 +94,10 @@ Result user_list(const Arguments& arguments) {
   const json_t* blocked = json_object_get(blocks.data(), "user");
   ormel::Json rows{json_array()};
   for (const std::string& user : names) {
-    json_array_append_new(
-        rows.get(),
-        user_row(user, static_cast<int>(number_of(rights.data(), user.c_str())), contains(blocked, user)).release());
+    json_array_append_new(rows.get(),
+                          user_row(user, static_cast<int>(number_of(rights.data(), user.c_str())),
+                                   contains(blocked, user))
+                              .release());
   }
   return done("", std::move(rows), USER_COLUMNS);
 }
@@ -101,8 +106,9 @@ Result user_grant(const Arguments& arguments) {
   const std::string& user = arguments.words[0];
   if (!getpwnam(user.c_str())) {
     const Reply all = call("/ormel/user/query", {{"upper", MOST_ROWS}});
-    return failed(Exit::NotFound, "no user is named " + user,
-                  did_you_mean(user, names_in(all.data(), nullptr), "adduser " + user + " makes one"));
+    return failed(
+        Exit::NotFound, "no user is named " + user,
+        did_you_mean(user, names_in(all.data(), nullptr), "adduser " + user + " makes one"));
   }
   Result problem;
   const int mask = rights_of(arguments, problem);
@@ -127,10 +133,13 @@ Result user_revoke(const Arguments& arguments) {
     const char* name = nullptr;
     json_t* value = nullptr;
     json_object_foreach(rights.data(), name, value) known.emplace_back(name);
-    return failed(Exit::NotFound, user + " has no rights", did_you_mean(user, known, "ormelctl user list"));
+    return failed(Exit::NotFound, user + " has no rights",
+                  did_you_mean(user, known, "ormelctl user list"));
   }
   const int left = mask == 0 ? 0 : before & ~mask;
-  return set_rights(user, left, user + (left == 0 ? " has no rights now" : " may still use " + rights_text(left)));
+  return set_rights(
+      user, left,
+      user + (left == 0 ? " has no rights now" : " may still use " + rights_text(left)));
 }
 
 Result user_unlock(const Arguments& arguments) {
@@ -139,7 +148,8 @@ Result user_unlock(const Arguments& arguments) {
   if (blocks.error != 0) return failed(blocks.error, blocks.reason);
   if (!contains(json_object_get(blocks.data(), "user"), user)) {
     return failed(Exit::NotFound, user + " is not blocked",
-                  did_you_mean(user, names_in(json_object_get(blocks.data(), "user"), nullptr), "ormelctl user list"));
+                  did_you_mean(user, names_in(json_object_get(blocks.data(), "user"), nullptr),
+                               "ormelctl user list"));
   }
   const Reply reply = call("/ormel/privilege/remove_block_user", {{"user", user}});
   return reply.error != 0 ? failed(reply.error, reply.reason) : done(user + " may log in again");
@@ -153,14 +163,16 @@ Result user_policy(const Arguments& arguments) {
     return done("", std::move(data));
   }
   if (geteuid() != 0)
-    return failed(Exit::NotRoot, "only root may change the policy", "sudo ormelctl user policy --limit 5");
-  const std::string enable =
-      arguments.value("enable", json_is_true(json_object_get(stored.data(), "enable")) ? "yes" : "no");
-  const Form form{{"enable", enable == "yes"  ? "true"
-                             : enable == "no" ? "false"
-                                              : enable},
-                  {"limit", arguments.value("limit", std::to_string(number_of(stored.data(), "limit")))},
-                  {"time", arguments.value("time", std::to_string(number_of(stored.data(), "time")))}};
+    return failed(Exit::NotRoot, "only root may change the policy",
+                  "sudo ormelctl user policy --limit 5");
+  const std::string enable = arguments.value(
+      "enable", json_is_true(json_object_get(stored.data(), "enable")) ? "yes" : "no");
+  const Form form{
+      {"enable", enable == "yes"  ? "true"
+                 : enable == "no" ? "false"
+                                  : enable},
+      {"limit", arguments.value("limit", std::to_string(number_of(stored.data(), "limit")))},
+      {"time", arguments.value("time", std::to_string(number_of(stored.data(), "time")))}};
   const Reply reply = call("/ormel/privilege/block", form);
   if (reply.error == ormel::ERR_VALUE) {
     return failed(Exit::Usage, reply.reason + " has a wrong value",

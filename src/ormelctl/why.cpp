@@ -43,7 +43,8 @@ Result why_one(const std::string& wanted) {
   size_t at = 0;
   json_t* row = nullptr;
   json_array_foreach(rows.get(), at, row) {
-    if (text_of(row, "protocol") == protocol->name) return done(explained(row), ormel::Json{json_incref(row)});
+    if (text_of(row, "protocol") == protocol->name)
+      return done(explained(row), ormel::Json{json_incref(row)});
   }
   return result;
 }

@@ -1,5 +1,5 @@
-// The traffic of 1,000 clients of the Drovik server: one question of the program, answered by a service that builds its
-// reply as the server does. The reply alone is measured beside it.
+// The traffic of 1,000 clients of the Drovik server: one question of the program, answered by a
+// service that builds its reply as the server does. The reply alone is measured beside it.
 #include <csignal>
 #include <cstdio>
 #include <sys/prctl.h>

@@ -1,4 +1,5 @@
-// A CGI program that prints a fixed text: what the web server and the start of a process cost without any work.
+// A CGI program that prints a fixed text: what the web server and the start of a process cost
+// without any work.
 #include <cstdio>
 
 int main() {

@@ -1,5 +1,6 @@
-// The fixed text once more, from a program that links what ours cannot do without and runs getcfg, as every request
-// must to learn where the log goes: what no program in this place can be quicker than.
+// The fixed text once more, from a program that links what ours cannot do without and runs getcfg,
+// as every request must to learn where the log goes: what no program in this place can be quicker
+// than.
 #include <array>
 #include <cstdio>
 #include <spawn.h>
@@ -12,11 +13,12 @@ int main() {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-  const char* const words[] = {"/sbin/getcfg", "ORMEL", "Install_Path", "-f", "/etc/config/pakrix.conf",
-                               "-d",           "",      nullptr};
+  const char* const words[] = {
+      "/sbin/getcfg", "ORMEL", "Install_Path", "-f", "/etc/config/pakrix.conf", "-d", "", nullptr};
   pid_t child = -1;
   // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): posix_spawn changes none of them
-  const int failed = posix_spawn(&child, words[0], &actions, nullptr, const_cast<char* const*>(words), environ);
+  const int failed =
+      posix_spawn(&child, words[0], &actions, nullptr, const_cast<char* const*>(words), environ);
   posix_spawn_file_actions_destroy(&actions);
   close(ends[1]);
   std::array<char, 64> answer{};

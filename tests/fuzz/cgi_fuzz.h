@@ -1,5 +1,5 @@
-// What the fuzz targets of the request parser share: the lines that head an input, the pieces that a text is cut
-// into, and a printed form of the variables to compare.
+// What the fuzz targets of the request parser share: the lines that head an input, the pieces that
+// a text is cut into, and a printed form of the variables to compare.
 #pragma once
 
 #include <cstdint>
@@ -35,14 +35,16 @@ inline std::string_view take_line(std::string_view& rest) {
   return line;
 }
 
-// The first line of every input: its first byte chooses the mode, each further one is the length of a piece.
+// The first line of every input: its first byte chooses the mode, each further one is the length of
+// a piece.
 struct Recipe {
   explicit Recipe(std::string_view line)
       : mode(static_cast<cgi_var_mode>(line.empty() ? 1 : static_cast<unsigned char>(line[0]) % 3)),
         pieces(line.empty() ? line : line.substr(1)) {}
 
   [[nodiscard]] size_t piece(size_t number) const {
-    return pieces.empty() ? SIZE_MAX : static_cast<unsigned char>(pieces[number % pieces.size()]) % 48U + 1;
+    return pieces.empty() ? SIZE_MAX
+                          : static_cast<unsigned char>(pieces[number % pieces.size()]) % 48U + 1;
   }
 
   cgi_var_mode mode;
@@ -51,7 +53,8 @@ struct Recipe {
 
 using Execute = std::function<size_t(const char* bytes, size_t length)>;
 
-// Runs `text` in pieces, each in memory of its own, so that a look beyond a piece is seen. The bytes used.
+// Runs `text` in pieces, each in memory of its own, so that a look beyond a piece is seen. The
+// bytes used.
 inline size_t run_pieces(std::string_view text, const Recipe& recipe, const Execute& execute) {
   size_t used = 0;
   for (size_t number = 0; used < text.size(); ++number) {
@@ -70,7 +73,8 @@ inline std::string describe_record(cgi_var* var) {
   const char* filename = get_cgi_var_filename(var);
   std::string text = std::string(get_cgi_var_name(var)) + "=";
   if (filename) {
-    text += (std::filesystem::exists(value) ? support::read(value) : "(no file)") + " file " + filename;
+    text +=
+        (std::filesystem::exists(value) ? support::read(value) : "(no file)") + " file " + filename;
   } else {
     text += value ? std::string(value) : "(null)";
     text += " of " + std::to_string(var->length);
@@ -78,7 +82,8 @@ inline std::string describe_record(cgi_var* var) {
   return text + " status " + std::to_string(get_cgi_var_status(var)) + "\n";
 }
 
-// Every variable with its repeats, one a line; the path of an upload is replaced by what its file holds.
+// Every variable with its repeats, one a line; the path of an upload is replaced by what its file
+// holds.
 inline std::string describe(cgi_var* head) {
   std::string text;
   for (cgi_var* var = get_cgi_var(head, nullptr); var; var = get_cgi_var(var, nullptr)) {
@@ -100,7 +105,8 @@ class UploadFolder {
   UploadFolder& operator=(const UploadFolder&) = delete;
   ~UploadFolder() { std::filesystem::remove_all(folder_); }
 
-  [[nodiscard]] cgi_settings settings(cgi_var_mode mode, off_t upload_limit, size_t buffer_size = 2048) const {
+  [[nodiscard]] cgi_settings settings(cgi_var_mode mode, off_t upload_limit,
+                                      size_t buffer_size = 2048) const {
     return {0, mode, tempname_.c_str(), upload_limit, buffer_size};
   }
   [[nodiscard]] bool empty() const { return std::filesystem::is_empty(folder_); }

@@ -1,5 +1,5 @@
-// A whole request by its environment and descriptor, with small reads against one large read. Input: the recipe line,
-// the content type, the query string, then the body.
+// A whole request by its environment and descriptor, with small reads against one large read.
+// Input: the recipe line, the content type, the query string, then the body.
 #include <sys/mman.h>
 
 #include "fuzz/cgi_fuzz.h"
@@ -16,7 +16,9 @@ void set_environment(const char* name, std::string_view value) {
 
 std::string perform(cgi_settings settings, std::string_view body) {
   settings.fstream = memfd_create("body", MFD_CLOEXEC);
-  fuzz::require(write(settings.fstream, body.data(), body.size()) == static_cast<ssize_t>(body.size()), "body written");
+  fuzz::require(
+      write(settings.fstream, body.data(), body.size()) == static_cast<ssize_t>(body.size()),
+      "body written");
   lseek(settings.fstream, 0, SEEK_SET);
   const CgiRequest request(settings);
   close(settings.fstream);

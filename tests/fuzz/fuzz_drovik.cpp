@@ -22,17 +22,18 @@ void check_login(std::string_view message) {
   require(login.user.size() <= LOGIN_TEXT_MAX && login.user.find('\n') == std::string::npos,
           "a user is one short line");
   require(is_identifier(login.identifier), "an identifier has its form");
-  require(decode(encode(login), again) && again.user == login.user && again.password == login.password,
-          "a login that was read can be written and read again");
+  require(
+      decode(encode(login), again) && again.user == login.user && again.password == login.password,
+      "a login that was read can be written and read again");
 }
 
 void check_welcome(std::string_view message) {
   Welcome welcome, again;
   if (!decode(message, welcome)) return;
   require(welcome.mtu >= LOWEST_MTU && welcome.mtu <= TUNNEL_MTU, "the interface takes the MTU");
-  require(
-      decode(encode(welcome), again) && again.address == welcome.address && again.name_servers == welcome.name_servers,
-      "a welcome that was read can be written and read again");
+  require(decode(encode(welcome), again) && again.address == welcome.address &&
+              again.name_servers == welcome.name_servers,
+          "a welcome that was read can be written and read again");
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// A web server's request as the gate reads it. Input: the recipe line, then the bytes of the connection.
+// A web server's request as the gate reads it. Input: the recipe line, then the bytes of the
+// connection.
 #include "fuzz/cgi_fuzz.h"
 #include "gate/fastcgi.h"
 #include "gate/rules.h"
@@ -7,7 +8,8 @@ namespace {
 
 using fenro::gate::Request;
 
-constexpr std::string_view NAMES[] = {"SCRIPT_URL", "CONTENT_LENGTH", "REMOTE_ADDR", "QUERY_STRING"};
+constexpr std::string_view NAMES[] = {"SCRIPT_URL", "CONTENT_LENGTH", "REMOTE_ADDR",
+                                      "QUERY_STRING"};
 
 // Whatever a request is, the gate's questions about it have answers.
 std::string describe(const Request& request) {
@@ -38,7 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   Request request = read(bytes, recipe);
   const std::string seen = describe(request);
-  fuzz::require(seen == describe(read(bytes, fuzz::Recipe({}))), "a request in pieces is what it is whole");
+  fuzz::require(seen == describe(read(bytes, fuzz::Recipe({}))),
+                "a request in pieces is what it is whole");
   fuzz::require(request.body().size() == request.body_size(), "the body is as long as it says");
   fuzz::require(!request.refusal("400 Bad Request", "x", 1).empty(), "a refusal is an answer");
   if (request.state() != Request::State::Whole) return 0;
@@ -46,6 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string body = request.body();
   Request again;
   again.feed(request.release());
-  fuzz::require(again.state() == Request::State::Whole && again.body() == body, "what is forwarded is read again");
+  fuzz::require(again.state() == Request::State::Whole && again.body() == body,
+                "what is forwarded is read again");
   return 0;
 }

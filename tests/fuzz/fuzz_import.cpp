@@ -1,5 +1,6 @@
-// The import of a foreign profile from end to end: the file is read, judged, made ours, stored, and read back by the
-// next run. Input: the file. All of it happens in a file tree in memory that only this process sees.
+// The import of a foreign profile from end to end: the file is read, judged, made ours, stored, and
+// read back by the next run. Input: the file. All of it happens in a file tree in memory that only
+// this process sees.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -29,10 +30,12 @@ void require(bool holds, const char* what) {
   std::abort();
 }
 
-// Without a tree of our own the host's would be written to, so nothing is tried then. What a refusal says goes nowhere.
+// Without a tree of our own the host's would be written to, so nothing is tried then. What a
+// refusal says goes nowhere.
 bool private_tree() {
   const int flags = geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER;
-  if (unshare(flags) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
+  if (unshare(flags) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    return false;
   for (const char* place : {"/etc", "/tmp", "/var"})
     if (mount("none", place, "tmpfs", 0, "size=64m") != 0) return false;
   return fs::create_directories(FOLDER);
@@ -47,7 +50,8 @@ void clear() {
 // How many lines begin so.
 size_t count(const std::string& lines, const std::string& start_of_line) {
   size_t found = 0;
-  for (size_t at = 0; (at = lines.find('\n' + start_of_line, at)) != std::string::npos; ++at) ++found;
+  for (size_t at = 0; (at = lines.find('\n' + start_of_line, at)) != std::string::npos; ++at)
+    ++found;
   return found;
 }
 
@@ -55,8 +59,9 @@ void check_stored(const ormel::ovpn::ClientConfig& record) {
   require(support::mode_of(STORED) == 0600, "what is stored is private");
   const std::string text = '\n' + read(STORED);
   const std::string lines = text.substr(0, text.find("\n<"));
-  for (const char* forced : {"up /etc/openvpn/openvpn_up\n", "down /etc/openvpn/openvpn_down\n", "dev tun2001\n",
-                             "log /dev/null\n", "management /tmp/openvpn.client1.sock unix\n", "script-security 3\n"})
+  for (const char* forced :
+       {"up /etc/openvpn/openvpn_up\n", "down /etc/openvpn/openvpn_down\n", "dev tun2001\n",
+        "log /dev/null\n", "management /tmp/openvpn.client1.sock unix\n", "script-security 3\n"})
     require(count(lines + '\n', forced) == 1, forced);
   for (const char* gone : {"remote ", "proto ", "user ", "group ", "redirect-gateway"})
     require(count(lines, gone) == 0, gone);

@@ -1,5 +1,6 @@
-// Lines of an OpenVPN profile: taken apart by our reader and by the daemon's published rules, stated here once more in
-// the daemon's own manner. Input: lines, each of which must come out alike, words and refusals.
+// Lines of an OpenVPN profile: taken apart by our reader and by the daemon's published rules,
+// stated here once more in the daemon's own manner. Input: lines, each of which must come out
+// alike, words and refusals.
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
@@ -32,7 +33,8 @@ bool take_word(const std::string& line, size_t& at, std::string& word) {
     } else if (byte == '\\') {
       byte = line[++at];
       if (byte == '\0') return false;
-      if (byte != '\\' && byte != '"' && !std::isspace(static_cast<unsigned char>(byte))) return false;
+      if (byte != '\\' && byte != '"' && !std::isspace(static_cast<unsigned char>(byte)))
+        return false;
     } else if (quote) {
       if (byte == '"') return ++at, true;
       if (byte == '\0') return false;
@@ -48,7 +50,8 @@ bool daemon_splits(const std::string& line, std::vector<std::string>& words) {
   for (size_t at = 0; words.size() < MOST_WORDS;) {
     while (line[at] != '\0' && std::isspace(static_cast<unsigned char>(line[at]))) ++at;
     if (line[at] == '\0' || line[at] == ';' || line[at] == '#') return true;
-    // A backslash between words goes for nothing before a blank, and does not keep a comment from being one.
+    // A backslash between words goes for nothing before a blank, and does not keep a comment from
+    // being one.
     if (line[at] == '\\' && line[at + 1] != '\0') {
       const char next = line[at + 1];
       if (next == ';' || next == '#') return true;

@@ -1,4 +1,5 @@
-// A foreign profile through the rewriting: read, made ours, written, read back. Input: the text of the profile.
+// A foreign profile through the rewriting: read, made ours, written, read back. Input: the text of
+// the profile.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -56,10 +57,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   const std::string first = rewrite(text);
 
-  const std::string lines = "\n" + first.substr(0, first.find("\n<"));  // the blocks stand behind them
+  const std::string lines =
+      "\n" + first.substr(0, first.find("\n<"));  // the blocks stand behind them
   require(has(lines, "up /etc/openvpn/openvpn_up"), "the daemon runs our script");
   require(has(lines, "dev tun2001"), "the daemon has our interface");
-  require(!has(lines, "user ") && !has(lines, " "), "the daemon's user is not the profile's to choose");
+  require(!has(lines, "user ") && !has(lines, " "),
+          "the daemon's user is not the profile's to choose");
   if (!readable(text)) return 0;
   // What one name with and without dashes has twice is once the next time.
   const std::string second = rewrite(first);

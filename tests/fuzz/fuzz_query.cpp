@@ -23,7 +23,8 @@ std::string parse(std::string_view text, const fuzz::Recipe& recipe, cgi_var_mod
 void check_decoding(std::string text) {
   const size_t length = std::char_traits<char>::length(text.c_str());
   cgi_url_decode(text.data());
-  fuzz::require(std::char_traits<char>::length(text.c_str()) <= length, "decoding never lengthens a text");
+  fuzz::require(std::char_traits<char>::length(text.c_str()) <= length,
+                "decoding never lengthens a text");
 }
 
 }  // namespace

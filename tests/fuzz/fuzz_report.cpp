@@ -15,7 +15,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   record.file = "/tmp/fuzz-report-" + std::to_string(getpid());
   support::write(record.file, source);
 
-  const ormel::report::Report report = report_profile(record, ormel::test::tools_without({"route"}));
+  const ormel::report::Report report =
+      report_profile(record, ormel::test::tools_without({"route"}));
 
   unlink(record.file.c_str());
   const std::string broken = ormel::test::broken_rule(report, source);

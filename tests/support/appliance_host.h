@@ -1,5 +1,6 @@
-// What the system tests do to the private appliance they run in: programs run and caught, files read and written,
-// platform parts replaced by ones that record, and a bus service with scripted answers.
+// What the system tests do to the private appliance they run in: programs run and caught, files
+// read and written, platform parts replaced by ones that record, and a bus service with scripted
+// answers.
 #pragma once
 
 #include <array>
@@ -40,7 +41,8 @@ using testing::UnorderedElementsAre;
 
 inline constexpr const char* VPN_CONF = "/etc/config/vpn.conf";
 inline constexpr const char* LOG = "/var/log/network/ORMEL.log";
-inline constexpr const char* CALLS = "/var/log/network/calls";  // what the recording stand-ins write
+inline constexpr const char* CALLS =
+    "/var/log/network/calls";  // what the recording stand-ins write
 
 using support::comes_true;
 using support::mode_of;
@@ -57,9 +59,10 @@ struct Result {
   std::string err;
 };
 
-// Runs a program with an empty environment but for `environment`, from the root folder, without input.
-inline Result run(const std::vector<std::string>& words, const std::vector<std::string>& environment = {},
-                  const std::string& input = {}) {
+// Runs a program with an empty environment but for `environment`, from the root folder, without
+// input.
+inline Result run(const std::vector<std::string>& words,
+                  const std::vector<std::string>& environment = {}, const std::string& input = {}) {
   write("/tmp/run.in", input);
   const pid_t child = fork();
   if (child == 0) {
@@ -71,13 +74,15 @@ inline Result run(const std::vector<std::string>& words, const std::vector<std::
     const int in = open("/tmp/run.in", O_RDONLY);
     const int out = open("/tmp/run.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const int err = open("/tmp/run.err", O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const bool ready = chdir("/") == 0 && dup2(in, 0) == 0 && dup2(out, 1) == 1 && dup2(err, 2) == 2;
+    const bool ready =
+        chdir("/") == 0 && dup2(in, 0) == 0 && dup2(out, 1) == 1 && dup2(err, 2) == 2;
     if (ready) execve(argv[0], argv.data(), env.data());
     _exit(127);
   }
   int status = 0;
   waitpid(child, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"), read("/tmp/run.err")};
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"),
+          read("/tmp/run.err")};
 }
 
 inline Result cli(std::vector<std::string> options) {
@@ -105,13 +110,13 @@ inline std::string bus(const char* service, const char* method, const std::strin
   return reply;
 }
 
-// Puts a program in the place of an init script or tool that writes its own name and arguments, separated by "|", as
-// one line of CALLS and ends with `status`.
+// Puts a program in the place of an init script or tool that writes its own name and arguments,
+// separated by "|", as one line of CALLS and ends with `status`.
 inline void record_calls(const fs::path& program, int status = 0) {
   write(program,
         "#!/bin/sh\numask 077\nline=" + program.filename().string() +
-            "\nfor word do line=\"$line|$word\"; done\nprintf '%s\\n' \"$line\" >>" + CALLS + "\nexit " +
-            std::to_string(status) + "\n",
+            "\nfor word do line=\"$line|$word\"; done\nprintf '%s\\n' \"$line\" >>" + CALLS +
+            "\nexit " + std::to_string(status) + "\n",
         0755);
 }
 
@@ -129,12 +134,14 @@ inline bool recorded_soon(const std::string& program, size_t count) {
   return comes_true([&] { return recorded(program).size() >= count; });
 }
 
-// A bus service with scripted answers, in a process of its own, in place of the daemon of that name.
+// A bus service with scripted answers, in a process of its own, in place of the daemon of that
+// name.
 class ScriptedService {
  public:
   using Answer = std::function<fenro::bus::Reply(std::string_view request)>;
 
-  ScriptedService(const char* service, const char* daemon, const std::vector<std::string>& methods, Answer answer) {
+  ScriptedService(const char* service, const char* daemon, const std::vector<std::string>& methods,
+                  Answer answer) {
     run({"/usr/bin/pkill", "-KILL", "-f", daemon});
     std::array<int, 2> ends{};
     EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
@@ -174,11 +181,13 @@ class ScriptedService {
   pid_t child_;
 };
 
-// A test that starts from an appliance without profiles, with all scripts and notifications recorded.
+// A test that starts from an appliance without profiles, with all scripts and notifications
+// recorded.
 class ProfileHost : public testing::Test {
  protected:
   void SetUp() override {
-    for (const char* file : {VPN_CONF, LOG, CALLS, "/etc/config/vpn_options.conf"}) fs::remove(file);
+    for (const char* file : {VPN_CONF, LOG, CALLS, "/etc/config/vpn_options.conf"})
+      fs::remove(file);
     for (const auto& script : fs::directory_iterator("/etc/init.d")) {
       if (script.path().filename().string().starts_with("vpn_")) record_calls(script.path());
     }

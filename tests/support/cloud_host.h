@@ -1,5 +1,5 @@
-// An appliance that can become a member: the demonstration cloud at the far end of its cable, and daemon, scripts and
-// tools as they are installed.
+// An appliance that can become a member: the demonstration cloud at the far end of its cable, and
+// daemon, scripts and tools as they are installed.
 #pragma once
 
 #include <signal.h>
@@ -41,10 +41,12 @@ class Child {
 
 // What becomes of one of the cloud's operations from now on; an empty fault heals all.
 inline void fault(const std::string& operation, const std::string& what) {
-  write(fs::path(CLOUD) / "faults.json", operation.empty() ? "{}" : "{\"" + operation + "\": " + what + '}');
+  write(fs::path(CLOUD) / "faults.json",
+        operation.empty() ? "{}" : "{\"" + operation + "\": " + what + '}');
 }
 
-inline void set_value(const char* file, const std::string& section, const std::string& key, const std::string& value) {
+inline void set_value(const char* file, const std::string& section, const std::string& key,
+                      const std::string& value) {
   run({"/sbin/setcfg", section, key, value, "-f", file});
 }
 
@@ -75,7 +77,8 @@ class CloudHost : public WebHost {
                              "/run/cloud/faults.json", MEMBER_STATE}) {
       fs::remove_all(file);
     }
-    for (const char* folder : {"/opt/ormel/etc/cloudagent", "/opt/ormel/etc/system"}) fs::create_directories(folder);
+    for (const char* folder : {"/opt/ormel/etc/cloudagent", "/opt/ormel/etc/system"})
+      fs::create_directories(folder);
     write("/etc/platform.conf", "Platform = X86_KVM\n");
     write("/etc/config/TZ", "CET-1\nCEST\n");
     start_cloud("server");
@@ -86,8 +89,8 @@ class CloudHost : public WebHost {
     stop_cloud();
     cloud_ = std::make_unique<Child>([&] {
       const std::string base = std::string(CLOUD) + '/' + certificate;
-      execl("/usr/bin/nsenter", "nsenter", "--net=/run/netns/lan", "/run/cloud/fenro-cloud", CLOUD, CLOUD_ADDRESS,
-            "443", (base + ".pem").c_str(), (base + ".key").c_str(), nullptr);
+      execl("/usr/bin/nsenter", "nsenter", "--net=/run/netns/lan", "/run/cloud/fenro-cloud", CLOUD,
+            CLOUD_ADDRESS, "443", (base + ".pem").c_str(), (base + ".key").c_str(), nullptr);
       return 127;
     });
     ASSERT_TRUE(comes_true(cloud_listens));
@@ -104,7 +107,9 @@ class CloudHost : public WebHost {
   // What the login page sends a browser back with.
   static std::string login_result() {
     static const std::string result =
-        run({"/usr/bin/curl", "-sS", "https://auth-connector.production.global." ORMEL_CLOUD_DOMAIN "/v1/login"}).out;
+        run({"/usr/bin/curl", "-sS",
+             "https://auth-connector.production.global." ORMEL_CLOUD_DOMAIN "/v1/login"})
+            .out;
     return result;
   }
   WebReply login(const std::string& result = login_result()) const {
@@ -115,12 +120,14 @@ class CloudHost : public WebHost {
   }
   // Whether the daemon has been answered by the cloud as a member.
   static bool is_connected() {
-    return comes_true([] { return bus("pelmar_expressd", "GetCloudStatus") == R"({"error":0,"data":1})"; });
+    return comes_true(
+        [] { return bus("pelmar_expressd", "GetCloudStatus") == R"({"error":0,"data":1})"; });
   }
 
  private:
   static bool cloud_listens() {
-    return run({"/bin/bash", "-c", std::string("exec 3<>/dev/tcp/") + CLOUD_ADDRESS + "/443"}).status == 0;
+    return run({"/bin/bash", "-c", std::string("exec 3<>/dev/tcp/") + CLOUD_ADDRESS + "/443"})
+               .status == 0;
   }
 
   std::unique_ptr<Child> cloud_;

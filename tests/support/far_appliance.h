@@ -1,4 +1,5 @@
-// The second appliance of a test that runs with "// appliance: --pair": programs run and files in there.
+// The second appliance of a test that runs with "// appliance: --pair": programs run and files in
+// there.
 #pragma once
 
 #include <arpa/inet.h>
@@ -26,7 +27,8 @@ inline sockaddr_in agent_address() {
   return address;
 }
 
-// A message is a list of texts, each after its length; an end that has sent all closes its direction.
+// A message is a list of texts, each after its length; an end that has sent all closes its
+// direction.
 inline void say(int fd, const std::vector<std::string>& texts) {
   std::string message;
   for (const std::string& text : texts) message += std::to_string(text.size()) + ':' + text;
@@ -41,7 +43,8 @@ inline void say(int fd, const std::vector<std::string>& texts) {
 inline std::vector<std::string> hear(int fd) {
   std::string message;
   char piece[4096];
-  for (ssize_t got = 0; (got = recv(fd, piece, sizeof piece, 0)) > 0;) message.append(piece, static_cast<size_t>(got));
+  for (ssize_t got = 0; (got = recv(fd, piece, sizeof piece, 0)) > 0;)
+    message.append(piece, static_cast<size_t>(got));
   std::vector<std::string> texts;
   for (size_t at = 0, colon = 0; (colon = message.find(':', at)) != std::string::npos;) {
     const size_t length = std::stoul(message.substr(at, colon - at));
@@ -52,8 +55,8 @@ inline std::vector<std::string> hear(int fd) {
 }
 
 // As test::run(), over there. A status of 126 when the other appliance can't be reached.
-inline Result run(const std::vector<std::string>& words, const std::vector<std::string>& environment = {},
-                  const std::string& input = {}) {
+inline Result run(const std::vector<std::string>& words,
+                  const std::vector<std::string>& environment = {}, const std::string& input = {}) {
   const sockaddr_in address = agent_address();
   Fd fd;
   comes_true(
@@ -83,7 +86,8 @@ inline std::string read(const std::string& path) {
 inline void write(const std::string& path, const std::string& text, mode_t mode = 0600) {
   char octal[8];
   std::snprintf(octal, sizeof octal, "%o", static_cast<unsigned>(mode));
-  run({"/bin/sh", "-c", "umask 077; cat >\"$1\" && chmod \"$2\" \"$1\"", "sh", path, octal}, {}, text);
+  run({"/bin/sh", "-c", "umask 077; cat >\"$1\" && chmod \"$2\" \"$1\"", "sh", path, octal}, {},
+      text);
 }
 
 inline std::string conf_value(const std::string& section, const std::string& key) {
@@ -92,11 +96,13 @@ inline std::string conf_value(const std::string& section, const std::string& key
   return value;
 }
 
-// The processes of both appliances that show one of these lines to others, in their arguments or environment.
+// The processes of both appliances that show one of these lines to others, in their arguments or
+// environment.
 inline std::string showing(const std::string& secrets) {
-  const std::vector<std::string> search{"/bin/sh", "-c",
-                                        "grep -lsaF -f /dev/stdin /proc/[0-9]*/cmdline /proc/[0-9]*/environ"};
-  return test::run(search, {"PATH=/usr/bin"}, secrets).out + run(search, {"PATH=/usr/bin"}, secrets).out;
+  const std::vector<std::string> search{
+      "/bin/sh", "-c", "grep -lsaF -f /dev/stdin /proc/[0-9]*/cmdline /proc/[0-9]*/environ"};
+  return test::run(search, {"PATH=/usr/bin"}, secrets).out +
+         run(search, {"PATH=/usr/bin"}, secrets).out;
 }
 
 }  // namespace ormel::test::far

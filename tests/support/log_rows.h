@@ -15,10 +15,13 @@ std::string bytes_of(const Record& record) {
 // All rows that a query method gives.
 template <typename Row>
 std::vector<Row> log_rows(const char* method) {
-  const std::string reply = bus(log_db::SERVICE, method, bytes_of(db_query_cond{0, -1, 0, 0, {}, {}}));
-  std::vector<Row> rows(
-      reply.size() < sizeof(db_query_answer<Row>) ? 0 : (reply.size() - sizeof(db_query_answer<Row>)) / sizeof(Row));
-  if (!rows.empty()) std::memcpy(rows.data(), &reply[sizeof(db_query_answer<Row>)], rows.size() * sizeof(Row));
+  const std::string reply =
+      bus(log_db::SERVICE, method, bytes_of(db_query_cond{0, -1, 0, 0, {}, {}}));
+  std::vector<Row> rows(reply.size() < sizeof(db_query_answer<Row>)
+                            ? 0
+                            : (reply.size() - sizeof(db_query_answer<Row>)) / sizeof(Row));
+  if (!rows.empty())
+    std::memcpy(rows.data(), &reply[sizeof(db_query_answer<Row>)], rows.size() * sizeof(Row));
   return rows;
 }
 

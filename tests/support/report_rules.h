@@ -10,13 +10,15 @@
 
 namespace ormel::test {
 
-// A platform that gives the daemon all of the stored profile but the options `left_out`, and accepts it.
+// A platform that gives the daemon all of the stored profile but the options `left_out`, and
+// accepts it.
 inline ovpn::ReportTools tools_without(const std::vector<std::string>& left_out) {
   return {[left_out](const std::string& stored, int) {
             ovpn::DaemonCopy copy{true, {}, 0, {}};
             for (const std::string& line : split_lines(stored)) {
-              const bool out = std::any_of(left_out.begin(), left_out.end(),
-                                           [&](const std::string& name) { return line.starts_with(name + ' '); });
+              const bool out = std::any_of(
+                  left_out.begin(), left_out.end(),
+                  [&](const std::string& name) { return line.starts_with(name + ' '); });
               if (!out) copy.text += line + '\n';
             }
             return copy;
@@ -29,23 +31,26 @@ inline ovpn::ReportTools tools_without(const std::vector<std::string>& left_out)
 inline std::string trimmed_line(const std::string& line) {
   constexpr const char* ENDS = " \t\r";
   const size_t first = line.find_first_not_of(ENDS);
-  return first == std::string::npos ? "" : line.substr(first, line.find_last_not_of(ENDS) - first + 1);
+  return first == std::string::npos ? ""
+                                    : line.substr(first, line.find_last_not_of(ENDS) - first + 1);
 }
 
-// The rule that the report breaks; empty when it keeps all: each line of the source has exactly one fate, what is kept
-// is in the stored profile byte by byte, and no line of a block is shown.
+// The rule that the report breaks; empty when it keeps all: each line of the source has exactly one
+// fate, what is kept is in the stored profile byte by byte, and no line of a block is shown.
 inline std::string broken_rule(const report::Report& found, const std::string& source) {
   const std::vector<std::string> lines = split_lines(source);
   const std::string stored = '\n' + found.stored;
   size_t next = 1;
   for (const report::Line& line : found.lines) {
     const std::string where = "line " + std::to_string(line.first);
-    if (line.first != next || line.last < line.first || line.last > lines.size()) return where + " is not the next";
+    if (line.first != next || line.last < line.first || line.last > lines.size())
+      return where + " is not the next";
     next = line.last + 1;
     if (line.fate != report::Fate::Kept && line.why.empty()) return where + " has no explanation";
     for (size_t at = line.first; at < line.last; ++at) {
       const std::string inner = trimmed_line(lines[at]);
-      if (inner.size() > 30 && line.text.find(inner) != std::string::npos) return where + " shows a block";
+      if (inner.size() > 30 && line.text.find(inner) != std::string::npos)
+        return where + " shows a block";
     }
     if (line.fate != report::Fate::Kept) continue;
     if (line.first == line.last) {
@@ -55,7 +60,8 @@ inline std::string broken_rule(const report::Report& found, const std::string& s
     }
     for (size_t at = line.first; at + 1 < line.last; ++at) {
       const std::string inner = trimmed_line(lines[at]);
-      if (!inner.empty() && stored.find(inner) == std::string::npos) return where + ": its block is not stored";
+      if (!inner.empty() && stored.find(inner) == std::string::npos)
+        return where + ": its block is not stored";
     }
   }
   return next == lines.size() + 1 ? "" : "there are more lines";

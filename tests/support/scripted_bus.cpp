@@ -50,7 +50,8 @@ using ormel::test::active;
 // Being the executable's own, these two come before those of the shared library.
 int mib_call(const char* service, const char* method, mib_io* io, int timeout_seconds, int flag) {
   if (!active || !active->serve) {
-    return ormel::test::library<decltype(mib_call)>("mib_call")(service, method, io, timeout_seconds, flag);
+    return ormel::test::library<decltype(mib_call)>("mib_call")(service, method, io,
+                                                                timeout_seconds, flag);
   }
   active->calls.push_back({service, method, ormel::test::contents(io)});
   std::string reply;

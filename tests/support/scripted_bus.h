@@ -1,5 +1,6 @@
-// Stand-ins for the service bus and for the programs that are run with their output captured. While one is alive and
-// has the function set, it answers in place of the platform's library; every call is recorded.
+// Stand-ins for the service bus and for the programs that are run with their output captured. While
+// one is alive and has the function set, it answers in place of the platform's library; every call
+// is recorded.
 #pragma once
 
 #include <functional>
@@ -27,7 +28,8 @@ class ScriptedBus {
  public:
   std::vector<BusCall> calls;
   std::vector<ProgramCall> programs;
-  // Give the status of a call and fill the reply; give the exit status of a program and fill its output.
+  // Give the status of a call and fill the reply; give the exit status of a program and fill its
+  // output.
   std::function<int(const BusCall& call, std::string& reply)> serve;
   std::function<int(const ProgramCall& call, std::string& output)> run;
 

@@ -50,7 +50,8 @@ class TlsClient {
 
  private:
   static SSL_CTX* context() {
-    static const std::unique_ptr<SSL_CTX, fenro::FreeWith<SSL_CTX_free>> made{SSL_CTX_new(TLS_client_method())};
+    static const std::unique_ptr<SSL_CTX, fenro::FreeWith<SSL_CTX_free>> made{
+        SSL_CTX_new(TLS_client_method())};
     return made.get();
   }
   fenro::Fd fd_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};

@@ -8,7 +8,8 @@
 
 namespace support {
 
-// Returns how much longer than on a host everything may take: 1, or what tests/vm/run sets in an emulated machine.
+// Returns how much longer than on a host everything may take: 1, or what tests/vm/run sets in an
+// emulated machine.
 inline int patience() {
   static const int factor = [] {
     const char* set = std::getenv("TEST_PATIENCE");
@@ -17,9 +18,10 @@ inline int patience() {
   return factor;
 }
 
-// Returns whether the condition holds within some seconds of the clock. On a machine that is so busy that little
-// runs in that time, it goes on until it has looked a few times a second. An emulated machine has more time, and looks
-// less often, since each look takes time from what it waits for.
+// Returns whether the condition holds within some seconds of the clock. On a machine that is so
+// busy that little runs in that time, it goes on until it has looked a few times a second. An
+// emulated machine has more time, and looks less often, since each look takes time from what it
+// waits for.
 template <typename Condition>
 bool comes_true(Condition condition, int seconds = 10) {
   using Clock = std::chrono::steady_clock;

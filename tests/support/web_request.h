@@ -33,8 +33,8 @@ inline std::string refusal(int code, const std::string& reason) {
   return "{\"error\":" + std::to_string(code) + ",\"reason\":\"" + reason + "\"}";
 }
 
-inline WebReply cgi(const std::string& route, const std::string& query, const Environment& more = {},
-                    const std::string& body = {}) {
+inline WebReply cgi(const std::string& route, const std::string& query,
+                    const Environment& more = {}, const std::string& body = {}) {
   Environment environment{"SCRIPT_URL=" + route, "QUERY_STRING=" + query};
   environment.insert(environment.end(), more.begin(), more.end());
   return split_reply(run({CGI}, environment, body));
@@ -47,7 +47,8 @@ inline WebReply unrouted(int (*handler)(ormel::JsonValue&), const std::string& q
     clearenv();
     setenv("QUERY_STRING", query.c_str(), 1);
     const int out = open("/tmp/run.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const bool ready = dup2(out, STDOUT_FILENO) >= 0 && dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) >= 0;
+    const bool ready =
+        dup2(out, STDOUT_FILENO) >= 0 && dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) >= 0;
     ormel::JsonValue response;
     const int code = ready ? handler(response) : -1;
     std::fflush(stdout);
@@ -55,25 +56,29 @@ inline WebReply unrouted(int (*handler)(ormel::JsonValue&), const std::string& q
   }
   int status = 0;
   waitpid(child, &status, 0);
-  return split_reply({WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"), ""});
+  return split_reply(
+      {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"), ""});
 }
 
 inline WebReply https(const std::string& route, std::vector<std::string> options = {}) {
-  options.insert(options.begin(),
-                 {"/usr/bin/curl", "-ksSi", "-H", "Expect:", "--max-time", "60", "https://localhost" + route});
+  options.insert(options.begin(), {"/usr/bin/curl", "-ksSi", "-H", "Expect:", "--max-time", "60",
+                                   "https://localhost" + route});
   return split_reply(run(options));
 }
 
 // One part of a body with the boundary "edge": a field, or an upload.
-inline std::string part(const std::string& name, const std::string& data, const std::string& file = {}) {
+inline std::string part(const std::string& name, const std::string& data,
+                        const std::string& file = {}) {
   const std::string filename = file.empty() ? "" : "; filename=\"" + file + '"';
-  return "--edge\r\nContent-Disposition: form-data; name=\"" + name + '"' + filename + "\r\n\r\n" + data + "\r\n";
+  return "--edge\r\nContent-Disposition: form-data; name=\"" + name + '"' + filename + "\r\n\r\n" +
+         data + "\r\n";
 }
 
 // The temporary files of uploads that are there now.
 inline size_t uploads() {
   size_t count = 0;
-  for (const auto& file : fs::directory_iterator("/tmp")) count += file.path().filename().string().starts_with("cgi-");
+  for (const auto& file : fs::directory_iterator("/tmp"))
+    count += file.path().filename().string().starts_with("cgi-");
   return count;
 }
 

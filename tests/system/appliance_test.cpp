@@ -21,7 +21,8 @@ bool leads_to_a_mount(const std::string& path) {
 }  // namespace
 
 TEST(Appliance, ShowsNothingOfTheHostsLogsAndHomes) {
-  for (const char* folder : {"/root", "/home", "/home/admin", "/var/spool", "/var/mail", "/mnt", "/srv"}) {
+  for (const char* folder :
+       {"/root", "/home", "/home/admin", "/var/spool", "/var/mail", "/mnt", "/srv"}) {
     SCOPED_TRACE(folder);
     EXPECT_TRUE(fs::is_directory(folder));
     for (const auto& entry : fs::directory_iterator(folder)) {
@@ -29,18 +30,21 @@ TEST(Appliance, ShowsNothingOfTheHostsLogsAndHomes) {
       EXPECT_TRUE(leads_to_a_mount(entry.path())) << entry.path();
     }
   }
-  for (const auto& entry : fs::directory_iterator("/var/log")) EXPECT_EQ(entry.path(), "/var/log/network");
+  for (const auto& entry : fs::directory_iterator("/var/log"))
+    EXPECT_EQ(entry.path(), "/var/log/network");
   EXPECT_FALSE(fs::exists("/etc/ssh"));
 }
 
 TEST(Appliance, KeepsThePasswordsOfItsUsersClosed) {
-  for (const char* file : {"/etc/shadow", "/var/lib/appliance/password.admin", "/etc/ppp/chap-secrets"}) {
+  for (const char* file :
+       {"/etc/shadow", "/var/lib/appliance/password.admin", "/etc/ppp/chap-secrets"}) {
     EXPECT_EQ(mode_of(file), 0600U) << file;
   }
 }
 
 TEST(Appliance, CanBeChangedAnywhereButInTheKernelAndInTheSources) {
-  for (const char* file : {"/etc/config/a", "/usr/sbin/a", "/usr/share/ormel/a", "/var/log/network/a"}) {
+  for (const char* file :
+       {"/etc/config/a", "/usr/sbin/a", "/usr/share/ormel/a", "/var/log/network/a"}) {
     SCOPED_TRACE(file);
     EXPECT_TRUE(std::ofstream(file) << "x" << std::flush);
   }

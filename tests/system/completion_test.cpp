@@ -5,7 +5,8 @@ namespace ormel::test {
 namespace {
 
 constexpr const char* ASK =
-    "source /usr/share/bash-completion/completions/ormel; COMP_TYPE=$0 COMP_WORDS=(ormel \"$@\") COMP_CWORD=$#; "
+    "source /usr/share/bash-completion/completions/ormel; COMP_TYPE=$0 COMP_WORDS=(ormel \"$@\") "
+    "COMP_CWORD=$#; "
     "_ormel; printf '%s|' \"${COMPREPLY[@]}\"";
 constexpr const char* TAB = "9";
 constexpr const char* LISTING = "63";
@@ -14,9 +15,11 @@ constexpr const char* CRACKED = "/tmp/cracked";
 class Completion : public ProfileHost {};
 
 TEST_F(Completion, OffersWhatFitsAndExpandsNoName) {
-  write(VPN_CONF, std::string("[PPTP_CLIENT1]\nIndex = 1\nProfile File = office\n[PPTP_CLIENT2]\nIndex = 0\n") +
-                      "[PPTP_CLIENT12]\nIndex = 12\nProfile File = `touch " + CRACKED + "` $(touch " + CRACKED +
-                      ")\x1b[31m\n[L2TP_CLIENT3]\nIndex = 3\n[PPTP_CLIENT1 0]\nIndex = 1\n");
+  write(
+      VPN_CONF,
+      std::string("[PPTP_CLIENT1]\nIndex = 1\nProfile File = office\n[PPTP_CLIENT2]\nIndex = 0\n") +
+          "[PPTP_CLIENT12]\nIndex = 12\nProfile File = `touch " + CRACKED + "` $(touch " + CRACKED +
+          ")\x1b[31m\n[L2TP_CLIENT3]\nIndex = 3\n[PPTP_CLIENT1 0]\nIndex = 1\n");
   const struct {
     std::vector<std::string> words;  // as readline parts them, the last one at hand
     const char* kind;
@@ -24,7 +27,9 @@ TEST_F(Completion, OffersWhatFitsAndExpandsNoName) {
   } cases[] = {
       {{""}, TAB, "--type=|"},
       {{"--type", "=", "SP"}, TAB, "SPPTP|"},
-      {{"--type", "=", "pptp", ""}, TAB, "--add|--remove=|--modify=|--show=|--connect=|--disconnect=|"},
+      {{"--type", "=", "pptp", ""},
+       TAB,
+       "--add|--remove=|--modify=|--show=|--connect=|--disconnect=|"},
       {{"-T", "SPPTP", ""}, TAB, "--modify=|--show=|"},
       {{"-T", "OVPN", "--i"}, TAB, "--import=|"},
       {{"-T", "256", "--add", "--ho"}, TAB, "--host=|"},

@@ -1,6 +1,7 @@
-// drovik_flood TARGET PORT FIRST COUNT RATE SECONDS: begins handshakes without knowing the key, with RATE datagrams a
-// second in total, from COUNT own addresses that begin with FIRST. Where the server answers a first datagram with its
-// cookie, the second one returns it, which makes the server compute.
+// drovik_flood TARGET PORT FIRST COUNT RATE SECONDS: begins handshakes without knowing the key,
+// with RATE datagrams a second in total, from COUNT own addresses that begin with FIRST. Where the
+// server answers a first datagram with its cookie, the second one returns it, which makes the
+// server compute.
 #include <arpa/inet.h>
 #include <array>
 #include <chrono>
@@ -16,7 +17,8 @@
 namespace {
 
 void number(std::string& out, unsigned long value, int bytes) {
-  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) out += static_cast<char>(value >> shift & 0xff);
+  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
+    out += static_cast<char>(value >> shift & 0xff);
 }
 
 std::string client_hello(const std::string& cookie) {
@@ -69,7 +71,8 @@ int whole_number(const char* text) {
 
 // The cookie of the answer that has come; empty when none has.
 std::string take_cookie(int from) {
-  constexpr std::size_t COOKIE = 28;  // behind the headers of record and handshake, the version and its own length
+  constexpr std::size_t COOKIE =
+      28;  // behind the headers of record and handshake, the version and its own length
   char answer[512];
   const ssize_t length = recv(from, answer, sizeof answer, 0);
   if (length <= static_cast<ssize_t>(COOKIE)) return {};
@@ -80,8 +83,11 @@ std::string take_cookie(int from) {
 
 int main(int argc, char** argv) {
   in_addr target{}, first{};
-  if (argc != 7 || inet_pton(AF_INET, argv[1], &target) != 1 || inet_pton(AF_INET, argv[3], &first) != 1) return 2;
-  const int count = whole_number(argv[4]), rate = whole_number(argv[5]), seconds = whole_number(argv[6]);
+  if (argc != 7 || inet_pton(AF_INET, argv[1], &target) != 1 ||
+      inet_pton(AF_INET, argv[3], &first) != 1)
+    return 2;
+  const int count = whole_number(argv[4]), rate = whole_number(argv[5]),
+            seconds = whole_number(argv[6]);
   const sockaddr_in to = at(target, whole_number(argv[2]));
   std::array<fenro::Fd, 256> peers;  // each has its turn again when the answer should be there
   const auto begin = std::chrono::steady_clock::now();
@@ -91,7 +97,8 @@ int main(int argc, char** argv) {
     fenro::Fd peer = std::move(peers[turn]);
     const std::string cookie = peer ? take_cookie(peer.get()) : std::string{};
     if (cookie.empty())
-      peer = connect_from({htonl(ntohl(first.s_addr) + static_cast<std::uint32_t>(sent % count))}, to);
+      peer =
+          connect_from({htonl(ntohl(first.s_addr) + static_cast<std::uint32_t>(sent % count))}, to);
     const std::string hello = client_hello(cookie);
     send(peer.get(), hello.data(), hello.size(), 0);
     if (cookie.empty()) peers[turn] = std::move(peer);

@@ -10,7 +10,8 @@ constexpr const char* SERVER = "/etc/init.d/vpn_drovik.sh";
 constexpr const char* CLIENT = "/etc/init.d/vpn_drovik_client.sh";
 constexpr const char* ONLINE = "/var/log/ormel_online_users";
 constexpr const char* PRIVILEGES = "/etc/config/vpn_user_ex.conf";
-constexpr const char* EDGES = "/tmp/drovik-edges";  // over there: what the profile's executables were given
+constexpr const char* EDGES =
+    "/tmp/drovik-edges";  // over there: what the profile's executables were given
 constexpr const char* SECTION = "DROVIK_CLIENT1";
 constexpr const char* PORT = "4443";
 constexpr const char* KEY = "team key";
@@ -25,9 +26,9 @@ size_t count(const std::string& text, const std::string& what) {
 // Rows of the server's connection log for an event: 0 a connect, 1 a refusal, 2 an end.
 size_t logged(int action) {
   const auto rows = log_rows<db_conn_server_log>(log_db::CONN_SERVER_LOG.query);
-  return static_cast<size_t>(std::count_if(rows.begin(), rows.end(), [&](const db_conn_server_log& row) {
-    return row.vpn_type == 16 && row.action == action;
-  }));
+  return static_cast<size_t>(std::count_if(
+      rows.begin(), rows.end(),
+      [&](const db_conn_server_log& row) { return row.vpn_type == 16 && row.action == action; }));
 }
 
 class DrovikTunnel : public testing::Test {
@@ -37,11 +38,15 @@ class DrovikTunnel : public testing::Test {
     password.erase(password.find('\n'));
     write(PRIVILEGES, "guest:0:0:0:0:1\nadmin:1:1:1:0:0\n");
     // Not all keys are of the command line's making: whatever the file says has to do.
-    write(VPN_CONF, std::string{"[DROVIK]\nEnable = TRUE\nMax Client = 5\nVPN Port = "} + PORT + "\nPSK = " + KEY +
-                        "\nClient IP 1 = 10.6.0.2\nClient IP 2 = 10.6.0.254\nEnable Manual DNS = TRUE\n"
-                        "Use Manual DNS = 10.6.0.1\n");
+    write(VPN_CONF,
+          std::string{"[DROVIK]\nEnable = TRUE\nMax Client = 5\nVPN Port = "} + PORT +
+              "\nPSK = " + KEY +
+              "\nClient IP 1 = 10.6.0.2\nClient IP 2 = 10.6.0.254\nEnable Manual DNS = TRUE\n"
+              "Use Manual DNS = 10.6.0.1\n");
     ASSERT_EQ(run({SERVER, "start"}).status, 0);
-    far::write("/tmp/up", std::string{"#!/bin/sh\necho up $INTERFACE $LOCAL_IP $REMOTE_IP >>"} + EDGES + "\n", 0755);
+    far::write("/tmp/up",
+               std::string{"#!/bin/sh\necho up $INTERFACE $LOCAL_IP $REMOTE_IP >>"} + EDGES + "\n",
+               0755);
     far::write("/tmp/down", std::string{"#!/bin/sh\necho down >>"} + EDGES + "\n", 0755);
   }
   void TearDown() override {
@@ -49,15 +54,17 @@ class DrovikTunnel : public testing::Test {
     far::run({"/bin/rm", "-f", VPN_CONF, EDGES});
     run({SERVER, "stop"});
   }
-  static void add_profile(const std::string& user, const std::string& pass, const std::string& key) {
-    const Result added =
-        far::cli({"--type=DROVIK", "--add", "--name=office", std::string{"--host="} + far::NEAR_ADDRESS,
-                  std::string{"--port="} + PORT, "--user=" + user, "--pass=" + pass, "--psk=" + key, "--up=/tmp/up",
-                  "--down=/tmp/down"});
+  static void add_profile(const std::string& user, const std::string& pass,
+                          const std::string& key) {
+    const Result added = far::cli(
+        {"--type=DROVIK", "--add", "--name=office", std::string{"--host="} + far::NEAR_ADDRESS,
+         std::string{"--port="} + PORT, "--user=" + user, "--pass=" + pass, "--psk=" + key,
+         "--up=/tmp/up", "--down=/tmp/down"});
     ASSERT_EQ(added.status, 0) << added.err;
   }
   // The profile over there, and its connection; it comes up later or never.
-  static void connect(const std::string& user, const std::string& pass, const std::string& key = KEY) {
+  static void connect(const std::string& user, const std::string& pass,
+                      const std::string& key = KEY) {
     add_profile(user, pass, key);
     ASSERT_EQ(far::run({CLIENT, "connect", "1"}).status, 0);
   }
@@ -69,7 +76,9 @@ class DrovikTunnel : public testing::Test {
     return comes_true([] { return local_ip().empty(); }, PATIENCE);
   }
   static bool morvic_runs() { return far::run({"/usr/bin/pgrep", "-x", "morvic"}).status == 0; }
-  static bool far_pings(const char* address) { return far::run({"/bin/ping", "-c3", "-W5", address}).status == 0; }
+  static bool far_pings(const char* address) {
+    return far::run({"/bin/ping", "-c3", "-W5", address}).status == 0;
+  }
   static std::string identifier() {
     const std::string line = read(ONLINE);
     return line.substr(0, line.find(' '));
@@ -82,9 +91,11 @@ TEST_F(DrovikTunnel, CarriesPacketsAndTellsOfItOnBothSides) {
   add_profile("guest", password, KEY);
   ASSERT_EQ(far::cli({"--type=DROVIK", "--connect=1"}).status, 0);
   ASSERT_TRUE(comes_up()) << far::read(VPN_CONF);
-  EXPECT_EQ(far::cli({"--type=DROVIK", "--connect=1"}).status, 0);  // sees that it runs, and leaves it alone
+  EXPECT_EQ(far::cli({"--type=DROVIK", "--connect=1"}).status,
+            0);  // sees that it runs, and leaves it alone
   EXPECT_TRUE(far_pings("10.6.0.1"));
-  EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "-M", "do", "-s", "1372", "10.6.0.2"}).status, 0);  // the largest packet
+  EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "-M", "do", "-s", "1372", "10.6.0.2"}).status,
+            0);  // the largest packet
   const std::string line = read(ONLINE);
   EXPECT_EQ(count(line, "\n"), 1U);
   EXPECT_NE(line.find(std::string{" "} + far::ADDRESS + " "), std::string::npos) << line;
@@ -92,14 +103,18 @@ TEST_F(DrovikTunnel, CarriesPacketsAndTellsOfItOnBothSides) {
   EXPECT_TRUE(line.ends_with(" Z3Vlc3Q= " + identifier() + "\n")) << line;
   EXPECT_EQ(logged(0), connects + 1);
   const std::string bytes = bus("MorviServer", "bytes_info");
-  EXPECT_TRUE(bytes.starts_with("{\"error\":0,\"data\":[{\"mac\":\"" + identifier() + "\",\"rx_bytes\":")) << bytes;
+  EXPECT_TRUE(
+      bytes.starts_with("{\"error\":0,\"data\":[{\"mac\":\"" + identifier() + "\",\"rx_bytes\":"))
+      << bytes;
   EXPECT_EQ(count(bytes, "\"rx_bytes\":0,"), 0U) << bytes;
   const std::string shown = far::cli({"--type=DROVIK", "--show=1"}).out;
-  for (const char* row : {"Status = 1\n", "Real Address = 192.168.77.1\n", "DNS Server = 10.6.0.1\n"})
+  for (const char* row :
+       {"Status = 1\n", "Real Address = 192.168.77.1\n", "DNS Server = 10.6.0.1\n"})
     EXPECT_NE(shown.find(row), std::string::npos) << shown;
   EXPECT_EQ(far::conf_value(SECTION, "RemoteIP"), "10.6.0.1");
   EXPECT_EQ(far::read(EDGES), "up dtunc2501 10.6.0.2 10.6.0.1\n");
-  EXPECT_NE(far::run({"/sbin/ip", "route", "show", "table", "2501"}).out.find("default via 10.6.0.1 dev dtunc2501"),
+  EXPECT_NE(far::run({"/sbin/ip", "route", "show", "table", "2501"})
+                .out.find("default via 10.6.0.1 dev dtunc2501"),
             std::string::npos);
   EXPECT_EQ(far::showing(password + '\n' + KEY + '\n'), "");
 }
@@ -108,9 +123,11 @@ TEST_F(DrovikTunnel, ThrowsAClientOutWhichComesBack) {
   connect("guest", password);
   ASSERT_TRUE(comes_up());
   const size_t ends = logged(2);
-  EXPECT_TRUE(bus("MorviServer", "disconnect", R"({"mac":"02:00:00:00:00:00"})").starts_with(R"({"error":1,)"));
+  EXPECT_TRUE(bus("MorviServer", "disconnect", R"({"mac":"02:00:00:00:00:00"})")
+                  .starts_with(R"({"error":1,)"));
   EXPECT_TRUE(bus("MorviServer", "disconnect", "[]").starts_with(R"({"error":2,)"));
-  EXPECT_TRUE(bus("MorviServer", "disconnect", R"({"mac":")" + identifier() + "\"}").starts_with(R"({"error":0,)"));
+  EXPECT_TRUE(bus("MorviServer", "disconnect", R"({"mac":")" + identifier() + "\"}")
+                  .starts_with(R"({"error":0,)"));
   EXPECT_TRUE(comes_true([&] { return logged(2) == ends + 1; }, PATIENCE));
   EXPECT_TRUE(comes_true([] { return count(far::read(EDGES), "down\n") == 1; }, PATIENCE));
   ASSERT_TRUE(comes_up());
@@ -137,14 +154,20 @@ TEST_F(DrovikTunnel, ADoctorLogsInOnceAndStopsAtTheStepThatFails) {
     const size_t connects = logged(0), refusals = logged(1);
     const Result found = far::run({"/usr/sbin/ormelctl", "doctor", "office", "--json"});
     EXPECT_EQ(found.status == 0, std::string{row.result} == "ok") << found.out;
-    EXPECT_NE(found.out.find(R"("step":"server","result":"ok","text":"answers")"), std::string::npos) << found.out;
-    EXPECT_NE(found.out.find(std::string{R"("step":")"} + row.step + R"(","result":")" + row.result), std::string::npos)
+    EXPECT_NE(found.out.find(R"("step":"server","result":"ok","text":"answers")"),
+              std::string::npos)
+        << found.out;
+    EXPECT_NE(
+        found.out.find(std::string{R"("step":")"} + row.step + R"(","result":")" + row.result),
+        std::string::npos)
         << found.out;
     EXPECT_EQ(count(found.out, R"("result":"fail")"), found.status == 0 ? 0U : 1U) << found.out;
-    EXPECT_TRUE(
-        comes_true([&] { return logged(0) == connects + row.accepted && logged(1) == refusals + row.refused; }));
+    EXPECT_TRUE(comes_true([&] {
+      return logged(0) == connects + row.accepted && logged(1) == refusals + row.refused;
+    }));
     EXPECT_TRUE(comes_true([] { return read(ONLINE).empty(); })) << "the session has ended";
-    EXPECT_EQ(far::run({"/sbin/ip", "link", "show", "dtunc2501"}).status, 1) << "there was no interface";
+    EXPECT_EQ(far::run({"/sbin/ip", "link", "show", "dtunc2501"}).status, 1)
+        << "there was no interface";
     EXPECT_EQ(far::cli({"--type=DROVIK", "--remove=1"}).status, 0);
   }
   add_profile("guest", password, KEY);
@@ -158,9 +181,11 @@ TEST_F(DrovikTunnel, KeepsAUserOutForATime) {
   connect("guest", password);
   ASSERT_TRUE(comes_up());
   const size_t refusals = logged(1);
-  const Result ended = run({"/usr/sbin/ormelctl", "kick", "drovik/" + identifier(), "--for", "1h", "--yes"});
+  const Result ended =
+      run({"/usr/sbin/ormelctl", "kick", "drovik/" + identifier(), "--for", "1h", "--yes"});
   EXPECT_EQ(ended.status, 0) << ended.err;
-  EXPECT_TRUE(comes_true([&] { return logged(1) > refusals; }, PATIENCE)) << "its next login is refused";
+  EXPECT_TRUE(comes_true([&] { return logged(1) > refusals; }, PATIENCE))
+      << "its next login is refused";
   EXPECT_EQ(read(ONLINE), "");
   EXPECT_EQ(run({"/usr/sbin/ormelctl", "hold", "lift", "guest"}).status, 0);
   far::run({CLIENT, "connect", "1"});
@@ -195,7 +220,8 @@ TEST_F(DrovikAdmission, AnotherKeyGetsNoFurtherThanTheHandshake) {
   connect("guest", password, "other key");
   EXPECT_FALSE(comes_true([] { return !local_ip().empty(); }, 5));
   EXPECT_EQ(logged(1), refusals);
-  EXPECT_TRUE(comes_true([] { return !morvic_runs(); }, PATIENCE)) << "it gives up after the second time";
+  EXPECT_TRUE(comes_true([] { return !morvic_runs(); }, PATIENCE))
+      << "it gives up after the second time";
   EXPECT_EQ(logged(1), refusals);
 }
 
@@ -213,7 +239,8 @@ TEST_F(DrovikTunnel, GoesDownWithTheServerAndUpAgain) {
   EXPECT_FALSE(morvic_runs());
 }
 
-// What is no handshake costs nothing; what looks like one costs no memory before it has shown a cookie.
+// What is no handshake costs nothing; what looks like one costs no memory before it has shown a
+// cookie.
 TEST_F(DrovikAdmission, StandsThroughGarbage) {
   sockaddr_in server{};
   server.sin_family = AF_INET;
@@ -223,11 +250,14 @@ TEST_F(DrovikAdmission, StandsThroughGarbage) {
   std::string datagram(1400, '\0');
   for (int i = 0; i < 5000; ++i) {
     for (char& byte : datagram) byte = static_cast<char>(random());
-    if (i % 2 == 0) datagram.replace(0, 13, std::string("\x16\xfe\xff\0\0\0\0\0\0\0\0", 11) + "\x05\x6b");
+    if (i % 2 == 0)
+      datagram.replace(0, 13, std::string("\x16\xfe\xff\0\0\0\0\0\0\0\0", 11) + "\x05\x6b");
     const size_t size = static_cast<size_t>(i) % datagram.size();
-    sendto(fd.get(), datagram.data(), size, 0, reinterpret_cast<const sockaddr*>(&server), sizeof server);
+    sendto(fd.get(), datagram.data(), size, 0, reinterpret_cast<const sockaddr*>(&server),
+           sizeof server);
   }
-  EXPECT_TRUE(comes_true([] { return bus("MorviServer", "bytes_info") == R"({"error":0,"data":[]})"; }, PATIENCE));
+  EXPECT_TRUE(comes_true(
+      [] { return bus("MorviServer", "bytes_info") == R"({"error":0,"data":[]})"; }, PATIENCE));
   connect("guest", password);
   EXPECT_TRUE(comes_up());
 }
@@ -236,11 +266,13 @@ TEST_F(DrovikAdmission, StandsThroughGarbage) {
 class DrovikFlood : public DrovikTunnel {
  protected:
   static int good_logins(int senders) {
-    far::run({"/bin/bash", "-c", "for i in $(seq 0 255); do ip address add 10.66.0.$i/23 dev eth0 2>/dev/null; done"},
+    far::run({"/bin/bash", "-c",
+              "for i in $(seq 0 255); do ip address add 10.66.0.$i/23 dev eth0 2>/dev/null; done"},
              {"PATH=/usr/sbin:/usr/bin"});
     run({"/sbin/ip", "route", "replace", "10.66.0.0/23", "dev", "eth0"});
-    const std::string flood = std::string("setsid ") + DROVIK_FLOOD + ' ' + far::NEAR_ADDRESS + ' ' + PORT +
-                              " 10.66.0.0 " + std::to_string(senders) + " 1000 200 </dev/null >/dev/null 2>&1 &";
+    const std::string flood = std::string("setsid ") + DROVIK_FLOOD + ' ' + far::NEAR_ADDRESS +
+                              ' ' + PORT + " 10.66.0.0 " + std::to_string(senders) +
+                              " 1000 200 </dev/null >/dev/null 2>&1 &";
     far::run({"/bin/sh", "-c", flood}, {"PATH=/usr/bin"});
     int good = 0;
     for (int i = 0; i < 10; ++i) {

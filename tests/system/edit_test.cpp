@@ -16,12 +16,15 @@ constexpr const char* SERVER_SCRIPT = "/etc/init.d/vpn_openvpn.sh";
 
 // A service script that leaves a line about its work in vpn.conf, as the real ones do.
 void leave_line(const std::string& line) {
-  write(SERVER_SCRIPT, "#!/bin/sh\nprintf '%s\\n' '" + line + "' >>" + std::string(VPN_CONF) + "\n", 0755);
+  write(SERVER_SCRIPT, "#!/bin/sh\nprintf '%s\\n' '" + line + "' >>" + std::string(VPN_CONF) + "\n",
+        0755);
 }
 
 class ConfigModify : public WebHost {
  protected:
-  [[nodiscard]] WebReply modify(const std::string& query) const { return cgi(MODIFY, admin + '&' + query); }
+  [[nodiscard]] WebReply modify(const std::string& query) const {
+    return cgi(MODIFY, admin + '&' + query);
+  }
 };
 
 TEST_F(ConfigModify, RefusesInOrderAndChangesNothing) {
@@ -34,7 +37,8 @@ TEST_F(ConfigModify, RefusesInOrderAndChangesNothing) {
       {"type=32&enable=true&server_mask=24&server_ip=10.0.0.1", 36, "miss option"},
       {"type=32&enable=true&server_pri_key=k&server_ip=10.0.0.1", 36, "miss option"},
       {"type=32&enable=true&server_pri_key=k&server_mask=24", 36, "miss option"},
-      {"type=32&enable=TRUE&server_pri_key=k&server_mask=16&server_ip=192.168.1.1", 44, "ip pool conflict"},
+      {"type=32&enable=TRUE&server_pri_key=k&server_mask=16&server_ip=192.168.1.1", 44,
+       "ip pool conflict"},
       {"type=4&enable=True&ip_pool=192.168.77.0", 44, "ip pool conflict"},
       {"type=1&auth=nonsense", 5, "unknown option"},
   };
@@ -45,14 +49,16 @@ TEST_F(ConfigModify, RefusesInOrderAndChangesNothing) {
     EXPECT_EQ(reply.body, refusal(code, reason));
     EXPECT_THAT(read(LOG), HasSubstr(std::to_string(code) + ", " + reason + "\n"));
   }
-  for (const char* line : {":index is empty.\n", ":server_pri_key is NULL.\n", ":server_mask is NULL.\n"})
+  for (const char* line :
+       {":index is empty.\n", ":server_pri_key is NULL.\n", ":server_mask is NULL.\n"})
     EXPECT_THAT(read(LOG), HasSubstr(line));
   EXPECT_EQ(read(VPN_CONF), before);
   EXPECT_THAT(recorded("vpn_openvpn.sh"), IsEmpty());
 }
 
 TEST_F(ConfigModify, TurnsNothingOnWithoutTheEntrance) {
-  write(VPN_CONF, "[global]\nsetup_vpn_entrance_status = FALSE\nsetup_vpn_entrance_status = TRUE\n");
+  write(VPN_CONF,
+        "[global]\nsetup_vpn_entrance_status = FALSE\nsetup_vpn_entrance_status = TRUE\n");
   EXPECT_EQ(modify("enable=TRUE").body, refusal(79, "setup vpn entrance failed"));
   EXPECT_EQ(modify("enable=1").body, refusal(2, "no type"));
   EXPECT_EQ(modify("type=1&enable=false&ip_pool=192.168.77.0").status, 0);
@@ -66,7 +72,8 @@ TEST_F(ConfigModify, RestartsAServerAndReadsBackItsRules) {
   const std::string query = "type=SOVPN&enable=true&ip_pool=10.9.0.0&port=1195";
   leave_line("OPENVPN_iptables_rules = FALSE");
   EXPECT_EQ(modify(query).body, refusal(81, "wrong vpn iptables rules"));
-  EXPECT_EQ(conf_value("OPENVPN", "Enable") + conf_value("OPENVPN", "VPN Port"), "TRUE1195") << "it is kept anyway";
+  EXPECT_EQ(conf_value("OPENVPN", "Enable") + conf_value("OPENVPN", "VPN Port"), "TRUE1195")
+      << "it is kept anyway";
   leave_line("OPENVPN_iptables_rules = TRUE");
   const WebReply changed = modify(query);
   EXPECT_THAT(changed.body, StartsWith(R"({"data":{)"));
@@ -83,7 +90,8 @@ class ConfigUpload : public WebHost {
     WebHost::SetUp();
     record_calls(VERIFY);
   }
-  [[nodiscard]] WebReply post(const char* route, const std::string& parts, const std::string& query = "") const {
+  [[nodiscard]] WebReply post(const char* route, const std::string& parts,
+                              const std::string& query = "") const {
     return cgi(route, admin + query, {MULTIPART, "CONTENT_LENGTH=1"}, parts + "--edge--\r\n");
   }
   [[nodiscard]] WebReply check(const std::string& profile, const std::string& more = "") const {
@@ -91,19 +99,22 @@ class ConfigUpload : public WebHost {
   }
 };
 
-const std::string PROFILE = "client\ndev tun3\nremote a.example 1194 udp\nremote b.example\n<ca>\nCERT\n</ca>\n";
+const std::string PROFILE =
+    "client\ndev tun3\nremote a.example 1194 udp\nremote b.example\n<ca>\nCERT\n</ca>\n";
 
 TEST_F(ConfigUpload, IsJudgedByItsOptions) {
   const std::pair<std::string, const char*> rows[] = {
       {PROFILE, R"("auth_user_pass":false,"files":{},"server_ip":"a.example,b.example")"},
       {"tls-client\nremote a\nauth-user-pass\ncomp-lzo\n",
        R"("auth_user_pass":true,"compress":true,"files":{},"server_ip":"a")"},
-      {"client\nremote a\ncomp-lzo YES\ndh dh.pem\npkcs12 a b\nextra-certs e\ntls-auth ta.key 1\ncrl-verify crl.pem\n",
+      {"client\nremote a\ncomp-lzo YES\ndh dh.pem\npkcs12 a b\nextra-certs e\ntls-auth ta.key "
+       "1\ncrl-verify crl.pem\n",
        R"("auth_user_pass":false,"compress":true,"files":{"dh":"dh.pem","pkcs12":"a b",)"
        R"("extra-certs":"e","tls_auth":"ta.key","crl_verify":"crl.pem"},"server_ip":"a")"},
       {"client\nremote a\ncomp-lzo adaptive\n<auth-user-pass>\nu\np\n</auth-user-pass>\n",
        R"("auth_user_pass":false,"compress":false,"files":{},"server_ip":"a")"},
-      {"client\nremote a 1 XYZ\nproto tcp\n", R"("auth_user_pass":false,"files":{},"server_ip":"a")"},
+      {"client\nremote a 1 XYZ\nproto tcp\n",
+       R"("auth_user_pass":false,"files":{},"server_ip":"a")"},
       {"client\nremote a 1 TCP4\nproto\n", R"("auth_user_pass":false,"files":{},"server_ip":"a")"},
       {"client\nremote a 1 xyz\nproto\n", nullptr},
       {"client\n<connection>\nremote a\nproto\n</connection>\n", nullptr},
@@ -115,8 +126,8 @@ TEST_F(ConfigUpload, IsJudgedByItsOptions) {
   };
   for (const auto& [profile, data] : rows) {
     SCOPED_TRACE(profile);
-    const std::string expected =
-        data ? R"({"data":{)" + std::string(data) + R"(},"error":0})" : refusal(23, "incorrect client config");
+    const std::string expected = data ? R"({"data":{)" + std::string(data) + R"(},"error":0})"
+                                      : refusal(23, "incorrect client config");
     EXPECT_EQ(check(profile).body, expected);
   }
   EXPECT_EQ(uploads(), 0U);
@@ -130,7 +141,8 @@ TEST_F(ConfigUpload, MustBringTheFilesThatItNames) {
       {PROFILE, ca + key, R"("excessive":[],"missing":["ca.crt","client.key"])"},
       {"ca x\ncert x\n", key, R"("excessive":["ca.crt","client.crt"],"missing":["client.key"])"},
       {"client\nremote a\n ca x\ncax\n", ca, R"("excessive":[],"missing":["ca.crt"])"},
-      {"client\nremote a\n" + std::string(248, '#') + "\n#" + std::string(254, 'x') + "ca \n", ca, nullptr},
+      {"client\nremote a\n" + std::string(248, '#') + "\n#" + std::string(254, 'x') + "ca \n", ca,
+       nullptr},
       {"client\nremote a\nca ca.crt\nkey k\n", ca + key, nullptr},
   };
   for (const char* route : {CHECK, IMPORT}) {
@@ -139,8 +151,8 @@ TEST_F(ConfigUpload, MustBringTheFilesThatItNames) {
       fs::remove(CALLS);
       const std::string body = post(route, part("ovpn", profile, "o") + more, "&name=n").body;
       if (lists) {
-        EXPECT_EQ(body,
-                  R"({"data":{)" + std::string(lists) + R"(},"error":61,"reason":"missing or excessive ca files"})");
+        EXPECT_EQ(body, R"({"data":{)" + std::string(lists) +
+                            R"(},"error":61,"reason":"missing or excessive ca files"})");
       }
       EXPECT_EQ(recorded("verify_ovpn.sh").size(), lists ? 0U : 1U);
     }
@@ -159,18 +171,22 @@ TEST_F(ConfigUpload, IsRefusedUnread) {
   EXPECT_THAT(recorded("verify_ovpn.sh"), IsEmpty());
   record_calls(VERIFY, 1);
   EXPECT_EQ(check(PROFILE).body, refusal(23, "incorrect client config"));
-  EXPECT_EQ(post(IMPORT, part("ovpn", PROFILE, "o"), "&name=n").body, refusal(23, "incorrect client config"));
+  EXPECT_EQ(post(IMPORT, part("ovpn", PROFILE, "o"), "&name=n").body,
+            refusal(23, "incorrect client config"));
   EXPECT_EQ(uploads(), 0U);
 }
 
 TEST_F(ConfigUpload, IsImportedIntoTheLowestSlot) {
-  const WebReply reply = post(IMPORT, part("ovpn", PROFILE, "o"), "&name=office&user=bob&import=/etc/passwd");
+  const WebReply reply =
+      post(IMPORT, part("ovpn", PROFILE, "o"), "&name=office&user=bob&import=/etc/passwd");
   EXPECT_EQ(reply.status, 0) << reply.body;
   EXPECT_THAT(reply.body, HasSubstr(R"("profile":"office")"));
   EXPECT_EQ(conf_value("OPENVPN_CLIENT1", "Server Address"), "a.example,b.example");
-  EXPECT_THAT(read("/etc/config/openvpn/clients/client1"), HasSubstr("remote a.example 1194 udp\n"));
+  EXPECT_THAT(read("/etc/config/openvpn/clients/client1"),
+              HasSubstr("remote a.example 1194 udp\n"));
   EXPECT_EQ(uploads(), 0U);
-  EXPECT_EQ(post(IMPORT, part("ovpn", PROFILE, "o")).body, refusal(13, "miss name or over maximum length"));
+  EXPECT_EQ(post(IMPORT, part("ovpn", PROFILE, "o")).body,
+            refusal(13, "miss name or over maximum length"));
   std::string full;
   for (int i = 1; i <= 16; ++i) full += pptp_client(i);
   write(VPN_CONF, full);
@@ -182,9 +198,13 @@ class ConfigDownload : public WebHost {
   void SetUp() override {
     WebHost::SetUp();
     write(CA, certificate);
-    write(VPN_CONF, "[OPENVPN]\nVPN Port = 1195\nVPN Proto Type = udp\nDownload Status = 2\nEncryption = 2\n");
+    write(
+        VPN_CONF,
+        "[OPENVPN]\nVPN Port = 1195\nVPN Proto Type = udp\nDownload Status = 2\nEncryption = 2\n");
   }
-  [[nodiscard]] WebReply get(const std::string& route) const { return cgi("/ormel/config/" + route, admin); }
+  [[nodiscard]] WebReply get(const std::string& route) const {
+    return cgi("/ormel/config/" + route, admin);
+  }
   const std::string certificate = std::string(5000, 'C') + "\n";
 };
 
@@ -192,7 +212,8 @@ TEST_F(ConfigDownload, HandsOutTheCertificateWhole) {
   const WebReply reply = get("downloadcert");
   EXPECT_EQ(reply.status, 0);
   EXPECT_EQ(reply.head,
-            "Content-type: application/octet-stream\r\nContent-Disposition: attachment; filename=appliance.ca\r\n"
+            "Content-type: application/octet-stream\r\nContent-Disposition: attachment; "
+            "filename=appliance.ca\r\n"
             "Content-Transfer-Encoding: binary");
   EXPECT_EQ(reply.body, certificate);
   EXPECT_EQ(conf_value("OPENVPN", "Download Status"), "0");
@@ -201,32 +222,39 @@ TEST_F(ConfigDownload, HandsOutTheCertificateWhole) {
 TEST_F(ConfigDownload, MakesAProfileOfTheServersSettings) {
   const WebReply reply = get("download");
   EXPECT_THAT(reply.head, HasSubstr("attachment; filename=appliance.ovpn\r\n"));
-  EXPECT_THAT(reply.body,
-              MatchesRegex("## How to setup OpenVPN client\\?\n## 1\\. Install OpenVPN software on your platform\\.\n"
-                           "## 2\\. Double click appliance\\.ovpn file to create new connection profile\\.\n"
-                           "## 3\\. Type username and password while connection\\.\n\nclient\ndev tun\n"
-                           "script-security 3\nremote 192\\.168\\.77\\.1 1195\nresolv-retry infinite\nnobind\n"
-                           "auth-nocache\nauth-user-pass\nremote-cert-tls server\nreneg-sec 0\n"
-                           "cipher AES-256-CBC\ntls-cipher TLS-ECDHE-RSA-WITH-AES-256-GCM-SHA384:[^\n]*SHA256\n"
-                           "comp-lzo\nproto udp\nexplicit-exit-notify 1\n<ca>\nC*\n</ca>\n"));
+  EXPECT_THAT(
+      reply.body,
+      MatchesRegex(
+          "## How to setup OpenVPN client\\?\n## 1\\. Install OpenVPN software on your "
+          "platform\\.\n"
+          "## 2\\. Double click appliance\\.ovpn file to create new connection profile\\.\n"
+          "## 3\\. Type username and password while connection\\.\n\nclient\ndev tun\n"
+          "script-security 3\nremote 192\\.168\\.77\\.1 1195\nresolv-retry infinite\nnobind\n"
+          "auth-nocache\nauth-user-pass\nremote-cert-tls server\nreneg-sec 0\n"
+          "cipher AES-256-CBC\ntls-cipher TLS-ECDHE-RSA-WITH-AES-256-GCM-SHA384:[^\n]*SHA256\n"
+          "comp-lzo\nproto udp\nexplicit-exit-notify 1\n<ca>\nC*\n</ca>\n"));
   EXPECT_EQ(conf_value("OPENVPN", "Download Status"), "0");
   write(VPN_CONF,
         "[OPENVPN]\nVPN Proto Type = tcp\nEncryption = 0\nEnable compressed VPN link = FALSE\n"
         "Signature Algorithm = sha1WithRSAEncryption\n");
-  EXPECT_THAT(get("download").body,
-              HasSubstr("\nremote 192.168.77.1 1194\n"
-                        "resolv-retry infinite\nnobind\nauth-nocache\nauth-user-pass\nremote-cert-tls server\n"
-                        "reneg-sec 0\ncipher none\ntls-cipher NONE:@SECLEVEL=0\n\nproto tcp\n\n<ca>\n"));
+  EXPECT_THAT(
+      get("download").body,
+      HasSubstr(
+          "\nremote 192.168.77.1 1194\n"
+          "resolv-retry infinite\nnobind\nauth-nocache\nauth-user-pass\nremote-cert-tls server\n"
+          "reneg-sec 0\ncipher none\ntls-cipher NONE:@SECLEVEL=0\n\nproto tcp\n\n<ca>\n"));
 }
 
 TEST_F(ConfigDownload, IsNotFoundWhateverFails) {
   const std::string not_found = "Status: 404 Not Found\r\nContent-Type: text/html\r\n\r\n";
   for (const char* route : {"/ormel/config/download", "/ormel/config/downloadcert"}) {
     for (const std::string& query : {std::string(), guest}) {
-      EXPECT_EQ(run({CGI}, {std::string("SCRIPT_URL=") + route, "QUERY_STRING=" + query}).out, not_found);
+      EXPECT_EQ(run({CGI}, {std::string("SCRIPT_URL=") + route, "QUERY_STRING=" + query}).out,
+                not_found);
     }
     fs::remove(CA);
-    EXPECT_EQ(run({CGI}, {std::string("SCRIPT_URL=") + route, "QUERY_STRING=" + admin}).out, not_found);
+    EXPECT_EQ(run({CGI}, {std::string("SCRIPT_URL=") + route, "QUERY_STRING=" + admin}).out,
+              not_found);
     write(CA, certificate);
   }
   EXPECT_THAT(read(LOG), HasSubstr("39, session invalid\n"));
@@ -244,7 +272,9 @@ class LoginHook : public ProfileHost {
     password.erase(password.find_last_not_of('\n') + 1);
   }
   static int login(const std::string& user, const std::string& pass) {
-    return run({"/usr/sbin/ormel.sauth"}, {"username=" + user, "password=" + pass, "untrusted_ip=203.0.113.9"}).status;
+    return run({"/usr/sbin/ormel.sauth"},
+               {"username=" + user, "password=" + pass, "untrusted_ip=203.0.113.9"})
+        .status;
   }
   std::string password;
 };
@@ -279,14 +309,16 @@ TEST_F(LoginHook, AdmitsByRightBlockAndPassword) {
       EXPECT_EQ(row.username + std::string("|") + row.source_ip, refused + "|203.0.113.9");
     for (const db_conn_server_log& row : logged) EXPECT_EQ(row.vpn_type * 10 + row.action, 41);
     int counted = 0;
-    for (const auto& row : log_rows<db_privilege_user_block_data>(log_db::PRIVILEGE_USER_BLOCK.query))
+    for (const auto& row :
+         log_rows<db_privilege_user_block_data>(log_db::PRIVILEGE_USER_BLOCK.query))
       if (row.username == std::string("admin")) counted = row.limit;
     EXPECT_EQ(counted, failures);
   }
   EXPECT_EQ(run({"/usr/sbin/ormel.sauth"}).status, 1) << "without any variable";
 
-  for (const char* line : {"sauth: ORMEL none user. guest\n", "sauth: check_privilege_user_block. blocked\n",
-                           "sauth: user: admin, password failed.\n"})
+  for (const char* line :
+       {"sauth: ORMEL none user. guest\n", "sauth: check_privilege_user_block. blocked\n",
+        "sauth: user: admin, password failed.\n"})
     EXPECT_THAT(read(LOG), HasSubstr(line));
   EXPECT_THAT(read(LOG), Not(testing::AnyOf(HasSubstr("wr0ng-secret"), HasSubstr(password))));
 }

@@ -1,4 +1,5 @@
-// What the far appliance of a pair runs: programs that the tests in the near one ask for, one after the other.
+// What the far appliance of a pair runs: programs that the tests in the near one ask for, one after
+// the other.
 #include <cstdlib>
 
 #include "support/far_appliance.h"
@@ -10,7 +11,8 @@ int main() {
   const Fd listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   const int yes = 1;
   setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return EXIT_FAILURE;
+  if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    return EXIT_FAILURE;
   if (listen(listener.get(), 8) != 0) return EXIT_FAILURE;
   while (true) {
     const Fd caller{accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC)};

@@ -1,4 +1,5 @@
-// What the program does when the host around it fails: daemons, scripts, disks, files, and the machine itself.
+// What the program does when the host around it fails: daemons, scripts, disks, files, and the
+// machine itself.
 #include <sys/mount.h>
 
 #include "support/appliance_host.h"
@@ -8,13 +9,15 @@ using namespace ormel::test;
 namespace {
 
 const std::vector<std::string> ADD = {"-TPPTP", "-A", "--name=office", "--host=127.0.0.1"};
-const std::vector<std::string> METHODS = {"external_dev.register", "interfaces_monitor.get_info_interfaces"};
+const std::vector<std::string> METHODS = {"external_dev.register",
+                                          "interfaces_monitor.get_info_interfaces"};
 
 class BusFault : public ProfileHost {};
 
 TEST_F(BusFault, AnAddFailsWithoutTheNetworkDaemonAndAShowDoesNot) {
   run({"/usr/bin/pkill", "-KILL", "-f", "fenro-networkd"});
-  write(VPN_CONF, "[PPTP_CLIENT1]\nIndex = 1\nEnable = TRUE\nProfile File = a\nServer Address = 127.0.0.1\n");
+  write(VPN_CONF,
+        "[PPTP_CLIENT1]\nIndex = 1\nEnable = TRUE\nProfile File = a\nServer Address = 127.0.0.1\n");
   EXPECT_EQ(cli(ADD).status, 47);
   EXPECT_EQ(conf_value("PPTP_CLIENT2", "Index"), "");
   EXPECT_THAT(cli({"-TPPTP", "-S0"}).out, HasSubstr("Index = 1\n"));
@@ -24,8 +27,8 @@ TEST_F(BusFault, AnAddFailsWithoutTheNetworkDaemonAndAShowDoesNot) {
 
 TEST_F(BusFault, EveryBadAnswerOfTheNetworkDaemonHasItsCode) {
   for (const std::string& answer :
-       {std::string(), std::string("[]"), std::string("{\"error\":\"0\"}"), std::string("{\"error\":3}"),
-        std::string(1 << 20, '['), std::string("\0\xff", 2)}) {
+       {std::string(), std::string("[]"), std::string("{\"error\":\"0\"}"),
+        std::string("{\"error\":3}"), std::string(1 << 20, '['), std::string("\0\xff", 2)}) {
     const ScriptedService service("NetworkService", "fenro-networkd", METHODS, answer);
     EXPECT_EQ(cli(ADD).status, answer == "{\"error\":3}" ? 48 : 49) << answer.substr(0, 20);
     EXPECT_FALSE(fs::exists(VPN_CONF));
@@ -58,7 +61,8 @@ class HostileLocks : public ProfileHost {
   static void put(const char* kind) {
     fs::permissions("/run/lock", fs::perms::all | fs::perms::sticky_bit);
     fs::remove(LOCK);
-    run({"/usr/bin/setpriv", "--reuid=65534", "--clear-groups", "/bin/sh", "-c", std::string(kind) + ' ' + LOCK});
+    run({"/usr/bin/setpriv", "--reuid=65534", "--clear-groups", "/bin/sh", "-c",
+         std::string(kind) + ' ' + LOCK});
     ASSERT_TRUE(fs::is_symlink(LOCK) || fs::exists(LOCK));
   }
   void TearDown() override { fs::remove(LOCK); }
@@ -71,7 +75,10 @@ TEST_F(HostileLocks, AreToldOfAndKeepNobodyWaiting) {
     fs::remove(LOG);
     EXPECT_EQ(run({"/usr/bin/timeout", "20", "/usr/sbin/ormel", "-TPPTP", "-S7"}).status, 30);
     const std::string log = read(LOG);
-    EXPECT_THAT(log, HasSubstr("/ormel_log.lck is not the log's lock file: user 65534 put it there. Remove it.\n"));
+    EXPECT_THAT(
+        log,
+        HasSubstr(
+            "/ormel_log.lck is not the log's lock file: user 65534 put it there. Remove it.\n"));
     EXPECT_THAT(log, HasSubstr("[ERROR]"));
     EXPECT_EQ(log.find("is not the log's"), log.rfind("is not the log's"));
   }
@@ -81,7 +88,8 @@ using ThreeWaySave = ProfileHost;
 
 TEST_F(ThreeWaySave, AModifyLosesNothingThatTheHooksOfAnotherProfileWrite) {
   constexpr const char* HOOKS =
-      "set -e; conf=/etc/config/vpn.conf; i=0; while [ $i -lt 500 ]; do i=$((i + 1)); for key in LocalIP RemoteIP; do "
+      "set -e; conf=/etc/config/vpn.conf; i=0; while [ $i -lt 500 ]; do i=$((i + 1)); for key in "
+      "LocalIP RemoteIP; do "
       "setcfg PPTP_CLIENT2 $key $i -f $conf; done; for key in LocalIP RemoteIP; do "
       "[ \"$(getcfg PPTP_CLIENT2 $key -f $conf)\" = $i ]; done; done";
   for (int i = 0; i < 2; ++i) ASSERT_EQ(cli(ADD).status, 0);
@@ -105,13 +113,18 @@ using ReadOnlyConfig = ProfileHost;
 
 TEST_F(ReadOnlyConfig, IsToldWithEveryAnswerUntilASaveGoesWell) {
   ASSERT_EQ(cli(ADD).status, 0);
-  const auto answer = [] { return run({"/usr/sbin/ormel.cgi"}, {"REQUEST_URI=/ormel/misc/env"}).out; };
-  const auto change = [](const char* user) { return cli({"-TPPTP", "-M1", std::string("--user=") + user}).status; };
+  const auto answer = [] {
+    return run({"/usr/sbin/ormel.cgi"}, {"REQUEST_URI=/ormel/misc/env"}).out;
+  };
+  const auto change = [](const char* user) {
+    return cli({"-TPPTP", "-M1", std::string("--user=") + user}).status;
+  };
   const std::string before = answer();
   ASSERT_EQ(mount("/etc/config", "/etc/config", nullptr, MS_BIND, nullptr), 0);
   ASSERT_EQ(mount(nullptr, "/etc/config", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
   EXPECT_EQ(change("new"), 0) << "a save that fails is only in its own result";
-  EXPECT_THAT(read("/run/fenro/settings_fault"), StartsWith("/etc/config/vpn.conf\nRead-only file system\n"));
+  EXPECT_THAT(read("/run/fenro/settings_fault"),
+              StartsWith("/etc/config/vpn.conf\nRead-only file system\n"));
   EXPECT_EQ(answer().find("X-Ormel-Settings: unsaved\r\n"), before.find("\r\n\r\n") + 2);
   ASSERT_EQ(umount2("/etc/config", MNT_DETACH), 0);
   EXPECT_EQ(change("new"), 0);
@@ -120,14 +133,15 @@ TEST_F(ReadOnlyConfig, IsToldWithEveryAnswerUntilASaveGoesWell) {
 
 class FileFault : public ProfileHost {
  protected:
-  // A change of one profile under strace. The leak check of an instrumented program cannot work there.
+  // A change of one profile under strace. The leak check of an instrumented program cannot work
+  // there.
   static void traced(std::vector<std::string> options) {
     options.insert(options.begin(), {"/usr/bin/strace", "-qq"});
     options.insert(options.end(), {"/usr/sbin/ormel", "-TPPTP", "-M1", "--user=new"});
     run(options, {"ASAN_OPTIONS=detect_leaks=0"});
   }
-  // Every system call from the first temporary file of a save to a little behind the last rename: its name, and which
-  // of that name it is in the run.
+  // Every system call from the first temporary file of a save to a little behind the last rename:
+  // its name, and which of that name it is in the run.
   static std::vector<std::pair<std::string, int>> calls_of_the_save() {
     traced({"-o", "/tmp/trace"});
     std::vector<std::pair<std::string, int>> calls;
@@ -137,7 +151,8 @@ class FileFault : public ProfileHost {
     for (std::string line; std::getline(in, line);) {
       const std::string call = line.substr(0, line.find('('));
       const int when = ++count[call];
-      if (calls.empty() && line.find("/etc/config\", O_RDWR|O_CLOEXEC|O_TMPFILE") == std::string::npos &&
+      if (calls.empty() &&
+          line.find("/etc/config\", O_RDWR|O_CLOEXEC|O_TMPFILE") == std::string::npos &&
           line.find("/etc/config/vpn.conf.tmp-") == std::string::npos)
         continue;
       calls.emplace_back(call, when);
@@ -157,13 +172,15 @@ TEST_F(FileFault, ReadsWhatItCanOfADamagedFile) {
       {"large", big + "\nServer Address = 127.0.0.1\n"},
       {"half-written", "[PPTP]\nEnable = TRUE\n[PPTP_CLIENT1]\nIndex = 1\nProfile Fi"},
       {"strange numbers",
-       "[PPTP]\nMSS = 99999999999999\nEncryption = -7\nAuthentcation = x\n[PPTP_CLIENT1]\nIndex = 99\nMask = -1\n"
+       "[PPTP]\nMSS = 99999999999999\nEncryption = -7\nAuthentcation = x\n[PPTP_CLIENT1]\nIndex = "
+       "99\nMask = -1\n"
        "Time Stamp = 99999999999999999999\nEncryption = 77\nAccessCode = ***\nStatus = 9\n"},
   };
   for (const auto& [name, text] : files) {
     SCOPED_TRACE(name);
     write(VPN_CONF, text);
-    for (const char* type : {"SPPTP", "SL2TP", "SOVPN", "SDROVIK", "SWG", "PPTP", "L2TP", "OVPN", "DROVIK", "WG"}) {
+    for (const char* type :
+         {"SPPTP", "SL2TP", "SOVPN", "SDROVIK", "SWG", "PPTP", "L2TP", "OVPN", "DROVIK", "WG"}) {
       EXPECT_EQ(cli({"-T", type, "-S0"}).status, 0) << type;
     }
     const Result changed = cli({"-TSL2TP", "-M0", "--psk=k"});
@@ -177,7 +194,8 @@ TEST_F(FileFault, KeepsTheOldFileOnAFullDisk) {
   const std::string before = read(VPN_CONF);
   ASSERT_EQ(mount("none", "/etc/config", "tmpfs", 0, "size=16k,mode=0755"), 0);
   write(VPN_CONF, before);
-  for (int i = 0; i < 8; ++i) write("/etc/config/filler" + std::to_string(i), std::string(4096, 'f'));
+  for (int i = 0; i < 8; ++i)
+    write("/etc/config/filler" + std::to_string(i), std::string(4096, 'f'));
   const Result changed = cli({"-TPPTP", "-M1", "--user=nobody"});
   EXPECT_EQ(changed.status, 0) << "a save that fails is only in its own result";
   EXPECT_EQ(read(VPN_CONF), before);
@@ -200,14 +218,17 @@ TEST_F(FileFault, LeavesTheOldOrTheNewFileWhenItIsKilledAtAnySystemCallOfTheSave
   int kept = 0, replaced = 0;
   for (const auto& [call, when] : calls) {
     write(VPN_CONF, before);
-    traced({"-o", "/dev/null", "-e", "inject=?" + call + ":signal=KILL:when=" + std::to_string(when)});
+    traced(
+        {"-o", "/dev/null", "-e", "inject=?" + call + ":signal=KILL:when=" + std::to_string(when)});
     const std::string now = read(VPN_CONF);
-    EXPECT_TRUE(now == before || now == after) << "killed at " << call << ' ' << when << ":\n" << now;
+    EXPECT_TRUE(now == before || now == after) << "killed at " << call << ' ' << when << ":\n"
+                                               << now;
     ++(now == before ? kept : replaced);
   }
   EXPECT_GT(kept, 0);
   EXPECT_GT(replaced, 0);
-  EXPECT_EQ(cli({"-TPPTP", "-M1", "--user=new"}).status, 0) << "what a crash left behind is in no one's way";
+  EXPECT_EQ(cli({"-TPPTP", "-M1", "--user=new"}).status, 0)
+      << "what a crash left behind is in no one's way";
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // appliance: --web
-// The default gateway policy: its routes, its file, and what the network daemon makes of it. The two tunnels are cables
-// under the names of tunnels, whose far ends are in the local network; the daemon sees no difference.
+// The default gateway policy: its routes, its file, and what the network daemon makes of it. The
+// two tunnels are cables under the names of tunnels, whose far ends are in the local network; the
+// daemon sees no difference.
 #include <map>
 
 #include "ormel/web/handlers.h"
@@ -11,7 +12,8 @@ namespace {
 
 constexpr const char* OPTIONS = "/etc/config/vpn_options.conf";
 constexpr const char* FAILOVER =
-    "&as_gw_en=1&gw1_type=OVPN&gw1_index=1&snat=1&failover_en=1&failover_interval=0&gw2_type=WG&gw2_index=1";
+    "&as_gw_en=1&gw1_type=OVPN&gw1_index=1&snat=1&failover_en=1&failover_interval=0&gw2_type=WG&"
+    "gw2_index=1";
 
 class GatewayHost : public WebHost {
  protected:
@@ -32,30 +34,38 @@ class GatewayHost : public WebHost {
   static void lay_cable(const std::string& interface, int number) {
     const std::string net = "10.91." + std::to_string(number);
     const std::string far = "far" + std::to_string(number);
-    const Result laid = shell("ip link add " + interface + " type veth peer name " + far + " && ip link set " + far +
-                              " netns lan && ip address add " + net + ".2/24 dev " + interface + " && ip link set " +
-                              interface + " up && nsenter --net=/run/netns/lan sh -c 'ip address add " + net +
+    const Result laid = shell("ip link add " + interface + " type veth peer name " + far +
+                              " && ip link set " + far + " netns lan && ip address add " + net +
+                              ".2/24 dev " + interface + " && ip link set " + interface +
+                              " up && nsenter --net=/run/netns/lan sh -c 'ip address add " + net +
                               ".1/24 dev " + far + " && ip link set " + far + " up'");
     ASSERT_EQ(laid.status, 0) << laid.err;
   }
   static void cut(const std::string& far) {
     const Result cut = shell(
-        "nsenter --net=/run/netns/lan /usr/sbin/nft 'add table netdev cut; add chain netdev cut in { type "
+        "nsenter --net=/run/netns/lan /usr/sbin/nft 'add table netdev cut; add chain netdev cut in "
+        "{ type "
         "filter hook ingress device " +
         far + " priority 0; policy drop; }'");
     ASSERT_EQ(cut.status, 0) << cut.err;
   }
-  static void mend() { shell("nsenter --net=/run/netns/lan /usr/sbin/nft delete table netdev cut"); }
-  static bool leaves_by(const std::string& interface) {
-    return shell("ip route get 203.0.113.9").out.find(" dev " + interface + " ") != std::string::npos;
+  static void mend() {
+    shell("nsenter --net=/run/netns/lan /usr/sbin/nft delete table netdev cut");
   }
-  std::string set(const std::string& policy) { return cgi("/ormel/gateway/set", admin + policy).body; }
+  static bool leaves_by(const std::string& interface) {
+    return shell("ip route get 203.0.113.9").out.find(" dev " + interface + " ") !=
+           std::string::npos;
+  }
+  std::string set(const std::string& policy) {
+    return cgi("/ormel/gateway/set", admin + policy).body;
+  }
   // Whether the keeper passes on an event of a kind.
   [[nodiscard]] bool notified(const std::string& kind, const std::string& text) const {
     const std::string recent = cgi("/ormel/notify/recent", admin).body;
     const size_t row = recent.find("\"event\":\"" + kind + '"');
     const size_t end = recent.find('}', row);
-    return row != std::string::npos && recent.substr(row, end - row).find(text) != std::string::npos;
+    return row != std::string::npos &&
+           recent.substr(row, end - row).find(text) != std::string::npos;
   }
   std::string vpn_gw() { return cgi("/ormel/gateway/get_vpn_gw", guest).body; }
 };
@@ -69,41 +79,48 @@ TEST_F(GatewayHost, KeepsWhatIsSetAndRefusesTheRest) {
     std::string file;  // the policy afterwards; empty: there is still none
   };
   const std::string done = R"({"error":0})";
-  const std::string one = R"("as_gw_en": 1, "gw1": {"type": 256, "index": 1, "sname": "PPTP_CLIENT1"})";
+  const std::string one =
+      R"("as_gw_en": 1, "gw1": {"type": 256, "index": 1, "sname": "PPTP_CLIENT1"})";
   for (const Case& each : {
            Case{guest + "&as_gw_en=0", refusal(41, "not admin session"), ""},
            Case{"sid=12345678&as_gw_en=0", refusal(39, "session invalid"), ""},
            Case{admin + "&as_gw_en=", refusal(36, "miss option"), ""},
            Case{admin + "&as_gw_en=1&gw1_type=PPTP", refusal(36, "miss option"), ""},
            Case{admin + "&as_gw_en=1&gw1_type=PPTP&gw1_index=1", refusal(9, "incorrect value"), ""},
-           Case{admin + "&as_gw_en=1&gw1_type=PPTP&gw1_index=1&snat=1", refusal(9, "incorrect value"), ""},
+           Case{admin + "&as_gw_en=1&gw1_type=PPTP&gw1_index=1&snat=1",
+                refusal(9, "incorrect value"), ""},
            Case{admin + "&as_gw_en=1&gw1_type=PPTP&gw1_index=1&snat=1&failover_en=0", done,
                 one + R"(, "snat": 1, "failover_en": 0)"},
-           Case{admin + "&as_gw_en=1&gw1_type=PPTP&gw1_index=1&snat=0&failover_en=1&gw2_type=OVPN&gw2_index=0", done,
-                one + R"(, "snat": 0, "failover_en": 0, "failover_interval": -1)"},
+           Case{admin + "&as_gw_en=1&gw1_type=PPTP&gw1_index=1&snat=0&failover_en=1&gw2_type=OVPN&"
+                        "gw2_index=0",
+                done, one + R"(, "snat": 0, "failover_en": 0, "failover_interval": -1)"},
            Case{admin + "&as_gw_en=0&gw1_type=PPTP", done, R"("as_gw_en": 0)"},
        }) {
     SCOPED_TRACE(each.request);
     EXPECT_EQ(cgi("/ormel/gateway/set", each.request).body, each.reply);
-    EXPECT_EQ(read(OPTIONS),
-              each.file.empty() ? "" : R"({"global": {"version": "1"}, "gw_setting": {)" + each.file + "}}");
+    EXPECT_EQ(read(OPTIONS), each.file.empty() ? ""
+                                               : R"({"global": {"version": "1"}, "gw_setting": {)" +
+                                                     each.file + "}}");
   }
 }
 
 TEST_F(GatewayHost, SurvivesADamagedFileAndLosesTheProfilesThatGo) {
-  for (const char* damaged : {"", "[]", "{", R"({"gw_setting": 7})", R"({"gw_setting": {"as_gw_en": 1, "gw1": []}})"}) {
+  for (const char* damaged :
+       {"", "[]", "{", R"({"gw_setting": 7})", R"({"gw_setting": {"as_gw_en": 1, "gw1": []}})"}) {
     SCOPED_TRACE(damaged);
     write(OPTIONS, damaged);
     EXPECT_EQ(cgi("/ormel/gateway/get", admin).status, 0);
     EXPECT_EQ(bus("NetworkService", "external_dev.update_vpn_gw"), R"({"error":0,"data":""})");
     EXPECT_EQ(vpn_gw(), R"({"data":{"index":0,"type":0},"error":0})");
   }
-  ASSERT_EQ(set("&as_gw_en=1&gw1_type=PPTP&gw1_index=1&snat=1&failover_en=1&gw2_type=OVPN&gw2_index=3"),
-            R"({"error":0})");
+  ASSERT_EQ(
+      set("&as_gw_en=1&gw1_type=PPTP&gw1_index=1&snat=1&failover_en=1&gw2_type=OVPN&gw2_index=3"),
+      R"({"error":0})");
   EXPECT_EQ(cli({"--type=PPTP", "--remove=1"}).status, 0);
-  EXPECT_NE(read(OPTIONS).find(
-                R"("gw1": {"type": 1024, "index": 3, "sname": "OPENVPN_CLIENT3"}, "snat": 1, "failover_en": 0})"),
-            std::string::npos)
+  EXPECT_NE(
+      read(OPTIONS).find(
+          R"("gw1": {"type": 1024, "index": 3, "sname": "OPENVPN_CLIENT3"}, "snat": 1, "failover_en": 0})"),
+      std::string::npos)
       << read(OPTIONS);
   const auto disable = [&](const std::string& query) {
     return unrouted(ormel::cgi::gateway::disable_gateway, query).status;
@@ -124,17 +141,21 @@ TEST_F(GatewayHost, MovesToTheSecondTunnelAndBack) {
   EXPECT_NE(shell("nft list table ip fenro_gateway").out.find("tun2001"), std::string::npos);
   EXPECT_EQ(vpn_gw(), R"({"data":{"index":1,"type":1024},"error":0})");
   EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "203.0.113.9"}).status, 0);
-  shell("touch /tmp/watch; while [ -e /tmp/watch ]; do ip route get 203.0.113.9; done >/tmp/ways 2>&1 &");
+  shell(
+      "touch /tmp/watch; while [ -e /tmp/watch ]; do ip route get 203.0.113.9; done >/tmp/ways "
+      "2>&1 &");
   for (int i = 0; i < 3; ++i) bus("NetworkService", "external_dev.update_vpn_gw");
   shell("rm /tmp/watch");
   EXPECT_THAT(read("/tmp/ways"), AllOf(HasSubstr(" dev tun2001 "), Not(HasSubstr("eth0"))))
       << "while the rules are renewed";
-  EXPECT_NE(shell("ip route get 192.168.77.254").out.find("eth0"), std::string::npos) << "what is near stays near";
+  EXPECT_NE(shell("ip route get 192.168.77.254").out.find("eth0"), std::string::npos)
+      << "what is near stays near";
   EXPECT_NE(shell("ip route get 203.0.113.9 from 192.168.77.1").out.find("eth0"), std::string::npos)
       << "an answer leaves by the way on which the question came";
   cut("far1");  // what the far end says by itself after it came up, it still says for a while
   EXPECT_TRUE(comes_true([&] { return leaves_by("wgc3001"); }, 40));
-  EXPECT_TRUE(comes_true([&] { return notified("gateway", " to wgc3001: the first tunnel is down or silent."); }));
+  EXPECT_TRUE(comes_true(
+      [&] { return notified("gateway", " to wgc3001: the first tunnel is down or silent."); }));
   EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "203.0.113.9"}).status, 0);
   EXPECT_NE(vpn_gw().find(R"("index":1)"), std::string::npos);
   mend();
@@ -146,25 +167,31 @@ TEST_F(GatewayHost, MovesToTheSecondTunnelAndBack) {
   EXPECT_EQ(shell("ip rule").out.find("3500"), std::string::npos);
 }
 
-// Counts what reaches the outside by the appliance's own interface while a program there sends without a pause.
+// Counts what reaches the outside by the appliance's own interface while a program there sends
+// without a pause.
 class GatewayLeaks : public GatewayHost {
  protected:
   void SetUp() override {
     GatewayHost::SetUp();
     const Result ready = shell(
-        "ip -6 address replace 2001:db8:77::1/64 dev eth0 nodad; ip -6 route replace default via 2001:db8:77::fe;"
+        "ip -6 address replace 2001:db8:77::1/64 dev eth0 nodad; ip -6 route replace default via "
+        "2001:db8:77::fe;"
         "ip -6 neighbour replace 2001:db8:77::fe lladdr 02:00:00:00:00:fe dev eth0;"
         "echo nameserver 198.51.100.53 >/tmp/resolv; mount --bind /tmp/resolv /etc/resolv.conf;"
-        "nsenter --net=/run/netns/lan /usr/sbin/nft 'add table netdev outside; add chain netdev outside in { type "
+        "nsenter --net=/run/netns/lan /usr/sbin/nft 'add table netdev outside; add chain netdev "
+        "outside in { type "
         "filter "
         "hook ingress device to-appliance priority 0; }'");
     ASSERT_EQ(ready.status, 0) << ready.err;
-    // What is sent before the neighbour is found leaves when it has been, whatever the rules say by then.
-    ASSERT_TRUE(comes_true([] { return shell("/bin/ping -c1 -W5 192.168.77.254").status == 0; }, 30));
+    // What is sent before the neighbour is found leaves when it has been, whatever the rules say by
+    // then.
+    ASSERT_TRUE(
+        comes_true([] { return shell("/bin/ping -c1 -W5 192.168.77.254").status == 0; }, 30));
     count_anew();
     write("/tmp/flood", "");
     shell(
-        "/bin/bash -c 'while [ -e /tmp/flood ]; do echo >/dev/udp/203.0.113.9/9; echo >/dev/udp/203.0.113.9/53;"
+        "/bin/bash -c 'while [ -e /tmp/flood ]; do echo >/dev/udp/203.0.113.9/9; echo "
+        ">/dev/udp/203.0.113.9/53;"
         " echo >/dev/udp/2001:db8:9::9/9; done' >/dev/null 2>&1 &");
   }
   void TearDown() override {
@@ -177,15 +204,18 @@ class GatewayLeaks : public GatewayHost {
   // The packets of IPv4, and of IPv6.
   static std::string outside() {
     return shell(
-               "nsenter --net=/run/netns/lan /usr/sbin/nft list table netdev outside | sed -n 's/.*packets "
+               "nsenter --net=/run/netns/lan /usr/sbin/nft list table netdev outside | sed -n "
+               "'s/.*packets "
                "\\([0-9]*\\).*/\\1/p' | tr '\\n' ' '")
         .out;
   }
   static void count_anew() {
     shell(
-        "nsenter --net=/run/netns/lan /usr/sbin/nft 'flush chain netdev outside in; add rule netdev outside in ip "
+        "nsenter --net=/run/netns/lan /usr/sbin/nft 'flush chain netdev outside in; add rule "
+        "netdev outside in ip "
         "daddr "
-        "203.0.113.9 udp dport { 9, 53 } counter; add rule netdev outside in ip6 daddr 2001:db8:9::9 counter'");
+        "203.0.113.9 udp dport { 9, 53 } counter; add rule netdev outside in ip6 daddr "
+        "2001:db8:9::9 counter'");
   }
   static bool held() { return shell("ip route get 203.0.113.9").status != 0; }
 };
@@ -194,7 +224,11 @@ TEST_F(GatewayLeaks, NothingLeavesInClearWhileThePolicyNamesAGateway) {
   lay_cable("tun2001", 1);
   lay_cable("wgc3001", 2);
   EXPECT_TRUE(comes_true(
-      [] { return outside().find_first_of("123456789") == 0 && outside().find(" 0") == std::string::npos; }, 40))
+      [] {
+        return outside().find_first_of("123456789") == 0 &&
+               outside().find(" 0") == std::string::npos;
+      },
+      40))
       << "the counters see what leaves in clear: " << outside();
   ASSERT_EQ(set(FAILOVER), R"({"error":0})");
   ASSERT_TRUE(leaves_by("tun2001"));
@@ -202,15 +236,20 @@ TEST_F(GatewayLeaks, NothingLeavesInClearWhileThePolicyNamesAGateway) {
   shell("ip link delete tun2001");
   EXPECT_TRUE(comes_true([&] { return leaves_by("wgc3001"); }, 40));
   shell("ip link delete wgc3001");
-  EXPECT_TRUE(comes_true([] { return shell("ip route get 198.51.100.53").out.find("eth0") != std::string::npos; }, 40))
+  EXPECT_TRUE(comes_true(
+      [] { return shell("ip route get 198.51.100.53").out.find("eth0") != std::string::npos; }, 40))
       << "names of servers are found while there is no tunnel";
   EXPECT_TRUE(held());
-  EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "192.168.77.254"}).status, 0) << "the local network stays";
+  EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "192.168.77.254"}).status, 0)
+      << "the local network stays";
   lay_cable("tun2001", 1);
   EXPECT_TRUE(comes_true([&] { return leaves_by("tun2001"); }, 40));
   EXPECT_EQ(outside(), "0 0 ");
-  EXPECT_EQ(shell("grep -ac 'to wgc3001: the first tunnel is down' /var/lib/fenro/event.db").status, 0);
-  EXPECT_EQ(shell("grep -ac 'held back: no tunnel of the policy is up' /var/lib/fenro/event.db").status, 0);
+  EXPECT_EQ(shell("grep -ac 'to wgc3001: the first tunnel is down' /var/lib/fenro/event.db").status,
+            0);
+  EXPECT_EQ(
+      shell("grep -ac 'held back: no tunnel of the policy is up' /var/lib/fenro/event.db").status,
+      0);
   EXPECT_NE(shell("ip route get 203.0.113.9 mark 0x10000000").out.find("eth0"), std::string::npos)
       << "what a tunnel sends to its server never goes into one";
 }
@@ -233,7 +272,8 @@ TEST_F(GatewayLeaks, TheTunnelsNameServerIsUsedWhileItIsTheGateway) {
     return comes_true([&] { return read("/etc/resolv.conf").find(text) != std::string::npos; }, 40);
   };
   write("/tmp/resolv", own, 0644);
-  for (const auto& [section, server] : {std::pair{"OPENVPN_CLIENT1", "10.91.1.1"}, {"WG_CLIENT1", "10.91.2.1"}})
+  for (const auto& [section, server] :
+       {std::pair{"OPENVPN_CLIENT1", "10.91.1.1"}, {"WG_CLIENT1", "10.91.2.1"}})
     ASSERT_EQ(run({"/sbin/setcfg", section, "DNS Server", server, "-f", VPN_CONF}).status, 0);
   lay_cable("tun2001", 1);
   lay_cable("wgc3001", 2);
@@ -252,7 +292,8 @@ TEST_F(GatewayLeaks, TheTunnelsNameServerIsUsedWhileItIsTheGateway) {
   shell("ip link delete tun2001");
   EXPECT_TRUE(comes_true([&] { return leaves_by("wgc3001"); }, 40));
   EXPECT_EQ(read("/etc/resolv.conf"), "nameserver 203.0.113.53\n");
-  EXPECT_TRUE(comes_true([] { return read(CALLS).find("resolv.conf was changed") != std::string::npos; }));
+  EXPECT_TRUE(
+      comes_true([] { return read(CALLS).find("resolv.conf was changed") != std::string::npos; }));
   ASSERT_EQ(set("&as_gw_en=0"), R"({"error":0})");
   EXPECT_EQ(read("/etc/resolv.conf"), "nameserver 203.0.113.53\n");
   EXPECT_FALSE(fs::exists("/var/lib/fenro/dns/state"));
@@ -262,13 +303,15 @@ TEST_F(GatewayLeaks, AResolverOfTheHostIsToldOfTheTunnelsNameServer) {
   fs::create_directories("/run/systemd/resolve");
   record_calls("/usr/bin/resolvectl");
   write("/tmp/resolv", "nameserver 127.0.0.53\n", 0644);
-  ASSERT_EQ(run({"/sbin/setcfg", "OPENVPN_CLIENT1", "DNS Server", "10.91.1.1", "-f", VPN_CONF}).status, 0);
+  ASSERT_EQ(
+      run({"/sbin/setcfg", "OPENVPN_CLIENT1", "DNS Server", "10.91.1.1", "-f", VPN_CONF}).status,
+      0);
   lay_cable("tun2001", 1);
   ASSERT_EQ(set("&as_gw_en=1&gw1_type=OVPN&gw1_index=1&snat=1&failover_en=0"), R"({"error":0})");
   EXPECT_TRUE(recorded_soon("resolvectl", 3));
   ASSERT_EQ(set("&as_gw_en=0"), R"({"error":0})");
-  EXPECT_THAT(recorded("resolvectl"),
-              ElementsAre("dns|tun2001|10.91.1.1", "domain|tun2001|~.", "default-route|tun2001|yes", "revert|tun2001"));
+  EXPECT_THAT(recorded("resolvectl"), ElementsAre("dns|tun2001|10.91.1.1", "domain|tun2001|~.",
+                                                  "default-route|tun2001|yes", "revert|tun2001"));
   EXPECT_EQ(read("/etc/resolv.conf"), "nameserver 127.0.0.53\n");
   fs::remove("/usr/bin/resolvectl");
   fs::remove_all("/run/systemd/resolve");
@@ -281,11 +324,14 @@ TEST_F(GatewayLeaks, ATunnelThatTakesOverTranslatesFromItsFirstPacket) {
   ASSERT_EQ(set(FAILOVER), R"({"error":0})");
   ASSERT_TRUE(leaves_by("tun2001"));
   shell(
-      "ip address add 10.99.0.1/32 dev lo; nsenter --net=/run/netns/lan ip address replace 203.0.113.9/32 dev lo; "
+      "ip address add 10.99.0.1/32 dev lo; nsenter --net=/run/netns/lan ip address replace "
+      "203.0.113.9/32 dev lo; "
       "nsenter --net=/run/netns/lan /usr/sbin/nft 'add table netdev second; add "
       "chain "
-      "netdev second in { type filter hook ingress device far2 priority 0; }; add rule netdev second in ip daddr "
-      "203.0.113.9 ip saddr != 10.91.2.2 counter; add rule netdev second in ip daddr 203.0.113.9 ip saddr 10.91.2.2 "
+      "netdev second in { type filter hook ingress device far2 priority 0; }; add rule netdev "
+      "second in ip daddr "
+      "203.0.113.9 ip saddr != 10.91.2.2 counter; add rule netdev second in ip daddr 203.0.113.9 "
+      "ip saddr 10.91.2.2 "
       "counter';"
       "/bin/ping -i .01 -I 10.99.0.1 203.0.113.9 >/dev/null 2>&1 & echo $! >/tmp/bound");
   for (int round = 0; round < 3; ++round) {
@@ -294,7 +340,8 @@ TEST_F(GatewayLeaks, ATunnelThatTakesOverTranslatesFromItsFirstPacket) {
     shell("ip link set tun2001 up");
     EXPECT_TRUE(comes_true([&] { return leaves_by("tun2001"); }, 40));
   }
-  const std::string counted = shell("nsenter --net=/run/netns/lan /usr/sbin/nft list table netdev second").out;
+  const std::string counted =
+      shell("nsenter --net=/run/netns/lan /usr/sbin/nft list table netdev second").out;
   EXPECT_THAT(counted, ContainsRegex("saddr != 10.91.2.2 counter packets 0 "));
   EXPECT_THAT(counted, ContainsRegex("saddr 10.91.2.2 counter packets [1-9]"));
   shell("kill $(cat /tmp/bound); ip address del 10.99.0.1/32 dev lo");
@@ -315,15 +362,21 @@ class GatewayGuard : public GatewayLeaks {
     ASSERT_EQ(set(FAILOVER), R"({"error":0})");
   }
   void TearDown() override {
-    shell("kill $(cat /tmp/bound /tmp/near.pid); rm -rf /etc/config/ormel/guard.conf; /etc/init.d/vpn_guard.sh apply");
+    shell(
+        "kill $(cat /tmp/bound /tmp/near.pid); rm -rf /etc/config/ormel/guard.conf; "
+        "/etc/init.d/vpn_guard.sh apply");
     GatewayLeaks::TearDown();
   }
-  [[nodiscard]] WebReply guard(const std::string& form) const { return cgi("/ormel/guard/set", admin + '&' + form); }
+  [[nodiscard]] WebReply guard(const std::string& form) const {
+    return cgi("/ormel/guard/set", admin + '&' + form);
+  }
   static void count_all_anew() {
     shell(
-        "nsenter --net=/run/netns/lan /usr/sbin/nft 'flush chain netdev outside in; add rule netdev outside in ip "
+        "nsenter --net=/run/netns/lan /usr/sbin/nft 'flush chain netdev outside in; add rule "
+        "netdev outside in ip "
         "daddr "
-        "203.0.113.9 counter; add rule netdev outside in ip6 daddr 2001:db8:9::9 counter; add rule netdev outside in "
+        "203.0.113.9 counter; add rule netdev outside in ip6 daddr 2001:db8:9::9 counter; add rule "
+        "netdev outside in "
         "udp "
         "dport 53 ip daddr 192.168.77.254 counter'");
   }
@@ -347,7 +400,8 @@ TEST_F(GatewayGuard, NothingLeavesWithoutATunnelWhateverHappens) {
     return shell("/etc/init.d/vpn_guard.sh report").out.find("ipv4 0") == std::string::npos;
   })) << "the bound socket is stopped by the filter";
   shell(
-      "pkill -KILL fenro-networkd; ip rule | sed -n 's/:.*lookup 3500//p' | while read -r p; do ip rule del priority "
+      "pkill -KILL fenro-networkd; ip rule | sed -n 's/:.*lookup 3500//p' | while read -r p; do ip "
+      "rule del priority "
       "$p; "
       "done; while ip -6 rule del lookup 3500; do :; done 2>/dev/null");
   EXPECT_FALSE(held()) << "the filter is alone while no one looks after the routes";
@@ -355,21 +409,27 @@ TEST_F(GatewayGuard, NothingLeavesWithoutATunnelWhateverHappens) {
   EXPECT_EQ(shell("/bin/ping -c3 -i.2 -W5 192.168.77.254").status, 0);
   EXPECT_EQ(outside(), "0 0 0 ");
   shell("/usr/lib/fenro/as-lookup /bin/bash -c 'echo >/dev/udp/192.168.77.254/53'");
-  EXPECT_TRUE(comes_true([] { return outside() == "0 0 1 "; })) << "the name of a server is looked up: " << outside();
+  EXPECT_TRUE(comes_true([] { return outside() == "0 0 1 "; }))
+      << "the name of a server is looked up: " << outside();
   shell("setsid /usr/lib/fenro/fenro-networkd >/run/appliance/log/fenro-networkd.log 2>&1 &");
   EXPECT_TRUE(comes_to("holding"));
   lay_cable("tun2001", 1);
   EXPECT_TRUE(comes_true([&] { return leaves_by("tun2001"); }, 40));
-  EXPECT_EQ(shell("nsenter --net=/run/netns/lan /bin/ping -c1 -W5 -I 203.0.113.10 192.168.77.1").status, 0)
+  EXPECT_EQ(
+      shell("nsenter --net=/run/netns/lan /bin/ping -c1 -W5 -I 203.0.113.10 192.168.77.1").status,
+      0)
       << "a question from outside is answered";
   shell("nft flush ruleset");
   EXPECT_TRUE(comes_true([&] { return shell("nft list table inet fenro_guard").status == 0; }, 40));
   EXPECT_EQ(set("&as_gw_en=0"), R"({"error":0})");
   EXPECT_TRUE(comes_to("idle")) << state();
-  EXPECT_TRUE(comes_true([] { return outside().find("0 ") != 0; })) << "with the policy off traffic leaves again";
+  EXPECT_TRUE(comes_true([] { return outside().find("0 ") != 0; }))
+      << "with the policy off traffic leaves again";
   shell("kill -INT $(cat /tmp/near.pid)");
-  EXPECT_TRUE(comes_true([] { return read("/tmp/near").find(" 0% packet loss") != std::string::npos; }))
-      << "the local network loses nothing: " << read("/tmp/near").substr(read("/tmp/near").size() / 2);
+  EXPECT_TRUE(comes_true([] {
+    return read("/tmp/near").find(" 0% packet loss") != std::string::npos;
+  })) << "the local network loses nothing: "
+      << read("/tmp/near").substr(read("/tmp/near").size() / 2);
 }
 
 TEST_F(GatewayGuard, StrictHoldsWithoutAPolicyUntilItIsPausedOrOff) {
@@ -381,7 +441,8 @@ TEST_F(GatewayGuard, StrictHoldsWithoutAPolicyUntilItIsPausedOrOff) {
   EXPECT_EQ(outside(), "0 0 0 ");
   EXPECT_EQ(guard("pause=1").status, 0);
   EXPECT_TRUE(comes_to("paused"));
-  EXPECT_TRUE(comes_true([] { return outside().find(" 0 ") == std::string::npos || outside()[0] != '0'; }));
+  EXPECT_TRUE(
+      comes_true([] { return outside().find(" 0 ") == std::string::npos || outside()[0] != '0'; }));
   EXPECT_TRUE(fs::exists("/var/lib/fenro/guard.nft")) << "the next start of the host holds again";
   EXPECT_EQ(guard("mode=off").status, 0);
   EXPECT_TRUE(comes_to("off"));
@@ -401,7 +462,8 @@ TEST_F(GatewayGuard, SaysWhatItCannotDoAndChangesNothing) {
     fs::remove("/usr/sbin/nft");
     if (*broken) write("/usr/sbin/nft", broken, 0755);
     EXPECT_EQ(guard("dns=tunnel").status, 60);
-    EXPECT_THAT(read("/etc/config/ormel/guard.conf"), HasSubstr("mode = strict\nlan = 1\nipv6 = block\ndns = any\n"));
+    EXPECT_THAT(read("/etc/config/ormel/guard.conf"),
+                HasSubstr("mode = strict\nlan = 1\nipv6 = block\ndns = any\n"));
   }
   fs::remove("/usr/sbin/nft");
   write("/usr/sbin/nft", nft, 0755);
@@ -409,8 +471,8 @@ TEST_F(GatewayGuard, SaysWhatItCannotDoAndChangesNothing) {
   ASSERT_EQ(set("&as_gw_en=0"), R"({"error":0})");
   EXPECT_EQ(guard("mode=on").status, 36);
   const Result shown = run({"/usr/sbin/ormelctl", "guard"});
-  EXPECT_THAT(shown.out,
-              AllOf(StartsWith("strict, holding: "), HasSubstr("192.168.77.0/24"), HasSubstr("any name server")));
+  EXPECT_THAT(shown.out, AllOf(StartsWith("strict, holding: "), HasSubstr("192.168.77.0/24"),
+                               HasSubstr("any name server")));
   EXPECT_EQ(run({"/usr/sbin/ormelctl", "guard", "off"}).status, 0);
   EXPECT_EQ(shell("nft list table inet fenro_guard").status, 1);
   EXPECT_EQ(run({"/usr/sbin/ormelctl", "guard", "on"}).err,

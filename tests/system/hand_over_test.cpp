@@ -21,7 +21,9 @@ class Listener {
     std::string(SOCKET).copy(address.sun_path, sizeof address.sun_path - 1);
     fs::remove(SOCKET);
     fs::create_directories(fs::path(SOCKET).parent_path());
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd_, 8) != 0) return;
+    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(fd_, 8) != 0)
+      return;
     fs::permissions(SOCKET, fs::perms::all);  // so that it is the helper that refuses
     pid_ = fork();
     while (pid_ == 0) {
@@ -50,8 +52,8 @@ class Listener {
 class HandOver : public testing::Test {
  protected:
   HandOver() {
-    for (const char* name :
-         {"vpn_pptp.sh", "vpn_pptp_client.sh", "vpn_common.sh", "vpn_wireguard.sh", "vpn_strange.sh"}) {
+    for (const char* name : {"vpn_pptp.sh", "vpn_pptp_client.sh", "vpn_common.sh",
+                             "vpn_wireguard.sh", "vpn_strange.sh"}) {
       before_[name] = fs::exists(path(name)) ? read(path(name)) : "";
       write(path(name),
             "#!/bin/sh\n. /usr/lib/fenro/vpn_lib.sh\necho \"$# $* ${SECRET-none}\" >&2\n"
@@ -66,12 +68,14 @@ class HandOver : public testing::Test {
   static std::string path(const std::string& name) { return "/etc/init.d/" + name; }
   // As the web programs run it.
   static Result weak(std::vector<std::string> words) {
-    words.insert(words.begin(), {"/usr/bin/setpriv", "--bounding-set=-net_admin,-sys_admin,-sys_module", "--"});
+    words.insert(words.begin(),
+                 {"/usr/bin/setpriv", "--bounding-set=-net_admin,-sys_admin,-sys_module", "--"});
     return run(words, {"SECRET=s"});
   }
   static bool has_network_rights(const std::string& out) {
     const size_t at = out.find("CapEff:");
-    return at != std::string::npos && (std::stoull(out.substr(at + 7), nullptr, 16) >> 12U & 1U) != 0;
+    return at != std::string::npos &&
+           (std::stoull(out.substr(at + 7), nullptr, 16) >> 12U & 1U) != 0;
   }
 
  private:
@@ -85,7 +89,8 @@ TEST_F(HandOver, RunsWhatIsInTheTableWithRightsAndBringsTheOutcomeBack) {
       {{path("vpn_pptp_client.sh"), "stop", "32"}, "2 stop 32 none\n"},
       {{path("vpn_wireguard.sh"), "sync_peers"}, "1 sync_peers none\n"},
       {{path("vpn_common.sh"), "kick_all_connection", "1", ""}, "3 kick_all_connection 1  none\n"},
-      {{path("vpn_common.sh"), "kick_one_connection", "4", "a b;$(id)"}, "3 kick_one_connection 4 a b;$(id) none\n"},
+      {{path("vpn_common.sh"), "kick_one_connection", "4", "a b;$(id)"},
+       "3 kick_one_connection 4 a b;$(id) none\n"},
   };
   for (const auto& [words, said] : asked) {
     SCOPED_TRACE(said);
@@ -117,11 +122,12 @@ TEST_F(HandOver, RefusesAllElse) {
     EXPECT_EQ(result.status, 64) << words[0] << ' ' << words[1];
     EXPECT_EQ(result.out, "");
   }
-  for (const char* script : {"/etc/init.d/../init.d/vpn_pptp.sh", "/tmp/vpn_pptp.sh", "/usr/sbin/verify_ovpn.sh"})
+  for (const char* script :
+       {"/etc/init.d/../init.d/vpn_pptp.sh", "/tmp/vpn_pptp.sh", "/usr/sbin/verify_ovpn.sh"})
     EXPECT_EQ(run({HELPER, "call", script, "/etc/shadow"}).status, 64) << script;
   fs::permissions("/run/fenro", fs::perms::others_exec, fs::perm_options::add);
-  const Result foreign =
-      run({"/usr/bin/setpriv", "--reuid=65534", "--clear-groups", HELPER, "call", path("vpn_pptp.sh"), "start"});
+  const Result foreign = run({"/usr/bin/setpriv", "--reuid=65534", "--clear-groups", HELPER, "call",
+                              path("vpn_pptp.sh"), "start"});
   fs::permissions("/run/fenro", fs::perms::others_exec, fs::perm_options::remove);
   EXPECT_EQ(foreign.status, 1);
   EXPECT_EQ(foreign.out, "");

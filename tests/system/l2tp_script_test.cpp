@@ -1,5 +1,6 @@
-// The daemons of L2TP/IPsec on two appliances, with what the scripts write for them. A kernel without PPP or ESP lets
-// the scripts end early, so the daemons are started from here by the functions that the scripts use.
+// The daemons of L2TP/IPsec on two appliances, with what the scripts write for them. A kernel
+// without PPP or ESP lets the scripts end early, so the daemons are started from here by the
+// functions that the scripts use.
 // appliance: --pair --no-daemons
 #include "support/far_appliance.h"
 
@@ -19,7 +20,9 @@ constexpr const char* PPPD =
 // A line of shell among the scripts' own functions; the pre-shared key comes by standard input.
 std::vector<std::string> functions(const std::string& line) {
   return {"/bin/sh", "-c",
-          "for lib in vpn_lib vpn_firewall client_lib ppp_lib l2tp_lib; do . /usr/lib/fenro/$lib.sh; done\n" + line};
+          "for lib in vpn_lib vpn_firewall client_lib ppp_lib l2tp_lib; do . "
+          "/usr/lib/fenro/$lib.sh; done\n" +
+              line};
 }
 
 class L2tpScript : public testing::Test {
@@ -30,10 +33,9 @@ class L2tpScript : public testing::Test {
     write("/usr/sbin/pppd", PPPD, 0755);
     far::write("/usr/sbin/pppd", PPPD, 0755);
     write(VPN_CONF, std::string("[L2TP]\nEnable = TRUE\nPSK = ") + PSK + "\n");
-    far::write(
-        VPN_CONF,
-        std::string("[L2TP_CLIENT3]\nIndex = 3\nServer Address = 192.168.77.1\nDomain IP = 192.168.77.1\nPSK = ") +
-            PSK + "\nName = bob\nAccessCode = c2VjcmV0\n");
+    far::write(VPN_CONF, std::string("[L2TP_CLIENT3]\nIndex = 3\nServer Address = "
+                                     "192.168.77.1\nDomain IP = 192.168.77.1\nPSK = ") +
+                             PSK + "\nName = bob\nAccessCode = c2VjcmV0\n");
     started_server = run({SERVER, "start"});
     started_client = far::run({CLIENT, "start", "3"});
   }
@@ -50,16 +52,22 @@ class L2tpScript : public testing::Test {
 TEST_F(L2tpScript, TheIkeDaemonsAgreeOnTheKeyAndOnNothingElse) {
   if (started_server.status != 0) {
     EXPECT_THAT(started_server.err, HasSubstr("this kernel has no "));
-    ASSERT_EQ(run(functions("ipsec_write l2tpserver \"$(cat)\" %any 1701 '' none && ipsec_load"), {}, PSK).status, 0);
+    ASSERT_EQ(
+        run(functions("ipsec_write l2tpserver \"$(cat)\" %any 1701 '' none && ipsec_load"), {}, PSK)
+            .status,
+        0);
   }
-  far::run({"/bin/rm", "-f", "/run/fenro/reasons/L2TP_CLIENT3"});  // that this kernel lacks something
+  far::run(
+      {"/bin/rm", "-f", "/run/fenro/reasons/L2TP_CLIENT3"});  // that this kernel lacks something
   EXPECT_THAT(far::run({"/usr/sbin/ormelctl", "doctor", "l2tp/3", "--json"}).out,
               HasSubstr(R"("step":"server","result":"ok","text":"answers")"));
   const auto establishes = [](const std::string& key, const std::string& seconds) {
-    const Result loaded =
-        far::run(functions("ipsec_write l2tpclient3 \"$(cat)\" 192.168.77.1 11703 1701 trap && ipsec_load"), {}, key);
+    const Result loaded = far::run(
+        functions("ipsec_write l2tpclient3 \"$(cat)\" 192.168.77.1 11703 1701 trap && ipsec_load"),
+        {}, key);
     EXPECT_EQ(loaded.status, 0) << loaded.err;
-    const Result made = far::run(functions("ike_command --initiate --ike l2tpclient3 --timeout " + seconds));
+    const Result made =
+        far::run(functions("ike_command --initiate --ike l2tpclient3 --timeout " + seconds));
     return made.status == 0;
   };
   EXPECT_FALSE(establishes("another key", "6"));
@@ -73,19 +81,29 @@ TEST_F(L2tpScript, TheIkeDaemonsAgreeOnTheKeyAndOnNothingElse) {
 }
 
 TEST_F(L2tpScript, TheL2tpDaemonsMeetAndRunPppdUnderTheNamesThatAreLookedFor) {
-  if (started_server.status == 0) GTEST_SKIP() << "this kernel has all, and its IPsec would be in the way";
-  ASSERT_EQ(run(functions("l2tp_guard add && l2tp_launch /etc/config/ppp/xl2tpd.conf l2tpserver")).status, 0);
+  if (started_server.status == 0)
+    GTEST_SKIP() << "this kernel has all, and its IPsec would be in the way";
+  ASSERT_EQ(
+      run(functions("l2tp_guard add && l2tp_launch /etc/config/ppp/xl2tpd.conf l2tpserver")).status,
+      0);
   EXPECT_THAT(started_client.err, HasSubstr("this kernel has no "));
-  ASSERT_EQ(far::run(functions("l2tp_launch $RUN_DIR/l2tpclient3.conf l2tpclient3 l2tp_client_view")).status, 0);
-  EXPECT_FALSE(comes_true([] { return fs::exists("/tmp/pppd.run"); }, 4));  // without IPsec they are kept apart
+  ASSERT_EQ(
+      far::run(functions("l2tp_launch $RUN_DIR/l2tpclient3.conf l2tpclient3 l2tp_client_view"))
+          .status,
+      0);
+  EXPECT_FALSE(comes_true([] { return fs::exists("/tmp/pppd.run"); },
+                          4));  // without IPsec they are kept apart
   run(functions("l2tp_guard delete"));
   EXPECT_TRUE(comes_true([] { return fs::exists("/tmp/pppd.run"); }, 30));
-  EXPECT_THAT(read("/tmp/pppd.run"), ContainsRegex("^/usr/sbin/pppd .*10.2.0.1:10.2.0.2 .* file "
-                                                   "/etc/config/ppp/options.xl2tpd .*ipparam 192.168.77.2"));
+  EXPECT_THAT(read("/tmp/pppd.run"),
+              ContainsRegex("^/usr/sbin/pppd .*10.2.0.1:10.2.0.2 .* file "
+                            "/etc/config/ppp/options.xl2tpd .*ipparam 192.168.77.2"));
   EXPECT_TRUE(comes_true([] { return !far::read("/tmp/pppd.run").empty(); }, 30));
-  EXPECT_THAT(far::read("/tmp/pppd.run"), ContainsRegex("^/run/fenro/pppd-l2tp .* file " + std::string(PEER)));
+  EXPECT_THAT(far::read("/tmp/pppd.run"),
+              ContainsRegex("^/run/fenro/pppd-l2tp .* file " + std::string(PEER)));
   EXPECT_EQ(far::read("/usr/sbin/pppd"), PPPD);  // to all others it is what it was
-  const std::vector<std::string> hook{"/usr/lib/fenro/ppp-client-up", "ppp1253", "tty", "0", "10.2.0.2", "10.2.0.1"};
+  const std::vector<std::string> hook{
+      "/usr/lib/fenro/ppp-client-up", "ppp1253", "tty", "0", "10.2.0.2", "10.2.0.1"};
   for (const char* section : {"PPTP_CLIENT3", "L2TP_CLIENT3"}) {
     std::vector<std::string> words = hook;
     words.push_back(section);

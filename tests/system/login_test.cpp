@@ -39,7 +39,8 @@ Reply curl(const std::string& url, const std::string& options = "") {
   const std::string text = shell("curl -ki --max-time 60 " + options + " '" + url + "'").out;
   const std::size_t end = text.find("\r\n\r\n");
   if (end == std::string::npos) return {};
-  const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+  const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - start);
   return {std::stoi(text.substr(text.find(' '))), text.substr(0, end), text.substr(end + 4), time};
 }
 
@@ -48,14 +49,15 @@ std::string password_of(const std::string& user) {
   return line.substr(0, line.find('\n'));
 }
 
-Reply log_in(const std::string& user, const std::string& password, const std::string& options = "") {
+Reply log_in(const std::string& user, const std::string& password,
+             const std::string& options = "") {
   return curl(LOGIN, options + " -d 'user=" + user + "' -d 'password=" + password + "'");
 }
 
 int events(const char* user, const char* ip, const char* text) {
   void* const library = dlopen("libfenro.so", RTLD_NOW);
-  const auto count =
-      reinterpret_cast<decltype(&naslog_event_query_count_ex)>(dlsym(library, "naslog_event_query_count_ex"));
+  const auto count = reinterpret_cast<decltype(&naslog_event_query_count_ex)>(
+      dlsym(library, "naslog_event_query_count_ex"));
   return count(0, "", "", user, ip, "", text, "", "");
 }
 
@@ -71,14 +73,18 @@ TEST_F(WebLogin, BeginsASessionThatTheRoutesTakeUntilItIsEnded) {
   for (const std::string user : {"admin", "guest"}) {
     const Reply reply = log_in(user, password_of(user));
     const std::string sid = reply.body.substr(18, 8), admin = user == "admin" ? "true" : "false";
-    EXPECT_EQ(reply.body, std::string{R"({"error":0,"sid":")"}.append(sid).append(R"(","admin":)").append(admin) + "}");
+    EXPECT_EQ(
+        reply.body,
+        std::string{R"({"error":0,"sid":")"}.append(sid).append(R"(","admin":)").append(admin) +
+            "}");
     EXPECT_NE(reply.head.find("Cache-Control: no-store"), std::string::npos) << reply.head;
     const std::string file = read(SESSIONS + sid);
     EXPECT_NE(file.find("ip = 127.0.0.1\nhost_ip = 127.0.0.1\n"), std::string::npos) << file;
     const std::string route = "https://localhost" + std::string{SHOW} + "?type=256&sid=" + sid;
     EXPECT_EQ(curl(route).body.find(R"({"error":39)"), std::string::npos);
     const std::string form = "-d sid=" + sid;
-    const Reply ended = user == "admin" ? curl(LOGOUT, form) : curl(std::string{LOGOUT} + "?sid=" + sid);
+    const Reply ended =
+        user == "admin" ? curl(LOGOUT, form) : curl(std::string{LOGOUT} + "?sid=" + sid);
     EXPECT_EQ(ended.body, R"({"error":0})");
     EXPECT_EQ(curl(route).body, NO_SESSION);
     EXPECT_EQ(curl(LOGOUT, form).body, NO_SESSION);
@@ -90,7 +96,8 @@ TEST_F(WebLogin, BeginsASessionThatTheRoutesTakeUntilItIsEnded) {
 TEST_F(WebLogin, RefusesAWrongPasswordAndAnUnknownUserAlike) {
   std::vector<std::future<Reply>> replies;
   for (const char* user : {"admin", "nobody-here", "a%0ab"})
-    replies.push_back(std::async(std::launch::async, [user] { return log_in(user, "wr0ng-secret"); }));
+    replies.push_back(
+        std::async(std::launch::async, [user] { return log_in(user, "wr0ng-secret"); }));
   for (auto& future : replies) {
     const Reply reply = future.get();
     EXPECT_EQ(reply.status, 200);
@@ -107,7 +114,8 @@ TEST_F(WebLogin, RefusesAnAddressThatFailedTooOften) {
   const std::string from = "--interface 127.0.0.2";
   for (const int together : {4, 4, 2}) {  // the web server lets no more in at once
     std::vector<std::future<Reply>> replies(static_cast<std::size_t>(together));
-    for (auto& reply : replies) reply = std::async(std::launch::async, [&] { return log_in("admin", "wrong", from); });
+    for (auto& reply : replies)
+      reply = std::async(std::launch::async, [&] { return log_in("admin", "wrong", from); });
     for (auto& reply : replies) EXPECT_EQ(reply.get().body, REFUSED);
   }
   for (int i = 0; i < 2; ++i) {
@@ -142,16 +150,20 @@ TEST_F(WebLogin, TakesNothingButAFormInTheBody) {
     EXPECT_EQ(reply.body.find("sid"), std::string::npos);
   }
   const Reply page = curl(LOGIN + ("?" + fields));
-  for (const char* part : {"Content-Type: text/html; charset=utf-8", "form-action 'self'", "Cache-Control: no-store",
-                           "<form method=\"post\">"})
+  for (const char* part : {"Content-Type: text/html; charset=utf-8", "form-action 'self'",
+                           "Cache-Control: no-store", "<form method=\"post\">"})
     EXPECT_NE((page.head + page.body).find(part), std::string::npos) << part;
 
   // Straight to the program, as a web server would that knows no TLS, or puts other routes on it.
-  const std::string cgi = "printf '" + fields + "' | env -i REQUEST_METHOD=POST REMOTE_ADDR=127.0.0.1 CONTENT_TYPE=" +
+  const std::string cgi = "printf '" + fields +
+                          "' | env -i REQUEST_METHOD=POST REMOTE_ADDR=127.0.0.1 CONTENT_TYPE=" +
                           "application/x-www-form-urlencoded SCRIPT_URL=/fenro/login ";
-  for (const auto& [environment, status] :
-       {std::pair{"", "403"}, {"HTTPS=off", "403"}, {"HTTPS=on SCRIPT_URL=/ormel", "404"}, {"HTTPS=on", "200"}})
-    EXPECT_EQ(shell(cgi + environment + " /usr/lib/fenro/fenro-login.cgi").out.substr(8, 3), status) << environment;
+  for (const auto& [environment, status] : {std::pair{"", "403"},
+                                            {"HTTPS=off", "403"},
+                                            {"HTTPS=on SCRIPT_URL=/ormel", "404"},
+                                            {"HTTPS=on", "200"}})
+    EXPECT_EQ(shell(cgi + environment + " /usr/lib/fenro/fenro-login.cgi").out.substr(8, 3), status)
+        << environment;
 }
 
 TEST_F(WebLogin, TheToolKeepsTheSessions) {
@@ -163,7 +175,9 @@ TEST_F(WebLogin, TheToolKeepsTheSessions) {
   EXPECT_EQ(shell("echo " + sid + " | " + TOOL + "end -").status, 0);
   EXPECT_EQ(tool("list").out, "");
   const std::pair<int, std::vector<const char*>> rows[] = {
-      {2, {"", "create", "create guest 1 2 3", "create guest 192.0.2.", "list all", "end", "frobnicate"}},
+      {2,
+       {"", "create", "create guest 1 2 3", "create guest 192.0.2.", "list all", "end",
+        "frobnicate"}},
       {1, {"create no-such-user", "end ../../etc", "end-user guest"}},
       {0, {"create guest"}},
       {4, {"create guest >/dev/full"}},
@@ -177,8 +191,10 @@ TEST_F(WebLogin, TheToolKeepsTheSessions) {
 
 TEST_F(WebLogin, EndsTheSessionsOfAnAccountThatIsLockedOrExpiredOrGone) {
   ASSERT_EQ(shell("useradd --no-create-home mallory && echo mallory:secret | chpasswd").status, 0);
-  for (const char* change : {"usermod -L mallory", "usermod -e 1970-01-02 mallory", "userdel mallory"}) {
-    const std::string sid = shell(TOOL + std::string{"create mallory"}).out.substr(0, 8), file = SESSIONS + sid;
+  for (const char* change :
+       {"usermod -L mallory", "usermod -e 1970-01-02 mallory", "userdel mallory"}) {
+    const std::string sid = shell(TOOL + std::string{"create mallory"}).out.substr(0, 8),
+                      file = SESSIONS + sid;
     const auto answer = [&] {
       shell("touch -d '-2 minutes' " + file);  // as if it had not been used since
       return curl("https://localhost" + std::string{SHOW}, "-d type=256 -d sid=" + sid).body;

@@ -1,4 +1,5 @@
-// Foreign OpenVPN profiles: judged by the real checker, imported both ways, and kept from doing harm when they run.
+// Foreign OpenVPN profiles: judged by the real checker, imported both ways, and kept from doing
+// harm when they run.
 
 #include "ormel/base/handle.h"
 #include "support/web_request.h"
@@ -18,13 +19,14 @@ constexpr const char* UPLOAD = "/tmp/u.ovpn";
 class OpenVpnProfile : public WebHost {
  protected:
   static void SetUpTestSuite() {
-    run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj",
-         "/CN=vpn", "-keyout", "/tmp/own.key", "-out", "/tmp/own.crt"});
+    run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+         "-nodes", "-subj", "/CN=vpn", "-keyout", "/tmp/own.key", "-out", "/tmp/own.crt"});
     run({"/usr/bin/openssl", "genpkey", "-algorithm", "ED25519", "-out", "/tmp/other.key"});
   }
   void SetUp() override {
     for (const char* script : {"vpn_common.sh", "vpn_openvpn_client.sh"})
-      fs::copy_file(fs::path("/etc/init.d") / script, fs::path("/tmp") / script, fs::copy_options::overwrite_existing);
+      fs::copy_file(fs::path("/etc/init.d") / script, fs::path("/tmp") / script,
+                    fs::copy_options::overwrite_existing);
     WebHost::SetUp();
     fs::copy_file("/tmp/vpn_openvpn_client.sh", CLIENT, fs::copy_options::overwrite_existing);
     fs::remove(MARK);
@@ -32,12 +34,13 @@ class OpenVpnProfile : public WebHost {
   }
   void TearDown() override {
     run({CLIENT, "stop", "1"});
-    fs::copy_file("/tmp/vpn_common.sh", "/etc/init.d/vpn_common.sh", fs::copy_options::overwrite_existing);
+    fs::copy_file("/tmp/vpn_common.sh", "/etc/init.d/vpn_common.sh",
+                  fs::copy_options::overwrite_existing);
     for (const char* file : {STORED, ONLINE, MARK}) fs::remove(file);
   }
   static std::string profile(const std::string& lines = {}) {
-    return "client\ndev tun\nremote 127.0.0.1 9 udp\nauth-user-pass\n" + lines + "<ca>\n" + read("/tmp/own.crt") +
-           "</ca>\n";
+    return "client\ndev tun\nremote 127.0.0.1 9 udp\nauth-user-pass\n" + lines + "<ca>\n" +
+           read("/tmp/own.crt") + "</ca>\n";
   }
   static int verify(const std::string& text, const std::string& arguments = {}) {
     write(UPLOAD, text);
@@ -45,8 +48,8 @@ class OpenVpnProfile : public WebHost {
   }
   static Result import_profile(const std::string& text, const std::vector<std::string>& more = {}) {
     write(UPLOAD, text);
-    std::vector<std::string> options{"--type=OVPN", std::string("--import=") + UPLOAD, "--name=office", "--user=bob",
-                                     "--pass=p"};
+    std::vector<std::string> options{"--type=OVPN", std::string("--import=") + UPLOAD,
+                                     "--name=office", "--user=bob", "--pass=p"};
     options.insert(options.end(), more.begin(), more.end());
     return cli(options);
   }
@@ -54,18 +57,23 @@ class OpenVpnProfile : public WebHost {
 
 // Each of these would have the daemon run, load or write something, if it met them unprepared.
 const std::string ACTIVE_LINES =
-    "up /tmp/trap\nroute-up /tmp/trap\ntls-verify /tmp/trap\nipchange /tmp/trap\nlearn-address /tmp/trap\n"
-    "auth-user-pass-verify /tmp/trap via-env\nplugin /tmp/trap\n\"plugin\" /tmp/trap\nsetenv opt plugin /tmp/trap\n"
-    "config /tmp/trap\ncd /nowhere\nchroot /tmp\nmanagement /tmp/mark unix\nlog /tmp/mark\nlog-append /tmp/mark\n"
-    "status /tmp/mark\nwritepid /tmp/mark\niproute /tmp/trap\ndaemon\ngenkey tls-auth /tmp/mark\nscript-security 3\n";
+    "up /tmp/trap\nroute-up /tmp/trap\ntls-verify /tmp/trap\nipchange /tmp/trap\nlearn-address "
+    "/tmp/trap\n"
+    "auth-user-pass-verify /tmp/trap via-env\nplugin /tmp/trap\n\"plugin\" /tmp/trap\nsetenv opt "
+    "plugin /tmp/trap\n"
+    "config /tmp/trap\ncd /nowhere\nchroot /tmp\nmanagement /tmp/mark unix\nlog "
+    "/tmp/mark\nlog-append /tmp/mark\n"
+    "status /tmp/mark\nwritepid /tmp/mark\niproute /tmp/trap\ndaemon\ngenkey tls-auth "
+    "/tmp/mark\nscript-security 3\n";
 
 TEST_F(OpenVpnProfile, IsJudgedByTheDaemonWithoutActing) {
   EXPECT_EQ(verify(profile()), 0);
   EXPECT_EQ(verify(profile(ACTIVE_LINES)), 0) << "they are not of the profile's substance";
   EXPECT_FALSE(fs::exists(MARK));
   for (const char* kept :
-       {"cipher BF-CBC\n", "<connection>\nremote b.example 443 tcp\n</connection>\n", "tls-auth ta.key 1\n",
-        "pkcs12 me.p12\n", "crl-verify crl.pem\n", "tls-cipher NONE\n", "comp-lzo\n", "ncp-disable\n"})
+       {"cipher BF-CBC\n", "<connection>\nremote b.example 443 tcp\n</connection>\n",
+        "tls-auth ta.key 1\n", "pkcs12 me.p12\n", "crl-verify crl.pem\n", "tls-cipher NONE\n",
+        "comp-lzo\n", "ncp-disable\n"})
     EXPECT_EQ(verify(profile(kept)), 0) << kept;
 }
 
@@ -78,9 +86,11 @@ TEST_F(OpenVpnProfile, IsRefusedWhenTheDaemonCanNotTakeIt) {
       profile("no-such-option 1\n"),
       profile("remote\n"),
       profile("tls-version-min 9.9\n"),
-      profile("<tls-auth>\nnot a key</tls-auth>\nplugin /tmp/trap\n"),  // the daemon would go on in the block
+      profile("<tls-auth>\nnot a key</tls-auth>\nplugin /tmp/trap\n"),  // the daemon would go on in
+                                                                        // the block
       "client\ndev tun\nremote 127.0.0.1 9\nauth-user-pass\n<ca>\nnot a certificate\n</ca>\n",
-      profile("<cert>\n" + read("/tmp/own.crt") + "</cert>\n<key>\n" + read("/tmp/other.key") + "</key>\n"),
+      profile("<cert>\n" + read("/tmp/own.crt") + "</cert>\n<key>\n" + read("/tmp/other.key") +
+              "</key>\n"),
       profile("verb " + std::string(1 << 20, '1') + "\nsetenv " + std::string(1 << 20, 'A') + "\n"),
       profile(std::string(10 << 20, 'x')),
   };
@@ -93,7 +103,8 @@ TEST_F(OpenVpnProfile, IsRefusedWhenTheDaemonCanNotTakeIt) {
 TEST_F(OpenVpnProfile, IsRefusedWithTheCauseInWords) {
   run({"/bin/sh", "-c",
        "cd /tmp; openssl req -newkey rsa:2048 -nodes -subj /CN=c -keyout weak.key -out weak.csr;"
-       "openssl x509 -req -sha1 -in weak.csr -CA own.crt -CAkey own.key -CAcreateserial -days 9 -out weak.crt;"
+       "openssl x509 -req -sha1 -in weak.csr -CA own.crt -CAkey own.key -CAcreateserial -days 9 "
+       "-out weak.crt;"
        "openssl req -x509 -newkey rsa:512 -nodes -subj /CN=c -keyout short.key -out short.crt"},
       {"PATH=/usr/bin:/bin"});
   const struct {
@@ -105,17 +116,20 @@ TEST_F(OpenVpnProfile, IsRefusedWithTheCauseInWords) {
       {"own.crt", "weak.csr", "weak.key", "not in PEM format: CERTIFICATE"},
       {"own.key", "own.crt", "own.key", "Cannot load CA certificate"},
   };
-  write(UPLOAD, "client\ndev tun\nremote 127.0.0.1 9\nca ca.crt\ncert client.crt\nkey client.key\n");
+  write(UPLOAD,
+        "client\ndev tun\nremote 127.0.0.1 9\nca ca.crt\ncert client.crt\nkey client.key\n");
   for (const auto& row : rows) {
-    const std::string files =
-        std::string("--ca /tmp/") + row.ca + " --cert /tmp/" + row.certificate + " --key /tmp/" + row.key + ' ';
+    const std::string files = std::string("--ca /tmp/") + row.ca + " --cert /tmp/" +
+                              row.certificate + " --key /tmp/" + row.key + ' ';
     EXPECT_THAT(run({VERIFY, UPLOAD, files}).err, HasSubstr(row.cause)) << files;
     const auto upload = [](const char* name, const char* file) {
       return part(name, read(std::string("/tmp/") + file), file);
     };
     const std::string body = part("ovpn", read(UPLOAD), "p.ovpn") + upload("ca", row.ca) +
-                             upload("cert", row.certificate) + upload("key", row.key) + "--edge--\r\n";
-    EXPECT_THAT(cgi("/ormel/config/report", admin, {MULTIPART, "CONTENT_LENGTH=1"}, body).body, HasSubstr(row.cause))
+                             upload("cert", row.certificate) + upload("key", row.key) +
+                             "--edge--\r\n";
+    EXPECT_THAT(cgi("/ormel/config/report", admin, {MULTIPART, "CONTENT_LENGTH=1"}, body).body,
+                HasSubstr(row.cause))
         << files;
   }
 }
@@ -124,9 +138,10 @@ TEST_F(OpenVpnProfile, ComesWithKeyFilesThatAreNamedPlainly) {
   const std::string names = "ca ca.crt\ncert client.crt\nkey client.key\n";
   const std::string text = "client\ndev tun\nremote 127.0.0.1 9\n" + names;
   EXPECT_EQ(verify(text, "--ca /tmp/own.crt --cert /tmp/own.crt --key /tmp/own.key "), 0);
-  for (const char* wrong : {"", "--ca /tmp/own.crt ", "--ca /tmp/own.crt --cert /tmp/own.crt --key /tmp/other.key ",
-                            "--ca /tmp/own.crt --cert /tmp/own.crt --key /tmp/own.key --up /tmp/trap ",
-                            "--ca $(/tmp/trap) ", "--ca /tmp/own.crt;/tmp/trap", "--ca /tmp ", "--ca own.crt ", "--ca"})
+  for (const char* wrong :
+       {"", "--ca /tmp/own.crt ", "--ca /tmp/own.crt --cert /tmp/own.crt --key /tmp/other.key ",
+        "--ca /tmp/own.crt --cert /tmp/own.crt --key /tmp/own.key --up /tmp/trap ",
+        "--ca $(/tmp/trap) ", "--ca /tmp/own.crt;/tmp/trap", "--ca /tmp ", "--ca own.crt ", "--ca"})
     EXPECT_NE(verify(text, wrong), 0) << wrong;
   EXPECT_FALSE(fs::exists(MARK));
 }
@@ -143,7 +158,8 @@ TEST_F(OpenVpnProfile, IsImportedByBothWays) {
                part("ovpn", text, "office.ovpn") + "--edge--\r\n")
         .body;
   };
-  EXPECT_EQ(post("/ormel/config/import", profile("no-such-option\n")), refusal(23, "incorrect client config"));
+  EXPECT_EQ(post("/ormel/config/import", profile("no-such-option\n")),
+            refusal(23, "incorrect client config"));
   EXPECT_FALSE(fs::exists(STORED));
   EXPECT_THAT(post("/ormel/config/check", profile("comp-lzo\n")), HasSubstr("\"compress\":true"));
   EXPECT_THAT(post("/ormel/config/import", profile()), HasSubstr("\"server_ip\":\"127.0.0.1\""));
@@ -154,9 +170,10 @@ TEST_F(OpenVpnProfile, DoesNotRunWhenALineCouldDoHarm) {
   ASSERT_EQ(import_profile(profile()).status, 0);
   const std::string stored = read(STORED);
   for (const char* line :
-       {"plugin /tmp/trap", "plugin /usr/lib/../../tmp/trap", "setenv opt plugin /tmp/trap", "config /tmp/trap",
-        "chroot /tmp", "engine dynamic", "providers /tmp/trap", "pkcs11-providers /tmp/trap",
-        "setenv LD_PRELOAD /tmp/trap", "setenv PATH /tmp", "replay-persist /tmp/mark", "genkey secret /tmp/mark",
+       {"plugin /tmp/trap", "plugin /usr/lib/../../tmp/trap", "setenv opt plugin /tmp/trap",
+        "config /tmp/trap", "chroot /tmp", "engine dynamic", "providers /tmp/trap",
+        "pkcs11-providers /tmp/trap", "setenv LD_PRELOAD /tmp/trap", "setenv PATH /tmp",
+        "replay-persist /tmp/mark", "genkey secret /tmp/mark",
         "http-proxy 127.0.0.1 9 /etc/shadow basic", "socks-proxy 127.0.0.1 9 /etc/shadow"}) {
     SCOPED_TRACE(line);
     write(STORED, std::string(line) + '\n' + stored);
@@ -171,8 +188,10 @@ TEST_F(OpenVpnProfile, RunsWithoutTheScriptsAndFilesOfOthers) {
   if (const ormel::Fd device{open("/dev/net/tun", O_RDWR | O_CLOEXEC)}; !device)
     GTEST_SKIP() << "no OpenVPN without the TUN device /dev/net/tun";
   ASSERT_EQ(
-      import_profile(profile("status /tmp/mark 1\nlog-append /tmp/mark\nroute-up /tmp/trap\ntls-verify /tmp/trap\n"
-                             "cipher BF-CBC\nproto tcp-client\nsetenv UV_ID 1\n"))
+      import_profile(
+          profile(
+              "status /tmp/mark 1\nlog-append /tmp/mark\nroute-up /tmp/trap\ntls-verify /tmp/trap\n"
+              "cipher BF-CBC\nproto tcp-client\nsetenv UV_ID 1\n"))
           .status,
       0);
   const Result started = run({CLIENT, "start", "1"});
@@ -181,15 +200,16 @@ TEST_F(OpenVpnProfile, RunsWithoutTheScriptsAndFilesOfOthers) {
   EXPECT_THAT(found, HasSubstr("/usr/lib/fenro/openvpnclient "));
   EXPECT_THAT(found, HasSubstr("/usr/lib/fenro/fenro-openvpn-login client1"));
   EXPECT_THAT(found, Not(HasSubstr("BF-CBC"))) << "a cipher that the daemon would end for";
-  EXPECT_THAT(run({CGI}, {"SCRIPT_URL=/ormel/config/show", "QUERY_STRING=" + admin + "&type=1024"}).out,
-              HasSubstr("\"status\":2"));
+  EXPECT_THAT(
+      run({CGI}, {"SCRIPT_URL=/ormel/config/show", "QUERY_STRING=" + admin + "&type=1024"}).out,
+      HasSubstr("\"status\":2"));
   EXPECT_EQ(run({CLIENT, "stop", "1"}).status, 0);
   EXPECT_EQ(run({"/usr/bin/pgrep", "-f", "openvpnclient"}).status, 1);
   EXPECT_FALSE(fs::exists(MARK));
 }
 
-// Profiles made to have the daemon load, run, read or write something. They lie where an earlier version has stored
-// them, or come as uploads; the plugin is where root's own libraries do.
+// Profiles made to have the daemon load, run, read or write something. They lie where an earlier
+// version has stored them, or come as uploads; the plugin is where root's own libraries do.
 class HostileProfile : public OpenVpnProfile {
  protected:
   void SetUp() override {
@@ -200,12 +220,14 @@ class HostileProfile : public OpenVpnProfile {
   // What the daemon has read: its copy is in a view of the file system that only it has.
   static std::string copy() {
     std::string pid = run({"/usr/bin/pgrep", "-f", "^/usr/lib/fenro/openvpnclient"}).out;
-    return read("/proc/" + pid.substr(0, pid.find('\n')) + "/root/run/fenro/openvpn-client1/profile");
+    return read("/proc/" + pid.substr(0, pid.find('\n')) +
+                "/root/run/fenro/openvpn-client1/profile");
   }
   // Events of the start script; those of the program come when they may.
   static std::vector<std::string> events() {
     std::vector<std::string> found = recorded("notify");
-    std::erase_if(found, [](const std::string& event) { return event.find("|9001|") == std::string::npos; });
+    std::erase_if(
+        found, [](const std::string& event) { return event.find("|9001|") == std::string::npos; });
     return found;
   }
   // With the lines at the beginning, so that the first of them is line 1.
@@ -243,10 +265,12 @@ TEST_F(HostileProfile, DoesNotRunAndTheAnswerNamesTheLine) {
       {"setenv opt\fdown \"/bin/sh -c /tmp/trap\"\n", "line 1: a control byte"},
       {"setenv opt\rplugin /usr/lib/canary.so\n", "line 1: a control byte"},
       {"mute 1\rplugin /usr/lib/canary.so\n", "line 1: a control byte"},
-      {"ignore-unknown-option <foo </foo\n<foo bar>\nplugin /usr/lib/canary.so\n</foo bar>\n", "line 2: a name that"},
+      {"ignore-unknown-option <foo </foo\n<foo bar>\nplugin /usr/lib/canary.so\n</foo bar>\n",
+       "line 2: a name that"},
       {"<ca>\n<ca>\n</ca>\nplugin /usr/lib/canary.so\n", "line 2: a \"<\" within a block"},
       {"<ca>\n", "within a block"},
-      {"mute 1" + std::string(250, ' ') + "plugin /usr/lib/canary.so\n", "line 1: a line that is too long"},
+      {"mute 1" + std::string(250, ' ') + "plugin /usr/lib/canary.so\n",
+       "line 1: a line that is too long"},
       {"mute \"1\n", "line 1: a quotation without an end"},
       {"mute a\\b\n", "line 1: a backslash before a plain byte"},
       {"http-proxy-user-pass /etc/shadow\n", "for its line: http-proxy-user-pass"},
@@ -295,9 +319,11 @@ TEST_F(HostileProfile, RunsWithoutItsLineAndAnEventNamesItOnce) {
   ASSERT_EQ(events().size(), 1U) << "once for one content";
   EXPECT_THAT(events()[0], Not(AnyOf(HasSubstr("/tmp/"), HasSubstr("/etc/"))));
   for (size_t at = 0; at < lines.size(); ++at) {
-    const std::string option = lines[at].starts_with("setenv opt ") ? lines[at].substr(11) : lines[at];
+    const std::string option =
+        lines[at].starts_with("setenv opt ") ? lines[at].substr(11) : lines[at];
     EXPECT_THAT(given, Not(HasSubstr('\n' + option))) << option;
-    EXPECT_THAT(events()[0], HasSubstr("line " + std::to_string(at + 1) + ": " + option.substr(0, option.find(' '))));
+    EXPECT_THAT(events()[0], HasSubstr("line " + std::to_string(at + 1) + ": " +
+                                       option.substr(0, option.find(' '))));
   }
   run({CLIENT, "stop", "1"});
   EXPECT_FALSE(fs::exists(MARK));
@@ -309,13 +335,18 @@ TEST_F(HostileProfile, ADaemonCanNotChangeTheSystem) {
       ". /usr/lib/fenro/vpn_lib.sh; . /usr/lib/fenro/ovpn_lib.sh; ovpn_jail \"$0\" sh -c \"$1\"";
   for (const char* place : {"", "/run/fenro/place"}) {
     for (const char* path : {"/usr/lib/mark", "/usr/sbin/mark", "/etc/mark"})
-      EXPECT_NE(run({"/bin/sh", "-c", JAIL, place, std::string("echo >") + path}).status, 0) << path;
+      EXPECT_NE(run({"/bin/sh", "-c", JAIL, place, std::string("echo >") + path}).status, 0)
+          << path;
   }
-  for (const char* path : {"/mark", "/etc/config/mark", "/root/mark", "/run/mark", "/var/lib/mark", "/var/tmp/mark"})
+  for (const char* path :
+       {"/mark", "/etc/config/mark", "/root/mark", "/run/mark", "/var/lib/mark", "/var/tmp/mark"})
     EXPECT_NE(run({"/bin/sh", "-c", JAIL, "", std::string("echo >") + path}).status, 0) << path;
   EXPECT_EQ(run({"/bin/sh", "-c", JAIL, "", "echo >/tmp/mark"}).err, "");
   EXPECT_FALSE(fs::exists(MARK)) << "its /tmp is its own";
-  EXPECT_EQ(run({"/bin/sh", "-c", JAIL, "/run/fenro/place", "echo >/etc/config/jail && rm /etc/config/jail"}).err, "")
+  EXPECT_EQ(run({"/bin/sh", "-c", JAIL, "/run/fenro/place",
+                 "echo >/etc/config/jail && rm /etc/config/jail"})
+                .err,
+            "")
       << "the hooks write settings";
 }
 
@@ -323,7 +354,8 @@ TEST_F(HostileProfile, ADaemonCanNotChangeTheSystem) {
 TEST_F(OpenVpnProfile, HooksTakeAnyEnvironment) {
   constexpr const char* UP = "/usr/lib/fenro/ovpn-server-up";
   constexpr const char* DOWN = "/usr/lib/fenro/ovpn-server-down";
-  const std::vector<std::string> place{"trusted_ip=192.0.2.7", "trusted_port=4000", "ifconfig_local=10.8.0.1",
+  const std::vector<std::string> place{"trusted_ip=192.0.2.7", "trusted_port=4000",
+                                       "ifconfig_local=10.8.0.1",
                                        "ifconfig_pool_remote_ip=10.8.0.9"};
   EXPECT_EQ(run({UP}).status, 0);
   EXPECT_EQ(run({DOWN}).status, 0);
@@ -333,7 +365,8 @@ TEST_F(OpenVpnProfile, HooksTakeAnyEnvironment) {
   for (const std::string& name :
        {std::string(10240, 'n'), std::string("a b\n$(/tmp/trap)\xff'\""), std::string("bob")}) {
     std::vector<std::string> environment = place;
-    environment.insert(environment.end(), {"username=" + name, "IV_PLAT=$(/tmp/trap)\nx", "bytes_sent=nan"});
+    environment.insert(environment.end(),
+                       {"username=" + name, "IV_PLAT=$(/tmp/trap)\nx", "bytes_sent=nan"});
     EXPECT_EQ(run({UP}, environment).status, 0);
     const std::string list = read(ONLINE);
     EXPECT_THAT(list, StartsWith("openvpn 192.0.2.7 4000 10.8.0.1 10.8.0.9 4 "));
@@ -342,8 +375,10 @@ TEST_F(OpenVpnProfile, HooksTakeAnyEnvironment) {
   EXPECT_EQ(run({DOWN}, place).status, 0);
   EXPECT_EQ(read(ONLINE), "");
   for (const char* hook : {"/etc/openvpn/openvpn_up", "/etc/openvpn/openvpn_down"}) {
-    for (const char* interface : {"", "tun", "tun1", "tun2001", "tun02001", "tun$(/tmp/trap)", "tun2001;/tmp/trap"})
-      run({hook, interface, "1500", "0", "10.8.0.2", "255.255.255.0", "init"}, {"route_vpn_gateway=$(/tmp/trap)"});
+    for (const char* interface :
+         {"", "tun", "tun1", "tun2001", "tun02001", "tun$(/tmp/trap)", "tun2001;/tmp/trap"})
+      run({hook, interface, "1500", "0", "10.8.0.2", "255.255.255.0", "init"},
+          {"route_vpn_gateway=$(/tmp/trap)"});
   }
   EXPECT_FALSE(fs::exists(MARK));
   EXPECT_EQ(conf_value("OPENVPN_CLIENT1", "LocalIP"), "") << "there is no such profile";

@@ -1,4 +1,5 @@
-// An OpenVPN server on one appliance and a client of it on another, all by the web interfaces, with the real daemons.
+// An OpenVPN server on one appliance and a client of it on another, all by the web interfaces, with
+// the real daemons.
 // appliance: --pair --web
 
 #include "ormel/drivers/openvpn/openvpn.h"
@@ -19,7 +20,7 @@ constexpr const char* SERVER_END = "10.8.0.1";
 constexpr const char* USER = "guest";
 constexpr const char* OK = "{\"error\":0}";
 const auto DONE = EndsWith(",\"error\":0}");  // behind the data
-constexpr int PATIENCE = 40;                  // seconds for a tunnel to come or go on a busy machine
+constexpr int PATIENCE = 40;  // seconds for a tunnel to come or go on a busy machine
 
 std::string member(const json_t* object, const char* name) {
   const json_t* value = json_object_get(object, name);
@@ -32,7 +33,8 @@ std::vector<std::string> members(const std::string& body, const char* name) {
   std::vector<std::string> values;
   const ormel::Json answer{json_loads(body.c_str(), 0, nullptr)};
   const json_t* rows = json_object_get(answer.get(), "data");
-  for (size_t i = 0; i < json_array_size(rows); ++i) values.push_back(member(json_array_get(rows, i), name));
+  for (size_t i = 0; i < json_array_size(rows); ++i)
+    values.push_back(member(json_array_get(rows, i), name));
   return values;
 }
 
@@ -50,7 +52,9 @@ class OpenVpnTunnel : public testing::Test {
     password = read(std::string("/var/lib/appliance/password.") + USER);
     password.pop_back();
     ASSERT_THAT(web("/ormel/log/cleanup", "&type=23"), OK);
-    ASSERT_THAT(web("/ormel/config/modify", "&type=SOVPN&enable=true&ip_pool=10.8.0.0&proto=UDP&port=1194"), DONE);
+    ASSERT_THAT(
+        web("/ormel/config/modify", "&type=SOVPN&enable=true&ip_pool=10.8.0.0&proto=UDP&port=1194"),
+        DONE);
     ASSERT_EQ(web("/ormel/privilege/set", std::string("&user=") + USER + "|4"), OK);
     import_profile();
   }
@@ -84,15 +88,20 @@ class OpenVpnTunnel : public testing::Test {
     }
     far::write("/tmp/office.ovpn", profile);
     far::write("/tmp/password", encoded(password));
-    EXPECT_THAT(
-        far_curl("/ormel/config/import?sid=" + away, {"-F", "ovpn=@/tmp/office.ovpn", "-F", "name=office", "-F",
-                                                      std::string("user=") + USER, "-F", "pass=</tmp/password"}),
-        DONE);
+    EXPECT_THAT(far_curl("/ormel/config/import?sid=" + away,
+                         {"-F", "ovpn=@/tmp/office.ovpn", "-F", "name=office", "-F",
+                          std::string("user=") + USER, "-F", "pass=</tmp/password"}),
+                DONE);
   }
-  static std::string encoded(const std::string& secret) { return run({"/usr/bin/base64", "-w0"}, {}, secret).out; }
-  void connect() const { EXPECT_THAT(far_web("/ormel/config/connect", "&type=OVPN&index=1"), DONE); }
+  static std::string encoded(const std::string& secret) {
+    return run({"/usr/bin/base64", "-w0"}, {}, secret).out;
+  }
+  void connect() const {
+    EXPECT_THAT(far_web("/ormel/config/connect", "&type=OVPN&index=1"), DONE);
+  }
   static bool comes_up() {
-    return comes_true([] { return !far::conf_value("OPENVPN_CLIENT1", "LocalIP").empty(); }, PATIENCE);
+    return comes_true([] { return !far::conf_value("OPENVPN_CLIENT1", "LocalIP").empty(); },
+                      PATIENCE);
   }
   // The daemon over there ends by itself; nobody dials again but us.
   static bool comes_to_an_end() {
@@ -116,9 +125,10 @@ class OpenVpnTunnel : public testing::Test {
   std::string password;
 };
 
-// What leaves the far appliance for an address outside is counted at its cable while it sends without a pause: by any
-// socket, and by one that is bound to its own address. The guard holds from before the tunnel is dialled. The server is
-// far away: packets for it would go into a tunnel that is the gateway.
+// What leaves the far appliance for an address outside is counted at its cable while it sends
+// without a pause: by any socket, and by one that is bound to its own address. The guard holds from
+// before the tunnel is dialled. The server is far away: packets for it would go into a tunnel that
+// is the gateway.
 class OpenVpnGuard : public OpenVpnTunnel {
  protected:
   void SetUp() override {
@@ -141,10 +151,15 @@ class OpenVpnGuard : public OpenVpnTunnel {
     run({"/bin/sh", "-c", "ip address del 198.51.100.1/32 dev lo"});
     OpenVpnTunnel::TearDown();
   }
-  static Result far_shell(const std::string& script) { return far::run({"/bin/bash", "-c", script}); }
+  static Result far_shell(const std::string& script) {
+    return far::run({"/bin/bash", "-c", script});
+  }
   static bool comes_to(const std::string& state) {
     return comes_true(
-        [&] { return far_shell("ormelctl guard --json").out.find("\"state\":\"" + state) != std::string::npos; },
+        [&] {
+          return far_shell("ormelctl guard --json").out.find("\"state\":\"" + state) !=
+                 std::string::npos;
+        },
         PATIENCE);
   }
   // The server has this address outside, and no other.
@@ -164,27 +179,35 @@ class OpenVpnGuard : public OpenVpnTunnel {
     far_shell("cat /tmp/hosts /tmp/names >/etc/hosts");
   }
   void hold() const {
-    EXPECT_THAT(far_web("/ormel/gateway/set", "&as_gw_en=1&gw1_type=OVPN&gw1_index=1&snat=1&failover_en=0"), OK);
+    EXPECT_THAT(
+        far_web("/ormel/gateway/set", "&as_gw_en=1&gw1_type=OVPN&gw1_index=1&snat=1&failover_en=0"),
+        OK);
     EXPECT_THAT(far_web("/ormel/guard/set", "&mode=on"), DONE);
     EXPECT_TRUE(comes_to("holding"));
     far_shell(
-        "nsenter --net=/run/netns/lan /usr/sbin/nft 'add table netdev outside; delete table netdev outside; add table "
-        "netdev outside; add chain netdev outside in { type filter hook ingress device to-far priority 0; }; add rule "
+        "nsenter --net=/run/netns/lan /usr/sbin/nft 'add table netdev outside; delete table netdev "
+        "outside; add table "
+        "netdev outside; add chain netdev outside in { type filter hook ingress device to-far "
+        "priority 0; }; add rule "
         "netdev outside in ip daddr 203.0.113.9 counter'");
     far_shell(
-        "[ -e /tmp/flood ] || setsid bash -c 'touch /tmp/flood; ping -i .02 -I 192.168.77.2 203.0.113.9 & while [ -e "
-        "/tmp/flood ]; do echo >/dev/udp/203.0.113.9/9; done; kill $!' </dev/null >/dev/null 2>&1 &");
+        "[ -e /tmp/flood ] || setsid bash -c 'touch /tmp/flood; ping -i .02 -I 192.168.77.2 "
+        "203.0.113.9 & while [ -e "
+        "/tmp/flood ]; do echo >/dev/udp/203.0.113.9/9; done; kill $!' </dev/null >/dev/null 2>&1 "
+        "&");
   }
   static std::string left() {
     return far_shell(
-               "nsenter --net=/run/netns/lan /usr/sbin/nft list table netdev outside | sed -n 's/.*packets "
+               "nsenter --net=/run/netns/lan /usr/sbin/nft list table netdev outside | sed -n "
+               "'s/.*packets "
                "\\([0-9]*\\).*/\\1/p'")
         .out;
   }
-  // What is behind the server answers again and again, and by the tunnel alone. On a busy machine the packets without a
-  // pause fill the tunnel, and most echoes are lost.
+  // What is behind the server answers again and again, and by the tunnel alone. On a busy machine
+  // the packets without a pause fill the tunnel, and most echoes are lost.
   static bool lives() {
-    const std::string once = "ormelctl guard --json | grep -q '\"state\":\"guarding' && ping -c1 -W2 198.51.100.1";
+    const std::string once =
+        "ormelctl guard --json | grep -q '\"state\":\"guarding' && ping -c1 -W2 198.51.100.1";
     return comes_true([&] { return far_shell(once).status == 0; }, DIALLING) &&
            far_shell("ping -c5 -i.2 -w60 198.51.100.1").status == 0;
   }
@@ -201,13 +224,16 @@ TEST_F(OpenVpnGuard, NothingLeavesWhileTheDaemonDies) {
   hold();
   connect();
   EXPECT_TRUE(lives()) << far_shell("ormelctl guard --json").out;
-  EXPECT_TRUE(comes_true([&] { return far_shell("[ -e /run/fenro/heard/tun2001 ]").status == 0; }, PATIENCE))
+  EXPECT_TRUE(comes_true([&] { return far_shell("[ -e /run/fenro/heard/tun2001 ]").status == 0; },
+                         PATIENCE))
       << "its keep-alives are noted";
   kill_daemon();
   EXPECT_TRUE(lives()) << "the daemon is dialled again, by a name, while nothing else leaves";
   const Result tested = far_shell("ormelctl guard test --yes");
   EXPECT_EQ(tested.status, 0) << tested.out << tested.err;
-  EXPECT_THAT(tested.out, ContainsRegex("^[1-9][0-9]* packets sent, 0 left without a tunnel; LAN answered 20 of 20"));
+  EXPECT_THAT(
+      tested.out,
+      ContainsRegex("^[1-9][0-9]* packets sent, 0 left without a tunnel; LAN answered 20 of 20"));
   EXPECT_EQ(left(), "0\n");
 }
 
@@ -230,7 +256,8 @@ TEST_F(OpenVpnGuard, TheTunnelLivesByTheServerThatAnswers) {
     import_profile(each.remotes);
     hold();
     connect();
-    EXPECT_TRUE(lives()) << far_shell("ormelctl guard --json; ip rule; ip route show table 3500").out;
+    EXPECT_TRUE(lives())
+        << far_shell("ormelctl guard --json; ip rule; ip route show table 3500").out;
     kill_daemon();
     EXPECT_TRUE(lives()) << "dialled again";
     EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "Trusted IP"), "203.0.113.1");
@@ -253,8 +280,10 @@ TEST_F(OpenVpnGuard, TheTunnelFollowsANameToItsNewAddress) {
   EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "Trusted IP"), "203.0.113.2");
   named({"203.0.113.3"});
   moves_to("203.0.113.3");
-  far_shell("pkill -USR1 -x openvpnclient");  // as it does by itself when it has heard nothing for a time
-  EXPECT_TRUE(comes_true([] { return far::conf_value("OPENVPN_CLIENT1", "Trusted IP") == "203.0.113.3"; }, DIALLING));
+  far_shell(
+      "pkill -USR1 -x openvpnclient");  // as it does by itself when it has heard nothing for a time
+  EXPECT_TRUE(comes_true(
+      [] { return far::conf_value("OPENVPN_CLIENT1", "Trusted IP") == "203.0.113.3"; }, DIALLING));
   EXPECT_TRUE(lives());
   EXPECT_EQ(left(), "0\n");
 }
@@ -277,7 +306,8 @@ TEST_F(OpenVpnTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "Trusted IP"), "192.168.77.1");
   EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "Trusted Proto"), "udp");
   EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "RemoteIP"), SERVER_END);
-  EXPECT_THAT(far::run({"/sbin/ip", "route", "show", "table", "main"}).out, Not(HasSubstr("0.0.0.0/1")))
+  EXPECT_THAT(far::run({"/sbin/ip", "route", "show", "table", "main"}).out,
+              Not(HasSubstr("0.0.0.0/1")))
       << "which tunnel carries the default route is not the server's to say";
 
   const std::string pid = far::read("/var/run/openvpn.client1.pid");
@@ -288,7 +318,8 @@ TEST_F(OpenVpnTunnel, CarriesTrafficAndBothEndsTellOfIt) {
 
   EXPECT_EQ(web("/ormel/connection/kick", "&conn=4|" + online("target")[0]), OK);
   EXPECT_TRUE(comes_true([&] { return online("name").empty(); }, PATIENCE));
-  EXPECT_TRUE(comes_true([] { return far::conf_value("OPENVPN_CLIENT1", "LocalIP").empty(); }, PATIENCE));
+  EXPECT_TRUE(
+      comes_true([] { return far::conf_value("OPENVPN_CLIENT1", "LocalIP").empty(); }, PATIENCE));
   EXPECT_TRUE(comes_up()) << "it dials again by itself";
   const Result ended = run({"/usr/sbin/ormelctl", "kick", USER, "--yes"});
   EXPECT_EQ(ended.status, 0) << ended.err;
@@ -301,7 +332,8 @@ TEST_F(OpenVpnTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   EXPECT_THAT(logged("action"), ElementsAre("0", "2", "0", "2", "0", "2"));  // came, went
   EXPECT_THAT(logged("username"), Each(USER));
   EXPECT_NE(logged("rx_total")[1], "0");
-  EXPECT_THAT(members(far_web("/ormel/log/client", "&order=asc"), "action"), ElementsAre("0", "2", "0", "2", "0", "2"));
+  EXPECT_THAT(members(far_web("/ormel/log/client", "&order=asc"), "action"),
+              ElementsAre("0", "2", "0", "2", "0", "2"));
 }
 
 TEST_F(OpenVpnTunnel, KeepsAUserOutForATime) {
@@ -329,7 +361,8 @@ TEST_F(OpenVpnTunnel, KeepsAUserOutForATime) {
   EXPECT_TRUE(comes_true(
       [&] {
         const auto actions = logged("action");
-        return std::find(actions.begin() + static_cast<long>(rows), actions.end(), "1") != actions.end();
+        return std::find(actions.begin() + static_cast<long>(rows), actions.end(), "1") !=
+               actions.end();
       },
       PATIENCE))
       << "its next login is refused";
@@ -344,14 +377,15 @@ TEST_F(OpenVpnTunnel, KeepsAUserOutForATime) {
   EXPECT_TRUE(comes_up());
 }
 
-// What the doctor over there finds, as "step:result" of the steps that are neither good nor left out.
+// What the doctor over there finds, as "step:result" of the steps that are neither good nor left
+// out.
 class OpenVpnDoctor : public OpenVpnTunnel {
  protected:
   static std::string trouble() {
     const std::string out = far::run({"/usr/sbin/ormelctl", "doctor", "office", "--json"}).out;
     const std::vector<std::string> steps = members(out, "step"), results = members(out, "result");
-    EXPECT_THAT(steps, ElementsAre("profile", "clock", "name", "way", "server", "certificate", "login", "address",
-                                   "data", "size", "names"))
+    EXPECT_THAT(steps, ElementsAre("profile", "clock", "name", "way", "server", "certificate",
+                                   "login", "address", "data", "size", "names"))
         << out;
     std::string found;
     for (size_t i = 0; i < steps.size(); ++i) {
@@ -367,7 +401,8 @@ class OpenVpnDoctor : public OpenVpnTunnel {
 TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
   EXPECT_EQ(trouble(), "") << last;
   EXPECT_THAT(last, HasSubstr(R"("step":"login","result":"ok","text":"accepted")"));
-  EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "LocalIP"), "") << "the tunnel itself is not touched";
+  EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "LocalIP"), "")
+      << "the tunnel itself is not touched";
   const std::string good = far::read(STORED);
   const auto stored = [&](const std::string& from, const std::string& to) {
     std::string text = good;
@@ -377,20 +412,24 @@ TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
   };
   const size_t rows = logged("action").size();
   far::write("/tmp/wrong", "not " + password);
-  ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "set", "office", "--pass-file", "/tmp/wrong", "--yes"}).status,
+  ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "set", "office", "--pass-file", "/tmp/wrong",
+                      "--yes"})
+                .status,
             0);
   EXPECT_EQ(trouble(), "login:fail ") << last;
   ASSERT_TRUE(logs_soon(rows + 1));
   const std::vector<std::string> actions = logged("action");
-  EXPECT_EQ(std::count(actions.begin() + static_cast<long>(rows), actions.end(), "1"), 1) << "one login";
+  EXPECT_EQ(std::count(actions.begin() + static_cast<long>(rows), actions.end(), "1"), 1)
+      << "one login";
 
   stored("remote 192.168.77.1", "remote nowhere.invalid");
   EXPECT_EQ(trouble(), "name:fail ") << last;
   stored("remote 192.168.77.1 1194", "remote 192.168.77.1 1195");
   EXPECT_EQ(trouble(), "server:fail ") << last;
   const std::string ca = good.substr(good.find("<ca>\n"), good.find("</ca>") - good.find("<ca>\n"));
-  run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days",
-       "9", "-subj", "/CN=Other", "-keyout", "/tmp/other.key", "-out", "/tmp/other.crt"});
+  run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+       "-nodes", "-days", "9", "-subj", "/CN=Other", "-keyout", "/tmp/other.key", "-out",
+       "/tmp/other.crt"});
   stored(ca, "<ca>\n" + read("/tmp/other.crt"));
   EXPECT_EQ(trouble(), "certificate:fail ") << last;
   stored("\nclient\n", "\nclient\nengine evil\n");
@@ -398,7 +437,9 @@ TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
 
   far::write(STORED, good);
   far::write("/tmp/right", password);
-  ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "set", "office", "--pass-file", "/tmp/right", "--yes"}).status,
+  ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "set", "office", "--pass-file", "/tmp/right",
+                      "--yes"})
+                .status,
             0);
   connect();
   ASSERT_TRUE(comes_up());
@@ -408,8 +449,9 @@ TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
   const size_t at = started.find(R"("id":")");
   ASSERT_NE(at, std::string::npos) << started;
   const std::string id = started.substr(at + 6, 16);
-  EXPECT_TRUE(comes_true(
-      [&] { return far_web("/ormel/doctor/get", "&id=" + id).find(R"("done":true)") != std::string::npos; }));
+  EXPECT_TRUE(comes_true([&] {
+    return far_web("/ormel/doctor/get", "&id=" + id).find(R"("done":true)") != std::string::npos;
+  }));
   EXPECT_THAT(far_web("/ormel/doctor/get", "&id=../../etc/passwd"), HasSubstr("\"error\":30"));
 }
 
@@ -417,30 +459,37 @@ TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
 class OpenVpnRefusal : public OpenVpnTunnel {};
 class OpenVpnLogins : public OpenVpnTunnel {};
 
-// The server is asked by its second address, which is far away for the client, and so is what is behind it.
+// The server is asked by its second address, which is far away for the client, and so is what is
+// behind it.
 TEST_F(OpenVpnTunnel, IsTheGatewayThoughItsProfileNamesSeveralServers) {
-  const auto shell = [](const std::string& script) { return run({"/bin/sh", "-c", script}).status; };
+  const auto shell = [](const std::string& script) {
+    return run({"/bin/sh", "-c", script}).status;
+  };
   const auto in_lan = [](const std::string& action) {
-    return far::run({"/usr/bin/nsenter", "--net=/run/netns/lan", "/sbin/ip", "route", action, "203.0.113.1", "via",
-                     "192.168.77.1"})
+    return far::run({"/usr/bin/nsenter", "--net=/run/netns/lan", "/sbin/ip", "route", action,
+                     "203.0.113.1", "via", "192.168.77.1"})
         .status;
   };
   far::run({"/usr/sbin/ormel", "--type=OVPN", "--remove=1"});
   import_profile("\nremote 203.0.113.1 1194\nremote 203.0.113.2 1194\nremote 203.0.113.3 1194\n");
-  ASSERT_EQ(shell("ip address add 203.0.113.1/32 dev lo && ip address add 198.51.100.1/32 dev lo"), 0);
+  ASSERT_EQ(shell("ip address add 203.0.113.1/32 dev lo && ip address add 198.51.100.1/32 dev lo"),
+            0);
   EXPECT_EQ(in_lan("add"), 0);
   EXPECT_EQ(run({"/sbin/setcfg", "System", "Public Address", "vpn.example.org"}).status, 0);
-  EXPECT_THAT(https("/ormel/config/download?sid=" + near).body, HasSubstr("\nremote vpn.example.org 1194\n"));
+  EXPECT_THAT(https("/ormel/config/download?sid=" + near).body,
+              HasSubstr("\nremote vpn.example.org 1194\n"));
   EXPECT_EQ(run({"/sbin/setcfg", "System", "Public Address", ""}).status, 0);
   connect();
   ASSERT_TRUE(comes_up()) << "answers come from the address that was asked";
   const std::string client_end = far::conf_value("OPENVPN_CLIENT1", "LocalIP");
-  EXPECT_THAT(far::run({"/sbin/ip", "route", "get", "198.51.100.1", "from", client_end}).out, HasSubstr("tun2001"))
+  EXPECT_THAT(far::run({"/sbin/ip", "route", "get", "198.51.100.1", "from", client_end}).out,
+              HasSubstr("tun2001"))
       << "an answer goes back into the tunnel";
   ASSERT_EQ(far::run({"/etc/init.d/vpn_gateway.sh", "start", "tun2001", "1"}).status, 0);
   EXPECT_EQ(far::run({"/bin/ping", "-c3", "-i.2", "-W10", "198.51.100.1"}).status, 0);
   // With nothing written down about servers, the mark is left.
-  far::run({"/bin/sed", "-i", "/^\\(Domain IP\\|Server Address\\|Trusted IP\\|Real Address\\) = /d", VPN_CONF});
+  far::run({"/bin/sed", "-i", "/^\\(Domain IP\\|Server Address\\|Trusted IP\\|Real Address\\) = /d",
+            VPN_CONF});
   ASSERT_EQ(far::run({"/etc/init.d/vpn_gateway.sh", "start", "tun2001", "1"}).status, 0);
   EXPECT_EQ(far::run({"/bin/ping", "-c3", "-i.2", "-W10", "198.51.100.1"}).status, 0);
   far::run({"/etc/init.d/vpn_gateway.sh", "stop"});
@@ -450,7 +499,8 @@ TEST_F(OpenVpnTunnel, IsTheGatewayThoughItsProfileNamesSeveralServers) {
 
 TEST_F(OpenVpnRefusal, AWrongPasswordIsCountedLoggedAndBlocksAtTheLimit) {
   EXPECT_EQ(web("/ormel/privilege/block", "&enable=true&limit=2&time=30"), OK);
-  EXPECT_THAT(far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded("wrong")), HasSubstr("\"status\":0"))
+  EXPECT_THAT(far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded("wrong")),
+              HasSubstr("\"status\":0"))
       << "editing leaves it disconnected";
   EXPECT_EQ(far::run({"/usr/bin/pgrep", "openvpnclient"}).status, 1);
   for (size_t attempt = 1; attempt <= 2; ++attempt) {
@@ -461,16 +511,19 @@ TEST_F(OpenVpnRefusal, AWrongPasswordIsCountedLoggedAndBlocksAtTheLimit) {
   }
   EXPECT_THAT(logged("source_ip"), Each("192.168.77.2"));
   EXPECT_THAT(web("/ormel/privilege/block_show", ""), HasSubstr(USER));
-  EXPECT_THAT(far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded(password)), DONE);
+  EXPECT_THAT(far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded(password)),
+              DONE);
   connect();
   EXPECT_TRUE(logs_soon(3)) << "blocked now";
   EXPECT_TRUE(comes_true(
       [] {
-        return far::read("/run/fenro/reasons/OPENVPN_CLIENT1").find("too many wrong passwords") != std::string::npos;
+        return far::read("/run/fenro/reasons/OPENVPN_CLIENT1").find("too many wrong passwords") !=
+               std::string::npos;
       },
       PATIENCE))
       << "the server says why, and that a later attempt may do";
-  EXPECT_THAT(logged("device_info"), ElementsAre("wrong password", "wrong password", HasSubstr("blocked")));
+  EXPECT_THAT(logged("device_info"),
+              ElementsAre("wrong password", "wrong password", HasSubstr("blocked")));
   EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
   EXPECT_THAT(logged("action"), Each("1"));
   EXPECT_THAT(read(LOG), HasSubstr("check_privilege_user_block. guest"));
@@ -490,7 +543,8 @@ TEST_F(OpenVpnRefusal, WhoLosesTheRightIsThrownOutAndStaysOut) {
   EXPECT_THAT(logged("action"), ElementsAre("0", "2", "1"));
 }
 
-// Twenty clients with a wrong password at once, as a script of the far appliance that ends when all have been refused.
+// Twenty clients with a wrong password at once, as a script of the far appliance that ends when all
+// have been refused.
 constexpr const char* WRONG_LOGINS = R"(
 grep -v -e '^auth-user-pass' -e '^verb' /tmp/office.ovpn >/tmp/wrong.ovpn
 printf 'guest\nwrong\n' >/tmp/wrong.login
@@ -503,17 +557,21 @@ wait)";
 TEST_F(OpenVpnLogins, WrongLoginsHoldUpNeitherTunnelsNorGoodLogins) {
   // A client of a blocked user is asked to come back later, and never ends.
   ASSERT_EQ(web("/ormel/privilege/block", "&enable=false&limit=10&time=30"), OK);
-  ASSERT_THAT(web("/ormel/config/modify", "&type=SOVPN&enable=true&ip_pool=10.8.0.0&proto=UDP&port=1194&maximum=50"),
+  ASSERT_THAT(web("/ormel/config/modify",
+                  "&type=SOVPN&enable=true&ip_pool=10.8.0.0&proto=UDP&port=1194&maximum=50"),
               DONE);
   connect();
   ASSERT_TRUE(comes_up());
   run({"/bin/sh", "-c",
-       "setsid ping -i0.05 -c200 " + far::conf_value("OPENVPN_CLIENT1", "LocalIP") + " </dev/null >/tmp/pings 2>&1 &"});
+       "setsid ping -i0.05 -c200 " + far::conf_value("OPENVPN_CLIENT1", "LocalIP") +
+           " </dev/null >/tmp/pings 2>&1 &"});
   far::run({"/bin/sh", "-c", WRONG_LOGINS});
 
-  EXPECT_TRUE(comes_true([] { return read("/tmp/pings").find(" received") != std::string::npos; }, PATIENCE));
+  EXPECT_TRUE(comes_true([] { return read("/tmp/pings").find(" received") != std::string::npos; },
+                         PATIENCE));
   // A daemon that waits for its hook answers late rather than not at all.
-  const std::string in_time = "awk -F 'time=' '$2 + 0 > 0 && $2 + 0 < 1500 { ++n } END { print n }' /tmp/pings";
+  const std::string in_time =
+      "awk -F 'time=' '$2 + 0 > 0 && $2 + 0 < 1500 { ++n } END { print n }' /tmp/pings";
   EXPECT_GE(std::stoi(run({"/bin/sh", "-c", in_time}, {"PATH=/usr/bin"}).out), 198);
   EXPECT_TRUE(logs_soon(21));
   EXPECT_THAT(run({"/bin/ls", "/run/fenro/openvpn-logins"}).out, Not(HasSubstr("hook.16")));
@@ -523,7 +581,8 @@ TEST_F(OpenVpnTunnel, EditingTheServerRestartsIt) {
   connect();
   ASSERT_TRUE(comes_up());
   const std::string before = server_pid();
-  const std::string reply = web("/ormel/config/modify", "&type=SOVPN&enable=true&ip_pool=10.9.0.0&port=1195&enc=2");
+  const std::string reply =
+      web("/ormel/config/modify", "&type=SOVPN&enable=true&ip_pool=10.9.0.0&port=1195&enc=2");
   EXPECT_THAT(reply, HasSubstr("\"download\":2"));
   EXPECT_NE(server_pid(), before);
   EXPECT_THAT(read(VPN_CONF), HasSubstr("OPENVPN_iptables_rules = TRUE\n"));

@@ -36,7 +36,8 @@ std::vector<std::vector<std::string>> reading_commands() {
   std::istringstream lines(ctl({"__commands", "--reading"}).out);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream words(line);
-    all.emplace_back(std::istream_iterator<std::string>(words), std::istream_iterator<std::string>());
+    all.emplace_back(std::istream_iterator<std::string>(words),
+                     std::istream_iterator<std::string>());
   }
   return all;
 }
@@ -65,7 +66,8 @@ class OrmelCtl : public testing::Test {
       const ormel::Json answer = document(result);
       EXPECT_EQ(json_integer_value(json_object_get(answer.get(), "schema")), 1)
           << state << ": " << testing::PrintToString(words) << result.out << result.err;
-      EXPECT_EQ(json_integer_value(json_object_get(answer.get(), "error")) == 0, result.status == 0) << result.out;
+      EXPECT_EQ(json_integer_value(json_object_get(answer.get(), "error")) == 0, result.status == 0)
+          << result.out;
     }
   }
 };
@@ -80,16 +82,22 @@ TEST_F(OrmelCtl, SaysWhatIsWrongAndWhatToDo) {
       {{"statsu"}, 2, "did you mean \"status\"?"},
       {{"profile", "lst"}, 2, "did you mean \"profile list\"?"},
       {{"profile", "add"}, 2, "missing: PROTOCOL"},
-      {{"profile", "add", "ptp", "--name", "a"}, 2, "one of pptp, l2tp, openvpn, drovik, wireguard"},
+      {{"profile", "add", "ptp", "--name", "a"},
+       2,
+       "one of pptp, l2tp, openvpn, drovik, wireguard"},
       {{"profile", "add", "pptp", "--name", "a"}, 2, "--host is missing"},
-      {{"profile", "add", "l2tp", "--name", "a", "--host", "192.0.2.1"}, 2, "--psk-file is missing"},
+      {{"profile", "add", "l2tp", "--name", "a", "--host", "192.0.2.1"},
+       2,
+       "--psk-file is missing"},
       {{"profile", "add", "pptp", "--name", "a", "--pass", "x"}, 2, "unknown option --pass"},
       {{"profile", "add", "pptp", "--name", "a", "--host", "192.0.2.1", "--port", "1"}, 1, "only"},
       {{"profile", "add", "pptp", "--name", "a", "--host", "192.0.2.1", "--endpoint", "b:1"},
        2,
        "--endpoint is not for"},
       {{"profile", "add", "pptp", "--name", "a", "--host", "a b"}, 2, "--host does not take a b"},
-      {{"server", "set", "openvpn", "--port", "99999", "--yes"}, 1, "--port does not take 99999: port range"},
+      {{"server", "set", "openvpn", "--port", "99999", "--yes"},
+       1,
+       "--port does not take 99999: port range"},
       {{"server", "set", "openvpn", "--pool", "zzz", "--yes"}, 2, "--pool takes an IPv4 address"},
       {{"server", "set", "wireguard", "--mask", "99", "--yes"}, 2, "--mask takes 0 to 32"},
       {{"peer", "add", "a", "--host", "b", "--keepalive", "x"}, 2, "--keepalive takes 0 to 65535"},
@@ -118,15 +126,18 @@ TEST_F(OrmelCtl, SaysWhatIsWrongAndWhatToDo) {
     EXPECT_THAT(result.err, ContainsRegex("^ormelctl: [^\n]+\n  [^ \n][^\n]+\n$"))
         << "each failure says what to do: " << testing::PrintToString(row.words);
   }
-  const Result stranger =
-      run({"/usr/bin/setpriv", "--reuid=guest", "--clear-groups", "/usr/sbin/ormelctl", "status", "--json"});
+  const Result stranger = run({"/usr/bin/setpriv", "--reuid=guest", "--clear-groups",
+                               "/usr/sbin/ormelctl", "status", "--json"});
   EXPECT_EQ(stranger.status, 4);
   EXPECT_THAT(stranger.out, HasSubstr("\"reason\":\"only root may do this\""));
 }
 
 TEST_F(OrmelCtl, NamesWhatWasMeantByAMistypedName) {
   ASSERT_EQ(ctl({"profile", "add", "pptp", "--name", "office", "--host", "192.0.2.1"}).status, 0);
-  ASSERT_EQ(ctl({"notify", "add", "ops", "--url", "https://hooks.example.org/", "--events", "failed"}).status, 0);
+  ASSERT_EQ(
+      ctl({"notify", "add", "ops", "--url", "https://hooks.example.org/", "--events", "failed"})
+          .status,
+      0);
   const struct {
     std::vector<std::string> words;
     const char* said;
@@ -138,7 +149,8 @@ TEST_F(OrmelCtl, NamesWhatWasMeantByAMistypedName) {
       {{"server", "on", "wiregard"}, "did you mean \"wireguard\"? one of pptp"},
       {{"user", "grant", "gest", "pptp"}, "did you mean \"guest\"?"},
       {{"notify", "test", "osp"}, "did you mean \"ops\"?"},
-      {{"notify", "add", "a", "--url", "https://hooks.example.org/", "--events", "faild"}, "ormelctl notify kinds"},
+      {{"notify", "add", "a", "--url", "https://hooks.example.org/", "--events", "faild"},
+       "ormelctl notify kinds"},
       {{"notify", "add", "a"}, "--url is missing"},
       {{"profile", "set", "office", "--hots", "b", "--yes"}, "did you mean --host?"},
       {{"profiel"}, "one of: profile list, profile show"},
@@ -168,23 +180,29 @@ TEST_F(OrmelCtl, EndsInTimeAndLeavesNothingBehind) {
   // An archive that never comes: what was unpacked so far goes with the program.
   run({"/usr/bin/mkfifo", "/tmp/slow.zip"});
   EXPECT_EQ(ctl({"profile", "import", "/tmp/slow.zip", "--report", "--timeout", "1"}).status, 5);
-  EXPECT_TRUE(comes_true([] { return run({"/bin/sh", "-c", "ls -d /run/ormelctl.* 2>/dev/null"}).out.empty(); }));
+  EXPECT_TRUE(comes_true([] {
+    return run({"/bin/sh", "-c", "ls -d /run/ormelctl.* 2>/dev/null"}).out.empty();
+  }));
   fs::remove("/tmp/slow.zip");
 }
 
 TEST_F(OrmelCtl, ShowsColorsToATerminalOnly) {
   const auto on_terminal = [](const std::string& command) {
-    return run({"/usr/bin/script", "-qec", command, "/dev/null"}, {"PATH=/usr/sbin:/usr/bin:/bin", "TERM=xterm"}).out;
+    return run({"/usr/bin/script", "-qec", command, "/dev/null"},
+               {"PATH=/usr/sbin:/usr/bin:/bin", "TERM=xterm"})
+        .out;
   };
   EXPECT_THAT(on_terminal("ormelctl status"), HasSubstr("\x1b[32mrunning"));
-  EXPECT_THAT(on_terminal("ormelctl --no-color status"), AllOf(HasSubstr("running"), Not(HasSubstr("\x1b["))));
+  EXPECT_THAT(on_terminal("ormelctl --no-color status"),
+              AllOf(HasSubstr("running"), Not(HasSubstr("\x1b["))));
   EXPECT_THAT(on_terminal("NO_COLOR=1 ormelctl status"), Not(HasSubstr("\x1b[")));
   EXPECT_THAT(on_terminal("ormelctl status | cat"), Not(HasSubstr("\x1b[")));
 }
 
 TEST_F(OrmelCtl, KeepsProfilesOfEveryName) {
   const std::string name = "a b\x1b[31m\"\xe2\x80\xae";  // a colour, and text that runs backwards
-  ASSERT_EQ(ctl({"profile", "add", "pptp", "--name", name, "--host", "192.0.2.1", "--user", "bob", "--pass-file", "-"},
+  ASSERT_EQ(ctl({"profile", "add", "pptp", "--name", name, "--host", "192.0.2.1", "--user", "bob",
+                 "--pass-file", "-"},
                 "secret\n")
                 .status,
             0);
@@ -205,8 +223,9 @@ TEST_F(OrmelCtl, KeepsProfilesOfEveryName) {
 TEST_F(OrmelCtl, ReportsOnProfilesAndTheirFilesBeforeItStoresThem) {
   const std::string folder = "/tmp/profiles";
   fs::create_directories(folder);
-  run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days",
-       "9", "-subj", "/CN=Test", "-keyout", "/tmp/key", "-out", folder + "/ca.crt"});
+  run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+       "-nodes", "-days", "9", "-subj", "/CN=Test", "-keyout", "/tmp/key", "-out",
+       folder + "/ca.crt"});
   run({"/usr/sbin/openvpn", "--genkey", "secret", folder + "/ta.key"});
   const std::string profile =
       "client\nremote vpn.example.org 1194\nup /etc/evil.sh\nca ca.crt\ntls-auth ta.key 1\n"
@@ -231,14 +250,16 @@ TEST_F(OrmelCtl, ReportsOnProfilesAndTheirFilesBeforeItStoresThem) {
   EXPECT_EQ(stored.status, 1) << stored.out << stored.err;
   EXPECT_THAT(stored.out, HasSubstr("3 files: 2 stored, 1 refused"));
   EXPECT_THAT(stored.out, HasSubstr(" days left"));
-  EXPECT_THAT(ctl({"profile", "list"}).out, AllOf(HasSubstr("good"), HasSubstr("home"), Not(HasSubstr("bad"))));
+  EXPECT_THAT(ctl({"profile", "list"}).out,
+              AllOf(HasSubstr("good"), HasSubstr("home"), Not(HasSubstr("bad"))));
   EXPECT_THAT(read("/etc/config/openvpn/clients/client1"), HasSubstr("\n<tls-auth>\n"));
   fs::remove_all(folder);
 }
 
 TEST_F(OrmelCtl, LosesNoProfileOfParallelRuns) {
   const char* script =
-      "for i in $(seq 32); do ormelctl profile add pptp --name p$i --host 192.0.2.$i >/dev/null & done; wait";
+      "for i in $(seq 32); do ormelctl profile add pptp --name p$i --host 192.0.2.$i >/dev/null & "
+      "done; wait";
   ASSERT_EQ(run({"/bin/bash", "-c", script}, {"PATH=/usr/sbin:/usr/bin"}).status, 0);
   std::set<std::string> names;
   const Result list = ctl({"profile", "list", "--json"});
@@ -250,29 +271,35 @@ TEST_F(OrmelCtl, LosesNoProfileOfParallelRuns) {
 }
 
 TEST_F(OrmelCtl, RunsServersDevicesAndRights) {
-  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port", "51820", "--yes"})
+  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
+                 "51820", "--yes"})
                 .status,
             0);
   const Result on = ctl({"server", "on", "wireguard", "--json"});
   EXPECT_EQ(text_at(on, 0, "state"), "running") << on.out;
-  EXPECT_EQ(ctl({"peer", "add", "phone", "--host", "vpn.example.org:51820"}).status, 2) << "a port is no part of it";
-  EXPECT_THAT(ctl({"peer", "add", "phone", "--key", "AAAA"}).err, HasSubstr("--key is not a public key"));
+  EXPECT_EQ(ctl({"peer", "add", "phone", "--host", "vpn.example.org:51820"}).status, 2)
+      << "a port is no part of it";
+  EXPECT_THAT(ctl({"peer", "add", "phone", "--key", "AAAA"}).err,
+              HasSubstr("--key is not a public key"));
   const Result peer = ctl({"peer", "add", "phone", "--host", "vpn.example.org", "--qr"});
   EXPECT_THAT(peer.out, HasSubstr("Address = 198.18.7.2/32\n"));
-  EXPECT_THAT(peer.out, AllOf(HasSubstr("Endpoint = vpn.example.org:51820\n"), HasSubstr("\n████")));
+  EXPECT_THAT(peer.out,
+              AllOf(HasSubstr("Endpoint = vpn.example.org:51820\n"), HasSubstr("\n████")));
   EXPECT_EQ(text_at(ctl({"peer", "list", "--json"}), 0, "name"), "phone");
   const std::string old_key = text_at(ctl({"peer", "list", "--json"}), 0, "key");
-  const std::vector<std::string> renewal = {"peer", "qr", "phone", "--host", "2001:db8::1", "--json"};
+  const std::vector<std::string> renewal = {"peer",   "qr",          "phone",
+                                            "--host", "2001:db8::1", "--json"};
   EXPECT_EQ(ctl(renewal).status, 2) << "--yes is missing";
   const auto interface_peers = [] { return run({"/usr/bin/wg", "show", "wg0", "peers"}).out; };
   EXPECT_EQ(interface_peers(), old_key + '\n');
   std::vector<std::string> agreed = renewal;
   agreed.emplace_back("--yes");
   const std::string renewed = text_at(ctl(agreed), 0, "configuration");
-  EXPECT_THAT(renewed,
-              AllOf(HasSubstr("\nAddress = 198.18.7.2/32\n"), HasSubstr("\nEndpoint = [2001:db8::1]:51820\n")));
+  EXPECT_THAT(renewed, AllOf(HasSubstr("\nAddress = 198.18.7.2/32\n"),
+                             HasSubstr("\nEndpoint = [2001:db8::1]:51820\n")));
   constexpr size_t KEY_AT = std::string_view("[Interface]\nPrivateKey = ").size(), KEY_SIZE = 44;
-  const std::string new_key = run({"/usr/bin/wg", "pubkey"}, {}, renewed.substr(KEY_AT, KEY_SIZE)).out;
+  const std::string new_key =
+      run({"/usr/bin/wg", "pubkey"}, {}, renewed.substr(KEY_AT, KEY_SIZE)).out;
   EXPECT_NE(new_key, old_key + '\n');
   EXPECT_EQ(interface_peers(), new_key) << "the old key is gone, the printed one is in its place";
   EXPECT_EQ(text_at(ctl({"peer", "list", "--json"}), 0, "key") + '\n', new_key);
@@ -281,7 +308,8 @@ TEST_F(OrmelCtl, RunsServersDevicesAndRights) {
   EXPECT_EQ(ctl({"peer", "rm", "phone", "--yes"}).status, 0);
   EXPECT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
   EXPECT_EQ(ctl({"user", "grant", "guest", "l2tp"}).status, 0);
-  EXPECT_EQ(text_at(ctl({"user", "list", "--filter", "guest", "--json"}), 0, "rights_text"), "l2tp openvpn");
+  EXPECT_EQ(text_at(ctl({"user", "list", "--filter", "guest", "--json"}), 0, "rights_text"),
+            "l2tp openvpn");
   EXPECT_EQ(ctl({"user", "revoke", "guest", "--yes"}).status, 0);
   EXPECT_EQ(ctl({"server", "off", "wireguard", "--yes"}).status, 0);
   EXPECT_EQ(ctl({"status", "wireguard", "--check", "off"}).status, 0);
@@ -294,7 +322,9 @@ TEST_F(OrmelCtl, FindsWhatIsWrongWithTheHost) {
     size_t at = 0;
     const json_t* row = nullptr;
     json_array_foreach(json_object_get(answer.get(), "data"), at, row) {
-      const auto text = [&](const char* key) { return std::string(json_string_value(json_object_get(row, key))); };
+      const auto text = [&](const char* key) {
+        return std::string(json_string_value(json_object_get(row, key)));
+      };
       if (text("result") == result) found += text("step") + ": " + text("text") + '\n';
     }
     return found;
@@ -303,7 +333,8 @@ TEST_F(OrmelCtl, FindsWhatIsWrongWithTheHost) {
   write("/etc/config/openvpn/clients/client9", "secret", 0644);
   EXPECT_THAT(failures("warn"), HasSubstr("secrets: /etc/config/openvpn/clients/client9"));
   fs::remove("/etc/config/openvpn/clients/client9");
-  write(VPN_CONF, "[DROVIK]\nEnable = TRUE\nClient IP 1 = 192.168.77.2\nClient IP 2 = 192.168.77.254\n");
+  write(VPN_CONF,
+        "[DROVIK]\nEnable = TRUE\nClient IP 1 = 192.168.77.2\nClient IP 2 = 192.168.77.254\n");
   const std::string found = failures("fail");
   EXPECT_THAT(found, HasSubstr("servers: drovik is on, but does not run"));
   EXPECT_THAT(found, HasSubstr("pools: drovik 192.168.77."));
@@ -320,51 +351,66 @@ TEST_F(OrmelCtl, TakesNoForeignProcessForAServer) {
   write(VPN_CONF, "[DROVIK]\nEnable = TRUE\n");
   // Another user's, with the daemon's name and argument, and root's own with the name alone.
   const char* script =
-      "setpriv --reuid=guest --clear-groups bash -c \"exec -a morvid sh -c 'sleep 60' DROVIK\" & echo $! >/tmp/foreign;"
+      "setpriv --reuid=guest --clear-groups bash -c \"exec -a morvid sh -c 'sleep 60' DROVIK\" & "
+      "echo $! >/tmp/foreign;"
       "bash -c 'exec -a morvid sleep 60' & echo $! >>/tmp/foreign";
   run({"/bin/bash", "-c", script}, {"PATH=/usr/sbin:/usr/bin:/bin"});
   ASSERT_TRUE(comes_true([] { return run({"/usr/bin/pgrep", "-fc", "^morvid"}).out == "2\n"; }));
-  EXPECT_TRUE(comes_true([] { return text_at(ctl({"status", "drovik", "--json"}), 0, "state") == "failed"; }, 20));
+  EXPECT_TRUE(comes_true(
+      [] {
+        return text_at(ctl({"status", "drovik", "--json"}), 0, "state") == "failed";
+      },
+      20));
   run({"/bin/bash", "-c", "kill $(cat /tmp/foreign)"}, {"PATH=/usr/bin:/bin"});
 }
 
 TEST_F(OrmelCtl, HearsAPptpServerBeforeALogin) {
   write("/tmp/pptpd.conf", "option /dev/null\nlocalip 10.0.0.1\nremoteip 10.0.0.2-20\n");
-  run({"/bin/sh", "-c", "exec setsid pptpd -f -c /tmp/pptpd.conf -p /tmp/pptpd.pid </dev/null >/dev/null 2>&1 &"},
+  run({"/bin/sh", "-c",
+       "exec setsid pptpd -f -c /tmp/pptpd.conf -p /tmp/pptpd.pid </dev/null >/dev/null 2>&1 &"},
       {"PATH=/usr/sbin:/usr/bin"});
-  ASSERT_EQ(
-      ctl({"profile", "add", "pptp", "--name", "a", "--host", "127.0.0.1", "--user", "b", "--pass-file", "-"}, "c\n")
-          .status,
-      0);
+  ASSERT_EQ(ctl({"profile", "add", "pptp", "--name", "a", "--host", "127.0.0.1", "--user", "b",
+                 "--pass-file", "-"},
+                "c\n")
+                .status,
+            0);
   const char* good = R"("step":"server","result":"ok")";
-  EXPECT_TRUE(comes_true([&] { return ctl({"doctor", "a", "--json"}).out.find(good) != std::string::npos; }));
+  EXPECT_TRUE(comes_true([&] {
+    return ctl({"doctor", "a", "--json"}).out.find(good) != std::string::npos;
+  }));
   run({"/usr/bin/pkill", "-f", "/tmp/pptpd.conf"});
-  EXPECT_TRUE(comes_true([&] { return ctl({"doctor", "a", "--json"}).out.find(good) == std::string::npos; }));
+  EXPECT_TRUE(comes_true([&] {
+    return ctl({"doctor", "a", "--json"}).out.find(good) == std::string::npos;
+  }));
 }
 
 TEST_F(OrmelCtl, AnswersWithEachDaemonDeadInTurn) {
   expect_documents("empty");
-  for (const std::string daemon :
-       {"ormeld", "fenro-networkd", "fenro-jsond", "fenro-rated", "pelmar-agentd", "fenro-keeperd"}) {
+  for (const std::string daemon : {"ormeld", "fenro-networkd", "fenro-jsond", "fenro-rated",
+                                   "pelmar-agentd", "fenro-keeperd"}) {
     const std::string path = "/usr/lib/fenro/" + daemon;
     const std::string failed = daemon + std::string(16 - daemon.size(), ' ') + "failed";
     run({"/usr/bin/pkill", "-KILL", "-f", path});
     ASSERT_TRUE(comes_true([&] { return run({"/usr/bin/pgrep", "-f", path}).status == 1; }));
     expect_documents(daemon.c_str());
     EXPECT_THAT(ctl({"status"}).out, HasSubstr(failed));
-    run({"/bin/sh", "-c", "exec setsid " + path + " </dev/null >/dev/null 2>&1 &"}, {"PATH=/usr/sbin:/usr/bin"});
-    ASSERT_TRUE(comes_true([&] { return ctl({"status"}).out.find(failed) == std::string::npos; })) << daemon;
+    run({"/bin/sh", "-c", "exec setsid " + path + " </dev/null >/dev/null 2>&1 &"},
+        {"PATH=/usr/sbin:/usr/bin"});
+    ASSERT_TRUE(comes_true([&] { return ctl({"status"}).out.find(failed) == std::string::npos; }))
+        << daemon;
   }
 }
 
 TEST_F(OrmelCtl, PrintsOneDocumentForAnyoneWhoIsNotRoot) {
   for (const std::vector<std::string>& words : reading_commands()) {
-    std::vector<std::string> command{"/usr/bin/setpriv", "--reuid=guest", "--clear-groups", "/usr/sbin/ormelctl"};
+    std::vector<std::string> command{"/usr/bin/setpriv", "--reuid=guest", "--clear-groups",
+                                     "/usr/sbin/ormelctl"};
     command.insert(command.end(), words.begin(), words.end());
     command.emplace_back("--json");
     const Result result = run(command);
     EXPECT_EQ(result.status, 4) << testing::PrintToString(words);
-    EXPECT_EQ(json_integer_value(json_object_get(document(result).get(), "schema")), 1) << result.out;
+    EXPECT_EQ(json_integer_value(json_object_get(document(result).get(), "schema")), 1)
+        << result.out;
   }
 }
 

@@ -38,7 +38,8 @@ class LogDatabase : public testing::Test {
       execl(DAEMON, DAEMON, nullptr);
       _exit(127);
     }
-    return comes_true([] { return call(log_db::PRIVILEGE_USER_BLOCK_CHECK, "bob") == MIB_SUCCESS; });
+    return comes_true(
+        [] { return call(log_db::PRIVILEGE_USER_BLOCK_CHECK, "bob") == MIB_SUCCESS; });
   }
 };
 
@@ -55,7 +56,8 @@ TEST_F(LogDatabase, AKillInTheMiddleOfAddsLosesNothingAcknowledged) {
         while (add(writer, acknowledged[writer])) ++acknowledged[writer];
       });
     }
-    EXPECT_TRUE(comes_true([&] { return acknowledged[0] >= static_cast<std::uint64_t>(10 * round); }, 30));
+    EXPECT_TRUE(
+        comes_true([&] { return acknowledged[0] >= static_cast<std::uint64_t>(10 * round); }, 30));
     kill_daemon();
     for (std::thread& writer : writers) writer.join();
     ASSERT_TRUE(start_daemon());
@@ -65,7 +67,8 @@ TEST_F(LogDatabase, AKillInTheMiddleOfAddsLosesNothingAcknowledged) {
     }
     for (int writer = 0; writer < WRITERS; ++writer) {
       EXPECT_GE(found[writer], acknowledged[writer]);
-      EXPECT_LE(found[writer], acknowledged[writer] + 1);  // the one whose answer did not come any more
+      EXPECT_LE(found[writer],
+                acknowledged[writer] + 1);  // the one whose answer did not come any more
     }
   }
 }

@@ -1,4 +1,5 @@
-// Logins of PPTP and L2TP clients, as pppd's plugin asks for them: who is admitted, what counts, what is logged.
+// Logins of PPTP and L2TP clients, as pppd's plugin asks for them: who is admitted, what counts,
+// what is logged.
 #include <fenro/event_log.h>
 
 #include "daemons/mschap/mschap.h"
@@ -22,15 +23,16 @@ std::string request(const std::string& password) {
   Response response{};
   EXPECT_TRUE(nt_hash(password, hash) && parse_hex(CHALLENGE, challenge));
   expected_response(hash, challenge, response);
-  return std::string("Username: guest\nLANMAN-Challenge: ") + CHALLENGE + "\nNT-response: " + to_hex(response) +
-         "\n.\n";
+  return std::string("Username: guest\nLANMAN-Challenge: ") + CHALLENGE +
+         "\nNT-response: " + to_hex(response) + "\n.\n";
 }
 
 size_t refusals() {
   const auto rows = log_rows<db_conn_server_log>(ormel::log_db::CONN_SERVER_LOG.query);
-  return static_cast<size_t>(std::count_if(rows.begin(), rows.end(), [](const db_conn_server_log& row) {
-    return row.vpn_type == 1 && row.action == 1 && std::string(row.username) == "guest";
-  }));
+  return static_cast<size_t>(
+      std::count_if(rows.begin(), rows.end(), [](const db_conn_server_log& row) {
+        return row.vpn_type == 1 && row.action == 1 && std::string(row.username) == "guest";
+      }));
 }
 
 class PppLogin : public testing::Test {
@@ -95,9 +97,12 @@ TEST_F(PppLogin, ThoseByPapCountToo) {
 
 TEST_F(PppLogin, ManyAtOnceCountLikeOneAfterTheOther) {
   write("/tmp/wrong", request("wrong"));
-  const char* script = "for i in $(seq 32); do /usr/lib/fenro/fenro-mschap pptpd </tmp/wrong >/dev/null & done; wait";
+  const char* script =
+      "for i in $(seq 32); do /usr/lib/fenro/fenro-mschap pptpd </tmp/wrong >/dev/null & done; "
+      "wait";
   EXPECT_EQ(run({"/bin/bash", "-c", script}, {"PATH=/usr/bin"}).status, 0);
-  const auto rows = log_rows<db_privilege_user_block_data>(ormel::log_db::PRIVILEGE_USER_BLOCK.query);
+  const auto rows =
+      log_rows<db_privilege_user_block_data>(ormel::log_db::PRIVILEGE_USER_BLOCK.query);
   ASSERT_EQ(rows.size(), 1U);
   EXPECT_EQ(rows.front().limit, 3U) << "those after the third found the user blocked";
   EXPECT_EQ(refusals(), 32U);
@@ -124,9 +129,12 @@ TEST_F(PppLogin, TheHashFollowsThePassword) {
 TEST_F(PppLogin, WithoutAHashNobodyIsCounted) {
   fs::remove(TABLE);
   for (int i = 0; i < 5; ++i) EXPECT_FALSE(admits(password));
-  EXPECT_TRUE(log_rows<db_privilege_user_block_data>(ormel::log_db::PRIVILEGE_USER_BLOCK.query).empty());
+  EXPECT_TRUE(
+      log_rows<db_privilege_user_block_data>(ormel::log_db::PRIVILEGE_USER_BLOCK.query).empty());
   const auto* const text = "[VPN] guest may use PPTP";
-  EXPECT_EQ(naslog_event_query_count_ex(0, nullptr, nullptr, "guest", nullptr, nullptr, text, nullptr, nullptr), 1);
+  EXPECT_EQ(naslog_event_query_count_ex(0, nullptr, nullptr, "guest", nullptr, nullptr, text,
+                                        nullptr, nullptr),
+            1);
   ASSERT_EQ(run({PASSWORD_TOOL, "guest"}, {}, password + '\n').status, 0);
   EXPECT_TRUE(admits(password));
 }

@@ -39,13 +39,16 @@ constexpr const char* COMMON = "/etc/init.d/vpn_common.sh";
 constexpr const char* DAEMON = "/usr/lib/fenro/pppd-pptp";
 
 struct Protocol {
-  const char *type, *section, *server, *client, *server_of_accounts, *interface, *daemon_conf, *sessions, *peer;
+  const char *type, *section, *server, *client, *server_of_accounts, *interface, *daemon_conf,
+      *sessions, *peer;
 };
 constexpr Protocol PROTOCOLS[] = {
     {"1", "PPTP", "/etc/init.d/vpn_pptp.sh", "/etc/init.d/vpn_pptp_client.sh", "pptpd", "ppp1003",
-     "/etc/config/ppp/pptpd.conf", "/etc/config/ppp/options.pptpd", "/etc/config/ppp/peers/pptpclient3"},
+     "/etc/config/ppp/pptpd.conf", "/etc/config/ppp/options.pptpd",
+     "/etc/config/ppp/peers/pptpclient3"},
     {"2", "L2TP", "/etc/init.d/vpn_l2tp.sh", "/etc/init.d/vpn_l2tp_client.sh", "l2tpd", "ppp1253",
-     "/etc/config/ppp/xl2tpd.conf", "/etc/config/ppp/options.xl2tpd", "/etc/config/ppp/peers/l2tpclient3"},
+     "/etc/config/ppp/xl2tpd.conf", "/etc/config/ppp/options.xl2tpd",
+     "/etc/config/ppp/peers/l2tpclient3"},
 };
 constexpr const Protocol& PPTP = PROTOCOLS[0];
 
@@ -60,7 +63,8 @@ bool may_run_pppd() {
   return access("/usr/sbin/pppd", X_OK) == 0;
 }
 
-// What pppd itself makes of its options. It only looks whether its device can be opened before it parses.
+// What pppd itself makes of its options. It only looks whether its device can be opened before it
+// parses.
 std::string parsed_by_pppd(std::vector<std::string> options) {
   const bool made = symlink("/dev/null", "/dev/ppp") == 0;
   options.insert(options.begin(), {"/usr/sbin/pppd", "dryrun"});
@@ -102,11 +106,13 @@ class PppScript : public testing::Test {
     umask(umask_before);
   }
   static Result start_client(const Protocol& protocol, const std::string& lines) {
-    write(VPN_CONF, '[' + std::string(protocol.section) + "_CLIENT3]\nIndex = 3\nPSK = \"k\"\n" + lines);
+    write(VPN_CONF,
+          '[' + std::string(protocol.section) + "_CLIENT3]\nIndex = 3\nPSK = \"k\"\n" + lines);
     return run({protocol.client, "start", "3"});
   }
   static Result start_server(const Protocol& protocol, const std::string& lines) {
-    write(VPN_CONF, '[' + std::string(protocol.section) + "]\nEnable = TRUE\nPSK = \"k\"\n" + lines);
+    write(VPN_CONF,
+          '[' + std::string(protocol.section) + "]\nEnable = TRUE\nPSK = \"k\"\n" + lines);
     return run({protocol.server, "start"});
   }
 
@@ -125,7 +131,8 @@ TEST_F(PppClientScript, QuotesEveryAccountSoThatPppdReadsItBack) {
       // pppd prints its words with quotes and backslashes escaped
       {"bob", "bob", "c2VjcmV0"},
       {"DOM\\bob", "DOM\\\\bob", "YSBiICIjXA=="},  // a b "#\ .
-      {"$(touch /tmp/pwned) `id`; # \" user x", "$(touch /tmp/pwned) `id`; # \\\" user x", "bm9hdXRoCm5vYXV0aA=="},
+      {"$(touch /tmp/pwned) `id`; # \" user x", "$(touch /tmp/pwned) `id`; # \\\" user x",
+       "bm9hdXRoCm5vYXV0aA=="},
       {"-v\xc3\xa9", "-v\xc3\xa9", "JChpZCk="},
       {"", "", ""},
   };
@@ -133,12 +140,14 @@ TEST_F(PppClientScript, QuotesEveryAccountSoThatPppdReadsItBack) {
     std::ptrdiff_t lines = 0;
     for (const Account& account : first_of(ACCOUNTS, protocol, 3)) {
       SCOPED_TRACE(std::string(protocol.section) + ' ' + account.user);
-      expect_no_ppp(start_client(protocol, std::string("Domain IP = 192.0.2.7\nName = ") + account.user +
+      expect_no_ppp(start_client(protocol, std::string("Domain IP = 192.0.2.7\nName = ") +
+                                               account.user +
                                                "\nAccessCode = " + account.password_base64 + "\n"));
       EXPECT_EQ(mode_of(protocol.peer), 0600U);
       const std::string text = read(protocol.peer);
       if (lines == 0) lines = std::count(text.begin(), text.end(), '\n');
-      EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), lines) << text;  // no value becomes a line of its own
+      EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), lines)
+          << text;  // no value becomes a line of its own
       if (!may_run_pppd()) continue;
       const std::string parsed = parsed_by_pppd({"pty", "true", "file", protocol.peer});
       EXPECT_THAT(parsed, HasSubstr(std::string("\nuser ") + account.user_of_pppd + "\t"));
@@ -164,25 +173,31 @@ TEST_F(PppClientScript, RefusesAnAccountThatPppdWouldCutShort) {
 }
 
 TEST_F(PppClientScript, LetsOnlyAddressesAndPlainNamesIntoCommandsAndFiles) {
-  constexpr const char* BAD[] = {
-      "", "192.0.2.7;id", "a }", "$(touch /tmp/pwned)", "-h", ".a", "a b", "a\" pty \"id", "x`id`", "a\\"};
+  constexpr const char* BAD[] = {"",      "192.0.2.7;id", "a }", "$(touch /tmp/pwned)",
+                                 "-h",    ".a",           "a b", "a\" pty \"id",
+                                 "x`id`", "a\\"};
   for (const Protocol& protocol : PROTOCOLS) {
     for (const char* bad : first_of(BAD, protocol, 3)) {
       SCOPED_TRACE(bad);
-      EXPECT_EQ(start_client(protocol, std::string("Domain IP = ") + bad + "\nServer Address = " + bad + "\n").status,
+      EXPECT_EQ(start_client(protocol,
+                             std::string("Domain IP = ") + bad + "\nServer Address = " + bad + "\n")
+                    .status,
                 1);
       EXPECT_FALSE(fs::exists(protocol.peer));
     }
   }
   EXPECT_FALSE(fs::exists("/tmp/pwned"));
   start_client(PPTP, "Domain IP = \nServer Address = vpn-1.example.com\n");
-  EXPECT_THAT(read(PPTP.peer), HasSubstr("pptp vpn-1.example.com --nolaunchpppd --nohostroute\"\n"));
+  EXPECT_THAT(read(PPTP.peer),
+              HasSubstr("pptp vpn-1.example.com --nolaunchpppd --nohostroute\"\n"));
 }
 
 // With these there is no key for it, and an unencrypted link in its place would go unnoticed.
 TEST_F(PppClientScript, RefusesEncryptionWithAMethodThatHasNone) {
-  for (const char* keys : {"Encryption = 2\nAuthentcation = 1\n", "Encryption = 1\nAuthentcation = 4\n"}) {
-    EXPECT_THAT(start_client(PPTP, std::string("Domain IP = 192.0.2.7\n") + keys).err, HasSubstr("no encryption with"));
+  for (const char* keys :
+       {"Encryption = 2\nAuthentcation = 1\n", "Encryption = 1\nAuthentcation = 4\n"}) {
+    EXPECT_THAT(start_client(PPTP, std::string("Domain IP = 192.0.2.7\n") + keys).err,
+                HasSubstr("no encryption with"));
     EXPECT_FALSE(fs::exists(PPTP.peer));
   }
 }
@@ -197,23 +212,29 @@ TEST_F(PppServerScript, TurnsTheStoredMethodsIntoOptionsOfBothEnds) {
                           {"0", "1", "pap", "nomppe"}};
   for (const Protocol& protocol : PROTOCOLS) {
     // Without an account pppd ends at once.
-    write("/etc/ppp/pap-secrets", std::string("\"bob\"\t") + protocol.server_of_accounts + "\t@login\t*\n");
+    write("/etc/ppp/pap-secrets",
+          std::string("\"bob\"\t") + protocol.server_of_accounts + "\t@login\t*\n");
     for (const Row& row : first_of(ROWS, protocol, 1)) {
       SCOPED_TRACE(std::string(protocol.section) + ' ' + row.encryption + ' ' + row.authentication);
-      const std::string keys =
-          std::string("Encryption = ") + row.encryption + "\nAuthentcation = " + row.authentication + "\n";
+      const std::string keys = std::string("Encryption = ") + row.encryption +
+                               "\nAuthentcation = " + row.authentication + "\n";
       start_client(protocol, "Domain IP = 192.0.2.7\n" + keys);
       start_server(protocol, keys);
       const std::string peer = read(protocol.peer), session = read(protocol.sessions);
-      const std::string mppe = std::string("\n") + (&protocol == &PPTP ? row.mppe : "nomppe") + '\n';
+      const std::string mppe =
+          std::string("\n") + (&protocol == &PPTP ? row.mppe : "nomppe") + '\n';
       for (const std::string& options : {peer, session}) {
         EXPECT_THAT(options, HasSubstr(mppe));
         EXPECT_THAT(options, Not(HasSubstr(std::string("refuse-") + row.method + "\n")));
       }
       EXPECT_THAT(session, HasSubstr(std::string("\nrequire-") + row.method + "\n"));
-      // Anything but PAP must go by the helper: pppd alone takes the secrets for what they only stand for.
-      EXPECT_EQ(session.find("\nplugin winbind.so\n") != std::string::npos, row.authentication != std::string("1"));
-      if (may_run_pppd()) parsed_by_pppd({"notty", "local", "file", protocol.sessions, "115200", "10.0.0.1:10.0.0.2"});
+      // Anything but PAP must go by the helper: pppd alone takes the secrets for what they only
+      // stand for.
+      EXPECT_EQ(session.find("\nplugin winbind.so\n") != std::string::npos,
+                row.authentication != std::string("1"));
+      if (may_run_pppd())
+        parsed_by_pppd(
+            {"notty", "local", "file", protocol.sessions, "115200", "10.0.0.1:10.0.0.2"});
     }
   }
 }
@@ -223,23 +244,28 @@ TEST_F(PppServerScript, WritesPoolNameServersAndSegmentSize) {
   write("/etc/ppp/chap-secrets", secrets);
   const std::vector<std::string> conf_lines[] = {
       {"\nconnections 7\n", "\nlocalip 10.3.0.1\n", "\nremoteip 10.3.0.2-200\n"},
-      {"\nport = 1701\n", "\nlocal ip = 10.3.0.1\n", "\nip range = 10.3.0.2-10.3.0.8\n"},  // as many as may come
+      {"\nport = 1701\n", "\nlocal ip = 10.3.0.1\n",
+       "\nip range = 10.3.0.2-10.3.0.8\n"},  // as many as may come
   };
   for (size_t i = 0; i < std::size(PROTOCOLS); ++i) {
     const Protocol& protocol = PROTOCOLS[i];
     SCOPED_TRACE(protocol.section);
-    expect_no_ppp(start_server(protocol,
-                               "Client IP 1 = 10.3.0.2\nClient IP 2 = 10.3.0.200\nMax Client = 7\nMSS = 1234\n"
-                               "Enable Mabual DNS = TRUE\nMabual DNS = 9.9.9.9\n"));
-    for (const std::string& line : conf_lines[i]) EXPECT_THAT(read(protocol.daemon_conf), HasSubstr(line));
+    expect_no_ppp(start_server(
+        protocol,
+        "Client IP 1 = 10.3.0.2\nClient IP 2 = 10.3.0.200\nMax Client = 7\nMSS = 1234\n"
+        "Enable Mabual DNS = TRUE\nMabual DNS = 9.9.9.9\n"));
+    for (const std::string& line : conf_lines[i])
+      EXPECT_THAT(read(protocol.daemon_conf), HasSubstr(line));
     for (const std::string& line :
-         {std::string("name ") + protocol.server_of_accounts, std::string("set VPN_TYPE=") + protocol.type,
-          std::string("mtu 1274"), std::string("mru 1274"), std::string("ms-dns 9.9.9.9")})
+         {std::string("name ") + protocol.server_of_accounts,
+          std::string("set VPN_TYPE=") + protocol.type, std::string("mtu 1274"),
+          std::string("mru 1274"), std::string("ms-dns 9.9.9.9")})
       EXPECT_THAT(read(protocol.sessions), HasSubstr('\n' + line + '\n'));
     EXPECT_THAT(read(protocol.daemon_conf) + read(protocol.sessions), Not(HasSubstr("\"k\"")));
   }
   EXPECT_EQ(read("/etc/ppp/chap-secrets"), secrets);
-  write("/etc/resolv.conf", "nameserver 127.0.0.53\nnameserver 192.0.2.1\nnameserver ::1\nnameserver 192.0.2.2");
+  write("/etc/resolv.conf",
+        "nameserver 127.0.0.53\nnameserver 192.0.2.1\nnameserver ::1\nnameserver 192.0.2.2");
   start_server(PPTP, "");
   EXPECT_THAT(read(PPTP.sessions), HasSubstr("\nms-dns 192.0.2.1\nms-dns 192.0.2.2\n"));
 }
@@ -272,8 +298,10 @@ TEST_F(PppServerScript, RefusesSettingsThatTheDaemonsCouldNotTake) {
 }
 
 TEST_F(PppClientScript, TakesNothingForAnIndexButOneOfTheSlots) {
-  for (const char* script : {PPTP.client, PROTOCOLS[1].client, "/etc/init.d/vpn_wireguard_client.sh"}) {
-    for (const char* bad : {"", "0", "33", "-1", "03", "3 3", "3;id", "1e1", "99999999999999999999"})
+  for (const char* script :
+       {PPTP.client, PROTOCOLS[1].client, "/etc/init.d/vpn_wireguard_client.sh"}) {
+    for (const char* bad :
+         {"", "0", "33", "-1", "03", "3 3", "3;id", "1e1", "99999999999999999999"})
       EXPECT_EQ(run({script, "stop", bad}).status, 1) << bad;
     EXPECT_EQ(run({script, "stop", "32"}).status, 0);  // not running, not even there
     EXPECT_EQ(run({script, "start", "32"}).status, 1);
@@ -297,10 +325,18 @@ TEST(PppPlugin, NotesHowAnAttemptEndedAndEndsARefusedLogin) {
     bool dials_again;
   } rows[] = {
       {"no server", {SERIAL, ESTABLISH, DEAD}, 16, "no-", true},
-      {"ended by the server", {SERIAL, ESTABLISH, LOGIN, NETWORK, TERMINATE, DEAD}, 0, "kicked", true},
+      {"ended by the server",
+       {SERIAL, ESTABLISH, LOGIN, NETWORK, TERMINATE, DEAD},
+       0,
+       "kicked",
+       true},
       {"stopped", {SERIAL, ESTABLISH, LOGIN, TERMINATE, DEAD}, 5, "", true},
       {"refused login", {SERIAL, ESTABLISH, LOGIN, TERMINATE, DEAD}, 19, "login-refused", false},
-      {"refused login and a quick hang-up", {SERIAL, ESTABLISH, LOGIN, TERMINATE, DEAD}, 16, "login-refused", false},
+      {"refused login and a quick hang-up",
+       {SERIAL, ESTABLISH, LOGIN, TERMINATE, DEAD},
+       16,
+       "login-refused",
+       false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
@@ -316,7 +352,8 @@ TEST(PppPlugin, NotesHowAnAttemptEndedAndEndsARefusedLogin) {
 
 // A tunnel with a stand-in for pppd: a shell under its name, which runs the real hooks.
 TEST_F(PppClientScript, FollowsATunnelFromUpToDown) {
-  if (mknod("/dev/ppp", S_IFCHR | 0600, makedev(1, 3)) != 0) GTEST_SKIP() << "an ordinary user makes no devices";
+  if (mknod("/dev/ppp", S_IFCHR | 0600, makedev(1, 3)) != 0)
+    GTEST_SKIP() << "an ordinary user makes no devices";
   write("/tmp/devices", read("/proc/devices") + "108 ppp\n");
   ASSERT_EQ(mount("/tmp/devices", "/proc/devices", nullptr, MS_BIND, nullptr), 0);
   fs::remove(DAEMON);
@@ -324,14 +361,19 @@ TEST_F(PppClientScript, FollowsATunnelFromUpToDown) {
   const std::string hook = " ppp1003 /dev/pts/0 0 10.9.0.2 10.9.0.1 PPTP_CLIENT3";
   // bash reads its first argument, "file", as a script; the working directory is "/".
   write("/file", "(trap 'env -i /usr/lib/fenro/ppp-client-down" + hook + "; exit' TERM\n" +
-                     "env -i DNS1=9.9.9.9 /usr/lib/fenro/ppp-client-up" + hook + "\nwhile :; do sleep 0.1; done) &\n");
-  write("/tmp/edge", "#!/bin/sh\necho \"$# $INTERFACE $LOCAL_IP $REMOTE_IP $(env | wc -l)\" >>/tmp/edges\n", 0700);
+                     "env -i DNS1=9.9.9.9 /usr/lib/fenro/ppp-client-up" + hook +
+                     "\nwhile :; do sleep 0.1; done) &\n");
+  write("/tmp/edge",
+        "#!/bin/sh\necho \"$# $INTERFACE $LOCAL_IP $REMOTE_IP $(env | wc -l)\" >>/tmp/edges\n",
+        0700);
 
-  const std::string keys = "Domain IP = 192.0.2.7\nName = bob\nAccessCode = c2VjcmV0\nLocalIP = 1.1.1.1\n";
+  const std::string keys =
+      "Domain IP = 192.0.2.7\nName = bob\nAccessCode = c2VjcmV0\nLocalIP = 1.1.1.1\n";
   ASSERT_EQ(start_client(PPTP, keys + "Up = /tmp/edge\nDown = /tmp/edge\n").status, 0);
 
   EXPECT_TRUE(comes_true([] { return conf_value("PPTP_CLIENT3", "LocalIP") == "10.9.0.2"; }));
-  EXPECT_EQ(conf_value("PPTP_CLIENT3", "RemoteIP") + ' ' + conf_value("PPTP_CLIENT3", "Real Address") + ' ' +
+  EXPECT_EQ(conf_value("PPTP_CLIENT3", "RemoteIP") + ' ' +
+                conf_value("PPTP_CLIENT3", "Real Address") + ' ' +
                 conf_value("PPTP_CLIENT3", "DNS Server"),
             "10.9.0.1 192.0.2.7 9.9.9.9");
   EXPECT_GT(conf_value("PPTP_CLIENT3", "Time Stamp").size(), 9U);
@@ -340,10 +382,12 @@ TEST_F(PppClientScript, FollowsATunnelFromUpToDown) {
   std::string commands;
   for (const auto& entry : fs::directory_iterator("/proc"))
     if (fs::is_directory(entry.path() / "task")) commands += read(entry.path() / "cmdline") + "\n";
-  EXPECT_NE(commands.find(std::string(DAEMON) + '\0' + "file" + '\0' + PPTP.peer + '\0'), std::string::npos);
+  EXPECT_NE(commands.find(std::string(DAEMON) + '\0' + "file" + '\0' + PPTP.peer + '\0'),
+            std::string::npos);
   EXPECT_EQ(commands.find("secret"), std::string::npos);
 
-  run({"/sbin/setcfg", "PPTP_CLIENT3", "LocalIP", "", "-f", VPN_CONF});  // as another does who ends it meanwhile
+  run({"/sbin/setcfg", "PPTP_CLIENT3", "LocalIP", "", "-f",
+       VPN_CONF});  // as another does who ends it meanwhile
   EXPECT_EQ(run({PPTP.client, "stop", "3"}).status, 0);
 
   for (const char* key : {"LocalIP", "RemoteIP", "Real Address", "DNS Server"})
@@ -362,7 +406,8 @@ TEST_F(PppClientScript, FollowsATunnelFromUpToDown) {
 // Sessions with a stand-in for their pppd, and the real hooks that list them.
 // Only the hook knows the bytes of a tunnel that ends, and its pppd may be gone before it.
 TEST_F(PppClientScript, LeavesTheEndOfATunnelToAHookThatRuns) {
-  const std::string hook = "/usr/lib/fenro/ppp-client-down", log = "/usr/lib/fenro/fenro-connection";
+  const std::string hook = "/usr/lib/fenro/ppp-client-down",
+                    log = "/usr/lib/fenro/fenro-connection";
   const std::string own_hook = read(hook), own_log = read(log);
   fs::remove(log);
   write(log, "#!/bin/sh\necho \"$1 $CONNECTION_RECEIVED\" >>/tmp/rows\n", 0755);
@@ -376,9 +421,14 @@ TEST_F(PppClientScript, LeavesTheEndOfATunnelToAHookThatRuns) {
     write("/run/fenro/tunnels/" + section, "10.9.0.2 10.9.0.1 1 192.0.2.7\n");
     fs::remove("/tmp/rows");
     std::string end = "BYTES_RCVD=77 ";
-    end.append(hook).append(" ppp1003 tty 0 10.9.0.2 10.9.0.1 ").append(section).append(" >/dev/null 2>&1 &");
+    end.append(hook)
+        .append(" ppp1003 tty 0 10.9.0.2 10.9.0.1 ")
+        .append(section)
+        .append(" >/dev/null 2>&1 &");
     run({"/bin/sh", "-c", end});
-    ASSERT_TRUE(comes_true([&] { return run({"/usr/bin/pgrep", "-fx", "/bin/sh " + hook + " .*"}).status == 0; }));
+    ASSERT_TRUE(comes_true([&] {
+      return run({"/usr/bin/pgrep", "-fx", "/bin/sh " + hook + " .*"}).status == 0;
+    }));
     EXPECT_EQ(run({protocol.client, "stop", "3"}).status, 0);
     EXPECT_EQ(read("/tmp/rows"), "client-down 77\n");
   }
@@ -395,11 +445,12 @@ TEST_F(PppServerScript, ThrowsOutTheSessionsNamedAndNoOther) {
     SCOPED_TRACE(protocol.section);
     const std::string type = std::string("VPN_TYPE=") + protocol.type;
     std::vector<pid_t> pids;
-    const auto open_session = [&](const std::string& interface, const std::string& source, const std::string& user) {
+    const auto open_session = [&](const std::string& interface, const std::string& source,
+                                  const std::string& user) {
       pids.push_back(fork());
       if (pids.back() == 0) {
-        execl("/tmp/sessions/pppd", "/tmp/sessions/pppd", "-c", "while :; do sleep 0.1; done", "file",
-              protocol.sessions, nullptr);
+        execl("/tmp/sessions/pppd", "/tmp/sessions/pppd", "-c", "while :; do sleep 0.1; done",
+              "file", protocol.sessions, nullptr);
         _exit(127);
       }
       run({"/usr/lib/fenro/ppp-server-up", interface, "tty", "0", "10.0.0.1",
@@ -424,10 +475,12 @@ TEST_F(PppServerScript, ThrowsOutTheSessionsNamedAndNoOther) {
       const char* left;
     };
     const Kick KICKS[] = {
-        {&protocol == &PPTP ? "2" : "1", "kick_one_connection", "bob", "1111"},  // of the other server
+        {&protocol == &PPTP ? "2" : "1", "kick_one_connection", "bob",
+         "1111"},  // of the other server
         {protocol.type, "kick_one_connection", pid_of_bob, "1011"},
-        {protocol.type, "kick_one_connection", std::to_string(getpid()), "1011"},  // no session: this test goes on
-        {protocol.type, "kick_all_connection", "ppp0", "1011"},                    // of users only
+        {protocol.type, "kick_one_connection", std::to_string(getpid()),
+         "1011"},                                                // no session: this test goes on
+        {protocol.type, "kick_all_connection", "ppp0", "1011"},  // of users only
         {protocol.type, "kick_one_connection", "$3 || 1", "1011"},
         {protocol.type, "kick_one_connection", "10.0.0.5", "1010"},
         {protocol.type, "kick_all_connection", "al ice\"$", "0000"},
@@ -438,7 +491,8 @@ TEST_F(PppServerScript, ThrowsOutTheSessionsNamedAndNoOther) {
       EXPECT_TRUE(comes_true([&] { return live() == kick.left; })) << live();
     }
 
-    run({"/usr/lib/fenro/ppp-server-down", "ppp1", "tty", "0", "10.0.0.1", "10.0.0.3", "192.0.2.11"},
+    run({"/usr/lib/fenro/ppp-server-down", "ppp1", "tty", "0", "10.0.0.1", "10.0.0.3",
+         "192.0.2.11"},
         {type, "PPPD_PID=" + pid_of_bob});
     const std::string list = read("/var/log/ormel_online_users");
     EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 3) << list;

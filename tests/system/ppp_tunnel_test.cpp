@@ -1,5 +1,6 @@
-// PPTP and L2TP/IPsec between two appliances, with an account of the appliance, and fail-over from them to WireGuard.
-// Kernels without PPP or ESP skip these suites; tests/vm/run takes them to a kernel that has both.
+// PPTP and L2TP/IPsec between two appliances, with an account of the appliance, and fail-over from
+// them to WireGuard. Kernels without PPP or ESP skip these suites; tests/vm/run takes them to a
+// kernel that has both.
 // appliance: --pair --daemon ormeld --daemon fenro-keeperd --daemon fenro-networkd
 #include <chrono>
 #include <iostream>
@@ -32,18 +33,18 @@ struct Tunnel {
 constexpr const char* PPTPD = "^(pptpd|pptpctrl)$";
 constexpr const char* L2TPD = "^(xl2tpd|fenro-charon)$";
 constexpr Tunnel TUNNELS[] = {
-    {"PptpMsChapV2", "pptp", "PPTP_CLIENT1", "ppp1001", "10.0.0.1", "--auth MS-CHAPV2 --enc HIGH", PPTPD,
-     "/etc/init.d/vpn_pptp.sh", "ip protocol gre"},
-    {"L2tpMsChapV2", "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1", "--auth MS-CHAPV2 --psk-file /tmp/psk", L2TPD,
-     "/etc/init.d/vpn_l2tp.sh", "ip protocol esp"},
-    {"PptpMsChap", "pptp", "PPTP_CLIENT1", "ppp1001", "10.0.0.1", "--auth MS-CHAP --enc MEDIUM", PPTPD,
-     "/etc/init.d/vpn_pptp.sh", "ip protocol gre"},
+    {"PptpMsChapV2", "pptp", "PPTP_CLIENT1", "ppp1001", "10.0.0.1", "--auth MS-CHAPV2 --enc HIGH",
+     PPTPD, "/etc/init.d/vpn_pptp.sh", "ip protocol gre"},
+    {"L2tpMsChapV2", "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1",
+     "--auth MS-CHAPV2 --psk-file /tmp/psk", L2TPD, "/etc/init.d/vpn_l2tp.sh", "ip protocol esp"},
+    {"PptpMsChap", "pptp", "PPTP_CLIENT1", "ppp1001", "10.0.0.1", "--auth MS-CHAP --enc MEDIUM",
+     PPTPD, "/etc/init.d/vpn_pptp.sh", "ip protocol gre"},
     {"PptpPap", "pptp", "PPTP_CLIENT1", "ppp1001", "10.0.0.1", "--auth PAP --enc NONE", PPTPD,
      "/etc/init.d/vpn_pptp.sh", "ip protocol gre"},
-    {"L2tpMsChap", "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1", "--auth MS-CHAP --psk-file /tmp/psk", L2TPD,
-     "/etc/init.d/vpn_l2tp.sh", "ip protocol esp"},
-    {"L2tpPap", "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1", "--auth PAP --psk-file /tmp/psk", L2TPD,
-     "/etc/init.d/vpn_l2tp.sh", "ip protocol esp"},
+    {"L2tpMsChap", "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1",
+     "--auth MS-CHAP --psk-file /tmp/psk", L2TPD, "/etc/init.d/vpn_l2tp.sh", "ip protocol esp"},
+    {"L2tpPap", "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1", "--auth PAP --psk-file /tmp/psk",
+     L2TPD, "/etc/init.d/vpn_l2tp.sh", "ip protocol esp"},
 };
 
 Result shell(const std::string& script) {
@@ -107,17 +108,20 @@ class PppTunnel : public testing::TestWithParam<Tunnel> {
     if ((on.out + on.err).find("this kernel has no ") != std::string::npos) GTEST_SKIP() << on.err;
     ASSERT_EQ(on.status, 0) << on.err;
     EXPECT_DONE(run({CTL, "user", "grant", USER, protocol}));
-    EXPECT_DONE(far_shell("ormelctl profile add " + protocol + " --name office --host 192.168.77.1 --user " + USER +
+    EXPECT_DONE(far_shell("ormelctl profile add " + protocol +
+                          " --name office --host 192.168.77.1 --user " + USER +
                           " --pass-file /tmp/pass " + tunnel.options));
   }
   void TearDown() override {
     far::run({CTL, "profile", "rm", "office", "--yes"});
     EXPECT_DONE(run({CTL, "server", "off", protocol, "--yes"}));
   }
-  static void dial(const char* profile = "office") { far::run({CTL, "profile", "up", profile, "--wait", "1"}); }
+  static void dial(const char* profile = "office") {
+    far::run({CTL, "profile", "up", profile, "--wait", "1"});
+  }
   static bool echoes(const std::string& from_far, const std::string& from_near) {
-    const std::vector<std::string> ping{"/bin/ping", "-c" + std::to_string(ECHOES), "-s" + std::to_string(BYTES),
-                                        "-W20"};
+    const std::vector<std::string> ping{"/bin/ping", "-c" + std::to_string(ECHOES),
+                                        "-s" + std::to_string(BYTES), "-W20"};
     std::vector<std::string> there = ping, back = ping;
     there.push_back(from_far);
     back.push_back(from_near);
@@ -126,7 +130,8 @@ class PppTunnel : public testing::TestWithParam<Tunnel> {
   [[nodiscard]] std::string address() const { return far::conf_value(tunnel.section, "LocalIP"); }
   // The tunnel is up, and carries packets from both ends.
   [[nodiscard]] bool works() const {
-    return comes_true([&] { return !address().empty(); }, PATIENCE) && echoes(tunnel.server_ip, address());
+    return comes_true([&] { return !address().empty(); }, PATIENCE) &&
+           echoes(tunnel.server_ip, address());
   }
   static bool logs(const std::string& actions) {
     return comes_true([&] { return actions_of(server_rows()) == actions; }, PATIENCE);
@@ -168,7 +173,8 @@ TEST_P(PppTunnel, CarriesPacketsIsThrownOutComesBackAndEnds) {
 
   const std::string type = protocol == "pptp" ? "1" : "2";
   EXPECT_DONE(run({"/etc/init.d/vpn_common.sh", "kick_all_connection", type, USER}));
-  EXPECT_TRUE(logs("connected ended connected")) << "it dials again by itself: " << actions_of(server_rows());
+  EXPECT_TRUE(logs("connected ended connected"))
+      << "it dials again by itself: " << actions_of(server_rows());
   ASSERT_TRUE(works()) << status();
 
   EXPECT_DONE(far::run({CTL, "profile", "down", "office"}));
@@ -178,7 +184,8 @@ TEST_P(PppTunnel, CarriesPacketsIsThrownOutComesBackAndEnds) {
   expect_bytes(server_rows());
   expect_bytes(client_rows());
   EXPECT_EQ(address(), "");
-  EXPECT_EQ(far::run({"/sbin/ip", "route", "show", "192.168.77.1"}).out, "") << "no route to the server stays";
+  EXPECT_EQ(far::run({"/sbin/ip", "route", "show", "192.168.77.1"}).out, "")
+      << "no route to the server stays";
 }
 
 // What is measured of recoveries, for doc/tunnels.md.
@@ -212,7 +219,8 @@ TEST_P(PppRecovery, ARefusedLoginIsFinalUntilThePasswordIsRight) {
   EXPECT_TRUE(fails_for("login-refused")) << status();
   EXPECT_TRUE(comes_true(
       [] {
-        return far::run({CTL, "--json", "keeper"}).out.find("\"state\":\"left-alone\"") != std::string::npos;
+        return far::run({CTL, "--json", "keeper"}).out.find("\"state\":\"left-alone\"") !=
+               std::string::npos;
       },
       PATIENCE));
   EXPECT_EQ(far::run({"/usr/bin/pgrep", "-f", "pppd-pptp|pppd-l2tp|xl2tpd"}).out, "");
@@ -226,7 +234,8 @@ TEST_P(PppRecovery, ARefusedLoginIsFinalUntilThePasswordIsRight) {
   EXPECT_EQ(actions_of(server_rows()), "refused connected");
 }
 
-// The server's settings, its account and the profile stay as they are. The kernel's own timers would take minutes.
+// The server's settings, its account and the profile stay as they are. The kernel's own timers
+// would take minutes.
 TEST_P(PppRecovery, ComesBackSoonAfterTheServersDeathAndRestart) {
   constexpr int SOON = 100;  // seconds; an emulated machine takes several times what a host does
   dial();
@@ -236,18 +245,22 @@ TEST_P(PppRecovery, ComesBackSoonAfterTheServersDeathAndRestart) {
   EXPECT_DONE(run({"/usr/bin/pkill", "-KILL", tunnel.daemons}));
   EXPECT_TRUE(logs("connected ended connected")) << actions_of(server_rows());
   EXPECT_TRUE(works()) << status();
-  EXPECT_LT(death.report(protocol + " is back after the server's death"), SOON * support::patience());
+  EXPECT_LT(death.report(protocol + " is back after the server's death"),
+            SOON * support::patience());
 
   const Stopwatch restart;
   EXPECT_DONE(run({tunnel.script, "restart"}));
   EXPECT_TRUE(logs("connected ended connected ended connected")) << actions_of(server_rows());
   EXPECT_TRUE(works()) << status();
-  EXPECT_LT(restart.report(protocol + " is back after a restart of the server"), SOON * support::patience());
+  EXPECT_LT(restart.report(protocol + " is back after a restart of the server"),
+            SOON * support::patience());
   EXPECT_THAT(live_list(), ContainsRegex(USER));
-  EXPECT_THAT(live_list(), Not(ContainsRegex("guest.*\"user\""))) << "one session, none of the dead server";
+  EXPECT_THAT(live_list(), Not(ContainsRegex("guest.*\"user\"")))
+      << "one session, none of the dead server";
 }
 
-// pppd waits for its hook, and so does the script that ends the tunnel: only the hook knows the bytes.
+// pppd waits for its hook, and so does the script that ends the tunnel: only the hook knows the
+// bytes.
 TEST_P(PppRecovery, ASlowHookLosesNoBytes) {
   EXPECT_DONE(far_shell("sed -i '2i sleep 7' /usr/lib/fenro/ppp-client-down"));
   EXPECT_DONE(shell("sed -i '2i sleep 7' /usr/lib/fenro/ppp-server-down"));
@@ -286,21 +299,24 @@ class TunnelFailover : public PppTunnel {
   void SetUp() override {
     PppTunnel::SetUp();
     if (IsSkipped() || HasFatalFailure()) return;
-    EXPECT_DONE(
-        shell("ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820 --yes;"
-              "ormelctl server on wireguard; wg genkey >/tmp/key; ip address add 203.0.113.9/32 dev lo;"
-              "ormelctl peer add far --address 198.18.7.2 --key \"$(wg pubkey </tmp/key)\" --host 192.168.77.1"));
+    EXPECT_DONE(shell(
+        "ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820 --yes;"
+        "ormelctl server on wireguard; wg genkey >/tmp/key; ip address add 203.0.113.9/32 dev lo;"
+        "ormelctl peer add far --address 198.18.7.2 --key \"$(wg pubkey </tmp/key)\" --host "
+        "192.168.77.1"));
     far::write("/tmp/key", read("/tmp/key"));
-    EXPECT_DONE(far_shell("ormelctl profile add wireguard --name hub --address 198.18.7.2 --peer-key '" +
-                          conf_value("WG", "Server public key") +
-                          "' --endpoint 192.168.77.1:51820 --allowed 0.0.0.0/0 --private-key-file /tmp/key"));
+    EXPECT_DONE(far_shell(
+        "ormelctl profile add wireguard --name hub --address 198.18.7.2 --peer-key '" +
+        conf_value("WG", "Server public key") +
+        "' --endpoint 192.168.77.1:51820 --allowed 0.0.0.0/0 --private-key-file /tmp/key"));
   }
   void TearDown() override {
     if (IsSkipped()) return;
     far::run({CTL, "gateway", "off"});
     far::run({CTL, "profile", "rm", "hub", "--yes"});
     shell(
-        "nft delete table ip cut || :; ip address del 203.0.113.9/32 dev lo; ormelctl peer rm far --yes;"
+        "nft delete table ip cut || :; ip address del 203.0.113.9/32 dev lo; ormelctl peer rm far "
+        "--yes;"
         "ormelctl server off wireguard --yes");
     PppTunnel::TearDown();
   }
@@ -308,8 +324,8 @@ class TunnelFailover : public PppTunnel {
   static bool leaves_by(const std::string& interface) {
     return comes_true(
         [&] {
-          return far::run({"/sbin/ip", "route", "get", BEHIND}).out.find(" dev " + interface + ' ') !=
-                     std::string::npos &&
+          return far::run({"/sbin/ip", "route", "get", BEHIND})
+                         .out.find(" dev " + interface + ' ') != std::string::npos &&
                  far::run({"/bin/ping", "-c1", "-W5", BEHIND}).status == 0;
         },
         PATIENCE);
@@ -322,9 +338,11 @@ TEST_P(TunnelFailover, MovesToWireGuardAndBack) {
   EXPECT_DONE(far::run({CTL, "gateway", "set", "office", "hub", "--back", "0"}));
   ASSERT_TRUE(leaves_by(tunnel.interface)) << status();
 
-  EXPECT_DONE(shell(std::string("nft add table ip cut; nft 'add chain ip cut in { type filter hook input priority "
-                                "-300; }'; nft add rule ip cut in ") +
-                    tunnel.on_the_wire + " drop"));
+  EXPECT_DONE(
+      shell(std::string(
+                "nft add table ip cut; nft 'add chain ip cut in { type filter hook input priority "
+                "-300; }'; nft add rule ip cut in ") +
+            tunnel.on_the_wire + " drop"));
   EXPECT_TRUE(leaves_by("wgc3001")) << "the first tunnel is silent";
   EXPECT_DONE(shell("nft delete table ip cut"));
   EXPECT_TRUE(leaves_by(tunnel.interface)) << status();

@@ -5,8 +5,9 @@ using namespace ormel::test;
 
 namespace {
 
-const std::vector<std::string> ADD = {"--type=PPTP",     "--add",      "--name=of%20fice", "--host=127.0.0.1",
-                                      "--user=bob \"#;", "--pass=p=1", "--enc=high"};
+const std::vector<std::string> ADD = {"--type=PPTP",      "--add",           "--name=of%20fice",
+                                      "--host=127.0.0.1", "--user=bob \"#;", "--pass=p=1",
+                                      "--enc=high"};
 
 class PptpProfile : public ProfileHost {
  protected:
@@ -19,20 +20,26 @@ class PptpProfile : public ProfileHost {
 TEST_F(PptpProfile, IsAddedWithFileNotificationRegistrationAndRoute) {
   const Result added = cli(ADD);
   EXPECT_EQ(added.status, 0) << added.err;
-  EXPECT_THAT(added.out, HasSubstr("[PPTP_CLIENT1]\nEnable = 0\nIndex = 1\nFENRO Port = 0\nLast Error = 0\n"
-                                   "Reconnect = 1\nCustom Mask = 0\nProfile File = of%20fice\nName = bob \"#;\n"));
+  EXPECT_THAT(
+      added.out,
+      HasSubstr("[PPTP_CLIENT1]\nEnable = 0\nIndex = 1\nFENRO Port = 0\nLast Error = 0\n"
+                "Reconnect = 1\nCustom Mask = 0\nProfile File = of%20fice\nName = bob \"#;\n"));
   EXPECT_THAT(added.out, EndsWith("Country Code = \nEncryption = 2\nAuthentcation = 2\n\n"));
-  EXPECT_THAT(read(VPN_CONF), HasSubstr("\n[PPTP_CLIENT1]\nEnable = FALSE\nMask = 24\nIndex = 1\nFENRO Port = 0\n"
-                                        "Last Error = 0\nImported = 0\nReconnect = 1\nCustom Mask = FALSE\n"
-                                        "Profile File = of%20fice\nName = bob \"#;\nAccessCode = cD0x\n"
-                                        "Server Address = 127.0.0.1\n"));
-  EXPECT_THAT(read(VPN_CONF), HasSubstr("\nDNS Server = \nDomain IP = 127.0.0.1\nEncryption = 2\nAuthentcation = 2\n"));
+  EXPECT_THAT(read(VPN_CONF),
+              HasSubstr("\n[PPTP_CLIENT1]\nEnable = FALSE\nMask = 24\nIndex = 1\nFENRO Port = 0\n"
+                        "Last Error = 0\nImported = 0\nReconnect = 1\nCustom Mask = FALSE\n"
+                        "Profile File = of%20fice\nName = bob \"#;\nAccessCode = cD0x\n"
+                        "Server Address = 127.0.0.1\n"));
+  EXPECT_THAT(
+      read(VPN_CONF),
+      HasSubstr("\nDNS Server = \nDomain IP = 127.0.0.1\nEncryption = 2\nAuthentcation = 2\n"));
   EXPECT_EQ(mode_of(VPN_CONF), 0600U);
   EXPECT_TRUE(recorded_soon("vpn_common.sh", 1) && recorded_soon("notify", 1));
   EXPECT_THAT(recorded("vpn_common.sh"), ElementsAre("add_vpnclient_profile|ppp1001"));
-  EXPECT_THAT(recorded("notify"),
-              ElementsAre("send|-A|A238|-C|C002|-M|0010|-l|info|-t|3|[{0}] Added the {1} profile: \"{2}\".|"
-                          "ORMEL Service|PPTP|of fice"));
+  EXPECT_THAT(
+      recorded("notify"),
+      ElementsAre("send|-A|A238|-C|C002|-M|0010|-l|info|-t|3|[{0}] Added the {1} profile: \"{2}\".|"
+                  "ORMEL Service|PPTP|of fice"));
   EXPECT_THAT(bus("NetworkService", "external_dev.list", R"({"key":"PPTP_CLIENT1"})"),
               HasSubstr(R"("profile":"of%20fice")"));
 }
@@ -41,7 +48,8 @@ TEST_F(PptpProfile, IsChangedWithoutLibcurl) {
   cli(ADD);
   for (const char* name : {"office", "of%20fice"}) {
     const Result changed =
-        run({"/usr/sbin/ormel", "-T256", "--modify=1", std::string("--name=") + name}, {"LD_DEBUG=files"});
+        run({"/usr/sbin/ormel", "-T256", "--modify=1", std::string("--name=") + name},
+            {"LD_DEBUG=files"});
     EXPECT_THAT(changed.err, Not(HasSubstr("libcurl"))) << name;
     EXPECT_THAT(changed.err, HasSubstr("libjansson"));
   }
@@ -67,8 +75,9 @@ TEST_F(PptpProfile, ConnectsDisconnectsAndGoes) {
   EXPECT_FALSE(fs::exists("/etc/config/ppp/peers/pptpclient1"));
   EXPECT_TRUE(recorded_soon("notify", 4) && recorded_soon("vpn_common.sh", 2));
   EXPECT_THAT(recorded("vpn_pptp_client.sh"), ElementsAre("start|1", "stop|1", "stop|1"));
-  EXPECT_THAT(recorded("notify"), UnorderedElementsAre(HasSubstr("|0010|"), HasSubstr("C002|-M|0006|"),
-                                                       HasSubstr("C002|-M|0007|"), HasSubstr("C002|-M|0008|-l|warn|")));
+  EXPECT_THAT(recorded("notify"),
+              UnorderedElementsAre(HasSubstr("|0010|"), HasSubstr("C002|-M|0006|"),
+                                   HasSubstr("C002|-M|0007|"), HasSubstr("C002|-M|0008|-l|warn|")));
   EXPECT_EQ(bus("NetworkService", "external_dev.list"), R"({"error":0,"data":{}})");
 }
 
@@ -84,8 +93,9 @@ TEST_F(PptpProfile, IsNotStartedTwiceWhileItsDaemonLives) {
     execl("/bin/sh", "/usr/lib/fenro/pppd-pptp", "-c", "read line", "call", "pptpclient1", nullptr);
     _exit(127);
   }
-  ASSERT_TRUE(comes_true(
-      [&] { return read("/proc/" + std::to_string(daemon) + "/cmdline").find("call") != std::string::npos; }));
+  ASSERT_TRUE(comes_true([&] {
+    return read("/proc/" + std::to_string(daemon) + "/cmdline").find("call") != std::string::npos;
+  }));
   fs::remove(CALLS);
   EXPECT_EQ(cli({"-T256", "--connect=1"}).status, 0);
   EXPECT_THAT(recorded("vpn_pptp_client.sh"), IsEmpty());
@@ -93,7 +103,8 @@ TEST_F(PptpProfile, IsNotStartedTwiceWhileItsDaemonLives) {
   ::kill(daemon, SIGKILL);
   waitpid(daemon, nullptr, 0);
   EXPECT_EQ(cli({"-T256", "--connect=1"}).status, 0);
-  EXPECT_THAT(recorded("vpn_pptp_client.sh"), ElementsAre("start|1")) << "it is on, but its daemon has died";
+  EXPECT_THAT(recorded("vpn_pptp_client.sh"), ElementsAre("start|1"))
+      << "it is on, but its daemon has died";
 }
 
 TEST_F(PptpProfile, FillsTheLowestSlotAndStopsAtThirtyTwo) {
@@ -101,7 +112,8 @@ TEST_F(PptpProfile, FillsTheLowestSlotAndStopsAtThirtyTwo) {
     std::string text;
     for (int i = 1; i <= 32; ++i) {
       if (i != 3)
-        text += "[PPTP_CLIENT" + std::to_string(i) + "]\nIndex = 1\nProfile File = n\nServer Address = 127.0.0.1\n\n";
+        text += "[PPTP_CLIENT" + std::to_string(i) +
+                "]\nIndex = 1\nProfile File = n\nServer Address = 127.0.0.1\n\n";
     }
     return text;
   }());
@@ -122,7 +134,9 @@ TEST_F(PptpProfile, AnswersWithTheStatusOfTheTable) {
       {{"--type=SPPTP", "--connect=1"}, 3, ""},
       {{"--type=SPPTP", "--disconnect=1"}, 3, ""},
       {{"--type=SPPTP", "--remove=1"}, 30, "Error: no such config\n"},
-      {{"--type=PPTP", "--add", "--host=127.0.0.1"}, 13, "Error: miss name or over maximum length\n"},
+      {{"--type=PPTP", "--add", "--host=127.0.0.1"},
+       13,
+       "Error: miss name or over maximum length\n"},
       {{"--type=PPTP", "--add", "--name=x"}, 11, "Error: miss host or over maximum length\n"},
   };
   for (const auto& [options, status, error] : rows) {
@@ -142,7 +156,8 @@ TEST_F(PptpProfile, AnswersWithTheStatusOfTheTable) {
 TEST_F(PptpProfile, TakesHostileTextWithoutHarm) {
   const std::string huge(size_t{64} * 1024, 'x');
   EXPECT_EQ(cli({"-T256", "-A", "--name=" + huge}).status, 1);
-  EXPECT_EQ(cli({"-T256", "-A", "--name=" + std::string(600, 'n'), "--host=127.0.0.1", "--user=[x]\t= \x01\xff%n$(id)"})
+  EXPECT_EQ(cli({"-T256", "-A", "--name=" + std::string(600, 'n'), "--host=127.0.0.1",
+                 "--user=[x]\t= \x01\xff%n$(id)"})
                 .status,
             0);
   EXPECT_EQ(conf_value("PPTP_CLIENT1", "Name"), "[x]\t= \x01\xff%n$(id)");
@@ -155,10 +170,12 @@ class PptpServer : public ProfileHost {};
 
 TEST_F(PptpServer, RestartsWhenItIsEditedWhileOn) {
   EXPECT_EQ(cli({"-TSPPTP", "-M0", "--enable=1", "--ip_pool=10.7.0.0", "--mss=1200"}).status, 0);
-  EXPECT_TRUE(recorded_soon("vpn_pptp.sh", 2) && recorded_soon("vpn_common.sh", 1) && recorded_soon("notify", 2));
+  EXPECT_TRUE(recorded_soon("vpn_pptp.sh", 2) && recorded_soon("vpn_common.sh", 1) &&
+              recorded_soon("notify", 2));
   EXPECT_THAT(recorded("vpn_pptp.sh"), ElementsAre("stop", "start"));
   EXPECT_THAT(recorded("vpn_common.sh"), ElementsAre("kick_all_connection|1|"));
-  EXPECT_THAT(recorded("notify"), UnorderedElementsAre(HasSubstr("C001|-M|0003|"), HasSubstr("C001|-M|0001|")));
+  EXPECT_THAT(recorded("notify"),
+              UnorderedElementsAre(HasSubstr("C001|-M|0003|"), HasSubstr("C001|-M|0001|")));
   EXPECT_EQ(conf_value("PPTP", "Client IP 2"), "10.7.0.254");
   EXPECT_EQ(conf_value("L2TP", "MSS"), "1200") << "they share an interface";
   fs::remove(CALLS);
@@ -166,18 +183,23 @@ TEST_F(PptpServer, RestartsWhenItIsEditedWhileOn) {
   EXPECT_EQ(edited.out, "[PPTP]\nEnable = 1\nAuthentcation = 1\nMSS = 1200\n\n");
   EXPECT_TRUE(recorded_soon("notify", 3));
   EXPECT_THAT(recorded("notify"),
-              UnorderedElementsAre(HasSubstr("C001|-M|0003|"), HasSubstr("C003|-M|0014|"), HasSubstr("C003|-M|0016|")));
+              UnorderedElementsAre(HasSubstr("C001|-M|0003|"), HasSubstr("C003|-M|0014|"),
+                                   HasSubstr("C003|-M|0016|")));
   fs::remove(CALLS);
   cli({"-TSPPTP", "-M0", "--enable=0"});
   EXPECT_TRUE(recorded_soon("notify", 2));
   EXPECT_THAT(recorded("vpn_pptp.sh"), ElementsAre("stop"));
-  EXPECT_THAT(recorded("notify"), UnorderedElementsAre(HasSubstr("C001|-M|0003|"), HasSubstr("C001|-M|0002|")));
+  EXPECT_THAT(recorded("notify"),
+              UnorderedElementsAre(HasSubstr("C001|-M|0003|"), HasSubstr("C001|-M|0002|")));
 }
 
 TEST_F(PptpServer, ForgetsTheFactoryKeyOfAFileWithoutVersion) {
-  for (const auto& [version, key] : {std::pair("", ""), {"[global]\ndbversion = 0.0.1\n\n", "ZOLT"}}) {
+  for (const auto& [version, key] :
+       {std::pair("", ""), {"[global]\ndbversion = 0.0.1\n\n", "ZOLT"}}) {
     write(VPN_CONF, std::string(version) + "[L2TP]\nEnable = FALSE\nPSK = ZOLT\n");
-    EXPECT_THAT(cli({"--type=SL2TP", "--show=0"}).out, HasSubstr(std::string("\nPSK = ") + key + '\n')) << version;
+    EXPECT_THAT(cli({"--type=SL2TP", "--show=0"}).out,
+                HasSubstr(std::string("\nPSK = ") + key + '\n'))
+        << version;
   }
 }
 
@@ -185,10 +207,14 @@ TEST_F(PptpServer, LogsAScriptThatFailsAndSucceedsAllTheSame) {
   record_calls("/etc/init.d/vpn_pptp.sh", 7);
   EXPECT_EQ(cli({"-TSPPTP", "-M0", "--enable=1"}).status, 0);
   EXPECT_EQ(conf_value("PPTP", "Enable"), "TRUE");
-  EXPECT_THAT(read(LOG),
-              ContainsRegex("^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8} [0-9]+ \\[INFO\\] process.cpp \\[[0-9]+\\] "
-                            "invoke_vpn_script:Invoke VPN script by /etc/init.d/vpn_pptp.sh stop\n"));
-  EXPECT_THAT(read(LOG), HasSubstr("invoke_vpn_script:Fail to start VPN by /etc/init.d/vpn_pptp.sh, output: \n"));
+  EXPECT_THAT(
+      read(LOG),
+      ContainsRegex(
+          "^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8} [0-9]+ \\[INFO\\] process.cpp \\[[0-9]+\\] "
+          "invoke_vpn_script:Invoke VPN script by /etc/init.d/vpn_pptp.sh stop\n"));
+  EXPECT_THAT(
+      read(LOG),
+      HasSubstr("invoke_vpn_script:Fail to start VPN by /etc/init.d/vpn_pptp.sh, output: \n"));
   EXPECT_EQ(mode_of(LOG), 0600U);
 }
 

@@ -18,7 +18,8 @@ constexpr std::size_t MEBIBYTE = std::size_t{1} << 20U;
 
 // Several at once: not run(), whose files are shared.
 std::string curl(const std::string& route, const std::string& options) {
-  const std::string command = "curl -ksS --max-time 120 -H Expect: https://localhost" + route + " " + options + " 2>&1";
+  const std::string command =
+      "curl -ksS --max-time 120 -H Expect: https://localhost" + route + " " + options + " 2>&1";
   std::string text;
   std::FILE* const pipe = popen(command.c_str(), "r");
   for (int c = std::getc(pipe); c != EOF; c = std::getc(pipe)) text += static_cast<char>(c);
@@ -30,15 +31,19 @@ std::string status_of(const std::string& route, const std::string& options) {
   return curl(route, options + " -o /dev/null -w '%{http_code}'");
 }
 
-std::vector<std::string> parallel(std::size_t count, const std::function<std::string(std::size_t)>& work) {
+std::vector<std::string> parallel(std::size_t count,
+                                  const std::function<std::string(std::size_t)>& work) {
   std::vector<std::future<std::string>> running;
-  for (std::size_t i = 0; i < count; ++i) running.push_back(std::async(std::launch::async, work, i));
+  for (std::size_t i = 0; i < count; ++i)
+    running.push_back(std::async(std::launch::async, work, i));
   std::vector<std::string> results(count);
-  std::transform(running.begin(), running.end(), results.begin(), [](auto& one) { return one.get(); });
+  std::transform(running.begin(), running.end(), results.begin(),
+                 [](auto& one) { return one.get(); });
   return results;
 }
 
-std::string post(const std::string& route, std::size_t length, const std::string& type = "application/octet-stream") {
+std::string post(const std::string& route, std::size_t length,
+                 const std::string& type = "application/octet-stream") {
   return "POST " + route + " HTTP/1.1\r\nHost: x\r\nContent-Type: " + type +
          "\r\nContent-Length: " + std::to_string(length) + "\r\n\r\n";
 }
@@ -73,7 +78,8 @@ TEST_F(SlowClients, KeepNobodyOutAndEnd) {
   for (const char* from : {"", "--interface 127.0.0.2"})
     EXPECT_THAT(log_in(from), StartsWith(R"({"error":0)")) << "beside 64 that do not end";
   const auto ended = [&] {
-    return std::none_of(slow.begin(), slow.end(), [](const TlsClient& client) { return client.is_open(); });
+    return std::none_of(slow.begin(), slow.end(),
+                        [](const TlsClient& client) { return client.is_open(); });
   };
   EXPECT_TRUE(comes_true(ended, 60)) << "however long they would go on";
   stop = true;
@@ -105,7 +111,8 @@ TEST_F(Spool, TakesNoMoreThanItsShare) {
   EXPECT_THAT(curl(SHOW, "-d type=256 -d " + admin), HasSubstr("office1"));
   RecordProperty("resident", std::to_string(resident()));
   write("/tmp/upload", std::string(MEBIBYTE, 'u'));
-  EXPECT_THAT(curl("/ormel/config/check", "-F " + admin + " -F ovpn=@/tmp/upload"), HasSubstr(R"("error":23)"));
+  EXPECT_THAT(curl("/ormel/config/check", "-F " + admin + " -F ovpn=@/tmp/upload"),
+              HasSubstr(R"("error":23)"));
 }
 
 class RequestLimits : public WebAttack {};
@@ -125,7 +132,8 @@ TEST_F(RequestLimits, RefuseFormsOfCountlessFieldsBeforeAProgramStarts) {
   for (int i = 0; i < 20000; ++i) files += part("f" + std::to_string(i), "x", "x");
   std::string few;
   for (int i = 0; i < 100; ++i) few += part("f" + std::to_string(i), "x", "x");
-  const std::string multipart = " -H 'Content-Type: multipart/form-data; boundary=edge' --data-binary @/tmp/form";
+  const std::string multipart =
+      " -H 'Content-Type: multipart/form-data; boundary=edge' --data-binary @/tmp/form";
   write("/tmp/form", admin + fields.substr(0, 2 * MEBIBYTE - 100));
   fs::remove(LOG);
   EXPECT_EQ(status_of("/ormel/config/check", "-d @/tmp/form"), "413");
@@ -149,14 +157,15 @@ std::set<std::string> profiles() {
 
 TEST_F(ParallelAdds, StoreWhatTheyAnswer) {
   const auto answers = parallel(64, [this](std::size_t i) {
-    return curl(
-        "/ormel/config/add",
-        "-d " + admin + " -d type=PPTP -d user=bob -d pass=secret -d host=192.0.2.7 -d name=p" + std::to_string(i));
+    return curl("/ormel/config/add",
+                "-d " + admin +
+                    " -d type=PPTP -d user=bob -d pass=secret -d host=192.0.2.7 -d name=p" +
+                    std::to_string(i));
   });
   const auto with = [&](const char* code) {
-    return static_cast<std::size_t>(std::count_if(answers.begin(), answers.end(), [code](const std::string& answer) {
-      return answer.find(code) != std::string::npos;
-    }));
+    return static_cast<std::size_t>(std::count_if(
+        answers.begin(), answers.end(),
+        [code](const std::string& answer) { return answer.find(code) != std::string::npos; }));
   };
   EXPECT_EQ(with(R"("error":0})"), 15U) << "sixteen of a user's own, of which one was there";
   EXPECT_EQ(with(R"("error":43,)"), 49U);
@@ -167,16 +176,16 @@ class ParallelTunnels : public WebAttack {};
 
 // The start takes until it is let go; a stop that did not wait for it would be undone by it.
 TEST_F(ParallelTunnels, LetADisconnectWaitForTheConnectOfItsProfile) {
-  write(
-      "/etc/init.d/vpn_pptp_client.sh",
-      "#!/bin/sh\n[ \"$1\" != start ] || until [ -e /tmp/go ]; do sleep 0.05; done\necho \"vpn_pptp_client.sh|$1\" >>" +
-          std::string(CALLS) + "\n",
-      0755);
+  write("/etc/init.d/vpn_pptp_client.sh",
+        "#!/bin/sh\n[ \"$1\" != start ] || until [ -e /tmp/go ]; do sleep 0.05; done\necho "
+        "\"vpn_pptp_client.sh|$1\" >>" +
+            std::string(CALLS) + "\n",
+        0755);
   const std::string form = "-d type=PPTP -d index=1 -d " + admin;
   auto connect = std::async(std::launch::async, curl, "/ormel/config/connect", form);
   EXPECT_TRUE(comes_true([] { return conf_value("PPTP_CLIENT1", "Enable") == "TRUE"; }));
-  auto disconnect =
-      std::async(std::launch::async, curl, "/ormel/config/disconnect", "-F type=pptp -F index=1 -F " + admin);
+  auto disconnect = std::async(std::launch::async, curl, "/ormel/config/disconnect",
+                               "-F type=pptp -F index=1 -F " + admin);
   EXPECT_FALSE(comes_true([] { return conf_value("PPTP_CLIENT1", "Enable") == "FALSE"; }, 1));
   EXPECT_THAT(curl(SHOW, "-d type=256 -d " + admin), HasSubstr("office1")) << "others do not wait";
   write("/tmp/go", "");
@@ -197,7 +206,8 @@ TEST_F(ParallelTunnels, AreAllOnThatWereConnectedAtOnce) {
   parallel(numbers.size(), [&](std::size_t i) {
     return curl("/ormel/config/connect", "-d type=PPTP -d " + admin + " -d index=" + numbers[i]);
   });
-  for (const std::string& number : numbers) EXPECT_EQ(conf_value("PPTP_CLIENT" + number, "Enable"), "TRUE") << number;
+  for (const std::string& number : numbers)
+    EXPECT_EQ(conf_value("PPTP_CLIENT" + number, "Enable"), "TRUE") << number;
 }
 
 class LogArchive : public WebAttack {};

@@ -1,5 +1,5 @@
-// The live connections over the web: shown with their counters, thrown out, and the handlers beside that no route
-// leads to.
+// The live connections over the web: shown with their counters, thrown out, and the handlers beside
+// that no route leads to.
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -20,8 +20,10 @@ constexpr const char* KICK = "/ormel/connection/kick";
 constexpr const char* ONLINE_USERS = "/var/log/ormel_online_users";
 
 // The name is "bob" in base64, the time the beginning of 7 March 2024.
-std::string line(const std::string& interface, const std::string& source, const std::string& number, int type) {
-  return interface + ' ' + source + ' ' + number + " 10.0.0.1 10.0.0.2 " + std::to_string(type) + " 1709769600 Ym9i\n";
+std::string line(const std::string& interface, const std::string& source, const std::string& number,
+                 int type) {
+  return interface + ' ' + source + ' ' + number + " 10.0.0.1 10.0.0.2 " + std::to_string(type) +
+         " 1709769600 Ym9i\n";
 }
 
 json_int_t number_in(const std::string& body, size_t row, const char* member) {
@@ -30,7 +32,8 @@ json_int_t number_in(const std::string& body, size_t row, const char* member) {
   return json_integer_value(json_object_get(json_array_get(data, row), member));
 }
 
-// In place of an OpenVPN server: its management port, with one client whose counters grow at each question.
+// In place of an OpenVPN server: its management port, with one client whose counters grow at each
+// question.
 void serve_management_port() {
   const int listener = socket(AF_INET, SOCK_STREAM, 0);
   const int on = 1;
@@ -39,16 +42,22 @@ void serve_management_port() {
   place.sin_port = htons(7505);
   place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (bind(listener, reinterpret_cast<sockaddr*>(&place), sizeof place) != 0 || listen(listener, 8) != 0) return;
+  if (bind(listener, reinterpret_cast<sockaddr*>(&place), sizeof place) != 0 ||
+      listen(listener, 8) != 0)
+    return;
   for (unsigned long bytes = 1'000'000;; bytes += 1'000'000) {
     const int client = accept(listener, nullptr, nullptr);
     char question[64] = "";
     // Like the real one it sends nothing any more to a caller that has already said "quit".
-    if (recv(client, question, sizeof question - 1, 0) <= 0 || std::string(question) != "status 3\n") return;
+    if (recv(client, question, sizeof question - 1, 0) <= 0 ||
+        std::string(question) != "status 3\n")
+      return;
     const std::string answer =
         ">INFO:OpenVPN Management Interface Version 5 -- type 'help' for more info\r\n"
-        "HEADER\tCLIENT_LIST\tCommon Name\tReal Address\r\nCLIENT_LIST\tbob\t10.0.0.5:51000\t10.8.0.2\t\t" +
-        std::to_string(bytes) + '\t' + std::to_string(2 * bytes) + "\tnow\r\nCLIENT_LIST\tcut\t10.0.0.6:1\r\nEND\r\n";
+        "HEADER\tCLIENT_LIST\tCommon Name\tReal "
+        "Address\r\nCLIENT_LIST\tbob\t10.0.0.5:51000\t10.8.0.2\t\t" +
+        std::to_string(bytes) + '\t' + std::to_string(2 * bytes) +
+        "\tnow\r\nCLIENT_LIST\tcut\t10.0.0.6:1\r\nEND\r\n";
     send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
     while (recv(client, question, sizeof question, 0) > 0) continue;  // it is the caller who closes
     close(client);
@@ -78,18 +87,23 @@ TEST_F(ConnectionList, ShowsEachLineInOrderWithItsCounters) {
   const std::string first = list().body;
   EXPECT_THAT(first, HasSubstr(R"("login":"2024/03/07 00:00:00","name":"bob","rx_rate":)"));
   EXPECT_THAT(first, HasSubstr(R"("source_ip":"10.0.0.5","target":"10.0.0.5:51000",)"));
-  EXPECT_THAT(first, HasSubstr(R"("rx_rate":0,"rx_total":0,"source_ip":"10.0.0.8","target":"gone0")"));
-  EXPECT_THAT(first, HasSubstr(R"({"allocate_ip":"10.6.0.2","device_info":"Amy's \"phone\" ","login")"));
-  EXPECT_THAT(first, HasSubstr(R"("source_ip":"10.0.0.7","target":"AA:BB","tx_rate":0,"tx_total":0,"type":16,)"));
+  EXPECT_THAT(first,
+              HasSubstr(R"("rx_rate":0,"rx_total":0,"source_ip":"10.0.0.8","target":"gone0")"));
+  EXPECT_THAT(first,
+              HasSubstr(R"({"allocate_ip":"10.6.0.2","device_info":"Amy's \"phone\" ","login")"));
+  EXPECT_THAT(
+      first,
+      HasSubstr(R"("source_ip":"10.0.0.7","target":"AA:BB","tx_rate":0,"tx_total":0,"type":16,)"));
   EXPECT_THAT(first, HasSubstr(R"(}],"error":0,"total":4})"));
-  EXPECT_NEAR(static_cast<double>(number_in(first, 0, "uptime")), static_cast<double>(std::time(nullptr) - 1709769600),
-              60);
+  EXPECT_NEAR(static_cast<double>(number_in(first, 0, "uptime")),
+              static_cast<double>(std::time(nullptr) - 1709769600), 60);
   std::string later;
   EXPECT_TRUE(comes_true([&] {
     later = list().body;
     return number_in(later, 1, "rx_rate") > 0 && number_in(later, 0, "rx_rate") > 0;
   }));
-  EXPECT_GT(number_in(later, 0, "tx_total"), number_in(first, 0, "tx_total")) << "the management port is on lo";
+  EXPECT_GT(number_in(later, 0, "tx_total"), number_in(first, 0, "tx_total"))
+      << "the management port is on lo";
   EXPECT_GT(number_in(later, 1, "rx_total"), number_in(first, 1, "rx_total"));
   EXPECT_EQ(number_in(later, 1, "tx_total"), 2 * number_in(later, 1, "rx_total"));
   ::kill(management, SIGKILL);
@@ -105,7 +119,8 @@ TEST_F(ConnectionList, SkipsWhatIsNoConnection) {
       {"a number that is too large", line("ppp0", "10.0.0.1", "4294967296", 1), 0},
       {"zero bytes after a crash", std::string(4096, '\0'), 0},
       {"a line without end", std::string(2 << 20, 'x'), 0},
-      {"a line of a huge field", "ppp0 " + std::string(100'000, 'y') + " 1 a b 1 1709769600 Ym9i\n", 0},
+      {"a line of a huge field", "ppp0 " + std::string(100'000, 'y') + " 1 a b 1 1709769600 Ym9i\n",
+       0},
       {"a name that is no base64", "ppp0 a 1 b c 1 1709769600 %%%\n", 1},
       {"a name that is no UTF-8", "ppp0 a 1 b c 1 1709769600 //79\n", 1},
       {"a time far ahead", "ppp0 a 1 b c 1 9223372036854775807 Ym9i\n", 1},
@@ -117,7 +132,8 @@ TEST_F(ConnectionList, SkipsWhatIsNoConnection) {
     write(ONLINE_USERS, good + line);
     const WebReply reply = list();
     const ormel::Json root{json_loads(reply.body.c_str(), 0, nullptr)};
-    EXPECT_EQ(json_array_size(json_object_get(root.get(), "data")), 1U + static_cast<size_t>(shown)) << reply.body;
+    EXPECT_EQ(json_array_size(json_object_get(root.get(), "data")), 1U + static_cast<size_t>(shown))
+        << reply.body;
     EXPECT_THAT(reply.body, HasSubstr("\"target\":\"ppp9\""));
     EXPECT_THAT(reply.body, HasSubstr("\"total\":" + std::to_string(1 + shown)));
   }
@@ -152,7 +168,8 @@ TEST_F(ConnectionCounters, AreZeroWhereTheAnswerIsNone) {
   for (const auto& [answer, expected, logged] : rows) {
     SCOPED_TRACE(answer);
     fs::remove(LOG);
-    const ScriptedService rates{"RateServer", "/usr/lib/fenro/fenro-rated", {"all_server_stat"}, answer};
+    const ScriptedService rates{
+        "RateServer", "/usr/lib/fenro/fenro-rated", {"all_server_stat"}, answer};
     EXPECT_THAT(list().body, HasSubstr(expected));
     EXPECT_THAT(read(LOG), HasSubstr(logged));
   }
@@ -165,7 +182,8 @@ class ConnectionKick : public WebHost {
   void SetUp() override {
     WebHost::SetUp();
     write(ONLINE_USERS, line("ppp0", "10.0.0.9", "4321", 1) + line("ppp1", "10.0.0.8", "4322", 2) +
-                            line("x", "10.0.0.5", "51000", 4) + line("AA:BB|CC", "10.0.0.7", "7", 16) +
+                            line("x", "10.0.0.5", "51000", 4) +
+                            line("AA:BB|CC", "10.0.0.7", "7", 16) +
                             line("wg0", "10.0.0.6", "7", 32) + line("ppp0", "10.0.0.9", "5555", 1));
   }
   [[nodiscard]] WebReply kick(const std::string& query) const { return cgi(KICK, admin + query); }
@@ -174,8 +192,10 @@ class ConnectionKick : public WebHost {
 TEST_F(ConnectionKick, ThrowsOutWhomItNames) {
   const std::pair<const char*, std::vector<std::string>> rows[] = {
       {"&conn=1|ppp0", {"kick_one_connection|1|5555"}},
-      {"&conn=2|ppp1&conn=4|10.0.0.5:51000", {"kick_one_connection|2|4322", "kick_one_connection|4|10.0.0.5:51000"}},
-      {"&conn[0]=1%7Cppp0&conn[1]=2%7Cppp1", {"kick_one_connection|1|5555", "kick_one_connection|2|4322"}},
+      {"&conn=2|ppp1&conn=4|10.0.0.5:51000",
+       {"kick_one_connection|2|4322", "kick_one_connection|4|10.0.0.5:51000"}},
+      {"&conn[0]=1%7Cppp0&conn[1]=2%7Cppp1",
+       {"kick_one_connection|1|5555", "kick_one_connection|2|4322"}},
       {"&conn=2|ppp0", {"kick_one_connection|2|5555"}},  // the type of the request counts
       {"&conn=4|10.0.0.5:51001&conn=1|ppp7&conn=ppp0&conn=|ppp0&conn=1|&conn=|&conn=&conn", {}},
       {"&conn=32|wg0&conn=x|ppp0&conn=256|ppp0", {}},
@@ -195,10 +215,12 @@ TEST_F(ConnectionKick, ThrowsOutWhomItNames) {
 TEST_F(ConnectionKick, EndsWithWhatTheTunnelsOwnDaemonReports) {
   // The last "|" parts type and key, so that a client can't be named whose identifier holds one.
   write(ONLINE_USERS, line("AA:BB", "10.0.0.7", "7", 16) + line("ppp0", "10.0.0.9", "4321", 1));
-  for (const auto& [answer, code] : {std::pair{R"({"error":0})", 0}, {R"({"error":1})", 48}, {"nonsense", 49}}) {
+  for (const auto& [answer, code] :
+       {std::pair{R"({"error":0})", 0}, {R"({"error":1})", 48}, {"nonsense", 49}}) {
     SCOPED_TRACE(answer);
     fs::remove(CALLS);
-    const ScriptedService morvid{"MorviServer", "/usr/lib/fenro/morvid", {"disconnect"}, std::string(answer)};
+    const ScriptedService morvid{
+        "MorviServer", "/usr/lib/fenro/morvid", {"disconnect"}, std::string(answer)};
     EXPECT_EQ(kick("&conn=16|AA:BB&conn=1|ppp0").status, code);
     EXPECT_THAT(recorded("disconnect"), ElementsAre(R"({"mac":"AA:BB"})"));
     EXPECT_TRUE(code != 0 || recorded_soon("vpn_common.sh", 1)) << "goes on after a success";
@@ -226,7 +248,8 @@ class MobileDevice : public WebHost {
 TEST_F(MobileDevice, IsRegisteredUnderAnIdentifier) {
   const std::string body = add("&mac=00:11:22:33:44:aF&nat=ppp1001&device=My%09phone");
   EXPECT_THAT(body, MatchesRegex(R"(\{"data":"[0-9a-f]{32}","error":0\})"));
-  const db_device_info_data device = log_rows<db_device_info_data>(ormel::log_db::DEVICE_INFO.query).at(0);
+  const db_device_info_data device =
+      log_rows<db_device_info_data>(ormel::log_db::DEVICE_INFO.query).at(0);
   EXPECT_STREQ(device.mac, "00:11:22:33:44:aF");
   EXPECT_STREQ(device.nic, "ppp1001");
   EXPECT_STREQ(device.dev_name, "My phone");
@@ -239,8 +262,8 @@ TEST_F(MobileDevice, IsRefusedByTheVariableThatIsWrong) {
   const std::string mac = "&mac=00:11:22:33:44:55";
   const std::pair<const char*, std::vector<std::string>> rows[] = {
       {"mac",
-       {"&device=a", "&device=a&mac=", "&device=a&mac=00:11:22:33:44", "&device=a&mac=00:11:22:33:44:5g",
-        "&device=a&mac=00:11:22:33:44:55%0a"}},
+       {"&device=a", "&device=a&mac=", "&device=a&mac=00:11:22:33:44",
+        "&device=a&mac=00:11:22:33:44:5g", "&device=a&mac=00:11:22:33:44:55%0a"}},
       {"nat",
        {mac + "&device=a&nat=ppp5", mac + "&device=a&nat=tun1000", mac + "&device=a&nat=wlan0",
         mac + "&device=a&nat=eth"}},
@@ -259,20 +282,24 @@ class ProviderList : public WebHost {
  protected:
   static constexpr const char* FOLDER = "/tmp/provider";
   static void SetUpTestSuite() {
-    for (const char* folder : {FOLDER, "/var/lib/nginx", "/var/log/nginx"}) fs::create_directories(folder);
-    const std::string folder = FOLDER, key = folder + "/key.pem", certificate = folder + "/cert.pem";
-    run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-days",
-         "2", "-subj", "/CN=provider", "-addext", "subjectAltName=DNS:vpn-provider.example", "-keyout", key, "-out",
-         certificate});
+    for (const char* folder : {FOLDER, "/var/lib/nginx", "/var/log/nginx"})
+      fs::create_directories(folder);
+    const std::string folder = FOLDER, key = folder + "/key.pem",
+                      certificate = folder + "/cert.pem";
+    run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+         "-nodes", "-days", "2", "-subj", "/CN=provider", "-addext",
+         "subjectAltName=DNS:vpn-provider.example", "-keyout", key, "-out", certificate});
     std::ofstream("/etc/hosts", std::ios::app) << "127.0.0.1 vpn-provider.example\n";
     const std::string trusted = read("/etc/ssl/certs/ca-certificates.crt");
     fs::remove("/etc/ssl/certs/ca-certificates.crt");  // a link to the host's, perhaps
     write("/etc/ssl/certs/ca-certificates.crt", trusted + read(certificate), 0644);
     write(folder + "/nginx.conf",
           "user root;\npid /tmp/provider/pid;\nerror_log /tmp/provider/error;\nevents {}\nhttp {\n"
-          "log_format headers '$http_username|$http_password|$http_accept|$http_user_agent|$http_x_gf_product|"
+          "log_format headers "
+          "'$http_username|$http_password|$http_accept|$http_user_agent|$http_x_gf_product|"
           "$http_x_gf_platform|$http_x_gf_product_version|$request';\n"
-          "server {\nlisten 127.0.0.1:443 ssl;\nssl_certificate cert.pem;\nssl_certificate_key key.pem;\n"
+          "server {\nlisten 127.0.0.1:443 ssl;\nssl_certificate cert.pem;\nssl_certificate_key "
+          "key.pem;\n"
           "access_log /tmp/provider/access headers;\nroot /tmp/provider;\n"
           "if ($http_password = \"wrong\") { return 401; }\n}\n}\n");
     run({"/usr/sbin/nginx", "-c", folder + "/nginx.conf"});
@@ -282,24 +309,29 @@ class ProviderList : public WebHost {
     WebHost::SetUp();
     fs::remove(std::string(FOLDER) + "/settings");
   }
-  static void settings(const std::string& text) { write(std::string(FOLDER) + "/settings", text, 0644); }
+  static void settings(const std::string& text) {
+    write(std::string(FOLDER) + "/settings", text, 0644);
+  }
   [[nodiscard]] WebReply ask(const std::string& query) const {
     return unrouted(ormel::cgi::provider::goldenfrog, admin + query);
   }
 };
 
 TEST_F(ProviderList, ShowsServersAndPortsOfAnAccount) {
-  settings(R"({"vpn":{"locations":[{"name":"Oslo","ip":"1.2.3.4","ca":"x","rank":1,"basename":"b","protocols":[],)"
-           R"("server_type":2,"hostname":"no.example"},7],"protocol_config":{"OpenVPN-256":{"ports":[443,1194]}}}})");
+  settings(
+      R"({"vpn":{"locations":[{"name":"Oslo","ip":"1.2.3.4","ca":"x","rank":1,"basename":"b","protocols":[],)"
+      R"("server_type":2,"hostname":"no.example"},7],"protocol_config":{"OpenVPN-256":{"ports":[443,1194]}}}})");
   const std::string expected =
       R"({"data":{"servers":[{"name":"Oslo","hostname":"no.example"},7],"openvpn":[443,1194]},"error":0})";
   EXPECT_EQ(ask("&username=amy&password=p%25s").body, expected);
   EXPECT_EQ(ask("&type=PPTP&index=1").body, expected);
   const std::string fixed = "|-|-|VyprVPN|VyprVPN SDK/vantri|0.20161031.11705|GET /settings HTTP/";
   EXPECT_THAT(read(std::string(FOLDER) + "/access"), HasSubstr("amy|p%s" + fixed));
-  EXPECT_THAT(read(std::string(FOLDER) + "/access"), HasSubstr("bob|p1" + fixed)) << "of the stored profile";
+  EXPECT_THAT(read(std::string(FOLDER) + "/access"), HasSubstr("bob|p1" + fixed))
+      << "of the stored profile";
   settings(R"({"vpn":{"locations":"none"}})");
-  EXPECT_EQ(ask("&username=a&password=b").body, R"({"data":{"servers":"none","openvpn":null},"error":0})");
+  EXPECT_EQ(ask("&username=a&password=b").body,
+            R"({"data":{"servers":"none","openvpn":null},"error":0})");
 }
 
 TEST_F(ProviderList, RefusesInOrder) {
@@ -309,7 +341,8 @@ TEST_F(ProviderList, RefusesInOrder) {
       {refusal(3, "wrong type"), {"&type=DROVIK&index=1", "&type=4&index=1", "&type=x&index=1"}},
       {refusal(30, "no such config"), {"&type=256", "&type=1024&index=1"}},
       {refusal(45, "cannot access"),
-       {"&username=a&password=b", "&username=a&password=wrong", "&username=a%0d%0aX-More:1&password=b"}},
+       {"&username=a&password=b", "&username=a&password=wrong",
+        "&username=a%0d%0aX-More:1&password=b"}},
   };
   for (const auto& [reply, queries] : rows)
     for (const char* query : queries) EXPECT_EQ(ask(query).body, reply) << query;

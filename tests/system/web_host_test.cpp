@@ -1,5 +1,5 @@
-// What the web interface says about the appliance: its interfaces, tunnels and the reach of name servers, from the live
-// system and from a network daemon that says anything.
+// What the web interface says about the appliance: its interfaces, tunnels and the reach of name
+// servers, from the live system and from a network daemon that says anything.
 #include <arpa/inet.h>
 #include <poll.h>
 
@@ -13,9 +13,12 @@ using ormel::Json;
 namespace {
 
 constexpr const char* NETWORKD = "/usr/lib/fenro/fenro-networkd";
-constexpr const char* NETWORK_METHODS[] = {
-    "api.get_available_interface_list", "api.get_interfaceStatus", "api.get_bridge_members",
-    "api.get_bonding_slaves",           "api.get_currentGWinfo",   "interfaces_monitor.get_info_interfaces"};
+constexpr const char* NETWORK_METHODS[] = {"api.get_available_interface_list",
+                                           "api.get_interfaceStatus",
+                                           "api.get_bridge_members",
+                                           "api.get_bonding_slaves",
+                                           "api.get_currentGWinfo",
+                                           "interfaces_monitor.get_info_interfaces"};
 
 Json parsed(const WebReply& reply) {
   Json document{json_loads(reply.body.c_str(), 0, nullptr)};
@@ -43,12 +46,14 @@ class WebHostFacts : public WebHost {
 };
 
 TEST_F(WebHostFacts, TellWhatTheApplianceIs) {
-  for (const char* file : {"/etc/IS_DEMO", "/etc/FENRO_ZFS", "/etc/config/pakrix.conf"}) fs::remove_all(file);
+  for (const char* file : {"/etc/IS_DEMO", "/etc/FENRO_ZFS", "/etc/config/pakrix.conf"})
+    fs::remove_all(file);
   const std::string plain =
       R"("generic":false,"hexan":false,"model":"","region":"","server_name":"","site":"production",)"
       R"("version":"3.3.1538","wireguard_available":false},"error":0})";
   EXPECT_EQ(misc("env").body,
-            R"({"data":{"api_version":"3.3","build_date":"20260320","demo":false,"firmware":"",)" + plain);
+            R"({"data":{"api_version":"3.3","build_date":"20260320","demo":false,"firmware":"",)" +
+                plain);
   EXPECT_THAT(read(LOG), HasSubstr("Failed to get hollex site"));
   fs::create_directories("/etc/default_config");
   fs::create_directories("/opt/switch/data");
@@ -59,12 +64,16 @@ TEST_F(WebHostFacts, TellWhatTheApplianceIs) {
   write("/etc/IS_DEMO", "");
   fs::create_directory("/etc/FENRO_ZFS");
   const std::string body = misc("env").body;
-  EXPECT_THAT(body, HasSubstr(R"("demo":true,"firmware":"5.1","generic":false,"hexan":false,"model":"\"M-1\"",)"));
+  EXPECT_THAT(
+      body,
+      HasSubstr(
+          R"("demo":true,"firmware":"5.1","generic":false,"hexan":false,"model":"\"M-1\"",)"));
   EXPECT_THAT(body, HasSubstr(R"("region":"GLB","server_name":"the \"box\"","site":"alpha",)"));
   write("/opt/switch/data/user.conf", "");
-  EXPECT_THAT(misc("env").body, HasSubstr(R"("site":"production")")) << "installed, but it does not say";
-  for (const char* file : {"/etc/IS_DEMO", "/etc/FENRO_ZFS", "/etc/config/pakrix.conf", "/etc/config/Corlin.conf",
-                           "/etc/default_config", "/opt/switch"})
+  EXPECT_THAT(misc("env").body, HasSubstr(R"("site":"production")"))
+      << "installed, but it does not say";
+  for (const char* file : {"/etc/IS_DEMO", "/etc/FENRO_ZFS", "/etc/config/pakrix.conf",
+                           "/etc/config/Corlin.conf", "/etc/default_config", "/opt/switch"})
     fs::remove_all(file);
 }
 
@@ -72,7 +81,8 @@ TEST_F(WebHostFacts, TellOfTheRealInterfaces) {
   run({"/usr/sbin/ip", "link", "add", "br9", "type", "bridge"});
   run({"/usr/sbin/ip", "link", "add", "port9", "type", "veth", "peer", "name", "cable9"});
   run({"/usr/sbin/ip", "tuntap", "add", "port8", "mode", "tap"});
-  for (const char* port : {"port9", "port8"}) run({"/usr/sbin/ip", "link", "set", port, "master", "br9"});
+  for (const char* port : {"port9", "port8"})
+    run({"/usr/sbin/ip", "link", "set", port, "master", "br9"});
   for (const char* end : {"port9", "cable9"}) run({"/usr/sbin/ip", "link", "set", end, "up"});
   run({"/usr/sbin/ip", "address", "add", "10.9.0.1/24", "dev", "br9"});
   const std::string eth0 = interface("nic", "eth0");
@@ -82,31 +92,35 @@ TEST_F(WebHostFacts, TellOfTheRealInterfaces) {
   EXPECT_THAT(bridge, HasSubstr(R"("interface_type":"vswitch")"));
   EXPECT_THAT(bridge, HasSubstr(R"("maxSpeed":null,"ip":"10.9.0.1"})"));
   EXPECT_THAT(interface("nic", "cable9"), Not(HasSubstr("\"ip\"")));
-  for (const char* hidden : {"lo", "port9", "port8"}) EXPECT_EQ(interface("nic", hidden), "") << hidden;
+  for (const char* hidden : {"lo", "port9", "port8"})
+    EXPECT_EQ(interface("nic", hidden), "") << hidden;
   const std::string whole = interface("member", "br9");
   EXPECT_THAT(whole, HasSubstr(R"("member":[{"ifindex":)"));
   EXPECT_THAT(whole, HasSubstr(R"("ifname":"port9","interface_type":"ethernet")"));
   EXPECT_THAT(whole, HasSubstr(R"("maxSpeed":10000)"));
   EXPECT_THAT(whole, HasSubstr(R"("ifname":"port8","interface_type":"virtualif")"));
   EXPECT_THAT(interface("member", "eth0"), Not(HasSubstr("maxSpeed")));
-  EXPECT_THAT(misc("interface_rate").body, HasSubstr(R"({"name_interface":"eth0","status":"up","rx_bytes":)"));
+  EXPECT_THAT(misc("interface_rate").body,
+              HasSubstr(R"({"name_interface":"eth0","status":"up","rx_bytes":)"));
   for (const char* link : {"br9", "port9", "port8"}) run({"/usr/sbin/ip", "link", "delete", link});
 }
 
 TEST_F(WebHostFacts, TellOfTheTunnelsOfClientProfiles) {
   fs::remove(VPN_CONF);
   EXPECT_EQ(misc("vpn_client_info").body, R"({"data":[],"error":0})");
-  write(VPN_CONF, pptp_client(2) + "[PPTP]\nEnable = FALSE\n\n" + pptp_client(1, "Vendor = a\"b\n"));
+  write(VPN_CONF,
+        pptp_client(2) + "[PPTP]\nEnable = FALSE\n\n" + pptp_client(1, "Vendor = a\"b\n"));
   const std::string body = misc("vpn_client_info").body;
   EXPECT_THAT(body, StartsWith(R"({"data":[{"fenro_port":)"));
-  EXPECT_THAT(body, HasSubstr(R"("name":"office1","type":256,"vendor":"a\"b","ifname":"ppp1001"},{)"));
+  EXPECT_THAT(body,
+              HasSubstr(R"("name":"office1","type":256,"vendor":"a\"b","ifname":"ppp1001"},{)"));
   EXPECT_THAT(body, EndsWith(R"("vendor":"","ifname":"ppp1002"}],"error":0})"));
   write(VPN_CONF, pptp_client(1, "Vendor = \xff\n"));
   EXPECT_EQ(misc("vpn_client_info").body, refusal(49, "wrong JSON format"));
 }
 
-// A name server on an address of the loopback network: a thread that answers each query with what it is given, and
-// goes on doing so.
+// A name server on an address of the loopback network: a thread that answers each query with what
+// it is given, and goes on doing so.
 class NameServer {
  public:
   NameServer(const char* address, std::vector<std::string> answers, int period)
@@ -134,12 +148,15 @@ class NameServer {
       if (poll(&ready, 1, period_) > 0) {
         char query[600];
         socklen_t size = sizeof client;
-        if (recvfrom(socket_.get(), query, sizeof query, 0, reinterpret_cast<sockaddr*>(&client), &size) > 0) ++queries;
+        if (recvfrom(socket_.get(), query, sizeof query, 0, reinterpret_cast<sockaddr*>(&client),
+                     &size) > 0)
+          ++queries;
       } else if (queries == 0) {
         continue;
       }
       for (const std::string& answer : answers_)
-        sendto(socket_.get(), answer.data(), answer.size(), 0, reinterpret_cast<sockaddr*>(&client), sizeof client);
+        sendto(socket_.get(), answer.data(), answer.size(), 0, reinterpret_cast<sockaddr*>(&client),
+               sizeof client);
     }
   }
   ormel::Fd socket_;
@@ -155,7 +172,8 @@ const std::string NO_QUESTION("\0\1\x81\x80\0\0\0\1\0\0\0\0", 12);
 TEST_F(WebHostFacts, TellWhichNameServersAnswer) {
   const NameServer good("127.0.0.2", {"\1\2", NO_QUESTION, NO_SUCH_NAME}, 50);
   const auto uptime = [] {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
   };
   const double before = uptime();
   const Json reply = parsed(misc("dns", "&host=127.0.0.2&host=&host[1]=127.0.0.3&host=no%22name"));
@@ -183,12 +201,15 @@ TEST_F(WebHostFacts, DoNotWaitForANameServerThatOnlyBabbles) {
 }
 
 TEST_F(WebHostFacts, TellWhichHostsAnswerWhereAClientAsks) {
-  const auto ping = [](const std::string& query) { return unrouted(ormel::cgi::misc::ping, query); };
+  const auto ping = [](const std::string& query) {
+    return unrouted(ormel::cgi::misc::ping, query);
+  };
   const Json reply = parsed(ping(admin + "&host=192.168.77.254&host=127.0.0.1&host=no.such.host"));
   const json_t* data = json_object_get(reply.get(), "data");
   EXPECT_EQ(json_object_size(data), 3U);
   EXPECT_LT(json_integer_value(json_object_get(data, "192.168.77.254")), 2000);
-  EXPECT_EQ(json_integer_value(json_object_get(data, "127.0.0.1")), 0) << "is heard of our own requests";
+  EXPECT_EQ(json_integer_value(json_object_get(data, "127.0.0.1")), 0)
+      << "is heard of our own requests";
   EXPECT_EQ(json_integer_value(json_object_get(data, "no.such.host")), 0);
   EXPECT_EQ(ping(admin).body, R"({"data":{},"error":0})");
   EXPECT_EQ(ping(guest).body, refusal(39, "session invalid"));
@@ -198,11 +219,13 @@ TEST_F(WebHostFacts, TellWhichHostsAnswerWhereAClientAsks) {
 class WebHostBroken : public WebHostFacts {};
 
 TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {
-  using Replies = std::map<std::string, std::string>;  // by the request; a request that is missing fails
+  using Replies =
+      std::map<std::string, std::string>;  // by the request; a request that is missing fails
   const std::string list = R"({"error":0,"data":[{"ifindex":1,"interface_type":"ethernet"}]})";
   const std::string bridge =
       R"({"data":[{"ifindex":1,"interface_type":"vswitch"},{"ifindex":2,"interface_type":"eth"}]})";
-  const std::string parts = R"({"data":[{"ifindex":3},{"ifindex":4,"interface_type":"virtualif_x"}]})";
+  const std::string parts =
+      R"({"data":[{"ifindex":3},{"ifindex":4,"interface_type":"virtualif_x"}]})";
   const std::string failed = R"("error":47,"reason":"mib_call failed"})";
   const std::string one = R"({"ifindex":1})", three = R"({"ifindex":3})";
   const struct {
@@ -220,7 +243,9 @@ TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {
        {{"", list}, {one, R"({"data":{"IPv4":[],"max_speed":10}})"}},
        R"({"data":[{"ifindex":1,"interface_type":"ethernet","maxSpeed":10}],"error":0})"},
       {"nic",
-       {{"", bridge}, {one, R"({"data":{"IPv4":[{"ip":"1.2.3.4"}],"max_speed":10}})"}, {R"({"ifindex":2})", "{}"}},
+       {{"", bridge},
+        {one, R"({"data":{"IPv4":[{"ip":"1.2.3.4"}],"max_speed":10}})"},
+        {R"({"ifindex":2})", "{}"}},
        R"({"data":[{"ifindex":1,"interface_type":"vswitch","maxSpeed":null,"ip":"1.2.3.4"},)"
        R"({"ifindex":2,"interface_type":"eth","maxSpeed":null}],"error":0})"},
       {"nic",
@@ -237,7 +262,9 @@ TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {
        R"({"data":[{"ifindex":1,"interface_type":"vswitch","member":[{"ifindex":3,"maxSpeed":100},)"
        R"({"ifindex":4,"interface_type":"virtualif_x"}]},{"ifindex":2,"interface_type":"eth"}],"error":0})"},
       {"gw", {}, R"({"detail":"api.get_currentGWinfo",)" + failed},
-      {"gw", {{"", R"({"data":{"gw":"é","n":1.5}})"}}, R"({"data":{"gw":"\u00E9","n":1.5},"error":0})"},
+      {"gw",
+       {{"", R"({"data":{"gw":"é","n":1.5}})"}},
+       R"({"data":{"gw":"\u00E9","n":1.5},"error":0})"},
       {"gw",
        {{"", ""}},
        R"({"error":47,"reason":"'[' or '{' expected near end of file, Network API: api.get_currentGWinfo"})"},
@@ -249,7 +276,8 @@ TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.route + (": " + row.body));
-    const ScriptedService daemon("NetworkService", NETWORKD, {std::begin(NETWORK_METHODS), std::end(NETWORK_METHODS)},
+    const ScriptedService daemon("NetworkService", NETWORKD,
+                                 {std::begin(NETWORK_METHODS), std::end(NETWORK_METHODS)},
                                  [&row](std::string_view request) -> fenro::bus::Reply {
                                    const auto reply = row.replies.find(std::string(request));
                                    if (reply == row.replies.end()) return {MIB_IO_FAILURE};
@@ -257,7 +285,8 @@ TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {
                                  });
     EXPECT_EQ(misc(row.route).body, row.body);
   }
-  EXPECT_THAT(read(LOG), HasSubstr("expected near end of file\nbuf={\\n\n")) << "no line of the daemon's own";
+  EXPECT_THAT(read(LOG), HasSubstr("expected near end of file\nbuf={\\n\n"))
+      << "no line of the daemon's own";
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Rights, the policy on failed logins and the users over the web, with the real store, log database and settings
-// daemon, and with ones that say anything.
+// Rights, the policy on failed logins and the users over the web, with the real store, log database
+// and settings daemon, and with ones that say anything.
 #include "support/log_rows.h"
 #include "support/web_request.h"
 
@@ -34,7 +34,8 @@ class WebPrivilege : public WebHost {
   }
   static std::string notice(const char* id, const std::string& text, const std::string& more) {
     const char* level = std::string(id) == "0005" ? "warn" : "info";
-    return std::string("send|-A|A238|-C|C001|-M|") + id + "|-l|" + level + "|-t|3|" + text + "|ORMEL Service|" + more;
+    return std::string("send|-A|A238|-C|C001|-M|") + id + "|-l|" + level + "|-t|3|" + text +
+           "|ORMEL Service|" + more;
   }
   static std::string set_notice(const std::string& user) {
     return notice("0004", "[{0}] Applied the privilege settings for \"{1}\".", user);
@@ -51,14 +52,20 @@ class WebPrivilege : public WebHost {
 };
 
 TEST_F(WebPrivilege, AreStoredToldAndEnforced) {
-  EXPECT_EQ(post("set", "&user=admin|4&user=ghost|4&user[0]=guest|19&user[1]=root&user=&user=|4&user=guest|").body,
-            DONE);
+  EXPECT_EQ(
+      post("set",
+           "&user=admin|4&user=ghost|4&user[0]=guest|19&user[1]=root&user=&user=|4&user=guest|")
+          .body,
+      DONE);
   EXPECT_EQ(read(STORE), "admin:0:1:0:0:0\nguest:1:0:1:0:1\n");
   EXPECT_EQ(read(PAP), "\"guest\"\tpptpd\t@login\t*\n\"guest\"\tl2tpd\t@login\t*\n");
-  EXPECT_EQ(read(CHAP), "\"guest\"\tpptpd\t&/etc/config/smbpasswd\t*\n\"guest\"\tl2tpd\t&/etc/config/smbpasswd\t*\n");
+  EXPECT_EQ(
+      read(CHAP),
+      "\"guest\"\tpptpd\t&/etc/config/smbpasswd\t*\n\"guest\"\tl2tpd\t&/etc/config/smbpasswd\t*\n");
   EXPECT_TRUE(recorded_soon(KICK, 4));
-  EXPECT_THAT(recorded(KICK), UnorderedElementsAre("kick_all_connection|1|admin", "kick_all_connection|2|admin",
-                                                   "kick_all_connection|16|admin", "kick_all_connection|4|guest"));
+  EXPECT_THAT(recorded(KICK),
+              UnorderedElementsAre("kick_all_connection|1|admin", "kick_all_connection|2|admin",
+                                   "kick_all_connection|16|admin", "kick_all_connection|4|guest"));
   EXPECT_TRUE(recorded_soon("notify", 2));
   EXPECT_THAT(recorded("notify"), UnorderedElementsAre(set_notice("admin"), set_notice("guest")));
   EXPECT_EQ(post("get", "").body, R"({"data":{"admin":4,"guest":19},"error":0,"total":2})");
@@ -81,16 +88,20 @@ TEST_F(WebPrivilege, AreTakenAwayAlsoFromWhoHasNone) {
       kicks.push_back(std::string("kick_all_connection|") + type + user);
   EXPECT_THAT(recorded(KICK), testing::UnorderedElementsAreArray(kicks)) << "once each";
   EXPECT_TRUE(recorded_soon("notify", 2));
-  EXPECT_THAT(recorded("notify"), UnorderedElementsAre(unset_notice("guest"), unset_notice("stranger")));
+  EXPECT_THAT(recorded("notify"),
+              UnorderedElementsAre(unset_notice("guest"), unset_notice("stranger")));
 }
 
-// Accounts that a directory may well have: what would break a file is passed over as if there were no account.
+// Accounts that a directory may well have: what would break a file is passed over as if there were
+// no account.
 TEST_F(WebPrivilege, OfNamesThatNoFileCanHoldAreNotStored) {
   const std::string accounts = read(PASSWD);
   write(PASSWD, accounts +
-                    "q\"x:x:2001:2001::/:/bin/sh\npi|pe:x:2002:2002::/:/bin/sh\nback\\:x:2003:2003::/:/bin/sh\n"
+                    "q\"x:x:2001:2001::/:/bin/sh\npi|pe:x:2002:2002::/:/bin/"
+                    "sh\nback\\:x:2003:2003::/:/bin/sh\n"
                     "DOM\\ann:x:2004:2004::/:/bin/sh\ntab\tx:x:2005:2005::/:/bin/sh\n");
-  for (const char* user : {"q%22x", "back%5c", "tab%09x", "x%0aroot", "a:b", "a%00b", "%22", "%0a", ":"})
+  for (const char* user :
+       {"q%22x", "back%5c", "tab%09x", "x%0aroot", "a:b", "a%00b", "%22", "%0a", ":"})
     EXPECT_EQ(post("set", std::string("&user=") + user + "|7").body, DONE) << user;
   EXPECT_EQ(read(STORE) + read(PAP) + read(CHAP), "");
   EXPECT_EQ(read(CALLS), "");
@@ -107,7 +118,8 @@ TEST_F(WebPrivilege, TakeTenThousandUsersInOneRequest) {
   for (int i = 0; i < 10000; ++i) form += "&user=guest|29";
   EXPECT_EQ(post("set", form).body, DONE);
   EXPECT_EQ(read(STORE), "guest:1:1:0:0:1\n");
-  const auto kick = testing::Contains("kick_all_connection|2|guest");  // those of other tests may still come
+  const auto kick =
+      testing::Contains("kick_all_connection|2|guest");  // those of other tests may still come
   EXPECT_TRUE(comes_true([&] { return testing::Value(recorded(KICK), kick); }));
   EXPECT_THAT(recorded(KICK), kick.Times(1)) << "once is enough";
   std::string store;
@@ -130,7 +142,8 @@ TEST_F(WebBlocks, AreShownAndLifted) {
   EXPECT_EQ(post("remove_block_user", "&user=bob").body, DONE);
   EXPECT_EQ(post("block_show", "").body, shown("true", 5, 30, R"("ann\"x")"));
   EXPECT_EQ(blocked("bob") + blocked("ann\"x") + blocked("joe"), "010");
-  for (const char* form : {"", "&user=", "&user"}) EXPECT_EQ(post("remove_block_user", form).body, refusal(9, "user"));
+  for (const char* form : {"", "&user=", "&user"})
+    EXPECT_EQ(post("remove_block_user", form).body, refusal(9, "user"));
   write(POLICY, R"({"global":{"enable":false,"limit":2,"time":60}})");
   EXPECT_EQ(post("block_show", "").body, shown("false", 2, 60, "")) << "off: nothing shown";
   write(POLICY, DEFAULTS);
@@ -141,7 +154,8 @@ TEST_F(WebBlocks, FollowAPolicyThatIsChangedWhole) {
   const std::pair<const char*, std::vector<const char*>> rows[] = {
       {"enable", {"", "&enable=&limit=2&time=30", "&enable=TRUE&limit=11&time=1", "&enable=2"}},
       {"limit",
-       {"&enable=true", "&enable=1&limit=11&time=30", "&enable=0&limit=1&time=31", "&enable=false&limit=05&time=30"}},
+       {"&enable=true", "&enable=1&limit=11&time=30", "&enable=0&limit=1&time=31",
+        "&enable=false&limit=05&time=30"}},
       {"time", {"&enable=false&limit=10", "&enable=true&limit=3&time=30%20"}},
   };
   write(POLICY, DEFAULTS);
@@ -158,11 +172,13 @@ TEST_F(WebBlocks, FollowAPolicyThatIsChangedWhole) {
   EXPECT_EQ(post("block", "&enable=false&limit=10&time=1440").body, DONE);
   EXPECT_EQ(post("block_show", "").body, shown("false", 10, 1440, ""));
   const std::string text =
-      "[{0}] Updated the login attempt policy. Number of login attempts: {1}, Login failure block time: {2}, Login "
+      "[{0}] Updated the login attempt policy. Number of login attempts: {1}, Login failure block "
+      "time: {2}, Login "
       "attempt policy: {3}.";
   EXPECT_TRUE(recorded_soon("notify", 2));
-  EXPECT_THAT(recorded("notify"), UnorderedElementsAre(notice("0019", text, "3|12 hours|Enable"),
-                                                       notice("0019", text, "10|24 hours|Disable")));
+  EXPECT_THAT(recorded("notify"),
+              UnorderedElementsAre(notice("0019", text, "3|12 hours|Enable"),
+                                   notice("0019", text, "10|24 hours|Disable")));
 }
 
 // In suites of their own, since the real daemons are gone afterwards.
@@ -180,7 +196,8 @@ class WebBlocksOfAnyLog : public WebPrivilege {
     return bytes_of(head) + rows;
   }
   // What a request gets while the log database answers with `reply`.
-  WebReply with(const std::string& reply, int status, const char* action, const char* form = "") const {
+  WebReply with(const std::string& reply, int status, const char* action,
+                const char* form = "") const {
     const auto& methods = log_db::PRIVILEGE_USER_BLOCK;
     const ScriptedService daemon(log_db::SERVICE, "/usr/lib/fenro/ormeld",
                                  {methods.query, methods.remove, methods.clean}, reply, status);
@@ -192,12 +209,15 @@ TEST_F(WebBlocksOfAnyLog, AreThoseWhoseTimeIsNotOver) {
   write(POLICY, DEFAULTS);
   const std::string endless(1025, 'e');
   const std::string rows = row("fresh", 5, 1700) + row("over", 5, 1801) + row("few", 4, 9999) +
-                           row("future", 9, -9999) + row("\xff\xe4", 6, 0) + row("", 5, 1801) + row(endless, 6, 0);
-  EXPECT_EQ(with(answer(7, rows), MIB_SUCCESS, "block_show").body,
-            shown("true", 5, 30, "\"fresh\",\"future\",\"\xef\xbf\xbd\xef\xbf\xbd\",\"" + endless + '"'));
+                           row("future", 9, -9999) + row("\xff\xe4", 6, 0) + row("", 5, 1801) +
+                           row(endless, 6, 0);
+  EXPECT_EQ(
+      with(answer(7, rows), MIB_SUCCESS, "block_show").body,
+      shown("true", 5, 30, "\"fresh\",\"future\",\"\xef\xbf\xbd\xef\xbf\xbd\",\"" + endless + '"'));
   EXPECT_THAT(recorded(log_db::PRIVILEGE_USER_BLOCK.remove), ElementsAre("over", ""));
-  EXPECT_EQ(with(answer(~uint64_t{0}, row("one", 5, 0) + "cut off"), MIB_SUCCESS, "block_show").body,
-            shown("true", 5, 30, "\"one\""));
+  EXPECT_EQ(
+      with(answer(~uint64_t{0}, row("one", 5, 0) + "cut off"), MIB_SUCCESS, "block_show").body,
+      shown("true", 5, 30, "\"one\""));
   EXPECT_EQ(with("", MIB_IO_FAILURE, "block_show").body, shown("true", 5, 30, ""));
   write(POLICY, R"({"global":{"enable":"true","limit":[2],"x":7}})");
   EXPECT_EQ(with(answer(7, rows), MIB_SUCCESS, "block_show").body,
@@ -207,7 +227,8 @@ TEST_F(WebBlocksOfAnyLog, AreThoseWhoseTimeIsNotOver) {
 TEST_F(WebBlocksOfAnyLog, CannotBeLiftedWhereTheLogRefuses) {
   EXPECT_EQ(with("", MIB_IO_FAILURE, "remove_block_user", "&user=bob").body,
             refusal(48, "mibservice api return error"));
-  EXPECT_EQ(with("", MIB_IO_FAILURE, "block", "&enable=1&limit=3&time=60").body, DONE) << "the policy is what counts";
+  EXPECT_EQ(with("", MIB_IO_FAILURE, "block", "&enable=1&limit=3&time=60").body, DONE)
+      << "the policy is what counts";
   EXPECT_THAT(read(POLICY), HasSubstr("\"limit\":3"));
   EXPECT_EQ(with("", MIB_IO_FAILURE, "unset", "&user=bob").body, DONE);
 }
@@ -216,25 +237,30 @@ class WebBlocksOfAnySettings : public WebPrivilege {};
 
 TEST_F(WebBlocksOfAnySettings, AreMadeAnewWhereThePolicyIsNotThere) {
   const auto with = [this](const std::string& reply, const char* action, const char* form = "") {
-    const ScriptedService daemon("vpncaas", "/usr/lib/fenro/fenro-jsond", {"read_json", "write_json"}, reply);
+    const ScriptedService daemon("vpncaas", "/usr/lib/fenro/fenro-jsond",
+                                 {"read_json", "write_json"}, reply);
     return post(action, form).body;
   };
-  for (const char* reply : {"", "{}", "[]", R"({"error":0})", R"({"error":1,"data":{"global":{"enable":false}}})",
-                            R"({"error":0,"data":{}})", R"({"error":0,"data":{"global":7}})", R"({"error":"0"})"}) {
+  for (const char* reply :
+       {"", "{}", "[]", R"({"error":0})", R"({"error":1,"data":{"global":{"enable":false}}})",
+        R"({"error":0,"data":{}})", R"({"error":0,"data":{"global":7}})", R"({"error":"0"})"}) {
     SCOPED_TRACE(reply);
     fs::remove(CALLS);
     fail_login("bob", 1);
     EXPECT_EQ(with(reply, "block_show"), shown("true", 5, 30, ""));
     EXPECT_THAT(recorded("read_json"), ElementsAre(R"({"path":"/etc/config/vpn_block.conf"})"));
     EXPECT_THAT(recorded("write_json"),
-                ElementsAre(std::string(R"({"path":"/etc/config/vpn_block.conf","data":)") + DEFAULTS + '}'));
+                ElementsAre(std::string(R"({"path":"/etc/config/vpn_block.conf","data":)") +
+                            DEFAULTS + '}'));
     fail_login("bob", 4);
     EXPECT_EQ(blocked("bob"), "0") << "the count began again";
     bus(log_db::SERVICE, log_db::PRIVILEGE_USER_BLOCK.clean);
   }
   for (const char* reply : {"", R"({"error":-1,"data":"disk full"})", "nonsense"})
-    EXPECT_EQ(with(reply, "block", "&enable=true&limit=5&time=30"), refusal(48, "mibservice api return error"));
-  EXPECT_THAT(read(LOG), HasSubstr(": mib failed. mibsh vpncaas.read_json path=/etc/config/vpn_block.conf\n"));
+    EXPECT_EQ(with(reply, "block", "&enable=true&limit=5&time=30"),
+              refusal(48, "mibservice api return error"));
+  EXPECT_THAT(read(LOG),
+              HasSubstr(": mib failed. mibsh vpncaas.read_json path=/etc/config/vpn_block.conf\n"));
   EXPECT_THAT(read(CALLS), Not(HasSubstr("notify|"))) << "nothing has changed";
   EXPECT_EQ(post("block", "&enable=true&limit=5&time=30").status, 48) << "nobody there";
   EXPECT_EQ(post("block_show", "").body, shown("true", 5, 30, ""));
@@ -242,7 +268,9 @@ TEST_F(WebBlocksOfAnySettings, AreMadeAnewWhereThePolicyIsNotThere) {
 
 class WebUsers : public WebHost {
  protected:
-  std::string query(const std::string& form) const { return cgi("/ormel/user/query", admin + form).body; }
+  std::string query(const std::string& form) const {
+    return cgi("/ormel/user/query", admin + form).body;
+  }
 };
 
 TEST_F(WebUsers, AreListedByTheirSource) {
@@ -251,15 +279,19 @@ TEST_F(WebUsers, AreListedByTheirSource) {
   for (int i = 100; i < 200; ++i) many += "zz" + std::to_string(i) + ":x:5000:5000::/:/bin/sh\n";
   write(PASSWD,
         accounts + many + std::string(33, 'l') +
-            ":x:5000:1::/:/bin/sh\nq\"\xff:x:5000:1::/:/bin/sh\nzz-system:x:999:1::/:/bin/sh\nzz-service:x:5000:1::/:/"
+            ":x:5000:1::/:/bin/sh\nq\"\xff:x:5000:1::/:/bin/sh\nzz-system:x:999:1::/:/bin/"
+            "sh\nzz-service:x:5000:1::/:/"
             "usr/sbin/nologin\n",
         0644);
-  EXPECT_EQ(query("&filter=zz&lower=10&upper=11"), R"({"data":["zz110","zz111"],"error":0,"total":100})");
-  EXPECT_EQ(query("&filter=zz&lower=99&upper=500&type=local"), R"({"data":["zz199"],"error":0,"total":100})");
+  EXPECT_EQ(query("&filter=zz&lower=10&upper=11"),
+            R"({"data":["zz110","zz111"],"error":0,"total":100})");
+  EXPECT_EQ(query("&filter=zz&lower=99&upper=500&type=local"),
+            R"({"data":["zz199"],"error":0,"total":100})");
   const std::string page = query("&filter=zz&type=1");
   EXPECT_EQ(std::count(page.begin(), page.end(), ','), 52) << "rows 0 to 50";
   EXPECT_EQ(query("&filter=q%22"), "{\"data\":[\"q\\\"\xef\xbf\xbd\"],\"error\":0,\"total\":1}");
-  EXPECT_EQ(query("&filter=llll"), R"({"data":[],"error":0,"total":0})") << "too long a name for the platform";
+  EXPECT_EQ(query("&filter=llll"), R"({"data":[],"error":0,"total":0})")
+      << "too long a name for the platform";
   EXPECT_EQ(query("&type=remote"), R"({"data":[],"error":0,"total":0})");
   EXPECT_EQ(query("&type=2&lower=-5&upper=-9"), R"({"data":[],"error":0,"total":0})");
   for (const char* type : {"3", "LOCAL", "1x", "%201"})

@@ -1,4 +1,5 @@
-// One request of the web interface as the program sees it: bodies, uploads, sessions, its process, and its log.
+// One request of the web interface as the program sees it: bodies, uploads, sessions, its process,
+// and its log.
 // appliance: --web
 #include "support/web_request.h"
 
@@ -16,12 +17,16 @@ TEST_F(WebForm, ReadsTheSameFromAddressBodyAndParts) {
   const std::string sid = admin.substr(4);
   const std::string expected = cgi(SHOW, admin + "&type=256").body;
   EXPECT_THAT(expected, HasSubstr("office1"));
-  const std::string parts = part("sid", sid) + part("note", std::string(5000, '\r')) + part("type", "256") + "--edge--";
+  const std::string parts =
+      part("sid", sid) + part("note", std::string(5000, '\r')) + part("type", "256") + "--edge--";
   const std::string form = admin + "&type=256";
   EXPECT_EQ(cgi(SHOW, "", {"CONTENT_LENGTH=1"}, form).body, expected);
-  EXPECT_EQ(cgi(SHOW, admin + "&type=1", {"CONTENT_LENGTH=1"}, "type=256").body, expected) << "the body overrides";
+  EXPECT_EQ(cgi(SHOW, admin + "&type=1", {"CONTENT_LENGTH=1"}, "type=256").body, expected)
+      << "the body overrides";
   EXPECT_EQ(cgi(SHOW, "", {"CONTENT_LENGTH=1", MULTIPART}, parts).body, expected);
-  EXPECT_EQ(cgi(SHOW, "", {"CONTENT_LENGTH=1", "CONTENT_TYPE=multipart/form-data; boundary=\"edge\""}, parts).body,
+  EXPECT_EQ(cgi(SHOW, "",
+                {"CONTENT_LENGTH=1", "CONTENT_TYPE=multipart/form-data; boundary=\"edge\""}, parts)
+                .body,
             expected);
   EXPECT_EQ(https(SHOW, {"-F", admin, "-F", "type=256"}).body, expected);
   EXPECT_EQ(https(SHOW, {"-F", admin, "-F", "file=@/etc/passwd", "-F", "type=256"}).body, expected);
@@ -32,7 +37,9 @@ TEST_F(WebForm, ReadsTheSameFromAddressBodyAndParts) {
 TEST_F(WebForm, DoesNotBelieveTheAnnouncedLength) {
   const std::string form = admin + "&type=256";
   for (const char* length : {"0", "-1", "x", "", "5", "99999999999999999999"}) {
-    EXPECT_THAT(cgi(SHOW, "", {std::string("CONTENT_LENGTH=") + length}, form).body, HasSubstr("office1")) << length;
+    EXPECT_THAT(cgi(SHOW, "", {std::string("CONTENT_LENGTH=") + length}, form).body,
+                HasSubstr("office1"))
+        << length;
   }
   EXPECT_EQ(cgi(SHOW, "", {}, form).body, NO_SESSION) << "without one there is no body";
 }
@@ -63,16 +70,19 @@ TEST_F(WebForm, TakesAHundredThousandVariables) {
   std::string form;
   for (int i = 0; i < 100000; ++i) form += "v" + std::to_string(i) + "=" + std::to_string(i) + "&";
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_THAT(cgi(SHOW, "", {"CONTENT_LENGTH=1"}, form + admin + "&type=256").body, HasSubstr("office1"));
+  EXPECT_THAT(cgi(SHOW, "", {"CONTENT_LENGTH=1"}, form + admin + "&type=256").body,
+              HasSubstr("office1"));
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 TEST_F(WebForm, EndsAnEndlessBody) {
   for (const std::string type : {"CONTENT_TYPE=", MULTIPART}) {
     write("/tmp/begin", type == MULTIPART ? part("name", "") : "name=");
-    const std::string command = "(cat /tmp/begin; yes aaaaaaaa | tr '\\n' 'x') | " + std::string(CGI);
-    const Result result = run({"/bin/sh", "-c", command}, {"PATH=/usr/bin:/bin", "CONTENT_LENGTH=1", type,
-                                                           std::string("SCRIPT_URL=") + SHOW, "QUERY_STRING=" + admin});
+    const std::string command =
+        "(cat /tmp/begin; yes aaaaaaaa | tr '\\n' 'x') | " + std::string(CGI);
+    const Result result = run({"/bin/sh", "-c", command},
+                              {"PATH=/usr/bin:/bin", "CONTENT_LENGTH=1", type,
+                               std::string("SCRIPT_URL=") + SHOW, "QUERY_STRING=" + admin});
     EXPECT_THAT(result.out, HasSubstr(NO_TYPE));
   }
 }
@@ -87,22 +97,26 @@ TEST_F(WebUpload, OfOneMebibyteIsTakenAndOneByteMoreEndsTheForm) {
     const std::string body = part("ovpn", file, "a.ovpn") + part("type", "256") + "--edge--";
     write("/tmp/upload", file);
     const std::string direct = cgi(SHOW, admin, {"CONTENT_LENGTH=1", MULTIPART}, body).body;
-    const std::string served = https(std::string(CHECK) + "?" + admin, {"-F", "ovpn=@/tmp/upload"}).body;
-    EXPECT_EQ(served, fits ? refusal(23, "incorrect client config") : refusal(-1, "ca_files_check ERROR"));
+    const std::string served =
+        https(std::string(CHECK) + "?" + admin, {"-F", "ovpn=@/tmp/upload"}).body;
+    EXPECT_EQ(served,
+              fits ? refusal(23, "incorrect client config") : refusal(-1, "ca_files_check ERROR"));
     // What comes behind a refused file is not read.
-    EXPECT_THAT(direct, fits ? testing::Matcher<std::string>(HasSubstr("office1")) : testing::Eq(NO_TYPE));
+    EXPECT_THAT(direct,
+                fits ? testing::Matcher<std::string>(HasSubstr("office1")) : testing::Eq(NO_TYPE));
     EXPECT_EQ(uploads(), 0U);
   }
 }
 
 TEST_F(WebUpload, CutOffByTheClientLeavesNothing) {
   const std::string body = part("ovpn", std::string(600000, 'u'), "a.ovpn");
-  EXPECT_EQ(cgi(SHOW, admin, {"CONTENT_LENGTH=1000000", MULTIPART}, body.substr(0, 500000)).body, NO_TYPE);
+  EXPECT_EQ(cgi(SHOW, admin, {"CONTENT_LENGTH=1000000", MULTIPART}, body.substr(0, 500000)).body,
+            NO_TYPE);
   EXPECT_EQ(uploads(), 0U);
   write("/tmp/upload", std::string(UPLOAD_LIMIT, 'u'));
   const std::string address = "https://localhost" + std::string(CHECK) + "?" + admin;
-  const Result gone =
-      run({"/usr/bin/curl", "-ks", "--limit-rate", "200k", "--max-time", "2", "-F", "ovpn=@/tmp/upload", address});
+  const Result gone = run({"/usr/bin/curl", "-ks", "--limit-rate", "200k", "--max-time", "2", "-F",
+                           "ovpn=@/tmp/upload", address});
   EXPECT_EQ(gone.status, 28) << "the client gives up";
   EXPECT_EQ(uploads(), 0U);
   EXPECT_THAT(https(std::string(SHOW) + "?type=256&" + admin).body, HasSubstr("office1"));
@@ -110,15 +124,17 @@ TEST_F(WebUpload, CutOffByTheClientLeavesNothing) {
 
 TEST_F(WebUpload, GoesWhenTheClientLeavesDuringTheWork) {
   write("/tmp/upload", "x");
-  const Result gone = run({"/usr/bin/curl", "-ks", "--max-time", "3", "-F", admin, "-F", "type=PPTP", "-F", "index=1",
-                           "-F", "ovpn=@/tmp/upload", "https://localhost/ormel/config/connect"});
+  const Result gone =
+      run({"/usr/bin/curl", "-ks", "--max-time", "3", "-F", admin, "-F", "type=PPTP", "-F",
+           "index=1", "-F", "ovpn=@/tmp/upload", "https://localhost/ormel/config/connect"});
   EXPECT_EQ(gone.status, 28) << "a connect takes five seconds";
   EXPECT_TRUE(recorded_soon("vpn_pptp_client.sh", 1));
   EXPECT_TRUE(comes_true([] { return uploads() == 0; }, 20));
 }
 
 TEST_F(WebUpload, GoesWithARequestThatASignalEnds) {
-  const std::string body = part("a", "first", "a") + part("b", "second", "b") + part("a", "in its place", "c");
+  const std::string body =
+      part("a", "first", "a") + part("b", "second", "b") + part("a", "in its place", "c");
   const std::string command =
       "exec env SCRIPT_URL=" + std::string(SHOW) + " CONTENT_LENGTH=1 '" + MULTIPART + "' " + CGI;
   for (const int signal : {SIGTERM, SIGUSR1, SIGHUP, SIGINT, SIGPIPE}) {
@@ -141,11 +157,13 @@ TEST_F(WebSession, IsNothingButItsEightCharacters) {
   fs::copy(file, "/run/fenro/sessions/" + sid.substr(1));
   write("/etc/sid.conf", read(file));
   std::string other_case = sid;
-  for (char& c : other_case) c = static_cast<char>(std::isupper(c) != 0 ? std::tolower(c) : std::toupper(c));
+  for (char& c : other_case)
+    c = static_cast<char>(std::isupper(c) != 0 ? std::tolower(c) : std::toupper(c));
   for (const std::string& text :
-       {std::string(), sid.substr(1), sid + "x", sid + sid, sid + "%20", "%20" + sid, other_case, std::string(8, '/'),
-        std::string("%ff%ff%ff%ff%ff%ff%ff%ff"), std::string("........"), std::string("%00") + sid,
-        "../sessions/" + sid, std::string("..%2f..%2f..%2fetc%2fsid.conf"), std::string(100000, 'a')}) {
+       {std::string(), sid.substr(1), sid + "x", sid + sid, sid + "%20", "%20" + sid, other_case,
+        std::string(8, '/'), std::string("%ff%ff%ff%ff%ff%ff%ff%ff"), std::string("........"),
+        std::string("%00") + sid, "../sessions/" + sid,
+        std::string("..%2f..%2f..%2fetc%2fsid.conf"), std::string(100000, 'a')}) {
     EXPECT_EQ(cgi(SHOW, "type=256&sid=" + text).body, NO_SESSION) << text.substr(0, 40);
   }
   EXPECT_THAT(cgi(SHOW, "type=256&sid=" + sid).body, HasSubstr("office1"));
@@ -154,12 +172,14 @@ TEST_F(WebSession, IsNothingButItsEightCharacters) {
 class WebProcess : public WebHost {};
 
 TEST_F(WebProcess, WorksWithStandardStreamsClosed) {
-  for (const char* closed : {"<&-", ">&-", "2>&-", "<&- >&-", "<&- 2>&-", ">&- 2>&-", "<&- >&- 2>&-"}) {
+  for (const char* closed :
+       {"<&-", ">&-", "2>&-", "<&- >&-", "<&- 2>&-", ">&- 2>&-", "<&- >&- 2>&-"}) {
     SCOPED_TRACE(closed);
     write(VPN_CONF, pptp_client(1));
     const std::string form = admin + "&type=PPTP&name=new&host=127.0.0.1";
-    const Result result = run({"/bin/sh", "-c", "exec " + std::string(CGI) + ' ' + closed},
-                              {"SCRIPT_URL=/ormel/config/add", "QUERY_STRING=" + form, "CONTENT_LENGTH=1"});
+    const Result result =
+        run({"/bin/sh", "-c", "exec " + std::string(CGI) + ' ' + closed},
+            {"SCRIPT_URL=/ormel/config/add", "QUERY_STRING=" + form, "CONTENT_LENGTH=1"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(conf_value("PPTP_CLIENT2", "Profile File"), "new");
     EXPECT_THAT(read(VPN_CONF) + read(LOG), Not(HasSubstr("Content-type")));
@@ -172,8 +192,9 @@ TEST_F(WebProcess, GivesItsProgramsNothingOfTheClient) {
     write(std::string("/etc/init.d/") + script, dump, 0755);
   fs::rename("/usr/sbin/getcfg", "/usr/sbin/getcfg.real");
   write("/usr/sbin/getcfg", dump + "exec /usr/sbin/getcfg.real \"$@\"\n", 0755);
-  const Environment secrets{"HTTP_PROXY=http://secret",    "REQUEST_URI=/?secret",      "HTTP_COOKIE=secret",
-                            "HTTP_REFERER=https://secret", "HTTP_AUTHORIZATION=secret", "SERVER_NAME=harmless"};
+  const Environment secrets{"HTTP_PROXY=http://secret",  "REQUEST_URI=/?secret",
+                            "HTTP_COOKIE=secret",        "HTTP_REFERER=https://secret",
+                            "HTTP_AUTHORIZATION=secret", "SERVER_NAME=harmless"};
   EXPECT_EQ(cgi("/ormel/config/connect", admin + "&type=PPTP&index=1&x=secret", secrets).status, 0);
   EXPECT_EQ(cgi("/ormel/config/remove", admin + "&type=PPTP&index=1&x=secret", secrets).status, 0);
   fs::rename("/usr/sbin/getcfg.real", "/usr/sbin/getcfg");
@@ -183,7 +204,8 @@ TEST_F(WebProcess, GivesItsProgramsNothingOfTheClient) {
     for (size_t at = 0; (at = text.find("harmless", at)) != std::string::npos; ++at) ++count;
     return count;
   };
-  EXPECT_TRUE(comes_true([&] { return programs() >= 5; })) << "getcfg, start; getcfg, stop, and the route's removal";
+  EXPECT_TRUE(comes_true([&] { return programs() >= 5; }))
+      << "getcfg, start; getcfg, stop, and the route's removal";
   const std::string environments = read("/tmp/environments");
   EXPECT_THAT(environments, Not(HasSubstr("secret")));
   EXPECT_THAT(environments, Not(HasSubstr(admin)));
@@ -194,7 +216,9 @@ constexpr size_t ROTATE_SIZE = 2097152;
 class WebLog : public WebHost {
  protected:
   void TearDown() override { fs::remove(PACKAGE); }
-  static size_t logged(const std::string& path) { return fs::exists(path) ? fs::file_size(path) : 0; }
+  static size_t logged(const std::string& path) {
+    return fs::exists(path) ? fs::file_size(path) : 0;
+  }
   // A log that one request fills up to `size` bytes.
   void fill(size_t size) const {
     for (int i = 0; i <= 6; ++i) fs::remove(LOG + (i == 0 ? "" : '.' + std::to_string(i)));
@@ -208,7 +232,8 @@ TEST_F(WebLog, RotatesAtTwoMebibytesOnce) {
   for (const bool full : {false, true}) {
     const size_t size = ROTATE_SIZE - (full ? 0 : 1);
     size_t reached = 0;
-    for (int i = 0; i < 3 && reached != size; ++i) {  // again when the process number grew by a digit
+    for (int i = 0; i < 3 && reached != size;
+         ++i) {  // again when the process number grew by a digit
       fill(size);
       EXPECT_EQ(cgi(SHOW, admin + "&type=256").status, 0);
       reached = logged(LOG) + logged(LOG + std::string(".1"));
@@ -220,9 +245,11 @@ TEST_F(WebLog, RotatesAtTwoMebibytesOnce) {
   EXPECT_FALSE(fs::exists(LOG + std::string(".tmp")));
   EXPECT_TRUE(fs::exists(LOG + std::string(".lock")));
   fill(ROTATE_SIZE + 100);
-  for (int i = 1; i <= 5; ++i) write(LOG + ('.' + std::to_string(i)), "generation " + std::to_string(i));
+  for (int i = 1; i <= 5; ++i)
+    write(LOG + ('.' + std::to_string(i)), "generation " + std::to_string(i));
   cgi(SHOW, admin + "&type=256");
-  for (int i = 2; i <= 5; ++i) EXPECT_EQ(read(LOG + ('.' + std::to_string(i))), "generation " + std::to_string(i - 1));
+  for (int i = 2; i <= 5; ++i)
+    EXPECT_EQ(read(LOG + ('.' + std::to_string(i))), "generation " + std::to_string(i - 1));
   EXPECT_FALSE(fs::exists(LOG + std::string(".6"))) << "five old ones are kept";
 }
 
@@ -233,23 +260,27 @@ TEST_F(WebLog, GoesToThePackagesFolder) {
       {"", LOG, ""},
       {"[ORMEL]\nInstall_Path = \n", LOG, ""},
       {"[ORMEL]\nInstall_Path = /opt/pakrix\n", "/opt/pakrix/var/log/ORMEL.log", ""},
-      {"[ORMEL]\nInstall_Path = " + longest + "\n", longest + "/var/log/ORMEL.log", "Error: lock file path too long"},
+      {"[ORMEL]\nInstall_Path = " + longest + "\n", longest + "/var/log/ORMEL.log",
+       "Error: lock file path too long"},
       {"[ORMEL]\nInstall_Path = " + longest + "c\n", LOG, ""},
-      {"[ORMEL]\nInstall_Path = /opt/nowhere\n", "", "Error: Failed to create lock file for log rotation\n"},
+      {"[ORMEL]\nInstall_Path = /opt/nowhere\n", "",
+       "Error: Failed to create lock file for log rotation\n"},
   };
   for (const auto& [conf, path, says] : rows) {
     SCOPED_TRACE(conf);
     fs::remove(LOG);
     write(PACKAGE, conf);
     if (!path.empty()) fs::create_directories(fs::path(path).parent_path());
-    const Result result = run({CGI}, {std::string("SCRIPT_URL=") + SHOW, "QUERY_STRING=type=256&" + admin});
+    const Result result =
+        run({CGI}, {std::string("SCRIPT_URL=") + SHOW, "QUERY_STRING=type=256&" + admin});
     EXPECT_THAT(result.out, HasSubstr("office1"));
     EXPECT_THAT(result.err, StartsWith(says));
     EXPECT_EQ(result.err.empty(), !*says);
     EXPECT_EQ(read(path).find("API: /ormel/config/show=") != std::string::npos, !path.empty());
     EXPECT_EQ(fs::exists(LOG), path == LOG);
     const bool warns = conf.find("bc\n") != std::string::npos;
-    EXPECT_EQ(read(LOG).find("Log path too long, falling back to default\n") != std::string::npos, warns);
+    EXPECT_EQ(read(LOG).find("Log path too long, falling back to default\n") != std::string::npos,
+              warns);
   }
 }
 

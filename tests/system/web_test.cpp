@@ -1,4 +1,5 @@
-// The routes of the web interface: who may use them, what they answer, and what is behind the web server besides.
+// The routes of the web interface: who may use them, what they answer, and what is behind the web
+// server besides.
 // appliance: --web
 #include <gmock/gmock.h>
 #include <map>
@@ -24,10 +25,14 @@ std::vector<std::string> routes() {
 }
 
 // What a general user gets; 39 wherever nothing is said here.
-const std::map<std::string, int> FOR_GENERAL_USERS = {
-    {"config/show", 0}, {"gateway/get", 0}, {"gateway/get_vpn_gw", 0}, {"gateway/set", 41}, {"guard/get", 0}};
+const std::map<std::string, int> FOR_GENERAL_USERS = {{"config/show", 0},
+                                                      {"gateway/get", 0},
+                                                      {"gateway/get_vpn_gw", 0},
+                                                      {"gateway/set", 41},
+                                                      {"guard/get", 0}};
 
-// The programs that a request starts and the sockets that it opens, apart from those that every request needs.
+// The programs that a request starts and the sockets that it opens, apart from those that every
+// request needs.
 std::string work_of(const std::string& route, const std::string& query) {
   run({"/usr/bin/strace", "-f", "-qq", "-e", "trace=execve,connect", "-o", "/tmp/trace", CGI},
       {"SCRIPT_URL=/ormel/" + route, "QUERY_STRING=" + query, "ASAN_OPTIONS=detect_leaks=0"});
@@ -63,7 +68,8 @@ class WebRoutes : public WebHost {
 };
 
 TEST_F(WebRoutes, DoNothingWithoutTheirSession) {
-  const std::string form = "type=PPTP&index=1&name=x&host=127.0.0.1&enable=true&as_gw_en=0&user=guest&ip=10.0.0.1&";
+  const std::string form =
+      "type=PPTP&index=1&name=x&host=127.0.0.1&enable=true&as_gw_en=0&user=guest&ip=10.0.0.1&";
   const std::string manual = read("/usr/share/man/man8/ormel.cgi.8");
   for (const std::string& route : routes()) {
     expect_refused(route, form, 39);
@@ -85,13 +91,15 @@ TEST_F(WebRoutes, DoNothingWithoutTheirSession) {
 TEST_F(WebRoutes, LetAdministratorsIn) {
   for (const std::string& route : routes()) {
     const int status = cgi("/ormel/" + route, admin).status;
-    EXPECT_TRUE(status >= 0 && status != 35 && status != 39 && status != 41) << route << ' ' << status;
+    EXPECT_TRUE(status >= 0 && status != 35 && status != 39 && status != 41)
+        << route << ' ' << status;
   }
 }
 
 TEST_F(WebRoutes, AreMatchedExactly) {
-  for (const char* url : {"/ormel/nope", "", "/ormel/config/show/", "/ormel/config", "/ormel/Config/show",
-                          "ormel/config/show", "//ormel/config/show", "/ormel/config/show?x"}) {
+  for (const char* url :
+       {"/ormel/nope", "", "/ormel/config/show/", "/ormel/config", "/ormel/Config/show",
+        "ormel/config/show", "//ormel/config/show", "/ormel/config/show?x"}) {
     const WebReply reply = cgi(url, admin + "&type=256");
     EXPECT_EQ(reply.status, 35);
     EXPECT_EQ(reply.body, refusal(35, "api not found" + std::string(url)));
@@ -127,12 +135,14 @@ TEST_F(WebProfiles, LiveAndGoOverHttps) {
     form.insert(form.begin(), {"--data", admin, "--data", "type=PPTP"});
     const WebReply reply = https(route, form);
     EXPECT_THAT(reply.head, StartsWith("HTTP/1.1 200 OK\r\n"));
-    EXPECT_THAT(reply.head, HasSubstr("Content-Type: text/plain; charset=utf-8")) << "curl takes anything";
+    EXPECT_THAT(reply.head, HasSubstr("Content-Type: text/plain; charset=utf-8"))
+        << "curl takes anything";
     return reply.body;
   };
 
-  const std::string added = call("/ormel/config/add", {"--data-urlencode", "name=the office", "--data",
-                                                       "host=127.0.0.1&user=bob&pass=cDE%3D&up=/bin/sh&enc=2"});
+  const std::string added =
+      call("/ormel/config/add", {"--data-urlencode", "name=the office", "--data",
+                                 "host=127.0.0.1&user=bob&pass=cDE%3D&up=/bin/sh&enc=2"});
   EXPECT_THAT(added, HasSubstr(R"("enc":2)"));
   EXPECT_THAT(added, HasSubstr(R"("profile":"the office")"));
   EXPECT_THAT(added, HasSubstr(R"("user":"bob")"));
@@ -141,9 +151,11 @@ TEST_F(WebProfiles, LiveAndGoOverHttps) {
   EXPECT_EQ(conf_value("PPTP_CLIENT1", "AccessCode"), "cDE=");
   EXPECT_EQ(conf_value("PPTP_CLIENT1", "Up"), "") << "a program is never taken from a form";
 
-  EXPECT_THAT(cli({"--type=PPTP", "--show=0"}).out, HasSubstr("Profile File = the office\nName = bob\n"));
+  EXPECT_THAT(cli({"--type=PPTP", "--show=0"}).out,
+              HasSubstr("Profile File = the office\nName = bob\n"));
   const std::string shown = https(std::string(SHOW) + "?type=256&" + admin).body;
-  EXPECT_EQ(shown, "{\"data\":[" + added.substr(8, added.rfind(",\"error\"") - 8) + "],\"error\":0}");
+  EXPECT_EQ(shown,
+            "{\"data\":[" + added.substr(8, added.rfind(",\"error\"") - 8) + "],\"error\":0}");
 
   EXPECT_THAT(call("/ormel/config/connect", {"--data", "index=1"}), HasSubstr(R"("status":2)"));
   EXPECT_THAT(cli({"--type=PPTP", "--show=1"}).out, HasSubstr("\nStatus = 2\n"));
@@ -165,10 +177,11 @@ TEST_F(WebProfiles, HideTheAccountFromAGeneralUser) {
 }
 
 TEST_F(WebProfiles, AreShownByTheBitsOfANumber) {
-  write(VPN_CONF, pptp_client(1) + "[L2TP_CLIENT4]\nIndex = 4\nProfile File = x\nServer Address = 127.0.0.1\n");
-  const std::pair<const char*, int> rows[] = {{"256", 1},  {"512", 1},  {"768", 2},   {"1", 1},    {"1023", 7},
-                                              {"-1", 7},   {"1024", 0}, {"SPPTP", 0}, {"PPTP", 0}, {"0", 0},
-                                              {"256x", 1}, {"x256", 0}, {" 256", 1}};
+  write(VPN_CONF, pptp_client(1) +
+                      "[L2TP_CLIENT4]\nIndex = 4\nProfile File = x\nServer Address = 127.0.0.1\n");
+  const std::pair<const char*, int> rows[] = {
+      {"256", 1},   {"512", 1},  {"768", 2}, {"1", 1},    {"1023", 7}, {"-1", 7},  {"1024", 0},
+      {"SPPTP", 0}, {"PPTP", 0}, {"0", 0},   {"256x", 1}, {"x256", 0}, {" 256", 1}};
   for (const auto& [type, count] : rows) {
     SCOPED_TRACE(type);
     const std::string body = cgi(SHOW, admin + "&type=" + type).body;
@@ -222,7 +235,8 @@ TEST_F(WebProfiles, RefuseInTheOrderOfTheirChecks) {
     SCOPED_TRACE(std::string(row.route) + " " + row.form);
     const WebReply reply = cgi("/ormel/config/" + std::string(row.route), admin + row.form);
     EXPECT_EQ(reply.status, row.code);
-    EXPECT_THAT(reply.body, StartsWith("{\"error\":" + std::to_string(row.code) + ",\"reason\":\""));
+    EXPECT_THAT(reply.body,
+                StartsWith("{\"error\":" + std::to_string(row.code) + ",\"reason\":\""));
     EXPECT_EQ(read(VPN_CONF), before);
   }
 }
@@ -236,7 +250,8 @@ TEST_F(WebProfiles, AreFullAtSixteenOfTheUsersOwn) {
 
   write(VPN_CONF, text + pptp_client(21));
   for (const char* form : {"", "&type=nope", "&type=WG", "&type=SPPTP"})
-    EXPECT_EQ(cgi("/ormel/config/add", admin + form).body, refusal(43, "configuration full")) << form;
+    EXPECT_EQ(cgi("/ormel/config/add", admin + form).body, refusal(43, "configuration full"))
+        << form;
 }
 
 class WebServer : public WebHost {};

@@ -1,5 +1,5 @@
-// Each failure of a tunnel or a server says what it is, and says nothing once it is mended. The servers are here, their
-// clients over there.
+// Each failure of a tunnel or a server says what it is, and says nothing once it is mended. The
+// servers are here, their clients over there.
 // appliance: --pair
 #include <jansson.h>
 
@@ -61,7 +61,8 @@ struct Fault {
   const char* last_error;
 };
 
-void expect_faults(const std::string& profile, const std::string& section, const std::vector<Fault>& faults) {
+void expect_faults(const std::string& profile, const std::string& section,
+                   const std::vector<Fault>& faults) {
   for (const Fault& row : faults) {
     SCOPED_TRACE(row.what);
     far::run({CTL, "profile", "down", profile});
@@ -75,7 +76,8 @@ void expect_faults(const std::string& profile, const std::string& section, const
                  far::conf_value(section, "Last Error") == row.last_error;
         },
         SECONDS))
-        << now.state << ' ' << now.code << ' ' << now.text << ' ' << far::conf_value(section, "Last Error");
+        << now.state << ' ' << now.code << ' ' << now.text << ' '
+        << far::conf_value(section, "Last Error");
     EXPECT_THAT(far::run({CTL, "why", profile}).out, HasSubstr("-> "));
     far_shell(row.cure);
     far::run({CTL, "profile", "down", profile});
@@ -89,8 +91,8 @@ void expect_faults(const std::string& profile, const std::string& section, const
 
 size_t refused_logins() {
   const auto rows = log_rows<db_conn_server_log>(log_db::CONN_SERVER_LOG.query);
-  return static_cast<size_t>(
-      std::count_if(rows.begin(), rows.end(), [](const db_conn_server_log& row) { return row.action == 1; }));
+  return static_cast<size_t>(std::count_if(
+      rows.begin(), rows.end(), [](const db_conn_server_log& row) { return row.action == 1; }));
 }
 
 class WhyDrovik : public testing::Test {
@@ -98,12 +100,14 @@ class WhyDrovik : public testing::Test {
   void SetUp() override {
     if (!has_tun()) GTEST_SKIP() << "no tunnel without the TUN device /dev/net/tun";
     near_shell(
-        "printf 'team key\\n' >/tmp/psk; ormelctl server set drovik --psk-file /tmp/psk --port 4443 --yes;"
+        "printf 'team key\\n' >/tmp/psk; ormelctl server set drovik --psk-file /tmp/psk --port "
+        "4443 --yes;"
         "ormelctl server on drovik; ormelctl user grant guest drovik openvpn");
     far::write("/tmp/pass", read("/var/lib/appliance/password.guest"));
     far_shell(
         "printf 'team key\\n' >/tmp/psk; printf 'wrong\\n' >/tmp/wrong;"
-        "ormelctl profile add drovik --name office --host 192.168.77.1 --port 4443 --user guest --pass-file /tmp/pass"
+        "ormelctl profile add drovik --name office --host 192.168.77.1 --port 4443 --user guest "
+        "--pass-file /tmp/pass"
         " --psk-file /tmp/psk");
   }
   void TearDown() override {
@@ -114,24 +118,28 @@ class WhyDrovik : public testing::Test {
 
 TEST_F(WhyDrovik, SaysWhatAClientMeetsAndForgetsItOnceMended) {
   const size_t before = refused_logins();
-  expect_faults("office", "DROVIK_CLIENT1",
-                {
-                    {"wrong password", "ormelctl profile set office --pass-file /tmp/wrong --yes",
-                     "ormelctl profile set office --pass-file /tmp/pass --yes", "failed", "login-refused", "40"},
-                    {"wrong pre-shared key", "ormelctl profile set office --psk-file /tmp/wrong --yes",
-                     "ormelctl profile set office --psk-file /tmp/psk --yes", "failed", "psk-wrong", "9"},
-                    {"name unknown",
-                     "setcfg DROVIK_CLIENT1 'Domain IP' '' -f /etc/config/vpn.conf;"
-                     "setcfg DROVIK_CLIENT1 'Server Address' nowhere.invalid -f /etc/config/vpn.conf",
-                     "ormelctl profile set office --host 192.168.77.1 --yes", "retrying", "name-not-found", "84"},
-                });
+  expect_faults(
+      "office", "DROVIK_CLIENT1",
+      {
+          {"wrong password", "ormelctl profile set office --pass-file /tmp/wrong --yes",
+           "ormelctl profile set office --pass-file /tmp/pass --yes", "failed", "login-refused",
+           "40"},
+          {"wrong pre-shared key", "ormelctl profile set office --psk-file /tmp/wrong --yes",
+           "ormelctl profile set office --psk-file /tmp/psk --yes", "failed", "psk-wrong", "9"},
+          {"name unknown",
+           "setcfg DROVIK_CLIENT1 'Domain IP' '' -f /etc/config/vpn.conf;"
+           "setcfg DROVIK_CLIENT1 'Server Address' nowhere.invalid -f /etc/config/vpn.conf",
+           "ormelctl profile set office --host 192.168.77.1 --yes", "retrying", "name-not-found",
+           "84"},
+      });
   EXPECT_EQ(refused_logins(), before + 1) << "a refused login is not tried again";
 }
 
 TEST_F(WhyDrovik, NamesTheHolderOfAServersPort) {
   near_shell(
       "ormelctl server off drovik --yes;"
-      "setsid -f python3 -c 'import socket, time\ns = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+      "setsid -f python3 -c 'import socket, time\ns = socket.socket(socket.AF_INET, "
+      "socket.SOCK_DGRAM)\n"
       "s.bind((\"0.0.0.0\", 4443))\nopen(\"/tmp/held\", \"w\")\ntime.sleep(600)' >/dev/null 2>&1");
   ASSERT_TRUE(comes_true([] { return fs::exists("/tmp/held"); }));
 
@@ -139,16 +147,19 @@ TEST_F(WhyDrovik, NamesTheHolderOfAServersPort) {
 
   EXPECT_NE(on.status, 0);
   EXPECT_THAT(on.err, ContainsRegex("UDP port 4443 is held by python3 \\(pid [0-9]+\\)"));
-  EXPECT_TRUE(comes_true([] { return near_seen("drovik").code == "port-taken"; })) << "but while it is tried again";
+  EXPECT_TRUE(comes_true([] { return near_seen("drovik").code == "port-taken"; }))
+      << "but while it is tried again";
   near_shell("pkill -x python3; rm /tmp/held; ormelctl server on drovik");
   EXPECT_EQ(near_seen("drovik").state, "running");
   EXPECT_EQ(near_seen("drovik").code, "");
 }
 
 TEST(WhyPptp, SaysWhatTheKernelLacks) {
-  if (read("/proc/devices").find(" ppp\n") != std::string::npos) GTEST_SKIP() << "this kernel has PPP";
+  if (read("/proc/devices").find(" ppp\n") != std::string::npos)
+    GTEST_SKIP() << "this kernel has PPP";
   near_shell(
-      "printf 'x\\n' >/tmp/pass; ormelctl profile add pptp --name old --host 192.0.2.1 --user a --pass-file /tmp/pass");
+      "printf 'x\\n' >/tmp/pass; ormelctl profile add pptp --name old --host 192.0.2.1 --user a "
+      "--pass-file /tmp/pass");
 
   const Result up = run({CTL, "profile", "up", "old", "--wait", "20"});
 
@@ -164,21 +175,28 @@ TEST(WhyPptp, SaysWhatTheKernelLacks) {
 TEST(WhyWireGuard, CountsAsUpOnlyWithAPeer) {
   if (!has_tun()) GTEST_SKIP() << "no WireGuard without the TUN device /dev/net/tun";
   near_shell(
-      "ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820 --yes; ormelctl server on wireguard");
+      "ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820 --yes; ormelctl "
+      "server on wireguard");
   const std::string key = run({"/usr/bin/wg", "genkey"}).out;
   far::write("/tmp/key", key);
   write("/tmp/public", run({"/usr/bin/wg", "pubkey"}, {}, key).out);
-  near_shell("ormelctl peer add device --address 198.18.7.2 --key \"$(cat /tmp/public)\" --host 192.168.77.1");
+  near_shell(
+      "ormelctl peer add device --address 198.18.7.2 --key \"$(cat /tmp/public)\" --host "
+      "192.168.77.1");
   far::write("/tmp/hub", conf_value("WG", "Server public key"));
   far_shell(
-      "ormelctl profile add wireguard --name hub --address 198.18.7.2 --peer-key \"$(cat /tmp/hub)\""
+      "ormelctl profile add wireguard --name hub --address 198.18.7.2 --peer-key \"$(cat "
+      "/tmp/hub)\""
       " --endpoint 192.168.77.1:51820 --allowed 198.18.7.0/24 --private-key-file /tmp/key");
   expect_faults("hub", "WG_CLIENT1",
                 {
-                    {"wrong key of the peer", "ormelctl profile set hub --peer-key \"$(wg genkey | wg pubkey)\" --yes",
-                     "ormelctl profile set hub --peer-key \"$(cat /tmp/hub)\" --yes", "no-peer", "no-handshake", "85"},
+                    {"wrong key of the peer",
+                     "ormelctl profile set hub --peer-key \"$(wg genkey | wg pubkey)\" --yes",
+                     "ormelctl profile set hub --peer-key \"$(cat /tmp/hub)\" --yes", "no-peer",
+                     "no-handshake", "85"},
                     {"address in use",
-                     "ip address add 198.18.7.2/32 dev lo; setcfg WG_CLIENT1 Enable TRUE -f /etc/config/vpn.conf;"
+                     "ip address add 198.18.7.2/32 dev lo; setcfg WG_CLIENT1 Enable TRUE -f "
+                     "/etc/config/vpn.conf;"
                      "/etc/init.d/vpn_wireguard_client.sh start 1 2>/dev/null || :",
                      "ip address del 198.18.7.2/32 dev lo", "failed", "address-conflict", "44"},
                 });
@@ -191,12 +209,14 @@ class WhyOpenVpn : public testing::Test {
   void SetUp() override {
     if (!has_tun()) GTEST_SKIP() << "no tunnel without the TUN device /dev/net/tun";
     near_shell(
-        "/etc/init.d/vpn_common.sh setup_vpn_entrance; ormelctl server on openvpn; ormelctl user grant guest openvpn; "
+        "/etc/init.d/vpn_common.sh setup_vpn_entrance; ormelctl server on openvpn; ormelctl user "
+        "grant guest openvpn; "
         "ormelctl profile export >/tmp/far.ovpn");
     far::write("/tmp/far.ovpn", read("/tmp/far.ovpn"));
     far::write("/tmp/pass", read("/var/lib/appliance/password.guest"));
     far_shell(
-        "ormelctl profile import /tmp/far.ovpn --name far --user guest --pass-file /tmp/pass --yes; printf 'wrong\\n' "
+        "ormelctl profile import /tmp/far.ovpn --name far --user guest --pass-file /tmp/pass "
+        "--yes; printf 'wrong\\n' "
         ">/tmp/wrong");
   }
   void TearDown() override {
@@ -219,13 +239,15 @@ TEST_F(WhyOpenVpn, SaysWhatAClientMeetsAndForgetsItOnceMended) {
       {
           {"wrong password", "ormelctl profile set far --pass-file /tmp/wrong --yes",
            "ormelctl profile set far --pass-file /tmp/pass --yes", "failed", "login-refused", "40"},
-          {"wrong authority", OTHER_AUTHORITY, "cp /tmp/good /etc/config/openvpn/clients/client1", "failed",
-           "server-cert-unknown", "24"},
+          {"wrong authority", OTHER_AUTHORITY, "cp /tmp/good /etc/config/openvpn/clients/client1",
+           "failed", "server-cert-unknown", "24"},
           {"a pre-shared key that is not the server's",
            "{ cat /tmp/good; echo '<tls-crypt>'; cat /tmp/other.psk; echo '</tls-crypt>'; } "
            ">/etc/config/openvpn/clients/client1",
            "cp /tmp/good /etc/config/openvpn/clients/client1", "failed", "psk-wrong", "9"},
-          {"host down", "cd /etc/config/openvpn/clients; sed -i 's/^remote .*/remote 192.168.77.99 1194/' client1",
+          {"host down",
+           "cd /etc/config/openvpn/clients; sed -i 's/^remote .*/remote 192.168.77.99 1194/' "
+           "client1",
            "cp /tmp/good /etc/config/openvpn/clients/client1", "retrying", "no-route", "83"},
           {"unknown option", "echo 'proto nonsense' >>/etc/config/openvpn/clients/client1",
            "cp /tmp/good /etc/config/openvpn/clients/client1", "failed", "settings-bad", "9"},
@@ -268,9 +290,11 @@ class WhyOpenVpnStrict : public testing::Test {
     if (!has_tun()) GTEST_SKIP() << "no tunnel without the TUN device /dev/net/tun";
     near_shell(STRICT_SERVER);
     for (const char* name : {"good", "expired", "foreign", "psk"})
-      far::write(std::string("/tmp/") + name + ".ovpn", read(std::string("/tmp/strict/") + name + ".ovpn"));
+      far::write(std::string("/tmp/") + name + ".ovpn",
+                 read(std::string("/tmp/strict/") + name + ".ovpn"));
     far_shell(
-        "ormelctl profile import /tmp/good.ovpn --name strict --yes; cp /etc/config/openvpn/clients/client1 "
+        "ormelctl profile import /tmp/good.ovpn --name strict --yes; cp "
+        "/etc/config/openvpn/clients/client1 "
         "/tmp/stored");
   }
   void TearDown() override {
@@ -287,19 +311,21 @@ TEST_F(WhyOpenVpnStrict, NamesTheCertificateAndGuessesAtAServerThatIsSilent) {
            ".ovpn >>mixed; cp mixed /etc/config/openvpn/clients/client1";
   };
   const std::string expired = fault("expired"), foreign = fault("foreign"), psk = fault("psk");
-  expect_faults("strict", "OPENVPN_CLIENT1",
-                {
-                    {"own certificate expired", expired.c_str(), CURE, "failed", "own-cert-expired", "26"},
-                    {"own certificate of another authority", foreign.c_str(), CURE, "retrying", "no-answer", "85"},
-                    {"another pre-shared key", psk.c_str(), CURE, "retrying", "no-answer", "85"},
-                });
+  expect_faults(
+      "strict", "OPENVPN_CLIENT1",
+      {
+          {"own certificate expired", expired.c_str(), CURE, "failed", "own-cert-expired", "26"},
+          {"own certificate of another authority", foreign.c_str(), CURE, "retrying", "no-answer",
+           "85"},
+          {"another pre-shared key", psk.c_str(), CURE, "retrying", "no-answer", "85"},
+      });
   far_shell(foreign);
   far::run({CTL, "profile", "down", "strict"});
   far::run({CTL, "profile", "up", "strict", "--wait", "1"});
   EXPECT_TRUE(comes_true(
       [] {
-        return far::run({CTL, "why", "strict"}).out.find("it may refuse the profile's certificate") !=
-               std::string::npos;
+        return far::run({CTL, "why", "strict"})
+                   .out.find("it may refuse the profile's certificate") != std::string::npos;
       },
       SECONDS));
 }

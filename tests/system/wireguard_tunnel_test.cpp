@@ -37,18 +37,21 @@ bool far_pings(const char* address) {
   return far::run({"/bin/ping", "-c1", "-W2", address}).status == 0;
 }
 
-// Where any process shows a secret to others: arguments and environment. What is looked for goes by standard input.
-constexpr const char* SEARCH = "/usr/bin/grep -lsaF -f /dev/stdin /proc/[0-9]*/cmdline /proc/[0-9]*/environ";
+// Where any process shows a secret to others: arguments and environment. What is looked for goes by
+// standard input.
+constexpr const char* SEARCH =
+    "/usr/bin/grep -lsaF -f /dev/stdin /proc/[0-9]*/cmdline /proc/[0-9]*/environ";
 
 class WireGuardTunnel : public testing::Test {
  protected:
   void SetUp() override {
-    if (access("/dev/net/tun", R_OK | W_OK) != 0 && run({"/sbin/ip", "link", "add", "wg0", "type", "wireguard"}).status)
+    if (access("/dev/net/tun", R_OK | W_OK) != 0 &&
+        run({"/sbin/ip", "link", "add", "wg0", "type", "wireguard"}).status)
       GTEST_SKIP() << "no WireGuard in this kernel, and an ordinary user has no TUN device";
     for (const char* file : {VPN_CONF, PEER_FILE}) fs::remove(file);
     far::run({"/bin/rm", "-f", VPN_CONF, "/tmp/edges"});
-    ASSERT_EQ(cli({"--type=SWG", "--modify=0", "--server_name=office", "--server_ip=198.18.7.1", "--server_mask=24",
-                   "--enable=TRUE"})
+    ASSERT_EQ(cli({"--type=SWG", "--modify=0", "--server_name=office", "--server_ip=198.18.7.1",
+                   "--server_mask=24", "--enable=TRUE"})
                   .status,
               0);
   }
@@ -77,19 +80,26 @@ class WireGuardTunnel : public testing::Test {
     ASSERT_EQ(record->cast<ormel::wireguard::ServerConfig>()->add_peer(), 0);
   }
 
-  Result client(const std::string& action, const std::string& address, const std::string& allowed) const {
-    return far::run({"/usr/sbin/ormel", "--type=WG", action, "--client_name=home", "--client_pri_key=" + key,
-                     "--client_ip=" + address, "--client_mask=32", "--psk=" + psk,
-                     "--peer_pub_key=" + conf_value("WG", "Server public key"), "--peer_endpoint=192.168.77.1:51820",
-                     "--peer_allow_ip=" + allowed, "--enable_dns=TRUE", "--manual_dns=9.9.9.9", "--up=/tmp/edge",
+  Result client(const std::string& action, const std::string& address,
+                const std::string& allowed) const {
+    return far::run({"/usr/sbin/ormel", "--type=WG", action, "--client_name=home",
+                     "--client_pri_key=" + key, "--client_ip=" + address, "--client_mask=32",
+                     "--psk=" + psk, "--peer_pub_key=" + conf_value("WG", "Server public key"),
+                     "--peer_endpoint=192.168.77.1:51820", "--peer_allow_ip=" + allowed,
+                     "--enable_dns=TRUE", "--manual_dns=9.9.9.9", "--up=/tmp/edge",
                      "--down=/tmp/edge"});
   }
   static std::string far_shown(const char* type) {
-    const std::string sid = far::run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8);
-    return far::run({CGI}, {"SCRIPT_URL=/ormel/config/show", "QUERY_STRING=sid=" + sid + "&type=" + type}).out;
+    const std::string sid =
+        far::run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8);
+    return far::run({CGI},
+                    {"SCRIPT_URL=/ormel/config/show", "QUERY_STRING=sid=" + sid + "&type=" + type})
+        .out;
   }
   static std::string near_shown() {
-    return cgi(SHOW, "sid=" + run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8) + "&type=32")
+    return cgi(SHOW,
+               "sid=" + run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8) +
+                   "&type=32")
         .body;
   }
 
@@ -119,9 +129,11 @@ TEST_F(WireGuardTunnel, KeepsADeviceOutForATime) {
   EXPECT_TRUE(comes_true([] { return far_pings("198.18.7.1"); }));
 
   // The end of a hold gives the interface its peer back, with the pre-shared key.
-  ASSERT_EQ(run({"/usr/lib/fenro/fenro-hold", "add", "peer", public_key(key), "3", "phone 1"}).status, 0);
+  ASSERT_EQ(
+      run({"/usr/lib/fenro/fenro-hold", "add", "peer", public_key(key), "3", "phone 1"}).status, 0);
   EXPECT_EQ(run({WG, "show", "wg0", "peers"}).out, "");
-  run({"/usr/bin/pkill", "-f", "fenro-hold add"});  // as a restart of the system ends who waits for it
+  run({"/usr/bin/pkill", "-f",
+       "fenro-hold add"});  // as a restart of the system ends who waits for it
   ASSERT_EQ(run({SERVER, "restart"}).status, 0);
   EXPECT_TRUE(comes_true([] { return !run({WG, "show", "wg0", "peers"}).out.empty(); }, 40));
   EXPECT_THAT(run({WG, "show", "wg0", "preshared-keys"}).out, HasSubstr(psk));
@@ -138,7 +150,8 @@ TEST_F(WireGuardTunnel, LimitsADeviceFromATimeOn) {
   EXPECT_EQ(peer("limits", ""), R"({"data":[],"error":0})");
   EXPECT_EQ(peer("limit", "&index=1&since=" + now), R"({"error":0})");
   EXPECT_EQ(installed(), "");
-  EXPECT_THAT(peer("limits", ""), AllOf(HasSubstr("\"since\":" + now), HasSubstr("\"name\":\"phone 1\"")));
+  EXPECT_THAT(peer("limits", ""),
+              AllOf(HasSubstr("\"since\":" + now), HasSubstr("\"name\":\"phone 1\"")));
   EXPECT_EQ(run({"/usr/sbin/ormelctl", "hold", "lift", "phone 1"}).status, 3) << "no hold";
   ASSERT_EQ(run({SERVER, "restart"}).status, 0);
   EXPECT_EQ(installed(), "");
@@ -146,24 +159,26 @@ TEST_F(WireGuardTunnel, LimitsADeviceFromATimeOn) {
   // It follows the device to another key, and ends with it.
   const std::string other = public_key(new_key());
   std::string coded = other;
-  for (size_t plus = 0; (plus = coded.find('+', plus)) != std::string::npos;) coded.replace(plus, 1, "%2B");
+  for (size_t plus = 0; (plus = coded.find('+', plus)) != std::string::npos;)
+    coded.replace(plus, 1, "%2B");
   EXPECT_THAT(peer("modify", "&index=1&peer_pub_key=" + coded), HasSubstr("\"error\":0"));
   EXPECT_EQ(installed(), "") << "a change of a peer that is kept out";
   EXPECT_THAT(peer("limits", ""), AllOf(HasSubstr(other), Not(HasSubstr(public_key(key)))));
   EXPECT_EQ(peer("limit", "&index=1&since=0"), R"({"error":0})");
   EXPECT_THAT(installed(), HasSubstr(other));
-  EXPECT_EQ(peer("limit", "&index=1&since=" + std::to_string(std::time(nullptr) + 4)), R"({"error":0})");
+  EXPECT_EQ(peer("limit", "&index=1&since=" + std::to_string(std::time(nullptr) + 4)),
+            R"({"error":0})");
   EXPECT_THAT(installed(), HasSubstr(other)) << "not yet";
   EXPECT_TRUE(comes_true([&] { return installed().empty(); }, 40)) << "its time has come";
   EXPECT_THAT(peer("remove", "&index=1"), HasSubstr("\"error\":0"));
   EXPECT_EQ(peer("limits", ""), R"({"data":[],"error":0})");
-  for (const char* form : {"&index=1", "&index=1&since=-1", "&index=1&since=x", "&index=1&since=253402300799",
-                           "&index=7&since=1", "&since=1"})
+  for (const char* form : {"&index=1", "&index=1&since=-1", "&index=1&since=x",
+                           "&index=1&since=253402300799", "&index=7&since=1", "&since=1"})
     EXPECT_THAT(peer("limit", form), Not(HasSubstr("\"error\":0"))) << form;
 }
 
-// Two firewalls of a host that drop what is forwarded: one by iptables, as Docker and ufw have it, and one that takes
-// no rules of ours.
+// Two firewalls of a host that drop what is forwarded: one by iptables, as Docker and ufw have it,
+// and one that takes no rules of ours.
 TEST_F(WireGuardTunnel, ReachesWhatIsBehindTheServerWhereAnotherFirewallDropsIt) {
   if (access("/usr/sbin/iptables", X_OK) != 0) GTEST_SKIP() << "no iptables";
   const auto shell = [](const std::string& script) { return run({"/bin/sh", "-c", script}); };
@@ -178,7 +193,8 @@ TEST_F(WireGuardTunnel, ReachesWhatIsBehindTheServerWhereAnotherFirewallDropsIt)
   run({SERVER, "stop"});
   EXPECT_EQ(shell("iptables -S FORWARD").out, "-P FORWARD DROP\n-A FORWARD -j DROP\n");
   shell(
-      "iptables -F FORWARD; iptables -P FORWARD ACCEPT; nft 'add table ip own; add chain ip own way { type filter hook "
+      "iptables -F FORWARD; iptables -P FORWARD ACCEPT; nft 'add table ip own; add chain ip own "
+      "way { type filter hook "
       "forward priority 0; policy drop; }'");
   const Result refused = run({SERVER, "start"});
   EXPECT_THAT(refused.err, HasSubstr("another firewall drops"));
@@ -196,11 +212,15 @@ TEST_F(WireGuardTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   EXPECT_TRUE(comes_true([] { return far_pings("198.18.7.1"); }));
   EXPECT_EQ(run({"/bin/ping", "-c1", "-W5", "198.18.7.2"}).status, 0);
   EXPECT_TRUE(far_pings(LAN_GATEWAY));  // by the server, which answers for its clients
-  const auto far_route = [](const std::string& to) { return far::run({"/bin/sh", "-c", "ip route get " + to}).out; };
-  EXPECT_THAT(far_route(LAN_GATEWAY), HasSubstr(" dev wgc3001 ")) << "an allowed network that is not the tunnel's own";
+  const auto far_route = [](const std::string& to) {
+    return far::run({"/bin/sh", "-c", "ip route get " + to}).out;
+  };
+  EXPECT_THAT(far_route(LAN_GATEWAY), HasSubstr(" dev wgc3001 "))
+      << "an allowed network that is not the tunnel's own";
   EXPECT_THAT(far_route(std::string(LAN_GATEWAY) + " from 198.18.7.2"), HasSubstr(" dev wgc3001 "))
       << "what comes from the tunnel's address goes back into it";
-  EXPECT_EQ(far_route("203.0.113.9 from 198.18.7.2"), "") << "or not at all, where the peer does not take it";
+  EXPECT_EQ(far_route("203.0.113.9 from 198.18.7.2"), "")
+      << "or not at all, where the peer does not take it";
   EXPECT_THAT(far_route("203.0.113.9"), HasSubstr(" dev eth0 "));
 
   const std::string far_figures = far_shown("65536"), near_figures = near_shown();
@@ -215,14 +235,17 @@ TEST_F(WireGuardTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   EXPECT_EQ(far::conf_value("WG_CLIENT1", "LocalIP"), "198.18.7.2");
   EXPECT_EQ(far::conf_value("WG_CLIENT1", "Real Address"), "192.168.77.1");
   EXPECT_EQ(far::conf_value("WG_CLIENT1", "DNS Server"), "9.9.9.9");
-  EXPECT_THAT(far::run({"/sbin/ip", "route", "show", "table", "3001"}).out, HasSubstr("198.18.7.0/24 dev wgc3001"));
+  EXPECT_THAT(far::run({"/sbin/ip", "route", "show", "table", "3001"}).out,
+              HasSubstr("198.18.7.0/24 dev wgc3001"));
   EXPECT_TRUE(comes_true([] { return far::read("/tmp/edges") == "0 wgc3001 198.18.7.2\n"; }));
 
-  const std::string secrets = key + '\n' + psk + '\n' + conf_value("WG", "Server private key") + '\n';
+  const std::string secrets =
+      key + '\n' + psk + '\n' + conf_value("WG", "Server private key") + '\n';
   EXPECT_EQ(run({"/bin/sh", "-c", SEARCH}, {}, secrets).out, "");
   EXPECT_EQ(far::run({"/bin/sh", "-c", SEARCH}, {}, secrets).out, "");
 
-  // A peer that is disabled is cut off at once, and stays with the file when the server starts again.
+  // A peer that is disabled is cut off at once, and stays with the file when the server starts
+  // again.
   ASSERT_EQ(server()->cast<ormel::wireguard::ServerConfig>()->disable_peer(1), 0);
   EXPECT_FALSE(far_pings("198.18.7.1"));
   EXPECT_EQ(run({SERVER, "restart"}).status, 0);
@@ -233,8 +256,10 @@ TEST_F(WireGuardTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   EXPECT_EQ(run({WG, "show", "wg0", "peers"}).out, "");
 
   EXPECT_EQ(far::cli({"--type=WG", "--disconnect=1"}).status, 0);
-  EXPECT_EQ(far::conf_value("WG_CLIENT1", "LocalIP") + far::conf_value("WG_CLIENT1", "DNS Server"), "");
-  EXPECT_TRUE(comes_true([] { return far::read("/tmp/edges") == "0 wgc3001 198.18.7.2\n0 wgc3001 198.18.7.2\n"; }));
+  EXPECT_EQ(far::conf_value("WG_CLIENT1", "LocalIP") + far::conf_value("WG_CLIENT1", "DNS Server"),
+            "");
+  EXPECT_TRUE(comes_true(
+      [] { return far::read("/tmp/edges") == "0 wgc3001 198.18.7.2\n0 wgc3001 198.18.7.2\n"; }));
   EXPECT_NE(far::run({"/sbin/ip", "link", "show", "wgc3001"}).status, 0);
   EXPECT_EQ(far::cli({"--type=WG", "--remove=1"}).status, 0);
   EXPECT_TRUE(comes_true([] {
@@ -247,15 +272,19 @@ TEST_F(WireGuardTunnel, PeersComeAndGoOverTheWeb) {
   const std::string sid = run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8);
   const auto ask = [&](const std::string& route, const std::string& form = {}) {
     std::string text = form;
-    for (size_t at = 0; (at = text.find('+', at)) != std::string::npos; at += 3) text.replace(at, 1, "%2B");
+    for (size_t at = 0; (at = text.find('+', at)) != std::string::npos; at += 3)
+      text.replace(at, 1, "%2B");
     return cgi("/ormel/peer/" + route, "sid=" + sid + "&" + text);
   };
   const std::string name = "peer_name=my%2520phone", address = "&peer_allow_ip=198.18.7.2/32";
   const std::string pub_key = "&peer_pub_key=" + public_key(key), secret = "&psk=" + psk;
   EXPECT_EQ(ask("list").body, R"({"data":[],"error":0})");
-  EXPECT_THAT(ask("keys").body, ContainsRegex("^.\"data\":.\"pri_key\":\"[^\"]{43}=\",\"pub_key\":\"[^\"]{43}=\""));
+  EXPECT_THAT(ask("keys").body,
+              ContainsRegex("^.\"data\":.\"pri_key\":\"[^\"]{43}=\",\"pub_key\":\"[^\"]{43}=\""));
 
-  EXPECT_EQ(ask("add", name + pub_key + address + secret + "&enable=false&server_ip=198.18.7.2").status, 0);
+  EXPECT_EQ(
+      ask("add", name + pub_key + address + secret + "&enable=false&server_ip=198.18.7.2").status,
+      0);
   far::write("/tmp/edge", "#!/bin/sh\n", 0700);
   ASSERT_EQ(client("--add", "198.18.7.2", "198.18.7.0/24").status, 0);
   ASSERT_EQ(far::cli({"--type=WG", "--connect=1"}).status, 0);
@@ -287,14 +316,16 @@ TEST_F(WireGuardTunnel, PeersComeAndGoOverTheWeb) {
       {"remove", "index=-1", 9},
   };
   const std::string before = read(PEER_FILE);
-  for (const auto& row : refused) EXPECT_EQ(ask(row.route, row.form).status, row.code) << row.route << ' ' << row.form;
+  for (const auto& row : refused)
+    EXPECT_EQ(ask(row.route, row.form).status, row.code) << row.route << ' ' << row.form;
   EXPECT_EQ(read(PEER_FILE), before);
   EXPECT_TRUE(far_pings("198.18.7.1"));
 
   EXPECT_EQ(ask("modify", "index=1&keepalive=25").status, 0);
-  EXPECT_THAT(ask("list").body,
-              testing::AllOf(HasSubstr(R"("keepalive":"25")"), HasSubstr(R"("peer_name":"my%20phone")")));
-  EXPECT_TRUE(comes_true([] { return far_pings("198.18.7.1"); })) << "the key and the pre-shared key stay";
+  EXPECT_THAT(ask("list").body, testing::AllOf(HasSubstr(R"("keepalive":"25")"),
+                                               HasSubstr(R"("peer_name":"my%20phone")")));
+  EXPECT_TRUE(comes_true([] { return far_pings("198.18.7.1"); }))
+      << "the key and the pre-shared key stay";
   EXPECT_EQ(ask("remove", "index=1").body, R"({"data":[],"error":0})");
   EXPECT_FALSE(far_pings("198.18.7.1"));
 
@@ -306,7 +337,8 @@ TEST_F(WireGuardTunnel, PeersComeAndGoOverTheWeb) {
 
 TEST_F(WireGuardTunnel, PeersMoveWithTheServerToAnotherNetwork) {
   add_peer("198.18.7.77");
-  ASSERT_EQ(cli({"--type=SWG", "--modify=0", "--server_ip=10.9.0.1", "--server_mask=24"}).status, 0);
+  ASSERT_EQ(cli({"--type=SWG", "--modify=0", "--server_ip=10.9.0.1", "--server_mask=24"}).status,
+            0);
   EXPECT_THAT(run({WG, "show", "wg0", "allowed-ips"}).out, testing::EndsWith("\t10.9.0.2/32\n"));
 
   ASSERT_EQ(client("--add", "10.9.0.2", "0.0.0.0/0").status, 0);
@@ -314,18 +346,22 @@ TEST_F(WireGuardTunnel, PeersMoveWithTheServerToAnotherNetwork) {
   EXPECT_TRUE(comes_true([] {
     return far::run({"/bin/ping", "-I", "wgc3001", "-c1", "-W2", "10.9.0.1"}).status == 0;
   }));
-  EXPECT_THAT(far::run({"/sbin/ip", "route", "get", "10.9.0.1"}).out, HasSubstr("dev eth0"));  // the policy's to decide
-  EXPECT_THAT(far::run({"/sbin/ip", "route", "show", "table", "3001"}).out, StartsWith("default dev wgc3001"));
+  EXPECT_THAT(far::run({"/sbin/ip", "route", "get", "10.9.0.1"}).out,
+              HasSubstr("dev eth0"));  // the policy's to decide
+  EXPECT_THAT(far::run({"/sbin/ip", "route", "show", "table", "3001"}).out,
+              StartsWith("default dev wgc3001"));
 }
 
 TEST_F(WireGuardTunnel, AServerIsMadeOfWhatItsFilesHoldOfUse) {
   const std::string good = public_key(new_key()), named = public_key(new_key());
   write(PEER_FILE,
-        "garbage\n[global]\nmax_index = 9\n[PEER1]\npub_key = short\nallow_ip = 198.18.7.2\n[PEER2]\npub_key = " +
+        "garbage\n[global]\nmax_index = 9\n[PEER1]\npub_key = short\nallow_ip = "
+        "198.18.7.2\n[PEER2]\npub_key = " +
             good + "\nallow_ip = 198.18.7.3\npsk = " + psk +
             "\nendpoint = 192.0.2.1:7\nkeepalive = 25\n[PEER3]\npub_key = " + good +
-            "\nallow_ip = 198.18.7.4\n[PEER4]\npub_key = " + named + "\nallow_ip = 198.18.7.300\n[PEER5]\npub_key = " +
-            named + "\nallow_ip = 198.18.7.5\nallow_ip_mask = 33\n[PEER6]\npub_key = " + named +
+            "\nallow_ip = 198.18.7.4\n[PEER4]\npub_key = " + named +
+            "\nallow_ip = 198.18.7.300\n[PEER5]\npub_key = " + named +
+            "\nallow_ip = 198.18.7.5\nallow_ip_mask = 33\n[PEER6]\npub_key = " + named +
             "\nallow_ip = 198.18.7.6\npsk = none\n[PEER7]\npub_key = " + named +
             "\nallow_ip = 198.18.7.7\nendpoint = [::1]\n[PEER8]\npub_key = " + named +
             "\nallow_ip = 198.18.7.8\nendpoint = nowhere.example:7\n[PEER10]\npub_key = " + named +
@@ -337,12 +373,15 @@ TEST_F(WireGuardTunnel, AServerIsMadeOfWhatItsFilesHoldOfUse) {
   EXPECT_EQ(std::count(started.err.begin(), started.err.end(), '\n'), 7) << started.err;
   const std::string installed = run({WG, "show", "wg0", "dump"}).out;
   EXPECT_EQ(std::count(installed.begin(), installed.end(), '\n'), 3) << installed;
-  EXPECT_THAT(installed, HasSubstr('\n' + good + '\t' + psk + "\t192.0.2.1:7\t198.18.7.3/32\t0\t0\t"));
-  EXPECT_THAT(installed, HasSubstr('\n' + named + "\t(none)\t(none)\t198.18.7.8/32\t0\t0\t0\toff\n"));
+  EXPECT_THAT(installed,
+              HasSubstr('\n' + good + '\t' + psk + "\t192.0.2.1:7\t198.18.7.3/32\t0\t0\t"));
+  EXPECT_THAT(installed,
+              HasSubstr('\n' + named + "\t(none)\t(none)\t198.18.7.8/32\t0\t0\t0\toff\n"));
 
   const std::string conf = read(VPN_CONF);
-  const char* bad[] = {"Server Address = 198.18.7\n",   "Server Address Mask = 33\n", "VPN Port = 65536\n",
-                       "Server private key = remove\n", "Server private key = \n",    "interface = $(id)\n",
+  const char* bad[] = {"Server Address = 198.18.7\n",  "Server Address Mask = 33\n",
+                       "VPN Port = 65536\n",           "Server private key = remove\n",
+                       "Server private key = \n",      "interface = $(id)\n",
                        "Server Address Mask = 24;id\n"};
   for (const char* setting : bad) {
     SCOPED_TRACE(setting);
@@ -353,8 +392,9 @@ TEST_F(WireGuardTunnel, AServerIsMadeOfWhatItsFilesHoldOfUse) {
   }
   write(VPN_CONF, conf + "[WG]\ninterface = wgc3001\n");
   EXPECT_EQ(run({SERVER, "start"}).status, 0);
-  EXPECT_EQ(run({"/sbin/ip", "rule", "show", "priority", "19032"}).out,
-            "19032:\tfrom all to 198.18.7.0/24 lookup main\n19032:\tfrom 198.18.7.0/24 lookup 3001\n");
+  EXPECT_EQ(
+      run({"/sbin/ip", "rule", "show", "priority", "19032"}).out,
+      "19032:\tfrom all to 198.18.7.0/24 lookup main\n19032:\tfrom 198.18.7.0/24 lookup 3001\n");
 
   EXPECT_EQ(run({SERVER, "stop"}).status, 0);
   EXPECT_EQ(run({SERVER, "status"}).out, "stopped\n");
@@ -364,12 +404,19 @@ TEST_F(WireGuardTunnel, AServerIsMadeOfWhatItsFilesHoldOfUse) {
 
 TEST_F(WireGuardTunnel, AClientThatCannotBeLeavesNothingBehind) {
   const std::string usable =
-      "[WG_CLIENT1]\nIndex = 1\nClient Address = 198.18.7.2\nClient Address Mask = 32\nClient private key = " + key +
-      "\nPeer Public key = " + key + "\nPeer Endpoint = 192.0.2.1:7\nPeer Allowed IPs = 192.0.2.0/24, ::/0\n";
-  const char* bad[] = {
-      "Client Address = x\n",     "Client private key = remove\n", "PSK = short\n",
-      "Peer keepalive = 65536\n", "Peer Endpoint = host:\n",       "Peer Endpoint = [::1\n",
-      "Peer Endpoint = -h:7\n",   "Peer Allowed IPs = 0/0;id\n",   "Peer Endpoint = nowhere.example:7\n"};
+      "[WG_CLIENT1]\nIndex = 1\nClient Address = 198.18.7.2\nClient Address Mask = 32\nClient "
+      "private key = " +
+      key + "\nPeer Public key = " + key +
+      "\nPeer Endpoint = 192.0.2.1:7\nPeer Allowed IPs = 192.0.2.0/24, ::/0\n";
+  const char* bad[] = {"Client Address = x\n",
+                       "Client private key = remove\n",
+                       "PSK = short\n",
+                       "Peer keepalive = 65536\n",
+                       "Peer Endpoint = host:\n",
+                       "Peer Endpoint = [::1\n",
+                       "Peer Endpoint = -h:7\n",
+                       "Peer Allowed IPs = 0/0;id\n",
+                       "Peer Endpoint = nowhere.example:7\n"};
   for (const char* setting : bad) {
     SCOPED_TRACE(setting);
     write(VPN_CONF, usable + setting);
@@ -381,7 +428,8 @@ TEST_F(WireGuardTunnel, AClientThatCannotBeLeavesNothingBehind) {
   EXPECT_EQ(run({CLIENT, "start", "1"}).status, 1);
 
   write(VPN_CONF, usable);
-  EXPECT_THAT(run({CLIENT, "start", "1"}).err, HasSubstr("no route to 192.0.2.0/24: the server is in it"));
+  EXPECT_THAT(run({CLIENT, "start", "1"}).err,
+              HasSubstr("no route to 192.0.2.0/24: the server is in it"));
   EXPECT_THAT(run({"/sbin/ip", "route", "get", "192.0.2.1"}).out, HasSubstr("dev eth0"));
   EXPECT_EQ(run({CLIENT, "remove", "1"}).status, 0);
   EXPECT_FALSE(fs::exists("/sys/class/net/wgc3001"));

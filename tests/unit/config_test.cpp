@@ -77,7 +77,8 @@ TEST_F(PoolTest, LabelsTheInterfacesOfProfiles) {
   }
 }
 
-bool available(Management& pool, TYPE type, const char* address, const char* mask = "255.255.255.0") {
+bool available(Management& pool, TYPE type, const char* address,
+               const char* mask = "255.255.255.0") {
   in_addr addr{};
   in_addr bits{};
   EXPECT_TRUE(system::parse_address(address, addr) && system::parse_address(mask, bits));
@@ -103,7 +104,8 @@ TEST_F(PoolTest, KeepsTheAddressPoolsOfServersApart) {
   auto& client = store<wireguard::ClientConfig>(1);
   client.client_ip = "10.0.10.7";
   client.client_mask_str = "255.255.255.255";
-  EXPECT_FALSE(available(pool, L2TP_SERVER_TYPE, "10.0.10.2")) << "a client counts also when it is off";
+  EXPECT_FALSE(available(pool, L2TP_SERVER_TYPE, "10.0.10.2"))
+      << "a client counts also when it is off";
 }
 
 TEST_F(PoolTest, KeepsTheEndpointsOfWireGuardClientsApart) {
@@ -152,7 +154,8 @@ TEST(ClientRecord, ChecksTheWholeRecord) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(record.verify(), code);
     const std::string text = get_error_message(static_cast<unsigned>(code));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), code == NO_ERROR ? "" : "Error: " + text + '\n');
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              code == NO_ERROR ? "" : "Error: " + text + '\n');
   }
 }
 
@@ -163,15 +166,17 @@ class ConnectionTest : public testing::Test {
 };
 
 TEST_F(ConnectionTest, TakesCountersOfAnyNumberAndKeepsTheOldOnesOtherwise) {
-  bus.answer(R"({"error":0,"data":{"rx_bytes":5e3,"tx_bytes":18446744073709,"rx_rate":-4,"tx_rate":1e300}})");
+  bus.answer(
+      R"({"error":0,"data":{"rx_bytes":5e3,"tx_bytes":18446744073709,"rx_rate":-4,"tx_rate":1e300}})");
   record.update_connection();
   EXPECT_EQ(bus.calls.at(0).method, "interfaces_monitor.get_info_interfaces");
   EXPECT_EQ(bus.calls.at(0).request, R"({"name_interface":"ppp1003"})");
   EXPECT_EQ(std::tuple(record.rx, record.tx, record.rx_rate, record.tx_rate),
             std::tuple(5000U, 18446744073709U, 0, INT_MAX));
-  for (const char* reply : {"", "[]", "{", R"({"error":"0"})", R"({"error":1})", R"({"error":0,"data":[]})",
-                            R"({"error":0,"data":{"rx_bytes":"1","tx_bytes":1,"rx_rate":1,"tx_rate":1}})",
-                            R"({"error":0,"data":{"rx_bytes":1,"tx_bytes":1,"rx_rate":1}})"}) {
+  for (const char* reply :
+       {"", "[]", "{", R"({"error":"0"})", R"({"error":1})", R"({"error":0,"data":[]})",
+        R"({"error":0,"data":{"rx_bytes":"1","tx_bytes":1,"rx_rate":1,"tx_rate":1}})",
+        R"({"error":0,"data":{"rx_bytes":1,"tx_bytes":1,"rx_rate":1}})"}) {
     SCOPED_TRACE(reply);
     bus.answer(reply);
     record.update_connection();
@@ -190,7 +195,8 @@ TEST_F(ConnectionTest, RegistersTheProfileInAFixedForm) {
   wireguard::ClientConfig client(32);
   client.dns_server = "9.9.9.9";
   EXPECT_EQ(client.mibcall_external_dev(ClientConfig::opt_ext_dev_modify), NO_ERROR);
-  EXPECT_NE(bus.calls.at(1).request.find(R"("dns":"9.9.9.9","ip4_gw":"0.0.0.0"})"), std::string::npos);
+  EXPECT_NE(bus.calls.at(1).request.find(R"("dns":"9.9.9.9","ip4_gw":"0.0.0.0"})"),
+            std::string::npos);
 }
 
 TEST(NetworkIntersect, JudgesTheAnswerOfTheNetworkDaemon) {

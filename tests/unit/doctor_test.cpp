@@ -7,7 +7,8 @@ namespace {
 
 std::string findings_of(const std::string& log) {
   std::string text;
-  for (const Finding& one : read_openvpn_log(log)) text += one.step + (one.mark == Mark::Failure ? ":fail " : ":ok ");
+  for (const Finding& one : read_openvpn_log(log))
+    text += one.step + (one.mark == Mark::Failure ? ":fail " : ":ok ");
   return text;
 }
 
@@ -23,7 +24,8 @@ TEST(Doctor, ReadsTheLogOfItsDaemon) {
       {hello, "server:ok certificate:fail "},
       {hello + "VERIFY ERROR: depth=1, error=self-signed certificate in certificate chain: CN=x\n",
        "server:ok certificate:fail "},
-      {verified + "AUTH: Received control message: AUTH_FAILED\n", "server:ok certificate:ok login:fail "},
+      {verified + "AUTH: Received control message: AUTH_FAILED\n",
+       "server:ok certificate:ok login:fail "},
       {verified + "Initialization Sequence Completed\n", "server:ok certificate:ok login:ok "},
       {verified, "server:ok certificate:ok login:fail "},
       {"Options error: Unrecognized option\n", "server:fail "},

@@ -34,13 +34,15 @@ TEST_F(DrovikBus, BytesAreReceivedThenSentAndBadElementsAreSkipped) {
       {"mac":"b","rx_bytes":"1","tx_bytes":2}, {"mac":"c","rx_bytes":1.5,"tx_bytes":2},
       {"mac":"d","rx_bytes":4294967296,"tx_bytes":-1},
       {"mac":"a","rx_bytes":3,"tx_bytes":4}]})");
-  const std::map<std::string, std::vector<unsigned long long>> expected{{"a", {3, 4}}, {"d", {4294967296, ~0ULL}}};
+  const std::map<std::string, std::vector<unsigned long long>> expected{{"a", {3, 4}},
+                                                                        {"d", {4294967296, ~0ULL}}};
   EXPECT_EQ(get_drovik_client_bytes_info(), expected);
   EXPECT_EQ(bus.calls.at(0).request, "");
 
   // No bytes without a usable reply.
-  for (const char* reply : {"", "[]", R"({"data":[]})", R"({"error":0})", R"({"error":0,"data":{}})",
-                            R"({"error":2,"data":[{"mac":"a","rx_bytes":1,"tx_bytes":2}]})"}) {
+  for (const char* reply :
+       {"", "[]", R"({"data":[]})", R"({"error":0})", R"({"error":0,"data":{}})",
+        R"({"error":2,"data":[{"mac":"a","rx_bytes":1,"tx_bytes":2}]})"}) {
     SCOPED_TRACE(reply);
     bus.answer(reply);
     EXPECT_TRUE(get_drovik_client_bytes_info().empty());

@@ -47,14 +47,16 @@ struct Row {
 
 constexpr Row ROWS[] = {
     {R"({"error":0,"data":""})", NO_ERROR, "", "", ""},
-    {"[", ERR_WRONG_JSON_FORMAT, "caller: root isn't an object. 1: ", "easy_mib_call: root isn't an object.",
-     "root isn't a object. 1: "},
-    {"[0]", ERR_WRONG_JSON_FORMAT, "caller: root isn't an object. ", "easy_mib_call: root isn't an object.",
-     "root isn't a object. "},
+    {"[", ERR_WRONG_JSON_FORMAT, "caller: root isn't an object. 1: ",
+     "easy_mib_call: root isn't an object.", "root isn't a object. 1: "},
+    {"[0]", ERR_WRONG_JSON_FORMAT, "caller: root isn't an object. ",
+     "easy_mib_call: root isn't an object.", "root isn't a object. "},
     {R"({"error":"0"})", ERR_WRONG_JSON_FORMAT, "caller: val isn't an integer. ",
      "easy_mib_call: val isn't an integer.", "val isn't a integer. "},
-    {R"({"error":3})", ERR_MIB_API_RET_ERROR, "caller: Service.method failed {\n    \"error\": 3\n}",
-     "easy_mib_call: Service.method {\"k\":1} failed", "MorviServer.disconnect failed {\n    \"error\": 3\n}"},
+    {R"({"error":3})", ERR_MIB_API_RET_ERROR,
+     "caller: Service.method failed {\n    \"error\": 3\n}",
+     "easy_mib_call: Service.method {\"k\":1} failed",
+     "MorviServer.disconnect failed {\n    \"error\": 3\n}"},
 };
 
 TEST_F(BusReplies, AreJudgedAndWordedAsEachCallerSays) {
@@ -69,10 +71,15 @@ TEST_F(BusReplies, AreJudgedAndWordedAsEachCallerSays) {
       }
     };
     int rc = -1;
-    expect(said([&] { rc = system::bus_call({"caller", "Service", "method"}, nullptr).rc; }), row.usual);
+    expect(said([&] {
+             rc = system::bus_call({"caller", "Service", "method"}, nullptr).rc;
+           }),
+           row.usual);
     EXPECT_EQ(rc, row.rc);
     bool parsed = false;
-    expect(said([&] { parsed = static_cast<bool>(system::easy_mib_call("Service", "method", "{\"k\":1}")); }),
+    expect(said([&] {
+             parsed = static_cast<bool>(system::easy_mib_call("Service", "method", "{\"k\":1}"));
+           }),
            row.easy);
     EXPECT_EQ(parsed, row.rc == NO_ERROR);
     expect(said([&] { rc = drovik::drovik_server_kick_client("m"); }), row.kick);

@@ -28,14 +28,16 @@ TEST(JsonValue, PrintsEachKindWithoutWhiteSpace) {
   JsonValue value;
   EXPECT_EQ(printed(value), "null");
   JsonValue& list = value["list"];
-  list << true << -5 << 7U << int64_t{-9000000000} << uint64_t{18000000000000000000U} << "text" << std::string() << 1.5;
+  list << true << -5 << 7U << int64_t{-9000000000} << uint64_t{18000000000000000000U} << "text"
+       << std::string() << 1.5;
   value["empty"].append(std::make_unique<JsonValue>());
   value["empty"]["a"];
   value["array"].make_array();
   value["object"].make_object();
-  EXPECT_EQ(printed(value),
-            R"({"array":[],"empty":{"a":null},"list":[true,-5,7,-9000000000,18000000000000000000,"text","",1.500000],)"
-            R"("object":{}})");
+  EXPECT_EQ(
+      printed(value),
+      R"({"array":[],"empty":{"a":null},"list":[true,-5,7,-9000000000,18000000000000000000,"text","",1.500000],)"
+      R"("object":{}})");
   EXPECT_EQ(as_string(list), R"([true,-5,7,-9000000000,18000000000000000000,"text","",1.5])");
 }
 

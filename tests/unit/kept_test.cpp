@@ -108,7 +108,9 @@ TEST(Kept, SettingsAreReadByTheAppliancesTool) {
   };
   EXPECT_TRUE(pelmar::is_test_flag_set());
   std::string folder = "old";
-  bus.run = [](const test::ProgramCall&, std::string& output) { return output = "/opt/ormel\n", 0; };
+  bus.run = [](const test::ProgramCall&, std::string& output) {
+    return output = "/opt/ormel\n", 0;
+  };
   wireguard::get_ormel_pakrix_path(folder);
   EXPECT_EQ(folder, access("/usr/local/network/bin/logrotate", F_OK) == 0 ? "/opt/ormel" : "");
 }
@@ -130,9 +132,10 @@ TEST(Kept, EventsHaveTheirTextsAndKinds) {
 
 TEST(Kept, OptionsWithoutARowAreApplied) {
   config::PolyConfig record{std::make_unique<ovpn::ClientConfig>(0)};
-  const std::pair<option::option_funcion, ACTION> rows[] = {{option::apply_show_all, SHOW_ACTION},
-                                                            {option::apply_connect_all, CONNECT_ACTION},
-                                                            {option::apply_disconnect_all, DISCONNECT_ACTION}};
+  const std::pair<option::option_funcion, ACTION> rows[] = {
+      {option::apply_show_all, SHOW_ACTION},
+      {option::apply_connect_all, CONNECT_ACTION},
+      {option::apply_disconnect_all, DISCONNECT_ACTION}};
   config::BaseConfig* work = record.bc.get();
   for (const auto& [apply, action] : rows) {
     record->action = NONE_ACTION;
@@ -174,7 +177,8 @@ TEST(Kept, WireGuardClientsResolveAndMakeKeys) {
 }
 
 TEST(Kept, HooksDoNothing) {
-  for (auto* const hook : {l2tp::up, l2tp::down, drovik::up, drovik::down}) EXPECT_EQ(hook(0, nullptr), 0);
+  for (auto* const hook : {l2tp::up, l2tp::down, drovik::up, drovik::down})
+    EXPECT_EQ(hook(0, nullptr), 0);
 }
 
 TEST(Kept, ProcessesAreEnded) {
@@ -213,7 +217,8 @@ TEST(Kept, ARequestIsDumpedWithItsRepeats) {
   unsetenv("QUERY_STRING");
   testing::internal::CaptureStderr();
   cgi_var_dump(request.find("a"), 0);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "a = 1, file (null), status 0\n  a = 2, file (null), status 0\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "a = 1, file (null), status 0\n  a = 2, file (null), status 0\n");
 }
 
 }  // namespace

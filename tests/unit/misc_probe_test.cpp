@@ -42,7 +42,8 @@ TEST(Answer, CountsWithAQuestionInAWholeHeader) {
   const std::string head("\x12\x34\x81\x83\0\x01\0\0\0\0\0\0", 12);
   EXPECT_TRUE(holds_question(head));
   EXPECT_TRUE(holds_question(head + "more"));
-  for (size_t size = 0; size < head.size(); ++size) EXPECT_FALSE(holds_question(head.substr(0, size))) << size;
+  for (size_t size = 0; size < head.size(); ++size)
+    EXPECT_FALSE(holds_question(head.substr(0, size))) << size;
   EXPECT_FALSE(holds_question(std::string("\x12\x34\x81\x83\0\0\0\x01\0\x01\0\x01", 12)));
 }
 

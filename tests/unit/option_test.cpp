@@ -24,9 +24,10 @@ constexpr int WIREGUARD = WIREGUARD_SERVER_TYPE | WIREGUARD_CLIENT_TYPE;
 constexpr int OPENVPN = OVPN_SERVER_TYPE | OVPN_CLIENT_TYPE;
 constexpr int DROVIK = DROVIK_SERVER_TYPE | DROVIK_CLIENT_TYPE;
 constexpr int PPP = PPTP_SERVER_TYPE | PPTP_CLIENT_TYPE | L2TP_SERVER_TYPE | L2TP_CLIENT_TYPE;
-constexpr TYPE TYPES[] = {PPTP_SERVER_TYPE,      L2TP_SERVER_TYPE,     OVPN_SERVER_TYPE, DROVIK_SERVER_TYPE,
-                          WIREGUARD_SERVER_TYPE, PPTP_CLIENT_TYPE,     L2TP_CLIENT_TYPE, OVPN_CLIENT_TYPE,
-                          DROVIK_CLIENT_TYPE,    WIREGUARD_CLIENT_TYPE};
+constexpr TYPE TYPES[] = {PPTP_SERVER_TYPE,     L2TP_SERVER_TYPE,      OVPN_SERVER_TYPE,
+                          DROVIK_SERVER_TYPE,   WIREGUARD_SERVER_TYPE, PPTP_CLIENT_TYPE,
+                          L2TP_CLIENT_TYPE,     OVPN_CLIENT_TYPE,      DROVIK_CLIENT_TYPE,
+                          WIREGUARD_CLIENT_TYPE};
 
 class OptionTest : public testing::Test {
  protected:
@@ -35,7 +36,8 @@ class OptionTest : public testing::Test {
     cm.config_pool.clear();
     for (const TYPE type : TYPES) {
       PolyConfig record(config::make_record(type, is_client(type) ? 1 : 0));
-      if (!is_client(type)) record.cast<config::ServerConfig>()->ip_begin = "10." + std::to_string(type) + ".0.2";
+      if (!is_client(type))
+        record.cast<config::ServerConfig>()->ip_begin = "10." + std::to_string(type) + ".0.2";
       cm.update(&record);
     }
     auto* wireguard = cm.fetch(WIREGUARD_SERVER_TYPE, 0)->cast<wireguard::ServerConfig>();
@@ -74,7 +76,8 @@ TEST_F(OptionTest, TakesEachOptionForItsTypesAndRefusesItForAllOthers) {
   constexpr const char* ENABLE = "--enable only for SPPTP, SL2TP, SOVPN, SDROVIK and SWIREGUARD";
   const std::tuple<const char*, const char*, int, const char*> rows[] = {
       {"auth", "ms-chapv2", PPP, "--auth only for SPPTP, PPTP, SL2TP and L2TP"},
-      {"enc", "high", PPTP_SERVER_TYPE | PPTP_CLIENT_TYPE | OPENVPN, "--enc only for SPPTP, PPTP, SOVPN and OVPN"},
+      {"enc", "high", PPTP_SERVER_TYPE | PPTP_CLIENT_TYPE | OPENVPN,
+       "--enc only for SPPTP, PPTP, SOVPN and OVPN"},
       {"name", "office", CLIENT_TYPES, NAME},
       {"host", "127.0.0.1", CLIENT_TYPES, NAME},
       {"port", "443", OPENVPN | DROVIK | WIREGUARD,
@@ -110,7 +113,8 @@ TEST_F(OptionTest, TakesEachOptionForItsTypesAndRefusesItForAllOthers) {
       {"out_eif", "wgc3001", SERVER_TYPES, ENABLE},
       {"psk", "key", DROVIK | WIREGUARD | L2TP_SERVER_TYPE | L2TP_CLIENT_TYPE,
        "--psk only for SL2TP and L2TP and SDROVIK and DROVIK and SWIREGUARD and WIREGUARD"},
-      {"fenro_port", "65535", CLIENT_TYPES, "--fenro-port only for PPTP, L2TP, OVPN, DROVIK and WIREGUARD"},
+      {"fenro_port", "65535", CLIENT_TYPES,
+       "--fenro-port only for PPTP, L2TP, OVPN, DROVIK and WIREGUARD"},
       {"debug", "1", DROVIK, "--debug only for DROVIK Server Client"},
       {"mss", "1200", PPTP_SERVER_TYPE | L2TP_SERVER_TYPE | OVPN_SERVER_TYPE,
        "--mss only for PPTP, L2TP, and OVPN Server"},
@@ -127,7 +131,8 @@ TEST_F(OptionTest, TakesEachOptionForItsTypesAndRefusesItForAllOthers) {
       {"peer_allow_ip", "198.18.7.9/32", WIREGUARD, "--peer_allow_ip for wireguard Server Client"},
       {"peer_endpoint", "h:1", WIREGUARD, "--peer_endpoint for wireguard Server Client"},
       {"keepalive", "25", WIREGUARD, "--keepalive for wireguard Server Client"},
-      {"sig_algo", "sha1WithRSAEncryption", OVPN_SERVER_TYPE, "sig_algo works only for OpenVPN server"},
+      {"sig_algo", "sha1WithRSAEncryption", OVPN_SERVER_TYPE,
+       "sig_algo works only for OpenVPN server"},
   };
   for (const auto& [name, value, types, refusal] : rows) {
     for (const TYPE type : TYPES) {
@@ -152,13 +157,19 @@ TEST_F(OptionTest, RefusesBadValuesInTheirOwnWords) {
   const std::tuple<TYPE, ACTION, const char*, const char*, int, std::string> rows[] = {
       {PPTP_CLIENT_TYPE, ADD_ACTION, "auth", "", ERR_VALUE, "auth"},
       {PPTP_CLIENT_TYPE, ADD_ACTION, "auth", "5", ERR_UNKNOWN_OPTION, "5"},
-      {PPTP_CLIENT_TYPE, NONE_ACTION, "auth", "1", ERR_WRONG_ACTION, "PPTP and L2TP only support --add or --modify"},
-      {PPTP_SERVER_TYPE, ADD_ACTION, "auth", "1", ERR_WRONG_ACTION, "SPPTP and SL2TP only support --modify"},
-      {OVPN_CLIENT_TYPE, IMPORT_ACTION, "enc", "1", ERR_WRONG_ACTION, "PPTP and OVPN only support --add or --modify"},
-      {OVPN_SERVER_TYPE, ADD_ACTION, "enc", "1", ERR_WRONG_ACTION, "SPPTP and SOVPN only support --modify"},
-      {PPTP_CLIENT_TYPE, NONE_ACTION, "name", "x", ERR_WRONG_ACTION, "only for --add --import or --modify"},
+      {PPTP_CLIENT_TYPE, NONE_ACTION, "auth", "1", ERR_WRONG_ACTION,
+       "PPTP and L2TP only support --add or --modify"},
+      {PPTP_SERVER_TYPE, ADD_ACTION, "auth", "1", ERR_WRONG_ACTION,
+       "SPPTP and SL2TP only support --modify"},
+      {OVPN_CLIENT_TYPE, IMPORT_ACTION, "enc", "1", ERR_WRONG_ACTION,
+       "PPTP and OVPN only support --add or --modify"},
+      {OVPN_SERVER_TYPE, ADD_ACTION, "enc", "1", ERR_WRONG_ACTION,
+       "SPPTP and SOVPN only support --modify"},
+      {PPTP_CLIENT_TYPE, NONE_ACTION, "name", "x", ERR_WRONG_ACTION,
+       "only for --add --import or --modify"},
       {PPTP_CLIENT_TYPE, ADD_ACTION, "name", long_name.c_str(), ERR_NAME_LENGTH, long_name},
-      {PPTP_CLIENT_TYPE, IMPORT_ACTION, "host", "127.0.0.1", ERR_WRONG_ACTION, "only for --add or --modify"},
+      {PPTP_CLIENT_TYPE, IMPORT_ACTION, "host", "127.0.0.1", ERR_WRONG_ACTION,
+       "only for --add or --modify"},
       {PPTP_CLIENT_TYPE, ADD_ACTION, "host", "256.1.1.1.1", ERR_VALUE, "host"},
       {PPTP_CLIENT_TYPE, ADD_ACTION, "user", long_user.c_str(), ERR_USER_LENGTH, long_user},
       {PPTP_CLIENT_TYPE, ADD_ACTION, "pass", nullptr, ERR_VALUE, "pass"},
@@ -173,12 +184,14 @@ TEST_F(OptionTest, RefusesBadValuesInTheirOwnWords) {
       {OVPN_CLIENT_TYPE, ADD_ACTION, "proto", "tcp4", ERR_VALUE, "tcp4"},
       {WIREGUARD_CLIENT_TYPE, ADD_ACTION, "port", "65536", ERR_PORT_NUMBER, "65536"},
       {WIREGUARD_CLIENT_TYPE, ADD_ACTION, "port", "", NO_ERROR, ""},
-      {WIREGUARD_CLIENT_TYPE, ADD_ACTION, "peer_endpoint", "", ERR_VALUE, "peer_endpoint is NULL or 0."},
-      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "1.2.3.4", ERR_VALUE, "peer_allow_ip doesn't have \"/\""},
-      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "198.18.7.9/24", ERR_WIREGUARD_PEER_IP,
-       "wireguard peer allow ip mask is not 32."},
-      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "198.18.8.9/32", ERR_WIREGUARD_PEER_IP,
-       "wireguard peer ip not in server."},
+      {WIREGUARD_CLIENT_TYPE, ADD_ACTION, "peer_endpoint", "", ERR_VALUE,
+       "peer_endpoint is NULL or 0."},
+      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "1.2.3.4", ERR_VALUE,
+       "peer_allow_ip doesn't have \"/\""},
+      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "198.18.7.9/24",
+       ERR_WIREGUARD_PEER_IP, "wireguard peer allow ip mask is not 32."},
+      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "198.18.8.9/32",
+       ERR_WIREGUARD_PEER_IP, "wireguard peer ip not in server."},
       {L2TP_CLIENT_TYPE, ADD_ACTION, "psk", long_psk.c_str(), ERR_VALUE, long_psk},
       {L2TP_CLIENT_TYPE, ADD_ACTION, "psk", nullptr, ERR_VALUE, "psk"},
       {OVPN_SERVER_TYPE, MODIFY_ACTION, "maximum", "61", ERR_VALUE, "61"},
@@ -200,8 +213,10 @@ TEST_F(OptionTest, RefusesBadValuesInTheirOwnWords) {
       {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "192.168.1", ERR_VALUE, "192.168.1"},
       {PPTP_SERVER_TYPE, MODIFY_ACTION, "out_eif", nullptr, NO_ERROR, ""},
       {PPTP_SERVER_TYPE, MODIFY_ACTION, "out_eif", "eth0;x", ERR_VALUE,
-       "--apply_out_eif only support none, eth, dvs, br, bond, docker, lxcbr, ppp, dtunc and tun device"},
-      {OVPN_SERVER_TYPE, MODIFY_ACTION, "sig_algo", "md5", ERR_VALUE, "sig_algo contains invalid stringmd5"},
+       "--apply_out_eif only support none, eth, dvs, br, bond, docker, lxcbr, ppp, dtunc and tun "
+       "device"},
+      {OVPN_SERVER_TYPE, MODIFY_ACTION, "sig_algo", "md5", ERR_VALUE,
+       "sig_algo contains invalid stringmd5"},
   };
   for (const auto& [type, action, name, value, code, text] : rows) {
     SCOPED_TRACE(std::string(name) + '=' + (value ? value : "(null)"));
@@ -251,7 +266,8 @@ TEST_F(OptionTest, KeepsAPasswordThatComesBackAsItsDigest) {
   EXPECT_EQ(apply(record, "pass", openssl::sha1("secret").c_str()), NO_ERROR);
   EXPECT_EQ(pass, "secret");
   is_cgi_mode = true;
-  EXPECT_EQ(apply(record, "pass", openssl::base64_encode(openssl::sha1("secret")).c_str()), NO_ERROR);
+  EXPECT_EQ(apply(record, "pass", openssl::base64_encode(openssl::sha1("secret")).c_str()),
+            NO_ERROR);
   EXPECT_EQ(pass, "secret");
   EXPECT_EQ(apply(record, "pass", openssl::base64_encode("new").c_str()), NO_ERROR);
   EXPECT_EQ(pass, "new");
@@ -280,11 +296,13 @@ TEST_F(OptionTest, TakesAFormWithTheStateOfAServerFirstOrLast) {
   auto* l2tp = cm.fetch(L2TP_SERVER_TYPE, 0)->cast<config::ServerConfig>();
   l2tp->enable = true;
   l2tp->ip_begin = "10.5.0.2";
-  for (const auto& [state, code] : {std::pair("FALSE", NO_ERROR), std::pair("1", ERR_IP_POOL_CONFLICT)}) {
+  for (const auto& [state, code] :
+       {std::pair("FALSE", NO_ERROR), std::pair("1", ERR_IP_POOL_CONFLICT)}) {
     SCOPED_TRACE(state);
     // A parsed form, built by hand behind its nameless head.
-    const char* const fields[][2] = {{nullptr, nullptr},  {"sid", "x"},          {"ip_pool", "10.5.0.0"},
-                                     {"up", "/bin/dash"}, {"metadata", nullptr}, {"enable", state}};
+    const char* const fields[][2] = {{nullptr, nullptr},      {"sid", "x"},
+                                     {"ip_pool", "10.5.0.0"}, {"up", "/bin/dash"},
+                                     {"metadata", nullptr},   {"enable", state}};
     cgi_var form[std::size(fields)]{};
     for (size_t i = 0; i < std::size(form); ++i) {
       std::memcpy(form[i].magic, "cGI", sizeof form[i].magic);
@@ -311,7 +329,8 @@ TEST_F(OptionTest, SurvivesNullValuesOfAForm) {
     for (const TYPE type : TYPES) {
       PolyConfig record(config::make_record(type, 0));
       record->action = MODIFY_ACTION;
-      std::ignore = apply(record, row->opt.name, nullptr);  // what it answers is in the tables above
+      std::ignore =
+          apply(record, row->opt.name, nullptr);  // what it answers is in the tables above
     }
   }
 }

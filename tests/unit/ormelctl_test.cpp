@@ -34,7 +34,8 @@ TEST(OrmelCtlAdvice, GoesByTheCodeOrTheStatus) {
     Arguments arguments;
     arguments.words = {"office"};
     const Result result{.exit = row.exit, .error = row.error};
-    EXPECT_THAT(advice_for(result, command(row.words), arguments), testing::HasSubstr(row.said)) << row.said;
+    EXPECT_THAT(advice_for(result, command(row.words), arguments), testing::HasSubstr(row.said))
+        << row.said;
   }
 }
 

@@ -33,7 +33,8 @@ std::string describe(const OpenvpnRemotesOption& remotes) {
   std::string out;
   for (const OpenvpnRemotes& remote : remotes) {
     out += remote.remote_ip + "," + remote.remote_port + "," + remote.remote_proto;
-    for (const auto& [key, value] : remote.others) out.append(",").append(key).append("=").append(value);
+    for (const auto& [key, value] : remote.others)
+      out.append(",").append(key).append("=").append(value);
     out += "|";
   }
   return out;
@@ -53,8 +54,10 @@ constexpr ParseCase PARSE_CASES[] = {
     {"line ends of any kind", "client\r\ndev tun\rnobind\n", "client=|dev=tun|nobind=|"},
     {"blanks around", "  dev \t tun  0 \t\n", "dev=tun  0|"},
     {"a later line replaces", "cipher A\ndev tun\ncipher B", "dev=tun|cipher=B|"},
-    {"repeatable lines stay", "route 1\nroute 2\nplugin a\nplugin b", "route=1|route=2|plugin=a|plugin=b|"},
-    {"a word of a repeatable name", "remote-cert-tls a\nremote-cert-tls b", "remote-cert-tls=a|remote-cert-tls=b|"},
+    {"repeatable lines stay", "route 1\nroute 2\nplugin a\nplugin b",
+     "route=1|route=2|plugin=a|plugin=b|"},
+    {"a word of a repeatable name", "remote-cert-tls a\nremote-cert-tls b",
+     "remote-cert-tls=a|remote-cert-tls=b|"},
     {"leading dashes", "client 1\n--client 2", "client=1|client=2|"},
     {"the plain name replaces the dashed one", "--client 1\nclient 2", "client=2|"},
     {"the name is found anywhere in the line", "!%dev tun", "dev=tun|"},
@@ -73,15 +76,17 @@ constexpr ParseCase PARSE_CASES[] = {
     {"remotes", "remote a 1194 udp x\nclient\nremote b", "client=|", "a,1194,udp|b,,|"},
     {"a dashed remote is an option", "--remote a", "remote=a|"},
     {"remotes before a fault stay", "remote a\n%", "", "a,,|"},
-    {"a connection", "<connection>\n;x\nremote a 1 tcp\n float \nport  2 \nport 3\n</connection>\nclient", "client=|",
-     "a,1,tcp,float=,port=3|"},
+    {"a connection",
+     "<connection>\n;x\nremote a 1 tcp\n float \nport  2 \nport 3\n</connection>\nclient",
+     "client=|", "a,1,tcp,float=,port=3|"},
     {"a connection without a remote", "<connection>\n</connection>", "", ",,|"},
     {"two remotes in a connection", "client\n<connection>\nremote a\nremote b\n</connection>", ""},
     {"a fault in a connection", "client\n<connection>\n!\n</connection>", ""},
-    {"a tag that begins the word connection runs on to its end", "<conn>\nremote a\n</conn>\nclient\ndev tun",
-     "client=|dev=tun|", "a,,,client=,conn=>,dev=tun|"},
-    {"a remote on the closing tag's line", "<connection>\nremote a 1 udp</connection>\nclient", "client=|",
-     "a,1,udp</connection>,client=|"},
+    {"a tag that begins the word connection runs on to its end",
+     "<conn>\nremote a\n</conn>\nclient\ndev tun", "client=|dev=tun|",
+     "a,,,client=,conn=>,dev=tun|"},
+    {"a remote on the closing tag's line", "<connection>\nremote a 1 udp</connection>\nclient",
+     "client=|", "a,1,udp</connection>,client=|"},
 };
 
 TEST(ConfigFileParse, ReadsLinesBlocksAndRemotes) {
@@ -96,7 +101,8 @@ TEST(ConfigFileParse, ReadsLinesBlocksAndRemotes) {
 
 std::string many(int count, const std::string& before, const std::string& behind) {
   std::string out;
-  for (int number = 0; number < count; ++number) out.append(before).append(std::to_string(number)).append(behind);
+  for (int number = 0; number < count; ++number)
+    out.append(before).append(std::to_string(number)).append(behind);
   return out;
 }
 
@@ -112,19 +118,25 @@ std::clock_t parse_time(const std::string& text) {
   return std::max<std::clock_t>(quickest, 1);
 }
 
-// A walk over the list or over the text for each line would take 64 times as long for a text that is 8 times as long.
+// A walk over the list or over the text for each line would take 64 times as long for a text that
+// is 8 times as long.
 TEST(ConfigFileParse, TakesTimeInProportionToTheText) {
   constexpr int LONGER = 8;
   constexpr int MOST = 3 * LONGER;
   const std::pair<const char*, std::string (*)(int)> shapes[] = {
       {"names", [](int n) { return many(6000 * n, "n", " v\n"); }},
-      {"the same names twice", [](int n) { return many(6000 * n, "n", " v\n") + many(6000 * n, "n", " v\n"); }},
+      {"the same names twice",
+       [](int n) { return many(6000 * n, "n", " v\n") + many(6000 * n, "n", " v\n"); }},
       {"routes", [](int n) { return many(6000 * n, "route ", "\n"); }},
       {"blocks", [](int n) { return many(5000 * n, "<b", ">x</b>\n"); }},
-      {"connections that would each go over all that follow", [](int n) { return many(5000 * n, "<c>x", "</c>\n"); }},
-      {"a long line", [](int n) { return "client " + std::string(size_t{600000} * static_cast<size_t>(n), 'x'); }},
+      {"connections that would each go over all that follow",
+       [](int n) { return many(5000 * n, "<c>x", "</c>\n"); }},
+      {"a long line",
+       [](int n) { return "client " + std::string(size_t{600000} * static_cast<size_t>(n), 'x'); }},
       {"a long block",
-       [](int n) { return "<ca>" + std::string(size_t{600000} * static_cast<size_t>(n), 'x') + "</ca>"; }},
+       [](int n) {
+         return "<ca>" + std::string(size_t{600000} * static_cast<size_t>(n), 'x') + "</ca>";
+       }},
   };
   for (const auto& [what, text] : shapes) {
     const std::clock_t once = parse_time(text(1));
@@ -134,7 +146,8 @@ TEST(ConfigFileParse, TakesTimeInProportionToTheText) {
 
 TEST(ConfigFileSave, SortsAndPutsTheServersBeforeTheCertificate) {
   const ScratchFile file;
-  ConfigFile cf = parse("<key>K</key>\nroute 2\nnobind\n<ca>A</ca>\nroute 1\nremote a 1 udp\nremote b 2 tcp");
+  ConfigFile cf =
+      parse("<key>K</key>\nroute 2\nnobind\n<ca>A</ca>\nroute 1\nremote a 1 udp\nremote b 2 tcp");
   OpenvpnRemotesOption remotes = cf.get_all_remotes();
   remotes[0].others = {{"socks-proxy", "x"}, {"float", ""}};
   ASSERT_EQ(cf.save(file.path().c_str(), true, remotes), NO_ERROR);
@@ -172,7 +185,8 @@ TEST(ConfigFileLoad, TakesRegularFilesOnly) {
   ASSERT_EQ(symlink(file.path().c_str(), link.path().c_str()), 0);
   ConfigFile cf;
   EXPECT_EQ(cf.load(file.path().c_str()), NO_ERROR);
-  for (const std::string& other : {std::string("/"), std::string("/none"), std::string("/dev/zero"), link.path()})
+  for (const std::string& other :
+       {std::string("/"), std::string("/none"), std::string("/dev/zero"), link.path()})
     EXPECT_EQ(cf.load(other.c_str()), ERR_REGULAR_FILE) << other;
   EXPECT_EQ(describe(cf.options), "client=|");
 }

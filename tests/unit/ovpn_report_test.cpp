@@ -15,7 +15,8 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-report::Report report_of(const std::string& text, const ovpn::ReportTools& tools = tools_without({"route-up"})) {
+report::Report report_of(const std::string& text,
+                         const ovpn::ReportTools& tools = tools_without({"route-up"})) {
   const std::string path = testing::TempDir() + "ovpn-report-" + std::to_string(getpid());
   support::write(path, text);
   ovpn::ClientConfig record(0);
@@ -66,7 +67,8 @@ TEST(OvpnReport, FindsTheFateOfEachKindOfLine) {
 TEST(OvpnReport, ShowsNoSecretAndNamesWhatIsMissing) {
   const std::string key = "<key>\nSECRETSECRETSECRET\n</key>\nauth-token SECRETSECRETSECRET\n";
   const report::Report found = report_of(HEAD + key + "cert me.crt\nauth-user-pass\n");
-  for (const report::Line& line : found.lines) EXPECT_THAT(line.text, testing::Not(HasSubstr("SECRETSECRET")));
+  for (const report::Line& line : found.lines)
+    EXPECT_THAT(line.text, testing::Not(HasSubstr("SECRETSECRET")));
   EXPECT_THAT(found.needs, ElementsAre("cert", "user", "pass"));
   EXPECT_FALSE(found.daemon.asked) << "there is no certificate to judge it with";
   EXPECT_THAT(found.added, Contains("float"));
@@ -94,7 +96,8 @@ TEST(OvpnReport, TellsOfAProfileThatCannotBeImportedOrWouldNotStart) {
 
   tools = tools_without({});
   tools.judge = [](const std::string&, const std::string&) {
-    return report::Verdict{true, false, 0, "fancy", "Options error: Unrecognized option: fancy (2.6)"};
+    return report::Verdict{true, false, 0, "fancy",
+                           "Options error: Unrecognized option: fancy (2.6)"};
   };
   const report::Report unknown = report_of(HEAD + "fancy yes\n", tools);
   EXPECT_EQ(last_line(unknown).fate, Fate::Refused);
@@ -107,15 +110,19 @@ TEST(OvpnReport, HoldsItsRulesForProfilesOfAnyShape) {
       "\n\n",
       "client",
       "\xEF\xBB\xBF" + HEAD,
-      "client\r\nremote a 1\r\n<ca>\r\nABC\r\n</ca>\r\n<tls-auth>\r\nX\r\n</tls-auth>\r\nkey-direction 1\r\n",
-      "client\n<connection>\nremote a 1 udp\nmssfix 1\n</connection>\n<connection>\nremote b\n</connection>\n" + HEAD,
+      "client\r\nremote a "
+      "1\r\n<ca>\r\nABC\r\n</ca>\r\n<tls-auth>\r\nX\r\n</tls-auth>\r\nkey-direction 1\r\n",
+      "client\n<connection>\nremote a 1 udp\nmssfix 1\n</connection>\n<connection>\nremote "
+      "b\n</connection>\n" +
+          HEAD,
       HEAD + "<ca>\nDEF\n</ca>\ncipher a\ncipher b\nroute 1 2\nroute 1 2\n",
       HEAD + "<key>\nnever closed\n",
       HEAD + "--verb 3\n--nobind\nsetenv opt x y\nsetenv UV_A b # c\n\"quoted\" 'a\n",
       HEAD + "<ca>one line</ca>\n</ca>\n<>\n< ca >\n[inline]\nca [inline]\n",
   };
   for (const std::string& shape : shapes) {
-    for (const char* extra : {"", "dev tun\n", "auth-user-pass\n", "<auth-user-pass>\nu\np\n</auth-user-pass>\n"})
+    for (const char* extra :
+         {"", "dev tun\n", "auth-user-pass\n", "<auth-user-pass>\nu\np\n</auth-user-pass>\n"})
       std::ignore = report_of(shape + extra);
   }
   size_t files = 0;
@@ -130,17 +137,21 @@ TEST(WireGuardReport, FindsTheFateOfEachLine) {
   const std::string key = "MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM=";
   const std::string text =
       "[Interface]\nPrivateKey = " + key +
-      "\nAddress = fd00::2/64, 10.0.0.2/32\nPostUp = evil\nMTU = 1400\n\n[Peer]\nPublicKey = " + key +
-      "\nEndpoint = vpn.example.org:51820\nAllowedIPs = 0.0.0.0/0\n[Peer]\nPublicKey = " + key + '\n';
+      "\nAddress = fd00::2/64, 10.0.0.2/32\nPostUp = evil\nMTU = 1400\n\n[Peer]\nPublicKey = " +
+      key +
+      "\nEndpoint = vpn.example.org:51820\nAllowedIPs = 0.0.0.0/0\n[Peer]\nPublicKey = " + key +
+      '\n';
   const report::Report found = wireguard::report_conf_file(text);
   EXPECT_EQ(found.error, 0) << found.reason;
   std::vector<Fate> fates;
   for (const report::Line& line : found.lines) fates.push_back(line.fate);
-  EXPECT_THAT(fates, ElementsAre(Fate::Kept, Fate::Kept, Fate::Changed, Fate::Dropped, Fate::Dropped, Fate::Dropped,
-                                 Fate::Kept, Fate::Kept, Fate::Kept, Fate::Kept, Fate::Dropped, Fate::Dropped));
+  EXPECT_THAT(fates, ElementsAre(Fate::Kept, Fate::Kept, Fate::Changed, Fate::Dropped,
+                                 Fate::Dropped, Fate::Dropped, Fate::Kept, Fate::Kept, Fate::Kept,
+                                 Fate::Kept, Fate::Dropped, Fate::Dropped));
   EXPECT_EQ(found.lines[1].text, "PrivateKey = …");
   EXPECT_EQ(found.lines[2].why, "becomes: 10.0.0.2");
-  EXPECT_EQ(wireguard::report_conf_file("[Interface]\nPrivateKey = x\n[Peer]\n").error, ERR_MISS_OPTION);
+  EXPECT_EQ(wireguard::report_conf_file("[Interface]\nPrivateKey = x\n[Peer]\n").error,
+            ERR_MISS_OPTION);
   EXPECT_FALSE(wireguard::is_conf_file("client\nremote a\n"));
 }
 

@@ -41,15 +41,20 @@ TEST(OvpnRewrite, ListsTheCiphersThatFit) {
   const std::pair<const char*, const char*> rows[] = {
       // Eight names of 105 bytes: the ninth would pass the limit.
       {"client",
-       "AES-256-GCM:AES-128-GCM:AES-128-CBC:AES-192-CBC:AES-256-CBC:AES-192-GCM:CAMELLIA-128-CBC:CAMELLIA-256-CBC"},
+       "AES-256-GCM:AES-128-GCM:AES-128-CBC:AES-192-CBC:AES-256-CBC:AES-192-GCM:CAMELLIA-128-CBC:"
+       "CAMELLIA-256-CBC"},
       {"cipher aes-192-gcm",
-       "AES-192-GCM:AES-256-GCM:AES-128-GCM:AES-128-CBC:AES-192-CBC:AES-256-CBC:CAMELLIA-128-CBC:CAMELLIA-256-CBC"},
+       "AES-192-GCM:AES-256-GCM:AES-128-GCM:AES-128-CBC:AES-192-CBC:AES-256-CBC:CAMELLIA-128-CBC:"
+       "CAMELLIA-256-CBC"},
       {"cipher q:w::z\ndata-ciphers XAES-128-CBCX:b",
-       "XAES-128-CBCX:b:Q:W:Z:AES-256-GCM:AES-128-GCM:AES-192-CBC:AES-256-CBC:AES-192-GCM:CAMELLIA-128-CBC"},
+       "XAES-128-CBCX:b:Q:W:Z:AES-256-GCM:AES-128-GCM:AES-192-CBC:AES-256-CBC:AES-192-GCM:CAMELLIA-"
+       "128-CBC"},
       // 101 bytes and 11 more: the separator makes it 113.
       {"data-ciphers "
-       "12345678901234567890123456789012345678901234567890123456789012345678901234567890123456789012345678901",
-       "12345678901234567890123456789012345678901234567890123456789012345678901234567890123456789012345678901:AES-256-"
+       "1234567890123456789012345678901234567890123456789012345678901234567890123456789012345678901"
+       "2345678901",
+       "1234567890123456789012345678901234567890123456789012345678901234567890123456789012345678901"
+       "2345678901:AES-256-"
        "GCM"},
   };
   for (const auto& [profile, ciphers] : rows) {
@@ -65,19 +70,25 @@ TEST(OvpnRewrite, ListsTheCiphersThatFit) {
 TEST(OvpnRewrite, ReplacesWhatDecidesHowTheDaemonRuns) {
   ClientConfig record(3);
   record.imported = true;
-  const std::string text =
-      rewrite(record,
-              "client\nuser nobody\nredirect-gateway def1\nup /tmp/evil\nlog /etc/passwd\n"
-              "script-security 2\ndev tun7\nauth sha256\nremote a 1194 udp\nport 7\nroute 10.0.0.0\n"
-              "plugin /usr/lib/vpn_ext.so 7\nplugin other.so\nmanagement 0.0.0.0 1\n<ca>\nA\n</ca>");
-  EXPECT_EQ(text,
-            "auth SHA256\nauth-user-pass\nclient\nconnect-retry-max 1\nconnect-timeout 10\ndaemon openvpn-client\n"
-            "data-ciphers AES-256-GCM:AES-128-GCM:AES-128-CBC:AES-192-CBC:AES-256-CBC:AES-192-GCM:CAMELLIA-128-CBC:"
-            "CAMELLIA-256-CBC\ndev tun2003\ndown /etc/openvpn/openvpn_down\nfloat\nlog /dev/null\n"
-            "management /tmp/openvpn.client3.sock unix\nmanagement-query-passwords\nnobind\nplugin other.so\n"
-            "plugin /usr/lib/vpn_ext.so 3\nreneg-sec 0\nresolv-retry infinite\nroute 10.0.0.0\nscript-security 3\n"
-            "tls-exit\nup /etc/openvpn/openvpn_up\nwritepid /var/run/openvpn.client3.pid\n"
-            "\n<connection>\nremote a 1194 udp\nexplicit-exit-notify 1\n</connection>\n\n<ca>\nA\n</ca>\n\n");
+  const std::string text = rewrite(
+      record,
+      "client\nuser nobody\nredirect-gateway def1\nup /tmp/evil\nlog /etc/passwd\n"
+      "script-security 2\ndev tun7\nauth sha256\nremote a 1194 udp\nport 7\nroute 10.0.0.0\n"
+      "plugin /usr/lib/vpn_ext.so 7\nplugin other.so\nmanagement 0.0.0.0 1\n<ca>\nA\n</ca>");
+  EXPECT_EQ(
+      text,
+      "auth SHA256\nauth-user-pass\nclient\nconnect-retry-max 1\nconnect-timeout 10\ndaemon "
+      "openvpn-client\n"
+      "data-ciphers "
+      "AES-256-GCM:AES-128-GCM:AES-128-CBC:AES-192-CBC:AES-256-CBC:AES-192-GCM:CAMELLIA-128-CBC:"
+      "CAMELLIA-256-CBC\ndev tun2003\ndown /etc/openvpn/openvpn_down\nfloat\nlog /dev/null\n"
+      "management /tmp/openvpn.client3.sock unix\nmanagement-query-passwords\nnobind\nplugin "
+      "other.so\n"
+      "plugin /usr/lib/vpn_ext.so 3\nreneg-sec 0\nresolv-retry infinite\nroute "
+      "10.0.0.0\nscript-security 3\n"
+      "tls-exit\nup /etc/openvpn/openvpn_up\nwritepid /var/run/openvpn.client3.pid\n"
+      "\n<connection>\nremote a 1194 udp\nexplicit-exit-notify "
+      "1\n</connection>\n\n<ca>\nA\n</ca>\n\n");
 }
 
 TEST(OvpnRewrite, ChangesNothingOfItsOwnOutput) {
@@ -85,12 +96,14 @@ TEST(OvpnRewrite, ChangesNothingOfItsOwnOutput) {
     ClientConfig record(1);
     record.imported = imported;
     record.auth_pass = imported;
-    const std::string once = rewrite(record,
-                                     "client\ncipher bf-cbc\nroute 2\nroute 1\nplugin b\nplugin a\n<cert>C</cert>\n"
-                                     "<connection>\nremote a 1 udp\nport 2\nexplicit-exit-notify 3\n</connection>\n"
-                                     "remote b 443 tcp\n<auth-user-pass>u p</auth-user-pass>\n<ca>A</ca>");
+    const std::string once =
+        rewrite(record,
+                "client\ncipher bf-cbc\nroute 2\nroute 1\nplugin b\nplugin a\n<cert>C</cert>\n"
+                "<connection>\nremote a 1 udp\nport 2\nexplicit-exit-notify 3\n</connection>\n"
+                "remote b 443 tcp\n<auth-user-pass>u p</auth-user-pass>\n<ca>A</ca>");
     EXPECT_EQ(rewrite(record, once), once);
-    EXPECT_NE(once.find("remote a 1 udp\nexplicit-exit-notify 3\n</connection>"), std::string::npos);
+    EXPECT_NE(once.find("remote a 1 udp\nexplicit-exit-notify 3\n</connection>"),
+              std::string::npos);
     EXPECT_EQ(once.find("u p"), std::string::npos);
   }
 }
@@ -98,7 +111,8 @@ TEST(OvpnRewrite, ChangesNothingOfItsOwnOutput) {
 TEST(OvpnRewrite, GivesOwnProfilesTheCiphersOfTheirLevel) {
   ConfigFile cf = parse("tls-cipher X");
   ClientConfig record(1);
-  for (const auto& [level, cipher] : {std::pair{HIGH_ENCRYPTION, "AES-256-CBC"}, {MEDIUM_ENCRYPTION, "AES-128-CBC"}}) {
+  for (const auto& [level, cipher] :
+       {std::pair{HIGH_ENCRYPTION, "AES-256-CBC"}, {MEDIUM_ENCRYPTION, "AES-128-CBC"}}) {
     record.encryption = level;
     record.apply_base_option(cf);
     EXPECT_EQ(value_of(cf, "cipher"), cipher);
@@ -161,8 +175,10 @@ TEST(OvpnImport, RefusesWhatCannotRunHere) {
       {"client\ndev\nremote a", 23, "dev option error in .ovpn file."},
       {"client\ndev tun7", 23, "remote option error in .ovpn file."},
       {"client\nremote a\nproto", 23, "proto option error in .ovpn file."},
-      {"client\n<connection>\nremote a\nproto\n</connection>", 23, "proto option error in .ovpn file."},
-      {"client\nremote a\n<crl-verify>\n</crl-verify>", 23, "crl-verify option error in .ovpn file."},
+      {"client\n<connection>\nremote a\nproto\n</connection>", 23,
+       "proto option error in .ovpn file."},
+      {"client\nremote a\n<crl-verify>\n</crl-verify>", 23,
+       "crl-verify option error in .ovpn file."},
       {"tls-client\nremote a 0", 18, nullptr},
       {"client\nremote a abc", 18, nullptr},
       {"client\nremote a 65536", 18, nullptr},
@@ -175,7 +191,8 @@ TEST(OvpnImport, RefusesWhatCannotRunHere) {
     const Outcome outcome = import(record, lines);
     EXPECT_EQ(outcome.code, code);
     EXPECT_EQ(outcome.errors,
-              std::string("Error: ") + (message ? message : get_error_message(static_cast<unsigned>(code))) + "\n");
+              std::string("Error: ") +
+                  (message ? message : get_error_message(static_cast<unsigned>(code))) + "\n");
   }
 }
 
@@ -191,11 +208,16 @@ TEST(OvpnImport, TakesTheLoginOutOfTheProfile) {
 
 TEST(OvpnImport, RefusesAKeyFileWithItsOwnCodeAndItsPath) {
   const std::tuple<std::string ClientConfig::*, const char*, int> rows[] = {
-      {&ClientConfig::ca, nullptr, 24},           {&ClientConfig::ca, "no certificate", 24},
-      {&ClientConfig::dh, nullptr, 25},           {&ClientConfig::key, "K\n</key>\nup /bin/sh\n<key>", 25},
-      {&ClientConfig::cert, nullptr, 26},         {&ClientConfig::pkcs12, nullptr, 26},
-      {&ClientConfig::extra_certs, nullptr, 26},  {&ClientConfig::tls_auth, nullptr, 27},
-      {&ClientConfig::secret, nullptr, 28},       {&ClientConfig::crl_verify, nullptr, 29},
+      {&ClientConfig::ca, nullptr, 24},
+      {&ClientConfig::ca, "no certificate", 24},
+      {&ClientConfig::dh, nullptr, 25},
+      {&ClientConfig::key, "K\n</key>\nup /bin/sh\n<key>", 25},
+      {&ClientConfig::cert, nullptr, 26},
+      {&ClientConfig::pkcs12, nullptr, 26},
+      {&ClientConfig::extra_certs, nullptr, 26},
+      {&ClientConfig::tls_auth, nullptr, 27},
+      {&ClientConfig::secret, nullptr, 28},
+      {&ClientConfig::crl_verify, nullptr, 29},
       {&ClientConfig::crl_verify, "no list", 29},
   };
   for (const auto& [field, content, code] : rows) {
@@ -211,7 +233,8 @@ TEST(OvpnImport, RefusesAKeyFileWithItsOwnCodeAndItsPath) {
 
 TEST(OvpnServer, SavesAnMssThatTheDaemonCanUse) {
   ServerConfig record(0);
-  for (const auto& [mss, saved] : {std::pair{999, "1400"}, {1000, "1000"}, {1600, "1600"}, {1601, "1400"}}) {
+  for (const auto& [mss, saved] :
+       {std::pair{999, "1400"}, {1000, "1000"}, {1600, "1600"}, {1601, "1400"}}) {
     const Conf conf{Conf_Dir_Load("/nonexistent")};
     record.mss = mss;
     record.save(conf.get());
@@ -224,8 +247,8 @@ TEST(OvpnHook, EscapesQuotesAndBackslashes) {
 }
 
 TEST(OvpnServer, ReadsThePeersOfTheDaemon) {
-  const Status peers =
-      read_peer_status("1.2.3.4:5 10.8.0.2 18446744073709551615 7\n9.9.9.9:1\n1.2.3.4:5 10.8.0.3 1 2\n");
+  const Status peers = read_peer_status(
+      "1.2.3.4:5 10.8.0.2 18446744073709551615 7\n9.9.9.9:1\n1.2.3.4:5 10.8.0.3 1 2\n");
   ASSERT_EQ(peers.size(), 2U);
   EXPECT_EQ(peers.at("1.2.3.4:5").peer_ipv4, "10.8.0.3");
   EXPECT_EQ(peers.at("1.2.3.4:5").rx, 1U);

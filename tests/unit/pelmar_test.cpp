@@ -112,10 +112,13 @@ TEST_F(PelmarCloud, IsChosenBySiteAndRegion) {
     EXPECT_EQ(get_pelmar_api_url("/x"), row.url) << row.site << ' ' << row.region;
   }
   settings = {{"Install_Path", "/opt/switch"}, {"ENV", "sy"}, {"pelmar_site", "dev"}};
-  EXPECT_EQ(get_account_center_api_url("/x"), "https://account-center.production.global." ORMEL_CLOUD_DOMAIN "/x");
+  EXPECT_EQ(get_account_center_api_url("/x"),
+            "https://account-center.production.global." ORMEL_CLOUD_DOMAIN "/x");
   settings["ENV"] = "QA";
-  EXPECT_EQ(get_org_center_api_url("/x"), "https://org-center.qa-nr.global." ORMEL_CLOUD_DOMAIN "/x");
-  EXPECT_EQ(get_auth_connector_api_url("/x"), "https://auth-connector.qa-nr.global." ORMEL_CLOUD_DOMAIN "/x");
+  EXPECT_EQ(get_org_center_api_url("/x"),
+            "https://org-center.qa-nr.global." ORMEL_CLOUD_DOMAIN "/x");
+  EXPECT_EQ(get_auth_connector_api_url("/x"),
+            "https://auth-connector.qa-nr.global." ORMEL_CLOUD_DOMAIN "/x");
 }
 
 TEST_F(PelmarToken, IsTakenFromGoodAnswersAlone) {
@@ -162,7 +165,8 @@ TEST_F(PelmarToken, IsTakenFromGoodAnswersAlone) {
 TEST_F(PelmarToken, OfTheDeviceIsWhatTheQuotesHold) {
   settings["Install_Path"] = "/nowhere";
   std::string token;
-  const std::pair<const char*, const char*> rows[] = {{"\"abc\"", "abc"}, {"abc", "abc"}, {"\"\"a\"b\"", "a\"b"}};
+  const std::pair<const char*, const char*> rows[] = {
+      {"\"abc\"", "abc"}, {"abc", "abc"}, {"\"\"a\"b\"", "a\"b"}};
   for (const auto& [stored, expected] : rows) {
     settings["DEV_TOKEN"] = stored;
     EXPECT_EQ(get_mdevice_token(token), NO_ERROR);
@@ -182,11 +186,14 @@ TEST_F(PelmarRegister, ChecksTheEdgeAnswerFieldByField) {
     const char* serial;
   };
   const Row rows[] = {
-      {R"({"virtualIP":"10.0.0.1","deviceId":"d","pelmarToken":"t","serialNumber":1234567890})", 0, "10.0.0.1",
-       "123456789"},
-      {R"({"virtualIP":"10.0.0.1","deviceId":"d","pelmarToken":"t","serialNumber":-5})", 0, "10.0.0.1", "-5"},
-      {R"({"virtualIP":"10.0.0.1","deviceId":"d","pelmarToken":"t","serialNumber":"5"})", 49, "10.0.0.1", ""},
-      {R"({"virtualIP":"10.0.0.1","deviceId":1,"pelmarToken":"t","serialNumber":5})", 49, "10.0.0.1", ""},
+      {R"({"virtualIP":"10.0.0.1","deviceId":"d","pelmarToken":"t","serialNumber":1234567890})", 0,
+       "10.0.0.1", "123456789"},
+      {R"({"virtualIP":"10.0.0.1","deviceId":"d","pelmarToken":"t","serialNumber":-5})", 0,
+       "10.0.0.1", "-5"},
+      {R"({"virtualIP":"10.0.0.1","deviceId":"d","pelmarToken":"t","serialNumber":"5"})", 49,
+       "10.0.0.1", ""},
+      {R"({"virtualIP":"10.0.0.1","deviceId":1,"pelmarToken":"t","serialNumber":5})", 49,
+       "10.0.0.1", ""},
       {R"({"virtualIP":1,"deviceId":"d","pelmarToken":"t","serialNumber":5})", 49, "", ""},
       {R"(["virtualIP"])", 49, "", ""},
       {"", 49, "", ""},
@@ -208,7 +215,8 @@ TEST_F(PelmarRegister, ResolvesTheAutomaticRegion) {
     const char* region;
   };
   const Row rows[] = {
-      {"auto", R"({"data":{"vpnGroups":[{"groupId":"a","hubs":[]},{"groupId":"b","hubs":[1,2]}]}})", 0, "b"},
+      {"auto", R"({"data":{"vpnGroups":[{"groupId":"a","hubs":[]},{"groupId":"b","hubs":[1,2]}]}})",
+       0, "b"},
       {"auto", R"({"data":{"vpnGroups":[{"groupId":"a"}]}})", 0, "supn"},
       {"auto", R"({"data":{"vpnGroups":[]}})", 0, "supn"},
       {"auto", R"({"data":{}})", 49, "auto"},
@@ -224,8 +232,11 @@ TEST_F(PelmarRegister, ResolvesTheAutomaticRegion) {
 }
 
 TEST_F(PelmarPrecheck, AsksForTheInternetUntilTheDaemonKnows) {
-  const std::pair<const char*, int> rows[] = {
-      {R"({"error":0})", 0}, {R"({"error":-1})", 48}, {R"({"error":"0"})", 49}, {"no", 49}, {"", 49}};
+  const std::pair<const char*, int> rows[] = {{R"({"error":0})", 0},
+                                              {R"({"error":-1})", 48},
+                                              {R"({"error":"0"})", 49},
+                                              {"no", 49},
+                                              {"", 49}};
   for (const auto& [reply, code] : rows) {
     bus.answer(reply);
     EXPECT_EQ(mibsh_check_access_internet("eth\"0"), code) << reply;
@@ -247,7 +258,8 @@ TEST_F(PelmarPrecheck, LocatesTheDevice) {
     return 0;
   };
   std::string latitude = "23", longitude = "120", country = "GLB", address;
-  for (const char* bad : {"", "no", R"({"result":{"latitude":1,"longitude":2}})", R"({"result":7})"}) {
+  for (const char* bad :
+       {"", "no", R"({"result":{"latitude":1,"longitude":2}})", R"({"result":7})"}) {
     place = bad;
     EXPECT_EQ(get_geo_info(latitude, longitude, country, address), ERR_CMD_FAILED) << bad;
     EXPECT_EQ(std::tie(latitude, longitude, country), std::tuple("23", "120", "GLB"));
@@ -269,8 +281,11 @@ TEST(PelmarFacts, AreReadFromNames) {
 }
 
 TEST(PelmarIpsec, IsCondensed) {
-  const std::pair<const char*, int> rows[] = {
-      {"{}", 0}, {R"({"a":1})", 0}, {R"({"a":2,"b":2})", 1}, {R"({"a":2,"b":1})", 2}, {R"({"a":2,"b":"2"})", 2}};
+  const std::pair<const char*, int> rows[] = {{"{}", 0},
+                                              {R"({"a":1})", 0},
+                                              {R"({"a":2,"b":2})", 1},
+                                              {R"({"a":2,"b":1})", 2},
+                                              {R"({"a":2,"b":"2"})", 2}};
   for (const auto& [text, status] : rows) {
     const Json states{json_loads(text, 0, nullptr)};
     EXPECT_EQ(ipsec_connetion_status_statistic(states.get()), status) << text;
@@ -285,7 +300,8 @@ TEST(PelmarDaemon, IsBelievedInTheRightFormAlone) {
   EXPECT_EQ(std::pair(router, supernode), std::pair(2, 0));
   bool is_mqtt_timeout = true, is_ipsec_timeout = false;
   bus.answer(R"({"error":0,"data":{"is_mqtt_timeout":"true","is_ipsec_timeout":true}})");
-  EXPECT_EQ(mibsh_update_and_check_timeout(true, false, is_mqtt_timeout, is_ipsec_timeout), NO_ERROR);
+  EXPECT_EQ(mibsh_update_and_check_timeout(true, false, is_mqtt_timeout, is_ipsec_timeout),
+            NO_ERROR);
   EXPECT_EQ(bus.calls.back().request, R"({"mqtt_status":true,"vpn_status":false})");
   EXPECT_EQ(std::pair(is_mqtt_timeout, is_ipsec_timeout), std::pair(false, true));
   const std::pair<const char*, int> rows[] = {{"", ERR_MIB_IO_FAILED},
@@ -300,19 +316,22 @@ TEST(PelmarDaemon, IsBelievedInTheRightFormAlone) {
 }
 
 TEST(PelmarSupernode, IsRefusedBeforeItsFileIsTouched) {
-  for (const char* bad : {"", "{}", R"({"data":[]})", R"({"data":{"superNodeId":"1","remoteIP":"2"}})"}) {
+  for (const char* bad :
+       {"", "{}", R"({"data":[]})", R"({"data":{"superNodeId":"1","remoteIP":"2"}})"}) {
     EXPECT_EQ(parse_supernode(bad), ERR_WRONG_JSON_FORMAT) << bad;
   }
 }
 
 TEST(PelmarForms, AreLookedAtByTheirCharacters) {
   using namespace ormel::cgi::pelmar;
-  for (const char* good : {"1.2.3.4", "256.1.1.1", "999.1..1", "..."}) EXPECT_TRUE(is_valid_ipv4_format(good)) << good;
+  for (const char* good : {"1.2.3.4", "256.1.1.1", "999.1..1", "..."})
+    EXPECT_TRUE(is_valid_ipv4_format(good)) << good;
   for (const char* bad : {"", "1.2.3", "1.2.3.4.5", "1.2.3.a", "100.100.100.1000", " 1.2.3.4"}) {
     EXPECT_FALSE(is_valid_ipv4_format(bad)) << bad;
   }
   EXPECT_TRUE(is_alphanumeric_safe("a-Z_9"));
-  for (const char* bad : {"", "a b", "\xc3\xa4", "a.b"}) EXPECT_FALSE(is_alphanumeric_safe(bad)) << bad;
+  for (const char* bad : {"", "a b", "\xc3\xa4", "a.b"})
+    EXPECT_FALSE(is_alphanumeric_safe(bad)) << bad;
   for (const char* bad : {"/a/../b", "/a//b"}) EXPECT_TRUE(has_path_traversal(bad)) << bad;
   EXPECT_FALSE(has_path_traversal("/a/.b"));
 }

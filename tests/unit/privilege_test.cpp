@@ -31,7 +31,8 @@ class PrivilegeFiles : public testing::Test {
   void write(const char* file, const std::string& text) const { support::write(root + file, text); }
   [[nodiscard]] std::string read(const char* file) const { return support::read(root + file); }
   [[nodiscard]] long files() const {
-    return std::count_if(fs::recursive_directory_iterator(root), {}, [](const auto& e) { return e.is_regular_file(); });
+    return std::count_if(fs::recursive_directory_iterator(root), {},
+                         [](const auto& e) { return e.is_regular_file(); });
   }
   std::string root;
 };
@@ -39,7 +40,8 @@ class PrivilegeFiles : public testing::Test {
 TEST_F(PrivilegeFiles, AreReplacedWholeAndPrivate) {
   for (const char* file : {PAP, CHAP, STORE}) write(file, "old");
   chmod((root + PAP).c_str(), 0644);
-  save_privileges(root, {{"b\"ob", PPTP_SERVER_TYPE}, {"al", 0}, {"x\nroot:1:1:1:0:1", OVPN_SERVER_TYPE}});
+  save_privileges(
+      root, {{"b\"ob", PPTP_SERVER_TYPE}, {"al", 0}, {"x\nroot:1:1:1:0:1", OVPN_SERVER_TYPE}});
   EXPECT_EQ(read(PAP), "\"b\"ob\"\tpptpd\t@login\t*\n") << "quoted unchanged";
   EXPECT_EQ(read(STORE), "al:0:0:0:0:0\nb\"ob:1:0:0:0:0\n") << "in order; no line of a name's own";
   EXPECT_EQ(files(), 3) << "no temporary file is left";
@@ -55,7 +57,8 @@ TEST_F(StaleTemporaries, GoAtTheNextWriteUnlessTheirWriterLives) {
   for (const std::string& name : kept) write((PAP + name).c_str(), "kept");
   const Fd living{open((root + PAP + "-Xb12Cd").c_str(), O_RDWR | O_CLOEXEC)};
   ASSERT_EQ(flock(living.get(), LOCK_EX), 0);
-  for (const char* file : {PAP, CHAP, STORE}) write((std::string(file) + "-Ab12Cd").c_str(), "secret");
+  for (const char* file : {PAP, CHAP, STORE})
+    write((std::string(file) + "-Ab12Cd").c_str(), "secret");
   for (const auto& file : fs::recursive_directory_iterator(root))
     if (file.is_regular_file()) chmod(file.path().c_str(), 0600);
   save_privileges(root, {{"bob", PPTP_SERVER_TYPE}});
@@ -77,9 +80,10 @@ TEST_F(PrivilegeFiles, LoadAddsWhatTheLinesSay) {
         "1:x:1:1:1\nbig:99999999999999999999:-1:0:0:0\nlast:0:1");
   PrivilegeStorage storage{{"bob", 32}, {"kept", 8}};
   load_privileges(root, storage);
-  const PrivilegeStorage expected{{"ann", L2TP_SERVER_TYPE},  {"big", PPTP_SERVER_TYPE | OVPN_SERVER_TYPE},
-                                  {"bob", NONE_TYPE},         {"kept", 8},
-                                  {"last", OVPN_SERVER_TYPE}, {"odd", PPTP_SERVER_TYPE}};
+  const PrivilegeStorage expected{
+      {"ann", L2TP_SERVER_TYPE},  {"big", PPTP_SERVER_TYPE | OVPN_SERVER_TYPE},
+      {"bob", NONE_TYPE},         {"kept", 8},
+      {"last", OVPN_SERVER_TYPE}, {"odd", PPTP_SERVER_TYPE}};
   EXPECT_EQ(storage, expected);
   fs::remove(root + STORE);
   load_privileges(root, storage);

@@ -25,8 +25,8 @@ TEST(ReasonSections, AreThoseOfServersAndProfiles) {
   for (const char* section : {"PPTP", "WG", "OPENVPN_CLIENT1", "DROVIK_CLIENT32"}) {
     EXPECT_TRUE(is_tunnel_section(section)) << section;
   }
-  for (const char* section : {"", "global", "WG_CLIENT", "WG_CLIENT0", "WG_CLIENT01", "WG_CLIENT33", "L2TP_CLIENT1 ",
-                              "../PPTP", "PPTP/..", "PPTP_CLIENT-1", "OPENVPN1"}) {
+  for (const char* section : {"", "global", "WG_CLIENT", "WG_CLIENT0", "WG_CLIENT01", "WG_CLIENT33",
+                              "L2TP_CLIENT1 ", "../PPTP", "PPTP/..", "PPTP_CLIENT-1", "OPENVPN1"}) {
     EXPECT_FALSE(is_tunnel_section(section)) << section;
   }
 }
@@ -49,7 +49,8 @@ TEST(ReasonLine, IsOneLineOfJsonWhateverTheDetailHolds) {
   const NotedReason reason{find_reason("login-refused"), 5, 7, 2, "he said: \"no\"\\\n}"};
 
   EXPECT_EQ(reason_line(reason),
-            "{\"code\":\"login-refused\",\"since\":5,\"at\":7,\"count\":2,\"detail\":\"he said: \\\"no\\\"\\\\?}\"}\n");
+            "{\"code\":\"login-refused\",\"since\":5,\"at\":7,\"count\":2,\"detail\":\"he said: "
+            "\\\"no\\\"\\\\?}\"}\n");
 }
 
 }  // namespace

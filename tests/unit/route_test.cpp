@@ -1,4 +1,5 @@
-// Who gets an answer from which route: every row of the table with every kind of session, and no work done.
+// Who gets an answer from which route: every row of the table with every kind of session, and no
+// work done.
 #include <map>
 #include <string_view>
 
@@ -38,7 +39,8 @@ const std::map<std::string_view, int> FOR_GENERAL_USERS = {{"/ormel/config/show"
 
 int works = 0;
 
-// The row with a work that is only counted: the real one would change the host that the test runs on.
+// The row with a work that is only counted: the real one would change the host that the test runs
+// on.
 Route counted(Route row) {
   row.answer.give = [](const Request&, JsonValue& response) {
     ++works;
@@ -60,9 +62,10 @@ TEST(Routes, LetNobodyInWithoutTheirSession) {
     for (const auto& [form, code] : sessions) {
       SCOPED_TRACE(std::string(row.path) + '?' + form);
       works = 0;
-      const std::string answer = answer_locally(form, OF_SESSION, [&row, code = code](JsonValue& response) {
-        EXPECT_EQ(serve(counted(row), response), code);
-      });
+      const std::string answer =
+          answer_locally(form, OF_SESSION, [&row, code = code](JsonValue& response) {
+            EXPECT_EQ(serve(counted(row), response), code);
+          });
       EXPECT_EQ(works, code == 0 ? 1 : 0);
       const std::string start = row.answer.medium == DOWNLOAD_MEDIUM && code != 0
                                     ? "Status: 404 Not Found\r\n"
@@ -73,10 +76,12 @@ TEST(Routes, LetNobodyInWithoutTheirSession) {
 }
 
 TEST(Routes, AreFoundByTheirExactPathAndByTheirHandlers) {
-  for (const Route& row : routes()) EXPECT_EQ(find_route(row.path)->answer.give, row.answer.give) << row.path;
+  for (const Route& row : routes())
+    EXPECT_EQ(find_route(row.path)->answer.give, row.answer.give) << row.path;
 #define ORMEL_PATH(area, name, path) "/ormel/" path,
   for (const char* path : {ORMEL_HANDLERS(ORMEL_PATH)}) EXPECT_TRUE(find_route(path)) << path;
-  for (const char* path : {"", "/ormel/nope", "/ormel/config", "/ormel/config/show/", "/ormel/Config/show"}) {
+  for (const char* path :
+       {"", "/ormel/nope", "/ormel/config", "/ormel/config/show/", "/ormel/Config/show"}) {
     EXPECT_FALSE(find_route(path)) << path;
   }
 }

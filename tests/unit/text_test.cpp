@@ -36,19 +36,36 @@ std::string libcurl_decoded(const std::string& text) {
 }
 
 TEST(UrlDecoding, IsThatOfLibcurl) {
-  std::vector<std::string> texts{
-      "",     "office", "of%20fice", "a+b",  "%",   "%%",  "%4",    "%%41",           "%4%41",
-      "%41%", "%0",     "x%00y",     "% 41", "%-1", "%+1", "%0x41", "\xc3\xa9%C3%a9", std::string("a\0%41", 5)};
+  std::vector<std::string> texts{"",
+                                 "office",
+                                 "of%20fice",
+                                 "a+b",
+                                 "%",
+                                 "%%",
+                                 "%4",
+                                 "%%41",
+                                 "%4%41",
+                                 "%41%",
+                                 "%0",
+                                 "x%00y",
+                                 "% 41",
+                                 "%-1",
+                                 "%+1",
+                                 "%0x41",
+                                 "\xc3\xa9%C3%a9",
+                                 std::string("a\0%41", 5)};
   for (int first = 0; first < 256; ++first)
     for (int second = 0; second < 256; ++second)
       texts.push_back({'<', '%', static_cast<char>(first), static_cast<char>(second), '>'});
-  for (const std::string& text : texts) ASSERT_EQ(decoded(text), libcurl_decoded(text)) << testing::PrintToString(text);
+  for (const std::string& text : texts)
+    ASSERT_EQ(decoded(text), libcurl_decoded(text)) << testing::PrintToString(text);
 }
 
 // Jansson takes well-formed UTF-8 alone.
 TEST(Utf8, IsWhatAJsonTextHolds) {
-  const std::string bytes{"\x00\x41\x7f\x80\x8f\x90\x9f\xa0\xbf\xc0\xc1\xc2\xdf\xe0\xec\xed\xef\xf0\xf3\xf4\xf5\xff",
-                          22};
+  const std::string bytes{
+      "\x00\x41\x7f\x80\x8f\x90\x9f\xa0\xbf\xc0\xc1\xc2\xdf\xe0\xec\xed\xef\xf0\xf3\xf4\xf5\xff",
+      22};
   std::vector<std::string> texts{""};
   for (size_t begin = 0, length = 1; length <= 4; ++length) {
     const size_t end = texts.size();
@@ -61,7 +78,8 @@ TEST(Utf8, IsWhatAJsonTextHolds) {
     ASSERT_EQ(cleaned == text, valid) << testing::PrintToString(text);
     ASSERT_TRUE(Json{json_stringn(cleaned.data(), cleaned.size())}) << testing::PrintToString(text);
   }
-  EXPECT_EQ(fenro::valid_utf8("a\xe4z \xc3\xa4 \xed\xa0\x80"), "a\uFFFDz \u00e4 \uFFFD\uFFFD\uFFFD");
+  EXPECT_EQ(fenro::valid_utf8("a\xe4z \xc3\xa4 \xed\xa0\x80"),
+            "a\uFFFDz \u00e4 \uFFFD\uFFFD\uFFFD");
 }
 
 TEST(Lines, AreTakenWithAndWithoutTheirEnds) {

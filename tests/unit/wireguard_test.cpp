@@ -1,4 +1,5 @@
-// The WireGuard driver against a scripted tool: no interface is touched, and the peers live in a folder of the test.
+// The WireGuard driver against a scripted tool: no interface is touched, and the peers live in a
+// folder of the test.
 #include "ormel/drivers/wireguard/wireguard.h"
 
 #include <filesystem>
@@ -73,9 +74,11 @@ class WireGuard : public testing::Test {
 
 TEST(WireGuardKey, IsTheTextOfThirtyTwoBytes) {
   const std::string digits(42, 'x');
-  for (const std::string& key : {KEY_A, KEY_B, KEY_C, digits + "8="}) EXPECT_TRUE(is_key(key)) << key;
-  for (const std::string& text : {std::string(), digits + "9=", digits + "88", digits + "=", digits + "8==",
-                                  digits + "8=\n", std::string(42, '-') + "8=", std::string(65536, 'A')}) {
+  for (const std::string& key : {KEY_A, KEY_B, KEY_C, digits + "8="})
+    EXPECT_TRUE(is_key(key)) << key;
+  for (const std::string& text :
+       {std::string(), digits + "9=", digits + "88", digits + "=", digits + "8==", digits + "8=\n",
+        std::string(42, '-') + "8=", std::string(65536, 'A')}) {
     EXPECT_FALSE(is_key(text)) << text.substr(0, 50);
   }
 }
@@ -104,7 +107,8 @@ constexpr const char* SHOWN =
     "peer: AAAA\n  endpoint: 192.0.2.7:40000\n  allowed ips: 198.18.7.2/32\n"
     "  latest handshake: 1 minute, 2 seconds ago\n  transfer: 1.20 KiB received, 3.40 MiB sent\n\n"
     "peer: BBBB\n  allowed ips: (none)\n\n"
-    "peer: CCCC\n  allowed ips: 198.18.7.4/32\n  transfer: nonsense\n  latest handshake: too late\n";
+    "peer: CCCC\n  allowed ips: 198.18.7.4/32\n  transfer: nonsense\n  latest handshake: too "
+    "late\n";
 
 TEST(WireGuardStatus, TakesTheLinesOfOnePeerOnly) {
   const std::pair<const char*, const char*> rows[] = {
@@ -116,7 +120,9 @@ TEST(WireGuardStatus, TakesTheLinesOfOnePeerOnly) {
   };
   for (const auto& [key, expected] : rows) {
     const PeerStatus found = peer_status(SHOWN, key);
-    EXPECT_EQ(found.allowed_ips + '|' + found.latest_handshake + '|' + found.rx_total + '|' + found.tx_total, expected)
+    EXPECT_EQ(found.allowed_ips + '|' + found.latest_handshake + '|' + found.rx_total + '|' +
+                  found.tx_total,
+              expected)
         << key;
   }
 }
@@ -138,7 +144,8 @@ TEST_F(WireGuard, AFreedIndexIsUsedAgainBeforeANewOne) {
 
 TEST_F(WireGuard, ADamagedPeerFileIsSurvivedAndPutInOrder) {
   write_peers(
-      "[global]\npeers_num = -7\nmax_index = 2147483647\n[PEER1]\nallow_ip = 198.18.7.2\n[PEER3]\n= x\n\x01\xff");
+      "[global]\npeers_num = -7\nmax_index = 2147483647\n[PEER1]\nallow_ip = "
+      "198.18.7.2\n[PEER3]\n= x\n\x01\xff");
   add("198.18.7.3", KEY_A);
   EXPECT_EQ(stored("PEER2", "pub_key"), KEY_A);
   ServerConfig server = server_with("198.18.7.3", KEY_A);
@@ -146,7 +153,8 @@ TEST_F(WireGuard, ADamagedPeerFileIsSurvivedAndPutInOrder) {
   EXPECT_EQ(stored("global", "max_index"), "1");
   // A section twice is one peer, and what is no number is ignored.
   write_peers(
-      "[global]\npeers_num = x\nmax_index = 2\n[PEER2]\nallow_ip = 198.18.7.5\n[PEER2]\nallow_ip = 198.18.7.6\n");
+      "[global]\npeers_num = x\nmax_index = 2\n[PEER2]\nallow_ip = 198.18.7.5\n[PEER2]\nallow_ip = "
+      "198.18.7.6\n");
   EXPECT_EQ(server.check_peer_value(1), ERR_VALUE);
   EXPECT_EQ(server_with("198.18.7.6", KEY_A).check_peer_value(0), ERR_IP_POOL_CONFLICT);
   EXPECT_EQ(PeerFile(folder).next_index(), 1);
@@ -159,15 +167,18 @@ TEST_F(WireGuard, PeersMoveToTheServersNetworkInIndexOrder) {
   const config::PolyConfig before{std::make_unique<ServerConfig>(server_with("", ""))};
   config::cm.update(&before);
   write_peers(
-      "[global]\npeers_num = 3\nmax_index = 5\n[PEER5]\nallow_ip = 198.18.7.2\n[PEER1]\nallow_ip = 198.18.7.77\n"
+      "[global]\npeers_num = 3\nmax_index = 5\n[PEER5]\nallow_ip = 198.18.7.2\n[PEER1]\nallow_ip = "
+      "198.18.7.77\n"
       "[PEER2]\nallow_ip =\n[PEER3]\nallow_ip = 198.18.7.3\n");
   ServerConfig server = server_with("", "");
   EXPECT_EQ(server.modify_peers_ip(), NO_ERROR);
   EXPECT_EQ(stored("PEER1", "allow_ip"), "198.18.7.77");  // the address is still the same
   server.server_ip = "10.9.0.1";
   EXPECT_EQ(server.modify_peers_ip(), NO_ERROR);
-  const char* expected[][2] = {{"PEER1", "10.9.0.2"}, {"PEER2", ""}, {"PEER3", "10.9.0.3"}, {"PEER5", "10.9.0.4"}};
-  for (const auto& [section, address] : expected) EXPECT_EQ(stored(section, "allow_ip"), address) << section;
+  const char* expected[][2] = {
+      {"PEER1", "10.9.0.2"}, {"PEER2", ""}, {"PEER3", "10.9.0.3"}, {"PEER5", "10.9.0.4"}};
+  for (const auto& [section, address] : expected)
+    EXPECT_EQ(stored(section, "allow_ip"), address) << section;
 }
 
 TEST_F(WireGuard, APeersValuesAreCheckedAgainstServerAndOtherPeers) {
@@ -200,9 +211,9 @@ TEST_F(WireGuard, APeerIsInstalledWithItsSecretInAFileOfItsOwner) {
   server.keepalive = 25;
   ASSERT_EQ(server.enable_peer(0), NO_ERROR);
   const std::string psk_file = folder / "peer_psk1";
-  EXPECT_EQ(bus.programs.back().command(), "/usr/bin/wg set wg0 peer " + KEY_A + " allowed-ips 198.18.7.2/32" +
-                                               " preshared-key " + psk_file +
-                                               " endpoint host:1 persistent-keepalive 25");
+  EXPECT_EQ(bus.programs.back().command(),
+            "/usr/bin/wg set wg0 peer " + KEY_A + " allowed-ips 198.18.7.2/32" + " preshared-key " +
+                psk_file + " endpoint host:1 persistent-keepalive 25");
   EXPECT_EQ(support::read(psk_file), KEY_B);
   ASSERT_EQ(server.add_peer(), NO_ERROR);
   EXPECT_EQ(support::mode_of(psk_file), 0600U);
@@ -218,7 +229,8 @@ TEST_F(WireGuard, AnEditedPeerGivesUpItsOldKeyFirst) {
   EXPECT_EQ(server.enable_peer(1), NO_ERROR);
   ASSERT_EQ(bus.programs.size(), 2U);
   EXPECT_EQ(bus.programs[0].command(), "/usr/bin/wg set wg0 peer " + KEY_A + " remove");
-  EXPECT_EQ(bus.programs[1].command(), "/usr/bin/wg set wg0 peer " + KEY_B + " allowed-ips 198.18.7.3/32");
+  EXPECT_EQ(bus.programs[1].command(),
+            "/usr/bin/wg set wg0 peer " + KEY_B + " allowed-ips 198.18.7.3/32");
   EXPECT_EQ(server.modify_peer(1), NO_ERROR);
   EXPECT_EQ(stored("PEER1", "pub_key"), KEY_B);
   EXPECT_EQ(counts(), "1/1");
@@ -261,11 +273,13 @@ TEST_F(WireGuard, AClientIsVerifiedInOrder) {
       {"index", [](ClientConfig& c) { c.index = 33; }, ERR_MAX_CONFIGS},
       {"address", [](ClientConfig& c) { c.client_ip = "10.0.0.256"; }, ERR_VALUE},
       {"no port", [](ClientConfig& c) { c.peer_endpoint = "host"; }, ERR_VALUE},
-      {"endless endpoint", [](ClientConfig& c) { c.peer_endpoint = std::string(65536, 'h'); }, ERR_VALUE},
+      {"endless endpoint", [](ClientConfig& c) { c.peer_endpoint = std::string(65536, 'h'); },
+       ERR_VALUE},
       // What is left to the start script: it has to look the host up.
       {"empty port", [](ClientConfig& c) { c.peer_endpoint = "203.0.113.1:"; }, NO_ERROR},
       {"no host", [](ClientConfig& c) { c.peer_endpoint = ":51820"; }, NO_ERROR},
-      {"endless host", [](ClientConfig& c) { c.peer_endpoint = std::string(65536, 'h') + ":51820"; }, NO_ERROR},
+      {"endless host",
+       [](ClientConfig& c) { c.peer_endpoint = std::string(65536, 'h') + ":51820"; }, NO_ERROR},
       {"IPv6", [](ClientConfig& c) { c.peer_endpoint = "[::1]:51820"; }, NO_ERROR},
       {"wide mask", [](ClientConfig& c) { c.client_mask = 33; }, ERR_VALUE},
       {"negative mask", [](ClientConfig& c) { c.client_mask = -1; }, ERR_VALUE},
@@ -282,7 +296,8 @@ TEST_F(WireGuard, AClientIsVerifiedInOrder) {
   }
   ClientConfig client = usable_client();
   ASSERT_EQ(client.verify(), NO_ERROR);
-  EXPECT_EQ(client.client_pub_key + ' ' + client.domain_ip + ' ' + client.domain_port, KEY_C + " 203.0.113.1 51820");
+  EXPECT_EQ(client.client_pub_key + ' ' + client.domain_ip + ' ' + client.domain_port,
+            KEY_C + " 203.0.113.1 51820");
 }
 
 TEST_F(WireGuard, AClientShowsKeysToAnAdministratorOnly) {
@@ -295,7 +310,8 @@ TEST_F(WireGuard, AClientShowsKeysToAnAdministratorOnly) {
     std::string text;
     out.toString(text);
     const bool admin = who == ADMIN_USER;
-    for (const char* part : {"\"client_pri_key\":", "\"psk\":", "\"rx_total\":\"1.20 KiB\"", "\"status\":1"}) {
+    for (const char* part :
+         {"\"client_pri_key\":", "\"psk\":", "\"rx_total\":\"1.20 KiB\"", "\"status\":1"}) {
       EXPECT_EQ(text.find(part) != std::string::npos, admin) << part << " in " << text;
     }
   }

@@ -52,11 +52,18 @@ export function Account() {
   const box = useAway(open, () => setOpen(false))
   const login = session.login.value
   useEffect(() => {
-    if (open && login?.admin && !about) void data<Environment>('misc/env').then(setAbout, () => undefined)
+    if (open && login?.admin && !about)
+      void data<Environment>('misc/env').then(setAbout, () => undefined)
   }, [open])
   return (
     <span class="account" ref={box}>
-      <button type="button" class="button quiet" aria-expanded={open} aria-controls="account" onClick={() => setOpen(!open)}>
+      <button
+        type="button"
+        class="button quiet"
+        aria-expanded={open}
+        aria-controls="account"
+        onClick={() => setOpen(!open)}
+      >
         <Icon name="user" />
         <span class="user">{login?.user}</span>
       </button>
@@ -64,14 +71,24 @@ export function Account() {
         <div id="account" class="card popup" role="group" aria-label={t('account')}>
           <div class="field">
             <span class="label">{t('account.theme')}</span>
-            <Tabs label={t('account.theme')} names={THEMES.map((one) => [one, t(`account.${one}`)] as const)} current={theme.value} onPick={setTheme} />
+            <Tabs
+              label={t('account.theme')}
+              names={THEMES.map(one => [one, t(`account.${one}`)] as const)}
+              current={theme.value}
+              onPick={setTheme}
+            />
           </div>
           <LanguageChoice />
           <Facts
             rows={[
               [t('logs.user'), <bdi>{login?.user}</bdi>],
               ...(login?.since ? ([[t('account.until'), sessionEnd(login.since)]] as const) : []),
-              ...(about ? ([[t('account.version'), `${about.version} (${about.build_date})`], [t('account.model'), about.model]] as const) : []),
+              ...(about
+                ? ([
+                    [t('account.version'), `${about.version} (${about.build_date})`],
+                    [t('account.model'), about.model],
+                  ] as const)
+                : []),
             ]}
           />
           <p class="help">{t('account.idle')}</p>

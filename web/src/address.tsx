@@ -11,7 +11,9 @@ const PLACE = 'ormel.address'
 const OWN = /^(localhost|127\..*|\[?::1\]?)$/ // of the machine that the browser runs on
 
 const stored = typeof localStorage === 'undefined' ? '' : (localStorage.getItem(PLACE) ?? '')
-export const publicAddress = signal(stored || (typeof location === 'undefined' ? '' : location.hostname))
+export const publicAddress = signal(
+  stored || (typeof location === 'undefined' ? '' : location.hostname),
+)
 
 export function setPublicAddress(to: string): void {
   const address = to.trim()
@@ -21,13 +23,23 @@ export function setPublicAddress(to: string): void {
 }
 
 const PRIVATE: readonly (readonly [first: string, bits: number])[] = [
-  ['10.0.0.0', 8], ['172.16.0.0', 12], ['192.168.0.0', 16], ['100.64.0.0', 10], ['169.254.0.0', 16], ['127.0.0.0', 8],
+  ['10.0.0.0', 8],
+  ['172.16.0.0', 12],
+  ['192.168.0.0', 16],
+  ['100.64.0.0', 10],
+  ['169.254.0.0', 16],
+  ['127.0.0.0', 8],
 ]
 // Whether an address leads here only from the same network.
 export function worksAtHomeOnly(host: string): boolean {
   const number = parseAddress(host)
-  if (number === null) return /(^|\.)(local|lan|home|internal|localhost)$/i.test(host) || !host.includes('.')
-  return PRIVATE.some(([first, bits]) => Math.floor(number / 2 ** (32 - bits)) === Math.floor((parseAddress(first) ?? 0) / 2 ** (32 - bits)))
+  if (number === null)
+    return /(^|\.)(local|lan|home|internal|localhost)$/i.test(host) || !host.includes('.')
+  return PRIVATE.some(
+    ([first, bits]) =>
+      Math.floor(number / 2 ** (32 - bits)) ===
+      Math.floor((parseAddress(first) ?? 0) / 2 ** (32 - bits)),
+  )
 }
 
 // The same profile with that address in place of the appliance's own.
@@ -39,8 +51,9 @@ export function PublicAddress() {
   useEffect(() => {
     if (stored || !OWN.test(location.hostname)) return
     void data<Nic[] | null>('misc/nic').then(
-      (nics) => {
-        if (OWN.test(publicAddress.peek())) publicAddress.value = nics?.find((nic) => nic.ip)?.ip ?? location.hostname
+      nics => {
+        if (OWN.test(publicAddress.peek()))
+          publicAddress.value = nics?.find(nic => nic.ip)?.ip ?? location.hostname
       },
       () => undefined,
     )
@@ -50,7 +63,15 @@ export function PublicAddress() {
   return (
     <>
       <Field label={t('peer.host')} help={t('peer.hostHelp')} error={wrong && t(wrong)}>
-        {(ids) => <input {...ids} autocomplete="off" spellcheck={false} value={host} onInput={(event) => setPublicAddress(event.currentTarget.value)} />}
+        {ids => (
+          <input
+            {...ids}
+            autocomplete="off"
+            spellcheck={false}
+            value={host}
+            onInput={event => setPublicAddress(event.currentTarget.value)}
+          />
+        )}
       </Field>
       {!wrong && worksAtHomeOnly(host) && <Notice>{t('peer.atHome')}</Notice>}
     </>

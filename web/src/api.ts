@@ -60,7 +60,8 @@ async function send(path: string, form: Form, timeout: number): Promise<Response
       cache: 'no-store',
       signal: stop,
     })
-    if (path.startsWith('/ormel/')) unsaved.value = answer.headers.get('X-Ormel-Settings') === 'unsaved'
+    if (path.startsWith('/ormel/'))
+      unsaved.value = answer.headers.get('X-Ormel-Settings') === 'unsaved'
     return answer
   } catch {
     throw new ApiError(stop.aborted ? 'timeout' : 'network', 0, '')
@@ -84,7 +85,15 @@ async function envelope<T>(response: Response): Promise<Envelope<T>> {
   if (typeof found !== 'object' || found === null || typeof found.error !== 'number')
     throw response.ok ? new ApiError('format', 0, '') : new ApiError('http', response.status, '')
   const wait = Number(response.headers.get('Retry-After') ?? 0) || 0
-  if (found.error !== 0) throw new ApiError('code', found.error, String(found.reason ?? ''), found.data, response.status, wait)
+  if (found.error !== 0)
+    throw new ApiError(
+      'code',
+      found.error,
+      String(found.reason ?? ''),
+      found.data,
+      response.status,
+      wait,
+    )
   if (!response.ok) throw new ApiError('http', response.status, '')
   return found
 }
@@ -95,28 +104,42 @@ export async function callOnce<T>(path: string, form: Form): Promise<T> {
 }
 
 // One request with the session. One that has run out is renewed by the user meanwhile, and the request sent again.
-async function inSession<T>(route: string, form: Form, timeout: number, read: (answer: Response) => Promise<T>): Promise<T> {
+async function inSession<T>(
+  route: string,
+  form: Form,
+  timeout: number,
+  read: (answer: Response) => Promise<T>,
+): Promise<T> {
   const sid = session.sid.peek()
-  const ask = async (id: string) => read(await send(`/ormel/${route}`, { sid: id, ...form }, timeout))
+  const ask = async (id: string) =>
+    read(await send(`/ormel/${route}`, { sid: id, ...form }, timeout))
   try {
     return await ask(sid)
   } catch (failure) {
-    if (!(failure instanceof ApiError) || failure.kind !== 'code' || failure.code !== SESSION_INVALID) throw failure
+    if (
+      !(failure instanceof ApiError) ||
+      failure.kind !== 'code' ||
+      failure.code !== SESSION_INVALID
+    )
+      throw failure
     await session.renewed(sid)
     return ask(session.sid.peek()) // who is refused with a new session as well is no administrator any more
   }
 }
 
 // One route of the program.
-export const call = async <T = unknown>(route: string, form: Form = {}, timeout = QUICK): Promise<Envelope<T>> =>
-  inSession(route, form, timeout, envelope<T>)
+export const call = async <T = unknown>(
+  route: string,
+  form: Form = {},
+  timeout = QUICK,
+): Promise<Envelope<T>> => inSession(route, form, timeout, envelope<T>)
 
 export const data = async <T>(route: string, form: Form = {}, timeout = QUICK): Promise<T> =>
   (await call<T>(route, form, timeout)).data
 
 // A route that answers with a page of its own.
 export const pageOf = async (route: string, form: Form): Promise<string> =>
-  inSession(route, form, SLOW, async (answer) => {
+  inSession(route, form, SLOW, async answer => {
     if (answer.headers.get('Content-Type')?.startsWith('text/html')) return answer.text()
     await envelope(answer) // tells why there is none
     throw new ApiError('format', 0, '')
@@ -125,19 +148,25 @@ export const pageOf = async (route: string, form: Form): Promise<string> =>
 // One of the interface's own files that only some builds have; null without it.
 export const asset = async <T>(name: string): Promise<T | null> =>
   fetch(`/assets/${name}`, { credentials: 'omit' }).then(
-    async (answer) => (answer.ok ? ((await answer.json()) as T) : null),
+    async answer => (answer.ok ? ((await answer.json()) as T) : null),
     () => null,
   )
 
 // A file that a route sends; its name is what the program says.
-export const download = async (route: string, fallbackName: string): Promise<{ name: string; content: Blob }> =>
-  inSession(route, {}, SLOW, async (answer) => {
+export const download = async (
+  route: string,
+  fallbackName: string,
+): Promise<{ name: string; content: Blob }> =>
+  inSession(route, {}, SLOW, async answer => {
     const disposition = answer.headers.get('Content-Disposition')
     if (!disposition) {
       await envelope(answer) // tells why there is none
       throw new ApiError('format', 0, '')
     }
-    return { name: /filename=([\w.-]+)/.exec(disposition)?.[1] ?? fallbackName, content: await answer.blob() }
+    return {
+      name: /filename=([\w.-]+)/.exec(disposition)?.[1] ?? fallbackName,
+      content: await answer.blob(),
+    }
   })
 
 export function saveFile(name: string, content: Blob): void {

@@ -42,8 +42,8 @@ const PAGES: readonly Page[] = [
 
 function Shell() {
   const admin = session.login.value?.admin ?? false
-  const pages = PAGES.filter((page) => admin || page.everybody)
-  const current = pages.find((page) => page.name === place.value[0]) ?? pages[0]
+  const pages = PAGES.filter(page => admin || page.everybody)
+  const current = pages.find(page => page.name === place.value[0]) ?? pages[0]
   const [open, setOpen] = useState(false)
   const heading = useRef<HTMLHeadingElement>(null)
   const first = useRef(true)
@@ -60,7 +60,11 @@ function Shell() {
   const Show = current.show
   return (
     <div class="shell">
-      <a class="skip" href="#main" onClick={(event) => (event.preventDefault(), heading.current?.focus())}>
+      <a
+        class="skip"
+        href="#main"
+        onClick={event => (event.preventDefault(), heading.current?.focus())}
+      >
         {t('skip')}
       </a>
       <header class="top">
@@ -77,7 +81,8 @@ function Shell() {
           </button>
         </span>
         <span class="brand">
-          <img src="/assets/icon.svg" alt="" width="26" height="26" /> ormel <span class="host">{location.host}</span>
+          <img src="/assets/icon.svg" alt="" width="26" height="26" /> ormel{' '}
+          <span class="host">{location.host}</span>
         </span>
         <span class="who">
           {admin && <Bell />}
@@ -86,9 +91,13 @@ function Shell() {
       </header>
       <nav id="nav" class={open ? 'open' : ''} aria-label={t('nav.label')}>
         <ul>
-          {pages.map((page) => (
+          {pages.map(page => (
             <li key={page.name}>
-              <a href={`#/${page.name}`} aria-current={page === current ? 'page' : undefined} onClick={() => setOpen(false)}>
+              <a
+                href={`#/${page.name}`}
+                aria-current={page === current ? 'page' : undefined}
+                onClick={() => setOpen(false)}
+              >
                 <Icon name={page.icon} />
                 {t(page.label)}
               </a>

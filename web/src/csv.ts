@@ -9,4 +9,4 @@ function cell(value: string | number): string {
 
 // With a mark at the beginning that says that the text is UTF-8.
 export const csv = (rows: readonly (readonly (string | number)[])[]): string =>
-  `\uFEFF${rows.map((row) => row.map(cell).join(',')).join('\r\n')}\r\n`
+  `\uFEFF${rows.map(row => row.map(cell).join(',')).join('\r\n')}\r\n`

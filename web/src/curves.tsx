@@ -17,7 +17,17 @@ type CurvesProps = {
   hover: number | null // a row of the points
   onHover: (at: number | null) => void
 }
-export function Curves({ count, points, label, span, shown, words, inBits, hover, onHover }: CurvesProps) {
+export function Curves({
+  count,
+  points,
+  label,
+  span,
+  shown,
+  words,
+  inBits,
+  hover,
+  onHover,
+}: CurvesProps) {
   const box = useRef<HTMLDivElement>(null)
   const [width, setWidth] = useState(0)
   useEffect(() => {
@@ -30,7 +40,8 @@ export function Curves({ count, points, label, span, shown, words, inBits, hover
   const times = points[0] ?? []
   const frame = frameOf(points, shown, span, width, HEIGHT)
   // One that has carried nothing would only lie on the middle line, over the others.
-  const carries = (at: number) => [points[at + 1], points[at + 1 + count]].some((column) => column?.some((rate) => rate > 0))
+  const carries = (at: number) =>
+    [points[at + 1], points[at + 1 + count]].some(column => column?.some(rate => rate > 0))
   const bottom = HEIGHT - EDGES.bottom
   const pointer = useRef<number | null>(null)
   const point = (event: PointerEvent) => {
@@ -48,8 +59,14 @@ export function Curves({ count, points, label, span, shown, words, inBits, hover
   return (
     <div ref={box} class="graph" onPointerMove={point} onPointerDown={point} onPointerLeave={leave}>
       {width > 0 && times.length > 0 && (
-        <svg width={width} height={HEIGHT} viewBox={`0 0 ${width} ${HEIGHT}`} role="img" aria-label={label}>
-          {rateMarks(frame, inBits).map((rate) => (
+        <svg
+          width={width}
+          height={HEIGHT}
+          viewBox={`0 0 ${width} ${HEIGHT}`}
+          role="img"
+          aria-label={label}
+        >
+          {rateMarks(frame, inBits).map(rate => (
             <g key={rate} class={rate === 0 ? 'middle' : ''}>
               <path d={`M${EDGES.left} ${yOf(frame, rate).toFixed(1)}H${width - EDGES.right}`} />
               <text x={EDGES.left - 8} y={yOf(frame, rate) + 4} text-anchor="end">
@@ -57,19 +74,29 @@ export function Curves({ count, points, label, span, shown, words, inBits, hover
               </text>
             </g>
           ))}
-          {timeMarks(frame).map((time) => (
+          {timeMarks(frame).map(time => (
             <text key={time} x={xOf(frame, time)} y={HEIGHT - 6} text-anchor="middle">
               {clock(new Date(time * 1000), span < LONG)}
             </text>
           ))}
-          {Array.from({ length: count }, (_, at) => at).filter((at) => shown[at] && carries(at)).map((at) => (
+          {Array.from({ length: count }, (_, at) => at)
+            .filter(at => shown[at] && carries(at))
+            .map(at => (
+              <path
+                key={at}
+                class={`line curve-${at + 1}`}
+                d={
+                  pathOf(frame, times, points[at + 1] ?? [], 1) +
+                  pathOf(frame, times, points[at + 1 + count] ?? [], -1)
+                }
+              />
+            ))}
+          {hover !== null && times[hover] !== undefined && (
             <path
-              key={at}
-              class={`line curve-${at + 1}`}
-              d={pathOf(frame, times, points[at + 1] ?? [], 1) + pathOf(frame, times, points[at + 1 + count] ?? [], -1)}
+              class="cursor"
+              d={`M${xOf(frame, times[hover] ?? 0).toFixed(1)} ${EDGES.top}V${bottom}`}
             />
-          ))}
-          {hover !== null && times[hover] !== undefined && <path class="cursor" d={`M${xOf(frame, times[hover] ?? 0).toFixed(1)} ${EDGES.top}V${bottom}`} />}
+          )}
         </svg>
       )}
     </div>

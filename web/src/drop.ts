@@ -10,7 +10,8 @@ const takers: Taker[] = []
 const LEAVES = 600 // milliseconds without a word of files above the page
 
 let timer: ReturnType<typeof setTimeout> | undefined
-const show = (over: boolean) => takers.forEach((one, at) => one.over(over && at === takers.length - 1))
+const show = (over: boolean) =>
+  takers.forEach((one, at) => one.over(over && at === takers.length - 1))
 
 function drag(event: DragEvent): void {
   if (!event.dataTransfer?.types.includes('Files')) return
@@ -41,7 +42,7 @@ export function useFileDrop(wanted: boolean, take: (files: File[]) => void): boo
   latest.current = take
   useEffect(() => {
     if (!wanted) return
-    const taker: Taker = { take: (files) => latest.current(files), over: setOver }
+    const taker: Taker = { take: files => latest.current(files), over: setOver }
     takers.push(taker)
     return () => {
       takers.splice(takers.indexOf(taker), 1)

@@ -10,7 +10,11 @@ function formatter<T>(name: string, make: (locale: string) => T): T {
 }
 
 export const number = (value: number, digits = 0): string =>
-  formatter(`number ${digits}`, (at) => new Intl.NumberFormat(at, { minimumFractionDigits: digits, maximumFractionDigits: digits })).format(value)
+  formatter(
+    `number ${digits}`,
+    at =>
+      new Intl.NumberFormat(at, { minimumFractionDigits: digits, maximumFractionDigits: digits }),
+  ).format(value)
 
 // An amount with the largest of the units of which there is at least one.
 function scaled(value: number, step: number, units: readonly string[]): string {
@@ -25,7 +29,8 @@ function scaled(value: number, step: number, units: readonly string[]): string {
 
 export const bytes = (value: number): string => scaled(value, 1024, t('unit.bytes').split(' '))
 export const rate = (value: number): string => `${bytes(value)}/s`
-export const bits = (value: number): string => scaled(value * 8, 1000, ['bit/s', 'kbit/s', 'Mbit/s', 'Gbit/s', 'Tbit/s'])
+export const bits = (value: number): string =>
+  scaled(value * 8, 1000, ['bit/s', 'kbit/s', 'Mbit/s', 'Gbit/s', 'Tbit/s'])
 
 const UNIT = 1024
 const SIZES: readonly string[] = ['B', 'KiB', 'MiB', 'GiB', 'TiB', 'PiB']
@@ -44,7 +49,10 @@ const TIME_PARTS = [
 type TimePart = (typeof TIME_PARTS)[number][1]
 
 const part = (amount: number, unit: TimePart): string =>
-  formatter(unit, (at) => new Intl.NumberFormat(at, { style: 'unit', unit, unitDisplay: 'short' })).format(amount)
+  formatter(
+    unit,
+    at => new Intl.NumberFormat(at, { style: 'unit', unit, unitDisplay: 'short' }),
+  ).format(amount)
 
 // The two largest parts that count: "3 hr 5 min".
 export function duration(seconds: number): string {
@@ -63,7 +71,10 @@ export function duration(seconds: number): string {
 export function ago(seconds: number): string {
   const age = Math.max(0, Math.floor(seconds))
   const [size, unit] = TIME_PARTS.find(([one]) => age >= one) ?? TIME_PARTS[3]
-  return formatter('ago', (at) => new Intl.RelativeTimeFormat(at, { numeric: 'always' })).format(-Math.floor(age / size), unit)
+  return formatter('ago', at => new Intl.RelativeTimeFormat(at, { numeric: 'always' })).format(
+    -Math.floor(age / size),
+    unit,
+  )
 }
 
 // A name that WireGuard's settings keep URL-encoded. One that is not encoded well is shown as it is.
@@ -76,14 +87,19 @@ export function decodeName(text: string): string {
 }
 
 // A text as what takes one character for a byte wants it.
-export const binary = (text: string): string => String.fromCharCode(...new TextEncoder().encode(text))
+export const binary = (text: string): string =>
+  String.fromCharCode(...new TextEncoder().encode(text))
 export const base64 = (text: string): string => btoa(binary(text))
 
 export const byteLength = (text: string): number => new TextEncoder().encode(text).length
 
 export const clock = (when: Date, seconds = true): string =>
-  formatter(`clock ${seconds}`, (at) => new Intl.DateTimeFormat(at, { timeStyle: seconds ? 'medium' : 'short' })).format(when)
-export const date = (when: Date): string => formatter('date', (at) => new Intl.DateTimeFormat(at, { dateStyle: 'medium' })).format(when)
+  formatter(
+    `clock ${seconds}`,
+    at => new Intl.DateTimeFormat(at, { timeStyle: seconds ? 'medium' : 'short' }),
+  ).format(when)
+export const date = (when: Date): string =>
+  formatter('date', at => new Intl.DateTimeFormat(at, { dateStyle: 'medium' })).format(when)
 
 // Of a text such as "2025-11-01".
 export function dayOf(text: string): string {
@@ -94,14 +110,18 @@ export function dayOf(text: string): string {
 // A time of day or, for another day, the date with it.
 export function moment(seconds: number, now = new Date()): string {
   const when = new Date(seconds * 1000)
-  return when.toDateString() === now.toDateString() ? clock(when, false) : `${date(when)}, ${clock(when, false)}`
+  return when.toDateString() === now.toDateString()
+    ? clock(when, false)
+    : `${date(when)}, ${clock(when, false)}`
 }
 
 // The time of a log, which the appliance writes in its own clock and one of its own formats. Null where it is another one.
 export function logTime(text: string): Date | null {
   const found = /^(\d{4})[-/](\d\d)[-/](\d\d) (\d\d):(\d\d)(?::(\d\d))?$/.exec(text.trim())
   if (!found) return null
-  const [year = 0, month = 1, day = 1, hour = 0, minute = 0, second = 0] = found.slice(1).map((one) => Number(one ?? 0))
+  const [year = 0, month = 1, day = 1, hour = 0, minute = 0, second = 0] = found
+    .slice(1)
+    .map(one => Number(one ?? 0))
   return new Date(year, month - 1, day, hour, minute, second)
 }
 export function logMoment(text: string): string {
@@ -110,6 +130,10 @@ export function logMoment(text: string): string {
 }
 
 // A count with its noun in the right number.
-export function count(amount: number, one: Parameters<typeof t>[0], other: Parameters<typeof t>[0]): string {
+export function count(
+  amount: number,
+  one: Parameters<typeof t>[0],
+  other: Parameters<typeof t>[0],
+): string {
   return t(amount === 1 ? one : other, { n: number(amount) })
 }

@@ -20,14 +20,27 @@ const MARK = 90 // pixels that a time takes
 const GAP = 4 // steps without a sample after which a line begins again
 
 const most = (columns: readonly (readonly number[])[], first: number): number =>
-  Math.max(LEAST, ...columns.flatMap((column) => column.slice(first))) * HEADROOM
+  Math.max(LEAST, ...columns.flatMap(column => column.slice(first))) * HEADROOM
 
 // The frame of the samples of the last `span` seconds; `points` are times, then the columns in, then those out.
-export function frameOf(points: readonly (readonly number[])[], shown: readonly boolean[], span: number, width: number, height: number): Frame {
+export function frameOf(
+  points: readonly (readonly number[])[],
+  shown: readonly boolean[],
+  span: number,
+  width: number,
+  height: number,
+): Frame {
   const times = points[0] ?? []
   const end = times[times.length - 1] ?? 0
-  const first = Math.max(0, times.findIndex((time) => time >= end - span))
-  const side = (from: number) => most(points.slice(from, from + shown.length).filter((_, at) => shown[at]), first)
+  const first = Math.max(
+    0,
+    times.findIndex(time => time >= end - span),
+  )
+  const side = (from: number) =>
+    most(
+      points.slice(from, from + shown.length).filter((_, at) => shown[at]),
+      first,
+    )
   return { width, height, start: end - span, end, above: side(1), below: side(1 + shown.length) }
 }
 
@@ -39,8 +52,16 @@ export function yOf({ height, above, below }: Frame, rate: number): number {
 }
 
 // The path of one curve; one that lacks samples for a time begins again after it.
-export function pathOf(frame: Frame, times: readonly number[], rates: readonly number[], sign: 1 | -1): string {
-  const usual = times.length > 1 ? Math.max(1, ((times[times.length - 1] ?? 0) - (times[0] ?? 0)) / (times.length - 1)) : 1
+export function pathOf(
+  frame: Frame,
+  times: readonly number[],
+  rates: readonly number[],
+  sign: 1 | -1,
+): string {
+  const usual =
+    times.length > 1
+      ? Math.max(1, ((times[times.length - 1] ?? 0) - (times[0] ?? 0)) / (times.length - 1))
+      : 1
   let out = ''
   let before = -Infinity
   times.forEach((time, at) => {
@@ -58,28 +79,36 @@ export function rateMarks({ above, below }: Frame, inBits: boolean): number[] {
   const [base, step] = inBits ? [12.5, 10] : [1, 1024]
   let unit = 0
   const larger = Math.max(above, below)
-  for (let power = base; unit === 0; power *= step) unit = factors.map((one) => one * power).find((one) => larger / one < LINES + 1) ?? 0
+  for (let power = base; unit === 0; power *= step)
+    unit = factors.map(one => one * power).find(one => larger / one < LINES + 1) ?? 0
   const out: number[] = []
-  for (let at = -LINES; at <= LINES; ++at) if (at * unit <= above && at * unit >= -below) out.push(at * unit)
+  for (let at = -LINES; at <= LINES; ++at)
+    if (at * unit <= above && at * unit >= -below) out.push(at * unit)
   return out
 }
 
 // Times at which there is a mark: round ones, as many as there is room for.
 export function timeMarks({ width, start, end }: Frame): number[] {
   const room = Math.max(1, Math.floor((width - LEFT - RIGHT) / MARK))
-  const step = TIMES.find((one) => (end - start) / one <= room) ?? 43_200
+  const step = TIMES.find(one => (end - start) / one <= room) ?? 43_200
   const offset = new Date(end * 1000).getTimezoneOffset() * 60 // so that hours are those of the clock
   const out: number[] = []
-  for (let time = Math.ceil((start - offset) / step) * step + offset; time <= end; time += step) out.push(time)
+  for (let time = Math.ceil((start - offset) / step) * step + offset; time <= end; time += step)
+    out.push(time)
   return out
 }
 
 // The sample nearest to a place; null without any.
 export function sampleAt(frame: Frame, times: readonly number[], x: number): number | null {
-  const time = frame.start + ((x - LEFT) / Math.max(1, frame.width - LEFT - RIGHT)) * (frame.end - frame.start)
+  const time =
+    frame.start + ((x - LEFT) / Math.max(1, frame.width - LEFT - RIGHT)) * (frame.end - frame.start)
   let best: number | null = null
   times.forEach((one, at) => {
-    if (one >= frame.start && (best === null || Math.abs(one - time) < Math.abs((times[best] ?? 0) - time))) best = at
+    if (
+      one >= frame.start &&
+      (best === null || Math.abs(one - time) < Math.abs((times[best] ?? 0) - time))
+    )
+      best = at
   })
   return best
 }

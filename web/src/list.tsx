@@ -19,12 +19,26 @@ export interface ShownFilter<T> extends Filter<T> {
   label: string
 }
 
-export const usual = (sort: string, down = false, size: number = SIZES[0]): Look => ({ q: '', filter: '', sort, down, page: 0, size })
+export const usual = (sort: string, down = false, size: number = SIZES[0]): Look => ({
+  q: '',
+  filter: '',
+  sort,
+  down,
+  page: 0,
+  size,
+})
 
-const change = (look: Look, usually: Look, to: Partial<Look>) => choose(queryFor({ ...look, page: 0, ...to }, usually))
+const change = (look: Look, usually: Look, to: Partial<Look>) =>
+  choose(queryFor({ ...look, page: 0, ...to }, usually))
 
 // The search and the filters above a list.
-export function Tools<T>({ look, usually, filters, counts, children }: {
+export function Tools<T>({
+  look,
+  usually,
+  filters,
+  counts,
+  children,
+}: {
   look: Look
   usually: Look
   filters: readonly ShownFilter<T>[]
@@ -40,12 +54,17 @@ export function Tools<T>({ look, usually, filters, counts, children }: {
         placeholder={t('list.search')}
         spellcheck={false}
         value={look.q}
-        onInput={(event) => change(look, usually, { q: event.currentTarget.value })}
+        onInput={event => change(look, usually, { q: event.currentTarget.value })}
       />
       {chips.length > 0 && (
         <div class="chips" role="group" aria-label={t('list.filter')}>
           {chips.map(({ name, label }) => (
-            <button key={name} type="button" aria-pressed={look.filter === name} onClick={() => change(look, usually, { filter: name })}>
+            <button
+              key={name}
+              type="button"
+              aria-pressed={look.filter === name}
+              onClick={() => change(look, usually, { filter: name })}
+            >
               {label} {counts && <b>{number(counts.get(name) ?? 0)}</b>}
             </button>
           ))}
@@ -57,7 +76,19 @@ export function Tools<T>({ look, usually, filters, counts, children }: {
 }
 
 // The pages of a list: first, back, any, next, last, and how many rows each has.
-export function Pages({ total, page, pages, look, usually }: { total: number; page: number; pages: number; look: Look; usually: Look }) {
+export function Pages({
+  total,
+  page,
+  pages,
+  look,
+  usually,
+}: {
+  total: number
+  page: number
+  pages: number
+  look: Look
+  usually: Look
+}) {
   const to = (next: number) => change(look, usually, { page: next })
   const jump = (event: Event) => {
     const wanted = Number((event.currentTarget as HTMLInputElement).value)
@@ -90,8 +121,11 @@ export function Pages({ total, page, pages, look, usually }: { total: number; pa
       {(total > SIZES[0] || look.size !== usually.size) && (
         <label class="jump">
           <span>{t('page.size')}</span>
-          <select value={String(look.size)} onChange={(event) => change(look, usually, { size: Number(event.currentTarget.value) })}>
-            {SIZES.map((size) => (
+          <select
+            value={String(look.size)}
+            onChange={event => change(look, usually, { size: Number(event.currentTarget.value) })}
+          >
+            {SIZES.map(size => (
               <option key={size} value={String(size)}>
                 {size}
               </option>
@@ -104,7 +138,15 @@ export function Pages({ total, page, pages, look, usually }: { total: number; pa
 }
 
 // The rows of one page as a table whose heads sort.
-export function Rows<T>({ label, rows, keyOf, columns, look, usually, marked }: {
+export function Rows<T>({
+  label,
+  rows,
+  keyOf,
+  columns,
+  look,
+  usually,
+  marked,
+}: {
   label: string
   rows: T[]
   keyOf: (row: T) => string | number
@@ -116,14 +158,16 @@ export function Rows<T>({ label, rows, keyOf, columns, look, usually, marked }: 
   return (
     <Table
       label={label}
-      heads={columns.map((one) =>
+      heads={columns.map(one =>
         one.head ? (
           one.head(rows)
         ) : one.sort ? (
           <SortHead
             active={look.sort === one.name}
             down={look.down}
-            onClick={() => change(look, usually, { sort: one.name, down: look.sort === one.name && !look.down })}
+            onClick={() =>
+              change(look, usually, { sort: one.name, down: look.sort === one.name && !look.down })
+            }
           >
             {one.label}
           </SortHead>
@@ -132,9 +176,9 @@ export function Rows<T>({ label, rows, keyOf, columns, look, usually, marked }: 
         ),
       )}
     >
-      {rows.map((row) => (
+      {rows.map(row => (
         <tr key={keyOf(row)} class={marked?.(row) ? 'changed' : ''}>
-          {columns.map((one) => {
+          {columns.map(one => {
             const style = [one.figure && 'figure', one.nowrap && 'nowrap'].filter(Boolean).join(' ')
             return one.rowHead ? (
               <th key={one.name} scope="row" class={style}>
@@ -152,7 +196,13 @@ export function Rows<T>({ label, rows, keyOf, columns, look, usually, marked }: 
   )
 }
 
-export function useList<T>(rows: readonly T[], textOf: (row: T) => string, columns: readonly Column<T>[], filters: readonly Filter<T>[], usually: Look) {
+export function useList<T>(
+  rows: readonly T[],
+  textOf: (row: T) => string,
+  columns: readonly Column<T>[],
+  filters: readonly Filter<T>[],
+  usually: Look,
+) {
   const look = lookOf(query.value, usually)
   return { look, seen: view(rows, textOf, columns, filters, look) }
 }
@@ -170,7 +220,19 @@ type ListProps<T> = {
   children?: ComponentChildren // beside the filters
   show?: ((rows: T[]) => ComponentChildren) | undefined // in place of the table
 }
-export function List<T>({ label, rows, textOf, keyOf, columns, filters = [], usually, marked, empty, children, show }: ListProps<T>) {
+export function List<T>({
+  label,
+  rows,
+  textOf,
+  keyOf,
+  columns,
+  filters = [],
+  usually,
+  marked,
+  empty,
+  children,
+  show,
+}: ListProps<T>) {
   const { look, seen } = useList(rows, textOf, columns, filters, usually)
   if (rows.length === 0) return <Empty>{empty}</Empty>
   return (
@@ -183,7 +245,15 @@ export function List<T>({ label, rows, textOf, keyOf, columns, filters = [], usu
       ) : show ? (
         show(seen.rows)
       ) : (
-        <Rows label={label} rows={seen.rows} keyOf={keyOf} columns={columns} look={look} usually={usually} marked={marked} />
+        <Rows
+          label={label}
+          rows={seen.rows}
+          keyOf={keyOf}
+          columns={columns}
+          look={look}
+          usually={usually}
+          marked={marked}
+        />
       )}
       <Pages total={seen.total} page={seen.page} pages={seen.pages} look={look} usually={usually} />
     </>

@@ -19,7 +19,8 @@ export interface Look {
 }
 export const SIZES = [15, 50, 200] as const
 
-const number = (text: string | undefined, fallback: number): number => (/^\d{1,6}$/.test(text ?? '') ? Number(text) : fallback)
+const number = (text: string | undefined, fallback: number): number =>
+  /^\d{1,6}$/.test(text ?? '') ? Number(text) : fallback
 
 // What the address says, or else the usual look of the list.
 export function lookOf(query: Query, usual: Look): Look {
@@ -31,7 +32,7 @@ export function lookOf(query: Query, usual: Look): Look {
     sort: sort.replace(/^-/, '') || usual.sort,
     down: sort ? sort.startsWith('-') : usual.down,
     page: Math.max(0, number(query['page'], 1) - 1),
-    size: SIZES.some((one) => one === size) ? size : usual.size,
+    size: SIZES.some(one => one === size) ? size : usual.size,
   }
 }
 
@@ -63,7 +64,10 @@ const compare = (a: string | number, b: string | number): number =>
 // Every word of a search has to be somewhere in the text of a row.
 export function matches(text: string, search: string): boolean {
   const where = text.toLowerCase()
-  return search.toLowerCase().split(/\s+/).every((word) => where.includes(word))
+  return search
+    .toLowerCase()
+    .split(/\s+/)
+    .every(word => where.includes(word))
 }
 
 export function view<T>(
@@ -73,11 +77,14 @@ export function view<T>(
   filters: readonly Filter<T>[],
   look: Look,
 ): View<T> {
-  const found = rows.filter((row) => matches(textOf(row), look.q))
-  const counts = new Map([['', found.length], ...filters.map((one): [string, number] => [one.name, found.filter(one.keeps).length])])
-  const filter = filters.find((one) => one.name === look.filter)
+  const found = rows.filter(row => matches(textOf(row), look.q))
+  const counts = new Map([
+    ['', found.length],
+    ...filters.map((one): [string, number] => [one.name, found.filter(one.keeps).length]),
+  ])
+  const filter = filters.find(one => one.name === look.filter)
   const all = filter ? found.filter(filter.keeps) : found
-  const key = columns.find((one) => one.name === look.sort)?.sort
+  const key = columns.find(one => one.name === look.sort)?.sort
   if (key) {
     const sign = look.down ? -1 : 1
     const order = all.map((row, at) => ({ row, at, key: key(row) }))
@@ -86,5 +93,12 @@ export function view<T>(
   }
   const pages = Math.max(1, Math.ceil(all.length / look.size))
   const page = Math.min(look.page, pages - 1)
-  return { rows: all.slice(page * look.size, (page + 1) * look.size), all, total: all.length, page, pages, counts }
+  return {
+    rows: all.slice(page * look.size, (page + 1) * look.size),
+    all,
+    total: all.length,
+    page,
+    pages,
+    counts,
+  }
 }

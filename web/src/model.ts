@@ -43,7 +43,9 @@ export interface Connection {
   tx_rate: number
 }
 // A connection or a device of WireGuard, whose rates no one counts.
-export interface Live extends Omit<Connection, 'login' | 'rx_rate' | 'tx_rate'>, Partial<Pick<Connection, 'rx_rate' | 'tx_rate'>> {
+export interface Live
+  extends Omit<Connection, 'login' | 'rx_rate' | 'tx_rate'>,
+    Partial<Pick<Connection, 'rx_rate' | 'tx_rate'>> {
   held: number // until when its user is kept out, 0 for one who is not
 }
 // Who is kept out of the servers.
@@ -85,7 +87,7 @@ export const SERVERS = sum('server')
 export const CLIENTS = sum('client')
 
 export const protocolOf = (type: number): Protocol | undefined =>
-  PROTOCOLS.find((one) => one.server === type || one.client === type)
+  PROTOCOLS.find(one => one.server === type || one.client === type)
 export const labelOf = (type: number): string => protocolOf(type)?.label ?? String(type)
 
 const FRESH = 180 // seconds after which a WireGuard peer that has not spoken counts as gone
@@ -93,7 +95,13 @@ const FRESH = 180 // seconds after which a WireGuard peer that has not spoken co
 // Seconds since a handshake from the tool's own words: "1 minute, 3 seconds ago", "Now", or nothing at all.
 export function handshakeAge(text: string): number | null {
   if (text === '') return null
-  const sizes: Record<string, number> = { second: 1, minute: 60, hour: 3600, day: 86_400, year: 31_536_000 }
+  const sizes: Record<string, number> = {
+    second: 1,
+    minute: 60,
+    hour: 3600,
+    day: 86_400,
+    year: 31_536_000,
+  }
   let age = 0
   for (const [, amount, unit] of text.matchAll(/(\d+) (second|minute|hour|day|year)/g))
     age += Number(amount) * (sizes[unit ?? ''] ?? 0)
@@ -111,8 +119,14 @@ export const isLive = (peer: Peer): boolean => {
 }
 
 // Whom the restart of a server throws out.
-export const liveCount = (type: number, connections: readonly Connection[], peers: readonly Peer[]): number =>
-  type === WIREGUARD ? peers.filter(isLive).length : connections.filter((one) => one.type === type).length
+export const liveCount = (
+  type: number,
+  connections: readonly Connection[],
+  peers: readonly Peer[],
+): number =>
+  type === WIREGUARD
+    ? peers.filter(isLive).length
+    : connections.filter(one => one.type === type).length
 
 // What an import would make of a file, line by line.
 export interface ReportLine {
@@ -134,4 +148,4 @@ export interface Report {
 
 // The lines that a user has to know of: all but those that are kept and the blank ones, unless `all` are wanted.
 export const shownLines = (report: Report, all: boolean): ReportLine[] =>
-  report.lines.filter((line) => all || (line.fate !== 'kept' && !line.blank))
+  report.lines.filter(line => all || (line.fate !== 'kept' && !line.blank))

@@ -1,7 +1,15 @@
 // OpenVPN profiles before they are sent: which of the chosen files belong together.
 
 // The files that a profile can name beside itself, as the variables that bring them.
-export const COMPANIONS = ['ca', 'cert', 'key', 'pkcs12', 'extra_certs', 'tls_auth', 'crl_verify'] as const
+export const COMPANIONS = [
+  'ca',
+  'cert',
+  'key',
+  'pkcs12',
+  'extra_certs',
+  'tls_auth',
+  'crl_verify',
+] as const
 export type Companion = (typeof COMPANIONS)[number]
 // Without these the profile is not even judged.
 export const NEEDED: readonly Companion[] = ['ca', 'cert', 'key']
@@ -37,4 +45,4 @@ export const isProfile = (name: string): boolean => /\.(ovpn|conf)$/i.test(name)
 
 // The chosen file that a reference means, by its name.
 export const match = (name: string, files: readonly File[]): File | undefined =>
-  files.find((file) => file.name.toLowerCase() === name.toLowerCase())
+  files.find(file => file.name.toLowerCase() === name.toLowerCase())

@@ -14,7 +14,11 @@ export interface Polled<T> {
 
 // Calls `ask` at once and then every `interval` milliseconds after an answer. A hidden tab, a session that has run out
 // and a page at which nobody is stop it; what fails is asked less and less often.
-export function usePoll<T>(ask: () => Promise<T>, interval: number, keys: readonly unknown[] = []): Polled<T> {
+export function usePoll<T>(
+  ask: () => Promise<T>,
+  interval: number,
+  keys: readonly unknown[] = [],
+): Polled<T> {
   const [state, setState] = useState<{ value: T | undefined; failure: ApiError | null }>({
     value: undefined,
     failure: null,
@@ -41,7 +45,7 @@ export function usePoll<T>(ask: () => Promise<T>, interval: number, keys: readon
         if (alive) setState({ value, failure: null })
       } catch (failure) {
         pause = Math.min(pause * 2, SLOWEST)
-        if (alive) setState((old) => ({ value: old.value, failure: failure as ApiError }))
+        if (alive) setState(old => ({ value: old.value, failure: failure as ApiError }))
       }
       running = false
       if (!alive) return
@@ -54,7 +58,7 @@ export function usePoll<T>(ask: () => Promise<T>, interval: number, keys: readon
       if (!document.hidden && !idle.peek() && !session.expired.peek()) void run()
     }
     let away = idle.peek()
-    const unwatch = idle.subscribe((now) => {
+    const unwatch = idle.subscribe(now => {
       if (away && !now) seen()
       away = now
     })

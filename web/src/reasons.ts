@@ -49,17 +49,23 @@ const OF_STATUS = ['off', 'up', 'starting']
 export const stateOfStatus = (status: number): string => OF_STATUS[status] ?? 'off'
 
 // Nothing changes any more until somebody does something.
-export const isSettled = (state: string): boolean => state === 'up' || state === 'failed' || state === 'off'
+export const isSettled = (state: string): boolean =>
+  state === 'up' || state === 'failed' || state === 'off'
 
 // In the language of the user; a code that these pages do not know comes as the appliance says it.
-const words = (kind: 'why' | 'cure', reason: Reason, otherwise: string): string => textOr(`${kind}.${reason.code}`, otherwise)
+const words = (kind: 'why' | 'cure', reason: Reason, otherwise: string): string =>
+  textOr(`${kind}.${reason.code}`, otherwise)
 export const whyOf = (reason: Reason): string => words('why', reason, reason.text)
 export const cureOf = (reason: Reason): string => words('cure', reason, reason.advice)
 
 export type States = ReadonlyMap<string, TunnelState>
-export const stateKey = (one: { type: number; index?: unknown }): string => `${one.type}-${Number(one.index ?? 0)}`
+export const stateKey = (one: { type: number; index?: unknown }): string =>
+  `${one.type}-${Number(one.index ?? 0)}`
 // An appliance without this route has no states to tell.
 export const readStates = async (type: number): Promise<States> => {
-  const rows = await call<TunnelState[] | null>('status/list', { type }).then((answer) => answer.data ?? [], () => [])
-  return new Map(rows.map((row) => [stateKey(row), row]))
+  const rows = await call<TunnelState[] | null>('status/list', { type }).then(
+    answer => answer.data ?? [],
+    () => [],
+  )
+  return new Map(rows.map(row => [stateKey(row), row]))
 }

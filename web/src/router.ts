@@ -37,7 +37,7 @@ if (typeof window !== 'undefined')
     const now = mayLeave()
     // The address stays that of the page until there is an answer.
     history.replaceState(null, '', shown || '#/')
-    void now.then((yes) => yes && show(wanted))
+    void now.then(yes => yes && show(wanted))
   })
 export const go = (path: string): void => {
   location.hash = `#/${path}`

@@ -15,47 +15,50 @@ export function parseAddress(text: string): number | null {
   return out
 }
 
-export const required: Rule = (value) => (value.trim() === '' ? 'rule.required' : null)
-export const address: Rule = (value) => (parseAddress(value) === null ? 'rule.address' : null)
+export const required: Rule = value => (value.trim() === '' ? 'rule.required' : null)
+export const address: Rule = value => (parseAddress(value) === null ? 'rule.address' : null)
 export const optional =
   (rule: Rule): Rule =>
-  (value) =>
+  value =>
     value === '' ? null : rule(value)
 
 export const range =
   (least: number, most: number): Rule =>
-  (value) =>
+  value =>
     /^\d+$/.test(value) && Number(value) >= least && Number(value) <= most ? null : 'rule.range'
 
 export const atMost =
   (limit: number): Rule =>
-  (value) =>
+  value =>
     byteLength(value) > limit ? 'rule.long' : null
 
 // One of the private networks that a server may give addresses of.
-export const pool: Rule = (value) => {
+export const pool: Rule = value => {
   const number = parseAddress(value)
   if (number === null) return 'rule.address'
   const [first, second] = [Math.floor(number / 2 ** 24), Math.floor(number / 2 ** 16) % 256]
   const isPrivate =
-    first === 10 || (first === 172 && second >= 16 && second <= 31) || (first === 192 && second === 168)
+    first === 10 ||
+    (first === 172 && second >= 16 && second <= 31) ||
+    (first === 192 && second === 168)
   return isPrivate ? null : 'rule.private'
 }
 
 // 32 bytes in base64, as WireGuard writes its keys.
-export const key: Rule = (value) => (/^[A-Za-z0-9+/]{42}[AEIMQUYcgkosw048]=$/.test(value) ? null : 'rule.key')
+export const key: Rule = value =>
+  /^[A-Za-z0-9+/]{42}[AEIMQUYcgkosw048]=$/.test(value) ? null : 'rule.key'
 
-export const endpoint: Rule = (value) => {
+export const endpoint: Rule = value => {
   const colon = value.lastIndexOf(':')
   if (colon <= 0 || value.indexOf(':') !== colon) return 'rule.endpoint'
   return range(1, 65535)(value.slice(colon + 1)) ? 'rule.endpoint' : null
 }
 
-export const host: Rule = (value) => (/^[A-Za-z0-9._:-]{1,255}$/.test(value) ? null : 'rule.host')
+export const host: Rule = value => (/^[A-Za-z0-9._:-]{1,255}$/.test(value) ? null : 'rule.host')
 
 export const all =
   (...rules: Rule[]): Rule =>
-  (value) => {
+  value => {
     for (const rule of rules) {
       const found = rule(value)
       if (found) return found
@@ -69,10 +72,10 @@ export function freeAddress(serverAddress: string, mask: number, taken: readonly
   if (server === null || mask < 8 || mask > 30) return ''
   const size = 2 ** (32 - mask)
   const network = Math.floor(server / size) * size
-  const used = new Set([...taken.map((one) => parseAddress(one.split('/')[0] ?? '')), server])
+  const used = new Set([...taken.map(one => parseAddress(one.split('/')[0] ?? '')), server])
   for (let one = network + 1; one < network + size - 1; ++one) {
     if (used.has(one)) continue
-    return [24, 16, 8, 0].map((shift) => Math.floor(one / 2 ** shift) % 256).join('.')
+    return [24, 16, 8, 0].map(shift => Math.floor(one / 2 ** shift) % 256).join('.')
   }
   return ''
 }

@@ -47,7 +47,7 @@ class Session {
   renewed(refused: string): Promise<void> {
     if (this.sid.peek() !== refused && this.sid.peek() !== '') return Promise.resolve()
     if (this.login.peek()) this.expired.value = true
-    return new Promise((go) => this.waiting.push(go))
+    return new Promise(go => this.waiting.push(go))
   }
 }
 

@@ -12,7 +12,10 @@ const LANGUAGES = {
   fr: { name: 'Français', load: () => import('./texts/fr') },
 } as const
 export type Language = keyof typeof LANGUAGES
-export const languages = Object.entries(LANGUAGES).map(([id, { name }]) => ({ id: id as Language, name }))
+export const languages = Object.entries(LANGUAGES).map(([id, { name }]) => ({
+  id: id as Language,
+  name,
+}))
 const PLACE = 'ormel.language'
 
 export const language = signal<Language>('en')
@@ -37,7 +40,9 @@ export async function setLanguage(to: Language): Promise<void> {
 
 // The language that was chosen here, or else the first of the browser's that there is.
 export async function firstLanguage(): Promise<void> {
-  const wanted = [localStorage.getItem(PLACE) ?? '', ...navigator.languages].map((one) => one.slice(0, 2))
+  const wanted = [localStorage.getItem(PLACE) ?? '', ...navigator.languages].map(one =>
+    one.slice(0, 2),
+  )
   await speak(wanted.find(isLanguage) ?? 'en')
 }
 
@@ -51,4 +56,5 @@ export function t(key: TextKey, values: Record<string, string | number> = {}): s
 }
 
 // The text of a key that may be none.
-export const textOr = (key: string, otherwise: string): string => (key in english ? t(key as TextKey) : otherwise)
+export const textOr = (key: string, otherwise: string): string =>
+  key in english ? t(key as TextKey) : otherwise

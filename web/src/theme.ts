@@ -5,11 +5,13 @@ export const THEMES = ['auto', 'light', 'dark'] as const
 export type Theme = (typeof THEMES)[number]
 const PLACE = 'ormel.theme'
 
-const isTheme = (text: string | null): text is Theme => THEMES.some((one) => one === text)
+const isTheme = (text: string | null): text is Theme => THEMES.some(one => one === text)
 const stored = typeof localStorage === 'undefined' ? null : localStorage.getItem(PLACE)
 export const theme = signal<Theme>(isTheme(stored) ? stored : 'auto')
 const systemDark = signal(false)
-export const dark = computed(() => (theme.value === 'auto' ? systemDark.value : theme.value === 'dark'))
+export const dark = computed(() =>
+  theme.value === 'auto' ? systemDark.value : theme.value === 'dark',
+)
 
 export function setTheme(to: Theme): void {
   localStorage.setItem(PLACE, to)

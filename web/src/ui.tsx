@@ -10,7 +10,8 @@ const ICONS = {
   overview: 'M3 13h7V3H3zM14 21h7V11h-7zM14 7h7V3h-7zM3 21h7v-4H3z',
   server: 'M4 4h16v6H4zM4 14h16v6H4zM8 7h.01M8 17h.01',
   client: 'M5 12a7 7 0 0 1 7-7M5 12a7 7 0 0 0 7 7M12 5l7 7-7 7M9 12h10',
-  connections: 'M9 7a3 3 0 1 0 0 .01M3 20v-1a6 6 0 0 1 12 0v1M16 4.5a3 3 0 0 1 0 5M18 14a6 6 0 0 1 3 5v1',
+  connections:
+    'M9 7a3 3 0 1 0 0 .01M3 20v-1a6 6 0 0 1 12 0v1M16 4.5a3 3 0 0 1 0 5M18 14a6 6 0 0 1 3 5v1',
   rights: 'M12 3l8 3v6c0 5-3.4 8-8 9-4.6-1-8-4-8-9V6zM9 12l2 2 4-4',
   logs: 'M6 3h9l4 4v14H6zM14 3v5h5M9 13h7M9 17h7',
   gateway: 'M4 12h4l3-7 3 14 3-7h3',
@@ -53,7 +54,17 @@ type ButtonProps = {
   first?: boolean // has the focus when its dialog opens
   children?: ComponentChildren
 }
-export const Button = ({ onClick, kind = 'plain', busy, disabled, icon, label, submit, first, children }: ButtonProps) => (
+export const Button = ({
+  onClick,
+  kind = 'plain',
+  busy,
+  disabled,
+  icon,
+  label,
+  submit,
+  first,
+  children,
+}: ButtonProps) => (
   <button
     type={submit ? 'submit' : 'button'}
     class={`button ${kind}`}
@@ -71,9 +82,13 @@ export const Button = ({ onClick, kind = 'plain', busy, disabled, icon, label, s
 
 export const LanguageChoice = () => (
   <Field label={t('account.language')}>
-    {(ids) => (
-      <select {...ids} value={language.value} onChange={(event) => void setLanguage(event.currentTarget.value as Language)}>
-        {languages.map((one) => (
+    {ids => (
+      <select
+        {...ids}
+        value={language.value}
+        onChange={event => void setLanguage(event.currentTarget.value as Language)}
+      >
+        {languages.map(one => (
           <option key={one.id} value={one.id} lang={one.id}>
             {one.name}
           </option>
@@ -108,7 +123,13 @@ export const Badge = ({ tone, children }: { tone: Tone; children: ComponentChild
   <span class={`badge ${tone}`}>{children}</span>
 )
 
-export const Notice = ({ tone = 'warn', children }: { tone?: Tone; children: ComponentChildren }) => (
+export const Notice = ({
+  tone = 'warn',
+  children,
+}: {
+  tone?: Tone
+  children: ComponentChildren
+}) => (
   <div class={`notice ${tone}`} role={tone === 'bad' ? 'alert' : undefined}>
     <Icon name={tone === 'good' ? 'check' : 'warning'} />
     <div>{children}</div>
@@ -132,7 +153,9 @@ export function Failure({ failure, onRetry }: { failure: unknown; onRetry?: () =
   )
 }
 
-export const Empty = ({ children }: { children: ComponentChildren }) => <p class="empty">{children}</p>
+export const Empty = ({ children }: { children: ComponentChildren }) => (
+  <p class="empty">{children}</p>
+)
 
 export const Facts = ({ rows }: { rows: readonly (readonly [string, ComponentChildren])[] }) => (
   <dl class="facts">
@@ -203,7 +226,12 @@ export function Tabs<T extends string>({
   return (
     <div class="tabs" role="group" aria-label={label}>
       {names.map(([name, text]) => (
-        <button key={name} type="button" aria-pressed={name === current} onClick={() => onPick(name)}>
+        <button
+          key={name}
+          type="button"
+          aria-pressed={name === current}
+          onClick={() => onPick(name)}
+        >
           {text}
         </button>
       ))}
@@ -215,7 +243,11 @@ type FieldProps = {
   label: string
   help?: string | undefined
   error?: string | null | undefined
-  children: (ids: { id: string; 'aria-describedby': string | undefined; 'aria-invalid': boolean }) => JSX.Element
+  children: (ids: {
+    id: string
+    'aria-describedby': string | undefined
+    'aria-invalid': boolean
+  }) => JSX.Element
 }
 export function Field({ label, help, error, children }: FieldProps) {
   const id = useId()
@@ -263,7 +295,7 @@ export const Switch = ({
         checked={on}
         disabled={disabled}
         aria-describedby={help ? `${id}-help` : undefined}
-        onChange={(event) => onChange(event.currentTarget.checked)}
+        onChange={event => onChange(event.currentTarget.checked)}
       />
       <label for={id}>{label}</label>
       {help && (
@@ -316,7 +348,9 @@ export function Dialog({
     const before = document.activeElement as HTMLElement | null
     const shown = box.current
     shown?.showModal()
-    const first = shown?.querySelector<HTMLElement>('[data-first]') ?? shown?.querySelector<HTMLElement>(FIRST_FIELD)
+    const first =
+      shown?.querySelector<HTMLElement>('[data-first]') ??
+      shown?.querySelector<HTMLElement>(FIRST_FIELD)
     first?.focus()
     return () => {
       shown?.close() // what lies below takes no focus while this is open
@@ -325,7 +359,7 @@ export function Dialog({
   }, [])
   const below = useRef(new Set(touched)).current // forms of the page itself
   const dismiss = async () => {
-    const loses = [...touched].some((form) => !below.has(form))
+    const loses = [...touched].some(form => !below.has(form))
     if (!loses || (await leave())) onClose?.()
   }
   return (
@@ -333,14 +367,16 @@ export function Dialog({
       ref={box}
       class={wide ? 'wide' : ''}
       aria-labelledby={id}
-      onCancel={(event) => {
+      onCancel={event => {
         event.preventDefault()
         void dismiss()
       }}
     >
       <header>
         <h2 id={id}>{title}</h2>
-        {onClose && <Button kind="quiet" icon="close" label={t('close')} onClick={() => void dismiss()} />}
+        {onClose && (
+          <Button kind="quiet" icon="close" label={t('close')} onClick={() => void dismiss()} />
+        )}
       </header>
       {children}
       <Sayings />
@@ -348,12 +384,18 @@ export function Dialog({
   )
 }
 
-type Question = { title: string; text: string; action: string; danger?: boolean; more?: readonly string[] }
+type Question = {
+  title: string
+  text: string
+  action: string
+  danger?: boolean
+  more?: readonly string[]
+}
 const question = signal<(Question & { answer: (yes: boolean) => void }) | null>(null)
 
 // Asks the user; true for a yes.
 export const confirm = (what: Question): Promise<boolean> =>
-  new Promise((answer) => {
+  new Promise(answer => {
     question.value = { ...what, answer }
   })
 
@@ -369,7 +411,7 @@ export function Questions() {
       <p>{asked.text}</p>
       {asked.more && asked.more.length > 0 && (
         <ul class="changes">
-          {asked.more.map((line) => (
+          {asked.more.map(line => (
             <li key={line}>
               <bdi>{line}</bdi>
             </li>
@@ -429,7 +471,13 @@ export function useJob() {
 }
 
 // The end of a form whose job "save" it is: what failed, what stands beside the button, the button.
-export const SaveRow = ({ job, children }: { job: ReturnType<typeof useJob>; children?: ComponentChildren }) => (
+export const SaveRow = ({
+  job,
+  children,
+}: {
+  job: ReturnType<typeof useJob>
+  children?: ComponentChildren
+}) => (
   <>
     <Failure failure={job.failure} />
     <div class="row end">

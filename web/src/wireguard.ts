@@ -31,7 +31,12 @@ export function deviceConfig(device: DeviceSettings): string {
 
 // A name of up to 15 characters, as the tool that reads the file takes its interface's name from it.
 export const fileName = (name: string): string =>
-  `${name.replace(/[^A-Za-z0-9_-]+/g, '-').replace(/^-+|-+$/g, '').slice(0, 15) || 'wireguard'}.conf`
+  `${
+    name
+      .replace(/[^A-Za-z0-9_-]+/g, '-')
+      .replace(/^-+|-+$/g, '')
+      .slice(0, 15) || 'wireguard'
+  }.conf`
 
 // From the setting in such a file, in small letters behind its section, to the variable of a client profile.
 const VARIABLES: Record<string, string> = {
@@ -64,7 +69,11 @@ export function readConfig(text: string): Record<string, string> | null {
   }
   if (!found['client_pri_key'] || !found['peer_pub_key']) return null
   // One IPv4 address is what a profile holds.
-  const first = (list: string) => list.split(',').map((one) => one.trim().replace(/\/\d+$/, '')).find((one) => one.includes('.')) ?? ''
+  const first = (list: string) =>
+    list
+      .split(',')
+      .map(one => one.trim().replace(/\/\d+$/, ''))
+      .find(one => one.includes('.')) ?? ''
   if (found['client_ip']) found['client_ip'] = first(found['client_ip'])
   if (found['manual_dns']) found['manual_dns'] = first(found['manual_dns'])
   return found

@@ -15,8 +15,13 @@ const FAR = 'https://192.168.77.2'
 const PATIENCE = 90_000 // milliseconds; a tunnel takes its time, and the machine may be busy
 const DESK = process.env.DESK
 const FLAGS = [
-  '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
-  '--disable-component-update', '--disable-sync',
+  '--no-sandbox',
+  '--disable-gpu',
+  '--disable-quic',
+  '--no-first-run',
+  '--disable-background-networking',
+  '--disable-component-update',
+  '--disable-sync',
 ]
 const SPEAKING = { timeout: PATIENCE }
 const HOSTILE = `<img src=x onerror=alert(1)>"'&amp; x ${'🦔'.repeat(138)} \u202Eneddih` // 600 bytes, the longest name
@@ -27,19 +32,30 @@ const TRAFFIC = `for size in 400 900 1300 700 1300 300 1000 1300; do
   for far in 10.8.0.2 198.18.7.2; do
     ping -q -i 0.0$((RANDOM % 6 + 2)) -s $((size + RANDOM % 100)) -w 6 $far & done; wait; done >/dev/null 2>&1 || true`
 
-const text = (path) => readFileSync(path, 'utf8').trim()
+const text = path => readFileSync(path, 'utf8').trim()
 const run = (...words) => execFileSync(words[0], words.slice(1), { encoding: 'utf8' })
 
 let browser, near, far
 const trouble = [] // what the browser complains of on any page
 
 async function open(address, options = {}) {
-  const context = await browser.newContext({ ignoreHTTPSErrors: true, viewport: { width: 1280, height: 860 }, locale: 'en', ...options })
+  const context = await browser.newContext({
+    ignoreHTTPSErrors: true,
+    viewport: { width: 1280, height: 860 },
+    locale: 'en',
+    ...options,
+  })
   context.setDefaultTimeout(PATIENCE)
   const page = await context.newPage()
-  page.on('pageerror', (error) => trouble.push(`${address}: ${error.message}`))
-  page.on('console', (line) => line.type() === 'error' && !line.text().includes('Failed to load resource') && trouble.push(line.text()))
-  page.on('dialog', (dialog) => trouble.push(`a script ran: ${dialog.message()}`))
+  page.on('pageerror', error => trouble.push(`${address}: ${error.message}`))
+  page.on(
+    'console',
+    line =>
+      line.type() === 'error' &&
+      !line.text().includes('Failed to load resource') &&
+      trouble.push(line.text()),
+  )
+  page.on('dialog', dialog => trouble.push(`a script ran: ${dialog.message()}`))
   await page.goto(`${address}/`)
   return page
 }
@@ -57,14 +73,17 @@ async function go(page, path, heading) {
 const said = (page, words) => page.locator('.said').getByText(words).waitFor()
 const card = (page, name) => page.getByRole('region', { name, exact: true })
 const button = (place, name) => place.getByRole('button', { name })
-const focused = async (what, why) => assert.ok(await what.evaluate((one) => one === document.activeElement), `${why} has the focus`)
-const badge = (place, words) => place.locator('.badge', { hasText: words }).first().waitFor(SPEAKING)
+const focused = async (what, why) =>
+  assert.ok(await what.evaluate(one => one === document.activeElement), `${why} has the focus`)
+const badge = (place, words) =>
+  place.locator('.badge', { hasText: words }).first().waitFor(SPEAKING)
 
 // Files let fall somewhere on the page, as a mouse brings them.
 async function dropFiles(page, paths, x, y) {
   const devtools = await page.context().newCDPSession(page)
   const data = { items: [], files: paths, dragOperationsMask: 1 }
-  for (const type of ['dragEnter', 'dragOver', 'drop']) await devtools.send('Input.dispatchDragEvent', { type, x, y, data })
+  for (const type of ['dragEnter', 'dragOver', 'drop'])
+    await devtools.send('Input.dispatchDragEvent', { type, x, y, data })
   await devtools.detach()
 }
 
@@ -73,7 +92,9 @@ async function accessible(page, where) {
   await page.waitForTimeout(300)
   const devtools = await page.context().newCDPSession(page)
   const { frameTree } = await devtools.send('Page.getFrameTree')
-  const { executionContextId } = await devtools.send('Page.createIsolatedWorld', { frameId: frameTree.frame.id })
+  const { executionContextId } = await devtools.send('Page.createIsolatedWorld', {
+    frameId: frameTree.frame.id,
+  })
   const { result } = await devtools.send('Runtime.evaluate', {
     contextId: executionContextId,
     awaitPromise: true,
@@ -112,7 +133,7 @@ test('nobody gets in with a wrong password, an administrator does', async () => 
 // Counts the clicks of a user on the way to something.
 const clicker = () => {
   let clicks = 0
-  return { click: async (what) => (++clicks, what.click()), count: () => clicks }
+  return { click: async what => (++clicks, what.click()), count: () => clicks }
 }
 
 test('a fresh appliance leads to an OpenVPN profile in six clicks at most', async () => {
@@ -124,14 +145,23 @@ test('a fresh appliance leads to an OpenVPN profile in six clicks at most', asyn
   await accessible(near, 'choice of a server')
   await click(button(dialog, 'People with a user account'))
   await dialog.getByText('The OpenVPN server is on.').waitFor(SPEAKING)
-  assert.equal(await dialog.getByLabel('root', { exact: true }).count(), 0, 'accounts of the system are no people')
+  assert.equal(
+    await dialog.getByLabel('root', { exact: true }).count(),
+    0,
+    'accounts of the system are no people',
+  )
   await click(dialog.getByLabel('guest', { exact: true }))
   await accessible(near, 'choice of users')
-  const [file] = await Promise.all([near.waitForEvent('download'), click(button(dialog, 'Allow and download the profile'))])
+  const [file] = await Promise.all([
+    near.waitForEvent('download'),
+    click(button(dialog, 'Allow and download the profile')),
+  ])
   assert.equal(file.suggestedFilename(), 'office-192.168.77.1.ovpn')
   assert.ok(count() <= 6, `${count()} clicks`)
   await button(dialog, 'Done').click()
-  await focused(button(near.getByRole('banner'), 'admin'), 'nothing that is gone').catch(() => undefined)
+  await focused(button(near.getByRole('banner'), 'admin'), 'nothing that is gone').catch(
+    () => undefined,
+  )
   await badge(card(near, 'VPN servers'), 'On')
   assert.equal(await card(near, 'Let people in').count(), 0, 'the first run is over')
 })
@@ -174,7 +204,11 @@ test('an OpenVPN server is switched on, and a form is judged before it is sent',
   await form.getByLabel('Client network').fill('192.168.77.0')
   await button(form, 'Save').click()
   await form.getByText('ip pool conflict (error 44)').waitFor()
-  assert.equal(await form.getByLabel('Client network').inputValue(), '192.168.77.0', 'nothing is lost')
+  assert.equal(
+    await form.getByLabel('Client network').inputValue(),
+    '192.168.77.0',
+    'nothing is lost',
+  )
   await form.getByLabel('Client network').fill('10.8.0.0')
   await button(form, 'Save').click()
   await said(near, 'Saved.')
@@ -201,13 +235,16 @@ test('a user is given the right, the profile is downloaded', async () => {
   await accessible(near, 'rights')
 
   await go(near, 'servers/ovpn', 'VPN servers')
-  const [file] = await Promise.all([near.waitForEvent('download'), button(near, 'Download profile').click()])
+  const [file] = await Promise.all([
+    near.waitForEvent('download'),
+    button(near, 'Download profile').click(),
+  ])
   await file.saveAs(`${DESK}/office.ovpn`)
   assert.match(text(`${DESK}/office.ovpn`), /\nremote 192\.168\.77\.1 1194\n/)
 })
 
 const FILES = 'input[type=file]'
-const client = (name) => far.locator('section.client', { hasText: name })
+const client = name => far.locator('section.client', { hasText: name })
 
 test('several profiles are dropped at once, and what one of them lacks is asked for', async () => {
   const profile = text(`${DESK}/office.ovpn`)
@@ -217,8 +254,15 @@ test('several profiles are dropped at once, and what one of them lacks is asked 
   await go(far, 'overview', 'Overview')
   await dropFiles(far, [`${DESK}/office.ovpn`], 640, 700) // this page takes none, and is not left for one either
   await go(far, 'clients', 'VPN clients')
-  await dropFiles(far, ['office', 'branch', 'broken'].map((name) => `${DESK}/${name}.ovpn`), 100, 820)
-  const [branch, broken] = ['branch.ovpn', 'broken.ovpn'].map((name) => far.getByRole('region', { name }))
+  await dropFiles(
+    far,
+    ['office', 'branch', 'broken'].map(name => `${DESK}/${name}.ovpn`),
+    100,
+    820,
+  )
+  const [branch, broken] = ['branch.ovpn', 'broken.ovpn'].map(name =>
+    far.getByRole('region', { name }),
+  )
   await branch.getByText('The profile names files that are missing: branch ca.crt.').waitFor()
   await broken.getByText('The profile names files that are missing: my.crt.').waitFor()
   await accessible(far, 'import')
@@ -239,7 +283,11 @@ test('the profile is imported on the other appliance', async () => {
   await button(one, 'Import').click()
   await one.waitFor({ state: 'detached' })
   await client('onerror').waitFor()
-  assert.equal((await client('onerror').locator('h2').textContent()).trim(), HOSTILE, 'a name is text')
+  assert.equal(
+    (await client('onerror').locator('h2').textContent()).trim(),
+    HOSTILE,
+    'a name is text',
+  )
 })
 
 test('wrong passwords lock a user out, and an administrator lets the user in again', async () => {
@@ -252,13 +300,19 @@ test('wrong passwords lock a user out, and an administrator lets the user in aga
   await button(near, 'Servers').click()
   for (let attempt = 0; attempt < 2; ++attempt) {
     await button(client('onerror'), /^Connect /).click()
-    await near.getByRole('row', { name: /guest.*Refused/ }).nth(attempt).waitFor()
+    await near
+      .getByRole('row', { name: /guest.*Refused/ })
+      .nth(attempt)
+      .waitFor()
     await button(client('onerror'), /^Give up /).click()
   }
   await accessible(near, 'logs')
   await button(near, 'Refused').click()
   await button(near, 'Refused').getByText('2', { exact: true }).waitFor()
-  const [csv] = await Promise.all([near.waitForEvent('download'), button(near, 'Export CSV').click()])
+  const [csv] = await Promise.all([
+    near.waitForEvent('download'),
+    button(near, 'Export CSV').click(),
+  ])
   await csv.saveAs(`${DESK}/log.csv`)
   assert.match(text(`${DESK}/log.csv`), /OpenVPN,guest,Refused,.*wrong password/)
   await button(near.getByRole('row', { name: /guest/ }).first(), 'guest').click()
@@ -268,7 +322,10 @@ test('wrong passwords lock a user out, and an administrator lets the user in aga
   await focused(button(about, 'Close').last(), 'what does no harm')
   await accessible(near, 'user')
   await near.keyboard.press('Escape')
-  await focused(button(near.getByRole('row', { name: /guest/ }).first(), 'guest'), 'what had it before')
+  await focused(
+    button(near.getByRole('row', { name: /guest/ }).first(), 'guest'),
+    'what had it before',
+  )
   await go(near, 'rights', 'Rights')
   const locked = card(near, 'Locked out')
   await button(locked, 'Unlock guest').click(SPEAKING)
@@ -292,7 +349,9 @@ test('with the right password the tunnel comes up', async () => {
 test('the connection is seen live, and a restart says whom it drops', async () => {
   await go(near, 'overview', 'Overview')
   await card(near, 'Who is connected').getByText('guest').waitFor(SPEAKING)
-  const inside = await client('office').locator('dd', { hasText: /^10\.8\./ }).textContent()
+  const inside = await client('office')
+    .locator('dd', { hasText: /^10\.8\./ })
+    .textContent()
   run('ping', '-c', '40', '-i', '0.1', '-s', '1200', inside)
   await near.locator('.graph path.curve-1').waitFor()
   await near.mouse.move(700, 420)
@@ -339,7 +398,10 @@ test('a WireGuard device is added, and its QR code is all that it needs', async 
   assert.equal(decoded, await near.locator('dialog pre').textContent())
   assert.match(decoded, /Endpoint = 192\.168\.77\.1:51820\n/)
 
-  await far.locator(FILES).first().setInputFiles({ name: 'phone.conf', mimeType: 'text/plain', buffer: Buffer.from(decoded) })
+  await far
+    .locator(FILES)
+    .first()
+    .setInputFiles({ name: 'phone.conf', mimeType: 'text/plain', buffer: Buffer.from(decoded) })
   await button(far.getByRole('dialog'), 'Save').click()
   await said(far, 'The tunnel has been added.')
   await button(client('phone'), 'Connect phone').click()
@@ -367,7 +429,11 @@ test('a device is disabled for a while, and expires on a day', async () => {
   await dialog.getByLabel('Expires on').fill('2099-12-31')
   await button(dialog, 'Save').click()
   await row.getByText('until Dec 31, 2099').waitFor(SPEAKING)
-  assert.notEqual(run('wg', 'show', 'wg0', 'peers').trim(), '', 'a day that is to come lets the device in')
+  assert.notEqual(
+    run('wg', 'show', 'wg0', 'peers').trim(),
+    '',
+    'a day that is to come lets the device in',
+  )
   await button(client('phone'), 'Disconnect phone').click() // a session that the server has forgotten lasts two minutes
   await button(client('phone'), 'Connect phone').click(SPEAKING)
   await badge(client('phone'), 'Connected')
@@ -471,13 +537,24 @@ test('an appliance without the SD-WAN says so', async () => {
 })
 
 test('an appliance joins the SD-WAN by the cloud of the demonstration, lives in it and leaves', async () => {
-  const [first, second] = ['First', HOSTILE].map((name) => {
-    const made = run('curl', '-sS', '-H', 'Authorization: Bearer cloud-token', '-d', JSON.stringify({ name }), PORTAL)
+  const [first, second] = ['First', HOSTILE].map(name => {
+    const made = run(
+      'curl',
+      '-sS',
+      '-H',
+      'Authorization: Bearer cloud-token',
+      '-d',
+      JSON.stringify({ name }),
+      PORTAL,
+    )
     return JSON.parse(made).result.organization_id
   })
   await go(near, 'sdwan', 'SD-WAN')
   await button(near, 'Begin').click()
-  const [login] = await Promise.all([near.waitForEvent('popup'), near.getByRole('link', { name: 'Open the login of the provider' }).click()])
+  const [login] = await Promise.all([
+    near.waitForEvent('popup'),
+    near.getByRole('link', { name: 'Open the login of the provider' }).click(),
+  ])
   await login.locator('pre').click()
   await login.keyboard.press('Control+C')
   await login.close()
@@ -491,7 +568,10 @@ test('an appliance joins the SD-WAN by the cloud of the demonstration, lives in 
   await button(near.getByRole('main'), 'Log in').click()
   await near.getByText('ann@example.org').waitFor(SPEAKING)
   const organization = near.getByLabel('Organisation')
-  assert.deepEqual(await organization.locator('option').evaluateAll((all) => all.map((one) => one.value)), [first, second])
+  assert.deepEqual(
+    await organization.locator('option').evaluateAll(all => all.map(one => one.value)),
+    [first, second],
+  )
   await organization.focus()
   await near.keyboard.press('ArrowDown')
   assert.equal(await organization.inputValue(), second)
@@ -503,7 +583,10 @@ test('an appliance joins the SD-WAN by the cloud of the demonstration, lives in 
 
   writeFileSync('/run/cloud/faults.json', '{"POST /dalnet/morvi/api/v1/edge": {"status": 500}}')
   await button(near, 'Join').click()
-  await near.getByRole('alert').getByText('The cloud service refused the request.').waitFor(SPEAKING)
+  await near
+    .getByRole('alert')
+    .getByText('The cloud service refused the request.')
+    .waitFor(SPEAKING)
   assert.equal(await near.getByLabel('Region').inputValue(), 'g2')
   writeFileSync('/run/cloud/faults.json', '{}')
   await button(near, 'Join').click()
@@ -555,20 +638,29 @@ test('a session that has run out is begun anew over what was being done', async 
 
 test('answers that are none are told in words, and the page goes on', async () => {
   await go(near, 'connections', 'Connections')
-  await near.getByRole('heading', { name: /connection/ }).first().waitFor()
+  await near
+    .getByRole('heading', { name: /connection/ })
+    .first()
+    .waitFor()
   const look = () => near.evaluate(() => document.dispatchEvent(new Event('visibilitychange'))) // as when a tab is come back to
   const cases = [
-    [(route) => route.fulfill({ contentType: 'text/html', body: '<h1>no</h1>' }), 'is malformed'],
-    [(route) => route.fulfill({ status: 502, body: '' }), 'HTTP 502'],
-    [(route) => route.abort(), 'cannot be reached'],
+    [route => route.fulfill({ contentType: 'text/html', body: '<h1>no</h1>' }), 'is malformed'],
+    [route => route.fulfill({ status: 502, body: '' }), 'HTTP 502'],
+    [route => route.abort(), 'cannot be reached'],
     [() => undefined, 'did not answer in time'],
-    [(route) => route.fulfill({ json: { error: 47, reason: '<b>mib_call failed</b>' } }), '<b>mib_call failed</b> (error 47)'],
+    [
+      route => route.fulfill({ json: { error: 47, reason: '<b>mib_call failed</b>' } }),
+      '<b>mib_call failed</b> (error 47)',
+    ],
   ]
   for (const [answer, words] of cases) {
     await near.route('**/ormel/connection/all', answer)
     await look()
     await near.getByRole('alert').getByText(words).waitFor(SPEAKING)
-    await near.getByRole('heading', { name: /connection/ }).first().waitFor() // the last good answer is kept
+    await near
+      .getByRole('heading', { name: /connection/ })
+      .first()
+      .waitFor() // the last good answer is kept
     await near.unroute('**/ormel/connection/all')
     await look()
     await near.getByRole('alert').waitFor({ state: 'detached', ...SPEAKING })
@@ -577,9 +669,9 @@ test('answers that are none are told in words, and the page goes on', async () =
 
 test('a hidden tab asks nothing, and no look takes more than two requests and one of the bell', async () => {
   const asked = []
-  near.on('request', (request) => request.method() === 'POST' && asked.push(Date.now()))
-  const see = (hidden) =>
-    near.evaluate((value) => {
+  near.on('request', request => request.method() === 'POST' && asked.push(Date.now()))
+  const see = hidden =>
+    near.evaluate(value => {
       Object.defineProperty(document, 'hidden', { configurable: true, get: () => value })
       document.dispatchEvent(new Event('visibilitychange'))
     }, hidden)
@@ -594,7 +686,11 @@ test('a hidden tab asks nothing, and no look takes more than two requests and on
 })
 
 test('it all works in the dark, on a telephone, by keyboard and in German', async () => {
-  const small = await open(NEAR, { viewport: { width: 390, height: 844 }, colorScheme: 'dark', locale: 'de-DE' })
+  const small = await open(NEAR, {
+    viewport: { width: 390, height: 844 },
+    colorScheme: 'dark',
+    locale: 'de-DE',
+  })
   await small.keyboard.press('Tab')
   await small.getByLabel('Benutzer').focus()
   await small.keyboard.type('admin')
@@ -605,17 +701,27 @@ test('it all works in the dark, on a telephone, by keyboard and in German', asyn
   await small.getByRole('link', { name: 'OpenVPN' }).waitFor()
   await accessible(small, 'small and dark')
   await picture(small, 'telephone')
-  const servers = ['ovpn', 'wg', 'l2tp', 'pptp', 'drovik'].map((one) => [`servers/${one}`, 'VPN-Server'])
+  const servers = ['ovpn', 'wg', 'l2tp', 'pptp', 'drovik'].map(one => [
+    `servers/${one}`,
+    'VPN-Server',
+  ])
   const others = [
-    ['rights', 'Rechte'], ['logs', 'Protokolle'], ['connections', 'Verbindungen'], ['clients', 'VPN-Clients'],
-    ['gateway', 'Standard-Gateway'], ['sdwan', 'SD-WAN'], ['notify', 'Benachrichtigungen'],
+    ['rights', 'Rechte'],
+    ['logs', 'Protokolle'],
+    ['connections', 'Verbindungen'],
+    ['clients', 'VPN-Clients'],
+    ['gateway', 'Standard-Gateway'],
+    ['sdwan', 'SD-WAN'],
+    ['notify', 'Benachrichtigungen'],
   ]
   for (const [path, heading] of [...servers, ...others]) {
     await go(small, path, heading)
     await small.locator('.card').first().waitFor()
     for (const more of await small.locator('summary').all()) await more.click()
     await accessible(small, `small and dark: ${path}`)
-    const wider = await small.evaluate(() => document.documentElement.scrollWidth - document.documentElement.clientWidth)
+    const wider = await small.evaluate(
+      () => document.documentElement.scrollWidth - document.documentElement.clientWidth,
+    )
     assert.equal(wider, 0, `${path} is no wider than the screen`)
   }
   await small.getByRole('button', { name: 'Menü' }).click()
@@ -629,7 +735,10 @@ test('it all works in the dark, on a telephone, by keyboard and in German', asyn
   await small.getByLabel('Sprache').selectOption('fr')
   await small.getByRole('heading', { level: 1, name: 'Clients VPN' }).waitFor()
   await small.keyboard.press('Escape')
-  await focused(small.getByRole('button', { name: 'admin', exact: true }), 'what opened the account')
+  await focused(
+    small.getByRole('button', { name: 'admin', exact: true }),
+    'what opened the account',
+  )
   await small.getByRole('button', { name: 'admin', exact: true }).click()
   await small.getByRole('button', { name: 'Se déconnecter' }).click()
   await small.getByLabel('Utilisateur').waitFor()
@@ -639,12 +748,42 @@ test('it all works in the dark, on a telephone, by keyboard and in German', asyn
 // An office with much of everything, as answers in the place of the appliance's.
 const HUGE = {
   'config/show': () => [
-    { type: 32, enable: true, server_pub_key: 'x', server_ip: '198.18.0.1', server_mask: 16, port: 51820, peers: Array.from({ length: 200 }, (_, at) => ({
-      index: at + 1, peer_name: `device%20${at + 1}`, peer_pub_key: `key ${at}`, peer_allow_ip: `198.18.0.${at + 2}/32`, psk: '', peer_endpoint: '',
-      keepalive: '25', latest_handshake: at < 3 ? 'Now' : '', rx_total: '', tx_total: '' })) },
+    {
+      type: 32,
+      enable: true,
+      server_pub_key: 'x',
+      server_ip: '198.18.0.1',
+      server_mask: 16,
+      port: 51820,
+      peers: Array.from({ length: 200 }, (_, at) => ({
+        index: at + 1,
+        peer_name: `device%20${at + 1}`,
+        peer_pub_key: `key ${at}`,
+        peer_allow_ip: `198.18.0.${at + 2}/32`,
+        psk: '',
+        peer_endpoint: '',
+        keepalive: '25',
+        latest_handshake: at < 3 ? 'Now' : '',
+        rx_total: '',
+        tx_total: '',
+      })),
+    },
     ...Array.from({ length: 160 }, (_, at) => ({
-      type: 1024, index: at + 1, profile: `tunnel ${at + 1}`, status: at === 83 ? 1 : 0, enable: true, last_error: 0, server_ip: '192.0.2.1', local_ip: '',
-      uptime: 60, rx_total: 5, tx_total: 5, rx_rate: 0, tx_rate: 0, vendor: 'x' })),
+      type: 1024,
+      index: at + 1,
+      profile: `tunnel ${at + 1}`,
+      status: at === 83 ? 1 : 0,
+      enable: true,
+      last_error: 0,
+      server_ip: '192.0.2.1',
+      local_ip: '',
+      uptime: 60,
+      rx_total: 5,
+      tx_total: 5,
+      rx_rate: 0,
+      tx_rate: 0,
+      vendor: 'x',
+    })),
   ],
   'status/list': () => [],
   'user/query': () => Array.from({ length: 1000 }, (_, at) => `user${at + 1}`),
@@ -652,10 +791,10 @@ const HUGE = {
 }
 async function huge(page) {
   for (const [route, answer] of Object.entries(HUGE))
-    await page.route(`**/ormel/${route}`, (one) => {
+    await page.route(`**/ormel/${route}`, one => {
       const mask = Number(new URLSearchParams(one.request().postData()).get('type')) // of those records that have a type
       const all = answer()
-      const data = route === 'config/show' ? all.filter((record) => record.type & mask) : all
+      const data = route === 'config/show' ? all.filter(record => record.type & mask) : all
       return one.fulfill({ json: { error: 0, data, total: data.length } })
     })
 }
@@ -696,10 +835,17 @@ test('one thing is found among many, on a telephone as well', async () => {
   await go(page, 'overview', 'Overview')
   await page.getByRole('link', { name: '152 more' }).waitFor()
   await page.setViewportSize({ width: 320, height: 700 })
-  for (const [path, heading] of [['overview', 'Overview'], ['clients', 'VPN clients'], ['rights', 'Rights'], ['servers/wg', 'VPN servers']]) {
+  for (const [path, heading] of [
+    ['overview', 'Overview'],
+    ['clients', 'VPN clients'],
+    ['rights', 'Rights'],
+    ['servers/wg', 'VPN servers'],
+  ]) {
     await go(page, path, heading)
     await page.locator('.card, .scroller').first().waitFor()
-    const wider = await page.evaluate(() => document.documentElement.scrollWidth - document.documentElement.clientWidth)
+    const wider = await page.evaluate(
+      () => document.documentElement.scrollWidth - document.documentElement.clientWidth,
+    )
     assert.equal(wider, 0, `${path} is no wider than 320 pixels`)
   }
   await page.context().close()
@@ -710,7 +856,11 @@ test('with few colours of the system, what is on is told apart', async () => {
   await logIn(page, 'admin', text(`${DESK}/appliance`))
   await page.getByRole('heading', { level: 1, name: 'Overview' }).waitFor()
   await go(page, 'servers/ovpn', 'VPN servers')
-  const looks = (what) => what.evaluate((one) => [getComputedStyle(one).borderTopWidth, getComputedStyle(one).backgroundColor])
+  const looks = what =>
+    what.evaluate(one => [
+      getComputedStyle(one).borderTopWidth,
+      getComputedStyle(one).backgroundColor,
+    ])
   const [border, on] = await looks(page.getByLabel('Server is on'))
   assert.equal(border, '1px')
   await page.getByLabel('Server is on').uncheck()
@@ -725,8 +875,8 @@ test('slow answers never show the rows of another question', async () => {
   await page.getByRole('heading', { level: 1, name: 'Overview' }).waitFor()
   await go(page, 'rights', 'Rights')
   await page.getByRole('row', { name: /guest/ }).waitFor()
-  await page.route('**/ormel/user/query', async (route) => {
-    await new Promise((wake) => setTimeout(wake, 2000))
+  await page.route('**/ormel/user/query', async route => {
+    await new Promise(wake => setTimeout(wake, 2000))
     await route.continue()
   })
   await button(page, 'Directory').click()
@@ -744,7 +894,7 @@ test('a page at which nobody is asks nothing more, and goes on with the first ha
   await page.clock.fastForward('16:00')
   await page.getByText('Paused after 15 minutes without input.').waitFor()
   const asked = []
-  page.on('request', (request) => request.method() === 'POST' && asked.push(request.url()))
+  page.on('request', request => request.method() === 'POST' && asked.push(request.url()))
   await page.waitForTimeout(500)
   asked.length = 0
   for (let minute = 0; minute < 3; ++minute) await page.clock.fastForward('01:00')
@@ -757,33 +907,70 @@ test('a page at which nobody is asks nothing more, and goes on with the first ha
   await page.context().close()
 })
 
-test('large answers are compressed, those with a fresh secret are not', async (it) => {
+test('large answers are compressed, those with a fresh secret are not', async it => {
   const sid = await near.evaluate(() => JSON.parse(sessionStorage.getItem('ormel.session')).sid)
-  const ask = (route, ...more) => run('curl', '-sSk', '-D', '-', '-o', `${DESK}/answer`, '-w', '%{size_download}', '-H', 'Accept: application/json', ...more, `${NEAR}/ormel/${route}`, '-d', `sid=${sid}&type=131071`)
-  const size = (heads) => Number(heads.split('\n').pop())
+  const ask = (route, ...more) =>
+    run(
+      'curl',
+      '-sSk',
+      '-D',
+      '-',
+      '-o',
+      `${DESK}/answer`,
+      '-w',
+      '%{size_download}',
+      '-H',
+      'Accept: application/json',
+      ...more,
+      `${NEAR}/ormel/${route}`,
+      '-d',
+      `sid=${sid}&type=131071`,
+    )
+  const size = heads => Number(heads.split('\n').pop())
   const packed = ask('config/show', '-H', 'Accept-Encoding: gzip')
   assert.match(packed, /\ncontent-encoding: gzip/i)
   const plain = ask('config/show')
   assert.doesNotMatch(plain, /content-encoding/i)
   it.diagnostic(`settings of servers and tunnels: ${size(packed)} of ${size(plain)} bytes`)
   assert.ok(size(packed) < size(plain) / 2)
-  for (const route of ['peer/keys', 'peer/list']) assert.doesNotMatch(ask(route, '-H', 'Accept-Encoding: gzip'), /content-encoding/i)
+  for (const route of ['peer/keys', 'peer/list'])
+    assert.doesNotMatch(ask(route, '-H', 'Accept-Encoding: gzip'), /content-encoding/i)
 })
 
-test('a look at the overview with 200 devices takes less than 25 KiB on the wire', (it) => {
+test('a look at the overview with 200 devices takes less than 25 KiB on the wire', it => {
   const file = '/etc/config/ormel/wireguard/server_peers.conf'
   const before = readFileSync(file)
   const key = () => randomBytes(32).toString('base64')
-  const peers = Array.from({ length: 200 }, (_, at) =>
-    `[PEER${at + 1}]\nname = device%20${at + 1}\npub_key = ${key()}\nallow_ip = 198.18.7.${at + 2}\nallow_ip_mask = 32\nendpoint = \nkeepalive = 25\npsk = ${key()}\n`)
+  const peers = Array.from(
+    { length: 200 },
+    (_, at) =>
+      `[PEER${at + 1}]\nname = device%20${at + 1}\npub_key = ${key()}\nallow_ip = 198.18.7.${at + 2}\nallow_ip_mask = 32\nendpoint = \nkeepalive = 25\npsk = ${key()}\n`,
+  )
   writeFileSync(file, `[global]\npeers_num = 200\nmax_index = 200\n${peers.join('')}`)
   const sid = run('/usr/lib/fenro/fenro-session', 'create', 'admin').slice(0, 8)
   const ask = (route, form = '') => {
-    const words = ['-sSk', '-o', `${DESK}/answer`, '-w', '%{size_download}', '-H', 'Accept: application/json', '-H', 'Accept-Encoding: gzip']
+    const words = [
+      '-sSk',
+      '-o',
+      `${DESK}/answer`,
+      '-w',
+      '%{size_download}',
+      '-H',
+      'Accept: application/json',
+      '-H',
+      'Accept-Encoding: gzip',
+    ]
     return Number(run('curl', ...words, `${NEAR}/ormel/${route}`, '-d', `sid=${sid}${form}`))
   }
-  const looks = [['config/show', '&type=131071'], ['status/list'], ['gateway/get_vpn_gw'], ['connection/list'], ['misc/interface_rate'], ['log/event', '&upper=5']]
-  const sizes = looks.map((look) => ask(...look))
+  const looks = [
+    ['config/show', '&type=131071'],
+    ['status/list'],
+    ['gateway/get_vpn_gw'],
+    ['connection/list'],
+    ['misc/interface_rate'],
+    ['log/event', '&upper=5'],
+  ]
+  const sizes = looks.map(look => ask(...look))
   writeFileSync(file, before)
   it.diagnostic(`bytes of ${looks.map(([route], at) => `${route} ${sizes[at]}`).join(', ')}`)
   assert.ok(sizes[0] > 13_000, 'all devices are there')
@@ -794,19 +981,26 @@ test('a general user sees the tunnels and changes nothing', async () => {
   const guest = await open(NEAR)
   await logIn(guest, 'guest', text('/var/lib/appliance/password.guest'))
   await guest.getByRole('heading', { level: 1, name: 'VPN clients' }).waitFor()
-  assert.deepEqual(await guest.getByRole('navigation').getByRole('link').allInnerTexts(), ['VPN clients', 'Default gateway'])
+  assert.deepEqual(await guest.getByRole('navigation').getByRole('link').allInnerTexts(), [
+    'VPN clients',
+    'Default gateway',
+  ])
   assert.equal(await guest.getByRole('button', { name: 'Add a tunnel' }).count(), 0)
   await guest.context().close()
 })
 
-test('the overview is painted within a second', async (it) => {
+test('the overview is painted within a second', async it => {
   const page = await near.context().newPage()
   const paints = []
   for (let round = 0; round < 5; ++round) {
     await page.goto('about:blank')
     await page.goto(`${NEAR}/#/overview`)
     await page.getByRole('heading', { level: 1 }).waitFor()
-    paints.push(await page.evaluate(() => performance.getEntriesByName('first-contentful-paint')[0]?.startTime ?? Infinity))
+    paints.push(
+      await page.evaluate(
+        () => performance.getEntriesByName('first-contentful-paint')[0]?.startTime ?? Infinity,
+      ),
+    )
   }
   const median = paints.sort((a, b) => a - b)[2]
   it.diagnostic(`first paint of the overview, median of five: ${Math.round(median)} ms`)

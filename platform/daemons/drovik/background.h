@@ -1,4 +1,5 @@
-// Going to the background once the daemon can do its work, so that the script that starts it knows how it went.
+// Going to the background once the daemon can do its work, so that the script that starts it knows
+// how it went.
 #pragma once
 
 #include "base/handle.h"
@@ -7,8 +8,8 @@ namespace fenro::drovik {
 
 class Background {
  public:
-  // To be called before threads and devices: goes on in a child in a session of its own, while the parent waits for
-  // ready() and leaves with status 0, or with 1 when the child ends before.
+  // To be called before threads and devices: goes on in a child in a session of its own, while the
+  // parent waits for ready() and leaves with status 0, or with 1 when the child ends before.
   [[nodiscard]] bool begin();
 
   // Lets the parent go, and cuts the streams.

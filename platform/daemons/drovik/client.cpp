@@ -18,7 +18,8 @@ using std::chrono::seconds;
 
 constexpr milliseconds TICK{250};
 constexpr seconds LOGIN_TIME{15};  // for all steps of one attempt
-constexpr seconds PROOF_TIME{6};   // for the server's last step of a handshake, which is sent again meanwhile
+constexpr seconds PROOF_TIME{
+    6};  // for the server's last step of a handshake, which is sent again meanwhile
 constexpr seconds LOGIN_REPEAT{1};
 constexpr seconds PING_PERIOD{10};  // keeps the way through address translators open
 constexpr seconds SILENCE{30};      // three answers missed
@@ -47,9 +48,9 @@ std::optional<Ipv4> look_up(const std::string& name) {
 }
 
 // By Reason: the code of base/reason.h. Null where the next attempt follows as a matter of course.
-constexpr const char* CODES[] = {"no-answer", "login-refused", "server-full", "login-later", "no-common-cipher",
-                                 "kicked",    "no-answer",     "kicked",      nullptr,       nullptr,
-                                 "no-answer"};
+constexpr const char* CODES[] = {
+    "no-answer", "login-refused", "server-full", "login-later", "no-common-cipher", "kicked",
+    "no-answer", "kicked",        nullptr,       nullptr,       "no-answer"};
 
 const char* code_of(Reason reason) {
   const auto row = static_cast<std::size_t>(reason);
@@ -63,7 +64,8 @@ seconds pause_after(Reason reason, unsigned attempts) {
 
 }  // namespace
 
-TunnelClient::TunnelClient(ClientSettings settings, const Dtls& dtls, Tun tun, std::string identifier, Edges& edges)
+TunnelClient::TunnelClient(ClientSettings settings, const Dtls& dtls, Tun tun,
+                           std::string identifier, Edges& edges)
     : settings_(std::move(settings)),
       dtls_(dtls),
       tun_(std::move(tun)),
@@ -88,7 +90,8 @@ int TunnelClient::run(int signals) {
   return 1;
 }
 
-// The address that was found when the profile was saved is good for the first time; later it may have moved.
+// The address that was found when the profile was saved is good for the first time; later it may
+// have moved.
 bool TunnelClient::find_server() {
   const auto saved = parse_ipv4(settings_.server_address);
   auto found = attempts_ == 0 ? saved : std::nullopt;
@@ -116,8 +119,10 @@ void TunnelClient::take_datagrams() {
   const UdpSocket::Take take = [this](const Peer&, std::string_view datagram) {
     channel_->receive(datagram, [this](std::string_view message) { take_message(message); });
   };
-  for (int round = 0; round < ROUNDS && fallen_ == Reason::None && socket_.receive(take); ++round) continue;
-  if (fallen_ == Reason::None && channel_->state() == Channel::State::Ended) fallen_ = Reason::Silent;
+  for (int round = 0; round < ROUNDS && fallen_ == Reason::None && socket_.receive(take); ++round)
+    continue;
+  if (fallen_ == Reason::None && channel_->state() == Channel::State::Ended)
+    fallen_ = Reason::Silent;
   if (const Reason reason = std::exchange(fallen_, Reason::None); reason != Reason::None) {
     fall(reason, std::exchange(cause_, nullptr));
   }
@@ -156,7 +161,8 @@ void TunnelClient::come_up(const Welcome& welcome) {
     return;
   }
   if (!tun_.up(welcome.address, welcome.gateway, welcome.prefix, welcome.mtu)) {
-    log_line(LOG_ERR, "the interface does not take the address %s", to_text(welcome.address).c_str());
+    log_line(LOG_ERR, "the interface does not take the address %s",
+             to_text(welcome.address).c_str());
     fallen_ = Reason::Silent;
     cause_ = "address-conflict";
     return;
@@ -164,7 +170,8 @@ void TunnelClient::come_up(const Welcome& welcome) {
   stage_ = Stage::Online;
   attempts_ = 0;
   next_ = Clock::now() + PING_PERIOD;
-  log_line(LOG_INFO, "online on %s, by %s", to_text(welcome.address).c_str(), to_text(server_).c_str());
+  log_line(LOG_INFO, "online on %s, by %s", to_text(welcome.address).c_str(),
+           to_text(server_).c_str());
   edges_.up(welcome, server_);
 }
 
@@ -207,7 +214,8 @@ void TunnelClient::tick() {
 // For what the server owes: its answer to the login, later a sign of life.
 void TunnelClient::ask() {
   if (stage_ == Stage::Asking) {
-    channel_->send(encode(Login{PROTOCOL_VERSION, settings_.user, settings_.password, identifier_}));
+    channel_->send(
+        encode(Login{PROTOCOL_VERSION, settings_.user, settings_.password, identifier_}));
     next_ = Clock::now() + LOGIN_REPEAT;
   } else {
     channel_->send(encode(Kind::Ping));
@@ -223,7 +231,8 @@ bool TunnelClient::is_final(const char* code) {
 }
 
 void TunnelClient::fall(Reason reason, const char* code) {
-  log_line(LOG_NOTICE, "%s: %s", stage_ == Stage::Online ? "the tunnel is down" : "no tunnel", reason_text(reason));
+  log_line(LOG_NOTICE, "%s: %s", stage_ == Stage::Online ? "the tunnel is down" : "no tunnel",
+           reason_text(reason));
   leave();
   const char* const noted = code ? code : code_of(reason);
   if (noted) edges_.failed(noted, code ? "" : reason_text(reason));

@@ -36,7 +36,8 @@ class Edges {
 class TunnelClient {
  public:
   // With a `tun` that is not open the login is tried only: a session that is welcome ends at once.
-  TunnelClient(ClientSettings settings, const Dtls& dtls, Tun tun, std::string identifier, Edges& edges);
+  TunnelClient(ClientSettings settings, const Dtls& dtls, Tun tun, std::string identifier,
+               Edges& edges);
 
   // Until `signals` can be read or the tunnel has ended for good. 0 after a signal.
   [[nodiscard]] int run(int signals);

@@ -44,12 +44,13 @@ Workers::Job job(std::vector<std::string> words) {
 
 void ClientHooks::up(const Welcome& welcome, Ipv4 server) {
   const std::string dns = welcome.name_servers.empty() ? "" : to_text(welcome.name_servers.front());
-  runner_.submit(
-      job({UP, section_, interface_, to_text(welcome.address), to_text(welcome.gateway), to_text(server), dns}));
+  runner_.submit(job({UP, section_, interface_, to_text(welcome.address), to_text(welcome.gateway),
+                      to_text(server), dns}));
 }
 
 void ClientHooks::down(Traffic traffic) {
-  runner_.submit(job({DOWN, section_, std::to_string(traffic.received), std::to_string(traffic.sent)}));
+  runner_.submit(
+      job({DOWN, section_, std::to_string(traffic.received), std::to_string(traffic.sent)}));
 }
 
 void ClientHooks::heard() {

@@ -1,9 +1,9 @@
-// morvic SECTION INTERFACE PID_FILE: one client tunnel, on INTERFACE, by what SECTION of vpn.conf says. Goes to the
-// background at once; the file holds its pid and is locked as long as it runs. Programs that look for tunnels in /proc
-// take the profile's number from the file's name.
+// morvic SECTION INTERFACE PID_FILE: one client tunnel, on INTERFACE, by what SECTION of vpn.conf
+// says. Goes to the background at once; the file holds its pid and is locked as long as it runs.
+// Programs that look for tunnels in /proc take the profile's number from the file's name.
 //
-// morvic --probe SECTION INTERFACE: logs in once as that tunnel would, without an interface, and prints "ok" or the
-// code of base/reason.h. The exit status is 0 for a login that was accepted.
+// morvic --probe SECTION INTERFACE: logs in once as that tunnel would, without an interface, and
+// prints "ok" or the code of base/reason.h. The exit status is 0 for a login that was accepted.
 
 #include <cstdio>
 #include <fcntl.h>

@@ -15,15 +15,16 @@
 namespace fenro::drovik {
 namespace {
 
-// Ephemeral keys for each connection, so that a key that leaks later opens nothing that was recorded.
+// Ephemeral keys for each connection, so that a key that leaks later opens nothing that was
+// recorded.
 constexpr const char* CIPHERS = "DHE-PSK-AES128-GCM-SHA256";
 constexpr const char* GROUP = "ffdhe3072";  // as strong as the cipher
 constexpr const char* IDENTITY = "drovik";
 constexpr int SECONDS_A_MINUTE = 60;
 constexpr long HANDSHAKE_MTU = 1400;  // of a datagram
 
-// People choose short keys. An attacker who pretends to be the server can try keys against what a client answers; this
-// makes each try cost memory and time.
+// People choose short keys. An attacker who pretends to be the server can try keys against what a
+// client answers; this makes each try cost memory and time.
 constexpr std::string_view KEY_SALT = "drovik pre-shared key";
 constexpr std::uint64_t SCRYPT_N = 16384;
 constexpr std::uint64_t SCRYPT_R = 8;
@@ -71,8 +72,8 @@ unsigned int server_key(SSL* ssl, const char* identity, unsigned char* out, unsi
   return give_key(channel_of(ssl).dtls(), out, size);
 }
 
-unsigned int client_key(SSL* ssl, const char*, char* identity, unsigned int identity_size, unsigned char* out,
-                        unsigned int size) {
+unsigned int client_key(SSL* ssl, const char*, char* identity, unsigned int identity_size,
+                        unsigned char* out, unsigned int size) {
   if (identity_size <= std::strlen(IDENTITY)) return 0;
   std::strcpy(identity, IDENTITY);
   return give_key(channel_of(ssl).dtls(), out, size);
@@ -82,12 +83,15 @@ bool set_group(SSL_CTX* context) {
   const std::unique_ptr<EVP_PKEY_CTX, FreeWith<EVP_PKEY_CTX_free>> maker{
       EVP_PKEY_CTX_new_from_name(nullptr, "DH", nullptr)};
   EVP_PKEY* made = nullptr;
-  if (!maker || EVP_PKEY_paramgen_init(maker.get()) != 1 || EVP_PKEY_CTX_set_group_name(maker.get(), GROUP) != 1 ||
+  if (!maker || EVP_PKEY_paramgen_init(maker.get()) != 1 ||
+      EVP_PKEY_CTX_set_group_name(maker.get(), GROUP) != 1 ||
       EVP_PKEY_generate(maker.get(), &made) != 1)
     return false;
   Parameters parameters{made};
   if (SSL_CTX_set0_tmp_dh_pkey(context, parameters.get()) != 1) return false;
-  std::ignore = parameters.release();  // the context's now; each handshake makes a key of its own in this group
+  std::ignore =
+      parameters
+          .release();  // the context's now; each handshake makes a key of its own in this group
   return true;
 }
 
@@ -104,15 +108,18 @@ Dtls::~Dtls() {
 }
 
 bool Dtls::prepare(std::string_view psk) {
-  if (psk.empty() || RAND_bytes(cookie_secret_.data(), static_cast<int>(cookie_secret_.size())) != 1) return false;
+  if (psk.empty() ||
+      RAND_bytes(cookie_secret_.data(), static_cast<int>(cookie_secret_.size())) != 1)
+    return false;
   const auto* salt = reinterpret_cast<const unsigned char*>(KEY_SALT.data());
-  if (EVP_PBE_scrypt(psk.data(), psk.size(), salt, KEY_SALT.size(), SCRYPT_N, SCRYPT_R, SCRYPT_P, 0, key_.data(),
-                     key_.size()) != 1)
+  if (EVP_PBE_scrypt(psk.data(), psk.size(), salt, KEY_SALT.size(), SCRYPT_N, SCRYPT_R, SCRYPT_P, 0,
+                     key_.data(), key_.size()) != 1)
     return false;
   context_.reset(SSL_CTX_new(side_ == Side::Server ? DTLS_server_method() : DTLS_client_method()));
   SSL_CTX* context = context_.get();
   if (!context || SSL_CTX_set_min_proto_version(context, DTLS1_2_VERSION) != 1 ||
-      SSL_CTX_set_max_proto_version(context, DTLS1_2_VERSION) != 1 || SSL_CTX_set_cipher_list(context, CIPHERS) != 1)
+      SSL_CTX_set_max_proto_version(context, DTLS1_2_VERSION) != 1 ||
+      SSL_CTX_set_cipher_list(context, CIPHERS) != 1)
     return false;
   SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION | SSL_OP_NO_COMPRESSION |
                                    SSL_OP_NO_QUERY_MTU | SSL_OP_COOKIE_EXCHANGE);
@@ -131,11 +138,13 @@ bool Dtls::cookie(const Peer& peer, std::int64_t minute, Key& out) const {
   const std::array<std::int64_t, 2> message{static_cast<std::int64_t>(peer.key()), minute};
   unsigned int length = 0;
   return HMAC(EVP_sha256(), cookie_secret_.data(), static_cast<int>(cookie_secret_.size()),
-              reinterpret_cast<const unsigned char*>(message.data()), sizeof message, out.data(), &length) &&
+              reinterpret_cast<const unsigned char*>(message.data()), sizeof message, out.data(),
+              &length) &&
          length == out.size();
 }
 
-Channel::Channel(const Dtls& dtls, Post post) : dtls_(dtls), post_(std::move(post)), ssl_(SSL_new(dtls.context())) {
+Channel::Channel(const Dtls& dtls, Post post)
+    : dtls_(dtls), post_(std::move(post)), ssl_(SSL_new(dtls.context())) {
   BIO* bio = ssl_ ? make_bio(*this) : nullptr;
   if (!bio) {
     state_ = State::Ended;
@@ -184,7 +193,8 @@ void Channel::shake() {
   judge(result);
 }
 
-// Only a fault of the other end or of the library ends a channel: datagrams that make no sense are no answer at all.
+// Only a fault of the other end or of the library ends a channel: datagrams that make no sense are
+// no answer at all.
 void Channel::judge(int result) {
   const int error = SSL_get_error(ssl_.get(), result);
   if (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE) state_ = State::Ended;

@@ -1,4 +1,5 @@
-// DTLS 1.2 with a pre-shared key, by OpenSSL: one Dtls for all connections with one key, one Channel for each.
+// DTLS 1.2 with a pre-shared key, by OpenSSL: one Dtls for all connections with one key, one
+// Channel for each.
 #pragma once
 
 #include <array>
@@ -46,7 +47,8 @@ class Dtls {
   Key cookie_secret_{};
 };
 
-// One end of one connection. It never waits and touches no socket: datagrams come by receive() and go to `post`.
+// One end of one connection. It never waits and touches no socket: datagrams come by receive() and
+// go to `post`.
 class Channel {
  public:
   using Post = std::function<void(const Peer& to, std::string_view datagram)>;
@@ -57,8 +59,9 @@ class Channel {
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
 
-  // On a server, before anything else: a datagram of a stranger. True once it has shown the cookie that was sent to its
-  // address; until then nothing is kept of it. The channel is that peer's from then on.
+  // On a server, before anything else: a datagram of a stranger. True once it has shown the cookie
+  // that was sent to its address; until then nothing is kept of it. The channel is that peer's from
+  // then on.
   [[nodiscard]] bool listen(const Peer& from, std::string_view datagram);
 
   // On a client: the first step.
@@ -67,7 +70,8 @@ class Channel {
   void receive(std::string_view datagram, const Deliver& deliver);
   void send(std::string_view message);
 
-  // Sends again what was not answered in time; to be called several times a second while shaking hands.
+  // Sends again what was not answered in time; to be called several times a second while shaking
+  // hands.
   void tick();
 
   // Tells the other end, once.
@@ -77,7 +81,9 @@ class Channel {
   // On a client: the handshake is done but for the server's proof that it has the same key.
   [[nodiscard]] bool awaits_proof() const;
   [[nodiscard]] const Peer& peer() const { return peer_; }
-  [[nodiscard]] std::uint64_t records() const { return records_; }  // that the keys have protected, both ways
+  [[nodiscard]] std::uint64_t records() const {
+    return records_;
+  }  // that the keys have protected, both ways
 
   // For the library's side of it.
   [[nodiscard]] int give(char* buffer, int size);

@@ -29,14 +29,16 @@ constexpr std::uint8_t LONGEST_PREFIX = 30;  // a network of two ends
 template <typename Number>
 std::string bytes_of(Number number) {
   std::string bytes;
-  for (std::size_t i = sizeof number; i-- > 0;) bytes += static_cast<char>(number >> (8 * i) & 0xff);
+  for (std::size_t i = sizeof number; i-- > 0;)
+    bytes += static_cast<char>(number >> (8 * i) & 0xff);
   return bytes;
 }
 
 template <typename Number>
 Number number_in(std::string_view bytes) {
   std::uint64_t number = 0;
-  for (const char byte : bytes.substr(0, sizeof(Number))) number = number << 8 | static_cast<unsigned char>(byte);
+  for (const char byte : bytes.substr(0, sizeof(Number)))
+    number = number << 8 | static_cast<unsigned char>(byte);
   return static_cast<Number>(number);
 }
 
@@ -85,7 +87,8 @@ bool take_number(const Fields& fields, FieldNumber field, Number& out) {
 bool take_text(const Fields& fields, FieldNumber field, std::string& out) {
   const auto& value = fields.at(field);
   if (!value || value->empty() || value->size() > LOGIN_TEXT_MAX) return false;
-  if (std::ranges::any_of(*value, [](unsigned char c) { return c < ' ' || c == 0x7f; })) return false;
+  if (std::ranges::any_of(*value, [](unsigned char c) { return c < ' ' || c == 0x7f; }))
+    return false;
   out = *value;
   return true;
 }
@@ -93,8 +96,10 @@ bool take_text(const Fields& fields, FieldNumber field, std::string& out) {
 bool take_name_servers(const Fields& fields, std::vector<Ipv4>& out) {
   const auto& value = fields.at(NAME_SERVERS);
   if (!value) return true;
-  if (value->size() % ADDRESS_BYTES != 0 || value->size() > NAME_SERVERS_MAX * ADDRESS_BYTES) return false;
-  for (std::size_t at = 0; at < value->size(); at += ADDRESS_BYTES) out.push_back(number_in<Ipv4>(value->substr(at)));
+  if (value->size() % ADDRESS_BYTES != 0 || value->size() > NAME_SERVERS_MAX * ADDRESS_BYTES)
+    return false;
+  for (std::size_t at = 0; at < value->size(); at += ADDRESS_BYTES)
+    out.push_back(number_in<Ipv4>(value->substr(at)));
   return true;
 }
 
@@ -152,7 +157,8 @@ std::string encode(Kind kind, Reason reason) {
 
 bool decode(std::string_view message, Login& login) {
   Fields fields;
-  if (!take_fields(message, Kind::Login, fields) || !take_number(fields, VERSION, login.version)) return false;
+  if (!take_fields(message, Kind::Login, fields) || !take_number(fields, VERSION, login.version))
+    return false;
   if (login.version != PROTOCOL_VERSION) return true;  // the rest may have another form
   return take_text(fields, USER, login.user) && take_text(fields, PASSWORD, login.password) &&
          take_text(fields, IDENTIFIER, login.identifier) && is_identifier(login.identifier);
@@ -161,17 +167,20 @@ bool decode(std::string_view message, Login& login) {
 bool decode(std::string_view message, Welcome& welcome) {
   Fields fields;
   welcome.name_servers.clear();
-  return take_fields(message, Kind::Welcome, fields) && take_number(fields, ADDRESS, welcome.address) &&
-         take_number(fields, GATEWAY, welcome.gateway) && take_number(fields, PREFIX, welcome.prefix) &&
-         take_number(fields, MTU, welcome.mtu) && take_name_servers(fields, welcome.name_servers) &&
-         welcome.prefix > 0 && welcome.prefix <= LONGEST_PREFIX && welcome.mtu >= LOWEST_MTU &&
+  return take_fields(message, Kind::Welcome, fields) &&
+         take_number(fields, ADDRESS, welcome.address) &&
+         take_number(fields, GATEWAY, welcome.gateway) &&
+         take_number(fields, PREFIX, welcome.prefix) && take_number(fields, MTU, welcome.mtu) &&
+         take_name_servers(fields, welcome.name_servers) && welcome.prefix > 0 &&
+         welcome.prefix <= LONGEST_PREFIX && welcome.mtu >= LOWEST_MTU &&
          welcome.mtu <= TUNNEL_MTU && welcome.address != 0 && welcome.address != welcome.gateway;
 }
 
 Reason reason_of(std::string_view message) {
   Fields fields;
   std::uint8_t reason = 0;
-  const bool found = take_fields(message, kind_of(message), fields) && take_number(fields, REASON, reason);
+  const bool found =
+      take_fields(message, kind_of(message), fields) && take_number(fields, REASON, reason);
   return found && reason < std::size(REASONS) ? static_cast<Reason>(reason) : Reason::None;
 }
 
@@ -180,7 +189,8 @@ bool is_identifier(std::string_view text) {
   constexpr std::string_view DIGITS = "0123456789abcdef";
   if (text.size() != FORM.size()) return false;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    if (FORM[i] == ':' ? text[i] != ':' : DIGITS.find(text[i]) == std::string_view::npos) return false;
+    if (FORM[i] == ':' ? text[i] != ':' : DIGITS.find(text[i]) == std::string_view::npos)
+      return false;
   }
   return true;
 }

@@ -17,9 +17,11 @@ constexpr Limit ENTRIES_OF_ADDRESS{2, 16};
 constexpr Limit ENTRIES_UNKNOWN{30, 30};
 constexpr Limit ENTRIES_KNOWN{20, 20};
 
-bool spend_both(Budget& address, Limit of_address, Budget& total, Limit of_all, Budget::Clock::time_point now) {
+bool spend_both(Budget& address, Limit of_address, Budget& total, Limit of_all,
+                Budget::Clock::time_point now) {
   // An address that has spent its own budget must not use up that of all.
-  return address.spend(of_address.per_second, of_address.most, now) && total.spend(of_all.per_second, of_all.most, now);
+  return address.spend(of_address.per_second, of_address.most, now) &&
+         total.spend(of_all.per_second, of_all.most, now);
 }
 
 }  // namespace
@@ -46,7 +48,8 @@ std::size_t Gate::slot(Ipv4 source) const {
 bool Gate::hear(Ipv4 source, Clock::time_point now) {
   const bool known = is_known(source);
   return spend_both(addresses_[slot(source)].hellos, HELLOS_OF_ADDRESS,
-                    known ? known_total_.hellos : unknown_total_.hellos, known ? HELLOS_KNOWN : HELLOS_UNKNOWN, now);
+                    known ? known_total_.hellos : unknown_total_.hellos,
+                    known ? HELLOS_KNOWN : HELLOS_UNKNOWN, now);
 }
 
 bool Gate::enter(Ipv4 source, Clock::time_point now) {
@@ -54,7 +57,8 @@ bool Gate::enter(Ipv4 source, Clock::time_point now) {
   const auto here = inside_.find(source);
   if (here != inside_.end() && here->second >= PER_ADDRESS) return false;
   if (!spend_both(addresses_[slot(source)].entries, ENTRIES_OF_ADDRESS,
-                  known ? known_total_.entries : unknown_total_.entries, known ? ENTRIES_KNOWN : ENTRIES_UNKNOWN, now))
+                  known ? known_total_.entries : unknown_total_.entries,
+                  known ? ENTRIES_KNOWN : ENTRIES_UNKNOWN, now))
     return false;
   ++inside_[source];
   ++inside_total_;
@@ -84,7 +88,8 @@ void Gate::remember(Ipv4 source) {
   const Ipv4 oldest = known_order_.front();
   known_order_.pop_front();
   known_.erase(oldest);
-  if (const auto here = inside_.find(oldest); here != inside_.end()) inside_unknown_ += here->second;
+  if (const auto here = inside_.find(oldest); here != inside_.end())
+    inside_unknown_ += here->second;
 }
 
 }  // namespace fenro::drovik

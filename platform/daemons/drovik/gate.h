@@ -1,8 +1,8 @@
-// Limits what the server spends on strangers. A handshake costs about a millisecond of arithmetic and some memory for
-// each step, and anyone can send its first datagram with any source address.
+// Limits what the server spends on strangers. A handshake costs about a millisecond of arithmetic
+// and some memory for each step, and anyone can send its first datagram with any source address.
 //
-// Each step has a limit for each address and one in total. Addresses from which a user has logged in before have a
-// share of their own, which a flood from other addresses cannot use up.
+// Each step has a limit for each address and one in total. Addresses from which a user has logged
+// in before have a share of their own, which a flood from other addresses cannot use up.
 #pragma once
 
 #include <array>
@@ -35,10 +35,11 @@ class Budget {
 class Gate {
  public:
   using Clock = Budget::Clock;
-  static constexpr std::size_t PER_ADDRESS = 8;     // handshakes at once; several clients can share an address
+  static constexpr std::size_t PER_ADDRESS =
+      8;  // handshakes at once; several clients can share an address
   static constexpr std::size_t STRANGERS_MAX = 64;  // handshakes at once in total
-  static constexpr std::size_t UNKNOWN_MAX = 48;    // of these from addresses without a login before
-  static constexpr std::size_t REMEMBERED = 1024;   // addresses of former logins
+  static constexpr std::size_t UNKNOWN_MAX = 48;   // of these from addresses without a login before
+  static constexpr std::size_t REMEMBERED = 1024;  // addresses of former logins
 
   // `seed` keeps a sender from choosing addresses that share a budget.
   explicit Gate(std::uint64_t seed) : seed_(seed) {}
@@ -46,7 +47,8 @@ class Gate {
   // Returns whether a stranger's datagram may be answered, before any arithmetic is done for it.
   [[nodiscard]] bool hear(Ipv4 source, Clock::time_point now);
 
-  // Returns whether a stranger that has proved its address may begin a handshake; it counts until leave().
+  // Returns whether a stranger that has proved its address may begin a handshake; it counts until
+  // leave().
   [[nodiscard]] bool enter(Ipv4 source, Clock::time_point now);
   void leave(Ipv4 source);
 

@@ -1,5 +1,5 @@
-// The name by which the server counts and kicks this client: the form of a hardware address, the same at each start and
-// another for each profile, and telling nothing about the machine.
+// The name by which the server counts and kicks this client: the form of a hardware address, the
+// same at each start and another for each profile, and telling nothing about the machine.
 #pragma once
 
 #include <string>

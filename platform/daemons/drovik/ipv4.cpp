@@ -24,7 +24,8 @@ std::optional<PacketEnds> packet_ends(std::string_view packet) {
   iphdr head{};
   if (packet.size() < sizeof head) return {};
   std::memcpy(&head, packet.data(), sizeof head);
-  if (head.version != VERSION || head.ihl * WORD < sizeof head || head.ihl * WORD > packet.size()) return {};
+  if (head.version != VERSION || head.ihl * WORD < sizeof head || head.ihl * WORD > packet.size())
+    return {};
   if (ntohs(head.tot_len) != packet.size()) return {};
   return PacketEnds{ntohl(head.saddr), ntohl(head.daddr)};
 }

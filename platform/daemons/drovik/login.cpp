@@ -17,7 +17,8 @@ constexpr const char* PRIVILEGES = "/etc/config/vpn_user_ex.conf";
 
 std::string refusal_of(const Login& login) {
   std::string store;
-  if (read_file(PRIVILEGES, store) != 0 || !may_use_drovik(store, login.user)) return "no right to use this server";
+  if (read_file(PRIVILEGES, store) != 0 || !may_use_drovik(store, login.user))
+    return "no right to use this server";
   if (is_held(login.user)) return "kept out by an administrator";
   const LoginTurn turn{login.user};
   if (!turn) return "other logins of this user take too long";

@@ -4,7 +4,8 @@
 
 namespace fenro::drovik {
 
-Roster::Entry Roster::admit(SessionId session, const std::string& user, const std::string& identifier) {
+Roster::Entry Roster::admit(SessionId session, const std::string& user,
+                            const std::string& identifier) {
   if (const auto old = guests_.find(identifier); old != guests_.end()) {
     Guest& guest = old->second;
     if (guest.user != user) return {Reason::Occupied};
@@ -21,7 +22,8 @@ Roster::Entry Roster::admit(SessionId session, const std::string& user, const st
 }
 
 void Roster::leave(SessionId session) {
-  const auto guest = std::ranges::find_if(guests_, [&](const auto& each) { return each.second.session == session; });
+  const auto guest = std::ranges::find_if(
+      guests_, [&](const auto& each) { return each.second.session == session; });
   if (guest == guests_.end()) return;  // replaced before
   holders_[guest->second.slot] = 0;
   guests_.erase(guest);

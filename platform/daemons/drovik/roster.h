@@ -1,4 +1,5 @@
-// Who is online on the server: the addresses of the pool and the identifiers by which clients are counted and kicked.
+// Who is online on the server: the addresses of the pool and the identifiers by which clients are
+// counted and kicked.
 #pragma once
 
 #include <cstddef>
@@ -16,8 +17,8 @@ using SessionId = std::uint64_t;  // 0 is none
 
 class Roster {
  public:
-  // What became of a login. `refused` is None for one that is admitted; then `replaced` is the older session of the
-  // same client, which has left the roster, or 0.
+  // What became of a login. `refused` is None for one that is admitted; then `replaced` is the
+  // older session of the same client, which has left the roster, or 0.
   struct Entry {
     Reason refused = Reason::None;
     Ipv4 address = 0;
@@ -28,9 +29,11 @@ class Roster {
   Roster(Ipv4 first, Ipv4 last, std::size_t maximum)
       : first_(first), maximum_(maximum), holders_(std::size_t{last} - first + 1) {}
 
-  // A client that comes back before its old session was missed takes that one's place and address, so neither a reboot
-  // nor a new network locks it out. Somebody else's identifier is not taken over.
-  [[nodiscard]] Entry admit(SessionId session, const std::string& user, const std::string& identifier);
+  // A client that comes back before its old session was missed takes that one's place and address,
+  // so neither a reboot nor a new network locks it out. Somebody else's identifier is not taken
+  // over.
+  [[nodiscard]] Entry admit(SessionId session, const std::string& user,
+                            const std::string& identifier);
   void leave(SessionId session);
 
   // 0 when nobody is there.

@@ -20,11 +20,12 @@ constexpr std::size_t CHECKS_AT_ONCE = 4;
 constexpr int ROUNDS = 8;     // of batches from one side, before the other has its turn
 constexpr int PACKETS = 256;  // the same for the interface
 constexpr std::uint64_t RECORDS_MAX = std::uint64_t{1} << 32;  // far below what one key may protect
-constexpr char HANDSHAKE_RECORD = 22;                          // first byte of a datagram that may begin something
+constexpr char HANDSHAKE_RECORD = 22;  // first byte of a datagram that may begin something
 
 }  // namespace
 
-TunnelServer::TunnelServer(ServerSettings settings, const Dtls& dtls, UdpSocket socket, Tun tun, RefusalOf refusal_of)
+TunnelServer::TunnelServer(ServerSettings settings, const Dtls& dtls, UdpSocket socket, Tun tun,
+                           RefusalOf refusal_of)
     : settings_(std::move(settings)),
       dtls_(dtls),
       socket_(std::move(socket)),
@@ -51,8 +52,8 @@ void TunnelServer::attach(bus::Server& bus) {
 }
 
 std::unique_ptr<Channel> TunnelServer::make_channel() {
-  return std::make_unique<Channel>(dtls_,
-                                   [this](const Peer& to, std::string_view datagram) { socket_.send(to, datagram); });
+  return std::make_unique<Channel>(
+      dtls_, [this](const Peer& to, std::string_view datagram) { socket_.send(to, datagram); });
 }
 
 TunnelServer::Session* TunnelServer::find(SessionId id) {
@@ -61,7 +62,9 @@ TunnelServer::Session* TunnelServer::find(SessionId id) {
 }
 
 void TunnelServer::take_datagrams() {
-  const UdpSocket::Take take = [this](const Peer& from, std::string_view datagram) { take_datagram(from, datagram); };
+  const UdpSocket::Take take = [this](const Peer& from, std::string_view datagram) {
+    take_datagram(from, datagram);
+  };
   for (int round = 0; round < ROUNDS && socket_.receive(take); ++round) reap();
   socket_.flush();
 }
@@ -71,7 +74,8 @@ void TunnelServer::take_datagram(const Peer& from, std::string_view datagram) {
   if (known == by_peer_.end()) return take_stranger(from, datagram);
   Session* session = find(known->second);
   if (!session) return;
-  session->channel->receive(datagram, [this, session](std::string_view message) { take_message(*session, message); });
+  session->channel->receive(
+      datagram, [this, session](std::string_view message) { take_message(*session, message); });
   if (session->stage == Stage::Shaking && session->channel->state() == Channel::State::Open)
     session->stage = Stage::Silent;
   if (session->channel->state() == Channel::State::Ended) end(*session, Reason::Left);
@@ -79,9 +83,11 @@ void TunnelServer::take_datagram(const Peer& from, std::string_view datagram) {
 
 void TunnelServer::take_stranger(const Peer& from, std::string_view datagram) {
   const Clock::time_point now = Clock::now();
-  if (datagram.front() != HANDSHAKE_RECORD || !gate_.hear(from.address, now) || !listener_->listen(from, datagram))
+  if (datagram.front() != HANDSHAKE_RECORD || !gate_.hear(from.address, now) ||
+      !listener_->listen(from, datagram))
     return;
-  // Also for a peer that is refused now: the channel is in the middle of its handshake, and may have ended with it.
+  // Also for a peer that is refused now: the channel is in the middle of its handshake, and may
+  // have ended with it.
   std::unique_ptr<Channel> channel = std::exchange(listener_, make_channel());
   const bool full = gate_.is_full(from.address);
   if (!gate_.enter(from.address, now)) {
@@ -93,17 +99,19 @@ void TunnelServer::take_stranger(const Peer& from, std::string_view datagram) {
   sessions_[last_id_] = {last_id_, std::move(channel), Stage::Shaking, Clock::now()};
 }
 
-// Ends the oldest handshake, so that slow clients do not shut others out. A client whose address is unknown does not
-// displace one from a known address.
+// Ends the oldest handshake, so that slow clients do not shut others out. A client whose address is
+// unknown does not displace one from a known address.
 bool TunnelServer::make_room(Ipv4 newcomer) {
   Session* oldest = nullptr;
   for (auto& [id, session] : sessions_) {
-    const bool shaking = !session.gone && (session.stage == Stage::Shaking || session.stage == Stage::Silent);
+    const bool shaking =
+        !session.gone && (session.stage == Stage::Shaking || session.stage == Stage::Silent);
     if (!shaking) continue;
     const bool known = gate_.is_known(session.channel->peer().address);
     if (known && !gate_.is_known(newcomer)) continue;
     const bool oldest_known = oldest && gate_.is_known(oldest->channel->peer().address);
-    if (!oldest || (oldest_known && !known) || (oldest_known == known && session.heard < oldest->heard))
+    if (!oldest || (oldest_known && !known) ||
+        (oldest_known == known && session.heard < oldest->heard))
       oldest = &session;
   }
   if (oldest) end(*oldest, Reason::Full);
@@ -133,7 +141,8 @@ void TunnelServer::take_control(Session& session, std::string_view message) {
   }
 }
 
-// The client repeats its login until it is answered, so all but the first only ask for the answer again.
+// The client repeats its login until it is answered, so all but the first only ask for the answer
+// again.
 void TunnelServer::take_login(Session& session, std::string_view message) {
   if (session.stage == Stage::Online) return welcome(session);
   if (session.stage == Stage::Checking) return;
@@ -168,13 +177,14 @@ void TunnelServer::finish_login(SessionId id, const std::string& refusal) {
 }
 
 void TunnelServer::welcome(Session& session) {
-  session.channel->send(
-      encode(Welcome{session.address, settings_.gateway, settings_.prefix, TUNNEL_MTU, settings_.name_servers}));
+  session.channel->send(encode(Welcome{session.address, settings_.gateway, settings_.prefix,
+                                       TUNNEL_MTU, settings_.name_servers}));
 }
 
 void TunnelServer::refuse(Session& session, Reason reason, const std::string& why) {
   const std::string said = why.empty() ? reason_text(reason) : why;
-  log_line(LOG_NOTICE, "login from %s refused: %s", to_text(session.channel->peer().address).c_str(), said.c_str());
+  log_line(LOG_NOTICE, "login from %s refused: %s",
+           to_text(session.channel->peer().address).c_str(), said.c_str());
   if (!session.user.empty()) note_refusal(session, said);
   session.channel->send(encode(Kind::Refuse, reason));
   end(session, Reason::None);
@@ -201,7 +211,8 @@ void TunnelServer::tick() {
     session.channel->tick();
     const bool online = session.stage == Stage::Online;
     // A check that takes long is not the client's fault; it ends by itself.
-    const bool late = session.stage != Stage::Checking && now - session.heard > (online ? SILENCE : LOGIN_TIME);
+    const bool late =
+        session.stage != Stage::Checking && now - session.heard > (online ? SILENCE : LOGIN_TIME);
     if (late || session.channel->state() == Channel::State::Ended) {
       end(session, Reason::Silent);
     } else if (session.channel->records() > RECORDS_MAX) {
@@ -222,8 +233,8 @@ void TunnelServer::end(Session& session, Reason reason) {
     roster_.leave(session.id);
     note_end(session);
     if (reason != Reason::Left) session.channel->send(encode(Kind::Bye, reason));
-    log_line(LOG_INFO, "%s on %s has gone: %s", session.user.c_str(), to_text(session.address).c_str(),
-             reason_text(reason));
+    log_line(LOG_INFO, "%s on %s has gone: %s", session.user.c_str(),
+             to_text(session.address).c_str(), reason_text(reason));
   } else {
     gate_.leave(peer.address);
     log_line(LOG_DEBUG, "login from %s abandoned", to_text(peer.address).c_str());

@@ -36,7 +36,8 @@ class TunnelServer {
   using RefusalOf = std::function<std::string(const Login& login)>;
 
   // `socket` listens, and `tun` is up, for as long as the object lives.
-  TunnelServer(ServerSettings settings, const Dtls& dtls, UdpSocket socket, Tun tun, RefusalOf refusal_of);
+  TunnelServer(ServerSettings settings, const Dtls& dtls, UdpSocket socket, Tun tun,
+               RefusalOf refusal_of);
   ~TunnelServer();
   TunnelServer(const TunnelServer&) = delete;
   TunnelServer& operator=(const TunnelServer&) = delete;

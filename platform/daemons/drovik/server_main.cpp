@@ -1,5 +1,5 @@
-// morvid SECTION: the server of the appliance's own tunnel, and the service "MorviServer" on the bus. SECTION of
-// vpn.conf has its settings. Goes to the background when clients can come.
+// morvid SECTION: the server of the appliance's own tunnel, and the service "MorviServer" on the
+// bus. SECTION of vpn.conf has its settings. Goes to the background when clients can come.
 
 #include <cerrno>
 #include <csignal>

@@ -27,14 +27,16 @@ std::string bytes_reply(const std::vector<ClientBytes>& clients) {
   for (const ClientBytes& client : clients) {
     Json row{json_object()};
     json_object_set_new(row.get(), "mac", json_text(client.identifier).release());
-    json_object_set_new(row.get(), "rx_bytes", json_integer(static_cast<json_int_t>(client.received)));
+    json_object_set_new(row.get(), "rx_bytes",
+                        json_integer(static_cast<json_int_t>(client.received)));
     json_object_set_new(row.get(), "tx_bytes", json_integer(static_cast<json_int_t>(client.sent)));
     json_array_append_new(data.get(), row.release());
   }
   return reply_text(DONE, std::move(data));
 }
 
-// The identifier takes the interface's place: it is the name by which a connection is counted and kicked.
+// The identifier takes the interface's place: it is the name by which a connection is counted and
+// kicked.
 OnlineUser TunnelServer::record_of(const Session& session) const {
   const Peer& peer = session.channel->peer();
   return {session.bytes.identifier,
@@ -51,7 +53,8 @@ OnlineUser TunnelServer::record_of(const Session& session) const {
 void TunnelServer::note_begin(const Session& session) {
   log_line(LOG_INFO, "%s from %s is online on %s", session.user.c_str(),
            to_text(session.channel->peer().address).c_str(), to_text(session.address).c_str());
-  notes_.submit([record = record_of(session)] { return noted(begin_session(OnlineUsers{}, record)); });
+  notes_.submit(
+      [record = record_of(session)] { return noted(begin_session(OnlineUsers{}, record)); });
 }
 
 void TunnelServer::note_end(const Session& session) {
@@ -59,7 +62,8 @@ void TunnelServer::note_end(const Session& session) {
                         static_cast<std::int64_t>(session.bytes.sent)};
   notes_.submit([record = record_of(session), traffic] {
     const auto same = [&](const OnlineUser& each) {
-      return each.type == SERVER_BIT && each.interface == record.interface && each.number == record.number;
+      return each.type == SERVER_BIT && each.interface == record.interface &&
+             each.number == record.number;
     };
     return noted(end_sessions(OnlineUsers{}, same, traffic));
   });

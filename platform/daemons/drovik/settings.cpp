@@ -65,7 +65,8 @@ bool read_pool(const Keys& keys, ServerSettings& out, std::string& why) {
   const auto last = parse_ipv4(keys.text("Client IP 2", "10.6.0.254"));
   why = "Client IP 1\" or \"Client IP 2";
   if (!first || !last || (*first | HOST_BITS) != (*last | HOST_BITS)) return false;
-  if ((*first & HOST_BITS) < FIRST_HOST || *first > *last || (*last & HOST_BITS) > LAST_HOST) return false;
+  if ((*first & HOST_BITS) < FIRST_HOST || *first > *last || (*last & HOST_BITS) > LAST_HOST)
+    return false;
   out.first = *first;
   out.last = *last;
   out.gateway = (*first & ~HOST_BITS) + 1;
@@ -74,8 +75,8 @@ bool read_pool(const Keys& keys, ServerSettings& out, std::string& why) {
 
 }  // namespace
 
-bool read_server(Conf_dir* conf, const char* section, std::string_view resolver, ServerSettings& out,
-                 std::string& why) {
+bool read_server(Conf_dir* conf, const char* section, std::string_view resolver,
+                 ServerSettings& out, std::string& why) {
   const Keys keys{conf, section};
   out.psk = keys.text("PSK");
   out.debug = keys.number("Debug", 0) == 1;

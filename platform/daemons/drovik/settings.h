@@ -27,7 +27,8 @@ struct ServerSettings {
 };
 
 struct ClientSettings {
-  std::string server_address{};  // what "Server Address" resolved to when the profile was saved; may be empty
+  std::string server_address{};  // what "Server Address" resolved to when the profile was saved;
+                                 // may be empty
   std::string server_name{};
   std::uint16_t port = 0;
   std::string psk{};
@@ -37,10 +38,11 @@ struct ClientSettings {
   bool debug = false;
 };
 
-// `resolver` is the text of resolv.conf: its servers are handed to clients unless there is a manual one. False tells in
-// `why` which key is of no use.
-[[nodiscard]] bool read_server(Conf_dir* conf, const char* section, std::string_view resolver, ServerSettings& out,
+// `resolver` is the text of resolv.conf: its servers are handed to clients unless there is a manual
+// one. False tells in `why` which key is of no use.
+[[nodiscard]] bool read_server(Conf_dir* conf, const char* section, std::string_view resolver,
+                               ServerSettings& out, std::string& why);
+[[nodiscard]] bool read_client(Conf_dir* conf, const char* section, ClientSettings& out,
                                std::string& why);
-[[nodiscard]] bool read_client(Conf_dir* conf, const char* section, ClientSettings& out, std::string& why);
 
 }  // namespace fenro::drovik

@@ -11,7 +11,8 @@ namespace fenro::drovik {
 namespace {
 
 constexpr const char* CLONE_DEVICE = "/dev/net/tun";
-constexpr int QUEUE_LENGTH = 2000;  // bursts of several clients, while the processor is with one of them
+constexpr int QUEUE_LENGTH =
+    2000;  // bursts of several clients, while the processor is with one of them
 
 // Requests about one interface, of which the first that fails ends the rest.
 class Requests {

@@ -14,13 +14,15 @@
 namespace fenro::drovik {
 namespace {
 
-constexpr std::size_t BATCH = 16;         // messages a call, in both directions
-constexpr std::size_t MESSAGE = 65536;    // what one may hold of cut or joined datagrams
-constexpr std::size_t SEND_MAX = 65000;   // below what one IP packet may hold, for the kernel's count includes heads
+constexpr std::size_t BATCH = 16;       // messages a call, in both directions
+constexpr std::size_t MESSAGE = 65536;  // what one may hold of cut or joined datagrams
+constexpr std::size_t SEND_MAX =
+    65000;  // below what one IP packet may hold, for the kernel's count includes heads
 constexpr std::size_t SEGMENTS_MAX = 64;  // the kernel's limit
 constexpr int SOCKET_BUFFER = 4 << 20;
 
-constexpr std::size_t SEND_CONTROL = CMSG_SPACE(sizeof(std::uint16_t)) + CMSG_SPACE(sizeof(in_pktinfo));
+constexpr std::size_t SEND_CONTROL =
+    CMSG_SPACE(sizeof(std::uint16_t)) + CMSG_SPACE(sizeof(in_pktinfo));
 constexpr std::size_t RECEIVE_CONTROL = CMSG_SPACE(sizeof(int)) + CMSG_SPACE(sizeof(in_pktinfo));
 
 struct alignas(cmsghdr) Control {
@@ -51,7 +53,8 @@ void add_control(msghdr& head, int level, int type, const Value& value) {
   head.msg_controllen += CMSG_SPACE(sizeof value);
 }
 
-// What the kernel reports about a message: our address, and the size of the datagrams if it has joined several.
+// What the kernel reports about a message: our address, and the size of the datagrams if it has
+// joined several.
 std::optional<std::size_t> read_controls(msghdr& head, Peer& from) {
   std::optional<std::size_t> segment;
   for (cmsghdr* at = CMSG_FIRSTHDR(&head); at; at = CMSG_NXTHDR(&head, at)) {
@@ -87,7 +90,8 @@ UdpSocket::~UdpSocket() = default;
 bool UdpSocket::open() {
   fd_ = Fd{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)};
   if (!fd_) return false;
-  // A path that carries less than ours cuts our datagrams: their size is fixed, so they must not be dropped instead.
+  // A path that carries less than ours cuts our datagrams: their size is fixed, so they must not be
+  // dropped instead.
   set_option(fd_.get(), IPPROTO_IP, IP_MTU_DISCOVER, IP_PMTUDISC_DONT);
   // Beyond the host's limit where we may, else up to it.
   for (const int option : {SO_RCVBUF, SO_SNDBUF, SO_RCVBUFFORCE, SO_SNDBUFFORCE})
@@ -105,7 +109,8 @@ bool UdpSocket::connect(Ipv4 address, std::uint16_t port) {
   const sockaddr_in name = socket_address(address, port);
   connected_ = true;
   if (!open()) return false;
-  set_option(fd_.get(), SOL_SOCKET, SO_MARK, TUNNEL_MARK);  // beyond our rights it goes by the address of the server
+  set_option(fd_.get(), SOL_SOCKET, SO_MARK,
+             TUNNEL_MARK);  // beyond our rights it goes by the address of the server
   return ::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0;
 }
 
@@ -114,7 +119,8 @@ void UdpSocket::prepare_receive() {
   for (std::size_t i = 0; i < BATCH; ++i) {
     own.pieces[i] = {own.in.data() + i * MESSAGE, MESSAGE};
     msghdr& head = own.heads[i].msg_hdr;
-    head = {&own.names[i], sizeof own.names[i], &own.pieces[i], 1, own.controls[i].bytes.data(), 0, 0};
+    head = {
+        &own.names[i], sizeof own.names[i], &own.pieces[i], 1, own.controls[i].bytes.data(), 0, 0};
     head.msg_controllen = own.controls[i].bytes.size();
   }
 }
@@ -138,8 +144,9 @@ bool UdpSocket::receive(const Take& take) {
 bool UdpSocket::joins_last(const Peer& to, std::size_t size) const {
   if (!segments_ || queue_.empty()) return false;
   const Outgoing& last = queue_.back();
-  return !last.ended && last.to.key() == to.key() && last.to.local == to.local && size <= last.segment &&
-         last.size + size <= SEND_MAX && last.size < last.segment * SEGMENTS_MAX;
+  return !last.ended && last.to.key() == to.key() && last.to.local == to.local &&
+         size <= last.segment && last.size + size <= SEND_MAX &&
+         last.size < last.segment * SEGMENTS_MAX;
 }
 
 void UdpSocket::send(const Peer& to, std::string_view datagram) {
@@ -182,7 +189,8 @@ void UdpSocket::flush() {
       continue;
     }
     if (errno == EINTR) continue;
-    // A device without checksums in hardware, or a path with smaller packets, refuses to have it cut.
+    // A device without checksums in hardware, or a path with smaller packets, refuses to have it
+    // cut.
     if (errno == EIO || errno == EINVAL || errno == EMSGSIZE) send_singly(queue_[done]);
     ++done;
   }

@@ -1,5 +1,5 @@
-// The tunnel's UDP socket, many datagrams a system call: the kernel cuts what we send to one end from one buffer and
-// hands us what came from one end in one buffer, where it can.
+// The tunnel's UDP socket, many datagrams a system call: the kernel cuts what we send to one end
+// from one buffer and hands us what came from one end in one buffer, where it can.
 #pragma once
 
 #include <cstddef>

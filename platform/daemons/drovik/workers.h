@@ -1,4 +1,5 @@
-// Threads for what may take its time (a password check, a file, another daemon), so that packets never wait for it.
+// Threads for what may take its time (a password check, a file, another daemon), so that packets
+// never wait for it.
 #pragma once
 
 #include <condition_variable>
@@ -18,8 +19,8 @@ class Workers {
   using Then = std::function<void()>;  // what the owner's thread does with the result; may be empty
   using Job = std::function<Then()>;
 
-  // With one thread, jobs are done in the order in which they come. The signals that are to end the daemon must be
-  // blocked by then: threads inherit that.
+  // With one thread, jobs are done in the order in which they come. The signals that are to end the
+  // daemon must be blocked by then: threads inherit that.
   explicit Workers(std::size_t threads);
   Workers(const Workers&) = delete;
   Workers& operator=(const Workers&) = delete;

@@ -47,10 +47,12 @@ std::string Documents::read(const std::string& path, Json& out) const {
 std::string Documents::write(const std::string& path, const json_t* document) const {
   const std::string file = resolve(path);
   if (file.empty()) return NOT_OURS;
-  if (!json_is_object(document) && !json_is_array(document)) return "the document is neither an object nor an array";
+  if (!json_is_object(document) && !json_is_array(document))
+    return "the document is neither an object nor an array";
   const std::string text = compact(document) + '\n';
   if (text.size() > DOCUMENT_MAX) return "the document is too long";
-  return replace_file(file, text) ? std::string{} : "the file could not be replaced: " + reason(errno);
+  return replace_file(file, text) ? std::string{}
+                                  : "the file could not be replaced: " + reason(errno);
 }
 
 }  // namespace fenro::jsond

@@ -4,7 +4,8 @@ namespace fenro::jsond {
 namespace {
 
 constexpr int FAILED = -1;
-constexpr std::size_t MESSAGE_MAX = 2 * DOCUMENT_MAX;  // a request's document may contain blanks and escapes
+constexpr std::size_t MESSAGE_MAX =
+    2 * DOCUMENT_MAX;  // a request's document may contain blanks and escapes
 
 std::string path_of(const json_t* request) {
   const char* path = text_or_null(request, "path");
@@ -32,7 +33,8 @@ std::span<const Method> methods() {
 std::string answer(const Documents& documents, const Method& method, std::string_view body) {
   Json data = json_text("");
   const Json request = parse_request(body, MESSAGE_MAX);
-  const std::string failure = request ? method.run(documents, request.get(), data) : "the request is not a JSON object";
+  const std::string failure =
+      request ? method.run(documents, request.get(), data) : "the request is not a JSON object";
   return failure.empty() ? reply_text(0, std::move(data)) : reply_text(FAILED, json_text(failure));
 }
 

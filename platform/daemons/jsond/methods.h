@@ -1,4 +1,5 @@
-// What vpncaas answers. A reply is {"error":0,"data":...}; with an error that is not 0, data says why in a text.
+// What vpncaas answers. A reply is {"error":0,"data":...}; with an error that is not 0, data says
+// why in a text.
 #pragma once
 
 #include <span>
@@ -18,6 +19,7 @@ struct Method {
 [[nodiscard]] std::span<const Method> methods();
 
 // The reply to a request as it came over the bus, whatever it holds.
-[[nodiscard]] std::string answer(const Documents& documents, const Method& method, std::string_view body);
+[[nodiscard]] std::string answer(const Documents& documents, const Method& method,
+                                 std::string_view body);
 
 }  // namespace fenro::jsond

@@ -6,8 +6,9 @@
 
 namespace fenro::keeper {
 
-// One server or client tunnel. The pause after an attempt is 5 seconds, then 10, 20 and so on up to 300; after 15
-// minutes without an attempt it is 5 again. What starts well and dies again and again is given up.
+// One server or client tunnel. The pause after an attempt is 5 seconds, then 10, 20 and so on up to
+// 300; after 15 minutes without an attempt it is 5 again. What starts well and dies again and again
+// is given up.
 class Backoff {
  public:
   using Clock = std::chrono::steady_clock;

@@ -50,14 +50,16 @@ Child::Child(std::vector<std::string> words) : output_(memfd_create("output", MF
   sigfillset(&all);
   posix_spawnattr_setsigmask(&spawn.attributes, &none);
   posix_spawnattr_setsigdefault(&spawn.attributes, &all);
-  posix_spawnattr_setflags(&spawn.attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  posix_spawnattr_setflags(&spawn.attributes,
+                           POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   posix_spawn_file_actions_addopen(&spawn.files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&spawn.files, output_.get(), STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&spawn.files, output_.get(), STDERR_FILENO);
   static char path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
   std::array<char*, 2> environment{path, nullptr};
   std::vector<char*> argv = argv_of(words);
-  if (!output_ || posix_spawn(&pid_, argv[0], &spawn.files, &spawn.attributes, argv.data(), environment.data()) != 0)
+  if (!output_ || posix_spawn(&pid_, argv[0], &spawn.files, &spawn.attributes, argv.data(),
+                              environment.data()) != 0)
     pid_ = -1;
 }
 

@@ -1,4 +1,5 @@
-// Programs that the keeper runs beside its own work, in a session of their own, so that they outlive it.
+// Programs that the keeper runs beside its own work, in a session of their own, so that they
+// outlive it.
 #pragma once
 
 #include <optional>
@@ -17,7 +18,8 @@ struct Ended {
 
 class Child {
  public:
-  // Starts a program without input. Its output is kept in memory: daemons that it starts may hold on to it.
+  // Starts a program without input. Its output is kept in memory: daemons that it starts may hold
+  // on to it.
   explicit Child(std::vector<std::string> words);
   // False when the program could not be started.
   explicit operator bool() const { return pid_ > 0; }

@@ -34,8 +34,8 @@ bool has_database() {
   const MibIo io{mib_io_create()};
   constexpr std::string_view NOBODY = "x";
   return io && mib_io_write(io.get(), NOBODY.data(), NOBODY.size()) > 0 &&
-         mib_call(ormel::log_db::SERVICE, ormel::log_db::PRIVILEGE_USER_BLOCK_CHECK, io.get(), 1, NO_FLAG) ==
-             MIB_SUCCESS;
+         mib_call(ormel::log_db::SERVICE, ormel::log_db::PRIVILEGE_USER_BLOCK_CHECK, io.get(), 1,
+                  NO_FLAG) == MIB_SUCCESS;
 }
 
 void clear_clients(const Processes& processes) {
@@ -56,7 +56,8 @@ void clear_clients(const Processes& processes) {
     unlink((std::string{CLIENT_MARKS} + '/' + section).c_str());
   }
   if (changed && Conf_Dir_Wirte_File(conf.get()) != 0)
-    std::fprintf(stderr, "fenro-keeperd: what the last tunnels left in %s cannot be cleared\n", VPN_CONF);
+    std::fprintf(stderr, "fenro-keeperd: what the last tunnels left in %s cannot be cleared\n",
+                 VPN_CONF);
 }
 
 bool is_dead(const OnlineUser& user, const Processes& processes) {
@@ -71,7 +72,8 @@ void end_sessions(const Processes& processes) {
   std::set<std::vector<std::string>> ends;
   for (const OnlineUser& user : OnlineUsers{}.list()) {
     if (is_dead(user, processes))
-      ends.insert({CONNECTION_TOOL, "down", std::to_string(user.type), "number", std::to_string(user.number)});
+      ends.insert({CONNECTION_TOOL, "down", std::to_string(user.type), "number",
+                   std::to_string(user.number)});
   }
   for (int round = 0; !ends.empty() && round < DATABASE_ROUNDS && !has_database(); ++round)
     std::this_thread::sleep_for(std::chrono::milliseconds(100));

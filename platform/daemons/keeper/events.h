@@ -1,4 +1,5 @@
-// What the keeper reports: an event in the host's log, and a notification for those who asked for its kind.
+// What the keeper reports: an event in the host's log, and a notification for those who asked for
+// its kind.
 #pragma once
 
 #include <functional>
@@ -26,7 +27,8 @@ inline constexpr Kind KINDS[] = {
     {"daemon", "A daemon of the service does not answer, or answers again"},
     {"disk", "A disk is nearly full, or has space again"},
 };
-inline constexpr std::string_view TEST_KIND = "test";  // sent to its target only, whatever that asks for
+inline constexpr std::string_view TEST_KIND =
+    "test";  // sent to its target only, whatever that asks for
 
 // The row of a kind; null for any other name.
 [[nodiscard]] constexpr const Kind* find_kind(std::string_view name) {

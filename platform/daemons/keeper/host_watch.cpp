@@ -55,7 +55,8 @@ std::set<std::string> listening_sockets() {
 bool changed(const char* path, timespec& last) {
   struct stat now {};
   if (stat(path, &now) != 0) return false;
-  if (now.st_mtim.tv_sec < last.tv_sec || (now.st_mtim.tv_sec == last.tv_sec && now.st_mtim.tv_nsec <= last.tv_nsec))
+  if (now.st_mtim.tv_sec < last.tv_sec ||
+      (now.st_mtim.tv_sec == last.tv_sec && now.st_mtim.tv_nsec <= last.tv_nsec))
     return false;
   last = now.st_mtim;
   return true;
@@ -79,7 +80,8 @@ void HostWatch::look_at_daemons(Time now) {
       daemon.seen = true;
       daemon.gone = {};
       if (std::exchange(daemon.dead, false))
-        report_({"daemon", Level::Information, row.name, std::string{"The daemon "} + row.name + " answers again"});
+        report_({"daemon", Level::Information, row.name,
+                 std::string{"The daemon "} + row.name + " answers again"});
       continue;
     }
     if (!daemon.seen || daemon.dead) continue;
@@ -88,7 +90,8 @@ void HostWatch::look_at_daemons(Time now) {
     daemon.dead = true;
     report_({"daemon", Level::Error, row.name,
              std::string{"The daemon "} + row.name +
-                 " has ended and was not restarted; start it again (systemctl restart " + row.name + ')'});
+                 " has ended and was not restarted; start it again (systemctl restart " + row.name +
+                 ')'});
   }
 }
 
@@ -101,10 +104,12 @@ void HostWatch::look_at_disks() {
     if (!full && free < FULL_PERCENT) {
       full = true;
       report_({"disk", Level::Error, folder,
-               std::string{"The disk of "} + folder + " is nearly full: " + std::to_string(free) + " % are free"});
+               std::string{"The disk of "} + folder + " is nearly full: " + std::to_string(free) +
+                   " % are free"});
     } else if (full && free >= RELIEF_PERCENT) {
       full = false;
-      report_({"disk", Level::Information, folder, std::string{"The disk of "} + folder + " has space again"});
+      report_({"disk", Level::Information, folder,
+               std::string{"The disk of "} + folder + " has space again"});
     }
   }
 }
@@ -120,8 +125,12 @@ void HostWatch::look_at_users() {
   request->order_by = BY_TIMESTAMP;
   request->order_style = 1;
   const MibIo io{mib_io_create()};
-  if (!io || mib_io_write(io.get(), reinterpret_cast<const char*>(request.get()), sizeof *request) < 0) return;
-  if (mib_call(log_db::SERVICE, log_db::PRIVILEGE_USER_BLOCK.query, io.get(), 1, NO_FLAG) != MIB_SUCCESS) return;
+  if (!io ||
+      mib_io_write(io.get(), reinterpret_cast<const char*>(request.get()), sizeof *request) < 0)
+    return;
+  if (mib_call(log_db::SERVICE, log_db::PRIVILEGE_USER_BLOCK.query, io.get(), 1, NO_FLAG) !=
+      MIB_SUCCESS)
+    return;
   std::size_t length = 0;
   const char* const bytes = mib_io_read(io.get(), &length);
   auto row = std::make_unique<db_privilege_user_block_data>();

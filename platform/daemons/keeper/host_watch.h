@@ -1,4 +1,5 @@
-// What the keeper watches beside the tunnels: the daemons of the bus, disks, and users who are locked.
+// What the keeper watches beside the tunnels: the daemons of the bus, disks, and users who are
+// locked.
 #pragma once
 
 #include <chrono>

@@ -1,5 +1,6 @@
-// fenro-keeperd: the service "KeeperService" on the bus. At the start of the host it clears what a power cut has left
-// and brings up what is on; from then on it starts again what has ended, and reports what happens.
+// fenro-keeperd: the service "KeeperService" on the bus. At the start of the host it clears what a
+// power cut has left and brings up what is on; from then on it starts again what has ended, and
+// reports what happens.
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -56,7 +57,8 @@ int main() {
   keeper::Recent recent;
   const keeper::Reporter report = [&notifier, &recent](const keeper::Report& what) {
     std::fprintf(stderr, "fenro-keeperd: %s\n", what.text.c_str());
-    if (!keeper::store_event(what)) std::fputs("fenro-keeperd: the event log cannot be written\n", stderr);
+    if (!keeper::store_event(what))
+      std::fputs("fenro-keeperd: the event log cannot be written\n", stderr);
     notifier.send(what);
     recent.add(what, std::time(nullptr));
   };

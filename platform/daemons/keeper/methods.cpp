@@ -52,10 +52,11 @@ std::string text_of(const Json& request, const char* key) {
 }
 
 bus::Reply set(const Json& request) {
-  Target target{text_of(request, "name"), text_of(request, "url"), split_events(text_of(request, "events")),
-                text_of(request, "secret")};
+  Target target{text_of(request, "name"), text_of(request, "url"),
+                split_events(text_of(request, "events")), text_of(request, "secret")};
   if (target.events.empty()) target.events = {"all"};
-  if (const std::string fault = fault_of(target); !fault.empty()) return refusal(WRONG_VALUE, fault);
+  if (const std::string fault = fault_of(target); !fault.empty())
+    return refusal(WRONG_VALUE, fault);
   const std::vector<Target> known = read_targets();
   const auto old = std::ranges::find(known, target.name, &Target::name);
   const bool is_mail = target.url.starts_with("mail:");
@@ -69,7 +70,8 @@ bus::Reply set(const Json& request) {
     if (target.secret.empty()) return refusal(FAILED, "no secret could be made");
     set_text(data, "secret", target.secret);
   }
-  if (!store_target(target)) return refusal(FAILED, "/etc/config/ormel/keeper.conf cannot be written");
+  if (!store_target(target))
+    return refusal(FAILED, "/etc/config/ormel/keeper.conf cannot be written");
   return answer(std::move(data));
 }
 
@@ -85,7 +87,8 @@ bus::Reply unknown(const std::string& name) {
 bus::Reply remove(const Json& request) {
   const std::string name = text_of(request, "name");
   if (!is_known(name)) return unknown(name);
-  if (!remove_target(name)) return refusal(FAILED, "/etc/config/ormel/keeper.conf cannot be written");
+  if (!remove_target(name))
+    return refusal(FAILED, "/etc/config/ormel/keeper.conf cannot be written");
   return answer(Json{json_object()});
 }
 
@@ -138,7 +141,8 @@ void serve(bus::Server& server, const Watch& watch, Notifier& notifier, Recent& 
     });
   };
   on("keeper.show", [&watch](const Json&) { return answer(watch.show()); });
-  on("keeper.report", [&notifier, &recent](const Json& request) { return report(notifier, recent, request); });
+  on("keeper.report",
+     [&notifier, &recent](const Json& request) { return report(notifier, recent, request); });
   on("notify.kinds", [](const Json&) { return kinds(); });
   on("notify.recent", [&recent](const Json&) { return answer(recent.show()); });
   on("notify.list", [&notifier](const Json&) { return list(notifier); });

@@ -26,7 +26,8 @@ using Curl = std::unique_ptr<CURL, FreeWith<curl_easy_cleanup>>;
 using Headers = std::unique_ptr<curl_slist, FreeWith<curl_slist_free_all>>;
 
 constexpr int ATTEMPTS = 3;
-constexpr std::chrono::seconds PAUSE{5};  // before the second attempt; three times as long before the third
+constexpr std::chrono::seconds PAUSE{
+    5};  // before the second attempt; three times as long before the third
 constexpr long TIMEOUT_SECONDS = 10;
 constexpr std::size_t QUEUE_LIMIT = 1000;
 constexpr std::size_t TESTS_KEPT = 16;
@@ -86,7 +87,8 @@ Outcome post(CURL* handle, const Target& target, const std::string& body) {
   curl_easy_reset(handle);
   const auto set = [handle](auto option, auto value) { curl_easy_setopt(handle, option, value); };
   set(CURLOPT_URL, target.url.c_str());
-  set(CURLOPT_PROTOCOLS_STR, target.url.starts_with("https:") ? "https" : "http");  // plain is for the loopback alone
+  set(CURLOPT_PROTOCOLS_STR,
+      target.url.starts_with("https:") ? "https" : "http");  // plain is for the loopback alone
   set(CURLOPT_FOLLOWLOCATION, 0L);
   set(CURLOPT_PROXY, "");
   set(CURLOPT_HTTPHEADER, headers.get());
@@ -111,13 +113,16 @@ Outcome post(CURL* handle, const Target& target, const std::string& body) {
 // The recipient is an argument behind "--"; all that comes from elsewhere is in the message.
 Outcome mail(const Target& target, const std::string& subject, const std::string& body) {
   const std::string to = target.url.substr(MAIL.size());
-  const std::string text =
-      "To: " + to + "\nSubject: " + subject + "\nContent-Type: text/plain; charset=utf-8\n\n" + body + '\n';
-  std::vector<std::string> words{"/usr/bin/timeout", std::to_string(TIMEOUT_SECONDS), SENDMAIL, "-i", "--", to};
-  if (access(SENDMAIL, X_OK) != 0) return {.error = "this host has no mail system (/usr/sbin/sendmail)"};
+  const std::string text = "To: " + to + "\nSubject: " + subject +
+                           "\nContent-Type: text/plain; charset=utf-8\n\n" + body + '\n';
+  std::vector<std::string> words{
+      "/usr/bin/timeout", std::to_string(TIMEOUT_SECONDS), SENDMAIL, "-i", "--", to};
+  if (access(SENDMAIL, X_OK) != 0)
+    return {.error = "this host has no mail system (/usr/sbin/sendmail)"};
   const MibIo input{mib_io_create()};
   const MibIo out{mib_io_create()};
-  if (!input || !out || mib_io_write(input.get(), text.data(), text.size()) < 0) return {.error = "out of memory"};
+  if (!input || !out || mib_io_write(input.get(), text.data(), text.size()) < 0)
+    return {.error = "out of memory"};
   const int status = mib_io_execv(input.get(), out.get(), out.get(), argv_of(words).data());
   return {.error = status == 0 ? "" : "sendmail ends with status " + std::to_string(status)};
 }
@@ -135,7 +140,8 @@ std::string signature(const std::string& secret, std::string_view text) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> sum{};
   unsigned length = 0;
   const auto* const bytes = reinterpret_cast<const unsigned char*>(text.data());
-  if (!HMAC(EVP_sha256(), secret.data(), static_cast<int>(secret.size()), bytes, text.size(), sum.data(), &length))
+  if (!HMAC(EVP_sha256(), secret.data(), static_cast<int>(secret.size()), bytes, text.size(),
+            sum.data(), &length))
     return {};
   return hex(sum.data(), length);
 }
@@ -170,7 +176,8 @@ void Notifier::send(const Report& report) {
   const std::vector<Target> targets = read_targets();
   const std::lock_guard guard{mutex_};
   for (const Target& target : targets) {
-    if (target.wants(report.kind) && limit_.admit(target.name + SEPARATOR + std::string{report.kind}, Clock::now()))
+    if (target.wants(report.kind) &&
+        limit_.admit(target.name + SEPARATOR + std::string{report.kind}, Clock::now()))
       queue(target, report, ATTEMPTS, 0);
   }
 }
@@ -180,8 +187,10 @@ std::uint64_t Notifier::test(const std::string& name) {
   const auto target = std::ranges::find(targets, name, &Target::name);
   if (target == targets.end()) return 0;
   const std::lock_guard guard{mutex_};
-  queue(*target, {TEST_KIND, Level::Information, name, "This is a test of the notifications to " + name + "."}, 1,
-        ++last_test_);
+  queue(
+      *target,
+      {TEST_KIND, Level::Information, name, "This is a test of the notifications to " + name + "."},
+      1, ++last_test_);
   return last_test_;
 }
 
@@ -232,8 +241,9 @@ void Notifier::run() {
     Delivery delivery = std::move(*next);
     queue_.erase(next);
     lock.unlock();
-    Outcome outcome = delivery.target.url.starts_with(MAIL) ? mail(delivery.target, delivery.subject, delivery.body)
-                                                            : post(handle.get(), delivery.target, delivery.body);
+    Outcome outcome = delivery.target.url.starts_with(MAIL)
+                          ? mail(delivery.target, delivery.subject, delivery.body)
+                          : post(handle.get(), delivery.target, delivery.body);
     outcome.at = std::time(nullptr);
     lock.lock();
     outcomes_[delivery.target.name] = outcome;

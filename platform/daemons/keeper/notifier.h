@@ -1,9 +1,10 @@
-// Sends reports to the targets of keeper.conf, on a separate thread: a target that does not answer delays nothing
-// else.
+// Sends reports to the targets of keeper.conf, on a separate thread: a target that does not answer
+// delays nothing else.
 //
-// A webhook gets a POST of JSON, {"schema":1,"host":…,"time":…,"event":KIND,"subject":…,"text":…,"reason":…}, with the
-// header "X-Ormel-Signature: sha256=HEX": the HMAC-SHA256 of the body under the target's secret. No redirection is
-// followed, an answer takes ten seconds at most, and a delivery has three attempts.
+// A webhook gets a POST of JSON,
+// {"schema":1,"host":…,"time":…,"event":KIND,"subject":…,"text":…,"reason":…}, with the header
+// "X-Ormel-Signature: sha256=HEX": the HMAC-SHA256 of the body under the target's secret. No
+// redirection is followed, an answer takes ten seconds at most, and a delivery has three attempts.
 #pragma once
 
 #include <chrono>
@@ -45,7 +46,8 @@ class Notifier {
 
   // Queues a report for all targets that want its kind.
   void send(const Report& report);
-  // Queues a test for one target, sent once. The number is for test_outcome(); 0 without a target of that name.
+  // Queues a test for one target, sent once. The number is for test_outcome(); 0 without a target
+  // of that name.
   [[nodiscard]] std::uint64_t test(const std::string& name);
   [[nodiscard]] std::optional<Outcome> test_outcome(std::uint64_t number) const;
   [[nodiscard]] std::optional<Outcome> last_outcome(const std::string& name) const;

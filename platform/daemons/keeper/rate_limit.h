@@ -1,4 +1,5 @@
-// How many notifications of a kind a target gets: 20 an hour, and then one that says how many there would have been.
+// How many notifications of a kind a target gets: 20 an hour, and then one that says how many there
+// would have been.
 #pragma once
 
 #include <chrono>

@@ -1,4 +1,5 @@
-// The latest reports, for the web interface's bell. They go with the daemon; the event log keeps them longer.
+// The latest reports, for the web interface's bell. They go with the daemon; the event log keeps
+// them longer.
 #pragma once
 
 #include <cstddef>

@@ -49,7 +49,8 @@ bool is_printable(std::string_view text) {
 
 bool is_mailbox(std::string_view text) {
   return !text.empty() && text.front() != '-' && std::ranges::all_of(text, [](unsigned char c) {
-    return std::isalnum(c) || std::string_view{"._+@-"}.find(static_cast<char>(c)) != std::string_view::npos;
+    return std::isalnum(c) ||
+           std::string_view{"._+@-"}.find(static_cast<char>(c)) != std::string_view::npos;
   });
 }
 
@@ -65,7 +66,9 @@ bool Target::wants(std::string_view kind) const {
 }
 
 Settings read_settings() {
-  const auto on = [](const char* key) { return is_true(ini::read_value(FILE_PATH, "keeper", key).value_or("TRUE")); };
+  const auto on = [](const char* key) {
+    return is_true(ini::read_value(FILE_PATH, "keeper", key).value_or("TRUE"));
+  };
   return {on("Servers"), on("Clients")};
 }
 
@@ -78,7 +81,8 @@ std::vector<Target> read_targets() {
     const auto value = [&](const char* key) {
       return std::string{Conf_Dir_Get_Str(conf.get(), section.c_str(), key, "")};
     };
-    Target target{section.substr(SECTION.size()), value("URL"), split_events(value("Events")), value("Secret")};
+    Target target{section.substr(SECTION.size()), value("URL"), split_events(value("Events")),
+                  value("Secret")};
     if (fault_of(target).empty()) targets.push_back(std::move(target));
   }
   return targets;
@@ -89,20 +93,25 @@ bool is_webhook(const std::string& text) {
   if (text.size() > MAX_URL || !is_printable(text) ||
       curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK)
     return false;
-  if (!part_of(url.get(), CURLUPART_USER).empty() || !part_of(url.get(), CURLUPART_PASSWORD).empty()) return false;
+  if (!part_of(url.get(), CURLUPART_USER).empty() ||
+      !part_of(url.get(), CURLUPART_PASSWORD).empty())
+    return false;
   const std::string scheme = part_of(url.get(), CURLUPART_SCHEME);
   return scheme == "https" || (scheme == "http" && is_loopback(part_of(url.get(), CURLUPART_HOST)));
 }
 
 std::string fault_of(const Target& target) {
-  const bool named =
-      !target.name.empty() && target.name.size() <= MAX_NAME &&
-      std::ranges::all_of(target.name, [](unsigned char c) { return std::isalnum(c) || c == '-' || c == '_'; });
+  const bool named = !target.name.empty() && target.name.size() <= MAX_NAME &&
+                     std::ranges::all_of(target.name, [](unsigned char c) {
+                       return std::isalnum(c) || c == '-' || c == '_';
+                     });
   if (!named) return "a name has up to 32 letters, digits, \"-\" and \"_\"";
   if (target.url.starts_with(MAIL)) {
-    if (!is_mailbox(std::string_view{target.url}.substr(MAIL.size()))) return "after mail: comes a user or an address";
+    if (!is_mailbox(std::string_view{target.url}.substr(MAIL.size())))
+      return "after mail: comes a user or an address";
   } else if (!is_webhook(target.url)) {
-    return "the URL begins with https:// (or is this host's own loopback), without a user name in it; or it is "
+    return "the URL begins with https:// (or is this host's own loopback), without a user name in "
+           "it; or it is "
            "mail:USER";
   }
   if (target.events.empty()) return "no events are chosen";

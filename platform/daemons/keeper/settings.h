@@ -35,7 +35,8 @@ struct Target {
 
 // Empty, or what is wrong with the target in words.
 [[nodiscard]] std::string fault_of(const Target& target);
-// Whether a webhook may be sent there: HTTPS, or this host's own loopback; no user name or password in it.
+// Whether a webhook may be sent there: HTTPS, or this host's own loopback; no user name or password
+// in it.
 [[nodiscard]] bool is_webhook(const std::string& url);
 
 // Adds a target or replaces the one of its name; false when the file cannot be written.

@@ -28,7 +28,8 @@ std::string decode_name(const std::string& text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     unsigned value = 0;
     const char* const digits = text.data() + i + 1;
-    if (text[i] == '%' && i + 2 < text.size() && std::from_chars(digits, digits + 2, value, 16).ptr == digits + 2) {
+    if (text[i] == '%' && i + 2 < text.size() &&
+        std::from_chars(digits, digits + 2, value, 16).ptr == digits + 2) {
       out += static_cast<char>(value);
       i += 2;
     } else {
@@ -93,7 +94,8 @@ std::vector<std::string> Tunnel::script(const char* action) const {
 
 std::string Tunnel::name() const {
   if (is_server()) return std::string{"the "} + protocol->label + " server";
-  return "tunnel \"" + decode_name(setting(*this, "Profile File", section())) + "\" (" + protocol->label + ')';
+  return "tunnel \"" + decode_name(setting(*this, "Profile File", section())) + "\" (" +
+         protocol->label + ')';
 }
 
 std::optional<Tunnel> find_tunnel(std::string_view section) {
@@ -106,8 +108,8 @@ std::optional<Tunnel> find_tunnel(std::string_view section) {
     rest.remove_prefix(CLIENT.size());
     int slot = 0;
     const auto [end, failure] = std::from_chars(rest.data(), rest.data() + rest.size(), slot);
-    if (failure == std::errc{} && end == rest.data() + rest.size() && slot >= 1 && slot <= MAX_SLOT &&
-        std::to_string(slot) == rest)
+    if (failure == std::errc{} && end == rest.data() + rest.size() && slot >= 1 &&
+        slot <= MAX_SLOT && std::to_string(slot) == rest)
       return Tunnel{&row, slot};
   }
   return {};
@@ -129,22 +131,24 @@ Processes::Processes() {
     struct stat owner {};
     // Anyone may start a program under any name.
     if (!is_ours(name) || stat(folder.c_str(), &owner) != 0 || owner.st_uid != geteuid()) continue;
-    all_.push_back(
-        {static_cast<std::uint32_t>(std::strtoul(entry->d_name, nullptr, 10)), std::string{name}, words_of(line)});
+    all_.push_back({static_cast<std::uint32_t>(std::strtoul(entry->d_name, nullptr, 10)),
+                    std::string{name}, words_of(line)});
   }
 }
 
 bool Processes::find(std::string_view name, const std::string& argument) const {
   return std::ranges::any_of(all_, [&](const Process& process) {
     return process.name == name &&
-           (argument.empty() || std::ranges::find(process.arguments, argument) != process.arguments.end());
+           (argument.empty() ||
+            std::ranges::find(process.arguments, argument) != process.arguments.end());
   });
 }
 
 bool Processes::runs(const Tunnel& tunnel) const {
   const Protocol& protocol = *tunnel.protocol;
   if (protocol.server.name.empty()) {
-    const std::string interface = tunnel.is_server() ? std::string{protocol.server.argument} : tunnel.interface();
+    const std::string interface =
+        tunnel.is_server() ? std::string{protocol.server.argument} : tunnel.interface();
     return access(("/sys/class/net/" + interface).c_str(), F_OK) == 0;
   }
   if (!protocol.companion.empty() && !find(protocol.companion, "")) return false;
@@ -155,8 +159,9 @@ bool Processes::runs(const Tunnel& tunnel) const {
 }
 
 bool Processes::has_session(std::uint32_t pid) const {
-  return std::ranges::any_of(
-      all_, [pid](const Process& process) { return process.pid == pid && process.name == SESSION_DAEMON; });
+  return std::ranges::any_of(all_, [pid](const Process& process) {
+    return process.pid == pid && process.name == SESSION_DAEMON;
+  });
 }
 
 std::string setting(const Tunnel& tunnel, std::string_view key, std::string_view fallback) {
@@ -175,7 +180,8 @@ std::vector<Tunnel> configured_tunnels() {
   for (int i = 0; conf && i < conf->sec_num; ++i) {
     if (const auto tunnel = find_tunnel(conf->sec[i])) all.push_back(*tunnel);
   }
-  std::stable_partition(all.begin(), all.end(), [](const Tunnel& tunnel) { return tunnel.is_server(); });
+  std::stable_partition(all.begin(), all.end(),
+                        [](const Tunnel& tunnel) { return tunnel.is_server(); });
   return all;
 }
 

@@ -14,8 +14,8 @@ inline constexpr const char* VPN_CONF = "/etc/config/vpn.conf";
 inline constexpr const char* WANTED = "/run/fenro/wanted";         // WANTED_DIR of the scripts
 inline constexpr const char* CLIENT_MARKS = "/run/fenro/tunnels";  // of theirs, too
 
-// How a program is known among the processes: its name, and one of its arguments. No name: the interface has no
-// process.
+// How a program is known among the processes: its name, and one of its arguments. No name: the
+// interface has no process.
 struct Program {
   std::string_view name{};
   std::string_view argument{};  // for a client followed by its slot and `ending`
@@ -28,12 +28,13 @@ struct Protocol {
   const char* script;  // in /etc/init.d, without its ending
   Program server;
   Program client;
-  std::string_view companion;   // a program without which none of them works; may be empty
-  std::uint32_t sessions;       // type in the list of live connections, 0 without any
-  bool has_pid;                 // a session's number there is the pid of its daemon
-  std::string_view interface;   // of a client, before its unit
-  int units;                    // the unit less the slot
-  std::chrono::seconds redial;  // before a client is started again: what dials again on its own comes first
+  std::string_view companion;  // a program without which none of them works; may be empty
+  std::uint32_t sessions;      // type in the list of live connections, 0 without any
+  bool has_pid;                // a session's number there is the pid of its daemon
+  std::string_view interface;  // of a client, before its unit
+  int units;                   // the unit less the slot
+  std::chrono::seconds
+      redial;  // before a client is started again: what dials again on its own comes first
 };
 
 // One server, or the client tunnel of one profile.
@@ -73,7 +74,8 @@ class Processes {
 };
 
 // A setting of the tunnel's section, as it is now.
-[[nodiscard]] std::string setting(const Tunnel& tunnel, std::string_view key, std::string_view fallback = {});
+[[nodiscard]] std::string setting(const Tunnel& tunnel, std::string_view key,
+                                  std::string_view fallback = {});
 [[nodiscard]] bool is_true(std::string_view text);
 
 // The sections of vpn.conf that are tunnels, servers first.

@@ -26,7 +26,8 @@ constexpr const char* CONNECTION_TOOL = "/usr/lib/fenro/fenro-connection";
 constexpr std::chrono::seconds HANDSHAKE_PERIOD{10};
 constexpr long HANDSHAKE_SECONDS = 180;
 
-constexpr const char* STATE_WORDS[] = {"starting", "running", "waiting", "failed", "given-up", "left-alone"};
+constexpr const char* STATE_WORDS[] = {"starting", "running",  "waiting",
+                                       "failed",   "given-up", "left-alone"};
 
 std::string duration_text(std::time_t seconds) {
   constexpr std::time_t MINUTE = 60;
@@ -47,7 +48,8 @@ bool is_wireguard(const Tunnel& tunnel) {
 
 // The time of the last handshake of a client's only peer; 0 without any.
 std::time_t last_handshake(const std::string& interface) {
-  std::vector<std::string> words{"/usr/bin/timeout", "2", "/usr/bin/wg", "show", interface, "latest-handshakes"};
+  std::vector<std::string> words{"/usr/bin/timeout", "2", "/usr/bin/wg", "show", interface,
+                                 "latest-handshakes"};
   const MibIo out{mib_io_create()};
   if (!out || mib_io_execv(nullptr, out.get(), nullptr, argv_of(words).data()) != 0) return 0;
   std::size_t length = 0;
@@ -62,7 +64,8 @@ std::time_t last_handshake(const std::string& interface) {
 // The host of "HOST:PORT", unless it is an address.
 bool has_name(std::string_view endpoint) {
   return !endpoint.starts_with('[') &&
-         std::ranges::any_of(endpoint.substr(0, endpoint.rfind(':')), [](unsigned char c) { return std::isalpha(c); });
+         std::ranges::any_of(endpoint.substr(0, endpoint.rfind(':')),
+                             [](unsigned char c) { return std::isalpha(c); });
 }
 
 // A line of a script, without the name that it begins with.
@@ -79,8 +82,10 @@ void Watch::boot() {
   for (const Tunnel& tunnel : configured_tunnels()) {
     const bool kept = tunnel.is_server() ? settings.servers : settings.clients;
     if (kept && is_true(setting(tunnel, "Enable"))) booting_.push_back(tunnel);
-    // The kernel's tables are empty: what the program sets up when a profile is added is missing for all of them.
-    if (!tunnel.is_server()) jobs_.push_back({COMMON_SCRIPT, "add_vpnclient_profile", tunnel.interface()});
+    // The kernel's tables are empty: what the program sets up when a profile is added is missing
+    // for all of them.
+    if (!tunnel.is_server())
+      jobs_.push_back({COMMON_SCRIPT, "add_vpnclient_profile", tunnel.interface()});
   }
   if (!booting_.empty()) jobs_.push_front({COMMON_SCRIPT, "setup_vpn_entrance"});
 }
@@ -97,14 +102,16 @@ void Watch::run_jobs() {
   for (const Tunnel& tunnel : booting_) {
     const std::string section = tunnel.section();
     // A person may have been quicker. O_EXCL leaves that start its mark.
-    const Fd mark{open((std::string{WANTED} + '/' + section).c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600)};
+    const Fd mark{open((std::string{WANTED} + '/' + section).c_str(),
+                       O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0600)};
     if (mark) subjects_[section].boot = true;
   }
   booting_.clear();
 }
 
 void Watch::reap() {
-  std::erase_if(orphans_, [](const std::unique_ptr<Child>& child) { return child->poll().has_value(); });
+  std::erase_if(orphans_,
+                [](const std::unique_ptr<Child>& child) { return child->poll().has_value(); });
 }
 
 void Watch::read_marks() {
@@ -113,10 +120,13 @@ void Watch::read_marks() {
     while (const dirent* entry = readdir(folder.get())) {
       const auto tunnel = find_tunnel(entry->d_name);
       struct stat mark {};
-      if (!tunnel || fstatat(dirfd(folder.get()), entry->d_name, &mark, AT_SYMLINK_NOFOLLOW) != 0) continue;
+      if (!tunnel || fstatat(dirfd(folder.get()), entry->d_name, &mark, AT_SYMLINK_NOFOLLOW) != 0)
+        continue;
       wanted.insert(entry->d_name);
       Subject& subject = subjects_[entry->d_name];
-      if (subject.mark.tv_sec == mark.st_mtim.tv_sec && subject.mark.tv_nsec == mark.st_mtim.tv_nsec) continue;
+      if (subject.mark.tv_sec == mark.st_mtim.tv_sec &&
+          subject.mark.tv_nsec == mark.st_mtim.tv_nsec)
+        continue;
       const bool boot = subject.boot && !subject.tunnel.protocol;
       if (subject.child) orphans_.push_back(std::move(subject.child));
       subject = Subject{};
@@ -187,15 +197,19 @@ void Watch::on_dead(Subject& subject, Backoff::Time now) {
   }
   if (!tunnel.is_server() && now - subject.died >= SETTLE && !std::exchange(subject.cleared, true))
     return begin(subject, Task::Forget);
-  if (subject.state == State::LeftAlone || subject.state == State::GivenUp || now < subject.backoff.due()) return;
+  if (subject.state == State::LeftAlone || subject.state == State::GivenUp ||
+      now < subject.backoff.due())
+    return;
   const Settings settings = read_settings();
-  if (!(tunnel.is_server() ? settings.servers : settings.clients) || !is_true(setting(tunnel, "Enable")))
+  if (!(tunnel.is_server() ? settings.servers : settings.clients) ||
+      !is_true(setting(tunnel, "Enable")))
     return set(subject, State::LeftAlone);
   if (const auto reason = reason_of(tunnel); reason && reason->final) {
     subject.reason = reason->text;
     subject.code = reason->code;
     if (!std::exchange(subject.reported, true))
-      tell(subject, "failed", Level::Warning, capital(tunnel.name()) + " does not run: " + subject.reason);
+      tell(subject, "failed", Level::Warning,
+           capital(tunnel.name()) + " does not run: " + subject.reason);
     return set(subject, State::LeftAlone);
   }
   const bool first = subject.boot && !subject.ran;
@@ -204,7 +218,8 @@ void Watch::on_dead(Subject& subject, Backoff::Time now) {
   if (subject.backoff.given_up(now)) {
     set(subject, State::GivenUp);
     tell(subject, "given-up", Level::Error,
-         capital(tunnel.name()) + " ends again and again and is not started any more; turn it off and on to try again");
+         capital(tunnel.name()) +
+             " ends again and again and is not started any more; turn it off and on to try again");
     return;
   }
   subject.backoff.attempt(now);
@@ -223,7 +238,8 @@ void Watch::on_kept(Subject& subject, const Ended& ended, Backoff::Time now) {
     }
     if (subject.tunnel.is_server() && (again || subject.reported)) {
       tell(subject, "restarted", Level::Warning,
-           subject.reported ? name + " runs again" : name + " had ended unexpectedly and was started again");
+           subject.reported ? name + " runs again"
+                            : name + " had ended unexpectedly and was started again");
     }
     if (subject.tunnel.is_server()) subject.reported = false;
     subject.reason.clear();
@@ -251,7 +267,8 @@ void Watch::look_at_tunnel(Subject& subject, bool running) {
                                                : "the connection has ended";
     subject.lost = now;
     subject.code = reason ? reason->code : "";
-    return tell(subject, "lost", Level::Warning, capital(subject.tunnel.name()) + " is lost: " + words);
+    return tell(subject, "lost", Level::Warning,
+                capital(subject.tunnel.name()) + " is lost: " + words);
   }
   subject.reported = false;
   if (const std::time_t lost = std::exchange(subject.lost, 0); lost != 0)
@@ -259,8 +276,8 @@ void Watch::look_at_tunnel(Subject& subject, bool running) {
          capital(subject.tunnel.name()) + " is back after " + duration_text(now - lost));
 }
 
-// A tunnel without keep-alives may be silent because nothing is sent. Asking for the server's address again does no
-// harm.
+// A tunnel without keep-alives may be silent because nothing is sent. Asking for the server's
+// address again does no harm.
 void Watch::look_at_handshake(Subject& subject, Backoff::Time now) {
   if (now - subject.looked < HANDSHAKE_PERIOD) return;
   subject.looked = now;
@@ -280,9 +297,11 @@ void Watch::end_dead_sessions(const Processes& processes) {
   if (!asked || !jobs_.empty()) return;
   for (const OnlineUser& user : OnlineUsers{}.list()) {
     for (const Protocol& protocol : protocols()) {
-      if (user.type != protocol.sessions || !protocol.has_pid || processes.has_session(user.number)) continue;
+      if (user.type != protocol.sessions || !protocol.has_pid || processes.has_session(user.number))
+        continue;
       if (!subjects_.contains(std::string{protocol.section})) continue;
-      jobs_.push_back({CONNECTION_TOOL, "down", std::to_string(user.type), "number", std::to_string(user.number)});
+      jobs_.push_back({CONNECTION_TOOL, "down", std::to_string(user.type), "number",
+                       std::to_string(user.number)});
     }
   }
 }
@@ -292,7 +311,8 @@ void Watch::set(Subject& subject, State state) {
   subject.state = state;
 }
 
-void Watch::tell(const Subject& subject, std::string_view kind, Level level, const std::string& text) {
+void Watch::tell(const Subject& subject, std::string_view kind, Level level,
+                 const std::string& text) {
   report_({kind, level, subject.tunnel.section(), text, subject.code});
 }
 

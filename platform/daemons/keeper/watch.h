@@ -1,5 +1,6 @@
-// Keeps what is on running: looks at all wanted servers and tunnels once a second, and starts by their scripts what has
-// ended. The scripts decide under their own locks, so nothing is started that was turned off meanwhile.
+// Keeps what is on running: looks at all wanted servers and tunnels once a second, and starts by
+// their scripts what has ended. The scripts decide under their own locks, so nothing is started
+// that was turned off meanwhile.
 #pragma once
 
 #include <chrono>
@@ -25,8 +26,8 @@ class Watch {
  public:
   explicit Watch(Reporter report) : report_(std::move(report)) {}
 
-  // Notes what is on when the host starts, before anybody can change it. It is brought up after go(), once there is a
-  // network.
+  // Notes what is on when the host starts, before anybody can change it. It is brought up after
+  // go(), once there is a network.
   void boot();
   void go() { held_ = false; }
   void tick(Backoff::Time now);

@@ -28,7 +28,8 @@ std::string_view take_field(std::string_view& line) {
 
 }  // namespace
 
-bool find_secret(std::string_view secrets, std::string_view user, std::string_view server, std::string& secret) {
+bool find_secret(std::string_view secrets, std::string_view user, std::string_view server,
+                 std::string& secret) {
   while (!secrets.empty()) {
     std::string_view line = take_line(secrets);
     if (!take(line, quoted(user))) continue;

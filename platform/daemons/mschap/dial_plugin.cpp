@@ -1,7 +1,9 @@
-// fenro_dial.so: pppd's plugin for client tunnels. It has ppp-client-ended note how each attempt ended, and ends pppd
-// where that hook says that trying again cannot help: pppd itself goes on dialling with a refused login.
+// fenro_dial.so: pppd's plugin for client tunnels. It has ppp-client-ended note how each attempt
+// ended, and ends pppd where that hook says that trying again cannot help: pppd itself goes on
+// dialling with a refused login.
 //
-// pppd's headers are C that no C++ compiler takes; what is used of them is declared here. A notifier gets the phase.
+// pppd's headers are C that no C++ compiler takes; what is used of them is declared here. A
+// notifier gets the phase.
 #include <cstdlib>
 #include <string>
 #include <sys/wait.h>
@@ -38,15 +40,16 @@ bool is_final(int ended_with) {
     _exit(EXIT_FAILURE);
   }
   int outcome = 0;
-  return child > 0 && TEMP_FAILURE_RETRY(waitpid(child, &outcome, 0)) == child && WIFEXITED(outcome) &&
-         WEXITSTATUS(outcome) == FINAL;
+  return child > 0 && TEMP_FAILURE_RETRY(waitpid(child, &outcome, 0)) == child &&
+         WIFEXITED(outcome) && WEXITSTATUS(outcome) == FINAL;
 }
 
-// pppd closes a link by itself during the login only when that was refused. A server that hangs up at once overwrites
-// the status that says so.
+// pppd closes a link by itself during the login only when that was refused. A server that hangs up
+// at once overwrites the status that says so.
 void on_phase(void*, int phase) {
   if (phase == SERIALCONN) gave_up_login = false;
-  if (phase == TERMINATE && last_phase == AUTHENTICATE && status != USER_REQUEST) gave_up_login = true;
+  if (phase == TERMINATE && last_phase == AUTHENTICATE && status != USER_REQUEST)
+    gave_up_login = true;
   const bool ended = phase == DEAD && last_phase != DEAD;
   last_phase = phase;
   if (!ended || status == USER_REQUEST) return;

@@ -24,8 +24,10 @@ bool parse(std::string_view text, Fields& fields) {
     const bool encoded = colon > 0 && line[colon - 1] == ':';
     std::string value{line.substr(colon + 2)};
     if (encoded && !parse_base64(line.substr(colon + 2), value)) return false;
-    if (value.find('\0') != std::string::npos || value.find('\n') != std::string::npos) return false;
-    fields.insert_or_assign(std::string{line.substr(0, encoded ? colon - 1 : colon)}, std::move(value));
+    if (value.find('\0') != std::string::npos || value.find('\n') != std::string::npos)
+      return false;
+    fields.insert_or_assign(std::string{line.substr(0, encoded ? colon - 1 : colon)},
+                            std::move(value));
   }
   return false;
 }
@@ -37,7 +39,8 @@ std::string user_of(const Fields& fields) {
     return field == fields.end() ? std::string{} : field->second;
   };
   const std::string domain = value("NT-Domain");
-  const std::string user = fields.contains("Full-Username") ? value("Full-Username") : value("Username");
+  const std::string user =
+      fields.contains("Full-Username") ? value("Full-Username") : value("Username");
   return domain.empty() ? user : domain + "\\" + user;
 }
 
@@ -59,7 +62,9 @@ std::string judge(std::string_view lines, const char* secrets_path, std::string_
   Challenge challenge{};
   Response response{};
   if (!parse(lines, fields)) return REFUSED;
-  if (!parse_hex(fields["LANMAN-Challenge"], challenge) || !parse_hex(fields["NT-response"], response)) return REFUSED;
+  if (!parse_hex(fields["LANMAN-Challenge"], challenge) ||
+      !parse_hex(fields["NT-response"], response))
+    return REFUSED;
 
   NtHash hash{};
   Response expected{};

@@ -1,5 +1,5 @@
-// The conversation with pppd's plugin: one login as lines of "Name: value" or, in base64, "Name:: value", ended by a
-// line ".", and the verdict in the same form.
+// The conversation with pppd's plugin: one login as lines of "Name: value" or, in base64, "Name::
+// value", ended by a line ".", and the verdict in the same form.
 #pragma once
 
 #include <string>
@@ -17,6 +17,7 @@ namespace fenro::mschap {
 extern const char* const REFUSED;
 
 // The answer to the request in `lines`. Whatever does not add up is a login refused.
-[[nodiscard]] std::string judge(std::string_view lines, const char* secrets_path, std::string_view server);
+[[nodiscard]] std::string judge(std::string_view lines, const char* secrets_path,
+                                std::string_view server);
 
 }  // namespace fenro::mschap

@@ -1,7 +1,7 @@
-// fenro-mschap SERVER: pppd's login helper (option "ntlm_auth-helper"). It reads one login from its standard input.
-// With the further argument "pap" the request is the user and the password, a line each, and the exit status the
-// answer: 0 admits, 1 refuses, 3 leaves the login to pppd. A wrong password counts towards the user's block, and each
-// refusal is a row of the connection log.
+// fenro-mschap SERVER: pppd's login helper (option "ntlm_auth-helper"). It reads one login from its
+// standard input. With the further argument "pap" the request is the user and the password, a line
+// each, and the exit status the answer: 0 admits, 1 refuses, 3 leaves the login to pppd. A wrong
+// password counts towards the user's block, and each refusal is a row of the connection log.
 
 #include <arpa/inet.h>
 #include <cstdio>
@@ -34,7 +34,8 @@ constexpr const char* SECRETS = "/etc/ppp/chap-secrets";
 constexpr const char* PAP_SECRETS = "/etc/ppp/pap-secrets";
 constexpr std::size_t REQUEST_MAX = 16UL * 1024;
 
-// Up to the line that ends the request: the plugin keeps its end open while it waits for the answer.
+// Up to the line that ends the request: the plugin keeps its end open while it waits for the
+// answer.
 std::string read_request() {
   std::string request;
   char line[1024];
@@ -45,7 +46,8 @@ std::string read_request() {
   return request;
 }
 
-// The client's address, which both servers give to pppd, our parent, as its parameter "ipparam" or "remotenumber".
+// The client's address, which both servers give to pppd, our parent, as its parameter "ipparam" or
+// "remotenumber".
 std::string client_address() {
   std::ifstream in("/proc/" + std::to_string(getppid()) + "/cmdline", std::ios::binary);
   const std::string text{std::istreambuf_iterator<char>(in), {}};
@@ -54,7 +56,8 @@ std::string client_address() {
     std::string word = text.substr(at, text.find('\0', at) - at);
     at += word.size() + 1;
     in_addr unused{};
-    if ((before == "ipparam" || before == "remotenumber") && inet_pton(AF_INET, word.c_str(), &unused) == 1)
+    if ((before == "ipparam" || before == "remotenumber") &&
+        inet_pton(AF_INET, word.c_str(), &unused) == 1)
       return word;
     before = std::move(word);
   }
@@ -72,12 +75,14 @@ void note_refusal(const std::string& user, std::string_view server, const char* 
   std::ignore = fenro::log_refusal(login, reason);  // the login is refused without the row, too
 }
 
-// The lines of a deleted account stay in both files; those with a password of their own need no account.
+// The lines of a deleted account stay in both files; those with a password of their own need no
+// account.
 bool is_deleted(const std::string& user, const char* server) {
   std::string secrets;
   std::string secret;
-  return fenro::read_file(SECRETS, secrets) == 0 && fenro::mschap::find_secret(secrets, user, server, secret) &&
-         secret.starts_with('&') && !fenro::find_user(user.c_str());
+  return fenro::read_file(SECRETS, secrets) == 0 &&
+         fenro::mschap::find_secret(secrets, user, server, secret) && secret.starts_with('&') &&
+         !fenro::find_user(user.c_str());
 }
 
 bool has_hash(const std::string& user, const char* server) {
@@ -85,22 +90,25 @@ bool has_hash(const std::string& user, const char* server) {
   return fenro::mschap::account_hash(SECRETS, user, server, unused);
 }
 
-// Once for each user and start of the system: anyone can make it happen, and must not fill the event log.
+// Once for each user and start of the system: anyone can make it happen, and must not fill the
+// event log.
 void tell_missing_hash(const std::string& user) {
   constexpr const char* FOLDER = "/run/fenro/without-hash";
   constexpr int WARNING = 1;
   const auto account = fenro::find_user(user.c_str());
   if (!account || !fenro::make_private_folder(FOLDER)) return;
   const std::string mark = std::string(FOLDER) + '/' + std::to_string(account->uid);
-  const fenro::Fd fd{open(mark.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR)};
+  const fenro::Fd fd{
+      open(mark.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR)};
   if (!fd) return;
   naslog_event event{};
   event.type = WARNING;
   user.copy(event.event_user, sizeof event.event_user - 1);
   client_address().copy(event.event_ip, sizeof event.event_ip - 1);
-  const std::string text = "[VPN] " + user +
-                           " may use PPTP or L2TP, but has no password hash: log in at the web interface once, or run "
-                           "fenro-password.";
+  const std::string text =
+      "[VPN] " + user +
+      " may use PPTP or L2TP, but has no password hash: log in at the web interface once, or run "
+      "fenro-password.";
   text.copy(event.event_desc, sizeof event.event_desc - 1);
   std::ignore = naslog_event_add(&event);  // the system log has it, too
 }
@@ -109,25 +117,29 @@ std::string decide(const std::string& request, const char* server) {
   const std::string user = fenro::mschap::user_of(request);
   if (user.empty()) return fenro::mschap::REFUSED;
   const fenro::LoginTurn turn{user};
-  const char* const barred = !turn                            ? "other logins of this user take too long"
-                             : fenro::is_held(user)           ? "kept out by an administrator"
-                             : fenro::is_blocked(user)        ? "blocked after too many wrong passwords"
+  const char* const barred = !turn                     ? "other logins of this user take too long"
+                             : fenro::is_held(user)    ? "kept out by an administrator"
+                             : fenro::is_blocked(user) ? "blocked after too many wrong passwords"
                              : fenro::is_locked(user.c_str()) ? "the account is locked"
                              : is_deleted(user, server)       ? "the account is gone"
                                                               : nullptr;
   const bool allowed = !barred;
-  std::string answer = allowed ? fenro::mschap::judge(request, SECRETS, server) : fenro::mschap::REFUSED;
+  std::string answer =
+      allowed ? fenro::mschap::judge(request, SECRETS, server) : fenro::mschap::REFUSED;
   const bool good = fenro::mschap::admits(answer);
   const bool hashed = !allowed || has_hash(user, server);
   if (!hashed) {
     // Not counted: even the right password is refused.
     syslog(LOG_DAEMON | LOG_WARNING,
-           "fenro-mschap: no password hash of %s: log in at the web interface once, or run fenro-password",
+           "fenro-mschap: no password hash of %s: log in at the web interface once, or run "
+           "fenro-password",
            user.c_str());
     tell_missing_hash(user);
   } else if (allowed)
-    std::ignore = fenro::count_login(user, good);  // without the log database every user counts as blocked
-  if (!good) note_refusal(user, server, barred ? barred : hashed ? "wrong password" : "no password hash");
+    std::ignore =
+        fenro::count_login(user, good);  // without the log database every user counts as blocked
+  if (!good)
+    note_refusal(user, server, barred ? barred : hashed ? "wrong password" : "no password hash");
   return answer;
 }
 
@@ -137,8 +149,8 @@ enum PapStatus { Admitted = 0, Refused = 1, NotOurs = 3 };
 bool asks_host(const std::string& user, const char* server) {
   std::string secrets;
   std::string secret;
-  return fenro::read_file(PAP_SECRETS, secrets) == 0 && fenro::mschap::find_secret(secrets, user, server, secret) &&
-         secret == "@login";
+  return fenro::read_file(PAP_SECRETS, secrets) == 0 &&
+         fenro::mschap::find_secret(secrets, user, server, secret) && secret == "@login";
 }
 
 int decide_pap(const char* server) {
@@ -152,7 +164,9 @@ int decide_pap(const char* server) {
                                                        : nullptr;
   const bool allowed = !barred;
   const bool good = allowed && Check_NAS_User_Password(user.c_str(), password.c_str()) == 0;
-  if (allowed) std::ignore = fenro::count_login(user, good);  // without the log database every user counts as blocked
+  if (allowed)
+    std::ignore =
+        fenro::count_login(user, good);  // without the log database every user counts as blocked
   if (!good) note_refusal(user, server, barred ? barred : "wrong password");
   return good ? Admitted : Refused;
 }

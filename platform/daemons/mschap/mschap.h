@@ -1,4 +1,5 @@
-// The arithmetic of an MS-CHAP login. Of version 2 the PPP daemon has made the challenge an 8-byte one already.
+// The arithmetic of an MS-CHAP login. Of version 2 the PPP daemon has made the challenge an 8-byte
+// one already.
 #pragma once
 
 #include "daemons/mschap/hex.h"

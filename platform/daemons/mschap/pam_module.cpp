@@ -1,7 +1,9 @@
-// pam_fenro_password.so: after a password has been changed, hands it to fenro-password, which stores the hash that PPTP
-// and L2TP logins need. For the "password" stack, after the module that changes it; a failure never undoes the change.
+// pam_fenro_password.so: after a password has been changed, hands it to fenro-password, which
+// stores the hash that PPTP and L2TP logins need. For the "password" stack, after the module that
+// changes it; a failure never undoes the change.
 //
-// It is loaded into programs of any kind and unloaded again, so it brings no part of the C++ library along.
+// It is loaded into programs of any kind and unloaded again, so it brings no part of the C++
+// library along.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -43,17 +45,19 @@ bool hand_over(const char* user, const char* password) {
   }
   close(ends[0]);
   const std::size_t length = std::strlen(password) + 1;  // the NUL ends it
-  const bool written = child > 0 && length <= PAM_MAX_RESP_SIZE &&
-                       send(ends[1], password, length, MSG_NOSIGNAL) == static_cast<ssize_t>(length);
+  const bool written =
+      child > 0 && length <= PAM_MAX_RESP_SIZE &&
+      send(ends[1], password, length, MSG_NOSIGNAL) == static_cast<ssize_t>(length);
   close(ends[1]);
   int status = -1;
-  return child > 0 && TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) == child && written && WIFEXITED(status) &&
-         WEXITSTATUS(status) == 0;
+  return child > 0 && TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) == child && written &&
+         WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 }  // namespace
 
-extern "C" [[gnu::visibility("default")]] int pam_sm_chauthtok(pam_handle_t* handle, int flags, int, const char**) {
+extern "C" [[gnu::visibility("default")]] int pam_sm_chauthtok(pam_handle_t* handle, int flags, int,
+                                                               const char**) {
   if ((flags & PAM_UPDATE_AUTHTOK) == 0) return PAM_SUCCESS;
   const void* user = nullptr;
   const void* password = nullptr;

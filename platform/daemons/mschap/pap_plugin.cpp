@@ -1,8 +1,10 @@
-// fenro_pap.so: pppd's plugin for servers that take PAP logins. It has fenro-mschap check them, so that wrong passwords
-// count and blocked users stay out; logins that the secrets file has a password for are left to pppd.
+// fenro_pap.so: pppd's plugin for servers that take PAP logins. It has fenro-mschap check them, so
+// that wrong passwords count and blocked users stay out; logins that the secrets file has a
+// password for are left to pppd.
 //
-// pppd's headers are C that no C++ compiler takes. What is used of them is declared here: "pap_auth_hook" returns 1 to
-// admit, 0 to refuse and -1 to leave the decision to pppd, and the addresses that it admits are a list that pppd frees.
+// pppd's headers are C that no C++ compiler takes. What is used of them is declared here:
+// "pap_auth_hook" returns 1 to admit, 0 to refuse and -1 to leave the decision to pppd, and the
+// addresses that it admits are a list that pppd frees.
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -15,7 +17,8 @@ struct wordlist {
 };
 
 extern "C" {
-extern int (*pap_auth_hook)(char* user, char* password, char** message, wordlist** addresses, wordlist** options);
+extern int (*pap_auth_hook)(char* user, char* password, char** message, wordlist** addresses,
+                            wordlist** options);
 extern char our_name[];  // the server's name in the secrets files, by the option "name"
 [[gnu::visibility("default")]] char pppd_version[] = ORMEL_PPPD_VERSION;
 [[gnu::visibility("default")]] void plugin_init();
@@ -55,7 +58,8 @@ int ask_helper(const std::string& request) {
     _exit(1);
   }
   close(ends[0]);
-  const bool sent = child > 0 && write(ends[1], request.data(), request.size()) == static_cast<ssize_t>(request.size());
+  const bool sent = child > 0 && write(ends[1], request.data(), request.size()) ==
+                                     static_cast<ssize_t>(request.size());
   close(ends[1]);
   int status = -1;
   const bool ended = child > 0 && TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) == child;

@@ -1,8 +1,9 @@
-// fenro-password USER: stores the hash of a user's password, which PPTP and L2TP/IPsec logins by MS-CHAP need. Asks for
-// the password on the terminal, or reads it from standard input, and stores it only if it is the user's.
+// fenro-password USER: stores the hash of a user's password, which PPTP and L2TP/IPsec logins by
+// MS-CHAP need. Asks for the password on the terminal, or reads it from standard input, and stores
+// it only if it is the user's.
 //
-// fenro-password --pam: the same for the user and the password that PAM's module pam_exec hands over, when a password
-// is changed.
+// fenro-password --pam: the same for the user and the password that PAM's module pam_exec hands
+// over, when a password is changed.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -44,7 +45,8 @@ class HiddenInput {
 // Up to the line's end, or the NUL that PAM's module ends it with.
 std::string read_password() {
   std::string password;
-  for (char c = 0; password.size() < LONGEST && read(STDIN_FILENO, &c, 1) == 1 && c != '\n' && c != '\0';)
+  for (char c = 0;
+       password.size() < LONGEST && read(STDIN_FILENO, &c, 1) == 1 && c != '\n' && c != '\0';)
     password += c;
   return password;
 }
@@ -55,8 +57,9 @@ int fail(const std::string& reason) {
 }
 
 int store(const std::string& user, const std::string& password) {
-  return fenro::mschap::store_password(user, password) ? EXIT_SUCCESS
-                                                       : fail("the hash could not be stored; is /etc/config writable?");
+  return fenro::mschap::store_password(user, password)
+             ? EXIT_SUCCESS
+             : fail("the hash could not be stored; is /etc/config writable?");
 }
 
 int take_from_pam() {
@@ -84,6 +87,7 @@ int main(int argc, char** argv) {
     const HiddenInput hidden;
     password = read_password();
   }
-  if (Check_NAS_User_Password(user.c_str(), password.c_str()) != 0) return fail("this is not the password of " + user);
+  if (Check_NAS_User_Password(user.c_str(), password.c_str()) != 0)
+    return fail("this is not the password of " + user);
   return store(user, password);
 }

@@ -27,20 +27,21 @@ std::string upper_hex(const NtHash& hash) {
 }
 
 bool can_be_in_line(std::string_view user) {
-  return !user.empty() && user.find_first_of(std::string_view(":\r\n\0", 4)) == std::string_view::npos;
+  return !user.empty() &&
+         user.find_first_of(std::string_view(":\r\n\0", 4)) == std::string_view::npos;
 }
 
 }  // namespace
 
-std::string with_password(std::string_view table, std::string_view user, unsigned uid, std::string_view password,
-                          long now) {
+std::string with_password(std::string_view table, std::string_view user, unsigned uid,
+                          std::string_view password, long now) {
   NtHash hash{};
   if (!can_be_in_line(user) || !nt_hash(password, hash)) return {};
   char change[32];
   std::snprintf(change, sizeof change, "LCT-%08lX", static_cast<unsigned long>(now));
   const std::string begin = std::string{user} + ':';
-  const std::string secret =
-      begin + std::to_string(uid) + ':' + std::string{NO_LM_HASH} + ':' + upper_hex(hash) + ":[U          ]:";
+  const std::string secret = begin + std::to_string(uid) + ':' + std::string{NO_LM_HASH} + ':' +
+                             upper_hex(hash) + ":[U          ]:";
   std::string out;
   bool found = false;
   while (!table.empty()) {
@@ -59,7 +60,8 @@ std::string with_password(std::string_view table, std::string_view user, unsigne
 bool store_password(const std::string& user, std::string_view password, const char* path) {
   const auto account = find_user(user.c_str());
   if (!account || !make_private_folder(LOCK_FOLDER)) return false;
-  const Fd lock{open(LOCK, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR)};
+  const Fd lock{
+      open(LOCK, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR)};
   if (!lock || flock(lock.get(), LOCK_EX) != 0) return false;
   std::string table;
   const int rc = read_file(path, table);

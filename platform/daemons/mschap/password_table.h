@@ -1,5 +1,6 @@
-// The table of password hashes, /etc/config/smbpasswd, against which MS-CHAP logins are checked. The host keeps no hash
-// of that kind, so one is stored whenever a password is set or has been proved.
+// The table of password hashes, /etc/config/smbpasswd, against which MS-CHAP logins are checked.
+// The host keeps no hash of that kind, so one is stored whenever a password is set or has been
+// proved.
 #pragma once
 
 #include <string>
@@ -10,8 +11,8 @@ namespace fenro::mschap {
 inline constexpr const char* PASSWORD_TABLE = "/etc/config/smbpasswd";
 
 // Returns the text of the table with the user's line replaced or added:
-// NAME:UID:LM-HASH:NT-HASH:[FLAGS]:LCT-TIME: with the time of the last change in hexadecimal seconds. Empty for a name
-// that cannot be in a line, or a password that is not UTF-8.
+// NAME:UID:LM-HASH:NT-HASH:[FLAGS]:LCT-TIME: with the time of the last change in hexadecimal
+// seconds. Empty for a name that cannot be in a line, or a password that is not UTF-8.
 [[nodiscard]] std::string with_password(std::string_view table, std::string_view user, unsigned uid,
                                         std::string_view password, long now);
 

@@ -29,17 +29,20 @@ class DefaultGateway {
 
  private:
   struct Route {
-    bool held = false;     // no tunnel is there, and nothing leaves by another way
-    bool waiting = false;  // nothing comes through the tunnel: its server's name may have to be looked up
+    bool held = false;  // no tunnel is there, and nothing leaves by another way
+    bool waiting =
+        false;  // nothing comes through the tunnel: its server's name may have to be looked up
     std::string interface {};
-    int index = 0;  // routes go away with their interface, and one of the same name may take its place
+    int index =
+        0;  // routes go away with their interface, and one of the same name may take its place
     bool snat = false;
-    std::time_t up_since = 0;             // the tunnel may have come up again, with another name server
+    std::time_t up_since = 0;  // the tunnel may have come up again, with another name server
     std::vector<AddressMark> networks{};  // those of the host change the rules
     bool operator==(const Route&) const = default;
   };
   [[nodiscard]] Route wanted(const std::vector<Link>& links, const std::vector<Address>& addresses);
-  [[nodiscard]] Route without_tunnel(const std::vector<Link>& links, TunnelWatch::Clock::time_point now);
+  [[nodiscard]] Route without_tunnel(const std::vector<Link>& links,
+                                     TunnelWatch::Clock::time_point now);
   [[nodiscard]] bool filter_is_gone(TunnelWatch::Clock::time_point now);
   void tell(const Route& next, TunnelWatch::Clock::time_point now);
 
@@ -51,8 +54,8 @@ class DefaultGateway {
   std::time_t since_time_ = std::time(nullptr);
   TunnelWatch::Clock::time_point next_check_{};               // of the filter
   std::optional<TunnelWatch::Clock::time_point> gone_since_;  // no tunnel of the policy is there
-  bool stale_ = true;                                         // what an earlier run of this daemon has left may stand
-  std::optional<TunnelWatch::Clock::time_point> retry_;       // of what the script could not do
+  bool stale_ = true;  // what an earlier run of this daemon has left may stand
+  std::optional<TunnelWatch::Clock::time_point> retry_;  // of what the script could not do
 };
 
 }  // namespace fenro::networkd

@@ -17,13 +17,15 @@ const char* key_of(const json_t* fields) {
 
 bool is_key(std::string_view key) {
   return !key.empty() && key.size() <= DEVICE_KEY_MAX &&
-         std::none_of(key.begin(), key.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+         std::none_of(key.begin(), key.end(),
+                      [](unsigned char c) { return c < 0x20 || c == 0x7f; });
 }
 
 // Keeps a damaged file, for someone to look at.
 void put_aside(const std::string& path) {
   const bool moved = std::rename(path.c_str(), (path + ".damaged").c_str()) == 0;
-  std::fprintf(stderr, "%s: damaged, %s\n", path.c_str(), moved ? "put aside" : std::strerror(errno));
+  std::fprintf(stderr, "%s: damaged, %s\n", path.c_str(),
+               moved ? "put aside" : std::strerror(errno));
 }
 
 }  // namespace
@@ -37,7 +39,8 @@ std::string ExternalDevices::read(const json_t* fields, Device& out) {
     const json_t* value = json_object_get(fields, DEVICE_FIELDS[i]);
     if (value == nullptr) continue;
     if (!json_is_string(value)) return std::string{DEVICE_FIELDS[i]} + " is not a string";
-    if (json_string_length(value) > DEVICE_FIELD_MAX) return std::string{DEVICE_FIELDS[i]} + " is too long";
+    if (json_string_length(value) > DEVICE_FIELD_MAX)
+      return std::string{DEVICE_FIELDS[i]} + " is too long";
     out[i].assign(json_string_value(value), json_string_length(value));
   }
   return {};
@@ -49,7 +52,8 @@ std::string ExternalDevices::put(const json_t* fields) {
   return store(std::move(device));
 }
 
-// An unknown device is registered: a profile that was added while this daemon was down only ever sends changes.
+// An unknown device is registered: a profile that was added while this daemon was down only ever
+// sends changes.
 std::string ExternalDevices::change(const json_t* fields) {
   const auto known = devices_.find(key_of(fields));
   Device device = known == devices_.end() ? Device{} : known->second;
@@ -110,7 +114,8 @@ Json ExternalDevices::to_json(const Device& device) {
 
 Json ExternalDevices::to_json(const Table& table) {
   Json object{json_object()};
-  for (const auto& [key, device] : table) json_object_set_new(object.get(), key.c_str(), to_json(device).release());
+  for (const auto& [key, device] : table)
+    json_object_set_new(object.get(), key.c_str(), to_json(device).release());
   return object;
 }
 

@@ -1,7 +1,9 @@
 // The table of external devices: the tunnels that client profiles have announced.
-// File: one JSON object on one line, the key of each device to the object of its fields, all strings:
+// File: one JSON object on one line, the key of each device to the object of its fields, all
+// strings:
 //   {"PPTP_CLIENT1":{"key":"PPTP_CLIENT1","as_default_gw":"0","profile":"office",...}}
-// It is replaced whole and flushed before a change is acknowledged, so neither a kill nor a power cut loses one.
+// It is replaced whole and flushed before a change is acknowledged, so neither a kill nor a power
+// cut loses one.
 #pragma once
 
 #include <array>
@@ -18,16 +20,17 @@ inline constexpr const char* DEVICE_KEY = "key";
 inline constexpr std::array DEVICE_FIELDS = {  // in the order in which they are shown
     DEVICE_KEY, "as_default_gw", "profile",  "status",       "ip4_ip", "ip4_netmask",
     "ifname",   "type",          "protocol", "country_code", "dns",    "ip4_gw"};
-inline constexpr std::size_t DEVICES_MAX = 512;        // the profiles of all types are 160
-inline constexpr std::size_t DEVICE_FIELD_MAX = 2048;  // a name of 600 bytes, replacement characters included
+inline constexpr std::size_t DEVICES_MAX = 512;  // the profiles of all types are 160
+inline constexpr std::size_t DEVICE_FIELD_MAX =
+    2048;  // a name of 600 bytes, replacement characters included
 inline constexpr std::size_t DEVICE_KEY_MAX = 64;
 
 class ExternalDevices {
  public:
   explicit ExternalDevices(std::string path);
 
-  // Reads the file. What is damaged is left out; a file that cannot be read at all is put aside, and the table is
-  // empty.
+  // Reads the file. What is damaged is left out; a file that cannot be read at all is put aside,
+  // and the table is empty.
   void load();
 
   // Each returns an empty text, or why the table is unchanged.
@@ -40,7 +43,8 @@ class ExternalDevices {
   [[nodiscard]] Json list(const std::string& key) const;
 
  private:
-  using Device = std::array<std::string, DEVICE_FIELDS.size()>;  // the values, in the order of DEVICE_FIELDS
+  using Device =
+      std::array<std::string, DEVICE_FIELDS.size()>;  // the values, in the order of DEVICE_FIELDS
   using Table = std::map<std::string, Device, std::less<>>;
 
   [[nodiscard]] static std::string read(const json_t* fields, Device& out);

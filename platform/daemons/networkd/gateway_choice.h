@@ -20,9 +20,11 @@ class GatewayChoice {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // To be asked again about once a second. A tunnel that is silent stays the gateway as long as there is no better
-  // one: what was meant for a tunnel does not leave by another way because of a pause.
-  [[nodiscard]] Chosen choose(const GatewayPolicy& policy, Health first, Health second, Clock::time_point now);
+  // To be asked again about once a second. A tunnel that is silent stays the gateway as long as
+  // there is no better one: what was meant for a tunnel does not leave by another way because of a
+  // pause.
+  [[nodiscard]] Chosen choose(const GatewayPolicy& policy, Health first, Health second,
+                              Clock::time_point now);
 
  private:
   [[nodiscard]] bool may_return(const GatewayPolicy& policy, Clock::time_point now);

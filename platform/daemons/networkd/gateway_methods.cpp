@@ -17,9 +17,11 @@ constexpr const char* SET = "2";
 // The default routes of the host itself, the best first.
 bool default_routes(std::vector<Route>& out) {
   if (!list_routes(out)) return false;
-  std::erase_if(
-      out, [](const Route& route) { return route.table != RT_TABLE_MAIN || route.prefix != 0 || route.index == 0; });
-  std::stable_sort(out.begin(), out.end(), [](const Route& a, const Route& b) { return a.metric < b.metric; });
+  std::erase_if(out, [](const Route& route) {
+    return route.table != RT_TABLE_MAIN || route.prefix != 0 || route.index == 0;
+  });
+  std::stable_sort(out.begin(), out.end(),
+                   [](const Route& a, const Route& b) { return a.metric < b.metric; });
   return true;
 }
 
@@ -30,12 +32,13 @@ std::string profile_name(const State& state, const std::string& interface) {
   return name == nullptr ? interface : name;
 }
 
-Json describe(const Link& link, std::string_view type, std::uint32_t gateway, const std::string& name,
-              const std::vector<Address>& addresses) {
+Json describe(const Link& link, std::string_view type, std::uint32_t gateway,
+              const std::string& name, const std::vector<Address>& addresses) {
   return Json{json_pack("{s:i, s:o, s:s%, s:s, s:{s:o, s:o}}", "ifindex", link.index, "ifname",
-                        json_text(link.name).release(), "interface_type", type.data(), type.size(), "gateway",
-                        gateway == 0 ? "" : dotted(gateway).c_str(), "status", "display_name",
-                        json_text(name).release(), "IPv4", addresses_of(link, addresses).release())};
+                        json_text(link.name).release(), "interface_type", type.data(), type.size(),
+                        "gateway", gateway == 0 ? "" : dotted(gateway).c_str(), "status",
+                        "display_name", json_text(name).release(), "IPv4",
+                        addresses_of(link, addresses).release())};
 }
 
 }  // namespace
@@ -54,13 +57,15 @@ Answer get_current_gw_info(State& state, const json_t*) {
   Json all{json_array()};
   for (const Link& link : links) {
     if (link.name != state.gateway.interface()) continue;
-    json_array_append_new(all.get(), describe(link, "VPN", 0, profile_name(state, link.name), addresses).release());
+    json_array_append_new(
+        all.get(), describe(link, "VPN", 0, profile_name(state, link.name), addresses).release());
   }
   for (const Route& route : routes) {
     const Link* link = find_link(links, route.index);
     if (link == nullptr) continue;
-    json_array_append_new(all.get(),
-                          describe(*link, interface_type(*link), route.gateway, link->name, addresses).release());
+    json_array_append_new(
+        all.get(),
+        describe(*link, interface_type(*link), route.gateway, link->name, addresses).release());
   }
   return succeed(std::move(all));
 }
@@ -88,10 +93,12 @@ Answer guard_state(State& state, const json_t*) {
 
 Answer get_global_config(State&, const json_t* request) {
   const char* key = text_or_null(request, "key");
-  if (key == nullptr || std::string_view{key} != POLICY_KEY) return fail(ERROR_NOT_FOUND, "no such setting");
+  if (key == nullptr || std::string_view{key} != POLICY_KEY)
+    return fail(ERROR_NOT_FOUND, "no such setting");
   std::vector<Route> routes;
   if (!default_routes(routes)) return fail(ERROR_PLATFORM, "no answer from the kernel");
-  const bool by_itself = !routes.empty() && (routes[0].protocol == RTPROT_DHCP || routes[0].protocol == RTPROT_RA);
+  const bool by_itself =
+      !routes.empty() && (routes[0].protocol == RTPROT_DHCP || routes[0].protocol == RTPROT_RA);
   return succeed(Json{json_pack("{s:s}", POLICY_KEY, by_itself ? BY_ITSELF : SET)});
 }
 

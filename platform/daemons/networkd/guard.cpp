@@ -46,7 +46,8 @@ bool guard_is_paused() {
 }
 
 bool guard_filter_is_set() {
-  std::vector<std::string> words{"/usr/sbin/nft", "list", "counters", "table", "inet", "fenro_guard"};
+  std::vector<std::string> words{"/usr/sbin/nft", "list", "counters",
+                                 "table",         "inet", "fenro_guard"};
   return mib_io_execv(nullptr, nullptr, nullptr, argv_of(words).data()) == 0;
 }
 
@@ -64,7 +65,8 @@ Json describe_guard() {
     json_int_t count = 0;
     if (key == "lan") {
       json_array_append_new(json_object_get(all.get(), "lan"), json_text(value).release());
-    } else if (std::from_chars(value.data(), value.data() + value.size(), count).ec == std::errc()) {
+    } else if (std::from_chars(value.data(), value.data() + value.size(), count).ec ==
+               std::errc()) {
       json_object_set_new(stopped.get(), key.c_str(), json_integer(count));
     }
   }

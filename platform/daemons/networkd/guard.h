@@ -1,5 +1,5 @@
-// The guard of the default gateway: how long traffic without a tunnel is held back. The filter itself is set by
-// vpn_guard.sh, which reads the same file.
+// The guard of the default gateway: how long traffic without a tunnel is held back. The filter
+// itself is set by vpn_guard.sh, which reads the same file.
 #pragma once
 
 #include <ctime>
@@ -14,8 +14,8 @@ enum class Guard {
   STRICT,  // also while it names none
 };
 
-// The guard's file says "mode = off", "on" or "strict". A file that is there and says nothing usable counts as ON. A
-// pause, which ends with the next start of the host, counts as OFF.
+// The guard's file says "mode = off", "on" or "strict". A file that is there and says nothing
+// usable counts as ON. A pause, which ends with the next start of the host, counts as OFF.
 [[nodiscard]] Guard read_guard(const char* file, const char* pause);
 
 // The guard as it is now, from its two files.
@@ -25,8 +25,8 @@ enum class Guard {
 // Whether the kernel has the filter.
 [[nodiscard]] bool guard_filter_is_set();
 
-// What is reported about the filter: "mode", "stopped" (packets by "ipv4", "ipv6" and "dns") and "lan" (networks that
-// stay open); no "stopped" without a filter.
+// What is reported about the filter: "mode", "stopped" (packets by "ipv4", "ipv6" and "dns") and
+// "lan" (networks that stay open); no "stopped" without a filter.
 [[nodiscard]] Json describe_guard();
 
 }  // namespace fenro::networkd

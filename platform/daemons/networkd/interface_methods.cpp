@@ -13,7 +13,9 @@ Answer no_kernel() {
 
 Json describe(const Link& link) {
   Json object{json_object()};
-  const auto set = [&](const char* key, json_t* value) { json_object_set_new(object.get(), key, value); };
+  const auto set = [&](const char* key, json_t* value) {
+    json_object_set_new(object.get(), key, value);
+  };
   const std::string_view type = interface_type(link);
   set("ifindex", json_integer(link.index));
   set("ifname", json_text(link.name).release());
@@ -32,7 +34,8 @@ Json describe_all(const std::vector<Link>& links, Chosen chosen) {
 }
 
 // The link that a request asks for, among all of them. False with `failure` to answer.
-bool find_asked(const json_t* request, std::vector<Link>& links, const Link*& asked, Answer& failure) {
+bool find_asked(const json_t* request, std::vector<Link>& links, const Link*& asked,
+                Answer& failure) {
   const json_t* index = json_object_get(request, "ifindex");
   if (!json_is_integer(index)) {
     failure = fail(ERROR_REQUEST, "ifindex is not a number");
@@ -52,8 +55,10 @@ Answer parts_of(const json_t* request, std::string_view type) {
   const Link* whole = nullptr;
   Answer failure;
   if (!find_asked(request, links, whole, failure)) return failure;
-  if (interface_type(*whole) != type) return fail(ERROR_NOT_FOUND, "the interface is of another type");
-  return succeed(describe_all(links, [whole](const Link& link) { return link.master == whole->index; }));
+  if (interface_type(*whole) != type)
+    return fail(ERROR_NOT_FOUND, "the interface is of another type");
+  return succeed(
+      describe_all(links, [whole](const Link& link) { return link.master == whole->index; }));
 }
 
 }  // namespace
@@ -87,13 +92,15 @@ Answer get_bonding_slaves(State&, const json_t* request) {
 
 Answer check_ip_duplicate(State&, const json_t* request) {
   std::uint32_t ip = 0;
-  if (!parse_ipv4(text_or_null(request, "ip"), ip)) return fail(ERROR_REQUEST, "ip is not an IPv4 address");
+  if (!parse_ipv4(text_or_null(request, "ip"), ip))
+    return fail(ERROR_REQUEST, "ip is not an IPv4 address");
   std::vector<Link> links;
   std::vector<Address> addresses;
   if (!list_links(links) || !list_addresses(addresses)) return no_kernel();
   for (const Address& address : addresses) {
     const Link* link = find_link(links, address.index);
-    if (address.local == ip && link != nullptr && !is_own_tunnel(link->name)) return fail(ERROR_DUPLICATE, link->name);
+    if (address.local == ip && link != nullptr && !is_own_tunnel(link->name))
+      return fail(ERROR_DUPLICATE, link->name);
   }
   return succeed(json_text(""));
 }

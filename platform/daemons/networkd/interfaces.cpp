@@ -21,8 +21,8 @@ struct Kind {
 };
 
 constexpr Kind KINDS[] = {
-    {"bond", BOND}, {"bridge", BRIDGE}, {"openvswitch", BRIDGE},
-    {"team", BOND}, {"vlan", "vlan"},   {"veth", "ethernet"},  // all that a contained host has for a cable
+    {"bond", BOND},   {"bridge", BRIDGE},   {"openvswitch", BRIDGE}, {"team", BOND},
+    {"vlan", "vlan"}, {"veth", "ethernet"},  // all that a contained host has for a cable
 };
 
 template <typename Matches>
@@ -38,8 +38,8 @@ bool is_wireless(const Link& link) {
 }  // namespace
 
 std::string_view interface_type(const Link& link) {
-  const auto* known =
-      std::find_if(std::begin(KINDS), std::end(KINDS), [&](const Kind& each) { return each.kind == link.kind; });
+  const auto* known = std::find_if(std::begin(KINDS), std::end(KINDS),
+                                   [&](const Kind& each) { return each.kind == link.kind; });
   if (known != std::end(KINDS)) return known->type;
   if (!link.kind.empty() || link.hardware != ARPHRD_ETHER) return VIRTUAL;
   return is_wireless(link) ? "wireless" : "ethernet";
@@ -70,8 +70,8 @@ Json addresses_of(const Link& link, const std::vector<Address>& addresses) {
   for (const Address& address : addresses) {
     if (address.index != link.index) continue;
     const std::uint32_t mask = ~Ipv4Network{0, address.prefix}.last();
-    json_array_append_new(
-        list.get(), json_pack("{s:s, s:s}", "ip", dotted(address.local).c_str(), "netmask", dotted(mask).c_str()));
+    json_array_append_new(list.get(), json_pack("{s:s, s:s}", "ip", dotted(address.local).c_str(),
+                                                "netmask", dotted(mask).c_str()));
   }
   return list;
 }

@@ -21,7 +21,8 @@ constexpr const char* PORT = "https";
 constexpr std::size_t SCHEME = sizeof "https://" - 1;
 
 bool connects(const addrinfo& address) {
-  const Fd fd{socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, address.ai_protocol)};
+  const Fd fd{socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
+                     address.ai_protocol)};
   if (!fd) return false;
   if (connect(fd.get(), address.ai_addr, address.ai_addrlen) == 0) return true;
   pollfd waiting{fd.get(), POLLOUT, 0};
@@ -46,18 +47,21 @@ bool reaches(const std::string& host) {
 }  // namespace
 
 InternetCheck::State InternetCheck::ask() {
-  const bool ready = outcome_.valid() && outcome_.wait_for(Clock::duration::zero()) == std::future_status::ready;
+  const bool ready =
+      outcome_.valid() && outcome_.wait_for(Clock::duration::zero()) == std::future_status::ready;
   if (!outcome_.valid() || (ready && Clock::now() - begun_ > STALE)) begin();
   if (outcome_.wait_for(MOMENT) != std::future_status::ready) return State::WORKING;
   return outcome_.get() ? State::REACHED : State::FAILED;
 }
 
-// A thread that looks a name up cannot be called back: it is left to itself, and no end of the daemon waits for it.
+// A thread that looks a name up cannot be called back: it is left to itself, and no end of the
+// daemon waits for it.
 void InternetCheck::begin() {
   std::promise<bool> promise;
   outcome_ = promise.get_future();
   begun_ = Clock::now();
-  std::thread{[promise = std::move(promise), host = cloud_base(CloudService::ACCOUNTS).substr(SCHEME)]() mutable {
+  std::thread{[promise = std::move(promise),
+               host = cloud_base(CloudService::ACCOUNTS).substr(SCHEME)]() mutable {
     promise.set_value(reaches(host));
   }}.detach();
 }

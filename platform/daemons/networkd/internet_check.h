@@ -10,8 +10,8 @@ class InternetCheck {
  public:
   enum class State { WORKING, REACHED, FAILED };
 
-  // Begins a check unless one is at work, and waits a moment for it: most are done by then. A caller that gets WORKING
-  // asks again.
+  // Begins a check unless one is at work, and waits a moment for it: most are done by then. A
+  // caller that gets WORKING asks again.
   [[nodiscard]] State ask();
 
  private:

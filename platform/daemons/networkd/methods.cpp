@@ -27,12 +27,15 @@ namespace {
 Answer check_network_intersect(State&, const json_t* request) {
   std::uint32_t ip = 0;
   int length = 0;
-  if (!parse_ipv4(text_or_null(request, "ip"), ip)) return fail(ERROR_REQUEST, "ip is not an IPv4 address");
-  if (!parse_netmask(text_or_null(request, "mask"), length)) return fail(ERROR_REQUEST, "mask is not a netmask");
+  if (!parse_ipv4(text_or_null(request, "ip"), ip))
+    return fail(ERROR_REQUEST, "ip is not an IPv4 address");
+  if (!parse_netmask(text_or_null(request, "mask"), length))
+    return fail(ERROR_REQUEST, "mask is not a netmask");
 
   std::vector<Link> links;
   std::vector<Address> addresses;
-  if (!list_links(links) || !list_addresses(addresses)) return fail(ERROR_PLATFORM, "no answer from the kernel");
+  if (!list_links(links) || !list_addresses(addresses))
+    return fail(ERROR_PLATFORM, "no answer from the kernel");
 
   const std::vector<LocalNetwork> networks = local_networks(links, addresses);
   const LocalNetwork* hit = find_overlap(networks, Ipv4Network{ip, length});
@@ -40,7 +43,8 @@ Answer check_network_intersect(State&, const json_t* request) {
   return succeed(json_text(""));
 }
 
-// {"ifname":NAME}: whether the internet can be reached, given that this interface, which is to lead there, is up.
+// {"ifname":NAME}: whether the internet can be reached, given that this interface, which is to lead
+// there, is up.
 Answer check_access_internet(State& state, const json_t* request) {
   const char* const name = text_or_null(request, "ifname");
   std::vector<Link> links;
@@ -83,8 +87,12 @@ Answer list_devices(State& state, const json_t* request) {
 
 Json describe(const Link& link, const Rate& rate) {
   Json object{json_object()};
-  const auto set = [&](const char* key, json_t* value) { json_object_set_new(object.get(), key, value); };
-  const auto number = [](std::uint64_t value) { return json_integer(static_cast<json_int_t>(value)); };
+  const auto set = [&](const char* key, json_t* value) {
+    json_object_set_new(object.get(), key, value);
+  };
+  const auto number = [](std::uint64_t value) {
+    return json_integer(static_cast<json_int_t>(value));
+  };
   set("name_interface", json_text(link.name).release());
   set("status", json_string(link.running ? "up" : "down"));
   set("rx_bytes", number(link.rx_bytes));
@@ -97,7 +105,8 @@ Json describe(const Link& link, const Rate& rate) {
 // {"name_interface":NAME}: counters and rates of one interface; without a name, an array of all.
 Answer get_info_interfaces(State& state, const json_t* request) {
   const json_t* name = json_object_get(request, "name_interface");
-  if (name != nullptr && !json_is_string(name)) return fail(ERROR_REQUEST, "name_interface is not a string");
+  if (name != nullptr && !json_is_string(name))
+    return fail(ERROR_REQUEST, "name_interface is not a string");
   std::vector<Link> links;
   if (!list_links(links)) return fail(ERROR_PLATFORM, "no answer from the kernel");
 
@@ -137,7 +146,8 @@ std::span<const Method> methods() {
 
 std::string answer(State& state, const Method& method, std::string_view body) {
   const Json request = parse_request(body);
-  Answer result = request ? method.run(state, request.get()) : fail(ERROR_REQUEST, "the request is not a JSON object");
+  Answer result = request ? method.run(state, request.get())
+                          : fail(ERROR_REQUEST, "the request is not a JSON object");
   return reply_text(result.error, std::move(result.data));
 }
 

@@ -1,5 +1,6 @@
 // What NetworkService answers: a table of methods, each from a request's object to an answer.
-// A reply is one compact JSON object, {"error":0,"data":...}; with an error that is not 0, data says why in a text.
+// A reply is one compact JSON object, {"error":0,"data":...}; with an error that is not 0, data
+// says why in a text.
 #pragma once
 
 #include <span>
@@ -49,7 +50,8 @@ struct Method {
 // The reply to a request as it came over the bus, whatever it holds.
 [[nodiscard]] std::string answer(State& state, const Method& method, std::string_view body);
 
-// What has to be done about once a second: a reading for the rates, a look at the tunnels of the gateway policy.
+// What has to be done about once a second: a reading for the rates, a look at the tunnels of the
+// gateway policy.
 void look_around(State& state);
 
 }  // namespace fenro::networkd

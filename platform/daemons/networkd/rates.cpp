@@ -13,7 +13,8 @@ std::uint64_t per_second(std::uint64_t before, std::uint64_t now, double seconds
 Rate Rates::between(const Reading& before, const Link& link, Clock::time_point now) {
   const double seconds = std::chrono::duration<double>(now - before.when).count();
   if (before.index != link.index || seconds <= 0) return {};
-  return {per_second(before.rx_bytes, link.rx_bytes, seconds), per_second(before.tx_bytes, link.tx_bytes, seconds)};
+  return {per_second(before.rx_bytes, link.rx_bytes, seconds),
+          per_second(before.tx_bytes, link.tx_bytes, seconds)};
 }
 
 void Rates::sample(const std::vector<Link>& links, Clock::time_point now) {

@@ -21,7 +21,8 @@ constexpr int ATTEMPTS = 4;               // a list that changed while it was re
 constexpr std::uint8_t OPER_UNKNOWN = 0;  // tunnels and loopback never say more
 constexpr std::uint8_t OPER_UP = 6;
 
-// The head of rtnl_link_stats64. Kernels have added fields at its end, so its full size is not the size of all of them.
+// The head of rtnl_link_stats64. Kernels have added fields at its end, so its full size is not the
+// size of all of them.
 struct Counters {
   std::uint64_t rx_packets, tx_packets, rx_bytes, tx_bytes;
 };
@@ -55,7 +56,8 @@ std::string mac_text(Bytes bytes) {
   char buffer[18] = "";
   if (bytes.size() != 6) return {};
   const auto at = [bytes](std::size_t i) { return std::to_integer<unsigned>(bytes[i]); };
-  std::snprintf(buffer, sizeof buffer, "%02x:%02x:%02x:%02x:%02x:%02x", at(0), at(1), at(2), at(3), at(4), at(5));
+  std::snprintf(buffer, sizeof buffer, "%02x:%02x:%02x:%02x:%02x:%02x", at(0), at(1), at(2), at(3),
+                at(4), at(5));
   return buffer;
 }
 
@@ -73,20 +75,22 @@ bool send_request(const Fd& socket, std::uint16_t type, unsigned char family) {
   request.body.rtgen_family = family;
   sockaddr_nl kernel{};
   kernel.nl_family = AF_NETLINK;
-  return sendto(socket.get(), &request, request.header.nlmsg_len, 0, reinterpret_cast<const sockaddr*>(&kernel),
+  return sendto(socket.get(), &request, request.header.nlmsg_len, 0,
+                reinterpret_cast<const sockaddr*>(&kernel),
                 sizeof kernel) == static_cast<ssize_t>(request.header.nlmsg_len);
 }
 
 enum class Progress { more, done, interrupted, failed };
 
-// The next datagram from the kernel itself; others may send to the socket as well, and are not heard.
+// The next datagram from the kernel itself; others may send to the socket as well, and are not
+// heard.
 bool receive(const Fd& socket, std::vector<std::byte>& buffer) {
   for (;;) {
     buffer.resize(DATAGRAM_MAX);
     sockaddr_nl from{};
     socklen_t length = sizeof from;
-    const ssize_t got =
-        recvfrom(socket.get(), buffer.data(), buffer.size(), MSG_TRUNC, reinterpret_cast<sockaddr*>(&from), &length);
+    const ssize_t got = recvfrom(socket.get(), buffer.data(), buffer.size(), MSG_TRUNC,
+                                 reinterpret_cast<sockaddr*>(&from), &length);
     if (got < 0 && errno == EINTR) continue;
     if (got < 0 || static_cast<std::size_t>(got) > buffer.size()) return false;
     if (from.nl_pid != 0) continue;
@@ -100,10 +104,12 @@ template <typename Take>
 Progress walk(Bytes datagram, Take take) {
   bool interrupted = false;
   while (const auto header = leading<nlmsghdr>(datagram)) {
-    if (header->nlmsg_len < sizeof *header || header->nlmsg_len > datagram.size()) return Progress::failed;
+    if (header->nlmsg_len < sizeof *header || header->nlmsg_len > datagram.size())
+      return Progress::failed;
     if (header->nlmsg_type == NLMSG_ERROR) return Progress::failed;
     interrupted = interrupted || (header->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
-    if (header->nlmsg_type == NLMSG_DONE) return interrupted ? Progress::interrupted : Progress::done;
+    if (header->nlmsg_type == NLMSG_DONE)
+      return interrupted ? Progress::interrupted : Progress::done;
     take(header->nlmsg_type, skip(datagram.first(header->nlmsg_len), NLMSG_HDRLEN));
     datagram = skip(datagram, aligned(header->nlmsg_len));
   }
@@ -114,20 +120,22 @@ template <typename Take>
 Progress dump_once(std::uint16_t type, unsigned char family, Take take) {
   const Fd socket{::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)};
   if (!socket) return Progress::failed;
-  if (setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &ANSWER_TIMEOUT, sizeof ANSWER_TIMEOUT) != 0)
+  if (setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &ANSWER_TIMEOUT, sizeof ANSWER_TIMEOUT) !=
+      0)
     return Progress::failed;
   if (!send_request(socket, type, family)) return Progress::failed;
 
   std::vector<std::byte> buffer;
   Progress progress = Progress::more;
-  while (progress == Progress::more) progress = receive(socket, buffer) ? walk(buffer, take) : Progress::failed;
+  while (progress == Progress::more)
+    progress = receive(socket, buffer) ? walk(buffer, take) : Progress::failed;
   return progress;
 }
 
 // Reads a list of `answer` messages; a message that does not parse is not ours and passed over.
 template <typename T>
-bool dump(std::uint16_t request, std::uint16_t answer, unsigned char family, bool (*parse)(Bytes, T&),
-          std::vector<T>& out) {
+bool dump(std::uint16_t request, std::uint16_t answer, unsigned char family,
+          bool (*parse)(Bytes, T&), std::vector<T>& out) {
   for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
     out.clear();
     const Progress progress = dump_once(request, family, [&](std::uint16_t type, Bytes payload) {
@@ -163,7 +171,8 @@ bool parse_link(Bytes payload, Link& out) {
   out.master = leading<int>(find_attribute(attributes, IFLA_MASTER)).value_or(0);
   out.kind = text(find_attribute(find_attribute(attributes, IFLA_LINKINFO), IFLA_INFO_KIND));
   out.mac = mac_text(find_attribute(attributes, IFLA_ADDRESS));
-  const auto state = leading<std::uint8_t>(find_attribute(attributes, IFLA_OPERSTATE)).value_or(OPER_UNKNOWN);
+  const auto state =
+      leading<std::uint8_t>(find_attribute(attributes, IFLA_OPERSTATE)).value_or(OPER_UNKNOWN);
   out.running = (out.flags & IFF_UP) != 0 && (state == OPER_UP || state == OPER_UNKNOWN);
   if (const auto counters = leading<Counters>(find_attribute(attributes, IFLA_STATS64))) {
     out.rx_bytes = counters->rx_bytes;
@@ -204,7 +213,9 @@ bool parse_route(Bytes payload, Route& out) {
   const auto message = leading<rtmsg>(payload);
   if (!message || message->rtm_family != AF_INET || message->rtm_type != RTN_UNICAST) return false;
   const Bytes attributes = skip(payload, aligned(sizeof *message));
-  const auto value = [attributes](unsigned type) { return leading<std::uint32_t>(find_attribute(attributes, type)); };
+  const auto value = [attributes](unsigned type) {
+    return leading<std::uint32_t>(find_attribute(attributes, type));
+  };
   out.table = value(RTA_TABLE).value_or(message->rtm_table);
   out.prefix = message->rtm_dst_len;
   out.index = static_cast<int>(value(RTA_OIF).value_or(0));

@@ -50,13 +50,14 @@ using Bytes = std::span<const std::byte>;
 // The attribute of `type` among `attributes`, empty if it is not there.
 [[nodiscard]] Bytes find_attribute(Bytes attributes, unsigned type);
 
-// The payload of a RTM_NEWLINK, RTM_NEWADDR or RTM_NEWROUTE message. False if it lacks what makes it one, or is not
-// IPv4.
+// The payload of a RTM_NEWLINK, RTM_NEWADDR or RTM_NEWROUTE message. False if it lacks what makes
+// it one, or is not IPv4.
 [[nodiscard]] bool parse_link(Bytes payload, Link& out);
 [[nodiscard]] bool parse_address(Bytes payload, Address& out);
 [[nodiscard]] bool parse_route(Bytes payload, Route& out);
 
-// Whole lists as they are now. False if the kernel could not be asked; `out` is then not to be used.
+// Whole lists as they are now. False if the kernel could not be asked; `out` is then not to be
+// used.
 [[nodiscard]] bool list_links(std::vector<Link>& out);
 [[nodiscard]] bool list_addresses(std::vector<Address>& out);
 [[nodiscard]] bool list_routes(std::vector<Route>& out);

@@ -26,13 +26,16 @@ namespace {
 
 constexpr std::chrono::seconds PATIENCE{5};    // several lost echoes in a row
 constexpr std::chrono::seconds ASK_DAEMON{3};  // of silence, before the daemon is asked
-// Of a tunnel whose daemon says when it hears something. Keep-alives of OpenVPN and Drovik come every ten seconds, and
-// WireGuard answers what it gets after ten.
+// Of a tunnel whose daemon says when it hears something. Keep-alives of OpenVPN and Drovik come
+// every ten seconds, and WireGuard answers what it gets after ten.
 constexpr std::chrono::seconds DAEMON_PATIENCE{15};
-constexpr std::chrono::seconds LONG_SILENCE{30};  // of a far end that never answered an echo, while others send to it
-constexpr std::uint64_t SENT_IN_VAIN = 8192;  // bytes; our own echoes of that time, and what finds neighbours, are less
+constexpr std::chrono::seconds LONG_SILENCE{
+    30};  // of a far end that never answered an echo, while others send to it
+constexpr std::uint64_t SENT_IN_VAIN =
+    8192;  // bytes; our own echoes of that time, and what finds neighbours, are less
 constexpr std::string_view WIREGUARD = "wgc";
-constexpr int NETWORK_OF_A_HOST = 24;  // what an address that comes with no network is taken to be part of
+constexpr int NETWORK_OF_A_HOST =
+    24;  // what an address that comes with no network is taken to be part of
 
 Fd echo_socket(const std::string& interface) {
   Fd socket{::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_ICMP)};
@@ -45,14 +48,17 @@ Fd echo_socket(const std::string& interface) {
 void ask(int socket, std::uint32_t address) {
   icmphdr echo{};
   echo.type = ICMP_ECHO;
-  echo.checksum = static_cast<std::uint16_t>(~static_cast<unsigned>(htons(ICMP_ECHO << 8)));  // all else is 0
+  echo.checksum =
+      static_cast<std::uint16_t>(~static_cast<unsigned>(htons(ICMP_ECHO << 8)));  // all else is 0
   sockaddr_in to{};
   to.sin_family = AF_INET;
   to.sin_addr.s_addr = htonl(address);
-  sendto(socket, &echo, sizeof echo, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+  sendto(socket, &echo, sizeof echo, MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&to),
+         sizeof to);
 }
 
-// Whether an answer of `address` to one of our echoes has come in. All that waits is taken, up to a limit.
+// Whether an answer of `address` to one of our echoes has come in. All that waits is taken, up to a
+// limit.
 bool answered(int socket, std::uint32_t address) {
   constexpr int MOST = 256;
   bool found = false;
@@ -60,11 +66,13 @@ bool answered(int socket, std::uint32_t address) {
     std::array<unsigned char, 128> packet{};
     sockaddr_in from{};
     socklen_t length = sizeof from;
-    const ssize_t size =
-        recvfrom(socket, packet.data(), packet.size(), MSG_TRUNC, reinterpret_cast<sockaddr*>(&from), &length);
+    const ssize_t size = recvfrom(socket, packet.data(), packet.size(), MSG_TRUNC,
+                                  reinterpret_cast<sockaddr*>(&from), &length);
     if (size < 0) break;
     const std::size_t head = std::size_t{4} * (packet[0] & 0x0fU);
-    if (static_cast<std::size_t>(size) < head + sizeof(icmphdr) || head + sizeof(icmphdr) > packet.size()) continue;
+    if (static_cast<std::size_t>(size) < head + sizeof(icmphdr) ||
+        head + sizeof(icmphdr) > packet.size())
+      continue;
     if (packet[head] == ICMP_ECHOREPLY && from.sin_addr.s_addr == htonl(address)) found = true;
   }
   return found;
@@ -94,14 +102,16 @@ std::uint64_t largest_of(std::string_view table, std::size_t column) {
   return largest;
 }
 
-std::optional<std::chrono::seconds> TunnelWatch::daemon_silence(const std::string& interface, Seen& seen) {
+std::optional<std::chrono::seconds> TunnelWatch::daemon_silence(const std::string& interface,
+                                                                Seen& seen) {
   std::time_t heard = 0;
   if (interface.starts_with(WIREGUARD)) {
     const std::string handshakes = wireguard(interface, "latest-handshakes");
     if (handshakes.empty()) return {};
     heard = static_cast<std::time_t>(largest_of(handshakes, 1));
     const std::uint64_t received = largest_of(wireguard(interface, "transfer"), 1);
-    if (std::exchange(seen.peer_bytes, received) != received && seen.has_daemon) return std::chrono::seconds{0};
+    if (std::exchange(seen.peer_bytes, received) != received && seen.has_daemon)
+      return std::chrono::seconds{0};
   } else {
     struct stat status {};
     if (stat(heard_file(interface).c_str(), &status) != 0) return {};
@@ -122,8 +132,9 @@ std::uint32_t far_end(const Address& address) {
 Health TunnelWatch::look(const std::string& interface, const std::vector<Link>& links,
                          const std::vector<Address>& addresses, Clock::time_point now) {
   const Link* const link = find_link(links, interface);
-  const auto address = std::find_if(addresses.begin(), addresses.end(),
-                                    [link](const Address& one) { return link && one.index == link->index; });
+  const auto address = std::find_if(addresses.begin(), addresses.end(), [link](const Address& one) {
+    return link && one.index == link->index;
+  });
   if (address == addresses.end() || !link->running) {
     seen_.erase(interface);
     return Health::ABSENT;

@@ -1,7 +1,8 @@
-// Whether traffic passes through a tunnel. Signs of life, in this order: bytes that come out of it, the age of
-// WireGuard's last handshake and what its peer has sent, what the daemon of the tunnel has heard from its server, and
-// at last an answer to an echo. Silence counts as death only where the far end used to answer echoes, or where what
-// others send stays without an answer for long: many never answer an echo.
+// Whether traffic passes through a tunnel. Signs of life, in this order: bytes that come out of it,
+// the age of WireGuard's last handshake and what its peer has sent, what the daemon of the tunnel
+// has heard from its server, and at last an answer to an echo. Silence counts as death only where
+// the far end used to answer echoes, or where what others send stays without an answer for long:
+// many never answer an echo.
 #pragma once
 
 #include <chrono>
@@ -18,10 +19,12 @@
 
 namespace fenro::networkd {
 
-// The address to ask: the far end of a point-to-point link, else the first host of the network that is not ourselves.
+// The address to ask: the far end of a point-to-point link, else the first host of the network that
+// is not ourselves.
 [[nodiscard]] std::uint32_t far_end(const Address& address);
 
-// Of a table as `wg show INTERFACE FIELD` prints it, a peer a line: the largest number in a column, 0 without one.
+// Of a table as `wg show INTERFACE FIELD` prints it, a peer a line: the largest number in a column,
+// 0 without one.
 [[nodiscard]] std::uint64_t largest_of(std::string_view table, std::size_t column);
 
 class TunnelWatch {
@@ -43,8 +46,10 @@ class TunnelWatch {
     bool answers = false;     // its far end has answered an echo before
     Fd echo{};                // where answers to echoes come in
   };
-  // Seconds since the daemon of the tunnel has heard from its server; nothing where it does not say.
-  [[nodiscard]] static std::optional<std::chrono::seconds> daemon_silence(const std::string& interface, Seen& seen);
+  // Seconds since the daemon of the tunnel has heard from its server; nothing where it does not
+  // say.
+  [[nodiscard]] static std::optional<std::chrono::seconds> daemon_silence(
+      const std::string& interface, Seen& seen);
 
   std::map<std::string, Seen> seen_;
 };

@@ -34,7 +34,8 @@ bool read_policy(const std::string& path, BlockPolicy& out) {
   const Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
   const json_t* global = json_object_get(document.get(), "global");
   if (!json_is_object(document.get()) || (global && !json_is_object(global))) return false;
-  return take(global, "enable", out.enable) && take(global, "limit", out.limit) && take(global, "time", out.time);
+  return take(global, "enable", out.enable) && take(global, "limit", out.limit) &&
+         take(global, "time", out.time);
 }
 
 }  // namespace fenro::ormeld

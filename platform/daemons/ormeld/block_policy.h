@@ -1,4 +1,5 @@
-// The administrator's policy on failed logins: /etc/config/vpn_block.conf, which the web interface writes:
+// The administrator's policy on failed logins: /etc/config/vpn_block.conf, which the web interface
+// writes:
 //   {"global": {"enable": true, "limit": 5, "time": 30}}
 #pragma once
 
@@ -15,12 +16,15 @@ struct BlockPolicy {
 
   // Whether that many failures, the last of them at `last`, reach the limit.
   [[nodiscard]] bool reached(std::int64_t failures) const { return failures >= limit; }
-  // Whether a block from that failure on has run out. One from a future that a corrected clock took back has not.
-  [[nodiscard]] bool over(std::time_t last, std::time_t now) const { return now - last >= time * 60; }
+  // Whether a block from that failure on has run out. One from a future that a corrected clock took
+  // back has not.
+  [[nodiscard]] bool over(std::time_t last, std::time_t now) const {
+    return now - last >= time * 60;
+  }
 };
 
-// Without a file, or a key in it, the defaults hold. False for a file that cannot be read or understood: what the
-// administrator wanted is not known then.
+// Without a file, or a key in it, the defaults hold. False for a file that cannot be read or
+// understood: what the administrator wanted is not known then.
 [[nodiscard]] bool read_policy(const std::string& path, BlockPolicy& out);
 
 }  // namespace fenro::ormeld

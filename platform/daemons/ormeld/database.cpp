@@ -34,7 +34,8 @@ bool prepare_place(const std::string& path) {
 // The log of a damaged file goes with it: replayed into a new one it would damage that too.
 void put_aside(const std::string& path) {
   for (const char* companion : COMPANIONS) {
-    std::ignore = std::rename((path + companion).c_str(), (path + ".damaged" + companion).c_str());  // may be missing
+    std::ignore = std::rename((path + companion).c_str(),
+                              (path + ".damaged" + companion).c_str());  // may be missing
   }
 }
 
@@ -52,7 +53,8 @@ Statement& Statement::bind(std::int64_t number) {
 Statement& Statement::bind(std::string_view text) {
   const char* const bytes = text.empty() ? "" : text.data();  // a null pointer would bind a NULL
   const int size = static_cast<int>(text.size());
-  if (error_ == SQLITE_OK) error_ = sqlite3_bind_text(statement_, ++marks_, bytes, size, SQLITE_STATIC);
+  if (error_ == SQLITE_OK)
+    error_ = sqlite3_bind_text(statement_, ++marks_, bytes, size, SQLITE_STATIC);
   return *this;
 }
 
@@ -70,7 +72,10 @@ std::int64_t Statement::number(int column) const {
 
 std::string_view Statement::text(int column) const {
   const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-  return bytes ? std::string_view{bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))} : "";
+  return bytes
+             ? std::string_view{bytes,
+                                static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))}
+             : "";
 }
 
 int Database::open(const std::string& path) {
@@ -78,7 +83,8 @@ int Database::open(const std::string& path) {
   handle_.reset();
   if (!prepare_place(path)) return SQLITE_CANTOPEN;
   sqlite3* raw = nullptr;
-  const int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+  const int rc =
+      sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
   handle_.reset(raw);  // a handle is made for a failure too
   if (rc != SQLITE_OK) return rc;
   sqlite3_busy_timeout(raw, BUSY_TIMEOUT_MS);
@@ -95,7 +101,8 @@ Statement Database::prepare(const std::string& sql) {
     sqlite3_stmt* raw = nullptr;
     const int size = static_cast<int>(sql.size());
     std::ignore =  // null on failure, which the first step tells
-        sqlite3_prepare_v3(handle_.get(), sql.data(), size, SQLITE_PREPARE_PERSISTENT, &raw, nullptr);
+        sqlite3_prepare_v3(handle_.get(), sql.data(), size, SQLITE_PREPARE_PERSISTENT, &raw,
+                           nullptr);
     kept.reset(raw);
   }
   return Statement{kept.get()};

@@ -1,4 +1,5 @@
-// One SQLite file, and owners for what is done with it. What a transaction has committed is on the disk.
+// One SQLite file, and owners for what is done with it. What a transaction has committed is on the
+// disk.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +14,8 @@
 
 namespace fenro::ormeld {
 
-// A prepared statement, lent by the database until the object goes. The values bound must live as long.
+// A prepared statement, lent by the database until the object goes. The values bound must live as
+// long.
 class Statement {
  public:
   explicit Statement(sqlite3_stmt* statement) : statement_(statement) {}
@@ -42,13 +44,15 @@ class Statement {
 
 class Database {
  public:
-  // Opens or makes the file, for its owner alone, in a folder for its owner alone. SQLITE_OK or an error.
+  // Opens or makes the file, for its owner alone, in a folder for its owner alone. SQLITE_OK or an
+  // error.
   [[nodiscard]] int open(const std::string& path);
 
   // Statements without values or answer. SQLITE_OK or an error.
   [[nodiscard]] int execute(const char* sql);
 
-  // Prepared on first use and kept: the callers' texts are few, as they are made of tables of columns.
+  // Prepared on first use and kept: the callers' texts are few, as they are made of tables of
+  // columns.
   [[nodiscard]] Statement prepare(const std::string& sql);
 
   // Rows touched by the last statement that changed any.

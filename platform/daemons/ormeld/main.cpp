@@ -25,7 +25,8 @@ int main() {
 
   bus::Server server{ormel::log_db::SERVICE};
   for (const ormeld::Method& method : ormeld::methods()) {
-    server.on(method.name, [&](std::string_view body) { return method.run(database, method.table, body); });
+    server.on(method.name,
+              [&](std::string_view body) { return method.run(database, method.table, body); });
   }
   if (!server.listen()) {
     std::fprintf(stderr, "ormeld: service name %s is already in use\n", ormel::log_db::SERVICE);

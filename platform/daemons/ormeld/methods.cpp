@@ -13,7 +13,8 @@ using bus::Reply;
 
 std::vector<Table> make_tables(Database& database) {
   std::vector<Table> tables;
-  for (std::size_t id = 0; id < TABLE_COUNT; ++id) tables.emplace_back(database, table_info(TableId{id}));
+  for (std::size_t id = 0; id < TABLE_COUNT; ++id)
+    tables.emplace_back(database, table_info(TableId{id}));
   return tables;
 }
 
@@ -38,7 +39,8 @@ Reply clean(LogDatabase& database, TableId table, std::string_view body) {
   return {body.empty() ? database.table(table).clean() : MIB_IS_INVALID};
 }
 
-// A device that brings no identifier gets one, without hyphens: callers have room for 35 characters.
+// A device that brings no identifier gets one, without hyphens: callers have room for 35
+// characters.
 Reply insert_device(LogDatabase& database, TableId table, std::string_view body) {
   db_device_info_data record;
   if (!is_record(table_info(table), body)) return {MIB_IS_INVALID};
@@ -49,7 +51,8 @@ Reply insert_device(LogDatabase& database, TableId table, std::string_view body)
     if (identifier.empty()) return {MIB_IO_FAILURE};
     std::memcpy(record.dev_uuid, identifier.c_str(), identifier.size() + 1);
   }
-  const int status = database.table(table).insert({reinterpret_cast<const char*>(&record), sizeof record});
+  const int status =
+      database.table(table).insert({reinterpret_cast<const char*>(&record), sizeof record});
   return {status, status == MIB_SUCCESS ? identifier : ""};
 }
 
@@ -102,7 +105,8 @@ constexpr Method METHODS[] = {
 }  // namespace
 
 LogDatabase::LogDatabase(std::string policy, UserBlocks::Clock now)
-    : tables_(make_tables(database_)), blocks_(database_, tables_[USER_BLOCK], std::move(policy), now) {}
+    : tables_(make_tables(database_)),
+      blocks_(database_, tables_[USER_BLOCK], std::move(policy), now) {}
 
 int LogDatabase::open_all(const std::string& path) {
   int rc = database_.open(path);

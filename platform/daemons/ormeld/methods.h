@@ -1,6 +1,7 @@
 // What the log database answers: a table of methods over its tables.
-// Every body is a binary record whose size is known; what has another size, a text without its closing zero, a column
-// that is malformed or a number out of bounds is answered with MIB_IS_INVALID.
+// Every body is a binary record whose size is known; what has another size, a text without its
+// closing zero, a column that is malformed or a number out of bounds is answered with
+// MIB_IS_INVALID.
 #pragma once
 
 #include <span>
@@ -20,7 +21,8 @@ namespace fenro::ormeld {
 class LogDatabase {
  public:
   explicit LogDatabase(std::string policy, UserBlocks::Clock now);
-  // A damaged file is put aside for an empty one. False, with the reason on the standard error, without a database.
+  // A damaged file is put aside for an empty one. False, with the reason on the standard error,
+  // without a database.
   [[nodiscard]] bool open(const std::string& path);
 
   [[nodiscard]] Table& table(TableId id) { return tables_[id]; }

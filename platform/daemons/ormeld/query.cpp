@@ -36,7 +36,8 @@ std::optional<RowQuery> parse_query(const TableInfo& table, std::string_view req
   if (request.size() != sizeof cond) return {};
   std::memcpy(&cond, request.data(), sizeof cond);
   const auto columns = static_cast<std::int64_t>(table.columns.size());
-  if (cond.start < 0 || cond.count < ALL_ROWS || cond.order_by < 0 || cond.order_by >= columns) return {};
+  if (cond.start < 0 || cond.count < ALL_ROWS || cond.order_by < 0 || cond.order_by >= columns)
+    return {};
 
   RowQuery query;
   const std::int64_t most = rows_of_one_answer(table);

@@ -18,13 +18,16 @@ struct RowQuery {
   bool descending = false;
   std::optional<std::size_t> condition{};  // column that must be `value`
   std::string_view value{};                // within the request
-  bool common = false;  // many rows meet the condition: rows are walked in their order instead of found and sorted
+  bool common = false;  // many rows meet the condition: rows are walked in their order instead of
+                        // found and sorted
 };
 
-// From a db_query_cond; nothing for one that makes no sense. A value that cannot be in its column just finds no row.
+// From a db_query_cond; nothing for one that makes no sense. A value that cannot be in its column
+// just finds no row.
 [[nodiscard]] std::optional<RowQuery> parse_query(const TableInfo& table, std::string_view request);
 
-// The statement that selects all columns; its marks are the condition's value, if any, count and start.
+// The statement that selects all columns; its marks are the condition's value, if any, count and
+// start.
 [[nodiscard]] std::string select_text(const TableInfo& table, const RowQuery& query);
 
 // Puts a record with the values of a selected row behind `out`.

@@ -13,14 +13,16 @@ namespace {
 
 constexpr std::int64_t SORTED_ROWS = 1000;
 
-// AUTOINCREMENT: a number that was handed out never comes back, so a late deletion cannot hit another row.
+// AUTOINCREMENT: a number that was handed out never comes back, so a late deletion cannot hit
+// another row.
 std::string schema(const TableInfo& table) {
   const std::string name = quoted(table.name);
   std::string columns = "\"id\" INTEGER PRIMARY KEY AUTOINCREMENT";
   std::string indexes;
   for (std::size_t i = ID_COLUMN + 1; i < table.columns.size(); ++i) {
     const std::string column = quoted(table.columns[i].name);
-    columns += ", " + column + (table.columns[i].kind == Kind::Text ? " TEXT NOT NULL" : " INTEGER NOT NULL");
+    columns += ", " + column +
+               (table.columns[i].kind == Kind::Text ? " TEXT NOT NULL" : " INTEGER NOT NULL");
     indexes.append("CREATE INDEX IF NOT EXISTS ").append(index_name(table, i));
     indexes.append(" ON ").append(name).append(" (").append(column).append(");");
   }
@@ -42,8 +44,8 @@ std::string insert_text(const TableInfo& table) {
 std::string prune_text(const TableInfo& table) {
   const std::string name = quoted(table.name);
   const std::string age = quoted(table.columns[table.age].name);
-  return "DELETE FROM " + name + " WHERE \"id\" IN (SELECT \"id\" FROM " + name + " ORDER BY " + age +
-         ", \"id\" LIMIT ?)";
+  return "DELETE FROM " + name + " WHERE \"id\" IN (SELECT \"id\" FROM " + name + " ORDER BY " +
+         age + ", \"id\" LIMIT ?)";
 }
 
 std::int64_t number_in(std::string_view bytes, const Column& column) {
@@ -91,16 +93,20 @@ int Table::insert(std::string_view record) {
   Transaction transaction{database_};
   std::int64_t rows = rows_;
   // Room is made before the new row comes, so that it cannot be the one that goes.
-  if (!transaction || !make_room(rows) || !add_row(record) || !transaction.commit()) return MIB_IO_FAILURE;
+  if (!transaction || !make_room(rows) || !add_row(record) || !transaction.commit())
+    return MIB_IO_FAILURE;
   rows_ = rows + 1;
   return MIB_SUCCESS;
 }
 
-// Whether more rows meet the condition than one would sort for a page. Looks at no more of them than that.
+// Whether more rows meet the condition than one would sort for a page. Looks at no more of them
+// than that.
 bool Table::is_common(const RowQuery& query) {
-  Statement probe = database_.prepare("SELECT count(*) FROM (SELECT 1 FROM " + quoted(info_.name) + " WHERE " +
-                                      quoted(info_.columns[*query.condition].name) + " = ? LIMIT ?)");
-  return probe.bind(query.value).bind(SORTED_ROWS).step() == SQLITE_ROW && probe.number(0) == SORTED_ROWS;
+  Statement probe =
+      database_.prepare("SELECT count(*) FROM (SELECT 1 FROM " + quoted(info_.name) + " WHERE " +
+                        quoted(info_.columns[*query.condition].name) + " = ? LIMIT ?)");
+  return probe.bind(query.value).bind(SORTED_ROWS).step() == SQLITE_ROW &&
+         probe.number(0) == SORTED_ROWS;
 }
 
 int Table::query(std::string_view request, std::string& answer) {
@@ -113,7 +119,8 @@ int Table::query(std::string_view request, std::string& answer) {
 
   db_query_answer<char> head{0, static_cast<std::uint64_t>(rows_), nullptr};
   answer.assign(sizeof head, '\0');
-  answer.reserve(sizeof head + info_.record_size * static_cast<std::size_t>(std::min(query->count, rows_)));
+  answer.reserve(sizeof head +
+                 info_.record_size * static_cast<std::size_t>(std::min(query->count, rows_)));
   int rc = SQLITE_ROW;
   while ((rc = select.step()) == SQLITE_ROW) {
     append_record(info_, select, answer);
@@ -130,13 +137,14 @@ int Table::remove_by(Statement& statement) {
 }
 
 int Table::remove(std::size_t column, std::string_view value) {
-  Statement statement =
-      database_.prepare("DELETE FROM " + quoted(info_.name) + " WHERE " + quoted(info_.columns[column].name) + " = ?");
+  Statement statement = database_.prepare("DELETE FROM " + quoted(info_.name) + " WHERE " +
+                                          quoted(info_.columns[column].name) + " = ?");
   return remove_by(statement.bind(value));
 }
 
 int Table::remove(std::int64_t id) {
-  Statement statement = database_.prepare("DELETE FROM " + quoted(info_.name) + " WHERE \"id\" = ?");
+  Statement statement =
+      database_.prepare("DELETE FROM " + quoted(info_.name) + " WHERE \"id\" = ?");
   return remove_by(statement.bind(id));
 }
 

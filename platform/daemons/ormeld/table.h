@@ -1,6 +1,6 @@
 // One table of the log database: rows in as records, rows out as records.
-// Methods answer with a status of the bus: MIB_IS_INVALID for a request that makes no sense, MIB_IO_FAILURE when the
-// database refuses; either leaves the table as it was.
+// Methods answer with a status of the bus: MIB_IS_INVALID for a request that makes no sense,
+// MIB_IO_FAILURE when the database refuses; either leaves the table as it was.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,8 @@ class Table {
   // Makes table and indexes where they are missing, and counts the rows. SQLITE_OK or an error.
   [[nodiscard]] int open();
 
-  // Adds a record under a new id, whatever id it brings, and drops the oldest rows beyond the limit.
+  // Adds a record under a new id, whatever id it brings, and drops the oldest rows beyond the
+  // limit.
   [[nodiscard]] int insert(std::string_view record);
 
   // Answers a db_query_cond with head and rows. `total` counts the whole table, condition or not.

@@ -49,9 +49,11 @@ constexpr std::array SERVER_LIST_COLUMNS{
     COLUMN(db_server_list_data, time),
 };
 constexpr std::array DEVICE_INFO_COLUMNS{
-    COLUMN(db_device_info_data, id),       COLUMN(db_device_info_data, ip),      COLUMN(db_device_info_data, mac),
-    COLUMN(db_device_info_data, fenrosid), COLUMN(db_device_info_data, user_id), COLUMN(db_device_info_data, dev_name),
-    COLUMN(db_device_info_data, dev_uuid), COLUMN(db_device_info_data, nic),     COLUMN(db_device_info_data, time),
+    COLUMN(db_device_info_data, id),       COLUMN(db_device_info_data, ip),
+    COLUMN(db_device_info_data, mac),      COLUMN(db_device_info_data, fenrosid),
+    COLUMN(db_device_info_data, user_id),  COLUMN(db_device_info_data, dev_name),
+    COLUMN(db_device_info_data, dev_uuid), COLUMN(db_device_info_data, nic),
+    COLUMN(db_device_info_data, time),
 };
 constexpr std::array USER_BLOCK_COLUMNS{
     COLUMN(db_privilege_user_block_data, id),
@@ -71,13 +73,15 @@ constexpr TableInfo TABLES[] = {
     {"event", sizeof(db_event_data), EVENT_COLUMNS, 100'000, ID_COLUMN},
     {"server_list", sizeof(db_server_list_data), SERVER_LIST_COLUMNS, 10'000, ID_COLUMN},
     {"device_info", sizeof(db_device_info_data), DEVICE_INFO_COLUMNS, 5'000, ID_COLUMN},
-    {"user_block", sizeof(db_privilege_user_block_data), USER_BLOCK_COLUMNS, 20'000, BLOCK_TIMESTAMP},
+    {"user_block", sizeof(db_privilege_user_block_data), USER_BLOCK_COLUMNS, 20'000,
+     BLOCK_TIMESTAMP},
 };
 static_assert(std::size(TABLES) == TABLE_COUNT);
 static_assert(std::string_view{USER_BLOCK_COLUMNS[BLOCK_TIMESTAMP].name} == "timestamp");
-static_assert(std::ranges::all_of(std::span{TABLES}.subspan(SERVER_LIST), [](const TableInfo& table) {
-  return table.record_size * static_cast<std::size_t>(table.rows_kept + 1) < bus::MAX_FRAME;
-}));
+static_assert(
+    std::ranges::all_of(std::span{TABLES}.subspan(SERVER_LIST), [](const TableInfo& table) {
+      return table.record_size * static_cast<std::size_t>(table.rows_kept + 1) < bus::MAX_FRAME;
+    }));
 
 }  // namespace
 
@@ -86,7 +90,8 @@ const TableInfo& table_info(TableId table) {
 }
 
 std::optional<std::size_t> find_column(const TableInfo& table, std::string_view name) {
-  const auto found = std::ranges::find(table.columns, name, [](const Column& column) { return column.name; });
+  const auto found =
+      std::ranges::find(table.columns, name, [](const Column& column) { return column.name; });
   if (found == table.columns.end()) return {};
   return static_cast<std::size_t>(found - table.columns.begin());
 }
@@ -106,7 +111,8 @@ std::optional<std::string_view> text_in(std::string_view array) {
 }
 
 bool is_record(const TableInfo& table, std::string_view bytes) {
-  return bytes.size() == table.record_size && std::ranges::all_of(table.columns, [&](const Column& column) {
+  return bytes.size() == table.record_size &&
+         std::ranges::all_of(table.columns, [&](const Column& column) {
            return column.kind != Kind::Text || text_in(bytes.substr(column.offset, column.size));
          });
 }

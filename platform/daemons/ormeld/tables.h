@@ -1,5 +1,6 @@
 // What is kept: the tables, their columns, and where each value is in a record.
-// A column's number, by which callers order, is its place in the record, 0 being the id that numbers rows as they come.
+// A column's number, by which callers order, is its place in the record, 0 being the id that
+// numbers rows as they come.
 #pragma once
 
 #include <cstddef>
@@ -28,7 +29,15 @@ struct TableInfo {
   std::size_t age;                  // number of the column by which a row is old
 };
 
-enum TableId : std::size_t { SERVER_LOG, CLIENT_LOG, EVENT, SERVER_LIST, DEVICE_INFO, USER_BLOCK, TABLE_COUNT };
+enum TableId : std::size_t {
+  SERVER_LOG,
+  CLIENT_LOG,
+  EVENT,
+  SERVER_LIST,
+  DEVICE_INFO,
+  USER_BLOCK,
+  TABLE_COUNT
+};
 
 constexpr std::size_t ID_COLUMN = 0;
 

@@ -13,8 +13,10 @@
 namespace fenro::ormeld {
 namespace {
 
-constexpr const char* FIND = R"(SELECT "id", "limit", "timestamp" FROM "user_block" WHERE "username" = ?)";
-constexpr const char* UPDATE = R"(UPDATE "user_block" SET "limit" = ?, "timestamp" = ? WHERE "id" = ?)";
+constexpr const char* FIND =
+    R"(SELECT "id", "limit", "timestamp" FROM "user_block" WHERE "username" = ?)";
+constexpr const char* UPDATE =
+    R"(UPDATE "user_block" SET "limit" = ?, "timestamp" = ? WHERE "id" = ?)";
 constexpr std::size_t USERNAME = 1;  // number of the column
 
 bool is_name(std::string_view user) {
@@ -57,7 +59,8 @@ int UserBlocks::count(std::string_view user) {
   if (!find(user, old)) return MIB_IO_FAILURE;
   const std::time_t now = now_();
   if (old.id == 0) return add(user, now);
-  const bool done = database_.prepare(UPDATE).bind(next_count(old, now)).bind(now).bind(old.id).run();
+  const bool done =
+      database_.prepare(UPDATE).bind(next_count(old, now)).bind(now).bind(old.id).run();
   return done ? MIB_SUCCESS : MIB_IO_FAILURE;
 }
 
@@ -66,11 +69,13 @@ int UserBlocks::check(std::string_view user, std::string& answer) {
   Failures failures;
   if (!is_name(user)) return MIB_IS_INVALID;
   if (!read_policy(policy_, policy)) {
-    std::fprintf(stderr, "ormeld: %s cannot be read: every user counts as blocked\n", policy_.c_str());
+    std::fprintf(stderr, "ormeld: %s cannot be read: every user counts as blocked\n",
+                 policy_.c_str());
     return MIB_IO_FAILURE;
   }
   if (!find(user, failures)) return MIB_IO_FAILURE;
-  const bool blocked = policy.enable && policy.reached(failures.count) && !policy.over(failures.last, now_());
+  const bool blocked =
+      policy.enable && policy.reached(failures.count) && !policy.over(failures.last, now_());
   answer.assign(1, blocked ? '1' : '0');
   return MIB_SUCCESS;
 }

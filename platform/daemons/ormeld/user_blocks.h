@@ -1,4 +1,5 @@
-// The users whose logins failed, and whether that blocks them. One row a user: failures so far, time of the last one.
+// The users whose logins failed, and whether that blocks them. One row a user: failures so far,
+// time of the last one.
 #pragma once
 
 #include <ctime>
@@ -20,7 +21,8 @@ class UserBlocks {
 
   // Counts a failure. The first one behind a block that has run out is the first of a new count.
   [[nodiscard]] int count(std::string_view user);
-  // "1" for a blocked user, else "0". Fails when the policy cannot be read; callers take that for a block.
+  // "1" for a blocked user, else "0". Fails when the policy cannot be read; callers take that for a
+  // block.
   [[nodiscard]] int check(std::string_view user, std::string& answer);
   [[nodiscard]] int forget(std::string_view user);
 

@@ -41,12 +41,14 @@ bus::Reply get_cloud_status(const CloudReport& report) {
 bus::Reply get_hub_info(const CloudReport& report, std::string_view body) {
   const Json request = parse_request(body);
   const char* const token = text_or_null(request.get(), "mdevice_token");
-  if (!token || !*token || this_device().token != token) return fail("that is not the token of this device");
+  if (!token || !*token || this_device().token != token)
+    return fail("that is not the token of this device");
   const CloudReport::State state = report.state();
   if (!state.report) return fail(NO_REPORT);
   const Json regions{json_object()};
   for (const char* region : {"router_region", "supernode_region"}) {
-    if (json_t* const part = report_member(state, region)) json_object_set(regions.get(), region, part);
+    if (json_t* const part = report_member(state, region))
+      json_object_set(regions.get(), region, part);
   }
   return succeed(json_text(compact(regions.get())));
 }
@@ -63,9 +65,10 @@ Json tunnels_to(const json_t* region, const SecurityAssociations& associations) 
 bus::Reply get_ipsec_status(const CloudReport& report) {
   const CloudReport::State state = report.state();
   const SecurityAssociations associations = security_associations();
-  return succeed(
-      Json{json_pack("{s:o, s:o}", "router", tunnels_to(report_member(state, "router_region"), associations).release(),
-                     "supernode", tunnels_to(report_member(state, "supernode_region"), associations).release())});
+  return succeed(Json{json_pack(
+      "{s:o, s:o}", "router",
+      tunnels_to(report_member(state, "router_region"), associations).release(), "supernode",
+      tunnels_to(report_member(state, "supernode_region"), associations).release())});
 }
 
 // "address/prefix" of each network of the host except the loopback's.
@@ -78,9 +81,12 @@ Json local_networks() {
     if (!entry->ifa_addr || !entry->ifa_netmask || entry->ifa_addr->sa_family != AF_INET) continue;
     if ((entry->ifa_flags & IFF_LOOPBACK) != 0) continue;
     char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr, text, sizeof text);
-    const int bits = std::popcount(reinterpret_cast<const sockaddr_in*>(entry->ifa_netmask)->sin_addr.s_addr);
-    json_array_append_new(networks.get(), json_string((text + ('/' + std::to_string(bits))).c_str()));
+    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(entry->ifa_addr)->sin_addr, text,
+              sizeof text);
+    const int bits =
+        std::popcount(reinterpret_cast<const sockaddr_in*>(entry->ifa_netmask)->sin_addr.s_addr);
+    json_array_append_new(networks.get(),
+                          json_string((text + ('/' + std::to_string(bits))).c_str()));
   }
   return networks;
 }
@@ -89,13 +95,15 @@ Json local_networks() {
 bus::Reply update_network_interfaces(const CloudClient& cloud) {
   const Device device = this_device();
   if (device.id.empty() || !switched_on(CLOUDAGENT_SWITCH)) return {MIB_NOT_READY};
-  const Json body{json_pack("{s:o, s:o}", "virtualIP", json_text(join_setting("virtual_ip")).release(), "subnets",
+  const Json body{json_pack("{s:o, s:o}", "virtualIP",
+                            json_text(join_setting("virtual_ip")).release(), "subnets",
                             local_networks().release())};
-  const CloudReply reply = cloud.ask({CloudService::PELMAR,
-                                      "PUT",
-                                      "/dalnet/morvi/api/v1/devices/" + cloud.path_part(device.id) + "/network",
-                                      {"Authorization: Device " + device.token},
-                                      compact(body.get())});
+  const CloudReply reply =
+      cloud.ask({CloudService::PELMAR,
+                 "PUT",
+                 "/dalnet/morvi/api/v1/devices/" + cloud.path_part(device.id) + "/network",
+                 {"Authorization: Device " + device.token},
+                 compact(body.get())});
   return reply.good() ? succeed(json_text("")) : bus::Reply{MIB_IO_FAILURE};
 }
 
@@ -116,11 +124,14 @@ void serve_express(bus::Server& server, const CloudClient& cloud, const CloudRep
   server.on("GetCloudStatus", [&](std::string_view) { return get_cloud_status(report); });
   server.on("GetHubInfo", [&](std::string_view body) { return get_hub_info(report, body); });
   server.on("GetIpsecStatus", [&](std::string_view) { return get_ipsec_status(report); });
-  server.on("GetSupernodeRemaining", [&](std::string_view) { return pass_on(report, "supernode"); });
-  server.on("GetSupernodeDevices", [&](std::string_view) { return pass_on(report, "supernodeDevices"); });
+  server.on("GetSupernodeRemaining",
+            [&](std::string_view) { return pass_on(report, "supernode"); });
+  server.on("GetSupernodeDevices",
+            [&](std::string_view) { return pass_on(report, "supernodeDevices"); });
   server.on("SupernodeRecentBillingDailyTraffic",
             [&](std::string_view) { return pass_on(report, "supernodeDailyTraffic"); });
-  server.on("UpdateNetworkInterfaces", [&](std::string_view) { return update_network_interfaces(cloud); });
+  server.on("UpdateNetworkInterfaces",
+            [&](std::string_view) { return update_network_interfaces(cloud); });
   server.on("ResetVirtualInterface", [](std::string_view) { return reset_interface(); });
 }
 

@@ -30,12 +30,14 @@ LinkWatch::Timeouts LinkWatch::report(bool cloud_up, bool tunnels_up, long now) 
   const bool cloud_changed = sample(cloud_down_, cloud_up, now);
   const bool tunnels_changed = sample(tunnels_down_, tunnels_up, now);
   if (cloud_changed || tunnels_changed) save();
-  return {cloud_down_ != 0 && now - cloud_down_ >= PATIENCE, tunnels_down_ != 0 && now - tunnels_down_ >= PATIENCE};
+  return {cloud_down_ != 0 && now - cloud_down_ >= PATIENCE,
+          tunnels_down_ != 0 && now - tunnels_down_ >= PATIENCE};
 }
 
 void LinkWatch::save() const {
   // If the times cannot be stored, they start again with the daemon.
-  std::ignore = replace_file(file_, std::to_string(cloud_down_) + ' ' + std::to_string(tunnels_down_) + '\n');
+  std::ignore =
+      replace_file(file_, std::to_string(cloud_down_) + ' ' + std::to_string(tunnels_down_) + '\n');
 }
 
 }  // namespace fenro::pelmar

@@ -13,7 +13,8 @@ constexpr const char* JOINED = "already_join_pelmar";
 
 std::string unquoted(const std::string& value) {
   const std::size_t first = value.find_first_not_of('"');
-  return first == std::string::npos ? "" : value.substr(first, value.find_last_not_of('"') - first + 1);
+  return first == std::string::npos ? ""
+                                    : value.substr(first, value.find_last_not_of('"') - first + 1);
 }
 
 }  // namespace
@@ -32,7 +33,9 @@ bool is_member_of(const std::string& organization) {
 }
 
 Device this_device() {
-  const auto value = [](const char* key) { return unquoted(ini::read_value(AGENT, "", key).value_or("")); };
+  const auto value = [](const char* key) {
+    return unquoted(ini::read_value(AGENT, "", key).value_or(""));
+  };
   return {value("DEV_ID"), value("DEV_TOKEN")};
 }
 

@@ -42,9 +42,10 @@ bus::Reply update_and_check_timeout(LinkWatch& links, std::string_view body) {
   const json_t* const cloud = json_object_get(request.get(), "mqtt_status");
   const json_t* const tunnels = json_object_get(request.get(), "vpn_status");
   if (!json_is_boolean(cloud) || !json_is_boolean(tunnels)) return fail("a status is missing");
-  const LinkWatch::Timeouts timeouts = links.report(json_is_true(cloud), json_is_true(tunnels), seconds_since_start());
-  return succeed(Json{json_pack("{s:b, s:b}", "is_mqtt_timeout", timeouts.cloud ? 1 : 0, "is_ipsec_timeout",
-                                timeouts.tunnels ? 1 : 0)});
+  const LinkWatch::Timeouts timeouts =
+      links.report(json_is_true(cloud), json_is_true(tunnels), seconds_since_start());
+  return succeed(Json{json_pack("{s:b, s:b}", "is_mqtt_timeout", timeouts.cloud ? 1 : 0,
+                                "is_ipsec_timeout", timeouts.tunnels ? 1 : 0)});
 }
 
 }  // namespace
@@ -52,7 +53,8 @@ bus::Reply update_and_check_timeout(LinkWatch& links, std::string_view body) {
 void serve_network(bus::Server& server, const CloudClient& cloud, LinkWatch& links) {
   server.on("Get_cloudtoken", [&cloud](std::string_view) { return get_cloud_token(cloud); });
   server.on("Save_cloudtoken", keep_cloud_token);
-  server.on("Get_pelmartoken", [&cloud](std::string_view body) { return get_pelmar_token(cloud, body); });
+  server.on("Get_pelmartoken",
+            [&cloud](std::string_view body) { return get_pelmar_token(cloud, body); });
   server.on("Update_and_check_timeout",
             [&links](std::string_view body) { return update_and_check_timeout(links, body); });
 }

@@ -14,7 +14,8 @@ inline bus::Reply succeed(Json data) {
 }
 
 inline bus::Reply fail(std::string_view message) {
-  const Json reply{json_pack("{s:i, s:o}", "error", 1, "error_message", json_text(message).release())};
+  const Json reply{
+      json_pack("{s:i, s:o}", "error", 1, "error_message", json_text(message).release())};
   return {MIB_SUCCESS, compact(reply.get())};
 }
 

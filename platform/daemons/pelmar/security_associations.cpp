@@ -32,7 +32,8 @@ std::string_view skip(std::string_view bytes, std::size_t count) {
 
 bool has_keys(std::string_view attributes) {
   nlattr head{};
-  for (; leading(attributes, head) && head.nla_len >= sizeof head; attributes = skip(attributes, head.nla_len)) {
+  for (; leading(attributes, head) && head.nla_len >= sizeof head;
+       attributes = skip(attributes, head.nla_len)) {
     switch (head.nla_type & NLA_TYPE_MASK) {
       case XFRMA_ALG_CRYPT:
       case XFRMA_ALG_AUTH:
@@ -52,7 +53,8 @@ bool take_associations(std::string_view answer, SecurityAssociations& out) {
     if (head.nlmsg_type == NLMSG_DONE || head.nlmsg_type == NLMSG_ERROR) return false;
     const std::string_view body = answer.substr(sizeof head, head.nlmsg_len - sizeof head);
     xfrm_usersa_info info{};
-    if (head.nlmsg_type != XFRM_MSG_NEWSA || !leading(body, info) || info.family != AF_INET) continue;
+    if (head.nlmsg_type != XFRM_MSG_NEWSA || !leading(body, info) || info.family != AF_INET)
+      continue;
     if (has_keys(skip(body, sizeof info))) out.emplace(info.saddr.a4, info.id.daddr.a4);
   }
   return true;
@@ -61,7 +63,8 @@ bool take_associations(std::string_view answer, SecurityAssociations& out) {
 SecurityAssociations security_associations() {
   SecurityAssociations out;
   const Fd fd{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_XFRM)};
-  if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &PATIENCE, sizeof PATIENCE) != 0) return out;
+  if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &PATIENCE, sizeof PATIENCE) != 0)
+    return out;
   nlmsghdr request{};
   request.nlmsg_len = sizeof request;
   request.nlmsg_type = XFRM_MSG_GETSA;
@@ -70,7 +73,8 @@ SecurityAssociations security_associations() {
   std::array<char, DATAGRAM_MAX> buffer;
   for (;;) {
     const ssize_t got = recv(fd.get(), buffer.data(), buffer.size(), 0);
-    if (got <= 0 || !take_associations({buffer.data(), static_cast<std::size_t>(got)}, out)) return out;
+    if (got <= 0 || !take_associations({buffer.data(), static_cast<std::size_t>(got)}, out))
+      return out;
   }
 }
 

@@ -70,10 +70,11 @@ std::string plain_base64(std::string_view encoded) {
 
 Json renew(const CloudClient& cloud, const std::string& refresh_token) {
   if (refresh_token.empty()) return nullptr;
-  const Json body{json_pack("{s:s, s:s, s:s, s:s, s:s}", "grant_type", "refresh_token", "refresh_token",
-                            refresh_token.c_str(), "app_id", ORMEL_APP_ID, "app_secret", ORMEL_APP_SECRET, "provider",
-                            ORMEL_APP_PROVIDER)};
-  const CloudReply reply = cloud.ask({CloudService::LOGINS, "POST", "/v1/token", {}, compact(body.get())});
+  const Json body{json_pack("{s:s, s:s, s:s, s:s, s:s}", "grant_type", "refresh_token",
+                            "refresh_token", refresh_token.c_str(), "app_id", ORMEL_APP_ID,
+                            "app_secret", ORMEL_APP_SECRET, "provider", ORMEL_APP_PROVIDER)};
+  const CloudReply reply =
+      cloud.ask({CloudService::LOGINS, "POST", "/v1/token", {}, compact(body.get())});
   return reply.good() ? login_of(reply.root.get(), refresh_token) : nullptr;
 }
 
@@ -86,8 +87,8 @@ std::string kept_token(const std::string& organization) {
 }
 
 void keep_token(const std::string& organization, const std::string& token, json_int_t seconds) {
-  const Json kept{json_pack("{s:s, s:s, s:I}", "organization", organization.c_str(), "token", token.c_str(),
-                            "expires_in", seconds)};
+  const Json kept{json_pack("{s:s, s:s, s:I}", "organization", organization.c_str(), "token",
+                            token.c_str(), "expires_in", seconds)};
   // Write the key last: without it the stored token is ignored.
   if (store(PELMAR_TOKEN_FILE, kept.get()))
     std::ignore = ini::write_value(SETTINGS, JOIN_SECTION, LAST_SEEN, std::to_string(now()));
@@ -110,7 +111,8 @@ std::string cloud_token(const CloudClient& cloud) {
   const json_int_t expires = json_integer_value(json_object_get(login.get(), "expires"));
   if (expires == NEVER || now() < expires - HASTE) return text(login.get(), "access_token");
   if (Json renewed = renew(cloud, text(login.get(), "refresh_token"))) {
-    std::ignore = store(CLOUD_TOKEN_FILE, renewed.get());  // if it cannot be stored, it still serves this call
+    std::ignore = store(CLOUD_TOKEN_FILE,
+                        renewed.get());  // if it cannot be stored, it still serves this call
     return text(renewed.get(), "access_token");
   }
   return now() < expires ? text(login.get(), "access_token") : "";
@@ -124,8 +126,11 @@ std::string pelmar_token(const CloudClient& cloud, const std::string& organizati
   const std::string login = cloud_token(cloud);
   const Json body{json_pack("{s:s}", "orgId", organization.c_str())};
   if (login.empty() || !body) return "";
-  const CloudReply reply = cloud.ask(
-      {CloudService::PELMAR, "POST", "/pelmar/morvi/api/v1/token", {"skarnToken: " + login}, compact(body.get())});
+  const CloudReply reply = cloud.ask({CloudService::PELMAR,
+                                      "POST",
+                                      "/pelmar/morvi/api/v1/token",
+                                      {"skarnToken: " + login},
+                                      compact(body.get())});
   if (!reply.good()) return "";
   std::string token = text(reply.root.get(), "pelmarToken");
   if (member && !token.empty()) keep_token(organization, token, life(reply.root.get()));

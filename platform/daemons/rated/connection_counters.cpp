@@ -29,13 +29,16 @@ std::vector<Counters> interface_counters() {
   if (!networkd::list_links(links)) return {};
   std::vector<Counters> all;
   all.reserve(links.size());
-  for (const networkd::Link& link : links) all.push_back({link.name, link.rx_bytes, link.tx_bytes, link.index});
+  for (const networkd::Link& link : links)
+    all.push_back({link.name, link.rx_bytes, link.tx_bytes, link.index});
   return all;
 }
 
 std::vector<Counters> drovik_clients() {
   const MibIo io{mib_io_create()};
-  if (!io || mib_call(DROVIK_SERVICE, DROVIK_METHOD, io.get(), DROVIK_TIMEOUT, NO_FLAG) != MIB_SUCCESS) return {};
+  if (!io ||
+      mib_call(DROVIK_SERVICE, DROVIK_METHOD, io.get(), DROVIK_TIMEOUT, NO_FLAG) != MIB_SUCCESS)
+    return {};
   std::size_t length = 0;
   const char* const text = mib_io_read(io.get(), &length);
   const Json reply{text ? json_loadb(text, length, 0, nullptr) : nullptr};

@@ -16,12 +16,15 @@ bool has_number(std::string_view interface, std::string_view prefix, int first, 
 }
 
 bool is_client(std::string_view interface, const ormel::TunnelFacts& facts) {
-  return has_number(interface, facts.interface, facts.base + 1, facts.base + ormel::MAX_TUNNEL_INDEX);
+  return has_number(interface, facts.interface, facts.base + 1,
+                    facts.base + ormel::MAX_TUNNEL_INDEX);
 }
 
 // PPTP and L2TP share the names of their sessions' interfaces.
-bool is_server(std::string_view interface, const ormel::TunnelFacts& facts, const std::vector<OnlineUser>& users) {
-  if (!has_number(interface, facts.server_interface, facts.first_number, facts.last_number)) return false;
+bool is_server(std::string_view interface, const ormel::TunnelFacts& facts,
+               const std::vector<OnlineUser>& users) {
+  if (!has_number(interface, facts.server_interface, facts.first_number, facts.last_number))
+    return false;
   if (facts.sessions != ormel::Sessions::PPP) return true;
   return std::ranges::any_of(users, [&](const OnlineUser& user) {
     return user.interface == interface && user.type == static_cast<std::uint32_t>(facts.server);
@@ -33,17 +36,20 @@ std::uint64_t grown(std::uint64_t before, std::uint64_t now) {
 }
 
 void append_all(json_t* row, const auto& rates) {
-  for (const std::uint64_t rate : rates) json_array_append_new(row, json_integer(static_cast<json_int_t>(rate)));
+  for (const std::uint64_t rate : rates)
+    json_array_append_new(row, json_integer(static_cast<json_int_t>(rate)));
 }
 
 }  // namespace
 
 std::size_t kind_of(std::string_view interface, const std::vector<OnlineUser>& users) {
-  const auto* const facts = std::ranges::find_if(ormel::TUNNELS, [&](const ormel::TunnelFacts& each) {
-    return is_client(interface, each) || is_server(interface, each, users);
-  });
-  return facts == std::end(ormel::TUNNELS) ? std::string::npos
-                                           : static_cast<std::size_t>(facts - std::begin(ormel::TUNNELS));
+  const auto* const facts =
+      std::ranges::find_if(ormel::TUNNELS, [&](const ormel::TunnelFacts& each) {
+        return is_client(interface, each) || is_server(interface, each, users);
+      });
+  return facts == std::end(ormel::TUNNELS)
+             ? std::string::npos
+             : static_cast<std::size_t>(facts - std::begin(ormel::TUNNELS));
 }
 
 void History::Amounts::add(const Amounts& other) {
@@ -53,7 +59,8 @@ void History::Amounts::add(const Amounts& other) {
   }
 }
 
-// A reading that is late makes one longer step; after a clock that was set back, the step begins again.
+// A reading that is late makes one longer step; after a clock that was set back, the step begins
+// again.
 void History::Ring::add(const Amounts& more, std::time_t now) {
   if (begun == 0 || now < begun) {
     begun = now;
@@ -67,16 +74,18 @@ void History::Ring::add(const Amounts& more, std::time_t now) {
   for (auto* const side : {&row.rates.received, &row.rates.sent})
     for (std::uint64_t& rate : *side) rate /= static_cast<std::uint64_t>(elapsed);
   rows.push_back(row);
-  while (!rows.empty() && (rows.front().time <= now - kept || rows.front().time > now)) rows.pop_front();
+  while (!rows.empty() && (rows.front().time <= now - kept || rows.front().time > now))
+    rows.pop_front();
   begun = now;
   bytes = {};
 }
 
-// Bytes since the last reading. An interface that is new, also under an old name, counts from its next reading on.
+// Bytes since the last reading. An interface that is new, also under an old name, counts from its
+// next reading on.
 History::Amounts History::since_last(const std::vector<Counters>& interfaces) {
   Amounts amounts;
-  const bool sessions =
-      std::ranges::any_of(interfaces, [](const Counters& each) { return each.key.starts_with("ppp"); });
+  const bool sessions = std::ranges::any_of(
+      interfaces, [](const Counters& each) { return each.key.starts_with("ppp"); });
   const std::vector<OnlineUser> users = sessions ? users_() : std::vector<OnlineUser>{};
   std::map<std::string, Counters, std::less<>> now;
   for (const Counters& each : interfaces) {
@@ -102,7 +111,8 @@ void History::sample(const std::vector<Counters>& interfaces, std::time_t now) {
 std::string History::reply(std::time_t span, std::time_t now) const {
   const Ring& ring = span <= HOUR ? hour_ : day_;
   Json types{json_array()};
-  for (const ormel::TunnelFacts& facts : ormel::TUNNELS) json_array_append_new(types.get(), json_integer(facts.server));
+  for (const ormel::TunnelFacts& facts : ormel::TUNNELS)
+    json_array_append_new(types.get(), json_integer(facts.server));
   Json rows{json_array()};
   for (const Row& each : ring.rows) {
     if (each.time <= now - span) continue;
@@ -112,8 +122,8 @@ std::string History::reply(std::time_t span, std::time_t now) const {
     append_all(row.get(), each.rates.sent);
     json_array_append_new(rows.get(), row.release());
   }
-  Json data{
-      json_pack("{s:I, s:o, s:o}", "step", json_int_t{ring.step}, "types", types.release(), "rows", rows.release())};
+  Json data{json_pack("{s:I, s:o, s:o}", "step", json_int_t{ring.step}, "types", types.release(),
+                      "rows", rows.release())};
   return reply_text(0, std::move(data));
 }
 

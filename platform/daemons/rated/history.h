@@ -1,5 +1,6 @@
-// What each protocol has carried, by its servers and its tunnels: rates over steps of ten seconds for the last hour,
-// and over five minutes for the last day. The counters are those of the interfaces; nothing is stored in a file.
+// What each protocol has carried, by its servers and its tunnels: rates over steps of ten seconds
+// for the last hour, and over five minutes for the last day. The counters are those of the
+// interfaces; nothing is stored in a file.
 #pragma once
 
 #include <array>
@@ -28,11 +29,13 @@ class History {
 
   explicit History(Users users) : users_(std::move(users)) {}
 
-  // Takes a reading of the counters at `now` (seconds since the epoch). Must be called about once in STEP seconds.
+  // Takes a reading of the counters at `now` (seconds since the epoch). Must be called about once
+  // in STEP seconds.
   void sample(const std::vector<Counters>& interfaces, std::time_t now);
 
   // The reply for the last `span` seconds, in steps of STEP up to an hour:
-  // {"error":0,"data":{"step":10,"types":[TYPE...],"rows":[[TIME, received bytes a second by type..., sent...]...]}}.
+  // {"error":0,"data":{"step":10,"types":[TYPE...],"rows":[[TIME, received bytes a second by
+  // type..., sent...]...]}}.
   [[nodiscard]] std::string reply(std::time_t span, std::time_t now) const;
 
  private:
@@ -62,8 +65,8 @@ class History {
   Ring day_{LONG_STEP, DAY};
 };
 
-// The row of ormel::TUNNELS whose server or client an interface belongs to; npos for any other interface. `users` tells
-// which server a PPP session belongs to.
+// The row of ormel::TUNNELS whose server or client an interface belongs to; npos for any other
+// interface. `users` tells which server a PPP session belongs to.
 [[nodiscard]] std::size_t kind_of(std::string_view interface, const std::vector<OnlineUser>& users);
 
 }  // namespace fenro::rated

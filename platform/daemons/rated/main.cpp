@@ -23,7 +23,8 @@ constexpr std::chrono::seconds HISTORY_PERIOD{fenro::rated::History::STEP};
 std::time_t span_of(std::string_view body) {
   const fenro::Json request{json_loadb(body.data(), body.size(), 0, nullptr)};
   const json_t* const span = json_object_get(request.get(), "span");
-  return json_is_integer(span) ? static_cast<std::time_t>(json_integer_value(span)) : fenro::rated::History::HOUR;
+  return json_is_integer(span) ? static_cast<std::time_t>(json_integer_value(span))
+                               : fenro::rated::History::HOUR;
 }
 
 }  // namespace
@@ -32,8 +33,8 @@ int main() {
   using namespace fenro;
   using rated::RateServer;
   const OnlineUsers users;
-  RateServer rates{{[&] { return users.list(); }, rated::interface_counters, [] { return rated::openvpn_clients(); },
-                    rated::drovik_clients}};
+  RateServer rates{{[&] { return users.list(); }, rated::interface_counters,
+                    [] { return rated::openvpn_clients(); }, rated::drovik_clients}};
 
   bus::Server server{SERVICE};
   server.on(METHOD, [&](std::string_view) {

@@ -26,7 +26,8 @@ enum Column : std::size_t { KIND, NAME, REAL_ADDRESS, ADDRESS, ADDRESS6, RECEIVE
 constexpr std::size_t ANSWER_LIMIT = std::size_t{4} * 1024 * 1024;  // about 20,000 clients
 
 bool wait_for(int fd, short events, Clock::time_point deadline) {
-  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
   pollfd entry{fd, events, 0};
   return left > 0 && poll(&entry, 1, static_cast<int>(left)) == 1;
 }
@@ -47,7 +48,8 @@ Fd connect_to(std::uint16_t port, Clock::time_point deadline) {
 std::string read_answer(const Fd& fd, Clock::time_point deadline) {
   std::string answer;
   std::array<char, 16384> piece;
-  while (answer.size() < ANSWER_LIMIT && !answer.ends_with(LAST_LINE) && wait_for(fd.get(), POLLIN, deadline)) {
+  while (answer.size() < ANSWER_LIMIT && !answer.ends_with(LAST_LINE) &&
+         wait_for(fd.get(), POLLIN, deadline)) {
     const ssize_t length = recv(fd.get(), piece.data(), piece.size(), 0);
     if (length <= 0) break;
     answer.append(piece.data(), static_cast<std::size_t>(length));
@@ -62,7 +64,9 @@ std::optional<Counters> parse_client(std::string_view line) {
   Counters client;
   client.key = columns[REAL_ADDRESS];
   if (columns[KIND] != CLIENT || client.key.empty()) return {};
-  if (!parse_number(columns[RECEIVED], client.rx_bytes) || !parse_number(columns[SENT], client.tx_bytes)) return {};
+  if (!parse_number(columns[RECEIVED], client.rx_bytes) ||
+      !parse_number(columns[SENT], client.tx_bytes))
+    return {};
   return client;
 }
 
@@ -71,7 +75,8 @@ std::optional<Counters> parse_client(std::string_view line) {
 std::vector<Counters> parse_status(std::string_view text) {
   std::vector<Counters> clients;
   // An unterminated last line may lack digits of its last number.
-  for (std::size_t end = 0; (end = text.find('\n')) != std::string_view::npos; text.remove_prefix(end + 1)) {
+  for (std::size_t end = 0; (end = text.find('\n')) != std::string_view::npos;
+       text.remove_prefix(end + 1)) {
     if (auto client = parse_client(text.substr(0, end))) clients.push_back(std::move(*client));
   }
   return clients;

@@ -13,7 +13,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto FRESH = 900ms;   // a reading of this age is recent enough; ticks can come a little early
+constexpr auto FRESH =
+    900ms;  // a reading of this age is recent enough; ticks can come a little early
 constexpr auto WATCHED = 30s;   // readings continue this long after a request
 constexpr auto OUTDATED = 10s;  // a rate based on an older reading is meaningless
 
@@ -31,7 +32,8 @@ Source source_of(const OnlineUser& user) {
     default: return &Sources::interfaces;
   }
 }
-constexpr std::array<Source, 3> ALL_SOURCES{&Sources::interfaces, &Sources::openvpn, &Sources::drovik};
+constexpr std::array<Source, 3> ALL_SOURCES{&Sources::interfaces, &Sources::openvpn,
+                                            &Sources::drovik};
 
 std::string key_of(const OnlineUser& user) {
   const bool by_port = sessions_of(user) == ormel::Sessions::OPENVPN;
@@ -47,7 +49,9 @@ json_t* bytes_value(std::uint64_t bytes) {
 
 Json describe(const Counters& counters, const networkd::Rate& rate) {
   Json object{json_object()};
-  const auto set = [&](const char* name, json_t* value) { json_object_set_new(object.get(), name, value); };
+  const auto set = [&](const char* name, json_t* value) {
+    json_object_set_new(object.get(), name, value);
+  };
   set("key", json_text(counters.key).release());
   set("rx_bytes", bytes_value(counters.rx_bytes));
   set("tx_bytes", bytes_value(counters.tx_bytes));

@@ -31,7 +31,8 @@ class RateServer {
 
   explicit RateServer(Sources sources) : sources_(std::move(sources)) {}
 
-  // The reply: {"error":0,"data":[{"key":..., "rx_bytes":..., "tx_bytes":..., "rx_rate":..., "tx_rate":...}...]}.
+  // The reply: {"error":0,"data":[{"key":..., "rx_bytes":..., "tx_bytes":..., "rx_rate":...,
+  // "tx_rate":...}...]}.
   [[nodiscard]] std::string all_server_stat(Clock::time_point now);
 
   // Must be called about once a second.

@@ -18,8 +18,8 @@ struct _session {
   int uid;           /* numeric user id */
 };
 
-/* Looks a session up: 0 when it is valid, with `session` (may be null) filled; non-zero otherwise. With `touch`
- * non-zero a valid session's time of last use becomes now. */
+/* Looks a session up: 0 when it is valid, with `session` (may be null) filled; non-zero otherwise.
+ * With `touch` non-zero a valid session's time of last use becomes now. */
 int auth_get_session(const char* sid, int touch, struct _session* session);
 
 /* Non-zero when the user belongs to the group, as a member or by its primary group. */
@@ -28,13 +28,14 @@ int User_Belongs_To_Group(const char* user, const char* group);
 /* 0 when the password is the user's and the account may log in. */
 int Check_NAS_User_Password(const char* user, const char* password);
 
-/* Names of users. The rows `lower` to `upper` (counted from 0, both included) of those that contain `filter` (null or
- * empty: all) are allocated into `list` with malloc and freed by the caller; `total` takes the number of all that
- * match. Returns the number of rows in `list`, negative on failure. */
+/* Names of users. The rows `lower` to `upper` (counted from 0, both included) of those that contain
+ * `filter` (null or empty: all) are allocated into `list` with malloc and freed by the caller;
+ * `total` takes the number of all that match. Returns the number of rows in `list`, negative on
+ * failure. */
 int Get_Local_User_List_V2(char (**list)[33], int lower, int upper, const char* filter, int* total);
 int Get_LDAP_User_List_V2(char (**list)[33], int lower, int upper, const char* filter, int* total);
-int Get_Expand_Domain_User_List_V2(char (**list)[209], int lower, int upper, const char* filter, int* total, int a,
-                                   int b, int c); /* a, b and c are reserved */
+int Get_Expand_Domain_User_List_V2(char (**list)[209], int lower, int upper, const char* filter,
+                                   int* total, int a, int b, int c); /* a, b and c are reserved */
 
 /* Non-zero when the host's accounts come from an LDAP directory too. */
 int Is_LDAP_Enable(void);

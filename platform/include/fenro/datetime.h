@@ -1,4 +1,5 @@
-/* Dates and times in local time and in the form that the appliance is set to. Every buffer holds at least 64 bytes.
+/* Dates and times in local time and in the form that the appliance is set to. Every buffer holds at
+ * least 64 bytes.
  *
  * Date formats by their index, with 7 March 2024:
  *

@@ -16,30 +16,36 @@ typedef struct naslog_event {
   char event_desc[2049];
 } naslog_event;
 
-/* Receives one row; non-zero ends the query. Values may be null. The columns are, in this order: id, type, date
- * (YYYY-MM-DD), time (HH:MM:SS), user, ip, computer, description, application, category, message_id. */
+/* Receives one row; non-zero ends the query. Values may be null. The columns are, in this order:
+ * id, type, date (YYYY-MM-DD), time (HH:MM:SS), user, ip, computer, description, application,
+ * category, message_id. */
 typedef int (*naslog_row)(void* context, int columns, char** values, char** names);
 
 /* Adds one event. 0 on success. */
 int naslog_event_add(const naslog_event* event);
 
-/* Counts give a number of rows or a negative value, queries give 0 on success; a log without any event is empty.
+/* Counts give a number of rows or a negative value, queries give 0 on success; a log without any
+ * event is empty.
  *
- * A null or empty text filter lets all rows through. `description` matches a part of the text, the other texts match
- * exactly. The type of a count lets all through when it is 0, the type of a query when it is null or empty. `from` and
- * `to`, both included, are "YYYY-MM-DD", "YYYY-MM-DD HH:MM" or "YYYY-MM-DD HH:MM:SS" in local time, or seconds since
- * the epoch; a `to` without a time of day means the end of its day; any other text is a failure. The rows `lower` to
- * `upper`, both included, count from 0, newest first, or oldest first with `sort` 1. */
-int naslog_event_query_count_ex(int type, const char* from, const char* to, const char* user, const char* ip,
-                                const char* computer, const char* description, const char* application,
-                                const char* category);
-int naslog_event_query_ex(naslog_row row, int sort, int lower, int upper, const char* type, const char* from,
-                          const char* to, const char* user, const char* ip, const char* computer,
-                          const char* description, void* context, const char* application, const char* category);
-int naslog_event_query_count_ex2(const char* message_id, const char* start_time, const char* end_time,
-                                 const char* application, const char* category);
-int naslog_event_query_ex2(naslog_row row, int lower, int upper, const char* message_id, const char* start_time,
-                           const char* end_time, const char* application, const char* category, void* context);
+ * A null or empty text filter lets all rows through. `description` matches a part of the text, the
+ * other texts match exactly. The type of a count lets all through when it is 0, the type of a query
+ * when it is null or empty. `from` and `to`, both included, are "YYYY-MM-DD", "YYYY-MM-DD HH:MM" or
+ * "YYYY-MM-DD HH:MM:SS" in local time, or seconds since the epoch; a `to` without a time of day
+ * means the end of its day; any other text is a failure. The rows `lower` to `upper`, both
+ * included, count from 0, newest first, or oldest first with `sort` 1. */
+int naslog_event_query_count_ex(int type, const char* from, const char* to, const char* user,
+                                const char* ip, const char* computer, const char* description,
+                                const char* application, const char* category);
+int naslog_event_query_ex(naslog_row row, int sort, int lower, int upper, const char* type,
+                          const char* from, const char* to, const char* user, const char* ip,
+                          const char* computer, const char* description, void* context,
+                          const char* application, const char* category);
+int naslog_event_query_count_ex2(const char* message_id, const char* start_time,
+                                 const char* end_time, const char* application,
+                                 const char* category);
+int naslog_event_query_ex2(naslog_row row, int lower, int upper, const char* message_id,
+                           const char* start_time, const char* end_time, const char* application,
+                           const char* category, void* context);
 
 #ifdef __cplusplus
 }

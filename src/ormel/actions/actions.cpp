@@ -35,7 +35,8 @@ int no_such_config() {
   return error_message(ERR_CONFIGURE_INDEX, nullptr);
 }
 
-// Adds a record in the lowest free slot. The pool and its file are touched only once the driver has taken it.
+// Adds a record in the lowest free slot. The pool and its file are touched only once the driver has
+// taken it.
 int take_in(const PolyConfig& record, Step step, JsonValue* out) {
   const int slot = cm.fetch_slot(record->type);
   if (slot == 0) return ERR_MAX_CONFIGS;
@@ -87,7 +88,8 @@ int modify(std::unique_ptr<PolyConfig> holder, JsonValue* out) {
   if (const int rc = settle_peers(record); rc != NO_ERROR) return rc;
   record->update_disconnect_status();
   if (const int rc = cm.update(&record); rc != NO_ERROR) return rc;
-  if (record->type == PPTP_SERVER_TYPE || record->type == L2TP_SERVER_TYPE) cm.sync_mss(record->type, &record);
+  if (record->type == PPTP_SERVER_TYPE || record->type == L2TP_SERVER_TYPE)
+    cm.sync_mss(record->type, &record);
 
   std::ignore = cm.save();  // before the restart: the scripts read the file
   std::ignore = record->do_disconnect(flag);
@@ -121,7 +123,9 @@ int connect(std::unique_ptr<PolyConfig> record, JsonValue* out) {
   if (!stored) return no_such_config();
   if (type == WIREGUARD_CLIENT_TYPE) {
     const std::string& address = stored->cast<wireguard::ClientConfig>()->client_ip;
-    if (const int rc = system::is_network_intersect(address.c_str(), "255.255.255.255"); rc != NO_ERROR) return rc;
+    if (const int rc = system::is_network_intersect(address.c_str(), "255.255.255.255");
+        rc != NO_ERROR)
+      return rc;
   }
   const int rc = (*stored)->connect();
   if ((*stored)->pid == 0) sleep(START_TIME);
@@ -141,8 +145,10 @@ int disconnect(std::unique_ptr<PolyConfig> record, JsonValue* out) {
 
 int main(int argc, char** argv) {
   const std::map<ACTION, Handler> actions{
-      {ADD_ACTION, add},       {SHOW_ACTION, show},     {CONNECT_ACTION, connect}, {DISCONNECT_ACTION, disconnect},
-      {REMOVE_ACTION, remove}, {MODIFY_ACTION, modify}, {IMPORT_ACTION, import},
+      {ADD_ACTION, add},         {SHOW_ACTION, show},
+      {CONNECT_ACTION, connect}, {DISCONNECT_ACTION, disconnect},
+      {REMOVE_ACTION, remove},   {MODIFY_ACTION, modify},
+      {IMPORT_ACTION, import},
   };
   // The whole pool before the options: some of them consult it.
   cm.load();

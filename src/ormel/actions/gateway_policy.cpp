@@ -37,7 +37,8 @@ struct IntervalText {
   const char* text;
 };
 
-constexpr IntervalText INTERVALS[] = {{-1, "Not"}, {0, "immediatly"}, {1, "1"}, {5, "5"}, {10, "10"}};
+constexpr IntervalText INTERVALS[] = {
+    {-1, "Not"}, {0, "immediatly"}, {1, "1"}, {5, "5"}, {10, "10"}};
 
 int number(const json_t* object, const char* key) {
   return system::cut_number<int>(json_object_get(object, key));
@@ -76,7 +77,8 @@ bool take_out(json_t* policy, TYPE type, int index) {
 
 void notify_gateway(const nc_msg_struct& message, const json_t* gateway) {
   const std::string profile = get_profile_name(text(gateway, "sname"));
-  nclog::notify_send(&message, type_to_string(static_cast<TYPE>(number(gateway, "type"))), profile.c_str(), nullptr);
+  nclog::notify_send(&message, type_to_string(static_cast<TYPE>(number(gateway, "type"))),
+                     profile.c_str(), nullptr);
 }
 
 void announce_change() {
@@ -85,7 +87,8 @@ void announce_change() {
   }
 }
 
-// Merges `parsed` into `root` and writes the document. Whether it was written; nothing is left in the file if not.
+// Merges `parsed` into `root` and writes the document. Whether it was written; nothing is left in
+// the file if not.
 bool write_merged(std::FILE* file, json_t* root, json_t* parsed) {
   if (json_object_update_existing(root, parsed) != 0) {
     ORMEL_LOG(ERROR, "Update raw_t to root failed. %s", "");
@@ -114,7 +117,8 @@ Json GlobalConfig::load() const {
   if (!file) {
     const bool missing = errno == ENOENT;
     ORMEL_LOG(ERROR, "Open %s failed.", OPTIONS_CONF);
-    return missing ? get_tmpl() : Json{json_object()};  // a fresh host has no policy yet, and can be given one
+    return missing ? get_tmpl()
+                   : Json{json_object()};  // a fresh host has no policy yet, and can be given one
   }
   Json root{json_loadf(file.get(), 0, nullptr)};
   if (json_is_object(root.get())) return root;
@@ -163,7 +167,8 @@ int GlobalConfig::disable_gateway(TYPE type, int index) const {
 void GlobalConfig::get_vpn_gw(JsonValue& out) const {
   TYPE type = NONE_TYPE;
   int index = 0;
-  const Json answer = system::easy_mib_call(system::NETWORK_SERVICE, system::CURRENT_GATEWAY, nullptr);
+  const Json answer =
+      system::easy_mib_call(system::NETWORK_SERVICE, system::CURRENT_GATEWAY, nullptr);
   if (!answer) {
     ORMEL_LOG(ERROR, "%s: mib_call failed", "get_currentGWinfo");
     return;
@@ -189,11 +194,13 @@ void ifname_to_typeindex(const std::string& ifname, TYPE& type, int& index) {
   for (const char* prefix : {"dtunc", "tun", "ppp", "wgc"}) {
     if (ifname.find(prefix) == std::string::npos) continue;
     const size_t length = std::strlen(prefix);
-    const long number = ifname.size() > length ? std::strtol(ifname.c_str() + length, nullptr, 10) : 0;
+    const long number =
+        ifname.size() > length ? std::strtol(ifname.c_str() + length, nullptr, 10) : 0;
     index = number > INT_MAX ? INT_MAX : number < -INT_MAX ? -INT_MAX : static_cast<int>(number);
     break;
   }
-  // The ranges of the tunnels lie above one another in the order of their rows; the highest that holds wins.
+  // The ranges of the tunnels lie above one another in the order of their rows; the highest that
+  // holds wins.
   type = NONE_TYPE;
   const TunnelFacts* range = nullptr;
   for (const TunnelFacts& facts : TUNNELS) {
@@ -210,7 +217,8 @@ std::string typeindex_to_sname(TYPE type, int index) {
 }
 
 const char* type_to_string(TYPE type) {
-  if (type == WIREGUARD_CLIENT_TYPE) return "Wireguard";  // spelt so in this policy's notifications alone
+  if (type == WIREGUARD_CLIENT_TYPE)
+    return "Wireguard";  // spelt so in this policy's notifications alone
   const TunnelFacts* facts = is_client(type) ? find_tunnel(type) : nullptr;
   return facts ? facts->label : "";
 }
@@ -225,7 +233,8 @@ const char* interval_to_string(int interval) {
 std::string get_profile_name(const std::string& key) {
   const Json request{json_pack("{s:s}", "key", system::valid_utf8(key).c_str())};
   const CString argument{json_dumps(request.get(), JSON_COMPACT)};
-  const Json answer = system::easy_mib_call(system::NETWORK_SERVICE, "external_dev.list", argument.get());
+  const Json answer =
+      system::easy_mib_call(system::NETWORK_SERVICE, "external_dev.list", argument.get());
   const json_t* device = json_object_get(json_object_get(answer.get(), "data"), key.c_str());
   if (!json_is_object(device)) {
     ORMEL_LOG(ERROR, ": %s isn't an object.", key.c_str());
@@ -245,7 +254,8 @@ void ormel_gw_nclog(const json_t* raw) {
   notify_gateway(nc_message("C002", "0011"), json_object_get(policy, "gw1"));
   if (number(policy, "failover_en") == 0) return;
   notify_gateway(nc_message("C002", "0012"), json_object_get(policy, "gw2"));
-  nclog::notify_send(&nc_message("C002", "0013"), interval_to_string(number(policy, "failover_interval")), nullptr);
+  nclog::notify_send(&nc_message("C002", "0013"),
+                     interval_to_string(number(policy, "failover_interval")), nullptr);
 }
 
 }  // namespace ormel

@@ -1,10 +1,12 @@
 // The default gateway policy: which client tunnels carry the appliance's own traffic.
 //
-// It is in /etc/config/vpn_options.conf as one JSON object on one line, guarded by the platform's locks:
-//   {"global": {"version": "1"}, "gw_setting": {"as_gw_en": 1, "gw1": {"type", "index", "sname"}, "snat": 0,
+// It is in /etc/config/vpn_options.conf as one JSON object on one line, guarded by the platform's
+// locks:
+//   {"global": {"version": "1"}, "gw_setting": {"as_gw_en": 1, "gw1": {"type", "index", "sname"},
+//   "snat": 0,
 //    "failover_en": 1, "failover_interval": 5, "gw2": {"type", "index", "sname"}}}
-// With `as_gw_en` 0 the policy is off and gw_setting holds nothing else. The network daemon acts on the file when it is
-// notified that it has changed.
+// With `as_gw_en` 0 the policy is off and gw_setting holds nothing else. The network daemon acts on
+// the file when it is notified that it has changed.
 #pragma once
 
 #include <string>
@@ -20,19 +22,20 @@ class GlobalConfig {
  public:
   // The document of a policy that is off.
   [[nodiscard]] Json get_tmpl() const;
-  // The whole document, never null: the template when the file is missing or holds no object, an empty object when it
-  // cannot be locked or read.
+  // The whole document, never null: the template when the file is missing or holds no object, an
+  // empty object when it cannot be locked or read.
   [[nodiscard]] Json load() const;
   // One member of the document; an empty object for a null key or a missing member.
   [[nodiscard]] Json load(const char* key) const;
   // Sets `out[key]` to the member. 0, or -1 for a null key.
   int load(const char* key, JsonValue& out) const;
-  // Replaces those top-level members that the document has by those of a JSON text, notifies the users and tells the
-  // network daemon. Always 0.
+  // Replaces those top-level members that the document has by those of a JSON text, notifies the
+  // users and tells the network daemon. Always 0.
   int save(const char* raw) const;
   // Takes a profile that is gone out of the policy. Always 0.
   int disable_gateway(TYPE type, int index) const;
-  // Sets `out["type"]` and `out["index"]` from the gateway that is in use; 0 and 0 for one that is no tunnel.
+  // Sets `out["type"]` and `out["index"]` from the gateway that is in use; 0 and 0 for one that is
+  // no tunnel.
   void get_vpn_gw(JsonValue& out) const;
 };
 

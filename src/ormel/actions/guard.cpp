@@ -47,9 +47,11 @@ bool run(const char* action) {
   return system::do_exec_safe({SCRIPT, action}, ignored) == 0;
 }
 
-// The daemon holds traffic back, or lets it go, within a second by itself; a failure costs no more than that.
+// The daemon holds traffic back, or lets it go, within a second by itself; a failure costs no more
+// than that.
 void wake_daemon() {
-  std::ignore = system::easy_mib_call(system::NETWORK_SERVICE, "external_dev.update_vpn_gw", nullptr);
+  std::ignore =
+      system::easy_mib_call(system::NETWORK_SERVICE, "external_dev.update_vpn_gw", nullptr);
 }
 
 bool policy_names_a_gateway() {
@@ -100,9 +102,11 @@ int apply(const Settings& settings, std::string& reason) {
     return ERR_CMD_FAILED;
   }
   if (!run("apply")) {
-    const bool restored = existed ? system::replace_file(FILE_NAME, before, FILE_MODE) : unlink(FILE_NAME) == 0;
+    const bool restored =
+        existed ? system::replace_file(FILE_NAME, before, FILE_MODE) : unlink(FILE_NAME) == 0;
     reason = restored ? "the kernel refuses the filter, nothing was changed; the journal has more"
-                      : "the kernel refuses the filter, and the settings cannot be put back: check guard.conf";
+                      : "the kernel refuses the filter, and the settings cannot be put back: check "
+                        "guard.conf";
     return ERR_CMD_FAILED;
   }
   wake_daemon();
@@ -121,7 +125,8 @@ void describe(JsonValue& out) {
   out["local_network"] = settings.lan;
   out["ipv6"] = settings.ipv6;
   out["dns"] = settings.dns;
-  const Json answer = system::easy_mib_call(system::NETWORK_SERVICE, "external_dev.guard_state", nullptr);
+  const Json answer =
+      system::easy_mib_call(system::NETWORK_SERVICE, "external_dev.guard_state", nullptr);
   const json_t* data = json_object_get(answer.get(), "data");
   const char* state = json_string_value(json_object_get(data, "state"));
   out["state"] = state ? state : "unknown";

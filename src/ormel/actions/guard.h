@@ -1,11 +1,13 @@
-// The guard of the default gateway: what is not for the local network leaves by a tunnel or not at all.
+// The guard of the default gateway: what is not for the local network leaves by a tunnel or not at
+// all.
 //
-// Its settings are in /etc/config/ormel/guard.conf, which the network daemon and the start scripts read too:
+// Its settings are in /etc/config/ormel/guard.conf, which the network daemon and the start scripts
+// read too:
 //   [guard]
-//   mode = on       off, on while the gateway policy names a tunnel, strict also while it names none
-//   lan = 1         whether the local network stays within reach
-//   ipv6 = block    or pass: no tunnel carries IPv6
-//   dns = tunnel    or any: whether name servers of the local network may be asked
+//   mode = on       off, on while the gateway policy names a tunnel, strict also while it names
+//   none lan = 1         whether the local network stays within reach ipv6 = block    or pass: no
+//   tunnel carries IPv6 dns = tunnel    or any: whether name servers of the local network may be
+//   asked
 #pragma once
 
 #include <string>
@@ -23,12 +25,15 @@ struct Settings {
 
 // The settings that are stored; the defaults without a file.
 [[nodiscard]] Settings load();
-// Stores the settings and sets the filter, or leaves all as it was. 0, ERR_VALUE for any other word,
-// ERR_MISS_OPTION for a guard without a gateway policy, or ERR_CMD_FAILED. `reason` says what to do about it.
+// Stores the settings and sets the filter, or leaves all as it was. 0, ERR_VALUE for any other
+// word, ERR_MISS_OPTION for a guard without a gateway policy, or ERR_CMD_FAILED. `reason` says what
+// to do about it.
 [[nodiscard]] int apply(const Settings& settings, std::string& reason);
-// Lets traffic out without a tunnel until the host starts again or the settings are applied. 0 or ERR_CMD_FAILED.
+// Lets traffic out without a tunnel until the host starts again or the settings are applied. 0 or
+// ERR_CMD_FAILED.
 [[nodiscard]] int pause();
-// Fills `out` with the settings and with the state that the network daemon reports; "unknown" when it does not answer.
+// Fills `out` with the settings and with the state that the network daemon reports; "unknown" when
+// it does not answer.
 void describe(JsonValue& out);
 
 }  // namespace ormel::guard

@@ -30,7 +30,8 @@ int exchange(const MibIo& io, const char* method, std::string_view request) {
 
 int call(const char* function, const char* method, std::string_view request, std::string* reply) {
   const MibIo io{mib_io_create()};
-  assert(io != __null);  // NOLINT(modernize-use-nullptr): the text is that of the daemon's other clients
+  assert(io !=
+         __null);  // NOLINT(modernize-use-nullptr): the text is that of the daemon's other clients
   ORMEL_LOG(DEBUG, "%s", function);
   const int rc = exchange(io, method, request);
   size_t length = 0;
@@ -39,7 +40,8 @@ int call(const char* function, const char* method, std::string_view request, std
   return rc;
 }
 
-bool query(const char* function, const char* method, const db_query_cond& cond, size_t row_size, RawAnswer& out) {
+bool query(const char* function, const char* method, const db_query_cond& cond, size_t row_size,
+           RawAnswer& out) {
   std::string reply;
   if (const int rc = call(function, method, bytes_of(&cond), &reply); rc != MIB_SUCCESS) {
     ORMEL_LOG(ERROR, "mibsh %s, ret=%d", function, rc);
@@ -115,6 +117,7 @@ int clean_privilege_user_block() {
 
 int check_privilege_user_block(const char* user) {
   std::string reply;
-  if (const int rc = call(__func__, PRIVILEGE_USER_BLOCK_CHECK, user, &reply); rc != MIB_SUCCESS) return rc;
+  if (const int rc = call(__func__, PRIVILEGE_USER_BLOCK_CHECK, user, &reply); rc != MIB_SUCCESS)
+    return rc;
   return std::strcmp(reply.c_str(), "1") == 0 ? 1 : 0;
 }

@@ -1,8 +1,10 @@
-// The client of the log database, in which a daemon keeps connection logs, the sessions of mobile clients and the users
-// that failed logins block. One synchronous call a function, of at most a few seconds.
+// The client of the log database, in which a daemon keeps connection logs, the sessions of mobile
+// clients and the users that failed logins block. One synchronous call a function, of at most a few
+// seconds.
 //
-// Every function gives 0 or the status of mib_call, but for two kinds: a list function always gives 0, so that a query
-// that failed looks like an empty table, and `check_privilege_user_block` answers by its result.
+// Every function gives 0 or the status of mib_call, but for two kinds: a list function always gives
+// 0, so that a query that failed looks like an empty table, and `check_privilege_user_block`
+// answers by its result.
 #pragma once
 
 #include <cstdlib>
@@ -12,8 +14,9 @@
 #include "base/log_db_records.h"
 #include "ormel/base/handle.h"
 
-// An insertion adds a record, which the daemon numbers. A list fills `**out`, which must be zeroed; its rows are
-// allocated, and like itself freed by the caller. A deletion takes a row's number, a cleaning empties the table.
+// An insertion adds a record, which the daemon numbers. A list fills `**out`, which must be zeroed;
+// its rows are allocated, and like itself freed by the caller. A deletion takes a row's number, a
+// cleaning empties the table.
 
 int add_conn_server_log(const db_conn_server_log* record);
 int list_conn_server_log(const db_query_cond* cond, db_conn_server_log_query** out);
@@ -33,8 +36,8 @@ int add_privilege_user_block(const char* user);
 int delete_privilege_user_block(const char* user);
 int list_privilege_user_block(const db_query_cond* cond, db_privilege_user_block_query** out);
 int clean_privilege_user_block();
-// 0 for a user who is not blocked, 1 for one who is. The status of a call that failed is not 0 either: what cannot be
-// checked counts as blocked.
+// 0 for a user who is not blocked, 1 for one who is. The status of a call that failed is not 0
+// either: what cannot be checked counts as blocked.
 [[nodiscard]] int check_privilege_user_block(const char* user);
 
 namespace ormel::log_db {
@@ -56,7 +59,8 @@ class Answer {
 };
 
 template <typename Row>
-[[nodiscard]] Answer<Row> ask(int (*list)(const db_query_cond*, db_query_answer<Row>**), const db_query_cond& cond) {
+[[nodiscard]] Answer<Row> ask(int (*list)(const db_query_cond*, db_query_answer<Row>**),
+                              const db_query_cond& cond) {
   db_query_answer<Row> answer{};
   db_query_answer<Row>* filled = &answer;
   list(&cond, &filled);

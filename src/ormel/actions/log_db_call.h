@@ -15,8 +15,10 @@ template <typename Record>
   return {reinterpret_cast<const char*>(record), sizeof(Record)};
 }
 
-// Sends a request; `function` names it in the log. The status of mib_call; `reply` (may be null) is filled on success.
-int call(const char* function, const char* method, std::string_view request, std::string* reply = nullptr);
+// Sends a request; `function` names it in the log. The status of mib_call; `reply` (may be null) is
+// filled on success.
+int call(const char* function, const char* method, std::string_view request,
+         std::string* reply = nullptr);
 
 // The head of an answer whose `data` points to allocated rows, as many as have really come.
 struct RawAnswer {
@@ -25,12 +27,13 @@ struct RawAnswer {
   void* data;
 };
 // False, with the cause in the log, when there is no answer.
-[[nodiscard]] bool query(const char* function, const char* method, const db_query_cond& cond, size_t row_size,
-                         RawAnswer& out);
+[[nodiscard]] bool query(const char* function, const char* method, const db_query_cond& cond,
+                         size_t row_size, RawAnswer& out);
 
 // The body of every list function. Always 0.
 template <typename Row>
-int list(const char* function, const char* method, const db_query_cond* cond, db_query_answer<Row>** out) {
+int list(const char* function, const char* method, const db_query_cond* cond,
+         db_query_answer<Row>** out) {
   RawAnswer answer{};
   if (query(function, method, *cond, sizeof(Row), answer)) {
     **out = {answer.count, answer.total, static_cast<Row*>(answer.data)};

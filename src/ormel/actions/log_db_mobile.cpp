@@ -46,7 +46,8 @@ int clean_device_info() {
   return call(__func__, DEVICE_INFO.clean, {});
 }
 
-int ormel_mobile_gen_ormel_uuid(const ormel_mobile_gen_uuid_data_set* kind, ormel_mobile_gen_uuid_data_get** out) {
+int ormel_mobile_gen_ormel_uuid(const ormel_mobile_gen_uuid_data_set* kind,
+                                ormel_mobile_gen_uuid_data_get** out) {
   std::string reply;
   const int rc = call(__func__, MOBILE_GEN_UUID, bytes_of(kind), &reply);
   if (rc != MIB_SUCCESS) {

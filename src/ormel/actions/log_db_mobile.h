@@ -1,5 +1,5 @@
-// The part of the log database's client that serves mobile clients: their sessions, devices and identifiers. What is
-// said in log_db.h holds here too.
+// The part of the log database's client that serves mobile clients: their sessions, devices and
+// identifiers. What is said in log_db.h holds here too.
 #pragma once
 
 #include "ormel/actions/log_db.h"
@@ -16,4 +16,5 @@ int delete_device_info(const db_delete_cond* cond);
 int clean_device_info();
 
 // Fills `**out` with a new identifier.
-int ormel_mobile_gen_ormel_uuid(const ormel_mobile_gen_uuid_data_set* kind, ormel_mobile_gen_uuid_data_get** out);
+int ormel_mobile_gen_ormel_uuid(const ormel_mobile_gen_uuid_data_set* kind,
+                                ormel_mobile_gen_uuid_data_get** out);

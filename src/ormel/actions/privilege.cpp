@@ -41,7 +41,8 @@ constexpr PppServer PPP_SERVERS[] = {{PPTP_SERVER_TYPE, "pptpd"}, {L2TP_SERVER_T
 std::string secret_lines(const std::string& user, int mask, const char* secret) {
   std::string lines;
   for (const PppServer& server : PPP_SERVERS) {
-    if ((mask & server.right) != 0) lines += '"' + user + "\"\t" + server.name + '\t' + secret + "\t*\n";
+    if ((mask & server.right) != 0)
+      lines += '"' + user + "\"\t" + server.name + '\t' + secret + "\t*\n";
   }
   return lines;
 }
@@ -65,18 +66,23 @@ struct Target {
   std::string (*lines)(const std::string& user, int mask);
 };
 
-constexpr Target TARGETS[] = {
-    {"/etc/ppp/pap-secrets", pap_lines}, {"/etc/ppp/chap-secrets", chap_lines}, {STORE, store_line}};
+constexpr Target TARGETS[] = {{"/etc/ppp/pap-secrets", pap_lines},
+                              {"/etc/ppp/chap-secrets", chap_lines},
+                              {STORE, store_line}};
 
-// The lock of a temporary file says that its writer lives; it ends with the process, however that ends.
+// The lock of a temporary file says that its writer lives; it ends with the process, however that
+// ends.
 bool claim(int fd) {
   struct stat status {};
   return flock(fd, LOCK_EX | LOCK_NB) == 0 && fstat(fd, &status) == 0 && status.st_nlink > 0;
 }
 
-// Whether random characters made this ending: a word or a date that somebody put behind the name has but one kind.
+// Whether random characters made this ending: a word or a date that somebody put behind the name
+// has but one kind.
 bool is_random(std::string_view ending) {
-  const auto kind = [](unsigned char c) { return std::isdigit(c) != 0 ? 1 : std::islower(c) != 0 ? 2 : 4; };
+  const auto kind = [](unsigned char c) {
+    return std::isdigit(c) != 0 ? 1 : std::islower(c) != 0 ? 2 : 4;
+  };
   int kinds = 0;
   for (const char c : ending) {
     if (std::isalnum(static_cast<unsigned char>(c)) == 0) return false;
@@ -93,15 +99,17 @@ void remove_stale(const std::string& target) {
   while (const dirent* const entry = folder ? readdir(folder.get()) : nullptr) {
     const std::string_view name = entry->d_name;
     if (!name.starts_with(start) || !is_random(name.substr(start.size()))) continue;
-    const Fd fd{openat(dirfd(folder.get()), entry->d_name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC)};
+    const Fd fd{
+        openat(dirfd(folder.get()), entry->d_name, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC)};
     struct stat status {};
-    if (fd && fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
-        (status.st_mode & OF_OTHERS) == 0 && claim(fd.get()))
+    if (fd && fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+        status.st_uid == geteuid() && (status.st_mode & OF_OTHERS) == 0 && claim(fd.get()))
       unlinkat(dirfd(folder.get()), entry->d_name, 0);
   }
 }
 
-// A file that is written under a name of its own and put in the place of its target, or goes with this object.
+// A file that is written under a name of its own and put in the place of its target, or goes with
+// this object.
 class Replacement {
  public:
   Replacement() = default;
@@ -117,8 +125,10 @@ class Replacement {
     if (vantri_mktmpname(temporary_.data()) != 0) return false;
     for (int i = 0; i < ATTEMPTS; ++i) {
       // The platform may have made the file already, to keep its name.
-      fd_ = Fd{open(temporary_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, fenro::PRIVATE_FILE)};
-      if (!fd_ || claim(fd_.get())) break;  // else another run took it for stale before we had its lock
+      fd_ = Fd{open(temporary_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                    fenro::PRIVATE_FILE)};
+      if (!fd_ || claim(fd_.get()))
+        break;  // else another run took it for stale before we had its lock
     }
     return fd_ && fchmod(fd_.get(), fenro::PRIVATE_FILE) == 0;
   }
@@ -127,7 +137,8 @@ class Replacement {
     return system::write_all(fd_.get(), content) && fsync(fd_.get()) == 0;
   }
   void put_in_place() const {
-    std::ignore = std::rename(temporary_.c_str(), target_.c_str());  // readers keep the old one then
+    std::ignore =
+        std::rename(temporary_.c_str(), target_.c_str());  // readers keep the old one then
   }
 
  private:

@@ -36,7 +36,9 @@ constexpr const char* FIXED_HEADERS[] = {
 // libcurl's global state, for one call.
 class GlobalCurl {
  public:
-  explicit GlobalCurl(const curl::Api& library) : library_(library) { library_.global_init(GLOBAL_PARTS); }
+  explicit GlobalCurl(const curl::Api& library) : library_(library) {
+    library_.global_init(GLOBAL_PARTS);
+  }
   GlobalCurl(const GlobalCurl&) = delete;
   GlobalCurl& operator=(const GlobalCurl&) = delete;
   ~GlobalCurl() { library_.global_cleanup(); }
@@ -107,8 +109,8 @@ json_t* reduce_settings(const std::string& settings) {
   json_t* locations = nullptr;
   json_t* ports = nullptr;
   // What is missing stays null, and is shown so.
-  std::ignore = json_unpack(root.get(), "{s:{s:O}, s:{s:{s:{s:O}}}}", "vpn", "locations", &locations, "vpn",
-                            "protocol_config", "OpenVPN-256", "ports", &ports);
+  std::ignore = json_unpack(root.get(), "{s:{s:O}, s:{s:{s:{s:O}}}}", "vpn", "locations",
+                            &locations, "vpn", "protocol_config", "OpenVPN-256", "ports", &ports);
   size_t at = 0;
   json_t* server = nullptr;
   json_array_foreach(locations, at, server) {

@@ -29,8 +29,8 @@ struct Login {
   std::string user;
   std::string password;
   std::string from;  // address of the client
-  // Where the daemon takes words for the client from; empty where it takes none. Only an account that exists gets any,
-  // and the answer does not tell which of user and password is wrong.
+  // Where the daemon takes words for the client from; empty where it takes none. Only an account
+  // that exists gets any, and the answer does not tell which of user and password is wrong.
   std::string reason_file;
 };
 
@@ -53,7 +53,8 @@ std::string take_environment(const char* name) {
   return taken;
 }
 
-// A mobile client may log in by its device: the user is the owner of the one device of that identifier.
+// A mobile client may log in by its device: the user is the owner of the one device of that
+// identifier.
 std::string effective_user(const std::string& user) {
   db_query_cond cond{};
   cond.count = ALL_ROWS;
@@ -85,13 +86,15 @@ const Refusal* refusal_of(const Login& login, const std::string& user) {
     std::ignore = add_privilege_user_block(user.c_str());  // the login is refused anyway
     return &WRONG_PASSWORD;
   }
-  std::ignore = delete_privilege_user_block(user.c_str());  // failures that stay counted run out by themselves
+  std::ignore = delete_privilege_user_block(
+      user.c_str());  // failures that stay counted run out by themselves
   return nullptr;
 }
 
 void tell_client(const Login& login, const std::string& user, const Refusal& refusal) {
   if (login.reason_file.empty() || !refusal.client || !getpwnam(user.c_str())) return;
-  std::ignore = system::write_file(refusal.client, login.reason_file.c_str(), S_IRUSR | S_IWUSR);  // a courtesy
+  std::ignore = system::write_file(refusal.client, login.reason_file.c_str(),
+                                   S_IRUSR | S_IWUSR);  // a courtesy
 }
 
 void log_refusal(const Login& login, const std::string& user, const Refusal& refusal) {
@@ -108,8 +111,8 @@ void log_refusal(const Login& login, const std::string& user, const Refusal& ref
 }  // namespace
 
 int sauth(int, char**) {
-  const Login login{take_environment("username"), take_environment("password"), take_environment("untrusted_ip"),
-                    take_environment("auth_failed_reason_file")};
+  const Login login{take_environment("username"), take_environment("password"),
+                    take_environment("untrusted_ip"), take_environment("auth_failed_reason_file")};
   const std::string user = effective_user(login.user);
   const Refusal* refusal = refusal_of(login, user);
   if (!refusal) return EXIT_SUCCESS;

@@ -17,7 +17,8 @@ uint32_t calculate_broadcast(const in_addr& addr, const in_addr& mask) {
   return addr.s_addr | ~mask.s_addr;
 }
 
-bool is_intersect(const in_addr& a, const in_addr& a_mask, const in_addr& b, const in_addr& b_mask) {
+bool is_intersect(const in_addr& a, const in_addr& a_mask, const in_addr& b,
+                  const in_addr& b_mask) {
   return ntohl(calculate_net(a, a_mask)) <= ntohl(calculate_broadcast(b, b_mask)) &&
          ntohl(calculate_broadcast(a, a_mask)) >= ntohl(calculate_net(b, b_mask));
 }
@@ -25,13 +26,15 @@ bool is_intersect(const in_addr& a, const in_addr& a_mask, const in_addr& b, con
 bool is_intersect(const in_addr& a, const in_addr& a_mask, const Network& b) {
   in_addr address{};
   in_addr mask{};
-  return parse_address(b.address, address) && parse_address(b.mask, mask) && is_intersect(a, a_mask, address, mask);
+  return parse_address(b.address, address) && parse_address(b.mask, mask) &&
+         is_intersect(a, a_mask, address, mask);
 }
 
 bool is_intersect(const Network& a, const Network& b) {
   in_addr address{};
   in_addr mask{};
-  return parse_address(a.address, address) && parse_address(a.mask, mask) && is_intersect(address, mask, b);
+  return parse_address(a.address, address) && parse_address(a.mask, mask) &&
+         is_intersect(address, mask, b);
 }
 
 int netmask_to_prefix(uint32_t mask) {

@@ -13,7 +13,8 @@ namespace ormel::system {
 [[nodiscard]] uint32_t calculate_broadcast(const in_addr& addr, const in_addr& mask);
 
 // Returns whether two networks overlap.
-[[nodiscard]] bool is_intersect(const in_addr& a, const in_addr& a_mask, const in_addr& b, const in_addr& b_mask);
+[[nodiscard]] bool is_intersect(const in_addr& a, const in_addr& a_mask, const in_addr& b,
+                                const in_addr& b_mask);
 
 // A network in text; either part may be malformed.
 struct Network {
@@ -25,7 +26,8 @@ struct Network {
 [[nodiscard]] bool is_intersect(const in_addr& a, const in_addr& a_mask, const Network& b);
 [[nodiscard]] bool is_intersect(const Network& a, const Network& b);
 
-// Returns the prefix length of a mask in network order; negative if its one bits are not consecutive.
+// Returns the prefix length of a mask in network order; negative if its one bits are not
+// consecutive.
 [[nodiscard]] int netmask_to_prefix(uint32_t mask);
 
 // Returns the mask of a prefix length as four decimal octets; clamps lengths to 0 to 32.

@@ -20,11 +20,12 @@ namespace ormel::openssl {
 
 namespace {
 
-static_assert(OPENSSL_VERSION_MAJOR == 3, "the name below is of the library whose headers are used");
+static_assert(OPENSSL_VERSION_MAJOR == 3,
+              "the name below is of the library whose headers are used");
 constexpr const char* LIBRARY = "libcrypto.so.3";
 
-// Certificates are met in an import alone, so their library is loaded on first use: its start is as long as the rest of
-// a run. What every run needs comes from a small one.
+// Certificates are met in an import alone, so their library is loaded on first use: its start is as
+// long as the rest of a run. What every run needs comes from a small one.
 struct Api {
   decltype(&::BIO_new_mem_buf) bio_new_mem_buf;
   decltype(&::BIO_free_all) bio_free_all;
@@ -42,10 +43,14 @@ struct Api {
 
 bool load(Api& api) {
   return load_library(LIBRARY) && find_function(api.bio_new_mem_buf, "BIO_new_mem_buf") &&
-         find_function(api.bio_free_all, "BIO_free_all") && find_function(api.read_certificate, "PEM_read_bio_X509") &&
-         find_function(api.certificate_free, "X509_free") && find_function(api.get_public_key, "X509_get_pubkey") &&
-         find_function(api.key_free, "EVP_PKEY_free") && find_function(api.read_revocations, "PEM_read_bio_X509_CRL") &&
-         find_function(api.revocations_free, "X509_CRL_free") && find_function(api.get_end, "X509_get0_notAfter") &&
+         find_function(api.bio_free_all, "BIO_free_all") &&
+         find_function(api.read_certificate, "PEM_read_bio_X509") &&
+         find_function(api.certificate_free, "X509_free") &&
+         find_function(api.get_public_key, "X509_get_pubkey") &&
+         find_function(api.key_free, "EVP_PKEY_free") &&
+         find_function(api.read_revocations, "PEM_read_bio_X509_CRL") &&
+         find_function(api.revocations_free, "X509_CRL_free") &&
+         find_function(api.get_end, "X509_get0_notAfter") &&
          find_function(api.time_difference, "ASN1_TIME_diff") &&
          find_function(api.get_subject, "X509_get_subject_name") &&
          find_function(api.get_name_part, "X509_NAME_get_text_by_NID");
@@ -87,7 +92,8 @@ bool is_crl(const std::string& pem) {
 
 bool is_cert(const std::string& pem) {
   const Owned<BIO> bio = reader(pem);
-  const Owned<X509> certificate{bio ? api()->read_certificate(bio.get(), nullptr, nullptr, nullptr) : nullptr};
+  const Owned<X509> certificate{bio ? api()->read_certificate(bio.get(), nullptr, nullptr, nullptr)
+                                    : nullptr};
   return certificate && Owned<EVP_PKEY>{api()->get_public_key(certificate.get())};
 }
 
@@ -100,7 +106,8 @@ std::vector<CertificateFacts> certificates_of(const std::string& pem) {
     CertificateFacts facts;
     char name[256] = "";
     for (const int part : {NID_commonName, NID_organizationName}) {
-      if (*name == '\0') api()->get_name_part(api()->get_subject(one.get()), part, name, sizeof name);
+      if (*name == '\0')
+        api()->get_name_part(api()->get_subject(one.get()), part, name, sizeof name);
     }
     facts.subject = name;
     int days = 0, seconds = 0;
@@ -131,8 +138,8 @@ std::string base64_decode(const std::string& text) {
   base64_decode_init(&context);
   size_t length = BASE64_DECODE_LENGTH(text.size());
   std::string out(length, '\0');
-  const int good =
-      base64_decode_update(&context, &length, reinterpret_cast<uint8_t*>(out.data()), text.size(), text.data());
+  const int good = base64_decode_update(&context, &length, reinterpret_cast<uint8_t*>(out.data()),
+                                        text.size(), text.data());
   out.resize(good ? length : 0);
   return out;
 }

@@ -1,4 +1,5 @@
-// Certificates, digests and base64: thin wrappers over OpenSSL and, for what every run needs, Nettle.
+// Certificates, digests and base64: thin wrappers over OpenSSL and, for what every run needs,
+// Nettle.
 #pragma once
 
 #include <string>

@@ -11,8 +11,8 @@ namespace {
 
 constexpr const char* UNKNOWN_ERROR = "unknown error";
 
-// Indexed by code. Clients know these numbers and texts: the texts of 65 to 69 are one place after the
-// names of their codes, and 72 and 88 read alike.
+// Indexed by code. Clients know these numbers and texts: the texts of 65 to 69 are one place after
+// the names of their codes, and 72 and 88 read alike.
 constexpr const char* ERROR_MESSAGE[] = {
     /*  0 */ "",
     /*  1 */ "general error",
@@ -116,7 +116,8 @@ void report_error(ERROR_CODE code, const char* detail) {
   const char* text = detail ? detail : get_error_message(static_cast<unsigned int>(code));
   std::fprintf(stderr, "Error: %s\n", text);
   if (__cur_level__ > ORMELLOG_ERROR) return;
-  system::log_line(ORMELLOG_ERROR, __FILE_NAME__, __LINE__, "error_message", "error_message: Error: %s", text);
+  system::log_line(ORMELLOG_ERROR, __FILE_NAME__, __LINE__, "error_message",
+                   "error_message: Error: %s", text);
 }
 
 }  // namespace ormel

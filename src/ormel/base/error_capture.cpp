@@ -10,7 +10,8 @@
 namespace ormel::system {
 
 ErrorCapture::ErrorCapture()
-    : saved_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)), file_(memfd_create("stderr", MFD_CLOEXEC)) {
+    : saved_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)),
+      file_(memfd_create("stderr", MFD_CLOEXEC)) {
   std::fflush(stderr);
   if (saved_ && file_) dup2(file_.get(), STDERR_FILENO);
 }

@@ -1,4 +1,5 @@
-// Refusals are printed to standard error where they arise; this reads them for a caller that has to pass them on.
+// Refusals are printed to standard error where they arise; this reads them for a caller that has to
+// pass them on.
 #pragma once
 
 #include <string>
@@ -14,7 +15,8 @@ class ErrorCapture {
   ErrorCapture(const ErrorCapture&) = delete;
   ErrorCapture& operator=(const ErrorCapture&) = delete;
   ~ErrorCapture() { restore(); }
-  // Puts standard error back and returns the first line without its "Error: ", or an empty text for any other line.
+  // Puts standard error back and returns the first line without its "Error: ", or an empty text for
+  // any other line.
   std::string take();
 
  private:

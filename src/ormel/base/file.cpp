@@ -36,7 +36,8 @@ bool move_file(const char* from, const char* to, unsigned int mode) {
 bool write_file(const std::string& content, const char* path, unsigned int mode) {
   const fenro::Fd fd{open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode)};
   if (!fd) return false;
-  if (write(fd.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size())) return true;
+  if (write(fd.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size()))
+    return true;
   unlink(path);
   return false;
 }

@@ -7,20 +7,22 @@
 
 namespace ormel::system {
 
-// Returns whether the path itself, not the target of a link, is a regular file, or has its owner's execute bit set.
+// Returns whether the path itself, not the target of a link, is a regular file, or has its owner's
+// execute bit set.
 [[nodiscard]] bool regular_file(const char* path);
 [[nodiscard]] bool executable_file(const char* path);
 
 // Reads a whole regular file of at most `limit` bytes. Returns false when that fails.
-[[nodiscard]] inline bool read_file(const char* path, std::string& out, size_t limit = fenro::FILE_MAX) {
+[[nodiscard]] inline bool read_file(const char* path, std::string& out,
+                                    size_t limit = fenro::FILE_MAX) {
   return fenro::read_file(path, out, limit) == 0;
 }
 
 // Copies a file and deletes the original. Returns whether the original is gone.
 bool move_file(const char* from, const char* to, unsigned int mode);
 
-// Writes `content` to a file, created with `mode`; a file that took less is deleted. Returns whether all was
-// written.
+// Writes `content` to a file, created with `mode`; a file that took less is deleted. Returns
+// whether all was written.
 bool write_file(const std::string& content, const char* path, unsigned int mode);
 
 using fenro::replace_file;

@@ -1,4 +1,5 @@
-// Owners of the C handles that the program uses: those that it shares with the platform, and its own.
+// Owners of the C handles that the program uses: those that it shares with the platform, and its
+// own.
 #pragma once
 
 #include <cstdio>
@@ -36,7 +37,8 @@ class Regex {
   }
   explicit operator bool() const noexcept { return compiled_; }
   // The groups of the first match, the whole match at 0; false when there is none.
-  [[nodiscard]] bool search(const char* text, regmatch_t* groups = nullptr, size_t count = 0, int flags = 0) const {
+  [[nodiscard]] bool search(const char* text, regmatch_t* groups = nullptr, size_t count = 0,
+                            int flags = 0) const {
     return compiled_ && regexec(&regex_, text, count, groups, flags) == 0;
   }
 

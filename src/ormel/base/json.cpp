@@ -10,7 +10,8 @@ namespace ormel {
 
 namespace {
 
-constexpr size_t JSON_FLAGS = JSON_COMPACT | JSON_ENSURE_ASCII | JSON_ENCODE_ANY | JSON_REAL_PRECISION(6);
+constexpr size_t JSON_FLAGS =
+    JSON_COMPACT | JSON_ENSURE_ASCII | JSON_ENCODE_ANY | JSON_REAL_PRECISION(6);
 static_assert(JSON_FLAGS == 12896);
 
 template <typename Integer>
@@ -26,7 +27,8 @@ void append_number(std::string& out, const char (&format)[Size], double number) 
   out.append(buffer, static_cast<size_t>(length));
 }
 
-// The letter after the backslash; zero for a byte that is printed as it is, 'u' for one that is printed as its number.
+// The letter after the backslash; zero for a byte that is printed as it is, 'u' for one that is
+// printed as its number.
 char escape_of(char byte) {
   switch (byte) {
     case '\b': return 'b';

@@ -1,5 +1,5 @@
-// A JSON tree to be filled and printed: the answer of a web request. It has no parser; parsed documents stay json_t
-// values of Jansson, which a JsonValue can hold.
+// A JSON tree to be filled and printed: the answer of a web request. It has no parser; parsed
+// documents stay json_t values of Jansson, which a JsonValue can hold.
 #pragma once
 
 #include <cstddef>
@@ -17,8 +17,9 @@
 
 namespace ormel {
 
-// Owns what it holds, children included. Filled by writing: `operator[]` with a key gives a fresh value on each call,
-// so each key is assigned once and a nested object is held in a reference while it is filled.
+// Owns what it holds, children included. Filled by writing: `operator[]` with a key gives a fresh
+// value on each call, so each key is assigned once and a nested object is held in a reference while
+// it is filled.
 class JsonValue {
  public:
   using Array = std::vector<std::unique_ptr<JsonValue>>;
@@ -52,12 +53,14 @@ class JsonValue {
   JsonValue& operator=(uint64_t from);
   JsonValue& operator=(const std::string& from);
 
-  // Becomes an array or an object without contents, which would otherwise come with the first of them.
+  // Becomes an array or an object without contents, which would otherwise come with the first of
+  // them.
   JsonValue& make_array();
   JsonValue& make_object();
 
-  // A new null member under `key`; the value becomes an object if it is not one. A member of that key given out before
-  // is no longer printed, but a reference to it stays good for the life of this object.
+  // A new null member under `key`; the value becomes an object if it is not one. A member of that
+  // key given out before is no longer printed, but a reference to it stays good for the life of
+  // this object.
   JsonValue& operator[](const std::string& key);
   JsonValue& operator[](const char* key) { return (*this)[std::string(key)]; }
   // The element at `index` of an array, unchecked.
@@ -98,11 +101,13 @@ class JsonValue {
   template <typename Style>
   void write(std::string& out) const;
 
-  std::variant<std::monostate, bool, int32_t, uint32_t, int64_t, uint64_t, double, std::string, Json, Array, Object>
+  std::variant<std::monostate, bool, int32_t, uint32_t, int64_t, uint64_t, double, std::string,
+               Json, Array, Object>
       value_;  // null, unless it holds something else
 };
 
-// `text` as the inside of a JSON string: quotes, backslashes and control bytes escaped, all else unchanged.
+// `text` as the inside of a JSON string: quotes, backslashes and control bytes escaped, all else
+// unchanged.
 [[nodiscard]] std::string escape_json(const std::string& text);
 
 }  // namespace ormel

@@ -55,9 +55,8 @@ int lock_whole_file(int fd, int command, short type) {
   return fcntl(fd, command, &lock);
 }
 
-// Every user may put an entry of this name into the folder: a FIFO, or a file that is locked, must not
-// make us wait. The log says so once, and lines are written without the lock
-// from then on.
+// Every user may put an entry of this name into the folder: a FIFO, or a file that is locked, must
+// not make us wait. The log says so once, and lines are written without the lock from then on.
 void open_line_lock() {
   static bool refused = false;
   if (refused) return;
@@ -69,12 +68,13 @@ void open_line_lock() {
   }
   refused = lstat(LOG_LOCK_FILE, &entry) == 0;
   if (refused && !is_ours(entry)) {
-    ORMEL_LOG(WARN, ": %s is not the log's lock file: user %u put it there. Remove it.", LOG_LOCK_FILE, entry.st_uid);
+    ORMEL_LOG(WARN, ": %s is not the log's lock file: user %u put it there. Remove it.",
+              LOG_LOCK_FILE, entry.st_uid);
   }
 }
 
-// The descriptor is closed after each line, so this opens the lock file and takes no lock: lines of several processes
-// are kept whole by writing each in one append.
+// The descriptor is closed after each line, so this opens the lock file and takes no lock: lines of
+// several processes are kept whole by writing each in one append.
 void lock_before_line() {
   if (_iot_lock_fd == -1) {
     open_line_lock();
@@ -92,8 +92,8 @@ void unlock_after_line() {
   close(std::exchange(_iot_lock_fd, -1));
 }
 
-std::string format_line(int level, const char* unit, int line, const char* function, const char* format,
-                        va_list arguments) {
+std::string format_line(int level, const char* unit, int line, const char* function,
+                        const char* format, va_list arguments) {
   char when[32] = "";
   const time_t now = std::time(nullptr);
   struct tm local {};
@@ -104,8 +104,8 @@ std::string format_line(int level, const char* unit, int line, const char* funct
   const CString message{length < 0 ? nullptr : text};
 
   std::string out = when;
-  out += ' ' + std::to_string(getpid()) + " [" + level_word(level) + "] " + unit + " [" + std::to_string(line) + "] " +
-         function + ':';
+  out += ' ' + std::to_string(getpid()) + " [" + level_word(level) + "] " + unit + " [" +
+         std::to_string(line) + "] " + function + ':';
   if (message) out.append(message.get(), static_cast<size_t>(length));
   return out += '\n';
 }
@@ -113,12 +113,15 @@ std::string format_line(int level, const char* unit, int line, const char* funct
 void append_to_log(const std::string& line) {
   // Private: lines can quote what users and services sent.
   const Fd log{open(__log_file__, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, fenro::PRIVATE_FILE)};
-  if (log) std::ignore = write(log.get(), line.data(), line.size());  // a line that the disk refuses is lost
+  if (log)
+    std::ignore =
+        write(log.get(), line.data(), line.size());  // a line that the disk refuses is lost
 }
 
 }  // namespace
 
-void log_line(int level, const char* unit, int line, const char* function, const char* format, ...) {
+void log_line(int level, const char* unit, int line, const char* function, const char* format,
+              ...) {
   if (__cur_level__ > level) return;
   const bool to_file = __cur_type__ == ORMELLOG_TYPE_FILE && __log_file__[0] != '\0';
   if (__cur_type__ != ORMELLOG_TYPE_STDOUT && !to_file) return;
@@ -144,7 +147,8 @@ bool exists(const std::string& path) {
   return stat(path.c_str(), &status) == 0;
 }
 
-// Renames each generation to the next, the live log to the first. Returns false at the first rename that fails.
+// Renames each generation to the next, the live log to the first. Returns false at the first rename
+// that fails.
 bool shift_generations(const std::string& path) {
   for (int i = OLD_GENERATIONS - 1; i >= 0; --i) {
     const std::string source = i == 0 ? path : path + '.' + std::to_string(i);
@@ -158,7 +162,8 @@ void sync_folder_of(const std::string& path) {
   const std::string folder = path.substr(0, path.rfind('/'));
   const Fd fd{open(folder.c_str(), O_RDONLY | O_CLOEXEC)};
   if (!fd || fsync(fd.get()) != 0) {
-    std::fprintf(stderr, "Warning: fsync failed on directory: %s (errno=%d)\n", folder.c_str(), errno);
+    std::fprintf(stderr, "Warning: fsync failed on directory: %s (errno=%d)\n", folder.c_str(),
+                 errno);
   }
 }
 
@@ -171,7 +176,10 @@ void rotate_locked(const std::string& path) {
     std::fprintf(stderr, "Error: temp file path too long (path: %s.tmp)\n", path.c_str());
     return;
   }
-  if (const Fd fd{open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, fenro::PRIVATE_FILE)}; !fd) return;
+  if (const Fd fd{
+          open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, fenro::PRIVATE_FILE)};
+      !fd)
+    return;
   if (!shift_generations(path) || std::rename(temporary.c_str(), path.c_str()) != 0) {
     unlink(temporary.c_str());
     return;
@@ -187,7 +195,8 @@ void log_rotate(const char* path) {
     std::fprintf(stderr, "Error: lock file path too long (path: %s.lock)\n", path);
     return;
   }
-  const Fd lock{open(lock_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW, 0644)};
+  const Fd lock{
+      open(lock_path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW, 0644)};
   if (!lock) {
     std::fputs("Error: Failed to create lock file for log rotation\n", stderr);
     return;

@@ -29,7 +29,8 @@ int mb_size(const char& lead) {
 std::string mb_string(const std::string& text, unsigned int limit) {
   if (limit >= text.size()) return text;
   size_t end = 0;
-  while (end + static_cast<size_t>(mb_size(text[end])) <= limit) end += static_cast<size_t>(mb_size(text[end]));
+  while (end + static_cast<size_t>(mb_size(text[end])) <= limit)
+    end += static_cast<size_t>(mb_size(text[end]));
   return text.substr(0, end);
 }
 

@@ -34,8 +34,8 @@ const char* or_null(const char* text) {
 }
 
 void dump_record(const cgi_var* var, int indent) {
-  std::fprintf(stderr, "%*s%s = %s, file %s, status %d\n", indent, "", or_null(var->name), or_null(var->value),
-               or_null(var->filename), static_cast<int>(var->status));
+  std::fprintf(stderr, "%*s%s = %s, file %s, status %d\n", indent, "", or_null(var->name),
+               or_null(var->value), or_null(var->filename), static_cast<int>(var->status));
 }
 
 }  // namespace

@@ -12,7 +12,8 @@
 namespace {
 
 constexpr std::string_view BOUNDARY_WORD = "boundary=";
-constexpr size_t READ_SIZE_LIMIT = 64UL << 10;  // pieces live on the stack, whatever the settings ask for
+constexpr size_t READ_SIZE_LIMIT =
+    64UL << 10;  // pieces live on the stack, whatever the settings ask for
 constexpr size_t TEXT_MIN_CAPACITY = 16;
 
 // The boundary of a Content-Type: within double quotes, or up to the next parameter.
@@ -20,10 +21,12 @@ std::string_view boundary_text(std::string_view content_type) {
   const size_t word = content_type.find(BOUNDARY_WORD);
   if (word == std::string_view::npos) return {};
   const std::string_view text = content_type.substr(word + BOUNDARY_WORD.size());
-  return text.starts_with('"') ? text.substr(1, text.find('"', 1) - 1) : text.substr(0, text.find(';'));
+  return text.starts_with('"') ? text.substr(1, text.find('"', 1) - 1)
+                               : text.substr(0, text.find(';'));
 }
 
-// Follows from the length alone, so that growing by single bytes stays linear without a field for it.
+// Follows from the length alone, so that growing by single bytes stays linear without a field for
+// it.
 size_t capacity_for(size_t length) {
   return std::max(std::bit_ceil(length + 1), TEXT_MIN_CAPACITY);
 }
@@ -42,8 +45,8 @@ ssize_t read_piece(int fd, char* buffer, size_t size) {
 
 }  // namespace
 
-// The records are plain C memory, because their strings grow in place; nothing outside these functions allocates.
-// NOLINTBEGIN(cppcoreguidelines-no-malloc, cppcoreguidelines-owning-memory)
+// The records are plain C memory, because their strings grow in place; nothing outside these
+// functions allocates. NOLINTBEGIN(cppcoreguidelines-no-malloc, cppcoreguidelines-owning-memory)
 
 void FreeCgiRecord::operator()(cgi_var* var) const noexcept {
   if (has_temporary_file(var)) delete_cgi_upload(var->value);
@@ -94,7 +97,8 @@ cgi_parser::cgi_parser(const cgi_settings& with, const char* content_type) : set
   if (content_type && std::strstr(content_type, BOUNDARY_WORD.data())) {
     size_t length = 0;
     const std::string_view text = boundary_text(content_type);
-    if (!append_cgi_text(boundary, length, "--", 2) || !append_cgi_text(boundary, length, text.data(), text.size()))
+    if (!append_cgi_text(boundary, length, "--", 2) ||
+        !append_cgi_text(boundary, length, text.data(), text.size()))
       return;
   }
   var_list = new_cgi_record(this).release();
@@ -121,7 +125,9 @@ cgi_var* join_cgi_record(cgi_parser* parser, CgiRecord record) {
       std::swap(known->length, record->length);
       std::swap(known->status, record->status);
       return known;
-    case MULTIPLE_VAR_MODE: known->list_tail = known->list_tail->list = record.release(); return known->list_tail;
+    case MULTIPLE_VAR_MODE:
+      known->list_tail = known->list_tail->list = record.release();
+      return known->list_tail;
     case SINGLE_VAR_MODE: break;
   }
   return nullptr;

@@ -10,13 +10,15 @@
 
 namespace {
 
-// The machine hands on a run at every line end, so that a file of line ends would cost a write for each byte.
+// The machine hands on a run at every line end, so that a file of line ends would cost a write for
+// each byte.
 constexpr size_t WRITE_SIZE = 4096;
 
 // The paths of the files that are there.
 std::set<std::string, std::less<>> files;
 
-// No signal is handled while this lives: a handler must not find a file that is not in the set, nor half a set.
+// No signal is handled while this lives: a handler must not find a file that is not in the set, nor
+// half a set.
 class SignalsHeld {
  public:
   SignalsHeld() {
@@ -65,7 +67,8 @@ bool open_cgi_upload(cgi_parser* parser, cgi_var* var) {
   }
   var->length = tempname.size();
   const SignalsHeld held;
-  parser->fupload = charge_cgi_content(parser, CGI_UPLOAD_PRICE) ? mkostemp(var->value, O_CLOEXEC) : -1;
+  parser->fupload =
+      charge_cgi_content(parser, CGI_UPLOAD_PRICE) ? mkostemp(var->value, O_CLOEXEC) : -1;
   parser->fupload_size = 0;
   if (parser->fupload >= 0) {
     files.insert(var->value);
@@ -95,7 +98,8 @@ bool close_cgi_upload(cgi_parser* parser) {
 void delete_cgi_upload(const char* path) noexcept {
   const SignalsHeld held;
   unlink(path);
-  if (const auto found = files.find(std::string_view(path)); found != files.end()) files.erase(found);
+  if (const auto found = files.find(std::string_view(path)); found != files.end())
+    files.erase(found);
 }
 
 void remove_cgi_uploads() noexcept {

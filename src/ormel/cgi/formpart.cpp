@@ -83,19 +83,23 @@ bool in_run(formpart_state state) {
 bool on_run(cgi_parser* parser, formpart_state state, std::string_view run) {
   if (!in_run(state) || run.empty()) return true;
   cgi_var* var = parser->current_var;
-  if (append_cgi_text(state == s_name ? var->name : var->value, var->length, run.data(), run.size())) return true;
+  if (append_cgi_text(state == s_name ? var->name : var->value, var->length, run.data(),
+                      run.size()))
+    return true;
   var->status = MEMORY_ALLOC_ERR;
   return false;
 }
 
-// Also after a stop: from every state the "&" leads back to the beginning, and a value keeps what it has.
+// Also after a stop: from every state the "&" leads back to the beginning, and a value keeps what
+// it has.
 void close_last_variable(cgi_parser* parser, formpart_parser* state) {
   std::ignore = formpart_parser_execute(parser, state, "&", 1);
 }
 
 }  // namespace
 
-size_t formpart_parser_execute(cgi_parser* parser, formpart_parser* state, const char* buffer, size_t length) {
+size_t formpart_parser_execute(cgi_parser* parser, formpart_parser* state, const char* buffer,
+                               size_t length) {
   const std::string_view text(buffer, length);
   size_t mark = 0;
   for (size_t at = 0; at < length; ++at) {
@@ -112,11 +116,13 @@ size_t formpart_parser_execute(cgi_parser* parser, formpart_parser* state, const
 void perform_formpart(cgi_parser* parser) {
   formpart_parser state;
   if (const char* query = std::getenv("QUERY_STRING")) {
-    std::ignore = formpart_parser_execute(parser, &state, query, std::strlen(query));  // what came before a stop counts
+    std::ignore = formpart_parser_execute(parser, &state, query,
+                                          std::strlen(query));  // what came before a stop counts
     close_last_variable(parser, &state);
   }
   if (parser->boundary || !std::getenv("CONTENT_LENGTH")) return;
-  read_cgi_body(
-      parser, [&](const char* bytes, size_t length) { return formpart_parser_execute(parser, &state, bytes, length); });
+  read_cgi_body(parser, [&](const char* bytes, size_t length) {
+    return formpart_parser_execute(parser, &state, bytes, length);
+  });
   close_last_variable(parser, &state);
 }

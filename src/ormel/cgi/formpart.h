@@ -17,10 +17,10 @@ struct formpart_parser {
   formpart_state state = s_name_begin;
 };
 
-// Runs one piece of text, cut anywhere. The number of bytes used; less than `length` means that the parser stopped.
-// A run ends with a single "&", which closes the last variable.
-[[nodiscard]] size_t formpart_parser_execute(cgi_parser* parser, formpart_parser* state, const char* buffer,
-                                             size_t length);
+// Runs one piece of text, cut anywhere. The number of bytes used; less than `length` means that the
+// parser stopped. A run ends with a single "&", which closes the last variable.
+[[nodiscard]] size_t formpart_parser_execute(cgi_parser* parser, formpart_parser* state,
+                                             const char* buffer, size_t length);
 
 // Parses QUERY_STRING, then the body unless it is a multipart one.
 void perform_formpart(cgi_parser* parser);

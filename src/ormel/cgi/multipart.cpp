@@ -15,8 +15,8 @@ constexpr char CR = '\r';
 constexpr char LF = '\n';
 constexpr size_t BOUNDARY_ROOM = 13;  // two ends of text, CR and LF, and some more
 
-// The text of a quoted parameter, given its opening such as `name="`. Quoted texts are stepped over, so that neither
-// `filename="` nor a file of the name `; name=` passes for a name.
+// The text of a quoted parameter, given its opening such as `name="`. Quoted texts are stepped
+// over, so that neither `filename="` nor a file of the name `; name=` passes for a name.
 std::optional<std::string_view> parameter(std::string_view header, std::string_view opening) {
   for (size_t at = 0; at < header.size(); ++at) {
     const bool begins = at == 0 || std::strchr("; \t,", header[at - 1]);
@@ -73,7 +73,11 @@ struct Piece {
   [[nodiscard]] std::string_view data() const { return text.substr(mark, at - mark); }
 };
 
-enum class Outcome { NEXT, AGAIN, STOP };  // go on with the next byte, or with this one in the new state
+enum class Outcome {
+  NEXT,
+  AGAIN,
+  STOP
+};  // go on with the next byte, or with this one in the new state
 
 using Step = Outcome (*)(multipart_parser& parser, Piece& piece);
 
@@ -98,7 +102,8 @@ Outcome close_header(multipart_parser& parser) {
   return closed;
 }
 
-// The held bytes were data; the byte that decided it is looked at again, as it may begin the true boundary.
+// The held bytes were data; the byte that decided it is looked at again, as it may begin the true
+// boundary.
 Outcome release_held(multipart_parser& parser, Piece& piece, size_t count) {
   if (!on_part_data(owner_of(parser), {parser.lookbehind, count})) return Outcome::STOP;
   piece.mark = piece.at;
@@ -113,7 +118,9 @@ Outcome start(multipart_parser& parser, Piece& /*piece*/) {
 Outcome boundary(multipart_parser& parser, Piece& piece) {
   const size_t length = parser.boundary_length;
   const size_t index = parser.index++;
-  const char expected = index < length ? parser.multipart_boundary[index] : index == length ? CR : LF;
+  const char expected = index < length    ? parser.multipart_boundary[index]
+                        : index == length ? CR
+                                          : LF;
   if (piece.byte() != expected) return Outcome::STOP;
   if (index <= length) return Outcome::NEXT;
   parser.index = 0;
@@ -144,7 +151,8 @@ Outcome header_value_start(multipart_parser& parser, Piece& piece) {
 }
 
 Outcome header_value(multipart_parser& parser, Piece& piece) {
-  return piece.byte() == CR ? enter(parser, s_header_value_end) : store_header(parser, piece.byte());
+  return piece.byte() == CR ? enter(parser, s_header_value_end)
+                            : store_header(parser, piece.byte());
 }
 
 Outcome header_value_end(multipart_parser& parser, Piece& piece) {
@@ -177,7 +185,8 @@ Outcome part_data_after_cr(multipart_parser& parser, Piece& piece) {
 }
 
 Outcome part_data_in_boundary(multipart_parser& parser, Piece& piece) {
-  if (piece.byte() != parser.multipart_boundary[parser.index]) return release_held(parser, piece, parser.index + 2);
+  if (piece.byte() != parser.multipart_boundary[parser.index])
+    return release_held(parser, piece, parser.index + 2);
   parser.lookbehind[2 + parser.index++] = piece.byte();
   if (parser.index < parser.boundary_length) return Outcome::NEXT;
   return on_part_data_end(owner_of(parser)) ? enter(parser, s_after_boundary) : Outcome::STOP;
@@ -261,7 +270,8 @@ void perform_multipart(cgi_parser* parser) {
   if (!std::getenv("CONTENT_LENGTH")) return;
   const MultipartParser state = new_multipart_parser(parser);
   if (!state) return;
-  read_cgi_body(parser,
-                [&](const char* bytes, size_t length) { return multipart_parser_execute(state.get(), bytes, length); });
+  read_cgi_body(parser, [&](const char* bytes, size_t length) {
+    return multipart_parser_execute(state.get(), bytes, length);
+  });
   std::ignore = close_cgi_upload(parser);  // of a body that broke off; a failure is in the record
 }

@@ -36,8 +36,9 @@ struct multipart_parser {
   char* lookbehind;  // CR, LF and boundary bytes that may turn out to be data
   char multipart_data[MULTIPART_HEADER_SIZE];
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wpedantic"  // one allocation holds both texts; standard C++ has no such member
-  char multipart_boundary[];                 // the boundary text, and behind it the room of lookbehind
+#pragma GCC diagnostic ignored \
+    "-Wpedantic"              // one allocation holds both texts; standard C++ has no such member
+  char multipart_boundary[];  // the boundary text, and behind it the room of lookbehind
 #pragma GCC diagnostic pop
 };
 
@@ -46,11 +47,14 @@ struct FreeMultipartParser {
 };
 using MultipartParser = std::unique_ptr<multipart_parser, FreeMultipartParser>;
 
-// A parser for bodies with the boundary `parser->boundary`; null without a boundary or without memory.
+// A parser for bodies with the boundary `parser->boundary`; null without a boundary or without
+// memory.
 [[nodiscard]] MultipartParser new_multipart_parser(cgi_parser* parser);
 
-// Runs one piece of a body, cut anywhere. The number of bytes used; less than `length` means that the parser stopped.
-[[nodiscard]] size_t multipart_parser_execute(multipart_parser* parser, const char* buffer, size_t length);
+// Runs one piece of a body, cut anywhere. The number of bytes used; less than `length` means that
+// the parser stopped.
+[[nodiscard]] size_t multipart_parser_execute(multipart_parser* parser, const char* buffer,
+                                              size_t length);
 
 // Parses the body if it is a multipart one.
 void perform_multipart(cgi_parser* parser);

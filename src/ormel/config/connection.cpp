@@ -1,5 +1,5 @@
-// What a client profile and the network daemon know of each other: counters of the live tunnel, and the profile's entry
-// in the list of external devices.
+// What a client profile and the network daemon know of each other: counters of the live tunnel, and
+// the profile's entry in the list of external devices.
 #include <cstdint>
 
 #include "base/tunnel.h"
@@ -22,8 +22,8 @@ void ClientConfig::update_connection() {
   const std::string interface = interface_name(type, index);
   if (interface.empty()) return;
   const Json request{json_pack("{s:s}", "name_interface", interface.c_str())};
-  const system::BusReply answer =
-      system::bus_call({__func__, system::NETWORK_SERVICE, system::INTERFACE_COUNTERS}, request.get());
+  const system::BusReply answer = system::bus_call(
+      {__func__, system::NETWORK_SERVICE, system::INTERFACE_COUNTERS}, request.get());
   if (answer.rc != NO_ERROR) return;
 
   const json_t* data = answer.reply.data();
@@ -37,8 +37,8 @@ void ClientConfig::update_connection() {
   const json_t* tx_speed = json_object_get(data, "tx_rate");
   for (const json_t* counter : {rx_bytes, tx_bytes, rx_speed, tx_speed}) {
     if (json_is_number(counter)) continue;
-    ORMEL_LOG(ERROR, "%s: tx/rx bytes and tx/rx rate are not correct. %d: %s, name: %s.\n", __func__, -1, "",
-              interface.c_str());
+    ORMEL_LOG(ERROR, "%s: tx/rx bytes and tx/rx rate are not correct. %d: %s, name: %s.\n",
+              __func__, -1, "", interface.c_str());
     return;
   }
   rx = system::cut_number<uint64_t>(rx_bytes);
@@ -67,10 +67,13 @@ int ClientConfig::mibcall_external_dev(OptExternalDev op) {
         {"ip4_gw", registered_gateway()},
     };
     for (const auto& member : members) {
-      json_object_set_new(request.get(), member.key, json_stringn(member.value.data(), member.value.size()));
+      json_object_set_new(request.get(), member.key,
+                          json_stringn(member.value.data(), member.value.size()));
     }
   }
-  return system::bus_call({__func__, system::NETWORK_SERVICE, EXTERNAL_DEV_METHODS[op]}, request.get()).rc;
+  return system::bus_call({__func__, system::NETWORK_SERVICE, EXTERNAL_DEV_METHODS[op]},
+                          request.get())
+      .rc;
 }
 
 }  // namespace ormel::config

@@ -118,7 +118,8 @@ int DriverClient::disconnect() {
 }
 
 void DriverClient::update_disconnect_status() {
-  std::ignore = ClientConfig::disconnect();  // the tunnel goes down whether or not that could be written
+  std::ignore =
+      ClientConfig::disconnect();  // the tunnel goes down whether or not that could be written
 }
 
 int DriverClient::do_connect(int) {
@@ -129,7 +130,8 @@ int DriverClient::do_connect(int) {
 }
 
 int DriverClient::do_disconnect(int flag) {
-  if (flag != 0) notify_profile(flag & FLAG_RESTART ? nc_message("C003", "0015") : nc_message("C002", "0007"));
+  if (flag != 0)
+    notify_profile(flag & FLAG_RESTART ? nc_message("C003", "0015") : nc_message("C002", "0007"));
   return system::foreground(script(facts().stop));
 }
 

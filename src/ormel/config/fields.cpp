@@ -16,7 +16,8 @@ namespace {
 template <typename Work>
 void for_each_field(BaseConfig& record, Work work) {
   for (const FieldTable& table : record.fields()) {
-    for (const Field& row : table) std::visit([&](auto member) { work(row, record.*member); }, row.member);
+    for (const Field& row : table)
+      std::visit([&](auto member) { work(row, record.*member); }, row.member);
   }
 }
 
@@ -35,7 +36,8 @@ void read(const Field& row, Value& value, Conf_dir* conf, const char* section) {
     const auto get = row.is(AS_NUMBER) ? Conf_Dir_Get_Int : Conf_Dir_Get_Bool;
     value = get(conf, section, row.key, row.number) != 0;
   } else if constexpr (sizeof(Value) > sizeof(int)) {
-    value = static_cast<Value>(std::strtoll(Conf_Dir_Get_Str(conf, section, row.key, "0"), nullptr, 10));
+    value = static_cast<Value>(
+        std::strtoll(Conf_Dir_Get_Str(conf, section, row.key, "0"), nullptr, 10));
   } else {
     value = static_cast<Value>(Conf_Dir_Get_Int(conf, section, row.key, row.number));
   }
@@ -45,7 +47,8 @@ template <typename Value>
 void write(const Field& row, const Value& value, Conf_dir* conf, const char* section) {
   if constexpr (std::is_same_v<Value, std::string>) {
     const bool encoded = row.is(AS_BASE64) && !value.empty();
-    Conf_Dir_Set_Str(conf, section, row.key, encoded ? openssl::base64_encode(value).c_str() : value.c_str());
+    Conf_Dir_Set_Str(conf, section, row.key,
+                     encoded ? openssl::base64_encode(value).c_str() : value.c_str());
   } else if constexpr (std::is_same_v<Value, bool>) {
     const auto set = row.is(AS_NUMBER) ? Conf_Dir_Set_Int : Conf_Dir_Set_Bool;
     set(conf, section, row.key, value);
@@ -83,7 +86,8 @@ const Value& shown(const Field& row, const Value& value, bool down) {
 
 void print_table(BaseConfig& record, const FieldTable& table, bool down) {
   for (int line = 1;; ++line) {
-    const auto row = std::find_if(table.begin(), table.end(), [&](const Field& field) { return field.line == line; });
+    const auto row = std::find_if(table.begin(), table.end(),
+                                  [&](const Field& field) { return field.line == line; });
     if (row == table.end()) return;
     const auto print = [&](auto member) {
       std::printf("%s = %s\n", row->key, text_of(shown(*row, record.*member, down)).c_str());

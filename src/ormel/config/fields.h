@@ -1,6 +1,6 @@
-// The fields of a record as tables: one row says the key in vpn.conf, the member, its default, its name in a document,
-// its place in the text, and who sees it. `BaseConfig` loads, saves and shows every record by these rows alone; a class
-// overrides what a row cannot say.
+// The fields of a record as tables: one row says the key in vpn.conf, the member, its default, its
+// name in a document, its place in the text, and who sees it. `BaseConfig` loads, saves and shows
+// every record by these rows alone; a class overrides what a row cannot say.
 #pragma once
 
 #include <array>
@@ -26,21 +26,23 @@ enum Trait : unsigned {
 };
 
 struct Field {
-  using Member = std::variant<bool BaseConfig::*, int BaseConfig::*, int64_t BaseConfig::*, uint64_t BaseConfig::*,
-                              std::string BaseConfig::*, ENCRYPTION BaseConfig::*, AUTHENTICATION BaseConfig::*,
-                              STATUS BaseConfig::*>;
+  using Member =
+      std::variant<bool BaseConfig::*, int BaseConfig::*, int64_t BaseConfig::*,
+                   uint64_t BaseConfig::*, std::string BaseConfig::*, ENCRYPTION BaseConfig::*,
+                   AUTHENTICATION BaseConfig::*, STATUS BaseConfig::*>;
 
   const char* key;        // in the file and in the text
   Member member;          // used on records of the class that has it only
   int number = 0;         // the default of what is no text
   const char* text = "";  // the default of a text
   const char* json;       // name in the document, null for a field that is not there
-  int line;               // place among the lines of its table in the text, from 1; 0 for a field that is not there
+  int line;  // place among the lines of its table in the text, from 1; 0 for a field that is not
+             // there
   unsigned traits;
 
   template <typename Record>
-  constexpr Field(const char* name, std::string Record::*field, const char* fallback, const char* document = nullptr,
-                  int place = 0, unsigned special = 0)
+  constexpr Field(const char* name, std::string Record::*field, const char* fallback,
+                  const char* document = nullptr, int place = 0, unsigned special = 0)
       : key(name),
         member(static_cast<std::string BaseConfig::*>(field)),
         text(fallback),
@@ -48,8 +50,8 @@ struct Field {
         line(place),
         traits(special) {}
   template <typename Record, typename Value>
-  constexpr Field(const char* name, Value Record::*field, int fallback, const char* document = nullptr, int place = 0,
-                  unsigned special = 0)
+  constexpr Field(const char* name, Value Record::*field, int fallback,
+                  const char* document = nullptr, int place = 0, unsigned special = 0)
       : key(name),
         member(static_cast<Value BaseConfig::*>(field)),
         number(fallback),

@@ -41,7 +41,8 @@ void Management::load_servers(Conf_dir* conf) {
 }
 
 void Management::load_clients(Conf_dir* conf) {
-  std::optional<system::VpnProcess> running;  // an appliance without a client is spared the walk over all processes
+  std::optional<system::VpnProcess>
+      running;  // an appliance without a client is spared the walk over all processes
   for (const TunnelFacts& facts : TUNNELS) {
     for (int index = 1; index <= MAX_CLIENTS; ++index) {
       const std::string section = facts.client_section + std::to_string(index);
@@ -58,14 +59,17 @@ void Management::load_clients(Conf_dir* conf) {
 int Management::save() {
   sort();
   // An object of the platform's library, which Conf_Dir_Free releases.
-  const Conf conf{static_cast<Conf_dir*>(std::calloc(1, sizeof(Conf_dir)))};  // NOLINT(cppcoreguidelines-no-malloc)
+  const Conf conf{static_cast<Conf_dir*>(
+      std::calloc(1, sizeof(Conf_dir)))};  // NOLINT(cppcoreguidelines-no-malloc)
   if (!conf) return ERR_SAVE_CONFIG;
   std::snprintf(conf->file, sizeof conf->file, "%s", VPN_CONF);
-  Conf_Dir_Set_Str(conf.get(), "global", "dbversion", config_version.empty() ? FIRST_VERSION : config_version.c_str());
+  Conf_Dir_Set_Str(conf.get(), "global", "dbversion",
+                   config_version.empty() ? FIRST_VERSION : config_version.c_str());
 
   constexpr const char* MIGRATION = "ovpn_config_migration";  // of another tool; only carried over
   const Conf present{Conf_Dir_Load(VPN_CONF)};
-  Conf_Dir_Set_Str(conf.get(), "global", MIGRATION, Conf_Dir_Get_Str(present.get(), "global", MIGRATION, "0"));
+  Conf_Dir_Set_Str(conf.get(), "global", MIGRATION,
+                   Conf_Dir_Get_Str(present.get(), "global", MIGRATION, "0"));
 
   for (const auto& record : config_pool) (*record)->save(conf.get());
   return Conf_Dir_Wirte_File(conf.get()) == 0 ? NO_ERROR : ERR_SAVE_CONFIG;
@@ -110,7 +114,8 @@ PolyConfig* Management::fetch(TYPE type, int index) const {
 }
 
 Management::PolyConfigPoolIt Management::fetch(const PolyConfig* other) {
-  return std::find_if(config_pool.begin(), config_pool.end(), [&](const auto& record) { return *record == *other; });
+  return std::find_if(config_pool.begin(), config_pool.end(),
+                      [&](const auto& record) { return *record == *other; });
 }
 
 std::unique_ptr<PolyConfig> Management::clone(TYPE type, int index) const {
@@ -119,7 +124,8 @@ std::unique_ptr<PolyConfig> Management::clone(TYPE type, int index) const {
 }
 
 int Management::create(PolyConfig* record) {
-  if (is_server((*record)->type)) return error_message(ERR_WRONG_TYPE, "cannot create server config");
+  if (is_server((*record)->type))
+    return error_message(ERR_WRONG_TYPE, "cannot create server config");
   if ((*record)->index != 0) return error_message(ERR_CONFIGURE_INDEX, nullptr);
   const int slot = fetch_slot((*record)->type);
   if (slot == 0) return error_message(ERR_MAX_CONFIGS, nullptr);
@@ -136,7 +142,8 @@ int Management::update(const PolyConfig* record) {
 }
 
 int Management::remove(const PolyConfig* record) {
-  if (is_server((*record)->type)) return error_message(ERR_WRONG_TYPE, "cannot remove server config");
+  if (is_server((*record)->type))
+    return error_message(ERR_WRONG_TYPE, "cannot remove server config");
   const auto stored = fetch(record);
   if (stored == config_pool.end()) return error_message(ERR_CONFIGURE_INDEX, "no such config");
   config_pool.erase(stored);
@@ -149,11 +156,13 @@ void Management::sort() {
 }
 
 void Management::sync_mss(TYPE type, const PolyConfig* record) {
-  const PolyConfig* partner = fetch(type == PPTP_SERVER_TYPE ? L2TP_SERVER_TYPE : PPTP_SERVER_TYPE, 0);
+  const PolyConfig* partner =
+      fetch(type == PPTP_SERVER_TYPE ? L2TP_SERVER_TYPE : PPTP_SERVER_TYPE, 0);
   if (!partner) return;
   auto* from = record->cast<ServerConfig>();
   auto* to = partner->cast<ServerConfig>();
-  if (from->shared_mss() && to->shared_mss() && to->out_eif == from->out_eif) *to->shared_mss() = *from->shared_mss();
+  if (from->shared_mss() && to->shared_mss() && to->out_eif == from->out_eif)
+    *to->shared_mss() = *from->shared_mss();
 }
 
 int Management::list_vpn_eif(JsonValue* out) {
@@ -189,8 +198,9 @@ void get_out_eif_str(const std::string& eif, std::string& out) {
   cm.get_out_eif_str(eif, out);
 }
 
-int check_wireguard_client_profile(int index, const std::string& client_ip, const std::string& domain_ip,
-                                   const std::string& domain_port, int listen_port) {
+int check_wireguard_client_profile(int index, const std::string& client_ip,
+                                   const std::string& domain_ip, const std::string& domain_port,
+                                   int listen_port) {
   return cm.check_wireguard_client_profile(index, client_ip, domain_ip, domain_port, listen_port);
 }
 

@@ -1,7 +1,8 @@
 // The pool of all records: the only reader and writer of /etc/config/vpn.conf.
 //
-// The file is always rewritten whole: section "global" with "dbversion" and "ovpn_config_migration", then one section
-// for each record, servers first, by type and index. What no class writes is lost on a save.
+// The file is always rewritten whole: section "global" with "dbversion" and
+// "ovpn_config_migration", then one section for each record, servers first, by type and index. What
+// no class writes is lost on a save.
 #pragma once
 
 #include <memory>
@@ -38,8 +39,8 @@ class Management {
   [[nodiscard]] PolyConfigPoolIt fetch(const PolyConfig* other);
   // A copy of a stored record, null if there is none.
   [[nodiscard]] std::unique_ptr<PolyConfig> clone(TYPE type, int index) const;
-  // Adds a copy of a client record in a new slot, which `record` gets too. 0, ERR_WRONG_TYPE, ERR_CONFIGURE_INDEX or
-  // ERR_MAX_CONFIGS, reported.
+  // Adds a copy of a client record in a new slot, which `record` gets too. 0, ERR_WRONG_TYPE,
+  // ERR_CONFIGURE_INDEX or ERR_MAX_CONFIGS, reported.
   int create(PolyConfig* record);
   // Replaces or adds a copy. Always 0.
   int update(const PolyConfig* record);
@@ -57,10 +58,11 @@ class Management {
   [[nodiscard]] bool ip_pool_available(TYPE type, const in_addr& addr, const in_addr& mask) const;
   // A peer's address is in the WireGuard server's network.
   [[nodiscard]] bool check_wireguard_peer_ip(const std::string& ip, const std::string& mask) const;
-  // No other WireGuard client has this address, listen port or endpoint. 0 or ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE.
+  // No other WireGuard client has this address, listen port or endpoint. 0 or
+  // ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE.
   [[nodiscard]] int check_wireguard_client_profile(int index, const std::string& client_ip,
-                                                   const std::string& domain_ip, const std::string& domain_port,
-                                                   int listen_port);
+                                                   const std::string& domain_ip,
+                                                   const std::string& domain_port, int listen_port);
   // No other Drovik client goes to this address and port. 0 or ERR_DROVIK_CLIENT_DUPLICATE.
   [[nodiscard]] int check_drovik_client_profile(int index, int port, const std::string& ip);
   // No WireGuard client listens on this port. 0 or ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE.
@@ -75,7 +77,8 @@ extern Management cm;
 
 // Each asks `cm`.
 void get_out_eif_str(const std::string& eif, std::string& out);
-[[nodiscard]] int check_wireguard_client_profile(int index, const std::string& client_ip, const std::string& domain_ip,
+[[nodiscard]] int check_wireguard_client_profile(int index, const std::string& client_ip,
+                                                 const std::string& domain_ip,
                                                  const std::string& domain_port, int listen_port);
 [[nodiscard]] int check_drovik_client_profile(int index, int port, const std::string& ip);
 [[nodiscard]] int check_server_listen_port_with_client(int port);

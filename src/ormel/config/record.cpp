@@ -73,7 +73,8 @@ int BaseConfig::modify_peers_ip() {
 void BaseConfig::route_nat(bool add) {
   if (is_server(type)) return;
   const char* change = add ? "add_vpnclient_profile" : "remove_vpnclient_profile";
-  std::ignore = system::background({system::COMMON_SCRIPT, change, interface_name(type, index)});  // not waited for
+  std::ignore = system::background(
+      {system::COMMON_SCRIPT, change, interface_name(type, index)});  // not waited for
 }
 
 void BaseConfig::reset() {
@@ -112,7 +113,8 @@ int ClientConfig::verify() {
   const bool host_fits = !host.empty() && host.size() <= 255;
   if (type != OVPN_CLIENT_TYPE && !host_fits) return error_message(ERR_HOST_LENGTH, nullptr);
   // Compared unsigned, so that a negative number from a damaged file is refused as well.
-  if (static_cast<unsigned>(encryption) > HIGH_ENCRYPTION) return error_message(ERR_ENCRYPTION, nullptr);
+  if (static_cast<unsigned>(encryption) > HIGH_ENCRYPTION)
+    return error_message(ERR_ENCRYPTION, nullptr);
   return NO_ERROR;
 }
 
@@ -142,12 +144,13 @@ void ClientConfig::reset() {
 void ClientConfig::load(Conf_dir* conf, pid_t process) {
   const int slot = index;
   BaseConfig::load(conf, process);
-  if (index != 0) index = slot;  // the section's own number counts: the key only says that the section is in use
+  if (index != 0)
+    index = slot;  // the section's own number counts: the key only says that the section is in use
   settle_status();
 }
 
-// What "Status" holds is out of date: what counts is whether the tunnel is wanted or alive, and whether it has an
-// address.
+// What "Status" holds is out of date: what counts is whether the tunnel is wanted or alive, and
+// whether it has an address.
 void ClientConfig::settle_status() {
   status = DISCONNECTED_STATUS;
   if (pid == 0 && !enable) return;
@@ -156,10 +159,12 @@ void ClientConfig::settle_status() {
 }
 
 void ClientConfig::show(USER_TYPE who, JsonValue* out) {
-  // The clear password never leaves the record; what replaces it here stays for the rest of the run.
+  // The clear password never leaves the record; what replaces it here stays for the rest of the
+  // run.
   if (out) pass = openssl::base64_encode(openssl::sha1(pass));
   BaseConfig::show(who, out);
-  if (out) (*out)["uptime"] = is_down() || timestamp == 0 ? int64_t{0} : std::time(nullptr) - timestamp;
+  if (out)
+    (*out)["uptime"] = is_down() || timestamp == 0 ? int64_t{0} : std::time(nullptr) - timestamp;
 }
 
 namespace {

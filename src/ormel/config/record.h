@@ -1,8 +1,8 @@
-// The records of configuration: one virtual interface for every protocol, the common fields of servers and of clients,
-// and the holder that owns a record of any protocol.
+// The records of configuration: one virtual interface for every protocol, the common fields of
+// servers and of clients, and the holder that owns a record of any protocol.
 //
-// A record lives in the pool, or is the work record of one request that the options fill. `load`, `save` and `show` go
-// by the tables that `fields` gives (config/fields.h).
+// A record lives in the pool, or is the work record of one request that the options fill. `load`,
+// `save` and `show` go by the tables that `fields` gives (config/fields.h).
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,8 @@ constexpr size_t MAX_USER_LENGTH = 64;
 constexpr size_t MAX_PASS_LENGTH = 512;
 constexpr size_t MAX_META_LENGTH = 128;
 constexpr const char* ANY_ADDRESS = "0.0.0.0";
-constexpr const char* POOL_MASK = "255.255.255.0";  // a server's pool is the /24 around its first address
+constexpr const char* POOL_MASK =
+    "255.255.255.0";  // a server's pool is the /24 around its first address
 
 // The far end of a tunnel.
 struct Endpoint {
@@ -70,7 +71,8 @@ class BaseConfig {
   virtual int disconnect();
   // Adds or removes the routing and NAT state of a client's interface, in the background.
   virtual void route_nat(bool add);
-  // Prints the record as text if `out` is null, else fills `out`. `who` decides which secrets are left out.
+  // Prints the record as text if `out` is null, else fills `out`. `who` decides which secrets are
+  // left out.
   virtual void show(USER_TYPE who, JsonValue* out);
   virtual void set_index(int slot);
   virtual void load(Conf_dir* conf, pid_t process);
@@ -78,8 +80,8 @@ class BaseConfig {
   virtual void reset();
   // Deletes the driver's own files of a profile and tells the host of it.
   virtual void remove();
-  // Stops or starts the tunnel. `flag`: 0 silent restart of a record that was disabled, 1 a user's explicit action,
-  // 2 restart of an enabled record; it selects the notification.
+  // Stops or starts the tunnel. `flag`: 0 silent restart of a record that was disabled, 1 a user's
+  // explicit action, 2 restart of an enabled record; it selects the notification.
   virtual int do_disconnect(int flag);
   virtual int do_connect(int flag);
   virtual void update_disconnect_status();
@@ -100,8 +102,8 @@ class BaseConfig {
   [[nodiscard]] virtual std::span<const FieldTable> fields() const;
   // The fields that only a live tunnel has are shown as empty or 0.
   [[nodiscard]] virtual bool is_down() const { return false; }
-  // What the rules of the pool ask: the networks that the tunnel takes, the port that it listens on (0 for none) and
-  // its far end.
+  // What the rules of the pool ask: the networks that the tunnel takes, the port that it listens on
+  // (0 for none) and its far end.
   [[nodiscard]] virtual std::vector<system::Network> networks() const { return {}; }
   [[nodiscard]] virtual int listen_port() const { return 0; }
   [[nodiscard]] virtual Endpoint endpoint() const { return {}; }
@@ -128,7 +130,8 @@ class ServerConfig : public BaseConfig {
   int disconnect() override;
   [[nodiscard]] std::span<const FieldTable> fields() const override;
   [[nodiscard]] std::vector<system::Network> networks() const override;
-  // The segment size that this server shares with those on its outgoing interface, null if it has none.
+  // The segment size that this server shares with those on its outgoing interface, null if it has
+  // none.
   [[nodiscard]] virtual int* shared_mss() { return nullptr; }
 };
 
@@ -167,7 +170,8 @@ class ClientConfig : public BaseConfig {
   int import(int slot) override;
   int modify() override;
   int verify() override;
-  // Mark the record as connecting or disconnected and save the pool; the drivers' own build on these.
+  // Mark the record as connecting or disconnected and save the pool; the drivers' own build on
+  // these.
   int connect() override;
   int disconnect() override;
   void show(USER_TYPE who, JsonValue* out) override;
@@ -179,13 +183,14 @@ class ClientConfig : public BaseConfig {
 
   // Refreshes the counters from the network daemon; they stay as they are when it cannot be asked.
   void update_connection();
-  // Tells the network daemon of this profile's interface. 0, ERR_MIB_IO_FAILED, ERR_MIB_CALL_FAILED,
-  // ERR_MIB_API_RET_ERROR or ERR_WRONG_JSON_FORMAT.
+  // Tells the network daemon of this profile's interface. 0, ERR_MIB_IO_FAILED,
+  // ERR_MIB_CALL_FAILED, ERR_MIB_API_RET_ERROR or ERR_WRONG_JSON_FORMAT.
   int mibcall_external_dev(OptExternalDev op);
 
  private:
   void settle_status();
-  // The registration document beyond the key, for a WireGuard client with its DNS server and gateway.
+  // The registration document beyond the key, for a WireGuard client with its DNS server and
+  // gateway.
   [[nodiscard]] virtual const char* registered_dns() const { return ""; }
   [[nodiscard]] virtual const char* registered_gateway() const { return ""; }
 };
@@ -220,15 +225,16 @@ class PolyConfig {
 // The order of the pool: by type, then by index.
 [[nodiscard]] bool compare(const PolyConfig* a, const PolyConfig* b);
 
-// The class behind a type: how to make a record, and how to copy all of one into another of that type.
+// The class behind a type: how to make a record, and how to copy all of one into another of that
+// type.
 struct RecordClass {
   TYPE type;
   std::unique_ptr<BaseConfig> (*make)(int index);
   void (*copy)(const BaseConfig& from, BaseConfig& to);
 };
 
-// Takes the table of all classes, which outlives the program's records. Called once, before `main`, by the layer that
-// knows the drivers. Always true.
+// Takes the table of all classes, which outlives the program's records. Called once, before `main`,
+// by the layer that knows the drivers. Always true.
 bool register_classes(std::span<const RecordClass> classes);
 
 // A new record of a type, with the slot `index` for a client; null for a type without a class.

@@ -1,5 +1,5 @@
-// The rules that keep the address pools and ports of all tunnels apart. Each clash is logged where it is found; the
-// caller decides what the user sees.
+// The rules that keep the address pools and ports of all tunnels apart. Each clash is logged where
+// it is found; the caller decides what the user sees.
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -18,8 +18,9 @@ using system::is_intersect;
 // Whether the tunnel of a record takes addresses of this network.
 bool takes(const PolyConfig& record, const in_addr& addr, const in_addr& mask) {
   const std::vector<system::Network> networks = record->networks();
-  return std::any_of(networks.begin(), networks.end(),
-                     [&](const system::Network& network) { return is_intersect(addr, mask, network); });
+  return std::any_of(networks.begin(), networks.end(), [&](const system::Network& network) {
+    return is_intersect(addr, mask, network);
+  });
 }
 
 // The first network of a record, empty texts if it takes none.
@@ -28,7 +29,8 @@ system::Network network_of(const PolyConfig& record) {
   return networks.empty() ? system::Network{} : networks.front();
 }
 
-bool share_address(const std::vector<std::string>& a, const std::vector<std::string>& b, std::string& shared) {
+bool share_address(const std::vector<std::string>& a, const std::vector<std::string>& b,
+                   std::string& shared) {
   const auto found = std::find_first_of(b.begin(), b.end(), a.begin(), a.end());
   if (found == b.end()) return false;
   shared = *found;
@@ -50,8 +52,9 @@ bool Management::ip_pool_available(TYPE type, const in_addr& addr, const in_addr
   }
   for (const auto& record : config_pool) {
     if (!is_client((*record)->type) || !takes(*record, addr, mask)) continue;
-    ORMEL_LOG(ERROR, "%s: ip pool conflict with %s client. client index: %d, client ip: %s.\n", __func__,
-              tunnel_of((*record)->type).log_name, (*record)->index, network_of(*record).address.c_str());
+    ORMEL_LOG(ERROR, "%s: ip pool conflict with %s client. client index: %d, client ip: %s.\n",
+              __func__, tunnel_of((*record)->type).log_name, (*record)->index,
+              network_of(*record).address.c_str());
     return false;
   }
   return true;
@@ -61,12 +64,13 @@ bool Management::check_wireguard_peer_ip(const std::string& ip, const std::strin
   const PolyConfig* server = fetch(WIREGUARD_SERVER_TYPE, 0);
   const system::Network own = server ? network_of(*server) : system::Network{};
   if (is_intersect({ip, mask}, own)) return true;
-  ORMEL_LOG(ERROR, "%s: peer ip is not in server. peer ip: %s/%s, server ip: %s/%s\n", __func__, ip.c_str(),
-            mask.c_str(), own.address.c_str(), own.mask.c_str());
+  ORMEL_LOG(ERROR, "%s: peer ip is not in server. peer ip: %s/%s, server ip: %s/%s\n", __func__,
+            ip.c_str(), mask.c_str(), own.address.c_str(), own.mask.c_str());
   return false;
 }
 
-int Management::check_wireguard_client_profile(int index, const std::string& client_ip, const std::string& domain_ip,
+int Management::check_wireguard_client_profile(int index, const std::string& client_ip,
+                                               const std::string& domain_ip,
                                                const std::string& domain_port, int listen_port) {
   sort();
   std::vector<std::string> addresses;
@@ -76,18 +80,21 @@ int Management::check_wireguard_client_profile(int index, const std::string& cli
     const auto* other = record->cast<ClientConfig>();
     const Endpoint far_end = other->endpoint();
     if (network_of(*record).address == client_ip) {
-      ORMEL_LOG(ERROR, "wireguard client profile duplicate client ip: %s, index: %d, profile: %s\n", client_ip.c_str(),
-                other->index, other->name.c_str());
+      ORMEL_LOG(ERROR, "wireguard client profile duplicate client ip: %s, index: %d, profile: %s\n",
+                client_ip.c_str(), other->index, other->name.c_str());
       return ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE;
     }
     if (listen_port >= 1 && other->listen_port() == listen_port) {
-      ORMEL_LOG(ERROR, "wireguard client profile duplicate client listen port: %d, index: %d, profile: %s\n",
-                listen_port, other->index, other->name.c_str());
+      ORMEL_LOG(
+          ERROR,
+          "wireguard client profile duplicate client listen port: %d, index: %d, profile: %s\n",
+          listen_port, other->index, other->name.c_str());
       return ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE;
     }
     if (far_end.port != domain_port) continue;
     if (far_end.host == domain_ip) {
-      ORMEL_LOG(ERROR, "wireguard client profile duplicate peer_endpoint: %s:%s, index: %d, profile: %s\n",
+      ORMEL_LOG(ERROR,
+                "wireguard client profile duplicate peer_endpoint: %s:%s, index: %d, profile: %s\n",
                 domain_ip.c_str(), domain_port.c_str(), other->index, other->name.c_str());
       return ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE;
     }
@@ -95,8 +102,11 @@ int Management::check_wireguard_client_profile(int index, const std::string& cli
     std::string shared;
     system::nslookup(far_end.host, others);
     if (share_address(addresses, others, shared)) {
-      ORMEL_LOG(ERROR, "wireguard client profile duplicate peer_endpoint: %s:%s, ip: %s, index: %d, profile: %s\n",
-                domain_ip.c_str(), domain_port.c_str(), shared.c_str(), other->index, other->name.c_str());
+      ORMEL_LOG(ERROR,
+                "wireguard client profile duplicate peer_endpoint: %s:%s, ip: %s, index: %d, "
+                "profile: %s\n",
+                domain_ip.c_str(), domain_port.c_str(), shared.c_str(), other->index,
+                other->name.c_str());
       return ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE;
     }
   }
@@ -123,7 +133,9 @@ int Management::check_server_listen_port_with_client(int port) {
     if ((*record)->type != WIREGUARD_CLIENT_TYPE) continue;
     const auto* client = record->cast<ClientConfig>();
     if (client->listen_port() == port) {
-      ORMEL_LOG(ERROR, "wireguard server profile duplicate client listen port: %d, client index: %d, client name: %s\n",
+      ORMEL_LOG(ERROR,
+                "wireguard server profile duplicate client listen port: %d, client index: %d, "
+                "client name: %s\n",
                 port, client->index, client->name.c_str());
       return ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE;
     }

@@ -36,7 +36,8 @@ constexpr config::RecordClass CLASSES[] = {
     {WIREGUARD_CLIENT_TYPE, make<wireguard::ClientConfig>, copy<wireguard::ClientConfig>},
 };
 
-static_assert(std::size(CLASSES) == 2 * std::size(TUNNELS), "each protocol has a server and a client");
+static_assert(std::size(CLASSES) == 2 * std::size(TUNNELS),
+              "each protocol has a server and a client");
 
 [[maybe_unused]] const bool REGISTERED = config::register_classes(CLASSES);
 

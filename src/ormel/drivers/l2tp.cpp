@@ -11,7 +11,8 @@ constexpr auto POOL_FIELDS = config::pool_fields("10.2.0.2", "10.2.0.254");
 
 constexpr config::Field SERVER_FIELDS[] = {{"PSK", &ServerConfig::psk, "", "psk", 1}};
 
-constexpr config::Field CLIENT_FIELDS[] = {{"PSK", &ClientConfig::psk, "", "psk", 1, config::FOR_ADMIN}};
+constexpr config::Field CLIENT_FIELDS[] = {
+    {"PSK", &ClientConfig::psk, "", "psk", 1, config::FOR_ADMIN}};
 
 }  // namespace
 
@@ -28,7 +29,8 @@ std::span<const config::FieldTable> ServerConfig::fields() const {
 
 std::span<const config::FieldTable> ClientConfig::fields() const {
   static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::CLIENT_FIELDS,
-                                                  ppp::CLIENT_ADDRESS_FIELDS, CLIENT_FIELDS, ppp::CLIENT_LOGIN_FIELDS};
+                                                  ppp::CLIENT_ADDRESS_FIELDS, CLIENT_FIELDS,
+                                                  ppp::CLIENT_LOGIN_FIELDS};
   return TABLES;
 }
 

@@ -1,5 +1,5 @@
-// What the two tunnels that carry PPP have in common: the login methods, the range of the segment size, and their
-// fields.
+// What the two tunnels that carry PPP have in common: the login methods, the range of the segment
+// size, and their fields.
 #pragma once
 
 #include <string>

@@ -13,7 +13,8 @@ constexpr config::Field SERVER_FIELDS[] = {
     {"Encryption", &ServerConfig::encryption, HIGH_ENCRYPTION, "enc"},
 };
 
-constexpr config::Field CLIENT_FIELDS[] = {{"Encryption", &ClientConfig::encryption, HIGH_ENCRYPTION, "enc", 1}};
+constexpr config::Field CLIENT_FIELDS[] = {
+    {"Encryption", &ClientConfig::encryption, HIGH_ENCRYPTION, "enc", 1}};
 
 }  // namespace
 
@@ -26,13 +27,15 @@ std::span<const config::FieldTable> ServerConfig::fields() const {
 
 std::span<const config::FieldTable> ClientConfig::fields() const {
   static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::CLIENT_FIELDS,
-                                                  ppp::CLIENT_ADDRESS_FIELDS, CLIENT_FIELDS, ppp::CLIENT_LOGIN_FIELDS};
+                                                  ppp::CLIENT_ADDRESS_FIELDS, CLIENT_FIELDS,
+                                                  ppp::CLIENT_LOGIN_FIELDS};
   return TABLES;
 }
 
 int ClientConfig::verify() {
   // Compared unsigned, so that a negative number from a damaged file is refused as well.
-  if (static_cast<unsigned>(encryption) > HIGH_ENCRYPTION) return error_message(ERR_ENCRYPTION, nullptr);
+  if (static_cast<unsigned>(encryption) > HIGH_ENCRYPTION)
+    return error_message(ERR_ENCRYPTION, nullptr);
   return ppp::ClientConfig::verify();
 }
 

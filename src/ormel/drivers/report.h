@@ -1,8 +1,8 @@
 // The report on a foreign profile before it is imported: what becomes of each line of it.
 //
-// A fate is found, not declared: the profile is rewritten as an import does it, the reader of foreign profiles makes
-// the copy that the tunnel's daemon would get, and both are compared with the source. Only the explanations come from
-// tables. Nothing is stored.
+// A fate is found, not declared: the profile is rewritten as an import does it, the reader of
+// foreign profiles makes the copy that the tunnel's daemon would get, and both are compared with
+// the source. Only the explanations come from tables. Nothing is stored.
 #pragma once
 
 #include <cstddef>
@@ -14,9 +14,10 @@
 
 namespace ormel::report {
 
-// Kept: the same bytes are in the stored profile, and the daemon gets them. Changed: there in another form. Dropped:
-// not stored, or not given to the daemon. Refused: for this line the profile is not imported, or its tunnel does not
-// start. Needs: names something that did not come with the profile.
+// Kept: the same bytes are in the stored profile, and the daemon gets them. Changed: there in
+// another form. Dropped: not stored, or not given to the daemon. Refused: for this line the profile
+// is not imported, or its tunnel does not start. Needs: names something that did not come with the
+// profile.
 enum class Fate { Kept, Changed, Dropped, Refused, Needs };
 
 // A line, or all lines of a block.
@@ -49,7 +50,8 @@ struct Verdict {
 
 struct Report {
   std::vector<Line> lines{};
-  std::vector<std::string> added{};  // options that the daemon gets though the profile does not name them
+  std::vector<std::string>
+      added{};  // options that the daemon gets though the profile does not name them
   std::vector<Server> servers{};
   std::vector<std::string> needs{};  // "user", "pass", or the option of a file
   std::vector<Certificate> certificates{};

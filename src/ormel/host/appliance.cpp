@@ -80,7 +80,8 @@ int version_num() {
   unsigned int patch = 0;
   // Numbers out of range wrap; the comparison with a version that is decades old does not mind.
   const std::string head = output.substr(0, VERSION_LENGTH);
-  const int found = std::sscanf(head.c_str(), "%*s %u.%u.%u", &major, &minor, &patch);  // NOLINT(cert-err34-c)
+  const int found =
+      std::sscanf(head.c_str(), "%*s %u.%u.%u", &major, &minor, &patch);  // NOLINT(cert-err34-c)
   if (found != 3) return -1;
   return static_cast<int>(10000000 * major + 10000 * minor + 1000 * patch);
 }

@@ -20,7 +20,8 @@ namespace system {
 
 namespace openssl {
 
-// Version of the installed OpenSSL as major * 10000000 + minor * 10000 + patch * 1000, -1 if it is unknown.
+// Version of the installed OpenSSL as major * 10000000 + minor * 10000 + patch * 1000, -1 if it is
+// unknown.
 [[nodiscard]] int version_num();
 
 }  // namespace openssl

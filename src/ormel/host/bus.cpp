@@ -12,7 +12,8 @@ namespace ormel::system {
 namespace {
 
 constexpr Wording EASY_WORDING{"{function}: mib_call {service}.{method} {request} failed\n",
-                               "{function}: root isn't an object.\n", "{function}: val isn't an integer.\n",
+                               "{function}: root isn't an object.\n",
+                               "{function}: val isn't an integer.\n",
                                "{function}: {service}.{method} {request} failed\n"};
 
 std::string indented(const json_t* document) {
@@ -64,7 +65,8 @@ int judge(const BusCall& call, const PlainReply& reply, const Wording& wording) 
 // A buffer with a request; null when it could not be made or filled.
 MibIo holding(const json_t* request) {
   MibIo io{mib_io_create()};
-  if (io && request && json_dump_callback(request, json_write_io, io.get(), JSON_COMPACT) != 0) io.reset();
+  if (io && request && json_dump_callback(request, json_write_io, io.get(), JSON_COMPACT) != 0)
+    io.reset();
   return io;
 }
 
@@ -80,9 +82,10 @@ Json easy_mib_call(const char* service, const char* method, const char* request)
     ORMEL_LOG(ERROR, "%s: mib_io_create failed\n", __func__);
     return nullptr;
   }
-  if (request) std::ignore = mib_io_write(io.get(), request, std::char_traits<char>::length(request));
-  BusReply answer =
-      judged_call({__func__, service, method, request ? request : "", BUS_SHORT_TIMEOUT}, io, EASY_WORDING);
+  if (request)
+    std::ignore = mib_io_write(io.get(), request, std::char_traits<char>::length(request));
+  BusReply answer = judged_call(
+      {__func__, service, method, request ? request : "", BUS_SHORT_TIMEOUT}, io, EASY_WORDING);
   return answer.rc == NO_ERROR ? std::move(answer.reply.document) : nullptr;
 }
 

@@ -6,7 +6,8 @@
 
 namespace ormel::system {
 
-// Adds one event of a type (0 information, 1 warning) to the system event log; the text is cut at 2048 bytes.
+// Adds one event of a type (0 information, 1 warning) to the system event log; the text is cut at
+// 2048 bytes.
 void add_log(const std::string& text, int type);
 // "[ORMEL Service] <a> <b> is <c>."
 void add_up_event_log(const char* a, const char* b, const char* c);

@@ -32,9 +32,10 @@ void copy_member(json_t* object, const char* name, const json_t* value) {
   if (value) json_object_set_new(object, name, json_deep_copy(value));
 }
 
-// The call about one interface, which `key` tells apart by its member `member`. 0, or a code, logged.
-int ask(const char* method, const json_t* interface, const char* key, const char* member, std::string& failed_method,
-        PlainReply& reply) {
+// The call about one interface, which `key` tells apart by its member `member`. 0, or a code,
+// logged.
+int ask(const char* method, const json_t* interface, const char* key, const char* member,
+        std::string& failed_method, PlainReply& reply) {
   const Json request{json_pack("{s:O?}", key, json_object_get(interface, member))};
   reply = call_network_service(method, request.get());
   if (reply.document) return NO_ERROR;
@@ -47,14 +48,17 @@ int ask(const char* method, const json_t* interface, const char* key, const char
   return ERR_WRONG_JSON_FORMAT;
 }
 
-int ask_by_number(const char* method, const json_t* interface, std::string& failed_method, PlainReply& reply) {
+int ask_by_number(const char* method, const json_t* interface, std::string& failed_method,
+                  PlainReply& reply) {
   return ask(method, interface, "ifindex", "ifindex", failed_method, reply);
 }
 
 // The parts of a bridge or bond into `member`.
-int get_parts(const char* method, const char* member, json_t* interface, std::string& failed_method) {
+int get_parts(const char* method, const char* member, json_t* interface,
+              std::string& failed_method) {
   PlainReply reply;
-  if (const int rc = ask_by_number(method, interface, failed_method, reply); rc != NO_ERROR) return rc;
+  if (const int rc = ask_by_number(method, interface, failed_method, reply); rc != NO_ERROR)
+    return rc;
   copy_member(interface, member, reply.data());
   size_t index = 0;
   json_t* part = nullptr;
@@ -69,17 +73,20 @@ int get_parts(const char* method, const char* member, json_t* interface, std::st
 int get_interface_status(json_t* interface, std::string& failed_method) {
   PlainReply reply;
   json_object_set_new(interface, "maxSpeed", json_null());
-  if (const int rc = ask_by_number(STATUS, interface, failed_method, reply); rc != NO_ERROR) return rc;
+  if (const int rc = ask_by_number(STATUS, interface, failed_method, reply); rc != NO_ERROR)
+    return rc;
   const json_t* first = json_array_get(json_object_get(reply.data(), "IPv4"), 0);
   copy_member(interface, "ip", json_object_get(first, "ip"));
-  if (type_of(interface) == "ethernet") copy_member(interface, "maxSpeed", json_object_get(reply.data(), "max_speed"));
+  if (type_of(interface) == "ethernet")
+    copy_member(interface, "maxSpeed", json_object_get(reply.data(), "max_speed"));
   return NO_ERROR;
 }
 
 int get_interface_speed(json_t* interface, std::string& failed_method) {
   if (type_of(interface).starts_with("virtualif")) return NO_ERROR;
   PlainReply reply;
-  if (const int rc = ask_by_number(STATUS, interface, failed_method, reply); rc != NO_ERROR) return rc;
+  if (const int rc = ask_by_number(STATUS, interface, failed_method, reply); rc != NO_ERROR)
+    return rc;
   copy_member(interface, "maxSpeed", json_object_get(reply.data(), "max_speed"));
   return NO_ERROR;
 }
@@ -95,31 +102,34 @@ int get_bonding_slaves(json_t* interface, std::string& failed_method) {
 int get_Interface_transmit_rate(json_t* interface, std::string& failed_method) {
   PlainReply reply;
   for (const char* rate : {"tx_rate", "rx_rate"}) json_object_set_new(interface, rate, json_null());
-  if (const int rc = ask(system::INTERFACE_COUNTERS, interface, "name_interface", "ifname", failed_method, reply);
+  if (const int rc = ask(system::INTERFACE_COUNTERS, interface, "name_interface", "ifname",
+                         failed_method, reply);
       rc != NO_ERROR)
     return rc;
-  for (const char* rate : {"tx_rate", "rx_rate"}) copy_member(interface, rate, json_object_get(reply.data(), rate));
+  for (const char* rate : {"tx_rate", "rx_rate"})
+    copy_member(interface, rate, json_object_get(reply.data(), rate));
   return NO_ERROR;
 }
 
 int is_ip_duplicate(const std::string& ip) {
-  const std::string address = escape_json(ip);  // for the log, where it could begin a line of its own
+  const std::string address =
+      escape_json(ip);  // for the log, where it could begin a line of its own
   const Json request{json_pack("{s:o}", "ip", json_string(system::valid_utf8(ip).c_str()))};
   const PlainReply reply = call_network_service(DUPLICATE, request.get());
   const json_t* error = json_object_get(reply.document.get(), "error");
   if (!json_is_integer(error)) {
-    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mib_call failed ret:%d\n", __func__, system::NETWORK_SERVICE, DUPLICATE,
-              address.c_str(), reply.status);
+    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mib_call failed ret:%d\n", __func__,
+              system::NETWORK_SERVICE, DUPLICATE, address.c_str(), reply.status);
     return CALL_FAILED;
   }
   const int code = static_cast<int>(json_integer_value(error));
   if (code == 1) {
-    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, ip duplicate with FENRO network.\n", __func__, system::NETWORK_SERVICE,
-              DUPLICATE, address.c_str());
+    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, ip duplicate with FENRO network.\n", __func__,
+              system::NETWORK_SERVICE, DUPLICATE, address.c_str());
   } else if (code != 0) {
     const char* data = json_string_value(reply.data());
-    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mib_call failed ret:%d, data: %s.\n", __func__, system::NETWORK_SERVICE,
-              DUPLICATE, address.c_str(), code, data ? data : "");
+    ORMEL_LOG(ERROR, "%s: %s.%s, ip: %s, mib_call failed ret:%d, data: %s.\n", __func__,
+              system::NETWORK_SERVICE, DUPLICATE, address.c_str(), code, data ? data : "");
   }
   return code;
 }
@@ -145,8 +155,8 @@ void collect_subnet(const ifaddrs& interface, std::vector<std::string>& out) {
     return;
   }
   char address[NI_MAXHOST];
-  const int rc =
-      getnameinfo(interface.ifa_addr, sizeof(sockaddr_in), address, sizeof address, nullptr, 0, NI_NUMERICHOST);
+  const int rc = getnameinfo(interface.ifa_addr, sizeof(sockaddr_in), address, sizeof address,
+                             nullptr, 0, NI_NUMERICHOST);
   if (rc != 0) {
     ORMEL_LOG(ERROR, "getnameinfo() failed for %s: %s\n", interface.ifa_name, gai_strerror(rc));
     return;
@@ -161,10 +171,12 @@ int is_network_intersect(const char* ip, const char* mask) {
   constexpr const char* METHOD = "api.check_network_intersect";
   const MibIo io{mib_io_create()};
   if (!io) return ERR_MIB_IO_FAILED;
-  // The addresses can come from a form: escaped, they cannot add a member to the request or a line to the log.
+  // The addresses can come from a form: escaped, they cannot add a member to the request or a line
+  // to the log.
   const std::string address = escape_json(ip);
   const std::string netmask = escape_json(mask);
-  const std::string call = std::string(NETWORK_SERVICE) + '.' + METHOD + ", ip: " + address + ", mask: " + netmask;
+  const std::string call =
+      std::string(NETWORK_SERVICE) + '.' + METHOD + ", ip: " + address + ", mask: " + netmask;
   mib_io_printf(io.get(), "{\"ip\":\"%s\", \"mask\": \"%s\"}", address.c_str(), netmask.c_str());
   const PlainReply reply = plain_call({__func__, NETWORK_SERVICE, METHOD}, io);
   if (reply.status != MIB_SUCCESS) {
@@ -183,8 +195,8 @@ int is_network_intersect(const char* ip, const char* mask) {
     return ERR_IP_POOL_CONFLICT;
   }
   const char* data = json_string_value(reply.data());
-  ORMEL_LOG(ERROR, "%s: %s, mib_call failed ret:%d, data: %s.\n", __func__, call.c_str(), static_cast<int>(code),
-            data ? data : "");
+  ORMEL_LOG(ERROR, "%s: %s, mib_call failed ret:%d, data: %s.\n", __func__, call.c_str(),
+            static_cast<int>(code), data ? data : "");
   return ERR_MIB_API_RET_ERROR;
 }
 

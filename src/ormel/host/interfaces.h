@@ -1,5 +1,5 @@
-// What the network daemon knows of the appliance's interfaces. Its objects are passed on as they come; the functions
-// here add members to them.
+// What the network daemon knows of the appliance's interfaces. Its objects are passed on as they
+// come; the functions here add members to them.
 #pragma once
 
 #include <string>
@@ -12,11 +12,13 @@ namespace ormel {
 using system::PlainReply;
 
 // One call, whose reply is passed on: its "error" is of no interest here.
-[[nodiscard]] inline PlainReply call_network_service(const char* method, const json_t* request = nullptr) {
+[[nodiscard]] inline PlainReply call_network_service(const char* method,
+                                                     const json_t* request = nullptr) {
   return system::plain_call(system::NETWORK_SERVICE, method, request);
 }
 
-// Each adds members to the object of one interface. 0, or a code with the method that failed in `failed_method`.
+// Each adds members to the object of one interface. 0, or a code with the method that failed in
+// `failed_method`.
 
 // "ip", and "maxSpeed", which is null for anything but Ethernet.
 [[nodiscard]] int get_interface_status(json_t* interface, std::string& failed_method);
@@ -33,11 +35,13 @@ using system::PlainReply;
 
 namespace system {
 
-// Asks the network daemon whether a network collides with one of the appliance's own. 0, ERR_IP_POOL_CONFLICT,
-// ERR_MIB_IO_FAILED, ERR_MIB_CALL_FAILED (also for a reply that is no JSON) or ERR_MIB_API_RET_ERROR.
+// Asks the network daemon whether a network collides with one of the appliance's own. 0,
+// ERR_IP_POOL_CONFLICT, ERR_MIB_IO_FAILED, ERR_MIB_CALL_FAILED (also for a reply that is no JSON)
+// or ERR_MIB_API_RET_ERROR.
 [[nodiscard]] int is_network_intersect(const char* ip, const char* mask);
 
-// Appends "address/prefix" of each IPv4 address of the appliance but the loopback's. 0 or ERR_CMD_FAILED.
+// Appends "address/prefix" of each IPv4 address of the appliance but the loopback's. 0 or
+// ERR_CMD_FAILED.
 [[nodiscard]] int collect_all_interface_subnet(std::vector<std::string>& out);
 
 }  // namespace system

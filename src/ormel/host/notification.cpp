@@ -36,9 +36,10 @@ std::span<const nc_msg_struct> nc_messages() {
 }
 
 void nclog::notify_send(const nc_msg_struct* msg, ...) {
-  std::vector<std::string> command{NOTIFY,       "send",          "-A", NOTICE_APPLICATION, "-C", msg->category_id,
-                                   "-M",         msg->message_id, "-l", msg->level,         "-t", "3",
-                                   msg->message, SENDER};
+  std::vector<std::string> command{
+      NOTIFY,       "send",          "-A", NOTICE_APPLICATION, "-C", msg->category_id,
+      "-M",         msg->message_id, "-l", msg->level,         "-t", "3",
+      msg->message, SENDER};
   const size_t fixed = command.size();
   va_list arguments;
   va_start(arguments, msg);

@@ -9,7 +9,8 @@ namespace ormel {
 
 // One message of the catalogue, known by category and id together.
 struct nc_msg_struct {
-  const char* category_id;  // "C001" servers, "C002" clients, "C003" automatic actions, "C004" SD-WAN
+  const char*
+      category_id;  // "C001" servers, "C002" clients, "C003" automatic actions, "C004" SD-WAN
   const char* message_id;
   const char* level;    // "info", "warn" or "error"
   const char* message;  // "{0}" is the service, "{1}" and on the sender's arguments
@@ -66,7 +67,8 @@ inline constexpr nc_msg_struct __NC_MSG_DB__[] = {
 // The whole catalogue.
 [[nodiscard]] std::span<const nc_msg_struct> nc_messages();
 
-// The row of a category and an id. Found at compile time: a pair that the catalogue lacks does not compile.
+// The row of a category and an id. Found at compile time: a pair that the catalogue lacks does not
+// compile.
 consteval const nc_msg_struct& nc_message(std::string_view category, std::string_view id) {
   for (const nc_msg_struct& row : __NC_MSG_DB__) {
     if (row.category_id == category && row.message_id == id) return row;
@@ -76,7 +78,8 @@ consteval const nc_msg_struct& nc_message(std::string_view category, std::string
 
 namespace nclog {
 
-// Sends one message; the arguments are `const char*`, at most 12, closed by a null. Fire and forget.
+// Sends one message; the arguments are `const char*`, at most 12, closed by a null. Fire and
+// forget.
 [[gnu::sentinel]] void notify_send(const nc_msg_struct* msg, ...);
 
 }  // namespace nclog

@@ -46,14 +46,16 @@ bool send_to(const Fd& socket, const void* bytes, size_t length, in_addr_t addre
   to.sin_family = AF_INET;
   to.sin_port = htons(port);
   to.sin_addr.s_addr = address;
-  return sendto(socket.get(), bytes, length, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) >= 0;
+  return sendto(socket.get(), bytes, length, 0, reinterpret_cast<const sockaddr*>(&to),
+                sizeof to) >= 0;
 }
 
-// The datagrams that come until none has counted for a while. What does not count gives no new wait: on a network that
-// is never silent the probe would not end.
+// The datagrams that come until none has counted for a while. What does not count gives no new
+// wait: on a network that is never silent the probe would not end.
 class Datagrams {
  public:
-  Datagrams(const Fd& socket, seconds patience, size_t size) : socket_(socket), patience_(patience), buffer_(size, 0) {}
+  Datagrams(const Fd& socket, seconds patience, size_t size)
+      : socket_(socket), patience_(patience), buffer_(size, 0) {}
 
   // The source of the next one; nothing when it is time to stop.
   std::optional<in_addr> next() {
@@ -61,8 +63,8 @@ class Datagrams {
     if (left <= microseconds{0} || !set_patience(socket_, left)) return {};
     sockaddr_in from{};
     socklen_t size = sizeof from;
-    const ssize_t got = TEMP_FAILURE_RETRY(
-        recvfrom(socket_.get(), buffer_.data(), buffer_.size(), 0, reinterpret_cast<sockaddr*>(&from), &size));
+    const ssize_t got = TEMP_FAILURE_RETRY(recvfrom(socket_.get(), buffer_.data(), buffer_.size(),
+                                                    0, reinterpret_cast<sockaddr*>(&from), &size));
     if (got < 1) return {};
     length_ = static_cast<size_t>(got);
     return from.sin_addr;
@@ -84,8 +86,9 @@ class Datagrams {
   Clock::time_point last_ = Clock::now();
 };
 
-// Root's socket hears whatever a host sends back. Without the right to it the kernel's own echo socket will do, where
-// the host lets our group have one (net.ipv4.ping_group_range); it hears nothing but the replies to its own requests.
+// Root's socket hears whatever a host sends back. Without the right to it the kernel's own echo
+// socket will do, where the host lets our group have one (net.ipv4.ping_group_range); it hears
+// nothing but the replies to its own requests.
 Fd icmp_socket(uint16_t id) {
   const protoent* icmp = getprotobyname("ICMP");
   const int protocol = icmp ? icmp->p_proto : IPPROTO_ICMP;
@@ -95,8 +98,11 @@ Fd icmp_socket(uint16_t id) {
   Fd echo{socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, protocol)};
   sockaddr_in name{};
   name.sin_family = AF_INET;
-  name.sin_port = id;  // the kernel puts the port of such a socket into its requests, as it is in memory
-  if (echo) std::ignore = bind(echo.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name);  // or any other id
+  name.sin_port =
+      id;  // the kernel puts the port of such a socket into its requests, as it is in memory
+  if (echo)
+    std::ignore =
+        bind(echo.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name);  // or any other id
   return echo;
 }
 
@@ -110,9 +116,11 @@ long resolve(const char* host) {
 
 // The first host of that address takes the time. Whether there is one.
 bool take_echo(std::vector<NETHOST>& hosts, in_addr from, Clock::time_point start) {
-  if (from.s_addr == htonl(INADDR_LOOPBACK)) return false;  // the requests to our own addresses come from there
-  const auto host = std::find_if(hosts.begin(), hosts.end(),
-                                 [&](const NETHOST& each) { return each.addr == static_cast<long>(from.s_addr); });
+  if (from.s_addr == htonl(INADDR_LOOPBACK))
+    return false;  // the requests to our own addresses come from there
+  const auto host = std::find_if(hosts.begin(), hosts.end(), [&](const NETHOST& each) {
+    return each.addr == static_cast<long>(from.s_addr);
+  });
   if (host == hosts.end()) return false;
   host->result = static_cast<int>(since<std::milli>(start));
   return true;
@@ -133,7 +141,8 @@ void take_answer(std::vector<NETHOST>& hosts, in_addr from, Clock::time_point st
 int ping(std::vector<NETHOST>& hosts) {
   const auto id = static_cast<uint16_t>(getpid());
   const ICMP_PACKET packet = echo_request(id, static_cast<uint32_t>(std::time(nullptr)));
-  std::vector<NETHOST> resolved = hosts;  // before the socket is there, which would gather what others send meanwhile
+  std::vector<NETHOST> resolved =
+      hosts;  // before the socket is there, which would gather what others send meanwhile
   for (NETHOST& host : resolved) host.addr = resolve(host.host);
 
   const Fd socket = icmp_socket(id);
@@ -141,7 +150,8 @@ int ping(std::vector<NETHOST>& hosts) {
   if (!set_patience(socket, PING_PATIENCE)) return 0;
   hosts = std::move(resolved);
   for (const NETHOST& host : hosts) {
-    if (host.addr != 0) std::ignore = send_to(socket, &packet, sizeof packet, static_cast<in_addr_t>(host.addr), 0);
+    if (host.addr != 0)
+      std::ignore = send_to(socket, &packet, sizeof packet, static_cast<in_addr_t>(host.addr), 0);
   }
 
   const Clock::time_point start = Clock::now();
@@ -161,7 +171,8 @@ int nslookup(std::vector<NETHOST>& hosts) {
     host.result = 0;
     host.latency = std::chrono::duration<double>(start.time_since_epoch()).count();
     const std::string query = name_server_query(static_cast<uint16_t>(getpid()), host.host);
-    std::ignore = send_to(socket, query.data(), query.size(), inet_addr(host.host), DNS_PORT);  // no answer then
+    std::ignore = send_to(socket, query.data(), query.size(), inet_addr(host.host),
+                          DNS_PORT);  // no answer then
   }
 
   Datagrams datagrams(socket, NSLOOKUP_PATIENCE, DNS_ANSWER_MAX);

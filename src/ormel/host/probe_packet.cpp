@@ -15,7 +15,8 @@ constexpr char FIRST_FILLER = 8;
 constexpr size_t NAME_MAX_BYTES = 63;
 constexpr uint16_t CLASS_IN = 1;
 
-static_assert(std::endian::native == std::endian::little, "the flags of DNS_HEADER lie as they travel");
+static_assert(std::endian::native == std::endian::little,
+              "the flags of DNS_HEADER lie as they travel");
 
 // The parts between the points, each behind its length, and a zero at the end.
 std::string labels(std::string_view name) {

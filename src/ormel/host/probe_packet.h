@@ -60,7 +60,8 @@ enum DNS_TYPE : uint16_t {
 // The Internet checksum over the whole packet: 0 for one that holds its own.
 [[nodiscard]] uint16_t checksum(const ICMP_PACKET& packet);
 
-// A query for the name servers of `server`, whose text is cut at 63 bytes. Any answer means that the server is alive.
+// A query for the name servers of `server`, whose text is cut at 63 bytes. Any answer means that
+// the server is alive.
 [[nodiscard]] std::string name_server_query(uint16_t id, std::string_view server);
 
 // Whether it is long enough for a header and repeats a question, as every answer does.

@@ -78,14 +78,16 @@ int foreground(char* const* argv) {
   if (pid == -1) return ERR_BACKGROUND_PROCESS;
   if (pid == 0) exec_detached(argv);
   int status = 0;
-  if (wait_for(pid, status) != 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return ERR_BACKGROUND_PROCESS;
+  if (wait_for(pid, status) != 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    return ERR_BACKGROUND_PROCESS;
   sleep(1);
   return NO_ERROR;
 }
 
 Argv::Argv(const std::vector<std::string>& arguments) {
   pointers_.reserve(arguments.size() + 1);
-  for (const std::string& argument : arguments) pointers_.push_back(const_cast<char*>(argument.c_str()));
+  for (const std::string& argument : arguments)
+    pointers_.push_back(const_cast<char*>(argument.c_str()));
   pointers_.push_back(nullptr);
 }
 
@@ -120,7 +122,8 @@ void invoke_vpn_script(const std::string& script, const std::string& action) {
   ORMEL_LOG(INFO, "Invoke VPN script by %s %s\n", script.c_str(), action.c_str());
   std::string output;
   if (do_exec_safe({script, action}, output) != 0) {
-    ORMEL_LOG(ERROR, "Fail to %s VPN by %s, output: %s\n", action.c_str(), script.c_str(), output.c_str());
+    ORMEL_LOG(ERROR, "Fail to %s VPN by %s, output: %s\n", action.c_str(), script.c_str(),
+              output.c_str());
   }
 }
 

@@ -10,7 +10,8 @@ namespace ormel::system {
 namespace {
 
 void kick(const char* action, TYPE type, const char* arg) {
-  std::ignore = background({COMMON_SCRIPT, action, std::to_string(type), arg ? arg : ""});  // not waited for
+  std::ignore =
+      background({COMMON_SCRIPT, action, std::to_string(type), arg ? arg : ""});  // not waited for
 }
 
 }  // namespace

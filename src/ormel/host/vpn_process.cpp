@@ -36,7 +36,8 @@ int index_in(std::string arguments) {
   return to_int(arguments.c_str() + groups[1].rm_so);
 }
 
-// The first line of a file in the folder; false when it cannot be read, as that of a process that has just ended.
+// The first line of a file in the folder; false when it cannot be read, as that of a process that
+// has just ended.
 bool first_line(int folder, const std::string& path, std::string& line) {
   const Fd fd{openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC)};
   if (!fd) return false;
@@ -49,7 +50,8 @@ bool first_line(int folder, const std::string& path, std::string& line) {
     const std::string_view piece(chunk, static_cast<size_t>(got));
     const size_t end = piece.find('\n');
     line += piece.substr(0, end);
-    // A file of /proc gives all it has at once; each read saved counts, for every process pays for it.
+    // A file of /proc gives all it has at once; each read saved counts, for every process pays for
+    // it.
     if (end != std::string_view::npos || piece.size() < sizeof chunk) return true;
   }
 }
@@ -88,8 +90,11 @@ int VpnProcess::update() {
   while (const dirent* entry = readdir(proc.get())) {
     if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
     const pid_t pid = to_int(entry->d_name);
-    if (pid == 0 || !first_line(dirfd(proc.get()), std::string(entry->d_name) + "/cmdline", cmdline)) continue;
-    if (const Process& process = is_vpn_process(cmdline, pid); process.type != NONE_TYPE) processes.push_back(process);
+    if (pid == 0 ||
+        !first_line(dirfd(proc.get()), std::string(entry->d_name) + "/cmdline", cmdline))
+      continue;
+    if (const Process& process = is_vpn_process(cmdline, pid); process.type != NONE_TYPE)
+      processes.push_back(process);
   }
   return 0;
 }
@@ -102,8 +107,8 @@ pid_t VpnProcess::pidof(TYPE type, int index) const {
 }
 
 void VpnProcess::kill(pid_t pid) {
-  const auto found =
-      std::find_if(processes.begin(), processes.end(), [&](const Process& process) { return process.pid == pid; });
+  const auto found = std::find_if(processes.begin(), processes.end(),
+                                  [&](const Process& process) { return process.pid == pid; });
   if (found == processes.end()) return;
   ::kill(pid, SIGUSR2);
   processes.erase(found);

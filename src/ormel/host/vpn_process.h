@@ -32,8 +32,8 @@ class VpnProcess {
   const Process& is_vpn_process(const std::string& cmdline, pid_t pid);
 };
 
-// Whether the daemon of a server runs: by its name, its argument and its owner, since anyone may start a program under
-// any name. False for a type without a daemon.
+// Whether the daemon of a server runs: by its name, its argument and its owner, since anyone may
+// start a program under any name. False for a type without a daemon.
 [[nodiscard]] bool server_runs(TYPE server);
 
 }  // namespace ormel::system

@@ -18,7 +18,8 @@ namespace ormel::pelmar {
 namespace {
 
 constexpr const char* REAL_AGENT_FILE = "/etc/config/ormel/cloudagent.cfg";
-constexpr const char* SITE_FILE = "/etc/system/system_setting.json";  // below the application's folder
+constexpr const char* SITE_FILE =
+    "/etc/system/system_setting.json";  // below the application's folder
 constexpr unsigned int PUBLIC = 0644;
 
 constexpr const char* EXPRESS_SCRIPT = "/etc/init.d/pelmar_express.sh";
@@ -27,9 +28,10 @@ constexpr const char* CLOUDAGENT_SCRIPT = "/etc/init.d/pelmar_cloudagent.sh";
 constexpr const char* TEST_SITE = "sy";
 constexpr const char* TEST_SITE_FOR_AGENT = "dev";  // the agents do not know the test site
 // Added for the test site, whose host the cloud does not name.
-constexpr const char* TEST_SITE_LINES = "MQTT_URL=\"tcp://sy-test." ORMEL_CLOUD_DOMAIN
-                                        ":31512\"\n"
-                                        "NMS_WEB_URL=\"http://sy-test." ORMEL_CLOUD_DOMAIN ":31510\"\n";
+constexpr const char* TEST_SITE_LINES =
+    "MQTT_URL=\"tcp://sy-test." ORMEL_CLOUD_DOMAIN
+    ":31512\"\n"
+    "NMS_WEB_URL=\"http://sy-test." ORMEL_CLOUD_DOMAIN ":31510\"\n";
 
 // The agent's configuration as it came, with what the test site needs besides.
 std::string with_site_lines(std::string text) {
@@ -74,7 +76,8 @@ int write_pelmar_api_devices_cloudagent_cfg(const std::string& answer) {
   if (const int rc = get_install_path(folder); rc != NO_ERROR) return rc;
   const std::string link = folder + AGENT_FILE;
   ORMEL_LOG(INFO, "cloudagent_cfg_path: %s", link.c_str());
-  if (!system::replace_file(REAL_AGENT_FILE, with_site_lines(text), fenro::PRIVATE_FILE)) {  // it has the device token
+  if (!system::replace_file(REAL_AGENT_FILE, with_site_lines(text),
+                            fenro::PRIVATE_FILE)) {  // it has the device token
     ORMEL_LOG(ERROR, "Failed to open %s for writing", REAL_AGENT_FILE);
     return ERR_SAVE_FILE;
   }
@@ -84,7 +87,8 @@ int write_pelmar_api_devices_cloudagent_cfg(const std::string& answer) {
 
 int set_pelmar_express_cfg() {
   if (const int rc = store_table_id("router_region_table_id", "30000"); rc != NO_ERROR) return rc;
-  if (const int rc = store_table_id("supernode_region_table_id", "31000"); rc != NO_ERROR) return rc;
+  if (const int rc = store_table_id("supernode_region_table_id", "31000"); rc != NO_ERROR)
+    return rc;
   ORMEL_LOG(INFO, "set_pelmar_express_cfg done");
   return NO_ERROR;
 }
@@ -98,7 +102,8 @@ int set_site_use_by_cloudagent() {
   }
   site = to_lower(site);
   if (site == TEST_SITE) site = TEST_SITE_FOR_AGENT;
-  if (system::replace_file(folder + SITE_FILE, "{\"site\": \"" + site + "\"}", PUBLIC)) return NO_ERROR;
+  if (system::replace_file(folder + SITE_FILE, "{\"site\": \"" + site + "\"}", PUBLIC))
+    return NO_ERROR;
   ORMEL_LOG(ERROR, "Failed to save install_path/etc/system/system_setting.json");
   return ERR_CMD_FAILED;
 }
@@ -113,7 +118,8 @@ int invoke_pelmar_express(const std::string& action) {
 
 int invoke_cloudagent(const std::string& action) {
   ORMEL_LOG(INFO, "invoke_cloudagent: %s", action.c_str());
-  std::ignore = set_site_use_by_cloudagent();  // an agent that keeps the environment of before is better than none
+  std::ignore = set_site_use_by_cloudagent();  // an agent that keeps the environment of before is
+                                               // better than none
   std::string output;
   if (system::do_exec_safe({CLOUDAGENT_SCRIPT, action}, output) == 0) return NO_ERROR;
   ORMEL_LOG(ERROR, "Failed to execute pelmar_cloudagent.sh %s", action.c_str());

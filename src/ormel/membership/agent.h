@@ -1,7 +1,7 @@
 // The two agents that hold a member's connection: what they read, and their start and stop.
 //
-// The cloud agent's file is in the configuration folder; where the agent looks for it, in the application's folder,
-// is only a link to it. Each operation gives 0 or an ERROR_CODE, logged.
+// The cloud agent's file is in the configuration folder; where the agent looks for it, in the
+// application's folder, is only a link to it. Each operation gives 0 or an ERROR_CODE, logged.
 #pragma once
 
 #include <string>

@@ -78,8 +78,9 @@ std::string filled(std::string text, const CloudValues& values) {
   return text;
 }
 
-// Connections that the calls of one run share, null for none: a join asks the same host five times, and to read all
-// authorities of the host and to agree on keys costs more than everything else about it.
+// Connections that the calls of one run share, null for none: a join asks the same host five times,
+// and to read all authorities of the host and to agree on keys costs more than everything else
+// about it.
 CURLSH* shared_connections() {
   static const CurlShare share = [] {
     const curl::Api& library = *curl::api();  // the caller has a handle of the library
@@ -96,7 +97,8 @@ std::string choose_api_url(HostTable global_table, HostTable china_table, const 
                            bool use_hollex_site) {
   std::string site = PRODUCTION_SITE;
   std::string region{fenro::cloud::GLOBAL_REGION};
-  std::ignore = use_hollex_site ? get_hollex_site(site) : get_pelmar_site(site);  // what was read counts
+  std::ignore =
+      use_hollex_site ? get_hollex_site(site) : get_pelmar_site(site);  // what was read counts
   std::ignore = get_global_or_china(region);
   site = to_lower(site);
   region = to_lower(region);
@@ -111,7 +113,8 @@ std::string choose_api_url(HostTable global_table, HostTable china_table, const 
 
 namespace {
 
-std::string address_of(const fenro::cloud::Service& service, const std::string& path, bool use_hollex_site) {
+std::string address_of(const fenro::cloud::Service& service, const std::string& path,
+                       bool use_hollex_site) {
   return choose_api_url(service.global, service.china, path, use_hollex_site);
 }
 
@@ -158,10 +161,13 @@ int CloudCall::perform(const std::string& body, std::string& out) {
     ORMEL_LOG(ERROR, "[easycurl] a header of the request cannot be sent");
     return ERR_EASYCURL_FAIL;
   }
-  const auto set = [this](auto option, auto value) { curl::api()->easy_setopt(handle_.get(), option, value); };
+  const auto set = [this](auto option, auto value) {
+    curl::api()->easy_setopt(handle_.get(), option, value);
+  };
   set(CURLOPT_URL, url_.c_str());
   set(CURLOPT_HTTPHEADER, headers_.get());
-  set(CURLOPT_PROTOCOLS_STR, "https");  // nothing goes out in clear; redirections are not followed at all
+  set(CURLOPT_PROTOCOLS_STR,
+      "https");  // nothing goes out in clear; redirections are not followed at all
   set(CURLOPT_NOSIGNAL, 1L);
   if (CURLSH* const share = shared_connections()) set(CURLOPT_SHARE, share);
   switch (facts_of(operation_).method) {

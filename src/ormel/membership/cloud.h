@@ -17,11 +17,11 @@ using fenro::cloud::HostTable;
 [[nodiscard]] std::string get_auth_connector_api_url(const std::string& path);
 [[nodiscard]] std::string get_pelmar_api_url(const std::string& path);
 
-// The one selector behind the four: the site of the developer switch or of the membership settings picks the row, the
-// account's region the table. An unknown site counts as production. A site that the China table alone does not have
-// gives a bare path, at which the request fails.
-[[nodiscard]] std::string choose_api_url(HostTable global_table, HostTable china_table, const std::string& path,
-                                         bool use_hollex_site);
+// The one selector behind the four: the site of the developer switch or of the membership settings
+// picks the row, the account's region the table. An unknown site counts as production. A site that
+// the China table alone does not have gives a bare path, at which the request fails.
+[[nodiscard]] std::string choose_api_url(HostTable global_table, HostTable china_table,
+                                         const std::string& path, bool use_hollex_site);
 
 // Switches the check of the server's certificate off where the settings ask for it. Always 0.
 int set_insecure_curl(CURL* handle);
@@ -54,7 +54,8 @@ class CloudCall {
   // False without libcurl.
   explicit operator bool() const { return static_cast<bool>(handle_); }
   [[nodiscard]] const std::string& url() const { return url_; }
-  // The result of `system::easycurl`; the answer in `out`, also that of a refusal. `body` is what a POST carries.
+  // The result of `system::easycurl`; the answer in `out`, also that of a refusal. `body` is what a
+  // POST carries.
   [[nodiscard]] int perform(std::string& out) { return perform("", out); }
   [[nodiscard]] int perform(const std::string& body, std::string& out);
 

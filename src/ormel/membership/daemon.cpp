@@ -64,8 +64,8 @@ const json_t* ipsec_data(const PlainReply& answer) {
   return nullptr;
 }
 
-// One call of the express agent whose answer is an array in `data`. 0, ERR_CMD_FAILED, the code of the answer's judge,
-// or ERR_WRONG_JSON_FORMAT.
+// One call of the express agent whose answer is an array in `data`. 0, ERR_CMD_FAILED, the code of
+// the answer's judge, or ERR_WRONG_JSON_FORMAT.
 int copy_array(const char* method, JsonValue& out, size_t& count) {
   const PlainReply answer = plain_call(EXPRESS_SERVICE, method);
   if (answer.status != 0) {
@@ -107,8 +107,8 @@ int mibsh_get_hubinfo(std::string& router_name, std::string& router_ip, std::str
     return rc;
   }
   const Json request{json_pack("{s:s}", "mdevice_token", token.c_str())};
-  const PlainReply answer =
-      request ? plain_call(EXPRESS_SERVICE, "GetHubInfo", request.get()) : PlainReply{system::NO_IO};
+  const PlainReply answer = request ? plain_call(EXPRESS_SERVICE, "GetHubInfo", request.get())
+                                    : PlainReply{system::NO_IO};
   if (answer.status != 0) {
     ORMEL_LOG(ERROR, "Failed to call pelmar_expressd.GetHubInfo");
     return ERR_CMD_FAILED;
@@ -152,7 +152,8 @@ int ipsec_connetion_status_statistic(const json_t* states) {
   size_t up = 0;
   const char* name = nullptr;
   json_t* state = nullptr;
-  json_object_foreach(const_cast<json_t*>(states), name, state) {  // the macro knows no constant objects
+  json_object_foreach(const_cast<json_t*>(states), name,
+                      state) {  // the macro knows no constant objects
     if (json_is_integer(state) && json_integer_value(state) == CONNECTED) ++up;
   }
   if (up == 0) return 0;
@@ -177,7 +178,8 @@ int mibsh_get_supernode_remaining(JsonValue& out) {
   const bool complete = all_counters(data);
   if (!complete) {
     ORMEL_LOG(ERROR,
-              "GetSupernodeRemaining output missing 'remainingThroughput', 'renewalDate', 'throughputCapacity' or "
+              "GetSupernodeRemaining output missing 'remainingThroughput', 'renewalDate', "
+              "'throughputCapacity' or "
               "'lastBillingDate' integer");
   }
   for (const Counter& counter : COUNTERS) {
@@ -195,12 +197,15 @@ int mibsh_get_supernode_devices(JsonValue& out) {
 int mibsh_supernode_recent_billing_daily_traffic(JsonValue& out) {
   size_t count = 0;
   const int rc = copy_array("SupernodeRecentBillingDailyTraffic", out, count);
-  if (rc == NO_ERROR) ORMEL_LOG(INFO, "SupernodeRecentBillingDailyTraffic returned %zu records", count);
+  if (rc == NO_ERROR)
+    ORMEL_LOG(INFO, "SupernodeRecentBillingDailyTraffic returned %zu records", count);
   return rc;
 }
 
-int mibsh_update_and_check_timeout(bool mqtt, bool vpn, bool& is_mqtt_timeout, bool& is_ipsec_timeout) {
-  const Json request{json_pack("{s:b, s:b}", "mqtt_status", mqtt ? 1 : 0, "vpn_status", vpn ? 1 : 0)};
+int mibsh_update_and_check_timeout(bool mqtt, bool vpn, bool& is_mqtt_timeout,
+                                   bool& is_ipsec_timeout) {
+  const Json request{
+      json_pack("{s:b, s:b}", "mqtt_status", mqtt ? 1 : 0, "vpn_status", vpn ? 1 : 0)};
   const PlainReply answer = plain_call(TOKEN_SERVICE, "Update_and_check_timeout", request.get());
   if (answer.status != 0) {
     ORMEL_LOG(ERROR, "Failed to call mibsh ormel_network_service.Update_and_check_timeout");
@@ -214,7 +219,8 @@ int mibsh_update_and_check_timeout(bool mqtt, bool vpn, bool& is_mqtt_timeout, b
   is_mqtt_timeout = json_is_true(json_object_get(data, "is_mqtt_timeout"));
   is_ipsec_timeout = json_is_true(json_object_get(data, "is_ipsec_timeout"));
   ORMEL_LOG(INFO,
-            "mibsh_update_and_check_timeout: mqtt_status: %d, vpn_status: %d, is_mqtt_timeout: %d, is_ipsec_timeout: "
+            "mibsh_update_and_check_timeout: mqtt_status: %d, vpn_status: %d, is_mqtt_timeout: %d, "
+            "is_ipsec_timeout: "
             "%d",
             mqtt, vpn, is_mqtt_timeout, is_ipsec_timeout);
   return NO_ERROR;

@@ -1,4 +1,5 @@
-// What the daemons of a running member report about its connection. The program holds no state of its own.
+// What the daemons of a running member report about its connection. The program holds no state of
+// its own.
 //
 // Each operation gives 0 or an ERROR_CODE, logged, unless something else is said.
 #pragma once
@@ -14,9 +15,10 @@ namespace ormel::pelmar {
 // How the agent reaches the cloud: 0 not at all, and for every failure of the question.
 [[nodiscard]] int64_t mibsh_get_cloud_status();
 
-// Names and public addresses of the hub and of the super node; those that are missing stay as they are.
-[[nodiscard]] int mibsh_get_hubinfo(std::string& router_name, std::string& router_ip, std::string& supernode_name,
-                                    std::string& supernode_ip);
+// Names and public addresses of the hub and of the super node; those that are missing stay as they
+// are.
+[[nodiscard]] int mibsh_get_hubinfo(std::string& router_name, std::string& router_ip,
+                                    std::string& supernode_name, std::string& supernode_ip);
 
 // State of the tunnels to each of the two, condensed. 0 or ERR_CMD_FAILED.
 [[nodiscard]] int mibsh_get_ipsec_status(int& router, int& supernode);
@@ -34,6 +36,7 @@ namespace ormel::pelmar {
 [[nodiscard]] int mibsh_supernode_recent_billing_daily_traffic(JsonValue& out);
 
 // Reports both links and learns which of them has been down for too long.
-[[nodiscard]] int mibsh_update_and_check_timeout(bool mqtt, bool vpn, bool& is_mqtt_timeout, bool& is_ipsec_timeout);
+[[nodiscard]] int mibsh_update_and_check_timeout(bool mqtt, bool vpn, bool& is_mqtt_timeout,
+                                                 bool& is_ipsec_timeout);
 
 }  // namespace ormel::pelmar

@@ -52,7 +52,8 @@ std::string get_gateway_display_name() {
   const PlainReply reply = ask();
   const json_t* const gateway = first_gateway(reply);
   if (!gateway) return "";
-  return text_of(json_object_get(json_object_get(gateway, "status"), "display_name"), "Failed to get display_name");
+  return text_of(json_object_get(json_object_get(gateway, "status"), "display_name"),
+                 "Failed to get display_name");
 }
 
 }  // namespace ormel::pelmar

@@ -11,7 +11,8 @@ namespace ormel::pelmar {
 [[nodiscard]] std::string get_app_secret();
 [[nodiscard]] std::string get_provider();
 
-// The text of `length` scrambled bytes: each is XORed with the low byte of its place and with `key`.
+// The text of `length` scrambled bytes: each is XORed with the low byte of its place and with
+// `key`.
 [[nodiscard]] std::string deobfuscate(const uint8_t* data, size_t length, uint8_t key);
 
 }  // namespace ormel::pelmar

@@ -28,7 +28,8 @@ Json parse(const std::string& answer) {
 }
 
 Json describe(json_t* name, json_t* id, bool is_default) {
-  return Json{json_pack("{s:O, s:O, s:b}", "name", name, "organization_id", id, "is_default", is_default ? 1 : 0)};
+  return Json{json_pack("{s:O, s:O, s:b}", "name", name, "organization_id", id, "is_default",
+                        is_default ? 1 : 0)};
 }
 
 int copy_organizations(const json_t* result, Json& out) {
@@ -87,7 +88,9 @@ int parse_creation(const std::string& answer, std::string& out_id) {
   const json_t* const code = json_object_get(root.get(), "code");
   if (!json_is_integer(code) || json_integer_value(code) != 0) {
     const char* const text = json_string_value(code);
-    const std::string told = json_is_integer(code) ? std::to_string(json_integer_value(code)) : text ? text : "";
+    const std::string told = json_is_integer(code) ? std::to_string(json_integer_value(code))
+                             : text                ? text
+                                                   : "";
     ORMEL_LOG(ERROR, "Failed to create organization, code: %s", told.c_str());
     return ERR_CURL_FAIL;
   }
@@ -114,7 +117,8 @@ int parse_sites(const std::string& output, std::string& site) {
     ORMEL_LOG(ERROR, "No results found in JSON response");
     return ERR_WRONG_JSON_FORMAT;
   }
-  const char* const id = json_string_value(json_object_get(json_array_get(result, 0), "organization_site_id"));
+  const char* const id =
+      json_string_value(json_object_get(json_array_get(result, 0), "organization_site_id"));
   if (!id) {
     ORMEL_LOG(ERROR, "organization_site_id not found or invalid");
     return ERR_WRONG_JSON_FORMAT;
@@ -167,7 +171,8 @@ int get_organization_list(Json& out) {
     ORMEL_LOG(ERROR, "Failed to get result array");
     return ERR_WRONG_JSON_FORMAT;
   }
-  const int listed = json_array_size(result) == 0 ? make_first_organization(out) : copy_organizations(result, out);
+  const int listed =
+      json_array_size(result) == 0 ? make_first_organization(out) : copy_organizations(result, out);
   if (listed == NO_ERROR) ORMEL_LOG(INFO, "Organization list fetched and parsed successfully");
   return listed;
 }
@@ -181,7 +186,8 @@ int create_organization(const std::string& name, std::string& out_id) {
   CloudCall call{CloudOperation::CREATE_ORGANIZATION, values};
   if (!call) return log_no_curl();
   std::string answer;
-  const int rc = call.perform("{\"name\": \"" + name + "\", \"size\": \"" + EMPLOYEES + "\"}", answer);
+  const int rc =
+      call.perform("{\"name\": \"" + name + "\", \"size\": \"" + EMPLOYEES + "\"}", answer);
   ORMEL_LOG(INFO, "Create organization API response: %s", answer.c_str());
   if (rc == NO_ERROR) return parse_creation(answer, out_id);
   ORMEL_LOG(ERROR, "Failed to create organization, easycurl error: %d", rc);
@@ -216,7 +222,8 @@ int get_region_list(Json& out, const std::string& org_id) {
   if (!groups) return ERR_WRONG_JSON_FORMAT;
   out.reset(json_deep_copy(groups));
   const CString dump{json_dumps(out.get(), JSON_COMPACT)};
-  ORMEL_LOG(INFO, "root is %d %s", static_cast<int>(json_typeof(out.get())), dump ? dump.get() : "");
+  ORMEL_LOG(INFO, "root is %d %s", static_cast<int>(json_typeof(out.get())),
+            dump ? dump.get() : "");
   return NO_ERROR;
 }
 
@@ -227,8 +234,8 @@ int set_site_id(const std::string& org_id) {
     return ERR_PELMAR_GETCLOUDTOKEN;
   }
   std::string output;
-  const int rc =
-      system::do_exec_safe({ORGANIZATION_TOOL, "get_organization_site_list", "-o", org_id, "-a", token}, output);
+  const int rc = system::do_exec_safe(
+      {ORGANIZATION_TOOL, "get_organization_site_list", "-o", org_id, "-a", token}, output);
   ORMEL_LOG(INFO, "orgId: %s, skarnToken: %s", org_id.c_str(), token.c_str());
   if (rc != 0) {
     ORMEL_LOG(ERROR, "Failed to set site id");
@@ -253,7 +260,9 @@ int account_center_api_me(std::string& out) {
   ORMEL_LOG(INFO, "readBuffer_account_center_api_me: %s", out.c_str());
   switch (rc) {
     case NO_ERROR: return NO_ERROR;
-    case CURLE_COULDNT_RESOLVE_HOST: ORMEL_LOG(ERROR, "Could not resolve host"); return ERR_CURL_DNS_RESOLVE;
+    case CURLE_COULDNT_RESOLVE_HOST:
+      ORMEL_LOG(ERROR, "Could not resolve host");
+      return ERR_CURL_DNS_RESOLVE;
     case CURLE_OPERATION_TIMEDOUT:
     case CURLE_COULDNT_CONNECT: ORMEL_LOG(ERROR, "Operation timed out"); return ERR_CURL_TIMEOUT;
     default:

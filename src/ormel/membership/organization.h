@@ -1,5 +1,5 @@
-// What the user picks before a join: an organisation of the cloud account and a region of it, which is one of its
-// groups of VPN hubs. Also who the account belongs to.
+// What the user picks before a join: an organisation of the cloud account and a region of it, which
+// is one of its groups of VPN hubs. Also who the account belongs to.
 //
 // Each operation gives 0 or an ERROR_CODE, logged.
 #pragma once
@@ -10,8 +10,8 @@
 
 namespace ormel::pelmar {
 
-// The account's organisations, as objects of "name", "organization_id" and "is_default". An account without any gets
-// one in the cloud by being asked.
+// The account's organisations, as objects of "name", "organization_id" and "is_default". An account
+// without any gets one in the cloud by being asked.
 [[nodiscard]] int get_organization_list(Json& out);
 [[nodiscard]] int create_organization(const std::string& name, std::string& out_id);
 // The groups of an organisation, which need not be the stored one.
@@ -19,7 +19,8 @@ namespace ormel::pelmar {
 // Stores the first site of an organisation.
 [[nodiscard]] int set_site_id(const std::string& org_id);
 
-// The account center's answer about the account as it came. Failures of the transport are distinguished here.
+// The account center's answer about the account as it came. Failures of the transport are
+// distinguished here.
 [[nodiscard]] int account_center_api_me(std::string& out);
 // Stores display name, mail address and region of the account.
 [[nodiscard]] int set_pelmar_tamid_conf();

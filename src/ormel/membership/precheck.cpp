@@ -77,7 +77,8 @@ int judge_internet_reply(const PlainReply& reply, int round) {
 
 const char* find_region() {
   std::string in_china;
-  std::ignore = system::getcfg_wrapper(PELMAR_CONF, "IsChinaRegion", "IsChinaRegion", "false", in_china);
+  std::ignore =
+      system::getcfg_wrapper(PELMAR_CONF, "IsChinaRegion", "IsChinaRegion", "false", in_china);
   if (in_china == "true") return CHINA;
   std::string latitude = "23";
   std::string longitude = "120";
@@ -91,8 +92,10 @@ const char* find_region() {
 }
 
 void forget_login(const std::string& status) {
-  ORMEL_LOG(INFO, "Tamid token exists but status is '%s' (not '%s'), removing tamid.conf to allow re-login",
-            status.c_str(), JOINED_STATUS);
+  ORMEL_LOG(
+      INFO,
+      "Tamid token exists but status is '%s' (not '%s'), removing tamid.conf to allow re-login",
+      status.c_str(), JOINED_STATUS);
   if (unlink(TAMID_CONF) == 0) {
     ORMEL_LOG(INFO, "Successfully removed %s", TAMID_CONF);
   } else {
@@ -124,7 +127,8 @@ std::string decimal(const json_t* number) {
   return text;
 }
 
-int parse_location(const std::string& output, std::string& latitude, std::string& longitude, std::string& country) {
+int parse_location(const std::string& output, std::string& latitude, std::string& longitude,
+                   std::string& country) {
   const Json root{json_loadb(output.data(), output.size(), 0, nullptr)};
   const json_t* const result = json_object_get(root.get(), "result");
   if (!result) {
@@ -181,7 +185,8 @@ int get_real_wan_ip(std::string& out) {
   return NO_ERROR;
 }
 
-int get_geo_info(std::string& latitude, std::string& longitude, std::string& country, std::string& wan_ip) {
+int get_geo_info(std::string& latitude, std::string& longitude, std::string& country,
+                 std::string& wan_ip) {
   if (get_real_wan_ip(wan_ip) != NO_ERROR) {
     ORMEL_LOG(ERROR, "Failed to get real wan ip");
     return ERR_CMD_FAILED;
@@ -190,7 +195,8 @@ int get_geo_info(std::string& latitude, std::string& longitude, std::string& cou
   const int rc = run_tool({CLOUD_TOOL, "-g", wan_ip}, output);
   ORMEL_LOG(INFO, "ret %d, output: %s", rc, output.c_str());
   ORMEL_LOG(INFO, "Parsing output: %s", output.c_str());
-  if (const int parsed = parse_location(output, latitude, longitude, country); parsed != NO_ERROR) return parsed;
+  if (const int parsed = parse_location(output, latitude, longitude, country); parsed != NO_ERROR)
+    return parsed;
   ORMEL_LOG(INFO, "latitude: %s, longitude: %s", latitude.c_str(), longitude.c_str());
   return NO_ERROR;
 }

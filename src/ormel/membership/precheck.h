@@ -1,5 +1,5 @@
-// What the web interface asks before the join dialog opens: whether a join can work here. Also the smaller questions
-// about this device.
+// What the web interface asks before the join dialog opens: whether a join can work here. Also the
+// smaller questions about this device.
 #pragma once
 
 #include <string>
@@ -8,12 +8,12 @@
 
 namespace ormel::pelmar {
 
-// Fills `data` with "tamid_exist", "ncsi", "region" and "l2tp_status". A login that never led to a join is thrown away
-// on the way. Always 0.
+// Fills `data` with "tamid_exist", "ncsi", "region" and "l2tp_status". A login that never led to a
+// join is thrown away on the way. Always 0.
 int join_pelmar_precheck(JsonValue& data);
 
-// Whether the internet is reached over an interface: asks the network daemon for up to ten seconds. 0,
-// ERR_MIB_API_RET_ERROR or ERR_WRONG_JSON_FORMAT.
+// Whether the internet is reached over an interface: asks the network daemon for up to ten seconds.
+// 0, ERR_MIB_API_RET_ERROR or ERR_WRONG_JSON_FORMAT.
 [[nodiscard]] int mibsh_check_access_internet(const std::string& ifname);
 
 // The address under which the internet sees this device. 0 or ERR_CMD_FAILED.

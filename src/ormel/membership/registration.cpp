@@ -18,8 +18,9 @@ namespace ormel::pelmar {
 
 namespace {
 
-constexpr size_t SERIAL_SIZE = 10;  // of the buffer: longer numbers are cut to nine digits, as other devices do
-constexpr size_t SHOWN_TOKEN = 8;   // bytes of a token in the log
+constexpr size_t SERIAL_SIZE =
+    10;  // of the buffer: longer numbers are cut to nine digits, as other devices do
+constexpr size_t SHOWN_TOKEN = 8;  // bytes of a token in the log
 
 int org_id_of_join(std::string& out) {
   return get_join_pelmar_info(ORG_ID_KEY, out);
@@ -69,10 +70,12 @@ std::string text_member(const char* key, const std::string& value) {
   return '"' + std::string(key) + "\": \"" + value + '"';
 }
 
-// Nothing is escaped: the cloud's other devices send it so, and it answers what is no JSON with a refusal.
+// Nothing is escaped: the cloud's other devices send it so, and it answers what is no JSON with a
+// refusal.
 std::string edge_body(const EdgeFacts& facts) {
   const std::string location = text_member("locationAddress", "");
-  const std::string model = text_member("subModelName", facts.model) + ',' + location;  // no blank between these two
+  const std::string model =
+      text_member("subModelName", facts.model) + ',' + location;  // no blank between these two
   const std::string members[] = {
       text_member("deviceName", facts.host_name),
       text_member("contact", facts.contact),
@@ -155,8 +158,10 @@ int ask_for_agent_configuration(Join& join) {
 
 int resolve_region(Join& join) {
   join.answer.clear();
-  if (pelmar_api_vpn_groups(join.pelmar_token, join.answer) != NO_ERROR) return ERR_PELMARAPI_VPN_GROUPS;
-  if (resolve_auto_region(join.answer) != NO_ERROR) ORMEL_LOG(WARN, "Failed to resolve auto region, continuing");
+  if (pelmar_api_vpn_groups(join.pelmar_token, join.answer) != NO_ERROR)
+    return ERR_PELMARAPI_VPN_GROUPS;
+  if (resolve_auto_region(join.answer) != NO_ERROR)
+    ORMEL_LOG(WARN, "Failed to resolve auto region, continuing");
   return NO_ERROR;
 }
 
@@ -168,29 +173,33 @@ struct Step {
 };
 
 constexpr Step STEPS[] = {
-    {nullptr, [](Join& join) { return get_cloudtoken(join.skarn_token); }, "Failed to obtain skarnToken",
-     ERR_PELMAR_GETCLOUDTOKEN},
+    {nullptr, [](Join& join) { return get_cloudtoken(join.skarn_token); },
+     "Failed to obtain skarnToken", ERR_PELMAR_GETCLOUDTOKEN},
     {"call pelmar api edge", call_edge, nullptr, ERR_PELMARAPI_EDGE},
     {"parse pelmar api edge response",
-     [](Join& join) { return parse_api_edge(join.answer, join.device_id, join.pelmar_token, join.serial); },
+     [](Join& join) {
+       return parse_api_edge(join.answer, join.device_id, join.pelmar_token, join.serial);
+     },
      "Failed to parse pelmar api edge response", ERR_PELMARAPI_EDGE},
-    {nullptr, [](Join& join) { return set_serial_number(join.serial); }, "Failed to set serial number",
-     ERR_SAVE_CONFIG},
-    {"pelmar api vpn_groups", resolve_region, "Failed to call pelmar_api_vpn_groups", ERR_PELMARAPI_VPN_GROUPS},
+    {nullptr, [](Join& join) { return set_serial_number(join.serial); },
+     "Failed to set serial number", ERR_SAVE_CONFIG},
+    {"pelmar api vpn_groups", resolve_region, "Failed to call pelmar_api_vpn_groups",
+     ERR_PELMARAPI_VPN_GROUPS},
     {"pelmar api devices (register device on pelmar)",
      [](Join& join) { return pelmar_api_devices(join.device_id, join.pelmar_token); },
      "Failed to call pelmar api devices", ERR_PELMARAPI_DEVICES},
-    {"parse pelmar api devices response", ask_for_agent_configuration, "Failed to parse pelmar api devices response",
-     ERR_PELMARAPI_DEVICES},
+    {"parse pelmar api devices response", ask_for_agent_configuration,
+     "Failed to parse pelmar api devices response", ERR_PELMARAPI_DEVICES},
     {"write pelmar api devices response to cloudagent.cfg",
      [](Join& join) { return write_pelmar_api_devices_cloudagent_cfg(join.answer); },
      "Failed to write pelmar api devices response to cloudagent.cfg", ERR_PELMARAPI_DEVICES},
-    {nullptr, [](Join& join) { return get_device_token(join.device_token); }, "Failed to get pelmar device token",
-     ERR_PELMAR_GETDEVICE_TOKEN},
+    {nullptr, [](Join& join) { return get_device_token(join.device_token); },
+     "Failed to get pelmar device token", ERR_PELMAR_GETDEVICE_TOKEN},
 };
 
 int mark_as_member() {
-  if (const int rc = system::setcfg_wrapper(TAMID_CONF, TAMID_SECTION, TOKEN_STATUS_KEY, JOINED_STATUS);
+  if (const int rc =
+          system::setcfg_wrapper(TAMID_CONF, TAMID_SECTION, TOKEN_STATUS_KEY, JOINED_STATUS);
       rc != NO_ERROR) {
     ORMEL_LOG(ERROR, "Failed to set tamid_token_status to '%s'", JOINED_STATUS);
     return rc;
@@ -225,7 +234,8 @@ int pelmar_api_edge(const std::string& skarn_token, std::string& out) {
   return NO_ERROR;
 }
 
-int parse_api_edge(const std::string& answer, std::string& device_id, std::string& pelmar_token, std::string& serial) {
+int parse_api_edge(const std::string& answer, std::string& device_id, std::string& pelmar_token,
+                   std::string& serial) {
   ORMEL_LOG(INFO, "[parse_api_edge] start");
   const Json root{json_loadb(answer.data(), answer.size(), 0, nullptr)};
   if (!json_is_object(root.get())) {
@@ -254,7 +264,8 @@ int parse_api_edge(const std::string& answer, std::string& device_id, std::strin
     ORMEL_LOG(ERROR, "Failed to set serial number");
     return rc;
   }
-  ORMEL_LOG(INFO, "[parse_api_edge] Device ID: %s, Pelmar Token: %s, Serial Number: %s, Virtual IP: %s",
+  ORMEL_LOG(INFO,
+            "[parse_api_edge] Device ID: %s, Pelmar Token: %s, Serial Number: %s, Virtual IP: %s",
             device_id.c_str(), shortened(pelmar_token).c_str(), serial.c_str(), ip.c_str());
   return NO_ERROR;
 }
@@ -273,7 +284,8 @@ int resolve_auto_region(const std::string& vpn_groups_answer) {
     ORMEL_LOG(ERROR, "[resolve_auto_region] vpnGroups not found or not array");
     return ERR_WRONG_JSON_FORMAT;
   }
-  if (system::setcfg_wrapper(PELMAR_CONF, JOIN_SECTION, REGION_ID_KEY, pick_region(groups)) == NO_ERROR) {
+  if (system::setcfg_wrapper(PELMAR_CONF, JOIN_SECTION, REGION_ID_KEY, pick_region(groups)) ==
+      NO_ERROR) {
     return NO_ERROR;
   }
   ORMEL_LOG(ERROR, "[resolve_auto_region] Failed to set region id");
@@ -282,12 +294,15 @@ int resolve_auto_region(const std::string& vpn_groups_answer) {
 
 int pelmar_api_devices(const std::string& device_id, const std::string& pelmar_token) {
   std::string ignored;
-  return CloudCall{CloudOperation::REGISTER_DEVICE, {.pelmar_token = pelmar_token, .device_id = device_id}}.perform(
-      ignored);
+  return CloudCall{CloudOperation::REGISTER_DEVICE,
+                   {.pelmar_token = pelmar_token, .device_id = device_id}}
+      .perform(ignored);
 }
 
-int pelmar_api_devices_cloudagent_cfg(const std::string& device_id, const std::string& pelmar_token, std::string& out) {
-  return CloudCall{CloudOperation::TELL_AGENT_CONFIGURATION, {.pelmar_token = pelmar_token, .device_id = device_id}}
+int pelmar_api_devices_cloudagent_cfg(const std::string& device_id, const std::string& pelmar_token,
+                                      std::string& out) {
+  return CloudCall{CloudOperation::TELL_AGENT_CONFIGURATION,
+                   {.pelmar_token = pelmar_token, .device_id = device_id}}
       .perform(out);
 }
 

@@ -27,7 +27,8 @@ using system::setcfg_wrapper;
 
 constexpr const char* PACKAGES = "/etc/config/pakrix.conf";
 constexpr const char* INSTALL_PATH = "Install_Path";
-constexpr const char* SITE_FILE = "/data/user.conf";  // below the developer switch application's folder
+constexpr const char* SITE_FILE =
+    "/data/user.conf";  // below the developer switch application's folder
 constexpr const char* ORG_NAME_KEY = "PELMAR_ORG_NAME";
 constexpr const char* REGION_NAME_KEY = "PELMAR_REGION_NAME";
 constexpr const char* VIRTUAL_IP_KEY = "virtual_ip";
@@ -37,7 +38,8 @@ constexpr const char* TIMEZONE_FILE = "/etc/config/TZ";
 constexpr const char* MAC_INTERFACE = "eth0";
 
 constexpr const char* PLATFORM_CONF = "/etc/platform.conf";
-constexpr std::string_view PLATFORM_LINE = "Platform";  // begins the line that tells what the appliance runs on
+constexpr std::string_view PLATFORM_LINE =
+    "Platform";  // begins the line that tells what the appliance runs on
 constexpr std::string_view VIRTUAL_MACHINE = "X86_KVM";
 constexpr const char* VIRTUAL_MODEL = "Nimbrel";
 
@@ -132,7 +134,8 @@ int get_contact(std::string& out) {
 }
 
 int set_org_id(const std::string& id, const std::string& name) {
-  if (const int rc = write_join_key(ORG_ID_KEY, id, "Failed to set org id"); rc != NO_ERROR) return rc;
+  if (const int rc = write_join_key(ORG_ID_KEY, id, "Failed to set org id"); rc != NO_ERROR)
+    return rc;
   return write_join_key(ORG_NAME_KEY, name, "Failed to set org display name");
 }
 
@@ -158,11 +161,13 @@ int get_host_name(std::string& out) {
 }
 
 int get_nas_model_name(std::string& out) {
-  if (getcfg_wrapper(PLATFORM_CONF, "MISC", "DISPLAY_NAME", "", out) == NO_ERROR && !out.empty()) return NO_ERROR;
+  if (getcfg_wrapper(PLATFORM_CONF, "MISC", "DISPLAY_NAME", "", out) == NO_ERROR && !out.empty())
+    return NO_ERROR;
   std::string content;
   if (!system::read_file(PLATFORM_CONF, content)) return ERR_CMD_FAILED;
   for (const std::string& line : split_lines(content)) {
-    if (!line.starts_with(PLATFORM_LINE) || line.find(VIRTUAL_MACHINE) == std::string::npos) continue;
+    if (!line.starts_with(PLATFORM_LINE) || line.find(VIRTUAL_MACHINE) == std::string::npos)
+      continue;
     out = VIRTUAL_MODEL;
     return NO_ERROR;
   }
@@ -184,7 +189,8 @@ int get_eth0_mac(std::string& out) {
   uint8_t mac[6];
   std::memcpy(mac, request.ifr_hwaddr.sa_data, sizeof mac);
   char text[sizeof "00:00:00:00:00:00"];
-  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+  std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3],
+                mac[4], mac[5]);
   out = text;
   return NO_ERROR;
 }

@@ -1,8 +1,9 @@
-// The settings that membership starts from: every key of its two files, and the facts about this device that the cloud
-// gets. Nothing is kept between calls; each reads its file again, through the appliance's tools.
+// The settings that membership starts from: every key of its two files, and the facts about this
+// device that the cloud gets. Nothing is kept between calls; each reads its file again, through the
+// appliance's tools.
 //
-// Unless something else is said an operation gives 0 or ERR_CMD_FAILED, and logs why it failed. A key that is missing
-// and has no default is a failure.
+// Unless something else is said an operation gives 0 or ERR_CMD_FAILED, and logs why it failed. A
+// key that is missing and has no default is a failure.
 #pragma once
 
 #include <string>
@@ -23,16 +24,19 @@ constexpr const char* CONTACT_KEY = "DISPLAY_NAME";
 constexpr const char* CLOUD_KEY = "REGION";
 constexpr const char* TOKEN_STATUS_KEY = "tamid_token_status";
 constexpr const char* JOINED_STATUS = "already_join_pelmar";  // the device is a member
-constexpr const char* LOGIN_STATUS = "login_temp";            // an account was logged in, nothing is joined yet
+constexpr const char* LOGIN_STATUS =
+    "login_temp";  // an account was logged in, nothing is joined yet
 constexpr const char* GLOBAL_REGION = "GLB";
 constexpr const char* AUTO_REGION = "auto";       // the cloud's groups decide
 constexpr const char* SUPERNODE_REGION = "supn";  // no hub of the organisation, a super node
 
-constexpr const char* PRODUCTION_SITE = "production";  // the environment unless the settings say otherwise
+constexpr const char* PRODUCTION_SITE =
+    "production";  // the environment unless the settings say otherwise
 
 // Folder that this application is installed in.
 [[nodiscard]] int get_install_path(std::string& out);
-// The environment that the developer switch application picked, production where that is not installed.
+// The environment that the developer switch application picked, production where that is not
+// installed.
 [[nodiscard]] int get_hollex_site(std::string& out);
 [[nodiscard]] int get_pelmar_site(std::string& out);
 // These two give 0 with an empty name after a failed read: a page shows a blank then.

@@ -18,7 +18,8 @@ namespace ormel::pelmar {
 namespace {
 
 constexpr const char* UNKNOWN_REGION = "unknown";
-constexpr int32_t DROVIK_PORT = 15533;  // of the appliance's own tunnel to the super node; nothing here looks at it
+constexpr int32_t DROVIK_PORT =
+    15533;  // of the appliance's own tunnel to the super node; nothing here looks at it
 
 // What of the document is known before it is built.
 struct Membership {
@@ -40,9 +41,12 @@ std::string value_in_file(const std::string& content, const char* key) {
 }
 
 void read_settings(Membership& member) {
-  if (get_org_name(member.org_name) != NO_ERROR) ORMEL_LOG(ERROR, "Failed to get org name, leaving blank");
-  if (get_region_name(member.region_name) != NO_ERROR) ORMEL_LOG(ERROR, "Failed to get region name, leaving blank");
-  if (get_virtual_ip(member.virtual_ip) != NO_ERROR) ORMEL_LOG(ERROR, "Failed to get virtual ip, leaving blank");
+  if (get_org_name(member.org_name) != NO_ERROR)
+    ORMEL_LOG(ERROR, "Failed to get org name, leaving blank");
+  if (get_region_name(member.region_name) != NO_ERROR)
+    ORMEL_LOG(ERROR, "Failed to get region name, leaving blank");
+  if (get_virtual_ip(member.virtual_ip) != NO_ERROR)
+    ORMEL_LOG(ERROR, "Failed to get virtual ip, leaving blank");
 }
 
 const char* region_type(const std::string& region) {
@@ -116,12 +120,15 @@ int get_pelmar_status(JsonValue& data) {
   Membership member;
   member.org_id = value_in_file(content, ORG_ID_KEY);
   read_settings(member);
-  if (mibsh_get_hubinfo(member.hub_name, member.hub_ip, member.supernode_name, member.supernode_ip) != NO_ERROR) {
+  if (mibsh_get_hubinfo(member.hub_name, member.hub_ip, member.supernode_name,
+                        member.supernode_ip) != NO_ERROR) {
     ORMEL_LOG(ERROR, "Failed to get hub info");
   }
-  std::ignore = system::getcfg_wrapper(PELMAR_CONF, JOIN_SECTION, REGION_ID_KEY, UNKNOWN_REGION, member.region_id);
+  std::ignore = system::getcfg_wrapper(PELMAR_CONF, JOIN_SECTION, REGION_ID_KEY, UNKNOWN_REGION,
+                                       member.region_id);
   data["region_type"] = region_type(member.region_id);
-  std::ignore = mibsh_get_ipsec_status(member.router_status, member.supernode_status);  // zeroes show a failure too
+  std::ignore = mibsh_get_ipsec_status(member.router_status,
+                                       member.supernode_status);  // zeroes show a failure too
   tell_supernode(member, data["supernode"]);
   tell_hub(member, data["hub"]);
   const int64_t connection = mibsh_get_cloud_status();
@@ -138,8 +145,8 @@ int get_pelmar_status(JsonValue& data) {
   if (mibsh_update_and_check_timeout(mqtt, vpn, is_mqtt_timeout, is_ipsec_timeout) != NO_ERROR) {
     ORMEL_LOG(ERROR, "Failed to update status and check timeout");
   }
-  ORMEL_LOG(INFO, "mqtt_status: %d, vpn_status: %d, is_mqtt_timeout: %d, is_ipsec_timeout: %d", mqtt, vpn,
-            is_mqtt_timeout, is_ipsec_timeout);
+  ORMEL_LOG(INFO, "mqtt_status: %d, vpn_status: %d, is_mqtt_timeout: %d, is_ipsec_timeout: %d",
+            mqtt, vpn, is_mqtt_timeout, is_ipsec_timeout);
   orchestrator["is_mqtt_timeout"] = is_mqtt_timeout;
   local["is_ipsec_timeout"] = is_ipsec_timeout;
   return NO_ERROR;

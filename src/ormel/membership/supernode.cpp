@@ -30,7 +30,8 @@ bool take_fields(const json_t* data, const char* (&values)[FIELDS]) {
 std::string record_text(const char* const (&values)[FIELDS]) {
   std::string text = "{\n";
   for (size_t i = 0; i < FIELDS; ++i) {
-    text += "    \"" + std::string(KEYS[i]) + "\": \"" + values[i] + (i + 1 < FIELDS ? "\",\n" : "\"\n");
+    text += "    \"" + std::string(KEYS[i]) + "\": \"" + values[i] +
+            (i + 1 < FIELDS ? "\",\n" : "\"\n");
   }
   return text + '}';
 }
@@ -66,8 +67,11 @@ int parse_supernode(const std::string& text) {
     ORMEL_LOG(ERROR, "Missing or invalid required fields");
     return ERR_WRONG_JSON_FORMAT;
   }
-  ORMEL_LOG(INFO, "SuperNodeId: %s, RemoteIP: %s, RemoteTunnelIP: %s, RemoteSubnet: %s, LocalTunnelIP: %s", values[ID],
-            values[REMOTE_IP], values[REMOTE_TUNNEL_IP], values[REMOTE_SUBNET], values[LOCAL_TUNNEL_IP]);
+  ORMEL_LOG(
+      INFO,
+      "SuperNodeId: %s, RemoteIP: %s, RemoteTunnelIP: %s, RemoteSubnet: %s, LocalTunnelIP: %s",
+      values[ID], values[REMOTE_IP], values[REMOTE_TUNNEL_IP], values[REMOTE_SUBNET],
+      values[LOCAL_TUNNEL_IP]);
   ORMEL_LOG(INFO, "SuperNode configuration processed successfully");
   return write_record(record_text(values));
 }

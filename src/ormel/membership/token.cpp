@@ -29,8 +29,8 @@ bool take_data(const json_t* root, std::string& out) {
   return true;
 }
 
-// The text between the character after the first "=" and the last one of the first line with `mark`: both are
-// taken for quotes. Empty when there is no such line.
+// The text between the character after the first "=" and the last one of the first line with
+// `mark`: both are taken for quotes. Empty when there is no such line.
 std::string quoted_value(const std::string& content, const char* mark) {
   for (const std::string& line : split_lines(content)) {
     if (line.find(mark) == std::string::npos) continue;
@@ -73,7 +73,8 @@ int get_cloudtoken(std::string& out) {
     return ERR_WRONG_JSON_FORMAT;
   }
   if (json_integer_value(error) != 0) {
-    ORMEL_LOG(ERROR, "Get_cloudtoken responded with error code: %d", static_cast<int>(json_integer_value(error)));
+    ORMEL_LOG(ERROR, "Get_cloudtoken responded with error code: %d",
+              static_cast<int>(json_integer_value(error)));
     return ERR_CMD_FAILED;
   }
   if (take_data(answer.document.get(), out)) return NO_ERROR;
@@ -83,7 +84,8 @@ int get_cloudtoken(std::string& out) {
 
 int save_skarn_token(const std::string& encoded) {
   const Json request{json_pack("{s:s}", "oauth_response_encoded", encoded.c_str())};
-  if (request && plain_call(TOKEN_SERVICE, "Save_cloudtoken", request.get()).status == MIB_SUCCESS) return NO_ERROR;
+  if (request && plain_call(TOKEN_SERVICE, "Save_cloudtoken", request.get()).status == MIB_SUCCESS)
+    return NO_ERROR;
   ORMEL_LOG(ERROR, "Failed to call mibsh ormel_network_service.Save_cloudtoken");
   return ERR_CMD_FAILED;
 }
@@ -195,8 +197,8 @@ int mibsh_response_checker(const json_t* root) {
   }
   if (json_integer_value(error) == 0) return NO_ERROR;
   const char* const message = json_string_value(json_object_get(root, "error_message"));
-  ORMEL_LOG(ERROR, "mibsh response error %s, msg = %s", std::to_string(json_integer_value(error)).c_str(),
-            message ? message : "");
+  ORMEL_LOG(ERROR, "mibsh response error %s, msg = %s",
+            std::to_string(json_integer_value(error)).c_str(), message ? message : "");
   return ERR_WRONG_JSON_FORMAT;
 }
 

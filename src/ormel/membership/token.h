@@ -1,5 +1,5 @@
-// The three bearer values of a member device. The program stores none of them itself but for what the cloud agent's
-// file holds; daemons keep and hand out the others.
+// The three bearer values of a member device. The program stores none of them itself but for what
+// the cloud agent's file holds; daemons keep and hand out the others.
 //
 // Each operation gives 0 or an ERROR_CODE and fills `out`.
 #pragma once
@@ -32,7 +32,8 @@ constexpr const char* EXPRESS_SERVICE = "pelmar_expressd";
 // The device token as the running agent has it.
 [[nodiscard]] int mibsh_get_device_token(std::string& out);
 
-// Judges an answer: 0, ERR_MIB_IO_FAILED for none, ERR_WRONG_JSON_FORMAT for one that lacks its `error` or carries one.
+// Judges an answer: 0, ERR_MIB_IO_FAILED for none, ERR_WRONG_JSON_FORMAT for one that lacks its
+// `error` or carries one.
 [[nodiscard]] int mibsh_response_checker(const json_t* root);
 
 // The cloud agent's file below the application's folder.

@@ -29,7 +29,8 @@ int stop_pelmar_services() {
   }
   for (const char* action : {"remove_dummy_interface", "stop"}) {
     if (invoke_cloudagent(action) == NO_ERROR) continue;
-    ORMEL_LOG(ERROR, "Failed to invoke cloudagent %s, but continue to stop pelmar services", action);
+    ORMEL_LOG(ERROR, "Failed to invoke cloudagent %s, but continue to stop pelmar services",
+              action);
   }
   return NO_ERROR;
 }
@@ -55,7 +56,8 @@ int device_unregister(JsonValue& data) {
   }
   ORMEL_LOG(INFO, "get deviceId: %s", device_id.c_str());
   std::string answer;
-  if (const int rc = pelmar_api_device_unregister(device_id, pelmar_token, skarn_token, answer); rc != NO_ERROR) {
+  if (const int rc = pelmar_api_device_unregister(device_id, pelmar_token, skarn_token, answer);
+      rc != NO_ERROR) {
     ORMEL_LOG(ERROR, "Failed to unregister device");
     return rc;
   }
@@ -66,10 +68,11 @@ int device_unregister(JsonValue& data) {
 
 int pelmar_api_device_unregister(const std::string& device_id, const std::string& pelmar_token,
                                  const std::string& skarn_token, std::string& out) {
-  CloudCall call{CloudOperation::UNREGISTER_DEVICE,
-                 {.skarn_token = skarn_token, .pelmar_token = pelmar_token, .device_id = device_id}};
-  ORMEL_LOG(INFO, "try to unregister device with pelmarToken: %s, skarnToken: %s", pelmar_token.c_str(),
-            skarn_token.c_str());
+  CloudCall call{
+      CloudOperation::UNREGISTER_DEVICE,
+      {.skarn_token = skarn_token, .pelmar_token = pelmar_token, .device_id = device_id}};
+  ORMEL_LOG(INFO, "try to unregister device with pelmarToken: %s, skarnToken: %s",
+            pelmar_token.c_str(), skarn_token.c_str());
   if (call.perform(out) != NO_ERROR) {
     ORMEL_LOG(ERROR, "Failed to unregister device");
     return ERR_PELMAR_UNREGISTER;

@@ -35,14 +35,16 @@ Json subnets_of_device() {
     ORMEL_LOG(WARN, "Failed to collect excluded subnets, continuing without them");
     return list;
   }
-  for (const std::string& subnet : subnets) json_array_append_new(list.get(), json_string(subnet.c_str()));
+  for (const std::string& subnet : subnets)
+    json_array_append_new(list.get(), json_string(subnet.c_str()));
   return list;
 }
 
 // The request's body; null for an address that is no UTF-8.
 CString check_body(const std::string& ip, Json subnets) {
-  const Json root{json_pack("{s:[{s:s, s:s, s:s, s:o}]}", "data", "ip", ip.c_str(), "submask", HOST_PREFIX, "type",
-                            "virtualIP", "excludedSubnets", subnets.release())};
+  const Json root{json_pack("{s:[{s:s, s:s, s:s, s:o}]}", "data", "ip", ip.c_str(), "submask",
+                            HOST_PREFIX, "type", "virtualIP", "excludedSubnets",
+                            subnets.release())};
   return CString{root ? json_dumps(root.get(), JSON_COMPACT) : nullptr};
 }
 
@@ -51,7 +53,8 @@ std::string suggestion_of(const json_t* root) {
   size_t index = 0;
   json_t* element = nullptr;
   json_array_foreach(json_object_get(root, "data"), index, element) {
-    const char* const text = json_string_value(json_object_get(json_object_get(element, "data"), "sugIPNet"));
+    const char* const text =
+        json_string_value(json_object_get(json_object_get(element, "data"), "sugIPNet"));
     if (text && *text) return {text, std::strcspn(text, "/")};
   }
   return "";
@@ -67,13 +70,13 @@ int take_suggestion(const std::string& answer, std::string& ip) {
   }
   const std::string original = ip;
   if (const std::string suggested = suggestion_of(root.get()); !suggested.empty()) {
-    ORMEL_LOG(INFO, "IP subnet conflict detected. Original IP: %s, Suggested IP: %s", original.c_str(),
-              suggested.c_str());
+    ORMEL_LOG(INFO, "IP subnet conflict detected. Original IP: %s, Suggested IP: %s",
+              original.c_str(), suggested.c_str());
     ip = suggested;
   }
   ORMEL_LOG(INFO, "%s Original IP: %s, Suggested IP: %s",
-            ip == original ? "IP subnet conflict not detected." : "IP subnet conflict detected.", original.c_str(),
-            ip.c_str());
+            ip == original ? "IP subnet conflict not detected." : "IP subnet conflict detected.",
+            original.c_str(), ip.c_str());
   return NO_ERROR;
 }
 
@@ -89,7 +92,8 @@ bool pool_of(const config::PolyConfig* stored, in_addr& pool) {
 int call_express(const char* method) {
   const system::PlainReply answer = system::plain_call(EXPRESS_SERVICE, method);
   if (answer.status == MIB_SUCCESS) return NO_ERROR;
-  ORMEL_LOG(ERROR, "%s: mib_call failed, method: %s, ret: %d", "modify_virtual_ip", method, answer.status);
+  ORMEL_LOG(ERROR, "%s: mib_call failed, method: %s, ret: %d", "modify_virtual_ip", method,
+            answer.status);
   return ERR_CMD_FAILED;
 }
 
@@ -126,7 +130,8 @@ int pelmar_api_ip_subnet_check(std::string& ip) {
     return NO_ERROR;
   }
   if (rc == ERR_HTTP_ERROR) return take_suggestion(answer, ip);
-  ORMEL_LOG(ERROR, "Failed to call pelmar api ip_subnet_check, response: %s, error: %d", answer.c_str(), rc);
+  ORMEL_LOG(ERROR, "Failed to call pelmar api ip_subnet_check, response: %s, error: %d",
+            answer.c_str(), rc);
   return rc;
 }
 
@@ -143,8 +148,10 @@ bool conflicts_with_vpn_server(const std::string& ip) {
     if (!system::is_intersect(address, ONE_HOST, pool, mask)) continue;
     char start[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &pool, start, sizeof start);
-    ORMEL_LOG(ERROR, "Virtual IP %s conflicts with %s subnet (%s/24)", ip.c_str(), facts.section, start);
-    ORMEL_LOG(ERROR, "%s: ip pool conflict with %s server.", "pelmar_check_virtual_ip", facts.section);
+    ORMEL_LOG(ERROR, "Virtual IP %s conflicts with %s subnet (%s/24)", ip.c_str(), facts.section,
+              start);
+    ORMEL_LOG(ERROR, "%s: ip pool conflict with %s server.", "pelmar_check_virtual_ip",
+              facts.section);
     return true;
   }
   return false;

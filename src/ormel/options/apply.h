@@ -1,5 +1,5 @@
-// The appliers of the option table: a setter for each plain kind of value, functions for the others. They are called
-// through the table, which has checked type, action and emptiness.
+// The appliers of the option table: a setter for each plain kind of value, functions for the
+// others. They are called through the table, which has checked type, action and emptiness.
 #pragma once
 
 #include "base/tunnel.h"
@@ -58,7 +58,8 @@ inline bool empty(const char* value) {
 }
 
 // The interfaces that a server may take for the way out.
-inline constexpr const char* OUT_EIF = "^(all|none|(eth|dvs|br|bond|docker|lxcbr|ppp|tun|dtunc|wgc)[0-9]+)$";
+inline constexpr const char* OUT_EIF =
+    "^(all|none|(eth|dvs|br|bond|docker|lxcbr|ppp|tun|dtunc|wgc)[0-9]+)$";
 
 // The failures that appliers report, each with the detail that the user sees.
 inline int bad_value(const char* detail) {
@@ -114,7 +115,8 @@ int set_truth(BaseConfig** record, const char* value) {
   return parse_truth(value, field<Field>(record)) ? NO_ERROR : bad_value(value);
 }
 
-// A text of at most `Limit` bytes; `Code` reports a longer one. Only a client stores it: a server takes the option too.
+// A text of at most `Limit` bytes; `Code` reports a longer one. Only a client stores it: a server
+// takes the option too.
 template <auto Field, size_t Limit, ERROR_CODE Code>
 int set_client_text(BaseConfig** record, const char* value) {
   const std::string text = value ? value : "";

@@ -34,7 +34,8 @@ int begin_action(BaseConfig** record, const char* option) {
 }
 
 // An action on the profile that `value` numbers.
-int apply_indexed(BaseConfig** record, const char* value, const char* option, int least, ACTION action) {
+int apply_indexed(BaseConfig** record, const char* value, const char* option, int least,
+                  ACTION action) {
   if (const int rc = begin_action(record, option); rc != NO_ERROR) return rc;
   if (empty(value)) return bad_value(option + 2);
   const int index = to_int(value);
@@ -108,7 +109,8 @@ std::string& psk_of(BaseConfig** record) {
 int apply_type(BaseConfig** record, const char* value) {
   if (*record) return duplicate("--type");
   if (empty(value)) return bad_value("type");
-  *record = config::make_record(parse_type(value), 0).release();  // to the holder that `record` is the field of
+  *record = config::make_record(parse_type(value), 0)
+                .release();  // to the holder that `record` is the field of
   return *record ? NO_ERROR : error_message(ERR_UNKNOWN_OPTION, value);
 }
 
@@ -258,7 +260,8 @@ int apply_secret(BaseConfig** record, const char* value) {
 }
 
 int apply_psk(BaseConfig** record, const char* value) {
-  constexpr int OTHERS = L2TP_SERVER_TYPE | L2TP_CLIENT_TYPE | DROVIK_SERVER_TYPE | DROVIK_CLIENT_TYPE;
+  constexpr int OTHERS =
+      L2TP_SERVER_TYPE | L2TP_CLIENT_TYPE | DROVIK_SERVER_TYPE | DROVIK_CLIENT_TYPE;
   if (((*record)->type & OTHERS) != 0) {
     if (empty(value)) {
       ORMEL_LOG(ERROR, "psk is NULL or 0.");

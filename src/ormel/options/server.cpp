@@ -40,7 +40,8 @@ bool network_of(const ServerConfig& server, in_addr& addr, in_addr& mask) {
     return system::parse_address(server.ip_begin, addr);
   }
   const auto& wireguard = static_cast<const wireguard::ServerConfig&>(server);
-  std::ignore = system::parse_address(wireguard.server_ip, addr);  // a bad one stays 0.0.0.0, as does the mask
+  std::ignore = system::parse_address(wireguard.server_ip,
+                                      addr);  // a bad one stays 0.0.0.0, as does the mask
   std::ignore = system::parse_address(wireguard.server_mask_str, mask);
   return true;
 }
@@ -80,7 +81,9 @@ int apply_maximum(BaseConfig** record, const char* value) {
 int apply_out_eif(BaseConfig** record, const char* value) {
   const char* interface = value ? value : "none";
   if (!Regex(OUT_EIF).search(interface)) {
-    return bad_value("--apply_out_eif only support none, eth, dvs, br, bond, docker, lxcbr, ppp, dtunc and tun device");
+    return bad_value(
+        "--apply_out_eif only support none, eth, dvs, br, bond, docker, lxcbr, ppp, dtunc and tun "
+        "device");
   }
   as<ServerConfig>(record).out_eif = interface;
   return NO_ERROR;

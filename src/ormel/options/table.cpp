@@ -33,13 +33,16 @@ constexpr int DROVIK = DROVIK_SERVER_TYPE | DROVIK_CLIENT_TYPE;
 constexpr int WIREGUARD = WIREGUARD_SERVER_TYPE | WIREGUARD_CLIENT_TYPE;
 
 constexpr const char* NOT_A_CLIENT = "--name only for PPTP, L2TP, OVPN, DROVIK and WIREGUARD";
-constexpr const char* NOT_A_SERVER = "--enable only for SPPTP, SL2TP, SOVPN, SDROVIK and SWIREGUARD";
+constexpr const char* NOT_A_SERVER =
+    "--enable only for SPPTP, SL2TP, SOVPN, SDROVIK and SWIREGUARD";
 constexpr const char* NOT_OPENVPN = "--compress only for OpenVPN";
 
 // A server is only modified; a client is also added.
 constexpr int SETTING = ADD_ACTION | MODIFY_ACTION;
-constexpr Actions ADD_OR_MODIFY{SETTING, "only for --add or --modify", SETTING, "only for --add or --modify"};
-constexpr Actions NAME_ACTIONS{0, nullptr, SETTING | IMPORT_ACTION, "only for --add --import or --modify"};
+constexpr Actions ADD_OR_MODIFY{SETTING, "only for --add or --modify", SETTING,
+                                "only for --add or --modify"};
+constexpr Actions NAME_ACTIONS{0, nullptr, SETTING | IMPORT_ACTION,
+                               "only for --add --import or --modify"};
 constexpr Actions AUTH_ACTIONS{MODIFY_ACTION, "SPPTP and SL2TP only support --modify", SETTING,
                                "PPTP and L2TP only support --add or --modify"};
 constexpr Actions ENC_ACTIONS{MODIFY_ACTION, "SPPTP and SOVPN only support --modify", SETTING,
@@ -174,7 +177,8 @@ int check_record(const CommandOption& row, const BaseConfig* record) {
   if (row.wrong_type && (record->type & row.types) == 0) return wrong_type(row.wrong_type);
   if (!row.actions) return NO_ERROR;
   const bool server = is_server(record->type);
-  if ((record->action & (server ? row.actions->servers : row.actions->clients)) != 0) return NO_ERROR;
+  if ((record->action & (server ? row.actions->servers : row.actions->clients)) != 0)
+    return NO_ERROR;
   return wrong_action(server ? row.actions->server_refusal : row.actions->client_refusal);
 }
 
@@ -195,8 +199,10 @@ TYPE parse_type(const char* value) {
 }
 
 int apply_option(const CommandOption& row, BaseConfig** record, const char* value) {
-  // An INI file cannot hold a line break in a value, so none is let in. A password is stored encoded.
-  if (value && row.fpr != apply_pass && std::strpbrk(value, "\r\n")) return error_message(ERR_VALUE, nullptr);
+  // An INI file cannot hold a line break in a value, so none is let in. A password is stored
+  // encoded.
+  if (value && row.fpr != apply_pass && std::strpbrk(value, "\r\n"))
+    return error_message(ERR_VALUE, nullptr);
   if (row.types != 0) {
     if (const int rc = check_record(row, *record); rc != NO_ERROR) return rc;
   }
@@ -237,7 +243,8 @@ int apply_cmd_option(BaseConfig** record, CommandOptions&, cgi_var* var) {
   const char* name = get_cgi_var_name(var);
   if (!name) return NO_ERROR;
   for (const CommandOption* row = COMMAND_OPTIONS; row->fpr; ++row) {
-    if (row->cgi && std::strcmp(row->opt.name, name) == 0) return apply_option(*row, record, get_cgi_var_value(var));
+    if (row->cgi && std::strcmp(row->opt.name, name) == 0)
+      return apply_option(*row, record, get_cgi_var_value(var));
   }
   return NO_ERROR;
 }
@@ -253,7 +260,8 @@ std::unique_ptr<PolyConfig> get_options(int argc, char** argv) {
   optind = 0;  // from the first argument, also when another parse came before
   for (;;) {
     int long_index = 0;
-    const int letter = getopt_long(argc, argv, options.short_options.c_str(), options.long_options.data(), &long_index);
+    const int letter = getopt_long(argc, argv, options.short_options.c_str(),
+                                   options.long_options.data(), &long_index);
     if (letter == -1) break;
     const bool unknown = letter == ':' || letter == '?';
     if (unknown) show_usage(program);
@@ -299,8 +307,8 @@ int apply_form(BaseConfig** record, CommandOptions& options, cgi_var* vars) {
   return NO_ERROR;
 }
 
-// "enable" is applied twice where it turns a server off: first, so that a clash of the pool does not block the change,
-// and last, as when it turns one on, so that the new pool is what is tested.
+// "enable" is applied twice where it turns a server off: first, so that a clash of the pool does
+// not block the change, and last, as when it turns one on, so that the new pool is what is tested.
 int apply_all(BaseConfig** record, CommandOptions& options, cgi_var* vars) {
   cgi_var* enable = find_enable(vars);
   if (enable && turns_off(enable)) {
@@ -312,7 +320,8 @@ int apply_all(BaseConfig** record, CommandOptions& options, cgi_var* vars) {
 
 }  // namespace
 
-std::unique_ptr<PolyConfig> get_options(std::unique_ptr<PolyConfig> record, cgi_var* vars, int& result) {
+std::unique_ptr<PolyConfig> get_options(std::unique_ptr<PolyConfig> record, cgi_var* vars,
+                                        int& result) {
   is_cgi_mode = true;
   CommandOptions options;
   BaseConfig* work = record->bc.get();  // "type" is closed to forms, so it stays this one

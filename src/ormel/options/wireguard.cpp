@@ -62,7 +62,8 @@ int apply_client_mask(BaseConfig** record, const char* value) {
 }
 
 int apply_peer_allow_ip(BaseConfig** record, const char* value) {
-  if ((*record)->type == WIREGUARD_SERVER_TYPE) return apply_server_allow_ip(as<ServerConfig>(record), value);
+  if ((*record)->type == WIREGUARD_SERVER_TYPE)
+    return apply_server_allow_ip(as<ServerConfig>(record), value);
   as<ClientConfig>(record).peer_allow_ip = empty(value) ? "0.0.0.0/0" : value;
   return NO_ERROR;
 }

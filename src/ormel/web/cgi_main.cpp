@@ -18,8 +18,9 @@ constexpr std::string_view POOL_ROUTES = "/ormel/config/";  // what holds this w
 }  // namespace
 
 std::string call(std::string_view path, const std::string& query) {
-  return answer_locally(query, LOCAL_ADMINISTRATOR,
-                        [path](JsonValue& response) { serve_path(path, response); });  // the answer has the code too
+  return answer_locally(query, LOCAL_ADMINISTRATOR, [path](JsonValue& response) {
+    serve_path(path, response);
+  });  // the answer has the code too
 }
 
 int main(int, char**) {

@@ -15,7 +15,8 @@ namespace {
 
 using Action = int (*)(std::unique_ptr<PolyConfig> record, JsonValue* out);
 
-// The work record of a request: of the type that it names and with an action. 0, ERR_NO_TYPE or ERR_WRONG_TYPE.
+// The work record of a request: of the type that it names and with an action. 0, ERR_NO_TYPE or
+// ERR_WRONG_TYPE.
 int begin(const Request& request, ACTION action, std::unique_ptr<PolyConfig>& record) {
   if (!request.filled("type")) return ERR_NO_TYPE;
   record = std::make_unique<PolyConfig>(create_config(request.value("type")));
@@ -25,7 +26,8 @@ int begin(const Request& request, ACTION action, std::unique_ptr<PolyConfig>& re
 }
 
 // Applies the form to the work record and hands it to the action.
-int perform(const Request& request, std::unique_ptr<PolyConfig> record, Action action, JsonValue* out) {
+int perform(const Request& request, std::unique_ptr<PolyConfig> record, Action action,
+            JsonValue* out) {
   int rc = NO_ERROR;
   record = option::get_options(std::move(record), request.vars(), rc);
   return rc == NO_ERROR ? action(std::move(record), out) : rc;

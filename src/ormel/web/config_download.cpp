@@ -20,8 +20,9 @@ namespace {
 
 constexpr const char* HOST_NAME = "/proc/sys/kernel/hostname";
 constexpr int ADDRESS_SIZE = 255;
-constexpr const char* UDP = "UDP";                               // the server's protocol as it is loaded
-constexpr const char* WEAK_SIGNATURE = "sha1WithRSAEncryption";  // refused by clients that keep to today's level
+constexpr const char* UDP = "UDP";  // the server's protocol as it is loaded
+constexpr const char* WEAK_SIGNATURE =
+    "sha1WithRSAEncryption";  // refused by clients that keep to today's level
 constexpr const char* WEAK_LEVEL = ":@SECLEVEL=0";
 
 // What the files are made of.
@@ -43,43 +44,44 @@ int read_source(Source& source) {
 }
 
 std::string head_for(const std::string& file) {
-  return "Content-type: application/octet-stream\r\nContent-Disposition: attachment; filename=" + file +
-         "\r\nContent-Transfer-Encoding: binary\r\n";
+  return "Content-type: application/octet-stream\r\nContent-Disposition: attachment; filename=" +
+         file + "\r\nContent-Transfer-Encoding: binary\r\n";
 }
 
 std::string profile_text(const Source& source, const char* address) {
   const ovpn::ServerConfig& server = *source.server;
   const auto stored = static_cast<unsigned int>(server.encryption);
-  const unsigned int level = stored < std::size(ovpn::CIPHERS) ? stored : static_cast<unsigned int>(MEDIUM_ENCRYPTION);
+  const unsigned int level =
+      stored < std::size(ovpn::CIPHERS) ? stored : static_cast<unsigned int>(MEDIUM_ENCRYPTION);
   const bool udp = server.protocol == UDP;
   const char* const strong = ovpn::tls_ciphers();
   const char* const tls_ciphers[] = {"NONE", strong, strong};  // by level, as the ciphers
   char* text = nullptr;
-  const int length =
-      asprintf(&text,
-               "## How to setup OpenVPN client?\n"
-               "## 1. Install OpenVPN software on your platform.\n"
-               "## 2. Double click %s.ovpn file to create new connection profile.\n"
-               "## 3. Type username and password while connection.\n"
-               "\n"
-               "client\n"
-               "dev tun\n"
-               "script-security 3\n"
-               "remote %s %d\n"
-               "resolv-retry infinite\n"
-               "nobind\n"
-               "auth-nocache\n"
-               "auth-user-pass\n"
-               "remote-cert-tls server\n"
-               "reneg-sec 0\n"
-               "cipher %s\n"
-               "tls-cipher %s%s\n"
-               "%s\n"
-               "proto %s\n"
-               "%s\n",
-               source.host.c_str(), address, server.port, ovpn::CIPHERS[level], tls_ciphers[level],
-               server.signature_algorithm == WEAK_SIGNATURE ? WEAK_LEVEL : "", server.compress ? "comp-lzo" : "",
-               udp ? "udp" : "tcp", udp ? "explicit-exit-notify 1" : "");
+  const int length = asprintf(
+      &text,
+      "## How to setup OpenVPN client?\n"
+      "## 1. Install OpenVPN software on your platform.\n"
+      "## 2. Double click %s.ovpn file to create new connection profile.\n"
+      "## 3. Type username and password while connection.\n"
+      "\n"
+      "client\n"
+      "dev tun\n"
+      "script-security 3\n"
+      "remote %s %d\n"
+      "resolv-retry infinite\n"
+      "nobind\n"
+      "auth-nocache\n"
+      "auth-user-pass\n"
+      "remote-cert-tls server\n"
+      "reneg-sec 0\n"
+      "cipher %s\n"
+      "tls-cipher %s%s\n"
+      "%s\n"
+      "proto %s\n"
+      "%s\n",
+      source.host.c_str(), address, server.port, ovpn::CIPHERS[level], tls_ciphers[level],
+      server.signature_algorithm == WEAK_SIGNATURE ? WEAK_LEVEL : "",
+      server.compress ? "comp-lzo" : "", udp ? "udp" : "tcp", udp ? "explicit-exit-notify 1" : "");
   const CString owner{length < 0 ? nullptr : text};
   return owner ? owner.get() : "";
 }
@@ -110,7 +112,8 @@ void note_delivery() {
 
 constexpr Route ROWS[] = {
     {"/ormel/config/download", ADMINISTRATOR, CHANGES, download<send_profile, note_delivery>},
-    {"/ormel/config/downloadcert", ADMINISTRATOR, CHANGES, download<send_certificate, note_delivery>},
+    {"/ormel/config/downloadcert", ADMINISTRATOR, CHANGES,
+     download<send_certificate, note_delivery>},
 };
 
 }  // namespace

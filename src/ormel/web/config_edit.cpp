@@ -22,7 +22,8 @@ using ormel::config::cm;
 
 namespace {
 
-// The first line of vpn.conf with `text` in it means a failure: `refusal`. Without such a line there is no failure.
+// The first line of vpn.conf with `text` in it means a failure: `refusal`. Without such a line
+// there is no failure.
 int check_line(const std::string& text, ERROR_CODE refusal) {
   std::string content;
   if (!system::read_file(ormel::config::VPN_CONF, content)) return ERR_MISSING_VPN_CONF;
@@ -58,11 +59,13 @@ int check_wireguard_network(const Request& request) {
 int check_network(const Request& request, TYPE type) {
   if (!turns_on(request)) return NO_ERROR;
   if (type == WIREGUARD_SERVER_TYPE) return check_wireguard_network(request);
-  return request.has("ip_pool") ? system::is_network_intersect(request.value("ip_pool"), ormel::config::POOL_MASK)
-                                : NO_ERROR;
+  return request.has("ip_pool")
+             ? system::is_network_intersect(request.value("ip_pool"), ormel::config::POOL_MASK)
+             : NO_ERROR;
 }
 
-// Applies the request to a copy, so that the stored profile stays as it is until all has been checked.
+// Applies the request to a copy, so that the stored profile stays as it is until all has been
+// checked.
 int change(const Request& request, TYPE type, int index, JsonValue& data) {
   auto record = cm.clone(type, index);
   if (!record) return ERR_CONFIGURE_INDEX;
@@ -82,9 +85,11 @@ int modify_profile(const Request& request, JsonValue& reply) {
   int index = 0;
   if (rc = read_index(request, type, index); rc != NO_ERROR) return rc;
   if (rc = check_network(request, type); rc != NO_ERROR) return rc;
-  if (rc = change(request, type, index, reply["data"]); rc != NO_ERROR || is_client(type)) return rc;
+  if (rc = change(request, type, index, reply["data"]); rc != NO_ERROR || is_client(type))
+    return rc;
   // The server has been stored and restarted by now, and stays so.
-  return check_line(std::string(tunnel_of(type).section) + RULES_LINE, ERR_WRONG_VPN_IPTABLES_RULES);
+  return check_line(std::string(tunnel_of(type).section) + RULES_LINE,
+                    ERR_WRONG_VPN_IPTABLES_RULES);
 }
 
 constexpr Route ROWS[] = {

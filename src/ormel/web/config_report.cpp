@@ -1,6 +1,6 @@
-// What an import would make of a file, before it is stored: the report on the upload `ovpn`, an OpenVPN profile or a
-// configuration file of WireGuard, with the key files of /ormel/config/import. A profile that cannot be imported is no
-// failure of the request: the report says so.
+// What an import would make of a file, before it is stored: the report on the upload `ovpn`, an
+// OpenVPN profile or a configuration file of WireGuard, with the key files of /ormel/config/import.
+// A profile that cannot be imported is no failure of the request: the report says so.
 #include <memory>
 #include <string>
 
@@ -33,7 +33,8 @@ Outcome report_upload(const Request& request, JsonValue& reply) {
   if (!get_cgi_var_filename(upload) || get_cgi_var_status(upload) != CORRECT_VAR ||
       !system::read_file(request.value("ovpn"), text, LARGEST))
     return {ERR_REGULAR_FILE};
-  if (wireguard::is_conf_file(text)) return succeed(wireguard::report_conf_file(text), "wireguard", reply);
+  if (wireguard::is_conf_file(text))
+    return succeed(wireguard::report_conf_file(text), "wireguard", reply);
 
   auto record = std::make_unique<PolyConfig>(create_config("OVPN"));
   if (!record->bc) return {ERR_WRONG_TYPE};
@@ -42,7 +43,8 @@ Outcome report_upload(const Request& request, JsonValue& reply) {
   record = option::get_options(std::move(record), request.vars(), rc);
   if (rc != NO_ERROR) return {rc};
   (*record)->file = request.value("ovpn");
-  return succeed(ovpn::report_profile(*record->cast<ovpn::ClientConfig>(), ovpn::platform_tools()), "openvpn", reply);
+  return succeed(ovpn::report_profile(*record->cast<ovpn::ClientConfig>(), ovpn::platform_tools()),
+                 "openvpn", reply);
 }
 
 constexpr Route ROWS[] = {

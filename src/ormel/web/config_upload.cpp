@@ -51,11 +51,12 @@ bool one_word(const char* path) {
 
 }  // namespace
 
-int ca_files_check(cgi_var* ovpn, cgi_var* request, json_t* missing, json_t* excessive, std::string& arguments,
-                   bool* wrong) {
+int ca_files_check(cgi_var* ovpn, cgi_var* request, json_t* missing, json_t* excessive,
+                   std::string& arguments, bool* wrong) {
   const char* path = get_cgi_var_value(ovpn);
   // An upload that was cut for its size has lost its file.
-  const File profile{path && get_cgi_var_status(ovpn) == CORRECT_VAR ? std::fopen(path, "re") : nullptr};
+  const File profile{path && get_cgi_var_status(ovpn) == CORRECT_VAR ? std::fopen(path, "re")
+                                                                     : nullptr};
   if (!profile) {
     ORMEL_LOG(ERROR, "%s", path ? path : "");
     return ERR_FILE_DESCRIPTOR_ERROR;
@@ -95,7 +96,8 @@ Outcome check_upload(const Request& request, JsonValue& reply) {
   Json excessive{json_array()};
   std::string arguments;
   bool wrong = false;
-  const int rc = ca_files_check(ovpn, request.vars(), missing.get(), excessive.get(), arguments, &wrong);
+  const int rc =
+      ca_files_check(ovpn, request.vars(), missing.get(), excessive.get(), arguments, &wrong);
   if (rc != NO_ERROR) return {rc, "ca_files_check ERROR"};
   if (wrong) {
     JsonValue& data = reply["data"];
@@ -103,7 +105,9 @@ Outcome check_upload(const Request& request, JsonValue& reply) {
     data["excessive"] = excessive.release();
     return {ERR_WRONG_CA_FILES, {}, true};
   }
-  return {system::verify_ovpn_config(get_cgi_var_value(ovpn), arguments.data()) ? NO_ERROR : ERR_OPENVPN_CLIENT};
+  return {system::verify_ovpn_config(get_cgi_var_value(ovpn), arguments.data())
+              ? NO_ERROR
+              : ERR_OPENVPN_CLIENT};
 }
 
 int check_mode(const ConfigFile& cf, JsonValue&) {
@@ -158,7 +162,8 @@ int note_login(const ConfigFile& cf, JsonValue& data) {
   return NO_ERROR;
 }
 
-// Whether a remote without a protocol that we know can do without: nothing else may name one and leave it empty.
+// Whether a remote without a protocol that we know can do without: nothing else may name one and
+// leave it empty.
 bool protocol_settled(const ConfigFile& cf, const option::OpenvpnRemotes& remote) {
   const std::string proto = to_lower(remote.remote_proto);
   if (proto.starts_with("udp") || proto.starts_with("tcp")) return true;
@@ -223,7 +228,8 @@ Outcome import_profile(const Request& request, JsonValue& reply) {
   int rc = NO_ERROR;
   record = option::get_options(std::move(record), request.vars(), rc);
   if (rc != NO_ERROR) return {rc};
-  (*record)->file = request.value("ovpn");  // what has been checked, whatever the form's options name
+  (*record)->file =
+      request.value("ovpn");  // what has been checked, whatever the form's options name
   return {ormel::import(std::move(record), &reply["data"])};
 }
 

@@ -43,7 +43,8 @@ void describe_peer(const vpn_peer& peer, const byteStat& stat, std::time_t now, 
   out["uptime"] = seconds_between(peer.vpn_time, now);
   out["source_ip"] = system::valid_utf8(peer.vpn_source);
   out["allocate_ip"] = system::valid_utf8(peer.vpn_remote);
-  out["device_info"] = peer.vpn_type == DROVIK_SERVER_TYPE ? system::valid_utf8(peer.vpn_dev_info) : "";
+  out["device_info"] =
+      peer.vpn_type == DROVIK_SERVER_TYPE ? system::valid_utf8(peer.vpn_dev_info) : "";
   out["rx_total"] = stat.rx_bytes;
   out["tx_total"] = stat.tx_bytes;
   out["rx_rate"] = stat.rx_rate;
@@ -52,10 +53,13 @@ void describe_peer(const vpn_peer& peer, const byteStat& stat, std::time_t now, 
 
 int kick_peer(const vpn_peer& peer, long type) {
   switch (type) {
-    case OVPN_SERVER_TYPE: system::kick_one_connection(OVPN_SERVER_TYPE, source_and_port(peer).c_str()); break;
+    case OVPN_SERVER_TYPE:
+      system::kick_one_connection(OVPN_SERVER_TYPE, source_and_port(peer).c_str());
+      break;
     case PPTP_SERVER_TYPE:
     case L2TP_SERVER_TYPE:
-      system::kick_one_connection(static_cast<TYPE>(type), std::to_string(peer.vpn_pid_port).c_str());
+      system::kick_one_connection(static_cast<TYPE>(type),
+                                  std::to_string(peer.vpn_pid_port).c_str());
       break;
     case DROVIK_SERVER_TYPE: return drovik::drovik_server_kick_client(peer.vpn_eth.c_str());
     default: break;

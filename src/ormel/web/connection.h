@@ -1,7 +1,9 @@
-// The live connections of the appliance's servers over the web: who is connected, and how to throw one out.
+// The live connections of the appliance's servers over the web: who is connected, and how to throw
+// one out.
 //
-// The servers' scripts, hooks and daemons keep them in one text file, a line a connection (base/online_line.h). A line
-// that is cut off or too long, or that has other text in the place of a number, is ignored.
+// The servers' scripts, hooks and daemons keep them in one text file, a line a connection
+// (base/online_line.h). A line that is cut off or too long, or that has other text in the place of
+// a number, is ignored.
 #pragma once
 
 #include <cstdint>
@@ -32,10 +34,11 @@ struct byteStat {
 namespace ormel::cgi::connection {
 
 struct vpn_peer {
-  std::time_t vpn_time = 0;    // of the login
-  uint32_t vpn_type = 0;       // ormel::TYPE of the server
-  uint32_t vpn_pid_port = 0;   // NUMBER
-  std::string vpn_eth{};       // interface; for OpenVPN a placeholder, for Drovik the client's identifier
+  std::time_t vpn_time = 0;   // of the login
+  uint32_t vpn_type = 0;      // ormel::TYPE of the server
+  uint32_t vpn_pid_port = 0;  // NUMBER
+  std::string
+      vpn_eth{};  // interface; for OpenVPN a placeholder, for Drovik the client's identifier
   std::string vpn_user{};      // decoded
   std::string vpn_local{};     // our address in the tunnel
   std::string vpn_remote{};    // the client's address in the tunnel
@@ -54,7 +57,8 @@ bool read_peers(std::vector<vpn_peer>& peers);
 
 // A connection as a row of the answer.
 void describe_peer(const vpn_peer& peer, const byteStat& stat, std::time_t now, JsonValue& out);
-// Ends a connection in the way of the server of `type`, which a request names. What cannot be ended stays.
+// Ends a connection in the way of the server of `type`, which a request names. What cannot be ended
+// stays.
 int kick_peer(const vpn_peer& peer, long type);
 
 }  // namespace ormel::cgi::connection

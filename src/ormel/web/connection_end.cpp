@@ -1,9 +1,11 @@
-// Everyone who is connected, devices of the WireGuard server included; ending connections and keeping their users out.
+// Everyone who is connected, devices of the WireGuard server included; ending connections and
+// keeping their users out.
 //
-// A connection is named "TYPE|KEY" as for /ormel/connection/kick, a device by its public key. A device counts as
-// connected for three minutes after its latest handshake. Ending a connection returns once it has left the list of live
-// connections and the server's own daemon has confirmed it. The platform's tool fenro-hold keeps the list of those who
-// are kept out; the servers ask it at each login.
+// A connection is named "TYPE|KEY" as for /ormel/connection/kick, a device by its public key. A
+// device counts as connected for three minutes after its latest handshake. Ending a connection
+// returns once it has left the list of live connections and the server's own daemon has confirmed
+// it. The platform's tool fenro-hold keeps the list of those who are kept out; the servers ask it
+// at each login.
 #include <algorithm>
 #include <charconv>
 #include <chrono>
@@ -92,7 +94,8 @@ std::vector<Device> live_devices() {
                   number_of<uint64_t>(fields[5])};
     for (int index = 1; index <= peers.max_index(); ++index) {
       const wireguard::Peer peer = peers.peer(index);
-      if (peer.pub_key == device.key) std::ignore = system::decode_urlEncoded(peer.name, device.name);
+      if (peer.pub_key == device.key)
+        std::ignore = system::decode_urlEncoded(peer.name, device.name);
     }
     devices.push_back(std::move(device));
   }
@@ -171,7 +174,8 @@ bool is_listed(const vpn_peer& wanted) {
   std::vector<vpn_peer> peers;
   read_peers(peers);
   return std::any_of(peers.begin(), peers.end(), [&](const vpn_peer& peer) {
-    return peer.vpn_type == wanted.vpn_type && key_of(peer) == key_of(wanted) && peer.vpn_time == wanted.vpn_time;
+    return peer.vpn_type == wanted.vpn_type && key_of(peer) == key_of(wanted) &&
+           peer.vpn_time == wanted.vpn_time;
   });
 }
 
@@ -180,8 +184,10 @@ bool openvpn_has(const vpn_peer& peer) {
   enum { Title, Name, Real, Virtual, Virtual6, Received, Sent, Since, SinceNumber, Fields };
   constexpr int TIMED_OUT = 124;
   std::string text;
-  const int rc = system::do_exec_safe({"/usr/bin/timeout", DAEMON_SECONDS, MANAGE_TOOL, "status 3"}, text);
-  if (rc != 0) return rc == TIMED_OUT;  // a daemon that is gone has no one; one that is stopped does not say
+  const int rc =
+      system::do_exec_safe({"/usr/bin/timeout", DAEMON_SECONDS, MANAGE_TOOL, "status 3"}, text);
+  if (rc != 0)
+    return rc == TIMED_OUT;  // a daemon that is gone has no one; one that is stopped does not say
   const std::vector<std::string> lines = split_lines(text);
   return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
     std::vector<std::string> fields = split_tabs(line);
@@ -193,8 +199,10 @@ bool openvpn_has(const vpn_peer& peer) {
 }
 
 bool drovik_has(const vpn_peer& peer) {
-  const system::PlainReply reply = system::plain_call("MorviServer", "bytes_info", nullptr, DROVIK_SECONDS);
-  if (reply.status != MIB_SUCCESS) return reply.status != MIB_NOT_READY;  // a daemon that is gone has no one
+  const system::PlainReply reply =
+      system::plain_call("MorviServer", "bytes_info", nullptr, DROVIK_SECONDS);
+  if (reply.status != MIB_SUCCESS)
+    return reply.status != MIB_NOT_READY;  // a daemon that is gone has no one
   size_t at = 0;
   const json_t* client = nullptr;
   json_array_foreach(reply.data(), at, client) {
@@ -208,12 +216,14 @@ bool ppp_has(const vpn_peer& peer) {
   const std::string path = "/proc/" + std::to_string(peer.vpn_pid_port) + "/comm";
   const File in{std::fopen(path.c_str(), "re")};
   char name[32] = "";
-  return in && std::fgets(name, sizeof name, in.get()) && std::string_view(name).starts_with("pppd");
+  return in && std::fgets(name, sizeof name, in.get()) &&
+         std::string_view(name).starts_with("pppd");
 }
 
 bool wireguard_has(const std::string& key) {
   const std::vector<Device> devices = live_devices();
-  return std::any_of(devices.begin(), devices.end(), [&](const Device& device) { return device.key == key; });
+  return std::any_of(devices.begin(), devices.end(),
+                     [&](const Device& device) { return device.key == key; });
 }
 
 bool is_gone(const Target& target) {
@@ -285,15 +295,17 @@ Outcome end_connections(const Request& request, JsonValue& reply) {
   if (minutes < 0 || minutes > MOST_MINUTES) return {ERR_VALUE, "minutes"};
   std::vector<Target> targets = read_targets(request);
   if (targets.empty()) return {ERR_CONFIGURE_INDEX, "no one is connected there"};
-  const bool device =
-      std::any_of(targets.begin(), targets.end(), [](const Target& target) { return target.is_device(); });
-  if (device && minutes == 0) return {ERR_VALUE, "a WireGuard device can only be kept out for a time"};
+  const bool device = std::any_of(targets.begin(), targets.end(),
+                                  [](const Target& target) { return target.is_device(); });
+  if (device && minutes == 0)
+    return {ERR_VALUE, "a WireGuard device can only be kept out for a time"};
   // First the hold: a client that is thrown out comes back at once.
   if (minutes > 0 && !hold_users(targets, minutes, hold::asker(request)))
     return {ERR_SAVE_FILE, "the list of those who are kept out cannot be changed"};
   for (const Target& target : targets) {
     if (!target.is_device())
-      std::ignore = kick_peer(target.peer, target.peer.vpn_type);  // a failure shows in what is still there
+      std::ignore =
+          kick_peer(target.peer, target.peer.vpn_type);  // a failure shows in what is still there
   }
   wait_until_gone(targets);
 
@@ -307,7 +319,8 @@ Outcome end_connections(const Request& request, JsonValue& reply) {
     (*item)["name"] = system::valid_utf8(target.is_device() ? target.device.name : who);
     (*item)["gone"] = target.gone;
     (*item)["ms"] = static_cast<int64_t>(target.took.count());
-    (*item)["held_until"] = held_until(holds.get(), target.is_device() ? "peer" : "user", system::valid_utf8(who));
+    (*item)["held_until"] =
+        held_until(holds.get(), target.is_device() ? "peer" : "user", system::valid_utf8(who));
     data.append(std::move(item));
     all = all && target.gone;
   }

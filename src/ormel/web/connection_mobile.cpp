@@ -1,4 +1,5 @@
-// The registration of mobile devices, which log in to the OpenVPN server with the identifier that they get here.
+// The registration of mobile devices, which log in to the OpenVPN server with the identifier that
+// they get here.
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
@@ -49,7 +50,8 @@ Outcome register_device(const Request& request, JsonValue& reply) {
   const auto device = std::make_unique<db_device_info_data>();
   fill_field(device->fenrosid, sid);
   fill_field(device->user_id, field_text(session.user));
-  if (const std::string wrong = read_device(request, *device); !wrong.empty()) return {ERR_GENERAL, wrong};
+  if (const std::string wrong = read_device(request, *device); !wrong.empty())
+    return {ERR_GENERAL, wrong};
   device->time = static_cast<uint64_t>(std::time(nullptr));
 
   ormel_mobile_gen_uuid_data_get identifier{};

@@ -9,7 +9,8 @@ namespace ormel::cgi::connection {
 
 namespace {
 
-constexpr size_t LINE_SIZE = size_t{64} * 1024;  // only the device text can be long, and none is that long
+constexpr size_t LINE_SIZE =
+    size_t{64} * 1024;  // only the device text can be long, and none is that long
 
 }  // namespace
 
@@ -18,7 +19,8 @@ std::string source_and_port(const vpn_peer& peer) {
 }
 
 std::string key_of(const vpn_peer& peer) {
-  return sessions_of(static_cast<TYPE>(peer.vpn_type)) == Sessions::OPENVPN ? source_and_port(peer) : peer.vpn_eth;
+  return sessions_of(static_cast<TYPE>(peer.vpn_type)) == Sessions::OPENVPN ? source_and_port(peer)
+                                                                            : peer.vpn_eth;
 }
 
 bool parse_peer(std::string_view line, vpn_peer& peer) {

@@ -14,8 +14,9 @@ namespace {
 constexpr const char* SERVICE = "RateServer";
 constexpr const char* METHOD = "all_server_stat";
 
-constexpr system::Wording WORDING{": mib_call failed ret:{status}", "root isn't an object. {line}: {reason}",
-                                  "val isn't an integer. {line}: {reason}", "{service}.{method} failed"};
+constexpr system::Wording WORDING{
+    ": mib_call failed ret:{status}", "root isn't an object. {line}: {reason}",
+    "val isn't an integer. {line}: {reason}", "{service}.{method} failed"};
 
 bool read_counters(const json_t* element, const system::PlainReply& reply, byteStat& out) {
   const json_t* key = json_object_get(element, "key");
@@ -27,13 +28,14 @@ bool read_counters(const json_t* element, const system::PlainReply& reply, byteS
     ORMEL_LOG(ERROR, "val isn't an object. %d: %s", reply.line, reply.reason.c_str());
     return false;
   }
-  if (!json_is_string(key) || !json_is_number(rx_bytes) || !json_is_number(tx_bytes) || !json_is_number(rx_rate) ||
-      !json_is_number(tx_rate)) {
+  if (!json_is_string(key) || !json_is_number(rx_bytes) || !json_is_number(tx_bytes) ||
+      !json_is_number(rx_rate) || !json_is_number(tx_rate)) {
     ORMEL_LOG(ERROR, "unexpected type. %d: %s", reply.line, reply.reason.c_str());
     return false;
   }
-  out = {json_string_value(key), system::cut_number<uint64_t>(tx_bytes), system::cut_number<uint64_t>(rx_bytes),
-         system::cut_number<int>(tx_rate), system::cut_number<int>(rx_rate)};
+  out = {json_string_value(key), system::cut_number<uint64_t>(tx_bytes),
+         system::cut_number<uint64_t>(rx_bytes), system::cut_number<int>(tx_rate),
+         system::cut_number<int>(rx_rate)};
   return true;
 }
 

@@ -1,7 +1,8 @@
 // What is wrong: the program ormelctl looks, and these routes pass on what it finds.
 //
-// A look at a profile takes up to 40 seconds. `start` begins it and returns an id, `get` returns the steps so far. They
-// are in a file of the id's name in FOLDER, which ormelctl replaces after each step.
+// A look at a profile takes up to 40 seconds. `start` begins it and returns an id, `get` returns
+// the steps so far. They are in a file of the id's name in FOLDER, which ormelctl replaces after
+// each step.
 #include <dirent.h>
 #include <random>
 #include <string>
@@ -43,7 +44,8 @@ void remove_old_runs() {
   while (const dirent* entry = entries ? readdir(entries.get()) : nullptr) {
     const std::string path = std::string(FOLDER) + '/' + entry->d_name;
     struct stat info {};
-    if (is_id(entry->d_name) && lstat(path.c_str(), &info) == 0 && std::time(nullptr) - info.st_mtime > KEPT_SECONDS)
+    if (is_id(entry->d_name) && lstat(path.c_str(), &info) == 0 &&
+        std::time(nullptr) - info.st_mtime > KEPT_SECONDS)
       unlink(path.c_str());
   }
 }
@@ -52,8 +54,9 @@ Outcome look_at_host(const Request&, JsonValue& reply) {
   const MibIo out{mib_io_create()};
   const std::vector<std::string> command{TOOL, "doctor", "--json"};
   if (!out) return {ERR_NO_MEMORY};
-  std::ignore = mib_io_execv(nullptr, out.get(), nullptr,
-                             system::Argv(command).get());  // it fails when it has found a failure, too
+  std::ignore =
+      mib_io_execv(nullptr, out.get(), nullptr,
+                   system::Argv(command).get());  // it fails when it has found a failure, too
   const char* const text = mib_io_read(out.get(), nullptr);
   const Json document{text ? json_loads(text, 0, nullptr) : nullptr};
   json_t* const data = json_object_get(document.get(), "data");
@@ -71,10 +74,12 @@ Outcome start(const Request& request, JsonValue& reply) {
   if (!fenro::make_private_folder(FOLDER)) return {ERR_SAVE_FILE};
   remove_old_runs();
   const std::string id = new_id();
-  if (!fenro::replace_file(std::string(FOLDER) + '/' + id, R"({"done":false,"steps":[]})", fenro::PRIVATE_FILE))
+  if (!fenro::replace_file(std::string(FOLDER) + '/' + id, R"({"done":false,"steps":[]})",
+                           fenro::PRIVATE_FILE))
     return {ERR_SAVE_FILE};
   const std::string target = to_lower(facts->log_name) + '/' + std::to_string(index);
-  if (const int rc = system::background({TOOL, "doctor", target, "--progress", id, "--json"}); rc != NO_ERROR)
+  if (const int rc = system::background({TOOL, "doctor", target, "--progress", id, "--json"});
+      rc != NO_ERROR)
     return {rc};
   reply["data"]["id"] = id;
   return {};
@@ -83,7 +88,8 @@ Outcome start(const Request& request, JsonValue& reply) {
 Outcome get(const Request& request, JsonValue& reply) {
   const std::string id = request.value("id");
   std::string text;
-  if (!is_id(id) || fenro::read_file((std::string(FOLDER) + '/' + id).c_str(), text) != 0) return {ERR_CONFIGURE_INDEX};
+  if (!is_id(id) || fenro::read_file((std::string(FOLDER) + '/' + id).c_str(), text) != 0)
+    return {ERR_CONFIGURE_INDEX};
   Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
   if (!document) return {ERR_WRONG_JSON_FORMAT};
   reply["data"] = document.release();

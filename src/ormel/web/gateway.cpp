@@ -23,21 +23,25 @@ void set_int(json_t* object, const char* key, int value) {
 
 void set_gateway(json_t* policy, const char* key, TYPE type, int index) {
   const std::string name = typeindex_to_sname(type, index);
-  json_object_set_new(policy, key, json_pack("{s:i, s:i, s:s}", "type", type, "index", index, "sname", name.c_str()));
+  json_object_set_new(
+      policy, key,
+      json_pack("{s:i, s:i, s:s}", "type", type, "index", index, "sname", name.c_str()));
 }
 
 int form_int(const Request& request, const char* name) {
   return to_int(request.value(name));
 }
 
-// The second gateway of the request. One without a type or with index 0 drops the fail-over, in silence.
+// The second gateway of the request. One without a type or with index 0 drops the fail-over, in
+// silence.
 void read_failover(const Request& request, json_t* policy) {
   const TYPE type = config::convert_type(request.value("gw2_type"));
   const int index = form_int(request, "gw2_index");
   const bool wanted = type != NONE_TYPE && index != 0;
   set_int(policy, "failover_en", wanted ? form_int(request, "failover_en") : 0);
   const bool delayed = wanted && request.filled("failover_interval");
-  set_int(policy, "failover_interval", delayed ? form_int(request, "failover_interval") : NO_INTERVAL);
+  set_int(policy, "failover_interval",
+          delayed ? form_int(request, "failover_interval") : NO_INTERVAL);
   if (wanted) set_gateway(policy, "gw2", type, index);
 }
 
@@ -48,7 +52,8 @@ int read_policy(const Request& request, json_t* policy) {
   if (form_int(request, "as_gw_en") != 1) return NO_ERROR;
 
   if (!request.filled("gw1_type") || !request.filled("gw1_index")) return ERR_MISS_OPTION;
-  set_gateway(policy, "gw1", config::convert_type(request.value("gw1_type")), form_int(request, "gw1_index"));
+  set_gateway(policy, "gw1", config::convert_type(request.value("gw1_type")),
+              form_int(request, "gw1_index"));
   if (!request.filled("snat") || !request.filled("failover_en")) return ERR_VALUE;
   set_int(policy, "snat", form_int(request, "snat"));
   if (form_int(request, "failover_en") == 0) {
@@ -70,8 +75,8 @@ int store_policy(const Request& request, JsonValue& /*reply*/) {
 }
 
 int gateway_policy() {
-  const Json answer =
-      system::easy_mib_call(system::NETWORK_SERVICE, "api.Get_global_config", "{\"key\":\"gateway_policy\"}");
+  const Json answer = system::easy_mib_call(system::NETWORK_SERVICE, "api.Get_global_config",
+                                            "{\"key\":\"gateway_policy\"}");
   if (!answer) return DEFAULT_POLICY;
   const json_t* value = json_object_get(json_object_get(answer.get(), "data"), "gateway_policy");
   return to_int(json_string_value(value));
@@ -91,7 +96,8 @@ int show_carrier(const Request&, JsonValue& reply) {
 
 int remove_profile(const Request& request, JsonValue&) {
   if (!request.filled("type") || !request.filled("index")) return ERR_MISS_OPTION;
-  return GlobalConfig().disable_gateway(config::convert_type(request.value("type")), form_int(request, "index"));
+  return GlobalConfig().disable_gateway(config::convert_type(request.value("type")),
+                                        form_int(request, "index"));
 }
 
 constexpr Route ROWS[] = {

@@ -27,7 +27,8 @@ Json rows(const char* action) {
 
 std::string asker(const Request& request) {
   _session session{};
-  if (!request.filled("sid") || auth_get_session(request.value("sid"), 1, &session) != 0) return "root";
+  if (!request.filled("sid") || auth_get_session(request.value("sid"), 1, &session) != 0)
+    return "root";
   return field_text(session.user);
 }
 

@@ -12,7 +12,8 @@ namespace {
 
 // The keeper judges names, addresses and kinds of events; what it says of a refusal is passed on.
 Outcome ask(const char* method, const Json& request, JsonValue& reply) {
-  const system::PlainReply answer = system::plain_call(system::KEEPER_SERVICE, method, request.get());
+  const system::PlainReply answer =
+      system::plain_call(system::KEEPER_SERVICE, method, request.get());
   const json_t* const code = json_object_get(answer.document.get(), "error");
   if (answer.status != MIB_SUCCESS || !json_is_integer(code))
     return {ERR_MIB_CALL_FAILED, "the keeper does not answer: systemctl restart fenro-keeperd"};
@@ -34,21 +35,25 @@ Json texts_of(const Request& request, std::initializer_list<const char*> names) 
   Json texts{json_object()};
   for (const char* name : names) {
     if (request.filled(name))
-      json_object_set_new(texts.get(), name, json_string(system::valid_utf8(request.value(name)).c_str()));
+      json_object_set_new(texts.get(), name,
+                          json_string(system::valid_utf8(request.value(name)).c_str()));
   }
   return texts;
 }
 
 Outcome store(const Request& request, JsonValue& reply) {
-  if (request.number("remove", 0) == 1) return ask("notify.remove", texts_of(request, {"name"}), reply);
+  if (request.number("remove", 0) == 1)
+    return ask("notify.remove", texts_of(request, {"name"}), reply);
   return ask("notify.set", texts_of(request, {"name", "url", "events", "secret"}), reply);
 }
 
-// A receiver may take ten seconds: the name begins the test, the number that it gets asks what came of it.
+// A receiver may take ten seconds: the name begins the test, the number that it gets asks what came
+// of it.
 Outcome test(const Request& request, JsonValue& reply) {
   if (!request.filled("test")) return ask("notify.test", texts_of(request, {"name"}), reply);
   Json number{json_object()};
-  json_object_set_new(number.get(), "test", json_integer(std::strtoll(request.value("test"), nullptr, 10)));
+  json_object_set_new(number.get(), "test",
+                      json_integer(std::strtoll(request.value("test"), nullptr, 10)));
   return ask("notify.result", number, reply);
 }
 

@@ -21,7 +21,8 @@ namespace ormel::cgi {
 
 int sqlite_query_callback(void* out, int columns, char** values, char** names) {
   auto row = std::make_unique<JsonValue>();
-  for (int i = 0; i < columns; ++i) (*row)[names[i]] = system::valid_utf8(values[i] ? values[i] : "");
+  for (int i = 0; i < columns; ++i)
+    (*row)[names[i]] = system::valid_utf8(values[i] ? values[i] : "");
   static_cast<JsonValue*>(out)->append(std::move(row));
   return 0;
 }
@@ -53,10 +54,12 @@ int64_t number_or(const Request& request, const char* name, int64_t fallback) {
   return request.filled(name) ? std::strtol(request.value(name), nullptr, 10) : fallback;
 }
 
-// How many rows there are from one to another, both included. Bounded: the two come from the request.
+// How many rows there are from one to another, both included. Bounded: the two come from the
+// request.
 int64_t rows_between(int64_t lower, int64_t upper) {
   int64_t count = 0;
-  if (!__builtin_sub_overflow(upper, lower, &count) && !__builtin_add_overflow(count, 1, &count)) return count;
+  if (!__builtin_sub_overflow(upper, lower, &count) && !__builtin_add_overflow(count, 1, &count))
+    return count;
   return upper > lower ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
 }
 
@@ -65,7 +68,8 @@ db_query_cond page_of(const Request& request) {
   page.start = number_or(request, "lower", FIRST_ROW);
   page.count = rows_between(page.start, number_or(request, "upper", LAST_ROW));
   page.order_by = number_or(request, "field", 0);
-  page.order_style = !request.filled("order") || std::strcmp(request.value("order"), DESCENDING) == 0 ? 1 : 0;
+  page.order_style =
+      !request.filled("order") || std::strcmp(request.value("order"), DESCENDING) == 0 ? 1 : 0;
   return page;
 }
 
@@ -118,9 +122,10 @@ int show_events(const Request& request, JsonValue& reply) {
   const char* const any = nullptr;
   const int total = naslog_event_query_count_ex(0, any, any, any, any, any, SERVICE_TAG, any, any);
   JsonValue& data = reply["data"].make_array();
-  const int rc = naslog_event_query_ex(sqlite_query_callback, request.number("sort", 0),
-                                       request.number("lower", FIRST_ROW), request.number("upper", LAST_ROW), any, any,
-                                       any, any, any, any, SERVICE_TAG, &data, any, any);
+  const int rc =
+      naslog_event_query_ex(sqlite_query_callback, request.number("sort", 0),
+                            request.number("lower", FIRST_ROW), request.number("upper", LAST_ROW),
+                            any, any, any, any, any, any, SERVICE_TAG, &data, any, any);
   if (rc != 0) return ERR_QUERY_LOG_FAIL;
   reply["total"] = total;
   return NO_ERROR;
@@ -159,7 +164,8 @@ std::string timestamp(long seconds) {
   char date[DATE_SIZE] = "";
   char time[DATE_SIZE] = "";
   if (Change_Date_To_String_By_Format(seconds, date, Get_Date_Format_Index()) != 0) return "";
-  std::ignore = Change_Time_To_String_By_Format(seconds, time, 0, Get_Time_Format());  // the text is empty then
+  std::ignore = Change_Time_To_String_By_Format(seconds, time, 0,
+                                                Get_Time_Format());  // the text is empty then
   return std::string(date) + ' ' + time;
 }
 

@@ -1,4 +1,5 @@
-// The routes that choose, tell and check; those that join and leave are in a file of their own, and so is the login.
+// The routes that choose, tell and check; those that join and leave are in a file of their own, and
+// so is the login.
 #include "ormel/web/membership.h"
 
 #include <algorithm>
@@ -44,7 +45,8 @@ int logged(const char* route, int rc) {
 
 int tell_organizations(const Request&, JsonValue& reply) {
   Json list;
-  if (const int rc = get_organization_list(list); rc != NO_ERROR) return logged("pelmar_organization_list", rc);
+  if (const int rc = get_organization_list(list); rc != NO_ERROR)
+    return logged("pelmar_organization_list", rc);
   reply["data"] = list.release();
   return NO_ERROR;
 }
@@ -68,7 +70,8 @@ int tell_regions(const Request& request, JsonValue& reply) {
   const std::string id = request.value("orgID");
   if (const int rc = check_org_id(id); rc != NO_ERROR) return rc;
   Json list;
-  if (const int rc = get_region_list(list, id); rc != NO_ERROR) return logged("pelmar_region_list", rc);
+  if (const int rc = get_region_list(list, id); rc != NO_ERROR)
+    return logged("pelmar_region_list", rc);
   reply["data"] = list.release();
   return NO_ERROR;
 }
@@ -102,7 +105,8 @@ int tell_status(const Request&, JsonValue& reply) {
 int tell_traffic(const Request&, JsonValue& reply) {
   ORMEL_LOG(INFO, "Getting supernode recent billing daily traffic");
   const int rc = mibsh_supernode_recent_billing_daily_traffic(reply["data"]);
-  if (rc != NO_ERROR) ORMEL_LOG(ERROR, "Failed to get supernode recent billing daily traffic with error: %d", rc);
+  if (rc != NO_ERROR)
+    ORMEL_LOG(ERROR, "Failed to get supernode recent billing daily traffic with error: %d", rc);
   return rc;
 }
 
@@ -139,7 +143,8 @@ int feature_tour_set(const std::string& intro, const std::string& tip) {
   }
   const std::string* const values[] = {&intro, &tip};
   for (size_t i = 0; i < std::size(TOUR_KEYS); ++i) {
-    if (system::setcfg_wrapper(PELMAR_CONF, TOUR_SECTION, TOUR_KEYS[i], *values[i]) == NO_ERROR) continue;
+    if (system::setcfg_wrapper(PELMAR_CONF, TOUR_SECTION, TOUR_KEYS[i], *values[i]) == NO_ERROR)
+      continue;
     ORMEL_LOG(ERROR, "Failed to set org id");  // the line that support knows, for either key
     return ERR_CMD_FAILED;
   }
@@ -186,7 +191,8 @@ const char* optional_text(const Request& request, const char* name) {
 }
 
 int tell_logs(const Request& request, JsonValue& reply) {
-  const int limit = request.has("limit") ? std::clamp(request.number("limit", 0), 1, LARGEST_LIMIT) : DEFAULT_LIMIT;
+  const int limit = request.has("limit") ? std::clamp(request.number("limit", 0), 1, LARGEST_LIMIT)
+                                         : DEFAULT_LIMIT;
   const int offset = std::max(request.number("offset", 0), 0);
   const char* const message = optional_text(request, "msg_id");
   const char* const start = optional_text(request, "start_time");
@@ -196,8 +202,8 @@ int tell_logs(const Request& request, JsonValue& reply) {
   const int last = static_cast<int>(std::min<long>(static_cast<long>(offset) + limit, total) - 1);
   JsonValue& data = reply["data"].make_array();
   if (total >= 1 && offset <= last &&
-      naslog_event_query_ex2(sqlite_query_callback, offset, last, message, start, end, NOTICE_APPLICATION, CATEGORY,
-                             &data) != 0) {
+      naslog_event_query_ex2(sqlite_query_callback, offset, last, message, start, end,
+                             NOTICE_APPLICATION, CATEGORY, &data) != 0) {
     ORMEL_LOG(ERROR, "pelmar_logs: naslog_event_query_ex2 failed");
     return ERR_QUERY_LOG_FAIL;
   }
@@ -234,7 +240,8 @@ constexpr Route ROWS[] = {
     {"/ormel/pelmar/min_fenro_version", ADMINISTRATOR, READS, json<tell_fenro_version>},
     {"/ormel/pelmar/min_ormel_version", ADMINISTRATOR, READS, json<tell_ormel_version>},
     {"/ormel/pelmar/compatible_version", ADMINISTRATOR, READS, json<tell_compatibility>},
-    {"/ormel/pelmar/supernode_recent_billing_daily_traffic", ADMINISTRATOR, READS, json<tell_traffic>},
+    {"/ormel/pelmar/supernode_recent_billing_daily_traffic", ADMINISTRATOR, READS,
+     json<tell_traffic>},
     {"/ormel/pelmar/logs", ADMINISTRATOR, READS, json<tell_logs>},
 };
 
@@ -242,7 +249,8 @@ constexpr Route ROWS[] = {
 
 bool is_valid_ipv4_format(std::string_view text) {
   const auto fits = [](unsigned char c) { return std::isdigit(c) != 0 || c == '.'; };
-  return !text.empty() && text.size() <= LONGEST_ADDRESS && std::count(text.begin(), text.end(), '.') == 3 &&
+  return !text.empty() && text.size() <= LONGEST_ADDRESS &&
+         std::count(text.begin(), text.end(), '.') == 3 &&
          std::all_of(text.begin(), text.end(), fits);
 }
 

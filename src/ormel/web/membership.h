@@ -1,4 +1,5 @@
-// The membership over the web: the whole road of a join from the first version check to leaving again.
+// The membership over the web: the whole road of a join from the first version check to leaving
+// again.
 #pragma once
 
 #include <string_view>

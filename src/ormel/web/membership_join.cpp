@@ -23,7 +23,9 @@ constexpr mode_t SETTINGS_MODE = 0644;
 
 // Nothing is undone when one of them fails: the next join overwrites.
 constexpr Work JOIN_STEPS[] = {
-    [](const Request& request, JsonValue&) { return set_org_id(request.value("org_ID"), request.value("org_name")); },
+    [](const Request& request, JsonValue&) {
+      return set_org_id(request.value("org_ID"), request.value("org_name"));
+    },
     [](const Request& request, JsonValue&) {
       return set_region_id(request.value("region_ID"), request.value("region_name"));
     },

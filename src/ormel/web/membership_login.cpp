@@ -39,7 +39,8 @@ bool has_result(const Request& request) {
 }
 
 bool make_account_file() {
-  if (Fd{open(TAMID_CONF, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, fenro::PRIVATE_FILE)}) return true;
+  if (Fd{open(TAMID_CONF, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, fenro::PRIVATE_FILE)})
+    return true;
   ORMEL_LOG(ERROR, "Failed to open %s for writing", TAMID_CONF);
   return false;
 }
@@ -75,7 +76,8 @@ int save_login(const char* result) {
     ORMEL_LOG(ERROR, "[OAUTH] Failed to set pelmar tamid.conf");
     return rc;
   }
-  if (system::setcfg_wrapper(TAMID_CONF, TAMID_SECTION, TOKEN_STATUS_KEY, LOGIN_STATUS) == NO_ERROR) return NO_ERROR;
+  if (system::setcfg_wrapper(TAMID_CONF, TAMID_SECTION, TOKEN_STATUS_KEY, LOGIN_STATUS) == NO_ERROR)
+    return NO_ERROR;
   ORMEL_LOG(ERROR, "[OAUTH] Failed to set tamid_token_status");
   return ERR_CMD_FAILED;
 }
@@ -84,7 +86,8 @@ int save_login(const char* result) {
 std::string result_text(int error) {
   JsonValue reply;
   reply["error"] = error;
-  reply["reason"] = error == NO_ERROR ? "OAuth login successful" : get_error_message(static_cast<unsigned int>(error));
+  reply["reason"] = error == NO_ERROR ? "OAuth login successful"
+                                      : get_error_message(static_cast<unsigned int>(error));
   std::string text;
   reply.toString(text);
   std::string out;
@@ -100,7 +103,8 @@ void log_in(const Request& request, Page& page) {
   if (has_result(request) && make_account_file() && read_template(page.text)) {
     page.error = save_login(request.value("result"));
     const size_t mark = page.text.find(RESULT_MARK);
-    if (mark != std::string::npos) page.text.replace(mark, RESULT_MARK.size(), result_text(page.error));
+    if (mark != std::string::npos)
+      page.text.replace(mark, RESULT_MARK.size(), result_text(page.error));
   } else {
     page.text.clear();
   }

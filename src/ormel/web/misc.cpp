@@ -107,7 +107,8 @@ int probe_hosts(const Request& request, JsonValue& reply) {
   JsonValue& data = reply["data"].make_object();
   std::vector<NETHOST> hosts = hosts_of(request);
   ormel::misc::ping(hosts);
-  for (const NETHOST& host : hosts) data[system::valid_utf8(host.host)] = static_cast<int32_t>(host.result);
+  for (const NETHOST& host : hosts)
+    data[system::valid_utf8(host.host)] = static_cast<int32_t>(host.result);
   return NO_ERROR;
 }
 

@@ -21,7 +21,8 @@ Outcome fail_at(const std::string& method, JsonValue& reply) {
   return {ERR_MIB_CALL_FAILED, {}, true};
 }
 
-// What the daemon's own reply carries becomes that of ours; nothing for a reply that carries nothing.
+// What the daemon's own reply carries becomes that of ours; nothing for a reply that carries
+// nothing.
 void pass_on(json_t* data, JsonValue& reply) {
   if (data) reply["data"] = data;
 }
@@ -84,7 +85,8 @@ Outcome tell_rates(const Request&, JsonValue& reply) {
     return fail_at(INTERFACE_COUNTERS, reply);
   }
   if (!answer.document) {
-    ORMEL_LOG(ERROR, ": json load failed reason:%s\nbuf=%s", answer.reason.c_str(), escape_json(answer.text).c_str());
+    ORMEL_LOG(ERROR, ": json load failed reason:%s\nbuf=%s", answer.reason.c_str(),
+              escape_json(answer.text).c_str());
     return unreadable(INTERFACE_COUNTERS, answer);
   }
   pass_on(json_incref(answer.data()), reply);

@@ -1,13 +1,16 @@
 // The peers of the WireGuard server over the web.
 //
-// A change goes to the running interface first and then to the peer file; while the server is off, to the file alone.
-// Variables are those of the command line's options: `peer_name` (URL-encoded), `peer_pub_key`, `peer_allow_ip`
-// ("ADDRESS/32"), `peer_endpoint`, `keepalive` and `psk`, and `index` where a peer is named. The server's own settings
-// in such a form are ignored. `list`, `add`, `modify` and `remove` answer with the peers as they are then, in the form
-// of the server's record; `keys` with a new key pair, `pri_key` and `pub_key`, of which nothing is kept here.
+// A change goes to the running interface first and then to the peer file; while the server is off,
+// to the file alone. Variables are those of the command line's options: `peer_name` (URL-encoded),
+// `peer_pub_key`, `peer_allow_ip`
+// ("ADDRESS/32"), `peer_endpoint`, `keepalive` and `psk`, and `index` where a peer is named. The
+// server's own settings in such a form are ignored. `list`, `add`, `modify` and `remove` answer
+// with the peers as they are then, in the form of the server's record; `keys` with a new key pair,
+// `pri_key` and `pub_key`, of which nothing is kept here.
 //
-// A limit keeps a peer out from a second on, `since`: of the past for a peer that is disabled. The platform's list of
-// those who are kept out has it by public key, so it follows a peer to another key and goes with the peer.
+// A limit keeps a peer out from a second on, `since`: of the past for a peer that is disabled. The
+// platform's list of those who are kept out has it by public key, so it follows a peer to another
+// key and goes with the peer.
 #include <algorithm>
 #include <charconv>
 #include <ctime>
@@ -144,7 +147,8 @@ int64_t limit_of(const std::string& key) {
 int set_limit(const wireguard::Peer& peer, int64_t since, const std::string& by) {
   std::string name;
   if (system::decode_urlEncoded(peer.name, name) != NO_ERROR) name = peer.name;
-  return hold::run({"limit", peer.pub_key, std::to_string(since), name, by}) == 0 ? NO_ERROR : ERR_SAVE_FILE;
+  return hold::run({"limit", peer.pub_key, std::to_string(since), name, by}) == 0 ? NO_ERROR
+                                                                                  : ERR_SAVE_FILE;
 }
 
 int lift_limit(const std::string& key) {
@@ -163,7 +167,8 @@ int keep_limits(const std::string& old_key, int index, const std::string& by) {
     }
   }
   std::string unused;
-  return system::do_exec_safe({SERVER_SCRIPT, "sync_peers"}, unused) == 0 ? NO_ERROR : ERR_CMD_FAILED;
+  return system::do_exec_safe({SERVER_SCRIPT, "sync_peers"}, unused) == 0 ? NO_ERROR
+                                                                          : ERR_CMD_FAILED;
 }
 
 int list_peers(const Request&, JsonValue& reply) {
@@ -189,7 +194,8 @@ int remove_peer(const Request& request, JsonValue& reply) {
   int rc = read_index(request, index);
   const std::string key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = take_away(index);
-  if (rc == NO_ERROR && has_holds()) std::ignore = lift_limit(key);  // of no use without the peer, and of no harm
+  if (rc == NO_ERROR && has_holds())
+    std::ignore = lift_limit(key);  // of no use without the peer, and of no harm
   return rc == NO_ERROR ? show_peers(reply) : rc;
 }
 
@@ -212,7 +218,8 @@ Outcome limit_peer(const Request& request, JsonValue&) {
     return {ERR_VALUE, "since"};
   const wireguard::Peer peer = stored_peer(index);
   if (peer.pub_key.empty()) return {ERR_CONFIGURE_INDEX};
-  const int rc = since == 0 ? lift_limit(peer.pub_key) : set_limit(peer, since, hold::asker(request));
+  const int rc =
+      since == 0 ? lift_limit(peer.pub_key) : set_limit(peer, since, hold::asker(request));
   if (rc != NO_ERROR) return {rc, "the list of those who are kept out cannot be changed"};
   return {};
 }

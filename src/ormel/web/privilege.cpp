@@ -22,16 +22,20 @@ constexpr char MASK_MARK = '|';
 constexpr int FIRST = 0;
 constexpr int PAGE = 50;
 
-// Whether a name can stand in the store and in quotes in the secrets files, and nothing else be read from them.
+// Whether a name can stand in the store and in quotes in the secrets files, and nothing else be
+// read from them.
 bool is_storable(const std::string& user) {
-  const auto breaks = [](unsigned char byte) { return byte < ' ' || byte == 0x7f || byte == '"' || byte == ':'; };
+  const auto breaks = [](unsigned char byte) {
+    return byte < ' ' || byte == 0x7f || byte == '"' || byte == ':';
+  };
   return !user.empty() && user.back() != '\\' && std::none_of(user.begin(), user.end(), breaks);
 }
 
 // The users whose rights one request changes, each once, and what is to be done about them besides.
 class Changes {
  public:
-  // A request may name a user again and again, which costs two processes for each kick and each notification.
+  // A request may name a user again and again, which costs two processes for each kick and each
+  // notification.
   void add(const std::string& user) {
     if (known_.insert(user).second) users_.push_back(user);
   }
@@ -73,8 +77,8 @@ void unset_user(const std::string& user, UserPrivilege& store, Changes& changes)
 int show_rights(const Request& request, JsonValue& reply) {
   UserPrivilege store;
   store.load();
-  reply["total"] = store.get(request.number("lower", FIRST), request.number("upper", PAGE), request.value("filter"),
-                             reply["data"].make_object());
+  reply["total"] = store.get(request.number("lower", FIRST), request.number("upper", PAGE),
+                             request.value("filter"), reply["data"].make_object());
   return NO_ERROR;
 }
 

@@ -1,9 +1,10 @@
 // The policy on failed logins, and the users that it blocks.
 //
-// The policy is /etc/config/vpn_block.conf, which the daemon that serves "vpncaas" reads and replaces for us:
+// The policy is /etc/config/vpn_block.conf, which the daemon that serves "vpncaas" reads and
+// replaces for us:
 //   {"global": {"enable": true, "limit": 5, "time": 30}}
-// `limit` failed logins block a user for `time` minutes. The log database counts them, and it alone decides whether a
-// login is tried at all; a key that is missing has the value above.
+// `limit` failed logins block a user for `time` minutes. The log database counts them, and it alone
+// decides whether a login is tried at all; a key that is missing has the value above.
 #include <ctime>
 #include <iterator>
 #include <string>
@@ -32,11 +33,15 @@ struct Choice {
   const char* words;
 };
 
-constexpr Choice ENABLE[] = {{"1", 1, "Enable"}, {"true", 1, "Enable"}, {"0", 0, "Disable"}, {"false", 0, "Disable"}};
-constexpr Choice LIMIT[] = {{"2", 2, "2"}, {"3", 3, "3"}, {"4", 4, "4"}, {"5", 5, "5"},   {"6", 6, "6"},
-                            {"7", 7, "7"}, {"8", 8, "8"}, {"9", 9, "9"}, {"10", 10, "10"}};
-constexpr Choice TIME[] = {
-    {"30", 30, "30 minutes"}, {"60", 60, "1 hour"}, {"720", 720, "12 hours"}, {"1440", 1440, "24 hours"}};
+constexpr Choice ENABLE[] = {
+    {"1", 1, "Enable"}, {"true", 1, "Enable"}, {"0", 0, "Disable"}, {"false", 0, "Disable"}};
+constexpr Choice LIMIT[] = {{"2", 2, "2"}, {"3", 3, "3"}, {"4", 4, "4"},
+                            {"5", 5, "5"}, {"6", 6, "6"}, {"7", 7, "7"},
+                            {"8", 8, "8"}, {"9", 9, "9"}, {"10", 10, "10"}};
+constexpr Choice TIME[] = {{"30", 30, "30 minutes"},
+                           {"60", 60, "1 hour"},
+                           {"720", 720, "12 hours"},
+                           {"1440", 1440, "24 hours"}};
 
 template <size_t Count>
 const Choice* choose(const Request& request, const char* name, const Choice (&choices)[Count]) {
@@ -70,7 +75,8 @@ Json read_policy() {
 Json rules_in_force() {
   Json policy = read_policy();
   if (!policy) {
-    std::ignore = clean_privilege_user_block();  // what was counted was counted under another policy
+    std::ignore =
+        clean_privilege_user_block();  // what was counted was counted under another policy
     policy = default_policy();
     std::ignore = write_policy(policy.get());  // shown anyway
   }
@@ -82,7 +88,8 @@ Json rules_in_force() {
 // Adds the users that are blocked now, and lets those go whose time is over.
 void list_blocked(const json_t* rules, JsonValue& users) {
   const json_int_t limit = json_integer_value(json_object_get(rules, "limit"));
-  const double seconds = static_cast<double>(json_integer_value(json_object_get(rules, "time"))) * MINUTE;
+  const double seconds =
+      static_cast<double>(json_integer_value(json_object_get(rules, "time"))) * MINUTE;
   const std::time_t now = std::time(nullptr);
   db_query_cond all{};
   all.count = -1;
@@ -101,7 +108,8 @@ void list_blocked(const json_t* rules, JsonValue& users) {
 int show_blocks(const Request&, JsonValue& reply) {
   const Json rules = rules_in_force();
   JsonValue& data = reply["data"];
-  for (const char* key : {"enable", "limit", "time"}) data[key] = json_incref(json_object_get(rules.get(), key));
+  for (const char* key : {"enable", "limit", "time"})
+    data[key] = json_incref(json_object_get(rules.get(), key));
   JsonValue& users = data["user"].make_array();
   if (json_is_true(json_object_get(rules.get(), "enable"))) list_blocked(rules.get(), users);
   return NO_ERROR;
@@ -115,14 +123,16 @@ Outcome change_policy(const Request& request, JsonValue&) {
   const Choice* time = choose(request, "time", TIME);
   if (!time) return {ERR_VALUE, "time"};
 
-  std::ignore = clean_privilege_user_block();  // the policy counts for more than what was counted under the old one
-  const Json policy{
-      json_pack("{s:{s:b, s:i, s:i}}", "global", "enable", enable->value, "limit", limit->value, "time", time->value)};
+  std::ignore = clean_privilege_user_block();  // the policy counts for more than what was counted
+                                               // under the old one
+  const Json policy{json_pack("{s:{s:b, s:i, s:i}}", "global", "enable", enable->value, "limit",
+                              limit->value, "time", time->value)};
   if (!write_policy(policy.get())) {  // an answer with an error counts as missing
     ORMEL_LOG(ERROR, ": mib failed. mibsh vpncaas.read_json path=%s", POLICY);
     return {ERR_MIB_API_RET_ERROR};
   }
-  nclog::notify_send(&nc_message("C001", "0019"), limit->words, time->words, enable->words, nullptr);
+  nclog::notify_send(&nc_message("C001", "0019"), limit->words, time->words, enable->words,
+                     nullptr);
   return {};
 }
 

@@ -12,8 +12,10 @@ namespace ormel::cgi {
 namespace {
 
 constexpr const char* QUERY = "QUERY_STRING";
-constexpr const char* SECRETS[] = {QUERY, "REQUEST_URI", "HTTP_COOKIE", "HTTP_AUTHORIZATION", "HTTP_REFERER"};
-constexpr const char* PROXY = "HTTP_PROXY";  // a header of the client, which libcurl would take for a setting
+constexpr const char* SECRETS[] = {QUERY, "REQUEST_URI", "HTTP_COOKIE", "HTTP_AUTHORIZATION",
+                                   "HTTP_REFERER"};
+constexpr const char* PROXY =
+    "HTTP_PROXY";  // a header of the client, which libcurl would take for a setting
 constexpr int ENDING_SIGNALS[] = {SIGTERM, SIGUSR1, SIGHUP, SIGINT, SIGPIPE};
 
 std::optional<std::string> query;

@@ -1,4 +1,5 @@
-// What a web request needs of its own process: open streams, an environment without secrets, and a clean end.
+// What a web request needs of its own process: open streams, an environment without secrets, and a
+// clean end.
 #pragma once
 
 #include <string>
@@ -13,10 +14,11 @@ void open_standard_streams();
 // A variable of the environment, empty if it is missing.
 [[nodiscard]] std::string environment(const char* name);
 
-// Takes out of the environment what the web server put there and may hold a secret of the client, so that no program
-// inherits it. The form of the address is kept, for `settings_with_query`.
+// Takes out of the environment what the web server put there and may hold a secret of the client,
+// so that no program inherits it. The form of the address is kept, for `settings_with_query`.
 void withhold_request();
-// Puts the form of the address back into the environment, for the parser, and gives the parser's settings.
+// Puts the form of the address back into the environment, for the parser, and gives the parser's
+// settings.
 [[nodiscard]] const cgi_settings& settings_with_query();
 
 // While it lives a signal that ends the request deletes its uploads first.

@@ -24,7 +24,8 @@ int stored_account(const Request& request, Account& account) {
   if (type < PPTP_CLIENT_TYPE || type > OVPN_CLIENT_TYPE) return ERR_WRONG_TYPE;
   if (!request.filled("index")) return ERR_CONFIGURE_INDEX;
   std::ignore = ormel::config::cm.load();  // always 0
-  const ormel::config::PolyConfig* stored = ormel::config::cm.fetch(type, to_int(request.value("index")));
+  const ormel::config::PolyConfig* stored =
+      ormel::config::cm.fetch(type, to_int(request.value("index")));
   const auto* profile = stored ? stored->cast<ormel::config::ClientConfig>() : nullptr;
   if (!profile) return ERR_CONFIGURE_INDEX;
   account = {profile->user, profile->pass};
@@ -44,7 +45,8 @@ int list_servers(const Request& request, JsonValue& reply) {
   if (const int rc = find_account(request, account); rc != NO_ERROR) return rc;
   Json servers{ormel::provider::goldenfrog_server_list(account.username, account.password)};
   if (!servers || json_is_integer(servers.get())) {
-    ORMEL_LOG(ERROR, "no server list, status %lld", static_cast<long long>(json_integer_value(servers.get())));
+    ORMEL_LOG(ERROR, "no server list, status %lld",
+              static_cast<long long>(json_integer_value(servers.get())));
     return ERR_ACCESS;
   }
   reply["data"] = servers.release();

@@ -27,8 +27,8 @@ std::vector<Route> routes() {
 
 const Route* find_route(std::string_view path) {
   for (const Routes* part : PARTS) {
-    const auto row =
-        std::find_if(part->begin(), part->end(), [path](const Route& route) { return route.path == path; });
+    const auto row = std::find_if(part->begin(), part->end(),
+                                  [path](const Route& route) { return route.path == path; });
     if (row != part->end()) return &*row;
   }
   return nullptr;
@@ -36,7 +36,8 @@ const Route* find_route(std::string_view path) {
 
 int serve_path(std::string_view path, JsonValue& response) {
   if (const Route* route = find_route(path)) return serve(*route, response);
-  return fail(response, Outcome{ERR_API_NOT_FOUND, reason_of(ERR_API_NOT_FOUND) + std::string(path)});
+  return fail(response,
+              Outcome{ERR_API_NOT_FOUND, reason_of(ERR_API_NOT_FOUND) + std::string(path)});
 }
 
 }  // namespace ormel::cgi

@@ -1,4 +1,5 @@
-// The table of routes. Its rows are in the files of their work, at the end of each; here they come together.
+// The table of routes. Its rows are in the files of their work, at the end of each; here they come
+// together.
 #pragma once
 
 #include <string_view>

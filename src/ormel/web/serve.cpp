@@ -30,7 +30,8 @@ namespace cgi {
 namespace {
 
 constexpr size_t COPY_SIZE = size_t{64} * 1024;
-constexpr size_t OUTPUT_SIZE = size_t{64} * 1024;  // most answers leave in one write, which wakes the server once
+constexpr size_t OUTPUT_SIZE =
+    size_t{64} * 1024;  // most answers leave in one write, which wakes the server once
 
 // Where a local call gets its answer; null for a web request.
 std::FILE* local_output = nullptr;
@@ -40,15 +41,16 @@ std::FILE* output() {
   return local_output ? local_output : stdout;
 }
 
-// The platform's mark of settings that it could not save. Every answer has it as a header, as the answers themselves
-// have no place for it.
+// The platform's mark of settings that it could not save. Every answer has it as a header, as the
+// answers themselves have no place for it.
 constexpr const char* SETTINGS_FAULT = "/run/fenro/settings_fault";
 
 const char* fault_header() {
   return access(SETTINGS_FAULT, F_OK) == 0 ? "X-Ormel-Settings: unsaved\r\n" : "";
 }
 
-// Printing is the last thing that a request does. A client that has gone away must not keep it from cleaning up.
+// Printing is the last thing that a request does. A client that has gone away must not keep it from
+// cleaning up.
 void print_head(const std::string& head) {
   static std::array<char, OUTPUT_SIZE> buffer;
   if (!local_output) {
@@ -124,7 +126,9 @@ int fail(JsonValue& response, const Outcome& outcome) {
 
 Request::Request(cgi_var_mode repeats) : CgiRequest(settings_for(repeats)), user_(INVAILD_USER) {
   withhold_request();
-  user_ = local_caller == LOCAL_ADMINISTRATOR ? ADMIN_USER : system::auth_user_session(get_cgi_var_value(find("sid")));
+  user_ = local_caller == LOCAL_ADMINISTRATOR
+              ? ADMIN_USER
+              : system::auth_user_session(get_cgi_var_value(find("sid")));
 }
 
 int Request::number(const char* name, int fallback) const {
@@ -173,8 +177,10 @@ int answer_page(const Page& page) {
   return page.error;
 }
 
-std::string answer_locally(const std::string& query, Caller caller, const std::function<void(JsonValue&)>& work) {
-  for (const char* name : {"REQUEST_METHOD", "CONTENT_TYPE", "CONTENT_LENGTH", "HTTP_ACCEPT"}) unsetenv(name);
+std::string answer_locally(const std::string& query, Caller caller,
+                           const std::function<void(JsonValue&)>& work) {
+  for (const char* name : {"REQUEST_METHOD", "CONTENT_TYPE", "CONTENT_LENGTH", "HTTP_ACCEPT"})
+    unsetenv(name);
   setenv("QUERY_STRING", query.c_str(), 1);
   withhold_request();
   char* text = nullptr;

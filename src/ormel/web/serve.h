@@ -1,7 +1,7 @@
 // The frame of every route: a parsed request, the level of its session, and one reply.
 //
-// The envelope is a JSON object: `error` always, `reason` on failure, `data` on success where the route has data. Every
-// answer is an HTTP 200; `error` alone tells the outcome.
+// The envelope is a JSON object: `error` always, `reason` on failure, `data` on success where the
+// route has data. Every answer is an HTTP 200; `error` alone tells the outcome.
 #pragma once
 
 #include <functional>
@@ -23,15 +23,16 @@ extern bool support_json_type;
 
 namespace system {
 
-// The level of a session: INVAILD_USER for none, ADMIN_USER for a member of "administrators", else GENERAL_USER.
+// The level of a session: INVAILD_USER for none, ADMIN_USER for a member of "administrators", else
+// GENERAL_USER.
 [[nodiscard]] USER_TYPE auth_user_session(const char* sid);
 
 }  // namespace system
 
 namespace cgi {
 
-// The parsed form and the level of its session. What the environment said about the request is gone from it afterwards,
-// so that no program started later inherits a password or a session.
+// The parsed form and the level of its session. What the environment said about the request is gone
+// from it afterwards, so that no program started later inherits a password or a session.
 class Request : public CgiRequest {
  public:
   explicit Request(cgi_var_mode repeats = OVERRIDE_VAR_MODE);
@@ -41,8 +42,8 @@ class Request : public CgiRequest {
   [[nodiscard]] bool filled(const char* name) const { return *value(name) != '\0'; }
   // The number that a variable says, `fallback` for one that is missing or empty.
   [[nodiscard]] int number(const char* name, int fallback) const;
-  // All values of a variable, in their order, where repeated ones count; those that are missing or damaged are left
-  // out. They may be written to.
+  // All values of a variable, in their order, where repeated ones count; those that are missing or
+  // damaged are left out. They may be written to.
   [[nodiscard]] std::vector<char*> values(const char* name) const;
 
  private:
@@ -57,7 +58,8 @@ struct Access {
 
 constexpr Access ANY_SESSION{GENERAL_USER, ERR_SESSION_FAIL};
 constexpr Access ADMINISTRATOR{ADMIN_USER, ERR_SESSION_FAIL};
-constexpr Access ADMINISTRATOR_BY_NAME{ADMIN_USER, ERR_NOT_ADMIN_SESSION};  // tells a general user why
+constexpr Access ADMINISTRATOR_BY_NAME{ADMIN_USER,
+                                       ERR_NOT_ADMIN_SESSION};  // tells a general user why
 
 // Whether a route changes settings, tunnels or logs for its user.
 enum Effect { READS, CHANGES };
@@ -71,7 +73,8 @@ struct Outcome {
 
 // A short file that a route sends instead of the envelope.
 struct Download {
-  std::string head;  // lines of the HTTP head, each with its line end, without the empty one that closes it
+  std::string
+      head;  // lines of the HTTP head, each with its line end, without the empty one that closes it
   std::string body;
 };
 
@@ -87,7 +90,8 @@ struct Page {
   int error = NO_ERROR;
 };
 
-// The work of one route on a request whose session is good enough: fills the answer and returns 0 or an ERROR_CODE.
+// The work of one route on a request whose session is good enough: fills the answer and returns 0
+// or an ERROR_CODE.
 using Work = int (*)(const Request& request, JsonValue& response);
 using DetailedWork = Outcome (*)(const Request& request, JsonValue& response);
 using DownloadWork = int (*)(const Request& request, Download& file);
@@ -99,7 +103,8 @@ enum Medium { JSON_MEDIUM, DOWNLOAD_MEDIUM, FILE_MEDIUM, PAGE_MEDIUM };
 
 struct Answer {
   Medium medium;
-  int (*give)(const Request& request, JsonValue& response);  // does the work and prints; the code of the answer
+  int (*give)(const Request& request,
+              JsonValue& response);  // does the work and prints; the code of the answer
 };
 
 // One row of the route table.
@@ -114,8 +119,8 @@ struct Route {
 // A part of the table, in the file of its routes.
 using Routes = std::span<const Route>;
 
-// Answers a request by its route: parses the form, checks the session, does the work, prints the one reply and frees
-// the form with its uploads. Returns the code of the reply.
+// Answers a request by its route: parses the form, checks the session, does the work, prints the
+// one reply and frees the form with its uploads. Returns the code of the reply.
 int serve(const Route& route, JsonValue& response);
 
 // Answers with a failure: logs it, prints the envelope and returns the code.
@@ -123,21 +128,22 @@ int fail(JsonValue& response, const Outcome& outcome);
 // The text of a code.
 [[nodiscard]] std::string reason_of(int code);
 
-// Each prints the answer of a work that has ended. Returns the code, or another failure when the client went away.
+// Each prints the answer of a work that has ended. Returns the code, or another failure when the
+// client went away.
 int answer_json(JsonValue& response, const Outcome& outcome);
 int answer_download(const Download& file, int code);
 int answer_file(JsonValue& response, const SentFile& file, int code);
 int answer_page(const Page& page);
 
-// The envelope. On a failure what the work has put into the response is thrown away. `work` is a Work or a
-// DetailedWork.
+// The envelope. On a failure what the work has put into the response is thrown away. `work` is a
+// Work or a DetailedWork.
 template <auto work>
 constexpr Answer json{JSON_MEDIUM, [](const Request& request, JsonValue& response) {
                         return answer_json(response, Outcome{work(request, response)});
                       }};
 
-// A short file, which is complete before anything of it is sent. Each failure, a bad session included, is the same
-// "404 Not Found". `delivered` is called once the client has the file.
+// A short file, which is complete before anything of it is sent. Each failure, a bad session
+// included, is the same "404 Not Found". `delivered` is called once the client has the file.
 template <DownloadWork work, void (*delivered)() = nullptr>
 constexpr Answer download{DOWNLOAD_MEDIUM, [](const Request& request, JsonValue&) {
                             Download file;
@@ -155,7 +161,8 @@ constexpr Answer file{FILE_MEDIUM, [](const Request& request, JsonValue& respons
                         return answer_file(response, sent, code);
                       }};
 
-// A page, which reports its failures itself; a session that is not good enough is reported in the envelope.
+// A page, which reports its failures itself; a session that is not good enough is reported in the
+// envelope.
 template <PageWork work>
 constexpr Answer page{PAGE_MEDIUM, [](const Request& request, JsonValue&) {
                         Page shown;
@@ -163,8 +170,8 @@ constexpr Answer page{PAGE_MEDIUM, [](const Request& request, JsonValue&) {
                         return answer_page(shown);
                       }};
 
-// Whose request an answer within this process is: that of the session which the form names, or of a local
-// administrator without a session.
+// Whose request an answer within this process is: that of the session which the form names, or of a
+// local administrator without a session.
 enum Caller { OF_SESSION, LOCAL_ADMINISTRATOR };
 
 // Returns what a web server would be sent for `work`, with `query` as the URL-encoded form.

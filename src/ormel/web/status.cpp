@@ -13,7 +13,8 @@ constexpr int ALL_TYPES = ~0;
 const std::string& name_of(const ormel::config::BaseConfig& record) {
   static const std::string none;
   if (is_server(record.type)) return none;
-  if (record.type == WIREGUARD_CLIENT_TYPE) return static_cast<const wireguard::ClientConfig&>(record).client_name;
+  if (record.type == WIREGUARD_CLIENT_TYPE)
+    return static_cast<const wireguard::ClientConfig&>(record).client_name;
   return static_cast<const ormel::config::ClientConfig&>(record).name;
 }
 

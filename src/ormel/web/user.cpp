@@ -65,11 +65,15 @@ struct Source {
   int (*list)(const Page& page, JsonValue& reply);
 };
 
-constexpr Source SOURCES[] = {
-    {"", list_local}, {"1", list_local}, {"local", list_local}, {"2", list_remote}, {"remote", list_remote}};
+constexpr Source SOURCES[] = {{"", list_local},
+                              {"1", list_local},
+                              {"local", list_local},
+                              {"2", list_remote},
+                              {"remote", list_remote}};
 
 int list_source(const Request& request, JsonValue& reply) {
-  const Page page{request.number("lower", 0), request.number("upper", 50), get_cgi_var_value(request.find("filter"))};
+  const Page page{request.number("lower", 0), request.number("upper", 50),
+                  get_cgi_var_value(request.find("filter"))};
   for (const Source& source : SOURCES) {
     if (source.type == request.value("type")) return source.list(page, reply);
   }

@@ -21,10 +21,10 @@ TEST(CgiUrlDecode, DecodesOnlyWholeEscapes) {
 
 TEST(CgiVarDeathTest, WhatIsNoRecordAborts) {
   cgi_var other{};
-  for (auto* use :
-       {+[](cgi_var* var) { std::ignore = get_cgi_var(var, "a"); },
-        +[](cgi_var* var) { std::ignore = get_cgi_var_value(var); },
-        +[](cgi_var* var) { std::ignore = is_cgi_var_list(var); }, +[](cgi_var* var) { free_cgi_var(var); }})
+  for (auto* use : {+[](cgi_var* var) { std::ignore = get_cgi_var(var, "a"); },
+                    +[](cgi_var* var) { std::ignore = get_cgi_var_value(var); },
+                    +[](cgi_var* var) { std::ignore = is_cgi_var_list(var); },
+                    +[](cgi_var* var) { free_cgi_var(var); }})
     EXPECT_DEATH(use(&other), R"(memcmp\(var, .*cGI.*, 3\) == 0)");
 }
 
@@ -107,8 +107,10 @@ TEST(FormpartParserExecute, TellsHowFarItCame) {
 TEST(FormpartParserExecute, StopsWhenTheRequestHasHadItsShareOfRecords) {
   cgi_parser parser(cgi_default_settings);
   formpart_parser state;
-  ASSERT_TRUE(charge_cgi_content(&parser, CGI_CONTENT_LIMIT - parser.content_length - CGI_RECORD_PRICE));
-  EXPECT_EQ(formpart_parser_execute(&parser, &state, "a=1&b=2", 7), 4U) << "there is room for one record";
+  ASSERT_TRUE(
+      charge_cgi_content(&parser, CGI_CONTENT_LIMIT - parser.content_length - CGI_RECORD_PRICE));
+  EXPECT_EQ(formpart_parser_execute(&parser, &state, "a=1&b=2", 7), 4U)
+      << "there is room for one record";
   EXPECT_EQ(fuzz::describe(parser.var_list), "a=1 of 1 status 0\n");
 }
 

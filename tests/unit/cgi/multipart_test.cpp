@@ -40,10 +40,12 @@ class MultipartTest : public CgiRequestTest {
 };
 
 TEST_F(MultipartTest, DataArrivesWholeWhateverItsEnd) {
-  for (const std::string& data : std::initializer_list<std::string>{
-           "1", "\r", "\n", "\r\n", "\r\r", "\r\n\r\n", "\r\n\r", "x\r\n-", "x\r\n--", "\r\n--\r\n--A", "--B", "x--B--",
-           "\n--B", "\r--B", "\r\n-\r", "1\r\n--C\r\n", "a\0b"s}) {
-    const std::string shown = data.substr(0, data.find('\0'));  // a field is read as text, up to its first NUL
+  for (const std::string& data :
+       std::initializer_list<std::string>{"1", "\r", "\n", "\r\n", "\r\r", "\r\n\r\n", "\r\n\r",
+                                          "x\r\n-", "x\r\n--", "\r\n--\r\n--A", "--B", "x--B--",
+                                          "\n--B", "\r--B", "\r\n-\r", "1\r\n--C\r\n", "a\0b"s}) {
+    const std::string shown =
+        data.substr(0, data.find('\0'));  // a field is read as text, up to its first NUL
     expect(field("a", data) + field("z", "9") + END,
            "a=" + shown + " of " + std::to_string(data.size()) + " status 0\nz=9 of 1 status 0\n");
     expect(upload("a", data) + END, taken(data));
@@ -82,15 +84,17 @@ TEST_F(MultipartTest, ANameIsAParameterOfItsOwn) {
 }
 
 TEST_F(MultipartTest, DataOfANamelessPartGoesNowhereAndASecondNameTakesIt) {
-  expect(field("a", "1") + "--B\r\nContent-Type: text/plain\r\n\r\n2\r\n" + END, "a=1 of 1 status 0\n");
+  expect(field("a", "1") + "--B\r\nContent-Type: text/plain\r\n\r\n2\r\n" + END,
+         "a=1 of 1 status 0\n");
   expect("--B\r\nA: name=\"u\"; filename=\"f\"\r\nB: name=\"v\"\r\n\r\n2\r\n" + END,
          "u= file f status 0\nv=2 of 1 status 0\n");
 }
 
 TEST_F(MultipartTest, AStopKeepsWhatThereIs) {
   const std::string kept = "a=1 of 1 status 0\n";
-  for (const char* rest : {"", "--B-", "--B-x\r\n", "--Bx", "--B\rx", "--B\r\nX1: y\r\n", "--B\r\nX_", "--B\r\nX\rX",
-                           "--B\r\nX: y\rz", "--B--\r\n--B\r\nX: name=\"b\"\r\n\r\n2\r\n--B--"})
+  for (const char* rest :
+       {"", "--B-", "--B-x\r\n", "--Bx", "--B\rx", "--B\r\nX1: y\r\n", "--B\r\nX_", "--B\r\nX\rX",
+        "--B\r\nX: y\rz", "--B--\r\n--B\r\nX: name=\"b\"\r\n\r\n2\r\n--B--"})
     expect(field("a", "1") + rest, kept);
   expect("preamble\r\n" + field("a", "1") + END, "");
   expect(upload("a", "cut o"), "a=cut o file f status 0\n");
@@ -105,8 +109,9 @@ TEST_F(MultipartTest, OneHeaderHolds2047BytesAndItsEnd) {
 }
 
 TEST_F(MultipartTest, TheBoundaryIsUnquotedAndEndsAtTheNextParameter) {
-  for (const char* type : {"multipart/form-data; boundary=\"B\"", "multipart/form-data; boundary=\"B\"; charset=utf-8",
-                           "multipart/form-data; boundary=B;charset=utf-8", "x/y;boundary=\"B"}) {
+  for (const char* type :
+       {"multipart/form-data; boundary=\"B\"", "multipart/form-data; boundary=\"B\"; charset=utf-8",
+        "multipart/form-data; boundary=B;charset=utf-8", "x/y;boundary=\"B"}) {
     announce(type);
     expect(field("a", "1") + END, "a=1 of 1 status 0\n");
   }

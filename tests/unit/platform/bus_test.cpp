@@ -27,7 +27,8 @@ struct Call {
   std::string text;  // of the buffer afterwards
 };
 
-Call call(const std::string& service, const std::string& method, const std::string& request, int timeout = 5) {
+Call call(const std::string& service, const std::string& method, const std::string& request,
+          int timeout = 5) {
   const MibIo io{mib_io_create()};
   mib_io_write(io.get(), request.data(), request.size());
   const int status = mib_call(service.c_str(), method.c_str(), io.get(), timeout, -1);
@@ -38,7 +39,8 @@ Call call(const std::string& service, const std::string& method, const std::stri
 Fd connect_raw(const std::string& service) {
   const bus::Address address = bus::address_of(service);
   Fd socket{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  const int rc = connect(socket.get(), reinterpret_cast<const sockaddr*>(&address.sun), address.length);
+  const int rc =
+      connect(socket.get(), reinterpret_cast<const sockaddr*>(&address.sun), address.length);
   return rc == 0 ? std::move(socket) : Fd{};
 }
 
@@ -56,7 +58,9 @@ class BusTest : public testing::Test {
     server.on("echo", [](std::string_view body) { return Reply{MIB_SUCCESS, std::string{body}}; });
     server.on("busy", [](std::string_view) { return Reply{MIB_IS_BUSY, "not seen"}; });
     server.on("throw", [](std::string_view) -> Reply { throw std::runtime_error{"in a handler"}; });
-    server.on("huge", [](std::string_view) { return Reply{MIB_SUCCESS, std::string(bus::MAX_FRAME, 'x')}; });
+    server.on("huge", [](std::string_view) {
+      return Reply{MIB_SUCCESS, std::string(bus::MAX_FRAME, 'x')};
+    });
   }
   void TearDown() override {
     if (!thread.joinable()) return;
@@ -109,12 +113,14 @@ TEST(BusClient, AnAbsentServiceIsToldAtOnceAndAnUnusableOneToo) {
   EXPECT_LT(Clock::now() - start, 1s);
 }
 
-// Plays a service that says `words` to every client, after it was sent the end of a request or without waiting.
+// Plays a service that says `words` to every client, after it was sent the end of a request or
+// without waiting.
 Call call_to_a_service_saying(const std::string& words, bool hang_up) {
   const std::string service = "@raw-" + SERVICE;
   const bus::Address address = bus::address_of(service);
   const Fd listener{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-  EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address.sun), address.length), 0);
+  EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address.sun), address.length),
+            0);
   EXPECT_EQ(listen(listener.get(), 1), 0);
   Fd client;
   std::thread peer{[&] {
@@ -153,13 +159,15 @@ TEST_F(BusTest, RefusesFramesThatCannotBe) {
   bus::put_number(above, bus::MAX_FRAME + 1);
   std::string long_method = bus::request_frame("echo", "");
   long_method[bus::NUMBER] = 9;  // says five bytes more than there are
-  const std::pair<std::string, int> cases[] = {{above, MIB_IS_REJECT},
-                                               {std::string(4, '\0'), MIB_IS_INVALID},
-                                               {long_method, MIB_IS_INVALID},
-                                               {bus::request_frame("echo", "x") + "more", MIB_IS_INVALID}};
+  const std::pair<std::string, int> cases[] = {
+      {above, MIB_IS_REJECT},
+      {std::string(4, '\0'), MIB_IS_INVALID},
+      {long_method, MIB_IS_INVALID},
+      {bus::request_frame("echo", "x") + "more", MIB_IS_INVALID}};
   for (const auto& [bytes, status] : cases) {
     const Fd socket = connect_raw(SERVICE);
-    ASSERT_EQ(send(socket.get(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    ASSERT_EQ(send(socket.get(), bytes.data(), bytes.size(), 0),
+              static_cast<ssize_t>(bytes.size()));
     EXPECT_EQ(receive_all(socket), bus::reply_frame(status, ""));
   }
   // The client does not even send what would be refused.
@@ -181,7 +189,8 @@ TEST_F(BusTest, SilentAndSlowClientsDoNotHoldOthers) {
   for (int i = 0; i < 20; ++i) EXPECT_EQ(call(SERVICE, "echo", "quick").status, MIB_SUCCESS);
   EXPECT_LT(Clock::now() - begun, 2s);
   sender.join();
-  EXPECT_EQ(receive_all(silent.front()), bus::reply_frame(MIB_IS_BUSY, ""));  // made room for the later ones
+  EXPECT_EQ(receive_all(silent.front()),
+            bus::reply_frame(MIB_IS_BUSY, ""));  // made room for the later ones
 }
 
 TEST_F(BusTest, ASilentClientIsDroppedAtItsDeadlineButNotForAHandlersTime) {
@@ -201,7 +210,8 @@ TEST_F(BusTest, ASilentClientIsDroppedAtItsDeadlineButNotForAHandlersTime) {
   const auto begun = Clock::now();
   std::thread other{[] { EXPECT_EQ(call(SERVICE, "slow", "").text, "done"); }};
   begins.acquire();
-  std::this_thread::sleep_until(Clock::now() + DEADLINE);  // the late client's own is past as well then
+  std::this_thread::sleep_until(Clock::now() +
+                                DEADLINE);  // the late client's own is past as well then
   send(late.get(), frame.data() + 1, frame.size() - 1, 0);
   may_end.release();
   EXPECT_EQ(receive_all(late), bus::reply_frame(MIB_SUCCESS, "late"));
@@ -277,7 +287,8 @@ TEST(BusServer, EachEndTalksOnlyToRootAndItsOwnUser) {
   EXPECT_EQ(status_as(SOMEONE, "root-" + SERVICE), MIB_IS_REJECT);  // the server's refusal
   EXPECT_EQ(status_as(SOMEONE, "someone-" + SERVICE), MIB_SUCCESS);
   EXPECT_EQ(status_as(OTHER, "someone-" + SERVICE), MIB_IS_REJECT);
-  EXPECT_EQ(status_as(0, "someone-" + SERVICE), MIB_IS_REJECT);  // the client's: root takes no stranger's word
+  EXPECT_EQ(status_as(0, "someone-" + SERVICE),
+            MIB_IS_REJECT);  // the client's: root takes no stranger's word
   EXPECT_EQ(status_as(0, "root-" + SERVICE), MIB_SUCCESS);
 }
 
@@ -285,7 +296,8 @@ TEST(BusServer, TellsTheServiceManagerWhenItIsReady) {
   const std::string name = "@notify-" + SERVICE;
   const bus::Address address = bus::address_of(name);
   const Fd manager{::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
-  ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address.sun), address.length), 0);
+  ASSERT_EQ(bind(manager.get(), reinterpret_cast<const sockaddr*>(&address.sun), address.length),
+            0);
   setenv("NOTIFY_SOCKET", name.c_str(), 1);
   const ServerProcess server{"ready-" + SERVICE, getuid()};
   unsetenv("NOTIFY_SOCKET");

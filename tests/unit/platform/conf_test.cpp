@@ -42,36 +42,40 @@ TEST(ConfDir, EveryByteOfAValueSurvives) {
     if (c != '\r' && c != '\n') bytes.push_back(static_cast<char>(c));
   const Scratch scratch;
   const Conf conf = begin(scratch.path("a.conf"));
-  const std::vector<std::string> values{
-      "",       " ",   "  two before and behind  ", "=", "= a = b", "[x]", "#1", "\ttab\t", "\"quoted\"",
-      "\\n\\r", bytes, std::string(65536, 'x')};
+  const std::vector<std::string> values{"",       " ",       "  two before and behind  ",
+                                        "=",      "= a = b", "[x]",
+                                        "#1",     "\ttab\t", "\"quoted\"",
+                                        "\\n\\r", bytes,     std::string(65536, 'x')};
   for (std::size_t i = 0; i < values.size(); ++i)
     Conf_Dir_Set_Str(conf.get(), "s", ("key" + std::to_string(i)).c_str(), values[i].c_str());
   ASSERT_EQ(Conf_Dir_Wirte_File(conf.get()), 0);
   const Conf again = load(scratch.path("a.conf"));
   EXPECT_EQ(again->n, static_cast<int>(values.size()));
   for (std::size_t i = 0; i < values.size(); ++i)
-    EXPECT_EQ(Conf_Dir_Get_Str(again.get(), "s", ("key" + std::to_string(i)).c_str(), "absent"), values[i]);
+    EXPECT_EQ(Conf_Dir_Get_Str(again.get(), "s", ("key" + std::to_string(i)).c_str(), "absent"),
+              values[i]);
 }
 
 TEST(ConfDir, ReadsWhatItCanOfADamagedFile) {
   const std::tuple<std::string, const char*, const char*, const char*> cases[] = {
       {"", "a", "k", "absent"},
-      {"[a]\nk = v", "a", "k", "v"},                            // no line break at the end
-      {"[a]\r\nk = v\r\n", "a", "k", "v"},                      // of another system
-      {"[a]\nk=v\n", "a", "k", "v"},                            // by hand, without blanks
-      {"[a]\nk =  v \n", "a", "k", " v "},                      // only one blank belongs to the form
-      {"\xEF\xBB\xBF[a]\nk = v\n", "a", "k", "v"},              // byte order mark
+      {"[a]\nk = v", "a", "k", "v"},                // no line break at the end
+      {"[a]\r\nk = v\r\n", "a", "k", "v"},          // of another system
+      {"[a]\nk=v\n", "a", "k", "v"},                // by hand, without blanks
+      {"[a]\nk =  v \n", "a", "k", " v "},          // only one blank belongs to the form
+      {"\xEF\xBB\xBF[a]\nk = v\n", "a", "k", "v"},  // byte order mark
       {"[a]\nk = 1\n[b]\nk = 2\n[a]\nk = 3\n", "a", "k", "3"},  // the last one counts
       {"[a]\nx\n = y\n#k = c\n;k = c\nk = v\n", "a", "k", "v"},
-      {"[a]\nk = 1\n[b\nk = 2\n", "a", "k", "1"},  // a lost name must not give its keys to its neighbour
+      {"[a]\nk = 1\n[b\nk = 2\n", "a", "k",
+       "1"},  // a lost name must not give its keys to its neighbour
       {"[a]\nk = 1\n[b\0c]\nk = 2\n"s, "a", "k", "1"},
       {"[a]\nk\0x = 2\nk = 1\n"s, "a", "k", "1"},
       {"[a]\nk = v\0w\n"s, "a", "k", "v"},
       {"[a]\nk = v\rkey = w\n", "a", "k", "v"},
       {"[a] ; comment\nk = v\n", "a", "k", "v"},
       {"k = v\n[a]\nk = w\n", "", "k", "v"},
-      {"[a]\nk = v\n" + std::string(4096, '\0'), "a", "k", "v"},  // a block that never reached the disk
+      {"[a]\nk = v\n" + std::string(4096, '\0'), "a", "k",
+       "v"},  // a block that never reached the disk
   };
   const Scratch scratch;
   for (const auto& [text, section, key, expected] : cases) {
@@ -88,7 +92,8 @@ TEST(ConfDir, NothingToReadIsAnEmptyObject) {
   const Scratch scratch;
   const std::string fifo = scratch.path("fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  for (const std::string& path : {scratch.path("missing"), scratch.path(""), fifo, std::string(1024, 'x')}) {
+  for (const std::string& path :
+       {scratch.path("missing"), scratch.path(""), fifo, std::string(1024, 'x')}) {
     const Conf conf = load(path);
     EXPECT_EQ(conf->n, 0);
     EXPECT_EQ(Conf_Dir_Get_Int(conf.get(), "a", "k", 5), 5);
@@ -112,8 +117,9 @@ TEST(ConfDir, ReadsNumbersAndTruthValues) {
       Conf_Dir_Set_Str(conf.get(), "s", "k", text);
       EXPECT_EQ(Conf_Dir_Get_Int(conf.get(), "s", "k", 42), number) << text;
     }
-  for (const auto& [truth, texts] : {std::pair<int, std::vector<const char*>>{1, {"TRUE", "true", "1", "YES", "yes"}},
-                                     {0, {"FALSE", "on", "", "1194,443"}}})
+  for (const auto& [truth, texts] :
+       {std::pair<int, std::vector<const char*>>{1, {"TRUE", "true", "1", "YES", "yes"}},
+        {0, {"FALSE", "on", "", "1194,443"}}})
     for (const char* text : texts) {
       Conf_Dir_Set_Str(conf.get(), "s", "k", text);
       EXPECT_EQ(Conf_Dir_Get_Bool(conf.get(), "s", "k", 1 - truth), truth) << text;
@@ -216,7 +222,9 @@ TEST(IniLock, AWriterWaitsForEveryReaderAndReadersForAWriter) {
   const Scratch scratch;
   const std::string locks = scratch.path("locks");
   const std::string path = scratch.write("a.conf", "");
-  const auto take = [&](Lock kind, const std::string& name) { return Fd{ini::lock_file(locks, name.c_str(), kind)}; };
+  const auto take = [&](Lock kind, const std::string& name) {
+    return Fd{ini::lock_file(locks, name.c_str(), kind)};
+  };
   const auto waits = [&](Fd held, Lock kind) {
     std::atomic<bool> taken{false};
     std::thread other{[&] { taken = take(kind, scratch.path("./a.conf")).operator bool(); }};
@@ -239,12 +247,16 @@ TEST(IniLock, AWriterWaitsForEveryReaderAndReadersForAWriter) {
 // One run loads, another writes, the first saves its changes to what it loaded.
 TEST(ThreeWaySave, KeepsWhatOthersWroteMeanwhile) {
   const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
-      {"[a]\nk = 1\n\n[b]\nip = x\nu = 1\n", "[a]\nk = 1\n\n[b]\nip = y\nu = 2\n", "[a]\nk = 2\n\n[b]\nip = x\n",
-       "[a]\nk = 2\n\n[b]\nip = y\n"},  // "u" is left out
-      {"[a]\nk = 1\n", "[a]\nk = 3\nl = 1\n\n[c]\nk = 1\n", "[a]\nk = 2\n", "[a]\nk = 2\nl = 1\n\n[c]\nk = 1\n"},
-      {"[a]\nk = 1\n\n[b]\nk = 1\n", "[a]\nk = 1\n", "[a]\nk = 2\n\n[b]\nk = 1\n", "[a]\nk = 2\n"},  // they removed b
-      {"[a]\nk = 1\n[b]\nk = 1\nl = 1\n", "[a]\nk = 1\n", "[b]\nk = 2\nl = 1\n", "[b]\nk = 2\nl = 1\n"},
-      {"[a]\nk = 1\n\n[b]\nk = 1\n", "[a]\nk = 1\n\n[b]\nk = 2\nl = 3\n", "[a]\nk = 1\n", "[a]\nk = 1\n"},  // we did
+      {"[a]\nk = 1\n\n[b]\nip = x\nu = 1\n", "[a]\nk = 1\n\n[b]\nip = y\nu = 2\n",
+       "[a]\nk = 2\n\n[b]\nip = x\n", "[a]\nk = 2\n\n[b]\nip = y\n"},  // "u" is left out
+      {"[a]\nk = 1\n", "[a]\nk = 3\nl = 1\n\n[c]\nk = 1\n", "[a]\nk = 2\n",
+       "[a]\nk = 2\nl = 1\n\n[c]\nk = 1\n"},
+      {"[a]\nk = 1\n\n[b]\nk = 1\n", "[a]\nk = 1\n", "[a]\nk = 2\n\n[b]\nk = 1\n",
+       "[a]\nk = 2\n"},  // they removed b
+      {"[a]\nk = 1\n[b]\nk = 1\nl = 1\n", "[a]\nk = 1\n", "[b]\nk = 2\nl = 1\n",
+       "[b]\nk = 2\nl = 1\n"},
+      {"[a]\nk = 1\n\n[b]\nk = 1\n", "[a]\nk = 1\n\n[b]\nk = 2\nl = 3\n", "[a]\nk = 1\n",
+       "[a]\nk = 1\n"},                                                    // we did
       {"[a]\nk = 1\n", "", "[a]\nk = 1\nl = 2\n", "[a]\nk = 1\nl = 2\n"},  // a file that is gone
   };
   for (const auto& [base, theirs, mine, expected] : cases) {
@@ -291,8 +303,8 @@ TEST(ThreeWaySave, LosesNoKeyOfAHookThatWritesAtOnce) {
 TEST(StaleTemporaries, GoAtTheNextWriteUnlessTheirWriterLives) {
   const Scratch scratch;
   const std::string path = scratch.write("a.conf", "[a]\nk = 1\n");
-  for (const char* name :
-       {"a.conf.tmp-Ab12Cd", "a.conf.tmp-living", "a.conf.backup", "a.conf.tmp-longer1", "b.conf.tmp-Ab12Cd"})
+  for (const char* name : {"a.conf.tmp-Ab12Cd", "a.conf.tmp-living", "a.conf.backup",
+                           "a.conf.tmp-longer1", "b.conf.tmp-Ab12Cd"})
     scratch.write(name, "secret");
   const Fd living{open(scratch.path("a.conf.tmp-living").c_str(), O_RDWR | O_CLOEXEC)};
   ASSERT_EQ(flock(living.get(), LOCK_EX), 0);
@@ -353,7 +365,9 @@ TEST(HostileLocks, AFifoInTheirPlaceIsRefusedAtOnce) {
 TEST(ReadOnlyConfig, IsToldOnceAnOutage) {
   const Scratch scratch;
   const std::string path = scratch.write("a.conf", "[a]\nk = 1\n");
-  const auto events = [](const char* text) { return naslog_event_query_count_ex(0, "", "", "", "", "", text, "", ""); };
+  const auto events = [](const char* text) {
+    return naslog_event_query_count_ex(0, "", "", "", "", "", text, "", "");
+  };
   const int result = in_private_host(scratch, [&] {
     const auto save = [&](int value) {
       const Conf conf = load(path);
@@ -372,7 +386,8 @@ TEST(ReadOnlyConfig, IsToldOnceAnOutage) {
     std::getline(file, where);
     std::getline(file, why);
     if (where != path || why != "Read-only file system") return 2;
-    if (events(("Settings cannot be saved: " + path + ": Read-only file system").c_str()) != 1) return 3;
+    if (events(("Settings cannot be saved: " + path + ": Read-only file system").c_str()) != 1)
+      return 3;
     if (!read_only(0) || !save(4) || std::filesystem::exists(mark)) return 4;
     return events(("Settings can be saved again: " + path).c_str()) == 1 ? 0 : 5;
   });

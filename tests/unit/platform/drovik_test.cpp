@@ -1,4 +1,5 @@
-// The appliance's own tunnel: messages, rules about clients, settings, and what goes through its sockets.
+// The appliance's own tunnel: messages, rules about clients, settings, and what goes through its
+// sockets.
 #include <arpa/inet.h>
 #include <deque>
 #include <netinet/in.h>
@@ -27,7 +28,8 @@ TEST(DrovikFrames, NoPartOfAMessageIsAMessage) {
   Welcome welcome;
   for (size_t length = 0; length < whole.size(); ++length) {
     SCOPED_TRACE(length);
-    const auto exact = std::make_unique<char[]>(length + 1);  // a look beyond the end is seen by the sanitizers
+    const auto exact =
+        std::make_unique<char[]>(length + 1);  // a look beyond the end is seen by the sanitizers
     whole.copy(exact.get(), length);
     EXPECT_FALSE(decode({exact.get(), length}, login));
     EXPECT_FALSE(decode({exact.get(), length}, welcome));
@@ -46,15 +48,19 @@ TEST(DrovikFrames, RefuseWhatIsOutOfBounds) {
   };
   EXPECT_TRUE(login_with("user", std::string(256, 'u')));
   EXPECT_FALSE(login_with("user", std::string(257, 'u')));
-  for (const char* what : {"user", "password", "identifier"}) EXPECT_FALSE(login_with(what, "")) << what;
-  for (const std::string& value : {std::string("a\nb"), std::string("a\0b", 3), std::string("a\x7f")})
+  for (const char* what : {"user", "password", "identifier"})
+    EXPECT_FALSE(login_with(what, "")) << what;
+  for (const std::string& value :
+       {std::string("a\nb"), std::string("a\0b", 3), std::string("a\x7f")})
     EXPECT_FALSE(login_with("user", value));
-  for (const char* value : {"02:00:5e:10:00:0F", "02:00:5e:10:00", "02-00-5e-10-00-0f", "02:00:5e:10:00:0f:"})
+  for (const char* value :
+       {"02:00:5e:10:00:0F", "02:00:5e:10:00", "02-00-5e-10-00-0f", "02:00:5e:10:00:0f:"})
     EXPECT_FALSE(login_with("identifier", value)) << value;
 
   Login login;
-  EXPECT_TRUE(decode(encode(LOGIN) + std::string("\x63\0\2zz", 5), login));  // a field of a later version
-  EXPECT_FALSE(decode(encode(LOGIN) + std::string("\2\0\1x", 4), login));    // a second user
+  EXPECT_TRUE(
+      decode(encode(LOGIN) + std::string("\x63\0\2zz", 5), login));  // a field of a later version
+  EXPECT_FALSE(decode(encode(LOGIN) + std::string("\2\0\1x", 4), login));  // a second user
   EXPECT_FALSE(decode(encode(LOGIN) + std::string(3000, '\x63'), login));
   Welcome welcome = WELCOME;
   for (const auto& [prefix, mtu, good] : {std::tuple{1, 576, true},
@@ -126,7 +132,8 @@ TEST(DrovikGate, LimitsOneAddressAndTheRateOfAll) {
   EXPECT_TRUE(gate.enter(source, NOON + std::chrono::seconds{1}));
 }
 
-// A flood of first datagrams for ten seconds, and a login every second beside it, of four datagrams each.
+// A flood of first datagrams for ten seconds, and a login every second beside it, of four datagrams
+// each.
 TEST(DrovikGate, KeepsAShareForKnownAddresses) {
   for (const Ipv4 senders : {1U, 256U}) {
     SCOPED_TRACE(senders);
@@ -161,8 +168,8 @@ TEST(DrovikGate, IsFullForUnknownAddressesFirst) {
 TEST(DrovikPrivilege, IsTheFifthFieldOfTheUsersLastLine) {
   for (const char* store : {"bob:0:0:0:0:1\n", "bob:0:0:0:0:1", "eve:1:1:1:1:1\nbob:0:0:0:0:1\n"})
     EXPECT_TRUE(may_use_drovik(store, "bob")) << store;
-  for (const char* store : {"", "bob\n", "bob:1:1:1:1:0\n", "bobby:0:0:0:0:1\n", "bob:0:0:0:1\n", "bob:0:0:0:0:\n",
-                            "bob:0:0:0:0:1\nbob:0:0:0:0:0\n"})
+  for (const char* store : {"", "bob\n", "bob:1:1:1:1:0\n", "bobby:0:0:0:0:1\n", "bob:0:0:0:1\n",
+                            "bob:0:0:0:0:\n", "bob:0:0:0:0:1\nbob:0:0:0:0:0\n"})
     EXPECT_FALSE(may_use_drovik(store, "bob")) << store;
 }
 
@@ -199,10 +206,11 @@ TEST(DrovikSettings, NameServersAreTheManualOneOrThoseOfTheHost) {
   const auto servers = [&] {
     ServerSettings settings;
     std::string why, all;
-    EXPECT_TRUE(read_server(conf.get(), "DROVIK",
-                            "# nameserver 9.9.9.9\nnameserver 127.0.0.53\nnameserver\t10.0.0.1 # near\r\n"
-                            "nameserver fe80::1\nnameserver 10.0.0.2\nnameserver 10.0.0.3",
-                            settings, why));
+    EXPECT_TRUE(
+        read_server(conf.get(), "DROVIK",
+                    "# nameserver 9.9.9.9\nnameserver 127.0.0.53\nnameserver\t10.0.0.1 # near\r\n"
+                    "nameserver fe80::1\nnameserver 10.0.0.2\nnameserver 10.0.0.3",
+                    settings, why));
     for (const Ipv4 server : settings.name_servers) all += to_text(server) + ' ';
     return all;
   };
@@ -233,7 +241,8 @@ class DrovikChannel : public testing::Test {
           server_->receive(datagram, [this](std::string_view message) { heard_ += message; });
         }
       }
-      if (!to_client_.empty()) client_->receive(take(to_client_), [this](std::string_view m) { heard_ += m; });
+      if (!to_client_.empty())
+        client_->receive(take(to_client_), [this](std::string_view m) { heard_ += m; });
     }
   }
   void begin(const char* server_key, const char* client_key) {

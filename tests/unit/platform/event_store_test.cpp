@@ -24,10 +24,12 @@ class EventTest : public testing::Test {
   void SetUp() override {
     const Event events[] = {
         {0, at("2024-03-06 23:59:59"), "bob", "192.0.2.7", "pc", "[ORMEL Service] up", "", "", ""},
-        {1, at("2024-03-07 00:00:00"), "bob", "192.0.2.8", "pc", "[ORMEL Service] 100% removed", "", "", ""},
-        {0, at("2024-03-07 12:00:00"), "amy", "192.0.2.7", "", "It's \"quoted\"; DROP TABLE event", "A238", "C004",
+        {1, at("2024-03-07 00:00:00"), "bob", "192.0.2.8", "pc", "[ORMEL Service] 100% removed", "",
+         "", ""},
+        {0, at("2024-03-07 12:00:00"), "amy", "192.0.2.7", "", "It's \"quoted\"; DROP TABLE event",
+         "A238", "C004", "0031"},
+        {2, at("2024-03-07 23:59:59"), "amy", "", "", "of [ORMEL Service], too", "A238", "C001",
          "0031"},
-        {2, at("2024-03-07 23:59:59"), "amy", "", "", "of [ORMEL Service], too", "A238", "C001", "0031"},
         {0, at("2024-03-08 00:00:00"), "", "", "", "last", "B1", "C004", "0040"},
     };
     for (const Event& event : events) ASSERT_TRUE(store.add(event));
@@ -69,8 +71,8 @@ TEST_F(EventTest, EveryFilterCountsAndFindsTheSameRows) {
 }
 
 TEST_F(EventTest, ATimeThatCannotBeReadIsAFailure) {
-  for (const char* bad :
-       {"yesterday", "2024-13-01", "2024-01-32", "2024-1-1", "2024-01-01 25:00", "2024-01-01 10:00:00x", "12x"}) {
+  for (const char* bad : {"yesterday", "2024-13-01", "2024-01-32", "2024-1-1", "2024-01-01 25:00",
+                          "2024-01-01 10:00:00x", "12x"}) {
     EXPECT_EQ(store.count({.from = bad}), -1) << bad;
     EXPECT_FALSE(store.query({.to = bad}, EventOrder::NewestFirst, 0, 9, collect, nullptr)) << bad;
   }
@@ -86,7 +88,8 @@ TEST(EventStore, ALogWithoutEventsIsEmptyAndADamagedOneFails) {
   const Scratch scratch;
   std::vector<std::string> rows;
   EXPECT_EQ(EventStore{scratch.path("none.db")}.count({}), 0);
-  EXPECT_TRUE(EventStore{scratch.path("none.db")}.query({}, EventOrder::NewestFirst, 0, 9, collect, &rows));
+  EXPECT_TRUE(
+      EventStore{scratch.path("none.db")}.query({}, EventOrder::NewestFirst, 0, 9, collect, &rows));
   const EventStore damaged{scratch.write("bad.db", std::string(4096, 'x'))};
   EXPECT_EQ(damaged.count({}), -1);
   EXPECT_FALSE(damaged.query({}, EventOrder::NewestFirst, 0, 9, collect, &rows));

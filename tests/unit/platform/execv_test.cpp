@@ -18,7 +18,8 @@ Outcome shell(const std::string& script) {
 }
 
 std::size_t open_descriptors() {
-  return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {}));
+  return static_cast<std::size_t>(
+      std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {}));
 }
 
 TEST(MibIoExecv, GivesTheExitStatusAndBothStreams) {
@@ -44,8 +45,10 @@ TEST(MibIoExecv, GivesTheExitStatusAndBothStreams) {
 
 TEST(MibIoExecv, TakesAMegabyteOfEachStreamInAnyOrder) {
   const std::string blocks =
-      "i=0; while [ $i -lt 16 ]; do head -c 65536 /dev/zero; head -c 65536 /dev/zero >&2; i=$((i+1)); done";
-  const std::string one_after_the_other = "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero";
+      "i=0; while [ $i -lt 16 ]; do head -c 65536 /dev/zero; head -c 65536 /dev/zero >&2; "
+      "i=$((i+1)); done";
+  const std::string one_after_the_other =
+      "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero";
   for (const std::string& script : {blocks, one_after_the_other}) {
     const Outcome got = shell(script);
     EXPECT_EQ(got.status, 0);
@@ -62,7 +65,8 @@ TEST(MibIoExecv, DoesNotWaitForADaemonLeftBehind) {
   EXPECT_EQ(quiet.status, 0);
   EXPECT_EQ(noisy.status, 0);
   for (const Outcome* got : {&quiet, &noisy}) {
-    const auto end = std::find_if(got->out.begin(), got->out.end(), [](char c) { return c >= '0' && c <= '9'; });
+    const auto end =
+        std::find_if(got->out.begin(), got->out.end(), [](char c) { return c >= '0' && c <= '9'; });
     const int pid = std::stoi(std::string{end, got->out.end()});
     ASSERT_GT(pid, 1);
     EXPECT_EQ(kill(pid, SIGKILL), 0);
@@ -80,7 +84,8 @@ TEST(MibIoExecv, FeedsTheContextToStandardInput) {
   char* ignoring[] = {yes, nullptr};
   EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, copying), 0);
   EXPECT_TRUE(text_of(out.get()) == input);
-  EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, ignoring), 0);  // no SIGPIPE for what is not read
+  EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, ignoring),
+            0);  // no SIGPIPE for what is not read
   EXPECT_TRUE(text_of(in.get()) == input);
 }
 
@@ -107,7 +112,10 @@ TEST(MibIoExecv, WorksWithStandardDescriptorsClosedAndChildrenIgnored) {
     struct sigaction now {};
     sigaction(SIGCHLD, nullptr, &now);
     if (pipe.status != 128 + SIGPIPE) _exit(2);
-    _exit(got.status == 128 + SIGTERM && got.out == "out" && got.err == "err" && now.sa_handler == SIG_IGN ? 0 : 1);
+    _exit(got.status == 128 + SIGTERM && got.out == "out" && got.err == "err" &&
+                  now.sa_handler == SIG_IGN
+              ? 0
+              : 1);
   }
   int status = 0;
   waitpid(child, &status, 0);

@@ -12,22 +12,27 @@ using gate::Request;
 std::string record(int type, const std::string& content, int padding = 0, int id = 7) {
   const auto byte = [](std::size_t number) { return static_cast<char>(number & 0xffU); };
   std::string text{1, byte(static_cast<std::size_t>(type)), 0, byte(static_cast<std::size_t>(id))};
-  text += {byte(content.size() >> 8U), byte(content.size()), byte(static_cast<std::size_t>(padding)), 0};
+  text += {byte(content.size() >> 8U), byte(content.size()),
+           byte(static_cast<std::size_t>(padding)), 0};
   return text + content + std::string(static_cast<std::size_t>(padding), 'p');
 }
 
 std::string pair(const std::string& name, const std::string& value) {
   const auto size = value.size();
   std::string length(1, static_cast<char>(size));
-  if (size > 127) length = {static_cast<char>(0x80), 0, static_cast<char>(size >> 8U), static_cast<char>(size & 0xffU)};
+  if (size > 127)
+    length = {static_cast<char>(0x80), 0, static_cast<char>(size >> 8U),
+              static_cast<char>(size & 0xffU)};
   return std::string(1, static_cast<char>(name.size())) + length + name + value;
 }
 
 const std::string BEGIN = record(1, std::string{"\0\1\0\0\0\0\0\0", 8});
 
 std::string request(const std::string& variables, const std::string& body) {
-  const std::string pieces = body.empty() ? "" : record(5, body.substr(0, 3), 5) + record(5, body.substr(3));
-  return BEGIN + (variables.empty() ? "" : record(4, variables, 2)) + record(4, "") + pieces + record(5, "");
+  const std::string pieces =
+      body.empty() ? "" : record(5, body.substr(0, 3), 5) + record(5, body.substr(3));
+  return BEGIN + (variables.empty() ? "" : record(4, variables, 2)) + record(4, "") + pieces +
+         record(5, "");
 }
 
 Request parsed(const std::string& variables, const std::string& body) {
@@ -38,7 +43,8 @@ Request parsed(const std::string& variables, const std::string& body) {
 
 TEST(GateRequest, IsTheSameHoweverItIsCut) {
   const std::string long_value(300, 'v');
-  const std::string variables = pair("SCRIPT_URL", "/x") + pair("CONTENT_LENGTH", "9") + pair("LONG", long_value);
+  const std::string variables =
+      pair("SCRIPT_URL", "/x") + pair("CONTENT_LENGTH", "9") + pair("LONG", long_value);
   const std::string text = request(variables, "type=PPTP");
   for (std::size_t size = 1; size <= text.size(); ++size) {
     Request made;
@@ -80,7 +86,8 @@ TEST(GateRequest, RefusesWhatNoWebServerSends) {
       BEGIN + record(4, "\x80") + record(4, ""),
       head + record(4, pair("A", "b")),
       head + record(5, "x", 0, 8),
-      record(1, std::string{"\0\2\0\0\0\0\0\0", 8}),  // another role than that of the one who answers
+      record(1,
+             std::string{"\0\2\0\0\0\0\0\0", 8}),  // another role than that of the one who answers
       record(1, "short"),
   };
   for (const std::string& text : texts) {
@@ -97,23 +104,28 @@ TEST(GateRequest, RefusesWhatNoWebServerSends) {
 
 TEST(GateRequest, IsRefusedUnderItsOwnNumber) {
   const std::string answer = parsed("", "").refusal("503 Busy", "Later.", 5);
-  EXPECT_EQ(answer,
-            record(6, "Status: 503 Busy\r\nContent-Type: text/plain; charset=utf-8\r\nRetry-After: 5\r\n\r\nLater.\n") +
-                record(6, "") + record(3, std::string(8, '\0')));
+  EXPECT_EQ(answer, record(6,
+                           "Status: 503 Busy\r\nContent-Type: text/plain; "
+                           "charset=utf-8\r\nRetry-After: 5\r\n\r\nLater.\n") +
+                        record(6, "") + record(3, std::string(8, '\0')));
 }
 
 TEST(GateRules, FindTheProfileWhereTheProgramFindsIt) {
   const std::string query = pair("QUERY_STRING", "type=WG&index=3&sid=x");
   const std::string parts = pair("CONTENT_TYPE", "multipart/form-data; boundary=edge");
-  const auto part = [](const std::string& name, const std::string& value, const std::string& more = "") {
-    return "--edge\r\nContent-Disposition: form-data; name=\"" + name + "\"" + more + "\r\n\r\n" + value + "\r\n";
+  const auto part = [](const std::string& name, const std::string& value,
+                       const std::string& more = "") {
+    return "--edge\r\nContent-Disposition: form-data; name=\"" + name + "\"" + more + "\r\n\r\n" +
+           value + "\r\n";
   };
   const std::tuple<std::string, std::string, std::string, long> rows[] = {
       {query, "", "WG", 3},
       {query, "index=4&%74ype=p+ptp", "p ptp", 4},
       {query, "index=4&=", "WG", 4},
       {query + parts, part("index", "5") + "--edge--\r\n", "WG", 5},
-      {parts, part("type", "L2TP") + part("index", " 6") + part("f", "x", "; filename=\"a\"") + part("index", "7"),
+      {parts,
+       part("type", "L2TP") + part("index", " 6") + part("f", "x", "; filename=\"a\"") +
+           part("index", "7"),
        "L2TP", 6},
       {"", "", "", 0},
   };

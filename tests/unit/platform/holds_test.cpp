@@ -12,7 +12,8 @@ using testing::IsEmpty;
 
 class HoldsTest : public testing::Test {
  protected:
-  [[nodiscard]] bool hold(const std::string& who, std::int64_t seconds, Hold::Kind kind = Hold::Kind::User) const {
+  [[nodiscard]] bool hold(const std::string& who, std::int64_t seconds,
+                          Hold::Kind kind = Hold::Kind::User) const {
     Hold wanted;
     wanted.kind = kind;
     wanted.who = wanted.name = who;
@@ -104,7 +105,8 @@ TEST_F(HoldsTest, HaveLimitsAndOneRowForEach) {
 
 TEST_F(HoldsTest, ADamagedListHoldsNoOneAndIsReplaced) {
   ASSERT_TRUE(hold("bob", 60));
-  for (const char* text : {"", "{", "[]", R"({"holds":1})", R"({"holds":[{"kind":"user","who":"%"}]})"}) {
+  for (const char* text :
+       {"", "{", "[]", R"({"holds":1})", R"({"holds":[{"kind":"user","who":"%"}]})"}) {
     scratch.write("state/holds.json", text);
     EXPECT_THAT(names(), IsEmpty()) << text;
     damages = 0;

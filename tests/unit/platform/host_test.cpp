@@ -15,7 +15,8 @@ TEST(DateTime, EveryFormatPrintsItsOwnText) {
   parts.tm_isdst = -1;
   const std::time_t seconds = std::mktime(&parts);
   std::array<char, 64> buffer{};
-  const char* const dates[] = {"2024/03/07", "2024-03-07", "03/07/2024", "03-07-2024", "07/03/2024", "07-03-2024"};
+  const char* const dates[] = {"2024/03/07", "2024-03-07", "03/07/2024",
+                               "03-07-2024", "07/03/2024", "07-03-2024"};
   for (int i = 0; i < 6; ++i) {
     EXPECT_EQ(Change_Date_To_String_By_Format(seconds, buffer.data(), i), 0);
     EXPECT_STREQ(buffer.data(), dates[i]);
@@ -41,7 +42,8 @@ TEST(Users, AreThePeopleAmongTheAccounts) {
   const Scratch scratch;
   scratch.write(
       "passwd",
-      "root:x:0:0::/root:/bin/bash\nwww-data:x:33:33::/var/www:/usr/sbin/nologin\nmail-in:x:1500:8::/:/bin/false\n"
+      "root:x:0:0::/root:/bin/bash\nwww-data:x:33:33::/var/www:/usr/sbin/"
+      "nologin\nmail-in:x:1500:8::/:/bin/false\n"
       "zoe:x:1002:1002::/home/zoe:/bin/bash\namy:x:1000:1000::/home/amy:\nlow:x:999:1::/:/bin/sh\n"
       "nobody:x:65534:65534::/nonexistent:/usr/sbin/nologin\n");
   const std::string file = scratch.path("passwd");
@@ -56,22 +58,25 @@ TEST(Users, AreThePeopleAmongTheAccounts) {
 TEST(Users, OnlyThePasswdLineTellsOfADirectory) {
   for (const char* text : {"passwd: files ldap\n", "passwd:\tfiles sss", "passwd:ldap\n"})
     EXPECT_TRUE(asks_directory(text)) << text;
-  for (const char* text : {"passwd: files systemd\n", "group: ldap\npasswd: files\n", "passwd: files # ldap\n",
-                           "passwd: files noldap\n", ""})
+  for (const char* text : {"passwd: files systemd\n", "group: ldap\npasswd: files\n",
+                           "passwd: files # ldap\n", "passwd: files noldap\n", ""})
     EXPECT_FALSE(asks_directory(text)) << text;
 }
 
-// With a stack of its own in the place of the host's, whose module compares what the conversation hands it.
+// With a stack of its own in the place of the host's, whose module compares what the conversation
+// hands it.
 TEST(Password, ReachesPamAsItWasGiven) {
   const Scratch scratch;
-  const std::string check =
-      scratch.write("check", "#!/bin/sh\n[ \"$(tr -d '\\000')\" = 'right \"one\"' ] && [ \"$PAM_USER\" = root ]\n");
+  const std::string check = scratch.write(
+      "check",
+      "#!/bin/sh\n[ \"$(tr -d '\\000')\" = 'right \"one\"' ] && [ \"$PAM_USER\" = root ]\n");
   ASSERT_EQ(chmod(check.c_str(), 0700), 0);
   std::filesystem::create_directory(scratch.path("pam.d"));
-  scratch.write("pam.d/fenro",
-                "auth required pam_exec.so quiet expose_authtok " + check + "\naccount required pam_permit.so\n");
+  scratch.write("pam.d/fenro", "auth required pam_exec.so quiet expose_authtok " + check +
+                                   "\naccount required pam_permit.so\n");
   const int status = in_private_host(scratch, [&] {
-    if (mount(scratch.path("pam.d").c_str(), "/etc/pam.d", nullptr, MS_BIND, nullptr) != 0) return NO_NAMESPACE;
+    if (mount(scratch.path("pam.d").c_str(), "/etc/pam.d", nullptr, MS_BIND, nullptr) != 0)
+      return NO_NAMESPACE;
     const int right = Check_NAS_User_Password("root", "right \"one\"") == 0 ? 0 : 1;
     const int wrong = Check_NAS_User_Password("root", "right") != 0 ? 0 : 2;
     const int other = Check_NAS_User_Password("nobody", "right \"one\"") != 0 ? 0 : 4;

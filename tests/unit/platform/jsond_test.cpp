@@ -16,7 +16,9 @@ class JsondTest : public testing::Test {
       if (method.name == name) return answer(documents, method, body);
     return "no such method";
   }
-  std::string read(const std::string& file) const { return call("read_json", R"({"path":")" + file + "\"}"); }
+  std::string read(const std::string& file) const {
+    return call("read_json", R"({"path":")" + file + "\"}");
+  }
   std::string write(const std::string& file, const std::string& data) const {
     return call("write_json", R"({"path":")" + file + R"(","data":)" + data + "}");
   }
@@ -44,24 +46,28 @@ TEST_F(JsondTest, LeavesAloneWhatIsNotBelowItsFolder) {
   std::filesystem::create_symlink(outside, folder + "/link");
   std::filesystem::create_symlink(scratch.path(""), folder + "/up");
   for (const std::string& path : std::initializer_list<std::string>{
-           "", "/", folder, folder + "/", folder + "/.", folder + "/sub/..", "outside", outside, folder + "2/x",
-           folder + "2", folder + "/../outside", folder + "/up/outside", "/etc/x/..", folder + "/.",
-           folder + "/no/such", folder + "/link", folder + "/sub/../../outside", folder + "/sub/\\u0000",
+           "", "/", folder, folder + "/", folder + "/.", folder + "/sub/..", "outside", outside,
+           folder + "2/x", folder + "2", folder + "/../outside", folder + "/up/outside",
+           "/etc/x/..", folder + "/.", folder + "/no/such", folder + "/link",
+           folder + "/sub/../../outside", folder + "/sub/\\u0000",
            folder + "/" + std::string(5000, 'x')}) {
     SCOPED_TRACE(path.substr(0, 100));
     EXPECT_EQ(read(path).find("{\"error\":-1,"), 0U);
     EXPECT_EQ(write(path, "{}").find("{\"error\":-1,"), 0U);
   }
   EXPECT_EQ(scratch.read("outside"), "{\"secret\":1}");
-  EXPECT_TRUE(std::filesystem::is_empty(folder + "/sub") && std::filesystem::is_empty(scratch.path("config2")));
+  EXPECT_TRUE(std::filesystem::is_empty(folder + "/sub") &&
+              std::filesystem::is_empty(scratch.path("config2")));
 }
 
 TEST_F(JsondTest, RefusesWhatIsNoDocument) {
   const std::string file = scratch.write("config/x", "{\"kept\":1}");
   for (const char* data : {"7", "\"text\"", "null", "true", ""})
     EXPECT_NE(write(file, data).find("\"error\":-1"), std::string::npos);
-  EXPECT_NE(write(file, "[\"" + std::string(DOCUMENT_MAX, 'x') + "\"]").find("too long"), std::string::npos);
-  EXPECT_NE(call("write_json", R"({"path":")" + file + "\"}").find("\"error\":-1"), std::string::npos);
+  EXPECT_NE(write(file, "[\"" + std::string(DOCUMENT_MAX, 'x') + "\"]").find("too long"),
+            std::string::npos);
+  EXPECT_NE(call("write_json", R"({"path":")" + file + "\"}").find("\"error\":-1"),
+            std::string::npos);
   EXPECT_EQ(scratch.read("config/x"), "{\"kept\":1}");
   for (const char* body : {"", "[]", "{", "\xff", R"({"path":7})", R"({"path":{}})"})
     EXPECT_NE(call("read_json", body).find("\"error\":-1"), std::string::npos) << body;

@@ -1,4 +1,5 @@
-// The keeper's rules: pauses between attempts, when it gives up, how much is sent, and what a receiver can check.
+// The keeper's rules: pauses between attempts, when it gives up, how much is sent, and what a
+// receiver can check.
 #include <gmock/gmock.h>
 
 #include "daemons/keeper/backoff.h"
@@ -65,7 +66,9 @@ TEST(KeeperNotifier, SignsAsTheStandardSays) {  // RFC 4231, case 2
 TEST(KeeperRecent, ShowsTheLatestReportsFirstAndAHundredAtMost) {
   Recent recent;
   for (int i = 0; i < 120; ++i)
-    recent.add({"lost", Level::Warning, "WG_CLIENT1", "text " + std::to_string(i) + "\xff", "no-answer"}, 1000 + i);
+    recent.add(
+        {"lost", Level::Warning, "WG_CLIENT1", "text " + std::to_string(i) + "\xff", "no-answer"},
+        1000 + i);
   const Json rows = recent.show();
   ASSERT_EQ(json_array_size(rows.get()), 100U);
   EXPECT_EQ(compact(json_array_get(rows.get(), 0)),
@@ -75,14 +78,15 @@ TEST(KeeperRecent, ShowsTheLatestReportsFirstAndAHundredAtMost) {
 }
 
 TEST(KeeperTunnels, KnowsSectionsAndTheirInterfaces) {
-  for (const char* section :
-       {"", "PPTP_CLIENT", "PPTP_CLIENT0", "PPTP_CLIENT33", "PPTP_CLIENT01", "WG_CLIENT1x", "global"})
+  for (const char* section : {"", "PPTP_CLIENT", "PPTP_CLIENT0", "PPTP_CLIENT33", "PPTP_CLIENT01",
+                              "WG_CLIENT1x", "global"})
     EXPECT_FALSE(find_tunnel(section)) << section;
   EXPECT_TRUE(find_tunnel("OPENVPN")->is_server());
   const auto client = find_tunnel("DROVIK_CLIENT7");
   ASSERT_TRUE(client);
   EXPECT_EQ(client->section() + ' ' + client->interface(), "DROVIK_CLIENT7 dtunc2507");
-  EXPECT_THAT(client->script("keep"), testing::ElementsAre("/etc/init.d/vpn_drovik_client.sh", "keep", "7"));
+  EXPECT_THAT(client->script("keep"),
+              testing::ElementsAre("/etc/init.d/vpn_drovik_client.sh", "keep", "7"));
 }
 
 }  // namespace

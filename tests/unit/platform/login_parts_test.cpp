@@ -28,7 +28,8 @@ class LoginThrottleTest : public testing::Test {
 };
 
 TEST_F(LoginThrottleTest, DelaysMoreAndMoreThenRefusesUntilTheWindowEnds) {
-  constexpr int DELAYS_MS[LoginThrottle::ADDRESS_LIMIT] = {0, 0, 0, 500, 1000, 2000, 4000, 4000, 4000, 4000};
+  constexpr int DELAYS_MS[LoginThrottle::ADDRESS_LIMIT] = {0,    0,    0,    500,  1000,
+                                                           2000, 4000, 4000, 4000, 4000};
   for (const int delay : DELAYS_MS) {
     const auto admission = throttle.admit("bob", HOME, NOW);
     ASSERT_TRUE(admission);
@@ -46,7 +47,8 @@ TEST_F(LoginThrottleTest, DelaysMoreAndMoreThenRefusesUntilTheWindowEnds) {
 }
 
 TEST_F(LoginThrottleTest, CountsAUserOverAllAddressesAndInAnyCase) {
-  for (int i = 0; i < LoginThrottle::USER_LIMIT; ++i) EXPECT_TRUE(admits(i % 2 ? "bob" : "BOB", nth_address(i)));
+  for (int i = 0; i < LoginThrottle::USER_LIMIT; ++i)
+    EXPECT_TRUE(admits(i % 2 ? "bob" : "BOB", nth_address(i)));
   EXPECT_FALSE(admits("Bob", HOME));
   EXPECT_TRUE(admits("carol", HOME));
 }
@@ -63,13 +65,15 @@ TEST_F(LoginThrottleTest, ASuccessForgivesTheUserButNotTheAddress) {
 }
 
 TEST_F(LoginThrottleTest, CountsTheNetworkOfAnIpv6ClientAndAMappedAddressAsItself) {
-  const std::tuple<const char*, const char*, bool> ROWS[] = {{"2001:db8::1", "2001:db8::ffff:2", true},
-                                                             {"2001:db8:1::1", "2001:db8:1:1::1", false},
-                                                             {"::ffff:192.0.2.9", "192.0.2.9", true},
-                                                             {"::ffff:192.0.2.10", "::ffff:192.0.2.11", false}};
+  const std::tuple<const char*, const char*, bool> ROWS[] = {
+      {"2001:db8::1", "2001:db8::ffff:2", true},
+      {"2001:db8:1::1", "2001:db8:1:1::1", false},
+      {"::ffff:192.0.2.9", "192.0.2.9", true},
+      {"::ffff:192.0.2.10", "::ffff:192.0.2.11", false}};
   for (const auto& [used, other, same] : ROWS) {
     SCOPED_TRACE(used);
-    for (int i = 0; i < LoginThrottle::ADDRESS_LIMIT; ++i) std::ignore = admits(used + std::to_string(i), used);
+    for (int i = 0; i < LoginThrottle::ADDRESS_LIMIT; ++i)
+      std::ignore = admits(used + std::to_string(i), used);
     EXPECT_NE(admits("bob", other), same);
   }
 }
@@ -103,7 +107,8 @@ TEST_F(LoginThrottleTest, KeepsABoundedNumberOfCountersWithoutNamesInAClosedFold
 
 TEST_F(LoginThrottleTest, StartsAnewFromADamagedFileAndAdmitsNobodyWhereItCannotCount) {
   ASSERT_TRUE(admits("bob", HOME));
-  for (const char* text : {"", "\n\n", "short\n1 2 3\n", "12345678901234567890123456789012\n1 x 3\n-1 -1 -1\n"}) {
+  for (const char* text :
+       {"", "\n\n", "short\n1 2 3\n", "12345678901234567890123456789012\n1 x 3\n-1 -1 -1\n"}) {
     SCOPED_TRACE(text);
     scratch.write("login/counters", text);
     EXPECT_TRUE(admits("bob", HOME));

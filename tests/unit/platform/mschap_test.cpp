@@ -33,19 +33,21 @@ class HelperTest : public testing::Test {
     const std::string hash = PASSWORD_HASH;
     table = "&" + scratch.write("smbpasswd", "User:1000:" + std::string(32, 'X') + ":" + hash +
                                                  ":[U  ]:LCT-5F000000:\n" + "off:1001:X:" + hash +
-                                                 ":[UD  ]:LCT-5F000000:\n" + "none:1002:X:" + std::string(32, 'X') +
-                                                 ":[U]:\n" + "DOM\\User:1003:X:" + hash + ":[U]:\n");
-    secrets = scratch.write("chap-secrets", line("User", table) + line("off", table) + line("none", table) +
-                                                line("DOM\\User", table) + line("plain", "clientPass") +
-                                                "\"other\"\tl2tpd\t" + table + "\t*\n");
+                                                 ":[UD  ]:LCT-5F000000:\n" +
+                                                 "none:1002:X:" + std::string(32, 'X') + ":[U]:\n" +
+                                                 "DOM\\User:1003:X:" + hash + ":[U]:\n");
+    secrets = scratch.write("chap-secrets", line("User", table) + line("off", table) +
+                                                line("none", table) + line("DOM\\User", table) +
+                                                line("plain", "clientPass") + "\"other\"\tl2tpd\t" +
+                                                table + "\t*\n");
   }
   static std::string line(const std::string& user, const std::string& secret) {
     return "\"" + user + "\"\tpptpd\t" + secret + "\t*\n";
   }
   std::string ask(const std::string& names, const std::string& response = RESPONSE) {
-    const std::string request = names + "LANMAN-Challenge: " + CHALLENGE +
-                                "\nLANMAN-response: " + std::string(48, '0') + "\nNT-response: " + response +
-                                "\nRequest-User-Session-Key: yes\n.\n";
+    const std::string request =
+        names + "LANMAN-Challenge: " + CHALLENGE + "\nLANMAN-response: " + std::string(48, '0') +
+        "\nNT-response: " + response + "\nRequest-User-Session-Key: yes\n.\n";
     return judge(request, secrets.c_str(), "pptpd");
   }
   test::Scratch scratch;
@@ -53,7 +55,8 @@ class HelperTest : public testing::Test {
 };
 
 TEST_F(HelperTest, AdmitsListedUsersWithTheRightResponse) {
-  const std::string yes = std::string{"Authenticated: Yes\nUser-session-key: "} + SESSION_KEY + "\n.\n";
+  const std::string yes =
+      std::string{"Authenticated: Yes\nUser-session-key: "} + SESSION_KEY + "\n.\n";
   EXPECT_EQ(ask("Full-Username:: VXNlcg==\n"), yes);
   EXPECT_EQ(ask("Username: User\n"), yes);
   EXPECT_EQ(ask("NT-Domain:: RE9N\nFull-Username:: VXNlcg==\n"), yes);
@@ -64,10 +67,11 @@ TEST_F(HelperTest, RefusesEverybodyElse) {
   std::string wrong = RESPONSE;
   wrong.back() = '0';
   for (const std::string& verdict : std::initializer_list<std::string>{
-           ask("Username: User\n", wrong), ask("Username: User\n", ""), ask("Username: off\n"), ask("Username: none\n"),
-           ask("Username: other\n"), ask("Username: nobody\n"), ask("Username: User\"\n"),
-           ask("Username: User\"\tpptpd\t&\n"), ask("Username: \n"), ask(""), ask("Username:: !!!\n"),
-           ask("nonsense\n"), judge("", "/dev/null", "pptpd"), judge("Username: User\n", secrets.c_str(), "pptpd")})
+           ask("Username: User\n", wrong), ask("Username: User\n", ""), ask("Username: off\n"),
+           ask("Username: none\n"), ask("Username: other\n"), ask("Username: nobody\n"),
+           ask("Username: User\"\n"), ask("Username: User\"\tpptpd\t&\n"), ask("Username: \n"),
+           ask(""), ask("Username:: !!!\n"), ask("nonsense\n"), judge("", "/dev/null", "pptpd"),
+           judge("Username: User\n", secrets.c_str(), "pptpd")})
     EXPECT_EQ(verdict, "Authenticated: No\n.\n");
 }
 
@@ -83,7 +87,8 @@ TEST_F(HelperTest, TheNameOfTheTableIsNoPassword) {
 
 // The hash of "clientPass" as a line of the table.
 std::string password_line(const std::string& user, const char* change) {
-  return user + ":1000:" + std::string(32, 'X') + ':' + PASSWORD_HASH + ":[U          ]:" + change + ":\n";
+  return user + ":1000:" + std::string(32, 'X') + ':' + PASSWORD_HASH + ":[U          ]:" + change +
+         ":\n";
 }
 
 TEST(PasswordTable, ReplacesOneUsersLineAndKeepsTheRest) {
@@ -101,7 +106,8 @@ TEST(PasswordTable, ReplacesOneUsersLineAndKeepsTheRest) {
   };
   for (const auto& row : rows)
     EXPECT_EQ(with_password(row.table, "bob", 1000, "clientPass", 16), row.expected) << row.table;
-  for (const char* user : {"", "a:b", "a\nb"}) EXPECT_EQ(with_password("", user, 1, "p", 1), "") << user;
+  for (const char* user : {"", "a:b", "a\nb"})
+    EXPECT_EQ(with_password("", user, 1, "p", 1), "") << user;
   EXPECT_EQ(with_password("", "bob", 1, "\xff", 1), "");
 }
 

@@ -14,7 +14,8 @@ class NetworkdTest : public testing::Test {
  protected:
   std::string call(std::string_view name, std::string_view body) {
     const auto all = methods();
-    const auto method = std::find_if(all.begin(), all.end(), [&](const Method& each) { return each.name == name; });
+    const auto method =
+        std::find_if(all.begin(), all.end(), [&](const Method& each) { return each.name == name; });
     return method == all.end() ? "no such method" : answer(*state, *method, body);
   }
   // The integer "error" of a reply; a foreign reply gives INT_MIN.
@@ -35,15 +36,19 @@ class NetworkdTest : public testing::Test {
 };
 
 TEST_F(NetworkdTest, KeepsWhatItAcknowledgedOverARestart) {
-  ASSERT_EQ(error_of("external_dev.register", R"({"key":"PPTP_CLIENT1","profile":"a","ifname":"ppp1001","x":1})"), 0);
-  ASSERT_EQ(error_of("external_dev.register", R"({"key":"L2TP_CLIENT1","profile":"b\u0001\"\\é"})"), 0);
+  ASSERT_EQ(error_of("external_dev.register",
+                     R"({"key":"PPTP_CLIENT1","profile":"a","ifname":"ppp1001","x":1})"),
+            0);
+  ASSERT_EQ(error_of("external_dev.register", R"({"key":"L2TP_CLIENT1","profile":"b\u0001\"\\é"})"),
+            0);
   const std::string before = call("external_dev.list", "");
   restart();
   EXPECT_EQ(call("external_dev.list", ""), before);
-  EXPECT_EQ(call("external_dev.list", R"({"key":"PPTP_CLIENT1"})"),
-            R"({"error":0,"data":{"PPTP_CLIENT1":{"key":"PPTP_CLIENT1","as_default_gw":"","profile":"a","status":"",)"
-            R"("ip4_ip":"","ip4_netmask":"","ifname":"ppp1001","type":"","protocol":"","country_code":"","dns":"",)"
-            R"("ip4_gw":""}}})");
+  EXPECT_EQ(
+      call("external_dev.list", R"({"key":"PPTP_CLIENT1"})"),
+      R"({"error":0,"data":{"PPTP_CLIENT1":{"key":"PPTP_CLIENT1","as_default_gw":"","profile":"a","status":"",)"
+      R"("ip4_ip":"","ip4_netmask":"","ifname":"ppp1001","type":"","protocol":"","country_code":"","dns":"",)"
+      R"("ip4_gw":""}}})");
   EXPECT_EQ(scratch.mode("external_dev.json"), 0600U);
   EXPECT_EQ(scratch.files(), 1U);  // no temporary file is left
 }
@@ -51,7 +56,8 @@ TEST_F(NetworkdTest, KeepsWhatItAcknowledgedOverARestart) {
 TEST_F(NetworkdTest, RegisteringReplacesAndModifyingKeepsTheOtherFields) {
   call("external_dev.register", R"({"key":"K","profile":"old","dns":"1.1.1.1"})");
   EXPECT_EQ(error_of("external_dev.modify", R"({"key":"K","profile":"new"})"), 0);
-  EXPECT_NE(call("external_dev.list", R"({"key":"K"})").find(R"("profile":"new","status":"","ip4_ip":"")"),
+  EXPECT_NE(call("external_dev.list", R"({"key":"K"})")
+                .find(R"("profile":"new","status":"","ip4_ip":"")"),
             std::string::npos);
   EXPECT_NE(call("external_dev.list", "").find("1.1.1.1"), std::string::npos);
   EXPECT_EQ(error_of("external_dev.register", R"({"key":"K"})"), 0);
@@ -85,11 +91,14 @@ TEST_F(NetworkdTest, StartsEmptyBesideADamagedFileAndKeepsItForLater) {
 }
 
 TEST_F(NetworkdTest, LeavesOutDamagedEntriesAlone) {
-  scratch.write("external_dev.json",
-                R"({"A":{"key":"A","profile":7},"B":{"key":"C"},"D":[],"E":{"key":"E","profile":"good"}})");
+  scratch.write(
+      "external_dev.json",
+      R"({"A":{"key":"A","profile":7},"B":{"key":"C"},"D":[],"E":{"key":"E","profile":"good"}})");
   restart();
   const std::string list = call("external_dev.list", "");
-  EXPECT_EQ(list.find(R"({"error":0,"data":{"E":{"key":"E","as_default_gw":"","profile":"good")"), 0U) << list;
+  EXPECT_EQ(list.find(R"({"error":0,"data":{"E":{"key":"E","as_default_gw":"","profile":"good")"),
+            0U)
+      << list;
 }
 
 TEST_F(NetworkdTest, TheTableIsBounded) {
@@ -102,9 +111,9 @@ TEST_F(NetworkdTest, TheTableIsBounded) {
   restart();
   EXPECT_EQ(error_of("external_dev.register", R"({"key":"ONE_MORE"})"), ERROR_REQUEST);
   EXPECT_EQ(error_of("external_dev.register", R"({"key":"K5","profile":"replaced"})"), 0);
-  EXPECT_EQ(
-      error_of("external_dev.register", R"({"key":"K5","profile":")" + std::string(DEVICE_FIELD_MAX + 1, 'x') + "\"}"),
-      ERROR_REQUEST);
+  EXPECT_EQ(error_of("external_dev.register",
+                     R"({"key":"K5","profile":")" + std::string(DEVICE_FIELD_MAX + 1, 'x') + "\"}"),
+            ERROR_REQUEST);
 }
 
 TEST_F(NetworkdTest, AnswersEveryHostileBodyWithAnError) {
@@ -120,13 +129,16 @@ TEST_F(NetworkdTest, AnswersEveryHostileBodyWithAnError) {
       R"({"key":"a\u0000b","ip":"10.0.0.1\u0000","name_interface":"lo\u0000"})",
       R"({"key":"","name_interface":"","ip":"","mask":""})",
   };
-  const std::set<std::string_view> takes_nothing{"api.get_available_interface_list", "api.get_currentGWinfo",
-                                                 "external_dev.guard_state", "external_dev.update_vpn_gw"};
+  const std::set<std::string_view> takes_nothing{
+      "api.get_available_interface_list", "api.get_currentGWinfo", "external_dev.guard_state",
+      "external_dev.update_vpn_gw"};
   for (const Method& method : methods())
     for (const std::string& body : bodies) {
       const bool is_object = &body - bodies >= 6;
-      if (is_object && takes_nothing.count(method.name) != 0) continue;  // it does not look into one
-      if (method.name == "external_dev.list" && body.ends_with("\"mask\":\"\"}")) continue;  // an unknown key, no error
+      if (is_object && takes_nothing.count(method.name) != 0)
+        continue;  // it does not look into one
+      if (method.name == "external_dev.list" && body.ends_with("\"mask\":\"\"}"))
+        continue;  // an unknown key, no error
       EXPECT_NE(error_of(method.name, body), 0) << method.name << " " << body.substr(0, 60);
     }
 }
@@ -134,9 +146,11 @@ TEST_F(NetworkdTest, AnswersEveryHostileBodyWithAnError) {
 TEST_F(NetworkdTest, FindsACollisionWithTheLoopbackNetworkAndNoneElsewhere) {
   EXPECT_EQ(call("api.check_network_intersect", R"({"ip":"127.0.0.2", "mask": "255.255.255.0"})"),
             R"({"error":1,"data":"lo 127.0.0.0/8"})");
-  EXPECT_EQ(call("api.check_network_intersect", R"({"ip":"198.51.100.7", "mask": "255.255.255.0"})"),
-            R"({"error":0,"data":""})");
-  EXPECT_EQ(error_of("api.check_network_intersect", R"({"ip":"10.0.0.1","mask":"255.0.255.0"})"), ERROR_REQUEST);
+  EXPECT_EQ(
+      call("api.check_network_intersect", R"({"ip":"198.51.100.7", "mask": "255.255.255.0"})"),
+      R"({"error":0,"data":""})");
+  EXPECT_EQ(error_of("api.check_network_intersect", R"({"ip":"10.0.0.1","mask":"255.0.255.0"})"),
+            ERROR_REQUEST);
   EXPECT_EQ(call("api.check_ip_duplicate", R"({"ip":"127.0.0.1"})"), R"({"error":1,"data":"lo"})");
   EXPECT_EQ(error_of("api.get_interfaceStatus", R"({"ifindex":999999})"), ERROR_NOT_FOUND);
 }

@@ -30,8 +30,8 @@ TEST(Ipv4NetworkTest, OverlapsWhenOneAddressIsInBoth) {
       {"10.0.0.9", "255.255.255.0", "10.0.1.9", "255.255.255.0", false},     // neighbours
       {"10.0.0.255", "255.255.255.255", "10.0.0.0", "255.255.255.0", true},  // the last address
       {"10.0.1.0", "255.255.255.255", "10.0.0.0", "255.255.255.0", false},   // the one behind it
-      {"200.0.0.1", "255.255.0.0", "10.0.0.1", "255.255.0.0", false},        // numbers compare unsigned
-      {"1.2.3.4", "0.0.0.0", "223.255.255.255", "255.255.255.255", true},    // everything
+      {"200.0.0.1", "255.255.0.0", "10.0.0.1", "255.255.0.0", false},  // numbers compare unsigned
+      {"1.2.3.4", "0.0.0.0", "223.255.255.255", "255.255.255.255", true},  // everything
   };
   for (const auto& [address, mask, other_address, other_mask, overlap] : CASES) {
     SCOPED_TRACE(std::string{address} + " and " + other_address);
@@ -54,33 +54,41 @@ TEST(Ipv4NetworkTest, TakesDottedQuadsAndMasksWithoutHolesOnly) {
 }
 
 TEST(LocalNetworksTest, LeavesOutThisSystemsOwnTunnelsOnly) {
-  for (const char* own :
-       {"ppp0", "ppp1001", "ppp1032", "ppp1251", "ppp1282", "tun1000", "tun2001", "dtunc2532", "wgc3001", "wg0"})
+  for (const char* own : {"ppp0", "ppp1001", "ppp1032", "ppp1251", "ppp1282", "tun1000", "tun2001",
+                          "dtunc2532", "wgc3001", "wg0"})
     EXPECT_TRUE(is_own_tunnel(own)) << own;
-  for (const char* foreign :
-       {"eth0", "lo", "ppp", "ppp1000", "ppp1033", "ppp1001x", "ppp-1", "tun0", "tun2033", "wg1", "wgc3000", ""})
+  for (const char* foreign : {"eth0", "lo", "ppp", "ppp1000", "ppp1033", "ppp1001x", "ppp-1",
+                              "tun0", "tun2033", "wg1", "wgc3000", ""})
     EXPECT_FALSE(is_own_tunnel(foreign)) << foreign;
 }
 
 TEST(LocalNetworksTest, CountsBothEndsOfAPointToPointLink) {
-  const std::vector<Link> links{{7, "tun5", IFF_UP, true, 0, 0}, {8, "wgc3001", IFF_UP, true, 0, 0}};
-  const std::vector<Address> addresses{{7, 0x0a090001, 0x0a090102, 32}, {8, 0x0a000001, 0x0a000001, 24}};
+  const std::vector<Link> links{{7, "tun5", IFF_UP, true, 0, 0},
+                                {8, "wgc3001", IFF_UP, true, 0, 0}};
+  const std::vector<Address> addresses{{7, 0x0a090001, 0x0a090102, 32},
+                                       {8, 0x0a000001, 0x0a000001, 24}};
   const auto networks = local_networks(links, addresses);
   const auto* near = find_overlap(networks, network("10.9.0.2", "255.255.255.0"));
   const auto* far = find_overlap(networks, network("10.9.1.200", "255.255.255.0"));
   ASSERT_TRUE(near != nullptr && far != nullptr);
   EXPECT_EQ(near->network.text(), "10.9.0.1/32");
   EXPECT_EQ(far->interface, "tun5");
-  EXPECT_EQ(find_overlap(networks, network("10.0.0.0", "255.255.255.0")), nullptr);  // the WireGuard client's own
+  EXPECT_EQ(find_overlap(networks, network("10.0.0.0", "255.255.255.0")),
+            nullptr);  // the WireGuard client's own
 }
 
 TEST(InterfacesTest, AreToldApartByWhatTheKernelMadeThemOf) {
   const std::tuple<const char*, const char*, unsigned, int, const char*, bool> rows[] = {
-      {"eth12", "", ARPHRD_ETHER, 0, "ethernet", true},     {"eth12", "", ARPHRD_ETHER, 9, "ethernet", false},
-      {"eth0", "veth", ARPHRD_ETHER, 0, "ethernet", true},  {"br0", "bridge", ARPHRD_ETHER, 0, "vswitch", true},
-      {"bond0", "bond", ARPHRD_ETHER, 0, "bond", true},     {"eth0.7", "vlan", ARPHRD_ETHER, 0, "vlan", true},
-      {"tap7", "tun", ARPHRD_ETHER, 0, "virtualif", false}, {"lo", "", ARPHRD_LOOPBACK, 0, "virtualif", false},
-      {"ppp1001", "", ARPHRD_ETHER, 0, "ethernet", false},  {"x", "bridgex", ARPHRD_ETHER, 0, "virtualif", false},
+      {"eth12", "", ARPHRD_ETHER, 0, "ethernet", true},
+      {"eth12", "", ARPHRD_ETHER, 9, "ethernet", false},
+      {"eth0", "veth", ARPHRD_ETHER, 0, "ethernet", true},
+      {"br0", "bridge", ARPHRD_ETHER, 0, "vswitch", true},
+      {"bond0", "bond", ARPHRD_ETHER, 0, "bond", true},
+      {"eth0.7", "vlan", ARPHRD_ETHER, 0, "vlan", true},
+      {"tap7", "tun", ARPHRD_ETHER, 0, "virtualif", false},
+      {"lo", "", ARPHRD_LOOPBACK, 0, "virtualif", false},
+      {"ppp1001", "", ARPHRD_ETHER, 0, "ethernet", false},
+      {"x", "bridgex", ARPHRD_ETHER, 0, "virtualif", false},
   };
   for (const auto& [name, kind, hardware, master, type, available] : rows) {
     SCOPED_TRACE(std::string{name} + " " + kind);
@@ -92,8 +100,8 @@ TEST(InterfacesTest, AreToldApartByWhatTheKernelMadeThemOf) {
 
 // A message as the kernel builds it, with one attribute after the other.
 template <typename Head>
-std::vector<std::byte> message(const Head& head,
-                               const std::vector<std::pair<unsigned short, std::string>>& attributes) {
+std::vector<std::byte> message(
+    const Head& head, const std::vector<std::pair<unsigned short, std::string>>& attributes) {
   std::vector<std::byte> bytes(sizeof head);
   std::memcpy(bytes.data(), &head, sizeof head);
   for (const auto& [type, value] : attributes) {
@@ -109,14 +117,16 @@ std::vector<std::byte> message(const Head& head,
 TEST(RtnetlinkTest, ReadsAMessageCutAnywhereWithoutLeavingIt) {
   ifinfomsg head{};
   head.ifi_index = 3;
-  const auto whole = message(head, {{IFLA_IFNAME, std::string{"eth12\0", 6}}, {IFLA_STATS64, std::string(192, '\1')}});
+  const auto whole = message(
+      head, {{IFLA_IFNAME, std::string{"eth12\0", 6}}, {IFLA_STATS64, std::string(192, '\1')}});
   Link link;
   ASSERT_TRUE(parse_link(whole, link));
   EXPECT_EQ(link.name, "eth12");
   EXPECT_EQ(link.rx_bytes, 0x0101010101010101U);
   for (std::size_t length = 0; length < whole.size(); ++length) {
     const std::vector<std::byte> cut(
-        whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(length));  // exact: asan sees a step beyond
+        whole.begin(),
+        whole.begin() + static_cast<std::ptrdiff_t>(length));  // exact: asan sees a step beyond
     Link partial;
     const bool good = parse_link(cut, partial);
     EXPECT_EQ(good, length >= sizeof head + 10) << length;  // as soon as the name is there
@@ -156,15 +166,16 @@ void walk(const GatewayPolicy& policy, const std::vector<Step>& steps) {
 }
 
 TEST(GatewayChoice, ReturnsAfterTheFirstHasBeenWellForTheWholeInterval) {
-  walk({"tun2001", "wgc3001", false, std::chrono::minutes(5)}, {
-                                                                   {0, WELL, WELL, Chosen::FIRST},
-                                                                   {1, SILENT, WELL, Chosen::SECOND},
-                                                                   {2, WELL, WELL, Chosen::SECOND},
-                                                                   {6, SILENT, WELL, Chosen::SECOND},  // starts afresh
-                                                                   {7, WELL, WELL, Chosen::SECOND},
-                                                                   {11, WELL, WELL, Chosen::SECOND},
-                                                                   {12, WELL, WELL, Chosen::FIRST},
-                                                               });
+  walk({"tun2001", "wgc3001", false, std::chrono::minutes(5)},
+       {
+           {0, WELL, WELL, Chosen::FIRST},
+           {1, SILENT, WELL, Chosen::SECOND},
+           {2, WELL, WELL, Chosen::SECOND},
+           {6, SILENT, WELL, Chosen::SECOND},  // starts afresh
+           {7, WELL, WELL, Chosen::SECOND},
+           {11, WELL, WELL, Chosen::SECOND},
+           {12, WELL, WELL, Chosen::FIRST},
+       });
 }
 
 TEST(GatewayChoice, NeverReturnsUnlessToldOrTheSecondFails) {
@@ -177,7 +188,8 @@ TEST(GatewayChoice, NeverReturnsUnlessToldOrTheSecondFails) {
 }
 
 TEST(GatewayChoice, StaysInASilentTunnelForWantOfABetterOne) {
-  walk({"tun2001", "", false, {}}, {{0, SILENT, WELL, Chosen::FIRST}, {1, ABSENT, WELL, Chosen::NONE}});
+  walk({"tun2001", "", false, {}},
+       {{0, SILENT, WELL, Chosen::FIRST}, {1, ABSENT, WELL, Chosen::NONE}});
   walk({"tun2001", "wgc3001", false, {}}, {{0, SILENT, SILENT, Chosen::FIRST},
                                            {1, ABSENT, SILENT, Chosen::SECOND},
                                            {2, SILENT, SILENT, Chosen::SECOND},

@@ -16,8 +16,8 @@ using testing::SizeIs;
 class OnlineUsersTest : public testing::Test {
  protected:
   bool add(const std::string& interface, std::uint32_t number = 7) const {
-    return users.add(
-        {interface, "192.0.2.9", number, "10.8.0.1", "10.8.0.2", 4, 1700000000, "bo b:\n", "my  phone\nx"});
+    return users.add({interface, "192.0.2.9", number, "10.8.0.1", "10.8.0.2", 4, 1700000000,
+                      "bo b:\n", "my  phone\nx"});
   }
   [[nodiscard]] std::vector<std::string> interfaces() const {
     std::vector<std::string> names;
@@ -31,7 +31,8 @@ class OnlineUsersTest : public testing::Test {
 
 TEST_F(OnlineUsersTest, KeepsAUserOfAnyBytesAndADeviceOnItsLine) {
   ASSERT_TRUE(add("tun"));
-  EXPECT_EQ(scratch.read("users"), "tun 192.0.2.9 7 10.8.0.1 10.8.0.2 4 1700000000 Ym8gYjoK my  phone x\n");
+  EXPECT_EQ(scratch.read("users"),
+            "tun 192.0.2.9 7 10.8.0.1 10.8.0.2 4 1700000000 Ym8gYjoK my  phone x\n");
   ASSERT_THAT(users.list(), SizeIs(1));
   EXPECT_EQ(users.list()[0].user, "bo b:\n");
   EXPECT_EQ(users.list()[0].device, "my  phone x");
@@ -44,7 +45,9 @@ TEST_F(OnlineUsersTest, RefusesWhatWouldBreakTheLine) {
 }
 
 TEST_F(OnlineUsersTest, RemovesWhatIsChosenAndKeepsForeignLines) {
-  scratch.write("users", "not a line of ours\na 1 2 3 4 4 5 !!!!\n\nlast 1.1.1.1 9 2.2.2.2 3.3.3.3 1 1700000000 Ym9i");
+  scratch.write(
+      "users",
+      "not a line of ours\na 1 2 3 4 4 5 !!!!\n\nlast 1.1.1.1 9 2.2.2.2 3.3.3.3 1 1700000000 Ym9i");
   ASSERT_TRUE(add("one"));
   ASSERT_TRUE(add("two", 8));
   ASSERT_TRUE(users.remove([](const OnlineUser& session) { return session.number == 7; }, removed));
@@ -70,8 +73,9 @@ TEST_F(OnlineUsersTest, LosesNoneOfManyAtOnce) {
       EXPECT_TRUE(add("stays" + std::to_string(i)));
       EXPECT_TRUE(add("goes" + std::to_string(i)));
       std::vector<OnlineUser> gone;
-      EXPECT_TRUE(
-          users.remove([&](const OnlineUser& one) { return one.interface == "goes" + std::to_string(i); }, gone));
+      EXPECT_TRUE(users.remove(
+          [&](const OnlineUser& one) { return one.interface == "goes" + std::to_string(i); },
+          gone));
       EXPECT_THAT(gone, SizeIs(1));
     });
   }

@@ -15,36 +15,49 @@ TEST(OpenVpnSigns, NameTheReason) {
       {">PASSWORD:Verification Failed: 'Auth'", "login-refused", ""},
       {">PASSWORD:Verification Failed: 'Auth' ['no right to use this server']", "login-refused",
        "no right to use this server"},
-      {">PASSWORD:Verification Failed: 'Auth' ['TEMP[backoff 60]:too many failures']", "login-later",
-       "TEMP[backoff 60]:too many failures"},
-      {">PASSWORD:Verification Failed: 'Auth' ['Data channel cipher negotiation failed (no shared cipher)']",
+      {">PASSWORD:Verification Failed: 'Auth' ['TEMP[backoff 60]:too many failures']",
+       "login-later", "TEMP[backoff 60]:too many failures"},
+      {">PASSWORD:Verification Failed: 'Auth' ['Data channel cipher negotiation failed (no shared "
+       "cipher)']",
        "no-common-cipher", "Data channel cipher negotiation failed (no shared cipher)"},
-      {">LOG:1795625173,N,RESOLVE: Cannot resolve host address: nowhere.invalid:1194 (Name or service not known)",
-       "name-not-found", "RESOLVE: Cannot resolve host address: nowhere.invalid:1194 (Name or service not known)"},
+      {">LOG:1795625173,N,RESOLVE: Cannot resolve host address: nowhere.invalid:1194 (Name or "
+       "service not known)",
+       "name-not-found",
+       "RESOLVE: Cannot resolve host address: nowhere.invalid:1194 (Name or service not known)"},
       {">LOG:1795625173,,read UDPv4 [EHOSTUNREACH]: No route to host (fd=5,code=113)", "no-route",
        "read UDPv4 [EHOSTUNREACH]: No route to host (fd=5,code=113)"},
-      {">LOG:1,N,TCP: connect to [AF_INET]192.168.77.2:1194 failed: Connection refused", "no-answer",
-       "TCP: connect to [AF_INET]192.168.77.2:1194 failed: Connection refused"},
-      {">LOG:1,N,VERIFY ERROR: depth=1, error=self-signed certificate in certificate chain: CN=far CA, serial=7",
+      {">LOG:1,N,TCP: connect to [AF_INET]192.168.77.2:1194 failed: Connection refused",
+       "no-answer", "TCP: connect to [AF_INET]192.168.77.2:1194 failed: Connection refused"},
+      {">LOG:1,N,VERIFY ERROR: depth=1, error=self-signed certificate in certificate chain: CN=far "
+       "CA, serial=7",
        "server-cert-unknown",
-       "VERIFY ERROR: depth=1, error=self-signed certificate in certificate chain: CN=far CA, serial=7"},
-      {">LOG:1,N,VERIFY ERROR: depth=0, error=certificate has expired: CN=far, serial=1", "server-cert-expired",
+       "VERIFY ERROR: depth=1, error=self-signed certificate in certificate chain: CN=far CA, "
+       "serial=7"},
+      {">LOG:1,N,VERIFY ERROR: depth=0, error=certificate has expired: CN=far, serial=1",
+       "server-cert-expired",
        "VERIFY ERROR: depth=0, error=certificate has expired: CN=far, serial=1"},
-      {">LOG:1,N,VERIFY ERROR: depth=0, error=certificate is not yet valid: CN=far, serial=1", "server-cert-not-yet",
+      {">LOG:1,N,VERIFY ERROR: depth=0, error=certificate is not yet valid: CN=far, serial=1",
+       "server-cert-not-yet",
        "VERIFY ERROR: depth=0, error=certificate is not yet valid: CN=far, serial=1"},
-      {">LOG:1,N,OpenSSL: error:0A000415:SSL routines::sslv3 alert certificate expired:", "own-cert-expired",
+      {">LOG:1,N,OpenSSL: error:0A000415:SSL routines::sslv3 alert certificate expired:",
+       "own-cert-expired",
        "OpenSSL: error:0A000415:SSL routines::sslv3 alert certificate expired:"},
       {">LOG:1,N,tls-crypt unwrap error: packet authentication failed", "psk-wrong",
        "tls-crypt unwrap error: packet authentication failed"},
-      {">LOG:1,N,TLS Error: TLS key negotiation failed to occur within 60 seconds (check your network connectivity)",
+      {">LOG:1,N,TLS Error: TLS key negotiation failed to occur within 60 seconds (check your "
+       "network connectivity)",
        "no-answer",
-       "TLS Error: TLS key negotiation failed to occur within 60 seconds (check your network connectivity)"},
-      {"1795625173,N,VERIFY ERROR: depth=0, error=certificate has expired: CN=far, serial=1", "server-cert-expired",
+       "TLS Error: TLS key negotiation failed to occur within 60 seconds (check your network "
+       "connectivity)"},
+      {"1795625173,N,VERIFY ERROR: depth=0, error=certificate has expired: CN=far, serial=1",
+       "server-cert-expired",
        "VERIFY ERROR: depth=0, error=certificate has expired: CN=far, serial=1"},
-      {">FATAL:All connections have been connect-retry-max (1) times unsuccessful, exiting", "no-answer",
-       "All connections have been connect-retry-max (1) times unsuccessful, exiting"},
-      {">FATAL:Cannot load private key file [[INLINE]]", "settings-bad", "Cannot load private key file [[INLINE]]"},
-      {">FATAL:ERROR: Cannot open TUN/TAP dev /dev/net/tun: No such file or directory (errno=2)", "kernel-lacks",
+      {">FATAL:All connections have been connect-retry-max (1) times unsuccessful, exiting",
+       "no-answer", "All connections have been connect-retry-max (1) times unsuccessful, exiting"},
+      {">FATAL:Cannot load private key file [[INLINE]]", "settings-bad",
+       "Cannot load private key file [[INLINE]]"},
+      {">FATAL:ERROR: Cannot open TUN/TAP dev /dev/net/tun: No such file or directory (errno=2)",
+       "kernel-lacks",
        "ERROR: Cannot open TUN/TAP dev /dev/net/tun: No such file or directory (errno=2)"},
   };
   for (const auto& row : ROWS) {
@@ -59,10 +72,11 @@ TEST(OpenVpnSigns, NameTheReason) {
 
 TEST(OpenVpnSigns, AreNotSeenInOtherLines) {
   for (const char* line :
-       {"", ">", ">LOG:", ">LOG:1,I,Initialization Sequence Completed", ">STATE:1,WAIT,,,,,,", ">INFO:VERIFY ERROR",
-        "SUCCESS: VERIFY ERROR", ">PASSWORD:Need 'Auth' username/password", ">LOG:VERIFY", "1,CONNECTED,VERIFY ERROR",
-        "1,W,Option 'connect-retry-max' in [CMD-LINE]:1 is ignored by previous <connection> blocks", "1,N",
-        "x,N,VERIFY ERROR", "VERIFY ERROR"}) {
+       {"", ">", ">LOG:", ">LOG:1,I,Initialization Sequence Completed", ">STATE:1,WAIT,,,,,,",
+        ">INFO:VERIFY ERROR", "SUCCESS: VERIFY ERROR", ">PASSWORD:Need 'Auth' username/password",
+        ">LOG:VERIFY", "1,CONNECTED,VERIFY ERROR",
+        "1,W,Option 'connect-retry-max' in [CMD-LINE]:1 is ignored by previous <connection> blocks",
+        "1,N", "x,N,VERIFY ERROR", "VERIFY ERROR"}) {
     EXPECT_FALSE(sign_of(line)) << line;
   }
 }
@@ -70,7 +84,8 @@ TEST(OpenVpnSigns, AreNotSeenInOtherLines) {
 TEST(OpenVpnSigns, KnowAnOwnCertificateThatHasExpired) {
   EXPECT_TRUE(warns_of_own_certificate("1795625173,W,WARNING: Your certificate has expired!"));
   EXPECT_TRUE(warns_of_own_certificate(">LOG:1795625173,W,WARNING: Your certificate has expired!"));
-  EXPECT_FALSE(warns_of_own_certificate(">PASSWORD:Verification Failed: 'Auth' ['Your certificate has expired']"));
+  EXPECT_FALSE(warns_of_own_certificate(
+      ">PASSWORD:Verification Failed: 'Auth' ['Your certificate has expired']"));
 }
 
 TEST(OpenVpnSigns, TellAttemptsApart) {
@@ -86,7 +101,8 @@ TEST(OpenVpnSigns, TellAttemptsApart) {
 
 constexpr const char* UP = ">STATE:1,CONNECTED,SUCCESS,10.8.0.2,192.168.77.2,1194,,";
 constexpr const char* AGAIN = ">STATE:1,RECONNECTING,tls-error,,,,,";
-constexpr const char* STRANGER = ">LOG:1,N,VERIFY ERROR: depth=0, error=self-signed certificate: CN=x, serial=1";
+constexpr const char* STRANGER =
+    ">LOG:1,N,VERIFY ERROR: depth=0, error=self-signed certificate: CN=x, serial=1";
 constexpr const char* FORGED = ">LOG:1,N,tls-crypt unwrap error: packet authentication failed";
 constexpr const char* SILENCE = ">LOG:1,N,[server] Inactivity timeout (--ping-restart), restarting";
 
@@ -100,8 +116,9 @@ class OpenVpnAttempts : public testing::Test {
   }
   std::string noted;
   Attempts::Time now{};
-  Attempts attempts{
-      [this](const std::optional<Sign>& sign) { noted += sign ? std::string(sign->code) + ' ' : std::string("- "); }};
+  Attempts attempts{[this](const std::optional<Sign>& sign) {
+    noted += sign ? std::string(sign->code) + ' ' : std::string("- ");
+  }};
 };
 
 TEST_F(OpenVpnAttempts, GiveUpOnceAFinalReasonHasBeenMetTwice) {
@@ -138,7 +155,9 @@ TEST_F(OpenVpnAttempts, EndAtARefusedLoginAtOnce) {
 }
 
 TEST_F(OpenVpnAttempts, GiveNoReasonForATunnelThatStaysUp) {
-  EXPECT_EQ(after({UP, FORGED, ">LOG:1,,read UDPv4 [EHOSTUNREACH]: No route to host (fd=5,code=113)"}), "- ");
+  EXPECT_EQ(
+      after({UP, FORGED, ">LOG:1,,read UDPv4 [EHOSTUNREACH]: No route to host (fd=5,code=113)"}),
+      "- ");
   EXPECT_EQ(after({SILENCE, AGAIN}), "no-answer ");
   EXPECT_EQ(after({UP, AGAIN}), "- ");
   attempts.end();

@@ -14,7 +14,8 @@ class OrmeldBlocks : public OrmeldTest {
   void fail(std::string_view user, int times) {
     for (int i = 0; i < times; ++i) ASSERT_EQ(status(BLOCK.insert, user), MIB_SUCCESS);
   }
-  // The answer of a check; a failed one, which callers take for a block, gives its status behind a mark.
+  // The answer of a check; a failed one, which callers take for a block, gives its status behind a
+  // mark.
   std::string check(std::string_view user) {
     const bus::Reply reply = call(CHECK, user);
     return reply.status == MIB_SUCCESS ? reply.body : "!" + std::to_string(reply.status);

@@ -1,4 +1,5 @@
-// The log database over a file in a folder of its own, called as the bus calls it, with a clock that tests set.
+// The log database over a file in a folder of its own, called as the bus calls it, with a clock
+// that tests set.
 #pragma once
 
 #include <algorithm>
@@ -44,7 +45,8 @@ class OrmeldTest : public testing::Test {
   }
   bus::Reply call(std::string_view name, std::string_view body = {}) {
     const auto all = methods();
-    const auto method = std::find_if(all.begin(), all.end(), [&](const Method& each) { return each.name == name; });
+    const auto method =
+        std::find_if(all.begin(), all.end(), [&](const Method& each) { return each.name == name; });
     return method == all.end() ? bus::Reply{-1} : method->run(*database, method->table, body);
   }
   int status(std::string_view name, std::string_view body = {}) { return call(name, body).status; }
@@ -57,7 +59,8 @@ class OrmeldTest : public testing::Test {
     std::memcpy(&head, reply.body.data(), sizeof head);
     EXPECT_EQ(reply.body.size(), sizeof head + head.count * sizeof(Row));
     Rows<Row> out{head.total, std::vector<Row>(head.count)};
-    if (head.count > 0) std::memcpy(out.rows.data(), &reply.body[sizeof head], reply.body.size() - sizeof head);
+    if (head.count > 0)
+      std::memcpy(out.rows.data(), &reply.body[sizeof head], reply.body.size() - sizeof head);
     return out;
   }
   inline static std::time_t now = 1'000'000;
@@ -67,8 +70,8 @@ class OrmeldTest : public testing::Test {
   std::unique_ptr<LogDatabase> database;
 };
 
-inline db_query_cond rows_from(std::int64_t start, std::int64_t count, std::int64_t order_by = 0, bool down = false,
-                               const char* field = "", const char* value = "") {
+inline db_query_cond rows_from(std::int64_t start, std::int64_t count, std::int64_t order_by = 0,
+                               bool down = false, const char* field = "", const char* value = "") {
   db_query_cond cond{start, count, order_by, down ? 1 : 0, {}, {}};
   std::strcpy(cond.field, field);
   std::strcpy(cond.value, value);

@@ -83,11 +83,15 @@ TEST_F(OrmeldTable, OrdersPagesAndFilters) {
 
 TEST_F(OrmeldTable, FindsAndOrdersTheSameRowsHoweverManyMeetTheCondition) {
   fill(
-      "INSERT INTO conn_server_log SELECT NULL, printf('%05d', value), value % 1001 = 0, 5000 - value, 0, '', '', '',"
-      " 0, 0, 0, 0, '', 0 FROM (WITH RECURSIVE n(value) AS (SELECT 1 UNION ALL SELECT value + 1 FROM n WHERE value <"
+      "INSERT INTO conn_server_log SELECT NULL, printf('%05d', value), value % 1001 = 0, 5000 - "
+      "value, 0, '', '', '',"
+      " 0, 0, 0, 0, '', 0 FROM (WITH RECURSIVE n(value) AS (SELECT 1 UNION ALL SELECT value + 1 "
+      "FROM n WHERE value <"
       " 5000) SELECT value FROM n)");
-  EXPECT_EQ(users(rows_from(0, 2, 3, false, "vpn_type", "1")), "0400403003");  // 4 rows: found, then sorted
-  EXPECT_EQ(users(rows_from(1, 2, 3, false, "vpn_type", "0")), "0499904998");  // 4996 rows: walked in their order
+  EXPECT_EQ(users(rows_from(0, 2, 3, false, "vpn_type", "1")),
+            "0400403003");  // 4 rows: found, then sorted
+  EXPECT_EQ(users(rows_from(1, 2, 3, false, "vpn_type", "0")),
+            "0499904998");  // 4996 rows: walked in their order
 }
 
 TEST_F(OrmeldTable, DeletesOneRowOrAllAndNeverGivesANumberTwice) {
@@ -106,13 +110,15 @@ TEST_F(OrmeldTable, DeletesOneRowOrAllAndNeverGivesANumberTwice) {
 TEST_F(OrmeldTable, DropsTheOldestRowsBeyondTheLimit) {
   const std::int64_t kept = table_info(DEVICE_INFO).rows_kept;
   fill(
-      "INSERT INTO device_info SELECT NULL, '', '', '', 'old', '', value, '', 0 FROM (WITH RECURSIVE n(value) AS"
+      "INSERT INTO device_info SELECT NULL, '', '', '', 'old', '', value, '', 0 FROM (WITH "
+      "RECURSIVE n(value) AS"
       " (SELECT 1 UNION ALL SELECT value + 1 FROM n WHERE value < " +
       std::to_string(kept + 2) + ") SELECT value FROM n)");
   db_device_info_data record{};
   std::strcpy(record.user_id, "new");
   ASSERT_EQ(status(log_db::DEVICE_INFO.insert, bytes_of(record)), MIB_SUCCESS);
-  const auto all = list<db_device_info_data>(log_db::DEVICE_INFO.query, rows_from(0, -1));  // must fit in one answer
+  const auto all = list<db_device_info_data>(log_db::DEVICE_INFO.query,
+                                             rows_from(0, -1));  // must fit in one answer
   ASSERT_EQ(all.rows.size(), static_cast<std::size_t>(kept));
   EXPECT_EQ(all.total, all.rows.size());
   EXPECT_EQ(all.rows.front().id, 4);
@@ -121,8 +127,10 @@ TEST_F(OrmeldTable, DropsTheOldestRowsBeyondTheLimit) {
 
 TEST_F(OrmeldTable, AnAnswerHoldsNoMoreThanTheBusCarries) {
   fill(
-      "INSERT INTO conn_server_log SELECT NULL, '', 0, 0, 0, '', '', '', 0, 0, 0, 0, '', 0 FROM (WITH RECURSIVE"
-      " n(value) AS (SELECT 1 UNION ALL SELECT value + 1 FROM n WHERE value < 13000) SELECT value FROM n)");
+      "INSERT INTO conn_server_log SELECT NULL, '', 0, 0, 0, '', '', '', 0, 0, 0, 0, '', 0 FROM "
+      "(WITH RECURSIVE"
+      " n(value) AS (SELECT 1 UNION ALL SELECT value + 1 FROM n WHERE value < 13000) SELECT value "
+      "FROM n)");
   for (const std::int64_t count : {std::int64_t{-1}, INT64_MAX}) {
     const auto found = list<db_conn_server_log>(LOG.query, rows_from(0, count));
     EXPECT_EQ(found.rows.size(), ((std::size_t{64} << 20) - 4 - 24) / sizeof(db_conn_server_log));
@@ -143,10 +151,13 @@ TEST_F(OrmeldTable, RefusesDamagedRequestsAndKeepsTheTableAsItWas) {
   const std::pair<const char*, std::vector<std::string>> rows[] = {
       {LOG.insert, {"", record.substr(1), record + '\0', bytes_of(endless_text)}},
       {LOG.query,
-       {"", cond.substr(1), std::string(1 << 20, '\xff'), bytes_of(rows_from(-1, 10)), bytes_of(rows_from(0, -2)),
-        bytes_of(rows_from(0, INT64_MIN)), bytes_of(rows_from(0, -1, 14)), bytes_of(rows_from(0, -1, -1)),
-        bytes_of(rows_from(0, -1, INT64_MAX)), bytes_of(rows_from(0, -1, 0, false, "password", "x")),
-        bytes_of(rows_from(0, -1, 0, false, "id\" = 1 --", "x")), bytes_of(endless_field), bytes_of(endless_value)}},
+       {"", cond.substr(1), std::string(1 << 20, '\xff'), bytes_of(rows_from(-1, 10)),
+        bytes_of(rows_from(0, -2)), bytes_of(rows_from(0, INT64_MIN)),
+        bytes_of(rows_from(0, -1, 14)), bytes_of(rows_from(0, -1, -1)),
+        bytes_of(rows_from(0, -1, INT64_MAX)),
+        bytes_of(rows_from(0, -1, 0, false, "password", "x")),
+        bytes_of(rows_from(0, -1, 0, false, "id\" = 1 --", "x")), bytes_of(endless_field),
+        bytes_of(endless_value)}},
       {LOG.remove, {"", std::string(7, '\1')}},
       {LOG.clean, {"x"}},
       {log_db::EVENT_DATA.insert, {""}},

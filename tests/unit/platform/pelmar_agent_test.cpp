@@ -23,7 +23,8 @@ std::string association(const char* from, const char* to, std::uint16_t attribut
   info.family = AF_INET;
   info.saddr.a4 = inet_addr(from);
   info.id.daddr.a4 = inet_addr(to);
-  const std::string body = bytes_of(info) + bytes_of(nlattr{sizeof(nlattr) + 4, attribute}) + "keys";
+  const std::string body =
+      bytes_of(info) + bytes_of(nlattr{sizeof(nlattr) + 4, attribute}) + "keys";
   nlmsghdr head{};
   head.nlmsg_len = static_cast<std::uint32_t>(sizeof head + body.size());
   head.nlmsg_type = XFRM_MSG_NEWSA;
@@ -35,8 +36,9 @@ TEST(SecurityAssociations, CountOnceTheyHaveKeys) {
   const std::string in = association("192.0.2.1", "10.0.0.1", XFRMA_ALG_CRYPT);
   const std::string larval = association("192.0.2.1", "10.0.0.1", XFRMA_MARK);
   const std::pair<std::string, TunnelState> rows[] = {
-      {"", TunnelState::NONE},           {out, TunnelState::HALF},       {out + in, TunnelState::UP},
-      {out + larval, TunnelState::HALF}, {"x" + out, TunnelState::NONE}, {out + in.substr(1), TunnelState::HALF},
+      {"", TunnelState::NONE},        {out, TunnelState::HALF},
+      {out + in, TunnelState::UP},    {out + larval, TunnelState::HALF},
+      {"x" + out, TunnelState::NONE}, {out + in.substr(1), TunnelState::HALF},
   };
   for (const auto& [answer, state] : rows) {
     SecurityAssociations associations;
@@ -45,7 +47,8 @@ TEST(SecurityAssociations, CountOnceTheyHaveKeys) {
     EXPECT_EQ(tunnel_state(associations, "192.0.2.10"), TunnelState::NONE);
     EXPECT_EQ(tunnel_state(associations, "192.0.2"), TunnelState::NONE);
   }
-  for (std::size_t cut = 0; cut < in.size(); ++cut) {  // whatever is missing, nothing is read beyond the end
+  for (std::size_t cut = 0; cut < in.size();
+       ++cut) {  // whatever is missing, nothing is read beyond the end
     SecurityAssociations associations;
     std::ignore = take_associations(std::string_view{in}.substr(0, cut), associations);
     EXPECT_TRUE(associations.empty());

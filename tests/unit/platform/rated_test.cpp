@@ -22,8 +22,10 @@ TEST(OpenVpnStatus, TakesTheLinesOfClients) {
       "CLIENT_LIST\tbob\t192.0.2.1:51000\t10.8.0.2\t\t18446744073709551615\t7\tTue\t17\tbob\r\n"
       "CLIENT_LIST\ta,b c\t192.0.2.2:1\t\t\t1\t2\r\n"
       "CLIENT_LIST\tno numbers\t192.0.2.3:1\t\t\tx\t2\r\nCLIENT_LIST\tshort\t192.0.2.4:1\r\n"
-      "CLIENT_LIST\ttoo many\t192.0.2.5:1\t\t\t18446744073709551616\t2\r\nCLIENT_LIST\t\t\t\t\t1\t2\r\n"
-      "ROUTING_TABLE\t10.8.0.2\tbob\t192.0.2.1:51000\tx\t1\t2\r\nCLIENT_LIST\tcut off\t192.0.2.6:1\t\t\t1\t2");
+      "CLIENT_LIST\ttoo "
+      "many\t192.0.2.5:1\t\t\t18446744073709551616\t2\r\nCLIENT_LIST\t\t\t\t\t1\t2\r\n"
+      "ROUTING_TABLE\t10.8.0.2\tbob\t192.0.2.1:51000\tx\t1\t2\r\nCLIENT_LIST\tcut "
+      "off\t192.0.2.6:1\t\t\t1\t2");
   ASSERT_EQ(clients.size(), 2U);
   EXPECT_EQ(clients[0].key, "192.0.2.1:51000");
   EXPECT_EQ(clients[0].rx_bytes, 18446744073709551615U);
@@ -31,7 +33,8 @@ TEST(OpenVpnStatus, TakesTheLinesOfClients) {
   EXPECT_EQ(clients[1].key, "192.0.2.2:1");
 }
 
-// A management port that somebody has taken and does not serve: the worst that a server can do to us.
+// A management port that somebody has taken and does not serve: the worst that a server can do to
+// us.
 TEST(OpenVpnStatus, IsNotWaitedForLong) {
   const Fd listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   sockaddr_in place{};
@@ -62,9 +65,10 @@ class RateServerTest : public testing::Test {
   std::vector<Counters> openvpn{{"192.0.2.1:51000", 3, 4, 0}};
   std::vector<Counters> drovik{{"AA:BB", 5, 6, 0}};
   int asked = 0;
-  RateServer::Clock::time_point now{};  // the start of the host: nothing may be taken for an earlier reading
-  RateServer server{{[this] { return users; }, [this] { return ask(interfaces); }, [this] { return ask(openvpn); },
-                     [this] { return ask(drovik); }}};
+  RateServer::Clock::time_point
+      now{};  // the start of the host: nothing may be taken for an earlier reading
+  RateServer server{{[this] { return users; }, [this] { return ask(interfaces); },
+                     [this] { return ask(openvpn); }, [this] { return ask(drovik); }}};
 };
 
 TEST_F(RateServerTest, TellsWhatWentThroughInASecond) {
@@ -76,12 +80,17 @@ TEST_F(RateServerTest, TellsWhatWentThroughInASecond) {
     return answer.substr(answer.find("\"rx_rate\""));
   };
   EXPECT_EQ(after(2s, {"ppp0", 3000, 2500, 5}), R"("rx_rate":1000,"tx_rate":250}]})");
-  EXPECT_EQ(after(100ms, {"ppp0", 9000, 9000, 5}), R"("rx_rate":1000,"tx_rate":250}]})") << "too soon";
+  EXPECT_EQ(after(100ms, {"ppp0", 9000, 9000, 5}), R"("rx_rate":1000,"tx_rate":250}]})")
+      << "too soon";
   EXPECT_NE(answer.find("\"rx_bytes\":3000"), std::string::npos);
-  EXPECT_EQ(after(1s, {"ppp0", 100, 9000, 5}), R"("rx_rate":0,"tx_rate":5909}]})") << "one was set back";
-  EXPECT_EQ(after(1s, {"ppp0", 200, 9100, 6}), R"("rx_rate":0,"tx_rate":0}]})") << "a new session's interface";
-  EXPECT_EQ(after(1s, {"ppp0", 9000000200, 9100, 6}), R"("rx_rate":2147483647,"tx_rate":0}]})") << "as far as int goes";
-  EXPECT_EQ(after(11s, {"ppp0", 9000000300, 9100, 6}), R"("rx_rate":0,"tx_rate":0}]})") << "an old reading";
+  EXPECT_EQ(after(1s, {"ppp0", 100, 9000, 5}), R"("rx_rate":0,"tx_rate":5909}]})")
+      << "one was set back";
+  EXPECT_EQ(after(1s, {"ppp0", 200, 9100, 6}), R"("rx_rate":0,"tx_rate":0}]})")
+      << "a new session's interface";
+  EXPECT_EQ(after(1s, {"ppp0", 9000000200, 9100, 6}), R"("rx_rate":2147483647,"tx_rate":0}]})")
+      << "as far as int goes";
+  EXPECT_EQ(after(11s, {"ppp0", 9000000300, 9100, 6}), R"("rx_rate":0,"tx_rate":0}]})")
+      << "an old reading";
 }
 
 TEST_F(RateServerTest, ReadsOnItsOwnOnlyWhileItIsWatched) {
@@ -94,8 +103,9 @@ TEST_F(RateServerTest, ReadsOnItsOwnOnlyWhileItIsWatched) {
 
 // PPTP, L2TP, OpenVPN, Drovik and WireGuard are rows 0 to 4.
 TEST(History, KnowsTheProtocolOfAnInterface) {
-  const std::vector<OnlineUser> users{{"ppp0", "192.0.2.1", 1, "10.0.0.1", "10.0.0.2", 1, 0, "ann", ""},
-                                      {"ppp1", "192.0.2.1", 2, "10.0.0.1", "10.0.0.3", 2, 0, "bob", ""}};
+  const std::vector<OnlineUser> users{
+      {"ppp0", "192.0.2.1", 1, "10.0.0.1", "10.0.0.2", 1, 0, "ann", ""},
+      {"ppp1", "192.0.2.1", 2, "10.0.0.1", "10.0.0.3", 2, 0, "bob", ""}};
   const std::pair<const char*, std::size_t> CASES[] = {
       {"ppp0", 0},   {"ppp1", 1},      {"ppp1001", 0}, {"ppp1251", 1}, {"tun2001", 2},
       {"dtuns0", 3}, {"dtunc2501", 3}, {"wg0", 4},     {"wgc3001", 4},
@@ -116,13 +126,16 @@ TEST(History, IsARateForEachStep) {
   at(1030, 100, 100, 2);  // another interface of that name
   at(1040, 150, 100, 2);
   at(1060, 250, 100, 2);  // late
-  EXPECT_EQ(history.reply(3600, 1060),
-            R"({"error":0,"data":{"step":10,"types":[1,2,4,16,32],"rows":[[1010,0,0,0,0,10,0,0,0,0,2],)"
-            R"([1020,0,0,0,0,0,0,0,0,0,0],[1030,0,0,0,0,0,0,0,0,0,0],[1040,0,0,0,0,5,0,0,0,0,0],)"
-            R"([1060,0,0,0,0,5,0,0,0,0,0]]}})");
-  EXPECT_EQ(history.reply(20, 1060),
-            R"({"error":0,"data":{"step":10,"types":[1,2,4,16,32],"rows":[[1060,0,0,0,0,5,0,0,0,0,0]]}})");
-  EXPECT_EQ(history.reply(3601, 1060), R"({"error":0,"data":{"step":300,"types":[1,2,4,16,32],"rows":[]}})");
+  EXPECT_EQ(
+      history.reply(3600, 1060),
+      R"({"error":0,"data":{"step":10,"types":[1,2,4,16,32],"rows":[[1010,0,0,0,0,10,0,0,0,0,2],)"
+      R"([1020,0,0,0,0,0,0,0,0,0,0],[1030,0,0,0,0,0,0,0,0,0,0],[1040,0,0,0,0,5,0,0,0,0,0],)"
+      R"([1060,0,0,0,0,5,0,0,0,0,0]]}})");
+  EXPECT_EQ(
+      history.reply(20, 1060),
+      R"({"error":0,"data":{"step":10,"types":[1,2,4,16,32],"rows":[[1060,0,0,0,0,5,0,0,0,0,0]]}})");
+  EXPECT_EQ(history.reply(3601, 1060),
+            R"({"error":0,"data":{"step":300,"types":[1,2,4,16,32],"rows":[]}})");
 }
 
 TEST(History, KeepsAnHourAndADay) {
@@ -132,7 +145,8 @@ TEST(History, KeepsAnHourAndADay) {
     return std::count(text.begin(), text.end(), '[') - 2;
   };
   std::time_t now = 100;
-  for (int step = 0; step < 3 * 8640; ++step, now += History::STEP) history.sample({{"wg0", 1, 1, 1}}, now);
+  for (int step = 0; step < 3 * 8640; ++step, now += History::STEP)
+    history.sample({{"wg0", 1, 1, 1}}, now);
   EXPECT_EQ(rows(History::HOUR, now - History::STEP), 360);
   EXPECT_EQ(rows(History::DAY, now - History::STEP), 288);
   history.sample({{"wg0", 1, 1, 1}}, 50);  // the clock was set back

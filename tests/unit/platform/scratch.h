@@ -1,4 +1,5 @@
-// What the platform's tests share: a folder that goes with its test, and programs run with their output.
+// What the platform's tests share: a folder that goes with its test, and programs run with their
+// output.
 #pragma once
 
 #include <cstdlib>
@@ -41,10 +42,13 @@ class Scratch {
     support::write(path(name), content);
     return path(name);
   }
-  [[nodiscard]] std::string read(const std::string& name) const { return support::read(path(name)); }
+  [[nodiscard]] std::string read(const std::string& name) const {
+    return support::read(path(name));
+  }
   [[nodiscard]] mode_t mode(const std::string& name) const { return support::mode_of(path(name)); }
   [[nodiscard]] std::size_t files() const {
-    return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator{folder_}, {}));
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator{folder_}, {}));
   }
 
  private:
@@ -70,14 +74,16 @@ inline Outcome run(const std::vector<std::string>& words) {
 
 constexpr int NO_NAMESPACE = 99;  // a child's status when the kernel denies it what the test needs
 
-// Runs `body` in a child in which the scratch folder takes the place of the host's /run and /var/lib, so nothing
-// reaches the host. The child's exit status, or -1 where the kernel gives no such namespace.
+// Runs `body` in a child in which the scratch folder takes the place of the host's /run and
+// /var/lib, so nothing reaches the host. The child's exit status, or -1 where the kernel gives no
+// such namespace.
 template <typename Body>
 int in_private_host(const Scratch& scratch, Body body) {
   const pid_t child = fork();
   if (child == 0) {
     const int flags = geteuid() == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER;
-    bool ready = unshare(flags) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    bool ready =
+        unshare(flags) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
     for (const char* place : {"/run", "/var/lib"})
       ready = ready && mount(scratch.path("").c_str(), place, nullptr, MS_BIND, nullptr) == 0;
     _exit(ready ? body() : NO_NAMESPACE);

@@ -15,7 +15,8 @@ class SessionTest : public testing::Test {
     const std::string name = "sessions/" + sid;
     std::string text = scratch.read(name);
     const std::time_t now = std::time(nullptr);
-    text.replace(text.find("created = "), std::string::npos, "created = " + std::to_string(now - since_login) + "\n");
+    text.replace(text.find("created = "), std::string::npos,
+                 "created = " + std::to_string(now - since_login) + "\n");
     scratch.write(name, text);
     const timespec stamp[2] = {{now - idle, 0}, {now - idle, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, scratch.path(name).c_str(), stamp, 0), 0);
@@ -37,7 +38,8 @@ class SessionTest : public testing::Test {
 TEST_F(SessionTest, FindsWhatItCreated) {
   const std::string sid = store.create("root", "192.0.2.7", "192.0.2.1");
   ASSERT_EQ(sid.size(), 8U);
-  EXPECT_EQ(sid.find_first_not_of("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"), std::string::npos);
+  EXPECT_EQ(sid.find_first_not_of("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"),
+            std::string::npos);
   const auto session = store.find(sid.c_str(), false);
   ASSERT_TRUE(session);
   EXPECT_EQ(session->sid, sid);
@@ -85,14 +87,16 @@ TEST_F(SessionTest, EndsWithinAMinuteOfTheLockingOfItsUser) {
   locked_user = "root";
   age(sid, SessionStore::ACCOUNT_CHECK);
   EXPECT_FALSE(store.find(sid.c_str(), true));
-  EXPECT_EQ(scratch.mode("sessions/" + sid), 0U) << "it is gone, and does not come back with the account";
+  EXPECT_EQ(scratch.mode("sessions/" + sid), 0U)
+      << "it is gone, and does not come back with the account";
 }
 
 TEST_F(SessionTest, TheTwentyFirstOfAUserEndsTheOldest) {
   const std::string other = store.create("daemon", "", ""), oldest = store.create("root", "", "");
   age(other, 0, 2000);
   age(oldest, 0, 1000);
-  for (std::size_t i = 1; i < SessionStore::USER_LIMIT; ++i) std::ignore = store.create("root", "", "");
+  for (std::size_t i = 1; i < SessionStore::USER_LIMIT; ++i)
+    std::ignore = store.create("root", "", "");
   EXPECT_TRUE(store.find(oldest.c_str(), true));
   const std::string newest = store.create("root", "", "");
   EXPECT_FALSE(store.find(oldest.c_str(), true));
@@ -104,8 +108,8 @@ TEST_F(SessionTest, TheTwentyFirstOfAUserEndsTheOldest) {
 TEST_F(SessionTest, RefusesEverySidOfAnotherForm) {
   const std::string sid = store.create("root", "", "");
   scratch.write("outside1", scratch.read("sessions/" + sid));
-  for (const char* bad : {"", "1234567", "123456789", "../outsi", "../outside1", "1234 678", "1234567\n",
-                          "\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4"})
+  for (const char* bad : {"", "1234567", "123456789", "../outsi", "../outside1", "1234 678",
+                          "1234567\n", "\xc3\xa4\xc3\xa4\xc3\xa4\xc3\xa4"})
     EXPECT_FALSE(store.find(bad, true)) << bad;
   EXPECT_FALSE(store.find(nullptr, true));
   std::filesystem::create_symlink("../outside1", scratch.path("sessions/Linked01"));
@@ -118,7 +122,8 @@ TEST_F(SessionTest, AFileThatIsNoSessionIsNone) {
   const std::string texts[] = {
       "",
       "user = root\nuid = 0\nip = \n",
-      "user = root\nuid = 12\nip = \nhost_ip = \ncreated = " + now + "\n",  // another user has the name now
+      "user = root\nuid = 12\nip = \nhost_ip = \ncreated = " + now +
+          "\n",  // another user has the name now
       "user = no such user\nuid = 12\nip = \nhost_ip = \ncreated = " + now + "\n",
       "user = " + std::string(57, 'u') + "\nuid = 0\nip = \nhost_ip = \ncreated = " + now + "\n",
       "user = root\nuid = 0\nip = \nhost_ip = \ncreated = soon\n",
@@ -128,7 +133,8 @@ TEST_F(SessionTest, AFileThatIsNoSessionIsNone) {
     scratch.write("sessions/Damaged1", text);
     EXPECT_FALSE(store.find("Damaged1", true)) << text;
   }
-  scratch.write("sessions/Damaged1", "user = root\nuid = 0\nip = \nhost_ip = \ncreated = " + now + "\n");
+  scratch.write("sessions/Damaged1",
+                "user = root\nuid = 0\nip = \nhost_ip = \ncreated = " + now + "\n");
   EXPECT_TRUE(store.find("Damaged1", true));
 }
 

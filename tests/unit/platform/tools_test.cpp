@@ -19,8 +19,8 @@ Outcome tool(const std::string& name, std::vector<std::string> words) {
 
 TEST(Getcfg, PrintsTheValueOrTheDefault) {
   const Scratch scratch;
-  const std::string file =
-      scratch.write("a.conf", "DEV_TOKEN = top\n# c\n[My Section]\nkey =  two \nempty =\n-f = dash\n");
+  const std::string file = scratch.write(
+      "a.conf", "DEV_TOKEN = top\n# c\n[My Section]\nkey =  two \nempty =\n-f = dash\n");
   const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
       {{"My Section", "key", "-f", file}, 0, " two \n"},
       {{"-f", file, "My Section", "key"}, 0, " two \n"},
@@ -61,8 +61,12 @@ TEST(Setcfg, SetsOneLineAndKeepsTheOthers) {
       {"", {"S", "k", "v"}, "[S]\nk = v\n"},
       {"", {"", "k", "v"}, "k = v\n"},
       {"[S]\nk = 1\n", {"S", "k", ""}, "[S]\nk = \n"},
-      {"# a\n[S]\n; b\nk=1\nx\n\n[T]\nk = 2", {"S", "k", " v "}, "# a\n[S]\n; b\nk =  v \nx\n\n[T]\nk = 2"},
-      {"[S]\na = 1\n\n# of T\n[T]\nk = 2\n", {"S", "k", "v"}, "[S]\na = 1\nk = v\n\n# of T\n[T]\nk = 2\n"},
+      {"# a\n[S]\n; b\nk=1\nx\n\n[T]\nk = 2",
+       {"S", "k", " v "},
+       "# a\n[S]\n; b\nk =  v \nx\n\n[T]\nk = 2"},
+      {"[S]\na = 1\n\n# of T\n[T]\nk = 2\n",
+       {"S", "k", "v"},
+       "[S]\na = 1\nk = v\n\n# of T\n[T]\nk = 2\n"},
       {"[S]\na = 1", {"S", "k", "v"}, "[S]\na = 1\nk = v\n"},
       {"[S]\na = 1", {"New One", "k", "v"}, "[S]\na = 1\n\n[New One]\nk = v\n"},
       {"[S]\nk = 1\n", {"", "k", "v"}, "k = v\n\n[S]\nk = 1\n"},
@@ -95,10 +99,14 @@ TEST(Setcfg, RefusesWhatItCannotWrite) {
   const Scratch host;
   const std::string file = scratch.write("a.conf", "[S]\nk = 1\n");
   const std::pair<std::vector<std::string>, int> cases[] = {
-      {{"S", "a=b", "v", "-f", file}, 1}, {{"S", "", "v", "-f", file}, 1},
-      {{"S]", "k", "v", "-f", file}, 1},  {{"S", "k\n[T]", "v", "-f", file}, 1},
-      {{"S", "#k", "v", "-f", file}, 1},  {{"S", "k", "v", "-f", scratch.path("missing/a.conf")}, 1},
-      {{"S", "k", "-f", file}, 2},        {{"S", "k", "v", "w", "-f", file}, 2},
+      {{"S", "a=b", "v", "-f", file}, 1},
+      {{"S", "", "v", "-f", file}, 1},
+      {{"S]", "k", "v", "-f", file}, 1},
+      {{"S", "k\n[T]", "v", "-f", file}, 1},
+      {{"S", "#k", "v", "-f", file}, 1},
+      {{"S", "k", "v", "-f", scratch.path("missing/a.conf")}, 1},
+      {{"S", "k", "-f", file}, 2},
+      {{"S", "k", "v", "w", "-f", file}, 2},
       {{"S", "k", "v", "-f", "/tmp"}, 1},
   };
   for (const auto& [words, status] : cases)
@@ -114,7 +122,9 @@ TEST(Setcfg, LosesNoEditOfAnother) {
     std::vector<std::thread> writers;
     writers.reserve(WRITERS);
     for (int i = 0; i < WRITERS; ++i)
-      writers.emplace_back([&, i] { tool("setcfg", {"S", "k" + std::to_string(i), "v", "-f", file}); });
+      writers.emplace_back([&, i] {
+        tool("setcfg", {"S", "k" + std::to_string(i), "v", "-f", file});
+      });
     for (std::thread& writer : writers) writer.join();
     return 0;
   });
@@ -140,7 +150,8 @@ TEST(Notify, StoresTheFilledMessage) {
     if (status == NOT_RUN) GTEST_SKIP() << "no mount namespace";
     EXPECT_EQ(status, 0);
     const EventStore store{scratch.path("fenro/event.db")};
-    const EventFilter filter{.type = type, .application = "A238", .category = "C002", .message_id = "0010"};
+    const EventFilter filter{
+        .type = type, .application = "A238", .category = "C002", .message_id = "0010"};
     std::string description;
     const auto take = [](void* out, int, char** values, char**) {
       *static_cast<std::string*>(out) = values[7];
@@ -154,10 +165,13 @@ TEST(Notify, StoresTheFilledMessage) {
 TEST(Mibsh, CallsTheMethodBehindTheRightDot) {
   const std::string path = "@/var/run/test-" + std::to_string(getpid()) + ".sock";
   const std::string name = "Test" + std::to_string(getpid());
-  for (const auto& [service, method] : {std::pair{path, std::string{"db_query"}}, {name, std::string{"api.check"}}}) {
+  for (const auto& [service, method] :
+       {std::pair{path, std::string{"db_query"}}, {name, std::string{"api.check"}}}) {
     const std::string target = std::string{service}.append(".").append(method);
     bus::Server server{service};
-    server.on(method, [](std::string_view body) { return bus::Reply{MIB_SUCCESS, "<" + std::string{body} + ">"}; });
+    server.on(method, [](std::string_view body) {
+      return bus::Reply{MIB_SUCCESS, "<" + std::string{body} + ">"};
+    });
     ASSERT_TRUE(server.listen());
     std::thread thread{[&] { EXPECT_EQ(server.run(), 0); }};
     EXPECT_EQ(tool("mibsh", {target, "{\"a\": 1}"}).out, "<{\"a\": 1}>\n");
@@ -170,7 +184,8 @@ TEST(Mibsh, CallsTheMethodBehindTheRightDot) {
     thread.join();
   }
   EXPECT_EQ(tool("mibsh", {name + ".m"}).status, MIB_NOT_READY);
-  for (const char* bad : {"", "noservice", ".m", "s.", "@/a/b"}) EXPECT_EQ(tool("mibsh", {bad}).status, 64) << bad;
+  for (const char* bad : {"", "noservice", ".m", "s.", "@/a/b"})
+    EXPECT_EQ(tool("mibsh", {bad}).status, 64) << bad;
 }
 
 }  // namespace

@@ -8,16 +8,46 @@ import { Fields, sent, useForm } from '../form'
 import { bytes, bytesOf, decodeName, duration, rate } from '../format'
 import { List, usual, type ShownColumn, type ShownFilter } from '../list'
 import {
-  CLIENTS, OPENVPN_CLIENT, PROTOCOLS, WIREGUARD_CLIENT, handshakeWords, labelOf, type ClientProfile,
+  CLIENTS,
+  OPENVPN_CLIENT,
+  PROTOCOLS,
+  WIREGUARD_CLIENT,
+  handshakeWords,
+  labelOf,
+  type ClientProfile,
 } from '../model'
 import { usePoll } from '../poll'
 import {
-  clientState, cureOf, isSettled, readStates, stateKey, stateOfStatus, whyOf, type Reason, type States, type TunnelState,
+  clientState,
+  cureOf,
+  isSettled,
+  readStates,
+  stateKey,
+  stateOfStatus,
+  whyOf,
+  type Reason,
+  type States,
+  type TunnelState,
 } from '../reasons'
 import { choose, query } from '../router'
 import { session } from '../session'
 import { t } from '../texts'
-import { Badge, Button, Card, Dialog, Empty, Facts, Failure, Icon, Notice, Spinner, Tabs, confirm, say, useJob } from '../ui'
+import {
+  Badge,
+  Button,
+  Card,
+  Dialog,
+  Empty,
+  Facts,
+  Failure,
+  Icon,
+  Notice,
+  Spinner,
+  Tabs,
+  confirm,
+  say,
+  useJob,
+} from '../ui'
 import { readConfig } from '../wireguard'
 import { clientRows, newValues, storedValues, wire } from './clients.rows'
 import { DoctorDialog } from './doctor'
@@ -50,9 +80,16 @@ export const Why = ({ reason }: { reason: Reason }) => (
     )}
   </Notice>
 )
-const amount = (value: number | string): string => bytes(typeof value === 'number' ? value : bytesOf(value))
+const amount = (value: number | string): string =>
+  bytes(typeof value === 'number' ? value : bytesOf(value))
 
-type EditProps = { type: number; profile: ClientProfile | null; start?: Record<string, string>; onClose: () => void; onDone: () => void }
+type EditProps = {
+  type: number
+  profile: ClientProfile | null
+  start?: Record<string, string>
+  onClose: () => void
+  onDone: () => void
+}
 function EditDialog({ type, profile, start, onClose, onDone }: EditProps) {
   const rows = clientRows(type, !profile)
   const form = useForm(rows, profile ? storedValues(profile) : { ...newValues(type), ...start })
@@ -64,7 +101,11 @@ function EditDialog({ type, profile, start, onClose, onDone }: EditProps) {
     if (!form.check()) return
     await job.run('save', async () => {
       const values = wire(type, sent(rows, form.values))
-      await call(profile ? 'config/modify' : 'config/add', { type, index: profile?.index, ...values }, SLOW)
+      await call(
+        profile ? 'config/modify' : 'config/add',
+        { type, index: profile?.index, ...values },
+        SLOW,
+      )
       say(profile ? 'saved' : 'client.added')
       onDone()
     })
@@ -75,8 +116,11 @@ function EditDialog({ type, profile, start, onClose, onDone }: EditProps) {
     })
 
   return (
-    <Dialog title={t(profile ? 'client.edit' : 'client.new', { protocol: labelOf(type) })} onClose={onClose}>
-      <form onSubmit={(event) => void save(event)} noValidate>
+    <Dialog
+      title={t(profile ? 'client.edit' : 'client.new', { protocol: labelOf(type) })}
+      onClose={onClose}
+    >
+      <form onSubmit={event => void save(event)} noValidate>
         <Fields rows={rows} form={form} />
         {live && <Notice>{t('client.editLive')}</Notice>}
         <Failure failure={job.failure} />
@@ -96,10 +140,16 @@ function EditDialog({ type, profile, start, onClose, onDone }: EditProps) {
   )
 }
 
-const PickDialog = ({ onClose, onPick }: { onClose: () => void; onPick: (type: number) => void }) => (
+const PickDialog = ({
+  onClose,
+  onPick,
+}: {
+  onClose: () => void
+  onPick: (type: number) => void
+}) => (
   <Dialog title={t('client.add')} onClose={onClose}>
     <div class="choices">
-      {PROTOCOLS.map((one) => (
+      {PROTOCOLS.map(one => (
         <button key={one.id} type="button" class="choice" onClick={() => onPick(one.client)}>
           <strong>{one.label}</strong>
           <span>{t(one.client === OPENVPN_CLIENT ? 'client.byFile' : 'client.byForm')}</span>
@@ -114,7 +164,8 @@ const clicked = new Map<string, number>()
 // How the last attempt that was given up has ended, by profile; it is gone with the tab.
 const outcomes = new Map<string, { seconds: number; why: string }>()
 
-const sinceClick = (key: string, now: number): number => Math.max(0, Math.floor((now - (clicked.get(key) ?? now)) / 1000))
+const sinceClick = (key: string, now: number): number =>
+  Math.max(0, Math.floor((now - (clicked.get(key) ?? now)) / 1000))
 
 // Seconds since the click, or since a profile was first seen on its way.
 function useWaiting(key: string, waiting: boolean): number {
@@ -153,10 +204,22 @@ interface Row {
 }
 const rowOf = (profile: ClientProfile, states: States): Row => {
   const truth = states.get(stateKey(profile))
-  return { key: keyOf(profile), name: clientName(profile), profile, truth, state: truth?.state ?? stateOfStatus(profile.status) }
+  return {
+    key: keyOf(profile),
+    name: clientName(profile),
+    profile,
+    truth,
+    state: truth?.state ?? stateOfStatus(profile.status),
+  }
 }
 
-type ActionProps = { row: Row; admin: boolean; onEdit: () => void; onChanged: () => void; onConnecting?: (yes: boolean) => void }
+type ActionProps = {
+  row: Row
+  admin: boolean
+  onEdit: () => void
+  onChanged: () => void
+  onConnecting?: (yes: boolean) => void
+}
 // What can be done with a tunnel, in a card or in a row of the table.
 function Actions({ row, admin, onEdit, onChanged, onConnecting }: ActionProps) {
   const { key, name, profile, truth } = row
@@ -171,7 +234,11 @@ function Actions({ row, admin, onEdit, onChanged, onConnecting }: ActionProps) {
       clicked.set(key, Date.now())
       outcomes.delete(key)
       onConnecting?.(true)
-    } else if (!up) outcomes.set(key, { seconds: sinceClick(key, Date.now()), why: truth?.reason ? whyOf(truth.reason) : '' })
+    } else if (!up)
+      outcomes.set(key, {
+        seconds: sinceClick(key, Date.now()),
+        why: truth?.reason ? whyOf(truth.reason) : '',
+      })
     await job.run(action, async () => {
       await call(`config/${action}`, target, SLOW)
       if (action === 'connect') expect()
@@ -181,7 +248,15 @@ function Actions({ row, admin, onEdit, onChanged, onConnecting }: ActionProps) {
   }
   const remove = async () => {
     const text = t(profile.status === OFF ? 'client.removeText' : 'client.removeLive')
-    if (!(await confirm({ title: t('remove.name', { name }), text, action: t('remove'), danger: true }))) return
+    if (
+      !(await confirm({
+        title: t('remove.name', { name }),
+        text,
+        action: t('remove'),
+        danger: true,
+      }))
+    )
+      return
     await job.run('remove', async () => {
       await call('config/remove', target, SLOW)
       say('removed')
@@ -194,11 +269,20 @@ function Actions({ row, admin, onEdit, onChanged, onConnecting }: ActionProps) {
       <Failure failure={job.failure} />
       <footer class="row">
         {profile.status === OFF && job.busy !== 'connect' ? (
-          <Button kind="primary" busy={job.busy !== ''} label={t('client.connectName', { name })} onClick={() => void turn('connect')}>
+          <Button
+            kind="primary"
+            busy={job.busy !== ''}
+            label={t('client.connectName', { name })}
+            onClick={() => void turn('connect')}
+          >
             {t('client.connect')}
           </Button>
         ) : (
-          <Button busy={job.busy === 'disconnect'} label={t(up ? 'client.disconnectName' : 'client.giveUpName', { name })} onClick={() => void turn('disconnect')}>
+          <Button
+            busy={job.busy === 'disconnect'}
+            label={t(up ? 'client.disconnectName' : 'client.giveUpName', { name })}
+            onClick={() => void turn('disconnect')}
+          >
             {t(up ? 'client.disconnect' : 'client.giveUp')}
           </Button>
         )}
@@ -210,7 +294,11 @@ function Actions({ row, admin, onEdit, onChanged, onConnecting }: ActionProps) {
         <Button label={t('edit.name', { name })} onClick={onEdit}>
           {t('edit')}
         </Button>
-        <Button label={t('remove.name', { name })} busy={job.busy === 'remove'} onClick={() => void remove()}>
+        <Button
+          label={t('remove.name', { name })}
+          busy={job.busy === 'remove'}
+          onClick={() => void remove()}
+        >
           {t('remove')}
         </Button>
       </footer>
@@ -247,7 +335,12 @@ function ClientCard(props: ActionProps) {
                 [t('client.received'), amount(profile.rx_total)],
                 [t('client.sentBytes'), amount(profile.tx_total)],
                 ...(profile.type === WIREGUARD_CLIENT
-                  ? ([[t('peer.handshake'), handshakeWords(String(profile['latest_handshake'] ?? ''))]] as const)
+                  ? ([
+                      [
+                        t('peer.handshake'),
+                        handshakeWords(String(profile['latest_handshake'] ?? '')),
+                      ],
+                    ] as const)
                   : ([[t('client.now'), rate(profile.rx_rate + profile.tx_rate)]] as const)),
               ] as const)
             : []),
@@ -267,7 +360,8 @@ function ClientCard(props: ActionProps) {
       )}
       {!truth?.reason && profile.status === OFF && profile.last_error !== 0 && (
         <Notice tone="bad">
-          <strong>{t('client.failed', { code: profile.last_error })}</strong> {adviceFor(profile.last_error)}
+          <strong>{t('client.failed', { code: profile.last_error })}</strong>{' '}
+          {adviceFor(profile.last_error)}
         </Notice>
       )}
       <Actions {...props} onConnecting={setConnecting} />
@@ -276,24 +370,62 @@ function ClientCard(props: ActionProps) {
 }
 
 const columnsFor = (actions: (row: Row) => ComponentChildren): readonly ShownColumn<Row>[] => [
-  { name: 'name', label: t('name'), sort: (row) => row.name, cell: (row) => <bdi class="name">{row.name}</bdi> },
-  { name: 'state', label: t('peer.state'), sort: (row) => ORDER.indexOf(row.state), cell: (row) => <StateBadge state={row.state} /> },
-  { name: 'type', label: t('protocol'), sort: (row) => labelOf(row.profile.type), cell: (row) => labelOf(row.profile.type) },
-  { name: 'host', label: t('client.host'), sort: (row) => row.profile.server_ip, cell: (row) => <bdi>{row.profile.server_ip}</bdi> },
   {
-    name: 'why', label: t('report.why'),
-    cell: (row) => (row.truth?.reason ? whyOf(row.truth.reason) : row.state === 'up' && row.profile.uptime > 0 ? duration(row.profile.uptime) : ''),
+    name: 'name',
+    label: t('name'),
+    sort: row => row.name,
+    cell: row => <bdi class="name">{row.name}</bdi>,
   },
-  { name: 'actions', label: t('actions'), head: () => <span class="unseen">{t('actions')}</span>, cell: actions },
+  {
+    name: 'state',
+    label: t('peer.state'),
+    sort: row => ORDER.indexOf(row.state),
+    cell: row => <StateBadge state={row.state} />,
+  },
+  {
+    name: 'type',
+    label: t('protocol'),
+    sort: row => labelOf(row.profile.type),
+    cell: row => labelOf(row.profile.type),
+  },
+  {
+    name: 'host',
+    label: t('client.host'),
+    sort: row => row.profile.server_ip,
+    cell: row => <bdi>{row.profile.server_ip}</bdi>,
+  },
+  {
+    name: 'why',
+    label: t('report.why'),
+    cell: row =>
+      row.truth?.reason
+        ? whyOf(row.truth.reason)
+        : row.state === 'up' && row.profile.uptime > 0
+          ? duration(row.profile.uptime)
+          : '',
+  },
+  {
+    name: 'actions',
+    label: t('actions'),
+    head: () => <span class="unseen">{t('actions')}</span>,
+    cell: actions,
+  },
 ]
 // What needs a look comes first.
 const ORDER: readonly string[] = ['failed', 'no-peer', 'retrying', 'starting', 'up', 'off']
-export const inOrder = (profiles: readonly ClientProfile[], stateOf: (one: ClientProfile) => string): ClientProfile[] =>
+export const inOrder = (
+  profiles: readonly ClientProfile[],
+  stateOf: (one: ClientProfile) => string,
+): ClientProfile[] =>
   [...profiles].sort((a, b) => ORDER.indexOf(stateOf(a)) - ORDER.indexOf(stateOf(b)))
 const FILTERS = (): readonly ShownFilter<Row>[] => [
-  { name: 'up', label: t('state.on'), keeps: (row) => row.state === 'up' },
-  { name: 'trouble', label: t('list.trouble'), keeps: (row) => row.state !== 'up' && (row.state !== 'off' || Boolean(row.truth?.reason)) },
-  { name: 'off', label: t('state.off'), keeps: (row) => row.state === 'off' },
+  { name: 'up', label: t('state.on'), keeps: row => row.state === 'up' },
+  {
+    name: 'trouble',
+    label: t('list.trouble'),
+    keeps: row => row.state !== 'up' && (row.state !== 'off' || Boolean(row.truth?.reason)),
+  },
+  { name: 'off', label: t('state.off'), keeps: row => row.state === 'off' },
 ]
 const USUAL = usual('name')
 const MANY = 12 // tunnels beyond which a table says more than cards
@@ -330,19 +462,25 @@ export function ClientsPage() {
       if (!start) others.push(file)
       else
         more.push({
-          what: 'edit', type: WIREGUARD_CLIENT, profile: null,
+          what: 'edit',
+          type: WIREGUARD_CLIENT,
+          profile: null,
           start: { ...start, client_name: file.name.replace(/\.conf$/i, '') },
         })
     }
-    setWaiting([...(others.length > 0 ? [{ what: 'import', files: others } as const] : []), ...more])
+    setWaiting([
+      ...(others.length > 0 ? [{ what: 'import', files: others } as const] : []),
+      ...more,
+    ])
   }
-  const over = useFileDrop(admin && !open, (files) => void take(files))
+  const over = useFileDrop(admin && !open, files => void take(files))
 
-  const rows = (list.value ?? []).map((one) => rowOf(one, poll.value?.states ?? new Map()))
-  const full = rows.filter((row) => !row.profile['vendor']).length >= MOST
+  const rows = (list.value ?? []).map(one => rowOf(one, poll.value?.states ?? new Map()))
+  const full = rows.filter(row => !row.profile['vendor']).length >= MOST
   const table = (query.value['view'] ?? (rows.length > MANY ? 'table' : 'cards')) === 'table'
   const propsFor = (row: Row): ActionProps => ({
-    row, admin,
+    row,
+    admin,
     onEdit: () => setWaiting([{ what: 'edit', type: row.profile.type, profile: row.profile }]),
     onChanged: list.refresh,
   })
@@ -354,17 +492,25 @@ export function ClientsPage() {
     if (admin) setWaiting([{ what: 'pick' }])
   }, [query.value])
 
-  if (!list.value) return list.failure ? <Failure failure={list.failure} onRetry={list.refresh} /> : <Spinner />
+  if (!list.value)
+    return list.failure ? <Failure failure={list.failure} onRetry={list.refresh} /> : <Spinner />
   return (
     <div class="drop">
       <Failure failure={list.failure} />
       {admin && (
         <div class="row">
-          <Button kind="primary" icon="plus" disabled={full} onClick={() => setWaiting([{ what: 'pick' }])}>
+          <Button
+            kind="primary"
+            icon="plus"
+            disabled={full}
+            onClick={() => setWaiting([{ what: 'pick' }])}
+          >
             {t('client.add')}
           </Button>
-          <FileButton label={t('client.import')} onFiles={(files) => void take(files)} />
-          <span class="soft hint">{t(full ? 'client.full' : 'client.dropHint', { most: MOST })}</span>
+          <FileButton label={t('client.import')} onFiles={files => void take(files)} />
+          <span class="soft hint">
+            {t(full ? 'client.full' : 'client.dropHint', { most: MOST })}
+          </span>
         </div>
       )}
       {rows.length === 0 ? (
@@ -375,18 +521,22 @@ export function ClientsPage() {
         <List
           label={t('nav.clients')}
           rows={rows}
-          textOf={(row) => `${row.name} ${labelOf(row.profile.type)} ${row.profile.server_ip} ${row.profile.local_ip}`}
-          keyOf={(row) => row.key}
-          columns={columnsFor((row) => <Actions {...propsFor(row)} />)}
+          textOf={row =>
+            `${row.name} ${labelOf(row.profile.type)} ${row.profile.server_ip} ${row.profile.local_ip}`
+          }
+          keyOf={row => row.key}
+          columns={columnsFor(row => (
+            <Actions {...propsFor(row)} />
+          ))}
           filters={FILTERS()}
           usually={USUAL}
           empty={t('client.none')}
           show={
             table
               ? undefined
-              : (some) => (
+              : some => (
                   <div class="cards">
-                    {some.map((row) => (
+                    {some.map(row => (
                       <ClientCard key={row.key} {...propsFor(row)} />
                     ))}
                   </div>
@@ -400,7 +550,7 @@ export function ClientsPage() {
               ['table', t('list.table')],
             ]}
             current={table ? 'table' : 'cards'}
-            onPick={(wanted) => choose({ view: wanted })}
+            onPick={wanted => choose({ view: wanted })}
           />
         </List>
       )}
@@ -413,12 +563,18 @@ export function ClientsPage() {
       {open?.what === 'pick' && (
         <PickDialog
           onClose={close}
-          onPick={(type) =>
-            setWaiting([type === OPENVPN_CLIENT ? { what: 'import', files: [] } : { what: 'edit', type, profile: null }])
+          onPick={type =>
+            setWaiting([
+              type === OPENVPN_CLIENT
+                ? { what: 'import', files: [] }
+                : { what: 'edit', type, profile: null },
+            ])
           }
         />
       )}
-      {open?.what === 'import' && <ImportDialog files={open.files} onClose={done} onChanged={list.refresh} />}
+      {open?.what === 'import' && (
+        <ImportDialog files={open.files} onClose={done} onChanged={list.refresh} />
+      )}
       {open?.what === 'edit' && (
         <EditDialog
           key={waiting.length}
@@ -434,7 +590,15 @@ export function ClientsPage() {
 }
 
 // A button that opens the browser's own choice of files.
-export const FileButton = ({ label, onFiles, single }: { label: string; onFiles: (files: File[]) => void; single?: boolean }) => (
+export const FileButton = ({
+  label,
+  onFiles,
+  single,
+}: {
+  label: string
+  onFiles: (files: File[]) => void
+  single?: boolean
+}) => (
   <label class="button plain file">
     <Icon name="upload" />
     {label}
@@ -442,7 +606,7 @@ export const FileButton = ({ label, onFiles, single }: { label: string; onFiles:
       type="file"
       class="unseen"
       multiple={!single}
-      onChange={(event) => {
+      onChange={event => {
         onFiles([...(event.currentTarget.files ?? [])])
         event.currentTarget.value = ''
       }}

@@ -41,7 +41,9 @@ export const rowOf = (one: Live): Row => {
     source: one.source_ip,
     inside: one.allocate_ip.replace('/32', ''),
     uptime: device ? -one.uptime : one.uptime,
-    uptimeWords: device ? t('connections.handshake', { ago: ago(one.uptime) }) : duration(one.uptime),
+    uptimeWords: device
+      ? t('connections.handshake', { ago: ago(one.uptime) })
+      : duration(one.uptime),
     began: moment(Date.now() / 1000 - one.uptime),
     down: one.rx_rate ?? 0,
     up: one.tx_rate ?? 0,
@@ -52,23 +54,50 @@ export const rowOf = (one: Live): Row => {
 
 const MOST_MINUTES = 10_080
 // A device comes back at once unless it is kept out.
-export const leastMinutes = (rows: readonly Pick<Row, 'type'>[]): number => (rows.some((one) => one.type === WIREGUARD) ? 1 : 0)
-export const minutesFit = (text: string, least: number): boolean => range(least, MOST_MINUTES)(text) === null
+export const leastMinutes = (rows: readonly Pick<Row, 'type'>[]): number =>
+  rows.some(one => one.type === WIREGUARD) ? 1 : 0
+export const minutesFit = (text: string, least: number): boolean =>
+  range(least, MOST_MINUTES)(text) === null
 
-function KickDialog({ rows, onClose, onKick }: { rows: readonly Row[]; onClose: () => void; onKick: (minutes: number) => void }) {
+function KickDialog({
+  rows,
+  onClose,
+  onKick,
+}: {
+  rows: readonly Row[]
+  onClose: () => void
+  onKick: (minutes: number) => void
+}) {
   const least = leastMinutes(rows)
   const [minutes, setMinutes] = useState(String(least * USUAL_MINUTES))
   const [tried, setTried] = useState(false)
   const fits = minutesFit(minutes, least)
   return (
     <Dialog title={count(rows.length, 'kick.one', 'kick.many')} onClose={onClose}>
-      <p>{t('kick.text', { names: rows.map((one) => one.name).slice(0, 5).join(', ') + (rows.length > 5 ? ' …' : '') })}</p>
+      <p>
+        {t('kick.text', {
+          names:
+            rows
+              .map(one => one.name)
+              .slice(0, 5)
+              .join(', ') + (rows.length > 5 ? ' …' : ''),
+        })}
+      </p>
       <Field
         label={t('kick.minutes', { least, most: MOST_MINUTES })}
         help={t(least ? 'kick.device' : 'kick.minutesHelp')}
         error={tried && !fits ? t('rule.range', { least, most: MOST_MINUTES }) : undefined}
       >
-        {(ids) => <input {...ids} type="number" min={least} max={MOST_MINUTES} value={minutes} onInput={(event) => setMinutes(event.currentTarget.value)} />}
+        {ids => (
+          <input
+            {...ids}
+            type="number"
+            min={least}
+            max={MOST_MINUTES}
+            value={minutes}
+            onInput={event => setMinutes(event.currentTarget.value)}
+          />
+        )}
       </Field>
       <footer class="row end">
         <Button onClick={onClose}>{t('cancel')}</Button>
@@ -84,8 +113,16 @@ function Holds({ holds, onLift }: { holds: readonly Hold[]; onLift: (who: string
   if (holds.length === 0) return null
   return (
     <Card title={t('holds')}>
-      <Table label={t('holds')} heads={[t('logs.user'), t('holds.until'), t('holds.by'), <span class="unseen">{t('actions')}</span>]}>
-        {holds.map((one) => (
+      <Table
+        label={t('holds')}
+        heads={[
+          t('logs.user'),
+          t('holds.until'),
+          t('holds.by'),
+          <span class="unseen">{t('actions')}</span>,
+        ]}
+      >
+        {holds.map(one => (
           <tr key={`${one.kind}|${one.who}`}>
             <td>
               <bdi class="name">{one.name}</bdi>
@@ -96,7 +133,10 @@ function Holds({ holds, onLift }: { holds: readonly Hold[]; onLift: (who: string
               <bdi>{one.by}</bdi>
             </td>
             <td>
-              <Button label={t('holds.liftName', { name: one.name })} onClick={() => onLift(one.who)}>
+              <Button
+                label={t('holds.liftName', { name: one.name })}
+                onClick={() => onLift(one.who)}
+              >
                 {t('holds.lift')}
               </Button>
             </td>
@@ -110,49 +150,77 @@ function Holds({ holds, onLift }: { holds: readonly Hold[]; onLift: (who: string
 const TRAIL = 60 // samples
 const trails = new Trails(TRAIL)
 const USUAL = usual('name', false, 50)
-const textOf = (row: Row): string => `${row.name} ${labelOf(row.type)} ${row.source} ${row.inside} ${row.device}`
+const textOf = (row: Row): string =>
+  `${row.name} ${labelOf(row.type)} ${row.source} ${row.inside} ${row.device}`
 const filters = (rows: readonly Row[]): readonly ShownFilter<Row>[] =>
-  PROTOCOLS.filter((one) => rows.some((row) => row.type === one.server)).map((one) => ({
-    name: one.id, label: one.label, keeps: (row) => row.type === one.server,
+  PROTOCOLS.filter(one => rows.some(row => row.type === one.server)).map(one => ({
+    name: one.id,
+    label: one.label,
+    keeps: row => row.type === one.server,
   }))
 
-type Picking = { picked: ReadonlySet<string>; pick: (ids: string[], on: boolean) => void; kick: (row: Row) => void }
+type Picking = {
+  picked: ReadonlySet<string>
+  pick: (ids: string[], on: boolean) => void
+  kick: (row: Row) => void
+}
 const columnsFor = ({ picked, pick, kick }: Picking): readonly ShownColumn<Row>[] => [
   {
-    name: 'pick', label: '',
-    head: (rows) => (
+    name: 'pick',
+    label: '',
+    head: rows => (
       <input
         type="checkbox"
         aria-label={t('list.page')}
-        checked={rows.length > 0 && rows.every((row) => picked.has(row.id))}
-        onChange={(event) => pick(rows.map((row) => row.id), event.currentTarget.checked)}
+        checked={rows.length > 0 && rows.every(row => picked.has(row.id))}
+        onChange={event =>
+          pick(
+            rows.map(row => row.id),
+            event.currentTarget.checked,
+          )
+        }
       />
     ),
-    cell: (row) => (
+    cell: row => (
       <input
         type="checkbox"
         aria-label={t('connections.pick', { name: row.name })}
         checked={picked.has(row.id)}
-        onChange={(event) => pick([row.id], event.currentTarget.checked)}
+        onChange={event => pick([row.id], event.currentTarget.checked)}
       />
     ),
   },
   {
-    name: 'name', label: t('logs.user'), sort: (row) => row.name,
-    cell: (row) => (
+    name: 'name',
+    label: t('logs.user'),
+    sort: row => row.name,
+    cell: row => (
       <>
         {row.type === WIREGUARD ? <bdi class="name">{row.name}</bdi> : <UserLink name={row.name} />}
         {row.device && <bdi class="soft block">{row.device}</bdi>}
       </>
     ),
   },
-  { name: 'type', label: t('protocol'), sort: (row) => labelOf(row.type), cell: (row) => labelOf(row.type) },
-  { name: 'source', label: t('logs.from'), sort: (row) => row.source, cell: (row) => row.source },
-  { name: 'inside', label: t('logs.inside'), sort: (row) => row.inside, cell: (row) => row.inside },
-  { name: 'uptime', label: t('connections.since'), sort: (row) => row.uptime, cell: (row) => <span title={row.began}>{row.uptimeWords}</span> },
   {
-    name: 'rate', label: t('client.now'), figure: true, sort: (row) => row.down + row.up,
-    cell: (row) =>
+    name: 'type',
+    label: t('protocol'),
+    sort: row => labelOf(row.type),
+    cell: row => labelOf(row.type),
+  },
+  { name: 'source', label: t('logs.from'), sort: row => row.source, cell: row => row.source },
+  { name: 'inside', label: t('logs.inside'), sort: row => row.inside, cell: row => row.inside },
+  {
+    name: 'uptime',
+    label: t('connections.since'),
+    sort: row => row.uptime,
+    cell: row => <span title={row.began}>{row.uptimeWords}</span>,
+  },
+  {
+    name: 'rate',
+    label: t('client.now'),
+    figure: true,
+    sort: row => row.down + row.up,
+    cell: row =>
       row.type === WIREGUARD ? (
         '–'
       ) : (
@@ -164,16 +232,20 @@ const columnsFor = ({ picked, pick, kick }: Picking): readonly ShownColumn<Row>[
       ),
   },
   {
-    name: 'total', label: t('connections.total'), figure: true,
-    cell: (row) => (
+    name: 'total',
+    label: t('connections.total'),
+    figure: true,
+    cell: row => (
       <>
         {row.total[0]} /<span class="block">{row.total[1]}</span>
       </>
     ),
   },
   {
-    name: 'actions', label: '', head: () => <span class="unseen">{t('actions')}</span>,
-    cell: (row) => (
+    name: 'actions',
+    label: '',
+    head: () => <span class="unseen">{t('actions')}</span>,
+    cell: row => (
       <Button label={t('kick.name', { name: row.name })} onClick={() => kick(row)}>
         {t('kick.now')}
       </Button>
@@ -186,9 +258,12 @@ export function ConnectionsPage() {
   const [asked, setAsked] = useState<readonly Row[] | null>(null)
   const job = useJob()
   const live = usePoll(async () => {
-    const [connections, holds] = await Promise.all([data<Live[]>('connection/all'), data<Hold[]>('hold/list')])
+    const [connections, holds] = await Promise.all([
+      data<Live[]>('connection/all'),
+      data<Hold[]>('hold/list'),
+    ])
     const rows = connections.map(rowOf)
-    trails.add(new Map(rows.map((row) => [row.id, row.down + row.up])))
+    trails.add(new Map(rows.map(row => [row.id, row.down + row.up])))
     return { rows, holds }
   }, PAUSE)
 
@@ -196,7 +271,7 @@ export function ConnectionsPage() {
     setAsked(null)
     void job.run('kick', async () => {
       try {
-        await call('connection/end', { conn: some.map((one) => one.id), minutes }, SLOW)
+        await call('connection/end', { conn: some.map(one => one.id), minutes }, SLOW)
         setPicked(new Set())
         say(minutes > 0 ? 'kick.held' : 'kick.done')
       } finally {
@@ -218,16 +293,22 @@ export function ConnectionsPage() {
     setPicked(next)
   }
 
-  if (!live.value) return live.failure ? <Failure failure={live.failure} onRetry={live.refresh} /> : <Spinner />
+  if (!live.value)
+    return live.failure ? <Failure failure={live.failure} onRetry={live.refresh} /> : <Spinner />
   const { rows, holds } = live.value
-  const chosen = rows.filter((row) => picked.has(row.id))
+  const chosen = rows.filter(row => picked.has(row.id))
   return (
     <>
       <Failure failure={job.failure ?? live.failure} />
       <Card
         title={count(rows.length, 'connections.one', 'connections.many')}
         side={
-          <Button kind="danger" disabled={chosen.length === 0} busy={job.busy === 'kick'} onClick={() => setAsked(chosen)}>
+          <Button
+            kind="danger"
+            disabled={chosen.length === 0}
+            busy={job.busy === 'kick'}
+            onClick={() => setAsked(chosen)}
+          >
             {t('kick.chosen', { n: chosen.length })}
           </Button>
         }
@@ -236,15 +317,21 @@ export function ConnectionsPage() {
           label={t('nav.connections')}
           rows={rows}
           textOf={textOf}
-          keyOf={(row) => row.id}
-          columns={columnsFor({ picked, pick, kick: (row) => setAsked([row]) })}
+          keyOf={row => row.id}
+          columns={columnsFor({ picked, pick, kick: row => setAsked([row]) })}
           filters={filters(rows)}
           usually={USUAL}
           empty={t('connections.none')}
         />
       </Card>
       <Holds holds={holds} onLift={lift} />
-      {asked && <KickDialog rows={asked} onClose={() => setAsked(null)} onKick={(minutes) => kick(asked, minutes)} />}
+      {asked && (
+        <KickDialog
+          rows={asked}
+          onClose={() => setAsked(null)}
+          onKick={minutes => kick(asked, minutes)}
+        />
+      )}
     </>
   )
 }

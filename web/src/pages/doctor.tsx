@@ -20,9 +20,20 @@ interface Run {
 const TONES: Record<Step['result'], Tone> = { ok: 'good', warn: 'warn', fail: 'bad', skip: 'off' }
 
 // The step that decides: the first that failed, else nothing.
-export const culprit = (steps: readonly Step[]): Step | null => steps.find((one) => one.result === 'fail') ?? null
+export const culprit = (steps: readonly Step[]): Step | null =>
+  steps.find(one => one.result === 'fail') ?? null
 
-export function DoctorDialog({ type, index, name, onClose }: { type: number; index: number; name: string; onClose: () => void }) {
+export function DoctorDialog({
+  type,
+  index,
+  name,
+  onClose,
+}: {
+  type: number
+  index: number
+  name: string
+  onClose: () => void
+}) {
   const [run, setRun] = useState<Run>({ done: false, steps: [] })
   const [failure, setFailure] = useState<unknown>(null)
 
@@ -31,7 +42,7 @@ export function DoctorDialog({ type, index, name, onClose }: { type: number; ind
     const look = async () => {
       const { id } = await data<{ id: string }>('doctor/start', { type, index })
       for (let done = false; alive && !done; ) {
-        await new Promise((wake) => setTimeout(wake, PAUSE))
+        await new Promise(wake => setTimeout(wake, PAUSE))
         const next = await data<Run>('doctor/get', { id })
         done = next.done
         if (alive) setRun(next)
@@ -48,8 +59,11 @@ export function DoctorDialog({ type, index, name, onClose }: { type: number; ind
     <Dialog title={t('doctor.title', { name })} onClose={onClose} wide>
       <Failure failure={failure} />
       {run.steps.length > 0 && (
-        <Table label={t('doctor.title', { name })} heads={[t('doctor.step'), t('doctor.result'), t('doctor.found')]}>
-          {run.steps.map((one) => (
+        <Table
+          label={t('doctor.title', { name })}
+          heads={[t('doctor.step'), t('doctor.result'), t('doctor.found')]}
+        >
+          {run.steps.map(one => (
             <tr key={one.step}>
               <td>{one.step}</td>
               <td>
@@ -64,7 +78,11 @@ export function DoctorDialog({ type, index, name, onClose }: { type: number; ind
         </Table>
       )}
       {!run.done && !failure && <Spinner label={t('doctor.looking')} />}
-      {run.done && <p role="status">{found ? t('doctor.culprit', { step: found.step }) : t('doctor.nothing')}</p>}
+      {run.done && (
+        <p role="status">
+          {found ? t('doctor.culprit', { step: found.step }) : t('doctor.nothing')}
+        </p>
+      )}
       <footer class="row end">
         <Button onClick={onClose}>{t('close')}</Button>
       </footer>

@@ -25,25 +25,40 @@ interface Setting {
   gw2?: Tunnel
 }
 
-const idOf = (tunnel: Tunnel | undefined): string => (tunnel ? `${tunnel.type}-${tunnel.index}` : '')
+const idOf = (tunnel: Tunnel | undefined): string =>
+  tunnel ? `${tunnel.type}-${tunnel.index}` : ''
 const on = (values: Values) => values['as_gw_en'] === true
 const second = (values: Values) => on(values) && values['gw2'] !== ''
 
 const rowsFor = (tunnels: readonly Choice[]): readonly FieldRow[] => [
   { name: 'as_gw_en', label: 'gateway.use', kind: 'switch', wide: true },
   {
-    name: 'gw1', label: 'gateway.first', when: on, rule: (value) => (value === '' ? 'rule.required' : null),
+    name: 'gw1',
+    label: 'gateway.first',
+    when: on,
+    rule: value => (value === '' ? 'rule.required' : null),
     choices: [['', t('gateway.choose')], ...tunnels],
   },
   {
-    name: 'gw2', label: 'gateway.second', when: on, help: 'gateway.secondHelp',
-    choices: (values) => [['', t('gateway.noSecond')], ...tunnels.filter(([id]) => id !== values['gw1'])],
+    name: 'gw2',
+    label: 'gateway.second',
+    when: on,
+    help: 'gateway.secondHelp',
+    choices: values => [
+      ['', t('gateway.noSecond')],
+      ...tunnels.filter(([id]) => id !== values['gw1']),
+    ],
   },
   {
-    name: 'failover_interval', label: 'gateway.back', when: second,
+    name: 'failover_interval',
+    label: 'gateway.back',
+    when: second,
     choices: () => [
-      ['0', t('gateway.atOnce')], ['1', t('gateway.minutes', { n: 1 })], ['5', t('gateway.minutes', { n: 5 })],
-      ['10', t('gateway.minutes', { n: 10 })], ['-1', t('gateway.never')],
+      ['0', t('gateway.atOnce')],
+      ['1', t('gateway.minutes', { n: 1 })],
+      ['5', t('gateway.minutes', { n: 5 })],
+      ['10', t('gateway.minutes', { n: 10 })],
+      ['-1', t('gateway.never')],
     ],
   },
   { name: 'snat', label: 'gateway.snat', kind: 'switch', when: on, help: 'gateway.snatHelp' },
@@ -55,24 +70,46 @@ export function gatewayForm(values: Record<string, string>): Record<string, stri
   const [type1 = '', index1 = ''] = (values['gw1'] ?? '').split('-')
   const [type2 = '', index2 = ''] = (values['gw2'] ?? '').split('-')
   const out: Record<string, string> = {
-    as_gw_en: '1', gw1_type: type1, gw1_index: index1, snat: values['snat'] === 'true' ? '1' : '0',
+    as_gw_en: '1',
+    gw1_type: type1,
+    gw1_index: index1,
+    snat: values['snat'] === 'true' ? '1' : '0',
     failover_en: type2 ? '1' : '0',
   }
   return type2
-    ? { ...out, gw2_type: type2, gw2_index: index2, failover_interval: values['failover_interval'] ?? '-1' }
+    ? {
+        ...out,
+        gw2_type: type2,
+        gw2_index: index2,
+        failover_interval: values['failover_interval'] ?? '-1',
+      }
     : out
 }
 
-function Policy({ setting, clients, onSaved }: { setting: Setting; clients: readonly ClientProfile[]; onSaved: () => void }) {
-  const tunnels = clients.map((one): Choice => [idOf(one), `${clientName(one)} (${labelOf(one.type)})`])
+function Policy({
+  setting,
+  clients,
+  onSaved,
+}: {
+  setting: Setting
+  clients: readonly ClientProfile[]
+  onSaved: () => void
+}) {
+  const tunnels = clients.map(
+    (one): Choice => [idOf(one), `${clientName(one)} (${labelOf(one.type)})`],
+  )
   const rows = rowsFor(tunnels)
-  const form = useForm(rows, {
-    as_gw_en: setting.as_gw_en === 1,
-    gw1: idOf(setting.gw1),
-    gw2: setting.failover_en ? idOf(setting.gw2) : '',
-    failover_interval: String(setting.failover_interval ?? 0),
-    snat: setting.snat !== 0,
-  }, true)
+  const form = useForm(
+    rows,
+    {
+      as_gw_en: setting.as_gw_en === 1,
+      gw1: idOf(setting.gw1),
+      gw2: setting.failover_en ? idOf(setting.gw2) : '',
+      failover_interval: String(setting.failover_interval ?? 0),
+      snat: setting.snat !== 0,
+    },
+    true,
+  )
   const job = useJob()
   const save = async (event: Event) => {
     event.preventDefault()
@@ -85,7 +122,7 @@ function Policy({ setting, clients, onSaved }: { setting: Setting; clients: read
     })
   }
   return (
-    <form onSubmit={(event) => void save(event)} noValidate>
+    <form onSubmit={event => void save(event)} noValidate>
       <Fields rows={rows} form={form} />
       {clients.length === 0 && <Notice>{t('gateway.noTunnels')}</Notice>}
       <SaveRow job={job} />
@@ -106,11 +143,16 @@ export function GatewayPage() {
   const policy = usePoll(() => data<{ gw_setting: Setting }>('gateway/get'), 0)
   if (!now.value || !policy.value) {
     const failure = now.failure ?? policy.failure
-    return failure ? <Failure failure={failure} onRetry={() => (now.refresh(), policy.refresh())} /> : <Spinner />
+    return failure ? (
+      <Failure failure={failure} onRetry={() => (now.refresh(), policy.refresh())} />
+    ) : (
+      <Spinner />
+    )
   }
   const { gateway, guard, clients } = now.value
   const setting = policy.value.gw_setting
-  const carries = (tunnel: Tunnel | undefined) => tunnel !== undefined && idOf(tunnel) === idOf(gateway)
+  const carries = (tunnel: Tunnel | undefined) =>
+    tunnel !== undefined && idOf(tunnel) === idOf(gateway)
   return (
     <>
       <Failure failure={now.failure} />
@@ -118,14 +160,20 @@ export function GatewayPage() {
       <Card title={t('gateway.now')}>
         <p class="big">
           <bdi>{gatewayName(gateway, clients)}</bdi>{' '}
-          <Badge tone={gateway.type ? 'good' : 'off'}>{t(gateway.type ? 'gateway.byTunnel' : 'gateway.byLan')}</Badge>
+          <Badge tone={gateway.type ? 'good' : 'off'}>
+            {t(gateway.type ? 'gateway.byTunnel' : 'gateway.byLan')}
+          </Badge>
         </p>
         {setting.as_gw_en === 1 && !gateway.type && <Notice>{t('gateway.notYet')}</Notice>}
         {carries(setting.gw2) && <Notice>{t('gateway.onSecond')}</Notice>}
       </Card>
       {admin && (
         <Card title={t('gateway.policy')}>
-          <Policy setting={setting} clients={clients} onSaved={() => (policy.refresh(), now.refresh())} />
+          <Policy
+            setting={setting}
+            clients={clients}
+            onSaved={() => (policy.refresh(), now.refresh())}
+          />
         </Card>
       )}
       {admin && <GuardCard guard={guard} onChanged={now.refresh} />}

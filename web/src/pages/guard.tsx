@@ -24,14 +24,31 @@ export const bandOf = (guard: Guard): readonly [Tone, TextKey] | null =>
   guard.mode === 'off' && guard.state !== 'paused' ? null : (BANDS[guard.state] ?? null)
 
 // All packets that the guard has stopped.
-export const stoppedBy = ({ stopped }: Guard): number => (stopped ? stopped.ipv4 + stopped.ipv6 + stopped.dns : 0)
+export const stoppedBy = ({ stopped }: Guard): number =>
+  stopped ? stopped.ipv4 + stopped.ipv6 + stopped.dns : 0
 
-export function GuardBand({ guard, admin, onChanged }: { guard: Guard; admin: boolean; onChanged: () => void }) {
+export function GuardBand({
+  guard,
+  admin,
+  onChanged,
+}: {
+  guard: Guard
+  admin: boolean
+  onChanged: () => void
+}) {
   const job = useJob()
   const band = bandOf(guard)
   if (!band) return null
   const release = async () => {
-    if (!(await confirm({ title: t('guard.release'), text: t('guard.releaseText'), action: t('guard.release'), danger: true }))) return
+    if (
+      !(await confirm({
+        title: t('guard.release'),
+        text: t('guard.releaseText'),
+        action: t('guard.release'),
+        danger: true,
+      }))
+    )
+      return
     await job.run('release', async () => {
       await call('guard/set', { pause: '1' })
       onChanged()
@@ -42,7 +59,9 @@ export function GuardBand({ guard, admin, onChanged }: { guard: Guard; admin: bo
       <strong>{t(band[1])}</strong>
       {stoppedBy(guard) > 0 && <span>{t('guard.stopped', { n: stoppedBy(guard) })}</span>}
       {admin && guard.state === 'holding' && (
-        <Button busy={job.busy === 'release'} onClick={() => void release()}>{t('guard.release')}</Button>
+        <Button busy={job.busy === 'release'} onClick={() => void release()}>
+          {t('guard.release')}
+        </Button>
       )}
       <Failure failure={job.failure} />
     </Notice>
@@ -52,8 +71,14 @@ export function GuardBand({ guard, admin, onChanged }: { guard: Guard; admin: bo
 const on = (values: Record<string, string | boolean>) => values['mode'] !== 'off'
 const rows: readonly FieldRow[] = [
   {
-    name: 'mode', label: 'guard.mode', help: 'guard.modeHelp',
-    choices: () => [['off', t('guard.off')], ['on', t('guard.on')], ['strict', t('guard.strict')]],
+    name: 'mode',
+    label: 'guard.mode',
+    help: 'guard.modeHelp',
+    choices: () => [
+      ['off', t('guard.off')],
+      ['on', t('guard.on')],
+      ['strict', t('guard.strict')],
+    ],
   },
   { name: 'lan', label: 'guard.lan', kind: 'switch', when: on, help: 'guard.lanHelp' },
   { name: 'dns', label: 'guard.dns', kind: 'switch', when: on, help: 'guard.dnsHelp' },
@@ -69,9 +94,16 @@ export const guardForm = (values: Record<string, string | boolean>): Record<stri
 })
 
 export function GuardCard({ guard, onChanged }: { guard: Guard; onChanged: () => void }) {
-  const form = useForm(rows, {
-    mode: guard.mode, lan: guard.local_network !== '0', dns: guard.dns !== 'any', ipv6: guard.ipv6 !== 'pass',
-  }, true)
+  const form = useForm(
+    rows,
+    {
+      mode: guard.mode,
+      lan: guard.local_network !== '0',
+      dns: guard.dns !== 'any',
+      ipv6: guard.ipv6 !== 'pass',
+    },
+    true,
+  )
   const job = useJob()
   const save = async (event: Event) => {
     event.preventDefault()
@@ -84,7 +116,7 @@ export function GuardCard({ guard, onChanged }: { guard: Guard; onChanged: () =>
   }
   return (
     <Card title={t('guard.title')}>
-      <form onSubmit={(event) => void save(event)} noValidate>
+      <form onSubmit={event => void save(event)} noValidate>
         <Fields rows={rows} form={form} />
         <SaveRow job={job} />
       </form>

@@ -47,7 +47,10 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
     setBusy(true)
     setWrong('')
     try {
-      const { sid, admin } = await callOnce<{ sid: string; admin: boolean }>('/fenro/login', { user, password })
+      const { sid, admin } = await callOnce<{ sid: string; admin: boolean }>('/fenro/login', {
+        user,
+        password,
+      })
       session.begin({ sid, user, admin, since: Date.now() })
     } catch (failure) {
       setWrong(wordsFor(failure))
@@ -57,9 +60,9 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
   }
 
   return (
-    <form class="login" onSubmit={(event) => void submit(event)}>
+    <form class="login" onSubmit={event => void submit(event)}>
       <Field label={t('login.user')}>
-        {(ids) => (
+        {ids => (
           <input
             {...ids}
             name="user"
@@ -69,12 +72,12 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
             ref={userField}
             readOnly={fixedUser !== undefined}
             value={user}
-            onInput={(event) => setUser(event.currentTarget.value)}
+            onInput={event => setUser(event.currentTarget.value)}
           />
         )}
       </Field>
       <Field label={t('login.password')}>
-        {(ids) => (
+        {ids => (
           <input
             {...ids}
             name="password"
@@ -83,7 +86,7 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
             required
             ref={passwordField}
             value={password}
-            onInput={(event) => setPassword(event.currentTarget.value)}
+            onInput={event => setPassword(event.currentTarget.value)}
           />
         )}
       </Field>

@@ -10,7 +10,20 @@ import { usePoll } from '../poll'
 import { choose, query } from '../router'
 import { page } from '../rules'
 import { t, type TextKey } from '../texts'
-import { Badge, Button, Card, Empty, Failure, Notice, Spinner, Tabs, confirm, say, useJob, type Tone } from '../ui'
+import {
+  Badge,
+  Button,
+  Card,
+  Empty,
+  Failure,
+  Notice,
+  Spinner,
+  Tabs,
+  confirm,
+  say,
+  useJob,
+  type Tone,
+} from '../ui'
 import { ACTIONS, REFUSED, UserLink, actionOf, refusalWords, type Entry } from './user'
 
 export interface LogEvent {
@@ -38,7 +51,8 @@ const LEVELS: readonly (readonly [TextKey, Tone])[] = [
   ['logs.warning', 'warn'],
   ['logs.error', 'bad'],
 ]
-const levelOf = (one: LogEvent): readonly [TextKey, Tone] => LEVELS[Number(one.type)] ?? ['logs.info', 'off']
+const levelOf = (one: LogEvent): readonly [TextKey, Tone] =>
+  LEVELS[Number(one.type)] ?? ['logs.info', 'off']
 
 type Row = LogEvent | Entry
 interface Shape<T extends Row> {
@@ -54,15 +68,30 @@ interface Shape<T extends Row> {
 const EVENTS: Shape<LogEvent> = {
   route: 'log/event',
   columns: () => [
-    { name: 'time', label: t('logs.time'), nowrap: true, sort: (row) => Number(row.id), cell: eventTime },
-    { name: 'level', label: t('logs.level'), cell: (row) => <Badge tone={levelOf(row)[1]}>{t(levelOf(row)[0])}</Badge> },
-    { name: 'user', label: t('logs.user'), cell: (row) => <bdi>{row.user}</bdi> },
-    { name: 'text', label: t('logs.text'), cell: (row) => <bdi>{eventWords(row)}</bdi> },
+    {
+      name: 'time',
+      label: t('logs.time'),
+      nowrap: true,
+      sort: row => Number(row.id),
+      cell: eventTime,
+    },
+    {
+      name: 'level',
+      label: t('logs.level'),
+      cell: row => <Badge tone={levelOf(row)[1]}>{t(levelOf(row)[0])}</Badge>,
+    },
+    { name: 'user', label: t('logs.user'), cell: row => <bdi>{row.user}</bdi> },
+    { name: 'text', label: t('logs.text'), cell: row => <bdi>{eventWords(row)}</bdi> },
   ],
-  filters: () => LEVELS.map(([label], at) => ({ name: String(at), label: t(label), keeps: (row) => Number(row.type) === at })),
-  textOf: (row) => `${row.user} ${row.ip} ${row.date} ${row.time} ${eventWords(row)}`,
-  order: (look) => ({ sort: look.down ? 0 : 1 }),
-  cells: (row) => [`${row.date} ${row.time}`, t(levelOf(row)[0]), row.user, row.ip, eventWords(row)],
+  filters: () =>
+    LEVELS.map(([label], at) => ({
+      name: String(at),
+      label: t(label),
+      keeps: row => Number(row.type) === at,
+    })),
+  textOf: row => `${row.user} ${row.ip} ${row.date} ${row.time} ${eventWords(row)}`,
+  order: look => ({ sort: look.down ? 0 : 1 }),
+  cells: row => [`${row.date} ${row.time}`, t(levelOf(row)[0]), row.user, row.ip, eventWords(row)],
   heads: () => [t('logs.time'), t('logs.level'), t('logs.user'), t('logs.from'), t('logs.text')],
 }
 
@@ -73,43 +102,96 @@ const inside = (row: Entry): string => row.remote_ip ?? row.local_ip ?? ''
 const entries = (kind: 'server' | 'client'): Shape<Entry> => ({
   route: `log/${kind}`,
   columns: () => [
-    { name: 'time', label: t('logs.time'), nowrap: true, sort: (row) => row.id, cell: (row) => logMoment(row.time) },
-    { name: 'type', label: t('protocol'), sort: (row) => row.type, cell: (row) => labelOf(row.type) },
     {
-      name: 'name', label: t(kind === 'server' ? 'logs.user' : 'logs.profile'), sort: (row) => row.username,
-      cell: (row) => (kind === 'server' ? <UserLink name={row.username} /> : <bdi class="name">{row.username}</bdi>),
+      name: 'time',
+      label: t('logs.time'),
+      nowrap: true,
+      sort: row => row.id,
+      cell: row => logMoment(row.time),
+    },
+    { name: 'type', label: t('protocol'), sort: row => row.type, cell: row => labelOf(row.type) },
+    {
+      name: 'name',
+      label: t(kind === 'server' ? 'logs.user' : 'logs.profile'),
+      sort: row => row.username,
+      cell: row =>
+        kind === 'server' ? (
+          <UserLink name={row.username} />
+        ) : (
+          <bdi class="name">{row.username}</bdi>
+        ),
     },
     {
-      name: 'what', label: t('logs.what'),
-      cell: (row) => (
+      name: 'what',
+      label: t('logs.what'),
+      cell: row => (
         <>
           <Badge tone={actionOf(row.action)[1]}>{t(actionOf(row.action)[0])}</Badge>
-          {row.device_info && <bdi class="soft block">{row.action === REFUSED ? refusalWords(row.device_info) : row.device_info}</bdi>}
+          {row.device_info && (
+            <bdi class="soft block">
+              {row.action === REFUSED ? refusalWords(row.device_info) : row.device_info}
+            </bdi>
+          )}
         </>
       ),
     },
-    { name: 'length', label: t('logs.length'), nowrap: true, sort: (row) => row.uptime, cell: (row) => (row.uptime > 0 ? duration(row.uptime) : '–') },
+    {
+      name: 'length',
+      label: t('logs.length'),
+      nowrap: true,
+      sort: row => row.uptime,
+      cell: row => (row.uptime > 0 ? duration(row.uptime) : '–'),
+    },
     { name: 'from', label: t('logs.from'), cell: source },
     { name: 'inside', label: t('logs.inside'), cell: inside },
-    { name: 'in', label: t('logs.in'), figure: true, cell: (row) => bytes(row.rx_total) },
-    { name: 'out', label: t('logs.out'), figure: true, cell: (row) => bytes(row.tx_total) },
+    { name: 'in', label: t('logs.in'), figure: true, cell: row => bytes(row.rx_total) },
+    { name: 'out', label: t('logs.out'), figure: true, cell: row => bytes(row.tx_total) },
   ],
-  filters: () => ACTIONS.map(([label], at) => ({ name: String(at), label: t(label), keeps: (row) => row.action === at })),
-  textOf: (row) => `${row.username} ${labelOf(row.type)} ${source(row)} ${inside(row)} ${row.time} ${row.device_info ?? ''}`,
-  order: (look) => ({ field: FIELDS[look.sort] ?? 0, order: look.down ? 'desc' : 'asc' }),
-  cells: (row) => [
-    row.time, labelOf(row.type), row.username, t(actionOf(row.action)[0]), row.uptime, source(row), inside(row), row.rx_total, row.tx_total,
+  filters: () =>
+    ACTIONS.map(([label], at) => ({
+      name: String(at),
+      label: t(label),
+      keeps: row => row.action === at,
+    })),
+  textOf: row =>
+    `${row.username} ${labelOf(row.type)} ${source(row)} ${inside(row)} ${row.time} ${row.device_info ?? ''}`,
+  order: look => ({ field: FIELDS[look.sort] ?? 0, order: look.down ? 'desc' : 'asc' }),
+  cells: row => [
+    row.time,
+    labelOf(row.type),
+    row.username,
+    t(actionOf(row.action)[0]),
+    row.uptime,
+    source(row),
+    inside(row),
+    row.rx_total,
+    row.tx_total,
     row.device_info ?? '',
   ],
   heads: () => [
-    t('logs.time'), t('protocol'), t('logs.user'), t('logs.what'), t('logs.length'), t('logs.from'), t('logs.inside'), t('logs.in'),
-    t('logs.out'), t('logs.text'),
+    t('logs.time'),
+    t('protocol'),
+    t('logs.user'),
+    t('logs.what'),
+    t('logs.length'),
+    t('logs.from'),
+    t('logs.inside'),
+    t('logs.in'),
+    t('logs.out'),
+    t('logs.text'),
   ],
 })
-const SHAPES = { event: EVENTS, server: entries('server'), client: entries('client') } as unknown as Record<Kind, Shape<Row>>
+const SHAPES = {
+  event: EVENTS,
+  server: entries('server'),
+  client: entries('client'),
+} as unknown as Record<Kind, Shape<Row>>
 
 const ask = (shape: Shape<Row>, look: Look, lower: number, upper: number) =>
-  call<Row[] | null>(shape.route, { lower, upper, ...shape.order(look) }).then((answer) => ({ rows: answer.data ?? [], total: answer.total ?? 0 }))
+  call<Row[] | null>(shape.route, { lower, upper, ...shape.order(look) }).then(answer => ({
+    rows: answer.data ?? [],
+    total: answer.total ?? 0,
+  }))
 
 // A page of a log as the appliance cuts it or, once something is searched for, of the latest rows that match.
 function Log({ kind }: { kind: Kind }) {
@@ -119,21 +201,35 @@ function Log({ kind }: { kind: Kind }) {
   const job = useJob()
   const log = usePoll(
     async () => {
-      const [lower, upper] = searches ? [0, MOST - 1] : [look.page * look.size, (look.page + 1) * look.size - 1]
+      const [lower, upper] = searches
+        ? [0, MOST - 1]
+        : [look.page * look.size, (look.page + 1) * look.size - 1]
       return { kind, searches, ...(await ask(shape, look, lower, upper)) }
     },
     PAUSE,
     [kind, searches, ...(searches ? [] : [look.page, look.size, look.sort, look.down])],
   )
   const value = log.value?.kind === kind && log.value.searches === searches ? log.value : undefined
-  const found = value && searches ? view(value.rows, shape.textOf, shape.columns(), shape.filters(), look) : null
+  const found =
+    value && searches
+      ? view(value.rows, shape.textOf, shape.columns(), shape.filters(), look)
+      : null
   const whole = page(value?.total ?? 0, look.page, look.size)
-  const seen = found ?? { rows: value?.rows ?? [], total: value?.total ?? 0, page: whole.current, pages: whole.pages, counts: null }
+  const seen = found ?? {
+    rows: value?.rows ?? [],
+    total: value?.total ?? 0,
+    page: whole.current,
+    pages: whole.pages,
+    counts: null,
+  }
   const server = kind === 'server'
 
   const clean = async () => {
     const text = t(server ? 'logs.cleanServer' : 'logs.cleanClient')
-    if (!(await confirm({ title: t('logs.clean'), text, action: t('logs.cleanNow'), danger: true }))) return
+    if (
+      !(await confirm({ title: t('logs.clean'), text, action: t('logs.cleanNow'), danger: true }))
+    )
+      return
     await job.run('clean', async () => {
       await call('log/cleanup', { type: server ? SERVERS : CLIENTS })
       say('logs.cleaned')
@@ -144,13 +240,21 @@ function Log({ kind }: { kind: Kind }) {
   const toFile = () =>
     job.run('csv', async () => {
       const rows = found?.all ?? (await ask(shape, look, 0, MOST - 1)).rows
-      saveFile(`ormel-${kind}.csv`, new Blob([csv([shape.heads(), ...rows.map(shape.cells)])], { type: 'text/csv' }))
+      saveFile(
+        `ormel-${kind}.csv`,
+        new Blob([csv([shape.heads(), ...rows.map(shape.cells)])], { type: 'text/csv' }),
+      )
     })
   return (
     <Card>
       <Failure failure={job.failure ?? log.failure} onRetry={log.refresh} />
       <Tools look={look} usually={USUAL} filters={shape.filters()} counts={seen.counts}>
-        <Button icon="download" busy={job.busy === 'csv'} disabled={!value?.total} onClick={() => void toFile()}>
+        <Button
+          icon="download"
+          busy={job.busy === 'csv'}
+          disabled={!value?.total}
+          onClick={() => void toFile()}
+        >
           {t('logs.csv')}
         </Button>
         {kind !== 'event' && (
@@ -161,18 +265,29 @@ function Log({ kind }: { kind: Kind }) {
       </Tools>
       {!value && !log.failure && <Spinner />}
       {value && searches && value.total > MOST && <Notice>{t('logs.most', { most: MOST })}</Notice>}
-      {value && seen.rows.length === 0 && <Empty>{t(searches ? 'list.nothing' : 'logs.none')}</Empty>}
-      {value && seen.rows.length > 0 && (
-        <Rows label={t(`logs.${kind}`)} rows={seen.rows} keyOf={(row) => row.id} columns={shape.columns()} look={look} usually={USUAL} />
+      {value && seen.rows.length === 0 && (
+        <Empty>{t(searches ? 'list.nothing' : 'logs.none')}</Empty>
       )}
-      {value && <Pages total={seen.total} page={seen.page} pages={seen.pages} look={look} usually={USUAL} />}
+      {value && seen.rows.length > 0 && (
+        <Rows
+          label={t(`logs.${kind}`)}
+          rows={seen.rows}
+          keyOf={row => row.id}
+          columns={shape.columns()}
+          look={look}
+          usually={USUAL}
+        />
+      )}
+      {value && (
+        <Pages total={seen.total} page={seen.page} pages={seen.pages} look={look} usually={USUAL} />
+      )}
     </Card>
   )
 }
 
 export function LogsPage() {
   const job = useJob()
-  const [kind, setKind] = useState<Kind>(KINDS.find((one) => one === query.peek()['log']) ?? 'event')
+  const [kind, setKind] = useState<Kind>(KINDS.find(one => one === query.peek()['log']) ?? 'event')
   const archive = () =>
     job.run('dump', async () => {
       const file = await download('log/dump', 'ormel_dump_log.tar.gz')
@@ -187,7 +302,7 @@ export function LogsPage() {
       <div class="row spread">
         <Tabs
           label={t('nav.logs')}
-          names={KINDS.map((one) => [one, t(`logs.${one}`)] as const)}
+          names={KINDS.map(one => [one, t(`logs.${one}`)] as const)}
           current={kind}
           onPick={pick}
         />

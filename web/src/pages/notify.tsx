@@ -6,7 +6,24 @@ import { duration, moment } from '../format'
 import { usePoll } from '../poll'
 import { required } from '../rules'
 import { t, textOr, type TextKey } from '../texts'
-import { Badge, Button, Card, Dialog, Empty, Facts, Failure, Icon, Notice, SaveRow, Spinner, Table, confirm, say, useJob, type Tone } from '../ui'
+import {
+  Badge,
+  Button,
+  Card,
+  Dialog,
+  Empty,
+  Facts,
+  Failure,
+  Icon,
+  Notice,
+  SaveRow,
+  Spinner,
+  Table,
+  confirm,
+  say,
+  useJob,
+  type Tone,
+} from '../ui'
 
 export interface Report {
   at: number
@@ -48,10 +65,18 @@ const rows: readonly FieldRow[] = [
 ]
 
 // The kinds as the program wants them: all of them are the word for all, those of later versions too.
-export const eventsOf = (picked: ReadonlySet<string>, kinds: readonly string[]): string | undefined =>
-  kinds.every((one) => picked.has(one)) ? undefined : kinds.filter((one) => picked.has(one)).join(',')
+export const eventsOf = (
+  picked: ReadonlySet<string>,
+  kinds: readonly string[],
+): string | undefined =>
+  kinds.every(one => picked.has(one)) ? undefined : kinds.filter(one => picked.has(one)).join(',')
 
-function ReceiverDialog({ receiver: old, kinds, onClose, onSaved }: {
+function ReceiverDialog({
+  receiver: old,
+  kinds,
+  onClose,
+  onSaved,
+}: {
   receiver: Receiver | null
   kinds: readonly Kind[]
   onClose: () => void
@@ -59,11 +84,13 @@ function ReceiverDialog({ receiver: old, kinds, onClose, onSaved }: {
 }) {
   const fields = old ? rows.slice(1) : rows
   const form = useForm(fields, { name: old?.name ?? '', url: old?.url ?? '' })
-  const known = kinds.map((one) => one.kind)
-  const [picked, setPicked] = useState<ReadonlySet<string>>(new Set(old && old.events !== 'all' ? old.events.split(' ') : known))
+  const known = kinds.map(one => one.kind)
+  const [picked, setPicked] = useState<ReadonlySet<string>>(
+    new Set(old && old.events !== 'all' ? old.events.split(' ') : known),
+  )
   const job = useJob()
   const toggle = (kind: string, on: boolean) =>
-    setPicked(new Set(on ? [...picked, kind] : [...picked].filter((one) => one !== kind)))
+    setPicked(new Set(on ? [...picked, kind] : [...picked].filter(one => one !== kind)))
   const save = async (event: Event) => {
     event.preventDefault()
     if (!form.check() || picked.size === 0) return
@@ -78,18 +105,26 @@ function ReceiverDialog({ receiver: old, kinds, onClose, onSaved }: {
   }
   return (
     <Dialog title={t(old ? 'notify.editTitle' : 'notify.add')} onClose={onClose}>
-      <form onSubmit={(event) => void save(event)} noValidate>
+      <form onSubmit={event => void save(event)} noValidate>
         <Fields rows={fields} form={form} />
         <fieldset class="picks">
           <legend>{t('notify.events')}</legend>
           {kinds.map(({ kind, text }) => (
             <label key={kind}>
-              <input type="checkbox" checked={picked.has(kind)} onChange={(event) => toggle(kind, event.currentTarget.checked)} />
+              <input
+                type="checkbox"
+                checked={picked.has(kind)}
+                onChange={event => toggle(kind, event.currentTarget.checked)}
+              />
               <span>{textOr(`kind.${kind}`, text)}</span>
             </label>
           ))}
         </fieldset>
-        {picked.size === 0 && <p class="error" role="alert">{t('notify.none')}</p>}
+        {picked.size === 0 && (
+          <p class="error" role="alert">
+            {t('notify.none')}
+          </p>
+        )}
         <SaveRow job={job}>
           <Button onClick={onClose}>{t('cancel')}</Button>
         </SaveRow>
@@ -104,8 +139,14 @@ const SecretDialog = ({ secret, onClose }: { secret: string; onClose: () => void
     <p>{t('notify.secretText')}</p>
     <p class="mono wrap">{secret}</p>
     <footer class="row end">
-      <Button onClick={() => void navigator.clipboard.writeText(secret).then(() => say('peer.copied'))}>{t('peer.copy')}</Button>
-      <Button kind="primary" onClick={onClose}>{t('close')}</Button>
+      <Button
+        onClick={() => void navigator.clipboard.writeText(secret).then(() => say('peer.copied'))}
+      >
+        {t('peer.copy')}
+      </Button>
+      <Button kind="primary" onClick={onClose}>
+        {t('close')}
+      </Button>
     </footer>
   </Dialog>
 )
@@ -122,18 +163,34 @@ async function tryOut(name: string): Promise<Receiver> {
   for (let tries = 0; tries < TEST_TRIES; tries++) {
     const found = await data<Receiver & { done: boolean }>('notify/test', { test })
     if (found.done) return { ...found, name }
-    await new Promise((go) => setTimeout(go, TEST_PAUSE))
+    await new Promise(go => setTimeout(go, TEST_PAUSE))
   }
   return { name, url: '', events: '', at: Date.now() / 1000, failure: t('notify.noAnswer') }
 }
 
-function Receivers({ receivers, kinds, onChanged }: { receivers: readonly Receiver[]; kinds: readonly Kind[]; onChanged: () => void }) {
+function Receivers({
+  receivers,
+  kinds,
+  onChanged,
+}: {
+  receivers: readonly Receiver[]
+  kinds: readonly Kind[]
+  onChanged: () => void
+}) {
   const [open, setOpen] = useState<Receiver | 'new' | null>(null)
   const [secret, setSecret] = useState('')
   const [tried, setTried] = useState<Receiver | null>(null)
   const job = useJob()
   const drop = async (one: Receiver) => {
-    if (!(await confirm({ title: t('remove.name', { name: one.name }), text: t('notify.removeText', { url: one.url }), action: t('remove'), danger: true }))) return
+    if (
+      !(await confirm({
+        title: t('remove.name', { name: one.name }),
+        text: t('notify.removeText', { url: one.url }),
+        action: t('remove'),
+        danger: true,
+      }))
+    )
+      return
     await job.run(`remove ${one.name}`, async () => {
       await call('notify/set', { name: one.name, remove: '1' })
       say('removed')
@@ -147,7 +204,14 @@ function Receivers({ receivers, kinds, onChanged }: { receivers: readonly Receiv
       onChanged()
     })
   return (
-    <Card title={t('notify.receivers')} side={<Button icon="plus" onClick={() => setOpen('new')}>{t('notify.add')}</Button>}>
+    <Card
+      title={t('notify.receivers')}
+      side={
+        <Button icon="plus" onClick={() => setOpen('new')}>
+          {t('notify.add')}
+        </Button>
+      }
+    >
       <Failure failure={job.failure} />
       {tried && (
         <Notice tone={tried.failure ? 'bad' : 'good'}>
@@ -157,19 +221,37 @@ function Receivers({ receivers, kinds, onChanged }: { receivers: readonly Receiv
       {receivers.length === 0 ? (
         <Empty>{t('notify.nobody')}</Empty>
       ) : (
-        <Table label={t('notify.receivers')} heads={[t('name'), t('notify.url'), t('notify.last'), t('actions')]}>
-          {receivers.map((one) => (
+        <Table
+          label={t('notify.receivers')}
+          heads={[t('name'), t('notify.url'), t('notify.last'), t('actions')]}
+        >
+          {receivers.map(one => (
             <tr key={one.name}>
-              <td data-label={t('name')}><bdi>{one.name}</bdi></td>
-              <td data-label={t('notify.url')}><bdi class="wrap">{one.url}</bdi></td>
+              <td data-label={t('name')}>
+                <bdi>{one.name}</bdi>
+              </td>
+              <td data-label={t('notify.url')}>
+                <bdi class="wrap">{one.url}</bdi>
+              </td>
               <td data-label={t('notify.last')}>{deliveryOf(one)}</td>
               <td data-label="">
                 <div class="row">
-                  <Button busy={job.busy === `test ${one.name}`} label={t('notify.testName', { name: one.name })} onClick={() => void test(one)}>
+                  <Button
+                    busy={job.busy === `test ${one.name}`}
+                    label={t('notify.testName', { name: one.name })}
+                    onClick={() => void test(one)}
+                  >
                     {t('notify.test')}
                   </Button>
-                  <Button label={t('edit.name', { name: one.name })} onClick={() => setOpen(one)}>{t('edit')}</Button>
-                  <Button label={t('remove.name', { name: one.name })} onClick={() => void drop(one)}>{t('remove')}</Button>
+                  <Button label={t('edit.name', { name: one.name })} onClick={() => setOpen(one)}>
+                    {t('edit')}
+                  </Button>
+                  <Button
+                    label={t('remove.name', { name: one.name })}
+                    onClick={() => void drop(one)}
+                  >
+                    {t('remove')}
+                  </Button>
                 </div>
               </td>
             </tr>
@@ -181,7 +263,7 @@ function Receivers({ receivers, kinds, onChanged }: { receivers: readonly Receiv
           receiver={open === 'new' ? null : open}
           kinds={kinds}
           onClose={() => setOpen(null)}
-          onSaved={(made) => {
+          onSaved={made => {
             setOpen(null)
             setSecret(made)
             if (!made) say('saved')
@@ -199,12 +281,19 @@ const Latest = ({ reports }: { reports: readonly Report[] }) => (
     {reports.length === 0 ? (
       <Empty>{t('notify.quiet')}</Empty>
     ) : (
-      <Table label={t('notify.latest')} heads={[t('notify.when'), t('notify.level'), t('notify.what')]}>
+      <Table
+        label={t('notify.latest')}
+        heads={[t('notify.when'), t('notify.level'), t('notify.what')]}
+      >
         {reports.map((one, at) => (
           <tr key={at}>
             <td data-label={t('notify.when')}>{moment(one.at)}</td>
-            <td data-label={t('notify.level')}><Badge tone={TONES[one.level]}>{t(`level.${one.level}`)}</Badge></td>
-            <td data-label={t('notify.what')}><bdi>{one.text}</bdi></td>
+            <td data-label={t('notify.level')}>
+              <Badge tone={TONES[one.level]}>{t(`level.${one.level}`)}</Badge>
+            </td>
+            <td data-label={t('notify.what')}>
+              <bdi>{one.text}</bdi>
+            </td>
           </tr>
         ))}
       </Table>
@@ -219,14 +308,24 @@ const KeptCard = ({ kept, now }: { kept: readonly Kept[]; now: number }) => (
       <Empty>{t('keeper.nothing')}</Empty>
     ) : (
       <Facts
-        rows={kept.map((one) => [
-          one.name || one.section,
-          [
-            t('keeper.state', { state: textOr(`kept.${one.state}`, one.state), for: duration(Math.max(0, now - one.since)) }),
-            one.restarts > 0 ? t('keeper.restarts', { n: one.restarts, when: moment(one.restarted) }) : '',
-            one.code && textOr(`why.${one.code}`, one.reason),
-          ].filter(Boolean).join(' · '),
-        ] as const)}
+        rows={kept.map(
+          one =>
+            [
+              one.name || one.section,
+              [
+                t('keeper.state', {
+                  state: textOr(`kept.${one.state}`, one.state),
+                  for: duration(Math.max(0, now - one.since)),
+                }),
+                one.restarts > 0
+                  ? t('keeper.restarts', { n: one.restarts, when: moment(one.restarted) })
+                  : '',
+                one.code && textOr(`why.${one.code}`, one.reason),
+              ]
+                .filter(Boolean)
+                .join(' · '),
+            ] as const,
+        )}
       />
     )}
   </Card>
@@ -235,7 +334,10 @@ const KeptCard = ({ kept, now }: { kept: readonly Kept[]; now: number }) => (
 export function NotifyPage() {
   const { value, failure, refresh } = usePoll(async () => {
     const [reports, receivers, kinds, kept] = await Promise.all([
-      data<Report[]>('notify/recent'), data<Receiver[]>('notify/list'), data<Kind[]>('notify/kinds'), data<Kept[]>('keeper/show'),
+      data<Report[]>('notify/recent'),
+      data<Receiver[]>('notify/list'),
+      data<Kind[]>('notify/kinds'),
+      data<Kept[]>('keeper/show'),
     ])
     markSeen(reports)
     return { reports, receivers, kinds, kept, now: Date.now() / 1000 }
@@ -253,10 +355,10 @@ export function NotifyPage() {
 
 const PLACE = 'ormel.seen' // the time of the newest report that has been looked at here
 export const unseen = (reports: readonly Report[], seen: number): number =>
-  reports.filter((one) => one.at > seen && one.level !== 'information').length
+  reports.filter(one => one.at > seen && one.level !== 'information').length
 const seenUntil = (): number => Number(localStorage.getItem(PLACE) ?? 0) || 0
 function markSeen(reports: readonly Report[]): void {
-  const newest = Math.max(0, ...reports.map((one) => one.at))
+  const newest = Math.max(0, ...reports.map(one => one.at))
   if (newest > seenUntil()) localStorage.setItem(PLACE, String(newest))
 }
 
@@ -266,7 +368,12 @@ export function Bell() {
   const fresh = unseen(value ?? [], seenUntil())
   const label: TextKey = fresh === 0 ? 'bell.none' : fresh === 1 ? 'bell.one' : 'bell.some'
   return (
-    <a class="button quiet bell" href="#/notify" aria-label={t(label, { n: fresh })} title={t(label, { n: fresh })}>
+    <a
+      class="button quiet bell"
+      href="#/notify"
+      aria-label={t(label, { n: fresh })}
+      title={t(label, { n: fresh })}
+    >
       <Icon name="bell" />
       {fresh > 0 && <span class="count">{fresh > 99 ? '99+' : fresh}</span>}
     </a>

@@ -3,8 +3,20 @@ import { useState } from 'preact/hooks'
 import { call, data } from '../api'
 import { ago, decodeName, duration, number, rate } from '../format'
 import {
-  CLIENTS, PROTOCOLS, SERVERS, WIREGUARD, handshakeAge, isLive, labelOf, liveCount, protocolOf,
-  type ClientProfile, type Connection, type Peer, type Profile, type ServerProfile,
+  CLIENTS,
+  PROTOCOLS,
+  SERVERS,
+  WIREGUARD,
+  handshakeAge,
+  isLive,
+  labelOf,
+  liveCount,
+  protocolOf,
+  type ClientProfile,
+  type Connection,
+  type Peer,
+  type Profile,
+  type ServerProfile,
 } from '../model'
 import { usePoll } from '../poll'
 import { readStates, serverState, stateKey, stateOfStatus, whyOf, type Reason } from '../reasons'
@@ -33,11 +45,23 @@ export interface Gateway {
 
 export const gatewayName = (gateway: Gateway | undefined, profiles: readonly Profile[]): string => {
   if (!gateway?.type) return t('gateway.own')
-  const found = profiles.find((one) => one.type === gateway.type && (one as ClientProfile).index === gateway.index)
+  const found = profiles.find(
+    one => one.type === gateway.type && (one as ClientProfile).index === gateway.index,
+  )
   return found ? clientName(found as ClientProfile) : `${labelOf(gateway.type)} ${gateway.index}`
 }
 
-const Tile = ({ label, value, note, to }: { label: string; value: string | number; note?: string; to: string }) => (
+const Tile = ({
+  label,
+  value,
+  note,
+  to,
+}: {
+  label: string
+  value: string | number
+  note?: string
+  to: string
+}) => (
   <a class="tile" href={`#/${to}`}>
     <span>{label}</span>
     <strong>{value}</strong>
@@ -46,7 +70,9 @@ const Tile = ({ label, value, note, to }: { label: string; value: string | numbe
 )
 
 const Because = ({ reason }: { reason: Reason | null | undefined }) =>
-  reason ? <small class="soft">{reason.code === 'port-taken' ? reason.text : whyOf(reason)}</small> : null
+  reason ? (
+    <small class="soft">{reason.code === 'port-taken' ? reason.text : whyOf(reason)}</small>
+  ) : null
 
 // The end of a card that shows the first lines only.
 const More = ({ hidden, to }: { hidden: number; to: string }) =>
@@ -73,29 +99,39 @@ export function OverviewPage() {
 
   const failure = live.failure ?? slow.failure
   if (!slow.value || !live.value)
-    return failure ? <Failure failure={failure} onRetry={() => (live.refresh(), slow.refresh())} /> : <Spinner />
+    return failure ? (
+      <Failure failure={failure} onRetry={() => (live.refresh(), slow.refresh())} />
+    ) : (
+      <Spinner />
+    )
 
   const { profiles, gateway, states } = slow.value
   const { connections, points } = live.value
-  const servers = PROTOCOLS.map((one) => profiles.find((profile) => profile.type === one.server)).filter(
-    (one): one is ServerProfile => Boolean(one),
-  )
-  const clients = profiles.filter((one) => (one.type & CLIENTS) !== 0) as ClientProfile[]
-  const peers = (profiles.find((one) => Array.isArray(one['peers']))?.['peers'] ?? []) as Peer[]
-  const serverTruth = (one: ServerProfile) => states.get(stateKey(one))?.state ?? (one.enable ? 'running' : 'off')
-  const lead = leading || (clients.length === 0 && servers.every((one) => !one.enable))
-  const clientTruth = (one: ClientProfile) => states.get(stateKey(one))?.state ?? stateOfStatus(one.status)
-  const on = servers.filter((one) => serverTruth(one) === 'running').length
-  const up = clients.filter((one) => clientTruth(one) === 'up').length
+  const servers = PROTOCOLS.map(one =>
+    profiles.find(profile => profile.type === one.server),
+  ).filter((one): one is ServerProfile => Boolean(one))
+  const clients = profiles.filter(one => (one.type & CLIENTS) !== 0) as ClientProfile[]
+  const peers = (profiles.find(one => Array.isArray(one['peers']))?.['peers'] ?? []) as Peer[]
+  const serverTruth = (one: ServerProfile) =>
+    states.get(stateKey(one))?.state ?? (one.enable ? 'running' : 'off')
+  const lead = leading || (clients.length === 0 && servers.every(one => !one.enable))
+  const clientTruth = (one: ClientProfile) =>
+    states.get(stateKey(one))?.state ?? stateOfStatus(one.status)
+  const on = servers.filter(one => serverTruth(one) === 'running').length
+  const up = clients.filter(one => clientTruth(one) === 'up').length
   const devices = peers.filter(isLive)
 
   return (
     <>
       <Failure failure={failure} />
-      {lead && <Roads open={leading} onOpen={(open) => (setLeading(open), slow.refresh())} />}
+      {lead && <Roads open={leading} onOpen={open => (setLeading(open), slow.refresh())} />}
       <div class="tiles">
         <Tile label={t('overview.serversOn')} value={`${on} / ${servers.length}`} to="servers" />
-        <Tile label={t('overview.online')} value={connections.length + devices.length} to="connections" />
+        <Tile
+          label={t('overview.online')}
+          value={connections.length + devices.length}
+          to="connections"
+        />
         <Tile label={t('overview.tunnels')} value={`${up} / ${clients.length}`} to="clients" />
         <Tile label={t('overview.gateway')} value={gatewayName(gateway, profiles)} to="gateway" />
       </div>
@@ -103,11 +139,15 @@ export function OverviewPage() {
       <div class="columns">
         <Card title={t('nav.servers')}>
           <ul class="rows">
-            {servers.map((one) => (
+            {servers.map(one => (
               <li key={one.type}>
                 <a href={`#/servers/${protocolOf(one.type)?.id ?? ''}`}>{labelOf(one.type)}</a>
-                <span class="soft">{t('overview.live', { n: liveCount(one.type, connections, peers) })}</span>
-                <Badge tone={serverState(serverTruth(one)).tone}>{t(serverState(serverTruth(one)).text)}</Badge>
+                <span class="soft">
+                  {t('overview.live', { n: liveCount(one.type, connections, peers) })}
+                </span>
+                <Badge tone={serverState(serverTruth(one)).tone}>
+                  {t(serverState(serverTruth(one)).text)}
+                </Badge>
                 <Because reason={states.get(stateKey(one))?.reason} />
               </li>
             ))}
@@ -116,21 +156,23 @@ export function OverviewPage() {
         <Card title={t('overview.clients')}>
           {clients.length === 0 && <Empty>{t('overview.noTunnels')}</Empty>}
           <ul class="rows">
-            {inOrder(clients, clientTruth).slice(0, MOST).map((one) => (
-              <li key={`${one.type}-${one.index}`}>
-                <bdi class="name">{clientName(one)}</bdi>
-                <span class="soft">{labelOf(one.type)}</span>
-                <StateBadge state={clientTruth(one)} />
-                <Because reason={states.get(stateKey(one))?.reason} />
-              </li>
-            ))}
+            {inOrder(clients, clientTruth)
+              .slice(0, MOST)
+              .map(one => (
+                <li key={`${one.type}-${one.index}`}>
+                  <bdi class="name">{clientName(one)}</bdi>
+                  <span class="soft">{labelOf(one.type)}</span>
+                  <StateBadge state={clientTruth(one)} />
+                  <Because reason={states.get(stateKey(one))?.reason} />
+                </li>
+              ))}
           </ul>
           <More hidden={clients.length - MOST} to="clients" />
         </Card>
         <Card title={t('overview.who')}>
           {connections.length + devices.length === 0 && <Empty>{t('connections.none')}</Empty>}
           <ul class="rows">
-            {connections.slice(0, MOST).map((one) => (
+            {connections.slice(0, MOST).map(one => (
               <li key={one.target}>
                 <UserLink name={one.name} />
                 <span class="soft">
@@ -139,11 +181,14 @@ export function OverviewPage() {
                 <span class="figure">{rate(one.rx_rate + one.tx_rate)}</span>
               </li>
             ))}
-            {devices.slice(0, Math.max(0, MOST - connections.length)).map((one) => (
+            {devices.slice(0, Math.max(0, MOST - connections.length)).map(one => (
               <li key={one.peer_pub_key}>
                 <bdi class="name">{decodeName(one.peer_name)}</bdi>
                 <span class="soft">
-                  {labelOf(WIREGUARD)} · {t('connections.handshake', { ago: ago(handshakeAge(one.latest_handshake) ?? 0) })}
+                  {labelOf(WIREGUARD)} ·{' '}
+                  {t('connections.handshake', {
+                    ago: ago(handshakeAge(one.latest_handshake) ?? 0),
+                  })}
                 </span>
               </li>
             ))}
@@ -153,7 +198,7 @@ export function OverviewPage() {
         <Card title={t('overview.events')}>
           {events.value?.data.length === 0 && <Empty>{t('logs.none')}</Empty>}
           <ul class="rows events">
-            {events.value?.data.map((one) => (
+            {events.value?.data.map(one => (
               <li key={one.id}>
                 <span class="soft">{eventTime(one)}</span>
                 <bdi>{eventWords(one)}</bdi>

@@ -9,7 +9,17 @@ import { List, usual, type ShownColumn, type ShownFilter } from '../list'
 import { handshakeAge, handshakeWords, isLive, type Peer, type ServerProfile } from '../model'
 import { usePoll } from '../poll'
 import { QrCode } from '../qr'
-import { address, all, atMost, endpoint, freeAddress, key, optional, range, required } from '../rules'
+import {
+  address,
+  all,
+  atMost,
+  endpoint,
+  freeAddress,
+  key,
+  optional,
+  range,
+  required,
+} from '../rules'
 import { t } from '../texts'
 import { Badge, Button, Card, Dialog, Failure, Notice, Switch, confirm, say, useJob } from '../ui'
 import { deviceConfig, fileName } from '../wireguard'
@@ -20,34 +30,68 @@ const OWN_KEY = (values: Values) => values['own_key'] === true
 const rowsFor = (isNew: boolean): readonly FieldRow[] => [
   { name: 'peer_name', label: 'name', rule: all(required, atMost(600)) },
   { name: 'address', label: 'peer.address', rule: address },
-  { name: 'own_key', label: 'peer.ownKey', kind: 'switch', when: () => isNew, help: 'peer.ownKeyHelp' },
-  { name: 'peer_pub_key', label: 'peer.publicKey', kind: 'key', rule: key, when: (values) => !isNew || OWN_KEY(values) },
   {
-    name: 'keepalive', label: 'peer.keepalive', kind: 'number', rule: range(0, 65535), limits: [0, 65535],
-    help: 'peer.keepaliveHelp', more: true,
+    name: 'own_key',
+    label: 'peer.ownKey',
+    kind: 'switch',
+    when: () => isNew,
+    help: 'peer.ownKeyHelp',
+  },
+  {
+    name: 'peer_pub_key',
+    label: 'peer.publicKey',
+    kind: 'key',
+    rule: key,
+    when: values => !isNew || OWN_KEY(values),
+  },
+  {
+    name: 'keepalive',
+    label: 'peer.keepalive',
+    kind: 'number',
+    rule: range(0, 65535),
+    limits: [0, 65535],
+    help: 'peer.keepaliveHelp',
+    more: true,
   },
   { name: 'expires', label: 'peer.expires', kind: 'date', help: 'peer.expiresHelp', more: true },
-  { name: 'peer_endpoint', label: 'peer.endpoint', rule: optional(endpoint), help: 'peer.endpointHelp', more: true },
-  { name: 'psk', label: 'peer.psk', kind: 'secret', rule: optional(key), help: 'peer.pskHelp', more: true },
+  {
+    name: 'peer_endpoint',
+    label: 'peer.endpoint',
+    rule: optional(endpoint),
+    help: 'peer.endpointHelp',
+    more: true,
+  },
+  {
+    name: 'psk',
+    label: 'peer.psk',
+    kind: 'secret',
+    rule: optional(key),
+    help: 'peer.pskHelp',
+    more: true,
+  },
 ]
 
 // From when on a device is kept out: by its public key, in seconds since 1970.
 export type Limits = ReadonlyMap<string, number>
 const readLimits = async (): Promise<Limits> => {
   const rows = await data<{ who: string; since: number }[]>('peer/limits').catch(() => [])
-  return new Map(rows.map((row) => [row.who, row.since]))
+  return new Map(rows.map(row => [row.who, row.since]))
 }
 // The first second of a day of the form "2026-11-26" in the clock of the reader, 0 for no day; and back.
-export const dayStart = (day: string): number => (day ? new Date(`${day}T00:00:00`).getTime() / 1000 : 0)
+export const dayStart = (day: string): number =>
+  day ? new Date(`${day}T00:00:00`).getTime() / 1000 : 0
 export function dayAt(seconds: number): string {
   const when = new Date(seconds * 1000)
   const two = (value: number) => String(value).padStart(2, '0')
-  return seconds > 0 ? `${when.getFullYear()}-${two(when.getMonth() + 1)}-${two(when.getDate())}` : ''
+  return seconds > 0
+    ? `${when.getFullYear()}-${two(when.getMonth() + 1)}-${two(when.getDate())}`
+    : ''
 }
 const seconds = (): number => Math.floor(Date.now() / 1000)
 
 // 32 bytes by chance, which is all that a pre-shared key is.
-export const newSecret = (): string => btoa(String.fromCharCode(...crypto.getRandomValues(new Uint8Array(32))))
+export const newSecret = (): string =>
+  btoa(String.fromCharCode(...crypto.getRandomValues(new Uint8Array(32))))
 
 export interface Device {
   name: string
@@ -57,19 +101,36 @@ export interface Device {
   keepalive: number
 }
 
-export function DeviceDialog({ device, profile, onClose }: { device: Device; profile: ServerProfile; onClose: () => void }) {
+export function DeviceDialog({
+  device,
+  profile,
+  onClose,
+}: {
+  device: Device
+  profile: ServerProfile
+  onClose: () => void
+}) {
   const host = publicAddress.value
   const [everything, setEverything] = useState(true)
   const text = deviceConfig({
     ...device,
     serverKey: String(profile['server_pub_key']),
     endpoint: `${host}:${String(profile['port'])}`,
-    allowed: everything ? '0.0.0.0/0' : `${String(profile['server_ip'])}/${String(profile['server_mask'])}`,
+    allowed: everything
+      ? '0.0.0.0/0'
+      : `${String(profile['server_ip'])}/${String(profile['server_mask'])}`,
     dns: profile['enable_dns'] ? String(profile['manual_dns']) : '',
   })
   const [kept, setKept] = useState(!device.privateKey)
   const close = async () => {
-    const yes = kept || (await confirm({ title: t('peer.unkept'), text: t('peer.unkeptText'), action: t('peer.close'), danger: true }))
+    const yes =
+      kept ||
+      (await confirm({
+        title: t('peer.unkept'),
+        text: t('peer.unkeptText'),
+        action: t('peer.close'),
+        danger: true,
+      }))
     if (yes) onClose()
   }
   const copy = async () => {
@@ -114,14 +175,28 @@ export async function addDevice(fields: Record<string, string>, ownKey = false):
   const keys = ownKey ? null : await data<{ pri_key: string; pub_key: string }>('peer/keys')
   if (keys) values['peer_pub_key'] = keys.pub_key
   const name = values['peer_name'] ?? ''
-  const peers = await data<Peer[]>('peer/add', { ...values, peer_name: encodeURIComponent(name), peer_allow_ip: `${inside}/32` })
-  const index = peers.find((one) => one.peer_pub_key === values['peer_pub_key'])?.index
+  const peers = await data<Peer[]>('peer/add', {
+    ...values,
+    peer_name: encodeURIComponent(name),
+    peer_allow_ip: `${inside}/32`,
+  })
+  const index = peers.find(one => one.peer_pub_key === values['peer_pub_key'])?.index
   if (expires) await call('peer/limit', { index, since: dayStart(expires) })
   say('peer.added')
-  return { name, address: inside, privateKey: keys?.pri_key ?? '', psk: values['psk'] ?? '', keepalive: Number(values['keepalive']) }
+  return {
+    name,
+    address: inside,
+    privateKey: keys?.pri_key ?? '',
+    psk: values['psk'] ?? '',
+    keepalive: Number(values['keepalive']),
+  }
 }
 export const nextAddress = (profile: ServerProfile, peers: readonly Peer[]): string =>
-  freeAddress(String(profile['server_ip']), Number(profile['server_mask']), peers.map((one) => one.peer_allow_ip))
+  freeAddress(
+    String(profile['server_ip']),
+    Number(profile['server_mask']),
+    peers.map(one => one.peer_allow_ip),
+  )
 
 type PeerDialogProps = {
   profile: ServerProfile
@@ -137,9 +212,7 @@ function PeerDialog({ profile, peers, peer, since, onClose, onDone }: PeerDialog
   const job = useJob()
   const form = useForm(rows, {
     peer_name: peer ? decodeName(peer.peer_name) : '',
-    address: peer
-      ? (peer.peer_allow_ip.split('/')[0] ?? '')
-      : nextAddress(profile, peers),
+    address: peer ? (peer.peer_allow_ip.split('/')[0] ?? '') : nextAddress(profile, peers),
     own_key: false,
     expires,
     peer_pub_key: peer?.peer_pub_key ?? '',
@@ -169,7 +242,7 @@ function PeerDialog({ profile, peers, peer, since, onClose, onDone }: PeerDialog
 
   return (
     <Dialog title={t(peer ? 'peer.edit' : 'peer.add')} onClose={onClose}>
-      <form onSubmit={(event) => void save(event)} noValidate>
+      <form onSubmit={event => void save(event)} noValidate>
         <Fields rows={rows} form={form} />
         <Failure failure={job.failure} />
         <footer class="row end">
@@ -204,29 +277,63 @@ const rowOf = (peer: Peer, limits: Limits): Row => ({
 const addressOf = (peer: Peer): string => peer.peer_allow_ip.replace('/32', '')
 const USUAL = usual('name', false, 50)
 const filters = (): readonly ShownFilter<Row>[] => [
-  { name: 'on', label: t('state.on'), keeps: (row) => row.live },
-  { name: 'off', label: t('state.off'), keeps: (row) => !row.live && row.age < Infinity },
-  { name: 'disabled', label: t('peer.disabled'), keeps: (row) => row.disabled },
-  { name: 'never', label: t('peer.never'), keeps: (row) => row.age === Infinity },
+  { name: 'on', label: t('state.on'), keeps: row => row.live },
+  { name: 'off', label: t('state.off'), keeps: row => !row.live && row.age < Infinity },
+  { name: 'disabled', label: t('peer.disabled'), keeps: row => row.disabled },
+  { name: 'never', label: t('peer.never'), keeps: row => row.age === Infinity },
 ]
 const columnsFor = (actions: (row: Row) => ComponentChildren): readonly ShownColumn<Row>[] => [
-  { name: 'name', label: t('name'), sort: (row) => row.name, cell: (row) => <bdi class="name">{row.name}</bdi> },
-  { name: 'address', label: t('peer.address'), sort: (row) => addressOf(row.peer), cell: (row) => addressOf(row.peer) },
   {
-    name: 'state', label: t('peer.state'), sort: (row) => (row.disabled ? 2 : row.live ? 0 : 1),
-    cell: (row) => (
+    name: 'name',
+    label: t('name'),
+    sort: row => row.name,
+    cell: row => <bdi class="name">{row.name}</bdi>,
+  },
+  {
+    name: 'address',
+    label: t('peer.address'),
+    sort: row => addressOf(row.peer),
+    cell: row => addressOf(row.peer),
+  },
+  {
+    name: 'state',
+    label: t('peer.state'),
+    sort: row => (row.disabled ? 2 : row.live ? 0 : 1),
+    cell: row => (
       <>
-        <Badge tone={row.disabled ? 'warn' : row.live ? 'good' : 'off'}>{t(row.disabled ? 'peer.disabled' : row.live ? 'state.on' : 'state.off')}</Badge>
-        {row.since > 0 && !row.disabled && <span class="soft block">{t('peer.expiresOn', { date: date(new Date(row.since * 1000)) })}</span>}
+        <Badge tone={row.disabled ? 'warn' : row.live ? 'good' : 'off'}>
+          {t(row.disabled ? 'peer.disabled' : row.live ? 'state.on' : 'state.off')}
+        </Badge>
+        {row.since > 0 && !row.disabled && (
+          <span class="soft block">
+            {t('peer.expiresOn', { date: date(new Date(row.since * 1000)) })}
+          </span>
+        )}
       </>
     ),
   },
-  { name: 'seen', label: t('peer.handshake'), sort: (row) => row.age, cell: (row) => handshakeWords(row.peer.latest_handshake) || '–' },
   {
-    name: 'total', label: t('connections.total'), figure: true, sort: (row) => row.total,
-    cell: (row) => (row.peer.rx_total ? `${bytes(bytesOf(row.peer.rx_total))} / ${bytes(bytesOf(row.peer.tx_total))}` : '–'),
+    name: 'seen',
+    label: t('peer.handshake'),
+    sort: row => row.age,
+    cell: row => handshakeWords(row.peer.latest_handshake) || '–',
   },
-  { name: 'actions', label: '', head: () => <span class="unseen">{t('actions')}</span>, cell: actions },
+  {
+    name: 'total',
+    label: t('connections.total'),
+    figure: true,
+    sort: row => row.total,
+    cell: row =>
+      row.peer.rx_total
+        ? `${bytes(bytesOf(row.peer.rx_total))} / ${bytes(bytesOf(row.peer.tx_total))}`
+        : '–',
+  },
+  {
+    name: 'actions',
+    label: '',
+    head: () => <span class="unseen">{t('actions')}</span>,
+    cell: actions,
+  },
 ]
 
 export function Peers({ profile, onChanged }: { profile: ServerProfile; onChanged: () => void }) {
@@ -249,7 +356,12 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
   // The private key is nowhere but on the device, so another one has to take its place.
   const renew = async (peer: Peer) => {
     const name = decodeName(peer.peer_name)
-    const yes = await confirm({ title: t('peer.renew', { name }), text: t('peer.renewText'), action: t('peer.renewNow'), danger: true })
+    const yes = await confirm({
+      title: t('peer.renew', { name }),
+      text: t('peer.renewText'),
+      action: t('peer.renewNow'),
+      danger: true,
+    })
     if (!yes) return
     await job.run(`renew ${peer.index}`, async () => {
       const keys = await data<{ pri_key: string; pub_key: string }>('peer/keys')
@@ -275,7 +387,12 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
 
   const remove = async (peer: Peer) => {
     const name = decodeName(peer.peer_name)
-    const yes = await confirm({ title: t('peer.remove', { name }), text: t('peer.removeText'), action: t('remove'), danger: true })
+    const yes = await confirm({
+      title: t('peer.remove', { name }),
+      text: t('peer.removeText'),
+      action: t('remove'),
+      danger: true,
+    })
     if (!yes) return
     await job.run('remove', async () => {
       await call('peer/remove', { index: peer.index })
@@ -284,7 +401,7 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
     })
   }
 
-  const rows = peers.map((peer) => rowOf(peer, limits))
+  const rows = peers.map(peer => rowOf(peer, limits))
   const actions = ({ peer, name, disabled }: Row) => (
     <span class="row end">
       <Button label={t('edit.name', { name })} onClick={() => setEdited({ peer })}>
@@ -305,7 +422,11 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
       >
         {t(disabled ? 'peer.enable' : 'peer.disable')}
       </Button>
-      <Button label={t('remove.name', { name })} busy={job.busy === 'remove'} onClick={() => void remove(peer)}>
+      <Button
+        label={t('remove.name', { name })}
+        busy={job.busy === 'remove'}
+        onClick={() => void remove(peer)}
+      >
         {t('remove')}
       </Button>
     </span>
@@ -315,7 +436,12 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
     <Card
       title={t('peer.title')}
       side={
-        <Button kind="primary" icon="plus" disabled={!usable} onClick={() => setEdited({ peer: null })}>
+        <Button
+          kind="primary"
+          icon="plus"
+          disabled={!usable}
+          onClick={() => setEdited({ peer: null })}
+        >
           {t('peer.add')}
         </Button>
       }
@@ -325,8 +451,8 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
       <List
         label={t('peer.title')}
         rows={rows}
-        textOf={(row) => `${row.name} ${addressOf(row.peer)} ${row.peer.peer_pub_key}`}
-        keyOf={(row) => row.peer.index}
+        textOf={row => `${row.name} ${addressOf(row.peer)} ${row.peer.peer_pub_key}`}
+        keyOf={row => row.peer.index}
         columns={columnsFor(actions)}
         filters={filters()}
         usually={USUAL}
@@ -339,7 +465,7 @@ export function Peers({ profile, onChanged }: { profile: ServerProfile; onChange
           peer={edited.peer}
           since={limits.get(edited.peer?.peer_pub_key ?? '') ?? 0}
           onClose={() => setEdited(null)}
-          onDone={(made) => {
+          onDone={made => {
             setEdited(null)
             setDevice(made)
             poll.refresh()

@@ -9,7 +9,19 @@ import { PROTOCOLS, type Connection } from '../model'
 import { usePoll } from '../poll'
 import { choose, query } from '../router'
 import { t } from '../texts'
-import { Button, Card, Empty, Failure, SaveRow, Spinner, Tabs, confirm, say, useJob, useTouched } from '../ui'
+import {
+  Button,
+  Card,
+  Empty,
+  Failure,
+  SaveRow,
+  Spinner,
+  Tabs,
+  confirm,
+  say,
+  useJob,
+  useTouched,
+} from '../ui'
 import { UserLink } from './user'
 
 const PAUSE = 10_000
@@ -18,7 +30,7 @@ const EVERYBODY = 100_000 // entries, more than there are
 const MOST = 5_000 // names that are asked for at once; of more users than that a search asks the appliance
 
 // A peer of WireGuard needs no right.
-const GRANTED = PROTOCOLS.filter((one) => one.right)
+const GRANTED = PROTOCOLS.filter(one => one.right)
 
 type Source = 'local' | 'remote'
 export type Masks = Record<string, number>
@@ -32,8 +44,11 @@ export async function saveRights(masks: ReadonlyMap<string, number>): Promise<vo
 }
 
 // Whom taking rights away throws out at once.
-export const thrownOut = (changes: ReadonlyMap<string, number>, connections: readonly Connection[]): number =>
-  connections.filter((one) => {
+export const thrownOut = (
+  changes: ReadonlyMap<string, number>,
+  connections: readonly Connection[],
+): number =>
+  connections.filter(one => {
     const mask = changes.get(one.name)
     return mask !== undefined && (mask & one.type) === 0
   }).length
@@ -46,34 +61,51 @@ interface Row {
 const USUAL = usual('user')
 const SERVERS = GRANTED.reduce((mask, one) => mask | one.server, 0)
 const filters = (): readonly ShownFilter<Row>[] => [
-  { name: 'some', label: t('rights.some'), keeps: (row) => (row.mask & SERVERS) !== 0 },
-  { name: 'no', label: t('rights.without'), keeps: (row) => (row.mask & SERVERS) === 0 },
-  ...GRANTED.map((one) => ({ name: one.id, label: one.label, keeps: (row: Row) => (row.mask & one.server) !== 0 })),
+  { name: 'some', label: t('rights.some'), keeps: row => (row.mask & SERVERS) !== 0 },
+  { name: 'no', label: t('rights.without'), keeps: row => (row.mask & SERVERS) === 0 },
+  ...GRANTED.map(one => ({
+    name: one.id,
+    label: one.label,
+    keeps: (row: Row) => (row.mask & one.server) !== 0,
+  })),
 ]
 type Setter = (users: readonly string[], bit: number, on: boolean) => void
 const columnsFor = (set: Setter): readonly ShownColumn<Row>[] => [
-  { name: 'user', label: t('logs.user'), rowHead: true, sort: (row) => row.user, cell: (row) => <UserLink name={row.user} /> },
+  {
+    name: 'user',
+    label: t('logs.user'),
+    rowHead: true,
+    sort: row => row.user,
+    cell: row => <UserLink name={row.user} />,
+  },
   ...GRANTED.map(
     (one): ShownColumn<Row> => ({
-      name: one.id, label: one.label,
-      head: (rows) => (
+      name: one.id,
+      label: one.label,
+      head: rows => (
         <label class="head">
           <input
             type="checkbox"
             aria-label={t('rights.all', { server: one.label })}
-            checked={rows.length > 0 && rows.every((row) => (row.mask & one.server) !== 0)}
-            onChange={(event) => set(rows.map((row) => row.user), one.server, event.currentTarget.checked)}
+            checked={rows.length > 0 && rows.every(row => (row.mask & one.server) !== 0)}
+            onChange={event =>
+              set(
+                rows.map(row => row.user),
+                one.server,
+                event.currentTarget.checked,
+              )
+            }
           />{' '}
           {one.label}
         </label>
       ),
-      cell: (row) => (
+      cell: row => (
         <label class="head">
           <input
             type="checkbox"
             aria-label={t('rights.may', { user: row.user, server: one.label })}
             checked={(row.mask & one.server) !== 0}
-            onChange={(event) => set([row.user], one.server, event.currentTarget.checked)}
+            onChange={event => set([row.user], one.server, event.currentTarget.checked)}
           />
           <span class="cell-label">{one.label}</span>
         </label>
@@ -98,7 +130,10 @@ function Grid() {
     RARE,
     [source, asks],
   )
-  const masks = usePoll(() => data<Masks | null>('privilege/get', { lower: 0, upper: EVERYBODY }), PAUSE)
+  const masks = usePoll(
+    () => data<Masks | null>('privilege/get', { lower: 0, upper: EVERYBODY }),
+    PAUSE,
+  )
   // What is still shown is of another question than the one that was asked last.
   const value = names.value?.source === source ? names.value : undefined
   useEffect(() => {
@@ -106,7 +141,9 @@ function Grid() {
   }, [search, value?.total])
   const stored = (user: string): number => masks.value?.[user] ?? 0
   const maskOf = (user: string): number => changes.get(user) ?? stored(user)
-  const rows = (value?.users ?? []).map((user): Row => ({ user, mask: maskOf(user), changed: changes.has(user) }))
+  const rows = (value?.users ?? []).map(
+    (user): Row => ({ user, mask: maskOf(user), changed: changes.has(user) }),
+  )
 
   const put = (wanted: readonly (readonly [user: string, mask: number])[]) => {
     const next = new Map(changes)
@@ -116,13 +153,19 @@ function Grid() {
     }
     setChanges(next)
   }
-  const set: Setter = (users, bit, on) => put(users.map((user) => [user, on ? maskOf(user) | bit : maskOf(user) & ~bit] as const))
+  const set: Setter = (users, bit, on) =>
+    put(users.map(user => [user, on ? maskOf(user) | bit : maskOf(user) & ~bit] as const))
   const save = () =>
     job.run('save', async () => {
       const gone = thrownOut(changes, await data<Connection[]>('connection/list'))
       const yes =
         gone === 0 ||
-        (await confirm({ title: t('rights.cut'), text: count(gone, 'rights.cutOne', 'rights.cutMany'), action: t('save'), danger: true }))
+        (await confirm({
+          title: t('rights.cut'),
+          text: count(gone, 'rights.cutOne', 'rights.cutMany'),
+          action: t('save'),
+          danger: true,
+        }))
       if (!yes) return
       await saveRights(changes)
       setChanges(new Map())
@@ -133,7 +176,10 @@ function Grid() {
   return (
     <Card title={t('rights.title')}>
       <p>{t('rights.help')}</p>
-      <Failure failure={names.failure ?? masks.failure} onRetry={() => (names.refresh(), masks.refresh())} />
+      <Failure
+        failure={names.failure ?? masks.failure}
+        onRetry={() => (names.refresh(), masks.refresh())}
+      />
       <Tabs
         label={t('rights.source')}
         names={[
@@ -141,29 +187,36 @@ function Grid() {
           ['remote', t('rights.remote')],
         ]}
         current={source}
-        onPick={(next) => (setSource(next), setAsks(''), choose({ page: '' }))}
+        onPick={next => (setSource(next), setAsks(''), choose({ page: '' }))}
       />
       {(!value || !masks.value) && !names.failure && <Spinner />}
       {value && masks.value && (
         <List
           label={t('nav.rights')}
           rows={rows}
-          textOf={(row) => row.user}
-          keyOf={(row) => row.user}
+          textOf={row => row.user}
+          keyOf={row => row.user}
           columns={columnsFor(set)}
           filters={filters()}
           usually={USUAL}
-          marked={(row) => row.changed}
+          marked={row => row.changed}
           empty={t(source === 'remote' ? 'rights.noDirectory' : 'rights.none')}
         />
       )}
       <Failure failure={job.failure} />
       <div class={changes.size > 0 ? 'row end afloat' : 'row end'}>
-        {changes.size > 0 && <span class="soft">{count(changes.size, 'rights.changedOne', 'rights.changed')}</span>}
+        {changes.size > 0 && (
+          <span class="soft">{count(changes.size, 'rights.changedOne', 'rights.changed')}</span>
+        )}
         <Button disabled={changes.size === 0} onClick={() => setChanges(new Map())}>
           {t('rights.undo')}
         </Button>
-        <Button kind="primary" disabled={changes.size === 0} busy={job.busy === 'save'} onClick={() => void save()}>
+        <Button
+          kind="primary"
+          disabled={changes.size === 0}
+          busy={job.busy === 'save'}
+          onClick={() => void save()}
+        >
           {t('save')}
         </Button>
       </div>
@@ -180,20 +233,38 @@ export interface Blocks {
 
 const POLICY: readonly FieldRow[] = [
   { name: 'enable', label: 'block.enable', kind: 'switch', wide: true },
-  { name: 'limit', label: 'block.limit', choices: Array.from({ length: 9 }, (_, at) => [String(at + 2), String(at + 2)] as const) },
   {
-    name: 'time', label: 'block.time',
-    choices: () => [['30', t('block.half')], ['60', t('block.hour')], ['720', t('block.twelve')], ['1440', t('block.day')]],
+    name: 'limit',
+    label: 'block.limit',
+    choices: Array.from({ length: 9 }, (_, at) => [String(at + 2), String(at + 2)] as const),
+  },
+  {
+    name: 'time',
+    label: 'block.time',
+    choices: () => [
+      ['30', t('block.half')],
+      ['60', t('block.hour')],
+      ['720', t('block.twelve')],
+      ['1440', t('block.day')],
+    ],
   },
 ]
 
 function Policy({ blocks, onSaved }: { blocks: Blocks; onSaved: () => void }) {
-  const form = useForm(POLICY, { enable: blocks.enable, limit: String(blocks.limit), time: String(blocks.time) }, true)
+  const form = useForm(
+    POLICY,
+    { enable: blocks.enable, limit: String(blocks.limit), time: String(blocks.time) },
+    true,
+  )
   const job = useJob()
   const save = async (event: Event) => {
     event.preventDefault()
     const locked = blocks.user.length
-    if (locked > 0 && !(await confirm({ title: t('block.policy'), text: t('block.lifts'), action: t('save') }))) return
+    if (
+      locked > 0 &&
+      !(await confirm({ title: t('block.policy'), text: t('block.lifts'), action: t('save') }))
+    )
+      return
     await job.run('save', async () => {
       await call('privilege/block', sent(POLICY, form.values))
       form.settle()
@@ -202,7 +273,7 @@ function Policy({ blocks, onSaved }: { blocks: Blocks; onSaved: () => void }) {
     })
   }
   return (
-    <form onSubmit={(event) => void save(event)}>
+    <form onSubmit={event => void save(event)}>
       <Fields rows={POLICY} form={form} />
       <p class="help">{t('block.lifts')}</p>
       <SaveRow job={job} />
@@ -219,17 +290,26 @@ function Blocked() {
       say('block.lifted')
       blocks.refresh()
     })
-  if (!blocks.value) return blocks.failure ? <Failure failure={blocks.failure} onRetry={blocks.refresh} /> : <Spinner />
+  if (!blocks.value)
+    return blocks.failure ? (
+      <Failure failure={blocks.failure} onRetry={blocks.refresh} />
+    ) : (
+      <Spinner />
+    )
   return (
     <div class="columns">
       <Card title={t('block.title')}>
         <Failure failure={job.failure ?? blocks.failure} />
         {blocks.value.user.length === 0 && <Empty>{t('block.none')}</Empty>}
         <ul class="rows">
-          {blocks.value.user.map((user) => (
+          {blocks.value.user.map(user => (
             <li key={user}>
               <bdi class="name">{user}</bdi>
-              <Button busy={job.busy === user} label={t('block.liftName', { user })} onClick={() => void lift(user)}>
+              <Button
+                busy={job.busy === user}
+                label={t('block.liftName', { user })}
+                onClick={() => void lift(user)}
+              >
                 {t('block.lift')}
               </Button>
             </li>

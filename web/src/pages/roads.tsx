@@ -16,7 +16,9 @@ const MOST = 200 // users to choose from here; more are under Rights
 // The server of that type, on: with the settings that are stored, and a key where it lacks one.
 async function switchOn(type: number): Promise<ServerProfile> {
   const stored = async () => {
-    const found = (await data<Profile[] | null>('config/show', { type }))?.find((one) => one.type === type)
+    const found = (await data<Profile[] | null>('config/show', { type }))?.find(
+      one => one.type === type,
+    )
     return found as ServerProfile
   }
   const server = await stored()
@@ -34,10 +36,18 @@ async function switchOn(type: number): Promise<ServerProfile> {
 function Choice({ busy, onPick }: { busy: string; onPick: (type: number) => void }) {
   return (
     <div class="choices">
-      {([WIREGUARD, OPENVPN] as const).map((type) => (
-        <button key={type} type="button" class="choice" data-first={type === WIREGUARD} disabled={busy !== ''} onClick={() => onPick(type)}>
+      {([WIREGUARD, OPENVPN] as const).map(type => (
+        <button
+          key={type}
+          type="button"
+          class="choice"
+          data-first={type === WIREGUARD}
+          disabled={busy !== ''}
+          onClick={() => onPick(type)}
+        >
           <strong>
-            {t(type === WIREGUARD ? 'road.phones' : 'road.accounts')} {busy === String(type) && <Spinner label={t('server.working')} />}
+            {t(type === WIREGUARD ? 'road.phones' : 'road.accounts')}{' '}
+            {busy === String(type) && <Spinner label={t('server.working')} />}
           </strong>
           <span>{t(type === WIREGUARD ? 'road.phonesHelp' : 'road.accountsHelp')}</span>
         </button>
@@ -46,7 +56,13 @@ function Choice({ busy, onPick }: { busy: string; onPick: (type: number) => void
   )
 }
 
-function FirstDevice({ profile, onMade }: { profile: ServerProfile; onMade: (device: Device) => void }) {
+function FirstDevice({
+  profile,
+  onMade,
+}: {
+  profile: ServerProfile
+  onMade: (device: Device) => void
+}) {
   const [name, setName] = useState('')
   const job = useJob()
   const add = (event: Event) => {
@@ -54,14 +70,23 @@ function FirstDevice({ profile, onMade }: { profile: ServerProfile; onMade: (dev
     if (name.trim() === '') return
     void job.run('add', async () => {
       const address = nextAddress(profile, (profile['peers'] ?? []) as Peer[])
-      onMade(await addDevice({ peer_name: name.trim(), address, keepalive: '25', psk: newSecret() }))
+      onMade(
+        await addDevice({ peer_name: name.trim(), address, keepalive: '25', psk: newSecret() }),
+      )
     })
   }
   return (
     <form onSubmit={add}>
       <Notice tone="good">{t('road.isOn', { server: labelOf(profile.type) })}</Notice>
       <Field label={t('road.device')} help={t('road.deviceHelp')}>
-        {(ids) => <input {...ids} data-first value={name} onInput={(event) => setName(event.currentTarget.value)} />}
+        {ids => (
+          <input
+            {...ids}
+            data-first
+            value={name}
+            onInput={event => setName(event.currentTarget.value)}
+          />
+        )}
       </Field>
       <PublicAddress />
       <Failure failure={job.failure} />
@@ -85,7 +110,7 @@ function FirstUsers({ users, onDone }: { users: readonly string[]; onDone: () =>
   const handOver = () =>
     job.run('hand', async () => {
       const masks = (await data<Masks | null>('privilege/get', { lower: 0, upper: 100_000 })) ?? {}
-      await saveRights(new Map([...picked].map((user) => [user, (masks[user] ?? 0) | OPENVPN])))
+      await saveRights(new Map([...picked].map(user => [user, (masks[user] ?? 0) | OPENVPN])))
       await saveProfile((await download('config/download', 'client.ovpn')).content)
       onDone()
     })
@@ -95,9 +120,10 @@ function FirstUsers({ users, onDone }: { users: readonly string[]; onDone: () =>
       <fieldset>
         <legend>{t('road.who')}</legend>
         <div class="picks">
-          {users.map((user) => (
+          {users.map(user => (
             <label key={user} class="head">
-              <input type="checkbox" checked={picked.has(user)} onChange={() => toggle(user)} /> <bdi>{user}</bdi>
+              <input type="checkbox" checked={picked.has(user)} onChange={() => toggle(user)} />{' '}
+              <bdi>{user}</bdi>
             </label>
           ))}
         </div>
@@ -105,7 +131,12 @@ function FirstUsers({ users, onDone }: { users: readonly string[]; onDone: () =>
       <PublicAddress />
       <Failure failure={job.failure} />
       <div class="row end">
-        <Button kind="primary" disabled={picked.size === 0} busy={job.busy === 'hand'} onClick={() => void handOver()}>
+        <Button
+          kind="primary"
+          disabled={picked.size === 0}
+          busy={job.busy === 'hand'}
+          onClick={() => void handOver()}
+        >
           {t('road.handOver')}
         </Button>
       </div>
@@ -127,15 +158,26 @@ function LetIn({ onClose }: { onClose: () => void }) {
     void job.run(String(type), async () => {
       const profile = await switchOn(type)
       if (type === WIREGUARD) return setStep({ at: 'device', profile })
-      setStep({ at: 'users', users: (await data<string[] | null>('user/query', { lower: 0, upper: MOST - 1 })) ?? [] })
+      setStep({
+        at: 'users',
+        users: (await data<string[] | null>('user/query', { lower: 0, upper: MOST - 1 })) ?? [],
+      })
     })
-  if (step.at === 'made') return <DeviceDialog device={step.device} profile={step.profile} onClose={onClose} />
+  if (step.at === 'made')
+    return <DeviceDialog device={step.device} profile={step.profile} onClose={onClose} />
   return (
     <Dialog title={t('road.letIn')} onClose={onClose}>
       <div class="form">
         {step.at === 'choice' && <Choice busy={job.busy} onPick={pick} />}
-        {step.at === 'device' && <FirstDevice profile={step.profile} onMade={(device) => setStep({ at: 'made', profile: step.profile, device })} />}
-        {step.at === 'users' && <FirstUsers users={step.users} onDone={() => setStep({ at: 'handed' })} />}
+        {step.at === 'device' && (
+          <FirstDevice
+            profile={step.profile}
+            onMade={device => setStep({ at: 'made', profile: step.profile, device })}
+          />
+        )}
+        {step.at === 'users' && (
+          <FirstUsers users={step.users} onDone={() => setStep({ at: 'handed' })} />
+        )}
         {step.at === 'handed' && (
           <>
             <Notice tone="good">{t('road.handed')}</Notice>

@@ -5,7 +5,22 @@ import { bytes, dayOf, logMoment } from '../format'
 import { usePoll } from '../poll'
 import { address } from '../rules'
 import { t, type TextKey } from '../texts'
-import { Badge, Button, Card, Empty, Facts, Failure, Field, Notice, Spinner, Table, confirm, say, useJob, type Tone } from '../ui'
+import {
+  Badge,
+  Button,
+  Card,
+  Empty,
+  Facts,
+  Failure,
+  Field,
+  Notice,
+  Spinner,
+  Table,
+  confirm,
+  say,
+  useJob,
+  type Tone,
+} from '../ui'
 
 const PAUSE = 5_000
 const RARE = 60_000
@@ -33,13 +48,39 @@ interface Status {
   region_type: string
   vpn_status: number
   hub: { name: string; public_ip: string; topology_status: number } | null
-  supernode: { enable: boolean; remaining_usage: number; total_usage: number; public_ip: string } | null
-  orchestrator: { connection_status: number; organization: string; region: string; is_mqtt_timeout: boolean }
-  local: { virtual_ip: string; device_name: string; network_interface: string; serial_number: number; is_ipsec_timeout: boolean }
+  supernode: {
+    enable: boolean
+    remaining_usage: number
+    total_usage: number
+    public_ip: string
+  } | null
+  orchestrator: {
+    connection_status: number
+    organization: string
+    region: string
+    is_mqtt_timeout: boolean
+  }
+  local: {
+    virtual_ip: string
+    device_name: string
+    network_interface: string
+    serial_number: number
+    is_ipsec_timeout: boolean
+  }
 }
 
 type StepState = 'done' | 'now' | 'later'
-const Step = ({ at, title, state, children }: { at: number; title: string; state: StepState; children?: preact.ComponentChildren }) => (
+const Step = ({
+  at,
+  title,
+  state,
+  children,
+}: {
+  at: number
+  title: string
+  state: StepState
+  children?: preact.ComponentChildren
+}) => (
   <li class={`step ${state}`} aria-current={state === 'now' ? 'step' : undefined}>
     <span class="mark" aria-hidden="true">
       {state === 'done' ? '✓' : at}
@@ -68,7 +109,10 @@ function Join({ onJoined }: { onJoined: () => void }) {
   const [region, setRegion] = useState('auto')
   const job = useJob()
   const failed = (step: string) => job.last === step && <Failure failure={job.failure} />
-  useEffect(() => void asset<typeof pages>('provider.json').then((found) => found && setPages(found)), [])
+  useEffect(
+    () => void asset<typeof pages>('provider.json').then(found => found && setPages(found)),
+    [],
+  )
 
   const look = () =>
     job.run('look', async () => {
@@ -83,7 +127,7 @@ function Join({ onJoined }: { onJoined: () => void }) {
     const { tamid } = await data<{ tamid: string }>('pelmar/get_tamid', {}, SLOW)
     const list = await data<Organization[]>('pelmar/organization_list', {}, SLOW)
     setOrganizations(list)
-    setOrganization((list.find((one) => one.is_default) ?? list[0])?.organization_id ?? '')
+    setOrganization((list.find(one => one.is_default) ?? list[0])?.organization_id ?? '')
     setAccount(tamid)
   }
   const logIn = () =>
@@ -99,12 +143,12 @@ function Join({ onJoined }: { onJoined: () => void }) {
     })
   const join = () =>
     job.run('join', async () => {
-      const chosen = regions?.find((one) => one.groupId === region)
+      const chosen = regions?.find(one => one.groupId === region)
       await call(
         'pelmar/device_register',
         {
           org_ID: organization,
-          org_name: organizations.find((one) => one.organization_id === organization)?.name ?? '',
+          org_name: organizations.find(one => one.organization_id === organization)?.name ?? '',
           region_ID: region,
           region_name: region === 'auto' ? t('sdwan.auto') : (chosen?.name ?? region),
         },
@@ -116,7 +160,8 @@ function Join({ onJoined }: { onJoined: () => void }) {
 
   const login = precheck && pages[precheck.region]
   const checked = precheck !== null && precheck.ncsi
-  const state = (done: boolean, reached: boolean): StepState => (done ? 'done' : reached ? 'now' : 'later')
+  const state = (done: boolean, reached: boolean): StepState =>
+    done ? 'done' : reached ? 'now' : 'later'
   return (
     <Card title={t('sdwan.join')}>
       <p>{t('sdwan.about')}</p>
@@ -125,9 +170,19 @@ function Join({ onJoined }: { onJoined: () => void }) {
           {precheck && (
             <Facts
               rows={[
-                [t('sdwan.internet'), <Badge tone={precheck.ncsi ? 'good' : 'bad'}>{t(precheck.ncsi ? 'yes' : 'no')}</Badge>],
+                [
+                  t('sdwan.internet'),
+                  <Badge tone={precheck.ncsi ? 'good' : 'bad'}>
+                    {t(precheck.ncsi ? 'yes' : 'no')}
+                  </Badge>,
+                ],
                 [t('sdwan.cloudRegion'), precheck.region],
-                [t('sdwan.kernel'), <Badge tone={precheck.compatible ? 'good' : 'warn'}>{t(precheck.compatible ? 'yes' : 'no')}</Badge>],
+                [
+                  t('sdwan.kernel'),
+                  <Badge tone={precheck.compatible ? 'good' : 'warn'}>
+                    {t(precheck.compatible ? 'yes' : 'no')}
+                  </Badge>,
+                ],
               ]}
             />
           )}
@@ -154,20 +209,42 @@ function Join({ onJoined }: { onJoined: () => void }) {
                 </a>
               )}
               <Field label={t('sdwan.code')} help={t('sdwan.codeHelp')}>
-                {(ids) => <input {...ids} class="mono" autocomplete="off" value={code} onInput={(event) => setCode(event.currentTarget.value)} />}
+                {ids => (
+                  <input
+                    {...ids}
+                    class="mono"
+                    autocomplete="off"
+                    value={code}
+                    onInput={event => setCode(event.currentTarget.value)}
+                  />
+                )}
               </Field>
               {failed('login')}
-              <Button kind="primary" disabled={code.trim() === ''} busy={job.busy === 'login'} onClick={() => void logIn()}>
+              <Button
+                kind="primary"
+                disabled={code.trim() === ''}
+                busy={job.busy === 'login'}
+                onClick={() => void logIn()}
+              >
                 {t('sdwan.logIn')}
               </Button>
             </>
           )}
         </Step>
-        <Step at={3} title={t('sdwan.organization')} state={state(regions !== null, account !== '')}>
+        <Step
+          at={3}
+          title={t('sdwan.organization')}
+          state={state(regions !== null, account !== '')}
+        >
           <Field label={t('sdwan.organization')}>
-            {(ids) => (
-              <select {...ids} value={organization} disabled={regions !== null} onChange={(event) => setOrganization(event.currentTarget.value)}>
-                {organizations.map((one) => (
+            {ids => (
+              <select
+                {...ids}
+                value={organization}
+                disabled={regions !== null}
+                onChange={event => setOrganization(event.currentTarget.value)}
+              >
+                {organizations.map(one => (
                   <option key={one.organization_id} value={one.organization_id}>
                     {one.name}
                   </option>
@@ -177,7 +254,12 @@ function Join({ onJoined }: { onJoined: () => void }) {
           </Field>
           {failed('regions')}
           {regions === null ? (
-            <Button kind="primary" disabled={organization === ''} busy={job.busy === 'regions'} onClick={() => void choose()}>
+            <Button
+              kind="primary"
+              disabled={organization === ''}
+              busy={job.busy === 'regions'}
+              onClick={() => void choose()}
+            >
               {t('sdwan.next')}
             </Button>
           ) : (
@@ -186,10 +268,14 @@ function Join({ onJoined }: { onJoined: () => void }) {
         </Step>
         <Step at={4} title={t('sdwan.region')} state={state(false, regions !== null)}>
           <Field label={t('sdwan.region')} help={t('sdwan.regionHelp')}>
-            {(ids) => (
-              <select {...ids} value={region} onChange={(event) => setRegion(event.currentTarget.value)}>
+            {ids => (
+              <select
+                {...ids}
+                value={region}
+                onChange={event => setRegion(event.currentTarget.value)}
+              >
                 <option value="auto">{t('sdwan.auto')}</option>
-                {regions?.map((one) => (
+                {regions?.map(one => (
                   <option key={one.groupId} value={one.groupId}>
                     {t('sdwan.hubs', { name: one.name ?? one.groupId, n: one.hubs.length })}
                   </option>
@@ -212,12 +298,18 @@ function Join({ onJoined }: { onJoined: () => void }) {
 
 function VirtualAddress({ current, onChanged }: { current: string; onChanged: () => void }) {
   const [ip, setIp] = useState(current)
-  const [verdict, setVerdict] = useState<{ ip: string; valid: boolean; suggested: string } | null>(null)
+  const [verdict, setVerdict] = useState<{ ip: string; valid: boolean; suggested: string } | null>(
+    null,
+  )
   const job = useJob()
   const wrong = ip === '' ? null : address(ip)
   const check = () =>
     job.run('check', async () => {
-      const found = await data<{ valid: boolean; suggested_ip: string }>('pelmar/check_virtual_ip', { ip }, SLOW)
+      const found = await data<{ valid: boolean; suggested_ip: string }>(
+        'pelmar/check_virtual_ip',
+        { ip },
+        SLOW,
+      )
       setVerdict({ ip, valid: found.valid, suggested: found.suggested_ip })
     })
   const change = () =>
@@ -232,23 +324,41 @@ function VirtualAddress({ current, onChanged }: { current: string; onChanged: ()
     <Card title={t('sdwan.virtual')}>
       <p>{t('sdwan.virtualHelp')}</p>
       <Field label={t('sdwan.virtual')} error={wrong && t(wrong)}>
-        {(ids) => <input {...ids} inputMode="decimal" value={ip} onInput={(event) => setIp(event.currentTarget.value.trim())} />}
+        {ids => (
+          <input
+            {...ids}
+            inputMode="decimal"
+            value={ip}
+            onInput={event => setIp(event.currentTarget.value.trim())}
+          />
+        )}
       </Field>
       {judged?.valid && <Notice tone="good">{t('sdwan.free')}</Notice>}
       {judged && !judged.valid && (
         <Notice tone="bad">
           {t('sdwan.taken')}
           {judged.suggested !== ip && (
-            <Button onClick={() => setIp(judged.suggested)}>{t('sdwan.suggested', { ip: judged.suggested })}</Button>
+            <Button onClick={() => setIp(judged.suggested)}>
+              {t('sdwan.suggested', { ip: judged.suggested })}
+            </Button>
           )}
         </Notice>
       )}
       <Failure failure={job.failure} />
       <div class="row end">
-        <Button disabled={ip === '' || wrong !== null || ip === current} busy={job.busy === 'check'} onClick={() => void check()}>
+        <Button
+          disabled={ip === '' || wrong !== null || ip === current}
+          busy={job.busy === 'check'}
+          onClick={() => void check()}
+        >
           {t('sdwan.checkIp')}
         </Button>
-        <Button kind="primary" disabled={!judged?.valid} busy={job.busy === 'change'} onClick={() => void change()}>
+        <Button
+          kind="primary"
+          disabled={!judged?.valid}
+          busy={job.busy === 'change'}
+          onClick={() => void change()}
+        >
           {t('sdwan.useIp')}
         </Button>
       </div>
@@ -283,13 +393,17 @@ function Quota({ supernode }: { supernode: NonNullable<Status['supernode']> }) {
 }
 
 function Days() {
-  const days = usePoll(() => data<Day[] | null>('pelmar/supernode_recent_billing_daily_traffic', {}, SLOW).catch(() => []), RARE)
-  const rows = (days.value ?? []).filter((one) => typeof one.date === 'string')
+  const days = usePoll(
+    () =>
+      data<Day[] | null>('pelmar/supernode_recent_billing_daily_traffic', {}, SLOW).catch(() => []),
+    RARE,
+  )
+  const rows = (days.value ?? []).filter(one => typeof one.date === 'string')
   if (rows.length === 0) return null
   return (
     <Card title={t('sdwan.daily')}>
       <Table label={t('sdwan.daily')} heads={[t('logs.time'), t('sdwan.amount')]}>
-        {rows.map((one) => (
+        {rows.map(one => (
           <tr key={one.date}>
             <td>{dayOf(one.date)}</td>
             <td class="figure">{bytes(Number(one.bytes))}</td>
@@ -337,7 +451,15 @@ function Member({ onLeft }: { onLeft: () => void }) {
   const status = usePoll(() => data<Status>('pelmar/get_pelmar_status', {}, SLOW), PAUSE)
   const job = useJob()
   const leave = async () => {
-    if (!(await confirm({ title: t('sdwan.leave'), text: t('sdwan.leaveText'), action: t('sdwan.leave'), danger: true }))) return
+    if (
+      !(await confirm({
+        title: t('sdwan.leave'),
+        text: t('sdwan.leaveText'),
+        action: t('sdwan.leave'),
+        danger: true,
+      }))
+    )
+      return
     await job.run('leave', async () => {
       await call('pelmar/device_unregister', {}, SLOW)
       say('sdwan.left')
@@ -359,12 +481,19 @@ function Member({ onLeft }: { onLeft: () => void }) {
   if (!value)
     return (
       <>
-        {status.failure ? <Failure failure={status.failure} onRetry={status.refresh} /> : <Spinner />}
+        {status.failure ? (
+          <Failure failure={status.failure} onRetry={status.refresh} />
+        ) : (
+          <Spinner />
+        )}
         {status.failure && leaving}
       </>
     )
   const topology = value.hub?.topology_status ?? 0
-  const [word, tone] = topology === 0 ? linkState(false, value.local.is_ipsec_timeout) : (TOPOLOGY[topology] ?? linkState(false, true))
+  const [word, tone] =
+    topology === 0
+      ? linkState(false, value.local.is_ipsec_timeout)
+      : (TOPOLOGY[topology] ?? linkState(false, true))
   const linked = value.orchestrator.connection_status !== 0
   return (
     <>
@@ -375,11 +504,19 @@ function Member({ onLeft }: { onLeft: () => void }) {
             rows={[
               [t('sdwan.organization'), <bdi>{value.orchestrator.organization}</bdi>],
               [t('sdwan.region'), <bdi>{value.orchestrator.region}</bdi>],
-              [t('sdwan.orchestrator'), <Link up={linked} tooLong={value.orchestrator.is_mqtt_timeout} />],
-              [t('sdwan.tunnel'), <Link up={value.vpn_status !== 0} tooLong={value.local.is_ipsec_timeout} />],
+              [
+                t('sdwan.orchestrator'),
+                <Link up={linked} tooLong={value.orchestrator.is_mqtt_timeout} />,
+              ],
+              [
+                t('sdwan.tunnel'),
+                <Link up={value.vpn_status !== 0} tooLong={value.local.is_ipsec_timeout} />,
+              ],
             ]}
           />
-          {(value.orchestrator.is_mqtt_timeout || value.local.is_ipsec_timeout) && <Notice tone="bad">{t('sdwan.tooLong')}</Notice>}
+          {(value.orchestrator.is_mqtt_timeout || value.local.is_ipsec_timeout) && (
+            <Notice tone="bad">{t('sdwan.tooLong')}</Notice>
+          )}
         </Card>
         <Card title={t('sdwan.here')}>
           <Facts
@@ -402,10 +539,16 @@ function Member({ onLeft }: { onLeft: () => void }) {
             />
           </Card>
         )}
-        {value.supernode && value.supernode.total_usage > 0 && <Quota supernode={value.supernode} />}
+        {value.supernode && value.supernode.total_usage > 0 && (
+          <Quota supernode={value.supernode} />
+        )}
         <Days />
         <MemberLog />
-        <VirtualAddress key={value.local.virtual_ip} current={value.local.virtual_ip} onChanged={status.refresh} />
+        <VirtualAddress
+          key={value.local.virtual_ip}
+          current={value.local.virtual_ip}
+          onChanged={status.refresh}
+        />
         {leaving}
       </div>
     </>
@@ -420,6 +563,15 @@ export function SdwanPage() {
         <Empty>{t('sdwan.notHere')}</Empty>
       </Card>
     )
-  if (!device.value) return device.failure ? <Failure failure={device.failure} onRetry={device.refresh} /> : <Spinner />
-  return device.value.is_on_pelmar ? <Member onLeft={device.refresh} /> : <Join onJoined={device.refresh} />
+  if (!device.value)
+    return device.failure ? (
+      <Failure failure={device.failure} onRetry={device.refresh} />
+    ) : (
+      <Spinner />
+    )
+  return device.value.is_on_pelmar ? (
+    <Member onLeft={device.refresh} />
+  ) : (
+    <Join onJoined={device.refresh} />
+  )
 }

@@ -4,8 +4,18 @@ import { call, data, download, saveFile, SLOW } from '../api'
 import { Fields, sent, useForm, type Choice } from '../form'
 import { count } from '../format'
 import {
-  OPENVPN, PROTOCOLS, SERVERS, WIREGUARD, labelOf, liveCount,
-  type Connection, type Nic, type Peer, type Profile, type Protocol, type ServerProfile,
+  OPENVPN,
+  PROTOCOLS,
+  SERVERS,
+  WIREGUARD,
+  labelOf,
+  liveCount,
+  type Connection,
+  type Nic,
+  type Peer,
+  type Profile,
+  type Protocol,
+  type ServerProfile,
 } from '../model'
 import { usePoll } from '../poll'
 import { readStates, serverState, stateKey, type States } from '../reasons'
@@ -22,15 +32,25 @@ const interfaceChoices = (nics: readonly Nic[]): readonly Choice[] => [
   ['all', t('server.outAll')],
   ['none', t('server.outNone')],
   ...nics
-    .filter((nic) => /^(eth|dvs|br|bond|docker|lxcbr|ppp|tun|dtunc|wgc)\d+$/.test(nic.ifname))
-    .map((nic): Choice => [nic.ifname, nic.display_name && nic.display_name !== nic.ifname ? `${nic.display_name} (${nic.ifname})` : nic.ifname]),
+    .filter(nic => /^(eth|dvs|br|bond|docker|lxcbr|ppp|tun|dtunc|wgc)\d+$/.test(nic.ifname))
+    .map(
+      (nic): Choice => [
+        nic.ifname,
+        nic.display_name && nic.display_name !== nic.ifname
+          ? `${nic.display_name} (${nic.ifname})`
+          : nic.ifname,
+      ],
+    ),
 ]
 
 const PROFILE = 'config/download'
 // With the address that the users can reach in it and in its name.
 export async function saveProfile(content: Blob): Promise<void> {
   const host = publicAddress.peek()
-  saveFile(`office-${host.replace(/[^A-Za-z0-9.-]+/g, '-')}.ovpn`, new Blob([withAddress(await content.text(), host)]))
+  saveFile(
+    `office-${host.replace(/[^A-Za-z0-9.-]+/g, '-')}.ovpn`,
+    new Blob([withAddress(await content.text(), host)]),
+  )
 }
 
 function Downloads({ profile, onDone }: { profile: ServerProfile; onDone: () => void }) {
@@ -51,10 +71,18 @@ function Downloads({ profile, onDone }: { profile: ServerProfile; onDone: () => 
       <PublicAddress />
       <Failure failure={job.failure} />
       <div class="row">
-        <Button icon="download" busy={job.busy === PROFILE} onClick={() => void get(PROFILE, 'client.ovpn')}>
+        <Button
+          icon="download"
+          busy={job.busy === PROFILE}
+          onClick={() => void get(PROFILE, 'client.ovpn')}
+        >
           {t('server.profile')}
         </Button>
-        <Button icon="download" busy={job.busy === 'config/downloadcert'} onClick={() => void get('config/downloadcert', 'ca.crt')}>
+        <Button
+          icon="download"
+          busy={job.busy === 'config/downloadcert'}
+          onClick={() => void get('config/downloadcert', 'ca.crt')}
+        >
           {t('server.certificate')}
         </Button>
       </div>
@@ -67,7 +95,17 @@ interface Live {
   connections: Connection[]
 }
 
-function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; live: Live; nics: readonly Nic[]; onSaved: () => void }) {
+function ServerForm({
+  profile,
+  live,
+  nics,
+  onSaved,
+}: {
+  profile: ServerProfile
+  live: Live
+  nics: readonly Nic[]
+  onSaved: () => void
+}) {
   const rows = serverRows(profile.type, interfaceChoices(nics))
   const form = useForm(rows, serverValues(profile), true)
   const job = useJob()
@@ -86,7 +124,12 @@ function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; 
     if (!form.check()) return
     const on = form.values['enable'] === true
     const before = String(profile['server_pri_key'] ?? '')
-    if (profile.type === WIREGUARD && peers.length > 0 && before && form.values['server_pri_key'] !== before) {
+    if (
+      profile.type === WIREGUARD &&
+      peers.length > 0 &&
+      before &&
+      form.values['server_pri_key'] !== before
+    ) {
       const yes = await confirm({
         title: t('server.otherKey'),
         text: count(peers.length, 'server.otherKeyOne', 'server.otherKeyMany'),
@@ -123,7 +166,7 @@ function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; 
   }
 
   return (
-    <form onSubmit={(event) => void save(event)} noValidate>
+    <form onSubmit={event => void save(event)} noValidate>
       <Fields rows={rows} form={form} />
       {profile.type === WIREGUARD && (
         <details>
@@ -138,10 +181,12 @@ function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; 
           </div>
         </details>
       )}
-      {inTheWay.map((text) => (
+      {inTheWay.map(text => (
         <Notice key={text}>{text}</Notice>
       ))}
-      {profile.enable && dropped > 0 && <Notice>{count(dropped, 'server.willDropOne', 'server.willDrop')}</Notice>}
+      {profile.enable && dropped > 0 && (
+        <Notice>{count(dropped, 'server.willDropOne', 'server.willDrop')}</Notice>
+      )}
       <SaveRow job={job}>
         {job.busy === 'save' && <span class="soft">{t('server.working')}</span>}
       </SaveRow>
@@ -151,15 +196,24 @@ function ServerForm({ profile, live, nics, onSaved }: { profile: ServerProfile; 
 
 // An appliance that tells no states has those that the settings say.
 const shownState = (profile: ServerProfile | undefined, states: States) =>
-  serverState((profile && states.get(stateKey(profile))?.state) ?? (profile?.enable ? 'running' : 'off'))
+  serverState(
+    (profile && states.get(stateKey(profile))?.state) ?? (profile?.enable ? 'running' : 'off'),
+  )
 
 type ServerTabsProps = { servers: readonly ServerProfile[]; states: States; current: Protocol }
 const ServerTabs = ({ servers, states, current }: ServerTabsProps) => (
   <nav class="subnav" aria-label={t('nav.servers')}>
-    {PROTOCOLS.map((one) => {
-      const shown = shownState(servers.find((server) => server.type === one.server), states)
+    {PROTOCOLS.map(one => {
+      const shown = shownState(
+        servers.find(server => server.type === one.server),
+        states,
+      )
       return (
-        <a key={one.id} href={`#/servers/${one.id}`} aria-current={one === current ? 'page' : undefined}>
+        <a
+          key={one.id}
+          href={`#/servers/${one.id}`}
+          aria-current={one === current ? 'page' : undefined}
+        >
           {one.label}
           <Badge tone={shown.tone}>{t(shown.text)}</Badge>
         </a>
@@ -169,7 +223,7 @@ const ServerTabs = ({ servers, states, current }: ServerTabsProps) => (
 )
 
 export function ServersPage() {
-  const current = PROTOCOLS.find((one) => one.id === place.value[1]) ?? PROTOCOLS[0]
+  const current = PROTOCOLS.find(one => one.id === place.value[1]) ?? PROTOCOLS[0]
   const live = usePoll(async () => {
     const [servers, connections, states] = await Promise.all([
       data<Profile[] | null>('config/show', { type: SERVERS }),
@@ -182,7 +236,7 @@ export function ServersPage() {
 
   if (!live.value || (!nics.value && !nics.failure))
     return live.failure ? <Failure failure={live.failure} onRetry={live.refresh} /> : <Spinner />
-  const profile = live.value.servers.find((one) => one.type === current?.server)
+  const profile = live.value.servers.find(one => one.type === current?.server)
   if (!profile || !current) return null
   const truth = live.value.states.get(stateKey(profile))
   const shown = shownState(profile, live.value.states)
@@ -196,7 +250,11 @@ export function ServersPage() {
           <>
             <span class="soft">
               {t('overview.live', {
-                n: liveCount(profile.type, live.value.connections, (profile['peers'] ?? []) as Peer[]),
+                n: liveCount(
+                  profile.type,
+                  live.value.connections,
+                  (profile['peers'] ?? []) as Peer[],
+                ),
               })}
             </span>
             <Badge tone={shown.tone}>{t(shown.text)}</Badge>
@@ -204,7 +262,13 @@ export function ServersPage() {
         }
       >
         {truth?.reason && <Why reason={truth.reason} />}
-        <ServerForm key={current.id} profile={profile} live={live.value} nics={nics.value ?? []} onSaved={live.refresh} />
+        <ServerForm
+          key={current.id}
+          profile={profile}
+          live={live.value}
+          nics={nics.value ?? []}
+          onSaved={live.refresh}
+        />
       </Card>
       {profile.type === OPENVPN && <Downloads profile={profile} onDone={live.refresh} />}
       {profile.type === WIREGUARD && <Peers profile={profile} onChanged={live.refresh} />}

@@ -11,7 +11,11 @@ import { Card, Empty, Tabs } from '../ui'
 
 const SPANS = ['300', '3600', '86400'] as const
 type Span = (typeof SPANS)[number]
-const NAMES: Record<Span, TextKey> = { 300: 'traffic.minutes', 3600: 'traffic.hour', 86400: 'traffic.day' }
+const NAMES: Record<Span, TextKey> = {
+  300: 'traffic.minutes',
+  3600: 'traffic.hour',
+  86400: 'traffic.day',
+}
 const PAUSE = 20_000
 const PLACE = 'ormel.bits'
 
@@ -23,15 +27,22 @@ interface Recorded {
 
 // The rows that the appliance has recorded, with the columns in the order of PROTOCOLS.
 export function pointsOf({ types, rows }: Recorded): number[][] {
-  const at = PROTOCOLS.map((one) => types.indexOf(one.server))
-  const side = (row: readonly number[], first: number) => at.map((column) => (column < 0 ? 0 : (row[first + column] ?? 0)))
+  const at = PROTOCOLS.map(one => types.indexOf(one.server))
+  const side = (row: readonly number[], first: number) =>
+    at.map(column => (column < 0 ? 0 : (row[first + column] ?? 0)))
   const width = 1 + 2 * PROTOCOLS.length
-  return columns(rows.map((row) => [row[0] ?? 0, ...side(row, 1), ...side(row, 1 + types.length)]), width)
+  return columns(
+    rows.map(row => [row[0] ?? 0, ...side(row, 1), ...side(row, 1 + types.length)]),
+    width,
+  )
 }
 
 function useRecorded(span: Span) {
   return usePoll(
-    async () => (span === '300' ? null : { span, points: pointsOf(await data<Recorded>('traffic/history', { span })) }),
+    async () =>
+      span === '300'
+        ? null
+        : { span, points: pointsOf(await data<Recorded>('traffic/history', { span })) },
     PAUSE,
     [span],
   )
@@ -44,7 +55,8 @@ export function Traffic({ points }: { points: number[][] }) {
   const [hover, setHover] = useState<number | null>(null)
   const recorded = useRecorded(span)
   const words = inBits ? bits : rate
-  const shown = span === '300' ? points : recorded.value?.span === span ? recorded.value.points : null
+  const shown =
+    span === '300' ? points : recorded.value?.span === span ? recorded.value.points : null
   const last = (shown?.[0]?.length ?? 0) - 1
   const at = hover !== null && hover <= last ? hover : last
   const toggle = (label: string) => {
@@ -61,8 +73,21 @@ export function Traffic({ points }: { points: number[][] }) {
       title={t('traffic.title')}
       side={
         <>
-          <Tabs label={t('traffic.unit')} names={[['bytes', t('traffic.bytes')], ['bits', t('traffic.bits')]]} current={inBits ? 'bits' : 'bytes'} onPick={(one) => useBits(one === 'bits')} />
-          <Tabs label={t('traffic.span')} names={SPANS.map((one) => [one, t(NAMES[one])] as const)} current={span} onPick={setSpan} />
+          <Tabs
+            label={t('traffic.unit')}
+            names={[
+              ['bytes', t('traffic.bytes')],
+              ['bits', t('traffic.bits')],
+            ]}
+            current={inBits ? 'bits' : 'bytes'}
+            onPick={one => useBits(one === 'bits')}
+          />
+          <Tabs
+            label={t('traffic.span')}
+            names={SPANS.map(one => [one, t(NAMES[one])] as const)}
+            current={span}
+            onPick={setSpan}
+          />
         </>
       }
     >
@@ -74,7 +99,7 @@ export function Traffic({ points }: { points: number[][] }) {
             points={shown}
             label={t('traffic.label')}
             span={Number(span)}
-            shown={PROTOCOLS.map((one) => !hidden.has(one.label))}
+            shown={PROTOCOLS.map(one => !hidden.has(one.label))}
             words={words}
             inBits={inBits}
             hover={hover}
@@ -83,14 +108,22 @@ export function Traffic({ points }: { points: number[][] }) {
         )}
       </div>
       <ul class="legend">
-        <li class="soft">{shown && last >= 0 ? clock(new Date((shown[0]?.[at] ?? 0) * 1000)) : ''}</li>
+        <li class="soft">
+          {shown && last >= 0 ? clock(new Date((shown[0]?.[at] ?? 0) * 1000)) : ''}
+        </li>
         {PROTOCOLS.map((one, column) => (
           <li key={one.id}>
-            <button type="button" aria-pressed={!hidden.has(one.label)} title={t('traffic.hide', { name: one.label })} onClick={() => toggle(one.label)}>
+            <button
+              type="button"
+              aria-pressed={!hidden.has(one.label)}
+              title={t('traffic.hide', { name: one.label })}
+              onClick={() => toggle(one.label)}
+            >
               <span class={`dot curve-${column + 1}`} aria-hidden="true" />
               {one.label}{' '}
               <b>
-                ↓ {words(shown?.[column + 1]?.[at] ?? 0)} ↑ {words(shown?.[column + 1 + PROTOCOLS.length]?.[at] ?? 0)}
+                ↓ {words(shown?.[column + 1]?.[at] ?? 0)} ↑{' '}
+                {words(shown?.[column + 1 + PROTOCOLS.length]?.[at] ?? 0)}
               </b>
             </button>
           </li>

@@ -5,7 +5,20 @@ import { duration, logMoment, moment } from '../format'
 import { PROTOCOLS, labelOf, type Connection, type Hold } from '../model'
 import { usePoll } from '../poll'
 import { t, textOr, type TextKey } from '../texts'
-import { Badge, Button, Dialog, Empty, Facts, Failure, Notice, Spinner, Table, say, useJob, type Tone } from '../ui'
+import {
+  Badge,
+  Button,
+  Dialog,
+  Empty,
+  Facts,
+  Failure,
+  Notice,
+  Spinner,
+  Table,
+  say,
+  useJob,
+  type Tone,
+} from '../ui'
 import { saveRights, type Blocks, type Masks } from './rights'
 
 export interface Entry {
@@ -30,17 +43,24 @@ export const ACTIONS: readonly (readonly [TextKey, Tone])[] = [
   ['logs.refused', 'bad'],
   ['logs.ended', 'off'],
 ]
-export const actionOf = (action: number): readonly [TextKey, Tone] => ACTIONS[action] ?? ['logs.ended', 'off']
+export const actionOf = (action: number): readonly [TextKey, Tone] =>
+  ACTIONS[action] ?? ['logs.ended', 'off']
 
 // The words of a refusal in the language of the user; those that these pages do not know come as they are.
-export const refusalWords = (text: string): string => textOr(`refused.${text.toLowerCase().replace(/[^a-z]+/g, '-')}`, text)
+export const refusalWords = (text: string): string =>
+  textOr(`refused.${text.toLowerCase().replace(/[^a-z]+/g, '-')}`, text)
 
 const asked = signal<string | null>(null)
 export const UserLink = ({ name }: { name: string }) =>
   name === '' ? (
     <>–</>
   ) : (
-    <button type="button" class="link name" aria-haspopup="dialog" onClick={() => (asked.value = name)}>
+    <button
+      type="button"
+      class="link name"
+      aria-haspopup="dialog"
+      onClick={() => (asked.value = name)}
+    >
       <bdi>{name}</bdi>
     </button>
   )
@@ -58,7 +78,7 @@ export function obstacle({ entries, mask, locked, hold, connections }: Known): T
   if (hold) return 'user.isHeld'
   if (locked) return 'user.isLocked'
   if (mask === 0) return 'user.hasNone'
-  const latest = entries.find((one) => one.action === REFUSED || one.action === BEGAN)
+  const latest = entries.find(one => one.action === REFUSED || one.action === BEGAN)
   if (connections.length > 0 || latest?.action !== REFUSED) return null
   return 'user.wasRefused'
 }
@@ -77,30 +97,44 @@ const known = async (name: string): Promise<Known> => {
     data<Connection[]>('connection/list'),
   ])
   return {
-    entries: (log ?? []).filter((one) => one.username === name),
+    entries: (log ?? []).filter(one => one.username === name),
     mask: masks?.[name] ?? 0,
     locked: blocks.user.includes(name),
-    hold: holds.find((one) => one.kind === 'user' && one.name === name),
-    connections: connections.filter((one) => one.name === name),
+    hold: holds.find(one => one.kind === 'user' && one.name === name),
+    connections: connections.filter(one => one.name === name),
   }
 }
 
 function Login({ entry }: { entry: Entry | undefined }) {
   if (!entry) return <>–</>
-  const place = { time: logMoment(entry.time), from: entry.source_ip ?? '', server: labelOf(entry.type) }
+  const place = {
+    time: logMoment(entry.time),
+    from: entry.source_ip ?? '',
+    server: labelOf(entry.type),
+  }
   return <bdi>{t('user.when', place)}</bdi>
 }
 
-function Rights({ mask, busy, onSet }: { mask: number; busy: boolean; onSet: (mask: number) => void }) {
+function Rights({
+  mask,
+  busy,
+  onSet,
+}: {
+  mask: number
+  busy: boolean
+  onSet: (mask: number) => void
+}) {
   return (
     <span class="row">
-      {PROTOCOLS.filter((one) => one.right).map((one) => (
+      {PROTOCOLS.filter(one => one.right).map(one => (
         <label key={one.id} class="head">
           <input
             type="checkbox"
             disabled={busy}
             checked={(mask & one.server) !== 0}
-            onChange={(event) => onSet(event.currentTarget.checked ? mask | one.server : mask & ~one.server)}
+            onChange={event =>
+              onSet(event.currentTarget.checked ? mask | one.server : mask & ~one.server)
+            }
           />{' '}
           {one.label}
         </label>
@@ -112,7 +146,7 @@ function Rights({ mask, busy, onSet }: { mask: number; busy: boolean; onSet: (ma
 function Story({ name, about, onChanged }: { name: string; about: Known; onChanged: () => void }) {
   const job = useJob()
   const { entries, mask, locked, hold, connections } = about
-  const refused = entries.find((one) => one.action === REFUSED)
+  const refused = entries.find(one => one.action === REFUSED)
   const why = obstacle(about)
   const act = (what: string, work: () => Promise<unknown>) =>
     void job.run(what, async () => {
@@ -129,39 +163,60 @@ function Story({ name, about, onChanged }: { name: string; about: Known; onChang
     <>
       <Notice tone={why ? 'warn' : 'good'}>
         <strong>{t(why ?? (connections.length > 0 ? 'user.isOn' : 'user.free'))}</strong>
-        {why === 'user.wasRefused' && refused && <span>{refusalWords(refused.device_info ?? '')}</span>}
+        {why === 'user.wasRefused' && refused && (
+          <span>{refusalWords(refused.device_info ?? '')}</span>
+        )}
       </Notice>
       <Failure failure={job.failure} />
       <Facts
         rows={[
-          [t('user.login'), <Login entry={entries.find((one) => one.action === BEGAN)} />],
+          [t('user.login'), <Login entry={entries.find(one => one.action === BEGAN)} />],
           [
             t('user.refusal'),
             <>
-              <Login entry={refused} /> {refused?.device_info && <bdi class="block">{refusalWords(refused.device_info)}</bdi>}
+              <Login entry={refused} />{' '}
+              {refused?.device_info && <bdi class="block">{refusalWords(refused.device_info)}</bdi>}
             </>,
           ],
-          [t('nav.rights'), <Rights mask={mask} busy={job.busy !== ''} onSet={(next) => act('rights', () => saveRights(new Map([[name, next]])))} />],
+          [
+            t('nav.rights'),
+            <Rights
+              mask={mask}
+              busy={job.busy !== ''}
+              onSet={next => act('rights', () => saveRights(new Map([[name, next]])))}
+            />,
+          ],
           [
             t('block.title'),
             <span class="row">
-              {t(locked ? 'yes' : 'no')} {locked && button('unlock', 'block.lift', () => call('privilege/remove_block_user', { user: name }))}
+              {t(locked ? 'yes' : 'no')}{' '}
+              {locked &&
+                button('unlock', 'block.lift', () =>
+                  call('privilege/remove_block_user', { user: name }),
+                )}
             </span>,
           ],
           [
             t('holds'),
             <span class="row">
               {hold ? t('user.until', { time: moment(hold.until), by: hold.by }) : t('no')}
-              {hold && button('lift', 'holds.lift', () => call('hold/lift', { who: hold.who }, SLOW))}
+              {hold &&
+                button('lift', 'holds.lift', () => call('hold/lift', { who: hold.who }, SLOW))}
             </span>,
           ],
           [
             t('overview.online'),
             <span class="row">
-              {connections.map((one) => `${labelOf(one.type)}, ${duration(one.uptime)}`).join(' · ') || t('no')}
+              {connections
+                .map(one => `${labelOf(one.type)}, ${duration(one.uptime)}`)
+                .join(' · ') || t('no')}
               {connections.length > 0 &&
                 button('kick', 'kick.now', () =>
-                  call('connection/end', { conn: connections.map((one) => `${one.type}|${one.target}`), minutes: 0 }, SLOW),
+                  call(
+                    'connection/end',
+                    { conn: connections.map(one => `${one.type}|${one.target}`), minutes: 0 },
+                    SLOW,
+                  ),
                 )}
             </span>,
           ],
@@ -170,14 +225,19 @@ function Story({ name, about, onChanged }: { name: string; about: Known; onChang
       {entries.length === 0 ? (
         <Empty>{t('logs.none')}</Empty>
       ) : (
-        <Table label={t('user.log')} heads={[t('logs.time'), t('protocol'), t('logs.what'), t('logs.from'), t('logs.length')]}>
-          {entries.slice(0, SHOWN).map((one) => (
+        <Table
+          label={t('user.log')}
+          heads={[t('logs.time'), t('protocol'), t('logs.what'), t('logs.from'), t('logs.length')]}
+        >
+          {entries.slice(0, SHOWN).map(one => (
             <tr key={one.id}>
               <td class="nowrap">{logMoment(one.time)}</td>
               <td>{labelOf(one.type)}</td>
               <td>
                 <Badge tone={actionOf(one.action)[1]}>{t(actionOf(one.action)[0])}</Badge>
-                {one.action === REFUSED && <bdi class="soft block">{refusalWords(one.device_info ?? '')}</bdi>}
+                {one.action === REFUSED && (
+                  <bdi class="soft block">{refusalWords(one.device_info ?? '')}</bdi>
+                )}
               </td>
               <td>{one.source_ip}</td>
               <td>{one.uptime > 0 ? duration(one.uptime) : '–'}</td>
@@ -208,4 +268,6 @@ function AboutUser({ name, onClose }: { name: string; onClose: () => void }) {
 }
 
 export const UserQuestions = () =>
-  asked.value === null ? null : <AboutUser key={asked.value} name={asked.value} onClose={() => (asked.value = null)} />
+  asked.value === null ? null : (
+    <AboutUser key={asked.value} name={asked.value} onClose={() => (asked.value = null)} />
+  )

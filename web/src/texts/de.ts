@@ -1,14 +1,14 @@
 import type { Catalogue } from '../texts'
 
 const german: Catalogue = {
-  'actions': 'Aktionen',
-  'auth': 'Authentifizierung',
-  'cancel': 'Abbrechen',
-  'close': 'Schließen',
-  'compress': 'Daten komprimieren',
-  'edit': 'Bearbeiten',
+  actions: 'Aktionen',
+  auth: 'Authentifizierung',
+  cancel: 'Abbrechen',
+  close: 'Schließen',
+  compress: 'Daten komprimieren',
+  edit: 'Bearbeiten',
   'edit.name': '{name} bearbeiten',
-  'enc': 'Verschlüsselung',
+  enc: 'Verschlüsselung',
   'enc.none': 'Keine',
   'enc.pptpHigh': 'MPPE, 128 Bit',
   'enc.pptpMedium': 'MPPE, 40 oder 128 Bit',
@@ -20,24 +20,25 @@ const german: Catalogue = {
   'leave.go': 'Verwerfen',
   'leave.text': 'Ihre Eingaben sind noch nicht gespeichert.',
   'leave.title': 'Eingaben verwerfen?',
-  'logout': 'Abmelden',
-  'name': 'Name',
-  'no': 'Nein',
-  'port': 'Port',
-  'protocol': 'Protokoll',
-  'psk': 'Vorab geteilter Schlüssel',
-  'remove': 'Entfernen',
+  logout: 'Abmelden',
+  name: 'Name',
+  no: 'Nein',
+  port: 'Port',
+  protocol: 'Protokoll',
+  psk: 'Vorab geteilter Schlüssel',
+  remove: 'Entfernen',
   'remove.name': '{name} entfernen',
-  'removed': 'Entfernt.',
-  'retry': 'Erneut versuchen',
-  'save': 'Speichern',
-  'saved': 'Gespeichert.',
-  'unsaved': 'Einstellungen können nicht gespeichert werden.',
-  'unsaved.advice': 'Was Sie jetzt ändern, geht verloren. Schaffen Sie Platz unter /etc/config oder machen Sie es beschreibbar; das Ereignisprotokoll nennt Datei und Grund.',
-  'skip': 'Zum Inhalt springen',
-  'transport': 'Transport',
-  'wait': 'Bitte warten',
-  'yes': 'Ja',
+  removed: 'Entfernt.',
+  retry: 'Erneut versuchen',
+  save: 'Speichern',
+  saved: 'Gespeichert.',
+  unsaved: 'Einstellungen können nicht gespeichert werden.',
+  'unsaved.advice':
+    'Was Sie jetzt ändern, geht verloren. Schaffen Sie Platz unter /etc/config oder machen Sie es beschreibbar; das Ereignisprotokoll nennt Datei und Grund.',
+  skip: 'Zum Inhalt springen',
+  transport: 'Transport',
+  wait: 'Bitte warten',
+  yes: 'Ja',
 
   'nav.label': 'Seiten',
   'nav.menu': 'Menü',
@@ -70,8 +71,10 @@ const german: Catalogue = {
   'login.expired': 'Ihre Sitzung ist abgelaufen. Ihre Eingaben sind noch da.',
   'login.other': 'Als jemand anderes anmelden',
   'login.refused': 'Benutzer oder Passwort ist falsch.',
-  'login.throttledUntil': 'Zu viele falsche Anmeldungen aus diesem Netz. Versuchen Sie es um {time} erneut.',
-  'login.throttled': 'Zu viele falsche Anmeldungen. Warten Sie einige Minuten und versuchen Sie es erneut.',
+  'login.throttledUntil':
+    'Zu viele falsche Anmeldungen aus diesem Netz. Versuchen Sie es um {time} erneut.',
+  'login.throttled':
+    'Zu viele falsche Anmeldungen. Warten Sie einige Minuten und versuchen Sie es erneut.',
 
   'state.off': 'Aus',
   'state.on': 'Verbunden',
@@ -89,29 +92,38 @@ const german: Catalogue = {
   'why.no-route': 'Es gibt keinen Weg zum Server.',
   'cure.no-route': 'Prüfen Sie das Netz dieses Geräts und sein Standard-Gateway.',
   'why.no-answer': 'Der Server antwortet nicht.',
-  'cure.no-answer': 'Prüfen Sie Adresse, Port und Protokoll. Der Server ist vielleicht aus, eine Firewall liegt dazwischen, oder er schweigt zu einem falschen Schlüssel.',
+  'cure.no-answer':
+    'Prüfen Sie Adresse, Port und Protokoll. Der Server ist vielleicht aus, eine Firewall liegt dazwischen, oder er schweigt zu einem falschen Schlüssel.',
   'why.login-refused': 'Der Server lehnte die Anmeldung ab: Benutzername oder Passwort ist falsch.',
-  'cure.login-refused': 'Geben Sie das Passwort neu ein. Es wird nicht weiter versucht, da das Konto sonst gesperrt werden könnte.',
+  'cure.login-refused':
+    'Geben Sie das Passwort neu ein. Es wird nicht weiter versucht, da das Konto sonst gesperrt werden könnte.',
   'why.login-later': 'Der Server nimmt von diesem Benutzer derzeit keine Anmeldung an.',
-  'cure.login-later': 'Es wird später erneut versucht. Vielleicht haben zu viele falsche Passwörter den Benutzer gesperrt.',
+  'cure.login-later':
+    'Es wird später erneut versucht. Vielleicht haben zu viele falsche Passwörter den Benutzer gesperrt.',
   'why.psk-wrong': 'Der gemeinsame Schlüssel ist nicht der des Servers.',
-  'cure.psk-wrong': 'Geben Sie den gemeinsamen Schlüssel neu ein, oder bitten Sie um ein neues Profil.',
-  'why.server-cert-unknown': 'Das Zertifikat des Servers ist nicht von der Stelle im Profil unterschrieben.',
+  'cure.psk-wrong':
+    'Geben Sie den gemeinsamen Schlüssel neu ein, oder bitten Sie um ein neues Profil.',
+  'why.server-cert-unknown':
+    'Das Zertifikat des Servers ist nicht von der Stelle im Profil unterschrieben.',
   'cure.server-cert-unknown': 'Bitten Sie um ein neues Profil dieses Servers.',
   'why.server-cert-expired': 'Das Zertifikat des Servers ist abgelaufen.',
-  'cure.server-cert-expired': 'Der Server braucht ein neues Zertifikat. Prüfen Sie auch die Uhr dieses Geräts.',
+  'cure.server-cert-expired':
+    'Der Server braucht ein neues Zertifikat. Prüfen Sie auch die Uhr dieses Geräts.',
   'why.server-cert-not-yet': 'Das Zertifikat des Servers ist noch nicht gültig.',
   'cure.server-cert-not-yet': 'Prüfen Sie die Uhr dieses Geräts.',
   'why.own-cert-expired': 'Das eigene Zertifikat des Profils ist abgelaufen.',
   'cure.own-cert-expired': 'Bitten Sie um ein neues Profil.',
   'why.own-cert-refused': 'Der Server lehnt das eigene Zertifikat des Profils ab.',
   'cure.own-cert-refused': 'Bitten Sie um ein neues Profil.',
-  'why.no-common-cipher': 'Dieses Gerät und der Server haben kein gemeinsames Verschlüsselungsverfahren.',
+  'why.no-common-cipher':
+    'Dieses Gerät und der Server haben kein gemeinsames Verschlüsselungsverfahren.',
   'cure.no-common-cipher': 'Wählen Sie hier oder am Server eine andere Verschlüsselung.',
   'why.profile-not-allowed': 'Das Profil enthält eine Option, die hier nicht erlaubt ist.',
-  'cure.profile-not-allowed': 'Entfernen Sie die genannte Option und importieren Sie das Profil erneut.',
+  'cure.profile-not-allowed':
+    'Entfernen Sie die genannte Option und importieren Sie das Profil erneut.',
   'why.profile-unknown-option': 'OpenVPN lehnt eine Option des Profils ab.',
-  'cure.profile-unknown-option': 'Entfernen Sie die genannte Option und importieren Sie das Profil erneut.',
+  'cure.profile-unknown-option':
+    'Entfernen Sie die genannte Option und importieren Sie das Profil erneut.',
   'why.address-conflict': 'Die Adresse des Tunnels wird auf diesem Gerät schon benutzt.',
   'cure.address-conflict': 'Wählen Sie eine andere Adresse oder ein anderes Netz.',
   'why.port-taken': 'Der Port wird von einem anderen Programm benutzt.',
@@ -121,19 +133,22 @@ const german: Catalogue = {
   'why.daemon-missing': 'Ein Programm, das dieses Protokoll braucht, ist nicht installiert.',
   'cure.daemon-missing': 'Installieren Sie das genannte Programm.',
   'why.daemon-ended': 'Der Dienst hat sich unerwartet beendet.',
-  'cure.daemon-ended': 'Verbinden Sie oder schalten Sie erneut ein. Das Protokoll des Geräts sagt mehr.',
+  'cure.daemon-ended':
+    'Verbinden Sie oder schalten Sie erneut ein. Das Protokoll des Geräts sagt mehr.',
   'why.settings-bad': 'Eine Einstellung fehlt oder ist unbrauchbar.',
   'cure.settings-bad': 'Berichtigen Sie die genannte Einstellung.',
   'why.not-written': 'Eine Datei konnte nicht geschrieben werden.',
   'cure.not-written': 'Prüfen Sie den freien Platz auf dem Datenträger.',
   'why.no-handshake': 'Von der Gegenstelle kam nichts zurück.',
-  'cure.no-handshake': 'Prüfen Sie beide Schlüssel, die Adresse und den Port. Die Gegenstelle ist vielleicht aus.',
+  'cure.no-handshake':
+    'Prüfen Sie beide Schlüssel, die Adresse und den Port. Die Gegenstelle ist vielleicht aus.',
   'why.kicked': 'Der Server hat diese Verbindung getrennt.',
   'cure.kicked': 'Fragen Sie den Verwalter des Servers.',
   'why.server-full': 'Der Server hat keinen Platz für weitere Verbindungen.',
   'cure.server-full': 'Versuchen Sie es später, oder erhöhen Sie die Grenze des Servers.',
   'why.entrance-not-set': 'Die Firewall-Regeln für VPN-Verbindungen sind nicht eingerichtet.',
-  'cure.entrance-not-set': 'Verbindungen gelingen, erreichen aber nichts. Prüfen Sie, ob nftables oder iptables arbeitet.',
+  'cure.entrance-not-set':
+    'Verbindungen gelingen, erreichen aber nichts. Prüfen Sie, ob nftables oder iptables arbeitet.',
 
   'rule.required': 'Dies darf nicht leer sein.',
   'rule.address': 'Dies ist keine IPv4-Adresse wie 10.8.0.1.',
@@ -160,7 +175,8 @@ const german: Catalogue = {
   'do.companions': 'Fügen Sie die Dateien hinzu, die das Profil nennt, und nur diese.',
   'do.disk': 'Die Einstellungen konnten nicht gespeichert werden. Ist der Speicher voll?',
   'do.drovikTwice': 'Zu diesem Server und Port gibt es schon ein Drovik-Profil.',
-  'do.entrance': 'Das Gerät konnte seinen VPN-Eingang nicht öffnen. Starten Sie den Dienst neu und versuchen Sie es erneut.',
+  'do.entrance':
+    'Das Gerät konnte seinen VPN-Eingang nicht öffnen. Starten Sie den Dienst neu und versuchen Sie es erneut.',
   'do.form': 'Im Formular fehlt etwas, oder diese Seite ist veraltet. Laden Sie sie neu.',
   'do.full': 'Für ein weiteres Profil ist kein Platz. Entfernen Sie erst eines.',
   'do.gone': 'Es wurde inzwischen entfernt. Laden Sie die Seite neu.',
@@ -170,21 +186,26 @@ const german: Catalogue = {
   'do.logs': 'Versuchen Sie es erneut. Bleibt es dabei, sehen Sie in die Protokolle.',
   'do.name': 'Wählen Sie einen anderen Namen von höchstens 600 Byte.',
   'do.network': 'Prüfen Sie das Netz und die Adresse des Servers.',
-  'do.ovpn': 'Die Datei ist kein OpenVPN-Clientprofil, das hier laufen kann: Es braucht „client“, einen Server und ein „tun“-Gerät.',
+  'do.ovpn':
+    'Die Datei ist kein OpenVPN-Clientprofil, das hier laufen kann: Es braucht „client“, einen Server und ein „tun“-Gerät.',
   'do.ovpnFiles': 'Wählen Sie die richtige Zertifikats- oder Schlüsseldatei.',
-  'do.peer': 'Die laufende Schnittstelle verweigerte es. Speichern Sie den Server noch einmal und versuchen Sie es erneut.',
+  'do.peer':
+    'Die laufende Schnittstelle verweigerte es. Speichern Sie den Server noch einmal und versuchen Sie es erneut.',
   'do.peerIp': 'Wählen Sie eine Adresse im Netz des Servers.',
   'do.peerKey': 'Eine andere Gegenstelle hat diesen Schlüssel. Jedes Gerät braucht einen eigenen.',
-  'do.pool': 'Diese Adressen sind vergeben: an das Netz des Geräts, einen anderen Server, einen Tunnel oder eine Gegenstelle. Wählen Sie andere.',
+  'do.pool':
+    'Diese Adressen sind vergeben: an das Netz des Geräts, einen anderen Server, einen Tunnel oder eine Gegenstelle. Wählen Sie andere.',
   'do.port': 'Wählen Sie einen Port von 1 bis 65535.',
   'do.reach': 'Prüfen Sie Ihr Netz. Diese Seite macht von selbst weiter.',
-  'do.rules': 'Die Einstellungen sind gespeichert und der Server wurde neu gestartet, aber seine Firewall-Regeln wurden nicht geladen.',
+  'do.rules':
+    'Die Einstellungen sind gespeichert und der Server wurde neu gestartet, aber seine Firewall-Regeln wurden nicht geladen.',
   'do.service': 'Ein Dienst des Geräts antwortet nicht. Versuchen Sie es in einer Minute erneut.',
   'do.tunnel': 'Prüfen Sie Adresse, Konto und Schlüssel und verbinden Sie erneut.',
   'do.value': 'Prüfen Sie Ihre Eingaben.',
   'do.virtualIp': 'Wählen Sie eine andere virtuelle Adresse.',
   'do.wait': 'Es arbeitet vielleicht noch. Warten Sie etwas und sehen Sie noch einmal nach.',
-  'do.wireguardTwice': 'Ein anderes WireGuard-Profil benutzt diese Adresse, diesen Port oder Server.',
+  'do.wireguardTwice':
+    'Ein anderes WireGuard-Profil benutzt diese Adresse, diesen Port oder Server.',
 
   'traffic.title': 'Verkehr',
   'traffic.bits': 'Bit',
@@ -227,14 +248,17 @@ const german: Catalogue = {
   'server.address': 'Adresse des Servers im Tunnel',
   'server.mask': 'Präfixlänge',
   'server.key': 'Privater Schlüssel',
-  'server.keyHelp': 'Bleibt das Feld leer, wird ein neuer erzeugt. Mit einem anderen Schlüssel brauchen alle Geräte eine neue Konfiguration.',
+  'server.keyHelp':
+    'Bleibt das Feld leer, wird ein neuer erzeugt. Mit einem anderen Schlüssel brauchen alle Geräte eine neue Konfiguration.',
   'server.newKey': 'Neuen Schlüssel erzeugen',
   'server.otherKey': 'Schlüssel des Servers ersetzen?',
-  'server.otherKeyMany': 'Alle {n} Geräte funktionieren erst wieder, wenn jedes eine neue Konfiguration hat.',
+  'server.otherKeyMany':
+    'Alle {n} Geräte funktionieren erst wieder, wenn jedes eine neue Konfiguration hat.',
   'server.otherKeyOne': 'Ein Gerät funktioniert erst wieder, wenn es eine neue Konfiguration hat.',
   'server.otherKeyNow': 'Schlüssel ersetzen',
   'server.replaceKey': 'Schlüssel des Servers ersetzen',
-  'server.replaceKeyHelp': 'Nur wenn andere den Schlüssel kennen: Danach braucht jedes Gerät eine neue Konfiguration.',
+  'server.replaceKeyHelp':
+    'Nur wenn andere den Schlüssel kennen: Danach braucht jedes Gerät eine neue Konfiguration.',
   'server.working': 'Der Server wird eingerichtet …',
   'server.willDrop': 'Speichern startet den Server neu und trennt {n} Verbindungen.',
   'server.willDropOne': 'Speichern startet den Server neu und trennt eine Verbindung.',
@@ -245,17 +269,22 @@ const german: Catalogue = {
   'server.drops': '{n} Verbindungen werden getrennt.',
   'server.dropsOne': 'Eine Verbindung wird getrennt.',
   'server.files': 'Für die Clients',
-  'server.filesHelp': 'Geben Sie jedem Benutzer dieses Profil. Es enthält Adresse und Zertifikat; Benutzer melden sich mit eigenem Namen und Passwort an, sobald sie das Recht haben.',
+  'server.filesHelp':
+    'Geben Sie jedem Benutzer dieses Profil. Es enthält Adresse und Zertifikat; Benutzer melden sich mit eigenem Namen und Passwort an, sobald sie das Recht haben.',
   'server.toRights': 'Wer hat das Recht?',
-  'server.downloadAgain': 'Die Einstellungen haben sich seit dem letzten Herunterladen geändert. Laden Sie das Profil erneut herunter und geben Sie es den Benutzern.',
+  'server.downloadAgain':
+    'Die Einstellungen haben sich seit dem letzten Herunterladen geändert. Laden Sie das Profil erneut herunter und geben Sie es den Benutzern.',
   'server.profile': 'Profil herunterladen (.ovpn)',
   'server.certificate': 'Zertifikat herunterladen',
-  'conflict.pool': 'Der {server}-Server, der an ist, vergibt auch Adressen aus {network}. Wählen Sie ein anderes Netz oder schalten Sie ihn erst aus.',
-  'conflict.port': 'Der {server}-Server, der an ist, lauscht auch auf {port}. Wählen Sie einen anderen Port oder schalten Sie ihn erst aus.',
+  'conflict.pool':
+    'Der {server}-Server, der an ist, vergibt auch Adressen aus {network}. Wählen Sie ein anderes Netz oder schalten Sie ihn erst aus.',
+  'conflict.port':
+    'Der {server}-Server, der an ist, lauscht auch auf {port}. Wählen Sie einen anderen Port oder schalten Sie ihn erst aus.',
 
   'peer.title': 'Geräte',
   'peer.none': 'Noch darf sich kein Gerät verbinden.',
-  'peer.noKey': 'Speichern Sie den Server einmal: Er hat noch keinen Schlüssel, den man Geräten nennen könnte.',
+  'peer.noKey':
+    'Speichern Sie den Server einmal: Er hat noch keinen Schlüssel, den man Geräten nennen könnte.',
   'peer.add': 'Gerät hinzufügen',
   'peer.added': 'Das Gerät darf sich jetzt verbinden.',
   'peer.edit': 'Gerät bearbeiten',
@@ -274,7 +303,8 @@ const german: Catalogue = {
   'peer.remove': '{name} entfernen?',
   'peer.removeText': 'Das Gerät wird sofort getrennt und kann sich nicht mehr verbinden.',
   'peer.device': '{name} einrichten',
-  'peer.once': 'Dies wird einmal gezeigt. Der private Schlüssel des Geräts bleibt nicht auf dem NAS.',
+  'peer.once':
+    'Dies wird einmal gezeigt. Der private Schlüssel des Geräts bleibt nicht auf dem NAS.',
   'peer.close': 'Trotzdem schließen',
   'peer.copied': 'Kopiert.',
   'peer.copy': 'Kopieren',
@@ -285,13 +315,15 @@ const german: Catalogue = {
   'peer.renewNow': 'Erzeugen',
   'peer.renewText': 'Die Konfiguration, die das Gerät jetzt hat, gilt dann nicht mehr.',
   'peer.unkept': 'Ohne Sichern der Konfiguration schließen?',
-  'peer.unkeptText': 'Sie kann nicht noch einmal gezeigt werden. Hat das Gerät sie noch nicht, scannen, speichern oder kopieren Sie sie zuerst.',
+  'peer.unkeptText':
+    'Sie kann nicht noch einmal gezeigt werden. Hat das Gerät sie noch nicht, scannen, speichern oder kopieren Sie sie zuerst.',
   'peer.qr': 'QR-Code der Konfiguration',
   'peer.host': 'Adresse dieses Geräts, wie das andere es erreicht',
   'peer.hostHelp': 'Ein Name oder eine Adresse, die von dort aus gilt, wo das Gerät ist.',
   'peer.everything': 'Das Gerät sendet alles durch den Tunnel',
   'peer.file': 'Konfigurationsdatei',
-  'peer.atHome': 'Diese Adresse gilt nur in Ihrem eigenen Netz. Geben Sie den Namen oder die Adresse ein, unter der das Internet Sie erreicht.',
+  'peer.atHome':
+    'Diese Adresse gilt nur in Ihrem eigenen Netz. Geben Sie den Namen oder die Adresse ein, unter der das Internet Sie erreicht.',
   'peer.never': 'Nie gesehen',
   'peer.disable': 'Sperren',
   'peer.disableName': '{name} sperren',
@@ -307,7 +339,8 @@ const german: Catalogue = {
   'client.import': 'Dateien importieren',
   'client.dropHint': 'oder .ovpn- oder WireGuard-.conf-Dateien irgendwo hier ablegen',
   'client.drop': 'Dateien zum Importieren ablegen',
-  'client.none': 'Es ist kein Tunnel zu einem anderen Server eingerichtet. Fügen Sie einen hinzu oder legen Sie hier ein OpenVPN-Profil ab.',
+  'client.none':
+    'Es ist kein Tunnel zu einem anderen Server eingerichtet. Fügen Sie einen hinzu oder legen Sie hier ein OpenVPN-Profil ab.',
   'client.new': 'Neuer {protocol}-Tunnel',
   'client.edit': '{protocol}-Tunnel bearbeiten',
   'client.byFile': 'Aus einer Profildatei',
@@ -330,13 +363,15 @@ const german: Catalogue = {
   'client.dnsSwitch': 'Einen Nameserver hinter dem Tunnel benutzen',
   'client.listen': 'Unser Port',
   'client.listenHelp': '0 für einen beliebigen.',
-  'client.editLive': 'Speichern trennt den Tunnel, der in Gebrauch ist. Verbinden Sie ihn danach wieder.',
+  'client.editLive':
+    'Speichern trennt den Tunnel, der in Gebrauch ist. Verbinden Sie ihn danach wieder.',
   'client.local': 'Unsere Adresse',
   'client.received': 'Empfangen',
   'client.sentBytes': 'Gesendet',
   'client.now': 'Jetzt',
   'client.waiting': 'Verbindet, {n}',
-  'client.long': 'Das dauert länger als üblich. Es wird weiter versucht; Sie können aufgeben und Adresse, Konto und Schlüssel prüfen.',
+  'client.long':
+    'Das dauert länger als üblich. Es wird weiter versucht; Sie können aufgeben und Adresse, Konto und Schlüssel prüfen.',
   'client.failed': 'Der letzte Versuch schlug fehl (Fehler {code}).',
   'client.connect': 'Verbinden',
   'client.connectName': '{name} verbinden',
@@ -346,11 +381,13 @@ const german: Catalogue = {
   'client.giveUpName': '{name} aufgeben',
   'client.removeText': 'Das Profil und seine Schlüssel werden gelöscht.',
   'client.removeLive': 'Der Tunnel wird getrennt, das Profil und seine Schlüssel werden gelöscht.',
-  'client.full': 'Alle {most} Profile sind vergeben. Entfernen Sie eines, um ein anderes hinzuzufügen.',
+  'client.full':
+    'Alle {most} Profile sind vergeben. Entfernen Sie eines, um ein anderes hinzuzufügen.',
   'client.gaveUp': 'Der letzte Versuch wurde nach {time} aufgegeben.',
 
   'import.title': 'OpenVPN-Profile importieren',
-  'import.zone': 'Legen Sie hier .ovpn-Dateien ab, zusammen mit den Zertifikaten und Schlüsseln, die sie nennen.',
+  'import.zone':
+    'Legen Sie hier .ovpn-Dateien ab, zusammen mit den Zertifikaten und Schlüsseln, die sie nennen.',
   'import.choose': 'Dateien wählen',
   'import.other': 'Andere wählen',
   'import.asking': 'Das Gerät prüft das Profil …',
@@ -385,11 +422,13 @@ const german: Catalogue = {
   'kick.held': 'Getrennt und ausgesperrt.',
   'kick.minutes': 'Aussperren für Minuten ({least} bis {most})',
   'kick.minutesHelp': 'Bei 0 kann sich der Benutzer sofort wieder verbinden.',
-  'kick.device': 'Ein WireGuard-Gerät hat keine Sitzung, die enden könnte; es wird eine Zeit lang ausgesperrt.',
+  'kick.device':
+    'Ein WireGuard-Gerät hat keine Sitzung, die enden könnte; es wird eine Zeit lang ausgesperrt.',
   'doctor.ask': 'Was ist los?',
   'doctor.askName': 'Was ist los? {name}',
   'doctor.title': 'Was ist mit {name} los?',
-  'doctor.looking': 'Wird untersucht. Das kann 40 Sekunden dauern; angemeldet wird höchstens einmal.',
+  'doctor.looking':
+    'Wird untersucht. Das kann 40 Sekunden dauern; angemeldet wird höchstens einmal.',
   'doctor.step': 'Schritt',
   'doctor.result': 'Ergebnis',
   'doctor.found': 'Befund',
@@ -414,14 +453,15 @@ const german: Catalogue = {
   'report.added': 'Der Tunnel bekommt außerdem: {options}',
   'report.days': 'Zertifikat {role} ({name}): noch {n} Tage gültig',
   'report.expired': 'Zertifikat {role} ({name}) ist seit {n} Tagen abgelaufen',
-  'holds': 'Für eine Zeit ausgesperrt',
+  holds: 'Für eine Zeit ausgesperrt',
   'holds.until': 'Bis',
   'holds.by': 'Von',
   'holds.lift': 'Wieder zulassen',
   'holds.liftName': 'Wieder zulassen: {name}',
 
   'rights.title': 'Wer welchen Server benutzen darf',
-  'rights.help': 'Ein entzogenes Recht trennt die Verbindung des Benutzers sofort. WireGuard-Geräte brauchen kein Recht: Sie stehen bei diesem Server.',
+  'rights.help':
+    'Ein entzogenes Recht trennt die Verbindung des Benutzers sofort. WireGuard-Geräte brauchen kein Recht: Sie stehen bei diesem Server.',
   'rights.source': 'Benutzer von',
   'rights.local': 'Dieses Gerät',
   'rights.remote': 'Verzeichnis',
@@ -471,10 +511,12 @@ const german: Catalogue = {
   'gateway.never': 'Nie',
   'gateway.snat': 'Das eigene Netz hinter dem Tunnel verbergen',
   'gateway.snatHelp': 'Quell-NAT; nötig, wenn die Gegenseite den Rückweg nicht kennt.',
-  'gateway.noTunnels': 'Es gibt noch keinen Tunnel, der das Gateway sein könnte. Fügen Sie unter „VPN-Clients“ einen hinzu.',
+  'gateway.noTunnels':
+    'Es gibt noch keinen Tunnel, der das Gateway sein könnte. Fügen Sie unter „VPN-Clients“ einen hinzu.',
   'guard.title': 'Schutz',
   'guard.mode': 'Verkehr ohne Tunnel',
-  'guard.modeHelp': 'Zurückgehaltener Verkehr wartet, bis ein Tunnel steht, auch nach einem Neustart.',
+  'guard.modeHelp':
+    'Zurückgehaltener Verkehr wartet, bis ein Tunnel steht, auch nach einem Neustart.',
   'guard.off': 'Nach einer Weile erlaubt',
   'guard.on': 'Zurückgehalten, solange ein Tunnel das Standard-Gateway ist',
   'guard.strict': 'Immer zurückgehalten',
@@ -485,12 +527,15 @@ const german: Catalogue = {
   'guard.ipv6': 'IPv6 sperren',
   'guard.ipv6Help': 'Kein Tunnel überträgt IPv6.',
   'guard.holding': 'Der Internetverkehr wird zurückgehalten, bis ein Tunnel steht.',
-  'guard.failed': 'Der Schutz wirkt nicht: Sein Filter fehlt. Speichern Sie die Einstellung erneut oder sehen Sie ins Systemprotokoll.',
+  'guard.failed':
+    'Der Schutz wirkt nicht: Sein Filter fehlt. Speichern Sie die Einstellung erneut oder sehen Sie ins Systemprotokoll.',
   'guard.unknown': 'Der Netzwerkdienst antwortet nicht, der Zustand des Schutzes ist unbekannt.',
-  'guard.paused': 'Der Schutz ruht bis zum Neustart des Geräts. Speichern Sie die Einstellung unten, um das zu beenden.',
+  'guard.paused':
+    'Der Schutz ruht bis zum Neustart des Geräts. Speichern Sie die Einstellung unten, um das zu beenden.',
   'guard.stopped': '{n} Pakete gestoppt.',
   'guard.release': 'Verkehr bis zum Neustart erlauben',
-  'guard.releaseText': 'Bis zum Neustart des Geräts geht der Verkehr ohne Tunnel hinaus. Die Einstellung bleibt.',
+  'guard.releaseText':
+    'Bis zum Neustart des Geräts geht der Verkehr ohne Tunnel hinaus. Die Einstellung bleibt.',
 
   'logs.event': 'Ereignisse',
   'logs.server': 'Server',
@@ -524,15 +569,19 @@ const german: Catalogue = {
 
   'sdwan.notHere': 'Der SD-WAN-Dienst ist auf diesem Gerät nicht installiert.',
   'sdwan.join': 'Einem SD-WAN beitreten',
-  'sdwan.about': 'Eine Organisation verbindet ihre Standorte durch Tunnel, die der Anbieter einrichtet. Der Beitritt braucht vier Schritte.',
+  'sdwan.about':
+    'Eine Organisation verbindet ihre Standorte durch Tunnel, die der Anbieter einrichtet. Der Beitritt braucht vier Schritte.',
   'sdwan.check': 'Dieses Gerät prüfen',
   'sdwan.begin': 'Beginnen',
   'sdwan.internet': 'Internet',
   'sdwan.cloudRegion': 'Weltregion',
   'sdwan.kernel': 'Kernel für die Tunnel geeignet',
-  'sdwan.noKernel': 'Dem Kernel fehlt ein Modul (ipip oder fou), das Tunnel zu manchen Hubs brauchen. Beitreten können Sie trotzdem.',
-  'sdwan.noInternet': 'Das Gerät erreicht das Internet nicht. Prüfen Sie sein Netz und versuchen Sie es erneut.',
-  'sdwan.l2tp': 'Der L2TP/IPsec-Server ist an und stört die Tunnel des SD-WAN. Schalten Sie ihn erst aus.',
+  'sdwan.noKernel':
+    'Dem Kernel fehlt ein Modul (ipip oder fou), das Tunnel zu manchen Hubs brauchen. Beitreten können Sie trotzdem.',
+  'sdwan.noInternet':
+    'Das Gerät erreicht das Internet nicht. Prüfen Sie sein Netz und versuchen Sie es erneut.',
+  'sdwan.l2tp':
+    'Der L2TP/IPsec-Server ist an und stört die Tunnel des SD-WAN. Schalten Sie ihn erst aus.',
   'sdwan.account': 'Beim Anbieter anmelden',
   'sdwan.loginPage': 'Anmeldung des Anbieters öffnen',
   'sdwan.code': 'Code der Anmeldung',
@@ -554,13 +603,15 @@ const german: Catalogue = {
   'sdwan.up': 'Aktiv',
   'sdwan.down': 'Inaktiv',
   'sdwan.partly': 'Teilweise aktiv',
-  'sdwan.tooLong': 'Eine Verbindung fehlt zu lange. Prüfen Sie das Netz, oder treten Sie aus und wieder ein.',
+  'sdwan.tooLong':
+    'Eine Verbindung fehlt zu lange. Prüfen Sie das Netz, oder treten Sie aus und wieder ein.',
   'sdwan.here': 'Dieses Gerät',
   'sdwan.by': 'Verbunden über',
   'sdwan.serial': 'Seriennummer',
   'sdwan.hub': 'Hub',
   'sdwan.virtual': 'Virtuelle Adresse',
-  'sdwan.virtualHelp': 'Unter ihr erreichen die anderen Mitglieder dieses Gerät. Sie wird geprüft, bevor sie benutzt werden kann.',
+  'sdwan.virtualHelp':
+    'Unter ihr erreichen die anderen Mitglieder dieses Gerät. Sie wird geprüft, bevor sie benutzt werden kann.',
   'sdwan.checkIp': 'Prüfen',
   'sdwan.useIp': 'Benutzen',
   'sdwan.free': 'Diese Adresse ist frei.',
@@ -568,7 +619,8 @@ const german: Catalogue = {
   'sdwan.suggested': '{ip} nehmen',
   'sdwan.leave': 'Das SD-WAN verlassen',
   'sdwan.leaveHelp': 'Die Tunnel zu den anderen Mitgliedern enden.',
-  'sdwan.leaveText': 'Dieses Gerät wird aus seiner Organisation entfernt, und seine Agenten werden beendet.',
+  'sdwan.leaveText':
+    'Dieses Gerät wird aus seiner Organisation entfernt, und seine Agenten werden beendet.',
   'sdwan.left': 'Dieses Gerät ist ausgetreten.',
   'sdwan.amount': 'Verkehr',
   'sdwan.daily': 'Verkehr der letzten Tage',
@@ -577,7 +629,7 @@ const german: Catalogue = {
   'sdwan.ofTotal': '{left} von {total}',
   'sdwan.quota': 'Kontingent',
 
-  'account': 'Konto',
+  account: 'Konto',
   'account.auto': 'Wie das System',
   'account.dark': 'Dunkel',
   'account.idle': 'Die Sitzung endet auch nach 30 Minuten ohne Anfrage.',
@@ -588,7 +640,8 @@ const german: Catalogue = {
   'account.until': 'Sitzung endet',
   'account.version': 'Version',
 
-  'idle.text': 'Solange niemand hier ist, wird das Gerät nicht gefragt, damit die Sitzung enden kann. Bewegen Sie die Maus oder drücken Sie eine Taste.',
+  'idle.text':
+    'Solange niemand hier ist, wird das Gerät nicht gefragt, damit die Sitzung enden kann. Bewegen Sie die Maus oder drücken Sie eine Taste.',
   'idle.title': 'Nach 15 Minuten ohne Eingabe angehalten.',
 
   'list.all': 'Alle',
@@ -607,17 +660,21 @@ const german: Catalogue = {
   'road.accountsHelp': 'Ein Profil für alle; jeder meldet sich mit eigenem Namen und Passwort an.',
   'road.begin': 'Beginnen',
   'road.connect': 'Dieses Büro mit einem anderen verbinden',
-  'road.connectHelp': 'Fügen Sie einen Tunnel aus einer Profildatei oder mit Adresse und Konto hinzu und verbinden Sie ihn.',
+  'road.connectHelp':
+    'Fügen Sie einen Tunnel aus einer Profildatei oder mit Adresse und Konto hinzu und verbinden Sie ihn.',
   'road.device': 'Name des Geräts',
   'road.deviceHelp': 'Etwa „Annas Telefon“.',
   'road.handOver': 'Erlauben und Profil herunterladen',
-  'road.handed': 'Geben Sie diesen Benutzern die Datei. Sie öffnen sie mit einer OpenVPN-App und melden sich mit eigenem Namen und Passwort an.',
+  'road.handed':
+    'Geben Sie diesen Benutzern die Datei. Sie öffnen sie mit einer OpenVPN-App und melden sich mit eigenem Namen und Passwort an.',
   'road.isOn': 'Der {server}-Server ist an.',
   'road.letIn': 'Personen hereinlassen',
   'road.letInHelp': 'Telefone, Laptops und Kollegen erreichen dieses Netz von überall.',
   'road.phones': 'Telefone und Laptops (WireGuard)',
-  'road.phonesHelp': 'Ein Schlüssel je Gerät, übergeben als QR-Code oder Datei. Ein Konto braucht es nicht.',
-  'road.sdwanHelp': 'Alle Standorte einer Organisation durch Tunnel verbinden, die der Anbieter einrichtet.',
+  'road.phonesHelp':
+    'Ein Schlüssel je Gerät, übergeben als QR-Code oder Datei. Ein Konto braucht es nicht.',
+  'road.sdwanHelp':
+    'Alle Standorte einer Organisation durch Tunnel verbinden, die der Anbieter einrichtet.',
   'road.who': 'Wer darf sich verbinden?',
 
   'user.about': 'Über {name}',
@@ -635,8 +692,10 @@ const german: Catalogue = {
 
   'refused.wrong-password': 'Falsches Passwort.',
   'refused.no-right-to-use-this-server': 'Kein Recht, diesen Server zu benutzen.',
-  'refused.blocked-after-too-many-wrong-passwords': 'Nach zu vielen falschen Passwörtern ausgesperrt.',
-  'refused.user-name-or-password-with-a-line-break': 'Benutzername oder Passwort enthält einen Zeilenumbruch.',
+  'refused.blocked-after-too-many-wrong-passwords':
+    'Nach zu vielen falschen Passwörtern ausgesperrt.',
+  'refused.user-name-or-password-with-a-line-break':
+    'Benutzername oder Passwort enthält einen Zeilenumbruch.',
   'refused.kept-out-by-an-administrator': 'Von einem Administrator ausgesperrt.',
   'refused.other-logins-take-too-long': 'Das Gerät war mit anderen Anmeldungen beschäftigt.',
 
@@ -644,7 +703,8 @@ const german: Catalogue = {
   'bell.one': 'Benachrichtigungen: {n} neue Warnung',
   'bell.some': 'Benachrichtigungen: {n} neue Warnungen',
 
-  'keeper.help': 'Was eingeschaltet ist, wird neu gestartet, wenn es endet, und beim Start des Geräts.',
+  'keeper.help':
+    'Was eingeschaltet ist, wird neu gestartet, wenn es endet, und beim Start des Geräts.',
   'keeper.nothing': 'Kein Server und kein Tunnel ist eingeschaltet.',
   'keeper.restarts': '{n}-mal neu gestartet, zuletzt {when}',
   'keeper.state': '{state} seit {for}',
@@ -664,7 +724,8 @@ const german: Catalogue = {
   'kind.back': 'Ein verlorener Tunnel ist wieder verbunden',
   'kind.endpoint': 'Ein WireGuard-Server wurde unter neuer Adresse gefunden',
   'kind.gateway': 'Ein anderer Tunnel oder die eigene Route ist jetzt das Standard-Gateway',
-  'kind.guard': 'Der Wächter hält Verkehr zurück, oder ein anderes Programm hat seinen Filter entfernt',
+  'kind.guard':
+    'Der Wächter hält Verkehr zurück, oder ein anderes Programm hat seinen Filter entfernt',
   'kind.locked': 'Ein Benutzer ist wegen falscher Passwörter gesperrt',
   'kind.daemon': 'Ein Dienst des Systems antwortet nicht oder antwortet wieder',
   'kind.disk': 'Ein Datenträger ist fast voll oder hat wieder Platz',
@@ -688,12 +749,14 @@ const german: Catalogue = {
   'notify.quiet': 'Seit dem Start des Keepers ist nichts geschehen.',
   'notify.receivers': 'Wer benachrichtigt wird',
   'notify.removeText': '{url} wird über kein Ereignis mehr benachrichtigt.',
-  'notify.secretText': 'Mit diesem Geheimnis prüft der Empfänger, ob eine Benachrichtigung von diesem Gerät kommt. Es wird nur einmal angezeigt.',
+  'notify.secretText':
+    'Mit diesem Geheimnis prüft der Empfänger, ob eine Benachrichtigung von diesem Gerät kommt. Es wird nur einmal angezeigt.',
   'notify.secretTitle': 'Geheimnis der Signatur',
   'notify.test': 'Testen',
   'notify.testName': 'Test an {name} senden',
   'notify.url': 'Adresse',
-  'notify.urlHelp': 'https://… eines Webhooks oder mail:BENUTZER für Mail an einen Benutzer dieses Geräts.',
+  'notify.urlHelp':
+    'https://… eines Webhooks oder mail:BENUTZER für Mail an einen Benutzer dieses Geräts.',
   'notify.what': 'Ereignis',
   'notify.when': 'Zeit',
 }

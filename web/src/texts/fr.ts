@@ -1,14 +1,14 @@
 import type { Catalogue } from '../texts'
 
 const french: Catalogue = {
-  'actions': 'Actions',
-  'auth': 'Authentification',
-  'cancel': 'Annuler',
-  'close': 'Fermer',
-  'compress': 'Compresser les données',
-  'edit': 'Modifier',
+  actions: 'Actions',
+  auth: 'Authentification',
+  cancel: 'Annuler',
+  close: 'Fermer',
+  compress: 'Compresser les données',
+  edit: 'Modifier',
   'edit.name': 'Modifier {name}',
-  'enc': 'Chiffrement',
+  enc: 'Chiffrement',
   'enc.none': 'Aucun',
   'enc.pptpHigh': 'MPPE, 128 bits',
   'enc.pptpMedium': 'MPPE, 40 ou 128 bits',
@@ -20,24 +20,25 @@ const french: Catalogue = {
   'leave.go': 'Abandonner',
   'leave.text': 'Votre saisie n’a pas été enregistrée.',
   'leave.title': 'Abandonner votre saisie ?',
-  'logout': 'Se déconnecter',
-  'name': 'Nom',
-  'no': 'Non',
-  'port': 'Port',
-  'protocol': 'Protocole',
-  'psk': 'Clé prépartagée',
-  'remove': 'Supprimer',
+  logout: 'Se déconnecter',
+  name: 'Nom',
+  no: 'Non',
+  port: 'Port',
+  protocol: 'Protocole',
+  psk: 'Clé prépartagée',
+  remove: 'Supprimer',
   'remove.name': 'Supprimer {name}',
-  'removed': 'Supprimé.',
-  'retry': 'Réessayer',
-  'save': 'Enregistrer',
-  'saved': 'Enregistré.',
-  'unsaved': 'Les réglages ne peuvent pas être enregistrés.',
-  'unsaved.advice': 'Ce que vous changez maintenant sera perdu. Libérez de la place sous /etc/config ou rendez-le accessible en écriture ; le journal des événements nomme le fichier et la raison.',
-  'skip': 'Aller au contenu',
-  'transport': 'Transport',
-  'wait': 'Veuillez patienter',
-  'yes': 'Oui',
+  removed: 'Supprimé.',
+  retry: 'Réessayer',
+  save: 'Enregistrer',
+  saved: 'Enregistré.',
+  unsaved: 'Les réglages ne peuvent pas être enregistrés.',
+  'unsaved.advice':
+    'Ce que vous changez maintenant sera perdu. Libérez de la place sous /etc/config ou rendez-le accessible en écriture ; le journal des événements nomme le fichier et la raison.',
+  skip: 'Aller au contenu',
+  transport: 'Transport',
+  wait: 'Veuillez patienter',
+  yes: 'Oui',
 
   'nav.label': 'Pages',
   'nav.menu': 'Menu',
@@ -89,17 +90,22 @@ const french: Catalogue = {
   'why.no-route': 'Aucune route ne mène au serveur.',
   'cure.no-route': 'Vérifiez le réseau de cet appareil et sa passerelle par défaut.',
   'why.no-answer': 'Le serveur ne répond pas.',
-  'cure.no-answer': 'Vérifiez l’adresse, le port et le protocole. Le serveur est peut-être arrêté, un pare-feu se trouve sur le chemin, ou il ignore une mauvaise clé.',
-  'why.login-refused': 'Le serveur a refusé la connexion : nom d’utilisateur ou mot de passe incorrect.',
-  'cure.login-refused': 'Saisissez de nouveau le mot de passe. Aucune autre tentative n’est faite, car elle pourrait bloquer le compte.',
+  'cure.no-answer':
+    'Vérifiez l’adresse, le port et le protocole. Le serveur est peut-être arrêté, un pare-feu se trouve sur le chemin, ou il ignore une mauvaise clé.',
+  'why.login-refused':
+    'Le serveur a refusé la connexion : nom d’utilisateur ou mot de passe incorrect.',
+  'cure.login-refused':
+    'Saisissez de nouveau le mot de passe. Aucune autre tentative n’est faite, car elle pourrait bloquer le compte.',
   'why.login-later': 'Le serveur n’accepte pas cet utilisateur pour le moment.',
-  'cure.login-later': 'Une nouvelle tentative aura lieu plus tard. Trop de mots de passe incorrects ont peut-être bloqué l’utilisateur.',
+  'cure.login-later':
+    'Une nouvelle tentative aura lieu plus tard. Trop de mots de passe incorrects ont peut-être bloqué l’utilisateur.',
   'why.psk-wrong': 'La clé prépartagée n’est pas celle du serveur.',
   'cure.psk-wrong': 'Saisissez de nouveau la clé prépartagée, ou demandez un nouveau profil.',
   'why.server-cert-unknown': 'Le certificat du serveur n’est pas signé par l’autorité du profil.',
   'cure.server-cert-unknown': 'Demandez un nouveau profil de ce serveur.',
   'why.server-cert-expired': 'Le certificat du serveur a expiré.',
-  'cure.server-cert-expired': 'Le serveur a besoin d’un nouveau certificat. Vérifiez aussi l’horloge de cet appareil.',
+  'cure.server-cert-expired':
+    'Le serveur a besoin d’un nouveau certificat. Vérifiez aussi l’horloge de cet appareil.',
   'why.server-cert-not-yet': 'Le certificat du serveur n’est pas encore valable.',
   'cure.server-cert-not-yet': 'Vérifiez l’horloge de cet appareil.',
   'why.own-cert-expired': 'Le certificat du profil a expiré.',
@@ -121,19 +127,22 @@ const french: Catalogue = {
   'why.daemon-missing': 'Un programme dont ce protocole a besoin n’est pas installé.',
   'cure.daemon-missing': 'Installez le programme nommé.',
   'why.daemon-ended': 'Le service s’est arrêté de façon inattendue.',
-  'cure.daemon-ended': 'Connectez-vous ou activez-le de nouveau. Le journal de l’appareil en dit plus.',
+  'cure.daemon-ended':
+    'Connectez-vous ou activez-le de nouveau. Le journal de l’appareil en dit plus.',
   'why.settings-bad': 'Un réglage manque ou n’est pas utilisable.',
   'cure.settings-bad': 'Corrigez le réglage nommé.',
   'why.not-written': 'Un fichier n’a pas pu être écrit.',
   'cure.not-written': 'Vérifiez l’espace libre du disque.',
   'why.no-handshake': 'Le pair n’a rien répondu.',
-  'cure.no-handshake': 'Vérifiez les deux clés, l’adresse et le port. Le pair est peut-être arrêté.',
+  'cure.no-handshake':
+    'Vérifiez les deux clés, l’adresse et le port. Le pair est peut-être arrêté.',
   'why.kicked': 'Le serveur a déconnecté ce client.',
   'cure.kicked': 'Adressez-vous à l’administrateur du serveur.',
   'why.server-full': 'Le serveur n’a plus de place pour un autre client.',
   'cure.server-full': 'Réessayez plus tard, ou relevez la limite du serveur.',
   'why.entrance-not-set': 'Les règles de pare-feu pour les clients VPN ne sont pas en place.',
-  'cure.entrance-not-set': 'Les clients se connectent, mais n’atteignent rien. Vérifiez que nftables ou iptables fonctionne.',
+  'cure.entrance-not-set':
+    'Les clients se connectent, mais n’atteignent rien. Vérifiez que nftables ou iptables fonctionne.',
 
   'rule.required': 'Ce champ ne doit pas être vide.',
   'rule.address': 'Saisissez une adresse IPv4, par exemple 10.8.0.1.',
@@ -156,11 +165,13 @@ const french: Catalogue = {
   'do.cloud': 'Le service cloud a refusé la demande. Réessayez plus tard.',
   'do.cloudLogin': 'Connectez-vous de nouveau chez le fournisseur.',
   'do.hangs': 'Le serveur est peut-être bloqué. Arrêtez-le et redémarrez-le.',
-  'do.command': 'Un programme de l’appareil a échoué. Vérifiez que le service fonctionne ; les journaux donnent les détails.',
+  'do.command':
+    'Un programme de l’appareil a échoué. Vérifiez que le service fonctionne ; les journaux donnent les détails.',
   'do.companions': 'Ajoutez les fichiers que le profil nomme, et seulement ceux-là.',
   'do.disk': 'Les réglages n’ont pas pu être enregistrés. Le disque est-il plein ?',
   'do.drovikTwice': 'Un profil Drovik existe déjà pour ce serveur et ce port.',
-  'do.entrance': 'L’appareil n’a pas pu mettre en place ses règles d’accès VPN. Redémarrez le service, puis réessayez.',
+  'do.entrance':
+    'L’appareil n’a pas pu mettre en place ses règles d’accès VPN. Redémarrez le service, puis réessayez.',
   'do.form': 'Un champ manque, ou cette page n’est plus à jour. Rechargez-la.',
   'do.full': 'Il n’y a plus de place pour un autre profil. Supprimez-en un d’abord.',
   'do.gone': 'Cela a été supprimé entre-temps. Rechargez la page.',
@@ -170,20 +181,24 @@ const french: Catalogue = {
   'do.logs': 'Réessayez. Si l’échec persiste, consultez les journaux.',
   'do.name': 'Choisissez un autre nom, de 600 octets au plus.',
   'do.network': 'Vérifiez le réseau et l’adresse du serveur.',
-  'do.ovpn': 'Ce fichier n’est pas un profil client OpenVPN utilisable ici : il faut « client », un serveur et un périphérique « tun ».',
+  'do.ovpn':
+    'Ce fichier n’est pas un profil client OpenVPN utilisable ici : il faut « client », un serveur et un périphérique « tun ».',
   'do.ovpnFiles': 'Choisissez le bon fichier de certificat ou de clé.',
   'do.peer': 'L’interface active a refusé. Enregistrez de nouveau le serveur, puis réessayez.',
   'do.peerIp': 'Choisissez une adresse du réseau du serveur.',
   'do.peerKey': 'Un autre pair a cette clé. Chaque appareil a besoin de la sienne.',
-  'do.pool': 'Ces adresses sont déjà utilisées : par le réseau de l’appareil, un autre serveur, un tunnel ou un pair. Choisissez-en d’autres.',
+  'do.pool':
+    'Ces adresses sont déjà utilisées : par le réseau de l’appareil, un autre serveur, un tunnel ou un pair. Choisissez-en d’autres.',
   'do.port': 'Choisissez un port de 1 à 65535.',
   'do.reach': 'Vérifiez votre réseau. Cette page se reconnecte automatiquement.',
-  'do.rules': 'Les réglages sont enregistrés et le serveur a redémarré, mais ses règles de pare-feu n’ont pas été chargées.',
+  'do.rules':
+    'Les réglages sont enregistrés et le serveur a redémarré, mais ses règles de pare-feu n’ont pas été chargées.',
   'do.service': 'Un service de l’appareil ne répond pas. Réessayez dans une minute.',
   'do.tunnel': 'Vérifiez l’adresse, le compte et les clés, puis reconnectez-vous.',
   'do.value': 'Vérifiez votre saisie.',
   'do.virtualIp': 'Choisissez une autre adresse virtuelle.',
-  'do.wait': 'L’opération est peut-être encore en cours. Attendez un moment et vérifiez de nouveau.',
+  'do.wait':
+    'L’opération est peut-être encore en cours. Attendez un moment et vérifiez de nouveau.',
   'do.wireguardTwice': 'Un autre profil WireGuard utilise cette adresse, ce port ou ce serveur.',
 
   'traffic.title': 'Trafic',
@@ -212,7 +227,8 @@ const french: Catalogue = {
   'server.off': 'Arrêté',
   'server.enable': 'Le serveur est activé',
   'server.pool': 'Réseau des clients',
-  'server.poolHelp': 'La première adresse d’un réseau privé pour 254 clients, par exemple 10.8.0.0.',
+  'server.poolHelp':
+    'La première adresse d’un réseau privé pour 254 clients, par exemple 10.8.0.0.',
   'server.maximum': 'Nombre maximal de clients simultanés',
   'server.mss': 'Taille de segment, octets',
   'server.pskHelp': 'Les clients en ont besoin en plus de leur mot de passe.',
@@ -227,14 +243,18 @@ const french: Catalogue = {
   'server.address': 'Adresse du serveur dans le tunnel',
   'server.mask': 'Longueur du préfixe',
   'server.key': 'Clé privée',
-  'server.keyHelp': 'Laissez vide pour créer une nouvelle clé. Tous les appareils auront alors besoin d’une nouvelle configuration.',
+  'server.keyHelp':
+    'Laissez vide pour créer une nouvelle clé. Tous les appareils auront alors besoin d’une nouvelle configuration.',
   'server.newKey': 'Créer une nouvelle clé',
   'server.otherKey': 'Remplacer la clé du serveur ?',
-  'server.otherKeyMany': 'Les {n} appareils ne fonctionneront plus tant que chacun n’aura pas une nouvelle configuration.',
-  'server.otherKeyOne': 'Un appareil ne fonctionnera plus tant qu’il n’aura pas une nouvelle configuration.',
+  'server.otherKeyMany':
+    'Les {n} appareils ne fonctionneront plus tant que chacun n’aura pas une nouvelle configuration.',
+  'server.otherKeyOne':
+    'Un appareil ne fonctionnera plus tant qu’il n’aura pas une nouvelle configuration.',
   'server.otherKeyNow': 'Remplacer la clé',
   'server.replaceKey': 'Remplacer la clé du serveur',
-  'server.replaceKeyHelp': 'Seulement si la clé est connue d’autres personnes : chaque appareil aura ensuite besoin d’une nouvelle configuration.',
+  'server.replaceKeyHelp':
+    'Seulement si la clé est connue d’autres personnes : chaque appareil aura ensuite besoin d’une nouvelle configuration.',
   'server.working': 'Mise en place du serveur …',
   'server.willDrop': 'L’enregistrement redémarre le serveur et coupe {n} connexions.',
   'server.willDropOne': 'L’enregistrement redémarre le serveur et coupe une connexion.',
@@ -245,17 +265,22 @@ const french: Catalogue = {
   'server.drops': '{n} connexions seront coupées.',
   'server.dropsOne': 'Une connexion sera coupée.',
   'server.files': 'Pour les clients',
-  'server.filesHelp': 'Donnez ce profil à chaque utilisateur. Il contient l’adresse et le certificat ; les utilisateurs se connectent avec leur nom et leur mot de passe dès qu’ils en ont le droit.',
+  'server.filesHelp':
+    'Donnez ce profil à chaque utilisateur. Il contient l’adresse et le certificat ; les utilisateurs se connectent avec leur nom et leur mot de passe dès qu’ils en ont le droit.',
   'server.toRights': 'Qui en a le droit ?',
-  'server.downloadAgain': 'Les réglages ont changé depuis le dernier téléchargement du profil. Téléchargez-le de nouveau et donnez-le aux utilisateurs.',
+  'server.downloadAgain':
+    'Les réglages ont changé depuis le dernier téléchargement du profil. Téléchargez-le de nouveau et donnez-le aux utilisateurs.',
   'server.profile': 'Télécharger le profil (.ovpn)',
   'server.certificate': 'Télécharger le certificat',
-  'conflict.pool': 'Le serveur {server}, qui est activé, attribue aussi des adresses de {network}. Choisissez un autre réseau, ou arrêtez-le d’abord.',
-  'conflict.port': 'Le serveur {server}, qui est activé, écoute aussi sur {port}. Choisissez un autre port, ou arrêtez-le d’abord.',
+  'conflict.pool':
+    'Le serveur {server}, qui est activé, attribue aussi des adresses de {network}. Choisissez un autre réseau, ou arrêtez-le d’abord.',
+  'conflict.port':
+    'Le serveur {server}, qui est activé, écoute aussi sur {port}. Choisissez un autre port, ou arrêtez-le d’abord.',
 
   'peer.title': 'Appareils',
   'peer.none': 'Aucun appareil pour le moment.',
-  'peer.noKey': 'Enregistrez d’abord le serveur : les appareils ont besoin de sa clé, qui n’existe pas encore.',
+  'peer.noKey':
+    'Enregistrez d’abord le serveur : les appareils ont besoin de sa clé, qui n’existe pas encore.',
   'peer.add': 'Ajouter un appareil',
   'peer.added': 'L’appareil peut maintenant se connecter.',
   'peer.edit': 'Modifier l’appareil',
@@ -264,7 +289,8 @@ const french: Catalogue = {
   'peer.ownKeyHelp': 'Sinon une paire de clés est créée ici et affichée une seule fois.',
   'peer.publicKey': 'Clé publique de l’appareil',
   'peer.keepalive': 'Intervalle de maintien (secondes)',
-  'peer.keepaliveHelp': '0 le désactive. 25 garde la connexion ouverte à travers la plupart des routeurs.',
+  'peer.keepaliveHelp':
+    '0 le désactive. 25 garde la connexion ouverte à travers la plupart des routeurs.',
   'peer.endpoint': 'Adresse de l’appareil, si elle est fixe',
   'peer.endpointHelp': 'Hôte et port, par exemple 203.0.113.5:51820. Généralement vide.',
   'peer.psk': 'Clé prépartagée',
@@ -285,13 +311,15 @@ const french: Catalogue = {
   'peer.renewNow': 'Créer',
   'peer.renewText': 'La configuration que l’appareil a maintenant cessera de fonctionner.',
   'peer.unkept': 'Fermer sans garder la configuration ?',
-  'peer.unkeptText': 'Elle ne pourra plus être affichée. Si l’appareil ne l’a pas encore, scannez-la, enregistrez-la ou copiez-la d’abord.',
+  'peer.unkeptText':
+    'Elle ne pourra plus être affichée. Si l’appareil ne l’a pas encore, scannez-la, enregistrez-la ou copiez-la d’abord.',
   'peer.qr': 'Code QR de la configuration',
   'peer.host': 'Adresse publique de cet appareil',
   'peer.hostHelp': 'Un nom ou une adresse que l’autre appareil peut joindre.',
   'peer.everything': 'L’appareil envoie tout le trafic par le tunnel',
   'peer.file': 'Fichier de configuration',
-  'peer.atHome': 'Cette adresse ne fonctionne que dans votre propre réseau. Saisissez le nom ou l’adresse sous laquelle Internet vous joint.',
+  'peer.atHome':
+    'Cette adresse ne fonctionne que dans votre propre réseau. Saisissez le nom ou l’adresse sous laquelle Internet vous joint.',
   'peer.never': 'Jamais vu',
   'peer.disable': 'Désactiver',
   'peer.disableName': 'Désactiver {name}',
@@ -299,7 +327,8 @@ const french: Catalogue = {
   'peer.enableName': 'Réactiver {name}',
   'peer.disabled': 'Désactivé',
   'peer.expires': 'Expire le',
-  'peer.expiresHelp': 'À partir de ce jour, l’appareil ne peut plus se connecter. Vide pour jamais.',
+  'peer.expiresHelp':
+    'À partir de ce jour, l’appareil ne peut plus se connecter. Vide pour jamais.',
   'peer.expiresOn': 'jusqu’au {date}',
 
   'client.add': 'Ajouter un tunnel',
@@ -307,7 +336,8 @@ const french: Catalogue = {
   'client.import': 'Importer des fichiers',
   'client.dropHint': 'ou déposez ici des fichiers .ovpn ou WireGuard .conf',
   'client.drop': 'Déposez les fichiers pour les importer',
-  'client.none': 'Aucun tunnel vers un autre serveur n’est configuré. Ajoutez-en un, ou déposez ici un profil OpenVPN.',
+  'client.none':
+    'Aucun tunnel vers un autre serveur n’est configuré. Ajoutez-en un, ou déposez ici un profil OpenVPN.',
   'client.new': 'Nouveau tunnel {protocol}',
   'client.edit': 'Modifier le tunnel {protocol}',
   'client.byFile': 'À partir d’un fichier de profil',
@@ -336,7 +366,8 @@ const french: Catalogue = {
   'client.sentBytes': 'Envoyé',
   'client.now': 'Maintenant',
   'client.waiting': 'Connexion en cours, {n}',
-  'client.long': 'C’est plus long que d’habitude. L’appareil continue d’essayer ; vous pouvez abandonner et vérifier l’adresse, le compte et les clés.',
+  'client.long':
+    'C’est plus long que d’habitude. L’appareil continue d’essayer ; vous pouvez abandonner et vérifier l’adresse, le compte et les clés.',
   'client.failed': 'La dernière tentative a échoué (erreur {code}).',
   'client.connect': 'Connecter',
   'client.connectName': 'Connecter {name}',
@@ -361,7 +392,8 @@ const french: Catalogue = {
   'import.needs': '« {option} » est dans le fichier',
   'import.there': 'Présent',
   'import.lacking': 'Manquant',
-  'import.notBrought': 'Le profil nomme des fichiers qui manquent : {files}. Ajoutez-les ci-dessous.',
+  'import.notBrought':
+    'Le profil nomme des fichiers qui manquent : {files}. Ajoutez-les ci-dessous.',
   'import.notNamed': 'Le profil ne nomme pas ces fichiers : {files}.',
   'import.take': 'Importer',
   'import.done': 'Le profil a été importé.',
@@ -385,7 +417,8 @@ const french: Catalogue = {
   'kick.held': 'Déconnecté et tenu à l’écart.',
   'kick.minutes': 'Tenir à l’écart pendant (minutes, {least} à {most})',
   'kick.minutesHelp': 'Avec 0, l’utilisateur peut se reconnecter aussitôt.',
-  'kick.device': 'Un appareil WireGuard n’a pas de session à couper : il est tenu à l’écart un certain temps.',
+  'kick.device':
+    'Un appareil WireGuard n’a pas de session à couper : il est tenu à l’écart un certain temps.',
   'doctor.ask': 'Que se passe-t-il ?',
   'doctor.askName': 'Que se passe-t-il ? {name}',
   'doctor.title': 'Que se passe-t-il avec {name} ?',
@@ -414,14 +447,15 @@ const french: Catalogue = {
   'report.added': 'Le tunnel reçoit aussi : {options}',
   'report.days': 'Certificat {role} ({name}) : encore valable {n} jours',
   'report.expired': 'Certificat {role} ({name}) : expiré depuis {n} jours',
-  'holds': 'Tenus à l’écart',
+  holds: 'Tenus à l’écart',
   'holds.until': 'Jusqu’à',
   'holds.by': 'Par',
   'holds.lift': 'Admettre de nouveau',
   'holds.liftName': 'Admettre de nouveau : {name}',
 
   'rights.title': 'Qui peut utiliser quel serveur',
-  'rights.help': 'Retirer un droit déconnecte l’utilisateur aussitôt. Les appareils WireGuard n’ont pas besoin de droit : ils figurent sur la page de ce serveur.',
+  'rights.help':
+    'Retirer un droit déconnecte l’utilisateur aussitôt. Les appareils WireGuard n’ont pas besoin de droit : ils figurent sur la page de ce serveur.',
   'rights.source': 'Utilisateurs de',
   'rights.local': 'Cet appareil',
   'rights.remote': 'Annuaire',
@@ -450,13 +484,15 @@ const french: Catalogue = {
   'block.hour': '1 heure',
   'block.twelve': '12 heures',
   'block.day': '24 heures',
-  'block.lifts': 'L’enregistrement remet tous les compteurs à zéro et débloque tous les utilisateurs.',
+  'block.lifts':
+    'L’enregistrement remet tous les compteurs à zéro et débloque tous les utilisateurs.',
 
   'gateway.now': 'Passerelle utilisée',
   'gateway.own': 'Réseau local',
   'gateway.byTunnel': 'Tunnel',
   'gateway.byLan': 'Aucun tunnel',
-  'gateway.notYet': 'Aucun tunnel choisi ci-dessous ne transporte de trafic : aucun n’est connecté.',
+  'gateway.notYet':
+    'Aucun tunnel choisi ci-dessous ne transporte de trafic : aucun n’est connecté.',
   'gateway.onSecond': 'Le second tunnel transporte le trafic parce que le premier ne répond pas.',
   'gateway.policy': 'Règle',
   'gateway.use': 'Un tunnel est la passerelle par défaut',
@@ -471,10 +507,12 @@ const french: Catalogue = {
   'gateway.never': 'Jamais',
   'gateway.snat': 'Masquer le réseau local (NAT source)',
   'gateway.snatHelp': 'Nécessaire si l’autre côté n’a pas de route de retour.',
-  'gateway.noTunnels': 'Aucun tunnel ne peut encore être la passerelle. Ajoutez-en un sous « Clients VPN ».',
+  'gateway.noTunnels':
+    'Aucun tunnel ne peut encore être la passerelle. Ajoutez-en un sous « Clients VPN ».',
   'guard.title': 'Protection',
   'guard.mode': 'Trafic sans tunnel',
-  'guard.modeHelp': 'Le trafic retenu est arrêté jusqu’à ce qu’un tunnel soit actif, même après un redémarrage.',
+  'guard.modeHelp':
+    'Le trafic retenu est arrêté jusqu’à ce qu’un tunnel soit actif, même après un redémarrage.',
   'guard.off': 'Permis après un moment',
   'guard.on': 'Retenu tant qu’un tunnel est la passerelle par défaut',
   'guard.strict': 'Toujours retenu',
@@ -485,12 +523,15 @@ const french: Catalogue = {
   'guard.ipv6': 'Bloquer IPv6',
   'guard.ipv6Help': 'Aucun tunnel ne transporte IPv6.',
   'guard.holding': 'Le trafic Internet est retenu jusqu’à ce qu’un tunnel soit actif.',
-  'guard.failed': 'La protection n’agit pas : son filtre manque. Enregistrez de nouveau le réglage, ou consultez le journal du système.',
+  'guard.failed':
+    'La protection n’agit pas : son filtre manque. Enregistrez de nouveau le réglage, ou consultez le journal du système.',
   'guard.unknown': 'Le service réseau ne répond pas : l’état de la protection est inconnu.',
-  'guard.paused': 'La protection est suspendue jusqu’au redémarrage de l’appareil. Enregistrez le réglage ci-dessous pour terminer la pause.',
+  'guard.paused':
+    'La protection est suspendue jusqu’au redémarrage de l’appareil. Enregistrez le réglage ci-dessous pour terminer la pause.',
   'guard.stopped': '{n} paquets arrêtés.',
   'guard.release': 'Permettre le trafic jusqu’au redémarrage',
-  'guard.releaseText': 'Le trafic sort sans tunnel jusqu’au redémarrage de l’appareil. Le réglage reste.',
+  'guard.releaseText':
+    'Le trafic sort sans tunnel jusqu’au redémarrage de l’appareil. Le réglage reste.',
 
   'logs.event': 'Événements',
   'logs.server': 'Serveurs',
@@ -524,15 +565,18 @@ const french: Catalogue = {
 
   'sdwan.notHere': 'Le service SD-WAN n’est pas installé sur cet appareil.',
   'sdwan.join': 'Rejoindre un SD-WAN',
-  'sdwan.about': 'Une organisation relie ses sites par des tunnels que le fournisseur met en place. Il faut quatre étapes pour la rejoindre.',
+  'sdwan.about':
+    'Une organisation relie ses sites par des tunnels que le fournisseur met en place. Il faut quatre étapes pour la rejoindre.',
   'sdwan.check': 'Vérifier cet appareil',
   'sdwan.begin': 'Commencer',
   'sdwan.internet': 'Internet',
   'sdwan.cloudRegion': 'Région du cloud',
   'sdwan.kernel': 'Noyau adapté aux tunnels',
-  'sdwan.noKernel': 'Il manque au noyau un module (ipip ou fou) dont les tunnels vers certains hubs ont besoin. Vous pouvez tout de même rejoindre l’organisation.',
+  'sdwan.noKernel':
+    'Il manque au noyau un module (ipip ou fou) dont les tunnels vers certains hubs ont besoin. Vous pouvez tout de même rejoindre l’organisation.',
   'sdwan.noInternet': 'L’appareil n’atteint pas Internet. Vérifiez son réseau, puis réessayez.',
-  'sdwan.l2tp': 'Le serveur L2TP/IPsec est activé et gêne les tunnels du SD-WAN. Arrêtez-le d’abord.',
+  'sdwan.l2tp':
+    'Le serveur L2TP/IPsec est activé et gêne les tunnels du SD-WAN. Arrêtez-le d’abord.',
   'sdwan.account': 'Se connecter chez le fournisseur',
   'sdwan.loginPage': 'Ouvrir la page de connexion du fournisseur',
   'sdwan.code': 'Code de connexion',
@@ -554,13 +598,15 @@ const french: Catalogue = {
   'sdwan.up': 'Actif',
   'sdwan.down': 'Inactif',
   'sdwan.partly': 'Partiellement actif',
-  'sdwan.tooLong': 'Une liaison est interrompue depuis trop longtemps. Vérifiez le réseau, ou quittez et rejoignez de nouveau.',
+  'sdwan.tooLong':
+    'Une liaison est interrompue depuis trop longtemps. Vérifiez le réseau, ou quittez et rejoignez de nouveau.',
   'sdwan.here': 'Cet appareil',
   'sdwan.by': 'Relié par',
   'sdwan.serial': 'Numéro de série',
   'sdwan.hub': 'Hub',
   'sdwan.virtual': 'Adresse virtuelle',
-  'sdwan.virtualHelp': 'Les autres membres joignent cet appareil à cette adresse. Elle est vérifiée avant de pouvoir servir.',
+  'sdwan.virtualHelp':
+    'Les autres membres joignent cet appareil à cette adresse. Elle est vérifiée avant de pouvoir servir.',
   'sdwan.checkIp': 'Vérifier',
   'sdwan.useIp': 'L’utiliser',
   'sdwan.free': 'Cette adresse est libre.',
@@ -577,7 +623,7 @@ const french: Catalogue = {
   'sdwan.ofTotal': '{left} sur {total}',
   'sdwan.quota': 'Quota',
 
-  'account': 'Compte',
+  account: 'Compte',
   'account.auto': 'Comme le système',
   'account.dark': 'Sombre',
   'account.idle': 'La session se termine aussi après 30 minutes sans requête.',
@@ -588,7 +634,8 @@ const french: Catalogue = {
   'account.until': 'Fin de la session',
   'account.version': 'Version',
 
-  'idle.text': 'Tant que personne n’est là, rien n’est demandé à l’appareil, afin que la session puisse se terminer. Bougez la souris ou appuyez sur une touche pour continuer.',
+  'idle.text':
+    'Tant que personne n’est là, rien n’est demandé à l’appareil, afin que la session puisse se terminer. Bougez la souris ou appuyez sur une touche pour continuer.',
   'idle.title': 'En pause après 15 minutes sans activité.',
 
   'list.all': 'Tous',
@@ -604,20 +651,26 @@ const french: Catalogue = {
   'unit.bytes': 'o Kio Mio Gio Tio Pio',
 
   'road.accounts': 'Personnes avec un compte (OpenVPN)',
-  'road.accountsHelp': 'Un seul profil pour tous ; chacun se connecte avec son nom et son mot de passe.',
+  'road.accountsHelp':
+    'Un seul profil pour tous ; chacun se connecte avec son nom et son mot de passe.',
   'road.begin': 'Commencer',
   'road.connect': 'Relier ce bureau à un autre',
-  'road.connectHelp': 'Ajoutez un tunnel à partir d’un profil, ou par adresse et compte, puis connectez-le.',
+  'road.connectHelp':
+    'Ajoutez un tunnel à partir d’un profil, ou par adresse et compte, puis connectez-le.',
   'road.device': 'Nom de l’appareil',
   'road.deviceHelp': 'Par exemple « Téléphone d’Anne ».',
   'road.handOver': 'Autoriser et télécharger le profil',
-  'road.handed': 'Donnez le fichier à ces utilisateurs. Ils l’ouvrent avec une application OpenVPN et se connectent avec leur nom et leur mot de passe.',
+  'road.handed':
+    'Donnez le fichier à ces utilisateurs. Ils l’ouvrent avec une application OpenVPN et se connectent avec leur nom et leur mot de passe.',
   'road.isOn': 'Le serveur {server} est activé.',
   'road.letIn': 'Donner un accès',
-  'road.letInHelp': 'Téléphones, ordinateurs portables et collègues atteignent ce réseau de partout.',
+  'road.letInHelp':
+    'Téléphones, ordinateurs portables et collègues atteignent ce réseau de partout.',
   'road.phones': 'Téléphones et ordinateurs portables (WireGuard)',
-  'road.phonesHelp': 'Une clé par appareil, remise par un code QR ou un fichier. Aucun compte n’est nécessaire.',
-  'road.sdwanHelp': 'Reliez tous les sites d’une organisation par des tunnels que le fournisseur met en place.',
+  'road.phonesHelp':
+    'Une clé par appareil, remise par un code QR ou un fichier. Aucun compte n’est nécessaire.',
+  'road.sdwanHelp':
+    'Reliez tous les sites d’une organisation par des tunnels que le fournisseur met en place.',
   'road.who': 'Qui peut se connecter ?',
 
   'user.about': 'À propos de {name}',
@@ -635,8 +688,10 @@ const french: Catalogue = {
 
   'refused.wrong-password': 'Mot de passe incorrect.',
   'refused.no-right-to-use-this-server': 'Pas le droit d’utiliser ce serveur.',
-  'refused.blocked-after-too-many-wrong-passwords': 'Bloqué après trop de mots de passe incorrects.',
-  'refused.user-name-or-password-with-a-line-break': 'Le nom ou le mot de passe contient un saut de ligne.',
+  'refused.blocked-after-too-many-wrong-passwords':
+    'Bloqué après trop de mots de passe incorrects.',
+  'refused.user-name-or-password-with-a-line-break':
+    'Le nom ou le mot de passe contient un saut de ligne.',
   'refused.kept-out-by-an-administrator': 'Tenu à l’écart par un administrateur.',
   'refused.other-logins-take-too-long': 'L’appareil était occupé par d’autres connexions.',
 
@@ -644,7 +699,8 @@ const french: Catalogue = {
   'bell.one': 'Notifications : {n} nouvel avertissement',
   'bell.some': 'Notifications : {n} nouveaux avertissements',
 
-  'keeper.help': 'Ce qui est activé est redémarré quand il s’arrête, et au démarrage de l’appareil.',
+  'keeper.help':
+    'Ce qui est activé est redémarré quand il s’arrête, et au démarrage de l’appareil.',
   'keeper.nothing': 'Aucun serveur ni tunnel n’est activé.',
   'keeper.restarts': 'redémarré {n} fois, la dernière {when}',
   'keeper.state': '{state} depuis {for}',
@@ -688,12 +744,14 @@ const french: Catalogue = {
   'notify.quiet': 'Rien ne s’est passé depuis le démarrage du gardien.',
   'notify.receivers': 'Qui est notifié',
   'notify.removeText': '{url} ne sera plus notifié d’aucun événement.',
-  'notify.secretText': 'Avec ce secret, le destinataire vérifie qu’une notification vient de cet appareil. Il n’est affiché qu’une fois.',
+  'notify.secretText':
+    'Avec ce secret, le destinataire vérifie qu’une notification vient de cet appareil. Il n’est affiché qu’une fois.',
   'notify.secretTitle': 'Secret de la signature',
   'notify.test': 'Tester',
   'notify.testName': 'Envoyer un test à {name}',
   'notify.url': 'Adresse',
-  'notify.urlHelp': 'https://… d’un webhook, ou mail:UTILISATEUR pour un courrier à un utilisateur de cet appareil.',
+  'notify.urlHelp':
+    'https://… d’un webhook, ou mail:UTILISATEUR pour un courrier à un utilisateur de cet appareil.',
   'notify.what': 'Événement',
   'notify.when': 'Heure',
 }

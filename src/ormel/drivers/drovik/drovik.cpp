@@ -40,13 +40,15 @@ int ServerConfig::verify() {
 }
 
 std::span<const config::FieldTable> ServerConfig::fields() const {
-  static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::SERVER_FIELDS,     SERVER_FIELDS,
-                                                  POOL_FIELDS,         config::MANUAL_DNS_FIELDS, DEBUG_FIELDS};
+  static constexpr config::FieldTable TABLES[] = {
+      config::BASE_FIELDS, config::SERVER_FIELDS,     SERVER_FIELDS,
+      POOL_FIELDS,         config::MANUAL_DNS_FIELDS, DEBUG_FIELDS};
   return TABLES;
 }
 
 std::span<const config::FieldTable> ClientConfig::fields() const {
-  static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::CLIENT_FIELDS, CLIENT_FIELDS};
+  static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::CLIENT_FIELDS,
+                                                  CLIENT_FIELDS};
   return TABLES;
 }
 

@@ -39,11 +39,12 @@ class ClientConfig : public config::DriverClient {
   [[nodiscard]] config::Endpoint endpoint() const override { return {ip, std::to_string(port)}; }
 };
 
-// Throws one client of the server out, by the identifier that the connection list shows. 0, ERR_MIB_IO_FAILED,
-// ERR_MIB_CALL_FAILED, ERR_WRONG_JSON_FORMAT or ERR_MIB_API_RET_ERROR.
+// Throws one client of the server out, by the identifier that the connection list shows. 0,
+// ERR_MIB_IO_FAILED, ERR_MIB_CALL_FAILED, ERR_WRONG_JSON_FORMAT or ERR_MIB_API_RET_ERROR.
 [[nodiscard]] int drovik_server_kick_client(const char* mac);
 
-// Bytes received and sent of each connected client, by its identifier; empty when the server's daemon cannot be asked.
+// Bytes received and sent of each connected client, by its identifier; empty when the server's
+// daemon cannot be asked.
 [[nodiscard]] std::map<std::string, std::vector<unsigned long long>> get_drovik_client_bytes_info();
 
 // Hook entries for a host program that links this code; no personality reaches them.

@@ -15,10 +15,12 @@ namespace {
 constexpr const char* SERVICE = "MorviServer";
 
 // The lines are worded by method.
-constexpr system::Wording BYTES_WORDING{"mib_call failed ret:{status}", "root isn't an object. {line}: {reason}",
-                                        "val isn't an integer. {line}: {reason}", "{service}.{method} failed {reply}"};
-constexpr system::Wording KICK_WORDING{BYTES_WORDING.no_reply, "root isn't a object. {line}: {reason}",
-                                       "val isn't a integer. {line}: {reason}", BYTES_WORDING.refused};
+constexpr system::Wording BYTES_WORDING{
+    "mib_call failed ret:{status}", "root isn't an object. {line}: {reason}",
+    "val isn't an integer. {line}: {reason}", "{service}.{method} failed {reply}"};
+constexpr system::Wording KICK_WORDING{
+    BYTES_WORDING.no_reply, "root isn't a object. {line}: {reason}",
+    "val isn't a integer. {line}: {reason}", BYTES_WORDING.refused};
 
 MibIo make_buffer() {
   MibIo io{mib_io_create()};
@@ -44,15 +46,17 @@ int drovik_server_kick_client(const char* mac) {
     ORMEL_LOG(ERROR, "mib_io_printf failed, error: %s", std::strerror(errno));
     return ERR_MIB_IO_FAILED;
   }
-  return system::judged_call({__func__, SERVICE, "disconnect", "", system::BUS_SHORT_TIMEOUT}, io, KICK_WORDING).rc;
+  return system::judged_call({__func__, SERVICE, "disconnect", "", system::BUS_SHORT_TIMEOUT}, io,
+                             KICK_WORDING)
+      .rc;
 }
 
 std::map<std::string, std::vector<unsigned long long>> get_drovik_client_bytes_info() {
   std::map<std::string, std::vector<unsigned long long>> bytes;
   const MibIo io = make_buffer();
   if (!io) return bytes;
-  const auto [rc, reply] =
-      system::judged_call({__func__, SERVICE, "bytes_info", "", system::BUS_SHORT_TIMEOUT}, io, BYTES_WORDING);
+  const auto [rc, reply] = system::judged_call(
+      {__func__, SERVICE, "bytes_info", "", system::BUS_SHORT_TIMEOUT}, io, BYTES_WORDING);
   if (rc != NO_ERROR) return bytes;
   const json_t* data = reply.data();
   if (!json_is_array(data)) {

@@ -80,7 +80,8 @@ int ClientConfig::verify() {
     if (port < 1 || port > 65535) return error_message(ERR_PORT_NUMBER, nullptr);
     if (!known_protocol(remote.remote_proto)) return error_message(ERR_PROTOCOL_TYPE, nullptr);
   }
-  if (up.size() > MAX_HOOK_LENGTH || down.size() > MAX_HOOK_LENGTH) return error_message(ERR_EXECUTABLE, nullptr);
+  if (up.size() > MAX_HOOK_LENGTH || down.size() > MAX_HOOK_LENGTH)
+    return error_message(ERR_EXECUTABLE, nullptr);
   if (vendor.size() > MAX_VENDOR_LENGTH) return error_message(ERR_NAME_LENGTH, nullptr);
   return config::ClientConfig::verify();
 }
@@ -91,7 +92,8 @@ void ClientConfig::remove() {
 }
 
 std::span<const config::FieldTable> ClientConfig::fields() const {
-  static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::CLIENT_FIELDS, CLIENT_FIELDS};
+  static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::CLIENT_FIELDS,
+                                                  CLIENT_FIELDS};
   return TABLES;
 }
 
@@ -112,8 +114,9 @@ void ClientConfig::save(Conf_dir* conf) {
   if (!remotes.empty()) save_remotes(conf);
 }
 
-// The lists of the profile's servers in place of the single values, resolved afresh for the script. A foreign profile
-// can name thousands that take their time to have no address: once it is up, the rest count as unresolved.
+// The lists of the profile's servers in place of the single values, resolved afresh for the script.
+// A foreign profile can name thousands that take their time to have no address: once it is up, the
+// rest count as unresolved.
 void ClientConfig::save_remotes(Conf_dir* conf) {
   std::string hosts;
   std::string ports;

@@ -19,7 +19,8 @@ namespace ormel::ovpn {
 
 namespace {
 
-constexpr size_t MAX_VALUE = 1024;  // bytes of a stored credential that are read, the closing NUL included
+constexpr size_t MAX_VALUE =
+    1024;  // bytes of a stored credential that are read, the closing NUL included
 constexpr size_t MAX_REPLY = 4096;
 constexpr timeval REPLY_TIMEOUT{60, 0};
 constexpr std::string_view QUIT = "quit\n";
@@ -49,7 +50,8 @@ Fd connect_daemon(int index) {
   for (const int direction : {SO_SNDTIMEO, SO_RCVTIMEO}) {
     setsockopt(fd.get(), SOL_SOCKET, direction, &REPLY_TIMEOUT, sizeof REPLY_TIMEOUT);
   }
-  if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) return Fd{};
+  if (connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    return Fd{};
   return trusted_peer(fd.get()) ? std::move(fd) : Fd{};
 }
 

@@ -24,7 +24,8 @@ using option::NORMAL_OPTION_TYPE;
 using option::OpenvpnRemotes;
 
 constexpr const char* CRL_ENDING = "_crl.pem";
-// No key, certificate or list is that long, while a form can name any file, the memory of the host among them.
+// No key, certificate or list is that long, while a form can name any file, the memory of the host
+// among them.
 constexpr size_t MAX_KEY_FILE = size_t{16} * 1024 * 1024;
 
 // A file given for one import, which becomes an inline block of the profile.
@@ -62,7 +63,8 @@ int check_mode(ClientConfig&, ConfigFile& cf) {
   const FileOption* tls_client = cf.get_option("tls-client");
   if (!client && !tls_client) return refuse("no client/tls-client option in .ovpn file.");
   for (const FileOption* mode : {client, tls_client}) {
-    if (mode && !mode->value.empty()) return refuse("client/tls-client option error in .ovpn file.");
+    if (mode && !mode->value.empty())
+      return refuse("client/tls-client option error in .ovpn file.");
   }
   return NO_ERROR;
 }
@@ -97,7 +99,8 @@ int settle_protocol(OpenvpnRemotes& remote, const Common& common) {
   if (!proto.starts_with("udp") && !proto.starts_with("tcp")) {
     proto = value_of(remote, "proto");
     const bool nameless = proto.empty() && remote.others.contains("proto");
-    if (nameless || (common.proto && common.proto->value.empty())) return refuse("proto option error in .ovpn file.");
+    if (nameless || (common.proto && common.proto->value.empty()))
+      return refuse("proto option error in .ovpn file.");
     if (proto.empty()) proto = common.proto ? common.proto->value : "udp";
   }
   for (const Rename& row : PROTOCOLS) {
@@ -107,8 +110,9 @@ int settle_protocol(OpenvpnRemotes& remote, const Common& common) {
 }
 
 void settle_port(OpenvpnRemotes& remote, const Common& common) {
-  for (const std::string& candidate : {remote.remote_port, value_of(remote, "port"), value_of(remote, "rport"),
-                                       value_of(common.port), value_of(common.rport), std::to_string(DEFAULT_PORT)}) {
+  for (const std::string& candidate :
+       {remote.remote_port, value_of(remote, "port"), value_of(remote, "rport"),
+        value_of(common.port), value_of(common.rport), std::to_string(DEFAULT_PORT)}) {
     if (candidate.empty()) continue;
     remote.remote_port = candidate;
     return;
@@ -126,7 +130,8 @@ int settle_remotes(ClientConfig& record, ConfigFile& cf) {
   return NO_ERROR;
 }
 
-// Credentials go to the record; the option itself is emptied later, so that they do not stay in the file.
+// Credentials go to the record; the option itself is emptied later, so that they do not stay in the
+// file.
 int take_login(ClientConfig& record, ConfigFile& cf) {
   const FileOption* login = cf.get_option("auth-user-pass");
   record.auth_pass = login != nullptr;
@@ -142,7 +147,8 @@ int note_key_direction(ClientConfig&, ConfigFile& cf) {
   const FileOption* tls_auth = cf.get_option("tls-auth");
   if (!tls_auth || tls_auth->type != NORMAL_OPTION_TYPE) return NO_ERROR;
   const std::vector<std::string> words = split_words(tls_auth->value);
-  if (words.size() > 1 && to_int(words[1].c_str()) != 0) cf.add_option("key-direction", "1", NORMAL_OPTION_TYPE, false);
+  if (words.size() > 1 && to_int(words[1].c_str()) != 0)
+    cf.add_option("key-direction", "1", NORMAL_OPTION_TYPE, false);
   return NO_ERROR;
 }
 
@@ -154,8 +160,8 @@ int extract_crl(ClientConfig& record, ConfigFile& cf) {
   std::string path = "/tmp/XXXXXX";
   const Fd fd{mkostemp(path.data(), O_CLOEXEC)};
   if (!fd) return error_message(ERR_SAVE_FILE, "save crl-verify to file fail.");
-  std::ignore =
-      system::write_file(crl->value, path.c_str(), fenro::PRIVATE_FILE);  // without it `store_crl` finds no file
+  std::ignore = system::write_file(crl->value, path.c_str(),
+                                   fenro::PRIVATE_FILE);  // without it `store_crl` finds no file
   record.crl_verify = path;
   return NO_ERROR;
 }
@@ -167,10 +173,12 @@ bool closes_block(const std::string& content, const char* option) {
 
 int embed_file(const KeyFile& row, const std::string& path, ConfigFile& cf) {
   std::string content;
-  if (!system::read_file(path.c_str(), content, MAX_KEY_FILE)) return error_message(row.refusal, path.c_str());
+  if (!system::read_file(path.c_str(), content, MAX_KEY_FILE))
+    return error_message(row.refusal, path.c_str());
   if (closes_block(content, row.option) || (row.accepts && !row.accepts(content)))
     return error_message(row.refusal, path.c_str());
-  // Trimmed as a block is when the profile is read again, so that the first change of it changes nothing here.
+  // Trimmed as a block is when the profile is read again, so that the first change of it changes
+  // nothing here.
   cf.add_option(row.option, trim(content), INLINE_OPTION_TYPE, false);
   return NO_ERROR;
 }
@@ -206,9 +214,11 @@ int name_crl(ClientConfig& record, ConfigFile& cf) {
   if (record.crl_verify.empty()) {
     content = crl->value;
   } else {
-    std::ignore = system::read_file(record.crl_verify.c_str(), content, MAX_KEY_FILE);  // refused below
+    std::ignore =
+        system::read_file(record.crl_verify.c_str(), content, MAX_KEY_FILE);  // refused below
   }
-  if (!openssl::is_crl(content)) return error_message(ERR_OPENVPN_CRL_VERIFY, "crl-verify option error in .ovpn file.");
+  if (!openssl::is_crl(content))
+    return error_message(ERR_OPENVPN_CRL_VERIFY, "crl-verify option error in .ovpn file.");
   const std::string path = record.profile_path() + CRL_ENDING;
   cf.add_option("crl-verify", path.substr(path.rfind('/') + 1), NORMAL_OPTION_TYPE, false);
   return NO_ERROR;
@@ -217,7 +227,8 @@ int name_crl(ClientConfig& record, ConfigFile& cf) {
 using Step = int (*)(ClientConfig&, ConfigFile&);
 // From a foreign profile to one of ours, in this order; the first refusal ends the import.
 constexpr Step STEPS[] = {
-    check_mode, check_device, settle_remotes, take_login, note_key_direction, extract_crl, embed_files, store_crl,
+    check_mode,         check_device, settle_remotes, take_login,
+    note_key_direction, extract_crl,  embed_files,    store_crl,
 };
 constexpr Step STEPS_WITHOUT_STORING[] = {
     check_mode, check_device, settle_remotes, take_login, note_key_direction, embed_files, name_crl,
@@ -239,7 +250,8 @@ int rewrite(ClientConfig& record, int slot, ConfigFile& cf, std::span<const Step
 }  // namespace
 
 bool is_tun(const std::string& device) {
-  return device.starts_with("tun") && device.find_first_not_of("0123456789", 3) == std::string::npos;
+  return device.starts_with("tun") &&
+         device.find_first_not_of("0123456789", 3) == std::string::npos;
 }
 
 int ClientConfig::convert(int slot, ConfigFile& cf) {
@@ -249,7 +261,8 @@ int ClientConfig::convert(int slot, ConfigFile& cf) {
 int ClientConfig::import(int slot) {
   ConfigFile cf;
   if (const int rc = rewrite(*this, slot, cf, STEPS); rc != NO_ERROR) return rc;
-  std::ignore = save_config_file(cf);  // it has been reported, and the profile is kept without its file
+  std::ignore =
+      save_config_file(cf);  // it has been reported, and the profile is kept without its file
   return announce(nc_message("C002", "0010"), opt_ext_dev_register);
 }
 

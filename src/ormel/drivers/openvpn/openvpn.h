@@ -1,9 +1,10 @@
 // The OpenVPN driver, and the personality by which the daemon of a client logs in.
 //
-// What a client profile does is in a separate file, /etc/config/openvpn/clients/client<index>, which `import` makes
-// from a foreign profile and every change rewrites from its own content; vpn.conf holds a summary of it. The rewriting
-// keeps the cryptography and the routes of the foreign profile and replaces all that decides how the daemon runs here:
-// interface, user, log, management, scripts, pid file. It changes nothing on its own output.
+// What a client profile does is in a separate file, /etc/config/openvpn/clients/client<index>,
+// which `import` makes from a foreign profile and every change rewrites from its own content;
+// vpn.conf holds a summary of it. The rewriting keeps the cryptography and the routes of the
+// foreign profile and replaces all that decides how the daemon runs here: interface, user, log,
+// management, scripts, pid file. It changes nothing on its own output.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +34,8 @@ using Status = std::map<std::string, PeerStatus>;  // by peer_from
 class ServerConfig : public config::DriverServer {
  public:
   int port = DEFAULT_PORT;
-  int download_status = 0;  // 0 nothing pending, 2 clients need a new profile, 3 clients need a new certificate
+  int download_status =
+      0;  // 0 nothing pending, 2 clients need a new profile, 3 clients need a new certificate
   bool broadcast = true;
   std::string protocol = "tcp";  // "UDP" or "TCP" once loaded
   std::string signature_algorithm;
@@ -75,11 +77,11 @@ class ClientConfig : public config::DriverClient {
 
   // Makes a profile without a server, and tells nobody of it: a working profile is imported.
   int add(int slot) override;
-  // Makes the profile from the foreign one at `file`. A list of revoked certificates that was moved into place before
-  // a refusal stays there.
+  // Makes the profile from the foreign one at `file`. A list of revoked certificates that was moved
+  // into place before a refusal stays there.
   int import(int slot) override;
-  // Makes the profile of an import from the one at `file` without storing anything; key files are read, and stay. The
-  // record gets the account and the servers.
+  // Makes the profile of an import from the one at `file` without storing anything; key files are
+  // read, and stay. The record gets the account and the servers.
   [[nodiscard]] int convert(int slot, option::ConfigFile& cf);
   int modify() override;
   // Checks all remotes, and takes `host` and `port` from the last.
@@ -97,7 +99,8 @@ class ClientConfig : public config::DriverClient {
   // Writes this profile's own file, which `file` names from now on.
   [[nodiscard]] int save_config_file(option::ConfigFile& cf);
 
-  // The rewriting: deletes what must not stay, adds what the record says, adds what the system demands.
+  // The rewriting: deletes what must not stay, adds what the record says, adds what the system
+  // demands.
   static void remove_incompatible(option::ConfigFile& cf);
   void apply_base_option(option::ConfigFile& cf) const;
   void override_compatible(option::ConfigFile& cf);
@@ -109,7 +112,8 @@ class ClientConfig : public config::DriverClient {
 // Where the daemon of a client profile answers to its management commands.
 [[nodiscard]] std::string management_socket(int index);
 
-// The peers in the lines that the command for `fetch_all_peer_status` prints; a later line of a peer counts.
+// The peers in the lines that the command for `fetch_all_peer_status` prints; a later line of a
+// peer counts.
 [[nodiscard]] Status read_peer_status(const std::string& output);
 
 // The cipher that the profiles made here name, by level of encryption.
@@ -118,14 +122,16 @@ static_assert(std::size(CIPHERS) == HIGH_ENCRYPTION + 1);
 // Their TLS ciphers, by the version of the installed OpenSSL.
 [[nodiscard]] const char* tls_ciphers();
 
-// Escapes a text for a quoted argument of the management interface: a backslash before every quote and backslash.
+// Escapes a text for a quoted argument of the management interface: a backslash before every quote
+// and backslash.
 [[nodiscard]] std::string escap(const std::string& text);
 
-// The device of a foreign profile is of the kind that it gets here: "tun", with or without a number.
+// The device of a foreign profile is of the kind that it gets here: "tun", with or without a
+// number.
 [[nodiscard]] bool is_tun(const std::string& device);
 
-// `ormel.cauth <index>`: answers the client daemon's request for credentials on its management socket. Ends the
-// process.
+// `ormel.cauth <index>`: answers the client daemon's request for credentials on its management
+// socket. Ends the process.
 [[noreturn]] void cauth(int argc, char** argv);
 
 }  // namespace ormel::ovpn

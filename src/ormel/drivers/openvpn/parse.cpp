@@ -14,8 +14,10 @@ namespace {
 
 constexpr std::string_view LINE_ENDS = "\r\n";
 constexpr std::string_view BLANKS_AND_LINE_ENDS = "\t \r\n";
-constexpr std::string_view NAME_BYTES = "-0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
-constexpr std::string_view TAG_BYTES = "_-0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+constexpr std::string_view NAME_BYTES =
+    "-0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+constexpr std::string_view TAG_BYTES =
+    "_-0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
 constexpr std::string_view CONNECTION = "connection";
 constexpr std::string_view REMOTE = "remote";
 
@@ -24,14 +26,16 @@ constexpr std::string_view REPEATABLE[] = {
     "route", "plugin", "remote", "asyncmap", "http-proxy-option", "ignore-unknown-option",
 };
 
-// The walk of a connection block may run on beyond it (see there). Together the walks go this many times over the
-// text, so that a hostile profile of such blocks costs no more than a bounded share of its length.
+// The walk of a connection block may run on beyond it (see there). Together the walks go this many
+// times over the text, so that a hostile profile of such blocks costs no more than a bounded share
+// of its length.
 constexpr size_t WALKS = 4;
 constexpr size_t SMALL_TEXT = 4096;  // bytes; a smaller text is given as much as one of this size
 
 bool repeatable(std::string_view name) {
-  return std::any_of(std::begin(REPEATABLE), std::end(REPEATABLE),
-                     [&](std::string_view word) { return name.find(word) != std::string_view::npos; });
+  return std::any_of(std::begin(REPEATABLE), std::end(REPEATABLE), [&](std::string_view word) {
+    return name.find(word) != std::string_view::npos;
+  });
 }
 
 bool comment(std::string_view line) {
@@ -50,8 +54,8 @@ bool take_line(std::string_view& rest, std::string_view& line) {
   return !line.empty();
 }
 
-// A name of dashes alone is refused: without them nothing would be left of it, and its value would be written as a line
-// of its own.
+// A name of dashes alone is refused: without them nothing would be left of it, and its value would
+// be written as a line of its own.
 bool named(std::string_view name) {
   return name.find_first_not_of('-') != std::string_view::npos;
 }
@@ -145,9 +149,10 @@ bool ProfileParser::parse_block() {
   return true;
 }
 
-// Reads lines up to one whose name is "connection": that is how the closing tag shows. A block that has none such, as
-// "<conn>", or has it behind another word, runs on through the text behind it; what is read there counts for the
-// block, and once more for itself.
+// Reads lines up to one whose name is "connection": that is how the closing tag shows. A block that
+// has none such, as
+// "<conn>", or has it behind another word, runs on through the text behind it; what is read there
+// counts for the block, and once more for itself.
 bool ProfileParser::read_connection(std::string_view from, OpenvpnRemotes& remote) {
   bool has_remote = false;
   for (std::string_view line; take_line(from, line);) {
@@ -173,8 +178,8 @@ void ProfileParser::add(std::string_view name, std::string_view value, OPTION_TY
   found_.push_back({{type, lstrip(stripped, '-'), trimmed(value)}, name, repeatable(name)});
 }
 
-// The result of one ConfigFile::add_option after the other, without its walk over the list for each: backwards, an
-// option stays unless a later one that may stand once has its name.
+// The result of one ConfigFile::add_option after the other, without its walk over the list for
+// each: backwards, an option stays unless a later one that may stand once has its name.
 ConfigFileOption ProfileParser::take_options() {
   std::set<std::string_view> replaced;
   ConfigFileOption options;

@@ -1,7 +1,8 @@
 // The parser behind ConfigFile::parse_content.
 //
-// What counts as a line, a block and an option is defined by three POSIX expressions, of which the functions here are
-// the hand-written form (regexec would look at the whole rest of the text for every line):
+// What counts as a line, a block and an option is defined by three POSIX expressions, of which the
+// functions here are the hand-written form (regexec would look at the whole rest of the text for
+// every line):
 //   line    [\t ]*([^\r\n]+)
 //   block   [\t ]*<([0-9a-zA-Z_-]+)>([^<]*)</([0-9a-zA-Z_-]+)>[\t ]*
 //   option  [\t ]*([0-9a-zA-Z-]+)[\t ]*([^\r\n]*)     anywhere in the line

@@ -15,7 +15,8 @@ namespace {
 std::string connection_text(const OpenvpnRemotes& remote) {
   std::string out = "\n<connection>\n";
   out += "remote " + remote.remote_ip + " " + remote.remote_port + " " + remote.remote_proto + "\n";
-  for (const auto& [key, value] : remote.others) out.append(key).append(" ").append(value).append("\n");
+  for (const auto& [key, value] : remote.others)
+    out.append(key).append(" ").append(value).append("\n");
   return out + "</connection>\n";
 }
 
@@ -51,14 +52,17 @@ int ConfigFile::parse_content(const char* text) {
 }
 
 std::string ConfigFile::text(bool sort, const OpenvpnRemotesOption& remotes) {
-  if (sort) std::stable_sort(options.begin(), options.end(), sort_file_option);  // "route" lines keep their order
+  if (sort)
+    std::stable_sort(options.begin(), options.end(),
+                     sort_file_option);  // "route" lines keep their order
   return render(remotes);
 }
 
 int ConfigFile::save(const char* path, bool sort, const OpenvpnRemotesOption& remotes) {
   const std::string content = text(sort, remotes);
   struct stat status {};
-  const bool foreign = lstat(path, &status) == 0 && !S_ISREG(status.st_mode);  // a link or a device is not replaced
+  const bool foreign =
+      lstat(path, &status) == 0 && !S_ISREG(status.st_mode);  // a link or a device is not replaced
   const bool saved = !foreign && system::replace_file(path, content, fenro::PRIVATE_FILE);
   return saved ? NO_ERROR : error_message(ERR_SAVE_FILE, path);
 }
@@ -72,20 +76,22 @@ std::string ConfigFile::render(const OpenvpnRemotesOption& remotes) const {
   return out + "\n";
 }
 
-void ConfigFile::add_option(std::string name, const std::string& value, OPTION_TYPE type, bool repeatable) {
+void ConfigFile::add_option(std::string name, const std::string& value, OPTION_TYPE type,
+                            bool repeatable) {
   if (!repeatable) del_option(name, "");
   lstrip(name, '-');
   options.push_back({type, std::move(name), value});
 }
 
 void ConfigFile::del_option(const std::string& name, const std::string& value) {
-  std::erase_if(options,
-                [&](const FileOption& option) { return option.name == name && option.value.starts_with(value); });
+  std::erase_if(options, [&](const FileOption& option) {
+    return option.name == name && option.value.starts_with(value);
+  });
 }
 
 const FileOption* ConfigFile::get_option(const std::string& name) const {
-  const auto found =
-      std::find_if(options.begin(), options.end(), [&](const FileOption& option) { return option.name == name; });
+  const auto found = std::find_if(options.begin(), options.end(),
+                                  [&](const FileOption& option) { return option.name == name; });
   return found == options.end() ? nullptr : &*found;
 }
 

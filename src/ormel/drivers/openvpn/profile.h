@@ -1,10 +1,12 @@
 // The text of an OpenVPN client profile, as a flat list of named options.
 //
-// This is no general parser of OpenVPN's language: the driver must replace, drop and re-sort the options of a foreign
-// profile and write the result back in a stable layout. A profile is a list of "name value" lines and
-// "<name>body</name>" blocks; "remote" lines and <connection> blocks are lifted out into a list of their own and are
-// written only in front of an inline block named "ca". Lines of blanks, and those that begin with ";" or "#", are
-// skipped. A name may stand once, a later line replaces an earlier one, unless the name has one of a few words in it
+// This is no general parser of OpenVPN's language: the driver must replace, drop and re-sort the
+// options of a foreign profile and write the result back in a stable layout. A profile is a list of
+// "name value" lines and
+// "<name>body</name>" blocks; "remote" lines and <connection> blocks are lifted out into a list of
+// their own and are written only in front of an inline block named "ca". Lines of blanks, and those
+// that begin with ";" or "#", are skipped. A name may stand once, a later line replaces an earlier
+// one, unless the name has one of a few words in it
 // ("route", "remote", ...).
 #pragma once
 
@@ -43,12 +45,12 @@ class ConfigFile {
 
   // 0, or ERR_REGULAR_FILE without a message.
   [[nodiscard]] int load(const char* path);
-  // Always 0: a text with a fault in it leaves `options` empty, as an empty text does. Once per object, since the
-  // remotes are not cleared. Takes time proportional to the text.
+  // Always 0: a text with a fault in it leaves `options` empty, as an empty text does. Once per
+  // object, since the remotes are not cleared. Takes time proportional to the text.
   int parse_content(const char* text);
-  // Writes the options, sorted first if `sort`, with `remotes` in front of the inline block "ca"; a profile without
-  // that block loses them. The file is replaced whole, and its owner's alone for the keys in it. 0 or ERR_SAVE_FILE,
-  // reported.
+  // Writes the options, sorted first if `sort`, with `remotes` in front of the inline block "ca"; a
+  // profile without that block loses them. The file is replaced whole, and its owner's alone for
+  // the keys in it. 0 or ERR_SAVE_FILE, reported.
   [[nodiscard]] int save(const char* path, bool sort, const OpenvpnRemotesOption& remotes);
 
   // The text that `save` writes.

@@ -33,7 +33,8 @@ constexpr const char* CHECKER = "/usr/sbin/verify_ovpn.sh";
 constexpr std::size_t LONGEST_TEXT = 200;  // bytes of a line that are shown
 constexpr int ANY_SLOT = 1;                // the profile has none yet
 
-// Why an option does not reach the daemon unchanged. `replaced`: a line of that name in the stored profile is ours.
+// Why an option does not reach the daemon unchanged. `replaced`: a line of that name in the stored
+// profile is ours.
 struct Explanation {
   std::string_view name;
   bool replaced;
@@ -58,7 +59,8 @@ constexpr Explanation EXPLANATIONS[] = {
     {"block-outside-dns", false, "for Windows"},
     {"register-dns", false, "for Windows"},
     {"dev-node", false, "for Windows and macOS"},
-    {"redirect-gateway", false, "the default gateway is set on this appliance: ormelctl gateway set"},
+    {"redirect-gateway", false,
+     "the default gateway is set on this appliance: ormelctl gateway set"},
     {"route-noexec", false, "routes of the tunnel are always set, in a table of its own"},
     {"dev", false, "every profile has an interface of its own"},
     {"dev-type", false, "every profile has an interface of its own"},
@@ -100,17 +102,20 @@ constexpr Explanation EXPLANATIONS[] = {
 };
 
 // Options whose values are secrets.
-constexpr std::string_view SECRET[] = {"auth-token", "askpass", "http-proxy-user-pass", "static-challenge"};
+constexpr std::string_view SECRET[] = {"auth-token", "askpass", "http-proxy-user-pass",
+                                       "static-challenge"};
 
 // Options that name a file, and are a block when its content is there.
-constexpr std::string_view FILES[] = {"ca",       "cert",      "key",          "dh",     "pkcs12",    "extra-certs",
-                                      "tls-auth", "tls-crypt", "tls-crypt-v2", "secret", "crl-verify"};
+constexpr std::string_view FILES[] = {"ca",           "cert",        "key",       "dh",
+                                      "pkcs12",       "extra-certs", "tls-auth",  "tls-crypt",
+                                      "tls-crypt-v2", "secret",      "crl-verify"};
 // Those of them that the checker wants to see.
 struct Companion {
   const char* name;
   std::string ClientConfig::*path;
 };
-constexpr Companion JUDGED[] = {{"ca", &ClientConfig::ca}, {"cert", &ClientConfig::cert}, {"key", &ClientConfig::key}};
+constexpr Companion JUDGED[] = {
+    {"ca", &ClientConfig::ca}, {"cert", &ClientConfig::cert}, {"key", &ClientConfig::key}};
 // What the line of a server takes over.
 constexpr std::string_view SETTLED[] = {"proto", "port", "rport"};
 
@@ -120,8 +125,9 @@ bool lists(const Table& table, std::string_view name) {
 }
 
 const Explanation* explanation_of(std::string_view name) {
-  const auto* const row = std::find_if(std::begin(EXPLANATIONS), std::end(EXPLANATIONS),
-                                       [&](const Explanation& known) { return known.name == name; });
+  const auto* const row =
+      std::find_if(std::begin(EXPLANATIONS), std::end(EXPLANATIONS),
+                   [&](const Explanation& known) { return known.name == name; });
   return row == std::end(EXPLANATIONS) ? nullptr : row;
 }
 
@@ -174,12 +180,14 @@ std::string shown(const ProfileItem& item) {
 }
 
 bool same_option(const ProfileItem& one, const ProfileItem& other) {
-  return !one.block && !other.block && !one.blank && !other.blank && words_of(one.text) == words_of(other.text);
+  return !one.block && !other.block && !one.blank && !other.blank &&
+         words_of(one.text) == words_of(other.text);
 }
 
 bool same_block(const ProfileItem& one, const ProfileItem& other) {
   return one.block && other.block && one.name == other.name &&
-         trimmed(without_returns(one.body), " \t\n") == trimmed(without_returns(other.body), " \t\n");
+         trimmed(without_returns(one.body), " \t\n") ==
+             trimmed(without_returns(other.body), " \t\n");
 }
 
 template <typename Test>
@@ -190,8 +198,13 @@ const ProfileItem* find_item(const Items& items, Test test) {
 
 class Comparison {
  public:
-  Comparison(const Items& source, const std::string& stored, const DaemonCopy& copy, const Verdict& verdict)
-      : source_(source), stored_(items_of(stored)), daemon_(items_of(copy.text)), copy_(copy), verdict_(verdict) {}
+  Comparison(const Items& source, const std::string& stored, const DaemonCopy& copy,
+             const Verdict& verdict)
+      : source_(source),
+        stored_(items_of(stored)),
+        daemon_(items_of(copy.text)),
+        copy_(copy),
+        verdict_(verdict) {}
 
   [[nodiscard]] Line line_of(const ProfileItem& item) const {
     Line line{item.first, item.last, shown(item)};
@@ -200,20 +213,22 @@ class Comparison {
       line.why = item.text.empty() ? "an empty line" : "a comment";
       return line;
     }
-    for (const auto rule : {&Comparison::judged, &Comparison::stopped, &Comparison::lacking, &Comparison::unchanged,
-                            &Comparison::moved, &Comparison::replaced}) {
+    for (const auto rule : {&Comparison::judged, &Comparison::stopped, &Comparison::lacking,
+                            &Comparison::unchanged, &Comparison::moved, &Comparison::replaced}) {
       if ((this->*rule)(item, line)) return line;
     }
     line.why = why(item, "not used by a client on this appliance");
     return line;
   }
 
-  // Options of the daemon's copy that the source does not name, without those by which the appliance runs the daemon.
+  // Options of the daemon's copy that the source does not name, without those by which the
+  // appliance runs the daemon.
   [[nodiscard]] std::vector<std::string> added() const {
     std::vector<std::string> lines;
     for (const ProfileItem& item : daemon_) {
       const Explanation* row = explanation_of(item.name);
-      if (item.blank || item.block || item.text.starts_with('<') || (row && row->replaced)) continue;
+      if (item.blank || item.block || item.text.starts_with('<') || (row && row->replaced))
+        continue;
       if (!find_item(source_, [&](const ProfileItem& own) { return own.name == item.name; }))
         lines.push_back(shown(item));
     }
@@ -226,8 +241,9 @@ class Comparison {
     return row ? row->why : otherwise;
   }
   [[nodiscard]] bool daemon_gets(const ProfileItem& item) const {
-    return find_item(daemon_,
-                     [&](const ProfileItem& other) { return same_option(other, item) || same_block(other, item); });
+    return find_item(daemon_, [&](const ProfileItem& other) {
+      return same_option(other, item) || same_block(other, item);
+    });
   }
   // The same bytes.
   [[nodiscard]] const ProfileItem* stored_as_is(const ProfileItem& item) const {
@@ -236,12 +252,14 @@ class Comparison {
     });
   }
   [[nodiscard]] const ProfileItem* stored_by_name(const ProfileItem& item) const {
-    return find_item(stored_, [&](const ProfileItem& other) { return !other.blank && other.name == item.name; });
+    return find_item(
+        stored_, [&](const ProfileItem& other) { return !other.blank && other.name == item.name; });
   }
 
   bool judged(const ProfileItem& item, Line& line) const {
     if (!verdict_.asked || verdict_.accepts) return false;
-    const bool named = verdict_.line == 0 && !verdict_.option.empty() && verdict_.option == item.name;
+    const bool named =
+        verdict_.line == 0 && !verdict_.option.empty() && verdict_.option == item.name;
     if (!named && (verdict_.line < item.first || verdict_.line > item.last)) return false;
     line.fate = Fate::Refused;
     line.why = verdict_.reason;
@@ -251,9 +269,11 @@ class Comparison {
   // The reader of foreign profiles makes no copy for this line.
   bool stopped(const ProfileItem& item, Line& line) const {
     if (copy_.made) return false;
-    const ProfileItem* culprit = find_item(
-        stored_, [&](const ProfileItem& other) { return copy_.line >= other.first && copy_.line <= other.last; });
-    if (!culprit || culprit->name != item.name || (culprit->text != item.text && !item.block)) return false;
+    const ProfileItem* culprit = find_item(stored_, [&](const ProfileItem& other) {
+      return copy_.line >= other.first && copy_.line <= other.last;
+    });
+    if (!culprit || culprit->name != item.name || (culprit->text != item.text && !item.block))
+      return false;
     line.fate = Fate::Refused;
     line.why = "the tunnel would not start: " + copy_.reason;
     return true;
@@ -281,7 +301,8 @@ class Comparison {
     if (tag || daemon_gets(item)) {
       line.fate = Fate::Kept;
     } else {
-      line.why = why(item, "stored, but not given to the daemon: no option for a client on this appliance");
+      line.why = why(
+          item, "stored, but not given to the daemon: no option for a client on this appliance");
     }
     return true;
   }
@@ -295,12 +316,14 @@ class Comparison {
         return other.name == "remote" && words.size() > 1 &&
                (item.name == "remote"
                     ? line_of_server.size() > 1 && line_of_server[1] == words[1]
-                    : std::any_of(line_of_server.begin() + 1, line_of_server.end(),
-                                  [&](const std::string& word) { return words[1].starts_with(word); }));
+                    : std::any_of(
+                          line_of_server.begin() + 1, line_of_server.end(),
+                          [&](const std::string& word) { return words[1].starts_with(word); }));
       });
       if (!server) {
-        line.why = item.name == "remote" ? "servers are stored with an embedded <ca> only: the tunnel has no server"
-                                         : "each server has its own";
+        line.why = item.name == "remote"
+                       ? "servers are stored with an embedded <ca> only: the tunnel has no server"
+                       : "each server has its own";
       } else {
         line.fate = Fate::Changed;
         line.why = "becomes: " + server->text;
@@ -318,8 +341,9 @@ class Comparison {
   bool replaced(const ProfileItem& item, Line& line) const {
     const ProfileItem* other = stored_by_name(item);
     if (!other) return false;
-    const ProfileItem* later = find_item(
-        source_, [&](const ProfileItem& own) { return own.first > item.last && own.name == item.name && !own.blank; });
+    const ProfileItem* later = find_item(source_, [&](const ProfileItem& own) {
+      return own.first > item.last && own.name == item.name && !own.blank;
+    });
     const Explanation* row = explanation_of(item.name);
     if (row && row->replaced) {
       line.why = row->why;
@@ -332,9 +356,11 @@ class Comparison {
       line.why = why(item, "not given to the daemon: no option for a client on this appliance");
     } else {
       line.fate = Fate::Changed;
-      const std::string form =
-          same_option(*other, item) || other->block ? "only blanks or line ends differ" : "becomes: " + shown(*other);
-      line.why = row && !other->block && !same_option(*other, item) ? form + " (" + row->why + ')' : form;
+      const std::string form = same_option(*other, item) || other->block
+                                   ? "only blanks or line ends differ"
+                                   : "becomes: " + shown(*other);
+      line.why =
+          row && !other->block && !same_option(*other, item) ? form + " (" + row->why + ')' : form;
     }
     return true;
   }
@@ -345,7 +371,8 @@ class Comparison {
   const Verdict& verdict_;
 };
 
-// A profile that cannot be imported: nothing of it is stored. A refusal begins with the name of its option.
+// A profile that cannot be imported: nothing of it is stored. A refusal begins with the name of its
+// option.
 std::vector<Line> refused_lines(const Items& source, const std::string& reason) {
   const std::string name = reason.substr(0, reason.find(' '));
   std::vector<Line> lines;
@@ -363,13 +390,15 @@ std::vector<Line> refused_lines(const Items& source, const std::string& reason) 
 
 void add_certificates(const std::string& stored, Report& report) {
   for (const ProfileItem& item : items_of(stored)) {
-    if (!item.block || (item.name != "ca" && item.name != "cert" && item.name != "extra-certs")) continue;
+    if (!item.block || (item.name != "ca" && item.name != "cert" && item.name != "extra-certs"))
+      continue;
     for (const openssl::CertificateFacts& one : openssl::certificates_of(item.body))
       report.certificates.push_back({item.name, one.subject, one.days});
   }
 }
 
-// The checker's arguments for the key files that came. False when one is missing that the profile names.
+// The checker's arguments for the key files that came. False when one is missing that the profile
+// names.
 bool judge_arguments(const ClientConfig& record, const Items& source, std::string& arguments) {
   for (const Companion& row : JUDGED) {
     const std::string& path = record.*row.path;
@@ -389,7 +418,8 @@ struct ToolRun {
 
 ToolRun run_tool(const std::vector<std::string>& command, const std::string& input) {
   const MibIo in{mib_io_create()}, out{mib_io_create()}, errors{mib_io_create()};
-  if (!in || !out || !errors || mib_io_write(in.get(), input.data(), input.size()) < 0) return {-1, {}, {}};
+  if (!in || !out || !errors || mib_io_write(in.get(), input.data(), input.size()) < 0)
+    return {-1, {}, {}};
   const int status = mib_io_execv(in.get(), out.get(), errors.get(), system::Argv(command).get());
   const auto text = [](const MibIo& io) {
     std::size_t length = 0;
@@ -422,7 +452,8 @@ DaemonCopy make_copy(const std::string& stored, int slot) {
   return copy;
 }
 
-// The checker says "NAME: refused: REASON", where the daemon's reason ends with ": OPTION (VERSION)".
+// The checker says "NAME: refused: REASON", where the daemon's reason ends with ": OPTION
+// (VERSION)".
 Verdict judge(const std::string& path, const std::string& arguments) {
   constexpr std::string_view REFUSED = "refused: ";
   Verdict verdict;
@@ -456,8 +487,8 @@ std::vector<ProfileItem> items_of(const std::string& profile) {
     item.blank = text.empty() || text[0] == '#' || text[0] == ';';
     if (!item.blank && text[0] == '<') {
       item.name = text.substr(1, text.find('>') - 1);
-      item.block =
-          text.ends_with('>') && text.find('>') == text.size() - 1 && text[1] != '/' && item.name != "connection";
+      item.block = text.ends_with('>') && text.find('>') == text.size() - 1 && text[1] != '/' &&
+                   item.name != "connection";
     } else if (!item.blank) {
       const Words words = words_of(text);
       item.name = words.empty() ? text : words[0];
@@ -466,7 +497,8 @@ std::vector<ProfileItem> items_of(const std::string& profile) {
     if (item.block) {
       const std::string closing = "</" + item.name + '>';
       std::string body;
-      while (++at < lines.size() && !trimmed(lines[at], ENDS).starts_with(closing)) body += lines[at] + '\n';
+      while (++at < lines.size() && !trimmed(lines[at], ENDS).starts_with(closing))
+        body += lines[at] + '\n';
       item.last = std::min(at + 1, lines.size());
       item.body = trimmed(body, " \t\r\n");
     }
@@ -489,14 +521,16 @@ Report report_profile(ClientConfig& record, const ReportTools& tools) {
   }
   const Items items = items_of(source);
   std::string arguments;
-  if (judge_arguments(record, items, arguments)) report.daemon = tools.judge(record.file, arguments);
+  if (judge_arguments(record, items, arguments))
+    report.daemon = tools.judge(record.file, arguments);
 
   option::ConfigFile cf;
   system::ErrorCapture errors;
   report.error = record.convert(ANY_SLOT, cf);
   const std::string detail = errors.take();
   if (report.error != NO_ERROR) {
-    report.reason = detail.empty() ? get_error_message(static_cast<unsigned>(report.error)) : detail;
+    report.reason =
+        detail.empty() ? get_error_message(static_cast<unsigned>(report.error)) : detail;
     report.lines = refused_lines(items, report.reason);
     return report;
   }
@@ -512,7 +546,8 @@ Report report_profile(ClientConfig& record, const ReportTools& tools) {
     if (line.fate == Fate::Needs && !line.text.starts_with("auth-user-pass"))
       report.needs.push_back(line.text.substr(0, line.text.find_first_of(" \t")));
   }
-  if (record.auth_pass && record.user.empty()) report.needs.insert(report.needs.end(), {"user", "pass"});
+  if (record.auth_pass && record.user.empty())
+    report.needs.insert(report.needs.end(), {"user", "pass"});
   if (!copy.made) {
     report.error = ERR_OPENVPN_CLIENT;
     report.reason = "the tunnel would not start: " + copy.reason;

@@ -22,11 +22,12 @@ struct ReportTools {
 };
 [[nodiscard]] ReportTools platform_tools();
 
-// Reports on the profile at `record.file`, with the key files that the record names. `record` is a fresh work record,
-// and holds the account and the servers afterwards.
+// Reports on the profile at `record.file`, with the key files that the record names. `record` is a
+// fresh work record, and holds the account and the servers afterwards.
 [[nodiscard]] report::Report report_profile(ClientConfig& record, const ReportTools& tools);
 
-// A piece of a profile: an option, a whole block, a line around or within a <connection> block, or a blank line.
+// A piece of a profile: an option, a whole block, a line around or within a <connection> block, or
+// a blank line.
 struct ProfileItem {
   std::size_t first = 0, last = 0;  // numbers of its lines, from 1
   std::string name{};               // of the option or the block, without leading "--"

@@ -49,8 +49,9 @@ constexpr Setting FORCED[] = {
 };
 
 // What a <connection> block may not say: it is settled in "remote", or for the profile as a whole.
-constexpr const char* SETTLED[] = {
-    "bind", "lport", "rport", "port", "proto", "nobind", "float", "connect-retry-max", "connect-timeout"};
+constexpr const char* SETTLED[] = {"bind",           "lport",  "rport", "port",
+                                   "proto",          "nobind", "float", "connect-retry-max",
+                                   "connect-timeout"};
 
 constexpr std::string_view DATA_CIPHERS[] = {
     "AES-256-GCM", "AES-128-GCM",      "AES-128-CBC",      "AES-192-CBC",      "AES-256-CBC",
@@ -74,7 +75,8 @@ void capitalize(ConfigFile& cf, const char* name) {
 }
 
 void settle_connection(option::OpenvpnRemotes& remote) {
-  if (remote.remote_proto == "udp") remote.others.emplace("explicit-exit-notify", "1");  // unless the profile sets it
+  if (remote.remote_proto == "udp")
+    remote.others.emplace("explicit-exit-notify", "1");  // unless the profile sets it
   for (const char* name : SETTLED) remote.others.erase(name);
 }
 
@@ -100,7 +102,8 @@ std::vector<std::string> cipher_candidates(const std::string& cipher) {
   return candidates;
 }
 
-// Adds what fits to the present list. A cipher that is part of a longer name in it counts as listed.
+// Adds what fits to the present list. A cipher that is part of a longer name in it counts as
+// listed.
 std::string data_ciphers(std::string list, const std::string& cipher) {
   for (const std::string& candidate : cipher_candidates(cipher)) {
     if (list.find(candidate) != std::string::npos) continue;
@@ -157,9 +160,11 @@ void ClientConfig::override_compatible(ConfigFile& cf) {
   set_login(cf, auth_pass);
   set(cf, "data-ciphers", data_ciphers(value_of(cf, "data-ciphers"), value_of(cf, "cipher")));
   set(cf, "dev", interface_name(type, index));
-  cf.add_option("plugin", std::string(PLUGIN) + " " + slot, NORMAL_OPTION_TYPE, true);  // beside the profile's own
+  cf.add_option("plugin", std::string(PLUGIN) + " " + slot, NORMAL_OPTION_TYPE,
+                true);  // beside the profile's own
   set(cf, "writepid", pid_file(index));
-  for (const char* settled : {"proto", "remote", "rport", "port"}) cf.del_option(settled, "");  // they are in `remotes`
+  for (const char* settled : {"proto", "remote", "rport", "port"})
+    cf.del_option(settled, "");  // they are in `remotes`
 }
 
 }  // namespace ormel::ovpn

@@ -60,8 +60,8 @@ int ServerConfig::modify() {
     if (signature_algorithm != stored.signature_algorithm) {
       unlink((std::string(KEYS_FOLDER) + "/myserver.crt").c_str());  // the script makes a new one
       download_status = NEW_CERTIFICATE;
-    } else if (protocol != stored.protocol || encryption != stored.encryption || port != stored.port ||
-               compress != stored.compress) {
+    } else if (protocol != stored.protocol || encryption != stored.encryption ||
+               port != stored.port || compress != stored.compress) {
       download_status = NEW_PROFILE;
     }
   }
@@ -69,15 +69,16 @@ int ServerConfig::modify() {
 }
 
 std::span<const config::FieldTable> ServerConfig::fields() const {
-  static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::SERVER_FIELDS, PORT_FIELDS, POOL_FIELDS,
-                                                  SERVER_FIELDS};
+  static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::SERVER_FIELDS,
+                                                  PORT_FIELDS, POOL_FIELDS, SERVER_FIELDS};
   return TABLES;
 }
 
 void ServerConfig::save(Conf_dir* conf) {
   DriverServer::save(conf);
   // The record keeps what it was given: only the file must hold what the daemon can use.
-  if (mss < LEAST_MSS || mss > MOST_MSS) Conf_Dir_Set_Int(conf, section.c_str(), "MSS", DEFAULT_MSS);
+  if (mss < LEAST_MSS || mss > MOST_MSS)
+    Conf_Dir_Set_Int(conf, section.c_str(), "MSS", DEFAULT_MSS);
 }
 
 Status read_peer_status(const std::string& output) {

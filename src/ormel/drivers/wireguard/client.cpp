@@ -63,7 +63,8 @@ int ClientConfig::verify() {
     return error_message(ERR_VALUE, "client_ip is not ip format.");
   }
   if (!split_endpoint()) {
-    ORMEL_LOG(ERROR, "%s: peer_endpoint %s, listen port not exist.", __func__, peer_endpoint.c_str());
+    ORMEL_LOG(ERROR, "%s: peer_endpoint %s, listen port not exist.", __func__,
+              peer_endpoint.c_str());
     return error_message(ERR_VALUE, "peer_endpoint");
   }
   if (const int rc = verify_keys(); rc != NO_ERROR) return rc;
@@ -106,10 +107,11 @@ int ClientConfig::announce_settings(const nc_msg_struct& message, OptExternalDev
   return mibcall_external_dev(op);
 }
 
-void ClientConfig::notify_settings(const nc_msg_struct& message, const std::string& plain_name) const {
+void ClientConfig::notify_settings(const nc_msg_struct& message,
+                                   const std::string& plain_name) const {
   nclog::notify_send(&message, plain_name.c_str(), client_ip.c_str(), std::to_string(port).c_str(),
-                     enable_dns ? manual_dns.c_str() : " ", peer_endpoint.c_str(), peer_allow_ip.c_str(),
-                     std::to_string(keepalive).c_str(), nullptr);
+                     enable_dns ? manual_dns.c_str() : " ", peer_endpoint.c_str(),
+                     peer_allow_ip.c_str(), std::to_string(keepalive).c_str(), nullptr);
 }
 
 // The key material lives in vpn.conf; the script owns what it has derived from it.
@@ -123,7 +125,8 @@ void ClientConfig::remove() {
 
 int ClientConfig::do_connect(int flag) {
   if (enable && pid != 0) return NO_ERROR;
-  if (const int rc = check_client_with_server_ip_pool_and_port(client_ip, client_mask_str, port); rc != NO_ERROR) {
+  if (const int rc = check_client_with_server_ip_pool_and_port(client_ip, client_mask_str, port);
+      rc != NO_ERROR) {
     return rc;
   }
   return DriverClient::do_connect(flag);
@@ -144,7 +147,8 @@ void ClientConfig::nslookup(const std::string& host_name, std::vector<std::strin
 }
 
 std::span<const config::FieldTable> ClientConfig::fields() const {
-  static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::CLIENT_FIELDS, CLIENT_FIELDS};
+  static constexpr config::FieldTable TABLES[] = {config::BASE_FIELDS, config::CLIENT_FIELDS,
+                                                  CLIENT_FIELDS};
   return TABLES;
 }
 
@@ -170,7 +174,8 @@ void ClientConfig::load(Conf_dir* conf, pid_t process) {
   client_mask_str = system::dotted_mask(client_mask);
 }
 
-int check_client_with_server_ip_pool_and_port(const std::string& ip, const std::string& mask, int port) {
+int check_client_with_server_ip_pool_and_port(const std::string& ip, const std::string& mask,
+                                              int port) {
   const system::Network client{ip, mask};
   for (const TunnelFacts& facts : TUNNELS) {
     const config::PolyConfig* stored = config::cm.fetch(facts.server, 0);

@@ -110,8 +110,8 @@ std::string first_ipv4(const std::string& list) {
 }
 
 std::string value_of(const Settings& settings, std::string_view option) {
-  const auto found =
-      std::find_if(settings.begin(), settings.end(), [&](const auto& one) { return one.first == option; });
+  const auto found = std::find_if(settings.begin(), settings.end(),
+                                  [&](const auto& one) { return one.first == option; });
   return found == settings.end() ? std::string() : found->second;
 }
 
@@ -134,8 +134,9 @@ Line line_of(const Entry& entry, bool is_first, const Settings& settings) {
   }
   const Key* key = key_of(entry);
   if (!key) {
-    const auto* const row = std::find_if(std::begin(IGNORED), std::end(IGNORED),
-                                         [&](const Ignored& known) { return entry.name == known.name; });
+    const auto* const row =
+        std::find_if(std::begin(IGNORED), std::end(IGNORED),
+                     [&](const Ignored& known) { return entry.name == known.name; });
     line.why = row == std::end(IGNORED) ? "not a setting of a WireGuard client" : row->why;
     return line;
   }
@@ -204,12 +205,14 @@ Report report_conf_file(const std::string& text) {
   }
   if (const std::string endpoint = value_of(settings, "peer_endpoint"); !endpoint.empty()) {
     const size_t colon = std::min(endpoint.rfind(':'), endpoint.size());
-    report.servers.push_back({endpoint.substr(0, colon), endpoint.substr(std::min(colon + 1, endpoint.size())), "udp"});
+    report.servers.push_back(
+        {endpoint.substr(0, colon), endpoint.substr(std::min(colon + 1, endpoint.size())), "udp"});
   }
   if (!report.needs.empty()) {
     report.error = ERR_MISS_OPTION;
     report.reason = "the file does not have: ";
-    for (const std::string& need : report.needs) report.reason += (&need == report.needs.data() ? "" : ", ") + need;
+    for (const std::string& need : report.needs)
+      report.reason += (&need == report.needs.data() ? "" : ", ") + need;
   }
   return report;
 }

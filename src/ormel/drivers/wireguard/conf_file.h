@@ -15,11 +15,12 @@ using Settings = std::vector<std::pair<std::string, std::string>>;
 // Whether the text is one: it has the sections [Interface] and [Peer].
 [[nodiscard]] bool is_conf_file(const std::string& text);
 
-// What a file says of a client profile. Of several addresses or name servers the first of IPv4 counts, of several peers
-// the first.
+// What a file says of a client profile. Of several addresses or name servers the first of IPv4
+// counts, of several peers the first.
 [[nodiscard]] Settings settings_of(const std::string& text);
 
-// What becomes of each line. The report's error is ERR_MISS_OPTION when the file lacks something, or that of a key.
+// What becomes of each line. The report's error is ERR_MISS_OPTION when the file lacks something,
+// or that of a key.
 [[nodiscard]] report::Report report_conf_file(const std::string& text);
 
 }  // namespace ormel::wireguard

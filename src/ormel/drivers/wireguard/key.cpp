@@ -11,9 +11,11 @@ namespace ormel::wireguard {
 
 namespace {
 
-// 32 bytes are 43 digits and one "="; the last digit carries four bits, so that two of its six are zero.
+// 32 bytes are 43 digits and one "="; the last digit carries four bits, so that two of its six are
+// zero.
 constexpr size_t DIGITS = 43;
-constexpr std::string_view BASE64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::string_view BASE64 =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr std::string_view LAST_DIGITS = "AEIMQUYcgkosw048";
 
 // Runs a step that prints one key.

@@ -47,7 +47,8 @@ std::string section_of(int index) {
 
 void set_peer(Conf_dir* conf, int index, const Peer& peer, const PeerKey (&order)[7]) {
   const std::string section = section_of(index);
-  for (const PeerKey& row : order) Conf_Dir_Set_Str(conf, section.c_str(), row.key, (peer.*row.field).c_str());
+  for (const PeerKey& row : order)
+    Conf_Dir_Set_Str(conf, section.c_str(), row.key, (peer.*row.field).c_str());
 }
 
 // Makes a folder and those above it, as far as they are missing.
@@ -138,7 +139,8 @@ int PeerFile::remove(int index) {
   int last = max_index();
   const int left = std::max(number(PEERS_NUM) - 1, 0);
   unlink(psk_path(index).c_str());
-  std::ignore = Conf_Remove_Section(path_.c_str(), section_of(index).c_str());  // what is in the file then tells
+  std::ignore = Conf_Remove_Section(path_.c_str(),
+                                    section_of(index).c_str());  // what is in the file then tells
   conf_.reset(Conf_Dir_Load(path_.c_str()));
   if (!is_free(index)) return failed_update(index);
   while (last > 0 && is_free(last)) --last;
@@ -151,7 +153,8 @@ int PeerFile::renumber(const std::string& prefix) {
   int host = 2;  // the customary number of the server itself is 1
   for (int index = 1; index <= max_index(); ++index) {
     if (is_free(index)) continue;
-    Conf_Dir_Set_Str(conf_.get(), section_of(index).c_str(), ALLOW_IP, (prefix + std::to_string(host++)).c_str());
+    Conf_Dir_Set_Str(conf_.get(), section_of(index).c_str(), ALLOW_IP,
+                     (prefix + std::to_string(host++)).c_str());
   }
   if (write()) return NO_ERROR;
   ORMEL_LOG(ERROR, "save file failed. file: %s.", path_.c_str());

@@ -1,9 +1,11 @@
-// The peers of the WireGuard server: a file of their own, and one key file for each peer with a pre-shared key.
+// The peers of the WireGuard server: a file of their own, and one key file for each peer with a
+// pre-shared key.
 //
-// server_peers.conf is an INI file. Section "global" has "peers_num", the number of peers, and "max_index", the
-// highest index in use. Peer N has the section "PEERN" with the keys "name" (URL-encoded), "pub_key", "allow_ip",
-// "allow_ip_mask" (prefix length), "endpoint", "keepalive" and "psk". Indexes begin at 1; a section whose "allow_ip" is
-// empty or absent is free. Free indexes arise by deletion and are used again, lowest first.
+// server_peers.conf is an INI file. Section "global" has "peers_num", the number of peers, and
+// "max_index", the highest index in use. Peer N has the section "PEERN" with the keys "name"
+// (URL-encoded), "pub_key", "allow_ip", "allow_ip_mask" (prefix length), "endpoint", "keepalive"
+// and "psk". Indexes begin at 1; a section whose "allow_ip" is empty or absent is free. Free
+// indexes arise by deletion and are used again, lowest first.
 #pragma once
 
 #include <string>
@@ -24,8 +26,8 @@ struct Peer {
   std::string psk;                   // may be empty
 };
 
-// The file as it stood when the object was made. Each change is written at once and gives 0 or an ERROR_CODE, the
-// cause being in the log.
+// The file as it stood when the object was made. Each change is written at once and gives 0 or an
+// ERROR_CODE, the cause being in the log.
 class PeerFile {
  public:
   explicit PeerFile(const std::string& folder);
@@ -38,8 +40,8 @@ class PeerFile {
   // The index that the next new peer takes.
   [[nodiscard]] int next_index() const;
 
-  // 0, or ERR_IP_POOL_CONFLICT or ERR_WIREGUARD_PEER_PUB_KEY_CONFLICT, logged, when another peer than that of `index`
-  // has this address or key.
+  // 0, or ERR_IP_POOL_CONFLICT or ERR_WIREGUARD_PEER_PUB_KEY_CONFLICT, logged, when another peer
+  // than that of `index` has this address or key.
   [[nodiscard]] int find_conflict(int index, const Peer& candidate) const;
 
   [[nodiscard]] int add(const Peer& peer);

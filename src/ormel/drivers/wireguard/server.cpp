@@ -79,7 +79,8 @@ void show_peers(JsonValue& out, const PeerFile& peers) {
   if (peers.max_index() != 0) get_wg_status(status, 0);
   for (int index = 1; index <= peers.max_index(); ++index) {
     const Peer peer = peers.peer(index);
-    if (!peer.pub_key.empty()) show_peer(add_object(out), peer, index, peer_status(status, peer.pub_key));
+    if (!peer.pub_key.empty())
+      show_peer(add_object(out), peer, index, peer_status(status, peer.pub_key));
   }
 }
 
@@ -90,14 +91,15 @@ ServerConfig::ServerConfig(int) : DriverServer(WIREGUARD_SERVER_TYPE) {
 int ServerConfig::modify() {
   std::string plain_name;
   if (const int rc = system::decode_urlEncoded(server_name, plain_name); rc != NO_ERROR) return rc;
-  nclog::notify_send(&nc_message("C001", "0022"), plain_name.c_str(), server_ip.c_str(), std::to_string(port).c_str(),
-                     interface_text(out_eif).c_str(), enable_dns ? manual_dns.c_str() : BLANK, nullptr);
+  nclog::notify_send(&nc_message("C001", "0022"), plain_name.c_str(), server_ip.c_str(),
+                     std::to_string(port).c_str(), interface_text(out_eif).c_str(),
+                     enable_dns ? manual_dns.c_str() : BLANK, nullptr);
   return NO_ERROR;
 }
 
 std::span<const config::FieldTable> ServerConfig::fields() const {
-  static constexpr config::FieldTable TABLES[] = {SERVER_FIELDS, config::MANUAL_DNS_FIELDS, NAME_FIELDS,
-                                                  config::BASE_FIELDS, UNSAVED_FIELDS};
+  static constexpr config::FieldTable TABLES[] = {SERVER_FIELDS, config::MANUAL_DNS_FIELDS,
+                                                  NAME_FIELDS, config::BASE_FIELDS, UNSAVED_FIELDS};
   return TABLES;
 }
 

@@ -19,8 +19,8 @@ void notify_peer(const nc_msg_struct& message, const Peer& peer) {
   std::string name;
   std::ignore = system::decode_urlEncoded(peer.name, name);  // the peer counts, not its name
   const std::string address = peer.allow_ip + '/' + peer.allow_ip_mask;
-  nclog::notify_send(&message, name.c_str(), peer.endpoint.empty() ? " " : peer.endpoint.c_str(), address.c_str(),
-                     peer.keepalive.c_str(), nullptr);
+  nclog::notify_send(&message, name.c_str(), peer.endpoint.empty() ? " " : peer.endpoint.c_str(),
+                     address.c_str(), peer.keepalive.c_str(), nullptr);
 }
 
 Words removal_of(const std::string& pub_key) {
@@ -40,7 +40,13 @@ int remove_old_key(const std::string& pub_key) {
 }  // namespace
 
 Peer ServerConfig::peer_in_work() const {
-  return {peer_name, peer_pub_key, peer_allow_ip, peer_allow_ip_mask, peer_endpoint, std::to_string(keepalive), psk};
+  return {peer_name,
+          peer_pub_key,
+          peer_allow_ip,
+          peer_allow_ip_mask,
+          peer_endpoint,
+          std::to_string(keepalive),
+          psk};
 }
 
 int ServerConfig::check_peer_value(int peer) {
@@ -58,7 +64,8 @@ int ServerConfig::check_peer_value(int peer) {
     return error_message(ERR_VALUE, "psk");
   }
   if (peer_allow_ip == server_ip) {
-    ORMEL_LOG(ERROR, "ip conflict. server ip: %s, peer ip: %s.", server_ip.c_str(), peer_allow_ip.c_str());
+    ORMEL_LOG(ERROR, "ip conflict. server ip: %s, peer ip: %s.", server_ip.c_str(),
+              peer_allow_ip.c_str());
     return ERR_IP_POOL_CONFLICT;
   }
   return peers.find_conflict(peer, peer_in_work());
@@ -90,16 +97,21 @@ int ServerConfig::delete_peer(int peer) {
   return NO_ERROR;
 }
 
-// The command that installs the peer in work; its pre-shared key is written where the tool reads it.
-int ServerConfig::installation_of(const PeerFile& peers, int peer, std::vector<std::string>& command) const {
-  command = {"set", SERVER_INTERFACE, "peer", peer_pub_key, "allowed-ips", peer_allow_ip + '/' + peer_allow_ip_mask};
+// The command that installs the peer in work; its pre-shared key is written where the tool reads
+// it.
+int ServerConfig::installation_of(const PeerFile& peers, int peer,
+                                  std::vector<std::string>& command) const {
+  command = {"set",        SERVER_INTERFACE, "peer",
+             peer_pub_key, "allowed-ips",    peer_allow_ip + '/' + peer_allow_ip_mask};
   if (!psk.empty()) {
     const int place = peer == 0 ? peers.next_index() : peer;
-    if (peers.write_psk(place, psk) != NO_ERROR) return ERR_CMD_FAILED;  // the tool would not find its key
+    if (peers.write_psk(place, psk) != NO_ERROR)
+      return ERR_CMD_FAILED;  // the tool would not find its key
     command.insert(command.end(), {"preshared-key", peers.psk_path(place)});
   }
   if (!peer_endpoint.empty()) command.insert(command.end(), {"endpoint", peer_endpoint});
-  if (keepalive != 0) command.insert(command.end(), {"persistent-keepalive", std::to_string(keepalive)});
+  if (keepalive != 0)
+    command.insert(command.end(), {"persistent-keepalive", std::to_string(keepalive)});
   return NO_ERROR;
 }
 

@@ -44,7 +44,8 @@ void read_transfer(const std::string& text, PeerStatus& status) {
   if (middle == std::string::npos) return;
   status.rx_total = text.substr(0, middle);
   status.tx_total = text.substr(middle + RECEIVED.size());
-  if (const size_t end = status.tx_total.find(" sent"); end != std::string::npos) status.tx_total.resize(end);
+  if (const size_t end = status.tx_total.find(" sent"); end != std::string::npos)
+    status.tx_total.resize(end);
 }
 
 }  // namespace
@@ -54,7 +55,8 @@ ToolRun run_wg(const std::vector<std::string>& arguments, const std::string& inp
   const MibIo out{mib_io_create()};
   const MibIo errors{mib_io_create()};
   if (!in || !out || !errors) return {NO_BUFFERS, {}, {}};
-  if (!input.empty() && mib_io_printf(in.get(), "%s", input.c_str()) < 0) return {NO_BUFFERS, {}, {}};
+  if (!input.empty() && mib_io_printf(in.get(), "%s", input.c_str()) < 0)
+    return {NO_BUFFERS, {}, {}};
 
   const std::vector<std::string> words = command(arguments);
   const int rc = mib_io_execv(in.get(), out.get(), errors.get(), system::Argv(words).get());
@@ -68,14 +70,16 @@ std::string command_text(const std::vector<std::string>& arguments) {
 }
 
 void get_wg_status(std::string& out, int index) {
-  const std::string interface = index == 0 ? SERVER_INTERFACE : interface_name(WIREGUARD_CLIENT_TYPE, index);
+  const std::string interface =
+      index == 0 ? SERVER_INTERFACE : interface_name(WIREGUARD_CLIENT_TYPE, index);
   std::ignore = system::do_exec_safe({WG, "show", interface}, out);  // no text then
 }
 
 std::optional<std::time_t> latest_handshake(int index) {
   std::string text;
-  std::ignore = system::do_exec_safe({WG, "show", interface_name(WIREGUARD_CLIENT_TYPE, index), "latest-handshakes"},
-                                     text);  // no text then
+  std::ignore = system::do_exec_safe(
+      {WG, "show", interface_name(WIREGUARD_CLIENT_TYPE, index), "latest-handshakes"},
+      text);  // no text then
   const size_t tab = text.find('\t');
   if (tab == std::string::npos) return {};
   return std::strtoll(text.c_str() + tab + 1, nullptr, 10);
@@ -107,7 +111,8 @@ bool is_file_exists(const std::string& path) {
 void get_ormel_pakrix_path(std::string& out) {
   out.clear();
   if (!is_file_exists(LOG_ROTATION)) return;
-  const std::vector<std::string> query{"/sbin/getcfg", "ORMEL", "Install_Path", "-f", "/etc/config/pakrix.conf"};
+  const std::vector<std::string> query{"/sbin/getcfg", "ORMEL", "Install_Path", "-f",
+                                       "/etc/config/pakrix.conf"};
   if (system::do_exec_safe(query, out) == 0 && out.ends_with('\n')) out.pop_back();
 }
 

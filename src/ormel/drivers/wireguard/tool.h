@@ -16,18 +16,20 @@ struct ToolRun {
 };
 constexpr int NO_BUFFERS = -2;
 
-// Runs `wg` with these arguments and `input` as its standard input, which is where secrets go: everybody can read the
-// arguments of a process.
-[[nodiscard]] ToolRun run_wg(const std::vector<std::string>& arguments, const std::string& input = {});
+// Runs `wg` with these arguments and `input` as its standard input, which is where secrets go:
+// everybody can read the arguments of a process.
+[[nodiscard]] ToolRun run_wg(const std::vector<std::string>& arguments,
+                             const std::string& input = {});
 
 // The words of a `wg` command as they are logged.
 [[nodiscard]] std::string command_text(const std::vector<std::string>& arguments);
 
-// What the tool says of the server's interface (index 0) or of a client's; empty if there is no such interface.
+// What the tool says of the server's interface (index 0) or of a client's; empty if there is no
+// such interface.
 void get_wg_status(std::string& out, int index);
 
-// When a client's peer last answered a handshake, 0 if never. Nothing when the tool cannot tell, as without the right
-// to ask the kernel.
+// When a client's peer last answered a handshake, 0 if never. Nothing when the tool cannot tell, as
+// without the right to ask the kernel.
 [[nodiscard]] std::optional<std::time_t> latest_handshake(int index);
 
 // Figures of one peer in the tool's own words, each empty if it does not tell.
@@ -38,8 +40,8 @@ struct PeerStatus {
   std::string tx_total;
 };
 
-// Finds a peer in the text of get_wg_status by its public key. An empty key takes the lines of the whole text, as that
-// of a client, whose interface has one peer.
+// Finds a peer in the text of get_wg_status by its public key. An empty key takes the lines of the
+// whole text, as that of a client, whose interface has one peer.
 [[nodiscard]] PeerStatus peer_status(const std::string& text, const std::string& pub_key);
 
 [[nodiscard]] bool is_file_exists(const std::string& path);

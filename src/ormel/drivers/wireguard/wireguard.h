@@ -13,15 +13,18 @@ struct Peer;
 class PeerFile;
 
 constexpr const char* SERVER_INTERFACE = "wg0";
-constexpr const char* FOLDER = "/etc/config/ormel/wireguard";  // of the peer file and the peers' key files
+constexpr const char* FOLDER =
+    "/etc/config/ormel/wireguard";  // of the peer file and the peers' key files
 
-// The peers are not client accounts: each is a record in a file of its own, and the running interface is changed one
-// peer at a time. To add one: check_peer_value(0), enable_peer(0), add_peer(); to edit one: the same with its index and
-// modify_peer; to delete one: disable_peer, delete_peer.
+// The peers are not client accounts: each is a record in a file of its own, and the running
+// interface is changed one peer at a time. To add one: check_peer_value(0), enable_peer(0),
+// add_peer(); to edit one: the same with its index and modify_peer; to delete one: disable_peer,
+// delete_peer.
 class ServerConfig : public config::DriverServer {
  public:
   int port = 443;   // listen port; 51820 once loaded from a file without one
-  std::string psk;  // this and the peer_ fields carry the arguments of one peer operation; none is stored in vpn.conf
+  std::string psk;  // this and the peer_ fields carry the arguments of one peer operation; none is
+                    // stored in vpn.conf
   std::string server_ip;
   std::string server_name;     // URL-encoded
   std::string server_pri_key;  // base64 text
@@ -42,7 +45,9 @@ class ServerConfig : public config::DriverServer {
   void show(USER_TYPE who, JsonValue* out) override;
   void load(Conf_dir* conf, pid_t process) override;
   [[nodiscard]] std::span<const config::FieldTable> fields() const override;
-  [[nodiscard]] std::vector<system::Network> networks() const override { return {{server_ip, server_mask_str}}; }
+  [[nodiscard]] std::vector<system::Network> networks() const override {
+    return {{server_ip, server_mask_str}};
+  }
   [[nodiscard]] int listen_port() const override { return port; }
 
   int add_peer() override;
@@ -52,10 +57,12 @@ class ServerConfig : public config::DriverServer {
   int modify_peer(int peer) override;
   int delete_peer(int peer) override;
   int gen_pri_pub_keys(const std::string& key, JsonValue* doc) override;
-  // Fills the keys: a new private one if there is none, and the public one. ERR_CMD_FAILED for a bad private key;
-  // ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE if a client listens on the port of a server that is on.
+  // Fills the keys: a new private one if there is none, and the public one. ERR_CMD_FAILED for a
+  // bad private key; ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE if a client listens on the port of a
+  // server that is on.
   int check_config_value() override;
-  // Moves the peers into the server's network if its address differs from that of the stored record.
+  // Moves the peers into the server's network if its address differs from that of the stored
+  // record.
   int modify_peers_ip() override;
 
  private:
@@ -95,7 +102,9 @@ class ClientConfig : public config::DriverClient {
   [[nodiscard]] std::span<const config::FieldTable> fields() const override;
   void remove() override;
   int do_connect(int flag) override;
-  [[nodiscard]] std::vector<system::Network> networks() const override { return {{client_ip, client_mask_str}}; }
+  [[nodiscard]] std::vector<system::Network> networks() const override {
+    return {{client_ip, client_mask_str}};
+  }
   [[nodiscard]] int listen_port() const override { return port; }
   [[nodiscard]] config::Endpoint endpoint() const override { return {domain_ip, domain_port}; }
 
@@ -116,8 +125,10 @@ class ClientConfig : public config::DriverClient {
 // Makes `out` the array of the peers, each with what the running interface reports about it.
 void show_peers(JsonValue& out, const PeerFile& peers);
 
-// Whether a client's interface can be up beside the servers that are on. 0, ERR_IP_POOL_CONFLICT when it shares
-// addresses with one, ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE when it listens on the port of the WireGuard server.
-[[nodiscard]] int check_client_with_server_ip_pool_and_port(const std::string& ip, const std::string& mask, int port);
+// Whether a client's interface can be up beside the servers that are on. 0, ERR_IP_POOL_CONFLICT
+// when it shares addresses with one, ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE when it listens on the
+// port of the WireGuard server.
+[[nodiscard]] int check_client_with_server_ip_pool_and_port(const std::string& ip,
+                                                            const std::string& mask, int port);
 
 }  // namespace ormel::wireguard
