@@ -1,14 +1,17 @@
 #!/usr/bin/env bash
-# Plants one fault of each kind in a copy of the tree: script/lint must find nothing before, and name each afterwards.
+# Plants one fault of each kind in a copy of the tree: script/lint must find nothing before, and
+# name each afterwards.
 #
 #   lint_test.sh TREE BUILD
 set -euo pipefail
 tree=$1 build=$2
 copy=$(mktemp -d)
 trap 'rm -rf "$copy"' EXIT
-tar -C "$tree" --exclude=./build --exclude=./.git --exclude=./web --exclude=./tests/fuzz/corpus -cf - . | tar -C "$copy" -xf -
+tar -C "$tree" --exclude=./build --exclude=./.git --exclude=./web --exclude=./tests/fuzz/corpus \
+  -cf - . | tar -C "$copy" -xf -
 mkdir -p "$copy/build/release"
-sed "s|\"$tree/|\"$copy/|g" "$build/compile_commands.json" >"$copy/build/release/compile_commands.json"
+sed "s|\"$tree/|\"$copy/|g" "$build/compile_commands.json" \
+  >"$copy/build/release/compile_commands.json"
 
 bad=0
 complain() { printf '%s\n' "$*" >&2 && bad=1; }
@@ -38,8 +41,12 @@ for forgotten in base/forgotten.cpp platform/init.d/forgotten.sh doc/man/forgott
   rm "$copy/$forgotten"
 done
 # A name of another form, as clang-tidy sees it with the rules of the tree.
-named() { clang-tidy-14 --quiet --checks='-*,readability-identifier-naming' "$1" -- -std=c++20 -I"$copy" >"$copy/found" 2>/dev/null; }
-named "$copy/base/random_name.cpp" || complain "a name is refused before one was planted: $(cat "$copy/found")"
+named() {
+  clang-tidy-14 --quiet --checks='-*,readability-identifier-naming' "$1" -- -std=c++20 -I"$copy" \
+    >"$copy/found" 2>/dev/null
+}
+named "$copy/base/random_name.cpp" ||
+  complain "a name is refused before one was planted: $(cat "$copy/found")"
 printf 'int FormOfAnother() { return 0; }\n' >>"$copy/base/random_name.cpp"
 named "$copy/base/random_name.cpp" && complain 'clang-tidy finds no name of another form'
 "$copy/script/lint" no-such-check >"$copy/found" 2>&1 && complain 'a check that does not exist is fine'

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Adds a made-up protocol to a copy of the tables. The lists that the build makes must have it, and the sources that no
-# longer compile must be those that CONTRIBUTING's "Add a protocol" names.
+# Adds a made-up protocol to a copy of the tables. The lists that the build makes must have it, and
+# the sources that no longer compile must be those that CONTRIBUTING's "Add a protocol" names.
 #
 #   protocol_guide_test.sh TREE BUILD
 set -euo pipefail
@@ -51,8 +51,11 @@ PY
   )
   ((${#command[@]})) || continue
   "${command[0]}" -I"$copy" "${command[@]:1}" -fsyntax-only "$source" 2>"$copy/errors" && continue
-  [[ $guide == *"${source##*/}"* ]] || complain "CONTRIBUTING does not name ${source#"$tree/"}: $(head -n 3 "$copy/errors")"
+  [[ $guide == *"${source##*/}"* ]] ||
+    complain "CONTRIBUTING does not name ${source#"$tree/"}: $(head -n 3 "$copy/errors")"
   printf '%s\n' "${source##*/}" >>"$copy/refused"
-done < <(grep -rlE 'TUNNELS|Sessions::|sessions_of|CLASSES' "$tree/src" "$tree/platform" --include='*.cpp')
-grep -qx classes.cpp "$copy/refused" || complain 'classes.cpp compiles without the classes of a new protocol'
+done < <(grep -rlE 'TUNNELS|Sessions::|sessions_of|CLASSES' "$tree/src" "$tree/platform" \
+  --include='*.cpp')
+grep -qx classes.cpp "$copy/refused" ||
+  complain 'classes.cpp compiles without the classes of a new protocol'
 exit "$bad"

@@ -1,6 +1,7 @@
 #!/bin/sh
 # shellcheck shell=dash
-# Gathers what somebody needs who looks for a fault without seeing the appliance, and no secret with it.
+# Gathers what somebody needs who looks for a fault without seeing the appliance, and no secret with
+# it.
 #
 #   ormel_dump_log.sh dump_log      makes /tmp/ormel_dump_log.tar.gz, for root alone
 # shellcheck source=lib/vpn_lib.sh
@@ -11,7 +12,8 @@ FOLDER=ormel_dump_log
 END_BYTES=2097152   # of each file, as a log may be long
 COMMAND_SECONDS=10  # for each command
 
-# Settings that are copied without their secrets. What holds nothing else (the accounts of pppd, keys) is only listed.
+# Settings that are copied without their secrets. What holds nothing else (the accounts of pppd,
+# keys) is only listed.
 CONFIGURATION='/etc/config/vpn.conf /etc/config/vpn_options.conf /etc/config/vpn_block.conf /etc/config/vpn_user_ex.conf
   /etc/config/ormel/pelmar.conf /etc/config/ormel/tamid.conf /etc/config/ormel/cloudagent.cfg
   /etc/config/ormel/wireguard/server_peers.conf /var/run/cms_config/supernode.json'
@@ -65,7 +67,8 @@ copy_configuration() {
 copy_logs() {
   local file install
   install=$(/sbin/getcfg ORMEL Install_Path -f /etc/config/pakrix.conf 2>/dev/null) || :
-  for file in /var/log/network/ORMEL.log* ${install:+"$install"/var/log/ORMEL.log*} "$ONLINE_USERS"; do
+  for file in /var/log/network/ORMEL.log* ${install:+"$install"/var/log/ORMEL.log*} "$ONLINE_USERS"
+  do
     case $file in *.lock | *.lck) continue ;; esac
     copy_end "$file"
   done

@@ -10,7 +10,8 @@
 . /usr/lib/fenro/pelmar_lib.sh
 
 start() {
-  virtual_interface_set && { [ -d "$RECORDS" ] || mkdir -p "$RECORDS"; } || die 'the virtual interface cannot be set up'
+  virtual_interface_set && { [ -d "$RECORDS" ] || mkdir -p "$RECORDS"; } ||
+    die 'the virtual interface cannot be set up'
   agent_on "$EXPRESS_SWITCH"
 }
 

@@ -1,6 +1,7 @@
 #!/bin/sh
 # shellcheck shell=dash
-# Work that all protocols share: routing and NAT of client interfaces, throwing out a server's sessions.
+# Work that all protocols share: routing and NAT of client interfaces, throwing out a server's
+# sessions.
 #
 #   vpn_common.sh setup_vpn_entrance                   once at the start of the system; makes vpn.conf where there is none
 #   vpn_common.sh add_vpnclient_profile INTERFACE      the interface need not exist yet
@@ -41,7 +42,8 @@ session_pids() {
   esac
 }
 
-# listed_pids TYPE all|one WHO: what the list of online users says. Users are compared in base64, as they are listed.
+# listed_pids TYPE all|one WHO: what the list of online users says. Users are compared in base64, as
+# they are listed.
 listed_pids() {
   [ -e "$ONLINE_USERS" ] || return 0
   WHO=$3 WHO_USER=$(base64_line "$3") awk -v type="$1" -v kind="$2" '
@@ -51,7 +53,8 @@ listed_pids() {
   ' "$ONLINE_USERS"
 }
 
-# Ends the live sessions TYPE whose pids stand in the second argument; a pid that is no session is never touched.
+# Ends the live sessions TYPE whose pids stand in the second argument; a pid that is no session is
+# never touched.
 end_sessions() {
   local pid live
   live=$(session_pids "$1") || exit 1
@@ -65,7 +68,11 @@ end_sessions() {
 # ppp_kick all|one WHO: those of the server TYPE.
 ppp_kick() {
   local chosen
-  if [ -n "$2" ]; then chosen=$(listed_pids "$TYPE" "$1" "$2"); else chosen=$(session_pids "$TYPE") || exit 1; fi
+  if [ -n "$2" ]; then
+    chosen=$(listed_pids "$TYPE" "$1" "$2")
+  else
+    chosen=$(session_pids "$TYPE") || exit 1
+  fi
   # A pid is good without the list: the sessions themselves are looked up.
   if [ "$1" = one ] && is_number "$2" 2 99999999; then chosen="$chosen $2"; fi
   end_sessions "$TYPE" "$chosen"
@@ -94,5 +101,7 @@ case "$#/${1-}" in
   1/setup_vpn_entrance) with_lock firewall entrance_open ;;
   2/add_vpnclient_profile | 2/remove_vpnclient_profile) with_lock firewall "$@" ;;
   [23]/kick_all_connection | 3/kick_one_connection) "$@" ;;
-  *) die 'usage: setup_vpn_entrance, add_vpnclient_profile|remove_vpnclient_profile INTERFACE, kick_all_connection|kick_one_connection TYPE [WHO]' ;;
+  *)
+    die 'usage: setup_vpn_entrance, add_vpnclient_profile|remove_vpnclient_profile INTERFACE, kick_all_connection|kick_one_connection TYPE [WHO]'
+    ;;
 esac

@@ -4,8 +4,8 @@
 #
 #   vpn_drovik.sh start|stop|restart|status|keep
 #
-# morvid reads the section "DROVIK" of vpn.conf by itself and refuses what is of no use; here is what the host needs for
-# it. The accounts stay in the privilege store, which it asks at each login.
+# morvid reads the section "DROVIK" of vpn.conf by itself and refuses what is of no use; here is
+# what the host needs for it. The accounts stay in the privilege store, which it asks at each login.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=vpn_firewall.sh
@@ -28,7 +28,10 @@ read_settings() {
 }
 
 # What a daemon that was killed has left.
-forget_sessions() { /usr/lib/fenro/fenro-connection down $DROVIK_SERVER_BIT 2>/dev/null || note 'the ends of sessions are not in the log'; }
+forget_sessions() {
+  /usr/lib/fenro/fenro-connection down $DROVIK_SERVER_BIT 2>/dev/null ||
+    note 'the ends of sessions are not in the log'
+}
 
 running() { [ -n "$(pids_of morvid $SECTION)" ]; }
 
@@ -37,7 +40,8 @@ start() {
   read_settings
   stop
   said=$("$DAEMON" $SECTION </dev/null 2>&1 9>&-) || {
-    case $said in *'the port cannot be opened'*) fail_without_port $SECTION udp "$port" "$said" ;; esac
+    case $said in *'the port cannot be opened'*) fail_without_port $SECTION udp "$port" \
+      "$said" ;; esac
     fail_as_said $SECTION "$said"
   }
   server_open drovik "$pool" $MSS "$outgoing" $ROUTE_PRIORITY

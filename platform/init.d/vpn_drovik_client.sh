@@ -4,8 +4,9 @@
 #
 #   vpn_drovik_client.sh connect|disconnect|keep|forget INDEX
 #
-# morvic reads the section "DROVIK_CLIENTINDEX" of vpn.conf by itself, and runs drovik-client-up and drovik-client-down
-# as the tunnel comes and goes. Programs that look for tunnels in /proc go by its name and that of its pid file.
+# morvic reads the section "DROVIK_CLIENTINDEX" of vpn.conf by itself, and runs drovik-client-up and
+# drovik-client-down as the tunnel comes and goes. Programs that look for tunnels in /proc go by its
+# name and that of its pid file.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=client_lib.sh
@@ -18,7 +19,8 @@ DAEMON=/usr/lib/fenro/morvic
 connect() {
   disconnect
   client_known "$section" || die "[$section] no such profile"
-  said=$("$AS_LOOKUP" "$DAEMON" "$section" "$interface" "$pid_file" </dev/null 2>&1 9>&-) || fail_as_said "$section" "$said"
+  said=$("$AS_LOOKUP" "$DAEMON" "$section" "$interface" "$pid_file" </dev/null 2>&1 9>&-) ||
+    fail_as_said "$section" "$said"
 }
 
 # The falling edge belongs to morvic; it is repeated here for one that was killed.

@@ -21,7 +21,8 @@ NEIGHBOURS=8 # that are asked for an echo, at most
 
 apply() {
   rm -f "$GUARD_PAUSED"
-  [ "$(guard_mode)" = off ] || command -v nft >/dev/null || die 'the guard needs nftables: apt install nftables'
+  [ "$(guard_mode)" = off ] || command -v nft >/dev/null ||
+    die 'the guard needs nftables: apt install nftables'
   guard_renew || die 'the kernel refuses the filter; the old one stays'
 }
 
@@ -32,7 +33,8 @@ pause() {
 
 boot() {
   [ -e "$GUARD_BOOT" ] || return 0
-  nft -f "$GUARD_BOOT" || die 'the filter of the guard cannot be loaded: traffic may leave without a tunnel'
+  nft -f "$GUARD_BOOT" ||
+    die 'the filter of the guard cannot be loaded: traffic may leave without a tunnel'
 }
 
 report() {
@@ -47,16 +49,22 @@ report() {
 # Behind the filter, and behind all that changes addresses.
 watch_rules() {
   local prefix
-  printf 'add table %s\ndelete table %s\ntable %s {\ncounter left {}\n' "$WATCH_TABLE" "$WATCH_TABLE" "$WATCH_TABLE"
+  printf 'add table %s\ndelete table %s\ntable %s {\ncounter left {}\n' "$WATCH_TABLE" \
+    "$WATCH_TABLE" "$WATCH_TABLE"
   printf 'chain out {\n type filter hook postrouting priority srcnat + 100;\n'
   for prefix in $CLIENT_INTERFACES; do printf 'oifname "%s*" accept\n' "$prefix"; done
-  printf 'ip daddr %s counter name left\nip6 daddr %s counter name left\n}\n}\n' "$TEST_ADDRESS" "$TEST_ADDRESS6"
+  printf 'ip daddr %s counter name left\nip6 daddr %s counter name left\n}\n}\n' "$TEST_ADDRESS" \
+    "$TEST_ADDRESS6"
 }
 
-watch() { watch_rules | nft -f - 2>/dev/null || die 'packets cannot be counted: nftables is missing, or the kernel refuses'; }
+watch() {
+  watch_rules | nft -f - 2>/dev/null ||
+    die 'packets cannot be counted: nftables is missing, or the kernel refuses'
+}
 
 watched() {
-  nft list counters table "$WATCH_TABLE" 2>/dev/null | awk '$1 == "packets" { print $2; found = 1 } END { exit !found }' || exit 1
+  nft list counters table "$WATCH_TABLE" 2>/dev/null |
+    awk '$1 == "packets" { print $2; found = 1 } END { exit !found }' || exit 1
   nft delete table "$WATCH_TABLE" 2>/dev/null || :
 }
 

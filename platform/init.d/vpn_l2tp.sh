@@ -4,8 +4,9 @@
 #
 #   vpn_l2tp.sh start|stop|restart|status|keep
 #
-# Written from the section "L2TP" of vpn.conf: xl2tpd.conf and options.xl2tpd under /etc/config/ppp, and the IPsec
-# configuration with its pre-shared key under /run. The accounts stay in the secrets files under /etc/ppp.
+# Written from the section "L2TP" of vpn.conf: xl2tpd.conf and options.xl2tpd under /etc/config/ppp,
+# and the IPsec configuration with its pre-shared key under /run. The accounts stay in the secrets
+# files under /etc/ppp.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=vpn_firewall.sh
@@ -56,7 +57,8 @@ start() {
   write_file "$DAEMON_CONF" daemon_conf &&
     write_file "$L2TP_SESSIONS" ppp_session_options $SECTION l2tpd $TYPE $NO_ENCRYPTION ||
     fail not-written "[$SECTION] $PPP_DIR can't be written"
-  l2tp_available || fail kernel-lacks "[$SECTION] this kernel has no $missing, the L2TP server cannot run"
+  l2tp_available ||
+    fail kernel-lacks "[$SECTION] this kernel has no $missing, the L2TP server cannot run"
   server_open l2tp "$network.0/24" "$mss" "$outgoing" $ROUTE_PRIORITY
   open_door || {
     stop

@@ -27,11 +27,14 @@ use() {
   local section server
   section=$(section_of "$1") || die "not a client interface: '$1'"
   server=$(vpn_get "$section" 'DNS Server')
-  if is_ipv4 "$server" && [ "$server" != 0.0.0.0 ]; then dns_use "$1" "$server"; else dns_use "$1"; fi ||
+  if is_ipv4 "$server" &&
+    [ "$server" != 0.0.0.0 ]; then dns_use "$1" "$server"; else dns_use "$1"; fi ||
     die "the name server of $1 cannot be used: the host's own ones stay"
 }
 
-restore() { dns_restore || die "the host's own name servers cannot be put back: they are in $DNS_HOST"; }
+restore() {
+  dns_restore || die "the host's own name servers cannot be put back: they are in $DNS_HOST"
+}
 
 case "$#/${1-}" in
   2/use | 1/restore) with_lock names "$@" ;;

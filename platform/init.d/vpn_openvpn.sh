@@ -4,10 +4,10 @@
 #
 #   vpn_openvpn.sh start|stop|restart|status|keep
 #
-# Written from the section "OPENVPN" of vpn.conf: /etc/config/openvpn/server.conf. The certificate authority and the
-# server's certificate are made in /etc/openvpn/keys where they are missing. Logins are decided by ormel.sauth, which
-# fenro-openvpn-verify runs aside, so that the daemon goes on carrying packets meanwhile; the password comes by the
-# environment, which only root can read.
+# Written from the section "OPENVPN" of vpn.conf: /etc/config/openvpn/server.conf. The certificate
+# authority and the server's certificate are made in /etc/openvpn/keys where they are missing.
+# Logins are decided by ormel.sauth, which fenro-openvpn-verify runs aside, so that the daemon goes
+# on carrying packets meanwhile; the password comes by the environment, which only root can read.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=vpn_firewall.sh
@@ -39,7 +39,8 @@ read_settings() {
   network=${pool_begin%.*}
   last=${pool_end##*.}
   [ "$network" = "${pool_end%.*}" ] || die "[$SECTION] the pool is not within one /24 network"
-  { [ "${pool_begin##*.}" -ge 2 ] && [ "${pool_begin##*.}" -le "$last" ] && [ "$last" -le 254 ]; } ||
+  { [ "${pool_begin##*.}" -ge 2 ] && [ "${pool_begin##*.}" -le "$last" ] &&
+    [ "$last" -le 254 ]; } ||
     die "[$SECTION] bad address pool"
   is_number "$maximum" 1 253 || die "[$SECTION] bad \"Max Client\""
   is_number "$port" 1 65535 || die "[$SECTION] bad \"VPN Port\""
@@ -58,7 +59,8 @@ read_protocol() {
   esac
 }
 
-# The authenticated cipher of the level first; a client that knows none of them, or can't agree on one, has the older.
+# The authenticated cipher of the level first; a client that knows none of them, or can't agree on
+# one, has the older.
 read_ciphers() {
   case $(vpn_get $SECTION Encryption 1) in
     0) ciphers=none fallback=none ;;
@@ -70,8 +72,8 @@ read_ciphers() {
 
 setting() { is_true "$(vpn_get $SECTION "$1" TRUE)"; }
 
-# Client certificates play no part: everyone with a right and a password is admitted, any number of times. A session is
-# never asked again, as its clients learn, too.
+# Client certificates play no part: everyone with a right and a password is admitted, any number of
+# times. A session is never asked again, as its clients learn, too.
 daemon_conf() {
   cat <<CONF
 # Written by ${0##*/} from vpn.conf at each start.
@@ -113,10 +115,12 @@ verb 3
 CONF
   # OpenSSL trusts no certificate of this kind otherwise.
   [ "$digest" != sha1 ] || printf 'tls-cert-profile insecure\n'
-  # Answers leave by the address that was asked: a host with several, or with a tunnel as its gateway, would take another.
+  # Answers leave by the address that was asked: a host with several, or with a tunnel as its
+  # gateway, would take another.
   [ "$protocol" != udp4 ] || printf 'explicit-exit-notify 1\nmultihome\n'
-  # The frames of compression, as the clients' profiles have them. What is sent stays uncompressed, since the length of
-  # compressed secrets reveals their content; what comes compressed is understood.
+  # The frames of compression, as the clients' profiles have them. What is sent stays uncompressed,
+  # since the length of compressed secrets reveals their content; what comes compressed is
+  # understood.
   if setting 'Enable compressed VPN link'; then printf 'comp-lzo\nallow-compression asym\n'; fi
   if setting 'Broadcast support'; then printf 'client-to-client\n'; fi
   if setting 'Re-direct gateway'; then printf 'push "redirect-gateway def1"\n'; fi
@@ -125,10 +129,12 @@ CONF
 
 running() { [ -n "$(pids_of openvpn "$DAEMON_CONF")" ]; }
 
-# The daemon goes to the background before it has opened anything. It is ready when it says so itself.
+# The daemon goes to the background before it has opened anything. It is ready when it says so
+# itself.
 launch() {
   local rounds=$((START_SECONDS * 5))
-  "$OVPN_DAEMON" --daemon openvpn-server --config "$DAEMON_CONF" </dev/null >/dev/null 2>&1 9>&- || return 1
+  "$OVPN_DAEMON" --daemon openvpn-server --config "$DAEMON_CONF" </dev/null >/dev/null 2>&1 9>&- ||
+    return 1
   while running && [ "$rounds" -gt 0 ]; do
     case $(ovpn_manage state) in *,CONNECTED,SUCCESS,*) return 0 ;; esac
     sleep 0.2
@@ -140,9 +146,11 @@ launch() {
 start() {
   read_settings
   stop
-  ovpn_device || fail kernel-lacks "[$SECTION] this kernel has no TUN device, the OpenVPN server cannot run"
+  ovpn_device ||
+    fail kernel-lacks "[$SECTION] this kernel has no TUN device, the OpenVPN server cannot run"
   make_keys "$digest" || fail not-written "[$SECTION] no certificate: $failure"
-  write_file "$DAEMON_CONF" daemon_conf || fail not-written "[$SECTION] $DAEMON_CONF can't be written"
+  write_file "$DAEMON_CONF" daemon_conf ||
+    fail not-written "[$SECTION] $DAEMON_CONF can't be written"
   server_open openvpn "$network.0/24" "$mss" "$outgoing" $ROUTE_PRIORITY
   launch || {
     stop
@@ -153,7 +161,8 @@ start() {
 stop() {
   end_processes openvpn "$DAEMON_CONF" || die 'openvpn does not end'
   server_close openvpn $ROUTE_PRIORITY
-  /usr/lib/fenro/fenro-connection down $OVPN_SERVER_BIT 2>/dev/null || say 'the end of sessions could not be noted'
+  /usr/lib/fenro/fenro-connection down $OVPN_SERVER_BIT 2>/dev/null ||
+    say 'the end of sessions could not be noted'
 }
 
 server_script openvpn "$@"

@@ -26,13 +26,15 @@ TOLD=/var/lib/fenro/openvpn-told # what has been left out, by profile
 # The first "pull-filter" counts, of most others the last.
 daemon_arguments() {
   local ciphers
-  set -- --pull-filter ignore redirect-gateway --setenv FENRO_PROFILE "$profile" --config "$place/profile" \
+  set -- --pull-filter ignore redirect-gateway --setenv FENRO_PROFILE "$profile" --config \
+    "$place/profile" \
     --mark "$TUNNEL_MARK"
   ciphers=$(ovpn_known_ciphers "$profile")
   set -- "$@" --data-ciphers "${ciphers:-DEFAULT}"
   # Written in capital letters by the program, and known to the daemon in small ones only.
   case $(ovpn_value cipher "$profile") in [Nn][Oo][Nn][Ee]) set -- "$@" --cipher none ;; esac
-  case $(ovpn_value tls-cipher "$profile") in [Nn][Oo][Nn][Ee]) set -- "$@" --tls-cipher DEFAULT ;; esac
+  case $(ovpn_value tls-cipher "$profile") in [Nn][Oo][Nn][Ee]) set -- "$@" \
+    --tls-cipher DEFAULT ;; esac
   if is_true "$(vpn_get "$section" Reconnect 1)"; then set -- "$@" --connect-retry-max 0; fi
   printf '%s\n' "$@"
 }
@@ -41,12 +43,14 @@ daemon_arguments() {
 # shellcheck disable=SC2016 # for the other shell
 BEGIN='umask 077; cat >"$1" && shift && exec setsid "$0" "$@" </dev/null >/dev/null 2>&1'
 
-# It stays in the foreground until it has its login, so it is left alone, and waited for by its pid file.
+# It stays in the foreground until it has its login, so it is left alone, and waited for by its pid
+# file.
 launch() {
   local IFS='
 ' daemon
   # shellcheck disable=SC2046 # one argument a line; none of them holds a line break
-  ovpn_jail "$place" "$AS_LOOKUP" setpriv --no-new-privs --inh-caps=-all --bounding-set="$KEPT" -- /bin/sh -c "$BEGIN" "$DAEMON" \
+  ovpn_jail "$place" "$AS_LOOKUP" setpriv --no-new-privs --inh-caps=-all --bounding-set="$KEPT" \
+    -- /bin/sh -c "$BEGIN" "$DAEMON" \
     "$place/profile" $(daemon_arguments) <"$copy" >/dev/null 9>&- &
   daemon=$!
   setsid -f "/usr/lib/fenro/$ATTENDANT" "client$slot" </dev/null >/dev/null 2>&1 9>&-
@@ -65,12 +69,15 @@ await() {
   [ -n "$(pids_of "${DAEMON##*/}" "$profile")" ]
 }
 
-# Why the daemon refuses the profile; it says so only in the host's log, which does not show whose line it is.
+# Why the daemon refuses the profile; it says so only in the host's log, which does not show whose
+# line it is.
 judged() {
-  /usr/sbin/verify_ovpn.sh "$profile" 2>&1 </dev/null 9>&- | sed -n 's/^verify_ovpn.sh: refused: //p' | head -n 1
+  /usr/sbin/verify_ovpn.sh "$profile" 2>&1 </dev/null 9>&- |
+    sed -n 's/^verify_ovpn.sh: refused: //p' | head -n 1
 }
 
-# The falling edge belongs to the daemon's own hook; it is repeated here for a daemon that was killed.
+# The falling edge belongs to the daemon's own hook; it is repeated here for a daemon that was
+# killed.
 stop() {
   end_processes "$ATTENDANT" "client$slot" || die "[$section] $ATTENDANT does not end"
   end_processes "${DAEMON##*/}" "$profile" || die "[$section] the tunnel does not end"
@@ -86,7 +93,8 @@ make_copy() {
     rm -f "$copy"
     fail profile-not-allowed "[$section] the profile cannot run: $(printf '%s\n' "$left" | tail -n 1)"
   }
-  [ -z "$left" ] || tell "$(printf '%s\n' "$left" | head -n 20 | tr '\n' ',' | sed 's/,$//; s/,/, /g')"
+  [ -z "$left" ] ||
+    tell "$(printf '%s\n' "$left" | head -n 20 | tr '\n' ',' | sed 's/,$//; s/,/, /g')"
 }
 
 tell() {
@@ -95,7 +103,8 @@ tell() {
   note "[$section] left out of the profile: $1"
   [ "$(cat "$TOLD/client$slot" 2>/dev/null)" != "$sum" ] || return 0
   /usr/local/sbin/notify send -A A238 -C C002 -M 9001 -l warn -t 1000 \
-    '[{0}] Lines of OpenVPN profile "{1}" were left out: {2}' 'ORMEL Service' "$(vpn_get "$section" 'Profile File')" "$1" \
+    '[{0}] Lines of OpenVPN profile "{1}" were left out: {2}' 'ORMEL Service' \
+      "$(vpn_get "$section" 'Profile File')" "$1" \
     >/dev/null 2>&1 || say "[$section] left out of the profile, and no event can tell: $1"
   mkdir -p "$TOLD" && write_file "$TOLD/client$slot" printf '%s\n' "$sum"
 }
@@ -104,7 +113,8 @@ start() {
   stop
   client_known "$section" && [ -r "$profile" ] || die "[$section] no such profile"
   make_copy
-  ovpn_device || fail kernel-lacks "[$section] this kernel has no TUN device, the tunnel cannot start"
+  ovpn_device ||
+    fail kernel-lacks "[$section] this kernel has no TUN device, the tunnel cannot start"
   launched=TRUE
   launch || launched=
   rm -f "$copy"
@@ -112,7 +122,8 @@ start() {
   last=$(judged)
   [ -z "$last" ] || stop
   case $last in
-    # A daemon that takes its profile has met its server already. The attendant has heard how, and dials again or not.
+    # A daemon that takes its profile has met its server already. The attendant has heard how, and
+    # dials again or not.
     '') note "[$section] the daemon has ended at once" ;;
     *'Unrecognized option'*) fail profile-unknown-option "[$section] $last" ;;
     *) fail settings-bad "[$section] $last" ;;

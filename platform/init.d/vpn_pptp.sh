@@ -4,8 +4,8 @@
 #
 #   vpn_pptp.sh start|stop|restart|status|keep
 #
-# Written from the section "PPTP" of vpn.conf: pptpd.conf and options.pptpd under /etc/config/ppp. The accounts stay in
-# /etc/ppp/pap-secrets and /etc/ppp/chap-secrets, which are read as they stand.
+# Written from the section "PPTP" of vpn.conf: pptpd.conf and options.pptpd under /etc/config/ppp.
+# The accounts stay in /etc/ppp/pap-secrets and /etc/ppp/chap-secrets, which are read as they stand.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=vpn_firewall.sh

@@ -4,8 +4,9 @@
 #
 #   vpn_pptp_client.sh start|stop|keep|forget INDEX
 #
-# start writes /etc/config/ppp/peers/pptpclientINDEX from the section "PPTP_CLIENTINDEX" of vpn.conf. pppd runs under
-# the name "pppd-pptp" with that path among its arguments: programs that look for tunnels in /proc go by both.
+# start writes /etc/config/ppp/peers/pptpclientINDEX from the section "PPTP_CLIENTINDEX" of
+# vpn.conf. pppd runs under the name "pppd-pptp" with that path among its arguments: programs that
+# look for tunnels in /proc go by both.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=client_lib.sh
@@ -19,7 +20,8 @@ DAEMON=/usr/lib/fenro/pppd-pptp # a link to pppd, for its name
 # shellcheck disable=SC2154 # ppp_client_settings sets host
 peer_options() {
   ppp_peer_options "$section" "$encryption" || return 1
-  # Its own route to the server would stay behind; the gateway policy has rules for what tunnels send to their servers.
+  # Its own route to the server would stay behind; the gateway policy has rules for what tunnels
+  # send to their servers.
   printf 'pty "exec /usr/sbin/pptp %s --nolaunchpppd --nohostroute"\nremotename pptp\n' "$host"
   if is_true "$(vpn_get "$section" Reconnect 1)"; then
     printf 'persist\nmaxfail 0\nholdoff %s\n' "$REDIAL_SECONDS"
@@ -33,7 +35,9 @@ read_settings() {
   encryption=$(vpn_get "$section" Encryption 2)
   is_number "$encryption" 0 2 || die "[$section] bad \"Encryption\""
   case $encryption/$authentication in
-    [12]/[14]) die "[$section] no encryption with PAP or CHAP: choose MS-CHAP or MS-CHAPv2, or no encryption" ;;
+    [12]/[14])
+      die "[$section] no encryption with PAP or CHAP: choose MS-CHAP or MS-CHAPv2, or no encryption"
+      ;;
   esac
 }
 
@@ -48,9 +52,11 @@ start() {
   stop
   read_settings
   mkdir -p "$PEERS_DIR"
-  write_file "$peer_file" peer_options || fail not-written "[$section] the peer file can't be written: bad account or full disk"
+  write_file "$peer_file" peer_options ||
+    fail not-written "[$section] the peer file can't be written: bad account or full disk"
   ppp_available || fail kernel-lacks "[$section] this kernel has no PPP, the tunnel cannot start"
-  "$AS_LOOKUP" "$DAEMON" file "$peer_file" </dev/null >/dev/null 2>&1 9>&- || die "[$section] pppd refuses to start"
+  "$AS_LOOKUP" "$DAEMON" file "$peer_file" </dev/null >/dev/null 2>&1 9>&- ||
+    die "[$section] pppd refuses to start"
 }
 
 running() { [ -n "$(pids_of "${DAEMON##*/}" "$peer_file")" ]; }

@@ -7,8 +7,9 @@
 #                                    (seconds since the epoch), bytes received and sent, divided by tabs
 #   vpn_wireguard.sh sync_peers      removes peers that are kept out, and adds those that no longer are
 #
-# Made from the section "WG" of vpn.conf and the peers in server_peers.conf. Peers that come or go later are changed on
-# the running interface by the program itself. A peer that fenro-hold keeps out is not on the interface for that time.
+# Made from the section "WG" of vpn.conf and the peers in server_peers.conf. Peers that come or go
+# later are changed on the running interface by the program itself. A peer that fenro-hold keeps out
+# is not on the interface for that time.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=vpn_firewall.sh
@@ -37,9 +38,10 @@ read_settings() {
   pool=$(ipv4_network "$address" "$bits")
 }
 
-# The peers as the tool reads them, in the order of their indexes. One that it could not take is a comment instead, so
-# that it costs itself alone: the tool takes all or nothing. A peer whose endpoint has a name comes without it, and with
-# a line "#@ KEY ENDPOINT": a name server that is away must not keep the others out.
+# The peers as the tool reads them, in the order of their indexes. One that it could not take is a
+# comment instead, so that it costs itself alone: the tool takes all or nothing. A peer whose
+# endpoint has a name comes without it, and with a line "#@ KEY ENDPOINT": a name server that is
+# away must not keep the others out.
 #
 # peers [KEYS]: without those of KEYS, a line each.
 peers() {
@@ -108,7 +110,8 @@ find_endpoints() {
     case $word in
       '#!') say "$key $endpoint" ;;
       '#@')
-        WG_ENDPOINT_RESOLUTION_RETRIES=1 timeout "$WG_LOOKUP_SECONDS" wg set "$INTERFACE" peer "$key" endpoint "$endpoint" 2>/dev/null ||
+        WG_ENDPOINT_RESOLUTION_RETRIES=1 timeout "$WG_LOOKUP_SECONDS" wg set "$INTERFACE" peer \
+          "$key" endpoint "$endpoint" 2>/dev/null ||
           say "the endpoint $endpoint is not found"
         ;;
     esac
@@ -135,7 +138,8 @@ $peer
   peers=$(peers "$live
 $held") || return 1
   [ -n "$peers" ] || return 0
-  printf '%s\n' "$peers" | timeout "$WG_LOOKUP_SECONDS" wg addconf "$INTERFACE" /dev/stdin 2>/dev/null ||
+  printf '%s\n' "$peers" |
+    timeout "$WG_LOOKUP_SECONDS" wg addconf "$INTERFACE" /dev/stdin 2>/dev/null ||
     { say 'wg refuses a peer' && return 1; }
   printf '%s\n' "$peers" | find_endpoints
 }
@@ -148,7 +152,8 @@ bring_up() {
   cause=kernel-lacks failure='this kernel has no WireGuard, and wireguard-go cannot make the interface'
   wireguard_add "$INTERFACE" || return 1
   cause=port-taken failure='wg refuses the configuration'
-  printf '[Interface]\nPrivateKey = %s\nListenPort = %s\n%s\n' "$key" "$port" "$peers" | wireguard_set "$INTERFACE" ||
+  printf '[Interface]\nPrivateKey = %s\nListenPort = %s\n%s\n' "$key" "$port" "$peers" |
+    wireguard_set "$INTERFACE" ||
     return 1
   cause=address-conflict failure="$INTERFACE takes no address"
   wireguard_open "$INTERFACE" "$address" "$bits" || return 1
@@ -160,7 +165,8 @@ start() {
   stop
   bring_up || {
     stop
-    [ "$cause" = port-taken ] && fail_without_port $SECTION udp "$port" 'the WireGuard server cannot run'
+    [ "$cause" = port-taken ] &&
+      fail_without_port $SECTION udp "$port" 'the WireGuard server cannot run'
     fail "$cause" "[$SECTION] the WireGuard server cannot run${failure:+: $failure}"
   }
   /usr/lib/fenro/fenro-hold watch 9>&- || say 'peers that are kept out stay so beyond their time'
@@ -177,7 +183,10 @@ stop() {
 running() { wireguard_exists "$INTERFACE"; }
 
 case "$#/${1-}" in
-  1/peers) ! running || wg show "$INTERFACE" dump | awk -F '\t' -v OFS='\t' 'NR > 1 { print $1, $3, $4, $5, $6, $7 }' ;;
+  1/peers)
+    ! running ||
+      wg show "$INTERFACE" dump | awk -F '\t' -v OFS='\t' 'NR > 1 { print $1, $3, $4, $5, $6, $7 }'
+    ;;
   1/sync_peers) with_lock wireguard sync_peers ;;
   *) server_script wireguard "$@" ;;
 esac

@@ -5,8 +5,9 @@
 #   vpn_wireguard_client.sh start|stop|remove|keep|forget INDEX
 #   vpn_wireguard_client.sh resolve INDEX     look the server's name up again, and go to its new address
 #
-# Made from the section "WG_CLIENTINDEX" of vpn.conf; wireguard-client-watch stays with the interface. Nothing is kept
-# for a profile but what "stop" takes away, so for a profile that is removed the rest is the same.
+# Made from the section "WG_CLIENTINDEX" of vpn.conf; wireguard-client-watch stays with the
+# interface. Nothing is kept for a profile but what "stop" takes away, so for a profile that is
+# removed the rest is the same.
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=client_lib.sh
@@ -14,7 +15,8 @@
 # shellcheck source=wireguard_lib.sh
 . /usr/lib/fenro/wireguard_lib.sh
 
-EVERYWHERE_BITS=8 # networks larger than this mean the rest of the world, which is the gateway policy's to route
+# networks larger than this mean the rest of the world, which is the gateway policy's to route
+EVERYWHERE_BITS=8
 
 read_settings() {
   client_known "$section" || die "[$section] no such profile"
@@ -42,8 +44,10 @@ read_settings() {
 }
 
 configuration() {
-  printf '[Interface]\nPrivateKey = %s\nListenPort = %s\nFwMark = %s\n' "$key" "$port" "$TUNNEL_MARK"
-  printf '[Peer]\nPublicKey = %s\nAllowedIPs = %s\nEndpoint = %s:%s\n' "$peer_key" "$allowed" "$server" "$endpoint_port"
+  printf '[Interface]\nPrivateKey = %s\nListenPort = %s\nFwMark = %s\n' "$key" "$port" \
+    "$TUNNEL_MARK"
+  printf '[Peer]\nPublicKey = %s\nAllowedIPs = %s\nEndpoint = %s:%s\n' "$peer_key" "$allowed" \
+    "$server" "$endpoint_port"
   [ -z "$psk" ] || printf 'PresharedKey = %s\n' "$psk"
   [ "$keepalive" -eq 0 ] || printf 'PersistentKeepalive = %s\n' "$keepalive"
 }
@@ -56,8 +60,8 @@ find_server() {
   server=$(client_resolve "$endpoint_host")
 }
 
-# What the peer takes goes into the tunnel's own table, for sockets bound to it, and into the main one, but for what
-# somebody else routes already.
+# What the peer takes goes into the tunnel's own table, for sockets bound to it, and into the main
+# one, but for what somebody else routes already.
 add_routes() {
   local prefix network IFS=,
   # shellcheck disable=SC2086 # split at the commas on purpose; no character is left that could be a pattern
@@ -101,7 +105,9 @@ start() {
   }
   vpn_set "$section" 'Domain IP' "$server"
   dns=
-  if is_true "$(vpn_get "$section" 'Enable Manual DNS' FALSE)"; then dns=$(vpn_get "$section" 'Use Manual DNS'); fi
+  if is_true "$(vpn_get "$section" 'Enable Manual DNS' FALSE)"; then
+    dns=$(vpn_get "$section" 'Use Manual DNS')
+  fi
   client_up "$section" "$address" '' "$server" "$dns"
   setsid -f /usr/lib/fenro/wireguard-client-watch "$section" </dev/null >/dev/null 2>&1 9>&-
 }
@@ -121,8 +127,10 @@ resolve() {
   read_settings
   is_hostname "$endpoint_host" && ! is_ipv4 "$endpoint_host" || exit "$NOTHING_TO_DO"
   find_server || exit 1
-  case $(wg show "$interface" endpoints 2>/dev/null) in *"	$server:$endpoint_port") exit "$NOTHING_TO_DO" ;; esac
-  timeout "$WG_LOOKUP_SECONDS" wg set "$interface" peer "$peer_key" endpoint "$server:$endpoint_port" 2>/dev/null ||
+  case $(wg show "$interface" endpoints 2>/dev/null) in *"	$server:$endpoint_port") exit \
+    "$NOTHING_TO_DO" ;; esac
+  timeout "$WG_LOOKUP_SECONDS" wg set "$interface" peer "$peer_key" endpoint \
+    "$server:$endpoint_port" 2>/dev/null ||
     die "[$section] wg refuses the server's new address"
   vpn_set "$section" 'Domain IP' "$server"
   vpn_set "$section" 'Real Address' "$server"

@@ -1,6 +1,7 @@
 #!/bin/sh
-# The web entry starts this for /ormel/log/dump. The program makes and sends the archive of the logs; this removes the
-# archive however the program ends. The gate runs one at a time: a second one would lose its archive to the first.
+# The web entry starts this for /ormel/log/dump. The program makes and sends the archive of the
+# logs; this removes the archive however the program ends. The gate runs one at a time: a second one
+# would lose its archive to the first.
 exec 3<&0 # a background command would read from /dev/null
 /usr/sbin/ormel.cgi <&3 3<&- &
 program=$!

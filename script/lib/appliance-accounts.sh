@@ -1,6 +1,7 @@
 # shellcheck shell=bash
-# The accounts of a private appliance: the host's system accounts by name and number, none of their passwords, and
-# two people. Run in the folder that becomes the root. In bash alone where it can be: this is on the way of every start.
+# The accounts of a private appliance: the host's system accounts by name and number, none of their
+# passwords, and two people. Run in the folder that becomes the root. In bash alone where it can be:
+# this is on the way of every start.
 
 # user|number|name in full; their passwords are made again and left where only root can read them
 PEOPLE=(

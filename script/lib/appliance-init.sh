@@ -1,6 +1,7 @@
 # shellcheck shell=bash
-# The init of a private appliance, read by process 1 and run once it has its new root: starts the daemons and the
-# web server, runs the one command, ends everything. As a shell it also reaps what its children leave behind.
+# The init of a private appliance, read by process 1 and run once it has its new root: starts the
+# daemons and the web server, runs the one command, ends everything. As a shell it also reaps what
+# its children leave behind.
 
 # program in /usr/lib/fenro | its sockets as /proc/net/unix shows them
 DAEMON_TABLE=(
@@ -23,10 +24,12 @@ be_init() {
   local status=0
   [[ ! $SANITIZER_LOGS ]] || EXTRA_ENV+=("${SANITIZER_ENV[@]}")
   ulimit -c 0
-  ldconfig -X || die "the loader's cache could not be made" # as an installation does it: no search for our libraries
+  # as an installation does it: no search for our libraries
+  ldconfig -X || die "the loader's cache could not be made"
   [[ ! $CLOUD ]] || start_cloud
   # Before the first program that may send anything.
-  [[ ! -x /etc/init.d/vpn_guard.sh ]] || /etc/init.d/vpn_guard.sh boot || die "the guard of the default gateway is not set"
+  [[ ! -x /etc/init.d/vpn_guard.sh ]] || /etc/init.d/vpn_guard.sh boot ||
+    die "the guard of the default gateway is not set"
   keep_password_hashes
   start_daemons
   [[ ! $WEB ]] || start_web
@@ -37,13 +40,15 @@ be_init() {
   exit "$status"
 }
 
-# What the packages' installation does once, and a first login of each user: PPTP and L2TP logins need a hash.
+# What the packages' installation does once, and a first login of each user: PPTP and L2TP logins
+# need a hash.
 keep_password_hashes() {
   local user hook='password optional pam_fenro_password.so'
   [[ -x /usr/sbin/fenro-password && ! -e /etc/config/smbpasswd ]] || return 0
   printf '%s\n' "$hook" >>/etc/pam.d/common-password
   for user in admin guest; do
-    env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" /usr/sbin/fenro-password "$user" <"/var/lib/appliance/password.$user" ||
+    env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" /usr/sbin/fenro-password "$user" \
+      <"/var/lib/appliance/password.$user" ||
       die "no password hash of $user"
   done
 }
@@ -57,7 +62,8 @@ wanted() {
   for name in "${WITHOUT[@]}"; do [[ $name != "$1" ]] || return 1; done
 }
 
-# All are started before the first is waited for. A tree without some of them is an appliance without them.
+# All are started before the first is waited for. A tree without some of them is an appliance
+# without them.
 start_daemons() {
   local row program sockets socket
   local -A pids
@@ -65,7 +71,8 @@ start_daemons() {
     IFS='|' read -r program _ <<<"$row"
     [[ -x /usr/lib/fenro/$program ]] || continue
     wanted "$program" || continue
-    setsid env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" "/usr/lib/fenro/$program" </dev/null >"$LOGS/$program.log" 2>&1 &
+    setsid env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" "/usr/lib/fenro/$program" </dev/null \
+      >"$LOGS/$program.log" 2>&1 &
     pids[$program]=$!
   done
   for row in "${DAEMON_TABLE[@]}"; do
@@ -99,12 +106,14 @@ listens() {
   return 1
 }
 
-# The cloud is at the far end of the cable, as its port is the web server's in here. Its hosts and its authority are
-# known in here alone. On a real host the package's installation tells where the application's folder is.
+# The cloud is at the far end of the cable, as its port is the web server's in here. Its hosts and
+# its authority are known in here alone. On a real host the package's installation tells where the
+# application's folder is.
 start_cloud() {
   local folder=/run/cloud file name log=$LOGS/fenro-cloud.log
   [[ -e /run/netns/lan ]] || die "the cloud belongs to the appliance that others join"
-  bash "$folder/make_certificates.sh" "$folder" "$(<"$folder/domain")" || die "no certificates for the cloud"
+  bash "$folder/make_certificates.sh" "$folder" "$(<"$folder/domain")" ||
+    die "no certificates for the cloud"
   for file in hosts ssl/certs/ca-certificates.crt; do # a kept state has those of an earlier cloud
     [[ -e /etc/$file.own ]] || cp "/etc/$file" "/etc/$file.own"
     cp "/etc/$file.own" "/etc/$file"
@@ -114,35 +123,44 @@ start_cloud() {
   ln -sfn "$folder/ca.pem" "/etc/ssl/certs/$(openssl x509 -in "$folder/ca.pem" -noout -hash).0"
   setcfg ORMEL Install_Path /opt/ormel -f /etc/config/pakrix.conf
   setcfg Hollex Install_Path '' -f /etc/config/pakrix.conf
-  setsid nsenter --net=/run/netns/lan "$folder/fenro-cloud" "$folder" "$GATEWAY" 443 </dev/null >"$log" 2>&1 &
+  setsid nsenter --net=/run/netns/lan "$folder/fenro-cloud" "$folder" "$GATEWAY" 443 </dev/null \
+    >"$log" 2>&1 &
   wait_until $! cloud_listens || die "the cloud did not start: $(<"$log")"
 }
 
 cloud_listens() { (exec 3<>"/dev/tcp/$GATEWAY/443") 2>/dev/null; }
 
-# nginx gets to the programs through the gate and fcgiwrap alone, on sockets that only its workers' user may use.
+# nginx gets to the programs through the gate and fcgiwrap alone, on sockets that only its workers'
+# user may use.
 start_web() {
   local user=www-data folder=/run/ormel-web as=()
-  [[ -r /usr/share/ormel/web/nginx.conf ]] || die "the installed tree has no web server's configuration"
+  [[ -r /usr/share/ormel/web/nginx.conf ]] ||
+    die "the installed tree has no web server's configuration"
   ((IS_ROOT)) || user=root # an ordinary user's namespace has one account
   # Only root can write a sanitizer's report.
-  ((!IS_ROOT)) || [[ $SANITIZER_LOGS ]] || as=(setpriv "--reuid=$user" "--regid=$user" --clear-groups --no-new-privs)
+  ((!IS_ROOT)) || [[ $SANITIZER_LOGS ]] ||
+    as=(setpriv "--reuid=$user" "--regid=$user" --clear-groups --no-new-privs)
   mkdir -p /etc/fenro/web
-  install -d -m 0700 -o "$user" "$folder" # closes the sockets to all others: the programs want an ordinary umask
+  # closes the sockets to all others: the programs want an ordinary umask
+  install -d -m 0700 -o "$user" "$folder"
   make_certificate /etc/fenro/web
   (
     umask 022
-    exec env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" setsid fcgiwrap -c 8 -s "unix:$folder/programs.sock" \
+    exec env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" setsid fcgiwrap -c 8 -s \
+      "unix:$folder/programs.sock" \
       -p /usr/sbin/ormel.cgi -p /usr/lib/fenro/fenro-login.cgi -p /usr/lib/fenro/fenro-dump.cgi
   ) </dev/null >"$LOGS/fcgiwrap.log" 2>&1 &
-  wait_until $! listens "$folder/programs.sock" || die "fcgiwrap did not start: $(<"$LOGS/fcgiwrap.log")"
+  wait_until $! listens "$folder/programs.sock" ||
+    die "fcgiwrap did not start: $(<"$LOGS/fcgiwrap.log")"
   chown "$user" "$folder/programs.sock"
   setsid env -i "${APPLIANCE_ENV[@]}" "${EXTRA_ENV[@]}" "${as[@]}" /usr/lib/fenro/fenro-web-gate \
     "$folder/programs.sock" "$folder/fcgi.sock" </dev/null >"$LOGS/fenro-web-gate.log" 2>&1 &
-  wait_until $! listens "$folder/fcgi.sock" || die "the gate did not start: $(<"$LOGS/fenro-web-gate.log")"
+  wait_until $! listens "$folder/fcgi.sock" ||
+    die "the gate did not start: $(<"$LOGS/fenro-web-gate.log")"
   chown "$user" "$folder/fcgi.sock"
   # Its error log names the requests that failed, session ids and all.
-  (umask 077 && nginx -c /usr/share/ormel/web/nginx.conf -g "user $user;" </dev/null >"$LOGS/nginx.log" 2>&1) ||
+  (umask 077 &&
+    nginx -c /usr/share/ormel/web/nginx.conf -g "user $user;" </dev/null >"$LOGS/nginx.log" 2>&1) ||
     die "nginx did not start: $(<"$LOGS/nginx.log")"
 }
 
@@ -160,12 +178,14 @@ report_ready() {
   exec {READY_FD}>&-
 }
 
-# In the background, so that a signal is acted on at once; still with the caller's input and terminal.
+# In the background, so that a signal is acted on at once; still with the caller's input and
+# terminal.
 run_command() {
   local status interrupted
   trap 'interrupted=1; kill -TERM -1 2>/dev/null' TERM
   trap 'interrupted=1' INT
-  env -i --default-signal=INT,QUIT "${APPLIANCE_ENV[@]}" ${TERMINAL:+"TERM=$TERMINAL"} "${EXTRA_ENV[@]}" "${COMMAND[@]}" <&0 &
+  env -i --default-signal=INT,QUIT "${APPLIANCE_ENV[@]}" ${TERMINAL:+"TERM=$TERMINAL"} \
+    "${EXTRA_ENV[@]}" "${COMMAND[@]}" <&0 &
   interrupted=1
   while [[ $interrupted ]]; do
     interrupted='' status=0

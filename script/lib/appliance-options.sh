@@ -1,9 +1,11 @@
 # shellcheck shell=bash
-# The options of script/appliance. Read twice: by the caller's side, to refuse nonsense early, and by process 1.
+# The options of script/appliance. Read twice: by the caller's side, to refuse nonsense early, and
+# by process 1.
 
 # shellcheck disable=SC2034 # read by the scripts that source this file
 parse_options() {
-  STAGE='' STATE='' NAME=appliance ADDRESS=192.168.77.1/24 JOIN='' READY_FD='' WEB='' CLOUD='' SANITIZER_LOGS=''
+  STAGE='' STATE='' NAME=appliance ADDRESS=192.168.77.1/24 JOIN='' READY_FD='' WEB='' CLOUD='' \
+    SANITIZER_LOGS=''
   WITH_DAEMONS=all DAEMONS=() WITHOUT=() BINDS=() BINDS_RW=() EXTRA_ENV=() COMMAND=()
   while (($#)); do
     case $1 in

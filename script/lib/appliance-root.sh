@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Process 1 of a private appliance: puts its root together, makes it the root, and goes on as its init.
+# Process 1 of a private appliance: puts its root together, makes it the root, and goes on as its
+# init.
 #
-# The new root is a tmpfs. /usr is the host's with the installed tree on top (overlay); /etc is a copy of the
-# host's without its secrets and accounts; everything else starts empty. Whole folders of the host are never laid
-# under /etc or /var: an ordinary user's namespace could not change files in them, and their logs are not ours.
+# The new root is a tmpfs. /usr is the host's with the installed tree on top (overlay); /etc is a
+# copy of the host's without its secrets and accounts; everything else starts empty. Whole folders
+# of the host are never laid under /etc or /var: an ordinary user's namespace could not change files
+# in them, and their logs are not ours.
 set -euo pipefail
 HERE=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd -P)
 # shellcheck source=script/lib/common.sh
@@ -18,15 +20,17 @@ HERE=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd -P)
 GATEWAY=192.168.77.254 # the far end of the cable
 NEEDED_MB=4            # beside the copy of /etc: settings, logs, the log database
 
-# What of the host's /etc stays outside: secrets, accounts, and what belongs to an ormel installed on the host.
+# What of the host's /etc stays outside: secrets, accounts, and what belongs to an ormel installed
+# on the host.
 HIDDEN_ETC=(config fenro ormel openvpn wireguard ssh ssl/private sudoers sudoers.d subuid subgid
-  'passwd*' 'group*' 'shadow*' 'gshadow*' ppp/chap-secrets ppp/pap-secrets ppp/peers ipsec.secrets ipsec.d swanctl
+  'passwd*' 'group*' 'shadow*' 'gshadow*' ppp/chap-secrets ppp/pap-secrets ppp/peers \
+    ipsec.secrets ipsec.d swanctl
   NetworkManager krb5.keytab 'cron*' machine-id resolv.conf hosts hostname nsswitch.conf mtab)
 
 DEVICES=(null zero full random urandom tty net/tun ppp) # where the host has them
 
-# A folder of the host to build under: the mounts made on it are seen here alone. None of the paths still needed
-# may lie in it.
+# A folder of the host to build under: the mounts made on it are seen here alone. None of the paths
+# still needed may lie in it.
 choose_workbench() {
   local place path
   for place in /mnt /media /srv /home; do
@@ -46,7 +50,8 @@ make_skeleton() {
   mkdir "$WORKBENCH"/{root,work,upper}
   mount -t tmpfs -o mode=0755 appliance "$WORKBENCH/root"
   cd "$WORKBENCH/root"
-  mkdir -p dev/{net,pts,shm} etc home mnt opt proc run/{appliance/log,lock,netns} srv sys tmp usr var
+  mkdir -p dev/{net,pts,shm} etc home mnt opt proc run/{appliance/log,lock,netns} srv sys tmp usr \
+    var
   (umask 077 && mkdir -p root run/fenro/sessions)
   chmod 1777 tmp
   for link in bin sbin lib lib32 lib64 libx32; do
@@ -55,7 +60,8 @@ make_skeleton() {
   cp -P "${links[@]}" .
 }
 
-# With --state, /etc and /var are the given folder's and what is in them already wins over the host's.
+# With --state, /etc and /var are the given folder's and what is in them already wins over the
+# host's.
 lay_etc_and_var() {
   if [[ $STATE ]]; then
     chmod 0700 "$STATE"
@@ -70,9 +76,11 @@ lay_etc_and_var() {
   [[ -L var/run ]] || ln -s /run /run/lock var # "lock" and "run"
   if [[ ! -e etc/passwd ]]; then
     {
-      tar -C / --create --ignore-failed-read --warning=no-failed-read "${HIDDEN_ETC[@]/#/--exclude=etc/}" etc |
+      tar -C / --create --ignore-failed-read --warning=no-failed-read \
+        "${HIDDEN_ETC[@]/#/--exclude=etc/}" etc |
         tar --extract --no-same-owner
-    } 2>run/appliance/etc.err || die "cannot copy /etc into the appliance: $(head -n 1 run/appliance/etc.err)"
+    } 2>run/appliance/etc.err ||
+      die "cannot copy /etc into the appliance: $(head -n 1 run/appliance/etc.err)"
     (umask 077 && mkdir -p etc/ppp/peers etc/ssl/private var/lib/appliance home/{admin,guest})
     write_host_files
     write_accounts
@@ -84,14 +92,16 @@ write_host_files() {
   printf '%s\n' "$NAME" >etc/hostname
   printf '127.0.0.1 localhost\n%s %s\n' "$address" "$NAME" >etc/hosts
   printf '# no name server: this appliance has no way out\n' >etc/resolv.conf
-  printf '%s\n' 'passwd: files' 'group: files' 'shadow: files' 'hosts: files dns' 'services: files' \
+  printf '%s\n' 'passwd: files' 'group: files' 'shadow: files' 'hosts: files dns' \
+    'services: files' \
     'protocols: files' >etc/nsswitch.conf
   printf '%08x%08x%08x%08x\n' "$SRANDOM" "$SRANDOM" "$SRANDOM" "$SRANDOM" >etc/machine-id
   ln -sfn /proc/self/mounts etc/mtab
   (umask 077 && : >etc/ppp/chap-secrets && : >etc/ppp/pap-secrets)
 }
 
-# The installed tree is copied, not laid over: a new build meanwhile would pull it away from under the appliance.
+# The installed tree is copied, not laid over: a new build meanwhile would pull it away from under
+# the appliance.
 lay_stage() {
   local lock options entry
   if [[ -r $STAGE.lock ]]; then
@@ -108,7 +118,8 @@ lay_stage() {
   [[ ! ${lock-} ]] || exec {lock}<&-
   options=lowerdir=/usr,upperdir=$WORKBENCH/upper,workdir=$WORKBENCH/work
   ((IS_ROOT)) || options+=,userxattr
-  mount -t overlay -o "$options" appliance-usr usr 2>run/appliance/overlay.err || die "cannot lay the installed tree \
+  mount -t overlay -o "$options" appliance-usr usr 2>run/appliance/overlay.err ||
+    die "cannot lay the installed tree \
 over /usr with an overlay mount ($(<run/appliance/overlay.err)): this kernel lacks overlay or allows it to root only, \
 /usr is itself on two overlays or on a file system that overlay refuses, or something is mounted below it"
 }
@@ -120,8 +131,8 @@ lay_cloud() {
   cp --preserve=mode "$CLOUD"/{fenro-cloud,make_certificates.sh,domain,world.json} run/cloud
 }
 
-# Everything that does not depend on the options is one table for one mount command. Of /proc/sys only net is ours
-# (it belongs to the network namespace); the rest is the host's kernel.
+# Everything that does not depend on the options is one table for one mount command. Of /proc/sys
+# only net is ours (it belongs to the network namespace); the rest is the host's kernel.
 mount_kernel_views() {
   local root=$PWD device lines=()
   for device in "${DEVICES[@]}"; do
@@ -157,8 +168,9 @@ bind_folders() {
   for path in "${BINDS[@]}"; do mount -o remount,bind,ro ".$path"; done
 }
 
-# A cable from eth0 to a bridge in the network namespace "lan", which stands for the local network: it answers
-# as the gateway and says at once that there is nothing behind it. A second appliance can be plugged in there.
+# A cable from eth0 to a bridge in the network namespace "lan", which stands for the local network:
+# it answers as the gateway and says at once that there is nothing behind it. A second appliance can
+# be plugged in there.
 make_network() {
   local lan=$PWD/run/netns/lan switch=()
   if [[ $JOIN ]]; then
@@ -168,7 +180,8 @@ make_network() {
     : >"$lan"
     # Not unshare --net=FILE: that looks our number up in /proc, which is the host's still.
     unshare --net mount --no-canonicalize --bind /proc/self/ns/net "$lan"
-    switch=('link set lo up' 'link add br0 type bridge' 'link set br0 up' "address add $GATEWAY/24 dev br0")
+    switch=('link set lo up' 'link add br0 type bridge' 'link set br0 up' \
+      "address add $GATEWAY/24 dev br0")
   fi
   ip -batch - <<TEXT
 link add eth0 type veth peer name to-$NAME netns $lan

@@ -1,14 +1,16 @@
 # shellcheck shell=bash
-# Shared by the scripts of this folder: where the tree is, how they complain, how they build and enter things.
-# Expects `set -euo pipefail` in the script that reads it.
+# Shared by the scripts of this folder: where the tree is, how they complain, how they build and
+# enter things. Expects `set -euo pipefail` in the script that reads it.
 # shellcheck disable=SC2034 # what is set here is used there
 
 TREE=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd -P)
 
 # What a program of the appliance finds in its environment, whatever the caller's looks like.
-APPLIANCE_ENV=(PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8)
+APPLIANCE_ENV=(PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root \
+  LANG=C.UTF-8)
 
-# Taken from everything that runs in an appliance: with these, root inside could still change the host's kernel.
+# Taken from everything that runs in an appliance: with these, root inside could still change the
+# host's kernel.
 APPLIANCE_BOUND=-sys_module,-sys_boot,-sys_time,-sys_rawio
 
 NAMESPACES=(unshare --mount --pid --net --uts --ipc --fork) # what a private appliance is in
@@ -51,8 +53,8 @@ fi
 
 WATCHED='' # the process group of `grouped` and `watched`, for the trap of who is ended meanwhile
 
-# grouped COMMAND...: runs a command as the leader of a process group, so that Ctrl-C reaches only us: a caller has
-# `end_watched` in its EXIT trap. Ends with the command's exit status.
+# grouped COMMAND...: runs a command as the leader of a process group, so that Ctrl-C reaches only
+# us: a caller has `end_watched` in its EXIT trap. Ends with the command's exit status.
 grouped() {
   local status=0
   setsid env --default-signal=INT,QUIT "$@" </dev/null & # a background command would ignore both
@@ -62,8 +64,8 @@ grouped() {
   return "$status"
 }
 
-# watched LOG COUNT COMMAND...: the same with its output in a file; says every few seconds what the function COUNT, given
-# the file, makes of it.
+# watched LOG COUNT COMMAND...: the same with its output in a file; says every few seconds what the
+# function COUNT, given the file, makes of it.
 watched() {
   local log=$1 count=$2 last='' now status=0 next=$((SECONDS + 3))
   shift 2
@@ -82,8 +84,8 @@ watched() {
   return "$status"
 }
 
-# end_watched SECONDS: ends what `watched` runs, with all that it has started. What takes longer than SECONDS is killed:
-# npm tidies up for a long time.
+# end_watched SECONDS: ends what `watched` runs, with all that it has started. What takes longer
+# than SECONDS is killed: npm tidies up for a long time.
 end_watched() {
   local round limit=$(($1 * 20))
   trap '' INT TERM HUP
@@ -116,16 +118,19 @@ ninja_count() {
   awk -F'[][/ ]' '{ if ($2 > 0) printf "compiling %d/%d, about %d s more\n", $2, $3, $4 / $2 * ($3 - $2) }' <<<"$line"
 }
 
-# full_disk LOG FOLDER...: whether a command whose output is in LOG failed because a disk is full, and which one. Programs
-# say this in many words, and nothing at all where the disk that is full holds the log.
+# full_disk LOG FOLDER...: whether a command whose output is in LOG failed because a disk is full,
+# and which one. Programs say this in many words, and nothing at all where the disk that is full
+# holds the log.
 full_disk() {
   local free disk
-  read -r free disk < <(df --output=avail,target --block-size=1M -- "${@:2}" 2>/dev/null | tail -n +2 | sort -n)
+  read -r free disk < <(df --output=avail,target --block-size=1M -- "${@:2}" 2>/dev/null |
+    tail -n +2 | sort -n)
   ((${free:-2} < 2)) || grep -aqsE 'No space left on device|enough free space' "$1" || return 1
   printf 'the disk at %s is full (%s MB free); free some of it and start again' "$disk" "$free"
 }
 
-# The start time of a process in clock ticks: with it, a number that was given to another process is noticed.
+# The start time of a process in clock ticks: with it, a number that was given to another process is
+# noticed.
 start_time() {
   local stat fields
   { read -r stat <"/proc/$1/stat"; } 2>/dev/null || return 1

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Process 1 of the root that packages are tested in: puts it together, and has autopkgtest run in it. What it ends with
-# is the test's own exit status.
+# Process 1 of the root that packages are tested in: puts it together, and has autopkgtest run in
+# it. What it ends with is the test's own exit status.
 #   package-root.sh systemd LOG DEBIAN PACKAGES FORMER   as a unit of systemd, which goes on as process 1
 #   package-root.sh plain LOG DEBIAN PACKAGES FORMER     without
 #   package-root.sh probe                                nothing but a unit that is as shut in as ours, to see if it starts
@@ -11,7 +11,8 @@ HERE=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd -P)
 
 DEVICES=(null zero full random urandom tty net/tun ppp) # where the host has them
 
-# Where it is put together: the mounts made there are seen here alone, and hide no file that is needed.
+# Where it is put together: the mounts made there are seen here alone, and hide no file that is
+# needed.
 choose_workbench() {
   for WORKBENCH in /mnt /media /srv /home; do
     [[ ! -d $WORKBENCH || $TREE/ == "$WORKBENCH"/* ]] || return 0
@@ -24,7 +25,8 @@ take_given() {
   mkdir -p "$WORKBENCH"/given/{source,packages}
   cp -r -- "$2" "$WORKBENCH/given/source/debian"
   cp -- "$3"/*.deb "$WORKBENCH/given/packages"
-  ! compgen -G "$4/*.deb" >/dev/null || { mkdir "$WORKBENCH/given/former" && cp -- "$4"/*.deb "$WORKBENCH/given/former"; }
+  ! compgen -G "$4/*.deb" >/dev/null ||
+    { mkdir "$WORKBENCH/given/former" && cp -- "$4"/*.deb "$WORKBENCH/given/former"; }
   : >"$WORKBENCH/given/log"
 }
 
@@ -63,7 +65,8 @@ prepare_host() {
   echo package-test >etc/hostname
 }
 
-# The root is for this test alone, which is what autopkgtest's own kinds of test beds cannot be inside of a container.
+# The root is for this test alone, which is what autopkgtest's own kinds of test beds cannot be
+# inside of a container.
 write_run() {
   local options=(--ignore-restrictions='breaks-testbed,isolation-container' --timeout-test=720)
   [[ ! -d run/given/former ]] || options+=(--env=FORMER=/run/given/former)

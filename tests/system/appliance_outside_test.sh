@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# appliance_outside_test.sh APPLIANCE STAGE: the private appliance seen from outside. It passes on what its command
-# reads, writes and ends with, leaves this machine as it was, and takes everything along however it is ended.
+# appliance_outside_test.sh APPLIANCE STAGE: the private appliance seen from outside. It passes on
+# what its command reads, writes and ends with, leaves this machine as it was, and takes everything
+# along however it is ended.
 set -uo pipefail
 APPLIANCE=("$1" --stage "$2" --no-daemons --)
 failures=0
@@ -39,7 +40,8 @@ expect 'and leaves the machine as it was' '' "$(diff <(echo "$before") <(machine
 
 mark=31${$}.5 # a time to sleep that no other process on this machine has
 # shellcheck disable=SC2016
-output=$(echo 'one two' | SECRET=x "${APPLIANCE[@]}" bash -c 'cat; env -u PWD -u SHLVL -u _ | cut -d= -f1 | sort | xargs
+output=$(echo 'one two' |
+  SECRET=x "${APPLIANCE[@]}" bash -c 'cat; env -u PWD -u SHLVL -u _ | cut -d= -f1 | sort | xargs
   setsid sleep "$0" >/dev/null & exit 42' "$mark")
 expect 'the exit status is the command'\''s' 42 $?
 expect 'so are input and output, and nothing but PATH, HOME and LANG is in the environment' \

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# appliance_place_test.sh TREE BUILD: an appliance of a tree below /root and below /home shows nothing else of them.
+# appliance_place_test.sh TREE BUILD: an appliance of a tree below /root and below /home shows
+# nothing else of them.
 set -euo pipefail
 TREE=$1 BUILD=$2
 export TREE BUILD

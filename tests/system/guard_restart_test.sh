@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
-# guard_restart_test.sh APPLIANCE STAGE: the guard of the default gateway holds from the first moment of a restarted
-# appliance, before any daemon runs and while they start, and ends when it is turned off.
+# guard_restart_test.sh APPLIANCE STAGE: the guard of the default gateway holds from the first
+# moment of a restarted appliance, before any daemon runs and while they start, and ends when it is
+# turned off.
 # shellcheck disable=SC2016 # the texts run inside
 set -euo pipefail
 STATE=$(mktemp -d)
 trap 'rm -rf "$STATE"' EXIT
 APPLIANCE=("$1" --stage "$2" --state "$STATE")
-# What is sent to an address outside, by any socket and by one that is bound to eth0, and what of it arrives there.
+# What is sent to an address outside, by any socket and by one that is bound to eth0, and what of it
+# arrives there.
 COMMON='set -euo pipefail
 lan() { nsenter --net=/run/netns/lan /usr/sbin/nft "$@"; }
 until ping -c1 -W5 192.168.77.254 >/dev/null; do :; done

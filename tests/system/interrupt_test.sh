@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# interrupt_test.sh TREE: Ctrl-C on a terminal ends script/server and script/test in each phase, with one line and with
-# all that they have started; a full disk is one line as well. Over stand-ins for the tools that take long.
+# interrupt_test.sh TREE: Ctrl-C on a terminal ends script/server and script/test in each phase,
+# with one line and with all that they have started; a full disk is one line as well. Over stand-ins
+# for the tools that take long.
 set -uo pipefail
 WORK=$(mktemp -d)
 trap 'rm -rf "$WORK"' EXIT
@@ -21,7 +22,8 @@ stand_in() {
 {
   stand_in cmake 'touch "$WORK/reached"; sleep "$MARK" & sleep "$MARK"'
   stand_in ctest 'touch "$WORK/reached"; sleep "$MARK" & sleep "$MARK"'
-  stand_in npm 'trap "" INT TERM; touch "$WORK/reached"; while :; do sleep "$MARK"; done' # it tidies up for long
+  # it tidies up for long
+  stand_in npm 'trap "" INT TERM; touch "$WORK/reached"; while :; do sleep "$MARK"; done'
   stand_in node ''
   stand_in fills 'head -c 1M /dev/zero >"$WORK/build/filled"; exit 1'
 }
@@ -40,7 +42,8 @@ interrupted() {
   rm -f "$WORK/reached" "$WORK/keys"
   mkfifo "$WORK/keys"
   # A background command would ignore Ctrl-C, and so would all below it.
-  env --default-signal=INT script --quiet --flush --return --command "$WORK/script/$1" "$WORK/said" \
+  env --default-signal=INT script --quiet --flush --return --command "$WORK/script/$1" \
+    "$WORK/said" \
     <"$WORK/keys" >/dev/null &
   terminal=$!
   exec {keys}>"$WORK/keys"
@@ -52,8 +55,10 @@ interrupted() {
   wait "$terminal" || status=$?
   exec {keys}>&-
   ((status == 130)) || fail "$1 interrupted in $2: status $status"
-  [[ $(grep -c 'Interrupted. What is built stays' "$WORK/said") == 1 ]] || fail "$1 interrupted in $2: not one line"
-  ! grep -qE 'line [0-9]+:|Terminated|Killed' "$WORK/said" || fail "$1 interrupted in $2: the shell speaks"
+  [[ $(grep -c 'Interrupted. What is built stays' "$WORK/said") == 1 ]] ||
+    fail "$1 interrupted in $2: not one line"
+  ! grep -qE 'line [0-9]+:|Terminated|Killed' "$WORK/said" ||
+    fail "$1 interrupted in $2: the shell speaks"
   ! pgrep -f "^sleep $MARK" >/dev/null || fail "$1 interrupted in $2: something is left"
 }
 
@@ -69,10 +74,14 @@ unshare=(unshare --mount)
 cp "$WORK/bin/fills" "$WORK/bin/cmake"
 rm -rf "$WORK/build"
 mkdir "$WORK"/{build,state}
-for command in "$WORK/script/server" "$WORK/script/appliance --stage $WORK/stage --state $WORK/state --no-daemons -- true"; do
+for command in "$WORK/script/server" \
+  "$WORK/script/appliance --stage $WORK/stage --state $WORK/state --no-daemons -- true"; do
   # shellcheck disable=SC2016 # it runs inside
-  HANGS=fills "${unshare[@]}" bash -c 'for place in build state; do mount -t tmpfs -o size=64k full "$WORK/$place"; done
-    exec $0' "$command" >"$WORK/said" 2>&1 </dev/null && fail "${command%% *} on a full disk: success"
-  [[ $(wc -l <"$WORK/said") == 1 && $(<"$WORK/said") == *'is full'* ]] || fail "${command%% *} on a full disk"
+  HANGS=fills "${unshare[@]}" bash -c \
+    'for place in build state; do mount -t tmpfs -o size=64k full "$WORK/$place"; done
+    exec $0' "$command" >"$WORK/said" 2>&1 </dev/null &&
+      fail "${command%% *} on a full disk: success"
+  [[ $(wc -l <"$WORK/said") == 1 && $(<"$WORK/said") == *'is full'* ]] ||
+    fail "${command%% *} on a full disk"
 done
 exit "$((failures > 0))"

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# keeper_restart_test.sh APPLIANCE STAGE: an appliance with kept state loses its power. When it starts again, nothing looks
-# connected that is not, what was on comes up with its rules, and what was off stays off.
+# keeper_restart_test.sh APPLIANCE STAGE: an appliance with kept state loses its power. When it
+# starts again, nothing looks connected that is not, what was on comes up with its rules, and what
+# was off stays off.
 set -uo pipefail
 APPLIANCE=$1 STAGE=$2
 STATE=$(mktemp -d) failures=0
@@ -18,7 +19,8 @@ inside() {
     exit $failed' || failures=1
 }
 
-# Both ends of the Drovik tunnel are this host. The last line is the power cut: no hook has a chance.
+# Both ends of the Drovik tunnel are this host. The last line is the power cut: no hook has a
+# chance.
 # shellcheck disable=SC2016 # it runs inside
 inside '
   [[ -r /dev/net/tun ]] || exit 0

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# server_test.sh TREE: script/server and script/test refuse, in one line each, what cannot work, before they install or
-# build anything.
+# server_test.sh TREE: script/server and script/test refuse, in one line each, what cannot work,
+# before they install or build anything.
 set -uo pipefail
 SERVER=$1/script/server failures=0
 WORK=$(mktemp -d)
@@ -24,7 +24,8 @@ refused 'above 65535' --port 65535 --pair
 refused 'lacks its number' --port
 refused 'lacks its folder' --state
 refused 'says nothing to a command' --pair -- true
-(exec {lock}>>"$1/build/server.lock" && flock "$lock" && refused 'running already' --port 65533; exit "$failures")
+(exec {lock}>>"$1/build/server.lock" && flock "$lock" &&
+  refused 'running already' --port 65533; exit "$failures")
 failures=$((failures + $?))
 # A kernel that refuses namespaces, in words of its own that mislead.
 printf '#!/bin/sh\necho "unshare failed: No space left on device" >&2\nexit 1\n' >"$WORK/unshare"
@@ -33,6 +34,7 @@ PATH=$WORK:$PATH refused 'namespaces' --port 65533
 PATH=$WORK:$PATH refused 'namespaces' --state "$WORK" -- true
 SERVER=$1/script/test PATH=$WORK:$PATH refused 'namespaces'
 for script in "$1"/script/*; do
-  [[ -d $script ]] || (cd / && timeout 60 "$script" --help >/dev/null) || { echo "FAILED: $script --help"; failures=$((failures + 1)); }
+  [[ -d $script ]] || (cd / && timeout 60 "$script" --help >/dev/null) ||
+    { echo "FAILED: $script --help"; failures=$((failures + 1)); }
 done
 exit "$((failures > 0))"

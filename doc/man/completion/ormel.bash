@@ -1,8 +1,10 @@
 # shellcheck shell=bash disable=SC2154 # what is not assigned here comes from the program's tables
-# bash completion for ormel(8). Names of profiles are chosen by others: they are shown, and never expanded or inserted.
+# bash completion for ormel(8). Names of profiles are chosen by others: they are shown, and never
+# expanded or inserted.
 
-# Of the program's own tables: each type with its number and the section of its profiles; the interfaces of a server;
-# for each option a line of name, letter, argument and the types that have it.
+# Of the program's own tables: each type with its number and the section of its profiles; the
+# interfaces of a server; for each option a line of name, letter, argument and the types that have
+# it.
 %completion
 
 # The row of an option as it is written; none for anything else.
@@ -61,15 +63,16 @@ _ormel_offer_options() {
   [[ ${COMPREPLY[*]-} != *= ]] || compopt -o nospace 2>/dev/null
 }
 
-# The numbers of the profiles. Their names stand behind them where the shell lists what there is and inserts no more
-# than the candidates have in common.
+# The numbers of the profiles. Their names stand behind them where the shell lists what there is and
+# inserts no more than the candidates have in common.
 _ormel_offer_indexes() {
   local LC_ALL=C line number i index='' names=()
   while IFS= read -r line; do
     case $line in
       '['*)
         number=${line#"[$section"} number=${number%]}
-        [[ $section && $number =~ ^([1-9]|[12][0-9]|3[0-2])$ && $line == "[$section$number]" ]] || number=''
+        [[ $section && $number =~ ^([1-9]|[12][0-9]|3[0-2])$ && $line == "[$section$number]" ]] ||
+          number=''
         index=$number
         ;;
       'Index = '[1-9]*) [[ ! $index ]] || names[index]=${names[index]-} ;;
@@ -93,7 +96,8 @@ _ormel_offer_interfaces() {
 }
 
 _ormel() {
-  local cur=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} name argument='' type section words
+  local cur=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD - 1]} name argument='' type \
+    section words
   COMPREPLY=()
   IFS=';' read -r type _ section <<<"$(_ormel_chosen_type)"
   # "=" is a word of its own.

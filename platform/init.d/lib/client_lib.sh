@@ -1,6 +1,7 @@
 # shellcheck shell=dash
-# What the scripts and hooks of client tunnels share: the keys of a profile that describe its tunnel, the connection log,
-# and the executables run as the tunnel comes and goes. Read by "." behind vpn_lib.sh.
+# What the scripts and hooks of client tunnels share: the keys of a profile that describe its
+# tunnel, the connection log, and the executables run as the tunnel comes and goes. Read by "."
+# behind vpn_lib.sh.
 # shellcheck disable=SC2034,SC2154 # some names are for the reader, others from vpn_lib.sh
 
 # shellcheck source=guard_lib.sh
@@ -26,8 +27,8 @@ client_slot() {
   return 1
 }
 
-# client_script PREFIX ACTIONS ARGUMENT...: the command line of a client's script, one of ACTIONS and the index of a profile.
-# Sets section, which begins with PREFIX, and what client_slot sets.
+# client_script PREFIX ACTIONS ARGUMENT...: the command line of a client's script, one of ACTIONS
+# and the index of a profile. Sets section, which begins with PREFIX, and what client_slot sets.
 client_script() {
   local prefix="$1" actions="$2"
   shift 2
@@ -39,10 +40,10 @@ client_script() {
   client_slot "$section" || die "not a profile index: '$2'"
 }
 
-# client_action ACTION: run under the script's lock. What was noted about a profile does not outlive a start or a stop; a
-# "redial" is neither. Scripts have running, start_action and, if it is not client_down, down_action. To their own actions
-# come "keep", which starts a tunnel that is on and does not run, and "forget", the falling edge of one whose daemon was
-# killed.
+# client_action ACTION: run under the script's lock. What was noted about a profile does not outlive
+# a start or a stop; a "redial" is neither. Scripts have running, start_action and, if it is not
+# client_down, down_action. To their own actions come "keep", which starts a tunnel that is on and
+# does not run, and "forget", the falling edge of one whose daemon was killed.
 client_action() {
   local status=0
   case $1 in
@@ -59,7 +60,8 @@ client_action() {
 
 keep() {
   may_keep "$section" && ! running || exit "$NOTHING_TO_DO"
-  # Routing and NAT of the interface are set up when a profile is added; a restart of the host or its firewall takes them.
+  # Routing and NAT of the interface are set up when a profile is added; a restart of the host or
+  # its firewall takes them.
   /etc/init.d/vpn_common.sh add_vpnclient_profile "$interface" 9>&- || :
   reason "$section" --start
   "$start_action"
@@ -73,10 +75,12 @@ forget() {
 # A profile may be gone by now; setting a key would bring a part of its section back.
 client_known() { [ -n "$(vpn_get "$1" Index)" ]; }
 
-# client_resolve HOST: an address of it. Looked up once, so that everything about a tunnel names the same.
+# client_resolve HOST: an address of it. Looked up once, so that everything about a tunnel names the
+# same.
 client_resolve() {
   local address
-  address=$("$AS_LOOKUP" timeout "$LOOKUP_SECONDS" getent ahostsv4 "$1" | awk 'NR == 1 { print $1 }')
+  address=$("$AS_LOOKUP" timeout "$LOOKUP_SECONDS" getent ahostsv4 "$1" |
+    awk 'NR == 1 { print $1 }')
   is_ipv4 "$address" && guard_admit "$address" && printf '%s\n' "$address"
 }
 
@@ -86,7 +90,8 @@ client_up() {
   client_answers_remove
   ip rule add from "$2" lookup "$unit" priority $((ANSWER_PRIORITY + unit)) 2>/dev/null ||
     note "[$1] what comes in by the tunnel may be answered by another way"
-  # LocalIP comes last: a profile that has it counts as connected, and the rest should be there by then.
+  # LocalIP comes last: a profile that has it counts as connected, and the rest should be there by
+  # then.
   vpn_set "$1" RemoteIP "$3"
   vpn_set "$1" 'Real Address' "$4"
   if is_ipv4 "${5-}"; then vpn_set "$1" 'DNS Server' "$5"; fi
@@ -101,10 +106,14 @@ client_up() {
   client_edge "$1" Up "$2" "$3"
 }
 
-# What comes from a tunnel's own address goes into it: an answer does not leave in clear by the host's own route.
+# What comes from a tunnel's own address goes into it: an answer does not leave in clear by the
+# host's own route.
 client_answers_remove() {
   local priority=$((ANSWER_PRIORITY + unit))
-  while [ -n "$(ip rule show priority "$priority" 2>/dev/null)" ] && ip rule del priority "$priority" 2>/dev/null; do :; done
+  while [ -n "$(ip rule show priority "$priority" 2>/dev/null)" ] &&
+    ip rule del priority "$priority" 2>/dev/null; do
+    :
+  done
 }
 
 # client_down SECTION: the falling edge. The process that removes the mark runs it, so it runs
@@ -122,8 +131,8 @@ client_down() {
   client_edge "$1" Down "$local_ip" "$remote_ip"
 }
 
-# client_log SECTION EVENT LOCAL SERVER [SINCE]: a row of the connection log, for protocols that have any. A hook that knows
-# the bytes has them in CONNECTION_RECEIVED and CONNECTION_SENT.
+# client_log SECTION EVENT LOCAL SERVER [SINCE]: a row of the connection log, for protocols that
+# have any. A hook that knows the bytes has them in CONNECTION_RECEIVED and CONNECTION_SENT.
 client_log() {
   local row type section="$1" event="$2"
   shift 2
@@ -133,11 +142,13 @@ client_log() {
   done
   [ -n "$type" ] || return 0
   CONNECTION_NAME=$(vpn_get "$section" 'Profile File') CONNECTION_RECEIVED=${CONNECTION_RECEIVED-} \
-    CONNECTION_SENT=${CONNECTION_SENT-} /usr/lib/fenro/fenro-connection "$event" "$type" "$@" 2>/dev/null ||
+    CONNECTION_SENT=${CONNECTION_SENT-} /usr/lib/fenro/fenro-connection "$event" "$type" \
+      "$@" 2>/dev/null ||
     note "[$section] the connection is not in the log"
 }
 
-# Empties what a tunnel that is up has written. A key that is empty already is left alone: each write costs a flush.
+# Empties what a tunnel that is up has written. A key that is empty already is left alone: each
+# write costs a flush.
 client_clear() {
   local key
   for key in LocalIP RemoteIP 'Real Address' 'DNS Server'; do
@@ -146,8 +157,8 @@ client_clear() {
   [ "$(vpn_get "$1" 'Time Stamp' 0)" = 0 ] || vpn_set "$1" 'Time Stamp' 0
 }
 
-# client_edge SECTION KEY LOCAL REMOTE: runs the executable under "Up" or "Down" on its own, if there is one. It takes
-# no arguments, and of the environment only what it may want to know.
+# client_edge SECTION KEY LOCAL REMOTE: runs the executable under "Up" or "Down" on its own, if
+# there is one. It takes no arguments, and of the environment only what it may want to know.
 client_edge() {
   local program
   program=$(vpn_get "$1" "$2")
@@ -160,5 +171,6 @@ client_edge() {
     say "$1: no executable under \"$2\""
     return 0
   fi
-  setsid -f env -i PATH="$PATH" INTERFACE="$interface" LOCAL_IP="$3" REMOTE_IP="$4" "$program" </dev/null >/dev/null 2>&1 9>&-
+  setsid -f env -i PATH="$PATH" INTERFACE="$interface" LOCAL_IP="$3" REMOTE_IP="$4" "$program" \
+    </dev/null >/dev/null 2>&1 9>&-
 }

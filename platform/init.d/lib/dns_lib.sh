@@ -1,6 +1,6 @@
 # shellcheck shell=dash
-# The host's name servers: those of the tunnel that is the default gateway while it is, its own ones otherwise.
-# Read by "." behind vpn_lib.sh.
+# The host's name servers: those of the tunnel that is the default gateway while it is, its own ones
+# otherwise. Read by "." behind vpn_lib.sh.
 
 RESOLVER=/etc/resolv.conf
 RESOLVED=/run/systemd/resolve/resolv.conf # whom the resolver on the loopback asks
@@ -13,7 +13,8 @@ DNS_STATE=$DNS_DIR/state                  # MANAGER INTERFACE SERVER, or "foreig
 dns_call() {
   local script=/etc/init.d/vpn_names.sh
   if [ -S "$TUNNEL_SOCKET" ] && [ ! -w "${RESOLVER%/*}" ]; then
-    /usr/lib/fenro/fenro-tunnel call "$script" "$@" || note "the name servers stay as they are: $* failed"
+    /usr/lib/fenro/fenro-tunnel call "$script" "$@" ||
+      note "the name servers stay as they are: $* failed"
   else
     "$script" "$@" || note "the name servers stay as they are: $* failed"
   fi
@@ -31,7 +32,8 @@ dns_manager() {
   local target
   target=$(readlink -f "$RESOLVER")
   if command -v resolvectl >/dev/null && [ -d "${RESOLVED%/*}" ] &&
-    { [ "${target%/*}" = "${RESOLVED%/*}" ] || grep -q '^nameserver 127\.0\.0\.53' "$RESOLVER" 2>/dev/null; }; then
+    { [ "${target%/*}" = "${RESOLVED%/*}" ] ||
+      grep -q '^nameserver 127\.0\.0\.53' "$RESOLVER" 2>/dev/null; }; then
     printf 'resolved\n'
     return
   fi
@@ -44,11 +46,13 @@ dns_manager() {
   printf 'file\n'
 }
 
-# dns_write FILE: its contents become the resolver's, in one step where the folder allows it. A mount cannot be replaced.
+# dns_write FILE: its contents become the resolver's, in one step where the folder allows it. A
+# mount cannot be replaced.
 dns_write() {
   local target
   target=$(readlink -f "$RESOLVER") || return 1
-  if cp -p "$target" "$target.fenro" 2>/dev/null && cat "$1" >"$target.fenro" && mv -f "$target.fenro" "$target" 2>/dev/null; then
+  if cp -p "$target" "$target.fenro" 2>/dev/null && cat "$1" >"$target.fenro" &&
+    mv -f "$target.fenro" "$target" 2>/dev/null; then
     return 0
   fi
   rm -f "$target.fenro"
@@ -62,7 +66,8 @@ dns_content() {
 }
 
 dns_report() {
-  /usr/local/sbin/notify send -A A238 -C C002 -M 9001 -l warn -t 1000 '[{0}] {1}' 'ORMEL Service' "$1" >/dev/null 2>&1 || :
+  /usr/local/sbin/notify send -A A238 -C C002 -M 9001 -l warn -t 1000 '[{0}] {1}' 'ORMEL Service' \
+    "$1" >/dev/null 2>&1 || :
   say "$1"
 }
 
@@ -75,11 +80,13 @@ dns_take_file() {
 dns_take() {
   case $(dns_manager) in
     resolved)
-      resolvectl dns "$1" "$2" && resolvectl domain "$1" '~.' && resolvectl default-route "$1" yes &&
+      resolvectl dns "$1" "$2" && resolvectl domain "$1" '~.' &&
+        resolvectl default-route "$1" yes &&
         write_file "$DNS_STATE" printf 'resolved %s %s\n' "$1" "$2"
       ;;
     resolvconf)
-      printf 'nameserver %s\n' "$2" | resolvconf -a "$1.fenro" && write_file "$DNS_STATE" printf 'resolvconf %s %s\n' "$1" "$2"
+      printf 'nameserver %s\n' "$2" | resolvconf -a "$1.fenro" &&
+        write_file "$DNS_STATE" printf 'resolvconf %s %s\n' "$1" "$2"
       ;;
     *)
       write_file "$DNS_STATE" printf 'file %s %s\n' "$1" "$2" && dns_take_file "$1" "$2"
@@ -104,14 +111,16 @@ dns_restore() {
   [ -e "$DNS_STATE" ] || return 0
   read -r manager interface _ <"$DNS_STATE" || :
   case $manager in
-    resolved) resolvectl revert "$interface" 2>/dev/null || : ;; # it forgets an interface that is gone
+    # it forgets an interface that is gone
+    resolved) resolvectl revert "$interface" 2>/dev/null || : ;;
     resolvconf) resolvconf -d "$interface.fenro" || return 1 ;;
     file) dns_give_back_file || return 1 ;;
   esac
   rm -f "$DNS_STATE"
 }
 
-# dns_use INTERFACE [SERVER]: without one the host's own name servers stay, and are asked through the tunnel.
+# dns_use INTERFACE [SERVER]: without one the host's own name servers stay, and are asked through
+# the tunnel.
 dns_use() {
   local manager='' interface='' server=''
   mkdir -p "$DNS_DIR" || return 1

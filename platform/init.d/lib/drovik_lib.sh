@@ -1,5 +1,6 @@
 # shellcheck shell=dash
-# What the scripts know of Drovik's daemons and of the sessions of its server. Read by "." behind vpn_lib.sh.
+# What the scripts know of Drovik's daemons and of the sessions of its server. Read by "." behind
+# vpn_lib.sh.
 # shellcheck disable=SC2034 # some names are for the reader
 
 DROVIK_SERVER_BIT=16 # in the list of online users
@@ -17,8 +18,8 @@ fail_as_said() {
   esac
 }
 
-# drovik_kick all [USER], drovik_kick one WHO: WHO is the identifier of a client, an address of either end or a user.
-# The daemon has left no session open that is not in the list.
+# drovik_kick all [USER], drovik_kick one WHO: WHO is the identifier of a client, an address of
+# either end or a user. The daemon has left no session open that is not in the list.
 drovik_kick() {
   local identifier
   [ -e "$ONLINE_USERS" ] || return 0
@@ -27,6 +28,7 @@ drovik_kick() {
     $6 != type || $1 !~ /^[0-9a-f:]+$/ { next }
     $8 == user || (kind == "all" && who == "") || (kind == "one" && ($1 == who || $2 == who || $5 == who)) { print $1 }
   ' "$ONLINE_USERS" | while read -r identifier; do
-    mibsh MorviServer.disconnect "{\"mac\":\"$identifier\"}" >/dev/null || note "$identifier is not kicked"
+    mibsh MorviServer.disconnect "{\"mac\":\"$identifier\"}" >/dev/null ||
+      note "$identifier is not kicked"
   done
 }

@@ -1,7 +1,7 @@
 # shellcheck shell=dash
-# The guard of the default gateway: a filter that lets nothing out but by a client tunnel. Routes hold traffic back too,
-# but a socket that is bound to an address of the host goes around them, and they are missing before networkd runs.
-# Read by "." behind vpn_lib.sh.
+# The guard of the default gateway: a filter that lets nothing out but by a client tunnel. Routes
+# hold traffic back too, but a socket that is bound to an address of the host goes around them, and
+# they are missing before networkd runs. Read by "." behind vpn_lib.sh.
 # shellcheck disable=SC2034,SC2154 # some names are for the reader, others from vpn_lib.sh
 
 GUARD_CONF=/etc/config/ormel/guard.conf
@@ -15,7 +15,8 @@ CLIENT_INTERFACES='ppp1 tun2 dtunc wgc' # how interfaces of client tunnels begin
 
 guard_get() { /sbin/getcfg guard "$1" -f "$GUARD_CONF" -d "$2" 2>/dev/null || printf '%s\n' "$2"; }
 
-# off, on or strict. A file that is there and says nothing usable counts as on: it holds rather than leaks.
+# off, on or strict. A file that is there and says nothing usable counts as on: it holds rather than
+# leaks.
 guard_mode() {
   local mode
   [ -e "$GUARD_CONF" ] && [ ! -e "$GUARD_PAUSED" ] || {
@@ -38,7 +39,8 @@ guard_wanted() {
 
 # guard_lan FAMILY: the networks that the host has a route to, other than by a client tunnel.
 guard_lan() {
-  ip -oneline "$1" route show table main 2>/dev/null | awk -v least="$LAN_BITS" -v clients="$CLIENT_INTERFACES" '
+  ip -oneline "$1" route show table main 2>/dev/null |
+    awk -v least="$LAN_BITS" -v clients="$CLIENT_INTERFACES" '
     BEGIN { gsub(" ", "|", clients); clients = "^(" clients ")" }
     $1 !~ /^[0-9a-f.:]+(\/[0-9]+)?$/ { next }
     {
@@ -57,13 +59,15 @@ ipv4_alone() {
 
 # Servers of profiles whose packets bear no mark: pppd and the IKE daemon know none.
 guard_servers() {
-  sed -n '/^\[\(PPTP\|L2TP\)_CLIENT/,/^\[/s/^\(Domain IP\|Server Address\|Real Address\) = //p' "$VPN_CONF" 2>/dev/null |
+  sed -n '/^\[\(PPTP\|L2TP\)_CLIENT/,/^\[/s/^\(Domain IP\|Server Address\|Real Address\) = //p' \
+    "$VPN_CONF" 2>/dev/null |
     tr ',' '\n' | sort -u | ipv4_alone
 }
 
 lookup_group() { getent group "$LOOKUP_GROUP" | cut -d: -f3; }
 
-# The table's contents, one judgement for what this host sends and for what it forwards. Counters stay as they are.
+# The table's contents, one judgement for what this host sends and for what it forwards. Counters
+# stay as they are.
 guard_rules() {
   local prefix network servers group
   printf 'add table %s\nflush table %s\n' "$GUARD_TABLE" "$GUARD_TABLE"
@@ -84,7 +88,8 @@ ip daddr @servers udp dport { 500, 1701, 4500 } accept
 ip daddr @servers ip protocol { gre, esp } accept
 RULES
   group=$(lookup_group)
-  [ -z "$group" ] || printf 'meta skgid %s meta l4proto { tcp, udp } th dport { 53, 853 } accept\n' "$group"
+  [ -z "$group" ] ||
+    printf 'meta skgid %s meta l4proto { tcp, udp } th dport { 53, 853 } accept\n' "$group"
   [ "$(guard_get dns tunnel)" = any ] ||
     printf 'meta l4proto { tcp, udp } th dport { 53, 853 } counter name dns drop\n'
   if [ "$(guard_get lan 1)" != 0 ]; then
@@ -98,7 +103,8 @@ RULES
   printf 'chain forward {\n type filter hook forward priority filter;\n jump judge\n}\n}\n'
 }
 
-# Sets the filter in one step, and keeps it for the next start of the host. A filter that cannot be set leaves the old one.
+# Sets the filter in one step, and keeps it for the next start of the host. A filter that cannot be
+# set leaves the old one.
 guard_set() {
   local rules
   mkdir -p "${GUARD_BOOT%/*}"
@@ -108,7 +114,8 @@ guard_set() {
 
 guard_remove() {
   rm -f "$GUARD_BOOT"
-  ! command -v nft >/dev/null || printf 'add table %s\ndelete table %s\n' "$GUARD_TABLE" "$GUARD_TABLE" | nft -f - 2>/dev/null
+  ! command -v nft >/dev/null ||
+    printf 'add table %s\ndelete table %s\n' "$GUARD_TABLE" "$GUARD_TABLE" | nft -f - 2>/dev/null
 }
 
 # Brings the filter in line with the settings and with the networks of now.

@@ -1,6 +1,6 @@
 # shellcheck shell=dash
-# IPsec of the L2TP scripts: one IKE daemon for the server and all client tunnels, told what to do by a file for each in
-# a folder that only root sees. Read by "." behind vpn_lib.sh.
+# IPsec of the L2TP scripts: one IKE daemon for the server and all client tunnels, told what to do
+# by a file for each in a folder that only root sees. Read by "." behind vpn_lib.sh.
 
 IPSEC_DIR=$RUN_DIR/ipsec
 IKE_CONF=/usr/lib/fenro/strongswan.conf
@@ -16,7 +16,8 @@ esp_available() {
   local zeros=0x0000000000000000000000000000000000000000
   set -- src 192.0.2.1 dst 192.0.2.2 proto esp spi 0x100
   modprobe -q esp4 2>/dev/null || :
-  ip xfrm state add "$@" mode transport auth 'hmac(sha1)' "$zeros" enc 'cbc(aes)' "${zeros%????????}" 2>/dev/null || return 1
+  ip xfrm state add "$@" mode transport auth 'hmac(sha1)' "$zeros" enc 'cbc(aes)' \
+    "${zeros%????????}" 2>/dev/null || return 1
   ip xfrm state delete "$@" 2>/dev/null
 }
 
@@ -26,8 +27,8 @@ ipsec_secret() {
   printf '%s' "$1" | od -An -v -tx1 | tr -d ' \n'
 }
 
-# ipsec_connection NAME PSK REMOTE LOCAL_PORT REMOTE_PORT ACTION: a connection of IKEv1 that carries UDP as it is, which
-# is what L2TP clients have. An empty port means any.
+# ipsec_connection NAME PSK REMOTE LOCAL_PORT REMOTE_PORT ACTION: a connection of IKEv1 that carries
+# UDP as it is, which is what L2TP clients have. An empty port means any.
 ipsec_connection() {
   cat <<CONF
 connections {
@@ -69,7 +70,8 @@ ipsec_write() {
 }
 
 ike_command() {
-  STRONGSWAN_CONF=$IKE_CONF timeout "$IKE_PATIENCE" swanctl "$@" --uri "$IKE_SOCKET" </dev/null >/dev/null 2>&1 9>&-
+  STRONGSWAN_CONF=$IKE_CONF timeout "$IKE_PATIENCE" swanctl "$@" --uri "$IKE_SOCKET" </dev/null \
+    >/dev/null 2>&1 9>&-
 }
 
 ike_running() { [ -n "$(pids_of "${IKE_DAEMON##*/}" "$IKE_DAEMON")" ]; }
@@ -84,7 +86,8 @@ ike_start() {
   done
 }
 
-# Tells the daemon what the folder holds now; connections whose file is gone go. Without any the daemon ends.
+# Tells the daemon what the folder holds now; connections whose file is gone go. Without any the
+# daemon ends.
 ipsec_load() {
   local file
   printf 'include %s/*.conf\n' "$IPSEC_DIR" >"$RUN_DIR/swanctl.conf"
@@ -105,16 +108,18 @@ ipsec_remove() {
 }
 
 ike_established() {
-  STRONGSWAN_CONF=$IKE_CONF timeout "$IKE_PATIENCE" swanctl --list-sas --ike "$1" --uri "$IKE_SOCKET" </dev/null 2>/dev/null 9>&- |
+  STRONGSWAN_CONF=$IKE_CONF timeout "$IKE_PATIENCE" swanctl --list-sas --ike "$1" --uri \
+    "$IKE_SOCKET" </dev/null 2>/dev/null 9>&- |
     grep -q ESTABLISHED
 }
 
-# ike_failure NAME SECONDS: has the daemon shake hands. Prints why that fails, the code and the daemon's own word; fails
-# itself when there is a connection.
+# ike_failure NAME SECONDS: has the daemon shake hands. Prints why that fails, the code and the
+# daemon's own word; fails itself when there is a connection.
 ike_failure() {
   local said
   ! ike_established "$1" || return 1
-  said=$(STRONGSWAN_CONF=$IKE_CONF timeout "$IKE_PATIENCE" swanctl --initiate --ike "$1" --timeout "$2" --uri "$IKE_SOCKET" \
+  said=$(STRONGSWAN_CONF=$IKE_CONF timeout "$IKE_PATIENCE" swanctl --initiate --ike "$1" \
+    --timeout "$2" --uri "$IKE_SOCKET" \
     </dev/null 2>&1 9>&-) && return 1
   printf '%s\n' "$said" | awk '
     # A peer with another key cannot read what we prove ours with, nor we its complaint. The first row that fits counts.

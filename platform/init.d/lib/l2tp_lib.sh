@@ -14,12 +14,13 @@ l2tp_available() {
   [ -z "$missing" ]
 }
 
-# l2tp_launch CONF NAME [COMMAND...]: xl2tpd, run by COMMAND if that is given. It goes to the background by itself before
-# it has its port, so its own status says little.
+# l2tp_launch CONF NAME [COMMAND...]: xl2tpd, run by COMMAND if that is given. It goes to the
+# background by itself before it has its port, so its own status says little.
 l2tp_launch() {
   local conf="$1" name="$2" rounds=5
   shift 2
-  "$@" /usr/sbin/xl2tpd -c "$conf" -p "$RUN_DIR/$name.pid" -C "$RUN_DIR/$name.control" </dev/null >/dev/null 2>&1 9>&- || return 1
+  "$@" /usr/sbin/xl2tpd -c "$conf" -p "$RUN_DIR/$name.pid" -C "$RUN_DIR/$name.control" </dev/null \
+    >/dev/null 2>&1 9>&- || return 1
   while [ "$rounds" -gt 0 ]; do
     sleep 0.2
     [ -n "$(pids_of xl2tpd "$conf")" ] || return 1
@@ -27,8 +28,8 @@ l2tp_launch() {
   done
 }
 
-# l2tp_client_view COMMAND...: xl2tpd knows one place for pppd and runs it under that name. So it gets a view of its own,
-# where that place has a script that gives pppd the name of a client tunnel.
+# l2tp_client_view COMMAND...: xl2tpd knows one place for pppd and runs it under that name. So it
+# gets a view of its own, where that place has a script that gives pppd the name of a client tunnel.
 l2tp_client_view() {
   : >>"$RUN_DIR/pppd-l2tp"
   # shellcheck disable=SC2016 # the shell below expands them
@@ -44,7 +45,8 @@ guard_iptables_rules() {
   printf 'filter INPUT -p udp --dport %s -m policy --dir in --pol none -j DROP\n' "$L2TP_PORT"
 }
 
-# l2tp_guard add|delete: nobody talks to the server's xl2tpd but by IPsec. Read vpn_firewall.sh for it.
+# l2tp_guard add|delete: nobody talks to the server's xl2tpd but by IPsec. Read vpn_firewall.sh for
+# it.
 l2tp_guard() {
   case $(firewall_tool)/$1 in
     nft/add) guard_nft_rules | nft_table fenro_l2tp_guard ;;

@@ -10,7 +10,8 @@ OVPN_DAEMON=/usr/sbin/openvpn
 # The reader of foreign profiles.
 ovpn_profile() { /usr/lib/fenro/fenro-openvpn-profile "$@"; }
 
-# ovpn_known_ciphers PROFILE: its "data-ciphers" without those that the installed daemon would refuse to start with.
+# ovpn_known_ciphers PROFILE: its "data-ciphers" without those that the installed daemon would
+# refuse to start with.
 ovpn_known_ciphers() {
   {
     "$OVPN_DAEMON" --show-ciphers 2>/dev/null | sed -n 's/^\([A-Z0-9][A-Za-z0-9-]*\) .*/known \1/p'
@@ -30,8 +31,9 @@ ovpn_known_ciphers() {
 
 ovpn_manage() { /usr/lib/fenro/fenro-openvpn-manage "$@" 2>/dev/null; }
 
-# ovpn_listed all|one WHO: addresses in the tunnel of those whom the list of online users knows as WHO: by the user, or
-# for "one" also by an address, with or without its port. A client may have moved to another port since.
+# ovpn_listed all|one WHO: addresses in the tunnel of those whom the list of online users knows as
+# WHO: by the user, or for "one" also by an address, with or without its port. A client may have
+# moved to another port since.
 ovpn_listed() {
   [ -e "$ONLINE_USERS" ] || return 0
   WHO=$2 WHO_USER=$(base64_line "$2") awk -v type="$OVPN_SERVER_BIT" -v kind="$1" '
@@ -40,7 +42,8 @@ ovpn_listed() {
   ' "$ONLINE_USERS"
 }
 
-# ovpn_sessions all|one [WHO]: the same as numbers in the daemon's own count; all of them without WHO.
+# ovpn_sessions all|one [WHO]: the same as numbers in the daemon's own count; all of them without
+# WHO.
 ovpn_sessions() {
   local listed=
   [ -z "${2-}" ] || listed=$(ovpn_listed "$1" "$2")
@@ -69,11 +72,11 @@ ovpn_device() {
 # ovpn_value NAME PROFILE: the first word of the last line of a name.
 ovpn_value() { ovpn_profile value "$1" <"$2" 2>/dev/null; }
 
-# ovpn_jail PLACE COMMAND...: runs the command in a separate view of the file system, in which the system is read-only
-# and PLACE is an empty folder in memory, root's alone, that goes with the last process in there. A hook of ours writes
-# settings, so these stay. With PLACE "" nothing can be written but a /tmp that
-# is its own. What the kernel refuses is said aloud, and the
-# command runs without it. Nothing is run behind this.
+# ovpn_jail PLACE COMMAND...: runs the command in a separate view of the file system, in which the
+# system is read-only and PLACE is an empty folder in memory, root's alone, that goes with the last
+# process in there. A hook of ours writes settings, so these stay. With PLACE "" nothing can be
+# written but a /tmp that is its own. What the kernel refuses is said aloud, and the command runs
+# without it. Nothing is run behind this.
 # shellcheck disable=SC2016 # for the other shell
 OVPN_JAIL='
   . /usr/lib/fenro/vpn_lib.sh

@@ -14,24 +14,28 @@ VIRTUAL_INTERFACE=pelmar0
 # The agents are one daemon, which the host starts: a switch tells it to be one of them.
 agent_on() {
   mibsh pelmar_expressd.GetCloudStatus >/dev/null 2>&1 || die 'pelmar-agentd does not run'
-  { [ -d "$PELMAR_STATE" ] || mkdir -p "$PELMAR_STATE"; } && : >"$1" || die 'the agent cannot be switched on'
+  { [ -d "$PELMAR_STATE" ] || mkdir -p "$PELMAR_STATE"; } && : >"$1" ||
+    die 'the agent cannot be switched on'
 }
 
 agent_off() { rm -f "$1" || die 'the agent cannot be switched off'; }
 
-# An interface that leads nowhere by itself: programs find the member's address on it. A kernel may lack the first kind.
+# An interface that leads nowhere by itself: programs find the member's address on it. A kernel may
+# lack the first kind.
 virtual_interface_add() {
   [ ! -e "/sys/class/net/$VIRTUAL_INTERFACE" ] || return 0
-  ip link add dev "$VIRTUAL_INTERFACE" type dummy 2>/dev/null || ip link add dev "$VIRTUAL_INTERFACE" type bridge
+  ip link add dev "$VIRTUAL_INTERFACE" type dummy 2>/dev/null ||
+    ip link add dev "$VIRTUAL_INTERFACE" type bridge
 }
 
-# Gives it the address of the settings and no other. Under a lock of its own, as the daemon has it done while a script may
-# be waiting for the daemon.
+# Gives it the address of the settings and no other. Under a lock of its own, as the daemon has it
+# done while a script may be waiting for the daemon.
 virtual_interface_set() { with_lock pelmar_interface set_virtual_interface; }
 
 set_virtual_interface() {
   local address
-  address=$(/sbin/getcfg 'Join Pelmar' virtual_ip -f "$PELMAR_CONF" 2>/dev/null) && is_ipv4 "$address" || {
+  address=$(/sbin/getcfg 'Join Pelmar' virtual_ip -f "$PELMAR_CONF" 2>/dev/null) &&
+    is_ipv4 "$address" || {
     say 'no usable virtual address'
     return 1
   }

@@ -14,8 +14,9 @@ REDIAL_SECONDS=10
 HOOK_SECONDS=30    # that a hook may take: pppd itself would end it after 5
 CLIENT_DOWN=/usr/lib/fenro/ppp-client-down
 
-# Standard input as one word of an option file. Everything but plain characters becomes an octal escape, so no name or
-# password can end the word, begin a comment or bring in another option. Fails for what pppd cannot hold.
+# Standard input as one word of an option file. Everything but plain characters becomes an octal
+# escape, so no name or password can end the word, begin a comment or bring in another option. Fails
+# for what pppd cannot hold.
 ppp_word() {
   od -An -v -tu1 | awk -v max="$PPP_WORD_MAX" '
     BEGIN { printf "\"" }
@@ -31,7 +32,8 @@ ppp_word() {
     END { print "\""; exit failed }'
 }
 
-# ppp_authentication VERB METHOD: "require" asks the method of the peer, "refuse" leaves only it for ourselves.
+# ppp_authentication VERB METHOD: "require" asks the method of the peer, "refuse" leaves only it for
+# ourselves.
 ppp_authentication() {
   local method chosen
   case $2 in
@@ -47,7 +49,8 @@ ppp_authentication() {
   done
 }
 
-# ppp_encryption LEVEL METHOD. MPPE takes its keys from an MS-CHAP login; pppd ends a link that asks for it with another.
+# ppp_encryption LEVEL METHOD. MPPE takes its keys from an MS-CHAP login; pppd ends a link that asks
+# for it with another.
 ppp_encryption() {
   case $1/$2 in
     0/* | [12]/[14]) printf 'nomppe\n' ;;
@@ -64,8 +67,8 @@ ppp_available() {
   [ -c /dev/ppp ] || mknod -m 600 /dev/ppp c 108 0 2>/dev/null
 }
 
-# ppp_server_settings SECTION BEGIN END: reads what all PPP servers have, with the default pool given, and refuses what
-# the daemons could not take. "Authentcation" is the file's own name.
+# ppp_server_settings SECTION BEGIN END: reads what all PPP servers have, with the default pool
+# given, and refuses what the daemons could not take. "Authentcation" is the file's own name.
 ppp_server_settings() {
   local pool_begin pool_end
   pool_begin=$(vpn_get "$1" 'Client IP 1' "$2")
@@ -79,18 +82,21 @@ ppp_server_settings() {
   network=${pool_begin%.*}
   first=${pool_begin##*.} last=${pool_end##*.}
   [ "$network" = "${pool_end%.*}" ] || die "[$1] the pool is not within one /24 network"
-  { [ "$first" -ge 2 ] && [ "$first" -le "$last" ] && [ "$last" -le 254 ]; } || die "[$1] bad address pool"
+  { [ "$first" -ge 2 ] && [ "$first" -le "$last" ] && [ "$last" -le 254 ]; } ||
+    die "[$1] bad address pool"
   is_number "$maximum" 1 253 || die "[$1] bad \"Max Client\""
   is_number "$authentication" 1 4 || die "[$1] bad \"Authentcation\""
   # Its answer takes the password itself, and the password table has hashes.
-  [ "$authentication" != 4 ] || die "[$1] CHAP can't be checked against the accounts, no user would be admitted: choose MS-CHAPv2"
+  [ "$authentication" != 4 ] ||
+    die "[$1] CHAP can't be checked against the accounts, no user would be admitted: choose MS-CHAPv2"
   is_number "$mss" 1000 1400 || die "[$1] bad \"MSS\""
   is_outgoing "$outgoing" || die "[$1] bad \"interface\""
 }
 
-# ppp_session_options SECTION NAME TYPE ENCRYPTION: the options of a server's sessions. NAME is the server's in the secrets
-# files, TYPE its bit, which the hooks want. The MTU carries the MSS to both ends: a client derives its segments from the
-# link, and for what a client ignores there is the clamp of the firewall.
+# ppp_session_options SECTION NAME TYPE ENCRYPTION: the options of a server's sessions. NAME is the
+# server's in the secrets files, TYPE its bit, which the hooks want. The MTU carries the MSS to both
+# ends: a client derives its segments from the link, and for what a client ignores there is the
+# clamp of the firewall.
 ppp_session_options() {
   cat <<OPTIONS
 # Written by ${0##*/} from vpn.conf at each start.
@@ -101,11 +107,12 @@ mtu $((mss + TCP_IP_HEADERS))
 mru $((mss + TCP_IP_HEADERS))
 OPTIONS
   ppp_authentication require "$authentication" && ppp_encryption "$4" "$authentication" || return 1
-  # The secrets of chap-secrets stand for hashes in the password table. pppd would take them literally, and let in
-  # anyone who knows their text; so every challenge is answered by a helper that does look the hash up.
-  # PAP logins go by the host's passwords, and count like all others.
+  # The secrets of chap-secrets stand for hashes in the password table. pppd would take them
+  # literally, and let in anyone who knows their text; so every challenge is answered by a helper
+  # that does look the hash up. PAP logins go by the host's passwords, and count like all others.
   [ "$authentication" != 1 ] || printf 'plugin /usr/lib/fenro/fenro_pap.so\n'
-  [ "$authentication" = 1 ] || printf '%s\n' 'plugin winbind.so' "ntlm_auth-helper \"/usr/lib/fenro/fenro-mschap $2\""
+  [ "$authentication" = 1 ] ||
+    printf '%s\n' 'plugin winbind.so' "ntlm_auth-helper \"/usr/lib/fenro/fenro-mschap $2\""
   name_servers "$1" 'Mabual DNS' 'Enable Mabual DNS' | sed 's/^/ms-dns /'
   ppp_link_options server
 }
@@ -127,7 +134,8 @@ ip-down-script /usr/lib/fenro/ppp-$1-down
 OPTIONS
 }
 
-# ppp_await_hook SECTION: waits for the hook of a client's end, which alone knows the bytes for the connection log.
+# ppp_await_hook SECTION: waits for the hook of a client's end, which alone knows the bytes for the
+# connection log.
 ppp_await_hook() {
   local rounds=$((HOOK_SECONDS * 5))
   while [ "$rounds" -gt 0 ] && ppp_hook_runs "$1"; do
@@ -145,13 +153,16 @@ ppp_hook_runs() {
 }
 
 # ppp_forget_sessions TYPE: of a server that has ended.
-ppp_forget_sessions() { /usr/lib/fenro/fenro-connection down "$1" 2>/dev/null || note 'the ends of sessions are not in the log'; }
+ppp_forget_sessions() {
+  /usr/lib/fenro/fenro-connection down "$1" 2>/dev/null ||
+    note 'the ends of sessions are not in the log'
+}
 
 # ppp_client_settings SECTION: sets host and authentication of a profile.
 ppp_client_settings() {
   client_known "$1" || die "[$1] no such profile"
-  # The address that was resolved when the profile was saved, else the name as given. It becomes a part of commands and
-  # files, so nothing but an address or a strict host name passes.
+  # The address that was resolved when the profile was saved, else the name as given. It becomes a
+  # part of commands and files, so nothing but an address or a strict host name passes.
   host=$(vpn_get "$1" 'Domain IP')
   is_ipv4 "$host" || host=$(vpn_get "$1" 'Server Address')
   is_ipv4 "$host" || is_hostname "$host" || die "[$1] no usable server address"

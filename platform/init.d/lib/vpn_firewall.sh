@@ -1,11 +1,12 @@
 # shellcheck shell=dash
-# Routing and NAT of tunnels, with nftables or, where that is missing, iptables. Everything here can be done twice.
-# Read by "." behind vpn_lib.sh.
+# Routing and NAT of tunnels, with nftables or, where that is missing, iptables. Everything here can
+# be done twice. Read by "." behind vpn_lib.sh.
 
 UNREACHABLE_METRIC=4278198272 # worse than any route of a tunnel
 RULE_PRIORITY=20000           # plus the unit
 
-# vpn_unit INTERFACE: the unit of a client tunnel's interface, which is also the number of its routing table.
+# vpn_unit INTERFACE: the unit of a client tunnel's interface, which is also the number of its
+# routing table.
 vpn_unit() {
   local row prefix number
   for row in $CLIENT_TUNNELS; do
@@ -59,7 +60,8 @@ iptables_rule() {
   local action="$1" table="$3" chain="$4"
   shift 4
   if [ "$action" = add ]; then
-    iptables -w -t "$table" -C "$chain" "$@" 2>/dev/null || iptables -w -t "$table" -A "$chain" "$@" 2>/dev/null
+    iptables -w -t "$table" -C "$chain" "$@" 2>/dev/null ||
+      iptables -w -t "$table" -A "$chain" "$@" 2>/dev/null
   else
     while iptables -w -t "$table" -D "$chain" "$@" 2>/dev/null; do :; done
   fi
@@ -89,16 +91,20 @@ filter FORWARD -i $1 -m conntrack --ctstate ESTABLISHED,RELATED -j ACCEPT
 RULES
 }
 
-# The tunnel's own routing table, for sockets bound to it. Until the tunnel is up nothing leaves by another way.
+# The tunnel's own routing table, for sockets bound to it. Until the tunnel is up nothing leaves by
+# another way.
 client_routes_add() {
   local unit="$1" priority=$((RULE_PRIORITY + $1))
   ip route replace unreachable default metric "$UNREACHABLE_METRIC" table "$unit" || return 1
-  [ -n "$(ip rule show priority "$priority")" ] || ip rule add oif "$2" lookup "$unit" priority "$priority"
+  [ -n "$(ip rule show priority "$priority")" ] ||
+    ip rule add oif "$2" lookup "$unit" priority "$priority"
 }
 
 client_routes_remove() {
   local priority=$((RULE_PRIORITY + $1))
-  while [ -n "$(ip rule show priority "$priority")" ] && ip rule del priority "$priority"; do :; done
+  while [ -n "$(ip rule show priority "$priority")" ] && ip rule del priority "$priority"; do
+    :
+  done
   ip route flush table "$1" 2>/dev/null || :
 }
 
@@ -156,8 +162,9 @@ RULES
   printf 'filter FORWARD -s %s -j ACCEPT\nfilter FORWARD -d %s -j ACCEPT\n' "$1" "$1"
 }
 
-# server_nat_add NAME POOL MSS INTERFACE: the server's clients reach the rest of the network by INTERFACE alone. The
-# rules are kept beside the run, since iptables can only delete what it is shown again.
+# server_nat_add NAME POOL MSS INTERFACE: the server's clients reach the rest of the network by
+# INTERFACE alone. The rules are kept beside the run, since iptables can only delete what it is
+# shown again.
 server_nat_add() {
   server_nat_remove "$1"
   case $(firewall_tool) in
@@ -182,13 +189,14 @@ server_nat_remove() {
   return 0
 }
 
-# server_routes_add PRIORITY POOL INTERFACE: clients sent out by a tunnel take the tunnel's table, but for what goes to
-# clients; by any other interface, the main table is right.
+# server_routes_add PRIORITY POOL INTERFACE: clients sent out by a tunnel take the tunnel's table,
+# but for what goes to clients; by any other interface, the main table is right.
 server_routes_add() {
   local unit
   server_routes_remove "$1"
   unit=$(vpn_unit "$3") || return 0
-  ip rule add to "$2" lookup main priority "$1" && ip rule add from "$2" lookup "$unit" priority "$1"
+  ip rule add to "$2" lookup main priority "$1" &&
+    ip rule add from "$2" lookup "$unit" priority "$1"
 }
 
 server_routes_remove() {
@@ -203,7 +211,8 @@ entrance_nft_rules() {
 }
 
 entrance_iptables_rules() {
-  printf 'filter OUTPUT -o lo -p tcp --dport %s -m owner ! --uid-owner 0 -j REJECT\n' "$MANAGEMENT_PORT"
+  printf 'filter OUTPUT -o lo -p tcp --dport %s -m owner ! --uid-owner 0 -j REJECT\n' \
+    "$MANAGEMENT_PORT"
 }
 
 entrance_rules() {
@@ -223,20 +232,23 @@ entrance_open() {
   [ "$done" = TRUE ] || say 'the entrance could not be set up: no firewall, or no forwarding'
 }
 
-# Another firewall of the host may drop what is forwarded, as those of Docker and ufw do. An accept in a table of ours
-# does not help there, one at the head of theirs does.
+# Another firewall of the host may drop what is forwarded, as those of Docker and ufw do. An accept
+# in a table of ours does not help there, one at the head of theirs does.
 forward_accept() {
   local side
-  if command -v iptables >/dev/null && iptables -w -S FORWARD 2>/dev/null | grep -q '^-P FORWARD DROP'; then
+  if command -v iptables >/dev/null &&
+    iptables -w -S FORWARD 2>/dev/null | grep -q '^-P FORWARD DROP'; then
     mkdir -p "$RUN_DIR" && write_file "$RUN_DIR/$1.forward" printf '%s\n' "$2" || return 1
     for side in -s -d; do
-      iptables -w -C FORWARD $side "$2" -j ACCEPT 2>/dev/null || iptables -w -I FORWARD 1 $side "$2" -j ACCEPT 2>/dev/null || return 1
+      iptables -w -C FORWARD $side "$2" -j ACCEPT 2>/dev/null ||
+        iptables -w -I FORWARD 1 $side "$2" -j ACCEPT 2>/dev/null || return 1
     done
   fi
   [ -z "$(forward_droppers)" ]
 }
 
-# The chains that drop by default and are neither ours nor those of iptables, which forward_accept has dealt with.
+# The chains that drop by default and are neither ours nor those of iptables, which forward_accept
+# has dealt with.
 forward_droppers() {
   ! command -v nft >/dev/null || nft list chains 2>/dev/null | awk '
     $1 == "table" { table = $2 " " $3 }
@@ -255,8 +267,9 @@ forward_forget() {
   rm -f "$RUN_DIR/$1.forward"
 }
 
-# server_open NAME POOL MSS INTERFACE PRIORITY. Where the rules can't be had, clients reach the appliance and nothing
-# behind it; the program tells so when it finds the word here, under the section of the server.
+# server_open NAME POOL MSS INTERFACE PRIORITY. Where the rules can't be had, clients reach the
+# appliance and nothing behind it; the program tells so when it finds the word here, under the
+# section of the server.
 server_open() {
   local done=TRUE
   entrance_open

@@ -1,6 +1,7 @@
 # shellcheck shell=dash
-# What every VPN script shares: messages, settings of vpn.conf, checks of values, processes. Read by ".", never run.
-# Callers may have an empty environment, the working directory "/" and no streams, so nothing is taken from them.
+# What every VPN script shares: messages, settings of vpn.conf, checks of values, processes. Read by
+# ".", never run. Callers may have an empty environment, the working directory "/" and no streams,
+# so nothing is taken from them.
 set -u
 umask 077
 PATH=/usr/sbin:/usr/bin:/sbin:/bin
@@ -17,8 +18,9 @@ CAP_NET_ADMIN=12 # its bit
 MAX_SLOT=32
 STOP_SECONDS=10
 MAX_NAME_SERVERS=2 # as many as a client can be given
-# Firewall mark of what tunnels send to their servers, and of answers to what came in by the host's own interfaces: it
-# never goes into a tunnel. One bit, so that other marks of the host are left alone; decimal, as openvpn takes it.
+# Firewall mark of what tunnels send to their servers, and of answers to what came in by the host's
+# own interfaces: it never goes into a tunnel. One bit, so that other marks of the host are left
+# alone; decimal, as openvpn takes it.
 # shellcheck disable=SC2034 # for the reader
 TUNNEL_MARK=268435456
 
@@ -35,10 +37,11 @@ say() {
   note "$*"
 }
 
-# reason SECTION CODE [DETAIL]: notes why a tunnel or a server does not work. CODE is one of the table that fenro-reason
-# has, or --start or --clear.
+# reason SECTION CODE [DETAIL]: notes why a tunnel or a server does not work. CODE is one of the
+# table that fenro-reason has, or --start or --clear.
 reason() {
-  /usr/lib/fenro/fenro-reason "$@" </dev/null >/dev/null 2>&1 9>&- || note "[$1] not noted: $2 ${3-}"
+  /usr/lib/fenro/fenro-reason "$@" </dev/null >/dev/null 2>&1 9>&- ||
+    note "[$1] not noted: $2 ${3-}"
 }
 
 # die MESSAGE: one that begins with "[SECTION] " is noted as the section's reason.
@@ -57,19 +60,22 @@ fail() {
   exit 1
 }
 
-# port_holder udp|tcp PORT: "python3 (pid 801)", "the kernel" for a socket without a process; fails when the port is free.
+# port_holder udp|tcp PORT: "python3 (pid 801)", "the kernel" for a socket without a process; fails
+# when the port is free.
 port_holder() {
   local row
   row=$(ss -H -l -n -p "--$1" "sport = :$2" 2>/dev/null | head -n 1)
   [ -n "$row" ] || return 1
   case $row in
-    *users:*) printf '%s\n' "$row" | sed -n 's/.*users:(("\([^"]*\)",pid=\([0-9]*\),.*/\1 (pid \2)/p' ;;
+    *users:*)
+      printf '%s\n' "$row" | sed -n 's/.*users:(("\([^"]*\)",pid=\([0-9]*\),.*/\1 (pid \2)/p'
+      ;;
     *) printf 'the kernel\n' ;;
   esac
 }
 
-# fail_without_port SECTION PROTOCOL PORT MESSAGE: of a daemon that does not serve; the cause may be that somebody else has
-# its port. The protocol may be in OpenVPN's words.
+# fail_without_port SECTION PROTOCOL PORT MESSAGE: of a daemon that does not serve; the cause may be
+# that somebody else has its port. The protocol may be in OpenVPN's words.
 fail_without_port() {
   local section="$1" protocol="${2%%[!a-z]*}" port="$3" holder
   shift 3
@@ -157,7 +163,9 @@ write_file() {
   local path="$1" temporary
   shift
   for temporary in "$path".tmp-??????; do
-    if [ -f "$temporary" ] && [ ! -L "$temporary" ]; then flock -n "$temporary" rm -f "$temporary"; fi
+    if [ -f "$temporary" ] && [ ! -L "$temporary" ]; then
+      flock -n "$temporary" rm -f "$temporary"
+    fi
   done
   temporary=$(mktemp "$path.tmp-XXXXXX") || return 1
   # shellcheck disable=SC2094 # descriptor 8 is there for its lock

@@ -1,6 +1,7 @@
 # shellcheck shell=dash
-# What the WireGuard scripts share: interfaces of the kernel or of wireguard-go, and checks of values. Keys go to the
-# tool by its standard input and are in no argument, environment or file of ours. Read by "." behind vpn_lib.sh.
+# What the WireGuard scripts share: interfaces of the kernel or of wireguard-go, and checks of
+# values. Keys go to the tool by its standard input and are in no argument, environment or file of
+# ours. Read by "." behind vpn_lib.sh.
 # shellcheck disable=SC2034 # some names are for the reader
 
 WG_MTU=1420          # leaves room for the tunnel's own headers on an Ethernet path
@@ -31,8 +32,8 @@ wireguard_open() {
   ip address add "$2/$3" dev "$1" && ip link set dev "$1" mtu "$WG_MTU" up
 }
 
-# wireguard_set INTERFACE: the configuration on standard input becomes that of the interface. The tool's own words are
-# dropped, since they may hold a key.
+# wireguard_set INTERFACE: the configuration on standard input becomes that of the interface. The
+# tool's own words are dropped, since they may hold a key.
 wireguard_set() { timeout "$WG_LOOKUP_SECONDS" wg setconf "$1" /dev/stdin 2>/dev/null; }
 
 # The text of 32 bytes in base64, as the tool takes it.
