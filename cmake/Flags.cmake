@@ -12,7 +12,8 @@ if(ORMEL_WERROR)
   add_compile_options(-Werror)
 endif()
 if(ORMEL_SANITIZE)
-  add_compile_options(-fsanitize=${ORMEL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_compile_options(-fsanitize=${ORMEL_SANITIZE} -fno-sanitize-recover=all
+    -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ORMEL_SANITIZE})
 endif()
 if(ORMEL_FUZZ)
@@ -29,12 +30,14 @@ if(CMAKE_BUILD_TYPE STREQUAL "Release")
 endif()
 add_link_options(-Wl,--as-needed -Wl,-z,relro)
 
-# Short runs spend most of their time on being started. The C++ library inside what is installed spares each start its
-# relocations; the sanitizers and the coverage tools bring their own ideas of it.
+# Short runs spend most of their time on being started. The C++ library inside what is installed
+# spares each start its relocations; the sanitizers and the coverage tools bring their own ideas of
+# it.
 if(ORMEL_SANITIZE OR ORMEL_COVERAGE OR ORMEL_FUZZ)
   set(ORMEL_QUICK_START "")
   set(ORMEL_STATIC_START "")
 else()
-  set(ORMEL_QUICK_START -static-libstdc++ -static-libgcc -Wl,--exclude-libs,libstdc++.a:libgcc.a:libgcc_eh.a)
+  set(ORMEL_QUICK_START -static-libstdc++ -static-libgcc
+    -Wl,--exclude-libs,libstdc++.a:libgcc.a:libgcc_eh.a)
   set(ORMEL_STATIC_START -static-pie)  # for tools that need nothing of the host but its kernel
 endif()

@@ -1,11 +1,12 @@
-# What makes a build from nothing quick: precompiled headers, and tests that are not optimised. Called once, when all
-# targets are known.
+# What makes a build from nothing quick: precompiled headers, and tests that are not optimised.
+# Called once, when all targets are known.
 include_guard(GLOBAL)
 
-# The compiler spends half of its time on these headers. No header of ours is among them, and each source includes what
-# it needs anyway: clang-tidy reads every source without them.
+# The compiler spends half of its time on these headers. No header of ours is among them, and each
+# source includes what it needs anyway: clang-tidy reads every source without them.
 set(ORMEL_COMMON_HEADERS
-  <algorithm> <array> <cerrno> <charconv> <chrono> <cstdio> <cstdlib> <cstring> <functional> <map> <memory> <optional>
+  <algorithm> <array> <cerrno> <charconv> <chrono> <cstdio> <cstdlib> <cstring> <functional> <map>
+  <memory> <optional>
   <string> <string_view> <vector> <fcntl.h> <unistd.h>)
 set(ORMEL_TEST_HEADERS ${ORMEL_COMMON_HEADERS} <filesystem> <fstream> <thread> <gmock/gmock.h>)
 
@@ -22,7 +23,8 @@ endfunction()
 # ormel_precompile(NAME OPTIONS HEADERS...): a target whose precompiled headers others reuse.
 function(ormel_precompile name options)
   file(WRITE ${CMAKE_BINARY_DIR}/precompiled/${name}.cpp.new "")
-  file(COPY_FILE ${CMAKE_BINARY_DIR}/precompiled/${name}.cpp.new ${CMAKE_BINARY_DIR}/precompiled/${name}.cpp ONLY_IF_DIFFERENT)
+  file(COPY_FILE ${CMAKE_BINARY_DIR}/precompiled/${name}.cpp.new
+    ${CMAKE_BINARY_DIR}/precompiled/${name}.cpp ONLY_IF_DIFFERENT)
   add_library(${name} OBJECT EXCLUDE_FROM_ALL ${CMAKE_BINARY_DIR}/precompiled/${name}.cpp)
   target_compile_options(${name} PRIVATE ${options})
   target_precompile_headers(${name} PRIVATE ${ARGN})
@@ -41,7 +43,8 @@ function(ormel_product_targets result)
   set(${result} ${all} PARENT_SCOPE)
 endfunction()
 
-# All that an installation needs, without tests and benchmarks; the demonstration cloud of an appliance belongs to it.
+# All that an installation needs, without tests and benchmarks; the demonstration cloud of an
+# appliance belongs to it.
 function(ormel_add_installed)
   set(needed manual protocols)
   ormel_product_targets(targets)
@@ -64,7 +67,8 @@ function(ormel_make_quick)
       list(APPEND tests ${target})
     endif()
   endforeach()
-  # A compiler cache finds more without precompiled headers, and clang's are strict about every definition.
+  # A compiler cache finds more without precompiled headers, and clang's are strict about every
+  # definition.
   if(CCACHE_PROGRAM OR NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     return()
   endif()
@@ -77,8 +81,8 @@ function(ormel_make_quick)
     target_link_libraries(precompiled_tests PRIVATE GTest::gmock)
   endif()
   ormel_product_targets(product)
-  # Read from a precompiled header, the library's own code no longer counts as the system's: g++ 12 then reports joined
-  # strings that are right. Builds with a compiler cache keep these warnings.
+  # Read from a precompiled header, the library's own code no longer counts as the system's: g++ 12
+  # then reports joined strings that are right. Builds with a compiler cache keep these warnings.
   set(unfounded -Wno-array-bounds -Wno-restrict -Wno-stringop-overflow -Wno-stringop-overread)
   foreach(target ${product} ${tests})
     get_target_property(type ${target} TYPE)

@@ -19,7 +19,13 @@ awk '
   { print }
   inside && /\},$/ { inside = 0; if (row ~ /DROVIK_SERVER_TYPE/) made = row }
   /\{\.server = WIREGUARD/ { last = 1 }
-  last && /\},$/ { gsub(/DROVIK/, "MADEUP", made); gsub(/drovik/, "madeup", made); gsub(/Sessions::MADEUP/, "Sessions::DROVIK", made); printf "%s", made; last = 0 }
+  last && /\},$/ {
+    gsub(/DROVIK/, "MADEUP", made)
+    gsub(/drovik/, "madeup", made)
+    gsub(/Sessions::MADEUP/, "Sessions::DROVIK", made)
+    printf "%s", made
+    last = 0
+  }
 ' "$tree/base/tunnel.h" >"$copy/base/tunnel.h"
 
 bad=0

@@ -1,4 +1,5 @@
-# The web login: the one web program that strangers reach. It checks a password, begins or ends a session and notes it.
+# The web login: the one web program that strangers reach. It checks a password, begins or ends a
+# session and notes it.
 abi <abi/3.0>,
 
 include <tunables/global>

@@ -3,11 +3,11 @@
 # Work that all protocols share: routing and NAT of client interfaces, throwing out a server's
 # sessions.
 #
-#   vpn_common.sh setup_vpn_entrance                   once at the start of the system; makes vpn.conf where there is none
+#   vpn_common.sh setup_vpn_entrance                   once at the start of the system; makes vpn.conf if missing
 #   vpn_common.sh add_vpnclient_profile INTERFACE      the interface need not exist yet
 #   vpn_common.sh remove_vpnclient_profile INTERFACE
 #   vpn_common.sh kick_all_connection TYPE [USER]      all sessions of a server, or all of one user
-#   vpn_common.sh kick_one_connection TYPE WHO         WHO is a pid, an interface, an address of either end or a user
+#   vpn_common.sh kick_one_connection TYPE WHO         WHO: pid, interface, address of either end, user
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=vpn_firewall.sh
@@ -49,7 +49,8 @@ listed_pids() {
   WHO=$3 WHO_USER=$(base64_line "$3") awk -v type="$1" -v kind="$2" '
     BEGIN { who = ENVIRON["WHO"]; user = ENVIRON["WHO_USER"] }
     $6 != type { next }
-    $8 == user || (kind == "one" && ($3 "" == who || $1 == who || $2 == who || $5 == who)) { print $3 }
+    $8 == user ||
+      (kind == "one" && ($3 "" == who || $1 == who || $2 == who || $5 == who)) { print $3 }
   ' "$ONLINE_USERS"
 }
 

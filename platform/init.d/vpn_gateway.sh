@@ -4,7 +4,7 @@
 #
 #   vpn_gateway.sh start INTERFACE SNAT    SNAT 1: what leaves by the tunnel takes its address
 #   vpn_gateway.sh wait INTERFACE SNAT     the same while nothing comes through it: its server's name is to be found
-#   vpn_gateway.sh hold                    no tunnel is there: what would leave by one is refused until there is
+#   vpn_gateway.sh hold                    no tunnel: what would leave by one is refused
 #   vpn_gateway.sh stop
 #
 # Networks that the host is part of, and every other route it knows but the default one, go before

@@ -3,12 +3,12 @@
 # The guard of the default gateway.
 #
 #   vpn_guard.sh apply     does what guard.conf says now
-#   vpn_guard.sh pause     lets traffic out without a tunnel until the host starts again or the guard is set again
+#   vpn_guard.sh pause     lets traffic out without a tunnel until the next start or setting
 #   vpn_guard.sh boot      what the last run has left, before the network comes up
-#   vpn_guard.sh watch     begins to count what leaves for the addresses of the test without a tunnel
+#   vpn_guard.sh watch     counts what leaves for the addresses of the test without a tunnel
 #   vpn_guard.sh watched   the number of these packets; ends the count
-#   vpn_guard.sh neighbour the address of a host in the local network that answers an echo; nothing without one
-#   vpn_guard.sh report    a line for each thing that is known: "ipv4 301", "lan 192.168.77.0/24"; fails without a filter
+#   vpn_guard.sh neighbour the address of a host in the local network that answers an echo
+#   vpn_guard.sh report    what is known: "ipv4 301", "lan 192.168.77.0/24"; fails without a filter
 # shellcheck source=vpn_lib.sh
 . /usr/lib/fenro/vpn_lib.sh
 # shellcheck source=guard_lib.sh

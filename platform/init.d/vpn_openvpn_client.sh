@@ -3,7 +3,7 @@
 # OpenVPN client tunnels: a daemon for each profile.
 #
 #   vpn_openvpn_client.sh start|stop|keep|forget INDEX
-#   vpn_openvpn_client.sh redial INDEX     when the daemon has ended by itself: start, if the profile says so
+#   vpn_openvpn_client.sh redial INDEX     the daemon has ended by itself: start, if the profile says so
 #
 # The program has written the profile, /etc/config/openvpn/clients/clientINDEX, from one that came
 # from elsewhere. The daemon never reads it: fenro-openvpn-profile makes a copy at each start, in

@@ -3,9 +3,9 @@
 # The WireGuard server: the interface wg0, of the kernel or of wireguard-go.
 #
 #   vpn_wireguard.sh start|stop|restart|status|keep
-#   vpn_wireguard.sh peers           each peer of the interface: key, endpoint, networks, time of its latest handshake
-#                                    (seconds since the epoch), bytes received and sent, divided by tabs
-#   vpn_wireguard.sh sync_peers      removes peers that are kept out, and adds those that no longer are
+#   vpn_wireguard.sh peers           each peer: key, endpoint, networks, time of its latest handshake
+#                                    (seconds since the epoch), bytes received and sent, with tabs
+#   vpn_wireguard.sh sync_peers      removes peers that are kept out, adds those that no longer are
 #
 # Made from the section "WG" of vpn.conf and the peers in server_peers.conf. Peers that come or go
 # later are changed on the running interface by the program itself. A peer that fenro-hold keeps out
@@ -47,9 +47,16 @@ read_settings() {
 peers() {
   [ -e "$PEER_FILE" ] || return 0
   WITHOUT=${1-} awk '
-    BEGIN { count = split(ENVIRON["WITHOUT"], row, "\n"); for (i = 1; i <= count; ++i) left_out[row[i]] }
-    function is_key(text) { return length(text) == 44 && text ~ /^[A-Za-z0-9+\/]+[AEIMQUYcgkosw048]=$/ }
-    function is_number(text, least, most) { return text ~ /^[0-9]+$/ && length(text) < 6 && text + 0 >= least && text + 0 <= most }
+    BEGIN {
+      count = split(ENVIRON["WITHOUT"], row, "\n")
+      for (i = 1; i <= count; ++i) left_out[row[i]]
+    }
+    function is_key(text) {
+      return length(text) == 44 && text ~ /^[A-Za-z0-9+\/]+[AEIMQUYcgkosw048]=$/
+    }
+    function is_number(text, least, most) {
+      return text ~ /^[0-9]+$/ && length(text) < 6 && text + 0 >= least && text + 0 <= most
+    }
     function is_ipv4(text,   part, n, i) {
       n = split(text, part, ".")
       for (i = 1; i <= n; ++i) if (!is_number(part[i], 0, 255)) return 0
@@ -65,7 +72,8 @@ peers() {
       if (!is_number(value[peer, "keepalive"], 0, 65535)) return "keepalive"
       if (value[peer, "endpoint"] == "") return ""
       port = value[peer, "endpoint"]
-      if (!sub(/^([A-Za-z0-9][A-Za-z0-9.-]*|\[[0-9A-Fa-f:.]+\]):/, "", port) || !is_number(port, 1, 65535)) return "endpoint"
+      if (!sub(/^([A-Za-z0-9][A-Za-z0-9.-]*|\[[0-9A-Fa-f:.]+\]):/, "", port) ||
+          !is_number(port, 1, 65535)) return "endpoint"
     }
     function show(peer,   endpoint) {
       keys[value[peer, "pub_key"]]; addresses[value[peer, "allow_ip"]]

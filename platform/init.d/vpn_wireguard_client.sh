@@ -64,7 +64,8 @@ find_server() {
 # one, but for what somebody else routes already.
 add_routes() {
   local prefix network IFS=,
-  # shellcheck disable=SC2086 # split at the commas on purpose; no character is left that could be a pattern
+  # Split at the commas on purpose; no character is left that could be a pattern.
+  # shellcheck disable=SC2086
   set -- $allowed
   IFS=' '
   for prefix in "$@"; do

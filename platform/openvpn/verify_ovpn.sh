@@ -68,7 +68,9 @@ cause() {
     *' key too small:'*) said='the key of a certificate is too short: ask for a new one' ;;
     *' key values mismatch:'* | *'::no certificate assigned:'*) \
       said='the key is not that of the certificate' ;;
-    *'routines::no start line:'*) said="a certificate or a key is not in PEM format: ${said##*: }" ;;
+    *'routines::no start line:'*)
+      said="a certificate or a key is not in PEM format: ${said##*: }"
+      ;;
     '') said=$(tail -n 1 "$work/log") ;;
   esac
   printf '%s\n' "${said:-the daemon says nothing}"

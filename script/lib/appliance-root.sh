@@ -120,8 +120,9 @@ lay_stage() {
   ((IS_ROOT)) || options+=,userxattr
   mount -t overlay -o "$options" appliance-usr usr 2>run/appliance/overlay.err ||
     die "cannot lay the installed tree \
-over /usr with an overlay mount ($(<run/appliance/overlay.err)): this kernel lacks overlay or allows it to root only, \
-/usr is itself on two overlays or on a file system that overlay refuses, or something is mounted below it"
+over /usr with an overlay mount ($(<run/appliance/overlay.err)): this kernel lacks overlay \
+or allows it to root only, /usr is itself on two overlays or on a file system that overlay \
+refuses, or something is mounted below it"
 }
 
 # Its secrets are made again at each start.

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Process 1 of the root that packages are tested in: puts it together, and has autopkgtest run in
 # it. What it ends with is the test's own exit status.
-#   package-root.sh systemd LOG DEBIAN PACKAGES FORMER   as a unit of systemd, which goes on as process 1
+#   package-root.sh systemd LOG DEBIAN PACKAGES FORMER   a unit of systemd, which goes on as process 1
 #   package-root.sh plain LOG DEBIAN PACKAGES FORMER     without
-#   package-root.sh probe                                nothing but a unit that is as shut in as ours, to see if it starts
+#   package-root.sh probe                                a unit that is as shut in as ours, to see if it starts
 set -euo pipefail
 HERE=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")" && pwd -P)
 # shellcheck source=script/lib/common.sh
@@ -89,7 +89,8 @@ SuccessAction=exit
 FailureAction=exit
 [Service]
 Type=oneshot
-Environment=PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8
+Environment=PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
+Environment=HOME=/root LANG=C.UTF-8
 UNIT
     if [[ $MODE == probe ]]; then
       cat <<'UNIT'

@@ -33,8 +33,10 @@ gone() {
 before=$(machine)
 # shellcheck disable=SC2016 # it runs inside
 "${APPLIANCE[@]}" bash -c '
-  hostname changed; echo 7 >/proc/sys/net/ipv4/ip_default_ttl; ip link delete eth0; ip address add 192.0.2.9/32 dev lo
-  touch /etc/passwd /etc/new /usr/new /usr/sbin/new /mnt/new /var/log/new; rm /usr/sbin/nginx; mount -t tmpfs x /opt'
+  hostname changed; echo 7 >/proc/sys/net/ipv4/ip_default_ttl; ip link delete eth0
+  ip address add 192.0.2.9/32 dev lo
+  touch /etc/passwd /etc/new /usr/new /usr/sbin/new /mnt/new /var/log/new
+  rm /usr/sbin/nginx; mount -t tmpfs x /opt'
 expect 'what is done inside succeeds' 0 $?
 expect 'and leaves the machine as it was' '' "$(diff <(echo "$before") <(machine))"
 

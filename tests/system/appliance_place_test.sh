@@ -15,6 +15,8 @@ exec "${unshare[@]}" bash -euc '
     touch "$home/secret"
     mkdir -p "$home/user/ormel"
     mount --bind "$TREE" "$home/user/ormel"
-    "$home/user/ormel/script/appliance" --stage "$BUILD/stage" --no-daemons --bind "$home/user/ormel" --bind "$BUILD" -- \
-      "$BUILD/tests/system/ormel_system_tests" --gtest_filter=Appliance.ShowsNothingOfTheHostsLogsAndHomes
+    "$home/user/ormel/script/appliance" --stage "$BUILD/stage" --no-daemons \
+      --bind "$home/user/ormel" --bind "$BUILD" -- \
+      "$BUILD/tests/system/ormel_system_tests" \
+      --gtest_filter=Appliance.ShowsNothingOfTheHostsLogsAndHomes
   done'

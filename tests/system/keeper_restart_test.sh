@@ -13,7 +13,10 @@ inside() {
   "$APPLIANCE" --stage "$STAGE" --state "$STATE" -- bash -c '
     failed=0
     fail() { echo "FAILED: $*" >&2; failed=1; }
-    comes_true() { local end=$((SECONDS + 60)); until "$@" >/dev/null 2>&1; do ((SECONDS < end)) || return; sleep 0.1; done; }
+    comes_true() {
+      local end=$((SECONDS + 60))
+      until "$@" >/dev/null 2>&1; do ((SECONDS < end)) || return; sleep 0.1; done
+    }
     address() { getcfg "$1" LocalIP -f /etc/config/vpn.conf | grep .; }
     '"$1"'
     exit $failed' || failures=1
@@ -27,7 +30,8 @@ inside '
   /etc/init.d/vpn_common.sh setup_vpn_entrance
   echo guest:0:0:0:0:1 >/etc/config/vpn_user_ex.conf
   ormel --type=SDROVIK --modify=0 --enable=TRUE --psk=key --port=4443 >/dev/null
-  ormel --type=DROVIK --add --name=office --host=192.168.77.1 --port=4443 --user=guest --psk=key --pass="$(cat /var/lib/appliance/password.guest)" >/dev/null
+  ormel --type=DROVIK --add --name=office --host=192.168.77.1 --port=4443 --user=guest --psk=key \
+    --pass="$(cat /var/lib/appliance/password.guest)" >/dev/null
   ormel --type=PPTP --add --name=idle --host=192.0.2.1 --user=a --pass=x >/dev/null || fail "the second profile is refused"
   ormel --type=DROVIK --connect=1 >/dev/null
   comes_true address DROVIK_CLIENT1 || fail "the tunnel does not come up"

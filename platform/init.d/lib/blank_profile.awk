@@ -1,5 +1,6 @@
-# Copies an OpenVPN profile as far as it tells how a tunnel is made: of all other options the name alone, nothing of
-# comments and of what is inside the profile, which is certificates, keys and accounts.
+# Copies an OpenVPN profile as far as it tells how a tunnel is made: of all other options the name
+# alone, nothing of comments and of what is inside the profile, which is certificates, keys and
+# accounts.
 BEGIN {
   BLANK = "(blanked)"
   split("auth cipher client comp-lzo compress connect-retry connect-timeout data-ciphers data-ciphers-fallback dev " \

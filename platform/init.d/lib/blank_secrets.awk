@@ -1,5 +1,6 @@
-# Copies text without its secrets, for an archive that goes to strangers. In doubt it takes away too much: what follows
-# the name of a secret goes to the end of its line, so that no way of quoting brings a piece of it through.
+# Copies text without its secrets, for an archive that goes to strangers. In doubt it takes away too
+# much: what follows the name of a secret goes to the end of its line, so that no way of quoting
+# brings a piece of it through.
 BEGIN {
   BLANK = "(blanked)"
   NAME = "pass|secret|psk|token|credential|access[ _]?code|key|authorization|bearer|cookie|(^|[^a-z])sid"

@@ -26,7 +26,8 @@ drovik_kick() {
   WHO=$2 WHO_USER=$(base64_line "$2") awk -v type=$DROVIK_SERVER_BIT -v kind="$1" '
     BEGIN { who = ENVIRON["WHO"]; user = ENVIRON["WHO_USER"] }
     $6 != type || $1 !~ /^[0-9a-f:]+$/ { next }
-    $8 == user || (kind == "all" && who == "") || (kind == "one" && ($1 == who || $2 == who || $5 == who)) { print $1 }
+    $8 == user || (kind == "all" && who == "") ||
+      (kind == "one" && ($1 == who || $2 == who || $5 == who)) { print $1 }
   ' "$ONLINE_USERS" | while read -r identifier; do
     mibsh MorviServer.disconnect "{\"mac\":\"$identifier\"}" >/dev/null ||
       note "$identifier is not kicked"

@@ -6,7 +6,8 @@
 
 GUARD_CONF=/etc/config/ormel/guard.conf
 GUARD_BOOT=/var/lib/fenro/guard.nft # what is loaded before the network comes up
-GUARD_PAUSED=$RUN_DIR/guard.paused  # there until the next start of the host, or until the guard is set again
+# There until the next start of the host, or until the guard is set again.
+GUARD_PAUSED=$RUN_DIR/guard.paused
 GATEWAY_POLICY=/etc/config/vpn_options.conf
 GUARD_TABLE='inet fenro_guard'
 LOOKUP_GROUP=fenro-resolve          # of what looks up the names of servers
@@ -82,7 +83,8 @@ meta mark & $TUNNEL_MARK == $TUNNEL_MARK accept
 ct direction reply accept
 udp dport { 67, 68, 546, 547 } accept
 ip protocol igmp accept
-icmpv6 type { nd-router-solicit, nd-router-advert, nd-neighbor-solicit, nd-neighbor-advert, mld-listener-report, mld2-listener-report } accept
+icmpv6 type { nd-router-solicit, nd-router-advert, nd-neighbor-solicit, nd-neighbor-advert,
+  mld-listener-report, mld2-listener-report } accept
 ip daddr @servers tcp dport 1723 accept
 ip daddr @servers udp dport { 500, 1701, 4500 } accept
 ip daddr @servers ip protocol { gre, esp } accept

@@ -4,11 +4,13 @@
 
 IPSEC_DIR=$RUN_DIR/ipsec
 IKE_CONF=/usr/lib/fenro/strongswan.conf
-IKE_DAEMON=/usr/lib/fenro/fenro-charon # a link to charon-systemd, so that another one of this host is left alone
+# A link to charon-systemd, so that another one of this host is left alone.
+IKE_DAEMON=/usr/lib/fenro/fenro-charon
 IKE_SOCKET=unix://$RUN_DIR/charon.vici # as in strongswan.conf
 IKE_SECONDS=10                         # for the daemon to come up
 IKE_PATIENCE=60                        # seconds that one command may take
-IKE_PROPOSALS=aes256-sha256-modp2048,aes128-sha256-modp2048,aes256-sha1-modp2048,aes128-sha1-modp2048
+IKE_PROPOSALS=aes256-sha256-modp2048,aes128-sha256-modp2048
+IKE_PROPOSALS=$IKE_PROPOSALS,aes256-sha1-modp2048,aes128-sha1-modp2048
 ESP_PROPOSALS=aes256-sha256,aes128-sha256,aes256-sha1,aes128-sha1
 
 # A kernel that encrypts packets: it is asked for a state with the ciphers that everybody has.
@@ -122,8 +124,11 @@ ike_failure() {
     --timeout "$2" --uri "$IKE_SOCKET" \
     </dev/null 2>&1 9>&-) && return 1
   printf '%s\n' "$said" | awk '
-    # A peer with another key cannot read what we prove ours with, nor we its complaint. The first row that fits counts.
-    function sign(words, code) { if (found == "" && index(text, words)) { found = code; word = line[words] } }
+    # A peer with another key cannot read what we prove ours with, nor we its complaint. The first
+    # row that fits counts.
+    function sign(words, code) {
+      if (found == "" && index(text, words)) { found = code; word = line[words] }
+    }
     { text = text "\n" $0; for (w in signs) if (index($0, signs[w])) line[signs[w]] = $0 }
     BEGIN {
       n = split("NO_PROPOSAL_CHOSEN|AUTHENTICATION_FAILED|INVALID_HASH_INFORMATION|PAYLOAD_MALFORMED|malformed INFORMATIONAL|" \

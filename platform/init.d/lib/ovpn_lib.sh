@@ -38,7 +38,8 @@ ovpn_listed() {
   [ -e "$ONLINE_USERS" ] || return 0
   WHO=$2 WHO_USER=$(base64_line "$2") awk -v type="$OVPN_SERVER_BIT" -v kind="$1" '
     BEGIN { who = ENVIRON["WHO"]; user = ENVIRON["WHO_USER"] }
-    $6 == type && ($8 == user || (kind == "one" && ($2 ":" $3 == who || $2 == who || $5 == who))) { print $5 }
+    $6 == type && ($8 == user ||
+      (kind == "one" && ($2 ":" $3 == who || $2 == who || $5 == who))) { print $5 }
   ' "$ONLINE_USERS"
 }
 
@@ -48,7 +49,8 @@ ovpn_sessions() {
   local listed=
   [ -z "${2-}" ] || listed=$(ovpn_listed "$1" "$2")
   ovpn_manage 'status 3' | KIND=$1 WHO=${2-} LISTED=$listed awk -F '\t' '
-    BEGIN { who = ENVIRON["WHO"]; count = split(ENVIRON["LISTED"], row, "\n"); for (i = 1; i <= count; ++i) listed[row[i]] }
+    BEGIN { who = ENVIRON["WHO"]; count = split(ENVIRON["LISTED"], row, "\n")
+      for (i = 1; i <= count; ++i) listed[row[i]] }
     $1 != "CLIENT_LIST" { next }
     who == "" || $10 == who || $4 in listed || (ENVIRON["KIND"] == "one" && $3 == who) { print $11 }'
 }
@@ -91,13 +93,15 @@ OVPN_JAIL='
     set -- /usr /boot /etc /bin /sbin /lib /lib64 -- "$@"
   else
     mount -t tmpfs -o mode=1777,size=1m,nosuid,nodev,noexec none /tmp || refused /tmp
-    set -- / /usr /boot /etc /etc/config /home /root /run /run/lock /var /var/tmp /var/log /dev/shm -- "$@"
+    set -- / /usr /boot /etc /etc/config /home /root \
+      /run /run/lock /var /var/tmp /var/log /dev/shm -- "$@"
   fi
   while [ "$1" != -- ]; do
     folder=$1
     shift
     [ -d "$folder" ] && [ ! -L "$folder" ] || continue
-    if [ "$folder" != / ]; then mount --rbind "$folder" "$folder" 2>/dev/null || { refused "$folder"; continue; }; fi
+    [ "$folder" = / ] || mount --rbind "$folder" "$folder" 2>/dev/null ||
+      { refused "$folder"; continue; }
     mount -o remount,bind,ro "$folder" 2>/dev/null || refused "$folder"
   done
   shift

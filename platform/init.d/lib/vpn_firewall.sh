@@ -139,8 +139,10 @@ server_nft_rules() {
   }
   chain through {
     type filter hook forward priority filter;
-    ip saddr $1 tcp flags & (syn | rst) == syn tcp option maxseg size > $2 tcp option maxseg size set $2
-    ip daddr $1 tcp flags & (syn | rst) == syn tcp option maxseg size > $2 tcp option maxseg size set $2
+    ip saddr $1 tcp flags & (syn | rst) == syn tcp option maxseg size > $2 \
+      tcp option maxseg size set $2
+    ip daddr $1 tcp flags & (syn | rst) == syn tcp option maxseg size > $2 \
+      tcp option maxseg size set $2
     ${only:+ip saddr $1 ip daddr != $1 $only}
     ip saddr $1 accept
     ip daddr $1 accept
@@ -253,7 +255,8 @@ forward_droppers() {
   ! command -v nft >/dev/null || nft list chains 2>/dev/null | awk '
     $1 == "table" { table = $2 " " $3 }
     $1 == "chain" { chain = $2 }
-    /hook forward/ && /policy drop/ && table !~ / fenro_/ && table " " chain != "ip filter FORWARD" && table !~ /^ip6 / {
+    /hook forward/ && /policy drop/ && table !~ / fenro_/ &&
+      table " " chain != "ip filter FORWARD" && table !~ /^ip6 / {
       print table, chain
     }'
 }

@@ -13,7 +13,8 @@ RUN_DIR=/run/fenro
 # shellcheck disable=SC2034 # for the reader
 ONLINE_USERS=/var/log/ormel_online_users
 TUNNEL_SOCKET=$RUN_DIR/tunnel.sock
-WANTED_DIR=$RUN_DIR/wanted # a mark for each section that was turned on: fenro-keeperd starts what has ended
+# A mark for each section that was turned on: fenro-keeperd starts what has ended.
+WANTED_DIR=$RUN_DIR/wanted
 CAP_NET_ADMIN=12 # its bit
 MAX_SLOT=32
 STOP_SECONDS=10
@@ -125,7 +126,8 @@ ipv4_network() {
   # shellcheck disable=SC2086 # split at the dots on purpose
   set -- $1
   number=$((($1 << 24 | $2 << 16 | $3 << 8 | $4) & (0xffffffff << (32 - bits))))
-  printf '%d.%d.%d.%d/%d\n' $((number >> 24 & 255)) $((number >> 16 & 255)) $((number >> 8 & 255)) $((number & 255)) "$bits"
+  printf '%d.%d.%d.%d/%d\n' \
+    $((number >> 24 & 255)) $((number >> 16 & 255)) $((number >> 8 & 255)) $((number & 255)) "$bits"
 }
 
 # A host name in its strictest sense: letters, digits, "-" and ".", and no option in disguise.
@@ -139,7 +141,8 @@ is_outgoing() {
   case $1 in *[!a-z0-9]* | '' | ????????????????*) return 1 ;; esac
 }
 
-# name_servers SECTION KEY SWITCH: for clients of a server: the manual name server under KEY if SWITCH is on, else
+# name_servers SECTION KEY SWITCH: for clients of a server: the manual name server under KEY if
+# SWITCH is on, else
 # the appliance's own ones that a client can reach.
 name_servers() {
   local manual word server count=0
@@ -220,7 +223,10 @@ NOTHING_TO_DO=4 # exit status of "keep"
 
 # may_keep SECTION: whether a tunnel that has ended may be started without anybody's order: it is on, and nothing is noted
 # that makes another attempt useless. Run under the lock of the section's script, so what was turned off stays off.
-may_keep() { is_true "$(vpn_get "$1" Enable FALSE)" && ! /usr/lib/fenro/fenro-reason "$1" --final 2>/dev/null 9>&-; }
+may_keep() {
+  is_true "$(vpn_get "$1" Enable FALSE)" &&
+    ! /usr/lib/fenro/fenro-reason "$1" --final 2>/dev/null 9>&-
+}
 
 # server_action ACTION: a server that has started or was stopped has no reason.
 # shellcheck disable=SC2153 # the script's own SECTION
@@ -259,7 +265,8 @@ server_script() {
 
 base64_line() { printf '%s' "$1" | base64 -w 0; }
 
-# A start script that finds itself without rights over networks, as the web programs are, hands its work to the unit that
+# A start script that finds itself without rights over networks, as the web programs are, hands its
+# work to the unit that
 # has them and goes by its outcome.
 hand_over() {
   local key value
