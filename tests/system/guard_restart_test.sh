@@ -23,8 +23,8 @@ left=$(lan list table netdev outside | sed -n "s/.*packets \([0-9]*\).*/\1/p")'
 "${APPLIANCE[@]}" -- bash -euc 'mkdir -p /etc/config/ormel
   setcfg guard mode on -f /etc/config/ormel/guard.conf
   echo "{\"gw_setting\": {\"as_gw_en\": 1, \"gw1\":
-    {\"type\": 1024, \"index\": 1, \"sname\": \"OPENVPN_CLIENT1\"}, \"snat\": 1, \"failover_en\": 0}}" \
-    >/etc/config/vpn_options.conf
+    {\"type\": 1024, \"index\": 1, \"sname\": \"OPENVPN_CLIENT1\"},
+    \"snat\": 1, \"failover_en\": 0}}" >/etc/config/vpn_options.conf
   /etc/init.d/vpn_guard.sh apply'
 for daemons in --no-daemons ''; do
   "${APPLIANCE[@]}" ${daemons:+"$daemons"} -- bash -c "$COMMON"'
