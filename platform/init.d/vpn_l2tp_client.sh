@@ -17,7 +17,7 @@
 # shellcheck source=l2tp_lib.sh
 . /usr/lib/fenro/l2tp_lib.sh
 
-# plus the slot: each xl2tpd needs a port of its own, and the server has the usual one
+# plus the slot: each xl2tpd needs its own port, and the server has the usual one
 LOCAL_PORTS=11700
 NO_ENCRYPTION=0   # within IPsec
 

@@ -114,7 +114,7 @@ int expire(Words) {
   return finish(ended);
 }
 
-// Goes on in a process of its own, beside the caller. False in the caller.
+// Goes on in its own process, beside the caller. False in the caller.
 bool in_background() {
   if (fork() != 0) return false;
   setsid();

@@ -26,7 +26,7 @@ std::vector<fenro::drovik::ClientBytes> clients() {
   return all;
 }
 
-// In a process of its own, as the daemon is.
+// In its own process, as the daemon is.
 class Service {
  public:
   Service() : child_(fork()) {

@@ -134,7 +134,7 @@ inline bool recorded_soon(const std::string& program, size_t count) {
   return comes_true([&] { return recorded(program).size() >= count; });
 }
 
-// A bus service with scripted answers, in a process of its own, in place of the daemon of that
+// A bus service with scripted answers, in its own process, in place of the daemon of that
 // name.
 class ScriptedService {
  public:

@@ -40,7 +40,7 @@ inline WebReply cgi(const std::string& route, const std::string& query,
   return split_reply(run({CGI}, environment, body));
 }
 
-// Runs a handler that no route leads to as a request of its own.
+// Runs a handler that no route leads to as its own request.
 inline WebReply unrouted(int (*handler)(ormel::JsonValue&), const std::string& query) {
   const pid_t child = fork();
   if (child == 0) {

@@ -215,7 +215,7 @@ TEST_F(WebHostFacts, TellWhichHostsAnswerWhereAClientAsks) {
   EXPECT_EQ(ping(guest).body, refusal(39, "session invalid"));
 }
 
-// In a suite of its own, since the real daemon is gone afterwards.
+// In its own suite, since the real daemon is gone afterwards.
 class WebHostBroken : public WebHostFacts {};
 
 TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {

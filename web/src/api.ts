@@ -137,7 +137,7 @@ export const call = async <T = unknown>(
 export const data = async <T>(route: string, form: Form = {}, timeout = QUICK): Promise<T> =>
   (await call<T>(route, form, timeout)).data
 
-// A route that answers with a page of its own.
+// A route that answers with its own page.
 export const pageOf = async (route: string, form: Form): Promise<string> =>
   inSession(route, form, SLOW, async answer => {
     if (answer.headers.get('Content-Type')?.startsWith('text/html')) return answer.text()

@@ -17,7 +17,7 @@ export interface FieldRow {
   help?: TextKey
   when?: (values: Values) => boolean
   more?: boolean // among what few have to touch
-  wide?: boolean // a line of its own
+  wide?: boolean // its own line
   autocomplete?: string
 }
 

@@ -87,7 +87,7 @@ async function dropFiles(page, paths, x, y) {
   await devtools.detach()
 }
 
-// The policy of the page lets no script in, so the check runs in a world of its own.
+// The policy of the page lets no script in, so the check runs in its own world.
 async function accessible(page, where) {
   await page.waitForTimeout(300)
   const devtools = await page.context().newCDPSession(page)

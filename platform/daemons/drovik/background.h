@@ -8,7 +8,7 @@ namespace fenro::drovik {
 
 class Background {
  public:
-  // To be called before threads and devices: goes on in a child in a session of its own, while the
+  // To be called before threads and devices: goes on in a child in its own session, while the
   // parent waits for ready() and leaves with status 0, or with 1 when the child ends before.
   [[nodiscard]] bool begin();
 

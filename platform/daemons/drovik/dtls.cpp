@@ -91,7 +91,7 @@ bool set_group(SSL_CTX* context) {
   if (SSL_CTX_set0_tmp_dh_pkey(context, parameters.get()) != 1) return false;
   std::ignore =
       parameters
-          .release();  // the context's now; each handshake makes a key of its own in this group
+          .release();  // the context's now; each handshake makes its own key in this group
   return true;
 }
 

@@ -2,7 +2,7 @@
 // and some memory for each step, and anyone can send its first datagram with any source address.
 //
 // Each step has a limit for each address and one in total. Addresses from which a user has logged
-// in before have a share of their own, which a flood from other addresses cannot use up.
+// in before have their own share, which a flood from other addresses cannot use up.
 #pragma once
 
 #include <array>

@@ -1,4 +1,4 @@
-// Programs that the keeper runs beside its own work, in a session of their own, so that they
+// Programs that the keeper runs beside its own work, in their own session, so that they
 // outlive it.
 #pragma once
 

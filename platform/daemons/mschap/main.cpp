@@ -75,7 +75,7 @@ void note_refusal(const std::string& user, std::string_view server, const char* 
   std::ignore = fenro::log_refusal(login, reason);  // the login is refused without the row, too
 }
 
-// The lines of a deleted account stay in both files; those with a password of their own need no
+// The lines of a deleted account stay in both files; those with their own password need no
 // account.
 bool is_deleted(const std::string& user, const char* server) {
   std::string secrets;

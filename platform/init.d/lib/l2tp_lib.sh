@@ -29,7 +29,7 @@ l2tp_launch() {
 }
 
 # l2tp_client_view COMMAND...: xl2tpd knows one place for pppd and runs it under that name. So it
-# gets a view of its own, where that place has a script that gives pppd the name of a client tunnel.
+# gets its own view, where that place has a script that gives pppd the name of a client tunnel.
 l2tp_client_view() {
   : >>"$RUN_DIR/pppd-l2tp"
   # shellcheck disable=SC2016 # the shell below expands them

@@ -1,5 +1,5 @@
 # shellcheck shell=dash
-# The keys of the OpenVPN server: a certificate authority of its own, and the certificate that this
+# The keys of the OpenVPN server: its own certificate authority, and the certificate that this
 # signs. Read by "." behind vpn_lib.sh.
 
 KEYS=/etc/openvpn/keys

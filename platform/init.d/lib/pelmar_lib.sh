@@ -28,7 +28,7 @@ virtual_interface_add() {
     ip link add dev "$VIRTUAL_INTERFACE" type bridge
 }
 
-# Gives it the address of the settings and no other. Under a lock of its own, as the daemon has it
+# Gives it the address of the settings and no other. Under its own lock, as the daemon has it
 # done while a script may be waiting for the daemon.
 virtual_interface_set() { with_lock pelmar_interface set_virtual_interface; }
 

@@ -1,4 +1,4 @@
-// The routes that choose, tell and check; those that join and leave are in a file of their own, and
+// The routes that choose, tell and check; those that join and leave are in their own file, and
 // so is the login.
 #include "ormel/web/membership.h"
 

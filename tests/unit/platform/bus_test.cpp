@@ -221,7 +221,7 @@ TEST_F(BusTest, ASilentClientIsDroppedAtItsDeadlineButNotForAHandlersTime) {
   EXPECT_LT(Clock::now() - begun, 5s);
 }
 
-// A server in a process of its own, of another user if that can be had.
+// A server in its own process, of another user if that can be had.
 class ServerProcess {
  public:
   ServerProcess(const std::string& service, uid_t user) {

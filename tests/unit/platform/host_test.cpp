@@ -63,7 +63,7 @@ TEST(Users, OnlyThePasswdLineTellsOfADirectory) {
     EXPECT_FALSE(asks_directory(text)) << text;
 }
 
-// With a stack of its own in the place of the host's, whose module compares what the conversation
+// With its own stack in the place of the host's, whose module compares what the conversation
 // hands it.
 TEST(Password, ReachesPamAsItWasGiven) {
   const Scratch scratch;

@@ -50,7 +50,7 @@ TEST(KeeperRateLimit, SendsTwentyAnHourAndThenSaysHowManyThereWere) {
   int sent = 0;
   for (int i = 0; i < 50; ++i) sent += limit.admit("ops lost", begin + i * 1min) ? 1 : 0;
   EXPECT_EQ(sent, 20);
-  EXPECT_TRUE(limit.admit("ops failed", begin)) << "another kind has an hour of its own";
+  EXPECT_TRUE(limit.admit("ops failed", begin)) << "another kind has its own hour";
   EXPECT_THAT(limit.ended(begin + 59min), testing::IsEmpty());
   const auto ended = limit.ended(begin + 1h);
   ASSERT_EQ(ended.size(), 1U);

@@ -9,7 +9,7 @@
 namespace fenro::networkd {
 namespace {
 
-// A daemon's state over a file in a folder of its own.
+// A daemon's state over a file in its own folder.
 class NetworkdTest : public testing::Test {
  protected:
   std::string call(std::string_view name, std::string_view body) {

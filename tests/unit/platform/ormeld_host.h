@@ -1,4 +1,4 @@
-// The log database over a file in a folder of its own, called as the bus calls it, with a clock
+// The log database over a file in its own folder, called as the bus calls it, with a clock
 // that tests set.
 #pragma once
 

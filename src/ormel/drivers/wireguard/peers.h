@@ -1,4 +1,4 @@
-// The peers of the WireGuard server: a file of their own, and one key file for each peer with a
+// The peers of the WireGuard server: their own file, and one key file for each peer with a
 // pre-shared key.
 //
 // server_peers.conf is an INI file. Section "global" has "peers_num", the number of peers, and

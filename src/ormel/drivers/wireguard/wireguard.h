@@ -16,7 +16,7 @@ constexpr const char* SERVER_INTERFACE = "wg0";
 constexpr const char* FOLDER =
     "/etc/config/ormel/wireguard";  // of the peer file and the peers' key files
 
-// The peers are not client accounts: each is a record in a file of its own, and the running
+// The peers are not client accounts: each is a record in its own file, and the running
 // interface is changed one peer at a time. To add one: check_peer_value(0), enable_peer(0),
 // add_peer(); to edit one: the same with its index and modify_peer; to delete one: disable_peer,
 // delete_peer.
