@@ -23,8 +23,8 @@ class OpenVpnLoginSocket : public testing::Test {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     scratch.path("daemon").copy(address.sun_path, sizeof address.sun_path - 1);
-    bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    listen(listener.get(), 1);
+    EXPECT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(listen(listener.get(), 1), 0);
     attendant = Management::at_socket(scratch.path("daemon"));
     daemon = Management::accepted(listener.get());
   }
