@@ -81,7 +81,7 @@ judged() {
 stop() {
   end_processes "$ATTENDANT" "client$slot" || die "[$section] $ATTENDANT does not end"
   end_processes "${DAEMON##*/}" "$profile" || die "[$section] the tunnel does not end"
-  rm -f "$pid_file" "$socket" "$place/profile"
+  rm -f "$pid_file" "$socket" "$place.sock" "$place/profile"
   ! client_known "$section" || ovpn_client_down "$section"
 }
 
@@ -142,5 +142,5 @@ profile=$OVPN_CLIENTS/client$slot
 place=$RUN_DIR/openvpn-client$slot
 copy=$place.copy
 pid_file=/var/run/openvpn.client$slot.pid
-socket=/tmp/openvpn.client$slot.sock
+socket=/tmp/openvpn.client$slot.sock # of the attendant; the daemon has $place.sock
 with_lock "openvpnclient$slot" client_action "$1"

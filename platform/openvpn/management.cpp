@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 
 namespace fenro::openvpn {
@@ -47,6 +48,14 @@ Management Management::at_port(std::uint16_t port) {
   return Management{connected(AF_INET, address)};
 }
 
+Management Management::accepted(int listener) {
+  constexpr timeval PATIENCE{1, 0};
+  Fd fd{static_cast<int>(TEMP_FAILURE_RETRY(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)))};
+  if (fd && !trusted_peer(fd)) fd.reset();
+  if (fd) setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &PATIENCE, sizeof PATIENCE);
+  return Management{std::move(fd)};
+}
+
 bool Management::say(std::string_view command) {
   std::string line{command};
   line += '\n';
@@ -59,23 +68,31 @@ bool Management::say(std::string_view command) {
   return true;
 }
 
-std::optional<std::string> Management::hear(int seconds) {
-  constexpr int MILLISECONDS = 1000;
-  std::size_t end = 0;
-  while ((end = heard_.find('\n')) == std::string::npos) {
-    pollfd waiting{fd_.get(), POLLIN, 0};
-    if (TEMP_FAILURE_RETRY(poll(&waiting, 1, seconds > 0 ? seconds * MILLISECONDS : -1)) <= 0)
-      return {};
-    char piece[4096];
-    const ssize_t got = TEMP_FAILURE_RETRY(recv(fd_.get(), piece, sizeof piece, 0));
-    closed_ = got <= 0 || heard_.size() > LONGEST_LINE;
-    if (closed_) return {};
-    heard_.append(piece, static_cast<std::size_t>(got));
-  }
+std::optional<std::string> Management::next() {
+  const std::size_t end = heard_.find('\n');
+  if (end == std::string::npos) return {};
   std::string line = heard_.substr(0, end);
   heard_.erase(0, end + 1);
   if (line.ends_with('\r')) line.pop_back();
   return line;
+}
+
+void Management::fill() {
+  char piece[4096];
+  const ssize_t got = TEMP_FAILURE_RETRY(recv(fd_.get(), piece, sizeof piece, 0));
+  closed_ = got <= 0 || heard_.size() > LONGEST_LINE;
+  if (!closed_) heard_.append(piece, static_cast<std::size_t>(got));
+}
+
+std::optional<std::string> Management::hear(int seconds) {
+  constexpr int MILLISECONDS = 1000;
+  for (;;) {
+    if (auto line = next()) return line;
+    pollfd waiting{fd_.get(), POLLIN, 0};
+    const int patience = seconds > 0 ? seconds * MILLISECONDS : -1;
+    if (closed_ || TEMP_FAILURE_RETRY(poll(&waiting, 1, patience)) <= 0) return {};
+    fill();
+  }
 }
 
 }  // namespace fenro::openvpn

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include "base/file.h"
+#include "openvpn/client_sockets.h"
 #include "openvpn/profile_lines.h"
 
 namespace {
@@ -348,7 +349,8 @@ class Copy {
   [[nodiscard]] const std::string& text() const { return text_; }
 
  private:
-  // How the daemon runs on this host; what an import has forced into the profile says the same.
+  // How the daemon runs on this host; what an import has forced into the profile says the same,
+  // but for the socket, which is the attendant's.
   void set_ours() {
     const std::string slot = std::to_string(slot_);
     ours_ = {"dev tun" + std::to_string(2000 + slot_),
@@ -356,10 +358,15 @@ class Copy {
              "down /etc/openvpn/openvpn_down",
              "daemon openvpn-client",
              "script-security 3",
-             "management /tmp/openvpn.client" + slot + ".sock unix",
+             "management " + fenro::openvpn::daemon_socket(slot_) + " unix",
              "log /dev/null",
              "writepid /var/run/openvpn.client" + slot + ".pid",
              "plugin /usr/lib/vpn_ext.so " + slot};
+  }
+
+  [[nodiscard]] bool is_ours(const std::string& line) const {
+    return std::find(ours_.begin(), ours_.end(), line) != ours_.end() ||
+           line == "management " + fenro::openvpn::login_socket(slot_) + " unix";
   }
 
   void note_forgiven(const ProfileLine& line) {
@@ -425,7 +432,7 @@ class Copy {
     }
     std::string written;
     for (const std::string& word : words) written += (written.empty() ? "" : " ") + quoted(word);
-    if (std::find(ours_.begin(), ours_.end(), written) != ours_.end()) return;
+    if (is_ours(written)) return;
     if (slot_ != 0 && words.size() == 2 && words[0] == "crl-verify" && words[1] == crl_name()) {
       out += "crl-verify " + std::string(CLIENTS) + crl_name() + '\n';
       return;

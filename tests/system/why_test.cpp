@@ -37,14 +37,18 @@ Seen near_seen(const std::string& server) {
   return seen(run({CTL, "--json", "status", server}));
 }
 
-void far_shell(const std::string& script) {
-  const Result result = far::run({SHELL, "-ec", script}, {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
+void expect_ran(const std::string& script, const Result& result) {
   EXPECT_EQ(result.status, 0) << script << '\n' << result.out << result.err;
 }
 
+const std::vector<std::string> PATH{"PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
+
+void far_shell(const std::string& script) {
+  expect_ran(script, far::run({SHELL, "-ec", script}, PATH));
+}
+
 void near_shell(const std::string& script) {
-  const Result result = run({SHELL, "-ec", script}, {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
-  EXPECT_EQ(result.status, 0) << script << '\n' << result.out << result.err;
+  expect_ran(script, run({SHELL, "-ec", script}, PATH));
 }
 
 bool has_tun() {
@@ -231,6 +235,12 @@ cd /tmp; f=/etc/config/openvpn/clients/client1; cp "$f" good
 openssl req -x509 -newkey rsa:2048 -nodes -days 9 -subj '/CN=other' -keyout other.key -out other.crt 2>/dev/null
 { sed '/<ca>/,$d' good; echo '<ca>'; cat other.crt; echo '</ca>'; sed '1,/<\/ca>/d' good; } >"$f")";
 
+// On a busy host it takes long to end, while the daemon goes on.
+const std::string SLOW_LOGIN = std::string(OTHER_AUTHORITY) + R"(
+mv /usr/sbin/ormel.cauth /usr/sbin/cauth.real
+printf '#!/bin/bash\n(exec -a ormel.cauth /usr/sbin/cauth.real "$@")\nsleep 4\n' >/usr/sbin/ormel.cauth
+chmod 0755 /usr/sbin/ormel.cauth)";
+
 TEST_F(WhyOpenVpn, SaysWhatAClientMeetsAndForgetsItOnceMended) {
   const size_t before = refused_logins();
   far_shell("openvpn --genkey secret /tmp/other.psk");
@@ -240,6 +250,10 @@ TEST_F(WhyOpenVpn, SaysWhatAClientMeetsAndForgetsItOnceMended) {
           {"wrong password", "ormelctl profile set far --pass-file /tmp/wrong --yes",
            "ormelctl profile set far --pass-file /tmp/pass --yes", "failed", "login-refused", "40"},
           {"wrong authority", OTHER_AUTHORITY, "cp /tmp/good /etc/config/openvpn/clients/client1",
+           "failed", "server-cert-unknown", "24"},
+          {"wrong authority, after a login that took long", SLOW_LOGIN.c_str(),
+           "mv /usr/sbin/cauth.real /usr/sbin/ormel.cauth;"
+           "cp /tmp/good /etc/config/openvpn/clients/client1",
            "failed", "server-cert-unknown", "24"},
           {"a pre-shared key that is not the server's",
            "{ cat /tmp/good; echo '<tls-crypt>'; cat /tmp/other.psk; echo '</tls-crypt>'; } "

@@ -110,8 +110,8 @@ TEST(OvpnReport, HoldsItsRulesForProfilesOfAnyShape) {
       "\n\n",
       "client",
       "\xEF\xBB\xBF" + HEAD,
-      "client\r\nremote a "
-      "1\r\n<ca>\r\nABC\r\n</ca>\r\n<tls-auth>\r\nX\r\n</tls-auth>\r\nkey-direction 1\r\n",
+      std::string("client\r\nremote a 1\r\n") +
+          "<ca>\r\nABC\r\n</ca>\r\n<tls-auth>\r\nX\r\n</tls-auth>\r\nkey-direction 1\r\n",
       "client\n<connection>\nremote a 1 udp\nmssfix 1\n</connection>\n<connection>\nremote "
       "b\n</connection>\n" +
           HEAD,
