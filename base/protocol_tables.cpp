@@ -1,11 +1,14 @@
-// Prints the rows of TUNNELS for those that are not C++: "shell" for the start scripts,
-// "typescript" for the web interface. Runs at build time.
+// Prints tables for those that are not C++: the rows of TUNNELS, "shell" for the start scripts and
+// "typescript" for the web interface, and the names of secrets, "awk" for the log archive. Runs at
+// build time.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "base/secret_names.h"
 #include "base/tunnel.h"
 
 namespace {
@@ -108,17 +111,32 @@ void print_typescript() {
       "export const PROTOCOLS: readonly Protocol[] = Object.values(PROTOCOL)");
 }
 
+// What lib/blank_secrets.awk looks for.
+void print_awk() {
+  std::string names;
+  for (const fenro::SecretName& row : fenro::SECRET_NAMES) {
+    if (row.pattern) names += (names.empty() ? "" : "|") + std::string(row.pattern);
+  }
+  std::printf("# Made from base/secret_names.h by the build.\nBEGIN { NAME = \"%s\" }\n",
+              names.c_str());
+}
+
+struct Form {
+  const char* name;
+  void (*print)();
+};
+constexpr Form FORMS[] = {
+    {"shell", print_shell}, {"typescript", print_typescript}, {"awk", print_awk}};
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string form = argc == 2 ? argv[1] : "";
-  if (form == "shell") {
-    print_shell();
-  } else if (form == "typescript") {
-    print_typescript();
-  } else {
-    std::fputs("usage: protocol_tables shell|typescript\n", stderr);
-    return 2;
+  const std::string_view wanted = argc == 2 ? argv[1] : "";
+  for (const Form& form : FORMS) {
+    if (wanted != form.name) continue;
+    form.print();
+    return 0;
   }
-  return 0;
+  std::fputs("usage: protocol_tables shell|typescript|awk\n", stderr);
+  return 2;
 }

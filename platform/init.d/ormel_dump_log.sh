@@ -43,7 +43,7 @@ wireguard_tools|wg --version
 openssl|openssl version
 web_server|nginx -v'
 
-blanked() { awk -f /usr/lib/fenro/blank_secrets.awk; }
+blanked() { awk -f /usr/lib/fenro/secret_names.awk -f /usr/lib/fenro/blank_secrets.awk; }
 
 # put FILE: standard input, without its secrets, as a file of the archive.
 put() {

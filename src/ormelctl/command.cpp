@@ -64,6 +64,8 @@ constexpr Command COMMANDS[] = {
     {"notify",  "add",     "NAME", "url= to= events= secret-file=", false, false, "Notify a webhook, or a user by mail with --url mail:USER, of events", "notify add ops --url https://hooks.example.org/ormel --events 'failed lost back'", notify_add},
     {"notify",  "rm",      "NAME", "yes", false, true,  "Notify no more", "notify rm ops --yes", notify_remove},
     {"notify",  "test",    "NAME", "", false, false, "Send a test notification and say how it ended", "notify test ops", notify_test},
+    {"audit",   "verify",  "", "", true,  false, "Verify that no entry of the audit trail has been altered or removed", "audit verify", audit_verify},
+    {"audit",   "",        "", "since= user= limit=", true, false, "Show who changed what, and from where", "audit --since 1h", audit_list},
     {"sdwan",   "status",  "", "", true,  false, "Show the membership of the SD-WAN", "sdwan status", sdwan_status},
     {"sdwan",   "join",    "", "result-file= organization= region=", false, false, "Join the SD-WAN with the result of the provider's login", "sdwan join --result-file - --organization Mine", sdwan_join},
     {"sdwan",   "leave",   "", "yes", false, true,  "Leave the SD-WAN", "sdwan leave --yes", sdwan_leave},
@@ -282,7 +284,8 @@ std::string parse_arguments(const Command& command, const std::vector<std::strin
     const size_t equals = word.find('=');
     const std::string name = word.starts_with("--")
                                  ? word.substr(2, equals == std::string::npos ? equals : equals - 2)
-                                 : word;
+                             : word == "-n" ? "limit"
+                                            : word;
     const std::string option = option_of(command, name);
     if (option.empty()) return unknown_option(command, name, word.substr(0, equals));
     if (!option.ends_with('=')) {

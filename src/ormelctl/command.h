@@ -151,6 +151,9 @@ Result notify_add(const Arguments& arguments);
 Result notify_remove(const Arguments& arguments);
 Result notify_test(const Arguments& arguments);
 
+Result audit_list(const Arguments& arguments);
+Result audit_verify(const Arguments& arguments);
+
 Result sdwan_status(const Arguments& arguments);
 Result sdwan_join(const Arguments& arguments);
 Result sdwan_leave(const Arguments& arguments);

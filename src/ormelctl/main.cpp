@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <unistd.h>
 
 #include "ormel/base/error.h"
@@ -16,6 +17,7 @@
 #include "ormel/host/log_file.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/command.h"
+#include "ormelctl/recording.h"
 
 namespace ormelctl {
 namespace {
@@ -87,11 +89,13 @@ json_t* json_text(const std::string& text) {
   return value ? value : json_string(printable(text).c_str());
 }
 
+int code_of(const Result& result) {
+  if (result.exit == Exit::Done) return 0;
+  return result.error != 0 ? result.error : static_cast<int>(ormel::ERR_GENERAL);
+}
+
 std::string json_of(const Result& result) {
-  ormel::Json document{json_pack("{s:i, s:i}", "schema", SCHEMA, "error",
-                                 result.exit == Exit::Done ? 0
-                                 : result.error != 0       ? result.error
-                                                           : static_cast<int>(ormel::ERR_GENERAL))};
+  ormel::Json document{json_pack("{s:i, s:i}", "schema", SCHEMA, "error", code_of(result))};
   if (result.exit != Exit::Done) {
     json_object_set_new(document.get(), "exit", json_integer(static_cast<int>(result.exit)));
     json_object_set_new(document.get(), "reason", json_text(result.reason));
@@ -191,6 +195,17 @@ Result permitted(const Command& command, const Arguments& arguments) {
              : failed(Exit::Failed, "not done", "answer with y, or use --yes");
 }
 
+// One row of the audit trail for the whole command.
+Result run_recorded(const Command& command, const Arguments& arguments) {
+  ormel::audit::Recorder recorder = recorder_of(command, arguments);
+  Result result = command.run(arguments);
+  if (result.exit == Exit::Usage && result.error == 0)
+    recorder.drop();  // the words were wrong, and nothing was tried
+  else
+    std::ignore = recorder.finish(code_of(result));
+  return result;
+}
+
 Result run(const Command& command, const Call& call, Arguments& arguments) {
   arguments.terminal = isatty(STDERR_FILENO) != 0 && call.format == Format::Table;
   if (std::string wrong = parse_arguments(command, call.words, arguments); !wrong.empty())
@@ -198,7 +213,7 @@ Result run(const Command& command, const Call& call, Arguments& arguments) {
   if (arguments.has("follow") && call.format != Format::Table)
     return failed(Exit::Usage, "--follow has no other format than a table");
   Result refusal = permitted(command, arguments);
-  return refusal.exit == Exit::Done ? command.run(arguments) : std::move(refusal);
+  return refusal.exit == Exit::Done ? run_recorded(command, arguments) : std::move(refusal);
 }
 
 // No failure leaves the caller without a hint at what to do.

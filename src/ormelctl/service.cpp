@@ -18,6 +18,7 @@
 
 #include "base/tunnel.h"
 #include "ormel/actions/actions.h"
+#include "ormel/actions/audit.h"
 #include "ormel/actions/tunnel_state.h"
 #include "ormel/base/error.h"
 #include "ormel/base/error_capture.h"
@@ -151,6 +152,7 @@ ChangeLock::ChangeLock() {
   Fd fd{open(LOCK, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR)};
   if (fd && comes_true([&] { return flock(fd.get(), LOCK_EX | LOCK_NB) == 0; }, LOCK_SECONDS))
     fd_ = std::move(fd);
+  ormel::audit::look_again();  // what others have changed while it waited is theirs
 }
 
 const std::vector<Protocol>& protocols() {

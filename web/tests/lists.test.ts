@@ -4,6 +4,7 @@ import { csv } from '../src/csv'
 import { frameOf, pathOf, rateMarks, sampleAt, timeMarks, xOf, yOf } from '../src/graph'
 import { lookOf, matches, queryFor, view, type Look } from '../src/listing'
 import type { Connection, Hold } from '../src/model'
+import { changeWords, changesWords, type AuditEntry } from '../src/pages/logs'
 import { dayAt, dayStart } from '../src/pages/peers'
 import { linkState } from '../src/pages/sdwan'
 import { pointsOf } from '../src/pages/traffic'
@@ -205,5 +206,20 @@ describe('addresses', () => {
       linkState(false, false)[1],
       linkState(false, true)[1],
     ]).toEqual(['good', 'busy', 'bad'])
+  })
+})
+
+describe('an entry of the audit trail', () => {
+  it('says what has become of each field, and of a secret only that it is another one', () => {
+    const words = [
+      [{ field: 'OPENVPN/Client IP 1', from: '10.8.0.2', to: '10.9.0.2' }, '10.8.0.2 → 10.9.0.2'],
+      [{ field: 'rights/bob', from: '', to: 'pptp' }, 'rights/bob: none → pptp'],
+      [{ field: 'rights/bob', from: 'pptp', to: '' }, 'rights/bob: pptp → none'],
+      [{ field: 'L2TP/PSK', from: '', to: 'changed' }, 'L2TP/PSK changed'],
+      [{ field: '6 more', from: '', to: '' }, '6 more'],
+    ] as const
+    for (const [change, text] of words) expect(changeWords(change)).toContain(text)
+    const row = { changes: words.map(([change]) => change) } as unknown as AuditEntry
+    expect(changesWords(row).split('; ')).toHaveLength(words.length)
   })
 })

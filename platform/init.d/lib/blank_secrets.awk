@@ -1,9 +1,9 @@
 # Copies text without its secrets, for an archive that goes to strangers. In doubt it takes away too
 # much: what follows the name of a secret goes to the end of its line, so that no way of quoting
-# brings a piece of it through.
+# brings a piece of it through. The names are the variable NAME of secret_names.awk, which is read
+# first.
 BEGIN {
   BLANK = "(blanked)"
-  NAME = "pass|secret|psk|token|credential|access[ _]?code|key|authorization|bearer|cookie|(^|[^a-z])sid"
   ASSIGNMENT = "(" NAME ")[a-z0-9_ -]*[\"'\\\\]*[ \t]*[:=]"
   KEY_BEGIN = "-----begin .*(private key|static key)"
   KEY_END = "-----end .*(private key|static key)"

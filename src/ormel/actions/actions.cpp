@@ -1,11 +1,13 @@
 #include "ormel/actions/actions.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <map>
+#include <iterator>
 #include <string>
 #include <unistd.h>
 
+#include "ormel/actions/audit.h"
 #include "ormel/actions/gateway_policy.h"
 #include "ormel/base/error.h"
 #include "ormel/base/log.h"
@@ -143,19 +145,45 @@ int disconnect(std::unique_ptr<PolyConfig> record, JsonValue* out) {
   return rc;
 }
 
+namespace {
+
+struct ActionRow {
+  ACTION action;
+  Handler handler;
+  const char* option;  // as the audit trail names it; null for an action that changes nothing
+};
+constexpr ActionRow ACTIONS[] = {
+    {ADD_ACTION, add, "--add"},
+    {SHOW_ACTION, show, nullptr},
+    {CONNECT_ACTION, connect, "--connect"},
+    {DISCONNECT_ACTION, disconnect, "--disconnect"},
+    {REMOVE_ACTION, remove, "--remove"},
+    {MODIFY_ACTION, modify, "--modify"},
+    {IMPORT_ACTION, import, "--import"},
+};
+
+std::string subject_of(const PolyConfig& record) {
+  const bool client = is_client(record->type);
+  const std::string name =
+      client ? audit::percent_decoded(record.cast<config::ClientConfig>()->name) : "";
+  return audit::subject_of(record->type, record->index, name);
+}
+
+int run(const ActionRow& row, std::unique_ptr<PolyConfig> record) {
+  if (!row.option || !audit::is_kept()) return row.handler(std::move(record), nullptr);
+  audit::Recorder recorder(audit::local_origin("ormel"), row.option, subject_of(*record));
+  return recorder.finish(row.handler(std::move(record), nullptr));
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-  const std::map<ACTION, Handler> actions{
-      {ADD_ACTION, add},         {SHOW_ACTION, show},
-      {CONNECT_ACTION, connect}, {DISCONNECT_ACTION, disconnect},
-      {REMOVE_ACTION, remove},   {MODIFY_ACTION, modify},
-      {IMPORT_ACTION, import},
-  };
   // The whole pool before the options: some of them consult it.
   cm.load();
   auto record = option::get_options(argc, argv);
   if (!record->bc) return 1;
-  const auto action = actions.find((*record)->action);
-  return action == actions.end() ? NO_ERROR : action->second(std::move(record), nullptr);
+  const auto* const row = std::ranges::find(ACTIONS, (*record)->action, &ActionRow::action);
+  return row == std::end(ACTIONS) ? NO_ERROR : run(*row, std::move(record));
 }
 
 namespace {

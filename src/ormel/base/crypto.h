@@ -19,8 +19,9 @@ struct CertificateFacts {
 // Returns the facts of all PEM certificates in a text, up to the first malformed one.
 [[nodiscard]] std::vector<CertificateFacts> certificates_of(const std::string& pem);
 
-// SHA-1 as 40 lower-case hexadecimal characters.
+// SHA-1 as 40 lower-case hexadecimal characters, SHA-256 as 64.
 [[nodiscard]] std::string sha1(const std::string& text);
+[[nodiscard]] std::string sha256(const std::string& text);
 
 // Standard base64 without line breaks. Bad input decodes to an empty or short text.
 [[nodiscard]] std::string base64_encode(const std::string& text);

@@ -51,6 +51,7 @@ Outcome store(const Request& request, JsonValue& reply) {
 // of it.
 Outcome test(const Request& request, JsonValue& reply) {
   if (!request.filled("test")) return ask("notify.test", texts_of(request, {"name"}), reply);
+  request.changes_nothing();
   Json number{json_object()};
   json_object_set_new(number.get(), "test",
                       json_integer(std::strtoll(request.value("test"), nullptr, 10)));

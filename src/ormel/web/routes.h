@@ -9,6 +9,9 @@
 
 namespace ormel::cgi {
 
+namespace audit {
+extern const Routes TRAIL;
+}
 namespace config {
 extern const Routes PROFILES, UPLOADS, PROFILE_EDIT, DOWNLOADS, REPORT;
 }

@@ -13,6 +13,7 @@
 #include "base/body.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
+#include "ormel/web/audit_record.h"
 #include "ormel/web/process.h"
 
 namespace ormel {
@@ -124,11 +125,12 @@ int fail(JsonValue& response, const Outcome& outcome) {
   return outcome.code;
 }
 
-Request::Request(cgi_var_mode repeats) : CgiRequest(settings_for(repeats)), user_(INVAILD_USER) {
+Request::Request(cgi_var_mode repeats)
+    : CgiRequest(settings_for(repeats)),
+      user_(INVAILD_USER),
+      local_(local_caller == LOCAL_ADMINISTRATOR) {
   withhold_request();
-  user_ = local_caller == LOCAL_ADMINISTRATOR
-              ? ADMIN_USER
-              : system::auth_user_session(get_cgi_var_value(find("sid")));
+  user_ = local_ ? ADMIN_USER : system::auth_user_session(get_cgi_var_value(find("sid")));
 }
 
 int Request::number(const char* name, int fallback) const {
@@ -146,9 +148,16 @@ std::vector<char*> Request::values(const char* name) const {
 
 int serve(const Route& route, JsonValue& response) {
   const Request request{route.repeats};
-  const int rc = check_access(request, route.access);
-  if (rc == NO_ERROR) return route.answer.give(request, response);
-  return route.answer.medium == DOWNLOAD_MEDIUM ? refuse_download(rc) : fail(response, Outcome{rc});
+  if (const int rc = check_access(request, route.access); rc != NO_ERROR) {
+    record_refusal(route, request, rc);
+    return route.answer.medium == DOWNLOAD_MEDIUM ? refuse_download(rc)
+                                                  : fail(response, Outcome{rc});
+  }
+  ormel::audit::Recorder recorder = recorder_of(route, request);
+  const int rc = route.answer.give(request, response);
+  if (request.is_change()) return recorder.finish(rc);
+  recorder.drop();
+  return rc;
 }
 
 int answer_json(JsonValue& response, const Outcome& outcome) {

@@ -38,6 +38,11 @@ class Request : public CgiRequest {
   explicit Request(cgi_var_mode repeats = OVERRIDE_VAR_MODE);
 
   [[nodiscard]] USER_TYPE user() const { return user_; }
+  // A call of a program within its own process, and not of a session.
+  [[nodiscard]] bool is_local() const { return local_; }
+  // For a route that changes something, and whose request has turned out to ask only.
+  void changes_nothing() const { changes_ = false; }
+  [[nodiscard]] bool is_change() const { return changes_; }
   // A variable that is there and not empty.
   [[nodiscard]] bool filled(const char* name) const { return *value(name) != '\0'; }
   // The number that a variable says, `fallback` for one that is missing or empty.
@@ -48,6 +53,8 @@ class Request : public CgiRequest {
 
  private:
   USER_TYPE user_;
+  bool local_;
+  mutable bool changes_ = true;
 };
 
 // Who may use a route, and the code that a general user gets where only administrators may.

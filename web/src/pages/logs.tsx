@@ -1,8 +1,8 @@
-// What has happened: events, and the connections of servers and clients that are over.
+// What has happened: events, the connections of servers and clients that are over, and who changed what.
 import { useState } from 'preact/hooks'
 import { call, download, saveFile } from '../api'
 import { csv } from '../csv'
-import { bytes, duration, logMoment } from '../format'
+import { bytes, clock, date, duration, logMoment } from '../format'
 import { Pages, Rows, Tools, usual, type ShownColumn, type ShownFilter } from '../list'
 import { lookOf, view, type Look } from '../listing'
 import { CLIENTS, SERVERS, labelOf } from '../model'
@@ -36,8 +36,26 @@ export interface LogEvent {
   description: string
 }
 
-type Kind = 'event' | 'server' | 'client'
-const KINDS: readonly Kind[] = ['event', 'server', 'client']
+export interface Change {
+  field: string
+  from: string
+  to: string
+}
+export interface AuditEntry {
+  id: number
+  time: number
+  user: string
+  via: string
+  ip: string
+  action: string
+  subject: string
+  changes: readonly Change[]
+  error: number
+}
+
+type Kind = 'event' | 'server' | 'client' | 'audit'
+const KINDS: readonly Kind[] = ['event', 'server', 'client', 'audit']
+const CLEANED: readonly Kind[] = ['server', 'client']
 const PAUSE = 15_000
 const MOST = 5_000 // rows that are searched
 const USUAL = usual('time', true)
@@ -54,7 +72,7 @@ const LEVELS: readonly (readonly [TextKey, Tone])[] = [
 const levelOf = (one: LogEvent): readonly [TextKey, Tone] =>
   LEVELS[Number(one.type)] ?? ['logs.info', 'off']
 
-type Row = LogEvent | Entry
+type Row = LogEvent | Entry | AuditEntry
 interface Shape<T extends Row> {
   route: string
   columns: () => readonly ShownColumn<T>[]
@@ -181,8 +199,98 @@ const entries = (kind: 'server' | 'client'): Shape<Entry> => ({
     t('logs.text'),
   ],
 })
+
+const UNFINISHED = -1
+const WEB = 'web'
+// A field and what became of it; a secret is only said to have changed.
+export function changeWords({ field, from, to }: Change): string {
+  if (from === '' && to === '') return field
+  if (from === '' && to === 'changed') return t('audit.secret', { field })
+  return `${field}: ${from || t('audit.none')} → ${to || t('audit.none')}`
+}
+export const changesWords = (row: AuditEntry): string => row.changes.map(changeWords).join('; ')
+const resultOf = (row: AuditEntry): readonly [string, Tone] =>
+  row.error === 0
+    ? [t('audit.ok'), 'good']
+    : row.error === UNFINISHED
+      ? [t('audit.interrupted'), 'warn']
+      : [t('audit.error', { code: row.error }), 'bad']
+const origin = (row: AuditEntry): string => `${row.via} ${row.ip}`.trim()
+const auditTime = (row: AuditEntry): string => {
+  const when = new Date(row.time * 1000)
+  return `${date(when)}, ${clock(when)}`
+}
+const SHOWN_CHANGES = 3
+
+const AUDIT: Shape<AuditEntry> = {
+  route: 'audit/list',
+  columns: () => [
+    { name: 'time', label: t('logs.time'), nowrap: true, sort: row => row.id, cell: auditTime },
+    { name: 'user', label: t('logs.user'), cell: row => <bdi>{row.user || '–'}</bdi> },
+    { name: 'from', label: t('logs.from'), cell: row => <bdi>{origin(row)}</bdi> },
+    { name: 'what', label: t('logs.what'), cell: row => <bdi>{row.action}</bdi> },
+    { name: 'subject', label: t('audit.subject'), cell: row => <bdi>{row.subject}</bdi> },
+    {
+      name: 'changes',
+      label: t('audit.changes'),
+      cell: row => (
+        <>
+          {row.changes.slice(0, SHOWN_CHANGES).map(one => (
+            <bdi key={one.field} class="block">
+              {changeWords(one)}
+            </bdi>
+          ))}
+          {row.changes.length > SHOWN_CHANGES && (
+            <details>
+              <summary>{t('audit.more', { n: row.changes.length - SHOWN_CHANGES })}</summary>
+              {row.changes.slice(SHOWN_CHANGES).map(one => (
+                <bdi key={one.field} class="block">
+                  {changeWords(one)}
+                </bdi>
+              ))}
+            </details>
+          )}
+        </>
+      ),
+    },
+    {
+      name: 'result',
+      label: t('audit.result'),
+      cell: row => <Badge tone={resultOf(row)[1]}>{resultOf(row)[0]}</Badge>,
+    },
+  ],
+  filters: () => [
+    { name: 'web', label: t('audit.web'), keeps: row => row.via === WEB },
+    { name: 'host', label: t('audit.host'), keeps: row => row.via !== WEB },
+    { name: 'failed', label: t('audit.failed'), keeps: row => row.error !== 0 },
+  ],
+  textOf: row =>
+    `${row.user} ${origin(row)} ${row.action} ${row.subject} ${changesWords(row)} ${auditTime(row)}`,
+  order: look => ({ order: look.down ? 'desc' : 'asc' }),
+  cells: row => [
+    new Date(row.time * 1000).toISOString(),
+    row.user,
+    row.via,
+    row.ip,
+    row.action,
+    row.subject,
+    changesWords(row),
+    row.error,
+  ],
+  heads: () => [
+    t('logs.time'),
+    t('logs.user'),
+    t('audit.via'),
+    t('logs.from'),
+    t('logs.what'),
+    t('audit.subject'),
+    t('audit.changes'),
+    t('audit.result'),
+  ],
+}
 const SHAPES = {
   event: EVENTS,
+  audit: AUDIT,
   server: entries('server'),
   client: entries('client'),
 } as unknown as Record<Kind, Shape<Row>>
@@ -257,7 +365,7 @@ function Log({ kind }: { kind: Kind }) {
         >
           {t('logs.csv')}
         </Button>
-        {kind !== 'event' && (
+        {CLEANED.includes(kind) && (
           <Button onClick={() => void clean()} busy={job.busy === 'clean'} disabled={!value?.total}>
             {t('logs.clean')}
           </Button>

@@ -1,0 +1,452 @@
+// The audit trail: its chain under damage, killed writers and a crowd, what counts as a change, and
+// one row for each route that changes something.
+#include "ormel/actions/audit.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <functional>
+#include <gmock/gmock.h>
+#include <map>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "ormel/actions/audit_row.h"
+#include "ormel/web/routes.h"
+#include "ormelctl/recording.h"
+#include "support/files.h"
+#include "support/wait.h"
+
+namespace ormel::audit {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class Audit : public testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/ormel-audit-XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    former_ = std::exchange(parent_folder(), name);
+  }
+  void TearDown() override {
+    fs::remove_all(parent_folder());
+    parent_folder() = former_;
+  }
+
+  static std::string file(int64_t start = 1) {
+    char name[32];
+    std::snprintf(name, sizeof name, "/%012ld.jsonl", static_cast<long>(start));
+    return trail().folder() + name;
+  }
+  static void fill(int count, const std::string& user = "anna") {
+    for (int i = 0; i < count; ++i)
+      ASSERT_TRUE(trail().append({.time = 1000 + i, .user = user, .action = "gateway/set"}));
+  }
+  static Verdict verdict() {
+    Verdict found;
+    EXPECT_TRUE(trail().verify(found));
+    return found;
+  }
+  static std::vector<Entry> rows() {
+    Page page;
+    EXPECT_TRUE(trail().read({.upper = 100000, .oldest_first = true}, page));
+    EXPECT_EQ(page.total, static_cast<int64_t>(page.entries.size()));
+    return page.entries;
+  }
+
+ private:
+  std::string former_;
+};
+
+TEST_F(Audit, NamesTheRowWhereAnyByteHasChanged) {
+  fill(3);
+  const std::string whole = support::read(file());
+  ASSERT_EQ(verdict().fault, "");
+  int64_t row = 1;
+  for (size_t at = 0; at < whole.size(); ++at) {
+    std::string damaged = whole;
+    damaged[at] = static_cast<char>(damaged[at] ^ 1);
+    support::write(file(), damaged);
+    const Verdict found = verdict();
+    EXPECT_EQ(found.bad, row) << at << ": " << found.fault;
+    EXPECT_EQ(found.entries, row - 1);
+    if (whole[at] == '\n') ++row;
+  }
+}
+
+TEST_F(Audit, NamesTheRowThatIsMissingOrMoved) {
+  fill(4);
+  const std::string whole = support::read(file());
+  std::vector<std::string> lines;
+  for (size_t at = 0; at < whole.size(); at = whole.find('\n', at) + 1)
+    lines.push_back(whole.substr(at, whole.find('\n', at) + 1 - at));
+  const struct {
+    std::vector<size_t> order;
+    int64_t bad;
+  } cases[] = {{{1, 2, 3}, 1}, {{0, 2, 3}, 2}, {{0, 2, 1, 3}, 2}, {{0, 1, 1, 2, 3}, 3}};
+  for (const auto& [order, bad] : cases) {
+    std::string text;
+    for (const size_t line : order) text += lines[line];
+    support::write(file(), text);
+    EXPECT_EQ(verdict().bad, bad) << testing::PrintToString(order);
+  }
+}
+
+TEST_F(Audit, GoesOnAfterAWriterThatWasKilledAndExplainsIt) {
+  fill(2);
+  const std::string whole = support::read(file());
+  const size_t second = whole.find('\n') + 1;
+  for (size_t length = second + 1; length < whole.size() - 1; length += 7) {
+    support::write(file(), whole.substr(0, length));
+    Verdict found = verdict();
+    EXPECT_EQ(found.fault, "") << length;
+    EXPECT_THAT(found.notes, ElementsAre("the writer of an entry after 1 was killed"));
+
+    fill(2);
+    found = verdict();
+    EXPECT_EQ(found.fault, "") << length;
+    EXPECT_EQ(found.entries, 3);
+    EXPECT_THAT(found.notes, ElementsAre("the writer of an entry after 1 was killed"));
+    EXPECT_EQ(rows().size(), 3U);
+  }
+}
+
+TEST_F(Audit, TakesARowThatLacksNothingButItsLineEnd) {
+  fill(2);
+  const std::string whole = support::read(file());
+  support::write(file(), whole.substr(0, whole.size() - 1));
+  EXPECT_EQ(verdict().entries, 2);
+  fill(1);
+  EXPECT_EQ(verdict().fault, "");
+  EXPECT_EQ(rows().size(), 3U);
+}
+
+// A line in the middle that was made to look torn is still found.
+TEST_F(Audit, TakesNoRowForAnUnfinishedOneLater) {
+  fill(3);
+  std::string text = support::read(file());
+  text.erase(text.find('\n') + 20, 30);
+  support::write(file(), text);
+  EXPECT_EQ(verdict().bad, 2);
+}
+
+TEST_F(Audit, GoesOnAfterDamage) {
+  fill(2);
+  std::string text = support::read(file());
+  text[text.size() - 5] = '#';
+  support::write(file(), text);
+  fill(1);
+  EXPECT_EQ(verdict().bad, 2);
+  Page page;
+  ASSERT_TRUE(trail().read({.lower = 0, .upper = 0}, page));
+  EXPECT_EQ(page.entries[0].number, 3);
+}
+
+TEST_F(Audit, KeepsItsChainOverFilesAndTheLossOfTheOldest) {
+  const Trail small(trail().folder(), {.file_rows = 3, .files = 4});
+  for (int i = 0; i < 20; ++i) ASSERT_TRUE(small.append({.time = i, .user = "anna"}));
+  EXPECT_FALSE(fs::exists(file(7)));
+  Verdict found;
+  ASSERT_TRUE(small.verify(found));
+  EXPECT_EQ(found.fault, "");
+  EXPECT_EQ(found.entries, 11);
+  EXPECT_EQ(found.since, 9);
+  Page page;
+  ASSERT_TRUE(small.read({.lower = 4, .upper = 5}, page));
+  EXPECT_EQ(page.total, 11);
+  EXPECT_EQ(page.entries[0].number, 16);
+
+  fs::remove(file(13));
+  ASSERT_TRUE(small.verify(found = {}));
+  EXPECT_EQ(found.fault, "entries 1 to 9 are missing") << "three files are too few for a rotation";
+  fs::remove(file(10));
+  support::write(file(13), "");
+  ASSERT_TRUE(small.verify(found = {}));
+  EXPECT_EQ(found.bad, 1);
+}
+
+TEST_F(Audit, ChainsWhatACrowdWritesAtOnce) {
+  constexpr int WRITERS = 50, ROWS = 4;
+  for (int i = 0; i < WRITERS; ++i) {
+    if (fork() != 0) continue;
+    for (int row = 0; row < ROWS; ++row) note({"writer", "web", ""}, std::to_string(i), "", {}, 0);
+    _exit(0);
+  }
+  while (wait(nullptr) > 0) continue;
+  EXPECT_EQ(verdict().entries, WRITERS * ROWS);
+  EXPECT_EQ(verdict().fault, "");
+}
+
+TEST_F(Audit, SurvivesWritersThatAreKilledAtAnyTime) {
+  for (int round = 0; round < 30; ++round) {
+    const pid_t writer = fork();
+    if (writer == 0) {
+      for (;;) note({"writer", "web", ""}, "x", "", {}, 0);
+    }
+    usleep(static_cast<useconds_t>(2000 + round * 500));
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+  }
+  const int64_t written = static_cast<int64_t>(rows().size());
+  EXPECT_GT(written, 0);
+  EXPECT_EQ(verdict().fault, "");
+  EXPECT_EQ(verdict().entries, written);
+}
+
+TEST_F(Audit, SaysThatAnActionWasInterrupted) {
+  const pid_t program = fork();
+  if (program == 0) {
+    const Recorder recorder({"anna", "ormel", ""}, "--modify", "openvpn");
+    raise(SIGKILL);
+  }
+  waitpid(program, nullptr, 0);
+  ASSERT_TRUE(support::comes_true([] { return rows().size() == 1; }));
+  EXPECT_EQ(rows()[0].error, UNFINISHED);
+  EXPECT_EQ(rows()[0].subject, "openvpn");
+}
+
+TEST_F(Audit, ChoosesRowsByPageUserAndTime) {
+  fill(5);
+  fill(3, "bob");
+  const struct {
+    Query query;
+    std::vector<int64_t> numbers;
+    int64_t total;
+  } cases[] = {
+      {{.lower = 0, .upper = 1}, {8, 7}, 8},
+      {{.lower = 6, .upper = 99}, {2, 1}, 8},
+      {{.lower = 0, .upper = 1, .oldest_first = true}, {1, 2}, 8},
+      {{.lower = 1, .upper = 1, .user = "bob"}, {7}, 3},
+      {{.lower = 0, .upper = 9, .user = "b"}, {}, 0},
+      {{.lower = 0, .upper = 9, .since = 1003}, {5, 4}, 2},
+      {{.lower = 9, .upper = 5}, {}, 8},
+  };
+  for (const auto& [query, numbers, total] : cases) {
+    Page page;
+    ASSERT_TRUE(trail().read(query, page));
+    std::vector<int64_t> found;
+    for (const Entry& entry : page.entries) found.push_back(entry.number);
+    EXPECT_EQ(found, numbers);
+    EXPECT_EQ(page.total, total);
+  }
+}
+
+TEST_F(Audit, KeepsHostileTextsOnOneLineAndShort) {
+  const std::string texts[] = {
+      "\"},{\"n\":1",
+      "\n{\"hash\":\"0\"}\n",
+      "\\",
+      "\\u0000",
+      std::string(5000, 'x'),
+      "\x1b[2J",
+      "\xff\xfe\x80",
+      "'; rm -rf /",
+      "\xe2\x80\xae"
+      "gpj",
+      "%s%n",
+      std::string(199, 'y') + "\xc3\xa9\xc3\xa9",
+      std::string("a\0b", 3),
+      "<script>",
+      "\r\t",
+  };
+  for (const std::string& text : texts)
+    note({text, text, text}, text, text, {{text, text, text}}, 0);
+  EXPECT_EQ(verdict().fault, "");
+  ASSERT_EQ(rows().size(), std::size(texts));
+  for (size_t i = 0; i < std::size(texts); ++i) {
+    const Entry row = rows()[i];
+    for (const std::string& value : {row.user, row.subject, row.changes[0].from}) {
+      EXPECT_LE(value.size(), LONGEST_TEXT);
+      EXPECT_EQ(value, shortened(texts[i]));
+    }
+  }
+  const std::string stored = support::read(file());
+  EXPECT_EQ(static_cast<size_t>(std::count(stored.begin(), stored.end(), '\n')), std::size(texts));
+  EXPECT_TRUE(
+      std::ranges::all_of(stored, [](char c) { return c == '\n' || (c >= ' ' && c < 127); }));
+}
+
+TEST_F(Audit, SaysHowManyChangesAreLeftOut) {
+  const std::vector<Change> many(MOST_CHANGES + 5, Change{"field", "1", "2"});
+  note({}, "x", "", many, 0);
+  const std::vector<Change> kept = rows()[0].changes;
+  ASSERT_EQ(kept.size(), MOST_CHANGES);
+  EXPECT_EQ(kept.back().field, "6 more");
+}
+
+TEST(AuditState, ShowsWhatDiffersAndNoSecret) {
+  char name[] = "/tmp/ormel-state-XXXXXX";
+  ASSERT_NE(mkdtemp(name), nullptr);
+  const std::string root = name;
+  const auto put = [&](const std::string& path, const std::string& text) {
+    fs::create_directories(fs::path(root + path).parent_path());
+    support::write(root + path, text);
+  };
+  put("/etc/config/vpn.conf",
+      "[OPENVPN]\nClient IP 1 = 10.8.0.2\n[L2TP]\nPSK = sesame1\n"
+      "[PPTP_CLIENT1]\nProfile File = of%20fice\nAccessCode = c2VzYW1l\nStatus = 0\n");
+  put("/etc/config/vpn_user_ex.conf", "bob:1:0:0:0:0\n");
+  put("/etc/config/vpn_options.conf", R"({"gw_setting":{"as_gw_en":0}})");
+  const State before = read_state(root);
+  put("/etc/config/vpn.conf",
+      "[DROVIK]\nDebug = 0\nVPN Port = 444\n[L2TP_CLIENT12]\nReconnect = 1\nEnable = FALSE\n"
+      "[OPENVPN]\nClient IP 1 = 10.9.0.2\nOPENVPN_iptables_rules = 1\n[L2TP]\nPSK = sesame2\n"
+      "[PPTP_CLIENT1]\nProfile File = home\nAccessCode = c2VzYW1m\nStatus = 1\n");
+  put("/etc/config/vpn_user_ex.conf", "bob:1:1:0:0:0\npasswd:0:0:0:0:0\n");
+  put("/etc/config/vpn_options.conf", R"({"gw_setting":{"as_gw_en":1,"gw1":{"index":3}}})");
+  put("/etc/config/ormel/keeper.conf", "[notify ops]\nURL = https://h/sesame\nSecret = sesame3\n");
+  put("/etc/config/openvpn/clients/client3", "<key>sesame</key>\n");
+  put("/var/lib/ormel/holds.json",
+      R"({"holds":[{"kind":"user","who":"Ym9i","name":"Ym9i","until":0}]})");
+
+  std::vector<std::string> found;
+  for (const Change& change : changes_between(before, read_state(root)))
+    found.push_back(change.field + '|' + change.from + '|' + change.to);
+
+  EXPECT_THAT(found,
+              ElementsAre("/etc/config/openvpn/clients/client3||changed", "DROVIK/VPN Port||444",
+                          "L2TP/PSK||changed", "OPENVPN/Client IP 1|10.8.0.2|10.9.0.2",
+                          "PPTP_CLIENT1/AccessCode||changed",
+                          "PPTP_CLIENT1/Profile File|of fice|home", "gw_setting/as_gw_en|0|1",
+                          "gw_setting/gw1/index||3", testing::StartsWith("hold/user/bob||until 19"),
+                          "notify ops/Secret||changed", "notify ops/URL||changed",
+                          "rights/bob|pptp|pptp,openvpn", "rights/passwd||none"));
+  fs::remove_all(root);
+}
+
+TEST_F(Audit, KeepsNothingWithoutItsFolder) {
+  fs::remove_all(parent_folder());
+  note({"anna", "web", ""}, "x", "", {}, 0);
+  Recorder recorder({"anna", "web", ""}, "x", "");
+  EXPECT_EQ(recorder.finish(7), 7);
+  EXPECT_FALSE(fs::exists(parent_folder()));
+}
+
+TEST(AuditOrigin, TakesNothingButAnAddressFromTheEnvironment) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"192.0.2.9 5000 192.0.2.1 22", "192.0.2.9"},
+      {"2001:db8::9 1 2 3", "2001:db8::9"},
+      {"192.0.2.9; reboot", ""},
+      {"", ""},
+      {" 192.0.2.9", ""},
+      {"\x1b[2J 1", ""},
+      {"%n", ""},
+  };
+  for (const auto& [value, ip] : cases) {
+    setenv("SSH_CONNECTION", value, 1);
+    const Origin origin = local_origin("ormel");
+    EXPECT_EQ(origin.ip, ip) << value;
+    EXPECT_EQ(origin.via.starts_with("ormel ssh"), *ip != '\0');
+    EXPECT_FALSE(origin.user.empty());
+  }
+  unsetenv("SSH_CONNECTION");
+}
+
+class AuditRoutes : public Audit {
+ protected:
+  // One request of a route whose work ends with `code`.
+  static std::vector<Entry> rows_after(cgi::Route row, const std::string& form,
+                                       cgi::Caller caller = cgi::OF_SESSION) {
+    fs::remove_all(trail().folder());
+    static int code = 0;
+    code = row.path.size() % 2 == 0 ? 0 : ERR_VALUE;
+    row.answer.give = [](const cgi::Request&, JsonValue& response) {
+      return cgi::answer_json(response, cgi::Outcome{code});
+    };
+    std::ignore =
+        cgi::answer_locally(form, caller, [&](JsonValue& response) { cgi::serve(row, response); });
+    return rows();
+  }
+};
+
+TEST_F(AuditRoutes, HaveOneRowForEachRequestThatChangesSomething) {
+  setenv("REMOTE_ADDR", "192.0.2.7", 1);
+  for (const cgi::Route& row : cgi::routes()) {
+    SCOPED_TRACE(std::string(row.path));
+    const int code = row.path.size() % 2 == 0 ? 0 : static_cast<int>(ERR_VALUE);
+    const struct {
+      const char *session, *user;
+      int code;
+    } cases[] = {{"sid=admin", "admin", code},
+                 {"sid=guest", "guest", row.access.refusal},
+                 {"sid=gone", "", ERR_SESSION_FAIL},
+                 {"", "", ERR_SESSION_FAIL}};
+    for (const auto& [session, user, result] : cases) {
+      const std::vector<Entry> found = rows_after(row, session);
+      if (row.effect == cgi::READS) {
+        EXPECT_THAT(found, IsEmpty()) << session;
+        continue;
+      }
+      ASSERT_EQ(found.size(), 1U) << session;
+      EXPECT_EQ(found[0].user, user);
+      EXPECT_EQ(found[0].via, "web");
+      EXPECT_EQ(found[0].ip, "192.0.2.7");
+      EXPECT_EQ("/ormel/" + found[0].action, row.path);
+      EXPECT_EQ(found[0].error, result);
+    }
+    EXPECT_THAT(rows_after(row, "sid=admin", cgi::LOCAL_ADMINISTRATOR), IsEmpty());
+  }
+  unsetenv("REMOTE_ADDR");
+}
+
+TEST_F(AuditRoutes, SayWhatTheyAreAbout) {
+  const std::pair<std::string_view, const char*> subjects[] = {
+      {"/ormel/config/add", "openvpn (of fice)"},
+      {"/ormel/config/remove", "openvpn/3"},
+      {"/ormel/gateway/set", "openvpn/3, pptp/1"},
+      {"/ormel/peer/add", "phone"},
+      {"/ormel/privilege/set", "bob, eve"},
+      {"/ormel/connection/end", "4|192.0.2.1:5"},
+      {"/ormel/hold/lift", "bob"},
+      {"/ormel/notify/set", "ops"},
+      {"/ormel/pelmar/device_register", "Mine"},
+  };
+  const std::map<std::string_view, std::string> forms = {
+      {"/ormel/config/add", "type=1024&name=of%2520fice&pass=sesame"},
+      {"/ormel/config/remove", "type=OVPN&index=3"},
+      {"/ormel/gateway/set", "gw1_type=1024&gw1_index=3&gw2_type=256&gw2_index=1"},
+      {"/ormel/peer/add", "peer_name=phone"},
+      {"/ormel/privilege/set", "user=bob%7C7&user=eve%7C1"},
+      {"/ormel/connection/end", "conn=4%7C192.0.2.1:5"},
+      {"/ormel/hold/lift", "who=bob"},
+      {"/ormel/notify/set", "name=ops&secret=sesame"},
+      {"/ormel/pelmar/device_register", "org_name=Mine"},
+  };
+  for (const auto& [path, subject] : subjects) {
+    const std::vector<Entry> found =
+        rows_after(*cgi::find_route(path), forms.at(path) + "&sid=admin");
+    ASSERT_EQ(found.size(), 1U) << path;
+    EXPECT_EQ(found[0].subject, subject);
+    EXPECT_THAT(support::read(file()), testing::Not(HasSubstr("sesame")));
+  }
+}
+
+TEST_F(AuditRoutes, LetNoStrangerFloodTheTrail) {
+  const cgi::Route& route = *cgi::find_route("/ormel/gateway/set");
+  for (int i = 0; i < MOST_REFUSALS + 20; ++i) {
+    std::ignore = cgi::answer_locally("sid=gone", cgi::OF_SESSION,
+                                      [&](JsonValue& response) { cgi::serve(route, response); });
+  }
+  EXPECT_EQ(rows().size(), static_cast<size_t>(MOST_REFUSALS));
+}
+
+TEST(AuditCommands, AreThoseThatChangeSomething) {
+  for (const ormelctl::Command& command : ormelctl::commands()) {
+    ormelctl::Arguments arguments;
+    const bool asks = command.run == ormelctl::user_policy;
+    EXPECT_EQ(ormelctl::is_change(command, arguments), !command.reading && !asks) << command.verb;
+    arguments.options["limit"] = "5";
+    EXPECT_EQ(ormelctl::is_change(command, arguments), !command.reading);
+    arguments.options["report"] = "";
+    EXPECT_FALSE(ormelctl::is_change(command, arguments));
+  }
+}
+
+}  // namespace
+}  // namespace ormel::audit
