@@ -64,6 +64,11 @@ constexpr Command COMMANDS[] = {
     {"notify",  "add",     "NAME", "url= to= events= secret-file=", false, false, "Notify a webhook, or a user by mail with --url mail:USER, of events", "notify add ops --url https://hooks.example.org/ormel --events 'failed lost back'", notify_add},
     {"notify",  "rm",      "NAME", "yes", false, true,  "Notify no more", "notify rm ops --yes", notify_remove},
     {"notify",  "test",    "NAME", "", false, false, "Send a test notification and say how it ended", "notify test ops", notify_test},
+    {"undo",    "list",    "", "", true,  false, "List the changes that can be taken back, the newest first", "undo list", undo_list},
+    {"undo",    "",        "[NUMBER]", "yes", false, true, "Restore the state before the last change, or before that change and all after it", "undo --yes", undo},
+    {"confirm", "",        "[CODE]", "yes", false, false, "Keep a change that would go back by itself", "confirm KxpQbTrw", confirm},
+    {"revert",  "",        "", "yes", false, true, "Let a change that waits for its confirmation go back now", "revert --yes", revert},
+    {"pending", "",        "", "", true, false, "Show the change that waits for its confirmation", "pending", pending},
     {"sdwan",   "status",  "", "", true,  false, "Show the membership of the SD-WAN", "sdwan status", sdwan_status},
     {"sdwan",   "join",    "", "result-file= organization= region=", false, false, "Join the SD-WAN with the result of the provider's login", "sdwan join --result-file - --organization Mine", sdwan_join},
     {"sdwan",   "leave",   "", "yes", false, true,  "Leave the SD-WAN", "sdwan leave --yes", sdwan_leave},
@@ -78,8 +83,8 @@ constexpr bool all_explained() {
 }
 static_assert(all_explained(), "each command has its help and an example");
 
-constexpr const char* GLOBAL_OPTIONS[] = {"--output=", "--json", "--no-color",
-                                          "--timeout=", "--help"};
+constexpr const char* GLOBAL_OPTIONS[] = {
+    "--output=", "--json", "--no-color", "--timeout=", "--confirm=", "--dry-run", "--help"};
 constexpr size_t FAR = 3;  // edits beyond which a name is no suggestion
 
 std::string name_of(const Command& command) {

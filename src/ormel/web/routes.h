@@ -12,6 +12,9 @@ namespace ormel::cgi {
 namespace config {
 extern const Routes PROFILES, UPLOADS, PROFILE_EDIT, DOWNLOADS, REPORT;
 }
+namespace change {
+extern const Routes CHANGE;
+}
 namespace peer {
 extern const Routes PEERS;
 }
