@@ -33,7 +33,8 @@ inside '
   [[ -r /dev/net/tun ]] || exit 0
   comes_true pgrep -f openvpn/server.conf || fail "the server does not run"
   [[ $(pool) == 10.7.0.2 ]] || fail "the pool is $(pool)"
-  grep -q "^server 10.7.0.0" /etc/config/openvpn/server.conf || fail "the server runs with $(grep ^server /etc/config/openvpn/server.conf)"
+  grep -q "10\.7\.0\." /etc/config/openvpn/server.conf || fail "the server runs with another pool"
+  ! grep "10\.9\.0\." /etc/config/openvpn/server.conf || fail "the server runs with the new pool"
   ormelctl pending | grep -q "^No change" || fail "$(ormelctl pending)"
   ! ormelctl profile show late 2>/dev/null || fail "a profile from after the beginning is there"
   ormelctl log events --json | grep -q "Not confirmed before the host was started again" || fail "no event"'

@@ -179,6 +179,7 @@ class ChangeTrial : public Changing {
     std::istringstream in(read(CALLS));
     for (std::string line; std::getline(in, line);) {
       std::ranges::replace(line, '|', ' ');
+      if (line.ends_with(" peers") || line.ends_with(" report")) continue;  // questions
       lines.push_back("/etc/init.d/" + line);
     }
     return lines;
@@ -289,7 +290,9 @@ TEST_F(ChangeTrial, ShowsExactlyWhatThenHappens) {
       if (words[1] == safe && words.back() == "--yes") words.pop_back();
     }
     if ((words[0] == "gateway" || words[0] == "guard") && words.back() == "--yes") words.pop_back();
-    ctl(words, row.input);  // a server whose script does nothing does not run
+    // A server whose script does nothing does not come to run.
+    words.insert(words.end(), {"--timeout", "6"});
+    ctl(words, row.input);
     const Json answer = document(tried.out);
     const json_t* const data = json_object_get(answer.get(), "data");
     std::set<std::string> changed;
@@ -352,7 +355,8 @@ class ChangeConfirm : public Changing {
 TEST_F(ChangeConfirm, GoesBackThroughTheTunnelThatItInterrupts) {
   connect_from_far();
   ASSERT_THAT(through("/ormel/change/begin", "&seconds=30"), HasSubstr("\"code\""));
-  through("/ormel/config/modify", "&type=SOVPN&enable=true&ip_pool=10.9.0.0&proto=UDP&port=1194");
+  std::ignore = through(  // its answer may be lost with the tunnel
+      "/ormel/config/modify", "&type=SOVPN&enable=true&ip_pool=10.9.0.0&proto=UDP&port=1194");
   ASSERT_TRUE(comes_true([] { return pool() == "10.9.0.2"; }, PATIENCE));
   EXPECT_TRUE(comes_true(
       [&] {

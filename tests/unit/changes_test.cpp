@@ -39,7 +39,7 @@ constexpr const char* NEW =
 class Changes : public testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/tmp/ormel-changes-XXXXXX";
+    char name[] = "/dev/shm/ormel-changes-XXXXXX";  // in memory: each write is flushed
     ASSERT_NE(mkdtemp(name), nullptr);
     root = name;
     for (const char* folder :
