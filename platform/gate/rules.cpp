@@ -41,6 +41,8 @@ constexpr Rule RULES[] = {
     {"/ormel/config/download", "", &PLAIN, SAVE, FORM, FORM_TIME},
     {"/ormel/config/downloadcert", "", &PLAIN, SAVE, FORM, FORM_TIME},
     {"/ormel/connection/end", "", &TUNNELS, NO_LOCK, FORM, FORM_TIME},
+    {"/ormel/change/undo", "", &TUNNELS, SLOTS | SAVE, FORM, FORM_TIME},
+    {"/ormel/change/revert", "", &TUNNELS, SLOTS | SAVE, FORM, FORM_TIME},
     {"/ormel/log/dump", "", &PLAIN, ARCHIVE, FORM, FORM_TIME},
 };
 constexpr Rule ALL_OTHERS{"", "", &PLAIN, NO_LOCK, FORM, FORM_TIME};

@@ -66,6 +66,11 @@ constexpr Command COMMANDS[] = {
     {"notify",  "test",    "NAME", "", false, false, "Send a test notification and say how it ended", "notify test ops", notify_test},
     {"audit",   "verify",  "", "", true,  false, "Verify that no entry of the audit trail has been altered or removed", "audit verify", audit_verify},
     {"audit",   "",        "", "since= user= limit=", true, false, "Show who changed what, and from where", "audit --since 1h", audit_list},
+    {"undo",    "list",    "", "", true,  false, "List the changes that can be taken back, the newest first", "undo list", undo_list},
+    {"undo",    "",        "[NUMBER]", "yes", false, true, "Restore the state before the last change, or before that change and all after it", "undo --yes", undo},
+    {"confirm", "",        "[CODE]", "yes", false, false, "Keep a change that would go back by itself", "confirm KxpQbTrw", confirm},
+    {"revert",  "",        "", "yes", false, true, "Let a change that waits for its confirmation go back now", "revert --yes", revert},
+    {"pending", "",        "", "", true, false, "Show the change that waits for its confirmation", "pending", pending},
     {"sdwan",   "status",  "", "", true,  false, "Show the membership of the SD-WAN", "sdwan status", sdwan_status},
     {"sdwan",   "join",    "", "result-file= organization= region=", false, false, "Join the SD-WAN with the result of the provider's login", "sdwan join --result-file - --organization Mine", sdwan_join},
     {"sdwan",   "leave",   "", "yes", false, true,  "Leave the SD-WAN", "sdwan leave --yes", sdwan_leave},
@@ -80,8 +85,8 @@ constexpr bool all_explained() {
 }
 static_assert(all_explained(), "each command has its help and an example");
 
-constexpr const char* GLOBAL_OPTIONS[] = {"--output=", "--json", "--no-color",
-                                          "--timeout=", "--help"};
+constexpr const char* GLOBAL_OPTIONS[] = {
+    "--output=", "--json", "--no-color", "--timeout=", "--confirm=", "--dry-run", "--help"};
 constexpr size_t FAR = 3;  // edits beyond which a name is no suggestion
 
 std::string name_of(const Command& command) {

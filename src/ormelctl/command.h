@@ -47,6 +47,8 @@ struct Result {
   ormel::Json data{};     // an array of objects or one object; null without data
   Columns columns{};      // how `data` is shown as a table
   std::string message{};  // what was done, for people; not in JSON
+  std::string note{};     // what else there is to know, for people and in JSON
+  ormel::Json confirm{};  // how a change that goes back by itself is confirmed; null without one
 };
 
 [[nodiscard]] Result failed(Exit exit, std::string reason, std::string advice = {});
@@ -72,6 +74,17 @@ struct Command {
 
 [[nodiscard]] std::span<const Command> commands();
 
+// Options that all commands that change something have.
+struct Care {
+  bool dry_run = false;
+  long confirm = 0;  // seconds after which the change goes back unless it is confirmed, 0 for never
+};
+// Runs a command that changes something, so that it can be taken back.
+[[nodiscard]] Result run_with_care(const Command& command, const Arguments& arguments,
+                                   const Care& care);
+// The process that waits for a confirmation; `words` are a snapshot's number, "boot" or "overdue".
+[[nodiscard]] int go_back_in_time(std::span<char*> words);
+
 // The command of the first words, which are removed from `words`; null if there is none, with the
 // closest name, or those of the same noun, in `suggestion`.
 [[nodiscard]] const Command* find_command(std::vector<std::string>& words, std::string& suggestion);
@@ -95,6 +108,12 @@ struct Command {
 Result status(const Arguments& arguments);
 Result why(const Arguments& arguments);
 Result doctor(const Arguments& arguments);
+
+Result undo(const Arguments& arguments);
+Result undo_list(const Arguments& arguments);
+Result confirm(const Arguments& arguments);
+Result revert(const Arguments& arguments);
+Result pending(const Arguments& arguments);
 
 Result profile_list(const Arguments& arguments);
 Result profile_show(const Arguments& arguments);

@@ -14,6 +14,7 @@
 
 #include "ormel/base/error.h"
 #include "ormel/base/log.h"
+#include "ormel/changes/pending.h"
 #include "ormel/host/log_file.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/command.h"
@@ -22,6 +23,8 @@
 namespace ormelctl {
 namespace {
 
+using ormel::changes::LONGEST_SECONDS, ormel::changes::SHORTEST_SECONDS;
+
 constexpr int SCHEMA = 1;  // of the JSON documents
 
 struct Call {
@@ -29,6 +32,7 @@ struct Call {
   bool help = false;
   bool color = true;  // where the output is a terminal
   long timeout = 0;   // seconds, 0 without a limit
+  Care care{};
   std::vector<std::string> words;
 };
 
@@ -60,6 +64,15 @@ std::string read_timeout(const std::string& value, Call& call) {
                                                  : "";
 }
 
+std::string read_confirm(const std::string& value, Call& call) {
+  Arguments given;
+  given.options["confirm"] = value;
+  call.care.confirm = given.seconds("confirm", 0);
+  return call.care.confirm < SHORTEST_SECONDS || call.care.confirm > LONGEST_SECONDS
+             ? "--confirm takes a time of 30s to 10m"
+             : "";
+}
+
 // Takes the options that every command has out of the words. An empty text, or what is wrong with
 // them.
 std::string read_global(int argc, char** argv, Call& call) {
@@ -70,12 +83,16 @@ std::string read_global(int argc, char** argv, Call& call) {
       call.format = Format::Json;
     } else if (word == "--no-color") {
       call.color = false;
+    } else if (word == "--dry-run") {
+      call.care.dry_run = true;
     } else if (word == "--help" || word == "-h") {
       call.help = true;
     } else if (auto format = value_of(word == "-o" ? "-o" : "--output", argc, argv, i)) {
       wrong = read_format(*format, call);
     } else if (auto time = value_of("--timeout", argc, argv, i)) {
       wrong = read_timeout(*time, call);
+    } else if (auto limit = value_of("--confirm", argc, argv, i)) {
+      wrong = read_confirm(*limit, call);
     } else {
       call.words.emplace_back(word);
     }
@@ -103,6 +120,8 @@ std::string json_of(const Result& result) {
       json_object_set_new(document.get(), "advice", json_text(result.advice));
   }
   if (result.data) json_object_set(document.get(), "data", result.data.get());
+  if (!result.note.empty()) json_object_set_new(document.get(), "note", json_text(result.note));
+  if (result.confirm) json_object_set(document.get(), "confirm", result.confirm.get());
   const ormel::CString text{json_dumps(document.get(), JSON_COMPACT)};
   return std::string(text ? text.get() : R"({"schema":1,"error":58,"reason":"out of memory"})") +
          '\n';
@@ -167,8 +186,9 @@ void print(const Result& result, Format format) {
   } else if (result.exit == Exit::Done || result.exit == Exit::Differs) {
     std::fputs(table(result.data.get(), result.columns).c_str(), stdout);
   }
-  if (result.reason.empty()) return;
   std::fflush(stdout);
+  if (!result.note.empty()) std::fprintf(stderr, "%s\n", printable(result.note).c_str());
+  if (result.reason.empty()) return;
   std::fputs(complaint(result).c_str(), stderr);
 }
 
@@ -181,11 +201,11 @@ bool confirmed(const Command& command, const Arguments& arguments) {
 }
 
 // What must hold before a command may run.
-Result permitted(const Command& command, const Arguments& arguments) {
+Result permitted(const Command& command, const Arguments& arguments, bool trial) {
   if (geteuid() != 0)
     return failed(Exit::NotRoot, "only root may do this",
                   std::string("sudo ormelctl ") + command.example);
-  if (!command.dangerous || arguments.has("yes")) return {};
+  if (!command.dangerous || arguments.has("yes") || trial) return {};
   const bool asks = arguments.terminal && isatty(STDIN_FILENO);
   if (!asks)
     return failed(Exit::Usage, "--yes is missing: this interrupts connections or deletes settings",
@@ -196,9 +216,9 @@ Result permitted(const Command& command, const Arguments& arguments) {
 }
 
 // One row of the audit trail for the whole command.
-Result run_recorded(const Command& command, const Arguments& arguments) {
+Result run_audited(const Command& command, const Arguments& arguments, const Care& care) {
   ormel::audit::Recorder recorder = recorder_of(command, arguments);
-  Result result = command.run(arguments);
+  Result result = run_with_care(command, arguments, care);
   if (result.exit == Exit::Usage && result.error == 0)
     recorder.drop();  // the words were wrong, and nothing was tried
   else
@@ -212,8 +232,13 @@ Result run(const Command& command, const Call& call, Arguments& arguments) {
     return failed(Exit::Usage, std::move(wrong));
   if (arguments.has("follow") && call.format != Format::Table)
     return failed(Exit::Usage, "--follow has no other format than a table");
-  Result refusal = permitted(command, arguments);
-  return refusal.exit == Exit::Done ? run_recorded(command, arguments) : std::move(refusal);
+  if (command.reading && (call.care.confirm != 0 || call.care.dry_run))
+    return failed(Exit::Usage, "--confirm and --dry-run are for commands that change something");
+  Result refusal = permitted(command, arguments, call.care.dry_run);
+  if (refusal.exit != Exit::Done) return refusal;
+  if (command.reading) return command.run(arguments);
+  return call.care.dry_run ? run_with_care(command, arguments, call.care)
+                           : run_audited(command, arguments, call.care);
 }
 
 // No failure leaves the caller without a hint at what to do.
@@ -255,6 +280,8 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (argc > 1 && std::strcmp(argv[1], "__manual") == 0) return print_manual();
+  if (argc > 1 && std::strcmp(argv[1], "__go-back") == 0)
+    return go_back_in_time({argv + 2, argv + argc});
   if (argc > 1 && std::strcmp(argv[1], "__commands") == 0) {
     std::fputs(listed(argc > 2 ? argv[2] : "").c_str(), stdout);
     return 0;

@@ -26,6 +26,7 @@
 #include "ormel/host/process.h"
 #include "ormel/options/table.h"
 #include "ormel/web/cgi_main.h"
+#include "ormelctl/trial.h"
 
 namespace ormelctl {
 namespace {
@@ -253,6 +254,7 @@ std::optional<std::string> ask_secret(const std::string& prompt) {
 }
 
 bool comes_true(const std::function<bool()>& test, long seconds) {
+  if (in_trial()) return test();
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   while (!test()) {
     if (std::chrono::steady_clock::now() >= end) return false;

@@ -33,6 +33,8 @@ export interface Envelope<T> {
 
 // The host has no room for settings, or may not write them: every answer says so in a header until it can.
 export const unsaved = signal(false)
+// No copy of the settings could be made before the last change, so that it cannot be taken back.
+export const undoLost = signal(false)
 
 function encode(form: Form): FormData | URLSearchParams {
   const pairs = Object.entries(form).flatMap(([name, value]) =>
@@ -62,6 +64,7 @@ async function send(path: string, form: Form, timeout: number): Promise<Response
     })
     if (path.startsWith('/ormel/'))
       unsaved.value = answer.headers.get('X-Ormel-Settings') === 'unsaved'
+    if (answer.headers.get('X-Ormel-Undo') === 'none') undoLost.value = true
     return answer
   } catch {
     throw new ApiError(stop.aborted ? 'timeout' : 'network', 0, '')

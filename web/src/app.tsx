@@ -2,7 +2,8 @@
 import type { FunctionComponent } from 'preact'
 import { useEffect, useRef, useState } from 'preact/hooks'
 import { Account } from './account'
-import { unsaved } from './api'
+import { undoLost, unsaved } from './api'
+import { PendingBand } from './goback'
 import { idle, watchHands } from './idle'
 import { ClientsPage } from './pages/clients'
 import { ConnectionsPage } from './pages/connections'
@@ -114,6 +115,12 @@ function Shell() {
             <strong>{t('unsaved')}</strong> <span>{t('unsaved.advice')}</span>
           </Notice>
         )}
+        {undoLost.value && (
+          <Notice>
+            <strong>{t('undo.none')}</strong> <span>{t('undo.noneAdvice')}</span>
+          </Notice>
+        )}
+        {admin && <PendingBand />}
         {idle.value && (
           <Notice>
             <strong>{t('idle.title')}</strong> <span>{t('idle.text')}</span>

@@ -1,5 +1,6 @@
 import { readFileSync, readdirSync } from 'node:fs'
 import { describe, expect, it } from 'vitest'
+import { ApiError } from '../src/api'
 import { mistakes } from '../src/form'
 import {
   ago,
@@ -30,6 +31,7 @@ import { clientRows, newValues, wire } from '../src/pages/clients.rows'
 import { leastMinutes, minutesFit, rowOf } from '../src/pages/connections'
 import { culprit, type Step } from '../src/pages/doctor'
 import { gatewayForm } from '../src/pages/gateway'
+import { isRefusal, secondsLeft } from '../src/goback'
 import { bandOf, guardForm, stoppedBy, type Guard } from '../src/pages/guard'
 import { eventsOf, unseen, type Report as Event } from '../src/pages/notify'
 import { thrownOut } from '../src/pages/rights'
@@ -44,6 +46,19 @@ import { protocolOfInterface, traffic } from '../src/traffic'
 import { deviceConfig, fileName, readConfig } from '../src/wireguard'
 
 const KEY = 'MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM='
+
+describe('a change that goes back', () => {
+  it('counts down to nothing, and no further', () => {
+    expect([90_000, 60_001, 60_000, 1, 0, -5].map(left => secondsLeft(left, 0))).toEqual([
+      90, 61, 60, 1, 0, 0,
+    ])
+  })
+  it('is left to its time when nobody knows whether it was made', () => {
+    expect(isRefusal(new ApiError('code', 9, ''))).toBe(true)
+    for (const kind of ['network', 'timeout', 'http', 'format'] as const)
+      expect(isRefusal(new ApiError(kind, 0, ''))).toBe(false)
+  })
+})
 
 describe('rules', () => {
   it.each([

@@ -15,6 +15,7 @@
 #include "base/handle.h"
 #include "common/end_signals.h"
 #include "daemons/keeper/cleanup.h"
+#include "daemons/keeper/go_back.h"
 #include "daemons/keeper/host_watch.h"
 #include "daemons/keeper/methods.h"
 
@@ -64,6 +65,8 @@ int main() {
   };
   keeper::Watch watch{report};
   keeper::HostWatch host{report};
+  keeper::GoBack go_back;
+  if (booting) go_back.boot();  // before it counts what is on
   if (booting) watch.boot();
 
   bus::Server server{SERVICE};
@@ -77,6 +80,7 @@ int main() {
     }
     watch.tick(now);
     host.tick(now);
+    go_back.tick(now);
   });
   if (!server.listen()) {
     std::fprintf(stderr, "fenro-keeperd: service name %s is already in use\n", SERVICE);

@@ -10,6 +10,7 @@
 #include "ormel/base/handle.h"
 #include "ormel/base/log.h"
 #include "ormel/host/bus.h"
+#include "ormel/host/bus_filter.h"
 
 namespace ormel::log_db {
 
@@ -23,7 +24,7 @@ int exchange(const MibIo& io, const char* method, std::string_view request) {
     const int written = mib_io_write(io.get(), request.data(), request.size());
     if (written != static_cast<int>(request.size())) return MIB_IO_FAILURE;
   }
-  return mib_call(SERVICE, method, io.get(), TIMEOUT, system::BUS_FLAG);
+  return system::send_call(SERVICE, method, io.get(), TIMEOUT, system::BUS_FLAG);
 }
 
 }  // namespace

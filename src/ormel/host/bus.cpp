@@ -6,6 +6,7 @@
 #include "base/lines.h"
 #include "ormel/base/error.h"
 #include "ormel/base/log.h"
+#include "ormel/host/bus_filter.h"
 
 namespace ormel::system {
 
@@ -101,7 +102,7 @@ BusReply bus_call(const BusCall& call, const json_t* request, const Wording& wor
 }
 
 PlainReply plain_call(const BusCall& call, const MibIo& io) {
-  PlainReply reply{mib_call(call.service, call.method, io.get(), call.timeout, BUS_FLAG)};
+  PlainReply reply{send_call(call.service, call.method, io.get(), call.timeout, BUS_FLAG)};
   if (reply.status != MIB_SUCCESS) return reply;
   size_t length = 0;
   if (const char* text = mib_io_read(io.get(), &length)) reply.text.assign(text, length);

@@ -15,6 +15,9 @@ extern const Routes TRAIL;
 namespace config {
 extern const Routes PROFILES, UPLOADS, PROFILE_EDIT, DOWNLOADS, REPORT;
 }
+namespace change {
+extern const Routes CHANGE;
+}
 namespace peer {
 extern const Routes PEERS;
 }

@@ -13,6 +13,7 @@
 #include "base/body.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
+#include "ormel/changes/recording.h"
 #include "ormel/web/audit_record.h"
 #include "ormel/web/process.h"
 
@@ -50,6 +51,13 @@ const char* fault_header() {
   return access(SETTINGS_FAULT, F_OK) == 0 ? "X-Ormel-Settings: unsaved\r\n" : "";
 }
 
+// The same for a change that no snapshot was made of.
+bool undo_is_lost = false;
+
+const char* undo_header() {
+  return undo_is_lost ? "X-Ormel-Undo: none\r\n" : "";
+}
+
 // Printing is the last thing that a request does. A client that has gone away must not keep it from
 // cleaning up.
 void print_head(const std::string& head) {
@@ -59,7 +67,7 @@ void print_head(const std::string& head) {
     std::signal(SIGPIPE, SIG_IGN);
     std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
   }
-  std::fprintf(output(), "%s%s\r\n", head.c_str(), fault_header());
+  std::fprintf(output(), "%s%s%s\r\n", head.c_str(), fault_header(), undo_header());
 }
 
 void print_reply(const JsonValue& response) {
@@ -100,6 +108,14 @@ bool copy_to_output(const File& file) {
     if (std::fwrite(piece.data(), 1, length, output()) < length) return false;
   }
   return std::fflush(output()) == 0;
+}
+
+// Those that keep, confirm and restore snapshots take care of these themselves.
+constexpr std::string_view UNRECORDED = "/ormel/change/";
+
+bool can_be_taken_back(const Route& route) {
+  return route.effect == CHANGES && local_caller == OF_SESSION &&
+         !route.path.starts_with(UNRECORDED) && changes::Snapshots().wanted();
 }
 
 int refuse_download(int code) {
@@ -146,6 +162,27 @@ std::vector<char*> Request::values(const char* name) const {
   return all;
 }
 
+namespace {
+
+// The work of a route that changes something, so that it can be taken back.
+int give_undoable(const Route& route, const Request& request, JsonValue& response) {
+  const changes::Recording recording{origin_of(request, std::string(route.path))};
+  if (!recording.refusal().empty()) return fail(response, {ERR_ACCESS, recording.refusal()});
+  if (!recording.not_undoable().empty())
+    ORMEL_LOG(ERROR, "this change cannot be taken back: %s", recording.not_undoable().c_str());
+  undo_is_lost = !recording.not_undoable().empty();
+  return route.answer.give(request, response);
+}
+
+}  // namespace
+
+changes::Origin origin_of(const Request& request, const std::string& what) {
+  if (local_caller == LOCAL_ADMINISTRATOR) return {"root", "ormelctl", what};
+  _session session{};
+  if (auth_get_session(request.value("sid"), 0, &session) != 0) return {"", "web", what};
+  return {field_text(session.user), "web " + field_text(session.ip), what};
+}
+
 int serve(const Route& route, JsonValue& response) {
   const Request request{route.repeats};
   if (const int rc = check_access(request, route.access); rc != NO_ERROR) {
@@ -154,7 +191,8 @@ int serve(const Route& route, JsonValue& response) {
                                                   : fail(response, Outcome{rc});
   }
   ormel::audit::Recorder recorder = recorder_of(route, request);
-  const int rc = route.answer.give(request, response);
+  const int rc = can_be_taken_back(route) ? give_undoable(route, request, response)
+                                    : route.answer.give(request, response);
   if (request.is_change()) return recorder.finish(rc);
   recorder.drop();
   return rc;

@@ -15,6 +15,7 @@
 #include "ormel/base/handle.h"
 #include "ormel/base/json.h"
 #include "ormel/cgi/cgi.h"
+#include "ormel/changes/snapshot.h"
 
 namespace ormel {
 
@@ -129,6 +130,9 @@ using Routes = std::span<const Route>;
 // Answers a request by its route: parses the form, checks the session, does the work, prints the
 // one reply and frees the form with its uploads. Returns the code of the reply.
 int serve(const Route& route, JsonValue& response);
+
+// Who sends a request, and from where, as the origin of a change.
+[[nodiscard]] changes::Origin origin_of(const Request& request, const std::string& what);
 
 // Answers with a failure: logs it, prints the envelope and returns the code.
 int fail(JsonValue& response, const Outcome& outcome);

@@ -1,6 +1,7 @@
 // Which tunnel carries what leaves the appliance.
 import { call, data } from '../api'
 import { Fields, sent, useForm, type Choice, type FieldRow, type Values } from '../form'
+import { CarefulSwitch, withCare } from '../goback'
 import { CLIENTS, labelOf, type ClientProfile } from '../model'
 import { usePoll } from '../poll'
 import { session } from '../session'
@@ -115,7 +116,7 @@ function Policy({
     event.preventDefault()
     if (!form.check()) return
     await job.run('save', async () => {
-      await call('gateway/set', gatewayForm(sent(rows, form.values)))
+      await withCare(() => call('gateway/set', gatewayForm(sent(rows, form.values))))
       form.settle()
       say('saved')
       onSaved()
@@ -125,6 +126,7 @@ function Policy({
     <form onSubmit={event => void save(event)} noValidate>
       <Fields rows={rows} form={form} />
       {clients.length === 0 && <Notice>{t('gateway.noTunnels')}</Notice>}
+      <CarefulSwitch />
       <SaveRow job={job} />
     </form>
   )

@@ -1,6 +1,7 @@
 // The guard of the default gateway: whether anything may leave without a tunnel.
 import { call } from '../api'
 import { Fields, useForm, type FieldRow } from '../form'
+import { CarefulSwitch, withCare } from '../goback'
 import { t, type TextKey } from '../texts'
 import { Button, Card, Failure, Notice, SaveRow, confirm, say, useJob, type Tone } from '../ui'
 
@@ -109,7 +110,7 @@ export function GuardCard({ guard, onChanged }: { guard: Guard; onChanged: () =>
     event.preventDefault()
     if (!form.check()) return
     await job.run('save', async () => {
-      await call('guard/set', guardForm(form.values))
+      await withCare(() => call('guard/set', guardForm(form.values)))
       say('saved')
       onChanged()
     })
@@ -118,6 +119,7 @@ export function GuardCard({ guard, onChanged }: { guard: Guard; onChanged: () =>
     <Card title={t('guard.title')}>
       <form onSubmit={event => void save(event)} noValidate>
         <Fields rows={rows} form={form} />
+        <CarefulSwitch />
         <SaveRow job={job} />
       </form>
     </Card>

@@ -3,6 +3,7 @@ import { PublicAddress, publicAddress, withAddress } from '../address'
 import { call, data, download, saveFile, SLOW } from '../api'
 import { Fields, sent, useForm, type Choice } from '../form'
 import { count } from '../format'
+import { CarefulSwitch, withCare } from '../goback'
 import {
   OPENVPN,
   PROTOCOLS,
@@ -158,7 +159,7 @@ function ServerForm({
           values['server_pri_key'] = keys.pri_key
         }
       }
-      await call('config/modify', { type: profile.type, ...values }, SLOW)
+      await withCare(() => call('config/modify', { type: profile.type, ...values }, SLOW))
       form.settle()
       say('saved')
       onSaved()
@@ -187,6 +188,7 @@ function ServerForm({
       {profile.enable && dropped > 0 && (
         <Notice>{count(dropped, 'server.willDropOne', 'server.willDrop')}</Notice>
       )}
+      <CarefulSwitch />
       <SaveRow job={job}>
         {job.busy === 'save' && <span class="soft">{t('server.working')}</span>}
       </SaveRow>

@@ -513,6 +513,20 @@ const german: Catalogue = {
   'gateway.snatHelp': 'Quell-NAT; nötig, wenn die Gegenseite den Rückweg nicht kennt.',
   'gateway.noTunnels':
     'Es gibt noch keinen Tunnel, der das Gateway sein könnte. Fügen Sie unter „VPN-Clients“ einen hinzu.',
+  'goback.switch': 'Von selbst zurücknehmen, wenn ich nicht bestätige',
+  'goback.switchHelp':
+    'Nach {n} Sekunden gelten wieder die jetzigen Einstellungen, auch wenn diese Seite das Gerät nicht mehr erreicht.',
+  'goback.mine': 'Die Änderung behalten? Sonst wird sie in {n} s zurückgenommen.',
+  'goback.other':
+    'Eine Änderung von {user} wird in {n} s zurückgenommen, wenn dieser Benutzer sie nicht bestätigt.',
+  'goback.keep': 'Änderung behalten',
+  'goback.now': 'Jetzt zurücknehmen',
+  'goback.code': 'Code der Änderung',
+  'goback.kept': 'Die Änderung bleibt.',
+  'goback.reverted': 'Die Einstellungen von vor der Änderung gelten wieder.',
+  'undo.none': 'Die letzte Änderung kann nicht rückgängig gemacht werden.',
+  'undo.noneAdvice':
+    'Es konnte keine Kopie der Einstellungen angelegt werden. Ist der Datenträger voll?',
   'guard.title': 'Schutz',
   'guard.mode': 'Verkehr ohne Tunnel',
   'guard.modeHelp':

@@ -509,6 +509,19 @@ const french: Catalogue = {
   'gateway.snatHelp': 'Nécessaire si l’autre côté n’a pas de route de retour.',
   'gateway.noTunnels':
     'Aucun tunnel ne peut encore être la passerelle. Ajoutez-en un sous « Clients VPN ».',
+  'goback.switch': 'Revenir en arrière tout seul sans ma confirmation',
+  'goback.switchHelp':
+    'Les réglages actuels reviennent après {n} secondes, même si cette page ne peut plus joindre l’appareil.',
+  'goback.mine': 'Garder la modification ? Sinon elle est annulée dans {n} s.',
+  'goback.other':
+    'Une modification de {user} est annulée dans {n} s, sauf si cet utilisateur la confirme.',
+  'goback.keep': 'Garder la modification',
+  'goback.now': 'Revenir maintenant',
+  'goback.code': 'Code de la modification',
+  'goback.kept': 'La modification est gardée.',
+  'goback.reverted': 'Les réglages d’avant la modification sont rétablis.',
+  'undo.none': 'La dernière modification ne peut pas être annulée.',
+  'undo.noneAdvice': 'Aucune copie des réglages n’a pu être faite. Le disque est-il plein ?',
   'guard.title': 'Protection',
   'guard.mode': 'Trafic sans tunnel',
   'guard.modeHelp':
