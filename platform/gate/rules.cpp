@@ -40,6 +40,9 @@ constexpr Rule RULES[] = {
     {"/ormel/config/remove", "", &TUNNELS, SLOTS | PROFILE | SAVE, FORM, FORM_TIME},
     {"/ormel/config/download", "", &PLAIN, SAVE, FORM, FORM_TIME},
     {"/ormel/config/downloadcert", "", &PLAIN, SAVE, FORM, FORM_TIME},
+    {"/ormel/backup/download", "", &TUNNELS, NO_LOCK, FORM, FORM_TIME},
+    {"/ormel/backup/inspect", "", &TUNNELS, NO_LOCK, UPLOAD, UPLOAD_TIME},
+    {"/ormel/backup/restore", "", &TUNNELS, SLOTS | PROFILE | SAVE, UPLOAD, UPLOAD_TIME},
     {"/ormel/connection/end", "", &TUNNELS, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/log/dump", "", &PLAIN, ARCHIVE, FORM, FORM_TIME},
 };

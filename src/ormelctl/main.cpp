@@ -16,6 +16,7 @@
 #include "ormel/host/log_file.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/command.h"
+#include "ormelctl/site.h"
 
 namespace ormelctl {
 namespace {
@@ -227,6 +228,12 @@ int print_manual() {
   return std::cout.flush() ? 0 : static_cast<int>(Exit::Failed);
 }
 
+int print_schema() {
+  const ormel::CString text{json_dumps(site::schema().get(), JSON_INDENT(2))};
+  const bool printed = text && std::puts(text.get()) >= 0 && std::fflush(stdout) == 0;
+  return printed ? 0 : static_cast<int>(Exit::Failed);
+}
+
 int finish(const Result& result, Format format) {
   print(result, format);
   return std::fflush(stdout) == 0 ? static_cast<int>(result.exit) : static_cast<int>(Exit::Failed);
@@ -240,6 +247,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (argc > 1 && std::strcmp(argv[1], "__manual") == 0) return print_manual();
+  if (argc > 1 && std::strcmp(argv[1], "__schema") == 0) return print_schema();
   if (argc > 1 && std::strcmp(argv[1], "__commands") == 0) {
     std::fputs(listed(argc > 2 ? argv[2] : "").c_str(), stdout);
     return 0;

@@ -9,6 +9,9 @@
 
 namespace ormel::cgi {
 
+namespace backup {
+extern const Routes BACKUP;
+}
 namespace config {
 extern const Routes PROFILES, UPLOADS, PROFILE_EDIT, DOWNLOADS, REPORT;
 }
