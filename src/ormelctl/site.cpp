@@ -8,7 +8,7 @@
 
 #include "ormel/base/error.h"
 #include "ormel/base/file.h"
-#include "ormelctl/command.h"
+#include "ormelctl/profile.h"
 
 namespace ormelctl {
 namespace site {
@@ -140,6 +140,38 @@ std::string counts(const Plan& plan) {
   return text + ", left " + std::to_string(plan.same + plan.left) + " as they are";
 }
 
+constexpr long START_SECONDS = 15;  // that a server's script may take
+
+bool touches(const Plan& plan, const json_t* server) {
+  const std::string path = "servers." + text_of(server, "protocol");
+  return std::ranges::find(plan.steps, path, &Step::path) != plan.steps.end();
+}
+
+// One look at the servers that were changed: those that do not run although they are on go to
+// `failures`. Whether all have started or failed.
+bool have_settled(const Plan& plan, std::string& failures) {
+  const Json servers = server_rows();
+  failures.clear();
+  bool settled = true;
+  size_t at = 0;
+  const json_t* row = nullptr;
+  json_array_foreach(servers.get(), at, row) {
+    const std::string state = touches(plan, row) ? text_of(row, "state") : "";
+    if (state == "starting") settled = false;
+    if (state == "failed")
+      failures += (failures.empty() ? "" : ", ") + text_of(row, "protocol") +
+                  " does not run: " + text_of(row, "why");
+  }
+  return settled;
+}
+
+std::string failed_servers(const Plan& plan) {
+  std::string failures;
+  if (!plan.steps.empty())
+    std::ignore = comes_true([&] { return have_settled(plan, failures); }, START_SECONDS);
+  return failures;
+}
+
 Result run_steps(const Plan& plan, const std::string& file) {
   size_t done_steps = 0;
   for (const Step& step : plan.steps) {
@@ -152,6 +184,8 @@ Result run_steps(const Plan& plan, const std::string& file) {
     }
     ++done_steps;
   }
+  if (const std::string failures = failed_servers(plan); !failures.empty())
+    return failed(Exit::Failed, counts(plan) + "; but " + failures, "ormelctl why says more");
   return done(counts(plan), rows(plan));
 }
 

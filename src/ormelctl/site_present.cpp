@@ -7,6 +7,7 @@
 #include "ormel/actions/guard.h"
 #include "ormel/actions/privilege.h"
 #include "ormel/base/file.h"
+#include "ormel/base/text.h"
 #include "ormel/drivers/openvpn/openvpn.h"
 #include "ormel/drivers/wireguard/peers.h"
 #include "ormel/drivers/wireguard/wireguard.h"
@@ -91,7 +92,7 @@ Json peer(const ormel::wireguard::Peer& stored) {
   set(out, "peer_pub_key", text(stored.pub_key));
   set(out, "peer_allow_ip", text(stored.allow_ip + '/' + stored.allow_ip_mask));
   set(out, "peer_endpoint", text(stored.endpoint));
-  set(out, "keepalive", json_integer(std::atoi(stored.keepalive.c_str())));
+  set(out, "keepalive", json_integer(ormel::to_int(stored.keepalive.c_str())));
   if (!stored.psk.empty()) set(out, "psk", text(stored.psk));
   return out;
 }

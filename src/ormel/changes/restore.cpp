@@ -6,6 +6,7 @@
 #include <net/if.h>
 #include <pwd.h>
 #include <unistd.h>
+#include <utility>
 
 #include "base/tunnel.h"
 #include "ormel/actions/privilege.h"
@@ -60,7 +61,9 @@ void choose(const Choice& choice, Selection& out) {
 struct Slot {
   TYPE type = NONE_TYPE;
   int index = 0;
-  auto operator<=>(const Slot&) const = default;
+  bool operator<(const Slot& other) const {
+    return std::pair(type, index) < std::pair(other.type, other.index);
+  }
 };
 
 Slot slot_of(const BaseConfig& record) {
@@ -318,11 +321,18 @@ class Restoration {
       if (!record.enable || !wants(selection_, record)) continue;
       const bool touched = touched_.contains(slot_of(record));
       if (!touched && is_running(record)) continue;
-      record.pid = 0;  // of the daemon that was stopped
-      std::ignore = record.do_connect(is_server(record.type) ? RESTART_FLAG : SILENT);
-      out_.interrupted.push_back(label_of(record));
+      start(record);
     }
     for (const TYPE server : {OVPN_SERVER_TYPE, WIREGUARD_SERVER_TYPE}) restart_unselected(server);
+  }
+
+  void start(BaseConfig& record) {
+    record.pid = 0;  // of the daemon that was stopped
+    const bool server = is_server(record.type);
+    const int rc = record.do_connect(server ? RESTART_FLAG : SILENT);
+    out_.interrupted.push_back(label_of(record));
+    if (rc != NO_ERROR || (server && !is_running(record)))
+      warn("the " + label_of(record) + " does not run; ormelctl why says more");
   }
 
   // A server whose own settings stay while its keys or devices change.
@@ -330,8 +340,7 @@ class Restoration {
     const PolyConfig* const holder = cm.fetch(server, 0);
     if (selection_.servers || !holder || !(*holder)->enable || !touched_.contains({server, 0}))
       return;
-    std::ignore = (*holder)->do_connect(RESTART_FLAG);
-    out_.interrupted.push_back(label_of(*holder->bc));
+    start(*holder->bc);
   }
 
   void refresh_files() const {
