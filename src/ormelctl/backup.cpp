@@ -128,6 +128,10 @@ Result restore(const Arguments& arguments) {
       return ormelctl::failed(Exit::Usage, "--only: " + fault.reason, fault.advice);
     }
   }
+  const bool copies = arguments.has("as-copy");
+  if (copies && arguments.value("only") != "profiles")
+    return ormelctl::failed(Exit::Usage, "--as-copy is for client profiles alone",
+                            "add --only profiles");
   Backup opened;
   Result problem;
   if (!open_backup(arguments, opened, problem)) return problem;
@@ -138,8 +142,9 @@ Result restore(const Arguments& arguments) {
   Restored restored;
   const bool dry = arguments.has("dry-run");
   if (!dry && arguments.terminal) std::fputs("restoring ...\n", stderr);
-  const Fault fault = dry ? ormel::changes::preview(opened, selection, restored)
-                          : ormel::changes::restore(opened, selection, restored);
+  const Fault fault = copies ? ormel::changes::copy_profiles(opened, dry, restored)
+                      : dry  ? ormel::changes::preview(opened, selection, restored)
+                             : ormel::changes::restore(opened, selection, restored);
   if (fault) return failed(fault);
   return done(dry ? previewed(restored) : counted(restored), ormel::changes::document_of(restored));
 }

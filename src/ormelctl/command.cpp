@@ -68,7 +68,7 @@ constexpr Command COMMANDS[] = {
     {"diff",    "",        "FILE", "", true, false, "Show how the configuration differs from a document", "diff site.json", site_diff},
     {"apply",   "",        "FILE", "prune dry-run", false, false, "Make the configuration as in a document; --prune deletes what it does not name", "apply site.json --dry-run", site_apply},
     {"backup",  "",        "FILE", "passphrase-file=", false, false, "Write all settings, keys and rights to one encrypted file", "backup /root/office.ormel --passphrase-file -", backup},
-    {"restore", "",        "FILE", "passphrase-file= only= dry-run", false, false, "Put the state of a backup in the place of this host's, or parts of it with --only", "restore /root/office.ormel --passphrase-file - --dry-run", restore},
+    {"restore", "",        "FILE", "passphrase-file= only= as-copy dry-run", false, false, "Put the state of a backup in the place of this host's, or parts of it with --only", "restore /root/office.ormel --passphrase-file - --dry-run", restore},
     {"sdwan",   "status",  "", "", true,  false, "Show the membership of the SD-WAN", "sdwan status", sdwan_status},
     {"sdwan",   "join",    "", "result-file= organization= region=", false, false, "Join the SD-WAN with the result of the provider's login", "sdwan join --result-file - --organization Mine", sdwan_join},
     {"sdwan",   "leave",   "", "yes", false, true,  "Leave the SD-WAN", "sdwan leave --yes", sdwan_leave},

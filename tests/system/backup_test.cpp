@@ -189,6 +189,30 @@ TEST_F(Backup, BringsTheWantedPartsAlone) {
   EXPECT_EQ(ctl({"profile", "show", "kept"}).status, 0);
 }
 
+TEST_F(Backup, BringsCopiesOfProfilesBesideThePresentOnes) {
+  expect_done({"server", "on", "openvpn"});
+  write("/root/office.ovpn", ctl({"profile", "export"}).out);
+  expect_done({"profile", "import", "/root/office.ovpn", "--name", "far", "--user", "guest",
+               "--pass-file", "/root/secret", "--yes"});
+  expect_done({"profile", "add", "pptp", "--name", "office", "--host", "192.0.2.1"});
+  expect_done({"profile", "add", "wireguard", "--name", "w", "--address", "198.18.8.5",
+               "--peer-key", KEY, "--endpoint", "192.0.2.9:51820"});
+  expect_done({"backup", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE});
+  std::vector<std::string> words = restore_words(FILE_NAME);
+  words.emplace_back("--as-copy");
+  EXPECT_EQ(ctl(words).status, 2) << "for profiles alone";
+  words.insert(words.end(), {"--only", "profiles"});
+  const Result copied = ctl(words);
+  EXPECT_EQ(copied.status, 0) << copied.err;
+  EXPECT_THAT(copied.out, HasSubstr("warning: w (wireguard/1) is not copied: "));
+  EXPECT_THAT(
+      ctl({"profile", "list"}).out,
+      AllOf(HasSubstr("office (copy)"), HasSubstr("far (copy)"), Not(HasSubstr("w (copy)"))));
+  EXPECT_THAT(read("/etc/config/openvpn/clients/client2"), HasSubstr("dev tun2002\n"));
+  EXPECT_THAT(read("/etc/config/openvpn/clients/client1"), HasSubstr("dev tun2001\n"));
+  EXPECT_EQ(conf_value("OPENVPN_CLIENT2", "Name"), "guest");
+}
+
 TEST_F(Backup, IsMadeShownAndRestoredOverTheWeb) {
   ctl({"profile", "add", "pptp", "--name", "a", "--host", "192.0.2.1"});
   const auto session = [](const char* user) {

@@ -70,15 +70,6 @@ Slot slot_of(const BaseConfig& record) {
   return {record.type, record.index};
 }
 
-std::string label_of(const BaseConfig& record) {
-  const std::string protocol = to_lower(tunnel_of(record.type).log_name);
-  if (is_server(record.type)) return protocol + " server";
-  const std::string& stored = static_cast<const ClientConfig&>(record).name;
-  std::string name;
-  if (system::decode_urlEncoded(stored, name) != NO_ERROR) name = stored;
-  return name + " (" + protocol + '/' + std::to_string(record.index) + ')';
-}
-
 bool wants(const Selection& selection, const BaseConfig& record) {
   return is_server(record.type) ? selection.servers : selection.profiles;
 }
@@ -385,6 +376,15 @@ class Restoration {
 };
 
 }  // namespace
+
+std::string label_of(const config::BaseConfig& record) {
+  const std::string protocol = to_lower(tunnel_of(record.type).log_name);
+  if (is_server(record.type)) return protocol + " server";
+  const std::string& stored = static_cast<const ClientConfig&>(record).name;
+  std::string name;
+  if (system::decode_urlEncoded(stored, name) != NO_ERROR) name = stored;
+  return name + " (" + protocol + '/' + std::to_string(record.index) + ')';
+}
 
 Selection Selection::all() {
   Selection out;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ormel/changes/backup.h"
+#include "ormel/config/record.h"
 
 namespace ormel::changes {
 
@@ -28,6 +29,9 @@ struct Selection {
 // The names that `read` takes, divided by commas.
 [[nodiscard]] std::string selectable();
 
+// A record for people: "openvpn server", "office (pptp/1)".
+[[nodiscard]] std::string label_of(const config::BaseConfig& record);
+
 struct Restored {
   std::vector<std::string> changed{}, added{}, removed{};  // files, and sections of vpn.conf
   std::vector<std::string> interrupted{};                  // servers and tunnels
@@ -43,5 +47,10 @@ struct Restored {
 // Restores, and puts what differs into effect. A fault says what was done until then; the same
 // restore once more finishes it.
 [[nodiscard]] Fault restore(const Backup& backup, const Selection& selection, Restored& out);
+
+// Adds the client profiles of a backup as copies beside those that are there, in free slots, off,
+// with " (copy)" after their names. One that cannot be beside the present ones is a warning. Files
+// are written only where `dry` is false.
+[[nodiscard]] Fault copy_profiles(const Backup& backup, bool dry, Restored& out);
 
 }  // namespace ormel::changes
