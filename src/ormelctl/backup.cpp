@@ -5,7 +5,7 @@
 
 #include "ormel/base/error.h"
 #include "ormel/base/file.h"
-#include "ormel/changes/restore.h"
+#include "ormel/changes/backup_restore.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/command.h"
 #include "ormelctl/service.h"

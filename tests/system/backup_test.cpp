@@ -287,6 +287,7 @@ TEST_F(Backup, ADocumentIsAppliedOnceAndRefusedWhole) {
             "changed 0, added 0, removed 1, left 5 as they are\n");
   EXPECT_EQ(ctl({"diff", SITE}).status, 0);
   EXPECT_EQ(ctl({"diff", "-"}, ctl({"export"}).out).status, 0);
+  EXPECT_EQ(read("/usr/share/ormel/state.schema.json"), ctl({"__schema"}).out);
 }
 
 TEST_F(Backup, ADocumentThatIsWrongInOnePlaceChangesNothing) {

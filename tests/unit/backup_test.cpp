@@ -3,10 +3,11 @@
 
 #include <gmock/gmock.h>
 
+#include "ormel/base/crypto.h"
 #include "ormel/base/error.h"
 #include "ormel/base/file.h"
 #include "ormel/base/seal.h"
-#include "ormel/changes/restore.h"
+#include "ormel/changes/backup_restore.h"
 #include "ormel/changes/tar.h"
 
 namespace ormel::changes {

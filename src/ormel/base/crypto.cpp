@@ -5,6 +5,7 @@
 #include <nettle/base16.h>
 #include <nettle/base64.h>
 #include <nettle/sha1.h>
+#include <nettle/sha2.h>
 
 #include <openssl/bio.h>
 #include <openssl/evp.h>
@@ -124,6 +125,17 @@ std::string sha1(const std::string& text) {
   sha1_update(&context, text.size(), bytes_of(text));
   uint8_t digest[SHA1_DIGEST_SIZE];
   sha1_digest(&context, sizeof digest, digest);
+  std::string out(BASE16_ENCODE_LENGTH(sizeof digest), '\0');
+  base16_encode_update(out.data(), sizeof digest, digest);
+  return out;
+}
+
+std::string sha256(const std::string& text) {
+  sha256_ctx context;
+  sha256_init(&context);
+  sha256_update(&context, text.size(), bytes_of(text));
+  uint8_t digest[SHA256_DIGEST_SIZE];
+  sha256_digest(&context, sizeof digest, digest);
   std::string out(BASE16_ENCODE_LENGTH(sizeof digest), '\0');
   base16_encode_update(out.data(), sizeof digest, digest);
   return out;

@@ -21,6 +21,8 @@ struct CertificateFacts {
 
 // SHA-1 as 40 lower-case hexadecimal characters.
 [[nodiscard]] std::string sha1(const std::string& text);
+// SHA-256 as 64 lower-case hexadecimal characters.
+[[nodiscard]] std::string sha256(const std::string& text);
 
 // Standard base64 without line breaks. Bad input decodes to an empty or short text.
 [[nodiscard]] std::string base64_encode(const std::string& text);

@@ -2,10 +2,7 @@
 
 #include <array>
 #include <cstdint>
-#include <cstring>
 #include <memory>
-#include <nettle/base16.h>
-#include <nettle/sha2.h>
 #include <sys/random.h>
 
 #include <openssl/crypto.h>
@@ -204,17 +201,6 @@ Sealing unseal(std::string_view sealed, const std::string& passphrase, std::stri
   const Key key{passphrase, sealed};
   if (!key) return Sealing::NoLibrary;
   return decrypt(sealed, key, text) ? Sealing::Done : Sealing::WrongPassphrase;
-}
-
-std::string sha256(const std::string& text) {
-  sha256_ctx context;
-  sha256_init(&context);
-  sha256_update(&context, text.size(), bytes_of(std::string_view{text}));
-  uint8_t digest[SHA256_DIGEST_SIZE];
-  sha256_digest(&context, sizeof digest, digest);
-  std::string out(BASE16_ENCODE_LENGTH(sizeof digest), '\0');
-  base16_encode_update(out.data(), sizeof digest, digest);
-  return out;
 }
 
 }  // namespace ormel::openssl

@@ -36,7 +36,4 @@ enum class Sealing {
 [[nodiscard]] Sealing unseal(std::string_view sealed, const std::string& passphrase,
                              std::string& text);
 
-// SHA-256 as 64 lower-case hexadecimal characters.
-[[nodiscard]] std::string sha256(const std::string& text);
-
 }  // namespace ormel::openssl

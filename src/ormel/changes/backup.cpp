@@ -6,6 +6,7 @@
 #include <set>
 #include <unistd.h>
 
+#include "ormel/base/crypto.h"
 #include "ormel/base/error.h"
 #include "ormel/base/file.h"
 #include "ormel/base/seal.h"

@@ -23,7 +23,7 @@ constexpr mode_t OPEN = 0644;
 constexpr StateFile FILES[] = {
     {Part::Settings,     "/etc/config/vpn.conf",             nullptr,             CLOSED, true,  Refresh::SECTIONS},
     {Part::Profiles,     "/etc/config/openvpn/clients",      "client+([0-9])",    CLOSED, true,  Refresh::PROFILE, OPENVPN_CLIENT},
-    {Part::Profiles,     "/etc/config/openvpn/clients",      "client+([0-9])_crl.pem", CLOSED, false, Refresh::PROFILE, OPENVPN_CLIENT},
+    {Part::Profiles,     "/etc/config/openvpn/clients",      "client+([0-9])_crl.pem", OPEN, false, Refresh::PROFILE, OPENVPN_CLIENT},
     {Part::Peers,        "/etc/config/ormel/wireguard",      "server_peers.conf", CLOSED, true,  Refresh::SERVER,  WIREGUARD, "restart"},
     {Part::Peers,        "/etc/config/ormel/wireguard",      "peer_psk+([0-9])",  CLOSED, true,  Refresh::SERVER,  WIREGUARD, "restart"},
     {Part::Certificates, "/etc/openvpn/keys/ca.key",         nullptr,             CLOSED, true,  Refresh::SERVER,  OPENVPN,   "restart"},

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "ormel/base/file.h"
-#include "ormel/changes/restore.h"
+#include "ormel/changes/backup_restore.h"
 #include "ormel/web/routes.h"
 
 namespace ormel::cgi::backup {

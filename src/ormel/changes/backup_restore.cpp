@@ -1,4 +1,4 @@
-#include "ormel/changes/restore.h"
+#include "ormel/changes/backup_restore.h"
 
 #include <algorithm>
 #include <iterator>

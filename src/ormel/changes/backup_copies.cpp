@@ -4,7 +4,7 @@
 #include "ormel/base/error.h"
 #include "ormel/base/error_capture.h"
 #include "ormel/base/file.h"
-#include "ormel/changes/restore.h"
+#include "ormel/changes/backup_restore.h"
 #include "ormel/config/fields.h"
 #include "ormel/config/pool.h"
 #include "ormel/drivers/openvpn/openvpn.h"
