@@ -46,7 +46,7 @@ endfunction()
 # All that an installation needs, without tests and benchmarks; the demonstration cloud of an
 # appliance belongs to it.
 function(ormel_add_installed)
-  set(needed manual protocols)
+  set(needed manual protocols schema)
   ormel_product_targets(targets)
   foreach(target ${targets})
     get_target_property(type ${target} TYPE)

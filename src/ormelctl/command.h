@@ -21,7 +21,7 @@ enum class Exit {
   NotFound = 3,
   NotRoot = 4,
   TimedOut = 5,
-  Differs = 6,  // the state is not the one that --check asks for
+  Differs = 6,  // the state is not the one that --check, or a document, asks for
 };
 
 // The words of one call after noun and verb.
@@ -172,6 +172,13 @@ Result notify_test(const Arguments& arguments);
 
 Result audit_list(const Arguments& arguments);
 Result audit_verify(const Arguments& arguments);
+
+Result site_export(const Arguments& arguments);
+Result site_diff(const Arguments& arguments);
+Result site_apply(const Arguments& arguments);
+
+Result backup(const Arguments& arguments);
+Result restore(const Arguments& arguments);
 
 Result sdwan_status(const Arguments& arguments);
 Result sdwan_join(const Arguments& arguments);

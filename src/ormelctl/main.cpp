@@ -19,6 +19,7 @@
 #include "ormelctl/advice.h"
 #include "ormelctl/command.h"
 #include "ormelctl/recording.h"
+#include "ormelctl/site.h"
 
 namespace ormelctl {
 namespace {
@@ -226,6 +227,18 @@ Result run_audited(const Command& command, const Arguments& arguments, const Car
   return result;
 }
 
+// A command with that option says more of what it would do than a trial of any command can.
+bool tries_itself(const Command& command) {
+  return (' ' + std::string(command.options) + ' ').find(" dry-run ") != std::string::npos;
+}
+
+Result run_change(const Command& command, const Care& care, Arguments& arguments) {
+  if (!care.dry_run) return run_audited(command, arguments, care);
+  if (!tries_itself(command)) return run_with_care(command, arguments, care);
+  arguments.options["dry-run"];
+  return command.run(arguments);
+}
+
 Result run(const Command& command, const Call& call, Arguments& arguments) {
   arguments.terminal = isatty(STDERR_FILENO) != 0 && call.format == Format::Table;
   if (std::string wrong = parse_arguments(command, call.words, arguments); !wrong.empty())
@@ -236,9 +249,7 @@ Result run(const Command& command, const Call& call, Arguments& arguments) {
     return failed(Exit::Usage, "--confirm and --dry-run are for commands that change something");
   Result refusal = permitted(command, arguments, call.care.dry_run);
   if (refusal.exit != Exit::Done) return refusal;
-  if (command.reading) return command.run(arguments);
-  return call.care.dry_run ? run_with_care(command, arguments, call.care)
-                           : run_audited(command, arguments, call.care);
+  return command.reading ? command.run(arguments) : run_change(command, call.care, arguments);
 }
 
 // No failure leaves the caller without a hint at what to do.
@@ -267,6 +278,12 @@ int print_manual() {
   return std::cout.flush() ? 0 : static_cast<int>(Exit::Failed);
 }
 
+int print_schema() {
+  const ormel::CString text{json_dumps(site::schema().get(), JSON_INDENT(2))};
+  const bool printed = text && std::puts(text.get()) >= 0 && std::fflush(stdout) == 0;
+  return printed ? 0 : static_cast<int>(Exit::Failed);
+}
+
 int finish(const Result& result, Format format) {
   print(result, format);
   return std::fflush(stdout) == 0 ? static_cast<int>(result.exit) : static_cast<int>(Exit::Failed);
@@ -282,6 +299,7 @@ int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "__manual") == 0) return print_manual();
   if (argc > 1 && std::strcmp(argv[1], "__go-back") == 0)
     return go_back_in_time({argv + 2, argv + argc});
+  if (argc > 1 && std::strcmp(argv[1], "__schema") == 0) return print_schema();
   if (argc > 1 && std::strcmp(argv[1], "__commands") == 0) {
     std::fputs(listed(argc > 2 ? argv[2] : "").c_str(), stdout);
     return 0;

@@ -46,4 +46,8 @@ extern const Columns PROFILE_COLUMNS;
 [[nodiscard]] ormel::Json server_rows();
 extern const Columns SERVER_COLUMNS;
 
+// Adds what turning a server on needs besides the changes in the form: a WireGuard server's
+// network, name and key.
+void complete_network(const Protocol& protocol, Form& form);
+
 }  // namespace ormelctl

@@ -76,6 +76,14 @@ const char* variable_of(std::string_view option) {
   return nullptr;
 }
 
+}  // namespace
+
+void complete_network(const Protocol& protocol, Form& form) {
+  add_network(protocol, record_of(protocol).get(), form);
+}
+
+namespace {
+
 Result change(const Protocol& protocol, Form form, bool on, const Arguments& arguments,
               const std::string& message) {
   const ChangeLock lock;
@@ -83,7 +91,7 @@ Result change(const Protocol& protocol, Form form, bool on, const Arguments& arg
     return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
   form.emplace_back("type", protocol.server_word);
   form.emplace_back("enable", on ? "true" : "false");
-  if (on) add_network(protocol, record_of(protocol).get(), form);
+  if (on) complete_network(protocol, form);
   const Reply reply = call("/ormel/config/modify", form);
   if (reply.error != 0) return refused(reply.error, reply.reason, arguments, variable_of);
   ormel::Json row;

@@ -74,10 +74,9 @@ constexpr ActionRow ACTIONS[] = {
     {ormel::CONNECT_ACTION, ormel::connect}, {ormel::DISCONNECT_ACTION, ormel::disconnect},
 };
 
-// The pool is loaded once, under the lock.
+// The pool is loaded under the lock, and stays as this run changes it.
 void load_pool() {
-  static const int loaded = ormel::config::cm.load();
-  std::ignore = loaded;
+  if (ormel::config::cm.config_pool.empty()) ormel::config::cm.load();
 }
 
 }  // namespace

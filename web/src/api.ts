@@ -159,8 +159,9 @@ export const asset = async <T>(name: string): Promise<T | null> =>
 export const download = async (
   route: string,
   fallbackName: string,
+  form: Form = {},
 ): Promise<{ name: string; content: Blob }> =>
-  inSession(route, {}, SLOW, async answer => {
+  inSession(route, form, SLOW, async answer => {
     const disposition = answer.headers.get('Content-Disposition')
     if (!disposition) {
       await envelope(answer) // tells why there is none

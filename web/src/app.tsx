@@ -5,6 +5,7 @@ import { Account } from './account'
 import { undoLost, unsaved } from './api'
 import { PendingBand } from './goback'
 import { idle, watchHands } from './idle'
+import { BackupPage } from './pages/backup'
 import { ClientsPage } from './pages/clients'
 import { ConnectionsPage } from './pages/connections'
 import { GatewayPage } from './pages/gateway'
@@ -39,6 +40,7 @@ const PAGES: readonly Page[] = [
   { name: 'sdwan', label: 'nav.sdwan', icon: 'cloud', show: SdwanPage },
   { name: 'logs', label: 'nav.logs', icon: 'logs', show: LogsPage },
   { name: 'notify', label: 'nav.notify', icon: 'bell', show: NotifyPage },
+  { name: 'backup', label: 'nav.backup', icon: 'download', show: BackupPage },
 ]
 
 function Shell() {

@@ -27,6 +27,7 @@ import {
   type Report,
 } from '../src/model'
 import { match, references } from '../src/ovpn'
+import { changeRows, passphrase, whyNot, type Changes } from '../src/pages/backup'
 import { clientRows, newValues, wire } from '../src/pages/clients.rows'
 import { leastMinutes, minutesFit, rowOf } from '../src/pages/connections'
 import { culprit, type Step } from '../src/pages/doctor'
@@ -539,5 +540,34 @@ describe('reasons', () => {
     expect(clientState('no-peer').tone).not.toBe('good')
     expect(['up', 'failed', 'off'].map(isSettled)).toEqual([true, true, true])
     expect(['starting', 'retrying', 'no-peer'].map(isSettled)).toEqual([false, false, false])
+  })
+})
+
+describe('backups', () => {
+  it('takes passphrases of 8 to 1024 bytes', () => {
+    expect(passphrase('eight ok')).toBeNull()
+    expect(passphrase('seven c')).toBe('backup.short')
+    expect(passphrase('é'.repeat(512))).toBeNull()
+    expect(passphrase('é'.repeat(513))).toBe('rule.long')
+  })
+
+  it('explains refusals in its own words, and leaves others to the common ones', () => {
+    expect(whyNot(new ApiError('code', 38, ''))).toBe('backup.wrong')
+    expect(whyNot(new ApiError('code', 8, ''))).toBe('backup.newer')
+    expect(whyNot(new ApiError('code', 39, ''))).toBeNull()
+    expect(whyNot(new ApiError('http', 38, ''))).toBeNull()
+  })
+
+  it('lists what differs', () => {
+    const none: Changes = {
+      changed: [],
+      added: [],
+      removed: [],
+      interrupted: [],
+      warnings: [],
+      same: 3,
+    }
+    expect(changeRows({ ...none, changed: ['a', 'b'] })[0]?.[1]).toBe('a, b')
+    expect(changeRows(none).map(([, names]) => names)).toEqual(['', '', '', ''])
   })
 })

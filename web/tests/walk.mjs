@@ -530,6 +530,34 @@ test('somebody is notified, and the bell counts what is new', async () => {
   await card(far, 'Who is notified').getByText('Nobody is notified.', { exact: false }).waitFor()
 })
 
+test('a backup is made, looked into and restored', async () => {
+  const secret = 'correct horse battery'
+  await go(far, 'backup', 'Backup')
+  const make = card(far, 'Make a backup')
+  await make.getByLabel('Passphrase', { exact: true }).fill(secret)
+  await make.getByLabel('Passphrase again').fill('another passphrase')
+  await button(make, 'Download the backup').click()
+  await make.getByText('The two passphrases are different.').waitFor()
+  await make.getByLabel('Passphrase again').fill(secret)
+  const [file] = await Promise.all([
+    far.waitForEvent('download'),
+    button(make, 'Download the backup').click(),
+  ])
+  await file.saveAs(`${DESK}/box.ormel`)
+  const restore = card(far, 'Restore a backup')
+  await restore.locator(FILES).setInputFiles(`${DESK}/box.ormel`)
+  await restore.getByLabel('Passphrase', { exact: true }).fill('not this passphrase')
+  await button(restore, 'Show the content').click()
+  await restore.getByText('The passphrase is wrong', { exact: false }).waitFor(SPEAKING)
+  await restore.getByLabel('Passphrase', { exact: true }).fill(secret)
+  await button(restore, 'Show the content').click()
+  await restore.getByRole('heading', { name: 'In this backup' }).waitFor(SPEAKING)
+  await accessible(far, 'backup')
+  await button(restore, 'Restore the backup').click()
+  await button(far.getByRole('dialog'), 'Restore the backup').click()
+  await restore.getByText('The backup is restored.').waitFor(SPEAKING)
+})
+
 test('an appliance without the SD-WAN says so', async () => {
   await go(far, 'sdwan', 'SD-WAN')
   await far.getByText('The SD-WAN service is not installed on this appliance.').waitFor()
@@ -713,6 +741,7 @@ test('it all works in the dark, on a telephone, by keyboard and in German', asyn
     ['gateway', 'Standard-Gateway'],
     ['sdwan', 'SD-WAN'],
     ['notify', 'Benachrichtigungen'],
+    ['backup', 'Sicherung'],
   ]
   for (const [path, heading] of [...servers, ...others]) {
     await go(small, path, heading)

@@ -10,9 +10,9 @@
 #include "ormel/actions/gateway_policy.h"
 #include "ormel/base/error.h"
 #include "ormel/base/file.h"
+#include "ormel/base/handle.h"
 #include "ormel/host/bus.h"
 #include "ormel/host/process.h"
-#include "ormel/host/settings.h"
 
 namespace ormel::guard {
 
@@ -71,9 +71,9 @@ Settings load() {
   Settings settings;
   if (access(FILE_NAME, F_OK) != 0) return settings;
   settings.mode = "on";  // for the scripts and the daemon too, where the file does not say
+  const Conf conf{Conf_Dir_Load(FILE_NAME)};
   for (const Key& key : KEYS) {
-    std::string value;
-    std::ignore = system::getcfg_wrapper(FILE_NAME, SECTION, key.name, settings.*key.value, value);
+    const std::string value = Conf_Dir_Get_Str(conf.get(), SECTION, key.name, "");
     if (is_word(key, value)) settings.*key.value = value;
   }
   return settings;

@@ -1,6 +1,7 @@
 #include "ormel/base/file.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,6 +41,10 @@ bool write_file(const std::string& content, const char* path, unsigned int mode)
     return true;
   unlink(path);
   return false;
+}
+
+MemoryFile::MemoryFile(std::string_view content) : fd_(memfd_create("ormel", MFD_CLOEXEC)) {
+  if (fd_ && write_all(fd_.get(), content)) path_ = "/proc/self/fd/" + std::to_string(fd_.get());
 }
 
 }  // namespace ormel::system

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "base/file.h"
+#include "base/handle.h"
 
 namespace ormel::system {
 
@@ -24,6 +26,18 @@ bool move_file(const char* from, const char* to, unsigned int mode);
 // Writes `content` to a file, created with `mode`; a file that took less is deleted. Returns
 // whether all was written.
 bool write_file(const std::string& content, const char* path, unsigned int mode);
+
+// A text as a file in memory, for what reads files by their path. It goes with the object.
+class MemoryFile {
+ public:
+  explicit MemoryFile(std::string_view content);
+  // Names nothing when there is no memory.
+  [[nodiscard]] const std::string& path() const { return path_; }
+
+ private:
+  fenro::Fd fd_;
+  std::string path_;
+};
 
 using fenro::replace_file;
 using fenro::write_all;

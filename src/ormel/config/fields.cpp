@@ -96,7 +96,42 @@ void print_table(BaseConfig& record, const FieldTable& table, bool down) {
   }
 }
 
+std::string plain_text(const std::string& value) {
+  return value;
+}
+std::string plain_text(bool value) {
+  return value ? "true" : "false";
+}
+template <typename Number>
+std::string plain_text(Number value) {
+  return std::to_string(value);
+}
+
+bool is_setting(const Field& row) {
+  return row.is_saved() && !row.is(IF_UP) && !row.is(LEARNED);
+}
+
 }  // namespace
+
+std::string value_text(const BaseConfig& record, const Field& row) {
+  return std::visit([&](auto member) { return plain_text(record.*member); }, row.member);
+}
+
+void forget_live_values(BaseConfig& record) {
+  for_each_field(record, [](const Field& row, auto& value) {
+    if (row.is(IF_UP)) value = {};
+  });
+}
+
+bool same_settings(const BaseConfig& one, const BaseConfig& other) {
+  if (one.type != other.type) return false;
+  for (const FieldTable& table : one.fields()) {
+    for (const Field& row : table) {
+      if (is_setting(row) && value_text(one, row) != value_text(other, row)) return false;
+    }
+  }
+  return true;
+}
 
 std::span<const FieldTable> BaseConfig::fields() const {
   static constexpr FieldTable TABLES[] = {BASE_FIELDS};

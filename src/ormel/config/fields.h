@@ -23,6 +23,7 @@ enum Trait : unsigned {
   AS_LOWER = 32,   // turned to lower case when it is read
   FOR_ADMIN = 64,  // in the document of an administrator alone
   IF_UP = 128,     // shown as empty or 0 while the record is down
+  LEARNED = 256,   // found out by a tunnel or by a look-up: no one has set it
 };
 
 struct Field {
@@ -64,6 +65,15 @@ struct Field {
   [[nodiscard]] constexpr bool is_saved() const { return !is(UNSTORED) && !is(UNSAVED); }
 };
 
+// The member of a row as text: a truth value as "true" or "false".
+[[nodiscard]] std::string value_text(const BaseConfig& record, const Field& row);
+
+// Forgets what only a live tunnel has.
+void forget_live_values(BaseConfig& record);
+
+// Whether two records of one type hold the same settings; what was learned does not count.
+[[nodiscard]] bool same_settings(const BaseConfig& one, const BaseConfig& other);
+
 inline constexpr Field BASE_FIELDS[] = {{"Enable", &BaseConfig::enable, 0, "enable", 1}};
 
 // clang-format off
@@ -89,7 +99,7 @@ inline constexpr Field CLIENT_FIELDS[] = {
     {"Mask",            &ClientConfig::mask,         DEFAULT_MASK,          "mask",         13},
     {"Index",           &ClientConfig::index,        0,                     "index",        1},
     {"FENRO Port",      &ClientConfig::fenro_port,   0,                     "fenro_port",   2},
-    {"Last Error",      &ClientConfig::last_error,   0,                     "last_error",   3},
+    {"Last Error",      &ClientConfig::last_error,   0,                     "last_error",   3,  LEARNED},
     {"Imported",        &ClientConfig::imported,     0,                     nullptr,        0,  AS_NUMBER},
     {"Reconnect",       &ClientConfig::reconnect,    1,                     "reconnect",    4,  AS_NUMBER},
     {"Custom Mask",     &ClientConfig::custom_mask,  0,                     "custom_mask",  5},
@@ -101,13 +111,13 @@ inline constexpr Field CLIENT_FIELDS[] = {
     {"LocalIP",         &ClientConfig::local_ip,     "",                    "local_ip",     19, IF_UP},
     {"RemoteIP",        &ClientConfig::remote_ip,    "",                    "remote_ip",    0,  IF_UP},
     {"Country Code",    &ClientConfig::country_code, "",                    "country_code", 21, IF_UP},
-    {"Status",          &ClientConfig::status,       DISCONNECTED_STATUS,   "status",       9},
+    {"Status",          &ClientConfig::status,       DISCONNECTED_STATUS,   "status",       9,  LEARNED},
     {"Time Stamp",      &ClientConfig::timestamp,    0,                     nullptr,        20, IF_UP},
     {"Up",              &ClientConfig::up,           "",                    nullptr,        14},
     {"Down",            &ClientConfig::down,         "",                    nullptr,        15},
     {"Metadata",        &ClientConfig::metadata,     "",                    "metadata",     11},
     {"Vendor",          &ClientConfig::vendor,       "",                    "vendor",       10},
-    {"DNS Server",      &ClientConfig::dns_server,   "",                    "dns_server",   12},
+    {"DNS Server",      &ClientConfig::dns_server,   "",                    "dns_server",   12, LEARNED},
     {"TX",              &ClientConfig::tx,           0,                     "tx_total",     16, UNSTORED | IF_UP},
     {"RX",              &ClientConfig::rx,           0,                     "rx_total",     17, UNSTORED | IF_UP},
     {"TX Rate",         &ClientConfig::tx_rate,      0,                     "tx_rate",      0,  UNSTORED | IF_UP},

@@ -22,8 +22,8 @@ constexpr int MAX_USER_PROFILES = 16;  // client profiles that belong to no appl
 
 Management cm;
 
-int Management::load() {
-  const Conf conf{Conf_Dir_Load(VPN_CONF)};
+int Management::load(const char* path) {
+  const Conf conf{Conf_Dir_Load(path)};
   config_version = Conf_Dir_Get_Str(conf.get(), "global", "dbversion", "");
   load_servers(conf.get());
   load_clients(conf.get());

@@ -24,8 +24,9 @@ class Management {
   std::string config_version;  // "dbversion" as read, empty if absent
   PolyConfigPool config_pool;
 
-  // Reads the file and the process table. Once per process: the pool is not cleared. Always 0.
-  int load();
+  // Reads the file, or another one of its form, and the process table. Once per object: the pool is
+  // not cleared. Always 0.
+  int load(const char* path = VPN_CONF);
   // Writes the file. 0 or ERR_SAVE_CONFIG.
   int save();
   // Shows every record whose type has a bit in `mask`; `out` becomes an array if there is one.

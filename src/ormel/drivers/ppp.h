@@ -50,7 +50,8 @@ inline constexpr config::Field SERVER_LOGIN_FIELDS[] = {
     {"MSS",           &ServerConfig::mss,            DEFAULT_MSS,             "mss",  2},
 };
 
-inline constexpr config::Field CLIENT_ADDRESS_FIELDS[] = {{"Domain IP", &ClientConfig::ip, ""}};
+inline constexpr config::Field CLIENT_ADDRESS_FIELDS[] = {
+    {"Domain IP", &ClientConfig::ip, "", nullptr, 0, config::LEARNED}};
 
 inline constexpr config::Field CLIENT_LOGIN_FIELDS[] = {
     {"Authentcation", &ClientConfig::authentication, MSCHAPV2_AUTHENTICATION, "auth", 1},

@@ -50,7 +50,7 @@ constexpr Variable VARIABLES[] = {
 
 // The stored server as a work record.
 std::unique_ptr<PolyConfig> stored_server() {
-  cm.load();
+  if (cm.config_pool.empty()) cm.load();
   return cm.clone(WIREGUARD_SERVER_TYPE, 0);
 }
 

@@ -14,7 +14,8 @@ constexpr const Routes* PARTS[] = {
     &misc::NETWORK,           &user::USERS,         &privilege::RIGHTS,
     &privilege::BLOCKS,       &gateway::POLICY,     &guard::GUARD,
     &pelmar::STATUS,          &pelmar::JOINING,     &pelmar::LOGIN,
-    &status::STATES,          &audit::TRAIL,       &change::CHANGE,
+    &status::STATES,          &audit::TRAIL,        &change::CHANGE,
+    &backup::BACKUP,
 };
 
 }  // namespace

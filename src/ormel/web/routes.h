@@ -12,6 +12,9 @@ namespace ormel::cgi {
 namespace audit {
 extern const Routes TRAIL;
 }
+namespace backup {
+extern const Routes BACKUP;
+}
 namespace config {
 extern const Routes PROFILES, UPLOADS, PROFILE_EDIT, DOWNLOADS, REPORT;
 }

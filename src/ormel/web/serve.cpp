@@ -192,7 +192,7 @@ int serve(const Route& route, JsonValue& response) {
   }
   ormel::audit::Recorder recorder = recorder_of(route, request);
   const int rc = can_be_taken_back(route) ? give_undoable(route, request, response)
-                                    : route.answer.give(request, response);
+                                          : route.answer.give(request, response);
   if (request.is_change()) return recorder.finish(rc);
   recorder.drop();
   return rc;

@@ -19,7 +19,7 @@ constexpr auto POOL_FIELDS = config::pool_fields("10.6.0.2", "10.6.0.254");
 constexpr config::Field DEBUG_FIELDS[] = {{"Debug", &ServerConfig::debug, 0, "debug", 1}};
 
 constexpr config::Field CLIENT_FIELDS[] = {
-    {"Domain IP", &ClientConfig::ip,    ""},
+    {"Domain IP", &ClientConfig::ip,    "",           nullptr, 0, config::LEARNED},
     {"VPN Port",  &ClientConfig::port,  DEFAULT_PORT, "port",  2, config::FOR_ADMIN},
     {"PSK",       &ClientConfig::psk,   "",           "psk",   1, config::FOR_ADMIN},
     {"Debug",     &ClientConfig::debug, 0,            "debug", 3, config::FOR_ADMIN},

@@ -20,15 +20,15 @@ constexpr std::chrono::seconds LOOKUP_TIME{60};
 
 // clang-format off
 constexpr config::Field CLIENT_FIELDS[] = {
-    {"Domain IP",                  &ClientConfig::ip,            ""},
+    {"Domain IP",                  &ClientConfig::ip,            "",                nullptr,          0, config::LEARNED},
     {"VPN Port",                   &ClientConfig::port,          DEFAULT_PORT,      "port",           3},
     {"VPN Proto Type",             &ClientConfig::protocol,      "tcp",             "proto",          4, config::AS_LOWER},
     {"Enable compressed VPN link", &ClientConfig::compress,      1,                 "compress",       1, config::AS_NUMBER},
     {"Auth User Pass",             &ClientConfig::auth_pass,     1,                 "auth_user_pass"},
     {"Vendor Auth",                &ClientConfig::vendor_auth,   0,                 "vendor_auth",    5},
     {"Encryption",                 &ClientConfig::encryption,    MEDIUM_ENCRYPTION, "enc",            2},
-    {"Trusted IP",                 &ClientConfig::trusted_ip,    "",                "trusted_ip"},
-    {"Trusted Proto",              &ClientConfig::trusted_proto, ""},
+    {"Trusted IP",                 &ClientConfig::trusted_ip,    "",                "trusted_ip",     0, config::LEARNED},
+    {"Trusted Proto",              &ClientConfig::trusted_proto, "",                nullptr,          0, config::LEARNED},
 };
 // clang-format on
 

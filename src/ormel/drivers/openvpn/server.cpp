@@ -29,7 +29,7 @@ constexpr auto POOL_FIELDS = config::pool_fields("10.8.0.2", "10.8.0.254");
 constexpr config::Field SERVER_FIELDS[] = {
     {"Use Manual DNS",             &ServerConfig::manual_dns,          config::ANY_ADDRESS,       "manual_dns"},
     {"Enable Manual DNS",          &ServerConfig::enable_dns,          0,                         "enable_dns"},
-    {"Download Status",            &ServerConfig::download_status,     0,                         "download"},
+    {"Download Status",            &ServerConfig::download_status,     0,                         "download", 0, config::LEARNED},
     {"Re-direct gateway",          &ServerConfig::gateway,             1,                         "gateway"},
     {"Broadcast support",          &ServerConfig::broadcast,           1},
     {"Enable compressed VPN link", &ServerConfig::compress,            1,                         "compress"},

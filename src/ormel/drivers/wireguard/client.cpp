@@ -34,7 +34,7 @@ constexpr config::Field CLIENT_FIELDS[] = {
     {"PSK",                 &ClientConfig::psk,            "",                  "psk",            1, config::FOR_ADMIN},
     {"Peer Allowed IPs",    &ClientConfig::peer_allow_ip,  "",                  "peer_allow_ip",  0, config::FOR_ADMIN},
     {"Peer keepalive",      &ClientConfig::keepalive,      0,                   "keepalive",      0, config::FOR_ADMIN},
-    {"Domain IP",           &ClientConfig::conf_domain_ip, ""},
+    {"Domain IP",           &ClientConfig::conf_domain_ip, "",                  nullptr,          0, config::LEARNED},
 };
 // clang-format on
 

@@ -1,0 +1,334 @@
+// Backups and documents: what one appliance has comes whole to an empty one, and what is wrong
+// changes nothing.
+// appliance: --pair --web
+
+#include <random>
+
+#include <jansson.h>
+
+#include "support/far_appliance.h"
+#include "support/web_request.h"
+
+using namespace ormel::test;
+
+namespace {
+
+constexpr const char* TOOL = "/usr/sbin/ormelctl";
+constexpr const char* FILE_NAME = "/root/office.ormel";
+constexpr const char* EMPTY = "/root/empty.ormel";
+constexpr const char* PASSPHRASE = "correct horse battery";
+constexpr const char* PASSPHRASE_FILE = "/root/passphrase";
+constexpr const char* SITE = "/root/site.json";
+constexpr const char* KEY = "MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM=";
+constexpr int PATIENCE = 40;  // seconds for a tunnel on a busy machine
+const std::vector<std::string> PLACES{"PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
+
+Result ctl(std::vector<std::string> words, const std::string& input = {}) {
+  words.insert(words.begin(), TOOL);
+  return run(words, PLACES, input);
+}
+
+Result far_ctl(std::vector<std::string> words, const std::string& input = {}) {
+  words.insert(words.begin(), TOOL);
+  return far::run(words, PLACES, input);
+}
+
+// All files of state as they are: a name and a digest a line.
+std::string state() {
+  return run({"/bin/sh", "-c",
+              "find /etc/config /etc/openvpn/keys /etc/ppp /var/lib/ormel -type f "
+              "! -name '*.db*' -exec sha256sum {} + | sort"},
+             PLACES)
+      .out;
+}
+
+class Backup : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (const ormel::Fd device{open("/dev/net/tun", O_RDWR | O_CLOEXEC)}; !device)
+      GTEST_SKIP() << "no OpenVPN without the TUN device /dev/net/tun";
+    write(PASSPHRASE_FILE, std::string(PASSPHRASE) + '\n');
+    write("/root/secret", "s3cret-of-tests\n");
+    ASSERT_EQ(run({"/etc/init.d/vpn_common.sh", "setup_vpn_entrance"}).status, 0);
+    if (!fs::exists(EMPTY)) ctl({"backup", EMPTY, "--passphrase-file", PASSPHRASE_FILE});
+    ASSERT_EQ(ctl(restore_words(EMPTY)).status, 0) << "each test begins with nothing";
+  }
+  static void expect_done(const std::vector<std::string>& words) {
+    const Result result = ctl(words);
+    EXPECT_EQ(result.status, 0) << testing::PrintToString(words) << result.out << result.err;
+  }
+  // One of everything.
+  static void furnish() {
+    expect_done({"server", "on", "openvpn"});
+    expect_done({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
+                 "51820", "--yes"});
+    expect_done({"server", "on", "wireguard"});
+    for (const char* server : {"l2tp", "drovik"})
+      expect_done({"server", "set", server, "--psk-file", "/root/secret", "--yes"});
+    expect_done({"server", "set", "pptp", "--max", "7", "--yes"});
+    expect_done({"peer", "add", "phone", "--host", "vpn.example.org"});
+    for (const char* protocol : {"pptp", "l2tp", "drovik"}) {
+      std::vector<std::string> words{"profile", "add",         protocol,      "--name",
+                                     protocol,  "--host",      "192.0.2.1",   "--user",
+                                     "bob",     "--pass-file", "/root/secret"};
+      if (protocol != std::string_view("pptp"))
+        words.insert(words.end(), {"--psk-file", "/root/secret"});
+      expect_done(words);
+    }
+    expect_done({"profile", "add", "wireguard", "--name", "w \xc3\xa9", "--address", "198.18.8.5",
+                 "--peer-key", KEY, "--endpoint", "192.0.2.9:51820"});
+    write("/root/office.ovpn", ctl({"profile", "export"}).out);
+    expect_done({"profile", "import", "/root/office.ovpn", "--name", "far", "--user", "guest",
+                 "--pass-file", "/root/secret", "--yes"});
+    expect_done({"user", "grant", "guest", "openvpn", "l2tp"});
+    expect_done({"user", "policy", "--limit", "4"});
+    expect_done({"gateway", "set", "far", "pptp", "--back", "10"});
+    expect_done({"guard", "on", "--lan", "1"});
+    expect_done({"notify", "add", "ops", "--url", "https://hooks.example.org/a", "--events",
+                 "failed lost"});
+    EXPECT_EQ(run({"/usr/lib/fenro/fenro-hold", "add", "user", "carol", "3600"}).status, 0);
+  }
+  static std::string exported() { return ctl({"export", "--secrets"}).out; }
+  static std::vector<std::string> restore_words(const std::string& file) {
+    return {"restore", file, "--passphrase-file", PASSPHRASE_FILE};
+  }
+};
+
+TEST_F(Backup, ComesWholeToAnEmptyApplianceThatOldClientsReach) {
+  furnish();
+  const Result made =
+      ctl({"backup", FILE_NAME, "--passphrase-file", "-"}, std::string(PASSPHRASE) + '\n');
+  ASSERT_EQ(made.status, 0) << made.err;
+  EXPECT_THAT(made.out,
+              HasSubstr("5 profiles, 2 servers that are on, 1 device, 1 user with rights"));
+  EXPECT_EQ(mode_of(FILE_NAME), 0600U);
+  EXPECT_THAT(read(FILE_NAME), Not(HasSubstr("s3cret")));
+  const std::string here = exported();
+  EXPECT_THAT(here, HasSubstr("s3cret-of-tests"));
+  EXPECT_THAT(ctl({"export"}).out, Not(HasSubstr("s3cret-of-tests")));
+
+  far::write(FILE_NAME, read(FILE_NAME));
+  far::write(PASSPHRASE_FILE, PASSPHRASE);
+  far::run({"/etc/init.d/vpn_common.sh", "setup_vpn_entrance"});
+  const Result look =
+      far_ctl({"restore", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE, "--dry-run"});
+  EXPECT_THAT(look.out, AllOf(HasSubstr("+ far (openvpn/1)\n"), HasSubstr("~ openvpn server\n"),
+                              EndsWith("nothing was changed\n")));
+  EXPECT_THAT(far_ctl({"export"}).out, Not(HasSubstr("\"far\"")));
+  const Result restored = far_ctl(restore_words(FILE_NAME));
+  ASSERT_EQ(restored.status, 0) << restored.err;
+  EXPECT_EQ(far_ctl({"export", "--secrets"}).out, here);
+  far::write(SITE, here);
+  EXPECT_EQ(far_ctl({"diff", SITE}).status, 0);
+  EXPECT_THAT(far_ctl({"hold", "list"}).out, HasSubstr("carol"));
+  EXPECT_THAT(far::run({"/usr/bin/wg", "show", "wg0", "peers"}).out.size(), 45U);
+  EXPECT_THAT(far_ctl(restore_words(FILE_NAME)).out, HasSubstr("restored: 0 differed"));
+
+  // The guard would hold back what leaves, and the pool is that of the far end now.
+  expect_done({"guard", "off"});
+  far_ctl({"guard", "off"});
+  expect_done({"server", "off", "openvpn", "--yes"});
+  std::string profile = read("/root/office.ovpn");
+  const size_t remote = profile.find("\nremote ");
+  profile.replace(remote, profile.find('\n', remote + 1) - remote,
+                  std::string("\nremote ") + far::ADDRESS + " 1194");
+  write("/root/moved.ovpn", profile);
+  write("/root/password", far::read("/var/lib/appliance/password.guest"));
+  expect_done({"profile", "import", "/root/moved.ovpn", "--name", "old", "--user", "guest",
+               "--pass-file", "/root/password", "--yes"});
+  const Result up = ctl({"profile", "up", "old", "--wait", std::to_string(PATIENCE)});
+  EXPECT_EQ(up.status, 0) << up.err;
+  EXPECT_THAT(far_ctl({"who"}).out, HasSubstr("guest"));
+  ctl({"profile", "down", "old"});
+}
+
+TEST_F(Backup, OfWhichAByteIsWrongChangesNothing) {
+  ctl({"profile", "add", "pptp", "--name", "a", "--host", "192.0.2.1"});
+  ASSERT_EQ(ctl({"backup", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE}).status, 0);
+  const std::string good = read(FILE_NAME);
+  ctl({"profile", "add", "pptp", "--name", "b", "--host", "192.0.2.2"});
+  const std::string before = state();
+  std::mt19937 random(7);
+  for (int i = 0; i < 60; ++i) {
+    std::string bad = good;
+    const size_t at = random() % good.size();
+    if (i % 3 == 0) {
+      bad.resize(at);
+    } else if (i % 3 == 1) {
+      bad[at] = static_cast<char>(bad[at] ^ (1 << (i % 8)));
+    } else {
+      bad.insert(at, "x");
+    }
+    write("/root/bad.ormel", bad);
+    const Result refused = ctl(restore_words("/root/bad.ormel"));
+    EXPECT_EQ(refused.status, 1) << i;
+    EXPECT_THAT(refused.err, ContainsRegex("^ormelctl: [^\n]+\n  [^\n]+\n$"));
+  }
+  write("/root/wrong", "another passphrase");
+  EXPECT_THAT(ctl({"restore", FILE_NAME, "--passphrase-file", "/root/wrong"}).err,
+              HasSubstr("the passphrase is wrong"));
+  EXPECT_EQ(ctl({"restore", FILE_NAME}).status, 2) << "--passphrase-file is missing";
+  EXPECT_EQ(
+      ctl({"restore", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE, "--only", "all"}).status, 2);
+  EXPECT_EQ(state(), before);
+}
+
+TEST_F(Backup, BringsTheWantedPartsAlone) {
+  ctl({"profile", "add", "pptp", "--name", "kept", "--host", "192.0.2.1"});
+  ctl({"user", "grant", "guest", "pptp"});
+  ASSERT_EQ(ctl({"backup", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE}).status, 0);
+  ctl({"user", "revoke", "guest", "--yes"});
+  ctl({"profile", "rm", "kept", "--yes"});
+  std::vector<std::string> words = restore_words(FILE_NAME);
+  words.insert(words.end(), {"--only", "rights"});
+  EXPECT_EQ(ctl(words).status, 0);
+  EXPECT_THAT(ctl({"user", "list", "--filter", "guest"}).out, HasSubstr("pptp"));
+  EXPECT_EQ(ctl({"profile", "show", "kept"}).status, 3);
+  words.back() = "profiles";
+  EXPECT_EQ(ctl(words).status, 0);
+  EXPECT_EQ(ctl({"profile", "show", "kept"}).status, 0);
+}
+
+TEST_F(Backup, BringsCopiesOfProfilesBesideThePresentOnes) {
+  expect_done({"server", "on", "openvpn"});
+  write("/root/office.ovpn", ctl({"profile", "export"}).out);
+  expect_done({"profile", "import", "/root/office.ovpn", "--name", "far", "--user", "guest",
+               "--pass-file", "/root/secret", "--yes"});
+  expect_done({"profile", "add", "pptp", "--name", "office", "--host", "192.0.2.1"});
+  expect_done({"profile", "add", "wireguard", "--name", "w", "--address", "198.18.8.5",
+               "--peer-key", KEY, "--endpoint", "192.0.2.9:51820"});
+  expect_done({"backup", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE});
+  std::vector<std::string> words = restore_words(FILE_NAME);
+  words.emplace_back("--as-copy");
+  EXPECT_EQ(ctl(words).status, 2) << "for profiles alone";
+  words.insert(words.end(), {"--only", "profiles"});
+  const Result copied = ctl(words);
+  EXPECT_EQ(copied.status, 0) << copied.err;
+  EXPECT_THAT(copied.out, HasSubstr("warning: w (wireguard/1) is not copied: "));
+  EXPECT_THAT(
+      ctl({"profile", "list"}).out,
+      AllOf(HasSubstr("office (copy)"), HasSubstr("far (copy)"), Not(HasSubstr("w (copy)"))));
+  EXPECT_THAT(read("/etc/config/openvpn/clients/client2"), HasSubstr("dev tun2002\n"));
+  EXPECT_THAT(read("/etc/config/openvpn/clients/client1"), HasSubstr("dev tun2001\n"));
+  EXPECT_EQ(conf_value("OPENVPN_CLIENT2", "Name"), "guest");
+}
+
+TEST_F(Backup, IsMadeShownAndRestoredOverTheWeb) {
+  ctl({"profile", "add", "pptp", "--name", "a", "--host", "192.0.2.1"});
+  const auto session = [](const char* user) {
+    return run({"/usr/lib/fenro/fenro-session", "create", user}).out.substr(0, 8);
+  };
+  const std::string admin = session("admin"), guest = session("guest");
+  const std::string secret = std::string("passphrase=") + PASSPHRASE;
+  const WebReply file =
+      https("/ormel/backup/download", {"-o", "/root/web.ormel", "-D", "/dev/stdout", "--data",
+                                       "sid=" + admin, "--data-urlencode", secret});
+  EXPECT_THAT(file.head + file.body, HasSubstr("filename=backup.ormel"));
+  run({"/usr/bin/curl", "-ksS", "-o", "/root/web.ormel", "--data", "sid=" + admin,
+       "--data-urlencode", secret, "https://localhost/ormel/backup/download"});
+  EXPECT_THAT(
+      https("/ormel/backup/download", {"--data", "sid=" + admin + "&passphrase=short"}).body,
+      HasSubstr("\"error\":15"));
+  EXPECT_THAT(
+      https("/ormel/backup/download", {"--data", "sid=" + guest, "--data-urlencode", secret}).body,
+      HasSubstr("\"error\":39"));
+  ctl({"profile", "rm", "a", "--yes"});
+  const auto upload = [&](const std::string& route, const std::string& sid,
+                          const std::string& words) {
+    return https(route, {"-F", "sid=" + sid, "-F", words, "-F", "backup=@/root/web.ormel"}).body;
+  };
+  EXPECT_THAT(upload("/ormel/backup/inspect", guest, secret), HasSubstr("\"error\":39"));
+  EXPECT_THAT(upload("/ormel/backup/inspect", admin, "passphrase=another one"),
+              HasSubstr("\"error\":38"));
+  EXPECT_THAT(upload("/ormel/backup/inspect", admin, secret),
+              AllOf(HasSubstr(R"("profiles":["a"])"), HasSubstr(R"x("added":["a (pptp/1)"])x")));
+  EXPECT_EQ(ctl({"profile", "show", "a"}).status, 3) << "a look changes nothing";
+  EXPECT_THAT(upload("/ormel/backup/restore", admin, secret), HasSubstr("\"error\":0"));
+  EXPECT_EQ(ctl({"profile", "show", "a"}).status, 0);
+  EXPECT_EQ(uploads(), 0U);
+  EXPECT_THAT(read(LOG), Not(HasSubstr(PASSPHRASE)));
+}
+
+TEST_F(Backup, ADocumentIsAppliedOnceAndRefusedWhole) {
+  ctl({"server", "on", "openvpn"});
+  ctl({"profile", "add", "pptp", "--name", "office", "--host", "192.0.2.1"});
+  write(SITE, R"({"format": 1,
+    "servers": {"openvpn": {"maximum": 20}, "l2tp": {"psk": {"file": "secret"}}},
+    "profiles": {"branch": {"protocol": "l2tp", "host": "192.0.2.7", "psk": "abc"}},
+    "rights": {"guest": ["openvpn"]},
+    "gateway": {"on": true, "first": "branch", "snat": true}})");
+  const Result shown = ctl({"diff", SITE});
+  EXPECT_EQ(shown.status, 6);
+  EXPECT_THAT(shown.out, AllOf(HasSubstr("~ servers.openvpn.maximum  5 → 20\n"),
+                               HasSubstr("~ servers.l2tp.psk  changed\n"),
+                               HasSubstr("+ profiles.branch (l2tp)\n"),
+                               HasSubstr("- profiles.office (pptp)\n")));
+  const std::string before = state();
+  EXPECT_THAT(ctl({"apply", SITE, "--dry-run"}).out, EndsWith("nothing was changed\n"));
+  EXPECT_EQ(state(), before);
+
+  const Result applied = ctl({"apply", SITE});
+  EXPECT_EQ(applied.status, 0) << applied.err;
+  EXPECT_EQ(applied.out, "changed 3, added 2, left 1 as they are\n");
+  EXPECT_EQ(conf_value("OPENVPN", "Max Client"), "20");
+  EXPECT_EQ(conf_value("L2TP_CLIENT1", "PSK"), "abc");
+  const std::string settled = state();
+  const Result again =
+      run({"/usr/bin/strace", "-f", "-e", "trace=execve", "-o", "/root/trace", TOOL, "apply", SITE},
+          PLACES);
+  EXPECT_EQ(again.out, "changed 0, added 0, left 6 as they are\n");
+  // Each run looks up the place of its log.
+  EXPECT_EQ(
+      run({"/bin/sh", "-c", "grep 'execve(' /root/trace | grep -vc /sbin/getcfg"}, PLACES).out,
+      "1\n")
+      << read("/root/trace");
+  EXPECT_EQ(state(), settled);
+  EXPECT_EQ(ctl({"apply", SITE, "--prune"}).out,
+            "changed 0, added 0, removed 1, left 5 as they are\n");
+  EXPECT_EQ(ctl({"diff", SITE}).status, 0);
+  EXPECT_EQ(ctl({"diff", "-"}, ctl({"export"}).out).status, 0);
+  EXPECT_EQ(read("/usr/share/ormel/state.schema.json"), ctl({"__schema"}).out);
+}
+
+TEST_F(Backup, ADocumentThatIsWrongInOnePlaceChangesNothing) {
+  ctl({"profile", "add", "pptp", "--name", "office", "--host", "192.0.2.1"});
+  const std::string before = state();
+  const struct {
+    const char* member;
+    const char* said;
+  } cases[] = {
+      {R"("servers": {"openvpn": {"maximum": 999}})", "servers.openvpn.maximum does not take 999"},
+      {R"("servers": {"openvpn": {"port": 70000}})", "servers.openvpn.port does not take 70000"},
+      {R"("servers": {"l2tp": {"enable": true, "psk": ""}})", "servers.l2tp.psk"},
+      {R"("servers": {"pptp": {"out_eif": "nic0"}})", "servers.pptp.out_eif does not take nic0"},
+      {R"("profiles": {"x": {"protocol": "pptp", "host": "a b"}})", "profiles.x.host"},
+      {R"("profiles": {"x": {"protocol": "l2tp", "host": "192.0.2.1"}})", "profiles.x cannot be"},
+      {R"("profiles": {"x": {"protocol": "l2tp", "psk": {"kept": true}}})",
+       "profiles.x.psk is not kept here"},
+      {R"("profiles": {"x": {"protocol": "openvpn"}})", "profiles.x.config"},
+      {R"("profiles": {"x": {"protocol": "openvpn", "config": "dev tap"}})", "profiles.x.config"},
+      {R"("profiles": {"office": {"protocol": "l2tp", "psk": "a"}})", "profiles.office.protocol"},
+      {R"("peers": {"p": {"peer_pub_key": "x", "peer_allow_ip": "198.18.7.2/32"}})",
+       "peers.p.peer_pub_key"},
+      {R"("peers": {"p": {"peer_pub_key": "MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM=",
+                          "peer_allow_ip": "10.9.9.2/32"}})",
+       "peers.p.peer_allow_ip is not in the server's network"},
+      {R"("rights": {"nobody-here": ["pptp"]})", "rights.nobody-here is no user"},
+      {R"("gateway": {"on": true, "first": "none"})", "gateway.first is no profile"},
+      {R"("notifications": {"n": {"url": "ftp://x"}})", "notifications.n.url"},
+      {R"("block": {"limit": 1})", "block.limit is not between 2 and 10"},
+      {R"("rights": )", "line 2"},
+  };
+  for (const auto& row : cases) {
+    // Something good comes before it.
+    write(SITE,
+          std::string(R"({"format": 1, "guard": {"mode": "strict"},)") + '\n' + row.member + '}');
+    const Result refused = ctl({"apply", SITE});
+    EXPECT_EQ(refused.status, 1) << row.member;
+    EXPECT_THAT(refused.err, HasSubstr(row.said));
+  }
+  EXPECT_EQ(state(), before);
+  EXPECT_EQ(ctl({"apply", "/nowhere.json"}).status, 3);
+}
+
+}  // namespace
