@@ -14,7 +14,7 @@ constexpr const Routes* PARTS[] = {
     &misc::NETWORK,           &user::USERS,         &privilege::RIGHTS,
     &privilege::BLOCKS,       &gateway::POLICY,     &guard::GUARD,
     &pelmar::STATUS,          &pelmar::JOINING,     &pelmar::LOGIN,
-    &status::STATES,
+    &status::STATES,          &address::ADDRESS,
 };
 
 }  // namespace

@@ -15,6 +15,9 @@ extern const Routes PROFILES, UPLOADS, PROFILE_EDIT, DOWNLOADS, REPORT;
 namespace peer {
 extern const Routes PEERS;
 }
+namespace address {
+extern const Routes ADDRESS;
+}
 namespace connection {
 extern const Routes CONNECTIONS, ENDINGS;
 }
