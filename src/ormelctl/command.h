@@ -134,7 +134,12 @@ Result server_set(const Arguments& arguments);
 Result peer_list(const Arguments& arguments);
 Result peer_add(const Arguments& arguments);
 Result peer_qr(const Arguments& arguments);
+Result peer_limit(const Arguments& arguments);
 Result peer_remove(const Arguments& arguments);
+
+Result address_set(const Arguments& arguments);
+Result address_remove(const Arguments& arguments);
+Result address_show(const Arguments& arguments);
 
 Result user_list(const Arguments& arguments);
 Result user_grant(const Arguments& arguments);

@@ -1,9 +1,12 @@
 // The devices of the WireGuard server.
 #include <ctime>
+#include <map>
 #include <unistd.h>
 
 #include "ormel/base/error.h"
 #include "ormel/drivers/wireguard/key.h"
+#include "ormel/host/public_address.h"
+#include "ormel/web/hold.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/profile.h"
 #include "ormelctl/qr.h"
@@ -11,11 +14,9 @@
 namespace ormelctl {
 namespace {
 
-const Columns PEER_COLUMNS = {{"name", "NAME"},
-                              {"index", "INDEX"},
-                              {"address", "ADDRESS"},
-                              {"seen", "LAST HANDSHAKE"},
-                              {"key", "KEY"}};
+const Columns PEER_COLUMNS = {{"name", "NAME"},       {"index", "INDEX"},
+                              {"address", "ADDRESS"}, {"seen", "LAST HANDSHAKE"},
+                              {"allowed", "ALLOWED"}, {"key", "KEY"}};
 
 ormel::Json peer_row(const json_t* peer) {
   const std::string seen = text_of(peer, "latest_handshake");
@@ -32,6 +33,72 @@ ormel::Json peer_rows(const json_t* peers) {
   const json_t* peer = nullptr;
   json_array_foreach(peers, at, peer) json_array_append_new(rows.get(), peer_row(peer).release());
   return rows;
+}
+
+// From when on each device is kept out, by its key. A host that keeps no one out has no list.
+using Limits = std::map<std::string, long>;
+Result read_limits(Limits& limits) {
+  if (!ormel::cgi::hold::has_list()) return {};
+  const Reply reply = call("/ormel/peer/limits");
+  if (reply.error != 0) return failed(reply.error, reply.reason);
+  size_t at = 0;
+  const json_t* limit = nullptr;
+  json_array_foreach(reply.data(), at, limit) limits[text_of(limit, "who")] =
+      number_of(limit, "since");
+  return {};
+}
+
+// Adds to each row whether the device is let in: "since" is its limit, 0 without one.
+void add_limits(json_t* rows, const Limits& limits) {
+  const long now = std::time(nullptr);
+  size_t at = 0;
+  json_t* row = nullptr;
+  json_array_foreach(rows, at, row) {
+    const auto found = limits.find(text_of(row, "key"));
+    const long since = found == limits.end() ? 0 : found->second;
+    json_object_set_new(row, "limit", json_integer(since));
+    const std::string allowed = since == 0    ? "yes"
+                                : since > now ? "until " + moment_text(since)
+                                              : "no";
+    json_object_set_new(row, "allowed", json_string(allowed.c_str()));
+  }
+}
+
+// The moment of a day, or of a day and a time, in the host's time zone; -1 for any other text.
+long moment_of(const std::string& text) {
+  for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M"}) {
+    std::tm given{};
+    const char* const end = strptime(text.c_str(), format, &given);
+    if (!end || *end != '\0') continue;
+    std::tm real = given;
+    real.tm_isdst = -1;
+    const std::time_t moment = std::mktime(&real);
+    // A day that the month does not have would have become one of the next.
+    return real.tm_mday == given.tm_mday ? moment : -1;
+  }
+  return -1;
+}
+
+// What the options of a limit ask for: seconds since 1970, 0 for no limit. A failure with the
+// reason for anything but one option.
+Result wanted_limit(const Arguments& arguments, long& since) {
+  if (arguments.options.size() != 1)
+    return failed(Exit::Usage, "one of --until, --off and --on is needed");
+  const long now = std::time(nullptr);
+  const std::string until = arguments.value("until", "never");
+  if (arguments.has("off")) {
+    since = now;
+  } else if (until == "never") {
+    since = 0;
+  } else if (since = moment_of(until); since < 0) {
+    return failed(Exit::Usage,
+                  "--until takes a day such as 2030-12-31, with a time after it such "
+                  "as \"2030-12-31 18:00\", or never");
+  } else if (since <= now) {
+    return failed(Exit::Usage, "--until " + until + " is over",
+                  "--off keeps the device out from now on");
+  }
+  return {};
 }
 
 ormel::Json server() {
@@ -92,17 +159,17 @@ Result handed_out(const Handout& handout) {
                                     "configuration", handout.file.c_str())});
 }
 
-// Whether --host can stand in a configuration; a failure with the example if not.
-Result usable_host(const Arguments& arguments, const char* example) {
+// The host of a device's configuration: that of --host, else the public address. A failure with the
+// example when it is of no use.
+Result usable_host(const Arguments& arguments, const char* example, std::string& host) {
   constexpr const char* MISSING =
-      "--host is missing (the public name or address of this host, for the device's configuration)";
-  const std::string host = arguments.value("host");
+      "--host is missing (the public name or address of this host, for the device's configuration; "
+      "ormelctl address set keeps one)";
+  host = arguments.has("host") ? arguments.value("host") : ormel::system::public_address();
   if (host.empty()) return failed(Exit::Usage, MISSING, example);
-  const bool has_port = host.find(':') != std::string::npos && host.find(':') == host.rfind(':');
-  const bool odd = printable(host) != host || host.find_first_of(" /[]") != std::string::npos;
-  return has_port || odd
-             ? failed(Exit::Usage, "--host is a name or an address, without a port", example)
-             : Result{};
+  return ormel::system::is_host(host)
+             ? Result{}
+             : failed(Exit::Usage, "--host is a name or an address, without a port", example);
 }
 
 // The device of a name or an index in `found`; a failure without exactly one.
@@ -130,6 +197,9 @@ Result peer_list(const Arguments&) {
   const Reply reply = call("/ormel/peer/list");
   if (reply.error != 0) return failed(reply.error, reply.reason);
   ormel::Json rows = peer_rows(reply.data());
+  Limits limits;
+  if (Result unread = read_limits(limits); unread.exit != Exit::Done) return unread;
+  add_limits(rows.get(), limits);
   const bool none = json_array_size(rows.get()) == 0;
   return done(none ? "No devices. Add one: ormelctl peer add phone --host vpn.example.org" : "",
               std::move(rows), PEER_COLUMNS);
@@ -150,7 +220,9 @@ Result peer_add(const Arguments& arguments) {
   if (own_key && !ormel::wireguard::is_key(arguments.value("key")))
     return failed(Exit::Usage, "--key is not a public key of WireGuard",
                   "wg pubkey prints one of 44 characters");
-  Result wrong_host = usable_host(arguments, "ormelctl peer add phone --host vpn.example.org");
+  std::string host;
+  Result wrong_host =
+      usable_host(arguments, "ormelctl peer add phone --host vpn.example.org", host);
   if (!own_key && wrong_host.exit != Exit::Done) return wrong_host;
   const ChangeLock lock;
   if (!lock)
@@ -182,8 +254,8 @@ Result peer_add(const Arguments& arguments) {
       .address = address,
       .key = public_key,
       .file = own_key ? ""
-                      : configuration(hub.get(), arguments.value("host"), address,
-                                      text_of(keys.data(), "pri_key"), psk, arguments.has("all"))};
+                      : configuration(hub.get(), host, address, text_of(keys.data(), "pri_key"),
+                                      psk, arguments.has("all"))};
   if (arguments.has("qr")) {
     if (const std::string wrong = add_code(handout); !wrong.empty())
       return failed(Exit::Failed, wrong);
@@ -193,7 +265,9 @@ Result peer_add(const Arguments& arguments) {
 }
 
 Result peer_qr(const Arguments& arguments) {
-  Result wrong_host = usable_host(arguments, "ormelctl peer qr phone --host vpn.example.org --yes");
+  std::string host;
+  Result wrong_host =
+      usable_host(arguments, "ormelctl peer qr phone --host vpn.example.org --yes", host);
   if (wrong_host.exit != Exit::Done) return wrong_host;
   const ormel::Json hub = server();
   const ChangeLock lock;
@@ -211,15 +285,35 @@ Result peer_qr(const Arguments& arguments) {
   Handout handout{.name = decoded(text_of(peer, "peer_name")),
                   .address = address,
                   .key = text_of(keys.data(), "pub_key"),
-                  .file = configuration(hub.get(), arguments.value("host"), address,
-                                        text_of(keys.data(), "pri_key"), text_of(peer, "psk"),
-                                        arguments.has("all"))};
+                  .file = configuration(hub.get(), host, address, text_of(keys.data(), "pri_key"),
+                                        text_of(peer, "psk"), arguments.has("all"))};
   if (const std::string wrong = add_code(handout); !wrong.empty())
     return failed(Exit::Failed, wrong);
   const Reply reply =
       call("/ormel/peer/modify",
            {{"index", std::to_string(number_of(peer, "index"))}, {"peer_pub_key", handout.key}});
   return reply.error != 0 ? failed(reply.error, reply.reason) : handed_out(handout);
+}
+
+Result peer_limit(const Arguments& arguments) {
+  long since = 0;
+  if (Result wrong = wanted_limit(arguments, since); wrong.exit != Exit::Done) return wrong;
+  const ChangeLock lock;
+  if (!lock)
+    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  const Reply peers = call("/ormel/peer/list");
+  if (peers.error != 0) return failed(peers.error, peers.reason);
+  const json_t* peer = nullptr;
+  if (Result none = find_peer(peers.data(), arguments.words[0], peer); none.exit != Exit::Done)
+    return none;
+  const Reply reply =
+      call("/ormel/peer/limit",
+           {{"index", std::to_string(number_of(peer, "index"))}, {"since", std::to_string(since)}});
+  if (reply.error != 0) return failed(reply.error, reply.reason);
+  const std::string name = decoded(text_of(peer, "peer_name"));
+  return done(arguments.has("off") ? name + " is kept out"
+              : since == 0         ? name + " may connect"
+                                   : name + " may connect until " + moment_text(since));
 }
 
 Result peer_remove(const Arguments& arguments) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "ormel/base/error.h"
+#include "ormel/host/public_address.h"
 #include "ormelctl/advice.h"
 
 namespace ormelctl {
@@ -167,6 +168,15 @@ Result not_up(const Profile& profile, long waited, ormel::Json row) {
   result.error = failed_now ? static_cast<int>(number_of(profile.record.get(), "last_error")) : 0;
   result.data = std::move(row);
   return result;
+}
+
+// Puts a host in the place of the one that a profile names as its server.
+void set_remote(std::string& profile, const std::string& host) {
+  constexpr std::string_view OPTION = "\nremote ";
+  const size_t option = profile.find(OPTION);
+  if (option == std::string::npos) return;
+  const size_t at = option + OPTION.size();
+  profile.replace(at, profile.find(' ', at) - at, host);
 }
 
 }  // namespace
@@ -373,14 +383,19 @@ Result profile_down(const Arguments& arguments) {
                           : shown(reply, profile.name + " is disconnected");
 }
 
-Result profile_export(const Arguments&) {
+Result profile_export(const Arguments& arguments) {
+  const std::string host =
+      arguments.has("host") ? arguments.value("host") : ormel::system::public_address();
+  if (arguments.has("host") && !ormel::system::is_host(host))
+    return failed(Exit::Usage, "--host is a name or an address, without a port");
   const Reply reply = call("/ormel/config/download");
   if (reply.error != 0) {
     return failed(Exit::Failed, "the OpenVPN server has no profile yet",
                   "turn it on: ormelctl server on openvpn");
   }
   const size_t head = reply.text.find("\r\n\r\n");
-  const std::string body = head == std::string::npos ? "" : reply.text.substr(head + 4);
+  std::string body = head == std::string::npos ? "" : reply.text.substr(head + 4);
+  if (!host.empty()) set_remote(body, host);
   return done(body, ormel::Json{json_pack("{s:s}", "profile", body.c_str())});
 }
 

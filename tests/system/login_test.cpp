@@ -1,5 +1,7 @@
 // The web login through the real web server, and the tool that keeps its sessions.
 // appliance: --no-daemons --web
+#include <algorithm>
+#include <cctype>
 #include <dlfcn.h>
 #include <future>
 
@@ -30,7 +32,7 @@ Result shell(const std::string& command) {
 
 struct Reply {
   int status = 0;
-  std::string head{}, body{};
+  std::string head{}, body{};  // the head in small letters, as HTTP/2 has the names in it
   std::chrono::milliseconds time{0};
 };
 
@@ -41,7 +43,10 @@ Reply curl(const std::string& url, const std::string& options = "") {
   if (end == std::string::npos) return {};
   const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - start);
-  return {std::stoi(text.substr(text.find(' '))), text.substr(0, end), text.substr(end + 4), time};
+  std::string head = text.substr(0, end);
+  std::ranges::transform(head, head.begin(),
+                         [](unsigned char byte) { return static_cast<char>(std::tolower(byte)); });
+  return {std::stoi(head.substr(head.find(' '))), head, text.substr(end + 4), time};
 }
 
 std::string password_of(const std::string& user) {
@@ -77,7 +82,7 @@ TEST_F(WebLogin, BeginsASessionThatTheRoutesTakeUntilItIsEnded) {
         reply.body,
         std::string{R"({"error":0,"sid":")"}.append(sid).append(R"(","admin":)").append(admin) +
             "}");
-    EXPECT_NE(reply.head.find("Cache-Control: no-store"), std::string::npos) << reply.head;
+    EXPECT_NE(reply.head.find("cache-control: no-store"), std::string::npos) << reply.head;
     const std::string file = read(SESSIONS + sid);
     EXPECT_NE(file.find("ip = 127.0.0.1\nhost_ip = 127.0.0.1\n"), std::string::npos) << file;
     const std::string route = "https://localhost" + std::string{SHOW} + "?type=256&sid=" + sid;
@@ -122,7 +127,7 @@ TEST_F(WebLogin, RefusesAnAddressThatFailedTooOften) {
     const Reply reply = log_in("admin", password_of("admin"), from);
     EXPECT_EQ(reply.status, 429);
     EXPECT_EQ(reply.body, REFUSED);
-    const std::size_t at = reply.head.find("Retry-After: ");
+    const std::size_t at = reply.head.find("retry-after: ");
     ASSERT_NE(at, std::string::npos) << reply.head;
     EXPECT_NEAR(std::stoi(reply.head.substr(at + 13)), 880, 20);
     EXPECT_LT(reply.time.count(), 1000);
@@ -144,14 +149,16 @@ TEST_F(WebLogin, TakesNothingButAFormInTheBody) {
       {LOGIN + std::string{"/x"}, "-d '" + fields + "'", 404},
   };
   for (const auto& [url, options, status] : rows) {
-    SCOPED_TRACE(url + " " + options.substr(0, 200));
-    const Reply reply = curl(url, options);
-    EXPECT_EQ(reply.status, status);
-    EXPECT_EQ(reply.body.find("sid"), std::string::npos);
+    for (const std::string version : {"--http1.1 ", "--http2 "}) {
+      SCOPED_TRACE(url + " " + version + options.substr(0, 200));
+      const Reply reply = curl(url, version + options);
+      EXPECT_EQ(reply.status, status);
+      EXPECT_EQ(reply.body.find("sid"), std::string::npos);
+    }
   }
   const Reply page = curl(LOGIN + ("?" + fields));
-  for (const char* part : {"Content-Type: text/html; charset=utf-8", "form-action 'self'",
-                           "Cache-Control: no-store", "<form method=\"post\">"})
+  for (const char* part : {"content-type: text/html; charset=utf-8", "form-action 'self'",
+                           "cache-control: no-store", "<form method=\"post\">"})
     EXPECT_NE((page.head + page.body).find(part), std::string::npos) << part;
 
   // Straight to the program, as a web server would that knows no TLS, or puts other routes on it.

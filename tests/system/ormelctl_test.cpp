@@ -101,7 +101,15 @@ TEST_F(OrmelCtl, SaysWhatIsWrongAndWhatToDo) {
       {{"server", "set", "openvpn", "--pool", "zzz", "--yes"}, 2, "--pool takes an IPv4 address"},
       {{"server", "set", "wireguard", "--mask", "99", "--yes"}, 2, "--mask takes 0 to 32"},
       {{"peer", "add", "a", "--host", "b", "--keepalive", "x"}, 2, "--keepalive takes 0 to 65535"},
-      {{"peer"}, 2, "one of: peer list, peer add, peer qr, peer rm"},
+      {{"peer"}, 2, "one of: peer list, peer add, peer qr, peer limit, peer rm"},
+      {{"peer", "limit", "phone"}, 2, "one of --until, --off and --on is needed"},
+      {{"peer", "limit", "phone", "--off", "--on"}, 2, "one of --until, --off and --on is needed"},
+      {{"peer", "limit", "phone", "--until", "2099-02-30"}, 2, "--until takes a day such as"},
+      {{"peer", "limit", "phone", "--until", "2001-01-01"}, 2, "--until 2001-01-01 is over"},
+      {{"peer", "limit", "phone", "--off"}, 3, "no device is named phone"},
+      {{"address", "set", "vpn.example.org:1194"}, 2, "is not a host name or an address"},
+      {{"address", "rm"}, 2, "--yes is missing"},
+      {{"profile", "export", "--host", "a b"}, 2, "--host is a name or an address"},
       {{"--json"}, 2, "\"reason\":\"the command is missing\""},
       {{"profile", "rm", "none", "--yes"}, 3, "no profile is named none"},
       {{"profile", "rm", "none"}, 2, "--yes is missing"},
@@ -313,6 +321,69 @@ TEST_F(OrmelCtl, RunsServersDevicesAndRights) {
   EXPECT_EQ(ctl({"user", "revoke", "guest", "--yes"}).status, 0);
   EXPECT_EQ(ctl({"server", "off", "wireguard", "--yes"}).status, 0);
   EXPECT_EQ(ctl({"status", "wireguard", "--check", "off"}).status, 0);
+}
+
+TEST_F(OrmelCtl, KeepsADeviceOutFromADayOn) {
+  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
+                 "51820", "--yes"})
+                .status,
+            0);
+  ASSERT_EQ(ctl({"server", "on", "wireguard"}).status, 0);
+  ASSERT_EQ(ctl({"peer", "add", "phone", "--host", "vpn.example.org"}).status, 0);
+  const struct {
+    std::vector<std::string> options;
+    const char *said, *allowed;
+    bool connects;
+  } rows[] = {
+      {{"--off"}, "phone is kept out\n", "no", false},
+      {{"--on"}, "phone may connect\n", "yes", true},
+      {{"--until", "2099-12-31"},
+       "phone may connect until 2099-12-31 00:00\n",
+       "until 2099-12-31 00:00",
+       true},
+      {{"--until", "2099-12-31 18:30"},
+       "phone may connect until 2099-12-31 18:30\n",
+       "until 2099-12-31 18:30",
+       true},
+      {{"--until", "never"}, "phone may connect\n", "yes", true},
+  };
+  for (const auto& row : rows) {
+    std::vector<std::string> words{"peer", "limit", "phone"};
+    words.insert(words.end(), row.options.begin(), row.options.end());
+    EXPECT_EQ(ctl(words).out, row.said);
+    EXPECT_EQ(text_at(ctl({"peer", "list", "--json"}), 0, "allowed"), row.allowed);
+    EXPECT_EQ(!run({"/usr/bin/wg", "show", "wg0", "peers"}).out.empty(), row.connects) << row.said;
+  }
+  EXPECT_EQ(ctl({"peer", "rm", "phone", "--yes"}).status, 0);
+}
+
+TEST_F(OrmelCtl, KeepsOnePublicAddressForAllThatIsHandedOut) {
+  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
+                 "51820", "--yes"})
+                .status,
+            0);
+  ASSERT_EQ(ctl({"server", "on", "wireguard"}).status, 0);
+  ASSERT_EQ(ctl({"server", "on", "openvpn"}).status, 0);
+  EXPECT_THAT(ctl({"profile", "export"}).out, HasSubstr("\nremote 192.168.77.1 1194\n"));
+  EXPECT_THAT(ctl({"peer", "add", "phone"}).err, HasSubstr("--host is missing"));
+
+  EXPECT_EQ(ctl({"address", "set", "10.0.0.1"}).out,
+            "10.0.0.1 works only inside your own network\n");
+  EXPECT_EQ(ctl({"address", "set", "vpn.example.org"}).out, "vpn.example.org\n");
+  EXPECT_EQ(read("/etc/config/ormel/public_address"), "vpn.example.org\n");
+  EXPECT_EQ(text_at(ctl({"address", "--json"}), 0, "address"), "vpn.example.org");
+  EXPECT_THAT(ctl({"peer", "add", "phone"}).out, HasSubstr("Endpoint = vpn.example.org:51820\n"));
+  EXPECT_THAT(ctl({"profile", "export"}).out, HasSubstr("\nremote vpn.example.org 1194\n"));
+  EXPECT_THAT(ctl({"profile", "export", "--host", "192.0.2.1"}).out,
+              HasSubstr("\nremote 192.0.2.1 1194\n"));
+
+  write("/etc/config/ormel/public_address", "a\nremote b\n");
+  EXPECT_THAT(ctl({"address"}).out, HasSubstr("No public address is set")) << "damaged";
+  EXPECT_EQ(ctl({"address", "rm", "--yes"}).status, 0);
+  EXPECT_FALSE(fs::exists("/etc/config/ormel/public_address"));
+  EXPECT_THAT(ctl({"profile", "export"}).out, HasSubstr("\nremote 192.168.77.1 1194\n"));
+  EXPECT_EQ(ctl({"peer", "rm", "phone", "--yes"}).status, 0);
+  EXPECT_EQ(ctl({"server", "off", "openvpn", "--yes"}).status, 0);
 }
 
 TEST_F(OrmelCtl, FindsWhatIsWrongWithTheHost) {

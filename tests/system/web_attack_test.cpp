@@ -121,7 +121,8 @@ TEST_F(RequestLimits, LeaveTheWholeOfALargeFormToUploads) {
   write("/tmp/form", admin + "&type=256&x=" + std::string(60UL * 1024, 'x'));
   EXPECT_THAT(curl(SHOW, "-d @/tmp/form"), HasSubstr("office1"));
   write("/tmp/form", admin + "&type=256&x=" + std::string(64UL * 1024, 'x'));
-  for (const char* more : {"", "-H 'Transfer-Encoding: chunked'"})
+  for (const char* more : {"", "--http1.1", "-H 'Transfer-Encoding: chunked'",
+                           "--http1.1 -H 'Transfer-Encoding: chunked'"})
     for (const std::string route : {SHOW, "/fenro/login", "/ormel/privilege/set"})
       EXPECT_EQ(status_of(route, std::string("-d @/tmp/form ") + more), "413") << route;
 }

@@ -30,7 +30,9 @@ TEST_F(WebForm, ReadsTheSameFromAddressBodyAndParts) {
             expected);
   EXPECT_EQ(https(SHOW, {"-F", admin, "-F", "type=256"}).body, expected);
   EXPECT_EQ(https(SHOW, {"-F", admin, "-F", "file=@/etc/passwd", "-F", "type=256"}).body, expected);
-  EXPECT_EQ(https(SHOW, {"-d", form, "-H", "Transfer-Encoding: chunked"}).body, expected);
+  for (const char* version : {"--http1.1", "--http2"})
+    EXPECT_EQ(https(SHOW, {"-d", form, "-H", "Transfer-Encoding: chunked", version}).body, expected)
+        << version;
   EXPECT_EQ(uploads(), 0U);
 }
 

@@ -16,6 +16,11 @@ struct Counters {
   int generation = 0;  // changes when the counter was created again
 };
 
+// How far a counter has come; 0 for one that began again.
+[[nodiscard]] constexpr std::uint64_t grown(std::uint64_t before, std::uint64_t now) {
+  return now > before ? now - before : 0;
+}
+
 // Counters of all network interfaces by name. Each PPP session has its own interface.
 [[nodiscard]] std::vector<Counters> interface_counters();
 // Counters of the Drovik clients, by the identifiers that the daemon assigns; empty without the

@@ -9,30 +9,24 @@
 namespace fenro::rated {
 namespace {
 
-bool has_number(std::string_view interface, std::string_view prefix, int first, int last) {
-  if (!interface.starts_with(prefix)) return false;
+// The number of an interface with that prefix, -1 for one that is not from `first` to `last`.
+int number_of(std::string_view interface, std::string_view prefix, int first, int last) {
+  if (!interface.starts_with(prefix)) return -1;
   int number = -1;
-  return parse_number(interface.substr(prefix.size()), number) && number >= first && number <= last;
-}
-
-bool is_client(std::string_view interface, const ormel::TunnelFacts& facts) {
-  return has_number(interface, facts.interface, facts.base + 1,
-                    facts.base + ormel::MAX_TUNNEL_INDEX);
+  const bool fits =
+      parse_number(interface.substr(prefix.size()), number) && number >= first && number <= last;
+  return fits ? number : -1;
 }
 
 // PPTP and L2TP share the names of their sessions' interfaces.
 bool is_server(std::string_view interface, const ormel::TunnelFacts& facts,
                const std::vector<OnlineUser>& users) {
-  if (!has_number(interface, facts.server_interface, facts.first_number, facts.last_number))
+  if (number_of(interface, facts.server_interface, facts.first_number, facts.last_number) < 0)
     return false;
   if (facts.sessions != ormel::Sessions::PPP) return true;
   return std::ranges::any_of(users, [&](const OnlineUser& user) {
     return user.interface == interface && user.type == static_cast<std::uint32_t>(facts.server);
   });
-}
-
-std::uint64_t grown(std::uint64_t before, std::uint64_t now) {
-  return now > before ? now - before : 0;
 }
 
 void append_all(json_t* row, const auto& rates) {
@@ -42,10 +36,16 @@ void append_all(json_t* row, const auto& rates) {
 
 }  // namespace
 
+int client_index(std::string_view interface, const ormel::TunnelFacts& facts) {
+  const int number =
+      number_of(interface, facts.interface, facts.base + 1, facts.base + ormel::MAX_TUNNEL_INDEX);
+  return number < 0 ? 0 : number - facts.base;
+}
+
 std::size_t kind_of(std::string_view interface, const std::vector<OnlineUser>& users) {
   const auto* const facts =
       std::ranges::find_if(ormel::TUNNELS, [&](const ormel::TunnelFacts& each) {
-        return is_client(interface, each) || is_server(interface, each, users);
+        return client_index(interface, each) != 0 || is_server(interface, each, users);
       });
   return facts == std::end(ormel::TUNNELS)
              ? std::string::npos

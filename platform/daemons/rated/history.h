@@ -65,6 +65,10 @@ class History {
   Ring day_{LONG_STEP, DAY};
 };
 
+// The index of the client profile of that protocol whose interface it is; 0 for any other
+// interface.
+[[nodiscard]] int client_index(std::string_view interface, const ormel::TunnelFacts& facts);
+
 // The row of ormel::TUNNELS whose server or client an interface belongs to; npos for any other
 // interface. `users` tells which server a PPP session belongs to.
 [[nodiscard]] std::size_t kind_of(std::string_view interface, const std::vector<OnlineUser>& users);

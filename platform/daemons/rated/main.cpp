@@ -9,6 +9,7 @@
 #include "daemons/rated/history.h"
 #include "daemons/rated/openvpn_status.h"
 #include "daemons/rated/rate_server.h"
+#include "daemons/rated/trails.h"
 #include "libmibservice/mibserver.h"
 
 namespace {
@@ -16,6 +17,7 @@ namespace {
 constexpr const char* SERVICE = "RateServer";
 constexpr const char* METHOD = "all_server_stat";
 constexpr const char* HISTORY = "history";
+constexpr const char* TRAILS = "tunnels";
 constexpr std::chrono::milliseconds PERIOD{1000};
 constexpr std::chrono::seconds HISTORY_PERIOD{fenro::rated::History::STEP};
 
@@ -41,11 +43,18 @@ int main() {
     return bus::Reply{MIB_SUCCESS, rates.all_server_stat(RateServer::Clock::now())};
   });
   rated::History history{[&] { return users.list(); }};
-  const auto record = [&] { history.sample(rated::interface_counters(), std::time(nullptr)); };
+  rated::Trails trails;
+  const auto record = [&] {
+    const auto interfaces = rated::interface_counters();
+    const std::time_t now = std::time(nullptr);
+    history.sample(interfaces, now);
+    trails.sample(interfaces, now);
+  };
   record();
   server.on(HISTORY, [&](std::string_view body) {
     return bus::Reply{MIB_SUCCESS, history.reply(span_of(body), std::time(nullptr))};
   });
+  server.on(TRAILS, [&](std::string_view) { return bus::Reply{MIB_SUCCESS, trails.reply()}; });
   server.every(HISTORY_PERIOD, record);
   server.every(PERIOD, [&] { rates.tick(RateServer::Clock::now()); });
   if (!server.listen()) {

@@ -1,5 +1,7 @@
 #include "ormel/web/hold.h"
 
+#include <unistd.h>
+
 #include <fenro/auth.h>
 
 #include "ormel/base/text.h"
@@ -10,6 +12,7 @@ namespace ormel::cgi::hold {
 namespace {
 
 constexpr const char* TOOL = "/usr/lib/fenro/fenro-hold";
+constexpr const char* LIST = "/var/lib/ormel/holds.json";
 
 }  // namespace
 
@@ -17,6 +20,10 @@ int run(std::vector<std::string> words, std::string* output) {
   std::string unused;
   words.insert(words.begin(), TOOL);
   return system::do_exec_safe(words, output ? *output : unused);
+}
+
+bool has_list() {
+  return access(LIST, F_OK) == 0;
 }
 
 Json rows(const char* action) {

@@ -14,6 +14,9 @@ constexpr int NOT_FOUND = 3;  // exit status of the tool
 // Runs the tool with these words. Returns its exit status.
 [[nodiscard]] int run(std::vector<std::string> words, std::string* output = nullptr);
 
+// Whether there is a list at all: without one, no one is kept out.
+[[nodiscard]] bool has_list();
+
 // What the tool lists for "list" or "limits": an array; null when it fails.
 [[nodiscard]] Json rows(const char* action);
 

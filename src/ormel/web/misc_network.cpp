@@ -13,6 +13,7 @@ using system::INTERFACE_COUNTERS;
 
 constexpr const char* RATE_SERVICE = "RateServer";
 constexpr const char* HISTORY = "history";
+constexpr const char* TRAILS = "tunnels";
 constexpr const char* LIST = "api.get_available_interface_list";
 
 // A failure that names the method of the daemon.
@@ -93,6 +94,18 @@ Outcome tell_rates(const Request&, JsonValue& reply) {
   return {};
 }
 
+// What the daemon that counts bytes answers to one of its methods: an object.
+Outcome ask_rates(const char* method, const json_t* question, JsonValue& reply) {
+  const PlainReply answer = system::plain_call(RATE_SERVICE, method, question);
+  if (answer.status != MIB_SUCCESS) {
+    ORMEL_LOG(ERROR, ": mib_call failed method: %s ret: %d", method, answer.status);
+    return fail_at(method, reply);
+  }
+  if (!json_is_object(answer.data())) return {ERR_WRONG_JSON_FORMAT};
+  reply["data"] = json_incref(answer.data());
+  return {};
+}
+
 // What each protocol has carried over the last `span` seconds.
 Outcome tell_history(const Request& request, JsonValue& reply) {
   constexpr int HOUR = 3600;
@@ -100,14 +113,11 @@ Outcome tell_history(const Request& request, JsonValue& reply) {
   const int span = request.number("span", HOUR);
   if (span < 1 || span > DAY) return {ERR_VALUE, "span"};
   const Json question{json_pack("{s:i}", "span", span)};
-  const PlainReply answer = system::plain_call(RATE_SERVICE, HISTORY, question.get());
-  if (answer.status != MIB_SUCCESS) {
-    ORMEL_LOG(ERROR, ": mib_call failed method: %s ret: %d", HISTORY, answer.status);
-    return fail_at(HISTORY, reply);
-  }
-  if (!json_is_object(answer.data())) return {ERR_WRONG_JSON_FORMAT};
-  reply["data"] = json_incref(answer.data());
-  return {};
+  return ask_rates(HISTORY, question.get(), reply);
+}
+
+Outcome tell_trails(const Request&, JsonValue& reply) {
+  return ask_rates(TRAILS, nullptr, reply);
 }
 
 Outcome tell_interfaces(const Request&, JsonValue& reply) {
@@ -123,6 +133,7 @@ constexpr Route ROWS[] = {
     {"/ormel/misc/member", ADMINISTRATOR, READS, json<tell_members>},
     {"/ormel/misc/gw", ADMINISTRATOR, READS, json<tell_gateway>},
     {"/ormel/traffic/history", ADMINISTRATOR, READS, json<tell_history>},
+    {"/ormel/traffic/tunnels", ADMINISTRATOR, READS, json<tell_trails>},
     {"/ormel/misc/interface_rate", ADMINISTRATOR, READS, json<tell_rates>},
 };
 

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <charconv>
 #include <ctime>
-#include <unistd.h>
 
 #include "ormel/base/http.h"
 #include "ormel/base/log.h"
@@ -119,14 +118,8 @@ int read_index(const Request& request, int& index) {
   return index >= 1 && index <= wireguard::MAX_PEER_INDEX ? NO_ERROR : ERR_VALUE;
 }
 
-constexpr const char* HOLDS = "/var/lib/ormel/holds.json";
 constexpr const char* SERVER_SCRIPT = "/etc/init.d/vpn_wireguard.sh";
 constexpr int64_t NO_END = 253402300799;  // the last second of the year 9999
-
-// No list, no one who is kept out.
-bool has_holds() {
-  return access(HOLDS, F_OK) == 0;
-}
 
 wireguard::Peer stored_peer(int index) {
   return wireguard::PeerFile(wireguard::FOLDER).peer(index);
@@ -158,7 +151,7 @@ int lift_limit(const std::string& key) {
 
 // A change of a peer puts it on the running interface, also one that is kept out.
 int keep_limits(const std::string& old_key, int index, const std::string& by) {
-  if (!has_holds()) return NO_ERROR;
+  if (!hold::has_list()) return NO_ERROR;
   const wireguard::Peer peer = stored_peer(index);
   if (peer.pub_key != old_key) {
     if (const int64_t since = limit_of(old_key); since != 0) {
@@ -194,7 +187,7 @@ int remove_peer(const Request& request, JsonValue& reply) {
   int rc = read_index(request, index);
   const std::string key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = take_away(index);
-  if (rc == NO_ERROR && has_holds())
+  if (rc == NO_ERROR && hold::has_list())
     std::ignore = lift_limit(key);  // of no use without the peer, and of no harm
   return rc == NO_ERROR ? show_peers(reply) : rc;
 }

@@ -24,6 +24,9 @@ extern const Routes CHANGE;
 namespace peer {
 extern const Routes PEERS;
 }
+namespace address {
+extern const Routes ADDRESS;
+}
 namespace connection {
 extern const Routes CONNECTIONS, ENDINGS;
 }

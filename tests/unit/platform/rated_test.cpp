@@ -9,6 +9,7 @@
 #include "daemons/rated/history.h"
 #include "daemons/rated/openvpn_status.h"
 #include "daemons/rated/rate_server.h"
+#include "daemons/rated/trails.h"
 
 namespace fenro::rated::test {
 namespace {
@@ -152,6 +153,33 @@ TEST(History, KeepsAnHourAndADay) {
   history.sample({{"wg0", 1, 1, 1}}, 50);  // the clock was set back
   history.sample({{"wg0", 1, 1, 1}}, 60);
   EXPECT_EQ(rows(History::HOUR, 60), 1) << "what is of the future now is gone";
+}
+
+TEST(Trails, AreTheLastRatesOfTheTunnelsThatAreThere) {
+  Trails trails;
+  const auto rates = [&](const std::string& wanted) {
+    const std::string all = R"({"error":0,"data":{"step":10,"tunnels":[)" + wanted + "]}}";
+    EXPECT_EQ(trails.reply(), all);
+  };
+  const auto at = [&](std::time_t now, std::uint64_t bytes, int generation = 1) {
+    trails.sample({{"tun2003", bytes, bytes, generation}, {"wg0", 9, 9, 1}, {"eth0", 9, 9, 1}},
+                  now);
+  };
+  rates("");
+  at(1000, 100);
+  rates(R"({"type":1024,"index":3,"rates":[]})");
+  at(1010, 150);
+  at(1030, 250);     // late
+  at(1040, 20, 2);   // another interface of that name
+  at(1050, 10, 2);   // a counter that began again
+  at(900, 1000, 2);  // the clock was set back
+  at(910, 1050, 2);
+  rates(R"({"type":1024,"index":3,"rates":[10,10,0,10]})");
+  for (std::time_t now = 920; now < 920 + 100 * 10; now += 10) at(now, 1050, 2);
+  const std::string full = trails.reply();
+  EXPECT_EQ(std::count(full.begin(), full.end(), ','), 2 + 2 + 59) << "sixty, the oldest are gone";
+  trails.sample({}, 2000);
+  rates("");
 }
 
 }  // namespace
