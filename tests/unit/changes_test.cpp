@@ -43,7 +43,7 @@ class Changes : public testing::Test {
     ASSERT_NE(mkdtemp(name), nullptr);
     root = name;
     for (const char* folder :
-         {"/var/lib/ormel", "/etc/config/ormel", "/etc/config/openvpn/clients",
+         {"/var/lib/ormel/snapshots", "/etc/config/ormel", "/etc/config/openvpn/clients",
           "/etc/config/ormel/wireguard", "/etc/openvpn/keys", "/etc/ppp", "/run"})
       fs::create_directories(root + folder);
     put(CONF, OLD);

@@ -187,7 +187,7 @@ std::string& parent_folder() {
 }
 
 bool is_kept() {
-  return access(parent_folder().c_str(), F_OK) == 0;
+  return access((parent_folder() + FOLDER).c_str(), F_OK) == 0;
 }
 
 Trail trail() {

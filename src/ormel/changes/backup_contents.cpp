@@ -85,8 +85,8 @@ constexpr Counted COUNTED[] = {{"profiles", "profile", "profiles"},
                                {"servers", "server that is on", "servers that are on"},
                                {"devices", "device", "devices"},
                                {"users", "user with rights", "users with rights"}};
-constexpr Part NAMED[] = {Part::Gateway, Part::Guard, Part::Certificates, Part::Holds,
-                          Part::Keeper};
+constexpr Part NAMED[] = {Part::Gateway, Part::Guard,  Part::Certificates,
+                          Part::Holds,   Part::Keeper, Part::Address};
 
 }  // namespace
 

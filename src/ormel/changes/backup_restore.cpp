@@ -50,6 +50,7 @@ const Choice CHOICES[] = {
     {"rights", nullptr, Part::Rights},    {"block-policy", nullptr, Part::BlockPolicy},
     {"holds", nullptr, Part::Holds},      {"gateway", nullptr, Part::Gateway},
     {"guard", nullptr, Part::Guard},      {"keeper", nullptr, Part::Keeper},
+    {"address", nullptr, Part::Address},
 };
 
 void choose(const Choice& choice, Selection& out) {

@@ -166,8 +166,9 @@ Verdict Pending::begin(const Origin& origin, long seconds, std::string& code) co
   if (seconds < SHORTEST_SECONDS || seconds > LONGEST_SECONDS)
     return {ERR_VALUE, "the time for a confirmation is 30 to 600 seconds"};
   if (!snapshots_.wanted())
-    return {ERR_NOT_SUPPORT, std::string(Snapshots::STATE_FOLDER) +
-                                 " is missing, so that nothing can go back: mkdir -m 700 it"};
+    return {ERR_NOT_SUPPORT,
+            std::string(Snapshots::STATE_FOLDER) +
+                "/snapshots is missing, so that nothing can go back: mkdir -p -m 700 it"};
   const StateLock lock{Turn::DECIDE, snapshots_.root()};
   if (!lock) return {ERR_ACCESS, BUSY};
   if (const auto other = find()) return refusal(*other);

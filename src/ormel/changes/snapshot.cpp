@@ -95,7 +95,7 @@ Snapshots::Snapshots(std::string root)
     : root_(std::move(root)), folder_(root_ + STATE_FOLDER + "/snapshots") {}
 
 bool Snapshots::wanted() const {
-  return access((root_ + STATE_FOLDER).c_str(), F_OK) == 0;
+  return access(folder_.c_str(), F_OK) == 0;
 }
 
 std::string Snapshots::folder_of(int id) const {

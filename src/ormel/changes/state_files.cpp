@@ -38,6 +38,7 @@ constexpr StateFile FILES[] = {
     {Part::Gateway,      "/etc/config/vpn_options.conf",     nullptr,             OPEN,   false, Refresh::GATEWAY},
     {Part::Guard,        "/etc/config/ormel/guard.conf",     nullptr,             CLOSED, false, Refresh::SCRIPT,  GUARD,     "apply"},
     {Part::Keeper,       "/etc/config/ormel/keeper.conf",    nullptr,             CLOSED, true,  Refresh::NONE},
+    {Part::Address,      "/etc/config/ormel/public_address", nullptr,             OPEN,   false, Refresh::NONE},
 };
 // clang-format on
 
@@ -51,6 +52,7 @@ constexpr PartName PARTS[] = {
     {Part::Rights, "rights"},     {Part::BlockPolicy, "block-policy"},
     {Part::Holds, "holds"},       {Part::Gateway, "gateway"},
     {Part::Guard, "guard"},       {Part::Keeper, "keeper"},
+    {Part::Address, "address"},
 };
 
 bool is_name_in(const StateFile& row, const std::string& name) {

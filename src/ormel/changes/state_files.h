@@ -32,6 +32,7 @@ enum class Part {
   Gateway,       // default gateway policy
   Guard,         // what may leave without a tunnel
   Keeper,        // what is kept running, and who is notified
+  Address,       // the host's public name or address, for the configurations of others
 };
 
 // What puts another content of a file into effect.
