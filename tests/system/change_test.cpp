@@ -169,8 +169,8 @@ class ChangeTrial : public Changing {
   }
   // Every file that a change could write, with its time.
   static std::string files() {
-    return run({"/usr/bin/find", "/etc", "/var/lib", "/usr", "/opt", "/root", "/run/fenro", "-type",
-                "f", "-not", "-name", "*.lock", "-not", "-name", "log.db*", "-printf",
+    return run({"/usr/bin/find", "/etc", "/var/lib/ormel", "/var/lib/fenro", "/root", "/run/fenro",
+                "-type", "f", "-not", "-name", "*.lock", "-not", "-name", "log.db*", "-printf",
                 "%p %T@ %s\n"})
         .out;
   }
@@ -184,12 +184,12 @@ class ChangeTrial : public Changing {
     }
     return lines;
   }
-  static bool is_shown(const std::string& key) {
+  static bool is_shown(const std::string& key, bool empty) {
     for (const char* hidden : {"psk", "key", "pass", "accesscode", "secret"}) {
       std::string lower;
       for (const char c : key)
         lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      if (lower.find(hidden) != std::string::npos) return false;
+      if (!empty && lower.find(hidden) != std::string::npos) return false;
     }
     for (const char* live :
          {"LocalIP", "RemoteIP", "Real Address", "DNS Server", "Status", "Country Code",
@@ -206,7 +206,8 @@ class ChangeTrial : public Changing {
     for (std::string line; std::getline(in, line);) {
       if (line.starts_with('[')) section = line;
       const size_t equals = line.find(" =");
-      if (equals != std::string::npos && is_shown(line.substr(0, equals)))
+      const bool empty = line.substr(equals + 1).find_first_not_of("= ") == std::string::npos;
+      if (equals != std::string::npos && is_shown(line.substr(0, equals), empty))
         lines.insert(section + ": " + line);
     }
     return lines;
