@@ -93,7 +93,7 @@ Fault copy_profiles(const Backup& backup, bool dry, Restored& out) {
     if (why.empty())
       out.added.push_back(label_of(*holder->bc));
     else
-      out.warnings.push_back(label + " is not copied: " + why);
+      out.warnings.push_back(std::string(label).append(" is not copied: ").append(why));
   }
   if (dry || out.added.empty() || cm.save() == NO_ERROR) return {};
   return {ERR_SAVE_CONFIG, std::string(config::VPN_CONF) + " cannot be written",
