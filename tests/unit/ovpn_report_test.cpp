@@ -137,7 +137,8 @@ TEST(WireGuardReport, FindsTheFateOfEachLine) {
   const std::string key = "MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM=";
   const std::string text =
       "[Interface]\nPrivateKey = " + key +
-      "\nAddress = fd00::2/64, 10.0.0.2/32\nPostUp = evil\nMTU = 1400\n\n[Peer]\nPublicKey = " +
+      "\nAddress = fd00::2/64, 10.0.0.2, 10.0.0.3/32\nPostUp = evil\nMTU = "
+      "1400\n\n[Peer]\nPublicKey = " +
       key +
       "\nEndpoint = vpn.example.org:51820\nAllowedIPs = 0.0.0.0/0\n[Peer]\nPublicKey = " + key +
       '\n';
