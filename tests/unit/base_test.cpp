@@ -126,7 +126,7 @@ TEST(VpnProcesses, AreKnownByProgramAndProfile) {
       {{"/usr/lib/fenro/openvpnclient\0", 29}, OVPN_CLIENT_TYPE, 0},
       {{"morvic", 6}, DROVIK_CLIENT_TYPE, 0},
       {{"sh\0/usr/sbin/pptpd\0", 19}, NONE_TYPE, 0},
-      {{"", 0}, NONE_TYPE, 0},
+      {{}, NONE_TYPE, 0},
   };
   system::VpnProcess running;
   for (const auto& row : ROWS) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "base/tunnel.h"
+#include "ormel/actions/gateway_policy.h"
 #include "ormel/base/address.h"
 #include "ormel/base/error.h"
 #include "ormel/config/pool.h"
@@ -343,6 +344,28 @@ TEST(Addresses, HaveMasksWithoutHoles) {
     EXPECT_EQ(system::netmask_to_prefix(mask.s_addr), prefix);
   }
   EXPECT_LT(system::netmask_to_prefix(htonl(0xff00ff00)), 0);
+}
+
+TEST(Interfaces, BelongToProfilesByTheirNumber) {
+  const std::tuple<const char*, TYPE, int> rows[] = {
+      {"ppp999", NONE_TYPE, 999},
+      {"ppp1000", PPTP_CLIENT_TYPE, 0},
+      {"ppp1001", PPTP_CLIENT_TYPE, 1},
+      {"ppp1249", PPTP_CLIENT_TYPE, 249},
+      {"ppp1250", L2TP_CLIENT_TYPE, 0},
+      {"tun2032", OVPN_CLIENT_TYPE, 32},
+      {"tun", NONE_TYPE, 0},
+      {"dtunc2501", DROVIK_CLIENT_TYPE, 1},
+      {"eth0", NONE_TYPE, 0},
+      {"wgc3001", WIREGUARD_CLIENT_TYPE, 1},
+  };
+  for (const auto& [name, type, index] : rows) {
+    TYPE found = PPTP_SERVER_TYPE;
+    int number = 0;
+    ifname_to_typeindex(name, found, number);
+    EXPECT_EQ(found, type) << name;
+    EXPECT_EQ(number, index) << name;
+  }
 }
 
 }  // namespace

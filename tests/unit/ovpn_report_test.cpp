@@ -149,6 +149,7 @@ TEST(WireGuardReport, FindsTheFateOfEachLine) {
   EXPECT_THAT(fates, ElementsAre(Fate::Kept, Fate::Kept, Fate::Changed, Fate::Dropped,
                                  Fate::Dropped, Fate::Dropped, Fate::Kept, Fate::Kept, Fate::Kept,
                                  Fate::Kept, Fate::Dropped, Fate::Dropped));
+  EXPECT_EQ(found.count(Fate::Dropped), 4U) << "but for the blank line";
   EXPECT_EQ(found.lines[1].text, "PrivateKey = …");
   EXPECT_EQ(found.lines[2].why, "becomes: 10.0.0.2");
   EXPECT_EQ(wireguard::report_conf_file("[Interface]\nPrivateKey = x\n[Peer]\n").error,

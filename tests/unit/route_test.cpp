@@ -76,6 +76,17 @@ TEST(Routes, LetNobodyInWithoutTheirSession) {
   }
 }
 
+TEST(Routes, SendWhatAFailedWorkHasFoundWhereItSaysSo) {
+  for (const bool keeps : {false, true}) {
+    const std::string answer = answer_locally("", OF_SESSION, [&](JsonValue& response) {
+      response["data"] = "found";
+      EXPECT_EQ(fail(response, {ERR_VALUE, "why", keeps}), ERR_VALUE);
+    });
+    EXPECT_EQ(answer.find("found") != std::string::npos, keeps) << answer;
+    EXPECT_NE(answer.find("\"reason\":\"why\""), std::string::npos) << answer;
+  }
+}
+
 TEST(Routes, KeepUsersOutForAWeekAtTheMost) {
   for (const auto& [minutes, code] : {std::pair{"-1", int{ERR_VALUE}},
                                       {"0", ERR_CONFIGURE_INDEX},  // no connection is named
