@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "base/tunnel.h"
+#include "ormel/actions/gateway_policy.h"
 #include "ormel/base/address.h"
 #include "ormel/base/error.h"
 #include "ormel/config/pool.h"
@@ -12,6 +13,7 @@
 #include "ormel/drivers/pptp.h"
 #include "ormel/drivers/wireguard/wireguard.h"
 #include "ormel/host/interfaces.h"
+#include "support/scratch_file.h"
 #include "support/scripted_bus.h"
 
 namespace ormel::config {
@@ -129,11 +131,115 @@ TEST_F(PoolTest, KeepsTheEndpointsOfWireGuardClientsApart) {
   EXPECT_EQ(pool.check_server_listen_port_with_client(5001), NO_ERROR);
 }
 
+TEST_F(PoolTest, KeepsTheServersOfDrovikClientsApart) {
+  auto& stored = store<drovik::ClientConfig>(1);
+  const std::tuple<int, const char*, int, const char*, int> rows[] = {
+      {2, "10.1.1.1", 443, "10.1.1.1", ERR_DROVIK_CLIENT_DUPLICATE},
+      {1, "10.1.1.1", 443, "10.1.1.1", NO_ERROR},
+      {2, "10.1.1.1", 444, "10.1.1.1", NO_ERROR},
+      {2, "10.1.1.1", 443, "10.1.1.2", NO_ERROR},
+      {2, "", 443, "", NO_ERROR},
+  };
+  stored.port = 443;
+  for (const auto& [index, host, port, ip, code] : rows) {
+    stored.ip = host;
+    EXPECT_EQ(pool.check_drovik_client_profile(index, port, ip), code) << host << ' ' << ip;
+  }
+}
+
+TEST_F(PoolTest, IsFullWithSixteenProfilesOfUsers) {
+  store<pptp::ServerConfig>(0);
+  store<pptp::ClientConfig>(32).vendor = "application";
+  for (int index = 1; index < 16; ++index) store<pptp::ClientConfig>(index);
+  EXPECT_FALSE(pool.is_full());
+  store<drovik::ClientConfig>(1);
+  EXPECT_TRUE(pool.is_full());
+}
+
+TEST(ServerRecord, TakesSegmentSizesThatItsDaemonCanUse) {
+  for (const auto& [mss, code] : {std::pair{999, int{ERR_VALUE}},
+                                  {1000, ERR_NOT_SUPPORT},  // which the base class says of all
+                                  {1400, ERR_NOT_SUPPORT},
+                                  {1401, ERR_VALUE}}) {
+    pptp::ServerConfig record(0);
+    record.mss = mss;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(record.verify(), code) << mss;
+    testing::internal::GetCapturedStderr();
+  }
+  const support::ScratchFile file;
+  for (const auto& [mss, stored] :
+       {std::pair{999, 1400}, {1000, 1000}, {1600, 1600}, {1601, 1400}}) {
+    const Conf conf{Conf_Dir_Load(file.path().c_str())};
+    ovpn::ServerConfig record(0);
+    record.mss = mss;
+    record.save(conf.get());
+    EXPECT_EQ(Conf_Dir_Get_Int(conf.get(), "OPENVPN", "MSS", 0), stored);
+    EXPECT_EQ(record.mss, mss);
+  }
+}
+
+TEST(ClientRecord, StoresTheAddressOfItsServerForTheScript) {
+  const support::ScratchFile file;
+  for (const auto& [host, address] : {std::pair{"127.0.0.1", "127.0.0.1"}, {"a.invalid", ""}}) {
+    const Conf conf{Conf_Dir_Load(file.path().c_str())};
+    l2tp::ClientConfig record(1);
+    record.host = host;
+    record.ip = "192.0.2.1";
+    record.save(conf.get());
+    EXPECT_STREQ(Conf_Dir_Get_Str(conf.get(), "L2TP_CLIENT1", "Domain IP", "none"), address);
+  }
+}
+
+TEST(ServerRecord, ReadsAProtocolInAnyCase) {
+  const support::ScratchFile file{"[OPENVPN]\nVPN Proto Type = tcp\n"};
+  const Conf conf{Conf_Dir_Load(file.path().c_str())};
+  ovpn::ServerConfig record(0);
+  record.load(conf.get(), 0);
+  EXPECT_EQ(record.protocol, "TCP");
+}
+
+// "Status" of the file is out of date: the process and the address count.
+TEST(ClientRecord, IsUpWithAnAddressAndWantedOrAlive) {
+  const struct {
+    const char* lines;
+    pid_t process;
+    STATUS status;
+    const char* shown;
+  } rows[] = {
+      {"Enable = TRUE\nLocalIP = 10.0.0.2\n", 0, CONNECTED_STATUS, "10.0.0.2"},
+      {"Enable = TRUE\n", 0, CONNECTING_STATUS, ""},
+      {"Enable = FALSE\nLocalIP = 10.0.0.2\n", 9, CONNECTED_STATUS, "10.0.0.2"},
+      {"Enable = FALSE\nLocalIP = 10.0.0.2\nStatus = 2\n", 0, DISCONNECTED_STATUS, ""},
+  };
+  test::ScriptedBus bus;
+  bus.answer(R"({"error":0,"data":{"rx_bytes":1,"tx_bytes":1,"rx_rate":1,"tx_rate":1}})");
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.lines);
+    const support::ScratchFile file{std::string("[PPTP_CLIENT3]\nIndex = 7\n") + row.lines};
+    const Conf conf{Conf_Dir_Load(file.path().c_str())};
+    pptp::ClientConfig record(3);
+    record.load(conf.get(), row.process);
+    EXPECT_EQ(record.index, 3) << "the section's number";
+    EXPECT_EQ(record.status, row.status);
+    JsonValue out;
+    record.show(ADMIN_USER, &out);
+    std::string text;
+    out.toString(text);
+    const std::string shown = std::string("\"local_ip\":\"") + row.shown + '"';
+    EXPECT_NE(text.find(shown), std::string::npos) << text;
+    const char* bytes = row.status == DISCONNECTED_STATUS ? "\"rx_total\":0" : "\"rx_total\":1";
+    EXPECT_NE(text.find(bytes), std::string::npos) << text;
+  }
+}
+
 TEST(ClientRecord, ChecksTheWholeRecord) {
   const std::pair<void (*)(pptp::ClientConfig&), int> rows[] = {
       {[](auto&) {}, NO_ERROR},
       {[](auto& r) { r.encryption = static_cast<ENCRYPTION>(-1); }, ERR_ENCRYPTION},
       {[](auto& r) { r.authentication = static_cast<AUTHENTICATION>(0); }, ERR_AUTHENTICATION},
+      {[](auto& r) { r.authentication = PAP_AUTHENTICATION; }, NO_ERROR},
+      {[](auto& r) { r.authentication = CHAP_AUTHENTICATION; }, NO_ERROR},
       {[](auto& r) { r.authentication = static_cast<AUTHENTICATION>(5); }, ERR_AUTHENTICATION},
       {[](auto& r) { r.mask = 7; }, ERR_MASK_LENGTH},
       {[](auto& r) { r.mask = 8; }, NO_ERROR},
@@ -238,6 +344,28 @@ TEST(Addresses, HaveMasksWithoutHoles) {
     EXPECT_EQ(system::netmask_to_prefix(mask.s_addr), prefix);
   }
   EXPECT_LT(system::netmask_to_prefix(htonl(0xff00ff00)), 0);
+}
+
+TEST(Interfaces, BelongToProfilesByTheirNumber) {
+  const std::tuple<const char*, TYPE, int> rows[] = {
+      {"ppp999", NONE_TYPE, 999},
+      {"ppp1000", PPTP_CLIENT_TYPE, 0},
+      {"ppp1001", PPTP_CLIENT_TYPE, 1},
+      {"ppp1249", PPTP_CLIENT_TYPE, 249},
+      {"ppp1250", L2TP_CLIENT_TYPE, 0},
+      {"tun2032", OVPN_CLIENT_TYPE, 32},
+      {"tun", NONE_TYPE, 0},
+      {"dtunc2501", DROVIK_CLIENT_TYPE, 1},
+      {"eth0", NONE_TYPE, 0},
+      {"wgc3001", WIREGUARD_CLIENT_TYPE, 1},
+  };
+  for (const auto& [name, type, index] : rows) {
+    TYPE found = PPTP_SERVER_TYPE;
+    int number = 0;
+    ifname_to_typeindex(name, found, number);
+    EXPECT_EQ(found, type) << name;
+    EXPECT_EQ(number, index) << name;
+  }
 }
 
 }  // namespace

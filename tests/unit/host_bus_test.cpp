@@ -9,6 +9,7 @@
 #include "ormel/base/log.h"
 #include "ormel/drivers/drovik/drovik.h"
 #include "ormel/host/bus.h"
+#include "ormel/host/interfaces.h"
 #include "support/scripted_bus.h"
 
 namespace ormel {
@@ -84,6 +85,34 @@ TEST_F(BusReplies, AreJudgedAndWordedAsEachCallerSays) {
     EXPECT_EQ(parsed, row.rc == NO_ERROR);
     expect(said([&] { rc = drovik::drovik_server_kick_client("m"); }), row.kick);
     EXPECT_EQ(rc, row.rc);
+  }
+}
+
+TEST_F(BusReplies, AboutAddressesInUseHaveWordsOfTheirOwn) {
+  const struct {
+    const char* reply;
+    int network, address;
+    const char *network_words, *address_words;
+  } rows[] = {
+      {R"({"error":0})", NO_ERROR, 0, "", ""},
+      {R"({"error":1})", ERR_IP_POOL_CONFLICT, 1, "ip pool conflict with FENRO network.",
+       "ip duplicate with FENRO network."},
+      {R"({"error":2,"data":"why"})", ERR_MIB_API_RET_ERROR, 2, "ret:2, data: why.",
+       "ret:2, data: why."},
+      {"[", ERR_MIB_CALL_FAILED, -1, "failed to parse json.", "mib_call failed ret:"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.reply);
+    bus.answer(row.reply);
+    int rc = -2;
+    const std::string network =
+        said([&] { rc = system::is_network_intersect("10.1.0.0", "255.255.0.0"); });
+    EXPECT_EQ(rc, row.network);
+    EXPECT_NE(network.find(row.network_words), std::string::npos) << network;
+    const std::string address = said([&] { rc = is_ip_duplicate("10.1.0.1"); });
+    EXPECT_EQ(rc, row.address);
+    EXPECT_NE(address.find(row.address_words), std::string::npos) << address;
+    EXPECT_EQ(network.empty() && address.empty(), row.network == NO_ERROR);
   }
 }
 

@@ -1,3 +1,5 @@
+#include "ormel/actions/log_db.h"
+
 #include <gtest/gtest.h>
 
 #include "ormel/actions/log_db_mobile.h"
@@ -18,6 +20,45 @@ TEST(LogDb, BlocksOnTheTextOneAndOnAFailedCheck) {
   EXPECT_EQ(check_privilege_user_block("bob"), 1);
   bus.serve = [](const BusCall&, std::string&) { return MIB_NOT_READY; };
   EXPECT_EQ(check_privilege_user_block("bob"), MIB_NOT_READY);
+}
+
+// The head of an answer with that many rows behind it.
+std::string answer_of(uint64_t count, uint64_t total, size_t rows) {
+  const db_conn_server_log_query head{count, total, nullptr};
+  std::string reply{reinterpret_cast<const char*>(&head), sizeof head};
+  db_conn_server_log row{};
+  for (; row.id < static_cast<int64_t>(rows); ++row.id)
+    reply.append(reinterpret_cast<const char*>(&row), sizeof row);
+  return reply;
+}
+
+TEST(LogDb, ReadsTheRowsThatHaveCome) {
+  const std::string empty = answer_of(0, 9, 0);
+  std::string cut = answer_of(3, 9, 3);
+  cut.pop_back();
+  const struct {
+    std::string reply;
+    size_t count, total;
+  } rows[] = {
+      {"", 0, 0},
+      {empty.substr(1), 0, 0},
+      {empty, 0, 9},
+      {answer_of(2, 9, 2), 2, 9},
+      {answer_of(1, 9, 2), 1, 9},
+      {answer_of(3, 9, 2), 2, 9},
+      {cut, 2, 9},
+      {answer_of(uint64_t{1} << 63, 9, 1), 1, 9},
+  };
+  test::ScriptedBus bus;
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.reply.size());
+    bus.answer(row.reply);
+    const auto answer = ask(list_conn_server_log, {});
+    EXPECT_EQ(answer.rows().size(), row.count);
+    EXPECT_EQ(answer.total(), row.total);
+  }
+  bus.answer(answer_of(2, 2, 2));
+  EXPECT_EQ(ask(list_conn_server_log, {}).rows()[1].id, 1);
 }
 
 TEST(LogDb, CopiesIdentifiersWithinTheirRecord) {

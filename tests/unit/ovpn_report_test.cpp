@@ -137,7 +137,8 @@ TEST(WireGuardReport, FindsTheFateOfEachLine) {
   const std::string key = "MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM=";
   const std::string text =
       "[Interface]\nPrivateKey = " + key +
-      "\nAddress = fd00::2/64, 10.0.0.2/32\nPostUp = evil\nMTU = 1400\n\n[Peer]\nPublicKey = " +
+      "\nAddress = fd00::2/64, 10.0.0.2, 10.0.0.3/32\nPostUp = evil\nMTU = "
+      "1400\n\n[Peer]\nPublicKey = " +
       key +
       "\nEndpoint = vpn.example.org:51820\nAllowedIPs = 0.0.0.0/0\n[Peer]\nPublicKey = " + key +
       '\n';
@@ -148,6 +149,7 @@ TEST(WireGuardReport, FindsTheFateOfEachLine) {
   EXPECT_THAT(fates, ElementsAre(Fate::Kept, Fate::Kept, Fate::Changed, Fate::Dropped,
                                  Fate::Dropped, Fate::Dropped, Fate::Kept, Fate::Kept, Fate::Kept,
                                  Fate::Kept, Fate::Dropped, Fate::Dropped));
+  EXPECT_EQ(found.count(Fate::Dropped), 4U) << "but for the blank line";
   EXPECT_EQ(found.lines[1].text, "PrivateKey = …");
   EXPECT_EQ(found.lines[2].why, "becomes: 10.0.0.2");
   EXPECT_EQ(wireguard::report_conf_file("[Interface]\nPrivateKey = x\n[Peer]\n").error,

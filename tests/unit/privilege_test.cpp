@@ -90,5 +90,31 @@ TEST_F(PrivilegeFiles, LoadAddsWhatTheLinesSay) {
   EXPECT_EQ(storage, expected) << "a missing file adds nothing";
 }
 
+TEST(UserPrivileges, AreShownByPages) {
+  UserPrivilege privileges;
+  privileges.storage = {{"ann", 1}, {"bob", 2}, {"Bobby", 4}, {"carl", 8}};
+  const struct {
+    int start, count;
+    const char* filter;
+    const char* page;
+  } rows[] = {
+      {0, 0, "", "null"},
+      {0, -1, "", "null"},
+      {0, 1, "", R"({"Bobby":4})"},
+      {1, 2, "", R"({"ann":1,"bob":2})"},
+      {3, 5, "", R"({"carl":8})"},
+      {4, 5, "", "null"},
+      {0, 5, "bOb", R"({"Bobby":4,"bob":2})"},
+      {1, 1, "bob", R"({"bob":2})"},
+  };
+  for (const auto& row : rows) {
+    JsonValue out;
+    EXPECT_EQ(privileges.get(row.start, row.count, row.filter, out), 4);
+    std::string page;
+    out.toString(page);
+    EXPECT_EQ(page, row.page) << row.start << ' ' << row.count << ' ' << row.filter;
+  }
+}
+
 }  // namespace
 }  // namespace ormel

@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include "ormel/actions/tunnel_state.h"
 #include "ormel/base/error.h"
+#include "ormel/drivers/pptp.h"
 
 namespace ormel {
 namespace {
@@ -51,6 +53,38 @@ TEST(ReasonLine, IsOneLineOfJsonWhateverTheDetailHolds) {
   EXPECT_EQ(reason_line(reason),
             "{\"code\":\"login-refused\",\"since\":5,\"at\":7,\"count\":2,\"detail\":\"he said: "
             "\\\"no\\\"\\\\?}\"}\n");
+}
+
+// Of a profile without a noted reason.
+TEST(TunnelStates, OfAClientGoByProcessAndAddress) {
+  constexpr struct {
+    bool enable;
+    pid_t process;
+    const char* address;
+    State state;
+  } ROWS[] = {
+      {false, 0, "10.0.0.2", State::Off}, {true, 7, "10.0.0.2", State::Up},
+      {false, 7, "10.0.0.2", State::Up},  {true, 7, "", State::Starting},
+      {false, 7, "", State::Starting},
+  };
+  for (const auto& row : ROWS) {
+    pptp::ClientConfig client(32);
+    client.enable = row.enable;
+    client.pid = row.process;
+    client.local_ip = row.address;
+    client.timestamp = 5;
+    const TunnelState found = tunnel_state(client);
+    EXPECT_STREQ(state_name(found.state), state_name(row.state)) << row.process << row.address;
+    EXPECT_EQ(found.since, row.state == State::Up ? 5 : 0);
+    EXPECT_EQ(found.settled(), row.state != State::Starting);
+  }
+}
+
+TEST(TunnelStates, KnowAFailureThatTheScriptsReport) {
+  constexpr std::string_view FILE = "first = TRUE\nrules = FALSE\nlast = TRUE\nopen = FALSE";
+  for (const char* line : {"rules", "open"}) EXPECT_TRUE(reports_failure(FILE, line)) << line;
+  for (const char* line : {"first", "last", "none"})
+    EXPECT_FALSE(reports_failure(FILE, line)) << line;
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <fenro/auth.h>
 #include <gtest/gtest.h>
 
+#include "ormel/base/error.h"
 #include "ormel/web/handlers.h"
 #include "ormel/web/routes.h"
 
@@ -72,6 +73,30 @@ TEST(Routes, LetNobodyInWithoutTheirSession) {
                                     : "Content-type: application/json; charset=utf-8\r\n";
       EXPECT_EQ(answer.substr(0, start.size()), start);
     }
+  }
+}
+
+TEST(Routes, SendWhatAFailedWorkHasFoundWhereItSaysSo) {
+  for (const bool keeps : {false, true}) {
+    const std::string answer = answer_locally("", OF_SESSION, [&](JsonValue& response) {
+      response["data"] = "found";
+      EXPECT_EQ(fail(response, {ERR_VALUE, "why", keeps}), ERR_VALUE);
+    });
+    EXPECT_EQ(answer.find("found") != std::string::npos, keeps) << answer;
+    EXPECT_NE(answer.find("\"reason\":\"why\""), std::string::npos) << answer;
+  }
+}
+
+TEST(Routes, KeepUsersOutForAWeekAtTheMost) {
+  for (const auto& [minutes, code] : {std::pair{"-1", int{ERR_VALUE}},
+                                      {"0", ERR_CONFIGURE_INDEX},  // no connection is named
+                                      {"10080", ERR_CONFIGURE_INDEX},
+                                      {"10081", ERR_VALUE}}) {
+    const std::string form = std::string("sid=admin&minutes=") + minutes;
+    const std::string answer = answer_locally(form, OF_SESSION, [&, code = code](JsonValue& out) {
+      EXPECT_EQ(serve(*find_route("/ormel/connection/end"), out), code) << form;
+    });
+    EXPECT_NE(answer.find("\"error\":" + std::to_string(code)), std::string::npos) << answer;
   }
 }
 

@@ -142,6 +142,19 @@ TEST_F(WireGuard, AFreedIndexIsUsedAgainBeforeANewOne) {
   EXPECT_EQ(counts(), "1/1");
 }
 
+TEST_F(WireGuard, PeersThatHaveAKeyAreShown) {
+  write_peers("[global]\npeers_num = 2\nmax_index = 3\n[PEER1]\npub_key = " + KEY_A +
+              "\n[PEER3]\npub_key = " + KEY_B + '\n');
+  JsonValue out;
+  show_peers(out, PeerFile(folder));
+  std::string text;
+  out.toString(text);
+  for (const std::string& part :
+       {KEY_A, KEY_B, std::string("\"index\":1"), std::string("\"index\":3")})
+    EXPECT_NE(text.find(part), std::string::npos) << part << " in " << text;
+  EXPECT_EQ(text.find("\"index\":2"), std::string::npos) << text;
+}
+
 TEST_F(WireGuard, ADamagedPeerFileIsSurvivedAndPutInOrder) {
   write_peers(
       "[global]\npeers_num = -7\nmax_index = 2147483647\n[PEER1]\nallow_ip = "

@@ -33,8 +33,6 @@ int64_t seconds_between(std::time_t begin, std::time_t end) {
   return begin < end ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
 }
 
-}  // namespace
-
 void describe_peer(const vpn_peer& peer, const byteStat& stat, std::time_t now, JsonValue& out) {
   out["type"] = peer.vpn_type;
   out["name"] = system::valid_utf8(peer.vpn_user);
@@ -49,6 +47,23 @@ void describe_peer(const vpn_peer& peer, const byteStat& stat, std::time_t now, 
   out["tx_total"] = stat.tx_bytes;
   out["rx_rate"] = stat.rx_rate;
   out["tx_rate"] = stat.tx_rate;
+}
+
+}  // namespace
+
+uint64_t append_peers(JsonValue& rows, std::time_t now,
+                      const std::function<void(const vpn_peer&, JsonValue&)>& finish) {
+  std::vector<vpn_peer> peers;
+  if (!read_peers(peers)) return 0;
+  const std::map<std::string, byteStat> stats = get_all_server_stat();
+  for (const vpn_peer& peer : peers) {
+    const auto stat = stats.find(key_of(peer));
+    auto row = std::make_unique<JsonValue>();
+    describe_peer(peer, stat == stats.end() ? byteStat{} : stat->second, now, *row);
+    finish(peer, *row);
+    rows.append(std::move(row));
+  }
+  return peers.size();
 }
 
 int kick_peer(const vpn_peer& peer, long type) {
@@ -71,18 +86,7 @@ namespace {
 
 int list_peers(const Request&, JsonValue& reply) {
   JsonValue& data = reply["data"].make_array();
-  const std::time_t now = std::time(nullptr);
-  std::vector<vpn_peer> peers;
-  if (read_peers(peers)) {
-    const std::map<std::string, byteStat> stats = get_all_server_stat();
-    for (const vpn_peer& peer : peers) {
-      const auto stat = stats.find(key_of(peer));
-      auto item = std::make_unique<JsonValue>();
-      describe_peer(peer, stat == stats.end() ? byteStat{} : stat->second, now, *item);
-      data.append(std::move(item));
-    }
-  }
-  reply["total"] = static_cast<uint64_t>(peers.size());
+  reply["total"] = append_peers(data, std::time(nullptr));
   return NO_ERROR;
 }
 

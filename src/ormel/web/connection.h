@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -55,8 +56,11 @@ struct vpn_peer {
 // All connections in the order of the file. False when there is no file.
 bool read_peers(std::vector<vpn_peer>& peers);
 
-// A connection as a row of the answer.
-void describe_peer(const vpn_peer& peer, const byteStat& stat, std::time_t now, JsonValue& out);
+// Appends a row for each connection to the answer, which `finish` may complete, and returns their
+// number.
+uint64_t append_peers(
+    JsonValue& rows, std::time_t now,
+    const std::function<void(const vpn_peer&, JsonValue&)>& finish = [](auto&, auto&) {});
 // Ends a connection in the way of the server of `type`, which a request names. What cannot be ended
 // stays.
 int kick_peer(const vpn_peer& peer, long type);

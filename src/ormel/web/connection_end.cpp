@@ -138,18 +138,9 @@ int list_all(const Request&, JsonValue& reply) {
   JsonValue& data = reply["data"].make_array();
   const std::time_t now = std::time(nullptr);
   const Json holds = held_now();
-  std::vector<vpn_peer> peers;
-  if (read_peers(peers)) {
-    const std::map<std::string, byteStat> stats = get_all_server_stat();
-    for (const vpn_peer& peer : peers) {
-      const auto stat = stats.find(key_of(peer));
-      auto item = std::make_unique<JsonValue>();
-      describe_peer(peer, stat == stats.end() ? byteStat{} : stat->second, now, *item);
-      (*item)["held"] = held_until(holds.get(), "user", system::valid_utf8(peer.vpn_user));
-      data.append(std::move(item));
-    }
-  }
-  auto total = static_cast<uint64_t>(peers.size());
+  uint64_t total = append_peers(data, now, [&](const vpn_peer& peer, JsonValue& row) {
+    row["held"] = held_until(holds.get(), "user", system::valid_utf8(peer.vpn_user));
+  });
   for (const Device& device : live_devices()) {
     if (device.handshake == 0 || now - device.handshake >= RECENT) continue;
     append_device(data, device, now, held_until(holds.get(), "peer", device.key));

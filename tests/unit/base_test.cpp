@@ -1,0 +1,156 @@
+// HTTP statuses and certificates, and the daemons of tunnels by their command lines.
+#include <cstring>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <tuple>
+
+#include <gtest/gtest.h>
+
+#include "ormel/base/crypto.h"
+#include "ormel/base/error.h"
+#include "ormel/base/handle.h"
+#include "ormel/base/http.h"
+#include "ormel/host/vpn_process.h"
+
+namespace ormel {
+namespace {
+
+// A web server on the loopback that gives one answer.
+class OneAnswer {
+ public:
+  explicit OneAnswer(const std::string& answer) {
+    place_.sin_family = AF_INET;
+    place_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof place_;
+    auto* const place = reinterpret_cast<sockaddr*>(&place_);
+    EXPECT_EQ(bind(listener_.get(), place, size), 0);
+    EXPECT_EQ(listen(listener_.get(), 1), 0);
+    EXPECT_EQ(getsockname(listener_.get(), place, &size), 0);
+    server_ = std::jthread([this, answer] {
+      const Fd client{accept(listener_.get(), nullptr, nullptr)};
+      char request[4096];
+      std::ignore = recv(client.get(), request, sizeof request, 0);
+      std::ignore = send(client.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+    });
+  }
+  [[nodiscard]] std::string url() const {
+    return "http://127.0.0.1:" + std::to_string(ntohs(place_.sin_port)) + '/';
+  }
+
+ private:
+  sockaddr_in place_{};
+  Fd listener_{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  std::jthread server_;
+};
+
+TEST(HttpAnswers, CountWithAStatusOfSuccess) {
+  for (const auto& [status, code] : {std::pair{200, int{NO_ERROR}},
+                                     {299, NO_ERROR},
+                                     {300, ERR_HTTP_ERROR},
+                                     {404, ERR_HTTP_ERROR},
+                                     {503, ERR_HTTP_ERROR}}) {
+    SCOPED_TRACE(status);
+    const OneAnswer server{"HTTP/1.1 " + std::to_string(status) +
+                           " x\r\nConnection: close\r\nContent-Length: 2\r\n\r\nhi"};
+    Curl handle = new_curl();
+    ASSERT_TRUE(handle);
+    curl::api()->easy_setopt(handle.get(), CURLOPT_URL, server.url().c_str());
+    curl::api()->easy_setopt(handle.get(), CURLOPT_PROXY, "");
+    std::string out;
+    EXPECT_EQ(system::easycurl(std::move(handle), out), code);
+    EXPECT_EQ(out, "hi");
+  }
+  std::string out;
+  EXPECT_EQ(system::easycurl(Curl{}, out), ERR_EASYCURL_FAIL);
+}
+
+// An authority that signed itself, for a hundred years.
+constexpr const char* CERTIFICATE =
+    "-----BEGIN CERTIFICATE-----\n"
+    "MIIBlzCCAT2gAwIBAgIUP9yGds/GZiwJqD72TCq5uh60S5wwCgYIKoZIzj0EAwIw\n"
+    "IDEQMA4GA1UECgwHRXhhbXBsZTEMMAoGA1UEAwwDdnBuMCAXDTI2MTEyNjE3MTgy\n"
+    "OVoYDzIxMjYxMTAyMTcxODI5WjAgMRAwDgYDVQQKDAdFeGFtcGxlMQwwCgYDVQQD\n"
+    "DAN2cG4wWTATBgcqhkjOPQIBBggqhkjOPQMBBwNCAATFCWjIbL5vUReouOCaxxXe\n"
+    "CWubdpaBqiLDiKqzMG4JphcvsMChvrlM03U2BF1cCZMSBi+A5/oPSk99xn4hfsqD\n"
+    "o1MwUTAdBgNVHQ4EFgQUuqIE/tLOV4oL6QGvqGQLASS6q6QwHwYDVR0jBBgwFoAU\n"
+    "uqIE/tLOV4oL6QGvqGQLASS6q6QwDwYDVR0TAQH/BAUwAwEB/zAKBggqhkjOPQQD\n"
+    "AgNIADBFAiAKVKlhIvOgRbEPj/17UaDTrX3qZuP3CKhagD3GEABupwIhAL7JIP/A\n"
+    "MSnvjvoc0n9pZFrO9ZNLdixkQJoelbdX5Z4k\n"
+    "-----END CERTIFICATE-----\n";
+
+constexpr const char* REVOCATIONS =
+    "-----BEGIN X509 CRL-----\n"
+    "MIG4MGECAQEwCgYIKoZIzj0EAwIwIDEQMA4GA1UECgwHRXhhbXBsZTEMMAoGA1UE\n"
+    "AwwDdnBuFw0yNjExMjYxNzE4MjlaGA8yMTI2MTEwMjE3MTgyOVqgDjAMMAoGA1Ud\n"
+    "FAQDAgEBMAoGCCqGSM49BAMCA0cAMEQCIANFttOKkB0eLIn8Mzx7MNAyMla2SLgk\n"
+    "dJb1MQlvCPkjAiB8PalOoUPvmDSP5KqS6c/jvG5aiuQMT/4d2qQu4jhfVQ==\n"
+    "-----END X509 CRL-----\n";
+
+TEST(Pem, IsToldApart) {
+  const std::string damaged = std::string(CERTIFICATE).replace(40, 1, "!");
+  const struct {
+    std::string text;
+    bool certificate, revocations;
+    size_t count;
+  } rows[] = {
+      {"", false, false, 0},
+      {damaged, false, false, 0},
+      {CERTIFICATE, true, false, 1},
+      {REVOCATIONS, false, true, 0},
+      {std::string("text\n") + CERTIFICATE + CERTIFICATE + damaged, true, false, 2},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text);
+    EXPECT_EQ(openssl::is_cert(row.text), row.certificate);
+    EXPECT_EQ(openssl::is_crl(row.text), row.revocations);
+    const auto facts = openssl::certificates_of(row.text);
+    EXPECT_EQ(facts.size(), row.count);
+    for (const auto& one : facts) {
+      EXPECT_EQ(one.subject, "vpn");
+      EXPECT_GT(one.days, 0);
+    }
+  }
+}
+
+TEST(VpnProcesses, AreKnownByProgramAndProfile) {
+  constexpr struct {
+    std::string_view line;
+    TYPE type;
+    int index;
+  } ROWS[] = {
+      {{"/usr/sbin/pptpd\0-f\0client7\0", 26}, PPTP_SERVER_TYPE, 0},
+      {{"pppd-pptp\0call\0pptpclient7\0", 27}, PPTP_CLIENT_TYPE, 7},
+      {{"/usr/lib/fenro/openvpnclient\0FENRO\0/client1/client12\0", 53}, OVPN_CLIENT_TYPE, 12},
+      {{"/usr/lib/fenro/openvpnclient\0", 29}, OVPN_CLIENT_TYPE, 0},
+      {{"morvic", 6}, DROVIK_CLIENT_TYPE, 0},
+      {{"sh\0/usr/sbin/pptpd\0", 19}, NONE_TYPE, 0},
+      {{}, NONE_TYPE, 0},
+  };
+  system::VpnProcess running;
+  for (const auto& row : ROWS) {
+    SCOPED_TRACE(row.line);
+    const system::Process& process = running.is_vpn_process(std::string(row.line), 5);
+    EXPECT_EQ(process.type, row.type);
+    EXPECT_EQ(process.index, row.index);
+    EXPECT_EQ(process.pid, 5);
+  }
+}
+
+TEST(VpnProcesses, BelongToOneProfile) {
+  system::VpnProcess running;
+  running.processes = {{2, 12, PPTP_CLIENT_TYPE},
+                       {1, 11, PPTP_CLIENT_TYPE},
+                       {1, 21, OVPN_CLIENT_TYPE},
+                       {0, 30, OVPN_SERVER_TYPE}};
+  EXPECT_EQ(running.pidof(PPTP_CLIENT_TYPE, 1), 11);
+  EXPECT_EQ(running.pidof(PPTP_CLIENT_TYPE, 2), 12);
+  EXPECT_EQ(running.pidof(PPTP_CLIENT_TYPE, 3), 0);
+  EXPECT_EQ(running.pidof(OVPN_CLIENT_TYPE, 1), 21);
+  EXPECT_EQ(running.pidof(OVPN_SERVER_TYPE, 0), 30);
+  EXPECT_EQ(running.pidof(L2TP_SERVER_TYPE, 0), 0);
+}
+
+}  // namespace
+}  // namespace ormel
