@@ -1,25 +1,43 @@
-// The address at which others reach this appliance: asked once, and used by every configuration that is handed out.
+// The address at which others reach this appliance: kept on it, and used by every configuration that is handed out.
 import { signal } from '@preact/signals'
 import { useEffect } from 'preact/hooks'
-import { data } from './api'
+import { call, data } from './api'
 import type { Nic } from './model'
-import { host as hostRule, parseAddress } from './rules'
+import { parseAddress, publicHost } from './rules'
 import { t } from './texts'
-import { Field, Notice } from './ui'
+import { Failure, Field, Notice } from './ui'
 
-const PLACE = 'ormel.address'
 const OWN = /^(localhost|127\..*|\[?::1\]?)$/ // of the machine that the browser runs on
 
-const stored = typeof localStorage === 'undefined' ? '' : (localStorage.getItem(PLACE) ?? '')
-export const publicAddress = signal(
-  stored || (typeof location === 'undefined' ? '' : location.hostname),
-)
+export const publicAddress = signal(typeof location === 'undefined' ? '' : location.hostname)
+let typed = false // something that the appliance does not have yet
+const failure = signal<unknown>(null) // of the last attempt to store it
 
-export function setPublicAddress(to: string): void {
-  const address = to.trim()
-  publicAddress.value = address
-  if (hostRule(address) === null) localStorage.setItem(PLACE, address)
-  else localStorage.removeItem(PLACE)
+// Where none is stored, that of the page itself; people who came through a port of their own machine get that of the
+// appliance's first interface, as nobody else reaches it by theirs.
+async function proposal(): Promise<string> {
+  if (!OWN.test(location.hostname)) return location.hostname
+  const nics = await data<Nic[] | null>('misc/nic')
+  return nics?.find(nic => nic.ip)?.ip ?? location.hostname
+}
+
+async function load(): Promise<void> {
+  const { address } = await data<{ address: string }>('address/get')
+  const known = address || (await proposal())
+  if (!typed) publicAddress.value = known
+}
+
+async function store(): Promise<void> {
+  const address = publicAddress.peek()
+  if (!typed || publicHost(address) !== null) return
+  typed = false
+  try {
+    await call('address/set', { address })
+    failure.value = null
+  } catch (thrown) {
+    typed = true
+    failure.value = thrown
+  }
 }
 
 const PRIVATE: readonly (readonly [first: string, bits: number])[] = [
@@ -33,6 +51,7 @@ const PRIVATE: readonly (readonly [first: string, bits: number])[] = [
 // Whether an address leads here only from the same network.
 export function worksAtHomeOnly(host: string): boolean {
   const number = parseAddress(host)
+  if (host.includes(':')) return /^(fe[89ab]|f[cd]|::1$)/i.test(host)
   if (number === null)
     return /(^|\.)(local|lan|home|internal|localhost)$/i.test(host) || !host.includes('.')
   return PRIVATE.some(
@@ -44,22 +63,15 @@ export function worksAtHomeOnly(host: string): boolean {
 
 // The same profile with that address in place of the appliance's own.
 export const withAddress = (profile: string, host: string): string =>
-  hostRule(host) === null ? profile.replace(/^remote \S+/m, `remote ${host}`) : profile
+  publicHost(host) === null ? profile.replace(/^remote \S+/m, `remote ${host}`) : profile
 
 export function PublicAddress() {
-  // Whoever came by a port of their own machine: nobody else reaches the appliance by that.
   useEffect(() => {
-    if (stored || !OWN.test(location.hostname)) return
-    void data<Nic[] | null>('misc/nic').then(
-      nics => {
-        if (OWN.test(publicAddress.peek()))
-          publicAddress.value = nics?.find(nic => nic.ip)?.ip ?? location.hostname
-      },
-      () => undefined,
-    )
+    void load().catch(() => undefined) // the proposal stays, and can be corrected
+    return () => void store() // what was typed last, in a dialog that closes
   }, [])
   const host = publicAddress.value
-  const wrong = hostRule(host)
+  const wrong = publicHost(host)
   return (
     <>
       <Field label={t('peer.host')} help={t('peer.hostHelp')} error={wrong && t(wrong)}>
@@ -69,11 +81,16 @@ export function PublicAddress() {
             autocomplete="off"
             spellcheck={false}
             value={host}
-            onInput={event => setPublicAddress(event.currentTarget.value)}
+            onInput={event => {
+              typed = true
+              publicAddress.value = event.currentTarget.value.trim()
+            }}
+            onChange={() => void store()}
           />
         )}
       </Field>
       {!wrong && worksAtHomeOnly(host) && <Notice>{t('peer.atHome')}</Notice>}
+      <Failure failure={failure.value} />
     </>
   )
 }

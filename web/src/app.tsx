@@ -18,6 +18,7 @@ import { SdwanPage } from './pages/sdwan'
 import { ServersPage } from './pages/servers'
 import { UserQuestions } from './pages/user'
 import { watchDrops } from './drop'
+import { watchFocus } from './focus'
 import { guard, place } from './router'
 import { session } from './session'
 import { language, t, type TextKey } from './texts'
@@ -137,6 +138,7 @@ function Shell() {
 
 export function App() {
   useEffect(watchDrops, [])
+  useEffect(watchFocus, [])
   useEffect(watchHands, [])
   useEffect(() => guard(mayLeave), [])
   useEffect(() => {

@@ -56,6 +56,13 @@ export const endpoint: Rule = value => {
 
 export const host: Rule = value => (/^[A-Za-z0-9._:-]{1,255}$/.test(value) ? null : 'rule.host')
 
+// The same without a port: a name, an IPv4 or an IPv6 address.
+export const publicHost: Rule = value =>
+  /^[A-Za-z0-9._][A-Za-z0-9._-]{0,252}$/.test(value) ||
+  /^[0-9A-Fa-f.]*:[0-9A-Fa-f.:]*:[0-9A-Fa-f.:]*$/.test(value)
+    ? null
+    : 'rule.publicHost'
+
 export const all =
   (...rules: Rule[]): Rule =>
   value => {

@@ -74,3 +74,11 @@ export class Trails {
     return this.trails.get(key) ?? []
   }
 }
+
+// The last rates of the client tunnels that are up, as the appliance has recorded them, by type and index.
+export const TRAIL = 60 // rates at most
+export interface TunnelTrails {
+  tunnels: { type: number; index: number; rates: number[] }[]
+}
+export const trailsOf = ({ tunnels }: TunnelTrails): ReadonlyMap<string, readonly number[]> =>
+  new Map(tunnels.map(one => [`${one.type}-${one.index}`, one.rates]))

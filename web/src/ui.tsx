@@ -68,8 +68,9 @@ export const Button = ({
   <button
     type={submit ? 'submit' : 'button'}
     class={`button ${kind}`}
-    onClick={onClick}
-    disabled={disabled || busy}
+    onClick={event => (busy ? event.preventDefault() : onClick?.())}
+    disabled={disabled}
+    aria-disabled={busy ? 'true' : undefined} // and not off, which would take the focus away
     aria-busy={busy ? 'true' : undefined}
     aria-label={label}
     title={label}

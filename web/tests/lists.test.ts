@@ -10,7 +10,8 @@ import { linkState } from '../src/pages/sdwan'
 import { pointsOf } from '../src/pages/traffic'
 import { obstacle, refusalWords, type Entry, type Known } from '../src/pages/user'
 import { sparkPath } from '../src/spark'
-import { History, Trails } from '../src/traffic'
+import { History, Trails, trailsOf } from '../src/traffic'
+import { publicHost } from '../src/rules'
 
 const USUAL: Look = { q: '', filter: '', sort: 'name', down: false, page: 0, size: 15 }
 
@@ -170,6 +171,8 @@ describe('a graph', () => {
     trails.add(new Map())
     expect(trails.of('a')).toEqual([])
     expect(sparkPath([0, 10], 3)).toBe('30.0,17.0 60.0,1.0')
+    const recorded = { step: 10, tunnels: [{ type: 1024, index: 3, rates: [5, 7] }] }
+    expect(trailsOf(recorded).get('1024-3')).toEqual([5, 7])
   })
 })
 
@@ -184,7 +187,22 @@ describe('addresses', () => {
     ['172.32.0.1', false],
     ['203.0.113.7', false],
     ['vpn.example.org', false],
+    ['fd00::1', true],
+    ['fe80::1', true],
+    ['2001:db8::1', false],
   ])('%s leads here from home only: %s', (host, home) => expect(worksAtHomeOnly(host)).toBe(home))
+  it.each([
+    ['vpn.example.org', true],
+    ['192.0.2.1', true],
+    ['2001:db8::1', true],
+    ['vpn.example.org:1194', false],
+    ['[2001:db8::1]', false],
+    ['a b', false],
+    ['-x', false],
+    ['', false],
+  ])('that are public are without a port: %s, %s', (host, fits) =>
+    expect(publicHost(host) === null).toBe(fits),
+  )
   it('take the place of the own one in a profile', () => {
     const profile = 'client\nremote 192.168.77.1 1194\nremote-cert-tls server\n'
     expect(withAddress(profile, 'vpn.example.org')).toBe(

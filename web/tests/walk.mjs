@@ -1,122 +1,46 @@
 // The whole interface as a user walks it, in a browser on one appliance: a server there and a cloud for it to join, a
 // client of it on another one ("far"). Each step builds on those before it; script/web-test starts it.
 import assert from 'node:assert/strict'
-import { execFileSync } from 'node:child_process'
 import { randomBytes } from 'node:crypto'
-import { readFileSync, writeFileSync } from 'node:fs'
+import { readFileSync, readdirSync, writeFileSync } from 'node:fs'
 import { after, before, test } from 'node:test'
-import axe from 'axe-core'
+import { gzipSync } from 'node:zlib'
 import jsQR from 'jsqr'
-import { chromium } from 'playwright-core'
 import { PNG } from 'pngjs'
+import {
+  DESK,
+  FAR,
+  NEAR,
+  SPEAKING,
+  accessible,
+  badge,
+  button,
+  card,
+  dropFiles,
+  end,
+  focused,
+  go,
+  logIn,
+  open,
+  picture,
+  run,
+  said,
+  start,
+  text,
+} from './browser.mjs'
 
-const NEAR = 'https://192.168.77.1'
-const FAR = 'https://192.168.77.2'
-const PATIENCE = 90_000 // milliseconds; a tunnel takes its time, and the machine may be busy
-const DESK = process.env.DESK
-const FLAGS = [
-  '--no-sandbox',
-  '--disable-gpu',
-  '--disable-quic',
-  '--no-first-run',
-  '--disable-background-networking',
-  '--disable-component-update',
-  '--disable-sync',
-]
-const SPEAKING = { timeout: PATIENCE }
 const HOSTILE = `<img src=x onerror=alert(1)>"'&amp; x ${'🦔'.repeat(138)} \u202Eneddih` // 600 bytes, the longest name
 const PORTAL = 'https://org-center.production.global.pelmar.example/v1.2/organization'
 
 // Something to see on the picture of the curves.
-const TRAFFIC = `for size in 400 900 1300 700 1300 300 1000 1300; do
+const TRAFFIC = `(for size in 400 900 1300 700 1300 300 1000 1300 600 1100; do
   for far in 10.8.0.2 198.18.7.2; do
-    ping -q -i 0.0$((RANDOM % 6 + 2)) -s $((size + RANDOM % 100)) -w 6 $far & done; wait; done >/dev/null 2>&1 || true`
+    ping -q -i 0.0$((RANDOM % 6 + 2)) -s $((size + RANDOM % 100)) -w 6 $far & done; wait; done) >/dev/null 2>&1 &`
 
-const text = path => readFileSync(path, 'utf8').trim()
-const run = (...words) => execFileSync(words[0], words.slice(1), { encoding: 'utf8' })
+let near, far
 
-let browser, near, far
-const trouble = [] // what the browser complains of on any page
-
-async function open(address, options = {}) {
-  const context = await browser.newContext({
-    ignoreHTTPSErrors: true,
-    viewport: { width: 1280, height: 860 },
-    locale: 'en',
-    ...options,
-  })
-  context.setDefaultTimeout(PATIENCE)
-  const page = await context.newPage()
-  page.on('pageerror', error => trouble.push(`${address}: ${error.message}`))
-  page.on(
-    'console',
-    line =>
-      line.type() === 'error' &&
-      !line.text().includes('Failed to load resource') &&
-      trouble.push(line.text()),
-  )
-  page.on('dialog', dialog => trouble.push(`a script ran: ${dialog.message()}`))
-  await page.goto(`${address}/`)
-  return page
-}
-
-async function logIn(page, user, password) {
-  await page.getByLabel('User').fill(user)
-  await page.getByLabel('Password').fill(password)
-  await page.getByRole('button', { name: 'Log in' }).click()
-}
-
-async function go(page, path, heading) {
-  await page.goto(`${new URL(page.url()).origin}/#/${path}`)
-  await page.getByRole('heading', { level: 1, name: heading }).waitFor()
-}
-const said = (page, words) => page.locator('.said').getByText(words).waitFor()
-const card = (page, name) => page.getByRole('region', { name, exact: true })
-const button = (place, name) => place.getByRole('button', { name })
-const focused = async (what, why) =>
-  assert.ok(await what.evaluate(one => one === document.activeElement), `${why} has the focus`)
-const badge = (place, words) =>
-  place.locator('.badge', { hasText: words }).first().waitFor(SPEAKING)
-
-// Files let fall somewhere on the page, as a mouse brings them.
-async function dropFiles(page, paths, x, y) {
-  const devtools = await page.context().newCDPSession(page)
-  const data = { items: [], files: paths, dragOperationsMask: 1 }
-  for (const type of ['dragEnter', 'dragOver', 'drop'])
-    await devtools.send('Input.dispatchDragEvent', { type, x, y, data })
-  await devtools.detach()
-}
-
-// The policy of the page lets no script in, so the check runs in its own world.
-async function accessible(page, where) {
-  await page.waitForTimeout(300)
-  const devtools = await page.context().newCDPSession(page)
-  const { frameTree } = await devtools.send('Page.getFrameTree')
-  const { executionContextId } = await devtools.send('Page.createIsolatedWorld', {
-    frameId: frameTree.frame.id,
-  })
-  const { result } = await devtools.send('Runtime.evaluate', {
-    contextId: executionContextId,
-    awaitPromise: true,
-    expression: `${axe.source};axe.run().then((found) => JSON.stringify(found.violations
-      .map((one) => [one.id, one.nodes.map((node) => node.html.slice(0, 200))])))`,
-  })
-  await devtools.detach()
-  assert.equal(result.value, '[]', where)
-}
-async function picture(page, name) {
-  if (!process.env.PICTURES) return
-  await page.waitForTimeout(400)
-  await page.screenshot({ path: new URL(`../../doc/web-${name}.png`, import.meta.url).pathname })
-}
-
-before(async () => {
-  browser = await chromium.launch({ executablePath: '/usr/bin/chromium', args: FLAGS })
-})
-after(async () => {
-  await browser?.close()
-  assert.deepEqual(trouble, [])
-})
+before(() => start())
+after(end)
 
 test('nobody gets in with a wrong password, an administrator does', async () => {
   near = await open(NEAR)
@@ -182,6 +106,15 @@ test('a fresh appliance leads to a WireGuard device in six clicks at most', asyn
   assert.match(await config.textContent(), /\nEndpoint = vpn\.example\.org:51820\n/)
   assert.ok(count() <= 6, `${count()} clicks`)
   await button(dialog, 'Done').click()
+  const other = await open(FAR) // another browser: the address is kept on the appliance
+  await logIn(other, 'admin', text(`${DESK}/far`))
+  await other.getByRole('heading', { level: 1, name: 'Overview' }).waitFor()
+  await go(other, 'servers/ovpn', 'VPN servers')
+  const kept = other.getByLabel('Public address')
+  await kept.waitFor()
+  await other.waitForTimeout(500)
+  assert.equal(await kept.inputValue(), 'vpn.example.org')
+  await other.context().close()
   await go(far, 'servers/wg', 'VPN servers')
   await far.getByRole('row', { name: /First phone/ }).waitFor()
   await badge(card(far, 'WireGuard'), 'On')
@@ -343,6 +276,7 @@ test('with the right password the tunnel comes up', async () => {
   await said(far, 'Saved.')
   await button(client('office'), 'Connect office').click()
   await badge(client('office'), 'Connected')
+  await client('office').locator('.spark').waitFor(SPEAKING) // the appliance records it every ten seconds
   await accessible(far, 'clients')
 })
 
@@ -368,6 +302,7 @@ test('the connection is seen live, and a restart says whom it drops', async () =
   await form.getByText('Saving restarts the server and ends one connection.').waitFor()
   await button(form, 'Save').click()
   await near.getByRole('dialog').getByText('One connection will end.').waitFor()
+  await accessible(near, 'restart')
   await button(near.getByRole('dialog'), 'Cancel').click()
 })
 
@@ -382,6 +317,8 @@ test('a WireGuard device is added, and its QR code is all that it needs', async 
   const dialog = near.getByRole('dialog')
   await button(near, 'Add a device').click()
   await focused(dialog.getByLabel('Name', { exact: true }), 'the first field')
+  await dialog.locator('summary').click()
+  await accessible(near, 'new device')
   await near.keyboard.press('Escape')
   await dialog.waitFor({ state: 'detached' })
   await focused(button(near, 'Add a device'), 'what had it before')
@@ -409,12 +346,12 @@ test('a WireGuard device is added, and its QR code is all that it needs', async 
   await near.keyboard.press('Escape') // a mistake, as it cannot be shown again
   await near.getByText('Close without saving the configuration?').waitFor()
   await focused(button(dialog, 'Cancel'), 'what does no harm')
+  await accessible(near, 'unkept')
   await button(dialog, 'Cancel').click()
   await button(dialog, 'Done').click()
   const row = near.getByRole('row', { name: /Far <i>phone<\/i>/ })
   await badge(row, 'Connected')
   await picture(near, 'wireguard')
-  await picture(far, 'clients')
 })
 
 test('a device is disabled for a while, and expires on a day', async () => {
@@ -447,9 +384,11 @@ test('another key of the server is no slip of the hand', async () => {
   await button(form, 'Save').click()
   const dialog = near.getByRole('dialog')
   await dialog.getByText('One device stops working').waitFor()
+  await accessible(near, 'another key')
   await button(dialog, 'Cancel').click()
   await near.getByRole('link', { name: 'Rights' }).click()
   await dialog.getByText('What you have entered has not been saved.').waitFor()
+  await accessible(near, 'unsaved')
   await button(dialog, 'Cancel').click()
   assert.match(near.url(), /servers\/wg$/)
   await near.getByRole('link', { name: 'Rights' }).click()
@@ -468,6 +407,16 @@ test('tunnels of every kind are added in a form that everybody can use', async (
   }
 })
 
+test('what is wrong with a tunnel is found step by step', async () => {
+  await button(client('branch'), /^What is wrong/).click()
+  const dialog = far.getByRole('dialog')
+  await accessible(far, 'doctor at work')
+  await dialog.getByText(/^It fails at/).waitFor(SPEAKING)
+  await accessible(far, 'doctor')
+  await far.keyboard.press('Escape')
+  await focused(button(client('branch'), /^What is wrong/), 'what had it before')
+})
+
 test('the gateway is moved to the tunnel', async () => {
   await go(far, 'gateway', 'Default gateway')
   await far.getByText('No tunnel', { exact: true }).waitFor()
@@ -484,12 +433,18 @@ test('the gateway is moved to the tunnel', async () => {
 test('somebody is thrown out', async () => {
   await go(near, 'overview', 'Overview')
   await card(near, 'Who is connected').getByText('guest').waitFor(SPEAKING)
-  if (process.env.PICTURES) run('bash', '-c', TRAFFIC)
+  if (process.env.PICTURES) {
+    run('bash', '-c', TRAFFIC)
+    await near.waitForTimeout(40_000)
+  }
   await picture(near, 'overview')
   await go(near, 'connections', 'Connections')
   await near.getByText('2 connections').waitFor(SPEAKING)
   await accessible(near, 'connections')
   await picture(near, 'connections')
+  await go(far, 'clients', 'VPN clients')
+  await client('phone').locator('.spark').waitFor(SPEAKING)
+  await picture(far, 'clients')
   await button(near, 'Disconnect guest').click()
   await accessible(near, 'question')
   await near.getByRole('dialog').getByRole('spinbutton').fill('5')
@@ -621,7 +576,17 @@ test('an appliance joins the SD-WAN by the cloud of the demonstration, lives in 
   const membership = card(near, 'Membership')
   await membership.getByText(HOSTILE).waitFor(SPEAKING)
   await badge(membership, 'Up')
-  await card(near, 'Hub').getByText('hub-1').waitFor(SPEAKING)
+  const hub = card(near, 'Hub')
+  await hub.getByText('hub-1').waitFor(SPEAKING)
+  await badge(hub, 'Connecting') // nothing sets that tunnel up here, which is no failure in the first minutes
+  await card(near, 'Quota')
+    .getByText(/700 B of 1,?000 B/)
+    .waitFor(SPEAKING)
+  await card(near, 'Traffic of the last days')
+    .getByRole('row', { name: /Nov 1, 2025.*300 B/ })
+    .waitFor(SPEAKING)
+  const log = card(near, 'Membership log')
+  await log.getByText('No log entries.').waitFor(SPEAKING)
   await accessible(near, 'member')
 
   const virtual = card(near, 'Virtual address')
@@ -634,8 +599,10 @@ test('an appliance joins the SD-WAN by the cloud of the demonstration, lives in 
   await virtual.getByText('This address is free.').waitFor(SPEAKING)
   await button(virtual, 'Use it').click()
   await card(near, 'This appliance').getByText('10.99.0.10').waitFor(SPEAKING)
+  await log.getByText('Virtual IP from 10.99.0.7 to 10.99.0.10').waitFor(SPEAKING)
   assert.match(run('ip', '-o', 'address', 'show', 'dev', 'pelmar0'), / 10\.99\.0\.10\/32 /)
   await button(card(near, 'Leave the SD-WAN'), 'Leave the SD-WAN').click()
+  await accessible(near, 'leave')
   await button(near.getByRole('dialog'), 'Leave the SD-WAN').click()
   await button(near, 'Begin').waitFor(SPEAKING)
   assert.throws(() => run('ip', 'address', 'show', 'dev', 'pelmar0'))
@@ -644,6 +611,7 @@ test('an appliance joins the SD-WAN by the cloud of the demonstration, lives in 
 test('a session that has run out is begun anew over what was being done', async () => {
   const logInAgain = async () => {
     const dialog = near.getByRole('dialog', { name: 'Log in again' })
+    await accessible(near, 'log in again')
     await dialog.getByLabel('Password').fill(text(`${DESK}/appliance`))
     await dialog.getByRole('button', { name: 'Log in', exact: true }).click()
     await dialog.waitFor({ state: 'detached' })
@@ -711,207 +679,6 @@ test('a hidden tab asks nothing, and no look takes more than two requests and on
   await see(false)
   await near.waitForTimeout(1000)
   assert.equal(asked.length, 3)
-})
-
-test('it all works in the dark, on a telephone, by keyboard and in German', async () => {
-  const small = await open(NEAR, {
-    viewport: { width: 390, height: 844 },
-    colorScheme: 'dark',
-    locale: 'de-DE',
-  })
-  await small.keyboard.press('Tab')
-  await small.getByLabel('Benutzer').focus()
-  await small.keyboard.type('admin')
-  await small.keyboard.press('Tab')
-  await small.keyboard.type(text(`${DESK}/appliance`))
-  await small.keyboard.press('Enter')
-  await small.getByRole('heading', { level: 1, name: 'Übersicht' }).waitFor()
-  await small.getByRole('link', { name: 'OpenVPN' }).waitFor()
-  await accessible(small, 'small and dark')
-  await picture(small, 'telephone')
-  const servers = ['ovpn', 'wg', 'l2tp', 'pptp', 'drovik'].map(one => [
-    `servers/${one}`,
-    'VPN-Server',
-  ])
-  const others = [
-    ['rights', 'Rechte'],
-    ['logs', 'Protokolle'],
-    ['connections', 'Verbindungen'],
-    ['clients', 'VPN-Clients'],
-    ['gateway', 'Standard-Gateway'],
-    ['sdwan', 'SD-WAN'],
-    ['notify', 'Benachrichtigungen'],
-    ['backup', 'Sicherung'],
-  ]
-  for (const [path, heading] of [...servers, ...others]) {
-    await go(small, path, heading)
-    await small.locator('.card').first().waitFor()
-    for (const more of await small.locator('summary').all()) await more.click()
-    await accessible(small, `small and dark: ${path}`)
-    const wider = await small.evaluate(
-      () => document.documentElement.scrollWidth - document.documentElement.clientWidth,
-    )
-    assert.equal(wider, 0, `${path} is no wider than the screen`)
-  }
-  await small.getByRole('button', { name: 'Menü' }).click()
-  await small.getByRole('link', { name: 'VPN-Clients' }).click()
-  await small.getByRole('heading', { level: 1, name: 'VPN-Clients' }).waitFor()
-  await small.getByRole('button', { name: 'admin', exact: true }).click()
-  await accessible(small, 'small and dark: account')
-  await small.getByRole('button', { name: 'Hell' }).click()
-  assert.equal(await small.evaluate(() => document.documentElement.dataset.theme), 'light')
-  await accessible(small, 'small and light: account')
-  await small.getByLabel('Sprache').selectOption('fr')
-  await small.getByRole('heading', { level: 1, name: 'Clients VPN' }).waitFor()
-  await small.keyboard.press('Escape')
-  await focused(
-    small.getByRole('button', { name: 'admin', exact: true }),
-    'what opened the account',
-  )
-  await small.getByRole('button', { name: 'admin', exact: true }).click()
-  await small.getByRole('button', { name: 'Se déconnecter' }).click()
-  await small.getByLabel('Utilisateur').waitFor()
-  await small.context().close()
-})
-
-// An office with much of everything, as answers in the place of the appliance's.
-const HUGE = {
-  'config/show': () => [
-    {
-      type: 32,
-      enable: true,
-      server_pub_key: 'x',
-      server_ip: '198.18.0.1',
-      server_mask: 16,
-      port: 51820,
-      peers: Array.from({ length: 200 }, (_, at) => ({
-        index: at + 1,
-        peer_name: `device%20${at + 1}`,
-        peer_pub_key: `key ${at}`,
-        peer_allow_ip: `198.18.0.${at + 2}/32`,
-        psk: '',
-        peer_endpoint: '',
-        keepalive: '25',
-        latest_handshake: at < 3 ? 'Now' : '',
-        rx_total: '',
-        tx_total: '',
-      })),
-    },
-    ...Array.from({ length: 160 }, (_, at) => ({
-      type: 1024,
-      index: at + 1,
-      profile: `tunnel ${at + 1}`,
-      status: at === 83 ? 1 : 0,
-      enable: true,
-      last_error: 0,
-      server_ip: '192.0.2.1',
-      local_ip: '',
-      uptime: 60,
-      rx_total: 5,
-      tx_total: 5,
-      rx_rate: 0,
-      tx_rate: 0,
-      vendor: 'x',
-    })),
-  ],
-  'status/list': () => [],
-  'user/query': () => Array.from({ length: 1000 }, (_, at) => `user${at + 1}`),
-  'privilege/get': () => ({ user7: 4 }),
-}
-async function huge(page) {
-  for (const [route, answer] of Object.entries(HUGE))
-    await page.route(`**/ormel/${route}`, one => {
-      const mask = Number(new URLSearchParams(one.request().postData()).get('type')) // of those records that have a type
-      const all = answer()
-      const data = route === 'config/show' ? all.filter(record => record.type & mask) : all
-      return one.fulfill({ json: { error: 0, data, total: data.length } })
-    })
-}
-
-test('one thing is found among many, on a telephone as well', async () => {
-  const page = await open(NEAR, { viewport: { width: 390, height: 844 } })
-  await logIn(page, 'admin', text(`${DESK}/appliance`))
-  await page.getByRole('heading', { level: 1, name: 'Overview' }).waitFor()
-  await huge(page)
-  await go(page, 'clients', 'VPN clients')
-  await button(page, 'All').getByText('160').waitFor()
-  await page.getByText('160 entries').waitFor()
-  await button(page, 'Connected').first().click()
-  await page.getByRole('row', { name: /tunnel 84/ }).waitFor()
-  await page.getByText('1 entry').waitFor()
-  assert.match(page.url(), /show=up/)
-  await page.reload()
-  await huge(page)
-  await page.getByRole('row', { name: /tunnel 84/ }).waitFor()
-  const action = button(page.getByRole('row', { name: /tunnel 84/ }), 'Disconnect tunnel 84')
-  const { x, width } = await action.boundingBox()
-  assert.ok(x >= 0 && x + width <= 390, 'the action is in sight')
-  await button(page, 'All').click()
-  await page.getByRole('spinbutton', { name: 'Page' }).fill('11')
-  await page.keyboard.press('Enter')
-  await page.getByRole('row', { name: /tunnel 160/ }).waitFor()
-  await accessible(page, 'many tunnels')
-  await go(page, 'servers/wg', 'VPN servers')
-  await button(page, 'Never seen').getByText('197').waitFor()
-  await page.getByRole('searchbox').fill('198.18.0.118')
-  await page.getByRole('row', { name: /device 117/ }).waitFor()
-  await page.getByText('1 entry').waitFor()
-  await go(page, 'rights', 'Rights')
-  await page.getByText('1,000 entries').waitFor()
-  await button(page, 'With a right').click()
-  await page.getByRole('row', { name: /user7/ }).waitFor()
-  await page.getByText('1 entry').waitFor()
-  await go(page, 'overview', 'Overview')
-  await page.getByRole('link', { name: '152 more' }).waitFor()
-  await page.setViewportSize({ width: 320, height: 700 })
-  for (const [path, heading] of [
-    ['overview', 'Overview'],
-    ['clients', 'VPN clients'],
-    ['rights', 'Rights'],
-    ['servers/wg', 'VPN servers'],
-  ]) {
-    await go(page, path, heading)
-    await page.locator('.card, .scroller').first().waitFor()
-    const wider = await page.evaluate(
-      () => document.documentElement.scrollWidth - document.documentElement.clientWidth,
-    )
-    assert.equal(wider, 0, `${path} is no wider than 320 pixels`)
-  }
-  await page.context().close()
-})
-
-test('with few colours of the system, what is on is told apart', async () => {
-  const page = await open(NEAR, { forcedColors: 'active' })
-  await logIn(page, 'admin', text(`${DESK}/appliance`))
-  await page.getByRole('heading', { level: 1, name: 'Overview' }).waitFor()
-  await go(page, 'servers/ovpn', 'VPN servers')
-  const looks = what =>
-    what.evaluate(one => [
-      getComputedStyle(one).borderTopWidth,
-      getComputedStyle(one).backgroundColor,
-    ])
-  const [border, on] = await looks(page.getByLabel('Server is on'))
-  assert.equal(border, '1px')
-  await page.getByLabel('Server is on').uncheck()
-  assert.notEqual((await looks(page.getByLabel('Server is on')))[1], on)
-  assert.equal((await looks(page.locator('.badge').first()))[0], '1px')
-  await page.context().close()
-})
-
-test('slow answers never show the rows of another question', async () => {
-  const page = await open(NEAR)
-  await logIn(page, 'admin', text(`${DESK}/appliance`))
-  await page.getByRole('heading', { level: 1, name: 'Overview' }).waitFor()
-  await go(page, 'rights', 'Rights')
-  await page.getByRole('row', { name: /guest/ }).waitFor()
-  await page.route('**/ormel/user/query', async route => {
-    await new Promise(wake => setTimeout(wake, 2000))
-    await route.continue()
-  })
-  await button(page, 'Directory').click()
-  assert.equal(await page.getByRole('row', { name: /guest/ }).count(), 0)
-  await page.getByText('No directory is connected').waitFor()
-  await page.context().close()
 })
 
 test('a page at which nobody is asks nothing more, and goes on with the first hand', async () => {
@@ -1004,6 +771,20 @@ test('a look at the overview with 200 devices takes less than 25 KiB on the wire
   it.diagnostic(`bytes of ${looks.map(([route], at) => `${route} ${sizes[at]}`).join(', ')}`)
   assert.ok(sizes[0] > 13_000, 'all devices are there')
   assert.ok(sizes.reduce((sum, size) => sum + size, 0) < 25 * 1024)
+})
+
+test('the interface is less than 90 KiB for one user', it => {
+  const folder = '/usr/share/ormel/web/ui/assets'
+  const sizes = wanted =>
+    readdirSync(folder)
+      .filter(name => wanted.test(name))
+      .map(name => gzipSync(readFileSync(`${folder}/${name}`)).length)
+  const shared = sizes(/^index-.*\.(js|css)$/) // English is in it
+  const languages = sizes(/^(de|fr)-.*\.js$/)
+  assert.deepEqual([shared.length, languages.length], [2, 2])
+  const size = shared[0] + shared[1] + Math.max(...languages)
+  it.diagnostic(`${size} bytes`)
+  assert.ok(size < 90 * 1024, String(size))
 })
 
 test('a general user sees the tunnels and changes nothing', async () => {

@@ -31,7 +31,9 @@ import {
 } from '../reasons'
 import { choose, query } from '../router'
 import { session } from '../session'
+import { Spark } from '../spark'
 import { t } from '../texts'
+import { TRAIL, trailsOf, type TunnelTrails } from '../traffic'
 import {
   Badge,
   Button,
@@ -54,6 +56,7 @@ import { DoctorDialog } from './doctor'
 import { ImportDialog } from './import'
 
 const PAUSE = 3_000
+const STEP = 10_000 // between two rates that the appliance records
 const PATIENCE = 60 // seconds after which a tunnel that is still on its way is worth a word
 
 const OFF = 0
@@ -80,6 +83,17 @@ export const Why = ({ reason }: { reason: Reason }) => (
     )}
   </Notice>
 )
+// The rate of now with a curve of the last minutes; for WireGuard the last one recorded.
+const RateNow = ({ row }: { row: Row }) => {
+  const { profile, trail } = row
+  const now = profile.type === WIREGUARD_CLIENT ? trail.at(-1) : profile.rx_rate + profile.tx_rate
+  return (
+    <>
+      {now === undefined ? '–' : rate(now)}{' '}
+      {trail.length > 1 && <Spark rates={trail} size={TRAIL} />}
+    </>
+  )
+}
 const amount = (value: number | string): string =>
   bytes(typeof value === 'number' ? value : bytesOf(value))
 
@@ -149,8 +163,14 @@ const PickDialog = ({
 }) => (
   <Dialog title={t('client.add')} onClose={onClose}>
     <div class="choices">
-      {PROTOCOLS.map(one => (
-        <button key={one.id} type="button" class="choice" onClick={() => onPick(one.client)}>
+      {PROTOCOLS.map((one, at) => (
+        <button
+          key={one.id}
+          type="button"
+          class="choice"
+          data-first={at === 0 || undefined}
+          onClick={() => onPick(one.client)}
+        >
           <strong>{one.label}</strong>
           <span>{t(one.client === OPENVPN_CLIENT ? 'client.byFile' : 'client.byForm')}</span>
         </button>
@@ -201,11 +221,17 @@ interface Row {
   profile: ClientProfile
   truth: TunnelState | undefined
   state: string
+  trail: readonly number[] // its last rates
 }
-const rowOf = (profile: ClientProfile, states: States): Row => {
+const rowOf = (
+  profile: ClientProfile,
+  states: States,
+  trails: ReadonlyMap<string, readonly number[]>,
+): Row => {
   const truth = states.get(stateKey(profile))
   return {
     key: keyOf(profile),
+    trail: trails.get(keyOf(profile)) ?? [],
     name: clientName(profile),
     profile,
     truth,
@@ -341,7 +367,8 @@ function ClientCard(props: ActionProps) {
                         handshakeWords(String(profile['latest_handshake'] ?? '')),
                       ],
                     ] as const)
-                  : ([[t('client.now'), rate(profile.rx_rate + profile.tx_rate)]] as const)),
+                  : []),
+                [t('client.now'), <RateNow row={row} />],
               ] as const)
             : []),
         ]}
@@ -446,6 +473,10 @@ export function ClientsPage() {
     ])
     return { profiles: profiles ?? [], states }
   }, PAUSE)
+  const trails = usePoll(
+    async () => (admin ? trailsOf(await data<TunnelTrails>('traffic/tunnels')) : new Map()),
+    STEP,
+  )
   const list = { ...poll, value: poll.value?.profiles }
   const close = () => setWaiting(waiting.slice(1))
   const done = () => {
@@ -475,7 +506,9 @@ export function ClientsPage() {
   }
   const over = useFileDrop(admin && !open, files => void take(files))
 
-  const rows = (list.value ?? []).map(one => rowOf(one, poll.value?.states ?? new Map()))
+  const rows = (list.value ?? []).map(one =>
+    rowOf(one, poll.value?.states ?? new Map(), trails.value ?? new Map()),
+  )
   const full = rows.filter(row => !row.profile['vendor']).length >= MOST
   const table = (query.value['view'] ?? (rows.length > MANY ? 'table' : 'cards')) === 'table'
   const propsFor = (row: Row): ActionProps => ({

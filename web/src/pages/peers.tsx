@@ -115,7 +115,7 @@ export function DeviceDialog({
   const text = deviceConfig({
     ...device,
     serverKey: String(profile['server_pub_key']),
-    endpoint: `${host}:${String(profile['port'])}`,
+    endpoint: `${host.includes(':') ? `[${host}]` : host}:${String(profile['port'])}`,
     allowed: everything
       ? '0.0.0.0/0'
       : `${String(profile['server_ip'])}/${String(profile['server_mask'])}`,

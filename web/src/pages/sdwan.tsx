@@ -394,14 +394,14 @@ function Quota({ supernode }: { supernode: NonNullable<Status['supernode']> }) {
 
 function Days() {
   const days = usePoll(
-    () =>
-      data<Day[] | null>('pelmar/supernode_recent_billing_daily_traffic', {}, SLOW).catch(() => []),
+    () => data<Day[] | null>('pelmar/supernode_recent_billing_daily_traffic', {}, SLOW),
     RARE,
   )
   const rows = (days.value ?? []).filter(one => typeof one.date === 'string')
-  if (rows.length === 0) return null
+  if (rows.length === 0 && !days.failure) return null
   return (
     <Card title={t('sdwan.daily')}>
+      <Failure failure={days.failure} />
       <Table label={t('sdwan.daily')} heads={[t('logs.time'), t('sdwan.amount')]}>
         {rows.map(one => (
           <tr key={one.date}>
@@ -540,10 +540,12 @@ function Member({ onLeft }: { onLeft: () => void }) {
           </Card>
         )}
         {value.supernode && value.supernode.total_usage > 0 && (
-          <Quota supernode={value.supernode} />
+          <>
+            <Quota supernode={value.supernode} />
+            <Days />
+          </>
         )}
-        <Days />
-        <MemberLog />
+        <MemberLog key={`log ${value.local.virtual_ip}`} />
         <VirtualAddress
           key={value.local.virtual_ip}
           current={value.local.virtual_ip}

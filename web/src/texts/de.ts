@@ -159,6 +159,7 @@ const german: Catalogue = {
   'rule.key': 'Dies ist kein WireGuard-Schlüssel (44 Zeichen, das letzte „=“).',
   'rule.endpoint': 'Dies muss ein Rechner, ein Doppelpunkt und ein Port sein.',
   'rule.host': 'Dies ist weder Rechnername noch Adresse.',
+  'rule.publicHost': 'Dies ist weder Rechnername noch Adresse ohne Port.',
 
   'fail.code': '{reason} (Fehler {code}).',
   'fail.unknown': 'Das Gerät nannte keinen Grund',
@@ -320,7 +321,8 @@ const german: Catalogue = {
     'Sie kann nicht noch einmal gezeigt werden. Hat das Gerät sie noch nicht, scannen, speichern oder kopieren Sie sie zuerst.',
   'peer.qr': 'QR-Code der Konfiguration',
   'peer.host': 'Adresse dieses Geräts, wie das andere es erreicht',
-  'peer.hostHelp': 'Ein Name oder eine Adresse, die von dort aus gilt, wo das Gerät ist.',
+  'peer.hostHelp':
+    'Ein Name oder eine Adresse, die von außen gilt. Gespeichert auf diesem Gerät, für jede Konfiguration und jedes Profil.',
   'peer.everything': 'Das Gerät sendet alles durch den Tunnel',
   'peer.file': 'Konfigurationsdatei',
   'peer.atHome':

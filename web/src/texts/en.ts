@@ -149,6 +149,7 @@ export default {
   'rule.key': 'Enter a WireGuard key (44 characters, ending in “=”).',
   'rule.endpoint': 'Enter host:port, such as vpn.example.org:51820.',
   'rule.host': 'Enter a host name or an address.',
+  'rule.publicHost': 'Enter a host name or an address, without a port.',
 
   'fail.code': '{reason} (error {code}).',
   'fail.unknown': 'The appliance gave no reason',
@@ -305,7 +306,8 @@ export default {
     'It cannot be shown again. If the device does not have it yet, scan, save or copy it first.',
   'peer.qr': 'QR code of the configuration',
   'peer.host': 'Public address of this appliance',
-  'peer.hostHelp': 'A name or address that the device can reach.',
+  'peer.hostHelp':
+    'A name or address that the devices and users can reach. It is stored on the appliance, for every configuration and profile.',
   'peer.everything': 'The device sends all traffic through the tunnel',
   'peer.file': 'Configuration file',
   'peer.atHome':

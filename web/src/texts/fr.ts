@@ -153,6 +153,7 @@ const french: Catalogue = {
   'rule.key': 'Saisissez une clé WireGuard (44 caractères, terminée par « = »).',
   'rule.endpoint': 'Saisissez hôte:port, par exemple vpn.example.org:51820.',
   'rule.host': 'Saisissez un nom d’hôte ou une adresse.',
+  'rule.publicHost': 'Saisissez un nom d’hôte ou une adresse, sans port.',
 
   'fail.code': '{reason} (erreur {code}).',
   'fail.unknown': 'L’appareil n’a donné aucune raison',
@@ -316,7 +317,8 @@ const french: Catalogue = {
     'Elle ne pourra plus être affichée. Si l’appareil ne l’a pas encore, scannez-la, enregistrez-la ou copiez-la d’abord.',
   'peer.qr': 'Code QR de la configuration',
   'peer.host': 'Adresse publique de cet appareil',
-  'peer.hostHelp': 'Un nom ou une adresse que l’autre appareil peut joindre.',
+  'peer.hostHelp':
+    'Un nom ou une adresse que les autres appareils peuvent joindre. Conservé sur cet appareil, pour chaque configuration et chaque profil.',
   'peer.everything': 'L’appareil envoie tout le trafic par le tunnel',
   'peer.file': 'Fichier de configuration',
   'peer.atHome':
