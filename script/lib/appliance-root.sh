@@ -82,7 +82,8 @@ lay_etc_and_var() {
     } 2>run/appliance/etc.err ||
       die "cannot copy /etc into the appliance: $(head -n 1 run/appliance/etc.err)"
     (umask 077 &&
-      mkdir -p etc/ppp/peers etc/ssl/private var/lib/{appliance,ormel/{audit,snapshots}} home/{admin,guest})
+      mkdir -p etc/ppp/peers etc/ssl/private var/lib/{appliance,ormel/{audit,snapshots}} \
+        home/{admin,guest})
     write_host_files
     write_accounts
   fi

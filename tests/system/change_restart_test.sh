@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# change_restart_test.sh APPLIANCE STAGE: an appliance loses its power while a change waits for its confirmation. When it
-# starts again the old settings are back before its server runs; a confirmed change stays.
+# change_restart_test.sh APPLIANCE STAGE: an appliance loses its power while a change waits for its
+# confirmation. When it starts again the old settings are back before its server runs; a confirmed
+# change stays.
 # shellcheck disable=SC2016 # the texts run inside
 set -uo pipefail
 STATE=$(mktemp -d) failures=0
@@ -11,7 +12,10 @@ inside() {
   "${APPLIANCE[@]}" -- bash -c '
     failed=0
     fail() { echo "FAILED: $*" >&2; failed=1; }
-    comes_true() { local end=$((SECONDS + 60)); until "$@" >/dev/null 2>&1; do ((SECONDS < end)) || return; sleep 0.1; done; }
+    comes_true() {
+      local end=$((SECONDS + 60))
+      until "$@" >/dev/null 2>&1; do ((SECONDS < end)) || return; sleep 0.1; done
+    }
     pool() { getcfg OPENVPN "Client IP 1" -f /etc/config/vpn.conf; }
     '"$1"'
     exit $failed' || failures=1
@@ -25,13 +29,15 @@ inside '
   code=$(ormelctl --confirm 600s --json server set openvpn --pool 10.7.0.0 --yes | jq -r .confirm.code)
   ormelctl confirm "$code" || fail "not confirmed"
   ormelctl --confirm 600s server set openvpn --pool 10.9.0.0 --yes || fail "not changed"
-  ormelctl profile add pptp --name late --host 192.0.2.1 --user a --pass-file - <<<secret || fail "no profile"
+  ormelctl profile add pptp --name late --host 192.0.2.1 --user a --pass-file - \
+    <<<secret || fail "no profile"
   [[ $(pool) == 10.9.0.2 ]] || fail "the pool is $(pool)"
   sync
   kill -KILL -1'
 inside '
   [[ -r /dev/net/tun ]] || exit 0
-  comes_true grep -q "^ifconfig 10.7.0.1 " /etc/config/openvpn/server.conf || fail "the server is not started with the old pool"
+  comes_true grep -q "^ifconfig 10.7.0.1 " /etc/config/openvpn/server.conf ||
+    fail "the server is not started with the old pool"
   comes_true pgrep -x openvpn || fail "the server does not run"
   [[ $(pool) == 10.7.0.2 ]] || fail "the pool is $(pool)"
   ormelctl pending | grep -q "^No change" || fail "$(ormelctl pending)"
