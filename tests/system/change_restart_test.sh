@@ -26,7 +26,8 @@ inside '
   [[ -r /dev/net/tun ]] || exit 0
   /etc/init.d/vpn_common.sh setup_vpn_entrance
   ormelctl server set openvpn --pool 10.8.0.0 --yes && ormelctl server on openvpn || fail "no server"
-  code=$(ormelctl --confirm 600s --json server set openvpn --pool 10.7.0.0 --yes | jq -r .confirm.code)
+  code=$(ormelctl --confirm 600s --json server set openvpn --pool 10.7.0.0 --yes |
+    sed -n "s/.*\"code\":\"\([A-Za-z]*\)\".*/\1/p")
   ormelctl confirm "$code" || fail "not confirmed"
   ormelctl --confirm 600s server set openvpn --pool 10.9.0.0 --yes || fail "not changed"
   ormelctl profile add pptp --name late --host 192.0.2.1 --user a --pass-file - \
