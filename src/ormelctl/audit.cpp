@@ -27,8 +27,8 @@ std::string moment(long seconds) {
 }
 
 std::string change_text(const json_t* change) {
-  const std::string field = text_of(change, "field"), from = text_of(change, "from"),
-                    to = text_of(change, "to");
+  std::string field = text_of(change, "field");
+  const std::string from = text_of(change, "from"), to = text_of(change, "to");
   if (from.empty() && to.empty()) return field;
   if (from.empty() && to == "changed") return field + " changed";
   return field + ": " + (from.empty() ? "none" : from) + " → " + (to.empty() ? "none" : to);

@@ -249,8 +249,7 @@ TEST_F(Audit, KeepsHostileTextsOnOneLineAndShort) {
       "\x1b[2J",
       "\xff\xfe\x80",
       "'; rm -rf /",
-      "\xe2\x80\xae"
-      "gpj",
+      "\xe2\x80\xaegpj",
       "%s%n",
       std::string(199, 'y') + "\xc3\xa9\xc3\xa9",
       std::string("a\0b", 3),

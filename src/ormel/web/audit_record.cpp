@@ -67,7 +67,7 @@ std::string gateways(const Request& request) {
 
 std::string device(const Request& request) {
   const int index = request.number("index", 0);
-  const std::string given = decoded(request.value("peer_name"));
+  std::string given = decoded(request.value("peer_name"));
   if (index < 1) return given;
   const std::string stored = wireguard::PeerFile(wireguard::FOLDER).peer(index).name;
   const std::string name = given.empty() ? decoded(stored.c_str()) : given;
