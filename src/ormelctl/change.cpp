@@ -32,7 +32,7 @@ constexpr unsigned long NO_LOGIN = 4294967295;  // of a process that no login ha
 constexpr mode_t DAEMON_MASK = 022;
 
 // These take care of snapshots themselves.
-constexpr std::string_view UNRECORDED[] = {"undo", "confirm", "revert"};
+constexpr std::string_view UNRECORDED[] = {"backup", "undo", "confirm", "revert"};
 
 std::string account(const char* number) {
   char* end = nullptr;

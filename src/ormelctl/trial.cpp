@@ -52,6 +52,7 @@ constexpr Untriable UNTRIABLE[] = {
     {"kick", "", "it ends sessions and changes no setting: ormelctl who lists them"},
     {"guard", "pause", "it changes no setting"},
     {"guard", "test", "it is a test of the real tunnel"},
+    {"backup", "", "it changes no setting, and writes the file that it is given"},
     {"notify", "", "the keeper itself stores who is notified"},
     {"sdwan", "", "the cloud would have to be asked"},
     {"undo", "", "ormelctl undo list shows what was changed"},

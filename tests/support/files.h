@@ -30,4 +30,11 @@ inline mode_t mode_of(const std::filesystem::path& path) {
   return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
+// Makes a folder for its owner alone, without what was in it.
+inline void make_empty_folder(const std::filesystem::path& path) {
+  std::filesystem::remove_all(path);
+  std::filesystem::create_directories(path);
+  std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+}
+
 }  // namespace support

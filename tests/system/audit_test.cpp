@@ -23,9 +23,9 @@ class AuditTrail : public WebHost {
  protected:
   void SetUp() override {
     WebHost::SetUp();
-    fs::remove_all(FOLDER);
+    support::make_empty_folder(FOLDER);
   }
-  void TearDown() override { fs::remove_all(FOLDER); }
+  void TearDown() override { support::make_empty_folder(FOLDER); }
 
   // "user|via|ip|action|subject|error" of all rows, the oldest first.
   static std::vector<std::string> rows() {
@@ -104,6 +104,7 @@ TEST_F(AuditTrail, NamesTheEntryThatHasBeenAltered) {
 }
 
 TEST_F(AuditTrail, RefusesNoChangeWhenItCannotBeWritten) {
+  fs::remove(FOLDER);
   write(FOLDER, "in the way");
   for (int i = 0; i < 3; ++i) EXPECT_EQ(cgi("/ormel/gateway/set", admin + "&as_gw_en=0").status, 0);
   EXPECT_THAT(read(LOG), HasSubstr("cannot be recorded in the audit trail"));
@@ -111,9 +112,7 @@ TEST_F(AuditTrail, RefusesNoChangeWhenItCannotBeWritten) {
   const std::string said = "Changes cannot be recorded in the audit trail";
   EXPECT_NE(events.find(said), std::string::npos) << events;
   EXPECT_EQ(events.find(said), events.rfind(said)) << "an outage is one event";
-  fs::remove(FOLDER);
-  fs::create_directory(FOLDER);
-  fs::permissions(FOLDER, fs::perms::owner_all);
+  support::make_empty_folder(FOLDER);
   EXPECT_EQ(cgi("/ormel/gateway/set", admin + "&as_gw_en=0").status, 0);
   EXPECT_THAT(ctl({"audit", "verify"}).out,
               HasSubstr("3 changes before entry 1 could not be recorded"));

@@ -37,7 +37,8 @@ Result far_ctl(std::vector<std::string> words, const std::string& input = {}) {
 std::string state() {
   return run({"/bin/sh", "-c",
               "find /etc/config /etc/openvpn/keys /etc/ppp /var/lib/ormel -type f "
-              "! -name '*.db*' ! -path '*/snapshots/*' -exec sha256sum {} + | sort"},
+              "! -name '*.db*' ! -path '*/snapshots/*' ! -path '*/audit/*' -exec sha256sum {} + | "
+              "sort"},
              PLACES)
       .out;
 }

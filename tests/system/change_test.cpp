@@ -46,7 +46,7 @@ class Changing : public testing::Test {
   void SetUp() override {
     ctl({"confirm", "--yes"});
     for (const char* file : {VPN_CONF, GUARD_CONF, RIGHTS}) fs::remove(file);
-    fs::remove_all(SNAPSHOTS);
+    support::make_empty_folder(SNAPSHOTS);
     ASSERT_EQ(run({"/etc/init.d/vpn_common.sh", "setup_vpn_entrance"}).status, 0);
     session = run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8);
   }

@@ -33,8 +33,7 @@ class Audit : public testing::Test {
     char name[] = "/tmp/ormel-audit-XXXXXX";
     ASSERT_NE(mkdtemp(name), nullptr);
     former_ = std::exchange(parent_folder(), name);
-    fs::create_directory(parent_folder() + "/audit");
-    fs::permissions(parent_folder() + "/audit", fs::perms::owner_all);
+    support::make_empty_folder(trail().folder());
   }
   void TearDown() override {
     fs::remove_all(parent_folder());
@@ -354,7 +353,7 @@ class AuditRoutes : public Audit {
   // One request of a route whose work ends with `code`.
   static std::vector<Entry> rows_after(cgi::Route row, const std::string& form,
                                        cgi::Caller caller = cgi::OF_SESSION) {
-    fs::remove_all(trail().folder());
+    support::make_empty_folder(trail().folder());
     static int code = 0;
     code = row.path.size() % 2 == 0 ? 0 : ERR_VALUE;
     row.answer.give = [](const cgi::Request&, JsonValue& response) {
