@@ -141,7 +141,7 @@ TEST_F(ChangeUndo, GoesOnWithoutRoomButNotWhereItWouldHaveToGoBack) {
   EXPECT_EQ(granted.status, 0);
   EXPECT_THAT(granted.err, HasSubstr("cannot be undone"));
   EXPECT_THAT(https("/ormel/privilege/set", {"--data", "sid=" + session + "&user=guest|6"}).head,
-              HasSubstr("X-Ormel-Undo: none"));
+              HasSubstr("x-ormel-undo: none"));
   const std::string before = read(RIGHTS);
   const Result guarded = ctl({"--confirm", "30s", "user", "revoke", "guest", "--yes"});
   EXPECT_EQ(guarded.status, 1);
@@ -367,6 +367,7 @@ TEST_F(ChangeConfirm, GoesBackThroughTheTunnelThatItInterrupts) {
       100));
   EXPECT_TRUE(comes_true([] { return far_address().starts_with("10.8."); }, PATIENCE));
   EXPECT_THAT(ctl({"log", "events", "--json"}).out, HasSubstr("Not confirmed in time"));
+  EXPECT_THAT(ctl({"audit", "-n", "1"}).out, HasSubstr("change/go_back"));
 }
 
 TEST_F(ChangeConfirm, StaysForItsOwnerAlone) {

@@ -9,6 +9,7 @@
 #include "base/file.h"
 #include "base/random_name.h"
 #include "base/utf8.h"
+#include "ormel/actions/audit.h"
 #include "ormel/base/crypto.h"
 #include "ormel/base/error.h"
 #include "ormel/base/log.h"
@@ -100,7 +101,7 @@ bool start_timer(int snapshot, long seconds) {
   return system::background({TOOL, "__go-back", number, std::to_string(seconds)}) == NO_ERROR;
 }
 
-// An event. A trail of changes gets its row here too.
+// As an event.
 void report_restored(const Origin& origin, const std::string& what, const Plan& done) {
   std::string text = "[ORMEL Service] " + what + " (" + origin.user + ", " + origin.via + ")";
   const std::vector<std::string> names = affected(done);
@@ -227,6 +228,14 @@ Verdict Pending::go_back(const PendingChange& change, const std::string& why) co
   return {};
 }
 
+// No request and no command asks for it, so none has a row in the audit trail.
+Verdict Pending::go_back_unasked(const PendingChange& change, const std::string& why) const {
+  const Verdict verdict = go_back(change, why);
+  audit::note({change.origin.user, "without confirmation", ""}, "change/go_back",
+              change.origin.what, {}, verdict.code);
+  return verdict;
+}
+
 Verdict Pending::revert(const Asker& asker) const {
   const StateLock decision{Turn::DECIDE, snapshots_.root()};
   const StateLock alone{Turn::GO_BACK, snapshots_.root()};
@@ -251,7 +260,7 @@ Verdict Pending::expire(int snapshot) const {
   if (!decision) return {ERR_ACCESS, BUSY};
   const auto change = find();
   if (!change || change->snapshot != snapshot || change->seconds_left() > 0) return {};
-  return go_back(*change, "Not confirmed in time");
+  return go_back_unasked(*change, "Not confirmed in time");
 }
 
 Verdict Pending::recover(Moment moment) const {
@@ -262,11 +271,11 @@ Verdict Pending::recover(Moment moment) const {
     return {ERR_SAVE_FILE, "the settings could not be restored completely"};
   const auto change = find();
   if (!change || (moment == Moment::RUNNING && change->seconds_left() > 0)) return {};
-  if (moment == Moment::RUNNING) return go_back(*change, "Not confirmed in time");
+  if (moment == Moment::RUNNING) return go_back_unasked(*change, "Not confirmed in time");
   Host starting = host_;
   starting.run = [this](const Step& step) { return starts_tunnels(step) || host_.run(step); };
   return Pending(snapshots_.root(), starting)
-      .go_back(*change, "Not confirmed before the host was started again");
+      .go_back_unasked(*change, "Not confirmed before the host was started again");
 }
 
 Verdict Pending::undo(const Origin& origin, int id, Plan& done, Snapshot& restored) const {

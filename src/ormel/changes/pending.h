@@ -92,6 +92,7 @@ class Pending {
   [[nodiscard]] bool store(const PendingChange& change) const;
   void forget(const PendingChange& change) const;
   [[nodiscard]] Verdict go_back(const PendingChange& change, const std::string& why) const;
+  [[nodiscard]] Verdict go_back_unasked(const PendingChange& change, const std::string& why) const;
 
   Snapshots snapshots_;
   Host host_;
