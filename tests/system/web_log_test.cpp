@@ -1,5 +1,6 @@
 // The logs over the web, with the real event log and the real log database, and with one that
 // answers nonsense.
+#include <algorithm>
 #include <limits>
 
 #include <fenro/event_log.h>
@@ -137,6 +138,7 @@ TEST_F(LogPages, AreCutAndOrderedAsAsked) {
     add_server(i % 2 == 0 ? "amy" : "bob", 1709769600 + static_cast<std::uint64_t>(i / 10));
   const std::vector<int> all = ids(server("&order=asc&upper=59"));
   ASSERT_EQ(all.size(), 60U);
+  EXPECT_TRUE(std::is_sorted(all.begin(), all.end())) << "the oldest first";
   const auto id = [&](int row) { return all.at(static_cast<size_t>(row)); };
   EXPECT_EQ(ids(server()).size(), 51U) << "rows 0 to 50";
   EXPECT_EQ(ids(server()).front(), id(59)) << "the newest first";
