@@ -25,7 +25,8 @@ inside() {
 inside '
   [[ -r /dev/net/tun ]] || exit 0
   /etc/init.d/vpn_common.sh setup_vpn_entrance
-  ormelctl server set openvpn --pool 10.8.0.0 --yes && ormelctl server on openvpn || fail "no server"
+  ormelctl server set openvpn --pool 10.8.0.0 --yes && ormelctl server on openvpn ||
+    fail "no server"
   code=$(ormelctl --confirm 600s --json server set openvpn --pool 10.7.0.0 --yes |
     sed -n "s/.*\"code\":\"\([A-Za-z]*\)\".*/\1/p")
   ormelctl confirm "$code" || fail "not confirmed"

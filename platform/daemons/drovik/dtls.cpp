@@ -90,8 +90,7 @@ bool set_group(SSL_CTX* context) {
   Parameters parameters{made};
   if (SSL_CTX_set0_tmp_dh_pkey(context, parameters.get()) != 1) return false;
   std::ignore =
-      parameters
-          .release();  // the context's now; each handshake makes its own key in this group
+      parameters.release();  // the context's now; each handshake makes its own key in this group
   return true;
 }
 

@@ -1,9 +1,9 @@
 // Records who has changed what: one row of the audit trail for each action that changes something,
 // whichever program it came by.
 //
-// A host without the folder /var/lib/ormel/audit keeps no trail. An action is never refused because its
-// row cannot be written: the first failure of an outage is an event, and the row that follows the
-// outage says how many are missing.
+// A host without the folder /var/lib/ormel/audit keeps no trail. An action is never refused because
+// its row cannot be written: the first failure of an outage is an event, and the row that follows
+// the outage says how many are missing.
 #pragma once
 
 #include <optional>
