@@ -3,6 +3,8 @@
 // appliance: --pair --web
 
 #include <random>
+#include <set>
+#include <sstream>
 
 #include <jansson.h>
 
@@ -172,6 +174,51 @@ TEST_F(Backup, OfWhichAByteIsWrongChangesNothing) {
   EXPECT_EQ(
       ctl({"restore", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE, "--only", "all"}).status, 2);
   EXPECT_EQ(state(), before);
+}
+
+// The names and digests that both states have, or one of them: what a run may leave that was
+// killed.
+std::set<std::string> lines_of(const std::string& text) {
+  std::istringstream lines(text);
+  std::set<std::string> all;
+  for (std::string line; std::getline(lines, line);) all.insert(line);
+  return all;
+}
+
+TEST_F(Backup, LeavesEachFileOldOrNewWhereverItIsKilled) {
+  expect_done({"profile", "add", "pptp", "--name", "new", "--host", "192.0.2.1"});
+  expect_done({"user", "grant", "guest", "pptp"});
+  expect_done({"user", "policy", "--limit", "4"});
+  expect_done({"backup", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE});
+  ASSERT_EQ(ctl(restore_words(FILE_NAME)).status, 0);
+  const std::string wanted = state();
+  expect_done({"profile", "rm", "new", "--yes"});
+  expect_done({"profile", "add", "l2tp", "--name", "old", "--host", "192.0.2.1", "--psk-file",
+               "/root/secret"});
+  expect_done({"user", "revoke", "guest", "--yes"});
+  expect_done({"user", "policy", "--limit", "6"});
+  expect_done({"backup", "/root/old.ormel", "--passphrase-file", PASSPHRASE_FILE});
+  ASSERT_EQ(ctl(restore_words("/root/old.ormel")).status, 0);
+  const std::string present = state();
+  std::set<std::string> allowed = lines_of(wanted);
+  allowed.merge(lines_of(present));
+  std::vector<std::string> words{"/usr/bin/strace", "-qq", "-o", "/dev/null", "-e", "", TOOL};
+  for (const std::string& word : restore_words(FILE_NAME)) words.push_back(word);
+  // Each call that changes what is on disk is a point to be killed at.
+  constexpr int MOST = 200;
+  int point = 0, status = -1;
+  while (status != 0 && ++point < MOST) {
+    SCOPED_TRACE(point);
+    words[5] = "inject=rename,renameat,renameat2,link,linkat,unlink:signal=KILL:when=" +
+               std::to_string(point);
+    status = run(words, PLACES).status;
+    for (const std::string& line : lines_of(state())) EXPECT_THAT(allowed, testing::Contains(line));
+    EXPECT_EQ(ctl(restore_words(FILE_NAME)).status, 0);
+    EXPECT_EQ(state(), wanted);
+    ASSERT_EQ(ctl(restore_words("/root/old.ormel")).status, 0);
+  }
+  EXPECT_GT(point, 6) << "there were points to be killed at";
+  EXPECT_LT(point, MOST);
 }
 
 TEST_F(Backup, BringsTheWantedPartsAlone) {

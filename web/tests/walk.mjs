@@ -27,6 +27,7 @@ import {
   said,
   start,
   text,
+  until,
 } from './browser.mjs'
 
 const HOSTILE = `<img src=x onerror=alert(1)>"'&amp; x ${'🦔'.repeat(138)} \u202Eneddih` // 600 bytes, the longest name
@@ -630,6 +631,34 @@ test('a session that has run out is begun anew over what was being done', async 
   assert.equal(await form.getByLabel('Client network').inputValue(), '10.77.0.0')
   await button(form, 'Save').click()
   await said(near, 'Saved.')
+})
+
+test('a change goes back by itself unless it is confirmed', async () => {
+  await go(near, 'servers/pptp', 'VPN servers')
+  const form = card(near, 'PPTP')
+  const network = form.getByLabel('Client network')
+  const careful = form.getByLabel('Go back by itself unless I confirm')
+  const change = async value => {
+    await network.fill(value)
+    await button(form, 'Save').click()
+    await said(near, 'Saved.')
+    await near.getByText(/Keep the change\? Otherwise it goes back in \d+ s\./).waitFor(SPEAKING)
+  }
+  await careful.check()
+  await change('10.78.0.0')
+  await accessible(near, 'a change that waits')
+  await button(near, 'Go back now').click()
+  await said(near, 'The settings from before the change are back.')
+  await go(near, 'logs', 'Logs')
+  await go(near, 'servers/pptp', 'VPN servers')
+  await until(async () => (await network.inputValue()) === '10.77.0.0')
+  await change('10.79.0.0')
+  await button(near, 'Keep the change').click()
+  await said(near, 'The change stays.')
+  await careful.uncheck()
+  await go(near, 'logs', 'Logs')
+  await button(near, 'Audit').click()
+  await near.getByText('change/confirm').first().waitFor(SPEAKING)
 })
 
 test('answers that are none are told in words, and the page goes on', async () => {
