@@ -56,7 +56,7 @@ TEST_F(Membership, IsReachedAndLeftByTheWholeRoad) {
       R"({"data":{"l2tp_status":"disabled","ncsi":true,"region":"GLB","tamid_exist":false},"error":0})");
 
   const WebReply page = https("/ormel/oauth_login?" + admin + "&result=" + login_result());
-  EXPECT_THAT(page.head, HasSubstr("Content-Type: text/html"));
+  EXPECT_THAT(page.head, HasSubstr("content-type: text/html"));
   EXPECT_THAT(page.head, HasSubstr("script-src 'sha256-" + script_hash(page.body) + '\''));
   EXPECT_THAT(page.body, HasSubstr(R"("{\"error\":0,\"reason\":\"OAuth login successful\"}")"));
   EXPECT_TRUE(is_private(CLOUD_TOKEN));
