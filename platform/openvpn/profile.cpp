@@ -1,9 +1,9 @@
 // fenro-openvpn-profile: the only reader of foreign OpenVPN profiles, which come on standard input.
 //
-//   fenro-openvpn-profile copy SLOT             what the daemon of a client tunnel gets to read
-//   fenro-openvpn-profile check [--ca|--cert|--key FILE]...   what the daemon that judges an upload
-//   gets to read fenro-openvpn-profile value NAME            the first word of the last line of a
-//   name
+//   fenro-openvpn-profile copy SLOT    what the daemon of a client tunnel gets to read
+//   fenro-openvpn-profile check [--ca|--cert|--key FILE]...
+//                                      what the daemon that judges an upload gets to read
+//   fenro-openvpn-profile value NAME   the first word of the last line of a name
 //
 // A copy holds options of the table below and nothing else, in one form of blanks and quotes: what
 // is not understood here does not reach a daemon. "copy" leaves other options out, naming line and

@@ -2,10 +2,11 @@
 // list of live connections and in the connection log.
 //
 //   fenro-connection up TYPE INTERFACE SOURCE NUMBER LOCAL REMOTE
-//   fenro-connection down TYPE [FIELD VALUE]            FIELD is interface, number or remote;
-//   without it all of TYPE fenro-connection client-up TYPE LOCAL SERVER fenro-connection
-//   client-down TYPE LOCAL SERVER SINCE
+//   fenro-connection down TYPE [FIELD VALUE]
+//   fenro-connection client-up TYPE LOCAL SERVER
+//   fenro-connection client-down TYPE LOCAL SERVER SINCE
 //
+// FIELD is interface, number or remote; without it all connections of TYPE end.
 // TYPE is the bit of the server or the client, NUMBER a pid or the source port of an OpenVPN
 // client, SERVER the other end's address outside the tunnel, SINCE seconds since the epoch.
 // Values chosen by users come from the environment: CONNECTION_NAME (the user or the profile),

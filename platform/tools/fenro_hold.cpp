@@ -1,18 +1,18 @@
 // Keeps users and devices out of the servers for a time.
 //
-//   fenro-hold held user|peer WHO                  exit status 0 for one who is kept out
-//   fenro-hold refuse TYPE SOURCE WHO              the same for a user at a server, with a row in
-//   the connection log fenro-hold add user|peer WHO SECONDS [NAME [BY]]   NAME is how people call a
-//   device, BY who has asked for it fenro-hold lift WHO                            by user, key or
-//   name; exit status 3 when no one is held so fenro-hold list                                a
-//   JSON array of the holds in force fenro-hold limit WHO SINCE [NAME [BY]]         keeps a device
-//   out from that second on (since 1970), until unlimit fenro-hold unlimit WHO by key; exit status
-//   3 when it has no limit fenro-hold limits                              a JSON array of the
-//   limits, begun or not fenro-hold peers                               the keys of devices that
-//   are kept out, a line each fenro-hold watch                               ends the holds of
-//   devices in time, and begins their limits; at the
-//                                                  start of their server
-//   fenro-hold expire                              ends holds whose time is over; for maintenance
+//   held user|peer WHO              exit status 0 for one who is kept out
+//   refuse TYPE SOURCE WHO          the same for a user at a server, with a row in the log
+//   add user|peer WHO SECONDS [NAME [BY]]
+//                                   NAME is how people call a device, BY who has asked for it
+//   lift WHO                        by user, key or name; exit status 3 when no one is held so
+//   list                            a JSON array of the holds in force
+//   limit WHO SINCE [NAME [BY]]     keeps a device out from that second on (since 1970)
+//   unlimit WHO                     by key; exit status 3 when it has no limit
+//   limits                          a JSON array of the limits, begun or not
+//   peers                           the keys of devices that are kept out, a line each
+//   watch                           ends holds of devices in time, and begins their limits; for
+//                                   the start of their server
+//   expire                          ends holds whose time is over; for maintenance
 //
 // After a change of devices the WireGuard server's script applies it. The exit status is 0 when all
 // was done, 1 after a failure and 2 for a wrong call.

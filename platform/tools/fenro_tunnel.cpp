@@ -1,9 +1,9 @@
 // The way from the web programs, which have no rights over networks, to the unit that starts
 // tunnels.
 //
-//   fenro-tunnel call SCRIPT ARGUMENT...   asks for a start script: its output comes to the caller,
-//   its exit status too fenro-tunnel serve                     answers one such question on
-//   standard input, a connected socket
+//   fenro-tunnel call SCRIPT ARGUMENT...   asks for a start script: the caller gets its output
+//                                          and its exit status
+//   fenro-tunnel serve                     answers one such question on standard input, a socket
 //
 // What may be asked for is in one table. The caller must be root; the script gets its streams for
 // its output and nothing else of it.

@@ -10,7 +10,7 @@ namespace {
 constexpr const char* AT_HOME = " works only inside your own network";
 
 // The answer of a route with the address, in words.
-Result told(const Reply& reply) {
+Result shown(const Reply& reply) {
   const std::string address = text_of(reply.data(), "address");
   const bool at_home = json_is_true(json_object_get(reply.data(), "home_only"));
   return done(address.empty() ? "No public address is set: ormelctl address set vpn.example.org"
@@ -22,7 +22,7 @@ Result told(const Reply& reply) {
 
 Result address_show(const Arguments&) {
   const Reply reply = call("/ormel/address/get");
-  return reply.error != 0 ? failed(reply.error, reply.reason) : told(reply);
+  return reply.error != 0 ? failed(reply.error, reply.reason) : shown(reply);
 }
 
 Result address_set(const Arguments& arguments) {
@@ -30,7 +30,7 @@ Result address_set(const Arguments& arguments) {
   if (!ormel::system::is_host(address))
     return failed(Exit::Usage, address + " is not a host name or an address without a port");
   const Reply reply = call("/ormel/address/set", {{"address", address}});
-  return reply.error != 0 ? failed(reply.error, reply.reason) : told(reply);
+  return reply.error != 0 ? failed(reply.error, reply.reason) : shown(reply);
 }
 
 Result address_remove(const Arguments&) {

@@ -119,7 +119,7 @@ Result audit_verify(const Arguments&) {
   size_t at = 0;
   const json_t* note = nullptr;
   json_array_foreach(json_object_get(data, "notes"), at, note) text +=
-      std::string("\n  ") + json_string_value(note);
+      "\n  " + printable(json_string_value(note));
   return done(text + '\n', ormel::Json{json_incref(data)});
 }
 
@@ -131,7 +131,9 @@ bool is_change(const Command& command, const Arguments& arguments) {
 ormel::audit::Recorder recorder_of(const Command& command, const Arguments& arguments) {
   if (!is_change(command, arguments) || !ormel::audit::is_kept()) return {};
   std::string subject;
-  for (const std::string& word : arguments.words) subject += (subject.empty() ? "" : " ") + word;
+  if (command.run != confirm) {  // its word is a code, which is for one user alone
+    for (const std::string& word : arguments.words) subject += (subject.empty() ? "" : " ") + word;
+  }
   const std::string action = std::string(command.noun) + (*command.verb ? " " : "") + command.verb;
   return {ormel::audit::local_origin("ormelctl"), action, subject};
 }

@@ -4,13 +4,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
-#include <pwd.h>
 #include <span>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
-#include "base/file.h"
+#include "ormel/actions/audit.h"
 #include "ormel/base/error.h"
 #include "ormel/changes/pending.h"
 #include "ormel/changes/recording.h"
@@ -28,32 +27,15 @@ using ormel::changes::Pending;
 using ormel::changes::Verdict;
 
 constexpr const char* VIA = "ormelctl";
-constexpr unsigned long NO_LOGIN = 4294967295;  // of a process that no login has started
 constexpr mode_t DAEMON_MASK = 022;
 
 // These take care of snapshots themselves.
 constexpr std::string_view UNRECORDED[] = {"backup", "undo", "confirm", "revert"};
 
-std::string account(const char* number) {
-  char* end = nullptr;
-  const unsigned long uid = number ? std::strtoul(number, &end, 10) : NO_LOGIN;
-  if (!number || end == number || uid >= NO_LOGIN) return {};
-  const passwd* const entry = getpwuid(static_cast<uid_t>(uid));
-  return entry ? entry->pw_name : "";
-}
-
-// Who has logged in, also where sudo or su has made root of it.
-std::string caller() {
-  std::string login;
-  if (fenro::read_file("/proc/self/loginuid", login) == 0) login = account(login.c_str());
-  if (login.empty()) login = account(std::getenv("SUDO_UID"));
-  return login.empty() ? "root" : login;
-}
-
 Origin origin_of(const Command& command, const Arguments& arguments) {
   std::string what = std::string(command.noun) + (*command.verb ? " " : "") + command.verb;
   for (const std::string& word : arguments.words) what += ' ' + word;
-  return {caller(), VIA, what};
+  return {ormel::audit::local_origin(VIA).user, VIA, what};
 }
 
 Result failed_by(const Verdict& verdict) {
@@ -90,10 +72,11 @@ Result run_confirmed(const Command& command, const Arguments& arguments, long se
   const auto change = pending.find();
   const auto snapshot = pending.snapshots().find(change ? change->snapshot : 0);
   if (!snapshot) return failed(Exit::Failed, "the snapshot is missing; nothing was changed");
-  Result result;
+  Result result = failed(Exit::Failed, "settings are being restored; nothing was changed",
+                         "run the command again in a few seconds");
   {
     const ormel::changes::StateLock lock{ormel::changes::Turn::CHANGE};
-    result = command.run(arguments);
+    if (lock) result = command.run(arguments);
   }
   if (!pending.snapshots().changed_since(*snapshot).empty()) {
     explain_confirmation(result, code, seconds);

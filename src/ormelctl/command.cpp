@@ -338,12 +338,14 @@ size_t edit_distance(std::string_view a, std::string_view b) {
 
 std::string overview() {
   std::string text =
-      "ormelctl [--output table|json|tsv] [--json] [--no-color] [--timeout TIME] COMMAND "
-      "[ARGUMENT...]\n\n"
+      "ormelctl [--output table|json|tsv] [--json] [--no-color] [--timeout TIME] [--confirm TIME] "
+      "[--dry-run] COMMAND [ARGUMENT...]\n\n"
       "Manages the VPN service of this host. PROFILE is a name, or PROTOCOL/INDEX as in openvpn/3; "
-      "PROTOCOL is one "
-      "of\n" +
-      protocol_names() + ". \"ormelctl COMMAND --help\" tells more.\n\n";
+      "PROTOCOL is one of\n" +
+      protocol_names() +
+      ". \"ormelctl COMMAND --help\" explains a command.\n"
+      "A command that changes something shows with --dry-run what it would do; with --confirm 90s "
+      "its\nchange goes back unless it is confirmed.\n\n";
   for (const Command& row : COMMANDS) {
     std::string line = "  " + name_of(row);
     line.resize(std::max<size_t>(line.size() + 1, 19), ' ');

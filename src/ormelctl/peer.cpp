@@ -3,6 +3,7 @@
 #include <map>
 #include <unistd.h>
 
+#include "base/utf8.h"
 #include "ormel/base/error.h"
 #include "ormel/drivers/wireguard/key.h"
 #include "ormel/host/public_address.h"
@@ -21,10 +22,11 @@ const Columns PEER_COLUMNS = {{"name", "NAME"},       {"index", "INDEX"},
 ormel::Json peer_row(const json_t* peer) {
   const std::string seen = text_of(peer, "latest_handshake");
   return ormel::Json{json_pack(
-      "{s:s, s:i, s:s, s:s, s:s, s:s}", "name", decoded(text_of(peer, "peer_name")).c_str(),
-      "index", static_cast<int>(number_of(peer, "index")), "address",
-      text_of(peer, "peer_allow_ip").c_str(), "key", text_of(peer, "peer_pub_key").c_str(), "seen",
-      seen.empty() ? "never" : seen.c_str(), "endpoint", text_of(peer, "peer_endpoint").c_str())};
+      "{s:s, s:i, s:s, s:s, s:s, s:s}", "name",
+      fenro::valid_utf8(decoded(text_of(peer, "peer_name"))).c_str(), "index",
+      static_cast<int>(number_of(peer, "index")), "address", text_of(peer, "peer_allow_ip").c_str(),
+      "key", text_of(peer, "peer_pub_key").c_str(), "seen", seen.empty() ? "never" : seen.c_str(),
+      "endpoint", text_of(peer, "peer_endpoint").c_str())};
 }
 
 ormel::Json peer_rows(const json_t* peers) {

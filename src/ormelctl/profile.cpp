@@ -176,7 +176,7 @@ void set_remote(std::string& profile, const std::string& host) {
   const size_t option = profile.find(OPTION);
   if (option == std::string::npos) return;
   const size_t at = option + OPTION.size();
-  profile.replace(at, profile.find(' ', at) - at, host);
+  profile.replace(at, profile.find_first_of(" \r\n", at) - at, host);
 }
 
 }  // namespace

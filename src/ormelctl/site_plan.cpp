@@ -348,6 +348,15 @@ bool plan_new(const Wanted& wanted, const std::string& key, Plan& plan) {
   return true;
 }
 
+// A document names a profile by its key, and does not rename it.
+bool same_name(const std::string& key, const json_t* object, const json_t* now, Plan& plan) {
+  const std::string given = text_of(object, "name");
+  const std::string stored = text_of(now, "name");
+  return given.empty() || given == (stored.empty() ? key : stored) ||
+         plan.refuse("profiles." + key + ".name",
+                     "is not the name of this profile here: rename it by ormelctl profile set");
+}
+
 bool plan_profile(const std::string& key, const json_t* object, const json_t* now, Plan& plan) {
   const std::string path = "profiles." + key;
   const Protocol* const protocol = find_protocol(text_of(object, "protocol"));
@@ -357,16 +366,17 @@ bool plan_profile(const std::string& key, const json_t* object, const json_t* no
     return plan.refuse(path + ".protocol", "is " + text_of(now, "protocol") +
                                                " here: remove that profile first, or choose "
                                                "another name");
-  return plan_known({protocol, protocol->client, stored->index, path, object, now}, plan);
+  return same_name(key, object, now, plan) &&
+         plan_known({protocol, protocol->client, stored->index, path, object, now}, plan);
 }
 
 void plan_removal(const std::string& key, const json_t* now, bool prune, Plan& plan) {
   plan.note('-', "profiles." + key, '(' + text_of(now, "protocol") + ')');
-  if (!prune) {
+  const BaseConfig* const stored = prune ? find(key) : nullptr;
+  if (!stored) {
     ++plan.left;
     return;
   }
-  const BaseConfig* const stored = find(key);
   ++plan.removed;
   plan.steps.push_back(
       {Phase::Remove, "profiles." + key,

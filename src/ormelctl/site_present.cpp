@@ -104,8 +104,9 @@ Json peers() {
     if (file.is_free(index)) continue;
     const ormel::wireguard::Peer stored = file.peer(index);
     const std::string name = decoded(stored.name);
-    const bool taken = name.empty() || json_object_get(out.get(), name.c_str());
-    const std::string key = taken ? "device/" + std::to_string(index) : name;
+    const bool unusable =
+        name.empty() || printable(name) != name || json_object_get(out.get(), name.c_str());
+    const std::string key = unusable ? "device/" + std::to_string(index) : name;
     Json row = peer(stored);
     if (key != name) set(row, "name", text(name));
     set(out, key.c_str(), row.release());

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -213,7 +214,30 @@ bool enter() {
   return true;
 }
 
+// A process that this one has inherited from the tool that keeps devices out: it waits for the day
+// of a limit, which may be years away.
+bool is_watch(pid_t process) {
+  const std::string id = std::to_string(process), head = id + " (fenro-hold) ";
+  std::string text;
+  if (fenro::read_file(("/proc/" + id + "/stat").c_str(), text) != 0) return false;
+  const size_t parent = head.size() + 1;  // after the letter of its state
+  return text.starts_with(head) &&
+         text.find(' ' + std::to_string(getpid()) + ' ', parent) == parent;
+}
+
+// It knows the copies alone, so that nothing is lost with it.
+void end_watches() {
+  std::error_code failure;
+  for (fs::directory_iterator entry("/proc", failure), end; entry != end;
+       entry.increment(failure)) {
+    pid_t process = 0;
+    if (fenro::parse_number(entry->path().filename().string(), process) && is_watch(process))
+      kill(process, SIGKILL);
+  }
+}
+
 std::vector<std::string> recorded_programs() {
+  end_watches();
   while (waitpid(-1, nullptr, 0) > 0 || errno == EINTR) continue;
   std::string text;
   if (fenro::read_file(RECORD, text) != 0) return {};

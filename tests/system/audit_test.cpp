@@ -83,7 +83,8 @@ TEST_F(AuditTrail, HoldsNoSecret) {
   cgi("/ormel/peer/add", admin + "&peer_name=p&peer_pub_key=sesame7&peer_allow_ip=1&psk=sesame8");
   cli({"-TL2TP", "-A", "--name=y", "--host=127.0.0.8", "--user=u", "--pass=sesame9",
        "--psk=sesame10"});
-  EXPECT_EQ(rows().size(), 6U) << testing::PrintToString(rows());
+  ctl({"confirm", "sesameco"});
+  EXPECT_EQ(rows().size(), 7U) << testing::PrintToString(rows());
   const std::string trail = read(FIRST_FILE);
   EXPECT_THAT(trail, HasSubstr(R"("field":"PPTP_CLIENT1/AccessCode","from":"","to":"changed")"));
   for (const std::string& secret :

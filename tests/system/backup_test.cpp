@@ -356,6 +356,7 @@ TEST_F(Backup, ADocumentThatIsWrongInOnePlaceChangesNothing) {
       {R"("profiles": {"x": {"protocol": "openvpn"}})", "profiles.x.config"},
       {R"("profiles": {"x": {"protocol": "openvpn", "config": "dev tap"}})", "profiles.x.config"},
       {R"("profiles": {"office": {"protocol": "l2tp", "psk": "a"}})", "profiles.office.protocol"},
+      {R"("profiles": {"office": {"protocol": "pptp", "name": "b"}})", "profiles.office.name"},
       {R"("peers": {"p": {"peer_pub_key": "x", "peer_allow_ip": "198.18.7.2/32"}})",
        "peers.p.peer_pub_key"},
       {R"("peers": {"p": {"peer_pub_key": "MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM=",

@@ -347,6 +347,10 @@ TEST_F(OrmelCtl, KeepsADeviceOutFromADayOn) {
        true},
       {{"--until", "never"}, "phone may connect\n", "yes", true},
   };
+  EXPECT_EQ(ctl({"peer", "limit", "phone", "--until", "2099-12-31", "--dry-run", "--timeout", "30"})
+                .status,
+            0)
+      << "a trial does not wait for the day";
   for (const auto& row : rows) {
     std::vector<std::string> words{"peer", "limit", "phone"};
     words.insert(words.end(), row.options.begin(), row.options.end());
@@ -384,6 +388,18 @@ TEST_F(OrmelCtl, KeepsOnePublicAddressForAllThatIsHandedOut) {
   EXPECT_THAT(ctl({"profile", "export"}).out, HasSubstr("\nremote 192.168.77.1 1194\n"));
   EXPECT_EQ(ctl({"peer", "rm", "phone", "--yes"}).status, 0);
   EXPECT_EQ(ctl({"server", "off", "openvpn", "--yes"}).status, 0);
+}
+
+TEST_F(OrmelCtl, HidesNoDeviceWhoseNameIsNoText) {
+  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
+                 "51820", "--yes"})
+                .status,
+            0);
+  ASSERT_EQ(ctl({"server", "on", "wireguard"}).status, 0);
+  ASSERT_EQ(ctl({"peer", "add", "\xff", "--host", "192.0.2.1"}).status, 0);
+  EXPECT_EQ(text_at(ctl({"peer", "list", "--json"}), 0, "name"), "\xef\xbf\xbd");
+  EXPECT_THAT(ctl({"export"}).out, HasSubstr("\"device/1\": {"));
+  EXPECT_EQ(ctl({"peer", "rm", "1", "--yes"}).status, 0);
 }
 
 TEST_F(OrmelCtl, FindsWhatIsWrongWithTheHost) {

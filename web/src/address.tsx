@@ -7,18 +7,22 @@ import { parseAddress, publicHost } from './rules'
 import { t } from './texts'
 import { Failure, Field, Notice } from './ui'
 
-const OWN = /^(localhost|127\..*|\[?::1\]?)$/ // of the machine that the browser runs on
+const OWN = /^(localhost|127\..*|::1)$/ // of the machine that the browser runs on
 
-export const publicAddress = signal(typeof location === 'undefined' ? '' : location.hostname)
+// The host of the page's own address, an IPv6 one without its brackets.
+const ownHost = (): string => location.hostname.replace(/^\[(.*)\]$/, '$1')
+
+export const publicAddress = signal(typeof location === 'undefined' ? '' : ownHost())
 let typed = false // something that the appliance does not have yet
 const failure = signal<unknown>(null) // of the last attempt to store it
 
 // Where none is stored, that of the page itself; people who came through a port of their own machine get that of the
 // appliance's first interface, as nobody else reaches it by theirs.
 async function proposal(): Promise<string> {
-  if (!OWN.test(location.hostname)) return location.hostname
+  const host = ownHost()
+  if (!OWN.test(host)) return host
   const nics = await data<Nic[] | null>('misc/nic')
-  return nics?.find(nic => nic.ip)?.ip ?? location.hostname
+  return nics?.find(nic => nic.ip)?.ip ?? host
 }
 
 async function load(): Promise<void> {

@@ -31,10 +31,15 @@ const careful = signal(false)
 const code = signal(stored())
 const begun = signal(0) // counts, so that the band looks at once
 
+// A browser that stores nothing has the code until the page is loaded again.
 function keep(text: string): void {
-  if (text) sessionStorage.setItem(PLACE, text)
-  else sessionStorage.removeItem(PLACE)
   code.value = text
+  try {
+    if (text) sessionStorage.setItem(PLACE, text)
+    else sessionStorage.removeItem(PLACE)
+  } catch {
+    // the code is in memory
+  }
   begun.value++
 }
 
@@ -58,15 +63,18 @@ export async function withCare(work: () => Promise<unknown>): Promise<void> {
     await work()
     return
   }
-  const first = code.peek() === '' || !(await data<PendingChange>('change/pending')).pending
+  const waits = await data<PendingChange>('change/pending')
+  const first = code.peek() === '' || !waits.pending || !waits.mine
   if (first) keep((await data<{ code: string }>('change/begin', { seconds: String(SECONDS) })).code)
   try {
     await work()
   } catch (failure) {
-    if (first && isRefusal(failure)) {
-      await call('change/revert', {}, SLOW)
-      keep('')
-    }
+    // Where this fails as well, the band goes on counting; what is shown is the first failure.
+    if (first && isRefusal(failure))
+      await call('change/revert', {}, SLOW).then(
+        () => keep(''),
+        () => undefined,
+      )
     throw failure
   }
 }
@@ -76,8 +84,8 @@ export const secondsLeft = (end: number, now: number): number =>
   Math.max(0, Math.ceil((end - now) / 1000))
 
 function useCountdown(seconds: number | undefined): number {
-  const [end, setEnd] = useState(0)
-  const [now, setNow] = useState(0)
+  const [end, setEnd] = useState(() => performance.now() + (seconds ?? 0) * 1000)
+  const [now, setNow] = useState(() => performance.now())
   useEffect(() => {
     const time = performance.now()
     setNow(time)
@@ -101,8 +109,9 @@ function Band({ change, onEnd }: { change: PendingChange; onEnd: () => void }) {
     })
   if (!change.mine)
     return <Notice>{t('goback.other', { user: change.user ?? '', n: left })}</Notice>
+  // No alert: one whose words change every second would be read out every second.
   return (
-    <Notice tone="bad">
+    <Notice>
       <strong>{t('goback.mine', { n: left })}</strong>
       {code.value === '' && (
         <Field label={t('goback.code')}>

@@ -4,10 +4,10 @@
 // Its settings are in /etc/config/ormel/guard.conf, which the network daemon and the start scripts
 // read too:
 //   [guard]
-//   mode = on       off, on while the gateway policy names a tunnel, strict also while it names
-//   none lan = 1         whether the local network stays within reach ipv6 = block    or pass: no
-//   tunnel carries IPv6 dns = tunnel    or any: whether name servers of the local network may be
-//   asked
+//   mode = on       off, on while the gateway policy names a tunnel, strict without one too
+//   lan = 1         whether the local network can still be reached
+//   ipv6 = block    or pass: no tunnel carries IPv6
+//   dns = tunnel    or any: whether name servers of the local network may be asked
 #pragma once
 
 #include <string>
