@@ -311,6 +311,34 @@ TEST_F(Changes, GoBackOnceTheTimeIsOver) {
   }
 }
 
+TEST_F(Changes, ReportOnceThatTheyCannotGoBack) {
+  int reports = 0;
+  const Pending changes{
+      root, {[](int, long) { return true; }, recorder(), [&](auto&&...) { ++reports; }}};
+  std::string code;
+  ASSERT_EQ(changes.begin({"anna", "", ""}, 30, code).code, NO_ERROR);
+  put("/var/lib/ormel/snapshots/1/0", "damaged");
+  put(RIGHTS, "bob:0:0:0:0:0\n");
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(changes.recover(Moment::BOOT).code, ERR_SAVE_FILE);
+  EXPECT_EQ(reports, 1);
+  EXPECT_EQ(changes.snapshots().list().size(), 1U) << "no attempt leaves a snapshot";
+  EXPECT_TRUE(changes.find());
+}
+
+TEST_F(Changes, AreTakenBackToTheOldestSnapshot) {
+  const Pending changes = pending();
+  for (size_t i = 0; i < Snapshots::MOST; ++i) {
+    put(RIGHTS, "bob:" + std::to_string(i) + "\n");
+    std::ignore = take(changes.snapshots());
+  }
+  put(RIGHTS, "bob:last\n");
+  Plan done;
+  Snapshot restored;
+  const Verdict verdict = changes.undo({"anna", "ormelctl", "undo 1"}, 1, done, restored);
+  EXPECT_EQ(verdict.code, NO_ERROR) << verdict.reason;
+  EXPECT_EQ(get(RIGHTS), "bob:0\n");
+}
+
 TEST_F(Changes, AreTakenBackAndBroughtBack) {
   const Pending changes = pending();
   std::ignore = take(changes.snapshots());
