@@ -1,7 +1,7 @@
 // The text of vpn.conf, section by section: what differs between two versions, and a version that
 // goes back without disturbing the tunnels that are up.
 //
-// A section holds settings, and keys that a live tunnel writes by itself (address, time, state).
+// A section holds settings, and keys that a live tunnel writes (address, time, state).
 // The latter are no settings: they count in no comparison, and a restore keeps those of the moment.
 #pragma once
 
