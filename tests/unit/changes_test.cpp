@@ -120,7 +120,13 @@ TEST(SettingsText, CountsWhatTunnelsWriteAsNoSettings) {
   EXPECT_THAT(SettingsText{restored}.differing(then), IsEmpty());
   EXPECT_EQ(SettingsText{"[A]\nb=c\n"}.settled(), SettingsText{"[A]\r\nb = c\r\n"}.settled());
   EXPECT_TRUE(is_live_key("WG_CLIENT1", "DNS Server"));
+  EXPECT_TRUE(is_live_key("OPENVPN_CLIENT3", "Trusted IP"));
   EXPECT_FALSE(is_live_key("OPENVPN", "Status"));
+  const SettingsText served{
+      "[global]\nsetup_vpn_entrance_status = TRUE\n[OPENVPN]\nEnable = TRUE\n"
+      "OPENVPN_iptables_rules = TRUE\n"};
+  EXPECT_THAT(served.differing(SettingsText{"[global]\n[OPENVPN]\nEnable = TRUE\n"}), IsEmpty())
+      << "else an undo restarts the server";
 }
 
 TEST_F(Changes, KeepTwentySnapshotsAndThoseThatAreHeld) {

@@ -43,7 +43,7 @@ class SettingsText {
   std::vector<Section> sections_;
 };
 
-// Whether a key of a section is written by tunnels and by the program on its own.
+// Whether a key of a section is written by tunnels, by start scripts, or by the program on its own.
 [[nodiscard]] bool is_live_key(std::string_view section, std::string_view key);
 
 // The key of a line "key = value", and its value; both empty for any other line.
