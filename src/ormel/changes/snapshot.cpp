@@ -1,6 +1,7 @@
 #include "ormel/changes/snapshot.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <dirent.h>
@@ -177,7 +178,7 @@ bool Snapshots::fill(const std::string& folder, const Origin& origin) const {
     std::string text;
     const int failure = fenro::read_file((root_ + path).c_str(), text, room);
     if (failure == ENOENT) continue;  // it has gone meanwhile
-    errno = failure;
+    errno = failure == EINVAL ? EFBIG : failure;
     if (failure != 0) return false;
     room -= text.size();
     files.push_back({path, openssl::sha256(text), text.size()});
