@@ -6,9 +6,8 @@ Recording::Recording(const Origin& origin) {
   if (!snapshots_.wanted()) return;
   if (!lock_.emplace(Turn::CHANGE)) {
     refusal_ =
-        "settings are being restored: try again in a few seconds, and if that goes on, look "
-        "whether "
-        "/run/fenro/changes.lock can be written";
+        "settings are being restored: try again in a few seconds, and if that goes on, look at "
+        "/run/fenro/changes.lock";
     return;
   }
   id_ = snapshots_.take(origin, not_undoable_);
