@@ -328,6 +328,7 @@ Verdict Pending::undo(const Origin& origin, int id, Plan& done, Snapshot& restor
     snapshots_.release(restored.id);
     return {ERR_SAVE_FILE, reason + "; nothing was changed"};
   }
+  reason.clear();
   const Restore restore(snapshots_, host_.run);
   const int rc = restore.run(restored, done, reason);
   const bool begun = rc == NO_ERROR ? !done.files.empty() : restore.unfinished();
