@@ -1,5 +1,5 @@
-// Names of settings whose values nobody is shown: the log archive blanks them, the audit trail only
-// says that they have changed.
+// Names of settings whose values are never shown: the log archive blanks them, and the audit trail
+// and dry runs only say that they have changed.
 #pragma once
 
 #include <algorithm>

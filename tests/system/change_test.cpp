@@ -191,6 +191,7 @@ class ChangeTrial : public Changing {
         lower += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
       if (!empty && lower.find(hidden) != std::string::npos) return false;
     }
+    if (key == "setup_vpn_entrance_status" || key.ends_with("_iptables_rules")) return false;
     for (const char* live :
          {"LocalIP", "RemoteIP", "Real Address", "DNS Server", "Status", "Country Code",
           "Time Stamp", "Last Error", "Domain IP", "Download Status"}) {

@@ -301,6 +301,7 @@ TEST(AuditState, ShowsWhatDiffersAndNoSecret) {
   put("/etc/config/vpn_user_ex.conf", "bob:1:1:0:0:0\npasswd:0:0:0:0:0\n");
   put("/etc/config/vpn_options.conf", R"({"gw_setting":{"as_gw_en":1,"gw1":{"index":3}}})");
   put("/etc/config/ormel/keeper.conf", "[notify ops]\nURL = https://h/sesame\nSecret = sesame3\n");
+  put("/etc/config/ormel/public_address", "vpn.example.org\n");
   put("/etc/config/openvpn/clients/client3", "<key>sesame</key>\n");
   put("/var/lib/ormel/holds.json",
       R"({"holds":[{"kind":"user","who":"Ym9i","name":"Ym9i","until":0}]})");
@@ -309,14 +310,14 @@ TEST(AuditState, ShowsWhatDiffersAndNoSecret) {
   for (const Change& change : changes_between(before, read_state(root)))
     found.push_back(change.field + '|' + change.from + '|' + change.to);
 
-  EXPECT_THAT(found,
-              ElementsAre("/etc/config/openvpn/clients/client3||changed", "DROVIK/VPN Port||444",
-                          "L2TP/PSK||changed", "OPENVPN/Client IP 1|10.8.0.2|10.9.0.2",
-                          "PPTP_CLIENT1/AccessCode||changed",
-                          "PPTP_CLIENT1/Profile File|of fice|home", "gw_setting/as_gw_en|0|1",
-                          "gw_setting/gw1/index||3", testing::StartsWith("hold/user/bob||until 19"),
-                          "notify ops/Secret||changed", "notify ops/URL||changed",
-                          "rights/bob|pptp|pptp,openvpn", "rights/passwd||none"));
+  EXPECT_THAT(
+      found, ElementsAre(
+                 "/etc/config/openvpn/clients/client3||changed", "DROVIK/VPN Port||444",
+                 "L2TP/PSK||changed", "OPENVPN/Client IP 1|10.8.0.2|10.9.0.2",
+                 "PPTP_CLIENT1/AccessCode||changed", "PPTP_CLIENT1/Profile File|of fice|home",
+                 "address||vpn.example.org", "gw_setting/as_gw_en|0|1", "gw_setting/gw1/index||3",
+                 testing::StartsWith("hold/user/bob||until 19"), "notify ops/Secret||changed",
+                 "notify ops/URL||changed", "rights/bob|pptp|pptp,openvpn", "rights/passwd||none"));
   fs::remove_all(root);
 }
 
@@ -433,6 +434,17 @@ TEST_F(AuditRoutes, LetNoStrangerFloodTheTrail) {
     std::ignore = cgi::answer_locally("sid=gone", cgi::OF_SESSION,
                                       [&](JsonValue& response) { cgi::serve(route, response); });
   }
+  EXPECT_EQ(rows().size(), static_cast<size_t>(MOST_REFUSALS));
+}
+
+TEST_F(Audit, CountsTheRefusalsOfACrowd) {
+  constexpr int STRANGERS = 20, REQUESTS = 10;
+  for (int i = 0; i < STRANGERS; ++i) {
+    if (fork() != 0) continue;
+    for (int k = 0; k < REQUESTS; ++k) note_refusal({"", "web", ""}, "gateway/set", "", 1);
+    _exit(0);
+  }
+  while (wait(nullptr) > 0) continue;
   EXPECT_EQ(rows().size(), static_cast<size_t>(MOST_REFUSALS));
 }
 

@@ -120,7 +120,13 @@ TEST(SettingsText, CountsWhatTunnelsWriteAsNoSettings) {
   EXPECT_THAT(SettingsText{restored}.differing(then), IsEmpty());
   EXPECT_EQ(SettingsText{"[A]\nb=c\n"}.settled(), SettingsText{"[A]\r\nb = c\r\n"}.settled());
   EXPECT_TRUE(is_live_key("WG_CLIENT1", "DNS Server"));
+  EXPECT_TRUE(is_live_key("OPENVPN_CLIENT3", "Trusted IP"));
   EXPECT_FALSE(is_live_key("OPENVPN", "Status"));
+  const SettingsText served{
+      "[global]\nsetup_vpn_entrance_status = TRUE\n[OPENVPN]\nEnable = TRUE\n"
+      "OPENVPN_iptables_rules = TRUE\n"};
+  EXPECT_THAT(served.differing(SettingsText{"[global]\n[OPENVPN]\nEnable = TRUE\n"}), IsEmpty())
+      << "else an undo restarts the server";
 }
 
 TEST_F(Changes, KeepTwentySnapshotsAndThoseThatAreHeld) {
@@ -309,6 +315,34 @@ TEST_F(Changes, GoBackOnceTheTimeIsOver) {
     EXPECT_EQ(changes.find().has_value(), !back);
     if (!back) changes.cancel(snapshot);
   }
+}
+
+TEST_F(Changes, ReportOnceThatTheyCannotGoBack) {
+  int reports = 0;
+  const Pending changes{
+      root, {[](int, long) { return true; }, recorder(), [&](auto&&...) { ++reports; }}};
+  std::string code;
+  ASSERT_EQ(changes.begin({"anna", "", ""}, 30, code).code, NO_ERROR);
+  put("/var/lib/ormel/snapshots/1/0", "damaged");
+  put(RIGHTS, "bob:0:0:0:0:0\n");
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(changes.recover(Moment::BOOT).code, ERR_SAVE_FILE);
+  EXPECT_EQ(reports, 1);
+  EXPECT_EQ(changes.snapshots().list().size(), 1U) << "no attempt leaves a snapshot";
+  EXPECT_TRUE(changes.find());
+}
+
+TEST_F(Changes, AreTakenBackToTheOldestSnapshot) {
+  const Pending changes = pending();
+  for (size_t i = 0; i < Snapshots::MOST; ++i) {
+    put(RIGHTS, "bob:" + std::to_string(i) + "\n");
+    std::ignore = take(changes.snapshots());
+  }
+  put(RIGHTS, "bob:last\n");
+  Plan done;
+  Snapshot restored;
+  const Verdict verdict = changes.undo({"anna", "ormelctl", "undo 1"}, 1, done, restored);
+  EXPECT_EQ(verdict.code, NO_ERROR) << verdict.reason;
+  EXPECT_EQ(get(RIGHTS), "bob:0\n");
 }
 
 TEST_F(Changes, AreTakenBackAndBroughtBack) {

@@ -20,15 +20,25 @@ bool GoBack::waits() const {
                      [&](const char* name) { return access((folder_ + name).c_str(), F_OK) == 0; });
 }
 
-void GoBack::boot() const {
-  if (!waits()) return;
-  const Ended ended = Child{{tool_, ACTION, "boot"}}.wait();
+// A failure is tried again, and said once.
+void GoBack::report(const Ended& ended) {
+  std::string fault;
   if (ended.status != 0)
-    std::fprintf(stderr, "fenro-keeperd: settings could not be restored: %s\n", ended.said.c_str());
+    fault = ended.said.empty() ? "exit status " + std::to_string(ended.status) : ended.said;
+  if (!fault.empty() && fault != fault_)
+    std::fprintf(stderr, "fenro-keeperd: settings could not be restored: %s\n", fault.c_str());
+  fault_ = fault;
+}
+
+void GoBack::boot() {
+  if (waits()) report(Child{{tool_, ACTION, "boot"}}.wait());
 }
 
 void GoBack::tick(Time now) {
-  if (child_ && child_->poll()) child_.reset();
+  if (const auto ended = child_ ? child_->poll() : std::nullopt) {
+    report(*ended);
+    child_.reset();
+  }
   if (child_ || now - looked_ < PERIOD) return;
   looked_ = now;
   if (waits()) child_ = std::make_unique<Child>(std::vector<std::string>{tool_, ACTION, "overdue"});

@@ -19,14 +19,16 @@ class GoBack {
       : folder_(std::move(folder)), tool_(std::move(tool)) {}
 
   // What the last run of the host has left, before anything is started. Waits for the end.
-  void boot() const;
+  void boot();
   // Looks whether a time is over, every five seconds.
   void tick(Time now);
 
  private:
   [[nodiscard]] bool waits() const;
+  void report(const Ended& ended);
 
   std::string folder_, tool_;
+  std::string fault_{};  // of the last run
   std::unique_ptr<Child> child_;
   Time looked_{};
 };

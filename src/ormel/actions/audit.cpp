@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -85,10 +86,8 @@ void report_fault(int reason) {
   if (mark) std::ignore = system::write_all(mark.get(), ".");
   if (known) return;
   const char* const text = strerrordesc_np(reason);
-  const std::string event = std::string(
-                                "[ORMEL Service] Changes cannot be recorded in the audit "
-                                "trail: ") +
-                            trail().folder() + ": " + (text ? text : "unknown error");
+  std::string event = "[ORMEL Service] Changes cannot be recorded in the audit trail: ";
+  event += trail().folder() + ": " + (text ? text : "unknown error");
   ORMEL_LOG(ERROR, "%s", event.c_str());
   system::add_log(event, EVENT_ERROR);
 }
@@ -103,9 +102,13 @@ void add(Entry entry) {
   }
 }
 
-// Counts a refusal within its hour. Whether it is one of the first.
+// Counts a refusal within its hour. Returns whether it is one of the first. One process at a time
+// does: a count that is read half written would start again at 0.
 bool is_counted() {
   const std::string path = parent_folder() + REFUSALS;
+  const Fd turn{
+      open(path.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, fenro::PRIVATE_FILE)};
+  if (!turn || TEMP_FAILURE_RETRY(flock(turn.get(), LOCK_EX)) != 0) return false;
   const int64_t now = std::time(nullptr);
   int64_t start = 0, count = 0;
   std::string text;
@@ -121,8 +124,7 @@ bool is_counted() {
   }
   if (count >= MOST_REFUSALS) return false;
   text = std::to_string(start) + ' ' + std::to_string(count + 1);
-  return fenro::make_private_folder(trail().folder()) &&
-         system::write_file(text, path.c_str(), fenro::PRIVATE_FILE);
+  return system::write_file(text, path.c_str(), fenro::PRIVATE_FILE);
 }
 
 Recorder* active = nullptr;

@@ -128,6 +128,11 @@ void read_holds(const std::string& text, const std::string& area, State& out) {
   json_array_foreach(json_object_get(document.get(), "holds"), at, hold) read_hold(hold, area, out);
 }
 
+// A file of one word.
+void read_word(const std::string& text, const std::string& area, State& out) {
+  if (const std::string_view word = fenro::trimmed(text); !word.empty()) out[area] = word;
+}
+
 struct Source {
   const char* path;
   const char* area;  // begins its fields
@@ -139,6 +144,7 @@ constexpr Source SOURCES[] = {
     {"/etc/config/ormel/guard.conf", "", read_ini},
     {"/etc/config/ormel/keeper.conf", "", read_ini},
     {"/etc/config/ormel/pelmar.conf", "sdwan", read_ini},
+    {"/etc/config/ormel/public_address", "address", read_word},
     {"/etc/config/vpn_user_ex.conf", "rights", read_rights},
     {"/etc/config/vpn_block.conf", "block", read_json},
     {"/etc/config/vpn_options.conf", "", read_json},

@@ -100,6 +100,7 @@ class Trail {
 
   // The first numbers of the files, in order. False when the folder cannot be read.
   [[nodiscard]] bool list(std::vector<int64_t>& starts) const;
+  [[nodiscard]] bool read_newest(std::vector<int64_t>& starts, std::string& newest) const;
   [[nodiscard]] std::string path_of(int64_t start) const;
   [[nodiscard]] bool find_place(const std::vector<int64_t>& starts, Place& place) const;
   [[nodiscard]] bool choose(int64_t start, const Query& query, Choice& choice) const;

@@ -3,6 +3,7 @@
 #include <array>
 #include <csignal>
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <tuple>
 #include <unistd.h>
@@ -41,7 +42,7 @@ bool keep_only(int fd) {
 // A grandchild, so that the process has no child that it does not know of.
 Witness::Witness(const std::function<void()>& work) {
   std::array<int, 2> ends{};
-  if (pipe2(ends.data(), O_CLOEXEC) != 0) return;
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) return;
   const Fd reading{ends[0]};
   alive_ = Fd{ends[1]};
   const pid_t child = fork();
@@ -53,8 +54,9 @@ Witness::Witness(const std::function<void()>& work) {
   if (child > 0) std::ignore = TEMP_FAILURE_RETRY(waitpid(child, nullptr, 0));
 }
 
+// Without a reader, as where no process could be started, this must not end in a signal.
 void Witness::release() {
-  if (alive_) std::ignore = write(alive_.get(), &RELEASED, 1);  // fails only if nobody watches
+  if (alive_) std::ignore = send(alive_.get(), &RELEASED, 1, MSG_NOSIGNAL);
   alive_.reset();
 }
 

@@ -6,6 +6,7 @@
 #include <set>
 #include <unistd.h>
 
+#include "base/utf8.h"
 #include "ormel/base/crypto.h"
 #include "ormel/base/error.h"
 #include "ormel/base/file.h"
@@ -127,7 +128,8 @@ Fault check_passphrase(const std::string& passphrase) {
 }
 
 Fault collect(Backup& out) {
-  out = {.version = ORMEL_VERSION, .host = host_name(), .time = std::time(nullptr)};
+  out = {
+      .version = ORMEL_VERSION, .host = fenro::valid_utf8(host_name()), .time = std::time(nullptr)};
   for (const std::string& path : existing_state()) {
     BackupFile file{path, {}};
     if (!system::read_file(path.c_str(), file.content, MOST_BACKUP))

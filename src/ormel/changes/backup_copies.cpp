@@ -45,7 +45,7 @@ bool write_files(const Backup& backup, const std::string& from, const std::strin
          (!list || system::replace_file(to + CRL_ENDING, list->content, fenro::PRIVATE_FILE));
 }
 
-// A profile without a text of its own is added; an imported one is rewritten in its new place.
+// An imported profile has its own text, which is rewritten in its new place; any other is added.
 int add_copy(const Backup& backup, BaseConfig& record, int slot) {
   if (record.type != OVPN_CLIENT_TYPE) {
     record.set_index(0);  // a new one, which may not clash with any other
@@ -55,9 +55,10 @@ int add_copy(const Backup& backup, BaseConfig& record, int slot) {
   const std::string from = client.profile_path();
   client.set_index(slot);
   client.file.clear();
-  if (!write_files(backup, from, client.profile_path())) return ERR_SAVE_FILE;
-  const int rc = client.modify();
-  if (rc != NO_ERROR) unlink(client.profile_path().c_str());
+  const std::string to = client.profile_path();
+  const int rc = write_files(backup, from, to) ? client.modify() : ERR_SAVE_FILE;
+  if (rc == NO_ERROR) return rc;
+  for (const std::string& left : {to, to + CRL_ENDING}) unlink(left.c_str());
   return rc;
 }
 

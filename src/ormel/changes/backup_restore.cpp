@@ -94,7 +94,8 @@ bool is_running(const BaseConfig& record) {
 
 Fault cannot_write(const std::string& path) {
   return {ERR_SAVE_FILE, path + " cannot be written",
-          "look whether its disk has room, and restore again: what was done stays"};
+          "look whether its disk has room, and restore again: what was done stays, and what was "
+          "stopped is off until then"};
 }
 
 class Restoration {

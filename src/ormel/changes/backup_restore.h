@@ -23,10 +23,10 @@ struct Selection {
   std::set<Part> parts{};
 
   [[nodiscard]] static Selection all();
-  // Reads names divided by commas, such as "profiles,rights". A fault names the wrong one.
+  // Reads names separated by commas: "profiles,rights". A fault names the wrong one.
   [[nodiscard]] static Fault read(std::string_view names, Selection& out);
 };
-// The names that `read` takes, divided by commas.
+// The names that `read` takes, separated by commas.
 [[nodiscard]] std::string selectable();
 
 // A record for people: "openvpn server", "office (pptp/1)".

@@ -1,11 +1,11 @@
 #include "ormel/changes/difference.h"
 
 #include <algorithm>
-#include <cctype>
 #include <set>
 
 #include "base/file.h"
 #include "base/lines.h"
+#include "base/secret_names.h"
 #include "ormel/changes/settings_text.h"
 #include "ormel/changes/snapshot.h"
 #include "ormel/changes/state_files.h"
@@ -14,8 +14,6 @@ namespace ormel::changes {
 
 namespace {
 
-constexpr std::string_view SECRET_WORDS[] = {"pass",       "secret",     "psk", "token",
-                                             "credential", "accesscode", "key"};
 constexpr const char* SECRET = "(secret)";
 constexpr const char* OTHER_SECRET = "(another secret)";
 
@@ -86,14 +84,9 @@ Lines compare(const StateFile& row, const std::string* before, const std::string
 
 }  // namespace
 
+// Addresses of webhooks often hold a token.
 bool is_secret_key(std::string_view key) {
-  std::string plain;
-  for (const char c : key) {
-    if (std::isalnum(static_cast<unsigned char>(c)) != 0)
-      plain += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  }
-  return std::ranges::any_of(
-      SECRET_WORDS, [&](std::string_view word) { return plain.find(word) != std::string::npos; });
+  return key == "URL" || fenro::is_secret_name(key);
 }
 
 Contents read_state(const std::string& root) {

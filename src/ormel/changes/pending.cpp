@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "base/file.h"
@@ -22,6 +24,7 @@ namespace ormel::changes {
 namespace {
 
 constexpr const char* FILE_NAME = "/pending/change.json";
+constexpr const char* FAULT = "/run/fenro/go_back_fault";
 constexpr const char* TOOL = "/usr/sbin/ormelctl";
 constexpr const char* SYSTEMD = "/run/systemd/system";
 constexpr const char* SYSTEMD_RUN = "/usr/bin/systemd-run";
@@ -101,6 +104,13 @@ bool start_timer(int snapshot, long seconds) {
   return system::background({TOOL, "__go-back", number, std::to_string(seconds)}) == NO_ERROR;
 }
 
+// The keeper tries again every few seconds: the first failure of a change is enough to report.
+bool is_first_failure(const std::string& root) {
+  const Fd mark{open((root + FAULT).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                     fenro::PRIVATE_FILE)};
+  return mark || errno != EEXIST;
+}
+
 // As an event.
 void report_restored(const Origin& origin, const std::string& what, const Plan& done) {
   std::string text = "[ORMEL Service] " + what + " (" + origin.user + ", " + origin.via + ")";
@@ -166,10 +176,11 @@ void Pending::forget(const PendingChange& change) const {
 Verdict Pending::begin(const Origin& origin, long seconds, std::string& code) const {
   if (seconds < SHORTEST_SECONDS || seconds > LONGEST_SECONDS)
     return {ERR_VALUE, "the time for a confirmation is 30 to 600 seconds"};
+  const std::string folder = std::string(Snapshots::STATE_FOLDER) + "/snapshots";
   if (!snapshots_.wanted())
-    return {ERR_NOT_SUPPORT,
-            std::string(Snapshots::STATE_FOLDER) +
-                "/snapshots is missing, so that nothing can go back: mkdir -p -m 700 it"};
+    return {
+        ERR_NOT_SUPPORT,
+        folder + " is missing, so that nothing can go back; make it: mkdir -p -m 700 " + folder};
   const StateLock lock{Turn::DECIDE, snapshots_.root()};
   if (!lock) return {ERR_ACCESS, BUSY};
   if (const auto other = find()) return refusal(*other);
@@ -182,6 +193,7 @@ Verdict Pending::begin(const Origin& origin, long seconds, std::string& code) co
   change.since = std::time(nullptr);
   change.until = change.since + seconds;
   change.boot_until = seconds_up() + seconds;
+  unlink((snapshots_.root() + FAULT).c_str());
   if (!code.empty() && snapshots_.hold(change.snapshot) && store(change) &&
       host_.start_timer(change.snapshot, seconds))
     return {};
@@ -217,11 +229,15 @@ Verdict Pending::go_back(const PendingChange& change, const std::string& why) co
   }
   std::string reason;
   // So that what goes back can be brought back. Going back matters more than this.
-  std::ignore = snapshots_.take({change.origin.user, change.origin.via, "went back"}, reason);
+  const int saved = snapshots_.take({change.origin.user, change.origin.via, "went back"}, reason);
   Plan done;
   reason.clear();
-  const int rc = Restore(snapshots_, host_.run).run(*snapshot, done, reason);
-  if (rc != NO_ERROR) return {rc, reason};
+  const Restore restore(snapshots_, host_.run);
+  const int rc = restore.run(*snapshot, done, reason);
+  if (rc != NO_ERROR) {
+    if (saved != 0 && !restore.unfinished()) snapshots_.drop(saved);
+    return {rc, reason};
+  }
   forget(change);
   host_.report(change.origin, why + ": the settings of " + clock_text(change.since) + " are back",
                done);
@@ -231,6 +247,13 @@ Verdict Pending::go_back(const PendingChange& change, const std::string& why) co
 // No request and no command asks for it, so none has a row in the audit trail.
 Verdict Pending::go_back_unasked(const PendingChange& change, const std::string& why) const {
   const Verdict verdict = go_back(change, why);
+  const bool fails = verdict.code != NO_ERROR;
+  if (fails && !is_first_failure(snapshots_.root())) return verdict;
+  Plan nothing;
+  nothing.failed = {verdict.reason};
+  if (fails)
+    host_.report(change.origin,
+                 why + ": the settings of " + clock_text(change.since) + " are not back", nothing);
   audit::note({change.origin.user, "without confirmation", ""}, "change/go_back",
               change.origin.what, {}, verdict.code);
   return verdict;
@@ -255,8 +278,8 @@ void Pending::cancel(int snapshot) const {
 
 Verdict Pending::expire(int snapshot) const {
   const StateLock decision{Turn::DECIDE, snapshots_.root()};
-  const StateLock alone{Turn::GO_BACK,
-                        snapshots_.root()};  // a change that hangs does not keep us from going back
+  // Not required: a change that hangs must not keep the settings from going back.
+  const StateLock alone{Turn::GO_BACK, snapshots_.root()};
   if (!decision) return {ERR_ACCESS, BUSY};
   const auto change = find();
   if (!change || change->snapshot != snapshot || change->seconds_left() > 0) return {};
@@ -264,13 +287,19 @@ Verdict Pending::expire(int snapshot) const {
 }
 
 Verdict Pending::recover(Moment moment) const {
+  const Restore restore(snapshots_, host_.run);
+  const auto is_due = [&](const std::optional<PendingChange>& change) {
+    return change && (moment == Moment::BOOT || change->seconds_left() == 0);
+  };
+  // The keeper asks all the time that a change waits: that must not hold up who confirms it.
+  if (!restore.unfinished() && !is_due(find())) return {};
   const StateLock decision{Turn::DECIDE, snapshots_.root()};
   if (!decision) return {};  // one that restores is at work
   const StateLock alone{Turn::GO_BACK, snapshots_.root()};
-  if (!Restore(snapshots_, host_.run).finish(moment))
+  if (!restore.finish(moment))
     return {ERR_SAVE_FILE, "the settings could not be restored completely"};
   const auto change = find();
-  if (!change || (moment == Moment::RUNNING && change->seconds_left() > 0)) return {};
+  if (!is_due(change)) return {};
   if (moment == Moment::RUNNING) return go_back_unasked(*change, "Not confirmed in time");
   Host starting = host_;
   starting.run = [this](const Step& step) { return starts_tunnels(step) || host_.run(step); };
@@ -292,11 +321,19 @@ Verdict Pending::undo(const Origin& origin, int id, Plan& done, Snapshot& restor
     return {ERR_CONFIGURE_INDEX,
             id == 0 ? "there is nothing to undo" : "there is no change " + std::to_string(id)};
   restored = *chosen;
-  std::string reason;
-  const int saved = snapshots_.take(origin, reason);
-  if (saved == 0) return {ERR_SAVE_FILE, reason + "; nothing was changed"};
-  const int rc = Restore(snapshots_, host_.run).run(restored, done, reason);
-  if (done.files.empty()) snapshots_.drop(saved);
+  std::string reason = "snapshot " + std::to_string(restored.id) + " cannot be kept";
+  // Held, or the snapshot of this moment could push out the oldest one while that is restored.
+  const int saved = snapshots_.hold(restored.id) ? snapshots_.take(origin, reason) : 0;
+  if (saved == 0) {
+    snapshots_.release(restored.id);
+    return {ERR_SAVE_FILE, reason + "; nothing was changed"};
+  }
+  reason.clear();
+  const Restore restore(snapshots_, host_.run);
+  const int rc = restore.run(restored, done, reason);
+  const bool begun = rc == NO_ERROR ? !done.files.empty() : restore.unfinished();
+  if (!begun) snapshots_.drop(saved);
+  if (rc != NO_ERROR && !begun) snapshots_.release(restored.id);
   if (rc != NO_ERROR) return {rc, reason};
   host_.report(origin, "The settings of " + clock_text(restored.time) + " are back", done);
   return {};

@@ -1,4 +1,4 @@
-// A change that goes back on its own unless somebody confirms it in time.
+// A change that goes back unless it is confirmed in time.
 //
 // There is at most one. It is in /var/lib/ormel/pending/change.json, for root alone, so that it
 // outlives a crash and a restart of the host:

@@ -5,7 +5,9 @@ namespace ormel::changes {
 Recording::Recording(const Origin& origin) {
   if (!snapshots_.wanted()) return;
   if (!lock_.emplace(Turn::CHANGE)) {
-    refusal_ = "settings are being restored: try again in a few seconds";
+    refusal_ =
+        "settings are being restored: try again in a few seconds, and if that goes on, look at "
+        "/run/fenro/changes.lock";
     return;
   }
   id_ = snapshots_.take(origin, not_undoable_);

@@ -294,7 +294,7 @@ bool Restore::perform(const Step& step) {
     case Step::Kind::UNREGISTER:
       return announce(step.words[0], config::ClientConfig::opt_ext_dev_unregister);
     case Step::Kind::GATEWAY:
-      // The daemon looks by itself within a second; a failure costs no more than that.
+      // The daemon looks within a second anyway; a failure costs no more than that.
       std::ignore = system::easy_mib_call(system::NETWORK_SERVICE, WAKE_GATEWAY, nullptr);
   }
   return true;

@@ -1,7 +1,7 @@
 // The text of vpn.conf, section by section: what differs between two versions, and a version that
 // goes back without disturbing the tunnels that are up.
 //
-// A section holds settings, and keys that a live tunnel writes by itself (address, time, state).
+// A section holds settings, and keys that a live tunnel writes (address, time, state).
 // The latter are no settings: they count in no comparison, and a restore keeps those of the moment.
 #pragma once
 
@@ -43,7 +43,7 @@ class SettingsText {
   std::vector<Section> sections_;
 };
 
-// Whether a key of a section is written by tunnels and by the program on its own.
+// Whether a key of a section is written by tunnels, by start scripts, or by the program on its own.
 [[nodiscard]] bool is_live_key(std::string_view section, std::string_view key);
 
 // The key of a line "key = value", and its value; both empty for any other line.

@@ -1,6 +1,7 @@
 #include "ormel/changes/snapshot.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <dirent.h>
@@ -155,11 +156,11 @@ std::optional<std::string> Snapshots::content(const Snapshot& snapshot,
   return text;
 }
 
-// A link to the copy of the snapshot before costs no room.
+// A link to the copy of the snapshot before costs no room. One that is damaged is not handed on.
 bool Snapshots::keep(const std::string& target, const std::string& text, const Copy& copy,
                      const std::optional<Snapshot>& before) const {
   const Copy* const earlier = before ? before->find(copy.path) : nullptr;
-  if (earlier && earlier->sha256 == copy.sha256) {
+  if (earlier && earlier->sha256 == copy.sha256 && content(*before, copy.path) == text) {
     const auto number = earlier - before->files.data();
     const std::string source = folder_of(before->id) + '/' + std::to_string(number);
     if (link(source.c_str(), target.c_str()) == 0) return true;
@@ -177,7 +178,7 @@ bool Snapshots::fill(const std::string& folder, const Origin& origin) const {
     std::string text;
     const int failure = fenro::read_file((root_ + path).c_str(), text, room);
     if (failure == ENOENT) continue;  // it has gone meanwhile
-    errno = failure;
+    errno = failure == EINVAL ? EFBIG : failure;
     if (failure != 0) return false;
     room -= text.size();
     files.push_back({path, openssl::sha256(text), text.size()});
@@ -196,13 +197,15 @@ int Snapshots::take(const Origin& origin, std::string& reason) const {
   const std::vector<int> taken = ids();
   int id = taken.empty() ? 1 : taken.front() + 1;
   const int last = id + ATTEMPTS;
-  while (id < last && mkdir(folder_of(id).c_str(), FOLDER_MODE) != 0 && errno == EEXIST) ++id;
-  if (id < last && fill(folder_of(id), origin)) {
+  int made = mkdir(folder_of(id).c_str(), FOLDER_MODE);
+  while (made != 0 && errno == EEXIST && ++id < last)
+    made = mkdir(folder_of(id).c_str(), FOLDER_MODE);
+  if (made == 0 && fill(folder_of(id), origin)) {
     prune(id);
     return id;
   }
   reason = std::string("no snapshot could be made: ") + std::strerror(errno);
-  drop(id);
+  if (made == 0) drop(id);
   return 0;
 }
 

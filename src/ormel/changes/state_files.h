@@ -1,7 +1,8 @@
 // The table of all state of the VPN service: what a snapshot copies, what goes back, and what a
 // backup contains.
 //
-// State is what somebody has set and what nothing else can make again. Left out on purpose:
+// State is what an administrator has set and what cannot be made from anything else. Left out on
+// purpose:
 // - files that the start scripts make from state: /etc/config/ppp, /etc/config/openvpn/server.conf,
 //   /var/lib/fenro/guard.nft, the table of external devices
 // - logs, counters of failed logins and the log database: they say what was, and must not go back

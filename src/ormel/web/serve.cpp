@@ -164,10 +164,16 @@ std::vector<char*> Request::values(const char* name) const {
 
 namespace {
 
+int refuse(const Route& route, JsonValue& response, const Outcome& outcome) {
+  return route.answer.medium == DOWNLOAD_MEDIUM ? refuse_download(outcome.code)
+                                                : fail(response, outcome);
+}
+
 // The work of a route that changes something, so that it can be taken back.
 int give_undoable(const Route& route, const Request& request, JsonValue& response) {
   const changes::Recording recording{origin_of(request, std::string(route.path))};
-  if (!recording.refusal().empty()) return fail(response, {ERR_ACCESS, recording.refusal()});
+  if (!recording.refusal().empty())
+    return refuse(route, response, {ERR_ACCESS, recording.refusal()});
   if (!recording.not_undoable().empty())
     ORMEL_LOG(ERROR, "this change cannot be taken back: %s", recording.not_undoable().c_str());
   undo_is_lost = !recording.not_undoable().empty();
@@ -187,8 +193,7 @@ int serve(const Route& route, JsonValue& response) {
   const Request request{route.repeats};
   if (const int rc = check_access(request, route.access); rc != NO_ERROR) {
     record_refusal(route, request, rc);
-    return route.answer.medium == DOWNLOAD_MEDIUM ? refuse_download(rc)
-                                                  : fail(response, Outcome{rc});
+    return refuse(route, response, Outcome{rc});
   }
   ormel::audit::Recorder recorder = recorder_of(route, request);
   const int rc = can_be_taken_back(route) ? give_undoable(route, request, response)
