@@ -191,7 +191,7 @@ int go_back_in_time(std::span<char*> words) {
     if (verdict.code != ormel::NO_ERROR) std::fprintf(stderr, "%s\n", verdict.reason.c_str());
     return verdict.code == ormel::NO_ERROR ? 0 : 1;
   }
-  const int snapshot = std::atoi(word.c_str());
+  const auto snapshot = static_cast<int>(std::strtol(word.c_str(), nullptr, 10));
   for (auto change = pending.find(); change && change->snapshot == snapshot;
        change = pending.find()) {
     if (change->seconds_left() == 0)

@@ -112,8 +112,8 @@ bool copy_tree(const std::string& from, const std::string& to) {
   if (S_ISDIR(info.st_mode)) {
     if (mkdir(to.c_str(), S_IRWXU) != 0 && errno != EEXIST) return false;
     for (const fs::directory_entry& entry : fs::directory_iterator(from, failure)) {
-      const std::string name = entry.path().filename().string();
-      if (!copy_tree(from + '/' + name, to + '/' + name)) return false;
+      const std::string name = '/' + entry.path().filename().string();
+      if (!copy_tree(from + name, to + name)) return false;
     }
   } else if (S_ISLNK(info.st_mode)) {
     fs::copy_symlink(from, to, failure);
@@ -153,8 +153,8 @@ bool cover_folders() {
       return false;
   }
   if (access(STATE, F_OK) == 0 && !bind_mount(state, STATE)) return false;
-  return std::ranges::all_of(FOLDERS, [&](const std::string folder) {
-    if (access(folder.c_str(), F_OK) != 0) return true;
+  return std::ranges::all_of(FOLDERS, [&](const char* folder) {
+    if (access(folder, F_OK) != 0) return true;
     const std::string copy = std::string(TRIAL) + '/' + std::to_string(number++);
     return copy_tree(folder, copy) && bind_mount(copy, folder);
   });

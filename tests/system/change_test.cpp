@@ -209,7 +209,7 @@ class ChangeTrial : public Changing {
       const size_t equals = line.find(" =");
       const bool empty = line.substr(equals + 1).find_first_not_of("= ") == std::string::npos;
       if (equals != std::string::npos && is_shown(line.substr(0, equals), empty))
-        lines.insert(section + ": " + line);
+        lines.insert(std::string(section).append(": ").append(line));
     }
     return lines;
   }

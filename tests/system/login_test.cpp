@@ -150,7 +150,7 @@ TEST_F(WebLogin, TakesNothingButAFormInTheBody) {
   };
   for (const auto& [url, options, status] : rows) {
     for (const std::string version : {"--http1.1 ", "--http2 "}) {
-      SCOPED_TRACE(url + " " + version + options.substr(0, 200));
+      SCOPED_TRACE(testing::Message() << url << ' ' << version << options.substr(0, 200));
       const Reply reply = curl(url, version + options);
       EXPECT_EQ(reply.status, status);
       EXPECT_EQ(reply.body.find("sid"), std::string::npos);

@@ -127,7 +127,7 @@ std::int64_t PendingChange::seconds_left() const {
   return boot == boot_id() ? std::max<std::int64_t>(boot_until - seconds_up(), 0) : 0;
 }
 
-Pending::Pending(std::string root, Host host)
+Pending::Pending(const std::string& root, Host host)
     : snapshots_(root), host_(std::move(host)), file_(root + Snapshots::STATE_FOLDER + FILE_NAME) {}
 
 Pending::Host Pending::this_host() {
@@ -246,7 +246,7 @@ Verdict Pending::go_back(const PendingChange& change, const std::string& why) co
 
 // No request and no command asks for it, so none has a row in the audit trail.
 Verdict Pending::go_back_unasked(const PendingChange& change, const std::string& why) const {
-  const Verdict verdict = go_back(change, why);
+  Verdict verdict = go_back(change, why);
   const bool fails = verdict.code != NO_ERROR;
   if (fails && !is_first_failure(snapshots_.root())) return verdict;
   Plan nothing;

@@ -63,7 +63,7 @@ class Pending {
     std::function<void(const Origin& origin, const std::string& what, const Plan& done)> report;
   };
 
-  explicit Pending(std::string root = {}, Host host = this_host());
+  explicit Pending(const std::string& root = {}, Host host = this_host());
 
   [[nodiscard]] std::optional<PendingChange> find() const;
 
