@@ -1,4 +1,4 @@
-// Files dropped anywhere on the page. Whoever asked last and is there gets them; a browser would leave the page otherwise.
+// Files dropped anywhere on the page. The part of the page that asked last gets them; a browser would leave the page otherwise.
 import { useEffect, useRef, useState } from 'preact/hooks'
 
 interface Taker {

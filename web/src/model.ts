@@ -1,4 +1,4 @@
-// What the program tells of its profiles and connections, and what differs from protocol to protocol.
+// What the program reports about its profiles and connections, and what differs from protocol to protocol.
 import { ago } from './format'
 import { PROTOCOL, PROTOCOLS, type Protocol } from './protocols'
 

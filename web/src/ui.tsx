@@ -354,7 +354,7 @@ export function Dialog({
       shown?.querySelector<HTMLElement>(FIRST_FIELD)
     first?.focus()
     return () => {
-      shown?.close() // what lies below takes no focus while this is open
+      shown?.close() // what is below takes no focus while this is open
       before?.focus?.()
     }
   }, [])
@@ -471,7 +471,7 @@ export function useJob() {
   return { busy, last, failure, run }
 }
 
-// The end of a form whose job "save" it is: what failed, what stands beside the button, the button.
+// The end of a form whose job "save" it is: what failed, what is beside the button, the button.
 export const SaveRow = ({
   job,
   children,

@@ -183,7 +183,7 @@ test('each page and tab works with much of everything', async () => {
   await page.context().close()
 })
 
-test('with few colours of the system, what is on is told apart on each page', async () => {
+test('with few colours of the system, what is on can be recognised on each page', async () => {
   const page = await administrator({ forcedColors: 'active' })
   const looks = what =>
     what.evaluate(one => [

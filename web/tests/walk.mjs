@@ -609,7 +609,7 @@ test('an appliance joins the SD-WAN by the cloud of the demonstration, lives in 
   assert.throws(() => run('ip', 'address', 'show', 'dev', 'pelmar0'))
 })
 
-test('a session that has run out is begun anew over what was being done', async () => {
+test('a session that has run out begins again over what was being done', async () => {
   const logInAgain = async () => {
     const dialog = near.getByRole('dialog', { name: 'Log in again' })
     await accessible(near, 'log in again')
@@ -661,7 +661,7 @@ test('a change goes back by itself unless it is confirmed', async () => {
   await near.getByText('change/confirm').first().waitFor(SPEAKING)
 })
 
-test('answers that are none are told in words, and the page goes on', async () => {
+test('malformed answers are reported in words, and the page goes on', async () => {
   await go(near, 'connections', 'Connections')
   await near
     .getByRole('heading', { name: /connection/ })

@@ -133,7 +133,7 @@ export function storedValues(profile: ClientProfile): Values {
     if (name in values) values[name] = typeof value === 'boolean' ? value : String(value ?? '')
   values['name'] = profile.profile
   values['host'] = profile.server_ip
-  values['pass'] = '' // what is told is no password
+  values['pass'] = '' // the answer holds no password
   if (profile.type === WIREGUARD_CLIENT)
     values['client_name'] = decodeName(String(profile['client_name']))
   return values

@@ -1,4 +1,4 @@
-// The peers of the WireGuard server: a record for each device, and what that device has to be told.
+// The peers of the WireGuard server: a record for each device, and what that device needs to know.
 import type { ComponentChildren } from 'preact'
 import { useState } from 'preact/hooks'
 import { PublicAddress, publicAddress } from '../address'

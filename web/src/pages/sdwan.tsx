@@ -1,4 +1,4 @@
-// The SD-WAN membership: the road of a join as steps, what a member sees, and the way out.
+// The SD-WAN membership: the steps of joining, what a member sees, and how to leave.
 import { useEffect, useState } from 'preact/hooks'
 import { asset, call, data, pageOf, SLOW, ApiError } from '../api'
 import { bytes, dayOf, logMoment } from '../format'

@@ -1,4 +1,4 @@
-// The form of each server, and what stands in the way of two of them being on together.
+// The form of each server, and what keeps two of them from being on together.
 import type { Choice, FieldRow, Values } from '../form'
 import { decodeName } from '../format'
 import { OPENVPN, WIREGUARD, labelOf, type Profile, type ServerProfile } from '../model'
