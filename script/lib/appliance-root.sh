@@ -29,7 +29,7 @@ HIDDEN_ETC=(config fenro ormel openvpn wireguard ssh ssl/private sudoers sudoers
 
 DEVICES=(null zero full random urandom tty net/tun ppp) # where the host has them
 
-# A folder of the host to build under: the mounts made on it are seen here alone. None of the paths
+# A folder of the host to build under: mounts on it are visible only here. None of the paths
 # still needed may lie in it.
 choose_workbench() {
   local place path

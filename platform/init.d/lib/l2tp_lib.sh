@@ -45,7 +45,7 @@ guard_iptables_rules() {
   printf 'filter INPUT -p udp --dport %s -m policy --dir in --pol none -j DROP\n' "$L2TP_PORT"
 }
 
-# l2tp_guard add|delete: nobody talks to the server's xl2tpd but by IPsec. Read vpn_firewall.sh for
+# l2tp_guard add|delete: the server's xl2tpd is reached by IPsec alone. Read vpn_firewall.sh for
 # it.
 l2tp_guard() {
   case $(firewall_tool)/$1 in
