@@ -57,6 +57,21 @@ TEST(JsonValue, GivesAFreshMemberForEachUseOfAKey) {
   EXPECT_EQ(printed(value), R"({"a":{"c":2}})");
 }
 
+TEST(JsonValue, PrintsMembersByTheBytesOfTheirKeys) {
+  JsonValue value;
+  for (const char* key :
+       {"server_port", "\xc3\xa9", "server_p", "a", "server_address", "ab", "Z", ""})
+    value[key];
+  value["server_p"] = 1;
+  EXPECT_EQ(printed(value),
+            "{\"\":null,\"Z\":null,\"a\":null,\"ab\":null,\"server_address\":null,"
+            "\"server_p\":1,\"server_port\":null,\"\xc3\xa9\":null}");
+  for (const char* key : {"server_p", "Z", "", "\xc3\xa9", "none"}) value.erase(key);
+  value["Z"] = 2;
+  EXPECT_EQ(printed(value),
+            R"({"Z":2,"a":null,"ab":null,"server_address":null,"server_port":null})");
+}
+
 TEST(JsonValue, LeavesADocumentThatIsOverwrittenToItsAssigner) {
   const Json kept{json_object()};
   JsonValue value(kept.get());

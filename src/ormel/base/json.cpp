@@ -1,6 +1,9 @@
 #include "ormel/base/json.h"
 
+#include <algorithm>
+#include <array>
 #include <charconv>
+#include <deque>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
@@ -27,19 +30,22 @@ void append_number(std::string& out, const char (&format)[Size], double number) 
   out.append(buffer, static_cast<size_t>(length));
 }
 
-// The letter after the backslash; zero for a byte that is printed as it is, 'u' for one that is
-// printed as its number.
+// For each byte the letter after the backslash; zero for a byte that is printed as it is, 'u' for
+// one that is printed as its number.
+constexpr std::array<char, 256> ESCAPES = [] {
+  std::array<char, 256> escapes{};
+  for (size_t control = 0; control < ' '; ++control) escapes[control] = 'u';
+  escapes['\b'] = 'b';
+  escapes['\t'] = 't';
+  escapes['\n'] = 'n';
+  escapes['\f'] = 'f';
+  escapes['\r'] = 'r';
+  for (const char itself : {'"', '\\'}) escapes[static_cast<size_t>(itself)] = itself;
+  return escapes;
+}();
+
 char escape_of(char byte) {
-  switch (byte) {
-    case '\b': return 'b';
-    case '\t': return 't';
-    case '\n': return 'n';
-    case '\f': return 'f';
-    case '\r': return 'r';
-    case '"':
-    case '\\': return byte;
-    default: return static_cast<unsigned char>(byte) < 32 ? 'u' : '\0';
-  }
+  return ESCAPES[static_cast<unsigned char>(byte)];
 }
 
 void append_escaped(std::string& out, std::string_view text) {
@@ -88,6 +94,54 @@ struct StringStyle {
 };
 
 }  // namespace
+
+// Most answers are lists of objects with two dozen members each: filling one must cost no search
+// and no allocation a member, so the order of keys is left to the printing.
+struct JsonValue::Object {
+  struct Member {
+    explicit Member(std::string_view name) : key(name) {}
+    std::string key;
+    JsonValue value;
+    bool erased = false;
+  };
+
+  // A member, and the start of its key as a number that sorts as the key does: most comparisons
+  // need no more.
+  struct Printed {
+    uint64_t start;
+    const Member* member;
+    bool operator<(const Printed& other) const {
+      return start != other.start ? start < other.start : member->key < other.member->key;
+    }
+    bool operator==(const Printed& other) const {
+      return start == other.start && member->key == other.member->key;
+    }
+  };
+
+  static uint64_t start_of(std::string_view key) {
+    uint64_t start = 0;
+    for (size_t at = 0; at < sizeof start; ++at)
+      start = start << 8 | (at < key.size() ? static_cast<unsigned char>(key[at]) : 0U);
+    return start;
+  }
+
+  // What is printed, by key: of members of one key the last.
+  [[nodiscard]] std::vector<Printed> printed() const {
+    std::vector<Printed> all;
+    all.reserve(members.size());
+    for (auto member = members.rbegin(); member != members.rend(); ++member)
+      if (!member->erased) all.push_back({start_of(member->key), &*member});
+    std::stable_sort(all.begin(), all.end());
+    all.erase(std::unique(all.begin(), all.end()), all.end());
+    return all;
+  }
+
+  std::deque<Member> members;  // in the order of their making: references to them stay good
+};
+
+void JsonValue::FreeObject::operator()(Object* object) const {
+  std::default_delete<Object>()(object);
+}
 
 JsonValue::~JsonValue() = default;
 
@@ -146,17 +200,19 @@ JsonValue& JsonValue::make_array() {
   return *this;
 }
 
+JsonValue::Object& JsonValue::hold_object() {
+  auto& object = hold<ObjectHandle>();
+  if (!object) object = ObjectHandle(std::make_unique<Object>().release());
+  return *object;
+}
+
 JsonValue& JsonValue::make_object() {
-  hold<Object>() = Object{};
+  hold_object().members.clear();
   return *this;
 }
 
-JsonValue& JsonValue::operator[](const std::string& key) {
-  auto& object = hold<Object>();
-  auto& member = object.members[key];
-  if (member) object.replaced.push_back(std::move(member));
-  member = std::make_unique<JsonValue>();
-  return *member;
+JsonValue& JsonValue::add(std::string_view key) {
+  return hold_object().members.emplace_back(key).value;
 }
 
 JsonValue& JsonValue::operator[](size_t index) {
@@ -170,8 +226,8 @@ void JsonValue::append(std::unique_ptr<JsonValue> item) {
 void JsonValue::erase() {
   if (auto* items = std::get_if<Array>(&value_)) {
     items->clear();
-  } else if (auto* object = std::get_if<Object>(&value_)) {
-    *object = {};
+  } else if (std::holds_alternative<ObjectHandle>(value_)) {
+    hold_object().members.clear();
   }
 }
 
@@ -181,7 +237,9 @@ void JsonValue::erase(size_t index) {
 }
 
 void JsonValue::erase(const std::string& key) {
-  if (auto* object = std::get_if<Object>(&value_)) object->members.erase(key);
+  if (!std::holds_alternative<ObjectHandle>(value_)) return;
+  for (auto& member : hold_object().members)
+    if (member.key == key) member.erased = true;
 }
 
 template <typename Style>
@@ -206,15 +264,16 @@ void JsonValue::write(std::string& out) const {
             item->template write<Style>(out);
           }
           out += held.empty() ? "[]" : "]";
-        } else if constexpr (std::is_same_v<T, Object>) {
-          char separator = '{';
-          for (const auto& [key, member] : held.members) {
-            out += std::exchange(separator, ',');
-            append_quoted(out, key);
-            out += ':';
-            member->template write<Style>(out);
+        } else if constexpr (std::is_same_v<T, ObjectHandle>) {
+          out += '{';
+          std::string_view separator = "\"";
+          for (const auto& [start, member] : held->printed()) {
+            out += std::exchange(separator, ",\"");
+            append_escaped(out, member->key);
+            out += "\":";
+            member->value.template write<Style>(out);
           }
-          out += held.members.empty() ? "{}" : "}";
+          out += '}';
         } else {
           append_number(out, held);
         }

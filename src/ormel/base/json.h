@@ -5,9 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -61,8 +61,8 @@ class JsonValue {
   // A new null member under `key`; the value becomes an object if it is not one. A member of that
   // key given out before is no longer printed, but a reference to it stays good for the life of
   // this object.
-  JsonValue& operator[](const std::string& key);
-  JsonValue& operator[](const char* key) { return (*this)[std::string(key)]; }
+  JsonValue& operator[](const std::string& key) { return add(key); }
+  JsonValue& operator[](const char* key) { return add(key); }
   // The element at `index` of an array, unchecked.
   JsonValue& operator[](size_t index);
 
@@ -90,11 +90,14 @@ class JsonValue {
   [[nodiscard]] bool is_null() const { return std::holds_alternative<std::monostate>(value_); }
 
  private:
-  struct Object {
-    std::map<std::string, std::unique_ptr<JsonValue>> members;
-    std::vector<std::unique_ptr<JsonValue>> replaced;  // kept for references that are still out
+  struct Object;
+  struct FreeObject {
+    void operator()(Object* object) const;
   };
+  using ObjectHandle = std::unique_ptr<Object, FreeObject>;
 
+  JsonValue& add(std::string_view key);
+  Object& hold_object();
   // The contents as a T: those that are there, or an empty T in place of any other kind.
   template <typename T>
   T& hold();
@@ -102,7 +105,7 @@ class JsonValue {
   void write(std::string& out) const;
 
   std::variant<std::monostate, bool, int32_t, uint32_t, int64_t, uint64_t, double, std::string,
-               Json, Array, Object>
+               Json, Array, ObjectHandle>
       value_;  // null, unless it holds something else
 };
 
