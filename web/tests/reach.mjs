@@ -328,6 +328,7 @@ test('a tunnel and a device are added, changed and removed by keyboard alone', a
   await press(page, page.locator('#nav').getByRole('link', { name: 'VPN servers' }))
   await press(page, page.locator('.subnav').getByRole('link', { name: /WireGuard/ }))
   await press(page, button(page, 'Add a device'))
+  await focused(dialog.getByLabel('Name', { exact: true }), 'the first field')
   await page.keyboard.type('by hand')
   await page.keyboard.press('Enter')
   await page.getByRole('img', { name: 'QR code of the configuration' }).waitFor()
