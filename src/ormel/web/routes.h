@@ -39,6 +39,9 @@ extern const Routes KEEPER;
 namespace log {
 extern const Routes EVENTS;
 }
+namespace my {
+extern const Routes OWN;
+}
 namespace misc {
 extern const Routes FACTS, NETWORK;
 }
