@@ -17,7 +17,6 @@ constexpr int64_t ROWS_FOR_ONE = 4;  // most logins have a row of their end, too
 constexpr int CONNECTED = 0;
 constexpr int REFUSED = 1;
 constexpr const char* POLICY = "/etc/config/vpn_block.conf";
-constexpr json_int_t DEFAULT_MINUTES = 30;
 constexpr json_int_t MINUTE = 60;
 
 db_query_cond rows_of(const std::string& user, int64_t order_by, int64_t count) {
@@ -42,13 +41,31 @@ Login login_of(const db_conn_server_log& row) {
           refused ? field_text(row.device_info) : ""};
 }
 
-// For how long a user is blocked, in seconds.
-json_int_t block_time() {
+// What is missing has the value that the log database goes by, too.
+struct Policy {
+  bool enable = true;
+  json_int_t limit = 5;
+  json_int_t minutes = 30;
+};
+
+Policy read_policy() {
+  Policy policy;
   std::string text;
-  if (!system::read_file(POLICY, text)) return DEFAULT_MINUTES * MINUTE;
-  const Json policy{json_loads(text.c_str(), 0, nullptr)};
-  const json_t* const time = json_object_get(json_object_get(policy.get(), "global"), "time");
-  return (json_is_integer(time) ? json_integer_value(time) : DEFAULT_MINUTES) * MINUTE;
+  if (!system::read_file(POLICY, text)) return policy;
+  const Json document{json_loads(text.c_str(), 0, nullptr)};
+  const json_t* const rules = json_object_get(document.get(), "global");
+  if (const json_t* enable = json_object_get(rules, "enable")) policy.enable = json_is_true(enable);
+  if (const json_t* limit = json_object_get(rules, "limit"))
+    policy.limit = json_integer_value(limit);
+  if (const json_t* time = json_object_get(rules, "time"))
+    policy.minutes = json_integer_value(time);
+  return policy;
+}
+
+Failures failures_in(const db_privilege_user_block_data& row, const Policy& policy) {
+  const auto end = static_cast<std::time_t>(row.timestamp) + policy.minutes * MINUTE;
+  const bool blocked = policy.enable && row.limit >= policy.limit && std::time(nullptr) < end;
+  return {row.limit, blocked ? end : 0};
 }
 
 }  // namespace
@@ -65,14 +82,22 @@ std::optional<std::vector<Login>> latest_logins(const std::string& user, size_t 
   return logins;
 }
 
+std::optional<std::map<std::string, Failures>> all_failures() {
+  db_query_cond all{};
+  all.count = -1;
+  const auto answer = log_db::ask(list_privilege_user_block, all);
+  if (!is_answer(answer)) return {};
+  const Policy policy = read_policy();
+  std::map<std::string, Failures> failures;
+  for (const db_privilege_user_block_data& row : answer.rows())
+    failures[field_text(row.username)] = failures_in(row, policy);
+  return failures;
+}
+
 std::optional<Failures> failures_of(const std::string& user) {
   const auto answer = log_db::ask(list_privilege_user_block, rows_of(user, 0, 1));
-  const int blocked = is_answer(answer) ? check_privilege_user_block(user.c_str()) : -1;
-  if (blocked != 0 && blocked != 1) return {};
-  if (answer.rows().empty()) return Failures{};
-  const db_privilege_user_block_data& row = answer.rows().front();
-  return Failures{row.limit,
-                  blocked == 0 ? 0 : static_cast<std::time_t>(row.timestamp) + block_time()};
+  if (!is_answer(answer)) return {};
+  return answer.rows().empty() ? Failures{} : failures_in(answer.rows().front(), read_policy());
 }
 
 }  // namespace ormel::access

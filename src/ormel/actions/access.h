@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -27,7 +28,9 @@ struct Failures {
   std::time_t until = 0;  // end of the block; 0 for a user who is not blocked
 };
 
-// Nothing when the log database does not answer.
+// Of all users with any, by name; of one user, none counting as 0. Nothing when the log database
+// does not answer.
+[[nodiscard]] std::optional<std::map<std::string, Failures>> all_failures();
 [[nodiscard]] std::optional<Failures> failures_of(const std::string& user);
 
 }  // namespace ormel::access

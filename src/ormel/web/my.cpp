@@ -1,5 +1,6 @@
 // What every user may see and do about their own access: the only user that these routes know is
 // the one of the session. No variable names another one.
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <sys/mman.h>
@@ -196,9 +197,27 @@ int send_profile(const Request& request, SentFile& file) {
   return file.content ? NO_ERROR : ERR_NO_MEMORY;
 }
 
+// A session of another user is the same as one that is not there.
+Outcome end(const Request& request, JsonValue&) {
+  const std::string user = request.name();
+  const std::string id = request.value("id");
+  std::vector<connection::vpn_peer> peers;
+  connection::read_peers(peers);
+  const auto own = std::ranges::find_if(peers, [&](const connection::vpn_peer& peer) {
+    return peer.vpn_user == user && connection::name_of(peer) == id;
+  });
+  if (own == peers.end()) {
+    request.changes_nothing();
+    return {ERR_CONFIGURE_INDEX, "you are not connected there"};
+  }
+  if (connection::end_peer(*own)) return {};
+  return {ERR_KILL_PROCESS, "the connection is still there: tell an administrator"};
+}
+
 constexpr Route ROWS[] = {
     {"/ormel/my/show", ANY_SESSION, READS, json<show>},
     {"/ormel/my/profile", ANY_SESSION, READS, file<send_profile>},
+    {"/ormel/my/end", ANY_SESSION, CHANGES, json<end>},
 };
 
 }  // namespace

@@ -40,7 +40,7 @@ namespace log {
 extern const Routes EVENTS;
 }
 namespace my {
-extern const Routes OWN;
+extern const Routes OWN, DEVICES;
 }
 namespace misc {
 extern const Routes FACTS, NETWORK;
@@ -56,6 +56,9 @@ extern const Routes RIGHTS, BLOCKS;
 }
 namespace gateway {
 extern const Routes POLICY;
+}
+namespace grant {
+extern const Routes GRANTS;
 }
 namespace guard {
 extern const Routes GUARD;

@@ -758,6 +758,7 @@ const german: Catalogue = {
   'kind.guard':
     'Der Wächter hält Verkehr zurück, oder ein anderes Programm hat seinen Filter entfernt',
   'kind.locked': 'Ein Benutzer ist wegen falscher Passwörter gesperrt',
+  'kind.access': 'Der befristete Zugang eines Benutzers ist abgelaufen',
   'kind.daemon': 'Ein Dienst des Systems antwortet nicht oder antwortet wieder',
   'kind.disk': 'Ein Datenträger ist fast voll oder hat wieder Platz',
 

@@ -727,6 +727,7 @@ export default {
   'kind.gateway': "Another tunnel, or this host's own route, is the default gateway now",
   'kind.guard': 'The guard holds traffic back, or its filter was removed by another program',
   'kind.locked': 'A user is locked for wrong passwords',
+  'kind.access': 'The access of a user for a time has ended',
   'kind.daemon': 'A daemon of the service does not answer, or answers again',
   'kind.disk': 'A disk is nearly full, or has space again',
 

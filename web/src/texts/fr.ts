@@ -752,6 +752,7 @@ const french: Catalogue = {
   'kind.gateway': 'Un autre tunnel, ou la route propre de l’appareil, est la passerelle par défaut',
   'kind.guard': 'La garde retient le trafic, ou un autre programme a retiré son filtre',
   'kind.locked': 'Un utilisateur est bloqué pour mots de passe erronés',
+  'kind.access': 'L’accès temporaire d’un utilisateur a pris fin',
   'kind.daemon': 'Un service du système ne répond pas, ou répond de nouveau',
   'kind.disk': 'Un disque est presque plein, ou a de nouveau de la place',
 
