@@ -819,11 +819,16 @@ test('the interface is less than 90 KiB for one user', it => {
 test('a general user sees the tunnels and changes nothing', async () => {
   const guest = await open(NEAR)
   await logIn(guest, 'guest', text('/var/lib/appliance/password.guest'))
-  await guest.getByRole('heading', { level: 1, name: 'VPN clients' }).waitFor()
+  await guest.getByRole('heading', { level: 1, name: 'My access' }).waitFor()
+  await card(guest, 'What I may use').waitFor()
+  await card(guest, 'My latest logins').waitFor()
+  await accessible(guest, 'own access')
   assert.deepEqual(await guest.getByRole('navigation').getByRole('link').allInnerTexts(), [
+    'My access',
     'VPN clients',
     'Default gateway',
   ])
+  await go(guest, 'clients', 'VPN clients')
   assert.equal(await guest.getByRole('button', { name: 'Add a tunnel' }).count(), 0)
   await guest.context().close()
 })

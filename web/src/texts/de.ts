@@ -864,5 +864,16 @@ const german: Catalogue = {
   'my.failed': 'Falsche Passwörter nacheinander',
   'my.noLog':
     'Die Protokolldatenbank antwortet nicht; Ihre Anmeldungen können nicht gezeigt werden.',
+  'grant.title': 'Zugang von {user}',
+  'grant.until': 'Bis',
+  'grant.untilHelp':
+    'Der letzte Tag der Rechte, die der Benutzer jetzt hat. Leer bedeutet ohne Ende.',
+  'grant.devices': 'Eigene WireGuard-Geräte',
+  'grant.devicesHelp': 'Der Benutzer fügt sie unter „Mein Zugang“ hinzu und entfernt sie dort.',
+  'grant.oneDevice': '{n} Gerät',
+  'grant.someDevices': '{n} Geräte',
+  'grant.noEnd': 'ohne Ende',
+  'grant.edit': 'Bis wann {user} Zugang hat: {value}',
+  'rule.past': 'Dieser Tag ist vorbei.',
 }
 export default german

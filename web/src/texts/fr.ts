@@ -856,5 +856,16 @@ const french: Catalogue = {
   'my.failed': 'Mots de passe erronés de suite',
   'my.noLog':
     'La base de données des journaux ne répond pas ; vos connexions ne peuvent pas être affichées.',
+  'grant.title': 'Accès de {user}',
+  'grant.until': 'Jusqu’au',
+  'grant.untilHelp':
+    'Le dernier jour des droits actuels de l’utilisateur. Laissez vide pour ne fixer aucune fin.',
+  'grant.devices': 'Ses propres appareils WireGuard',
+  'grant.devicesHelp': 'L’utilisateur les ajoute et les supprime sous « Mon accès ».',
+  'grant.oneDevice': '{n} appareil',
+  'grant.someDevices': '{n} appareils',
+  'grant.noEnd': 'sans fin',
+  'grant.edit': 'Fin de l’accès de {user} : {value}',
+  'rule.past': 'Ce jour est passé.',
 }
 export default french
