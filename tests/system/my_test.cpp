@@ -12,6 +12,8 @@
 namespace ormel::test {
 namespace {
 
+using testing::Contains;
+
 constexpr int PATIENCE = 40;  // seconds for a tunnel to come or go on a busy machine
 constexpr const char* STORE = "/etc/config/vpn_user_ex.conf";
 constexpr const char* CHANGES = "/run/fenro/device_changes.json";
@@ -92,6 +94,7 @@ class MyAccess : public testing::Test {
     admin = session_of("admin");
     password = read("/var/lib/appliance/password.guest");
     password.pop_back();
+    ASSERT_EQ(error_of(ask("log/cleanup", admin, "&type=23")), 0);
   }
   void TearDown() override {
     far::run({CLIENT, "stop", "1"});
@@ -224,6 +227,67 @@ TEST_F(MyAccess, EndsWithoutTheKeeperAndIsRevokedOnceItIsBack) {
   EXPECT_NE(login(), 0);
   // Who had read the rights before writes them once more: they do not come back without their end.
   EXPECT_TRUE(comes_true([] { return fenro::read_grants().grants.empty(); }, PATIENCE));
+}
+
+// The other servers ask at each login, too; the keeper hangs.
+TEST_F(MyAccess, EndsAtEachServer) {
+  write("/etc/config/vpn_user_ex.conf", "guest:0:0:0:0:0\n");
+  ASSERT_EQ(ctl({"user", "grant", "guest", "pptp,l2tp,drovik"}).status, 0);
+  ASSERT_EQ(
+      cli({"--type=SDROVIK", "--modify=0", "--enable=TRUE", "--psk=key", "--port=4443"}).status, 0);
+  ASSERT_EQ(far::cli({"--type=DROVIK", "--add", "--name=office",
+                      std::string("--host=") + far::NEAR_ADDRESS, "--port=4443", "--user=guest",
+                      "--pass=" + password, "--psk=key"})
+                .status,
+            0);
+  const auto dialled = [&](const char* server) {
+    return run({"/usr/lib/fenro/fenro-mschap", server, "pap"}, {}, "guest\n" + password + '\n')
+        .status;
+  };
+  EXPECT_EQ(dialled("pptpd"), 0);
+  EXPECT_EQ(dialled("l2tpd"), 0);
+  ASSERT_EQ(run({"/usr/bin/pkill", "-STOP", "-x", "fenro-keeperd"}).status, 0);
+  ASSERT_EQ(ctl({"user", "grant", "guest", "pptp,drovik", "--until", "1s"}).status, 0);
+  EXPECT_TRUE(comes_true([&] { return dialled("pptpd") == 1; }, PATIENCE));
+  EXPECT_EQ(dialled("l2tpd"), 0) << "its right has no end";
+  far::cli({"--type=DROVIK", "--connect=1"});
+  const auto reasons = [&] { return column(my("show"), "logins", "reason"); };
+  EXPECT_TRUE(
+      comes_true([&] { return column(my("show"), "logins", "type").front() == "16"; }, PATIENCE));
+  EXPECT_THAT(reasons(), Each("the right to use this server has ended"));
+  run({"/usr/bin/pkill", "-CONT", "-x", "fenro-keeperd"});
+  EXPECT_TRUE(comes_true([&] { return read(STORE) == "guest:0:0:1:0:0\n"; }, PATIENCE));
+  far::cli({"--type=DROVIK", "--remove=1"});
+  cli({"--type=SDROVIK", "--modify=0", "--enable=FALSE"});
+}
+
+TEST_F(MyAccess, ConnectsAnOwnDevice) {
+  turn_wireguard_on(1);
+  const std::string added = my("device_add", "&name=phone");
+  const std::string file = datum(added, "configuration");
+  const auto value = [&](const std::string& key) {
+    const size_t at = file.find('\n' + key + " = ") + key.size() + 4;
+    return file.substr(at, file.find('\n', at) - at);
+  };
+  ASSERT_EQ(
+      far::run({"/usr/sbin/ormel", "--type=WG", "--add", "--client_name=home",
+                "--client_pri_key=" + value("PrivateKey"), "--client_ip=" + datum(added, "address"),
+                "--client_mask=32", "--psk=" + value("PresharedKey"),
+                "--peer_pub_key=" + value("PublicKey"), "--peer_endpoint=" + value("Endpoint"),
+                "--peer_allow_ip=" + value("AllowedIPs")})
+          .status,
+      0)
+      << file;
+  ASSERT_EQ(far::cli({"--type=WG", "--connect=1"}).status, 0);
+  EXPECT_TRUE(comes_true(
+      [] {
+        return far::run({"/bin/ping", "-c1", "-W1", "198.18.7.1"}).status == 0;
+      },
+      PATIENCE));
+  EXPECT_THAT(column(my("show"), "devices", "handshake"), Not(Contains("0")));
+  EXPECT_EQ(error_of(my("device_remove", "&key=" + encoded(datum(added, "key")))), 0);
+  EXPECT_NE(far::run({"/bin/ping", "-c1", "-W1", "198.18.7.1"}).status, 0);
+  far::cli({"--type=WG", "--remove=1"});
 }
 
 TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
