@@ -356,6 +356,18 @@ TEST_F(MyAccess, IsSeenInTheListOfUsers) {
             0);
   EXPECT_THAT(ctl({"user", "list"}).out,
               ContainsRegex("guest +openvpn drovik wireguard\\(2\\) +2037-12-31 18:00"));
+  // A document takes the end along, and refuses one that is over.
+  const std::string site = ctl({"export"}).out;
+  write("/root/site.json", site);
+  ASSERT_EQ(ctl({"user", "revoke", "guest", "--yes"}).status, 0);
+  EXPECT_TRUE(fenro::read_grants().grants.empty());
+  EXPECT_EQ(ctl({"apply", "/root/site.json"}).status, 0);
+  EXPECT_EQ(ctl({"diff", "/root/site.json"}).status, 0);
+  EXPECT_THAT(fenro::read_grants().of("guest").until, testing::SizeIs(3));
+  const std::string end = std::to_string(fenro::read_grants().of("guest").end_of(4));
+  write("/root/old.json", std::string(site).replace(site.find(end), end.size(), "1000000000"));
+  EXPECT_THAT(ctl({"apply", "/root/old.json"}).err, HasSubstr("is over"));
+
   EXPECT_EQ(ctl({"user", "revoke", "guest", "drovik", "--yes"}).status, 0);
   EXPECT_THAT(fenro::read_grants().of("guest").until, testing::SizeIs(2)) << "its end went with it";
   EXPECT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
