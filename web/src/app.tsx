@@ -6,7 +6,6 @@ import { undoLost, unsaved } from './api'
 import { PendingBand } from './goback'
 import { idle, watchHands } from './idle'
 import { lazy } from './lazy'
-import { BackupPage } from './pages/backup'
 import { ClientsPage } from './pages/clients'
 import { ConnectionsPage } from './pages/connections'
 import { GatewayPage } from './pages/gateway'
@@ -15,7 +14,6 @@ import { LogsPage } from './pages/logs'
 import { Bell, NotifyPage } from './pages/notify'
 import { OverviewPage } from './pages/overview'
 import { RightsPage } from './pages/rights'
-import { SdwanPage } from './pages/sdwan'
 import { ServersPage } from './pages/servers'
 import { UserQuestions } from './pages/user'
 import { watchDrops } from './drop'
@@ -39,10 +37,20 @@ const PAGES: readonly Page[] = [
   { name: 'connections', label: 'nav.connections', icon: 'connections', show: ConnectionsPage },
   { name: 'rights', label: 'nav.rights', icon: 'rights', show: RightsPage },
   { name: 'gateway', label: 'nav.gateway', icon: 'gateway', everybody: true, show: GatewayPage },
-  { name: 'sdwan', label: 'nav.sdwan', icon: 'cloud', show: SdwanPage },
+  {
+    name: 'sdwan',
+    label: 'nav.sdwan',
+    icon: 'cloud',
+    show: lazy(() => import('./pages/sdwan').then(loaded => loaded.SdwanPage)),
+  },
   { name: 'logs', label: 'nav.logs', icon: 'logs', show: LogsPage },
   { name: 'notify', label: 'nav.notify', icon: 'bell', show: NotifyPage },
-  { name: 'backup', label: 'nav.backup', icon: 'download', show: BackupPage },
+  {
+    name: 'backup',
+    label: 'nav.backup',
+    icon: 'download',
+    show: lazy(() => import('./pages/backup').then(loaded => loaded.BackupPage)),
+  },
 ]
 // Where general users begin.
 const MY: Page = {

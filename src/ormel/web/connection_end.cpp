@@ -106,18 +106,6 @@ Json held_now() {
   return hold::rows("list");
 }
 
-int64_t held_until(const json_t* holds, const char* kind, const std::string& who) {
-  size_t at = 0;
-  const json_t* hold = nullptr;
-  json_array_foreach(holds, at, hold) {
-    const char* const its_kind = json_string_value(json_object_get(hold, "kind"));
-    const char* const its_who = json_string_value(json_object_get(hold, "who"));
-    if (its_kind && its_who && std::string_view(kind) == its_kind && who == its_who)
-      return json_integer_value(json_object_get(hold, "until"));
-  }
-  return 0;
-}
-
 void append_device(JsonValue& data, const Device& device, std::time_t now, int64_t until) {
   auto item = std::make_unique<JsonValue>();
   JsonValue& row = *item;
@@ -139,11 +127,11 @@ int list_all(const Request&, JsonValue& reply) {
   const std::time_t now = std::time(nullptr);
   const Json holds = held_now();
   uint64_t total = append_peers(data, now, [&](const vpn_peer& peer, JsonValue& row) {
-    row["held"] = held_until(holds.get(), "user", system::valid_utf8(peer.vpn_user));
+    row["held"] = hold::until(holds.get(), "user", system::valid_utf8(peer.vpn_user));
   });
   for (const Device& device : live_devices()) {
     if (device.handshake == 0 || now - device.handshake >= RECENT) continue;
-    append_device(data, device, now, held_until(holds.get(), "peer", device.key));
+    append_device(data, device, now, hold::until(holds.get(), "peer", device.key));
     ++total;
   }
   reply["total"] = total;
@@ -322,7 +310,7 @@ Outcome end_connections(const Request& request, JsonValue& reply) {
     (*item)["gone"] = target.gone;
     (*item)["ms"] = static_cast<int64_t>(target.took.count());
     (*item)["held_until"] =
-        held_until(holds.get(), target.is_device() ? "peer" : "user", system::valid_utf8(who));
+        hold::until(holds.get(), target.is_device() ? "peer" : "user", system::valid_utf8(who));
     data.append(std::move(item));
     all = all && target.gone;
   }

@@ -74,16 +74,6 @@ Json device_limits() {
   return hold::has_list() ? hold::rows("limits") : nullptr;
 }
 
-int64_t limit_of(const json_t* limits, const std::string& key) {
-  size_t at = 0;
-  const json_t* limit = nullptr;
-  json_array_foreach(limits, at, limit) {
-    const char* const who = json_string_value(json_object_get(limit, "who"));
-    if (who && key == who) return json_integer_value(json_object_get(limit, "since"));
-  }
-  return 0;
-}
-
 void show_device(const wireguard::Peer& peer, int64_t limit, long handshake, JsonValue& row) {
   std::string name;
   if (system::decode_urlEncoded(peer.name, name) != NO_ERROR) name = peer.name;
@@ -111,8 +101,8 @@ void show_devices(const fenro::GrantBook& book, const std::string& user, JsonVal
   for (int index = 1; index <= peers.max_index(); ++index) {
     const wireguard::Peer peer = peers.peer(index);
     if (!peer.pub_key.empty() && book.owner_of(peer.pub_key) == user)
-      show_device(peer, limit_of(limits.get(), peer.pub_key), handshake_of(live, peer.pub_key),
-                  add_row(rows));
+      show_device(peer, hold::limit_of(limits.get(), peer.pub_key),
+                  handshake_of(live, peer.pub_key), add_row(rows));
   }
 }
 
@@ -142,17 +132,8 @@ void show_logins(const std::string& user, JsonValue& rows) {
 }
 
 int64_t held_until(const std::string& user) {
-  if (!hold::has_list()) return 0;
-  const Json holds = hold::rows("list");
-  size_t at = 0;
-  const json_t* hold = nullptr;
-  json_array_foreach(holds.get(), at, hold) {
-    const char* const kind = json_string_value(json_object_get(hold, "kind"));
-    const char* const who = json_string_value(json_object_get(hold, "who"));
-    if (kind && who && std::string_view(kind) == "user" && user == who)
-      return json_integer_value(json_object_get(hold, "until"));
-  }
-  return 0;
+  const Json holds = hold::has_list() ? hold::rows("list") : nullptr;
+  return hold::until(holds.get(), "user", user);
 }
 
 Outcome show(const Request& request, JsonValue& reply) {

@@ -139,18 +139,6 @@ wireguard::Peer stored_peer(int index) {
   return wireguard::PeerFile(wireguard::FOLDER).peer(index);
 }
 
-// Since when a key is limited, 0 for one without a limit.
-int64_t limit_of(const std::string& key) {
-  const Json limits = hold::rows("limits");
-  size_t at = 0;
-  const json_t* limit = nullptr;
-  json_array_foreach(limits.get(), at, limit) {
-    const char* const who = json_string_value(json_object_get(limit, "who"));
-    if (who && key == who) return json_integer_value(json_object_get(limit, "since"));
-  }
-  return 0;
-}
-
 int set_limit(const wireguard::Peer& peer, int64_t since, const std::string& by) {
   std::string name;
   if (system::decode_urlEncoded(peer.name, name) != NO_ERROR) name = peer.name;
@@ -168,7 +156,7 @@ int keep_limits(const std::string& old_key, int index, const std::string& by) {
   if (!hold::has_list()) return NO_ERROR;
   const wireguard::Peer peer = stored_peer(index);
   if (peer.pub_key != old_key) {
-    if (const int64_t since = limit_of(old_key); since != 0) {
+    if (const int64_t since = hold::limit_of(hold::rows("limits").get(), old_key); since != 0) {
       if (const int rc = set_limit(peer, since, by); rc != NO_ERROR) return rc;
       if (const int rc = lift_limit(old_key); rc != NO_ERROR) return rc;
     }
