@@ -6,6 +6,7 @@
 
 #include "base/grants.h"
 #include "ormel/actions/access.h"
+#include "ormel/actions/audit.h"
 #include "ormel/actions/privilege.h"
 #include "ormel/base/error.h"
 #include "ormel/host/log_file.h"
@@ -359,15 +360,22 @@ Result user_policy(const Arguments& arguments) {
 
 namespace {
 
+ormel::audit::Recorder recorder_of_end(const std::string& user) {
+  if (!ormel::audit::is_kept()) return {};
+  return {{"", "keeper", ""}, "user revoke", user};
+}
+
 // Revokes what a user has for too long. Whether nothing is left to do.
 bool end_grant(const std::string& user, int ended) {
   const int before = stored_rights(user);
   if (const int left = before & ~ended; left != before) {
+    ormel::audit::Recorder recorder = recorder_of_end(user);
     // An account that is gone cannot be set any more.
     const Reply reply = getpwnam(user.c_str()) ? call("/ormel/privilege/set",
                                                       {{"user", user + '|' + std::to_string(left)}})
                                                : call("/ormel/privilege/unset", {{"user", user}});
-    if (reply.error != 0 || (stored_rights(user) & ended) != 0) return false;
+    const bool revoked = reply.error == 0 && (stored_rights(user) & ended) == 0;
+    std::ignore = recorder.finish(revoked ? ormel::NO_ERROR : ormel::ERR_SAVE_FILE);
     // Who has read the rights before may still write them: the next look forgets the end.
     return false;
   }

@@ -205,6 +205,7 @@ TEST_F(MyAccess, EndsOnTime) {
   EXPECT_NE(login(), 0);
   EXPECT_TRUE(comes_true([] { return fenro::read_grants().grants.empty(); }, PATIENCE))
       << "its end is forgotten once the right is gone";
+  EXPECT_THAT(ctl({"audit"}).out, ContainsRegex("keeper +user revoke +guest .*openvpn → none +ok"));
   EXPECT_THAT(ctl({"log", "events"}).out, HasSubstr("The access of guest to OpenVPN has ended"));
   // A new right has no end of the past.
   ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);

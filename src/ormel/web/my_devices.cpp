@@ -153,6 +153,7 @@ Outcome store_device(fenro::GrantChange& store, const std::string& user, const s
           : ERR_CMD_FAILED;
   if (rc == NO_ERROR) rc = peer::add(server, made.peer);
   if (rc == NO_ERROR) return {};
+  if (until != 0) std::ignore = hold::run({"unlimit", made.peer.pub_key});  // of no harm
   store.book.replace_key(made.peer.pub_key, "");
   std::ignore = store.save();  // the next device of anybody forgets the key as well
   return {rc};
