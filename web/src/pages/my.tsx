@@ -330,8 +330,8 @@ function Logins({ mine }: { mine: Mine }) {
           label={t('my.logins')}
           heads={[t('logs.time'), t('protocol'), t('logs.what'), t('logs.from')]}
         >
-          {rows.map(one => (
-            <tr key={`${one.time} ${one.type} ${one.source_ip}`}>
+          {rows.map((one, at) => (
+            <tr key={rows.length - at}>
               <td class="nowrap">{moment(one.time)}</td>
               <td>{labelOf(one.type)}</td>
               <td>
