@@ -10,6 +10,13 @@ namespace {
 constexpr const char* ACTION = "__end-grants";
 constexpr std::chrono::seconds PAUSE{5};
 
+// Each writer puts another file in the place of the last one. Its time alone does not tell: two of
+// them can fall into one tick of the kernel's clock.
+bool is_same(const struct stat& one, const struct stat& other) {
+  return one.st_ino == other.st_ino && one.st_size == other.st_size &&
+         one.st_mtim.tv_sec == other.st_mtim.tv_sec && one.st_mtim.tv_nsec == other.st_mtim.tv_nsec;
+}
+
 std::string titles_of(std::uint32_t servers) {
   std::string titles;
   for (const ormel::TunnelFacts& facts : ormel::TUNNELS) {
@@ -24,8 +31,8 @@ std::string titles_of(std::uint32_t servers) {
 void Grants::read_when_changed() {
   struct stat info {};
   if (stat(file_.c_str(), &info) != 0) info = {};
-  if (info.st_mtim.tv_sec == changed_.tv_sec && info.st_mtim.tv_nsec == changed_.tv_nsec) return;
-  changed_ = info.st_mtim;
+  if (is_same(info, seen_)) return;
+  seen_ = info;
   const GrantBook book = read_grants(file_);
   next_ = book.next_end();
   if (book.damaged && !damaged_)

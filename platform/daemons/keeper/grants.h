@@ -35,7 +35,7 @@ class Grants {
 
   Reporter report_;
   std::string file_, tool_;
-  timespec changed_{};     // of the file, as it was read
+  struct stat seen_ {};    // of the file, as it was read
   std::int64_t next_ = 0;  // end, 0 for none
   bool damaged_ = false;
   std::map<std::string, std::uint32_t>
