@@ -27,6 +27,8 @@ constexpr std::size_t MOST_NAMES = 512;  // an upload has two: of the field and 
 constexpr Group PLAIN{PROGRAMS, PROGRAMS, seconds{30}};
 constexpr Group LOGINS{4, 3, seconds{20}};
 constexpr Group TUNNELS{3, 3, seconds{60}};
+// What every user may do, and what takes its time: none of it keeps administrators waiting.
+constexpr Group OWN{2, 1, seconds{30}};
 
 constexpr Rule RULES[] = {
     {"/fenro/login", "POST", &LOGINS, NO_LOCK, FORM, FORM_TIME},
@@ -44,6 +46,9 @@ constexpr Rule RULES[] = {
     {"/ormel/backup/inspect", "", &TUNNELS, NO_LOCK, UPLOAD, UPLOAD_TIME},
     {"/ormel/backup/restore", "", &TUNNELS, SLOTS | PROFILE | SAVE, UPLOAD, UPLOAD_TIME},
     {"/ormel/connection/end", "", &TUNNELS, NO_LOCK, FORM, FORM_TIME},
+    {"/ormel/my/end", "", &OWN, NO_LOCK, FORM, FORM_TIME},
+    {"/ormel/my/device_add", "", &OWN, NO_LOCK, FORM, FORM_TIME},
+    {"/ormel/my/device_remove", "", &OWN, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/change/undo", "", &TUNNELS, SLOTS | SAVE, FORM, FORM_TIME},
     {"/ormel/change/revert", "", &TUNNELS, SLOTS | SAVE, FORM, FORM_TIME},
     {"/ormel/log/dump", "", &PLAIN, ARCHIVE, FORM, FORM_TIME},

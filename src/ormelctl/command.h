@@ -83,6 +83,8 @@ struct Care {
 [[nodiscard]] Result run_with_care(const Command& command, const Arguments& arguments,
                                    const Care& care);
 // The process that waits for a confirmation; `words` are a snapshot's number, "boot" or "overdue".
+// For the keeper: revokes the rights whose time is over. Its exit status is 0 when none is left.
+[[nodiscard]] int end_grants();
 [[nodiscard]] int go_back_in_time(std::span<char*> words);
 
 // The command of the first words, which are removed from `words`; null if there is none, with the

@@ -227,4 +227,18 @@ std::string moment_text(long seconds) {
   return text;
 }
 
+long moment_of(const std::string& text) {
+  for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M", "%Y-%m-%dT%H:%M"}) {
+    std::tm given{};
+    const char* const end = strptime(text.c_str(), format, &given);
+    if (!end || *end != '\0') continue;
+    std::tm real = given;
+    real.tm_isdst = -1;
+    const std::time_t moment = std::mktime(&real);
+    // A day that the month does not have would have become one of the next.
+    return real.tm_mday == given.tm_mday ? moment : -1;
+  }
+  return -1;
+}
+
 }  // namespace ormelctl

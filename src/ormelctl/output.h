@@ -40,5 +40,8 @@ void set_colors(bool on);
 [[nodiscard]] std::string duration_text(long seconds);
 // A moment in the host's time zone: "17:12" today, else "2026-11-25 17:12".
 [[nodiscard]] std::string moment_text(long seconds);
+// The moment of a day ("2030-12-31"), or of a day and a time after a blank or a "T", in the host's
+// time zone; -1 for any other text.
+[[nodiscard]] long moment_of(const std::string& text);
 
 }  // namespace ormelctl

@@ -5,7 +5,9 @@
 
 #include "base/utf8.h"
 #include "ormel/base/error.h"
+#include "ormel/drivers/wireguard/device.h"
 #include "ormel/drivers/wireguard/key.h"
+#include "ormel/drivers/wireguard/wireguard.h"
 #include "ormel/host/public_address.h"
 #include "ormel/web/hold.h"
 #include "ormelctl/advice.h"
@@ -66,21 +68,6 @@ void add_limits(json_t* rows, const Limits& limits) {
   }
 }
 
-// The moment of a day, or of a day and a time, in the host's time zone; -1 for any other text.
-long moment_of(const std::string& text) {
-  for (const char* format : {"%Y-%m-%d", "%Y-%m-%d %H:%M"}) {
-    std::tm given{};
-    const char* const end = strptime(text.c_str(), format, &given);
-    if (!end || *end != '\0') continue;
-    std::tm real = given;
-    real.tm_isdst = -1;
-    const std::time_t moment = std::mktime(&real);
-    // A day that the month does not have would have become one of the next.
-    return real.tm_mday == given.tm_mday ? moment : -1;
-  }
-  return -1;
-}
-
 // What the options of a limit ask for: seconds since 1970, 0 for no limit. A failure with the
 // reason for anything but one option.
 Result wanted_limit(const Arguments& arguments, long& since) {
@@ -108,36 +95,21 @@ ormel::Json server() {
   return ormel::Json{json_incref(json_array_get(all.get(), 0))};
 }
 
-// The lowest free address of the server's /24 above its own.
-std::string free_address(const json_t* peers, const std::string& own) {
-  const std::string network = own.substr(0, own.rfind('.') + 1);
-  for (int host = 2; host < 255; ++host) {
-    std::string address = network + std::to_string(host);
-    bool taken = address == own;
-    size_t at = 0;
-    const json_t* peer = nullptr;
-    json_array_foreach(peers, at, peer) taken =
-        taken || text_of(peer, "peer_allow_ip") == address + "/32";
-    if (!taken) return address;
-  }
-  return {};
-}
-
-// The file for the device; its private key is kept nowhere else.
 std::string configuration(const json_t* hub, const std::string& host, const std::string& address,
                           const std::string& key, const std::string& psk, bool all) {
-  const std::string own = text_of(hub, "server_ip");
-  const std::string network =
-      own.substr(0, own.rfind('.')) + ".0/" + std::to_string(number_of(hub, "server_mask"));
-  std::string text = "[Interface]\nPrivateKey = " + key + "\nAddress = " + address + "/32\n";
-  if (json_is_true(json_object_get(hub, "enable_dns")))
-    text += "DNS = " + text_of(hub, "manual_dns") + '\n';
-  text += "\n[Peer]\nPublicKey = " + text_of(hub, "server_pub_key") + '\n';
-  if (!psk.empty()) text += "PresharedKey = " + psk + '\n';
-  text += "AllowedIPs = " + (all ? std::string("0.0.0.0/0") : network) + '\n';
-  const std::string end = host.find(':') == std::string::npos ? host : '[' + host + ']';
-  return text + "Endpoint = " + end + ':' + std::to_string(number_of(hub, "port")) +
-         "\nPersistentKeepalive = 25\n";
+  const bool has_dns = json_is_true(json_object_get(hub, "enable_dns"));
+  return ormel::wireguard::configuration(
+      {text_of(hub, "server_pub_key"), host, static_cast<int>(number_of(hub, "port")),
+       text_of(hub, "server_ip"), static_cast<int>(number_of(hub, "server_mask")),
+       has_dns ? text_of(hub, "manual_dns") : ""},
+      {address, key, psk, all});
+}
+
+// The lowest free address of the server's network.
+std::string free_address(const json_t* hub) {
+  const ormel::wireguard::PeerFile peers(ormel::wireguard::FOLDER);
+  return ormel::wireguard::free_address(peers, text_of(hub, "server_ip"),
+                                        static_cast<int>(number_of(hub, "server_mask")));
 }
 
 // What a device gets, once.
@@ -231,8 +203,7 @@ Result peer_add(const Arguments& arguments) {
     return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
   const Reply before = call("/ormel/peer/list");
   if (before.error != 0) return failed(before.error, before.reason);
-  const std::string address =
-      arguments.value("address", free_address(before.data(), text_of(hub.get(), "server_ip")));
+  const std::string address = arguments.value("address", free_address(hub.get()));
   std::string psk;
   if (arguments.has("psk-file")) {
     const auto secret = read_secret(arguments.value("psk-file"));

@@ -21,10 +21,9 @@ constexpr size_t LARGEST = size_t{16} << 20U;  // bytes of a document
 constexpr size_t LARGEST_PROFILE = size_t{1} << 20U;
 
 constexpr Part PARTS[] = {
-    {"servers", plan_servers}, {"profiles", plan_profiles},
-    {"peers", plan_peers},     {"rights", plan_rights},
-    {"block", plan_block},     {"gateway", plan_gateway},
-    {"guard", plan_guard},     {"notifications", plan_notifications},
+    {"servers", plan_servers}, {"profiles", plan_profiles}, {"peers", plan_peers},
+    {"access", plan_access},   {"rights", plan_rights},     {"block", plan_block},
+    {"gateway", plan_gateway}, {"guard", plan_guard},       {"notifications", plan_notifications},
 };
 
 const json_t* at_path(const json_t* document, const Path& path) {

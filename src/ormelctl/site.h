@@ -5,6 +5,7 @@
 //    "servers": {"openvpn": {"enable": true, "port": 1194, …}, …},
 //    "profiles": {"office": {"protocol": "pptp", "enable": false, "host": "vpn.example.org", …}},
 //    "peers": {"phone": {"peer_pub_key": "…", "peer_allow_ip": "198.18.7.2/32", …}},
+//    "access": {"bob": {"until": {"openvpn": 1924992000}, "devices": 2}},
 //    "rights": {"bob": ["pptp", "openvpn"]},
 //    "block": {"enable": true, "limit": 5, "time": 30},
 //    "gateway": {"on": true, "first": "office", "second": "branch", …},
@@ -98,6 +99,7 @@ struct Part {
 bool plan_servers(const json_t* wanted, const json_t* now, bool prune, Plan& plan);
 bool plan_profiles(const json_t* wanted, const json_t* now, bool prune, Plan& plan);
 bool plan_peers(const json_t* wanted, const json_t* now, bool prune, Plan& plan);
+bool plan_access(const json_t* wanted, const json_t* now, bool prune, Plan& plan);
 bool plan_rights(const json_t* wanted, const json_t* now, bool prune, Plan& plan);
 bool plan_block(const json_t* wanted, const json_t* now, bool prune, Plan& plan);
 bool plan_gateway(const json_t* wanted, const json_t* now, bool prune, Plan& plan);

@@ -1,6 +1,8 @@
 // What a document wants beside servers and profiles: devices, rights, policies and notifications.
 #include <algorithm>
 #include <array>
+#include <ctime>
+#include <map>
 #include <memory>
 #include <pwd.h>
 #include <set>
@@ -50,14 +52,15 @@ bool walk(const json_t* wanted, const json_t* now, Each each, Gone gone) {
 }
 
 // Of something that the document does not name.
-void plan_gone(const std::string& path, bool prune, Plan& plan, std::function<Reply()> run) {
+void plan_gone(const std::string& path, bool prune, Plan& plan, std::function<Reply()> run,
+               Phase phase = Phase::Remove) {
   plan.note('-', path, "");
   if (!prune) {
     ++plan.left;
     return;
   }
   ++plan.removed;
-  plan.steps.push_back({Phase::Remove, path, std::move(run)});
+  plan.steps.push_back({phase, path, std::move(run)});
 }
 
 // Notes an object that is new or differs; whether there is something to do.
@@ -159,6 +162,46 @@ bool plan_peer(const std::string& key, const json_t* object, const json_t* now, 
   plan.steps.push_back({Phase::Add, path, [key, shared, old = text_of(now, "peer_pub_key")] {
                           return put_peer(key, *shared, old);
                         }});
+  return true;
+}
+
+// Until when.
+
+// The servers of a grant by their end, those without one as 0: one call for each.
+std::map<json_int_t, int> servers_by_end(const json_t* until) {
+  std::map<json_int_t, int> servers;
+  for (const Protocol& protocol : protocols())
+    servers[json_integer_value(json_object_get(until, protocol.name.c_str()))] |= protocol.server;
+  return servers;
+}
+
+Reply set_access(const std::string& user, const json_t* grant) {
+  Reply reply;
+  for (const auto& [end, servers] : servers_by_end(json_object_get(grant, "until"))) {
+    reply = call("/ormel/grant/set", {{"user", user},
+                                      {"type", std::to_string(servers)},
+                                      {"until", std::to_string(end)},
+                                      {"devices", std::to_string(number_of(grant, "devices"))}});
+    if (reply.error != 0) break;
+  }
+  return reply;
+}
+
+bool plan_grant(const std::string& user, const json_t* wanted, const json_t* now, Plan& plan) {
+  const std::string path = "access." + user;
+  if (json_equal(wanted, now)) return ++plan.same, true;
+  if (!getpwnam(user.c_str()))
+    return plan.refuse(path, "is no user of this host: adduser " + user + " makes one");
+  const char* server = nullptr;
+  json_t* end = nullptr;
+  json_object_foreach(json_object_get(wanted, "until"), server, end) {
+    if (json_integer_value(end) <= std::time(nullptr))
+      return plan.refuse(path + ".until." + server, "is over");
+  }
+  if (!note_object(path, wanted, now, plan)) return true;
+  const auto grant = std::make_shared<Json>(json_deep_copy(wanted));
+  plan.steps.push_back(
+      {Phase::Change, path, [user, grant] { return set_access(user, grant->get()); }});
   return true;
 }
 
@@ -294,6 +337,23 @@ bool plan_peers(const json_t* wanted, const json_t* now, bool prune, Plan& plan)
                     return call("/ormel/peer/remove",
                                 {{"index", std::to_string(peer_index(public_key))}});
                   });
+      });
+}
+
+bool plan_access(const json_t* wanted, const json_t* now, bool prune, Plan& plan) {
+  return walk(
+      wanted, now,
+      [&](const char* user, const json_t* grant, const json_t* stored) {
+        return plan_grant(user, grant, stored, plan);
+      },
+      [&](const char* user, const json_t*) {
+        plan_gone(
+            std::string("access.") + user, prune, plan,
+            [name = std::string(user)] {
+              const ormel::Json none{json_pack("{s:{}, s:i}", "until", "devices", 0)};
+              return set_access(name, none.get());
+            },
+            Phase::Change);  // after the rights that go, so that none is without its end
       });
 }
 

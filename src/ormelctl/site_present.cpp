@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "base/grants.h"
 #include "ormel/actions/gateway_policy.h"
 #include "ormel/actions/guard.h"
 #include "ormel/actions/privilege.h"
@@ -129,6 +130,22 @@ Json rights() {
   return out;
 }
 
+// Until when the rights are, and how many devices users may have.
+Json access() {
+  Json out{json_object()};
+  for (const fenro::Grant& grant : fenro::read_grants().grants) {
+    Json until{json_object()};
+    for (const Protocol& protocol : protocols()) {
+      const int64_t end = grant.end_of(static_cast<uint32_t>(protocol.server));
+      if (end != 0) set(until, protocol.name.c_str(), json_integer(end));
+    }
+    Json row{json_pack("{s:i}", "devices", grant.devices)};
+    set(row, "until", until.release());
+    set(out, printable(grant.user).c_str(), row.release());
+  }
+  return out;
+}
+
 Json block() {
   Json rules{json_loads(DEFAULT_BLOCK, 0, nullptr)};
   const Json file{json_load_file(BLOCK_POLICY, 0, nullptr)};
@@ -211,6 +228,7 @@ Json present() {
   set(out, "servers", servers(pool).release());
   set(out, "profiles", profiles(pool).release());
   set(out, "peers", peers().release());
+  set(out, "access", access().release());
   set(out, "rights", rights().release());
   set(out, "block", block().release());
   set(out, "gateway", gateway(pool).release());

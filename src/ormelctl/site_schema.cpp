@@ -1,6 +1,7 @@
 // The JSON schema of the document, and the check of a document by it.
 #include <algorithm>
 
+#include "base/grants.h"
 #include "base/tunnel.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/site.h"
@@ -122,6 +123,18 @@ Json rights_rules() {
   }
   return named(Json{json_pack("{s:s, s:b, s:o}", "type", "array", "uniqueItems", 1, "items",
                               one_of(names).release())});
+}
+
+Json access_rules() {
+  Json until{json_object()};
+  for (const Protocol& protocol : protocols())
+    set(until, protocol.name.c_str(),
+        Json{json_pack("{s:s, s:i, s:I}", "type", "integer", "minimum", 1, "maximum",
+                       json_int_t{fenro::LAST_SECOND})});
+  Json properties{json_object()};
+  set(properties, "until", object_of(std::move(until)));
+  set(properties, "devices", numbers(0, fenro::MOST_DEVICES));
+  return named(object_of(std::move(properties), {"until", "devices"}));
 }
 
 Json fixed(const char* properties) {
@@ -297,6 +310,7 @@ Json schema() {
   set(properties, "servers", server_rules());
   set(properties, "profiles", profile_rules());
   set(properties, "peers", peer_rules());
+  set(properties, "access", access_rules());
   set(properties, "rights", rights_rules());
   set(properties, "block", fixed(R"({
     "enable": {"type": "boolean"}, "limit": {"type": "integer", "minimum": 2, "maximum": 10},

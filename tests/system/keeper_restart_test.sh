@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # keeper_restart_test.sh APPLIANCE STAGE: an appliance with kept state loses its power. When it
 # starts again, nothing looks connected that is not, what was on comes up with its rules, and what
-# was off stays off.
+# was off stays off. Access that has ended meanwhile is revoked before anything is started.
 set -uo pipefail
 APPLIANCE=$1 STAGE=$2
 STATE=$(mktemp -d) failures=0
@@ -36,11 +36,15 @@ inside '
   ormel --type=DROVIK --connect=1 >/dev/null
   comes_true address DROVIK_CLIENT1 || fail "the tunnel does not come up"
   grep -q . /var/log/ormel_online_users || fail "no session"
+  ormelctl user grant admin openvpn --until 4s >/dev/null || fail "access for a time is refused"
+  grep -q "^admin:0:1:0:0:0" /etc/config/vpn_user_ex.conf || fail "no right"
   sync
   kill -KILL -1'
+sleep 4 # an end of access while the host is off
 # shellcheck disable=SC2016 # it runs inside
 inside '
   [[ -r /dev/net/tun ]] || exit 0
+  grep -q "^admin:0:0:0:0:0" /etc/config/vpn_user_ex.conf || fail "access has not ended"
   grep -q "^LocalIP = ." /etc/config/vpn.conf && ! pgrep -x morvic >/dev/null && fail "it looks connected without a tunnel"
   comes_true pgrep -x morvid || fail "the server that was on does not run"
   comes_true address DROVIK_CLIENT1 || fail "the profile that was on is not connected"

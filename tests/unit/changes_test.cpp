@@ -92,6 +92,7 @@ TEST(StateFiles, AreThoseOfTheTableAlone) {
       {"/etc/config/openvpn/clients/client12_crl.pem", true},
       {"/etc/config/ormel/wireguard/peer_psk7", true},
       {"/var/lib/ormel/holds.json", true},
+      {"/var/lib/ormel/grants.json", true},
       {"/etc/config/openvpn/clients/client", false},
       {"/etc/config/openvpn/clients/client1/../../../shadow", false},
       {"/etc/config/openvpn/clients/../clients/client1", false},

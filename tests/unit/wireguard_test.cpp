@@ -9,6 +9,7 @@
 #include "ormel/base/error.h"
 #include "ormel/config/pool.h"
 #include "ormel/drivers/pptp.h"
+#include "ormel/drivers/wireguard/device.h"
 #include "ormel/drivers/wireguard/key.h"
 #include "ormel/drivers/wireguard/peers.h"
 #include "ormel/drivers/wireguard/tool.h"
@@ -355,6 +356,34 @@ TEST_F(WireGuard, AClientKeepsClearOfTheServersThatAreOn) {
   for (const auto& [ip, port, expected] : rows)
     EXPECT_EQ(check_client_with_server_ip_pool_and_port(ip, "255.255.255.255", port), expected)
         << std::string(ip) + ' ' + std::to_string(port);
+}
+
+TEST_F(WireGuard, FindsTheLowestFreeAddressOfItsNetwork) {
+  add("198.18.7.2", KEY_A);
+  add("198.18.7.4", KEY_B);
+  const struct {
+    const char* server;
+    int mask;
+    const char* address;
+  } rows[] = {
+      {"198.18.7.1", 24, "198.18.7.3"}, {"198.18.7.3", 24, "198.18.7.1"},
+      {"198.18.7.1", 16, "198.18.0.1"}, {"198.18.7.1", 8, "198.18.0.1"},
+      {"198.18.7.1", 30, ""},           {"198.18.7.9", 30, "198.18.7.10"},
+      {"198.18.7.1", 31, ""},           {"", 24, ""},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(free_address(PeerFile(folder), row.server, row.mask), row.address)
+        << row.server << '/' << row.mask;
+}
+
+TEST(WireGuardDevice, GetsItsFile) {
+  const Hub hub{"SERVER", "2001:db8::1", 51820, "198.18.7.1", 16, "9.9.9.9"};
+  EXPECT_EQ(configuration(hub, {"198.18.0.2", "PRIVATE", "PSK", false}),
+            "[Interface]\nPrivateKey = PRIVATE\nAddress = 198.18.0.2/32\nDNS = 9.9.9.9\n\n[Peer]\n"
+            "PublicKey = SERVER\nPresharedKey = PSK\nAllowedIPs = 198.18.0.0/16\n"
+            "Endpoint = [2001:db8::1]:51820\nPersistentKeepalive = 25\n");
+  EXPECT_EQ(encoded_name("\xc3\xa9 [1]\n%"), "%C3%A9%20%5B1%5D%0A%25");
+  EXPECT_TRUE(is_key(make_psk()));
 }
 
 }  // namespace

@@ -5,7 +5,7 @@ import { Account } from './account'
 import { undoLost, unsaved } from './api'
 import { PendingBand } from './goback'
 import { idle, watchHands } from './idle'
-import { BackupPage } from './pages/backup'
+import { lazy } from './lazy'
 import { ClientsPage } from './pages/clients'
 import { ConnectionsPage } from './pages/connections'
 import { GatewayPage } from './pages/gateway'
@@ -14,7 +14,6 @@ import { LogsPage } from './pages/logs'
 import { Bell, NotifyPage } from './pages/notify'
 import { OverviewPage } from './pages/overview'
 import { RightsPage } from './pages/rights'
-import { SdwanPage } from './pages/sdwan'
 import { ServersPage } from './pages/servers'
 import { UserQuestions } from './pages/user'
 import { watchDrops } from './drop'
@@ -38,15 +37,33 @@ const PAGES: readonly Page[] = [
   { name: 'connections', label: 'nav.connections', icon: 'connections', show: ConnectionsPage },
   { name: 'rights', label: 'nav.rights', icon: 'rights', show: RightsPage },
   { name: 'gateway', label: 'nav.gateway', icon: 'gateway', everybody: true, show: GatewayPage },
-  { name: 'sdwan', label: 'nav.sdwan', icon: 'cloud', show: SdwanPage },
+  {
+    name: 'sdwan',
+    label: 'nav.sdwan',
+    icon: 'cloud',
+    show: lazy(() => import('./pages/sdwan').then(loaded => loaded.SdwanPage)),
+  },
   { name: 'logs', label: 'nav.logs', icon: 'logs', show: LogsPage },
   { name: 'notify', label: 'nav.notify', icon: 'bell', show: NotifyPage },
-  { name: 'backup', label: 'nav.backup', icon: 'download', show: BackupPage },
+  {
+    name: 'backup',
+    label: 'nav.backup',
+    icon: 'download',
+    show: lazy(() => import('./pages/backup').then(loaded => loaded.BackupPage)),
+  },
 ]
+// Where general users begin.
+const MY: Page = {
+  name: 'my',
+  label: 'nav.my',
+  icon: 'user',
+  everybody: true,
+  show: lazy(() => import('./pages/my').then(loaded => loaded.MyPage)),
+}
 
 function Shell() {
   const admin = session.login.value?.admin ?? false
-  const pages = PAGES.filter(page => admin || page.everybody)
+  const pages = admin ? [...PAGES, MY] : [MY, ...PAGES].filter(page => page.everybody)
   const current = pages.find(page => page.name === place.value[0]) ?? pages[0]
   const [open, setOpen] = useState(false)
   const heading = useRef<HTMLHeadingElement>(null)

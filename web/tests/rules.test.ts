@@ -35,6 +35,8 @@ import { gatewayForm } from '../src/pages/gateway'
 import { isRefusal, secondsLeft } from '../src/goback'
 import { bandOf, guardForm, stoppedBy, type Guard } from '../src/pages/guard'
 import { eventsOf, unseen, type Report as Event } from '../src/pages/notify'
+import { dayEnd, endWords, firstEnd } from '../src/pages/grant'
+import { isKeptOut, mayAdd, untilWords, type Mine } from '../src/pages/my'
 import { thrownOut } from '../src/pages/rights'
 import { loginResult } from '../src/pages/sdwan'
 import { conflicts } from '../src/pages/servers.rows'
@@ -569,5 +571,32 @@ describe('backups', () => {
     }
     expect(changeRows({ ...none, changed: ['a', 'b'] })[0]?.[1]).toBe('a, b')
     expect(changeRows(none).map(([, names]) => names)).toEqual(['', '', '', ''])
+  })
+})
+
+describe('access that ends', () => {
+  it('lasts to the end of its last day', () => {
+    const end = dayEnd('2037-12-31')
+    expect(new Date(end * 1000).getHours()).toBe(23)
+    expect(endWords(end)).toBe('Dec 31, 2037')
+    expect(endWords(end - 1)).toMatch(/^Dec 31, 2037, 11:59/)
+    expect(dayEnd('')).toBe(0)
+  })
+  it('ends for the list with the first of the rights', () => {
+    expect(firstEnd({ user: 'a', until: { 4: 20, 16: 10 }, devices: 0, in_use: 0 })).toBe(10)
+    expect(firstEnd({ user: 'a', until: {}, devices: 1, in_use: 0 })).toBe(0)
+    expect(firstEnd(undefined)).toBe(0)
+    expect(untilWords('OpenVPN', 0)).toBe('OpenVPN')
+    expect(untilWords('OpenVPN', dayEnd('2037-12-31'))).toMatch(/^OpenVPN until Dec 31, 2037/)
+  })
+  it('lets a user add devices up to the quota, in time, while the server is on', () => {
+    const device = { name: 'a', key: 'k', address: '', handshake: 0, kept_out_since: 0 }
+    const mine = { wireguard: true, quota: 1, devices: [], devices_until: 0 } as unknown as Mine
+    expect(mayAdd(mine)).toBe(true)
+    for (const less of [{ wireguard: false }, { devices: [device] }, { devices_until: 1 }])
+      expect(mayAdd({ ...mine, ...less })).toBe(false)
+    expect(isKeptOut({ ...device, kept_out_since: 10 }, 10)).toBe(true)
+    expect(isKeptOut({ ...device, kept_out_since: 11 }, 10)).toBe(false)
+    expect(isKeptOut(device, 10)).toBe(false)
   })
 })

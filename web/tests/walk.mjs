@@ -167,6 +167,16 @@ test('a user is given the right, the profile is downloaded', async () => {
   await save.click()
   await said(near, 'Saved.')
   await accessible(near, 'rights')
+  await button(near, 'Until when guest has access: no end').click()
+  const access = near.getByRole('dialog', { name: 'Access of guest' })
+  await access.getByLabel('Until').fill('2001-01-01')
+  await access.getByLabel('WireGuard devices of their own (0 to 100)').fill('1')
+  await button(access, 'Save').click()
+  await access.getByText('This day is over.').waitFor()
+  await access.getByLabel('Until').fill('2037-12-31')
+  await accessible(near, 'access of a user')
+  await button(access, 'Save').click()
+  await button(near, 'Until when guest has access: Dec 31, 2037 · 1 device').waitFor()
 
   await go(near, 'servers/ovpn', 'VPN servers')
   const [file] = await Promise.all([
@@ -819,11 +829,23 @@ test('the interface is less than 90 KiB for one user', it => {
 test('a general user sees the tunnels and changes nothing', async () => {
   const guest = await open(NEAR)
   await logIn(guest, 'guest', text('/var/lib/appliance/password.guest'))
-  await guest.getByRole('heading', { level: 1, name: 'VPN clients' }).waitFor()
+  await guest.getByRole('heading', { level: 1, name: 'My access' }).waitFor()
+  await card(guest, 'What I may use').waitFor()
+  await card(guest, 'My latest logins').getByText('Wrong password.').first().waitFor()
+  await guest.getByText('OpenVPN until Dec 31, 2037').waitFor()
+  const [file] = await Promise.all([
+    guest.waitForEvent('download'),
+    button(guest, 'Download the OpenVPN profile').click(),
+  ])
+  assert.match(file.suggestedFilename(), /\.ovpn$/)
+  await guest.getByText('WireGuard: 0 of 1 devices').waitFor()
+  await accessible(guest, 'own access')
   assert.deepEqual(await guest.getByRole('navigation').getByRole('link').allInnerTexts(), [
+    'My access',
     'VPN clients',
     'Default gateway',
   ])
+  await go(guest, 'clients', 'VPN clients')
   assert.equal(await guest.getByRole('button', { name: 'Add a tunnel' }).count(), 0)
   await guest.context().close()
 })

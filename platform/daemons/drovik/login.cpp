@@ -3,6 +3,8 @@
 #include <fenro/auth.h>
 
 #include "base/file.h"
+#include "base/grants.h"
+#include "base/types.h"
 #include "common/holds.h"
 #include "common/login_policy.h"
 #include "daemons/drovik/log.h"
@@ -19,6 +21,8 @@ std::string refusal_of(const Login& login) {
   std::string store;
   if (read_file(PRIVILEGES, store) != 0 || !may_use_drovik(store, login.user))
     return "no right to use this server";
+  if (has_ended(login.user, ormel::DROVIK_SERVER_TYPE))
+    return "the right to use this server has ended";
   if (is_held(login.user)) return "kept out by an administrator";
   const LoginTurn turn{login.user};
   if (!turn) return "other logins of this user take too long";

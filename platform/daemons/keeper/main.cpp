@@ -16,6 +16,7 @@
 #include "common/end_signals.h"
 #include "daemons/keeper/cleanup.h"
 #include "daemons/keeper/go_back.h"
+#include "daemons/keeper/grants.h"
 #include "daemons/keeper/host_watch.h"
 #include "daemons/keeper/methods.h"
 
@@ -66,7 +67,9 @@ int main() {
   keeper::Watch watch{report};
   keeper::HostWatch host{report};
   keeper::GoBack go_back;
+  keeper::Grants grants{report};
   if (booting) go_back.boot();  // before it counts what is on
+  if (booting) grants.boot();
   if (booting) watch.boot();
 
   bus::Server server{SERVICE};
@@ -81,6 +84,7 @@ int main() {
     watch.tick(now);
     host.tick(now);
     go_back.tick(now);
+    grants.tick(now);
   });
   if (!server.listen()) {
     std::fprintf(stderr, "fenro-keeperd: service name %s is already in use\n", SERVICE);

@@ -20,7 +20,9 @@
 #include <fenro/event_log.h>
 
 #include "base/file.h"
+#include "base/grants.h"
 #include "base/handle.h"
+#include "base/types.h"
 #include "common/connection_log.h"
 #include "common/holds.h"
 #include "common/login_policy.h"
@@ -32,6 +34,7 @@ namespace {
 
 constexpr const char* SECRETS = "/etc/ppp/chap-secrets";
 constexpr const char* PAP_SECRETS = "/etc/ppp/pap-secrets";
+constexpr const char* ENDED = "the right to use this server has ended";
 constexpr std::size_t REQUEST_MAX = 16UL * 1024;
 
 // Up to the line that ends the request: the plugin keeps its end open while it waits for the
@@ -64,11 +67,13 @@ std::string client_address() {
   return {};
 }
 
+std::uint32_t type_of(std::string_view server) {
+  return server == "l2tpd" ? ormel::L2TP_SERVER_TYPE : ormel::PPTP_SERVER_TYPE;
+}
+
 void note_refusal(const std::string& user, std::string_view server, const char* reason) {
-  constexpr std::uint32_t PPTP = 1;
-  constexpr std::uint32_t L2TP = 2;
   fenro::OnlineUser login{};
-  login.type = server == "l2tpd" ? L2TP : PPTP;
+  login.type = type_of(server);
   login.source = client_address();
   login.since = std::time(nullptr);
   login.user = user;
@@ -117,7 +122,8 @@ std::string decide(const std::string& request, const char* server) {
   const std::string user = fenro::mschap::user_of(request);
   if (user.empty()) return fenro::mschap::REFUSED;
   const fenro::LoginTurn turn{user};
-  const char* const barred = !turn                     ? "other logins of this user take too long"
+  const char* const barred = !turn ? "other logins of this user take too long"
+                             : fenro::has_ended(user, type_of(server)) ? ENDED
                              : fenro::is_held(user)    ? "kept out by an administrator"
                              : fenro::is_blocked(user) ? "blocked after too many wrong passwords"
                              : fenro::is_locked(user.c_str()) ? "the account is locked"
@@ -158,7 +164,8 @@ int decide_pap(const char* server) {
   if (!std::getline(std::cin, user) || !std::getline(std::cin, password)) return Refused;
   if (!asks_host(user, server)) return NotOurs;
   const fenro::LoginTurn turn{user};
-  const char* const barred = !turn                     ? "other logins of this user take too long"
+  const char* const barred = !turn ? "other logins of this user take too long"
+                             : fenro::has_ended(user, type_of(server)) ? ENDED
                              : fenro::is_held(user)    ? "kept out by an administrator"
                              : fenro::is_blocked(user) ? "blocked after too many wrong passwords"
                                                        : nullptr;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <ctime>
 #include <string_view>
 #include <variant>
@@ -85,7 +86,7 @@ void read_json(const std::string& text, const std::string& area, State& out) {
 std::string words_of(int rights) {
   std::string words;
   for (const TunnelFacts& facts : TUNNELS) {
-    if ((rights & facts.server) != 0 && facts.right_field > 0)
+    if ((rights & facts.server) != 0)
       words += (words.empty() ? "" : ",") + to_lower(facts.log_name);
   }
   return words.empty() ? "none" : words;
@@ -128,6 +129,32 @@ void read_holds(const std::string& text, const std::string& area, State& out) {
   json_array_foreach(json_object_get(document.get(), "holds"), at, hold) read_hold(hold, area, out);
 }
 
+std::string decoded(const json_t* object, const char* member) {
+  const char* const value = json_string_value(json_object_get(object, member));
+  std::string text;
+  return value && fenro::parse_base64(value, text) ? text : std::string();
+}
+
+void read_grants(const std::string& text, const std::string& area, State& out) {
+  const Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
+  size_t at = 0;
+  json_t* row = nullptr;
+  json_array_foreach(json_object_get(document.get(), "grants"), at, row) {
+    const std::string user = joined(area, decoded(row, "user"));
+    const json_int_t devices = json_integer_value(json_object_get(row, "devices"));
+    if (devices > 0) out[user + "/devices"] = std::to_string(devices);
+    const char* server = nullptr;
+    json_t* until = nullptr;
+    json_object_foreach(json_object_get(row, "until"), server, until)
+        out[user + '/' + words_of(std::atoi(server))] =
+            "until " + moment_text(json_integer_value(until));
+  }
+  json_array_foreach(json_object_get(document.get(), "devices"), at, row) {
+    const char* const key = json_string_value(json_object_get(row, "key"));
+    if (key) out[joined(area, key) + "/owner"] = decoded(row, "owner");
+  }
+}
+
 // A file of one word.
 void read_word(const std::string& text, const std::string& area, State& out) {
   if (const std::string_view word = fenro::trimmed(text); !word.empty()) out[area] = word;
@@ -149,6 +176,7 @@ constexpr Source SOURCES[] = {
     {"/etc/config/vpn_block.conf", "block", read_json},
     {"/etc/config/vpn_options.conf", "", read_json},
     {"/var/lib/ormel/holds.json", "hold", read_holds},
+    {"/var/lib/ormel/grants.json", "grant", read_grants},
 };
 // Profiles with their keys, and the OpenVPN server's certificates.
 constexpr const char* FOLDERS[] = {"/etc/config/openvpn/clients", "/etc/openvpn/keys"};
@@ -165,7 +193,8 @@ void read_folder(const std::string& root, const std::string& folder, State& out)
 
 bool is_secret(const std::string& field) {
   const std::string_view key = std::string_view(field).substr(field.rfind('/') + 1);
-  const bool named_by_people = field.starts_with("rights/") || field.starts_with("hold/");
+  const bool named_by_people =
+      field.starts_with("rights/") || field.starts_with("hold/") || field.starts_with("grant/");
   return field.starts_with('/') || key == SECRET_KEY ||
          (!named_by_people && fenro::is_secret_name(key));
 }

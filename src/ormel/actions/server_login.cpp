@@ -7,6 +7,7 @@
 
 #include <fenro/auth.h>
 
+#include "base/grants.h"
 #include "ormel/actions/log_db_mobile.h"
 #include "ormel/actions/privilege.h"
 #include "ormel/base/error.h"
@@ -41,6 +42,8 @@ struct Refusal {
 };
 constexpr Refusal MALFORMED{"user name or password with a line break", nullptr};
 constexpr Refusal NO_RIGHT{"no right to use this server", "no right to use this server"};
+constexpr Refusal ENDED{"the right to use this server has ended",
+                        "the right to use this server has ended"};
 constexpr Refusal BLOCKED{"blocked after too many wrong passwords",
                           "TEMP[backoff 60]:too many wrong passwords, try again later"};
 constexpr Refusal WRONG_PASSWORD{"wrong password", nullptr};
@@ -76,6 +79,10 @@ const Refusal* refusal_of(const Login& login, const std::string& user) {
   if ((privileges.get(user) & OVPN_SERVER_TYPE) == 0) {
     ORMEL_LOG(ERROR, "%s: ORMEL none user. %s", HOOK, user.c_str());
     return &NO_RIGHT;
+  }
+  if (fenro::has_ended(user, OVPN_SERVER_TYPE)) {
+    ORMEL_LOG(ERROR, "%s: the right of %s has ended.", HOOK, user.c_str());
+    return &ENDED;
   }
   if (check_privilege_user_block(user.c_str()) != 0) {
     ORMEL_LOG(ERROR, "%s: check_privilege_user_block. %s", HOOK, user.c_str());

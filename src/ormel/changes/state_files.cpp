@@ -33,6 +33,7 @@ constexpr StateFile FILES[] = {
     {Part::Rights,       "/etc/ppp/pap-secrets",             nullptr,             CLOSED, false, Refresh::NONE},
     {Part::Rights,       "/etc/ppp/chap-secrets",            nullptr,             CLOSED, false, Refresh::NONE},
     {Part::Rights,       "/etc/config/vpn_user_ex.conf",     nullptr,             CLOSED, false, Refresh::NONE},
+    {Part::Rights,       "/var/lib/ormel/grants.json",       nullptr,             CLOSED, false, Refresh::NONE},
     {Part::BlockPolicy,  "/etc/config/vpn_block.conf",       nullptr,             CLOSED, false, Refresh::NONE},
     {Part::Holds,        "/var/lib/ormel/holds.json",        nullptr,             CLOSED, false, Refresh::SERVER,  WIREGUARD, "sync_peers"},
     {Part::Gateway,      "/etc/config/vpn_options.conf",     nullptr,             OPEN,   false, Refresh::GATEWAY},

@@ -27,7 +27,7 @@ enum class Part {
   Profiles,      // the files of imported OpenVPN profiles
   Peers,         // devices of the WireGuard server
   Certificates,  // authority and certificate of the OpenVPN server
-  Rights,        // who may use which server
+  Rights,        // who may use which server, and until when
   BlockPolicy,   // what failed logins cost
   Holds,         // who is kept out for a time, and the limits of devices
   Gateway,       // default gateway policy

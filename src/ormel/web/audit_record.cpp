@@ -90,6 +90,8 @@ constexpr char CONNECTION[] = "conn";
 constexpr char HELD[] = "who";
 constexpr char NAME[] = "name";
 constexpr char MODE[] = "mode";
+constexpr char SESSION[] = "id";
+constexpr char DEVICE_KEY[] = "key";
 constexpr char ORGANIZATION[] = "org_name";
 
 template <const char* Variable>
@@ -107,6 +109,9 @@ constexpr Subject SUBJECTS[] = {
     {"gateway/", gateways},
     {"peer/", device},
     {"privilege/", users},
+    {"grant/", users},
+    {"my/end", values<SESSION>},
+    {"my/device_remove", values<DEVICE_KEY>},
     {"connection/", values<CONNECTION>},
     {"hold/", values<HELD>},
     {"guard/", values<MODE>},

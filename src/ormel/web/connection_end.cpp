@@ -44,7 +44,6 @@ constexpr const char* DAEMON_SECONDS = "2";  // that OpenVPN's daemon may take f
 constexpr int DROVIK_SECONDS = 1;
 constexpr auto GONE_TIME = std::chrono::seconds(10);
 constexpr auto PAUSE = milliseconds(200);
-constexpr long RECENT = 180;  // seconds since a device's handshake for which it counts as connected
 constexpr int MOST_MINUTES = 10080;
 constexpr char TYPE_MARK = '|';
 
@@ -69,14 +68,9 @@ std::string named(int type, const std::string& key) {
   return std::to_string(type) + TYPE_MARK + key;
 }
 
-// A device of the WireGuard server with what its interface reports.
-struct Device {
-  std::string name, key, endpoint, address;
-  long handshake = 0;  // seconds since the epoch, 0 for never
-  uint64_t received = 0, sent = 0;
-};
+}  // namespace
 
-// The devices on the running interface. The script runs where the rights to ask it are.
+// The script runs where the rights to ask it are.
 std::vector<Device> live_devices() {
   std::vector<Device> devices;
   std::string text;
@@ -102,20 +96,14 @@ std::vector<Device> live_devices() {
   return devices;
 }
 
-Json held_now() {
-  return hold::rows("list");
+std::string name_of(const vpn_peer& peer) {
+  return named(static_cast<int>(peer.vpn_type), key_of(peer));
 }
 
-int64_t held_until(const json_t* holds, const char* kind, const std::string& who) {
-  size_t at = 0;
-  const json_t* hold = nullptr;
-  json_array_foreach(holds, at, hold) {
-    const char* const its_kind = json_string_value(json_object_get(hold, "kind"));
-    const char* const its_who = json_string_value(json_object_get(hold, "who"));
-    if (its_kind && its_who && std::string_view(kind) == its_kind && who == its_who)
-      return json_integer_value(json_object_get(hold, "until"));
-  }
-  return 0;
+namespace {
+
+Json held_now() {
+  return hold::rows("list");
 }
 
 void append_device(JsonValue& data, const Device& device, std::time_t now, int64_t until) {
@@ -139,11 +127,11 @@ int list_all(const Request&, JsonValue& reply) {
   const std::time_t now = std::time(nullptr);
   const Json holds = held_now();
   uint64_t total = append_peers(data, now, [&](const vpn_peer& peer, JsonValue& row) {
-    row["held"] = held_until(holds.get(), "user", system::valid_utf8(peer.vpn_user));
+    row["held"] = hold::until(holds.get(), "user", system::valid_utf8(peer.vpn_user));
   });
   for (const Device& device : live_devices()) {
     if (device.handshake == 0 || now - device.handshake >= RECENT) continue;
-    append_device(data, device, now, held_until(holds.get(), "peer", device.key));
+    append_device(data, device, now, hold::until(holds.get(), "peer", device.key));
     ++total;
   }
   reply["total"] = total;
@@ -236,9 +224,8 @@ std::vector<Target> read_targets(const Request& request) {
   std::vector<Device> devices;
   for (const char* conn : request.values("conn")) {
     if (!seen.insert(conn).second) continue;
-    const auto peer = std::find_if(peers.begin(), peers.end(), [&](const vpn_peer& known) {
-      return named(static_cast<int>(known.vpn_type), key_of(known)) == conn;
-    });
+    const auto peer = std::find_if(peers.begin(), peers.end(),
+                                   [&](const vpn_peer& known) { return name_of(known) == conn; });
     if (peer != peers.end()) {
       targets.push_back({conn, *peer});
       continue;
@@ -281,6 +268,18 @@ void wait_until_gone(std::vector<Target>& targets) {
   }
 }
 
+}  // namespace
+
+bool end_peer(const vpn_peer& peer) {
+  std::ignore = kick_peer(peer, peer.vpn_type);  // a failure shows in what is still there
+  std::vector<Target> target;
+  target.push_back({name_of(peer), peer});
+  wait_until_gone(target);
+  return target.front().gone;
+}
+
+namespace {
+
 Outcome end_connections(const Request& request, JsonValue& reply) {
   const int minutes = request.number("minutes", 0);
   if (minutes < 0 || minutes > MOST_MINUTES) return {ERR_VALUE, "minutes"};
@@ -311,7 +310,7 @@ Outcome end_connections(const Request& request, JsonValue& reply) {
     (*item)["gone"] = target.gone;
     (*item)["ms"] = static_cast<int64_t>(target.took.count());
     (*item)["held_until"] =
-        held_until(holds.get(), target.is_device() ? "peer" : "user", system::valid_utf8(who));
+        hold::until(holds.get(), target.is_device() ? "peer" : "user", system::valid_utf8(who));
     data.append(std::move(item));
     all = all && target.gone;
   }

@@ -32,6 +32,30 @@ Json rows(const char* action) {
   return Json{json_loads(text.c_str(), 0, nullptr)};
 }
 
+namespace {
+
+// The row of one; null without it.
+const json_t* find(const json_t* rows, std::string_view kind, const std::string& who) {
+  size_t at = 0;
+  const json_t* row = nullptr;
+  json_array_foreach(rows, at, row) {
+    const char* const its_kind = json_string_value(json_object_get(row, "kind"));
+    const char* const its_who = json_string_value(json_object_get(row, "who"));
+    if (its_kind && its_who && kind == its_kind && who == its_who) return row;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+int64_t until(const json_t* holds, std::string_view kind, const std::string& who) {
+  return json_integer_value(json_object_get(find(holds, kind, who), "until"));
+}
+
+int64_t limit_of(const json_t* limits, const std::string& key) {
+  return json_integer_value(json_object_get(find(limits, "limit", key), "since"));
+}
+
 std::string asker(const Request& request) {
   _session session{};
   if (!request.filled("sid") || auth_get_session(request.value("sid"), 1, &session) != 0)

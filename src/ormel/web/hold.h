@@ -1,7 +1,9 @@
 // The platform's tool that keeps the list of those who are kept out of the servers.
 #pragma once
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ormel/base/handle.h"
@@ -19,6 +21,11 @@ constexpr int NOT_FOUND = 3;  // exit status of the tool
 
 // What the tool lists for "list" or "limits": an array; null when it fails.
 [[nodiscard]] Json rows(const char* action);
+
+// In such an array: until when one of that kind ("user", "peer") is kept out, and from when on a
+// device is. 0 for one who is not in it, or without an array.
+[[nodiscard]] int64_t until(const json_t* holds, std::string_view kind, const std::string& who);
+[[nodiscard]] int64_t limit_of(const json_t* limits, const std::string& key);
 
 // Who has asked: the user of the session, or root on the command line.
 [[nodiscard]] std::string asker(const Request& request);

@@ -11,6 +11,8 @@
 // A limit keeps a peer out from a second on, `since`: of the past for a peer that is disabled. The
 // platform's list of those who are kept out has it by public key, so it follows a peer to another
 // key and goes with the peer.
+#include "ormel/web/peer.h"
+
 #include <algorithm>
 #include <charconv>
 #include <ctime>
@@ -23,6 +25,7 @@
 #include "ormel/drivers/wireguard/wireguard.h"
 #include "ormel/host/process.h"
 #include "ormel/options/table.h"
+#include "ormel/web/grant.h"
 #include "ormel/web/hold.h"
 #include "ormel/web/routes.h"
 
@@ -47,10 +50,23 @@ constexpr Variable VARIABLES[] = {
     {"peer_endpoint", false}, {"keepalive", false},   {"psk", false},
 };
 
-// The stored server as a work record.
+}  // namespace
+
 std::unique_ptr<PolyConfig> stored_server() {
   if (cm.config_pool.empty()) cm.load();
   return cm.clone(WIREGUARD_SERVER_TYPE, 0);
+}
+
+namespace {
+
+void take(const wireguard::Peer& peer, ServerConfig& server) {
+  server.peer_name = peer.name;
+  server.peer_pub_key = peer.pub_key;
+  server.peer_allow_ip = peer.allow_ip;
+  server.peer_allow_ip_mask = peer.allow_ip_mask;
+  server.peer_endpoint = peer.endpoint;
+  server.keepalive = to_int(peer.keepalive.c_str());
+  server.psk = peer.psk;
 }
 
 int show_peers(JsonValue& reply) {
@@ -60,14 +76,7 @@ int show_peers(JsonValue& reply) {
 
 // What the form leaves out of a peer that is edited.
 void take_stored_values(ServerConfig& server, int index) {
-  const wireguard::Peer stored = wireguard::PeerFile(server.folder).peer(index);
-  server.peer_name = stored.name;
-  server.peer_pub_key = stored.pub_key;
-  server.peer_allow_ip = stored.allow_ip;
-  server.peer_allow_ip_mask = stored.allow_ip_mask;
-  server.peer_endpoint = stored.endpoint;
-  server.keepalive = to_int(stored.keepalive.c_str());
-  server.psk = stored.psk;
+  take(wireguard::PeerFile(server.folder).peer(index), server);
 }
 
 int apply_form(const Request& request, PolyConfig& record, bool is_new) {
@@ -87,18 +96,23 @@ int apply_form(const Request& request, PolyConfig& record, bool is_new) {
   return server.keepalive < 0 || server.keepalive > KEEPALIVE_LIMIT ? ERR_VALUE : NO_ERROR;
 }
 
-// Puts the peer of the form in place: a new one with index 0.
+// Puts the peer in work in place: a new one with index 0.
+int put(ServerConfig& server, int index) {
+  if (const int rc = server.check_peer_value(index); rc != NO_ERROR) return rc;
+  if (server.enable) {
+    if (const int rc = server.enable_peer(index); rc != NO_ERROR) return rc;
+  }
+  return index == 0 ? server.add_peer() : server.modify_peer(index);
+}
+
+// The same with the peer of the form.
 int put(const Request& request, int index) {
   const auto record = stored_server();
   if (!record) return ERR_CONFIGURE_INDEX;
   auto& server = *record->cast<ServerConfig>();
   if (index != 0) take_stored_values(server, index);
   if (const int rc = apply_form(request, *record, index == 0); rc != NO_ERROR) return rc;
-  if (const int rc = server.check_peer_value(index); rc != NO_ERROR) return rc;
-  if (server.enable) {
-    if (const int rc = server.enable_peer(index); rc != NO_ERROR) return rc;
-  }
-  return index == 0 ? server.add_peer() : server.modify_peer(index);
+  return put(server, index);
 }
 
 int take_away(int index) {
@@ -125,18 +139,6 @@ wireguard::Peer stored_peer(int index) {
   return wireguard::PeerFile(wireguard::FOLDER).peer(index);
 }
 
-// Since when a key is limited, 0 for one without a limit.
-int64_t limit_of(const std::string& key) {
-  const Json limits = hold::rows("limits");
-  size_t at = 0;
-  const json_t* limit = nullptr;
-  json_array_foreach(limits.get(), at, limit) {
-    const char* const who = json_string_value(json_object_get(limit, "who"));
-    if (who && key == who) return json_integer_value(json_object_get(limit, "since"));
-  }
-  return 0;
-}
-
 int set_limit(const wireguard::Peer& peer, int64_t since, const std::string& by) {
   std::string name;
   if (system::decode_urlEncoded(peer.name, name) != NO_ERROR) name = peer.name;
@@ -154,7 +156,7 @@ int keep_limits(const std::string& old_key, int index, const std::string& by) {
   if (!hold::has_list()) return NO_ERROR;
   const wireguard::Peer peer = stored_peer(index);
   if (peer.pub_key != old_key) {
-    if (const int64_t since = limit_of(old_key); since != 0) {
+    if (const int64_t since = hold::limit_of(hold::rows("limits").get(), old_key); since != 0) {
       if (const int rc = set_limit(peer, since, by); rc != NO_ERROR) return rc;
       if (const int rc = lift_limit(old_key); rc != NO_ERROR) return rc;
     }
@@ -178,6 +180,7 @@ int modify_peer(const Request& request, JsonValue& reply) {
   int rc = read_index(request, index);
   const std::string old_key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = put(request, index);
+  if (rc == NO_ERROR) grant::on_key(old_key, stored_peer(index).pub_key);
   if (rc == NO_ERROR) rc = keep_limits(old_key, index, hold::asker(request));
   return rc == NO_ERROR ? show_peers(reply) : rc;
 }
@@ -189,6 +192,7 @@ int remove_peer(const Request& request, JsonValue& reply) {
   if (rc == NO_ERROR) rc = take_away(index);
   if (rc == NO_ERROR && hold::has_list())
     std::ignore = lift_limit(key);  // of no use without the peer, and of no harm
+  if (rc == NO_ERROR) grant::on_key(key, "");
   return rc == NO_ERROR ? show_peers(reply) : rc;
 }
 
@@ -220,6 +224,27 @@ Outcome limit_peer(const Request& request, JsonValue&) {
 int make_keys(const Request&, JsonValue& reply) {
   return ServerConfig(0).gen_pri_pub_keys({}, &reply["data"]);
 }
+
+}  // namespace
+
+int add(PolyConfig& server, const wireguard::Peer& peer) {
+  auto& work = *server.cast<ServerConfig>();
+  take(peer, work);
+  return put(work, 0);
+}
+
+int remove(const std::string& key) {
+  const wireguard::PeerFile peers(wireguard::FOLDER);
+  int index = 1;
+  while (index <= peers.max_index() && peers.peer(index).pub_key != key) ++index;
+  if (index > peers.max_index()) return ERR_CONFIGURE_INDEX;
+  const int rc = take_away(index);
+  if (rc == NO_ERROR && hold::has_list())
+    std::ignore = lift_limit(key);  // of no use without the peer, and of no harm
+  return rc;
+}
+
+namespace {
 
 constexpr Route ROWS[] = {
     {"/ormel/peer/list", ADMINISTRATOR, READS, json<list_peers>},

@@ -12,6 +12,7 @@
 #include "ormel/base/text.h"
 #include "ormel/host/event_log.h"
 #include "ormel/host/sessions.h"
+#include "ormel/web/grant.h"
 #include "ormel/web/routes.h"
 
 namespace ormel::cgi::privilege {
@@ -48,6 +49,11 @@ class Changes {
     }
   }
   [[nodiscard]] const std::vector<std::string>& users() const { return users_; }
+  // After the rights were stored.
+  void end_grants(const UserPrivilege& before, const UserPrivilege& after) const {
+    for (const std::string& user : users_)
+      grant::on_rights(user, before.get(user), after.get(user));
+  }
 
  private:
   std::vector<std::string> users_;
@@ -85,10 +91,12 @@ int show_rights(const Request& request, JsonValue& reply) {
 int set_rights(const Request& request, JsonValue&) {
   UserPrivilege store;
   store.load();
+  const UserPrivilege before = store;
   Changes changes;
   for (char* value : request.values("user")) set_user(value, store, changes);
   system::set_privilege_event_log(changes.users());
   store.save();
+  changes.end_grants(before, store);
   return NO_ERROR;
 }
 
@@ -99,6 +107,7 @@ int unset_rights(const Request& request, JsonValue&) {
   for (const char* user : request.values("user")) unset_user(user, store, changes);
   system::unset_privilege_event_log(changes.users());
   store.save();
+  for (const std::string& user : changes.users()) grant::on_revocation(user);
   return NO_ERROR;
 }
 

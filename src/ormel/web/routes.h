@@ -39,6 +39,9 @@ extern const Routes KEEPER;
 namespace log {
 extern const Routes EVENTS;
 }
+namespace my {
+extern const Routes OWN, DEVICES;
+}
 namespace misc {
 extern const Routes FACTS, NETWORK;
 }
@@ -53,6 +56,9 @@ extern const Routes RIGHTS, BLOCKS;
 }
 namespace gateway {
 extern const Routes POLICY;
+}
+namespace grant {
+extern const Routes GRANTS;
 }
 namespace guard {
 extern const Routes GUARD;

@@ -149,6 +149,12 @@ Request::Request(cgi_var_mode repeats)
   user_ = local_ ? ADMIN_USER : system::auth_user_session(get_cgi_var_value(find("sid")));
 }
 
+std::string Request::name() const {
+  _session session{};
+  if (local_ || auth_get_session(value("sid"), 1, &session) != 0) return local_ ? "root" : "";
+  return field_text(session.user);
+}
+
 int Request::number(const char* name, int fallback) const {
   return filled(name) ? to_int(value(name)) : fallback;
 }

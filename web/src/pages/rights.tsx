@@ -22,6 +22,7 @@ import {
   useJob,
   useTouched,
 } from '../ui'
+import { GrantDialog, endWords, firstEnd, type Grant } from './grant'
 import { UserLink } from './user'
 
 const PAUSE = 10_000
@@ -57,6 +58,7 @@ interface Row {
   user: string
   mask: number
   changed: boolean
+  grant: Grant | undefined
 }
 const USUAL = usual('user')
 const SERVERS = GRANTED.reduce((mask, one) => mask | one.server, 0)
@@ -70,7 +72,14 @@ const filters = (): readonly ShownFilter<Row>[] => [
   })),
 ]
 type Setter = (users: readonly string[], bit: number, on: boolean) => void
-const columnsFor = (set: Setter): readonly ShownColumn<Row>[] => [
+const grantWords = ({ grant }: Row): string =>
+  [
+    firstEnd(grant) > 0 ? endWords(firstEnd(grant)) : '',
+    grant && grant.devices > 0 ? count(grant.devices, 'grant.oneDevice', 'grant.someDevices') : '',
+  ]
+    .filter(Boolean)
+    .join(' · ')
+const columnsFor = (set: Setter, edit: (row: Row) => void): readonly ShownColumn<Row>[] => [
   {
     name: 'user',
     label: t('logs.user'),
@@ -112,6 +121,22 @@ const columnsFor = (set: Setter): readonly ShownColumn<Row>[] => [
       ),
     }),
   ),
+  {
+    name: 'until',
+    label: t('grant.until'),
+    sort: row => firstEnd(row.grant) || Infinity,
+    cell: row => (
+      <button
+        type="button"
+        class="link"
+        aria-haspopup="dialog"
+        aria-label={t('grant.edit', { user: row.user, value: grantWords(row) || t('grant.noEnd') })}
+        onClick={() => edit(row)}
+      >
+        {grantWords(row) || t('grant.noEnd')}
+      </button>
+    ),
+  },
 ]
 
 function Grid() {
@@ -134,6 +159,8 @@ function Grid() {
     () => data<Masks | null>('privilege/get', { lower: 0, upper: EVERYBODY }),
     PAUSE,
   )
+  const grants = usePoll(() => data<Grant[]>('grant/list'), PAUSE)
+  const [edited, setEdited] = useState<Row | null>(null)
   // What is still shown is of another question than the one that was asked last.
   const value = names.value?.source === source ? names.value : undefined
   useEffect(() => {
@@ -142,7 +169,12 @@ function Grid() {
   const stored = (user: string): number => masks.value?.[user] ?? 0
   const maskOf = (user: string): number => changes.get(user) ?? stored(user)
   const rows = (value?.users ?? []).map(
-    (user): Row => ({ user, mask: maskOf(user), changed: changes.has(user) }),
+    (user): Row => ({
+      user,
+      mask: maskOf(user),
+      changed: changes.has(user),
+      grant: grants.value?.find(one => one.user === user),
+    }),
   )
 
   const put = (wanted: readonly (readonly [user: string, mask: number])[]) => {
@@ -171,13 +203,14 @@ function Grid() {
       setChanges(new Map())
       say('saved')
       masks.refresh()
+      grants.refresh()
     })
 
   return (
     <Card title={t('rights.title')}>
       <p>{t('rights.help')}</p>
       <Failure
-        failure={names.failure ?? masks.failure}
+        failure={names.failure ?? masks.failure ?? grants.failure}
         onRetry={() => (names.refresh(), masks.refresh())}
       />
       <Tabs
@@ -196,11 +229,20 @@ function Grid() {
           rows={rows}
           textOf={row => row.user}
           keyOf={row => row.user}
-          columns={columnsFor(set)}
+          columns={columnsFor(set, setEdited)}
           filters={filters()}
           usually={USUAL}
           marked={row => row.changed}
           empty={t(source === 'remote' ? 'rights.noDirectory' : 'rights.none')}
+        />
+      )}
+      {edited && (
+        <GrantDialog
+          user={edited.user}
+          mask={edited.mask & SERVERS}
+          grant={edited.grant}
+          onClose={() => setEdited(null)}
+          onSaved={() => (setEdited(null), grants.refresh())}
         />
       )}
       <Failure failure={job.failure} />

@@ -758,6 +758,7 @@ const german: Catalogue = {
   'kind.guard':
     'Der Wächter hält Verkehr zurück, oder ein anderes Programm hat seinen Filter entfernt',
   'kind.locked': 'Ein Benutzer ist wegen falscher Passwörter gesperrt',
+  'kind.access': 'Der befristete Zugang eines Benutzers ist abgelaufen',
   'kind.daemon': 'Ein Dienst des Systems antwortet nicht oder antwortet wieder',
   'kind.disk': 'Ein Datenträger ist fast voll oder hat wieder Platz',
 
@@ -830,5 +831,49 @@ const german: Catalogue = {
   'backup.users': 'Benutzer mit Rechten',
   'backup.version': 'Version',
   'backup.wrong': 'Die Passphrase ist falsch, oder die Datei wurde verändert.',
+
+  'refused.the-right-to-use-this-server-has-ended':
+    'Das Recht, diesen Server zu benutzen, ist abgelaufen.',
+  'do.access': 'Das Gerät erlaubt das Ihrem Konto nicht.',
+  'nav.my': 'Mein Zugang',
+  'my.access': 'Was ich benutzen darf',
+  'my.until': '{name} bis {time}',
+  'my.nothing': 'Sie dürfen keinen VPN-Server benutzen. Fragen Sie einen Administrator.',
+  'my.off': 'Der Server ist ausgeschaltet.',
+  'my.blocked': 'Sie sind bis {time} ausgesperrt.',
+  'my.blockedHelp':
+    'Es gab zu viele falsche Passwörter. Waren es nicht Ihre, sagen Sie es einem Administrator.',
+  'my.held': 'Ein Administrator lässt Sie bis {time} nicht herein.',
+  'my.profile': 'OpenVPN-Profil herunterladen',
+  'my.profileHelp':
+    'Für die OpenVPN-App. Melden Sie sich dort mit Benutzername und Passwort dieser Seite an.',
+  'my.devices': 'Meine Geräte',
+  'my.quota': 'WireGuard: {n} von {most} Geräten',
+  'my.noDevice': 'Sie haben noch kein Gerät.',
+  'my.keptOut': 'gesperrt',
+  'my.nameHelp': 'Des Telefons oder Rechners, wie Sie ihn hier sehen wollen.',
+  'my.unkeptText':
+    'Der private Schlüssel ist sonst nirgends gespeichert. Entfernen Sie das Gerät und fügen Sie es neu hinzu, um einen anderen zu erhalten.',
+  'my.sessions': 'Wo ich verbunden bin',
+  'my.noSession': 'Sie sind nicht verbunden.',
+  'my.from': '{server} von {from}',
+  'my.end': 'Trennen',
+  'my.endName': '{server} von {from} trennen',
+  'my.ended': 'Getrennt.',
+  'my.logins': 'Meine letzten Anmeldungen',
+  'my.failed': 'Falsche Passwörter nacheinander',
+  'my.noLog':
+    'Die Protokolldatenbank antwortet nicht; Ihre Anmeldungen können nicht gezeigt werden.',
+  'grant.title': 'Zugang von {user}',
+  'grant.until': 'Bis',
+  'grant.untilHelp':
+    'Der letzte Tag der Rechte, die der Benutzer jetzt hat. Leer bedeutet ohne Ende.',
+  'grant.devices': 'Eigene WireGuard-Geräte',
+  'grant.devicesHelp': 'Der Benutzer fügt sie unter „Mein Zugang“ hinzu und entfernt sie dort.',
+  'grant.oneDevice': '{n} Gerät',
+  'grant.someDevices': '{n} Geräte',
+  'grant.noEnd': 'ohne Ende',
+  'grant.edit': 'Bis wann {user} Zugang hat: {value}',
+  'rule.past': 'Dieser Tag ist vorbei.',
 }
 export default german

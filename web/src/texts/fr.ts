@@ -752,6 +752,7 @@ const french: Catalogue = {
   'kind.gateway': 'Un autre tunnel, ou la route propre de l’appareil, est la passerelle par défaut',
   'kind.guard': 'La garde retient le trafic, ou un autre programme a retiré son filtre',
   'kind.locked': 'Un utilisateur est bloqué pour mots de passe erronés',
+  'kind.access': 'L’accès temporaire d’un utilisateur a pris fin',
   'kind.daemon': 'Un service du système ne répond pas, ou répond de nouveau',
   'kind.disk': 'Un disque est presque plein, ou a de nouveau de la place',
 
@@ -823,5 +824,48 @@ const french: Catalogue = {
   'backup.users': 'Utilisateurs avec des droits',
   'backup.version': 'Version',
   'backup.wrong': 'La phrase secrète est fausse, ou le fichier a été modifié.',
+
+  'refused.the-right-to-use-this-server-has-ended': 'Le droit d’utiliser ce serveur a expiré.',
+  'do.access': 'L’appareil ne permet pas cela à votre compte.',
+  'nav.my': 'Mon accès',
+  'my.access': 'Ce que je peux utiliser',
+  'my.until': '{name} jusqu’au {time}',
+  'my.nothing': 'Vous ne pouvez utiliser aucun serveur VPN. Adressez-vous à un administrateur.',
+  'my.off': 'Le serveur est désactivé.',
+  'my.blocked': 'Vous êtes bloqué jusqu’à : {time}.',
+  'my.blockedHelp':
+    'Trop de mots de passe erronés ont été saisis. Si ce n’était pas vous, prévenez un administrateur.',
+  'my.held': 'Un administrateur vous refuse l’accès jusqu’à : {time}.',
+  'my.profile': 'Télécharger le profil OpenVPN',
+  'my.profileHelp':
+    'Pour l’application OpenVPN. Connectez-vous avec le nom et le mot de passe de cette page.',
+  'my.devices': 'Mes appareils',
+  'my.quota': 'WireGuard : {n} appareils sur {most}',
+  'my.noDevice': 'Vous n’avez pas encore d’appareil.',
+  'my.keptOut': 'bloqué',
+  'my.nameHelp': 'Du téléphone ou de l’ordinateur, tel que vous voulez le voir ici.',
+  'my.unkeptText':
+    'La clé privée n’est enregistrée nulle part ailleurs. Supprimez l’appareil et ajoutez-le de nouveau pour en obtenir une autre.',
+  'my.sessions': 'Où je suis connecté',
+  'my.noSession': 'Vous n’êtes pas connecté.',
+  'my.from': '{server} depuis {from}',
+  'my.end': 'Déconnecter',
+  'my.endName': 'Déconnecter {server} depuis {from}',
+  'my.ended': 'Déconnecté.',
+  'my.logins': 'Mes dernières connexions',
+  'my.failed': 'Mots de passe erronés de suite',
+  'my.noLog':
+    'La base de données des journaux ne répond pas ; vos connexions ne peuvent pas être affichées.',
+  'grant.title': 'Accès de {user}',
+  'grant.until': 'Jusqu’au',
+  'grant.untilHelp':
+    'Le dernier jour des droits actuels de l’utilisateur. Laissez vide pour ne fixer aucune fin.',
+  'grant.devices': 'Ses propres appareils WireGuard',
+  'grant.devicesHelp': 'L’utilisateur les ajoute et les supprime sous « Mon accès ».',
+  'grant.oneDevice': '{n} appareil',
+  'grant.someDevices': '{n} appareils',
+  'grant.noEnd': 'sans fin',
+  'grant.edit': 'Fin de l’accès de {user} : {value}',
+  'rule.past': 'Ce jour est passé.',
 }
 export default french

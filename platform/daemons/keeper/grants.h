@@ -1,0 +1,47 @@
+// Access for a time: the keeper has the rights revoked whose time is over, by the same program that
+// an administrator would use. The servers refuse logins by themselves from that second on.
+#pragma once
+
+#include <chrono>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+
+#include "base/grants.h"
+#include "daemons/keeper/child.h"
+#include "daemons/keeper/events.h"
+
+namespace fenro::keeper {
+
+class Grants {
+ public:
+  using Time = std::chrono::steady_clock::time_point;
+
+  explicit Grants(Reporter report, std::string file = GRANTS,
+                  std::string tool = "/usr/sbin/ormelctl")
+      : report_(std::move(report)), file_(std::move(file)), tool_(std::move(tool)) {}
+
+  // What has ended while the host was off, before anything is started. Waits for the end.
+  void boot();
+  // Looks once a second. What could not be done, or has come back, is done again.
+  void tick(Time now);
+
+ private:
+  void read_when_changed();
+  void report_ended();
+  [[nodiscard]] bool is_due() const { return next_ != 0 && std::time(nullptr) >= next_; }
+
+  Reporter report_;
+  std::string file_, tool_;
+  struct stat seen_ {};    // of the file, as it was read
+  std::int64_t next_ = 0;  // end, 0 for none
+  bool damaged_ = false;
+  std::map<std::string, std::uint32_t>
+      reported_;  // servers by user, as long as they are in the file
+  std::unique_ptr<Child> child_;
+  Time tried_{};
+};
+
+}  // namespace fenro::keeper

@@ -1,0 +1,144 @@
+#include "base/grants.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "daemons/keeper/grants.h"
+#include "scratch.h"
+#include "support/wait.h"
+
+namespace fenro {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr std::uint32_t OPENVPN = 4;
+constexpr std::uint32_t WIREGUARD = 32;
+
+class GrantsTest : public testing::Test {
+ protected:
+  [[nodiscard]] GrantChange open() const { return GrantChange{file, scratch.path("lock/grants")}; }
+  void put(const Grant& grant) const {
+    GrantChange change = open();
+    ASSERT_TRUE(change);
+    change.book.put(grant);
+    ASSERT_TRUE(change.save());
+  }
+  test::Scratch scratch;
+  std::string file = scratch.path("state/grants.json");
+};
+
+TEST_F(GrantsTest, EndARightAtItsSecond) {
+  const std::string odd = "bo b\"\n\xff";
+  put({.user = odd, .devices = 2, .until = {{OPENVPN, 1000}, {WIREGUARD, 2000}}});
+  EXPECT_FALSE(has_ended(odd, OPENVPN, file, 999));
+  EXPECT_TRUE(has_ended(odd, OPENVPN, file, 1000));
+  EXPECT_FALSE(has_ended(odd, WIREGUARD, file, 1000));
+  EXPECT_FALSE(has_ended(odd, 1, file, 5000)) << "a right without an end";
+  EXPECT_FALSE(has_ended("bo b", OPENVPN, file, 5000)) << "another user";
+  EXPECT_EQ(read_grants(file).next_end(), 1000);
+  struct stat info {};
+  ASSERT_EQ(stat(file.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777U, 0600U);
+  put({.user = odd});
+  EXPECT_THAT(read_grants(file).grants, IsEmpty());
+}
+
+TEST_F(GrantsTest, KnowWhoseADeviceIsWhateverKeyItGets) {
+  GrantChange change = open();
+  change.book.devices = {{"a", "bob"}, {"b", "eve"}, {"c", "bob"}};
+  ASSERT_TRUE(change.save());
+  change.book.replace_key("a", "d");
+  change.book.replace_key("b", "");
+  change.book.replace_key("x", "y");
+  ASSERT_TRUE(change.save());
+  const GrantBook book = read_grants(file);
+  EXPECT_THAT(book.keys_of("bob"), ElementsAre("d", "c"));
+  EXPECT_EQ(book.owner_of("d"), "bob");
+  EXPECT_EQ(book.owner_of("b"), "");
+  EXPECT_EQ(book.owner_of(""), "");
+}
+
+TEST_F(GrantsTest, NeverReplaceADamagedFile) {
+  put({.user = "first", .devices = 1});
+  const char* const good = R"({"user":"Ym9i","devices":1,"until":{"4":1000}})";
+  const struct {
+    std::string text;
+    size_t readable;
+  } rows[] = {
+      {"", 0},
+      {"{}", 0},
+      {"[]", 0},
+      {std::string(1 << 16, '['), 0},
+      {R"({"grants":[)" + std::string(good) + R"(,{"user":"!"}],"devices":[]})", 1},
+      {R"({"grants":[)" + std::string(good) + R"(,{"user":"ZXZl","until":{"4x":1}}],"devices":[]})",
+       1},
+      {R"({"grants":[)" + std::string(good) + R"(,{"user":"ZXZl","until":{"4":-1}}],"devices":[]})",
+       1},
+      {R"({"grants":[)" + std::string(good) + R"(],"devices":[{"key":"","owner":"Ym9i"}]})", 1},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.text.substr(0, 80));
+    scratch.write("state/grants.json", row.text);
+    EXPECT_EQ(read_grants(file).grants.size(), row.readable);
+    EXPECT_TRUE(read_grants(file).damaged);
+    EXPECT_EQ(has_ended("bob", OPENVPN, file, 1000), row.readable == 1);
+    EXPECT_FALSE(open());
+    EXPECT_EQ(scratch.read("state/grants.json"), row.text);
+  }
+}
+
+TEST_F(GrantsTest, LoseNothingThatManyWriteAtOnce) {
+  constexpr int WRITERS = 16;
+  for (int i = 0; i < WRITERS; ++i) {
+    if (fork() == 0) {
+      put({.user = "user" + std::to_string(i), .devices = 1});
+      _exit(0);
+    }
+  }
+  for (int i = 0; i < WRITERS; ++i) wait(nullptr);
+  EXPECT_EQ(read_grants(file).grants.size(), static_cast<size_t>(WRITERS));
+}
+
+TEST_F(GrantsTest, AreRevokedByTheKeeperAtItsStartAndReportedOnce) {
+  std::vector<std::string> reports;
+  // The tool that revokes, and fails to for the first time.
+  scratch.write("tool", "#!/bin/sh\necho \"$1\" >>" + scratch.path("calls") + "\n");
+  ASSERT_EQ(chmod(scratch.path("tool").c_str(), 0700), 0);
+  keeper::Grants grants{[&](const keeper::Report& what) { reports.push_back(what.text); }, file,
+                        scratch.path("tool")};
+  grants.boot();
+  put({.user = "eve", .devices = 0, .until = {{OPENVPN, LAST_SECOND}}});
+  grants.boot();
+  EXPECT_EQ(scratch.read("calls"), "") << "nothing has ended";
+  put({.user = "bob", .devices = 1, .until = {{OPENVPN, 1000}, {WIREGUARD, 1000}}});
+  grants.boot();
+  EXPECT_EQ(scratch.read("calls"), "__end-grants\n");
+  auto now = keeper::Grants::Time{} + std::chrono::hours(1);
+  const auto calls = [&] { return std::ranges::count(scratch.read("calls"), '\n'); };
+  for (int round = 2; round < 5; ++round, now += std::chrono::seconds(5)) {
+    EXPECT_TRUE(support::comes_true(
+        [&] {
+          grants.tick(now);
+          return calls() == round;
+        },
+        10));
+    for (int look = 0; look < 5; ++look) grants.tick(now + std::chrono::seconds(4));
+    EXPECT_EQ(calls(), round) << "every five seconds, as long as it is not done";
+  }
+  EXPECT_THAT(reports, ElementsAre("The access of bob to OpenVPN, WireGuard has ended"));
+  scratch.write("state/grants.json", "{");
+  EXPECT_TRUE(support::comes_true(
+      [&] {
+        grants.tick(now);
+        return reports.back().find("is damaged") != std::string::npos;
+      },
+      10));
+}
+
+}  // namespace
+}  // namespace fenro
