@@ -295,6 +295,10 @@ std::vector<std::string> renew_recovery(SecondFactor& factor) {
 SecondFactors::SecondFactors(std::string folder, std::string lock)
     : conf_(folder + "/totp.conf"), users_(std::move(folder) + "/totp.users"), lock_(std::move(lock)) {}
 
+bool SecondFactors::exist() const {
+  return access(conf_.c_str(), F_OK) == 0;
+}
+
 SecondFactor SecondFactors::of(std::string_view user) const {
   std::string conf;
   const int failure = read_file(conf_.c_str(), conf, LARGEST);

@@ -84,6 +84,9 @@ class SecondFactors {
   explicit SecondFactors(std::string folder = "/etc/config/ormel",
                          std::string lock = "/run/fenro/totp.lock");
 
+  // Whether the service has any; one look at the file's name.
+  [[nodiscard]] bool exist() const;
+
   [[nodiscard]] SecondFactor of(std::string_view user) const;
 
   // Reads, changes and writes a user's line; nothing is written when `edit` returns false. A line

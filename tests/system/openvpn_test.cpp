@@ -6,6 +6,7 @@
 
 #include <jansson.h>
 
+#include "base/second_factor.h"
 #include "support/far_appliance.h"
 #include "support/web_request.h"
 
@@ -530,6 +531,36 @@ TEST_F(OpenVpnRefusal, AWrongPasswordIsCountedLoggedAndBlocksAtTheLimit) {
   EXPECT_EQ(web("/ormel/privilege/remove_block_user", std::string("&user=") + USER), OK);
   connect();
   EXPECT_TRUE(comes_up());
+}
+
+// As OpenVPN's clients send what was asked for by "static-challenge".
+TEST_F(OpenVpnRefusal, AUserWithASecondFactorComesInByItsCodeOnce) {
+  using fenro::SecondFactor;
+  const std::string secret(fenro::totp::SECRET_BYTES, 's');
+  ASSERT_TRUE(fenro::SecondFactors{}.change(USER, [&](SecondFactor& factor) {
+    factor.state = SecondFactor::State::On;
+    factor.secret = fenro::totp::to_base32(secret);
+    return true;
+  }));
+  const auto answer = [&] {
+    const std::string code =
+        fenro::totp::code_at(secret, fenro::totp::step_at(std::time(nullptr)));
+    return "SCRV1:" + encoded(password) + ':' + encoded(code);
+  };
+  EXPECT_THAT(far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded(answer())),
+              DONE);
+  connect();
+  EXPECT_TRUE(comes_up());
+  EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
+  connect();
+  EXPECT_TRUE(comes_to_an_end());
+  EXPECT_THAT(logged("device_info").back(), HasSubstr("(code-used)"));
+  EXPECT_THAT(web("/ormel/log/event", ""), HasSubstr("(code-used)"));
+  EXPECT_THAT(far::read("/run/fenro/reasons/OPENVPN_CLIENT1"), Not(HasSubstr("code")));
+  ASSERT_TRUE(fenro::SecondFactors{}.change(USER, [](SecondFactor& factor) {
+    factor = {};
+    return true;
+  }));
 }
 
 TEST_F(OpenVpnRefusal, WhoLosesTheRightIsThrownOutAndStaysOut) {

@@ -36,7 +36,10 @@ const std::map<std::string_view, int> FOR_GENERAL_USERS = {{"/ormel/config/show"
                                                            {"/ormel/gateway/get", 0},
                                                            {"/ormel/gateway/get_vpn_gw", 0},
                                                            {"/ormel/gateway/set", 41},
-                                                           {"/ormel/guard/get", 0}};
+                                                           {"/ormel/guard/get", 0},
+                                                           {"/ormel/my/totp_begin", 0},
+                                                           {"/ormel/my/totp_confirm", 0},
+                                                           {"/ormel/my/totp_off", 0}};
 
 int works = 0;
 

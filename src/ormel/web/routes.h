@@ -45,6 +45,9 @@ extern const Routes FACTS, NETWORK;
 namespace status {
 extern const Routes STATES;
 }
+namespace my {
+extern const Routes SECOND_FACTOR;
+}
 namespace user {
 extern const Routes USERS;
 }

@@ -41,6 +41,8 @@ class Request : public CgiRequest {
   [[nodiscard]] USER_TYPE user() const { return user_; }
   // A call of a program within its own process, and not of a session.
   [[nodiscard]] bool is_local() const { return local_; }
+  // The user of the session; root for such a call.
+  [[nodiscard]] std::string name() const;
   // For a route that changes something, and whose request has turned out to ask only.
   void changes_nothing() const { changes_ = false; }
   [[nodiscard]] bool is_change() const { return changes_; }
