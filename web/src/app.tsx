@@ -5,6 +5,7 @@ import { Account } from './account'
 import { undoLost, unsaved } from './api'
 import { PendingBand } from './goback'
 import { idle, watchHands } from './idle'
+import { lazy } from './lazy'
 import { BackupPage } from './pages/backup'
 import { ClientsPage } from './pages/clients'
 import { ConnectionsPage } from './pages/connections'
@@ -43,10 +44,18 @@ const PAGES: readonly Page[] = [
   { name: 'notify', label: 'nav.notify', icon: 'bell', show: NotifyPage },
   { name: 'backup', label: 'nav.backup', icon: 'download', show: BackupPage },
 ]
+// Where general users begin.
+const MY: Page = {
+  name: 'my',
+  label: 'nav.my',
+  icon: 'user',
+  everybody: true,
+  show: lazy(() => import('./pages/my').then(loaded => loaded.MyPage)),
+}
 
 function Shell() {
   const admin = session.login.value?.admin ?? false
-  const pages = PAGES.filter(page => admin || page.everybody)
+  const pages = admin ? [...PAGES, MY] : [MY, ...PAGES].filter(page => page.everybody)
   const current = pages.find(page => page.name === place.value[0]) ?? pages[0]
   const [open, setOpen] = useState(false)
   const heading = useRef<HTMLHeadingElement>(null)

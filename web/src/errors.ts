@@ -35,6 +35,7 @@ const BY_CODE: Record<number, TextKey> = {
   42: 'do.logs',
   43: 'do.full',
   44: 'do.pool',
+  45: 'do.access',
   46: 'do.service',
   47: 'do.service',
   48: 'do.service',

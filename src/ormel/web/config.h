@@ -2,9 +2,11 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "base/types.h"
 #include "ormel/config/record.h"
+#include "ormel/web/serve.h"
 
 namespace ormel::cgi::config {
 
@@ -12,5 +14,9 @@ namespace ormel::cgi::config {
 [[nodiscard]] TYPE convert_type(const char* value);
 // A new record of that type with index 0, null for NONE_TYPE.
 [[nodiscard]] std::unique_ptr<ormel::config::BaseConfig> create_config(const char* value);
+
+// Fills the file with the profile of the OpenVPN server. A host that is not empty is in there as
+// the server's, in the place of the appliance's own address.
+[[nodiscard]] int make_profile(Download& file, const std::string& host);
 
 }  // namespace ormel::cgi::config

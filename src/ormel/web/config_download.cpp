@@ -10,6 +10,7 @@
 #include "ormel/base/text.h"
 #include "ormel/config/pool.h"
 #include "ormel/drivers/openvpn/openvpn.h"
+#include "ormel/web/config.h"
 #include "ormel/web/routes.h"
 
 namespace ormel::cgi::config {
@@ -86,6 +87,21 @@ std::string profile_text(const Source& source, const char* address) {
   return owner ? owner.get() : "";
 }
 
+}  // namespace
+
+int make_profile(Download& file, const std::string& host) {
+  Source source;
+  if (const int rc = read_source(source); rc != NO_ERROR) return rc;
+  char address[ADDRESS_SIZE] = "";
+  if (host.empty() && Get_External_IP(address, ADDRESS_SIZE) < 0) return ERR_NO_NETWORK;
+  file.head = head_for(source.host + ".ovpn");
+  file.body = profile_text(source, host.empty() ? address : host.c_str()) + "<ca>\n" +
+              source.certificate + "</ca>\n";
+  return NO_ERROR;
+}
+
+namespace {
+
 int send_certificate(const Request&, Download& file) {
   Source source;
   if (const int rc = read_source(source); rc != NO_ERROR) return rc;
@@ -95,13 +111,7 @@ int send_certificate(const Request&, Download& file) {
 }
 
 int send_profile(const Request&, Download& file) {
-  Source source;
-  if (const int rc = read_source(source); rc != NO_ERROR) return rc;
-  char address[ADDRESS_SIZE] = "";
-  if (Get_External_IP(address, ADDRESS_SIZE) < 0) return ERR_NO_NETWORK;
-  file.head = head_for(source.host + ".ovpn");
-  file.body = profile_text(source, address) + "<ca>\n" + source.certificate + "</ca>\n";
-  return NO_ERROR;
+  return make_profile(file, "");
 }
 
 // The client has the newest file now.

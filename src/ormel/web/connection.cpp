@@ -52,9 +52,11 @@ void describe_peer(const vpn_peer& peer, const byteStat& stat, std::time_t now, 
 }  // namespace
 
 uint64_t append_peers(JsonValue& rows, std::time_t now,
-                      const std::function<void(const vpn_peer&, JsonValue&)>& finish) {
+                      const std::function<void(const vpn_peer&, JsonValue&)>& finish,
+                      const std::function<bool(const vpn_peer&)>& chosen) {
   std::vector<vpn_peer> peers;
   if (!read_peers(peers)) return 0;
+  std::erase_if(peers, [&](const vpn_peer& peer) { return !chosen(peer); });
   const std::map<std::string, byteStat> stats = get_all_server_stat();
   for (const vpn_peer& peer : peers) {
     const auto stat = stats.find(key_of(peer));

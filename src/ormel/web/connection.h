@@ -56,11 +56,29 @@ struct vpn_peer {
 // All connections in the order of the file. False when there is no file.
 bool read_peers(std::vector<vpn_peer>& peers);
 
-// Appends a row for each connection to the answer, which `finish` may complete, and returns their
-// number.
+// Appends a row for each connection that is chosen to the answer, which `finish` may complete, and
+// returns their number.
 uint64_t append_peers(
     JsonValue& rows, std::time_t now,
-    const std::function<void(const vpn_peer&, JsonValue&)>& finish = [](auto&, auto&) {});
+    const std::function<void(const vpn_peer&, JsonValue&)>& finish = [](auto&, auto&) {},
+    const std::function<bool(const vpn_peer&)>& chosen = [](auto&) { return true; });
+
+// A device of the WireGuard server with what its interface reports.
+struct Device {
+  std::string name, key, endpoint, address;
+  long handshake = 0;  // seconds since the epoch, 0 for never
+  uint64_t received = 0, sent = 0;
+};
+// The devices on the running interface.
+[[nodiscard]] std::vector<Device> live_devices();
+constexpr long RECENT = 180;  // seconds since a device's handshake for which it counts as connected
+
+// How a request names a connection: "TYPE|KEY".
+[[nodiscard]] std::string name_of(const vpn_peer& peer);
+// Ends a connection and waits until its server has confirmed it, ten seconds at most. Returns
+// whether it has gone.
+[[nodiscard]] bool end_peer(const vpn_peer& peer);
+
 // Ends a connection in the way of the server of `type`, which a request names. What cannot be ended
 // stays.
 int kick_peer(const vpn_peer& peer, long type);

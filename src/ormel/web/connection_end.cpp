@@ -44,7 +44,6 @@ constexpr const char* DAEMON_SECONDS = "2";  // that OpenVPN's daemon may take f
 constexpr int DROVIK_SECONDS = 1;
 constexpr auto GONE_TIME = std::chrono::seconds(10);
 constexpr auto PAUSE = milliseconds(200);
-constexpr long RECENT = 180;  // seconds since a device's handshake for which it counts as connected
 constexpr int MOST_MINUTES = 10080;
 constexpr char TYPE_MARK = '|';
 
@@ -69,14 +68,9 @@ std::string named(int type, const std::string& key) {
   return std::to_string(type) + TYPE_MARK + key;
 }
 
-// A device of the WireGuard server with what its interface reports.
-struct Device {
-  std::string name, key, endpoint, address;
-  long handshake = 0;  // seconds since the epoch, 0 for never
-  uint64_t received = 0, sent = 0;
-};
+}  // namespace
 
-// The devices on the running interface. The script runs where the rights to ask it are.
+// The script runs where the rights to ask it are.
 std::vector<Device> live_devices() {
   std::vector<Device> devices;
   std::string text;
@@ -101,6 +95,12 @@ std::vector<Device> live_devices() {
   }
   return devices;
 }
+
+std::string name_of(const vpn_peer& peer) {
+  return named(static_cast<int>(peer.vpn_type), key_of(peer));
+}
+
+namespace {
 
 Json held_now() {
   return hold::rows("list");
@@ -236,9 +236,8 @@ std::vector<Target> read_targets(const Request& request) {
   std::vector<Device> devices;
   for (const char* conn : request.values("conn")) {
     if (!seen.insert(conn).second) continue;
-    const auto peer = std::find_if(peers.begin(), peers.end(), [&](const vpn_peer& known) {
-      return named(static_cast<int>(known.vpn_type), key_of(known)) == conn;
-    });
+    const auto peer = std::find_if(peers.begin(), peers.end(),
+                                   [&](const vpn_peer& known) { return name_of(known) == conn; });
     if (peer != peers.end()) {
       targets.push_back({conn, *peer});
       continue;
@@ -280,6 +279,18 @@ void wait_until_gone(std::vector<Target>& targets) {
     std::this_thread::sleep_for(PAUSE);
   }
 }
+
+}  // namespace
+
+bool end_peer(const vpn_peer& peer) {
+  std::ignore = kick_peer(peer, peer.vpn_type);  // a failure shows in what is still there
+  std::vector<Target> target;
+  target.push_back({name_of(peer), peer});
+  wait_until_gone(target);
+  return target.front().gone;
+}
+
+namespace {
 
 Outcome end_connections(const Request& request, JsonValue& reply) {
   const int minutes = request.number("minutes", 0);

@@ -39,14 +39,14 @@ extern const Routes KEEPER;
 namespace log {
 extern const Routes EVENTS;
 }
+namespace my {
+extern const Routes OWN, SECOND_FACTOR;
+}
 namespace misc {
 extern const Routes FACTS, NETWORK;
 }
 namespace status {
 extern const Routes STATES;
-}
-namespace my {
-extern const Routes SECOND_FACTOR;
 }
 namespace user {
 extern const Routes USERS;

@@ -830,5 +830,38 @@ const german: Catalogue = {
   'backup.users': 'Benutzer mit Rechten',
   'backup.version': 'Version',
   'backup.wrong': 'Die Passphrase ist falsch, oder die Datei wurde verändert.',
+
+  'refused.the-right-to-use-this-server-has-ended':
+    'Das Recht, diesen Server zu benutzen, ist abgelaufen.',
+  'do.access': 'Das Gerät erlaubt das Ihrem Konto nicht.',
+  'nav.my': 'Mein Zugang',
+  'my.access': 'Was ich benutzen darf',
+  'my.until': '{name} bis {time}',
+  'my.nothing': 'Sie dürfen keinen VPN-Server benutzen. Fragen Sie einen Administrator.',
+  'my.off': 'Der Server ist ausgeschaltet.',
+  'my.blocked': 'Sie sind bis {time} ausgesperrt.',
+  'my.blockedHelp':
+    'Es gab zu viele falsche Passwörter. Waren es nicht Ihre, sagen Sie es einem Administrator.',
+  'my.held': 'Ein Administrator lässt Sie bis {time} nicht herein.',
+  'my.profile': 'OpenVPN-Profil herunterladen',
+  'my.profileHelp':
+    'Für die OpenVPN-App. Melden Sie sich dort mit Benutzername und Passwort dieser Seite an.',
+  'my.devices': 'Meine Geräte',
+  'my.quota': 'WireGuard: {n} von {most} Geräten',
+  'my.noDevice': 'Sie haben noch kein Gerät.',
+  'my.keptOut': 'gesperrt',
+  'my.nameHelp': 'Des Telefons oder Rechners, wie Sie ihn hier sehen wollen.',
+  'my.unkeptText':
+    'Der private Schlüssel ist sonst nirgends gespeichert. Entfernen Sie das Gerät und fügen Sie es neu hinzu, um einen anderen zu erhalten.',
+  'my.sessions': 'Wo ich verbunden bin',
+  'my.noSession': 'Sie sind nicht verbunden.',
+  'my.from': '{server} von {from}',
+  'my.end': 'Trennen',
+  'my.endName': '{server} von {from} trennen',
+  'my.ended': 'Getrennt.',
+  'my.logins': 'Meine letzten Anmeldungen',
+  'my.failed': 'Falsche Passwörter nacheinander',
+  'my.noLog':
+    'Die Protokolldatenbank antwortet nicht; Ihre Anmeldungen können nicht gezeigt werden.',
 }
 export default german

@@ -823,5 +823,37 @@ const french: Catalogue = {
   'backup.users': 'Utilisateurs avec des droits',
   'backup.version': 'Version',
   'backup.wrong': 'La phrase secrète est fausse, ou le fichier a été modifié.',
+
+  'refused.the-right-to-use-this-server-has-ended': 'Le droit d’utiliser ce serveur a expiré.',
+  'do.access': 'L’appareil ne permet pas cela à votre compte.',
+  'nav.my': 'Mon accès',
+  'my.access': 'Ce que je peux utiliser',
+  'my.until': '{name} jusqu’au {time}',
+  'my.nothing': 'Vous ne pouvez utiliser aucun serveur VPN. Adressez-vous à un administrateur.',
+  'my.off': 'Le serveur est désactivé.',
+  'my.blocked': 'Vous êtes bloqué jusqu’à : {time}.',
+  'my.blockedHelp':
+    'Trop de mots de passe erronés ont été saisis. Si ce n’était pas vous, prévenez un administrateur.',
+  'my.held': 'Un administrateur vous refuse l’accès jusqu’à : {time}.',
+  'my.profile': 'Télécharger le profil OpenVPN',
+  'my.profileHelp':
+    'Pour l’application OpenVPN. Connectez-vous avec le nom et le mot de passe de cette page.',
+  'my.devices': 'Mes appareils',
+  'my.quota': 'WireGuard : {n} appareils sur {most}',
+  'my.noDevice': 'Vous n’avez pas encore d’appareil.',
+  'my.keptOut': 'bloqué',
+  'my.nameHelp': 'Du téléphone ou de l’ordinateur, tel que vous voulez le voir ici.',
+  'my.unkeptText':
+    'La clé privée n’est enregistrée nulle part ailleurs. Supprimez l’appareil et ajoutez-le de nouveau pour en obtenir une autre.',
+  'my.sessions': 'Où je suis connecté',
+  'my.noSession': 'Vous n’êtes pas connecté.',
+  'my.from': '{server} depuis {from}',
+  'my.end': 'Déconnecter',
+  'my.endName': 'Déconnecter {server} depuis {from}',
+  'my.ended': 'Déconnecté.',
+  'my.logins': 'Mes dernières connexions',
+  'my.failed': 'Mots de passe erronés de suite',
+  'my.noLog':
+    'La base de données des journaux ne répond pas ; vos connexions ne peuvent pas être affichées.',
 }
 export default french

@@ -1,0 +1,88 @@
+// Until when users may use the servers, how many devices of their own each may have at the
+// WireGuard server, and whose device is whose. What a user may use at all is in the store of
+// rights, which has no place for any of this.
+//
+// /var/lib/ormel/grants.json is {"grants":[{"user":BASE64,"devices":NUMBER,
+// "until":{TYPE:SECONDS...}}...],"devices":[{"key":PUBLIC KEY,"owner":BASE64}...]} with TYPE a
+// server as the bit of its type in decimal digits, and SECONDS since the epoch. A right without a
+// date has no end. Writers replace the file as a whole under a lock, so readers need none.
+//
+// A file that is missing gives nobody a date or a device. One that is damaged is never replaced;
+// what can be read of it counts.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/handle.h"
+
+namespace fenro {
+
+struct Grant {
+  std::string user{};                             // any bytes
+  int devices = 0;                                // how many the user may have
+  std::map<std::uint32_t, std::int64_t> until{};  // by server
+
+  [[nodiscard]] bool is_empty() const { return devices == 0 && until.empty(); }
+  // When the use of a server ends; 0 for never.
+  [[nodiscard]] std::int64_t end_of(std::uint32_t server) const;
+  // Those whose time is over, as a mask.
+  [[nodiscard]] std::uint32_t ended(std::time_t now) const;
+};
+
+struct OwnedDevice {
+  std::string key{};  // public
+  std::string owner{};
+};
+
+struct GrantBook {
+  std::vector<Grant> grants{};
+  std::vector<OwnedDevice> devices{};
+  bool damaged = false;
+
+  // The grant of a user, an empty one where there is none.
+  [[nodiscard]] Grant of(std::string_view user) const;
+  // Puts a grant in the place of the user's; an empty one removes it.
+  void put(Grant grant);
+  [[nodiscard]] std::vector<std::string> keys_of(std::string_view user) const;
+  // Empty for a device that belongs to nobody.
+  [[nodiscard]] std::string owner_of(std::string_view key) const;
+  // Removes the key, or puts another one in its place.
+  void replace_key(std::string_view key, const std::string& other);
+  // The earliest date; 0 without any.
+  [[nodiscard]] std::int64_t next_end() const;
+};
+
+inline constexpr const char* GRANTS = "/var/lib/ormel/grants.json";
+inline constexpr std::int64_t LAST_SECOND = 253402300799;  // of the year 9999
+inline constexpr int MOST_DEVICES = 100;
+
+[[nodiscard]] bool has_grants(const char* file = GRANTS);
+[[nodiscard]] GrantBook read_grants(const std::string& file = GRANTS);
+
+// Whether the user's time at a server is over. Costs one look for a file where nobody has a date.
+[[nodiscard]] bool has_ended(std::string_view user, std::uint32_t server,
+                             const std::string& file = GRANTS,
+                             std::time_t now = std::time(nullptr));
+
+// The book, and nobody else to change it. Waits at most ten seconds for others.
+class GrantChange {
+ public:
+  explicit GrantChange(std::string file = GRANTS,
+                       const std::string& lock = "/run/fenro/grants.lock");
+  // False where the lock was not to be had, or the file is damaged.
+  explicit operator bool() const { return lock_ && !book.damaged; }
+  [[nodiscard]] bool save() const;
+
+  GrantBook book{};
+
+ private:
+  std::string file_;
+  Fd lock_;
+};
+
+}  // namespace fenro
