@@ -28,8 +28,8 @@ constexpr std::size_t LARGEST = std::size_t{4} << 20U;  // bytes of a file
 constexpr auto LONGEST_WAIT = seconds(5);               // for the lock
 constexpr auto PAUSE = milliseconds(5);
 
-constexpr totp::Step WINDOW = 1;        // steps before and after the present one that count
-constexpr totp::Step RECOGNISED = 20;   // and those that are told from a wrong code
+constexpr totp::Step WINDOW = 1;       // steps before and after the present one that count
+constexpr totp::Step RECOGNISED = 20;  // and those that are told from a wrong code
 
 // A recovery code is three groups of four letters of base32: ABCD-EFGH-IJKL, 60 bits.
 constexpr std::size_t GROUP = 4;
@@ -58,8 +58,10 @@ struct StateName {
   State state;
   std::string_view name;
 };
-constexpr StateName STATES[] = {
-    {State::Off, "off"}, {State::Pending, "pending"}, {State::On, "on"}};
+constexpr StateName STATES[] = {{State::Off, "off"},
+                                {State::Pending, "pending"},
+                                {State::On, "on"},
+                                {State::Damaged, "damaged"}};
 constexpr std::string_view REQUIRED = "required";
 constexpr std::string_view FREE = "free";
 
@@ -93,7 +95,7 @@ std::optional<SecondFactor> parse(std::string_view fields) {
   const std::string_view need = take_until(fields, ':');
   factor.required = need == REQUIRED;
   factor.secret = take_until(fields, ':');
-  const bool whole = known && (factor.required || need == FREE) &&
+  const bool whole = known && (factor.required || need == FREE) && factor.state != State::Damaged &&
                      (factor.state == State::Off || is_secret(factor.secret)) &&
                      parse_number(take_until(fields, ':'), factor.begun) &&
                      parse_number(take_until(fields, ':'), factor.used) &&
@@ -104,9 +106,7 @@ std::optional<SecondFactor> parse(std::string_view fields) {
 
 std::string line_of(const std::string& name, const SecondFactor& factor) {
   std::string line = name + ':';
-  for (const StateName& row : STATES) {
-    if (row.state == factor.state) line += row.name;
-  }
+  line += name_of(factor.state);
   line += ':';
   line += factor.required ? REQUIRED : FREE;
   line += ':' + factor.secret + ':' + std::to_string(factor.begun) + ':' +
@@ -152,7 +152,7 @@ SecondFactor factor_in(int failure, std::string_view conf, const std::string& us
   std::string users;
   const bool readable = read_file(users_file.c_str(), users, LARGEST) == 0;
   return !rows.empty() || (readable && !fields_of(users, name).empty()) ? damaged()
-                                                                         : SecondFactor{};
+                                                                        : SecondFactor{};
 }
 
 // An empty text removes the file.
@@ -212,14 +212,21 @@ TypedLogin split_challenge(std::string_view text) {
 FactorRefusal take_recovery_code(SecondFactor& factor, std::string_view secret,
                                  std::string_view code) {
   const std::string digest = totp::digest_of(secret, upper_case(code));
-  const auto known =
-      std::ranges::find_if(factor.recovery, [&](const auto& one) { return totp::same(one, digest); });
+  const auto known = std::ranges::find_if(factor.recovery,
+                                          [&](const auto& one) { return totp::same(one, digest); });
   if (known == factor.recovery.end()) return FactorRefusal::Wrong;
   factor.recovery.erase(known);
   return FactorRefusal::None;
 }
 
 }  // namespace
+
+std::string_view name_of(State state) {
+  for (const StateName& row : STATES) {
+    if (row.state == state) return row.name;
+  }
+  return {};
+}
 
 const char* reason_of_factor(int result) {
   for (const RefusalRow& row : REFUSALS) {
@@ -247,8 +254,8 @@ TypedLogin split_login(std::string_view typed) {
   for (const std::size_t length : {RECOVERY_LENGTH, totp::DIGITS}) {
     if (typed.size() <= length) continue;
     const std::string_view code = typed.substr(typed.size() - length);
-    if (is_any_code(code)) return {std::string(typed.substr(0, typed.size() - length)),
-                                   std::string(code)};
+    if (is_any_code(code))
+      return {std::string(typed.substr(0, typed.size() - length)), std::string(code)};
   }
   return {};
 }
@@ -293,7 +300,9 @@ std::vector<std::string> renew_recovery(SecondFactor& factor) {
 }
 
 SecondFactors::SecondFactors(std::string folder, std::string lock)
-    : conf_(folder + "/totp.conf"), users_(std::move(folder) + "/totp.users"), lock_(std::move(lock)) {}
+    : conf_(folder + "/totp.conf"),
+      users_(std::move(folder) + "/totp.users"),
+      lock_(std::move(lock)) {}
 
 bool SecondFactors::exist() const {
   return access(conf_.c_str(), F_OK) == 0;
@@ -319,8 +328,7 @@ bool SecondFactors::change(std::string_view user,
   if (failed != 0 && failed != ENOENT && failed != EINVAL) return false;
 
   const std::string name = totp::percent_encoded(user);
-  SecondFactor factor =
-      failure == ENOENT ? SecondFactor{} : factor_in(failure, conf, users_, name);
+  SecondFactor factor = failure == ENOENT ? SecondFactor{} : factor_in(failure, conf, users_, name);
   if (!edit(factor)) return true;
   const bool counts = factor.required || factor.state == State::On;
   const bool says_something = counts || factor.state == State::Pending;

@@ -7,8 +7,8 @@
 // one began, USED the last step whose code has counted, and DIGESTS those of the unused recovery
 // codes, with commas. Without the file nobody has a second factor.
 //
-// totp.users beside it names those whom the first file concerns, a line each. Such a user whose line
-// is missing or damaged is refused: damage must not turn a second factor off.
+// totp.users beside it names those whom the first file concerns, a line each. Such a user whose
+// line is missing or damaged is refused: damage must not turn a second factor off.
 //
 // Both files are replaced whole under a lock, so readers need none.
 #pragma once
@@ -26,10 +26,10 @@ namespace fenro {
 struct SecondFactor {
   enum class State { Off, Pending, On, Damaged };
   State state = State::Off;
-  bool required = false;              // by an administrator
-  std::string secret{};               // base32
-  std::int64_t begun = 0;             // seconds since the epoch
-  totp::Step used = 0;                // codes of this and earlier steps do not count any more
+  bool required = false;                // by an administrator
+  std::string secret{};                 // base32
+  std::int64_t begun = 0;               // seconds since the epoch
+  totp::Step used = 0;                  // codes of this and earlier steps do not count any more
   std::vector<std::string> recovery{};  // digests
 
   // Whether a login without a code is refused.
@@ -37,6 +37,9 @@ struct SecondFactor {
   // Required, but the user has not set it up.
   [[nodiscard]] bool is_missing() const { return required && !asks(); }
 };
+
+// "off", "pending", "on" or "damaged", as in the file.
+[[nodiscard]] std::string_view name_of(SecondFactor::State state);
 
 inline constexpr std::int64_t PENDING_SECONDS = 600;
 inline constexpr std::size_t RECOVERY_CODES = 8;

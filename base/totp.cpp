@@ -4,8 +4,9 @@
 #include <array>
 #include <cerrno>
 #include <dlfcn.h>
-#include <openssl/hmac.h>
 #include <sys/random.h>
+
+#include <openssl/hmac.h>
 
 namespace fenro::totp {
 namespace {

@@ -10,9 +10,9 @@ namespace fenro {
 // administrator requires.
 enum class LoginKind { Server, Web };
 
-// What a user has typed as the password, with the code of the second factor behind it where the user
-// has one. Returns 0, -1 for a wrong password, or the number of a FactorRefusal. After 0 `own` is
-// the password without the code, unless it is null.
+// What a user has typed as the password, with the code of the second factor behind it where the
+// user has one. Returns 0, -1 for a wrong password, or the number of a FactorRefusal. After 0 `own`
+// is the password without the code, unless it is null.
 [[nodiscard]] int check_login(const char* user, const char* typed, LoginKind kind,
                               std::string* own);
 

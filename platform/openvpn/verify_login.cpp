@@ -92,7 +92,8 @@ Fd wait_for_hook() {
   _exit(REFUSED);
 }
 
-// Returns the hook's exit status. A hook that does not end in time is killed and counts as a refusal.
+// Returns the hook's exit status. A hook that does not end in time is killed and counts as a
+// refusal.
 int run_hook() {
   const pid_t child = fork();
   if (child < 0) return REFUSED;

@@ -133,7 +133,8 @@ void wait_for_whole_step(Clock::time_point start) {
   std::this_thread::sleep_until(start + steps * FAILURE_STEP);
 }
 
-// Returns 0 or what check_login says. A name that no session can hold is not shown to PAM's modules.
+// Returns 0 or what check_login says. A name that no session can hold is not shown to PAM's
+// modules.
 int check(const std::string& user, const char* typed) {
   const bool plain = std::none_of(user.begin(), user.end(),
                                   [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; });

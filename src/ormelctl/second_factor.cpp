@@ -1,8 +1,9 @@
 // The second factor of users, for root: who must have one, and the way in for those who have lost
 // theirs.
+#include "base/second_factor.h"
+
 #include <pwd.h>
 
-#include "base/second_factor.h"
 #include "ormel/base/error.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/profile.h"
@@ -19,20 +20,12 @@ using State = SecondFactor::State;
 constexpr int WITHOUT_CODES = ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE;
 constexpr const char* MOST_ROWS = "100000";
 
-struct StateName {
-  State state;
-  const char* name;
-};
-constexpr StateName STATES[] = {{State::Off, "off"},
-                                {State::Pending, "pending"},
-                                {State::On, "on"},
-                                {State::Damaged, "damaged"}};
-
 ormel::Json row_of(const std::string& user, const SecondFactor& factor) {
   return ormel::Json{json_pack("{s:s, s:s, s:b, s:s, s:i}", "user", user.c_str(), "state",
-                               name_of(factor.state), "required", factor.required ? 1 : 0,
-                               "second_factor", second_factor_text(factor).c_str(),
-                               "recovery_codes", static_cast<int>(factor.recovery.size()))};
+                               std::string(fenro::name_of(factor.state)).c_str(), "required",
+                               factor.required ? 1 : 0, "second_factor",
+                               second_factor_text(factor).c_str(), "recovery_codes",
+                               static_cast<int>(factor.recovery.size()))};
 }
 
 // Nothing of these rights is left behind where a code is required.
@@ -41,12 +34,12 @@ bool take_rights(const std::string& user, std::string& taken) {
   const int mask = static_cast<int>(number_of(stored.data(), user.c_str()));
   if ((mask & WITHOUT_CODES) == 0) return stored.error == 0;
   for (const Protocol& row : protocols()) {
-    if ((mask & WITHOUT_CODES & row.server) != 0) taken += (taken.empty() ? "" : " and ") + row.name;
+    if ((mask & WITHOUT_CODES & row.server) != 0)
+      taken += (taken.empty() ? "" : " and ") + row.name;
   }
   const int left = mask & ~WITHOUT_CODES;
-  return (left == 0
-              ? call("/ormel/privilege/unset", {{"user", user}})
-              : call("/ormel/privilege/set", {{"user", user + '|' + std::to_string(left)}}))
+  return (left == 0 ? call("/ormel/privilege/unset", {{"user", user}})
+                    : call("/ormel/privilege/set", {{"user", user + '|' + std::to_string(left)}}))
              .error == 0;
 }
 
@@ -58,8 +51,9 @@ Result show(const std::string& user) {
   const SecondFactor factor = SecondFactors{}.of(user);
   ormel::Json rows{json_array()};
   json_array_append_new(rows.get(), row_of(user, factor).release());
-  return done("", std::move(rows),
-              {{"user", "USER"}, {"second_factor", "2ND FACTOR"}, {"recovery_codes", "RECOVERY CODES"}});
+  return done(
+      "", std::move(rows),
+      {{"user", "USER"}, {"second_factor", "2ND FACTOR"}, {"recovery_codes", "RECOVERY CODES"}});
 }
 
 // The rights go first: whatever ends this in between, no login without a code is left open by a
@@ -98,9 +92,9 @@ Result make_optional(const std::string& user) {
         return factor.state != State::Damaged;
       }))
     return unwritable();
-  return done(user + (after.asks() ? " may switch the second factor off"
-                                   : " logs in by password alone"),
-              row_of(user, after));
+  return done(
+      user + (after.asks() ? " may switch the second factor off" : " logs in by password alone"),
+      row_of(user, after));
 }
 
 // What was required stays so: the next login at the web interface sets up a new one.
@@ -114,12 +108,12 @@ Result reset(const std::string& user) {
         return any;
       }))
     return unwritable();
-  if (!any)
-    return failed(Exit::NotFound, user + " has no second factor", "ormelctl user list");
-  return done(user + (after.required ? " logs in at the web interface by password and must set up a "
-                                       "new second factor there"
-                                     : " logs in by password alone"),
-              row_of(user, after));
+  if (!any) return failed(Exit::NotFound, user + " has no second factor", "ormelctl user list");
+  return done(
+      user + (after.required ? " logs in at the web interface by password and must set up a "
+                               "new second factor there"
+                             : " logs in by password alone"),
+      row_of(user, after));
 }
 
 struct Action {
@@ -135,17 +129,10 @@ bool is_known(const std::string& user) {
 
 }  // namespace
 
-const char* name_of(State state) {
-  for (const StateName& row : STATES) {
-    if (row.state == state) return row.name;
-  }
-  return "";
-}
-
 std::string second_factor_text(const SecondFactor& factor) {
   if (factor.is_missing()) return "required, not set up";
   if (factor.state == State::Off || factor.state == State::Pending) return "";
-  return std::string(name_of(factor.state)) + (factor.required ? ", required" : "");
+  return std::string(fenro::name_of(factor.state)) + (factor.required ? ", required" : "");
 }
 
 Result user_totp(const Arguments& arguments) {

@@ -5,6 +5,7 @@
 #include "ormel/base/error.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/profile.h"
+#include "ormelctl/second_factor.h"
 
 namespace ormelctl {
 namespace {
@@ -12,7 +13,10 @@ namespace {
 constexpr const char* MOST_ROWS = "100000";
 constexpr int RIGHTS = ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE | ormel::OVPN_SERVER_TYPE |
                        ormel::DROVIK_SERVER_TYPE;
-const Columns USER_COLUMNS = {{"user", "USER"}, {"rights_text", "RIGHTS"}, {"blocked", "BLOCKED"}};
+const Columns USER_COLUMNS = {{"user", "USER"},
+                              {"rights_text", "RIGHTS"},
+                              {"second_factor", "2ND FACTOR"},
+                              {"blocked", "BLOCKED"}};
 
 std::string rights_text(int mask) {
   std::string text;
@@ -53,9 +57,10 @@ int stored_rights(const std::string& user) {
 }
 
 ormel::Json user_row(const std::string& user, int mask, bool blocked) {
-  return ormel::Json{json_pack("{s:s, s:i, s:s, s:b}", "user", user.c_str(), "rights", mask,
-                               "rights_text", rights_text(mask).c_str(), "blocked",
-                               blocked ? 1 : 0)};
+  const std::string factor = second_factor_text(fenro::SecondFactors{}.of(user));
+  return ormel::Json{json_pack("{s:s, s:i, s:s, s:s, s:b}", "user", user.c_str(), "rights", mask,
+                               "rights_text", rights_text(mask).c_str(), "second_factor",
+                               factor.c_str(), "blocked", blocked ? 1 : 0)};
 }
 
 Result set_rights(const std::string& user, int mask, const std::string& message) {
@@ -116,7 +121,13 @@ Result user_grant(const Arguments& arguments) {
   const ChangeLock lock;
   if (!lock) return locked_out();
   const int all = (stored_rights(user) & RIGHTS) | mask;
-  return set_rights(user, all, user + " may use " + rights_text(all));
+  Result result = set_rights(user, all, user + " may use " + rights_text(all));
+  const bool closed = (mask & (ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE)) != 0 &&
+                      fenro::SecondFactors{}.of(user).required;
+  if (closed && result.exit == Exit::Done)
+    result.note = "a second factor is required of " + user +
+                  ", for which pptp and l2tp have no place: logins there are refused";
+  return result;
 }
 
 Result user_revoke(const Arguments& arguments) {

@@ -4,8 +4,6 @@
 
 #include "base/second_factor.h"
 
-#include <dlfcn.h>
-
 #include <fenro/event_log.h>
 #include <jansson.h>
 
@@ -50,10 +48,7 @@ Result ctl(std::vector<std::string> words) {
 }
 
 int events(const char* text) {
-  void* const library = dlopen("libfenro.so", RTLD_NOW);
-  const auto count = reinterpret_cast<decltype(&naslog_event_query_count_ex)>(
-      dlsym(library, "naslog_event_query_count_ex"));
-  return count(0, "", "", USER, "", "", text, "", "");
+  return naslog_event_query_count_ex(0, "", "", USER, "", "", text, "", "");
 }
 
 // One after the other counts each step; this makes the present one good again.
@@ -97,15 +92,14 @@ class SecondFactorLogin : public testing::Test {
     return run({"/usr/sbin/ormel.sauth"}, login(typed, user)).status == 0;
   }
   static std::string log_in(const std::string& typed, const std::string& code = {}) {
-    return https("/fenro/login", {"--data-urlencode", std::string("user=") + USER,
-                                  "--data-urlencode", "password=" + typed, "--data-urlencode",
-                                  "code=" + code})
+    return https("/fenro/login",
+                 {"--data-urlencode", std::string("user=") + USER, "--data-urlencode",
+                  "password=" + typed, "--data-urlencode", "code=" + code})
         .body;
   }
   static std::vector<std::string> reasons() {
     std::vector<std::string> all;
-    for (const auto& row :
-         log_rows<db_conn_server_log>(ormel::log_db::CONN_SERVER_LOG.query))
+    for (const auto& row : log_rows<db_conn_server_log>(ormel::log_db::CONN_SERVER_LOG.query))
       all.emplace_back(row.device_info);
     return all;
   }
@@ -167,8 +161,9 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
   EXPECT_GT(events("(code-used)"), 0);
   EXPECT_EQ(events("(code-missing)"), 1);
   for (const std::string& hidden : {secret, spare(0), spare(7)})
-    EXPECT_EQ(run({"/bin/grep", "-rF", hidden, "/var/log", "/run/fenro", "/var/lib/ormel/audit"}).out,
-              "");
+    EXPECT_EQ(
+        run({"/bin/grep", "-rF", hidden, "/var/log", "/run/fenro", "/var/lib/ormel/audit"}).out,
+        "");
 }
 
 TEST_F(SecondFactorLogin, TheHookTellsTheAdministratorAloneWhatIsWrong) {
@@ -205,9 +200,9 @@ TEST_F(SecondFactorLogin, ACodeLetsOneOf64LoginsIn) {
   enrol();
   constexpr int LOGINS = 64;
   write("/tmp/login", "username=guest\npassword=" + password + code_now() + '\n');
-  const std::string script =
-      "export $(cat /tmp/login) untrusted_ip=203.0.113.9; for i in $(seq " + std::to_string(LOGINS) +
-      "); do /usr/sbin/ormel.sauth && echo in >>/tmp/admitted & done; wait";
+  const std::string script = "export $(cat /tmp/login) untrusted_ip=203.0.113.9; for i in $(seq " +
+                             std::to_string(LOGINS) +
+                             "); do /usr/sbin/ormel.sauth && echo in >>/tmp/admitted & done; wait";
   fs::remove("/tmp/admitted");
   run({"/bin/sh", "-c", script});
   EXPECT_EQ(read("/tmp/admitted"), "in\n");
@@ -236,9 +231,9 @@ TEST_F(SecondFactorLogin, IsRequiredAndResetByRoot) {
                 HasSubstr("\"error\":45"));
   const std::string secret =
       member(https("/ormel/my/totp_begin", {"--data", "sid=" + sid}).body, "secret");
-  EXPECT_THAT(https("/ormel/my/totp_confirm",
-                    {"--data", "sid=" + sid + "&code=" + code_now(secret)}).body,
-              HasSubstr("recovery"));
+  EXPECT_THAT(
+      https("/ormel/my/totp_confirm", {"--data", "sid=" + sid + "&code=" + code_now(secret)}).body,
+      HasSubstr("recovery"));
   EXPECT_THAT(https("/ormel/config/show", {"--data", "type=256&sid=" + sid}).body,
               HasSubstr("\"error\":0"));
   forget_used_steps();

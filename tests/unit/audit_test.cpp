@@ -374,11 +374,11 @@ TEST_F(AuditRoutes, HaveOneRowForEachRequestThatChangesSomething) {
     const struct {
       const char *session, *user;
       int code;
-    } cases[] = {{"sid=admin", "admin", code},
-                 {"sid=guest", "guest",
-                  row.access.least == GENERAL_USER ? code : row.access.refusal},
-                 {"sid=gone", "", ERR_SESSION_FAIL},
-                 {"", "", ERR_SESSION_FAIL}};
+    } cases[] = {
+        {"sid=admin", "admin", code},
+        {"sid=guest", "guest", row.access.least == GENERAL_USER ? code : row.access.refusal},
+        {"sid=gone", "", ERR_SESSION_FAIL},
+        {"", "", ERR_SESSION_FAIL}};
     for (const auto& [session, user, result] : cases) {
       const std::vector<Entry> found = rows_after(row, session);
       if (row.effect == cgi::READS) {

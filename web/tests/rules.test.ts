@@ -37,6 +37,7 @@ import { bandOf, guardForm, stoppedBy, type Guard } from '../src/pages/guard'
 import { eventsOf, unseen, type Report as Event } from '../src/pages/notify'
 import { thrownOut } from '../src/pages/rights'
 import { loginResult } from '../src/pages/sdwan'
+import { grouped, hasNoCode, isCode } from '../src/pages/secondfactor'
 import { conflicts } from '../src/pages/servers.rows'
 import { address, endpoint, freeAddress, key, page, pool, range } from '../src/rules'
 import { clientState, cureOf, isSettled, serverState, whyOf } from '../src/reasons'
@@ -569,5 +570,19 @@ describe('backups', () => {
     }
     expect(changeRows({ ...none, changed: ['a', 'b'] })[0]?.[1]).toBe('a, b')
     expect(changeRows(none).map(([, names]) => names)).toEqual(['', '', '', ''])
+  })
+})
+
+describe('second factor', () => {
+  it('knows a code and a recovery code, however they are typed', () => {
+    for (const code of ['012345', '012 345', 'ABCD-EFGH-IJ27', 'abcd-efgh-ij27'])
+      expect(isCode(code), code).toBe(true)
+    for (const code of ['', '12345', '1234567', '12345a', 'ABCD-EFGH-IJ28', 'ABCDEFGHIJ27'])
+      expect(isCode(code), code).toBe(false)
+  })
+
+  it('shows a secret in groups, and names what has no place for a code', () => {
+    expect(grouped('ABCDEFGHIJ')).toBe('ABCD EFGH IJ')
+    expect([1, 2, 4, 8, 16].filter(hasNoCode)).toEqual([1, 2])
   })
 })

@@ -48,12 +48,17 @@ struct PartName {
   const char* name;
 };
 constexpr PartName PARTS[] = {
-    {Part::Settings, "settings"}, {Part::Profiles, "profiles"},
-    {Part::Peers, "peers"},       {Part::Certificates, "certificates"},
-    {Part::Rights, "rights"},     {Part::BlockPolicy, "block-policy"},
+    {Part::Settings, "settings"},
+    {Part::Profiles, "profiles"},
+    {Part::Peers, "peers"},
+    {Part::Certificates, "certificates"},
+    {Part::Rights, "rights"},
+    {Part::BlockPolicy, "block-policy"},
     {Part::SecondFactors, "second-factors"},
-    {Part::Holds, "holds"},       {Part::Gateway, "gateway"},
-    {Part::Guard, "guard"},       {Part::Keeper, "keeper"},
+    {Part::Holds, "holds"},
+    {Part::Gateway, "gateway"},
+    {Part::Guard, "guard"},
+    {Part::Keeper, "keeper"},
     {Part::Address, "address"},
 };
 

@@ -1,11 +1,12 @@
 // The second factor of the session's own user: set up with an authenticator app, and switched off
 // with one of its codes. No variable names another user.
+#include "base/second_factor.h"
+
 #include <chrono>
 #include <ctime>
 #include <thread>
 #include <unistd.h>
 
-#include "base/second_factor.h"
 #include "ormel/actions/log_db.h"
 #include "ormel/base/text.h"
 #include "ormel/web/routes.h"
@@ -25,8 +26,9 @@ const Outcome UNWRITABLE{ERR_SAVE_FILE,
 const Outcome NO_CRYPTO{ERR_NOT_SUPPORT, "codes cannot be computed here: libcrypto is missing"};
 const Outcome IS_ON{ERR_NOT_SUPPORT, "a second factor is on: switch it off first"};
 const Outcome IS_OFF{ERR_NOT_SUPPORT, "no second factor is on"};
-const Outcome DAMAGED{ERR_NOT_SUPPORT,
-                      "what is stored of the second factor is damaged: an administrator can reset it"};
+const Outcome DAMAGED{
+    ERR_NOT_SUPPORT,
+    "what is stored of the second factor is damaged: an administrator can reset it"};
 const Outcome NOT_BEGUN{ERR_NOT_SUPPORT, "the set-up has not begun, or took too long: begin again"};
 const Outcome BLOCKED{ERR_ACCESS, "blocked after too many wrong codes, try again later"};
 const Outcome WRONG_CODE{ERR_VALUE, "this code is wrong, or was used before"};

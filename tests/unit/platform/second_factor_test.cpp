@@ -2,11 +2,10 @@
 
 #include <ctime>
 #include <filesystem>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gmock/gmock.h>
 
 #include "base/base64.h"
 #include "unit/platform/scratch.h"
@@ -38,15 +37,18 @@ TEST(Totp, ComputesTheCodesOfTheStandard) {
   };
   for (const auto& [seconds, code] :
        {Vector{59, "287082"}, Vector{1111111109, "081804"}, Vector{1111111111, "050471"},
-        Vector{1234567890, "005924"}, Vector{2000000000, "279037"},
-        Vector{20000000000, "353130"}})
+        Vector{1234567890, "005924"}, Vector{2000000000, "279037"}, Vector{20000000000, "353130"}})
     EXPECT_EQ(code_of(seconds), code) << seconds;
 }
 
 TEST(Totp, ReadsTheBase32ThatItWrites) {
   // The vectors of RFC 4648, without their padding.
-  constexpr const char* PAIRS[][2] = {{"", ""},           {"f", "MY"},        {"fo", "MZXQ"},
-                                      {"foo", "MZXW6"},   {"foob", "MZXW6YQ"}, {"fooba", "MZXW6YTB"},
+  constexpr const char* PAIRS[][2] = {{"", ""},
+                                      {"f", "MY"},
+                                      {"fo", "MZXQ"},
+                                      {"foo", "MZXW6"},
+                                      {"foob", "MZXW6YQ"},
+                                      {"fooba", "MZXW6YTB"},
                                       {"foobar", "MZXW6YTBOI"}};
   std::string bytes;
   for (const auto& [plain, text] : PAIRS) {
@@ -71,8 +73,8 @@ TEST(TakeCode, AcceptsOneStepAroundThePresentAndNoMore) {
   };
   for (const auto& [away, expected] :
        {Row{-31, FactorRefusal::Late}, Row{-30, FactorRefusal::None}, Row{0, FactorRefusal::None},
-        Row{59, FactorRefusal::None}, Row{60, FactorRefusal::Late},
-        Row{-600, FactorRefusal::Late}, Row{3600, FactorRefusal::Wrong}}) {
+        Row{59, FactorRefusal::None}, Row{60, FactorRefusal::Late}, Row{-600, FactorRefusal::Late},
+        Row{3600, FactorRefusal::Wrong}}) {
     SecondFactor factor = enrolled();
     EXPECT_EQ(take_code(factor, code_of(NOW + away), NOW), expected) << away;
   }
