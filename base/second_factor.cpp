@@ -29,7 +29,7 @@ constexpr auto LONGEST_WAIT = seconds(5);               // for the lock
 constexpr auto PAUSE = milliseconds(5);
 
 constexpr totp::Step WINDOW = 1;       // steps before and after the present one that count
-constexpr totp::Step RECOGNISED = 20;  // and those that are told from a wrong code
+constexpr totp::Step RECOGNISED = 20;  // those that are recognised as late
 
 // A recovery code is three groups of four letters of base32: ABCD-EFGH-IJKL, 60 bits.
 constexpr std::size_t GROUP = 4;

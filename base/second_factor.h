@@ -58,8 +58,7 @@ enum class FactorRefusal : int {
   NoLibrary = -4108,   // codes cannot be computed
 };
 
-// For the administrator's log, with a word that can be searched for; null for a number that is none
-// of these.
+// For the administrator's log, with a word that can be searched for; null for any other number.
 [[nodiscard]] const char* reason_of_factor(int result);
 
 // The exit status by which a program passes one of these numbers on, and back; 0 for others.

@@ -188,6 +188,41 @@ TEST_F(SecondFactorLogin, TheHookTellsTheAdministratorAloneWhatIsWrong) {
   EXPECT_THAT(reasons(), testing::Contains(HasSubstr("blocked")));
 }
 
+// The other logins by password, and the profile that asks for the code apart.
+TEST_F(SecondFactorLogin, PapTakesACodeAndTheProfileAsksForOne) {
+  write("/etc/ppp/pap-secrets", "\"guest\"\tpptpd\t@login\t*\n");
+  const auto pap = [&](const std::string& typed) {
+    return run({"/usr/lib/fenro/fenro-mschap", "pptpd", "pap"}, {},
+               std::string(USER) + '\n' + typed + '\n')
+        .status;
+  };
+  ASSERT_EQ(cli({"-TSOVPN", "-M", "--enable=true", "--ip_pool=10.8.0.0"}).status, 0);
+  const std::string form = "sid=" + member(log_in(password), "sid");
+  const auto profile = [&] { return https("/ormel/my/profile", {"--data", form}).body; };
+  constexpr const char* ASKS = "auth-user-pass\nstatic-challenge \"Code\" 1\n";
+  EXPECT_THAT(profile(), testing::AllOf(HasSubstr("auth-user-pass\n"), Not(HasSubstr(ASKS))));
+  EXPECT_EQ(pap(password), 0);
+  enrol();
+  EXPECT_THAT(profile(), HasSubstr(ASKS));
+  EXPECT_EQ(pap(password), 1);
+  EXPECT_EQ(pap(password + code_now()), 0);
+  EXPECT_THAT(https("/ormel/my/show", {"--data", form}).body,
+              HasSubstr(R"("second_factor":{"recovery":0,"required":false,"state":"on"})"));
+  EXPECT_EQ(run({"/usr/sbin/fenro-password", USER}, {}, password + '\n').status, 0)
+      << "root stores a hash, and does not log in";
+}
+
+TEST_F(SecondFactorLogin, ARequirementCanBeTriedAndTakenBack) {
+  EXPECT_EQ(ctl({"--dry-run", "user", "totp", USER, "require"}).status, 0);
+  EXPECT_TRUE(hook_admits(password));
+  EXPECT_EQ(ctl({"user", "totp", USER, "require"}).status, 0);
+  EXPECT_FALSE(hook_admits(password));
+  const Result undone = ctl({"undo", "--yes"});
+  EXPECT_EQ(undone.status, 0) << undone.err;
+  EXPECT_TRUE(hook_admits(password));
+  EXPECT_THAT(read("/etc/config/vpn_user_ex.conf"), HasSubstr("guest:1:1:1:0:1"));
+}
+
 // Whether the password was right must not show in how long the answer takes.
 TEST_F(SecondFactorLogin, AWrongCodeTakesTheTimeOfAWrongPassword) {
   enrol();

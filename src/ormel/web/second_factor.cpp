@@ -90,7 +90,7 @@ Outcome confirm(const Request& request, JsonValue& reply) {
     const std::int64_t now = std::time(nullptr);
     if (!has_begun(factor, now)) return NOT_BEGUN;
     const FactorRefusal refusal = fenro::take_code(factor, typed_code(request), now);
-    // Whoever sets it up knows the secret, so there is nothing to hide.
+    // The user has just seen the secret, so there is nothing to hide.
     if (refusal != FactorRefusal::None)
       return {ERR_VALUE, fenro::reason_of_factor(static_cast<int>(refusal))};
     recovery = fenro::renew_recovery(factor);
