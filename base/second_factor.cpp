@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <iterator>
 #include <optional>
+#include <pwd.h>
 #include <sys/file.h>
 #include <thread>
 #include <unistd.h>
@@ -153,6 +154,19 @@ SecondFactor factor_in(int failure, std::string_view conf, const std::string& us
   const bool readable = read_file(users_file.c_str(), users, LARGEST) == 0;
   return !rows.empty() || (readable && !fields_of(users, name).empty()) ? damaged()
                                                                         : SecondFactor{};
+}
+
+// A line is for an account, not for a spelling of its name: directories take several.
+std::string account_of(std::string_view user) {
+  constexpr std::size_t LONGEST = std::size_t{64} << 10U;  // bytes of an account's record
+  const std::string typed{user};
+  if (user.find('\0') != std::string_view::npos) return typed;
+  passwd record{};
+  passwd* found = nullptr;
+  std::string buffer(LONGEST, '\0');
+  const bool known =
+      getpwnam_r(typed.c_str(), &record, buffer.data(), buffer.size(), &found) == 0 && found;
+  return known ? record.pw_name : typed;
 }
 
 // An empty text removes the file.
@@ -312,7 +326,7 @@ SecondFactor SecondFactors::of(std::string_view user) const {
   std::string conf;
   const int failure = read_file(conf_.c_str(), conf, LARGEST);
   if (failure == ENOENT) return {};
-  return factor_in(failure, conf, users_, totp::percent_encoded(user));
+  return factor_in(failure, conf, users_, totp::percent_encoded(account_of(user)));
 }
 
 bool SecondFactors::change(std::string_view user,
@@ -327,7 +341,7 @@ bool SecondFactors::change(std::string_view user,
   const int failed = read_file(users_.c_str(), users, LARGEST);
   if (failed != 0 && failed != ENOENT && failed != EINVAL) return false;
 
-  const std::string name = totp::percent_encoded(user);
+  const std::string name = totp::percent_encoded(account_of(user));
   SecondFactor factor = failure == ENOENT ? SecondFactor{} : factor_in(failure, conf, users_, name);
   if (!edit(factor)) return true;
   const bool counts = factor.required || factor.state == State::On;

@@ -196,7 +196,8 @@ TEST_F(SecondFactorLogin, PapTakesACodeAndTheProfileAsksForOne) {
                std::string(USER) + '\n' + typed + '\n')
         .status;
   };
-  ASSERT_EQ(cli({"-TSOVPN", "-M", "--enable=true", "--ip_pool=10.8.0.0"}).status, 0);
+  write(VPN_CONF, "[OPENVPN]\nEnable = TRUE\n");
+  write("/etc/openvpn/keys/ca.crt", "a certificate\n");
   const std::string form = "sid=" + member(log_in(password), "sid");
   const auto profile = [&] { return https("/ormel/my/profile", {"--data", form}).body; };
   constexpr const char* ASKS = "auth-user-pass\nstatic-challenge \"Code\" 1\n";
