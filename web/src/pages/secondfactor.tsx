@@ -178,6 +178,12 @@ function SwitchOff({ onDone }: { onDone: () => void }) {
   )
 }
 
+// Whether the session is good for the set-up alone.
+function mustEnrol(enrol: boolean): void {
+  const login = session.login.peek()
+  if (login) session.begin({ ...login, enrol: enrol || undefined })
+}
+
 export function SecondFactor({
   factor,
   without,
@@ -207,7 +213,7 @@ export function SecondFactor({
       {without.length > 0 && (
         <Notice>{t('factor.without', { servers: without.map(labelOf).join(', ') })}</Notice>
       )}
-      {on && <SwitchOff onDone={onChanged} />}
+      {on && <SwitchOff onDone={factor.required ? () => mustEnrol(true) : onChanged} />}
       {!on && factor.state !== 'damaged' && (
         <Enrol
           onBegin={() => setEnrolling(true)}
@@ -220,16 +226,12 @@ export function SecondFactor({
 
 // All that a user sees who has to set one up first.
 export function EnrolPage() {
-  const done = () => {
-    const login = session.login.peek()
-    if (login) session.begin({ ...login, enrol: undefined })
-  }
   return (
     <main class="front">
       <div class="card">
         <h1>{t('factor.title')}</h1>
         <Notice>{t('factor.required')}</Notice>
-        <Enrol onDone={done} />
+        <Enrol onDone={() => mustEnrol(false)} />
         <p class="row end">
           <button type="button" class="link" onClick={() => session.end()}>
             {t('login.other')}

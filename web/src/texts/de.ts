@@ -887,7 +887,7 @@ const german: Catalogue = {
     'Für die OpenVPN-App, die nach dem Code Ihres zweiten Faktors fragt. Frühere Profile tun das nicht: Tippen Sie den Code dort gleich hinter das Passwort.',
   'factor.title': 'Zweiter Faktor',
   'factor.why':
-    'Mit einem zweiten Faktor öffnet Ihr Passwort allein nichts: Jede Anmeldung braucht auch einen Code aus einer App auf Ihrem Telefon.',
+    'Mit einem zweiten Faktor braucht jede Anmeldung mit Passwort auch einen Code aus einer App auf Ihrem Telefon. WireGuard-Geräte melden sich nicht an.',
   'factor.required':
     'Ein Administrator verlangt einen zweiten Faktor. Bis Sie ihn eingerichtet haben, können Sie hier nichts anderes tun und kein VPN benutzen.',
   'factor.begin': 'Zweiten Faktor einrichten',

@@ -849,7 +849,7 @@ export default {
     'For the OpenVPN app, which asks for the code of your second factor. Earlier profiles do not: type the code right after the password there.',
   'factor.title': 'Second factor',
   'factor.why':
-    'With a second factor, your password alone opens nothing: each login also needs a code from an app on your phone.',
+    'With a second factor, each login by password also needs a code from an app on your phone. WireGuard devices have no login.',
   'factor.required':
     'An administrator requires a second factor. Until you have set it up, you can do nothing else here and use no VPN.',
   'factor.begin': 'Set up a second factor',

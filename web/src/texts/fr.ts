@@ -879,7 +879,7 @@ const french: Catalogue = {
     'Pour l’application OpenVPN, qui demande le code de votre second facteur. Les profils antérieurs ne le font pas : tapez-y le code juste après le mot de passe.',
   'factor.title': 'Second facteur',
   'factor.why':
-    'Avec un second facteur, votre mot de passe seul n’ouvre rien : chaque connexion exige aussi un code d’une application de votre téléphone.',
+    'Avec un second facteur, chaque connexion par mot de passe exige aussi un code d’une application de votre téléphone. Les appareils WireGuard ne se connectent pas par mot de passe.',
   'factor.required':
     'Un administrateur exige un second facteur. Tant que vous ne l’avez pas configuré, vous ne pouvez rien faire d’autre ici ni utiliser de VPN.',
   'factor.begin': 'Configurer un second facteur',
