@@ -90,7 +90,7 @@ bool is_secret(std::string_view text) {
 
 // The fields of a line after the name.
 std::optional<SecondFactor> parse(std::string_view fields) {
-  if (std::ranges::count(fields, ':') != 5) return {};
+  if (std::ranges::count(fields, ':') != 6) return {};
   SecondFactor factor;
   const bool known = parse_state(take_until(fields, ':'), factor.state);
   const std::string_view need = take_until(fields, ':');
@@ -100,6 +100,7 @@ std::optional<SecondFactor> parse(std::string_view fields) {
                      (factor.state == State::Off || is_secret(factor.secret)) &&
                      parse_number(take_until(fields, ':'), factor.begun) &&
                      parse_number(take_until(fields, ':'), factor.used) &&
+                     parse_number(take_until(fields, ':'), factor.misses) &&
                      parse_digests(fields, factor.recovery);
   if (!whole) return {};
   return factor;
@@ -111,7 +112,7 @@ std::string line_of(const std::string& name, const SecondFactor& factor) {
   line += ':';
   line += factor.required ? REQUIRED : FREE;
   line += ':' + factor.secret + ':' + std::to_string(factor.begun) + ':' +
-          std::to_string(factor.used) + ':';
+          std::to_string(factor.used) + ':' + std::to_string(factor.misses) + ':';
   for (std::size_t i = 0; i < factor.recovery.size(); ++i)
     line += (i == 0 ? "" : ",") + factor.recovery[i];
   return line + '\n';
@@ -361,6 +362,7 @@ FactorRefusal SecondFactors::use(std::string_view user, std::string_view code) c
   const bool written = change(user, [&](SecondFactor& factor) {
     refusal = factor.state == State::On ? take_code(factor, code, std::time(nullptr))
                                         : FactorRefusal::Damaged;
+    factor.misses = 0;
     return refusal == FactorRefusal::None;
   });
   return written ? refusal : FactorRefusal::NotWritten;

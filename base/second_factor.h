@@ -2,9 +2,10 @@
 // counts once.
 //
 // /etc/config/ormel/totp.conf has a line for each user:
-// NAME:STATE:NEED:SECRET:BEGUN:USED:DIGESTS, where NAME is percent-encoded, STATE one of "off",
-// "pending" and "on", NEED "required" or "free", SECRET base32, BEGUN the time at which a pending
-// one began, USED the last step whose code has counted, and DIGESTS those of the unused recovery
+// NAME:STATE:NEED:SECRET:BEGUN:USED:MISSES:DIGESTS, where NAME is percent-encoded, STATE one of
+// "off", "pending" and "on", NEED "required" or "free", SECRET base32, BEGUN the time at which a
+// pending one began, USED the last step whose code has counted, MISSES how often it was to be
+// switched off with a wrong code since the last login, and DIGESTS those of the unused recovery
 // codes, with commas. Without the file nobody has a second factor.
 //
 // totp.users beside it names those whom the first file concerns, a line each. Such a user whose
@@ -30,6 +31,7 @@ struct SecondFactor {
   std::string secret{};                 // base32
   std::int64_t begun = 0;               // seconds since the epoch
   totp::Step used = 0;                  // codes of this and earlier steps do not count any more
+  int misses = 0;                       // wrong codes in a row for switching it off
   std::vector<std::string> recovery{};  // digests
 
   // Whether a login without a code is refused.
@@ -43,6 +45,7 @@ struct SecondFactor {
 
 inline constexpr std::int64_t PENDING_SECONDS = 600;
 inline constexpr std::size_t RECOVERY_CODES = 8;
+inline constexpr int MOST_MISSES = 5;
 
 // What is wrong with the second factor of a login. Check_NAS_User_Password returns these numbers
 // besides 0 and -1, which says nothing about a second factor.

@@ -81,6 +81,11 @@ Result require(const std::string& user) {
                        row_of(user, after));
   if (!taken.empty())
     result.note = taken + " cannot carry a code: " + user + " may not use it any more";
+  const Reply policy = call("/ormel/privilege/block_show");
+  if (policy.error == 0 && !json_is_true(json_object_get(policy.data(), "enable")))
+    result.note += std::string(result.note.empty() ? "" : "; ") +
+                   "codes can be guessed while the policy on wrong passwords is off: "
+                   "ormelctl user policy --enable yes";
   return result;
 }
 

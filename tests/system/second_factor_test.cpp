@@ -154,7 +154,12 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
   EXPECT_THAT(log_in(password, code_now(secret).insert(3, " ")), HasSubstr("\"error\":0"));
   EXPECT_TRUE(admits_by_mschap(password)) << "the stored hash is that of the password alone";
 
-  EXPECT_THAT(web("off", "&code=000000"), HasSubstr("\"error\":9"));
+  write(POLICY, R"({"global": {"enable": false, "limit": 5, "time": 30}})");
+  for (int i = 0; i < fenro::MOST_MISSES; ++i)
+    EXPECT_THAT(web("off", "&code=000000"), HasSubstr("\"error\":9"));
+  EXPECT_THAT(web("off", "&code=" + spare(7)), HasSubstr("\"error\":45"))
+      << "a session alone guesses none, whatever the policy is";
+  EXPECT_THAT(log_in(password, spare(6)), HasSubstr("\"error\":0"));
   EXPECT_EQ(web("off", "&code=" + spare(7)), OK);
   EXPECT_THAT(log_in(password), HasSubstr("\"error\":0"));
   EXPECT_FALSE(fs::exists(TOTP_CONF));

@@ -30,15 +30,16 @@ const Outcome DAMAGED{
     ERR_NOT_SUPPORT,
     "what is stored of the second factor is damaged: an administrator can reset it"};
 const Outcome NOT_BEGUN{ERR_NOT_SUPPORT, "the set-up has not begun, or took too long: begin again"};
-const Outcome BLOCKED{ERR_ACCESS, "blocked after too many wrong codes, try again later"};
+const Outcome BLOCKED{ERR_ACCESS, "blocked after too many wrong codes: log in again with a code"};
 const Outcome WRONG_CODE{ERR_VALUE, "this code is wrong, or was used before"};
 
-// Puts what `edit` makes of the user's second factor into the store, unless it fails.
+// Puts what `edit` makes of the user's second factor into the store, unless it fails in another way
+// than by a wrong code, which may have been counted.
 Outcome change(const std::string& user, const std::function<Outcome(SecondFactor& factor)>& edit) {
   Outcome outcome;
   const bool written = SecondFactors{}.change(user, [&](SecondFactor& factor) {
     outcome = factor.state == SecondFactor::State::Damaged ? DAMAGED : edit(factor);
-    return outcome.code == NO_ERROR;
+    return outcome.code == NO_ERROR || outcome.code == ERR_VALUE;
   });
   return written ? outcome : UNWRITABLE;
 }
@@ -104,15 +105,17 @@ Outcome confirm(const Request& request, JsonValue& reply) {
   return {};
 }
 
-// Wrong codes count like wrong passwords: a session alone must not be enough to guess one. They
-// count under the store's lock, so that none is tried beside another.
+// Wrong codes count like wrong passwords, and also where the policy on those is off: a session
+// alone must not be enough to guess one. The store's lock lets none be tried beside another.
 Outcome switch_off(const Request& request, JsonValue&) {
   const std::string user = request.name();
   const Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
     if (factor.state != SecondFactor::State::On) return IS_OFF;
-    if (check_privilege_user_block(user.c_str()) != 0) return BLOCKED;
+    if (factor.misses >= fenro::MOST_MISSES || check_privilege_user_block(user.c_str()) != 0)
+      return BLOCKED;
     if (fenro::take_code(factor, typed_code(request), std::time(nullptr)) != FactorRefusal::None) {
       std::ignore = add_privilege_user_block(user.c_str());  // the code is refused anyway
+      ++factor.misses;
       return WRONG_CODE;
     }
     const bool required = factor.required;

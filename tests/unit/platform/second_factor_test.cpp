@@ -175,9 +175,9 @@ TEST_F(SecondFactorsTest, DamageRefusesWhomItConcernsAndNobodyElse) {
       "rob" + whole.substr(3),
       whole + whole,
       "bob:maybe" + whole.substr(6),
-      "bob:on:free:AAAA:0:0:\n",
-      "bob:on:free:" + totp::to_base32(SECRET) + ":0:x:\n",
-      "bob:on:free:" + totp::to_base32(SECRET) + ":0:0:short\n",
+      "bob:on:free:AAAA:0:0:0:\n",
+      "bob:on:free:" + totp::to_base32(SECRET) + ":0:x:0:\n",
+      "bob:on:free:" + totp::to_base32(SECRET) + ":0:0:0:short\n",
       std::string(5UL << 20U, 'x'),
   };
   for (const std::string& content : contents) {
