@@ -1,10 +1,18 @@
-// The check of a password through PAM, which is loaded only by a run that checks one.
+// The check of a password through PAM, which is loaded only by a run that checks one, and of the
+// second factor of those who have one.
+#include "libfenro/password.h"
+
 #include <cstring>
+#include <ctime>
+#include <string>
+#include <tuple>
 
 #include <fenro/auth.h>
 #include <security/pam_appl.h>
 
 #include "base/c_memory.h"
+#include "base/random_name.h"
+#include "base/second_factor.h"
 #include "libfenro/dynamic.h"
 
 namespace fenro {
@@ -71,6 +79,17 @@ int converse(int count, const pam_message** messages, pam_response** replies, vo
   return *replies ? PAM_SUCCESS : PAM_BUF_ERR;
 }
 
+class WipedOnReturn {
+ public:
+  explicit WipedOnReturn(std::string& text) : text_(text) {}
+  WipedOnReturn(const WipedOnReturn&) = delete;
+  WipedOnReturn& operator=(const WipedOnReturn&) = delete;
+  ~WipedOnReturn() { explicit_bzero(text_.data(), text_.size()); }
+
+ private:
+  std::string& text_;
+};
+
 int check(const char* user, const char* password) {
   const pam_conv conversation{converse,
                               const_cast<char*>(password)};  // only handed through to converse
@@ -83,10 +102,55 @@ int check(const char* user, const char* password) {
   return rc;
 }
 
+constexpr int REFUSED = -1;
+
+// A refusal that takes PAM's time for a wrong password: how long an answer takes must not tell that
+// the password was right.
+int refuse(const char* user, FactorRefusal refusal) {
+  constexpr std::size_t LENGTH = 32;
+  std::string wrong(LENGTH, '\1');
+  std::ignore = random_name(wrong);  // control characters are nobody's password, either
+  std::ignore = check(user, wrong.c_str());
+  return static_cast<int>(refusal);
+}
+
+int check_with_code(const char* user, const char* typed, SecondFactor& factor,
+                    const SecondFactors& store, std::string* own) {
+  TypedLogin login = split_login(typed);
+  const WipedOnReturn wiped{login.password};
+  // The code is only marked as used once the password is known to be right, or a typing error would
+  // cost half a minute.
+  FactorRefusal refusal = factor.state == SecondFactor::State::On
+                              ? take_code(factor, login.code, std::time(nullptr))
+                              : FactorRefusal::Damaged;
+  if (refusal != FactorRefusal::None) return refuse(user, refusal);
+  if (check(user, login.password.c_str()) != PAM_SUCCESS) return REFUSED;
+  refusal = store.use(user, login.code);
+  if (refusal != FactorRefusal::None) return refuse(user, refusal);
+  if (own) *own = login.password;
+  return 0;
+}
+
 }  // namespace
+
+bool is_password_of(const char* user, const char* password) {
+  return user && *user && password && pam().ready && check(user, password) == PAM_SUCCESS;
+}
+
+int check_login(const char* user, const char* typed, LoginKind kind, std::string* own) {
+  if (!user || !*user || !typed || !pam().ready) return REFUSED;
+  const SecondFactors store;
+  SecondFactor factor = store.of(user);
+  if (factor.asks()) return check_with_code(user, typed, factor, store, own);
+  if (check(user, typed) != PAM_SUCCESS) return REFUSED;
+  if (factor.is_missing() && kind == LoginKind::Server)
+    return static_cast<int>(FactorRefusal::NotSetUp);
+  if (own) *own = typed;
+  return 0;
+}
+
 }  // namespace fenro
 
 int Check_NAS_User_Password(const char* user, const char* password) {
-  if (!user || !*user || !password || !fenro::pam().ready) return -1;
-  return fenro::check(user, password) == PAM_SUCCESS ? 0 : -1;
+  return fenro::check_login(user, password, fenro::LoginKind::Server, nullptr);
 }

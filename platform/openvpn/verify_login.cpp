@@ -26,6 +26,7 @@
 
 #include "base/file.h"
 #include "base/handle.h"
+#include "base/second_factor.h"
 #include "common/connection_log.h"
 #include "common/login_policy.h"
 
@@ -91,11 +92,11 @@ Fd wait_for_hook() {
   _exit(REFUSED);
 }
 
-// Returns whether the hook admits the client. A hook that does not end in time is killed and counts
-// as a refusal.
-bool hook_admits() {
+// Returns the hook's exit status. A hook that does not end in time is killed and counts as a
+// refusal.
+int run_hook() {
   const pid_t child = fork();
-  if (child < 0) return false;
+  if (child < 0) return REFUSED;
   if (child == 0) become_hook();
   const Fd process{static_cast<int>(syscall(SYS_pidfd_open, child, 0))};
   pollfd end{process.get(), POLLIN, 0};
@@ -105,8 +106,8 @@ bool hook_admits() {
     kill(child, SIGKILL);
   }
   int status = 0;
-  return TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) == child && WIFEXITED(status) &&
-         WEXITSTATUS(status) == ADMITTED;
+  const bool ended = TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) == child && WIFEXITED(status);
+  return ended ? WEXITSTATUS(status) : REFUSED;
 }
 
 // The file is the daemon's, which removes it when it no longer waits: a missing one is not created
@@ -132,9 +133,11 @@ fenro::OnlineUser this_login() {
   return login;
 }
 
-// What the hook has written for the client, without the words for its program: "TEMP[backoff
-// 60]:too many …".
-std::string reason_for_client() {
+// What the hook's status says about a second factor, or what it has written for the client, without
+// the words for its program: "TEMP[backoff 60]:too many …".
+std::string reason_of(int status) {
+  if (const char* const factor = fenro::reason_of_factor(fenro::factor_of_status(status)))
+    return factor;
   std::string text;
   if (fenro::read_file(variable("auth_failed_reason_file").c_str(), text) != 0 || text.empty())
     return "wrong password";
@@ -172,9 +175,10 @@ int main() {
     std::ignore = fenro::log_refusal(
         this_login(), "other logins take too long");  // it is refused without it, too
   }
-  const bool admitted = hook && hook_admits();
+  const int status = hook ? run_hook() : REFUSED;
+  const bool admitted = status == ADMITTED;
   const std::string reason =
-      admitted ? "" : reason_for_client();  // the daemon removes the file with the answer
+      admitted ? "" : reason_of(status);  // the daemon removes the file with the answer
   answer(control, admitted);
   if (hook && !admitted) fenro::tell_refusal(this_login(), reason);
   return EXIT_SUCCESS;

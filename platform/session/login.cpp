@@ -1,6 +1,7 @@
 // fenro-login.cgi: the web login of a host. Takes user and password by POST over TLS, asks PAM,
 // begins a session with fenro-session and answers {"error":0,"sid":"...","admin":true}; or ends a
-// session. Every other answer of the login is
+// session. A field "code" holds the code of a second factor, which may also follow the password.
+// Every other answer of the login is
 // {"error":38,"reason":"session pass"}, and for a wrong password it comes after the same time as
 // for an unknown user.
 #include <algorithm>
@@ -28,7 +29,9 @@
 #include "base/body.h"
 #include "base/bus_handle.h"
 #include "base/handle.h"
+#include "base/second_factor.h"
 #include "daemons/mschap/password_table.h"
+#include "libfenro/password.h"
 #include "libfenro/user.h"
 #include "session/login_form.h"
 #include "session/login_page.h"
@@ -130,16 +133,38 @@ void wait_for_whole_step(Clock::time_point start) {
   std::this_thread::sleep_until(start + steps * FAILURE_STEP);
 }
 
-// A name that no session can hold is not shown to PAM's modules.
-bool is_valid(const std::string& user, const char* password) {
+// Returns 0 or what check_login says. A name that no session can hold is not shown to PAM's
+// modules.
+int check(const std::string& user, const char* typed) {
   const bool plain = std::none_of(user.begin(), user.end(),
                                   [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; });
-  const bool good = plain && user.size() < sizeof(_session::user) &&
-                    Check_NAS_User_Password(user.c_str(), password) == 0;
+  if (!plain || user.size() >= sizeof(_session::user)) return -1;
+  std::string password;
+  const int rc = fenro::check_login(user.c_str(), typed, fenro::LoginKind::Web, &password);
   // PPTP and L2TP logins need a hash of the password, which the host does not keep.
-  if (good && !fenro::mschap::store_password(user, password))
+  if (rc == 0 && !fenro::mschap::store_password(user, password))
     log_event(WARNING, user, "[Web] The password hash for PPTP and L2TP could not be stored.");
-  return good;
+  explicit_bzero(password.data(), password.size());
+  return rc;
+}
+
+void log_failure(const std::string& user, int rc) {
+  const char* const factor = fenro::reason_of_factor(rc);
+  const std::string why = factor ? factor : "wrong user name or password";
+  log_event(WARNING, user, ("[Web] Login failed: " + why + '.').c_str());
+}
+
+// What was typed as the password, and behind it the code of a second factor, which has its own
+// field. Users without one leave it empty.
+std::string typed_in(const LoginForm& form) {
+  const std::string_view password = form.value("password"), code = form.value("code");
+  std::string typed;
+  typed.reserve(password.size() + code.size());  // or growing would leave a copy behind
+  typed += password;
+  for (const char c : code) {
+    if (c != ' ') typed += c;
+  }
+  return typed;
 }
 
 void refuse_for_now(const LoginThrottle::Admission& admission, const std::string& user) {
@@ -159,7 +184,10 @@ void begin_session(const std::string& user) {
   }
   log_event(INFORMATION, user, "[Web] User logged in.");
   const bool admin = User_Belongs_To_Group(user.c_str(), ADMINISTRATORS) != 0;
-  answer(OK, R"({"error":0,"sid":")" + *sid + R"(","admin":)" + (admin ? "true}" : "false}"));
+  // With "enrol" the session is good for setting up the required second factor alone.
+  const bool enrol = fenro::SecondFactors{}.of(user).is_missing();
+  answer(OK, R"({"error":0,"sid":")" + *sid + R"(","admin":)" + (admin ? "true" : "false") +
+                 (enrol ? R"(,"enrol":true})" : "}"));
 }
 
 void log_in() {
@@ -175,10 +203,12 @@ void log_in() {
   std::this_thread::sleep_for(admission->delay);
 
   const auto start = Clock::now();
-  const bool valid = is_valid(user, form.value("password"));
+  std::string typed = typed_in(form);
   form.wipe();
-  if (!valid) {
-    log_event(WARNING, user, "[Web] Login failed: wrong user name or password.");
+  const int rc = check(user, typed.c_str());
+  explicit_bzero(typed.data(), typed.size());
+  if (rc != 0) {
+    log_failure(user, rc);
     wait_for_whole_step(start);
     return answer(OK, LOGIN_REFUSED);
   }

@@ -19,6 +19,7 @@ constexpr const char* LOGIN_PAGE = R"(<!DOCTYPE html>
 <form method="post">
 <p><label>User <input name="user" autocomplete="username" maxlength="56" required autofocus></label></p>
 <p><label>Password <input name="password" type="password" autocomplete="current-password" required></label></p>
+<p><label>Second factor code, if you have one <input name="code" autocomplete="one-time-code" maxlength="20"></label></p>
 <p><button>Log in</button></p>
 </form>
 </body>

@@ -45,6 +45,7 @@ constexpr Command COMMANDS[] = {
     {"user",    "revoke",  "USER [PROTOCOL...]", "yes", false, true,  "Revoke rights, all and own devices without a protocol, and end the sessions", "user revoke bob pptp --yes", user_revoke},
     {"user",    "unlock",  "USER", "", false, false, "Unlock a user who is blocked for wrong passwords", "user unlock bob", user_unlock},
     {"user",    "policy",  "", "limit= time= enable=", false, false, "Show or change the policy on wrong passwords", "user policy --enable yes --limit 5 --time 30", user_policy},
+    {"user",    "totp",    "USER [require|optional|reset|status]", "", false, false, "Require a code at a user's logins, or remove what makes the codes", "user totp bob require", user_totp},
     {"who",     "",        "", "", true,  false, "List who is connected to the servers", "who", who},
     {"kick",    "",        "USER|TARGET", "for= yes", false, true,  "End the sessions of a user, or one session, verify it, and keep the user out for a time", "kick bob --for 30m --yes", kick},
     {"hold",    "list",    "", "", true,  false, "List who is kept out of the servers", "hold list", hold_list},

@@ -148,6 +148,7 @@ Result user_grant(const Arguments& arguments);
 Result user_revoke(const Arguments& arguments);
 Result user_unlock(const Arguments& arguments);
 Result user_policy(const Arguments& arguments);
+Result user_totp(const Arguments& arguments);
 
 Result who(const Arguments& arguments);
 Result kick(const Arguments& arguments);

@@ -14,6 +14,7 @@
 #include "ormel/web/hold.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/profile.h"
+#include "ormelctl/second_factor.h"
 
 namespace ormelctl {
 namespace {
@@ -21,9 +22,13 @@ namespace {
 constexpr const char* MOST_ROWS = "100000";
 constexpr int RIGHTS = ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE | ormel::OVPN_SERVER_TYPE |
                        ormel::DROVIK_SERVER_TYPE;
-const Columns USER_COLUMNS = {{"user", "USER"},          {"rights_text", "RIGHTS"},
-                              {"until_text", "UNTIL"},   {"last_login_text", "LAST LOGIN"},
-                              {"failed_text", "FAILED"}, {"state", "STATE"}};
+const Columns USER_COLUMNS = {{"user", "USER"},
+                              {"rights_text", "RIGHTS"},
+                              {"until_text", "UNTIL"},
+                              {"second_factor", "2ND FACTOR"},
+                              {"last_login_text", "LAST LOGIN"},
+                              {"failed_text", "FAILED"},
+                              {"state", "STATE"}};
 
 std::string rights_text(int mask) {
   std::string text;
@@ -125,11 +130,12 @@ ormel::Json user_row(const Row& row) {
   }
   const int failed_count = row.failures ? row.failures->count : 0;
   const bool blocked = row.failures && row.failures->until != 0;
+  const std::string factor = second_factor_text(fenro::SecondFactors{}.of(row.user));
   return ormel::Json{json_pack(
-      "{s:s, s:i, s:s, s:b, s:i, s:O, s:s, s:I, s:s, s:i, s:s, s:s}", "user", row.user.c_str(),
-      "rights", row.mask, "rights_text", what_text(row).c_str(), "blocked", blocked ? 1 : 0,
-      "devices", row.grant.devices, "until", until.get(), "until_text", until_text(row).c_str(),
-      "last_login", json_int_t{row.last_login}, "last_login_text",
+      "{s:s, s:i, s:s, s:s, s:b, s:i, s:O, s:s, s:I, s:s, s:i, s:s, s:s}", "user", row.user.c_str(),
+      "rights", row.mask, "rights_text", what_text(row).c_str(), "second_factor", factor.c_str(),
+      "blocked", blocked ? 1 : 0, "devices", row.grant.devices, "until", until.get(), "until_text",
+      until_text(row).c_str(), "last_login", json_int_t{row.last_login}, "last_login_text",
       row.last_login == 0 ? "" : moment_text(row.last_login).c_str(), "failed", failed_count,
       "failed_text", failed_count == 0 ? "" : std::to_string(failed_count).c_str(), "state",
       state_text(row).c_str())};
@@ -285,7 +291,13 @@ Result user_grant(const Arguments& arguments) {
   if (problem = store_wish(user, mask, wish); problem.exit != Exit::Done) return problem;
   const int all = (stored_rights(user) & RIGHTS) | mask;
   if (mask == 0) return done(granted_text(user, all, wish), user_row(row_of(user, all)));
-  return set_rights(user, all, granted_text(user, all, wish));
+  Result result = set_rights(user, all, granted_text(user, all, wish));
+  const bool closed = (mask & (ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE)) != 0 &&
+                      fenro::SecondFactors{}.of(user).required;
+  if (closed && result.exit == Exit::Done)
+    result.note = "a second factor is required of " + user +
+                  ", for which pptp and l2tp have no place: logins there are refused";
+  return result;
 }
 
 Result user_revoke(const Arguments& arguments) {

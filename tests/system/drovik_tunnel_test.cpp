@@ -1,5 +1,6 @@
 // The appliance's own tunnel between two appliances: the server here, its client over there.
 // appliance: --pair
+#include "base/second_factor.h"
 #include "support/far_appliance.h"
 #include "support/log_rows.h"
 
@@ -213,6 +214,27 @@ TEST_F(DrovikAdmission, RefusesWhoMayNotEnter) {
     EXPECT_EQ(read(ONLINE), "");
     EXPECT_EQ(far::cli({"--type=DROVIK", "--remove=1"}).status, 0);
   }
+}
+
+TEST_F(DrovikAdmission, AUserWithASecondFactorComesInByItsCode) {
+  using fenro::SecondFactor;
+  const std::string secret(fenro::totp::SECRET_BYTES, 's');
+  const auto put = [&](SecondFactor::State state) {
+    return fenro::SecondFactors{}.change("guest", [&](SecondFactor& factor) {
+      factor.state = state;
+      factor.secret = fenro::totp::to_base32(secret);
+      return true;
+    });
+  };
+  ASSERT_TRUE(put(SecondFactor::State::On));
+  const size_t refusals = logged(1);
+  connect("guest", password);
+  EXPECT_TRUE(comes_true([&] { return logged(1) == refusals + 1 && !morvic_runs(); }, PATIENCE));
+  EXPECT_EQ(far::cli({"--type=DROVIK", "--remove=1"}).status, 0);
+  connect("guest",
+          password + fenro::totp::code_at(secret, fenro::totp::step_at(std::time(nullptr))));
+  EXPECT_TRUE(comes_up());
+  EXPECT_TRUE(put(SecondFactor::State::Off));
 }
 
 TEST_F(DrovikAdmission, AnotherKeyGetsNoFurtherThanTheHandshake) {

@@ -4,8 +4,10 @@
 
 #include "ormel/drivers/openvpn/openvpn.h"
 
+#include <fenro/event_log.h>
 #include <jansson.h>
 
+#include "base/second_factor.h"
 #include "support/far_appliance.h"
 #include "support/web_request.h"
 
@@ -530,6 +532,41 @@ TEST_F(OpenVpnRefusal, AWrongPasswordIsCountedLoggedAndBlocksAtTheLimit) {
   EXPECT_EQ(web("/ormel/privilege/remove_block_user", std::string("&user=") + USER), OK);
   connect();
   EXPECT_TRUE(comes_up());
+}
+
+int events(const char* text) {
+  return naslog_event_query_count_ex(0, "", "", USER, "", "", text, "", "");
+}
+
+// As OpenVPN's clients send what was asked for by "static-challenge".
+TEST_F(OpenVpnRefusal, AUserWithASecondFactorComesInByItsCodeOnce) {
+  using fenro::SecondFactor;
+  const std::string secret(fenro::totp::SECRET_BYTES, 's');
+  ASSERT_TRUE(fenro::SecondFactors{}.change(USER, [&](SecondFactor& factor) {
+    factor.state = SecondFactor::State::On;
+    factor.secret = fenro::totp::to_base32(secret);
+    return true;
+  }));
+  const auto answer = [&] {
+    const std::string code = fenro::totp::code_at(secret, fenro::totp::step_at(std::time(nullptr)));
+    return "SCRV1:" + encoded(password) + ':' + encoded(code);
+  };
+  EXPECT_THAT(far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded(answer())),
+              DONE);
+  connect();
+  EXPECT_TRUE(comes_up());
+  EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
+  connect();
+  EXPECT_TRUE(comes_to_an_end());
+  EXPECT_THAT(logged("device_info"), testing::Contains(HasSubstr("(code-used)")));
+  EXPECT_EQ(events("refused: second factor code that was used before"), 1);
+  EXPECT_THAT(far::read("/run/fenro/reasons/OPENVPN_CLIENT1"),
+              HasSubstr("\"code\":\"login-refused\""))
+      << "and no word about the second factor";
+  ASSERT_TRUE(fenro::SecondFactors{}.change(USER, [](SecondFactor& factor) {
+    factor = {};
+    return true;
+  }));
 }
 
 TEST_F(OpenVpnRefusal, WhoLosesTheRightIsThrownOutAndStaysOut) {

@@ -61,6 +61,8 @@ const MY: Page = {
   show: lazy(() => import('./pages/my').then(loaded => loaded.MyPage)),
 }
 
+const EnrolPage = lazy(() => import('./pages/secondfactor').then(loaded => loaded.EnrolPage))
+
 function Shell() {
   const admin = session.login.value?.admin ?? false
   const pages = admin ? [...PAGES, MY] : [MY, ...PAGES].filter(page => page.everybody)
@@ -170,7 +172,13 @@ export function App() {
   }, [language.value])
   return (
     <>
-      {session.login.value ? <Shell key={session.login.value.user} /> : <LoginPage />}
+      {!session.login.value ? (
+        <LoginPage />
+      ) : session.login.value.enrol ? (
+        <EnrolPage />
+      ) : (
+        <Shell key={session.login.value.user} />
+      )}
       <Questions />
       {session.expired.value && <LoginAgain />}
       <Sayings />

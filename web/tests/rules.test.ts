@@ -39,6 +39,7 @@ import { dayEnd, endWords, firstEnd } from '../src/pages/grant'
 import { isKeptOut, mayAdd, untilWords, type Mine } from '../src/pages/my'
 import { thrownOut } from '../src/pages/rights'
 import { loginResult } from '../src/pages/sdwan'
+import { grouped, hasNoCode, isCode } from '../src/pages/secondfactor'
 import { conflicts } from '../src/pages/servers.rows'
 import { address, endpoint, freeAddress, key, page, pool, range } from '../src/rules'
 import { clientState, cureOf, isSettled, serverState, whyOf } from '../src/reasons'
@@ -598,5 +599,19 @@ describe('access that ends', () => {
     expect(isKeptOut({ ...device, kept_out_since: 10 }, 10)).toBe(true)
     expect(isKeptOut({ ...device, kept_out_since: 11 }, 10)).toBe(false)
     expect(isKeptOut(device, 10)).toBe(false)
+  })
+})
+
+describe('second factor', () => {
+  it('knows a code and a recovery code, however they are typed', () => {
+    for (const code of ['012345', '012 345', 'ABCD-EFGH-IJ27', 'abcd-efgh-ij27'])
+      expect(isCode(code), code).toBe(true)
+    for (const code of ['', '12345', '1234567', '12345a', 'ABCD-EFGH-IJ28', 'ABCDEFGHIJ27'])
+      expect(isCode(code), code).toBe(false)
+  })
+
+  it('shows a secret in groups, and names what has no place for a code', () => {
+    expect(grouped('ABCDEFGHIJ')).toBe('ABCD EFGH IJ')
+    expect([1, 2, 4, 8, 16].filter(hasNoCode)).toEqual([1, 2])
   })
 })

@@ -4,6 +4,7 @@
 
 #include "base/file.h"
 #include "base/grants.h"
+#include "base/second_factor.h"
 #include "base/types.h"
 #include "common/holds.h"
 #include "common/login_policy.h"
@@ -27,10 +28,13 @@ std::string refusal_of(const Login& login) {
   const LoginTurn turn{login.user};
   if (!turn) return "other logins of this user take too long";
   if (is_blocked(login.user)) return "blocked after too many wrong passwords";
-  const bool good = Check_NAS_User_Password(login.user.c_str(), login.password.c_str()) == 0;
-  if (!count_login(login.user, good))
+  const int rc = Check_NAS_User_Password(login.user.c_str(), login.password.c_str());
+  // Only what may be a guess counts.
+  const bool counts = rc != static_cast<int>(FactorRefusal::NotSetUp);
+  if (counts && !count_login(login.user, rc == 0))
     log_line(LOG_WARNING, "the log database does not count the logins of %s", login.user.c_str());
-  return good ? "" : "wrong password";
+  const char* const factor = reason_of_factor(rc);
+  return rc == 0 ? "" : factor ? factor : "wrong password";
 }
 
 }  // namespace fenro::drovik

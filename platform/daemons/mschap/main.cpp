@@ -22,6 +22,7 @@
 #include "base/file.h"
 #include "base/grants.h"
 #include "base/handle.h"
+#include "base/second_factor.h"
 #include "base/types.h"
 #include "common/connection_log.h"
 #include "common/holds.h"
@@ -118,6 +119,15 @@ void tell_missing_hash(const std::string& user) {
   std::ignore = naslog_event_add(&event);  // the system log has it, too
 }
 
+// MS-CHAP proves a password by its hash and has no place for a code. The administrator's demand for
+// a second factor takes the rights away; this holds if they are given again.
+constexpr const char* CODE_REQUIRED = "a second factor is required, which MS-CHAP cannot carry";
+
+bool must_give_code(const std::string& user) {
+  const fenro::SecondFactor factor = fenro::SecondFactors{}.of(user);
+  return factor.required || factor.state == fenro::SecondFactor::State::Damaged;
+}
+
 std::string decide(const std::string& request, const char* server) {
   const std::string user = fenro::mschap::user_of(request);
   if (user.empty()) return fenro::mschap::REFUSED;
@@ -128,6 +138,7 @@ std::string decide(const std::string& request, const char* server) {
                              : fenro::is_blocked(user) ? "blocked after too many wrong passwords"
                              : fenro::is_locked(user.c_str()) ? "the account is locked"
                              : is_deleted(user, server)       ? "the account is gone"
+                             : must_give_code(user)           ? CODE_REQUIRED
                                                               : nullptr;
   const bool allowed = !barred;
   std::string answer =
@@ -170,11 +181,14 @@ int decide_pap(const char* server) {
                              : fenro::is_blocked(user) ? "blocked after too many wrong passwords"
                                                        : nullptr;
   const bool allowed = !barred;
-  const bool good = allowed && Check_NAS_User_Password(user.c_str(), password.c_str()) == 0;
-  if (allowed)
+  const int rc = allowed ? Check_NAS_User_Password(user.c_str(), password.c_str()) : -1;
+  const bool good = rc == 0;
+  // Only what may be a guess counts.
+  if (allowed && rc != static_cast<int>(fenro::FactorRefusal::NotSetUp))
     std::ignore =
         fenro::count_login(user, good);  // without the log database every user counts as blocked
-  if (!good) note_refusal(user, server, barred ? barred : "wrong password");
+  const char* const factor = fenro::reason_of_factor(rc);
+  if (!good) note_refusal(user, server, barred ? barred : factor ? factor : "wrong password");
   return good ? Admitted : Refused;
 }
 

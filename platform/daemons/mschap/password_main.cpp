@@ -12,9 +12,8 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <fenro/auth.h>
-
 #include "daemons/mschap/password_table.h"
+#include "libfenro/password.h"
 
 namespace {
 
@@ -87,7 +86,7 @@ int main(int argc, char** argv) {
     const HiddenInput hidden;
     password = read_password();
   }
-  if (Check_NAS_User_Password(user.c_str(), password.c_str()) != 0)
+  if (!fenro::is_password_of(user.c_str(), password.c_str()))
     return fail("this is not the password of " + user);
   return store(user, password);
 }

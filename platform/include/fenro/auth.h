@@ -25,7 +25,9 @@ int auth_get_session(const char* sid, int touch, struct _session* session);
 /* Non-zero when the user belongs to the group, as a member or by its primary group. */
 int User_Belongs_To_Group(const char* user, const char* group);
 
-/* 0 when the password is the user's and the account may log in. */
+/* 0 when the password is the user's and the account may log in, negative otherwise. The password of
+ * a user with a second factor ends with its code, or is "SCRV1:BASE64:BASE64" as OpenVPN's clients
+ * send both; a code counts once. */
 int Check_NAS_User_Password(const char* user, const char* password);
 
 /* Names of users. The rows `lower` to `upper` (counted from 0, both included) of those that contain

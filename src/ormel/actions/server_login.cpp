@@ -2,12 +2,14 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <optional>
 #include <pwd.h>
 #include <sys/stat.h>
 
 #include <fenro/auth.h>
 
 #include "base/grants.h"
+#include "base/second_factor.h"
 #include "ormel/actions/log_db_mobile.h"
 #include "ormel/actions/privilege.h"
 #include "ormel/base/error.h"
@@ -35,10 +37,12 @@ struct Login {
   std::string reason_file;
 };
 
-// For the row of the connection log, and for the client; none for a wrong password.
+// For the row of the connection log, and for the client; none for a wrong password. `status` is the
+// exit status.
 struct Refusal {
   const char* row;
   const char* client;
+  int status = EXIT_FAILURE;
 };
 constexpr Refusal MALFORMED{"user name or password with a line break", nullptr};
 constexpr Refusal NO_RIGHT{"no right to use this server", "no right to use this server"};
@@ -68,34 +72,47 @@ std::string effective_user(const std::string& user) {
   return field_text(devices.rows().front().user_id);
 }
 
-// Null for a login that is admitted.
-const Refusal* refusal_of(const Login& login, const std::string& user) {
+// For a client whose password is right. Others learn nothing about the code.
+constexpr const char* SET_UP_FIRST = "set up your second factor at the web interface first";
+
+// Of a number that Check_NAS_User_Password has returned.
+Refusal refusal_by(int result) {
+  const char* const row = fenro::reason_of_factor(result);
+  if (!row) return WRONG_PASSWORD;
+  const bool proved = result == static_cast<int>(fenro::FactorRefusal::NotSetUp);
+  return {row, proved ? SET_UP_FIRST : nullptr, fenro::status_of_factor(result)};
+}
+
+// Nothing for a login that is admitted.
+std::optional<Refusal> refusal_of(const Login& login, const std::string& user) {
   if (!one_line(login.user) || !one_line(login.password) || !one_line(user)) {
     ORMEL_LOG(ERROR, "%s: user name or password with a line break.", HOOK);
-    return &MALFORMED;
+    return MALFORMED;
   }
   UserPrivilege privileges;
   privileges.load();
   if ((privileges.get(user) & OVPN_SERVER_TYPE) == 0) {
     ORMEL_LOG(ERROR, "%s: ORMEL none user. %s", HOOK, user.c_str());
-    return &NO_RIGHT;
+    return NO_RIGHT;
   }
   if (fenro::has_ended(user, OVPN_SERVER_TYPE)) {
     ORMEL_LOG(ERROR, "%s: the right of %s has ended.", HOOK, user.c_str());
-    return &ENDED;
+    return ENDED;
   }
   if (check_privilege_user_block(user.c_str()) != 0) {
     ORMEL_LOG(ERROR, "%s: check_privilege_user_block. %s", HOOK, user.c_str());
-    return &BLOCKED;
+    return BLOCKED;
   }
-  if (Check_NAS_User_Password(user.c_str(), login.password.c_str()) != 0) {
+  if (const int rc = Check_NAS_User_Password(user.c_str(), login.password.c_str()); rc != 0) {
     ORMEL_LOG(ERROR, "%s: user: %s, password failed.", HOOK, user.c_str());
-    std::ignore = add_privilege_user_block(user.c_str());  // the login is refused anyway
-    return &WRONG_PASSWORD;
+    const Refusal refusal = refusal_by(rc);
+    // Only what may be a guess counts. The login is refused anyway.
+    if (!refusal.client) std::ignore = add_privilege_user_block(user.c_str());
+    return refusal;
   }
   std::ignore = delete_privilege_user_block(
       user.c_str());  // failures that stay counted run out by themselves
-  return nullptr;
+  return {};
 }
 
 void tell_client(const Login& login, const std::string& user, const Refusal& refusal) {
@@ -121,11 +138,11 @@ int sauth(int, char**) {
   const Login login{take_environment("username"), take_environment("password"),
                     take_environment("untrusted_ip"), take_environment("auth_failed_reason_file")};
   const std::string user = effective_user(login.user);
-  const Refusal* refusal = refusal_of(login, user);
+  const auto refusal = refusal_of(login, user);
   if (!refusal) return EXIT_SUCCESS;
   tell_client(login, user, *refusal);
   log_refusal(login, user, *refusal);
-  return EXIT_FAILURE;
+  return refusal->status;
 }
 
 }  // namespace ormel::ovpn

@@ -50,7 +50,7 @@ const Choice CHOICES[] = {
     {"rights", nullptr, Part::Rights},    {"block-policy", nullptr, Part::BlockPolicy},
     {"holds", nullptr, Part::Holds},      {"gateway", nullptr, Part::Gateway},
     {"guard", nullptr, Part::Guard},      {"keeper", nullptr, Part::Keeper},
-    {"address", nullptr, Part::Address},
+    {"address", nullptr, Part::Address},  {"second-factors", nullptr, Part::SecondFactors},
 };
 
 void choose(const Choice& choice, Selection& out) {

@@ -34,6 +34,7 @@ constexpr StateFile FILES[] = {
     {Part::Rights,       "/etc/ppp/chap-secrets",            nullptr,             CLOSED, false, Refresh::NONE},
     {Part::Rights,       "/etc/config/vpn_user_ex.conf",     nullptr,             CLOSED, false, Refresh::NONE},
     {Part::Rights,       "/var/lib/ormel/grants.json",       nullptr,             CLOSED, false, Refresh::NONE},
+    {Part::SecondFactors, "/etc/config/ormel",               "totp.@(conf|users)", CLOSED, true, Refresh::NONE},
     {Part::BlockPolicy,  "/etc/config/vpn_block.conf",       nullptr,             CLOSED, false, Refresh::NONE},
     {Part::Holds,        "/var/lib/ormel/holds.json",        nullptr,             CLOSED, false, Refresh::SERVER,  WIREGUARD, "sync_peers"},
     {Part::Gateway,      "/etc/config/vpn_options.conf",     nullptr,             OPEN,   false, Refresh::GATEWAY},
@@ -48,11 +49,17 @@ struct PartName {
   const char* name;
 };
 constexpr PartName PARTS[] = {
-    {Part::Settings, "settings"}, {Part::Profiles, "profiles"},
-    {Part::Peers, "peers"},       {Part::Certificates, "certificates"},
-    {Part::Rights, "rights"},     {Part::BlockPolicy, "block-policy"},
-    {Part::Holds, "holds"},       {Part::Gateway, "gateway"},
-    {Part::Guard, "guard"},       {Part::Keeper, "keeper"},
+    {Part::Settings, "settings"},
+    {Part::Profiles, "profiles"},
+    {Part::Peers, "peers"},
+    {Part::Certificates, "certificates"},
+    {Part::Rights, "rights"},
+    {Part::BlockPolicy, "block-policy"},
+    {Part::SecondFactors, "second-factors"},
+    {Part::Holds, "holds"},
+    {Part::Gateway, "gateway"},
+    {Part::Guard, "guard"},
+    {Part::Keeper, "keeper"},
     {Part::Address, "address"},
 };
 

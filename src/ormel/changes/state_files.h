@@ -23,17 +23,18 @@
 namespace ormel::changes {
 
 enum class Part {
-  Settings,      // vpn.conf: all servers and client profiles
-  Profiles,      // the files of imported OpenVPN profiles
-  Peers,         // devices of the WireGuard server
-  Certificates,  // authority and certificate of the OpenVPN server
-  Rights,        // who may use which server, and until when
-  BlockPolicy,   // what failed logins cost
-  Holds,         // who is kept out for a time, and the limits of devices
-  Gateway,       // default gateway policy
-  Guard,         // what may leave without a tunnel
-  Keeper,        // what is kept running, and who is notified
-  Address,       // the host's public name or address, for the configurations of others
+  Settings,       // vpn.conf: all servers and client profiles
+  Profiles,       // the files of imported OpenVPN profiles
+  Peers,          // devices of the WireGuard server
+  Certificates,   // authority and certificate of the OpenVPN server
+  Rights,         // who may use which server, and until when
+  SecondFactors,  // whose logins need a code; used codes go back with it, for as long as they live
+  BlockPolicy,    // what failed logins cost
+  Holds,          // who is kept out for a time, and the limits of devices
+  Gateway,        // default gateway policy
+  Guard,          // what may leave without a tunnel
+  Keeper,         // what is kept running, and who is notified
+  Address,        // the host's public name or address, for the configurations of others
 };
 
 // What puts another content of a file into effect.

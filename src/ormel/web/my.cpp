@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 
 #include "base/grants.h"
+#include "base/second_factor.h"
 #include "base/tunnel.h"
 #include "ormel/actions/access.h"
 #include "ormel/actions/privilege.h"
@@ -136,6 +137,13 @@ int64_t held_until(const std::string& user) {
   return hold::until(holds.get(), "user", user);
 }
 
+void show_second_factor(const std::string& user, JsonValue& out) {
+  const fenro::SecondFactor factor = fenro::SecondFactors{}.of(user);
+  out["state"] = std::string(fenro::name_of(factor.state));
+  out["required"] = factor.required;
+  out["recovery"] = static_cast<int32_t>(factor.recovery.size());
+}
+
 Outcome show(const Request& request, JsonValue& reply) {
   const std::string user = request.name();
   const fenro::GrantBook book = fenro::read_grants();
@@ -143,6 +151,7 @@ Outcome show(const Request& request, JsonValue& reply) {
   JsonValue& data = reply["data"];
   data["user"] = system::valid_utf8(user);
   show_rights(user, grant, data["rights"]);
+  show_second_factor(user, data["second_factor"]);
   data["profile"] = may_use(user, OVPN_SERVER_TYPE) && is_on(OVPN_SERVER_TYPE);
   data["quota"] = grant.devices;
   data["devices_until"] = grant.end_of(WIREGUARD_SERVER_TYPE);
@@ -167,12 +176,21 @@ File file_of(const std::string& text) {
   return file;
 }
 
+// The client asks for the code apart from the password then, and sends both in one.
+void ask_for_code(std::string& profile) {
+  constexpr const char* LINE = "static-challenge \"Code\" 1\n";
+  constexpr std::string_view AFTER = "auth-user-pass\n";
+  const size_t at = profile.find(AFTER);
+  profile.insert(at == std::string::npos ? 0 : at + AFTER.size(), LINE);
+}
+
 int send_profile(const Request& request, SentFile& file) {
   if (!may_use(request.name(), OVPN_SERVER_TYPE)) return ERR_ACCESS;
   if (!is_on(OVPN_SERVER_TYPE)) return ERR_NOT_SUPPORT;
   Download profile;
   if (const int rc = config::make_profile(profile, system::public_address()); rc != NO_ERROR)
     return rc;
+  if (fenro::SecondFactors{}.of(request.name()).asks()) ask_for_code(profile.body);
   file.head = profile.head;
   file.content = file_of(profile.body);
   return file.content ? NO_ERROR : ERR_NO_MEMORY;

@@ -35,6 +35,7 @@ constexpr const Routes* PARTS[] = {
     &address::ADDRESS,
     &my::OWN,
     &my::DEVICES,
+    &my::SECOND_FACTOR,
     &grant::GRANTS,
 };
 

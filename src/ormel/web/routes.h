@@ -40,7 +40,7 @@ namespace log {
 extern const Routes EVENTS;
 }
 namespace my {
-extern const Routes OWN, DEVICES;
+extern const Routes OWN, DEVICES, SECOND_FACTOR;
 }
 namespace misc {
 extern const Routes FACTS, NETWORK;

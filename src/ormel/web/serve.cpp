@@ -11,6 +11,7 @@
 #include <fenro/auth.h>
 
 #include "base/body.h"
+#include "base/second_factor.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
 #include "ormel/changes/recording.h"
@@ -88,10 +89,22 @@ int succeed(JsonValue& response) {
   return NO_ERROR;
 }
 
-// 0, or the code for a session that is not good enough.
-int check_access(const Request& request, Access access) {
-  if (request.user() == INVAILD_USER) return ERR_SESSION_FAIL;
-  return request.user() < access.least ? access.refusal : NO_ERROR;
+// What is open to a user who has to set up a second factor first.
+constexpr std::string_view SET_UP = "/ormel/my/totp_";
+constexpr const char* SET_UP_FIRST = "a second factor is required: log in again and set it up";
+
+bool must_set_up_first(const Route& route, const Request& request) {
+  const fenro::SecondFactors factors;
+  return factors.exist() && !request.is_local() && !route.path.starts_with(SET_UP) &&
+         factors.of(request.name()).is_missing();
+}
+
+// 0, or the refusal for a session that is not good enough.
+Outcome check_access(const Route& route, const Request& request) {
+  if (request.user() == INVAILD_USER) return {ERR_SESSION_FAIL};
+  if (request.user() < route.access.least) return {route.access.refusal};
+  if (must_set_up_first(route, request)) return {ERR_ACCESS, SET_UP_FIRST};
+  return {};
 }
 
 cgi_settings settings_for(cgi_var_mode repeats) {
@@ -197,9 +210,9 @@ changes::Origin origin_of(const Request& request, const std::string& what) {
 
 int serve(const Route& route, JsonValue& response) {
   const Request request{route.repeats};
-  if (const int rc = check_access(request, route.access); rc != NO_ERROR) {
-    record_refusal(route, request, rc);
-    return refuse(route, response, Outcome{rc});
+  if (const Outcome denied = check_access(route, request); denied.code != NO_ERROR) {
+    record_refusal(route, request, denied.code);
+    return refuse(route, response, denied);
   }
   ormel::audit::Recorder recorder = recorder_of(route, request);
   const int rc = can_be_taken_back(route) ? give_undoable(route, request, response)

@@ -31,6 +31,7 @@ function useFocus(wanted: boolean) {
 function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
   const [user, setUser] = useState(fixedUser ?? '')
   const [password, setPassword] = useState('')
+  const [code, setCode] = useState('')
   const [busy, setBusy] = useState(false)
   const [wrong, setWrong] = useState('')
   const userField = useFocus(fixedUser === undefined)
@@ -47,16 +48,18 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
     setBusy(true)
     setWrong('')
     try {
-      const { sid, admin } = await callOnce<{ sid: string; admin: boolean }>('/fenro/login', {
-        user,
-        password,
-      })
-      session.begin({ sid, user, admin, since: Date.now() })
+      const { sid, admin, enrol } = await callOnce<{
+        sid: string
+        admin: boolean
+        enrol?: boolean
+      }>('/fenro/login', code === '' ? { user, password } : { user, password, code })
+      session.begin({ sid, user, admin, enrol, since: Date.now() })
     } catch (failure) {
       setWrong(wordsFor(failure))
       setBusy(false)
     }
     setPassword('')
+    setCode('')
   }
 
   return (
@@ -87,6 +90,19 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
             ref={passwordField}
             value={password}
             onInput={event => setPassword(event.currentTarget.value)}
+          />
+        )}
+      </Field>
+      <Field label={t('login.code')} help={t('login.codeHelp')}>
+        {ids => (
+          <input
+            {...ids}
+            name="code"
+            autocomplete="one-time-code"
+            maxLength={20}
+            spellcheck={false}
+            value={code}
+            onInput={event => setCode(event.currentTarget.value)}
           />
         )}
       </Field>

@@ -25,6 +25,7 @@ import {
   useJob,
 } from '../ui'
 import { fileName } from '../wireguard'
+import { SecondFactor, hasNoCode, type Factor } from './secondfactor'
 import { refusalWords } from './user'
 
 interface Right {
@@ -53,6 +54,7 @@ interface Login {
 export interface Mine {
   user: string
   rights: Right[]
+  second_factor: Factor
   profile: boolean
   quota: number // devices that the user may have
   devices_until: number
@@ -123,7 +125,9 @@ function Access({ mine }: { mine: Mine }) {
           >
             {t('my.profile')}
           </Button>
-          <span class="soft">{t('my.profileHelp')}</span>
+          <span class="soft">
+            {t(mine.second_factor.state === 'on' ? 'my.profileCode' : 'my.profileHelp')}
+          </span>
         </div>
       )}
     </Card>
@@ -360,6 +364,11 @@ export function MyPage() {
         <>
           <Access mine={mine} />
           <Devices mine={mine} onChanged={poll.refresh} />
+          <SecondFactor
+            factor={mine.second_factor}
+            without={mine.rights.map(right => right.type).filter(hasNoCode)}
+            onChanged={poll.refresh}
+          />
           <Sessions mine={mine} onChanged={poll.refresh} />
           <Logins mine={mine} />
         </>

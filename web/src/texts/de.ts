@@ -71,7 +71,7 @@ const german: Catalogue = {
   'login.again': 'Erneut anmelden',
   'login.expired': 'Ihre Sitzung ist abgelaufen. Ihre Eingaben sind noch da.',
   'login.other': 'Als jemand anderes anmelden',
-  'login.refused': 'Benutzer oder Passwort ist falsch.',
+  'login.refused': 'Benutzer, Passwort oder Code ist falsch.',
   'login.throttledUntil':
     'Zu viele falsche Anmeldungen aus diesem Netz. Versuchen Sie es um {time} erneut.',
   'login.throttled':
@@ -875,5 +875,62 @@ const german: Catalogue = {
   'grant.noEnd': 'ohne Ende',
   'grant.edit': 'Bis wann {user} Zugang hat: {value}',
   'rule.past': 'Dieser Tag ist vorbei.',
+
+  'login.code': 'Code des zweiten Faktors',
+  'login.codeHelp': 'Nur wenn Sie einen eingerichtet haben.',
+  'refused.no-second-factor-code-after-the-password-code-missing-':
+    'Der Code des zweiten Faktors fehlte.',
+  'refused.wrong-second-factor-code-code-wrong-': 'Falscher Code des zweiten Faktors.',
+  'refused.second-factor-code-of-another-time-the-clocks-differ-code-late-':
+    'Der Code des zweiten Faktors war von einer anderen Zeit: Die Uhren von Telefon und Gerät gehen verschieden.',
+  'refused.second-factor-code-that-was-used-before-code-used-':
+    'Der Code des zweiten Faktors war schon benutzt.',
+  'refused.the-required-second-factor-is-not-set-up-code-not-set-up-':
+    'Ein zweiter Faktor ist verlangt, aber nicht eingerichtet.',
+  'refused.the-user-s-second-factor-in-totp-conf-is-damaged-code-damaged-':
+    'Was vom zweiten Faktor gespeichert ist, ist beschädigt.',
+  'refused.totp-conf-cannot-be-written-code-not-written-':
+    'Der Code des zweiten Faktors konnte nicht als benutzt vermerkt werden.',
+  'refused.libcrypto-so-cannot-be-loaded-code-not-computed-':
+    'Codes des zweiten Faktors lassen sich auf diesem Gerät nicht berechnen.',
+  'refused.a-second-factor-is-required-which-ms-chap-cannot-carry':
+    'Ein zweiter Faktor ist verlangt, für den PPTP und L2TP keinen Platz haben.',
+  'my.profileCode':
+    'Für die OpenVPN-App, die nach dem Code Ihres zweiten Faktors fragt. Frühere Profile tun das nicht: Tippen Sie den Code dort gleich hinter das Passwort.',
+  'factor.title': 'Zweiter Faktor',
+  'factor.why':
+    'Mit einem zweiten Faktor braucht jede Anmeldung mit Passwort auch einen Code aus einer App auf Ihrem Telefon. WireGuard-Geräte melden sich nicht an.',
+  'factor.required':
+    'Ein Administrator verlangt einen zweiten Faktor. Bis Sie ihn eingerichtet haben, können Sie hier nichts anderes tun und kein VPN benutzen.',
+  'factor.begin': 'Zweiten Faktor einrichten',
+  'factor.scan':
+    'Scannen Sie das Bild mit einer Authenticator-App auf Ihrem Telefon, oder tippen Sie dort das Geheimnis ein.',
+  'factor.type': 'Geben Sie innerhalb von zehn Minuten den Code ein, den die App zeigt.',
+  'factor.qr': 'QR-Code des Geheimnisses',
+  'factor.secret': 'Das Geheimnis',
+  'factor.code': 'Code',
+  'factor.confirm': 'Bestätigen',
+  'factor.isOn': 'Der zweite Faktor ist eingeschaltet.',
+  'factor.isOff': 'Der zweite Faktor ist ausgeschaltet.',
+  'factor.howTo':
+    'Geben Sie den Code in sein Feld ein, oder gleich hinter dem Passwort, wo es keines gibt. Jeder Code gilt einmal; warten Sie für eine zweite Anmeldung auf den nächsten. Programme, die sich von selbst anmelden, können das nicht.',
+  'factor.recovery': 'Ersatzcodes',
+  'factor.recoveryText':
+    'Jeder ersetzt einmal einen Code der App. Verwahren Sie sie getrennt von Ihrem Telefon: Sie sind nur jetzt zu sehen.',
+  'factor.unkept': 'Schließen, ohne die Codes zu behalten?',
+  'factor.unkeptText':
+    'Ohne die App und ohne diese Codes kann Sie nur ein Administrator wieder hereinlassen.',
+  'factor.print': 'Drucken',
+  'factor.file': 'Als Datei speichern',
+  'factor.notCopied':
+    'Der Browser hat das Kopieren nicht erlaubt. Markieren Sie die Codes von Hand.',
+  'factor.few':
+    'Übrige Ersatzcodes: {n}. Schalten Sie den zweiten Faktor aus und wieder ein, um neue zu bekommen.',
+  'factor.without':
+    '{servers}: Dort dürfen Sie sich weiter allein mit dem Passwort anmelden, weil diese Protokolle keinen Platz für einen Code haben.',
+  'factor.off': 'Ausschalten',
+  'factor.offHelp': 'Geben Sie zum Ausschalten einen Code der App oder einen Ersatzcode ein.',
+  'factor.damaged':
+    'Was von Ihrem zweiten Faktor gespeichert ist, ist beschädigt; Ihre Anmeldungen werden abgelehnt. Bitten Sie einen Administrator, ihn zurückzusetzen.',
 }
 export default german

@@ -70,7 +70,7 @@ export default {
   'login.again': 'Log in again',
   'login.expired': 'Your session has expired. Your input is kept.',
   'login.other': 'Log in as another user',
-  'login.refused': 'User or password is wrong.',
+  'login.refused': 'User, password or code is wrong.',
   'login.throttledUntil': 'Too many wrong logins from this network. Try again at {time}.',
   'login.throttled': 'Too many wrong logins. Wait a few minutes and try again.',
 
@@ -836,4 +836,59 @@ export default {
   'grant.noEnd': 'no end',
   'grant.edit': 'Until when {user} has access: {value}',
   'rule.past': 'This day is over.',
+
+  'login.code': 'Second factor code',
+  'login.codeHelp': 'Only if you have set one up.',
+  'refused.no-second-factor-code-after-the-password-code-missing-':
+    'No second factor code was given.',
+  'refused.wrong-second-factor-code-code-wrong-': 'Wrong second factor code.',
+  'refused.second-factor-code-of-another-time-the-clocks-differ-code-late-':
+    'The second factor code was of another time: the clocks of the phone and the appliance differ.',
+  'refused.second-factor-code-that-was-used-before-code-used-':
+    'The second factor code had been used before.',
+  'refused.the-required-second-factor-is-not-set-up-code-not-set-up-':
+    'A second factor is required, but not set up.',
+  'refused.the-user-s-second-factor-in-totp-conf-is-damaged-code-damaged-':
+    'What is stored of the second factor is damaged.',
+  'refused.totp-conf-cannot-be-written-code-not-written-':
+    'The second factor code could not be marked as used.',
+  'refused.libcrypto-so-cannot-be-loaded-code-not-computed-':
+    'Second factor codes cannot be computed on this appliance.',
+  'refused.a-second-factor-is-required-which-ms-chap-cannot-carry':
+    'A second factor is required, for which PPTP and L2TP have no place.',
+  'my.profileCode':
+    'For the OpenVPN app, which asks for the code of your second factor. Earlier profiles do not: type the code right after the password there.',
+  'factor.title': 'Second factor',
+  'factor.why':
+    'With a second factor, each login by password also needs a code from an app on your phone. WireGuard devices have no login.',
+  'factor.required':
+    'An administrator requires a second factor. Until you have set it up, you can do nothing else here and use no VPN.',
+  'factor.begin': 'Set up a second factor',
+  'factor.scan':
+    'Scan the picture with an authenticator app on your phone, or type the secret there.',
+  'factor.type': 'Within ten minutes, type the code that the app shows.',
+  'factor.qr': 'QR code of the secret',
+  'factor.secret': 'The secret',
+  'factor.code': 'Code',
+  'factor.confirm': 'Confirm',
+  'factor.isOn': 'The second factor is on.',
+  'factor.isOff': 'The second factor is off.',
+  'factor.howTo':
+    'Type the code in its field, or right after the password where there is none. Each code works once; for a second login, wait for the next one. Programs that log in on their own cannot do that.',
+  'factor.recovery': 'Recovery codes',
+  'factor.recoveryText':
+    'Each of these replaces a code of the app once. Keep them apart from your phone: they are shown only now.',
+  'factor.unkept': 'Close without keeping the codes?',
+  'factor.unkeptText':
+    'Without the app and without these codes, only an administrator can let you in again.',
+  'factor.print': 'Print',
+  'factor.file': 'Save as a file',
+  'factor.notCopied': 'The browser did not allow copying. Select the codes by hand.',
+  'factor.few': 'Recovery codes left: {n}. Switch the second factor off and on again for new ones.',
+  'factor.without':
+    '{servers}: you may still log in there by password alone, as these protocols have no place for a code.',
+  'factor.off': 'Switch off',
+  'factor.offHelp': 'To switch it off, type a code of the app or a recovery code.',
+  'factor.damaged':
+    'What is stored of your second factor is damaged, so that your logins are refused. Ask an administrator to reset it.',
 } as const

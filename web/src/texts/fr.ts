@@ -71,7 +71,7 @@ const french: Catalogue = {
   'login.again': 'Se reconnecter',
   'login.expired': 'Votre session a expiré. Votre saisie est conservée.',
   'login.other': 'Se connecter sous un autre nom',
-  'login.refused': 'Utilisateur ou mot de passe incorrect.',
+  'login.refused': 'Utilisateur, mot de passe ou code incorrect.',
   'login.throttledUntil': 'Trop de connexions refusées depuis ce réseau. Réessayez à {time}.',
   'login.throttled': 'Trop de connexions refusées. Attendez quelques minutes et réessayez.',
 
@@ -867,5 +867,61 @@ const french: Catalogue = {
   'grant.noEnd': 'sans fin',
   'grant.edit': 'Fin de l’accès de {user} : {value}',
   'rule.past': 'Ce jour est passé.',
+
+  'login.code': 'Code du second facteur',
+  'login.codeHelp': 'Seulement si vous en avez configuré un.',
+  'refused.no-second-factor-code-after-the-password-code-missing-':
+    'Le code du second facteur manquait.',
+  'refused.wrong-second-factor-code-code-wrong-': 'Code du second facteur erroné.',
+  'refused.second-factor-code-of-another-time-the-clocks-differ-code-late-':
+    'Le code du second facteur était d’un autre moment : les horloges du téléphone et de l’appareil diffèrent.',
+  'refused.second-factor-code-that-was-used-before-code-used-':
+    'Le code du second facteur avait déjà servi.',
+  'refused.the-required-second-factor-is-not-set-up-code-not-set-up-':
+    'Un second facteur est exigé, mais n’est pas configuré.',
+  'refused.the-user-s-second-factor-in-totp-conf-is-damaged-code-damaged-':
+    'Ce qui est enregistré du second facteur est endommagé.',
+  'refused.totp-conf-cannot-be-written-code-not-written-':
+    'Le code du second facteur n’a pas pu être noté comme utilisé.',
+  'refused.libcrypto-so-cannot-be-loaded-code-not-computed-':
+    'Les codes du second facteur ne peuvent pas être calculés sur cet appareil.',
+  'refused.a-second-factor-is-required-which-ms-chap-cannot-carry':
+    'Un second facteur est exigé, pour lequel PPTP et L2TP n’ont pas de place.',
+  'my.profileCode':
+    'Pour l’application OpenVPN, qui demande le code de votre second facteur. Les profils antérieurs ne le font pas : tapez-y le code juste après le mot de passe.',
+  'factor.title': 'Second facteur',
+  'factor.why':
+    'Avec un second facteur, chaque connexion par mot de passe exige aussi un code d’une application de votre téléphone. Les appareils WireGuard ne se connectent pas par mot de passe.',
+  'factor.required':
+    'Un administrateur exige un second facteur. Tant que vous ne l’avez pas configuré, vous ne pouvez rien faire d’autre ici ni utiliser de VPN.',
+  'factor.begin': 'Configurer un second facteur',
+  'factor.scan':
+    'Scannez l’image avec une application d’authentification de votre téléphone, ou tapez-y le secret.',
+  'factor.type': 'Dans les dix minutes, tapez le code que l’application affiche.',
+  'factor.qr': 'Code QR du secret',
+  'factor.secret': 'Le secret',
+  'factor.code': 'Code',
+  'factor.confirm': 'Confirmer',
+  'factor.isOn': 'Le second facteur est activé.',
+  'factor.isOff': 'Le second facteur est désactivé.',
+  'factor.howTo':
+    'Tapez le code dans son champ, ou juste après le mot de passe là où il n’y en a pas. Chaque code sert une fois ; pour une deuxième connexion, attendez le suivant. Les programmes qui se connectent d’eux-mêmes ne le peuvent pas.',
+  'factor.recovery': 'Codes de secours',
+  'factor.recoveryText':
+    'Chacun remplace une fois un code de l’application. Gardez-les à part de votre téléphone : ils ne sont affichés que maintenant.',
+  'factor.unkept': 'Fermer sans garder les codes ?',
+  'factor.unkeptText':
+    'Sans l’application et sans ces codes, seul un administrateur peut vous rouvrir l’accès.',
+  'factor.print': 'Imprimer',
+  'factor.file': 'Enregistrer dans un fichier',
+  'factor.notCopied': 'Le navigateur n’a pas permis la copie. Sélectionnez les codes à la main.',
+  'factor.few':
+    'Codes de secours restants : {n}. Désactivez puis réactivez le second facteur pour en obtenir de nouveaux.',
+  'factor.without':
+    '{servers} : vous pouvez encore vous y connecter par mot de passe seul, car ces protocoles n’ont pas de place pour un code.',
+  'factor.off': 'Désactiver',
+  'factor.offHelp': 'Pour le désactiver, tapez un code de l’application ou un code de secours.',
+  'factor.damaged':
+    'Ce qui est enregistré de votre second facteur est endommagé ; vos connexions sont refusées. Demandez à un administrateur de le réinitialiser.',
 }
 export default french

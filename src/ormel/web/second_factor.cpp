@@ -1,0 +1,140 @@
+// The second factor of the session's own user: set up with an authenticator app, and switched off
+// with one of its codes. No variable names another user.
+#include "base/second_factor.h"
+
+#include <chrono>
+#include <ctime>
+#include <thread>
+#include <unistd.h>
+
+#include "ormel/actions/log_db.h"
+#include "ormel/base/text.h"
+#include "ormel/web/routes.h"
+
+namespace ormel::cgi::my {
+
+using fenro::FactorRefusal;
+using fenro::SecondFactor;
+using fenro::SecondFactors;
+
+namespace {
+
+constexpr auto WRONG_CODE_PAUSE = std::chrono::seconds(1);
+
+const Outcome UNWRITABLE{ERR_SAVE_FILE,
+                         "totp.conf cannot be written: check the space on /etc/config"};
+const Outcome NO_CRYPTO{ERR_NOT_SUPPORT, "codes cannot be computed here: libcrypto is missing"};
+const Outcome IS_ON{ERR_NOT_SUPPORT, "a second factor is on: switch it off first"};
+const Outcome IS_OFF{ERR_NOT_SUPPORT, "no second factor is on"};
+const Outcome DAMAGED{
+    ERR_NOT_SUPPORT,
+    "what is stored of the second factor is damaged: an administrator can reset it"};
+const Outcome NOT_BEGUN{ERR_NOT_SUPPORT, "the set-up has not begun, or took too long: begin again"};
+const Outcome BLOCKED{ERR_ACCESS, "blocked after too many wrong codes: log in again with a code"};
+const Outcome WRONG_CODE{ERR_VALUE, "this code is wrong, or was used before"};
+
+// Puts what `edit` makes of the user's second factor into the store, unless it fails in another way
+// than by a wrong code, which may have been counted.
+Outcome change(const std::string& user, const std::function<Outcome(SecondFactor& factor)>& edit) {
+  Outcome outcome;
+  const bool written = SecondFactors{}.change(user, [&](SecondFactor& factor) {
+    outcome = factor.state == SecondFactor::State::Damaged ? DAMAGED : edit(factor);
+    return outcome.code == NO_ERROR || outcome.code == ERR_VALUE;
+  });
+  return written ? outcome : UNWRITABLE;
+}
+
+std::string host_name() {
+  char name[256] = {};
+  return gethostname(name, sizeof name - 1) == 0 && name[0] ? name : "VPN";
+}
+
+// A set-up that has begun before and was not finished begins again.
+Outcome begin(const Request& request, JsonValue& reply) {
+  const std::string user = request.name();
+  std::string secret;
+  const Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
+    if (factor.asks()) return IS_ON;
+    if (!fenro::totp::is_available()) return NO_CRYPTO;
+    const std::string bytes = fenro::totp::random_bytes(fenro::totp::SECRET_BYTES);
+    if (bytes.empty()) return {ERR_GENERAL};
+    factor.state = SecondFactor::State::Pending;
+    factor.secret = secret = fenro::totp::to_base32(bytes);
+    factor.begun = std::time(nullptr);
+    factor.used = 0;
+    factor.recovery.clear();
+    return {};
+  });
+  if (outcome.code != NO_ERROR) return outcome;
+  JsonValue& data = reply["data"];
+  data["secret"] = secret;
+  data["uri"] = fenro::totp::uri(host_name(), user, secret);
+  data["seconds"] = fenro::PENDING_SECONDS;
+  return {};
+}
+
+bool has_begun(const SecondFactor& factor, std::int64_t now) {
+  return factor.state == SecondFactor::State::Pending && factor.begun <= now &&
+         now - factor.begun <= fenro::PENDING_SECONDS;
+}
+
+std::string typed_code(const Request& request) {
+  std::string code = request.value("code");
+  std::erase(code, ' ');
+  return code;
+}
+
+// The code that proves the app's secret does not log anybody in afterwards.
+Outcome confirm(const Request& request, JsonValue& reply) {
+  std::vector<std::string> recovery;
+  const Outcome outcome = change(request.name(), [&](SecondFactor& factor) -> Outcome {
+    const std::int64_t now = std::time(nullptr);
+    if (!has_begun(factor, now)) return NOT_BEGUN;
+    const FactorRefusal refusal = fenro::take_code(factor, typed_code(request), now);
+    // The user has just seen the secret, so there is nothing to hide.
+    if (refusal != FactorRefusal::None)
+      return {ERR_VALUE, fenro::reason_of_factor(static_cast<int>(refusal))};
+    recovery = fenro::renew_recovery(factor);
+    if (recovery.empty()) return {ERR_GENERAL};
+    factor.state = SecondFactor::State::On;
+    return {};
+  });
+  if (outcome.code != NO_ERROR) return outcome;
+  JsonValue& codes = reply["data"]["recovery"].make_array();
+  for (const std::string& code : recovery) codes << code;
+  return {};
+}
+
+// Wrong codes count like wrong passwords, and also where the policy on those is off: a session
+// alone must not be enough to guess one. The store's lock lets none be tried beside another.
+Outcome switch_off(const Request& request, JsonValue&) {
+  const std::string user = request.name();
+  const Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
+    if (factor.state != SecondFactor::State::On) return IS_OFF;
+    if (factor.misses >= fenro::MOST_MISSES || check_privilege_user_block(user.c_str()) != 0)
+      return BLOCKED;
+    if (fenro::take_code(factor, typed_code(request), std::time(nullptr)) != FactorRefusal::None) {
+      std::ignore = add_privilege_user_block(user.c_str());  // the code is refused anyway
+      ++factor.misses;
+      return WRONG_CODE;
+    }
+    const bool required = factor.required;
+    factor = {};
+    factor.required = required;
+    return {};
+  });
+  if (outcome.code == ERR_VALUE) std::this_thread::sleep_for(WRONG_CODE_PAUSE);
+  return outcome;
+}
+
+constexpr Route ROWS[] = {
+    {"/ormel/my/totp_begin", ANY_SESSION, CHANGES, json<begin>},
+    {"/ormel/my/totp_confirm", ANY_SESSION, CHANGES, json<confirm>},
+    {"/ormel/my/totp_off", ANY_SESSION, CHANGES, json<switch_off>},
+};
+
+}  // namespace
+
+const Routes SECOND_FACTOR{ROWS};
+
+}  // namespace ormel::cgi::my

@@ -1,0 +1,158 @@
+// The second factor of users, for root: who must have one, and the way in for those who have lost
+// theirs.
+#include "base/second_factor.h"
+
+#include <pwd.h>
+
+#include "ormel/base/error.h"
+#include "ormelctl/advice.h"
+#include "ormelctl/profile.h"
+#include "ormelctl/second_factor.h"
+
+namespace ormelctl {
+namespace {
+
+using fenro::SecondFactor;
+using fenro::SecondFactors;
+using State = SecondFactor::State;
+
+// Those whose logins prove the password by its hash, and have no place for a code.
+constexpr int WITHOUT_CODES = ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE;
+constexpr const char* MOST_ROWS = "100000";
+
+ormel::Json row_of(const std::string& user, const SecondFactor& factor) {
+  return ormel::Json{json_pack("{s:s, s:s, s:b, s:s, s:i}", "user", user.c_str(), "state",
+                               std::string(fenro::name_of(factor.state)).c_str(), "required",
+                               factor.required ? 1 : 0, "second_factor",
+                               second_factor_text(factor).c_str(), "recovery_codes",
+                               static_cast<int>(factor.recovery.size()))};
+}
+
+// Nothing of these rights is left behind where a code is required.
+bool take_rights(const std::string& user, std::string& taken) {
+  const Reply stored = call("/ormel/privilege/get", {{"upper", MOST_ROWS}});
+  const int mask = static_cast<int>(number_of(stored.data(), user.c_str()));
+  if ((mask & WITHOUT_CODES) == 0) return stored.error == 0;
+  for (const Protocol& row : protocols()) {
+    if ((mask & WITHOUT_CODES & row.server) != 0)
+      taken += (taken.empty() ? "" : " and ") + row.name;
+  }
+  const int left = mask & ~WITHOUT_CODES;
+  return (left == 0 ? call("/ormel/privilege/unset", {{"user", user}})
+                    : call("/ormel/privilege/set", {{"user", user + '|' + std::to_string(left)}}))
+             .error == 0;
+}
+
+Result unwritable() {
+  return failed(Exit::Failed, "totp.conf cannot be written", "is /etc/config writable?");
+}
+
+Result show(const std::string& user) {
+  const SecondFactor factor = SecondFactors{}.of(user);
+  ormel::Json rows{json_array()};
+  json_array_append_new(rows.get(), row_of(user, factor).release());
+  return done(
+      "", std::move(rows),
+      {{"user", "USER"}, {"second_factor", "2ND FACTOR"}, {"recovery_codes", "RECOVERY CODES"}});
+}
+
+// The rights go first: whatever ends this in between, no login without a code is left open by a
+// requirement that seems to hold.
+Result require(const std::string& user) {
+  const ChangeLock lock;
+  if (!lock)
+    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  std::string taken;
+  if (!take_rights(user, taken))
+    return failed(Exit::Failed, "the rights could not be stored", "is /etc/config writable?");
+  SecondFactor after;
+  if (!SecondFactors{}.change(user, [&](SecondFactor& factor) {
+        factor.required = true;
+        after = factor;
+        return factor.state != State::Damaged;
+      }))
+    return unwritable();
+  if (after.state == State::Damaged)
+    return failed(Exit::Failed, "the second factor of " + user + " is damaged",
+                  "ormelctl user totp " + user + " reset");
+  Result result = done(user + (after.asks() ? " must go on giving a code at each login"
+                                            : " must set up a second factor at the web interface, "
+                                              "and has no other login before"),
+                       row_of(user, after));
+  if (!taken.empty())
+    result.note = taken + " cannot carry a code: " + user + " may not use it any more";
+  const Reply policy = call("/ormel/privilege/block_show");
+  if (policy.error == 0 && !json_is_true(json_object_get(policy.data(), "enable")))
+    result.note += std::string(result.note.empty() ? "" : "; ") +
+                   "codes can be guessed while the policy on wrong passwords is off: "
+                   "ormelctl user policy --enable yes";
+  return result;
+}
+
+Result make_optional(const std::string& user) {
+  SecondFactor after;
+  if (!SecondFactors{}.change(user, [&](SecondFactor& factor) {
+        factor.required = false;
+        after = factor;
+        return factor.state != State::Damaged;
+      }))
+    return unwritable();
+  return done(
+      user + (after.asks() ? " may switch the second factor off" : " logs in by password alone"),
+      row_of(user, after));
+}
+
+// What was required stays so: the next login at the web interface sets up a new one.
+Result reset(const std::string& user) {
+  SecondFactor after;
+  bool any = false;
+  if (!SecondFactors{}.change(user, [&](SecondFactor& factor) {
+        any = factor.state != State::Off;
+        after.required = factor.required;
+        factor = after;
+        return any;
+      }))
+    return unwritable();
+  if (!any) return failed(Exit::NotFound, user + " has no second factor", "ormelctl user list");
+  return done(
+      user + (after.required ? " logs in at the web interface by password and must set up a "
+                               "new second factor there"
+                             : " logs in by password alone"),
+      row_of(user, after));
+}
+
+struct Action {
+  std::string_view name;
+  Result (*run)(const std::string& user);
+};
+constexpr Action ACTIONS[] = {
+    {"require", require}, {"optional", make_optional}, {"reset", reset}, {"status", show}};
+
+bool is_known(const std::string& user) {
+  return getpwnam(user.c_str()) || SecondFactors{}.of(user).state != State::Off;
+}
+
+}  // namespace
+
+std::string second_factor_text(const SecondFactor& factor) {
+  if (factor.is_missing()) return "required, not set up";
+  if (factor.state == State::Off || factor.state == State::Pending) return "";
+  return std::string(fenro::name_of(factor.state)) + (factor.required ? ", required" : "");
+}
+
+Result user_totp(const Arguments& arguments) {
+  const std::string& user = arguments.words[0];
+  const std::string verb = arguments.words.size() > 1 ? arguments.words[1] : "status";
+  for (const Action& action : ACTIONS) {
+    if (action.name != verb) continue;
+    if (!is_known(user)) {
+      const Reply all = call("/ormel/user/query", {{"upper", MOST_ROWS}});
+      return failed(Exit::NotFound, "no user is named " + user,
+                    did_you_mean(user, names_in(all.data(), nullptr), "ormelctl user list"));
+    }
+    return action.run(user);
+  }
+  return failed(Exit::Usage, verb + " is not known here", "require, optional, reset or status");
+}
+
+}  // namespace ormelctl

@@ -1,0 +1,243 @@
+#include "base/second_factor.h"
+
+#include <ctime>
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "base/base64.h"
+#include "unit/platform/scratch.h"
+
+namespace fenro {
+namespace {
+
+using testing::HasSubstr;
+using State = SecondFactor::State;
+
+constexpr std::string_view SECRET = "12345678901234567890";
+constexpr std::int64_t NOW = 1'700'000'000 / totp::PERIOD * totp::PERIOD;
+
+SecondFactor enrolled() {
+  SecondFactor factor;
+  factor.state = State::On;
+  factor.secret = totp::to_base32(SECRET);
+  return factor;
+}
+
+std::string code_of(std::int64_t seconds) {
+  return totp::code_at(SECRET, totp::step_at(seconds));
+}
+
+TEST(Totp, ComputesTheCodesOfTheStandard) {
+  struct Vector {
+    std::int64_t seconds;
+    const char* code;  // the last six of the eight digits there
+  };
+  for (const auto& [seconds, code] :
+       {Vector{59, "287082"}, Vector{1111111109, "081804"}, Vector{1111111111, "050471"},
+        Vector{1234567890, "005924"}, Vector{2000000000, "279037"}, Vector{20000000000, "353130"}})
+    EXPECT_EQ(code_of(seconds), code) << seconds;
+}
+
+TEST(Totp, ReadsTheBase32ThatItWrites) {
+  // The vectors of RFC 4648, without their padding.
+  constexpr const char* PAIRS[][2] = {{"", ""},
+                                      {"f", "MY"},
+                                      {"fo", "MZXQ"},
+                                      {"foo", "MZXW6"},
+                                      {"foob", "MZXW6YQ"},
+                                      {"fooba", "MZXW6YTB"},
+                                      {"foobar", "MZXW6YTBOI"}};
+  std::string bytes;
+  for (const auto& [plain, text] : PAIRS) {
+    EXPECT_EQ(totp::to_base32(plain), text);
+    EXPECT_TRUE(totp::parse_base32(text, bytes)) << text;
+    EXPECT_EQ(bytes, plain);
+  }
+  for (const char* text : {"M", "MZ1", "my", "MY======", "MZ", "M Y"})
+    EXPECT_FALSE(totp::parse_base32(text, bytes)) << text;
+}
+
+TEST(Totp, KeepsAHostileNameInsideItsAddress) {
+  EXPECT_EQ(totp::uri("my nas", "bob&secret=A#%\n", "MY"),
+            "otpauth://totp/my%20nas:bob%26secret%3DA%23%25%0A?secret=MY&issuer=my%20nas"
+            "&algorithm=SHA1&digits=6&period=30");
+}
+
+TEST(TakeCode, AcceptsOneStepAroundThePresentAndNoMore) {
+  struct Row {
+    std::int64_t away;  // seconds
+    FactorRefusal expected;
+  };
+  for (const auto& [away, expected] :
+       {Row{-31, FactorRefusal::Late}, Row{-30, FactorRefusal::None}, Row{0, FactorRefusal::None},
+        Row{59, FactorRefusal::None}, Row{60, FactorRefusal::Late}, Row{-600, FactorRefusal::Late},
+        Row{3600, FactorRefusal::Wrong}}) {
+    SecondFactor factor = enrolled();
+    EXPECT_EQ(take_code(factor, code_of(NOW + away), NOW), expected) << away;
+  }
+}
+
+TEST(TakeCode, CountsAStepOnceAndNoneBeforeIt) {
+  SecondFactor factor = enrolled();
+  ASSERT_EQ(take_code(factor, code_of(NOW), NOW), FactorRefusal::None);
+  EXPECT_EQ(take_code(factor, code_of(NOW), NOW), FactorRefusal::Used);
+  EXPECT_EQ(take_code(factor, code_of(NOW - 30), NOW), FactorRefusal::Used);
+  EXPECT_EQ(take_code(factor, code_of(NOW + 30), NOW), FactorRefusal::None);
+  EXPECT_EQ(take_code(factor, "", NOW), FactorRefusal::Absent);
+}
+
+TEST(TakeCode, CountsEachRecoveryCodeOnceHoweverItIsTyped) {
+  SecondFactor factor = enrolled();
+  const auto codes = renew_recovery(factor);
+  ASSERT_EQ(codes.size(), RECOVERY_CODES);
+  std::string small = codes[3];
+  for (char& c : small) c = static_cast<char>(std::tolower(c));
+  EXPECT_EQ(take_code(factor, small, NOW), FactorRefusal::None);
+  EXPECT_EQ(take_code(factor, codes[3], NOW), FactorRefusal::Wrong);
+  EXPECT_EQ(take_code(factor, codes[0], NOW), FactorRefusal::None);
+  EXPECT_EQ(factor.recovery.size(), RECOVERY_CODES - 2);
+}
+
+TEST(SplitLogin, FindsPasswordAndCode) {
+  struct Row {
+    std::string typed, password, code;
+  };
+  const auto challenge = [](const std::string& password, const std::string& code) {
+    return "SCRV1:" + to_base64(password) + ':' + to_base64(code);
+  };
+  const Row rows[] = {
+      {"secret123456", "secret", "123456"},
+      {"99999123456", "99999", "123456"},
+      {"pw 2ABCD-EFGH-IJ27", "pw 2", "ABCD-EFGH-IJ27"},
+      {"pwabcd-efgh-ij27", "pw", "abcd-efgh-ij27"},
+      {challenge("a:b", "123 456"), "a:b", "123456"},
+      {challenge("a", "ABCD-EFGH-IJ27"), "a", "ABCD-EFGH-IJ27"},
+      {"123456", "", ""},
+      {"secret12345", "", ""},
+      {"secret12345x", "", ""},
+      {"SCRV1:", "", ""},
+      {"SCRV1:YQ==:MTIzNDU2:", "", ""},
+      {"SCRV1:YQ==", "", ""},
+      {"SCRV1:YQ=:MTIzNDU2", "", ""},
+      {challenge("a\nb", "123456"), "", ""},
+      {challenge("a", "1234567"), "", ""},
+      {"", "", ""},
+  };
+  for (const Row& row : rows) {
+    const TypedLogin login = split_login(row.typed);
+    EXPECT_EQ(login.password, row.password) << row.typed;
+    EXPECT_EQ(login.code, row.code) << row.typed;
+  }
+}
+
+class SecondFactorsTest : public testing::Test {
+ protected:
+  SecondFactorsTest() { std::filesystem::create_directory(scratch.path("etc")); }
+  [[nodiscard]] bool enrol(const std::string& user) const {
+    return store.change(user, [](SecondFactor& factor) {
+      factor = enrolled();
+      return true;
+    });
+  }
+  [[nodiscard]] State state_of(const std::string& user) const { return store.of(user).state; }
+  test::Scratch scratch;
+  SecondFactors store{scratch.path("etc"), scratch.path("run/totp.lock")};
+};
+
+TEST_F(SecondFactorsTest, KeepEachUserApartWhateverTheNameIs) {
+  const std::string odd = "bo:b\n%\xff,";
+  ASSERT_TRUE(enrol(odd));
+  ASSERT_TRUE(enrol("bob"));
+  EXPECT_EQ(state_of(odd), State::On);
+  EXPECT_EQ(state_of("bo"), State::Off);
+  EXPECT_EQ(state_of("BOB"), State::Off);
+  struct stat info {};
+  ASSERT_EQ(stat(scratch.path("etc/totp.conf").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777U, 0600U);
+  ASSERT_TRUE(store.change(odd, [](SecondFactor& factor) {
+    factor = {};
+    return true;
+  }));
+  EXPECT_EQ(state_of(odd), State::Off);
+  EXPECT_EQ(state_of("bob"), State::On);
+}
+
+TEST_F(SecondFactorsTest, DamageRefusesWhomItConcernsAndNobodyElse) {
+  ASSERT_TRUE(enrol("bob"));
+  const std::string whole = scratch.read("etc/totp.conf");
+  const std::string contents[] = {
+      "",
+      "\xff\xfe\x01garbage",
+      whole.substr(0, whole.size() / 2),
+      "rob" + whole.substr(3),
+      whole + whole,
+      "bob:maybe" + whole.substr(6),
+      "bob:on:free:AAAA:0:0:0:\n",
+      "bob:on:free:" + totp::to_base32(SECRET) + ":0:x:0:\n",
+      "bob:on:free:" + totp::to_base32(SECRET) + ":0:0:0:short\n",
+      std::string(5UL << 20U, 'x'),
+  };
+  for (const std::string& content : contents) {
+    SCOPED_TRACE(content.substr(0, 80));
+    scratch.write("etc/totp.conf", content);
+    EXPECT_EQ(state_of("bob"), State::Damaged);
+    EXPECT_EQ(store.use("bob", code_of(std::time(nullptr))) == FactorRefusal::None, false);
+    EXPECT_EQ(state_of("alice"), State::Off);
+  }
+  scratch.write("etc/totp.conf", "junk\n");
+  ASSERT_TRUE(enrol("alice"));
+  EXPECT_EQ(state_of("bob"), State::Damaged);
+  ASSERT_TRUE(store.change("bob", [](SecondFactor& factor) {
+    factor = {};
+    return true;
+  }));
+  EXPECT_EQ(state_of("bob"), State::Off);
+  EXPECT_EQ(state_of("alice"), State::On);
+}
+
+TEST_F(SecondFactorsTest, WithoutTheFileNobodyHasOneAlsoAfterTheNextChange) {
+  ASSERT_TRUE(enrol("bob"));
+  std::filesystem::remove(scratch.path("etc/totp.conf"));
+  EXPECT_EQ(state_of("bob"), State::Off);
+  ASSERT_TRUE(enrol("alice"));
+  EXPECT_EQ(state_of("bob"), State::Off);
+}
+
+// Real processes, of which each has read the file before any has written it.
+TEST_F(SecondFactorsTest, ACodeLetsOneOf64ProcessesIn) {
+  ASSERT_TRUE(enrol("bob"));
+  constexpr int PROCESSES = 64;
+  int gate[2];
+  ASSERT_EQ(pipe(gate), 0);
+  const std::string code = code_of(std::time(nullptr));
+  for (int i = 0; i < PROCESSES; ++i) {
+    if (fork() != 0) continue;
+    char byte = 0;
+    close(gate[1]);
+    if (read(gate[0], &byte, 1) != 0) _exit(3);
+    const FactorRefusal refusal = store.use("bob", code);
+    _exit(refusal == FactorRefusal::None ? 0 : refusal == FactorRefusal::Used ? 1 : 2);
+  }
+  close(gate[0]);
+  close(gate[1]);
+  int ends[4] = {};
+  int status = 0;
+  for (int i = 0; i < PROCESSES && wait(&status) > 0; ++i) ++ends[WEXITSTATUS(status) & 3];
+  EXPECT_EQ(ends[0], 1);
+  EXPECT_EQ(ends[1], PROCESSES - 1);
+}
+
+TEST_F(SecondFactorsTest, ACodeThatCannotBeMarkedAsUsedIsRefused) {
+  ASSERT_TRUE(enrol("bob"));
+  std::filesystem::create_directory(scratch.path("run/other.lock"));
+  const SecondFactors other{scratch.path("etc"), scratch.path("run/other.lock")};
+  EXPECT_EQ(other.use("bob", code_of(std::time(nullptr))), FactorRefusal::NotWritten);
+  EXPECT_THAT(reason_of_factor(static_cast<int>(FactorRefusal::NotWritten)),
+              HasSubstr("code-not-written"));
+}
+
+}  // namespace
+}  // namespace fenro

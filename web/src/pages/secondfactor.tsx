@@ -1,0 +1,243 @@
+// The second factor of one's own logins: set up with an authenticator app, recovery codes, and how to switch it off.
+import { useState } from 'preact/hooks'
+import { call, data, saveFile } from '../api'
+import { labelOf } from '../model'
+import { QrCode } from '../qr'
+import { session } from '../session'
+import { t } from '../texts'
+import { Button, Card, Dialog, Failure, Field, Notice, confirm, say, useJob } from '../ui'
+
+export interface Factor {
+  state: 'off' | 'pending' | 'on' | 'damaged'
+  required: boolean
+  recovery: number // codes that are left
+}
+
+const PPTP = 1
+const L2TP = 2
+const FEW = 3 // recovery codes
+
+// Whose logins have no place for a code.
+export const hasNoCode = (type: number): boolean => type === PPTP || type === L2TP
+
+// In groups of four, as one types it.
+export const grouped = (secret: string): string => secret.replace(/(.{4})(?=.)/g, '$1 ')
+
+export const isCode = (text: string): boolean => {
+  const plain = text.replace(/ /g, '')
+  return /^[0-9]{6}$/.test(plain) || /^[a-z2-7]{4}-[a-z2-7]{4}-[a-z2-7]{4}$/i.test(plain)
+}
+
+function CodeField({ code, onInput }: { code: string; onInput: (code: string) => void }) {
+  return (
+    <Field label={t('factor.code')}>
+      {ids => (
+        <input
+          {...ids}
+          name="code"
+          autocomplete="one-time-code"
+          maxLength={20}
+          spellcheck={false}
+          value={code}
+          onInput={event => onInput(event.currentTarget.value)}
+        />
+      )}
+    </Field>
+  )
+}
+
+// The one time that the codes can be seen.
+function Recovery({ codes, onClose }: { codes: readonly string[]; onClose: () => void }) {
+  const [kept, setKept] = useState(false)
+  const text = codes.join('\n') + '\n'
+  const close = async () => {
+    const yes =
+      kept ||
+      (await confirm({
+        title: t('factor.unkept'),
+        text: t('factor.unkeptText'),
+        action: t('peer.close'),
+        danger: true,
+      }))
+    if (yes) onClose()
+  }
+  const copy = () =>
+    navigator.clipboard.writeText(text).then(
+      () => (setKept(true), say('peer.copied')),
+      () => say('factor.notCopied'),
+    )
+  return (
+    <Dialog title={t('factor.recovery')} onClose={() => void close()}>
+      <Notice tone="good">
+        <strong>{t('factor.isOn')}</strong>
+        <span>{t('factor.recoveryText')}</span>
+      </Notice>
+      <pre class="codes" tabIndex={0} aria-label={t('factor.recovery')}>
+        {text}
+      </pre>
+      <div class="row">
+        <Button onClick={() => void copy()}>{t('peer.copy')}</Button>
+        <Button onClick={() => (window.print(), setKept(true))}>{t('factor.print')}</Button>
+        <Button
+          icon="download"
+          onClick={() => (saveFile('recovery-codes.txt', new Blob([text])), setKept(true))}
+        >
+          {t('factor.file')}
+        </Button>
+        <Button kind="primary" onClick={() => void close()}>
+          {t('peer.done')}
+        </Button>
+      </div>
+    </Dialog>
+  )
+}
+
+interface Begun {
+  secret: string
+  uri: string
+}
+
+function SetUp({ begun, onDone }: { begun: Begun; onDone: (codes: string[]) => void }) {
+  const [code, setCode] = useState('')
+  const job = useJob()
+  const send = async (event: Event) => {
+    event.preventDefault()
+    await job.run('confirm', async () => {
+      const { recovery } = await data<{ recovery: string[] }>('my/totp_confirm', { code })
+      onDone(recovery)
+    })
+    setCode('')
+  }
+  return (
+    <form onSubmit={event => void send(event)}>
+      <ol>
+        <li>{t('factor.scan')}</li>
+        <li>{t('factor.type')}</li>
+      </ol>
+      <div class="device">
+        <QrCode text={begun.uri} label={t('factor.qr')} />
+        <div>
+          <p class="help">{t('factor.secret')}</p>
+          <pre tabIndex={0} aria-label={t('factor.secret')}>
+            {grouped(begun.secret)}
+          </pre>
+          <CodeField code={code} onInput={setCode} />
+          <Failure failure={job.failure} />
+          <Button kind="primary" submit busy={job.busy !== ''} disabled={!isCode(code)}>
+            {t('factor.confirm')}
+          </Button>
+        </div>
+      </div>
+    </form>
+  )
+}
+
+// Sets one up from the first button to the recovery codes.
+function Enrol({ onBegin, onDone }: { onBegin?: () => void; onDone: () => void }) {
+  const [begun, setBegun] = useState<Begun | null>(null)
+  const [codes, setCodes] = useState<string[] | null>(null)
+  const job = useJob()
+  const begin = () =>
+    job.run('begin', async () => {
+      setBegun(await data<Begun>('my/totp_begin'))
+      onBegin?.()
+    })
+  if (codes) return <Recovery codes={codes} onClose={onDone} />
+  if (begun) return <SetUp begun={begun} onDone={setCodes} />
+  return (
+    <>
+      <Failure failure={job.failure} />
+      <Button kind="primary" busy={job.busy !== ''} onClick={() => void begin()}>
+        {t('factor.begin')}
+      </Button>
+    </>
+  )
+}
+
+function SwitchOff({ onDone }: { onDone: () => void }) {
+  const [code, setCode] = useState('')
+  const job = useJob()
+  const send = async (event: Event) => {
+    event.preventDefault()
+    await job.run('off', async () => {
+      await call('my/totp_off', { code })
+      say('factor.isOff')
+      onDone()
+    })
+    setCode('')
+  }
+  return (
+    <form onSubmit={event => void send(event)}>
+      <p class="help">{t('factor.offHelp')}</p>
+      <CodeField code={code} onInput={setCode} />
+      <Failure failure={job.failure} />
+      <Button kind="danger" submit busy={job.busy !== ''} disabled={!isCode(code)}>
+        {t('factor.off')}
+      </Button>
+    </form>
+  )
+}
+
+// Whether the session is good for the set-up alone.
+function mustEnrol(enrol: boolean): void {
+  const login = session.login.peek()
+  if (login) session.begin({ ...login, enrol: enrol || undefined })
+}
+
+export function SecondFactor({
+  factor,
+  without,
+  onChanged,
+}: {
+  factor: Factor
+  without: readonly number[] // servers of this user that cannot ask for a code
+  onChanged: () => void
+}) {
+  // An answer that comes during the set-up must not take it away.
+  const [enrolling, setEnrolling] = useState(false)
+  const on = factor.state === 'on' && !enrolling
+  return (
+    <Card title={t('factor.title')}>
+      {factor.state === 'damaged' && <Notice tone="bad">{t('factor.damaged')}</Notice>}
+      {on ? (
+        <>
+          <Notice tone="good">
+            <strong>{t('factor.isOn')}</strong>
+            <span>{t('factor.howTo')}</span>
+          </Notice>
+          {factor.recovery < FEW && <Notice>{t('factor.few', { n: factor.recovery })}</Notice>}
+        </>
+      ) : (
+        <p class="help">{t(factor.required ? 'factor.required' : 'factor.why')}</p>
+      )}
+      {without.length > 0 && (
+        <Notice>{t('factor.without', { servers: without.map(labelOf).join(', ') })}</Notice>
+      )}
+      {on && <SwitchOff onDone={factor.required ? () => mustEnrol(true) : onChanged} />}
+      {!on && factor.state !== 'damaged' && (
+        <Enrol
+          onBegin={() => setEnrolling(true)}
+          onDone={() => (setEnrolling(false), onChanged())}
+        />
+      )}
+    </Card>
+  )
+}
+
+// All that a user sees who has to set one up first.
+export function EnrolPage() {
+  return (
+    <main class="front">
+      <div class="card">
+        <h1>{t('factor.title')}</h1>
+        <Notice>{t('factor.required')}</Notice>
+        <Enrol onDone={() => mustEnrol(false)} />
+        <p class="row end">
+          <button type="button" class="link" onClick={() => session.end()}>
+            {t('login.other')}
+          </button>
+        </p>
+      </div>
+    </main>
+  )
+}
