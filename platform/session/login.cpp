@@ -28,11 +28,11 @@
 #include "base/body.h"
 #include "base/bus_handle.h"
 #include "base/handle.h"
+#include "base/login_throttle.h"
 #include "daemons/mschap/password_table.h"
 #include "libfenro/user.h"
 #include "session/login_form.h"
 #include "session/login_page.h"
-#include "session/login_throttle.h"
 
 namespace {
 
