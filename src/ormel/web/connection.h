@@ -10,6 +10,7 @@
 #include <ctime>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -61,6 +62,9 @@ bool read_peers(std::vector<vpn_peer>& peers);
 uint64_t append_peers(
     JsonValue& rows, std::time_t now,
     const std::function<void(const vpn_peer&, JsonValue&)>& finish = [](auto&, auto&) {});
+// How many devices of the WireGuard server have had a handshake in the last three minutes; nothing
+// when its interface cannot be asked.
+[[nodiscard]] std::optional<int64_t> recent_devices();
 // Ends a connection in the way of the server of `type`, which a request names. What cannot be ended
 // stays.
 int kick_peer(const vpn_peer& peer, long type);

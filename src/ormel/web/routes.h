@@ -39,11 +39,17 @@ extern const Routes KEEPER;
 namespace log {
 extern const Routes EVENTS;
 }
+namespace metrics {
+extern const Routes METRICS;
+}
 namespace misc {
 extern const Routes FACTS, NETWORK;
 }
 namespace status {
 extern const Routes STATES;
+}
+namespace token {
+extern const Routes TOKENS;
 }
 namespace user {
 extern const Routes USERS;

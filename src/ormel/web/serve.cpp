@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
 #include "ormel/changes/recording.h"
+#include "ormel/web/access.h"
 #include "ormel/web/audit_record.h"
 #include "ormel/web/process.h"
 
@@ -58,6 +60,9 @@ const char* undo_header() {
   return undo_is_lost ? "X-Ormel-Undo: none\r\n" : "";
 }
 
+// What is sent is for a token that may change nothing.
+bool hides_secrets = false;
+
 // Printing is the last thing that a request does. A client that has gone away must not keep it from
 // cleaning up.
 void print_head(const std::string& head) {
@@ -70,10 +75,25 @@ void print_head(const std::string& head) {
   std::fprintf(output(), "%s%s%s\r\n", head.c_str(), fault_header(), undo_header());
 }
 
+std::string text_of(const JsonValue& response) {
+  char* text = nullptr;
+  size_t length = 0;
+  {
+    const File stream{open_memstream(&text, &length)};
+    if (stream) response.print(stream.get());
+  }
+  const CString owner{text};
+  return text ? std::string(text, length) : std::string();
+}
+
 void print_reply(const JsonValue& response) {
   const std::string media_type = support_json_type ? "application/json" : "text/plain";
   print_head("Content-type: " + media_type + "; charset=utf-8\r\n");
-  response.print(output());
+  if (hides_secrets) {
+    std::fputs(without_secrets(text_of(response)).c_str(), output());
+  } else {
+    response.print(output());
+  }
   std::fflush(output());
 }
 
@@ -86,12 +106,6 @@ int succeed(JsonValue& response) {
   response["error"] = static_cast<int32_t>(NO_ERROR);
   print_reply(response);
   return NO_ERROR;
-}
-
-// 0, or the code for a session that is not good enough.
-int check_access(const Request& request, Access access) {
-  if (request.user() == INVAILD_USER) return ERR_SESSION_FAIL;
-  return request.user() < access.least ? access.refusal : NO_ERROR;
 }
 
 cgi_settings settings_for(cgi_var_mode repeats) {
@@ -146,7 +160,13 @@ Request::Request(cgi_var_mode repeats)
       user_(INVAILD_USER),
       local_(local_caller == LOCAL_ADMINISTRATOR) {
   withhold_request();
-  user_ = local_ ? ADMIN_USER : system::auth_user_session(get_cgi_var_value(find("sid")));
+  const std::string authorization = take_authorization();
+  if (!local_ && !find("sid") && !authorization.empty()) {
+    token_ = ormel::token::check(authorization, environment("REMOTE_ADDR"), std::time(nullptr));
+    user_ = token_->name.empty() ? INVAILD_USER : ADMIN_USER;
+  } else {
+    user_ = local_ ? ADMIN_USER : system::auth_user_session(get_cgi_var_value(find("sid")));
+  }
 }
 
 int Request::number(const char* name, int fallback) const {
@@ -184,17 +204,18 @@ int give_undoable(const Route& route, const Request& request, JsonValue& respons
 
 changes::Origin origin_of(const Request& request, const std::string& what) {
   if (local_caller == LOCAL_ADMINISTRATOR) return {"root", "ormelctl", what};
-  _session session{};
-  if (auth_get_session(request.value("sid"), 0, &session) != 0) return {"", "web", what};
-  return {field_text(session.user), "web " + field_text(session.ip), what};
+  const Sender sender = sender_of(request);
+  if (sender.user.empty()) return {"", "web", what};
+  return {sender.user, "web " + sender.ip, what};
 }
 
 int serve(const Route& route, JsonValue& response) {
   const Request request{route.repeats};
-  if (const int rc = check_access(request, route.access); rc != NO_ERROR) {
-    record_refusal(route, request, rc);
-    return refuse(route, response, Outcome{rc});
+  if (const Outcome refusal = check_access(route, request); refusal.code != NO_ERROR) {
+    record_refusal(route, request, refusal.code);
+    return refuse(route, response, refusal);
   }
+  hides_secrets = request.token() && request.token()->scope < ormel::token::Scope::Admin;
   ormel::audit::Recorder recorder = recorder_of(route, request);
   const int rc = can_be_taken_back(route) ? give_undoable(route, request, response)
                                           : route.answer.give(request, response);

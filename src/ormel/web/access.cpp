@@ -1,0 +1,95 @@
+#include "ormel/web/access.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <string_view>
+
+#include <fenro/auth.h>
+
+#include "ormel/base/text.h"
+#include "ormel/web/process.h"
+
+namespace ormel::cgi {
+
+namespace {
+
+using ormel::token::Scope;
+
+// No token may make tokens, be a person, or take all secrets with it. A path, or the start of some.
+constexpr std::string_view FOR_PEOPLE[] = {"/ormel/token/", "/ormel/my/", "/ormel/backup/",
+                                           "/ormel/log/dump", "/ormel/oauth_login"};
+constexpr std::string_view FIGURES = "/ormel/metrics";
+// Members of answers.
+constexpr std::string_view SECRETS[] = {"pass",           "psk",           "secret", "pri_key",
+                                        "server_pri_key", "client_pri_key"};
+
+bool is_for_people(std::string_view path) {
+  return std::ranges::any_of(FOR_PEOPLE,
+                             [path](std::string_view start) { return path.starts_with(start); });
+}
+
+Scope least_scope(const Route& route) {
+  if (route.path == FIGURES) return Scope::Metrics;
+  return route.effect == READS ? Scope::Read : Scope::Admin;
+}
+
+Outcome check_token(const Route& route, const ormel::token::Holder& holder) {
+  if (holder.name.empty()) return {ERR_SESSION_FAIL, holder.refusal};
+  if (is_for_people(route.path))
+    return {ERR_NOT_ADMIN_SESSION, "no token may use this route: log in"};
+  const Scope least = least_scope(route);
+  if (holder.scope >= least) return {};
+  return {ERR_NOT_ADMIN_SESSION, std::string("the token has the scope ") + name_of(holder.scope) +
+                                     ", and this needs the scope " + name_of(least)};
+}
+
+void blank(json_t* value) {
+  const char* name = nullptr;
+  json_t* member = nullptr;
+  size_t at = 0;
+  json_array_foreach(value, at, member) blank(member);
+  json_object_foreach(value, name, member) {
+    const bool secret = std::ranges::find(SECRETS, name) != std::end(SECRETS);
+    if (secret && json_is_string(member))
+      json_string_set(member, "");
+    else
+      blank(member);
+  }
+}
+
+// The address that the web server reports, where it is one.
+std::string client_address() {
+  const std::string address = environment("REMOTE_ADDR");
+  in6_addr any{};
+  const bool valid = inet_pton(AF_INET, address.c_str(), &any) == 1 ||
+                     inet_pton(AF_INET6, address.c_str(), &any) == 1;
+  return valid ? address : std::string();
+}
+
+}  // namespace
+
+Sender sender_of(const Request& request) {
+  if (request.token()) return {request.token()->name, client_address()};
+  _session session{};
+  const bool known =
+      request.filled("sid") && auth_get_session(request.value("sid"), 1, &session) == 0;
+  if (!known) return {"", client_address()};
+  const std::string address = field_text(session.ip);
+  return {field_text(session.user), address.empty() ? client_address() : address};
+}
+
+Outcome check_access(const Route& route, const Request& request) {
+  if (request.token()) return check_token(route, *request.token());
+  if (request.user() == INVAILD_USER) return {ERR_SESSION_FAIL};
+  return {request.user() < route.access.least ? route.access.refusal : NO_ERROR};
+}
+
+std::string without_secrets(const std::string& answer) {
+  const Json document{json_loadb(answer.data(), answer.size(), 0, nullptr)};
+  blank(document.get());
+  const CString text{json_dumps(document.get(), JSON_COMPACT)};
+  return text ? text.get() : "";
+}
+
+}  // namespace ormel::cgi

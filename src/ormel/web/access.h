@@ -1,0 +1,22 @@
+// Who sends a request, and what that lets it do: a session, a token, or a program of this host.
+#pragma once
+
+#include <string>
+
+#include "ormel/web/serve.h"
+
+namespace ormel::cgi {
+
+// Who has sent a request: the user of its session, or "token:NAME". Empty for neither.
+struct Sender {
+  std::string user{}, ip{};
+};
+[[nodiscard]] Sender sender_of(const Request& request);
+
+// Whether a request may use a route: 0, or why not.
+[[nodiscard]] Outcome check_access(const Route& route, const Request& request);
+
+// The text of an answer without the secrets in it, for a token that is not good for changes.
+[[nodiscard]] std::string without_secrets(const std::string& answer);
+
+}  // namespace ormel::cgi
