@@ -29,19 +29,13 @@ bool is_for_people(std::string_view path) {
                              [path](std::string_view start) { return path.starts_with(start); });
 }
 
-Scope least_scope(const Route& route) {
-  if (route.path == FIGURES) return Scope::Metrics;
-  return route.effect == READS ? Scope::Read : Scope::Admin;
-}
-
 Outcome check_token(const Route& route, const ormel::token::Holder& holder) {
   if (holder.name.empty()) return {ERR_SESSION_FAIL, holder.refusal};
-  if (is_for_people(route.path))
-    return {ERR_NOT_ADMIN_SESSION, "no token may use this route: log in"};
-  const Scope least = least_scope(route);
-  if (holder.scope >= least) return {};
+  const std::optional<Scope> least = least_scope(route);
+  if (!least) return {ERR_NOT_ADMIN_SESSION, "no token may use this route: log in"};
+  if (holder.scope >= *least) return {};
   return {ERR_NOT_ADMIN_SESSION, std::string("the token has the scope ") + name_of(holder.scope) +
-                                     ", and this needs the scope " + name_of(least)};
+                                     ", and this needs the scope " + name_of(*least)};
 }
 
 void blank(json_t* value) {
@@ -83,6 +77,12 @@ Outcome check_access(const Route& route, const Request& request) {
   if (request.token()) return check_token(route, *request.token());
   if (request.user() == INVAILD_USER) return {ERR_SESSION_FAIL};
   return {request.user() < route.access.least ? route.access.refusal : NO_ERROR};
+}
+
+std::optional<Scope> least_scope(const Route& route) {
+  if (is_for_people(route.path)) return {};
+  if (route.path == FIGURES) return Scope::Metrics;
+  return route.effect == READS ? Scope::Read : Scope::Admin;
 }
 
 std::string without_secrets(const std::string& answer) {

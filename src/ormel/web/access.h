@@ -1,6 +1,7 @@
 // Who sends a request, and what that lets it do: a session, a token, or a program of this host.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "ormel/web/serve.h"
@@ -15,6 +16,9 @@ struct Sender {
 
 // Whether a request may use a route: 0, or why not.
 [[nodiscard]] Outcome check_access(const Route& route, const Request& request);
+
+// The least scope of a token that may use a route; nothing where no token may.
+[[nodiscard]] std::optional<ormel::token::Scope> least_scope(const Route& route);
 
 // The text of an answer without the secrets in it, for a token that is not good for changes.
 [[nodiscard]] std::string without_secrets(const std::string& answer);
