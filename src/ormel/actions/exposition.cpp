@@ -32,7 +32,7 @@ constexpr Family FAMILIES[] = {
     {"ormel_guard_dropped_packets_total", "counter", "Packets that the guard has stopped."},
     {"ormel_login_failures_1h", "gauge", "Refused logins to a server in the last hour, of the latest 2000 refusals."},
     {"ormel_users_blocked", "gauge", "Users who are blocked for wrong passwords."},
-    {"ormel_certificate_not_after_seconds", "gauge", "When a certificate ends, in seconds since 1970."},
+    {"ormel_certificate_not_after_seconds", "gauge", "When a certificate ends, or the next list of revoked ones is due, in seconds since 1970."},
     {"ormel_keeper_restarts_total", "counter", "Times that the keeper has started a server or tunnel again."},
 };
 // clang-format on

@@ -11,6 +11,7 @@
 #include "base/online_line.h"
 #include "base/tunnel.h"
 #include "ormel/actions/audit_state.h"
+#include "ormel/actions/certificates.h"
 #include "ormel/actions/exposition.h"
 #include "ormel/actions/gateway_policy.h"
 #include "ormel/actions/log_db.h"
@@ -344,6 +345,24 @@ std::string keeper_samples(const std::vector<Profile>& profiles) {
   return text;
 }
 
+std::string certificate_samples(const ormel::config::Management& pool,
+                                const std::vector<Profile>& profiles) {
+  std::string text;
+  for (const certificates::Certificate& one : certificates::list(pool)) {
+    const auto profile = std::ranges::find_if(profiles, [&one](const Profile& known) {
+      return known.record->type == one.type && known.record->index == one.index;
+    });
+    if (one.ends())
+      text += sample("ormel_certificate_not_after_seconds",
+                     {{"role", name_of(one.role)},
+                      {"subject", one.subject},
+                      {"profile", profile == profiles.end() ? std::string_view()
+                                                            : std::string_view(profile->name)}},
+                     one.not_after);
+  }
+  return text;
+}
+
 // What else a daemon is asked once it has answered.
 struct Figures {
   std::string_view service;
@@ -372,7 +391,8 @@ std::vector<Source> sources(const ormel::config::Management& pool, bool users) {
   const std::vector<Profile> profiles = profiles_in(pool);
   std::vector<Source> all{{[&pool] { return server_samples(pool); }},
                           {[profiles] { return tunnel_samples(profiles); }},
-                          {[] { return session_samples() + device_samples(); }}};
+                          {[] { return session_samples() + device_samples(); }},
+                          {[&pool, profiles] { return certificate_samples(pool, profiles); }}};
   if (users) all.push_back({user_samples});
   for (const system::BusDaemon& daemon : system::BUS_DAEMONS)
     all.push_back({[&daemon, profiles] { return daemon_samples(daemon, profiles); },
