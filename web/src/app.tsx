@@ -5,7 +5,7 @@ import { Account } from './account'
 import { undoLost, unsaved } from './api'
 import { PendingBand } from './goback'
 import { idle, watchHands } from './idle'
-import { BackupPage } from './pages/backup'
+import { lazy } from './lazy'
 import { ClientsPage } from './pages/clients'
 import { ConnectionsPage } from './pages/connections'
 import { GatewayPage } from './pages/gateway'
@@ -23,6 +23,9 @@ import { guard, place } from './router'
 import { session } from './session'
 import { language, t, type TextKey } from './texts'
 import { Icon, Notice, Questions, Sayings, hush, mayLeave, touched, type IconName } from './ui'
+
+const BackupPage = lazy(async () => (await import('./pages/backup')).BackupPage)
+const TokensPage = lazy(async () => (await import('./pages/tokens')).TokensPage)
 
 interface Page {
   name: string
@@ -42,6 +45,7 @@ const PAGES: readonly Page[] = [
   { name: 'logs', label: 'nav.logs', icon: 'logs', show: LogsPage },
   { name: 'notify', label: 'nav.notify', icon: 'bell', show: NotifyPage },
   { name: 'backup', label: 'nav.backup', icon: 'download', show: BackupPage },
+  { name: 'tokens', label: 'nav.tokens', icon: 'key', show: TokensPage },
 ]
 
 function Shell() {
