@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 namespace manual {
 
@@ -52,7 +53,11 @@ std::string shown(const Variable& variable) {
 
 RouteText route_text(const Entry& entry) {
   RouteText out;
+  std::string before;
   for (const std::string& line : entry.lines) {
+    const bool begins = std::exchange(before, line).empty();
+    if (begins && line.starts_with('_'))
+      fail(entry.key + ": a program cannot read this, see route_text.h: " + line);
     if (line.starts_with(ANSWER)) {
       out.more = split(line.substr(ANSWER.size()), ' ');
       out.answer = out.more.front();
