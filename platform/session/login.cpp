@@ -98,8 +98,8 @@ void log_event(EventType type, const std::string& user, const char* text) {
 std::optional<std::string> session_tool(std::vector<std::string> words,
                                         const std::string& input = {}) {
   const MibIo in{mib_io_create()}, out{mib_io_create()}, err{mib_io_create()};
-  for (const char* name : {"QUERY_STRING", "REQUEST_URI"})
-    unsetenv(name);  // they may hold a session id
+  for (const char* name : {"QUERY_STRING", "REQUEST_URI", "HTTP_AUTHORIZATION"})
+    unsetenv(name);  // they may hold a session id, or a token
   words.insert(words.begin(), SESSION_TOOL);
   if (!in || mib_io_write(in.get(), input.data(), input.size()) != static_cast<int>(input.size()))
     return {};

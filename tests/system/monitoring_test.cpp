@@ -8,6 +8,7 @@
 
 #include <jansson.h>
 
+#include "ormel/base/crypto.h"
 #include "ormel/base/handle.h"
 #include "ormel/web/routes.h"
 #include "support/exposition.h"
@@ -145,6 +146,10 @@ TEST_F(Monitoring, OpensWhatATokenIsGoodForThroughTheWebServer) {
   for (int i = 0; i < 10; ++i)
     EXPECT_THAT(ask(METRICS, "ormel_x_" + std::to_string(i)), HasSubstr("\"error\":39"));
   EXPECT_THAT(ask(METRICS, metrics), HasSubstr("try again in "));
+  const std::string events = ctl({"log", "events"}).out;
+  const size_t said = events.find("Too many wrong tokens from 127.0.0.1");
+  EXPECT_NE(said, std::string::npos) << events;
+  EXPECT_EQ(said, events.rfind("Too many wrong tokens"));
 }
 
 TEST_F(Monitoring, LeavesNoTokenInAChildInALogOrInTheTrail) {
@@ -183,7 +188,7 @@ TEST_F(Monitoring, SendsADocumentThatHasEachRouteOfTheTable) {
   }
 }
 
-// The last one: the daemons do not come back.
+// The last ones: the daemons do not come back.
 TEST_F(Monitoring, GivesNoFigureOfADaemonThatHangsOrIsDead) {
   const Exposition whole = figures();
   for (const Daemon& daemon : DAEMONS) EXPECT_EQ(whole.samples.at(daemon_up(daemon)), 1);
@@ -203,6 +208,33 @@ TEST_F(Monitoring, GivesNoFigureOfADaemonThatHangsOrIsDead) {
       signal_daemon(daemon, "-CONT");
     }
   }
+}
+
+// 600 sessions of 300 users, each of whom has two.
+TEST_F(Monitoring, SumsTheTrafficOfUsersUpToALimitAndWhereItIsAskedForAlone) {
+  std::string lines, data;
+  for (int i = 0; i < 600; ++i) {
+    const std::string eth = "ppp" + std::to_string(i);
+    const std::string user = "user" + std::to_string(1000 + i / 2) + "\"\n";
+    lines += eth + " 10.0.0.9 " + std::to_string(4000 + i) + " - 10.1.0.2 1 1709769600 " +
+             ormel::openssl::base64_encode(user) + '\n';
+    data += (i == 0 ? "" : ",") + ("{\"key\":\"" + eth) +
+            R"(","rx_bytes":7,"tx_bytes":9,"rx_rate":0,"tx_rate":0})";
+  }
+  write("/var/log/ormel_online_users", lines);
+  const ScriptedService rated{
+      "RateServer", "fenro-rated", {"all_server_stat"}, R"({"error":0,"data":[)" + data + "]}"};
+  const Exposition found = figures("&users=1");
+  const auto count = std::count_if(found.samples.begin(), found.samples.end(), [](auto& one) {
+    return one.first.starts_with("ormel_session_");
+  });
+  EXPECT_EQ(count, 500);
+  const std::string labels = R"re({protocol="pptp",user="user1000\"\n"})re";
+  EXPECT_EQ(found.samples.at("ormel_session_receive_bytes" + labels), 14);
+  EXPECT_EQ(found.samples.at("ormel_session_transmit_bytes" + labels), 18);
+  EXPECT_EQ(found.samples.at("ormel_sessions{protocol=\"pptp\"}"), 600);
+  EXPECT_FALSE(figures().has("ormel_session_receive_bytes"));
+  fs::remove("/var/log/ormel_online_users");
 }
 
 }  // namespace

@@ -160,10 +160,7 @@ const Token* find_valid(const std::vector<Token>& tokens, std::string_view text,
 
 // The token in the header, without what comes before it.
 std::string_view bearer_of(std::string_view header) {
-  const auto same = [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a - 'A' + 'a' : a) == b; };
-  if (header.size() < SCHEME.size() ||
-      !std::ranges::equal(header.substr(0, SCHEME.size()), SCHEME, same))
-    return {};
+  if (!is_bearer(header)) return {};
   header.remove_prefix(std::min(header.find_first_not_of(' ', SCHEME.size()), header.size()));
   return header.starts_with(PREFIX) ? header.substr(PREFIX.size()) : std::string_view();
 }
@@ -199,6 +196,12 @@ std::optional<Scope> scope_named(std::string_view name) {
   const auto* const found = std::ranges::find(SCOPES, name);
   if (found == std::end(SCOPES)) return {};
   return static_cast<Scope>(found - SCOPES);
+}
+
+bool is_bearer(std::string_view authorization) {
+  const auto same = [](char a, char b) { return (a >= 'A' && a <= 'Z' ? a - 'A' + 'a' : a) == b; };
+  return authorization.size() >= SCHEME.size() &&
+         std::ranges::equal(authorization.substr(0, SCHEME.size()), SCHEME, same);
 }
 
 bool list(std::vector<Token>& tokens) {
@@ -266,7 +269,8 @@ Holder check(std::string_view authorization, const std::string& address, int64_t
   if (!token) {
     // The address in the place of a user: what others try must not count for it.
     std::ignore = throttle.admit(address, address, clock);  // it is refused anyway
-    return {.refusal = "the token is unknown or out of date: ormelctl token list"};
+    return {.refusal = "the token is unknown or out of date: ormelctl token list",
+            .closes = throttle.retry_after(address, clock) > 0};
   }
   if (now - token->used >= NOTE_SECONDS || token->used > now) note_use(token->id, address, now);
   return {HOLDER + token->name, token->scope};

@@ -65,7 +65,11 @@ struct Holder {
   std::string name{};  // "token:NAME"; empty for a token that is not valid
   Scope scope = Scope::Metrics;
   std::string refusal{};  // why it is not
+  bool closes = false;    // the address is closed to all tokens from now on
 };
+
+// Whether a header "Authorization" has a token in it, a good one or not.
+[[nodiscard]] bool is_bearer(std::string_view authorization);
 
 // Looks at what a request from `address` has as its header "Authorization", and notes the use. The
 // same refusal for a token that is unknown, malformed or out of date; ten of them from one address

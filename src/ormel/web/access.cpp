@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <ctime>
 #include <netinet/in.h>
 #include <string_view>
 
 #include <fenro/auth.h>
 
 #include "ormel/base/text.h"
+#include "ormel/host/event_log.h"
 #include "ormel/web/process.h"
 
 namespace ormel::cgi {
@@ -15,6 +17,8 @@ namespace ormel::cgi {
 namespace {
 
 using ormel::token::Scope;
+
+constexpr int WARNING = 1;  // of an event
 
 // No token may make tokens, be a person, or take all secrets with it. A path, or the start of some.
 constexpr std::string_view FOR_PEOPLE[] = {"/ormel/token/", "/ormel/my/", "/ormel/backup/",
@@ -52,7 +56,8 @@ void blank(json_t* value) {
   }
 }
 
-// The address that the web server reports, where it is one.
+}  // namespace
+
 std::string client_address() {
   const std::string address = environment("REMOTE_ADDR");
   in6_addr any{};
@@ -61,7 +66,16 @@ std::string client_address() {
   return valid ? address : std::string();
 }
 
-}  // namespace
+ormel::token::Holder holder_of(const std::string& authorization) {
+  const std::string address = client_address();
+  ormel::token::Holder holder = ormel::token::check(authorization, address, std::time(nullptr));
+  if (holder.closes)
+    system::add_log("[ORMEL Service] Too many wrong tokens from " +
+                        (address.empty() ? "an unknown address" : address) +
+                        ": no token is taken from there for 15 minutes.",
+                    WARNING);
+  return holder;
+}
 
 Sender sender_of(const Request& request) {
   if (request.token()) return {request.token()->name, client_address()};

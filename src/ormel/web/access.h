@@ -14,6 +14,13 @@ struct Sender {
 };
 [[nodiscard]] Sender sender_of(const Request& request);
 
+// The address that the web server reports, empty where it is none.
+[[nodiscard]] std::string client_address();
+
+// Looks at a token in the place of a session, and says it where an address is closed for wrong
+// ones.
+[[nodiscard]] ormel::token::Holder holder_of(const std::string& authorization);
+
 // Whether a request may use a route: 0, or why not.
 [[nodiscard]] Outcome check_access(const Route& route, const Request& request);
 

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <map>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include "base/file.h"
@@ -18,10 +19,9 @@
 #include "ormel/actions/log_db_call.h"
 #include "ormel/actions/tunnel_state.h"
 #include "ormel/base/text.h"
-#include "ormel/drivers/wireguard/tool.h"
-#include "ormel/drivers/wireguard/wireguard.h"
 #include "ormel/host/bus.h"
 #include "ormel/host/daemons.h"
+#include "ormel/host/process.h"
 #include "ormel/web/connection.h"
 #include "ormel/web/metrics.h"
 
@@ -35,6 +35,8 @@ using ormel::metrics::sample;
 constexpr int BUS_SECONDS = 1;
 constexpr int MOST_PROFILES = 64;   // of one protocol
 constexpr size_t MOST_USERS = 250;  // with two series each
+constexpr const char* WIREGUARD_SCRIPT = "/etc/init.d/vpn_wireguard.sh";
+constexpr const char* WG = "/usr/bin/wg";
 constexpr const char* BLOCK_POLICY = "/etc/config/vpn_block.conf";
 
 std::string protocol_of(TYPE type) {
@@ -108,12 +110,38 @@ std::string byte_samples(const Profile& profile, const std::string& interface) {
   return text;
 }
 
-std::string handshake_sample(const Profile& profile) {
-  const std::optional<std::time_t> at = wireguard::latest_handshake(profile.record->index);
-  if (at.value_or(0) == 0) return {};
-  return sample("ormel_tunnel_handshake_age_seconds",
-                {{"protocol", profile.protocol}, {"profile", profile.name}},
-                std::max<int64_t>(std::time(nullptr) - *at, 0));
+// When the peer of each WireGuard interface last answered, by the interface; 0 for never. The
+// script runs where the rights to ask are.
+std::map<std::string, int64_t> handshakes() {
+  std::string text;
+  if (system::do_exec_safe({WIREGUARD_SCRIPT, "handshakes"}, text) != 0)
+    std::ignore = system::do_exec_safe({WG, "show", "all", "latest-handshakes"}, text);
+  std::map<std::string, int64_t> all;
+  for (std::string_view rest = text; !rest.empty();) {
+    std::string_view line = fenro::take_line(rest);
+    const std::string_view interface = fenro::take_until(line, '\t');
+    std::ignore = fenro::take_until(line, '\t');
+    int64_t at = 0;
+    if (fenro::parse_number(line, at)) all.emplace(interface, at);
+  }
+  return all;
+}
+
+std::string handshake_samples(const std::vector<Profile>& profiles) {
+  const auto is_wireguard = [](const Profile& profile) {
+    return profile.record->type == WIREGUARD_CLIENT_TYPE;
+  };
+  if (std::ranges::none_of(profiles, is_wireguard)) return {};
+  std::string text;
+  const std::map<std::string, int64_t> latest = handshakes();
+  for (const Profile& profile : profiles) {
+    const auto found = latest.find(interface_name(profile.record->type, profile.record->index));
+    if (found == latest.end() || found->second == 0) continue;
+    text += sample("ormel_tunnel_handshake_age_seconds",
+                   {{"protocol", profile.protocol}, {"profile", profile.name}},
+                   std::max<int64_t>(std::time(nullptr) - found->second, 0));
+  }
+  return text;
 }
 
 std::string tunnel_samples(const std::vector<Profile>& profiles) {
@@ -128,9 +156,8 @@ std::string tunnel_samples(const std::vector<Profile>& profiles) {
                     {"state", state_name(state.state)},
                     {"reason", code_of(state)}},
                    1);
-    if (state.state == State::Off) continue;
-    text += byte_samples(profile, interface_name(profile.record->type, profile.record->index));
-    if (profile.record->type == WIREGUARD_CLIENT_TYPE) text += handshake_sample(profile);
+    if (state.state != State::Off)
+      text += byte_samples(profile, interface_name(profile.record->type, profile.record->index));
   }
   return text;
 }
@@ -150,8 +177,10 @@ std::string session_samples() {
   return text;
 }
 
-std::string device_samples() {
-  const std::optional<int64_t> devices = connection::recent_devices();
+std::string device_samples(const ormel::config::Management& pool) {
+  const ormel::config::PolyConfig* const server = pool.fetch(WIREGUARD_SERVER_TYPE, 0);
+  const bool on = server && server->bc->enable;
+  const std::optional<int64_t> devices = on ? connection::recent_devices() : 0;
   if (!devices) return {};
   return sample("ormel_sessions", {{"protocol", protocol_of(WIREGUARD_SERVER_TYPE)}}, *devices);
 }
@@ -391,7 +420,8 @@ std::vector<Source> sources(const ormel::config::Management& pool, bool users) {
   const std::vector<Profile> profiles = profiles_in(pool);
   std::vector<Source> all{{[&pool] { return server_samples(pool); }},
                           {[profiles] { return tunnel_samples(profiles); }},
-                          {[] { return session_samples() + device_samples(); }},
+                          {[profiles] { return handshake_samples(profiles); }},
+                          {[&pool] { return session_samples() + device_samples(pool); }},
                           {[&pool, profiles] { return certificate_samples(pool, profiles); }}};
   if (users) all.push_back({user_samples});
   for (const system::BusDaemon& daemon : system::BUS_DAEMONS)

@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -161,8 +160,8 @@ Request::Request(cgi_var_mode repeats)
       local_(local_caller == LOCAL_ADMINISTRATOR) {
   withhold_request();
   const std::string authorization = take_authorization();
-  if (!local_ && !find("sid") && !authorization.empty()) {
-    token_ = ormel::token::check(authorization, environment("REMOTE_ADDR"), std::time(nullptr));
+  if (!local_ && !find("sid") && ormel::token::is_bearer(authorization)) {
+    token_ = holder_of(authorization);
     user_ = token_->name.empty() ? INVAILD_USER : ADMIN_USER;
   } else {
     user_ = local_ ? ADMIN_USER : system::auth_user_session(get_cgi_var_value(find("sid")));
