@@ -172,6 +172,7 @@ TEST_F(TokenRoutes, LeaveSecretsOutForAScopeThatChangesNothing) {
     out["data"] = json_loads(R"([{"psk":"s1","peers":[{"psk":"s2","peer_pub_key":"public"}],
                                   "server_pri_key":"s3","pass":"s4","auth_user_pass":1}])",
                              0, nullptr);
+    out["name"] = "\xff";
     return answer_json(out, {});
   };
   const std::string read = ask(row, token_of("read"));

@@ -8,6 +8,7 @@
 
 #include <fenro/auth.h>
 
+#include "base/utf8.h"
 #include "ormel/base/text.h"
 #include "ormel/host/event_log.h"
 #include "ormel/web/process.h"
@@ -100,10 +101,12 @@ std::optional<Scope> least_scope(const Route& route) {
 }
 
 std::string without_secrets(const std::string& answer) {
-  const Json document{json_loadb(answer.data(), answer.size(), 0, nullptr)};
+  const std::string valid = fenro::valid_utf8(answer);
+  const Json document{json_loadb(valid.data(), valid.size(), JSON_ALLOW_NUL, nullptr)};
   blank(document.get());
-  const CString text{json_dumps(document.get(), JSON_COMPACT)};
-  return text ? text.get() : "";
+  const CString text{document ? json_dumps(document.get(), JSON_COMPACT) : nullptr};
+  return text ? text.get()
+              : R"({"error":1,"reason":"the answer cannot be sent without its secrets"})";
 }
 
 }  // namespace ormel::cgi

@@ -74,12 +74,13 @@ void print_head(const std::string& head) {
   std::fprintf(output(), "%s%s%s\r\n", head.c_str(), fault_header(), undo_header());
 }
 
-std::string text_of(const JsonValue& response) {
+// What is printed to a stream in memory.
+std::string printed(const std::function<void(std::FILE* stream)>& print) {
   char* text = nullptr;
   size_t length = 0;
   {
     const File stream{open_memstream(&text, &length)};
-    if (stream) response.print(stream.get());
+    if (stream) print(stream.get());
   }
   const CString owner{text};
   return text ? std::string(text, length) : std::string();
@@ -89,7 +90,8 @@ void print_reply(const JsonValue& response) {
   const std::string media_type = support_json_type ? "application/json" : "text/plain";
   print_head("Content-type: " + media_type + "; charset=utf-8\r\n");
   if (hides_secrets) {
-    std::fputs(without_secrets(text_of(response)).c_str(), output());
+    const std::string whole = printed([&](std::FILE* stream) { response.print(stream); });
+    std::fputs(without_secrets(whole).c_str(), output());
   } else {
     response.print(output());
   }
@@ -255,20 +257,14 @@ std::string answer_locally(const std::string& query, Caller caller,
     unsetenv(name);
   setenv("QUERY_STRING", query.c_str(), 1);
   withhold_request();
-  char* text = nullptr;
-  size_t length = 0;
-  {
-    const File stream{open_memstream(&text, &length)};
-    if (!stream) return {};
-    local_output = stream.get();
+  return printed([&](std::FILE* stream) {
+    local_output = stream;
     local_caller = caller;
     JsonValue response;
     work(response);
     local_caller = OF_SESSION;
     local_output = nullptr;
-  }
-  const CString owner{text};
-  return text ? std::string(text, length) : std::string();
+  });
 }
 
 }  // namespace cgi
