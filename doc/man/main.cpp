@@ -23,8 +23,8 @@ constexpr Part PARTS[] = {
     {"actions", put_actions}, {"completion", put_completion},
     {"errors", put_errors},   {"form-options", put_form_options},
     {"keys", put_keys},       {"notifications", put_notifications},
-    {"options", put_options}, {"routes", put_routes},
-    {"types", put_types},
+    {"openapi", put_openapi}, {"options", put_options},
+    {"routes", put_routes},   {"types", put_types},
 };
 
 void expand(Page& page, const std::string& line) {

@@ -36,6 +36,7 @@ void put_form_options(Page& page, const Words& words);   // those that a web for
 void put_completion(Page& page, const Words& words);     // all of it, for the shell
 void put_errors(Page& page, const Words& words);         // codes and texts
 void put_routes(Page& page, const Words& words);         // of the web program
+void put_openapi(Page& page, const Words& words);        // the same as a document of OpenAPI
 void put_notifications(Page& page, const Words& words);  // of the notification centre
 // The keys that each of the given sections of vpn.conf has with the same default, less those that
 // were put before.

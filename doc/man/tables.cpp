@@ -3,6 +3,7 @@
 #include "ormel/host/notification.h"
 #include "ormel/web/routes.h"
 #include "page.h"
+#include "route_text.h"
 
 namespace manual {
 
@@ -51,7 +52,7 @@ void put_routes(Page& page, const Words&) {
     const Entry& entry = page.texts("routes").of(path);
     put_entry(page,
               '*' + literal(path) + "* (" + who_may_use(route.access) + ')' + effect_of(route),
-              entry.lines);
+              route_text(entry).lines);
   }
 }
 

@@ -12,7 +12,7 @@
 #include <sys/un.h>
 #include <vector>
 
-#include "common/client_network.h"
+#include "base/client_network.h"
 
 namespace fenro::gate {
 namespace {

@@ -195,6 +195,7 @@ case "$#/${1-}" in
     ! running ||
       wg show "$INTERFACE" dump | awk -F '\t' -v OFS='\t' 'NR > 1 { print $1, $3, $4, $5, $6, $7 }'
     ;;
+  1/handshakes) wg show all latest-handshakes ;; # of the client tunnels as well
   1/sync_peers) with_lock wireguard sync_peers ;;
   *) server_script wireguard "$@" ;;
 esac

@@ -29,13 +29,13 @@
 #include "base/body.h"
 #include "base/bus_handle.h"
 #include "base/handle.h"
+#include "base/login_throttle.h"
 #include "base/second_factor.h"
 #include "daemons/mschap/password_table.h"
 #include "libfenro/password.h"
 #include "libfenro/user.h"
 #include "session/login_form.h"
 #include "session/login_page.h"
-#include "session/login_throttle.h"
 
 namespace {
 
@@ -101,8 +101,8 @@ void log_event(EventType type, const std::string& user, const char* text) {
 std::optional<std::string> session_tool(std::vector<std::string> words,
                                         const std::string& input = {}) {
   const MibIo in{mib_io_create()}, out{mib_io_create()}, err{mib_io_create()};
-  for (const char* name : {"QUERY_STRING", "REQUEST_URI"})
-    unsetenv(name);  // they may hold a session id
+  for (const char* name : {"QUERY_STRING", "REQUEST_URI", "HTTP_AUTHORIZATION"})
+    unsetenv(name);  // they may hold a session id, or a token
   words.insert(words.begin(), SESSION_TOOL);
   if (!in || mib_io_write(in.get(), input.data(), input.size()) != static_cast<int>(input.size()))
     return {};

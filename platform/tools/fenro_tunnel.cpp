@@ -67,6 +67,7 @@ constexpr Row ROWS[] = {
     {"vpn_wireguard_client.sh", "stop", Argument::Slot},
     {"vpn_wireguard_client.sh", "remove", Argument::Slot},
     {"vpn_wireguard.sh", "peers"},
+    {"vpn_wireguard.sh", "handshakes"},
     {"vpn_wireguard.sh", "sync_peers"},
     {"vpn_common.sh", "setup_vpn_entrance"},
     {"vpn_common.sh", "add_vpnclient_profile", Argument::Interface},

@@ -181,6 +181,11 @@ Result notify_test(const Arguments& arguments);
 Result audit_list(const Arguments& arguments);
 Result audit_verify(const Arguments& arguments);
 
+Result metrics(const Arguments& arguments);
+Result token_list(const Arguments& arguments);
+Result token_add(const Arguments& arguments);
+Result token_remove(const Arguments& arguments);
+
 Result site_export(const Arguments& arguments);
 Result site_diff(const Arguments& arguments);
 Result site_apply(const Arguments& arguments);

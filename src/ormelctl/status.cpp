@@ -2,32 +2,19 @@
 #include <algorithm>
 
 #include "ormel/host/bus.h"
+#include "ormel/host/daemons.h"
 #include "ormelctl/profile.h"
 
 namespace ormelctl {
 namespace {
 
-// The daemons on the bus.
-struct Daemon {
-  const char* name;
-  const char* service;
-  const char* without;  // what does not work while it is away
-};
-constexpr Daemon DAEMONS[] = {
-    {"ormeld", "@/var/run/ormeld.sock", "logs, and logins to the servers"},
-    {"fenro-networkd", "NetworkService", "interfaces, counters and the default gateway"},
-    {"fenro-jsond", "vpncaas", "the policy on wrong passwords"},
-    {"fenro-rated", "RateServer", "traffic of connections"},
-    {"pelmar-agentd", "ormel_network_service", "the SD-WAN"},
-    {"fenro-keeperd", "KeeperService", "servers and tunnels that end are not started again"},
-};
 constexpr int BUS_SECONDS = 1;
 
 }  // namespace
 
 ormel::Json daemon_rows() {
   ormel::Json rows{json_array()};
-  for (const Daemon& daemon : DAEMONS) {
+  for (const ormel::system::BusDaemon& daemon : ormel::system::BUS_DAEMONS) {
     const bool up = ormel::system::serves(daemon.service, BUS_SECONDS);
     json_array_append_new(
         rows.get(),

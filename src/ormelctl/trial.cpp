@@ -55,6 +55,7 @@ constexpr Untriable UNTRIABLE[] = {
     {"guard", "test", "it is a test of the real tunnel"},
     {"backup", "", "it changes no setting, and writes the file that it is given"},
     {"notify", "", "the keeper itself stores who is notified"},
+    {"token", "", "tokens are no part of what can be taken back"},
     {"sdwan", "", "the cloud would have to be asked"},
     {"undo", "", "ormelctl undo list shows what was changed"},
     {"confirm", "", "it only ends the time of a change"},

@@ -88,6 +88,7 @@ TEST_F(HandOver, RunsWhatIsInTheTableWithRightsAndBringsTheOutcomeBack) {
       {{path("vpn_pptp.sh"), "start"}, "1 start none\n"},
       {{path("vpn_pptp_client.sh"), "stop", "32"}, "2 stop 32 none\n"},
       {{path("vpn_wireguard.sh"), "sync_peers"}, "1 sync_peers none\n"},
+      {{path("vpn_wireguard.sh"), "handshakes"}, "1 handshakes none\n"},
       {{path("vpn_common.sh"), "kick_all_connection", "1", ""}, "3 kick_all_connection 1  none\n"},
       {{path("vpn_common.sh"), "kick_one_connection", "4", "a b;$(id)"},
        "3 kick_one_connection 4 a b;$(id) none\n"},

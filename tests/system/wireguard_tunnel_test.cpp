@@ -5,6 +5,7 @@
 
 #include "ormel/config/pool.h"
 #include "ormel/drivers/wireguard/wireguard.h"
+#include "support/exposition.h"
 #include "support/far_appliance.h"
 #include "support/web_request.h"
 
@@ -231,6 +232,17 @@ TEST_F(WireGuardTunnel, CarriesTrafficAndBothEndsTellOfIt) {
     EXPECT_THAT(figures, ContainsRegex("\"latest_handshake\":\"([^\"]* ago|Now)\""));
     EXPECT_THAT(figures, ContainsRegex("\"[rt]x_total\":\"[0-9.]+ [KM]?i?B\""));
   }
+
+  const auto near_metrics = support::parse_exposition(run({"/usr/sbin/ormelctl", "metrics"}).out);
+  EXPECT_EQ(near_metrics.samples.at("ormel_sessions{protocol=\"wireguard\"}"), 1);
+  const auto far_metrics =
+      support::parse_exposition(far::run({"/usr/sbin/ormelctl", "metrics"}).out);
+  EXPECT_THAT(far_metrics.faults, testing::IsEmpty());
+  const std::string labels = "{protocol=\"wireguard\",profile=\"home\"}";
+  EXPECT_EQ(far_metrics.samples.at("ormel_tunnel_up" + labels), 1);
+  EXPECT_LT(far_metrics.samples.at("ormel_tunnel_handshake_age_seconds" + labels), 180);
+  EXPECT_GT(far_metrics.samples.at("ormel_tunnel_receive_bytes_total" + labels), 0);
+  EXPECT_GT(far_metrics.samples.at("ormel_tunnel_transmit_bytes_total" + labels), 0);
 
   EXPECT_EQ(far::conf_value("WG_CLIENT1", "LocalIP"), "198.18.7.2");
   EXPECT_EQ(far::conf_value("WG_CLIENT1", "Real Address"), "192.168.77.1");

@@ -1,11 +1,17 @@
 // Who gets an answer from which route: every row of the table with every kind of session, and no
 // work done.
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
 #include <map>
+#include <set>
 #include <string_view>
+#include <unistd.h>
 
 #include <fenro/auth.h>
 #include <gtest/gtest.h>
 
+#include "ormel/actions/token.h"
 #include "ormel/base/error.h"
 #include "ormel/web/handlers.h"
 #include "ormel/web/routes.h"
@@ -74,6 +80,109 @@ TEST(Routes, LetNobodyInWithoutTheirSession) {
                                     : "Content-type: application/json; charset=utf-8\r\n";
       EXPECT_EQ(answer.substr(0, start.size()), start);
     }
+  }
+}
+
+// Routes that no token may use, and those that are good for less than their column says.
+const std::set<std::string_view> FOR_PEOPLE = {"/ormel/token/list",      "/ormel/token/add",
+                                               "/ormel/token/remove",    "/ormel/log/dump",
+                                               "/ormel/backup/download", "/ormel/backup/inspect",
+                                               "/ormel/backup/restore",  "/ormel/oauth_login"};
+
+class TokenRoutes : public testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/ormel-token-XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    folder_ = name;
+    former_ = std::exchange(ormel::token::places(),
+                            {folder_ + "/tokens.json", folder_ + "/lock", folder_ + "/counters"});
+  }
+  void TearDown() override {
+    std::filesystem::remove_all(folder_);
+    ormel::token::places() = former_;
+    unsetenv("HTTP_AUTHORIZATION");
+  }
+
+  static std::string token_of(const char* scope) {
+    ormel::token::Token made;
+    std::string text;
+    EXPECT_EQ(ormel::token::add(scope, scope, 60, "admin", made, text).code, NO_ERROR);
+    return text;
+  }
+  // The answer to a request with a token.
+  static std::string ask(const Route& row, const std::string& token, const char* form = "") {
+    setenv("HTTP_AUTHORIZATION", ("Bearer " + token).c_str(), 1);
+    return answer_locally(form, OF_SESSION, [&row](JsonValue& out) {
+      EXPECT_EQ(std::getenv("HTTP_AUTHORIZATION"), nullptr);
+      std::ignore = serve(row, out);
+    });
+  }
+
+ private:
+  std::string folder_;
+  ormel::token::Places former_;
+};
+
+TEST_F(TokenRoutes, AreOpenToEachScopeAsItsNameSays) {
+  const std::pair<const char*, std::function<bool(const Route&)>> scopes[] = {
+      {"metrics", [](const Route& row) { return row.path == "/ormel/metrics"; }},
+      {"read", [](const Route& row) { return row.effect == READS; }},
+      {"admin", [](const Route&) { return true; }}};
+  for (const auto& [scope, opens] : scopes) {
+    const std::string token = token_of(scope);
+    for (const Route& row : routes()) {
+      SCOPED_TRACE(std::string(scope) + ' ' + std::string(row.path));
+      const bool personal = row.path.starts_with("/ormel/my/") || FOR_PEOPLE.contains(row.path);
+      const bool open = opens(row) && !personal;
+      works = 0;
+      const std::string answer = ask(counted(row), token);
+      EXPECT_EQ(works, open ? 1 : 0);
+      const bool plain = row.answer.medium == DOWNLOAD_MEDIUM && !open;
+      EXPECT_NE(answer.find(open    ? "\"error\":0"
+                            : plain ? "404"
+                                    : "\"error\":41"),
+                std::string::npos)
+          << answer;
+    }
+  }
+}
+
+TEST_F(TokenRoutes, TakeNoTokenBesideASessionOrFromAForm) {
+  const std::string token = token_of("admin");
+  const Route row = counted(*find_route("/ormel/status/list"));
+  for (const std::string& form : {std::string("sid="), std::string("sid=guest"),
+                                  std::string("sid=gone"), std::string("sid=admin")}) {
+    works = 0;
+    std::ignore = ask(row, token, form.c_str());
+    EXPECT_EQ(works, form == "sid=admin" ? 1 : 0) << form;
+  }
+  unsetenv("HTTP_AUTHORIZATION");
+  for (const std::string& form :
+       {"token=" + token, "access_token=" + token, "Authorization=" + token}) {
+    works = 0;
+    std::ignore = answer_locally(form, OF_SESSION,
+                                 [&row](JsonValue& out) { EXPECT_EQ(serve(row, out), 39); });
+    EXPECT_EQ(works, 0) << form;
+  }
+}
+
+TEST_F(TokenRoutes, LeaveSecretsOutForAScopeThatChangesNothing) {
+  Route row = *find_route("/ormel/config/show");
+  row.answer.give = [](const Request&, JsonValue& out) {
+    out["data"] = json_loads(R"([{"psk":"s1","peers":[{"psk":"s2","peer_pub_key":"public"}],
+                                  "server_pri_key":"s3","pass":"s4","auth_user_pass":1}])",
+                             0, nullptr);
+    out["name"] = "\xff";
+    return answer_json(out, {});
+  };
+  const std::string read = ask(row, token_of("read"));
+  EXPECT_NE(read.find("public"), std::string::npos) << read;
+  EXPECT_NE(read.find("\"auth_user_pass\":1"), std::string::npos) << read;
+  const std::string admin = ask(row, token_of("admin"));
+  for (const char* secret : {"s1", "s2", "s3", "s4"}) {
+    EXPECT_EQ(read.find(std::string("\"") + secret), std::string::npos) << read;
+    EXPECT_NE(admin.find(std::string("\"") + secret), std::string::npos) << admin;
   }
 }
 

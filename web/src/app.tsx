@@ -23,6 +23,7 @@ import { session } from './session'
 import { language, t, type TextKey } from './texts'
 import { Icon, Notice, Questions, Sayings, hush, mayLeave, touched, type IconName } from './ui'
 
+
 interface Page {
   name: string
   label: TextKey
@@ -50,6 +51,12 @@ const PAGES: readonly Page[] = [
     label: 'nav.backup',
     icon: 'download',
     show: lazy(() => import('./pages/backup').then(loaded => loaded.BackupPage)),
+  },
+  {
+    name: 'tokens',
+    label: 'nav.tokens',
+    icon: 'key',
+    show: lazy(() => import('./pages/tokens').then(loaded => loaded.TokensPage)),
   },
 ]
 // Where general users begin.

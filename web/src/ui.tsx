@@ -25,6 +25,7 @@ const ICONS = {
   warning: 'M12 4l9 16H3zM12 10v4M12 17h.01',
   check: 'M5 12l5 5 9-10',
   bell: 'M6 17v-6a6 6 0 0 1 12 0v6l2 2H4zM10 21h4',
+  key: 'M14 10a4 4 0 1 0-3 3l1 1h2v2h2v2h4v-4zM8.5 8.5h.01',
   user: 'M12 12a4 4 0 1 0 0-8 4 4 0 0 0 0 8M4 21v-1a8 8 0 0 1 16 0v1',
 } as const
 export type IconName = keyof typeof ICONS

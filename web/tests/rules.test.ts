@@ -34,6 +34,7 @@ import { culprit, type Step } from '../src/pages/doctor'
 import { gatewayForm } from '../src/pages/gateway'
 import { isRefusal, secondsLeft } from '../src/goback'
 import { bandOf, guardForm, stoppedBy, type Guard } from '../src/pages/guard'
+import { daysLeft, tokenName } from '../src/token'
 import { eventsOf, unseen, type Report as Event } from '../src/pages/notify'
 import { dayEnd, endWords, firstEnd } from '../src/pages/grant'
 import { isKeptOut, mayAdd, untilWords, type Mine } from '../src/pages/my'
@@ -460,6 +461,12 @@ describe('requests', () => {
   it('notify of later kinds as well where all are chosen', () => {
     expect(eventsOf(new Set(['lost', 'back']), ['lost', 'back'])).toBeUndefined()
     expect(eventsOf(new Set(['back', 'gone']), ['lost', 'back'])).toBe('back')
+  })
+  it('take names of tokens as the program does, and count their days', () => {
+    const long = 'a'.repeat(40)
+    expect(['', 'a b', 'é', `${long}a`].map(tokenName)).toEqual(Array(4).fill('token.nameWrong'))
+    expect([long, 'a._-9'].map(tokenName)).toEqual([null, null])
+    expect([0, 1, 86_399, 86_400].map(left => daysLeft(1000 + left, 1000))).toEqual([-1, 0, 0, 1])
   })
   it('name the step that fails', () => {
     const steps = (results: string) =>

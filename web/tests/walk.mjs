@@ -496,6 +496,33 @@ test('somebody is notified, and the bell counts what is new', async () => {
   await card(far, 'Who is notified').getByText('Nobody is notified.', { exact: false }).waitFor()
 })
 
+test('a token is made, shown once, used and removed', async () => {
+  await go(far, 'tokens', 'Tokens')
+  await button(far, 'Make a token').click()
+  const dialog = far.getByRole('dialog', { name: 'Make a token' })
+  await dialog.getByLabel('Name').fill('my monitoring')
+  await button(dialog, 'Save').click()
+  await dialog.getByText('1 to 40 letters', { exact: false }).waitFor()
+  await dialog.getByLabel('Name').fill('prometheus')
+  await accessible(far, 'new token')
+  await button(dialog, 'Save').click()
+  const shown = far.getByRole('dialog', { name: 'The new token' })
+  const token = await shown.locator('.mono').innerText()
+  assert.match(token, /^ormel_[0-9a-f]{8}_[0-9a-f]{64}$/)
+  await button(shown, 'Close').click()
+  const ask = () =>
+    far.evaluate(async one => {
+      const headers = { Authorization: `Bearer ${one}` }
+      return (await fetch('/ormel/metrics', { headers })).text()
+    }, token)
+  assert.match(await ask(), /^# HELP ormel_build_info /)
+  await accessible(far, 'tokens')
+  await button(far, 'Remove prometheus').click()
+  await button(far.getByRole('dialog'), 'Remove').click()
+  await far.getByText('No program has a token.').waitFor()
+  assert.match(await ask(), /"error":39/)
+})
+
 test('a backup is made, looked into and restored', async () => {
   const secret = 'correct horse battery'
   await go(far, 'backup', 'Backup')

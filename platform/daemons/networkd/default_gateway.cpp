@@ -143,6 +143,7 @@ void DefaultGateway::tell(const Route& next, TunnelWatch::Clock::time_point now)
                 name(applied_).c_str(), static_cast<long long>(lasted), name(next).c_str(), reason);
   log_event(next.held && current_guard() != Guard::OFF ? GUARD_EVENT : GATEWAY_EVENT,
             policy_.first.empty() || !next.interface.empty() ? 0 : 1, text);
+  ++switches_;
   since_ = now;
   since_time_ = std::time(nullptr);
 }

@@ -24,6 +24,8 @@ class DefaultGateway {
   [[nodiscard]] const std::string& interface() const { return applied_.interface; }
   // Whether traffic is held back for want of a tunnel.
   [[nodiscard]] bool held() const { return applied_.held; }
+  // How often the gateway has changed since this daemon started.
+  [[nodiscard]] long switches() const { return switches_; }
   // When that began, or when the interface took over.
   [[nodiscard]] std::time_t since() const { return since_time_; }
 
@@ -51,6 +53,7 @@ class DefaultGateway {
   TunnelWatch watch_;
   Route applied_;
   TunnelWatch::Clock::time_point since_ = TunnelWatch::Clock::now();  // of applied_
+  long switches_ = 0;
   std::time_t since_time_ = std::time(nullptr);
   TunnelWatch::Clock::time_point next_check_{};               // of the filter
   std::optional<TunnelWatch::Clock::time_point> gone_since_;  // no tunnel of the policy is there

@@ -86,6 +86,8 @@ Answer guard_state(State& state, const json_t*) {
     word = "holding";
   }
   json_object_set_new(all.get(), "state", json_string(word));
+  json_object_set_new(all.get(), "held", json_boolean(state.gateway.held()));
+  json_object_set_new(all.get(), "switches", json_integer(state.gateway.switches()));
   json_object_set_new(all.get(), "since", json_integer(state.gateway.since()));
   json_object_set_new(all.get(), "interface", json_text(state.gateway.interface()).release());
   return succeed(std::move(all));

@@ -155,6 +155,20 @@ void read_grants(const std::string& text, const std::string& area, State& out) {
   }
 }
 
+// What a token is good for; its use changes nothing.
+void read_tokens(const std::string& text, const std::string& area, State& out) {
+  const Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
+  size_t at = 0;
+  const json_t* row = nullptr;
+  json_array_foreach(json_object_get(document.get(), "tokens"), at, row) {
+    const char* const name = json_string_value(json_object_get(row, "name"));
+    const char* const scope = json_string_value(json_object_get(row, "scope"));
+    if (!name || !scope) continue;
+    out[joined(area, name)] = std::string(scope) + " until " +
+                              moment_text(json_integer_value(json_object_get(row, "expires")));
+  }
+}
+
 // A file of one word.
 void read_word(const std::string& text, const std::string& area, State& out) {
   if (const std::string_view word = fenro::trimmed(text); !word.empty()) out[area] = word;
@@ -177,6 +191,7 @@ constexpr Source SOURCES[] = {
     {"/etc/config/vpn_options.conf", "", read_json},
     {"/var/lib/ormel/holds.json", "hold", read_holds},
     {"/var/lib/ormel/grants.json", "grant", read_grants},
+    {"/etc/config/ormel/tokens.json", "tokens", read_tokens},
 };
 // Profiles with their keys, and the OpenVPN server's certificates.
 constexpr const char* FOLDERS[] = {"/etc/config/openvpn/clients", "/etc/openvpn/keys"};
@@ -193,8 +208,8 @@ void read_folder(const std::string& root, const std::string& folder, State& out)
 
 bool is_secret(const std::string& field) {
   const std::string_view key = std::string_view(field).substr(field.rfind('/') + 1);
-  const bool named_by_people =
-      field.starts_with("rights/") || field.starts_with("hold/") || field.starts_with("grant/");
+  const bool named_by_people = field.starts_with("rights/") || field.starts_with("hold/") ||
+                               field.starts_with("grant/") || field.starts_with("tokens/");
   return field.starts_with('/') || key == SECRET_KEY ||
          (!named_by_people && fenro::is_secret_name(key));
 }

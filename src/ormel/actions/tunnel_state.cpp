@@ -115,6 +115,14 @@ TunnelState tunnel_state(const config::BaseConfig& record) {
              : server_state(record, now);
 }
 
+const std::string& encoded_name(const config::BaseConfig& record) {
+  static const std::string NONE;
+  if (is_server(record.type)) return NONE;
+  if (record.type == WIREGUARD_CLIENT_TYPE)
+    return static_cast<const wireguard::ClientConfig&>(record).client_name;
+  return static_cast<const config::ClientConfig&>(record).name;
+}
+
 void show_state(const TunnelState& state, JsonValue& out) {
   out["state"] = state_name(state.state);
   out["since"] = static_cast<int64_t>(state.since);

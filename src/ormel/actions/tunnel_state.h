@@ -36,6 +36,9 @@ struct TunnelState {
 // asks the tool for the handshake.
 [[nodiscard]] TunnelState tunnel_state(const config::BaseConfig& record);
 
+// The name of a client profile as its record has it: URL-encoded. Empty for a server.
+[[nodiscard]] const std::string& encoded_name(const config::BaseConfig& record);
+
 // Sets "state", "since" and "reason" (null without one) in an answer.
 void show_state(const TunnelState& state, JsonValue& out);
 

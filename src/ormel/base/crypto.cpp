@@ -1,5 +1,6 @@
 #include "ormel/base/crypto.h"
 
+#include <algorithm>
 #include <climits>
 #include <memory>
 #include <nettle/base16.h>
@@ -7,7 +8,9 @@
 #include <nettle/sha1.h>
 #include <nettle/sha2.h>
 
+#include <openssl/asn1.h>
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
 #include <openssl/opensslv.h>
@@ -15,7 +18,9 @@
 #include <openssl/x509.h>
 
 #include "base/base64.h"
+#include "base/utf8.h"
 #include "ormel/base/library.h"
+#include "ormel/base/text.h"
 
 namespace ormel::openssl {
 
@@ -37,9 +42,17 @@ struct Api {
   decltype(&::PEM_read_bio_X509_CRL) read_revocations;
   decltype(&::X509_CRL_free) revocations_free;
   decltype(&::X509_get0_notAfter) get_end;
-  decltype(&::ASN1_TIME_diff) time_difference;
+  decltype(&::X509_get0_notBefore) get_begin;
+  decltype(&::ASN1_TIME_to_tm) to_calendar;
   decltype(&::X509_get_subject_name) get_subject;
-  decltype(&::X509_NAME_get_text_by_NID) get_name_part;
+  decltype(&::X509_CRL_get_issuer) get_issuer;
+  decltype(&::X509_CRL_get0_lastUpdate) get_update;
+  decltype(&::X509_CRL_get0_nextUpdate) get_next_update;
+  decltype(&::X509_NAME_get_index_by_NID) find_name_part;
+  decltype(&::X509_NAME_get_entry) get_name_part;
+  decltype(&::X509_NAME_ENTRY_get_data) get_data;
+  decltype(&::ASN1_STRING_to_UTF8) to_utf8;
+  decltype(&::CRYPTO_free) free_bytes;
 };
 
 bool load(Api& api) {
@@ -52,9 +65,17 @@ bool load(Api& api) {
          find_function(api.read_revocations, "PEM_read_bio_X509_CRL") &&
          find_function(api.revocations_free, "X509_CRL_free") &&
          find_function(api.get_end, "X509_get0_notAfter") &&
-         find_function(api.time_difference, "ASN1_TIME_diff") &&
+         find_function(api.get_begin, "X509_get0_notBefore") &&
+         find_function(api.to_calendar, "ASN1_TIME_to_tm") &&
          find_function(api.get_subject, "X509_get_subject_name") &&
-         find_function(api.get_name_part, "X509_NAME_get_text_by_NID");
+         find_function(api.get_issuer, "X509_CRL_get_issuer") &&
+         find_function(api.get_update, "X509_CRL_get0_lastUpdate") &&
+         find_function(api.get_next_update, "X509_CRL_get0_nextUpdate") &&
+         find_function(api.find_name_part, "X509_NAME_get_index_by_NID") &&
+         find_function(api.get_name_part, "X509_NAME_get_entry") &&
+         find_function(api.get_data, "X509_NAME_ENTRY_get_data") &&
+         find_function(api.to_utf8, "ASN1_STRING_to_UTF8") &&
+         find_function(api.free_bytes, "CRYPTO_free");
 }
 
 // The loaded library; null when it, or one of the functions, is missing.
@@ -78,6 +99,37 @@ using Owned = std::unique_ptr<Object, Cleanup>;
 Owned<BIO> reader(const std::string& text) {
   if (!api() || text.size() > INT_MAX) return nullptr;
   return Owned<BIO>{api()->bio_new_mem_buf(text.data(), static_cast<int>(text.size()))};
+}
+
+bool read_time(const ASN1_TIME* from, std::time_t& to) {
+  std::tm calendar{};
+  if (api()->to_calendar(from, &calendar) != 1) return false;
+  to = timegm(&calendar);
+  return true;
+}
+
+// What a stranger has written, as one line of UTF-8 of bearable length.
+std::string harmless(const std::string& text) {
+  constexpr unsigned int LONGEST = 255;
+  std::string line = mb_string(fenro::valid_utf8(text), LONGEST);
+  std::ranges::replace_if(
+      line, [](unsigned char c) { return c < ' ' || c == 0x7f; }, '?');
+  return line;
+}
+
+// The common name, or the organisation; empty without either, or where its encoding is broken.
+std::string name_of(const X509_NAME* name) {
+  for (const int part : {NID_commonName, NID_organizationName}) {
+    const int at = api()->find_name_part(name, part, -1);
+    if (at < 0) continue;
+    unsigned char* bytes = nullptr;
+    const int length = api()->to_utf8(&bytes, api()->get_data(api()->get_name_part(name, at)));
+    if (length < 0) return {};
+    const std::string text(reinterpret_cast<const char*>(bytes), static_cast<size_t>(length));
+    api()->free_bytes(bytes, __FILE__, __LINE__);
+    if (!text.empty()) return harmless(text);
+  }
+  return {};
 }
 
 const uint8_t* bytes_of(const std::string& text) {
@@ -110,20 +162,37 @@ std::vector<CertificateFacts> certificates_of(const std::string& pem) {
   const Owned<BIO> bio = reader(pem);
   while (bio) {
     const Owned<X509> one{api()->read_certificate(bio.get(), nullptr, nullptr, nullptr)};
-    if (!one) break;
     CertificateFacts facts;
-    char name[256] = "";
-    for (const int part : {NID_commonName, NID_organizationName}) {
-      if (*name == '\0')
-        api()->get_name_part(api()->get_subject(one.get()), part, name, sizeof name);
-    }
-    facts.subject = name;
-    int days = 0, seconds = 0;
-    if (api()->time_difference(&days, &seconds, nullptr, api()->get_end(one.get())) != 1) break;
-    facts.days = days == 0 && seconds < 0 ? -1 : days;
+    if (!one || !read_time(api()->get_begin(one.get()), facts.not_before) ||
+        !read_time(api()->get_end(one.get()), facts.not_after))
+      break;
+    facts.subject = name_of(api()->get_subject(one.get()));
+    facts.days = days_until(facts.not_after);
     all.push_back(std::move(facts));
   }
   return all;
+}
+
+std::vector<CertificateFacts> revocation_lists_of(const std::string& pem) {
+  std::vector<CertificateFacts> all;
+  const Owned<BIO> bio = reader(pem);
+  while (bio) {
+    const Owned<X509_CRL> one{api()->read_revocations(bio.get(), nullptr, nullptr, nullptr)};
+    CertificateFacts facts;
+    if (!one || !read_time(api()->get_update(one.get()), facts.not_before)) break;
+    const ASN1_TIME* const next = api()->get_next_update(one.get());
+    if (next && !read_time(next, facts.not_after)) break;
+    facts.subject = name_of(api()->get_issuer(one.get()));
+    facts.days = next ? days_until(facts.not_after) : 0;
+    all.push_back(std::move(facts));
+  }
+  return all;
+}
+
+long days_until(std::time_t end) {
+  constexpr long DAY = 24 * 60 * 60;
+  const std::time_t left = end - std::time(nullptr);
+  return left < 0 && left > -DAY ? -1 : left / DAY;
 }
 
 std::string sha1(const std::string& text) {

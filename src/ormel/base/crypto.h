@@ -2,6 +2,7 @@
 // Nettle.
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -13,11 +14,18 @@ namespace ormel::openssl {
 [[nodiscard]] bool is_cert(const std::string& pem);
 
 struct CertificateFacts {
-  std::string subject{};  // its common name, or its organisation
-  long days = 0;          // whole days until its end; negative after it
+  std::string subject{};       // its common name, or its organisation: one line of UTF-8
+  long days = 0;               // whole days until its end; negative after it
+  std::time_t not_before = 0;  // seconds since 1970
+  std::time_t not_after = 0;
 };
 // Returns the facts of all PEM certificates in a text, up to the first malformed one.
 [[nodiscard]] std::vector<CertificateFacts> certificates_of(const std::string& pem);
+// Returns the same for lists of revoked certificates: the name of the issuer, the time of the list
+// and that of the next one, which is 0 where the list does not say.
+[[nodiscard]] std::vector<CertificateFacts> revocation_lists_of(const std::string& pem);
+// Returns the whole days from now until `end`; negative after it.
+[[nodiscard]] long days_until(std::time_t end);
 
 // SHA-1 as 40 lower-case hexadecimal characters, SHA-256 as 64.
 [[nodiscard]] std::string sha1(const std::string& text);

@@ -20,7 +20,6 @@ using config::cm;
 using config::PolyConfig;
 
 constexpr const char* COPY_MARK = "%20%28copy%29";  // " (copy)", encoded as names are
-constexpr const char* CRL_ENDING = "_crl.pem";
 
 void rename(BaseConfig& record) {
   auto& client = static_cast<ClientConfig&>(record);
@@ -35,14 +34,14 @@ bool write_files(const Backup& backup, const std::string& from, const std::strin
   const BackupFile* const profile = backup.find(from);
   if (!profile) return false;
   std::string text = profile->content;
-  const std::string old_name = from.substr(from.rfind('/') + 1) + CRL_ENDING;
+  const std::string old_name = from.substr(from.rfind('/') + 1) + ovpn::CRL_ENDING;
   const size_t at = text.find("crl-verify " + old_name);
   if (at != std::string::npos)
     text.replace(text.find(old_name, at), old_name.size(),
-                 to.substr(to.rfind('/') + 1) + CRL_ENDING);
-  const BackupFile* const list = backup.find(from + CRL_ENDING);
+                 to.substr(to.rfind('/') + 1) + ovpn::CRL_ENDING);
+  const BackupFile* const list = backup.find(from + ovpn::CRL_ENDING);
   return system::replace_file(to, text, fenro::PRIVATE_FILE) &&
-         (!list || system::replace_file(to + CRL_ENDING, list->content, fenro::PRIVATE_FILE));
+         (!list || system::replace_file(to + ovpn::CRL_ENDING, list->content, fenro::PRIVATE_FILE));
 }
 
 // An imported profile has its own text, which is rewritten in its new place; any other is added.
@@ -58,7 +57,7 @@ int add_copy(const Backup& backup, BaseConfig& record, int slot) {
   const std::string to = client.profile_path();
   const int rc = write_files(backup, from, to) ? client.modify() : ERR_SAVE_FILE;
   if (rc == NO_ERROR) return rc;
-  for (const std::string& left : {to, to + CRL_ENDING}) unlink(left.c_str());
+  for (const std::string& left : {to, to + ovpn::CRL_ENDING}) unlink(left.c_str());
   return rc;
 }
 

@@ -9,6 +9,7 @@
 // - the membership in the SD-WAN (pelmar.conf, tamid.conf, cloudagent.cfg, /var/lib/fenro/pelmar):
 //   its identity belongs to one appliance, and its tokens are used up by others
 // - the accounts of the host and their hashes (smbpasswd): an old password must not come back
+// - the tokens of other programs (tokens.json): one that was removed must not come back
 // - the web server's certificate and the host's own settings (Corlin.conf, TZ)
 // All of it belongs to root.
 #pragma once

@@ -1,17 +1,12 @@
 #include "ormel/web/audit_record.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <iterator>
-#include <netinet/in.h>
 
-#include <fenro/auth.h>
-
-#include "ormel/base/text.h"
 #include "ormel/drivers/wireguard/peers.h"
 #include "ormel/drivers/wireguard/wireguard.h"
 #include "ormel/options/table.h"
-#include "ormel/web/process.h"
+#include "ormel/web/access.h"
 
 namespace ormel::cgi {
 
@@ -27,22 +22,9 @@ std::string action_of(const Route& route) {
   return std::string(path.starts_with(PREFIX) ? path.substr(PREFIX.size()) : path);
 }
 
-// The address that the web server reports, where it is one.
-std::string client_address() {
-  const std::string address = environment("REMOTE_ADDR");
-  in6_addr any{};
-  const bool valid = inet_pton(AF_INET, address.c_str(), &any) == 1 ||
-                     inet_pton(AF_INET6, address.c_str(), &any) == 1;
-  return valid ? address : std::string();
-}
-
 Origin origin_of(const Request& request) {
-  _session session{};
-  const bool known =
-      request.filled("sid") && auth_get_session(request.value("sid"), 1, &session) == 0;
-  if (!known) return {"", "web", client_address()};
-  const std::string address = field_text(session.ip);
-  return {field_text(session.user), "web", address.empty() ? client_address() : address};
+  const Sender sender = sender_of(request);
+  return {sender.user, "web", sender.ip};
 }
 
 std::string decoded(const char* text) {

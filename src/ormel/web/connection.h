@@ -10,6 +10,7 @@
 #include <ctime>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -79,6 +80,9 @@ constexpr long RECENT = 180;  // seconds since a device's handshake for which it
 // whether it has gone.
 [[nodiscard]] bool end_peer(const vpn_peer& peer);
 
+// How many devices of the WireGuard server have had a handshake in the last three minutes; nothing
+// when its interface cannot be asked.
+[[nodiscard]] std::optional<int64_t> recent_devices();
 // Ends a connection in the way of the server of `type`, which a request names. What cannot be ended
 // stays.
 int kick_peer(const vpn_peer& peer, long type);

@@ -10,6 +10,7 @@
 #include <charconv>
 #include <chrono>
 #include <ctime>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -68,13 +69,10 @@ std::string named(int type, const std::string& key) {
   return std::to_string(type) + TYPE_MARK + key;
 }
 
-}  // namespace
-
-// The script runs where the rights to ask it are.
-std::vector<Device> live_devices() {
-  std::vector<Device> devices;
+// The script runs where the rights to ask it are. False when the interface cannot be asked.
+bool read_devices(std::vector<Device>& devices) {
   std::string text;
-  if (system::do_exec_safe({WIREGUARD_SCRIPT, "peers"}, text) != 0) return devices;
+  if (system::do_exec_safe({WIREGUARD_SCRIPT, "peers"}, text) != 0) return false;
   const wireguard::PeerFile peers(wireguard::FOLDER);
   for (const std::string& line : split_lines(text)) {
     std::vector<std::string> fields = split_tabs(line);
@@ -93,6 +91,18 @@ std::vector<Device> live_devices() {
     }
     devices.push_back(std::move(device));
   }
+  return true;
+}
+
+bool is_recent(const Device& device, std::time_t now) {
+  return device.handshake != 0 && now - device.handshake < RECENT;
+}
+
+}  // namespace
+
+std::vector<Device> live_devices() {
+  std::vector<Device> devices;
+  std::ignore = read_devices(devices);  // none then
   return devices;
 }
 
@@ -130,7 +140,7 @@ int list_all(const Request&, JsonValue& reply) {
     row["held"] = hold::until(holds.get(), "user", system::valid_utf8(peer.vpn_user));
   });
   for (const Device& device : live_devices()) {
-    if (device.handshake == 0 || now - device.handshake >= RECENT) continue;
+    if (!is_recent(device, now)) continue;
     append_device(data, device, now, hold::until(holds.get(), "peer", device.key));
     ++total;
   }
@@ -341,6 +351,14 @@ constexpr Route ROWS[] = {
 };
 
 }  // namespace
+
+std::optional<int64_t> recent_devices() {
+  std::vector<Device> devices;
+  if (!read_devices(devices)) return {};
+  const std::time_t now = std::time(nullptr);
+  return std::ranges::count_if(devices,
+                               [now](const Device& device) { return is_recent(device, now); });
+}
 
 const Routes ENDINGS{ROWS};
 

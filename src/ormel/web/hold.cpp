@@ -2,10 +2,8 @@
 
 #include <unistd.h>
 
-#include <fenro/auth.h>
-
-#include "ormel/base/text.h"
 #include "ormel/host/process.h"
+#include "ormel/web/access.h"
 
 namespace ormel::cgi::hold {
 
@@ -57,10 +55,8 @@ int64_t limit_of(const json_t* limits, const std::string& key) {
 }
 
 std::string asker(const Request& request) {
-  _session session{};
-  if (!request.filled("sid") || auth_get_session(request.value("sid"), 1, &session) != 0)
-    return "root";
-  return field_text(session.user);
+  const std::string user = sender_of(request).user;
+  return user.empty() ? "root" : user;
 }
 
 }  // namespace ormel::cgi::hold

@@ -6,19 +6,22 @@
 #include <optional>
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 namespace ormel::cgi {
 
 namespace {
 
 constexpr const char* QUERY = "QUERY_STRING";
-constexpr const char* SECRETS[] = {QUERY, "REQUEST_URI", "HTTP_COOKIE", "HTTP_AUTHORIZATION",
+constexpr const char* AUTHORIZATION = "HTTP_AUTHORIZATION";
+constexpr const char* SECRETS[] = {QUERY, "REQUEST_URI", "HTTP_COOKIE", AUTHORIZATION,
                                    "HTTP_REFERER"};
 constexpr const char* PROXY =
     "HTTP_PROXY";  // a header of the client, which libcurl would take for a setting
 constexpr int ENDING_SIGNALS[] = {SIGTERM, SIGUSR1, SIGHUP, SIGINT, SIGPIPE};
 
 std::optional<std::string> query;
+std::string authorization;
 pid_t request_process = 0;
 
 // A child that has not become another program yet ends without touching the request's files.
@@ -49,8 +52,13 @@ std::string environment(const char* name) {
 
 void withhold_request() {
   if (const char* text = std::getenv(QUERY)) query = text;
+  if (const char* text = std::getenv(AUTHORIZATION)) authorization = text;
   for (const char* name : SECRETS) unsetenv(name);
   unsetenv(PROXY);
+}
+
+std::string take_authorization() {
+  return std::exchange(authorization, {});
 }
 
 const cgi_settings& settings_with_query() {

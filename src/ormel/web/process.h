@@ -17,6 +17,8 @@ void open_standard_streams();
 // Takes out of the environment what the web server put there and may hold a secret of the client,
 // so that no program inherits it. The form of the address is kept, for `settings_with_query`.
 void withhold_request();
+// The header "Authorization" of the request, empty without one. Once only: nothing is kept.
+[[nodiscard]] std::string take_authorization();
 // Puts the form of the address back into the environment, for the parser, and gives the parser's
 // settings.
 [[nodiscard]] const cgi_settings& settings_with_query();

@@ -37,6 +37,8 @@ constexpr const Routes* PARTS[] = {
     &my::DEVICES,
     &my::SECOND_FACTOR,
     &grant::GRANTS,
+    &metrics::METRICS,
+    &token::TOKENS,
 };
 
 }  // namespace

@@ -39,6 +39,9 @@ extern const Routes KEEPER;
 namespace log {
 extern const Routes EVENTS;
 }
+namespace metrics {
+extern const Routes METRICS;
+}
 namespace my {
 extern const Routes OWN, DEVICES, SECOND_FACTOR;
 }
@@ -47,6 +50,9 @@ extern const Routes FACTS, NETWORK;
 }
 namespace status {
 extern const Routes STATES;
+}
+namespace token {
+extern const Routes TOKENS;
 }
 namespace user {
 extern const Routes USERS;

@@ -11,10 +11,10 @@
 #include <fenro/auth.h>
 
 #include "base/body.h"
-#include "base/second_factor.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
 #include "ormel/changes/recording.h"
+#include "ormel/web/access.h"
 #include "ormel/web/audit_record.h"
 #include "ormel/web/process.h"
 
@@ -59,6 +59,9 @@ const char* undo_header() {
   return undo_is_lost ? "X-Ormel-Undo: none\r\n" : "";
 }
 
+// What is sent is for a token that may change nothing.
+bool hides_secrets = false;
+
 // Printing is the last thing that a request does. A client that has gone away must not keep it from
 // cleaning up.
 void print_head(const std::string& head) {
@@ -71,10 +74,27 @@ void print_head(const std::string& head) {
   std::fprintf(output(), "%s%s%s\r\n", head.c_str(), fault_header(), undo_header());
 }
 
+// What is printed to a stream in memory.
+std::string printed(const std::function<void(std::FILE* stream)>& print) {
+  char* text = nullptr;
+  size_t length = 0;
+  {
+    const File stream{open_memstream(&text, &length)};
+    if (stream) print(stream.get());
+  }
+  const CString owner{text};
+  return text ? std::string(text, length) : std::string();
+}
+
 void print_reply(const JsonValue& response) {
   const std::string media_type = support_json_type ? "application/json" : "text/plain";
   print_head("Content-type: " + media_type + "; charset=utf-8\r\n");
-  response.print(output());
+  if (hides_secrets) {
+    const std::string whole = printed([&](std::FILE* stream) { response.print(stream); });
+    std::fputs(without_secrets(whole).c_str(), output());
+  } else {
+    response.print(output());
+  }
   std::fflush(output());
 }
 
@@ -87,24 +107,6 @@ int succeed(JsonValue& response) {
   response["error"] = static_cast<int32_t>(NO_ERROR);
   print_reply(response);
   return NO_ERROR;
-}
-
-// What is open to a user who has to set up a second factor first.
-constexpr std::string_view SET_UP = "/ormel/my/totp_";
-constexpr const char* SET_UP_FIRST = "a second factor is required: log in again and set it up";
-
-bool must_set_up_first(const Route& route, const Request& request) {
-  const fenro::SecondFactors factors;
-  return factors.exist() && !request.is_local() && !route.path.starts_with(SET_UP) &&
-         factors.of(request.name()).is_missing();
-}
-
-// 0, or the refusal for a session that is not good enough.
-Outcome check_access(const Route& route, const Request& request) {
-  if (request.user() == INVAILD_USER) return {ERR_SESSION_FAIL};
-  if (request.user() < route.access.least) return {route.access.refusal};
-  if (must_set_up_first(route, request)) return {ERR_ACCESS, SET_UP_FIRST};
-  return {};
 }
 
 cgi_settings settings_for(cgi_var_mode repeats) {
@@ -159,7 +161,13 @@ Request::Request(cgi_var_mode repeats)
       user_(INVAILD_USER),
       local_(local_caller == LOCAL_ADMINISTRATOR) {
   withhold_request();
-  user_ = local_ ? ADMIN_USER : system::auth_user_session(get_cgi_var_value(find("sid")));
+  const std::string authorization = take_authorization();
+  if (!local_ && !find("sid") && ormel::token::is_bearer(authorization)) {
+    token_ = holder_of(authorization);
+    user_ = token_->name.empty() ? INVAILD_USER : ADMIN_USER;
+  } else {
+    user_ = local_ ? ADMIN_USER : system::auth_user_session(get_cgi_var_value(find("sid")));
+  }
 }
 
 std::string Request::name() const {
@@ -203,9 +211,9 @@ int give_undoable(const Route& route, const Request& request, JsonValue& respons
 
 changes::Origin origin_of(const Request& request, const std::string& what) {
   if (local_caller == LOCAL_ADMINISTRATOR) return {"root", "ormelctl", what};
-  _session session{};
-  if (auth_get_session(request.value("sid"), 0, &session) != 0) return {"", "web", what};
-  return {field_text(session.user), "web " + field_text(session.ip), what};
+  const Sender sender = sender_of(request);
+  if (sender.user.empty()) return {"", "web", what};
+  return {sender.user, "web " + sender.ip, what};
 }
 
 int serve(const Route& route, JsonValue& response) {
@@ -214,6 +222,7 @@ int serve(const Route& route, JsonValue& response) {
     record_refusal(route, request, denied.code);
     return refuse(route, response, denied);
   }
+  hides_secrets = request.token() && request.token()->scope < ormel::token::Scope::Admin;
   ormel::audit::Recorder recorder = recorder_of(route, request);
   const int rc = can_be_taken_back(route) ? give_undoable(route, request, response)
                                           : route.answer.give(request, response);
@@ -254,20 +263,14 @@ std::string answer_locally(const std::string& query, Caller caller,
     unsetenv(name);
   setenv("QUERY_STRING", query.c_str(), 1);
   withhold_request();
-  char* text = nullptr;
-  size_t length = 0;
-  {
-    const File stream{open_memstream(&text, &length)};
-    if (!stream) return {};
-    local_output = stream.get();
+  return printed([&](std::FILE* stream) {
+    local_output = stream;
     local_caller = caller;
     JsonValue response;
     work(response);
     local_caller = OF_SESSION;
     local_output = nullptr;
-  }
-  const CString owner{text};
-  return text ? std::string(text, length) : std::string();
+  });
 }
 
 }  // namespace cgi

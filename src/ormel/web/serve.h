@@ -5,12 +5,14 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "base/types.h"
+#include "ormel/actions/token.h"
 #include "ormel/base/error.h"
 #include "ormel/base/handle.h"
 #include "ormel/base/json.h"
@@ -32,13 +34,16 @@ namespace system {
 
 namespace cgi {
 
-// The parsed form and the level of its session. What the environment said about the request is gone
-// from it afterwards, so that no program started later inherits a password or a session.
+// The parsed form and the level of its session, or of the token that comes in the place of one.
+// What the environment said about the request is gone from it afterwards, so that no program
+// started later inherits a password or a session.
 class Request : public CgiRequest {
  public:
   explicit Request(cgi_var_mode repeats = OVERRIDE_VAR_MODE);
 
   [[nodiscard]] USER_TYPE user() const { return user_; }
+  // Whose token the request has brought; null with a session, and where none is needed.
+  [[nodiscard]] const ormel::token::Holder* token() const { return token_ ? &*token_ : nullptr; }
   // A call of a program within its own process, and not of a session.
   [[nodiscard]] bool is_local() const { return local_; }
   // The user of the session; root for such a call.
@@ -57,6 +62,7 @@ class Request : public CgiRequest {
  private:
   USER_TYPE user_;
   bool local_;
+  std::optional<ormel::token::Holder> token_;
   mutable bool changes_ = true;
 };
 

@@ -1,22 +1,12 @@
 // The state of each client tunnel and each server, with the reason where it does not work.
 #include "ormel/actions/tunnel_state.h"
 #include "ormel/config/pool.h"
-#include "ormel/drivers/wireguard/wireguard.h"
 #include "ormel/web/routes.h"
 
 namespace ormel::cgi::status {
 namespace {
 
 constexpr int ALL_TYPES = ~0;
-
-// As /ormel/config/show has it: URL-encoded, empty for a server.
-const std::string& name_of(const ormel::config::BaseConfig& record) {
-  static const std::string none;
-  if (is_server(record.type)) return none;
-  if (record.type == WIREGUARD_CLIENT_TYPE)
-    return static_cast<const wireguard::ClientConfig&>(record).client_name;
-  return static_cast<const ormel::config::ClientConfig&>(record).name;
-}
 
 // `type` is a mask of the types that are wanted, all without it.
 int list_states(const Request& request, JsonValue& reply) {
@@ -31,7 +21,7 @@ int list_states(const Request& request, JsonValue& reply) {
     auto row = std::make_unique<JsonValue>();
     (*row)["type"] = static_cast<int32_t>(record.type);
     (*row)["index"] = record.index;
-    (*row)["name"] = name_of(record);
+    (*row)["name"] = encoded_name(record);
     show_state(tunnel_state(record), *row);
     rows.append(std::move(row));
     ++total;

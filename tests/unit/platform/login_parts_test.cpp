@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "base/login_throttle.h"
 #include "session/login_form.h"
-#include "session/login_throttle.h"
 #include "unit/platform/scratch.h"
 
 namespace fenro::test {

@@ -52,6 +52,7 @@ const german: Catalogue = {
   'nav.logs': 'Protokolle',
   'nav.notify': 'Benachrichtigungen',
   'nav.backup': 'Sicherung',
+  'nav.tokens': 'Zugangsschlüssel',
 
   'page.label': 'Seiten der Liste',
   'page.one': '{n} Eintrag',
@@ -765,6 +766,30 @@ const german: Catalogue = {
   'level.information': 'Information',
   'level.warning': 'Warnung',
   'level.error': 'Fehler',
+
+  'token.add': 'Schlüssel anlegen',
+  'token.admin': 'Alles außer Schlüsseln und Sicherungen',
+  'token.by': 'Angelegt von',
+  'token.days': '{n} Tage',
+  'token.ended': 'nicht mehr gültig',
+  'token.help':
+    'Ein anderes Programm benutzt dieses Gerät mit einem Schlüssel statt einer Anmeldung, in der Kopfzeile „Authorization: Bearer …“. Eine Überwachung liest /ormel/metrics; /ormel/openapi beschreibt alle Aufrufe.',
+  'token.made': 'Der neue Schlüssel',
+  'token.madeText':
+    'Kopieren Sie ihn jetzt: Das Gerät behält ihn nicht und kann ihn nicht noch einmal zeigen.',
+  'token.metrics': 'Zahlen für die Überwachung',
+  'token.nameHelp': 'Wer ihn benutzt. Änderungen werden unter diesem Namen aufgezeichnet.',
+  'token.nameWrong': '1 bis 40 Buchstaben, Ziffern, Punkte, Binde- und Unterstriche.',
+  'token.never': 'nie',
+  'token.none': 'Kein Programm hat einen Schlüssel.',
+  'token.read': 'Lesen, ohne Geheimnisse',
+  'token.removeText': 'Das Programm, das ihn benutzt, wird von jetzt an abgewiesen.',
+  'token.scope': 'Gut für',
+  'token.scopeHelp': 'Geben Sie nicht mehr, als das Programm braucht.',
+  'token.title': 'Zugangsschlüssel anderer Programme',
+  'token.used': 'Zuletzt benutzt',
+  'token.usedFrom': '{when}, von {from}',
+  'token.valid': 'Gültig',
 
   'notify.add': 'Empfänger hinzufügen',
   'notify.delivered': 'zugestellt {when} nach {ms} ms',

@@ -52,6 +52,7 @@ const french: Catalogue = {
   'nav.logs': 'Journaux',
   'nav.notify': 'Notifications',
   'nav.backup': 'Sauvegarde',
+  'nav.tokens': 'Jetons',
 
   'page.label': 'Pages de la liste',
   'page.one': '{n} entrée',
@@ -759,6 +760,30 @@ const french: Catalogue = {
   'level.information': 'Information',
   'level.warning': 'Avertissement',
   'level.error': 'Erreur',
+
+  'token.add': 'Créer un jeton',
+  'token.admin': 'Tout, sauf les jetons et les sauvegardes',
+  'token.by': 'Créé par',
+  'token.days': '{n} jours',
+  'token.ended': 'plus valable',
+  'token.help':
+    'Un autre programme utilise cet appareil avec un jeton au lieu d’une connexion, dans l’en-tête « Authorization: Bearer … ». Une supervision lit /ormel/metrics ; /ormel/openapi décrit toutes les requêtes.',
+  'token.made': 'Le nouveau jeton',
+  'token.madeText':
+    'Copiez-le maintenant : l’appareil ne le garde pas et ne peut pas le montrer une seconde fois.',
+  'token.metrics': 'Chiffres pour la supervision',
+  'token.nameHelp': 'Qui l’utilise. Les changements sont enregistrés sous ce nom.',
+  'token.nameWrong': 'De 1 à 40 lettres, chiffres, points, traits d’union et traits bas.',
+  'token.never': 'jamais',
+  'token.none': 'Aucun programme n’a de jeton.',
+  'token.read': 'Lecture, sans les secrets',
+  'token.removeText': 'Le programme qui l’utilise est refusé dès maintenant.',
+  'token.scope': 'Sert à',
+  'token.scopeHelp': 'Ne donnez pas plus que ce dont le programme a besoin.',
+  'token.title': 'Jetons d’autres programmes',
+  'token.used': 'Dernière utilisation',
+  'token.usedFrom': '{when}, depuis {from}',
+  'token.valid': 'Valable',
 
   'notify.add': 'Ajouter un destinataire',
   'notify.delivered': 'remis {when} en {ms} ms',

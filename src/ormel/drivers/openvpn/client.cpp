@@ -87,7 +87,7 @@ int ClientConfig::verify() {
 }
 
 void ClientConfig::remove() {
-  for (const char* ending : {"", ".auth", "_crl.pem"}) unlink((profile_path() + ending).c_str());
+  for (const char* ending : {"", ".auth", CRL_ENDING}) unlink((profile_path() + ending).c_str());
   announce_removal();
 }
 

@@ -23,7 +23,6 @@ using option::INLINE_OPTION_TYPE;
 using option::NORMAL_OPTION_TYPE;
 using option::OpenvpnRemotes;
 
-constexpr const char* CRL_ENDING = "_crl.pem";
 // No key, certificate or list is that long, while a form can name any file, the memory of the host
 // among them.
 constexpr size_t MAX_KEY_FILE = size_t{16} * 1024 * 1024;

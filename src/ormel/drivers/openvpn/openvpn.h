@@ -20,6 +20,8 @@ namespace ormel::ovpn {
 constexpr int DEFAULT_PORT = 1194;
 constexpr const char* CLIENTS_FOLDER = "/etc/config/openvpn/clients";
 constexpr const char* KEYS_FOLDER = "/etc/openvpn/keys";
+// The list of revoked certificates of a client profile, beside its file.
+constexpr const char* CRL_ENDING = "_crl.pem";
 
 // A live peer of the server.
 struct PeerStatus {

@@ -47,6 +47,10 @@ class LoginThrottle {
   // an attacker with an account could go on for ever. False when it cannot be written.
   bool succeed(std::string_view user, std::string_view address, std::time_t now) const;
 
+  // Seconds until attempts from an address are admitted again; 0 while they are. Nothing is
+  // counted.
+  [[nodiscard]] std::time_t retry_after(std::string_view address, std::time_t now) const;
+
   // Seconds since the host started, which nobody can set back.
   [[nodiscard]] static std::time_t clock();
 

@@ -1,19 +1,20 @@
-#include "session/login_throttle.h"
+#include "base/login_throttle.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
-#include <sstream>
+#include <nettle/sha2.h>
 #include <sys/file.h>
+#include <unistd.h>
 
-#include <openssl/evp.h>
-
+#include "base/client_network.h"
 #include "base/file.h"
 #include "base/handle.h"
+#include "base/lines.h"
 #include "base/random_name.h"
-#include "common/client_network.h"
 
 namespace fenro {
 namespace {
@@ -36,8 +37,11 @@ Fd lock_folder(const std::string& folder) {
 
 unsigned slot_of(const std::string& key, std::string_view name, unsigned slots) {
   const std::string text = key + std::string{name};
-  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
-  EVP_Digest(text.data(), text.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
+  sha256_ctx context;
+  sha256_init(&context);
+  sha256_update(&context, text.size(), reinterpret_cast<const std::uint8_t*>(text.data()));
+  std::array<std::uint8_t, SHA256_DIGEST_SIZE> digest{};
+  sha256_digest(&context, digest.size(), digest.data());
   unsigned number = 0;
   std::memcpy(&number, digest.data(), sizeof number);
   return number % slots;
@@ -72,16 +76,21 @@ bool LoginThrottle::load(State& state, std::time_t now) const {
   std::string text;
   const int error = read_file((folder_ + COUNTERS).c_str(), text);
   if (error != 0 && error != ENOENT) return false;
-  std::istringstream lines{text};
-  lines >> state.key;
+  std::string_view rest = text;
+  state.key = take_line(rest);
   if (state.key.size() != KEY_LENGTH) {
     state.key.assign(KEY_LENGTH, '\0');
     return random_name(state.key);
   }
-  unsigned slot = 0;
-  Counter counter;
-  while (lines >> slot >> counter.failures >> counter.since)
-    if (counter.since <= now && now - counter.since < WINDOW) state.counters[slot] = counter;
+  while (!rest.empty()) {
+    std::string_view line = take_line(rest);
+    unsigned slot = 0;
+    Counter counter;
+    if (parse_number(take_word(line), slot) && parse_number(take_word(line), counter.failures) &&
+        parse_number(take_word(line), counter.since) && counter.since <= now &&
+        now - counter.since < WINDOW)
+      state.counters[slot] = counter;
+  }
   return true;
 }
 
@@ -126,6 +135,14 @@ std::optional<LoginThrottle::Admission> LoginThrottle::admit(std::string_view us
   else if (!admission.first_refusal)
     return admission;  // nothing has changed, and a flood of these costs no writing
   return save(state) ? std::optional{admission} : std::nullopt;
+}
+
+std::time_t LoginThrottle::retry_after(std::string_view address, std::time_t now) const {
+  State state;
+  if (access((folder_ + COUNTERS).c_str(), F_OK) != 0 || !load(state, now)) return 0;
+  const auto client = state.counters.find(address_slot(state, address));
+  const bool over = client != state.counters.end() && client->second.failures >= ADDRESS_LIMIT;
+  return over ? client->second.since + WINDOW - now : 0;
 }
 
 bool LoginThrottle::succeed(std::string_view user, std::string_view address,

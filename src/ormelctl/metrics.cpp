@@ -1,0 +1,89 @@
+// Figures for a monitoring system, and the tokens by which it gets them itself.
+#include "ormel/web/metrics.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "ormel/actions/token.h"
+#include "ormel/base/error.h"
+#include "ormel/base/file.h"
+#include "ormelctl/advice.h"
+#include "ormelctl/command.h"
+#include "ormelctl/service.h"
+
+namespace ormelctl {
+namespace {
+
+constexpr mode_t FOR_ALL = 0644;
+constexpr long DAY = 86400;
+
+const Columns TOKEN_COLUMNS = {{"name", "NAME"},          {"id", "ID"},     {"scope", "SCOPE"},
+                               {"used_text", "LAST USE"}, {"from", "FROM"}, {"days", "DAYS LEFT"},
+                               {"by", "MADE BY"}};
+
+void add_texts(json_t* row) {
+  const long used = number_of(row, "used");
+  const long left = number_of(row, "expires") - std::time(nullptr);
+  json_object_set_new(row, "used_text",
+                      json_string(used == 0 ? "never" : moment_text(used).c_str()));
+  json_object_set_new(row, "days", left > 0 ? json_integer(left / DAY) : json_string("expired"));
+}
+
+}  // namespace
+
+Result metrics(const Arguments& arguments) {
+  const std::string text = ormel::cgi::metrics::exposition(arguments.has("users"));
+  ormel::Json data{json_pack("{s:s}", "text", text.c_str())};
+  if (!arguments.has("textfile")) return done(text, std::move(data));
+  const std::string file = arguments.value("textfile");
+  if (!ormel::system::replace_file(file, text, FOR_ALL)) {
+    const char* const why = strerrordesc_np(errno);
+    return failed(Exit::Failed, file + " cannot be written: " + (why ? why : "unknown error"),
+                  "its folder must exist, and have room");
+  }
+  return done(file + " is written", std::move(data));
+}
+
+Result token_list(const Arguments&) {
+  const Reply reply = call("/ormel/token/list");
+  if (reply.error != 0) return failed(reply.error, reply.reason);
+  ormel::Json rows{json_incref(reply.data())};
+  size_t at = 0;
+  json_t* row = nullptr;
+  json_array_foreach(rows.get(), at, row) add_texts(row);
+  const bool none = json_array_size(rows.get()) == 0;
+  return done(none ? "There are no tokens: ormelctl token add prometheus --scope metrics" : "",
+              std::move(rows), TOKEN_COLUMNS);
+}
+
+Result token_add(const Arguments& arguments) {
+  if (!arguments.has("scope"))
+    return failed(Exit::Usage, "--scope is missing: metrics, read or admin");
+  const long life = arguments.seconds("expires", ormel::token::DEFAULT_LIFE);
+  if (life < 0) return failed(Exit::Usage, "--expires takes a time such as 1h, 30d or 365d");
+  const std::string& name = arguments.words[0];
+  const Reply reply = call(
+      "/ormel/token/add",
+      {{"name", name}, {"scope", arguments.value("scope")}, {"seconds", std::to_string(life)}});
+  if (reply.error != 0) {
+    Result result = failed(reply.error, reply.reason);
+    if (reply.error == ormel::ERR_VALUE) result.exit = Exit::Usage;
+    return result;
+  }
+  return done(text_of(reply.data(), "token"), ormel::Json{json_incref(reply.data())});
+}
+
+Result token_remove(const Arguments& arguments) {
+  const std::string& name = arguments.words[0];
+  const Reply reply = call("/ormel/token/remove", {{"name", name}});
+  if (reply.error == ormel::ERR_CONFIGURE_INDEX) {
+    const Reply known = call("/ormel/token/list");
+    return failed(Exit::NotFound, reply.reason,
+                  did_you_mean(name, names_in(known.data(), "name"), "ormelctl token list"));
+  }
+  return reply.error != 0 ? failed(reply.error, reply.reason)
+                          : done("the token " + name + " is not valid any more");
+}
+
+}  // namespace ormelctl

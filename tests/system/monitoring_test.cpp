@@ -1,0 +1,240 @@
+// Figures for a monitoring system and tokens of other programs, by the real web server and daemons:
+// what is said while daemons are dead or hang, and what a token opens and leaves behind.
+// appliance: --web
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+
+#include <jansson.h>
+
+#include "ormel/base/crypto.h"
+#include "ormel/base/handle.h"
+#include "ormel/web/routes.h"
+#include "support/exposition.h"
+#include "support/log_rows.h"
+#include "support/web_request.h"
+
+using namespace ormel::test;
+using support::Exposition;
+using support::parse_exposition;
+
+namespace {
+
+constexpr const char* METRICS = "/ormel/metrics";
+constexpr const char* TOKENS = "/etc/config/ormel/tokens.json";
+
+Result ctl(std::vector<std::string> words) {
+  words.insert(words.begin(), "/usr/sbin/ormelctl");
+  return run(words);
+}
+
+std::string bearer(const std::string& token) {
+  return "HTTP_AUTHORIZATION=Bearer " + token;
+}
+
+class Monitoring : public WebHost {
+ protected:
+  void SetUp() override {
+    WebHost::SetUp();
+    fs::remove(TOKENS);
+    fs::remove_all("/run/fenro/tokens");
+    bus(ormel::log_db::SERVICE, "db_conn_server_log_clean", "");
+    bus(ormel::log_db::SERVICE, "db_privilege_user_block_clean", "");
+  }
+
+  static std::string token_of(const char* scope) {
+    const std::string text = ctl({"token", "add", scope, "--scope", scope, "--expires", "1h"}).out;
+    return text.substr(0, text.find('\n'));
+  }
+  Exposition figures(const std::string& more = {}) const {
+    const WebReply reply = cgi(METRICS, admin + more);
+    EXPECT_THAT(reply.head, HasSubstr("text/plain; version=0.0.4; charset=utf-8"));
+    Exposition parsed = parse_exposition(reply.body);
+    EXPECT_THAT(parsed.faults, testing::IsEmpty());
+    return parsed;
+  }
+};
+
+struct Daemon {
+  const char* name;
+  std::vector<const char*> silent;  // families that nobody else knows
+};
+const Daemon DAEMONS[] = {
+    {"ormeld", {"ormel_login_failures_1h", "ormel_users_blocked"}},
+    {"fenro-networkd", {"ormel_gateway_switches_total", "ormel_guard_holding"}},
+    {"fenro-jsond", {}},
+    {"fenro-rated", {}},
+    {"pelmar-agentd", {}},
+    {"fenro-keeperd", {}},
+};
+
+std::string daemon_up(const Daemon& daemon) {
+  return std::string("ormel_daemon_up{daemon=\"") + daemon.name + "\"}";
+}
+
+void signal_daemon(const Daemon& daemon, const char* signal) {
+  run({"/usr/bin/pkill", signal, "-f", std::string("^/usr/lib/fenro/") + daemon.name});
+}
+
+void add_refusal(ormel::TYPE type, const char* reason, std::time_t ago) {
+  db_conn_server_log row{};
+  row.vpn_type = type;
+  row.action = 1;
+  row.time = static_cast<uint64_t>(std::time(nullptr) - ago);
+  std::strcpy(row.device_info, reason);
+  bus(ormel::log_db::SERVICE, ormel::log_db::CONN_SERVER_LOG.insert, bytes_of(row));
+}
+
+TEST_F(Monitoring, CountsRefusedLoginsOfAnHourAndBlockedUsers) {
+  add_refusal(ormel::OVPN_SERVER_TYPE, "wrong password", 4000);
+  for (int i = 0; i < 120; ++i) add_refusal(ormel::OVPN_SERVER_TYPE, "wrong password", 60);
+  add_refusal(ormel::OVPN_SERVER_TYPE, "blocked after too many wrong passwords", 50);
+  add_refusal(ormel::PPTP_SERVER_TYPE, "kept out by an administrator", 40);
+  add_refusal(ormel::PPTP_SERVER_TYPE, "\xff\"\n", 30);
+  for (int i = 0; i < 5; ++i)
+    bus(ormel::log_db::SERVICE, ormel::log_db::PRIVILEGE_USER_BLOCK.insert, "guest");
+  const Exposition found = figures();
+  const std::string family = "ormel_login_failures_1h";
+  for (const auto& [labels, count] : {std::pair{"{protocol=\"openvpn\",reason=\"password\"}", 120},
+                                      {"{protocol=\"openvpn\",reason=\"blocked\"}", 1},
+                                      {"{protocol=\"pptp\",reason=\"held\"}", 1},
+                                      {"{protocol=\"pptp\",reason=\"other\"}", 1},
+                                      {"{protocol=\"drovik\",reason=\"password\"}", 0}})
+    EXPECT_EQ(found.samples.at(family + labels), count) << labels;
+  EXPECT_EQ(found.samples.at("ormel_users_blocked"), 1);
+}
+
+TEST_F(Monitoring, NamesProfilesAsTheyAreCalledWhateverThatIs) {
+  std::string profiles = pptp_client(1);
+  for (const auto& [index, name] :
+       {std::pair{"2", "of%22fi%0Ace%5C"}, {"3", "twice"}, {"4", "twice"}, {"5", "%FF%00"}})
+    profiles += std::string("[PPTP_CLIENT") + index + "]\nIndex = " + index +
+                "\nProfile File = " + name + "\nServer Address = 127.0.0.1\nEnable = TRUE\n";
+  write(VPN_CONF, profiles);
+  const Exposition found = figures();
+  const auto tunnels = std::count_if(found.samples.begin(), found.samples.end(), [](auto& one) {
+    return one.first.starts_with("ormel_tunnel_up");
+  });
+  EXPECT_EQ(tunnels, 5);
+  EXPECT_TRUE(
+      found.samples.count(R"re(ormel_tunnel_up{protocol="pptp",profile="of\"fi\nce\\"})re"));
+  EXPECT_TRUE(found.samples.count(R"re(ormel_tunnel_up{protocol="pptp",profile="twice/4"})re"));
+}
+
+TEST_F(Monitoring, WritesAFileAsAWholeOrNotAtAll) {
+  write("/tmp/ormel.prom", "old");
+  EXPECT_EQ(ctl({"metrics", "--textfile", "/tmp/ormel.prom"}).status, 0);
+  EXPECT_THAT(parse_exposition(read("/tmp/ormel.prom")).faults, testing::IsEmpty());
+  EXPECT_EQ(mode_of("/tmp/ormel.prom"), 0644U);
+  const Result failed = ctl({"metrics", "--textfile", "/tmp/nowhere/ormel.prom"});
+  EXPECT_EQ(failed.status, 1);
+  EXPECT_THAT(failed.err, HasSubstr("/tmp/nowhere/ormel.prom cannot be written: No such file"));
+}
+
+TEST_F(Monitoring, OpensWhatATokenIsGoodForThroughTheWebServer) {
+  const std::string metrics = token_of("metrics"), reading = token_of("read");
+  const auto ask = [](const std::string& route, const std::string& token) {
+    return https(route, {"-H", "Authorization: Bearer " + token}).body;
+  };
+  EXPECT_THAT(parse_exposition(ask(METRICS, metrics)).faults, testing::IsEmpty());
+  EXPECT_THAT(ask("/ormel/config/add?type=256", metrics), HasSubstr("\"error\":41"));
+  EXPECT_THAT(ask("/ormel/openapi", metrics), HasSubstr("\"error\":41"));
+  EXPECT_THAT(ask("/ormel/status/list", reading), HasSubstr("\"error\":0"));
+  EXPECT_THAT(ask("/fenro/logout", reading), Not(HasSubstr("\"error\":0")));
+  EXPECT_THAT(https(METRICS + ("?token=" + metrics)).body, HasSubstr("\"error\":39"));
+  for (int i = 0; i < 10; ++i)
+    EXPECT_THAT(ask(METRICS, "ormel_x_" + std::to_string(i)), HasSubstr("\"error\":39"));
+  EXPECT_THAT(ask(METRICS, metrics), HasSubstr("try again in "));
+  const std::string events = ctl({"log", "events"}).out;
+  const size_t said = events.find("Too many wrong tokens from 127.0.0.1");
+  EXPECT_NE(said, std::string::npos) << events;
+  EXPECT_EQ(said, events.rfind("Too many wrong tokens"));
+}
+
+TEST_F(Monitoring, LeavesNoTokenInAChildInALogOrInTheTrail) {
+  const std::string token = token_of("admin");
+  const std::string secret = token.substr(token.rfind('_') + 1);
+  write("/etc/init.d/vpn_pptp_client.sh", "#!/bin/sh\nenv >>/tmp/child.env\n", 0755);
+  support::make_empty_folder("/var/lib/ormel/audit");
+  const WebReply reply = cgi("/ormel/config/connect", "type=256&index=1",
+                             {bearer(token), "REMOTE_ADDR=192.0.2.9", "HTTP_ACCEPT=x"});
+  EXPECT_THAT(reply.body, HasSubstr("\"error\":0"));
+  const std::string environment = read("/tmp/child.env");
+  EXPECT_THAT(environment, HasSubstr("REMOTE_ADDR"));
+  EXPECT_THAT(environment, Not(HasSubstr("AUTHORIZATION")));
+  cgi("/ormel/token/add", "name=x&scope=read", {bearer(token)});
+  cgi("/ormel/metrics", "", {bearer(token + "0")});
+  EXPECT_THAT(ctl({"audit"}).out, HasSubstr("token:admin  web 192.0.2.9  config/connect"));
+  EXPECT_THAT(ctl({"token", "list"}).out, HasSubstr("192.0.2.9"));
+  const Result found = run({"/usr/bin/grep", "-rl", secret, "/var/log", "/var/lib/ormel",
+                            "/etc/config", "/run/fenro", "/run/appliance/log"});
+  EXPECT_EQ(found.out, "");
+}
+
+TEST_F(Monitoring, SendsADocumentThatHasEachRouteOfTheTable) {
+  const WebReply reply = cgi("/ormel/openapi", admin);
+  EXPECT_THAT(reply.head, HasSubstr("application/json"));
+  const ormel::Json document{json_loads(reply.body.c_str(), 0, nullptr)};
+  const json_t* const paths = json_object_get(document.get(), "paths");
+  const std::vector<ormel::cgi::Route> rows = ormel::cgi::routes();
+  EXPECT_EQ(json_object_size(paths), rows.size());
+  for (const ormel::cgi::Route& row : rows) {
+    const json_t* const path = json_object_get(paths, std::string(row.path).c_str());
+    const json_t* const least = json_object_get(json_object_get(path, "post"), "x-least");
+    EXPECT_STREQ(json_string_value(json_object_get(least, "effect")),
+                 row.effect == ormel::cgi::CHANGES ? "changes" : "reads")
+        << row.path;
+  }
+}
+
+// The last ones: the daemons do not come back.
+TEST_F(Monitoring, GivesNoFigureOfADaemonThatHangsOrIsDead) {
+  const Exposition whole = figures();
+  for (const Daemon& daemon : DAEMONS) EXPECT_EQ(whole.samples.at(daemon_up(daemon)), 1);
+  for (const char* signal : {"-STOP", "-KILL"}) {
+    for (const Daemon& daemon : DAEMONS) {
+      SCOPED_TRACE(std::string(signal) + ' ' + daemon.name);
+      signal_daemon(daemon, signal);
+      const auto start = std::chrono::steady_clock::now();
+      const Exposition left = figures("&users=1");
+      EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+      EXPECT_EQ(left.samples.at(daemon_up(daemon)), 0);
+      for (const char* family : daemon.silent) {
+        EXPECT_TRUE(whole.has(family)) << family;
+        EXPECT_FALSE(left.has(family)) << family;
+      }
+      EXPECT_TRUE(left.has("ormel_tunnel_up")) << "which is known without any daemon";
+      signal_daemon(daemon, "-CONT");
+    }
+  }
+}
+
+// 600 sessions of 300 users, each of whom has two.
+TEST_F(Monitoring, SumsTheTrafficOfUsersUpToALimitAndWhereItIsAskedForAlone) {
+  std::string lines, data;
+  for (int i = 0; i < 600; ++i) {
+    const std::string eth = "ppp" + std::to_string(i);
+    const std::string user = "user" + std::to_string(1000 + i / 2) + "\"\n";
+    lines += eth + " 10.0.0.9 " + std::to_string(4000 + i) + " - 10.1.0.2 1 1709769600 " +
+             ormel::openssl::base64_encode(user) + '\n';
+    data += (i == 0 ? "" : ",") + ("{\"key\":\"" + eth) +
+            R"(","rx_bytes":7,"tx_bytes":9,"rx_rate":0,"tx_rate":0})";
+  }
+  write("/var/log/ormel_online_users", lines);
+  const ScriptedService rated{
+      "RateServer", "fenro-rated", {"all_server_stat"}, R"({"error":0,"data":[)" + data + "]}"};
+  const Exposition found = figures("&users=1");
+  const auto count = std::count_if(found.samples.begin(), found.samples.end(), [](auto& one) {
+    return one.first.starts_with("ormel_session_");
+  });
+  EXPECT_EQ(count, 500);
+  const std::string labels = R"re({protocol="pptp",user="user1000\"\n"})re";
+  EXPECT_EQ(found.samples.at("ormel_session_receive_bytes" + labels), 14);
+  EXPECT_EQ(found.samples.at("ormel_session_transmit_bytes" + labels), 18);
+  EXPECT_EQ(found.samples.at("ormel_sessions{protocol=\"pptp\"}"), 600);
+  EXPECT_FALSE(figures().has("ormel_session_receive_bytes"));
+  fs::remove("/var/log/ormel_online_users");
+}
+
+}  // namespace

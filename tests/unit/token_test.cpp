@@ -1,0 +1,163 @@
+// Tokens of other programs: what is kept of them, until when they are valid, and what becomes of
+// those who try.
+#include "ormel/actions/token.h"
+
+#include <ctime>
+#include <filesystem>
+#include <gmock/gmock.h>
+
+#include "ormel/base/crypto.h"
+#include "ormel/base/error.h"
+#include "support/files.h"
+
+namespace ormel::token {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr const char* HERE = "192.0.2.1";
+
+class Tokens : public testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/ormel-token-XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    folder_ = name;
+    former_ = std::exchange(places(),
+                            {folder_ + "/tokens.json", folder_ + "/lock", folder_ + "/counters"});
+    ASSERT_EQ(add("prom", "metrics", 3600, "admin", token, text).code, NO_ERROR);
+  }
+  void TearDown() override {
+    fs::remove_all(folder_);
+    places() = former_;
+  }
+
+  static Holder ask(const std::string& header, int64_t now = std::time(nullptr),
+                    const char* from = HERE) {
+    return check(header, from, now);
+  }
+  static std::vector<Token> all() {
+    std::vector<Token> tokens;
+    EXPECT_TRUE(list(tokens));
+    return tokens;
+  }
+
+  Token token;
+  std::string text;
+
+ private:
+  std::string folder_;
+  Places former_;
+};
+
+TEST_F(Tokens, KeepNothingThatCouldBeUsed) {
+  EXPECT_EQ(text.size(), 6 + 8 + 1 + 64);
+  const std::string secret = text.substr(text.rfind('_') + 1);
+  const std::string file = support::read(places().file);
+  EXPECT_THAT(file, Not(HasSubstr(secret)));
+  EXPECT_THAT(file, Not(HasSubstr(openssl::sha256(secret)))) << "of the bytes, not of their text";
+  EXPECT_EQ(support::mode_of(places().file), 0600U);
+  Token other;
+  std::string next;
+  ASSERT_EQ(add("b", "read", 60, "admin", other, next).code, NO_ERROR);
+  EXPECT_NE(other.id, token.id);
+  EXPECT_NE(other.hash, token.hash);
+}
+
+TEST_F(Tokens, AreTakenByTheirWholeTextAlone) {
+  EXPECT_EQ(ask("Bearer " + text).name, "token:prom");
+  EXPECT_EQ(ask("bEARER   " + text).name, "token:prom");
+  const std::string secret = text.substr(text.rfind('_') + 1);
+  std::string last = text;
+  last.back() = last.back() == '0' ? '1' : '0';
+  int number = 0;
+  const std::string headers[] = {text,
+                                 "Basic " + text,
+                                 "Bearer",
+                                 "Bearer ",
+                                 "Bearer " + last,
+                                 "Bearer " + text + "0",
+                                 "Bearer " + text + ' ',
+                                 "Bearer " + text.substr(0, text.size() - 2),
+                                 "Bearer ormel__",
+                                 "Bearer ormel_" + token.id + '_',
+                                 "Bearer ormel__" + secret,
+                                 "Bearer " + token.hash,
+                                 "Bearer ormel_" + token.id + '_' + token.hash,
+                                 "Bearer " + std::string(100000, 'x'),
+                                 "Bearer ormel_" + token.id + std::string(1, '\0') + secret};
+  for (const std::string& header : headers) {
+    const std::string from = "198.51.100." + std::to_string(++number);
+    const Holder holder = ask(header, std::time(nullptr), from.c_str());
+    EXPECT_THAT(holder.name, IsEmpty()) << header.substr(0, 200);
+    EXPECT_THAT(holder.refusal, HasSubstr("unknown or out of date"));
+  }
+}
+
+TEST_F(Tokens, EndInTheSecondThatWasSaidOrWhenTheyAreRemoved) {
+  EXPECT_EQ(ask("Bearer " + text, token.expires - 1).name, "token:prom");
+  EXPECT_THAT(ask("Bearer " + text, token.expires).name, IsEmpty());
+  EXPECT_EQ(remove("prom").code, NO_ERROR);
+  EXPECT_THAT(ask("Bearer " + text, token.expires - 1).name, IsEmpty());
+  EXPECT_EQ(remove(token.id).code, ERR_CONFIGURE_INDEX);
+}
+
+TEST_F(Tokens, NoteTheirUseOnceAMinute) {
+  const int64_t now = std::time(nullptr);
+  EXPECT_EQ(all()[0].used, 0);
+  for (const auto& [after, from, noted, where] : {std::tuple{0, "192.0.2.1", 0, "192.0.2.1"},
+                                                  {59, "192.0.2.2", 0, "192.0.2.1"},
+                                                  {60, "192.0.2.2", 60, "192.0.2.2"}}) {
+    std::ignore = ask("Bearer " + text, now + after, from);
+    EXPECT_EQ(all()[0].used, now + noted) << after;
+    EXPECT_EQ(all()[0].from, where) << after;
+  }
+}
+
+TEST_F(Tokens, AreClosedToAnAddressThatHasTriedTenWrongOnes) {
+  for (int i = 0; i < 10; ++i)
+    EXPECT_THAT(ask("Bearer ormel_x_" + std::to_string(i)).refusal, HasSubstr("unknown"));
+  EXPECT_THAT(ask("Bearer " + text).refusal, HasSubstr("try again in "));
+  EXPECT_EQ(ask("Bearer " + text, std::time(nullptr), "192.0.2.2").name, "token:prom");
+}
+
+TEST_F(Tokens, HaveANameAScopeAndATimeWithinLimits) {
+  const struct {
+    std::string name, scope;
+    int64_t life;
+    int code;
+  } rows[] = {{"", "read", 60, ERR_VALUE},
+              {std::string(40, 'a'), "read", 60, NO_ERROR},
+              {std::string(41, 'a'), "read", 60, ERR_VALUE},
+              {"a b", "read", 60, ERR_VALUE},
+              {"a\nb", "read", 60, ERR_VALUE},
+              {"prom", "read", 60, ERR_VALUE},
+              {"b", "", 60, ERR_VALUE},
+              {"b", "root", 60, ERR_VALUE},
+              {"b", "read", 59, ERR_VALUE},
+              {"b", "read", LONGEST_LIFE + 1, ERR_VALUE},
+              {"b", "admin", LONGEST_LIFE, NO_ERROR}};
+  for (const auto& row : rows) {
+    Token made;
+    std::string ignored;
+    EXPECT_EQ(add(row.name, row.scope, row.life, "admin", made, ignored).code, row.code)
+        << row.name << ' ' << row.scope << ' ' << row.life;
+  }
+}
+
+TEST_F(Tokens, LetNobodyInByADamagedFileAndKeepItAsItIs) {
+  for (const char* content : {"", "[]", "{\"tokens\":{}}", "{\"tokens\":[{}]}", "\xff"}) {
+    support::write(places().file, content);
+    EXPECT_THAT(ask("Bearer " + text).name, IsEmpty()) << content;
+    Token made;
+    std::string ignored;
+    EXPECT_EQ(add("b", "read", 60, "admin", made, ignored).code, ERR_SAVE_FILE);
+    EXPECT_EQ(support::read(places().file), content);
+  }
+}
+
+}  // namespace
+}  // namespace ormel::token

@@ -1,0 +1,11 @@
+// What the program takes as the name of a token, and how long one is still valid.
+import type { Rule } from './rules'
+
+export const DAY = 86_400
+
+export const tokenName: Rule = value =>
+  /^[A-Za-z0-9._-]{1,40}$/.test(value) ? null : 'token.nameWrong'
+
+// Whole days; negative for one that is not valid any more.
+export const daysLeft = (expires: number, now: number): number =>
+  expires > now ? Math.floor((expires - now) / DAY) : -1
