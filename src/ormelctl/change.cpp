@@ -29,8 +29,8 @@ using ormel::changes::Verdict;
 constexpr const char* VIA = "ormelctl";
 constexpr mode_t DAEMON_MASK = 022;
 
-// These take care of snapshots themselves.
-constexpr std::string_view UNRECORDED[] = {"backup", "undo", "confirm", "revert"};
+// These take care of snapshots themselves, or change nothing that is in one.
+constexpr std::string_view UNRECORDED[] = {"backup", "undo", "confirm", "revert", "token"};
 
 Origin origin_of(const Command& command, const Arguments& arguments) {
   std::string what = std::string(command.noun) + (*command.verb ? " " : "") + command.verb;

@@ -172,6 +172,17 @@ TEST_F(Monitoring, LeavesNoTokenInAChildInALogOrInTheTrail) {
   EXPECT_EQ(found.out, "");
 }
 
+TEST_F(Monitoring, PromisesNoWayBackForATokenThatWouldNotGo) {
+  for (const std::vector<std::string>& care :
+       {std::vector<std::string>{"--confirm", "90s"}, {"--dry-run"}}) {
+    std::vector<std::string> words = care;
+    words.insert(words.end(), {"token", "add", "x", "--scope", "read"});
+    EXPECT_EQ(ctl(words).status, 2) << care[0];
+  }
+  EXPECT_THAT(ctl({"token", "list"}).out, HasSubstr("There are no tokens"));
+  EXPECT_EQ(ctl({"token", "rm", "x", "--yes"}).status, 3);
+}
+
 TEST_F(Monitoring, SendsADocumentThatHasEachRouteOfTheTable) {
   const WebReply reply = cgi("/ormel/openapi", admin);
   EXPECT_THAT(reply.head, HasSubstr("application/json"));
