@@ -25,6 +25,7 @@ inline constexpr Kind KINDS[] = {
     {"guard", "The guard holds traffic back, or its filter was removed by another program"},
     {"locked", "A user is locked for wrong passwords"},
     {"daemon", "A daemon of the service does not answer, or answers again"},
+    {"certificate", "A certificate ends soon or has expired, or was renewed"},
     {"disk", "A disk is nearly full, or has space again"},
 };
 inline constexpr std::string_view TEST_KIND =

@@ -14,6 +14,7 @@
 #include "base/file.h"
 #include "base/handle.h"
 #include "common/end_signals.h"
+#include "daemons/keeper/certificates.h"
 #include "daemons/keeper/cleanup.h"
 #include "daemons/keeper/go_back.h"
 #include "daemons/keeper/host_watch.h"
@@ -66,6 +67,7 @@ int main() {
   keeper::Watch watch{report};
   keeper::HostWatch host{report};
   keeper::GoBack go_back;
+  keeper::Certificates certificates{Clock::now()};
   if (booting) go_back.boot();  // before it counts what is on
   if (booting) watch.boot();
 
@@ -81,6 +83,7 @@ int main() {
     watch.tick(now);
     host.tick(now);
     go_back.tick(now);
+    certificates.tick(now);
   });
   if (!server.listen()) {
     std::fprintf(stderr, "fenro-keeperd: service name %s is already in use\n", SERVICE);

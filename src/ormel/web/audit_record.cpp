@@ -90,6 +90,7 @@ constexpr char CONNECTION[] = "conn";
 constexpr char HELD[] = "who";
 constexpr char NAME[] = "name";
 constexpr char MODE[] = "mode";
+constexpr char STEP[] = "step";
 constexpr char ORGANIZATION[] = "org_name";
 
 template <const char* Variable>
@@ -110,6 +111,7 @@ constexpr Subject SUBJECTS[] = {
     {"connection/", values<CONNECTION>},
     {"hold/", values<HELD>},
     {"guard/", values<MODE>},
+    {"cert/", values<STEP>},
     {"pelmar/", values<ORGANIZATION>},
     {"", values<NAME>},
 };

@@ -15,7 +15,7 @@ constexpr const Routes* PARTS[] = {
     &privilege::BLOCKS,       &gateway::POLICY,     &guard::GUARD,
     &pelmar::STATUS,          &pelmar::JOINING,     &pelmar::LOGIN,
     &status::STATES,          &audit::TRAIL,        &change::CHANGE,
-    &backup::BACKUP,          &address::ADDRESS,
+    &backup::BACKUP,          &address::ADDRESS,    &certificate::CERTIFICATES,
 };
 
 }  // namespace

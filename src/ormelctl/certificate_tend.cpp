@@ -1,0 +1,173 @@
+// What the keeper lets do from time to time: somebody is told of certificates that end, and what is
+// due at the OpenVPN server is done.
+#include <ctime>
+#include <map>
+
+#include "ormel/actions/audit.h"
+#include "ormel/actions/certificate_rotation.h"
+#include "ormel/base/crypto.h"
+#include "ormel/base/error.h"
+#include "ormel/base/file.h"
+#include "ormel/changes/recording.h"
+#include "ormel/host/bus.h"
+#include "ormelctl/command.h"
+#include "ormelctl/service.h"
+
+namespace ormelctl {
+namespace {
+
+namespace certificates = ormel::certificates;
+using certificates::Certificate;
+using certificates::Due;
+using certificates::Role;
+
+// {"stages":{"NAME":STAGE}}: at which steps before the end of a certificate somebody was told.
+constexpr const char* TOLD = "/var/lib/ormel/certificates.json";
+constexpr std::size_t MOST_TOLD = std::size_t{1} << 20U;
+constexpr int WARNING = 1, ERROR = 2, INFORMATION = 0;
+constexpr const char* SUBJECT = "certificate";
+
+using Stages = std::map<std::string, int>;
+
+Stages read_stages() {
+  std::string text;
+  if (!ormel::system::read_file(TOLD, text, MOST_TOLD)) return {};
+  const ormel::Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
+  Stages stages;
+  const char* name = nullptr;
+  json_t* stage = nullptr;
+  json_object_foreach(json_object_get(document.get(), "stages"), name, stage) stages[name] =
+      static_cast<int>(json_integer_value(stage));
+  return stages;
+}
+
+bool write_stages(const Stages& stages) {
+  ormel::Json rows{json_object()};
+  for (const auto& [name, stage] : stages)
+    json_object_set_new(rows.get(), name.c_str(), json_integer(stage));
+  const ormel::Json document{json_pack("{s:O}", "stages", rows.get())};
+  const ormel::CString text{json_dumps(document.get(), JSON_COMPACT)};
+  return text && ormel::system::replace_file(TOLD, std::string(text.get()) + '\n');
+}
+
+// The same certificate in the next run; another one in its place has another end.
+std::string key_of(const Certificate& one) {
+  return std::string(name_of(one.role)) + '/' + std::to_string(one.index) + '/' +
+         std::to_string(one.not_after) + '/' + one.subject;
+}
+
+std::string place_of(const Certificate& one) {
+  switch (one.role) {
+    case Role::Authority:
+    case Role::NextAuthority:
+    case Role::OldAuthority: return "the authority of the OpenVPN server";
+    case Role::Server: return "the certificate of the OpenVPN server";
+    case Role::Web: return "the certificate of the web interface";
+    case Role::ProfileCrl: return "the revocation list of the profile " + decoded(one.profile);
+    default: return "a certificate of the profile " + decoded(one.profile);
+  }
+}
+
+std::string warning_text(const Certificate& one, int stage) {
+  const long days = ormel::openssl::days_until(one.not_after);
+  std::string text = place_of(one) + " (" + one.subject + ')';
+  text[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
+  if (stage == certificates::OVER) return text + " has expired";
+  text += " expires in " +
+          (days == 0 ? "less than a day" : std::to_string(days) + (days == 1 ? " day" : " days"));
+  return one.role == Role::Server ? text + "; it will be renewed while nobody is connected" : text;
+}
+
+// The keeper stores the event and notifies those who asked for its kind.
+void report(int level, const std::string& text) {
+  const ormel::Json request{json_pack("{s:s, s:i, s:s, s:s, s:b}", "kind", SUBJECT, "level", level,
+                                      "subject", SUBJECT, "text", printable(text).c_str(), "store",
+                                      1)};
+  const auto reply =
+      ormel::system::plain_call(ormel::system::KEEPER_SERVICE, "keeper.report", request.get());
+  if (reply.status != MIB_SUCCESS) std::fprintf(stderr, "not reported: %s\n", text.c_str());
+}
+
+// Each step once. It is noted before, so that a full disk makes no event every time.
+void warn(const std::vector<Certificate>& all, std::time_t now) {
+  const Stages before = read_stages();
+  Stages stages;
+  for (const Certificate& one : all) {
+    const int stage = certificates::stage_of(one, now);
+    if (stage != certificates::NO_STAGE) stages[key_of(one)] = stage;
+  }
+  if (stages == before) return;
+  if (!write_stages(stages)) {
+    std::fprintf(stderr, "%s cannot be written\n", TOLD);
+    return;
+  }
+  for (const Certificate& one : all) {
+    const auto news = stages.find(key_of(one));
+    const auto old = before.find(key_of(one));
+    if (news == stages.end() || (old != before.end() && old->second >= news->second)) continue;
+    report(news->second == certificates::OVER ? ERROR : WARNING, warning_text(one, news->second));
+  }
+}
+
+bool is_used() {
+  const Reply live = call("/ormel/connection/all");
+  size_t at = 0;
+  const json_t* session = nullptr;
+  json_array_foreach(live.data(), at, session) {
+    if (number_of(session, "type") == ormel::OVPN_SERVER_TYPE) return true;
+  }
+  return live.error != 0;
+}
+
+struct Step {
+  Due due;
+  const char* action;
+  const char* done;
+  const char* failed;
+  int (*run)(std::string& reason);
+};
+constexpr Step STEPS[] = {
+    {Due::Renew, "cert/renew", "The certificate of the OpenVPN server was renewed",
+     "The certificate of the OpenVPN server could not be renewed: ", certificates::renew},
+    {Due::Advance, "cert/rotate", "The rotation of the OpenVPN authority has taken its next step",
+     "The rotation of the OpenVPN authority is stuck: ", certificates::advance},
+    {Due::Settle, "cert/rotate", "An interrupted rotation of the OpenVPN authority was finished",
+     "The rotation of the OpenVPN authority is stuck: ", certificates::settle},
+};
+
+int take(const Step& step) {
+  const ormel::changes::Recording recording{{"", "keeper", step.action}};
+  if (!recording.refusal().empty()) return 0;  // settings go back; the next run tries again
+  ormel::audit::Recorder recorder =
+      ormel::audit::is_kept()
+          ? ormel::audit::Recorder{{"", "keeper", ""}, step.action, "OpenVPN server"}
+          : ormel::audit::Recorder{};
+  std::string reason;
+  const int code = recorder.finish(step.run(reason));
+  if (code == ormel::NO_ERROR)
+    report(INFORMATION, step.done);
+  else
+    report(ERROR, step.failed + reason);
+  return code;
+}
+
+}  // namespace
+
+int tend_certificates() {
+  ormel::config::Management pool;
+  std::ignore = pool.load();  // always 0
+  const std::vector<Certificate> all = certificates::list(pool);
+  certificates::Moment moment{.now = std::time(nullptr)};
+  std::tm parts{};
+  localtime_r(&moment.now, &parts);
+  moment.hour = parts.tm_hour;
+  moment.is_used = is_used();
+  warn(all, moment.now);
+  const Due due = certificates::due(all, certificates::rotation(), moment);
+  for (const Step& step : STEPS) {
+    if (step.due == due) return take(step) == ormel::NO_ERROR ? 0 : 1;
+  }
+  return 0;
+}
+
+}  // namespace ormelctl
