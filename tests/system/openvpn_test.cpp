@@ -669,10 +669,10 @@ TEST_F(OpenVpnCertificates, FitWhereverAStepIsKilled) {
       words.insert(words.end(), step.begin(), step.end());
       status = run(words, {"ASAN_OPTIONS=detect_leaks=0"}).status;
       comes_true([] { return run({"/usr/bin/pgrep", "-x", "openssl|mv|sync"}).status == 1; });
-      const Result fits = run(
-          {"/bin/sh", "-c",
-           ". /usr/lib/fenro/vpn_lib.sh; . /usr/lib/fenro/ovpn_keys.sh; make_keys sha256 && "
-           "certificate_usable ca && server_usable"});
+      const Result fits =
+          run({"/bin/sh", "-c",
+               ". /usr/lib/fenro/vpn_lib.sh; . /usr/lib/fenro/ovpn_keys.sh; make_keys sha256 && "
+               "certificate_usable ca && server_usable"});
       EXPECT_EQ(fits.status, 0) << fits.err;
       EXPECT_NE(key("ca.crt").find(old), std::string::npos) << "nobody is locked out";
     }

@@ -1,6 +1,7 @@
 import { readFileSync, readdirSync } from 'node:fs'
 import { describe, expect, it } from 'vitest'
 import { ApiError } from '../src/api'
+import { ending, type Certificate } from '../src/certificates'
 import { mistakes } from '../src/form'
 import {
   ago,
@@ -569,5 +570,28 @@ describe('backups', () => {
     }
     expect(changeRows({ ...none, changed: ['a', 'b'] })[0]?.[1]).toBe('a, b')
     expect(changeRows(none).map(([, names]) => names)).toEqual(['', '', '', ''])
+  })
+})
+
+describe('certificates', () => {
+  it('are warned of when they end soon, the nearest first', () => {
+    const one = (role: string, state: Certificate['state'], not_after: number): Certificate => ({
+      role,
+      subject: 'vpn',
+      state,
+      not_before: 1,
+      not_after,
+      profile: '',
+      index: 0,
+      fault: '',
+    })
+    const all = [
+      one('web', 'good', 9),
+      one('authority', 'soon', 7),
+      one('profile-ca', 'unreadable', 0),
+      one('authority-old', 'over', 1),
+      one('server', 'over', 2),
+    ]
+    expect(ending(all).map(found => found.role)).toEqual(['server', 'authority'])
   })
 })

@@ -1,0 +1,228 @@
+// The certificates of this appliance: how long they last, renewing the OpenVPN server's, and replacing
+// its authority step by step.
+import { useState } from 'preact/hooks'
+import { call, data, SLOW } from '../api'
+import type { Certificate, Certificates, Rotation } from '../certificates'
+import { count, date, decodeName, moment, number } from '../format'
+import { usePoll } from '../poll'
+import { t, textOr, type TextKey } from '../texts'
+import {
+  Badge,
+  Button,
+  Card,
+  Empty,
+  Failure,
+  Field,
+  Notice,
+  Spinner,
+  Table,
+  confirm,
+  say,
+  useJob,
+  type Tone,
+} from '../ui'
+
+const PAUSE = 60_000
+const DAY = 86_400
+const OVERLAPS = [30, 60, 90, 180] // days
+const TONES: Record<Certificate['state'], Tone> = {
+  good: 'good',
+  soon: 'warn',
+  over: 'bad',
+  early: 'bad',
+  unreadable: 'bad',
+}
+
+const day = (seconds: number): string => date(new Date(seconds * 1000))
+export const roleText = (one: Certificate): string =>
+  t(`certRole.${one.role}` as TextKey, { profile: decodeName(one.profile) })
+
+function stateText(one: Certificate): string {
+  if (one.state === 'unreadable') return t('cert.unreadable')
+  if (one.state === 'over') return t('cert.over')
+  if (one.state === 'early') return t('cert.early', { date: day(one.not_before) })
+  return one.days === undefined ? t('cert.endless') : count(one.days, 'cert.day', 'cert.days')
+}
+
+function noteOf(one: Certificate, all: Certificates): string {
+  if (one.state === 'unreadable') return one.fault
+  if (one.role === 'authority-next') return t('cert.signsFrom', { date: day(all.rotation.change) })
+  if (one.role === 'authority-old') return t('cert.trustedUntil', { date: day(all.rotation.end) })
+  if (one.role === 'server') return t('cert.renewedFrom', { date: day(all.renewal) })
+  return one.not_after ? t('cert.until', { date: day(one.not_after) }) : ''
+}
+
+function Holders({ rotation }: { rotation: Rotation }) {
+  if (rotation.holders.length === 0) return <p>{t('cert.noHolders')}</p>
+  return (
+    <>
+      <p>{t('cert.holders')}</p>
+      <ul>
+        {rotation.holders.map(one => (
+          <li key={one.user}>
+            <bdi class="name">{one.user}</bdi>{' '}
+            <span class="soft">
+              {one.last_login
+                ? t('cert.lastLogin', { when: moment(one.last_login) })
+                : t('cert.noLogin')}
+            </span>
+          </li>
+        ))}
+      </ul>
+    </>
+  )
+}
+
+// `dropped` connections end when the server restarts.
+export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone: () => void }) {
+  const list = usePoll(() => data<Certificates>('cert/list'), PAUSE)
+  const job = useJob()
+  const [days, setDays] = useState(60)
+  const all = list.value
+  if (!all) return list.failure ? <Failure failure={list.failure} /> : <Spinner />
+  const { phase } = all.rotation
+  const drops = count(dropped, 'server.dropsOne', 'server.drops')
+
+  // Each change says what will happen, and whom it drops, before it begins.
+  const ask = async (
+    name: string,
+    question: { title: TextKey; text: string; action: TextKey; more?: string[] },
+    work: () => Promise<unknown>,
+  ) => {
+    const yes = await confirm({
+      title: t(question.title),
+      text: question.text,
+      action: t(question.action),
+      more: question.more ?? [],
+      danger: true,
+    })
+    if (!yes) return
+    await job.run(name, async () => {
+      await work()
+      say('saved')
+      onDone()
+    })
+    list.refresh()
+  }
+  const step = (name: string, form = {}) => call('cert/rotate', { step: name, ...form }, SLOW)
+
+  const renew = () =>
+    ask(
+      'renew',
+      { title: 'cert.renewTitle', text: t('cert.renewText'), action: 'cert.renew', more: [drops] },
+      () => call('cert/renew', {}, SLOW),
+    )
+  const begin = () =>
+    ask(
+      'begin',
+      {
+        title: 'cert.rotateTitle',
+        text: t('cert.rotateText', { date: day(Date.now() / 1000 + days * DAY) }),
+        action: 'cert.rotate',
+      },
+      () => step('begin', { overlap: days * DAY }),
+    )
+  const change = () =>
+    ask(
+      'advance',
+      {
+        title: 'cert.changeTitle',
+        text: t('cert.changeText'),
+        action: 'cert.change',
+        more: [drops, ...all.rotation.holders.map(one => one.user)],
+      },
+      () => step('advance'),
+    )
+  const end = () =>
+    ask('advance', { title: 'cert.endTitle', text: t('cert.endText'), action: 'cert.end' }, () =>
+      step('advance'),
+    )
+  const cancel = () =>
+    ask(
+      'cancel',
+      { title: 'cert.cancelTitle', text: t('cert.cancelText'), action: 'cert.cancel' },
+      () => step('cancel'),
+    )
+
+  const hasServer = all.certificates.some(one => one.role === 'authority')
+  return (
+    <Card title={t('cert.title')}>
+      <p>{t('cert.help')}</p>
+      <Failure failure={list.failure ?? job.failure} />
+      {all.certificates.length === 0 && <Empty>{t('cert.none')}</Empty>}
+      {all.certificates.length > 0 && (
+        <Table
+          label={t('cert.title')}
+          heads={[t('cert.what'), t('cert.subject'), t('cert.left'), t('cert.note')]}
+        >
+          {all.certificates.map((one, at) => (
+            <tr key={at}>
+              <td>{textOr(`certRole.${one.role}`, '') ? roleText(one) : one.role}</td>
+              <td>
+                <bdi class="name">{one.subject}</bdi>
+              </td>
+              <td>
+                <Badge tone={TONES[one.state]}>{stateText(one)}</Badge>
+              </td>
+              <td>{noteOf(one, all)}</td>
+            </tr>
+          ))}
+        </Table>
+      )}
+      {phase !== 'none' && (
+        <Notice>
+          <strong>
+            {t(`certPhase.${phase}`, {
+              date: day(phase === 'changed' ? all.rotation.end : all.rotation.change),
+            })}
+          </strong>
+          <Holders rotation={all.rotation} />
+        </Notice>
+      )}
+      {hasServer && phase === 'none' && (
+        <Field label={t('cert.overlap')} help={t('cert.overlapHelp')}>
+          {ids => (
+            <select
+              {...ids}
+              value={days}
+              onChange={event => setDays(Number(event.currentTarget.value))}
+            >
+              {OVERLAPS.map(one => (
+                <option key={one} value={one}>
+                  {t('cert.days', { n: number(one) })}
+                </option>
+              ))}
+            </select>
+          )}
+        </Field>
+      )}
+      {hasServer && (
+        <div class="row">
+          <Button busy={job.busy === 'renew'} onClick={() => void renew()}>
+            {t('cert.renew')}
+          </Button>
+          {phase === 'none' && (
+            <Button busy={job.busy === 'begin'} onClick={() => void begin()}>
+              {t('cert.rotate')}
+            </Button>
+          )}
+          {(phase === 'overlap' || phase === 'changing') && (
+            <Button kind="danger" busy={job.busy === 'advance'} onClick={() => void change()}>
+              {t('cert.change')}
+            </Button>
+          )}
+          {phase === 'overlap' && (
+            <Button busy={job.busy === 'cancel'} onClick={() => void cancel()}>
+              {t('cert.cancel')}
+            </Button>
+          )}
+          {phase === 'changed' && (
+            <Button busy={job.busy === 'advance'} onClick={() => void end()}>
+              {t('cert.end')}
+            </Button>
+          )}
+        </div>
+      )}
+    </Card>
+  )
+}
