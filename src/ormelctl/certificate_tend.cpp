@@ -1,5 +1,5 @@
-// What the keeper lets do from time to time: somebody is told of certificates that end, and what is
-// due at the OpenVPN server is done.
+// The keeper's regular look at certificates: warns of those that end, and takes the step that is
+// due at the OpenVPN server.
 #include <ctime>
 #include <map>
 
@@ -21,9 +21,10 @@ using certificates::Certificate;
 using certificates::Due;
 using certificates::Role;
 
-// {"stages":{"NAME":STAGE}}: at which steps before the end of a certificate somebody was told.
-constexpr const char* TOLD = "/var/lib/ormel/certificates.json";
-constexpr std::size_t MOST_TOLD = std::size_t{1} << 20U;
+// {"stages":{"NAME":STAGE}}: the last step before the end of a certificate that has caused a
+// warning.
+constexpr const char* WARNED = "/var/lib/ormel/certificates.json";
+constexpr std::size_t MOST_WARNED = std::size_t{1} << 20U;
 constexpr int WARNING = 1, ERROR = 2, INFORMATION = 0;
 constexpr const char* SUBJECT = "certificate";
 
@@ -31,7 +32,7 @@ using Stages = std::map<std::string, int>;
 
 Stages read_stages() {
   std::string text;
-  if (!ormel::system::read_file(TOLD, text, MOST_TOLD)) return {};
+  if (!ormel::system::read_file(WARNED, text, MOST_WARNED)) return {};
   const ormel::Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
   Stages stages;
   const char* name = nullptr;
@@ -47,7 +48,7 @@ bool write_stages(const Stages& stages) {
     json_object_set_new(rows.get(), name.c_str(), json_integer(stage));
   const ormel::Json document{json_pack("{s:O}", "stages", rows.get())};
   const ormel::CString text{json_dumps(document.get(), JSON_COMPACT)};
-  return text && ormel::system::replace_file(TOLD, std::string(text.get()) + '\n');
+  return text && ormel::system::replace_file(WARNED, std::string(text.get()) + '\n');
 }
 
 // The same certificate in the next run; another one in its place has another end.
@@ -98,7 +99,7 @@ void warn(const std::vector<Certificate>& all, std::time_t now) {
   }
   if (stages == before) return;
   if (!write_stages(stages)) {
-    std::fprintf(stderr, "%s cannot be written\n", TOLD);
+    std::fprintf(stderr, "%s cannot be written\n", WARNED);
     return;
   }
   for (const Certificate& one : all) {

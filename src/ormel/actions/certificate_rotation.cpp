@@ -130,7 +130,7 @@ std::map<std::string, std::time_t> last_logins() {
 }
 
 std::map<std::string, std::time_t> last_downloads() {
-  constexpr std::int64_t MOST_ROWS = 100000;
+  constexpr std::int64_t MOST_ROWS = 20000;  // the latest
   std::map<std::string, std::time_t> latest;
   audit::Page page;
   if (!audit::trail().read({.lower = 0, .upper = MOST_ROWS}, page)) return latest;

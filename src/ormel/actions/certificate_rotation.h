@@ -65,8 +65,8 @@ constexpr long LAST_TIME = 7 * DAY;    // before the end, or after the day of a 
 // When the server's certificate is renewed at the latest; 0 without one.
 [[nodiscard]] std::time_t renewal_begin(const std::vector<Certificate>& all);
 
-// How near the end of a certificate is, in the steps at which somebody is told: none, 30 days, 7
-// days, 1 day, over.
+// How near the end of a certificate is, in the steps that each cause one warning: more than 30
+// days, 30 days, 7 days, 1 day, over.
 constexpr int NO_STAGE = 0, OVER = 4;
 [[nodiscard]] int stage_of(const Certificate& one, std::time_t now);
 
