@@ -140,6 +140,23 @@ Result wrong_name(const Arguments& arguments, const char* what) {
   return failed(Exit::Usage, "\"" + arguments.words[0] + "\" is not \"" + what + '"');
 }
 
+// Who is connected to the OpenVPN server, which a restart ends.
+std::string live_users() {
+  const Reply live = call("/ormel/connection/all");
+  std::string text;
+  size_t at = 0;
+  const json_t* session = nullptr;
+  json_array_foreach(live.data(), at, session) {
+    if (number_of(session, "type") == ormel::OVPN_SERVER_TYPE)
+      text += (text.empty() ? "" : ", ") + text_of(session, "name");
+  }
+  return text;
+}
+
+std::string ended_text(const std::string& users) {
+  return users.empty() ? "" : "the restart has ended the sessions of " + users;
+}
+
 Result step(const char* name, const Form& form, std::string message) {
   const ChangeLock lock;
   if (!lock)
@@ -173,9 +190,13 @@ Result cert_renew(const Arguments& arguments) {
   const ChangeLock lock;
   if (!lock)
     return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  const std::string users = live_users();
   const Reply reply = call("/ormel/cert/renew");
   if (reply.error != 0) return refused(reply);
-  return done("the OpenVPN server has a new certificate by the same authority: no profile changes");
+  Result result =
+      done("the OpenVPN server has a new certificate by the same authority: no profile changes");
+  result.note = ended_text(users);
+  return result;
 }
 
 Result cert_rotate(const Arguments& arguments) {

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <map>
 #include <string_view>
+#include <tuple>
 
 #include <fenro/mibservice.h>
 
@@ -17,6 +18,7 @@
 #include "ormel/base/file.h"
 #include "ormel/base/handle.h"
 #include "ormel/base/text.h"
+#include "ormel/drivers/openvpn/openvpn.h"
 #include "ormel/host/process.h"
 
 namespace ormel::certificates {
@@ -91,6 +93,16 @@ int restart_server(std::string& reason) {
       "the new certificate is in place, but the server does not start again: ormelctl why "
       "openvpn";
   return ERR_CMD_FAILED;
+}
+
+// The web interface, and whoever asks the program, says so until somebody downloads a profile.
+void note_new_certificate() {
+  config::Management pool;
+  pool.load();
+  const config::PolyConfig* const server = pool.fetch(OVPN_SERVER_TYPE, 0);
+  if (!server) return;
+  server->cast<ovpn::ServerConfig>()->download_status = ovpn::NEW_CERTIFICATE;
+  std::ignore = pool.save();  // the rotation has begun either way
 }
 
 const Certificate* find(const std::vector<Certificate>& all, Role role) {
@@ -176,7 +188,9 @@ int rotate(long overlap, std::string& reason) {
     reason = "the overlap is 1 hour to 400 days";
     return ERR_VALUE;
   }
-  return run_tool({"rotate", std::to_string(overlap)}, reason);
+  const int rc = run_tool({"rotate", std::to_string(overlap)}, reason);
+  if (rc == NO_ERROR) note_new_certificate();
+  return rc;
 }
 
 int advance(std::string& reason) {
