@@ -551,6 +551,39 @@ class OpenVpnCertificates : public OpenVpnTunnel {
 };
 std::string OpenVpnCertificates::said;
 
+TEST_F(OpenVpnCertificates, AreListedWhateverIsInTheirFiles) {
+  const std::string path = std::string(KEYS) + "myserver.crt", good = read(path);
+  const std::string stored = "/etc/config/openvpn/clients/client1";
+  const auto row = [](const std::string& what) {
+    const std::string all = ctl({"cert"}).out;
+    const size_t at = all.find(what);
+    return at == std::string::npos ? "" : all.substr(at, all.find('\n', at) - at);
+  };
+  for (const std::string& content : {std::string(), std::string("\0\x1b[2J", 5),
+                                     good.substr(0, 400), good + std::string(300 << 10, 'x')}) {
+    write(path, content);
+    EXPECT_THAT(row("openvpn server"), ContainsRegex("malformed|nothing of its kind|too large"));
+    EXPECT_EQ(ctl({"cert", "list", "--json"}).status, 0);
+  }
+  fs::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_THAT(row("openvpn server"), HasSubstr("cannot be read"));
+  fs::remove(path);
+  run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+       "-nodes", "-subj", "/CN=a\x1b[31m\"b\u202e", "-utf8", "-days", "9", "-keyout", "/tmp/k",
+       "-out", path});
+  EXPECT_THAT(row("openvpn server"), ContainsRegex("a\\?\\[31m\"b.*  (8|9)  "));
+  EXPECT_EQ(ctl({"cert"}).out.find('\x1b'), std::string::npos);
+  EXPECT_EQ(ctl({"cert"}).out.find("\u202e"), std::string::npos);
+
+  far::write(stored, "client\n<ca>\n" + read(path) + "</ca>\n<cert>\n!\n</cert>\n<key>\n" +
+                         read("/tmp/k") + "</key>\n");
+  const std::string list = far::run({"/usr/sbin/ormelctl", "cert"}).out;
+  EXPECT_THAT(list, ContainsRegex("profile office ca  .*ask the server's administrator"));
+  EXPECT_THAT(list, ContainsRegex("profile office cert .*nothing of its kind"));
+  fs::remove(path);
+}
+
 TEST_F(OpenVpnCertificates, AreRenewedAtNightOrAtTheEndAndOldProfilesStay) {
   const std::string authority = key("ca.crt");
   make("myserver", "ca", -DAYS, 10 * DAYS + 60);

@@ -41,7 +41,8 @@ import { loginResult } from '../src/pages/sdwan'
 import { conflicts } from '../src/pages/servers.rows'
 import { address, endpoint, freeAddress, key, page, pool, range } from '../src/rules'
 import { clientState, cureOf, isSettled, serverState, whyOf } from '../src/reasons'
-import { speak, t, textOr } from '../src/texts'
+import { languages, speak, t, textOr } from '../src/texts'
+import { certificateTexts } from '../src/texts/certificates'
 import german from '../src/texts/de'
 import english from '../src/texts/en'
 import { protocolOfInterface, traffic } from '../src/traffic'
@@ -203,6 +204,18 @@ describe('texts', () => {
       }
     },
   )
+  it('of certificates are all there, with the same values in them', () => {
+    const values = (text: string) => [...text.matchAll(/\{\w+\}/g)].map(([one]) => one).sort()
+    const known = Object.entries(certificateTexts['en'] ?? {})
+    expect(Object.keys(certificateTexts)).toEqual(languages.map(one => one.id))
+    for (const texts of Object.values(certificateTexts))
+      expect(Object.entries(texts).map(([key, text]) => [key, ...values(text)])).toEqual(
+        known.map(([key, text]) => [key, ...values(text)]),
+      )
+    const page = readFileSync('src/pages/certificates.tsx', 'utf8')
+    const phases = ['overlap', 'changing', 'changed'] // by their names
+    expect(known.filter(([key]) => !page.includes(`'${key}'`) && !phases.includes(key))).toEqual([])
+  })
   it('are all used somewhere', () => {
     const folder = (path: string): string[] =>
       readdirSync(path, { withFileTypes: true }).flatMap(one =>

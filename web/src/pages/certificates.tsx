@@ -6,6 +6,7 @@ import type { Certificate, Certificates, Rotation } from '../certificates'
 import { count, date, decodeName, moment, number } from '../format'
 import { usePoll } from '../poll'
 import { t, textOr, type TextKey } from '../texts'
+import { tc, type CertificateKey } from '../texts/certificates'
 import {
   Badge,
   Button,
@@ -38,33 +39,35 @@ export const roleText = (one: Certificate): string =>
   t(`certRole.${one.role}` as TextKey, { profile: decodeName(one.profile) })
 
 function stateText(one: Certificate): string {
-  if (one.state === 'unreadable') return t('cert.unreadable')
-  if (one.state === 'over') return t('cert.over')
-  if (one.state === 'early') return t('cert.early', { date: day(one.not_before) })
-  return one.days === undefined ? t('cert.endless') : count(one.days, 'cert.day', 'cert.days')
+  if (one.state === 'unreadable') return tc('unreadable')
+  if (one.state === 'over') return tc('over')
+  if (one.state === 'early') return tc('early', { date: day(one.not_before) })
+  return one.days === undefined
+    ? tc('endless')
+    : one.days === 1
+      ? tc('day')
+      : tc('days', { n: number(one.days) })
 }
 
 function noteOf(one: Certificate, all: Certificates): string {
   if (one.state === 'unreadable') return one.fault
-  if (one.role === 'authority-next') return t('cert.signsFrom', { date: day(all.rotation.change) })
-  if (one.role === 'authority-old') return t('cert.trustedUntil', { date: day(all.rotation.end) })
-  if (one.role === 'server') return t('cert.renewedFrom', { date: day(all.renewal) })
-  return one.not_after ? t('cert.until', { date: day(one.not_after) }) : ''
+  if (one.role === 'authority-next') return tc('signsFrom', { date: day(all.rotation.change) })
+  if (one.role === 'authority-old') return tc('trustedUntil', { date: day(all.rotation.end) })
+  if (one.role === 'server') return tc('renewedFrom', { date: day(all.renewal) })
+  return one.not_after ? tc('until', { date: day(one.not_after) }) : ''
 }
 
 function Holders({ rotation }: { rotation: Rotation }) {
-  if (rotation.holders.length === 0) return <p>{t('cert.noHolders')}</p>
+  if (rotation.holders.length === 0) return <p>{tc('noHolders')}</p>
   return (
     <>
-      <p>{t('cert.holders')}</p>
+      <p>{tc('holders')}</p>
       <ul>
         {rotation.holders.map(one => (
           <li key={one.user}>
             <bdi class="name">{one.user}</bdi>{' '}
             <span class="soft">
-              {one.last_login
-                ? t('cert.lastLogin', { when: moment(one.last_login) })
-                : t('cert.noLogin')}
+              {one.last_login ? tc('lastLogin', { when: moment(one.last_login) }) : tc('noLogin')}
             </span>
           </li>
         ))}
@@ -86,13 +89,13 @@ export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone:
   // Each change says what will happen, and whom it drops, before it begins.
   const ask = async (
     name: string,
-    question: { title: TextKey; text: string; action: TextKey; more?: string[] },
+    question: { title: CertificateKey; text: string; action: CertificateKey; more?: string[] },
     work: () => Promise<unknown>,
   ) => {
     const yes = await confirm({
-      title: t(question.title),
+      title: tc(question.title),
       text: question.text,
-      action: t(question.action),
+      action: tc(question.action),
       more: question.more ?? [],
       danger: true,
     })
@@ -109,16 +112,16 @@ export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone:
   const renew = () =>
     ask(
       'renew',
-      { title: 'cert.renewTitle', text: t('cert.renewText'), action: 'cert.renew', more: [drops] },
+      { title: 'renewTitle', text: tc('renewText'), action: 'renew', more: [drops] },
       () => call('cert/renew', {}, SLOW),
     )
   const begin = () =>
     ask(
       'begin',
       {
-        title: 'cert.rotateTitle',
-        text: t('cert.rotateText', { date: day(Date.now() / 1000 + days * DAY) }),
-        action: 'cert.rotate',
+        title: 'rotateTitle',
+        text: tc('rotateText', { date: day(Date.now() / 1000 + days * DAY) }),
+        action: 'rotate',
       },
       () => step('begin', { overlap: days * DAY }),
     )
@@ -126,35 +129,28 @@ export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone:
     ask(
       'advance',
       {
-        title: 'cert.changeTitle',
-        text: t('cert.changeText'),
-        action: 'cert.change',
+        title: 'changeTitle',
+        text: tc('changeText'),
+        action: 'change',
         more: [drops, ...all.rotation.holders.map(one => one.user)],
       },
       () => step('advance'),
     )
   const end = () =>
-    ask('advance', { title: 'cert.endTitle', text: t('cert.endText'), action: 'cert.end' }, () =>
-      step('advance'),
-    )
+    ask('advance', { title: 'endTitle', text: tc('endText'), action: 'end' }, () => step('advance'))
   const cancel = () =>
-    ask(
-      'cancel',
-      { title: 'cert.cancelTitle', text: t('cert.cancelText'), action: 'cert.cancel' },
-      () => step('cancel'),
+    ask('cancel', { title: 'cancelTitle', text: tc('cancelText'), action: 'cancel' }, () =>
+      step('cancel'),
     )
 
   const hasServer = all.certificates.some(one => one.role === 'authority')
   return (
-    <Card title={t('cert.title')}>
-      <p>{t('cert.help')}</p>
+    <Card title={tc('title')}>
+      <p>{tc('help')}</p>
       <Failure failure={list.failure ?? job.failure} />
-      {all.certificates.length === 0 && <Empty>{t('cert.none')}</Empty>}
+      {all.certificates.length === 0 && <Empty>{tc('none')}</Empty>}
       {all.certificates.length > 0 && (
-        <Table
-          label={t('cert.title')}
-          heads={[t('cert.what'), t('cert.subject'), t('cert.left'), t('cert.note')]}
-        >
+        <Table label={tc('title')} heads={[tc('what'), tc('subject'), tc('left'), tc('note')]}>
           {all.certificates.map((one, at) => (
             <tr key={at}>
               <td>{textOr(`certRole.${one.role}`, '') ? roleText(one) : one.role}</td>
@@ -172,7 +168,7 @@ export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone:
       {phase !== 'none' && (
         <Notice>
           <strong>
-            {t(`certPhase.${phase}`, {
+            {tc(phase, {
               date: day(phase === 'changed' ? all.rotation.end : all.rotation.change),
             })}
           </strong>
@@ -180,7 +176,7 @@ export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone:
         </Notice>
       )}
       {hasServer && phase === 'none' && (
-        <Field label={t('cert.overlap')} help={t('cert.overlapHelp')}>
+        <Field label={tc('time')} help={tc('timeHelp')}>
           {ids => (
             <select
               {...ids}
@@ -189,7 +185,7 @@ export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone:
             >
               {OVERLAPS.map(one => (
                 <option key={one} value={one}>
-                  {t('cert.days', { n: number(one) })}
+                  {tc('days', { n: number(one) })}
                 </option>
               ))}
             </select>
@@ -199,26 +195,26 @@ export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone:
       {hasServer && (
         <div class="row">
           <Button busy={job.busy === 'renew'} onClick={() => void renew()}>
-            {t('cert.renew')}
+            {tc('renew')}
           </Button>
           {phase === 'none' && (
             <Button busy={job.busy === 'begin'} onClick={() => void begin()}>
-              {t('cert.rotate')}
+              {tc('rotate')}
             </Button>
           )}
           {(phase === 'overlap' || phase === 'changing') && (
             <Button kind="danger" busy={job.busy === 'advance'} onClick={() => void change()}>
-              {t('cert.change')}
+              {tc('change')}
             </Button>
           )}
           {phase === 'overlap' && (
             <Button busy={job.busy === 'cancel'} onClick={() => void cancel()}>
-              {t('cert.cancel')}
+              {tc('cancel')}
             </Button>
           )}
           {phase === 'changed' && (
             <Button busy={job.busy === 'advance'} onClick={() => void end()}>
-              {t('cert.end')}
+              {tc('end')}
             </Button>
           )}
         </div>

@@ -832,43 +832,6 @@ const german: Catalogue = {
   'backup.version': 'Version',
   'backup.wrong': 'Die Passphrase ist falsch, oder die Datei wurde verändert.',
 
-  'cert.cancel': 'Neue Zertifizierungsstelle verwerfen',
-  'cert.cancelText': 'Profile, die inzwischen heruntergeladen wurden, funktionieren weiter.',
-  'cert.cancelTitle': 'Die neue Zertifizierungsstelle verwerfen?',
-  'cert.change': 'Jetzt umstellen',
-  'cert.changeText':
-    'Der Server startet neu mit einem Zertifikat der neuen Stelle. Wer ein älteres Profil hat, kann sich nicht mehr verbinden. Die Umstellung lässt sich nicht abbrechen.',
-  'cert.changeTitle': 'Die neue Zertifizierungsstelle jetzt verwenden?',
-  'cert.day': 'ein Tag',
-  'cert.days': '{n} Tage',
-  'cert.early': 'nicht vor {date}',
-  'cert.end': 'Wechsel abschließen',
-  'cert.endText':
-    'Profile, die ab jetzt heruntergeladen werden, vertrauen nur noch der neuen Stelle.',
-  'cert.endTitle': 'Die alte Zertifizierungsstelle vergessen?',
-  'cert.endless': 'ohne Ablauf',
-  'cert.help':
-    'Das Zertifikat des Servers wird nachts von selbst erneuert, während niemand verbunden ist; kein Profil ändert sich. Die Zertifizierungsstelle nicht: Ersetzen Sie sie rechtzeitig.',
-  'cert.holders': 'Vielleicht noch mit dem alten Profil:',
-  'cert.lastLogin': 'letzte Anmeldung {when}',
-  'cert.left': 'Rest',
-  'cert.noHolders': 'Von niemandem ist ein älteres Profil bekannt.',
-  'cert.noLogin': 'keine Anmeldung bekannt',
-  'cert.none': 'Hier hat noch nichts ein Zertifikat.',
-  'cert.note': 'Hinweis',
-  'cert.over': 'abgelaufen',
-  'cert.overlap': 'Zeit für die neuen Profile',
-  'cert.overlapHelp': 'So lange wird beiden Stellen vertraut, bevor die neue verwendet wird.',
-  'certPhase.changed':
-    'Die neue Zertifizierungsstelle wird verwendet. Die alte wird am {date} vergessen.',
-  'certPhase.changing': 'Die Umstellung wurde unterbrochen. Schließen Sie sie jetzt ab.',
-  'certPhase.overlap':
-    'Eine neue Zertifizierungsstelle ist bereit und wird ab {date} verwendet. Verteilen Sie bis dahin neue Profile.',
-  'cert.renew': 'Jetzt erneuern',
-  'cert.renewText':
-    'Der Server startet neu mit einem neuen Zertifikat derselben Stelle. Kein Profil ändert sich.',
-  'cert.renewTitle': 'Das Zertifikat des Servers erneuern?',
-  'cert.renewedFrom': 'wird ab {date} erneuert',
   'certRole.authority': 'OpenVPN-Zertifizierungsstelle',
   'certRole.authority-next': 'OpenVPN-Zertifizierungsstelle, nächste',
   'certRole.authority-old': 'OpenVPN-Zertifizierungsstelle, alte',
@@ -878,19 +841,8 @@ const german: Catalogue = {
   'certRole.profile-extra': 'Weiteres Zertifikat des Profils {profile}',
   'certRole.server': 'OpenVPN-Server',
   'certRole.web': 'Weboberfläche',
-  'cert.rotate': 'Zertifizierungsstelle ersetzen',
-  'cert.rotateText':
-    'Profile, die ab jetzt heruntergeladen werden, vertrauen beiden Stellen. Am {date} stellt der Server um: Bis dahin braucht jeder ein neues Profil. Jetzt endet keine Verbindung.',
-  'cert.rotateTitle': 'Eine neue Zertifizierungsstelle anlegen?',
-  'cert.signsFrom': 'wird ab {date} verwendet',
-  'cert.subject': 'Inhaber',
-  'cert.title': 'Zertifikate',
-  'cert.trustedUntil': 'gültig bis {date}',
-  'cert.unreadable': 'unlesbar',
-  'cert.until': 'bis {date}',
   'cert.warn': '{n} Zertifikate laufen bald ab oder sind abgelaufen, das erste {date}: {what}.',
   'cert.warnGo': 'Zertifikate ansehen',
   'cert.warnOne': 'Ein Zertifikat läuft bald ab oder ist abgelaufen: {what}, {date}.',
-  'cert.what': 'Von',
 }
 export default german
