@@ -1,7 +1,7 @@
 // The certificates of this appliance: how long they last, renewing the OpenVPN server's, and replacing
 // its authority step by step.
 import { useState } from 'preact/hooks'
-import { call, data, SLOW } from '../api'
+import { ApiError, call, data, SLOW } from '../api'
 import type { Certificate, Certificates, Rotation } from '../certificates'
 import { count, date, decodeName, moment, number } from '../format'
 import { usePoll } from '../poll'
@@ -76,6 +76,14 @@ function Holders({ rotation }: { rotation: Rotation }) {
   )
 }
 
+// The program's own words say what is in the way.
+const Refusal = ({ failure }: { failure: unknown }) =>
+  failure instanceof ApiError && failure.kind === 'code' && failure.reason ? (
+    <Notice tone="bad">{failure.reason}</Notice>
+  ) : (
+    <Failure failure={failure} />
+  )
+
 // `dropped` connections end when the server restarts.
 export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone: () => void }) {
   const list = usePoll(() => data<Certificates>('cert/list'), PAUSE)
@@ -147,7 +155,8 @@ export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone:
   return (
     <Card title={tc('title')}>
       <p>{tc('help')}</p>
-      <Failure failure={list.failure ?? job.failure} />
+      <Failure failure={list.failure} />
+      <Refusal failure={job.failure} />
       {all.certificates.length === 0 && <Empty>{tc('none')}</Empty>}
       {all.certificates.length > 0 && (
         <Table label={tc('title')} heads={[tc('what'), tc('subject'), tc('left'), tc('note')]}>
