@@ -1,7 +1,11 @@
 // The keeper's regular look at certificates: warns of those that end, and takes the step that is
 // due at the OpenVPN server.
+#include <algorithm>
+#include <cctype>
 #include <ctime>
+#include <iterator>
 #include <map>
+#include <utility>
 
 #include "ormel/actions/audit.h"
 #include "ormel/actions/certificate_rotation.h"
@@ -21,34 +25,44 @@ using certificates::Certificate;
 using certificates::Due;
 using certificates::Role;
 
-// {"stages":{"NAME":STAGE}}: the last step before the end of a certificate that has caused a
-// warning.
-constexpr const char* WARNED = "/var/lib/ormel/certificates.json";
-constexpr std::size_t MOST_WARNED = std::size_t{1} << 20U;
+// {"stages":{"NAME":STAGE},"failed":SECONDS}: the last step before the end of a certificate that
+// has caused a warning, and when a step at the server has failed.
+constexpr const char* NOTES = "/var/lib/ormel/certificates.json";
+constexpr std::size_t MOST_NOTES = std::size_t{1} << 20U;
+constexpr long RETRY_PAUSE = 6L * 3600;  // seconds after a step that has failed
 constexpr int WARNING = 1, ERROR = 2, INFORMATION = 0;
 constexpr const char* SUBJECT = "certificate";
 
-using Stages = std::map<std::string, int>;
+struct Notes {
+  std::map<std::string, int> stages{};
+  std::time_t failed = 0;
+  bool operator==(const Notes&) const = default;
+};
 
-Stages read_stages() {
+Notes read_notes() {
   std::string text;
-  if (!ormel::system::read_file(WARNED, text, MOST_WARNED)) return {};
+  if (!ormel::system::read_file(NOTES, text, MOST_NOTES)) return {};
   const ormel::Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
-  Stages stages;
+  Notes notes;
   const char* name = nullptr;
   json_t* stage = nullptr;
-  json_object_foreach(json_object_get(document.get(), "stages"), name, stage) stages[name] =
+  json_object_foreach(json_object_get(document.get(), "stages"), name, stage) notes.stages[name] =
       static_cast<int>(json_integer_value(stage));
-  return stages;
+  notes.failed = number_of(document.get(), "failed");
+  return notes;
 }
 
-bool write_stages(const Stages& stages) {
+// False when they cannot be written, which is said.
+bool write_notes(const Notes& notes) {
   ormel::Json rows{json_object()};
-  for (const auto& [name, stage] : stages)
+  for (const auto& [name, stage] : notes.stages)
     json_object_set_new(rows.get(), name.c_str(), json_integer(stage));
-  const ormel::Json document{json_pack("{s:O}", "stages", rows.get())};
+  const ormel::Json document{json_pack("{s:O, s:I}", "stages", rows.get(), "failed",
+                                       static_cast<json_int_t>(notes.failed))};
   const ormel::CString text{json_dumps(document.get(), JSON_COMPACT)};
-  return text && ormel::system::replace_file(WARNED, std::string(text.get()) + '\n');
+  const bool written = text && ormel::system::replace_file(NOTES, std::string(text.get()) + '\n');
+  if (!written) std::fprintf(stderr, "%s cannot be written\n", NOTES);
+  return written;
 }
 
 // The same certificate in the next run; another one in its place has another end.
@@ -90,23 +104,19 @@ void report(int level, const std::string& text) {
 }
 
 // Each step once. It is noted before, so that a full disk makes no event every time.
-void warn(const std::vector<Certificate>& all, std::time_t now) {
-  const Stages before = read_stages();
-  Stages stages;
+void warn(const std::vector<Certificate>& all, std::time_t now, Notes& notes) {
+  Notes before = std::exchange(notes, Notes{.failed = notes.failed});
   for (const Certificate& one : all) {
     const int stage = certificates::stage_of(one, now);
-    if (stage != certificates::NO_STAGE) stages[key_of(one)] = stage;
+    if (stage != certificates::NO_STAGE) notes.stages[key_of(one)] = stage;
   }
-  if (stages == before) return;
-  if (!write_stages(stages)) {
-    std::fprintf(stderr, "%s cannot be written\n", WARNED);
-    return;
-  }
+  if (notes == before || !write_notes(notes)) return;
   for (const Certificate& one : all) {
-    const auto news = stages.find(key_of(one));
-    const auto old = before.find(key_of(one));
-    if (news == stages.end() || (old != before.end() && old->second >= news->second)) continue;
-    report(news->second == certificates::OVER ? ERROR : WARNING, warning_text(one, news->second));
+    const int stage = certificates::stage_of(one, now);
+    int& warned = before.stages[key_of(one)];
+    if (stage <= warned) continue;
+    warned = stage;
+    report(stage == certificates::OVER ? ERROR : WARNING, warning_text(one, stage));
   }
 }
 
@@ -163,12 +173,16 @@ int tend_certificates() {
   localtime_r(&moment.now, &parts);
   moment.hour = parts.tm_hour;
   moment.is_used = is_used();
-  warn(all, moment.now);
+  Notes notes = read_notes();
+  warn(all, moment.now, notes);
   const Due due = certificates::due(all, certificates::rotation(), moment);
-  for (const Step& step : STEPS) {
-    if (step.due == due) return take(step) == ormel::NO_ERROR ? 0 : 1;
-  }
-  return 0;
+  const auto* const step = std::ranges::find(STEPS, due, &Step::due);
+  const bool waits = moment.now >= notes.failed && moment.now - notes.failed < RETRY_PAUSE;
+  if (step == std::end(STEPS) || waits) return 0;
+  if (take(*step) == ormel::NO_ERROR) return 0;
+  notes.failed = moment.now;
+  std::ignore = write_notes(notes);  // else the next run tries again at once
+  return 1;
 }
 
 }  // namespace ormelctl

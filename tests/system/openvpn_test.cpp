@@ -602,6 +602,12 @@ TEST_F(OpenVpnCertificates, AreRenewedAtNightOrAtTheEndAndOldProfilesStay) {
   EXPECT_EQ(key("myserver.crt"), ending) << "somebody is connected";
   ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "down", "office"}).status, 0);
   ASSERT_TRUE(comes_true([&] { return online("name").empty(); }, PATIENCE));
+  write("/etc/openvpn/keys/rotation", "phase=?");
+  EXPECT_EQ(tend(4).status, 1);
+  EXPECT_EQ(tend(4).status, 0) << "a failure has a pause";
+  EXPECT_EQ(events("could not be renewed: /etc/openvpn/keys/rotation cannot be understood"), 1);
+  fs::remove("/etc/openvpn/keys/rotation");
+  fs::remove("/var/lib/ormel/certificates.json");
   EXPECT_EQ(tend(4).status, 0);
   EXPECT_GT(days("server"), 3000);
   EXPECT_EQ(key("ca.crt"), authority);

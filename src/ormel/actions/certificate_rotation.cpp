@@ -95,7 +95,7 @@ int restart_server(std::string& reason) {
   return ERR_CMD_FAILED;
 }
 
-// The web interface, and whoever asks the program, says so until somebody downloads a profile.
+// The web interface says so until a profile is downloaded.
 void note_new_certificate() {
   config::Management pool;
   pool.load();
