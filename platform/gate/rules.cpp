@@ -45,6 +45,8 @@ constexpr Rule RULES[] = {
     {"/ormel/backup/download", "", &TUNNELS, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/backup/inspect", "", &TUNNELS, NO_LOCK, UPLOAD, UPLOAD_TIME},
     {"/ormel/backup/restore", "", &TUNNELS, SLOTS | PROFILE | SAVE, UPLOAD, UPLOAD_TIME},
+    {"/ormel/cert/renew", "", &TUNNELS, SLOTS | SAVE, FORM, FORM_TIME},
+    {"/ormel/cert/rotate", "", &TUNNELS, SLOTS | SAVE, FORM, FORM_TIME},
     {"/ormel/connection/end", "", &TUNNELS, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/my/end", "", &OWN, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/my/device_add", "", &OWN, NO_LOCK, FORM, FORM_TIME},

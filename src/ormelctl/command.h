@@ -86,6 +86,9 @@ struct Care {
 // For the keeper: revokes the rights whose time is over. Its exit status is 0 when none is left.
 [[nodiscard]] int end_grants();
 [[nodiscard]] int go_back_in_time(std::span<char*> words);
+// Reports certificates that end, and does what is due at the OpenVPN server; the keeper runs it
+// from time to time. An exit status.
+[[nodiscard]] int tend_certificates();
 
 // The command of the first words, which are removed from `words`; null if there is none, with the
 // closest name, or those of the same noun, in `suggestion`.
@@ -177,6 +180,10 @@ Result notify_list(const Arguments& arguments);
 Result notify_add(const Arguments& arguments);
 Result notify_remove(const Arguments& arguments);
 Result notify_test(const Arguments& arguments);
+
+Result cert_list(const Arguments& arguments);
+Result cert_renew(const Arguments& arguments);
+Result cert_rotate(const Arguments& arguments);
 
 Result audit_list(const Arguments& arguments);
 Result audit_verify(const Arguments& arguments);

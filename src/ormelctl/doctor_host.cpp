@@ -170,10 +170,9 @@ void check_certificates(Findings& findings) {
   constexpr Row ROWS[] = {
       {"/etc/fenro/web/server.crt", "the web interface's",
        "replace /etc/fenro/web/server.crt and server.key"},
-      {"/etc/openvpn/keys/myserver.crt", "the OpenVPN server's",
-       "remove it and turn the server off and on"},
+      {"/etc/openvpn/keys/myserver.crt", "the OpenVPN server's", "ormelctl cert renew server"},
       {"/etc/openvpn/keys/ca.crt", "the OpenVPN authority's",
-       "all profiles have to be made again after a change"},
+       "ormelctl cert rotate authority --overlap 60d"},
   };
   for (const Row& row : ROWS) {
     std::string pem;

@@ -300,6 +300,10 @@ int main(int argc, char** argv) {
   if (argc > 1 && std::strcmp(argv[1], "__go-back") == 0)
     return go_back_in_time({argv + 2, argv + argc});
   if (argc > 1 && std::strcmp(argv[1], "__end-grants") == 0) return end_grants();
+  if (argc > 1 && std::strcmp(argv[1], "__tend-certificates") == 0) {
+    ormel::system::set_log_file_wrapper();
+    return tend_certificates();
+  }
   if (argc > 1 && std::strcmp(argv[1], "__schema") == 0) return print_schema();
   if (argc > 1 && std::strcmp(argv[1], "__commands") == 0) {
     std::fputs(listed(argc > 2 ? argv[2] : "").c_str(), stdout);

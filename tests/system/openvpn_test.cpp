@@ -457,6 +457,282 @@ TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
   EXPECT_THAT(far_web("/ormel/doctor/get", "&id=../../etc/passwd"), HasSubstr("\"error\":30"));
 }
 
+// Keys whose dates the test chooses, beside a live tunnel. The hour of the night is one of a time
+// zone.
+class OpenVpnCertificates : public OpenVpnTunnel {
+ protected:
+  static constexpr long DAYS = 86400;
+  static constexpr const char* KEYS = "/etc/openvpn/keys/";
+  void SetUp() override {
+    fs::remove_all(KEYS);
+    fs::remove("/var/lib/ormel/certificates.json");
+    // The keeper's own looks are by day, whenever the test runs.
+    const long east = 12 - std::time(nullptr) / 3600 % 24;
+    std::error_code unknown;  // where the host has no zones it may be night
+    fs::remove("/etc/localtime");
+    fs::copy_file("/usr/share/zoneinfo/Etc/GMT" + std::string(east > 0 ? "-" : "+") +
+                      std::to_string(std::abs(east)),
+                  "/etc/localtime", unknown);
+    OpenVpnTunnel::SetUp();
+  }
+  void TearDown() override {
+    if (IsSkipped()) return;
+    OpenVpnTunnel::TearDown();
+    fs::remove_all(KEYS);
+    fs::remove("/etc/localtime");
+  }
+  // NAME.crt and NAME.key for these seconds from now, signed by SIGNER.
+  static void make(const std::string& name, const std::string& signer, long begin, long end) {
+    const auto text = [](long ahead) {
+      return run({"/bin/date", "-u", "-d", '@' + std::to_string(std::time(nullptr) + ahead),
+                  "+%y%m%d%H%M%SZ"})
+          .out.substr(0, 13);
+    };
+    const bool authority = name == signer;
+    const std::string script =
+        "cd /etc/openvpn/keys && rm -rf /tmp/ca && mkdir /tmp/ca && : >/tmp/ca/index && "
+        "printf '[ca]\ndefault_ca=d\n[d]\ndatabase=/tmp/ca/index\nnew_certs_dir=/tmp/ca\n"
+        "rand_serial=yes\ndefault_md=sha256\npolicy=p\nunique_subject=no\n[p]\n"
+        "commonName=supplied\n[x]\n" +
+        std::string(authority ? "basicConstraints=critical,CA:TRUE\\nkeyUsage=keyCertSign"
+                              : "extendedKeyUsage=serverAuth\\nkeyUsage=digitalSignature") +
+        "\n' >/tmp/ca/conf && "
+        "openssl req -new -newkey rsa:2048 -nodes -subj '/CN=" +
+        name + "' -config /dev/null -keyout " + name +
+        ".key -out /tmp/ca/csr && openssl ca -batch "
+        "-config /tmp/ca/conf -extensions x -notext -startdate " +
+        text(begin) + " -enddate " + text(end) + " -in /tmp/ca/csr -out " + name + ".crt " +
+        (authority ? "-selfsign -keyfile " + name + ".key"
+                   : "-cert " + signer + ".crt -keyfile " + signer + ".key");
+    const Result made = run({"/bin/sh", "-c", script}, {"PATH=/usr/bin:/bin"});
+    ASSERT_EQ(made.status, 0) << made.err;
+  }
+  static std::string key(const char* name) { return read(std::string(KEYS) + name); }
+  static Result ctl(std::vector<std::string> words) {
+    words.insert(words.begin(), "/usr/sbin/ormelctl");
+    return run(words);
+  }
+  // What the keeper runs, while it is that hour here.
+  static Result tend(int hour) {
+    const int now = static_cast<int>(std::time(nullptr) / 3600 % 24);
+    const int east = (hour - now + 36) % 24 - 12;
+    return run({"/usr/sbin/ormelctl", "__tend-certificates"},
+               {"TZ=XYZ" + std::to_string(-east), "PATH=/usr/sbin:/usr/bin"});
+  }
+  static size_t events(const std::string& text) {
+    const std::string all = ctl({"log", "events", "--limit", "500"}).out;
+    size_t count = 0;
+    for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1)) ++count;
+    return count;
+  }
+  static long days(const std::string& role) {
+    const ormel::Json answer{json_loads(ctl({"cert", "list", "--json"}).out.c_str(), 0, nullptr)};
+    size_t at = 0;
+    const json_t* row = nullptr;
+    json_array_foreach(json_object_get(answer.get(), "data"), at, row) {
+      if (member(row, "role") == role) return json_integer_value(json_object_get(row, "days"));
+    }
+    return -999;
+  }
+  // Whether a profile over there comes up, and what it says if not.
+  [[nodiscard]] bool connects(const std::string& name) const {
+    const Result up = far::run({"/usr/sbin/ormelctl", "profile", "up", name, "--wait", "30"});
+    said = up.err;
+    far::run({"/usr/sbin/ormelctl", "profile", "down", name});
+    return comes_true([&] { return online("name").empty(); }, PATIENCE) && up.status == 0;
+  }
+  // The profile that the server gives out now, under a name over there.
+  void download(const std::string& name) const {
+    far::write("/tmp/office.ovpn", https("/ormel/config/download?sid=" + near).body);
+    EXPECT_THAT(far_curl("/ormel/config/import?sid=" + away,
+                         {"-F", "ovpn=@/tmp/office.ovpn", "-F", "name=" + name, "-F",
+                          std::string("user=") + USER, "-F", "pass=</tmp/password"}),
+                DONE);
+  }
+  static std::string said;
+};
+std::string OpenVpnCertificates::said;
+
+TEST_F(OpenVpnCertificates, AreListedWhateverIsInTheirFiles) {
+  const std::string path = std::string(KEYS) + "myserver.crt", good = read(path);
+  const std::string stored = "/etc/config/openvpn/clients/client1";
+  const auto row = [](const std::string& what) {
+    const std::string all = ctl({"cert"}).out;
+    const size_t at = all.find(what);
+    return at == std::string::npos ? "" : all.substr(at, all.find('\n', at) - at);
+  };
+  for (const std::string& content : {std::string(), std::string("\0\x1b[2J", 5),
+                                     good.substr(0, 400), good + std::string(300 << 10, 'x')}) {
+    write(path, content);
+    EXPECT_THAT(row("openvpn server"), ContainsRegex("malformed|nothing of its kind|too large"));
+    EXPECT_EQ(ctl({"cert", "list", "--json"}).status, 0);
+  }
+  fs::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  EXPECT_THAT(row("openvpn server"), HasSubstr("cannot be read"));
+  fs::remove(path);
+  run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+       "-nodes", "-subj", "/CN=a\x1b[31m\"b\u202e", "-utf8", "-days", "9", "-keyout", "/tmp/k",
+       "-out", path});
+  EXPECT_THAT(row("openvpn server"), ContainsRegex("a\\?\\[31m\"b.*  (8|9)  "));
+  EXPECT_EQ(ctl({"cert"}).out.find('\x1b'), std::string::npos);
+  EXPECT_EQ(ctl({"cert"}).out.find("\u202e"), std::string::npos);
+
+  far::write(stored, "client\n<ca>\n" + read(path) + "</ca>\n<cert>\n!\n</cert>\n<key>\n" +
+                         read("/tmp/k") + "</key>\n");
+  const std::string list = far::run({"/usr/sbin/ormelctl", "cert"}).out;
+  EXPECT_THAT(list, ContainsRegex("profile office ca  .*ask the server's administrator"));
+  EXPECT_THAT(list, ContainsRegex("profile office cert .*nothing of its kind"));
+  fs::remove(path);
+}
+
+TEST_F(OpenVpnCertificates, AreRenewedAtNightOrAtTheEndAndOldProfilesStay) {
+  const std::string authority = key("ca.crt");
+  make("myserver", "ca", -DAYS, 10 * DAYS + 60);
+  ASSERT_EQ(run({SERVER, "restart"}).status, 0);  // less than 30 days: the start renews it
+  EXPECT_GT(days("server"), 3000);
+  make("myserver", "ca", -DAYS, 10 * DAYS + 60);
+  const std::string ending = key("myserver.crt");
+
+  EXPECT_EQ(tend(12).status, 0);
+  EXPECT_EQ(tend(12).status, 0);
+  EXPECT_EQ(events("(myserver) expires in 10 days"), 1) << "once a step";
+  EXPECT_EQ(key("myserver.crt"), ending) << "it is day";
+  connect();
+  ASSERT_TRUE(comes_up());
+  EXPECT_EQ(tend(4).status, 0);
+  EXPECT_EQ(key("myserver.crt"), ending) << "somebody is connected";
+  ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "down", "office"}).status, 0);
+  ASSERT_TRUE(comes_true([&] { return online("name").empty(); }, PATIENCE));
+  write("/etc/openvpn/keys/rotation", "phase=?");
+  EXPECT_EQ(tend(4).status, 1);
+  EXPECT_EQ(tend(4).status, 0) << "a failure has a pause";
+  EXPECT_EQ(events("could not be renewed: /etc/openvpn/keys/rotation cannot be understood"), 1);
+  fs::remove("/etc/openvpn/keys/rotation");
+  fs::remove("/var/lib/ormel/certificates.json");
+  EXPECT_EQ(tend(4).status, 0);
+  EXPECT_GT(days("server"), 3000);
+  EXPECT_EQ(key("ca.crt"), authority);
+  EXPECT_EQ(events("certificate of the OpenVPN server was renewed"), 1);
+  EXPECT_TRUE(connects("office")) << said;
+  EXPECT_THAT(ctl({"audit", "--limit", "5"}).out, ContainsRegex("keeper +cert/renew"));
+
+  make("myserver", "ca", -DAYS, 6 * DAYS);
+  connect();
+  ASSERT_TRUE(comes_up());
+  EXPECT_EQ(tend(12).status, 0);
+  EXPECT_GT(days("server"), 3000) << "no later than this, by day and with users";
+  EXPECT_EQ(events("(myserver) expires in 5 days"), 1);
+}
+
+TEST_F(OpenVpnCertificates, AreMadeAgainWithoutAnotherAuthority) {
+  const std::string authority = key("ca.crt");
+  const auto digest = [] { return key("ca.crt") + key("ca.key") + key("myserver.crt"); };
+  for (const long end : {-DAYS, 20 * DAYS}) {
+    make("myserver", "ca", -9 * DAYS, end);
+    EXPECT_EQ(run({SERVER, "restart"}).status, 0);
+    EXPECT_GT(days("server"), 3000) << end;
+    EXPECT_EQ(key("ca.crt"), authority) << end;
+  }
+  EXPECT_TRUE(connects("office")) << said;
+
+  make("ca", "ca", DAYS, 300 * DAYS);
+  make("myserver", "ca", DAYS, 300 * DAYS);
+  const std::string early = digest();
+  EXPECT_EQ(run({SERVER, "restart"}).status, 0) << "the clock is wrong, the keys are not";
+  EXPECT_THAT(ctl({"cert", "renew", "server", "--yes"}).err, HasSubstr("set the date"));
+  EXPECT_THAT(ctl({"cert", "rotate", "--yes"}).err, HasSubstr("set the date"));
+  EXPECT_EQ(tend(4).status, 0);
+  EXPECT_EQ(digest(), early);
+
+  make("ca", "ca", -9 * DAYS, -DAYS);
+  EXPECT_EQ(tend(4).status, 0);
+  EXPECT_EQ(events("The authority of the OpenVPN server (ca) has expired"), 1);
+  EXPECT_EQ(run({SERVER, "restart"}).status, 0);
+  EXPECT_GT(days("authority"), 3000) << "nobody can connect by an expired one";
+}
+
+TEST_F(OpenVpnCertificates, ChangeTheirAuthorityInThreePhases) {
+  EXPECT_TRUE(connects("office")) << said;
+  ASSERT_EQ(ctl({"cert", "rotate", "authority", "--overlap", "60d", "--yes"}).status, 0);
+  EXPECT_EQ(ctl({"cert", "rotate", "authority", "--yes"}).status, 1) << "one at a time";
+  EXPECT_THAT(ctl({"cert"}).err, HasSubstr("still on the old one: guest (last login"));
+  download("both");
+  EXPECT_TRUE(connects("office")) << said;
+  EXPECT_TRUE(connects("both")) << said;
+
+  const auto set_date = [](const std::string& name, long ahead) {
+    std::string text = key("rotation");
+    const size_t at = text.find(name + '=');
+    ASSERT_NE(at, std::string::npos);
+    text.replace(at, text.find('\n', at) - at,
+                 name + '=' + std::to_string(std::time(nullptr) + ahead));
+    write(std::string(KEYS) + "rotation", text);
+  };
+  set_date("change", -60);
+  EXPECT_EQ(tend(12).status, 0);
+  EXPECT_THAT(key("rotation"), HasSubstr("phase=overlap")) << "it waits for the night";
+  EXPECT_EQ(tend(4).status, 0);
+  EXPECT_THAT(key("rotation"), HasSubstr("phase=changed"));
+  download("new");
+  EXPECT_TRUE(connects("both")) << said;
+  EXPECT_TRUE(connects("new")) << said;
+  EXPECT_FALSE(connects("office"));
+  EXPECT_EQ(ctl({"cert", "rotate", "--cancel", "--yes"}).status, 1);
+
+  set_date("end", -60);
+  EXPECT_EQ(run({SERVER, "restart"}).status, 0);
+  EXPECT_FALSE(fs::exists(std::string(KEYS) + "rotation")) << "a start ends it as well";
+  EXPECT_EQ(key("ca.crt").find("-----BEGIN", 1), std::string::npos) << "the new one alone";
+  EXPECT_TRUE(connects("both")) << said;
+  EXPECT_TRUE(connects("new")) << said;
+  for (const char* index : {"2", "3"}) far::cli({"--type=OVPN", std::string("--remove=") + index});
+}
+
+// Each program that the tool starts is a point to be killed at. Whatever it leaves, the next start
+// has keys that fit, and profiles with both authorities go on.
+TEST_F(OpenVpnCertificates, FitWhereverAStepIsKilled) {
+  constexpr const char* TOOL = "/usr/lib/fenro/ovpn-keys";
+  const auto copy = [](const char* from, const char* to) {
+    fs::remove_all(to);
+    fs::copy(from, to, fs::copy_options::recursive);
+  };
+  const std::vector<std::vector<std::string>> steps = {{"rotate", "86400"}, {"advance"}};
+  for (const auto& step : steps) {
+    copy(KEYS, "/root/keys");
+    const std::string end = "-----END CERTIFICATE-----\n";
+    std::string old = key("ca.crt");
+    old.resize(old.find(end) + end.size());
+    int status = -1, point = 0;
+    const int stride = step.size() == 1 ? 1 : 3;  // the change-over above all
+    while (status != 0 && (point += stride) < 120) {
+      SCOPED_TRACE(step[0] + ' ' + std::to_string(point));
+      copy("/root/keys", KEYS);
+      std::vector<std::string> words{
+          "/usr/bin/strace",
+          "-qq",
+          "-o",
+          "/dev/null",
+          "-e",
+          "inject=clone,clone3,fork,vfork:signal=KILL:when=" + std::to_string(point),
+          TOOL};
+      words.insert(words.end(), step.begin(), step.end());
+      status = run(words, {"ASAN_OPTIONS=detect_leaks=0"}).status;
+      comes_true([] { return run({"/usr/bin/pgrep", "-x", "openssl|mv|sync"}).status == 1; });
+      const Result fits =
+          run({"/bin/sh", "-c",
+               ". /usr/lib/fenro/vpn_lib.sh; . /usr/lib/fenro/ovpn_keys.sh; make_keys sha256 && "
+               "certificate_usable ca && server_usable"});
+      EXPECT_EQ(fits.status, 0) << fits.err;
+      EXPECT_NE(key("ca.crt").find(old), std::string::npos) << "nobody is locked out";
+    }
+    EXPECT_GT(point, 8) << step[0];
+    EXPECT_EQ(status, 0) << step[0];
+  }
+  EXPECT_THAT(key("rotation"), HasSubstr("phase=changed"));
+  fs::remove_all("/root/keys");
+}
+
 // What ends a tunnel; a suite of its own, as each of them takes its time.
 class OpenVpnRefusal : public OpenVpnTunnel {};
 class OpenVpnLogins : public OpenVpnTunnel {};

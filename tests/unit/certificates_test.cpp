@@ -1,8 +1,9 @@
-#include "ormel/actions/certificates.h"
+// Certificates in texts, and what is due when.
+#include "support/certificates.h"
 
 #include <gtest/gtest.h>
 
-#include "support/certificates.h"
+#include "ormel/actions/certificate_rotation.h"
 
 namespace {
 
@@ -76,6 +77,86 @@ TEST(Certificates, AProfileShowsItsBlocksAndNoKey) {
     EXPECT_EQ(one.ends(), one.fault.empty());
     EXPECT_LE(one.not_before, one.not_after);
   }
+}
+
+using ormel::certificates::DAY;
+using ormel::certificates::Due;
+using ormel::certificates::due;
+using ormel::certificates::parse_rotation;
+using ormel::certificates::Phase;
+using ormel::certificates::Rotation;
+using ormel::certificates::stage_of;
+
+constexpr std::time_t NOW = 2000 * DAY;
+
+Certificate lasting(Role role, long days, long begun = -100) {
+  Certificate one;
+  one.role = role;
+  one.not_before = NOW + begun * DAY;
+  one.not_after = NOW + days * DAY;
+  return one;
+}
+
+TEST(Certificates, AreDueAtNightWithoutUsersOrAtTheEnd) {
+  constexpr int NIGHT = 4, NOON = 12;
+  constexpr bool USED = true;
+  const struct {
+    const char* name;
+    long authority, server;  // days that they last
+    Phase phase;
+    long change, end;  // days from now
+    int hour;
+    bool used;
+    Due expected;
+  } rows[] = {
+      {"all is well", 999, 31, Phase::None, 0, 0, NIGHT, false, Due::Nothing},
+      {"a quiet night", 999, 29, Phase::None, 0, 0, NIGHT, false, Due::Renew},
+      {"by day", 999, 29, Phase::None, 0, 0, NOON, false, Due::Nothing},
+      {"five is day", 999, 29, Phase::None, 0, 0, 5, false, Due::Nothing},
+      {"somebody is on", 999, 29, Phase::None, 0, 0, NIGHT, USED, Due::Nothing},
+      {"the last week", 999, 6, Phase::None, 0, 0, NOON, USED, Due::Renew},
+      {"over", 999, -1, Phase::None, 0, 0, NOON, USED, Due::Renew},
+      {"by an expired authority", -1, 6, Phase::None, 0, 0, NOON, USED, Due::Nothing},
+      {"before the change", 999, 999, Phase::Overlap, 1, 61, NIGHT, false, Due::Nothing},
+      {"the change at night", 999, 999, Phase::Overlap, -1, 59, NIGHT, false, Due::Advance},
+      {"the change by day", 999, 999, Phase::Overlap, -1, 59, NOON, false, Due::Nothing},
+      {"the change a week late", 999, 999, Phase::Overlap, -8, 52, NOON, USED, Due::Advance},
+      {"the authority ends first", 6, 999, Phase::Overlap, 30, 90, NOON, USED, Due::Advance},
+      {"before the end", 999, 999, Phase::Changed, -9, 1, NIGHT, false, Due::Nothing},
+      {"the end, which drops nobody", 999, 999, Phase::Changed, -9, -1, NOON, USED, Due::Advance},
+      {"an interrupted change", 999, 999, Phase::Changing, 9, 9, NOON, USED, Due::Settle},
+  };
+  for (const auto& row : rows) {
+    const Rotation state{row.phase, 60 * DAY, NOW, NOW + row.change * DAY, NOW + row.end * DAY};
+    EXPECT_EQ(due({lasting(Role::Authority, row.authority), lasting(Role::Server, row.server)},
+                  state, {NOW, row.hour, row.used}),
+              row.expected)
+        << row.name;
+  }
+  EXPECT_EQ(due({lasting(Role::Authority, 999, 1), lasting(Role::Server, -1)}, {}, {NOW, NIGHT}),
+            Due::Nothing)
+      << "the clock is wrong";
+  EXPECT_EQ(due({}, {}, {NOW, NIGHT}), Due::Nothing);
+}
+
+TEST(Certificates, AreWarnedOfInFourSteps) {
+  const std::pair<long, int> rows[] = {{31, 0}, {30, 1}, {8, 1}, {7, 2}, {2, 2}, {1, 3}, {0, 4}};
+  for (const auto& [days, stage] : rows)
+    EXPECT_EQ(stage_of(lasting(Role::Web, days), NOW), stage) << days;
+  Certificate broken = lasting(Role::Web, -5);
+  broken.fault = "malformed";
+  EXPECT_EQ(stage_of(broken, NOW), 0);
+}
+
+TEST(Certificates, AnUnclearRotationIsNone) {
+  const std::string good = "phase=overlap\noverlap=60\nbegun=1000\nchange=1060\nend=1120\n";
+  const Rotation read = parse_rotation(good);
+  EXPECT_EQ(read.phase, Phase::Overlap);
+  EXPECT_EQ(read.change, 1060);
+  for (const std::string& bad :
+       {std::string(), good.substr(0, 30), "phase=later\n" + good.substr(14),
+        good + "end=99999999999999999999\n", good + "end=-5\n", good + "begun=x\n"})
+    EXPECT_EQ(parse_rotation(bad).phase, Phase::None) << bad;
 }
 
 }  // namespace

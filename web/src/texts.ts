@@ -46,7 +46,7 @@ export async function firstLanguage(): Promise<void> {
   await speak(wanted.find(isLanguage) ?? 'en')
 }
 
-const fill = (text: string, values: Record<string, string | number>): string =>
+export const fill = (text: string, values: Record<string, string | number>): string =>
   text.replace(/\{(\w+)\}/g, (whole, name: string) => String(values[name] ?? whole))
 
 // A text in the language of the user; "{name}" in it becomes the value of that name.

@@ -1,6 +1,7 @@
 import { readFileSync, readdirSync } from 'node:fs'
 import { describe, expect, it } from 'vitest'
 import { ApiError } from '../src/api'
+import { ending, type Certificate } from '../src/certificates'
 import { mistakes } from '../src/form'
 import {
   ago,
@@ -44,7 +45,8 @@ import { grouped, hasNoCode, isCode } from '../src/pages/secondfactor'
 import { conflicts } from '../src/pages/servers.rows'
 import { address, endpoint, freeAddress, key, page, pool, range } from '../src/rules'
 import { clientState, cureOf, isSettled, serverState, whyOf } from '../src/reasons'
-import { speak, t, textOr } from '../src/texts'
+import { languages, speak, t, textOr } from '../src/texts'
+import { certificateTexts } from '../src/texts/certificates'
 import german from '../src/texts/de'
 import english from '../src/texts/en'
 import { protocolOfInterface, traffic } from '../src/traffic'
@@ -206,6 +208,18 @@ describe('texts', () => {
       }
     },
   )
+  it('of certificates are all there, with the same values in them', () => {
+    const values = (text: string) => [...text.matchAll(/\{\w+\}/g)].map(([one]) => one).sort()
+    const known = Object.entries(certificateTexts['en'] ?? {})
+    expect(Object.keys(certificateTexts)).toEqual(languages.map(one => one.id))
+    for (const texts of Object.values(certificateTexts))
+      expect(Object.entries(texts).map(([key, text]) => [key, ...values(text)])).toEqual(
+        known.map(([key, text]) => [key, ...values(text)]),
+      )
+    const page = readFileSync('src/pages/certificates.tsx', 'utf8')
+    const phases = ['overlap', 'changing', 'changed'] // by their names
+    expect(known.filter(([key]) => !page.includes(`'${key}'`) && !phases.includes(key))).toEqual([])
+  })
   it('are all used somewhere', () => {
     const folder = (path: string): string[] =>
       readdirSync(path, { withFileTypes: true }).flatMap(one =>
@@ -620,5 +634,28 @@ describe('second factor', () => {
   it('shows a secret in groups, and names what has no place for a code', () => {
     expect(grouped('ABCDEFGHIJ')).toBe('ABCD EFGH IJ')
     expect([1, 2, 4, 8, 16].filter(hasNoCode)).toEqual([1, 2])
+  })
+})
+
+describe('certificates', () => {
+  it('are warned of when they end soon, the nearest first', () => {
+    const one = (role: string, state: Certificate['state'], not_after: number): Certificate => ({
+      role,
+      subject: 'vpn',
+      state,
+      not_before: 1,
+      not_after,
+      profile: '',
+      index: 0,
+      fault: '',
+    })
+    const all = [
+      one('web', 'good', 9),
+      one('authority', 'soon', 7),
+      one('profile-ca', 'unreadable', 0),
+      one('authority-old', 'over', 1),
+      one('server', 'over', 2),
+    ]
+    expect(ending(all).map(found => found.role)).toEqual(['server', 'authority'])
   })
 })

@@ -26,6 +26,7 @@ inline constexpr Kind KINDS[] = {
     {"locked", "A user is locked for wrong passwords"},
     {"access", "The access of a user for a time has ended"},
     {"daemon", "A daemon of the service does not answer, or answers again"},
+    {"certificate", "A certificate ends soon or has expired, or was renewed"},
     {"disk", "A disk is nearly full, or has space again"},
 };
 inline constexpr std::string_view TEST_KIND =

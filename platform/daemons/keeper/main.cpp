@@ -14,6 +14,7 @@
 #include "base/file.h"
 #include "base/handle.h"
 #include "common/end_signals.h"
+#include "daemons/keeper/certificates.h"
 #include "daemons/keeper/cleanup.h"
 #include "daemons/keeper/go_back.h"
 #include "daemons/keeper/grants.h"
@@ -68,6 +69,7 @@ int main() {
   keeper::HostWatch host{report};
   keeper::GoBack go_back;
   keeper::Grants grants{report};
+  keeper::Certificates certificates{Clock::now()};
   if (booting) go_back.boot();  // before it counts what is on
   if (booting) grants.boot();
   if (booting) watch.boot();
@@ -85,6 +87,7 @@ int main() {
     host.tick(now);
     go_back.tick(now);
     grants.tick(now);
+    certificates.tick(now);
   });
   if (!server.listen()) {
     std::fprintf(stderr, "fenro-keeperd: service name %s is already in use\n", SERVICE);

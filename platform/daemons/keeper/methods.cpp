@@ -118,7 +118,7 @@ bus::Reply kinds() {
   return answer(std::move(rows));
 }
 
-// Other daemons pass on here what they have stored in the event log.
+// Others pass on here what they have stored in the event log, or have it stored by "store".
 bus::Reply report(Notifier& notifier, Recent& recent, const Json& request) {
   const Kind* const kind = find_kind(text_of(request, "kind"));
   const json_int_t level = json_integer_value(json_object_get(request.get(), "level"));
@@ -126,6 +126,8 @@ bus::Reply report(Notifier& notifier, Recent& recent, const Json& request) {
   if (!kind || text.empty() || level < 0 || level >= std::ssize(LEVEL_NAMES))
     return refusal(WRONG_VALUE, "a report has a known kind, a level and a text");
   const Report what{kind->name, static_cast<Level>(level), text_of(request, "subject"), text, {}};
+  if (json_is_true(json_object_get(request.get(), "store")) && !store_event(what))
+    return refusal(FAILED, "the event log cannot be written");
   notifier.send(what);
   recent.add(what, std::time(nullptr));
   return answer(Json{json_object()});

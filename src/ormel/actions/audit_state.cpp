@@ -186,6 +186,7 @@ constexpr Source SOURCES[] = {
     {"/etc/config/ormel/keeper.conf", "", read_ini},
     {"/etc/config/ormel/pelmar.conf", "sdwan", read_ini},
     {"/etc/config/ormel/public_address", "address", read_word},
+    {"/etc/openvpn/keys/rotation", "rotation", read_ini},
     {"/etc/config/vpn_user_ex.conf", "rights", read_rights},
     {"/etc/config/vpn_block.conf", "block", read_json},
     {"/etc/config/vpn_options.conf", "", read_json},

@@ -15,6 +15,7 @@ namespace ormel::changes {
 namespace {
 
 constexpr const char* SECRET = "(secret)";
+constexpr std::string_view PEM = "-----BEGIN ";
 constexpr const char* OTHER_SECRET = "(another secret)";
 
 using Lines = std::vector<std::string>;
@@ -76,6 +77,10 @@ Lines compare(const StateFile& row, const std::string* before, const std::string
     return {!before  ? "+ (secret content)"
             : !after ? "- (secret content)"
                      : "  (other secret content)"};
+  if (old.starts_with(PEM) || fresh.starts_with(PEM))
+    return {!before  ? "+ (a certificate)"
+            : !after ? "- (a certificate)"
+                     : "  (another certificate)"};
   Lines lines = has_sections(old) || has_sections(fresh) ? compare_sections(old, fresh)
                                                          : compare_lines(old, fresh);
   if (!after) lines.emplace_back("  (the file is deleted)");

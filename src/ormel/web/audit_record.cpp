@@ -74,6 +74,7 @@ constexpr char NAME[] = "name";
 constexpr char MODE[] = "mode";
 constexpr char SESSION[] = "id";
 constexpr char DEVICE_KEY[] = "key";
+constexpr char STEP[] = "step";
 constexpr char ORGANIZATION[] = "org_name";
 
 template <const char* Variable>
@@ -97,6 +98,7 @@ constexpr Subject SUBJECTS[] = {
     {"connection/", values<CONNECTION>},
     {"hold/", values<HELD>},
     {"guard/", values<MODE>},
+    {"cert/", values<STEP>},
     {"pelmar/", values<ORGANIZATION>},
     {"", values<NAME>},
 };

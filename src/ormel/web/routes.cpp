@@ -33,6 +33,7 @@ constexpr const Routes* PARTS[] = {
     &change::CHANGE,
     &backup::BACKUP,
     &address::ADDRESS,
+    &certificate::CERTIFICATES,
     &my::OWN,
     &my::DEVICES,
     &my::SECOND_FACTOR,

@@ -15,6 +15,9 @@ extern const Routes TRAIL;
 namespace backup {
 extern const Routes BACKUP;
 }
+namespace certificate {
+extern const Routes CERTIFICATES;
+}
 namespace config {
 extern const Routes PROFILES, UPLOADS, PROFILE_EDIT, DOWNLOADS, REPORT;
 }

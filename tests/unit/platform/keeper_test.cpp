@@ -1,8 +1,14 @@
 // The keeper's rules: pauses between attempts, when it gives up, how much is sent, and what a
 // receiver can check.
+#include <cstdlib>
 #include <gmock/gmock.h>
+#include <thread>
+#include <tuple>
+#include <unistd.h>
 
+#include "base/file.h"
 #include "daemons/keeper/backoff.h"
+#include "daemons/keeper/certificates.h"
 #include "daemons/keeper/notifier.h"
 #include "daemons/keeper/rate_limit.h"
 #include "daemons/keeper/recent.h"
@@ -75,6 +81,37 @@ TEST(KeeperRecent, ShowsTheLatestReportsFirstAndAHundredAtMost) {
             R"({"at":1119,"event":"lost","level":"warning","subject":"WG_CLIENT1","text":"text 119)"
             "\xEF\xBF\xBD"
             R"(","reason":"no-answer"})");
+}
+
+TEST(KeeperCertificates, AreLookedAtSoonAfterTheStartAndEachQuarterOfAnHour) {
+  char folder[] = "/tmp/keeper-XXXXXX";
+  ASSERT_NE(mkdtemp(folder), nullptr);
+  const std::string tool = std::string(folder) + "/tool", calls = std::string(folder) + "/calls";
+  ASSERT_TRUE(replace_file(tool, "#!/bin/sh\necho \"$@\" >>" + calls + "\n", 0755));
+  const auto called = [&] {
+    std::string text;
+    for (int i = 0; i < 200 && text.empty(); ++i) {
+      std::this_thread::sleep_for(10ms);
+      std::ignore = read_file(calls.c_str(), text);
+    }
+    unlink(calls.c_str());
+    return text;
+  };
+  Certificates::Time now{1h};
+  Certificates certificates{now, tool};
+  for (const auto pause : {20s, 900s}) {
+    certificates.tick(now + pause - 1s);
+    now += pause;
+    certificates.tick(now);
+    EXPECT_EQ(called(), "__tend-certificates\n");
+    for (int i = 0; i < 20; ++i) {  // until it has reaped the tool
+      std::this_thread::sleep_for(10ms);
+      certificates.tick(now);
+    }
+  }
+  EXPECT_NE(access(calls.c_str(), F_OK), 0) << "no further run";
+  unlink(tool.c_str());
+  rmdir(folder);
 }
 
 TEST(KeeperTunnels, KnowsSectionsAndTheirInterfaces) {

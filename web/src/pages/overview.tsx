@@ -1,7 +1,8 @@
 // Everything at a glance: what runs, who is on, what flows, what has happened.
 import { useState } from 'preact/hooks'
 import { call, data } from '../api'
-import { ago, decodeName, duration, number, rate } from '../format'
+import { ending, type Certificates } from '../certificates'
+import { ago, date, decodeName, duration, number, rate } from '../format'
 import {
   CLIENTS,
   PROTOCOLS,
@@ -20,9 +21,9 @@ import {
 } from '../model'
 import { usePoll } from '../poll'
 import { readStates, serverState, stateKey, stateOfStatus, whyOf, type Reason } from '../reasons'
-import { t } from '../texts'
+import { t, type TextKey } from '../texts'
 import { History, traffic, type InterfaceRate } from '../traffic'
-import { Badge, Card, Empty, Failure, Spinner } from '../ui'
+import { Badge, Card, Empty, Failure, Notice, Spinner } from '../ui'
 import { StateBadge, clientName, inOrder } from './clients'
 import { type LogEvent, eventTime, eventWords } from './logs'
 import { Roads } from './roads'
@@ -32,6 +33,7 @@ import { UserLink } from './user'
 const LIVE = 2_000 // milliseconds between two looks at what moves fast
 const SLOW = 5_000
 const RARE = 15_000
+const HARDLY_EVER = 600_000 // certificates end by the day
 const SAMPLES = 150 // five minutes of them
 const EVENTS = 6
 const MOST = 8 // lines of a card; the page of each has them all
@@ -77,6 +79,26 @@ const Because = ({ reason }: { reason: Reason | null | undefined }) =>
 // The end of a card that shows the first lines only.
 const More = ({ hidden, to }: { hidden: number; to: string }) =>
   hidden > 0 ? <a href={`#/${to}`}>{t('overview.more', { n: number(hidden) })}</a> : null
+
+// An appliance that lists no certificates has no warning.
+function Ending() {
+  const list = usePoll(() => data<Certificates>('cert/list').catch(() => null), HARDLY_EVER)
+  const all = ending(list.value?.certificates ?? [])
+  const first = all[0]
+  if (!first) return null
+  return (
+    <Notice tone={first.state === 'over' ? 'bad' : 'warn'}>
+      <span>
+        {t(all.length === 1 ? 'cert.warnOne' : 'cert.warn', {
+          n: number(all.length),
+          what: t(`certRole.${first.role}` as TextKey, { profile: decodeName(first.profile) }),
+          date: date(new Date(first.not_after * 1000)),
+        })}
+      </span>{' '}
+      <a href="#/servers/openvpn">{t('cert.warnGo')}</a>
+    </Notice>
+  )
+}
 
 export function OverviewPage() {
   const [leading, setLeading] = useState(false) // a first run has begun
@@ -124,6 +146,7 @@ export function OverviewPage() {
   return (
     <>
       <Failure failure={failure} />
+      <Ending />
       {lead && <Roads open={leading} onOpen={open => (setLeading(open), slow.refresh())} />}
       <div class="tiles">
         <Tile label={t('overview.serversOn')} value={`${on} / ${servers.length}`} to="servers" />

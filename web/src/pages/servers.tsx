@@ -18,6 +18,7 @@ import {
   type Protocol,
   type ServerProfile,
 } from '../model'
+import { later } from '../later'
 import { usePoll } from '../poll'
 import { readStates, serverState, stateKey, type States } from '../reasons'
 import { place } from '../router'
@@ -28,6 +29,7 @@ import { Peers } from './peers'
 import { conflicts, serverRows, serverValues } from './servers.rows'
 
 const PAUSE = 5_000
+const Certificates = later(() => import('./certificates').then(page => page.CertificatesCard))
 
 const interfaceChoices = (nics: readonly Nic[]): readonly Choice[] => [
   ['all', t('server.outAll')],
@@ -272,7 +274,15 @@ export function ServersPage() {
           onSaved={live.refresh}
         />
       </Card>
-      {profile.type === OPENVPN && <Downloads profile={profile} onDone={live.refresh} />}
+      {profile.type === OPENVPN && (
+        <>
+          <Downloads profile={profile} onDone={live.refresh} />
+          <Certificates
+            dropped={liveCount(profile.type, live.value.connections, [])}
+            onDone={live.refresh}
+          />
+        </>
+      )}
       {profile.type === WIREGUARD && <Peers profile={profile} onChanged={live.refresh} />}
     </>
   )

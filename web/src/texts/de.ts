@@ -761,6 +761,7 @@ const german: Catalogue = {
   'kind.locked': 'Ein Benutzer ist wegen falscher Passwörter gesperrt',
   'kind.access': 'Der befristete Zugang eines Benutzers ist abgelaufen',
   'kind.daemon': 'Ein Dienst des Systems antwortet nicht oder antwortet wieder',
+  'kind.certificate': 'Ein Zertifikat läuft bald ab, ist abgelaufen oder wurde erneuert',
   'kind.disk': 'Ein Datenträger ist fast voll oder hat wieder Platz',
 
   'level.information': 'Information',
@@ -957,5 +958,17 @@ const german: Catalogue = {
   'factor.offHelp': 'Geben Sie zum Ausschalten einen Code der App oder einen Ersatzcode ein.',
   'factor.damaged':
     'Was von Ihrem zweiten Faktor gespeichert ist, ist beschädigt; Ihre Anmeldungen werden abgelehnt. Bitten Sie einen Administrator, ihn zurückzusetzen.',
+  'certRole.authority': 'OpenVPN-Zertifizierungsstelle',
+  'certRole.authority-next': 'OpenVPN-Zertifizierungsstelle, nächste',
+  'certRole.authority-old': 'OpenVPN-Zertifizierungsstelle, alte',
+  'certRole.profile-ca': 'Zertifizierungsstelle des Profils {profile}',
+  'certRole.profile-cert': 'Zertifikat des Profils {profile}',
+  'certRole.profile-crl': 'Sperrliste des Profils {profile}',
+  'certRole.profile-extra': 'Weiteres Zertifikat des Profils {profile}',
+  'certRole.server': 'OpenVPN-Server',
+  'certRole.web': 'Weboberfläche',
+  'cert.warn': '{n} Zertifikate laufen bald ab oder sind abgelaufen, das erste {date}: {what}.',
+  'cert.warnGo': 'Zertifikate ansehen',
+  'cert.warnOne': 'Ein Zertifikat läuft bald ab oder ist abgelaufen: {what}, {date}.',
 }
 export default german

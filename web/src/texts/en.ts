@@ -730,6 +730,7 @@ export default {
   'kind.locked': 'A user is locked for wrong passwords',
   'kind.access': 'The access of a user for a time has ended',
   'kind.daemon': 'A daemon of the service does not answer, or answers again',
+  'kind.certificate': 'A certificate ends soon or has ended, or was renewed',
   'kind.disk': 'A disk is nearly full, or has space again',
 
   'level.information': 'Information',
@@ -915,4 +916,16 @@ export default {
   'factor.offHelp': 'To switch it off, type a code of the app or a recovery code.',
   'factor.damaged':
     'What is stored of your second factor is damaged, so that your logins are refused. Ask an administrator to reset it.',
+  'certRole.authority': 'OpenVPN authority',
+  'certRole.authority-next': 'OpenVPN authority, next',
+  'certRole.authority-old': 'OpenVPN authority, old',
+  'certRole.profile-ca': 'Authority of the profile {profile}',
+  'certRole.profile-cert': 'Certificate of the profile {profile}',
+  'certRole.profile-crl': 'Revocation list of the profile {profile}',
+  'certRole.profile-extra': 'Further certificate of the profile {profile}',
+  'certRole.server': 'OpenVPN server',
+  'certRole.web': 'Web interface',
+  'cert.warn': '{n} certificates end soon or have ended, the first {date}: {what}.',
+  'cert.warnGo': 'See the certificates',
+  'cert.warnOne': 'A certificate ends soon or has ended: {what}, {date}.',
 } as const

@@ -755,6 +755,7 @@ const french: Catalogue = {
   'kind.locked': 'Un utilisateur est bloqué pour mots de passe erronés',
   'kind.access': 'L’accès temporaire d’un utilisateur a pris fin',
   'kind.daemon': 'Un service du système ne répond pas, ou répond de nouveau',
+  'kind.certificate': 'Un certificat expire bientôt, a expiré ou a été renouvelé',
   'kind.disk': 'Un disque est presque plein, ou a de nouveau de la place',
 
   'level.information': 'Information',
@@ -948,5 +949,17 @@ const french: Catalogue = {
   'factor.offHelp': 'Pour le désactiver, tapez un code de l’application ou un code de secours.',
   'factor.damaged':
     'Ce qui est enregistré de votre second facteur est endommagé ; vos connexions sont refusées. Demandez à un administrateur de le réinitialiser.',
+  'certRole.authority': 'Autorité OpenVPN',
+  'certRole.authority-next': 'Autorité OpenVPN, la prochaine',
+  'certRole.authority-old': 'Autorité OpenVPN, l’ancienne',
+  'certRole.profile-ca': 'Autorité du profil {profile}',
+  'certRole.profile-cert': 'Certificat du profil {profile}',
+  'certRole.profile-crl': 'Liste de révocation du profil {profile}',
+  'certRole.profile-extra': 'Autre certificat du profil {profile}',
+  'certRole.server': 'Serveur OpenVPN',
+  'certRole.web': 'Interface web',
+  'cert.warn': '{n} certificats expirent bientôt ou ont expiré, le premier le {date} : {what}.',
+  'cert.warnGo': 'Voir les certificats',
+  'cert.warnOne': 'Un certificat expire bientôt ou a expiré : {what}, {date}.',
 }
 export default french

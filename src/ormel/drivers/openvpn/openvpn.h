@@ -33,11 +33,13 @@ struct PeerStatus {
 
 using Status = std::map<std::string, PeerStatus>;  // by peer_from
 
+// What clients have to download again.
+enum Download { NOTHING_NEW = 0, NEW_PROFILE = 2, NEW_CERTIFICATE = 3 };
+
 class ServerConfig : public config::DriverServer {
  public:
   int port = DEFAULT_PORT;
-  int download_status =
-      0;  // 0 nothing pending, 2 clients need a new profile, 3 clients need a new certificate
+  int download_status = NOTHING_NEW;
   bool broadcast = true;
   std::string protocol = "tcp";  // "UDP" or "TCP" once loaded
   std::string signature_algorithm;

@@ -14,8 +14,6 @@ namespace ormel::ovpn {
 
 namespace {
 
-constexpr int NEW_PROFILE = 2;
-constexpr int NEW_CERTIFICATE = 3;
 constexpr int LEAST_MSS = 1000;
 constexpr int MOST_MSS = 1600;
 constexpr int DEFAULT_MSS = 1400;
