@@ -23,7 +23,6 @@ import { session } from './session'
 import { language, t, type TextKey } from './texts'
 import { Icon, Notice, Questions, Sayings, hush, mayLeave, touched, type IconName } from './ui'
 
-
 interface Page {
   name: string
   label: TextKey
