@@ -704,7 +704,7 @@ TEST_F(OpenVpnCertificates, FitWhereverAStepIsKilled) {
     std::string old = key("ca.crt");
     old.resize(old.find(end) + end.size());
     int status = -1, point = 0;
-    const int stride = step.size() == 1 ? 1 : 3;  // the change-over above all
+    const int stride = step.size() == 1 ? 2 : 4;  // the change-over above all
     while (status != 0 && (point += stride) < 120) {
       SCOPED_TRACE(step[0] + ' ' + std::to_string(point));
       copy("/root/keys", KEYS);
