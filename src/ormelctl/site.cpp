@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <iostream>
 #include <iterator>
+#include <string_view>
 
 #include "ormel/base/error.h"
 #include "ormel/base/file.h"
@@ -214,6 +215,10 @@ std::string shown(const json_t* value) {
   return text ? text.get() : "";
 }
 
+bool is_mail_target(const json_t* url) {
+  return json_is_string(url) && std::string_view(json_string_value(url)).starts_with("mail:");
+}
+
 bool note_members(const std::string& path, const json_t* wanted, const json_t* now, Plan& plan) {
   bool differs = false;
   const char* key = nullptr;
@@ -223,7 +228,8 @@ bool note_members(const std::string& path, const json_t* wanted, const json_t* n
     const std::string_view name = key;
     if (json_equal(value, before)) continue;
     differs = true;
-    const bool secret = name == "psk" || name == "secret";
+    const bool secret = name == "psk" || name == "secret" ||
+                        (name == "url" && !(is_mail_target(before) && is_mail_target(value)));
     plan.note('~', path + '.' + key, secret ? "changed" : shown(before) + " → " + shown(value));
   }
   return differs;
@@ -242,6 +248,7 @@ Result site_export(const Arguments& arguments) {
   ormel::Json document = site::present();
   if (!arguments.has("secrets")) {
     site::for_each_secret(document.get(), [](json_t* object, const site::Path& path) {
+      if (site::is_mail_target(json_object_get(object, path.back().c_str()))) return;
       json_object_set_new(object, path.back().c_str(), json_pack("{s:b}", "kept", 1));
     });
   }
