@@ -120,6 +120,8 @@ TEST_F(OrmelCtl, SaysWhatIsWrongAndWhatToDo) {
       {{"user", "unlock", "guest"}, 3, "guest is not blocked"},
       {{"kick", "guest", "--yes"}, 3, "guest is not connected"},
       {{"log", "events", "--since", "yesterday"}, 2, "30m, 1h or 2d"},
+      {{"log", "events", "--limit", "5x"}, 2, "--limit takes 1 to 10000"},
+      {{"audit", "--limit", "5x"}, 2, "--limit takes 1 to 10000"},
       {{"gateway", "set", "none"}, 3, "no profile is named none"},
       {{"guard", "on"}, 1, "ormelctl gateway set PROFILE, or ormelctl guard strict"},
       {{"notify", "rm", "nobody", "--yes"}, 3, "no target is named nobody"},
