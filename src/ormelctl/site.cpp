@@ -283,8 +283,7 @@ Result site_apply(const Arguments& arguments) {
   Result problem;
   if (!site::read_document(file, document, problem)) return problem;
   const ChangeLock lock;
-  if (!lock)
-    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  if (!lock) return locked_out();
   const ormel::Json now = site::present();
   const site::Plan plan =
       site::make_plan(document.get(), now, site::folder_of(file), arguments.has("prune"));

@@ -68,10 +68,6 @@ Result set_rights(const std::string& user, int mask, const std::string& message)
   return done(message, user_row(user, mask, false));
 }
 
-Result locked_out() {
-  return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
-}
-
 }  // namespace
 
 Result user_list(const Arguments& arguments) {
