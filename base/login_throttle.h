@@ -5,10 +5,10 @@
 //   17 3 86400             a slot, its failures, when the first of them was (seconds since the host
 //   started)
 //
-// A slot is what the digest of a name gives with the random characters, so the file holds no names
-// and nobody can work out whose counters meet in one slot. There is a fixed number of them:
-// whatever names and addresses are tried, the file does not grow, and no counter can be pushed out
-// of it by others.
+// A slot is computed from a digest of the name and the random characters, so the file holds no
+// names and no outsider can work out which names share a slot. The number of slots is fixed: the
+// file does not grow however many names and addresses are tried, and no attempt evicts another
+// counter.
 #pragma once
 
 #include <chrono>
@@ -51,7 +51,7 @@ class LoginThrottle {
   // counted.
   [[nodiscard]] std::time_t retry_after(std::string_view address, std::time_t now) const;
 
-  // Seconds since the host started, which nobody can set back.
+  // Seconds since the host started, which cannot be set back.
   [[nodiscard]] static std::time_t clock();
 
  private:

@@ -26,6 +26,7 @@ inline constexpr SecretName SECRET_NAMES[] = {
     {"cookie", "cookie"},
     {"sid", "(^|[^a-z])sid"},
     {"cert", nullptr},
+    {"url", nullptr},  // addresses of webhooks often hold a token
 };
 
 // Whether a setting of this name may hold a secret. In doubt it may.

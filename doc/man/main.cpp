@@ -80,8 +80,8 @@ int main(int argc, char** argv) {
     std::fputs("usage: ormel-manual FOLDER SOURCE TARGET\n", stderr);
     return 2;
   }
-  ormel::__cur_level__ =
-      ormel::ORMELLOG_NOLOG;  // the appliers are asked in here, and nobody is to read of it
+  // The appliers that run in here would log.
+  ormel::__cur_level__ = ormel::ORMELLOG_NOLOG;
   manual::build(argv[1], argv[2], argv[3]);
   return manual::has_failed() ? 1 : 0;
 }

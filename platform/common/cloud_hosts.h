@@ -7,9 +7,9 @@ namespace fenro {
 
 enum class CloudService { ORGANIZATIONS, ACCOUNTS, LOGINS, PELMAR };
 
-// The base of a service, without a slash behind it: the environment and the cloud that the
-// appliance's settings name. An environment that nobody knows is production. Empty for one that
-// this cloud does not have.
+// Returns the base URL of a service, without a slash at its end, for the environment and the cloud
+// in the appliance's settings. An unknown environment counts as production. Empty for a service
+// that this cloud does not have.
 [[nodiscard]] std::string cloud_base(CloudService service);
 
 }  // namespace fenro

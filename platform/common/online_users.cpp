@@ -76,7 +76,7 @@ bool OnlineUsers::add(const OnlineUser& session) const {
     if (!is_word(*word)) return false;
   }
   if (session.user.empty())
-    return false;  // nothing would stand for it, and all behind it would move up
+    return false;  // it would take no place, and all words after it would move up
   const Fd lock = lock_list(lock_);
   std::string text;
   if (const int failure = read_file(file_.c_str(), text);

@@ -34,15 +34,14 @@ class OnlineUsers {
                        std::string lock = "/run/fenro/online_users.lock")
       : file_(std::move(file)), lock_(std::move(lock)) {}
 
-  // What is online now, in the order of logins; empty when there is no list.
+  // Returns who is online now, in the order of logins; empty without a list.
   [[nodiscard]] std::vector<OnlineUser> list() const;
 
-  // Adds a line. False for a word that would not be one, for nobody, or when the list can't be
-  // written.
+  // Adds a line. False for a value that is not one word, for an empty user, or when the list cannot
+  // be written.
   [[nodiscard]] bool add(const OnlineUser& session) const;
 
-  // Removes the lines that are chosen; `removed` takes what they said. A line that makes no sense
-  // is kept.
+  // Removes the chosen lines and returns their sessions in `removed`. Malformed lines are kept.
   [[nodiscard]] bool remove(const Chosen& chosen, std::vector<OnlineUser>& removed) const;
 
  private:

@@ -98,7 +98,7 @@ void ConfIndex::publish() {
   conf_.size = static_cast<int>(keys_.capacity());
 }
 
-// Names and values stay where they were read; each is closed with a NUL in the byte behind it,
+// Names and values stay where they were read; each is closed by a NUL in the byte after it,
 // which belonged to the line's own marks.
 void ConfIndex::parse(std::string_view text) {
   char* const start = arena_.copy(text);

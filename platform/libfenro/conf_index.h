@@ -1,4 +1,4 @@
-// What is behind a Conf_dir: the storage of its arrays and an index that finds an entry without a
+// What a Conf_dir owns: the storage of its arrays and an index that finds an entry without a
 // walk. The program makes some thousand look-ups in a run of a few milliseconds.
 #pragma once
 
@@ -16,7 +16,7 @@ namespace fenro {
 // Texts that live as long as the object, cut from few large blocks.
 class Arena {
  public:
-  // A copy of the text with a NUL behind it.
+  // A copy of the text, closed by a NUL.
   char* copy(std::string_view text);
 
  private:
@@ -106,7 +106,7 @@ class ConfIndex {
   std::vector<char*> names_;  // in front, disguised as a name, the address of this index
   std::vector<Chain> chains_;
   std::vector<char*> sections_, keys_, values_;
-  std::vector<int> next_;  // entry behind this one in its section
+  std::vector<int> next_;  // next entry of the section
   HashTable section_table_, entry_table_;
   int last_found_ = HashTable::NONE;  // a section's keys are mostly read in a row
 };

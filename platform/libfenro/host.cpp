@@ -28,24 +28,25 @@ namespace {
 
 using Interfaces = std::unique_ptr<ifaddrs, FreeWith<freeifaddrs>>;
 
-constexpr std::uint32_t FAR_AWAY =
-    0xc0000201;  // 192.0.2.1, which no network of its own has: the default route's
+// 192.0.2.1 is in no network of this host, so it takes the default route.
+constexpr std::uint32_t FAR_AWAY = 0xc0000201;
 constexpr std::uint16_t ANY_PORT = 9;
 
 struct Network {
   std::uint32_t address;
   int length;
 };
-// Addresses that nobody outside can reach.
-constexpr std::array<Network, 9> NOT_PUBLIC{{{0x00000000, 8},    // this network
-                                             {0x0a000000, 8},    // private
-                                             {0x64400000, 10},   // behind a provider's translation
-                                             {0x7f000000, 8},    // this host
-                                             {0xa9fe0000, 16},   // link-local
-                                             {0xac100000, 12},   // private
-                                             {0xc0a80000, 16},   // private
-                                             {0xc6120000, 15},   // benchmarks
-                                             {0xe0000000, 3}}};  // multicast and reserved
+// Addresses that cannot be reached from outside.
+constexpr std::array<Network, 9> NOT_PUBLIC{
+    {{0x00000000, 8},    // this network
+     {0x0a000000, 8},    // private
+     {0x64400000, 10},   // of a provider that translates addresses
+     {0x7f000000, 8},    // this host
+     {0xa9fe0000, 16},   // link-local
+     {0xac100000, 12},   // private
+     {0xc0a80000, 16},   // private
+     {0xc6120000, 15},   // benchmarks
+     {0xe0000000, 3}}};  // multicast and reserved
 
 bool is_public(in_addr address) {
   const std::uint32_t number = ntohl(address.s_addr);

@@ -64,7 +64,7 @@ std::optional<std::size_t> find_entry(const std::vector<Placed>& lines, std::str
   return {};
 }
 
-// Where a new entry goes: behind the last entry, or the head, of the first block of the section.
+// Where a new entry goes: after the last entry, or the head, of the first block of the section.
 std::optional<std::size_t> find_place(const std::vector<Placed>& lines, std::string_view section) {
   std::optional<std::size_t> place;
   if (section.empty()) place = 0;
@@ -79,7 +79,7 @@ std::optional<std::size_t> find_place(const std::vector<Placed>& lines, std::str
   return place;
 }
 
-// Behind the last entry of the section whose head is line `head`, and behind the empty lines that
+// After the last entry of the section whose head is line `head`, and after the empty lines that
 // follow it.
 std::size_t end_of_block(const std::vector<Placed>& lines, std::size_t head) {
   std::size_t last = head;
@@ -168,7 +168,7 @@ std::string with_value(std::string_view text, std::string_view section, std::str
   for (std::size_t i = 0; i < lines.size(); ++i) {
     if (i == place)
       append(out, entry_text(key, value, entry ? break_of(lines[i].whole) : line_break));
-    // A new first line and the section behind it are separated like any two sections.
+    // A new first line and the section after it are separated like any two sections.
     if (i == place && !entry && i == 0 && lines[i].line.kind == Kind::Section)
       append(out, line_break);
     if (i != place || !entry) append(out, lines[i].whole);

@@ -14,7 +14,7 @@ enum class Kind {
   Section,
   Entry,
   Damaged,        // neither this nor that: left alone
-  DamagedSection  // a section line whose name is lost: what follows belongs to nobody
+  DamagedSection  // a section line whose name is lost: what follows is in no section
 };
 
 struct Line {
@@ -33,7 +33,7 @@ struct Line {
 // The part of a value that fits on its line.
 [[nodiscard]] std::string_view first_line(std::string_view value);
 
-// The text from behind a byte order mark.
+// The text without a byte order mark.
 [[nodiscard]] std::string_view without_mark(std::string_view text);
 
 // The value of a key, the last of several. An empty section is the lines ahead of the first one.

@@ -1,30 +1,20 @@
 // Who changed what: the audit trail, and what it gets of the commands of this tool.
 #include "ormel/actions/audit.h"
 
-#include <ctime>
-
 #include "ormel/base/error.h"
+#include "ormel/base/text.h"
+#include "ormelctl/log_query.h"
 #include "ormelctl/profile.h"
 #include "ormelctl/recording.h"
 
 namespace ormelctl {
 namespace {
 
-constexpr long DEFAULT_ROWS = 50;
-constexpr long MOST_ROWS = 10000;
 constexpr size_t SHOWN_CHANGES = 3;  // in a table; JSON has all
 
 const Columns COLUMNS = {{"when", "TIME"},     {"user", "USER"},       {"from", "FROM"},
                          {"action", "ACTION"}, {"subject", "SUBJECT"}, {"what", "CHANGES"},
                          {"result", "RESULT"}};
-
-std::string moment(long seconds) {
-  const std::time_t at = seconds;
-  std::tm parts{};
-  char text[32] = "";
-  if (localtime_r(&at, &parts)) std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
-  return text;
-}
 
 std::string change_text(const json_t* change) {
   std::string field = text_of(change, "field");
@@ -56,7 +46,7 @@ std::string result_text(const json_t* row) {
 void add_texts(json_t* row) {
   const std::string ip = text_of(row, "ip");
   const std::pair<const char*, std::string> texts[] = {
-      {"when", moment(number_of(row, "time"))},
+      {"when", ormel::clock_text(number_of(row, "time"))},
       {"from", text_of(row, "via") + (ip.empty() ? "" : ' ' + ip)},
       {"what", changes_text(json_object_get(row, "changes"))},
       {"result", result_text(row)},
@@ -78,16 +68,12 @@ std::string entries_text(long count) {
 }  // namespace
 
 Result audit_list(const Arguments& arguments) {
-  const long ago = arguments.seconds("since", 0);
-  const long limit =
-      std::strtol(arguments.value("limit", std::to_string(DEFAULT_ROWS)).c_str(), nullptr, 10);
-  if (ago < 0) return failed(Exit::Usage, "--since takes a time such as 30m, 1h or 2d");
-  if (limit < 1 || limit > MOST_ROWS)
-    return failed(Exit::Usage, "--limit takes 1 to " + std::to_string(MOST_ROWS));
-  const Reply reply = call("/ormel/audit/list",
-                           {{"upper", std::to_string(limit - 1)},
-                            {"user", arguments.value("user")},
-                            {"since", std::to_string(ago == 0 ? 0 : std::time(nullptr) - ago)}});
+  LogQuery query;
+  Result problem;
+  if (!read_query(arguments, query, problem)) return problem;
+  const Reply reply = call("/ormel/audit/list", {{"upper", std::to_string(query.limit - 1)},
+                                                 {"user", query.user},
+                                                 {"since", std::to_string(query.since)}});
   if (reply.error != 0) return failed(reply.error, reply.reason);
   ormel::Json rows{json_array()};
   size_t at = 0;

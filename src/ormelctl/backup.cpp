@@ -105,9 +105,7 @@ Result backup(const Arguments& arguments) {
   Backup made;
   {
     const ChangeLock lock;
-    if (!lock)
-      return ormelctl::failed(Exit::TimedOut, "another change is still running",
-                              "try again when it has ended");
+    if (!lock) return locked_out();
     if (const Fault fault = ormel::changes::collect(made)) return failed(fault);
   }
   if (const Fault fault = ormel::changes::write_backup(made, passphrase, sealed))
@@ -136,9 +134,7 @@ Result restore(const Arguments& arguments) {
   Result problem;
   if (!open_backup(arguments, opened, problem)) return problem;
   const ChangeLock lock;
-  if (!lock)
-    return ormelctl::failed(Exit::TimedOut, "another change is still running",
-                            "try again when it has ended");
+  if (!lock) return locked_out();
   Restored restored;
   const bool dry = arguments.has("dry-run");
   if (!dry && arguments.terminal) std::fputs("restoring ...\n", stderr);

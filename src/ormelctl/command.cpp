@@ -252,6 +252,10 @@ Result failed(int error, const std::string& detail) {
       .reason = detail.empty() ? ormel::get_error_message(static_cast<unsigned>(error)) : detail};
 }
 
+Result locked_out() {
+  return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+}
+
 Result refused(int error, const std::string& reason, const Arguments& arguments,
                const std::function<const char*(std::string_view)>& variable) {
   for (const auto& [option, value] : arguments.options) {

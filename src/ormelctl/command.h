@@ -54,8 +54,10 @@ struct Result {
 [[nodiscard]] Result failed(Exit exit, std::string reason, std::string advice = {});
 // A failure with a code of the program, whose text is the reason unless `detail` says more.
 [[nodiscard]] Result failed(int error, const std::string& detail = {});
-// The same where the program's reason may be no more than a value or the name of its own variable:
-// the option is named then. `variable` gives the variable of an option, or null.
+// The failure of a command that a ChangeLock has held back for too long.
+[[nodiscard]] Result locked_out();
+// The same as the second where the program's reason may be no more than a value or the name of its
+// own variable: the option is named then. `variable` gives the variable of an option, or null.
 [[nodiscard]] Result refused(int error, const std::string& reason, const Arguments& arguments,
                              const std::function<const char*(std::string_view)>& variable);
 [[nodiscard]] Result done(std::string message, ormel::Json data = nullptr, Columns columns = {});

@@ -100,7 +100,8 @@ std::string sentence(const json_t* data) {
                                                : "; names are asked for by the tunnel\n");
 }
 
-// Sends to nobody, by IPv4 and IPv6, as any program and as one that asks for a name.
+// Sends to an address that no one has, by IPv4 and IPv6, as any program and as one that asks for a
+// name.
 class Sender {
  public:
   Sender() : thread_([this] { work(); }) {}

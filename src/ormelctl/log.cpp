@@ -6,15 +6,16 @@
 #include <fstream>
 #include <thread>
 
+#include "base/lines.h"
 #include "ormel/base/error.h"
+#include "ormel/base/text.h"
+#include "ormelctl/log_query.h"
 #include "ormelctl/profile.h"
 
 namespace ormelctl {
 namespace {
 
 constexpr const char* PROGRAM_LOG = "/var/log/network/ORMEL.log";
-constexpr long DEFAULT_ROWS = 50;
-constexpr long MOST_ROWS = 10000;
 constexpr const char* ACTIONS[] = {"connected", "refused", "ended"};
 
 const Columns EVENT_COLUMNS = {{"time", "TIME"}, {"level", "LEVEL"}, {"text", "EVENT"}};
@@ -26,33 +27,6 @@ const Columns CONNECTION_COLUMNS = {{"time", "TIME"},
                                     {"duration", "DURATION"},
                                     {"traffic", "IN / OUT"}};
 const Columns LINE_COLUMNS = {{"line", "LINE"}};
-
-// What a log command is asked for.
-struct Query {
-  long since = 0;  // seconds since 1970, 0 for all
-  long limit = DEFAULT_ROWS;
-  std::string user;
-};
-
-bool read_query(const Arguments& arguments, Query& query, Result& problem) {
-  const long ago = arguments.seconds("since", 0);
-  query.limit = arguments.has("limit") ? std::strtol(arguments.value("limit").c_str(), nullptr, 10)
-                                       : DEFAULT_ROWS;
-  query.user = arguments.value("user");
-  if (ago > 0) query.since = std::time(nullptr) - ago;
-  if (ago < 0) problem = failed(Exit::Usage, "--since takes a time such as 30m, 1h or 2d");
-  if (query.limit < 1 || query.limit > MOST_ROWS)
-    problem = failed(Exit::Usage, "--limit takes 1 to " + std::to_string(MOST_ROWS));
-  return problem.exit == Exit::Done;
-}
-
-std::string moment_text(long moment) {
-  const std::time_t at = moment;
-  std::tm parts{};
-  char text[32] = "";
-  if (localtime_r(&at, &parts)) std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
-  return text;
-}
 
 long moment_of(const std::string& date_and_time) {
   std::tm parts{};
@@ -82,7 +56,7 @@ ormel::Json connection_row(const json_t* row) {
       text_of(row, json_object_get(row, "source_ip") ? "source_ip" : "real_ip");
   return ormel::Json{json_pack(
       "{s:s, s:I, s:s, s:s, s:s, s:s, s:s, s:f, s:f, s:s, s:I}", "time",
-      moment_text(number_of(row, "time")).c_str(), "moment",
+      ormel::clock_text(number_of(row, "time")).c_str(), "moment",
       static_cast<json_int_t>(number_of(row, "time")), "user", text_of(row, "username").c_str(),
       "protocol", protocol ? protocol->name.c_str() : "", "action",
       action < std::size(ACTIONS) ? ACTIONS[action] : "", "source", source.c_str(), "duration",
@@ -92,11 +66,11 @@ ormel::Json connection_row(const json_t* row) {
 }
 
 // The newest rows of a route that pass the query, oldest first.
-Result rows_of(const char* route, const Query& query, ormel::Json (*row_of)(const json_t*),
+Result rows_of(const char* route, const LogQuery& query, ormel::Json (*row_of)(const json_t*),
                const char* user_key, ormel::Json& rows) {
   const Reply reply =
       call(route, {{"lower", "0"},
-                   {"upper", std::to_string(query.user.empty() ? query.limit : MOST_ROWS)},
+                   {"upper", std::to_string(query.user.empty() ? query.limit : LogQuery::MOST)},
                    {"order", "desc"}});
   if (reply.error != 0) return failed(reply.error, reply.reason);
   rows.reset(json_array());
@@ -116,7 +90,7 @@ Result rows_of(const char* route, const Query& query, ormel::Json (*row_of)(cons
 }
 
 // Prints rows as they come until the program is interrupted.
-void follow(const char* route, const Query& query, ormel::Json (*row_of)(const json_t*),
+void follow(const char* route, const LogQuery& query, ormel::Json (*row_of)(const json_t*),
             const char* user_key, const Columns& columns, std::string last) {
   for (;;) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
@@ -141,7 +115,7 @@ void follow(const char* route, const Query& query, ormel::Json (*row_of)(const j
 
 Result show_log(const Arguments& arguments, const char* route, ormel::Json (*row_of)(const json_t*),
                 const char* user_key, const Columns& columns) {
-  Query query;
+  LogQuery query;
   Result problem;
   if (!read_query(arguments, query, problem)) return problem;
   ormel::Json rows;
@@ -160,6 +134,18 @@ Result show_log(const Arguments& arguments, const char* route, ormel::Json (*row
 
 }  // namespace
 
+bool read_query(const Arguments& arguments, LogQuery& query, Result& problem) {
+  const long ago = arguments.seconds("since", 0);
+  if (ago > 0) query.since = std::time(nullptr) - ago;
+  if (ago < 0) problem = failed(Exit::Usage, "--since takes a time such as 30m, 1h or 2d");
+  const bool is_number =
+      !arguments.has("limit") || fenro::parse_number(arguments.value("limit"), query.limit);
+  if (!is_number || query.limit < 1 || query.limit > LogQuery::MOST)
+    problem = failed(Exit::Usage, "--limit takes 1 to " + std::to_string(LogQuery::MOST));
+  query.user = arguments.value("user");
+  return problem.exit == Exit::Done;
+}
+
 Result log_events(const Arguments& arguments) {
   return show_log(arguments, "/ormel/log/event", event_row, "user", EVENT_COLUMNS);
 }
@@ -173,7 +159,7 @@ Result log_servers(const Arguments& arguments) {
 }
 
 Result log_program(const Arguments& arguments) {
-  Query query;
+  LogQuery query;
   Result problem;
   if (!read_query(arguments, query, problem)) return problem;
   std::ifstream in(PROGRAM_LOG, std::ios::binary);

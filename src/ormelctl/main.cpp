@@ -19,6 +19,7 @@
 #include "ormelctl/advice.h"
 #include "ormelctl/command.h"
 #include "ormelctl/recording.h"
+#include "ormelctl/service.h"
 #include "ormelctl/site.h"
 
 namespace ormelctl {
@@ -333,6 +334,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   ormel::system::set_log_file_wrapper();
+  say_long_waits();
   set_colors(wants_colors(call));
   limit_time(call);
   return finish(run_advised(*command, call), call.format);

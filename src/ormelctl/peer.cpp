@@ -146,11 +146,14 @@ Result usable_host(const Arguments& arguments, const char* example, std::string&
              : failed(Exit::Usage, "--host is a name or an address, without a port", example);
 }
 
-// The device of a name or an index in `found`; a failure without exactly one.
-Result find_peer(const json_t* peers, const std::string& word, const json_t*& found) {
+// The device of a name or an index in `found`, which is part of `peers`; a failure without exactly
+// one.
+Result find_peer(const std::string& word, Reply& peers, const json_t*& found) {
+  peers = call("/ormel/peer/list");
+  if (peers.error != 0) return failed(peers.error, peers.reason);
   size_t at = 0;
   const json_t* peer = nullptr;
-  json_array_foreach(peers, at, peer) {
+  json_array_foreach(peers.data(), at, peer) {
     if (word != std::to_string(number_of(peer, "index")) &&
         word != decoded(text_of(peer, "peer_name")))
       continue;
@@ -160,7 +163,7 @@ Result find_peer(const json_t* peers, const std::string& word, const json_t*& fo
     found = peer;
   }
   if (found) return {};
-  const ormel::Json rows = peer_rows(peers);
+  const ormel::Json rows = peer_rows(peers.data());
   return failed(Exit::NotFound, "no device is named " + word,
                 did_you_mean(word, names_in(rows.get(), "name"), "ormelctl peer list"));
 }
@@ -199,8 +202,7 @@ Result peer_add(const Arguments& arguments) {
       usable_host(arguments, "ormelctl peer add phone --host vpn.example.org", host);
   if (!own_key && wrong_host.exit != Exit::Done) return wrong_host;
   const ChangeLock lock;
-  if (!lock)
-    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  if (!lock) return locked_out();
   const Reply before = call("/ormel/peer/list");
   if (before.error != 0) return failed(before.error, before.reason);
   const std::string address = arguments.value("address", free_address(hub.get()));
@@ -244,12 +246,10 @@ Result peer_qr(const Arguments& arguments) {
   if (wrong_host.exit != Exit::Done) return wrong_host;
   const ormel::Json hub = server();
   const ChangeLock lock;
-  if (!lock)
-    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
-  const Reply before = call("/ormel/peer/list");
-  if (before.error != 0) return failed(before.error, before.reason);
+  if (!lock) return locked_out();
+  Reply peers;
   const json_t* peer = nullptr;
-  if (Result none = find_peer(before.data(), arguments.words[0], peer); none.exit != Exit::Done)
+  if (Result none = find_peer(arguments.words[0], peers, peer); none.exit != Exit::Done)
     return none;
   const Reply keys = call("/ormel/peer/keys");
   if (keys.error != 0) return failed(keys.error, keys.reason);
@@ -272,12 +272,10 @@ Result peer_limit(const Arguments& arguments) {
   long since = 0;
   if (Result wrong = wanted_limit(arguments, since); wrong.exit != Exit::Done) return wrong;
   const ChangeLock lock;
-  if (!lock)
-    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
-  const Reply peers = call("/ormel/peer/list");
-  if (peers.error != 0) return failed(peers.error, peers.reason);
+  if (!lock) return locked_out();
+  Reply peers;
   const json_t* peer = nullptr;
-  if (Result none = find_peer(peers.data(), arguments.words[0], peer); none.exit != Exit::Done)
+  if (Result none = find_peer(arguments.words[0], peers, peer); none.exit != Exit::Done)
     return none;
   const Reply reply =
       call("/ormel/peer/limit",
@@ -291,12 +289,10 @@ Result peer_limit(const Arguments& arguments) {
 
 Result peer_remove(const Arguments& arguments) {
   const ChangeLock lock;
-  if (!lock)
-    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
-  const Reply before = call("/ormel/peer/list");
-  if (before.error != 0) return failed(before.error, before.reason);
+  if (!lock) return locked_out();
+  Reply peers;
   const json_t* peer = nullptr;
-  if (Result none = find_peer(before.data(), arguments.words[0], peer); none.exit != Exit::Done)
+  if (Result none = find_peer(arguments.words[0], peers, peer); none.exit != Exit::Done)
     return none;
   const Reply reply =
       call("/ormel/peer/remove", {{"index", std::to_string(number_of(peer, "index"))}});

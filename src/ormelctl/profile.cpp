@@ -138,10 +138,6 @@ Result shown(const Reply& reply, const std::string& message) {
   return done(message, json_is_object(record) ? describe_profile(record) : nullptr);
 }
 
-Result locked_out() {
-  return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
-}
-
 std::string state_of(const json_t* record) {
   return text_of(json_object_get(record, "tunnel"), "state");
 }

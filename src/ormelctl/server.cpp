@@ -87,8 +87,7 @@ namespace {
 Result change(const Protocol& protocol, Form form, bool on, const Arguments& arguments,
               const std::string& message) {
   const ChangeLock lock;
-  if (!lock)
-    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  if (!lock) return locked_out();
   form.emplace_back("type", protocol.server_word);
   form.emplace_back("enable", on ? "true" : "false");
   if (on) complete_network(protocol, form);

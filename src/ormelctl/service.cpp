@@ -23,6 +23,7 @@
 #include "ormel/base/error.h"
 #include "ormel/base/error_capture.h"
 #include "ormel/base/http.h"
+#include "ormel/changes/lock.h"
 #include "ormel/host/process.h"
 #include "ormel/options/table.h"
 #include "ormel/web/cgi_main.h"
@@ -37,6 +38,7 @@ using ormel::Fd;
 constexpr const char* LOCK_FOLDER = "/run/fenro";
 constexpr const char* LOCK = "/run/fenro/ormelctl.lock";
 constexpr long LOCK_SECONDS = 10;
+constexpr long QUIET_SECONDS = 2;  // of these, before the user gets to know
 constexpr auto PAUSE = 200ms;
 constexpr size_t SECRET_LIMIT = 4096;
 
@@ -73,6 +75,13 @@ constexpr ActionRow ACTIONS[] = {
     {ormel::MODIFY_ACTION, ormel::modify},   {ormel::REMOVE_ACTION, ormel::remove},
     {ormel::CONNECT_ACTION, ormel::connect}, {ormel::DISCONNECT_ACTION, ormel::disconnect},
 };
+
+// Standard error as it was at the start: it is captured while a route runs.
+Fd wait_output;
+
+void report_wait(const char* what) {
+  dprintf(wait_output.get(), "waiting for %s to end ...\n", what);
+}
 
 // The pool is loaded under the lock, and stays as this run changes it.
 void load_pool() {
@@ -147,11 +156,21 @@ Reply act(const std::vector<std::string>& words) {
   return reply;
 }
 
+void say_long_waits() {
+  wait_output = Fd{fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)};
+  ormel::changes::report_long_waits(report_wait);
+}
+
 ChangeLock::ChangeLock() {
   mkdir(LOCK_FOLDER, S_IRWXU | S_IRGRP | S_IXGRP | S_IROTH | S_IXOTH);
   Fd fd{open(LOCK, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR)};
-  if (fd && comes_true([&] { return flock(fd.get(), LOCK_EX | LOCK_NB) == 0; }, LOCK_SECONDS))
-    fd_ = std::move(fd);
+  const auto is_free = [&] { return flock(fd.get(), LOCK_EX | LOCK_NB) == 0; };
+  bool locked = fd && comes_true(is_free, QUIET_SECONDS);
+  if (fd && !locked) {
+    report_wait("another change by ormelctl");
+    locked = comes_true(is_free, LOCK_SECONDS - QUIET_SECONDS);
+  }
+  if (locked) fd_ = std::move(fd);
   ormel::audit::look_again();  // what others have changed while it waited is theirs
 }
 

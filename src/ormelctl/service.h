@@ -38,6 +38,9 @@ struct Reply {
 // program's name. The profile that it shows is in the reply's data.
 [[nodiscard]] Reply act(const std::vector<std::string>& words);
 
+// From now on, locks that are waited for for two seconds are named on standard error.
+void say_long_waits();
+
 // Holds back all other changes by this tool. False when another run has held the lock for ten
 // seconds.
 class ChangeLock {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <iostream>
 #include <iterator>
+#include <string_view>
 
 #include "ormel/base/error.h"
 #include "ormel/base/file.h"
@@ -213,6 +214,10 @@ std::string shown(const json_t* value) {
   return text ? text.get() : "";
 }
 
+bool is_mail_target(const json_t* url) {
+  return json_is_string(url) && std::string_view(json_string_value(url)).starts_with("mail:");
+}
+
 bool note_members(const std::string& path, const json_t* wanted, const json_t* now, Plan& plan) {
   bool differs = false;
   const char* key = nullptr;
@@ -222,7 +227,8 @@ bool note_members(const std::string& path, const json_t* wanted, const json_t* n
     const std::string_view name = key;
     if (json_equal(value, before)) continue;
     differs = true;
-    const bool secret = name == "psk" || name == "secret";
+    const bool secret = name == "psk" || name == "secret" ||
+                        (name == "url" && !(is_mail_target(before) && is_mail_target(value)));
     plan.note('~', path + '.' + key, secret ? "changed" : shown(before) + " → " + shown(value));
   }
   return differs;
@@ -241,6 +247,7 @@ Result site_export(const Arguments& arguments) {
   ormel::Json document = site::present();
   if (!arguments.has("secrets")) {
     site::for_each_secret(document.get(), [](json_t* object, const site::Path& path) {
+      if (site::is_mail_target(json_object_get(object, path.back().c_str()))) return;
       json_object_set_new(object, path.back().c_str(), json_pack("{s:b}", "kept", 1));
     });
   }
@@ -275,8 +282,7 @@ Result site_apply(const Arguments& arguments) {
   Result problem;
   if (!site::read_document(file, document, problem)) return problem;
   const ChangeLock lock;
-  if (!lock)
-    return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
+  if (!lock) return locked_out();
   const ormel::Json now = site::present();
   const site::Plan plan =
       site::make_plan(document.get(), now, site::folder_of(file), arguments.has("prune"));

@@ -106,6 +106,8 @@ bool plan_gateway(const json_t* wanted, const json_t* now, bool prune, Plan& pla
 bool plan_guard(const json_t* wanted, const json_t* now, bool prune, Plan& plan);
 bool plan_notifications(const json_t* wanted, const json_t* now, bool prune, Plan& plan);
 
+// Whether the "url" of a notification is a user who gets mail. That of a webhook is a secret.
+[[nodiscard]] bool is_mail_target(const json_t* url);
 // A value as people read it in a difference.
 [[nodiscard]] std::string shown(const json_t* value);
 // Notes the members of `wanted` that differ from those of `now`; whether there are any.

@@ -302,8 +302,8 @@ Reply set_target(const std::string& name, const Json& object) {
 bool plan_target(const std::string& name, const json_t* object, const json_t* now, Plan& plan) {
   const std::string path = "notifications." + name;
   if (!note_object(path, object, now, plan)) return true;
-  const std::string url = text_of(object, "url");
-  if (!url.starts_with("http") && !url.starts_with("mail:"))
+  if (!text_of(object, "url").starts_with("http") &&
+      !is_mail_target(json_object_get(object, "url")))
     return plan.refuse(path + ".url", "is neither https://… nor mail:USER");
   const auto whole =
       std::make_shared<Json>(now ? merged(object, now).release() : json_deep_copy(object));

@@ -143,7 +143,7 @@ Json fixed(const char* properties) {
 
 Json notification_rules() {
   Json properties{json_object()};
-  set(properties, "url", typed("string"));
+  set(properties, "url", secret());  // of a webhook it often holds a token
   set(properties, "events",
       Json{json_pack("{s:s, s:o}", "type", "array", "items", typed("string").release())});
   set(properties, "secret", secret());

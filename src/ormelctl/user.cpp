@@ -226,10 +226,6 @@ std::string granted_text(const std::string& user, int all, const Wish& wish) {
   return text + (wish.until == 0 ? "" : "; what was granted now ends " + moment_text(wish.until));
 }
 
-Result locked_out() {
-  return failed(Exit::TimedOut, "another change is still running", "try again when it has ended");
-}
-
 }  // namespace
 
 Result user_list(const Arguments& arguments) {

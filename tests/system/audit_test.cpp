@@ -50,6 +50,7 @@ TEST_F(AuditTrail, HasOneRowForEachChangeByWhicheverProgram) {
   cgi("/ormel/privilege/set", admin + "&user=guest%7C4");
   cgi("/ormel/privilege/set", guest + "&user=guest%7C4", {"REMOTE_ADDR=192.0.2.7"});
   cgi("/ormel/config/show", admin + "&type=256");
+  cgi("/ormel/backup/download", admin + "&passphrase=of-all-secrets");
   cli({"-TPPTP", "-M1", "--host=127.0.0.2"});
   cli({"-TPPTP", "-S1"});
   ctl({"user", "revoke", "guest", "--yes"});
@@ -61,6 +62,7 @@ TEST_F(AuditTrail, HasOneRowForEachChangeByWhicheverProgram) {
   EXPECT_THAT(rows(),
               ElementsAre(ContainsRegex("^admin\\|web\\|[0-9.:]*\\|gateway/set\\|\\|0$"),
                           StartsWith("admin|web|"), "guest|web|192.0.2.7|privilege/set|guest|39",
+                          ContainsRegex("^admin\\|web\\|[0-9.:]*\\|backup/download\\|\\|0$"),
                           "root|ormel||--modify|pptp/1 (office1)|0",
                           "root|ormelctl ssh|192.0.2.9|user revoke|guest|0",
                           "root|ormelctl ssh|192.0.2.9|profile set|office1|0",
@@ -69,7 +71,7 @@ TEST_F(AuditTrail, HasOneRowForEachChangeByWhicheverProgram) {
   EXPECT_THAT(shown, HasSubstr("rights/guest: none → openvpn"));
   EXPECT_THAT(shown, HasSubstr("PPTP_CLIENT1/Server Address: 127.0.0.1 → 127.0.0.2"));
   EXPECT_THAT(shown, Not(HasSubstr("DROVIK"))) << "defaults that the first save writes";
-  EXPECT_THAT(ctl({"audit", "verify"}).out, StartsWith("7 entries, unbroken since "));
+  EXPECT_THAT(ctl({"audit", "verify"}).out, StartsWith("8 entries, unbroken since "));
   EXPECT_EQ(mode_of(FIRST_FILE), 0600U);
 }
 

@@ -108,7 +108,9 @@ TEST_F(Backup, ComesWholeToAnEmptyApplianceThatOldClientsReach) {
   EXPECT_THAT(read(FILE_NAME), Not(HasSubstr("s3cret")));
   const std::string here = exported();
   EXPECT_THAT(here, HasSubstr("s3cret-of-tests"));
-  EXPECT_THAT(ctl({"export"}).out, Not(HasSubstr("s3cret-of-tests")));
+  const std::string safe = ctl({"export"}).out;
+  EXPECT_THAT(safe, AllOf(Not(HasSubstr("s3cret-of-tests")), Not(HasSubstr("hooks.example.org"))));
+  EXPECT_EQ(ctl({"diff", "-"}, safe).status, 0) << "kept secrets are the stored ones";
 
   far::write(FILE_NAME, read(FILE_NAME));
   far::write(PASSPHRASE_FILE, PASSPHRASE);
@@ -221,6 +223,28 @@ TEST_F(Backup, LeavesEachFileOldOrNewWhereverItIsKilled) {
   }
   EXPECT_GT(point, 6) << "there were points to be killed at";
   EXPECT_LT(point, MOST);
+}
+
+TEST_F(Backup, StartsAgainWhatItStoppedWhenAFileCannotBeWritten) {
+  const char* const rights = "/etc/config/vpn_user_ex.conf";
+  expect_done({"user", "grant", "guest", "openvpn"});
+  expect_done({"server", "on", "openvpn"});
+  expect_done({"backup", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE});
+  expect_done({"server", "set", "openvpn", "--max", "9", "--yes"});
+  const auto daemon = [] { return run({"/usr/bin/pgrep", "-f", "openvpn/server.conf"}).out; };
+  const std::string before = daemon();
+  ASSERT_THAT(before, Not(testing::IsEmpty()));
+  fs::remove(rights);
+  fs::create_directories(std::string(rights) + "/in the way");
+  const Result result = ctl(restore_words(FILE_NAME));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, AllOf(HasSubstr(std::string(rights) + " cannot be written"),
+                                HasSubstr("started again: openvpn server\n")));
+  EXPECT_EQ(conf_value("OPENVPN", "Max Client"), "9");
+  EXPECT_THAT(daemon(), AllOf(Not(testing::IsEmpty()), Not(before)));
+  fs::remove_all(rights);
+  expect_done(restore_words(FILE_NAME));
+  EXPECT_EQ(conf_value("OPENVPN", "Max Client"), "5");
 }
 
 TEST_F(Backup, BringsTheWantedPartsAlone) {

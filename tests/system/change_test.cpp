@@ -6,6 +6,8 @@
 #include <functional>
 #include <set>
 #include <sstream>
+#include <sys/file.h>
+#include <thread>
 
 #include <jansson.h>
 
@@ -106,6 +108,20 @@ TEST_F(ChangeUndo, RestoresEachKindOfState) {
     EXPECT_EQ(ctl({"undo", "--yes"}).status, 0);
     EXPECT_TRUE(comes_true([&] { return row.state() == after; })) << "an undo is undone";
   }
+}
+
+TEST_F(ChangeUndo, SaysWhatItWaitsFor) {
+  ASSERT_EQ(ctl({"user", "policy", "--limit", "6"}).status, 0);
+  Fd busy{open("/run/fenro/changes.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600)};
+  ASSERT_EQ(flock(busy.get(), LOCK_SH), 0);
+  std::thread release([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(3500));
+    busy = Fd{};
+  });
+  const Result undone = ctl({"undo", "--yes"});
+  release.join();
+  EXPECT_EQ(undone.status, 0) << undone.err;
+  EXPECT_EQ(undone.err, "waiting for running changes of settings to end ...\n");
 }
 
 TEST_F(ChangeUndo, CopiesWhatChangesAlone) {

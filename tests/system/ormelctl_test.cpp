@@ -52,6 +52,15 @@ class OrmelCtl : public testing::Test {
     for (const char* server : {"wireguard", "drovik"}) ctl({"server", "off", server, "--yes"});
     fs::remove(VPN_CONF);
   }
+  // A WireGuard server at 198.18.7.1, off.
+  static bool sets_hub_up() {
+    return ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
+                "51820", "--yes"})
+               .status == 0;
+  }
+  static bool starts_hub() {
+    return sets_hub_up() && ctl({"server", "on", "wireguard"}).status == 0;
+  }
   // Each prints one document with its schema, whatever it says.
   static void expect_documents(const char* state) {
     auto commands = reading_commands();
@@ -120,6 +129,8 @@ TEST_F(OrmelCtl, SaysWhatIsWrongAndWhatToDo) {
       {{"user", "unlock", "guest"}, 3, "guest is not blocked"},
       {{"kick", "guest", "--yes"}, 3, "guest is not connected"},
       {{"log", "events", "--since", "yesterday"}, 2, "30m, 1h or 2d"},
+      {{"log", "events", "--limit", "5x"}, 2, "--limit takes 1 to 10000"},
+      {{"audit", "--limit", "5x"}, 2, "--limit takes 1 to 10000"},
       {{"gateway", "set", "none"}, 3, "no profile is named none"},
       {{"guard", "on"}, 1, "ormelctl gateway set PROFILE, or ormelctl guard strict"},
       {{"notify", "rm", "nobody", "--yes"}, 3, "no target is named nobody"},
@@ -279,10 +290,7 @@ TEST_F(OrmelCtl, LosesNoProfileOfParallelRuns) {
 }
 
 TEST_F(OrmelCtl, RunsServersDevicesAndRights) {
-  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
-                 "51820", "--yes"})
-                .status,
-            0);
+  ASSERT_TRUE(sets_hub_up());
   const Result on = ctl({"server", "on", "wireguard", "--json"});
   EXPECT_EQ(text_at(on, 0, "state"), "running") << on.out;
   EXPECT_EQ(ctl({"peer", "add", "phone", "--host", "vpn.example.org:51820"}).status, 2)
@@ -324,11 +332,7 @@ TEST_F(OrmelCtl, RunsServersDevicesAndRights) {
 }
 
 TEST_F(OrmelCtl, KeepsADeviceOutFromADayOn) {
-  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
-                 "51820", "--yes"})
-                .status,
-            0);
-  ASSERT_EQ(ctl({"server", "on", "wireguard"}).status, 0);
+  ASSERT_TRUE(starts_hub());
   ASSERT_EQ(ctl({"peer", "add", "phone", "--host", "vpn.example.org"}).status, 0);
   const struct {
     std::vector<std::string> options;
@@ -362,11 +366,7 @@ TEST_F(OrmelCtl, KeepsADeviceOutFromADayOn) {
 }
 
 TEST_F(OrmelCtl, KeepsOnePublicAddressForAllThatIsHandedOut) {
-  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
-                 "51820", "--yes"})
-                .status,
-            0);
-  ASSERT_EQ(ctl({"server", "on", "wireguard"}).status, 0);
+  ASSERT_TRUE(starts_hub());
   ASSERT_EQ(ctl({"server", "on", "openvpn"}).status, 0);
   EXPECT_THAT(ctl({"profile", "export"}).out, HasSubstr("\nremote 192.168.77.1 1194\n"));
   EXPECT_THAT(ctl({"peer", "add", "phone"}).err, HasSubstr("--host is missing"));
@@ -391,11 +391,7 @@ TEST_F(OrmelCtl, KeepsOnePublicAddressForAllThatIsHandedOut) {
 }
 
 TEST_F(OrmelCtl, HidesNoDeviceWhoseNameIsNoText) {
-  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
-                 "51820", "--yes"})
-                .status,
-            0);
-  ASSERT_EQ(ctl({"server", "on", "wireguard"}).status, 0);
+  ASSERT_TRUE(starts_hub());
   ASSERT_EQ(ctl({"peer", "add", "\xff", "--host", "192.0.2.1"}).status, 0);
   EXPECT_EQ(text_at(ctl({"peer", "list", "--json"}), 0, "name"), "\xef\xbf\xbd");
   EXPECT_THAT(ctl({"export"}).out, HasSubstr("\"device/1\": {"));

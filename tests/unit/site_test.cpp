@@ -90,8 +90,9 @@ TEST(SiteSecrets, AreFoundWhereTheSchemaHasThem) {
     found.push_back(path[1] + '.' + path.back());
     EXPECT_TRUE(json_object_get(object, path.back().c_str()));
   });
-  EXPECT_THAT(found, testing::UnorderedElementsAre("l2tp.psk", "x.client_pri_key", "x.psk",
-                                                   "y.config", "y.pass", "p.psk", "n.secret"));
+  EXPECT_THAT(found,
+              testing::UnorderedElementsAre("l2tp.psk", "x.client_pri_key", "x.psk", "y.config",
+                                            "y.pass", "p.psk", "n.url", "n.secret"));
 }
 
 }  // namespace

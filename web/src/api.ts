@@ -64,7 +64,8 @@ async function send(path: string, form: Form, timeout: number): Promise<Response
     })
     if (path.startsWith('/ormel/'))
       unsaved.value = answer.headers.get('X-Ormel-Settings') === 'unsaved'
-    if (answer.headers.get('X-Ormel-Undo') === 'none') undoLost.value = true
+    const undo = answer.headers.get('X-Ormel-Undo') // of changes alone
+    if (undo) undoLost.value = undo === 'none'
     return answer
   } catch {
     throw new ApiError(stop.aborted ? 'timeout' : 'network', 0, '')

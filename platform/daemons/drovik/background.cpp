@@ -25,7 +25,7 @@ void Background::ready() {
   const Fd null{open("/dev/null", O_RDWR | O_CLOEXEC)};
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) dup2(null.get(), stream);
   const char byte = 1;
-  if (write(signal_.get(), &byte, 1) != 1) return;  // nobody waits any more
+  if (write(signal_.get(), &byte, 1) != 1) return;  // the parent has gone
   signal_.reset();
 }
 

@@ -36,7 +36,7 @@ class Roster {
                             const std::string& identifier);
   void leave(SessionId session);
 
-  // 0 when nobody is there.
+  // 0 without anyone.
   [[nodiscard]] SessionId at(Ipv4 address) const {
     const std::size_t slot = address - first_;  // wraps to a large number below the pool
     return slot < holders_.size() ? holders_[slot] : 0;

@@ -124,7 +124,7 @@ void TunnelServer::take_message(Session& session, std::string_view message) {
   if (session.stage != Stage::Online || message.size() > TUNNEL_MTU) return;
   session.heard = Clock::now();
   const auto ends = packet_ends(message);
-  if (!ends || ends->source != session.address) return;  // in nobody else's name
+  if (!ends || ends->source != session.address) return;  // a session sends by its own address alone
   session.bytes.received += message.size();
   tun_.write(message);
 }

@@ -42,7 +42,7 @@ bool set_option(int fd, int level, int option, Value value) {
   return setsockopt(fd, level, option, &value, sizeof value) == 0;
 }
 
-// Puts one control message behind those that are there.
+// Appends one control message to those that are there.
 template <typename Value>
 void add_control(msghdr& head, int level, int type, const Value& value) {
   auto* at = reinterpret_cast<cmsghdr*>(static_cast<char*>(head.msg_control) + head.msg_controllen);

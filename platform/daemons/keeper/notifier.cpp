@@ -110,7 +110,7 @@ Outcome post(CURL* handle, const Target& target, const std::string& body) {
   return outcome;
 }
 
-// The recipient is an argument behind "--"; all that comes from elsewhere is in the message.
+// The recipient is an argument after "--"; all that comes from elsewhere is in the message.
 Outcome mail(const Target& target, const std::string& subject, const std::string& body) {
   const std::string to = target.url.substr(MAIL.size());
   const std::string text = "To: " + to + "\nSubject: " + subject +

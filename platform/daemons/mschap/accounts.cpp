@@ -8,7 +8,7 @@
 namespace fenro::mschap {
 namespace {
 
-// Takes `word` and the blanks behind it from the front of the line; false if they are not there.
+// Removes `word` and the blanks after it from the front of the line; false if they are missing.
 bool take(std::string_view& line, const std::string& word) {
   if (!line.starts_with(word)) return false;
   const std::string_view rest = line.substr(word.size());

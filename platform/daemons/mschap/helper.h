@@ -16,7 +16,7 @@ namespace fenro::mschap {
 // A refusal.
 extern const char* const REFUSED;
 
-// The answer to the request in `lines`. Whatever does not add up is a login refused.
+// The answer to the request in `lines`. A login is refused unless all of it is right.
 [[nodiscard]] std::string judge(std::string_view lines, const char* secrets_path,
                                 std::string_view server);
 

@@ -15,7 +15,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds MOMENT{250};
-constexpr std::chrono::seconds STALE{15};  // nobody asks about a check of before that any more
+constexpr std::chrono::seconds STALE{15};  // an older check answers no question
 constexpr int CONNECT_MS = 3000;           // for each address
 constexpr const char* PORT = "https";
 constexpr std::size_t SCHEME = sizeof "https://" - 1;

@@ -1,5 +1,5 @@
 // What the kernel says about interfaces and addresses, over a routing netlink socket.
-// The parsers take bytes that need not be well formed: they never read behind the end of a message.
+// The parsers take bytes that need not be well formed: they never read past the end of a message.
 #pragma once
 
 #include <cstddef>

@@ -61,7 +61,8 @@ class Database {
  private:
   using Prepared = std::unique_ptr<sqlite3_stmt, FreeWith<sqlite3_finalize>>;
   std::unique_ptr<sqlite3, FreeWith<sqlite3_close>> handle_;
-  std::map<std::string, Prepared> statements_;  // behind the handle, so that they go first
+  std::map<std::string, Prepared>
+      statements_;  // after the handle, so that they are destroyed first
 };
 
 // Gives a damaged file and its companions another name, in the place of one put aside before.

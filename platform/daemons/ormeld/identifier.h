@@ -1,4 +1,4 @@
-// Identifiers that nobody can guess: a mobile client logs in with one.
+// Identifiers that cannot be guessed: a mobile client logs in with one.
 #pragma once
 
 #include <string>

@@ -30,7 +30,7 @@ struct RowQuery {
 // start.
 [[nodiscard]] std::string select_text(const TableInfo& table, const RowQuery& query);
 
-// Puts a record with the values of a selected row behind `out`.
+// Appends a record with the values of a selected row to `out`.
 void append_record(const TableInfo& table, const Statement& row, std::string& out);
 
 }  // namespace fenro::ormeld

@@ -43,7 +43,8 @@ class Table {
 
   Database& database_;
   const TableInfo& info_;
-  std::int64_t rows_ = 0;  // kept, as counting costs a walk over the table; nobody else writes
+  std::int64_t rows_ =
+      0;  // kept, as counting costs a walk over the table; there is no other writer
 };
 
 }  // namespace fenro::ormeld

@@ -19,7 +19,7 @@ class UserBlocks {
 
   // Each takes the bytes of a name and answers with a status of the bus.
 
-  // Counts a failure. The first one behind a block that has run out is the first of a new count.
+  // Counts a failure. The first one after an expired block begins a new count.
   [[nodiscard]] int count(std::string_view user);
   // "1" for a blocked user, else "0". Fails when the policy cannot be read; callers take that for a
   // block.

@@ -13,6 +13,7 @@
 #include "base/secret_names.h"
 #include "base/tunnel.h"
 #include "ormel/actions/gateway_policy.h"
+#include "ormel/actions/tunnel_state.h"
 #include "ormel/base/crypto.h"
 #include "ormel/base/file.h"
 #include "ormel/base/handle.h"
@@ -23,22 +24,19 @@ namespace ormel::audit {
 
 namespace {
 
-// Keys that tunnels, scripts and daemons write on their own, or that follow from others.
-constexpr std::string_view OWN_KEYS[] = {
-    "Status",        "Time Stamp", "Last Error", "Real Address",
-    "LocalIP",       "RemoteIP",   "DNS Server", "Country Code",
-    "Domain IP",     "Trusted IP", "Index",      "setup_vpn_entrance_status",
-    "Trusted Proto", "dbversion",  "peers_num",  "ovpn_config_migration",
-    "max_index",
-};
-constexpr std::string_view OWN_ENDING = "_iptables_rules";
+// Keys that scripts and the program write on their own, or that follow from others.
+constexpr std::string_view OWN_KEYS[] = {"Index",     ENTRANCE_LINE,           "dbversion",
+                                         "peers_num", "ovpn_config_migration", "max_index"};
 constexpr std::string_view ENCODED_KEYS[] = {"Profile File", "Client name", "Server name", "name"};
-// Addresses of webhooks often hold a token.
-constexpr std::string_view SECRET_KEY = "URL";
 
 template <size_t Size>
 bool is_one_of(const std::string_view (&list)[Size], std::string_view key) {
   return std::ranges::find(list, key) != std::end(list);
+}
+
+bool is_setting(std::string_view section, std::string_view key) {
+  return !is_one_of(OWN_KEYS, key) && !key.ends_with(RULES_LINE) &&
+         !config::is_live_key(section, key);
 }
 
 std::string joined(const std::string& area, std::string_view name) {
@@ -47,19 +45,19 @@ std::string joined(const std::string& area, std::string_view name) {
 
 void read_ini(const std::string& text, const std::string& area, State& out) {
   std::string_view rest = text;
-  std::string section;
+  std::string_view section;
   while (!rest.empty()) {
     const std::string_view line = fenro::trimmed(fenro::take_line(rest));
     if (line.starts_with('[') && line.ends_with(']')) {
-      section = joined(area, line.substr(1, line.size() - 2));
+      section = line.substr(1, line.size() - 2);
       continue;
     }
     const size_t equals = line.find('=');
     if (equals == std::string_view::npos) continue;
     const std::string_view key = fenro::trimmed(line.substr(0, equals));
     const std::string_view value = fenro::trimmed(line.substr(equals + 1));
-    if (is_one_of(OWN_KEYS, key) || key.ends_with(OWN_ENDING)) continue;
-    out[joined(section, key)] =
+    if (!is_setting(section, key)) continue;
+    out[joined(section.empty() ? "" : joined(area, section), key)] =
         is_one_of(ENCODED_KEYS, key) ? percent_decoded(value) : std::string(value);
   }
 }
@@ -101,14 +99,6 @@ void read_rights(const std::string& text, const std::string& area, State& out) {
   }
 }
 
-std::string moment_text(int64_t seconds) {
-  const std::time_t at = seconds;
-  std::tm parts{};
-  char text[32] = "";
-  if (localtime_r(&at, &parts)) std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
-  return text;
-}
-
 void read_hold(const json_t* hold, const std::string& area, State& out) {
   const auto text = [hold](const char* member) {
     const char* const value = json_string_value(json_object_get(hold, member));
@@ -119,7 +109,7 @@ void read_hold(const json_t* hold, const std::string& area, State& out) {
   const bool limit = text("kind") == "limit";
   const json_t* const moment = json_object_get(hold, limit ? "since" : "until");
   out[joined(area, text("kind")) + '/' + name] =
-      (limit ? "since " : "until ") + moment_text(json_integer_value(moment));
+      (limit ? "since " : "until ") + clock_text(json_integer_value(moment));
 }
 
 void read_holds(const std::string& text, const std::string& area, State& out) {
@@ -211,8 +201,7 @@ bool is_secret(const std::string& field) {
   const std::string_view key = std::string_view(field).substr(field.rfind('/') + 1);
   const bool named_by_people = field.starts_with("rights/") || field.starts_with("hold/") ||
                                field.starts_with("grant/") || field.starts_with("tokens/");
-  return field.starts_with('/') || key == SECRET_KEY ||
-         (!named_by_people && fenro::is_secret_name(key));
+  return field.starts_with('/') || (!named_by_people && fenro::is_secret_name(key));
 }
 
 // A value of the table of fields as the file has it.

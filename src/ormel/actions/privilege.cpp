@@ -77,7 +77,7 @@ bool claim(int fd) {
   return flock(fd, LOCK_EX | LOCK_NB) == 0 && fstat(fd, &status) == 0 && status.st_nlink > 0;
 }
 
-// Whether random characters made this ending: a word or a date that somebody put behind the name
+// Whether random characters made this ending: a word or a date that somebody appended to the name
 // has but one kind.
 bool is_random(std::string_view ending) {
   const auto kind = [](unsigned char c) {

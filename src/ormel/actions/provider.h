@@ -18,7 +18,7 @@ namespace ormel::provider {
 // caller's.
 [[nodiscard]] json_t* reduce_settings(const std::string& settings);
 
-// Write callback of libcurl: appends to the std::string behind `out`, as long as that does not grow
+// Write callback of libcurl: appends to the std::string at `out`, as long as that does not grow
 // beyond all reason.
 size_t curl_memory_data(void* data, size_t size, size_t count, void* out);
 

@@ -143,6 +143,19 @@ std::string base16(const uint8_t (&bytes)[Size]) {
   return out;
 }
 
+// The functions of one hash of Nettle, one after the other, on the whole text.
+template <typename Context, size_t Size>
+std::string digest_of(const std::string& text, void (*init)(Context*),
+                      void (*update)(Context*, size_t, const uint8_t*),
+                      void (*finish)(Context*, size_t, uint8_t*)) {
+  Context context;
+  init(&context);
+  update(&context, text.size(), bytes_of(text));
+  uint8_t digest[Size];
+  finish(&context, Size, digest);
+  return base16(digest);
+}
+
 }  // namespace
 
 bool is_crl(const std::string& pem) {
@@ -196,21 +209,11 @@ long days_until(std::time_t end) {
 }
 
 std::string sha1(const std::string& text) {
-  sha1_ctx context;
-  sha1_init(&context);
-  sha1_update(&context, text.size(), bytes_of(text));
-  uint8_t digest[SHA1_DIGEST_SIZE];
-  sha1_digest(&context, sizeof digest, digest);
-  return base16(digest);
+  return digest_of<sha1_ctx, SHA1_DIGEST_SIZE>(text, sha1_init, sha1_update, sha1_digest);
 }
 
 std::string sha256(const std::string& text) {
-  sha256_ctx context;
-  sha256_init(&context);
-  sha256_update(&context, text.size(), bytes_of(text));
-  uint8_t digest[SHA256_DIGEST_SIZE];
-  sha256_digest(&context, sizeof digest, digest);
-  return base16(digest);
+  return digest_of<sha256_ctx, SHA256_DIGEST_SIZE>(text, sha256_init, sha256_update, sha256_digest);
 }
 
 std::string base64_encode(const std::string& text) {

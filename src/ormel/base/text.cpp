@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace ormel {
 
@@ -71,6 +72,15 @@ std::string to_lower(std::string text) {
 int to_int(const char* text) {
   if (!text) return 0;
   return static_cast<int>(std::clamp<long>(std::strtol(text, nullptr, 10), INT_MIN, INT_MAX));
+}
+
+std::string clock_text(std::int64_t seconds) {
+  const auto time = static_cast<std::time_t>(seconds);
+  std::tm parts{};
+  char text[sizeof "2000-01-01 00:00:00"];
+  const bool shown = localtime_r(&time, &parts) &&
+                     std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) > 0;
+  return shown ? text : "";
 }
 
 char* cut_pattern(char* text, char mark) {

@@ -1,6 +1,7 @@
 // Small helpers on text.
 #pragma once
 
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -33,6 +34,10 @@ std::string& lstrip(std::string& text, char c);
 // Returns the leading decimal number of a text, clamped to the range of int; 0 without one, and for
 // null.
 [[nodiscard]] int to_int(const char* text);
+
+// "2026-11-25 17:12:03" in the host's time zone, for seconds since 1970; empty for no moment of a
+// calendar.
+[[nodiscard]] std::string clock_text(std::int64_t seconds);
 
 // The text in a field of fixed size, which may lack its closing zero.
 template <size_t Size>

@@ -94,8 +94,7 @@ bool is_running(const BaseConfig& record) {
 
 Fault cannot_write(const std::string& path) {
   return {ERR_SAVE_FILE, path + " cannot be written",
-          "look whether its disk has room, and restore again: what was done stays, and what was "
-          "stopped is off until then"};
+          "look whether its disk has room, and restore again; what was written before it stays"};
 }
 
 class Restoration {
@@ -115,8 +114,8 @@ class Restoration {
 
   Fault run() {
     stop_touched();
-    if (Fault fault = write_files()) return fault;
-    if (Fault fault = save_records()) return fault;
+    if (Fault fault = write_files()) return start_again(fault);
+    if (Fault fault = save_records()) return start_again(fault);
     announce_profiles();
     end_lost_sessions();
     start_all();
@@ -254,7 +253,25 @@ class Restoration {
       const PolyConfig* const holder = present_.fetch(slot.type, slot.index);
       if (!holder || (!(*holder)->enable && !is_running(*holder->bc))) continue;
       std::ignore = (*holder)->do_disconnect(SILENT);  // what comes next starts it, or not
+      if ((*holder)->enable) stopped_.push_back(slot);
     }
+  }
+
+  // After a failure, vpn.conf is still the old one: what was stopped runs again by it.
+  Fault start_again(Fault fault) {
+    cm.config_pool.clear();
+    cm.load();
+    out_.warnings.clear();
+    std::string names;
+    for (const Slot& slot : stopped_) {
+      const PolyConfig* const holder = cm.fetch(slot.type, slot.index);
+      if (!holder) continue;
+      start(*holder->bc);
+      names += (names.empty() ? "; started again: " : ", ") + label_of(*holder->bc);
+    }
+    fault.advice += names;
+    for (const std::string& warning : out_.warnings) fault.advice += "; " + warning;
+    return fault;
   }
 
   Fault write_files() {
@@ -368,6 +385,7 @@ class Restoration {
   system::MemoryFile settings_;
   Management present_{}, wanted_{};
   std::set<Slot> touched_{};
+  std::vector<Slot> stopped_{};
   bool same_records_ = true;
   std::vector<FileChange> files_{};
   PrivilegeStorage rights_before_ = [] {

@@ -27,7 +27,7 @@ bool has_sections(const std::string& text) {
 std::string line_of(char mark, const std::string& key, const std::string& value,
                     const char* shown) {
   return std::string(1, mark) + ' ' + key + " = " +
-         (is_secret_key(key) && !value.empty() ? shown : value);
+         (fenro::is_secret_name(key) && !value.empty() ? shown : value);
 }
 
 // The settings of one section that are new, gone or other ones.
@@ -88,11 +88,6 @@ Lines compare(const StateFile& row, const std::string* before, const std::string
 }
 
 }  // namespace
-
-// Addresses of webhooks often hold a token.
-bool is_secret_key(std::string_view key) {
-  return key == "URL" || fenro::is_secret_name(key);
-}
 
 Contents read_state(const std::string& root) {
   Contents contents;

@@ -23,7 +23,4 @@ struct FileDifference {
 [[nodiscard]] std::vector<FileDifference> differences(const Contents& before,
                                                       const Contents& after);
 
-// Whether the value of a key must not be shown.
-[[nodiscard]] bool is_secret_key(std::string_view key);
-
 }  // namespace ormel::changes

@@ -14,6 +14,10 @@ enum class Turn {
   DECIDE,   // what becomes of a change that waits for its confirmation, or of a restore
 };
 
+// From now on, each lock that has waited for two seconds calls `report` once with what it waits
+// for.
+void report_long_waits(void (*report)(const char* what));
+
 // The turn, as long as it lives. Never taken twice by one process, but GO_BACK with DECIDE.
 class StateLock {
  public:

@@ -15,6 +15,7 @@
 #include "ormel/base/crypto.h"
 #include "ormel/base/error.h"
 #include "ormel/base/log.h"
+#include "ormel/base/text.h"
 #include "ormel/changes/lock.h"
 #include "ormel/host/event_log.h"
 #include "ormel/host/process.h"
@@ -64,14 +65,6 @@ bool equal(std::string_view a, std::string_view b) {
   for (size_t i = 0; i < a.size(); ++i)
     difference |= static_cast<unsigned char>(a[i]) ^ static_cast<unsigned char>(b[i]);
   return difference == 0;
-}
-
-std::string clock_text(std::int64_t seconds) {
-  const auto time = static_cast<std::time_t>(seconds);
-  std::tm parts{};
-  char text[sizeof "2000-01-01 00:00:00"];
-  localtime_r(&time, &parts);
-  return std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) > 0 ? text : "";
 }
 
 std::string joined(const std::vector<std::string>& texts) {

@@ -4,28 +4,17 @@
 #include <set>
 
 #include "base/lines.h"
-#include "base/tunnel.h"
 #include "ormel/actions/tunnel_state.h"
+#include "ormel/config/fields.h"
 
 namespace ormel::changes {
 
 namespace {
 
-constexpr std::string_view CLIENT_KEYS[] = {
-    "LocalIP",    "RemoteIP",   "Real Address", "DNS Server", "Status",       "Country Code",
-    "Time Stamp", "Last Error", "Domain IP",    "Trusted IP", "Trusted Proto"};
-// Whether users have to load their profile again goes by what they have loaded, not by settings.
-constexpr std::string_view SERVER_KEYS[] = {"Download Status"};
-
 // What the start scripts note in the file. A save by the program drops it, and the next start of a
 // server brings it back.
 bool is_note_of_scripts(std::string_view key) {
   return key == ENTRANCE_LINE || key.ends_with(RULES_LINE);
-}
-
-template <size_t Count>
-bool lists(const std::string_view (&keys)[Count], std::string_view key) {
-  return std::ranges::find(keys, key) != std::end(keys);
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -37,12 +26,7 @@ std::string_view trimmed(std::string_view text) {
 }  // namespace
 
 bool is_live_key(std::string_view section, std::string_view key) {
-  if (is_note_of_scripts(key)) return true;
-  for (const TunnelFacts& facts : TUNNELS) {
-    if (section == facts.section) return lists(SERVER_KEYS, key);
-    if (section.starts_with(facts.client_section)) return lists(CLIENT_KEYS, key);
-  }
-  return false;
+  return is_note_of_scripts(key) || config::is_live_key(section, key);
 }
 
 std::pair<std::string_view, std::string_view> key_and_value(std::string_view line) {

@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
+#include <set>
 #include <type_traits>
 
+#include "base/tunnel.h"
 #include "ormel/base/crypto.h"
 #include "ormel/base/text.h"
 
@@ -107,11 +110,43 @@ std::string plain_text(Number value) {
   return std::to_string(value);
 }
 
+bool is_live(const Field& row) {
+  return row.is(IF_UP) || row.is(LEARNED);
+}
+
 bool is_setting(const Field& row) {
-  return row.is_saved() && !row.is(IF_UP) && !row.is(LEARNED);
+  return row.is_saved() && !is_live(row);
+}
+
+TYPE type_of_section(std::string_view section) {
+  for (const TunnelFacts& facts : TUNNELS) {
+    if (section == facts.section) return facts.server;
+    if (section.starts_with(facts.client_section)) return facts.client;
+  }
+  return NONE_TYPE;
+}
+
+std::set<std::string_view> live_keys_of(TYPE type) {
+  std::set<std::string_view> keys;
+  const auto record = make_record(type, 0);
+  for (const FieldTable& table : record->fields()) {
+    for (const Field& row : table) {
+      if (is_live(row)) keys.insert(row.key);
+    }
+  }
+  return keys;
 }
 
 }  // namespace
+
+bool is_live_key(std::string_view section, std::string_view key) {
+  static std::map<TYPE, std::set<std::string_view>> known;
+  const TYPE type = type_of_section(section);
+  if (type == NONE_TYPE) return false;
+  const auto [keys, is_new] = known.try_emplace(type);
+  if (is_new) keys->second = live_keys_of(type);
+  return keys->second.contains(key);
+}
 
 std::string value_text(const BaseConfig& record, const Field& row) {
   return std::visit([&](auto member) { return plain_text(record.*member); }, row.member);

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 #include <variant>
 
 #include "ormel/config/record.h"
@@ -70,6 +71,9 @@ struct Field {
 
 // Forgets what only a live tunnel has.
 void forget_live_values(BaseConfig& record);
+
+// Whether only tunnels and look-ups write this key of a section of vpn.conf, and no one sets it.
+[[nodiscard]] bool is_live_key(std::string_view section, std::string_view key);
 
 // Whether two records of one type hold the same settings; what was learned does not count.
 [[nodiscard]] bool same_settings(const BaseConfig& one, const BaseConfig& other);

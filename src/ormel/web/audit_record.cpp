@@ -110,7 +110,7 @@ std::string subject_of(const std::string& action, const Request& request) {
 }
 
 bool is_recorded(const Route& route, const Request& request) {
-  return route.effect == CHANGES && !request.is_local() && ormel::audit::is_kept();
+  return route.effect != READS && !request.is_local() && ormel::audit::is_kept();
 }
 
 }  // namespace

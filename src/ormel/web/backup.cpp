@@ -87,7 +87,7 @@ Outcome restore(const Request& request, JsonValue& reply) {
 }
 
 constexpr Route ROWS[] = {
-    {"/ormel/backup/download", ADMINISTRATOR, READS, file<send_backup>},
+    {"/ormel/backup/download", ADMINISTRATOR, REVEALS, file<send_backup>},
     {"/ormel/backup/inspect", ADMINISTRATOR, READS, json<inspect>},
     {"/ormel/backup/restore", ADMINISTRATOR, CHANGES, json<restore>},
 };

@@ -77,8 +77,9 @@ constexpr Access ADMINISTRATOR{ADMIN_USER, ERR_SESSION_FAIL};
 constexpr Access ADMINISTRATOR_BY_NAME{ADMIN_USER,
                                        ERR_NOT_ADMIN_SESSION};  // tells a general user why
 
-// Whether a route changes settings, tunnels or logs for its user.
-enum Effect { READS, CHANGES };
+// Whether a route changes settings, tunnels or logs for its user, or gives out all secrets. Both of
+// these are in the audit trail.
+enum Effect { READS, REVEALS, CHANGES };
 
 // How a route ends that says more of a failure than its code.
 struct Outcome {

@@ -844,7 +844,8 @@ const german: Catalogue = {
   'backup.removed': 'Entfernt',
   'backup.restore': 'Sicherung zurückspielen',
   'backup.restoreCard': 'Sicherung zurückspielen',
-  'backup.restoreHelp': 'Der Inhalt wird gezeigt, bevor sich etwas ändert.',
+  'backup.restoreHelp':
+    'Der Inhalt wird gezeigt, bevor sich etwas ändert. Dateien über 1 MiB spielt ormelctl zurück.',
   'backup.restoreText':
     'Die jetzigen Einstellungen werden ersetzt, und was anders ist, wird unterbrochen.',
   'backup.restoreTitle': 'Diese Sicherung zurückspielen?',

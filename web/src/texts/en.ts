@@ -809,7 +809,8 @@ export default {
   'backup.removed': 'Removed',
   'backup.restore': 'Restore the backup',
   'backup.restoreCard': 'Restore a backup',
-  'backup.restoreHelp': 'The content is shown before anything changes.',
+  'backup.restoreHelp':
+    'The content is shown before anything changes. Files above 1 MiB are restored with ormelctl.',
   'backup.restoreText': 'The present settings are replaced, and what differs is interrupted.',
   'backup.restoreTitle': 'Restore this backup?',
   'backup.servers': 'Servers that are on',

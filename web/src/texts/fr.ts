@@ -838,7 +838,8 @@ const french: Catalogue = {
   'backup.removed': 'Supprimé',
   'backup.restore': 'Restaurer la sauvegarde',
   'backup.restoreCard': 'Restaurer une sauvegarde',
-  'backup.restoreHelp': 'Le contenu est affiché avant tout changement.',
+  'backup.restoreHelp':
+    'Le contenu est affiché avant tout changement. Au-delà de 1 Mio, ormelctl restaure le fichier.',
   'backup.restoreText': 'Les réglages actuels sont remplacés, et ce qui diffère est interrompu.',
   'backup.restoreTitle': 'Restaurer cette sauvegarde ?',
   'backup.servers': 'Serveurs activés',
