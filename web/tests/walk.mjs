@@ -46,7 +46,7 @@ after(end)
 test('nobody gets in with a wrong password, an administrator does', async () => {
   near = await open(NEAR)
   await logIn(near, 'admin', 'wrong')
-  await near.getByRole('alert').getByText('User or password is wrong.').waitFor()
+  await near.getByRole('alert').getByText('User, password or code is wrong.').waitFor()
   await accessible(near, 'login')
   await logIn(near, 'admin', text(`${DESK}/appliance`))
   await near.getByRole('heading', { level: 1, name: 'Overview' }).waitFor()

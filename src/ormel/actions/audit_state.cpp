@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <ctime>
 #include <string_view>
 #include <variant>
 
@@ -137,7 +136,7 @@ void read_grants(const std::string& text, const std::string& area, State& out) {
     json_t* until = nullptr;
     json_object_foreach(json_object_get(row, "until"), server, until)
         out[user + '/' + words_of(std::atoi(server))] =
-            "until " + moment_text(json_integer_value(until));
+            "until " + clock_text(json_integer_value(until));
   }
   json_array_foreach(json_object_get(document.get(), "devices"), at, row) {
     const char* const key = json_string_value(json_object_get(row, "key"));
@@ -155,7 +154,7 @@ void read_tokens(const std::string& text, const std::string& area, State& out) {
     const char* const scope = json_string_value(json_object_get(row, "scope"));
     if (!name || !scope) continue;
     out[joined(area, name)] = std::string(scope) + " until " +
-                              moment_text(json_integer_value(json_object_get(row, "expires")));
+                              clock_text(json_integer_value(json_object_get(row, "expires")));
   }
 }
 
