@@ -305,7 +305,7 @@ TEST_F(Changes, GoBackOnceTheTimeIsOver) {
     std::string file = get("/var/lib/ormel/pending/change.json");
     const size_t end = file.find("\"boot_until\":");
     if (row.overdue)
-      put("/var/lib/ormel/pending/change.json", file.replace(end, 14, "\"boot_until\":-"));
+      put("/var/lib/ormel/pending/change.json", file.replace(end, 13, "\"boot_until\":-"));
     const int snapshot = changes.find()->snapshot;
     EXPECT_EQ(changes.expire(snapshot + 1).code, NO_ERROR);
     EXPECT_EQ(get(CONF), changed) << "the timer of another change";
