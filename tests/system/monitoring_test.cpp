@@ -127,6 +127,12 @@ TEST_F(Monitoring, WritesAFileAsAWholeOrNotAtAll) {
   EXPECT_EQ(ctl({"metrics", "--textfile", "/tmp/ormel.prom"}).status, 0);
   EXPECT_THAT(parse_exposition(read("/tmp/ormel.prom")).faults, testing::IsEmpty());
   EXPECT_EQ(mode_of("/tmp/ormel.prom"), 0644U);
+  write("/tmp/other", "kept");
+  fs::remove("/tmp/ormel.prom");
+  fs::create_symlink("/tmp/other", "/tmp/ormel.prom");
+  EXPECT_EQ(ctl({"metrics", "--textfile", "/tmp/ormel.prom"}).status, 0);
+  EXPECT_EQ(read("/tmp/other"), "kept") << "which the owner of the folder may not own";
+  EXPECT_FALSE(fs::is_symlink("/tmp/ormel.prom"));
   const Result failed = ctl({"metrics", "--textfile", "/tmp/nowhere/ormel.prom"});
   EXPECT_EQ(failed.status, 1);
   EXPECT_THAT(failed.err, HasSubstr("/tmp/nowhere/ormel.prom cannot be written: No such file"));

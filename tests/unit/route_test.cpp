@@ -171,7 +171,8 @@ TEST_F(TokenRoutes, LeaveSecretsOutForAScopeThatChangesNothing) {
   Route row = *find_route("/ormel/config/show");
   row.answer.give = [](const Request&, JsonValue& out) {
     out["data"] = json_loads(R"([{"psk":"s1","peers":[{"psk":"s2","peer_pub_key":"public"}],
-                                  "server_pri_key":"s3","pass":"s4","auth_user_pass":1}])",
+                                  "server_pri_key":"s3","pass":"s4","auth_user_pass":1},
+                                 {"name":"hook","url":"s5"}])",
                              0, nullptr);
     out["name"] = "\xff";
     return answer_json(out, {});
@@ -180,7 +181,7 @@ TEST_F(TokenRoutes, LeaveSecretsOutForAScopeThatChangesNothing) {
   EXPECT_NE(read.find("public"), std::string::npos) << read;
   EXPECT_NE(read.find("\"auth_user_pass\":1"), std::string::npos) << read;
   const std::string admin = ask(row, token_of("admin"));
-  for (const char* secret : {"s1", "s2", "s3", "s4"}) {
+  for (const char* secret : {"s1", "s2", "s3", "s4", "s5"}) {
     EXPECT_EQ(read.find(std::string("\"") + secret), std::string::npos) << read;
     EXPECT_NE(admin.find(std::string("\"") + secret), std::string::npos) << admin;
   }

@@ -29,9 +29,9 @@ constexpr std::string_view FIGURES = "/ormel/metrics";
 // What is open to a user who has to set up a second factor first.
 constexpr std::string_view SET_UP = "/ormel/my/totp_";
 constexpr const char* SET_UP_FIRST = "a second factor is required: log in again and set it up";
-// Members of answers.
-constexpr std::string_view SECRETS[] = {"pass",           "psk",           "secret", "pri_key",
-                                        "server_pri_key", "client_pri_key"};
+// Members of answers. The address of a webhook often holds a token.
+constexpr std::string_view SECRETS[] = {
+    "pass", "psk", "secret", "pri_key", "server_pri_key", "client_pri_key", "url"};
 
 bool is_for_people(std::string_view path) {
   return std::ranges::any_of(FOR_PEOPLE,
