@@ -135,6 +135,7 @@ TEST_F(Tokens, HaveANameAScopeAndATimeWithinLimits) {
               {"a b", "read", 60, ERR_VALUE},
               {"a\nb", "read", 60, ERR_VALUE},
               {"prom", "read", 60, ERR_VALUE},
+              {token.id, "read", 60, ERR_VALUE},
               {"b", "", 60, ERR_VALUE},
               {"b", "root", 60, ERR_VALUE},
               {"b", "read", 59, ERR_VALUE},

@@ -126,6 +126,13 @@ bool is_name(const std::string& name) {
          name.find_first_not_of(ALLOWED) == std::string::npos;
 }
 
+// By a name or an id. No token has another one's id as its name, or `remove` could take either.
+std::vector<Token>::const_iterator find(const std::vector<Token>& tokens,
+                                        const std::string& which) {
+  return std::ranges::find_if(
+      tokens, [&which](const Token& one) { return one.name == which || one.id == which; });
+}
+
 // An empty text, or what is wrong with the wish.
 std::string fault_of(const std::vector<Token>& tokens, const std::string& name,
                      const std::string& scope, int64_t life) {
@@ -134,8 +141,7 @@ std::string fault_of(const std::vector<Token>& tokens, const std::string& name,
   if (life < SHORTEST_LIFE || life > LONGEST_LIFE)
     return "a token is valid for a minute at least, and for 3660 days at most";
   if (tokens.size() >= MOST_TOKENS) return "there are 100 tokens already: remove one first";
-  const bool taken = std::ranges::find(tokens, name, &Token::name) != tokens.end();
-  return taken ? "there is a token of that name already" : "";
+  return find(tokens, name) != tokens.end() ? "there is a token of that name already" : "";
 }
 
 bool equal(std::string_view one, std::string_view other) {
@@ -231,7 +237,7 @@ Verdict add(const std::string& name, const std::string& scope, int64_t life, con
   do {
     if (!fill_randomly(id) || !fill_randomly(secret))
       return {ERR_GENERAL, "the kernel gives no random bytes"};
-  } while (std::ranges::find(tokens, hexadecimal(id), &Token::id) != tokens.end());
+  } while (hexadecimal(id) == name || find(tokens, hexadecimal(id)) != tokens.end());
   const int64_t now = std::time(nullptr);
   made = {.id = hexadecimal(id),
           .name = name,
@@ -250,8 +256,7 @@ Verdict remove(const std::string& which) {
   const Fd turn = take_turn();
   std::vector<Token> tokens;
   if (!turn || !list(tokens)) return no_file();
-  const auto token = std::ranges::find_if(
-      tokens, [&which](const Token& one) { return one.name == which || one.id == which; });
+  const auto token = find(tokens, which);
   if (token == tokens.end()) return {ERR_CONFIGURE_INDEX, "no token is named " + which};
   tokens.erase(token);
   return store(tokens) ? Verdict{} : no_file();
