@@ -32,6 +32,7 @@ constexpr size_t ID_BYTES = 4;
 constexpr size_t SECRET_BYTES = 32;
 constexpr int64_t NOTE_SECONDS = 60;
 constexpr size_t MOST_BYTES = size_t{1} << 20;
+constexpr const char* NOT_VALID = "the token is unknown or out of date: ormelctl token list";
 constexpr const char* HEXADECIMAL = "0123456789abcdef";
 
 std::string text_of(const json_t* object, const char* key) {
@@ -149,7 +150,7 @@ bool equal(std::string_view one, std::string_view other) {
 }
 
 // Takes as long whichever token it is, and whether there is one.
-const Token* find_valid(const std::vector<Token>& tokens, std::string_view text, int64_t now) {
+const Token* find_token(const std::vector<Token>& tokens, std::string_view text) {
   const size_t middle = text.find('_');
   const std::string_view id = text.substr(0, middle);
   const std::string_view secret =
@@ -158,7 +159,7 @@ const Token* find_valid(const std::vector<Token>& tokens, std::string_view text,
   const Token* found = nullptr;
   for (const Token& token : tokens) {
     const bool same = equal(token.id, id) & equal(token.hash, hash);
-    if (same && now < token.expires) found = &token;
+    if (same) found = &token;
   }
   return found;
 }
@@ -269,12 +270,13 @@ Holder check(std::string_view authorization, const std::string& address, int64_t
     return {.refusal = too_many(wait)};
   std::vector<Token> tokens;
   if (!list(tokens)) return {.refusal = no_file().reason};
-  const Token* const token = find_valid(tokens, bearer_of(authorization), now);
+  const Token* const token = find_token(tokens, bearer_of(authorization));
+  // A program that goes on with it is guessing nothing, and closes no address to others.
+  if (token && now >= token->expires) return {.refusal = NOT_VALID};
   if (!token) {
     // The address in the place of a user: what others try must not count for it.
     std::ignore = throttle.admit(address, address, clock);  // it is refused anyway
-    return {.refusal = "the token is unknown or out of date: ormelctl token list",
-            .closes = throttle.retry_after(address, clock) > 0};
+    return {.refusal = NOT_VALID, .closes = throttle.retry_after(address, clock) > 0};
   }
   if (now - token->used >= NOTE_SECONDS || token->used > now) note_use(token->id, address, now);
   return {HOLDER + token->name, token->scope};
