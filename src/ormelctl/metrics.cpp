@@ -2,12 +2,17 @@
 #include "ormel/web/metrics.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include "base/file.h"
+#include "base/handle.h"
 #include "ormel/actions/token.h"
 #include "ormel/base/error.h"
-#include "ormel/base/file.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/command.h"
 #include "ormelctl/service.h"
@@ -30,6 +35,21 @@ void add_texts(json_t* row) {
   json_object_set_new(row, "days", left > 0 ? json_integer(left / DAY) : json_string("expired"));
 }
 
+// The folder may belong to the collector: a link in the file's place is replaced and not followed,
+// or its owner could have any file of this host overwritten.
+bool put_file(const std::string& path, const std::string& text) {
+  std::string name = path + ".XXXXXX";
+  const fenro::Fd fd{mkostemp(name.data(), O_CLOEXEC)};
+  if (!fd) return false;
+  if (fchmod(fd.get(), FOR_ALL) == 0 && fenro::write_all(fd.get(), text) && fsync(fd.get()) == 0 &&
+      rename(name.c_str(), path.c_str()) == 0)
+    return true;
+  const int why = errno;
+  unlink(name.c_str());
+  errno = why;
+  return false;
+}
+
 }  // namespace
 
 Result metrics(const Arguments& arguments) {
@@ -37,7 +57,7 @@ Result metrics(const Arguments& arguments) {
   ormel::Json data{json_pack("{s:s}", "text", text.c_str())};
   if (!arguments.has("textfile")) return done(text, std::move(data));
   const std::string file = arguments.value("textfile");
-  if (!ormel::system::replace_file(file, text, FOR_ALL)) {
+  if (!put_file(file, text)) {
     const char* const why = strerrordesc_np(errno);
     return failed(Exit::Failed, file + " cannot be written: " + (why ? why : "unknown error"),
                   "its folder must exist, and have room");

@@ -8,6 +8,7 @@
 
 #include <jansson.h>
 
+#include "base/second_factor.h"
 #include "ormel/base/crypto.h"
 #include "ormel/base/handle.h"
 #include "ormel/web/routes.h"
@@ -91,6 +92,8 @@ TEST_F(Monitoring, CountsRefusedLoginsOfAnHourAndBlockedUsers) {
   for (int i = 0; i < 120; ++i) add_refusal(ormel::OVPN_SERVER_TYPE, "wrong password", 60);
   add_refusal(ormel::OVPN_SERVER_TYPE, "blocked after too many wrong passwords", 50);
   add_refusal(ormel::PPTP_SERVER_TYPE, "kept out by an administrator", 40);
+  add_refusal(ormel::OVPN_SERVER_TYPE,
+              fenro::reason_of_factor(static_cast<int>(fenro::FactorRefusal::Absent)), 35);
   add_refusal(ormel::PPTP_SERVER_TYPE, "\xff\"\n", 30);
   for (int i = 0; i < 5; ++i)
     bus(ormel::log_db::SERVICE, ormel::log_db::PRIVILEGE_USER_BLOCK.insert, "guest");
@@ -98,6 +101,7 @@ TEST_F(Monitoring, CountsRefusedLoginsOfAnHourAndBlockedUsers) {
   const std::string family = "ormel_login_failures_1h";
   for (const auto& [labels, count] : {std::pair{"{protocol=\"openvpn\",reason=\"password\"}", 120},
                                       {"{protocol=\"openvpn\",reason=\"blocked\"}", 1},
+                                      {"{protocol=\"openvpn\",reason=\"second-factor\"}", 1},
                                       {"{protocol=\"pptp\",reason=\"held\"}", 1},
                                       {"{protocol=\"pptp\",reason=\"other\"}", 1},
                                       {"{protocol=\"drovik\",reason=\"password\"}", 0}})
@@ -127,6 +131,12 @@ TEST_F(Monitoring, WritesAFileAsAWholeOrNotAtAll) {
   EXPECT_EQ(ctl({"metrics", "--textfile", "/tmp/ormel.prom"}).status, 0);
   EXPECT_THAT(parse_exposition(read("/tmp/ormel.prom")).faults, testing::IsEmpty());
   EXPECT_EQ(mode_of("/tmp/ormel.prom"), 0644U);
+  write("/tmp/other", "kept");
+  fs::remove("/tmp/ormel.prom");
+  fs::create_symlink("/tmp/other", "/tmp/ormel.prom");
+  EXPECT_EQ(ctl({"metrics", "--textfile", "/tmp/ormel.prom"}).status, 0);
+  EXPECT_EQ(read("/tmp/other"), "kept") << "which the owner of the folder may not own";
+  EXPECT_FALSE(fs::is_symlink("/tmp/ormel.prom"));
   const Result failed = ctl({"metrics", "--textfile", "/tmp/nowhere/ormel.prom"});
   EXPECT_EQ(failed.status, 1);
   EXPECT_THAT(failed.err, HasSubstr("/tmp/nowhere/ormel.prom cannot be written: No such file"));

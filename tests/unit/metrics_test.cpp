@@ -1,8 +1,12 @@
 // Figures for a monitoring system: the document whatever names are in it, questions that hang, and
 // the names that alerts, the dashboard and the documentation use.
+#include <array>
 #include <chrono>
+#include <cstdlib>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <regex>
+#include <tuple>
 #include <unistd.h>
 
 #include "ormel/actions/exposition.h"
@@ -65,6 +69,20 @@ TEST(Metrics, WaitForNoQuestionThatHangsOrDies) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
   EXPECT_THAT(answers,
               ElementsAre("one", std::nullopt, std::nullopt, std::string(300000, 'x'), ""));
+}
+
+TEST(Metrics, LeaveNoProgramBehindThatAQuestionHasStarted) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(pipe(ends.data()), 0);
+  std::ignore = system::gather({[]() -> std::string {
+                                 std::ignore = std::system("sleep 60");
+                                 return "never";
+                               }},
+                               300ms);
+  close(ends[1]);
+  pollfd held{ends[0], POLLIN, 0};  // by the program, as long as it lives
+  EXPECT_EQ(poll(&held, 1, 2000), 1);
+  close(ends[0]);
 }
 
 // What the repository ships for monitoring systems, and what it says of the figures.

@@ -118,6 +118,9 @@ TEST_F(Tokens, NoteTheirUseOnceAMinute) {
 }
 
 TEST_F(Tokens, AreClosedToAnAddressThatHasTriedTenWrongOnes) {
+  for (int i = 0; i < 20; ++i)
+    EXPECT_THAT(ask("Bearer " + text, token.expires).refusal, HasSubstr("out of date"));
+  EXPECT_EQ(ask("Bearer " + text).name, "token:prom");
   for (int i = 0; i < 10; ++i)
     EXPECT_THAT(ask("Bearer ormel_x_" + std::to_string(i)).refusal, HasSubstr("unknown"));
   EXPECT_THAT(ask("Bearer " + text).refusal, HasSubstr("try again in "));
@@ -135,6 +138,7 @@ TEST_F(Tokens, HaveANameAScopeAndATimeWithinLimits) {
               {"a b", "read", 60, ERR_VALUE},
               {"a\nb", "read", 60, ERR_VALUE},
               {"prom", "read", 60, ERR_VALUE},
+              {token.id, "read", 60, ERR_VALUE},
               {"b", "", 60, ERR_VALUE},
               {"b", "root", 60, ERR_VALUE},
               {"b", "read", 59, ERR_VALUE},

@@ -32,6 +32,7 @@ constexpr size_t ID_BYTES = 4;
 constexpr size_t SECRET_BYTES = 32;
 constexpr int64_t NOTE_SECONDS = 60;
 constexpr size_t MOST_BYTES = size_t{1} << 20;
+constexpr const char* NOT_VALID = "the token is unknown or out of date: ormelctl token list";
 constexpr const char* HEXADECIMAL = "0123456789abcdef";
 
 std::string text_of(const json_t* object, const char* key) {
@@ -126,6 +127,13 @@ bool is_name(const std::string& name) {
          name.find_first_not_of(ALLOWED) == std::string::npos;
 }
 
+// By a name or an id. No token has another one's id as its name, or `remove` could take either.
+std::vector<Token>::const_iterator find(const std::vector<Token>& tokens,
+                                        const std::string& which) {
+  return std::ranges::find_if(
+      tokens, [&which](const Token& one) { return one.name == which || one.id == which; });
+}
+
 // An empty text, or what is wrong with the wish.
 std::string fault_of(const std::vector<Token>& tokens, const std::string& name,
                      const std::string& scope, int64_t life) {
@@ -134,8 +142,7 @@ std::string fault_of(const std::vector<Token>& tokens, const std::string& name,
   if (life < SHORTEST_LIFE || life > LONGEST_LIFE)
     return "a token is valid for a minute at least, and for 3660 days at most";
   if (tokens.size() >= MOST_TOKENS) return "there are 100 tokens already: remove one first";
-  const bool taken = std::ranges::find(tokens, name, &Token::name) != tokens.end();
-  return taken ? "there is a token of that name already" : "";
+  return find(tokens, name) != tokens.end() ? "there is a token of that name already" : "";
 }
 
 bool equal(std::string_view one, std::string_view other) {
@@ -143,7 +150,7 @@ bool equal(std::string_view one, std::string_view other) {
 }
 
 // Takes as long whichever token it is, and whether there is one.
-const Token* find_valid(const std::vector<Token>& tokens, std::string_view text, int64_t now) {
+const Token* find_token(const std::vector<Token>& tokens, std::string_view text) {
   const size_t middle = text.find('_');
   const std::string_view id = text.substr(0, middle);
   const std::string_view secret =
@@ -152,7 +159,7 @@ const Token* find_valid(const std::vector<Token>& tokens, std::string_view text,
   const Token* found = nullptr;
   for (const Token& token : tokens) {
     const bool same = equal(token.id, id) & equal(token.hash, hash);
-    if (same && now < token.expires) found = &token;
+    if (same) found = &token;
   }
   return found;
 }
@@ -231,7 +238,7 @@ Verdict add(const std::string& name, const std::string& scope, int64_t life, con
   do {
     if (!fill_randomly(id) || !fill_randomly(secret))
       return {ERR_GENERAL, "the kernel gives no random bytes"};
-  } while (std::ranges::find(tokens, hexadecimal(id), &Token::id) != tokens.end());
+  } while (hexadecimal(id) == name || find(tokens, hexadecimal(id)) != tokens.end());
   const int64_t now = std::time(nullptr);
   made = {.id = hexadecimal(id),
           .name = name,
@@ -250,8 +257,7 @@ Verdict remove(const std::string& which) {
   const Fd turn = take_turn();
   std::vector<Token> tokens;
   if (!turn || !list(tokens)) return no_file();
-  const auto token = std::ranges::find_if(
-      tokens, [&which](const Token& one) { return one.name == which || one.id == which; });
+  const auto token = find(tokens, which);
   if (token == tokens.end()) return {ERR_CONFIGURE_INDEX, "no token is named " + which};
   tokens.erase(token);
   return store(tokens) ? Verdict{} : no_file();
@@ -264,12 +270,13 @@ Holder check(std::string_view authorization, const std::string& address, int64_t
     return {.refusal = too_many(wait)};
   std::vector<Token> tokens;
   if (!list(tokens)) return {.refusal = no_file().reason};
-  const Token* const token = find_valid(tokens, bearer_of(authorization), now);
+  const Token* const token = find_token(tokens, bearer_of(authorization));
+  // A program that goes on with it is guessing nothing, and closes no address to others.
+  if (token && now >= token->expires) return {.refusal = NOT_VALID};
   if (!token) {
     // The address in the place of a user: what others try must not count for it.
     std::ignore = throttle.admit(address, address, clock);  // it is refused anyway
-    return {.refusal = "the token is unknown or out of date: ormelctl token list",
-            .closes = throttle.retry_after(address, clock) > 0};
+    return {.refusal = NOT_VALID, .closes = throttle.retry_after(address, clock) > 0};
   }
   if (now - token->used >= NOTE_SECONDS || token->used > now) note_use(token->id, address, now);
   return {HOLDER + token->name, token->scope};

@@ -72,8 +72,8 @@ struct Holder {
 [[nodiscard]] bool is_bearer(std::string_view authorization);
 
 // Looks at what a request from `address` has as its header "Authorization", and notes the use. The
-// same refusal for a token that is unknown, malformed or out of date; ten of them from one address
-// close it to all tokens for a quarter of an hour.
+// same refusal for a token that is unknown, malformed or out of date; ten that are none from one
+// address close it to all tokens for a quarter of an hour.
 [[nodiscard]] Holder check(std::string_view authorization, const std::string& address, int64_t now);
 
 // Where the file and the counters of wrong tokens are; for tests.

@@ -29,7 +29,9 @@ struct Asked {
   std::string text{};
 };
 
+// In a group of its own, with the programs that it starts.
 [[noreturn]] void answer(const Question& question, int fd) {
+  setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   const bool written = write_all(fd, question() + END_MARK);
   _exit(written ? 0 : 1);
@@ -43,6 +45,7 @@ Asked ask(const Question& question) {
   const pid_t process = fork();
   if (process == 0) answer(question, writing.get());
   if (process < 0) return {};
+  setpgid(process, process);  // whichever of the two comes first
   return {process, std::move(reading), {}};
 }
 
@@ -75,7 +78,7 @@ bool listen(std::vector<Asked>& all, milliseconds left) {
 std::optional<std::string> finish(Asked& asked) {
   if (asked.process < 0) return {};
   const bool whole = asked.text.ends_with(END_MARK);
-  if (!whole) kill(asked.process, SIGKILL);
+  if (!whole) kill(-asked.process, SIGKILL);
   std::ignore = TEMP_FAILURE_RETRY(waitpid(asked.process, nullptr, 0));
   if (!whole) return {};
   asked.text.pop_back();

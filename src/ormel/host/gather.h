@@ -13,7 +13,7 @@ namespace ormel::system {
 using Question = std::function<std::string()>;
 
 // The answer to each question, in their order; nothing for one that has not ended within `limit` or
-// has died. Nothing of a question's process is left afterwards.
+// has died. Nothing of such a question's process, and of what it has started, is left afterwards.
 [[nodiscard]] std::vector<std::optional<std::string>> gather(const std::vector<Question>& questions,
                                                              std::chrono::milliseconds limit);
 

@@ -214,11 +214,9 @@ struct Cause {
   std::string_view word;
   const char* label;
 };
-constexpr Cause CAUSES[] = {{"blocked", "blocked"},
-                            {"kept out", "held"},
-                            {"password", "password"},
-                            {"right", "right"},
-                            {"", "other"}};
+constexpr Cause CAUSES[] = {
+    {"blocked", "blocked"},   {"kept out", "held"}, {"second factor", "second-factor"},
+    {"password", "password"}, {"right", "right"},   {"", "other"}};
 
 const char* cause_of(const std::string& reason) {
   return std::ranges::find_if(
@@ -392,7 +390,7 @@ std::string certificate_samples(const ormel::config::Management& pool,
   return text;
 }
 
-// What else a daemon is asked once it has answered.
+// What else a daemon is asked.
 struct Figures {
   std::string_view service;
   std::string (*ask)(const std::vector<Profile>& profiles);
@@ -405,13 +403,16 @@ std::string daemon_sample(const system::BusDaemon& daemon, bool up) {
   return sample("ormel_daemon_up", {{"daemon", daemon.name}}, up);
 }
 
-std::string daemon_samples(const system::BusDaemon& daemon, const std::vector<Profile>& profiles) {
-  if (!system::serves(daemon.service, BUS_SECONDS)) return daemon_sample(daemon, false);
-  std::string text = daemon_sample(daemon, true);
+// A daemon that is slow with its figures answers nevertheless, so they are another question.
+void add_questions(std::vector<Source>& all, const system::BusDaemon& daemon,
+                   const std::vector<Profile>& profiles) {
+  all.push_back(
+      {[&daemon] { return daemon_sample(daemon, system::serves(daemon.service, BUS_SECONDS)); },
+       daemon_sample(daemon, false)});
   for (const Figures& row : FIGURES) {
-    if (row.service == daemon.service) text += row.ask(profiles);
+    if (row.service == daemon.service)
+      all.push_back({[&row, profiles] { return row.ask(profiles); }});
   }
-  return text;
 }
 
 }  // namespace
@@ -424,9 +425,7 @@ std::vector<Source> sources(const ormel::config::Management& pool, bool users) {
                           {[&pool] { return session_samples() + device_samples(pool); }},
                           {[&pool, profiles] { return certificate_samples(pool, profiles); }}};
   if (users) all.push_back({user_samples});
-  for (const system::BusDaemon& daemon : system::BUS_DAEMONS)
-    all.push_back({[&daemon, profiles] { return daemon_samples(daemon, profiles); },
-                   daemon_sample(daemon, false)});
+  for (const system::BusDaemon& daemon : system::BUS_DAEMONS) add_questions(all, daemon, profiles);
   return all;
 }
 
