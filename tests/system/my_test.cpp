@@ -332,6 +332,22 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
       },
       PATIENCE));
 
+  // What an administrator keeps out stays out, whatever is granted to its user.
+  const auto on = [] { return run({"/usr/bin/wg", "show", "wg0", "peers"}).out; };
+  const std::string key = datum(added, "key");
+  EXPECT_TRUE(comes_true([&] { return on().find(key) != std::string::npos; }, PATIENCE));
+  ASSERT_EQ(ctl({"peer", "limit", "é\"[%", "--off"}).status, 0);
+  ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", "3", "--until", "1h"}).status, 0);
+  ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", "2"}).status, 0);
+  EXPECT_THAT(on(), AllOf(Not(HasSubstr(key)), HasSubstr("=")));
+  // The last right goes, since PPTP takes no codes, but the devices stay.
+  ASSERT_EQ(ctl({"user", "revoke", "guest", "openvpn", "--yes"}).status, 0);
+  ASSERT_EQ(ctl({"user", "grant", "guest", "pptp"}).status, 0);
+  ASSERT_EQ(ctl({"user", "totp", "guest", "require"}).status, 0);
+  EXPECT_EQ(fenro::read_grants().of("guest").devices, 2);
+  ASSERT_EQ(ctl({"user", "totp", "guest", "optional"}).status, 0);
+  ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
+
   // An administrator removes one: the user has a place again.
   ASSERT_EQ(ctl({"peer", "rm", "é\"[%", "--yes"}).status, 0);
   EXPECT_EQ(column(my("show"), "devices", "key").size(), 1U);

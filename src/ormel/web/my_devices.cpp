@@ -147,10 +147,10 @@ Outcome store_device(fenro::GrantChange& store, const std::string& user, const s
   store.book.devices.push_back({made.peer.pub_key, user});
   if (!store.save()) return {ERR_SAVE_FILE, BUSY};
   const int64_t until = store.book.of(user).end_of(WIREGUARD_SERVER_TYPE);
-  int rc =
-      until == 0 || hold::run({"limit", made.peer.pub_key, std::to_string(until), name, user}) == 0
-          ? NO_ERROR
-          : ERR_CMD_FAILED;
+  int rc = until == 0 || hold::run({"limit", made.peer.pub_key, std::to_string(until), name,
+                                    grant::END_OF_ACCESS}) == 0
+               ? NO_ERROR
+               : ERR_CMD_FAILED;
   if (rc == NO_ERROR) rc = peer::add(server, made.peer);
   if (rc == NO_ERROR) return {};
   if (until != 0) std::ignore = hold::run({"unlimit", made.peer.pub_key});  // of no harm

@@ -152,11 +152,13 @@ int lift_limit(const std::string& key) {
 }
 
 // A change of a peer puts it on the running interface, also one that is kept out.
-int keep_limits(const std::string& old_key, int index, const std::string& by) {
+int keep_limits(const std::string& old_key, int index) {
   if (!hold::has_list()) return NO_ERROR;
   const wireguard::Peer peer = stored_peer(index);
   if (peer.pub_key != old_key) {
-    if (const int64_t since = hold::limit_of(hold::rows("limits").get(), old_key); since != 0) {
+    const Json limits = hold::rows("limits");
+    if (const int64_t since = hold::limit_of(limits.get(), old_key); since != 0) {
+      const std::string by = hold::limiter_of(limits.get(), old_key);
       if (const int rc = set_limit(peer, since, by); rc != NO_ERROR) return rc;
       if (const int rc = lift_limit(old_key); rc != NO_ERROR) return rc;
     }
@@ -181,7 +183,7 @@ int modify_peer(const Request& request, JsonValue& reply) {
   const std::string old_key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = put(request, index);
   if (rc == NO_ERROR) grant::on_key(old_key, stored_peer(index).pub_key);
-  if (rc == NO_ERROR) rc = keep_limits(old_key, index, hold::asker(request));
+  if (rc == NO_ERROR) rc = keep_limits(old_key, index);
   return rc == NO_ERROR ? show_peers(reply) : rc;
 }
 
