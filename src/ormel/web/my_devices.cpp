@@ -177,6 +177,7 @@ Outcome add(const Request& request, JsonValue& reply) {
   const std::string user = request.name();
   fenro::GrantChange store;
   if (!store) return {ERR_SAVE_FILE, BUSY};
+  const peer::Turn turn;
   const wireguard::PeerFile peers(wireguard::FOLDER);
   forget_removed(store.book, peers);
   if (Outcome full = check_quota(store.book, user); full.code != NO_ERROR) return full;
@@ -203,6 +204,7 @@ Outcome remove(const Request& request, JsonValue&) {
   if (key.empty() || store.book.owner_of(key) != user)
     return {ERR_CONFIGURE_INDEX, "you have no such device"};
   if (Outcome often = count(user); often.code != NO_ERROR) return often;
+  const peer::Turn turn;
   if (exists(wireguard::PeerFile(wireguard::FOLDER), key)) {
     if (const int rc = peer::remove(key); rc != NO_ERROR) return {rc};
   }

@@ -15,8 +15,15 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <ctime>
+#include <fcntl.h>
+#include <optional>
+#include <sys/file.h>
+#include <thread>
+#include <utility>
 
+#include "base/file.h"
 #include "ormel/base/http.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
@@ -51,6 +58,16 @@ constexpr Variable VARIABLES[] = {
 };
 
 }  // namespace
+
+Turn::Turn()
+    : fd_(open("/run/fenro/peers.lock", O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+               fenro::PRIVATE_FILE)) {
+  constexpr auto LONGEST_WAIT = std::chrono::seconds(10);
+  constexpr auto PAUSE = std::chrono::milliseconds(20);
+  const auto end = std::chrono::steady_clock::now() + LONGEST_WAIT;
+  while (fd_ && flock(fd_.get(), LOCK_EX | LOCK_NB) != 0 && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(PAUSE);
+}
 
 std::unique_ptr<PolyConfig> stored_server() {
   if (cm.config_pool.empty()) cm.load();
@@ -173,6 +190,7 @@ int list_peers(const Request&, JsonValue& reply) {
 }
 
 int add_peer(const Request& request, JsonValue& reply) {
+  const Turn turn;
   const int rc = put(request, 0);
   return rc == NO_ERROR ? show_peers(reply) : rc;
 }
@@ -180,8 +198,10 @@ int add_peer(const Request& request, JsonValue& reply) {
 int modify_peer(const Request& request, JsonValue& reply) {
   int index = 0;
   int rc = read_index(request, index);
+  std::optional<Turn> turn{std::in_place};
   const std::string old_key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = put(request, index);
+  turn.reset();  // before the store of grants
   if (rc == NO_ERROR) grant::on_key(old_key, stored_peer(index).pub_key);
   if (rc == NO_ERROR) rc = keep_limits(old_key, index);
   return rc == NO_ERROR ? show_peers(reply) : rc;
@@ -190,8 +210,10 @@ int modify_peer(const Request& request, JsonValue& reply) {
 int remove_peer(const Request& request, JsonValue& reply) {
   int index = 0;
   int rc = read_index(request, index);
+  std::optional<Turn> turn{std::in_place};
   const std::string key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = take_away(index);
+  turn.reset();
   if (rc == NO_ERROR && hold::has_list())
     std::ignore = lift_limit(key);  // of no use without the peer, and of no harm
   if (rc == NO_ERROR) grant::on_key(key, "");
