@@ -6,8 +6,10 @@
 #include <ctime>
 #include <fcntl.h>
 #include <iterator>
+#include <map>
 #include <optional>
 #include <pwd.h>
+#include <set>
 #include <sys/file.h>
 #include <thread>
 #include <unistd.h>
@@ -157,6 +159,31 @@ SecondFactor factor_in(int failure, std::string_view conf, const std::string& us
                                                                         : SecondFactor{};
 }
 
+// By name, as the file has it; without damaged lines.
+std::map<std::string, SecondFactor> factors_in(std::string_view conf) {
+  std::map<std::string, SecondFactor> factors;
+  while (!conf.empty()) {
+    std::string_view line = take_line(conf);
+    const std::string_view name = take_until(line, ':');
+    if (const auto factor = parse(line)) factors.emplace(name, *factor);
+  }
+  return factors;
+}
+
+std::set<std::string> required_in(std::string_view conf) {
+  std::set<std::string> names;
+  for (const auto& [name, factor] : factors_in(conf)) {
+    if (factor.required) names.insert(name);
+  }
+  return names;
+}
+
+SecondFactor restored(const SecondFactor& present, const SecondFactor& kept) {
+  SecondFactor factor = present.state == State::On ? present : kept;
+  factor.required = present.required || kept.required;
+  return factor;
+}
+
 // A line is for an account, not for a spelling of its name: directories take several.
 std::string account_of(std::string_view user) {
   constexpr std::size_t LONGEST = std::size_t{64} << 10U;  // bytes of an account's record
@@ -215,11 +242,17 @@ std::string without_blanks(std::string text) {
   return text;
 }
 
-TypedLogin split_challenge(std::string_view text) {
+// False for a text of another form.
+bool parse_challenge(std::string_view text, TypedLogin& login) {
+  if (!text.starts_with(CHALLENGE) || std::ranges::count(text, ':') != 2) return false;
   text.remove_prefix(CHALLENGE.size());
+  return parse_base64(take_until(text, ':'), login.password) && parse_base64(text, login.code) &&
+         one_line(login.password);
+}
+
+TypedLogin split_challenge(std::string_view text) {
   TypedLogin login;
-  const bool whole = parse_base64(take_until(text, ':'), login.password) &&
-                     parse_base64(text, login.code) && one_line(login.password);
+  const bool whole = parse_challenge(text, login);
   login.code = without_blanks(login.code);
   return whole && is_any_code(login.code) ? login : TypedLogin{};
 }
@@ -275,6 +308,12 @@ TypedLogin split_login(std::string_view typed) {
   return {};
 }
 
+std::string without_challenge(std::string_view typed) {
+  TypedLogin login;
+  const bool whole = parse_challenge(typed, login) && !login.password.empty();
+  return whole ? login.password : std::string(typed);
+}
+
 FactorRefusal take_code(SecondFactor& factor, std::string_view code, std::int64_t now) {
   std::string secret;
   if (!totp::parse_base32(factor.secret, secret) || secret.empty()) return FactorRefusal::Damaged;
@@ -314,6 +353,14 @@ std::vector<std::string> renew_recovery(SecondFactor& factor) {
   return codes;
 }
 
+std::string requirements_in(std::string_view conf) {
+  SecondFactor factor;
+  factor.required = true;
+  std::string text;
+  for (const std::string& name : required_in(conf)) text += line_of(name, factor);
+  return text;
+}
+
 SecondFactors::SecondFactors(std::string folder, std::string lock)
     : conf_(folder + "/totp.conf"),
       users_(std::move(folder) + "/totp.users"),
@@ -332,6 +379,11 @@ SecondFactor SecondFactors::of(std::string_view user) const {
 
 bool SecondFactors::change(std::string_view user,
                            const std::function<bool(SecondFactor& factor)>& edit) const {
+  return change_line(totp::percent_encoded(account_of(user)), edit);
+}
+
+bool SecondFactors::change_line(const std::string& name,
+                                const std::function<bool(SecondFactor& factor)>& edit) const {
   const Fd lock = locked(lock_);
   if (!lock) return false;
   std::string conf, users;
@@ -342,7 +394,6 @@ bool SecondFactors::change(std::string_view user,
   const int failed = read_file(users_.c_str(), users, LARGEST);
   if (failed != 0 && failed != ENOENT && failed != EINVAL) return false;
 
-  const std::string name = totp::percent_encoded(account_of(user));
   SecondFactor factor = failure == ENOENT ? SecondFactor{} : factor_in(failure, conf, users_, name);
   if (!edit(factor)) return true;
   const bool counts = factor.required || factor.state == State::On;
@@ -355,6 +406,40 @@ bool SecondFactors::change(std::string_view user,
   // ends in between.
   if (counts) return store(conf_, fresh) && store_users();
   return store_users() && store(conf_, fresh);
+}
+
+bool SecondFactors::require_as(std::string_view conf) const {
+  std::string present;
+  const int failure = read_file(conf_.c_str(), present, LARGEST);
+  if (failure != 0 && failure != ENOENT) return false;
+  const std::set<std::string> wanted = required_in(conf);
+  std::set<std::string> names = required_in(present);
+  names.insert(wanted.begin(), wanted.end());
+  return std::ranges::all_of(names, [&](const std::string& name) {
+    return change_line(name, [&](SecondFactor& factor) {
+      factor.required = wanted.contains(name);
+      return factor.state != State::Damaged;
+    });
+  });
+}
+
+bool SecondFactors::restore(std::string_view conf) const {
+  const std::map<std::string, SecondFactor> kept = factors_in(conf);
+  return std::ranges::all_of(kept, [&](const auto& row) {
+    return change_line(row.first, [&](SecondFactor& factor) {
+      const SecondFactor fresh = restored(factor, row.second);
+      return std::exchange(factor, fresh) != fresh;
+    });
+  });
+}
+
+bool SecondFactors::differ_from(std::string_view conf) const {
+  std::string present;
+  const int failure = read_file(conf_.c_str(), present, LARGEST);
+  return std::ranges::any_of(factors_in(conf), [&](const auto& row) {
+    const SecondFactor factor = factor_in(failure, present, users_, row.first);
+    return factor != restored(factor, row.second);
+  });
 }
 
 FactorRefusal SecondFactors::use(std::string_view user, std::string_view code) const {

@@ -38,6 +38,8 @@ struct SecondFactor {
   [[nodiscard]] bool asks() const { return state == State::On || state == State::Damaged; }
   // Required, but the user has not set it up.
   [[nodiscard]] bool is_missing() const { return required && !asks(); }
+
+  bool operator==(const SecondFactor&) const = default;
 };
 
 // "off", "pending", "on" or "damaged", as in the file.
@@ -76,6 +78,10 @@ struct TypedLogin {
 };
 [[nodiscard]] TypedLogin split_login(std::string_view typed);
 
+// What a user without a second factor has typed as the password: some have a profile of OpenVPN
+// that still asks for a code, whatever they type there.
+[[nodiscard]] std::string without_challenge(std::string_view typed);
+
 // Whether a code counts at this time; if so it is marked as used in `factor`.
 [[nodiscard]] FactorRefusal take_code(SecondFactor& factor, std::string_view code,
                                       std::int64_t now);
@@ -83,6 +89,9 @@ struct TypedLogin {
 // New recovery codes in the place of those before: the codes, which are kept nowhere. Empty when
 // the kernel gives no random numbers, or codes cannot be computed.
 [[nodiscard]] std::vector<std::string> renew_recovery(SecondFactor& factor);
+
+// A text of the first file with nothing but of whom a second factor is required.
+[[nodiscard]] std::string requirements_in(std::string_view conf);
 
 class SecondFactors {
  public:
@@ -99,10 +108,23 @@ class SecondFactors {
   [[nodiscard]] bool change(std::string_view user,
                             const std::function<bool(SecondFactor& factor)>& edit) const;
 
+  // Makes of whom one is required the same as in an earlier text of the first file, and leaves all
+  // else as it is: secrets and used codes never go back. False when the files cannot be written.
+  [[nodiscard]] bool require_as(std::string_view conf) const;
+
+  // Adds what a copy of the first file says to what there is: nobody loses a second factor, nor
+  // gets back codes that were used since. False when the files cannot be written.
+  [[nodiscard]] bool restore(std::string_view conf) const;
+  // Whether that would change something.
+  [[nodiscard]] bool differ_from(std::string_view conf) const;
+
   // Lets a code of a user count, once among all processes.
   [[nodiscard]] FactorRefusal use(std::string_view user, std::string_view code) const;
 
  private:
+  [[nodiscard]] bool change_line(const std::string& name,
+                                 const std::function<bool(SecondFactor& factor)>& edit) const;
+
   std::string conf_;
   std::string users_;
   std::string lock_;

@@ -142,10 +142,12 @@ int check_login(const char* user, const char* typed, LoginKind kind, std::string
   const SecondFactors store;
   SecondFactor factor = store.of(user);
   if (factor.asks()) return check_with_code(user, typed, factor, store, own);
-  if (check(user, typed) != PAM_SUCCESS) return REFUSED;
+  std::string password = without_challenge(typed);
+  const WipedOnReturn wiped{password};
+  if (check(user, password.c_str()) != PAM_SUCCESS) return REFUSED;
   if (factor.is_missing() && kind == LoginKind::Server)
     return static_cast<int>(FactorRefusal::NotSetUp);
-  if (own) *own = typed;
+  if (own) *own = password;
   return 0;
 }
 

@@ -180,6 +180,16 @@ bool SessionStore::end(const char* sid) const {
   return is_sid(sid) && unlink(path_of(sid).c_str()) == 0;
 }
 
+// By account, since a directory may take several spellings of a name.
+std::size_t SessionStore::end_others(const char* sid) const {
+  const std::optional<_session> own = find(sid, false);
+  std::size_t count = 0;
+  for (const _session& session : own ? list() : std::vector<_session>{}) {
+    if (session.uid == own->uid && std::strcmp(session.sid, sid) != 0 && end(session.sid)) ++count;
+  }
+  return count;
+}
+
 std::size_t SessionStore::end_user(std::string_view user) const {
   std::size_t ended = 0;
   const Dir folder{opendir(folder_.c_str())};

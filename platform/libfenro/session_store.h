@@ -50,6 +50,9 @@ class SessionStore {
   // False when there was none.
   bool end(const char* sid) const;
 
+  // Ends the other sessions of the account that a session is of. The number of those that ended.
+  std::size_t end_others(const char* sid) const;
+
   // Ends whatever there is of a user, who may be removed by now. The number of files.
   std::size_t end_user(std::string_view user) const;
 

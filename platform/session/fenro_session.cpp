@@ -1,10 +1,11 @@
-// fenro-session create USER [ADDRESS [OWN-ADDRESS]] | list | end SID | end-user USER: the sessions
-// of the web interface. Begins one for a user whose password somebody else has checked, so it works
-// for root only.
+// fenro-session create USER [ADDRESS [OWN-ADDRESS]] | list | end SID | end-others SID | end-user
+// USER: the sessions of the web interface. Begins one for a user whose password somebody else has
+// checked, so it works for root only.
 #include <arpa/inet.h>
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
@@ -70,6 +71,13 @@ int end(const Words& words) {
   return fenro::SessionStore{}.end(sid.c_str()) ? DONE : complain(NOT_FOUND, "no such session");
 }
 
+// None is as good as some.
+int end_others(const Words& words) {
+  const std::string sid = words[0] == "-" ? read_sid() : words[0];
+  std::ignore = fenro::SessionStore{}.end_others(sid.c_str());
+  return DONE;
+}
+
 int end_user(const Words& words) {
   return fenro::SessionStore{}.end_user(words[0]) > 0
              ? DONE
@@ -90,6 +98,8 @@ constexpr Command COMMANDS[] = {
     {"end", 1, 1, end,
      "end SID                               end one session; \"-\" takes the id from standard "
      "input"},
+    {"end-others", 1, 1, end_others,
+     "end-others SID                        end the other sessions of its user; \"-\" as well"},
     {"end-user", 1, 1, end_user,
      "end-user USER                         end all sessions of a user"},
 };

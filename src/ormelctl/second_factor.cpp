@@ -4,6 +4,7 @@
 
 #include <pwd.h>
 
+#include "base/grants.h"
 #include "ormel/base/error.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/profile.h"
@@ -38,8 +39,10 @@ bool take_rights(const std::string& user, std::string& taken) {
       taken += (taken.empty() ? "" : " and ") + row.name;
   }
   const int left = mask & ~WITHOUT_CODES;
-  return (left == 0 ? call("/ormel/privilege/unset", {{"user", user}})
-                    : call("/ormel/privilege/set", {{"user", user + '|' + std::to_string(left)}}))
+  // Without any right left the user stays in the store, or a device of theirs would go as well.
+  const bool gone = left == 0 && fenro::read_grants().of(user).devices == 0;
+  return (gone ? call("/ormel/privilege/unset", {{"user", user}})
+               : call("/ormel/privilege/set", {{"user", user + '|' + std::to_string(left)}}))
              .error == 0;
 }
 

@@ -2,6 +2,8 @@
 // daemons and the keeper of two appliances.
 // appliance: --pair --web
 
+#include <set>
+
 #include <jansson.h>
 
 #include "base/grants.h"
@@ -332,9 +334,45 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
       },
       PATIENCE));
 
+  // What an administrator keeps out stays out, whatever is granted to its user.
+  const auto on = [] { return run({"/usr/bin/wg", "show", "wg0", "peers"}).out; };
+  const std::string key = datum(added, "key");
+  EXPECT_TRUE(comes_true([&] { return on().find(key) != std::string::npos; }, PATIENCE));
+  ASSERT_EQ(ctl({"peer", "limit", "é\"[%", "--off"}).status, 0);
+  ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", "3", "--until", "1h"}).status, 0);
+  ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", "2"}).status, 0);
+  EXPECT_THAT(on(), AllOf(Not(HasSubstr(key)), HasSubstr("=")));
+  // The last right goes, since PPTP takes no codes, but the devices stay.
+  ASSERT_EQ(ctl({"user", "revoke", "guest", "openvpn", "--yes"}).status, 0);
+  ASSERT_EQ(ctl({"user", "grant", "guest", "pptp"}).status, 0);
+  ASSERT_EQ(ctl({"user", "totp", "guest", "require"}).status, 0);
+  EXPECT_EQ(fenro::read_grants().of("guest").devices, 2);
+  ASSERT_EQ(ctl({"user", "totp", "guest", "optional"}).status, 0);
+  ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
+
   // An administrator removes one: the user has a place again.
   ASSERT_EQ(ctl({"peer", "rm", "é\"[%", "--yes"}).status, 0);
   EXPECT_EQ(column(my("show"), "devices", "key").size(), 1U);
+}
+
+// Each takes a place and an address of its own.
+TEST_F(MyAccess, AddsDevicesBesideAnAdministrator) {
+  turn_wireguard_on(8);
+  const std::string both = "for i in 1 2 3 4 5 6 7 8; do curl -ksS -d 'sid=" + guest +
+                           "' -d name=own$i https://localhost/ormel/my/device_add & "
+                           "ormelctl peer add near$i --host 192.0.2.1 & wait; done";
+  const std::string answers = run({"/bin/sh", "-c", both}, {"PATH=/usr/sbin:/usr/bin:/bin"}).out;
+  const auto count = [](const std::string& text, const std::string& part) {
+    std::set<std::string> found;  // what follows, once each
+    size_t all = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1), ++all)
+      found.insert(text.substr(at, text.find_first_of("/\n", at) - at));
+    return std::pair{all, found.size()};
+  };
+  const auto [stored, addresses] = count(read(PEERS), "198.18.7.");
+  EXPECT_EQ(stored, addresses) << read(PEERS);
+  EXPECT_EQ(stored, count(answers, "[Interface]").first) << answers;
+  EXPECT_GT(stored, 8U);
 }
 
 TEST_F(MyAccess, ChangesDevicesTenTimesAnHourAtMost) {

@@ -123,6 +123,7 @@ class SecondFactorLogin : public testing::Test {
 TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
   const std::string sid = member(log_in(password), "sid");
   ASSERT_EQ(sid.size(), 8U);
+  const std::string other = member(log_in(password), "sid");
   const auto web = [&](const std::string& route, const std::string& form = {}) {
     return https("/ormel/my/totp_" + route, {"--data", "sid=" + sid + form}).body;
   };
@@ -142,6 +143,8 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
     return json_string_value(json_array_get(recovery, at));
   };
   EXPECT_THAT(web("begin"), HasSubstr("switch it off first"));
+  EXPECT_THAT(https("/ormel/my/show", {"--data", "sid=" + other}).body, HasSubstr("\"error\":39"))
+      << "a password alone has begun it";
 
   EXPECT_THAT(log_in(password), HasSubstr("session pass"));
   EXPECT_THAT(log_in(password, code), HasSubstr("session pass")) << "it has confirmed the set-up";
@@ -163,6 +166,8 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
   EXPECT_EQ(web("off", "&code=" + spare(7)), OK);
   EXPECT_THAT(log_in(password), HasSubstr("\"error\":0"));
   EXPECT_FALSE(fs::exists(TOTP_CONF));
+  EXPECT_TRUE(hook_admits("SCRV1:" + base64(password) + ':' + base64("any")))
+      << "with the profile that asks for a code";
   EXPECT_GT(events("(code-used)"), 0);
   EXPECT_EQ(events("(code-missing)"), 1);
   for (const std::string& hidden : {secret, spare(0), spare(7)})
@@ -227,6 +232,26 @@ TEST_F(SecondFactorLogin, ARequirementCanBeTriedAndTakenBack) {
   EXPECT_EQ(undone.status, 0) << undone.err;
   EXPECT_TRUE(hook_admits(password));
   EXPECT_THAT(read("/etc/config/vpn_user_ex.conf"), HasSubstr("guest:1:1:1:0:1"));
+}
+
+// What users do pushes no snapshot out, and goes back with none.
+TEST_F(SecondFactorLogin, NothingButARequirementGoesBack) {
+  EXPECT_EQ(ctl({"user", "totp", USER, "require"}).status, 0);
+  enrol(true);
+  const auto snapshots = [] { return ctl({"undo", "list", "--json"}).out; };
+  const std::string before = snapshots();
+  const std::string code = code_now();
+  EXPECT_TRUE(hook_admits(password + code));
+  EXPECT_EQ(ctl({"user", "totp", USER, "reset"}).status, 0);
+  const std::string sid = member(log_in(password), "sid");
+  for (int i = 0; i < 3; ++i)
+    EXPECT_THAT(https("/ormel/my/totp_begin", {"--data", "sid=" + sid}).body, HasSubstr("secret"));
+  EXPECT_EQ(snapshots(), before);
+  EXPECT_EQ(run({"/bin/grep", "-rF", SECRET, "/var/lib/ormel"}).out, "");
+  const Result undone = ctl({"undo", "--yes"});
+  EXPECT_EQ(undone.status, 0) << undone.err;
+  EXPECT_FALSE(SecondFactors{}.of(USER).required);
+  EXPECT_TRUE(hook_admits(password)) << "what root has reset stays so";
 }
 
 // Whether the password was right must not show in how long the answer takes.

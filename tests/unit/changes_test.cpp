@@ -162,6 +162,24 @@ TEST_F(Changes, CompareByContent) {
   EXPECT_THAT(snapshots.changed_since(snapshot), ElementsAre(PROFILE, GUARD));
 }
 
+TEST_F(Changes, KeepNoSecretOfASecondFactor) {
+  constexpr const char* FACTORS = "/etc/config/ormel/totp.conf";
+  const std::string secret(32, 'A');
+  put(FACTORS, "eve:on:free:" + secret + ":0:7:0:\nbob:on:required:" + secret + ":0:7:0:\n");
+  const Snapshots snapshots{root};
+  const Snapshot snapshot = *snapshots.find(take(snapshots));
+  EXPECT_EQ(snapshots.content(snapshot, FACTORS), "bob:off:required::0:0:0:\n");
+  put(FACTORS, "bob:off:required::0:0:0:\n");
+  EXPECT_THAT(snapshots.changed_since(snapshot), IsEmpty()) << "users change these themselves";
+  fs::remove(root + FACTORS);
+  EXPECT_THAT(snapshots.changed_since(snapshot), ElementsAre(FACTORS));
+  std::string reason;
+  Plan done;
+  ASSERT_EQ(Restore(snapshots, [](const Step&) { return true; }).run(snapshot, done, reason), 0)
+      << reason;
+  EXPECT_EQ(get(FACTORS), "bob:off:required::0:0:0:\n");
+}
+
 TEST_F(Changes, GoBackWithTheScriptsOfWhatDiffersAlone) {
   const Snapshots snapshots{root};
   const Snapshot snapshot = *snapshots.find(take(snapshots));

@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "base/second_factor.h"
 #include "base/tunnel.h"
 #include "ormel/actions/privilege.h"
 #include "ormel/base/error.h"
@@ -91,6 +92,8 @@ bool is_running(const BaseConfig& record) {
   const std::string interface = facts.server_interface + std::to_string(facts.first_number);
   return if_nametoindex(interface.c_str()) != 0;
 }
+
+constexpr const char* FACTORS = "/totp.conf";
 
 Fault cannot_write(const std::string& path) {
   return {ERR_SAVE_FILE, path + " cannot be written",
@@ -194,11 +197,12 @@ class Restoration {
   void compare_files() {
     for (const BackupFile& file : backup_.files) {
       const StateFile& row = *find_state_file(file.path);
-      if (is_wanted_file(row)) compare_file(row, file);
+      if (!is_wanted_file(row)) continue;
+      row.part == Part::SecondFactors ? compare_factors(row, file) : compare_file(row, file);
     }
     for (const std::string& path : existing_state()) {
       const StateFile& row = *find_state_file(path);
-      if (!is_wanted_file(row) || backup_.find(path)) continue;
+      if (!is_wanted_file(row) || row.part == Part::SecondFactors || backup_.find(path)) continue;
       out_.removed.push_back(path);
       note_change({&row, path, nullptr});
     }
@@ -212,6 +216,17 @@ class Restoration {
       return;
     }
     (exists ? out_.changed : out_.added).push_back(file.path);
+    note_change({&row, file.path, &file});
+  }
+
+  // A backup takes no second factor away. The list of users beside the file follows from it.
+  void compare_factors(const StateFile& row, const BackupFile& file) {
+    if (!file.path.ends_with(FACTORS)) return;
+    if (!fenro::SecondFactors{}.differ_from(file.content)) {
+      ++out_.same;
+      return;
+    }
+    (access(file.path.c_str(), F_OK) == 0 ? out_.changed : out_.added).push_back(file.path);
     note_change({&row, file.path, &file});
   }
 
@@ -283,6 +298,8 @@ class Restoration {
   }
 
   static bool write_file(const FileChange& change) {
+    if (change.row->part == Part::SecondFactors)
+      return fenro::SecondFactors{}.restore(change.wanted->content);
     const std::string folder = change.path.substr(0, change.path.rfind('/'));
     if (access(folder.c_str(), F_OK) != 0 && !fenro::make_private_folder(folder)) return false;
     return system::replace_file(change.path, change.wanted->content, change.row->mode);

@@ -108,9 +108,11 @@ std::vector<FileDifference> differences(const Contents& before, const Contents& 
     const auto old = before.find(path), fresh = after.find(path);
     const StateFile* const row = find_state_file(path);
     const bool both = old != before.end() && fresh != after.end();
-    if (!row ||
-        (both && settled_content(path, old->second) == settled_content(path, fresh->second)))
-      continue;
+    const bool whole = row && row->part == Part::SecondFactors;
+    const auto content = [&](const std::string& text) {
+      return whole ? text : settled_content(path, text);
+    };
+    if (!row || (both && content(old->second) == content(fresh->second))) continue;
     all.push_back({path, compare(*row, old == before.end() ? nullptr : &old->second,
                                  fresh == after.end() ? nullptr : &fresh->second)});
   }

@@ -2,7 +2,7 @@
 
 namespace ormel::changes {
 
-Recording::Recording(const Origin& origin) {
+Recording::Recording(const Origin& origin, bool copies) {
   if (!snapshots_.wanted()) return;
   if (!lock_.emplace(Turn::CHANGE)) {
     refusal_ =
@@ -10,7 +10,7 @@ Recording::Recording(const Origin& origin) {
         "/run/fenro/changes.lock";
     return;
   }
-  id_ = snapshots_.take(origin, not_undoable_);
+  if (copies) id_ = snapshots_.take(origin, not_undoable_);
 }
 
 Recording::~Recording() {

@@ -13,7 +13,9 @@ namespace ormel::changes {
 
 class Recording {
  public:
-  explicit Recording(const Origin& origin);
+  // Without copies nothing goes back meanwhile either, but the change cannot be taken back by
+  // itself.
+  explicit Recording(const Origin& origin, bool copies = true);
   Recording(const Recording&) = delete;
   Recording& operator=(const Recording&) = delete;
   // A change that changed no file leaves no snapshot.

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "base/file.h"
+#include "base/second_factor.h"
 #include "base/tunnel.h"
 #include "ormel/base/error.h"
 #include "ormel/base/handle.h"
@@ -202,15 +203,21 @@ Plan Restore::plan(const Snapshot& snapshot) const {
 }
 
 bool Restore::put_back(const Snapshot& snapshot, const std::string& path) const {
-  const std::string target = snapshots_.root() + path;
-  if (!snapshot.find(path)) return unlink(target.c_str()) == 0 || errno == ENOENT;
+  const std::string& root = snapshots_.root();
+  const std::string target = root + path;
+  const StateFile& row = *find_state_file(path);
   const std::optional<std::string> text = snapshots_.content(snapshot, path);
-  if (!text) return false;
+  if (!text && snapshot.find(path)) return false;
+  if (row.part == Part::SecondFactors)
+    return !path.ends_with(".conf") ||  // the list of users follows
+           fenro::SecondFactors(root + row.path, root + "/run/fenro/totp.lock")
+               .require_as(text.value_or(""));
+  if (!text) return unlink(target.c_str()) == 0 || errno == ENOENT;
   const bool settings = path == config::VPN_CONF;
   return fenro::replace_file(
       target,
       settings ? SettingsText(*text).with_live_keys_of(SettingsText(settings_now())) : *text,
-      find_state_file(path)->mode);
+      row.mode);
 }
 
 bool Restore::put_back(const Snapshot& snapshot, std::string& reason) const {

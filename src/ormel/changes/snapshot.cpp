@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include "base/file.h"
+#include "base/second_factor.h"
 #include "base/utf8.h"
 #include "ormel/base/crypto.h"
 #include "ormel/base/handle.h"
@@ -81,9 +82,16 @@ void remove_folder(const std::string& path) {
   rmdir(path.c_str());
 }
 
+// Users change these by themselves, and each login does.
+bool holds_second_factors(const std::string& path) {
+  const StateFile* const row = find_state_file(path);
+  return row && row->part == Part::SecondFactors;
+}
+
 }  // namespace
 
 std::string settled_content(const std::string& path, const std::string& text) {
+  if (holds_second_factors(path)) return fenro::requirements_in(text);
   return path == config::VPN_CONF ? SettingsText(text).settled() : text;
 }
 
@@ -180,6 +188,8 @@ bool Snapshots::fill(const std::string& folder, const Origin& origin) const {
     if (failure == ENOENT) continue;  // it has gone meanwhile
     errno = failure == EINVAL ? EFBIG : failure;
     if (failure != 0) return false;
+    // No secret of a user is kept longer than the user has it.
+    if (holds_second_factors(path)) text = settled_content(path, text);
     room -= text.size();
     files.push_back({path, openssl::sha256(text), text.size()});
     if (!keep(folder + '/' + std::to_string(files.size() - 1), text, files.back(), before))
@@ -215,6 +225,11 @@ std::vector<std::string> Snapshots::changed_since(const Snapshot& snapshot) cons
   for (const std::string& path : existing_state(root_)) paths.insert(path);
   std::erase_if(paths, [&](const std::string& path) {
     std::string now;
+    if (holds_second_factors(path)) {
+      const int failure = fenro::read_file((root_ + path).c_str(), now);
+      return (failure == 0 || failure == ENOENT) &&
+             settled_content(path, now) == content(snapshot, path).value_or("");
+    }
     const Copy* const copy = snapshot.find(path);
     if (fenro::read_file((root_ + path).c_str(), now) != 0 || !copy) return false;
     if (openssl::sha256(now) == copy->sha256) return true;

@@ -83,7 +83,8 @@ class Snapshots {
   std::string folder_;
 };
 
-// What counts as the content of a file of state: its settings in vpn.conf, its bytes elsewhere.
+// What counts as the content of a file of state: its settings in vpn.conf, in totp.conf of whom a
+// second factor is required, its bytes elsewhere.
 [[nodiscard]] std::string settled_content(const std::string& path, const std::string& text);
 
 }  // namespace ormel::changes

@@ -29,7 +29,7 @@ enum class Part {
   Peers,          // devices of the WireGuard server
   Certificates,   // authority and certificate of the OpenVPN server
   Rights,         // who may use which server, and until when
-  SecondFactors,  // whose logins need a code; used codes go back with it, for as long as they live
+  SecondFactors,  // whose logins need a code; a change that goes back takes requirements alone
   BlockPolicy,    // what failed logins cost
   Holds,          // who is kept out for a time, and the limits of devices
   Gateway,        // default gateway policy

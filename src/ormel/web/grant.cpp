@@ -22,7 +22,6 @@ namespace {
 constexpr const char* STORE_FAULT =
     "grants.json cannot be changed: it is damaged (restore a backup, or remove it), or there is no "
     "space on /var/lib/ormel";
-constexpr const char* BY_ITS_END = "end of access";
 
 // The servers that a grant can be of.
 constexpr int GRANTED = [] {
@@ -56,8 +55,8 @@ std::string device_name(const std::string& key) {
   return key;
 }
 
-bool keep_out_from(const std::string& key, int64_t since, const std::string& by) {
-  return hold::run({"limit", key, std::to_string(since), device_name(key), by}) == 0;
+bool keep_out_from(const std::string& key, int64_t since) {
+  return hold::run({"limit", key, std::to_string(since), device_name(key), END_OF_ACCESS}) == 0;
 }
 
 bool let_in(const std::string& key) {
@@ -95,7 +94,7 @@ void on_revocation(const std::string& user) {
     });
     return true;
   });
-  report(user, stored && apply_limits(fenro::read_grants(), user, BY_ITS_END));
+  report(user, stored && apply_limits(fenro::read_grants(), user));
 }
 
 void on_key(const std::string& old_key, const std::string& new_key) {
@@ -115,16 +114,22 @@ bool forget_ended(const std::string& user, int rights, std::time_t now) {
              return row.second <= now && (rights & static_cast<int>(row.first)) == 0;
            }) > 0;
   });
-  return stored && (!devices || apply_limits(fenro::read_grants(), user, BY_ITS_END));
+  return stored && (!devices || apply_limits(fenro::read_grants(), user));
 }
 
-bool apply_limits(const fenro::GrantBook& book, const std::string& user, const std::string& by) {
+bool apply_limits(const fenro::GrantBook& book, const std::string& user) {
   const fenro::Grant grant = book.of(user);
+  const std::vector<std::string> keys = book.keys_of(user);
+  if (keys.empty()) return true;
+  const Json limits = hold::has_list() ? hold::rows("limits") : Json{json_array()};
+  if (!limits) return false;
   const int64_t since =
       grant.devices == 0 ? int64_t{std::time(nullptr)} : grant.end_of(WIREGUARD_SERVER_TYPE);
-  const std::vector<std::string> keys = book.keys_of(user);
   return std::ranges::all_of(keys, [&](const std::string& key) {
-    return since == 0 ? let_in(key) : keep_out_from(key, since, by);
+    const std::string by = hold::limiter_of(limits.get(), key);
+    const bool by_hand = !by.empty() && by != END_OF_ACCESS;
+    if (by_hand && (since == 0 || since >= hold::limit_of(limits.get(), key))) return true;
+    return since == 0 ? let_in(key) : keep_out_from(key, since);
   });
 }
 
@@ -207,7 +212,7 @@ Outcome set(const Request& request, JsonValue&) {
   });
   if (!stored) return {ERR_SAVE_FILE, STORE_FAULT};
   const bool devices = wish.has_devices || (wish.servers & WIREGUARD_SERVER_TYPE) != 0;
-  if (devices && !apply_limits(fenro::read_grants(), user, hold::asker(request)))
+  if (devices && !apply_limits(fenro::read_grants(), user))
     return {ERR_CMD_FAILED,
             "a device of the user could not be kept out, or let in: see the limits "
             "of the WireGuard server's devices"};

@@ -24,9 +24,11 @@ void on_key(const std::string& old_key, const std::string& new_key);
 [[nodiscard]] bool forget_ended(const std::string& user, int rights,
                                 std::time_t now = std::time(nullptr));
 
-// Keeps a user's own devices out from when their time is over, or not at all. False when one is
-// not as it should be.
-[[nodiscard]] bool apply_limits(const fenro::GrantBook& book, const std::string& user,
-                                const std::string& by);
+// Who has asked for a limit that comes from a grant.
+constexpr const char* END_OF_ACCESS = "end of access";
+
+// Keeps a user's own devices out from when their time is over, or not at all. What an administrator
+// has limited by hand stays so. False when one is not as it should be.
+[[nodiscard]] bool apply_limits(const fenro::GrantBook& book, const std::string& user);
 
 }  // namespace ormel::cgi::grant

@@ -54,6 +54,11 @@ int64_t limit_of(const json_t* limits, const std::string& key) {
   return json_integer_value(json_object_get(find(limits, "limit", key), "since"));
 }
 
+std::string limiter_of(const json_t* limits, const std::string& key) {
+  const char* const by = json_string_value(json_object_get(find(limits, "limit", key), "by"));
+  return by ? by : "";
+}
+
 std::string asker(const Request& request) {
   const std::string user = sender_of(request).user;
   return user.empty() ? "root" : user;

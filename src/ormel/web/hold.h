@@ -26,6 +26,8 @@ constexpr int NOT_FOUND = 3;  // exit status of the tool
 // device is. 0 for one who is not in it, or without an array.
 [[nodiscard]] int64_t until(const json_t* holds, std::string_view kind, const std::string& who);
 [[nodiscard]] int64_t limit_of(const json_t* limits, const std::string& key);
+// Who has asked for a device's limit; empty for a device without one.
+[[nodiscard]] std::string limiter_of(const json_t* limits, const std::string& key);
 
 // Who has asked: the user of the session, or root on the command line.
 [[nodiscard]] std::string asker(const Request& request);

@@ -147,10 +147,10 @@ Outcome store_device(fenro::GrantChange& store, const std::string& user, const s
   store.book.devices.push_back({made.peer.pub_key, user});
   if (!store.save()) return {ERR_SAVE_FILE, BUSY};
   const int64_t until = store.book.of(user).end_of(WIREGUARD_SERVER_TYPE);
-  int rc =
-      until == 0 || hold::run({"limit", made.peer.pub_key, std::to_string(until), name, user}) == 0
-          ? NO_ERROR
-          : ERR_CMD_FAILED;
+  int rc = until == 0 || hold::run({"limit", made.peer.pub_key, std::to_string(until), name,
+                                    grant::END_OF_ACCESS}) == 0
+               ? NO_ERROR
+               : ERR_CMD_FAILED;
   if (rc == NO_ERROR) rc = peer::add(server, made.peer);
   if (rc == NO_ERROR) return {};
   if (until != 0) std::ignore = hold::run({"unlimit", made.peer.pub_key});  // of no harm
@@ -177,6 +177,7 @@ Outcome add(const Request& request, JsonValue& reply) {
   const std::string user = request.name();
   fenro::GrantChange store;
   if (!store) return {ERR_SAVE_FILE, BUSY};
+  const peer::Turn turn;
   const wireguard::PeerFile peers(wireguard::FOLDER);
   forget_removed(store.book, peers);
   if (Outcome full = check_quota(store.book, user); full.code != NO_ERROR) return full;
@@ -203,6 +204,7 @@ Outcome remove(const Request& request, JsonValue&) {
   if (key.empty() || store.book.owner_of(key) != user)
     return {ERR_CONFIGURE_INDEX, "you have no such device"};
   if (Outcome often = count(user); often.code != NO_ERROR) return often;
+  const peer::Turn turn;
   if (exists(wireguard::PeerFile(wireguard::FOLDER), key)) {
     if (const int rc = peer::remove(key); rc != NO_ERROR) return {rc};
   }

@@ -15,8 +15,15 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <ctime>
+#include <fcntl.h>
+#include <optional>
+#include <sys/file.h>
+#include <thread>
+#include <utility>
 
+#include "base/file.h"
 #include "ormel/base/http.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
@@ -51,6 +58,16 @@ constexpr Variable VARIABLES[] = {
 };
 
 }  // namespace
+
+Turn::Turn()
+    : fd_(open("/run/fenro/peers.lock", O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW,
+               fenro::PRIVATE_FILE)) {
+  constexpr auto LONGEST_WAIT = std::chrono::seconds(10);
+  constexpr auto PAUSE = std::chrono::milliseconds(20);
+  const auto end = std::chrono::steady_clock::now() + LONGEST_WAIT;
+  while (fd_ && flock(fd_.get(), LOCK_EX | LOCK_NB) != 0 && std::chrono::steady_clock::now() < end)
+    std::this_thread::sleep_for(PAUSE);
+}
 
 std::unique_ptr<PolyConfig> stored_server() {
   if (cm.config_pool.empty()) cm.load();
@@ -152,11 +169,13 @@ int lift_limit(const std::string& key) {
 }
 
 // A change of a peer puts it on the running interface, also one that is kept out.
-int keep_limits(const std::string& old_key, int index, const std::string& by) {
+int keep_limits(const std::string& old_key, int index) {
   if (!hold::has_list()) return NO_ERROR;
   const wireguard::Peer peer = stored_peer(index);
   if (peer.pub_key != old_key) {
-    if (const int64_t since = hold::limit_of(hold::rows("limits").get(), old_key); since != 0) {
+    const Json limits = hold::rows("limits");
+    if (const int64_t since = hold::limit_of(limits.get(), old_key); since != 0) {
+      const std::string by = hold::limiter_of(limits.get(), old_key);
       if (const int rc = set_limit(peer, since, by); rc != NO_ERROR) return rc;
       if (const int rc = lift_limit(old_key); rc != NO_ERROR) return rc;
     }
@@ -171,6 +190,7 @@ int list_peers(const Request&, JsonValue& reply) {
 }
 
 int add_peer(const Request& request, JsonValue& reply) {
+  const Turn turn;
   const int rc = put(request, 0);
   return rc == NO_ERROR ? show_peers(reply) : rc;
 }
@@ -178,18 +198,22 @@ int add_peer(const Request& request, JsonValue& reply) {
 int modify_peer(const Request& request, JsonValue& reply) {
   int index = 0;
   int rc = read_index(request, index);
+  std::optional<Turn> turn{std::in_place};
   const std::string old_key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = put(request, index);
+  turn.reset();  // before the store of grants
   if (rc == NO_ERROR) grant::on_key(old_key, stored_peer(index).pub_key);
-  if (rc == NO_ERROR) rc = keep_limits(old_key, index, hold::asker(request));
+  if (rc == NO_ERROR) rc = keep_limits(old_key, index);
   return rc == NO_ERROR ? show_peers(reply) : rc;
 }
 
 int remove_peer(const Request& request, JsonValue& reply) {
   int index = 0;
   int rc = read_index(request, index);
+  std::optional<Turn> turn{std::in_place};
   const std::string key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = take_away(index);
+  turn.reset();
   if (rc == NO_ERROR && hold::has_list())
     std::ignore = lift_limit(key);  // of no use without the peer, and of no harm
   if (rc == NO_ERROR) grant::on_key(key, "");

@@ -7,8 +7,13 @@
 #include <thread>
 #include <unistd.h>
 
+#include <fenro/mibservice.h>
+
 #include "ormel/actions/log_db.h"
+#include "ormel/base/handle.h"
+#include "ormel/base/log.h"
 #include "ormel/base/text.h"
+#include "ormel/host/process.h"
 #include "ormel/web/routes.h"
 
 namespace ormel::cgi::my {
@@ -19,6 +24,7 @@ using fenro::SecondFactors;
 
 namespace {
 
+constexpr const char* SESSION_TOOL = "/usr/lib/fenro/fenro-session";
 constexpr auto WRONG_CODE_PAUSE = std::chrono::seconds(1);
 
 const Outcome UNWRITABLE{ERR_SAVE_FILE,
@@ -49,8 +55,22 @@ std::string host_name() {
   return gethostname(name, sizeof name - 1) == 0 && name[0] ? name : "VPN";
 }
 
-// A set-up that has begun before and was not finished begins again.
+// Sessions that a password alone has begun end once it is not enough any more: somebody else who
+// knows it may have one, which was good for the set-up only. The id is a secret, and no argument.
+void end_other_sessions(const Request& request) {
+  const std::string input = std::string(request.value("sid")) + '\n';
+  const std::vector<std::string> command = {SESSION_TOOL, "end-others", "-"};
+  const MibIo in{mib_io_create()}, out{mib_io_create()}, errors{mib_io_create()};
+  const bool done =
+      in && mib_io_write(in.get(), input.data(), input.size()) == static_cast<int>(input.size()) &&
+      mib_io_execv(in.get(), out.get(), errors.get(), system::Argv(command).get()) == 0;
+  if (!done) ORMEL_LOG(ERROR, "the user's other sessions could not be ended");
+}
+
+// A set-up that has begun before and was not finished begins again. Nothing counts before it is
+// confirmed, so it leaves no row in the audit trail, which its user could fill.
 Outcome begin(const Request& request, JsonValue& reply) {
+  request.changes_nothing();
   const std::string user = request.name();
   std::string secret;
   const Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
@@ -99,7 +119,11 @@ Outcome confirm(const Request& request, JsonValue& reply) {
     factor.state = SecondFactor::State::On;
     return {};
   });
-  if (outcome.code != NO_ERROR) return outcome;
+  if (outcome.code != NO_ERROR) {
+    request.changes_nothing();
+    return outcome;
+  }
+  end_other_sessions(request);
   JsonValue& codes = reply["data"]["recovery"].make_array();
   for (const std::string& code : recovery) codes << code;
   return {};
@@ -123,6 +147,7 @@ Outcome switch_off(const Request& request, JsonValue&) {
     factor.required = required;
     return {};
   });
+  if (outcome.code == ERR_ACCESS || outcome.code == ERR_NOT_SUPPORT) request.changes_nothing();
   if (outcome.code == ERR_VALUE) std::this_thread::sleep_for(WRONG_CODE_PAUSE);
   return outcome;
 }

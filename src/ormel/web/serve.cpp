@@ -124,6 +124,9 @@ bool copy_to_output(const File& file) {
 // Those that keep, confirm and restore snapshots take care of these themselves.
 constexpr std::string_view UNRECORDED = "/ormel/change/";
 
+// What all users may do: it must not push the administrators' snapshots out.
+constexpr std::string_view OF_USERS = "/ormel/my/";
+
 bool can_be_taken_back(const Route& route) {
   return route.effect == CHANGES && local_caller == OF_SESSION &&
          !route.path.starts_with(UNRECORDED) && changes::Snapshots().wanted();
@@ -194,7 +197,8 @@ int refuse(const Route& route, JsonValue& response, const Outcome& outcome) {
 
 // The work of a route that changes something, so that it can be taken back.
 int give_undoable(const Route& route, const Request& request, JsonValue& response) {
-  const changes::Recording recording{origin_of(request, std::string(route.path))};
+  const changes::Recording recording{origin_of(request, std::string(route.path)),
+                                     !route.path.starts_with(OF_USERS)};
   if (!recording.refusal().empty())
     return refuse(route, response, {ERR_ACCESS, recording.refusal()});
   if (!recording.not_undoable().empty())

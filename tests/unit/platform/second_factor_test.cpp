@@ -133,6 +133,15 @@ TEST(SplitLogin, FindsPasswordAndCode) {
   }
 }
 
+// A profile that asks for a code outlives the second factor.
+TEST(WithoutChallenge, LeavesThePasswordOfOneWhoHasNoCode) {
+  EXPECT_EQ(without_challenge("SCRV1:" + to_base64("a:b") + ":" + to_base64("123456")), "a:b");
+  EXPECT_EQ(without_challenge("SCRV1:" + to_base64("a") + ":"), "a");
+  for (const char* typed : {"secret123456", "SCRV1:", "SCRV1:YQ==", "SCRV1:YQ==:MTIz:", "SCRV1::",
+                            "SCRV1:YQ=:MTIz", "xSCRV1:YQ==:MTIz"})
+    EXPECT_EQ(without_challenge(typed), typed);
+}
+
 class SecondFactorsTest : public testing::Test {
  protected:
   SecondFactorsTest() { std::filesystem::create_directory(scratch.path("etc")); }
@@ -204,6 +213,53 @@ TEST_F(SecondFactorsTest, WithoutTheFileNobodyHasOneAlsoAfterTheNextChange) {
   EXPECT_EQ(state_of("bob"), State::Off);
   ASSERT_TRUE(enrol("alice"));
   EXPECT_EQ(state_of("bob"), State::Off);
+}
+
+TEST_F(SecondFactorsTest, OnlyRequirementsGoBack) {
+  const auto require = [&](const std::string& user, bool required) {
+    return store.change(user, [&](SecondFactor& factor) {
+      factor.required = required;
+      return true;
+    });
+  };
+  ASSERT_TRUE(enrol("bob") && enrol("gone") && require("alice", true));
+  const std::string before = requirements_in(scratch.read("etc/totp.conf"));
+  EXPECT_EQ(before, "alice:off:required::0:0:0:\n");
+  EXPECT_EQ(requirements_in(before), before);
+  ASSERT_TRUE(require("alice", false) && require("bob", true) && enrol("eve"));
+  ASSERT_TRUE(store.change("gone", [](SecondFactor& factor) {
+    factor = {};
+    return true;
+  }));
+  ASSERT_EQ(store.use("eve", code_of(std::time(nullptr))), FactorRefusal::None);
+  ASSERT_TRUE(store.require_as(before));
+  EXPECT_TRUE(store.of("alice").is_missing());
+  EXPECT_FALSE(store.of("bob").required);
+  EXPECT_EQ(state_of("bob"), State::On);
+  EXPECT_EQ(state_of("gone"), State::Off) << "what was reset stays so";
+  EXPECT_EQ(store.use("eve", code_of(std::time(nullptr))), FactorRefusal::Used);
+}
+
+TEST_F(SecondFactorsTest, ABackupTakesNoneAwayAndBringsNoUsedCodeBack) {
+  ASSERT_TRUE(enrol("bob") && enrol("lost"));
+  const std::string backup = scratch.read("etc/totp.conf");
+  EXPECT_FALSE(store.differ_from(backup));
+  ASSERT_EQ(store.use("bob", code_of(std::time(nullptr))), FactorRefusal::None);
+  ASSERT_TRUE(enrol("new"));
+  EXPECT_FALSE(store.differ_from(backup));
+  ASSERT_TRUE(store.change("lost", [](SecondFactor& factor) {
+    factor = {};
+    return true;
+  }));
+  EXPECT_TRUE(store.differ_from(backup));
+  ASSERT_TRUE(store.restore(backup));
+  EXPECT_FALSE(store.differ_from(backup));
+  for (const char* user : {"bob", "new", "lost"}) EXPECT_EQ(state_of(user), State::On) << user;
+  EXPECT_EQ(store.use("bob", code_of(std::time(nullptr))), FactorRefusal::Used);
+  std::filesystem::remove(scratch.path("etc/totp.conf"));
+  ASSERT_TRUE(store.restore(backup));
+  scratch.write("etc/totp.conf", "");
+  EXPECT_EQ(state_of("bob"), State::Damaged) << "the list of users follows";
 }
 
 // Real processes, of which each has read the file before any has written it.
