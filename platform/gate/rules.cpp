@@ -48,6 +48,7 @@ constexpr Rule RULES[] = {
     {"/ormel/cert/renew", "", &TUNNELS, SLOTS | SAVE, FORM, FORM_TIME},
     {"/ormel/cert/rotate", "", &TUNNELS, SLOTS | SAVE, FORM, FORM_TIME},
     {"/ormel/connection/end", "", &TUNNELS, NO_LOCK, FORM, FORM_TIME},
+    {"/ormel/my/profile", "", &OWN, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/my/end", "", &OWN, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/my/device_add", "", &OWN, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/my/device_remove", "", &OWN, NO_LOCK, FORM, FORM_TIME},

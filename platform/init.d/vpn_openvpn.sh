@@ -149,6 +149,7 @@ start() {
   ovpn_device ||
     fail kernel-lacks "[$SECTION] this kernel has no TUN device, the OpenVPN server cannot run"
   make_keys "$digest" || fail not-written "[$SECTION] no certificate: $failure"
+  rm -f "$NEW_KEYS"
   write_file "$DAEMON_CONF" daemon_conf ||
     fail not-written "[$SECTION] $DAEMON_CONF can't be written"
   server_open openvpn "$network.0/24" "$mss" "$outgoing" $ROUTE_PRIORITY

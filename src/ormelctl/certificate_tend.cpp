@@ -103,16 +103,21 @@ void report(int level, const std::string& text) {
   if (reply.status != MIB_SUCCESS) std::fprintf(stderr, "not reported: %s\n", text.c_str());
 }
 
+// The old authority may end: the server is signed by the new one.
+int warning_stage(const Certificate& one, std::time_t now) {
+  return one.role == Role::OldAuthority ? certificates::NO_STAGE : certificates::stage_of(one, now);
+}
+
 // Each step once. It is noted before, so that a full disk makes no event every time.
 void warn(const std::vector<Certificate>& all, std::time_t now, Notes& notes) {
   Notes before = std::exchange(notes, Notes{.failed = notes.failed});
   for (const Certificate& one : all) {
-    const int stage = certificates::stage_of(one, now);
+    const int stage = warning_stage(one, now);
     if (stage != certificates::NO_STAGE) notes.stages[key_of(one)] = stage;
   }
   if (notes == before || !write_notes(notes)) return;
   for (const Certificate& one : all) {
-    const int stage = certificates::stage_of(one, now);
+    const int stage = warning_stage(one, now);
     int& warned = before.stages[key_of(one)];
     if (stage <= warned) continue;
     warned = stage;
@@ -144,6 +149,8 @@ constexpr Step STEPS[] = {
      "The rotation of the OpenVPN authority is stuck: ", certificates::advance},
     {Due::Settle, "cert/rotate", "An interrupted rotation of the OpenVPN authority was finished",
      "The rotation of the OpenVPN authority is stuck: ", certificates::settle},
+    {Due::TakeUp, "cert/renew", "The OpenVPN server was restarted with its new certificate",
+     "The OpenVPN server does not take up its new certificate: ", certificates::take_up},
 };
 
 int take(const Step& step) {
@@ -173,6 +180,7 @@ int tend_certificates() {
   localtime_r(&moment.now, &parts);
   moment.hour = parts.tm_hour;
   moment.is_used = is_used();
+  moment.is_older = certificates::runs_with_older();
   Notes notes = read_notes();
   warn(all, moment.now, notes);
   const Due due = certificates::due(all, certificates::rotation(), moment);

@@ -55,6 +55,19 @@ TEST(Certificates, EachPieceOfATextIsListedOrCalledMalformed) {
   }
 }
 
+// The library would ask the terminal for its password.
+TEST(Certificates, AnEncryptedPieceAsksNobody) {
+  const std::string pem = CERTIFICATE;
+  const size_t line = pem.find('\n') + 1;
+  const std::string head =
+      "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES-256-CBC,00112233445566778899AABBCCDDEEFF\n\n";
+  std::vector<Certificate> list;
+  testing::internal::CaptureStderr();
+  add_pem(std::string(pem).insert(line, head), Certificate{}, list);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(summary(list), "web: !malformed");
+}
+
 TEST(Certificates, AProfileShowsItsBlocksAndNoKey) {
   const std::string pem = CERTIFICATE;
   const std::string profile = "client\nca other.crt\n# <ca>\n<ca>\n" + pem + pem +
@@ -137,6 +150,8 @@ TEST(Certificates, AreDueAtNightWithoutUsersOrAtTheEnd) {
             Due::Nothing)
       << "the clock is wrong";
   EXPECT_EQ(due({}, {}, {NOW, NIGHT}), Due::Nothing);
+  const Certificate authority = lasting(Role::Authority, 999), server = lasting(Role::Server, 999);
+  EXPECT_EQ(due({authority, server}, {}, {NOW, NOON, USED, true}), Due::TakeUp);
 }
 
 TEST(Certificates, AreWarnedOfInFourSteps) {

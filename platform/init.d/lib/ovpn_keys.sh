@@ -15,6 +15,7 @@ ROTATION=$KEYS/rotation
 KEY_BITS=2048
 VALID_DAYS=3650
 RENEW_SECONDS=$((30 * 86400)) # before the end of the server's certificate
+NEW_KEYS=$RUN_DIR/openvpn.new-keys # there while a daemon may run with older ones
 
 # signature_digest ALGORITHM: the digest of a signature algorithm, as the tool calls it.
 signature_digest() {
@@ -43,6 +44,7 @@ make_certificate() {
       "$subject" \
       -addext 'subjectKeyIdentifier=hash' "$@" -out "$certificate.new" 2>/dev/null &&
     chmod 644 "$certificate.new" && sync "$key.new" "$certificate.new" &&
+    { [ "$certificate" != "$KEYS/myserver.crt" ] || : >"$NEW_KEYS"; } &&
     rm -f "$certificate" && mv -f "$key.new" "$key" && mv -f "$certificate.new" "$certificate" &&
     sync "$KEYS" && return
   rm -f "$key.new" "$certificate.new"
@@ -52,7 +54,7 @@ make_certificate() {
 # make_authority NAME DIGEST [SUFFIX]: one that signs itself. The suffix keeps the names of two
 # authorities apart, since clients look for a signer by its name.
 make_authority() {
-  make_certificate "$1" '' "/CN=$(server_name) OpenVPN CA${3:+ $3}" "$2" \
+  make_certificate "$1" '' "/CN=$(server_name ${3:+36}) OpenVPN CA${3:+ $3}" "$2" \
     'basicConstraints=critical,CA:TRUE' 'keyUsage=critical,keyCertSign,cRLSign'
 }
 
@@ -62,10 +64,10 @@ make_server_certificate() {
     'keyUsage=critical,digitalSignature,keyEncipherment' 'extendedKeyUsage=serverAuth'
 }
 
-# As much of the host's name as a certificate's has room for.
+# server_name [BYTES]: as much of the host's name as a certificate's has room for.
 server_name() {
   local host
-  host=$(head -c 36 /proc/sys/kernel/hostname | tr -cd 'A-Za-z0-9.-')
+  host=$(head -c "${1:-48}" /proc/sys/kernel/hostname | tr -cd 'A-Za-z0-9.-')
   printf '%s\n' "${host:-appliance}"
 }
 
@@ -74,15 +76,22 @@ first_certificate() { openssl x509 -in "$1" 2>/dev/null; }
 
 # has_key NAME: there is a certificate with its key.
 has_key() {
+  local public
   [ -s "$KEYS/$1.crt" ] && [ -s "$KEYS/$1.key" ] &&
-    [ "$(openssl x509 -in "$KEYS/$1.crt" -noout -pubkey 2>/dev/null)" = \
-      "$(openssl pkey -in "$KEYS/$1.key" -pubout 2>/dev/null)" ]
+    public=$(openssl x509 -in "$KEYS/$1.crt" -noout -pubkey 2>/dev/null) &&
+    [ "$public" = "$(openssl pkey -in "$KEYS/$1.key" -pubout 2>/dev/null)" ]
+}
+
+# trusted FILE: the authority that signs. Without a rotation all of the file is it, which may be a
+# chain of the administrator's own.
+trusted() {
+  if [ -n "${phase-}" ]; then first_certificate "$1"; else cat "$1"; fi
 }
 
 # certificate_usable NAME [SIGNER]: there is one, in force, with its key, and the authority that
 # signs now has signed it. Whether its digest is strong is not asked: that was chosen.
 certificate_usable() {
-  has_key "$1" && first_certificate "$KEYS/${2:-$1}.crt" |
+  has_key "$1" && trusted "$KEYS/${2:-$1}.crt" |
     openssl verify -auth_level 0 -CAfile /dev/stdin "$KEYS/$1.crt" >/dev/null 2>&1
 }
 server_usable() { certificate_usable myserver ca; }
@@ -138,31 +147,53 @@ write_bundle() {
     { write_file "$KEYS/ca.crt" bundle_text "$@" && chmod 644 "$KEYS/ca.crt"; }
 }
 
-# begin_rotation DIGEST SECONDS: the server changes over after that time.
+# Forgets a new authority whose rotation has not begun.
+forget_next() {
+  [ ! -e "$KEYS/next.crt" ] || write_bundle "$KEYS/ca.crt"
+  rm -f "$KEYS/next.key" "$KEYS/next.crt"
+}
+
+# begin_rotation DIGEST SECONDS: the server changes over after that time. Profiles have both
+# authorities before the rotation counts who has downloaded one since it began.
 begin_rotation() {
-  make_authority next "$1" "$(date -u +%Y%m%d-%H%M%S)" || return 1
-  overlap=$2 begun=$(date +%s)
-  change=$((begun + overlap)) end=$((begun + 2 * overlap)) phase=overlap
-  write_rotation && write_bundle "$KEYS/ca.crt" "$KEYS/next.crt"
+  make_authority next "$1" "$(date -u +%Y%m%d-%H%M%S)" &&
+    write_bundle "$KEYS/ca.crt" "$KEYS/next.crt" && {
+    overlap=$2 begun=$(date +%s)
+    change=$((begun + overlap)) end=$((begun + 2 * overlap)) phase=overlap
+    write_rotation
+  } && return
+  forget_next
+  return 1
 }
 
 # change_over DIGEST: the new authority signs from now on. A run that was killed is finished by the
 # next one.
 change_over() {
+  local old="$KEYS/ca.crt"
   phase=changing
   write_rotation || return 1
+  first_certificate "$old" >/dev/null || old='' # lost, and no reason to lose the new one
   if [ "$(first_certificate "$KEYS/ca.crt")" != "$(first_certificate "$KEYS/next.crt")" ]; then
     write_file "$KEYS/ca.key" cat "$KEYS/next.key" &&
-      write_bundle "$KEYS/next.crt" "$KEYS/ca.crt" || return 1
+      write_bundle "$KEYS/next.crt" ${old:+"$old"} || return 1
   fi
   server_usable || make_server_certificate "$1" || return 1
   phase=changed end=$(($(date +%s) + overlap))
   write_rotation && rm -f "$KEYS/next.key" "$KEYS/next.crt"
 }
 
+# finish_change DIGEST: the same for one that was interrupted. Without the new authority's key the
+# one that is in place goes on.
+finish_change() {
+  if has_key next; then change_over "$1"; else end_rotation; fi
+}
+
 # Old certificates are not trusted any more.
 end_rotation() {
-  write_bundle "$KEYS/ca.crt" && rm -f "$ROTATION" "$KEYS/next.key" "$KEYS/next.crt"
+  if first_certificate "$KEYS/ca.crt" >/dev/null; then
+    write_bundle "$KEYS/ca.crt" || return 1
+  fi
+  rm -f "$ROTATION" "$KEYS/next.key" "$KEYS/next.crt"
 }
 
 # settle_rotation DIGEST: finishes what a run that was killed has begun, and changes over or ends
@@ -170,15 +201,16 @@ end_rotation() {
 settle_rotation() {
   read_rotation
   case $phase in
-    '') rm -f "$KEYS/next.key" "$KEYS/next.crt" ;;
+    '') forget_next ;;
     overlap)
       certificate_usable next || { is_early next || end_rotation; return; }
-      write_bundle "$KEYS/ca.crt" "$KEYS/next.crt" || return 1
       if [ "$(date +%s)" -ge "$change" ] || ! { certificate_usable ca || is_early ca; }; then
         change_over "$1"
+      else
+        write_bundle "$KEYS/ca.crt" "$KEYS/next.crt"
       fi
       ;;
-    changing) change_over "$1" ;;
+    changing) finish_change "$1" ;;
     changed)
       rm -f "$KEYS/next.key" "$KEYS/next.crt"
       [ "$(date +%s)" -lt "$end" ] || end_rotation
@@ -191,7 +223,8 @@ settle_rotation() {
 make_keys() {
   mkdir -p "$KEYS" && chmod 700 "$KEYS" || return 1
   failure='the rotation of the certificate authority can not be finished'
-  settle_rotation "$1" || return 1
+  # On a full disk, say, the certificate that is there goes on serving.
+  settle_rotation "$1" || { has_key myserver; return; }
   # Replacing the authority would lock out all clients. The keys that are there work with them as
   # soon as the clock is right.
   if has_key ca && is_early ca; then

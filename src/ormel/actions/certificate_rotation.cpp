@@ -5,6 +5,7 @@
 #include <map>
 #include <string_view>
 #include <tuple>
+#include <unistd.h>
 
 #include <fenro/mibservice.h>
 
@@ -27,12 +28,14 @@ namespace {
 
 constexpr const char* TOOL = "/usr/lib/fenro/ovpn-keys";
 constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
-constexpr std::size_t MOST_ROTATION = 4096;  // bytes of that file
-constexpr int NO_STEP = 4;                   // exit status of the tool: nothing to be done
+constexpr const char* NEW_KEYS = "/run/fenro/openvpn.new-keys";  // by the tool, until a start
+constexpr std::size_t MOST_ROTATION = 4096;                      // bytes of that file
+constexpr int NO_STEP = 4;  // exit status of the tool: nothing to be done
 constexpr const char* PHASES[] = {"none", "overlap", "changing", "changed"};
 constexpr long STAGES[] = {30 * DAY, 7 * DAY, DAY, 0};  // seconds before the end
 constexpr int REFUSED = 1;                              // action of a row of the log
-constexpr std::string_view DOWNLOADS = "config/download";
+// Actions that hand out the authority, to administrators and to users themselves.
+constexpr std::string_view DOWNLOADS[] = {"config/download", "config/downloadcert", "my/profile"};
 
 struct Number {
   std::string_view key;
@@ -147,7 +150,8 @@ std::map<std::string, std::time_t> last_downloads() {
   audit::Page page;
   if (!audit::trail().read({.lower = 0, .upper = MOST_ROWS}, page)) return latest;
   for (const audit::Entry& entry : page.entries) {
-    if (!entry.action.starts_with(DOWNLOADS) || entry.error != NO_ERROR) continue;
+    const bool hands_out = std::ranges::find(DOWNLOADS, entry.action) != std::end(DOWNLOADS);
+    if (!hands_out || entry.error != NO_ERROR) continue;
     std::time_t& known = latest[entry.user];
     known = std::max<std::time_t>(known, entry.time);
   }
@@ -204,8 +208,16 @@ int settle(std::string& reason) {
   return rc == NO_ERROR ? restart_server(reason) : rc;
 }
 
+int take_up(std::string& reason) {
+  return runs_with_older() ? restart_server(reason) : NO_ERROR;
+}
+
 int cancel(std::string& reason) {
   return run_tool({"cancel"}, reason);
+}
+
+bool runs_with_older() {
+  return access(NEW_KEYS, F_OK) == 0 && server_runs();
 }
 
 Due due(const std::vector<Certificate>& all, const Rotation& state, const Moment& moment) {
@@ -213,6 +225,7 @@ Due due(const std::vector<Certificate>& all, const Rotation& state, const Moment
   const Certificate* const server = find(all, Role::Server);
   if (state.phase == Phase::Changing) return Due::Settle;
   if (!authority || authority->not_before > moment.now) return Due::Nothing;
+  if (moment.is_older && authority->not_after > moment.now) return Due::TakeUp;
   if (state.phase == Phase::Changed && moment.now >= state.end) return Due::Advance;
   if (state.phase == Phase::Overlap && may_change(*authority, state, moment)) return Due::Advance;
   if (authority->not_after <= moment.now) return Due::Nothing;  // no renewal would help

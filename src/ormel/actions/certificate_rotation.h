@@ -44,20 +44,26 @@ struct Rotation {
 [[nodiscard]] int advance(std::string& reason);
 // Finishes a change-over that was interrupted.
 [[nodiscard]] int settle(std::string& reason);
+// Restarts a server that still runs with an older certificate: a run that was killed left it so.
+[[nodiscard]] int take_up(std::string& reason);
 // Forgets the new authority, as long as it does not sign.
 [[nodiscard]] int cancel(std::string& reason);
 
 // What the keeper has to do.
-enum class Due { Nothing, Renew, Advance, Settle };
+enum class Due { Nothing, Renew, Advance, Settle, TakeUp };
 struct Moment {
   std::time_t now = 0;
-  int hour = 0;          // local time
-  bool is_used = false;  // somebody is connected to the OpenVPN server
+  int hour = 0;           // local time
+  bool is_used = false;   // somebody is connected to the OpenVPN server
+  bool is_older = false;  // that server runs with an older certificate than the present one
 };
 constexpr int NIGHT_BEGIN = 3, NIGHT_END = 5;
 constexpr long DAY = 86400;
 constexpr long RENEW_TIME = 30 * DAY;  // before the end: at night, while nobody is connected
 constexpr long LAST_TIME = 7 * DAY;    // before the end, or after the day of a change: in any case
+
+// Whether the server runs with an older certificate than the present one.
+[[nodiscard]] bool runs_with_older();
 
 // What is due; nothing while the clock is before the authority's begin.
 [[nodiscard]] Due due(const std::vector<Certificate>& all, const Rotation& state,

@@ -96,6 +96,11 @@ struct Cleanup {
 template <typename Object>
 using Owned = std::unique_ptr<Object, Cleanup>;
 
+// The library would ask the terminal for the password of an encrypted piece, and wait.
+int without_password(char*, int, int, void*) {
+  return -1;
+}
+
 Owned<BIO> reader(const std::string& text) {
   if (!api() || text.size() > INT_MAX) return nullptr;
   return Owned<BIO>{api()->bio_new_mem_buf(text.data(), static_cast<int>(text.size()))};
@@ -160,13 +165,14 @@ std::string digest_of(const std::string& text, void (*init)(Context*),
 
 bool is_crl(const std::string& pem) {
   const Owned<BIO> bio = reader(pem);
-  return bio && Owned<X509_CRL>{api()->read_revocations(bio.get(), nullptr, nullptr, nullptr)};
+  return bio &&
+         Owned<X509_CRL>{api()->read_revocations(bio.get(), nullptr, without_password, nullptr)};
 }
 
 bool is_cert(const std::string& pem) {
   const Owned<BIO> bio = reader(pem);
-  const Owned<X509> certificate{bio ? api()->read_certificate(bio.get(), nullptr, nullptr, nullptr)
-                                    : nullptr};
+  const Owned<X509> certificate{
+      bio ? api()->read_certificate(bio.get(), nullptr, without_password, nullptr) : nullptr};
   return certificate && Owned<EVP_PKEY>{api()->get_public_key(certificate.get())};
 }
 
@@ -174,7 +180,7 @@ std::vector<CertificateFacts> certificates_of(const std::string& pem) {
   std::vector<CertificateFacts> all;
   const Owned<BIO> bio = reader(pem);
   while (bio) {
-    const Owned<X509> one{api()->read_certificate(bio.get(), nullptr, nullptr, nullptr)};
+    const Owned<X509> one{api()->read_certificate(bio.get(), nullptr, without_password, nullptr)};
     CertificateFacts facts;
     if (!one || !read_time(api()->get_begin(one.get()), facts.not_before) ||
         !read_time(api()->get_end(one.get()), facts.not_after))
@@ -190,7 +196,8 @@ std::vector<CertificateFacts> revocation_lists_of(const std::string& pem) {
   std::vector<CertificateFacts> all;
   const Owned<BIO> bio = reader(pem);
   while (bio) {
-    const Owned<X509_CRL> one{api()->read_revocations(bio.get(), nullptr, nullptr, nullptr)};
+    const Owned<X509_CRL> one{
+        api()->read_revocations(bio.get(), nullptr, without_password, nullptr)};
     CertificateFacts facts;
     if (!one || !read_time(api()->get_update(one.get()), facts.not_before)) break;
     const ASN1_TIME* const next = api()->get_next_update(one.get());

@@ -184,7 +184,7 @@ void ask_for_code(std::string& profile) {
   profile.insert(at == std::string::npos ? 0 : at + AFTER.size(), LINE);
 }
 
-int send_profile(const Request& request, SentFile& file) {
+int make_own_profile(const Request& request, SentFile& file) {
   if (!may_use(request.name(), OVPN_SERVER_TYPE)) return ERR_ACCESS;
   if (!is_on(OVPN_SERVER_TYPE)) return ERR_NOT_SUPPORT;
   Download profile;
@@ -194,6 +194,14 @@ int send_profile(const Request& request, SentFile& file) {
   file.head = profile.head;
   file.content = file_of(profile.body);
   return file.content ? NO_ERROR : ERR_NO_MEMORY;
+}
+
+// A download leaves a row in the trail, as it says who has the present authority. What was refused
+// leaves none, so that nobody fills the trail.
+int send_profile(const Request& request, SentFile& file) {
+  const int rc = make_own_profile(request, file);
+  if (rc != NO_ERROR) request.changes_nothing();
+  return rc;
 }
 
 // A session of another user is the same as one that is not there.
@@ -215,7 +223,7 @@ Outcome end(const Request& request, JsonValue&) {
 
 constexpr Route ROWS[] = {
     {"/ormel/my/show", ANY_SESSION, READS, json<show>},
-    {"/ormel/my/profile", ANY_SESSION, READS, file<send_profile>},
+    {"/ormel/my/profile", ANY_SESSION, CHANGES, file<send_profile>},
     {"/ormel/my/end", ANY_SESSION, CHANGES, json<end>},
 };
 
