@@ -179,11 +179,15 @@ int tend_certificates() {
   std::tm parts{};
   localtime_r(&moment.now, &parts);
   moment.hour = parts.tm_hour;
-  moment.is_used = is_used();
   moment.is_older = certificates::runs_with_older();
   Notes notes = read_notes();
   warn(all, moment.now, notes);
-  const Due due = certificates::due(all, certificates::rotation(), moment);
+  const certificates::Rotation state = certificates::rotation();
+  Due due = certificates::due(all, state, moment);
+  if (due != Due::Nothing) {  // else nobody needs to be asked who is connected
+    moment.is_used = is_used();
+    due = certificates::due(all, state, moment);
+  }
   const auto* const step = std::ranges::find(STEPS, due, &Step::due);
   const bool waits = moment.now >= notes.failed && moment.now - notes.failed < RETRY_PAUSE;
   if (step == std::end(STEPS) || waits) return 0;
