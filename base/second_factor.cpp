@@ -187,7 +187,7 @@ SecondFactor restored(const SecondFactor& present, const SecondFactor& kept) {
 // A line is for an account, not for a spelling of its name: directories take several.
 std::string account_of(std::string_view user) {
   constexpr std::size_t LONGEST = std::size_t{64} << 10U;  // bytes of an account's record
-  const std::string typed{user};
+  std::string typed{user};
   if (user.find('\0') != std::string_view::npos) return typed;
   passwd record{};
   passwd* found = nullptr;

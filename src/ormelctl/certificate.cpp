@@ -35,7 +35,7 @@ constexpr RoleText ROLES[] = {
 };
 
 std::string role_text(const json_t* row) {
-  const std::string role = text_of(row, "role");
+  std::string role = text_of(row, "role");
   for (const RoleText& known : ROLES) {
     if (known.role != role) continue;
     const std::string profile = decoded(text_of(row, "profile"));
@@ -79,7 +79,7 @@ std::string note_of(const json_t* row, const json_t* data) {
   if (role == "authority-old") return "trusted until " + day_text(number_of(rotation, "end"));
   if (role == SERVER && state != "good")
     return "is renewed in the next night without users, or ormelctl cert renew server";
-  const std::string cure = cure_of(role);
+  std::string cure = cure_of(role);
   if (state == "over") return "has ended" + (cure.empty() ? "" : ": " + cure);
   if (state == "soon") return cure;
   return role == SERVER ? "renewed from " + day_text(number_of(data, "renewal")) : "";

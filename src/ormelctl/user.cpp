@@ -116,7 +116,7 @@ std::string state_text(const Row& row) {
 }
 
 std::string what_text(const Row& row) {
-  const std::string rights = rights_text(row.mask);
+  std::string rights = rights_text(row.mask);
   if (row.grant.devices == 0) return rights;
   return rights + (rights.empty() ? "" : " ") + "wireguard(" + std::to_string(row.grant.devices) +
          ')';

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <string_view>
 #include <variant>
 
@@ -135,7 +134,7 @@ void read_grants(const std::string& text, const std::string& area, State& out) {
     const char* server = nullptr;
     json_t* until = nullptr;
     json_object_foreach(json_object_get(row, "until"), server, until)
-        out[user + '/' + words_of(std::atoi(server))] =
+        out[user + '/' + words_of(to_int(server))] =
             "until " + clock_text(json_integer_value(until));
   }
   json_array_foreach(json_object_get(document.get(), "devices"), at, row) {

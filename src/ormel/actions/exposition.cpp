@@ -87,7 +87,8 @@ std::string document(std::string_view samples) {
     const auto found = by_family.find(family.name);
     if (found == by_family.end()) continue;
     const std::string name(family.name);
-    text += "# HELP " + name + ' ' + family.help + "\n# TYPE " + name + ' ' + family.type + '\n';
+    text.append("# HELP ").append(name).append(" ").append(family.help);
+    text.append("\n# TYPE ").append(name).append(" ").append(family.type).append("\n");
     for (const std::string_view line : found->second) text.append(line).append("\n");
   }
   return text;

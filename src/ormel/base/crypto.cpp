@@ -210,7 +210,7 @@ std::vector<CertificateFacts> revocation_lists_of(const std::string& pem) {
 }
 
 long days_until(std::time_t end) {
-  constexpr long DAY = 24 * 60 * 60;
+  constexpr long DAY = 24L * 60 * 60;
   const std::time_t left = end - std::time(nullptr);
   return left < 0 && left > -DAY ? -1 : left / DAY;
 }

@@ -40,7 +40,8 @@ constexpr std::array<char, 256> ESCAPES = [] {
   escapes['\n'] = 'n';
   escapes['\f'] = 'f';
   escapes['\r'] = 'r';
-  for (const char itself : {'"', '\\'}) escapes[static_cast<size_t>(itself)] = itself;
+  escapes['"'] = '"';
+  escapes['\\'] = '\\';
   return escapes;
 }();
 

@@ -91,12 +91,14 @@ std::vector<std::optional<std::string>> gather(const std::vector<Question>& ques
                                                milliseconds limit) {
   const auto end = Clock::now() + limit;
   std::vector<Asked> all;
+  all.reserve(questions.size());
   for (const Question& question : questions) all.push_back(ask(question));
   for (milliseconds left = limit; left.count() > 0;) {
     if (!listen(all, left)) break;
     left = std::chrono::duration_cast<milliseconds>(end - Clock::now());
   }
   std::vector<std::optional<std::string>> answers;
+  answers.reserve(all.size());
   for (Asked& asked : all) answers.push_back(finish(asked));
   return answers;
 }

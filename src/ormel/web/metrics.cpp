@@ -27,6 +27,7 @@ std::string exposition(bool users) {
   std::ignore = pool.load();  // always 0
   const std::vector<Source> all = sources(pool, users);
   std::vector<system::Question> questions;
+  questions.reserve(all.size());
   for (const Source& source : all) questions.push_back(source.ask);
   const auto answers = system::gather(questions, PATIENCE);
   std::string samples = ormel::metrics::sample("ormel_build_info", {{"version", ORMEL_VERSION}}, 1);

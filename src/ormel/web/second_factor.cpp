@@ -73,7 +73,7 @@ Outcome begin(const Request& request, JsonValue& reply) {
   request.changes_nothing();
   const std::string user = request.name();
   std::string secret;
-  const Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
+  Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
     if (factor.asks()) return IS_ON;
     if (!fenro::totp::is_available()) return NO_CRYPTO;
     const std::string bytes = fenro::totp::random_bytes(fenro::totp::SECRET_BYTES);
@@ -107,7 +107,7 @@ std::string typed_code(const Request& request) {
 // The code that proves the app's secret does not log anybody in afterwards.
 Outcome confirm(const Request& request, JsonValue& reply) {
   std::vector<std::string> recovery;
-  const Outcome outcome = change(request.name(), [&](SecondFactor& factor) -> Outcome {
+  Outcome outcome = change(request.name(), [&](SecondFactor& factor) -> Outcome {
     const std::int64_t now = std::time(nullptr);
     if (!has_begun(factor, now)) return NOT_BEGUN;
     const FactorRefusal refusal = fenro::take_code(factor, typed_code(request), now);
@@ -133,7 +133,7 @@ Outcome confirm(const Request& request, JsonValue& reply) {
 // alone must not be enough to guess one. The store's lock lets none be tried beside another.
 Outcome switch_off(const Request& request, JsonValue&) {
   const std::string user = request.name();
-  const Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
+  Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
     if (factor.state != SecondFactor::State::On) return IS_OFF;
     if (factor.misses >= fenro::MOST_MISSES || check_privilege_user_block(user.c_str()) != 0)
       return BLOCKED;
