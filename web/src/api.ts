@@ -64,8 +64,7 @@ async function send(path: string, form: Form, timeout: number): Promise<Response
     })
     if (path.startsWith('/ormel/'))
       unsaved.value = answer.headers.get('X-Ormel-Settings') === 'unsaved'
-    const undo = answer.headers.get('X-Ormel-Undo') // of changes alone
-    if (undo) undoLost.value = undo === 'none'
+    if (answer.headers.get('X-Ormel-Undo') === 'none') undoLost.value = true
     return answer
   } catch {
     throw new ApiError(stop.aborted ? 'timeout' : 'network', 0, '')

@@ -52,8 +52,12 @@ const char* fault_header() {
   return access(SETTINGS_FAULT, F_OK) == 0 ? "X-Ormel-Settings: unsaved\r\n" : "";
 }
 
-// The same of a change: whether it can be taken back. Empty for other requests.
-std::string undo_header;
+// The same for a change that no snapshot was made of.
+bool undo_is_lost = false;
+
+const char* undo_header() {
+  return undo_is_lost ? "X-Ormel-Undo: none\r\n" : "";
+}
 
 // What is sent is for a token that may change nothing.
 bool hides_secrets = false;
@@ -67,7 +71,7 @@ void print_head(const std::string& head) {
     std::signal(SIGPIPE, SIG_IGN);
     std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
   }
-  std::fprintf(output(), "%s%s%s\r\n", head.c_str(), fault_header(), undo_header.c_str());
+  std::fprintf(output(), "%s%s%s\r\n", head.c_str(), fault_header(), undo_header());
 }
 
 // What is printed to a stream in memory.
@@ -203,8 +207,7 @@ int give_undoable(const Route& route, const Request& request, JsonValue& respons
     return refuse(route, response, {ERR_ACCESS, recording.refusal()});
   if (!recording.not_undoable().empty())
     ORMEL_LOG(ERROR, "this change cannot be taken back: %s", recording.not_undoable().c_str());
-  undo_header =
-      recording.not_undoable().empty() ? "X-Ormel-Undo: kept\r\n" : "X-Ormel-Undo: none\r\n";
+  undo_is_lost = !recording.not_undoable().empty();
   return route.answer.give(request, response);
 }
 
