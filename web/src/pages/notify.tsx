@@ -5,6 +5,7 @@ import { Fields, useForm, type FieldRow } from '../form'
 import { duration, moment } from '../format'
 import { usePoll } from '../poll'
 import { required } from '../rules'
+import { SecretOnce } from '../secretonce'
 import { t, textOr, type TextKey } from '../texts'
 import {
   Badge,
@@ -133,24 +134,6 @@ function ReceiverDialog({
   )
 }
 
-// The secret of the signature is shown this once.
-const SecretDialog = ({ secret, onClose }: { secret: string; onClose: () => void }) => (
-  <Dialog title={t('notify.secretTitle')}>
-    <p>{t('notify.secretText')}</p>
-    <p class="mono wrap">{secret}</p>
-    <footer class="row end">
-      <Button
-        onClick={() => void navigator.clipboard.writeText(secret).then(() => say('peer.copied'))}
-      >
-        {t('peer.copy')}
-      </Button>
-      <Button kind="primary" onClick={onClose}>
-        {t('close')}
-      </Button>
-    </footer>
-  </Dialog>
-)
-
 const deliveryOf = (one: Receiver): string => {
   if (!one.at) return t('notify.never')
   if (one.failure) return t('notify.failed', { when: moment(one.at), why: one.failure })
@@ -271,7 +254,14 @@ function Receivers({
           }}
         />
       )}
-      {secret && <SecretDialog secret={secret} onClose={() => setSecret('')} />}
+      {secret && (
+        <SecretOnce
+          title={t('notify.secretTitle')}
+          text={t('notify.secretText')}
+          secret={secret}
+          onClose={() => setSecret('')}
+        />
+      )}
     </Card>
   )
 }

@@ -4,6 +4,7 @@ import { call, data } from '../api'
 import { Fields, useForm, type FieldRow } from '../form'
 import { moment } from '../format'
 import { usePoll } from '../poll'
+import { SecretOnce } from '../secretonce'
 import { t } from '../texts'
 import {
   Badge,
@@ -79,23 +80,6 @@ function MakeDialog({ onClose, onMade }: { onClose: () => void; onMade: (text: s
     </Dialog>
   )
 }
-
-const ShownOnce = ({ text, onClose }: { text: string; onClose: () => void }) => (
-  <Dialog title={t('token.made')}>
-    <p>{t('token.madeText')}</p>
-    <p class="mono wrap">{text}</p>
-    <footer class="row end">
-      <Button
-        onClick={() => void navigator.clipboard.writeText(text).then(() => say('peer.copied'))}
-      >
-        {t('peer.copy')}
-      </Button>
-      <Button kind="primary" onClick={onClose}>
-        {t('close')}
-      </Button>
-    </footer>
-  </Dialog>
-)
 
 function Left({ token, now }: { token: Token; now: number }) {
   const days = daysLeft(token.expires, now)
@@ -190,7 +174,14 @@ export function TokensPage() {
           }}
         />
       )}
-      {made && <ShownOnce text={made} onClose={() => setMade('')} />}
+      {made && (
+        <SecretOnce
+          title={t('token.made')}
+          text={t('token.madeText')}
+          secret={made}
+          onClose={() => setMade('')}
+        />
+      )}
     </Card>
   )
 }
