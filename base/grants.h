@@ -7,7 +7,7 @@
 // server as the bit of its type in decimal digits, and SECONDS since the epoch. A right without a
 // date has no end. Writers replace the file as a whole under a lock, so readers need none.
 //
-// A file that is missing gives nobody a date or a device. One that is damaged is never replaced;
+// A missing file means no end dates and no devices. One that is damaged is never replaced;
 // what can be read of it counts.
 #pragma once
 
@@ -49,7 +49,7 @@ struct GrantBook {
   // Puts a grant in the place of the user's; an empty one removes it.
   void put(Grant grant);
   [[nodiscard]] std::vector<std::string> keys_of(std::string_view user) const;
-  // Empty for a device that belongs to nobody.
+  // Empty for a device without an owner.
   [[nodiscard]] std::string owner_of(std::string_view key) const;
   // Removes the key, or puts another one in its place.
   void replace_key(std::string_view key, const std::string& other);
@@ -64,12 +64,13 @@ inline constexpr int MOST_DEVICES = 100;
 [[nodiscard]] bool has_grants(const char* file = GRANTS);
 [[nodiscard]] GrantBook read_grants(const std::string& file = GRANTS);
 
-// Whether the user's time at a server is over. Costs one look for a file where nobody has a date.
+// Returns whether the user's right to a server has expired. Costs one failed open where no dates
+// are stored.
 [[nodiscard]] bool has_ended(std::string_view user, std::uint32_t server,
                              const std::string& file = GRANTS,
                              std::time_t now = std::time(nullptr));
 
-// The book, and nobody else to change it. Waits at most ten seconds for others.
+// Locks the grants for a change. Waits at most ten seconds for other writers.
 class GrantChange {
  public:
   explicit GrantChange(std::string file = GRANTS,

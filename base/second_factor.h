@@ -6,7 +6,7 @@
 // "off", "pending" and "on", NEED "required" or "free", SECRET base32, BEGUN the time at which a
 // pending one began, USED the last step whose code has counted, MISSES how often it was to be
 // switched off with a wrong code since the last login, and DIGESTS those of the unused recovery
-// codes, with commas. Without the file nobody has a second factor.
+// codes, with commas. Without the file no user has a second factor.
 //
 // totp.users beside it names those whom the first file concerns, a line each. Such a user whose
 // line is missing or damaged is refused: damage must not turn a second factor off.
@@ -112,10 +112,10 @@ class SecondFactors {
   // else as it is: secrets and used codes never go back. False when the files cannot be written.
   [[nodiscard]] bool require_as(std::string_view conf) const;
 
-  // Adds what a copy of the first file says to what there is: nobody loses a second factor, nor
-  // gets back codes that were used since. False when the files cannot be written.
+  // Adds the entries of a copy of the first file. No user loses a second factor or gets back codes
+  // that were used since. Returns false when the files cannot be written.
   [[nodiscard]] bool restore(std::string_view conf) const;
-  // Whether that would change something.
+  // Returns whether restore() would change anything.
   [[nodiscard]] bool differ_from(std::string_view conf) const;
 
   // Lets a code of a user count, once among all processes.

@@ -109,7 +109,7 @@ constexpr int REFUSED = -1;
 int refuse(const char* user, FactorRefusal refusal) {
   constexpr std::size_t LENGTH = 32;
   std::string wrong(LENGTH, '\1');
-  std::ignore = random_name(wrong);  // control characters are nobody's password, either
+  std::ignore = random_name(wrong);  // no password contains control characters
   std::ignore = check(user, wrong.c_str());
   return static_cast<int>(refusal);
 }

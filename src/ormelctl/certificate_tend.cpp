@@ -184,7 +184,7 @@ int tend_certificates() {
   warn(all, moment.now, notes);
   const certificates::Rotation state = certificates::rotation();
   Due due = certificates::due(all, state, moment);
-  if (due != Due::Nothing) {  // else nobody needs to be asked who is connected
+  if (due != Due::Nothing) {  // else the list of connections is not needed
     moment.is_used = is_used();
     due = certificates::due(all, state, moment);
   }

@@ -59,7 +59,7 @@ class Monitoring : public WebHost {
 
 struct Daemon {
   const char* name;
-  std::vector<const char*> silent;  // families that nobody else knows
+  std::vector<const char*> silent;  // families without another source
 };
 const Daemon DAEMONS[] = {
     {"ormeld", {"ormel_login_failures_1h", "ormel_users_blocked"}},

@@ -86,7 +86,7 @@ bool server_runs() {
   return server && tunnel_state(*server->bc).state == State::Running;
 }
 
-// The daemon reads its keys at a start.
+// The daemon reads its keys when it starts.
 int restart_server(std::string& reason) {
   if (!server_runs()) return NO_ERROR;
   std::string ignored;

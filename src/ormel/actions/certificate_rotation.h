@@ -59,7 +59,7 @@ struct Moment {
 };
 constexpr int NIGHT_BEGIN = 3, NIGHT_END = 5;
 constexpr long DAY = 86400;
-constexpr long RENEW_TIME = 30 * DAY;  // before the end: at night, while nobody is connected
+constexpr long RENEW_TIME = 30 * DAY;  // before the end: at night, without connected users
 constexpr long LAST_TIME = 7 * DAY;    // before the end, or after the day of a change: in any case
 
 // Whether the server runs with an older certificate than the present one.

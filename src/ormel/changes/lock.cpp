@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 
 constexpr const char* FOLDER = "/run/fenro";
 constexpr auto PAUSE = 50ms;
-constexpr auto UNREPORTED = 2s;  // a wait that nobody needs to know of
+constexpr auto UNREPORTED = 2s;  // a wait too short to report
 
 struct Row {
   const char* file;

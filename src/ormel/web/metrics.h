@@ -1,6 +1,6 @@
 // Figures of the service for a monitoring system: what is up, who is connected, what has failed.
 //
-// Each source is asked in a process of its own, so that one that hangs costs a second and a half
+// Each source is queried in a separate process, so that one that hangs costs a second and a half
 // and no more. What a source does not say is left out: no figure stands for "not known".
 #pragma once
 

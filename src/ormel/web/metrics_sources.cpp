@@ -162,7 +162,7 @@ std::string tunnel_samples(const std::vector<Profile>& profiles) {
   return text;
 }
 
-// A host on which nobody has ever connected has no list, which is no failure.
+// A host without any connection so far has no list, which is not a failure.
 std::string session_samples() {
   std::vector<connection::vpn_peer> peers;
   const bool empty = access(fenro::ONLINE_USERS, F_OK) != 0 && errno == ENOENT;

@@ -117,7 +117,8 @@ void show_sessions(const std::string& user, JsonValue& rows) {
       [&](const connection::vpn_peer& peer) { return peer.vpn_user == user; });
 }
 
-// Null when the log database does not answer: nobody is to believe that there were no logins.
+// Null when the log database does not answer, so that the page does not claim that there were no
+// logins.
 void show_logins(const std::string& user, JsonValue& rows) {
   const auto logins = access::latest_logins(user, LOGINS);
   if (!logins) return;
@@ -196,8 +197,8 @@ int make_own_profile(const Request& request, SentFile& file) {
   return file.content ? NO_ERROR : ERR_NO_MEMORY;
 }
 
-// A download leaves a row in the trail, as it says who has the present authority. What was refused
-// leaves none, so that nobody fills the trail.
+// A download leaves a row in the trail, as it says who has the present authority. A refused
+// request leaves none, so that no user can flood the trail.
 int send_profile(const Request& request, SentFile& file) {
   const int rc = make_own_profile(request, file);
   if (rc != NO_ERROR) request.changes_nothing();
