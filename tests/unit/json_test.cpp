@@ -1,5 +1,7 @@
 #include "ormel/base/json.h"
 
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "ormel/base/handle.h"
@@ -78,6 +80,36 @@ TEST(JsonValue, LeavesADocumentThatIsOverwrittenToItsAssigner) {
   value = json_array();
   EXPECT_EQ(kept->refcount, 1U);
   EXPECT_EQ(printed(value), "[]");
+}
+
+TEST(JsonValue, PrintsRowsOfDifferentKeysEachInItsOwnOrder) {
+  JsonValue list;
+  for (const std::vector<const char*>& keys :
+       {std::vector{"b", "a"}, {"b", "a"}, {"b"}, {"a", "c", "b"}, {"b", "a", "b"}, {"b", "a"}}) {
+    auto row = std::make_unique<JsonValue>();
+    for (int number = 0; const char* key : keys) (*row)[key] = number++;
+    list.append(std::move(row));
+  }
+  EXPECT_EQ(printed(list), R"([{"a":1,"b":0},{"a":1,"b":0},{"b":0},{"a":0,"b":2,"c":1},)"
+                           R"({"a":1,"b":2},{"a":1,"b":0}])");
+}
+
+TEST(JsonValue, SettlesIntoTheTextThatBothPrintingsHave) {
+  JsonValue row;
+  row["s"] = "a\"b";
+  row["n"] = 7;
+  row.settle();
+  EXPECT_EQ(printed(row), R"({"n":7,"s":"a\"b"})");
+  EXPECT_EQ(as_string(row), printed(row));
+
+  JsonValue doubles;
+  doubles["d"] = 1.5;
+  doubles.settle();
+  EXPECT_EQ(printed(doubles), R"({"d":1.500000})");
+  EXPECT_EQ(as_string(doubles), R"({"d":1.5})");
+
+  row = 1;
+  EXPECT_EQ(printed(row), "1");
 }
 
 TEST(EscapeJson, EscapesQuotesBackslashesAndControlBytesAlone) {

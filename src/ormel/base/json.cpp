@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <deque>
+#include <numeric>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
@@ -50,20 +51,18 @@ char escape_of(char byte) {
 }
 
 void append_escaped(std::string& out, std::string_view text) {
-  size_t done = 0;
-  for (size_t at = 0; at < text.size(); ++at) {
-    const char escape = escape_of(text[at]);
-    if (escape == '\0') continue;
-    out.append(text, done, at - done);
-    done = at + 1;
-    out += '\\';
-    out += escape;
+  for (;;) {
+    const auto stop = std::find_if(text.begin(), text.end(), escape_of);
+    out.append(text.begin(), stop);
+    if (stop == text.end()) return;
+    const char escape = escape_of(*stop);
+    out += {'\\', escape};
     if (escape == 'u') {
-      const auto byte = static_cast<unsigned char>(text[at]);
+      const auto byte = static_cast<unsigned char>(*stop);
       out += {'0', '0', "0123456789abcdef"[byte / 16], "0123456789abcdef"[byte % 16]};
     }
+    text = {stop + 1, text.end()};
   }
-  out.append(text, done);
 }
 
 void append_quoted(std::string& out, std::string_view text) {
@@ -83,6 +82,13 @@ struct PrintStyle {
   static void document(std::string& out, const json_t* document) {
     json_dump_callback(document, append_piece, &out, JSON_FLAGS);
   }
+};
+
+// What both write alike.
+struct CommonStyle {
+  bool complete = true;
+  void number(std::string&, double) { complete = false; }
+  void document(std::string&, const json_t*) { complete = false; }
 };
 
 struct StringStyle {
@@ -106,19 +112,31 @@ struct JsonValue::Object {
     bool erased = false;
   };
 
-  // A member, and the start of its key as a number that sorts as the key does: most comparisons
-  // need no more.
-  struct Printed {
-    uint64_t start;
-    const Member* member;
-    bool operator<(const Printed& other) const {
-      return start != other.start ? start < other.start : member->key < other.member->key;
-    }
-    bool operator==(const Printed& other) const {
-      return start == other.start && member->key == other.member->key;
-    }
-  };
+  // What is printed, by key: of members of one key the last.
+  [[nodiscard]] std::vector<const Member*> printed() const;
 
+  std::deque<Member> members;  // in the order of their making: references to them stay good
+};
+
+namespace {
+
+// The order in which members of given keys are printed. Rows of a list have the same keys, so what
+// was found for one row serves the next.
+class PrintOrder {
+ public:
+  // Of these keys, in the order of their making.
+  template <typename Members>
+  const std::vector<size_t>& of(const Members& members) {
+    const auto is_key = [](const auto* member, const std::string& key) {
+      return member->key == key;
+    };
+    if (!std::equal(members.begin(), members.end(), keys_.begin(), keys_.end(), is_key))
+      sort(members);
+    return order_;
+  }
+
+ private:
+  // The start of a key as a number that sorts as the key does: most comparisons need no more.
   static uint64_t start_of(std::string_view key) {
     uint64_t start = 0;
     for (size_t at = 0; at < sizeof start; ++at)
@@ -126,19 +144,41 @@ struct JsonValue::Object {
     return start;
   }
 
-  // What is printed, by key: of members of one key the last.
-  [[nodiscard]] std::vector<Printed> printed() const {
-    std::vector<Printed> all;
-    all.reserve(members.size());
-    for (auto member = members.rbegin(); member != members.rend(); ++member)
-      if (!member->erased) all.push_back({start_of(member->key), &*member});
-    std::stable_sort(all.begin(), all.end());
-    all.erase(std::unique(all.begin(), all.end()), all.end());
-    return all;
+  template <typename Members>
+  void sort(const Members& members) {
+    keys_.clear();
+    std::vector<uint64_t> starts;
+    for (const auto* member : members) {
+      keys_.push_back(member->key);
+      starts.push_back(start_of(member->key));
+    }
+    order_.resize(keys_.size());
+    std::iota(order_.rbegin(), order_.rend(), size_t{0});  // of one key the last comes first
+    const auto before = [&](size_t a, size_t b) {
+      return starts[a] != starts[b] ? starts[a] < starts[b] : keys_[a] < keys_[b];
+    };
+    const auto same = [&](size_t a, size_t b) { return keys_[a] == keys_[b]; };
+    std::stable_sort(order_.begin(), order_.end(), before);
+    order_.erase(std::unique(order_.begin(), order_.end(), same), order_.end());
   }
 
-  std::deque<Member> members;  // in the order of their making: references to them stay good
+  std::vector<std::string> keys_;
+  std::vector<size_t> order_;
 };
+
+}  // namespace
+
+std::vector<const JsonValue::Object::Member*> JsonValue::Object::printed() const {
+  static PrintOrder last;
+  std::vector<const Member*> made;
+  made.reserve(members.size());
+  for (const Member& member : members)
+    if (!member.erased) made.push_back(&member);
+  std::vector<const Member*> all;
+  all.reserve(made.size());
+  for (const size_t index : last.of(made)) all.push_back(made[index]);
+  return all;
+}
 
 void JsonValue::FreeObject::operator()(Object* object) const {
   std::default_delete<Object>()(object);
@@ -244,7 +284,7 @@ void JsonValue::erase(const std::string& key) {
 }
 
 template <typename Style>
-void JsonValue::write(std::string& out) const {
+void JsonValue::write(std::string& out, Style& style) const {
   std::visit(
       [&](const auto& held) {
         using T = std::decay_t<decltype(held)>;
@@ -253,26 +293,28 @@ void JsonValue::write(std::string& out) const {
         } else if constexpr (std::is_same_v<T, bool>) {
           out += held ? "true" : "false";
         } else if constexpr (std::is_same_v<T, double>) {
-          Style::number(out, held);
+          style.number(out, held);
         } else if constexpr (std::is_same_v<T, std::string>) {
           append_quoted(out, held);
         } else if constexpr (std::is_same_v<T, Json>) {
-          Style::document(out, held.get());
+          style.document(out, held.get());
+        } else if constexpr (std::is_same_v<T, Settled>) {
+          out += held.text;
         } else if constexpr (std::is_same_v<T, Array>) {
           char separator = '[';
           for (const auto& item : held) {
             out += std::exchange(separator, ',');
-            item->template write<Style>(out);
+            item->write(out, style);
           }
           out += held.empty() ? "[]" : "]";
         } else if constexpr (std::is_same_v<T, ObjectHandle>) {
           out += '{';
           std::string_view separator = "\"";
-          for (const auto& [start, member] : held->printed()) {
+          for (const Object::Member* member : held->printed()) {
             out += std::exchange(separator, ",\"");
             append_escaped(out, member->key);
             out += "\":";
-            member->value.template write<Style>(out);
+            member->value.write(out, style);
           }
           out += '}';
         } else {
@@ -282,14 +324,29 @@ void JsonValue::write(std::string& out) const {
       value_);
 }
 
+void JsonValue::settle() {
+  constexpr size_t USUAL_ROW = 512;
+  CommonStyle style;
+  Settled settled;
+  settled.text.reserve(USUAL_ROW);
+  write(settled.text, style);
+  if (style.complete) value_ = std::move(settled);
+}
+
 void JsonValue::print(std::FILE* stream) const {
   std::string text;
-  write<PrintStyle>(text);
+  print(text);
   std::fwrite(text.data(), 1, text.size(), stream);
 }
 
+void JsonValue::print(std::string& out) const {
+  PrintStyle style;
+  write(out, style);
+}
+
 void JsonValue::toString(std::string& text) const {
-  write<StringStyle>(text);
+  StringStyle style;
+  write(text, style);
 }
 
 std::string escape_json(const std::string& text) {

@@ -80,8 +80,15 @@ class JsonValue {
   void erase(size_t index);
   void erase(const std::string& key);
 
+  // Keeps the printed text alone, which takes a fraction of the memory: for a row of a long list
+  // that nobody changes any more. A value whose text differs between `print` and `toString` stays
+  // as it is.
+  void settle();
+
   // Writes the value as JSON text without white space.
   void print(std::FILE* stream) const;
+  // The same, appended to `out`.
+  void print(std::string& out) const;
   // Appends the value's text to `out`. Differs from `print` in two ways that clients rely on:
   // doubles have six significant digits, and a held json_t is printed in double quotes with its
   // own quotes unescaped.
@@ -91,6 +98,9 @@ class JsonValue {
 
  private:
   struct Object;
+  struct Settled {
+    std::string text;
+  };
   struct FreeObject {
     void operator()(Object* object) const;
   };
@@ -102,10 +112,10 @@ class JsonValue {
   template <typename T>
   T& hold();
   template <typename Style>
-  void write(std::string& out) const;
+  void write(std::string& out, Style& style) const;
 
   std::variant<std::monostate, bool, int32_t, uint32_t, int64_t, uint64_t, double, std::string,
-               Json, Array, ObjectHandle>
+               Json, Array, ObjectHandle, Settled>
       value_;  // null, unless it holds something else
 };
 

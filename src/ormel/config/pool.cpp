@@ -84,6 +84,7 @@ void Management::show(TYPE mask, USER_TYPE who, JsonValue* out) {
     }
     auto shown = std::make_unique<JsonValue>();
     (*record)->show(who, shown.get());
+    shown->settle();
     out->append(std::move(shown));
   }
 }

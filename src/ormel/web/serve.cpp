@@ -63,15 +63,22 @@ const char* undo_header() {
 bool hides_secrets = false;
 
 // Printing is the last thing that a request does. A client that has gone away must not keep it from
-// cleaning up.
+// cleaning up. The stream gets a buffer of that size, or none.
+void begin_output(char* buffer, size_t size) {
+  if (local_output) return;
+  if (!environment("CONTENT_LENGTH").empty()) fenro::discard_body(STDIN_FILENO);
+  std::signal(SIGPIPE, SIG_IGN);
+  std::setvbuf(stdout, buffer, buffer ? _IOFBF : _IONBF, size);
+}
+
+std::string with_marks(const std::string& head) {
+  return head + fault_header() + undo_header() + "\r\n";
+}
+
 void print_head(const std::string& head) {
   static std::array<char, OUTPUT_SIZE> buffer;
-  if (!local_output) {
-    if (!environment("CONTENT_LENGTH").empty()) fenro::discard_body(STDIN_FILENO);
-    std::signal(SIGPIPE, SIG_IGN);
-    std::setvbuf(stdout, buffer.data(), _IOFBF, buffer.size());
-  }
-  std::fprintf(output(), "%s%s%s\r\n", head.c_str(), fault_header(), undo_header());
+  begin_output(buffer.data(), buffer.size());
+  std::fputs(with_marks(head).c_str(), output());
 }
 
 // What is printed to a stream in memory.
@@ -88,13 +95,18 @@ std::string printed(const std::function<void(std::FILE* stream)>& print) {
 
 void print_reply(const JsonValue& response) {
   const std::string media_type = support_json_type ? "application/json" : "text/plain";
-  print_head("Content-type: " + media_type + "; charset=utf-8\r\n");
+  std::string text;
+  text.reserve(OUTPUT_SIZE);
+  text += with_marks("Content-type: " + media_type + "; charset=utf-8\r\n");
   if (hides_secrets) {
-    const std::string whole = printed([&](std::FILE* stream) { response.print(stream); });
-    std::fputs(without_secrets(whole).c_str(), output());
+    std::string whole;
+    response.print(whole);
+    text += without_secrets(whole);
   } else {
-    response.print(output());
+    response.print(text);
   }
+  begin_output(nullptr, 0);
+  std::fwrite(text.data(), 1, text.size(), output());
   std::fflush(output());
 }
 
