@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t BLOCK = std::size_t{16} << 10;
 constexpr std::size_t LARGE_TEXT = BLOCK / 4;  // gets its own block
 constexpr std::size_t FIRST_SLOTS = 64;
-constexpr std::size_t USUAL_LINE = 24;  // bytes of a line, to guess the entries of a file
+constexpr std::size_t USUAL_LINE = 20;  // bytes of a line, to guess the entries of a file
 constexpr std::uint32_t FNV_START = 2166136261U;
 constexpr std::uint32_t FNV_PRIME = 16777619U;
 

@@ -45,25 +45,29 @@ std::optional<Record> look_up(std::vector<char>& buffer, Ask ask) {
   return {};
 }
 
-std::optional<gid_t> find_group(const char* name) {
-  std::vector<char> buffer;
-  const auto record =
-      look_up<group>(buffer, [name](group* g, char* text, std::size_t size, group** found) {
-        return getgrnam_r(name, g, text, size, found);
-      });
-  return record ? std::optional{record->gr_gid} : std::nullopt;
+bool is_listed(const group& group, std::string_view user) {
+  for (char** member = group.gr_mem; *member; ++member)
+    if (*member == user) return true;
+  return false;
 }
 
 bool belongs(const char* user, const char* group_name) {
   const auto account = find_user(user);
-  const auto wanted = find_group(group_name);
-  if (!account || !wanted) return false;
+  if (!account) return false;
+  std::vector<char> buffer;
+  const auto wanted =
+      look_up<group>(buffer, [group_name](group* g, char* text, std::size_t size, group** found) {
+        return getgrnam_r(group_name, g, text, size, found);
+      });
+  if (!wanted) return false;
+  if (wanted->gr_gid == account->gid || is_listed(*wanted, user)) return true;
+  // Directories know groups that do not list their members.
   for (int room = FIRST_GROUPS; room <= LAST_GROUPS; room *= 2) {
     std::vector<gid_t> groups(static_cast<std::size_t>(room));
     int count = room;
     if (getgrouplist(user, account->gid, groups.data(), &count) < 0) continue;
     groups.resize(static_cast<std::size_t>(count));
-    return std::find(groups.begin(), groups.end(), *wanted) != groups.end();
+    return std::find(groups.begin(), groups.end(), wanted->gr_gid) != groups.end();
   }
   return false;
 }

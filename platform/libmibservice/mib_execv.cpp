@@ -26,7 +26,7 @@ namespace {
 constexpr int FIRST_FREE = STDERR_FILENO + 1;
 constexpr int SIGNAL_BASE = 128;  // as the shell reports a program that a signal ended
 constexpr int TICK_MS = 20;  // how often to look for the program's end on a kernel without pidfd
-constexpr std::size_t CHUNK = std::size_t{64} << 10;
+constexpr std::size_t CHUNK = std::size_t{4} << 10;
 
 // A caller that ignores SIGCHLD, as some web servers leave it, would have its children reaped by
 // the kernel and their exit status lost.
