@@ -53,7 +53,7 @@ char escape_of(char byte) {
 void append_escaped(std::string& out, std::string_view text) {
   for (;;) {
     const auto stop = std::find_if(text.begin(), text.end(), escape_of);
-    out.append(text.begin(), stop);
+    out.append(text.data(), static_cast<size_t>(stop - text.begin()));
     if (stop == text.end()) return;
     const char escape = escape_of(*stop);
     out += {'\\', escape};
@@ -112,28 +112,61 @@ struct JsonValue::Object {
     bool erased = false;
   };
 
-  // What is printed, by key: of members of one key the last.
-  [[nodiscard]] std::vector<const Member*> printed() const;
+  // The members that were not erased, in the order of their making.
+  [[nodiscard]] std::vector<const Member*> kept() const;
 
   std::deque<Member> members;  // in the order of their making: references to them stay good
 };
 
+std::vector<const JsonValue::Object::Member*> JsonValue::Object::kept() const {
+  std::vector<const Member*> all;
+  all.reserve(members.size());
+  for (const Member& member : members)
+    if (!member.erased) all.push_back(&member);
+  return all;
+}
+
 namespace {
 
-// The order in which members of given keys are printed. Rows of a list have the same keys, so what
-// was found for one row serves the next.
+// Which of the members are printed, in which order: by the bytes of their keys, and of one key the
+// last.
 class PrintOrder {
  public:
-  // Of these keys, in the order of their making.
+  struct Place {
+    size_t index;       // of the member
+    std::string label;  // its key as it is printed, with the colon
+  };
+
+  // The members as they were made.
   template <typename Members>
-  const std::vector<size_t>& of(const Members& members) {
-    const auto is_key = [](const auto* member, const std::string& key) {
-      return member->key == key;
-    };
-    if (!std::equal(members.begin(), members.end(), keys_.begin(), keys_.end(), is_key))
-      sort(members);
-    return order_;
+  explicit PrintOrder(const Members& members) {
+    std::vector<uint64_t> starts;
+    for (const auto* member : members) {
+      keys_.push_back(member->key);
+      starts.push_back(start_of(member->key));
+    }
+    std::vector<size_t> order(keys_.size());
+    std::iota(order.rbegin(), order.rend(), size_t{0});  // of one key the last comes first
+    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+      return starts[a] != starts[b] ? starts[a] < starts[b] : keys_[a] < keys_[b];
+    });
+    const auto same = [&](size_t a, size_t b) { return keys_[a] == keys_[b]; };
+    order.erase(std::unique(order.begin(), order.end(), same), order.end());
+    for (const size_t index : order) {
+      Place& place = places.emplace_back(Place{index, {}});
+      append_quoted(place.label, keys_[index]);
+      place.label += ':';
+    }
   }
+
+  template <typename Members>
+  [[nodiscard]] bool fits(const Members& members) const {
+    return std::equal(
+        members.begin(), members.end(), keys_.begin(), keys_.end(),
+        [](const auto* member, const std::string& key) { return member->key == key; });
+  }
+
+  std::vector<Place> places;
 
  private:
   // The start of a key as a number that sorts as the key does: most comparisons need no more.
@@ -144,41 +177,18 @@ class PrintOrder {
     return start;
   }
 
-  template <typename Members>
-  void sort(const Members& members) {
-    keys_.clear();
-    std::vector<uint64_t> starts;
-    for (const auto* member : members) {
-      keys_.push_back(member->key);
-      starts.push_back(start_of(member->key));
-    }
-    order_.resize(keys_.size());
-    std::iota(order_.rbegin(), order_.rend(), size_t{0});  // of one key the last comes first
-    const auto before = [&](size_t a, size_t b) {
-      return starts[a] != starts[b] ? starts[a] < starts[b] : keys_[a] < keys_[b];
-    };
-    const auto same = [&](size_t a, size_t b) { return keys_[a] == keys_[b]; };
-    std::stable_sort(order_.begin(), order_.end(), before);
-    order_.erase(std::unique(order_.begin(), order_.end(), same), order_.end());
-  }
-
   std::vector<std::string> keys_;
-  std::vector<size_t> order_;
 };
 
-}  // namespace
-
-std::vector<const JsonValue::Object::Member*> JsonValue::Object::printed() const {
-  static PrintOrder last;
-  std::vector<const Member*> made;
-  made.reserve(members.size());
-  for (const Member& member : members)
-    if (!member.erased) made.push_back(&member);
-  std::vector<const Member*> all;
-  all.reserve(made.size());
-  for (const size_t index : last.of(made)) all.push_back(made[index]);
-  return all;
+// Rows of a list have the same keys: the order that was found for one row serves the next.
+template <typename Members>
+std::shared_ptr<const PrintOrder> order_of(const Members& members) {
+  static std::shared_ptr<const PrintOrder> last;
+  if (!last || !last->fits(members)) last = std::make_shared<const PrintOrder>(members);
+  return last;
 }
+
+}  // namespace
 
 void JsonValue::FreeObject::operator()(Object* object) const {
   std::default_delete<Object>()(object);
@@ -308,15 +318,15 @@ void JsonValue::write(std::string& out, Style& style) const {
           }
           out += held.empty() ? "[]" : "]";
         } else if constexpr (std::is_same_v<T, ObjectHandle>) {
-          out += '{';
-          std::string_view separator = "\"";
-          for (const Object::Member* member : held->printed()) {
-            out += std::exchange(separator, ",\"");
-            append_escaped(out, member->key);
-            out += "\":";
-            member->value.write(out, style);
+          const auto members = held->kept();
+          const auto order = order_of(members);
+          char separator = '{';
+          for (const auto& [index, label] : order->places) {
+            out += std::exchange(separator, ',');
+            out += label;
+            members[index]->value.write(out, style);
           }
-          out += '}';
+          out += order->places.empty() ? "{}" : "}";
         } else {
           append_number(out, held);
         }
