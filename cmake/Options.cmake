@@ -8,6 +8,8 @@ option(ORMEL_BENCH "Build the benchmarks" ON)
 option(ORMEL_FUZZ "Build the fuzz targets with libFuzzer (clang only)" OFF)
 set(ORMEL_SANITIZE "" CACHE STRING
   "Sanitizers to build with, as -fsanitize= takes them; empty for none")
+set(ORMEL_DRIVERS "" CACHE PATH
+  "Build folder that compiles the system tests' drivers for one with sanitizers; empty for none")
 option(ORMEL_COVERAGE "Instrument for gcov" OFF)
 
 # pppd takes a plugin that was made for its own version only.
