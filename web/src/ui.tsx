@@ -475,9 +475,11 @@ export function useJob() {
 // The end of a form whose job "save" it is: what failed, what is beside the button, the button.
 export const SaveRow = ({
   job,
+  action = t('save'),
   children,
 }: {
   job: ReturnType<typeof useJob>
+  action?: string
   children?: ComponentChildren
 }) => (
   <>
@@ -485,7 +487,7 @@ export const SaveRow = ({
     <div class="row end">
       {children}
       <Button kind="primary" submit busy={job.busy === 'save'}>
-        {t('save')}
+        {action}
       </Button>
     </div>
   </>

@@ -5,7 +5,7 @@ import { date, moment } from '../format'
 import { WIREGUARD } from '../model'
 import { all, range, required, type Rule } from '../rules'
 import { t } from '../texts'
-import { Button, Dialog, Failure, say, useJob } from '../ui'
+import { Button, Dialog, SaveRow, say, useJob } from '../ui'
 import { dayAt } from './peers'
 
 export interface Grant {
@@ -81,13 +81,9 @@ export function GrantDialog({
     <Dialog title={t('grant.title', { user })} onClose={onClose}>
       <form onSubmit={event => void save(event)} noValidate>
         <Fields rows={ROWS} form={form} />
-        <Failure failure={job.failure} />
-        <footer class="row end">
+        <SaveRow job={job}>
           <Button onClick={onClose}>{t('cancel')}</Button>
-          <Button kind="primary" submit busy={job.busy === 'save'}>
-            {t('save')}
-          </Button>
-        </footer>
+        </SaveRow>
       </form>
     </Dialog>
   )

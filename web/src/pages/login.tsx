@@ -1,6 +1,7 @@
 // The login, as a page of its own and over a page whose session has run out.
 import { useEffect, useRef, useState } from 'preact/hooks'
 import { ApiError, callOnce } from '../api'
+import { CodeField } from '../codefield'
 import { explain } from '../errors'
 import { clock } from '../format'
 import { session } from '../session'
@@ -93,19 +94,7 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
           />
         )}
       </Field>
-      <Field label={t('login.code')} help={t('login.codeHelp')}>
-        {ids => (
-          <input
-            {...ids}
-            name="code"
-            autocomplete="one-time-code"
-            maxLength={20}
-            spellcheck={false}
-            value={code}
-            onInput={event => setCode(event.currentTarget.value)}
-          />
-        )}
-      </Field>
+      <CodeField label={t('login.code')} help={t('login.codeHelp')} code={code} onInput={setCode} />
       {wrong && <Notice tone="bad">{wrong}</Notice>}
       <Button kind="primary" submit busy={busy}>
         {t('login.go')}

@@ -1,11 +1,13 @@
 // The second factor of one's own logins: set up with an authenticator app, recovery codes, and how to switch it off.
 import { useState } from 'preact/hooks'
 import { call, data, saveFile } from '../api'
+import { CodeField } from '../codefield'
 import { labelOf } from '../model'
 import { QrCode } from '../qr'
+import { useKept } from '../secretonce'
 import { session } from '../session'
 import { t } from '../texts'
-import { Button, Card, Dialog, Failure, Field, Notice, confirm, say, useJob } from '../ui'
+import { Button, Card, Dialog, Failure, Notice, say, useJob } from '../ui'
 
 export interface Factor {
   state: 'off' | 'pending' | 'on' | 'damaged'
@@ -28,46 +30,21 @@ export const isCode = (text: string): boolean => {
   return /^[0-9]{6}$/.test(plain) || /^[a-z2-7]{4}-[a-z2-7]{4}-[a-z2-7]{4}$/i.test(plain)
 }
 
-function CodeField({ code, onInput }: { code: string; onInput: (code: string) => void }) {
-  return (
-    <Field label={t('factor.code')}>
-      {ids => (
-        <input
-          {...ids}
-          name="code"
-          autocomplete="one-time-code"
-          maxLength={20}
-          spellcheck={false}
-          value={code}
-          onInput={event => onInput(event.currentTarget.value)}
-        />
-      )}
-    </Field>
-  )
-}
-
 // The one time that the codes can be seen.
 function Recovery({ codes, onClose }: { codes: readonly string[]; onClose: () => void }) {
-  const [kept, setKept] = useState(false)
   const text = codes.join('\n') + '\n'
-  const close = async () => {
-    const yes =
-      kept ||
-      (await confirm({
-        title: t('factor.unkept'),
-        text: t('factor.unkeptText'),
-        action: t('peer.close'),
-        danger: true,
-      }))
-    if (yes) onClose()
-  }
+  const { keep, close } = useKept({
+    title: t('factor.unkept'),
+    text: t('factor.unkeptText'),
+    onClose,
+  })
   const copy = () =>
     navigator.clipboard.writeText(text).then(
-      () => (setKept(true), say('peer.copied')),
+      () => (keep(), say('peer.copied')),
       () => say('factor.notCopied'),
     )
   return (
-    <Dialog title={t('factor.recovery')} onClose={() => void close()}>
+    <Dialog title={t('factor.recovery')} onClose={close}>
       <Notice tone="good">
         <strong>{t('factor.isOn')}</strong>
         <span>{t('factor.recoveryText')}</span>
@@ -77,14 +54,14 @@ function Recovery({ codes, onClose }: { codes: readonly string[]; onClose: () =>
       </pre>
       <div class="row">
         <Button onClick={() => void copy()}>{t('peer.copy')}</Button>
-        <Button onClick={() => (window.print(), setKept(true))}>{t('factor.print')}</Button>
+        <Button onClick={() => (window.print(), keep())}>{t('factor.print')}</Button>
         <Button
           icon="download"
-          onClick={() => (saveFile('recovery-codes.txt', new Blob([text])), setKept(true))}
+          onClick={() => (saveFile('recovery-codes.txt', new Blob([text])), keep())}
         >
           {t('factor.file')}
         </Button>
-        <Button kind="primary" onClick={() => void close()}>
+        <Button kind="primary" onClick={close}>
           {t('peer.done')}
         </Button>
       </div>
@@ -121,7 +98,7 @@ function SetUp({ begun, onDone }: { begun: Begun; onDone: (codes: string[]) => v
           <pre tabIndex={0} aria-label={t('factor.secret')}>
             {grouped(begun.secret)}
           </pre>
-          <CodeField code={code} onInput={setCode} />
+          <CodeField label={t('factor.code')} code={code} onInput={setCode} />
           <Failure failure={job.failure} />
           <Button kind="primary" submit busy={job.busy !== ''} disabled={!isCode(code)}>
             {t('factor.confirm')}
@@ -169,7 +146,7 @@ function SwitchOff({ onDone }: { onDone: () => void }) {
   return (
     <form onSubmit={event => void send(event)}>
       <p class="help">{t('factor.offHelp')}</p>
-      <CodeField code={code} onInput={setCode} />
+      <CodeField label={t('factor.code')} code={code} onInput={setCode} />
       <Failure failure={job.failure} />
       <Button kind="danger" submit busy={job.busy !== ''} disabled={!isCode(code)}>
         {t('factor.off')}
