@@ -218,7 +218,7 @@ TEST_F(MyAccess, EndsOnTime) {
       << "its end is forgotten once the right is gone";
   EXPECT_THAT(ctl({"audit"}).out, ContainsRegex("keeper +user revoke +guest .*openvpn → none +ok"));
   EXPECT_THAT(ctl({"log", "events"}).out, HasSubstr("The access of guest to OpenVPN has ended"));
-  // A new right has no end of the past.
+  // A new right does not get an earlier end.
   ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
   EXPECT_EQ(login(), 0);
 }
@@ -237,7 +237,7 @@ TEST_F(MyAccess, EndsWithoutTheKeeperAndIsRevokedOnceItIsBack) {
       {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
   EXPECT_TRUE(comes_true([&] { return read(STORE) == "guest:0:0:0:0:0\n"; }, PATIENCE));
   EXPECT_NE(login(), 0);
-  // Who had read the rights before writes them once more: they do not come back without their end.
+  // A run that read the rights earlier writes them again: they do not come back without their end.
   EXPECT_TRUE(comes_true([] { return fenro::read_grants().grants.empty(); }, PATIENCE));
 }
 
@@ -327,7 +327,7 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
   EXPECT_THAT(answers, AllOf(HasSubstr("\"error\":0"), HasSubstr("\"error\":43")));
   EXPECT_EQ(column(my("show"), "devices", "key").size(), 2U);
 
-  // The own time of devices keeps them out.
+  // The end of devices keeps them out.
   ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", "2", "--until", "3s"}).status, 0);
   EXPECT_TRUE(comes_true([&] { return datum(my("show"), "quota") == "0"; }, PATIENCE));
   EXPECT_EQ(error_of(my("device_add", "&name=late")), 45);
@@ -364,7 +364,7 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
   EXPECT_EQ(column(my("show"), "devices", "key").size(), 1U);
 }
 
-// Each takes a place and an address of its own.
+// Each gets a separate index and address.
 TEST_F(MyAccess, AddsDevicesBesideAnAdministrator) {
   turn_wireguard_on(8);
   const std::string both = "for i in 1 2 3 4 5 6 7 8; do curl -ksS -d 'sid=" + guest +

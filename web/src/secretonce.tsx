@@ -9,7 +9,7 @@ interface Unkept {
   text: string
   onClose: () => void
 }
-// Closes after a question, unless what is shown has been kept.
+// Asks before it closes, unless the secret has been kept.
 export function useKept({ once = true, title, text, onClose }: Unkept) {
   const [kept, setKept] = useState(!once)
   const close = async () => {

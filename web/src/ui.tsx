@@ -472,7 +472,7 @@ export function useJob() {
   return { busy, last, failure, run }
 }
 
-// The end of a form whose job "save" it is: what failed, what is beside the button, the button.
+// The end of a form with the job "save": its failure, other buttons, and the button that runs the job.
 export const SaveRow = ({
   job,
   action = t('save'),

@@ -19,13 +19,13 @@ export interface Grant {
 export const dayEnd = (day: string): number =>
   day ? new Date(`${day}T23:59:59`).getTime() / 1000 : 0
 
-// The first of the ends; 0 without any.
+// The earliest end; 0 without any.
 export const firstEnd = (grant: Grant | undefined): number => {
   const ends = Object.values(grant?.until ?? {})
   return ends.length > 0 ? Math.min(...ends) : 0
 }
 
-// A date, with its time unless that is the end of the day.
+// A date, and its time unless that is the last second of the day.
 export const endWords = (end: number): string =>
   end === dayEnd(dayAt(end)) ? date(new Date(end * 1000)) : moment(end)
 

@@ -1,4 +1,4 @@
-// The login, as a page of its own and over a page whose session has run out.
+// The login, as a page and as a dialog over a page whose session has run out.
 import { useEffect, useRef, useState } from 'preact/hooks'
 import { ApiError, callOnce } from '../api'
 import { CodeField } from '../codefield'
@@ -20,7 +20,7 @@ function wordsFor(failure: unknown): string {
   return `${what} ${advice}`.trim()
 }
 
-// Where one begins to type.
+// Focuses a field when it appears.
 function useFocus(wanted: boolean) {
   const field = useRef<HTMLInputElement>(null)
   useEffect(() => {
@@ -38,7 +38,7 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
   const userField = useFocus(fixedUser === undefined)
   const passwordField = useFocus(fixedUser !== undefined)
 
-  // The button that had the focus was off meanwhile.
+  // The button lost the focus while it was busy.
   useEffect(() => {
     if (wrong) passwordField.current?.focus()
   }, [wrong])
@@ -118,7 +118,7 @@ export const LoginPage = () => (
   </main>
 )
 
-// What was being done stays below, and goes on where it was.
+// The page below keeps its state and continues after the login.
 export const LoginAgain = () => (
   <Dialog title={t('login.again')}>
     <p>{t('login.expired')}</p>

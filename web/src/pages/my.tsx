@@ -1,5 +1,4 @@
-// What a user may see and do about their own access: what they may use, their profile, their devices, where they are
-// on, and how their latest logins went.
+// A user's own access: rights, profile, second factor, devices, sessions and latest logins.
 import { useState } from 'preact/hooks'
 import { SLOW, call, data, download, saveFile } from '../api'
 import { Fields, useForm, type FieldRow } from '../form'
@@ -39,7 +38,7 @@ export interface OwnDevice {
   key: string
   address: string
   handshake: number // seconds since 1970, 0 for never
-  kept_out_since: number // 0 for a device that is not
+  kept_out_since: number // 0 for a device that may connect
 }
 interface Session extends Connection {
   id: string

@@ -1,4 +1,4 @@
-// The second factor of one's own logins: set up with an authenticator app, recovery codes, and how to switch it off.
+// A user's own second factor: set-up with an authenticator app, recovery codes, and switching it off.
 import { useState } from 'preact/hooks'
 import { call, data, saveFile } from '../api'
 import { CodeField } from '../codefield'
@@ -19,10 +19,10 @@ const PPTP = 1
 const L2TP = 2
 const FEW = 3 // recovery codes
 
-// Whose logins have no place for a code.
+// Protocols whose logins cannot carry a code.
 export const hasNoCode = (type: number): boolean => type === PPTP || type === L2TP
 
-// In groups of four, as one types it.
+// In groups of four, for typing.
 export const grouped = (secret: string): string => secret.replace(/(.{4})(?=.)/g, '$1 ')
 
 export const isCode = (text: string): boolean => {
@@ -30,7 +30,7 @@ export const isCode = (text: string): boolean => {
   return /^[0-9]{6}$/.test(plain) || /^[a-z2-7]{4}-[a-z2-7]{4}-[a-z2-7]{4}$/i.test(plain)
 }
 
-// The one time that the codes can be seen.
+// The codes cannot be shown again.
 function Recovery({ codes, onClose }: { codes: readonly string[]; onClose: () => void }) {
   const text = codes.join('\n') + '\n'
   const { keep, close } = useKept({
@@ -109,7 +109,7 @@ function SetUp({ begun, onDone }: { begun: Begun; onDone: (codes: string[]) => v
   )
 }
 
-// Sets one up from the first button to the recovery codes.
+// The whole set-up, from its button to the recovery codes.
 function Enrol({ onBegin, onDone }: { onBegin?: () => void; onDone: () => void }) {
   const [begun, setBegun] = useState<Begun | null>(null)
   const [codes, setCodes] = useState<string[] | null>(null)
@@ -155,7 +155,7 @@ function SwitchOff({ onDone }: { onDone: () => void }) {
   )
 }
 
-// Whether the session is good for the set-up alone.
+// Notes whether the session may only set up a second factor.
 function mustEnrol(enrol: boolean): void {
   const login = session.login.peek()
   if (login) session.begin({ ...login, enrol: enrol || undefined })
@@ -170,7 +170,7 @@ export function SecondFactor({
   without: readonly number[] // servers of this user that cannot ask for a code
   onChanged: () => void
 }) {
-  // An answer that comes during the set-up must not take it away.
+  // A poll during the set-up must not remove it from the page.
   const [enrolling, setEnrolling] = useState(false)
   const on = factor.state === 'on' && !enrolling
   return (
@@ -201,7 +201,7 @@ export function SecondFactor({
   )
 }
 
-// All that a user sees who has to set one up first.
+// The only page of a user who must first set one up.
 export function EnrolPage() {
   return (
     <main class="front">
