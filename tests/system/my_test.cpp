@@ -132,11 +132,11 @@ class MyAccess : public testing::Test {
   [[nodiscard]] std::vector<std::string> sessions() const {
     return column(my("show"), "sessions", "id");
   }
-  // How the servers decide about the right password.
-  [[nodiscard]] int login() const {
+  // How the servers decide about a password, the right one by default.
+  [[nodiscard]] int login(const std::string& typed = {}) const {
     return run({"/usr/sbin/ormel.sauth"},
-               {"username=guest", "password=" + password, "untrusted_ip=192.0.2.9",
-                "auth_failed_reason_file=/tmp/reason"})
+               {"username=guest", "password=" + (typed.empty() ? password : typed),
+                "untrusted_ip=192.0.2.9", "auth_failed_reason_file=/tmp/reason"})
         .status;
   }
   static void turn_wireguard_on(int devices) {
@@ -395,6 +395,19 @@ TEST_F(MyAccess, ChangesDevicesTenTimesAnHourAtMost) {
   EXPECT_EQ(error_of(ask("my/device_add", admin, "&name=phone")), 45) << "has no right at all";
   ASSERT_EQ(ctl({"user", "grant", "admin", "--devices", "1"}).status, 0);
   EXPECT_EQ(error_of(ask("my/device_add", admin, "&name=phone")), 0) << "another user's ten";
+}
+
+TEST_F(MyAccess, ShowsWrongPasswordsAndTheBlock) {
+  EXPECT_EQ(error_of(ask("privilege/block", admin, "&enable=true&limit=2&time=30")), 0);
+  for (const auto& [failed, blocked] : {std::pair{"1", false}, {"2", true}}) {
+    EXPECT_NE(login("wrong"), 0);
+    const std::string shown = my("show");
+    EXPECT_EQ(datum(shown, "failed"), failed);
+    EXPECT_EQ(datum(shown, "blocked_until") != "0", blocked) << failed;
+  }
+  EXPECT_EQ(ctl({"user", "unlock", "guest"}).status, 0);
+  EXPECT_EQ(error_of(ask("privilege/block", admin, "&enable=true&limit=5&time=30")), 0);
+  EXPECT_EQ(login(), 0);
 }
 
 TEST_F(MyAccess, IsSeenInTheListOfUsers) {

@@ -164,7 +164,10 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
   EXPECT_THAT(web("off", "&code=" + spare(7)), HasSubstr("\"error\":45"))
       << "a session alone guesses none, whatever the policy is";
   EXPECT_THAT(log_in(password, spare(6)), HasSubstr("\"error\":0"));
+  EXPECT_EQ(ctl({"user", "totp", USER, "require"}).status, 0);
   EXPECT_EQ(web("off", "&code=" + spare(7)), OK);
+  EXPECT_THAT(log_in(password), HasSubstr("\"enrol\":true")) << "it stays required";
+  EXPECT_EQ(ctl({"user", "totp", USER, "optional"}).status, 0);
   EXPECT_THAT(log_in(password), HasSubstr("\"error\":0"));
   EXPECT_FALSE(fs::exists(TOTP_CONF));
   EXPECT_TRUE(hook_admits("SCRV1:" + base64(password) + ':' + base64("any")))
