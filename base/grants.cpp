@@ -26,7 +26,7 @@ std::string folder_of(const std::string& path) {
   return path.substr(0, path.rfind('/'));
 }
 
-// False for a member that is no text of base64, or an empty one.
+// False when the member is missing, is not base64 or is empty.
 bool take_name(const json_t* item, const char* member, std::string& out) {
   const char* const text = json_string_value(json_object_get(item, member));
   return text && parse_base64(text, out) && !out.empty();
@@ -58,7 +58,7 @@ bool take_device(const json_t* item, OwnedDevice& out) {
   return !out.key.empty() && take_name(item, "owner", out.owner);
 }
 
-// The rows that can be read; false where there are others.
+// Reads the well-formed rows; false when some are malformed.
 template <typename Row>
 bool take_rows(const json_t* list, bool (*take)(const json_t*, Row&), std::vector<Row>& out) {
   bool whole = json_is_array(list);

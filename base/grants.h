@@ -7,8 +7,8 @@
 // server as the bit of its type in decimal digits, and SECONDS since the epoch. A right without a
 // date has no end. Writers replace the file as a whole under a lock, so readers need none.
 //
-// A missing file means no end dates and no devices. One that is damaged is never replaced;
-// what can be read of it counts.
+// A missing file means no end dates and no devices. A damaged file is never replaced; its readable
+// entries count.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ struct Grant {
   [[nodiscard]] bool is_empty() const { return devices == 0 && until.empty(); }
   // When the use of a server ends; 0 for never.
   [[nodiscard]] std::int64_t end_of(std::uint32_t server) const;
-  // Those whose time is over, as a mask.
+  // The servers whose use has ended, as a mask.
   [[nodiscard]] std::uint32_t ended(std::time_t now) const;
 };
 
@@ -44,9 +44,9 @@ struct GrantBook {
   std::vector<OwnedDevice> devices{};
   bool damaged = false;
 
-  // The grant of a user, an empty one where there is none.
+  // The grant of a user, or an empty one.
   [[nodiscard]] Grant of(std::string_view user) const;
-  // Puts a grant in the place of the user's; an empty one removes it.
+  // Replaces the user's grant; an empty one removes it.
   void put(Grant grant);
   [[nodiscard]] std::vector<std::string> keys_of(std::string_view user) const;
   // Empty for a device without an owner.
@@ -75,7 +75,7 @@ class GrantChange {
  public:
   explicit GrantChange(std::string file = GRANTS,
                        const std::string& lock = "/run/fenro/grants.lock");
-  // False where the lock was not to be had, or the file is damaged.
+  // False when the lock could not be taken, or the file is damaged.
   explicit operator bool() const { return lock_ && !book.damaged; }
   [[nodiscard]] bool save() const;
 

@@ -26,7 +26,7 @@ constexpr std::size_t KEY_LENGTH = 32;
 // The wait before an attempt, by the failures before it; the last one stands for all more.
 constexpr std::array<int, 7> DELAYS_MS{0, 0, 0, 500, 1000, 2000, 4000};
 
-// Held from the reading to the writing; never while a password is checked.
+// The lock is held from reading to writing, never while a password is checked.
 Fd lock_folder(const std::string& folder) {
   if (!make_private_folder(folder)) return Fd{};
   Fd lock{open((folder + LOCK).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, PRIVATE_FILE)};
@@ -47,7 +47,7 @@ unsigned slot_of(const std::string& key, std::string_view name, unsigned slots) 
   return number % slots;
 }
 
-// Some directories take a name in any case, so the counter has to.
+// Some directories ignore the case of names, so the counters do too.
 std::string folded(std::string_view name) {
   std::string text{name};
   std::transform(text.begin(), text.end(), text.begin(), [](char c) {
@@ -104,7 +104,7 @@ bool LoginThrottle::save(const State& state) const {
 }
 
 // A counter one beyond its limit says that the refusal was sent. Refusals do not count as failures,
-// so that the window ends also for one who keeps asking.
+// so the window also ends for a client that keeps asking.
 void LoginThrottle::refuse(const Limited& row, std::time_t now, Admission& admission) {
   auto& [counter, limit] = row;
   if (counter.failures < limit) return;

@@ -43,8 +43,8 @@ class LoginThrottle {
   [[nodiscard]] std::optional<Admission> admit(std::string_view user, std::string_view address,
                                                std::time_t now) const;
 
-  // Takes the attempt back and forgives the user's failures. The address keeps its other ones, or
-  // an attacker with an account could go on for ever. False when it cannot be written.
+  // Takes the attempt back and clears the user's failures. Those of the address stay, or an
+  // attacker with an account could try without limit. False when the file cannot be written.
   bool succeed(std::string_view user, std::string_view address, std::time_t now) const;
 
   // Seconds until attempts from an address are admitted again; 0 while they are. Nothing is

@@ -32,7 +32,7 @@ constexpr auto LONGEST_WAIT = seconds(5);               // for the lock
 constexpr auto PAUSE = milliseconds(5);
 
 constexpr totp::Step WINDOW = 1;       // steps before and after the present one that count
-constexpr totp::Step RECOGNISED = 20;  // those that are recognised as late
+constexpr totp::Step RECOGNISED = 20;  // steps that are recognised as late
 
 // A recovery code is three groups of four letters of base32: ABCD-EFGH-IJKL, 60 bits.
 constexpr std::size_t GROUP = 4;
@@ -184,7 +184,7 @@ SecondFactor restored(const SecondFactor& present, const SecondFactor& kept) {
   return factor;
 }
 
-// A line is for an account, not for a spelling of its name: directories take several.
+// A line belongs to an account, not to one spelling of its name: directories accept several.
 std::string account_of(std::string_view user) {
   constexpr std::size_t LONGEST = std::size_t{64} << 10U;  // bytes of an account's record
   std::string typed{user};
@@ -389,7 +389,7 @@ bool SecondFactors::change_line(const std::string& name,
   std::string conf, users;
   const int failure = read_file(conf_.c_str(), conf, LARGEST);
   if (failure != 0 && failure != ENOENT) return false;
-  // Those who had one when somebody removed the first file have none any more.
+  // Removing the first file removes every second factor, so none may come back from the second.
   if (failure == ENOENT && !store(users_, "")) return false;
   const int failed = read_file(users_.c_str(), users, LARGEST);
   if (failed != 0 && failed != ENOENT && failed != EINVAL) return false;

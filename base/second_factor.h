@@ -1,15 +1,15 @@
-// The second factor of users' logins: who has one, what counts as its code, and that each code
-// counts once.
+// The second factor of users' logins: who has one, which codes are valid, and that each is valid
+// once.
 //
 // /etc/config/ormel/totp.conf has a line for each user:
 // NAME:STATE:NEED:SECRET:BEGUN:USED:MISSES:DIGESTS, where NAME is percent-encoded, STATE one of
 // "off", "pending" and "on", NEED "required" or "free", SECRET base32, BEGUN the time at which a
-// pending one began, USED the last step whose code has counted, MISSES how often it was to be
-// switched off with a wrong code since the last login, and DIGESTS those of the unused recovery
-// codes, with commas. Without the file no user has a second factor.
+// pending one began, USED the last step whose code has counted, MISSES the number of wrong codes
+// for switching it off since the last login, and DIGESTS those of the unused recovery codes, with
+// commas. Without the file no user has a second factor.
 //
-// totp.users beside it names those whom the first file concerns, a line each. Such a user whose
-// line is missing or damaged is refused: damage must not turn a second factor off.
+// totp.users in the same folder lists the users of the first file, one a line. A user listed there
+// whose line is missing or damaged is refused: damage must not turn a second factor off.
 //
 // Both files are replaced whole under a lock, so readers need none.
 #pragma once
@@ -70,7 +70,7 @@ enum class FactorRefusal : int {
 [[nodiscard]] int status_of_factor(int result);
 [[nodiscard]] int factor_of_status(int status);
 
-// What a user with a second factor types: the password, and behind it a code or a recovery code; or
+// What a user with a second factor types: the password, followed by a code or a recovery code; or
 // both as OpenVPN's clients send them, "SCRV1:BASE64:BASE64".
 struct TypedLogin {
   std::string password;
@@ -78,19 +78,19 @@ struct TypedLogin {
 };
 [[nodiscard]] TypedLogin split_login(std::string_view typed);
 
-// What a user without a second factor has typed as the password: some have a profile of OpenVPN
-// that still asks for a code, whatever they type there.
+// The password of a user without a second factor. An OpenVPN profile may still ask for a code,
+// which is ignored.
 [[nodiscard]] std::string without_challenge(std::string_view typed);
 
 // Whether a code counts at this time; if so it is marked as used in `factor`.
 [[nodiscard]] FactorRefusal take_code(SecondFactor& factor, std::string_view code,
                                       std::int64_t now);
 
-// New recovery codes in the place of those before: the codes, which are kept nowhere. Empty when
-// the kernel gives no random numbers, or codes cannot be computed.
+// Replaces the recovery codes and returns the new ones, of which only digests are stored. Empty
+// when the kernel gives no random numbers, or codes cannot be computed.
 [[nodiscard]] std::vector<std::string> renew_recovery(SecondFactor& factor);
 
-// A text of the first file with nothing but of whom a second factor is required.
+// The first file reduced to the users who must have a second factor.
 [[nodiscard]] std::string requirements_in(std::string_view conf);
 
 class SecondFactors {
@@ -98,7 +98,7 @@ class SecondFactors {
   explicit SecondFactors(std::string folder = "/etc/config/ormel",
                          std::string lock = "/run/fenro/totp.lock");
 
-  // Whether the service has any; one look at the file's name.
+  // Whether the first file exists; costs one system call.
   [[nodiscard]] bool exist() const;
 
   [[nodiscard]] SecondFactor of(std::string_view user) const;
@@ -108,8 +108,8 @@ class SecondFactors {
   [[nodiscard]] bool change(std::string_view user,
                             const std::function<bool(SecondFactor& factor)>& edit) const;
 
-  // Makes of whom one is required the same as in an earlier text of the first file, and leaves all
-  // else as it is: secrets and used codes never go back. False when the files cannot be written.
+  // Restores who must have a second factor from an earlier text of the first file, and nothing
+  // else: secrets and used codes are never rolled back. False when the files cannot be written.
   [[nodiscard]] bool require_as(std::string_view conf) const;
 
   // Adds the entries of a copy of the first file. No user loses a second factor or gets back codes
@@ -118,7 +118,7 @@ class SecondFactors {
   // Returns whether restore() would change anything.
   [[nodiscard]] bool differ_from(std::string_view conf) const;
 
-  // Lets a code of a user count, once among all processes.
+  // Uses up a user's code: of all processes that try the same one, one succeeds.
   [[nodiscard]] FactorRefusal use(std::string_view user, std::string_view code) const;
 
  private:

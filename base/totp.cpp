@@ -57,7 +57,7 @@ std::string big_endian(Step step) {
   return bytes;
 }
 
-// The 31 bits from the place that the last four bits name.
+// The 31 bits at the offset in the last four bits.
 std::uint32_t truncated(const Digest& digest) {
   const std::size_t at = digest.back() & 0xfU;
   std::uint32_t value = 0;

@@ -187,7 +187,7 @@ Json operation(const Route& route, const RouteText& described, const char* metho
   return object;
 }
 
-// A change is a POST, although a GET is taken; so is what has uploads.
+// A route that changes something or takes uploads is a POST, although a GET works as well.
 Json path_item(const Route& route, const RouteText& described) {
   Json item{json_object()};
   set(item, "post", operation(route, described, "post"));

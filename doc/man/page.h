@@ -28,7 +28,7 @@ class Page {
   std::map<std::string, Texts> texts_{};
 };
 
-// Each puts one part into the page; `words` are those behind the name of the part.
+// Each puts one part into the page; `words` are those after the name of the part.
 void put_actions(Page& page, const Words& words);        // the options that choose type and action
 void put_options(Page& page, const Words& words);        // all others
 void put_types(Page& page, const Words& words);          // names and numbers

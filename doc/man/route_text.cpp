@@ -14,7 +14,7 @@ constexpr std::string_view TYPES[] = {"string", "integer", "file"};
 constexpr std::string_view ANSWERS[] = {"array", "object", "any", "file"};
 constexpr std::string_view TEXT_MARK = ": ";
 
-// Takes a mark off the end of a name. Whether it was there.
+// Removes a mark from the end of a name. Returns whether it was there.
 bool take_mark(std::string& name, char mark) {
   if (name.size() < 2 || name.back() != mark) return false;
   name.pop_back();

@@ -178,7 +178,7 @@ start() {
     fail "$cause" "[$SECTION] the WireGuard server cannot run${failure:+: $failure}"
   }
   /usr/lib/fenro/fenro-hold watch 9>&- || say 'peers that are kept out stay so beyond their time'
-  # A hold that has ended since the peers were read is watched no more.
+  # A hold that has ended since the peers were read needs no watcher.
   [ -z "$held" ] || sync_peers || say 'peers whose time has ended may be missing'
   server_open wireguard "$pool" $((WG_MTU - TCP_IP_HEADERS)) "$outgoing" $ROUTE_PRIORITY
 }

@@ -1,5 +1,5 @@
-// The check of a password through PAM, which is loaded only by a run that checks one, and of the
-// second factor of those who have one.
+// Checks passwords through PAM, which is loaded only by a run that needs it, and the second factor
+// of users who have one.
 #include "libfenro/password.h"
 
 #include <cstring>
@@ -64,8 +64,8 @@ class Answers {
   int count_;
 };
 
-// Answers every hidden question with the password; a module that asks for anything else to be typed
-// gets nothing.
+// Answers every hidden question with the password; a module that prompts for anything else gets
+// nothing.
 int converse(int count, const pam_message** messages, pam_response** replies, void* password) {
   if (count <= 0 || count > PAM_MAX_NUM_MSG) return PAM_CONV_ERR;
   Answers answers{count};
@@ -104,7 +104,7 @@ int check(const char* user, const char* password) {
 
 constexpr int REFUSED = -1;
 
-// A refusal that takes PAM's time for a wrong password: how long an answer takes must not tell that
+// A refusal that takes PAM's time for a wrong password: the time of an answer must not reveal that
 // the password was right.
 int refuse(const char* user, FactorRefusal refusal) {
   constexpr std::size_t LENGTH = 32;

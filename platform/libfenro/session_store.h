@@ -50,7 +50,7 @@ class SessionStore {
   // False when there was none.
   bool end(const char* sid) const;
 
-  // Ends the other sessions of the account that a session is of. The number of those that ended.
+  // Ends all other sessions of a session's account. Returns their number.
   std::size_t end_others(const char* sid) const;
 
   // Ends whatever there is of a user, who may be removed by now. The number of files.

@@ -56,8 +56,8 @@ int list(const Words& /*words*/) {
   return DONE;
 }
 
-// While a command runs, everybody sees its arguments: a session that may live on is better named on
-// standard input.
+// Every user can read the arguments of a running command, so the id of a session that stays valid
+// comes on standard input.
 std::string read_sid() {
   std::string line;
   constexpr std::size_t ENOUGH = sizeof(_session::sid);
@@ -71,7 +71,7 @@ int end(const Words& words) {
   return fenro::SessionStore{}.end(sid.c_str()) ? DONE : complain(NOT_FOUND, "no such session");
 }
 
-// None is as good as some.
+// Succeeds without other sessions, too.
 int end_others(const Words& words) {
   const std::string sid = words[0] == "-" ? read_sid() : words[0];
   std::ignore = fenro::SessionStore{}.end_others(sid.c_str());

@@ -154,8 +154,8 @@ void log_failure(const std::string& user, int rc) {
   log_event(WARNING, user, ("[Web] Login failed: " + why + '.').c_str());
 }
 
-// What was typed as the password, and behind it the code of a second factor, which has its own
-// field. Users without one leave it empty.
+// The password, followed by the code of a second factor, which has its own field in the form. Users
+// without one leave it empty.
 std::string typed_in(const LoginForm& form) {
   const std::string_view password = form.value("password"), code = form.value("code");
   std::string typed;
@@ -184,7 +184,7 @@ void begin_session(const std::string& user) {
   }
   log_event(INFORMATION, user, "[Web] User logged in.");
   const bool admin = User_Belongs_To_Group(user.c_str(), ADMINISTRATORS) != 0;
-  // With "enrol" the session is good for setting up the required second factor alone.
+  // "enrol" says that the session may only set up the required second factor.
   const bool enrol = fenro::SecondFactors{}.of(user).is_missing();
   answer(OK, R"({"error":0,"sid":")" + *sid + R"(","admin":)" + (admin ? "true" : "false") +
                  (enrol ? R"(,"enrol":true})" : "}"));

@@ -1,4 +1,4 @@
-// Everything that has a certificate, and keeping those of the OpenVPN server alive.
+// The list of all certificates, and renewal of the OpenVPN server's.
 #include <ctime>
 
 #include "ormel/actions/audit.h"
@@ -180,7 +180,7 @@ Result cert_list(const Arguments&) {
   json_t* row = nullptr;
   json_array_foreach(rows.get(), at, row) add_texts(row, reply.data());
   const bool none = json_array_size(rows.get()) == 0;
-  Result result = done(none ? "Nothing here has a certificate." : "", std::move(rows), COLUMNS);
+  Result result = done(none ? "There are no certificates." : "", std::move(rows), COLUMNS);
   result.note = rotation_text(json_object_get(reply.data(), "rotation"));
   return result;
 }

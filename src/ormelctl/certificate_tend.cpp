@@ -52,7 +52,7 @@ Notes read_notes() {
   return notes;
 }
 
-// False when they cannot be written, which is said.
+// False, with a message, when they cannot be written.
 bool write_notes(const Notes& notes) {
   ormel::Json rows{json_object()};
   for (const auto& [name, stage] : notes.stages)
@@ -65,7 +65,7 @@ bool write_notes(const Notes& notes) {
   return written;
 }
 
-// The same certificate in the next run; another one in its place has another end.
+// Identifies a certificate across runs; its replacement has another end.
 std::string key_of(const Certificate& one) {
   return std::string(name_of(one.role)) + '/' + std::to_string(one.index) + '/' +
          std::to_string(one.not_after) + '/' + one.subject;
@@ -103,12 +103,12 @@ void report(int level, const std::string& text) {
   if (reply.status != MIB_SUCCESS) std::fprintf(stderr, "not reported: %s\n", text.c_str());
 }
 
-// The old authority may end: the server is signed by the new one.
+// No warning for the old authority: the new one has signed the server's certificate.
 int warning_stage(const Certificate& one, std::time_t now) {
   return one.role == Role::OldAuthority ? certificates::NO_STAGE : certificates::stage_of(one, now);
 }
 
-// Each step once. It is noted before, so that a full disk makes no event every time.
+// Warns once of each step. Notes it before, so that a full disk does not repeat the event.
 void warn(const std::vector<Certificate>& all, std::time_t now, Notes& notes) {
   Notes before = std::exchange(notes, Notes{.failed = notes.failed});
   for (const Certificate& one : all) {

@@ -1,5 +1,4 @@
-// The second factor of users, for root: who must have one, and the way in for those who have lost
-// theirs.
+// The second factor of users, for root: who must have one, and the reset of a lost one.
 #include "base/second_factor.h"
 
 #include <pwd.h>
@@ -17,7 +16,7 @@ using fenro::SecondFactor;
 using fenro::SecondFactors;
 using State = SecondFactor::State;
 
-// Those whose logins prove the password by its hash, and have no place for a code.
+// Protocols whose logins prove a hash of the password and cannot carry a code.
 constexpr int WITHOUT_CODES = ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE;
 constexpr const char* MOST_ROWS = "100000";
 
@@ -29,7 +28,7 @@ ormel::Json row_of(const std::string& user, const SecondFactor& factor) {
                                static_cast<int>(factor.recovery.size()))};
 }
 
-// Nothing of these rights is left behind where a code is required.
+// Revokes the rights to protocols without codes.
 bool take_rights(const std::string& user, std::string& taken) {
   const Reply stored = call("/ormel/privilege/get", {{"upper", MOST_ROWS}});
   const int mask = static_cast<int>(number_of(stored.data(), user.c_str()));
@@ -39,7 +38,7 @@ bool take_rights(const std::string& user, std::string& taken) {
       taken += (taken.empty() ? "" : " and ") + row.name;
   }
   const int left = mask & ~WITHOUT_CODES;
-  // Without any right left the user stays in the store, or a device of theirs would go as well.
+  // A user with devices stays in the store without any right: leaving it would bar them, too.
   const bool gone = left == 0 && fenro::read_grants().of(user).devices == 0;
   return (gone ? call("/ormel/privilege/unset", {{"user", user}})
                : call("/ormel/privilege/set", {{"user", user + '|' + std::to_string(left)}}))
@@ -59,8 +58,8 @@ Result show(const std::string& user) {
       {{"user", "USER"}, {"second_factor", "2ND FACTOR"}, {"recovery_codes", "RECOVERY CODES"}});
 }
 
-// The rights go first: whatever ends this in between, no login without a code is left open by a
-// requirement that seems to hold.
+// Revokes rights before it stores the requirement: an interrupted run must not leave a login
+// without a code open that seems closed.
 Result require(const std::string& user) {
   const ChangeLock lock;
   if (!lock)
@@ -105,7 +104,7 @@ Result make_optional(const std::string& user) {
       row_of(user, after));
 }
 
-// What was required stays so: the next login at the web interface sets up a new one.
+// A requirement stays: the next login at the web interface sets up a new factor.
 Result reset(const std::string& user) {
   SecondFactor after;
   bool any = false;

@@ -165,7 +165,7 @@ bool plan_peer(const std::string& key, const json_t* object, const json_t* now, 
   return true;
 }
 
-// Until when.
+// Ends of access.
 
 // The servers of a grant by their end, those without one as 0: one call for each.
 std::map<json_int_t, int> servers_by_end(const json_t* until) {
@@ -353,7 +353,7 @@ bool plan_access(const json_t* wanted, const json_t* now, bool prune, Plan& plan
               const ormel::Json none{json_pack("{s:{}, s:i}", "until", "devices", 0)};
               return set_access(name, none.get());
             },
-            Phase::Change);  // after the rights that go, so that none is without its end
+            Phase::Change);  // after revoked rights, so that none is without its end
       });
 }
 

@@ -190,7 +190,7 @@ Result read_wish(const Arguments& arguments, Wish& wish) {
   return {};
 }
 
-// First the end and then the right: whatever happens between the two, no right is without its end.
+// Stores the end before the right, so that no right is ever without its end.
 Result store_wish(const std::string& user, int mask, const Wish& wish) {
   const bool plain = wish.until == 0 && wish.devices < 0;
   if (plain && !fenro::has_grants()) return {};
@@ -316,7 +316,7 @@ Result user_revoke(const Arguments& arguments) {
   }
   const int left = mask == 0 ? 0 : before & ~mask;
   if (left == 0 && mask != 0 && has_devices) {
-    // Without any right in the store, but with the devices, which revoking all would take away.
+    // Keeps the user in the store, since revoking everything would bar the devices, too.
     const Reply reply = call("/ormel/privilege/set", {{"user", user + "|0"}});
     return reply.error != 0 ? failed(reply.error, reply.reason)
                             : done(user + " has no rights now but to WireGuard devices");
@@ -373,18 +373,18 @@ ormel::audit::Recorder recorder_of_end(const std::string& user) {
   return {{"", "keeper", ""}, "user revoke", user};
 }
 
-// Revokes what a user has for too long. Whether nothing is left to do.
+// Revokes a user's expired rights. Returns whether nothing is left to do.
 bool end_grant(const std::string& user, int ended) {
   const int before = stored_rights(user);
   if (const int left = before & ~ended; left != before) {
     ormel::audit::Recorder recorder = recorder_of_end(user);
-    // An account that is gone cannot be set any more.
+    // The rights of a deleted account cannot be set.
     const Reply reply = getpwnam(user.c_str()) ? call("/ormel/privilege/set",
                                                       {{"user", user + '|' + std::to_string(left)}})
                                                : call("/ormel/privilege/unset", {{"user", user}});
     const bool revoked = reply.error == 0 && (stored_rights(user) & ended) == 0;
     std::ignore = recorder.finish(revoked ? ormel::NO_ERROR : ormel::ERR_SAVE_FILE);
-    // Who has read the rights before may still write them: the next look forgets the end.
+    // Another run may still write rights that it read earlier, so the next run forgets the end.
     return false;
   }
   return ormel::cgi::grant::forget_ended(user, before);

@@ -1,4 +1,4 @@
-// What a monitoring system would say of a document in the text format of Prometheus, 0.0.4.
+// Parses a document in the text format of Prometheus, 0.0.4, and lists its faults.
 #pragma once
 
 #include <map>
@@ -13,7 +13,7 @@
 namespace support {
 
 struct Exposition {
-  std::map<std::string, double> samples{};        // by name and labels as they stand there
+  std::map<std::string, double> samples{};        // by name and labels as written
   std::map<std::string, std::string> families{};  // type by name
   std::vector<std::string> faults{};
 

@@ -132,11 +132,11 @@ class MyAccess : public testing::Test {
   [[nodiscard]] std::vector<std::string> sessions() const {
     return column(my("show"), "sessions", "id");
   }
-  // How the servers decide about the right password.
-  [[nodiscard]] int login() const {
+  // How the servers decide about a password, the right one by default.
+  [[nodiscard]] int login(const std::string& typed = {}) const {
     return run({"/usr/sbin/ormel.sauth"},
-               {"username=guest", "password=" + password, "untrusted_ip=192.0.2.9",
-                "auth_failed_reason_file=/tmp/reason"})
+               {"username=guest", "password=" + (typed.empty() ? password : typed),
+                "untrusted_ip=192.0.2.9", "auth_failed_reason_file=/tmp/reason"})
         .status;
   }
   static void turn_wireguard_on(int devices) {
@@ -218,7 +218,7 @@ TEST_F(MyAccess, EndsOnTime) {
       << "its end is forgotten once the right is gone";
   EXPECT_THAT(ctl({"audit"}).out, ContainsRegex("keeper +user revoke +guest .*openvpn → none +ok"));
   EXPECT_THAT(ctl({"log", "events"}).out, HasSubstr("The access of guest to OpenVPN has ended"));
-  // A new right has no end of the past.
+  // A new right does not get an earlier end.
   ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
   EXPECT_EQ(login(), 0);
 }
@@ -237,7 +237,7 @@ TEST_F(MyAccess, EndsWithoutTheKeeperAndIsRevokedOnceItIsBack) {
       {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
   EXPECT_TRUE(comes_true([&] { return read(STORE) == "guest:0:0:0:0:0\n"; }, PATIENCE));
   EXPECT_NE(login(), 0);
-  // Who had read the rights before writes them once more: they do not come back without their end.
+  // A run that read the rights earlier writes them again: they do not come back without their end.
   EXPECT_TRUE(comes_true([] { return fenro::read_grants().grants.empty(); }, PATIENCE));
 }
 
@@ -327,7 +327,7 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
   EXPECT_THAT(answers, AllOf(HasSubstr("\"error\":0"), HasSubstr("\"error\":43")));
   EXPECT_EQ(column(my("show"), "devices", "key").size(), 2U);
 
-  // The own time of devices keeps them out.
+  // The end of devices keeps them out.
   ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", "2", "--until", "3s"}).status, 0);
   EXPECT_TRUE(comes_true([&] { return datum(my("show"), "quota") == "0"; }, PATIENCE));
   EXPECT_EQ(error_of(my("device_add", "&name=late")), 45);
@@ -364,7 +364,7 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
   EXPECT_EQ(column(my("show"), "devices", "key").size(), 1U);
 }
 
-// Each takes a place and an address of its own.
+// Each gets a separate index and address.
 TEST_F(MyAccess, AddsDevicesBesideAnAdministrator) {
   turn_wireguard_on(8);
   const std::string both = "for i in 1 2 3 4 5 6 7 8; do curl -ksS -d 'sid=" + guest +
@@ -395,6 +395,19 @@ TEST_F(MyAccess, ChangesDevicesTenTimesAnHourAtMost) {
   EXPECT_EQ(error_of(ask("my/device_add", admin, "&name=phone")), 45) << "has no right at all";
   ASSERT_EQ(ctl({"user", "grant", "admin", "--devices", "1"}).status, 0);
   EXPECT_EQ(error_of(ask("my/device_add", admin, "&name=phone")), 0) << "another user's ten";
+}
+
+TEST_F(MyAccess, ShowsWrongPasswordsAndTheBlock) {
+  EXPECT_EQ(error_of(ask("privilege/block", admin, "&enable=true&limit=2&time=30")), 0);
+  for (const auto& [failed, blocked] : {std::pair{"1", false}, {"2", true}}) {
+    EXPECT_NE(login("wrong"), 0);
+    const std::string shown = my("show");
+    EXPECT_EQ(datum(shown, "failed"), failed);
+    EXPECT_EQ(datum(shown, "blocked_until") != "0", blocked) << failed;
+  }
+  EXPECT_EQ(ctl({"user", "unlock", "guest"}).status, 0);
+  EXPECT_EQ(error_of(ask("privilege/block", admin, "&enable=true&limit=5&time=30")), 0);
+  EXPECT_EQ(login(), 0);
 }
 
 TEST_F(MyAccess, IsSeenInTheListOfUsers) {

@@ -128,7 +128,7 @@ TEST_F(OpenVpnKeys, AreReplacedByOneOfTwoAtOnceAndNotAfterACancel) {
   const std::string both = key("ca.crt");
   EXPECT_EQ(both.find(END, before.size() + END.size()), both.size() - END.size()) << "two of them";
   EXPECT_EQ(tool({"rotate", "3600"}).status, 4);
-  // Who has a profile with both goes on by the first one.
+  // A profile with both authorities still works.
   EXPECT_EQ(tool({"cancel"}).status, 0);
   EXPECT_EQ(key("ca.crt"), before);
   EXPECT_FALSE(fs::exists(KEYS + "next.key"));
@@ -137,7 +137,7 @@ TEST_F(OpenVpnKeys, AreReplacedByOneOfTwoAtOnceAndNotAfterACancel) {
   EXPECT_NE(key("ca.crt"), both) << "the one that was cancelled does not come back";
 }
 
-// The server starts, and by the authority that clients know where its key is there.
+// The server starts, with the authority that clients know if that one's key is left.
 TEST_F(OpenVpnKeys, ServeThoughAPieceOfARotationIsLost) {
   const std::string old = key("ca.crt");
   ASSERT_EQ(tool({"rotate", "86400"}).status, 0);

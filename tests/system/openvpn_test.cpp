@@ -463,6 +463,7 @@ class OpenVpnCertificates : public OpenVpnTunnel {
  protected:
   static constexpr long DAYS = 86400;
   static constexpr const char* KEYS = "/etc/openvpn/keys/";
+  static constexpr const char* WEB_CERTIFICATE = "/etc/fenro/web/server.crt";
   void SetUp() override {
     fs::remove_all(KEYS);
     fs::remove("/var/lib/ormel/certificates.json");
@@ -599,7 +600,12 @@ TEST_F(OpenVpnCertificates, AreRenewedAtNightOrAtTheEndAndOldProfilesStay) {
 
   EXPECT_EQ(tend(12).status, 0);
   EXPECT_EQ(tend(12).status, 0);
-  EXPECT_EQ(events("(myserver) expires in 10 days"), 1) << "once a step";
+  const std::string web = read(WEB_CERTIFICATE);
+  write(WEB_CERTIFICATE, ending);
+  EXPECT_EQ(tend(12).status, 0);
+  write(WEB_CERTIFICATE, web);
+  EXPECT_EQ(events("web interface (myserver) expires in 10 days"), 1);
+  EXPECT_EQ(events("OpenVPN server (myserver) expires in 10 days"), 1) << "once a step";
   EXPECT_EQ(key("myserver.crt"), ending) << "it is day";
   connect();
   ASSERT_TRUE(comes_up());
@@ -667,6 +673,7 @@ class OpenVpnRotation : public OpenVpnCertificates {};
 TEST_F(OpenVpnRotation, ChangeTheirAuthorityInThreePhases) {
   ASSERT_EQ(ctl({"cert", "rotate", "authority", "--overlap", "60d", "--yes"}).status, 0);
   EXPECT_EQ(ctl({"cert", "rotate", "authority", "--yes"}).status, 1) << "one at a time";
+  EXPECT_GT(days("authority-next"), 3000);
   download("both");
   EXPECT_TRUE(connects("office")) << said;
   EXPECT_THAT(ctl({"cert"}).err, HasSubstr("still on the old one: guest (last login"));
@@ -691,6 +698,7 @@ TEST_F(OpenVpnRotation, ChangeTheirAuthorityInThreePhases) {
   EXPECT_THAT(key("rotation"), HasSubstr("phase=overlap")) << "it waits for the night";
   EXPECT_EQ(tend(4).status, 0);
   EXPECT_THAT(key("rotation"), HasSubstr("phase=changed"));
+  EXPECT_GT(days("authority-old"), 3000);
   download("new");
   EXPECT_TRUE(connects("both")) << said;
   EXPECT_TRUE(connects("new")) << said;

@@ -51,7 +51,7 @@ int events(const char* text) {
   return naslog_event_query_count_ex(0, "", "", USER, "", "", text, "", "");
 }
 
-// One after the other counts each step; this makes the present one good again.
+// Each code counts once; this makes the present one valid again.
 void forget_used_steps() {
   ASSERT_TRUE(SecondFactors{}.change(USER, [](SecondFactor& factor) {
     factor.used = 0;
@@ -164,7 +164,10 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
   EXPECT_THAT(web("off", "&code=" + spare(7)), HasSubstr("\"error\":45"))
       << "a session alone guesses none, whatever the policy is";
   EXPECT_THAT(log_in(password, spare(6)), HasSubstr("\"error\":0"));
+  EXPECT_EQ(ctl({"user", "totp", USER, "require"}).status, 0);
   EXPECT_EQ(web("off", "&code=" + spare(7)), OK);
+  EXPECT_THAT(log_in(password), HasSubstr("\"enrol\":true")) << "it stays required";
+  EXPECT_EQ(ctl({"user", "totp", USER, "optional"}).status, 0);
   EXPECT_THAT(log_in(password), HasSubstr("\"error\":0"));
   EXPECT_FALSE(fs::exists(TOTP_CONF));
   EXPECT_TRUE(hook_admits("SCRV1:" + base64(password) + ':' + base64("any")))
@@ -199,7 +202,7 @@ TEST_F(SecondFactorLogin, TheHookTellsTheAdministratorAloneWhatIsWrong) {
   EXPECT_THAT(reasons(), testing::Contains(HasSubstr("blocked")));
 }
 
-// The other logins by password, and the profile that asks for the code apart.
+// The other logins by password, and the profile that asks for the code separately.
 TEST_F(SecondFactorLogin, PapTakesACodeAndTheProfileAsksForOne) {
   write("/etc/ppp/pap-secrets", "\"guest\"\tpptpd\t@login\t*\n");
   const auto pap = [&](const std::string& typed) {
@@ -235,7 +238,7 @@ TEST_F(SecondFactorLogin, ARequirementCanBeTriedAndTakenBack) {
   EXPECT_THAT(read("/etc/config/vpn_user_ex.conf"), HasSubstr("guest:1:1:1:0:1"));
 }
 
-// What users do pushes no snapshot out, and goes back with none.
+// Users' actions evict no snapshot, and no restore takes them back.
 TEST_F(SecondFactorLogin, NothingButARequirementGoesBack) {
   EXPECT_EQ(ctl({"user", "totp", USER, "require"}).status, 0);
   enrol(true);
@@ -289,7 +292,7 @@ TEST_F(SecondFactorLogin, IsRequiredAndResetByRoot) {
   EXPECT_FALSE(hook_admits("wrong"));
   EXPECT_FALSE(fs::exists(REASON_FILE));
 
-  // A session is good for the set-up alone, also one from before.
+  // A session may only set up the factor, even one from before.
   const std::string answer = log_in(password);
   EXPECT_THAT(answer, HasSubstr("\"enrol\":true"));
   const std::string sid = member(answer, "sid");

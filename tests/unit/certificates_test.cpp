@@ -53,6 +53,9 @@ TEST(Certificates, EachPieceOfATextIsListedOrCalledMalformed) {
     add_pem(row.text, Certificate{}, list);
     EXPECT_EQ(summary(list), row.expected);
   }
+  std::vector<Certificate> list;
+  add_pem(many.substr(good.size()), Certificate{}, list);
+  EXPECT_EQ(list.size(), ormel::certificates::MOST_CERTIFICATES);
 }
 
 // The library would ask the terminal for its password.

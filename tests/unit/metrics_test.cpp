@@ -29,6 +29,8 @@ TEST(Metrics, AreWellFormedWhateverAProfileIsCalled) {
                                "\xff\xfe",
                                std::string("nul\0nul", 7),
                                " ",
+                               "to the office",
+                               "to the branch",
                                std::string(5000, 'x')};
   std::string samples;
   for (const std::string& name : names)

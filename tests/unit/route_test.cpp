@@ -83,13 +83,13 @@ TEST(Routes, LetNobodyInWithoutTheirSession) {
   }
 }
 
-// Routes that no token may use, and those that are good for less than their column says.
+// Routes that no token may use.
 const std::set<std::string_view> FOR_PEOPLE = {"/ormel/token/list",      "/ormel/token/add",
                                                "/ormel/token/remove",    "/ormel/log/dump",
                                                "/ormel/backup/download", "/ormel/backup/inspect",
                                                "/ormel/backup/restore",  "/ormel/oauth_login"};
 
-// They change something at another end.
+// Reading routes that change something elsewhere.
 const std::set<std::string_view> FOR_ADMINISTRATORS = {"/ormel/doctor/start",
                                                        "/ormel/pelmar/organization_list"};
 

@@ -1,5 +1,5 @@
-// Tokens of other programs: what is kept of them, until when they are valid, and what becomes of
-// those who try.
+// Tokens of other programs: what is stored of them, how long they are valid, and how guessing is
+// stopped.
 #include "ormel/actions/token.h"
 
 #include <ctime>
@@ -110,7 +110,8 @@ TEST_F(Tokens, NoteTheirUseOnceAMinute) {
   EXPECT_EQ(all()[0].used, 0);
   for (const auto& [after, from, noted, where] : {std::tuple{0, "192.0.2.1", 0, "192.0.2.1"},
                                                   {59, "192.0.2.2", 0, "192.0.2.1"},
-                                                  {60, "192.0.2.2", 60, "192.0.2.2"}}) {
+                                                  {60, "192.0.2.2", 60, "192.0.2.2"},
+                                                  {30, "192.0.2.3", 30, "192.0.2.3"}}) {
     std::ignore = ask("Bearer " + text, now + after, from);
     EXPECT_EQ(all()[0].used, now + noted) << after;
     EXPECT_EQ(all()[0].from, where) << after;
@@ -149,6 +150,13 @@ TEST_F(Tokens, HaveANameAScopeAndATimeWithinLimits) {
     std::string ignored;
     EXPECT_EQ(add(row.name, row.scope, row.life, "admin", made, ignored).code, row.code)
         << row.name << ' ' << row.scope << ' ' << row.life;
+  }
+  for (size_t count = all().size(); count <= MOST_TOKENS; ++count) {
+    Token made;
+    std::string ignored;
+    EXPECT_EQ(add("t" + std::to_string(count), "read", 60, "admin", made, ignored).code,
+              count < MOST_TOKENS ? NO_ERROR : ERR_VALUE)
+        << count;
   }
 }
 

@@ -1,4 +1,4 @@
-// The frame around all pages: who is logged in, where one can go, and what has to be said.
+// The frame around all pages: who is logged in, the navigation, and messages.
 import type { FunctionComponent } from 'preact'
 import { useEffect, useRef, useState } from 'preact/hooks'
 import { Account } from './account'
@@ -27,7 +27,7 @@ interface Page {
   name: string
   label: TextKey
   icon: IconName
-  everybody?: boolean // and not administrators alone
+  everybody?: boolean // administrators alone without it
   show: FunctionComponent
 }
 const PAGES: readonly Page[] = [

@@ -1,4 +1,4 @@
-// What the program says of certificates, and when somebody has to be warned of one.
+// The certificates as the program lists them, and which of them need a warning.
 export interface Certificate {
   role: string
   subject: string // written by strangers
@@ -28,8 +28,7 @@ export interface Certificates {
   rotation: Rotation
 }
 
-// Those that end within 30 days, or have ended, the nearest first. During a rotation the old authority
-// may end.
+// Those that end within 30 days, or have ended, the earliest first. The old authority of a rotation needs no warning.
 export const ending = (all: readonly Certificate[]): Certificate[] =>
   all
     .filter(one => one.state === 'soon' || one.state === 'over')

@@ -1,4 +1,4 @@
-// A part of a page that is loaded when it is first shown, as most visitors never see it.
+// A part of a page that is loaded when it is first shown, since few visitors see it.
 import type { FunctionComponent } from 'preact'
 import { useEffect, useState } from 'preact/hooks'
 import { Failure, Spinner } from './ui'

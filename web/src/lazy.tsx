@@ -1,4 +1,4 @@
-// A page that is loaded when it is opened for the first time, as few users ever open it.
+// A page that is loaded when it is first opened, since few users open it.
 import type { FunctionComponent } from 'preact'
 import { useEffect, useState } from 'preact/hooks'
 import { ApiError } from './api'

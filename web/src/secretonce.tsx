@@ -1,6 +1,22 @@
-// A secret that is shown once, when it has been made.
+// Secrets that are shown once, when they have been made.
+import { useState } from 'preact/hooks'
 import { t } from './texts'
-import { Button, Dialog, say } from './ui'
+import { Button, Dialog, confirm, say } from './ui'
+
+interface Unkept {
+  once?: boolean // false for what can be shown again
+  title: string
+  text: string
+  onClose: () => void
+}
+// Asks before it closes, unless the secret has been kept.
+export function useKept({ once = true, title, text, onClose }: Unkept) {
+  const [kept, setKept] = useState(!once)
+  const close = async () => {
+    if (kept || (await confirm({ title, text, action: t('peer.close'), danger: true }))) onClose()
+  }
+  return { keep: () => setKept(true), close: () => void close() }
+}
 
 interface SecretProps {
   title: string

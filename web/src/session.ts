@@ -5,7 +5,7 @@ export interface Login {
   sid: string
   user: string
   admin: boolean
-  enrol?: boolean | undefined // has to set up a second factor before anything else
+  enrol?: boolean | undefined // must set up a second factor before anything else
   since?: number // milliseconds, of the login
 }
 

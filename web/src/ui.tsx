@@ -472,12 +472,14 @@ export function useJob() {
   return { busy, last, failure, run }
 }
 
-// The end of a form whose job "save" it is: what failed, what is beside the button, the button.
+// The end of a form with the job "save": its failure, other buttons, and the button that runs the job.
 export const SaveRow = ({
   job,
+  action = t('save'),
   children,
 }: {
   job: ReturnType<typeof useJob>
+  action?: string
   children?: ComponentChildren
 }) => (
   <>
@@ -485,7 +487,7 @@ export const SaveRow = ({
     <div class="row end">
       {children}
       <Button kind="primary" submit busy={job.busy === 'save'}>
-        {t('save')}
+        {action}
       </Button>
     </div>
   </>

@@ -9,7 +9,7 @@ import { NEAR, card, end, logIn, open, run, said, start, text } from './browser.
 const PASSWORD = text('/var/lib/appliance/password.guest')
 const STEP = 30_000
 
-// RFC 6238, on its own: not by the code of the appliance.
+// RFC 6238, independent of the appliance's code.
 function codeOf(secret) {
   const bits = [...secret]
     .map(c => 'ABCDEFGHIJKLMNOPQRSTUVWXYZ234567'.indexOf(c).toString(2).padStart(5, '0'))

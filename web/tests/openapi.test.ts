@@ -1,4 +1,4 @@
-// The description of the routes that the packages ship, by a validator that is not ours.
+// Checks the packaged description of the routes with a foreign validator.
 import { existsSync, readFileSync } from 'node:fs'
 import SwaggerParser from '@apidevtools/swagger-parser'
 import { describe, expect, it } from 'vitest'
@@ -7,7 +7,7 @@ const place = process.env['ORMEL_OPENAPI'] ?? '../build/release/doc/man/openapi.
 const read = () => JSON.parse(readFileSync(place, 'utf8')) as Record<string, any>
 const valid = (document: Record<string, any>) => SwaggerParser.validate(document as never)
 
-// Made by the build of the program, without which the interface can be built, too.
+// The build of the program makes it; the interface can be built without.
 describe.skipIf(!process.env['ORMEL_OPENAPI'] && !existsSync(place))(
   'the description of the routes',
   () => {

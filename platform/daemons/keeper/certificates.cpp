@@ -4,7 +4,7 @@
 
 namespace fenro::keeper {
 
-// A failure is tried again, and said once.
+// A failed run is repeated, and its message logged once.
 void Certificates::report(const Ended& ended) {
   std::string fault;
   if (ended.status != 0)

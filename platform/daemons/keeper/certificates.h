@@ -1,4 +1,4 @@
-// Has the program look after certificates from time to time: whether one ends, and what is due at
+// Runs the program's check of certificates regularly: which of them end soon, and what is due at
 // the OpenVPN server.
 #pragma once
 
@@ -19,7 +19,7 @@ class Certificates {
   void tick(Time now);
 
  private:
-  // The servers have started by then; a night has several looks.
+  // Late enough for the servers to have started, and often enough for several runs a night.
   static constexpr std::chrono::seconds FIRST{20};
   static constexpr std::chrono::minutes PERIOD{15};
 

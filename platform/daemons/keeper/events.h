@@ -24,7 +24,7 @@ inline constexpr Kind KINDS[] = {
     {"gateway", "Another tunnel, or this host's own route, is the default gateway now"},
     {"guard", "The guard holds traffic back, or its filter was removed by another program"},
     {"locked", "A user is locked for wrong passwords"},
-    {"access", "The access of a user for a time has ended"},
+    {"access", "The temporary access of a user has ended"},
     {"daemon", "A daemon of the service does not answer, or answers again"},
     {"certificate", "A certificate ends soon or has expired, or was renewed"},
     {"disk", "A disk is nearly full, or has space again"},

@@ -10,8 +10,8 @@ namespace {
 constexpr const char* ACTION = "__end-grants";
 constexpr std::chrono::seconds PAUSE{5};
 
-// Each writer puts another file in the place of the last one. Its time alone does not tell: two of
-// them can fall into one tick of the kernel's clock.
+// Each writer replaces the file. Its time alone does not show that: two writes can fall into one
+// tick of the kernel's clock.
 bool is_same(const struct stat& one, const struct stat& other) {
   return one.st_ino == other.st_ino && one.st_size == other.st_size &&
          one.st_mtim.tv_sec == other.st_mtim.tv_sec && one.st_mtim.tv_nsec == other.st_mtim.tv_nsec;
@@ -60,7 +60,7 @@ void Grants::boot() {
   read_when_changed();
   if (!is_due()) return;
   report_ended();
-  std::ignore = Child{{tool_, ACTION}}.wait();  // what is left is the next look's
+  std::ignore = Child{{tool_, ACTION}}.wait();  // the next tick repeats what failed
 }
 
 void Grants::tick(Time now) {

@@ -1,5 +1,5 @@
-// Access for a time: the keeper has the rights revoked whose time is over, by the same program that
-// an administrator would use. The servers refuse logins by themselves from that second on.
+// Access until a date: the keeper revokes expired rights through the program that administrators
+// use. The servers refuse logins on their own from that second on.
 #pragma once
 
 #include <chrono>
@@ -23,9 +23,9 @@ class Grants {
                   std::string tool = "/usr/sbin/ormelctl")
       : report_(std::move(report)), file_(std::move(file)), tool_(std::move(tool)) {}
 
-  // What has ended while the host was off, before anything is started. Waits for the end.
+  // Revokes what ended while the host was off, before anything is started. Waits for the tool.
   void boot();
-  // Looks once a second. What could not be done, or has come back, is done again.
+  // To be called once a second. Repeats what failed, and what has come back.
   void tick(Time now);
 
  private:

@@ -1,6 +1,6 @@
 # shellcheck shell=dash
-# The keys of the OpenVPN server: its own certificate authority, and the certificate that this
-# signs. Read by "." behind vpn_lib.sh.
+# The keys of the OpenVPN server: its certificate authority, and the certificate that this signs.
+# Sourced after vpn_lib.sh.
 #
 # The authority can be replaced without locking clients out. ca.crt is a bundle meanwhile, the
 # authority that signs first:
@@ -28,8 +28,8 @@ signature_digest() {
 
 # make_certificate NAME SIGNER SUBJECT DIGEST EXTENSION...: NAME.key and NAME.crt, signed by the
 # authority SIGNER, or by itself without one. The old pair stays until the new one is complete. The
-# certificate is removed first and comes last: without it the key counts for nothing, so that a
-# crash in between costs nothing.
+# certificate is removed first and written last. Without it the key is ignored, so that a crash in
+# between does no harm.
 make_certificate() {
   local key="$KEYS/$1.key" certificate="$KEYS/$1.crt" signer="$2" subject="$3" digest="$4"
   local extension count
@@ -64,7 +64,7 @@ make_server_certificate() {
     'keyUsage=critical,digitalSignature,keyEncipherment' 'extendedKeyUsage=serverAuth'
 }
 
-# server_name [BYTES]: as much of the host's name as a certificate's has room for.
+# server_name [BYTES]: the host's name, cut to what a certificate can hold.
 server_name() {
   local host
   host=$(head -c "${1:-48}" /proc/sys/kernel/hostname | tr -cd 'A-Za-z0-9.-')
@@ -82,21 +82,22 @@ has_key() {
     [ "$public" = "$(openssl pkey -in "$KEYS/$1.key" -pubout 2>/dev/null)" ]
 }
 
-# trusted FILE: the authority that signs. Without a rotation all of the file is it, which may be a
-# chain of the administrator's own.
+# trusted FILE: the authority that signs. Without a rotation this is the whole file, which may be an
+# administrator's chain.
 trusted() {
   if [ -n "${phase-}" ]; then first_certificate "$1"; else cat "$1"; fi
 }
 
 # certificate_usable NAME [SIGNER]: there is one, in force, with its key, and the authority that
-# signs now has signed it. Whether its digest is strong is not asked: that was chosen.
+# signs now has signed it. The strength of its digest is not checked: an administrator has chosen
+# it.
 certificate_usable() {
   has_key "$1" && trusted "$KEYS/${2:-$1}.crt" |
     openssl verify -auth_level 0 -CAfile /dev/stdin "$KEYS/$1.crt" >/dev/null 2>&1
 }
 server_usable() { certificate_usable myserver ca; }
 
-# is_early NAME: the clock is before the begin of this certificate, so that the clock is wrong.
+# is_early NAME: the clock is before the begin of this certificate, and so is wrong.
 is_early() {
   local begin
   begin=$(openssl x509 -in "$KEYS/$1.crt" -noout -startdate 2>/dev/null) &&
@@ -153,8 +154,8 @@ forget_next() {
   rm -f "$KEYS/next.key" "$KEYS/next.crt"
 }
 
-# begin_rotation DIGEST SECONDS: the server changes over after that time. Profiles have both
-# authorities before the rotation counts who has downloaded one since it began.
+# begin_rotation DIGEST SECONDS: the server changes over after that time. Profiles contain both
+# authorities before the rotation begins to count downloads.
 begin_rotation() {
   make_authority next "$1" "$(date -u +%Y%m%d-%H%M%S)" &&
     write_bundle "$KEYS/ca.crt" "$KEYS/next.crt" && {
@@ -166,13 +167,13 @@ begin_rotation() {
   return 1
 }
 
-# change_over DIGEST: the new authority signs from now on. A run that was killed is finished by the
-# next one.
+# change_over DIGEST: the new authority signs from now on. The next run finishes one that was
+# killed.
 change_over() {
   local old="$KEYS/ca.crt"
   phase=changing
   write_rotation || return 1
-  first_certificate "$old" >/dev/null || old='' # lost, and no reason to lose the new one
+  first_certificate "$old" >/dev/null || old='' # the new one works without it
   if [ "$(first_certificate "$KEYS/ca.crt")" != "$(first_certificate "$KEYS/next.crt")" ]; then
     write_file "$KEYS/ca.key" cat "$KEYS/next.key" &&
       write_bundle "$KEYS/next.crt" ${old:+"$old"} || return 1
@@ -182,13 +183,13 @@ change_over() {
   write_rotation && rm -f "$KEYS/next.key" "$KEYS/next.crt"
 }
 
-# finish_change DIGEST: the same for one that was interrupted. Without the new authority's key the
-# one that is in place goes on.
+# finish_change DIGEST: finishes an interrupted change-over. Without the new authority's key the
+# present one stays.
 finish_change() {
   if has_key next; then change_over "$1"; else end_rotation; fi
 }
 
-# Old certificates are not trusted any more.
+# Old certificates are no longer trusted.
 end_rotation() {
   if first_certificate "$KEYS/ca.crt" >/dev/null; then
     write_bundle "$KEYS/ca.crt" || return 1
@@ -196,8 +197,8 @@ end_rotation() {
   rm -f "$ROTATION" "$KEYS/next.key" "$KEYS/next.crt"
 }
 
-# settle_rotation DIGEST: finishes what a run that was killed has begun, and changes over or ends
-# where the time has come. Only before the server starts, since the change-over needs a start.
+# settle_rotation DIGEST: finishes an interrupted run, and changes over or ends the rotation when
+# that is due. Called only before the server starts, since it reads its keys then.
 settle_rotation() {
   read_rotation
   case $phase in
@@ -218,15 +219,15 @@ settle_rotation() {
   esac
 }
 
-# make_keys DIGEST: what is missing, and a new certificate for the server where its end is near. A
-# new authority needs a new server certificate; "failure" tells what went wrong.
+# make_keys DIGEST: makes missing keys, and a new certificate for the server when its end is near. A
+# new authority needs a new server certificate; "failure" says what went wrong.
 make_keys() {
   mkdir -p "$KEYS" && chmod 700 "$KEYS" || return 1
   failure='the rotation of the certificate authority can not be finished'
-  # On a full disk, say, the certificate that is there goes on serving.
+  # On a full disk, for example, the present certificate stays in use.
   settle_rotation "$1" || { has_key myserver; return; }
-  # Replacing the authority would lock out all clients. The keys that are there work with them as
-  # soon as the clock is right.
+  # Replacing the authority would lock out all clients. The present keys work again as soon as the
+  # clock is right.
   if has_key ca && is_early ca; then
     failure=$EARLY
     has_key myserver
@@ -237,7 +238,7 @@ make_keys() {
     make_authority ca "$1" || return 1
   fi
   if server_usable; then
-    # One that lasts for some days more is better than none.
+    # A certificate that is valid for some more days is better than none.
     openssl x509 -in "$KEYS/myserver.crt" -noout -checkend "$RENEW_SECONDS" >/dev/null 2>&1 ||
       make_server_certificate "$1" || server_usable
     return

@@ -29,7 +29,7 @@ db_query_cond rows_of(const std::string& user, int64_t order_by, int64_t count) 
   return cond;
 }
 
-// Rows that have not come are null, those of an empty table are not.
+// Without an answer the rows are null, which those of an empty table are not.
 template <typename Row>
 bool is_answer(const log_db::Answer<Row>& answer) {
   return answer.rows().data() != nullptr;
@@ -41,7 +41,7 @@ Login login_of(const db_conn_server_log& row) {
           refused ? field_text(row.device_info) : ""};
 }
 
-// What is missing has the value that the log database goes by, too.
+// A missing member has the default of the log database.
 struct Policy {
   bool enable = true;
   json_int_t limit = 5;

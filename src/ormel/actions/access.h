@@ -28,8 +28,8 @@ struct Failures {
   std::time_t until = 0;  // end of the block; 0 for a user who is not blocked
 };
 
-// Of all users with any, by name; of one user, none counting as 0. Nothing when the log database
-// does not answer.
+// The failures of all users who have any, by name, and those of one user. Nothing when the log
+// database does not answer.
 [[nodiscard]] std::optional<std::map<std::string, Failures>> all_failures();
 [[nodiscard]] std::optional<Failures> failures_of(const std::string& user);
 

@@ -143,7 +143,7 @@ void read_grants(const std::string& text, const std::string& area, State& out) {
   }
 }
 
-// What a token is good for; its use changes nothing.
+// The rights of a token. Its latest use is no setting.
 void read_tokens(const std::string& text, const std::string& area, State& out) {
   const Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
   size_t at = 0;

@@ -34,7 +34,7 @@ constexpr int NO_STEP = 4;  // exit status of the tool: nothing to be done
 constexpr const char* PHASES[] = {"none", "overlap", "changing", "changed"};
 constexpr long STAGES[] = {30 * DAY, 7 * DAY, DAY, 0};  // seconds before the end
 constexpr int REFUSED = 1;                              // action of a row of the log
-// Actions that hand out the authority, to administrators and to users themselves.
+// Actions that deliver the authority to administrators or users.
 constexpr std::string_view DOWNLOADS[] = {"config/download", "config/downloadcert", "my/profile"};
 
 struct Number {
@@ -59,7 +59,7 @@ void read_line(std::string_view line, Rotation& out) {
     out.phase = static_cast<Phase>(phase - std::begin(PHASES));
 }
 
-// The last line that the tool has said.
+// The last line of the tool's messages.
 std::string last_line(const MibIo& io) {
   std::size_t length = 0;
   const char* const bytes = mib_io_read(io.get(), &length);
@@ -98,7 +98,7 @@ int restart_server(std::string& reason) {
   return ERR_CMD_FAILED;
 }
 
-// The web interface says so until a profile is downloaded.
+// The web interface shows a notice until a profile is downloaded.
 void note_new_certificate() {
   config::Management pool;
   pool.load();
@@ -118,7 +118,7 @@ bool is_quiet(const Moment& moment) {
   return !moment.is_used && moment.hour >= NIGHT_BEGIN && moment.hour < NIGHT_END;
 }
 
-// A change-over that is due waits for a night without users, but not for ever.
+// A change-over that is due waits for a night without users, but for a week at most.
 bool may_change(const Certificate& authority, const Rotation& state, const Moment& moment) {
   const std::time_t last =
       std::min<std::time_t>(state.change + LAST_TIME, authority.not_after - LAST_TIME);
@@ -130,7 +130,7 @@ bool may_renew(const Certificate& server, const Moment& moment) {
   return left < LAST_TIME || (left < RENEW_TIME && is_quiet(moment));
 }
 
-// By user, the latest of each.
+// The latest login of each user.
 std::map<std::string, std::time_t> last_logins() {
   std::map<std::string, std::time_t> latest;
   db_query_cond all{};

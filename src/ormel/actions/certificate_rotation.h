@@ -16,7 +16,7 @@ namespace ormel::certificates {
 enum class Phase {
   None,
   Overlap,   // profiles from now on trust both authorities, the old one signs
-  Changing,  // the change-over has begun; a run that was killed left it so
+  Changing,  // the change-over was interrupted
   Changed,   // the new one signs, the old one is still in profiles
 };
 
@@ -28,7 +28,7 @@ struct Rotation {
   std::time_t overlap = 0;  // seconds
   std::time_t begun = 0;    // seconds since 1970, as the next two
   std::time_t change = 0;   // when the new authority begins to sign
-  std::time_t end = 0;      // when the old one is trusted no more
+  std::time_t end = 0;      // when the old one is no longer trusted
 };
 
 // The rotation in the text of its file; one without a phase for any other text.
@@ -36,15 +36,15 @@ struct Rotation {
 // The rotation that is under way.
 [[nodiscard]] Rotation rotation();
 
-// Each does one step. 0, ERR_VALUE for an overlap outside of 1 hour to 400 days, or ERR_CMD_FAILED,
-// with `reason` saying what to do. `renew`, and an `advance` that changes over, restart a server
-// that runs, which ends its sessions.
+// Each does one step. Returns 0, ERR_VALUE for an overlap outside of 1 hour to 400 days, or
+// ERR_CMD_FAILED, with `reason` saying what to do. `renew`, and an `advance` that changes over,
+// restart a server that runs, which ends its sessions.
 [[nodiscard]] int renew(std::string& reason);
 [[nodiscard]] int rotate(long overlap, std::string& reason);
 [[nodiscard]] int advance(std::string& reason);
 // Finishes a change-over that was interrupted.
 [[nodiscard]] int settle(std::string& reason);
-// Restarts a server that still runs with an older certificate: a run that was killed left it so.
+// Restarts a server that still runs with an older certificate, as a killed renewal leaves it.
 [[nodiscard]] int take_up(std::string& reason);
 // Forgets the new authority, as long as it does not sign.
 [[nodiscard]] int cancel(std::string& reason);
@@ -82,7 +82,7 @@ struct Holder {
   std::time_t last_login = 0;     // 0 for none that is known
   std::time_t last_download = 0;  // of a profile by this user; 0 for none that is known
 };
-// Users with the right, and no download since `begun`.
+// Users who have the right and have downloaded no profile since `begun`.
 [[nodiscard]] std::vector<Holder> holders_of_old(std::time_t begun);
 
 }  // namespace ormel::certificates

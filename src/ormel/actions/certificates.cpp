@@ -46,8 +46,8 @@ bool is_label_of(Role role, std::string_view label) {
              : std::ranges::find(CERTIFICATE_LABELS, label) != std::end(CERTIFICATE_LABELS);
 }
 
-// The pieces of a text that are of the role's kind. What else is in it, a key above all, is passed
-// over undecoded. A piece without an end is the rest of the text.
+// The pieces of a text that are of the role's kind. Anything else, such as a key, is skipped
+// undecoded. An unterminated piece extends to the end of the text.
 std::vector<std::string> pieces_of(std::string_view pem, Role role) {
   constexpr std::string_view BEGIN = "-----BEGIN ", DASHES = "-----";
   std::vector<std::string> pieces;
@@ -77,7 +77,7 @@ void add_file(const char* path, const Certificate& like, std::vector<Certificate
     add_pem(pem, like, out);
 }
 
-// The first one of the bundle signs. The others are of a rotation.
+// The first certificate of the bundle signs; the others belong to a rotation.
 void add_authorities(std::vector<Certificate>& out) {
   Certificate authority;
   authority.role = Role::Authority;

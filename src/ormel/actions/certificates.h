@@ -55,7 +55,7 @@ void add_pem(const std::string& pem, const Certificate& like, std::vector<Certif
 void add_profile(const std::string& text, const Certificate& like, std::vector<Certificate>& out);
 
 // Lists all: the OpenVPN server's, the web interface's, and those of the client profiles in `pool`
-// by index. What was never made is left out.
+// by index. Missing files are left out.
 [[nodiscard]] std::vector<Certificate> list(const config::Management& pool);
 
 }  // namespace ormel::certificates

@@ -53,7 +53,7 @@ std::string_view name_of(std::string_view line) {
   return line.substr(0, line.find_first_of("{ "));
 }
 
-// A sample less its number, which begins after the last blank.
+// A sample without its number, which follows the last blank.
 std::string_view series_of(std::string_view line) {
   return line.substr(0, line.rfind(' '));
 }

@@ -22,8 +22,8 @@ struct Family {
 
 using Labels = std::initializer_list<std::pair<const char*, std::string_view>>;
 
-// One sample as a line with its end: `NAME{LABEL="VALUE",...} NUMBER`. A value of a label is made
-// valid UTF-8 and escaped; an empty one is left out, which is the same by the format.
+// One sample as a line with its end: `NAME{LABEL="VALUE",...} NUMBER`. Values of labels are made
+// valid UTF-8 and escaped. Empty ones are left out, which means the same in this format.
 [[nodiscard]] std::string sample(std::string_view family, const Labels& labels, int64_t number);
 
 // Lines of samples, in any order, as a document: each family that has any after its HELP and TYPE.

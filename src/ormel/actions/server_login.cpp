@@ -75,7 +75,7 @@ std::string effective_user(const std::string& user) {
 // For a client whose password is right. Others learn nothing about the code.
 constexpr const char* SET_UP_FIRST = "set up your second factor at the web interface first";
 
-// Of a number that Check_NAS_User_Password has returned.
+// The refusal for a result of Check_NAS_User_Password.
 Refusal refusal_by(int result) {
   const char* const row = fenro::reason_of_factor(result);
   if (!row) return WRONG_PASSWORD;

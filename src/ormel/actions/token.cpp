@@ -81,7 +81,7 @@ bool store(const std::vector<Token>& tokens) {
   return text && system::replace_file(file, std::string(text.get()) + '\n', fenro::PRIVATE_FILE);
 }
 
-// Held from the reading to the writing.
+// The lock is held from reading to writing.
 Fd take_turn() {
   const std::string& lock = places().lock;
   if (!fenro::make_private_folder(lock.substr(0, lock.rfind('/')))) return Fd{};
@@ -134,7 +134,7 @@ std::vector<Token>::const_iterator find(const std::vector<Token>& tokens,
       tokens, [&which](const Token& one) { return one.name == which || one.id == which; });
 }
 
-// An empty text, or what is wrong with the wish.
+// Empty, or what is wrong with the request.
 std::string fault_of(const std::vector<Token>& tokens, const std::string& name,
                      const std::string& scope, int64_t life) {
   if (!is_name(name)) return "a name has 1 to 40 letters, digits, dots, hyphens and underscores";
@@ -149,7 +149,7 @@ bool equal(std::string_view one, std::string_view other) {
   return one.size() == other.size() && memeql_sec(one.data(), other.data(), one.size()) != 0;
 }
 
-// Takes as long whichever token it is, and whether there is one.
+// Takes the same time for every token, known or not.
 const Token* find_token(const std::vector<Token>& tokens, std::string_view text) {
   const size_t middle = text.find('_');
   const std::string_view id = text.substr(0, middle);
@@ -164,14 +164,14 @@ const Token* find_token(const std::vector<Token>& tokens, std::string_view text)
   return found;
 }
 
-// The token in the header, without what comes before it.
+// The token in the header, without its scheme and prefix.
 std::string_view bearer_of(std::string_view header) {
   if (!is_bearer(header)) return {};
   header.remove_prefix(std::min(header.find_first_not_of(' ', SCHEME.size()), header.size()));
   return header.starts_with(PREFIX) ? header.substr(PREFIX.size()) : std::string_view();
 }
 
-// A use that cannot be noted is a use nevertheless.
+// A failure is ignored: the token is valid anyway.
 void note_use(const std::string& id, const std::string& address, int64_t now) {
   const Fd turn = take_turn();
   std::vector<Token> tokens;
@@ -271,10 +271,10 @@ Holder check(std::string_view authorization, const std::string& address, int64_t
   std::vector<Token> tokens;
   if (!list(tokens)) return {.refusal = no_file().reason};
   const Token* const token = find_token(tokens, bearer_of(authorization));
-  // A program that goes on with it is guessing nothing, and closes no address to others.
+  // A program that still sends an expired token is not guessing, and must not close its address.
   if (token && now >= token->expires) return {.refusal = NOT_VALID};
   if (!token) {
-    // The address in the place of a user: what others try must not count for it.
+    // The address stands for the user, so that attempts from elsewhere do not count against it.
     std::ignore = throttle.admit(address, address, clock);  // it is refused anyway
     return {.refusal = NOT_VALID, .closes = throttle.retry_after(address, clock) > 0};
   }

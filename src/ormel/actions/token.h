@@ -18,7 +18,7 @@
 
 namespace ormel::token {
 
-// What a token is good for; each includes the ones before it.
+// What a token may do; each scope includes the ones before it.
 enum class Scope {
   Metrics,  // the figures of the service
   Read,     // routes that change nothing
@@ -33,7 +33,7 @@ struct Token {
   std::string hash;
   std::string by;       // who has made it
   int64_t created = 0;  // seconds since 1970, as all times here
-  int64_t expires = 0;  // the first moment at which it is not valid any more
+  int64_t expires = 0;  // the first second in which it is no longer valid
   int64_t used = 0;     // the latest use, noted once a minute at the most; 0 for never
   std::string from{};   // where it came from
 };
@@ -44,7 +44,7 @@ constexpr int64_t DEFAULT_LIFE = int64_t{365} * 86400;
 constexpr size_t MOST_TOKENS = 100;
 constexpr size_t LONGEST_NAME = 40;
 
-// What came of a change: 0 or an ERROR_CODE, with what to do about it.
+// The result of a change: 0 or an ERROR_CODE, with what to do about it.
 struct Verdict {
   int code = 0;
   std::string reason{};
@@ -53,14 +53,14 @@ struct Verdict {
 // All tokens in the order in which they were made. False when the file is damaged or cannot be
 // read.
 [[nodiscard]] bool list(std::vector<Token>& tokens);
-// Makes a token that is valid for `life` seconds; `text` is all that there is of its secret.
-// ERR_VALUE for a name, scope or life that is not allowed, or a name that is taken.
+// Makes a token that is valid for `life` seconds; `text` is the only copy of its secret. ERR_VALUE
+// for a name, scope or life that is not allowed, or a name that is taken.
 [[nodiscard]] Verdict add(const std::string& name, const std::string& scope, int64_t life,
                           const std::string& by, Token& made, std::string& text);
 // Removes a token by its name or id. ERR_CONFIGURE_INDEX where there is none.
 [[nodiscard]] Verdict remove(const std::string& which);
 
-// Whose token a request has brought.
+// The token of a request.
 struct Holder {
   std::string name{};  // "token:NAME"; empty for a token that is not valid
   Scope scope = Scope::Metrics;
@@ -68,12 +68,12 @@ struct Holder {
   bool closes = false;    // the address is closed to all tokens from now on
 };
 
-// Whether a header "Authorization" has a token in it, a good one or not.
+// Whether a header "Authorization" has a token in it, valid or not.
 [[nodiscard]] bool is_bearer(std::string_view authorization);
 
-// Looks at what a request from `address` has as its header "Authorization", and notes the use. The
-// same refusal for a token that is unknown, malformed or out of date; ten that are none from one
-// address close it to all tokens for a quarter of an hour.
+// Checks the header "Authorization" of a request from `address`, and notes the use. Unknown,
+// malformed and expired tokens get the same refusal. Ten wrong ones from one address close it to
+// all tokens for a quarter of an hour.
 [[nodiscard]] Holder check(std::string_view authorization, const std::string& address, int64_t now);
 
 // Where the file and the counters of wrong tokens are; for tests.

@@ -30,8 +30,8 @@ static_assert(OPENSSL_VERSION_MAJOR == 3,
               "the name below is of the library whose headers are used");
 constexpr const char* LIBRARY = "libcrypto.so.3";
 
-// Certificates are met in an import alone, so their library is loaded on first use: its start is as
-// long as the rest of a run. What every run needs comes from a small one.
+// Few runs look at certificates, so their library is loaded on first use: its start is as long as
+// the rest of a run. What every run needs comes from a small one.
 struct Api {
   decltype(&::BIO_new_mem_buf) bio_new_mem_buf;
   decltype(&::BIO_free_all) bio_free_all;
@@ -113,7 +113,7 @@ bool read_time(const ASN1_TIME* from, std::time_t& to) {
   return true;
 }
 
-// What a stranger has written, as one line of UTF-8 of bearable length.
+// A stranger's text as one line of UTF-8 of limited length.
 std::string harmless(const std::string& text) {
   constexpr unsigned int LONGEST = 255;
   std::string line = mb_string(fenro::valid_utf8(text), LONGEST);

@@ -29,7 +29,7 @@ struct Asked {
   std::string text{};
 };
 
-// In a group of its own, with the programs that it starts.
+// Runs in a separate process group, with the programs that it starts.
 [[noreturn]] void answer(const Question& question, int fd) {
   setpgid(0, 0);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -45,11 +45,11 @@ Asked ask(const Question& question) {
   const pid_t process = fork();
   if (process == 0) answer(question, writing.get());
   if (process < 0) return {};
-  setpgid(process, process);  // whichever of the two comes first
+  setpgid(process, process);  // in both processes, since either may run first
   return {process, std::move(reading), {}};
 }
 
-// Takes what has come. False at the end of the answer.
+// Reads what has arrived. False at the end of the answer.
 bool take(Asked& asked) {
   std::array<char, 4096> piece;
   const ssize_t length = TEMP_FAILURE_RETRY(read(asked.answer.get(), piece.data(), piece.size()));
@@ -57,7 +57,7 @@ bool take(Asked& asked) {
   return length > 0;
 }
 
-// Waits for more of those that have not ended. False when there are none.
+// Waits for more output of unfinished questions. False when all have ended.
 bool listen(std::vector<Asked>& all, milliseconds left) {
   std::vector<pollfd> waiting;
   for (const Asked& asked : all) {

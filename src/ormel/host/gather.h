@@ -1,5 +1,5 @@
-// Questions that are asked at the same time, each in a process of its own: one that hangs or dies
-// holds back neither the others nor the caller.
+// Questions that are asked at the same time, each in a separate process, so that one that hangs or
+// dies delays neither the others nor the caller.
 #pragma once
 
 #include <chrono>
@@ -12,8 +12,8 @@ namespace ormel::system {
 
 using Question = std::function<std::string()>;
 
-// The answer to each question, in their order; nothing for one that has not ended within `limit` or
-// has died. Nothing of such a question's process, and of what it has started, is left afterwards.
+// Returns the answers in the order of the questions; nothing for one that has died, or has not
+// ended within `limit`. Its process and the programs that it has started are killed.
 [[nodiscard]] std::vector<std::optional<std::string>> gather(const std::vector<Question>& questions,
                                                              std::chrono::milliseconds limit);
 

@@ -22,15 +22,15 @@ using ormel::token::Scope;
 
 constexpr int WARNING = 1;  // of an event
 
-// No token may make tokens, be a person, or take all secrets with it. A path, or the start of some.
+// No token may make tokens, act as a person, or copy all secrets. Paths, or their beginnings.
 constexpr std::string_view FOR_PEOPLE[] = {"/ormel/token/", "/ormel/my/", "/ormel/backup/",
                                            "/ormel/log/dump", "/ormel/oauth_login"};
-// They change nothing here, but the other end of a tunnel counts the login, and an account at the
-// cloud without an organization gets one.
+// Reading routes with an effect elsewhere: the far end of a tunnel counts a login, and the cloud
+// makes an organization for an account without one.
 constexpr std::string_view CHANGES_ELSEWHERE[] = {"/ormel/doctor/start",
                                                   "/ormel/pelmar/organization_list"};
 constexpr std::string_view FIGURES = "/ormel/metrics";
-// What is open to a user who has to set up a second factor first.
+// The routes open to a user who must first set up a second factor.
 constexpr std::string_view SET_UP = "/ormel/my/totp_";
 constexpr const char* SET_UP_FIRST = "a second factor is required: log in again and set it up";
 // Members of answers. The address of a webhook often holds a token.

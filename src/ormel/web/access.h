@@ -14,11 +14,10 @@ struct Sender {
 };
 [[nodiscard]] Sender sender_of(const Request& request);
 
-// The address that the web server reports, empty where it is none.
+// The client's address as the web server reports it; empty when malformed.
 [[nodiscard]] std::string client_address();
 
-// Looks at a token in the place of a session, and says it where an address is closed for wrong
-// ones.
+// Checks a token. Logs an event when too many wrong ones close the address.
 [[nodiscard]] ormel::token::Holder holder_of(const std::string& authorization);
 
 // Whether a request may use a route: 0, or why not.
@@ -27,7 +26,7 @@ struct Sender {
 // The least scope of a token that may use a route; nothing where no token may.
 [[nodiscard]] std::optional<ormel::token::Scope> least_scope(const Route& route);
 
-// The text of an answer without the secrets in it, for a token that is not good for changes.
+// The text of an answer without the secrets in it, for a token that may change nothing.
 [[nodiscard]] std::string without_secrets(const std::string& answer);
 
 }  // namespace ormel::cgi

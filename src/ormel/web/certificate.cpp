@@ -1,4 +1,4 @@
-// Everything that has a certificate, and keeping those of the OpenVPN server alive.
+// The list of all certificates, and renewal of the OpenVPN server's.
 #include <cstdlib>
 #include <ctime>
 #include <memory>

@@ -87,6 +87,17 @@ std::unique_ptr<ormel::config::BaseConfig> create_config(const char* value) {
   return ormel::config::make_record(convert_type(value), 0);
 }
 
+std::unique_ptr<PolyConfig> import_record(const Request& request, int& rc) {
+  auto record = std::make_unique<PolyConfig>(create_config("OVPN"));
+  rc = ERR_WRONG_TYPE;
+  if (!record->bc) return record;
+  (*record)->action = IMPORT_ACTION;
+  record = option::get_options(std::move(record), request.vars(), rc);
+  // What has been checked, whatever the form's options name.
+  if (rc == NO_ERROR) (*record)->file = request.value("ovpn");
+  return record;
+}
+
 const Routes PROFILES{ROWS};
 
 }  // namespace ormel::cgi::config

@@ -8,13 +8,10 @@
 #include "ormel/config/pool.h"
 #include "ormel/drivers/openvpn/report.h"
 #include "ormel/drivers/wireguard/conf_file.h"
-#include "ormel/options/table.h"
 #include "ormel/web/config.h"
 #include "ormel/web/routes.h"
 
 namespace ormel::cgi::config {
-
-using ormel::config::PolyConfig;
 
 namespace {
 
@@ -36,13 +33,9 @@ Outcome report_upload(const Request& request, JsonValue& reply) {
   if (wireguard::is_conf_file(text))
     return succeed(wireguard::report_conf_file(text), "wireguard", reply);
 
-  auto record = std::make_unique<PolyConfig>(create_config("OVPN"));
-  if (!record->bc) return {ERR_WRONG_TYPE};
-  (*record)->action = IMPORT_ACTION;
   int rc = NO_ERROR;
-  record = option::get_options(std::move(record), request.vars(), rc);
+  const auto record = import_record(request, rc);
   if (rc != NO_ERROR) return {rc};
-  (*record)->file = request.value("ovpn");
   return succeed(ovpn::report_profile(*record->cast<ovpn::ClientConfig>(), ovpn::platform_tools()),
                  "openvpn", reply);
 }

@@ -16,7 +16,6 @@
 #include "ormel/drivers/openvpn/openvpn.h"
 #include "ormel/drivers/openvpn/profile.h"
 #include "ormel/host/bus.h"
-#include "ormel/options/table.h"
 #include "ormel/web/config.h"
 #include "ormel/web/routes.h"
 
@@ -84,7 +83,6 @@ using option::ConfigFile;
 using option::FileOption;
 using option::NORMAL_OPTION_TYPE;
 using ormel::config::cm;
-using ormel::config::PolyConfig;
 
 namespace {
 
@@ -221,16 +219,9 @@ Outcome check_profile(const Request& request, JsonValue& reply) {
 Outcome import_profile(const Request& request, JsonValue& reply) {
   if (cm.is_full()) return {ERR_CONFIGURATION_FULL};
   if (Outcome refusal = check_upload(request, reply); refusal.code != NO_ERROR) return refusal;
-  auto record = std::make_unique<PolyConfig>(create_config("OVPN"));
-  if (!record->bc) return {ERR_WRONG_TYPE};
-  (*record)->action = IMPORT_ACTION;
-
   int rc = NO_ERROR;
-  record = option::get_options(std::move(record), request.vars(), rc);
-  if (rc != NO_ERROR) return {rc};
-  (*record)->file =
-      request.value("ovpn");  // what has been checked, whatever the form's options name
-  return {ormel::import(std::move(record), &reply["data"])};
+  auto record = import_record(request, rc);
+  return {rc == NO_ERROR ? ormel::import(std::move(record), &reply["data"]) : rc};
 }
 
 constexpr Route ROWS[] = {

@@ -1,5 +1,5 @@
-// The live connections of the appliance's servers over the web: who is connected, and how to throw
-// one out.
+// The live connections of the appliance's servers over the web: who is connected, and how to end a
+// connection.
 //
 // The servers' scripts, hooks and daemons keep them in one text file, a line a connection
 // (base/online_line.h). A line that is cut off or too long, or that has other text in the place of

@@ -176,7 +176,7 @@ bool openvpn_has(const vpn_peer& peer) {
   const int rc =
       system::do_exec_safe({"/usr/bin/timeout", DAEMON_SECONDS, MANAGE_TOOL, "status 3"}, text);
   if (rc != 0)
-    return rc == TIMED_OUT;  // a daemon that is gone has no one; one that is stopped does not say
+    return rc == TIMED_OUT;  // a missing daemon has no sessions; a stopped one does not answer
   const std::vector<std::string> lines = split_lines(text);
   return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
     std::vector<std::string> fields = split_tabs(line);
@@ -191,7 +191,7 @@ bool drovik_has(const vpn_peer& peer) {
   const system::PlainReply reply =
       system::plain_call("MorviServer", "bytes_info", nullptr, DROVIK_SECONDS);
   if (reply.status != MIB_SUCCESS)
-    return reply.status != MIB_NOT_READY;  // a daemon that is gone has no one
+    return reply.status != MIB_NOT_READY;  // a missing daemon has no sessions
   size_t at = 0;
   const json_t* client = nullptr;
   json_array_foreach(reply.data(), at, client) {
@@ -299,7 +299,7 @@ Outcome end_connections(const Request& request, JsonValue& reply) {
                                   [](const Target& target) { return target.is_device(); });
   if (device && minutes == 0)
     return {ERR_VALUE, "a WireGuard device can only be kept out for a time"};
-  // First the hold: a client that is thrown out comes back at once.
+  // The hold comes before: a disconnected client reconnects at once.
   if (minutes > 0 && !hold_users(targets, minutes, hold::asker(request)))
     return {ERR_SAVE_FILE, "the list of those who are kept out cannot be changed"};
   for (const Target& target : targets) {

@@ -30,7 +30,8 @@ constexpr int GRANTED = [] {
   return mask;
 }();
 
-// Changes the grant of one user, where `edit` says so. False when it could not be stored.
+// Stores the grant of one user as `edit` leaves it, unless that returns false. False when it could
+// not be stored.
 template <typename Edit>
 bool change(const std::string& user, Edit edit) {
   fenro::GrantChange store;
@@ -64,7 +65,7 @@ bool let_in(const std::string& key) {
   return rc == 0 || rc == hold::NOT_FOUND;
 }
 
-// Whether a date is to go once rights have changed.
+// Whether a date is obsolete after a change of rights.
 bool is_done_with(uint32_t server, int64_t end, int before, int after, std::time_t now) {
   const bool lost = (before & ~after & static_cast<int>(server)) != 0;
   const bool gained = (after & ~before & static_cast<int>(server)) != 0;
@@ -183,7 +184,7 @@ Outcome read_wish(const Request& request, Wish& wish) {
   if (wish.has_devices &&
       !read_number(request.value("devices"), 0, fenro::MOST_DEVICES, wish.devices))
     return {ERR_VALUE, "devices"};
-  // What an account had that is gone may be taken away.
+  // The grant of a deleted account can be removed.
   const bool gives = wish.until != 0 || wish.devices != 0;
   if (gives && !getpwnam(request.value("user"))) return {ERR_VALUE, "user"};
   return {};

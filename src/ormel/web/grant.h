@@ -1,7 +1,7 @@
-// Until when users may use the servers, and the devices that are their own (base/grants.h).
+// Until when users may use the servers, and their own devices (base/grants.h).
 //
-// The end of a right outlives the right itself until the keeper has seen that it is gone: a run of
-// the program that has read the rights before may write them once more.
+// The end of a right is kept until the keeper has seen that the right is gone: a run of the program
+// that read the rights earlier may write them again.
 #pragma once
 
 #include <ctime>
@@ -11,24 +11,24 @@
 
 namespace ormel::cgi::grant {
 
-// After a user's rights were stored: ends the grants of those that were revoked, and forgets ends
-// in the past of those that are new. Failures are logged.
+// After a user's rights were stored: removes the ends of revoked rights, and past ends of new ones.
+// Failures are logged.
 void on_rights(const std::string& user, int before, int after);
 // After all rights of a user were revoked: the user's own devices are kept out, too.
 void on_revocation(const std::string& user);
 // After a device has got another key, or was removed (an empty one).
 void on_key(const std::string& old_key, const std::string& new_key);
 
-// Forgets the ends in the past of rights that a user does not have (any more), and ends the use of
-// own devices whose time is over. False when that could not be stored.
+// Removes past ends of rights that a user does not have, and ends the use of own devices if theirs
+// is past. False when that could not be stored.
 [[nodiscard]] bool forget_ended(const std::string& user, int rights,
                                 std::time_t now = std::time(nullptr));
 
-// Who has asked for a limit that comes from a grant.
+// The name that a limit of a device has as its source when it comes from a grant.
 constexpr const char* END_OF_ACCESS = "end of access";
 
-// Keeps a user's own devices out from when their time is over, or not at all. What an administrator
-// has limited by hand stays so. False when one is not as it should be.
+// Limits a user's own devices to their end, or lifts that limit. Limits that an administrator has
+// set stay. False when one could not be changed.
 [[nodiscard]] bool apply_limits(const fenro::GrantBook& book, const std::string& user);
 
 }  // namespace ormel::cgi::grant

@@ -32,7 +32,7 @@ Json rows(const char* action) {
 
 namespace {
 
-// The row of one; null without it.
+// The row of a user or peer; null without one.
 const json_t* find(const json_t* rows, std::string_view kind, const std::string& who) {
   size_t at = 0;
   const json_t* row = nullptr;

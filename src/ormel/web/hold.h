@@ -1,4 +1,4 @@
-// The platform's tool that keeps the list of those who are kept out of the servers.
+// Runs the platform's tool that keeps the list of users and devices barred from the servers.
 #pragma once
 
 #include <cstdint>
@@ -22,8 +22,8 @@ constexpr int NOT_FOUND = 3;  // exit status of the tool
 // What the tool lists for "list" or "limits": an array; null when it fails.
 [[nodiscard]] Json rows(const char* action);
 
-// In such an array: until when one of that kind ("user", "peer") is kept out, and from when on a
-// device is. 0 for one who is not in it, or without an array.
+// What such an array says: until when a "user" or "peer" is kept out, and from when on a device is.
+// 0 when it is not listed, or without an array.
 [[nodiscard]] int64_t until(const json_t* holds, std::string_view kind, const std::string& who);
 [[nodiscard]] int64_t limit_of(const json_t* limits, const std::string& key);
 // Who has asked for a device's limit; empty for a device without one.

@@ -1,7 +1,7 @@
 // Figures of the service for a monitoring system: what is up, who is connected, what has failed.
 //
 // Each source is queried in a separate process, so that one that hangs costs a second and a half
-// and no more. What a source does not say is left out: no figure stands for "not known".
+// and no more. Unknown figures are left out: no value means "unknown".
 #pragma once
 
 #include <string>

@@ -110,8 +110,8 @@ std::string byte_samples(const Profile& profile, const std::string& interface) {
   return text;
 }
 
-// When the peer of each WireGuard interface last answered, by the interface; 0 for never. The
-// script runs where the rights to ask are.
+// The latest handshake of each WireGuard interface; 0 for never. The script runs in the unit that
+// has the rights to ask.
 std::map<std::string, int64_t> handshakes() {
   std::string text;
   if (system::do_exec_safe({WIREGUARD_SCRIPT, "handshakes"}, text) != 0)
@@ -162,7 +162,7 @@ std::string tunnel_samples(const std::vector<Profile>& profiles) {
   return text;
 }
 
-// A host without any connection so far has no list, which is not a failure.
+// A host that has never had a connection has no list, which is not a failure.
 std::string session_samples() {
   std::vector<connection::vpn_peer> peers;
   const bool empty = access(fenro::ONLINE_USERS, F_OK) != 0 && errno == ENOENT;
@@ -209,7 +209,7 @@ std::string user_samples() {
   return text;
 }
 
-// What a refusal is counted under, by a word of its reason; the first that fits.
+// The kinds of refusals, by a word of their reason; the first match counts.
 struct Cause {
   std::string_view word;
   const char* label;
@@ -270,8 +270,8 @@ std::string failure_samples() {
   return text;
 }
 
-// The daemon blocks by this file, and has these values where it does not say. Null for one that
-// cannot be read, by which everybody counts as blocked.
+// The policy of the daemon that blocks users, with its defaults for missing members. Null when it
+// cannot be read: the daemon then counts everybody as blocked.
 Json block_rules() {
   std::string text;
   const int failure = fenro::read_file(BLOCK_POLICY, text);
@@ -403,7 +403,7 @@ std::string daemon_sample(const system::BusDaemon& daemon, bool up) {
   return sample("ormel_daemon_up", {{"daemon", daemon.name}}, up);
 }
 
-// A daemon that is slow with its figures answers nevertheless, so they are another question.
+// A separate question, since a daemon that is slow with its figures still answers.
 void add_questions(std::vector<Source>& all, const system::BusDaemon& daemon,
                    const std::vector<Profile>& profiles) {
   all.push_back(

@@ -70,7 +70,7 @@ void show_rights(const std::string& user, const fenro::Grant& grant, JsonValue& 
   }
 }
 
-// Since when devices are kept out, as the tool lists them; null on a host that keeps no one out.
+// The limits of devices as the tool lists them; null on a host without any.
 Json device_limits() {
   return hold::has_list() ? hold::rows("limits") : nullptr;
 }
@@ -177,7 +177,7 @@ File file_of(const std::string& text) {
   return file;
 }
 
-// The client asks for the code apart from the password then, and sends both in one.
+// Makes the client ask for the code separately and send it with the password.
 void ask_for_code(std::string& profile) {
   constexpr const char* LINE = "static-challenge \"Code\" 1\n";
   constexpr std::string_view AFTER = "auth-user-pass\n";
@@ -205,7 +205,7 @@ int send_profile(const Request& request, SentFile& file) {
   return rc;
 }
 
-// A session of another user is the same as one that is not there.
+// Another user's session counts as missing.
 Outcome end(const Request& request, JsonValue&) {
   const std::string user = request.name();
   const std::string id = request.value("id");

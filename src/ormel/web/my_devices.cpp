@@ -39,7 +39,7 @@ int64_t up_time() {
   return now.tv_sec;
 }
 
-// Times of the last hour; all others are removed.
+// Removes all times but those of the last hour.
 void drop_old(json_t* times, int64_t now) {
   for (size_t at = json_array_size(times); at-- > 0;) {
     if (json_integer_value(json_array_get(times, at)) <= now - HOUR) json_array_remove(times, at);
@@ -47,7 +47,7 @@ void drop_old(json_t* times, int64_t now) {
 }
 
 // Counts a change of the user's devices. Seconds until it may be tried again, 0 for now, -1 when
-// it cannot be counted. To be called by who holds the store of grants.
+// it cannot be counted. The caller holds the lock of the grants.
 int64_t count_change(const std::string& user) {
   std::string text;
   std::ignore = fenro::read_file(CHANGES_FILE, text);  // there is none before the first change
@@ -140,8 +140,8 @@ int make_device(const ServerConfig& server, const wireguard::PeerFile& peers,
              : rc;
 }
 
-// First the owner and the end of the device, and then the device itself: whatever happens between,
-// none is without both.
+// Stores the owner and the end of the device before the device itself, so that no device is ever
+// without them.
 Outcome store_device(fenro::GrantChange& store, const std::string& user, const std::string& name,
                      ormel::config::PolyConfig& server, const Made& made) {
   store.book.devices.push_back({made.peer.pub_key, user});
@@ -153,9 +153,9 @@ Outcome store_device(fenro::GrantChange& store, const std::string& user, const s
                : ERR_CMD_FAILED;
   if (rc == NO_ERROR) rc = peer::add(server, made.peer);
   if (rc == NO_ERROR) return {};
-  if (until != 0) std::ignore = hold::run({"unlimit", made.peer.pub_key});  // of no harm
+  if (until != 0) std::ignore = hold::run({"unlimit", made.peer.pub_key});  // may stay
   store.book.replace_key(made.peer.pub_key, "");
-  std::ignore = store.save();  // the next device of anybody forgets the key as well
+  std::ignore = store.save();  // the next addition forgets the key, too
   return {rc};
 }
 
@@ -200,7 +200,7 @@ Outcome remove(const Request& request, JsonValue&) {
   const std::string user = request.name();
   fenro::GrantChange store;
   if (!store) return {ERR_SAVE_FILE, BUSY};
-  // The same for a device of another user as for none.
+  // Another user's device counts as missing.
   if (key.empty() || store.book.owner_of(key) != user)
     return {ERR_CONFIGURE_INDEX, "you have no such device"};
   if (Outcome often = count(user); often.code != NO_ERROR) return often;
@@ -213,8 +213,7 @@ Outcome remove(const Request& request, JsonValue&) {
   return {};
 }
 
-// What is refused before anything was tried leaves no row in the audit trail: its user could fill
-// it.
+// Requests refused at once leave no row in the audit trail, which users could fill otherwise.
 template <DetailedWork work>
 Outcome unless_refused(const Request& request, JsonValue& reply) {
   Outcome outcome = work(request, reply);

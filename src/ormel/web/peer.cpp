@@ -168,7 +168,7 @@ int lift_limit(const std::string& key) {
   return rc == 0 || rc == hold::NOT_FOUND ? NO_ERROR : ERR_SAVE_FILE;
 }
 
-// A change of a peer puts it on the running interface, also one that is kept out.
+// A change puts the peer on the running interface, even when it is kept out.
 int keep_limits(const std::string& old_key, int index) {
   if (!hold::has_list()) return NO_ERROR;
   const wireguard::Peer peer = stored_peer(index);
@@ -201,7 +201,7 @@ int modify_peer(const Request& request, JsonValue& reply) {
   std::optional<Turn> turn{std::in_place};
   const std::string old_key = rc == NO_ERROR ? stored_peer(index).pub_key : "";
   if (rc == NO_ERROR) rc = put(request, index);
-  turn.reset();  // before the store of grants
+  turn.reset();  // grants are never locked during a turn
   if (rc == NO_ERROR) grant::on_key(old_key, stored_peer(index).pub_key);
   if (rc == NO_ERROR) rc = keep_limits(old_key, index);
   return rc == NO_ERROR ? show_peers(reply) : rc;
@@ -215,7 +215,7 @@ int remove_peer(const Request& request, JsonValue& reply) {
   if (rc == NO_ERROR) rc = take_away(index);
   turn.reset();
   if (rc == NO_ERROR && hold::has_list())
-    std::ignore = lift_limit(key);  // of no use without the peer, and of no harm
+    std::ignore = lift_limit(key);  // a limit without its peer does no harm
   if (rc == NO_ERROR) grant::on_key(key, "");
   return rc == NO_ERROR ? show_peers(reply) : rc;
 }
@@ -264,7 +264,7 @@ int remove(const std::string& key) {
   if (index > peers.max_index()) return ERR_CONFIGURE_INDEX;
   const int rc = take_away(index);
   if (rc == NO_ERROR && hold::has_list())
-    std::ignore = lift_limit(key);  // of no use without the peer, and of no harm
+    std::ignore = lift_limit(key);  // a limit without its peer does no harm
   return rc;
 }
 

@@ -10,9 +10,9 @@
 
 namespace ormel::cgi::peer {
 
-// Keeps other changes of peers waiting as long as it lives, ten seconds at most: each takes the
-// next free place, and an own device the next free address. A host without the folder of locks has
-// none. Who needs the store of grants as well has that first.
+// Makes other changes of peers wait while it lives, ten seconds at most, since each takes the next
+// free index and address. A host without the folder of locks has no lock. Grants are locked before
+// it, never after.
 class Turn {
  public:
   Turn();
@@ -24,7 +24,7 @@ class Turn {
 // The stored server as a work record; null without one.
 [[nodiscard]] std::unique_ptr<ormel::config::PolyConfig> stored_server();
 
-// Each returns 0 or an ERROR_CODE, and is for who has the turn. `server` is changed meanwhile.
+// Each returns 0 or an ERROR_CODE. The caller holds a Turn. `server` is changed.
 [[nodiscard]] int add(ormel::config::PolyConfig& server, const wireguard::Peer& peer);
 // Removes the peer with the key, and its limit.
 [[nodiscard]] int remove(const std::string& key);

@@ -1,5 +1,5 @@
-// The second factor of the session's own user: set up with an authenticator app, and switched off
-// with one of its codes. No variable names another user.
+// The second factor of the session's user: set up with an authenticator app, and switched off with
+// one of its codes. No variable names another user.
 #include "base/second_factor.h"
 
 #include <chrono>
@@ -39,8 +39,8 @@ const Outcome NOT_BEGUN{ERR_NOT_SUPPORT, "the set-up has not begun, or took too 
 const Outcome BLOCKED{ERR_ACCESS, "blocked after too many wrong codes: log in again with a code"};
 const Outcome WRONG_CODE{ERR_VALUE, "this code is wrong, or was used before"};
 
-// Puts what `edit` makes of the user's second factor into the store, unless it fails in another way
-// than by a wrong code, which may have been counted.
+// Stores the user's second factor as `edit` leaves it: on success, and after a wrong code, which
+// may have been counted.
 Outcome change(const std::string& user, const std::function<Outcome(SecondFactor& factor)>& edit) {
   Outcome outcome;
   const bool written = SecondFactors{}.change(user, [&](SecondFactor& factor) {
@@ -55,8 +55,8 @@ std::string host_name() {
   return gethostname(name, sizeof name - 1) == 0 && name[0] ? name : "VPN";
 }
 
-// Sessions that a password alone has begun end once it is not enough any more: somebody else who
-// knows it may have one, which was good for the set-up only. The id is a secret, and no argument.
+// Ends sessions that a password alone has begun, once it no longer suffices: one may belong to
+// somebody else who knows it. The id is a secret, so it is not an argument.
 void end_other_sessions(const Request& request) {
   const std::string input = std::string(request.value("sid")) + '\n';
   const std::vector<std::string> command = {SESSION_TOOL, "end-others", "-"};
@@ -67,8 +67,8 @@ void end_other_sessions(const Request& request) {
   if (!done) ORMEL_LOG(ERROR, "the user's other sessions could not be ended");
 }
 
-// A set-up that has begun before and was not finished begins again. Nothing counts before it is
-// confirmed, so it leaves no row in the audit trail, which its user could fill.
+// An unfinished set-up begins again. It has no effect before it is confirmed, so it leaves no row
+// in the audit trail, which users could fill otherwise.
 Outcome begin(const Request& request, JsonValue& reply) {
   request.changes_nothing();
   const std::string user = request.name();
@@ -104,7 +104,7 @@ std::string typed_code(const Request& request) {
   return code;
 }
 
-// The code that proves the app's secret does not log anybody in afterwards.
+// The code that confirms the set-up is used up, and logs nobody in.
 Outcome confirm(const Request& request, JsonValue& reply) {
   std::vector<std::string> recovery;
   Outcome outcome = change(request.name(), [&](SecondFactor& factor) -> Outcome {
@@ -129,8 +129,8 @@ Outcome confirm(const Request& request, JsonValue& reply) {
   return {};
 }
 
-// Wrong codes count like wrong passwords, and also where the policy on those is off: a session
-// alone must not be enough to guess one. The store's lock lets none be tried beside another.
+// Wrong codes count like wrong passwords, even while that policy is off: a session must not be
+// enough to guess one. The store's lock keeps attempts from running in parallel.
 Outcome switch_off(const Request& request, JsonValue&) {
   const std::string user = request.name();
   Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {

@@ -59,7 +59,7 @@ const char* undo_header() {
   return undo_is_lost ? "X-Ormel-Undo: none\r\n" : "";
 }
 
-// What is sent is for a token that may change nothing.
+// The answer is for a token that may change nothing.
 bool hides_secrets = false;
 
 // Printing is the last thing that a request does. A client that has gone away must not keep it from
@@ -137,10 +137,10 @@ bool copy_to_output(const File& file) {
   return std::fflush(output()) == 0;
 }
 
-// Those that keep, confirm and restore snapshots take care of these themselves.
+// These routes keep, confirm and restore snapshots themselves.
 constexpr std::string_view UNRECORDED = "/ormel/change/";
 
-// What all users may do: it must not push the administrators' snapshots out.
+// Open to all users, who must not evict the administrators' snapshots.
 constexpr std::string_view OF_USERS = "/ormel/my/";
 
 bool can_be_taken_back(const Route& route) {

@@ -42,13 +42,13 @@ class Request : public CgiRequest {
   explicit Request(cgi_var_mode repeats = OVERRIDE_VAR_MODE);
 
   [[nodiscard]] USER_TYPE user() const { return user_; }
-  // Whose token the request has brought; null with a session, and where none is needed.
+  // The token of the request; null with a session, and where neither is needed.
   [[nodiscard]] const ormel::token::Holder* token() const { return token_ ? &*token_ : nullptr; }
   // A call of a program within its own process, and not of a session.
   [[nodiscard]] bool is_local() const { return local_; }
   // The user of the session; root for such a call.
   [[nodiscard]] std::string name() const;
-  // For a route that changes something, and whose request has turned out to ask only.
+  // Called by a route that changes something when this request has not.
   void changes_nothing() const { changes_ = false; }
   [[nodiscard]] bool is_change() const { return changes_; }
   // A variable that is there and not empty.

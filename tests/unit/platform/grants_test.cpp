@@ -79,6 +79,8 @@ TEST_F(GrantsTest, NeverReplaceADamagedFile) {
        1},
       {R"({"grants":[)" + std::string(good) + R"(,{"user":"ZXZl","until":{"4":-1}}],"devices":[]})",
        1},
+      {R"({"grants":[)" + std::string(good) + R"(,{"user":"ZXZl","until":{"4":0}}],"devices":[]})",
+       1},
       {R"({"grants":[)" + std::string(good) + R"(],"devices":[{"key":"","owner":"Ym9i"}]})", 1},
   };
   for (const auto& row : rows) {

@@ -87,7 +87,8 @@ TEST(KeeperCertificates, AreLookedAtSoonAfterTheStartAndEachQuarterOfAnHour) {
   char folder[] = "/tmp/keeper-XXXXXX";
   ASSERT_NE(mkdtemp(folder), nullptr);
   const std::string tool = std::string(folder) + "/tool", calls = std::string(folder) + "/calls";
-  ASSERT_TRUE(replace_file(tool, "#!/bin/sh\necho \"$@\" >>" + calls + "\n", 0755));
+  ASSERT_TRUE(
+      replace_file(tool, "#!/bin/sh\necho \"$@\" >>" + calls + "\necho full >&2\nexit 1\n", 0755));
   const auto called = [&] {
     std::string text;
     for (int i = 0; i < 200 && text.empty(); ++i) {
@@ -99,7 +100,9 @@ TEST(KeeperCertificates, AreLookedAtSoonAfterTheStartAndEachQuarterOfAnHour) {
   };
   Certificates::Time now{1h};
   Certificates certificates{now, tool};
-  for (const auto pause : {20s, 900s}) {
+  for (const auto& [pause, said] :
+       {std::pair{20s, "fenro-keeperd: certificates: full\n"}, {900s, ""}}) {
+    testing::internal::CaptureStderr();
     certificates.tick(now + pause - 1s);
     now += pause;
     certificates.tick(now);
@@ -108,6 +111,7 @@ TEST(KeeperCertificates, AreLookedAtSoonAfterTheStartAndEachQuarterOfAnHour) {
       std::this_thread::sleep_for(10ms);
       certificates.tick(now);
     }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), said);
   }
   EXPECT_NE(access(calls.c_str(), F_OK), 0) << "no further run";
   unlink(tool.c_str());

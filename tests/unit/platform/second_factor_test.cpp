@@ -56,7 +56,7 @@ TEST(Totp, ReadsTheBase32ThatItWrites) {
     EXPECT_TRUE(totp::parse_base32(text, bytes)) << text;
     EXPECT_EQ(bytes, plain);
   }
-  for (const char* text : {"M", "MZ1", "my", "MY======", "MZ", "M Y"})
+  for (const char* text : {"A", "M", "MZ1", "my", "MY======", "MZ", "M Y"})
     EXPECT_FALSE(totp::parse_base32(text, bytes)) << text;
 }
 
@@ -133,7 +133,16 @@ TEST(SplitLogin, FindsPasswordAndCode) {
   }
 }
 
-// A profile that asks for a code outlives the second factor.
+TEST(FactorStatus, LeadsBackToItsRefusal) {
+  constexpr int FIRST = static_cast<int>(FactorRefusal::Absent);
+  constexpr int LAST = static_cast<int>(FactorRefusal::NoLibrary);
+  for (int refusal = FIRST; refusal >= LAST; --refusal)
+    EXPECT_EQ(factor_of_status(status_of_factor(refusal)), refusal);
+  EXPECT_EQ(status_of_factor(FIRST), 101);
+  for (const int other : {0, 1, 100, 109, -1}) EXPECT_EQ(factor_of_status(other), 0) << other;
+}
+
+// A profile may still ask for a code after the second factor is off.
 TEST(WithoutChallenge, LeavesThePasswordOfOneWhoHasNoCode) {
   EXPECT_EQ(without_challenge("SCRV1:" + to_base64("a:b") + ":" + to_base64("123456")), "a:b");
   EXPECT_EQ(without_challenge("SCRV1:" + to_base64("a") + ":"), "a");
@@ -242,6 +251,7 @@ TEST_F(SecondFactorsTest, OnlyRequirementsGoBack) {
 
 TEST_F(SecondFactorsTest, ABackupTakesNoneAwayAndBringsNoUsedCodeBack) {
   ASSERT_TRUE(enrol("bob") && enrol("lost"));
+  ASSERT_TRUE(store.change("lost", [](SecondFactor& factor) { return factor.required = true; }));
   const std::string backup = scratch.read("etc/totp.conf");
   EXPECT_FALSE(store.differ_from(backup));
   ASSERT_EQ(store.use("bob", code_of(std::time(nullptr))), FactorRefusal::None);
@@ -254,7 +264,10 @@ TEST_F(SecondFactorsTest, ABackupTakesNoneAwayAndBringsNoUsedCodeBack) {
   EXPECT_TRUE(store.differ_from(backup));
   ASSERT_TRUE(store.restore(backup));
   EXPECT_FALSE(store.differ_from(backup));
-  for (const char* user : {"bob", "new", "lost"}) EXPECT_EQ(state_of(user), State::On) << user;
+  for (const char* user : {"bob", "new", "lost"}) {
+    EXPECT_EQ(state_of(user), State::On) << user;
+    EXPECT_EQ(store.of(user).required, user == std::string_view("lost"));
+  }
   EXPECT_EQ(store.use("bob", code_of(std::time(nullptr))), FactorRefusal::Used);
   std::filesystem::remove(scratch.path("etc/totp.conf"));
   ASSERT_TRUE(store.restore(backup));

@@ -76,7 +76,7 @@ function Holders({ rotation }: { rotation: Rotation }) {
   )
 }
 
-// The program's own words say what is in the way.
+// The program's reason says what is wrong.
 const Refusal = ({ failure }: { failure: unknown }) =>
   failure instanceof ApiError && failure.kind === 'code' && failure.reason ? (
     <Notice tone="bad">{failure.reason}</Notice>
@@ -94,7 +94,7 @@ export function CertificatesCard({ dropped, onDone }: { dropped: number; onDone:
   const { phase } = all.rotation
   const drops = count(dropped, 'server.dropsOne', 'server.drops')
 
-  // Each change says what will happen, and whom it drops, before it begins.
+  // Each change is confirmed first, with its effect and the users whom it disconnects.
   const ask = async (
     name: string,
     question: { title: CertificateKey; text: string; action: CertificateKey; more?: string[] },

@@ -44,6 +44,7 @@ import {
   Failure,
   Icon,
   Notice,
+  SaveRow,
   Spinner,
   Tabs,
   confirm,
@@ -137,18 +138,14 @@ function EditDialog({ type, profile, start, onClose, onDone }: EditProps) {
       <form onSubmit={event => void save(event)} noValidate>
         <Fields rows={rows} form={form} />
         {live && <Notice>{t('client.editLive')}</Notice>}
-        <Failure failure={job.failure} />
-        <footer class="row end">
+        <SaveRow job={job}>
           {type === WIREGUARD_CLIENT && (
             <Button busy={job.busy === 'key'} onClick={() => void makeKey()}>
               {t('server.newKey')}
             </Button>
           )}
           <Button onClick={onClose}>{t('cancel')}</Button>
-          <Button kind="primary" submit busy={job.busy === 'save'}>
-            {t('save')}
-          </Button>
-        </footer>
+        </SaveRow>
       </form>
     </Dialog>
   )

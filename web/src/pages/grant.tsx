@@ -5,7 +5,7 @@ import { date, moment } from '../format'
 import { WIREGUARD } from '../model'
 import { all, range, required, type Rule } from '../rules'
 import { t } from '../texts'
-import { Button, Dialog, Failure, say, useJob } from '../ui'
+import { Button, Dialog, SaveRow, say, useJob } from '../ui'
 import { dayAt } from './peers'
 
 export interface Grant {
@@ -19,13 +19,13 @@ export interface Grant {
 export const dayEnd = (day: string): number =>
   day ? new Date(`${day}T23:59:59`).getTime() / 1000 : 0
 
-// The first of the ends; 0 without any.
+// The earliest end; 0 without any.
 export const firstEnd = (grant: Grant | undefined): number => {
   const ends = Object.values(grant?.until ?? {})
   return ends.length > 0 ? Math.min(...ends) : 0
 }
 
-// A date, with its time unless that is the end of the day.
+// A date, and its time unless that is the last second of the day.
 export const endWords = (end: number): string =>
   end === dayEnd(dayAt(end)) ? date(new Date(end * 1000)) : moment(end)
 
@@ -81,13 +81,9 @@ export function GrantDialog({
     <Dialog title={t('grant.title', { user })} onClose={onClose}>
       <form onSubmit={event => void save(event)} noValidate>
         <Fields rows={ROWS} form={form} />
-        <Failure failure={job.failure} />
-        <footer class="row end">
+        <SaveRow job={job}>
           <Button onClick={onClose}>{t('cancel')}</Button>
-          <Button kind="primary" submit busy={job.busy === 'save'}>
-            {t('save')}
-          </Button>
-        </footer>
+        </SaveRow>
       </form>
     </Dialog>
   )

@@ -1,6 +1,7 @@
-// The login, as a page of its own and over a page whose session has run out.
+// The login, as a page and as a dialog over a page whose session has run out.
 import { useEffect, useRef, useState } from 'preact/hooks'
 import { ApiError, callOnce } from '../api'
+import { CodeField } from '../codefield'
 import { explain } from '../errors'
 import { clock } from '../format'
 import { session } from '../session'
@@ -19,7 +20,7 @@ function wordsFor(failure: unknown): string {
   return `${what} ${advice}`.trim()
 }
 
-// Where one begins to type.
+// Focuses a field when it appears.
 function useFocus(wanted: boolean) {
   const field = useRef<HTMLInputElement>(null)
   useEffect(() => {
@@ -37,7 +38,7 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
   const userField = useFocus(fixedUser === undefined)
   const passwordField = useFocus(fixedUser !== undefined)
 
-  // The button that had the focus was off meanwhile.
+  // The button lost the focus while it was busy.
   useEffect(() => {
     if (wrong) passwordField.current?.focus()
   }, [wrong])
@@ -93,19 +94,7 @@ function LoginForm({ fixedUser }: { fixedUser?: string | undefined }) {
           />
         )}
       </Field>
-      <Field label={t('login.code')} help={t('login.codeHelp')}>
-        {ids => (
-          <input
-            {...ids}
-            name="code"
-            autocomplete="one-time-code"
-            maxLength={20}
-            spellcheck={false}
-            value={code}
-            onInput={event => setCode(event.currentTarget.value)}
-          />
-        )}
-      </Field>
+      <CodeField label={t('login.code')} help={t('login.codeHelp')} code={code} onInput={setCode} />
       {wrong && <Notice tone="bad">{wrong}</Notice>}
       <Button kind="primary" submit busy={busy}>
         {t('login.go')}
@@ -129,7 +118,7 @@ export const LoginPage = () => (
   </main>
 )
 
-// What was being done stays below, and goes on where it was.
+// The page below keeps its state and continues after the login.
 export const LoginAgain = () => (
   <Dialog title={t('login.again')}>
     <p>{t('login.expired')}</p>

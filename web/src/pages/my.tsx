@@ -1,12 +1,11 @@
-// What a user may see and do about their own access: what they may use, their profile, their devices, where they are
-// on, and how their latest logins went.
+// A user's own access: rights, profile, second factor, devices, sessions and latest logins.
 import { useState } from 'preact/hooks'
 import { SLOW, call, data, download, saveFile } from '../api'
 import { Fields, useForm, type FieldRow } from '../form'
 import { ago, duration, moment } from '../format'
+import { Handout } from '../handout'
 import { labelOf, type Connection } from '../model'
 import { usePoll } from '../poll'
-import { QrCode } from '../qr'
 import { all, atMost, required } from '../rules'
 import { t } from '../texts'
 import {
@@ -18,13 +17,13 @@ import {
   Facts,
   Failure,
   Notice,
+  SaveRow,
   Spinner,
   Table,
   confirm,
   say,
   useJob,
 } from '../ui'
-import { fileName } from '../wireguard'
 import { SecondFactor, hasNoCode, type Factor } from './secondfactor'
 import { refusalWords } from './user'
 
@@ -39,7 +38,7 @@ export interface OwnDevice {
   key: string
   address: string
   handshake: number // seconds since 1970, 0 for never
-  kept_out_since: number // 0 for a device that is not
+  kept_out_since: number // 0 for a device that may connect
 }
 interface Session extends Connection {
   id: string
@@ -139,48 +138,6 @@ interface Made {
   configuration: string
 }
 
-// The one time that the private key can be seen.
-function Handout({ made, onClose }: { made: Made; onClose: () => void }) {
-  const [kept, setKept] = useState(false)
-  const close = async () => {
-    const yes =
-      kept ||
-      (await confirm({
-        title: t('peer.unkept'),
-        text: t('my.unkeptText'),
-        action: t('peer.close'),
-        danger: true,
-      }))
-    if (yes) onClose()
-  }
-  return (
-    <Dialog title={t('peer.device', { name: made.name })} onClose={() => void close()} wide>
-      <Notice>{t('peer.once')}</Notice>
-      <div class="device">
-        <QrCode text={made.configuration} label={t('peer.qr')} />
-        <div>
-          <pre tabIndex={0} aria-label={t('peer.file')}>
-            {made.configuration}
-          </pre>
-          <div class="row">
-            <Button
-              kind="primary"
-              icon="download"
-              onClick={() => {
-                saveFile(fileName(made.name), new Blob([made.configuration]))
-                setKept(true)
-              }}
-            >
-              {t('peer.file')}
-            </Button>
-            <Button onClick={onClose}>{t('peer.done')}</Button>
-          </div>
-        </div>
-      </div>
-    </Dialog>
-  )
-}
-
 const NEW: readonly FieldRow[] = [
   { name: 'name', label: 'name', rule: all(required, atMost(60)), help: 'my.nameHelp' },
   { name: 'all', label: 'peer.everything', kind: 'switch' },
@@ -193,7 +150,7 @@ function AddDialog({ onClose, onMade }: { onClose: () => void; onMade: (made: Ma
     event.preventDefault()
     if (!form.check()) return
     const name = String(form.values['name'])
-    await job.run('add', async () => {
+    await job.run('save', async () => {
       const made = await data<{ configuration: string }>('my/device_add', {
         name,
         all: form.values['all'] ? '1' : '0',
@@ -205,13 +162,9 @@ function AddDialog({ onClose, onMade }: { onClose: () => void; onMade: (made: Ma
     <Dialog title={t('peer.add')} onClose={onClose}>
       <form onSubmit={event => void add(event)} noValidate>
         <Fields rows={NEW} form={form} />
-        <Failure failure={job.failure} />
-        <footer class="row end">
+        <SaveRow job={job} action={t('peer.add')}>
           <Button onClick={onClose}>{t('cancel')}</Button>
-          <Button kind="primary" submit busy={job.busy === 'add'}>
-            {t('peer.add')}
-          </Button>
-        </footer>
+        </SaveRow>
       </form>
     </Dialog>
   )
@@ -284,7 +237,14 @@ function Devices({ mine, onChanged }: { mine: Mine; onChanged: () => void }) {
           onMade={next => (setAdding(false), setMade(next), onChanged())}
         />
       )}
-      {made && <Handout made={made} onClose={() => setMade(null)} />}
+      {made && (
+        <Handout
+          name={made.name}
+          text={made.configuration}
+          unkept={t('my.unkeptText')}
+          onClose={() => setMade(null)}
+        />
+      )}
     </Card>
   )
 }

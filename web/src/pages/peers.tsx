@@ -2,13 +2,13 @@
 import type { ComponentChildren } from 'preact'
 import { useState } from 'preact/hooks'
 import { PublicAddress, publicAddress } from '../address'
-import { call, data, saveFile } from '../api'
+import { call, data } from '../api'
 import { Fields, sent, useForm, type FieldRow, type Values } from '../form'
 import { bytes, bytesOf, date, decodeName } from '../format'
+import { Handout } from '../handout'
 import { List, usual, type ShownColumn, type ShownFilter } from '../list'
 import { handshakeAge, handshakeWords, isLive, type Peer, type ServerProfile } from '../model'
 import { usePoll } from '../poll'
-import { QrCode } from '../qr'
 import {
   address,
   all,
@@ -21,8 +21,20 @@ import {
   required,
 } from '../rules'
 import { t } from '../texts'
-import { Badge, Button, Card, Dialog, Failure, Notice, Switch, confirm, say, useJob } from '../ui'
-import { deviceConfig, fileName } from '../wireguard'
+import {
+  Badge,
+  Button,
+  Card,
+  Dialog,
+  Failure,
+  Notice,
+  SaveRow,
+  Switch,
+  confirm,
+  say,
+  useJob,
+} from '../ui'
+import { deviceConfig } from '../wireguard'
 
 const PAUSE = 10_000
 const OWN_KEY = (values: Values) => values['own_key'] === true
@@ -121,51 +133,18 @@ export function DeviceDialog({
       : `${String(profile['server_ip'])}/${String(profile['server_mask'])}`,
     dns: profile['enable_dns'] ? String(profile['manual_dns']) : '',
   })
-  const [kept, setKept] = useState(!device.privateKey)
-  const close = async () => {
-    const yes =
-      kept ||
-      (await confirm({
-        title: t('peer.unkept'),
-        text: t('peer.unkeptText'),
-        action: t('peer.close'),
-        danger: true,
-      }))
-    if (yes) onClose()
-  }
-  const copy = async () => {
-    await navigator.clipboard.writeText(text)
-    setKept(true)
-    say('peer.copied')
-  }
   return (
-    <Dialog title={t('peer.device', { name: device.name })} onClose={() => void close()} wide>
-      <Notice>{t('peer.once')}</Notice>
-      <div class="device">
-        <QrCode text={text} label={t('peer.qr')} />
-        <div>
-          <PublicAddress />
-          <Switch label={t('peer.everything')} on={everything} onChange={setEverything} />
-          <pre tabIndex={0} aria-label={t('peer.file')}>
-            {text}
-          </pre>
-          <div class="row">
-            <Button
-              kind="primary"
-              icon="download"
-              onClick={() => {
-                saveFile(fileName(device.name), new Blob([text]))
-                setKept(true)
-              }}
-            >
-              {t('peer.file')}
-            </Button>
-            <Button onClick={() => void copy()}>{t('peer.copy')}</Button>
-            <Button onClick={onClose}>{t('peer.done')}</Button>
-          </div>
-        </div>
-      </div>
-    </Dialog>
+    <Handout
+      name={device.name}
+      text={text}
+      once={device.privateKey !== ''}
+      unkept={t('peer.unkeptText')}
+      copies
+      onClose={onClose}
+    >
+      <PublicAddress />
+      <Switch label={t('peer.everything')} on={everything} onChange={setEverything} />
+    </Handout>
   )
 }
 
@@ -244,13 +223,9 @@ function PeerDialog({ profile, peers, peer, since, onClose, onDone }: PeerDialog
     <Dialog title={t(peer ? 'peer.edit' : 'peer.add')} onClose={onClose}>
       <form onSubmit={event => void save(event)} noValidate>
         <Fields rows={rows} form={form} />
-        <Failure failure={job.failure} />
-        <footer class="row end">
+        <SaveRow job={job} action={t(peer ? 'save' : 'peer.add')}>
           <Button onClick={onClose}>{t('cancel')}</Button>
-          <Button kind="primary" submit busy={job.busy === 'save'}>
-            {t(peer ? 'save' : 'peer.add')}
-          </Button>
-        </footer>
+        </SaveRow>
       </form>
     </Dialog>
   )

@@ -1,11 +1,13 @@
-// The second factor of one's own logins: set up with an authenticator app, recovery codes, and how to switch it off.
+// A user's own second factor: set-up with an authenticator app, recovery codes, and switching it off.
 import { useState } from 'preact/hooks'
 import { call, data, saveFile } from '../api'
+import { CodeField } from '../codefield'
 import { labelOf } from '../model'
 import { QrCode } from '../qr'
+import { useKept } from '../secretonce'
 import { session } from '../session'
 import { t } from '../texts'
-import { Button, Card, Dialog, Failure, Field, Notice, confirm, say, useJob } from '../ui'
+import { Button, Card, Dialog, Failure, Notice, say, useJob } from '../ui'
 
 export interface Factor {
   state: 'off' | 'pending' | 'on' | 'damaged'
@@ -17,10 +19,10 @@ const PPTP = 1
 const L2TP = 2
 const FEW = 3 // recovery codes
 
-// Whose logins have no place for a code.
+// Protocols whose logins cannot carry a code.
 export const hasNoCode = (type: number): boolean => type === PPTP || type === L2TP
 
-// In groups of four, as one types it.
+// In groups of four, for typing.
 export const grouped = (secret: string): string => secret.replace(/(.{4})(?=.)/g, '$1 ')
 
 export const isCode = (text: string): boolean => {
@@ -28,46 +30,21 @@ export const isCode = (text: string): boolean => {
   return /^[0-9]{6}$/.test(plain) || /^[a-z2-7]{4}-[a-z2-7]{4}-[a-z2-7]{4}$/i.test(plain)
 }
 
-function CodeField({ code, onInput }: { code: string; onInput: (code: string) => void }) {
-  return (
-    <Field label={t('factor.code')}>
-      {ids => (
-        <input
-          {...ids}
-          name="code"
-          autocomplete="one-time-code"
-          maxLength={20}
-          spellcheck={false}
-          value={code}
-          onInput={event => onInput(event.currentTarget.value)}
-        />
-      )}
-    </Field>
-  )
-}
-
-// The one time that the codes can be seen.
+// The codes cannot be shown again.
 function Recovery({ codes, onClose }: { codes: readonly string[]; onClose: () => void }) {
-  const [kept, setKept] = useState(false)
   const text = codes.join('\n') + '\n'
-  const close = async () => {
-    const yes =
-      kept ||
-      (await confirm({
-        title: t('factor.unkept'),
-        text: t('factor.unkeptText'),
-        action: t('peer.close'),
-        danger: true,
-      }))
-    if (yes) onClose()
-  }
+  const { keep, close } = useKept({
+    title: t('factor.unkept'),
+    text: t('factor.unkeptText'),
+    onClose,
+  })
   const copy = () =>
     navigator.clipboard.writeText(text).then(
-      () => (setKept(true), say('peer.copied')),
+      () => (keep(), say('peer.copied')),
       () => say('factor.notCopied'),
     )
   return (
-    <Dialog title={t('factor.recovery')} onClose={() => void close()}>
+    <Dialog title={t('factor.recovery')} onClose={close}>
       <Notice tone="good">
         <strong>{t('factor.isOn')}</strong>
         <span>{t('factor.recoveryText')}</span>
@@ -77,14 +54,14 @@ function Recovery({ codes, onClose }: { codes: readonly string[]; onClose: () =>
       </pre>
       <div class="row">
         <Button onClick={() => void copy()}>{t('peer.copy')}</Button>
-        <Button onClick={() => (window.print(), setKept(true))}>{t('factor.print')}</Button>
+        <Button onClick={() => (window.print(), keep())}>{t('factor.print')}</Button>
         <Button
           icon="download"
-          onClick={() => (saveFile('recovery-codes.txt', new Blob([text])), setKept(true))}
+          onClick={() => (saveFile('recovery-codes.txt', new Blob([text])), keep())}
         >
           {t('factor.file')}
         </Button>
-        <Button kind="primary" onClick={() => void close()}>
+        <Button kind="primary" onClick={close}>
           {t('peer.done')}
         </Button>
       </div>
@@ -121,7 +98,7 @@ function SetUp({ begun, onDone }: { begun: Begun; onDone: (codes: string[]) => v
           <pre tabIndex={0} aria-label={t('factor.secret')}>
             {grouped(begun.secret)}
           </pre>
-          <CodeField code={code} onInput={setCode} />
+          <CodeField label={t('factor.code')} code={code} onInput={setCode} />
           <Failure failure={job.failure} />
           <Button kind="primary" submit busy={job.busy !== ''} disabled={!isCode(code)}>
             {t('factor.confirm')}
@@ -132,7 +109,7 @@ function SetUp({ begun, onDone }: { begun: Begun; onDone: (codes: string[]) => v
   )
 }
 
-// Sets one up from the first button to the recovery codes.
+// The whole set-up, from its button to the recovery codes.
 function Enrol({ onBegin, onDone }: { onBegin?: () => void; onDone: () => void }) {
   const [begun, setBegun] = useState<Begun | null>(null)
   const [codes, setCodes] = useState<string[] | null>(null)
@@ -169,7 +146,7 @@ function SwitchOff({ onDone }: { onDone: () => void }) {
   return (
     <form onSubmit={event => void send(event)}>
       <p class="help">{t('factor.offHelp')}</p>
-      <CodeField code={code} onInput={setCode} />
+      <CodeField label={t('factor.code')} code={code} onInput={setCode} />
       <Failure failure={job.failure} />
       <Button kind="danger" submit busy={job.busy !== ''} disabled={!isCode(code)}>
         {t('factor.off')}
@@ -178,7 +155,7 @@ function SwitchOff({ onDone }: { onDone: () => void }) {
   )
 }
 
-// Whether the session is good for the set-up alone.
+// Notes whether the session may only set up a second factor.
 function mustEnrol(enrol: boolean): void {
   const login = session.login.peek()
   if (login) session.begin({ ...login, enrol: enrol || undefined })
@@ -193,7 +170,7 @@ export function SecondFactor({
   without: readonly number[] // servers of this user that cannot ask for a code
   onChanged: () => void
 }) {
-  // An answer that comes during the set-up must not take it away.
+  // A poll during the set-up must not remove it from the page.
   const [enrolling, setEnrolling] = useState(false)
   const on = factor.state === 'on' && !enrolling
   return (
@@ -224,7 +201,7 @@ export function SecondFactor({
   )
 }
 
-// All that a user sees who has to set one up first.
+// The only page of a user who must first set one up.
 export function EnrolPage() {
   return (
     <main class="front">

@@ -33,7 +33,7 @@ interface Token {
 }
 
 const PAUSE = 30_000
-const SOON = 14 // days before its end that a token is marked
+const SOON = 14 // days before its end, from which on a token is marked
 
 const rows: readonly FieldRow[] = [
   { name: 'name', label: 'name', rule: tokenName, help: 'token.nameHelp' },

@@ -1,13 +1,13 @@
-// What the card of certificates says, in all languages. It is loaded with the card, as most visitors never see it.
+// The texts of the card of certificates, in all languages. Loaded with the card, since few visitors see it.
 import { fill, language } from '../texts'
 
 const english = {
   cancel: 'Forget the new authority',
-  cancelText: 'Profiles that were downloaded in the meantime go on working.',
+  cancelText: 'Profiles that were downloaded in the meantime remain valid.',
   cancelTitle: 'Forget the new authority?',
   change: 'Change over now',
   changeText:
-    'The server restarts with a certificate by the new authority. Users with an older profile cannot connect any more. A change-over cannot be cancelled.',
+    'The server restarts with a certificate of the new authority. Users with an older profile can no longer connect. A change-over cannot be cancelled.',
   changeTitle: 'Let the new authority sign now?',
   changed: 'The new authority signs. The old one is forgotten on {date}.',
   changing: 'The change-over was interrupted. Finish it now.',
@@ -15,7 +15,7 @@ const english = {
   days: '{n} days',
   early: 'not before {date}',
   end: 'End the rotation',
-  endText: 'Profiles that are downloaded from now on trust the new authority alone.',
+  endText: 'Profiles that are downloaded from now on trust only the new authority.',
   endTitle: 'Forget the old authority?',
   endless: 'without an end',
   help: "The server's certificate is renewed automatically at night while nobody is connected, and no profile changes. The authority is not: replace it in good time.",
@@ -24,15 +24,15 @@ const english = {
   left: 'Left',
   noHolders: 'Nobody is known to have an older profile.',
   noLogin: 'no login known',
-  none: 'Nothing here has a certificate yet.',
+  none: 'There are no certificates yet.',
   note: 'Note',
   over: 'ended',
   time: 'Time for the new profiles',
-  overlap: 'A new authority is ready and signs from {date}. Hand out new profiles until then.',
+  overlap: 'A new authority is ready and signs from {date}. Distribute new profiles until then.',
   timeHelp: 'How long both authorities are trusted before the new one signs.',
   renew: 'Renew now',
   renewText:
-    'The server restarts with a new certificate by the same authority. No profile changes.',
+    'The server restarts with a new certificate of the same authority. No profile changes.',
   renewTitle: "Renew the server's certificate?",
   renewedFrom: 'renewed from {date}',
   rotate: 'Replace the authority',

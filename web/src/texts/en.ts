@@ -728,7 +728,7 @@ export default {
   'kind.gateway': "Another tunnel, or this host's own route, is the default gateway now",
   'kind.guard': 'The guard holds traffic back, or its filter was removed by another program',
   'kind.locked': 'A user is locked for wrong passwords',
-  'kind.access': 'The access of a user for a time has ended',
+  'kind.access': 'The temporary access of a user has ended',
   'kind.daemon': 'A daemon of the service does not answer, or answers again',
   'kind.certificate': 'A certificate ends soon or has ended, or was renewed',
   'kind.disk': 'A disk is nearly full, or has space again',
@@ -741,7 +741,7 @@ export default {
   'token.admin': 'Everything but tokens and backups',
   'token.by': 'Made by',
   'token.days': '{n} days',
-  'token.ended': 'not valid any more',
+  'token.ended': 'expired',
   'token.help':
     'Another program uses this appliance with a token instead of a login, in the header “Authorization: Bearer …”. A monitoring system reads /ormel/metrics; /ormel/openapi describes all routes.',
   'token.made': 'The new token',
@@ -875,13 +875,13 @@ export default {
   'refused.the-required-second-factor-is-not-set-up-code-not-set-up-':
     'A second factor is required, but not set up.',
   'refused.the-user-s-second-factor-in-totp-conf-is-damaged-code-damaged-':
-    'What is stored of the second factor is damaged.',
+    'The stored second factor is damaged.',
   'refused.totp-conf-cannot-be-written-code-not-written-':
     'The second factor code could not be marked as used.',
   'refused.libcrypto-so-cannot-be-loaded-code-not-computed-':
     'Second factor codes cannot be computed on this appliance.',
   'refused.a-second-factor-is-required-which-ms-chap-cannot-carry':
-    'A second factor is required, for which PPTP and L2TP have no place.',
+    'A second factor is required, which PPTP and L2TP cannot carry.',
   'my.profileCode':
     'For the OpenVPN app, which asks for the code of your second factor. Earlier profiles do not: type the code right after the password there.',
   'factor.title': 'Second factor',
@@ -912,11 +912,11 @@ export default {
   'factor.notCopied': 'The browser did not allow copying. Select the codes by hand.',
   'factor.few': 'Recovery codes left: {n}. Switch the second factor off and on again for new ones.',
   'factor.without':
-    '{servers}: you may still log in there by password alone, as these protocols have no place for a code.',
+    '{servers}: you may still log in there by password alone, as these protocols cannot carry a code.',
   'factor.off': 'Switch off',
   'factor.offHelp': 'To switch it off, type a code of the app or a recovery code.',
   'factor.damaged':
-    'What is stored of your second factor is damaged, so that your logins are refused. Ask an administrator to reset it.',
+    'Your stored second factor is damaged, so your logins are refused. Ask an administrator to reset it.',
   'certRole.authority': 'OpenVPN authority',
   'certRole.authority-next': 'OpenVPN authority, next',
   'certRole.authority-old': 'OpenVPN authority, old',

@@ -79,7 +79,7 @@ class ClientConfig : public config::DriverClient {
 
   explicit ClientConfig(int slot) : DriverClient(OVPN_CLIENT_TYPE, slot) {}
 
-  // Makes a profile without a server, and tells nobody of it: a working profile is imported.
+  // Makes a profile without a server and announces nothing: a working profile is imported.
   int add(int slot) override;
   // Makes the profile from the foreign one at `file`. A list of revoked certificates that was moved
   // into place before a refusal stays there.

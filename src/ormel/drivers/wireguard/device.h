@@ -34,7 +34,7 @@ struct Device {
   bool all = false;   // all traffic goes through the tunnel, not only that of the server's network
 };
 
-// The file for the device. Its private key is in no other place.
+// The configuration file of the device, and the only place of its private key.
 [[nodiscard]] std::string configuration(const Hub& hub, const Device& device);
 
 }  // namespace ormel::wireguard
