@@ -1,7 +1,6 @@
 // The tokens of other programs, and the description of all routes that they read.
 #include "ormel/actions/token.h"
 
-#include <cstdlib>
 #include <memory>
 
 #include "base/utf8.h"
@@ -41,12 +40,11 @@ Outcome list(const Request&, JsonValue& reply) {
 }
 
 Outcome add(const Request& request, JsonValue& reply) {
-  const int64_t life = request.filled("seconds")
-                           ? std::strtoll(request.value("seconds"), nullptr, 10)
-                           : ormel::token::DEFAULT_LIFE;
+  const auto life = request.whole("seconds", ormel::token::DEFAULT_LIFE);
+  if (!life) return {ERR_VALUE, "seconds is a whole number"};
   Token made;
   std::string text;
-  const Verdict verdict = ormel::token::add(request.value("name"), request.value("scope"), life,
+  const Verdict verdict = ormel::token::add(request.value("name"), request.value("scope"), *life,
                                             origin_of(request, "").user, made, text);
   if (verdict.code != NO_ERROR) return {verdict.code, verdict.reason};
   JsonValue& data = reply["data"];
