@@ -182,6 +182,38 @@ TEST_F(Monitoring, LeavesNoTokenInAChildInALogOrInTheTrail) {
   EXPECT_EQ(found.out, "");
 }
 
+TEST_F(Monitoring, RefusesTheTokensOfWhoeverIsNoAdministratorAnyMore) {
+  const auto made = [this](const char* name) {
+    const std::string body = cgi("/ormel/token/add", admin + "&name=" + name + "&scope=admin").body;
+    const ormel::Json reply{json_loads(body.c_str(), 0, nullptr)};
+    const json_t* const data = json_object_get(reply.get(), "data");
+    const char* const text = json_string_value(json_object_get(data, "token"));
+    return bearer(text ? text : body);
+  };
+  const std::string theirs = made("theirs"), ours = bearer(token_of("admin"));
+  const auto code = [](const std::string& token) {
+    const ormel::Json reply{
+        json_loads(cgi("/ormel/status/list", "", {token}).body.c_str(), 0, nullptr)};
+    return json_integer_value(json_object_get(reply.get(), "error"));
+  };
+  constexpr json_int_t good = 0, refused = ormel::ERR_SESSION_FAIL;
+  EXPECT_EQ(code(theirs), good);
+  EXPECT_EQ(code(ours), good);
+  support::make_empty_folder("/var/lib/ormel/audit");
+  ASSERT_EQ(run({"/usr/bin/gpasswd", "-d", "admin", "administrators"}).status, 0);
+  EXPECT_EQ(code(theirs), refused);
+  EXPECT_EQ(code(ours), good) << "which depends on nobody";
+  EXPECT_THAT(ctl({"token", "list"}).out,
+              ContainsRegex("theirs .* refused: its maker is no administrator +admin\n"));
+  const std::string events = ctl({"log", "events"}).out;
+  const size_t said = events.find("The token theirs is refused: admin, who has made it");
+  EXPECT_NE(said, std::string::npos) << events;
+  EXPECT_EQ(said, events.rfind("The token theirs is refused"));
+  EXPECT_THAT(ctl({"audit"}).out, HasSubstr("token:theirs  web"));
+  ASSERT_EQ(run({"/usr/bin/gpasswd", "-a", "admin", "administrators"}).status, 0);
+  EXPECT_EQ(code(theirs), good);
+}
+
 TEST_F(Monitoring, PromisesNoWayBackForATokenThatWouldNotGo) {
   for (const std::vector<std::string>& care :
        {std::vector<std::string>{"--confirm", "90s"}, {"--dry-run"}}) {

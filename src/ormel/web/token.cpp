@@ -1,6 +1,7 @@
 // The tokens of other programs, and the description of all routes that they read.
 #include "ormel/actions/token.h"
 
+#include <ctime>
 #include <memory>
 
 #include "base/utf8.h"
@@ -24,6 +25,7 @@ void show(const Token& token, JsonValue& out) {
   out["expires"] = token.expires;
   out["used"] = token.used;
   out["from"] = fenro::valid_utf8(token.from);
+  out["state"] = name_of(state_of(token, std::time(nullptr)));
 }
 
 Outcome list(const Request&, JsonValue& reply) {
