@@ -46,6 +46,30 @@ function CodeField({ code, onInput }: { code: string; onInput: (code: string) =>
   )
 }
 
+function PasswordField({
+  password,
+  onInput,
+}: {
+  password: string
+  onInput: (text: string) => void
+}) {
+  return (
+    <Field label={t('factor.password')}>
+      {ids => (
+        <input
+          {...ids}
+          name="password"
+          type="password"
+          autocomplete="current-password"
+          required
+          value={password}
+          onInput={event => onInput(event.currentTarget.value)}
+        />
+      )}
+    </Field>
+  )
+}
+
 // The one time that the codes can be seen.
 function Recovery({ codes, onClose }: { codes: readonly string[]; onClose: () => void }) {
   const [kept, setKept] = useState(false)
@@ -132,46 +156,68 @@ function SetUp({ begun, onDone }: { begun: Begun; onDone: (codes: string[]) => v
   )
 }
 
-// Sets one up from the first button to the recovery codes.
-function Enrol({ onBegin, onDone }: { onBegin?: () => void; onDone: () => void }) {
+// Sets one up from the password to the recovery codes. A session that is good for this alone has just been begun with
+// the password.
+function Enrol({
+  byPassword,
+  onBegin,
+  onDone,
+}: {
+  byPassword: boolean
+  onBegin?: () => void
+  onDone: () => void
+}) {
   const [begun, setBegun] = useState<Begun | null>(null)
   const [codes, setCodes] = useState<string[] | null>(null)
+  const [password, setPassword] = useState('')
   const job = useJob()
-  const begin = () =>
-    job.run('begin', async () => {
-      setBegun(await data<Begun>('my/totp_begin'))
+  const begin = async (event: Event) => {
+    event.preventDefault()
+    await job.run('begin', async () => {
+      setBegun(await data<Begun>('my/totp_begin', byPassword ? { password } : {}))
       onBegin?.()
     })
+    setPassword('')
+  }
   if (codes) return <Recovery codes={codes} onClose={onDone} />
   if (begun) return <SetUp begun={begun} onDone={setCodes} />
   return (
-    <>
+    <form onSubmit={event => void begin(event)}>
+      {byPassword && <PasswordField password={password} onInput={setPassword} />}
       <Failure failure={job.failure} />
-      <Button kind="primary" busy={job.busy !== ''} onClick={() => void begin()}>
+      <Button kind="primary" submit busy={job.busy !== ''} disabled={byPassword && password === ''}>
         {t('factor.begin')}
       </Button>
-    </>
+    </form>
   )
 }
 
 function SwitchOff({ onDone }: { onDone: () => void }) {
+  const [password, setPassword] = useState('')
   const [code, setCode] = useState('')
   const job = useJob()
   const send = async (event: Event) => {
     event.preventDefault()
     await job.run('off', async () => {
-      await call('my/totp_off', { code })
+      await call('my/totp_off', { password, code })
       say('factor.isOff')
       onDone()
     })
+    setPassword('')
     setCode('')
   }
   return (
     <form onSubmit={event => void send(event)}>
       <p class="help">{t('factor.offHelp')}</p>
+      <PasswordField password={password} onInput={setPassword} />
       <CodeField code={code} onInput={setCode} />
       <Failure failure={job.failure} />
-      <Button kind="danger" submit busy={job.busy !== ''} disabled={!isCode(code)}>
+      <Button
+        kind="danger"
+        submit
+        busy={job.busy !== ''}
+        disabled={!isCode(code) || password === ''}
+      >
         {t('factor.off')}
       </Button>
     </form>
@@ -216,6 +262,7 @@ export function SecondFactor({
       {on && <SwitchOff onDone={factor.required ? () => mustEnrol(true) : onChanged} />}
       {!on && factor.state !== 'damaged' && (
         <Enrol
+          byPassword
           onBegin={() => setEnrolling(true)}
           onDone={() => (setEnrolling(false), onChanged())}
         />
@@ -231,7 +278,7 @@ export function EnrolPage() {
       <div class="card">
         <h1>{t('factor.title')}</h1>
         <Notice>{t('factor.required')}</Notice>
-        <Enrol onDone={() => mustEnrol(false)} />
+        <Enrol byPassword={false} onDone={() => mustEnrol(false)} />
         <p class="row end">
           <button type="button" class="link" onClick={() => session.end()}>
             {t('login.other')}

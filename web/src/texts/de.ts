@@ -863,6 +863,7 @@ const german: Catalogue = {
 
   'refused.the-right-to-use-this-server-has-ended':
     'Das Recht, diesen Server zu benutzen, ist abgelaufen.',
+  'do.password': 'Das Passwort ist falsch.',
   'do.access': 'Das Gerät erlaubt das Ihrem Konto nicht.',
   'nav.my': 'Mein Zugang',
   'my.access': 'Was ich benutzen darf',
@@ -937,6 +938,7 @@ const german: Catalogue = {
   'factor.type': 'Geben Sie innerhalb von zehn Minuten den Code ein, den die App zeigt.',
   'factor.qr': 'QR-Code des Geheimnisses',
   'factor.secret': 'Das Geheimnis',
+  'factor.password': 'Ihr Passwort',
   'factor.code': 'Code',
   'factor.confirm': 'Bestätigen',
   'factor.isOn': 'Der zweite Faktor ist eingeschaltet.',
@@ -958,7 +960,8 @@ const german: Catalogue = {
   'factor.without':
     '{servers}: Dort dürfen Sie sich weiter allein mit dem Passwort anmelden, weil diese Protokolle keinen Platz für einen Code haben.',
   'factor.off': 'Ausschalten',
-  'factor.offHelp': 'Geben Sie zum Ausschalten einen Code der App oder einen Ersatzcode ein.',
+  'factor.offHelp':
+    'Geben Sie zum Ausschalten Ihr Passwort ein, und einen Code der App oder einen Ersatzcode.',
   'factor.damaged':
     'Was von Ihrem zweiten Faktor gespeichert ist, ist beschädigt; Ihre Anmeldungen werden abgelehnt. Bitten Sie einen Administrator, ihn zurückzusetzen.',
   'certRole.authority': 'OpenVPN-Zertifizierungsstelle',

@@ -826,6 +826,7 @@ export default {
   'backup.wrong': 'The passphrase is wrong, or the file was changed.',
 
   'refused.the-right-to-use-this-server-has-ended': 'The right to use this server has ended.',
+  'do.password': 'The password is wrong.',
   'do.access': 'The appliance does not allow this for your account.',
   'nav.my': 'My access',
   'my.access': 'What I may use',
@@ -897,6 +898,7 @@ export default {
   'factor.type': 'Within ten minutes, type the code that the app shows.',
   'factor.qr': 'QR code of the secret',
   'factor.secret': 'The secret',
+  'factor.password': 'Your password',
   'factor.code': 'Code',
   'factor.confirm': 'Confirm',
   'factor.isOn': 'The second factor is on.',
@@ -916,7 +918,8 @@ export default {
   'factor.without':
     '{servers}: you may still log in there by password alone, as these protocols have no place for a code.',
   'factor.off': 'Switch off',
-  'factor.offHelp': 'To switch it off, type a code of the app or a recovery code.',
+  'factor.offHelp':
+    'To switch it off, type your password, and a code of the app or a recovery code.',
   'factor.damaged':
     'What is stored of your second factor is damaged, so that your logins are refused. Ask an administrator to reset it.',
   'certRole.authority': 'OpenVPN authority',
