@@ -261,7 +261,9 @@ Result user_list(const Arguments& arguments) {
   Result result = done("", std::move(rows), USER_COLUMNS);
   if (!failures)
     result.note = "the log database does not answer: LAST LOGIN and FAILED are not known";
-  if (book.damaged) result.note = "grants.json is damaged: UNTIL may lack dates";
+  if (book.damaged)
+    result.note = book.is_copy ? "grants.json is damaged: UNTIL is that of its last good copy"
+                               : "grants.json is damaged: UNTIL may lack dates";
   return result;
 }
 

@@ -126,6 +126,37 @@ TEST_F(Monitoring, NamesProfilesAsTheyAreCalledWhateverThatIs) {
   EXPECT_TRUE(found.samples.count(R"re(ormel_tunnel_up{protocol="pptp",profile="twice/4"})re"));
 }
 
+TEST_F(Monitoring, SaysThatSettingsCannotBeReadInsteadOfThatAllIsOff) {
+  constexpr const char* READABLE = "ormel_config_readable";
+  const std::string good = read(VPN_CONF);
+  EXPECT_EQ(figures().samples.at(READABLE), 1);
+  const struct {
+    const char *command, *said;
+  } rows[] = {{"mkdir $F", "is a folder"},
+              {"mkfifo $F", "is not a regular file"},
+              {"ln -s $F $F", "cannot be read: Too many levels"},
+              {"printf '[PPTP]\\0' >$F", "holds binary data"},
+              {"echo PPTP >$F", "has no section"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.said);
+    fs::remove_all(VPN_CONF);
+    run({"/bin/sh", "-c", row.command}, {std::string("F=") + VPN_CONF, "PATH=/usr/bin:/bin"});
+    const Result status = ctl({"status"}), one = ctl({"status", "pptp", "--check", "off"});
+    EXPECT_EQ(status.status, 1);
+    EXPECT_EQ(one.status, 1);
+    EXPECT_THAT(status.err, HasSubstr(row.said));
+    EXPECT_THAT(status.err, HasSubstr("ormelctl restore FILE"));
+    EXPECT_THAT(ctl({"doctor"}).out, HasSubstr(row.said));
+    const Exposition found = figures();
+    EXPECT_EQ(found.samples.at(READABLE), 0);
+    EXPECT_FALSE(found.has("ormel_server_up") || found.has("ormel_tunnel_up"));
+  }
+  fs::remove_all(VPN_CONF);
+  EXPECT_EQ(figures().samples.at(READABLE), 1) << "a new host has no settings";
+  write(VPN_CONF, good);
+  EXPECT_TRUE(figures().has("ormel_server_up"));
+}
+
 TEST_F(Monitoring, WritesAFileAsAWholeOrNotAtAll) {
   write("/tmp/ormel.prom", "old");
   EXPECT_EQ(ctl({"metrics", "--textfile", "/tmp/ormel.prom"}).status, 0);
