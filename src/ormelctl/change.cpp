@@ -146,7 +146,11 @@ Result undo(const Arguments& arguments) {
                         (affected.empty() ? "" : " (" + affected + ")");
   if (same) message = "nothing has changed since " + moment_text(number_of(data, "time"));
   ormel::Json copy{json_deep_copy(data)};
-  if (failures.empty()) return done(std::move(message), std::move(copy));
+  if (failures.empty()) {
+    Result result = done(std::move(message), std::move(copy));
+    result.note = text_of(data, "kept");
+    return result;
+  }
   Result result = failed(Exit::Failed, message + ", but this failed: " + failures,
                          "ormelctl status shows what does not run, and why");
   result.data = std::move(copy);
