@@ -21,6 +21,7 @@ namespace {
 
 constexpr auto LONGEST_WAIT = std::chrono::seconds(10);
 constexpr auto PAUSE = std::chrono::milliseconds(20);
+constexpr const char* COPY = ".good";
 
 std::string folder_of(const std::string& path) {
   return path.substr(0, path.rfind('/'));
@@ -73,6 +74,16 @@ bool take_rows(const json_t* list, bool (*take)(const json_t*, Row&), std::vecto
     }
   }
   return whole;
+}
+
+// What a text says; damaged where it is not whole.
+GrantBook parse(const std::string& text) {
+  GrantBook book;
+  const Json root{json_loadb(text.data(), text.size(), 0, nullptr)};
+  const bool grants = take_rows(json_object_get(root.get(), "grants"), take_grant, book.grants);
+  const bool devices = take_rows(json_object_get(root.get(), "devices"), take_device, book.devices);
+  book.damaged = !grants || !devices;
+  return book;
 }
 
 Json grant_row(const Grant& grant) {
@@ -158,15 +169,26 @@ bool has_grants(const char* file) {
 }
 
 GrantBook read_grants(const std::string& file) {
-  GrantBook book;
   std::string text;
   const int failure = read_file(file.c_str(), text);
-  if (failure == ENOENT) return book;
-  const Json root{json_loadb(text.data(), text.size(), 0, nullptr)};
-  const bool grants = take_rows(json_object_get(root.get(), "grants"), take_grant, book.grants);
-  const bool devices = take_rows(json_object_get(root.get(), "devices"), take_device, book.devices);
-  book.damaged = failure != 0 || !grants || !devices;
-  return book;
+  if (failure == ENOENT) return {};
+  GrantBook book = parse(text);
+  book.damaged = book.damaged || failure != 0;
+  if (!book.damaged || read_file((file + COPY).c_str(), text) != 0) return book;
+  GrantBook copy = parse(text);
+  if (copy.damaged) return book;
+  copy.damaged = copy.is_copy = true;
+  return copy;
+}
+
+bool keep_good_copy(const std::string& file) {
+  const std::string copy = file + COPY;
+  std::string text, kept;
+  const int failure = read_file(file.c_str(), text);
+  if (failure == ENOENT) return unlink(copy.c_str()) == 0 || errno == ENOENT;
+  if (failure != 0 || parse(text).damaged) return true;
+  const bool same = read_file(copy.c_str(), kept) == 0 && kept == text;
+  return same || replace_file(copy, text, PRIVATE_FILE);
 }
 
 bool has_ended(std::string_view user, std::uint32_t server, const std::string& file,

@@ -7,8 +7,9 @@
 // server as the bit of its type in decimal digits, and SECONDS since the epoch. A right without a
 // date has no end. Writers replace the file as a whole under a lock, so readers need none.
 //
-// A missing file means no end dates and no devices. A damaged file is never replaced; its readable
-// entries count.
+// A missing file means no end dates and no devices. A damaged file is never replaced: the last good
+// copy of it, grants.json.good, counts until somebody has repaired the file. Without a copy the
+// readable entries of the damaged file count. The keeper makes the copy after each change.
 #pragma once
 
 #include <cstdint>
@@ -43,6 +44,7 @@ struct GrantBook {
   std::vector<Grant> grants{};
   std::vector<OwnedDevice> devices{};
   bool damaged = false;
+  bool is_copy = false;  // the file is damaged, and this is its last good copy
 
   // The grant of a user, or an empty one.
   [[nodiscard]] Grant of(std::string_view user) const;
@@ -63,6 +65,10 @@ inline constexpr int MOST_DEVICES = 100;
 
 [[nodiscard]] bool has_grants(const char* file = GRANTS);
 [[nodiscard]] GrantBook read_grants(const std::string& file = GRANTS);
+
+// Makes the copy of a file that is whole, and removes that of a missing one. False when it could
+// not be written.
+bool keep_good_copy(const std::string& file = GRANTS);
 
 // Returns whether the user's right to a server has expired. Costs one failed open where no dates
 // are stored.

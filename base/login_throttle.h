@@ -20,6 +20,10 @@
 
 namespace fenro {
 
+// The counters of the web login, which whatever else asks for the password of a session's user
+// shares.
+inline constexpr const char* WEB_LOGINS = "/run/fenro/login";
+
 class LoginThrottle {
  public:
   static constexpr std::time_t WINDOW = std::time_t{15} * 60;  // counted from the first failure

@@ -52,6 +52,8 @@ constexpr Rule RULES[] = {
     {"/ormel/my/end", "", &OWN, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/my/device_add", "", &OWN, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/my/device_remove", "", &OWN, NO_LOCK, FORM, FORM_TIME},
+    {"/ormel/my/totp_begin", "", &LOGINS, NO_LOCK, FORM, FORM_TIME},
+    {"/ormel/my/totp_off", "", &LOGINS, NO_LOCK, FORM, FORM_TIME},
     {"/ormel/change/undo", "", &TUNNELS, SLOTS | SAVE, FORM, FORM_TIME},
     {"/ormel/change/revert", "", &TUNNELS, SLOTS | SAVE, FORM, FORM_TIME},
     {"/ormel/log/dump", "", &PLAIN, ARCHIVE, FORM, FORM_TIME},

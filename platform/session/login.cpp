@@ -45,7 +45,6 @@ using Clock = std::chrono::steady_clock;
 using fenro::MibIo;
 
 constexpr const char* SESSION_TOOL = "/usr/lib/fenro/fenro-session";
-constexpr const char* COUNTERS = "/run/fenro/login";
 constexpr const char* ADMINISTRATORS = "administrators";
 constexpr std::string_view FORM_TYPE = "application/x-www-form-urlencoded";
 constexpr mode_t PRIVATE_UMASK = 077;
@@ -196,7 +195,7 @@ void log_in() {
   const std::string user = form.value("user");
   if (user.empty() || !*form.value("password")) return answer(BAD_REQUEST, LOGIN_REFUSED);
 
-  const LoginThrottle throttle{COUNTERS};
+  const LoginThrottle throttle{fenro::WEB_LOGINS};
   const auto admission = throttle.admit(user, variable("REMOTE_ADDR"), LoginThrottle::clock());
   if (!admission) return answer(FAILED, LOGIN_REFUSED);
   if (admission->retry_after > 0) return refuse_for_now(*admission, user);

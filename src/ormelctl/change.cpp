@@ -9,6 +9,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "base/lines.h"
 #include "ormel/actions/audit.h"
 #include "ormel/base/error.h"
 #include "ormel/changes/pending.h"
@@ -129,7 +130,7 @@ Result undo(const Arguments& arguments) {
   Form form;
   if (!arguments.words.empty()) {
     const std::string& number = arguments.words[0];
-    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos)
+    if (int id = 0; !fenro::parse_number(number, id) || id < 1)
       return failed(Exit::Usage, "\"" + number + "\" is not the number of a change",
                     "ormelctl undo list shows the numbers");
     form.emplace_back("id", number);
@@ -145,7 +146,11 @@ Result undo(const Arguments& arguments) {
                         (affected.empty() ? "" : " (" + affected + ")");
   if (same) message = "nothing has changed since " + moment_text(number_of(data, "time"));
   ormel::Json copy{json_deep_copy(data)};
-  if (failures.empty()) return done(std::move(message), std::move(copy));
+  if (failures.empty()) {
+    Result result = done(std::move(message), std::move(copy));
+    result.note = text_of(data, "kept");
+    return result;
+  }
   Result result = failed(Exit::Failed, message + ", but this failed: " + failures,
                          "ormelctl status shows what does not run, and why");
   result.data = std::move(copy);

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
+#include <climits>
 #include <iterator>
 
+#include "base/lines.h"
 #include "ormel/base/error.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/service.h"
@@ -106,6 +108,7 @@ static_assert(all_explained(), "each command has its help and an example");
 constexpr const char* GLOBAL_OPTIONS[] = {
     "--output=", "--json", "--no-color", "--timeout=", "--confirm=", "--dry-run", "--help"};
 constexpr size_t FAR = 3;  // edits beyond which a name is no suggestion
+constexpr int LAST_PORT = 65535;
 
 std::string name_of(const Command& command) {
   return std::string(command.noun) + (*command.verb ? " " : "") + command.verb;
@@ -142,16 +145,25 @@ std::string option_of(const Command& command, const std::string& name) {
   return {};
 }
 
-bool is_number(const std::string& text, int most) {
+bool is_number(const std::string& text, int least, int most) {
   int number = -1;
-  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
-  return failure == std::errc{} && end == text.data() + text.size() && number >= 0 &&
-         number <= most;
+  return fenro::parse_number(text, number) && number >= least && number <= most;
+}
+
+// The range of such a number is the program's to check: it differs between protocols.
+bool is_whole(const std::string& text) {
+  return is_number(text, 0, INT_MAX);
 }
 
 bool is_address(const std::string& text) {
   in_addr address{};
   return inet_pton(AF_INET, text.c_str(), &address) == 1;
+}
+
+bool is_endpoint(const std::string& text) {
+  const size_t colon = text.rfind(':');
+  return colon != std::string::npos && colon != 0 &&
+         is_number(text.substr(colon + 1), 1, LAST_PORT);
 }
 
 // What an option takes wherever it is found, where the program itself would take anything or would
@@ -164,9 +176,16 @@ struct Rule {
 constexpr Rule RULES[] = {
     {"address", is_address, "an IPv4 address"},
     {"pool", is_address, "an IPv4 address"},
-    {"keepalive", [](const std::string& value) { return is_number(value, 65535); },
+    {"keepalive", [](const std::string& value) { return is_number(value, 0, 65535); },
      "0 to 65535 seconds"},
-    {"mask", [](const std::string& value) { return is_number(value, 32) || is_address(value); },
+    {"port", is_whole, "a whole number"},
+    {"max", is_whole, "a whole number"},
+    {"mss", is_whole, "a whole number of bytes"},
+    {"endpoint", is_endpoint, "HOST:PORT, the port being 1 to 65535"},
+    {"back", [](const std::string& value) { return value == "never" || is_whole(value); },
+     "a number of minutes, or never"},
+    {"snat", [](const std::string& value) { return value == "yes" || value == "no"; }, "yes or no"},
+    {"mask", [](const std::string& value) { return is_number(value, 0, 32) || is_address(value); },
      "0 to 32, or a netmask"},
 };
 

@@ -33,6 +33,10 @@ using Progress = std::function<void(const Findings& findings)>;
 // Whether the host is in order. Changes nothing.
 [[nodiscard]] Findings examine_host();
 
+// Files of state that are damaged, so that what is shown is not what was set. The steps are
+// "settings" for that of servers and tunnels, and "access" for that of the ends of rights.
+[[nodiscard]] Findings damaged_files();
+
 // The steps of a profile, at most 40 seconds. Tries a login at most once, and never while the
 // tunnel is up or on its way. The real tunnel is not touched.
 [[nodiscard]] Findings examine_profile(const Profile& profile, const Progress& progress);

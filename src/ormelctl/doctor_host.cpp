@@ -2,10 +2,12 @@
 #include <algorithm>
 #include <dirent.h>
 #include <fcntl.h>
+#include <iterator>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "base/grants.h"
 #include "ormel/base/address.h"
 #include "ormel/base/crypto.h"
 #include "ormel/base/file.h"
@@ -192,11 +194,36 @@ void check_certificates(Findings& findings) {
   }
 }
 
-constexpr void (*CHECKS[])(Findings& findings) = {check_daemons,     check_servers, check_pools,
-                                                  check_secrets,     check_kernel,  check_disk,
-                                                  check_certificates};
+void check_files(Findings& findings) {
+  Findings damaged = damaged_files();
+  std::ranges::move(damaged, std::back_inserter(findings));
+}
+
+constexpr void (*CHECKS[])(Findings& findings) = {check_files, check_daemons,     check_servers,
+                                                  check_pools, check_secrets,     check_kernel,
+                                                  check_disk,  check_certificates};
 
 }  // namespace
+
+Findings damaged_files() {
+  Findings findings;
+  const std::string settings = ormel::config::VPN_CONF, grants = fenro::GRANTS;
+  if (const std::string fault = ormel::config::fault_of_settings(); !fault.empty())
+    add(findings, "settings",
+        failure(fault + ": servers and tunnels look off, whether they run or not",
+                "mv " + settings +
+                    " /root/, then ormelctl undo NUMBER (ormelctl undo list) or ormelctl restore "
+                    "FILE"));
+  if (const fenro::GrantBook book = fenro::read_grants(); book.damaged)
+    add(findings, "access",
+        book.is_copy ? failure(grants + " is damaged: its last good copy counts, and no end of "
+                                        "access can be changed",
+                               "cp " + grants + ".good " + grants)
+                     : failure(grants + " is damaged: access may not end when it should",
+                               "ormelctl restore FILE, or rm " + grants +
+                                   " and grant what is for a time again"));
+  return findings;
+}
 
 Findings examine_host() {
   Findings findings;

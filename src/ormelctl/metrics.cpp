@@ -23,9 +23,9 @@ namespace {
 constexpr mode_t FOR_ALL = 0644;
 constexpr long DAY = 86400;
 
-const Columns TOKEN_COLUMNS = {{"name", "NAME"},          {"id", "ID"},     {"scope", "SCOPE"},
-                               {"used_text", "LAST USE"}, {"from", "FROM"}, {"days", "DAYS LEFT"},
-                               {"by", "MADE BY"}};
+const Columns TOKEN_COLUMNS = {
+    {"name", "NAME"}, {"id", "ID"},          {"scope", "SCOPE"},      {"used_text", "LAST USE"},
+    {"from", "FROM"}, {"days", "DAYS LEFT"}, {"state_text", "STATE"}, {"by_text", "MADE BY"}};
 
 void add_texts(json_t* row) {
   const long used = number_of(row, "used");
@@ -33,6 +33,11 @@ void add_texts(json_t* row) {
   json_object_set_new(row, "used_text",
                       json_string(used == 0 ? "never" : moment_text(used).c_str()));
   json_object_set_new(row, "days", left > 0 ? json_integer(left / DAY) : json_string("expired"));
+  const std::string by = text_of(row, "by"), state = text_of(row, "state");
+  json_object_set_new(row, "by_text", json_string(by.empty() ? "unknown" : by.c_str()));
+  json_object_set_new(
+      row, "state_text",
+      json_string(state == "no-maker" ? "refused: its maker is no administrator" : state.c_str()));
 }
 
 // The folder may belong to the collector: a link in the file's place is replaced and not followed,

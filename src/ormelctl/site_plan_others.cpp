@@ -7,12 +7,14 @@
 #include <pwd.h>
 #include <set>
 
+#include "base/grants.h"
 #include "ormel/base/address.h"
 #include "ormel/base/error.h"
 #include "ormel/drivers/wireguard/key.h"
 #include "ormel/drivers/wireguard/peers.h"
 #include "ormel/drivers/wireguard/wireguard.h"
 #include "ormel/host/bus.h"
+#include "ormel/web/grant.h"
 #include "ormelctl/profile.h"
 #include "ormelctl/site.h"
 
@@ -145,12 +147,32 @@ int peer_index(const std::string& public_key) {
   return 0;
 }
 
+// Whose device it is; empty for nobody's. The end of the owner's access is its end, too.
+Reply set_owner(const std::string& public_key, const std::string& owner) {
+  Reply reply;
+  const std::string before = fenro::read_grants().owner_of(public_key);
+  if (before == owner) return reply;
+  fenro::GrantChange store;
+  store.book.replace_key(public_key, "");
+  if (!owner.empty()) store.book.devices.push_back({public_key, owner});
+  if (!store || !store.save()) {
+    reply.error = ormel::ERR_SAVE_FILE;
+    reply.reason = "the owner of a device cannot be stored: ormelctl doctor";
+  } else if (!owner.empty() && !ormel::cgi::grant::apply_limits(fenro::read_grants(), owner)) {
+    reply.error = ormel::ERR_CMD_FAILED;
+    reply.reason = "a device of " + owner + " could not be kept out, or let in";
+  }
+  return reply;
+}
+
 // A new network of the server has moved its devices by then, so the values are set whole.
 Reply put_peer(const std::string& key, const Json& object, const std::string& stored_key) {
   Form form = peer_form(peer_name(key, object.get()), object.get());
-  if (stored_key.empty()) return call("/ormel/peer/add", form);
-  form.emplace_back("index", std::to_string(peer_index(stored_key)));
-  return call("/ormel/peer/modify", form);
+  const bool is_new = stored_key.empty();
+  if (!is_new) form.emplace_back("index", std::to_string(peer_index(stored_key)));
+  Reply reply = call(is_new ? "/ormel/peer/add" : "/ormel/peer/modify", form);
+  if (reply.error != 0 || !json_object_get(object.get(), "owner")) return reply;
+  return set_owner(text_of(object.get(), "peer_pub_key"), text_of(object.get(), "owner"));
 }
 
 bool plan_peer(const std::string& key, const json_t* object, const json_t* now, Plan& plan) {
@@ -158,6 +180,9 @@ bool plan_peer(const std::string& key, const json_t* object, const json_t* now, 
   const Json whole = now ? merged(object, now) : Json{json_deep_copy(object)};
   if (!note_object(path, object, now, plan)) return true;
   if (!check_peer(path, whole.get(), plan)) return false;
+  if (const std::string owner = text_of(object, "owner");
+      !owner.empty() && owner != text_of(now, "owner") && !getpwnam(owner.c_str()))
+    return plan.refuse(path + ".owner", "is no user of this host: adduser " + owner + " makes one");
   const auto shared = std::make_shared<Json>(json_incref(whole.get()));
   plan.steps.push_back({Phase::Add, path, [key, shared, old = text_of(now, "peer_pub_key")] {
                           return put_peer(key, *shared, old);

@@ -88,18 +88,20 @@ Json profiles(const Management& pool) {
   return out;
 }
 
-Json peer(const ormel::wireguard::Peer& stored) {
+Json peer(const ormel::wireguard::Peer& stored, const std::string& owner) {
   Json out{json_object()};
   set(out, "peer_pub_key", text(stored.pub_key));
   set(out, "peer_allow_ip", text(stored.allow_ip + '/' + stored.allow_ip_mask));
   set(out, "peer_endpoint", text(stored.endpoint));
   set(out, "keepalive", json_integer(ormel::to_int(stored.keepalive.c_str())));
   if (!stored.psk.empty()) set(out, "psk", text(stored.psk));
+  set(out, "owner", text(printable(owner)));
   return out;
 }
 
 Json peers() {
   Json out{json_object()};
+  const fenro::GrantBook book = fenro::read_grants();
   const ormel::wireguard::PeerFile file(ormel::wireguard::FOLDER);
   for (int index = 1; index <= file.max_index(); ++index) {
     if (file.is_free(index)) continue;
@@ -108,7 +110,7 @@ Json peers() {
     const bool unusable =
         name.empty() || printable(name) != name || json_object_get(out.get(), name.c_str());
     const std::string key = unusable ? "device/" + std::to_string(index) : name;
-    Json row = peer(stored);
+    Json row = peer(stored, book.owner_of(stored.pub_key));
     if (key != name) set(row, "name", text(name));
     set(out, key.c_str(), row.release());
   }

@@ -108,7 +108,7 @@ Json profile_rules() {
 
 Json peer_rules() {
   Json properties{json_object()};
-  for (const char* text : {"name", "peer_pub_key", "peer_allow_ip", "peer_endpoint"})
+  for (const char* text : {"name", "peer_pub_key", "peer_allow_ip", "peer_endpoint", "owner"})
     set(properties, text, typed("string"));
   set(properties, "keepalive", numbers(0, 65535));
   set(properties, "psk", secret());

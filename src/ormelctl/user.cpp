@@ -1,10 +1,10 @@
 // Users, their rights and until when, and the policy on wrong passwords.
 #include <algorithm>
-#include <charconv>
 #include <map>
 #include <pwd.h>
 
 #include "base/grants.h"
+#include "base/lines.h"
 #include "ormel/actions/access.h"
 #include "ormel/actions/audit.h"
 #include "ormel/actions/privilege.h"
@@ -183,8 +183,7 @@ Result read_wish(const Arguments& arguments, Wish& wish) {
   }
   if (!arguments.has("devices")) return {};
   const std::string text = arguments.value("devices");
-  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), wish.devices);
-  if (failure != std::errc{} || end != text.data() + text.size() || wish.devices < 0 ||
+  if (!fenro::parse_number(text, wish.devices) || wish.devices < 0 ||
       wish.devices > fenro::MOST_DEVICES)
     return failed(Exit::Usage, "--devices takes 0 to " + std::to_string(fenro::MOST_DEVICES));
   return {};
@@ -262,7 +261,9 @@ Result user_list(const Arguments& arguments) {
   Result result = done("", std::move(rows), USER_COLUMNS);
   if (!failures)
     result.note = "the log database does not answer: LAST LOGIN and FAILED are not known";
-  if (book.damaged) result.note = "grants.json is damaged: UNTIL may lack dates";
+  if (book.damaged)
+    result.note = book.is_copy ? "grants.json is damaged: UNTIL is that of its last good copy"
+                               : "grants.json is damaged: UNTIL may lack dates";
   return result;
 }
 

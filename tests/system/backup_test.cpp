@@ -8,6 +8,7 @@
 
 #include <jansson.h>
 
+#include "base/grants.h"
 #include "support/far_appliance.h"
 #include "support/web_request.h"
 
@@ -362,6 +363,40 @@ TEST_F(Backup, ADocumentIsAppliedOnceAndRefusedWhole) {
   EXPECT_EQ(ctl({"diff", SITE}).status, 0);
   EXPECT_EQ(ctl({"diff", "-"}, ctl({"export"}).out).status, 0);
   EXPECT_EQ(read("/usr/share/ormel/state.schema.json"), ctl({"__schema"}).out);
+}
+
+TEST_F(Backup, ADocumentKeepsWhoseADeviceIs) {
+  ASSERT_EQ(ctl({"server", "set", "wireguard", "--name", "hub", "--address", "198.18.7.1", "--port",
+                 "51820", "--yes"})
+                .status,
+            0);
+  ASSERT_EQ(ctl({"peer", "add", "phone", "--host", "vpn.example.org"}).status, 0);
+  const auto phone = [](const char* member) {
+    const ormel::Json site{json_loads(ctl({"export"}).out.c_str(), 0, nullptr)};
+    const json_t* const peers = json_object_get(site.get(), "peers");
+    const char* const text =
+        json_string_value(json_object_get(json_object_get(peers, "phone"), member));
+    return std::string(text ? text : "");
+  };
+  const std::string key = phone("peer_pub_key"), address = phone("peer_allow_ip");
+  const auto apply = [&](const std::string& owner) {
+    write(SITE, R"({"format": 1, "access": {"guest": {"until": {}, "devices": 2}},
+      "peers": {"phone": {"peer_pub_key": ")" +
+                    key + R"(", "peer_allow_ip": ")" + address + R"(", "owner": ")" + owner +
+                    "\"}}}");
+    return ctl({"apply", SITE}).status;
+  };
+  EXPECT_EQ(phone("owner"), "");
+  EXPECT_EQ(apply("nobody-here"), 1);
+  for (const char* owner : {"guest", "admin", ""}) {
+    SCOPED_TRACE(owner);
+    EXPECT_EQ(apply(owner), 0);
+    EXPECT_EQ(phone("owner"), owner);
+    EXPECT_EQ(fenro::read_grants().owner_of(key), owner);
+    EXPECT_EQ(ctl({"diff", SITE}).status, 0) << "the second time does nothing";
+  }
+  ctl({"peer", "rm", "phone", "--yes"});
+  fs::remove(fenro::GRANTS);
 }
 
 TEST_F(Backup, ADocumentThatIsWrongInOnePlaceChangesNothing) {

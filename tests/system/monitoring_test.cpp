@@ -126,6 +126,37 @@ TEST_F(Monitoring, NamesProfilesAsTheyAreCalledWhateverThatIs) {
   EXPECT_TRUE(found.samples.count(R"re(ormel_tunnel_up{protocol="pptp",profile="twice/4"})re"));
 }
 
+TEST_F(Monitoring, SaysThatSettingsCannotBeReadInsteadOfThatAllIsOff) {
+  constexpr const char* READABLE = "ormel_config_readable";
+  const std::string good = read(VPN_CONF);
+  EXPECT_EQ(figures().samples.at(READABLE), 1);
+  const struct {
+    const char *command, *said;
+  } rows[] = {{"mkdir $F", "is a folder"},
+              {"mkfifo $F", "is not a regular file"},
+              {"ln -s $F $F", "cannot be read: Too many levels"},
+              {"printf '[PPTP]\\0' >$F", "holds binary data"},
+              {"echo PPTP >$F", "has no section"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.said);
+    fs::remove_all(VPN_CONF);
+    run({"/bin/sh", "-c", row.command}, {std::string("F=") + VPN_CONF, "PATH=/usr/bin:/bin"});
+    const Result status = ctl({"status"}), one = ctl({"status", "pptp", "--check", "off"});
+    EXPECT_EQ(status.status, 1);
+    EXPECT_EQ(one.status, 1);
+    EXPECT_THAT(status.err, HasSubstr(row.said));
+    EXPECT_THAT(status.err, HasSubstr("ormelctl restore FILE"));
+    EXPECT_THAT(ctl({"doctor"}).out, HasSubstr(row.said));
+    const Exposition found = figures();
+    EXPECT_EQ(found.samples.at(READABLE), 0);
+    EXPECT_FALSE(found.has("ormel_server_up") || found.has("ormel_tunnel_up"));
+  }
+  fs::remove_all(VPN_CONF);
+  EXPECT_EQ(figures().samples.at(READABLE), 1) << "a new host has no settings";
+  write(VPN_CONF, good);
+  EXPECT_TRUE(figures().has("ormel_server_up"));
+}
+
 TEST_F(Monitoring, WritesAFileAsAWholeOrNotAtAll) {
   write("/tmp/ormel.prom", "old");
   EXPECT_EQ(ctl({"metrics", "--textfile", "/tmp/ormel.prom"}).status, 0);
@@ -180,6 +211,38 @@ TEST_F(Monitoring, LeavesNoTokenInAChildInALogOrInTheTrail) {
   const Result found = run({"/usr/bin/grep", "-rl", secret, "/var/log", "/var/lib/ormel",
                             "/etc/config", "/run/fenro", "/run/appliance/log"});
   EXPECT_EQ(found.out, "");
+}
+
+TEST_F(Monitoring, RefusesTheTokensOfWhoeverIsNoAdministratorAnyMore) {
+  const auto made = [this](const char* name) {
+    const std::string body = cgi("/ormel/token/add", admin + "&name=" + name + "&scope=admin").body;
+    const ormel::Json reply{json_loads(body.c_str(), 0, nullptr)};
+    const json_t* const data = json_object_get(reply.get(), "data");
+    const char* const text = json_string_value(json_object_get(data, "token"));
+    return bearer(text ? text : body);
+  };
+  const std::string theirs = made("theirs"), ours = bearer(token_of("admin"));
+  const auto code = [](const std::string& token) {
+    const ormel::Json reply{
+        json_loads(cgi("/ormel/status/list", "", {token}).body.c_str(), 0, nullptr)};
+    return json_integer_value(json_object_get(reply.get(), "error"));
+  };
+  constexpr json_int_t good = 0, refused = ormel::ERR_SESSION_FAIL;
+  EXPECT_EQ(code(theirs), good);
+  EXPECT_EQ(code(ours), good);
+  support::make_empty_folder("/var/lib/ormel/audit");
+  ASSERT_EQ(run({"/usr/bin/gpasswd", "-d", "admin", "administrators"}).status, 0);
+  EXPECT_EQ(code(theirs), refused);
+  EXPECT_EQ(code(ours), good) << "which depends on nobody";
+  EXPECT_THAT(ctl({"token", "list"}).out,
+              ContainsRegex("theirs .* refused: its maker is no administrator +admin\n"));
+  const std::string events = ctl({"log", "events"}).out;
+  const size_t said = events.find("The token theirs is refused: admin, who has made it");
+  EXPECT_NE(said, std::string::npos) << events;
+  EXPECT_EQ(said, events.rfind("The token theirs is refused"));
+  EXPECT_THAT(ctl({"audit"}).out, HasSubstr("token:theirs  web"));
+  ASSERT_EQ(run({"/usr/bin/gpasswd", "-a", "admin", "administrators"}).status, 0);
+  EXPECT_EQ(code(theirs), good);
 }
 
 TEST_F(Monitoring, PromisesNoWayBackForATokenThatWouldNotGo) {

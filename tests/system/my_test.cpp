@@ -223,6 +223,26 @@ TEST_F(MyAccess, EndsOnTime) {
   EXPECT_EQ(login(), 0);
 }
 
+TEST_F(MyAccess, EndsOnTimeThoughTheListOfEndsIsDamaged) {
+  const std::string file = fenro::GRANTS, copy = file + ".good";
+  ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn", "--until", "5s"}).status, 0);
+  ASSERT_TRUE(comes_true([&] { return read(copy) == read(file); }, PATIENCE));
+  write(file, "{\"grants\":[");
+  EXPECT_EQ(login(), 0) << "not yet";
+  EXPECT_TRUE(comes_true([&] { return login() != 0; }, PATIENCE));
+  EXPECT_TRUE(comes_true([&] { return read(STORE) == "guest:0:0:0:0:0\n"; }, PATIENCE));
+  const std::string cure = "cp " + copy + ' ' + file;
+  EXPECT_THAT(ctl({"doctor"}).out, HasSubstr("-> " + cure));
+  const Result status = ctl({"status"});
+  EXPECT_EQ(status.status, 0);
+  EXPECT_THAT(status.err, HasSubstr(cure));
+  EXPECT_THAT(ctl({"log", "events"}).out, HasSubstr(cure));
+  EXPECT_NE(ctl({"user", "grant", "guest", "openvpn", "--until", "1d"}).status, 0);
+  ASSERT_EQ(run({"/bin/sh", "-c", cure}).status, 0);
+  EXPECT_TRUE(comes_true([] { return fenro::read_grants().grants.empty(); }, PATIENCE));
+  EXPECT_TRUE(comes_true([&] { return read(copy) == read(file); }, PATIENCE));
+}
+
 // A keeper that hangs, then one that is started again: nobody comes in meanwhile.
 TEST_F(MyAccess, EndsWithoutTheKeeperAndIsRevokedOnceItIsBack) {
   ASSERT_EQ(run({"/usr/bin/pkill", "-STOP", "-x", "fenro-keeperd"}).status, 0);

@@ -704,6 +704,10 @@ TEST_F(OpenVpnRotation, ChangeTheirAuthorityInThreePhases) {
   EXPECT_TRUE(connects("new")) << said;
   EXPECT_FALSE(connects("office"));
   EXPECT_EQ(ctl({"cert", "rotate", "--cancel", "--yes"}).status, 1);
+  const Result undone = ctl({"undo", "--yes"});
+  EXPECT_EQ(undone.status, 1) << "the next start would change over again";
+  EXPECT_THAT(undone.err, HasSubstr("begins another change-over"));
+  EXPECT_THAT(key("rotation"), HasSubstr("phase=changed"));
 
   set_date("end", -60);
   EXPECT_EQ(run({SERVER, "restart"}).status, 0);

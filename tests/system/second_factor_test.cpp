@@ -7,6 +7,7 @@
 #include <fenro/event_log.h>
 #include <jansson.h>
 
+#include "base/login_throttle.h"
 #include "daemons/mschap/mschap.h"
 #include "support/log_rows.h"
 #include "support/web_request.h"
@@ -129,7 +130,10 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
     return https("/ormel/my/totp_" + route, {"--data", "sid=" + sid + form}).body;
   };
   EXPECT_THAT(web("confirm", "&code=123456"), HasSubstr("has not begun"));
-  const std::string begun = web("begin");
+  const std::string proof = "&password=" + password;
+  EXPECT_THAT(web("begin"), HasSubstr("\"error\":36")) << "a session alone is not enough";
+  EXPECT_THAT(web("begin", "&password=wrong"), HasSubstr("\"error\":38"));
+  const std::string begun = web("begin", proof);
   const std::string secret = member(begun, "secret");
   EXPECT_THAT(member(begun, "uri"), MatchesRegex("otpauth://totp/[^?]*:guest\\?secret=" + secret +
                                                  "&issuer=.*&algorithm=SHA1&digits=6&period=30"));
@@ -160,12 +164,14 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
 
   write(POLICY, R"({"global": {"enable": false, "limit": 5, "time": 30}})");
   for (int i = 0; i < fenro::MOST_MISSES; ++i)
-    EXPECT_THAT(web("off", "&code=000000"), HasSubstr("\"error\":9"));
-  EXPECT_THAT(web("off", "&code=" + spare(7)), HasSubstr("\"error\":45"))
+    EXPECT_THAT(web("off", proof + "&code=000000"), HasSubstr("\"error\":9"));
+  EXPECT_THAT(web("off", proof + "&code=" + spare(7)), HasSubstr("\"error\":45"))
       << "a session alone guesses none, whatever the policy is";
   EXPECT_THAT(log_in(password, spare(6)), HasSubstr("\"error\":0"));
   EXPECT_EQ(ctl({"user", "totp", USER, "require"}).status, 0);
-  EXPECT_EQ(web("off", "&code=" + spare(7)), OK);
+  EXPECT_THAT(web("off", "&code=" + spare(7)), HasSubstr("\"error\":36"));
+  EXPECT_THAT(web("off", "&password=wrong&code=" + spare(7)), HasSubstr("\"error\":38"));
+  EXPECT_EQ(web("off", proof + "&code=" + spare(7)), OK) << "the code was not used up";
   EXPECT_THAT(log_in(password), HasSubstr("\"enrol\":true")) << "it stays required";
   EXPECT_EQ(ctl({"user", "totp", USER, "optional"}).status, 0);
   EXPECT_THAT(log_in(password), HasSubstr("\"error\":0"));
@@ -174,7 +180,7 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
       << "with the profile that asks for a code";
   EXPECT_GT(events("(code-used)"), 0);
   EXPECT_EQ(events("(code-missing)"), 1);
-  for (const std::string& hidden : {secret, spare(0), spare(7)})
+  for (const std::string& hidden : {secret, spare(0), spare(7), password})
     EXPECT_EQ(
         run({"/bin/grep", "-rF", hidden, "/var/log", "/run/fenro", "/var/lib/ormel/audit"}).out,
         "");
@@ -200,6 +206,24 @@ TEST_F(SecondFactorLogin, TheHookTellsTheAdministratorAloneWhatIsWrong) {
   forget_used_steps();
   EXPECT_FALSE(hook_admits(password + code_now())) << "blocked by wrong codes";
   EXPECT_THAT(reasons(), testing::Contains(HasSubstr("blocked")));
+}
+
+// A session is no way around the limits of the login.
+TEST_F(SecondFactorLogin, WrongPasswordsForItCountAtTheLoginToo) {
+  const std::string sid = member(log_in(password), "sid");
+  const auto begin = [&](const std::string& typed) {
+    return https("/ormel/my/totp_begin", {"--data", "sid=" + sid + "&password=" + typed}).body;
+  };
+  const fenro::LoginThrottle throttle{fenro::WEB_LOGINS};
+  for (int i = 1; i < fenro::LoginThrottle::ADDRESS_LIMIT; ++i)
+    ASSERT_TRUE(throttle.admit("nobody", "127.0.0.1", fenro::LoginThrottle::clock()));
+  EXPECT_THAT(begin("wrong"), HasSubstr("\"error\":38"));
+  EXPECT_THAT(ctl({"log", "events"}).out,
+              HasSubstr("Wrong password of guest for a change of the second factor"));
+  EXPECT_THAT(begin(password), HasSubstr("too many wrong passwords: try again in"));
+  EXPECT_THAT(https("/fenro/login", {"--data", "user=guest&password=" + password}).head,
+              HasSubstr(" 429"));
+  EXPECT_EQ(SecondFactors{}.of(USER).state, SecondFactor::State::Off);
 }
 
 // The other logins by password, and the profile that asks for the code separately.
@@ -249,7 +273,8 @@ TEST_F(SecondFactorLogin, NothingButARequirementGoesBack) {
   EXPECT_EQ(ctl({"user", "totp", USER, "reset"}).status, 0);
   const std::string sid = member(log_in(password), "sid");
   for (int i = 0; i < 3; ++i)
-    EXPECT_THAT(https("/ormel/my/totp_begin", {"--data", "sid=" + sid}).body, HasSubstr("secret"));
+    EXPECT_THAT(https("/ormel/my/totp_begin", {"--data", "sid=" + sid}).body, HasSubstr("secret"))
+        << "without the password, which has begun this session";
   EXPECT_EQ(snapshots(), before);
   EXPECT_EQ(run({"/bin/grep", "-rF", SECRET, "/var/lib/ormel"}).out, "");
   const Result undone = ctl({"undo", "--yes"});

@@ -33,8 +33,8 @@ const std::map<std::string, int> FOR_GENERAL_USERS = {{"config/show", 0},
 
 // What a general user gets who has no right, no device and no session; anyone may ask.
 const std::map<std::string, int> FOR_ONESELF = {
-    {"my/show", 0},           {"my/profile", 45},   {"my/end", 30},         {"my/device_add", 45},
-    {"my/device_remove", 30}, {"my/totp_begin", 0}, {"my/totp_confirm", 9}, {"my/totp_off", 8}};
+    {"my/show", 0},           {"my/profile", 45},    {"my/end", 30},         {"my/device_add", 45},
+    {"my/device_remove", 30}, {"my/totp_begin", 36}, {"my/totp_confirm", 8}, {"my/totp_off", 8}};
 
 // The programs that a request starts and the sockets that it opens, apart from those that every
 // request needs.

@@ -364,6 +364,44 @@ TEST_F(Changes, AreTakenBackToTheOldestSnapshot) {
   EXPECT_EQ(get(RIGHTS), "bob:0\n");
 }
 
+// What the next start of the server would do again is no undo.
+TEST_F(Changes, LeaveCertificatesWhoseNextStepIsOverdue) {
+  constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
+  constexpr const char* AUTHORITY = "/etc/openvpn/keys/ca.crt";
+  const std::string over = "1000", ahead = std::to_string(std::time(nullptr) + 3600);
+  const struct {
+    std::string phase, change, end;
+    bool back;
+  } rows[] = {{"overlap", over, ahead, false},
+              {"overlap", ahead, ahead, true},
+              {"changed", over, ahead, true},
+              {"changed", over, over, false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.phase + ' ' + row.change + ' ' + row.end);
+    put(ROTATION, "phase=" + row.phase + "\noverlap=60\nbegun=900\nchange=" + row.change +
+                      "\nend=" + row.end + '\n');
+    put(AUTHORITY, "then");
+    put(RIGHTS, "bob:1:0:0:0:0\n");
+    const int id = take(Snapshots{root});
+    fs::remove(root + ROTATION);
+    put(AUTHORITY, "now");
+    Plan done;
+    Snapshot restored;
+    Verdict verdict = pending().undo({}, id, done, restored);
+    EXPECT_EQ(verdict.code, row.back ? NO_ERROR : ERR_NOT_SUPPORT) << verdict.reason;
+    EXPECT_EQ(get(AUTHORITY), row.back ? "then" : "now");
+    if (row.back) continue;
+    EXPECT_THAT(verdict.reason, HasSubstr("begins another change-over"));
+    put(RIGHTS, "bob:0:0:0:0:0\n");
+    verdict = pending().undo({}, id, done, restored);
+    EXPECT_EQ(verdict.code, NO_ERROR) << verdict.reason;
+    EXPECT_EQ(get(RIGHTS), "bob:1:0:0:0:0\n") << "the rest goes back";
+    EXPECT_EQ(get(AUTHORITY), "now");
+    EXPECT_FALSE(fs::exists(root + ROTATION));
+    EXPECT_THAT(done.kept, HasSubstr("stay as they are"));
+  }
+}
+
 TEST_F(Changes, AreTakenBackAndBroughtBack) {
   const Pending changes = pending();
   std::ignore = take(changes.snapshots());

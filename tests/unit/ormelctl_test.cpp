@@ -1,5 +1,7 @@
 // What the command line says about its own failures.
 #include <gmock/gmock.h>
+#include <map>
+#include <sstream>
 
 #include "base/error_code.h"
 #include "ormelctl/advice.h"
@@ -36,6 +38,49 @@ TEST(OrmelCtlAdvice, GoesByTheCodeOrTheStatus) {
     const Result result{.exit = row.exit, .error = row.error};
     EXPECT_THAT(advice_for(result, command(row.words), arguments), testing::HasSubstr(row.said))
         << row.said;
+  }
+}
+
+// Which of the options are numbers, so that a new one has to say it.
+enum class Kind { Text, Number, Time, ByCommand };
+const std::map<std::string, Kind> KINDS{
+    {"max", Kind::Number},      {"port", Kind::Number},    {"mss", Kind::Number},
+    {"back", Kind::Number},     {"mask", Kind::Number},    {"keepalive", Kind::Number},
+    {"overlap", Kind::Time},    {"wait", Kind::Time},      {"for", Kind::Time},
+    {"since", Kind::Time},      {"expires", Kind::Time},   {"until", Kind::ByCommand},
+    {"limit", Kind::ByCommand}, {"time", Kind::ByCommand}, {"devices", Kind::ByCommand},
+};
+constexpr const char* TEXTS =
+    " check bundle progress name host user pass-file psk-file auth enc reconnect address "
+    "private-key-file peer-key endpoint allowed dns ca cert key tls-auth pool proto interface "
+    "redirect compress filter enable snat lan ipv6 url to events secret-file textfile scope "
+    "passphrase-file only result-file organization region ";
+
+TEST(OrmelCtlNumbers, AreWholeWordsInEveryCommand) {
+  constexpr const char* WRONG[] = {"5x",  "-5",  "",    " 5",  "5 ", "+5",
+                                   "0x5", "5.5", "5,5", "1e1", "x",  "99999999999999999999"};
+  for (const Command& row : commands()) {
+    std::istringstream options{row.options};
+    for (std::string option; options >> option;) {
+      if (!option.ends_with('=')) continue;
+      option.pop_back();
+      const auto kind = KINDS.find(option);
+      if (kind == KINDS.end()) {
+        EXPECT_THAT(TEXTS, testing::HasSubstr(' ' + option + ' ')) << "number or text?";
+        continue;
+      }
+      const auto is_taken = [&](const std::string& value) {
+        Arguments arguments;
+        std::vector<std::string> words{"--" + option + '=' + value};
+        if (*row.operands && *row.operands != '[') words.emplace_back("a");
+        return parse_arguments(row, words, arguments).empty() &&
+               (kind->second != Kind::Time || arguments.seconds(option, 0) >= 0);
+      };
+      EXPECT_TRUE(is_taken("5")) << row.noun << " --" << option;
+      if (kind->second == Kind::ByCommand) continue;
+      for (const char* value : WRONG)
+        EXPECT_FALSE(is_taken(value)) << row.noun << " --" << option << ' ' << value;
+    }
   }
 }
 

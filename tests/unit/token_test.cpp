@@ -105,6 +105,28 @@ TEST_F(Tokens, EndInTheSecondThatWasSaidOrWhenTheyAreRemoved) {
   EXPECT_EQ(remove(token.id).code, ERR_CONFIGURE_INDEX);
 }
 
+// "admin" is the one administrator here.
+TEST_F(Tokens, EndWithTheRightOfTheirMaker) {
+  const struct {
+    const char* by;
+    bool valid;
+  } rows[] = {{"admin", true}, {"root", true}, {"", true}, {"guest", false}, {"Admin", false}};
+  const int64_t now = std::time(nullptr);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.by);
+    std::ignore = remove("prom");
+    ASSERT_EQ(add("prom", "admin", 3600, row.by, token, text).code, NO_ERROR);
+    for (const bool first : {true, false}) {
+      const Holder holder = ask("Bearer " + text);
+      EXPECT_EQ(holder.name, row.valid ? "token:prom" : "");
+      EXPECT_EQ(holder.refusal, row.valid ? "" : ask("Bearer " + text, token.expires).refusal);
+      EXPECT_EQ(holder.orphan, !row.valid && first ? "prom" : "") << "is reported once";
+    }
+    EXPECT_EQ(state_of(all()[0], now), row.valid ? State::Valid : State::NoMaker);
+    EXPECT_EQ(state_of(all()[0], token.expires), State::Expired);
+  }
+}
+
 TEST_F(Tokens, NoteTheirUseOnceAMinute) {
   const int64_t now = std::time(nullptr);
   EXPECT_EQ(all()[0].used, 0);

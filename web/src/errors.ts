@@ -30,6 +30,7 @@ const BY_CODE: Record<number, TextKey> = {
   33: 'do.hangs',
   34: 'do.disk',
   36: 'do.form',
+  38: 'do.password',
   39: 'do.admin',
   41: 'do.admin',
   42: 'do.logs',

@@ -29,8 +29,9 @@ async function secretOnPage(page) {
   return uri.searchParams.get('secret')
 }
 
-// From the first button to the recovery codes.
-async function setUp(page) {
+// To the recovery codes, with the password where it is asked for.
+async function setUp(page, password = '') {
+  if (password) await card(page, 'Second factor').getByLabel('Your password').fill(password)
   await page.getByRole('button', { name: 'Set up a second factor' }).click()
   const secret = await secretOnPage(page)
   const typed = await page.getByLabel('The secret', { exact: true }).textContent()
@@ -54,7 +55,11 @@ test('a user sets up a second factor and logs in with it', async () => {
   const page = await open(NEAR)
   await logIn(page, 'guest', PASSWORD)
   await card(page, 'Second factor').waitFor()
-  const { secret, codes } = await setUp(page)
+  const factor = card(page, 'Second factor')
+  await factor.getByLabel('Your password').fill('wrong')
+  await page.getByRole('button', { name: 'Set up a second factor' }).click()
+  await factor.getByText('The password is wrong.').waitFor()
+  const { secret, codes } = await setUp(page, PASSWORD)
   await close(page)
   await card(page, 'Second factor').getByText('The second factor is on.').waitFor()
 
@@ -67,6 +72,7 @@ test('a user sets up a second factor and logs in with it', async () => {
   await again.getByRole('heading', { level: 1, name: 'My access' }).waitFor()
 
   const off = card(page, 'Second factor')
+  await off.getByLabel('Your password').fill(PASSWORD)
   await off.getByLabel('Code').fill(codes[0].toLowerCase())
   await off.getByRole('button', { name: 'Switch off' }).click()
   await said(page, 'The second factor is off.')
@@ -83,6 +89,7 @@ test('a user who must have one sees only its set-up', async () => {
   await close(page)
   await page.getByRole('heading', { level: 1, name: 'My access' }).waitFor()
   const off = card(page, 'Second factor')
+  await off.getByLabel('Your password').fill(PASSWORD)
   await off.getByLabel('Code').fill(codes[7])
   await off.getByRole('button', { name: 'Switch off' }).click()
   await page.getByRole('heading', { level: 1, name: 'Second factor' }).waitFor()

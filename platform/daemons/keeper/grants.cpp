@@ -1,5 +1,6 @@
 #include "daemons/keeper/grants.h"
 
+#include <cstdio>
 #include <tuple>
 
 #include "base/tunnel.h"
@@ -9,6 +10,7 @@ namespace {
 
 constexpr const char* ACTION = "__end-grants";
 constexpr std::chrono::seconds PAUSE{5};
+constexpr std::chrono::seconds DAMAGED_PAUSE{60};  // while no end can be struck off the list
 
 // Each writer replaces the file. Its time alone does not show that: two writes can fall into one
 // tick of the kernel's clock.
@@ -31,15 +33,22 @@ std::string titles_of(std::uint32_t servers) {
 void Grants::read_when_changed() {
   struct stat info {};
   if (stat(file_.c_str(), &info) != 0) info = {};
-  if (is_same(info, seen_)) return;
+  if (seen_ && is_same(info, *seen_)) return;
   seen_ = info;
+  if (!keep_good_copy(file_))
+    std::fprintf(stderr, "fenro-keeperd: no copy of %s could be made\n", file_.c_str());
   const GrantBook book = read_grants(file_);
   next_ = book.next_end();
   if (book.damaged && !damaged_)
     report_({"access", Level::Error, file_,
-             "The list of who may use servers for a time is damaged: access may not end when it "
-             "should; restore " +
-                 file_ + " from a backup, or remove it"});
+             book.is_copy
+                 ? "The list of who may use servers for a time is damaged. Its last good copy is "
+                   "used, and no end can be changed: cp " +
+                       file_ + ".good " + file_
+                 : "The list of who may use servers for a time is damaged: access may not end when "
+                   "it should; restore " +
+                       file_ + " from a backup, or remove it"});
+  if (book.damaged && !damaged_) tried_ = {};  // the longer pause begins with the next try
   damaged_ = book.damaged;
 }
 
@@ -67,7 +76,7 @@ void Grants::tick(Time now) {
   if (child_ && !child_->poll()) return;
   child_.reset();
   read_when_changed();
-  if (!is_due() || now - tried_ < PAUSE) return;
+  if (!is_due() || now - tried_ < (damaged_ ? DAMAGED_PAUSE : PAUSE)) return;
   tried_ = now;
   report_ended();
   child_ = std::make_unique<Child>(std::vector<std::string>{tool_, ACTION});

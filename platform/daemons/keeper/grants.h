@@ -6,6 +6,7 @@
 #include <ctime>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 
@@ -35,8 +36,8 @@ class Grants {
 
   Reporter report_;
   std::string file_, tool_;
-  struct stat seen_ {};    // of the file, as it was read
-  std::int64_t next_ = 0;  // end, 0 for none
+  std::optional<struct stat> seen_;  // of the file, as it was read; all zero for a missing one
+  std::int64_t next_ = 0;            // end, 0 for none
   bool damaged_ = false;
   std::map<std::string, std::uint32_t>
       reported_;  // servers by user, as long as they are in the file

@@ -2,8 +2,10 @@
 // MS-CHAP need. Asks for the password on the terminal, or reads it from standard input, and stores
 // it only if it is the user's.
 //
-// fenro-password --pam: the same for the user and the password that PAM's module pam_exec hands
-// over, when a password is changed.
+// fenro-password --check USER: only looks whether it is the user's.
+//
+// fenro-password --pam: the same as the first for the user and the password that PAM's module
+// pam_exec hands over, when a password is changed.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -72,13 +74,15 @@ int take_from_pam() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fputs("usage: fenro-password USER, with the password on standard input\n", stderr);
+  const bool only_check = argc == 3 && std::strcmp(argv[1], "--check") == 0;
+  if (argc != 2 && !only_check) {
+    std::fputs("usage: fenro-password [--check] USER, with the password on standard input\n",
+               stderr);
     return 2;
   }
   if (geteuid() != 0) return fail("only root may do this");
-  const std::string user = argv[1];
-  if (user == "--pam") return take_from_pam();
+  const std::string user = argv[argc - 1];
+  if (user == "--pam" && !only_check) return take_from_pam();
   std::string password;
   {
     const bool terminal = isatty(STDIN_FILENO) != 0;
@@ -88,5 +92,5 @@ int main(int argc, char** argv) {
   }
   if (!fenro::is_password_of(user.c_str(), password.c_str()))
     return fail("this is not the password of " + user);
-  return store(user, password);
+  return only_check ? EXIT_SUCCESS : store(user, password);
 }

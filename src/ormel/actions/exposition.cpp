@@ -15,6 +15,7 @@ namespace {
 constexpr Family FAMILIES[] = {
     {"ormel_build_info", "gauge", "The version of the program; always 1."},
     {"ormel_daemon_up", "gauge", "Whether a daemon of the service bus answers."},
+    {"ormel_config_readable", "gauge", "Whether the settings of servers and tunnels can be read."},
     {"ormel_server_enabled", "gauge", "Whether a server is on."},
     {"ormel_server_up", "gauge", "Whether a server runs and can be reached by clients."},
     {"ormel_server_info", "gauge", "The state of a server, with the reason where it does not work; always 1."},

@@ -13,6 +13,8 @@
 #include <tuple>
 #include <unistd.h>
 
+#include <fenro/auth.h>
+
 #include "base/login_throttle.h"
 #include "base/utf8.h"
 #include "ormel/base/crypto.h"
@@ -25,6 +27,9 @@ namespace ormel::token {
 namespace {
 
 constexpr const char* SCOPES[] = {"metrics", "read", "admin"};
+constexpr const char* STATES[] = {"valid", "expired", "no-maker"};
+constexpr std::string_view COMMAND_LINE = "root";  // the maker of what is made there
+constexpr const char* ADMINISTRATORS = "administrators";
 constexpr std::string_view SCHEME = "bearer ";
 constexpr std::string_view PREFIX = "ormel_";
 constexpr const char* HOLDER = "token:";
@@ -55,7 +60,8 @@ bool parse(const json_t* row, Token& token) {
            .created = number_of(row, "created"),
            .expires = number_of(row, "expires"),
            .used = number_of(row, "used"),
-           .from = text_of(row, "from")};
+           .from = text_of(row, "from"),
+           .refused = number_of(row, "refused")};
   return !token.id.empty() && !token.name.empty();
 }
 
@@ -64,11 +70,12 @@ Json document_of(const std::vector<Token>& tokens) {
   for (const Token& token : tokens) {
     json_array_append_new(
         rows.get(),
-        json_pack("{s:s, s:s, s:s, s:s, s:s, s:I, s:I, s:I, s:s}", "id", token.id.c_str(), "name",
-                  token.name.c_str(), "scope", name_of(token.scope), "hash", token.hash.c_str(),
-                  "by", fenro::valid_utf8(token.by).c_str(), "created", json_int_t{token.created},
-                  "expires", json_int_t{token.expires}, "used", json_int_t{token.used}, "from",
-                  fenro::valid_utf8(token.from).c_str()));
+        json_pack("{s:s, s:s, s:s, s:s, s:s, s:I, s:I, s:I, s:s, s:I}", "id", token.id.c_str(),
+                  "name", token.name.c_str(), "scope", name_of(token.scope), "hash",
+                  token.hash.c_str(), "by", fenro::valid_utf8(token.by).c_str(), "created",
+                  json_int_t{token.created}, "expires", json_int_t{token.expires}, "used",
+                  json_int_t{token.used}, "from", fenro::valid_utf8(token.from).c_str(), "refused",
+                  json_int_t{token.refused}));
   }
   return Json{json_pack("{s:o}", "tokens", rows.release())};
 }
@@ -180,7 +187,20 @@ void note_use(const std::string& id, const std::string& address, int64_t now) {
   if (token == tokens.end()) return;
   token->used = now;
   token->from = address;
+  token->refused = 0;
   std::ignore = store(tokens);
+}
+
+// Whether this is the first refusal. One that cannot be noted is not reported, or each request
+// would be a row of the audit trail.
+bool note_refusal(const std::string& id, int64_t now) {
+  const Fd turn = take_turn();
+  std::vector<Token> tokens;
+  if (!turn || !list(tokens)) return false;
+  const auto token = std::ranges::find(tokens, id, &Token::id);
+  if (token == tokens.end() || token->refused != 0) return false;
+  token->refused = now;
+  return store(tokens);
 }
 
 std::string too_many(std::time_t seconds) {
@@ -196,6 +216,17 @@ Places& places() {
 
 const char* name_of(Scope scope) {
   return SCOPES[static_cast<size_t>(scope)];
+}
+
+const char* name_of(State state) {
+  return STATES[static_cast<size_t>(state)];
+}
+
+State state_of(const Token& token, int64_t now) {
+  if (now >= token.expires) return State::Expired;
+  const bool bound = !token.by.empty() && token.by != COMMAND_LINE;
+  return bound && !User_Belongs_To_Group(token.by.c_str(), ADMINISTRATORS) ? State::NoMaker
+                                                                           : State::Valid;
 }
 
 std::optional<Scope> scope_named(std::string_view name) {
@@ -271,14 +302,21 @@ Holder check(std::string_view authorization, const std::string& address, int64_t
   std::vector<Token> tokens;
   if (!list(tokens)) return {.refusal = no_file().reason};
   const Token* const token = find_token(tokens, bearer_of(authorization));
-  // A program that still sends an expired token is not guessing, and must not close its address.
-  if (token && now >= token->expires) return {.refusal = NOT_VALID};
+  // A program that still sends such a token is not guessing, and must not close its address.
+  const State state = token ? state_of(*token, now) : State::Valid;
+  if (state == State::Expired) return {.refusal = NOT_VALID};
+  if (state == State::NoMaker) {
+    const bool first = token->refused == 0 && note_refusal(token->id, now);
+    return {
+        .refusal = NOT_VALID, .orphan = first ? token->name : "", .maker = first ? token->by : ""};
+  }
   if (!token) {
     // The address stands for the user, so that attempts from elsewhere do not count against it.
     std::ignore = throttle.admit(address, address, clock);  // it is refused anyway
     return {.refusal = NOT_VALID, .closes = throttle.retry_after(address, clock) > 0};
   }
-  if (now - token->used >= NOTE_SECONDS || token->used > now) note_use(token->id, address, now);
+  if (now - token->used >= NOTE_SECONDS || token->used > now || token->refused != 0)
+    note_use(token->id, address, now);
   return {HOLDER + token->name, token->scope};
 }
 

@@ -3,9 +3,12 @@
 // They are in /etc/config/ormel/tokens.json, for root alone:
 //   {"tokens": [{"id": "7f3a09c2", "name": "prometheus", "scope": "metrics", "hash": SHA-256 of the
 //    secret's 32 bytes, "by": "admin", "created": SECONDS, "expires": SECONDS, "used": SECONDS,
-//    "from": ADDRESS}]}
+//    "from": ADDRESS, "refused": SECONDS}]}
 // A token is the text ormel_ID_SECRET. Its secret is kept nowhere, and shown once. The file is in
 // no backup and no snapshot: a token that was removed must not come back.
+//
+// A token is good for no longer than its maker is an administrator. One that root has made on the
+// command line ends by its time alone, and so does one whose row has no maker.
 //
 // A program with a token acts as the user "token:NAME", which no account of a host can be called.
 #pragma once
@@ -31,12 +34,21 @@ struct Token {
   std::string id, name;
   Scope scope = Scope::Metrics;
   std::string hash;
-  std::string by;       // who has made it
+  std::string by;       // who has made it; "root" for the command line
   int64_t created = 0;  // seconds since 1970, as all times here
   int64_t expires = 0;  // the first second in which it is no longer valid
   int64_t used = 0;     // the latest use, noted once a minute at the most; 0 for never
   std::string from{};   // where it came from
+  int64_t refused = 0;  // the first use that was refused for its maker; 0 for none
 };
+
+enum class State {
+  Valid,
+  Expired,
+  NoMaker,  // who has made it is no administrator any more
+};
+[[nodiscard]] const char* name_of(State state);  // "valid", "expired" or "no-maker"
+[[nodiscard]] State state_of(const Token& token, int64_t now);
 
 constexpr int64_t SHORTEST_LIFE = 60;
 constexpr int64_t LONGEST_LIFE = int64_t{3660} * 86400;
@@ -66,14 +78,16 @@ struct Holder {
   Scope scope = Scope::Metrics;
   std::string refusal{};  // why it is not
   bool closes = false;    // the address is closed to all tokens from now on
+  // The token and its maker, when it is refused for that maker and was not before.
+  std::string orphan{}, maker{};
 };
 
 // Whether a header "Authorization" has a token in it, valid or not.
 [[nodiscard]] bool is_bearer(std::string_view authorization);
 
 // Checks the header "Authorization" of a request from `address`, and notes the use. Unknown,
-// malformed and expired tokens get the same refusal. Ten wrong ones from one address close it to
-// all tokens for a quarter of an hour.
+// malformed and expired tokens and those without their maker get the same refusal. Ten wrong ones
+// from one address close it to all tokens for a quarter of an hour.
 [[nodiscard]] Holder check(std::string_view authorization, const std::string& address, int64_t now);
 
 // Where the file and the counters of wrong tokens are; for tests.

@@ -314,6 +314,10 @@ Verdict Pending::undo(const Origin& origin, int id, Plan& done, Snapshot& restor
     return {ERR_CONFIGURE_INDEX,
             id == 0 ? "there is nothing to undo" : "there is no change " + std::to_string(id)};
   restored = *chosen;
+  const Restore restore(snapshots_, host_.run);
+  if (const Plan plan = restore.plan(restored); plan.files.empty() && !plan.kept.empty())
+    return {ERR_NOT_SUPPORT,
+            plan.kept + "; \"ormelctl cert rotate authority\" begins another change-over"};
   std::string reason = "snapshot " + std::to_string(restored.id) + " cannot be kept";
   // Held, or the snapshot of this moment could push out the oldest one while that is restored.
   const int saved = snapshots_.hold(restored.id) ? snapshots_.take(origin, reason) : 0;
@@ -322,7 +326,6 @@ Verdict Pending::undo(const Origin& origin, int id, Plan& done, Snapshot& restor
     return {ERR_SAVE_FILE, reason + "; nothing was changed"};
   }
   reason.clear();
-  const Restore restore(snapshots_, host_.run);
   const int rc = restore.run(restored, done, reason);
   const bool begun = rc == NO_ERROR ? !done.files.empty() : restore.unfinished();
   if (!begun) snapshots_.drop(saved);

@@ -1,14 +1,17 @@
 #include "ormel/changes/restore.h"
 
 #include <algorithm>
+#include <ctime>
 #include <iterator>
 #include <unistd.h>
 
 #include "base/file.h"
 #include "base/second_factor.h"
 #include "base/tunnel.h"
+#include "ormel/actions/certificate_rotation.h"
 #include "ormel/base/error.h"
 #include "ormel/base/handle.h"
+#include "ormel/base/text.h"
 #include "ormel/changes/settings_text.h"
 #include "ormel/changes/state_files.h"
 #include "ormel/config/pool.h"
@@ -19,6 +22,7 @@ namespace ormel::changes {
 
 namespace {
 
+constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
 constexpr const char* JOURNAL = "/pending/restore.json";
 constexpr const char* WAKE_GATEWAY = "external_dev.update_vpn_gw";
 constexpr const char* KIND_WORDS[] = {"run", "start", "register", "unregister", "gateway"};
@@ -110,6 +114,20 @@ std::string section_of_profile(const StateFile& row, const std::string& path) {
   return {};
 }
 
+// The step of a rotation that the server's next start would take at once; empty for none.
+std::string step_again(const std::string& text) {
+  using certificates::Phase;
+  const certificates::Rotation state = certificates::parse_rotation(text);
+  const std::time_t now = std::time(nullptr);
+  const bool changes = state.phase == Phase::Overlap && state.change <= now;
+  const bool ends = state.phase == Phase::Changed && state.end <= now;
+  if (!changes && !ends) return {};
+  return std::string("the certificates of the OpenVPN server stay as they are: ") +
+         (changes ? "their change-over was due on " : "the end of the old authority was due on ") +
+         clock_text(changes ? state.change : state.end) +
+         ", and the server's next start would take it again";
+}
+
 Json json_of(const std::vector<Step>& steps) {
   Json rows{json_array()};
   for (const Step& step : steps) {
@@ -179,9 +197,21 @@ std::string Restore::settings_now() const {
   return text;
 }
 
+std::vector<std::string> Restore::files_of(const Snapshot& snapshot, std::string& why) const {
+  std::vector<std::string> files = snapshots_.changed_since(snapshot);
+  std::string step = step_again(snapshots_.content(snapshot, ROTATION).value_or(""));
+  if (step.empty()) return files;
+  const auto dropped = std::erase_if(files, [](const std::string& path) {
+    const StateFile* const row = find_state_file(path);
+    return row && row->part == Part::Certificates;
+  });
+  if (dropped > 0) why = std::move(step);
+  return files;
+}
+
 Plan Restore::plan(const Snapshot& snapshot) const {
   Plan plan;
-  plan.files = snapshots_.changed_since(snapshot);
+  plan.files = files_of(snapshot, plan.kept);
   const SettingsText now{settings_now()};
   const SettingsText then{snapshots_.content(snapshot, config::VPN_CONF).value_or("")};
   std::vector<std::string> sections;
@@ -222,7 +252,8 @@ bool Restore::put_back(const Snapshot& snapshot, const std::string& path) const 
 
 bool Restore::put_back(const Snapshot& snapshot, std::string& reason) const {
   bool whole = true;
-  for (const std::string& path : snapshots_.changed_since(snapshot)) {
+  std::string ignored;
+  for (const std::string& path : files_of(snapshot, ignored)) {
     if (find_state_file(path) && put_back(snapshot, path)) continue;
     reason += (reason.empty() ? "" : ", ") + path;
     whole = false;

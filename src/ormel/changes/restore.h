@@ -34,6 +34,7 @@ struct Plan {
   std::vector<Step> before;        // while the old settings are in place
   std::vector<Step> after;
   std::vector<std::string> failed{};  // programs of `after` that did not do their work
+  std::string kept{};                 // why certificates that differ stay as they are
 };
 
 enum class Moment {
@@ -60,6 +61,9 @@ class Restore {
 
  private:
   [[nodiscard]] std::string settings_now() const;
+  // The files to put back. Without the certificates where the OpenVPN server's next start would
+  // take a step of their rotation again, whose day has passed; `why` says so then.
+  [[nodiscard]] std::vector<std::string> files_of(const Snapshot& snapshot, std::string& why) const;
   [[nodiscard]] bool put_back(const Snapshot& snapshot, std::string& reason) const;
   [[nodiscard]] bool put_back(const Snapshot& snapshot, const std::string& path) const;
   std::vector<std::string> take(const std::vector<Step>& steps) const;  // those that failed

@@ -1,10 +1,15 @@
 #include "ormel/config/pool.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
+#include <sys/stat.h>
 
+#include "base/file.h"
+#include "base/lines.h"
 #include "base/tunnel.h"
 #include "ormel/base/error.h"
 #include "ormel/base/handle.h"
@@ -16,11 +21,33 @@ namespace ormel::config {
 namespace {
 
 constexpr const char* FIRST_VERSION = "0.0.1";
+constexpr std::string_view BLANKS = " \t\r\n\xEF\xBB\xBF";  // with the mark of UTF-8
 constexpr int MAX_USER_PROFILES = 16;  // client profiles that belong to no application
 
 }  // namespace
 
 Management cm;
+
+std::string fault_of_settings(const char* path) {
+  struct stat info {};
+  if (stat(path, &info) != 0 && errno == ENOENT) return {};
+  if (S_ISDIR(info.st_mode)) return std::string(path) + " is a folder";
+  std::string text;
+  if (const int failure = fenro::read_file(path, text); failure != 0) {
+    const char* const why = strerrordesc_np(failure);
+    return std::string(path) +
+           (failure == EINVAL ? " is not a regular file, or far too large"
+                              : " cannot be read: " + std::string(why ? why : "unknown error"));
+  }
+  if (text.find('\0') != std::string::npos) return std::string(path) + " holds binary data";
+  bool blank = true;
+  for (std::string_view rest = text; !rest.empty();) {
+    const std::string_view line = fenro::trimmed(fenro::take_line(rest), BLANKS);
+    if (line.starts_with('[') && line.find(']') != std::string_view::npos) return {};
+    blank = blank && line.empty();
+  }
+  return blank ? std::string() : std::string(path) + " has no section: it holds no settings";
+}
 
 int Management::load(const char* path) {
   const Conf conf{Conf_Dir_Load(path)};

@@ -16,6 +16,11 @@ namespace ormel::config {
 
 constexpr const char* VPN_CONF = "/etc/config/vpn.conf";
 
+// Why a settings file cannot be read, which `load` below takes for one without any record: it is no
+// regular file, cannot be opened, or does not hold settings. Empty for a good one, an empty one,
+// and a missing one, as a new host has it.
+[[nodiscard]] std::string fault_of_settings(const char* path = VPN_CONF);
+
 class Management {
  public:
   using PolyConfigPool = std::vector<std::unique_ptr<PolyConfig>>;

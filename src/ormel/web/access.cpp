@@ -10,6 +10,7 @@
 
 #include "base/second_factor.h"
 #include "base/utf8.h"
+#include "ormel/actions/audit.h"
 #include "ormel/base/text.h"
 #include "ormel/host/event_log.h"
 #include "ormel/web/process.h"
@@ -71,6 +72,17 @@ void blank(json_t* value) {
   }
 }
 
+// A token that its maker's leaving has ended: once, not for each request that is still sent with
+// it.
+void report_orphan(const ormel::token::Holder& holder, const std::string& address) {
+  const std::string maker = fenro::valid_utf8(holder.maker);
+  system::add_log("[ORMEL Service] The token " + holder.orphan + " is refused: " + maker +
+                      ", who has made it, is no administrator any more.",
+                  WARNING);
+  ormel::audit::note({"token:" + holder.orphan, "web", address}, "token/refused", holder.orphan,
+                     {{"administrator " + maker, "yes", "no"}}, ERR_SESSION_FAIL);
+}
+
 }  // namespace
 
 std::string client_address() {
@@ -89,6 +101,7 @@ ormel::token::Holder holder_of(const std::string& authorization) {
                         (address.empty() ? "an unknown address" : address) +
                         ": no token is taken from there for 15 minutes.",
                     WARNING);
+  if (!holder.orphan.empty()) report_orphan(holder, address);
   return holder;
 }
 

@@ -1,7 +1,6 @@
 // The routes of the audit trail: its rows, newest first, and whether its chain is whole.
 #include "ormel/actions/audit.h"
 
-#include <cstdlib>
 #include <string>
 
 #include "ormel/actions/audit_row.h"
@@ -24,10 +23,12 @@ Outcome unreadable() {
 }
 
 Outcome show_entries(const Request& request, JsonValue& reply) {
+  const auto since = request.whole("since", 0);
+  if (!since) return {ERR_VALUE, "since is a number of seconds"};
   const Query query{.lower = request.number("lower", FIRST_ROW),
                     .upper = request.number("upper", LAST_ROW),
                     .user = request.value("user"),
-                    .since = std::strtoll(request.value("since"), nullptr, 10),
+                    .since = *since,
                     .oldest_first = std::string_view(request.value("order")) == "asc"};
   if (query.lower < 0 || query.upper - query.lower >= MOST_ROWS)
     return {ERR_VALUE, "at most " + std::to_string(MOST_ROWS) + " entries are sent at once"};

@@ -1,5 +1,4 @@
 // The list of all certificates, and renewal of the OpenVPN server's.
-#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -84,12 +83,11 @@ Outcome renew(const Request&, JsonValue&) {
 // `step` is "begin" with an `overlap` in seconds, "advance" or "cancel".
 Outcome rotate(const Request& request, JsonValue& reply) {
   const std::string step = request.value("step");
-  const long overlap = request.filled("overlap")
-                           ? std::strtol(request.value("overlap"), nullptr, 10)
-                           : USUAL_OVERLAP;
+  const auto overlap = request.whole("overlap", USUAL_OVERLAP);
+  if (!overlap) return {ERR_VALUE, "overlap is a number of seconds"};
   Outcome outcome;
   if (step == "begin") {
-    outcome.code = ormel::certificates::rotate(overlap, outcome.reason);
+    outcome.code = ormel::certificates::rotate(*overlap, outcome.reason);
   } else if (step == "advance") {
     outcome.code = ormel::certificates::advance(outcome.reason);
   } else if (step == "cancel") {

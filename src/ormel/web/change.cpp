@@ -66,6 +66,7 @@ Outcome undo(const Request& request, JsonValue& reply) {
   show_texts(done.files, data["files"]);
   show_texts(changes::affected(done), data["affected"]);
   show_texts(done.failed, data["failed"]);
+  data["kept"] = done.kept;
   return {};
 }
 

@@ -20,7 +20,8 @@ namespace ormel::cgi::grant {
 namespace {
 
 constexpr const char* STORE_FAULT =
-    "grants.json cannot be changed: it is damaged (restore a backup, or remove it), or there is no "
+    "grants.json cannot be changed: it is damaged (ormelctl doctor says what to do), or there is "
+    "no "
     "space on /var/lib/ormel";
 
 // The servers that a grant can be of.

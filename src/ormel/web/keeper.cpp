@@ -1,5 +1,4 @@
 // What the keeper keeps running, and who is notified of its events.
-#include <cstdlib>
 #include <initializer_list>
 #include <string>
 
@@ -52,9 +51,10 @@ Outcome store(const Request& request, JsonValue& reply) {
 Outcome test(const Request& request, JsonValue& reply) {
   if (!request.filled("test")) return ask("notify.test", texts_of(request, {"name"}), reply);
   request.changes_nothing();
+  const auto test = request.whole("test", 0);
+  if (!test) return {ERR_VALUE, "test is a whole number"};
   Json number{json_object()};
-  json_object_set_new(number.get(), "test",
-                      json_integer(std::strtoll(request.value("test"), nullptr, 10)));
+  json_object_set_new(number.get(), "test", json_integer(*test));
   return ask("notify.result", number, reply);
 }
 

@@ -419,11 +419,17 @@ void add_questions(std::vector<Source>& all, const system::BusDaemon& daemon,
 
 std::vector<Source> sources(const ormel::config::Management& pool, bool users) {
   const std::vector<Profile> profiles = profiles_in(pool);
-  std::vector<Source> all{{[&pool] { return server_samples(pool); }},
-                          {[profiles] { return tunnel_samples(profiles); }},
-                          {[profiles] { return handshake_samples(profiles); }},
-                          {[&pool] { return session_samples() + device_samples(pool); }},
+  const bool readable = ormel::config::fault_of_settings().empty();
+  std::vector<Source> all{{[readable] { return sample("ormel_config_readable", {}, readable); }},
+                          {session_samples},
                           {[&pool, profiles] { return certificate_samples(pool, profiles); }}};
+  // What damaged settings seem to say, everything being off, is not so.
+  if (readable) {
+    all.push_back({[&pool] { return server_samples(pool); }});
+    all.push_back({[&pool] { return device_samples(pool); }});
+    all.push_back({[profiles] { return tunnel_samples(profiles); }});
+    all.push_back({[profiles] { return handshake_samples(profiles); }});
+  }
   if (users) all.push_back({user_samples});
   for (const system::BusDaemon& daemon : system::BUS_DAEMONS) add_questions(all, daemon, profiles);
   return all;

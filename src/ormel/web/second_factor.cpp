@@ -1,19 +1,26 @@
 // The second factor of the session's user: set up with an authenticator app, and switched off with
-// one of its codes. No variable names another user.
+// one of its codes. Both need the password: with a session alone, somebody who has found one open
+// could shut its user out. No variable names another user.
 #include "base/second_factor.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <ctime>
+#include <iterator>
 #include <thread>
 #include <unistd.h>
 
 #include <fenro/mibservice.h>
 
+#include "base/login_throttle.h"
 #include "ormel/actions/log_db.h"
 #include "ormel/base/handle.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
+#include "ormel/host/event_log.h"
 #include "ormel/host/process.h"
+#include "ormel/web/access.h"
 #include "ormel/web/routes.h"
 
 namespace ormel::cgi::my {
@@ -25,6 +32,8 @@ using fenro::SecondFactors;
 namespace {
 
 constexpr const char* SESSION_TOOL = "/usr/lib/fenro/fenro-session";
+constexpr const char* PASSWORD_TOOL = "/usr/sbin/fenro-password";
+constexpr int WARNING = 1;  // of an event
 constexpr auto WRONG_CODE_PAUSE = std::chrono::seconds(1);
 
 const Outcome UNWRITABLE{ERR_SAVE_FILE,
@@ -37,6 +46,9 @@ const Outcome DAMAGED{
     "what is stored of the second factor is damaged: an administrator can reset it"};
 const Outcome NOT_BEGUN{ERR_NOT_SUPPORT, "the set-up has not begun, or took too long: begin again"};
 const Outcome BLOCKED{ERR_ACCESS, "blocked after too many wrong codes: log in again with a code"};
+const Outcome NO_PASSWORD{ERR_MISS_OPTION, "password"};
+const Outcome WRONG_PASSWORD{ERR_SESSION_PASS, "the password is wrong"};
+const Outcome UNCOUNTED{ERR_GENERAL, "/run/fenro/login cannot be written"};
 const Outcome WRONG_CODE{ERR_VALUE, "this code is wrong, or was used before"};
 
 // Stores the user's second factor as `edit` leaves it: on success, and after a wrong code, which
@@ -55,16 +67,44 @@ std::string host_name() {
   return gethostname(name, sizeof name - 1) == 0 && name[0] ? name : "VPN";
 }
 
-// Ends sessions that a password alone has begun, once it no longer suffices: one may belong to
-// somebody else who knows it. The id is a secret, so it is not an argument.
-void end_other_sessions(const Request& request) {
-  const std::string input = std::string(request.value("sid")) + '\n';
-  const std::vector<std::string> command = {SESSION_TOOL, "end-others", "-"};
+// Whether a program of the platform succeeds that gets a secret, which is no argument.
+bool succeeds(const std::vector<std::string>& command, std::string secret) {
+  secret += '\n';
   const MibIo in{mib_io_create()}, out{mib_io_create()}, errors{mib_io_create()};
   const bool done =
-      in && mib_io_write(in.get(), input.data(), input.size()) == static_cast<int>(input.size()) &&
+      in &&
+      mib_io_write(in.get(), secret.data(), secret.size()) == static_cast<int>(secret.size()) &&
       mib_io_execv(in.get(), out.get(), errors.get(), system::Argv(command).get()) == 0;
-  if (!done) ORMEL_LOG(ERROR, "the user's other sessions could not be ended");
+  explicit_bzero(secret.data(), secret.size());
+  return done;
+}
+
+// Wrong passwords count as at the web login, so that a session is no way around its limits.
+Outcome check_password(const Request& request, const std::string& user) {
+  if (!request.filled("password")) return NO_PASSWORD;
+  const fenro::LoginThrottle throttle{fenro::WEB_LOGINS};
+  const std::string address = client_address();
+  const auto admission = throttle.admit(user, address, fenro::LoginThrottle::clock());
+  if (!admission) return UNCOUNTED;
+  if (admission->retry_after > 0)
+    return {ERR_ACCESS, "too many wrong passwords: try again in " +
+                            std::to_string(admission->retry_after) + " s"};
+  std::this_thread::sleep_for(admission->delay);
+  if (!succeeds({PASSWORD_TOOL, "--check", user}, request.value("password"))) {
+    system::add_log(
+        "[ORMEL Service] Wrong password of " + user + " for a change of the second factor.",
+        WARNING);
+    return WRONG_PASSWORD;
+  }
+  throttle.succeed(user, address, fenro::LoginThrottle::clock());
+  return {};
+}
+
+// Sessions that a password alone has begun end once it is not enough any more: somebody else who
+// knows it may have one, which was good for the set-up only.
+void end_other_sessions(const Request& request) {
+  if (!succeeds({SESSION_TOOL, "end-others", "-"}, request.value("sid")))
+    ORMEL_LOG(ERROR, "the user's other sessions could not be ended");
 }
 
 // An unfinished set-up begins again. It has no effect before it is confirmed, so it leaves no row
@@ -72,6 +112,11 @@ void end_other_sessions(const Request& request) {
 Outcome begin(const Request& request, JsonValue& reply) {
   request.changes_nothing();
   const std::string user = request.name();
+  const SecondFactor now = SecondFactors{}.of(user);
+  // A session that is good for the set-up alone comes from a login by this very password.
+  if (!now.asks() && !now.is_missing()) {
+    if (Outcome refused = check_password(request, user); refused.code != NO_ERROR) return refused;
+  }
   std::string secret;
   Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
     if (factor.asks()) return IS_ON;
@@ -131,9 +176,8 @@ Outcome confirm(const Request& request, JsonValue& reply) {
 
 // Wrong codes count like wrong passwords, even while that policy is off: a session must not be
 // enough to guess one. The store's lock keeps attempts from running in parallel.
-Outcome switch_off(const Request& request, JsonValue&) {
-  const std::string user = request.name();
-  Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
+Outcome take_code_and_remove(const Request& request, const std::string& user) {
+  return change(user, [&](SecondFactor& factor) -> Outcome {
     if (factor.state != SecondFactor::State::On) return IS_OFF;
     if (factor.misses >= fenro::MOST_MISSES || check_privilege_user_block(user.c_str()) != 0)
       return BLOCKED;
@@ -147,7 +191,15 @@ Outcome switch_off(const Request& request, JsonValue&) {
     factor.required = required;
     return {};
   });
-  if (outcome.code == ERR_ACCESS || outcome.code == ERR_NOT_SUPPORT) request.changes_nothing();
+}
+
+Outcome switch_off(const Request& request, JsonValue&) {
+  const std::string user = request.name();
+  const bool is_on = SecondFactors{}.of(user).state == SecondFactor::State::On;
+  Outcome outcome = is_on ? check_password(request, user) : Outcome{};
+  if (outcome.code == NO_ERROR) outcome = take_code_and_remove(request, user);
+  constexpr int UNTRIED[] = {ERR_ACCESS, ERR_NOT_SUPPORT, ERR_MISS_OPTION};
+  if (std::ranges::find(UNTRIED, outcome.code) != std::end(UNTRIED)) request.changes_nothing();
   if (outcome.code == ERR_VALUE) std::this_thread::sleep_for(WRONG_CODE_PAUSE);
   return outcome;
 }

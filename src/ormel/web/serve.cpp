@@ -11,6 +11,7 @@
 #include <fenro/auth.h>
 
 #include "base/body.h"
+#include "base/lines.h"
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
 #include "ormel/changes/recording.h"
@@ -193,6 +194,12 @@ std::string Request::name() const {
 
 int Request::number(const char* name, int fallback) const {
   return filled(name) ? to_int(value(name)) : fallback;
+}
+
+std::optional<int64_t> Request::whole(const char* name, int64_t fallback) const {
+  int64_t number = fallback;
+  if (filled(name) && !fenro::parse_number(value(name), number)) return {};
+  return number;
 }
 
 std::vector<char*> Request::values(const char* name) const {

@@ -4,6 +4,7 @@
 // route has data. Every answer is an HTTP 200; `error` alone tells the outcome.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <span>
@@ -55,6 +56,8 @@ class Request : public CgiRequest {
   [[nodiscard]] bool filled(const char* name) const { return *value(name) != '\0'; }
   // The number that a variable says, `fallback` for one that is missing or empty.
   [[nodiscard]] int number(const char* name, int fallback) const;
+  // The same, of any size; nothing for a text that is not one whole number.
+  [[nodiscard]] std::optional<int64_t> whole(const char* name, int64_t fallback) const;
   // All values of a variable, in their order, where repeated ones count; those that are missing or
   // damaged are left out. They may be written to.
   [[nodiscard]] std::vector<char*> values(const char* name) const;

@@ -1,7 +1,7 @@
 // The tokens of other programs, and the description of all routes that they read.
 #include "ormel/actions/token.h"
 
-#include <cstdlib>
+#include <ctime>
 #include <memory>
 
 #include "base/utf8.h"
@@ -25,6 +25,7 @@ void show(const Token& token, JsonValue& out) {
   out["expires"] = token.expires;
   out["used"] = token.used;
   out["from"] = fenro::valid_utf8(token.from);
+  out["state"] = name_of(state_of(token, std::time(nullptr)));
 }
 
 Outcome list(const Request&, JsonValue& reply) {
@@ -41,12 +42,11 @@ Outcome list(const Request&, JsonValue& reply) {
 }
 
 Outcome add(const Request& request, JsonValue& reply) {
-  const int64_t life = request.filled("seconds")
-                           ? std::strtoll(request.value("seconds"), nullptr, 10)
-                           : ormel::token::DEFAULT_LIFE;
+  const auto life = request.whole("seconds", ormel::token::DEFAULT_LIFE);
+  if (!life) return {ERR_VALUE, "seconds is a whole number"};
   Token made;
   std::string text;
-  const Verdict verdict = ormel::token::add(request.value("name"), request.value("scope"), life,
+  const Verdict verdict = ormel::token::add(request.value("name"), request.value("scope"), *life,
                                             origin_of(request, "").user, made, text);
   if (verdict.code != NO_ERROR) return {verdict.code, verdict.reason};
   JsonValue& data = reply["data"];

@@ -1,6 +1,7 @@
 #include "base/grants.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -92,6 +93,31 @@ TEST_F(GrantsTest, NeverReplaceADamagedFile) {
     EXPECT_FALSE(open());
     EXPECT_EQ(scratch.read("state/grants.json"), row.text);
   }
+}
+
+TEST_F(GrantsTest, KeepTheirEndsByTheLastGoodCopyOfADamagedFile) {
+  const auto copy = [&] { return scratch.read("state/grants.json.good"); };
+  put({.user = "bob", .devices = 1, .until = {{OPENVPN, 1000}}});
+  ASSERT_TRUE(keep_good_copy(file));
+  const std::string good = scratch.read("state/grants.json");
+  EXPECT_EQ(copy(), good);
+  for (const char* text : {"", "{", R"({"grants":[],"devices":[{}]})"}) {
+    SCOPED_TRACE(text);
+    scratch.write("state/grants.json", text);
+    ASSERT_TRUE(keep_good_copy(file));
+    EXPECT_EQ(copy(), good) << "what is damaged is not copied";
+    EXPECT_TRUE(has_ended("bob", OPENVPN, file, 1000));
+    EXPECT_FALSE(has_ended("bob", OPENVPN, file, 999));
+    const GrantBook book = read_grants(file);
+    EXPECT_TRUE(book.damaged && book.is_copy);
+    EXPECT_EQ(book.next_end(), 1000);
+    EXPECT_FALSE(open()) << "and nothing is changed";
+  }
+  scratch.write("state/grants.json.good", "{");
+  EXPECT_FALSE(read_grants(file).is_copy);
+  unlink(file.c_str());
+  keeper::Grants{[](const keeper::Report&) {}, file, "/bin/true"}.boot();
+  EXPECT_FALSE(std::filesystem::exists(file + ".good")) << "no ends were left: none come back";
 }
 
 TEST_F(GrantsTest, LoseNothingThatManyWriteAtOnce) {

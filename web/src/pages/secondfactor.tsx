@@ -30,6 +30,30 @@ export const isCode = (text: string): boolean => {
   return /^[0-9]{6}$/.test(plain) || /^[a-z2-7]{4}-[a-z2-7]{4}-[a-z2-7]{4}$/i.test(plain)
 }
 
+function PasswordField({
+  password,
+  onInput,
+}: {
+  password: string
+  onInput: (text: string) => void
+}) {
+  return (
+    <Field label={t('factor.password')}>
+      {ids => (
+        <input
+          {...ids}
+          name="password"
+          type="password"
+          autocomplete="current-password"
+          required
+          value={password}
+          onInput={event => onInput(event.currentTarget.value)}
+        />
+      )}
+    </Field>
+  )
+}
+
 // The codes cannot be shown again.
 function Recovery({ codes, onClose }: { codes: readonly string[]; onClose: () => void }) {
   const text = codes.join('\n') + '\n'
@@ -109,46 +133,68 @@ function SetUp({ begun, onDone }: { begun: Begun; onDone: (codes: string[]) => v
   )
 }
 
-// The whole set-up, from its button to the recovery codes.
-function Enrol({ onBegin, onDone }: { onBegin?: () => void; onDone: () => void }) {
+// The whole set-up, from the password to the recovery codes. A session that may do nothing else was begun with the
+// password a moment ago.
+function Enrol({
+  byPassword,
+  onBegin,
+  onDone,
+}: {
+  byPassword: boolean
+  onBegin?: () => void
+  onDone: () => void
+}) {
   const [begun, setBegun] = useState<Begun | null>(null)
   const [codes, setCodes] = useState<string[] | null>(null)
+  const [password, setPassword] = useState('')
   const job = useJob()
-  const begin = () =>
-    job.run('begin', async () => {
-      setBegun(await data<Begun>('my/totp_begin'))
+  const begin = async (event: Event) => {
+    event.preventDefault()
+    await job.run('begin', async () => {
+      setBegun(await data<Begun>('my/totp_begin', byPassword ? { password } : {}))
       onBegin?.()
     })
+    setPassword('')
+  }
   if (codes) return <Recovery codes={codes} onClose={onDone} />
   if (begun) return <SetUp begun={begun} onDone={setCodes} />
   return (
-    <>
+    <form onSubmit={event => void begin(event)}>
+      {byPassword && <PasswordField password={password} onInput={setPassword} />}
       <Failure failure={job.failure} />
-      <Button kind="primary" busy={job.busy !== ''} onClick={() => void begin()}>
+      <Button kind="primary" submit busy={job.busy !== ''} disabled={byPassword && password === ''}>
         {t('factor.begin')}
       </Button>
-    </>
+    </form>
   )
 }
 
 function SwitchOff({ onDone }: { onDone: () => void }) {
+  const [password, setPassword] = useState('')
   const [code, setCode] = useState('')
   const job = useJob()
   const send = async (event: Event) => {
     event.preventDefault()
     await job.run('off', async () => {
-      await call('my/totp_off', { code })
+      await call('my/totp_off', { password, code })
       say('factor.isOff')
       onDone()
     })
+    setPassword('')
     setCode('')
   }
   return (
     <form onSubmit={event => void send(event)}>
       <p class="help">{t('factor.offHelp')}</p>
+      <PasswordField password={password} onInput={setPassword} />
       <CodeField label={t('factor.code')} code={code} onInput={setCode} />
       <Failure failure={job.failure} />
-      <Button kind="danger" submit busy={job.busy !== ''} disabled={!isCode(code)}>
+      <Button
+        kind="danger"
+        submit
+        busy={job.busy !== ''}
+        disabled={!isCode(code) || password === ''}
+      >
         {t('factor.off')}
       </Button>
     </form>
@@ -193,6 +239,7 @@ export function SecondFactor({
       {on && <SwitchOff onDone={factor.required ? () => mustEnrol(true) : onChanged} />}
       {!on && factor.state !== 'damaged' && (
         <Enrol
+          byPassword
           onBegin={() => setEnrolling(true)}
           onDone={() => (setEnrolling(false), onChanged())}
         />
@@ -208,7 +255,7 @@ export function EnrolPage() {
       <div class="card">
         <h1>{t('factor.title')}</h1>
         <Notice>{t('factor.required')}</Notice>
-        <Enrol onDone={() => mustEnrol(false)} />
+        <Enrol byPassword={false} onDone={() => mustEnrol(false)} />
         <p class="row end">
           <button type="button" class="link" onClick={() => session.end()}>
             {t('login.other')}

@@ -30,6 +30,7 @@ interface Token {
   expires: number
   used: number
   from: string
+  state: 'valid' | 'expired' | 'no-maker'
 }
 
 const PAUSE = 30_000
@@ -84,6 +85,7 @@ function MakeDialog({ onClose, onMade }: { onClose: () => void; onMade: (text: s
 function Left({ token, now }: { token: Token; now: number }) {
   const days = daysLeft(token.expires, now)
   if (days < 0) return <Badge tone="bad">{t('token.ended')}</Badge>
+  if (token.state === 'no-maker') return <Badge tone="bad">{t('token.noMaker')}</Badge>
   const text = t('token.days', { n: days })
   return days < SOON ? <Badge tone="warn">{text}</Badge> : <>{text}</>
 }
@@ -103,7 +105,7 @@ const Row = ({ token, now, onRemove }: { token: Token; now: number; onRemove: ()
       <Left token={token} now={now} />
     </td>
     <td data-label={t('token.by')}>
-      <bdi>{token.by}</bdi>
+      <bdi>{token.by || t('token.unknown')}</bdi>
     </td>
     <td data-label="">
       <Button label={t('remove.name', { name: token.name })} onClick={onRemove}>

@@ -782,12 +782,14 @@ const german: Catalogue = {
   'token.nameHelp': 'Wer ihn benutzt. Änderungen werden unter diesem Namen aufgezeichnet.',
   'token.nameWrong': '1 bis 40 Buchstaben, Ziffern, Punkte, Binde- und Unterstriche.',
   'token.never': 'nie',
+  'token.noMaker': 'Abgewiesen: Wer ihn angelegt hat, ist kein Administrator mehr',
   'token.none': 'Kein Programm hat einen Schlüssel.',
   'token.read': 'Lesen, ohne Geheimnisse',
   'token.removeText': 'Das Programm, das ihn benutzt, wird von jetzt an abgewiesen.',
   'token.scope': 'Gut für',
   'token.scopeHelp': 'Geben Sie nicht mehr, als das Programm braucht.',
   'token.title': 'Zugangsschlüssel anderer Programme',
+  'token.unknown': 'unbekannt',
   'token.used': 'Zuletzt benutzt',
   'token.usedFrom': '{when}, von {from}',
   'token.valid': 'Gültig',
@@ -861,6 +863,7 @@ const german: Catalogue = {
 
   'refused.the-right-to-use-this-server-has-ended':
     'Das Recht, diesen Server zu benutzen, ist abgelaufen.',
+  'do.password': 'Das Passwort ist falsch.',
   'do.access': 'Das Gerät erlaubt das Ihrem Konto nicht.',
   'nav.my': 'Mein Zugang',
   'my.access': 'Was ich benutzen darf',
@@ -935,6 +938,7 @@ const german: Catalogue = {
   'factor.type': 'Geben Sie innerhalb von zehn Minuten den Code ein, den die App zeigt.',
   'factor.qr': 'QR-Code des Geheimnisses',
   'factor.secret': 'Das Geheimnis',
+  'factor.password': 'Ihr Passwort',
   'factor.code': 'Code',
   'factor.confirm': 'Bestätigen',
   'factor.isOn': 'Der zweite Faktor ist eingeschaltet.',
@@ -956,7 +960,8 @@ const german: Catalogue = {
   'factor.without':
     '{servers}: Dort dürfen Sie sich weiter allein mit dem Passwort anmelden, weil diese Protokolle keinen Platz für einen Code haben.',
   'factor.off': 'Ausschalten',
-  'factor.offHelp': 'Geben Sie zum Ausschalten einen Code der App oder einen Ersatzcode ein.',
+  'factor.offHelp':
+    'Geben Sie zum Ausschalten Ihr Passwort ein, und einen Code der App oder einen Ersatzcode.',
   'factor.damaged':
     'Was von Ihrem zweiten Faktor gespeichert ist, ist beschädigt; Ihre Anmeldungen werden abgelehnt. Bitten Sie einen Administrator, ihn zurückzusetzen.',
   'certRole.authority': 'OpenVPN-Zertifizierungsstelle',

@@ -750,12 +750,14 @@ export default {
   'token.nameHelp': 'What uses it. Changes are recorded under this name.',
   'token.nameWrong': '1 to 40 letters, digits, dots, hyphens and underscores.',
   'token.never': 'never',
+  'token.noMaker': 'Refused: its maker is no administrator any more',
   'token.none': 'No program has a token.',
   'token.read': 'Reading, without secrets',
   'token.removeText': 'The program that uses it is refused from now on.',
   'token.scope': 'Good for',
   'token.scopeHelp': 'Give no more than the program needs.',
   'token.title': 'Tokens of other programs',
+  'token.unknown': 'unknown',
   'token.used': 'Last use',
   'token.usedFrom': '{when}, from {from}',
   'token.valid': 'Valid for',
@@ -824,6 +826,7 @@ export default {
   'backup.wrong': 'The passphrase is wrong, or the file was changed.',
 
   'refused.the-right-to-use-this-server-has-ended': 'The right to use this server has ended.',
+  'do.password': 'The password is wrong.',
   'do.access': 'The appliance does not allow this for your account.',
   'nav.my': 'My access',
   'my.access': 'What I may use',
@@ -895,6 +898,7 @@ export default {
   'factor.type': 'Within ten minutes, type the code that the app shows.',
   'factor.qr': 'QR code of the secret',
   'factor.secret': 'The secret',
+  'factor.password': 'Your password',
   'factor.code': 'Code',
   'factor.confirm': 'Confirm',
   'factor.isOn': 'The second factor is on.',
@@ -914,7 +918,8 @@ export default {
   'factor.without':
     '{servers}: you may still log in there by password alone, as these protocols cannot carry a code.',
   'factor.off': 'Switch off',
-  'factor.offHelp': 'To switch it off, type a code of the app or a recovery code.',
+  'factor.offHelp':
+    'To switch it off, type your password, and a code of the app or a recovery code.',
   'factor.damaged':
     'Your stored second factor is damaged, so your logins are refused. Ask an administrator to reset it.',
   'certRole.authority': 'OpenVPN authority',

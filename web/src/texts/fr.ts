@@ -776,12 +776,14 @@ const french: Catalogue = {
   'token.nameHelp': 'Qui l’utilise. Les changements sont enregistrés sous ce nom.',
   'token.nameWrong': 'De 1 à 40 lettres, chiffres, points, traits d’union et traits bas.',
   'token.never': 'jamais',
+  'token.noMaker': 'Refusé : son auteur n’est plus administrateur',
   'token.none': 'Aucun programme n’a de jeton.',
   'token.read': 'Lecture, sans les secrets',
   'token.removeText': 'Le programme qui l’utilise est refusé dès maintenant.',
   'token.scope': 'Sert à',
   'token.scopeHelp': 'Ne donnez pas plus que ce dont le programme a besoin.',
   'token.title': 'Jetons d’autres programmes',
+  'token.unknown': 'inconnu',
   'token.used': 'Dernière utilisation',
   'token.usedFrom': '{when}, depuis {from}',
   'token.valid': 'Valable',
@@ -853,6 +855,7 @@ const french: Catalogue = {
   'backup.wrong': 'La phrase secrète est fausse, ou le fichier a été modifié.',
 
   'refused.the-right-to-use-this-server-has-ended': 'Le droit d’utiliser ce serveur a expiré.',
+  'do.password': 'Le mot de passe est faux.',
   'do.access': 'L’appareil ne permet pas cela à votre compte.',
   'nav.my': 'Mon accès',
   'my.access': 'Ce que je peux utiliser',
@@ -927,6 +930,7 @@ const french: Catalogue = {
   'factor.type': 'Dans les dix minutes, tapez le code que l’application affiche.',
   'factor.qr': 'Code QR du secret',
   'factor.secret': 'Le secret',
+  'factor.password': 'Votre mot de passe',
   'factor.code': 'Code',
   'factor.confirm': 'Confirmer',
   'factor.isOn': 'Le second facteur est activé.',
@@ -947,7 +951,8 @@ const french: Catalogue = {
   'factor.without':
     '{servers} : vous pouvez encore vous y connecter par mot de passe seul, car ces protocoles n’ont pas de place pour un code.',
   'factor.off': 'Désactiver',
-  'factor.offHelp': 'Pour le désactiver, tapez un code de l’application ou un code de secours.',
+  'factor.offHelp':
+    'Pour le désactiver, tapez votre mot de passe, et un code de l’application ou un code de secours.',
   'factor.damaged':
     'Ce qui est enregistré de votre second facteur est endommagé ; vos connexions sont refusées. Demandez à un administrateur de le réinitialiser.',
   'certRole.authority': 'Autorité OpenVPN',
