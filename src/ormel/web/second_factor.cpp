@@ -100,8 +100,8 @@ Outcome check_password(const Request& request, const std::string& user) {
   return {};
 }
 
-// Sessions that a password alone has begun end once it is not enough any more: somebody else who
-// knows it may have one, which was good for the set-up only.
+// Ends sessions that a password alone has begun, once it no longer suffices: one may belong to
+// somebody else who knows it.
 void end_other_sessions(const Request& request) {
   if (!succeeds({SESSION_TOOL, "end-others", "-"}, request.value("sid")))
     ORMEL_LOG(ERROR, "the user's other sessions could not be ended");

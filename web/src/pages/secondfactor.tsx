@@ -7,7 +7,7 @@ import { QrCode } from '../qr'
 import { useKept } from '../secretonce'
 import { session } from '../session'
 import { t } from '../texts'
-import { Button, Card, Dialog, Failure, Notice, say, useJob } from '../ui'
+import { Button, Card, Dialog, Failure, Field, Notice, say, useJob } from '../ui'
 
 export interface Factor {
   state: 'off' | 'pending' | 'on' | 'damaged'
