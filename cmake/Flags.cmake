@@ -34,15 +34,17 @@ add_link_options(-Wl,--as-needed -Wl,-z,relro)
 
 # Short runs spend most of their time on being started. The C++ library inside what is installed
 # spares each start its relocations, what nobody calls is left out, and the addresses that a start
-# has to set are listed in a hundredth of the space. The sanitizers and the coverage tools bring
-# their own ideas of all this.
+# has to set are listed in a hundredth of the space. Of our libraries the C functions alone are
+# exported. The sanitizers and the coverage tools bring their own ideas of all this.
 if(ORMEL_SANITIZE OR ORMEL_COVERAGE OR ORMEL_FUZZ)
   set(ORMEL_QUICK_START "")
   set(ORMEL_STATIC_START "")
+  set(ORMEL_C_EXPORTS "")
 else()
   set(ORMEL_QUICK_START -static-libstdc++ -static-libgcc
     -Wl,--exclude-libs,libstdc++.a:libgcc.a:libgcc_eh.a:libjansson.a:libnettle.a)
   set(ORMEL_STATIC_START -static-pie)  # for tools that need nothing of the host but its kernel
+  set(ORMEL_C_EXPORTS LINKER:--version-script=${PROJECT_SOURCE_DIR}/platform/exports.map)
   add_compile_options(-ffunction-sections -fdata-sections)
   add_link_options(-Wl,--gc-sections -Wl,-z,pack-relative-relocs)
 endif()
