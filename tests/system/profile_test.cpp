@@ -51,7 +51,7 @@ TEST_F(PptpProfile, IsChangedWithoutLibcurl) {
         run({"/usr/sbin/ormel", "-T256", "--modify=1", std::string("--name=") + name},
             {"LD_DEBUG=files"});
     EXPECT_THAT(changed.err, Not(HasSubstr("libcurl"))) << name;
-    EXPECT_THAT(changed.err, HasSubstr("libjansson"));
+    EXPECT_THAT(changed.err, HasSubstr("libfenro"));
   }
 }
 
