@@ -10,6 +10,7 @@
 #include <tuple>
 #include <unistd.h>
 
+#include "base/account.h"
 #include "base/file.h"
 #include "base/handle.h"
 #include "base/random_name.h"

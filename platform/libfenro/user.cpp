@@ -2,15 +2,14 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <ctime>
 #include <grp.h>
 #include <pwd.h>
-#include <shadow.h>
 #include <tuple>
 
 #include <fenro/auth.h>
 
+#include "base/account.h"
 #include "base/c_memory.h"
 #include "base/file.h"
 #include "base/handle.h"
@@ -20,9 +19,6 @@
 namespace fenro {
 namespace {
 
-constexpr std::size_t FIRST_BUFFER = 4096;
-constexpr std::size_t LAST_BUFFER = std::size_t{16}
-                                    << 20;  // a group with that much of a member list is no group
 constexpr int FIRST_GROUPS = 64;
 constexpr int LAST_GROUPS = 65536;
 constexpr std::string_view DOMAIN_MARKS = "\\@+";
@@ -30,20 +26,6 @@ constexpr std::array<std::string_view, 2> DIRECTORIES{"ldap", "sss"};
 constexpr std::array<std::string_view, 2> NO_SHELLS{"/nologin", "/false"};
 constexpr std::string_view LEAST_KEY = "UID_MIN";
 constexpr uid_t LEAST_PERSON = 1000;
-
-// Asks the name service with a buffer that grows until the answer fits.
-template <typename Record, typename Ask>
-std::optional<Record> look_up(std::vector<char>& buffer, Ask ask) {
-  for (buffer.resize(FIRST_BUFFER); buffer.size() <= LAST_BUFFER;
-       buffer.resize(buffer.size() * 2)) {
-    Record record{};
-    Record* found = nullptr;
-    const int error = ask(&record, buffer.data(), buffer.size(), &found);
-    if (found) return record;
-    if (error != ERANGE && error != EINTR) return {};
-  }
-  return {};
-}
 
 bool is_listed(const group& group, std::string_view user) {
   for (char** member = group.gr_mem; *member; ++member)
@@ -144,20 +126,6 @@ std::optional<User> find_user(const char* name) {
   last = {name, {}, now};
   if (record) last.user = User{record->pw_uid, record->pw_gid};
   return last.user;
-}
-
-bool is_locked(const char* name) {
-  constexpr std::time_t DAY = std::time_t{24} * 60 * 60;
-  constexpr char LOCKED = '!';  // precedes the hash; an account with "*" has no password here, but
-                                // may log in by other means
-  std::vector<char> buffer;
-  const auto record =
-      look_up<spwd>(buffer, [name](spwd* s, char* text, std::size_t size, spwd** found) {
-        return getspnam_r(name, s, text, size, found);
-      });
-  if (!record) return false;
-  const bool expired = record->sp_expire >= 0 && std::time(nullptr) / DAY >= record->sp_expire;
-  return expired || (record->sp_pwdp && *record->sp_pwdp == LOCKED);
 }
 
 Source source_of(const std::string& name, const std::vector<std::string>& local) {

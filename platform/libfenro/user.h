@@ -16,10 +16,6 @@ struct User {
 
 [[nodiscard]] std::optional<User> find_user(const char* name);
 
-// Returns whether the account's password is locked or the account has expired. Only root can read
-// that; for others the account counts as not locked.
-[[nodiscard]] bool is_locked(const char* name);
-
 enum class Source { Local, Ldap, Domain };
 
 // Where a name that the name service enumerates comes from: local ones are in the passwd file,

@@ -243,6 +243,10 @@ TEST_F(Monitoring, RefusesTheTokensOfWhoeverIsNoAdministratorAnyMore) {
   EXPECT_THAT(ctl({"audit"}).out, HasSubstr("token:theirs  web"));
   ASSERT_EQ(run({"/usr/bin/gpasswd", "-a", "admin", "administrators"}).status, 0);
   EXPECT_EQ(code(theirs), good);
+  ASSERT_EQ(run({"/usr/sbin/usermod", "-L", "admin"}).status, 0);
+  EXPECT_EQ(code(theirs), refused) << "a locked account has no sessions, and no tokens";
+  ASSERT_EQ(run({"/usr/sbin/usermod", "-U", "admin"}).status, 0);
+  EXPECT_EQ(code(theirs), good);
 }
 
 TEST_F(Monitoring, PromisesNoWayBackForATokenThatWouldNotGo) {

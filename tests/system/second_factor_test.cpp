@@ -226,6 +226,23 @@ TEST_F(SecondFactorLogin, WrongPasswordsForItCountAtTheLoginToo) {
   EXPECT_EQ(SecondFactors{}.of(USER).state, SecondFactor::State::Off);
 }
 
+// Who has the password and a session could else try codes at the login without an end.
+TEST_F(SecondFactorLogin, ThePasswordAloneForgivesNoWrongCode) {
+  const std::string sid = member(log_in(password), "sid");
+  enrol();
+  const fenro::LoginThrottle throttle{fenro::WEB_LOGINS};
+  for (int i = 1; i < fenro::LoginThrottle::USER_LIMIT; ++i)
+    ASSERT_TRUE(
+        throttle.admit(USER, "198.51.100." + std::to_string(i), fenro::LoginThrottle::clock()));
+  const std::string form = "sid=" + sid + "&password=" + password + "&code=";
+  EXPECT_THAT(https("/ormel/my/totp_off", {"--data", form + "000000"}).body,
+              HasSubstr("\"error\":9"));
+  EXPECT_THAT(https("/ormel/my/totp_off", {"--data", form + code_now()}).body,
+              HasSubstr("too many wrong passwords"));
+  fs::remove_all("/run/fenro/login");
+  EXPECT_EQ(https("/ormel/my/totp_off", {"--data", form + code_now()}).body, OK);
+}
+
 // The other logins by password, and the profile that asks for the code separately.
 TEST_F(SecondFactorLogin, PapTakesACodeAndTheProfileAsksForOne) {
   write("/etc/ppp/pap-secrets", "\"guest\"\tpptpd\t@login\t*\n");

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <tuple>
+#include <utility>
 
 #include "base/tunnel.h"
 
@@ -33,10 +34,13 @@ std::string titles_of(std::uint32_t servers) {
 void Grants::read_when_changed() {
   struct stat info {};
   if (stat(file_.c_str(), &info) != 0) info = {};
-  if (seen_ && is_same(info, *seen_)) return;
+  const bool same = seen_ && is_same(info, *seen_);
+  if (same && copied_) return;
   seen_ = info;
-  if (!keep_good_copy(file_))
+  const bool before = std::exchange(copied_, keep_good_copy(file_));
+  if (before && !copied_)
     std::fprintf(stderr, "fenro-keeperd: no copy of %s could be made\n", file_.c_str());
+  if (same) return;
   const GrantBook book = read_grants(file_);
   next_ = book.next_end();
   if (book.damaged && !damaged_)

@@ -37,6 +37,7 @@ class Grants {
   Reporter report_;
   std::string file_, tool_;
   std::optional<struct stat> seen_;  // of the file, as it was read; all zero for a missing one
+  bool copied_ = true;               // an older copy would lack ends: tried until it is made
   std::int64_t next_ = 0;            // end, 0 for none
   bool damaged_ = false;
   std::map<std::string, std::uint32_t>

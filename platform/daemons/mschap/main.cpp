@@ -19,6 +19,7 @@
 #include <fenro/auth.h>
 #include <fenro/event_log.h>
 
+#include "base/account.h"
 #include "base/file.h"
 #include "base/grants.h"
 #include "base/handle.h"

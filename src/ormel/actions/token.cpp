@@ -15,6 +15,7 @@
 
 #include <fenro/auth.h>
 
+#include "base/account.h"
 #include "base/login_throttle.h"
 #include "base/utf8.h"
 #include "ormel/base/crypto.h"
@@ -224,9 +225,11 @@ const char* name_of(State state) {
 
 State state_of(const Token& token, int64_t now) {
   if (now >= token.expires) return State::Expired;
-  const bool bound = !token.by.empty() && token.by != COMMAND_LINE;
-  return bound && !User_Belongs_To_Group(token.by.c_str(), ADMINISTRATORS) ? State::NoMaker
-                                                                           : State::Valid;
+  if (token.by.empty() || token.by == COMMAND_LINE) return State::Valid;
+  // A locked account ends its sessions, which must not live on as tokens.
+  const char* const maker = token.by.c_str();
+  return User_Belongs_To_Group(maker, ADMINISTRATORS) && !fenro::is_locked(maker) ? State::Valid
+                                                                                  : State::NoMaker;
 }
 
 std::optional<Scope> scope_named(std::string_view name) {

@@ -7,8 +7,9 @@
 // A token is the text ormel_ID_SECRET. Its secret is kept nowhere, and shown once. The file is in
 // no backup and no snapshot: a token that was removed must not come back.
 //
-// A token is good for no longer than its maker is an administrator. One that root has made on the
-// command line ends by its time alone, and so does one whose row has no maker.
+// A token is good for no longer than its maker is an administrator whose account is not locked. One
+// that root has made on the command line ends by its time alone, and so does one whose row has no
+// maker.
 //
 // A program with a token acts as the user "token:NAME", which no account of a host can be called.
 #pragma once
@@ -45,7 +46,7 @@ struct Token {
 enum class State {
   Valid,
   Expired,
-  NoMaker,  // who has made it is no administrator any more
+  NoMaker,  // who has made it is no administrator any more, or locked
 };
 [[nodiscard]] const char* name_of(State state);  // "valid", "expired" or "no-maker"
 [[nodiscard]] State state_of(const Token& token, int64_t now);

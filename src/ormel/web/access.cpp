@@ -77,7 +77,7 @@ void blank(json_t* value) {
 void report_orphan(const ormel::token::Holder& holder, const std::string& address) {
   const std::string maker = fenro::valid_utf8(holder.maker);
   system::add_log("[ORMEL Service] The token " + holder.orphan + " is refused: " + maker +
-                      ", who has made it, is no administrator any more.",
+                      ", who has made it, is no administrator any more, or locked.",
                   WARNING);
   ormel::audit::note({"token:" + holder.orphan, "web", address}, "token/refused", holder.orphan,
                      {{"administrator " + maker, "yes", "no"}}, ERR_SESSION_FAIL);

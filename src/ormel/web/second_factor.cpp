@@ -79,12 +79,21 @@ bool succeeds(const std::vector<std::string>& command, std::string secret) {
   return done;
 }
 
+const fenro::LoginThrottle& throttle() {
+  static const fenro::LoginThrottle of_logins{fenro::WEB_LOGINS};
+  return of_logins;
+}
+
+// Clears what was counted, once nothing is left to be guessed: after the password alone, a session
+// could be used to try any number of codes at the login.
+void forgive(const std::string& user) {
+  throttle().succeed(user, client_address(), fenro::LoginThrottle::clock());
+}
+
 // Wrong passwords count as at the web login, so that a session is no way around its limits.
 Outcome check_password(const Request& request, const std::string& user) {
   if (!request.filled("password")) return NO_PASSWORD;
-  const fenro::LoginThrottle throttle{fenro::WEB_LOGINS};
-  const std::string address = client_address();
-  const auto admission = throttle.admit(user, address, fenro::LoginThrottle::clock());
+  const auto admission = throttle().admit(user, client_address(), fenro::LoginThrottle::clock());
   if (!admission) return UNCOUNTED;
   if (admission->retry_after > 0)
     return {ERR_ACCESS, "too many wrong passwords: try again in " +
@@ -96,7 +105,6 @@ Outcome check_password(const Request& request, const std::string& user) {
         WARNING);
     return WRONG_PASSWORD;
   }
-  throttle.succeed(user, address, fenro::LoginThrottle::clock());
   return {};
 }
 
@@ -116,6 +124,7 @@ Outcome begin(const Request& request, JsonValue& reply) {
   // A session that is good for the set-up alone comes from a login by this very password.
   if (!now.asks() && !now.is_missing()) {
     if (Outcome refused = check_password(request, user); refused.code != NO_ERROR) return refused;
+    forgive(user);
   }
   std::string secret;
   Outcome outcome = change(user, [&](SecondFactor& factor) -> Outcome {
@@ -198,6 +207,7 @@ Outcome switch_off(const Request& request, JsonValue&) {
   const bool is_on = SecondFactors{}.of(user).state == SecondFactor::State::On;
   Outcome outcome = is_on ? check_password(request, user) : Outcome{};
   if (outcome.code == NO_ERROR) outcome = take_code_and_remove(request, user);
+  if (outcome.code == NO_ERROR) forgive(user);
   constexpr int UNTRIED[] = {ERR_ACCESS, ERR_NOT_SUPPORT, ERR_MISS_OPTION};
   if (std::ranges::find(UNTRIED, outcome.code) != std::end(UNTRIED)) request.changes_nothing();
   if (outcome.code == ERR_VALUE) std::this_thread::sleep_for(WRONG_CODE_PAUSE);

@@ -44,10 +44,13 @@ Outcome list(const Request&, JsonValue& reply) {
 Outcome add(const Request& request, JsonValue& reply) {
   const auto life = request.whole("seconds", ormel::token::DEFAULT_LIFE);
   if (!life) return {ERR_VALUE, "seconds is a whole number"};
+  // A session that ends meanwhile would make a token that depends on nobody.
+  const std::string maker = origin_of(request, "").user;
+  if (maker.empty()) return {ERR_SESSION_FAIL};
   Token made;
   std::string text;
-  const Verdict verdict = ormel::token::add(request.value("name"), request.value("scope"), *life,
-                                            origin_of(request, "").user, made, text);
+  const Verdict verdict =
+      ormel::token::add(request.value("name"), request.value("scope"), *life, maker, made, text);
   if (verdict.code != NO_ERROR) return {verdict.code, verdict.reason};
   JsonValue& data = reply["data"];
   show(made, data);

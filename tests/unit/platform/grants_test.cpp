@@ -120,6 +120,16 @@ TEST_F(GrantsTest, KeepTheirEndsByTheLastGoodCopyOfADamagedFile) {
   EXPECT_FALSE(std::filesystem::exists(file + ".good")) << "no ends were left: none come back";
 }
 
+TEST_F(GrantsTest, AreCopiedAsSoonAsThereIsRoomForTheCopy) {
+  put({.user = "bob", .devices = 1, .until = {{OPENVPN, 1000}}});
+  std::filesystem::create_directories(file + ".good/in the way");
+  keeper::Grants grants{[](const keeper::Report&) {}, file, "/bin/true"};
+  grants.tick(keeper::Grants::Time{});
+  std::filesystem::remove_all(file + ".good");
+  grants.tick(keeper::Grants::Time{});
+  EXPECT_EQ(scratch.read("state/grants.json.good"), scratch.read("state/grants.json"));
+}
+
 TEST_F(GrantsTest, LoseNothingThatManyWriteAtOnce) {
   constexpr int WRITERS = 16;
   for (int i = 0; i < WRITERS; ++i) {
