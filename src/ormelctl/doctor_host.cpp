@@ -208,9 +208,9 @@ constexpr void (*CHECKS[])(Findings& findings) = {check_files, check_daemons,   
 Findings damaged_files() {
   Findings findings;
   const std::string settings = ormel::config::VPN_CONF, grants = fenro::GRANTS;
-  if (const std::string fault = ormel::config::fault_of_settings(); !fault.empty())
+  if (const auto fault = ormel::config::fault_of_settings())
     add(findings, "settings",
-        failure(fault + ": servers and tunnels look off, whether they run or not",
+        failure(fault.text + ": servers and tunnels look off, whether they run or not",
                 "mv " + settings +
                     " /root/, then ormelctl undo NUMBER (ormelctl undo list) or ormelctl restore "
                     "FILE"));

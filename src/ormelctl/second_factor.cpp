@@ -6,6 +6,7 @@
 #include "base/grants.h"
 #include "ormel/base/error.h"
 #include "ormelctl/advice.h"
+#include "ormelctl/doctor.h"
 #include "ormelctl/profile.h"
 #include "ormelctl/second_factor.h"
 
@@ -19,6 +20,7 @@ using State = SecondFactor::State;
 // Protocols whose logins prove a hash of the password and cannot carry a code.
 constexpr int WITHOUT_CODES = ormel::PPTP_SERVER_TYPE | ormel::L2TP_SERVER_TYPE;
 constexpr const char* MOST_ROWS = "100000";
+constexpr const char* SESSION_TOOL = "/usr/lib/fenro/fenro-session";
 
 ormel::Json row_of(const std::string& user, const SecondFactor& factor) {
   return ormel::Json{json_pack("{s:s, s:s, s:b, s:s, s:i}", "user", user.c_str(), "state",
@@ -43,6 +45,20 @@ bool take_rights(const std::string& user, std::string& taken) {
   return (gone ? call("/ormel/privilege/unset", {{"user", user}})
                : call("/ormel/privilege/set", {{"user", user + '|' + std::to_string(left)}}))
              .error == 0;
+}
+
+// Ends the user's sessions of the web interface. One that is good for the set-up alone needs no
+// password, since its login has just checked it; none from before may become such a session.
+bool end_sessions(const std::string& user) {
+  constexpr int SECONDS = 10, NO_SESSION = 1;
+  const LimitedRun run = run_limited({SESSION_TOOL, "end-user", user}, "", SECONDS);
+  return run.in_time && (run.status == 0 || run.status == NO_SESSION);
+}
+
+Result left_open(const std::string& user) {
+  return failed(Exit::Failed,
+                "done, but the sessions of " + user + " at the web interface could not be ended",
+                std::string(SESSION_TOOL) + " end-user " + user);
 }
 
 Result unwritable() {
@@ -77,6 +93,7 @@ Result require(const std::string& user) {
   if (after.state == State::Damaged)
     return failed(Exit::Failed, "the second factor of " + user + " is damaged",
                   "ormelctl user totp " + user + " reset");
+  if (after.is_missing() && !end_sessions(user)) return left_open(user);
   Result result = done(user + (after.asks() ? " must go on giving a code at each login"
                                             : " must set up a second factor at the web interface, "
                                               "and has no other login before"),
@@ -116,6 +133,7 @@ Result reset(const std::string& user) {
       }))
     return unwritable();
   if (!any) return failed(Exit::NotFound, user + " has no second factor", "ormelctl user list");
+  if (after.is_missing() && !end_sessions(user)) return left_open(user);
   return done(
       user + (after.required ? " logs in at the web interface by password and must set up a "
                                "new second factor there"

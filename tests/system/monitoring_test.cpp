@@ -131,12 +131,14 @@ TEST_F(Monitoring, SaysThatSettingsCannotBeReadInsteadOfThatAllIsOff) {
   const std::string good = read(VPN_CONF);
   EXPECT_EQ(figures().samples.at(READABLE), 1);
   const struct {
-    const char *command, *said;
-  } rows[] = {{"mkdir $F", "is a folder"},
-              {"mkfifo $F", "is not a regular file"},
-              {"ln -s $F $F", "cannot be read: Too many levels"},
-              {"printf '[PPTP]\\0' >$F", "holds binary data"},
-              {"echo PPTP >$F", "has no section"}};
+    const char *command, *code, *said;
+  } rows[] = {{"mkdir $F", "folder", "is a folder"},
+              {"mkfifo $F", "no-file", "is not a regular file"},
+              {"ln -s $F $F", "unreadable", "cannot be read: Too many levels"},
+              {"printf '[PPTP]\\0' >$F", "binary", "holds binary data"},
+              {"echo PPTP >$F", "no-section", "has no section"}};
+  const auto states = [&] { return cgi("/ormel/status/list", admin).body; };
+  EXPECT_THAT(states(), Not(HasSubstr("\"settings\"")));
   for (const auto& row : rows) {
     SCOPED_TRACE(row.said);
     fs::remove_all(VPN_CONF);
@@ -147,6 +149,8 @@ TEST_F(Monitoring, SaysThatSettingsCannotBeReadInsteadOfThatAllIsOff) {
     EXPECT_THAT(status.err, HasSubstr(row.said));
     EXPECT_THAT(status.err, HasSubstr("ormelctl restore FILE"));
     EXPECT_THAT(ctl({"doctor"}).out, HasSubstr(row.said));
+    EXPECT_THAT(states(), HasSubstr("\"settings\":{\"code\":\"" + std::string(row.code) +
+                                    "\",\"text\":\"/etc/config/vpn.conf " + row.said));
     const Exposition found = figures();
     EXPECT_EQ(found.samples.at(READABLE), 0);
     EXPECT_FALSE(found.has("ormel_server_up") || found.has("ormel_tunnel_up"));

@@ -171,7 +171,12 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
   EXPECT_EQ(ctl({"user", "totp", USER, "require"}).status, 0);
   EXPECT_THAT(web("off", "&code=" + spare(7)), HasSubstr("\"error\":36"));
   EXPECT_THAT(web("off", "&password=wrong&code=" + spare(7)), HasSubstr("\"error\":38"));
+  const std::string later = member(log_in(password, spare(5)), "sid");
   EXPECT_EQ(web("off", proof + "&code=" + spare(7)), OK) << "the code was not used up";
+  EXPECT_THAT(https("/ormel/my/totp_begin", {"--data", "sid=" + later}).body,
+              HasSubstr("\"error\":39"))
+      << "it has not given the password just now";
+  EXPECT_THAT(web("confirm", "&code=123456"), HasSubstr("has not begun")) << "this one stays";
   EXPECT_THAT(log_in(password), HasSubstr("\"enrol\":true")) << "it stays required";
   EXPECT_EQ(ctl({"user", "totp", USER, "optional"}).status, 0);
   EXPECT_THAT(log_in(password), HasSubstr("\"error\":0"));
@@ -269,8 +274,11 @@ TEST_F(SecondFactorLogin, PapTakesACodeAndTheProfileAsksForOne) {
 }
 
 TEST_F(SecondFactorLogin, ARequirementCanBeTriedAndTakenBack) {
+  const std::string sid = member(log_in(password), "sid");
+  const auto session = [&] { return https("/ormel/my/show", {"--data", "sid=" + sid}).body; };
   EXPECT_EQ(ctl({"--dry-run", "user", "totp", USER, "require"}).status, 0);
   EXPECT_TRUE(hook_admits(password));
+  EXPECT_THAT(session(), HasSubstr("\"error\":0"));
   EXPECT_EQ(ctl({"user", "totp", USER, "require"}).status, 0);
   EXPECT_FALSE(hook_admits(password));
   const Result undone = ctl({"undo", "--yes"});
@@ -334,15 +342,17 @@ TEST_F(SecondFactorLogin, IsRequiredAndResetByRoot) {
   EXPECT_FALSE(hook_admits("wrong"));
   EXPECT_FALSE(fs::exists(REASON_FILE));
 
-  // A session may only set up the factor, even one from before.
+  // A session may only set up the factor, and none from before may do that without the password.
   const std::string answer = log_in(password);
   EXPECT_THAT(answer, HasSubstr("\"enrol\":true"));
   const std::string sid = member(answer, "sid");
-  for (const std::string& session : {sid, old})
-    EXPECT_THAT(https("/ormel/config/show", {"--data", "type=256&sid=" + session}).body,
-                HasSubstr("\"error\":45"));
-  const std::string secret =
-      member(https("/ormel/my/totp_begin", {"--data", "sid=" + sid}).body, "secret");
+  EXPECT_THAT(https("/ormel/config/show", {"--data", "type=256&sid=" + sid}).body,
+              HasSubstr("\"error\":45"));
+  const auto begin = [](const std::string& session) {
+    return https("/ormel/my/totp_begin", {"--data", "sid=" + session}).body;
+  };
+  EXPECT_THAT(begin(old), HasSubstr("\"error\":39"));
+  const std::string secret = member(begin(sid), "secret");
   EXPECT_THAT(
       https("/ormel/my/totp_confirm", {"--data", "sid=" + sid + "&code=" + code_now(secret)}).body,
       HasSubstr("recovery"));
@@ -352,7 +362,11 @@ TEST_F(SecondFactorLogin, IsRequiredAndResetByRoot) {
   EXPECT_TRUE(hook_admits(password + code_now(secret)));
   EXPECT_THAT(ctl({"user", "totp", USER, "status"}).out, HasSubstr("on, required"));
 
+  const Result again = ctl({"user", "totp", USER, "require"});
+  EXPECT_EQ(again.status, 0) << again.err;
+  EXPECT_THAT(begin(sid), HasSubstr("switch it off first")) << "who has one stays logged in";
   EXPECT_EQ(ctl({"user", "totp", USER, "reset"}).status, 0);
+  EXPECT_THAT(begin(sid), HasSubstr("\"error\":39"));
   EXPECT_THAT(log_in(password), HasSubstr("\"enrol\":true"));
   EXPECT_EQ(ctl({"user", "totp", USER, "optional"}).status, 0);
   EXPECT_TRUE(hook_admits(password));

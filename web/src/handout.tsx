@@ -2,9 +2,9 @@
 import type { ComponentChildren } from 'preact'
 import { saveFile } from './api'
 import { QrCode } from './qr'
-import { useKept } from './secretonce'
+import { copyText, useKept } from './secretonce'
 import { t } from './texts'
-import { Button, Dialog, Notice, say } from './ui'
+import { Button, Dialog, Notice } from './ui'
 import { fileName } from './wireguard'
 
 interface HandoutProps {
@@ -27,13 +27,11 @@ export function Handout({
 }: HandoutProps) {
   const { keep, close } = useKept({ once, title: t('peer.unkept'), text: unkept, onClose })
   const copy = async () => {
-    await navigator.clipboard.writeText(text)
-    keep()
-    say('peer.copied')
+    if (await copyText(text)) keep()
   }
   return (
     <Dialog title={t('peer.device', { name })} onClose={close} wide>
-      <Notice>{t('peer.once')}</Notice>
+      {once && <Notice>{t('peer.once')}</Notice>}
       <div class="device">
         <QrCode text={text} label={t('peer.qr')} />
         <div>

@@ -1,5 +1,5 @@
 // The true state of tunnels and servers, and in words why one of them does not work.
-import { call } from './api'
+import { call, type Envelope } from './api'
 import { textOr, type TextKey } from './texts'
 import type { Tone } from './ui'
 
@@ -61,11 +61,20 @@ export const cureOf = (reason: Reason): string => words('cure', reason, reason.a
 export type States = ReadonlyMap<string, TunnelState>
 export const stateKey = (one: { type: number; index?: unknown }): string =>
   `${one.type}-${Number(one.index ?? 0)}`
+// Why the settings cannot be read: then what they seem to say, everything being off, is not so.
+export interface SettingsFault {
+  code: string
+  text: string
+}
+export interface Status {
+  states: States
+  fault: SettingsFault | undefined
+}
 // An appliance without this route has no states to tell.
-export const readStates = async (type: number): Promise<States> => {
-  const rows = await call<TunnelState[] | null>('status/list', { type }).then(
-    answer => answer.data ?? [],
-    () => [],
-  )
-  return new Map(rows.map(row => [stateKey(row), row]))
+export async function readStatus(type: number): Promise<Status> {
+  type Answer = Partial<Envelope<TunnelState[] | null>> & { settings?: SettingsFault }
+  const { data, settings }: Answer = await call<TunnelState[] | null>('status/list', {
+    type,
+  }).catch(() => ({}))
+  return { states: new Map((data ?? []).map(row => [stateKey(row), row])), fault: settings }
 }

@@ -18,6 +18,18 @@ export function useKept({ once = true, title, text, onClose }: Unkept) {
   return { keep: () => setKept(true), close: () => void close() }
 }
 
+// Copies a text, and says whether the browser did so.
+export async function copyText(text: string): Promise<boolean> {
+  try {
+    await navigator.clipboard.writeText(text)
+  } catch {
+    say('peer.notCopied')
+    return false
+  }
+  say('peer.copied')
+  return true
+}
+
 interface SecretProps {
   title: string
   text: string
@@ -29,11 +41,7 @@ export const SecretOnce = ({ title, text, secret, onClose }: SecretProps) => (
     <p>{text}</p>
     <p class="mono wrap">{secret}</p>
     <footer class="row end">
-      <Button
-        onClick={() => void navigator.clipboard.writeText(secret).then(() => say('peer.copied'))}
-      >
-        {t('peer.copy')}
-      </Button>
+      <Button onClick={() => void copyText(secret)}>{t('peer.copy')}</Button>
       <Button kind="primary" onClick={onClose}>
         {t('close')}
       </Button>

@@ -16,6 +16,7 @@ import {
   noWiderThanTheScreen,
   open,
   picture,
+  run,
   settled,
   start,
   text,
@@ -376,5 +377,34 @@ test('with answers that take two seconds, each page says that it waits, and show
       )
     },
   })
+  await page.context().close()
+})
+
+test('settings that cannot be read are no settings that are off', async () => {
+  const page = await administrator()
+  const file = '/etc/config/vpn.conf'
+  const notice = page.getByRole('alert').filter({ hasText: `${file} is a folder.` })
+  const tile = page.locator('.tile', { hasText: 'Servers on' })
+  // A folder, which a program that stores something in the file meanwhile cannot replace.
+  run('sh', '-c', `mv ${file} ${file}.aside && mkdir ${file}`)
+  try {
+    await notice.waitFor()
+    assert.match(await tile.innerText(), /\u2013/)
+    await accessible(page, 'damaged settings')
+    for (const [path, heading] of [
+      ['servers', 'VPN servers'],
+      ['clients', 'VPN clients'],
+    ]) {
+      await go(page, path, heading)
+      await notice.waitFor()
+    }
+    await notice.getByRole('link', { name: 'Restore a backup' }).click()
+    await page.getByRole('heading', { level: 1, name: 'Backup' }).waitFor()
+  } finally {
+    run('sh', '-c', `rmdir ${file} && mv ${file}.aside ${file}`)
+  }
+  await go(page, 'overview', 'Overview')
+  await tile.getByText('/').waitFor()
+  assert.equal(await notice.count(), 0)
   await page.context().close()
 })

@@ -47,6 +47,7 @@ import { address, endpoint, freeAddress, key, page, pool, range } from '../src/r
 import { clientState, cureOf, isSettled, serverState, whyOf } from '../src/reasons'
 import { languages, speak, t, textOr } from '../src/texts'
 import { certificateTexts } from '../src/texts/certificates'
+import { damagedTexts, td } from '../src/texts/damaged'
 import german from '../src/texts/de'
 import english from '../src/texts/en'
 import { protocolOfInterface, traffic } from '../src/traffic'
@@ -208,17 +209,29 @@ describe('texts', () => {
       }
     },
   )
-  it('of certificates are all there, with the same values in them', () => {
+  // Keys that are used by the names of the program: phases, and reasons.
+  it.each([
+    ['certificates', certificateTexts, ['overlap', 'changing', 'changed']],
+    ['damaged', damagedTexts, ['folder', 'no-file', 'unreadable', 'binary', 'no-section']],
+  ] as const)('of %s are all there, with the same values in them', (name, all, named) => {
     const values = (text: string) => [...text.matchAll(/\{\w+\}/g)].map(([one]) => one).sort()
-    const known = Object.entries(certificateTexts['en'] ?? {})
-    expect(Object.keys(certificateTexts)).toEqual(languages.map(one => one.id))
-    for (const texts of Object.values(certificateTexts))
+    const known = Object.entries(all['en'] ?? {})
+    expect(Object.keys(all)).toEqual(languages.map(one => one.id))
+    for (const texts of Object.values<Readonly<Record<string, string>>>(all))
       expect(Object.entries(texts).map(([key, text]) => [key, ...values(text)])).toEqual(
         known.map(([key, text]) => [key, ...values(text)]),
       )
-    const page = readFileSync('src/pages/certificates.tsx', 'utf8')
-    const phases = ['overlap', 'changing', 'changed'] // by their names
-    expect(known.filter(([key]) => !page.includes(`'${key}'`) && !phases.includes(key))).toEqual([])
+    const page = readFileSync(`src/pages/${name}.tsx`, 'utf8')
+    const used = (key: string) =>
+      page.includes(`'${key}'`) || (named as readonly string[]).includes(key)
+    expect(known.filter(([key]) => !used(key))).toEqual([])
+  })
+  it('have words for each reason why settings cannot be read', () => {
+    const source = readFileSync('../src/ormel/config/pool.cpp', 'utf8')
+    const codes = [...source.matchAll(/return \{"([a-z-]+)", name \+/g)].map(([, code]) => code)
+    expect(codes.length).toBe(5)
+    for (const code of codes) expect([code, td(code ?? '')]).not.toContain(undefined)
+    expect(td('brand-new')).toBeUndefined()
   })
   it('are all used somewhere', () => {
     const folder = (path: string): string[] =>

@@ -28,25 +28,27 @@ constexpr int MAX_USER_PROFILES = 16;  // client profiles that belong to no appl
 
 Management cm;
 
-std::string fault_of_settings(const char* path) {
+SettingsFault fault_of_settings(const char* path) {
+  const std::string name = path;
   struct stat info {};
   if (stat(path, &info) != 0 && errno == ENOENT) return {};
-  if (S_ISDIR(info.st_mode)) return std::string(path) + " is a folder";
+  if (S_ISDIR(info.st_mode)) return {"folder", name + " is a folder"};
   std::string text;
-  if (const int failure = fenro::read_file(path, text); failure != 0) {
+  const int failure = fenro::read_file(path, text);
+  if (failure == EINVAL) return {"no-file", name + " is not a regular file, or far too large"};
+  if (failure != 0) {
     const char* const why = strerrordesc_np(failure);
-    return std::string(path) +
-           (failure == EINVAL ? " is not a regular file, or far too large"
-                              : " cannot be read: " + std::string(why ? why : "unknown error"));
+    return {"unreadable", name + " cannot be read: " + (why ? why : "unknown error")};
   }
-  if (text.find('\0') != std::string::npos) return std::string(path) + " holds binary data";
+  if (text.find('\0') != std::string::npos) return {"binary", name + " holds binary data"};
   bool blank = true;
   for (std::string_view rest = text; !rest.empty();) {
     const std::string_view line = fenro::trimmed(fenro::take_line(rest), BLANKS);
     if (line.starts_with('[') && line.find(']') != std::string_view::npos) return {};
     blank = blank && line.empty();
   }
-  return blank ? std::string() : std::string(path) + " has no section: it holds no settings";
+  if (blank) return {};
+  return {"no-section", name + " has no section: it holds no settings"};
 }
 
 int Management::load(const char* path) {

@@ -16,10 +16,17 @@ namespace ormel::config {
 
 constexpr const char* VPN_CONF = "/etc/config/vpn.conf";
 
-// Why a settings file cannot be read, which `load` below takes for one without any record: it is no
-// regular file, cannot be opened, or does not hold settings. Empty for a good one, an empty one,
+// Why a settings file cannot be read.
+struct SettingsFault {
+  std::string code{};  // "folder", "no-file", "unreadable", "binary" or "no-section"
+  std::string text{};  // the same in words, with the path
+  explicit operator bool() const { return !code.empty(); }
+};
+
+// What is wrong with a settings file that `load` below takes for one without any record: it is no
+// regular file, cannot be opened, or does not hold settings. Nothing for a good one, an empty one,
 // and a missing one, as a new host has it.
-[[nodiscard]] std::string fault_of_settings(const char* path = VPN_CONF);
+[[nodiscard]] SettingsFault fault_of_settings(const char* path = VPN_CONF);
 
 class Management {
  public:

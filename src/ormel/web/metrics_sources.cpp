@@ -419,7 +419,7 @@ void add_questions(std::vector<Source>& all, const system::BusDaemon& daemon,
 
 std::vector<Source> sources(const ormel::config::Management& pool, bool users) {
   const std::vector<Profile> profiles = profiles_in(pool);
-  const bool readable = ormel::config::fault_of_settings().empty();
+  const bool readable = !ormel::config::fault_of_settings();
   std::vector<Source> all{{[readable] { return sample("ormel_config_readable", {}, readable); }},
                           {session_samples},
                           {[&pool, profiles] { return certificate_samples(pool, profiles); }}};

@@ -109,7 +109,7 @@ Outcome check_password(const Request& request, const std::string& user) {
 }
 
 // Ends sessions that a password alone has begun, once it no longer suffices: one may belong to
-// somebody else who knows it.
+// somebody else who knows it. Ends also those that could set up a required factor without it.
 void end_other_sessions(const Request& request) {
   if (!succeeds({SESSION_TOOL, "end-others", "-"}, request.value("sid")))
     ORMEL_LOG(ERROR, "the user's other sessions could not be ended");
@@ -207,7 +207,10 @@ Outcome switch_off(const Request& request, JsonValue&) {
   const bool is_on = SecondFactors{}.of(user).state == SecondFactor::State::On;
   Outcome outcome = is_on ? check_password(request, user) : Outcome{};
   if (outcome.code == NO_ERROR) outcome = take_code_and_remove(request, user);
-  if (outcome.code == NO_ERROR) forgive(user);
+  if (outcome.code == NO_ERROR) {
+    forgive(user);
+    if (SecondFactors{}.of(user).is_missing()) end_other_sessions(request);
+  }
   constexpr int UNTRIED[] = {ERR_ACCESS, ERR_NOT_SUPPORT, ERR_MISS_OPTION};
   if (std::ranges::find(UNTRIED, outcome.code) != std::end(UNTRIED)) request.changes_nothing();
   if (outcome.code == ERR_VALUE) std::this_thread::sleep_for(WRONG_CODE_PAUSE);

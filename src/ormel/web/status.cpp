@@ -27,6 +27,12 @@ int list_states(const Request& request, JsonValue& reply) {
     ++total;
   }
   reply["total"] = total;
+  // Of settings that cannot be read the rows above are not true.
+  if (const auto fault = ormel::config::fault_of_settings()) {
+    JsonValue& settings = reply["settings"];
+    settings["code"] = fault.code;
+    settings["text"] = fault.text;
+  }
   return NO_ERROR;
 }
 

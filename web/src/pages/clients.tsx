@@ -2,6 +2,7 @@
 import type { ComponentChildren } from 'preact'
 import { useEffect, useRef, useState } from 'preact/hooks'
 import { call, data, SLOW } from '../api'
+import { Damaged } from '../damaged'
 import { useFileDrop } from '../drop'
 import { adviceFor } from '../errors'
 import { Fields, sent, useForm } from '../form'
@@ -21,12 +22,13 @@ import {
   clientState,
   cureOf,
   isSettled,
-  readStates,
+  readStatus,
   stateKey,
   stateOfStatus,
   whyOf,
   type Reason,
   type States,
+  type Status,
   type TunnelState,
 } from '../reasons'
 import { choose, query } from '../router'
@@ -56,6 +58,7 @@ import { clientRows, newValues, storedValues, wire } from './clients.rows'
 import { DoctorDialog } from './doctor'
 import { ImportDialog } from './import'
 
+const NO_STATUS: Status = { states: new Map(), fault: undefined }
 const PAUSE = 3_000
 const STEP = 10_000 // between two rates that the appliance records
 const PATIENCE = 60 // seconds after which a tunnel that is still on its way is worth a word
@@ -464,11 +467,11 @@ export function ClientsPage() {
   const [waiting, setWaiting] = useState<readonly Open[]>([]) // dialogs, the first of which is there
   const open = waiting[0]
   const poll = usePoll(async () => {
-    const [profiles, states] = await Promise.all([
+    const [profiles, status] = await Promise.all([
       data<ClientProfile[] | null>('config/show', { type: CLIENTS }),
-      admin ? readStates(CLIENTS) : (new Map() as States),
+      admin ? readStatus(CLIENTS) : NO_STATUS,
     ])
-    return { profiles: profiles ?? [], states }
+    return { profiles: profiles ?? [], ...status }
   }, PAUSE)
   const trails = usePoll(
     async () => (admin ? trailsOf(await data<TunnelTrails>('traffic/tunnels')) : new Map()),
@@ -526,6 +529,7 @@ export function ClientsPage() {
     return list.failure ? <Failure failure={list.failure} onRetry={list.refresh} /> : <Spinner />
   return (
     <div class="drop">
+      {poll.value?.fault && <Damaged fault={poll.value.fault} />}
       <Failure failure={list.failure} />
       {admin && (
         <div class="row">

@@ -2,6 +2,7 @@
 import { useState } from 'preact/hooks'
 import { call, data } from '../api'
 import { ending, type Certificates } from '../certificates'
+import { Damaged } from '../damaged'
 import { ago, date, decodeName, duration, number, rate } from '../format'
 import {
   CLIENTS,
@@ -20,7 +21,7 @@ import {
   type ServerProfile,
 } from '../model'
 import { usePoll } from '../poll'
-import { readStates, serverState, stateKey, stateOfStatus, whyOf, type Reason } from '../reasons'
+import { readStatus, serverState, stateKey, stateOfStatus, whyOf, type Reason } from '../reasons'
 import { t, type TextKey } from '../texts'
 import { History, traffic, type InterfaceRate } from '../traffic'
 import { Badge, Card, Empty, Failure, Notice, Spinner } from '../ui'
@@ -36,6 +37,7 @@ const RARE = 15_000
 const HARDLY_EVER = 600_000 // certificates end by the day
 const SAMPLES = 150 // five minutes of them
 const EVENTS = 6
+const UNKNOWN = '–'
 const MOST = 8 // lines of a card; the page of each has them all
 
 const history = new History(SAMPLES) // goes on where it was when one comes back to the page
@@ -110,12 +112,12 @@ export function OverviewPage() {
     return { connections, points: history.add(Date.now() / 1000, traffic(connections, interfaces)) }
   }, LIVE)
   const slow = usePoll(async () => {
-    const [profiles, gateway, states] = await Promise.all([
+    const [profiles, gateway, status] = await Promise.all([
       data<Profile[] | null>('config/show', { type: SERVERS | CLIENTS }),
       data<Gateway>('gateway/get_vpn_gw'),
-      readStates(SERVERS | CLIENTS),
+      readStatus(SERVERS | CLIENTS),
     ])
-    return { profiles: profiles ?? [], gateway, states }
+    return { profiles: profiles ?? [], gateway, ...status }
   }, SLOW)
   const events = usePoll(() => call<LogEvent[]>('log/event', { lower: 0, upper: EVENTS - 1 }), RARE)
 
@@ -127,7 +129,7 @@ export function OverviewPage() {
       <Spinner />
     )
 
-  const { profiles, gateway, states } = slow.value
+  const { profiles, gateway, states, fault } = slow.value
   const { connections, points } = live.value
   const servers = PROTOCOLS.map(one =>
     profiles.find(profile => profile.type === one.server),
@@ -136,7 +138,7 @@ export function OverviewPage() {
   const peers = (profiles.find(one => Array.isArray(one['peers']))?.['peers'] ?? []) as Peer[]
   const serverTruth = (one: ServerProfile) =>
     states.get(stateKey(one))?.state ?? (one.enable ? 'running' : 'off')
-  const lead = leading || (clients.length === 0 && servers.every(one => !one.enable))
+  const lead = leading || (!fault && clients.length === 0 && servers.every(one => !one.enable))
   const clientTruth = (one: ClientProfile) =>
     states.get(stateKey(one))?.state ?? stateOfStatus(one.status)
   const on = servers.filter(one => serverTruth(one) === 'running').length
@@ -146,16 +148,25 @@ export function OverviewPage() {
   return (
     <>
       <Failure failure={failure} />
+      {fault && <Damaged fault={fault} />}
       <Ending />
       {lead && <Roads open={leading} onOpen={open => (setLeading(open), slow.refresh())} />}
       <div class="tiles">
-        <Tile label={t('overview.serversOn')} value={`${on} / ${servers.length}`} to="servers" />
+        <Tile
+          label={t('overview.serversOn')}
+          value={fault ? UNKNOWN : `${on} / ${servers.length}`}
+          to="servers"
+        />
         <Tile
           label={t('overview.online')}
           value={connections.length + devices.length}
           to="connections"
         />
-        <Tile label={t('overview.tunnels')} value={`${up} / ${clients.length}`} to="clients" />
+        <Tile
+          label={t('overview.tunnels')}
+          value={fault ? UNKNOWN : `${up} / ${clients.length}`}
+          to="clients"
+        />
         <Tile label={t('overview.gateway')} value={gatewayName(gateway, profiles)} to="gateway" />
       </div>
       {!lead && <Traffic points={points} />}

@@ -1,10 +1,10 @@
 // A user's own second factor: set-up with an authenticator app, recovery codes, and switching it off.
 import { useState } from 'preact/hooks'
-import { call, data, saveFile } from '../api'
+import { ApiError, call, data, saveFile } from '../api'
 import { CodeField } from '../codefield'
 import { labelOf } from '../model'
 import { QrCode } from '../qr'
-import { useKept } from '../secretonce'
+import { copyText, useKept } from '../secretonce'
 import { session } from '../session'
 import { t } from '../texts'
 import { Button, Card, Dialog, Failure, Field, Notice, say, useJob } from '../ui'
@@ -18,6 +18,7 @@ export interface Factor {
 const PPTP = 1
 const L2TP = 2
 const FEW = 3 // recovery codes
+const NO_ACCESS = 45
 
 // Protocols whose logins cannot carry a code.
 export const hasNoCode = (type: number): boolean => type === PPTP || type === L2TP
@@ -54,6 +55,17 @@ function PasswordField({
   )
 }
 
+// The limits on wrong passwords and codes have the code of a missing right.
+const Refused = ({ failure }: { failure: unknown }) =>
+  failure instanceof ApiError && failure.kind === 'code' && failure.code === NO_ACCESS ? (
+    <Notice tone="bad">
+      <strong>{t('factor.blocked')}</strong>
+      <small class="soft">{failure.reason}</small>
+    </Notice>
+  ) : (
+    <Failure failure={failure} />
+  )
+
 // The codes cannot be shown again.
 function Recovery({ codes, onClose }: { codes: readonly string[]; onClose: () => void }) {
   const text = codes.join('\n') + '\n'
@@ -62,11 +74,9 @@ function Recovery({ codes, onClose }: { codes: readonly string[]; onClose: () =>
     text: t('factor.unkeptText'),
     onClose,
   })
-  const copy = () =>
-    navigator.clipboard.writeText(text).then(
-      () => (keep(), say('peer.copied')),
-      () => say('factor.notCopied'),
-    )
+  const copy = async () => {
+    if (await copyText(text)) keep()
+  }
   return (
     <Dialog title={t('factor.recovery')} onClose={close}>
       <Notice tone="good">
@@ -123,7 +133,7 @@ function SetUp({ begun, onDone }: { begun: Begun; onDone: (codes: string[]) => v
             {grouped(begun.secret)}
           </pre>
           <CodeField label={t('factor.code')} code={code} onInput={setCode} />
-          <Failure failure={job.failure} />
+          <Refused failure={job.failure} />
           <Button kind="primary" submit busy={job.busy !== ''} disabled={!isCode(code)}>
             {t('factor.confirm')}
           </Button>
@@ -161,7 +171,7 @@ function Enrol({
   return (
     <form onSubmit={event => void begin(event)}>
       {byPassword && <PasswordField password={password} onInput={setPassword} />}
-      <Failure failure={job.failure} />
+      <Refused failure={job.failure} />
       <Button kind="primary" submit busy={job.busy !== ''} disabled={byPassword && password === ''}>
         {t('factor.begin')}
       </Button>
@@ -188,7 +198,7 @@ function SwitchOff({ onDone }: { onDone: () => void }) {
       <p class="help">{t('factor.offHelp')}</p>
       <PasswordField password={password} onInput={setPassword} />
       <CodeField label={t('factor.code')} code={code} onInput={setCode} />
-      <Failure failure={job.failure} />
+      <Refused failure={job.failure} />
       <Button
         kind="danger"
         submit

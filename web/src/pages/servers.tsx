@@ -2,6 +2,7 @@
 import { PublicAddress, publicAddress, withAddress } from '../address'
 import { call, data, download, saveFile, SLOW } from '../api'
 import { Fields, sent, useForm, type Choice } from '../form'
+import { Damaged } from '../damaged'
 import { count } from '../format'
 import { CarefulSwitch, withCare } from '../goback'
 import {
@@ -20,7 +21,7 @@ import {
 } from '../model'
 import { later } from '../later'
 import { usePoll } from '../poll'
-import { readStates, serverState, stateKey, type States } from '../reasons'
+import { readStatus, serverState, stateKey, type States } from '../reasons'
 import { place } from '../router'
 import { t } from '../texts'
 import { Badge, Button, Card, Failure, Notice, SaveRow, Spinner, confirm, say, useJob } from '../ui'
@@ -229,12 +230,12 @@ const ServerTabs = ({ servers, states, current }: ServerTabsProps) => (
 export function ServersPage() {
   const current = PROTOCOLS.find(one => one.id === place.value[1]) ?? PROTOCOLS[0]
   const live = usePoll(async () => {
-    const [servers, connections, states] = await Promise.all([
+    const [servers, connections, status] = await Promise.all([
       data<Profile[] | null>('config/show', { type: SERVERS }),
       data<Connection[]>('connection/list'),
-      readStates(SERVERS),
+      readStatus(SERVERS),
     ])
-    return { servers: (servers ?? []) as ServerProfile[], connections, states }
+    return { servers: (servers ?? []) as ServerProfile[], connections, ...status }
   }, PAUSE)
   const nics = usePoll(() => data<Nic[] | null>('misc/nic').catch(() => []), 0)
 
@@ -247,6 +248,7 @@ export function ServersPage() {
   return (
     <>
       <ServerTabs servers={live.value.servers} states={live.value.states} current={current} />
+      {live.value.fault && <Damaged fault={live.value.fault} />}
       <Failure failure={live.failure} />
       <Card
         title={current.label}

@@ -953,15 +953,16 @@ const german: Catalogue = {
     'Ohne die App und ohne diese Codes kann Sie nur ein Administrator wieder hereinlassen.',
   'factor.print': 'Drucken',
   'factor.file': 'Als Datei speichern',
-  'factor.notCopied':
-    'Der Browser hat das Kopieren nicht erlaubt. Markieren Sie die Codes von Hand.',
+  'peer.notCopied': 'Der Browser hat das Kopieren nicht erlaubt. Markieren Sie den Text von Hand.',
   'factor.few':
     'Übrige Ersatzcodes: {n}. Schalten Sie den zweiten Faktor aus und wieder ein, um neue zu bekommen.',
   'factor.without':
     '{servers}: Dort dürfen Sie sich weiter allein mit dem Passwort anmelden, weil diese Protokolle keinen Platz für einen Code haben.',
+  'factor.blocked':
+    'Zu viele falsche Passwörter oder Codes. Warten Sie eine Weile und melden Sie sich dann neu an.',
   'factor.off': 'Ausschalten',
   'factor.offHelp':
-    'Geben Sie zum Ausschalten Ihr Passwort ein, und einen Code der App oder einen Ersatzcode.',
+    'Geben Sie zum Ausschalten Ihr Passwort und einen Code der App oder einen Ersatzcode ein.',
   'factor.damaged':
     'Was von Ihrem zweiten Faktor gespeichert ist, ist beschädigt; Ihre Anmeldungen werden abgelehnt. Bitten Sie einen Administrator, ihn zurückzusetzen.',
   'certRole.authority': 'OpenVPN-Zertifizierungsstelle',

@@ -750,7 +750,7 @@ export default {
   'token.nameHelp': 'What uses it. Changes are recorded under this name.',
   'token.nameWrong': '1 to 40 letters, digits, dots, hyphens and underscores.',
   'token.never': 'never',
-  'token.noMaker': 'Refused: its maker is no administrator any more',
+  'token.noMaker': 'Refused: its maker is no longer an administrator',
   'token.none': 'No program has a token.',
   'token.read': 'Reading, without secrets',
   'token.removeText': 'The program that uses it is refused from now on.',
@@ -913,10 +913,11 @@ export default {
     'Without the app and without these codes, only an administrator can let you in again.',
   'factor.print': 'Print',
   'factor.file': 'Save as a file',
-  'factor.notCopied': 'The browser did not allow copying. Select the codes by hand.',
+  'peer.notCopied': 'The browser did not allow copying. Select the text by hand.',
   'factor.few': 'Recovery codes left: {n}. Switch the second factor off and on again for new ones.',
   'factor.without':
     '{servers}: you may still log in there by password alone, as these protocols cannot carry a code.',
+  'factor.blocked': 'Too many wrong passwords or codes. Wait for a while, then log in again.',
   'factor.off': 'Switch off',
   'factor.offHelp':
     'To switch it off, type your password, and a code of the app or a recovery code.',

@@ -855,7 +855,7 @@ const french: Catalogue = {
   'backup.wrong': 'La phrase secrète est fausse, ou le fichier a été modifié.',
 
   'refused.the-right-to-use-this-server-has-ended': 'Le droit d’utiliser ce serveur a expiré.',
-  'do.password': 'Le mot de passe est faux.',
+  'do.password': 'Le mot de passe est incorrect.',
   'do.access': 'L’appareil ne permet pas cela à votre compte.',
   'nav.my': 'Mon accès',
   'my.access': 'Ce que je peux utiliser',
@@ -945,14 +945,16 @@ const french: Catalogue = {
     'Sans l’application et sans ces codes, seul un administrateur peut vous rouvrir l’accès.',
   'factor.print': 'Imprimer',
   'factor.file': 'Enregistrer dans un fichier',
-  'factor.notCopied': 'Le navigateur n’a pas permis la copie. Sélectionnez les codes à la main.',
+  'peer.notCopied': 'Le navigateur n’a pas permis la copie. Sélectionnez le texte à la main.',
   'factor.few':
     'Codes de secours restants : {n}. Désactivez puis réactivez le second facteur pour en obtenir de nouveaux.',
   'factor.without':
     '{servers} : vous pouvez encore vous y connecter par mot de passe seul, car ces protocoles n’ont pas de place pour un code.',
+  'factor.blocked':
+    'Trop de mots de passe ou de codes faux. Attendez un peu, puis reconnectez-vous.',
   'factor.off': 'Désactiver',
   'factor.offHelp':
-    'Pour le désactiver, tapez votre mot de passe, et un code de l’application ou un code de secours.',
+    'Pour le désactiver, tapez votre mot de passe, puis un code de l’application ou un code de secours.',
   'factor.damaged':
     'Ce qui est enregistré de votre second facteur est endommagé ; vos connexions sont refusées. Demandez à un administrateur de le réinitialiser.',
   'certRole.authority': 'Autorité OpenVPN',
