@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <pwd.h>
+#include <regex>
 
 #include <jansson.h>
 
@@ -243,6 +245,16 @@ TEST_F(Monitoring, RefusesTheTokensOfWhoeverIsNoAdministratorAnyMore) {
   EXPECT_THAT(ctl({"audit"}).out, HasSubstr("token:theirs  web"));
   ASSERT_EQ(run({"/usr/bin/gpasswd", "-a", "admin", "administrators"}).status, 0);
   EXPECT_EQ(code(theirs), good);
+  const std::string uid = std::to_string(getpwnam("admin")->pw_uid);
+  for (const auto& [id, expected] : {std::pair{std::string("54321"), refused}, {uid, good}}) {
+    ASSERT_EQ(run({"/usr/sbin/usermod", "-u", id, "admin"}).status, 0);
+    EXPECT_EQ(code(theirs), expected) << "another account of that name is another maker";
+    EXPECT_EQ(code(ours), good);
+  }
+  const std::regex member{",\\s*\"uid\": [0-9]+"};
+  EXPECT_TRUE(std::regex_search(read(TOKENS), member));
+  write(TOKENS, std::regex_replace(read(TOKENS), member, ""), 0600);
+  EXPECT_EQ(code(theirs), good) << "a row of an older version";
 }
 
 TEST_F(Monitoring, PromisesNoWayBackForATokenThatWouldNotGo) {
