@@ -386,6 +386,7 @@ TEST_F(Backup, ADocumentKeepsWhoseADeviceIs) {
                     "\"}}}");
     return ctl({"apply", SITE}).status;
   };
+  const auto limits = [] { return run({"/usr/lib/fenro/fenro-hold", "limits"}).out; };
   EXPECT_EQ(phone("owner"), "");
   EXPECT_EQ(apply("nobody-here"), 1);
   for (const char* owner : {"guest", "admin", ""}) {
@@ -394,7 +395,12 @@ TEST_F(Backup, ADocumentKeepsWhoseADeviceIs) {
     EXPECT_EQ(phone("owner"), owner);
     EXPECT_EQ(fenro::read_grants().owner_of(key), owner);
     EXPECT_EQ(ctl({"diff", SITE}).status, 0) << "the second time does nothing";
+    EXPECT_EQ(limits().find("end of access") != std::string::npos, owner == std::string("admin"))
+        << "who may have no device";
   }
+  EXPECT_EQ(ctl({"peer", "limit", "phone", "--off"}).status, 0);
+  for (const char* owner : {"guest", ""}) EXPECT_EQ(apply(owner), 0);
+  EXPECT_THAT(limits(), HasSubstr(key)) << "which an administrator has set";
   ctl({"peer", "rm", "phone", "--yes"});
   fs::remove(fenro::GRANTS);
 }
