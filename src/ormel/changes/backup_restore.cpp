@@ -469,12 +469,21 @@ Json document_of(const Restored& restored) {
   return out;
 }
 
+Fault refusal_for_settings(const Selection& selection) {
+  std::string fault = config::fault_of_settings();
+  if (fault.empty() || (selection.servers && selection.profiles)) return {};
+  return {ERR_REGULAR_FILE, fault + "; nothing was changed",
+          "restore all of the backup, or at least its servers and profiles"};
+}
+
 Fault preview(const Backup& backup, const Selection& selection, Restored& out) {
+  if (Fault fault = refusal_for_settings(selection)) return fault;
   Restoration(backup, selection, out).describe();
   return {};
 }
 
 Fault restore(const Backup& backup, const Selection& selection, Restored& out) {
+  if (Fault fault = refusal_for_settings(selection)) return fault;
   return Restoration(backup, selection, out).run();
 }
 

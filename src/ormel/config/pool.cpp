@@ -49,6 +49,11 @@ std::string fault_of_settings(const char* path) {
   return blank ? std::string() : std::string(path) + " has no section: it holds no settings";
 }
 
+std::string refusal_for_settings() {
+  const std::string fault = fault_of_settings();
+  return fault.empty() ? fault : fault + "; nothing was changed: ormelctl doctor says what to do";
+}
+
 int Management::load(const char* path) {
   const Conf conf{Conf_Dir_Load(path)};
   config_version = Conf_Dir_Get_Str(conf.get(), "global", "dbversion", "");
