@@ -262,6 +262,43 @@ TEST_F(Backup, BringsTheWantedPartsAlone) {
   words.back() = "profiles";
   EXPECT_EQ(ctl(words).status, 0);
   EXPECT_EQ(ctl({"profile", "show", "kept"}).status, 0);
+
+  const std::string damaged = "what was here\n";
+  write(VPN_CONF, damaged);
+  for (const char* more : {"--as-copy", "--dry-run"}) {
+    words.emplace_back(more);
+    EXPECT_THAT(ctl(words).err, HasSubstr("restore all of the backup")) << "not beside this";
+    words.pop_back();
+  }
+  EXPECT_EQ(ctl(words).status, 1);
+  EXPECT_EQ(read(VPN_CONF), damaged);
+  expect_done(restore_words(FILE_NAME));
+  EXPECT_EQ(ctl({"profile", "show", "kept"}).status, 0);
+  EXPECT_EQ(read(std::string(VPN_CONF) + ".damaged"), damaged);
+}
+
+TEST_F(Backup, SaysThatTheNextStepOfItsRotationIsOverdue) {
+  constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
+  const std::string ahead = std::to_string(std::time(nullptr) + 3600);
+  const std::string over = "1000";
+  for (const auto& [phase, change, overdue] :
+       {std::tuple{"overlap", over, true}, {"overlap", ahead, false}, {"changed", over, false}}) {
+    SCOPED_TRACE(phase + change);
+    write(ROTATION, std::string("phase=") + phase + "\noverlap=60\nbegun=900\nchange=" + change +
+                        "\nend=" + ahead + '\n');
+    expect_done({"backup", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE});
+    std::vector<std::string> words = restore_words(FILE_NAME);
+    words.emplace_back("--dry-run");
+    const char* const warning = "change-over was due on ";
+    EXPECT_THAT(ctl(words).out, Not(HasSubstr(warning))) << "that is so already";
+    fs::remove(ROTATION);
+    for (const bool dry : {true, false}) {
+      if (!dry) words.pop_back();
+      EXPECT_EQ(ctl(words).out.find(warning) != std::string::npos, overdue) << dry;
+    }
+    EXPECT_TRUE(fs::exists(ROTATION)) << "it comes back even so";
+  }
+  fs::remove(ROTATION);
 }
 
 TEST_F(Backup, BringsCopiesOfProfilesBesideThePresentOnes) {
