@@ -172,6 +172,8 @@ int take(const Step& step) {
 }  // namespace
 
 int tend_certificates() {
+  // Damaged settings name no profile, and a restart by them would end the server.
+  if (ormel::config::fault_of_settings()) return 0;
   ormel::config::Management pool;
   std::ignore = pool.load();  // always 0
   const std::vector<Certificate> all = certificates::list(pool);

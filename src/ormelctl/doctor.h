@@ -36,6 +36,8 @@ using Progress = std::function<void(const Findings& findings)>;
 // Files of state that are damaged, so that what is shown is not what was set. The steps are
 // "settings" for that of servers and tunnels, and "access" for that of the ends of rights.
 [[nodiscard]] Findings damaged_files();
+// Whether the first of them is that of the settings.
+[[nodiscard]] bool settings_are_damaged(const Findings& damaged);
 
 // The steps of a profile, at most 40 seconds. Tries a login at most once, and never while the
 // tunnel is up or on its way. The real tunnel is not touched.

@@ -20,6 +20,7 @@ namespace ormelctl {
 
 namespace {
 
+constexpr const char* SETTINGS = "settings";
 constexpr long SOON = 30;  // days before the end of a certificate
 
 // Files and folders that hold secrets.
@@ -209,7 +210,7 @@ Findings damaged_files() {
   Findings findings;
   const std::string settings = ormel::config::VPN_CONF, grants = fenro::GRANTS;
   if (const auto fault = ormel::config::fault_of_settings())
-    add(findings, "settings",
+    add(findings, SETTINGS,
         failure(fault.text + ": servers and tunnels look off, whether they run or not",
                 "mv " + settings +
                     " /root/, then ormelctl undo NUMBER (ormelctl undo list) or ormelctl restore "
@@ -223,6 +224,10 @@ Findings damaged_files() {
                                "ormelctl restore FILE, or rm " + grants +
                                    " and grant what is for a time again"));
   return findings;
+}
+
+bool settings_are_damaged(const Findings& damaged) {
+  return !damaged.empty() && damaged[0].step == SETTINGS;
 }
 
 Findings examine_host() {

@@ -18,6 +18,7 @@
 #include "ormel/host/log_file.h"
 #include "ormelctl/advice.h"
 #include "ormelctl/command.h"
+#include "ormelctl/doctor.h"
 #include "ormelctl/recording.h"
 #include "ormelctl/service.h"
 #include "ormelctl/site.h"
@@ -202,11 +203,34 @@ bool confirmed(const Command& command, const Arguments& arguments) {
   return std::fgets(answer, sizeof answer, stdin) && (answer[0] == 'y' || answer[0] == 'Y');
 }
 
+// Commands that repair damaged settings, or go by neither servers nor profiles: people can be kept
+// out even then. Any other one would save the settings without all that cannot be read.
+struct Independent {
+  std::string_view noun, verb;  // no verb for all
+};
+constexpr Independent INDEPENDENT[] = {
+    {"undo", ""},    {"confirm", ""},   {"revert", ""}, {"restore", ""},
+    {"address", ""}, {"guard", ""},     {"hold", ""},   {"kick", ""},
+    {"notify", ""},  {"peer", "limit"}, {"token", ""},  {"user", ""},
+};
+
+Result refused_for_settings(const Command& command, const Arguments& arguments) {
+  const bool independent = std::ranges::any_of(INDEPENDENT, [&](const Independent& row) {
+    return row.noun == command.noun && (row.verb.empty() || row.verb == command.verb);
+  });
+  if (independent || !is_change(command, arguments)) return {};
+  const Findings damaged = damaged_files();
+  if (!settings_are_damaged(damaged)) return {};
+  return failed(Exit::Failed, damaged[0].text + "; nothing was changed", damaged[0].cure);
+}
+
 // What must hold before a command may run.
 Result permitted(const Command& command, const Arguments& arguments, bool trial) {
   if (geteuid() != 0)
     return failed(Exit::NotRoot, "only root may do this",
                   std::string("sudo ormelctl ") + command.example);
+  Result refusal = refused_for_settings(command, arguments);
+  if (refusal.exit != Exit::Done) return refusal;
   if (!command.dangerous || arguments.has("yes") || trial) return {};
   const bool asks = arguments.terminal && isatty(STDIN_FILENO);
   if (!asks)

@@ -158,6 +158,9 @@ Reply set_owner(const std::string& public_key, const std::string& owner) {
   if (!store || !store.save()) {
     reply.error = ormel::ERR_SAVE_FILE;
     reply.reason = "the owner of a device cannot be stored: ormelctl doctor";
+  } else if (owner.empty() && !ormel::cgi::grant::lift_end(public_key)) {
+    reply.error = ormel::ERR_CMD_FAILED;
+    reply.reason = "a device that was of " + before + " could not be let in";
   } else if (!owner.empty() && !ormel::cgi::grant::apply_limits(fenro::read_grants(), owner)) {
     reply.error = ormel::ERR_CMD_FAILED;
     reply.reason = "a device of " + owner + " could not be kept out, or let in";

@@ -62,8 +62,7 @@ Result one_state(const Arguments& arguments) {
 Result status(const Arguments& arguments) {
   const Findings damaged = damaged_files();
   // Of settings that cannot be read nothing below is true.
-  if (!damaged.empty() && damaged[0].step == "settings")
-    return failed(Exit::Failed, damaged[0].text, damaged[0].cure);
+  if (settings_are_damaged(damaged)) return failed(Exit::Failed, damaged[0].text, damaged[0].cure);
   if (!arguments.words.empty()) return one_state(arguments);
   if (arguments.has("check"))
     return failed(Exit::Usage, "--check needs a profile or a server",

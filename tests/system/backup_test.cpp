@@ -262,6 +262,43 @@ TEST_F(Backup, BringsTheWantedPartsAlone) {
   words.back() = "profiles";
   EXPECT_EQ(ctl(words).status, 0);
   EXPECT_EQ(ctl({"profile", "show", "kept"}).status, 0);
+
+  const std::string damaged = "what was here\n";
+  write(VPN_CONF, damaged);
+  for (const char* more : {"--as-copy", "--dry-run"}) {
+    words.emplace_back(more);
+    EXPECT_THAT(ctl(words).err, HasSubstr("restore all of the backup")) << "not beside this";
+    words.pop_back();
+  }
+  EXPECT_EQ(ctl(words).status, 1);
+  EXPECT_EQ(read(VPN_CONF), damaged);
+  expect_done(restore_words(FILE_NAME));
+  EXPECT_EQ(ctl({"profile", "show", "kept"}).status, 0);
+  EXPECT_EQ(read(std::string(VPN_CONF) + ".damaged"), damaged);
+}
+
+TEST_F(Backup, SaysThatTheNextStepOfItsRotationIsOverdue) {
+  constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
+  const std::string ahead = std::to_string(std::time(nullptr) + 3600);
+  const std::string over = "1000";
+  for (const auto& [phase, change, overdue] :
+       {std::tuple{"overlap", over, true}, {"overlap", ahead, false}, {"changed", over, false}}) {
+    SCOPED_TRACE(phase + change);
+    write(ROTATION, std::string("phase=") + phase + "\noverlap=60\nbegun=900\nchange=" + change +
+                        "\nend=" + ahead + '\n');
+    expect_done({"backup", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE});
+    std::vector<std::string> words = restore_words(FILE_NAME);
+    words.emplace_back("--dry-run");
+    const char* const warning = "change-over was due on ";
+    EXPECT_THAT(ctl(words).out, Not(HasSubstr(warning))) << "that is so already";
+    fs::remove(ROTATION);
+    for (const bool dry : {true, false}) {
+      if (!dry) words.pop_back();
+      EXPECT_EQ(ctl(words).out.find(warning) != std::string::npos, overdue) << dry;
+    }
+    EXPECT_TRUE(fs::exists(ROTATION)) << "it comes back even so";
+  }
+  fs::remove(ROTATION);
 }
 
 TEST_F(Backup, BringsCopiesOfProfilesBesideThePresentOnes) {
@@ -386,6 +423,7 @@ TEST_F(Backup, ADocumentKeepsWhoseADeviceIs) {
                     "\"}}}");
     return ctl({"apply", SITE}).status;
   };
+  const auto limits = [] { return run({"/usr/lib/fenro/fenro-hold", "limits"}).out; };
   EXPECT_EQ(phone("owner"), "");
   EXPECT_EQ(apply("nobody-here"), 1);
   for (const char* owner : {"guest", "admin", ""}) {
@@ -394,7 +432,12 @@ TEST_F(Backup, ADocumentKeepsWhoseADeviceIs) {
     EXPECT_EQ(phone("owner"), owner);
     EXPECT_EQ(fenro::read_grants().owner_of(key), owner);
     EXPECT_EQ(ctl({"diff", SITE}).status, 0) << "the second time does nothing";
+    EXPECT_EQ(limits().find("end of access") != std::string::npos, owner == std::string("admin"))
+        << "who may have no device";
   }
+  EXPECT_EQ(ctl({"peer", "limit", "phone", "--off"}).status, 0);
+  for (const char* owner : {"guest", ""}) EXPECT_EQ(apply(owner), 0);
+  EXPECT_THAT(limits(), HasSubstr(key)) << "which an administrator has set";
   ctl({"peer", "rm", "phone", "--yes"});
   fs::remove(fenro::GRANTS);
 }

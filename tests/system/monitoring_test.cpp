@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <pwd.h>
+#include <regex>
 
 #include <jansson.h>
 
@@ -126,23 +128,69 @@ TEST_F(Monitoring, NamesProfilesAsTheyAreCalledWhateverThatIs) {
   EXPECT_TRUE(found.samples.count(R"re(ormel_tunnel_up{protocol="pptp",profile="twice/4"})re"));
 }
 
+struct Damage {
+  const char *command, *code, *said;
+};
+constexpr Damage DAMAGES[] = {{"mkdir $F", "folder", "is a folder"},
+                              {"mkfifo $F", "no-file", "is not a regular file"},
+                              {"ln -s $F $F", "unreadable", "cannot be read: Too many levels"},
+                              {"printf '[PPTP]\\0' >$F", "binary", "holds binary data"},
+                              {"echo PPTP >$F", "no-section", "has no section"}};
+
+void inflict(const Damage& damage) {
+  fs::remove_all(VPN_CONF);
+  run({"/bin/sh", "-c", damage.command}, {std::string("F=") + VPN_CONF, "PATH=/usr/bin:/bin"});
+}
+
+TEST_F(Monitoring, ChangesNothingByDamagedSettingsAndKeepsACopyOfThem) {
+  write("/root/site.json", R"({"format": 1, "block": {"limit": 4}})");
+  write("/root/passphrase", "correct horse battery");
+  const std::vector<std::vector<std::string>> commands{
+      {"profile", "add", "pptp", "--name", "x", "--host", "192.0.2.1"},
+      {"profile", "add", "pptp", "--name", "x", "--host", "192.0.2.1", "--dry-run"},
+      {"server", "set", "pptp", "--max", "7", "--yes", "--confirm", "90s"},
+      {"backup", "/root/x.ormel", "--passphrase-file", "/root/passphrase"},
+      {"apply", "/root/site.json"}};
+  const std::vector<std::string> identity{"/usr/bin/stat", "-c", "%F %i %s %z", VPN_CONF};
+  for (const Damage& row : DAMAGES) {
+    SCOPED_TRACE(row.said);
+    inflict(row);
+    const std::string before = run(identity).out;
+    for (const auto& words : commands) {
+      const Result refused = ctl(words);
+      EXPECT_EQ(refused.status, 1) << testing::PrintToString(words);
+      EXPECT_THAT(refused.err, AllOf(HasSubstr(row.said), HasSubstr("nothing was changed"),
+                                     HasSubstr("ormelctl restore FILE")));
+    }
+    for (const char* route : {"cert/rotate", "cert/renew", "peer/add", "peer/modify", "peer/remove",
+                              "my/device_add", "my/device_remove"}) {
+      const WebReply refused = cgi(std::string("/ormel/") + route, admin + "&index=1");
+      EXPECT_EQ(refused.status, ormel::ERR_REGULAR_FILE) << route;
+      EXPECT_THAT(refused.body, AllOf(HasSubstr(row.said), HasSubstr("ormelctl doctor")));
+    }
+    EXPECT_EQ(ctl({"__tend-certificates"}).status, 0);
+    EXPECT_EQ(ctl({"user", "policy", "--limit", "4"}).status, 0) << "which is kept elsewhere";
+    EXPECT_EQ(run(identity).out, before);
+  }
+  const std::string damaged = read(VPN_CONF), copy = std::string(VPN_CONF) + ".damaged";
+  EXPECT_EQ(cgi("/ormel/config/add", admin + "&type=256&name=x&host=192.0.2.1").status, 0);
+  EXPECT_NE(read(VPN_CONF), damaged) << "what is fixed goes on";
+  EXPECT_EQ(read(copy), damaged);
+  EXPECT_EQ(mode_of(copy), 0600U);
+  EXPECT_EQ(ctl({"undo", "--yes"}).status, 0);
+  EXPECT_EQ(read(VPN_CONF), damaged) << "the snapshot has it, too";
+  fs::remove(copy);
+}
+
 TEST_F(Monitoring, SaysThatSettingsCannotBeReadInsteadOfThatAllIsOff) {
   constexpr const char* READABLE = "ormel_config_readable";
   const std::string good = read(VPN_CONF);
   EXPECT_EQ(figures().samples.at(READABLE), 1);
-  const struct {
-    const char *command, *code, *said;
-  } rows[] = {{"mkdir $F", "folder", "is a folder"},
-              {"mkfifo $F", "no-file", "is not a regular file"},
-              {"ln -s $F $F", "unreadable", "cannot be read: Too many levels"},
-              {"printf '[PPTP]\\0' >$F", "binary", "holds binary data"},
-              {"echo PPTP >$F", "no-section", "has no section"}};
   const auto states = [&] { return cgi("/ormel/status/list", admin).body; };
   EXPECT_THAT(states(), Not(HasSubstr("\"settings\"")));
-  for (const auto& row : rows) {
+  for (const Damage& row : DAMAGES) {
     SCOPED_TRACE(row.said);
-    fs::remove_all(VPN_CONF);
-    run({"/bin/sh", "-c", row.command}, {std::string("F=") + VPN_CONF, "PATH=/usr/bin:/bin"});
+    inflict(row);
     const Result status = ctl({"status"}), one = ctl({"status", "pptp", "--check", "off"});
     EXPECT_EQ(status.status, 1);
     EXPECT_EQ(one.status, 1);
@@ -251,6 +299,16 @@ TEST_F(Monitoring, RefusesTheTokensOfWhoeverIsNoAdministratorAnyMore) {
   EXPECT_EQ(code(theirs), refused) << "a locked account has no sessions, and no tokens";
   ASSERT_EQ(run({"/usr/sbin/usermod", "-U", "admin"}).status, 0);
   EXPECT_EQ(code(theirs), good);
+  const std::string uid = std::to_string(getpwnam("admin")->pw_uid);
+  for (const auto& [id, expected] : {std::pair{std::string("54321"), refused}, {uid, good}}) {
+    ASSERT_EQ(run({"/usr/sbin/usermod", "-u", id, "admin"}).status, 0);
+    EXPECT_EQ(code(theirs), expected) << "another account of that name is another maker";
+    EXPECT_EQ(code(ours), good);
+  }
+  const std::regex member{",\\s*\"uid\": [0-9]+"};
+  EXPECT_TRUE(std::regex_search(read(TOKENS), member));
+  write(TOKENS, std::regex_replace(read(TOKENS), member, ""), 0600);
+  EXPECT_EQ(code(theirs), good) << "a row of an older version";
 }
 
 TEST_F(Monitoring, PromisesNoWayBackForATokenThatWouldNotGo) {

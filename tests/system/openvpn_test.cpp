@@ -619,6 +619,11 @@ TEST_F(OpenVpnCertificates, AreRenewedAtNightOrAtTheEndAndOldProfilesStay) {
   EXPECT_EQ(events("could not be renewed: /etc/openvpn/keys/rotation cannot be understood"), 1);
   fs::remove("/etc/openvpn/keys/rotation");
   fs::remove("/var/lib/ormel/certificates.json");
+  const std::string settings = read(VPN_CONF);
+  write(VPN_CONF, "damaged");
+  EXPECT_EQ(tend(4).status, 0);
+  EXPECT_EQ(key("myserver.crt"), ending) << "the server could not be started again";
+  write(VPN_CONF, settings);
   EXPECT_EQ(tend(4).status, 0);
   EXPECT_GT(days("server"), 3000);
   EXPECT_EQ(key("ca.crt"), authority);

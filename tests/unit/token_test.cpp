@@ -125,6 +125,9 @@ TEST_F(Tokens, EndWithTheRightOfTheirMaker) {
     EXPECT_EQ(state_of(all()[0], now), row.valid ? State::Valid : State::NoMaker);
     EXPECT_EQ(state_of(all()[0], token.expires), State::Expired);
   }
+  token.by = "admin";
+  token.uid = 54321;  // of an account that has gone
+  EXPECT_EQ(state_of(token, now), State::NoMaker);
 }
 
 TEST_F(Tokens, NoteTheirUseOnceAMinute) {

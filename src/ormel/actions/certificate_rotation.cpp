@@ -176,6 +176,14 @@ Rotation parse_rotation(const std::string& text) {
   return whole ? state : Rotation{};
 }
 
+std::string overdue_step(const Rotation& state, std::time_t now) {
+  if (state.phase == Phase::Overlap && state.change <= now)
+    return "their change-over was due on " + clock_text(state.change);
+  if (state.phase == Phase::Changed && state.end <= now)
+    return "the end of the old authority was due on " + clock_text(state.end);
+  return {};
+}
+
 Rotation rotation() {
   std::string text;
   return system::read_file(ROTATION, text, MOST_ROTATION) ? parse_rotation(text) : Rotation{};

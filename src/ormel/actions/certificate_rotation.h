@@ -33,6 +33,9 @@ struct Rotation {
 
 // The rotation in the text of its file; one without a phase for any other text.
 [[nodiscard]] Rotation parse_rotation(const std::string& text);
+// The step that the server's next start takes at once, as a clause: "their change-over was due on
+// DATE". Empty for none.
+[[nodiscard]] std::string overdue_step(const Rotation& state, std::time_t now);
 // The rotation that is under way.
 [[nodiscard]] Rotation rotation();
 

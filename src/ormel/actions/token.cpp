@@ -7,6 +7,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <nettle/memops.h>
+#include <pwd.h>
 #include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -58,6 +59,7 @@ bool parse(const json_t* row, Token& token) {
            .scope = *scope,
            .hash = text_of(row, "hash"),
            .by = text_of(row, "by"),
+           .uid = number_of(row, "uid"),
            .created = number_of(row, "created"),
            .expires = number_of(row, "expires"),
            .used = number_of(row, "used"),
@@ -69,14 +71,14 @@ bool parse(const json_t* row, Token& token) {
 Json document_of(const std::vector<Token>& tokens) {
   Json rows{json_array()};
   for (const Token& token : tokens) {
-    json_array_append_new(
-        rows.get(),
-        json_pack("{s:s, s:s, s:s, s:s, s:s, s:I, s:I, s:I, s:s, s:I}", "id", token.id.c_str(),
-                  "name", token.name.c_str(), "scope", name_of(token.scope), "hash",
-                  token.hash.c_str(), "by", fenro::valid_utf8(token.by).c_str(), "created",
-                  json_int_t{token.created}, "expires", json_int_t{token.expires}, "used",
-                  json_int_t{token.used}, "from", fenro::valid_utf8(token.from).c_str(), "refused",
-                  json_int_t{token.refused}));
+    json_t* const row = json_pack(
+        "{s:s, s:s, s:s, s:s, s:s, s:I, s:I, s:I, s:s, s:I}", "id", token.id.c_str(), "name",
+        token.name.c_str(), "scope", name_of(token.scope), "hash", token.hash.c_str(), "by",
+        fenro::valid_utf8(token.by).c_str(), "created", json_int_t{token.created}, "expires",
+        json_int_t{token.expires}, "used", json_int_t{token.used}, "from",
+        fenro::valid_utf8(token.from).c_str(), "refused", json_int_t{token.refused});
+    if (token.uid != 0) json_object_set_new(row, "uid", json_integer(token.uid));
+    json_array_append_new(rows.get(), row);
   }
   return Json{json_pack("{s:o}", "tokens", rows.release())};
 }
@@ -140,6 +142,12 @@ std::vector<Token>::const_iterator find(const std::vector<Token>& tokens,
                                         const std::string& which) {
   return std::ranges::find_if(
       tokens, [&which](const Token& one) { return one.name == which || one.id == which; });
+}
+
+// 0 for root, and for a name without an account.
+int64_t uid_of(const std::string& user) {
+  const passwd* const account = getpwnam(user.c_str());
+  return account ? int64_t{account->pw_uid} : 0;
 }
 
 // Empty, or what is wrong with the request.
@@ -228,8 +236,10 @@ State state_of(const Token& token, int64_t now) {
   if (token.by.empty() || token.by == COMMAND_LINE) return State::Valid;
   // A locked account ends its sessions, which must not live on as tokens.
   const char* const maker = token.by.c_str();
-  return User_Belongs_To_Group(maker, ADMINISTRATORS) && !fenro::is_locked(maker) ? State::Valid
-                                                                                  : State::NoMaker;
+  const bool same = token.uid == 0 || token.uid == uid_of(token.by);
+  return same && User_Belongs_To_Group(maker, ADMINISTRATORS) && !fenro::is_locked(maker)
+             ? State::Valid
+             : State::NoMaker;
 }
 
 std::optional<Scope> scope_named(std::string_view name) {
@@ -279,6 +289,7 @@ Verdict add(const std::string& name, const std::string& scope, int64_t life, con
           .scope = *scope_named(scope),
           .hash = openssl::sha256(secret),
           .by = by,
+          .uid = uid_of(by),
           .created = now,
           .expires = now + life};
   tokens.push_back(made);

@@ -2,12 +2,14 @@
 //
 // They are in /etc/config/ormel/tokens.json, for root alone:
 //   {"tokens": [{"id": "7f3a09c2", "name": "prometheus", "scope": "metrics", "hash": SHA-256 of the
-//    secret's 32 bytes, "by": "admin", "created": SECONDS, "expires": SECONDS, "used": SECONDS,
-//    "from": ADDRESS, "refused": SECONDS}]}
+//    secret's 32 bytes, "by": "admin", "uid": NUMBER, "created": SECONDS, "expires": SECONDS,
+//    "used": SECONDS, "from": ADDRESS, "refused": SECONDS}]}
+// "uid" is that of the maker's account; it is missing for root, and in the rows of older versions.
 // A token is the text ormel_ID_SECRET. Its secret is kept nowhere, and shown once. The file is in
 // no backup and no snapshot: a token that was removed must not come back.
 //
-// A token is good for no longer than its maker is an administrator whose account is not locked. One
+// A token is good for no longer than its maker is an administrator whose account is not locked, and
+// by the same account: another one that gets the name of a deleted one has another user ID. One
 // that root has made on the command line ends by its time alone, and so does one whose row has no
 // maker.
 //
@@ -36,6 +38,7 @@ struct Token {
   Scope scope = Scope::Metrics;
   std::string hash;
   std::string by;       // who has made it; "root" for the command line
+  int64_t uid = 0;      // of that account; 0 for root, and where it is not known
   int64_t created = 0;  // seconds since 1970, as all times here
   int64_t expires = 0;  // the first second in which it is no longer valid
   int64_t used = 0;     // the latest use, noted once a minute at the most; 0 for never

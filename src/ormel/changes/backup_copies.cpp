@@ -77,6 +77,7 @@ std::string copy(const Backup& backup, PolyConfig& holder) {
 }  // namespace
 
 Fault copy_profiles(const Backup& backup, bool dry, Restored& out) {
+  if (Fault fault = refusal_for_settings({.servers = false})) return fault;
   const BackupFile* const settings = backup.find(config::VPN_CONF);
   const system::MemoryFile memory(settings ? settings->content : "");
   config::Management archived;

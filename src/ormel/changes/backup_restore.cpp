@@ -1,6 +1,7 @@
 #include "ormel/changes/backup_restore.h"
 
 #include <algorithm>
+#include <ctime>
 #include <iterator>
 #include <memory>
 #include <net/if.h>
@@ -10,6 +11,7 @@
 
 #include "base/second_factor.h"
 #include "base/tunnel.h"
+#include "ormel/actions/certificate_rotation.h"
 #include "ormel/actions/privilege.h"
 #include "ormel/base/error.h"
 #include "ormel/base/file.h"
@@ -35,6 +37,7 @@ using config::PolyConfig;
 using config::ServerConfig;
 
 constexpr const char* EVERY_INTERFACE = "all";
+constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
 constexpr const char* RIGHTS = "/etc/config/vpn_user_ex.conf";
 constexpr int SILENT = 0;  // flags of the drivers' stop and start
 constexpr int RESTART_FLAG = 2;
@@ -109,6 +112,7 @@ class Restoration {
     compare_records();
     compare_files();
     warn_of_users();
+    warn_of_rotation();
   }
 
   void describe() const {
@@ -256,6 +260,17 @@ class Restoration {
       if (!user.empty() && !getpwnam(user.c_str()))
         warn("user " + user + " is unknown here (the right is kept)");
     }
+  }
+
+  // Unlike an undo, a restore may be the only way to the certificates, so that they come back.
+  void warn_of_rotation() {
+    const auto change = std::ranges::find(files_, ROTATION, &FileChange::path);
+    if (change == files_.end() || !change->wanted) return;
+    const std::string step = certificates::overdue_step(
+        certificates::parse_rotation(change->wanted->content), std::time(nullptr));
+    if (!step.empty())
+      warn("the certificates of the OpenVPN server are those of a rotation, and " + step +
+           ": the server's next start takes that step at once");
   }
 
   void describe_interruption(const Slot& slot) const {
@@ -469,12 +484,21 @@ Json document_of(const Restored& restored) {
   return out;
 }
 
+Fault refusal_for_settings(const Selection& selection) {
+  std::string fault = config::fault_of_settings().text;
+  if (fault.empty() || (selection.servers && selection.profiles)) return {};
+  return {ERR_REGULAR_FILE, fault + "; nothing was changed",
+          "restore all of the backup, or at least its servers and profiles"};
+}
+
 Fault preview(const Backup& backup, const Selection& selection, Restored& out) {
+  if (Fault fault = refusal_for_settings(selection)) return fault;
   Restoration(backup, selection, out).describe();
   return {};
 }
 
 Fault restore(const Backup& backup, const Selection& selection, Restored& out) {
+  if (Fault fault = refusal_for_settings(selection)) return fault;
   return Restoration(backup, selection, out).run();
 }
 

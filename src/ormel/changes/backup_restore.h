@@ -42,6 +42,10 @@ struct Restored {
 // The same as {"changed":[…],"added":[…],"removed":[…],"interrupted":[…],"warnings":[…],"same":n}.
 [[nodiscard]] Json document_of(const Restored& restored);
 
+// Why this host's settings cannot be kept beside what is selected: they are damaged, and only all
+// servers and profiles of a backup can take their place. No fault when they can.
+[[nodiscard]] Fault refusal_for_settings(const Selection& selection);
+
 // What restoring would do; nothing is written.
 [[nodiscard]] Fault preview(const Backup& backup, const Selection& selection, Restored& out);
 // Restores, and puts what differs into effect. A fault says what was done until then; the same

@@ -11,7 +11,6 @@
 #include "ormel/actions/certificate_rotation.h"
 #include "ormel/base/error.h"
 #include "ormel/base/handle.h"
-#include "ormel/base/text.h"
 #include "ormel/changes/settings_text.h"
 #include "ormel/changes/state_files.h"
 #include "ormel/config/pool.h"
@@ -114,18 +113,13 @@ std::string section_of_profile(const StateFile& row, const std::string& path) {
   return {};
 }
 
-// The step of a rotation that the server's next start would take at once; empty for none.
-std::string step_again(const std::string& text) {
-  using certificates::Phase;
-  const certificates::Rotation state = certificates::parse_rotation(text);
-  const std::time_t now = std::time(nullptr);
-  const bool changes = state.phase == Phase::Overlap && state.change <= now;
-  const bool ends = state.phase == Phase::Changed && state.end <= now;
-  if (!changes && !ends) return {};
-  return std::string("the certificates of the OpenVPN server stay as they are: ") +
-         (changes ? "their change-over was due on " : "the end of the old authority was due on ") +
-         clock_text(changes ? state.change : state.end) +
-         ", and the server's next start would take it again";
+// Why the certificates of a snapshot cannot go back; empty when they can.
+std::string step_again(const std::string& rotation) {
+  const std::string step =
+      certificates::overdue_step(certificates::parse_rotation(rotation), std::time(nullptr));
+  return step.empty() ? step
+                      : "the certificates of the OpenVPN server stay as they are: " + step +
+                            ", and the server's next start would take it again";
 }
 
 Json json_of(const std::vector<Step>& steps) {

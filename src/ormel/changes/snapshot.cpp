@@ -15,6 +15,7 @@
 #include "base/utf8.h"
 #include "ormel/base/crypto.h"
 #include "ormel/base/handle.h"
+#include "ormel/base/log.h"
 #include "ormel/changes/settings_text.h"
 #include "ormel/changes/state_files.h"
 #include "ormel/config/pool.h"
@@ -25,6 +26,7 @@ namespace {
 
 constexpr const char* MANIFEST = "/manifest.json";
 constexpr const char* HELD = "/held";
+constexpr const char* DAMAGED = ".damaged";
 constexpr int FORMAT = 1;
 constexpr std::time_t UNFINISHED_SECONDS = 600;  // that a snapshot without a manifest is left alone
 constexpr mode_t FOLDER_MODE = 0700;
@@ -176,6 +178,16 @@ bool Snapshots::keep(const std::string& target, const std::string& text, const C
   return fenro::replace_file(target, text, fenro::PRIVATE_FILE);
 }
 
+// What is no regular file is not replaced by a save.
+void Snapshots::keep_damaged_settings() const {
+  const std::string file = root_ + config::VPN_CONF;
+  std::string text;
+  if (!config::fault_of_settings(file.c_str()) || fenro::read_file(file.c_str(), text) != 0)
+    return;
+  if (!fenro::replace_file(file + DAMAGED, text, fenro::PRIVATE_FILE))
+    ORMEL_LOG(ERROR, "%s%s cannot be written", file.c_str(), DAMAGED);
+}
+
 bool Snapshots::fill(const std::string& folder, const Origin& origin) const {
   const std::vector<Snapshot> earlier = list();
   const std::optional<Snapshot> before =
@@ -199,6 +211,7 @@ bool Snapshots::fill(const std::string& folder, const Origin& origin) const {
 }
 
 int Snapshots::take(const Origin& origin, std::string& reason) const {
+  keep_damaged_settings();
   constexpr int ATTEMPTS = 100;  // against others that take one at the same time
   if (!fenro::make_private_folder(folder_)) {
     reason = folder_ + " cannot be made, or others may write to it";

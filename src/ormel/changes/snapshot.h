@@ -52,7 +52,8 @@ class Snapshots {
   // Whether this host keeps any.
   [[nodiscard]] bool wanted() const;
   // Copies all state. Returns its number; 0 when that failed, with nothing left and why in
-  // `reason`.
+  // `reason`. Damaged settings get a copy beside them, too, vpn.conf.damaged, which outlives the
+  // snapshots: the next save would replace them by what could be read of them, which is nothing.
   [[nodiscard]] int take(const Origin& origin, std::string& reason) const;
   // The newest first. Unfinished and damaged ones are left out.
   [[nodiscard]] std::vector<Snapshot> list() const;
@@ -75,6 +76,7 @@ class Snapshots {
   void prune(int newest) const;
   [[nodiscard]] std::vector<int> ids() const;
   [[nodiscard]] std::optional<Snapshot> read(int id) const;
+  void keep_damaged_settings() const;
   [[nodiscard]] bool fill(const std::string& folder, const Origin& origin) const;
   [[nodiscard]] bool keep(const std::string& target, const std::string& text, const Copy& copy,
                           const std::optional<Snapshot>& before) const;

@@ -51,6 +51,11 @@ SettingsFault fault_of_settings(const char* path) {
   return {"no-section", name + " has no section: it holds no settings"};
 }
 
+std::string refusal_for_settings() {
+  const SettingsFault fault = fault_of_settings();
+  return !fault ? std::string() : fault.text + "; nothing was changed: ormelctl doctor says what to do";
+}
+
 int Management::load(const char* path) {
   const Conf conf{Conf_Dir_Load(path)};
   config_version = Conf_Dir_Get_Str(conf.get(), "global", "dbversion", "");

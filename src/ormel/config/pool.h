@@ -27,6 +27,9 @@ struct SettingsFault {
 // regular file, cannot be opened, or does not hold settings. Nothing for a good one, an empty one,
 // and a missing one, as a new host has it.
 [[nodiscard]] SettingsFault fault_of_settings(const char* path = VPN_CONF);
+// Why no change may be made that goes by the settings: they are damaged, and a save would replace
+// them by a file without any server or profile. Empty when it may.
+[[nodiscard]] std::string refusal_for_settings();
 
 class Management {
  public:

@@ -135,6 +135,13 @@ bool apply_limits(const fenro::GrantBook& book, const std::string& user) {
   });
 }
 
+bool lift_end(const std::string& key) {
+  if (!hold::has_list()) return true;
+  const Json limits = hold::rows("limits");
+  if (!limits) return false;
+  return hold::limiter_of(limits.get(), key) != END_OF_ACCESS || let_in(key);
+}
+
 namespace {
 
 void show(const fenro::GrantBook& book, const fenro::Grant& grant, JsonValue& row) {

@@ -31,4 +31,8 @@ constexpr const char* END_OF_ACCESS = "end of access";
 // set stay. False when one could not be changed.
 [[nodiscard]] bool apply_limits(const fenro::GrantBook& book, const std::string& user);
 
+// Lifts the limit of a device that came from the end of its owner's access, once it has no owner
+// any more. False when it could not be lifted.
+[[nodiscard]] bool lift_end(const std::string& key);
+
 }  // namespace ormel::cgi::grant

@@ -1,9 +1,11 @@
 #include "ormel/web/serve.h"
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +17,7 @@
 #include "ormel/base/log.h"
 #include "ormel/base/text.h"
 #include "ormel/changes/recording.h"
+#include "ormel/config/pool.h"
 #include "ormel/web/access.h"
 #include "ormel/web/audit_record.h"
 #include "ormel/web/process.h"
@@ -144,6 +147,17 @@ constexpr std::string_view UNRECORDED = "/ormel/change/";
 // Open to all users, who must not evict the administrators' snapshots.
 constexpr std::string_view OF_USERS = "/ormel/my/";
 
+// Routes that go by the settings of servers and profiles, and may save them. Others beside the
+// fixed ones repair damaged settings, or keep people out, which must work even then.
+constexpr std::string_view BY_SETTINGS[] = {
+    "/ormel/cert/renew", "/ormel/cert/rotate", "/ormel/my/device_add", "/ormel/my/device_remove",
+    "/ormel/peer/add",   "/ormel/peer/modify", "/ormel/peer/remove"};
+
+std::string refusal_for_settings(const Route& route) {
+  const bool goes_by = std::ranges::find(BY_SETTINGS, route.path) != std::end(BY_SETTINGS);
+  return goes_by ? ormel::config::refusal_for_settings() : std::string();
+}
+
 bool can_be_taken_back(const Route& route) {
   return route.effect == CHANGES && local_caller == OF_SESSION &&
          !route.path.starts_with(UNRECORDED) && changes::Snapshots().wanted();
@@ -230,6 +244,13 @@ int give_undoable(const Route& route, const Request& request, JsonValue& respons
   return route.answer.give(request, response);
 }
 
+int give(const Route& route, const Request& request, JsonValue& response) {
+  if (std::string why = refusal_for_settings(route); !why.empty())
+    return refuse(route, response, {ERR_REGULAR_FILE, std::move(why)});
+  return can_be_taken_back(route) ? give_undoable(route, request, response)
+                                  : route.answer.give(request, response);
+}
+
 }  // namespace
 
 changes::Origin origin_of(const Request& request, const std::string& what) {
@@ -247,8 +268,7 @@ int serve(const Route& route, JsonValue& response) {
   }
   hides_secrets = request.token() && request.token()->scope < ormel::token::Scope::Admin;
   ormel::audit::Recorder recorder = recorder_of(route, request);
-  const int rc = can_be_taken_back(route) ? give_undoable(route, request, response)
-                                          : route.answer.give(request, response);
+  const int rc = give(route, request, response);
   if (request.is_change()) return recorder.finish(rc);
   recorder.drop();
   return rc;
