@@ -182,8 +182,7 @@ bool Snapshots::keep(const std::string& target, const std::string& text, const C
 void Snapshots::keep_damaged_settings() const {
   const std::string file = root_ + config::VPN_CONF;
   std::string text;
-  if (!config::fault_of_settings(file.c_str()) || fenro::read_file(file.c_str(), text) != 0)
-    return;
+  if (!config::fault_of_settings(file.c_str()) || fenro::read_file(file.c_str(), text) != 0) return;
   if (!fenro::replace_file(file + DAMAGED, text, fenro::PRIVATE_FILE))
     ORMEL_LOG(ERROR, "%s%s cannot be written", file.c_str(), DAMAGED);
 }

@@ -53,7 +53,8 @@ SettingsFault fault_of_settings(const char* path) {
 
 std::string refusal_for_settings() {
   const SettingsFault fault = fault_of_settings();
-  return !fault ? std::string() : fault.text + "; nothing was changed: ormelctl doctor says what to do";
+  return !fault ? std::string()
+                : fault.text + "; nothing was changed: ormelctl doctor says what to do";
 }
 
 int Management::load(const char* path) {
