@@ -284,8 +284,11 @@ TEST_F(Backup, SaysThatTheNextStepOfItsRotationIsOverdue) {
   for (const auto& [phase, change, overdue] :
        {std::tuple{"overlap", over, true}, {"overlap", ahead, false}, {"changed", over, false}}) {
     SCOPED_TRACE(phase + change);
-    write(ROTATION, std::string("phase=") + phase + "\noverlap=60\nbegun=900\nchange=" + change +
-                        "\nend=" + ahead + '\n');
+    std::string rotation = "overlap=60\nbegun=900\n";
+    for (const auto& [key, value] :
+         {std::pair{"phase=", std::string(phase)}, {"change=", change}, {"end=", ahead}})
+      rotation.append(key).append(value).append("\n");
+    write(ROTATION, rotation);
     expect_done({"backup", FILE_NAME, "--passphrase-file", PASSPHRASE_FILE});
     std::vector<std::string> words = restore_words(FILE_NAME);
     words.emplace_back("--dry-run");

@@ -71,7 +71,7 @@ TEST(OrmelCtlNumbers, AreWholeWordsInEveryCommand) {
       }
       const auto is_taken = [&](const std::string& value) {
         Arguments arguments;
-        std::vector<std::string> words{"--" + option + '=' + value};
+        std::vector<std::string> words{std::string("--").append(option).append("=").append(value)};
         if (*row.operands && *row.operands != '[') words.emplace_back("a");
         return parse_arguments(row, words, arguments).empty() &&
                (kind->second != Kind::Time || arguments.seconds(option, 0) >= 0);
