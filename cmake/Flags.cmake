@@ -33,7 +33,7 @@ endif()
 add_link_options(-Wl,--as-needed -Wl,-z,relro)
 
 # Short runs spend most of their time on being started. The C++ library inside what is installed
-# spares each start its relocations, what nobody calls is left out, and the addresses that a start
+# spares each start its relocations, unused functions are left out, and the addresses that a start
 # has to set are listed in a hundredth of the space. Of our libraries the C functions alone are
 # exported. The sanitizers and the coverage tools bring their own ideas of all this.
 if(ORMEL_SANITIZE OR ORMEL_COVERAGE OR ORMEL_FUZZ)

@@ -147,7 +147,7 @@ int peer_index(const std::string& public_key) {
   return 0;
 }
 
-// Whose device it is; empty for nobody's. The end of the owner's access is its end, too.
+// Gives the device an owner, or none for an empty name. It ends when the owner's access ends.
 Reply set_owner(const std::string& public_key, const std::string& owner) {
   Reply reply;
   const std::string before = fenro::read_grants().owner_of(public_key);

@@ -285,7 +285,7 @@ TEST_F(Monitoring, RefusesTheTokensOfWhoeverIsNoAdministratorAnyMore) {
   support::make_empty_folder("/var/lib/ormel/audit");
   ASSERT_EQ(run({"/usr/bin/gpasswd", "-d", "admin", "administrators"}).status, 0);
   EXPECT_EQ(code(theirs), refused);
-  EXPECT_EQ(code(ours), good) << "which depends on nobody";
+  EXPECT_EQ(code(ours), good) << "root's has no maker to lose";
   EXPECT_THAT(ctl({"token", "list"}).out,
               ContainsRegex("theirs .* refused: its maker is no administrator +admin\n"));
   const std::string events = ctl({"log", "events"}).out;

@@ -27,7 +27,6 @@ namespace ormel::certificates {
 namespace {
 
 constexpr const char* TOOL = "/usr/lib/fenro/ovpn-keys";
-constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
 constexpr const char* NEW_KEYS = "/run/fenro/openvpn.new-keys";  // by the tool, until a start
 constexpr std::size_t MOST_ROTATION = 4096;                      // bytes of that file
 constexpr int NO_STEP = 4;  // exit status of the tool: nothing to be done
@@ -186,7 +185,7 @@ std::string overdue_step(const Rotation& state, std::time_t now) {
 
 Rotation rotation() {
   std::string text;
-  return system::read_file(ROTATION, text, MOST_ROTATION) ? parse_rotation(text) : Rotation{};
+  return system::read_file(ROTATION_FILE, text, MOST_ROTATION) ? parse_rotation(text) : Rotation{};
 }
 
 int renew(std::string& reason) {

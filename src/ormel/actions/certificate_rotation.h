@@ -1,8 +1,7 @@
 // Keeps the certificates of the OpenVPN server alive: renewal, and replacing its authority without
-// locking anybody out.
+// locking clients out.
 //
-// The platform's tool ovpn-keys does each step; /etc/openvpn/keys/rotation says where a rotation
-// is: a line KEY=VALUE for phase, overlap, begun, change and end, in seconds.
+// The platform's tool ovpn-keys does each step and keeps the state of a rotation in a file.
 #pragma once
 
 #include <ctime>
@@ -12,6 +11,9 @@
 #include "ormel/actions/certificates.h"
 
 namespace ormel::certificates {
+
+// A line KEY=VALUE for phase, overlap, begun, change and end, in seconds.
+inline constexpr const char* ROTATION_FILE = "/etc/openvpn/keys/rotation";
 
 enum class Phase {
   None,

@@ -80,9 +80,9 @@ class JsonValue {
   void erase(size_t index);
   void erase(const std::string& key);
 
-  // Keeps the printed text alone, which takes a fraction of the memory: for a row of a long list
-  // that nobody changes any more. A value whose text differs between `print` and `toString` stays
-  // as it is.
+  // Replaces the contents by their printed text, which takes a fraction of the memory. Call it for
+  // a row of a long list once the row is complete. A value whose text differs between `print` and
+  // `toString` stays as it is.
   void settle();
 
   // Writes the value as JSON text without white space.

@@ -37,7 +37,6 @@ using config::PolyConfig;
 using config::ServerConfig;
 
 constexpr const char* EVERY_INTERFACE = "all";
-constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
 constexpr const char* RIGHTS = "/etc/config/vpn_user_ex.conf";
 constexpr int SILENT = 0;  // flags of the drivers' stop and start
 constexpr int RESTART_FLAG = 2;
@@ -264,7 +263,7 @@ class Restoration {
 
   // Unlike an undo, a restore may be the only way to the certificates, so that they come back.
   void warn_of_rotation() {
-    const auto change = std::ranges::find(files_, ROTATION, &FileChange::path);
+    const auto change = std::ranges::find(files_, certificates::ROTATION_FILE, &FileChange::path);
     if (change == files_.end() || !change->wanted) return;
     const std::string step = certificates::overdue_step(
         certificates::parse_rotation(change->wanted->content), std::time(nullptr));

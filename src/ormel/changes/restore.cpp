@@ -21,7 +21,6 @@ namespace ormel::changes {
 
 namespace {
 
-constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
 constexpr const char* JOURNAL = "/pending/restore.json";
 constexpr const char* WAKE_GATEWAY = "external_dev.update_vpn_gw";
 constexpr const char* KIND_WORDS[] = {"run", "start", "register", "unregister", "gateway"};
@@ -193,7 +192,8 @@ std::string Restore::settings_now() const {
 
 std::vector<std::string> Restore::files_of(const Snapshot& snapshot, std::string& why) const {
   std::vector<std::string> files = snapshots_.changed_since(snapshot);
-  std::string step = step_again(snapshots_.content(snapshot, ROTATION).value_or(""));
+  std::string step =
+      step_again(snapshots_.content(snapshot, certificates::ROTATION_FILE).value_or(""));
   if (step.empty()) return files;
   const auto dropped = std::erase_if(files, [](const std::string& path) {
     const StateFile* const row = find_state_file(path);

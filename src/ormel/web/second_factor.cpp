@@ -158,7 +158,7 @@ std::string typed_code(const Request& request) {
   return code;
 }
 
-// The code that confirms the set-up is used up, and logs nobody in.
+// The code that confirms the set-up counts as used: it cannot log in as well.
 Outcome confirm(const Request& request, JsonValue& reply) {
   std::vector<std::string> recovery;
   Outcome outcome = change(request.name(), [&](SecondFactor& factor) -> Outcome {

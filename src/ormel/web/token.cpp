@@ -44,7 +44,7 @@ Outcome list(const Request&, JsonValue& reply) {
 Outcome add(const Request& request, JsonValue& reply) {
   const auto life = request.whole("seconds", ormel::token::DEFAULT_LIFE);
   if (!life) return {ERR_VALUE, "seconds is a whole number"};
-  // A session that ends meanwhile would make a token that depends on nobody.
+  // Without a maker, as when the session has just ended, the token would never lose its right.
   const std::string maker = origin_of(request, "").user;
   if (maker.empty()) return {ERR_SESSION_FAIL};
   Token made;
