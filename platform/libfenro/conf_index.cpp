@@ -190,23 +190,30 @@ const char* ConfIndex::get(const char* section, const char* key) {
 
 void ConfIndex::set(const char* section, const char* key, std::string_view value) {
   int in = find_section(section);
-  const std::uint32_t seed = in == HashTable::NONE ? 0 : chains_[static_cast<std::size_t>(in)].hash;
-  const int entry = in == HashTable::NONE ? in : find_entry(in, key, hash_of(key, seed));
-  if (entry != HashTable::NONE) {
-    char*& old = values_[static_cast<std::size_t>(entry)];
-    if (value.size() > std::strlen(old)) {
-      old = arena_.copy(value);
-    } else {
-      std::memmove(old, value.data(), value.size());  // the new value may be a part of the old one
-      old[value.size()] = '\0';
-    }
-    return;
+  std::uint32_t hash = 0;
+  if (in != HashTable::NONE) {
+    hash = hash_of(key, chains_[static_cast<std::size_t>(in)].hash);
+    const int entry = find_entry(in, key, hash);
+    if (entry != HashTable::NONE) return replace(entry, value);
   }
   if (!ini::key_is_writable(key) || (in == HashTable::NONE && !ini::section_is_writable(section)))
     return;
-  if (in == HashTable::NONE) in = add_section(arena_.copy(section));
-  put(in, arena_.copy(key), arena_.copy(value));
+  if (in == HashTable::NONE) {
+    in = add_section(arena_.copy(section));
+    hash = hash_of(key, chains_[static_cast<std::size_t>(in)].hash);
+  }
+  add_entry(in, arena_.copy(key), arena_.copy(value), hash);
   publish();
+}
+
+void ConfIndex::replace(int entry, std::string_view value) {
+  char*& old = values_[static_cast<std::size_t>(entry)];
+  if (value.size() > std::strlen(old)) {
+    old = arena_.copy(value);
+  } else {
+    std::memmove(old, value.data(), value.size());  // the new value may be a part of the old one
+    old[value.size()] = '\0';
+  }
 }
 
 void ConfIndex::append_entries(std::string& out, int section) const {

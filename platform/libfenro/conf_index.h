@@ -94,6 +94,7 @@ class ConfIndex {
   int add_section(char* name);
   void add_entry(int section, char* key, char* value, std::uint32_t hash);
   void put(int section, char* key, char* value);
+  void replace(int entry, std::string_view value);
   void reserve(std::size_t entries);
   void publish();
   [[nodiscard]] char* name_of(int section) const {

@@ -128,10 +128,11 @@ bool section_is_writable(std::string_view section) {
   return section.find(']') == std::string_view::npos && !has_line_break(section);
 }
 
+// Keys are short: one look at each byte is quicker than a search for each mark.
 bool key_is_writable(std::string_view key) {
   return !key.empty() && key[0] != '[' && !key.starts_with(BYTE_ORDER_MARK) &&
          COMMENT_STARTS.find(key[0]) == std::string_view::npos &&
-         key.find('=') == std::string_view::npos && !has_line_break(key);
+         std::ranges::none_of(key, [](char c) { return c == '=' || c == '\n' || c == '\r'; });
 }
 
 std::string_view first_line(std::string_view value) {
