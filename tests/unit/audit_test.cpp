@@ -280,20 +280,38 @@ TEST_F(Audit, SaysHowManyChangesAreLeftOut) {
   EXPECT_EQ(kept.back().field, "6 more");
 }
 
-TEST(AuditState, ShowsWhatDiffersAndNoSecret) {
-  char name[] = "/tmp/ormel-state-XXXXXX";
-  ASSERT_NE(mkdtemp(name), nullptr);
-  const std::string root = name;
-  const auto put = [&](const std::string& path, const std::string& text) {
-    fs::create_directories(fs::path(root + path).parent_path());
-    support::write(root + path, text);
-  };
+class AuditState : public testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/ormel-state-XXXXXX";
+    ASSERT_NE(mkdtemp(name), nullptr);
+    root_ = name;
+  }
+  void TearDown() override { fs::remove_all(root_); }
+
+  void put(const std::string& path, const std::string& text) const {
+    fs::create_directories(fs::path(root_ + path).parent_path());
+    support::write(root_ + path, text);
+  }
+  [[nodiscard]] State look() const { return read_state(root_); }
+  [[nodiscard]] std::vector<std::string> changes_since(const State& before) const {
+    std::vector<std::string> found;
+    for (const Change& change : changes_between(before, look()))
+      found.push_back(change.field + '|' + change.from + '|' + change.to);
+    return found;
+  }
+
+ private:
+  std::string root_;
+};
+
+TEST_F(AuditState, ShowsWhatDiffersAndNoSecret) {
   put("/etc/config/vpn.conf",
       "[OPENVPN]\nClient IP 1 = 10.8.0.2\n[L2TP]\nPSK = sesame1\n"
       "[PPTP_CLIENT1]\nProfile File = of%20fice\nAccessCode = c2VzYW1l\nStatus = 0\n");
   put("/etc/config/vpn_user_ex.conf", "bob:1:0:0:0:0\n");
   put("/etc/config/vpn_options.conf", R"({"gw_setting":{"as_gw_en":0}})");
-  const State before = read_state(root);
+  const State before = look();
   put("/etc/config/vpn.conf",
       "[DROVIK]\nDebug = 0\nVPN Port = 444\n[L2TP_CLIENT12]\nReconnect = 1\nEnable = FALSE\n"
       "[OPENVPN]\nClient IP 1 = 10.9.0.2\nOPENVPN_iptables_rules = 1\n[L2TP]\nPSK = sesame2\n"
@@ -306,19 +324,33 @@ TEST(AuditState, ShowsWhatDiffersAndNoSecret) {
   put("/var/lib/ormel/holds.json",
       R"({"holds":[{"kind":"user","who":"Ym9i","name":"Ym9i","until":0}]})");
 
-  std::vector<std::string> found;
-  for (const Change& change : changes_between(before, read_state(root)))
-    found.push_back(change.field + '|' + change.from + '|' + change.to);
-
   EXPECT_THAT(
-      found, ElementsAre(
-                 "/etc/config/openvpn/clients/client3||changed", "DROVIK/VPN Port||444",
-                 "L2TP/PSK||changed", "OPENVPN/Client IP 1|10.8.0.2|10.9.0.2",
-                 "PPTP_CLIENT1/AccessCode||changed", "PPTP_CLIENT1/Profile File|of fice|home",
-                 "address||vpn.example.org", "gw_setting/as_gw_en|0|1", "gw_setting/gw1/index||3",
-                 testing::StartsWith("hold/user/bob||until 19"), "notify ops/Secret||changed",
-                 "notify ops/URL||changed", "rights/bob|pptp|pptp,openvpn", "rights/passwd||none"));
-  fs::remove_all(root);
+      changes_since(before),
+      ElementsAre("/etc/config/openvpn/clients/client3||changed", "DROVIK/VPN Port||444",
+                  "L2TP/PSK||changed", "OPENVPN/Client IP 1|10.8.0.2|10.9.0.2",
+                  "PPTP_CLIENT1/AccessCode||changed", "PPTP_CLIENT1/Profile File|of fice|home",
+                  "address||vpn.example.org", "gw_setting/as_gw_en|0|1", "gw_setting/gw1/index||3",
+                  testing::StartsWith("hold/user/bob||until 19"), "notify ops/Secret||changed",
+                  "notify ops/URL||changed", "rights/bob|pptp|pptp,openvpn",
+                  "rights/passwd||none"));
+}
+
+TEST_F(AuditState, ComparesSectionsByNameAndTheLastValueOfAKey) {
+  const std::tuple<const char*, const char*, std::vector<std::string>> cases[] = {
+      {"[a]\nx = 1\n\n[b]\ny = 2\n", "[b]\ny = 2\n[a]\n x=1\n", {}},
+      {"[a]\nx = 1\n[b]\ny = 2\n[a]\nx = 3\n", "[a]\nx = 3\n[b]\ny = 2\n", {}},
+      {"[a]\nx = 1\n[a]\nx = 3\n", "[a]\nx = 3\n[a]\nx = 1\n", {"a/x|3|1"}},
+      {"[a]\nx = 1\n[c]\nz = 1\n", "[c]\nz = 1\n[b]\ny = 2\n", {"a/x|1|", "b/y||2"}},
+      {"[a]\nx = 1\n[]\nx = 1\n", "[a]\nx = 1\n[]\nx = 2\n", {"x|1|2"}},
+      {"x = 1\n[a]\nx = 1\n", "  [a]  \nx = 1\n", {"x|1|"}},
+      {"[a]\nx = [1]\n", "[a]\nx = [2]", {"a/x|[1]|[2]"}},
+  };
+  for (const auto& [from, to, changes] : cases) {
+    put("/etc/config/vpn.conf", from);
+    const State before = look();
+    put("/etc/config/vpn.conf", to);
+    EXPECT_EQ(changes_since(before), changes) << to;
+  }
 }
 
 TEST_F(Audit, KeepsNothingWithoutItsFolder) {

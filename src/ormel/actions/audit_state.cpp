@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
+#include <span>
 #include <string_view>
+#include <tuple>
 #include <variant>
 
 #include "base/base64.h"
@@ -41,22 +44,78 @@ std::string joined(const std::string& area, std::string_view name) {
   return (area.empty() ? "" : area + '/') + std::string(name);
 }
 
-void read_ini(const std::string& text, const std::string& area, State& out) {
-  std::string_view rest = text;
-  std::string_view section;
+struct FieldPair {
+  Fields before, after;
+};
+
+struct Section {
+  std::string_view name, body;  // the lines before the first section have no name
+  bool operator==(const Section&) const = default;
+};
+using Sections = std::vector<Section>;
+
+std::optional<std::string_view> section_name(std::string_view line) {
+  if (line.find('[') == std::string_view::npos) return {};
+  line = fenro::trimmed(line);
+  if (!line.starts_with('[') || !line.ends_with(']')) return {};
+  return line.substr(1, line.size() - 2);
+}
+
+// In the order of their names; of those with one name in that of the file, as the last value of a
+// key counts.
+Sections sections_of(std::string_view text) {
+  Sections sections{{{}, text.substr(0, 0)}};
+  while (!text.empty()) {
+    const std::string_view line = fenro::take_whole_line(text);
+    std::string_view& body = sections.back().body;
+    if (const auto name = section_name(line))
+      sections.push_back({*name, text.substr(0, 0)});
+    else
+      body = {body.data(), body.size() + line.size()};
+  }
+  std::ranges::stable_sort(sections, {}, &Section::name);
+  return sections;
+}
+
+void read_section(const Section& section, const std::string& area, Fields& out) {
+  std::string_view rest = section.body;
   while (!rest.empty()) {
-    const std::string_view line = fenro::trimmed(fenro::take_line(rest));
-    if (line.starts_with('[') && line.ends_with(']')) {
-      section = line.substr(1, line.size() - 2);
-      continue;
-    }
+    const std::string_view line = fenro::take_line(rest);
     const size_t equals = line.find('=');
     if (equals == std::string_view::npos) continue;
     const std::string_view key = fenro::trimmed(line.substr(0, equals));
     const std::string_view value = fenro::trimmed(line.substr(equals + 1));
-    if (!is_setting(section, key)) continue;
-    out[joined(section.empty() ? "" : joined(area, section), key)] =
+    if (!is_setting(section.name, key)) continue;
+    out[joined(section.name.empty() ? "" : joined(area, section.name), key)] =
         is_one_of(ENCODED_KEYS, key) ? percent_decoded(value) : std::string(value);
+  }
+}
+
+// Takes those of one name off the front.
+std::span<const Section> take_named(std::string_view name, std::span<const Section>& sections) {
+  const auto end = std::ranges::find_if(
+      sections, [name](const Section& section) { return section.name != name; });
+  const auto count = static_cast<size_t>(end - sections.begin());
+  const std::span<const Section> taken = sections.first(count);
+  sections = sections.subspan(count);
+  return taken;
+}
+
+// Of a hundred profiles an action changes one or two: the others are compared as text alone.
+void read_ini(const std::string& before, const std::string& after, const std::string& area,
+              FieldPair& out) {
+  const Sections all_before = sections_of(before), all_after = sections_of(after);
+  std::span<const Section> rest_before = all_before, rest_after = all_after;
+  while (!rest_before.empty() || !rest_after.empty()) {
+    const std::string_view name =
+        rest_after.empty() ||
+                (!rest_before.empty() && rest_before.front().name < rest_after.front().name)
+            ? rest_before.front().name
+            : rest_after.front().name;
+    const auto from = take_named(name, rest_before), to = take_named(name, rest_after);
+    if (std::ranges::equal(from, to)) continue;
+    for (const Section& section : from) read_section(section, area, out.before);
+    for (const Section& section : to) read_section(section, area, out.after);
   }
 }
 
@@ -66,14 +125,14 @@ std::string value_of(const json_t* value) {
   return text ? text.get() : "";
 }
 
-void flatten(const std::string& field, json_t* value, State& out) {
+void flatten(const std::string& field, json_t* value, Fields& out) {
   const char* name = nullptr;
   json_t* member = nullptr;
   if (!json_is_object(value)) out[field] = value_of(value);
   json_object_foreach(value, name, member) flatten(joined(field, name), member, out);
 }
 
-void read_json(const std::string& text, const std::string& area, State& out) {
+void read_json(const std::string& text, const std::string& area, Fields& out) {
   const Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
   if (document) flatten(area, document.get(), out);
 }
@@ -88,7 +147,7 @@ std::string words_of(int rights) {
   return words.empty() ? "none" : words;
 }
 
-void read_rights(const std::string& text, const std::string& area, State& out) {
+void read_rights(const std::string& text, const std::string& area, Fields& out) {
   std::string_view rest = text;
   while (!rest.empty()) {
     std::string_view line = fenro::trimmed(fenro::take_line(rest));
@@ -97,7 +156,7 @@ void read_rights(const std::string& text, const std::string& area, State& out) {
   }
 }
 
-void read_hold(const json_t* hold, const std::string& area, State& out) {
+void read_hold(const json_t* hold, const std::string& area, Fields& out) {
   const auto text = [hold](const char* member) {
     const char* const value = json_string_value(json_object_get(hold, member));
     return std::string(value ? value : "");
@@ -110,7 +169,7 @@ void read_hold(const json_t* hold, const std::string& area, State& out) {
       (limit ? "since " : "until ") + clock_text(json_integer_value(moment));
 }
 
-void read_holds(const std::string& text, const std::string& area, State& out) {
+void read_holds(const std::string& text, const std::string& area, Fields& out) {
   const Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
   size_t at = 0;
   const json_t* hold = nullptr;
@@ -123,7 +182,7 @@ std::string decoded(const json_t* object, const char* member) {
   return value && fenro::parse_base64(value, text) ? text : std::string();
 }
 
-void read_grants(const std::string& text, const std::string& area, State& out) {
+void read_grants(const std::string& text, const std::string& area, Fields& out) {
   const Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
   size_t at = 0;
   json_t* row = nullptr;
@@ -144,7 +203,7 @@ void read_grants(const std::string& text, const std::string& area, State& out) {
 }
 
 // The rights of a token. Its latest use is no setting.
-void read_tokens(const std::string& text, const std::string& area, State& out) {
+void read_tokens(const std::string& text, const std::string& area, Fields& out) {
   const Json document{json_loadb(text.data(), text.size(), 0, nullptr)};
   size_t at = 0;
   const json_t* row = nullptr;
@@ -158,14 +217,25 @@ void read_tokens(const std::string& text, const std::string& area, State& out) {
 }
 
 // A file of one word.
-void read_word(const std::string& text, const std::string& area, State& out) {
+void read_word(const std::string& text, const std::string& area, Fields& out) {
   if (const std::string_view word = fenro::trimmed(text); !word.empty()) out[area] = word;
+}
+
+using Reader = void (*)(const std::string& text, const std::string& area, Fields& out);
+
+template <Reader Read>
+void in_both(const std::string& before, const std::string& after, const std::string& area,
+             FieldPair& out) {
+  Read(before, area, out.before);
+  Read(after, area, out.after);
 }
 
 struct Source {
   const char* path;
   const char* area;  // begins its fields
-  void (*read)(const std::string& text, const std::string& area, State& out);
+  // Adds the fields of two texts that differ, those that are the same in both or not.
+  void (*read)(const std::string& before, const std::string& after, const std::string& area,
+               FieldPair& out);
 };
 constexpr Source SOURCES[] = {
     {"/etc/config/vpn.conf", "", read_ini},
@@ -173,19 +243,19 @@ constexpr Source SOURCES[] = {
     {"/etc/config/ormel/guard.conf", "", read_ini},
     {"/etc/config/ormel/keeper.conf", "", read_ini},
     {"/etc/config/ormel/pelmar.conf", "sdwan", read_ini},
-    {"/etc/config/ormel/public_address", "address", read_word},
+    {"/etc/config/ormel/public_address", "address", in_both<read_word>},
     {"/etc/openvpn/keys/rotation", "rotation", read_ini},
-    {"/etc/config/vpn_user_ex.conf", "rights", read_rights},
-    {"/etc/config/vpn_block.conf", "block", read_json},
-    {"/etc/config/vpn_options.conf", "", read_json},
-    {"/var/lib/ormel/holds.json", "hold", read_holds},
-    {"/var/lib/ormel/grants.json", "grant", read_grants},
-    {"/etc/config/ormel/tokens.json", "tokens", read_tokens},
+    {"/etc/config/vpn_user_ex.conf", "rights", in_both<read_rights>},
+    {"/etc/config/vpn_block.conf", "block", in_both<read_json>},
+    {"/etc/config/vpn_options.conf", "", in_both<read_json>},
+    {"/var/lib/ormel/holds.json", "hold", in_both<read_holds>},
+    {"/var/lib/ormel/grants.json", "grant", in_both<read_grants>},
+    {"/etc/config/ormel/tokens.json", "tokens", in_both<read_tokens>},
 };
 // Profiles with their keys, and the OpenVPN server's certificates.
 constexpr const char* FOLDERS[] = {"/etc/config/openvpn/clients", "/etc/openvpn/keys"};
 
-void read_folder(const std::string& root, const std::string& folder, State& out) {
+void read_folder(const std::string& root, const std::string& folder, Fields& out) {
   const Dir listing{opendir((root + folder).c_str())};
   while (const dirent* const entry = listing ? readdir(listing.get()) : nullptr) {
     const std::string path = folder + '/' + entry->d_name;
@@ -210,7 +280,7 @@ std::string default_of(const config::Field& row) {
   return word ? (row.number != 0 ? "TRUE" : "FALSE") : std::to_string(row.number);
 }
 
-void add_defaults(TYPE type, const std::string& section, State& out) {
+void add_defaults(TYPE type, const std::string& section, Fields& out) {
   const auto record = config::make_record(type, 0);
   for (const config::FieldTable& table : record->fields()) {
     for (const config::Field& row : table) out[joined(section, row.key)] = default_of(row);
@@ -218,8 +288,8 @@ void add_defaults(TYPE type, const std::string& section, State& out) {
 }
 
 // What holds where a file does not say: the first save of a file writes it all.
-State make_defaults() {
-  State all;
+Fields make_defaults() {
+  Fields all;
   for (const TunnelFacts& facts : TUNNELS) {
     add_defaults(facts.server, facts.section, all);
     add_defaults(facts.client, facts.client_section, all);
@@ -229,7 +299,7 @@ State make_defaults() {
 }
 
 std::string default_in_force(const std::string& field) {
-  static const State DEFAULTS = make_defaults();
+  static const Fields DEFAULTS = make_defaults();
   const std::string section = field.substr(0, field.find('/'));
   const std::string kind = section.substr(0, section.find_last_not_of("0123456789") + 1);
   const auto found = DEFAULTS.find(kind + field.substr(section.size()));
@@ -247,9 +317,9 @@ void compare(const std::string& field, const std::string* from, const std::strin
   changes.push_back({field, secret || !from ? NONE : *from, secret ? "changed" : to ? *to : NONE});
 }
 
-const std::string* value_in(const State& state, const std::string& field) {
-  const auto found = state.find(field);
-  return found == state.end() ? nullptr : &found->second;
+const std::string* value_in(const Fields& fields, const std::string& field) {
+  const auto found = fields.find(field);
+  return found == fields.end() ? nullptr : &found->second;
 }
 
 }  // namespace
@@ -269,21 +339,23 @@ std::string percent_decoded(std::string_view text) {
 
 State read_state(const std::string& root) {
   State state;
-  for (const Source& source : SOURCES) {
-    std::string text;
-    if (system::read_file((root + source.path).c_str(), text))
-      source.read(text, source.area, state);
-  }
-  for (const char* folder : FOLDERS) read_folder(root, folder, state);
+  for (size_t i = 0; i < std::size(SOURCES); ++i)  // one that is missing is as one without a field
+    std::ignore = system::read_file((root + SOURCES[i].path).c_str(), state.texts.emplace_back());
+  for (const char* folder : FOLDERS) read_folder(root, folder, state.key_files);
   return state;
 }
 
 std::vector<Change> changes_between(const State& before, const State& after) {
+  FieldPair fields{before.key_files, after.key_files};
+  for (size_t i = 0; i < std::size(SOURCES); ++i) {
+    if (before.texts[i] != after.texts[i])
+      SOURCES[i].read(before.texts[i], after.texts[i], SOURCES[i].area, fields);
+  }
   std::vector<Change> changes;
-  State fields = before;
-  fields.insert(after.begin(), after.end());
-  for (const auto& [field, value] : fields)
-    compare(field, value_in(before, field), value_in(after, field), changes);
+  Fields all = fields.before;
+  all.insert(fields.after.begin(), fields.after.end());
+  for (const auto& [field, value] : all)
+    compare(field, value_in(fields.before, field), value_in(fields.after, field), changes);
   return changes;
 }
 

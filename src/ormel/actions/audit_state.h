@@ -14,7 +14,14 @@
 
 namespace ormel::audit {
 
-using State = std::map<std::string, std::string>;
+using Fields = std::map<std::string, std::string>;
+
+// What a look has found. It is taken apart when two are compared, and then only where they differ:
+// each change costs two looks.
+struct State {
+  std::vector<std::string> texts{};  // the files of settings
+  Fields key_files{};                // digests of the files with keys, by path
+};
 
 // The settings below the folder `root`; an appliance has them below "". A file that is missing or
 // damaged has no fields.
