@@ -11,6 +11,7 @@ constexpr const char* LOCKS = "/run/fenro/locks";
 constexpr const char* SETTINGS_FAULT = "/run/fenro/settings_fault";
 constexpr const char* EVENT_DATABASE = "/var/lib/fenro/event.db";
 constexpr const char* PASSWD = "/etc/passwd";
+constexpr const char* GROUP = "/etc/group";
 constexpr const char* LOGIN_DEFS = "/etc/login.defs";
 constexpr const char* NSSWITCH = "/etc/nsswitch.conf";
 

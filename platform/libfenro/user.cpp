@@ -21,11 +21,62 @@ namespace {
 
 constexpr int FIRST_GROUPS = 64;
 constexpr int LAST_GROUPS = 65536;
+constexpr std::string_view NO_NAMES = "+-#";  // begin lines of such files that are no account
 constexpr std::string_view DOMAIN_MARKS = "\\@+";
 constexpr std::array<std::string_view, 2> DIRECTORIES{"ldap", "sss"};
 constexpr std::array<std::string_view, 2> NO_SHELLS{"/nologin", "/false"};
 constexpr std::string_view LEAST_KEY = "UID_MIN";
 constexpr uid_t LEAST_PERSON = 1000;
+
+// What a request asks for again and again. Within one tick of the clock the answer is the same.
+struct Recent {
+  std::timespec tick{};
+  std::string nsswitch{};
+  std::string name{};  // of the user who was asked for last
+  std::optional<User> user{};
+};
+
+Recent& recent() {
+  thread_local Recent last;
+  std::timespec now{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  if (now.tv_nsec == last.tick.tv_nsec && now.tv_sec == last.tick.tv_sec) return last;
+  last = {.tick = now};
+  std::ignore = read_file(paths::NSSWITCH, last.nsswitch);  // the usual order holds without it
+  return last;
+}
+
+// The rest of the line of that name in a file of the form of /etc/passwd. Empty where the name
+// service would not ask the file first, or the file has no such line.
+std::string local_line(const char* path, std::string_view database, std::string_view name) {
+  std::string text;
+  if (NO_NAMES.find(name.front()) != std::string_view::npos) return {};
+  if (!asks_files_first(recent().nsswitch, database) || read_file(path, text) != 0) return {};
+  return std::string(line_of(text, name));
+}
+
+std::optional<User> local_user(std::string_view name) {
+  const std::string account = local_line(paths::PASSWD, "passwd:", name);
+  std::string_view line = account;
+  User user{};
+  take_until(line, ':');  // the password
+  if (!parse_number(take_until(line, ':'), user.uid)) return {};
+  if (!parse_number(take_until(line, ':'), user.gid)) return {};
+  return user;
+}
+
+bool is_in_local_group(std::string_view user, gid_t primary, std::string_view name) {
+  const std::string group = local_line(paths::GROUP, "group:", name);
+  std::string_view line = group;
+  gid_t number = 0;
+  take_until(line, ':');  // the password
+  if (!parse_number(take_until(line, ':'), number)) return false;
+  if (number == primary) return true;
+  while (!line.empty()) {
+    if (take_until(line, ',') == user) return true;
+  }
+  return false;
+}
 
 bool is_listed(const group& group, std::string_view user) {
   for (char** member = group.gr_mem; *member; ++member)
@@ -36,6 +87,7 @@ bool is_listed(const group& group, std::string_view user) {
 bool belongs(const char* user, const char* group_name) {
   const auto account = find_user(user);
   if (!account) return false;
+  if (is_in_local_group(user, account->gid, group_name)) return true;
   std::vector<char> buffer;
   const auto wanted =
       look_up<group>(buffer, [group_name](group* g, char* text, std::size_t size, group** found) {
@@ -104,26 +156,21 @@ int hand_out(Source source, char (**list)[Width], int lower, int upper, const ch
 
 }  // namespace
 
+// The host's own files are read here where the name service reads them first anyway: its sockets
+// and plug-ins take ten times as long, and each request of the web interface asks for its user.
 std::optional<User> find_user(const char* name) {
   if (!name || !*name) return {};
-  // A session's user is asked for again at once, for the groups: within one tick of the clock the
-  // answer is the same.
-  thread_local struct {
-    std::string name;
-    std::optional<User> user;
-    std::timespec tick;
-  } last{};
-  std::timespec now{};
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  if (now.tv_nsec == last.tick.tv_nsec && now.tv_sec == last.tick.tv_sec && last.name == name)
-    return last.user;
+  Recent& last = recent();
+  if (last.name == name) return last.user;
+  last.name = name;
+  last.user = local_user(name);
+  if (last.user) return last.user;
 
   std::vector<char> buffer;
   const auto record =
       look_up<passwd>(buffer, [name](passwd* p, char* text, std::size_t size, passwd** found) {
         return getpwnam_r(name, p, text, size, found);
       });
-  last = {name, {}, now};
   if (record) last.user = User{record->pw_uid, record->pw_gid};
   return last.user;
 }
@@ -170,18 +217,38 @@ std::vector<std::string> users_of(Source source) {
   return names;
 }
 
-bool asks_directory(std::string_view nsswitch) {
-  constexpr std::string_view DATABASE = "passwd:";
+std::string_view sources_of(std::string_view nsswitch, std::string_view database) {
   while (!nsswitch.empty()) {
     std::string_view line = take_line(nsswitch);
     line = line.substr(0, line.find('#'));
     skip_blanks(line, SPACE);
-    if (!line.starts_with(DATABASE)) continue;
-    line.remove_prefix(DATABASE.size());
-    while (!line.empty())
-      if (std::ranges::find(DIRECTORIES, take_word(line, SPACE)) != DIRECTORIES.end()) return true;
+    if (!line.starts_with(database)) continue;
+    line.remove_prefix(database.size());
+    return line;
   }
+  return {};
+}
+
+bool asks_directory(std::string_view nsswitch) {
+  std::string_view sources = sources_of(nsswitch, "passwd:");
+  while (!sources.empty())
+    if (std::ranges::find(DIRECTORIES, take_word(sources, SPACE)) != DIRECTORIES.end()) return true;
   return false;
+}
+
+bool asks_files_first(std::string_view nsswitch, std::string_view database) {
+  std::string_view sources = sources_of(nsswitch, database);
+  const std::string_view first = take_word(sources, SPACE);
+  if (first.empty()) return true;
+  return first == "files" && !take_word(sources, SPACE).starts_with('[');
+}
+
+std::string_view line_of(std::string_view text, std::string_view name) {
+  while (!text.empty()) {
+    std::string_view line = take_line(text);
+    if (take_until(line, ':') == name) return line;
+  }
+  return {};
 }
 
 std::vector<std::string> page_of(std::vector<std::string> names, int lower, int upper,
@@ -197,7 +264,7 @@ std::vector<std::string> page_of(std::vector<std::string> names, int lower, int 
 }  // namespace fenro
 
 int User_Belongs_To_Group(const char* user, const char* group) {
-  return user && group && fenro::belongs(user, group) ? 1 : 0;
+  return user && group && *group && fenro::belongs(user, group) ? 1 : 0;
 }
 
 int Get_Local_User_List_V2(char (**list)[33], int lower, int upper, const char* filter,

@@ -39,6 +39,13 @@ enum class Source { Local, Ldap, Domain };
 // Whether the passwd line of the name service's settings asks a directory.
 [[nodiscard]] bool asks_directory(std::string_view nsswitch);
 
+// Whether the name service asks the host's own files before all else, and takes what they say.
+// `database` is as its settings have it: "passwd:".
+[[nodiscard]] bool asks_files_first(std::string_view nsswitch, std::string_view database);
+
+// The rest of the line of that name in a file of the form of /etc/passwd; empty without one.
+[[nodiscard]] std::string_view line_of(std::string_view text, std::string_view name);
+
 // The rows `lower` to `upper` of the names that contain `filter`; `total` takes how many do.
 [[nodiscard]] std::vector<std::string> page_of(std::vector<std::string> names, int lower, int upper,
                                                std::string_view filter, int& total);

@@ -63,6 +63,58 @@ TEST(Users, OnlyThePasswdLineTellsOfADirectory) {
     EXPECT_FALSE(asks_directory(text)) << text;
 }
 
+TEST(Users, FilesAreReadHereWhereTheyComeFirst) {
+  for (const char* text : {"passwd: files systemd\n", "passwd:files",
+                           "group: sss\npasswd:\tfiles\n", "passwd:\n", "group: sss files\n", ""})
+    EXPECT_TRUE(asks_files_first(text, "passwd:")) << text;
+  for (const char* text : {"passwd: sss files\n", "passwd: compat", "# passwd: files\npasswd: db\n",
+                           "passwd: files [SUCCESS=continue] sss\n"})
+    EXPECT_FALSE(asks_files_first(text, "passwd:")) << text;
+}
+
+TEST(Users, AreTheOnesOfTheHostsFiles) {
+  const Scratch scratch;
+  const std::pair<const char*, const char*> files[] = {
+      {"passwd",
+       "#eve:x:4:4::/:/bin/sh\nadmin2:x:5:5::/:/bin/sh\nadmin:x:1000:100::/:/bin/sh\n"
+       "admin:x:7:7::/:/bin/sh\nbob:x:1001:27::/:/bin/sh\nbad:x::9::/:/bin/sh\n"
+       "+:x:1002:27::/:/bin/sh\ncar:x:1004:100::/:/bin/sh\ncarl:x:1003:100::/:/bin/sh\n"},
+      {"group",
+       "users:x:100:\nwheel:x:27:root,admin,\nwheels:x:28:carl\nempty:x:29:\n"
+       "+:x:30:admin\n"},
+      {"nsswitch.conf", "passwd: files\ngroup: files\n"},
+  };
+  struct Case {
+    const char *user, *group;
+    int belongs;
+  };
+  const Case cases[] = {
+      {"admin", "wheel", 1}, {"admin", "users", 1}, {"admin2", "wheel", 0}, {"bob", "wheel", 1},
+      {"carl", "wheel", 0},  {"carl", "wheels", 1}, {"car", "wheels", 0},   {"root", "wheel", 0},
+      {"admin", "empty", 0}, {"#eve", "wheel", 0},  {"admin", "whee", 0},   {"admin", "", 0},
+      {"", "wheel", 0},      {"+", "wheel", 0},     {"admin", "+", 0},      {"adm", "wheel", 0},
+      {"bad", "wheel", 0},
+  };
+  const int status = in_private_host(scratch, [&] {
+    for (const auto& [name, text] : files) {
+      const std::string own = scratch.write(name, text);
+      if (mount(own.c_str(), (std::string("/etc/") + name).c_str(), nullptr, MS_BIND, nullptr) != 0)
+        return NO_NAMESPACE;
+    }
+    int wrong = 0;
+    const auto admin = find_user("admin");
+    if (!admin || admin->uid != 1000 || admin->gid != 100) wrong = 1;
+    for (const Case& row : cases) {
+      if (User_Belongs_To_Group(row.user, row.group) == row.belongs) continue;
+      std::fprintf(stderr, "wrong for \"%s\" and \"%s\"\n", row.user, row.group);
+      wrong = 1;
+    }
+    return wrong;
+  });
+  if (status < 0) GTEST_SKIP() << "no mount namespace here";
+  EXPECT_EQ(status, 0);
+}
+
 // With its own stack in the place of the host's, whose module compares what the conversation
 // hands it.
 TEST(Password, ReachesPamAsItWasGiven) {
