@@ -1,10 +1,14 @@
 // HTTP statuses and certificates, and the daemons of tunnels by their command lines.
+#include <csignal>
 #include <cstring>
 #include <netinet/in.h>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <thread>
 #include <tuple>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -14,6 +18,7 @@
 #include "ormel/base/http.h"
 #include "ormel/host/vpn_process.h"
 #include "support/certificates.h"
+#include "support/wait.h"
 
 namespace ormel {
 namespace {
@@ -117,6 +122,41 @@ TEST(VpnProcesses, AreKnownByProgramAndProfile) {
     EXPECT_EQ(process.index, row.index);
     EXPECT_EQ(process.pid, 5);
   }
+}
+
+// More entries than one read of the folder returns.
+TEST(VpnProcesses, AreFoundAmongManyOthers) {
+  constexpr int OTHERS = 250;
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t group = fork();
+  if (group == 0) {
+    setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    int count = 0;
+    while (count < OTHERS && fork() != 0) ++count;
+    if (count == OTHERS) std::ignore = write(ready[1], "", 1);
+    for (;;) pause();
+  }
+  setpgid(group, group);
+  char byte = 1;
+  EXPECT_EQ(read(ready[0], &byte, 1), 1);
+  const pid_t daemon = fork();
+  if (daemon == 0) {
+    setpgid(0, group);
+    execl("/bin/sh", "/usr/sbin/pppd-pptp", "-c", "sleep 60; exit", "pptpclient231", nullptr);
+    _exit(1);
+  }
+  const bool found = support::comes_true([&] {
+    system::VpnProcess running;
+    EXPECT_EQ(running.update(), 0);
+    return running.pidof(PPTP_CLIENT_TYPE, 231) == daemon;
+  });
+  ::kill(-group, SIGKILL);
+  waitpid(group, nullptr, 0);
+  waitpid(daemon, nullptr, 0);
+  for (const int end : ready) close(end);
+  EXPECT_TRUE(found);
 }
 
 TEST(VpnProcesses, BelongToOneProfile) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <csignal>
+#include <dirent.h>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
@@ -36,23 +37,46 @@ int index_in(std::string arguments) {
   return to_int(arguments.c_str() + groups[1].rm_so);
 }
 
-// The first line of a file in the folder; false when it cannot be read, as that of a process that
-// has just ended.
-bool first_line(int folder, const std::string& path, std::string& line) {
-  const Fd fd{openat(folder, path.c_str(), O_RDONLY | O_CLOEXEC)};
-  if (!fd) return false;
-  line.clear();
-  char chunk[4096];
-  for (;;) {
-    const ssize_t got = TEMP_FAILURE_RETRY(read(fd.get(), chunk, sizeof chunk));
-    if (got < 0) return false;
-    if (got == 0) return true;
-    const std::string_view piece(chunk, static_cast<size_t>(got));
-    const size_t end = piece.find('\n');
-    line += piece.substr(0, end);
-    // A file of /proc gives all it has at once; each read saved counts, for every process pays for
-    // it.
-    if (end != std::string_view::npos || piece.size() < sizeof chunk) return true;
+// A process of the host, whose folder below /proc has its ID as name.
+struct ProcessEntry {
+  int proc;
+  const char* id;
+
+  // The first line of the command line; false when it cannot be read, as that of a process that
+  // has just ended.
+  bool read_cmdline(std::string& line) const {
+    const Fd fd{openat(proc, (std::string(id) + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC)};
+    if (!fd) return false;
+    line.clear();
+    char chunk[4096];
+    for (;;) {
+      const ssize_t got = TEMP_FAILURE_RETRY(read(fd.get(), chunk, sizeof chunk));
+      if (got < 0) return false;
+      if (got == 0) return true;
+      const std::string_view piece(chunk, static_cast<size_t>(got));
+      const size_t end = piece.find('\n');
+      line += piece.substr(0, end);
+      // A file of /proc gives all it has at once; each read saved counts, for every process pays
+      // for it.
+      if (end != std::string_view::npos || piece.size() < sizeof chunk) return true;
+    }
+  }
+};
+
+// Stops where `each` returns false. The entries are read without opendir(), whose buffer of 32 KB
+// is more memory than the rest of a short run takes.
+template <typename Each>
+void for_each_process(Each each) {
+  const Fd proc{open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  alignas(dirent64) char entries[4096];
+  ssize_t size = 0;
+  while (proc && (size = getdents64(proc.get(), entries, sizeof entries)) > 0) {
+    for (ssize_t at = 0; at < size;) {
+      const auto* const entry = reinterpret_cast<const dirent64*>(entries + at);
+      at += entry->d_reclen;
+      if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
+      if (!each(ProcessEntry{proc.get(), entry->d_name})) return;
+    }
   }
 }
 
@@ -69,33 +93,26 @@ bool is_daemon(std::string_view cmdline, const TunnelFacts& facts) {
 
 bool server_runs(TYPE server) {
   const TunnelFacts* const facts = find_tunnel(server);
-  const Dir proc{facts && facts->server_daemon ? opendir("/proc") : nullptr};
-  std::string cmdline;
-  while (const dirent* entry = proc ? readdir(proc.get()) : nullptr) {
-    if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0])) ||
-        !first_line(dirfd(proc.get()), std::string(entry->d_name) + "/cmdline", cmdline))
-      continue;
+  bool runs = false;
+  if (!facts || !facts->server_daemon) return false;
+  for_each_process([&, cmdline = std::string()](const ProcessEntry& entry) mutable {
     struct stat owner {};
-    if (is_daemon(cmdline, *facts) && fstatat(dirfd(proc.get()), entry->d_name, &owner, 0) == 0 &&
-        owner.st_uid == geteuid())
-      return true;
-  }
-  return false;
+    runs = entry.read_cmdline(cmdline) && is_daemon(cmdline, *facts) &&
+           fstatat(entry.proc, entry.id, &owner, 0) == 0 && owner.st_uid == geteuid();
+    return !runs;
+  });
+  return runs;
 }
 
 int VpnProcess::update() {
-  const Dir proc{opendir("/proc")};
-  if (!proc) return 0;
-  std::string cmdline;
-  while (const dirent* entry = readdir(proc.get())) {
-    if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
-    const pid_t pid = to_int(entry->d_name);
-    if (pid == 0 ||
-        !first_line(dirfd(proc.get()), std::string(entry->d_name) + "/cmdline", cmdline))
-      continue;
-    if (const Process& process = is_vpn_process(cmdline, pid); process.type != NONE_TYPE)
-      processes.push_back(process);
-  }
+  for_each_process(
+      [this, own = getpid(), cmdline = std::string()](const ProcessEntry& entry) mutable {
+        const pid_t pid = to_int(entry.id);
+        if (pid == 0 || pid == own || !entry.read_cmdline(cmdline)) return true;
+        if (const Process& process = is_vpn_process(cmdline, pid); process.type != NONE_TYPE)
+          processes.push_back(process);
+        return true;
+      });
   return 0;
 }
 
