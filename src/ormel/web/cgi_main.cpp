@@ -40,7 +40,9 @@ int main(int, char**) {
     if (url.find(POOL_ROUTES) != std::string::npos) ormel::config::cm.load();
     system::log_rotate(__log_file__);
   }
-  return serve_path(url, response);
+  const int code = serve_path(url, response);
+  end_answer();
+  return code;
 }
 
 }  // namespace ormel::cgi

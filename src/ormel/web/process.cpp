@@ -1,10 +1,12 @@
 #include "ormel/web/process.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <unistd.h>
 #include <utility>
 
@@ -38,11 +40,14 @@ void on_ending_signals(void (*action)(int)) {
 }  // namespace
 
 void open_standard_streams() {
-  int fd = 0;
-  do {
-    fd = open("/dev/null", O_RDWR);
-  } while (fd >= 0 && fd <= STDERR_FILENO);
-  if (fd > STDERR_FILENO) close(fd);
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) < 0) std::ignore = open("/dev/null", O_RDWR);  // the lowest that is free
+  }
+}
+
+void end_answer() {
+  std::fclose(stdout);
+  std::fclose(stderr);
 }
 
 std::string environment(const char* name) {

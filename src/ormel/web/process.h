@@ -11,6 +11,10 @@ namespace ormel::cgi {
 // A descriptor that the web server left closed would be taken by the next file that is opened.
 void open_standard_streams();
 
+// Ends the answer, which the web server takes for complete once both streams are closed. The kernel
+// closes them only after it has taken the whole process down.
+void end_answer();
+
 // A variable of the environment, empty if it is missing.
 [[nodiscard]] std::string environment(const char* name);
 
