@@ -246,7 +246,7 @@ Gate::Version Gate::current_version() {
 }
 
 void Gate::start_all() {
-  for (;;) {
+  while (count(Phase::Waiting, nullptr) > 0) {
     version_ = current_version();
     running_.clear();
     for (const Client& client : clients_)
