@@ -205,23 +205,35 @@ bool confirmed(const Command& command, const Arguments& arguments) {
 
 // Commands that repair damaged settings, or go by neither servers nor profiles: people can be kept
 // out even then. Any other one would save the settings without all that cannot be read.
-struct Independent {
+struct CommandName {
   std::string_view noun, verb;  // no verb for all
 };
-constexpr Independent INDEPENDENT[] = {
+constexpr CommandName INDEPENDENT[] = {
     {"undo", ""},    {"confirm", ""},   {"revert", ""}, {"restore", ""},
     {"address", ""}, {"guard", ""},     {"hold", ""},   {"kick", ""},
     {"notify", ""},  {"peer", "limit"}, {"token", ""},  {"user", ""},
 };
 
-Result refused_for_settings(const Command& command, const Arguments& arguments) {
-  const bool independent = std::ranges::any_of(INDEPENDENT, [&](const Independent& row) {
+// Commands that show servers and profiles: of damaged settings they would say that nothing is on.
+constexpr CommandName SHOWS_SETTINGS[] = {
+    {"status", ""}, {"why", ""},      {"profile", "list"},   {"profile", "show"},
+    {"server", ""}, {"peer", "list"}, {"profile", "export"}, {"gateway", "show"},
+    {"keeper", ""}, {"export", ""},   {"diff", ""},
+};
+
+bool is_among(std::span<const CommandName> names, const Command& command) {
+  return std::ranges::any_of(names, [&](const CommandName& row) {
     return row.noun == command.noun && (row.verb.empty() || row.verb == command.verb);
   });
-  if (independent || !is_change(command, arguments)) return {};
+}
+
+Result refused_for_settings(const Command& command, const Arguments& arguments) {
+  const bool changes = is_change(command, arguments);
+  if (changes ? is_among(INDEPENDENT, command) : !is_among(SHOWS_SETTINGS, command)) return {};
   const Findings damaged = damaged_files();
   if (!settings_are_damaged(damaged)) return {};
-  return failed(Exit::Failed, damaged[0].text + "; nothing was changed", damaged[0].cure);
+  return failed(Exit::Failed, damaged[0].text + (changes ? "; nothing was changed" : ""),
+                damaged[0].cure);
 }
 
 // What must hold before a command may run.

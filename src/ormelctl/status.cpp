@@ -60,9 +60,6 @@ Result one_state(const Arguments& arguments) {
 }  // namespace
 
 Result status(const Arguments& arguments) {
-  const Findings damaged = damaged_files();
-  // Of settings that cannot be read nothing below is true.
-  if (settings_are_damaged(damaged)) return failed(Exit::Failed, damaged[0].text, damaged[0].cure);
   if (!arguments.words.empty()) return one_state(arguments);
   if (arguments.has("check"))
     return failed(Exit::Usage, "--check needs a profile or a server",
@@ -88,7 +85,8 @@ Result status(const Arguments& arguments) {
   json_object_set(data.get(), "daemons", daemons.get());
   json_object_set_new(data.get(), "sessions", sessions ? sessions.release() : json_null());
   Result result = done(text, std::move(data));
-  if (!damaged.empty()) result.note = damaged[0].text + ": " + damaged[0].cure;
+  if (const Findings damaged = damaged_files(); !damaged.empty())
+    result.note = damaged[0].text + ": " + damaged[0].cure;
   return result;
 }
 
