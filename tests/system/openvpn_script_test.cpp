@@ -104,8 +104,7 @@ TEST_F(OpenVpnProfile, IsRefusedWithTheCauseInWords) {
        "-out weak.crt;"
        "openssl req -x509 -newkey rsa:512 -nodes -subj /CN=c -keyout short.key -out short.crt"},
       {"PATH=/usr/bin:/bin"});
-  using Name = const char*;
-  const std::tuple<Name, Name, Name, const char*> rows[] = {
+  const std::tuple<std::string, std::string, std::string, const char*> rows[] = {
       {"own.crt", "weak.crt", "weak.key", "signed with a digest that is too weak"},
       {"own.crt", "short.crt", "short.key", "the key of a certificate is too short"},
       {"own.crt", "own.crt", "other.key", "the key is not that of the certificate"},
@@ -114,12 +113,12 @@ TEST_F(OpenVpnProfile, IsRefusedWithTheCauseInWords) {
   };
   write(UPLOAD,
         "client\ndev tun\nremote 127.0.0.1 9\nca ca.crt\ncert client.crt\nkey client.key\n");
-  const auto upload = [](const char* name, Name file) {
-    return part(name, read(std::string("/tmp/") + file), file);
+  const auto upload = [](const char* name, const std::string& file) {
+    return part(name, read("/tmp/" + file), file);
   };
   for (const auto& [ca, certificate, key, cause] : rows) {
     const std::string files =
-        std::string("--ca /tmp/") + ca + " --cert /tmp/" + certificate + " --key /tmp/" + key + ' ';
+        "--ca /tmp/" + ca + " --cert /tmp/" + certificate + " --key /tmp/" + key + ' ';
     EXPECT_THAT(run({VERIFY, UPLOAD, files}).err, HasSubstr(cause)) << files;
     const std::string body = part("ovpn", read(UPLOAD), "p.ovpn") + upload("ca", ca) +
                              upload("cert", certificate) + upload("key", key) + "--edge--\r\n";
@@ -218,7 +217,7 @@ class HostileProfile : public OpenVpnProfile {
 
 TEST_F(HostileProfile, DoesNotRunAndTheAnswerNamesTheLine) {
   const std::pair<std::string, const char*> rows[] = {
-      // and what is told of the first line
+      // lines, and the answer for the first
       {"plugin openvpn-plugin-down-root.so /bin/sh -c \"/tmp/trap\"\n",
        "line 1: must not run on this appliance, for its line: plugin"},
       {"plugin /usr/lib/canary.so\n", "for its line: plugin"},

@@ -22,24 +22,17 @@ struct Protocol {
   const char* section;   // of the profile
   const char* interface;
   const char* server_ip;
-  const char* daemons;  // of the server
-  const char* script;
+  const char* daemons;      // of the server
   const char* on_the_wire;  // for nft
 };
 struct Tunnel : Protocol {
   const char* name;
   const char* options;  // of both ends
 };
-constexpr Protocol PPTP{"pptp",           "PPTP_CLIENT1",       "ppp1001",
-                        "10.0.0.1",       "^(pptpd|pptpctrl)$", "/etc/init.d/vpn_pptp.sh",
-                        "ip protocol gre"};
-constexpr Protocol L2TP{"l2tp",
-                        "L2TP_CLIENT1",
-                        "ppp1251",
-                        "10.2.0.1",
-                        "^(xl2tpd|fenro-charon)$",
-                        "/etc/init.d/vpn_l2tp.sh",
-                        "ip protocol esp"};
+constexpr Protocol PPTP = {"pptp",     "PPTP_CLIENT1",       "ppp1001",
+                           "10.0.0.1", "^(pptpd|pptpctrl)$", "ip protocol gre"};
+constexpr Protocol L2TP = {
+    "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1", "^(xl2tpd|fenro-charon)$", "ip protocol esp"};
 constexpr Tunnel TUNNELS[] = {
     {PPTP, "PptpMsChapV2", "--auth MS-CHAPV2 --enc HIGH"},
     {L2TP, "L2tpMsChapV2", "--auth MS-CHAPV2 --psk-file /tmp/psk"},
@@ -236,7 +229,7 @@ TEST_P(PppRecovery, ComesBackSoonAfterTheServersDeathAndRestart) {
   expect_back(began, "the server's death", "connected ended connected", SOON);
 
   began = Clock::now();
-  EXPECT_DONE(run({tunnel.script, "restart"}));
+  EXPECT_DONE(run({"/etc/init.d/vpn_" + protocol + ".sh", "restart"}));
   expect_back(began, "a restart of the server", "connected ended connected ended connected", SOON);
   EXPECT_THAT(live_list(), ContainsRegex(USER));
   EXPECT_THAT(live_list(), Not(ContainsRegex("guest.*\"user\"")))
