@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <gmock/gmock.h>
+#include <memory>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -53,6 +54,10 @@ inline void write(const fs::path& path, const std::string& text, mode_t mode = 0
   support::write(path, text, mode);
 }
 
+inline bool has(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
+
 struct Result {
   int status;  // exit status; negative the signal that ended it
   std::string out;
@@ -85,9 +90,27 @@ inline Result run(const std::vector<std::string>& words,
           read("/tmp/run.err")};
 }
 
+// A program under strace, which gets `options`. The leak check of an instrumented program cannot
+// work there.
+inline Result traced(std::vector<std::string> options, const std::vector<std::string>& words) {
+  options.insert(options.begin(), {"/usr/bin/strace", "-qq"});
+  options.insert(options.end(), words.begin(), words.end());
+  return run(options, {"ASAN_OPTIONS=detect_leaks=0"});
+}
+
 inline Result cli(std::vector<std::string> options) {
   options.insert(options.begin(), "/usr/sbin/ormel");
   return run(options);
+}
+
+inline Result ctl(std::vector<std::string> words) {
+  words.insert(words.begin(), "/usr/sbin/ormelctl");
+  return run(words);
+}
+
+// The name of a new session.
+inline std::string begin_session(const char* user) {
+  return run({"/usr/lib/fenro/fenro-session", "create", user}).out.substr(0, 8);
 }
 
 inline std::string conf_value(const std::string& section, const std::string& key) {
@@ -134,6 +157,25 @@ inline bool recorded_soon(const std::string& program, size_t count) {
   return comes_true([&] { return recorded(program).size() >= count; });
 }
 
+// A program of the test's own, ended with it.
+class Child {
+ public:
+  explicit Child(const std::function<int()>& run) : pid_{fork()} {
+    if (pid_ != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    _exit(run());
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child() {
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+
+ private:
+  pid_t pid_;
+};
+
 // A bus service with scripted answers, in its own process, in place of the daemon of that
 // name.
 class ScriptedService {
@@ -147,9 +189,7 @@ class ScriptedService {
     EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
     const fenro::Fd ready{ends[0]};
     fenro::Fd listening{ends[1]};
-    child_ = fork();
-    if (child_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
+    child_ = std::make_unique<Child>([&] {
       fenro::bus::Server server{service};
       for (const std::string& method : methods) {
         server.on(method, [&, method](std::string_view body) {
@@ -159,8 +199,8 @@ class ScriptedService {
       }
       while (!server.listen()) usleep(10000);  // the killed one may still hold the name
       listening.reset();
-      _exit(server.run());
-    }
+      return server.run();
+    });
     listening.reset();
     char none = 0;
     std::ignore = ::read(ready.get(), &none, 1);  // ends when the child listens, or is gone
@@ -170,15 +210,9 @@ class ScriptedService {
       : ScriptedService(service, daemon, methods, [&](std::string_view) {
           return fenro::bus::Reply{status, reply};
         }) {}
-  ScriptedService(const ScriptedService&) = delete;
-  ScriptedService& operator=(const ScriptedService&) = delete;
-  ~ScriptedService() {
-    ::kill(child_, SIGKILL);
-    waitpid(child_, nullptr, 0);
-  }
 
  private:
-  pid_t child_;
+  std::unique_ptr<Child> child_;
 };
 
 // A test that starts from an appliance without profiles, with all scripts and notifications

@@ -20,25 +20,6 @@ inline constexpr const char* AGENT_CONF = "/etc/config/ormel/cloudagent.cfg";
 inline constexpr const char* EDGE = "POST /dalnet/morvi/api/v1/edge";
 inline constexpr const char* ME = "GET /v1.1/me";
 
-// A program of the test's own, ended with it.
-class Child {
- public:
-  explicit Child(const std::function<int()>& run) : pid_{fork()} {
-    if (pid_ != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    _exit(run());
-  }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-  ~Child() {
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-
- private:
-  pid_t pid_;
-};
-
 // What becomes of one of the cloud's operations from now on; an empty fault heals all.
 inline void fault(const std::string& operation, const std::string& what) {
   write(fs::path(CLOUD) / "faults.json",

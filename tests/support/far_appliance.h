@@ -79,6 +79,15 @@ inline Result cli(std::vector<std::string> options) {
   return run(options);
 }
 
+inline Result ctl(std::vector<std::string> words) {
+  words.insert(words.begin(), "/usr/sbin/ormelctl");
+  return run(words);
+}
+
+inline std::string begin_session(const char* user) {
+  return run({"/usr/lib/fenro/fenro-session", "create", user}).out.substr(0, 8);
+}
+
 inline std::string read(const std::string& path) {
   return run({"/usr/bin/cat", path}).out;
 }

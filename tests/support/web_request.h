@@ -98,10 +98,6 @@ class WebHost : public ProfileHost {
     guest = "sid=" + begin_session("guest");
   }
 
-  static std::string begin_session(const char* user) {
-    return run({"/usr/lib/fenro/fenro-session", "create", user}).out.substr(0, 8);
-  }
-
   std::string admin;
   std::string guest;
 };

@@ -10,7 +10,6 @@ namespace {
 
 constexpr const char* SERVER = "/etc/init.d/vpn_l2tp.sh";
 constexpr const char* CLIENT = "/etc/init.d/vpn_l2tp_client.sh";
-constexpr const char* PEER = "/etc/config/ppp/peers/l2tpclient3";
 constexpr const char* PSK = "it's {one} \"of\" # many\\";
 
 // In the place of pppd: tells how it was run, and stays.
@@ -57,23 +56,22 @@ TEST_F(L2tpScript, TheIkeDaemonsAgreeOnTheKeyAndOnNothingElse) {
             .status,
         0);
   }
-  far::run(
-      {"/bin/rm", "-f", "/run/fenro/reasons/L2TP_CLIENT3"});  // that this kernel lacks something
-  EXPECT_THAT(far::run({"/usr/sbin/ormelctl", "doctor", "l2tp/3", "--json"}).out,
+  far::run({"/bin/rm", "-f", "/run/fenro/reasons/L2TP_CLIENT3"});  // what this kernel lacks
+  EXPECT_THAT(far::ctl({"doctor", "l2tp/3", "--json"}).out,
               HasSubstr(R"("step":"server","result":"ok","text":"answers")"));
   const auto establishes = [](const std::string& key, const std::string& seconds) {
     const Result loaded = far::run(
         functions("ipsec_write l2tpclient3 \"$(cat)\" 192.168.77.1 11703 1701 trap && ipsec_load"),
         {}, key);
     EXPECT_EQ(loaded.status, 0) << loaded.err;
-    const Result made =
-        far::run(functions("ike_command --initiate --ike l2tpclient3 --timeout " + seconds));
-    return made.status == 0;
+    const std::string initiate = "ike_command --initiate --ike l2tpclient3 --timeout ";
+    return far::run(functions(initiate + seconds)).status == 0;
   };
+  const auto terminate = functions("ike_command --terminate --ike l2tpclient3 --force");
   EXPECT_FALSE(establishes("another key", "6"));
-  far::run(functions("ike_command --terminate --ike l2tpclient3 --force"));
+  far::run(terminate);
   EXPECT_THAT(far::run(functions("ike_failure l2tpclient3 8")).out, StartsWith("psk-wrong "));
-  far::run(functions("ike_command --terminate --ike l2tpclient3 --force"));
+  far::run(terminate);
   EXPECT_TRUE(establishes(PSK, "50"));
   EXPECT_EQ(far::run(functions("ike_failure l2tpclient3 8")).out, "") << "there is a connection";
   EXPECT_EQ(run({"/usr/bin/stat", "-c%a", "/run/fenro/ipsec/l2tpserver.conf"}).out, "600\n");
@@ -87,28 +85,27 @@ TEST_F(L2tpScript, TheL2tpDaemonsMeetAndRunPppdUnderTheNamesThatAreLookedFor) {
       run(functions("l2tp_guard add && l2tp_launch /etc/config/ppp/xl2tpd.conf l2tpserver")).status,
       0);
   EXPECT_THAT(started_client.err, HasSubstr("this kernel has no "));
-  ASSERT_EQ(
-      far::run(functions("l2tp_launch $RUN_DIR/l2tpclient3.conf l2tpclient3 l2tp_client_view"))
-          .status,
-      0);
-  EXPECT_FALSE(comes_true([] { return fs::exists("/tmp/pppd.run"); },
-                          4));  // without IPsec they are kept apart
+  const auto launch =
+      functions("l2tp_launch $RUN_DIR/l2tpclient3.conf l2tpclient3 l2tp_client_view");
+  ASSERT_EQ(far::run(launch).status, 0);
+  const auto pppd_runs = [] { return fs::exists("/tmp/pppd.run"); };
+  EXPECT_FALSE(comes_true(pppd_runs, 4)) << "without IPsec they are kept apart";
   run(functions("l2tp_guard delete"));
-  EXPECT_TRUE(comes_true([] { return fs::exists("/tmp/pppd.run"); }, 30));
+  EXPECT_TRUE(comes_true(pppd_runs, 30));
   EXPECT_THAT(read("/tmp/pppd.run"),
               ContainsRegex("^/usr/sbin/pppd .*10.2.0.1:10.2.0.2 .* file "
                             "/etc/config/ppp/options.xl2tpd .*ipparam 192.168.77.2"));
   EXPECT_TRUE(comes_true([] { return !far::read("/tmp/pppd.run").empty(); }, 30));
   EXPECT_THAT(far::read("/tmp/pppd.run"),
-              ContainsRegex("^/run/fenro/pppd-l2tp .* file " + std::string(PEER)));
+              ContainsRegex("^/run/fenro/pppd-l2tp .* file /etc/config/ppp/peers/l2tpclient3"));
   EXPECT_EQ(far::read("/usr/sbin/pppd"), PPPD);  // to all others it is what it was
-  const std::vector<std::string> hook{
-      "/usr/lib/fenro/ppp-client-up", "ppp1253", "tty", "0", "10.2.0.2", "10.2.0.1"};
-  for (const char* section : {"PPTP_CLIENT3", "L2TP_CLIENT3"}) {
-    std::vector<std::string> words = hook;
-    words.push_back(section);
-    EXPECT_EQ(far::run(words).status == 0, section == std::string("L2TP_CLIENT3"));
-  }
+  const auto hook = [](const char* section) {
+    return far::run({"/usr/lib/fenro/ppp-client-up", "ppp1253", "tty", "0", "10.2.0.2", "10.2.0.1",
+                     section})
+        .status;
+  };
+  EXPECT_NE(hook("PPTP_CLIENT3"), 0);
+  EXPECT_EQ(hook("L2TP_CLIENT3"), 0);
   EXPECT_EQ(far::conf_value("L2TP_CLIENT3", "LocalIP"), "10.2.0.2");
   EXPECT_EQ(far::run({CLIENT, "stop", "3"}).status, 0);
   EXPECT_EQ(far::conf_value("L2TP_CLIENT3", "LocalIP"), "");

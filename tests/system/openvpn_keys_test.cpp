@@ -58,15 +58,6 @@ class OpenVpnKeys : public testing::Test {
     fs::remove_all(to);
     fs::copy(from, to, fs::copy_options::recursive);
   }
-  // The tool under strace, which gets `options`.
-  static Result traced(const std::vector<std::string>& options,
-                       const std::vector<std::string>& step) {
-    std::vector<std::string> words{"/usr/bin/strace", "-qq"};
-    words.insert(words.end(), options.begin(), options.end());
-    words.emplace_back(TOOL);
-    words.insert(words.end(), step.begin(), step.end());
-    return run(words, {"ASAN_OPTIONS=detect_leaks=0"});
-  }
   // Where the tool starts a child that changes a file, as strace takes it: it counts each call that
   // starts one by itself.
   static std::vector<std::string> changing_points(const std::vector<std::string>& step) {
@@ -96,14 +87,15 @@ class OpenVpnKeys : public testing::Test {
 };
 
 TEST_F(OpenVpnKeys, FitWhereverAStepIsKilled) {
-  const std::vector<std::vector<std::string>> steps = {{"rotate", "86400"}, {"advance"}};
+  const std::vector<std::vector<std::string>> steps = {{TOOL, "rotate", "86400"},
+                                                       {TOOL, "advance"}};
   for (const auto& step : steps) {
     const std::string old = first_of(key("ca.crt"));
     copy(KEYS, KEPT);
     const std::vector<std::string> points = changing_points(step);
-    EXPECT_GE(points.size(), 4U) << step[0];
+    EXPECT_GE(points.size(), 4U) << step[1];
     for (const std::string& point : points) {
-      SCOPED_TRACE(step[0] + ' ' + point);
+      SCOPED_TRACE(step[1] + ' ' + point);
       copy(KEPT, KEYS);
       EXPECT_NE(traced({"-o", "/dev/null", "-e", "inject=" + point}, step).status, 0);
       comes_true([] { return run({"/usr/bin/pgrep", "-x", "openssl|mv|sync|rm"}).status == 1; });
@@ -116,7 +108,7 @@ TEST_F(OpenVpnKeys, FitWhereverAStepIsKilled) {
         EXPECT_EQ(mode_of(KEYS + secret), 0600U) << secret;
     }
     copy(KEPT, KEYS);
-    ASSERT_EQ(tool(step).status, 0);
+    ASSERT_EQ(run(step).status, 0);
   }
   EXPECT_THAT(key("rotation"), HasSubstr("phase=changed"));
 }
@@ -147,29 +139,24 @@ TEST_F(OpenVpnKeys, ServeThoughAPieceOfARotationIsLost) {
     std::string text = key("rotation");
     write(KEYS + "rotation", text.replace(6, text.find('\n') - 6, name));
   };
-  const struct {
-    const char* name;
-    std::vector<const char*> lost;
-    std::string phase;
-    const std::string& signer;
-  } rows[] = {
+  const std::tuple<const char*, std::vector<const char*>, const char*, std::string> rows[] = {
       {"the new key", {"next.key"}, "overlap", old},
       {"the new authority", {"next.key", "next.crt"}, "changing", old},
       {"the certificate that signs", {"ca.crt"}, "overlap", fresh},
       {"the authority that signs", {"ca.crt", "ca.key"}, "overlap", fresh},
       {"the authority that signs, in the change", {"ca.crt", "ca.key"}, "changing", fresh},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [what, lost, name, signer] : rows) {
+    SCOPED_TRACE(what);
     copy(KEPT, KEYS);
-    phase(row.phase);
-    for (const char* file : row.lost) fs::remove(KEYS + file);
-    if (row.signer == fresh) {
+    phase(name);
+    for (const char* file : lost) fs::remove(KEYS + file);
+    if (signer == fresh) {
       EXPECT_NE(tool({"cancel"}).status, 0) << "the last authority is not forgotten";
     }
     EXPECT_EQ(start(), 0);
     EXPECT_TRUE(fit());
-    EXPECT_EQ(first_of(key("ca.crt")), row.signer);
+    EXPECT_EQ(first_of(key("ca.crt")), signer);
   }
 }
 

@@ -2,6 +2,7 @@
 // harm when they run.
 
 #include "ormel/base/handle.h"
+#include "ormel/base/lines.h"
 #include "support/web_request.h"
 
 using namespace ormel::test;
@@ -9,6 +10,7 @@ using namespace ormel::test;
 namespace {
 
 constexpr const char* VERIFY = "/usr/sbin/verify_ovpn.sh";
+constexpr const char* COMMON = "/etc/init.d/vpn_common.sh";
 constexpr const char* CLIENT = "/etc/init.d/vpn_openvpn_client.sh";
 constexpr const char* STORED = "/etc/config/openvpn/clients/client1";
 constexpr const char* ONLINE = "/var/log/ormel_online_users";
@@ -24,18 +26,16 @@ class OpenVpnProfile : public WebHost {
     run({"/usr/bin/openssl", "genpkey", "-algorithm", "ED25519", "-out", "/tmp/other.key"});
   }
   void SetUp() override {
-    for (const char* script : {"vpn_common.sh", "vpn_openvpn_client.sh"})
-      fs::copy_file(fs::path("/etc/init.d") / script, fs::path("/tmp") / script,
-                    fs::copy_options::overwrite_existing);
+    const std::string client = read(CLIENT);
+    common = read(COMMON);
     WebHost::SetUp();
-    fs::copy_file("/tmp/vpn_openvpn_client.sh", CLIENT, fs::copy_options::overwrite_existing);
+    write(CLIENT, client, 0755);
     fs::remove(MARK);
     write(TRAP, "#!/bin/sh\necho >/tmp/mark\n", 0755);
   }
   void TearDown() override {
     run({CLIENT, "stop", "1"});
-    fs::copy_file("/tmp/vpn_common.sh", "/etc/init.d/vpn_common.sh",
-                  fs::copy_options::overwrite_existing);
+    write(COMMON, common, 0755);
     for (const char* file : {STORED, ONLINE, MARK}) fs::remove(file);
   }
   static std::string profile(const std::string& lines = {}) {
@@ -46,25 +46,22 @@ class OpenVpnProfile : public WebHost {
     write(UPLOAD, text);
     return run({VERIFY, UPLOAD, arguments}).status;
   }
-  static Result import_profile(const std::string& text, const std::vector<std::string>& more = {}) {
+  static Result import_profile(const std::string& text) {
     write(UPLOAD, text);
-    std::vector<std::string> options{"--type=OVPN", std::string("--import=") + UPLOAD,
-                                     "--name=office", "--user=bob", "--pass=p"};
-    options.insert(options.end(), more.begin(), more.end());
-    return cli(options);
+    return cli({"--type=OVPN", std::string("--import=") + UPLOAD, "--name=office", "--user=bob",
+                "--pass=p"});
   }
+  std::string common;
 };
 
 // Each of these would have the daemon run, load or write something, if it met them unprepared.
 const std::string ACTIVE_LINES =
-    "up /tmp/trap\nroute-up /tmp/trap\ntls-verify /tmp/trap\nipchange /tmp/trap\nlearn-address "
-    "/tmp/trap\n"
-    "auth-user-pass-verify /tmp/trap via-env\nplugin /tmp/trap\n\"plugin\" /tmp/trap\nsetenv opt "
-    "plugin /tmp/trap\n"
-    "config /tmp/trap\ncd /nowhere\nchroot /tmp\nmanagement /tmp/mark unix\nlog "
-    "/tmp/mark\nlog-append /tmp/mark\n"
-    "status /tmp/mark\nwritepid /tmp/mark\niproute /tmp/trap\ndaemon\ngenkey tls-auth "
-    "/tmp/mark\nscript-security 3\n";
+    "up /tmp/trap\nroute-up /tmp/trap\ntls-verify /tmp/trap\nipchange /tmp/trap\n"
+    "learn-address /tmp/trap\nauth-user-pass-verify /tmp/trap via-env\nplugin /tmp/trap\n"
+    "\"plugin\" /tmp/trap\nsetenv opt plugin /tmp/trap\nconfig /tmp/trap\ncd /nowhere\n"
+    "chroot /tmp\nmanagement /tmp/mark unix\nlog /tmp/mark\nlog-append /tmp/mark\n"
+    "status /tmp/mark\nwritepid /tmp/mark\niproute /tmp/trap\ndaemon\n"
+    "genkey tls-auth /tmp/mark\nscript-security 3\n";
 
 TEST_F(OpenVpnProfile, IsJudgedByTheDaemonWithoutActing) {
   EXPECT_EQ(verify(profile()), 0);
@@ -107,9 +104,7 @@ TEST_F(OpenVpnProfile, IsRefusedWithTheCauseInWords) {
        "-out weak.crt;"
        "openssl req -x509 -newkey rsa:512 -nodes -subj /CN=c -keyout short.key -out short.crt"},
       {"PATH=/usr/bin:/bin"});
-  const struct {
-    const char *ca, *certificate, *key, *cause;
-  } rows[] = {
+  const std::tuple<std::string, std::string, std::string, const char*> rows[] = {
       {"own.crt", "weak.crt", "weak.key", "signed with a digest that is too weak"},
       {"own.crt", "short.crt", "short.key", "the key of a certificate is too short"},
       {"own.crt", "own.crt", "other.key", "the key is not that of the certificate"},
@@ -118,18 +113,17 @@ TEST_F(OpenVpnProfile, IsRefusedWithTheCauseInWords) {
   };
   write(UPLOAD,
         "client\ndev tun\nremote 127.0.0.1 9\nca ca.crt\ncert client.crt\nkey client.key\n");
-  for (const auto& row : rows) {
-    const std::string files = std::string("--ca /tmp/") + row.ca + " --cert /tmp/" +
-                              row.certificate + " --key /tmp/" + row.key + ' ';
-    EXPECT_THAT(run({VERIFY, UPLOAD, files}).err, HasSubstr(row.cause)) << files;
-    const auto upload = [](const char* name, const char* file) {
-      return part(name, read(std::string("/tmp/") + file), file);
-    };
-    const std::string body = part("ovpn", read(UPLOAD), "p.ovpn") + upload("ca", row.ca) +
-                             upload("cert", row.certificate) + upload("key", row.key) +
-                             "--edge--\r\n";
+  const auto upload = [](const char* name, const std::string& file) {
+    return part(name, read("/tmp/" + file), file);
+  };
+  for (const auto& [ca, certificate, key, cause] : rows) {
+    const std::string files =
+        "--ca /tmp/" + ca + " --cert /tmp/" + certificate + " --key /tmp/" + key + ' ';
+    EXPECT_THAT(run({VERIFY, UPLOAD, files}).err, HasSubstr(cause)) << files;
+    const std::string body = part("ovpn", read(UPLOAD), "p.ovpn") + upload("ca", ca) +
+                             upload("cert", certificate) + upload("key", key) + "--edge--\r\n";
     EXPECT_THAT(cgi("/ormel/config/report", admin, {MULTIPART, "CONTENT_LENGTH=1"}, body).body,
-                HasSubstr(row.cause))
+                HasSubstr(cause))
         << files;
   }
 }
@@ -150,7 +144,7 @@ TEST_F(OpenVpnProfile, IsImportedByBothWays) {
   EXPECT_EQ(import_profile(profile("cipher aes-256-cbc\nplugin other.so\n")).status, 0);
   EXPECT_THAT(read(STORED), HasSubstr("\ncipher AES-256-CBC\n"));
   EXPECT_THAT(read(STORED), HasSubstr("\nplugin other.so\n"));
-  EXPECT_EQ(fs::status(STORED).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(mode_of(STORED), 0600U);
   EXPECT_EQ(cli({"--type=OVPN", "--remove=1"}).status, 0);
   EXPECT_FALSE(fs::exists(STORED));
   const auto post = [&](const char* route, const std::string& text) {
@@ -184,30 +178,6 @@ TEST_F(OpenVpnProfile, DoesNotRunWhenALineCouldDoHarm) {
   }
 }
 
-TEST_F(OpenVpnProfile, RunsWithoutTheScriptsAndFilesOfOthers) {
-  if (const ormel::Fd device{open("/dev/net/tun", O_RDWR | O_CLOEXEC)}; !device)
-    GTEST_SKIP() << "no OpenVPN without the TUN device /dev/net/tun";
-  ASSERT_EQ(
-      import_profile(
-          profile(
-              "status /tmp/mark 1\nlog-append /tmp/mark\nroute-up /tmp/trap\ntls-verify /tmp/trap\n"
-              "cipher BF-CBC\nproto tcp-client\nsetenv UV_ID 1\n"))
-          .status,
-      0);
-  const Result started = run({CLIENT, "start", "1"});
-  ASSERT_EQ(started.status, 0) << started.err;
-  const std::string found = run({"/usr/bin/pgrep", "-af", "client1"}).out;
-  EXPECT_THAT(found, HasSubstr("/usr/lib/fenro/openvpnclient "));
-  EXPECT_THAT(found, HasSubstr("/usr/lib/fenro/fenro-openvpn-login client1"));
-  EXPECT_THAT(found, Not(HasSubstr("BF-CBC"))) << "a cipher that the daemon would end for";
-  EXPECT_THAT(
-      run({CGI}, {"SCRIPT_URL=/ormel/config/show", "QUERY_STRING=" + admin + "&type=1024"}).out,
-      HasSubstr("\"status\":2"));
-  EXPECT_EQ(run({CLIENT, "stop", "1"}).status, 0);
-  EXPECT_EQ(run({"/usr/bin/pgrep", "-f", "openvpnclient"}).status, 1);
-  EXPECT_FALSE(fs::exists(MARK));
-}
-
 // Profiles made to have the daemon load, run, read or write something. They lie where an earlier
 // version has stored them, or come as uploads; the plugin is where root's own libraries do.
 class HostileProfile : public OpenVpnProfile {
@@ -231,12 +201,12 @@ class HostileProfile : public OpenVpnProfile {
     return found;
   }
   // With the lines at the beginning, so that the first of them is line 1.
-  static void goes_through_all(const std::string& lines) {
-    std::ignore = verify(lines + profile());
-    std::ignore = import_profile(lines + profile());
+  static void goes_through_all(const std::string& lines, const std::string& good = {}) {
+    std::ignore = verify(lines + profile(good));
+    std::ignore = import_profile(lines + profile(good));
     cli({"--type=OVPN", "--remove=1"});
     EXPECT_FALSE(fs::exists(MARK)) << "by check or import";
-    ASSERT_EQ(import_profile(profile()).status, 0);
+    ASSERT_EQ(import_profile(profile(good)).status, 0);
     write(STORED, lines + read(STORED));
   }
   void TearDown() override {
@@ -245,13 +215,9 @@ class HostileProfile : public OpenVpnProfile {
   }
 };
 
-struct HostileLines {
-  std::string lines;
-  std::string told;  // of the first
-};
-
 TEST_F(HostileProfile, DoesNotRunAndTheAnswerNamesTheLine) {
-  const HostileLines rows[] = {
+  const std::pair<std::string, const char*> rows[] = {
+      // lines, and the answer for the first
       {"plugin openvpn-plugin-down-root.so /bin/sh -c \"/tmp/trap\"\n",
        "line 1: must not run on this appliance, for its line: plugin"},
       {"plugin /usr/lib/canary.so\n", "for its line: plugin"},
@@ -275,12 +241,12 @@ TEST_F(HostileProfile, DoesNotRunAndTheAnswerNamesTheLine) {
       {"mute a\\b\n", "line 1: a backslash before a plain byte"},
       {"http-proxy-user-pass /etc/shadow\n", "for its line: http-proxy-user-pass"},
   };
-  for (const HostileLines& row : rows) {
-    SCOPED_TRACE(row.lines);
-    goes_through_all(row.lines);
+  for (const auto& [lines, told] : rows) {
+    SCOPED_TRACE(lines);
+    goes_through_all(lines);
     const Result started = run({CLIENT, "start", "1"});
     EXPECT_EQ(started.status, 1);
-    EXPECT_THAT(started.err, HasSubstr(row.told));
+    EXPECT_THAT(started.err, HasSubstr(told));
     EXPECT_FALSE(fs::exists(MARK));
     cli({"--type=OVPN", "--remove=1"});
   }
@@ -289,30 +255,20 @@ TEST_F(HostileProfile, DoesNotRunAndTheAnswerNamesTheLine) {
 TEST_F(HostileProfile, RunsWithoutItsLineAndAnEventNamesItOnce) {
   if (const ormel::Fd device{open("/dev/net/tun", O_RDWR | O_CLOEXEC)}; !device)
     GTEST_SKIP() << "no OpenVPN without the TUN device /dev/net/tun";
-  const std::vector<std::string> lines{"up /tmp/trap",
-                                       "setenv opt down /tmp/trap",
-                                       "route-up /tmp/trap",
-                                       "tls-verify /tmp/trap",
-                                       "ipchange /tmp/trap",
-                                       "status /tmp/mark",
-                                       "log-append /tmp/mark",
-                                       "writepid /tmp/mark",
-                                       "management 127.0.0.1 7999",
-                                       "user nobody",
-                                       "ca /etc/shadow",
-                                       "askpass /etc/shadow",
-                                       "auth-user-pass /etc/shadow",
-                                       "crl-verify /etc/shadow",
-                                       "cd /tmp",
-                                       "tmp-dir /tmp",
-                                       "memstats /tmp/mark",
-                                       "setenv-safe A b",
-                                       "setenv A b",
-                                       "no-such-option /tmp/trap"};
-  std::string text;
-  for (const std::string& line : lines) text += line + '\n';
-  goes_through_all(text);
+  const std::string text =
+      "up /tmp/trap\nsetenv opt down /tmp/trap\nroute-up /tmp/trap\ntls-verify /tmp/trap\n"
+      "ipchange /tmp/trap\nstatus /tmp/mark\nlog-append /tmp/mark\nwritepid /tmp/mark\n"
+      "management 127.0.0.1 7999\nuser nobody\nca /etc/shadow\naskpass /etc/shadow\n"
+      "auth-user-pass /etc/shadow\ncrl-verify /etc/shadow\ncd /tmp\ntmp-dir /tmp\n"
+      "memstats /tmp/mark\nsetenv-safe A b\nsetenv A b\nno-such-option /tmp/trap\n";
+  const std::vector<std::string> lines = ormel::split_lines(text);
+  goes_through_all(text, "cipher BF-CBC\nproto tcp-client\nsetenv UV_ID 1\n");
   ASSERT_EQ(run({CLIENT, "start", "1"}).status, 0);
+  const std::string found = run({"/usr/bin/pgrep", "-af", "client1"}).out;
+  EXPECT_THAT(found, HasSubstr("/usr/lib/fenro/openvpnclient "));
+  EXPECT_THAT(found, HasSubstr("/usr/lib/fenro/fenro-openvpn-login client1"));
+  EXPECT_THAT(found, Not(HasSubstr("BF-CBC"))) << "a cipher that the daemon would end for";
+  EXPECT_THAT(cgi(SHOW, admin + "&type=1024").body, HasSubstr("\"status\":2"));
   const std::string given = copy();
   EXPECT_THAT(given, HasSubstr("plugin /usr/lib/vpn_ext.so 1\n"));
   ASSERT_EQ(run({CLIENT, "start", "1"}).status, 0);
@@ -325,7 +281,8 @@ TEST_F(HostileProfile, RunsWithoutItsLineAndAnEventNamesItOnce) {
     EXPECT_THAT(events()[0], HasSubstr("line " + std::to_string(at + 1) + ": " +
                                        option.substr(0, option.find(' '))));
   }
-  run({CLIENT, "stop", "1"});
+  EXPECT_EQ(run({CLIENT, "stop", "1"}).status, 0);
+  EXPECT_EQ(run({"/usr/bin/pgrep", "-f", "openvpnclient"}).status, 1);
   EXPECT_FALSE(fs::exists(MARK));
 }
 
@@ -333,27 +290,26 @@ TEST_F(HostileProfile, RunsWithoutItsLineAndAnEventNamesItOnce) {
 TEST_F(HostileProfile, ADaemonCanNotChangeTheSystem) {
   constexpr const char* JAIL =
       ". /usr/lib/fenro/vpn_lib.sh; . /usr/lib/fenro/ovpn_lib.sh; ovpn_jail \"$0\" sh -c \"$1\"";
-  for (const char* place : {"", "/run/fenro/place"}) {
-    for (const char* path : {"/usr/lib/mark", "/usr/sbin/mark", "/etc/mark"})
-      EXPECT_NE(run({"/bin/sh", "-c", JAIL, place, std::string("echo >") + path}).status, 0)
-          << path;
-  }
+  constexpr const char* PLACE = "/run/fenro/place";
+  const auto jailed = [](const char* place, const std::string& script) {
+    return run({"/bin/sh", "-c", JAIL, place, script});
+  };
+  for (const char* path : {"/usr/lib/mark", "/usr/sbin/mark", "/etc/mark"})
+    EXPECT_NE(jailed(PLACE, std::string("echo >") + path).status, 0) << path;
   for (const char* path :
-       {"/mark", "/etc/config/mark", "/root/mark", "/run/mark", "/var/lib/mark", "/var/tmp/mark"})
-    EXPECT_NE(run({"/bin/sh", "-c", JAIL, "", std::string("echo >") + path}).status, 0) << path;
-  EXPECT_EQ(run({"/bin/sh", "-c", JAIL, "", "echo >/tmp/mark"}).err, "");
+       {"/usr/lib/mark", "/usr/sbin/mark", "/etc/mark", "/mark", "/etc/config/mark", "/root/mark",
+        "/run/mark", "/var/lib/mark", "/var/tmp/mark"})
+    EXPECT_NE(jailed("", std::string("echo >") + path).status, 0) << path;
+  EXPECT_EQ(jailed("", "echo >/tmp/mark").err, "");
   EXPECT_FALSE(fs::exists(MARK)) << "its /tmp is its own";
-  EXPECT_EQ(run({"/bin/sh", "-c", JAIL, "/run/fenro/place",
-                 "echo >/etc/config/jail && rm /etc/config/jail"})
-                .err,
-            "")
+  EXPECT_EQ(jailed(PLACE, "echo >/etc/config/jail && rm /etc/config/jail").err, "")
       << "the hooks write settings";
 }
 
 // The hooks get what a stranger said about himself.
 TEST_F(OpenVpnProfile, HooksTakeAnyEnvironment) {
-  constexpr const char* UP = "/usr/lib/fenro/ovpn-server-up";
-  constexpr const char* DOWN = "/usr/lib/fenro/ovpn-server-down";
+  constexpr const char *UP = "/usr/lib/fenro/ovpn-server-up",
+                       *DOWN = "/usr/lib/fenro/ovpn-server-down";
   const std::vector<std::string> place{"trusted_ip=192.0.2.7", "trusted_port=4000",
                                        "ifconfig_local=10.8.0.1",
                                        "ifconfig_pool_remote_ip=10.8.0.9"};

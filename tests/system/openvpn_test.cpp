@@ -24,19 +24,18 @@ constexpr const char* OK = "{\"error\":0}";
 const auto DONE = EndsWith(",\"error\":0}");  // behind the data
 constexpr int PATIENCE = 40;  // seconds for a tunnel to come or go on a busy machine
 
-std::string member(const json_t* object, const char* name) {
-  const json_t* value = json_object_get(object, name);
-  if (json_is_integer(value)) return std::to_string(json_integer_value(value));
-  return json_is_string(value) ? json_string_value(value) : "";
-}
-
 // One member of every row of an answer's data.
 std::vector<std::string> members(const std::string& body, const char* name) {
   std::vector<std::string> values;
   const ormel::Json answer{json_loads(body.c_str(), 0, nullptr)};
-  const json_t* rows = json_object_get(answer.get(), "data");
-  for (size_t i = 0; i < json_array_size(rows); ++i)
-    values.push_back(member(json_array_get(rows, i), name));
+  size_t at = 0;
+  const json_t* row = nullptr;
+  json_array_foreach(json_object_get(answer.get(), "data"), at, row) {
+    const json_t* value = json_object_get(row, name);
+    const char* text = json_string_value(value);
+    values.push_back(json_is_integer(value) ? std::to_string(json_integer_value(value))
+                                            : std::string(text ? text : ""));
+  }
   return values;
 }
 
@@ -49,8 +48,8 @@ class OpenVpnTunnel : public testing::Test {
     far::run({"/usr/bin/mibsh", "@/var/run/ormeld.sock.db_conn_client_log_clean"});
     far::run({"/bin/rm", "-rf", VPN_CONF, "/etc/config/openvpn/clients/client1"});
     ASSERT_EQ(run({"/etc/init.d/vpn_common.sh", "setup_vpn_entrance"}).status, 0);
-    near = run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8);
-    away = far::run({"/usr/lib/fenro/fenro-session", "create", "admin"}).out.substr(0, 8);
+    near = begin_session("admin");
+    away = far::begin_session("admin");
     password = read(std::string("/var/lib/appliance/password.") + USER);
     password.pop_back();
     ASSERT_THAT(web("/ormel/log/cleanup", "&type=23"), OK);
@@ -58,7 +57,9 @@ class OpenVpnTunnel : public testing::Test {
         web("/ormel/config/modify", "&type=SOVPN&enable=true&ip_pool=10.8.0.0&proto=UDP&port=1194"),
         DONE);
     ASSERT_EQ(web("/ormel/privilege/set", std::string("&user=") + USER + "|4"), OK);
-    import_profile();
+    far::write("/tmp/password", encoded(password));
+    ASSERT_THAT(profile(), HasSubstr("\nremote 192.168.77.1 1194\n"));
+    import_as("office", profile());
   }
   void TearDown() override {
     far::run({CLIENT, "stop", "1"});
@@ -77,33 +78,45 @@ class OpenVpnTunnel : public testing::Test {
     words.insert(words.end(), options.begin(), options.end());
     return far::run(words).out;
   }
-  // `remotes` in place of the profile's own one.
-  void import_profile(const std::string& remotes = {}) const {
-    constexpr std::string_view OWN = "\nremote 192.168.77.1 1194\n";
-    std::string profile = https("/ormel/config/download?sid=" + near).body;
-    if (remotes.empty()) {
-      ASSERT_THAT(profile, HasSubstr(OWN));
-    } else {
-      const size_t own = profile.find("\nremote ");
-      ASSERT_NE(own, std::string::npos) << profile;
-      profile.replace(own, profile.find('\n', own + 1) + 1 - own, remotes);
-    }
-    far::write("/tmp/office.ovpn", profile);
-    far::write("/tmp/password", encoded(password));
+  // What the server gives out now.
+  [[nodiscard]] std::string profile() const {
+    return https("/ormel/config/download?sid=" + near).body;
+  }
+  void import_as(const std::string& name, const std::string& text) const {
+    far::write("/tmp/office.ovpn", text);
     EXPECT_THAT(far_curl("/ormel/config/import?sid=" + away,
-                         {"-F", "ovpn=@/tmp/office.ovpn", "-F", "name=office", "-F",
+                         {"-F", "ovpn=@/tmp/office.ovpn", "-F", "name=" + name, "-F",
                           std::string("user=") + USER, "-F", "pass=</tmp/password"}),
                 DONE);
+  }
+  // With `remotes` in place of the profile's own one.
+  void import_profile(const std::string& remotes) const {
+    std::string text = profile();
+    const size_t own = text.find("\nremote ");
+    ASSERT_NE(own, std::string::npos) << text;
+    text.replace(own, text.find('\n', own + 1) + 1 - own, remotes);
+    import_as("office", text);
   }
   static std::string encoded(const std::string& secret) {
     return run({"/usr/bin/base64", "-w0"}, {}, secret).out;
   }
+  // In the profile over there; returns what its web interface answers.
+  [[nodiscard]] std::string set_password(const std::string& word) const {
+    return far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded(word));
+  }
   void connect() const {
     EXPECT_THAT(far_web("/ormel/config/connect", "&type=OVPN&index=1"), DONE);
   }
+  void disconnect() const {
+    EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
+  }
+  static Result shell(const std::string& script) { return run({"/bin/sh", "-c", script}); }
+  static Result far_shell(const std::string& script) {
+    return far::run({"/bin/bash", "-c", script});
+  }
+  static std::string local_ip() { return far::conf_value("OPENVPN_CLIENT1", "LocalIP"); }
   static bool comes_up() {
-    return comes_true([] { return !far::conf_value("OPENVPN_CLIENT1", "LocalIP").empty(); },
-                      PATIENCE);
+    return comes_true([] { return !local_ip().empty(); }, PATIENCE);
   }
   // The daemon over there ends by itself; nobody dials again but us.
   static bool comes_to_an_end() {
@@ -115,6 +128,17 @@ class OpenVpnTunnel : public testing::Test {
   }
   [[nodiscard]] std::vector<std::string> online(const char* name) const {
     return members(web("/ormel/connection/list", ""), name);
+  }
+  [[nodiscard]] bool nobody_is_on() const {
+    return comes_true([&] { return online("name").empty(); }, PATIENCE);
+  }
+  [[nodiscard]] bool somebody_is_on() const {
+    return comes_true([&] { return !online("name").empty(); }, PATIENCE);
+  }
+  // Refused logins among the rows from this one on.
+  [[nodiscard]] std::ptrdiff_t refusals_since(size_t rows) const {
+    const std::vector<std::string> actions = logged("action");
+    return std::count(actions.begin() + static_cast<long>(rows), actions.end(), "1");
   }
   [[nodiscard]] std::vector<std::string> logged(const char* name) const {
     return members(web("/ormel/log/server", "&order=asc"), name);
@@ -138,7 +162,7 @@ class OpenVpnGuard : public OpenVpnTunnel {
     if (IsSkipped() || HasFatalFailure()) return;
     far::cli({"--type=OVPN", "--remove=1"});
     far_shell("cp /etc/hosts /tmp/hosts; ping -c1 -w9 192.168.77.254");
-    ASSERT_EQ(run({"/bin/sh", "-c", "ip address add 198.51.100.1/32 dev lo"}).status, 0);
+    ASSERT_EQ(shell("ip address add 198.51.100.1/32 dev lo").status, 0);
     moves_to("203.0.113.1");
   }
   void TearDown() override {
@@ -150,28 +174,21 @@ class OpenVpnGuard : public OpenVpnTunnel {
         "rm /tmp/flood; cat /tmp/hosts >/etc/hosts; rm /etc/config/ormel/guard.conf;"
         "nsenter --net=/run/netns/lan /usr/sbin/nft delete table netdev outside");
     moves_to("");
-    run({"/bin/sh", "-c", "ip address del 198.51.100.1/32 dev lo"});
+    shell("ip address del 198.51.100.1/32 dev lo");
     OpenVpnTunnel::TearDown();
   }
-  static Result far_shell(const std::string& script) {
-    return far::run({"/bin/bash", "-c", script});
-  }
   static bool comes_to(const std::string& state) {
-    return comes_true(
-        [&] {
-          return far_shell("ormelctl guard --json").out.find("\"state\":\"" + state) !=
-                 std::string::npos;
-        },
-        PATIENCE);
+    return comes_true([&] { return has(guard(), "\"state\":\"" + state); }, PATIENCE);
   }
+  static std::string guard() { return far_shell("ormelctl guard --json").out; }
   // The server has this address outside, and no other.
   static void moves_to(const std::string& address) {
-    run({"/bin/sh", "-c", "ip address flush dev lo to 203.0.113.0/24"});
+    shell("ip address flush dev lo to 203.0.113.0/24");
     const std::string in_lan = "nsenter --net=/run/netns/lan ip route ";
     far_shell(in_lan + "flush 203.0.113.0/28");
     far_shell(in_lan + "flush root 203.0.113.0/28");
     if (address.empty()) return;
-    ASSERT_EQ(run({"/bin/sh", "-c", "ip address add " + address + "/32 dev lo"}).status, 0);
+    ASSERT_EQ(shell("ip address add " + address + "/32 dev lo").status, 0);
     ASSERT_EQ(far_shell(in_lan + "add " + address + " via 192.168.77.1").status, 0);
   }
   static void named(const std::vector<std::string>& addresses) {
@@ -186,23 +203,18 @@ class OpenVpnGuard : public OpenVpnTunnel {
         OK);
     EXPECT_THAT(far_web("/ormel/guard/set", "&mode=on"), DONE);
     EXPECT_TRUE(comes_to("holding"));
-    far_shell(
-        "nsenter --net=/run/netns/lan /usr/sbin/nft 'add table netdev outside; delete table netdev "
-        "outside; add table "
-        "netdev outside; add chain netdev outside in { type filter hook ingress device to-far "
-        "priority 0; }; add rule "
-        "netdev outside in ip daddr 203.0.113.9 counter'");
-    far_shell(
-        "[ -e /tmp/flood ] || setsid bash -c 'touch /tmp/flood; ping -i .02 -I 192.168.77.2 "
-        "203.0.113.9 & while [ -e "
-        "/tmp/flood ]; do echo >/dev/udp/203.0.113.9/9; done; kill $!' </dev/null >/dev/null 2>&1 "
-        "&");
+    far_shell(R"(nsenter --net=/run/netns/lan /usr/sbin/nft '
+      add table netdev outside; delete table netdev outside; add table netdev outside
+      add chain netdev outside in { type filter hook ingress device to-far priority 0; }
+      add rule netdev outside in ip daddr 203.0.113.9 counter')");
+    far_shell(R"([ -e /tmp/flood ] || setsid bash -c 'touch /tmp/flood
+      ping -i .02 -I 192.168.77.2 203.0.113.9 &
+      while [ -e /tmp/flood ]; do echo >/dev/udp/203.0.113.9/9; done
+      kill $!' </dev/null >/dev/null 2>&1 &)");
   }
   static std::string left() {
-    return far_shell(
-               "nsenter --net=/run/netns/lan /usr/sbin/nft list table netdev outside | sed -n "
-               "'s/.*packets "
-               "\\([0-9]*\\).*/\\1/p'")
+    return far_shell(R"(nsenter --net=/run/netns/lan /usr/sbin/nft list table netdev outside |
+      sed -n 's/.*packets \([0-9]*\).*/\1/p')")
         .out;
   }
   // What is behind the server answers again and again, and by the tunnel alone. On a busy machine
@@ -213,65 +225,51 @@ class OpenVpnGuard : public OpenVpnTunnel {
     return comes_true([&] { return far_shell(once).status == 0; }, DIALLING) &&
            far_shell("ping -c5 -i.2 -w60 198.51.100.1").status == 0;
   }
+  static std::string trusted_ip() { return far::conf_value("OPENVPN_CLIENT1", "Trusted IP"); }
   static void kill_daemon() {
     far_shell("pkill -KILL -x openvpnclient");
     EXPECT_TRUE(comes_to("holding"));
   }
+  static constexpr const char* BY_NAME = "\nremote vpn.example 1194\n";
   static constexpr int DIALLING = 120;  // seconds; a server that does not answer takes ten
 };
 
-TEST_F(OpenVpnGuard, NothingLeavesWhileTheDaemonDies) {
-  named({"203.0.113.1"});
-  import_profile("\nremote vpn.example 1194\n");
-  hold();
-  connect();
-  EXPECT_TRUE(lives()) << far_shell("ormelctl guard --json").out;
-  EXPECT_TRUE(comes_true([&] { return far_shell("[ -e /run/fenro/heard/tun2001 ]").status == 0; },
-                         PATIENCE))
-      << "its keep-alives are noted";
-  kill_daemon();
-  EXPECT_TRUE(lives()) << "the daemon is dialled again, by a name, while nothing else leaves";
-  const Result tested = far_shell("ormelctl guard test --yes");
-  EXPECT_EQ(tested.status, 0) << tested.out << tested.err;
-  EXPECT_THAT(
-      tested.out,
-      ContainsRegex("^[1-9][0-9]* packets sent, 0 left without a tunnel; LAN answered 20 of 20"));
-  EXPECT_EQ(left(), "0\n");
-}
-
-TEST_F(OpenVpnGuard, TheTunnelLivesByTheServerThatAnswers) {
-  struct Case {
-    const char* what;
-    std::string remotes;
-    std::vector<std::string> named;
+TEST_F(OpenVpnGuard, NothingLeavesWhileTheDaemonDiesAndTheServerThatAnswersIsFound) {
+  const std::string three =
+      "\nremote 203.0.113.2 1194\nremote 203.0.113.3 1194\nremote 203.0.113.1 1194\n";
+  const std::tuple<const char*, std::string, std::vector<std::string>> cases[] = {
+      {"the third of three servers", three, {}},
+      {"the first address of a name", BY_NAME, {"203.0.113.1", "203.0.113.2"}},
+      {"the second address of a name", BY_NAME, {"203.0.113.2", "203.0.113.1"}},
   };
-  const std::string by_name = "\nremote vpn.example 1194\n";
-  for (const Case& each : {
-           Case{"the third of three servers",
-                "\nremote 203.0.113.2 1194\nremote 203.0.113.3 1194\nremote 203.0.113.1 1194\n",
-                {}},
-           Case{"the first address of a name", by_name, {"203.0.113.1", "203.0.113.2"}},
-           Case{"the second address of a name", by_name, {"203.0.113.2", "203.0.113.1"}},
-       }) {
-    SCOPED_TRACE(each.what);
-    named(each.named);
-    import_profile(each.remotes);
+  for (const auto& [what, remotes, addresses] : cases) {
+    SCOPED_TRACE(what);
+    named(addresses);
+    import_profile(remotes);
     hold();
     connect();
     EXPECT_TRUE(lives())
         << far_shell("ormelctl guard --json; ip rule; ip route show table 3500").out;
+    EXPECT_TRUE(comes_true([] { return far_shell("[ -e /run/fenro/heard/tun2001 ]").status == 0; },
+                           PATIENCE))
+        << "its keep-alives are noted";
     kill_daemon();
-    EXPECT_TRUE(lives()) << "dialled again";
-    EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "Trusted IP"), "203.0.113.1");
+    EXPECT_TRUE(lives()) << "the daemon is dialled again while nothing else leaves";
+    EXPECT_EQ(trusted_ip(), "203.0.113.1");
+    const Result tested = far_shell("ormelctl guard test --yes");
+    EXPECT_EQ(tested.status, 0) << tested.out << tested.err;
+    EXPECT_THAT(
+        tested.out,
+        ContainsRegex("^[1-9][0-9]* packets sent, 0 left without a tunnel; LAN answered 20 of 20"));
     EXPECT_EQ(left(), "0\n");
-    EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
+    disconnect();
     far::cli({"--type=OVPN", "--remove=1"});
   }
 }
 
 TEST_F(OpenVpnGuard, TheTunnelFollowsANameToItsNewAddress) {
   named({"203.0.113.1"});
-  import_profile("\nremote vpn.example 1194\n");
+  import_profile(BY_NAME);
   hold();
   connect();
   EXPECT_TRUE(lives());
@@ -279,13 +277,11 @@ TEST_F(OpenVpnGuard, TheTunnelFollowsANameToItsNewAddress) {
   named({"203.0.113.2"});
   kill_daemon();
   EXPECT_TRUE(lives());
-  EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "Trusted IP"), "203.0.113.2");
+  EXPECT_EQ(trusted_ip(), "203.0.113.2");
   named({"203.0.113.3"});
   moves_to("203.0.113.3");
-  far_shell(
-      "pkill -USR1 -x openvpnclient");  // as it does by itself when it has heard nothing for a time
-  EXPECT_TRUE(comes_true(
-      [] { return far::conf_value("OPENVPN_CLIENT1", "Trusted IP") == "203.0.113.3"; }, DIALLING));
+  far_shell("pkill -USR1 -x openvpnclient");  // as it does itself after a time of silence
+  EXPECT_TRUE(comes_true([] { return trusted_ip() == "203.0.113.3"; }, DIALLING));
   EXPECT_TRUE(lives());
   EXPECT_EQ(left(), "0\n");
 }
@@ -295,7 +291,7 @@ TEST_F(OpenVpnTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   ASSERT_TRUE(comes_up());
 
   EXPECT_EQ(far::run({"/bin/ping", "-c1", "-W10", SERVER_END}).status, 0);
-  const std::string client_end = far::conf_value("OPENVPN_CLIENT1", "LocalIP");
+  const std::string client_end = local_ip();
   EXPECT_EQ(run({"/bin/ping", "-c1", "-W10", client_end}).status, 0);
   EXPECT_EQ(far::run({"/bin/ping", "-c1", "-W10", "-I", "tun2001", "192.168.77.254"}).status, 0)
       << "the network behind the server, by the tunnel's own table";
@@ -319,17 +315,16 @@ TEST_F(OpenVpnTunnel, CarriesTrafficAndBothEndsTellOfIt) {
   EXPECT_EQ(far::showing(password + '\n'), "");
 
   EXPECT_EQ(web("/ormel/connection/kick", "&conn=4|" + online("target")[0]), OK);
-  EXPECT_TRUE(comes_true([&] { return online("name").empty(); }, PATIENCE));
-  EXPECT_TRUE(
-      comes_true([] { return far::conf_value("OPENVPN_CLIENT1", "LocalIP").empty(); }, PATIENCE));
+  EXPECT_TRUE(nobody_is_on());
+  EXPECT_TRUE(comes_true([] { return local_ip().empty(); }, PATIENCE));
   EXPECT_TRUE(comes_up()) << "it dials again by itself";
-  const Result ended = run({"/usr/sbin/ormelctl", "kick", USER, "--yes"});
+  const Result ended = ctl({"kick", USER, "--yes"});
   EXPECT_EQ(ended.status, 0) << ended.err;
   EXPECT_THAT(ended.out, HasSubstr("guest: 1 session ended"));
   EXPECT_TRUE(comes_up());
 
-  EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
-  EXPECT_TRUE(comes_true([&] { return online("name").empty(); }, PATIENCE));
+  disconnect();
+  EXPECT_TRUE(nobody_is_on());
   EXPECT_TRUE(logs_soon(6));
   EXPECT_THAT(logged("action"), ElementsAre("0", "2", "0", "2", "0", "2"));  // came, went
   EXPECT_THAT(logged("username"), Each(USER));
@@ -339,13 +334,9 @@ TEST_F(OpenVpnTunnel, CarriesTrafficAndBothEndsTellOfIt) {
 }
 
 TEST_F(OpenVpnTunnel, KeepsAUserOutForATime) {
-  const auto ctl = [](std::vector<std::string> words) {
-    words.insert(words.begin(), "/usr/sbin/ormelctl");
-    return run(words);
-  };
   connect();
   ASSERT_TRUE(comes_up());
-  ASSERT_TRUE(comes_true([&] { return !online("name").empty(); }, PATIENCE));
+  ASSERT_TRUE(somebody_is_on());
 
   const std::string daemon = server_pid().substr(0, server_pid().find('\n'));
   run({"/bin/kill", "-STOP", daemon});
@@ -354,19 +345,13 @@ TEST_F(OpenVpnTunnel, KeepsAUserOutForATime) {
   EXPECT_THAT(hangs.out, AllOf(HasSubstr("still there"), HasSubstr("\"gone\":false")));
   run({"/bin/kill", "-CONT", daemon});
   ASSERT_TRUE(comes_up());
-  ASSERT_TRUE(comes_true([&] { return !online("name").empty(); }, PATIENCE));
+  ASSERT_TRUE(somebody_is_on());
 
   const size_t rows = logged("action").size();
   const Result ended = ctl({"kick", USER, "--for", "1h", "--yes"});
   EXPECT_EQ(ended.status, 0) << ended.err;
   EXPECT_THAT(ended.out, HasSubstr("kept out until"));
-  EXPECT_TRUE(comes_true(
-      [&] {
-        const auto actions = logged("action");
-        return std::find(actions.begin() + static_cast<long>(rows), actions.end(), "1") !=
-               actions.end();
-      },
-      PATIENCE))
+  EXPECT_TRUE(comes_true([&] { return refusals_since(rows) > 0; }, PATIENCE))
       << "its next login is refused";
   EXPECT_TRUE(comes_to_an_end());
   EXPECT_THAT(online("name"), IsEmpty());
@@ -384,7 +369,7 @@ TEST_F(OpenVpnTunnel, KeepsAUserOutForATime) {
 class OpenVpnDoctor : public OpenVpnTunnel {
  protected:
   static std::string trouble() {
-    const std::string out = far::run({"/usr/sbin/ormelctl", "doctor", "office", "--json"}).out;
+    const std::string out = far::ctl({"doctor", "office", "--json"}).out;
     const std::vector<std::string> steps = members(out, "step"), results = members(out, "result");
     EXPECT_THAT(steps, ElementsAre("profile", "clock", "name", "way", "server", "certificate",
                                    "login", "address", "data", "size", "names"))
@@ -403,8 +388,7 @@ class OpenVpnDoctor : public OpenVpnTunnel {
 TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
   EXPECT_EQ(trouble(), "") << last;
   EXPECT_THAT(last, HasSubstr(R"("step":"login","result":"ok","text":"accepted")"));
-  EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "LocalIP"), "")
-      << "the tunnel itself is not touched";
+  EXPECT_EQ(local_ip(), "") << "the tunnel itself is not touched";
   const std::string good = far::read(STORED);
   const auto stored = [&](const std::string& from, const std::string& to) {
     std::string text = good;
@@ -413,16 +397,10 @@ TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
     far::write(STORED, text);
   };
   const size_t rows = logged("action").size();
-  far::write("/tmp/wrong", "not " + password);
-  ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "set", "office", "--pass-file", "/tmp/wrong",
-                      "--yes"})
-                .status,
-            0);
+  EXPECT_THAT(set_password("not " + password), DONE);
   EXPECT_EQ(trouble(), "login:fail ") << last;
   ASSERT_TRUE(logs_soon(rows + 1));
-  const std::vector<std::string> actions = logged("action");
-  EXPECT_EQ(std::count(actions.begin() + static_cast<long>(rows), actions.end(), "1"), 1)
-      << "one login";
+  EXPECT_EQ(refusals_since(rows), 1) << "one login";
 
   stored("remote 192.168.77.1", "remote nowhere.invalid");
   EXPECT_EQ(trouble(), "name:fail ") << last;
@@ -438,11 +416,7 @@ TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
   EXPECT_EQ(trouble(), "profile:fail ") << last;
 
   far::write(STORED, good);
-  far::write("/tmp/right", password);
-  ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "set", "office", "--pass-file", "/tmp/right",
-                      "--yes"})
-                .status,
-            0);
+  EXPECT_THAT(set_password(password), DONE);
   connect();
   ASSERT_TRUE(comes_up());
   EXPECT_EQ(trouble(), "") << last;
@@ -451,11 +425,25 @@ TEST_F(OpenVpnDoctor, StopsAtTheStepThatFails) {
   const size_t at = started.find(R"("id":")");
   ASSERT_NE(at, std::string::npos) << started;
   const std::string id = started.substr(at + 6, 16);
-  EXPECT_TRUE(comes_true([&] {
-    return far_web("/ormel/doctor/get", "&id=" + id).find(R"("done":true)") != std::string::npos;
-  }));
+  EXPECT_TRUE(
+      comes_true([&] { return has(far_web("/ormel/doctor/get", "&id=" + id), R"("done":true)"); }));
   EXPECT_THAT(far_web("/ormel/doctor/get", "&id=../../etc/passwd"), HasSubstr("\"error\":30"));
 }
+
+// The certificate $0, signed by $1, from the time $2 to $3.
+constexpr const char* MAKE = R"(
+cd /etc/openvpn/keys && rm -rf /tmp/ca && mkdir /tmp/ca && : >/tmp/ca/index || exit
+by="-cert $1.crt -keyfile $1.key"
+extensions='extendedKeyUsage=serverAuth\nkeyUsage=digitalSignature'
+[ "$0" != "$1" ] || by="-selfsign -keyfile $0.key"
+[ "$0" != "$1" ] || extensions='basicConstraints=critical,CA:TRUE\nkeyUsage=keyCertSign'
+printf "[ca]\ndefault_ca=d\n[d]\ndatabase=/tmp/ca/index\nnew_certs_dir=/tmp/ca\nrand_serial=yes
+default_md=sha256\npolicy=p\nunique_subject=no\n[p]\ncommonName=supplied\n[x]\n$extensions\n" \
+  >/tmp/ca/conf
+openssl req -new -newkey rsa:2048 -nodes -subj "/CN=$0" -config /dev/null -keyout "$0.key" \
+  -out /tmp/ca/csr &&
+openssl ca -batch -config /tmp/ca/conf -extensions x -notext -startdate "$2" -enddate "$3" \
+  -in /tmp/ca/csr -out "$0.crt" $by)";
 
 // Keys whose dates the test chooses, beside a live tunnel. The hour of the night is one of a time
 // zone.
@@ -489,30 +477,11 @@ class OpenVpnCertificates : public OpenVpnTunnel {
                   "+%y%m%d%H%M%SZ"})
           .out.substr(0, 13);
     };
-    const bool authority = name == signer;
-    const std::string script =
-        "cd /etc/openvpn/keys && rm -rf /tmp/ca && mkdir /tmp/ca && : >/tmp/ca/index && "
-        "printf '[ca]\ndefault_ca=d\n[d]\ndatabase=/tmp/ca/index\nnew_certs_dir=/tmp/ca\n"
-        "rand_serial=yes\ndefault_md=sha256\npolicy=p\nunique_subject=no\n[p]\n"
-        "commonName=supplied\n[x]\n" +
-        std::string(authority ? "basicConstraints=critical,CA:TRUE\\nkeyUsage=keyCertSign"
-                              : "extendedKeyUsage=serverAuth\\nkeyUsage=digitalSignature") +
-        "\n' >/tmp/ca/conf && "
-        "openssl req -new -newkey rsa:2048 -nodes -subj '/CN=" +
-        name + "' -config /dev/null -keyout " + name +
-        ".key -out /tmp/ca/csr && openssl ca -batch "
-        "-config /tmp/ca/conf -extensions x -notext -startdate " +
-        text(begin) + " -enddate " + text(end) + " -in /tmp/ca/csr -out " + name + ".crt " +
-        (authority ? "-selfsign -keyfile " + name + ".key"
-                   : "-cert " + signer + ".crt -keyfile " + signer + ".key");
-    const Result made = run({"/bin/sh", "-c", script}, {"PATH=/usr/bin:/bin"});
+    const Result made =
+        run({"/bin/sh", "-c", MAKE, name, signer, text(begin), text(end)}, {"PATH=/usr/bin:/bin"});
     ASSERT_EQ(made.status, 0) << made.err;
   }
   static std::string key(const char* name) { return read(std::string(KEYS) + name); }
-  static Result ctl(std::vector<std::string> words) {
-    words.insert(words.begin(), "/usr/sbin/ormelctl");
-    return run(words);
-  }
   // What the keeper runs, while it is that hour here.
   static Result tend(int hour) {
     const int now = static_cast<int>(std::time(nullptr) / 3600 % 24);
@@ -527,50 +496,33 @@ class OpenVpnCertificates : public OpenVpnTunnel {
     return count;
   }
   static long days(const std::string& role) {
-    const ormel::Json answer{json_loads(ctl({"cert", "list", "--json"}).out.c_str(), 0, nullptr)};
-    size_t at = 0;
-    const json_t* row = nullptr;
-    json_array_foreach(json_object_get(answer.get(), "data"), at, row) {
-      if (member(row, "role") == role) return json_integer_value(json_object_get(row, "days"));
+    const std::string list = ctl({"cert", "list", "--json"}).out;
+    const std::vector<std::string> roles = members(list, "role"), left = members(list, "days");
+    for (size_t i = 0; i < roles.size(); ++i) {
+      if (roles[i] == role) return std::stol(left[i]);
     }
     return -999;
   }
   // Whether a profile over there comes up, and what it says if not.
   [[nodiscard]] bool connects(const std::string& name) const {
-    const Result up = far::run({"/usr/sbin/ormelctl", "profile", "up", name, "--wait", "30"});
+    const Result up = far::ctl({"profile", "up", name, "--wait", "30"});
     said = up.err;
-    far::run({"/usr/sbin/ormelctl", "profile", "down", name});
+    far::ctl({"profile", "down", name});
     return up.status == 0;
   }
-  [[nodiscard]] bool nobody_is_on() const {
-    return comes_true([&] { return online("name").empty(); }, PATIENCE);
-  }
-  // The profile that the server gives out now, under a name over there.
-  void download(const std::string& name) const {
-    far::write("/tmp/office.ovpn", https("/ormel/config/download?sid=" + near).body);
-    EXPECT_THAT(far_curl("/ormel/config/import?sid=" + away,
-                         {"-F", "ovpn=@/tmp/office.ovpn", "-F", "name=" + name, "-F",
-                          std::string("user=") + USER, "-F", "pass=</tmp/password"}),
-                DONE);
-  }
-  static std::string said;
+  static inline std::string said;
 };
-std::string OpenVpnCertificates::said;
 
 TEST_F(OpenVpnCertificates, AreListedWhateverIsInTheirFiles) {
-  const std::string path = std::string(KEYS) + "myserver.crt", good = read(path);
-  const std::string stored = "/etc/config/openvpn/clients/client1";
+  const std::string path = std::string(KEYS) + "myserver.crt";
   const auto row = [](const std::string& what) {
     const std::string all = ctl({"cert"}).out;
     const size_t at = all.find(what);
     return at == std::string::npos ? "" : all.substr(at, all.find('\n', at) - at);
   };
-  for (const std::string& content : {std::string(), std::string("\0\x1b[2J", 5),
-                                     good.substr(0, 400), good + std::string(300 << 10, 'x')}) {
-    write(path, content);
-    EXPECT_THAT(row("openvpn server"), ContainsRegex("malformed|nothing of its kind|too large"));
-    EXPECT_EQ(ctl({"cert", "list", "--json"}).status, 0);
-  }
+  write(path, read(path).substr(0, 400));
+  EXPECT_THAT(row("openvpn server"), HasSubstr("malformed"));
+  EXPECT_EQ(ctl({"cert", "list", "--json"}).status, 0);
   fs::remove(path);
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   EXPECT_THAT(row("openvpn server"), HasSubstr("cannot be read"));
@@ -579,12 +531,12 @@ TEST_F(OpenVpnCertificates, AreListedWhateverIsInTheirFiles) {
        "-nodes", "-subj", "/CN=a\x1b[31m\"b\u202e", "-utf8", "-days", "9", "-keyout", "/tmp/k",
        "-out", path});
   EXPECT_THAT(row("openvpn server"), ContainsRegex("a\\?\\[31m\"b.*  (8|9)  "));
-  EXPECT_EQ(ctl({"cert"}).out.find('\x1b'), std::string::npos);
-  EXPECT_EQ(ctl({"cert"}).out.find("\u202e"), std::string::npos);
+  EXPECT_THAT(ctl({"cert"}).out, Not(AnyOf(HasSubstr("\x1b"), HasSubstr("\u202e"))));
 
-  far::write(stored, "client\n<ca>\n" + read(path) + "</ca>\n<cert>\n!\n</cert>\n<key>\n" +
-                         read("/tmp/k") + "</key>\n");
-  const std::string list = far::run({"/usr/sbin/ormelctl", "cert"}).out;
+  far::write("/etc/config/openvpn/clients/client1", "client\n<ca>\n" + read(path) +
+                                                        "</ca>\n<cert>\n!\n</cert>\n<key>\n" +
+                                                        read("/tmp/k") + "</key>\n");
+  const std::string list = far::ctl({"cert"}).out;
   EXPECT_THAT(list, ContainsRegex("profile office ca  .*ask the server's administrator"));
   EXPECT_THAT(list, ContainsRegex("profile office cert .*nothing of its kind"));
   fs::remove(path);
@@ -611,7 +563,7 @@ TEST_F(OpenVpnCertificates, AreRenewedAtNightOrAtTheEndAndOldProfilesStay) {
   ASSERT_TRUE(comes_up());
   EXPECT_EQ(tend(4).status, 0);
   EXPECT_EQ(key("myserver.crt"), ending) << "somebody is connected";
-  ASSERT_EQ(far::run({"/usr/sbin/ormelctl", "profile", "down", "office"}).status, 0);
+  ASSERT_EQ(far::ctl({"profile", "down", "office"}).status, 0);
   ASSERT_TRUE(nobody_is_on());
   write("/etc/openvpn/keys/rotation", "phase=?");
   EXPECT_EQ(tend(4).status, 1);
@@ -679,11 +631,10 @@ TEST_F(OpenVpnRotation, ChangeTheirAuthorityInThreePhases) {
   ASSERT_EQ(ctl({"cert", "rotate", "authority", "--overlap", "60d", "--yes"}).status, 0);
   EXPECT_EQ(ctl({"cert", "rotate", "authority", "--yes"}).status, 1) << "one at a time";
   EXPECT_GT(days("authority-next"), 3000);
-  download("both");
+  import_as("both", profile());
   EXPECT_TRUE(connects("office")) << said;
   EXPECT_THAT(ctl({"cert"}).err, HasSubstr("still on the old one: guest (last login"));
-  const std::string guest = run({"/usr/lib/fenro/fenro-session", "create", USER}).out.substr(0, 8);
-  EXPECT_THAT(https("/ormel/my/profile", {"--data", "sid=" + guest}).body,
+  EXPECT_THAT(https("/ormel/my/profile", {"--data", "sid=" + begin_session(USER)}).body,
               HasSubstr(key("ca.crt")));
   EXPECT_THAT(ctl({"audit", "--limit", "5"}).out, ContainsRegex("guest +web.* my/profile .*ok"));
   EXPECT_THAT(ctl({"cert"}).err, HasSubstr("nobody is known to have an older profile"));
@@ -704,7 +655,7 @@ TEST_F(OpenVpnRotation, ChangeTheirAuthorityInThreePhases) {
   EXPECT_EQ(tend(4).status, 0);
   EXPECT_THAT(key("rotation"), HasSubstr("phase=changed"));
   EXPECT_GT(days("authority-old"), 3000);
-  download("new");
+  import_as("new", profile());
   EXPECT_TRUE(connects("both")) << said;
   EXPECT_TRUE(connects("new")) << said;
   EXPECT_FALSE(connects("office"));
@@ -723,52 +674,46 @@ TEST_F(OpenVpnRotation, ChangeTheirAuthorityInThreePhases) {
 }
 
 // What ends a tunnel; a suite of its own, as each of them takes its time.
-class OpenVpnRefusal : public OpenVpnTunnel {};
+class OpenVpnRefusal : public OpenVpnTunnel {
+ protected:
+  static std::string reason() { return far::read("/run/fenro/reasons/OPENVPN_CLIENT1"); }
+};
 class OpenVpnLogins : public OpenVpnTunnel {};
 
 // The server is asked by its second address, which is far away for the client, and so is what is
 // behind it.
 TEST_F(OpenVpnTunnel, IsTheGatewayThoughItsProfileNamesSeveralServers) {
-  const auto shell = [](const std::string& script) {
-    return run({"/bin/sh", "-c", script}).status;
-  };
-  const auto in_lan = [](const std::string& action) {
-    return far::run({"/usr/bin/nsenter", "--net=/run/netns/lan", "/sbin/ip", "route", action,
-                     "203.0.113.1", "via", "192.168.77.1"})
-        .status;
-  };
-  far::run({"/usr/sbin/ormel", "--type=OVPN", "--remove=1"});
+  const std::string in_lan = "nsenter --net=/run/netns/lan ip route ",
+                    way = " 203.0.113.1 via 192.168.77.1";
+  far::cli({"--type=OVPN", "--remove=1"});
   import_profile("\nremote 203.0.113.1 1194\nremote 203.0.113.2 1194\nremote 203.0.113.3 1194\n");
-  ASSERT_EQ(shell("ip address add 203.0.113.1/32 dev lo && ip address add 198.51.100.1/32 dev lo"),
-            0);
-  EXPECT_EQ(in_lan("add"), 0);
+  ASSERT_EQ(
+      shell("ip address add 203.0.113.1/32 dev lo && ip address add 198.51.100.1/32 dev lo").status,
+      0);
+  EXPECT_EQ(far_shell(in_lan + "add" + way).status, 0);
   EXPECT_EQ(run({"/sbin/setcfg", "System", "Public Address", "vpn.example.org"}).status, 0);
-  EXPECT_THAT(https("/ormel/config/download?sid=" + near).body,
-              HasSubstr("\nremote vpn.example.org 1194\n"));
+  EXPECT_THAT(profile(), HasSubstr("\nremote vpn.example.org 1194\n"));
   EXPECT_EQ(run({"/sbin/setcfg", "System", "Public Address", ""}).status, 0);
   connect();
   ASSERT_TRUE(comes_up()) << "answers come from the address that was asked";
-  const std::string client_end = far::conf_value("OPENVPN_CLIENT1", "LocalIP");
-  EXPECT_THAT(far::run({"/sbin/ip", "route", "get", "198.51.100.1", "from", client_end}).out,
+  EXPECT_THAT(far::run({"/sbin/ip", "route", "get", "198.51.100.1", "from", local_ip()}).out,
               HasSubstr("tun2001"))
       << "an answer goes back into the tunnel";
-  ASSERT_EQ(far::run({"/etc/init.d/vpn_gateway.sh", "start", "tun2001", "1"}).status, 0);
-  EXPECT_EQ(far::run({"/bin/ping", "-c3", "-i.2", "-W10", "198.51.100.1"}).status, 0);
-  // With nothing written down about servers, the mark is left.
-  far::run({"/bin/sed", "-i", "/^\\(Domain IP\\|Server Address\\|Trusted IP\\|Real Address\\) = /d",
-            VPN_CONF});
-  ASSERT_EQ(far::run({"/etc/init.d/vpn_gateway.sh", "start", "tun2001", "1"}).status, 0);
-  EXPECT_EQ(far::run({"/bin/ping", "-c3", "-i.2", "-W10", "198.51.100.1"}).status, 0);
+  for (const char* servers : {"written down", "with nothing but the mark left"}) {
+    SCOPED_TRACE(servers);
+    ASSERT_EQ(far::run({"/etc/init.d/vpn_gateway.sh", "start", "tun2001", "1"}).status, 0);
+    EXPECT_EQ(far::run({"/bin/ping", "-c3", "-i.2", "-W10", "198.51.100.1"}).status, 0);
+    far_shell("sed -Ei '/^(Domain IP|Server Address|Trusted IP|Real Address) = /d' " +
+              std::string(VPN_CONF));
+  }
   far::run({"/etc/init.d/vpn_gateway.sh", "stop"});
   shell("ip address del 203.0.113.1/32 dev lo; ip address del 198.51.100.1/32 dev lo");
-  in_lan("del");
+  far_shell(in_lan + "del" + way);
 }
 
 TEST_F(OpenVpnRefusal, AWrongPasswordIsCountedLoggedAndBlocksAtTheLimit) {
   EXPECT_EQ(web("/ormel/privilege/block", "&enable=true&limit=2&time=30"), OK);
-  EXPECT_THAT(far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded("wrong")),
-              HasSubstr("\"status\":0"))
-      << "editing leaves it disconnected";
+  EXPECT_THAT(set_password("wrong"), HasSubstr("\"status\":0")) << "editing leaves it disconnected";
   EXPECT_EQ(far::run({"/usr/bin/pgrep", "openvpnclient"}).status, 1);
   for (size_t attempt = 1; attempt <= 2; ++attempt) {
     SCOPED_TRACE(attempt);
@@ -778,29 +723,19 @@ TEST_F(OpenVpnRefusal, AWrongPasswordIsCountedLoggedAndBlocksAtTheLimit) {
   }
   EXPECT_THAT(logged("source_ip"), Each("192.168.77.2"));
   EXPECT_THAT(web("/ormel/privilege/block_show", ""), HasSubstr(USER));
-  EXPECT_THAT(far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded(password)),
-              DONE);
+  EXPECT_THAT(set_password(password), DONE);
   connect();
   EXPECT_TRUE(logs_soon(3)) << "blocked now";
-  EXPECT_TRUE(comes_true(
-      [] {
-        return far::read("/run/fenro/reasons/OPENVPN_CLIENT1").find("too many wrong passwords") !=
-               std::string::npos;
-      },
-      PATIENCE))
+  EXPECT_TRUE(comes_true([] { return has(reason(), "too many wrong passwords"); }, PATIENCE))
       << "the server says why, and that a later attempt may do";
   EXPECT_THAT(logged("device_info"),
               ElementsAre("wrong password", "wrong password", HasSubstr("blocked")));
-  EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
+  disconnect();
   EXPECT_THAT(logged("action"), Each("1"));
   EXPECT_THAT(read(LOG), HasSubstr("check_privilege_user_block. guest"));
   EXPECT_EQ(web("/ormel/privilege/remove_block_user", std::string("&user=") + USER), OK);
   connect();
   EXPECT_TRUE(comes_up());
-}
-
-int events(const char* text) {
-  return naslog_event_query_count_ex(0, "", "", USER, "", "", text, "", "");
 }
 
 // As OpenVPN's clients send what was asked for by "static-challenge".
@@ -816,33 +751,22 @@ TEST_F(OpenVpnRefusal, AUserWithASecondFactorComesInByItsCodeOnce) {
     const std::string code = fenro::totp::code_at(secret, fenro::totp::step_at(std::time(nullptr)));
     return "SCRV1:" + encoded(password) + ':' + encoded(code);
   };
-  EXPECT_THAT(far_web("/ormel/config/modify", "&type=OVPN&index=1&pass=" + encoded(answer())),
-              DONE);
+  EXPECT_THAT(set_password(answer()), DONE);
   connect();
   EXPECT_TRUE(comes_up());
-  EXPECT_THAT(far_web("/ormel/config/disconnect", "&type=OVPN&index=1"), DONE);
+  disconnect();
   connect();
   EXPECT_TRUE(comes_to_an_end());
   EXPECT_THAT(logged("device_info"), testing::Contains(HasSubstr("(code-used)")));
-  EXPECT_EQ(events("refused: second factor code that was used before"), 1);
-  EXPECT_THAT(far::read("/run/fenro/reasons/OPENVPN_CLIENT1"),
-              HasSubstr("\"code\":\"login-refused\""))
+  EXPECT_EQ(naslog_event_query_count_ex(0, "", "", USER, "", "",
+                                        "refused: second factor code that was used before", "", ""),
+            1);
+  EXPECT_THAT(reason(), HasSubstr("\"code\":\"login-refused\""))
       << "and no word about the second factor";
   ASSERT_TRUE(fenro::SecondFactors{}.change(USER, [](SecondFactor& factor) {
     factor = {};
     return true;
   }));
-}
-
-TEST_F(OpenVpnRefusal, WhoLosesTheRightIsThrownOutAndStaysOut) {
-  connect();
-  ASSERT_TRUE(comes_up());
-  EXPECT_EQ(web("/ormel/privilege/unset", std::string("&user=") + USER), OK);
-  EXPECT_TRUE(comes_true([&] { return online("name").empty(); }, PATIENCE));
-  EXPECT_TRUE(logs_soon(3));  // came, went, was refused
-  EXPECT_TRUE(comes_to_an_end());
-  EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "LocalIP"), "");
-  EXPECT_THAT(logged("action"), ElementsAre("0", "2", "1"));
 }
 
 // Twenty clients with a wrong password at once, as a script of the far appliance that ends when all
@@ -864,13 +788,10 @@ TEST_F(OpenVpnLogins, WrongLoginsHoldUpNeitherTunnelsNorGoodLogins) {
               DONE);
   connect();
   ASSERT_TRUE(comes_up());
-  run({"/bin/sh", "-c",
-       "setsid ping -i0.05 -c200 " + far::conf_value("OPENVPN_CLIENT1", "LocalIP") +
-           " </dev/null >/tmp/pings 2>&1 &"});
+  shell("setsid ping -i0.05 -c200 " + local_ip() + " </dev/null >/tmp/pings 2>&1 &");
   far::run({"/bin/sh", "-c", WRONG_LOGINS});
 
-  EXPECT_TRUE(comes_true([] { return read("/tmp/pings").find(" received") != std::string::npos; },
-                         PATIENCE));
+  EXPECT_TRUE(comes_true([] { return has(read("/tmp/pings"), " received"); }, PATIENCE));
   // A daemon that waits for its hook answers late rather than not at all.
   const std::string in_time =
       "awk -F 'time=' '$2 + 0 > 0 && $2 + 0 < 1500 { ++n } END { print n }' /tmp/pings";

@@ -8,43 +8,38 @@
 #include <jansson.h>
 
 #include "support/far_appliance.h"
-#include "support/wait.h"
 
 namespace ormel::test {
 namespace {
 
-constexpr const char* CTL = "/usr/sbin/ormelctl";
 constexpr const char* USER = "guest";
 constexpr int PATIENCE = 60;              // seconds for a tunnel to come or go
 constexpr long ECHOES = 3, BYTES = 1000;  // of a ping, and of each of its packets
 constexpr const char* BEHIND = "203.0.113.9";
 
-struct Tunnel {
-  const char* name;
+struct Protocol {
   const char* protocol;  // as ormelctl names it
   const char* section;   // of the profile
   const char* interface;
   const char* server_ip;
-  const char* options;  // of both ends
-  const char* daemons;  // of the server
-  const char* script;
+  const char* daemons;      // of the server
   const char* on_the_wire;  // for nft
 };
-constexpr const char* PPTPD = "^(pptpd|pptpctrl)$";
-constexpr const char* L2TPD = "^(xl2tpd|fenro-charon)$";
+struct Tunnel : Protocol {
+  const char* name;
+  const char* options;  // of both ends
+};
+constexpr Protocol PPTP = {"pptp",     "PPTP_CLIENT1",       "ppp1001",
+                           "10.0.0.1", "^(pptpd|pptpctrl)$", "ip protocol gre"};
+constexpr Protocol L2TP = {
+    "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1", "^(xl2tpd|fenro-charon)$", "ip protocol esp"};
 constexpr Tunnel TUNNELS[] = {
-    {"PptpMsChapV2", "pptp", "PPTP_CLIENT1", "ppp1001", "10.0.0.1", "--auth MS-CHAPV2 --enc HIGH",
-     PPTPD, "/etc/init.d/vpn_pptp.sh", "ip protocol gre"},
-    {"L2tpMsChapV2", "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1",
-     "--auth MS-CHAPV2 --psk-file /tmp/psk", L2TPD, "/etc/init.d/vpn_l2tp.sh", "ip protocol esp"},
-    {"PptpMsChap", "pptp", "PPTP_CLIENT1", "ppp1001", "10.0.0.1", "--auth MS-CHAP --enc MEDIUM",
-     PPTPD, "/etc/init.d/vpn_pptp.sh", "ip protocol gre"},
-    {"PptpPap", "pptp", "PPTP_CLIENT1", "ppp1001", "10.0.0.1", "--auth PAP --enc NONE", PPTPD,
-     "/etc/init.d/vpn_pptp.sh", "ip protocol gre"},
-    {"L2tpMsChap", "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1",
-     "--auth MS-CHAP --psk-file /tmp/psk", L2TPD, "/etc/init.d/vpn_l2tp.sh", "ip protocol esp"},
-    {"L2tpPap", "l2tp", "L2TP_CLIENT1", "ppp1251", "10.2.0.1", "--auth PAP --psk-file /tmp/psk",
-     L2TPD, "/etc/init.d/vpn_l2tp.sh", "ip protocol esp"},
+    {PPTP, "PptpMsChapV2", "--auth MS-CHAPV2 --enc HIGH"},
+    {L2TP, "L2tpMsChapV2", "--auth MS-CHAPV2 --psk-file /tmp/psk"},
+    {PPTP, "PptpMsChap", "--auth MS-CHAP --enc MEDIUM"},
+    {PPTP, "PptpPap", "--auth PAP --enc NONE"},
+    {L2TP, "L2tpMsChap", "--auth MS-CHAP --psk-file /tmp/psk"},
+    {L2TP, "L2tpPap", "--auth PAP --psk-file /tmp/psk"},
 };
 
 Result shell(const std::string& script) {
@@ -78,10 +73,11 @@ std::vector<Row> rows_of(const Result& log) {
   return rows;
 }
 std::vector<Row> server_rows() {
-  return rows_of(run({CTL, "--json", "log", "servers"}));
+  return rows_of(ctl({"--json", "log", "servers"}));
 }
+
 std::vector<Row> client_rows() {
-  return rows_of(far::run({CTL, "--json", "log", "clients"}));
+  return rows_of(far::ctl({"--json", "log", "clients"}));
 }
 
 std::string actions_of(const std::vector<Row>& rows) {
@@ -89,6 +85,8 @@ std::string actions_of(const std::vector<Row>& rows) {
   for (const Row& row : rows) text += (text.empty() ? "" : " ") + row.action;
   return text;
 }
+
+using Clock = std::chrono::steady_clock;
 
 class PppTunnel : public testing::TestWithParam<Tunnel> {
  protected:
@@ -98,65 +96,68 @@ class PppTunnel : public testing::TestWithParam<Tunnel> {
     EXPECT_DONE(run({"/usr/bin/mibsh", "@/var/run/ormeld.sock.db_conn_server_log_clean"}));
     EXPECT_DONE(far::run({"/usr/bin/mibsh", "@/var/run/ormeld.sock.db_conn_client_log_clean"}));
     write("/tmp/psk", "one key\n");
-    for (const auto& [file, text] : {std::pair<const char*, std::string>{"/tmp/psk", "one key"},
-                                     {"/tmp/pass", password},
-                                     {"/tmp/wrong", "wrong"}}) {
-      far::write(file, text + '\n');
-    }
+    far::write("/tmp/psk", "one key\n");
+    far::write("/tmp/pass", password + '\n');
+    far::write("/tmp/wrong", "wrong\n");
     EXPECT_DONE(shell("ormelctl server set " + protocol + ' ' + tunnel.options + " --yes"));
-    const Result on = run({CTL, "server", "on", protocol});
-    if ((on.out + on.err).find("this kernel has no ") != std::string::npos) GTEST_SKIP() << on.err;
+    const Result on = ctl({"server", "on", protocol});
+    if (has(on.out + on.err, "this kernel has no ")) GTEST_SKIP() << on.err;
     ASSERT_EQ(on.status, 0) << on.err;
-    EXPECT_DONE(run({CTL, "user", "grant", USER, protocol}));
+    EXPECT_DONE(ctl({"user", "grant", USER, protocol}));
     EXPECT_DONE(far_shell("ormelctl profile add " + protocol +
                           " --name office --host 192.168.77.1 --user " + USER +
                           " --pass-file /tmp/pass " + tunnel.options));
   }
   void TearDown() override {
-    far::run({CTL, "profile", "rm", "office", "--yes"});
-    EXPECT_DONE(run({CTL, "server", "off", protocol, "--yes"}));
+    far::ctl({"profile", "rm", "office", "--yes"});
+    EXPECT_DONE(ctl({"server", "off", protocol, "--yes"}));
   }
   static void dial(const char* profile = "office") {
-    far::run({CTL, "profile", "up", profile, "--wait", "1"});
-  }
-  static bool echoes(const std::string& from_far, const std::string& from_near) {
-    const std::vector<std::string> ping{"/bin/ping", "-c" + std::to_string(ECHOES),
-                                        "-s" + std::to_string(BYTES), "-W20"};
-    std::vector<std::string> there = ping, back = ping;
-    there.push_back(from_far);
-    back.push_back(from_near);
-    return far::run(there).status == 0 && run(back).status == 0;
+    far::ctl({"profile", "up", profile, "--wait", "1"});
   }
   [[nodiscard]] std::string address() const { return far::conf_value(tunnel.section, "LocalIP"); }
   // The tunnel is up, and carries packets from both ends.
   [[nodiscard]] bool works() const {
+    const std::string count = "-c" + std::to_string(ECHOES), size = "-s" + std::to_string(BYTES);
     return comes_true([&] { return !address().empty(); }, PATIENCE) &&
-           echoes(tunnel.server_ip, address());
+           far::run({"/bin/ping", count, size, "-W20", tunnel.server_ip}).status == 0 &&
+           run({"/bin/ping", count, size, "-W20", address()}).status == 0;
   }
   static bool logs(const std::string& actions) {
     return comes_true([&] { return actions_of(server_rows()) == actions; }, PATIENCE);
   }
-  static std::string live_list() { return run({CTL, "--json", "who"}).out; }
-  static bool nobody_is_there() {
-    return comes_true([] { return live_list().find(USER) == std::string::npos; }, PATIENCE);
+  // It works again; how long that took is for doc/tunnels.md.
+  void expect_back(Clock::time_point began, const std::string& after, const std::string& actions,
+                   int soon) const {
+    EXPECT_TRUE(logs(actions)) << actions_of(server_rows());
+    EXPECT_TRUE(works()) << status();
+    const long seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - began).count();
+    std::cout << "measured: " << protocol << " is back after " << after << ": " << seconds
+              << " s\n";
+    EXPECT_LT(seconds, soon * support::patience());
   }
-  static std::string status() { return far::run({CTL, "--json", "status", "office"}).out; }
+  static std::string live_list() { return ctl({"--json", "who"}).out; }
+  static std::string status() { return far::ctl({"--json", "status", "office"}).out; }
   // The profile says that it failed for good, and why.
   static bool fails_for(const std::string& code) {
     return comes_true(
         [&] {
           const std::string now = status();
-          return now.find("\"code\":\"" + code + '"') != std::string::npos &&
-                 now.find("\"state\":\"failed\"") != std::string::npos;
+          return has(now, "\"code\":\"" + code + '"') && has(now, R"("state":"failed")");
         },
         PATIENCE);
   }
-  // Each session of `rows` carried at least one ping from each end.
-  static void expect_bytes(const std::vector<Row>& rows) {
-    for (const Row& row : rows) {
-      if (row.action != "ended") continue;
-      EXPECT_GE(row.received, 2.0 * ECHOES * BYTES);
-      EXPECT_GE(row.sent, 2.0 * ECHOES * BYTES);
+  // Both ends log this, and each session carried at least one ping from each end.
+  static void expect_at_both_ends(const std::string& actions) {
+    EXPECT_TRUE(logs(actions)) << actions_of(server_rows());
+    EXPECT_EQ(actions_of(client_rows()), actions) << "a row for each end";
+    for (const auto& rows : {server_rows(), client_rows()}) {
+      for (const Row& row : rows) {
+        if (row.action != "ended") continue;
+        EXPECT_GE(row.received, 2.0 * ECHOES * BYTES);
+        EXPECT_GE(row.sent, 2.0 * ECHOES * BYTES);
+      }
     }
   }
 
@@ -177,30 +178,13 @@ TEST_P(PppTunnel, CarriesPacketsIsThrownOutComesBackAndEnds) {
       << "it dials again by itself: " << actions_of(server_rows());
   ASSERT_TRUE(works()) << status();
 
-  EXPECT_DONE(far::run({CTL, "profile", "down", "office"}));
-  EXPECT_TRUE(nobody_is_there()) << live_list();
-  EXPECT_TRUE(logs("connected ended connected ended")) << actions_of(server_rows());
-  EXPECT_EQ(actions_of(client_rows()), "connected ended connected ended") << "a row for each end";
-  expect_bytes(server_rows());
-  expect_bytes(client_rows());
+  EXPECT_DONE(far::ctl({"profile", "down", "office"}));
+  EXPECT_TRUE(comes_true([] { return !has(live_list(), USER); }, PATIENCE)) << live_list();
+  expect_at_both_ends("connected ended connected ended");
   EXPECT_EQ(address(), "");
   EXPECT_EQ(far::run({"/sbin/ip", "route", "show", "192.168.77.1"}).out, "")
       << "no route to the server stays";
 }
-
-// What is measured of recoveries, for doc/tunnels.md.
-class Stopwatch {
- public:
-  [[nodiscard]] long report(const std::string& what) const {
-    const auto passed = std::chrono::steady_clock::now() - began_;
-    const long seconds = std::chrono::duration_cast<std::chrono::seconds>(passed).count();
-    std::cout << "measured: " << what << ": " << seconds << " s\n";
-    return seconds;
-  }
-
- private:
-  std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
-};
 
 class PppRecovery : public PppTunnel {
  protected:
@@ -219,8 +203,7 @@ TEST_P(PppRecovery, ARefusedLoginIsFinalUntilThePasswordIsRight) {
   EXPECT_TRUE(fails_for("login-refused")) << status();
   EXPECT_TRUE(comes_true(
       [] {
-        return far::run({CTL, "--json", "keeper"}).out.find("\"state\":\"left-alone\"") !=
-               std::string::npos;
+        return has(far::ctl({"--json", "keeper"}).out, R"("state":"left-alone")");
       },
       PATIENCE));
   EXPECT_EQ(far::run({"/usr/bin/pgrep", "-f", "pppd-pptp|pppd-l2tp|xl2tpd"}).out, "");
@@ -241,19 +224,13 @@ TEST_P(PppRecovery, ComesBackSoonAfterTheServersDeathAndRestart) {
   dial();
   ASSERT_TRUE(works()) << status();
 
-  const Stopwatch death;
+  auto began = Clock::now();
   EXPECT_DONE(run({"/usr/bin/pkill", "-KILL", tunnel.daemons}));
-  EXPECT_TRUE(logs("connected ended connected")) << actions_of(server_rows());
-  EXPECT_TRUE(works()) << status();
-  EXPECT_LT(death.report(protocol + " is back after the server's death"),
-            SOON * support::patience());
+  expect_back(began, "the server's death", "connected ended connected", SOON);
 
-  const Stopwatch restart;
-  EXPECT_DONE(run({tunnel.script, "restart"}));
-  EXPECT_TRUE(logs("connected ended connected ended connected")) << actions_of(server_rows());
-  EXPECT_TRUE(works()) << status();
-  EXPECT_LT(restart.report(protocol + " is back after a restart of the server"),
-            SOON * support::patience());
+  began = Clock::now();
+  EXPECT_DONE(run({"/etc/init.d/vpn_" + protocol + ".sh", "restart"}));
+  expect_back(began, "a restart of the server", "connected ended connected ended connected", SOON);
   EXPECT_THAT(live_list(), ContainsRegex(USER));
   EXPECT_THAT(live_list(), Not(ContainsRegex("guest.*\"user\"")))
       << "one session, none of the dead server";
@@ -267,11 +244,8 @@ TEST_P(PppRecovery, ASlowHookLosesNoBytes) {
   dial();
   EXPECT_TRUE(works()) << status();
 
-  EXPECT_DONE(far::run({CTL, "profile", "down", "office"}));
-  EXPECT_TRUE(logs("connected ended")) << actions_of(server_rows());
-  EXPECT_EQ(actions_of(client_rows()), "connected ended");
-  expect_bytes(server_rows());
-  expect_bytes(client_rows());
+  EXPECT_DONE(far::ctl({"profile", "down", "office"}));
+  expect_at_both_ends("connected ended");
 
   EXPECT_DONE(far_shell("sed -i '/^sleep 7$/d' /usr/lib/fenro/ppp-client-down"));
   EXPECT_DONE(shell("sed -i '/^sleep 7$/d' /usr/lib/fenro/ppp-server-down"));
@@ -287,10 +261,9 @@ TEST_P(L2tpKey, AWrongKeyIsNamedAndARightOneWorksSoon) {
   EXPECT_EQ(actions_of(server_rows()), "") << "nobody could log in";
 
   EXPECT_DONE(far_shell("ormelctl profile set office --psk-file /tmp/psk --yes"));
-  const Stopwatch corrected;
+  const auto began = Clock::now();
   dial();
-  EXPECT_TRUE(works()) << status();
-  EXPECT_LT(corrected.report("l2tp works after its key was corrected"), SOON * support::patience());
+  expect_back(began, "its key was corrected", "connected", SOON);
 }
 
 // PPTP or L2TP is the default gateway, with WireGuard to take over.
@@ -302,8 +275,8 @@ class TunnelFailover : public PppTunnel {
     EXPECT_DONE(shell(
         "ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820 --yes;"
         "ormelctl server on wireguard; wg genkey >/tmp/key; ip address add 203.0.113.9/32 dev lo;"
-        "ormelctl peer add far --address 198.18.7.2 --key \"$(wg pubkey </tmp/key)\" --host "
-        "192.168.77.1"));
+        "ormelctl peer add far --address 198.18.7.2 --key \"$(wg pubkey </tmp/key)\""
+        " --host 192.168.77.1"));
     far::write("/tmp/key", read("/tmp/key"));
     EXPECT_DONE(far_shell(
         "ormelctl profile add wireguard --name hub --address 198.18.7.2 --peer-key '" +
@@ -312,20 +285,19 @@ class TunnelFailover : public PppTunnel {
   }
   void TearDown() override {
     if (IsSkipped()) return;
-    far::run({CTL, "gateway", "off"});
-    far::run({CTL, "profile", "rm", "hub", "--yes"});
+    far::ctl({"gateway", "off"});
+    far::ctl({"profile", "rm", "hub", "--yes"});
     shell(
-        "nft delete table ip cut || :; ip address del 203.0.113.9/32 dev lo; ormelctl peer rm far "
-        "--yes;"
-        "ormelctl server off wireguard --yes");
+        "nft delete table ip cut || :; ip address del 203.0.113.9/32 dev lo;"
+        "ormelctl peer rm far --yes; ormelctl server off wireguard --yes");
     PppTunnel::TearDown();
   }
   // What goes to an address behind the server leaves by `interface` and is answered.
   static bool leaves_by(const std::string& interface) {
     return comes_true(
         [&] {
-          return far::run({"/sbin/ip", "route", "get", BEHIND})
-                         .out.find(" dev " + interface + ' ') != std::string::npos &&
+          return has(far::run({"/sbin/ip", "route", "get", BEHIND}).out,
+                     " dev " + interface + ' ') &&
                  far::run({"/bin/ping", "-c1", "-W5", BEHIND}).status == 0;
         },
         PATIENCE);
@@ -335,25 +307,24 @@ class TunnelFailover : public PppTunnel {
 TEST_P(TunnelFailover, MovesToWireGuardAndBack) {
   dial();
   dial("hub");
-  EXPECT_DONE(far::run({CTL, "gateway", "set", "office", "hub", "--back", "0"}));
+  EXPECT_DONE(far::ctl({"gateway", "set", "office", "hub", "--back", "0"}));
   ASSERT_TRUE(leaves_by(tunnel.interface)) << status();
 
   EXPECT_DONE(
-      shell(std::string(
-                "nft add table ip cut; nft 'add chain ip cut in { type filter hook input priority "
-                "-300; }'; nft add rule ip cut in ") +
-            tunnel.on_the_wire + " drop"));
+      shell("nft 'add table ip cut; add chain ip cut in { type filter hook input priority"
+            " -300; }; add rule ip cut in " +
+            std::string(tunnel.on_the_wire) + " drop'"));
   EXPECT_TRUE(leaves_by("wgc3001")) << "the first tunnel is silent";
   EXPECT_DONE(shell("nft delete table ip cut"));
   EXPECT_TRUE(leaves_by(tunnel.interface)) << status();
 
-  EXPECT_DONE(run({CTL, "server", "off", protocol, "--yes"}));
+  EXPECT_DONE(ctl({"server", "off", protocol, "--yes"}));
   EXPECT_TRUE(leaves_by("wgc3001")) << "the first tunnel is gone";
   EXPECT_DONE(run({"/sbin/ip", "link", "delete", "wg0"}));
   EXPECT_TRUE(leaves_by("wgc3001")) << "the keeper made the server's interface again";
   EXPECT_DONE(run({"/etc/init.d/vpn_wireguard.sh", "restart"}));
   EXPECT_TRUE(leaves_by("wgc3001")) << "with the peers that it had";
-  EXPECT_DONE(run({CTL, "server", "on", protocol}));
+  EXPECT_DONE(ctl({"server", "on", protocol}));
   EXPECT_TRUE(leaves_by(tunnel.interface)) << status();
 }
 
