@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <gmock/gmock.h>
+#include <optional>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -28,25 +29,15 @@
 namespace ormel::test {
 
 namespace fs = std::filesystem;
-using testing::ContainsRegex;
-using testing::Each;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::MatchesRegex;
-using testing::Not;
-using testing::StartsWith;
-using testing::UnorderedElementsAre;
+using support::comes_true, support::mode_of, support::read;
+using testing::ContainsRegex, testing::Each, testing::ElementsAre, testing::EndsWith;
+using testing::HasSubstr, testing::IsEmpty, testing::MatchesRegex, testing::Not;
+using testing::StartsWith, testing::UnorderedElementsAre;
 
 inline constexpr const char* VPN_CONF = "/etc/config/vpn.conf";
 inline constexpr const char* LOG = "/var/log/network/ORMEL.log";
 inline constexpr const char* CALLS =
     "/var/log/network/calls";  // what the recording stand-ins write
-
-using support::comes_true;
-using support::mode_of;
-using support::read;
 
 // Private unless the test wants another mode.
 inline void write(const fs::path& path, const std::string& text, mode_t mode = 0600) {
@@ -59,25 +50,17 @@ struct Result {
   std::string err;
 };
 
-// Runs a program with an empty environment but for `environment`, from the root folder, without
-// input.
-inline Result run(const std::vector<std::string>& words,
-                  const std::vector<std::string>& environment = {}, const std::string& input = {}) {
+// Runs `work` in a process of its own in the root folder, its standard streams caught.
+inline Result in_child(const std::function<int()>& work, const std::string& input = {}) {
   write("/tmp/run.in", input);
   const pid_t child = fork();
   if (child == 0) {
-    std::vector<char*> argv, env;
-    for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-    for (const std::string& word : environment) env.push_back(const_cast<char*>(word.c_str()));
-    argv.push_back(nullptr);
-    env.push_back(nullptr);
     const int in = open("/tmp/run.in", O_RDONLY);
     const int out = open("/tmp/run.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const int err = open("/tmp/run.err", O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const bool ready =
         chdir("/") == 0 && dup2(in, 0) == 0 && dup2(out, 1) == 1 && dup2(err, 2) == 2;
-    if (ready) execve(argv[0], argv.data(), env.data());
-    _exit(127);
+    _exit(ready ? work() : 127);
   }
   int status = 0;
   waitpid(child, &status, 0);
@@ -85,13 +68,34 @@ inline Result run(const std::vector<std::string>& words,
           read("/tmp/run.err")};
 }
 
+// Runs a program with an empty environment but for `environment`.
+inline Result run(const std::vector<std::string>& words,
+                  const std::vector<std::string>& environment = {}, const std::string& input = {}) {
+  const auto pointers = [](const std::vector<std::string>& texts) {
+    std::vector<char*> list;
+    for (const std::string& text : texts) list.push_back(const_cast<char*>(text.c_str()));
+    list.push_back(nullptr);
+    return list;
+  };
+  const auto program = [&] {
+    execve(words[0].c_str(), pointers(words).data(), pointers(environment).data());
+    return 127;
+  };
+  return in_child(program, input);
+}
+
+inline Result shell(const std::string& script) {
+  return run({"/bin/sh", "-c", script});
+}
+
 inline Result cli(std::vector<std::string> options) {
   options.insert(options.begin(), "/usr/sbin/ormel");
   return run(options);
 }
 
-inline std::string conf_value(const std::string& section, const std::string& key) {
-  std::string value = run({"/sbin/getcfg", section, key, "-f", VPN_CONF}).out;
+inline std::string conf_value(const std::string& section, const std::string& key,
+                              const char* file = VPN_CONF) {
+  std::string value = run({"/sbin/getcfg", section, key, "-f", file}).out;
   if (!value.empty()) value.pop_back();
   return value;
 }
@@ -120,22 +124,51 @@ inline void record_calls(const fs::path& program, int status = 0) {
         0755);
 }
 
-inline std::vector<std::string> recorded(const std::string& program) {
+// The recorded calls of a program, waited for some seconds until there are `count`.
+inline std::vector<std::string> recorded(const std::string& program, size_t count = 0) {
   std::vector<std::string> lines;
-  std::ifstream in(CALLS);
-  for (std::string line; std::getline(in, line);) {
-    if (line.starts_with(program + '|')) lines.push_back(line.substr(program.size() + 1));
-  }
+  comes_true([&] {
+    lines.clear();
+    std::ifstream in(CALLS);
+    for (std::string line; std::getline(in, line);) {
+      if (line.starts_with(program + '|')) lines.push_back(line.substr(program.size() + 1));
+    }
+    return lines.size() >= count;
+  });
   return lines;
 }
 
-// Whether `count` calls of a program have been recorded, or are within some seconds.
 inline bool recorded_soon(const std::string& program, size_t count) {
-  return comes_true([&] { return recorded(program).size() >= count; });
+  return recorded(program, count).size() >= count;
 }
 
-// A bus service with scripted answers, in its own process, in place of the daemon of that
-// name.
+// Starts a daemon again, which lives on for the next test, and ends with the appliance.
+inline void start_daemon(const std::string& program) {
+  shell("setsid " + program + " >/dev/null 2>&1 &");
+}
+
+// A program of the test's own, ended with it.
+class Child {
+ public:
+  explicit Child(const std::function<void()>& run) : pid_{fork()} {
+    if (pid_ != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    run();
+    _exit(127);
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child() {
+    ::kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  [[nodiscard]] pid_t pid() const { return pid_; }
+
+ private:
+  pid_t pid_;
+};
+
+// A bus service with scripted answers, in its own process, in place of the daemon of that name.
 class ScriptedService {
  public:
   using Answer = std::function<fenro::bus::Reply(std::string_view request)>;
@@ -147,9 +180,7 @@ class ScriptedService {
     EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
     const fenro::Fd ready{ends[0]};
     fenro::Fd listening{ends[1]};
-    child_ = fork();
-    if (child_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
+    child_.emplace([&] {
       fenro::bus::Server server{service};
       for (const std::string& method : methods) {
         server.on(method, [&, method](std::string_view body) {
@@ -159,8 +190,8 @@ class ScriptedService {
       }
       while (!server.listen()) usleep(10000);  // the killed one may still hold the name
       listening.reset();
-      _exit(server.run());
-    }
+      std::ignore = server.run();
+    });
     listening.reset();
     char none = 0;
     std::ignore = ::read(ready.get(), &none, 1);  // ends when the child listens, or is gone
@@ -170,15 +201,9 @@ class ScriptedService {
       : ScriptedService(service, daemon, methods, [&](std::string_view) {
           return fenro::bus::Reply{status, reply};
         }) {}
-  ScriptedService(const ScriptedService&) = delete;
-  ScriptedService& operator=(const ScriptedService&) = delete;
-  ~ScriptedService() {
-    ::kill(child_, SIGKILL);
-    waitpid(child_, nullptr, 0);
-  }
 
  private:
-  pid_t child_;
+  std::optional<Child> child_;
 };
 
 // A test that starts from an appliance without profiles, with all scripts and notifications

@@ -20,25 +20,6 @@ inline constexpr const char* AGENT_CONF = "/etc/config/ormel/cloudagent.cfg";
 inline constexpr const char* EDGE = "POST /dalnet/morvi/api/v1/edge";
 inline constexpr const char* ME = "GET /v1.1/me";
 
-// A program of the test's own, ended with it.
-class Child {
- public:
-  explicit Child(const std::function<int()>& run) : pid_{fork()} {
-    if (pid_ != 0) return;
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    _exit(run());
-  }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-  ~Child() {
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-
- private:
-  pid_t pid_;
-};
-
 // What becomes of one of the cloud's operations from now on; an empty fault heals all.
 inline void fault(const std::string& operation, const std::string& what) {
   write(fs::path(CLOUD) / "faults.json",
@@ -51,9 +32,7 @@ inline void set_value(const char* file, const std::string& section, const std::s
 }
 
 inline std::string value(const char* file, const std::string& section, const std::string& key) {
-  std::string text = run({"/sbin/getcfg", section, key, "-f", file}).out;
-  if (!text.empty()) text.pop_back();
-  return text;
+  return conf_value(section, key, file);
 }
 
 inline std::string joined(const std::string& key) {
@@ -91,7 +70,6 @@ class CloudHost : public WebHost {
       const std::string base = std::string(CLOUD) + '/' + certificate;
       execl("/usr/bin/nsenter", "nsenter", "--net=/run/netns/lan", "/run/cloud/fenro-cloud", CLOUD,
             CLOUD_ADDRESS, "443", (base + ".pem").c_str(), (base + ".key").c_str(), nullptr);
-      return 127;
     });
     ASSERT_TRUE(comes_true(cloud_listens));
   }
