@@ -11,7 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <gmock/gmock.h>
-#include <optional>
+#include <memory>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -84,20 +84,24 @@ inline Result run(const std::vector<std::string>& words,
   return in_child(program, input);
 }
 
-inline Result shell(const std::string& script) {
-  return run({"/bin/sh", "-c", script});
-}
-
 inline Result cli(std::vector<std::string> options) {
   options.insert(options.begin(), "/usr/sbin/ormel");
   return run(options);
 }
 
-inline std::string conf_value(const std::string& section, const std::string& key,
-                              const char* file = VPN_CONF) {
-  std::string value = run({"/sbin/getcfg", section, key, "-f", file}).out;
+inline std::string conf_value(const std::string& section, const std::string& key) {
+  std::string value = run({"/sbin/getcfg", section, key, "-f", VPN_CONF}).out;
   if (!value.empty()) value.pop_back();
   return value;
+}
+
+inline Result shell(const std::string& script) {
+  return run({"/bin/sh", "-c", script});
+}
+
+// Starts a daemon again, which lives on for the next test, and ends with the appliance.
+inline void start_daemon(const std::string& program) {
+  shell("setsid " + program + " >/dev/null 2>&1 &");
 }
 
 // One bus call of the test itself; empty when it fails.
@@ -138,23 +142,18 @@ inline std::vector<std::string> recorded(const std::string& program, size_t coun
   return lines;
 }
 
+// Whether `count` calls of a program have been recorded, or are within some seconds.
 inline bool recorded_soon(const std::string& program, size_t count) {
-  return recorded(program, count).size() >= count;
-}
-
-// Starts a daemon again, which lives on for the next test, and ends with the appliance.
-inline void start_daemon(const std::string& program) {
-  shell("setsid " + program + " >/dev/null 2>&1 &");
+  return comes_true([&] { return recorded(program).size() >= count; });
 }
 
 // A program of the test's own, ended with it.
 class Child {
  public:
-  explicit Child(const std::function<void()>& run) : pid_{fork()} {
+  explicit Child(const std::function<int()>& run) : pid_{fork()} {
     if (pid_ != 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    run();
-    _exit(127);
+    _exit(run());
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -162,13 +161,13 @@ class Child {
     ::kill(pid_, SIGKILL);
     waitpid(pid_, nullptr, 0);
   }
-  [[nodiscard]] pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_;
 };
 
-// A bus service with scripted answers, in its own process, in place of the daemon of that name.
+// A bus service with scripted answers, in its own process, in place of the daemon of that
+// name.
 class ScriptedService {
  public:
   using Answer = std::function<fenro::bus::Reply(std::string_view request)>;
@@ -180,7 +179,7 @@ class ScriptedService {
     EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
     const fenro::Fd ready{ends[0]};
     fenro::Fd listening{ends[1]};
-    child_.emplace([&] {
+    child_ = std::make_unique<Child>([&] {
       fenro::bus::Server server{service};
       for (const std::string& method : methods) {
         server.on(method, [&, method](std::string_view body) {
@@ -190,7 +189,7 @@ class ScriptedService {
       }
       while (!server.listen()) usleep(10000);  // the killed one may still hold the name
       listening.reset();
-      std::ignore = server.run();
+      return server.run();
     });
     listening.reset();
     char none = 0;
@@ -203,7 +202,7 @@ class ScriptedService {
         }) {}
 
  private:
-  std::optional<Child> child_;
+  std::unique_ptr<Child> child_;
 };
 
 // A test that starts from an appliance without profiles, with all scripts and notifications

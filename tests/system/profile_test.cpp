@@ -84,13 +84,13 @@ TEST_F(PptpProfile, IsNotStartedTwiceWhileItsDaemonLives) {
   int hold[2];
   ASSERT_EQ(pipe(hold), 0);
   // A shell that waits for input stands in for the daemon: what counts is its command line.
-  std::optional<Child> daemon(std::in_place, [&] {
+  auto daemon = std::make_unique<Child>([&] {
     dup2(hold[0], 0);
-    execl("/bin/sh", "/usr/lib/fenro/pppd-pptp", "-c", "read line", "call", "pptpclient1", nullptr);
+    return execl("/bin/sh", "/usr/lib/fenro/pppd-pptp", "-c", "read line", "call", "pptpclient1",
+                 nullptr);
   });
-  ASSERT_TRUE(comes_true([&] {
-    const std::string words = read("/proc/" + std::to_string(daemon->pid()) + "/cmdline");
-    return words.find("call") != std::string::npos;
+  ASSERT_TRUE(comes_true([] {
+    return run({"/usr/bin/pgrep", "-f", "read line call pptpclient1"}).status == 0;
   }));
   fs::remove(CALLS);
   EXPECT_EQ(cli({"-T256", "--connect=1"}).status, 0);
@@ -122,6 +122,7 @@ TEST_F(PptpProfile, AnswersWithTheStatusOfTheTable) {
   const std::tuple<std::vector<std::string>, int, const char*> rows[] = {
       {{}, 1, ""},
       {{"--type=PPTP", "--show=7"}, 30, "Error: no such config\n"},
+      {{"--type=PPTP", "--show=-3"}, 30, "Error: no such config\n"},
       {{"--type=PPTP", "--show=0"}, 0, ""},
       {{"--type=SPPTP", "--connect=1"}, 3, ""},
       {{"--type=SPPTP", "--disconnect=1"}, 3, ""},

@@ -36,21 +36,21 @@ json_int_t number_in(const std::string& body, size_t row, const char* member) {
 
 // In place of an OpenVPN server: its management port, with one client whose counters grow at each
 // question.
-void serve_management_port() {
+int serve_management_port() {
   const ormel::Fd listener{socket(AF_INET, SOCK_STREAM, 0)};
   const int on = 1;
   sockaddr_in place{AF_INET, htons(7505), {htonl(INADDR_LOOPBACK)}, {}};
   setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   if (bind(listener.get(), reinterpret_cast<sockaddr*>(&place), sizeof place) != 0 ||
       listen(listener.get(), 8) != 0)
-    return;
+    return 1;
   for (unsigned long bytes = 1'000'000;; bytes += 1'000'000) {
     const ormel::Fd client{accept(listener.get(), nullptr, nullptr)};
     char question[64] = "";
     // Like the real one it sends nothing any more to a caller that has already said "quit".
     if (recv(client.get(), question, sizeof question - 1, 0) <= 0 ||
         std::string(question) != "status 3\n")
-      return;
+      return 1;
     const std::string answer =
         ">INFO:OpenVPN Management Interface Version 5 -- type 'help' for more info\r\n"
         "HEADER\tCLIENT_LIST\tCommon Name\tReal Address\r\n"
@@ -140,8 +140,10 @@ TEST_F(ConnectionCounters, AreZeroWhereTheAnswerIsNone) {
       {R"({"error":0,"data":[{"key":"ppp0","rx_bytes":-1,"tx_bytes":1e30,"rx_rate":9999999999,"tx_rate":-1e10}]})",
        most, ""},
       {R"({"error":1,"data":[)" + good + "]}", zeros, ""},
+      {R"({"error":"0","data":[)" + good + "]}", zeros, "val isn't an integer. "},
       {R"({"error":0,"data":{}})", zeros, "data isn't an array. "},
       {R"({"error":0,"data":[[]]})", zeros, "val isn't an object. "},
+      {R"({"error":0,"data":[)", zeros, "root isn't an object. 1: "},
       {"", zeros, "root isn't an object. "},
   };
   for (const auto& [answer, expected, logged] : rows) {
