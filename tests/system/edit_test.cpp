@@ -118,6 +118,7 @@ TEST_F(ConfigUpload, IsJudgedByItsOptions) {
       {"client\ntls-client 1\nremote a\n", nullptr},
       {"client\ndev tun3x\nremote a\n", nullptr},
       {"client\n", nullptr},
+      {"", nullptr},
   };
   for (const auto& [profile, data] : rows) {
     SCOPED_TRACE(profile);

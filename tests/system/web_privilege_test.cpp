@@ -64,6 +64,7 @@ TEST_F(WebPrivilege, AreStoredToldAndEnforced) {
   EXPECT_EQ(post("get"), R"({"data":{"admin":4,"guest":19},"error":0,"total":2})");
   EXPECT_EQ(post("get", "&lower=1&upper=1"), R"({"data":{"guest":19},"error":0,"total":2})");
   EXPECT_EQ(post("get", "&filter=DMI"), R"({"data":{"admin":4},"error":0,"total":2})");
+  EXPECT_EQ(post("get", "&lower=&upper=0"), R"({"data":{},"error":0,"total":2})");
 }
 
 TEST_F(WebPrivilege, AreTakenAwayAlsoFromWhoHasNone) {
