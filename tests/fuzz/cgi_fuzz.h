@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -12,16 +11,11 @@
 #include <string_view>
 #include <unistd.h>
 
+#include "fuzz/require.h"
 #include "ormel/cgi/cgi.h"
 #include "support/files.h"
 
 namespace fuzz {
-
-inline void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "does not hold: %s\n", what);
-  std::abort();
-}
 
 inline std::string_view input(const uint8_t* data, size_t size) {
   return {reinterpret_cast<const char*>(data), size};

@@ -1,20 +1,14 @@
 // The messages of the appliance's own tunnel. Input: one message.
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 
 #include "daemons/drovik/frames.h"
+#include "fuzz/require.h"
 
 namespace {
 
 using namespace fenro::drovik;
-
-void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "does not hold: %s\n", what);
-  std::abort();
-}
+using fuzz::require;
 
 void check_login(std::string_view message) {
   Login login, again;

@@ -2,8 +2,6 @@
 // read back by the next run. Input: the file. All of it happens in a file tree in memory that only
 // this process sees.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <sched.h>
@@ -11,24 +9,20 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include "fuzz/require.h"
 #include "ormel/drivers/openvpn/openvpn.h"
 #include "support/files.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using fuzz::require;
 using support::read;
 
 constexpr const char* FOLDER = "/etc/config/openvpn/clients";
 constexpr const char* STORED = "/etc/config/openvpn/clients/client1";
 constexpr const char* CRL = "/etc/config/openvpn/clients/client1_crl.pem";
 constexpr const char* FOREIGN = "/tmp/foreign.ovpn";
-
-void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "does not hold: %s\n", what);
-  std::abort();
-}
 
 // Without a tree of our own the host's would be written to, so nothing is tried then. What a
 // refusal says goes nowhere.
@@ -39,12 +33,6 @@ bool private_tree() {
   for (const char* place : {"/etc", "/tmp", "/var"})
     if (mount("none", place, "tmpfs", 0, "size=64m") != 0) return false;
   return fs::create_directories(FOLDER);
-}
-
-void clear() {
-  for (const char* folder : {"/tmp", FOLDER}) {
-    for (const auto& file : fs::directory_iterator(folder)) fs::remove(file);
-  }
 }
 
 // How many lines begin so.
@@ -75,7 +63,8 @@ void check_stored(const ormel::ovpn::ClientConfig& record) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool ready = private_tree();
   if (!ready) return 0;
-  clear();
+  for (const char* folder : {"/tmp", FOLDER})
+    for (const auto& file : fs::directory_iterator(folder)) fs::remove(file);
   support::write(FOREIGN, {reinterpret_cast<const char*>(data), size});
   ormel::ovpn::ClientConfig record(0);
   record.name = "office";

@@ -1,23 +1,17 @@
 // A foreign profile through the rewriting: read, made ours, written, read back. Input: the text of
 // the profile.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
+#include "fuzz/require.h"
 #include "ormel/drivers/openvpn/openvpn.h"
 #include "support/scratch_file.h"
 
 namespace {
 
+using fuzz::require;
 using ormel::option::ConfigFile;
 using ormel::option::OpenvpnRemotes;
-
-void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "does not hold: %s\n", what);
-  std::abort();
-}
 
 // Rewrites a profile as a change of its settings does; the text that is written then.
 std::string rewrite(const std::string& text) {

@@ -29,25 +29,15 @@
 namespace ormel::test {
 
 namespace fs = std::filesystem;
-using testing::ContainsRegex;
-using testing::Each;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::MatchesRegex;
-using testing::Not;
-using testing::StartsWith;
-using testing::UnorderedElementsAre;
+using support::comes_true, support::mode_of, support::read;
+using testing::ContainsRegex, testing::Each, testing::ElementsAre, testing::EndsWith;
+using testing::HasSubstr, testing::IsEmpty, testing::MatchesRegex, testing::Not;
+using testing::StartsWith, testing::UnorderedElementsAre;
 
 inline constexpr const char* VPN_CONF = "/etc/config/vpn.conf";
 inline constexpr const char* LOG = "/var/log/network/ORMEL.log";
 inline constexpr const char* CALLS =
     "/var/log/network/calls";  // what the recording stand-ins write
-
-using support::comes_true;
-using support::mode_of;
-using support::read;
 
 // Private unless the test wants another mode.
 inline void write(const fs::path& path, const std::string& text, mode_t mode = 0600) {
@@ -64,30 +54,38 @@ struct Result {
   std::string err;
 };
 
-// Runs a program with an empty environment but for `environment`, from the root folder, without
-// input.
-inline Result run(const std::vector<std::string>& words,
-                  const std::vector<std::string>& environment = {}, const std::string& input = {}) {
+// Runs `work` in a process of its own in the root folder, its standard streams caught.
+inline Result in_child(const std::function<int()>& work, const std::string& input = {}) {
   write("/tmp/run.in", input);
   const pid_t child = fork();
   if (child == 0) {
-    std::vector<char*> argv, env;
-    for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-    for (const std::string& word : environment) env.push_back(const_cast<char*>(word.c_str()));
-    argv.push_back(nullptr);
-    env.push_back(nullptr);
     const int in = open("/tmp/run.in", O_RDONLY);
     const int out = open("/tmp/run.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const int err = open("/tmp/run.err", O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const bool ready =
         chdir("/") == 0 && dup2(in, 0) == 0 && dup2(out, 1) == 1 && dup2(err, 2) == 2;
-    if (ready) execve(argv[0], argv.data(), env.data());
-    _exit(127);
+    _exit(ready ? work() : 127);
   }
   int status = 0;
   waitpid(child, &status, 0);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"),
           read("/tmp/run.err")};
+}
+
+// Runs a program with an empty environment but for `environment`.
+inline Result run(const std::vector<std::string>& words,
+                  const std::vector<std::string>& environment = {}, const std::string& input = {}) {
+  const auto pointers = [](const std::vector<std::string>& texts) {
+    std::vector<char*> list;
+    for (const std::string& text : texts) list.push_back(const_cast<char*>(text.c_str()));
+    list.push_back(nullptr);
+    return list;
+  };
+  const auto program = [&] {
+    execve(words[0].c_str(), pointers(words).data(), pointers(environment).data());
+    return 127;
+  };
+  return in_child(program, input);
 }
 
 // A program under strace, which gets `options`. The leak check of an instrumented program cannot
@@ -119,6 +117,15 @@ inline std::string conf_value(const std::string& section, const std::string& key
   return value;
 }
 
+inline Result shell(const std::string& script) {
+  return run({"/bin/sh", "-c", script});
+}
+
+// Starts a daemon again, which lives on for the next test, and ends with the appliance.
+inline void start_daemon(const std::string& program) {
+  shell("setsid " + program + " >/dev/null 2>&1 &");
+}
+
 // One bus call of the test itself; empty when it fails.
 inline std::string bus(const char* service, const char* method, const std::string& request = {}) {
   mib_io* io = mib_io_create();
@@ -143,12 +150,17 @@ inline void record_calls(const fs::path& program, int status = 0) {
         0755);
 }
 
-inline std::vector<std::string> recorded(const std::string& program) {
+// The recorded calls of a program, waited for some seconds until there are `count`.
+inline std::vector<std::string> recorded(const std::string& program, size_t count = 0) {
   std::vector<std::string> lines;
-  std::ifstream in(CALLS);
-  for (std::string line; std::getline(in, line);) {
-    if (line.starts_with(program + '|')) lines.push_back(line.substr(program.size() + 1));
-  }
+  comes_true([&] {
+    lines.clear();
+    std::ifstream in(CALLS);
+    for (std::string line; std::getline(in, line);) {
+      if (line.starts_with(program + '|')) lines.push_back(line.substr(program.size() + 1));
+    }
+    return lines.size() >= count;
+  });
   return lines;
 }
 

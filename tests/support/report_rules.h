@@ -28,13 +28,6 @@ inline ovpn::ReportTools tools_without(const std::vector<std::string>& left_out)
           }};
 }
 
-inline std::string trimmed_line(const std::string& line) {
-  constexpr const char* ENDS = " \t\r";
-  const size_t first = line.find_first_not_of(ENDS);
-  return first == std::string::npos ? ""
-                                    : line.substr(first, line.find_last_not_of(ENDS) - first + 1);
-}
-
 // The rule that the report breaks; empty when it keeps all: each line of the source has exactly one
 // fate, what is kept is in the stored profile byte by byte, and no line of a block is shown.
 inline std::string broken_rule(const report::Report& found, const std::string& source) {
@@ -48,18 +41,18 @@ inline std::string broken_rule(const report::Report& found, const std::string& s
     next = line.last + 1;
     if (line.fate != report::Fate::Kept && line.why.empty()) return where + " has no explanation";
     for (size_t at = line.first; at < line.last; ++at) {
-      const std::string inner = trimmed_line(lines[at]);
+      const std::string inner{fenro::trimmed(lines[at])};
       if (inner.size() > 30 && line.text.find(inner) != std::string::npos)
         return where + " shows a block";
     }
     if (line.fate != report::Fate::Kept) continue;
     if (line.first == line.last) {
-      std::string text = trimmed_line(lines[line.first - 1]);
+      std::string text{fenro::trimmed(lines[line.first - 1])};
       if (line.first == 1 && text.starts_with("\xEF\xBB\xBF")) text.erase(0, 3);
       if (stored.find('\n' + text + '\n') == std::string::npos) return where + " is not stored";
     }
     for (size_t at = line.first; at + 1 < line.last; ++at) {
-      const std::string inner = trimmed_line(lines[at]);
+      const std::string inner{fenro::trimmed(lines[at])};
       if (!inner.empty() && stored.find(inner) == std::string::npos)
         return where + ": its block is not stored";
     }

@@ -2,11 +2,7 @@
 
 #include <dlfcn.h>
 
-namespace ormel::test {
-
 namespace {
-
-ScriptedBus* active = nullptr;
 
 std::string contents(void* io) {
   size_t length = 0;
@@ -20,40 +16,16 @@ Function* library(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+ormel::test::ScriptedBus*& active = ormel::test::ScriptedBus::active;
+
 }  // namespace
-
-std::string ProgramCall::command() const {
-  std::string text;
-  for (const std::string& word : argv) text += (text.empty() ? "" : " ") + word;
-  return text;
-}
-
-ScriptedBus::ScriptedBus() {
-  active = this;
-}
-
-ScriptedBus::~ScriptedBus() {
-  active = nullptr;
-}
-
-void ScriptedBus::answer(const std::string& reply) {
-  serve = [reply](const BusCall&, std::string& out) {
-    out = reply;
-    return MIB_SUCCESS;
-  };
-}
-
-}  // namespace ormel::test
-
-using ormel::test::active;
 
 // Being the executable's own, these two come before those of the shared library.
 int mib_call(const char* service, const char* method, mib_io* io, int timeout_seconds, int flag) {
   if (!active || !active->serve) {
-    return ormel::test::library<decltype(mib_call)>("mib_call")(service, method, io,
-                                                                timeout_seconds, flag);
+    return library<decltype(mib_call)>("mib_call")(service, method, io, timeout_seconds, flag);
   }
-  active->calls.push_back({service, method, ormel::test::contents(io)});
+  active->calls.push_back({service, method, contents(io)});
   std::string reply;
   const int status = active->serve(active->calls.back(), reply);
   if (status != MIB_SUCCESS) return status;
@@ -64,11 +36,11 @@ int mib_call(const char* service, const char* method, mib_io* io, int timeout_se
 
 int mib_io_execv(void* context, mib_io* out, mib_io* err, char** argv) {
   if (!active || !active->run) {
-    return ormel::test::library<decltype(mib_io_execv)>("mib_io_execv")(context, out, err, argv);
+    return library<decltype(mib_io_execv)>("mib_io_execv")(context, out, err, argv);
   }
   ormel::test::ProgramCall call;
   for (char** word = argv; *word; ++word) call.argv.emplace_back(*word);
-  if (context) call.input = ormel::test::contents(context);
+  if (context) call.input = contents(context);
   active->programs.push_back(call);
   std::string output;
   const int status = active->run(call, output);

@@ -21,11 +21,17 @@ struct ProgramCall {
   std::vector<std::string> argv;
   std::string input;  // what was on its standard input
 
-  [[nodiscard]] std::string command() const;  // the words separated by blanks
+  // The words separated by blanks.
+  [[nodiscard]] std::string command() const {
+    std::string text;
+    for (const std::string& word : argv) text += (text.empty() ? "" : " ") + word;
+    return text;
+  }
 };
 
 class ScriptedBus {
  public:
+  static inline ScriptedBus* active = nullptr;
   std::vector<BusCall> calls;
   std::vector<ProgramCall> programs;
   // Give the status of a call and fill the reply; give the exit status of a program and fill its
@@ -33,13 +39,18 @@ class ScriptedBus {
   std::function<int(const BusCall& call, std::string& reply)> serve;
   std::function<int(const ProgramCall& call, std::string& output)> run;
 
-  ScriptedBus();
+  ScriptedBus() { active = this; }
   ScriptedBus(const ScriptedBus&) = delete;
   ScriptedBus& operator=(const ScriptedBus&) = delete;
-  ~ScriptedBus();
+  ~ScriptedBus() { active = nullptr; }
 
   // Every call from now on succeeds with this reply.
-  void answer(const std::string& reply);
+  void answer(const std::string& reply) {
+    serve = [reply](const BusCall&, std::string& out) {
+      out = reply;
+      return MIB_SUCCESS;
+    };
+  }
 };
 
 }  // namespace ormel::test

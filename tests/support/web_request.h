@@ -42,22 +42,14 @@ inline WebReply cgi(const std::string& route, const std::string& query,
 
 // Runs a handler that no route leads to as its own request.
 inline WebReply unrouted(int (*handler)(ormel::JsonValue&), const std::string& query) {
-  const pid_t child = fork();
-  if (child == 0) {
+  return split_reply(in_child([&] {
     clearenv();
     setenv("QUERY_STRING", query.c_str(), 1);
-    const int out = open("/tmp/run.out", O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const bool ready =
-        dup2(out, STDOUT_FILENO) >= 0 && dup2(open("/dev/null", O_RDONLY), STDIN_FILENO) >= 0;
     ormel::JsonValue response;
-    const int code = ready ? handler(response) : -1;
+    const int code = handler(response);
     std::fflush(stdout);
-    _exit(code);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return split_reply(
-      {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), read("/tmp/run.out"), ""});
+    return code;
+  }));
 }
 
 inline WebReply https(const std::string& route, std::vector<std::string> options = {}) {
@@ -66,12 +58,33 @@ inline WebReply https(const std::string& route, std::vector<std::string> options
   return split_reply(run(options));
 }
 
+// Runs a command for its output. Not run(): several threads may do this at once.
+inline Result piped(const std::string& command) {
+  Result result{-1, "", ""};
+  std::FILE* const pipe = popen(command.c_str(), "r");
+  for (int c = std::getc(pipe); c != EOF; c = std::getc(pipe)) result.out += static_cast<char>(c);
+  if (const int status = pclose(pipe); WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  return result;
+}
+
 // One part of a body with the boundary "edge": a field, or an upload.
 inline std::string part(const std::string& name, const std::string& data,
                         const std::string& file = {}) {
   const std::string filename = file.empty() ? "" : "; filename=\"" + file + '"';
   return "--edge\r\nContent-Disposition: form-data; name=\"" + name + '"' + filename + "\r\n\r\n" +
          data + "\r\n";
+}
+
+inline std::string password_of(const std::string& user) {
+  const std::string line = read("/var/lib/appliance/password." + user);
+  return line.substr(0, line.find('\n'));
+}
+
+// How often a text holds a word.
+inline size_t occurrences(const std::string& text, const std::string& word) {
+  size_t count = 0;
+  for (size_t at = 0; (at = text.find(word, at)) != std::string::npos; ++at) ++count;
+  return count;
 }
 
 // The temporary files of uploads that are there now.

@@ -6,8 +6,7 @@ namespace {
 
 constexpr const char* ASK =
     "source /usr/share/bash-completion/completions/ormel; COMP_TYPE=$0 COMP_WORDS=(ormel \"$@\") "
-    "COMP_CWORD=$#; "
-    "_ormel; printf '%s|' \"${COMPREPLY[@]}\"";
+    "COMP_CWORD=$#; _ormel; printf '%s|' \"${COMPREPLY[@]}\"";
 constexpr const char* TAB = "9";
 constexpr const char* LISTING = "63";
 constexpr const char* CRACKED = "/tmp/cracked";
@@ -20,11 +19,8 @@ TEST_F(Completion, OffersWhatFitsAndExpandsNoName) {
       std::string("[PPTP_CLIENT1]\nIndex = 1\nProfile File = office\n[PPTP_CLIENT2]\nIndex = 0\n") +
           "[PPTP_CLIENT12]\nIndex = 12\nProfile File = `touch " + CRACKED + "` $(touch " + CRACKED +
           ")\x1b[31m\n[L2TP_CLIENT3]\nIndex = 3\n[PPTP_CLIENT1 0]\nIndex = 1\n");
-  const struct {
-    std::vector<std::string> words;  // as readline parts them, the last one at hand
-    const char* kind;
-    std::string offered;
-  } cases[] = {
+  const std::tuple<std::vector<std::string>, const char*, std::string> cases[] = {
+      // the words as readline parts them, the last one at hand
       {{""}, TAB, "--type=|"},
       {{"--type", "=", "SP"}, TAB, "SPPTP|"},
       {{"--type", "=", "pptp", ""},
@@ -47,12 +43,11 @@ TEST_F(Completion, OffersWhatFitsAndExpandsNoName) {
       {{"-T", "OVPN", "--import", "=", "/etc/hostn"}, TAB, "/etc/hostname|"},
   };
 
-  for (const auto& row : cases) {
-    std::vector<std::string> command{"/bin/bash", "-c", ASK, row.kind};
-    command.insert(command.end(), row.words.begin(), row.words.end());
+  for (const auto& [words, kind, offered] : cases) {
+    std::vector<std::string> command{"/bin/bash", "-c", ASK, kind};
+    command.insert(command.end(), words.begin(), words.end());
     const Result result = run(command);
-    EXPECT_EQ(result.out, row.offered) << testing::PrintToString(row.words);
-    EXPECT_EQ(result.err, "") << testing::PrintToString(row.words);
+    EXPECT_EQ(result.out + result.err, offered) << testing::PrintToString(words);
   }
   EXPECT_FALSE(fs::exists(CRACKED));
 }

@@ -7,23 +7,21 @@ namespace log_db = ormel::log_db;
 
 namespace {
 
-constexpr const char* MODIFY = "/ormel/config/modify";
 constexpr const char* CHECK = "/ormel/config/check";
 constexpr const char* IMPORT = "/ormel/config/import";
 constexpr const char* VERIFY = "/usr/sbin/verify_ovpn.sh";
 constexpr const char* CA = "/etc/openvpn/keys/ca.crt";
-constexpr const char* SERVER_SCRIPT = "/etc/init.d/vpn_openvpn.sh";
 
 // A service script that leaves a line about its work in vpn.conf, as the real ones do.
 void leave_line(const std::string& line) {
-  write(SERVER_SCRIPT, "#!/bin/sh\nprintf '%s\\n' '" + line + "' >>" + std::string(VPN_CONF) + "\n",
-        0755);
+  write("/etc/init.d/vpn_openvpn.sh",
+        "#!/bin/sh\nprintf '%s\\n' '" + line + "' >>" + std::string(VPN_CONF) + "\n", 0755);
 }
 
 class ConfigModify : public WebHost {
  protected:
   [[nodiscard]] WebReply modify(const std::string& query) const {
-    return cgi(MODIFY, admin + '&' + query);
+    return cgi("/ormel/config/modify", admin + '&' + query);
   }
 };
 
@@ -75,10 +73,8 @@ TEST_F(ConfigModify, RestartsAServerAndReadsBackItsRules) {
   EXPECT_EQ(conf_value("OPENVPN", "Enable") + conf_value("OPENVPN", "VPN Port"), "TRUE1195")
       << "it is kept anyway";
   leave_line("OPENVPN_iptables_rules = TRUE");
-  const WebReply changed = modify(query);
-  EXPECT_THAT(changed.body, StartsWith(R"({"data":{)"));
-  EXPECT_THAT(changed.body, HasSubstr(R"("download":2)"));
-  EXPECT_THAT(changed.body, EndsWith(R"(,"error":0})"));
+  EXPECT_THAT(modify(query).body, AllOf(StartsWith(R"({"data":{)"), HasSubstr(R"("download":2)"),
+                                        EndsWith(R"(,"error":0})")));
   leave_line("PPTP_iptables_rules = FALSE");
   EXPECT_EQ(modify(query).status, 0) << "that of another server";
 }
@@ -213,8 +209,7 @@ TEST_F(ConfigDownload, HandsOutTheCertificateWhole) {
   EXPECT_EQ(reply.status, 0);
   EXPECT_EQ(reply.head,
             "Content-type: application/octet-stream\r\nContent-Disposition: attachment; "
-            "filename=appliance.ca\r\n"
-            "Content-Transfer-Encoding: binary");
+            "filename=appliance.ca\r\nContent-Transfer-Encoding: binary");
   EXPECT_EQ(reply.body, certificate);
   EXPECT_EQ(conf_value("OPENVPN", "Download Status"), "0");
 }
@@ -225,8 +220,8 @@ TEST_F(ConfigDownload, MakesAProfileOfTheServersSettings) {
   EXPECT_THAT(
       reply.body,
       MatchesRegex(
-          "## How to setup OpenVPN client\\?\n## 1\\. Install OpenVPN software on your "
-          "platform\\.\n"
+          "## How to setup OpenVPN client\\?\n"
+          "## 1\\. Install OpenVPN software on your platform\\.\n"
           "## 2\\. Double click appliance\\.ovpn file to create new connection profile\\.\n"
           "## 3\\. Type username and password while connection\\.\n\nclient\ndev tun\n"
           "script-security 3\nremote 192\\.168\\.77\\.1 1195\nresolv-retry infinite\nnobind\n"
@@ -247,14 +242,14 @@ TEST_F(ConfigDownload, MakesAProfileOfTheServersSettings) {
 
 TEST_F(ConfigDownload, IsNotFoundWhateverFails) {
   const std::string not_found = "Status: 404 Not Found\r\nContent-Type: text/html\r\n\r\n";
-  for (const char* route : {"/ormel/config/download", "/ormel/config/downloadcert"}) {
-    for (const std::string& query : {std::string(), guest}) {
-      EXPECT_EQ(run({CGI}, {std::string("SCRIPT_URL=") + route, "QUERY_STRING=" + query}).out,
-                not_found);
-    }
+  const auto answer = [](const std::string& route, const std::string& query) {
+    return run({CGI}, {"SCRIPT_URL=/ormel/config/" + route, "QUERY_STRING=" + query}).out;
+  };
+  for (const char* route : {"download", "downloadcert"}) {
+    for (const std::string& query : {std::string(), guest})
+      EXPECT_EQ(answer(route, query), not_found);
     fs::remove(CA);
-    EXPECT_EQ(run({CGI}, {std::string("SCRIPT_URL=") + route, "QUERY_STRING=" + admin}).out,
-              not_found);
+    EXPECT_EQ(answer(route, admin), not_found);
     write(CA, certificate);
   }
   EXPECT_THAT(read(LOG), HasSubstr("39, session invalid\n"));
@@ -268,8 +263,7 @@ class LoginHook : public ProfileHost {
   void SetUp() override {
     ProfileHost::SetUp();
     write("/etc/config/vpn_user_ex.conf", "admin:0:1:0:0:0\nguest:1:0:1:0:1\nblocked:0:1:0:0:0\n");
-    password = read("/var/lib/appliance/password.admin");
-    password.erase(password.find_last_not_of('\n') + 1);
+    password = password_of("admin");
   }
   static int login(const std::string& user, const std::string& pass) {
     return run({"/usr/sbin/ormel.sauth"},

@@ -20,16 +20,6 @@ constexpr const char* TOOL = "/usr/lib/fenro/fenro-session ";
 const std::string REFUSED = refusal(38, "session pass");
 const std::string NO_SESSION = refusal(39, "session invalid");
 
-// Not run(): several threads do this at once.
-Result shell(const std::string& command) {
-  Result result{-1, "", ""};
-  std::FILE* const pipe = popen((command + " 2>/dev/null").c_str(), "r");
-  for (int c = std::getc(pipe); c != EOF; c = std::getc(pipe)) result.out += static_cast<char>(c);
-  const int status = pclose(pipe);
-  if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
-  return result;
-}
-
 struct Reply {
   int status = 0;
   std::string head{}, body{};  // the head in small letters, as HTTP/2 has the names in it
@@ -38,7 +28,7 @@ struct Reply {
 
 Reply curl(const std::string& url, const std::string& options = "") {
   const auto start = std::chrono::steady_clock::now();
-  const std::string text = shell("curl -ki --max-time 60 " + options + " '" + url + "'").out;
+  const std::string text = piped("curl -ski --max-time 60 " + options + " '" + url + "'").out;
   const std::size_t end = text.find("\r\n\r\n");
   if (end == std::string::npos) return {};
   const auto time = std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -47,11 +37,6 @@ Reply curl(const std::string& url, const std::string& options = "") {
   std::ranges::transform(head, head.begin(),
                          [](unsigned char byte) { return static_cast<char>(std::tolower(byte)); });
   return {std::stoi(head.substr(head.find(' '))), head, text.substr(end + 4), time};
-}
-
-std::string password_of(const std::string& user) {
-  std::string line = read("/var/lib/appliance/password." + user);
-  return line.substr(0, line.find('\n'));
 }
 
 Reply log_in(const std::string& user, const std::string& password,
@@ -78,18 +63,13 @@ TEST_F(WebLogin, BeginsASessionThatTheRoutesTakeUntilItIsEnded) {
   for (const std::string user : {"admin", "guest"}) {
     const Reply reply = log_in(user, password_of(user));
     const std::string sid = reply.body.substr(18, 8), admin = user == "admin" ? "true" : "false";
-    EXPECT_EQ(
-        reply.body,
-        std::string{R"({"error":0,"sid":")"}.append(sid).append(R"(","admin":)").append(admin) +
-            "}");
-    EXPECT_NE(reply.head.find("cache-control: no-store"), std::string::npos) << reply.head;
-    const std::string file = read(SESSIONS + sid);
-    EXPECT_NE(file.find("ip = 127.0.0.1\nhost_ip = 127.0.0.1\n"), std::string::npos) << file;
+    EXPECT_EQ(reply.body, R"({"error":0,"sid":")" + sid + R"(","admin":)" + admin + '}');
+    EXPECT_THAT(reply.head, HasSubstr("cache-control: no-store"));
+    EXPECT_THAT(read(SESSIONS + sid), HasSubstr("ip = 127.0.0.1\nhost_ip = 127.0.0.1\n"));
     const std::string route = "https://localhost" + std::string{SHOW} + "?type=256&sid=" + sid;
-    EXPECT_EQ(curl(route).body.find(R"({"error":39)"), std::string::npos);
+    EXPECT_NE(curl(route).body, NO_SESSION);
     const std::string form = "-d sid=" + sid;
-    const Reply ended =
-        user == "admin" ? curl(LOGOUT, form) : curl(std::string{LOGOUT} + "?sid=" + sid);
+    const Reply ended = user == "admin" ? curl(LOGOUT, form) : curl(LOGOUT + ("?sid=" + sid));
     EXPECT_EQ(ended.body, R"({"error":0})");
     EXPECT_EQ(curl(route).body, NO_SESSION);
     EXPECT_EQ(curl(LOGOUT, form).body, NO_SESSION);
@@ -133,14 +113,13 @@ TEST_F(WebLogin, RefusesAnAddressThatFailedTooOften) {
     EXPECT_LT(reply.time.count(), 1000);
   }
   EXPECT_EQ(events("admin", "127.0.0.2", "refused for a while"), 1);
-  EXPECT_EQ(log_in("admin", password_of("admin")).body.find(R"({"error":0)"), 0U);
+  EXPECT_THAT(log_in("admin", password_of("admin")).body, StartsWith(R"({"error":0)"));
 }
 
 TEST_F(WebLogin, TakesNothingButAFormInTheBody) {
   const std::string fields = "user=admin&password=" + password_of("admin");
   const std::tuple<std::string, std::string, int> rows[] = {
       {LOGIN + ("?" + fields), "-d x=y", 400},
-      {LOGIN, "-d '" + fields + "' -d user=", 400},
       {LOGIN, "-d '" + fields + "%00'", 400},
       {LOGIN, "-d '" + fields + "' -d " + std::string(8192, 'x'), 413},
       {LOGIN, "-d '" + fields + "' -H 'Content-Type: application/json'", 415},
@@ -159,7 +138,7 @@ TEST_F(WebLogin, TakesNothingButAFormInTheBody) {
   const Reply page = curl(LOGIN + ("?" + fields));
   for (const char* part : {"content-type: text/html; charset=utf-8", "form-action 'self'",
                            "cache-control: no-store", "<form method=\"post\">"})
-    EXPECT_NE((page.head + page.body).find(part), std::string::npos) << part;
+    EXPECT_THAT(page.head + page.body, HasSubstr(part));
 
   // Straight to the program, as a web server would that knows no TLS, or puts other routes on it.
   const std::string cgi = "printf '" + fields +
@@ -167,14 +146,14 @@ TEST_F(WebLogin, TakesNothingButAFormInTheBody) {
                           "application/x-www-form-urlencoded SCRIPT_URL=/fenro/login ";
   for (const auto& [environment, status] : {std::pair{"", "403"},
                                             {"HTTPS=off", "403"},
-                                            {"HTTPS=on SCRIPT_URL=/ormel", "404"},
+                                            {"HTTPS=on SCRIPT_URL=/x", "404"},
                                             {"HTTPS=on", "200"}})
     EXPECT_EQ(shell(cgi + environment + " /usr/lib/fenro/fenro-login.cgi").out.substr(8, 3), status)
         << environment;
 }
 
 TEST_F(WebLogin, TheToolKeepsTheSessions) {
-  const auto tool = [](const std::string& words) { return shell(TOOL + words); };
+  const auto tool = [](const std::string& words) { return piped(TOOL + words + " 2>/dev/null"); };
   const std::string sid = tool("create guest 2001:db8::1 192.0.2.1").out.substr(0, 8);
   const std::string line = sid + "\tguest\t2001:db8::1\t";
   EXPECT_EQ(tool("list").out.find(line), 0U);

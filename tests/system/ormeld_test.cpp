@@ -19,7 +19,6 @@ int call(const char* method, const std::string& request = {}) {
 // A record of a writer, numbered in "uptime".
 bool add(int writer, std::uint64_t number) {
   db_conn_server_log record{};
-  std::strcpy(record.username, "bob");
   record.vpn_type = writer;
   record.uptime = number;
   return call(log_db::CONN_SERVER_LOG.insert, bytes_of(record)) == MIB_SUCCESS;
@@ -31,13 +30,8 @@ class LogDatabase : public testing::Test {
     ASSERT_EQ(call(log_db::CONN_SERVER_LOG.clean), MIB_SUCCESS);
     ASSERT_EQ(call(log_db::PRIVILEGE_USER_BLOCK.clean), MIB_SUCCESS);
   }
-  void kill_daemon() { run({"/usr/bin/pkill", "-KILL", "-f", DAEMON}); }
-  // It lives on for the next test, and ends with the appliance.
-  bool start_daemon() {
-    if (fork() == 0) {
-      execl(DAEMON, DAEMON, nullptr);
-      _exit(127);
-    }
+  static bool starts_again() {
+    start_daemon(DAEMON);
     return comes_true(
         [] { return call(log_db::PRIVILEGE_USER_BLOCK_CHECK, "bob") == MIB_SUCCESS; });
   }
@@ -58,9 +52,9 @@ TEST_F(LogDatabase, AKillInTheMiddleOfAddsLosesNothingAcknowledged) {
     }
     EXPECT_TRUE(
         comes_true([&] { return acknowledged[0] >= static_cast<std::uint64_t>(10 * round); }, 30));
-    kill_daemon();
+    run({"/usr/bin/pkill", "-KILL", "-f", DAEMON});
     for (std::thread& writer : writers) writer.join();
-    ASSERT_TRUE(start_daemon());
+    ASSERT_TRUE(starts_again());
     std::uint64_t found[WRITERS] = {};
     for (const auto& row : log_rows<db_conn_server_log>(log_db::CONN_SERVER_LOG.query)) {
       EXPECT_EQ(row.uptime, found[row.vpn_type]++);  // none missing, none twice, in their order

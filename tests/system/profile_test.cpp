@@ -34,12 +34,10 @@ TEST_F(PptpProfile, IsAddedWithFileNotificationRegistrationAndRoute) {
       read(VPN_CONF),
       HasSubstr("\nDNS Server = \nDomain IP = 127.0.0.1\nEncryption = 2\nAuthentcation = 2\n"));
   EXPECT_EQ(mode_of(VPN_CONF), 0600U);
-  EXPECT_TRUE(recorded_soon("vpn_common.sh", 1) && recorded_soon("notify", 1));
-  EXPECT_THAT(recorded("vpn_common.sh"), ElementsAre("add_vpnclient_profile|ppp1001"));
-  EXPECT_THAT(
-      recorded("notify"),
-      ElementsAre("send|-A|A238|-C|C002|-M|0010|-l|info|-t|3|[{0}] Added the {1} profile: \"{2}\".|"
-                  "ORMEL Service|PPTP|of fice"));
+  EXPECT_THAT(recorded("vpn_common.sh", 1), ElementsAre("add_vpnclient_profile|ppp1001"));
+  EXPECT_THAT(recorded("notify", 1),
+              ElementsAre("send|-A|A238|-C|C002|-M|0010|-l|info|-t|3|[{0}] Added the {1} profile: "
+                          "\"{2}\".|ORMEL Service|PPTP|of fice"));
   EXPECT_THAT(bus("NetworkService", "external_dev.list", R"({"key":"PPTP_CLIENT1"})"),
               HasSubstr(R"("profile":"of%20fice")"));
 }
@@ -60,8 +58,7 @@ TEST_F(PptpProfile, ConnectsDisconnectsAndGoes) {
   write("/etc/config/ppp/peers/pptpclient1", "x");
   const Result connected = cli({"-T256", "--connect=1"});
   EXPECT_EQ(connected.status, 0);
-  EXPECT_THAT(connected.out, HasSubstr("Enable = 1\n"));
-  EXPECT_THAT(connected.out, HasSubstr("Status = 2\n"));
+  EXPECT_THAT(connected.out, AllOf(HasSubstr("Enable = 1\n"), HasSubstr("Status = 2\n")));
   EXPECT_EQ(conf_value("PPTP_CLIENT1", "Enable"), "TRUE");
   EXPECT_THAT(recorded("vpn_pptp_client.sh"), ElementsAre("start|1"));
   run({"/sbin/setcfg", "PPTP_CLIENT1", "LocalIP", "10.9.9.2", "-f", VPN_CONF});
@@ -73,9 +70,9 @@ TEST_F(PptpProfile, ConnectsDisconnectsAndGoes) {
   EXPECT_EQ(cli({"-T256", "--remove=1"}).status, 0);
   EXPECT_THAT(read(VPN_CONF), Not(HasSubstr("PPTP_CLIENT1")));
   EXPECT_FALSE(fs::exists("/etc/config/ppp/peers/pptpclient1"));
-  EXPECT_TRUE(recorded_soon("notify", 4) && recorded_soon("vpn_common.sh", 2));
+  EXPECT_EQ(recorded("vpn_common.sh", 2).size(), 2U);
   EXPECT_THAT(recorded("vpn_pptp_client.sh"), ElementsAre("start|1", "stop|1", "stop|1"));
-  EXPECT_THAT(recorded("notify"),
+  EXPECT_THAT(recorded("notify", 4),
               UnorderedElementsAre(HasSubstr("|0010|"), HasSubstr("C002|-M|0006|"),
                                    HasSubstr("C002|-M|0007|"), HasSubstr("C002|-M|0008|-l|warn|")));
   EXPECT_EQ(bus("NetworkService", "external_dev.list"), R"({"error":0,"data":{}})");
@@ -86,37 +83,33 @@ TEST_F(PptpProfile, IsNotStartedTwiceWhileItsDaemonLives) {
   run({"/sbin/setcfg", "PPTP_CLIENT1", "Enable", "TRUE", "-f", VPN_CONF});
   int hold[2];
   ASSERT_EQ(pipe(hold), 0);
-  const pid_t daemon = fork();
-  if (daemon == 0) {
-    // A shell that waits for input stands in for the daemon: what counts is its command line.
+  // A shell that waits for input stands in for the daemon: what counts is its command line.
+  auto daemon = std::make_unique<Child>([&] {
     dup2(hold[0], 0);
-    execl("/bin/sh", "/usr/lib/fenro/pppd-pptp", "-c", "read line", "call", "pptpclient1", nullptr);
-    _exit(127);
-  }
-  ASSERT_TRUE(comes_true([&] {
-    return read("/proc/" + std::to_string(daemon) + "/cmdline").find("call") != std::string::npos;
+    return execl("/bin/sh", "/usr/lib/fenro/pppd-pptp", "-c", "read line", "call", "pptpclient1",
+                 nullptr);
+  });
+  ASSERT_TRUE(comes_true([] {
+    return run({"/usr/bin/pgrep", "-f", "read line call pptpclient1"}).status == 0;
   }));
   fs::remove(CALLS);
   EXPECT_EQ(cli({"-T256", "--connect=1"}).status, 0);
   EXPECT_THAT(recorded("vpn_pptp_client.sh"), IsEmpty());
   EXPECT_THAT(recorded("notify"), IsEmpty());
-  ::kill(daemon, SIGKILL);
-  waitpid(daemon, nullptr, 0);
+  daemon.reset();
   EXPECT_EQ(cli({"-T256", "--connect=1"}).status, 0);
   EXPECT_THAT(recorded("vpn_pptp_client.sh"), ElementsAre("start|1"))
       << "it is on, but its daemon has died";
 }
 
 TEST_F(PptpProfile, FillsTheLowestSlotAndStopsAtThirtyTwo) {
-  write(VPN_CONF, [] {
-    std::string text;
-    for (int i = 1; i <= 32; ++i) {
-      if (i != 3)
-        text += "[PPTP_CLIENT" + std::to_string(i) +
-                "]\nIndex = 1\nProfile File = n\nServer Address = 127.0.0.1\n\n";
-    }
-    return text;
-  }());
+  std::string text;
+  for (int i = 1; i <= 32; ++i) {
+    if (i != 3)
+      text += "[PPTP_CLIENT" + std::to_string(i) +
+              "]\nIndex = 1\nProfile File = n\nServer Address = 127.0.0.1\n\n";
+  }
+  write(VPN_CONF, text);
   EXPECT_EQ(cli(ADD).status, 0);
   EXPECT_EQ(conf_value("PPTP_CLIENT3", "Profile File"), "of%20fice");
   EXPECT_EQ(conf_value("PPTP_CLIENT32", "Index"), "32") << "the section's own number counts";
@@ -154,15 +147,11 @@ TEST_F(PptpProfile, AnswersWithTheStatusOfTheTable) {
 }
 
 TEST_F(PptpProfile, TakesHostileTextWithoutHarm) {
-  const std::string huge(size_t{64} * 1024, 'x');
-  EXPECT_EQ(cli({"-T256", "-A", "--name=" + huge}).status, 1);
   EXPECT_EQ(cli({"-T256", "-A", "--name=" + std::string(600, 'n'), "--host=127.0.0.1",
                  "--user=[x]\t= \x01\xff%n$(id)"})
                 .status,
             0);
   EXPECT_EQ(conf_value("PPTP_CLIENT1", "Name"), "[x]\t= \x01\xff%n$(id)");
-  EXPECT_EQ(cli({"-T256", "-M1", "--user=a\nEnable = TRUE"}).status, 1);
-  EXPECT_EQ(conf_value("PPTP_CLIENT1", "Enable"), "FALSE");
   EXPECT_THAT(cli({"-T256", "-S1"}).out, HasSubstr("Name = [x]\t= \x01\xff%n$(id)\n"));
 }
 
@@ -170,26 +159,22 @@ class PptpServer : public ProfileHost {};
 
 TEST_F(PptpServer, RestartsWhenItIsEditedWhileOn) {
   EXPECT_EQ(cli({"-TSPPTP", "-M0", "--enable=1", "--ip_pool=10.7.0.0", "--mss=1200"}).status, 0);
-  EXPECT_TRUE(recorded_soon("vpn_pptp.sh", 2) && recorded_soon("vpn_common.sh", 1) &&
-              recorded_soon("notify", 2));
-  EXPECT_THAT(recorded("vpn_pptp.sh"), ElementsAre("stop", "start"));
-  EXPECT_THAT(recorded("vpn_common.sh"), ElementsAre("kick_all_connection|1|"));
-  EXPECT_THAT(recorded("notify"),
+  EXPECT_THAT(recorded("vpn_pptp.sh", 2), ElementsAre("stop", "start"));
+  EXPECT_THAT(recorded("vpn_common.sh", 1), ElementsAre("kick_all_connection|1|"));
+  EXPECT_THAT(recorded("notify", 2),
               UnorderedElementsAre(HasSubstr("C001|-M|0003|"), HasSubstr("C001|-M|0001|")));
   EXPECT_EQ(conf_value("PPTP", "Client IP 2"), "10.7.0.254");
   EXPECT_EQ(conf_value("L2TP", "MSS"), "1200") << "they share an interface";
   fs::remove(CALLS);
   const Result edited = cli({"-TSPPTP", "-M0", "--auth=PAP"});
   EXPECT_EQ(edited.out, "[PPTP]\nEnable = 1\nAuthentcation = 1\nMSS = 1200\n\n");
-  EXPECT_TRUE(recorded_soon("notify", 3));
-  EXPECT_THAT(recorded("notify"),
+  EXPECT_THAT(recorded("notify", 3),
               UnorderedElementsAre(HasSubstr("C001|-M|0003|"), HasSubstr("C003|-M|0014|"),
                                    HasSubstr("C003|-M|0016|")));
   fs::remove(CALLS);
   cli({"-TSPPTP", "-M0", "--enable=0"});
-  EXPECT_TRUE(recorded_soon("notify", 2));
   EXPECT_THAT(recorded("vpn_pptp.sh"), ElementsAre("stop"));
-  EXPECT_THAT(recorded("notify"),
+  EXPECT_THAT(recorded("notify", 2),
               UnorderedElementsAre(HasSubstr("C001|-M|0003|"), HasSubstr("C001|-M|0002|")));
 }
 

@@ -17,15 +17,10 @@ namespace {
 
 constexpr std::size_t MEBIBYTE = std::size_t{1} << 20U;
 
-// Several at once: not run(), whose files are shared.
 std::string curl(const std::string& route, const std::string& options) {
-  const std::string command =
-      "curl -ksS --max-time 120 -H Expect: https://localhost" + route + " " + options + " 2>&1";
-  std::string text;
-  std::FILE* const pipe = popen(command.c_str(), "r");
-  for (int c = std::getc(pipe); c != EOF; c = std::getc(pipe)) text += static_cast<char>(c);
-  pclose(pipe);
-  return text;
+  return piped("curl -ksS --max-time 120 -H Expect: https://localhost" + route + " " + options +
+               " 2>&1")
+      .out;
 }
 
 std::string status_of(const std::string& route, const std::string& options) {
@@ -37,9 +32,8 @@ std::vector<std::string> parallel(std::size_t count,
   std::vector<std::future<std::string>> running;
   for (std::size_t i = 0; i < count; ++i)
     running.push_back(std::async(std::launch::async, work, i));
-  std::vector<std::string> results(count);
-  std::transform(running.begin(), running.end(), results.begin(),
-                 [](auto& one) { return one.get(); });
+  std::vector<std::string> results;
+  for (auto& one : running) results.push_back(one.get());
   return results;
 }
 
@@ -54,13 +48,8 @@ class WebAttack : public WebHost {
   WebAttack() {
     std::signal(SIGPIPE, SIG_IGN);
     fs::remove_all("/run/fenro/login");
-    const std::string file = read("/var/lib/appliance/password.admin");
-    password = file.substr(0, file.find('\n'));
   }
-  std::string log_in(const std::string& options = "") const {
-    return curl("/fenro/login", options + " -d user=admin -d password=" + password);
-  }
-  std::string password;
+  const std::string password = password_of("admin");
 };
 
 class SlowClients : public WebAttack {};
@@ -77,11 +66,10 @@ TEST_F(SlowClients, KeepNobodyOutAndEnd) {
     }
   });
   for (const char* from : {"", "--interface 127.0.0.2"})
-    EXPECT_THAT(log_in(from), StartsWith(R"({"error":0)")) << "beside 64 that do not end";
-  const auto ended = [&] {
-    return std::none_of(slow.begin(), slow.end(),
-                        [](const TlsClient& client) { return client.is_open(); });
-  };
+    EXPECT_THAT(curl("/fenro/login", from + (" -d user=admin -d password=" + password)),
+                StartsWith(R"({"error":0)"))
+        << "beside 64 that do not end";
+  const auto ended = [&] { return std::ranges::none_of(slow, &TlsClient::is_open); };
   EXPECT_TRUE(comes_true(ended, 60)) << "however long they would go on";
   stop = true;
   drip.join();
@@ -95,10 +83,6 @@ TEST_F(Spool, TakesNoMoreThanItsShare) {
     statvfs("/run", &disk);
     return (disk.f_blocks - disk.f_bfree) * disk.f_frsize;
   };
-  const auto resident = [] {
-    const std::string text = run({"/usr/bin/ps", "-o", "rss=", "-C", "fenro-web-gate"}).out;
-    return text.empty() ? 0 : std::stoul(text) * 1024;
-  };
   const auto before = used();
   std::vector<TlsClient> greedy(60);
   for (TlsClient& client : greedy) {
@@ -107,10 +91,10 @@ TEST_F(Spool, TakesNoMoreThanItsShare) {
   }
   EXPECT_LT(used(), before + 8 * MEBIBYTE);
   if (!std::getenv("ASAN_OPTIONS")) {  // the sanitizer keeps freed memory for a while
-    EXPECT_LT(resident(), 128 * MEBIBYTE);
+    const std::string resident = run({"/usr/bin/ps", "-o", "rss=", "-C", "fenro-web-gate"}).out;
+    EXPECT_LT(std::stoul(resident) * 1024, 128 * MEBIBYTE);
   }
   EXPECT_THAT(curl(SHOW, "-d type=256 -d " + admin), HasSubstr("office1"));
-  RecordProperty("resident", std::to_string(resident()));
   write("/tmp/upload", std::string(MEBIBYTE, 'u'));
   EXPECT_THAT(curl("/ormel/config/check", "-F " + admin + " -F ovpn=@/tmp/upload"),
               HasSubstr(R"("error":23)"));
@@ -129,11 +113,12 @@ TEST_F(RequestLimits, LeaveTheWholeOfALargeFormToUploads) {
 }
 
 TEST_F(RequestLimits, RefuseFormsOfCountlessFieldsBeforeAProgramStarts) {
-  std::string fields, files;
+  std::string fields, files, few;
   for (int i = 0; i < 200000; ++i) fields += "&v" + std::to_string(i) + "=";
-  for (int i = 0; i < 20000; ++i) files += part("f" + std::to_string(i), "x", "x");
-  std::string few;
-  for (int i = 0; i < 100; ++i) few += part("f" + std::to_string(i), "x", "x");
+  for (int i = 0; i < 20000; ++i) {
+    files += part("f" + std::to_string(i), "x", "x");
+    if (i < 100) few = files;
+  }
   const std::string multipart =
       " -H 'Content-Type: multipart/form-data; boundary=edge' --data-binary @/tmp/form";
   write("/tmp/form", admin + fields.substr(0, 2 * MEBIBYTE - 100));
@@ -149,14 +134,6 @@ TEST_F(RequestLimits, RefuseFormsOfCountlessFieldsBeforeAProgramStarts) {
 
 class ParallelAdds : public WebAttack {};
 
-std::set<std::string> profiles() {
-  std::set<std::string> found;
-  std::ifstream in(VPN_CONF);
-  for (std::string line; std::getline(in, line);)
-    if (line.starts_with("[PPTP_CLIENT")) found.insert(line);
-  return found;
-}
-
 TEST_F(ParallelAdds, StoreWhatTheyAnswer) {
   const auto answers = parallel(64, [this](std::size_t i) {
     return curl("/ormel/config/add",
@@ -165,13 +142,17 @@ TEST_F(ParallelAdds, StoreWhatTheyAnswer) {
                     std::to_string(i));
   });
   const auto with = [&](const char* code) {
-    return static_cast<std::size_t>(std::count_if(
-        answers.begin(), answers.end(),
-        [code](const std::string& answer) { return answer.find(code) != std::string::npos; }));
+    return std::ranges::count_if(answers, [code](const std::string& answer) {
+      return answer.find(code) != std::string::npos;
+    });
   };
-  EXPECT_EQ(with(R"("error":0})"), 15U) << "sixteen of a user's own, of which one was there";
-  EXPECT_EQ(with(R"("error":43,)"), 49U);
-  EXPECT_EQ(profiles().size(), 16U);
+  EXPECT_EQ(with(R"("error":0})"), 15) << "sixteen of a user's own, of which one was there";
+  EXPECT_EQ(with(R"("error":43,)"), 49);
+  std::set<std::string> profiles;
+  std::ifstream in(VPN_CONF);
+  for (std::string line; std::getline(in, line);)
+    if (line.starts_with("[PPTP_CLIENT")) profiles.insert(line);
+  EXPECT_EQ(profiles.size(), 16U);
 }
 
 class ParallelTunnels : public WebAttack {};
@@ -201,15 +182,15 @@ TEST_F(ParallelTunnels, LetADisconnectWaitForTheConnectOfItsProfile) {
 
 TEST_F(ParallelTunnels, AreAllOnThatWereConnectedAtOnce) {
   record_calls("/etc/init.d/vpn_pptp_client.sh");
-  const std::vector<std::string> numbers{"1", "2", "3", "4", "5", "6"};
   std::string all;
-  for (const std::string& number : numbers) all += pptp_client(std::stoi(number));
+  for (int i = 1; i <= 6; ++i) all += pptp_client(i);
   write(VPN_CONF, all);
-  parallel(numbers.size(), [&](std::size_t i) {
-    return curl("/ormel/config/connect", "-d type=PPTP -d " + admin + " -d index=" + numbers[i]);
+  parallel(6, [&](std::size_t i) {
+    return curl("/ormel/config/connect",
+                "-d type=PPTP -d " + admin + " -d index=" + std::to_string(i + 1));
   });
-  for (const std::string& number : numbers)
-    EXPECT_EQ(conf_value("PPTP_CLIENT" + number, "Enable"), "TRUE") << number;
+  for (int i = 1; i <= 6; ++i)
+    EXPECT_EQ(conf_value("PPTP_CLIENT" + std::to_string(i), "Enable"), "TRUE") << i;
 }
 
 class LogArchive : public WebAttack {};

@@ -15,7 +15,6 @@ using namespace ormel::test;
 
 namespace {
 
-constexpr const char* LIST = "/ormel/connection/list";
 constexpr const char* KICK = "/ormel/connection/kick";
 constexpr const char* ONLINE_USERS = "/var/log/ormel_online_users";
 
@@ -26,41 +25,39 @@ std::string line(const std::string& interface, const std::string& source, const 
          " 1709769600 Ym9i\n";
 }
 
-json_int_t number_in(const std::string& body, size_t row, const char* member) {
+ormel::Json data_of(const std::string& body) {
   const ormel::Json root{json_loads(body.c_str(), 0, nullptr)};
-  const json_t* data = json_object_get(root.get(), "data");
-  return json_integer_value(json_object_get(json_array_get(data, row), member));
+  return ormel::Json{json_incref(json_object_get(root.get(), "data"))};
+}
+
+json_int_t number_in(const std::string& body, size_t row, const char* member) {
+  return json_integer_value(json_object_get(json_array_get(data_of(body).get(), row), member));
 }
 
 // In place of an OpenVPN server: its management port, with one client whose counters grow at each
 // question.
-void serve_management_port() {
-  const int listener = socket(AF_INET, SOCK_STREAM, 0);
+int serve_management_port() {
+  const ormel::Fd listener{socket(AF_INET, SOCK_STREAM, 0)};
   const int on = 1;
-  sockaddr_in place{};
-  place.sin_family = AF_INET;
-  place.sin_port = htons(7505);
-  place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  if (bind(listener, reinterpret_cast<sockaddr*>(&place), sizeof place) != 0 ||
-      listen(listener, 8) != 0)
-    return;
+  sockaddr_in place{AF_INET, htons(7505), {htonl(INADDR_LOOPBACK)}, {}};
+  setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (bind(listener.get(), reinterpret_cast<sockaddr*>(&place), sizeof place) != 0 ||
+      listen(listener.get(), 8) != 0)
+    return 1;
   for (unsigned long bytes = 1'000'000;; bytes += 1'000'000) {
-    const int client = accept(listener, nullptr, nullptr);
+    const ormel::Fd client{accept(listener.get(), nullptr, nullptr)};
     char question[64] = "";
     // Like the real one it sends nothing any more to a caller that has already said "quit".
-    if (recv(client, question, sizeof question - 1, 0) <= 0 ||
+    if (recv(client.get(), question, sizeof question - 1, 0) <= 0 ||
         std::string(question) != "status 3\n")
-      return;
+      return 1;
     const std::string answer =
         ">INFO:OpenVPN Management Interface Version 5 -- type 'help' for more info\r\n"
-        "HEADER\tCLIENT_LIST\tCommon Name\tReal "
-        "Address\r\nCLIENT_LIST\tbob\t10.0.0.5:51000\t10.8.0.2\t\t" +
-        std::to_string(bytes) + '\t' + std::to_string(2 * bytes) +
-        "\tnow\r\nCLIENT_LIST\tcut\t10.0.0.6:1\r\nEND\r\n";
-    send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
-    while (recv(client, question, sizeof question, 0) > 0) continue;  // it is the caller who closes
-    close(client);
+        "HEADER\tCLIENT_LIST\tCommon Name\tReal Address\r\n"
+        "CLIENT_LIST\tbob\t10.0.0.5:51000\t10.8.0.2\t\t" +
+        std::to_string(bytes) + '\t' + std::to_string(2 * bytes) + "\tnow\r\nEND\r\n";
+    send(client.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
+    while (recv(client.get(), question, sizeof question, 0) > 0) continue;  // the caller closes
   }
 }
 
@@ -70,57 +67,44 @@ class ConnectionList : public WebHost {
     WebHost::SetUp();
     fs::remove(ONLINE_USERS);
   }
-  [[nodiscard]] WebReply list() const { return cgi(LIST, admin); }
+  [[nodiscard]] WebReply list() const { return cgi("/ormel/connection/list", admin); }
 };
 
 TEST_F(ConnectionList, ShowsEachLineInOrderWithItsCounters) {
   EXPECT_EQ(list().body, R"({"data":[],"error":0,"total":0})") << "without its file";
-  const pid_t management = fork();
-  if (management == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    serve_management_port();
-    _exit(0);
-  }
+  const Child management(serve_management_port);
   write(ONLINE_USERS, line("lo", "10.0.0.9", "4321", 1) + line("x", "10.0.0.5", "51000", 4) +
                           line("gone0", "10.0.0.8", "77", 2) +
                           "AA:BB\t10.0.0.7  7 - 10.6.0.2 16 1709769600 YW15   Amy's \"phone\" \n");
   const std::string first = list().body;
-  EXPECT_THAT(first, HasSubstr(R"("login":"2024/03/07 00:00:00","name":"bob","rx_rate":)"));
-  EXPECT_THAT(first, HasSubstr(R"("source_ip":"10.0.0.5","target":"10.0.0.5:51000",)"));
-  EXPECT_THAT(first,
-              HasSubstr(R"("rx_rate":0,"rx_total":0,"source_ip":"10.0.0.8","target":"gone0")"));
-  EXPECT_THAT(first,
-              HasSubstr(R"({"allocate_ip":"10.6.0.2","device_info":"Amy's \"phone\" ","login")"));
-  EXPECT_THAT(
-      first,
-      HasSubstr(R"("source_ip":"10.0.0.7","target":"AA:BB","tx_rate":0,"tx_total":0,"type":16,)"));
-  EXPECT_THAT(first, HasSubstr(R"(}],"error":0,"total":4})"));
+  for (const char* text :
+       {R"("login":"2024/03/07 00:00:00","name":"bob","rx_rate":)",
+        R"("source_ip":"10.0.0.5","target":"10.0.0.5:51000",)",
+        R"("rx_rate":0,"rx_total":0,"source_ip":"10.0.0.8","target":"gone0")",
+        R"({"allocate_ip":"10.6.0.2","device_info":"Amy's \"phone\" ","login")",
+        R"("source_ip":"10.0.0.7","target":"AA:BB","tx_rate":0,"tx_total":0,"type":16,)",
+        R"(}],"error":0,"total":4})"})
+    EXPECT_THAT(first, HasSubstr(text));
   EXPECT_NEAR(static_cast<double>(number_in(first, 0, "uptime")),
               static_cast<double>(std::time(nullptr) - 1709769600), 60);
   std::string later;
   EXPECT_TRUE(comes_true([&] {
     later = list().body;
     return number_in(later, 1, "rx_rate") > 0 && number_in(later, 0, "rx_rate") > 0;
-  }));
-  EXPECT_GT(number_in(later, 0, "tx_total"), number_in(first, 0, "tx_total"))
-      << "the management port is on lo";
+  })) << "the management port is on lo";
+  EXPECT_GT(number_in(later, 0, "tx_total"), number_in(first, 0, "tx_total"));
   EXPECT_GT(number_in(later, 1, "rx_total"), number_in(first, 1, "rx_total"));
   EXPECT_EQ(number_in(later, 1, "tx_total"), 2 * number_in(later, 1, "rx_total"));
-  ::kill(management, SIGKILL);
-  waitpid(management, nullptr, 0);
 }
 
 TEST_F(ConnectionList, SkipsWhatIsNoConnection) {
   const std::string good = line("ppp9", "10.0.0.9", "1", 1);
-  const std::tuple<const char*, std::string, int> rows[] = {
+  const std::tuple<const char*, std::string, size_t> rows[] = {
       {"a cut off line", "ppp0 10.0.0.1 4321 10.1.0.1 10.1.0.2 1 17097", 0},
-      {"an empty line", "\n\n  \t\n", 0},
       {"a malformed number", line("ppp0", "10.0.0.1", "12x", 1), 0},
       {"a number that is too large", line("ppp0", "10.0.0.1", "4294967296", 1), 0},
       {"zero bytes after a crash", std::string(4096, '\0'), 0},
-      {"a line without end", std::string(2 << 20, 'x'), 0},
-      {"a line of a huge field", "ppp0 " + std::string(100'000, 'y') + " 1 a b 1 1709769600 Ym9i\n",
-       0},
+      {"a huge field", "ppp0 " + std::string(100'000, 'y') + " 1 a b 1 1709769600 Ym9i\n", 0},
       {"a name that is no base64", "ppp0 a 1 b c 1 1709769600 %%%\n", 1},
       {"a name that is no UTF-8", "ppp0 a 1 b c 1 1709769600 //79\n", 1},
       {"a time far ahead", "ppp0 a 1 b c 1 9223372036854775807 Ym9i\n", 1},
@@ -131,9 +115,7 @@ TEST_F(ConnectionList, SkipsWhatIsNoConnection) {
     SCOPED_TRACE(what);
     write(ONLINE_USERS, good + line);
     const WebReply reply = list();
-    const ormel::Json root{json_loads(reply.body.c_str(), 0, nullptr)};
-    EXPECT_EQ(json_array_size(json_object_get(root.get(), "data")), 1U + static_cast<size_t>(shown))
-        << reply.body;
+    EXPECT_EQ(json_array_size(data_of(reply.body).get()), 1U + shown) << reply.body;
     EXPECT_THAT(reply.body, HasSubstr("\"target\":\"ppp9\""));
     EXPECT_THAT(reply.body, HasSubstr("\"total\":" + std::to_string(1 + shown)));
   }
@@ -161,7 +143,6 @@ TEST_F(ConnectionCounters, AreZeroWhereTheAnswerIsNone) {
       {R"({"error":"0","data":[)" + good + "]}", zeros, "val isn't an integer. "},
       {R"({"error":0,"data":{}})", zeros, "data isn't an array. "},
       {R"({"error":0,"data":[[]]})", zeros, "val isn't an object. "},
-      {"[]", zeros, "root isn't an object. "},
       {R"({"error":0,"data":[)", zeros, "root isn't an object. 1: "},
       {"", zeros, "root isn't an object. "},
   };
@@ -205,8 +186,7 @@ TEST_F(ConnectionKick, ThrowsOutWhomItNames) {
     SCOPED_TRACE(query);
     fs::remove(CALLS);
     EXPECT_EQ(kick(query).body, R"({"error":0})");
-    EXPECT_TRUE(recorded_soon("vpn_common.sh", calls.size()));
-    EXPECT_THAT(recorded("vpn_common.sh"), testing::UnorderedElementsAreArray(calls));
+    EXPECT_THAT(recorded("vpn_common.sh", calls.size()), testing::UnorderedElementsAreArray(calls));
   }
   fs::remove(ONLINE_USERS);
   EXPECT_EQ(kick("&conn=1|ppp0").body, R"({"error":0})");
@@ -223,8 +203,8 @@ TEST_F(ConnectionKick, EndsWithWhatTheTunnelsOwnDaemonReports) {
         "MorviServer", "/usr/lib/fenro/morvid", {"disconnect"}, std::string(answer)};
     EXPECT_EQ(kick("&conn=16|AA:BB&conn=1|ppp0").status, code);
     EXPECT_THAT(recorded("disconnect"), ElementsAre(R"({"mac":"AA:BB"})"));
-    EXPECT_TRUE(code != 0 || recorded_soon("vpn_common.sh", 1)) << "goes on after a success";
-    EXPECT_EQ(recorded("vpn_common.sh").size(), code == 0 ? 1U : 0U);
+    const size_t more = code == 0 ? 1 : 0;
+    EXPECT_EQ(recorded("vpn_common.sh", more).size(), more) << "goes on after a success";
   }
   EXPECT_EQ(kick("&conn=16|AA:BB").status, 47) << "nobody serves any more";
 }
@@ -234,8 +214,7 @@ TEST_F(ConnectionKick, TakesTenThousandNames) {
   for (int i = 0; i < 10'000; ++i) body += "conn=1|ppp" + std::to_string(1000 + i) + '&';
   body += "conn=2|ppp1";
   EXPECT_EQ(cgi(KICK, admin, {"CONTENT_LENGTH=1"}, body).body, R"({"error":0})");
-  EXPECT_TRUE(recorded_soon("vpn_common.sh", 1));
-  EXPECT_THAT(recorded("vpn_common.sh"), ElementsAre("kick_one_connection|2|4322"));
+  EXPECT_THAT(recorded("vpn_common.sh", 1), ElementsAre("kick_one_connection|2|4322"));
 }
 
 class MobileDevice : public WebHost {
@@ -284,25 +263,26 @@ class ProviderList : public WebHost {
   static void SetUpTestSuite() {
     for (const char* folder : {FOLDER, "/var/lib/nginx", "/var/log/nginx"})
       fs::create_directories(folder);
-    const std::string folder = FOLDER, key = folder + "/key.pem",
-                      certificate = folder + "/cert.pem";
-    run({"/usr/bin/openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
-         "-nodes", "-days", "2", "-subj", "/CN=provider", "-addext",
-         "subjectAltName=DNS:vpn-provider.example", "-keyout", key, "-out", certificate});
-    std::ofstream("/etc/hosts", std::ios::app) << "127.0.0.1 vpn-provider.example\n";
-    const std::string trusted = read("/etc/ssl/certs/ca-certificates.crt");
-    fs::remove("/etc/ssl/certs/ca-certificates.crt");  // a link to the host's, perhaps
-    write("/etc/ssl/certs/ca-certificates.crt", trusted + read(certificate), 0644);
-    write(folder + "/nginx.conf",
-          "user root;\npid /tmp/provider/pid;\nerror_log /tmp/provider/error;\nevents {}\nhttp {\n"
-          "log_format headers "
-          "'$http_username|$http_password|$http_accept|$http_user_agent|$http_x_gf_product|"
-          "$http_x_gf_platform|$http_x_gf_product_version|$request';\n"
-          "server {\nlisten 127.0.0.1:443 ssl;\nssl_certificate cert.pem;\nssl_certificate_key "
-          "key.pem;\n"
-          "access_log /tmp/provider/access headers;\nroot /tmp/provider;\n"
-          "if ($http_password = \"wrong\") { return 401; }\n}\n}\n");
-    run({"/usr/sbin/nginx", "-c", folder + "/nginx.conf"});
+    shell(R"(cd /tmp/provider
+        openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 \
+          -subj /CN=provider -addext subjectAltName=DNS:vpn-provider.example \
+          -keyout key.pem -out cert.pem
+        echo 127.0.0.1 vpn-provider.example >>/etc/hosts
+        cat /etc/ssl/certs/ca-certificates.crt cert.pem >trusted
+        rm /etc/ssl/certs/ca-certificates.crt # a link to the host's, perhaps
+        install -m 0644 trusted /etc/ssl/certs/ca-certificates.crt)");
+    write(std::string(FOLDER) + "/nginx.conf", R"(
+        user root; pid /tmp/provider/pid; error_log /tmp/provider/error; events {}
+        http {
+          log_format headers '$http_username|$http_password|$http_accept|$http_user_agent|'
+            '$http_x_gf_product|$http_x_gf_platform|$http_x_gf_product_version|$request';
+          server {
+            listen 127.0.0.1:443 ssl; ssl_certificate cert.pem; ssl_certificate_key key.pem;
+            access_log /tmp/provider/access headers; root /tmp/provider;
+            if ($http_password = "wrong") { return 401; }
+          }
+        })");
+    run({"/usr/sbin/nginx", "-c", "/tmp/provider/nginx.conf"});
   }
   static void TearDownTestSuite() { run({"/usr/bin/pkill", "-f", "/tmp/provider/nginx.conf"}); }
   void SetUp() override {
@@ -326,9 +306,8 @@ TEST_F(ProviderList, ShowsServersAndPortsOfAnAccount) {
   EXPECT_EQ(ask("&username=amy&password=p%25s").body, expected);
   EXPECT_EQ(ask("&type=PPTP&index=1").body, expected);
   const std::string fixed = "|-|-|VyprVPN|VyprVPN SDK/vantri|0.20161031.11705|GET /settings HTTP/";
-  EXPECT_THAT(read(std::string(FOLDER) + "/access"), HasSubstr("amy|p%s" + fixed));
-  EXPECT_THAT(read(std::string(FOLDER) + "/access"), HasSubstr("bob|p1" + fixed))
-      << "of the stored profile";
+  for (const char* account : {"amy|p%s", "bob|p1"})  // of the request, of the stored profile
+    EXPECT_THAT(read(std::string(FOLDER) + "/access"), HasSubstr(account + fixed));
   settings(R"({"vpn":{"locations":"none"}})");
   EXPECT_EQ(ask("&username=a&password=b").body,
             R"({"data":{"servers":"none","openvpn":null},"error":0})");
@@ -337,8 +316,8 @@ TEST_F(ProviderList, ShowsServersAndPortsOfAnAccount) {
 TEST_F(ProviderList, RefusesInOrder) {
   settings("<html>");
   const std::pair<std::string, std::vector<const char*>> rows[] = {
-      {refusal(36, "miss option"), {"", "&username=a", "&username=&password=b"}},
-      {refusal(3, "wrong type"), {"&type=DROVIK&index=1", "&type=4&index=1", "&type=x&index=1"}},
+      {refusal(36, "miss option"), {"&username=a", "&username=&password=b"}},
+      {refusal(3, "wrong type"), {"&type=DROVIK&index=1", "&type=4&index=1"}},
       {refusal(30, "no such config"), {"&type=256", "&type=1024&index=1"}},
       {refusal(45, "cannot access"),
        {"&username=a&password=b", "&username=a&password=wrong",

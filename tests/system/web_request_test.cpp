@@ -20,14 +20,11 @@ TEST_F(WebForm, ReadsTheSameFromAddressBodyAndParts) {
   const std::string parts =
       part("sid", sid) + part("note", std::string(5000, '\r')) + part("type", "256") + "--edge--";
   const std::string form = admin + "&type=256";
-  EXPECT_EQ(cgi(SHOW, "", {"CONTENT_LENGTH=1"}, form).body, expected);
+  EXPECT_EQ(cgi(SHOW, "", {"CONTENT_LENGTH=1"}, form).body, expected) << "not the real length";
+  EXPECT_EQ(cgi(SHOW, "", {}, form).body, NO_SESSION) << "without a length there is no body";
   EXPECT_EQ(cgi(SHOW, admin + "&type=1", {"CONTENT_LENGTH=1"}, "type=256").body, expected)
       << "the body overrides";
   EXPECT_EQ(cgi(SHOW, "", {"CONTENT_LENGTH=1", MULTIPART}, parts).body, expected);
-  EXPECT_EQ(cgi(SHOW, "",
-                {"CONTENT_LENGTH=1", "CONTENT_TYPE=multipart/form-data; boundary=\"edge\""}, parts)
-                .body,
-            expected);
   EXPECT_EQ(https(SHOW, {"-F", admin, "-F", "type=256"}).body, expected);
   EXPECT_EQ(https(SHOW, {"-F", admin, "-F", "file=@/etc/passwd", "-F", "type=256"}).body, expected);
   for (const char* version : {"--http1.1", "--http2"})
@@ -36,27 +33,13 @@ TEST_F(WebForm, ReadsTheSameFromAddressBodyAndParts) {
   EXPECT_EQ(uploads(), 0U);
 }
 
-TEST_F(WebForm, DoesNotBelieveTheAnnouncedLength) {
-  const std::string form = admin + "&type=256";
-  for (const char* length : {"0", "-1", "x", "", "5", "99999999999999999999"}) {
-    EXPECT_THAT(cgi(SHOW, "", {std::string("CONTENT_LENGTH=") + length}, form).body,
-                HasSubstr("office1"))
-        << length;
-  }
-  EXPECT_EQ(cgi(SHOW, "", {}, form).body, NO_SESSION) << "without one there is no body";
-}
-
 TEST_F(WebForm, EndsWhateverTheBodyHolds) {
   const std::string nuls(1 << 20, '\0');
-  const std::string header =
-      "--edge\r\nContent-Disposition: form-data; name=\"" + std::string(4096, 'n') + "\"\r\n\r\n";
   const std::pair<Environment, std::string> rows[] = {
       {{}, nuls},
-      {{}, std::string(1 << 20, '&')},
       {{}, std::string(1 << 20, '[')},
       {{}, "a=" + std::string(4 << 20, '%')},
       {{MULTIPART}, nuls},
-      {{MULTIPART}, header + "x\r\n--edge--"},
       {{MULTIPART}, std::string("--edge\r\n") + std::string(1 << 20, 'a')},
       {{"CONTENT_TYPE=multipart/form-data; boundary="}, "--\r\n"},
       {{"CONTENT_TYPE=boundary=" + std::string(60000, '-')}, std::string(1 << 20, '-')},
@@ -155,19 +138,20 @@ class WebSession : public WebHost {};
 TEST_F(WebSession, IsNothingButItsEightCharacters) {
   const std::string sid = admin.substr(4);
   const std::string file = "/run/fenro/sessions/" + sid;
-  fs::copy(file, "/run/fenro/sessions/" + sid + "x");
-  fs::copy(file, "/run/fenro/sessions/" + sid.substr(1));
+  fs::copy(file, file + "x");
   write("/etc/sid.conf", read(file));
   std::string other_case = sid;
   for (char& c : other_case)
     c = static_cast<char>(std::isupper(c) != 0 ? std::tolower(c) : std::toupper(c));
-  for (const std::string& text :
-       {std::string(), sid.substr(1), sid + "x", sid + sid, sid + "%20", "%20" + sid, other_case,
-        std::string(8, '/'), std::string("%ff%ff%ff%ff%ff%ff%ff%ff"), std::string("........"),
-        std::string("%00") + sid, "../sessions/" + sid,
-        std::string("..%2f..%2f..%2fetc%2fsid.conf"), std::string(100000, 'a')}) {
+  const std::string texts[] = {"",
+                               sid + "x",
+                               "%20" + sid,
+                               "%00" + sid,
+                               other_case,
+                               "..%2f..%2f..%2fetc%2fsid.conf",
+                               std::string(100000, 'a')};
+  for (const std::string& text : texts)
     EXPECT_EQ(cgi(SHOW, "type=256&sid=" + text).body, NO_SESSION) << text.substr(0, 40);
-  }
   EXPECT_THAT(cgi(SHOW, "type=256&sid=" + sid).body, HasSubstr("office1"));
 }
 
@@ -200,17 +184,10 @@ TEST_F(WebProcess, GivesItsProgramsNothingOfTheClient) {
   EXPECT_EQ(cgi("/ormel/config/connect", admin + "&type=PPTP&index=1&x=secret", secrets).status, 0);
   EXPECT_EQ(cgi("/ormel/config/remove", admin + "&type=PPTP&index=1&x=secret", secrets).status, 0);
   fs::rename("/usr/sbin/getcfg.real", "/usr/sbin/getcfg");
-  const auto programs = [] {
-    size_t count = 0;
-    const std::string text = read("/tmp/environments");
-    for (size_t at = 0; (at = text.find("harmless", at)) != std::string::npos; ++at) ++count;
-    return count;
-  };
-  EXPECT_TRUE(comes_true([&] { return programs() >= 5; }))
+  EXPECT_TRUE(comes_true([] { return occurrences(read("/tmp/environments"), "harmless") >= 5; }))
       << "getcfg, start; getcfg, stop, and the route's removal";
   const std::string environments = read("/tmp/environments");
-  EXPECT_THAT(environments, Not(HasSubstr("secret")));
-  EXPECT_THAT(environments, Not(HasSubstr(admin)));
+  EXPECT_THAT(environments, AllOf(Not(HasSubstr("secret")), Not(HasSubstr(admin))));
 }
 
 constexpr size_t ROTATE_SIZE = 2097152;
@@ -218,14 +195,12 @@ constexpr size_t ROTATE_SIZE = 2097152;
 class WebLog : public WebHost {
  protected:
   void TearDown() override { fs::remove(PACKAGE); }
-  static size_t logged(const std::string& path) {
-    return fs::exists(path) ? fs::file_size(path) : 0;
-  }
+  static size_t logged(const std::string& end = "") { return read(LOG + end).size(); }
   // A log that one request fills up to `size` bytes.
   void fill(size_t size) const {
     for (int i = 0; i <= 6; ++i) fs::remove(LOG + (i == 0 ? "" : '.' + std::to_string(i)));
     cgi(SHOW, admin + "&type=256");
-    write(LOG, std::string(size - logged(LOG), '.'));
+    write(LOG, std::string(size - logged(), '.'));
   }
   static constexpr const char* PACKAGE = "/etc/config/pakrix.conf";
 };
@@ -234,14 +209,14 @@ TEST_F(WebLog, RotatesAtTwoMebibytesOnce) {
   for (const bool full : {false, true}) {
     const size_t size = ROTATE_SIZE - (full ? 0 : 1);
     size_t reached = 0;
-    for (int i = 0; i < 3 && reached != size;
-         ++i) {  // again when the process number grew by a digit
+    // Again when the process number grew by a digit.
+    for (int i = 0; i < 3 && reached != size; ++i) {
       fill(size);
       EXPECT_EQ(cgi(SHOW, admin + "&type=256").status, 0);
-      reached = logged(LOG) + logged(LOG + std::string(".1"));
+      reached = logged() + logged(".1");
     }
     EXPECT_EQ(reached, size);
-    EXPECT_EQ(logged(LOG + std::string(".1")), full ? size : 0);
+    EXPECT_EQ(logged(".1"), full ? size : 0);
     EXPECT_EQ(fs::exists(LOG + std::string(".1")), full);
   }
   EXPECT_FALSE(fs::exists(LOG + std::string(".tmp")));

@@ -93,26 +93,23 @@ void expect_faults(const std::string& profile, const std::string& section,
   }
 }
 
-size_t refused_logins() {
-  const auto rows = log_rows<db_conn_server_log>(log_db::CONN_SERVER_LOG.query);
-  return static_cast<size_t>(std::count_if(
-      rows.begin(), rows.end(), [](const db_conn_server_log& row) { return row.action == 1; }));
+std::ptrdiff_t refused_logins() {
+  return std::ranges::count(log_rows<db_conn_server_log>(log_db::CONN_SERVER_LOG.query), 1,
+                            &db_conn_server_log::action);
 }
 
 class WhyDrovik : public testing::Test {
  protected:
   void SetUp() override {
     if (!has_tun()) GTEST_SKIP() << "no tunnel without the TUN device /dev/net/tun";
-    near_shell(
-        "printf 'team key\\n' >/tmp/psk; ormelctl server set drovik --psk-file /tmp/psk --port "
-        "4443 --yes;"
-        "ormelctl server on drovik; ormelctl user grant guest drovik openvpn");
+    near_shell(R"(printf 'team key\n' >/tmp/psk
+        ormelctl server set drovik --psk-file /tmp/psk --port 4443 --yes
+        ormelctl server on drovik
+        ormelctl user grant guest drovik openvpn)");
     far::write("/tmp/pass", read("/var/lib/appliance/password.guest"));
-    far_shell(
-        "printf 'team key\\n' >/tmp/psk; printf 'wrong\\n' >/tmp/wrong;"
-        "ormelctl profile add drovik --name office --host 192.168.77.1 --port 4443 --user guest "
-        "--pass-file /tmp/pass"
-        " --psk-file /tmp/psk");
+    far_shell(R"(printf 'team key\n' >/tmp/psk; printf 'wrong\n' >/tmp/wrong
+        ormelctl profile add drovik --name office --host 192.168.77.1 --port 4443 --user guest \
+          --pass-file /tmp/pass --psk-file /tmp/psk)");
   }
   void TearDown() override {
     far::run({CTL, "profile", "rm", "office", "--yes"});
@@ -121,7 +118,7 @@ class WhyDrovik : public testing::Test {
 };
 
 TEST_F(WhyDrovik, SaysWhatAClientMeetsAndForgetsItOnceMended) {
-  const size_t before = refused_logins();
+  const auto before = refused_logins();
   expect_faults(
       "office", "DROVIK_CLIENT1",
       {
@@ -131,8 +128,8 @@ TEST_F(WhyDrovik, SaysWhatAClientMeetsAndForgetsItOnceMended) {
           {"wrong pre-shared key", "ormelctl profile set office --psk-file /tmp/wrong --yes",
            "ormelctl profile set office --psk-file /tmp/psk --yes", "failed", "psk-wrong", "9"},
           {"name unknown",
-           "setcfg DROVIK_CLIENT1 'Domain IP' '' -f /etc/config/vpn.conf;"
-           "setcfg DROVIK_CLIENT1 'Server Address' nowhere.invalid -f /etc/config/vpn.conf",
+           "setcfg DROVIK_CLIENT1 'Domain IP' '' -f /etc/config/vpn.conf; setcfg DROVIK_CLIENT1 "
+           "'Server Address' nowhere.invalid -f /etc/config/vpn.conf",
            "ormelctl profile set office --host 192.168.77.1 --yes", "retrying", "name-not-found",
            "84"},
       });
@@ -140,11 +137,12 @@ TEST_F(WhyDrovik, SaysWhatAClientMeetsAndForgetsItOnceMended) {
 }
 
 TEST_F(WhyDrovik, NamesTheHolderOfAServersPort) {
-  near_shell(
-      "ormelctl server off drovik --yes;"
-      "setsid -f python3 -c 'import socket, time\ns = socket.socket(socket.AF_INET, "
-      "socket.SOCK_DGRAM)\n"
-      "s.bind((\"0.0.0.0\", 4443))\nopen(\"/tmp/held\", \"w\")\ntime.sleep(600)' >/dev/null 2>&1");
+  near_shell(R"(ormelctl server off drovik --yes
+setsid -f python3 -c 'import socket, time
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind(("0.0.0.0", 4443))
+open("/tmp/held", "w")
+time.sleep(600)' >/dev/null 2>&1)");
   ASSERT_TRUE(comes_true([] { return fs::exists("/tmp/held"); }));
 
   const Result on = run({CTL, "server", "on", "drovik"});
@@ -161,9 +159,8 @@ TEST_F(WhyDrovik, NamesTheHolderOfAServersPort) {
 TEST(WhyPptp, SaysWhatTheKernelLacks) {
   if (read("/proc/devices").find(" ppp\n") != std::string::npos)
     GTEST_SKIP() << "this kernel has PPP";
-  near_shell(
-      "printf 'x\\n' >/tmp/pass; ormelctl profile add pptp --name old --host 192.0.2.1 --user a "
-      "--pass-file /tmp/pass");
+  near_shell(R"(printf 'x\n' >/tmp/pass
+      ormelctl profile add pptp --name old --host 192.0.2.1 --user a --pass-file /tmp/pass)");
 
   const Result up = run({CTL, "profile", "up", "old", "--wait", "20"});
 
@@ -178,32 +175,29 @@ TEST(WhyPptp, SaysWhatTheKernelLacks) {
 
 TEST(WhyWireGuard, CountsAsUpOnlyWithAPeer) {
   if (!has_tun()) GTEST_SKIP() << "no WireGuard without the TUN device /dev/net/tun";
-  near_shell(
-      "ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820 --yes; ormelctl "
-      "server on wireguard");
+  near_shell(R"(ormelctl server set wireguard --name hub --address 198.18.7.1 --port 51820 --yes
+      ormelctl server on wireguard)");
   const std::string key = run({"/usr/bin/wg", "genkey"}).out;
   far::write("/tmp/key", key);
   write("/tmp/public", run({"/usr/bin/wg", "pubkey"}, {}, key).out);
-  near_shell(
-      "ormelctl peer add device --address 198.18.7.2 --key \"$(cat /tmp/public)\" --host "
-      "192.168.77.1");
+  near_shell(R"sh(ormelctl peer add device --address 198.18.7.2 --host 192.168.77.1 \
+      --key "$(cat /tmp/public)")sh");
   far::write("/tmp/hub", conf_value("WG", "Server public key"));
-  far_shell(
-      "ormelctl profile add wireguard --name hub --address 198.18.7.2 --peer-key \"$(cat "
-      "/tmp/hub)\""
-      " --endpoint 192.168.77.1:51820 --allowed 198.18.7.0/24 --private-key-file /tmp/key");
-  expect_faults("hub", "WG_CLIENT1",
-                {
-                    {"wrong key of the peer",
-                     "ormelctl profile set hub --peer-key \"$(wg genkey | wg pubkey)\" --yes",
-                     "ormelctl profile set hub --peer-key \"$(cat /tmp/hub)\" --yes", "no-peer",
-                     "no-handshake", "85"},
-                    {"address in use",
-                     "ip address add 198.18.7.2/32 dev lo; setcfg WG_CLIENT1 Enable TRUE -f "
-                     "/etc/config/vpn.conf;"
-                     "/etc/init.d/vpn_wireguard_client.sh start 1 2>/dev/null || :",
-                     "ip address del 198.18.7.2/32 dev lo", "failed", "address-conflict", "44"},
-                });
+  far_shell(R"sh(ormelctl profile add wireguard --name hub --address 198.18.7.2 \
+      --peer-key "$(cat /tmp/hub)" --endpoint 192.168.77.1:51820 --allowed 198.18.7.0/24 \
+      --private-key-file /tmp/key)sh");
+  expect_faults(
+      "hub", "WG_CLIENT1",
+      {
+          {"wrong key of the peer",
+           R"sh(ormelctl profile set hub --peer-key "$(wg genkey | wg pubkey)" --yes)sh",
+           R"sh(ormelctl profile set hub --peer-key "$(cat /tmp/hub)" --yes)sh", "no-peer",
+           "no-handshake", "85"},
+          {"address in use",
+           "ip address add 198.18.7.2/32 dev lo; setcfg WG_CLIENT1 Enable TRUE -f "
+           "/etc/config/vpn.conf; /etc/init.d/vpn_wireguard_client.sh start 1 2>/dev/null || :",
+           "ip address del 198.18.7.2/32 dev lo", "failed", "address-conflict", "44"},
+      });
   far_shell("ormelctl profile down hub");
   near_shell("ormelctl server off wireguard --yes");
 }
@@ -212,16 +206,14 @@ class WhyOpenVpn : public testing::Test {
  protected:
   void SetUp() override {
     if (!has_tun()) GTEST_SKIP() << "no tunnel without the TUN device /dev/net/tun";
-    near_shell(
-        "/etc/init.d/vpn_common.sh setup_vpn_entrance; ormelctl server on openvpn; ormelctl user "
-        "grant guest openvpn; "
-        "ormelctl profile export >/tmp/far.ovpn");
+    near_shell(R"(/etc/init.d/vpn_common.sh setup_vpn_entrance
+        ormelctl server on openvpn
+        ormelctl user grant guest openvpn
+        ormelctl profile export >/tmp/far.ovpn)");
     far::write("/tmp/far.ovpn", read("/tmp/far.ovpn"));
     far::write("/tmp/pass", read("/var/lib/appliance/password.guest"));
-    far_shell(
-        "ormelctl profile import /tmp/far.ovpn --name far --user guest --pass-file /tmp/pass "
-        "--yes; printf 'wrong\\n' "
-        ">/tmp/wrong");
+    far_shell(R"(printf 'wrong\n' >/tmp/wrong
+        ormelctl profile import /tmp/far.ovpn --name far --user guest --pass-file /tmp/pass --yes)");
   }
   void TearDown() override {
     far::run({CTL, "profile", "rm", "far", "--yes"});
@@ -242,15 +234,16 @@ printf '#!/bin/bash\n(exec -a ormel.cauth /usr/sbin/cauth.real "$@")\nsleep 4\n'
 chmod 0755 /usr/sbin/ormel.cauth)";
 
 TEST_F(WhyOpenVpn, SaysWhatAClientMeetsAndForgetsItOnceMended) {
-  const size_t before = refused_logins();
+  // What the daemon reads, as it was before the fault.
+  constexpr const char* CURE = "cp /tmp/good /etc/config/openvpn/clients/client1";
+  const auto before = refused_logins();
   far_shell("openvpn --genkey secret /tmp/other.psk");
   expect_faults(
       "far", "OPENVPN_CLIENT1",
       {
           {"wrong password", "ormelctl profile set far --pass-file /tmp/wrong --yes",
            "ormelctl profile set far --pass-file /tmp/pass --yes", "failed", "login-refused", "40"},
-          {"wrong authority", OTHER_AUTHORITY, "cp /tmp/good /etc/config/openvpn/clients/client1",
-           "failed", "server-cert-unknown", "24"},
+          {"wrong authority", OTHER_AUTHORITY, CURE, "failed", "server-cert-unknown", "24"},
           {"wrong authority, after a login that took long", SLOW_LOGIN.c_str(),
            "mv /usr/sbin/cauth.real /usr/sbin/ormel.cauth;"
            "cp /tmp/good /etc/config/openvpn/clients/client1",
@@ -258,13 +251,13 @@ TEST_F(WhyOpenVpn, SaysWhatAClientMeetsAndForgetsItOnceMended) {
           {"a pre-shared key that is not the server's",
            "{ cat /tmp/good; echo '<tls-crypt>'; cat /tmp/other.psk; echo '</tls-crypt>'; } "
            ">/etc/config/openvpn/clients/client1",
-           "cp /tmp/good /etc/config/openvpn/clients/client1", "failed", "psk-wrong", "9"},
+           CURE, "failed", "psk-wrong", "9"},
           {"host down",
            "cd /etc/config/openvpn/clients; sed -i 's/^remote .*/remote 192.168.77.99 1194/' "
            "client1",
-           "cp /tmp/good /etc/config/openvpn/clients/client1", "retrying", "no-route", "83"},
-          {"unknown option", "echo 'proto nonsense' >>/etc/config/openvpn/clients/client1",
-           "cp /tmp/good /etc/config/openvpn/clients/client1", "failed", "settings-bad", "9"},
+           CURE, "retrying", "no-route", "83"},
+          {"unknown option", "echo 'proto nonsense' >>/etc/config/openvpn/clients/client1", CURE,
+           "failed", "settings-bad", "9"},
       });
   EXPECT_EQ(refused_logins(), before + 1) << "a refused login is not tried again";
 }
@@ -281,22 +274,18 @@ sign() {
 sign server ca 9; sign good ca 9; sign expired ca -1; sign foreign other 9
 for key in good wrong; do openvpn --genkey secret $key.psk; done
 profile() {
-  printf 'client
-dev tun
-proto udp
-remote 192.168.77.1 1200
-nobind
-hand-window 10
-'
+  echo 'client\ndev tun\nproto udp\nremote 192.168.77.1 1200\nnobind\nhand-window 10'
   for part in ca:ca.crt cert:$1.crt key:$1.key tls-crypt:$2.psk; do
-    printf '<%s>
-' "${part%%:*}"; cat "${part#*:}"; printf '</%s>
-' "${part%%:*}"
+    echo "<${part%%:*}>"; cat "${part#*:}"; echo "</${part%%:*}>"
   done
 }
 profile good good >good.ovpn; profile expired good >expired.ovpn
 profile foreign good >foreign.ovpn; profile good wrong >psk.ovpn
-openvpn --daemon strict --writepid pid --mode server --tls-server --port 1200 --dev tun77 --dev-type tun   --topology subnet --ifconfig 10.66.0.1 255.255.255.0 --ifconfig-pool 10.66.0.2 10.66.0.9 255.255.255.0   --push 'topology subnet' --push 'route-gateway 10.66.0.1' --dh none --duplicate-cn   --ca /tmp/strict/ca.crt --cert /tmp/strict/server.crt --key /tmp/strict/server.key --tls-crypt /tmp/strict/good.psk)";
+openvpn --daemon strict --writepid pid --mode server --tls-server --port 1200 --dev tun77 \
+  --dev-type tun --topology subnet --ifconfig 10.66.0.1 255.255.255.0 \
+  --ifconfig-pool 10.66.0.2 10.66.0.9 255.255.255.0 --push 'topology subnet' \
+  --push 'route-gateway 10.66.0.1' --dh none --duplicate-cn --ca /tmp/strict/ca.crt \
+  --cert /tmp/strict/server.crt --key /tmp/strict/server.key --tls-crypt /tmp/strict/good.psk)";
 
 class WhyOpenVpnStrict : public testing::Test {
  protected:
@@ -306,10 +295,8 @@ class WhyOpenVpnStrict : public testing::Test {
     for (const char* name : {"good", "expired", "foreign", "psk"})
       far::write(std::string("/tmp/") + name + ".ovpn",
                  read(std::string("/tmp/strict/") + name + ".ovpn"));
-    far_shell(
-        "ormelctl profile import /tmp/good.ovpn --name strict --yes; cp "
-        "/etc/config/openvpn/clients/client1 "
-        "/tmp/stored");
+    far_shell(R"(ormelctl profile import /tmp/good.ovpn --name strict --yes
+        cp /etc/config/openvpn/clients/client1 /tmp/stored)");
   }
   void TearDown() override {
     far::run({CTL, "profile", "rm", "strict", "--yes"});
