@@ -769,6 +769,17 @@ TEST_F(OpenVpnRefusal, AUserWithASecondFactorComesInByItsCodeOnce) {
   }));
 }
 
+TEST_F(OpenVpnRefusal, WhoLosesTheRightIsThrownOutAndStaysOut) {
+  connect();
+  ASSERT_TRUE(comes_up());
+  EXPECT_EQ(web("/ormel/privilege/unset", std::string("&user=") + USER), OK);
+  EXPECT_TRUE(comes_true([&] { return online("name").empty(); }, PATIENCE));
+  EXPECT_TRUE(logs_soon(3));  // came, went, was refused
+  EXPECT_TRUE(comes_to_an_end());
+  EXPECT_EQ(far::conf_value("OPENVPN_CLIENT1", "LocalIP"), "");
+  EXPECT_THAT(logged("action"), ElementsAre("0", "2", "1"));
+}
+
 // Twenty clients with a wrong password at once, as a script of the far appliance that ends when all
 // have been refused.
 constexpr const char* WRONG_LOGINS = R"(
