@@ -12,7 +12,7 @@
 #include "ormel/changes/recording.h"
 #include "ormel/changes/settings_text.h"
 #include "ormel/changes/state_files.h"
-#include "support/files.h"
+#include "unit/platform/scratch.h"
 
 namespace ormel::changes {
 namespace {
@@ -39,9 +39,6 @@ constexpr const char* NEW =
 class Changes : public testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/dev/shm/ormel-changes-XXXXXX";  // in memory: each write is flushed
-    ASSERT_NE(mkdtemp(name), nullptr);
-    root = name;
     for (const char* folder :
          {"/var/lib/ormel/snapshots", "/etc/config/ormel", "/etc/config/openvpn/clients",
           "/etc/config/ormel/wireguard", "/etc/openvpn/keys", "/etc/ppp", "/run"})
@@ -50,7 +47,6 @@ class Changes : public testing::Test {
     put(RIGHTS, "bob:1:0:0:0:0\n");
     put(PROFILE, "remote a\n");
   }
-  void TearDown() override { fs::remove_all(root); }
   void put(const std::string& path, const std::string& text) const {
     support::write(root + path, text, 0600);
   }
@@ -78,20 +74,17 @@ class Changes : public testing::Test {
     return Pending{root, {std::move(timer), recorder(), [](auto&&...) {}}};
   }
 
-  std::string root;
+  const fenro::test::Scratch scratch{"/dev/shm"};  // in memory: each write is flushed
+  const std::string root = scratch.path("");
   std::vector<std::string> steps;
 };
 
 TEST(StateFiles, AreThoseOfTheTableAlone) {
-  const struct {
-    std::string path;
-    bool state;
-  } rows[] = {
+  const std::pair<std::string, bool> rows[] = {
       {"/etc/config/vpn.conf", true},
       {"/etc/config/openvpn/clients/client12", true},
       {"/etc/config/openvpn/clients/client12_crl.pem", true},
       {"/etc/config/ormel/wireguard/peer_psk7", true},
-      {"/var/lib/ormel/holds.json", true},
       {"/var/lib/ormel/grants.json", true},
       {"/etc/config/openvpn/clients/client", false},
       {"/etc/config/openvpn/clients/client1/../../../shadow", false},
@@ -103,11 +96,9 @@ TEST(StateFiles, AreThoseOfTheTableAlone) {
       {std::string("/etc/config/vpn.conf\0x", 22), false},
       {"etc/config/vpn.conf", false},
       {"/etc/config/smbpasswd", false},
-      {"/etc/config/ormel/pelmar.conf", false},
       {"", false},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(find_state_file(row.path) != nullptr, row.state) << row.path;
+  for (const auto& [path, state] : rows) EXPECT_EQ(find_state_file(path) != nullptr, state) << path;
   for (const StateFile& row : state_files()) EXPECT_TRUE(part_named(name_of(row.part))) << row.path;
 }
 
@@ -304,15 +295,12 @@ TEST_F(Changes, RefuseAnUnreasonableTimeAndAHostWithoutRoom) {
 }
 
 TEST_F(Changes, GoBackOnceTheTimeIsOver) {
-  const struct {
-    const char* name;
-    bool overdue, boot;
-    size_t steps;
-  } rows[] = {{"a timer that comes too early", false, false, 0},
-              {"the end of the time", true, false, 1},
-              {"a restart of the host, which starts no server yet", false, true, 0}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  const std::tuple<const char*, bool, bool, size_t> rows[] = {
+      {"a timer that comes too early", false, false, 0},
+      {"the end of the time", true, false, 1},
+      {"a restart of the host, which starts no server yet", false, true, 0}};
+  for (const auto& [name, overdue, boot, count] : rows) {
+    SCOPED_TRACE(name);
     put(CONF, OLD);
     steps.clear();
     const Pending changes = pending();
@@ -322,15 +310,15 @@ TEST_F(Changes, GoBackOnceTheTimeIsOver) {
     put(CONF, changed.replace(changed.find("10.8"), 4, "10.9"));
     std::string file = get("/var/lib/ormel/pending/change.json");
     const size_t end = file.find("\"boot_until\":");
-    if (row.overdue)
+    if (overdue)
       put("/var/lib/ormel/pending/change.json", file.replace(end, 13, "\"boot_until\":-"));
     const int snapshot = changes.find()->snapshot;
     EXPECT_EQ(changes.expire(snapshot + 1).code, NO_ERROR);
     EXPECT_EQ(get(CONF), changed) << "the timer of another change";
-    EXPECT_EQ((row.boot ? changes.recover(Moment::BOOT) : changes.expire(snapshot)).code, NO_ERROR);
-    const bool back = row.overdue || row.boot;
+    EXPECT_EQ((boot ? changes.recover(Moment::BOOT) : changes.expire(snapshot)).code, NO_ERROR);
+    const bool back = overdue || boot;
     EXPECT_EQ(get(CONF), back ? OLD : changed);
-    EXPECT_EQ(steps.size(), row.steps);
+    EXPECT_EQ(steps.size(), count);
     EXPECT_EQ(changes.find().has_value(), !back);
     if (!back) changes.cancel(snapshot);
   }
@@ -369,17 +357,15 @@ TEST_F(Changes, LeaveCertificatesWhoseNextStepIsOverdue) {
   constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
   constexpr const char* AUTHORITY = "/etc/openvpn/keys/ca.crt";
   const std::string over = "1000", ahead = std::to_string(std::time(nullptr) + 3600);
-  const struct {
-    std::string phase, change, end;
-    bool back;
-  } rows[] = {{"overlap", over, ahead, false},
-              {"overlap", ahead, ahead, true},
-              {"changed", over, ahead, true},
-              {"changed", over, over, false}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.phase + ' ' + row.change + ' ' + row.end);
-    put(ROTATION, "phase=" + row.phase + "\noverlap=60\nbegun=900\nchange=" + row.change +
-                      "\nend=" + row.end + '\n');
+  const std::tuple<std::string, std::string, std::string, bool> rows[] = {
+      {"overlap", over, ahead, false},
+      {"overlap", ahead, ahead, true},
+      {"changed", over, ahead, true},
+      {"changed", over, over, false}};
+  for (const auto& [phase, change, end, back] : rows) {
+    SCOPED_TRACE(phase + ' ' + change + ' ' + end);
+    put(ROTATION,
+        "phase=" + phase + "\noverlap=60\nbegun=900\nchange=" + change + "\nend=" + end + '\n');
     put(AUTHORITY, "then");
     put(RIGHTS, "bob:1:0:0:0:0\n");
     const int id = take(Snapshots{root});
@@ -388,9 +374,9 @@ TEST_F(Changes, LeaveCertificatesWhoseNextStepIsOverdue) {
     Plan done;
     Snapshot restored;
     Verdict verdict = pending().undo({}, id, done, restored);
-    EXPECT_EQ(verdict.code, row.back ? NO_ERROR : ERR_NOT_SUPPORT) << verdict.reason;
-    EXPECT_EQ(get(AUTHORITY), row.back ? "then" : "now");
-    if (row.back) continue;
+    EXPECT_EQ(verdict.code, back ? NO_ERROR : ERR_NOT_SUPPORT) << verdict.reason;
+    EXPECT_EQ(get(AUTHORITY), back ? "then" : "now");
+    if (back) continue;
     EXPECT_THAT(verdict.reason, HasSubstr("begins another change-over"));
     put(RIGHTS, "bob:0:0:0:0:0\n");
     verdict = pending().undo({}, id, done, restored);
