@@ -29,6 +29,13 @@ class Tokens : public testing::Test {
                     const char* from = HERE) {
     return check(header, from, now);
   }
+  // The code for a new one.
+  static int code_of(const std::string& name, const std::string& scope = "read",
+                     int64_t life = 60) {
+    Token made;
+    std::string ignored;
+    return add(name, scope, life, "admin", made, ignored).code;
+  }
   static std::vector<Token> all() {
     std::vector<Token> tokens;
     EXPECT_TRUE(list(tokens));
@@ -142,8 +149,6 @@ TEST_F(Tokens, AreClosedToAnAddressThatHasTriedTenWrongOnes) {
 }
 
 TEST_F(Tokens, HaveANameAScopeAndATimeWithinLimits) {
-  Token made;
-  std::string ignored;
   const std::tuple<std::string, const char*, int64_t, int> rows[] = {
       {"", "read", 60, ERR_VALUE},
       {std::string(40, 'a'), "read", 60, NO_ERROR},
@@ -158,22 +163,17 @@ TEST_F(Tokens, HaveANameAScopeAndATimeWithinLimits) {
       {"b", "read", LONGEST_LIFE + 1, ERR_VALUE},
       {"b", "admin", LONGEST_LIFE, NO_ERROR}};
   for (const auto& [name, scope, life, code] : rows)
-    EXPECT_EQ(add(name, scope, life, "admin", made, ignored).code, code)
-        << name << ' ' << scope << ' ' << life;
-  for (size_t count = all().size(); count <= MOST_TOKENS; ++count) {
-    EXPECT_EQ(add("t" + std::to_string(count), "read", 60, "admin", made, ignored).code,
-              count < MOST_TOKENS ? NO_ERROR : ERR_VALUE)
-        << count;
-  }
+    EXPECT_EQ(code_of(name, scope, life), code) << name << ' ' << scope << ' ' << life;
+  for (size_t count = all().size(); count < MOST_TOKENS; ++count)
+    EXPECT_EQ(code_of("t" + std::to_string(count)), NO_ERROR) << count;
+  EXPECT_EQ(code_of("more"), ERR_VALUE);
 }
 
 TEST_F(Tokens, LetNobodyInByADamagedFileAndKeepItAsItIs) {
   for (const char* content : {"", "[]", "{\"tokens\":{}}", "{\"tokens\":[{}]}", "\xff"}) {
     support::write(places().file, content);
     EXPECT_THAT(ask("Bearer " + text).name, IsEmpty()) << content;
-    Token made;
-    std::string ignored;
-    EXPECT_EQ(add("b", "read", 60, "admin", made, ignored).code, ERR_SAVE_FILE);
+    EXPECT_EQ(code_of("b"), ERR_SAVE_FILE);
     EXPECT_EQ(support::read(places().file), content);
   }
 }
