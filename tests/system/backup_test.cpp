@@ -24,7 +24,6 @@ const std::string ADD_HUB =
     "server set wireguard --name hub --address 198.18.7.1 --port 51820 --yes";
 const std::string PEER =
     " --peer-key MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM= --endpoint 192.0.2.9:51820";
-constexpr int PATIENCE = 40;  // seconds for a tunnel on a busy machine
 
 Result far_ctl(const std::string& line) {
   return far::run(words_of(TOOL + ' ' + line), PLACES);
@@ -49,33 +48,30 @@ class Backup : public testing::Test {
     ASSERT_EQ(ctl("restore /root/empty.ormel" + BY_PASSPHRASE).status, 0)
         << "each test begins with nothing";
   }
-  // One of everything.
-  static void furnish() {
-    done("server on openvpn");
-    done(ADD_HUB);
-    done("server on wireguard");
-    for (const char* server : {"l2tp", "drovik"})
-      done(std::string("server set ") + server + " --psk-file /root/secret --yes");
-    done("server set pptp --max 7 --yes");
-    done("peer add phone --host vpn.example.org");
-    for (const std::string protocol : {"pptp", "l2tp", "drovik"})
-      done("profile add " + protocol + " --name " + protocol +
-           " --host 192.0.2.1 --user bob --pass-file /root/secret" +
-           (protocol == "pptp" ? "" : " --psk-file /root/secret"));
-    done("profile add wireguard --name w\xc3\xa9 --address 198.18.8.5" + PEER);
-    write("/root/office.ovpn", ctl("profile export").out);
-    done("profile import /root/office.ovpn --name far --user guest --pass-file /root/secret --yes");
-    done("user grant guest openvpn l2tp");
-    done("user policy --limit 4");
-    done("gateway set far pptp --back 10");
-    done("guard on --lan 1");
-    done("notify add ops --url https://hooks.example.org/a --events failed,lost");
-    EXPECT_EQ(run({"/usr/lib/fenro/fenro-hold", "add", "user", "carol", "3600"}).status, 0);
-  }
 };
 
 TEST_F(Backup, ComesWholeToAnEmptyApplianceThatOldClientsReach) {
-  furnish();
+  // One of everything.
+  done("server on openvpn");
+  done(ADD_HUB);
+  done("server on wireguard");
+  for (const char* server : {"l2tp", "drovik"})
+    done(std::string("server set ") + server + " --psk-file /root/secret --yes");
+  done("server set pptp --max 7 --yes");
+  done("peer add phone --host vpn.example.org");
+  for (const std::string protocol : {"pptp", "l2tp", "drovik"})
+    done("profile add " + protocol + " --name " + protocol +
+         " --host 192.0.2.1 --user bob --pass-file /root/secret" +
+         (protocol == "pptp" ? "" : " --psk-file /root/secret"));
+  done("profile add wireguard --name w\xc3\xa9 --address 198.18.8.5" + PEER);
+  write("/root/office.ovpn", ctl("profile export").out);
+  done("profile import /root/office.ovpn --name far --user guest --pass-file /root/secret --yes");
+  done("user grant guest openvpn l2tp");
+  done("user policy --limit 4");
+  done("gateway set far pptp --back 10");
+  done("guard on --lan 1");
+  done("notify add ops --url https://hooks.example.org/a --events failed,lost");
+  EXPECT_EQ(run({"/usr/lib/fenro/fenro-hold", "add", "user", "carol", "3600"}).status, 0);
   EXPECT_THAT(done("backup " + FILE_NAME + " --passphrase-file -", PASSPHRASE + '\n').out,
               HasSubstr("5 profiles, 2 servers that are on, 1 device, 1 user with rights"));
   EXPECT_EQ(mode_of(FILE_NAME), 0600U);
@@ -113,7 +109,7 @@ TEST_F(Backup, ComesWholeToAnEmptyApplianceThatOldClientsReach) {
   write("/root/moved.ovpn", profile);
   write("/root/password", far::read("/var/lib/appliance/password.guest"));
   done("profile import /root/moved.ovpn --name old --user guest --pass-file /root/password --yes");
-  done("profile up old --wait " + std::to_string(PATIENCE));
+  done("profile up old --wait 40");
   EXPECT_THAT(far_ctl("who").out, HasSubstr("guest"));
   ctl("profile down old");
 }
@@ -233,19 +229,18 @@ TEST_F(Backup, SaysThatTheNextStepOfItsRotationIsOverdue) {
   constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
   const std::string ahead = std::to_string(std::time(nullptr) + 3600);
   const std::string over = "1000";
-  for (const auto& [phase, change, overdue] :
-       {std::tuple{"overlap", over, true}, {"overlap", ahead, false}, {"changed", over, false}}) {
-    SCOPED_TRACE(phase + change);
-    write(ROTATION, std::string("overlap=60\nbegun=900\nphase=") + phase + "\nchange=" + change +
-                        "\nend=" + ahead + '\n');
+  for (const std::string& change : {over, ahead}) {
+    SCOPED_TRACE(change);
+    write(ROTATION,
+          "phase=overlap\noverlap=60\nbegun=900\nchange=" + change + "\nend=" + ahead + '\n');
     done(BACKUP);
     const auto warns = [](const std::string& line) {
       return ctl(line).out.find("change-over was due on ") != std::string::npos;
     };
     EXPECT_FALSE(warns(RESTORE + " --dry-run")) << "that is so already";
     fs::remove(ROTATION);
-    EXPECT_EQ(warns(RESTORE + " --dry-run"), overdue);
-    EXPECT_EQ(warns(RESTORE), overdue);
+    EXPECT_EQ(warns(RESTORE + " --dry-run"), change == over);
+    EXPECT_EQ(warns(RESTORE), change == over);
     EXPECT_TRUE(fs::exists(ROTATION)) << "it comes back even so";
   }
   fs::remove(ROTATION);

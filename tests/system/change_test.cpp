@@ -16,7 +16,6 @@ namespace ormel::test {
 namespace {
 
 constexpr const char* SNAPSHOTS = "/var/lib/ormel/snapshots";
-constexpr const char* GUARD_CONF = "/etc/config/ormel/guard.conf";
 constexpr const char* RIGHTS = "/etc/config/vpn_user_ex.conf";
 constexpr const char* OK = "{\"error\":0}";
 constexpr int PATIENCE = 60;  // seconds; a busy machine is slow
@@ -30,7 +29,7 @@ class Changing : public testing::Test {
  protected:
   void SetUp() override {
     ctl("confirm --yes");
-    for (const char* file : {VPN_CONF, GUARD_CONF, RIGHTS}) fs::remove(file);
+    for (const char* file : {VPN_CONF, "/etc/config/ormel/guard.conf", RIGHTS}) fs::remove(file);
     support::make_empty_folder(SNAPSHOTS);
     ASSERT_EQ(run({"/etc/init.d/vpn_common.sh", "setup_vpn_entrance"}).status, 0);
     session = session_of("admin");
@@ -282,17 +281,6 @@ class ChangeConfirm : public Changing {
     far::run({"/etc/init.d/vpn_openvpn_client.sh", "stop", "1"});
     Changing::TearDown();
   }
-  static void connect_from_far() {
-    ASSERT_EQ(ctl("user grant guest openvpn").status, 0);
-    far::run({"/bin/rm", "-rf", VPN_CONF, "/etc/config/openvpn/clients/client1"});
-    far::write("/tmp/office.ovpn", ctl("profile export").out);
-    const Result imported = far::run(words_of("/usr/sbin/ormelctl profile import /tmp/office.ovpn "
-                                              "--name office --user guest --pass-file - --yes"),
-                                     PLACES, read("/var/lib/appliance/password.guest"));
-    ASSERT_EQ(imported.status, 0) << imported.err;
-    far::cli({"--type=OVPN", "--connect=1"});
-    ASSERT_TRUE(comes_true([] { return far_address().starts_with("10.8."); }, PATIENCE));
-  }
   static std::string far_address() { return far::conf_value("OPENVPN_CLIENT1", "LocalIP"); }
   // A form posted from over there, through the tunnel.
   [[nodiscard]] std::string through(const std::string& route, const std::string& form) const {
@@ -303,7 +291,15 @@ class ChangeConfirm : public Changing {
 };
 
 TEST_F(ChangeConfirm, GoesBackThroughTheTunnelThatItInterrupts) {
-  connect_from_far();
+  ASSERT_EQ(ctl("user grant guest openvpn").status, 0);
+  far::run({"/bin/rm", "-rf", VPN_CONF, "/etc/config/openvpn/clients/client1"});
+  far::write("/tmp/office.ovpn", ctl("profile export").out);
+  const Result imported = far::run(words_of("/usr/sbin/ormelctl profile import /tmp/office.ovpn "
+                                            "--name office --user guest --pass-file - --yes"),
+                                   PLACES, read("/var/lib/appliance/password.guest"));
+  ASSERT_EQ(imported.status, 0) << imported.err;
+  far::cli({"--type=OVPN", "--connect=1"});
+  ASSERT_TRUE(comes_true([] { return far_address().starts_with("10.8."); }, PATIENCE));
   ASSERT_THAT(through("/ormel/change/begin", "&seconds=30"), HasSubstr("\"code\""));
   std::ignore = through(  // its answer may be lost with the tunnel
       "/ormel/config/modify", "&type=SOVPN&enable=true&ip_pool=10.9.0.0&proto=UDP&port=1194");

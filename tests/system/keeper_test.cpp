@@ -15,22 +15,17 @@ namespace {
 
 constexpr int PATIENCE = 60;  // seconds; a busy machine is slow
 constexpr const char* SECTION = "DROVIK_CLIENT1";
-constexpr const char* CLIENT_SCRIPT = "/etc/init.d/vpn_drovik_client.sh";
 const std::string MORVID = "/usr/lib/fenro/morvid DROVIK";
 
 std::string pids(const std::string& command) {
   return run({"/usr/bin/pgrep", "-f", "^" + command}).out;
 }
 
-// What the keeper says of a section: "" for one that is not its business.
-std::string state_of(const std::string& section) {
-  const std::string rows = bus("KeeperService", "keeper.show");
-  const std::regex row{R"re("section":")re" + section + R"re("[^}]*"state":"([^"]*)")re"};
-  std::smatch found;
-  return std::regex_search(rows, found, row) ? found[1].str() : "";
-}
+// Whether the keeper comes to say this of a section.
 bool comes_to(const std::string& section, const std::string& state) {
-  return comes_true([&] { return state_of(section) == state; }, PATIENCE);
+  const std::regex row{R"re("section":")re" + section + R"re("[^}]*"state":")re" + state + '"'};
+  return comes_true([&] { return std::regex_search(bus("KeeperService", "keeper.show"), row); },
+                    PATIENCE);
 }
 
 int events(const std::string& text) {
@@ -174,7 +169,7 @@ TEST_F(Keeper, TriesAWrongPasswordOnce) {
   connect("wrong");
   EXPECT_TRUE(comes_true(is_left_alone, PATIENCE));
   EXPECT_EQ(refusals(), before + 1);
-  EXPECT_EQ(far::run({CLIENT_SCRIPT, "keep", "1"}).status, 4)
+  EXPECT_EQ(far::run({"/etc/init.d/vpn_drovik_client.sh", "keep", "1"}).status, 4)
       << "the script itself would not try again";
 }
 

@@ -14,9 +14,7 @@ using testing::Contains;
 
 constexpr int PATIENCE = 40;  // seconds for a tunnel to come or go on a busy machine
 constexpr const char* STORE = "/etc/config/vpn_user_ex.conf";
-constexpr const char* CHANGES = "/run/fenro/device_changes.json";
 constexpr const char* PEERS = "/etc/config/ormel/wireguard/server_peers.conf";
-constexpr const char* CLIENT = "/etc/init.d/vpn_openvpn_client.sh";
 
 // One member of each row of a list in the data.
 std::vector<std::string> column(const std::string& body, const char* list, const char* name) {
@@ -34,12 +32,14 @@ class MyAccess : public testing::Test {
   void SetUp() override {
     if (const fenro::Fd device{open("/dev/net/tun", O_RDWR | O_CLOEXEC)}; !device)
       GTEST_SKIP() << "no TUN device";
-    for (const char* file : {STORE, PEERS, CHANGES, fenro::GRANTS, "/var/lib/ormel/holds.json",
-                             "/etc/config/ormel/public_address"})
+    for (const char* file : {STORE, PEERS, fenro::GRANTS, "/run/fenro/device_changes.json",
+                             "/var/lib/ormel/holds.json", "/etc/config/ormel/public_address"})
       fs::remove(file);
     far::run({"/bin/rm", "-rf", VPN_CONF, "/etc/config/openvpn/clients/client1"});
-    static const bool server_runs = starts_server();  // one for all tests
-    ASSERT_TRUE(server_runs);
+    static const Result server =  // one for all tests
+        sh("rm -f /etc/config/vpn.conf; /etc/init.d/vpn_common.sh setup_vpn_entrance && "
+           "ormel --type=SOVPN --modify=0 --ip_pool=10.8.0.0 --port=1194 --enable=TRUE");
+    ASSERT_EQ(server.status, 0) << server.err;
     ASSERT_EQ(ctl("user grant guest openvpn").status, 0);
     guest = session_of("guest");
     admin = session_of("admin");
@@ -47,15 +47,9 @@ class MyAccess : public testing::Test {
   }
   void TearDown() override {
     if (IsSkipped()) return;
-    far::run({CLIENT, "stop", "1"});
+    far::run({"/etc/init.d/vpn_openvpn_client.sh", "stop", "1"});
     cli({"--type=SWG", "--modify=0", "--enable=FALSE"});
     EXPECT_TRUE(comes_true([&] { return sessions().empty(); }, PATIENCE));
-  }
-  static bool starts_server() {
-    fs::remove(VPN_CONF);
-    return sh("/etc/init.d/vpn_common.sh setup_vpn_entrance && ormel --type=SOVPN --modify=0 "
-              "--ip_pool=10.8.0.0 --port=1194 --enable=TRUE")
-               .status == 0;
   }
   static std::string ask(const std::string& route, const std::string& sid,
                          const std::string& form = {}) {
@@ -110,7 +104,7 @@ TEST_F(MyAccess, IsThatOfTheSessionAlone) {
   connect();
   const std::string id = "&id=4%7C" + sessions().front().substr(2);
   const std::tuple<const char*, std::string, int> rows[] = {
-      {"my/show", "&user=admin&name=admin", 0}, {"my/device_remove", "&key=" + mine, 30},
+      {"my/show", "&user=admin&name=admin", 0}, {"my/device_remove", "&key=x" + mine, 30},
       {"my/end", "&id=4%7C192.0.2.1:1", 30},    {"my/device_add", "&name=", 13},
       {"my/device_add", "&name=%07", 9},        {"my/device_add", "&name=%ff", 9}};
   for (const auto& [route, form, code] : rows) {

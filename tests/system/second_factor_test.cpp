@@ -23,7 +23,6 @@ constexpr const char* OK = "{\"error\":0}";
 constexpr const char* USER = "guest";
 constexpr const char* REASON_FILE = "/tmp/reason";
 constexpr const char* TOTP_CONF = "/etc/config/ormel/totp.conf";
-constexpr const char* TOTP_USERS = "/etc/config/ormel/totp.users";
 constexpr const char* POLICY = "/etc/config/vpn_block.conf";
 const std::string SECRET = fenro::totp::to_base32("12345678901234567890");
 
@@ -48,7 +47,7 @@ void forget_used_steps() {
 class SecondFactorLogin : public testing::Test {
  protected:
   void SetUp() override {
-    for (const char* file : {TOTP_CONF, TOTP_USERS, POLICY}) fs::remove(file);
+    for (const char* file : {TOTP_CONF, "/etc/config/ormel/totp.users", POLICY}) fs::remove(file);
     fs::remove_all("/run/fenro/login");
     write("/etc/config/vpn_user_ex.conf", "guest:1:1:1:0:1\nadmin:1:1:1:0:1\n");
     bus(ormel::log_db::SERVICE, ormel::log_db::CONN_SERVER_LOG.clean);

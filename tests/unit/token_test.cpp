@@ -16,8 +16,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr const char* HERE = "192.0.2.1";
-
 class Tokens : public testing::Test {
  protected:
   void SetUp() override {
@@ -26,7 +24,7 @@ class Tokens : public testing::Test {
   void TearDown() override { places() = former_; }
 
   static Holder ask(const std::string& header, int64_t now = std::time(nullptr),
-                    const char* from = HERE) {
+                    const char* from = "192.0.2.1") {
     return check(header, from, now);
   }
   // The code for a new one.
