@@ -4,26 +4,12 @@
 # change stays.
 # shellcheck disable=SC2016 # the texts run inside
 set -uo pipefail
-STATE=$(mktemp -d) failures=0
-trap 'rm -rf "$STATE"' EXIT
-APPLIANCE=("$1" --stage "$2" --state "$STATE")
-
-inside() {
-  "${APPLIANCE[@]}" -- bash -c '
-    failed=0
-    fail() { echo "FAILED: $*" >&2; failed=1; }
-    comes_true() {
-      local end=$((SECONDS + 60))
-      until "$@" >/dev/null 2>&1; do ((SECONDS < end)) || return; sleep 0.1; done
-    }
-    pool() { getcfg OPENVPN "Client IP 1" -f /etc/config/vpn.conf; }
-    '"$1"'
-    exit $failed' || failures=1
-}
+# shellcheck source=tests/support/restart.sh
+. "$(dirname -- "${BASH_SOURCE[0]}")/../support/restart.sh"
+POOL='pool() { getcfg OPENVPN "Client IP 1" -f /etc/config/vpn.conf; }'
 
 # The last line is the power cut.
-inside '
-  [[ -r /dev/net/tun ]] || exit 0
+inside "$POOL"'
   /etc/init.d/vpn_common.sh setup_vpn_entrance
   ormelctl server set openvpn --pool 10.8.0.0 --yes && ormelctl server on openvpn ||
     fail "no server"
@@ -36,8 +22,7 @@ inside '
   [[ $(pool) == 10.9.0.2 ]] || fail "the pool is $(pool)"
   sync
   kill -KILL -1'
-inside '
-  [[ -r /dev/net/tun ]] || exit 0
+inside "$POOL"'
   comes_true grep -q "^ifconfig 10.7.0.1 " /etc/config/openvpn/server.conf ||
     fail "the server is not started with the old pool"
   comes_true pgrep -x openvpn || fail "the server does not run"

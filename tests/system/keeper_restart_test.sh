@@ -2,31 +2,15 @@
 # keeper_restart_test.sh APPLIANCE STAGE: an appliance with kept state loses its power. When it
 # starts again, nothing looks connected that is not, what was on comes up with its rules, and what
 # was off stays off. Access that has ended meanwhile is revoked before anything is started.
+# shellcheck disable=SC2016 # the texts run inside
 set -uo pipefail
-APPLIANCE=$1 STAGE=$2
-STATE=$(mktemp -d) failures=0
-trap 'rm -rf "$STATE"' EXIT
-
-# inside SCRIPT: runs in the appliance; "fail WORDS" and "comes_true COMMAND…" are there.
-inside() {
-  # shellcheck disable=SC2016 # it runs inside
-  "$APPLIANCE" --stage "$STAGE" --state "$STATE" -- bash -c '
-    failed=0
-    fail() { echo "FAILED: $*" >&2; failed=1; }
-    comes_true() {
-      local end=$((SECONDS + 60))
-      until "$@" >/dev/null 2>&1; do ((SECONDS < end)) || return; sleep 0.1; done
-    }
-    address() { getcfg "$1" LocalIP -f /etc/config/vpn.conf | grep .; }
-    '"$1"'
-    exit $failed' || failures=1
-}
+# shellcheck source=tests/support/restart.sh
+. "$(dirname -- "${BASH_SOURCE[0]}")/../support/restart.sh"
+ADDRESS='address() { getcfg "$1" LocalIP -f /etc/config/vpn.conf | grep .; }'
 
 # Both ends of the Drovik tunnel are this host. The last line is the power cut: no hook has a
 # chance.
-# shellcheck disable=SC2016 # it runs inside
-inside '
-  [[ -r /dev/net/tun ]] || exit 0
+inside "$ADDRESS"'
   /etc/init.d/vpn_common.sh setup_vpn_entrance
   echo guest:0:0:0:0:1 >/etc/config/vpn_user_ex.conf
   ormel --type=SDROVIK --modify=0 --enable=TRUE --psk=key --port=4443 >/dev/null
@@ -41,9 +25,7 @@ inside '
   sync
   kill -KILL -1'
 sleep 4 # an end of access while the host is off
-# shellcheck disable=SC2016 # it runs inside
-inside '
-  [[ -r /dev/net/tun ]] || exit 0
+inside "$ADDRESS"'
   grep -q "^admin:0:0:0:0:0" /etc/config/vpn_user_ex.conf || fail "access has not ended"
   grep -q "^LocalIP = ." /etc/config/vpn.conf && ! pgrep -x morvic >/dev/null && fail "it looks connected without a tunnel"
   comes_true pgrep -x morvid || fail "the server that was on does not run"

@@ -2,13 +2,9 @@
 // daemons and the keeper of two appliances.
 // appliance: --pair --web
 
-#include <set>
-
-#include <jansson.h>
-
 #include "base/grants.h"
-#include "ormel/base/handle.h"
 #include "support/far_appliance.h"
+#include "support/ormelctl.h"
 #include "support/web_request.h"
 
 namespace ormel::test {
@@ -18,28 +14,7 @@ using testing::Contains;
 
 constexpr int PATIENCE = 40;  // seconds for a tunnel to come or go on a busy machine
 constexpr const char* STORE = "/etc/config/vpn_user_ex.conf";
-constexpr const char* CHANGES = "/run/fenro/device_changes.json";
 constexpr const char* PEERS = "/etc/config/ormel/wireguard/server_peers.conf";
-constexpr const char* CLIENT = "/etc/init.d/vpn_openvpn_client.sh";
-constexpr int SESSION_FAILS = 39;
-
-Json parsed(const std::string& text) {
-  return Json{json_loads(text.c_str(), 0, nullptr)};
-}
-
-int error_of(const std::string& body) {
-  const Json answer = parsed(body);
-  const json_t* const error = json_object_get(answer.get(), "error");
-  return json_is_integer(error) ? static_cast<int>(json_integer_value(error)) : -1;
-}
-
-// A member of the answer's data, as text.
-std::string datum(const std::string& body, const char* name) {
-  const Json answer = parsed(body);
-  const json_t* const value = json_object_get(json_object_get(answer.get(), "data"), name);
-  const CString text{json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY)};
-  return json_is_string(value) ? json_string_value(value) : text ? text.get() : "";
-}
 
 // One member of each row of a list in the data.
 std::vector<std::string> column(const std::string& body, const char* list, const char* name) {
@@ -47,34 +22,9 @@ std::vector<std::string> column(const std::string& body, const char* list, const
   std::vector<std::string> values;
   size_t at = 0;
   const json_t* row = nullptr;
-  json_array_foreach(json_object_get(json_object_get(answer.get(), "data"), list), at, row) {
-    const json_t* const value = json_object_get(row, name);
-    values.emplace_back(json_is_string(value) ? json_string_value(value)
-                                              : std::to_string(json_integer_value(value)));
-  }
+  json_array_foreach(json_object_get(json_object_get(answer.get(), "data"), list), at, row)
+      values.push_back(text_of(json_object_get(row, name)));
   return values;
-}
-
-Result ctl(std::vector<std::string> words) {
-  words.insert(words.begin(), "/usr/sbin/ormelctl");
-  return run(words, {"PATH=/usr/sbin:/usr/bin"});
-}
-
-std::string session_of(const char* user) {
-  return run({"/usr/lib/fenro/fenro-session", "create", user}).out.substr(0, 8);
-}
-
-// A key in a form.
-std::string encoded(std::string key) {
-  for (const auto& [c, code] : {std::pair{"+", "%2B"}, {"/", "%2F"}, {"=", "%3D"}}) {
-    for (size_t at = 0; (at = key.find(c, at)) != std::string::npos; at += 3)
-      key.replace(at, 1, code);
-  }
-  return key;
-}
-
-std::string from_now(int seconds) {
-  return std::to_string(std::time(nullptr) + seconds);
 }
 
 class MyAccess : public testing::Test {
@@ -82,35 +32,24 @@ class MyAccess : public testing::Test {
   void SetUp() override {
     if (const fenro::Fd device{open("/dev/net/tun", O_RDWR | O_CLOEXEC)}; !device)
       GTEST_SKIP() << "no TUN device";
-    for (const char* file : {STORE, PEERS, CHANGES, fenro::GRANTS, "/var/lib/ormel/holds.json",
-                             "/etc/config/ormel/public_address"})
+    for (const char* file : {STORE, PEERS, fenro::GRANTS, "/run/fenro/device_changes.json",
+                             "/var/lib/ormel/holds.json", "/etc/config/ormel/public_address"})
       fs::remove(file);
     far::run({"/bin/rm", "-rf", VPN_CONF, "/etc/config/openvpn/clients/client1"});
-    static bool server_runs = false;  // one for all tests
-    if (!server_runs) {
-      ASSERT_NO_FATAL_FAILURE(start_server());
-    }
-    server_runs = true;
-    ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
+    static const Result server =  // one for all tests
+        sh("rm -f /etc/config/vpn.conf; /etc/init.d/vpn_common.sh setup_vpn_entrance && "
+           "ormel --type=SOVPN --modify=0 --ip_pool=10.8.0.0 --port=1194 --enable=TRUE");
+    ASSERT_EQ(server.status, 0) << server.err;
+    ASSERT_EQ(ctl("user grant guest openvpn").status, 0);
     guest = session_of("guest");
     admin = session_of("admin");
-    password = read("/var/lib/appliance/password.guest");
-    password.pop_back();
     ASSERT_EQ(error_of(ask("log/cleanup", admin, "&type=23")), 0);
   }
   void TearDown() override {
     if (IsSkipped()) return;
-    far::run({CLIENT, "stop", "1"});
+    far::run({"/etc/init.d/vpn_openvpn_client.sh", "stop", "1"});
     cli({"--type=SWG", "--modify=0", "--enable=FALSE"});
     EXPECT_TRUE(comes_true([&] { return sessions().empty(); }, PATIENCE));
-  }
-  static void start_server() {
-    fs::remove(VPN_CONF);
-    ASSERT_EQ(run({"/etc/init.d/vpn_common.sh", "setup_vpn_entrance"}).status, 0);
-    ASSERT_EQ(
-        cli({"--type=SOVPN", "--modify=0", "--ip_pool=10.8.0.0", "--port=1194", "--enable=TRUE"})
-            .status,
-        0);
   }
   static std::string ask(const std::string& route, const std::string& sid,
                          const std::string& form = {}) {
@@ -119,13 +58,20 @@ class MyAccess : public testing::Test {
   [[nodiscard]] std::string my(const std::string& route, const std::string& form = {}) const {
     return ask("my/" + route, guest, form);
   }
+  [[nodiscard]] int remove_device(const std::string& key) const {
+    return error_of(https("/ormel/my/device_remove",
+                          {"--data", "sid=" + guest, "--data-urlencode", "key=" + key})
+                        .body);
+  }
   // The profile that the user has downloaded connects the far appliance.
   void connect() const {
     far::write("/tmp/office.ovpn", my("profile"));
-    ASSERT_EQ(far::run({"/usr/sbin/ormel", "--type=OVPN", "--import=/tmp/office.ovpn",
-                        "--name=office", "--user=guest", "--pass=" + password})
-                  .status,
-              0);
+    ASSERT_EQ(
+        far::cli(
+            words_of("--type=OVPN --import=/tmp/office.ovpn --name=office --user=guest --pass=" +
+                     password))
+            .status,
+        0);
     ASSERT_EQ(far::cli({"--type=OVPN", "--connect=1"}).status, 0);
     ASSERT_TRUE(comes_true([&] { return !sessions().empty(); }, PATIENCE));
   }
@@ -140,57 +86,48 @@ class MyAccess : public testing::Test {
         .status;
   }
   static void turn_wireguard_on(int devices) {
-    ASSERT_EQ(cli({"--type=SWG", "--modify=0", "--server_name=office", "--server_ip=198.18.7.1",
-                   "--server_mask=24", "--enable=TRUE"})
+    ASSERT_EQ(sh("ormel --type=SWG --modify=0 --server_name=office --server_ip=198.18.7.1 "
+                 "--server_mask=24 --enable=TRUE")
                   .status,
               0);
-    ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", std::to_string(devices)}).status, 0);
+    ASSERT_EQ(ctl("user grant guest --devices " + std::to_string(devices)).status, 0);
   }
-  std::string guest, admin, password;
+  const std::string password = password_of("guest");
+  std::string guest, admin;
 };
 
 TEST_F(MyAccess, IsThatOfTheSessionAlone) {
   turn_wireguard_on(2);
-  ASSERT_EQ(ctl({"user", "grant", "admin", "--devices", "1"}).status, 0);
+  ASSERT_EQ(ctl("user grant admin --devices 1").status, 0);
   const std::string mine = datum(ask("my/device_add", admin, "&name=laptop"), "key");
   ASSERT_EQ(mine.size(), 44U);
   connect();
-  const std::string key = "&key=" + encoded(mine);
   const std::string id = "&id=4%7C" + sessions().front().substr(2);
-  const struct {
-    const char* route;
-    std::string form;  // with what is another user's
-    int of_guest, of_admin;
-  } rows[] = {
-      {"my/show", "&user=admin&name=admin", 0, 0}, {"my/device_remove", key + "x", 30, 30},
-      {"my/end", "&id=4%7C192.0.2.1:1", 30, 30},   {"my/device_add", "&name=", 13, 13},
-      {"my/device_add", "&name=%07", 9, 9},        {"my/device_add", "&name=%ff", 9, 9},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.route + row.form);
-    for (const char* sid : {"", "00000000"})
-      EXPECT_EQ(error_of(ask(row.route, sid, row.form)), SESSION_FAILS);
-    EXPECT_EQ(error_of(ask(row.route, guest, row.form)), row.of_guest);
-    EXPECT_EQ(error_of(ask(row.route, admin, row.form)), row.of_admin);
+  const std::tuple<const char*, std::string, int> rows[] = {
+      {"my/show", "&user=admin&name=admin", 0}, {"my/device_remove", "&key=x" + mine, 30},
+      {"my/end", "&id=4%7C192.0.2.1:1", 30},    {"my/device_add", "&name=", 13},
+      {"my/device_add", "&name=%07", 9},        {"my/device_add", "&name=%ff", 9}};
+  for (const auto& [route, form, code] : rows) {
+    SCOPED_TRACE(route + form);
+    for (const char* sid : {"", "00000000"}) EXPECT_EQ(error_of(ask(route, sid, form)), 39);
+    for (const std::string& sid : {guest, admin}) EXPECT_EQ(error_of(ask(route, sid, form)), code);
   }
-  EXPECT_EQ(error_of(ask("my/profile", "")), SESSION_FAILS);
+  EXPECT_EQ(error_of(ask("my/profile", "")), 39);
   EXPECT_EQ(error_of(ask("my/profile", admin)), 45) << "an administrator without the right";
 
   EXPECT_EQ(datum(my("show", "&user=admin"), "user"), "guest");
   EXPECT_THAT(column(my("show"), "devices", "name"), IsEmpty());
   EXPECT_THAT(column(ask("my/show", admin), "devices", "name"), ElementsAre("laptop"));
   EXPECT_THAT(column(ask("my/show", admin), "sessions", "id"), IsEmpty());
-  EXPECT_EQ(error_of(my("device_remove", key)), 30) << "an administrator's device";
+  EXPECT_EQ(remove_device(mine), 30) << "an administrator's device";
   EXPECT_EQ(error_of(ask("my/end", admin, id)), 30) << "a session of another user";
   EXPECT_THAT(read(PEERS), HasSubstr(mine));
   EXPECT_THAT(sessions(), Not(IsEmpty()));
-  const std::string shown = my("show");
-  for (const char* secret : {"pri_key", "psk", "password"})
-    EXPECT_THAT(shown, Not(HasSubstr(secret)));
+  EXPECT_THAT(my("show"), Not(ContainsRegex("pri_key|psk|password")));
 }
 
 TEST_F(MyAccess, ConnectsByTheOwnProfileAndEndsTheOwnSession) {
-  ASSERT_EQ(ctl({"address", "set", "192.168.77.1"}).status, 0);
+  ASSERT_EQ(ctl("address set 192.168.77.1").status, 0);
   EXPECT_THAT(my("profile"), HasSubstr("\nremote 192.168.77.1 1194\n"));
   connect();
   const std::string shown = my("show");
@@ -199,8 +136,8 @@ TEST_F(MyAccess, ConnectsByTheOwnProfileAndEndsTheOwnSession) {
   EXPECT_THAT(column(shown, "logins", "refused"), Not(IsEmpty()));
   const std::string id = column(shown, "sessions", "id").front();
   EXPECT_EQ(error_of(my("end", "&id=4%7C" + id.substr(2))), 0);
-  EXPECT_THAT(ctl({"audit", "--json"}).out, HasSubstr("my/end"));
-  ASSERT_EQ(ctl({"user", "revoke", "guest", "--yes"}).status, 0);
+  EXPECT_THAT(ctl("audit --json").out, HasSubstr("my/end"));
+  ASSERT_EQ(ctl("user revoke guest --yes").status, 0);
   EXPECT_EQ(error_of(my("profile")), 45);
   EXPECT_NE(login(), 0);
   EXPECT_THAT(column(my("show"), "logins", "reason").front(), "no right to use this server");
@@ -209,52 +146,49 @@ TEST_F(MyAccess, ConnectsByTheOwnProfileAndEndsTheOwnSession) {
 TEST_F(MyAccess, EndsOnTime) {
   connect();
   ASSERT_EQ(login(), 0);
-  ASSERT_EQ(error_of(ask("grant/set", admin, "&user=guest&type=4&until=" + from_now(6))), 0);
+  const std::string end = std::to_string(std::time(nullptr) + 6);
+  ASSERT_EQ(error_of(ask("grant/set", admin, "&user=guest&type=4&until=" + end)), 0);
   EXPECT_EQ(login(), 0) << "not yet";
   EXPECT_TRUE(comes_true([&] { return read(STORE) == "guest:0:0:0:0:0\n"; }, PATIENCE));
   EXPECT_TRUE(comes_true([&] { return sessions().empty(); }, PATIENCE));
   EXPECT_NE(login(), 0);
   EXPECT_TRUE(comes_true([] { return fenro::read_grants().grants.empty(); }, PATIENCE))
       << "its end is forgotten once the right is gone";
-  EXPECT_THAT(ctl({"audit"}).out, ContainsRegex("keeper +user revoke +guest .*openvpn → none +ok"));
-  EXPECT_THAT(ctl({"log", "events"}).out, HasSubstr("The access of guest to OpenVPN has ended"));
+  EXPECT_THAT(ctl("audit").out, ContainsRegex("keeper +user revoke +guest .*openvpn → none +ok"));
+  EXPECT_THAT(ctl("log events").out, HasSubstr("The access of guest to OpenVPN has ended"));
   // A new right does not get an earlier end.
-  ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
+  ASSERT_EQ(ctl("user grant guest openvpn").status, 0);
   EXPECT_EQ(login(), 0);
 }
 
 TEST_F(MyAccess, EndsOnTimeThoughTheListOfEndsIsDamaged) {
   const std::string file = fenro::GRANTS, copy = file + ".good";
-  ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn", "--until", "5s"}).status, 0);
+  ASSERT_EQ(ctl("user grant guest openvpn --until 5s").status, 0);
   ASSERT_TRUE(comes_true([&] { return read(copy) == read(file); }, PATIENCE));
   write(file, "{\"grants\":[");
   EXPECT_EQ(login(), 0) << "not yet";
   EXPECT_TRUE(comes_true([&] { return login() != 0; }, PATIENCE));
   EXPECT_TRUE(comes_true([&] { return read(STORE) == "guest:0:0:0:0:0\n"; }, PATIENCE));
   const std::string cure = "cp " + copy + ' ' + file;
-  EXPECT_THAT(ctl({"doctor"}).out, HasSubstr("-> " + cure));
-  const Result status = ctl({"status"});
-  EXPECT_EQ(status.status, 0);
-  EXPECT_THAT(status.err, HasSubstr(cure));
-  EXPECT_THAT(ctl({"log", "events"}).out, HasSubstr(cure));
-  EXPECT_NE(ctl({"user", "grant", "guest", "openvpn", "--until", "1d"}).status, 0);
-  ASSERT_EQ(run({"/bin/sh", "-c", cure}).status, 0);
+  EXPECT_THAT(ctl("doctor").out, HasSubstr("-> " + cure));
+  EXPECT_THAT(done("status").err, HasSubstr(cure));
+  EXPECT_THAT(ctl("log events").out, HasSubstr(cure));
+  EXPECT_NE(ctl("user grant guest openvpn --until 1d").status, 0);
+  ASSERT_EQ(sh(cure).status, 0);
   EXPECT_TRUE(comes_true([] { return fenro::read_grants().grants.empty(); }, PATIENCE));
   EXPECT_TRUE(comes_true([&] { return read(copy) == read(file); }, PATIENCE));
 }
 
 // A keeper that hangs, then one that is started again: nobody comes in meanwhile.
 TEST_F(MyAccess, EndsWithoutTheKeeperAndIsRevokedOnceItIsBack) {
-  ASSERT_EQ(run({"/usr/bin/pkill", "-STOP", "-x", "fenro-keeperd"}).status, 0);
-  ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn", "--until", "2s"}).status, 0);
+  ASSERT_EQ(sh("pkill -STOP -x fenro-keeperd").status, 0);
+  ASSERT_EQ(ctl("user grant guest openvpn --until 2s").status, 0);
   EXPECT_TRUE(comes_true([&] { return login() != 0; }, PATIENCE));
   EXPECT_EQ(read("/tmp/reason"), "the right to use this server has ended");
   EXPECT_EQ(error_of(my("profile")), 45);
   EXPECT_THAT(column(my("show"), "rights", "name"), IsEmpty());
   EXPECT_EQ(read(STORE), "guest:0:1:0:0:0\n");
-  run({"/usr/bin/pkill", "-KILL", "-x", "fenro-keeperd"});
-  run({"/bin/sh", "-c", "/usr/lib/fenro/fenro-keeperd </dev/null >/dev/null 2>&1 &"},
-      {"PATH=/usr/sbin:/usr/bin:/sbin:/bin"});
+  sh("pkill -KILL -x fenro-keeperd; /usr/lib/fenro/fenro-keeperd </dev/null >/dev/null 2>&1 &");
   EXPECT_TRUE(comes_true([&] { return read(STORE) == "guest:0:0:0:0:0\n"; }, PATIENCE));
   EXPECT_NE(login(), 0);
   // A run that read the rights earlier writes them again: they do not come back without their end.
@@ -263,13 +197,12 @@ TEST_F(MyAccess, EndsWithoutTheKeeperAndIsRevokedOnceItIsBack) {
 
 // The other servers ask at each login, too; the keeper hangs.
 TEST_F(MyAccess, EndsAtEachServer) {
-  write("/etc/config/vpn_user_ex.conf", "guest:0:0:0:0:0\n");
-  ASSERT_EQ(ctl({"user", "grant", "guest", "pptp,l2tp,drovik"}).status, 0);
-  ASSERT_EQ(
-      cli({"--type=SDROVIK", "--modify=0", "--enable=TRUE", "--psk=key", "--port=4443"}).status, 0);
-  ASSERT_EQ(far::cli({"--type=DROVIK", "--add", "--name=office",
-                      std::string("--host=") + far::NEAR_ADDRESS, "--port=4443", "--user=guest",
-                      "--pass=" + password, "--psk=key"})
+  write(STORE, "guest:0:0:0:0:0\n");
+  ASSERT_EQ(ctl("user grant guest pptp,l2tp,drovik").status, 0);
+  ASSERT_EQ(sh("ormel --type=SDROVIK --modify=0 --enable=TRUE --psk=key --port=4443").status, 0);
+  ASSERT_EQ(far::cli(words_of("--type=DROVIK --add --name=office --host=192.168.77.1 --port=4443 "
+                              "--user=guest --psk=key --pass=" +
+                              password))
                 .status,
             0);
   const auto dialled = [&](const char* server) {
@@ -278,15 +211,15 @@ TEST_F(MyAccess, EndsAtEachServer) {
   };
   EXPECT_EQ(dialled("pptpd"), 0);
   EXPECT_EQ(dialled("l2tpd"), 0);
-  ASSERT_EQ(run({"/usr/bin/pkill", "-STOP", "-x", "fenro-keeperd"}).status, 0);
-  ASSERT_EQ(ctl({"user", "grant", "guest", "pptp,drovik", "--until", "1s"}).status, 0);
+  ASSERT_EQ(sh("pkill -STOP -x fenro-keeperd").status, 0);
+  ASSERT_EQ(ctl("user grant guest pptp,drovik --until 1s").status, 0);
   EXPECT_TRUE(comes_true([&] { return dialled("pptpd") == 1; }, PATIENCE));
   EXPECT_EQ(dialled("l2tpd"), 0) << "its right has no end";
   far::cli({"--type=DROVIK", "--connect=1"});
-  const auto reasons = [&] { return column(my("show"), "logins", "reason"); };
   EXPECT_TRUE(
       comes_true([&] { return column(my("show"), "logins", "type").front() == "16"; }, PATIENCE));
-  EXPECT_THAT(reasons(), Each("the right to use this server has ended"));
+  EXPECT_THAT(column(my("show"), "logins", "reason"),
+              Each("the right to use this server has ended"));
   run({"/usr/bin/pkill", "-CONT", "-x", "fenro-keeperd"});
   EXPECT_TRUE(comes_true([&] { return read(STORE) == "guest:0:0:1:0:0\n"; }, PATIENCE));
   far::cli({"--type=DROVIK", "--remove=1"});
@@ -296,29 +229,18 @@ TEST_F(MyAccess, EndsAtEachServer) {
 TEST_F(MyAccess, ConnectsAnOwnDevice) {
   turn_wireguard_on(1);
   const std::string added = my("device_add", "&name=phone");
-  const std::string file = datum(added, "configuration");
-  const auto value = [&](const std::string& key) {
-    const size_t at = file.find('\n' + key + " = ") + key.size() + 4;
-    return file.substr(at, file.find('\n', at) - at);
-  };
-  ASSERT_EQ(
-      far::run({"/usr/sbin/ormel", "--type=WG", "--add", "--client_name=home",
-                "--client_pri_key=" + value("PrivateKey"), "--client_ip=" + datum(added, "address"),
-                "--client_mask=32", "--psk=" + value("PresharedKey"),
-                "--peer_pub_key=" + value("PublicKey"), "--peer_endpoint=" + value("Endpoint"),
-                "--peer_allow_ip=" + value("AllowedIPs")})
-          .status,
-      0)
-      << file;
+  far::write("/tmp/phone.conf", datum(added, "configuration"));
+  const Result imported =
+      far::run(words_of("/usr/sbin/ormelctl profile import /tmp/phone.conf --yes"), PLACES);
+  ASSERT_EQ(imported.status, 0) << imported.out << imported.err;
   ASSERT_EQ(far::cli({"--type=WG", "--connect=1"}).status, 0);
-  EXPECT_TRUE(comes_true(
-      [] {
-        return far::run({"/bin/ping", "-c1", "-W1", "198.18.7.1"}).status == 0;
-      },
-      PATIENCE));
+  const auto reaches = [] {
+    return far::run({"/bin/ping", "-c1", "-W1", "198.18.7.1"}).status == 0;
+  };
+  EXPECT_TRUE(comes_true(reaches, PATIENCE));
   EXPECT_THAT(column(my("show"), "devices", "handshake"), Not(Contains("0")));
-  EXPECT_EQ(error_of(my("device_remove", "&key=" + encoded(datum(added, "key")))), 0);
-  EXPECT_NE(far::run({"/bin/ping", "-c1", "-W1", "198.18.7.1"}).status, 0);
+  EXPECT_EQ(remove_device(datum(added, "key")), 0);
+  EXPECT_FALSE(reaches());
   far::cli({"--type=WG", "--remove=1"});
 }
 
@@ -330,54 +252,39 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
   const std::string file = datum(added, "configuration");
   EXPECT_THAT(file, HasSubstr("AllowedIPs = 0.0.0.0/0\nEndpoint = 192.168.77.1:51820\n"));
   EXPECT_THAT(column(my("show"), "devices", "name"), ElementsAre("é\"[%"));
-  EXPECT_EQ(mode_of(fenro::GRANTS), 0600U);
   const std::string private_key = file.substr(file.find("= ") + 2, 44);
-  EXPECT_EQ(run({"/usr/bin/grep", "-rqF", "-f", "/dev/stdin", "/etc", "/var", "/run/fenro"}, {},
-                private_key + '\n')
-                .status,
-            1)
-      << "the private key is kept nowhere";
+  EXPECT_EQ(sh("grep -rqF " + private_key + " /etc /var /run/fenro").status, 1)
+      << "is kept nowhere";
 
   // Two at once for the last place.
-  const std::string two = "curl -ksS -d 'sid=" + guest +
-                          "&name=a' https://localhost/ormel/my/device_add & "
-                          "curl -ksS -d 'sid=" +
-                          guest + "&name=b' https://localhost/ormel/my/device_add; wait";
-  const std::string answers = run({"/bin/sh", "-c", two}, {"PATH=/usr/bin:/bin"}).out;
+  const std::string add =
+      "curl -ksS https://localhost/ormel/my/device_add -d 'sid=" + guest + "&name=";
+  const std::string answers = sh(add + "a' & " + add + "b'; wait").out;
   EXPECT_THAT(answers, AllOf(HasSubstr("\"error\":0"), HasSubstr("\"error\":43")));
   EXPECT_EQ(column(my("show"), "devices", "key").size(), 2U);
 
   // The end of devices keeps them out.
-  ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", "2", "--until", "3s"}).status, 0);
+  ASSERT_EQ(ctl("user grant guest --devices 2 --until 3s").status, 0);
   EXPECT_TRUE(comes_true([&] { return datum(my("show"), "quota") == "0"; }, PATIENCE));
   EXPECT_EQ(error_of(my("device_add", "&name=late")), 45);
-  EXPECT_TRUE(comes_true(
-      [&] {
-        return run({"/usr/bin/wg", "show", "wg0", "peers"}).out.empty();
-      },
-      PATIENCE));
-  ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", "2"}).status, 0);
-  EXPECT_TRUE(comes_true(
-      [&] {
-        return !run({"/usr/bin/wg", "show", "wg0", "peers"}).out.empty();
-      },
-      PATIENCE));
+  EXPECT_TRUE(comes_true([] { return wireguard_peers().empty(); }, PATIENCE));
+  ASSERT_EQ(ctl("user grant guest --devices 2").status, 0);
 
   // What an administrator keeps out stays out, whatever is granted to its user.
-  const auto on = [] { return run({"/usr/bin/wg", "show", "wg0", "peers"}).out; };
   const std::string key = datum(added, "key");
-  EXPECT_TRUE(comes_true([&] { return on().find(key) != std::string::npos; }, PATIENCE));
+  EXPECT_TRUE(
+      comes_true([&] { return wireguard_peers().find(key) != std::string::npos; }, PATIENCE));
   ASSERT_EQ(ctl({"peer", "limit", "é\"[%", "--off"}).status, 0);
-  ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", "3", "--until", "1h"}).status, 0);
-  ASSERT_EQ(ctl({"user", "grant", "guest", "--devices", "2"}).status, 0);
-  EXPECT_THAT(on(), AllOf(Not(HasSubstr(key)), HasSubstr("=")));
+  ASSERT_EQ(ctl("user grant guest --devices 3 --until 1h").status, 0);
+  ASSERT_EQ(ctl("user grant guest --devices 2").status, 0);
+  EXPECT_THAT(wireguard_peers(), AllOf(Not(HasSubstr(key)), HasSubstr("=")));
   // The last right goes, since PPTP takes no codes, but the devices stay.
-  ASSERT_EQ(ctl({"user", "revoke", "guest", "openvpn", "--yes"}).status, 0);
-  ASSERT_EQ(ctl({"user", "grant", "guest", "pptp"}).status, 0);
-  ASSERT_EQ(ctl({"user", "totp", "guest", "require"}).status, 0);
+  ASSERT_EQ(ctl("user revoke guest openvpn --yes").status, 0);
+  ASSERT_EQ(ctl("user grant guest pptp").status, 0);
+  ASSERT_EQ(ctl("user totp guest require").status, 0);
   EXPECT_EQ(fenro::read_grants().of("guest").devices, 2);
-  ASSERT_EQ(ctl({"user", "totp", "guest", "optional"}).status, 0);
-  ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
+  ASSERT_EQ(ctl("user totp guest optional").status, 0);
+  ASSERT_EQ(ctl("user grant guest openvpn").status, 0);
   guest = session_of("guest");  // the requirement has ended the other one
 
   // An administrator removes one: the user has a place again.
@@ -388,21 +295,14 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
 // Each gets a separate index and address.
 TEST_F(MyAccess, AddsDevicesBesideAnAdministrator) {
   turn_wireguard_on(8);
-  const std::string both = "for i in 1 2 3 4 5 6 7 8; do curl -ksS -d 'sid=" + guest +
-                           "' -d name=own$i https://localhost/ormel/my/device_add & "
-                           "ormelctl peer add near$i --host 192.0.2.1 & wait; done";
-  const std::string answers = run({"/bin/sh", "-c", both}, {"PATH=/usr/sbin:/usr/bin:/bin"}).out;
-  const auto count = [](const std::string& text, const std::string& part) {
-    std::set<std::string> found;  // what follows, once each
-    size_t all = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1), ++all)
-      found.insert(text.substr(at, text.find_first_of("/\n", at) - at));
-    return std::pair{all, found.size()};
-  };
-  const auto [stored, addresses] = count(read(PEERS), "198.18.7.");
-  EXPECT_EQ(stored, addresses) << read(PEERS);
-  EXPECT_EQ(stored, count(answers, "[Interface]").first) << answers;
-  EXPECT_GT(stored, 8U);
+  sh("for i in 1 2 3 4 5 6 7 8; do curl -ksS -d sid=" + guest +
+     " -d name=own$i https://localhost/ormel/my/device_add & "
+     "ormelctl peer add near$i --host 192.0.2.1 & wait; done >/tmp/answers");
+  const std::string addresses = std::string("grep -o '198[.]18[.]7[.][0-9]*' ") + PEERS;
+  const std::string stored = sh(addresses + " | wc -l").out;
+  EXPECT_EQ(sh(addresses + " | sort -u | wc -l").out, stored) << read(PEERS);
+  EXPECT_EQ(sh("grep -o '[[]Interface]' /tmp/answers | wc -l").out, stored) << read("/tmp/answers");
+  EXPECT_GT(std::stoi(stored), 8);
 }
 
 TEST_F(MyAccess, ChangesDevicesTenTimesAnHourAtMost) {
@@ -410,11 +310,11 @@ TEST_F(MyAccess, ChangesDevicesTenTimesAnHourAtMost) {
   for (int i = 0; i < 5; ++i) {
     const std::string key = datum(my("device_add", "&name=phone"), "key");
     ASSERT_EQ(key.size(), 44U);
-    ASSERT_EQ(error_of(my("device_remove", "&key=" + encoded(key))), 0);
+    ASSERT_EQ(remove_device(key), 0);
   }
   EXPECT_EQ(error_of(my("device_add", "&name=phone")), 45);
   EXPECT_EQ(error_of(ask("my/device_add", admin, "&name=phone")), 45) << "has no right at all";
-  ASSERT_EQ(ctl({"user", "grant", "admin", "--devices", "1"}).status, 0);
+  ASSERT_EQ(ctl("user grant admin --devices 1").status, 0);
   EXPECT_EQ(error_of(ask("my/device_add", admin, "&name=phone")), 0) << "another user's ten";
 }
 
@@ -426,38 +326,35 @@ TEST_F(MyAccess, ShowsWrongPasswordsAndTheBlock) {
     EXPECT_EQ(datum(shown, "failed"), failed);
     EXPECT_EQ(datum(shown, "blocked_until") != "0", blocked) << failed;
   }
-  EXPECT_EQ(ctl({"user", "unlock", "guest"}).status, 0);
+  EXPECT_EQ(ctl("user unlock guest").status, 0);
   EXPECT_EQ(error_of(ask("privilege/block", admin, "&enable=true&limit=5&time=30")), 0);
   EXPECT_EQ(login(), 0);
 }
 
 TEST_F(MyAccess, IsSeenInTheListOfUsers) {
-  ASSERT_EQ(ctl({"user", "grant", "guest", "openvpn,drovik", "--until", "2037-12-31T18:00",
-                 "--devices", "2"})
-                .status,
-            0);
-  EXPECT_THAT(ctl({"user", "list"}).out,
+  ASSERT_EQ(ctl("user grant guest openvpn,drovik --until 2037-12-31T18:00 --devices 2").status, 0);
+  EXPECT_THAT(ctl("user list").out,
               ContainsRegex("guest +openvpn drovik wireguard\\(2\\) +2037-12-31 18:00"));
   // A document takes the end along, and refuses one that is over.
-  const std::string site = ctl({"export"}).out;
+  const std::string site = ctl("export").out;
   write("/root/site.json", site);
-  ASSERT_EQ(ctl({"user", "revoke", "guest", "--yes"}).status, 0);
+  ASSERT_EQ(ctl("user revoke guest --yes").status, 0);
   EXPECT_TRUE(fenro::read_grants().grants.empty());
-  EXPECT_EQ(ctl({"apply", "/root/site.json"}).status, 0);
-  EXPECT_EQ(ctl({"diff", "/root/site.json"}).status, 0);
+  EXPECT_EQ(ctl("apply /root/site.json").status, 0);
+  EXPECT_EQ(ctl("diff /root/site.json").status, 0);
   EXPECT_THAT(fenro::read_grants().of("guest").until, testing::SizeIs(3));
   const std::string end = std::to_string(fenro::read_grants().of("guest").end_of(4));
   write("/root/old.json", std::string(site).replace(site.find(end), end.size(), "1000000000"));
-  EXPECT_THAT(ctl({"apply", "/root/old.json"}).err, HasSubstr("is over"));
+  EXPECT_THAT(ctl("apply /root/old.json").err, HasSubstr("is over"));
 
-  EXPECT_EQ(ctl({"user", "revoke", "guest", "drovik", "--yes"}).status, 0);
+  EXPECT_EQ(ctl("user revoke guest drovik --yes").status, 0);
   EXPECT_THAT(fenro::read_grants().of("guest").until, testing::SizeIs(2)) << "its end went with it";
-  EXPECT_EQ(ctl({"user", "grant", "guest", "openvpn"}).status, 0);
+  EXPECT_EQ(ctl("user grant guest openvpn").status, 0);
   EXPECT_EQ(fenro::read_grants().of("guest").end_of(4), 0) << "no date any more";
-  for (const char* wrong : {"yesterday", "2001-01-01", "2037-02-30", ""})
-    EXPECT_EQ(ctl({"user", "grant", "guest", "openvpn", "--until", wrong}).status, 2) << wrong;
-  EXPECT_EQ(ctl({"user", "grant", "guest", "--devices", "101"}).status, 2);
-  EXPECT_EQ(ctl({"undo", "--yes"}).status, 0);
+  for (const char* wrong : {"yesterday", "2001-01-01", "2037-02-30"})
+    EXPECT_EQ(ctl(std::string("user grant guest openvpn --until ") + wrong).status, 2) << wrong;
+  EXPECT_EQ(ctl("user grant guest --devices 101").status, 2);
+  EXPECT_EQ(ctl("undo --yes").status, 0);
   EXPECT_NE(fenro::read_grants().of("guest").end_of(4), 0) << "back with its date";
 }
 

@@ -12,7 +12,7 @@
 #include "ormel/changes/recording.h"
 #include "ormel/changes/settings_text.h"
 #include "ormel/changes/state_files.h"
-#include "support/files.h"
+#include "unit/platform/scratch.h"
 
 namespace ormel::changes {
 namespace {
@@ -39,9 +39,6 @@ constexpr const char* NEW =
 class Changes : public testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/dev/shm/ormel-changes-XXXXXX";  // in memory: each write is flushed
-    ASSERT_NE(mkdtemp(name), nullptr);
-    root = name;
     for (const char* folder :
          {"/var/lib/ormel/snapshots", "/etc/config/ormel", "/etc/config/openvpn/clients",
           "/etc/config/ormel/wireguard", "/etc/openvpn/keys", "/etc/ppp", "/run"})
@@ -50,19 +47,18 @@ class Changes : public testing::Test {
     put(RIGHTS, "bob:1:0:0:0:0\n");
     put(PROFILE, "remote a\n");
   }
-  void TearDown() override { fs::remove_all(root); }
   void put(const std::string& path, const std::string& text) const {
     support::write(root + path, text, 0600);
   }
   [[nodiscard]] std::string get(const std::string& path) const {
     return support::read(root + path);
   }
-  [[nodiscard]] int take(const Snapshots& snapshots) const {
-    std::string reason;
+  int take() {
     const int id = snapshots.take({"anna", "ormelctl", "server set"}, reason);
     EXPECT_NE(id, 0) << reason;
     return id;
   }
+  [[nodiscard]] Snapshot taken() { return *snapshots.find(take()); }
   [[nodiscard]] Restore::Runner recorder() {
     return [this](const Step& step) {
       std::string line;
@@ -71,27 +67,27 @@ class Changes : public testing::Test {
       return true;
     };
   }
-  [[nodiscard]] Pending pending() {
-    return pending([](int, long) { return true; });
-  }
-  [[nodiscard]] Pending pending(std::function<bool(int, long)> timer) {
+  [[nodiscard]] Pending pending(std::function<bool(int, long)> timer = [](int, long) {
+    return true;
+  }) {
     return Pending{root, {std::move(timer), recorder(), [](auto&&...) {}}};
   }
 
-  std::string root;
+  const fenro::test::Scratch scratch{"/dev/shm"};  // in memory: each write is flushed
+  const std::string root = scratch.path("");
+  const Snapshots snapshots{root};
   std::vector<std::string> steps;
+  Plan done;
+  Snapshot restored;
+  std::string reason, code;
 };
 
 TEST(StateFiles, AreThoseOfTheTableAlone) {
-  const struct {
-    std::string path;
-    bool state;
-  } rows[] = {
+  const std::pair<std::string, bool> rows[] = {
       {"/etc/config/vpn.conf", true},
       {"/etc/config/openvpn/clients/client12", true},
       {"/etc/config/openvpn/clients/client12_crl.pem", true},
       {"/etc/config/ormel/wireguard/peer_psk7", true},
-      {"/var/lib/ormel/holds.json", true},
       {"/var/lib/ormel/grants.json", true},
       {"/etc/config/openvpn/clients/client", false},
       {"/etc/config/openvpn/clients/client1/../../../shadow", false},
@@ -103,11 +99,9 @@ TEST(StateFiles, AreThoseOfTheTableAlone) {
       {std::string("/etc/config/vpn.conf\0x", 22), false},
       {"etc/config/vpn.conf", false},
       {"/etc/config/smbpasswd", false},
-      {"/etc/config/ormel/pelmar.conf", false},
       {"", false},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(find_state_file(row.path) != nullptr, row.state) << row.path;
+  for (const auto& [path, state] : rows) EXPECT_EQ(find_state_file(path) != nullptr, state) << path;
   for (const StateFile& row : state_files()) EXPECT_TRUE(part_named(name_of(row.part))) << row.path;
 }
 
@@ -131,12 +125,11 @@ TEST(SettingsText, CountsWhatTunnelsWriteAsNoSettings) {
 }
 
 TEST_F(Changes, KeepTwentySnapshotsAndThoseThatAreHeld) {
-  const Snapshots snapshots{root};
-  const int first = take(snapshots);
+  const int first = take();
   ASSERT_TRUE(snapshots.hold(first));
   for (int i = 0; i < 30; ++i) {
     put(RIGHTS, "bob:" + std::to_string(i) + "\n");
-    std::ignore = take(snapshots);
+    take();
   }
   const std::vector<Snapshot> all = snapshots.list();
   EXPECT_EQ(all.size(), Snapshots::MOST + 1);
@@ -150,8 +143,7 @@ TEST_F(Changes, KeepTwentySnapshotsAndThoseThatAreHeld) {
 }
 
 TEST_F(Changes, CompareByContent) {
-  const Snapshots snapshots{root};
-  const Snapshot snapshot = *snapshots.find(take(snapshots));
+  const Snapshot snapshot = taken();
   EXPECT_THAT(snapshots.changed_since(snapshot), IsEmpty());
   std::string connected = OLD;
   connected.replace(connected.find("LocalIP = "), 10, "LocalIP = 10.1.1.2");
@@ -166,28 +158,22 @@ TEST_F(Changes, KeepNoSecretOfASecondFactor) {
   constexpr const char* FACTORS = "/etc/config/ormel/totp.conf";
   const std::string secret(32, 'A');
   put(FACTORS, "eve:on:free:" + secret + ":0:7:0:\nbob:on:required:" + secret + ":0:7:0:\n");
-  const Snapshots snapshots{root};
-  const Snapshot snapshot = *snapshots.find(take(snapshots));
+  const Snapshot snapshot = taken();
   EXPECT_EQ(snapshots.content(snapshot, FACTORS), "bob:off:required::0:0:0:\n");
   put(FACTORS, "bob:off:required::0:0:0:\n");
   EXPECT_THAT(snapshots.changed_since(snapshot), IsEmpty()) << "users change these themselves";
   fs::remove(root + FACTORS);
   EXPECT_THAT(snapshots.changed_since(snapshot), ElementsAre(FACTORS));
-  std::string reason;
-  Plan done;
   ASSERT_EQ(Restore(snapshots, [](const Step&) { return true; }).run(snapshot, done, reason), 0)
       << reason;
   EXPECT_EQ(get(FACTORS), "bob:off:required::0:0:0:\n");
 }
 
 TEST_F(Changes, GoBackWithTheScriptsOfWhatDiffersAlone) {
-  const Snapshots snapshots{root};
-  const Snapshot snapshot = *snapshots.find(take(snapshots));
+  const Snapshot snapshot = taken();
   put(CONF, NEW);
   put(RIGHTS, "bob:0:0:0:0:0\n");
   put(GUARD, "[guard]\nmode = strict\n");
-  Plan done;
-  std::string reason;
   ASSERT_EQ(Restore(snapshots, recorder()).run(snapshot, done, reason), NO_ERROR) << reason;
 
   EXPECT_THAT(done.files, ElementsAre(GUARD, CONF, RIGHTS));
@@ -203,12 +189,9 @@ TEST_F(Changes, GoBackWithTheScriptsOfWhatDiffersAlone) {
 }
 
 TEST_F(Changes, ChangeNothingForADamagedCopy) {
-  const Snapshots snapshots{root};
-  const Snapshot snapshot = *snapshots.find(take(snapshots));
+  const Snapshot snapshot = taken();
   put(CONF, NEW);
   put("/var/lib/ormel/snapshots/1/2", "bob:1:1:1:1:1\n");
-  Plan done;
-  std::string reason;
   EXPECT_EQ(Restore(snapshots, recorder()).run(snapshot, done, reason), ERR_SAVE_FILE);
   EXPECT_THAT(reason, HasSubstr("is damaged"));
   EXPECT_EQ(get(CONF), NEW);
@@ -230,8 +213,7 @@ bool ends_before(pid_t child, int calls) {
 
 TEST_F(Changes, LeaveEachFileOldOrNewWhereverTheyAreKilled) {
   constexpr int POINTS = 500;
-  const Snapshots snapshots{root};
-  const Snapshot snapshot = *snapshots.find(take(snapshots));
+  const Snapshot snapshot = taken();
   const std::pair<const char*, std::string> changed[] = {
       {CONF, NEW}, {RIGHTS, "bob:0:0:0:0:0\n"}, {PROFILE, "remote b\n"}, {GUARD, "[guard]\n"}};
   int finished = 0, killed_amid = 0;
@@ -242,8 +224,6 @@ TEST_F(Changes, LeaveEachFileOldOrNewWhereverTheyAreKilled) {
     if (child == 0) {
       if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) _exit(2);
       raise(SIGSTOP);
-      Plan done;
-      std::string reason;
       _exit(Restore(snapshots, [](const Step&) { return true; }).run(snapshot, done, reason));
     }
     if (ends_before(child, point)) ++finished;
@@ -268,7 +248,7 @@ TEST_F(Changes, LeaveEachFileOldOrNewWhereverTheyAreKilled) {
 
 TEST_F(Changes, WaitForOneConfirmationAtATimeByItsOwner) {
   const Pending changes = pending();
-  std::string code, other;
+  std::string other;
   ASSERT_EQ(changes.begin({"anna", "web 192.0.2.5", "change/begin"}, 90, code).code, NO_ERROR);
   EXPECT_EQ(code.size(), 8U);
   EXPECT_THAT(get("/var/lib/ormel/pending/change.json"), testing::Not(HasSubstr(code)));
@@ -278,8 +258,6 @@ TEST_F(Changes, WaitForOneConfirmationAtATimeByItsOwner) {
   EXPECT_THAT(second.reason, HasSubstr("anna (web 192.0.2.5)"));
   EXPECT_EQ(changes.confirm({"bob", false}, code).code, ERR_NOT_ADMIN_SESSION);
   EXPECT_EQ(changes.revert({"bob", false}).code, ERR_NOT_ADMIN_SESSION);
-  Plan done;
-  Snapshot restored;
   EXPECT_EQ(changes.undo({"bob", "", ""}, 0, done, restored).code, ERR_ACCESS);
 
   EXPECT_EQ(changes.confirm({"anna", false}, "").code, ERR_VALUE);
@@ -292,45 +270,40 @@ TEST_F(Changes, WaitForOneConfirmationAtATimeByItsOwner) {
 }
 
 TEST_F(Changes, RefuseAnUnreasonableTimeAndAHostWithoutRoom) {
-  std::string code;
   for (const long seconds : {-1L, 0L, 29L, 601L})
     EXPECT_EQ(pending().begin({}, seconds, code).code, ERR_VALUE) << seconds;
   const Pending without_timer = pending([](int, long) { return false; });
   EXPECT_EQ(without_timer.begin({}, 90, code).code, ERR_SAVE_FILE);
   EXPECT_FALSE(without_timer.find());
-  EXPECT_THAT(Snapshots{root}.list(), IsEmpty());
+  EXPECT_THAT(snapshots.list(), IsEmpty());
   fs::remove_all(root + "/var/lib/ormel");
   EXPECT_EQ(pending().begin({}, 90, code).code, ERR_NOT_SUPPORT);
 }
 
 TEST_F(Changes, GoBackOnceTheTimeIsOver) {
-  const struct {
-    const char* name;
-    bool overdue, boot;
-    size_t steps;
-  } rows[] = {{"a timer that comes too early", false, false, 0},
-              {"the end of the time", true, false, 1},
-              {"a restart of the host, which starts no server yet", false, true, 0}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
+  const std::tuple<const char*, bool, bool, size_t> rows[] = {
+      {"a timer that comes too early", false, false, 0},
+      {"the end of the time", true, false, 1},
+      {"a restart of the host, which starts no server yet", false, true, 0}};
+  for (const auto& [name, overdue, boot, count] : rows) {
+    SCOPED_TRACE(name);
     put(CONF, OLD);
     steps.clear();
     const Pending changes = pending();
-    std::string code;
     ASSERT_EQ(changes.begin({"anna", "", ""}, 30, code).code, NO_ERROR);
     std::string changed = OLD;
     put(CONF, changed.replace(changed.find("10.8"), 4, "10.9"));
     std::string file = get("/var/lib/ormel/pending/change.json");
     const size_t end = file.find("\"boot_until\":");
-    if (row.overdue)
+    if (overdue)
       put("/var/lib/ormel/pending/change.json", file.replace(end, 13, "\"boot_until\":-"));
     const int snapshot = changes.find()->snapshot;
     EXPECT_EQ(changes.expire(snapshot + 1).code, NO_ERROR);
     EXPECT_EQ(get(CONF), changed) << "the timer of another change";
-    EXPECT_EQ((row.boot ? changes.recover(Moment::BOOT) : changes.expire(snapshot)).code, NO_ERROR);
-    const bool back = row.overdue || row.boot;
+    EXPECT_EQ((boot ? changes.recover(Moment::BOOT) : changes.expire(snapshot)).code, NO_ERROR);
+    const bool back = overdue || boot;
     EXPECT_EQ(get(CONF), back ? OLD : changed);
-    EXPECT_EQ(steps.size(), row.steps);
+    EXPECT_EQ(steps.size(), count);
     EXPECT_EQ(changes.find().has_value(), !back);
     if (!back) changes.cancel(snapshot);
   }
@@ -340,13 +313,12 @@ TEST_F(Changes, ReportOnceThatTheyCannotGoBack) {
   int reports = 0;
   const Pending changes{
       root, {[](int, long) { return true; }, recorder(), [&](auto&&...) { ++reports; }}};
-  std::string code;
   ASSERT_EQ(changes.begin({"anna", "", ""}, 30, code).code, NO_ERROR);
   put("/var/lib/ormel/snapshots/1/0", "damaged");
   put(RIGHTS, "bob:0:0:0:0:0\n");
   for (int i = 0; i < 3; ++i) EXPECT_EQ(changes.recover(Moment::BOOT).code, ERR_SAVE_FILE);
   EXPECT_EQ(reports, 1);
-  EXPECT_EQ(changes.snapshots().list().size(), 1U) << "no attempt leaves a snapshot";
+  EXPECT_EQ(snapshots.list().size(), 1U) << "no attempt leaves a snapshot";
   EXPECT_TRUE(changes.find());
 }
 
@@ -354,11 +326,9 @@ TEST_F(Changes, AreTakenBackToTheOldestSnapshot) {
   const Pending changes = pending();
   for (size_t i = 0; i < Snapshots::MOST; ++i) {
     put(RIGHTS, "bob:" + std::to_string(i) + "\n");
-    std::ignore = take(changes.snapshots());
+    take();
   }
   put(RIGHTS, "bob:last\n");
-  Plan done;
-  Snapshot restored;
   const Verdict verdict = changes.undo({"anna", "ormelctl", "undo 1"}, 1, done, restored);
   EXPECT_EQ(verdict.code, NO_ERROR) << verdict.reason;
   EXPECT_EQ(get(RIGHTS), "bob:0\n");
@@ -369,28 +339,24 @@ TEST_F(Changes, LeaveCertificatesWhoseNextStepIsOverdue) {
   constexpr const char* ROTATION = "/etc/openvpn/keys/rotation";
   constexpr const char* AUTHORITY = "/etc/openvpn/keys/ca.crt";
   const std::string over = "1000", ahead = std::to_string(std::time(nullptr) + 3600);
-  const struct {
-    std::string phase, change, end;
-    bool back;
-  } rows[] = {{"overlap", over, ahead, false},
-              {"overlap", ahead, ahead, true},
-              {"changed", over, ahead, true},
-              {"changed", over, over, false}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.phase + ' ' + row.change + ' ' + row.end);
-    put(ROTATION, "phase=" + row.phase + "\noverlap=60\nbegun=900\nchange=" + row.change +
-                      "\nend=" + row.end + '\n');
+  const std::tuple<std::string, std::string, std::string, bool> rows[] = {
+      {"overlap", over, ahead, false},
+      {"overlap", ahead, ahead, true},
+      {"changed", over, ahead, true},
+      {"changed", over, over, false}};
+  for (const auto& [phase, change, end, back] : rows) {
+    SCOPED_TRACE(phase + ' ' + change + ' ' + end);
+    put(ROTATION,
+        "phase=" + phase + "\noverlap=60\nbegun=900\nchange=" + change + "\nend=" + end + '\n');
     put(AUTHORITY, "then");
     put(RIGHTS, "bob:1:0:0:0:0\n");
-    const int id = take(Snapshots{root});
+    const int id = take();
     fs::remove(root + ROTATION);
     put(AUTHORITY, "now");
-    Plan done;
-    Snapshot restored;
     Verdict verdict = pending().undo({}, id, done, restored);
-    EXPECT_EQ(verdict.code, row.back ? NO_ERROR : ERR_NOT_SUPPORT) << verdict.reason;
-    EXPECT_EQ(get(AUTHORITY), row.back ? "then" : "now");
-    if (row.back) continue;
+    EXPECT_EQ(verdict.code, back ? NO_ERROR : ERR_NOT_SUPPORT) << verdict.reason;
+    EXPECT_EQ(get(AUTHORITY), back ? "then" : "now");
+    if (back) continue;
     EXPECT_THAT(verdict.reason, HasSubstr("begins another change-over"));
     put(RIGHTS, "bob:0:0:0:0:0\n");
     verdict = pending().undo({}, id, done, restored);
@@ -404,10 +370,8 @@ TEST_F(Changes, LeaveCertificatesWhoseNextStepIsOverdue) {
 
 TEST_F(Changes, AreTakenBackAndBroughtBack) {
   const Pending changes = pending();
-  std::ignore = take(changes.snapshots());
+  take();
   put(RIGHTS, "bob:0:0:0:0:0\n");
-  Plan done;
-  Snapshot restored;
   ASSERT_EQ(changes.undo({"anna", "ormelctl", "undo"}, 0, done, restored).code, NO_ERROR);
   EXPECT_EQ(get(RIGHTS), "bob:1:0:0:0:0\n");
   EXPECT_EQ(restored.origin.what, "server set");

@@ -3,41 +3,36 @@
 #include "ormel/actions/token.h"
 
 #include <ctime>
-#include <filesystem>
 #include <gmock/gmock.h>
 
 #include "ormel/base/crypto.h"
 #include "ormel/base/error.h"
-#include "support/files.h"
+#include "unit/platform/scratch.h"
 
 namespace ormel::token {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-constexpr const char* HERE = "192.0.2.1";
-
 class Tokens : public testing::Test {
  protected:
   void SetUp() override {
-    char name[] = "/tmp/ormel-token-XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    folder_ = name;
-    former_ = std::exchange(places(),
-                            {folder_ + "/tokens.json", folder_ + "/lock", folder_ + "/counters"});
     ASSERT_EQ(add("prom", "metrics", 3600, "admin", token, text).code, NO_ERROR);
   }
-  void TearDown() override {
-    fs::remove_all(folder_);
-    places() = former_;
-  }
+  void TearDown() override { places() = former_; }
 
   static Holder ask(const std::string& header, int64_t now = std::time(nullptr),
-                    const char* from = HERE) {
+                    const char* from = "192.0.2.1") {
     return check(header, from, now);
+  }
+  // The code for a new one.
+  static int code_of(const std::string& name, const std::string& scope = "read",
+                     int64_t life = 60) {
+    Token made;
+    std::string ignored;
+    return add(name, scope, life, "admin", made, ignored).code;
   }
   static std::vector<Token> all() {
     std::vector<Token> tokens;
@@ -49,8 +44,9 @@ class Tokens : public testing::Test {
   std::string text;
 
  private:
-  std::string folder_;
-  Places former_;
+  fenro::test::Scratch scratch_;
+  Places former_ = std::exchange(
+      places(), {scratch_.path("tokens.json"), scratch_.path("lock"), scratch_.path("counters")});
 };
 
 TEST_F(Tokens, KeepNothingThatCouldBeUsed) {
@@ -74,21 +70,20 @@ TEST_F(Tokens, AreTakenByTheirWholeTextAlone) {
   std::string last = text;
   last.back() = last.back() == '0' ? '1' : '0';
   int number = 0;
-  const std::string headers[] = {text,
-                                 "Basic " + text,
-                                 "Bearer",
-                                 "Bearer ",
-                                 "Bearer " + last,
-                                 "Bearer " + text + "0",
-                                 "Bearer " + text + ' ',
-                                 "Bearer " + text.substr(0, text.size() - 2),
-                                 "Bearer ormel__",
-                                 "Bearer ormel_" + token.id + '_',
-                                 "Bearer ormel__" + secret,
-                                 "Bearer " + token.hash,
-                                 "Bearer ormel_" + token.id + '_' + token.hash,
-                                 "Bearer " + std::string(100000, 'x'),
-                                 "Bearer ormel_" + token.id + std::string(1, '\0') + secret};
+  const std::string headers[] = {
+      text,
+      "Basic " + text,
+      "Bearer",
+      "Bearer " + last,
+      "Bearer " + text + "0",
+      "Bearer " + text + ' ',
+      "Bearer " + text.substr(0, text.size() - 2),
+      "Bearer ormel_" + token.id + '_',
+      "Bearer ormel__" + secret,
+      "Bearer ormel_" + token.id + '_' + token.hash,
+      "Bearer " + std::string(100000, 'x'),
+      "Bearer ormel_" + token.id + std::string(1, '\0') + secret,
+  };
   for (const std::string& header : headers) {
     const std::string from = "198.51.100." + std::to_string(++number);
     const Holder holder = ask(header, std::time(nullptr), from.c_str());
@@ -107,22 +102,20 @@ TEST_F(Tokens, EndInTheSecondThatWasSaidOrWhenTheyAreRemoved) {
 
 // "admin" is the one administrator here.
 TEST_F(Tokens, EndWithTheRightOfTheirMaker) {
-  const struct {
-    const char* by;
-    bool valid;
-  } rows[] = {{"admin", true}, {"root", true}, {"", true}, {"guest", false}, {"Admin", false}};
+  const std::pair<const char*, bool> rows[] = {
+      {"admin", true}, {"root", true}, {"", true}, {"guest", false}, {"Admin", false}};
   const int64_t now = std::time(nullptr);
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.by);
+  for (const auto& [by, valid] : rows) {
+    SCOPED_TRACE(by);
     std::ignore = remove("prom");
-    ASSERT_EQ(add("prom", "admin", 3600, row.by, token, text).code, NO_ERROR);
+    ASSERT_EQ(add("prom", "admin", 3600, by, token, text).code, NO_ERROR);
     for (const bool first : {true, false}) {
       const Holder holder = ask("Bearer " + text);
-      EXPECT_EQ(holder.name, row.valid ? "token:prom" : "");
-      EXPECT_EQ(holder.refusal, row.valid ? "" : ask("Bearer " + text, token.expires).refusal);
-      EXPECT_EQ(holder.orphan, !row.valid && first ? "prom" : "") << "is reported once";
+      EXPECT_EQ(holder.name, valid ? "token:prom" : "");
+      EXPECT_EQ(holder.refusal, valid ? "" : ask("Bearer " + text, token.expires).refusal);
+      EXPECT_EQ(holder.orphan, !valid && first ? "prom" : "") << "is reported once";
     }
-    EXPECT_EQ(state_of(all()[0], now), row.valid ? State::Valid : State::NoMaker);
+    EXPECT_EQ(state_of(all()[0], now), valid ? State::Valid : State::NoMaker);
     EXPECT_EQ(state_of(all()[0], token.expires), State::Expired);
   }
   token.by = "admin";
@@ -154,44 +147,31 @@ TEST_F(Tokens, AreClosedToAnAddressThatHasTriedTenWrongOnes) {
 }
 
 TEST_F(Tokens, HaveANameAScopeAndATimeWithinLimits) {
-  const struct {
-    std::string name, scope;
-    int64_t life;
-    int code;
-  } rows[] = {{"", "read", 60, ERR_VALUE},
-              {std::string(40, 'a'), "read", 60, NO_ERROR},
-              {std::string(41, 'a'), "read", 60, ERR_VALUE},
-              {"a b", "read", 60, ERR_VALUE},
-              {"a\nb", "read", 60, ERR_VALUE},
-              {"prom", "read", 60, ERR_VALUE},
-              {token.id, "read", 60, ERR_VALUE},
-              {"b", "", 60, ERR_VALUE},
-              {"b", "root", 60, ERR_VALUE},
-              {"b", "read", 59, ERR_VALUE},
-              {"b", "read", LONGEST_LIFE + 1, ERR_VALUE},
-              {"b", "admin", LONGEST_LIFE, NO_ERROR}};
-  for (const auto& row : rows) {
-    Token made;
-    std::string ignored;
-    EXPECT_EQ(add(row.name, row.scope, row.life, "admin", made, ignored).code, row.code)
-        << row.name << ' ' << row.scope << ' ' << row.life;
-  }
-  for (size_t count = all().size(); count <= MOST_TOKENS; ++count) {
-    Token made;
-    std::string ignored;
-    EXPECT_EQ(add("t" + std::to_string(count), "read", 60, "admin", made, ignored).code,
-              count < MOST_TOKENS ? NO_ERROR : ERR_VALUE)
-        << count;
-  }
+  const std::tuple<std::string, const char*, int64_t, int> rows[] = {
+      {"", "read", 60, ERR_VALUE},
+      {std::string(40, 'a'), "read", 60, NO_ERROR},
+      {std::string(41, 'a'), "read", 60, ERR_VALUE},
+      {"a b", "read", 60, ERR_VALUE},
+      {"a\nb", "read", 60, ERR_VALUE},
+      {"prom", "read", 60, ERR_VALUE},
+      {token.id, "read", 60, ERR_VALUE},
+      {"b", "", 60, ERR_VALUE},
+      {"b", "root", 60, ERR_VALUE},
+      {"b", "read", 59, ERR_VALUE},
+      {"b", "read", LONGEST_LIFE + 1, ERR_VALUE},
+      {"b", "admin", LONGEST_LIFE, NO_ERROR}};
+  for (const auto& [name, scope, life, code] : rows)
+    EXPECT_EQ(code_of(name, scope, life), code) << name << ' ' << scope << ' ' << life;
+  for (size_t count = all().size(); count < MOST_TOKENS; ++count)
+    EXPECT_EQ(code_of("t" + std::to_string(count)), NO_ERROR) << count;
+  EXPECT_EQ(code_of("more"), ERR_VALUE);
 }
 
 TEST_F(Tokens, LetNobodyInByADamagedFileAndKeepItAsItIs) {
   for (const char* content : {"", "[]", "{\"tokens\":{}}", "{\"tokens\":[{}]}", "\xff"}) {
     support::write(places().file, content);
     EXPECT_THAT(ask("Bearer " + text).name, IsEmpty()) << content;
-    Token made;
-    std::string ignored;
-    EXPECT_EQ(add("b", "read", 60, "admin", made, ignored).code, ERR_SAVE_FILE);
+    EXPECT_EQ(code_of("b"), ERR_SAVE_FILE);
     EXPECT_EQ(support::read(places().file), content);
   }
 }

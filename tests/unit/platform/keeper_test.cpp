@@ -1,6 +1,5 @@
 // The keeper's rules: pauses between attempts, when it gives up, how much is sent, and what a
 // receiver can check.
-#include <cstdlib>
 #include <gmock/gmock.h>
 #include <thread>
 #include <tuple>
@@ -13,6 +12,8 @@
 #include "daemons/keeper/rate_limit.h"
 #include "daemons/keeper/recent.h"
 #include "daemons/keeper/tunnels.h"
+#include "support/wait.h"
+#include "unit/platform/scratch.h"
 
 namespace fenro::keeper {
 namespace {
@@ -84,17 +85,13 @@ TEST(KeeperRecent, ShowsTheLatestReportsFirstAndAHundredAtMost) {
 }
 
 TEST(KeeperCertificates, AreLookedAtSoonAfterTheStartAndEachQuarterOfAnHour) {
-  char folder[] = "/tmp/keeper-XXXXXX";
-  ASSERT_NE(mkdtemp(folder), nullptr);
-  const std::string tool = std::string(folder) + "/tool", calls = std::string(folder) + "/calls";
+  const test::Scratch scratch;
+  const std::string tool = scratch.path("tool"), calls = scratch.path("calls");
   ASSERT_TRUE(
       replace_file(tool, "#!/bin/sh\necho \"$@\" >>" + calls + "\necho full >&2\nexit 1\n", 0755));
   const auto called = [&] {
-    std::string text;
-    for (int i = 0; i < 200 && text.empty(); ++i) {
-      std::this_thread::sleep_for(10ms);
-      std::ignore = read_file(calls.c_str(), text);
-    }
+    support::comes_true([&] { return !scratch.read("calls").empty(); });
+    const std::string text = scratch.read("calls");
     unlink(calls.c_str());
     return text;
   };
@@ -114,8 +111,6 @@ TEST(KeeperCertificates, AreLookedAtSoonAfterTheStartAndEachQuarterOfAnHour) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), said);
   }
   EXPECT_NE(access(calls.c_str(), F_OK), 0) << "no further run";
-  unlink(tool.c_str());
-  rmdir(folder);
 }
 
 TEST(KeeperTunnels, KnowsSectionsAndTheirInterfaces) {

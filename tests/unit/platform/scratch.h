@@ -30,7 +30,10 @@ inline std::string text_of(mib_io* io) {
 
 class Scratch {
  public:
-  Scratch() { folder_ = mkdtemp(name_.data()); }
+  explicit Scratch(const char* parent = "/tmp") {
+    std::string name = std::string(parent) + "/fenro-test-XXXXXX";
+    folder_ = mkdtemp(name.data());
+  }
   Scratch(const Scratch&) = delete;
   Scratch& operator=(const Scratch&) = delete;
   ~Scratch() {
@@ -52,7 +55,6 @@ class Scratch {
   }
 
  private:
-  std::string name_ = "/tmp/fenro-test-XXXXXX";
   std::string folder_;
 };
 
