@@ -101,13 +101,21 @@ inline Result cli(std::vector<std::string> options) {
   return run(options);
 }
 
-inline Result ctl(std::vector<std::string> words) {
+inline const std::vector<std::string> PLACES{"PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
+
+inline Result ctl(std::vector<std::string> words, const std::string& input = {}) {
   words.insert(words.begin(), "/usr/sbin/ormelctl");
-  return run(words);
+  return run(words, PLACES, input);
+}
+
+// An account's password here.
+inline std::string password_of(const std::string& user) {
+  const std::string text = read("/var/lib/appliance/password." + user);
+  return text.substr(0, text.find('\n'));
 }
 
 // The name of a new session.
-inline std::string begin_session(const char* user) {
+inline std::string begin_session(const std::string& user) {
   return run({"/usr/lib/fenro/fenro-session", "create", user}).out.substr(0, 8);
 }
 
@@ -118,7 +126,7 @@ inline std::string conf_value(const std::string& section, const std::string& key
 }
 
 inline Result shell(const std::string& script) {
-  return run({"/bin/sh", "-c", script});
+  return run({"/bin/sh", "-c", script}, PLACES);
 }
 
 // Starts a daemon again, which lives on for the next test, and ends with the appliance.

@@ -13,16 +13,9 @@
 
 namespace ormel::test {
 
-inline const std::vector<std::string> PLACES{"PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
-
 inline std::vector<std::string> words_of(const std::string& line) {
   std::istringstream in(line);
   return {std::istream_iterator<std::string>(in), {}};
-}
-
-inline Result ctl(std::vector<std::string> words, const std::string& input = {}) {
-  words.insert(words.begin(), "/usr/sbin/ormelctl");
-  return run(words, PLACES, input);
 }
 
 // The words as they are typed, none with a space in it.
@@ -41,23 +34,9 @@ inline Result done(const std::string& line, const std::string& input = {}) {
   return ended(0, line, input);
 }
 
-inline Result sh(const std::string& command) {
-  return run({"/bin/sh", "-c", command}, PLACES);
-}
-
 // The keys of the devices that may connect.
 inline std::string wireguard_peers() {
   return run({"/usr/bin/wg", "show", "wg0", "peers"}).out;
-}
-
-// An account's password here.
-inline std::string password_of(const std::string& user) {
-  const std::string text = read("/var/lib/appliance/password." + user);
-  return text.substr(0, text.find('\n'));
-}
-
-inline std::string session_of(const std::string& user) {
-  return run({"/usr/lib/fenro/fenro-session", "create", user}).out.substr(0, 8);
 }
 
 inline Json parsed(const std::string& text) {

@@ -75,11 +75,6 @@ inline std::string part(const std::string& name, const std::string& data,
          data + "\r\n";
 }
 
-inline std::string password_of(const std::string& user) {
-  const std::string line = read("/var/lib/appliance/password." + user);
-  return line.substr(0, line.find('\n'));
-}
-
 // How often a text holds a word.
 inline size_t occurrences(const std::string& text, const std::string& word) {
   size_t count = 0;

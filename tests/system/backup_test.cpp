@@ -31,8 +31,9 @@ Result far_ctl(const std::string& line) {
 
 // All files of state as they are: a name and a digest a line.
 std::string state() {
-  return sh("find /etc/config /etc/openvpn/keys /etc/ppp /var/lib/ormel -type f ! -name '*.db*' "
-            "! -path '*/snapshots/*' ! -path '*/audit/*' -exec sha256sum {} + | sort")
+  return shell(
+             "find /etc/config /etc/openvpn/keys /etc/ppp /var/lib/ormel -type f ! -name '*.db*' "
+             "! -path '*/snapshots/*' ! -path '*/audit/*' -exec sha256sum {} + | sort")
       .out;
 }
 
@@ -265,7 +266,7 @@ TEST_F(Backup, BringsCopiesOfProfilesBesideThePresentOnes) {
 
 TEST_F(Backup, IsMadeShownAndRestoredOverTheWeb) {
   ctl("profile add pptp --name a --host 192.0.2.1");
-  const std::string admin = session_of("admin"), guest = session_of("guest");
+  const std::string admin = begin_session("admin"), guest = begin_session("guest");
   const std::string secret = "passphrase=" + PASSPHRASE;
   EXPECT_THAT(
       run({"/usr/bin/curl", "-ksS", "-o", "/root/web.ormel", "-D", "/dev/stdout", "--data",
@@ -316,10 +317,10 @@ TEST_F(Backup, ADocumentIsAppliedOnceAndRefusedWhole) {
   EXPECT_EQ(conf_value("OPENVPN", "Max Client"), "20");
   EXPECT_EQ(conf_value("L2TP_CLIENT1", "PSK"), "abc");
   const std::string settled = state();
-  EXPECT_EQ(sh("strace -f -e trace=execve -o /root/trace ormelctl apply " + SITE).out,
+  EXPECT_EQ(shell("strace -f -e trace=execve -o /root/trace ormelctl apply " + SITE).out,
             "changed 0, added 0, left 6 as they are\n");
   // Each run looks up the place of its log.
-  EXPECT_EQ(sh("grep 'execve(' /root/trace | grep -vc /sbin/getcfg").out, "1\n")
+  EXPECT_EQ(shell("grep 'execve(' /root/trace | grep -vc /sbin/getcfg").out, "1\n")
       << read("/root/trace");
   EXPECT_EQ(state(), settled);
   EXPECT_EQ(ctl("apply " + SITE + " --prune").out,

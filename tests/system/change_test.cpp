@@ -32,7 +32,7 @@ class Changing : public testing::Test {
     for (const char* file : {VPN_CONF, "/etc/config/ormel/guard.conf", RIGHTS}) fs::remove(file);
     support::make_empty_folder(SNAPSHOTS);
     ASSERT_EQ(run({"/etc/init.d/vpn_common.sh", "setup_vpn_entrance"}).status, 0);
-    session = session_of("admin");
+    session = begin_session("admin");
   }
   void TearDown() override {
     ctl("confirm --yes");
@@ -118,7 +118,7 @@ TEST_F(ChangeUndo, CopiesWhatChangesAlone) {
 }
 
 TEST_F(ChangeUndo, GoesOnWithoutRoomButNotWhereItWouldHaveToGoBack) {
-  ASSERT_EQ(sh(std::string("mount -t tmpfs -o size=4k,mode=700 none ") + SNAPSHOTS).status, 0);
+  ASSERT_EQ(shell(std::string("mount -t tmpfs -o size=4k,mode=700 none ") + SNAPSHOTS).status, 0);
   EXPECT_THAT(done("user grant guest openvpn").err, HasSubstr("cannot be undone"));
   EXPECT_THAT(https("/ormel/privilege/set", {"--data", "sid=" + session + "&user=guest|6"}).head,
               HasSubstr("x-ormel-undo: none"));
@@ -141,15 +141,16 @@ class ChangeTrial : public Changing {
     fs::remove(CALLS);
   }
   void TearDown() override {
-    sh("cp -a /tmp/init.d/* /etc/init.d/; rm -rf /tmp/init.d");
+    shell("cp -a /tmp/init.d/* /etc/init.d/; rm -rf /tmp/init.d");
     Changing::TearDown();
   }
   // Every file that a change could write, with its time. Without the stores of logs and events,
   // into which daemons write meanwhile: the keeper reports servers that do not come to run.
   static std::string files() {
-    return sh("find /etc /var/lib/ormel /var/lib/fenro /root /run/fenro -type f "
-              "-not -name '*.lock' -not -name 'log.db*' -not -name 'event.db*' -printf '%p %T@ "
-              "%s\\n'")
+    return shell(
+               "find /etc /var/lib/ormel /var/lib/fenro /root /run/fenro -type f "
+               "-not -name '*.lock' -not -name 'log.db*' -not -name 'event.db*' -printf '%p %T@ "
+               "%s\\n'")
         .out;
   }
   static std::vector<std::string> calls() {
@@ -329,7 +330,7 @@ TEST_F(ChangeConfirm, StaysForItsOwnerAlone) {
   // In a new session of the same user, as after a login.
   const std::string begun = web("/ormel/change/begin", "&seconds=600");
   EXPECT_EQ(web("/ormel/privilege/set", "&user=guest|4"), OK);
-  session = session_of("admin");
+  session = begin_session("admin");
   EXPECT_THAT(web("/ormel/change/pending"), HasSubstr("\"mine\":true"));
   EXPECT_EQ(web("/ormel/change/confirm", "&code=" + datum(begun, "code")), OK);
   EXPECT_THAT(read(RIGHTS), HasSubstr("guest"));

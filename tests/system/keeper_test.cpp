@@ -41,7 +41,8 @@ class Keeper : public testing::Test {
     fs::remove(VPN_CONF);
     ASSERT_EQ(run({"/etc/init.d/vpn_common.sh", "setup_vpn_entrance"}).status, 0);
     write("/etc/config/vpn_user_ex.conf", "guest:0:0:0:0:1\nadmin:1:1:1:0:0\n");
-    ASSERT_EQ(sh("ormel --type=SDROVIK --modify=0 --enable=TRUE --psk=key --port=4443").status, 0);
+    ASSERT_EQ(shell("ormel --type=SDROVIK --modify=0 --enable=TRUE --psk=key --port=4443").status,
+              0);
     ASSERT_TRUE(comes_to("DROVIK", "running"));
   }
   void TearDown() override {
@@ -72,8 +73,8 @@ class Keeper : public testing::Test {
 
 TEST_F(Keeper, StartsServersThatWereKilledAgain) {
   ASSERT_EQ(cli({"--type=SOVPN", "--modify=0", "--enable=TRUE"}).status, 0);
-  ASSERT_EQ(sh("ormel --type=SWG --modify=0 --server_name=office --server_ip=198.18.7.1 "
-               "--server_mask=24 --enable=TRUE")
+  ASSERT_EQ(shell("ormel --type=SWG --modify=0 --server_name=office --server_ip=198.18.7.1 "
+                  "--server_mask=24 --enable=TRUE")
                 .status,
             0);
   const bool userspace = !pids("wireguard-go wg0").empty();
@@ -300,7 +301,7 @@ TEST_F(Keeper, PassesOnWhatOtherDaemonsReport) {
 
 TEST_F(Keeper, IsSeenAndSetOverTheWeb) {
   const Receiver receiver;
-  const std::string admin = "sid=" + session_of("admin");
+  const std::string admin = "sid=" + begin_session("admin");
   const auto ask = [&](const std::string& path, const std::string& form) {
     return cgi("/ormel/" + path, admin + '&' + form).body;
   };

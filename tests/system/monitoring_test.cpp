@@ -136,7 +136,7 @@ TEST_F(Monitoring, SaysThatSettingsCannotBeReadAndChangesNothing) {
   EXPECT_THAT(states(), Not(HasSubstr("\"settings\"")));
   for (const auto& [damage, code, said] : damages) {
     SCOPED_TRACE(said);
-    sh(std::string("F=/etc/config/vpn.conf; rm -rf $F; ") + damage);
+    shell(std::string("F=/etc/config/vpn.conf; rm -rf $F; ") + damage);
     const std::string before = run(identity).out;
     for (const char* command : COMMANDS)
       EXPECT_THAT(ended(1, command).err, AllOf(HasSubstr(said), HasSubstr("nothing was changed"),
@@ -220,8 +220,8 @@ TEST_F(Monitoring, LeavesNoTokenInAChildInALogOrInTheTrail) {
   cgi("/ormel/metrics", "", {bearer(token + "0")});
   EXPECT_THAT(ctl("audit").out, HasSubstr("token:admin  web 192.0.2.9  config/connect"));
   EXPECT_THAT(ctl("token list").out, HasSubstr("192.0.2.9"));
-  EXPECT_EQ(sh("grep -rl " + secret +
-               " /var/log /var/lib/ormel /etc/config /run/fenro /run/appliance/log")
+  EXPECT_EQ(shell("grep -rl " + secret +
+                  " /var/log /var/lib/ormel /etc/config /run/fenro /run/appliance/log")
                 .out,
             "");
 }
@@ -239,7 +239,7 @@ TEST_F(Monitoring, RefusesTheTokensOfWhoeverIsNoAdministratorAnyMore) {
   EXPECT_EQ(code(theirs), good);
   EXPECT_EQ(code(ours), good);
   support::make_empty_folder("/var/lib/ormel/audit");
-  ASSERT_EQ(sh("gpasswd -d admin administrators").status, 0);
+  ASSERT_EQ(shell("gpasswd -d admin administrators").status, 0);
   EXPECT_EQ(code(theirs), refused);
   EXPECT_EQ(code(ours), good) << "root's has no maker to lose";
   EXPECT_THAT(ctl("token list").out,
@@ -256,7 +256,7 @@ TEST_F(Monitoring, RefusesTheTokensOfWhoeverIsNoAdministratorAnyMore) {
                                                  {"usermod -u 54321 admin", refused},
                                                  {"usermod -u " + uid + " admin", good}};
   for (const auto& [change, expected] : changes) {
-    ASSERT_EQ(sh(change).status, 0);
+    ASSERT_EQ(shell(change).status, 0);
     EXPECT_EQ(code(theirs), expected) << change;
     EXPECT_EQ(code(ours), good) << change;
   }

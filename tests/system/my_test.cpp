@@ -37,12 +37,13 @@ class MyAccess : public testing::Test {
       fs::remove(file);
     far::run({"/bin/rm", "-rf", VPN_CONF, "/etc/config/openvpn/clients/client1"});
     static const Result server =  // one for all tests
-        sh("rm -f /etc/config/vpn.conf; /etc/init.d/vpn_common.sh setup_vpn_entrance && "
-           "ormel --type=SOVPN --modify=0 --ip_pool=10.8.0.0 --port=1194 --enable=TRUE");
+        shell(
+            "rm -f /etc/config/vpn.conf; /etc/init.d/vpn_common.sh setup_vpn_entrance && "
+            "ormel --type=SOVPN --modify=0 --ip_pool=10.8.0.0 --port=1194 --enable=TRUE");
     ASSERT_EQ(server.status, 0) << server.err;
     ASSERT_EQ(ctl("user grant guest openvpn").status, 0);
-    guest = session_of("guest");
-    admin = session_of("admin");
+    guest = begin_session("guest");
+    admin = begin_session("admin");
     ASSERT_EQ(error_of(ask("log/cleanup", admin, "&type=23")), 0);
   }
   void TearDown() override {
@@ -86,8 +87,8 @@ class MyAccess : public testing::Test {
         .status;
   }
   static void turn_wireguard_on(int devices) {
-    ASSERT_EQ(sh("ormel --type=SWG --modify=0 --server_name=office --server_ip=198.18.7.1 "
-                 "--server_mask=24 --enable=TRUE")
+    ASSERT_EQ(shell("ormel --type=SWG --modify=0 --server_name=office --server_ip=198.18.7.1 "
+                    "--server_mask=24 --enable=TRUE")
                   .status,
               0);
     ASSERT_EQ(ctl("user grant guest --devices " + std::to_string(devices)).status, 0);
@@ -174,21 +175,21 @@ TEST_F(MyAccess, EndsOnTimeThoughTheListOfEndsIsDamaged) {
   EXPECT_THAT(done("status").err, HasSubstr(cure));
   EXPECT_THAT(ctl("log events").out, HasSubstr(cure));
   EXPECT_NE(ctl("user grant guest openvpn --until 1d").status, 0);
-  ASSERT_EQ(sh(cure).status, 0);
+  ASSERT_EQ(shell(cure).status, 0);
   EXPECT_TRUE(comes_true([] { return fenro::read_grants().grants.empty(); }, PATIENCE));
   EXPECT_TRUE(comes_true([&] { return read(copy) == read(file); }, PATIENCE));
 }
 
 // A keeper that hangs, then one that is started again: nobody comes in meanwhile.
 TEST_F(MyAccess, EndsWithoutTheKeeperAndIsRevokedOnceItIsBack) {
-  ASSERT_EQ(sh("pkill -STOP -x fenro-keeperd").status, 0);
+  ASSERT_EQ(shell("pkill -STOP -x fenro-keeperd").status, 0);
   ASSERT_EQ(ctl("user grant guest openvpn --until 2s").status, 0);
   EXPECT_TRUE(comes_true([&] { return login() != 0; }, PATIENCE));
   EXPECT_EQ(read("/tmp/reason"), "the right to use this server has ended");
   EXPECT_EQ(error_of(my("profile")), 45);
   EXPECT_THAT(column(my("show"), "rights", "name"), IsEmpty());
   EXPECT_EQ(read(STORE), "guest:0:1:0:0:0\n");
-  sh("pkill -KILL -x fenro-keeperd; /usr/lib/fenro/fenro-keeperd </dev/null >/dev/null 2>&1 &");
+  shell("pkill -KILL -x fenro-keeperd; /usr/lib/fenro/fenro-keeperd </dev/null >/dev/null 2>&1 &");
   EXPECT_TRUE(comes_true([&] { return read(STORE) == "guest:0:0:0:0:0\n"; }, PATIENCE));
   EXPECT_NE(login(), 0);
   // A run that read the rights earlier writes them again: they do not come back without their end.
@@ -199,7 +200,7 @@ TEST_F(MyAccess, EndsWithoutTheKeeperAndIsRevokedOnceItIsBack) {
 TEST_F(MyAccess, EndsAtEachServer) {
   write(STORE, "guest:0:0:0:0:0\n");
   ASSERT_EQ(ctl("user grant guest pptp,l2tp,drovik").status, 0);
-  ASSERT_EQ(sh("ormel --type=SDROVIK --modify=0 --enable=TRUE --psk=key --port=4443").status, 0);
+  ASSERT_EQ(shell("ormel --type=SDROVIK --modify=0 --enable=TRUE --psk=key --port=4443").status, 0);
   ASSERT_EQ(far::cli(words_of("--type=DROVIK --add --name=office --host=192.168.77.1 --port=4443 "
                               "--user=guest --psk=key --pass=" +
                               password))
@@ -211,7 +212,7 @@ TEST_F(MyAccess, EndsAtEachServer) {
   };
   EXPECT_EQ(dialled("pptpd"), 0);
   EXPECT_EQ(dialled("l2tpd"), 0);
-  ASSERT_EQ(sh("pkill -STOP -x fenro-keeperd").status, 0);
+  ASSERT_EQ(shell("pkill -STOP -x fenro-keeperd").status, 0);
   ASSERT_EQ(ctl("user grant guest pptp,drovik --until 1s").status, 0);
   EXPECT_TRUE(comes_true([&] { return dialled("pptpd") == 1; }, PATIENCE));
   EXPECT_EQ(dialled("l2tpd"), 0) << "its right has no end";
@@ -253,13 +254,13 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
   EXPECT_THAT(file, HasSubstr("AllowedIPs = 0.0.0.0/0\nEndpoint = 192.168.77.1:51820\n"));
   EXPECT_THAT(column(my("show"), "devices", "name"), ElementsAre("é\"[%"));
   const std::string private_key = file.substr(file.find("= ") + 2, 44);
-  EXPECT_EQ(sh("grep -rqF " + private_key + " /etc /var /run/fenro").status, 1)
+  EXPECT_EQ(shell("grep -rqF " + private_key + " /etc /var /run/fenro").status, 1)
       << "is kept nowhere";
 
   // Two at once for the last place.
   const std::string add =
       "curl -ksS https://localhost/ormel/my/device_add -d 'sid=" + guest + "&name=";
-  const std::string answers = sh(add + "a' & " + add + "b'; wait").out;
+  const std::string answers = shell(add + "a' & " + add + "b'; wait").out;
   EXPECT_THAT(answers, AllOf(HasSubstr("\"error\":0"), HasSubstr("\"error\":43")));
   EXPECT_EQ(column(my("show"), "devices", "key").size(), 2U);
 
@@ -285,7 +286,7 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
   EXPECT_EQ(fenro::read_grants().of("guest").devices, 2);
   ASSERT_EQ(ctl("user totp guest optional").status, 0);
   ASSERT_EQ(ctl("user grant guest openvpn").status, 0);
-  guest = session_of("guest");  // the requirement has ended the other one
+  guest = begin_session("guest");  // the requirement has ended the other one
 
   // An administrator removes one: the user has a place again.
   ASSERT_EQ(ctl({"peer", "rm", "é\"[%", "--yes"}).status, 0);
@@ -295,13 +296,14 @@ TEST_F(MyAccess, AddsDevicesUpToTheQuotaAndOnTimeOnly) {
 // Each gets a separate index and address.
 TEST_F(MyAccess, AddsDevicesBesideAnAdministrator) {
   turn_wireguard_on(8);
-  sh("for i in 1 2 3 4 5 6 7 8; do curl -ksS -d sid=" + guest +
-     " -d name=own$i https://localhost/ormel/my/device_add & "
-     "ormelctl peer add near$i --host 192.0.2.1 & wait; done >/tmp/answers");
+  shell("for i in 1 2 3 4 5 6 7 8; do curl -ksS -d sid=" + guest +
+        " -d name=own$i https://localhost/ormel/my/device_add & "
+        "ormelctl peer add near$i --host 192.0.2.1 & wait; done >/tmp/answers");
   const std::string addresses = std::string("grep -o '198[.]18[.]7[.][0-9]*' ") + PEERS;
-  const std::string stored = sh(addresses + " | wc -l").out;
-  EXPECT_EQ(sh(addresses + " | sort -u | wc -l").out, stored) << read(PEERS);
-  EXPECT_EQ(sh("grep -o '[[]Interface]' /tmp/answers | wc -l").out, stored) << read("/tmp/answers");
+  const std::string stored = shell(addresses + " | wc -l").out;
+  EXPECT_EQ(shell(addresses + " | sort -u | wc -l").out, stored) << read(PEERS);
+  EXPECT_EQ(shell("grep -o '[[]Interface]' /tmp/answers | wc -l").out, stored)
+      << read("/tmp/answers");
   EXPECT_GT(std::stoi(stored), 8);
 }
 

@@ -144,7 +144,7 @@ TEST_F(OrmelCtl, EndsInTimeAndLeavesNothingBehind) {
   // An archive that never comes: what was unpacked so far goes with the program.
   run({"/usr/bin/mkfifo", "/tmp/slow.zip"});
   EXPECT_EQ(ctl("profile import /tmp/slow.zip --report --timeout 1").status, 5);
-  EXPECT_TRUE(comes_true([] { return sh("ls -d /run/ormelctl.* 2>/dev/null").out.empty(); }));
+  EXPECT_TRUE(comes_true([] { return shell("ls -d /run/ormelctl.* 2>/dev/null").out.empty(); }));
   fs::remove("/tmp/slow.zip");
 }
 
@@ -215,7 +215,7 @@ TEST_F(OrmelCtl, LosesNoProfileOfParallelRuns) {
   const char* script =
       "for i in $(seq 32); do ormelctl profile add pptp --name p$i --host 192.0.2.$i >/dev/null & "
       "done; wait";
-  ASSERT_EQ(sh(script).status, 0);
+  ASSERT_EQ(shell(script).status, 0);
   std::set<std::string> names;
   const Result list = ctl("profile list --json");
   for (size_t i = 0; i < 32; ++i) names.insert(text_at(list, i, "name"));
@@ -325,7 +325,7 @@ TEST_F(OrmelCtl, FindsWhatIsWrongWithTheHost) {
   EXPECT_EQ(ctl("doctor nobody").status, 3);
   ctl("doctor --bundle /root/case.tar.gz");
   EXPECT_EQ(mode_of("/root/case.tar.gz"), 0600U);
-  EXPECT_THAT(sh("tar tzf /root/case.tar.gz").out,
+  EXPECT_THAT(shell("tar tzf /root/case.tar.gz").out,
               AllOf(HasSubstr("doctor.json"), HasSubstr("events.json"), HasSubstr("logs.tar.gz")));
 }
 
@@ -336,16 +336,16 @@ TEST_F(OrmelCtl, TakesNoForeignProcessForAServer) {
       "setpriv --reuid=guest --clear-groups bash -c \"exec -a morvid sh -c 'sleep 60' DROVIK\" & "
       "echo $! >/tmp/foreign;"
       "bash -c 'exec -a morvid sleep 60' & echo $! >>/tmp/foreign";
-  sh(script);
+  shell(script);
   ASSERT_TRUE(comes_true([] { return run({"/usr/bin/pgrep", "-fc", "^morvid"}).out == "2\n"; }));
   EXPECT_TRUE(
       comes_true([] { return text_at(ctl("status drovik --json"), 0, "state") == "failed"; }, 20));
-  sh("kill $(cat /tmp/foreign)");
+  shell("kill $(cat /tmp/foreign)");
 }
 
 TEST_F(OrmelCtl, HearsAPptpServerBeforeALogin) {
   write("/tmp/pptpd.conf", "option /dev/null\nlocalip 10.0.0.1\nremoteip 10.0.0.2-20\n");
-  sh("exec setsid pptpd -f -c /tmp/pptpd.conf -p /tmp/pptpd.pid </dev/null >/dev/null 2>&1 &");
+  shell("exec setsid pptpd -f -c /tmp/pptpd.conf -p /tmp/pptpd.pid </dev/null >/dev/null 2>&1 &");
   done("profile add pptp --name a --host 127.0.0.1 --user b --pass-file -", "c\n");
   const auto hears = [] {
     return ctl("doctor a --json").out.find(R"("step":"server","result":"ok")") != std::string::npos;
@@ -365,7 +365,7 @@ TEST_F(OrmelCtl, AnswersWithEachDaemonDeadInTurn) {
     ASSERT_TRUE(comes_true([&] { return run({"/usr/bin/pgrep", "-f", path}).status == 1; }));
     expect_documents(daemon.c_str());
     EXPECT_THAT(ctl("status").out, HasSubstr(failed));
-    sh("exec setsid " + path + " </dev/null >/dev/null 2>&1 &");
+    shell("exec setsid " + path + " </dev/null >/dev/null 2>&1 &");
     ASSERT_TRUE(comes_true([&] { return ctl("status").out.find(failed) == std::string::npos; }))
         << daemon;
   }

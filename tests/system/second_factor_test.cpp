@@ -159,7 +159,7 @@ TEST_F(SecondFactorLogin, IsSetUpOverTheWebAndAskedForUntilItIsOff) {
   EXPECT_GT(events("(code-used)"), 0);
   EXPECT_EQ(events("(code-missing)"), 1);
   for (const std::string& hidden : {secret, spare(0), spare(7), password})
-    EXPECT_EQ(sh("grep -rF " + hidden + " /var/log /run/fenro /var/lib/ormel/audit").out, "");
+    EXPECT_EQ(shell("grep -rF " + hidden + " /var/log /run/fenro /var/lib/ormel/audit").out, "");
 }
 
 TEST_F(SecondFactorLogin, TheHookTellsTheAdministratorAloneWhatIsWrong) {
@@ -259,7 +259,7 @@ TEST_F(SecondFactorLogin, ARequirementCanBeTriedAndGoesBackAlone) {
     EXPECT_THAT(ask("my/totp_begin", "sid=" + sid), HasSubstr("secret"))
         << "without the password, which has begun this session";
   EXPECT_EQ(snapshots(), before);
-  EXPECT_EQ(sh("grep -rF " + SECRET + " /var/lib/ormel").out, "");
+  EXPECT_EQ(shell("grep -rF " + SECRET + " /var/lib/ormel").out, "");
   done("undo --yes");
   EXPECT_FALSE(SecondFactors{}.of(USER).required);
   EXPECT_THAT(read("/etc/config/vpn_user_ex.conf"), HasSubstr("guest:1:1:1:0:1"));
