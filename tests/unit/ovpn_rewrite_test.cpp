@@ -231,17 +231,6 @@ TEST(OvpnImport, RefusesAKeyFileWithItsOwnCodeAndItsPath) {
   }
 }
 
-TEST(OvpnServer, SavesAnMssThatTheDaemonCanUse) {
-  ServerConfig record(0);
-  for (const auto& [mss, saved] :
-       {std::pair{999, "1400"}, {1000, "1000"}, {1600, "1600"}, {1601, "1400"}}) {
-    const Conf conf{Conf_Dir_Load("/nonexistent")};
-    record.mss = mss;
-    record.save(conf.get());
-    EXPECT_STREQ(Conf_Dir_Get_Str(conf.get(), record.section.c_str(), "MSS", ""), saved);
-  }
-}
-
 TEST(OvpnHook, EscapesQuotesAndBackslashes) {
   EXPECT_EQ(escap(R"(a"b\c)"), R"(a\"b\\c)");
 }
