@@ -36,10 +36,7 @@ TEST(LogDb, ReadsTheRowsThatHaveCome) {
   const std::string empty = answer_of(0, 9, 0);
   std::string cut = answer_of(3, 9, 3);
   cut.pop_back();
-  const struct {
-    std::string reply;
-    size_t count, total;
-  } rows[] = {
+  const std::tuple<std::string, size_t, size_t> rows[] = {
       {"", 0, 0},
       {empty.substr(1), 0, 0},
       {empty, 0, 9},
@@ -50,12 +47,12 @@ TEST(LogDb, ReadsTheRowsThatHaveCome) {
       {answer_of(uint64_t{1} << 63, 9, 1), 1, 9},
   };
   test::ScriptedBus bus;
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.reply.size());
-    bus.answer(row.reply);
+  for (const auto& [reply, count, total] : rows) {
+    SCOPED_TRACE(reply.size());
+    bus.answer(reply);
     const auto answer = ask(list_conn_server_log, {});
-    EXPECT_EQ(answer.rows().size(), row.count);
-    EXPECT_EQ(answer.total(), row.total);
+    EXPECT_EQ(answer.rows().size(), count);
+    EXPECT_EQ(answer.total(), total);
   }
   bus.answer(answer_of(2, 2, 2));
   EXPECT_EQ(ask(list_conn_server_log, {}).rows()[1].id, 1);

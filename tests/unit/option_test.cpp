@@ -63,9 +63,8 @@ class OptionTest : public testing::Test {
     testing::internal::CaptureStderr();
     int rc = -100;
     BaseConfig* work = record.bc.get();
-    for (const CommandOption* row = COMMAND_OPTIONS; row->fpr; ++row) {
+    for (const CommandOption* row = COMMAND_OPTIONS; row->fpr; ++row)
       if (name == row->opt.name) rc = apply_option(*row, &work, value);
-    }
     errors = testing::internal::GetCapturedStderr();
     return rc;
   }

@@ -30,16 +30,8 @@ report::Report report_of(const std::string& text,
 
 const std::string HEAD = "client\nremote a.example 1194 udp\n<ca>\nABC\n</ca>\n";
 
-const report::Line& last_line(const report::Report& found) {
-  return found.lines.back();
-}
-
 TEST(OvpnReport, FindsTheFateOfEachKindOfLine) {
-  const struct {
-    const char* line;
-    Fate fate;
-    const char* why;
-  } rows[] = {
+  const std::tuple<const char*, Fate, const char*> rows[] = {
       {"remote-cert-tls server", Fate::Kept, ""},
       {"  remote-cert-tls server\r", Fate::Kept, ""},
       {"remote-cert-tls   server", Fate::Changed, "only blanks"},
@@ -57,10 +49,10 @@ TEST(OvpnReport, FindsTheFateOfEachKindOfLine) {
       {"tls-auth ta.key 1", Fate::Needs, "ta.key"},
       {"tls-crypt-v2 'a b.key'", Fate::Needs, "a b.key"},
   };
-  for (const auto& row : rows) {
-    const report::Report found = report_of(HEAD + row.line + '\n');
-    EXPECT_EQ(last_line(found).fate, row.fate) << row.line << ": " << last_line(found).why;
-    EXPECT_THAT(last_line(found).why, HasSubstr(row.why)) << row.line;
+  for (const auto& [line, fate, why] : rows) {
+    const report::Report found = report_of(HEAD + line + '\n');
+    EXPECT_EQ(found.lines.back().fate, fate) << line << ": " << found.lines.back().why;
+    EXPECT_THAT(found.lines.back().why, HasSubstr(why)) << line;
   }
 }
 
@@ -79,9 +71,9 @@ TEST(OvpnReport, TellsOfAProfileThatCannotBeImportedOrWouldNotStart) {
   EXPECT_EQ(server.error, ERR_OPENVPN_CLIENT);
   EXPECT_THAT(server.reason, HasSubstr("client/tls-client"));
   const report::Report tap = report_of(HEAD + "dev tap0\n");
-  EXPECT_EQ(last_line(tap).fate, Fate::Refused) << tap.reason;
+  EXPECT_EQ(tap.lines.back().fate, Fate::Refused) << tap.reason;
   const report::Report without_ca = report_of("client\nremote a.example 1194 udp\n");
-  EXPECT_EQ(last_line(without_ca).fate, Fate::Dropped) << "an import loses its servers";
+  EXPECT_EQ(without_ca.lines.back().fate, Fate::Dropped) << "an import loses its servers";
 
   ovpn::ReportTools tools = tools_without({});
   tools.copy = [](const std::string& stored, int) {
@@ -90,8 +82,8 @@ TEST(OvpnReport, TellsOfAProfileThatCannotBeImportedOrWouldNotStart) {
     return ovpn::DaemonCopy{false, {}, static_cast<size_t>(at - lines.begin()) + 1, "must not run"};
   };
   const report::Report harmful = report_of(HEAD + "config other\n", tools);
-  EXPECT_EQ(last_line(harmful).fate, Fate::Refused);
-  EXPECT_THAT(last_line(harmful).why, HasSubstr("would not start"));
+  EXPECT_EQ(harmful.lines.back().fate, Fate::Refused);
+  EXPECT_THAT(harmful.lines.back().why, HasSubstr("would not start"));
   EXPECT_NE(harmful.error, 0);
 
   tools = tools_without({});
@@ -100,7 +92,7 @@ TEST(OvpnReport, TellsOfAProfileThatCannotBeImportedOrWouldNotStart) {
                            "Options error: Unrecognized option: fancy (2.6)"};
   };
   const report::Report unknown = report_of(HEAD + "fancy yes\n", tools);
-  EXPECT_EQ(last_line(unknown).fate, Fate::Refused);
+  EXPECT_EQ(unknown.lines.back().fate, Fate::Refused);
   EXPECT_NE(unknown.error, 0);
 }
 
@@ -120,11 +112,10 @@ TEST(OvpnReport, HoldsItsRulesForProfilesOfAnyShape) {
       HEAD + "--verb 3\n--nobind\nsetenv opt x y\nsetenv UV_A b # c\n\"quoted\" 'a\n",
       HEAD + "<ca>one line</ca>\n</ca>\n<>\n< ca >\n[inline]\nca [inline]\n",
   };
-  for (const std::string& shape : shapes) {
+  for (const std::string& shape : shapes)
     for (const char* extra :
          {"", "dev tun\n", "auth-user-pass\n", "<auth-user-pass>\nu\np\n</auth-user-pass>\n"})
       std::ignore = report_of(shape + extra);
-  }
   size_t files = 0;
   for (const auto& file : std::filesystem::directory_iterator(ORMEL_FUZZ_CORPUS "/import")) {
     std::ignore = report_of(support::read(file.path()));

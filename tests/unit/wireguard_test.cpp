@@ -3,8 +3,7 @@
 #include "ormel/drivers/wireguard/wireguard.h"
 
 #include <filesystem>
-
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "ormel/base/error.h"
 #include "ormel/config/pool.h"
@@ -13,11 +12,14 @@
 #include "ormel/drivers/wireguard/key.h"
 #include "ormel/drivers/wireguard/peers.h"
 #include "ormel/drivers/wireguard/tool.h"
-#include "support/files.h"
+#include "support/scratch_file.h"
 #include "support/scripted_bus.h"
 
 namespace ormel::wireguard {
 namespace {
+
+using testing::HasSubstr;
+using testing::Not;
 
 // Keys of 32 equal bytes.
 const std::string KEY_A = "AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
@@ -28,9 +30,6 @@ const std::string KEY_C = "AgICAgICAgICAgICAgICAgICAgICAgICAgICAgICAgI=";
 class WireGuard : public testing::Test {
  protected:
   void SetUp() override {
-    std::string path = "/tmp/wireguard_test.XXXXXX";
-    root = mkdtemp(path.data());
-    folder = root / "deep" / "wireguard";
     bus.run = [this](const test::ProgramCall& call, std::string& output) {
       if (call.argv.at(1) == "genkey") output = KEY_B + '\n';
       if (call.argv.at(1) == "pubkey") output = KEY_C + '\n';
@@ -38,10 +37,7 @@ class WireGuard : public testing::Test {
       return tool_status;
     };
   }
-  void TearDown() override {
-    std::filesystem::remove_all(root);
-    config::cm.config_pool.clear();
-  }
+  void TearDown() override { config::cm.config_pool.clear(); }
   ServerConfig server_with(const std::string& ip, const std::string& pub_key) const {
     ServerConfig server(0);
     server.folder = folder;
@@ -66,9 +62,9 @@ class WireGuard : public testing::Test {
   [[nodiscard]] std::string counts() const {
     return stored("global", "peers_num") + '/' + stored("global", "max_index");
   }
-  std::filesystem::path root;
-  std::filesystem::path folder;  // does not exist at first
-  std::string status;            // what "wg show" prints
+  support::Scratch scratch;
+  const std::filesystem::path folder = scratch.path("deep/wireguard");  // does not exist at first
+  std::string status;                                                   // what "wg show" prints
   int tool_status = 0;
   test::ScriptedBus bus;
 };
@@ -87,8 +83,7 @@ TEST(WireGuardKey, IsTheTextOfThirtyTwoBytes) {
 TEST_F(WireGuard, AKeyReachesTheToolOnItsStandardInputAloneAndAnEmptyOneIsMadeAnew) {
   std::string pub_key, text;
   ASSERT_EQ(server_gen_pri_pub_keys(KEY_A, nullptr, pub_key), NO_ERROR);
-  ASSERT_EQ(bus.programs.size(), 1U);
-  EXPECT_EQ(bus.programs[0].command(), "/usr/bin/wg pubkey");
+  EXPECT_EQ(bus.programs.at(0).command(), "/usr/bin/wg pubkey");
   EXPECT_EQ(bus.programs[0].input, KEY_A);
   JsonValue doc;
   ASSERT_EQ(server_gen_pri_pub_keys("", &doc, pub_key), NO_ERROR);
@@ -120,11 +115,8 @@ TEST(WireGuardStatus, TakesTheLinesOfOnePeerOnly) {
       {"", "198.18.7.2/32|1 minute, 2 seconds ago|1.20 KiB|3.40 MiB"},
   };
   for (const auto& [key, expected] : rows) {
-    const PeerStatus found = peer_status(SHOWN, key);
-    EXPECT_EQ(found.allowed_ips + '|' + found.latest_handshake + '|' + found.rx_total + '|' +
-                  found.tx_total,
-              expected)
-        << key;
+    const auto& [ips, handshake, rx, tx] = peer_status(SHOWN, key);
+    EXPECT_EQ(ips + '|' + handshake + '|' + rx + '|' + tx, expected) << key;
   }
 }
 
@@ -152,8 +144,8 @@ TEST_F(WireGuard, PeersThatHaveAKeyAreShown) {
   out.toString(text);
   for (const std::string& part :
        {KEY_A, KEY_B, std::string("\"index\":1"), std::string("\"index\":3")})
-    EXPECT_NE(text.find(part), std::string::npos) << part << " in " << text;
-  EXPECT_EQ(text.find("\"index\":2"), std::string::npos) << text;
+    EXPECT_THAT(text, HasSubstr(part));
+  EXPECT_THAT(text, Not(HasSubstr("\"index\":2")));
 }
 
 TEST_F(WireGuard, ADamagedPeerFileIsSurvivedAndPutInOrder) {
@@ -181,9 +173,8 @@ TEST_F(WireGuard, PeersMoveToTheServersNetworkInIndexOrder) {
   const config::PolyConfig before{std::make_unique<ServerConfig>(server_with("", ""))};
   config::cm.update(&before);
   write_peers(
-      "[global]\npeers_num = 3\nmax_index = 5\n[PEER5]\nallow_ip = 198.18.7.2\n[PEER1]\nallow_ip = "
-      "198.18.7.77\n"
-      "[PEER2]\nallow_ip =\n[PEER3]\nallow_ip = 198.18.7.3\n");
+      "[global]\npeers_num = 3\nmax_index = 5\n[PEER5]\nallow_ip = 198.18.7.2\n"
+      "[PEER1]\nallow_ip = 198.18.7.77\n[PEER2]\nallow_ip =\n[PEER3]\nallow_ip = 198.18.7.3\n");
   ServerConfig server = server_with("", "");
   EXPECT_EQ(server.modify_peers_ip(), NO_ERROR);
   EXPECT_EQ(stored("PEER1", "allow_ip"), "198.18.7.77");  // the address is still the same
@@ -256,7 +247,7 @@ TEST_F(WireGuard, AnEditedPeerGivesUpItsOldKeyFirst) {
 }
 
 TEST_F(WireGuard, APeerFileThatCannotBeWrittenIsReported) {
-  support::write(root / "deep", "a file where the folder should be");
+  scratch.write("deep", "a file where the folder should be");
   ServerConfig server = server_with("198.18.7.2", KEY_A);
   server.psk = KEY_B;
   EXPECT_EQ(server.add_peer(), ERR_SAVE_CONFIG);
@@ -303,10 +294,9 @@ TEST_F(WireGuard, AClientIsVerifiedInOrder) {
       {"pre-shared key", [](ClientConfig& c) { c.psk = "x"; }, ERR_VALUE},
   };
   for (const auto& [what, spoil, expected] : rows) {
-    SCOPED_TRACE(what);
     ClientConfig client = usable_client();
     spoil(client);
-    EXPECT_EQ(client.verify(), expected);
+    EXPECT_EQ(client.verify(), expected) << what;
   }
   ClientConfig client = usable_client();
   ASSERT_EQ(client.verify(), NO_ERROR);
@@ -323,11 +313,9 @@ TEST_F(WireGuard, AClientShowsKeysToAnAdministratorOnly) {
     client.show(who, &out);
     std::string text;
     out.toString(text);
-    const bool admin = who == ADMIN_USER;
     for (const char* part :
-         {"\"client_pri_key\":", "\"psk\":", "\"rx_total\":\"1.20 KiB\"", "\"status\":1"}) {
-      EXPECT_EQ(text.find(part) != std::string::npos, admin) << part << " in " << text;
-    }
+         {"\"client_pri_key\":", "\"psk\":", "\"rx_total\":\"1.20 KiB\"", "\"status\":1"})
+      EXPECT_EQ(text.find(part) != std::string::npos, who == ADMIN_USER) << part << " in " << text;
   }
   EXPECT_EQ(bus.programs.back().command(), "/usr/bin/wg show wgc3001");
 }
@@ -361,19 +349,14 @@ TEST_F(WireGuard, AClientKeepsClearOfTheServersThatAreOn) {
 TEST_F(WireGuard, FindsTheLowestFreeAddressOfItsNetwork) {
   add("198.18.7.2", KEY_A);
   add("198.18.7.4", KEY_B);
-  const struct {
-    const char* server;
-    int mask;
-    const char* address;
-  } rows[] = {
+  const std::tuple<const char*, int, const char*> rows[] = {
       {"198.18.7.1", 24, "198.18.7.3"}, {"198.18.7.3", 24, "198.18.7.1"},
       {"198.18.7.1", 16, "198.18.0.1"}, {"198.18.7.1", 8, "198.18.0.1"},
       {"198.18.7.1", 30, ""},           {"198.18.7.9", 30, "198.18.7.10"},
       {"198.18.7.1", 31, ""},           {"", 24, ""},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(free_address(PeerFile(folder), row.server, row.mask), row.address)
-        << row.server << '/' << row.mask;
+  for (const auto& [server, mask, address] : rows)
+    EXPECT_EQ(free_address(PeerFile(folder), server, mask), address) << server << '/' << mask;
 }
 
 TEST(WireGuardDevice, GetsItsFile) {

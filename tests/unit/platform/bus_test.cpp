@@ -189,8 +189,8 @@ TEST_F(BusTest, SilentAndSlowClientsDoNotHoldOthers) {
   for (int i = 0; i < 20; ++i) EXPECT_EQ(call(SERVICE, "echo", "quick").status, MIB_SUCCESS);
   EXPECT_LT(Clock::now() - begun, 2s);
   sender.join();
-  EXPECT_EQ(receive_all(silent.front()),
-            bus::reply_frame(MIB_IS_BUSY, ""));  // made room for the later ones
+  // It has made room for the later ones.
+  EXPECT_EQ(receive_all(silent.front()), bus::reply_frame(MIB_IS_BUSY, ""));
 }
 
 TEST_F(BusTest, ASilentClientIsDroppedAtItsDeadlineButNotForAHandlersTime) {
@@ -210,8 +210,7 @@ TEST_F(BusTest, ASilentClientIsDroppedAtItsDeadlineButNotForAHandlersTime) {
   const auto begun = Clock::now();
   std::thread other{[] { EXPECT_EQ(call(SERVICE, "slow", "").text, "done"); }};
   begins.acquire();
-  std::this_thread::sleep_until(Clock::now() +
-                                DEADLINE);  // the late client's own is past as well then
+  std::this_thread::sleep_for(DEADLINE);  // the late client's own is past as well then
   send(late.get(), frame.data() + 1, frame.size() - 1, 0);
   may_end.release();
   EXPECT_EQ(receive_all(late), bus::reply_frame(MIB_SUCCESS, "late"));
@@ -242,9 +241,7 @@ class ServerProcess {
   }
   int end(int signal) {
     kill(pid_, signal);
-    int status = 0;
-    waitpid(std::exchange(pid_, -1), &status, 0);
-    return status;
+    return end_of(std::exchange(pid_, -1));
   }
 
  private:
@@ -264,8 +261,7 @@ TEST(BusServer, SigtermAndSigintEndItCleanly) {
   for (const int signal : {SIGTERM, SIGINT}) {
     ServerProcess server{"signal-" + SERVICE, getuid()};
     EXPECT_EQ(call("signal-" + SERVICE, "who", "").text, "me");
-    const int status = server.end(signal);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << signal;
+    EXPECT_EQ(server.end(signal), 0) << signal;
   }
 }
 
@@ -273,9 +269,7 @@ TEST(BusServer, SigtermAndSigintEndItCleanly) {
 int status_as(uid_t user, const std::string& service) {
   const pid_t child = fork();
   if (child == 0) _exit(setresuid(user, user, user) == 0 ? call(service, "who", "").status : 77);
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WEXITSTATUS(status);
+  return end_of(child);
 }
 
 TEST(BusServer, EachEndTalksOnlyToRootAndItsOwnUser) {
@@ -287,8 +281,7 @@ TEST(BusServer, EachEndTalksOnlyToRootAndItsOwnUser) {
   EXPECT_EQ(status_as(SOMEONE, "root-" + SERVICE), MIB_IS_REJECT);  // the server's refusal
   EXPECT_EQ(status_as(SOMEONE, "someone-" + SERVICE), MIB_SUCCESS);
   EXPECT_EQ(status_as(OTHER, "someone-" + SERVICE), MIB_IS_REJECT);
-  EXPECT_EQ(status_as(0, "someone-" + SERVICE),
-            MIB_IS_REJECT);  // the client's: root takes no stranger's word
+  EXPECT_EQ(status_as(0, "someone-" + SERVICE), MIB_IS_REJECT);  // root takes no stranger's word
   EXPECT_EQ(status_as(0, "root-" + SERVICE), MIB_SUCCESS);
 }
 

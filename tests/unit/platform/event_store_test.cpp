@@ -68,6 +68,8 @@ TEST_F(EventTest, EveryFilterCountsAndFindsTheSameRows) {
     EXPECT_EQ(ids(filter), found);
     EXPECT_EQ(store.count(filter), static_cast<int>(found.size()));
   }
+  EXPECT_EQ(scratch.mode("log"), 0700U);
+  EXPECT_EQ(scratch.mode("log/event.db"), 0600U);
 }
 
 TEST_F(EventTest, ATimeThatCannotBeReadIsAFailure) {
@@ -79,17 +81,12 @@ TEST_F(EventTest, ATimeThatCannotBeReadIsAFailure) {
   EXPECT_EQ(store.count({.from = std::to_string(at("2024-03-08"))}), 1);  // seconds since the epoch
 }
 
-TEST_F(EventTest, TheLogIsForItsOwnerAlone) {
-  EXPECT_EQ(scratch.mode("log"), 0700U);
-  EXPECT_EQ(scratch.mode("log/event.db"), 0600U);
-}
-
 TEST(EventStore, ALogWithoutEventsIsEmptyAndADamagedOneFails) {
   const Scratch scratch;
   std::vector<std::string> rows;
-  EXPECT_EQ(EventStore{scratch.path("none.db")}.count({}), 0);
-  EXPECT_TRUE(
-      EventStore{scratch.path("none.db")}.query({}, EventOrder::NewestFirst, 0, 9, collect, &rows));
+  const EventStore none{scratch.path("none.db")};
+  EXPECT_EQ(none.count({}), 0);
+  EXPECT_TRUE(none.query({}, EventOrder::NewestFirst, 0, 9, collect, &rows));
   const EventStore damaged{scratch.write("bad.db", std::string(4096, 'x'))};
   EXPECT_EQ(damaged.count({}), -1);
   EXPECT_FALSE(damaged.query({}, EventOrder::NewestFirst, 0, 9, collect, &rows));
@@ -109,11 +106,7 @@ TEST(EventStore, TakesEventsOfManyProcessesAtOnce) {
     for (int n = 0; n < EACH; ++n) stored = store.add({.description = "x"}) && stored;
     _exit(stored ? 0 : 1);
   }
-  for (const pid_t writer : writers) {
-    int status = 0;
-    waitpid(writer, &status, 0);
-    EXPECT_EQ(status, 0);
-  }
+  for (const pid_t writer : writers) EXPECT_EQ(end_of(writer), 0);
   EXPECT_EQ(store.count({}), WRITERS * EACH);
 }
 

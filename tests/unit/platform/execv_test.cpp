@@ -17,9 +17,8 @@ Outcome shell(const std::string& script) {
   return run({"/bin/sh", "-c", script});
 }
 
-std::size_t open_descriptors() {
-  return static_cast<std::size_t>(
-      std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {}));
+auto open_descriptors() {
+  return std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {});
 }
 
 TEST(MibIoExecv, GivesTheExitStatusAndBothStreams) {
@@ -36,9 +35,7 @@ TEST(MibIoExecv, GivesTheExitStatusAndBothStreams) {
   };
   for (const auto& [words, status, out, err] : cases) {
     const Outcome got = run(words);
-    EXPECT_EQ(got.status, status) << words.back();
-    EXPECT_EQ(got.out, out);
-    EXPECT_EQ(got.err, err);
+    EXPECT_EQ(std::tie(got.status, got.out, got.err), std::tie(status, out, err)) << words.back();
   }
   EXPECT_EQ(mib_io_execv(nullptr, nullptr, nullptr, nullptr), -1);
 }
@@ -84,14 +81,14 @@ TEST(MibIoExecv, FeedsTheContextToStandardInput) {
   char* ignoring[] = {yes, nullptr};
   EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, copying), 0);
   EXPECT_TRUE(text_of(out.get()) == input);
-  EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, ignoring),
-            0);  // no SIGPIPE for what is not read
+  // No SIGPIPE for what is not read.
+  EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, ignoring), 0);
   EXPECT_TRUE(text_of(in.get()) == input);
 }
 
 TEST(MibIoExecv, LeaksNoDescriptorEitherWay) {
   const Fd inherited{open("/dev/null", O_RDONLY)};  // as a careless caller leaves it
-  const std::size_t before = open_descriptors();
+  const auto before = open_descriptors();
   const Outcome got = shell("ls /proc/self/fd | wc -l");
   run({"/nonexistent/program"});
   EXPECT_EQ(open_descriptors(), before);
@@ -107,19 +104,12 @@ TEST(MibIoExecv, WorksWithStandardDescriptorsClosedAndChildrenIgnored) {
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    const Outcome pipe = shell("kill -PIPE $$");
+    if (shell("kill -PIPE $$").status != 128 + SIGPIPE) _exit(2);
     const Outcome got = shell("cat; printf out; printf err >&2; kill -TERM $$; exit 3");
-    struct sigaction now {};
-    sigaction(SIGCHLD, nullptr, &now);
-    if (pipe.status != 128 + SIGPIPE) _exit(2);
-    _exit(got.status == 128 + SIGTERM && got.out == "out" && got.err == "err" &&
-                  now.sa_handler == SIG_IGN
-              ? 0
-              : 1);
+    if (got.status != 128 + SIGTERM || got.out != "out" || got.err != "err") _exit(1);
+    _exit(signal(SIGCHLD, SIG_IGN) == SIG_IGN ? 0 : 3);
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(end_of(child), 0);
 }
 
 }  // namespace

@@ -77,17 +77,12 @@ TEST(GateRequest, RefusesWhatNoWebServerSends) {
       record(4, pair("A", "b")),
       BEGIN + BEGIN,
       BEGIN + record(5, "body before the head's end"),
-      BEGIN +
-          record(4,
-                 "\x05\x01"
-                 "A") +
-          record(4, ""),
+      BEGIN + record(4, "\5\1A") + record(4, ""),
       BEGIN + record(4, std::string{"\x01\xff\xff\xff\xff", 5}) + record(4, ""),
       BEGIN + record(4, "\x80") + record(4, ""),
       head + record(4, pair("A", "b")),
       head + record(5, "x", 0, 8),
-      record(1,
-             std::string{"\0\2\0\0\0\0\0\0", 8}),  // another role than that of the one who answers
+      record(1, std::string{"\0\2\0\0\0\0\0\0", 8}),  // not the role of one who answers
       record(1, "short"),
   };
   for (const std::string& text : texts) {

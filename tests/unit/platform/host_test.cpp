@@ -84,11 +84,7 @@ TEST(Users, AreTheOnesOfTheHostsFiles) {
        "+:x:30:admin\n"},
       {"nsswitch.conf", "passwd: files\ngroup: files\n"},
   };
-  struct Case {
-    const char *user, *group;
-    int belongs;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, const char*, int> cases[] = {
       {"admin", "wheel", 1}, {"admin", "users", 1}, {"admin2", "wheel", 0}, {"bob", "wheel", 1},
       {"carl", "wheel", 0},  {"carl", "wheels", 1}, {"car", "wheels", 0},   {"root", "wheel", 0},
       {"admin", "empty", 0}, {"#eve", "wheel", 0},  {"admin", "whee", 0},   {"admin", "", 0},
@@ -104,9 +100,9 @@ TEST(Users, AreTheOnesOfTheHostsFiles) {
     int wrong = 0;
     const auto admin = find_user("admin");
     if (!admin || admin->uid != 1000 || admin->gid != 100) wrong = 1;
-    for (const Case& row : cases) {
-      if (User_Belongs_To_Group(row.user, row.group) == row.belongs) continue;
-      std::fprintf(stderr, "wrong for \"%s\" and \"%s\"\n", row.user, row.group);
+    for (const auto& [user, group, belongs] : cases) {
+      if (User_Belongs_To_Group(user, group) == belongs) continue;
+      std::fprintf(stderr, "wrong for \"%s\" and \"%s\"\n", user, group);
       wrong = 1;
     }
     return wrong;

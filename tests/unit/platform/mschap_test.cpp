@@ -95,17 +95,15 @@ TEST(PasswordTable, ReplacesOneUsersLineAndKeepsTheRest) {
   const std::string other = "bobby:7:a:b:[U]:LCT-1:\n";
   const std::string now = password_line("bob", "LCT-00000010");
   const std::string before = password_line("bob", "LCT-00000001");
-  const struct {
-    std::string table, expected;
-  } rows[] = {
+  const std::pair<std::string, std::string> rows[] = {
       {"", now},
       {other, other + now},
       {"bob:1000:x:00:[U]:LCT-1:\n" + other, other + now},
       {before + other, before + other},  // the same password: nothing to write
       {before + before, before},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(with_password(row.table, "bob", 1000, "clientPass", 16), row.expected) << row.table;
+  for (const auto& [table, expected] : rows)
+    EXPECT_EQ(with_password(table, "bob", 1000, "clientPass", 16), expected) << table;
   for (const char* user : {"", "a:b", "a\nb"})
     EXPECT_EQ(with_password("", user, 1, "p", 1), "") << user;
   EXPECT_EQ(with_password("", "bob", 1, "\xff", 1), "");

@@ -60,9 +60,8 @@ TEST(OpenVpnSigns, AreNotSeenInOtherLines) {
         ">INFO:VERIFY ERROR", "SUCCESS: VERIFY ERROR", ">PASSWORD:Need 'Auth' username/password",
         ">LOG:VERIFY", "1,CONNECTED,VERIFY ERROR",
         "1,W,Option 'connect-retry-max' in [CMD-LINE]:1 is ignored by previous <connection> blocks",
-        "1,N", "x,N,VERIFY ERROR", "VERIFY ERROR"}) {
+        "1,N", "x,N,VERIFY ERROR", "VERIFY ERROR"})
     EXPECT_FALSE(sign_of(line)) << line;
-  }
 }
 
 TEST(OpenVpnSigns, KnowAnOwnCertificateThatHasExpired) {

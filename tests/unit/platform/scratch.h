@@ -18,7 +18,7 @@
 
 #include "base/bus_handle.h"
 #include "base/handle.h"
-#include "support/files.h"
+#include "support/scratch_file.h"
 
 namespace fenro::test {
 
@@ -28,33 +28,7 @@ inline std::string text_of(mib_io* io) {
   return {bytes, length};
 }
 
-class Scratch {
- public:
-  Scratch() { folder_ = mkdtemp(name_.data()); }
-  Scratch(const Scratch&) = delete;
-  Scratch& operator=(const Scratch&) = delete;
-  ~Scratch() {
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
-  }
-  [[nodiscard]] std::string path(const std::string& name) const { return folder_ + "/" + name; }
-  std::string write(const std::string& name, const std::string& content) const {
-    support::write(path(name), content);
-    return path(name);
-  }
-  [[nodiscard]] std::string read(const std::string& name) const {
-    return support::read(path(name));
-  }
-  [[nodiscard]] mode_t mode(const std::string& name) const { return support::mode_of(path(name)); }
-  [[nodiscard]] std::size_t files() const {
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator{folder_}, {}));
-  }
-
- private:
-  std::string name_ = "/tmp/fenro-test-XXXXXX";
-  std::string folder_;
-};
+using support::Scratch;
 
 struct Outcome {
   int status = -1;
@@ -70,6 +44,13 @@ inline Outcome run(const std::vector<std::string>& words) {
   const MibIo err{mib_io_create()};
   const int status = mib_io_execv(nullptr, out.get(), err.get(), argv.data());
   return {status, text_of(out.get()), text_of(err.get())};
+}
+
+// The exit status of a child, -1 for one that a signal has ended.
+inline int end_of(pid_t child) {
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 constexpr int NO_NAMESPACE = 99;  // a child's status when the kernel denies it what the test needs
@@ -88,9 +69,8 @@ int in_private_host(const Scratch& scratch, Body body) {
       ready = ready && mount(scratch.path("").c_str(), place, nullptr, MS_BIND, nullptr) == 0;
     _exit(ready ? body() : NO_NAMESPACE);
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) != NO_NAMESPACE ? WEXITSTATUS(status) : -1;
+  const int status = end_of(child);
+  return status == NO_NAMESPACE ? -1 : status;
 }
 
 }  // namespace fenro::test
