@@ -7,10 +7,7 @@
 
 namespace {
 
-using ormel::certificates::add_pem;
-using ormel::certificates::add_profile;
-using ormel::certificates::Certificate;
-using ormel::certificates::Role;
+using namespace ormel::certificates;
 using support::CERTIFICATE;
 using support::REVOCATIONS;
 
@@ -41,8 +38,7 @@ TEST(Certificates, EachPieceOfATextIsListedOrCalledMalformed) {
       {"-----BEGIN ", "web: !holds nothing of its kind"},
       {"-----BEGIN CERTIFICATE-----", "web: !malformed"},
       {many, "web: !too large to be looked at"},
-      {good + std::string(ormel::certificates::MOST_BYTES, '\n'),
-       "web: !too large to be looked at"},
+      {good + std::string(MOST_BYTES, '\n'), "web: !too large to be looked at"},
   };
   for (const auto& [text, expected] : rows) {
     std::vector<Certificate> list;
@@ -51,7 +47,7 @@ TEST(Certificates, EachPieceOfATextIsListedOrCalledMalformed) {
   }
   std::vector<Certificate> list;
   add_pem(many.substr(good.size()), Certificate{}, list);
-  EXPECT_EQ(list.size(), ormel::certificates::MOST_CERTIFICATES);
+  EXPECT_EQ(list.size(), MOST_CERTIFICATES);
 }
 
 // The library would ask the terminal for its password.
@@ -90,14 +86,6 @@ TEST(Certificates, AProfileShowsItsBlocksAndNoKey) {
     EXPECT_LE(one.not_before, one.not_after);
   }
 }
-
-using ormel::certificates::DAY;
-using ormel::certificates::Due;
-using ormel::certificates::due;
-using ormel::certificates::parse_rotation;
-using ormel::certificates::Phase;
-using ormel::certificates::Rotation;
-using ormel::certificates::stage_of;
 
 constexpr std::time_t NOW = 2000 * DAY;
 

@@ -39,7 +39,6 @@ TEST_F(DrovikBus, BytesAreReceivedThenSentAndBadElementsAreSkipped) {
   EXPECT_EQ(get_drovik_client_bytes_info(), expected);
   EXPECT_EQ(bus.calls.at(0).request, "");
 
-  // No bytes without a usable reply.
   for (const char* reply :
        {"", "[]", R"({"data":[]})", R"({"error":0})", R"({"error":0,"data":{}})",
         R"({"error":2,"data":[{"mac":"a","rx_bytes":1,"tx_bytes":2}]})"}) {

@@ -1,8 +1,6 @@
 // What callers of the service bus make of each reply, and what the log says about it.
 #include <functional>
 #include <gmock/gmock.h>
-#include <tuple>
-#include <utility>
 
 #include "ormel/base/error.h"
 #include "ormel/base/log.h"
@@ -24,7 +22,6 @@ class BusReplies : public testing::Test {
     __cur_level__ = level_;
     __cur_type__ = type_;
   }
-  // The lines of the log that a call leaves.
   static std::string said(const std::function<void()>& call) {
     testing::internal::CaptureStdout();
     call();

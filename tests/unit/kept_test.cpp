@@ -31,7 +31,6 @@ std::vector<std::pair<int, std::string>> events;
 
 }  // namespace
 
-// In the place of the appliance's event log.
 int naslog_event_add(const naslog_event* event) {
   events.emplace_back(event->type, event->event_desc);
   return 0;

@@ -22,7 +22,6 @@ TEST(LogDb, BlocksOnTheTextOneAndOnAFailedCheck) {
   EXPECT_EQ(check_privilege_user_block("bob"), MIB_NOT_READY);
 }
 
-// The head of an answer with that many rows behind it.
 std::string answer_of(uint64_t count, uint64_t total, size_t rows) {
   const db_conn_server_log_query head{count, total, nullptr};
   std::string reply{reinterpret_cast<const char*>(&head), sizeof head};

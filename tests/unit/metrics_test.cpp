@@ -1,12 +1,10 @@
-// Figures for a monitoring system: the document whatever names are in it, questions that hang, and
-// the names that alerts, the dashboard and the documentation use.
+// Figures for a monitoring system: the document, questions that hang, and the names in use.
 #include <array>
 #include <chrono>
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <regex>
-#include <tuple>
 #include <unistd.h>
 
 #include "ormel/actions/exposition.h"

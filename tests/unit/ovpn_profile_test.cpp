@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <ctime>
 #include <limits>
-#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -118,8 +117,7 @@ std::clock_t parse_time(const std::string& text) {
   return std::max<std::clock_t>(quickest, 1);
 }
 
-// A walk over the list or over the text for each line would take 64 times as long for a text that
-// is 8 times as long.
+// A walk over list or text for each line would take 64 times as long for 8 times the text.
 TEST(ConfigFileParse, TakesTimeInProportionToTheText) {
   constexpr int LONGER = 8;
   constexpr int MOST = 3 * LONGER;

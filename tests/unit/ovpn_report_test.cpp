@@ -1,6 +1,5 @@
 #include <filesystem>
 #include <gmock/gmock.h>
-#include <map>
 
 #include "ormel/base/error.h"
 #include "ormel/drivers/wireguard/conf_file.h"

@@ -256,13 +256,11 @@ TEST(PelmarFacts, AreReadFromNames) {
 }
 
 TEST(PelmarIpsec, IsCondensed) {
-  const std::pair<const char*, int> rows[] = {
-      {"{}", 0},
-      {R"({"a":1})", 0},
-      {R"({"a":2,"b":2})", 1},
-      {R"({"a":2,"b":1})", 2},
-      {R"({"a":2,"b":"2"})", 2},
-  };
+  const std::pair<const char*, int> rows[] = {{"{}", 0},
+                                              {R"({"a":1})", 0},
+                                              {R"({"a":2,"b":2})", 1},
+                                              {R"({"a":2,"b":1})", 2},
+                                              {R"({"a":2,"b":"2"})", 2}};
   for (const auto& [text, status] : rows) {
     const Json states{json_loads(text, 0, nullptr)};
     EXPECT_EQ(ipsec_connetion_status_statistic(states.get()), status) << text;

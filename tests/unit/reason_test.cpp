@@ -53,7 +53,6 @@ TEST(ReasonLine, IsOneLineOfJsonWhateverTheDetailHolds) {
             "\\\"no\\\"\\\\?}\"}\n");
 }
 
-// Of a profile without a noted reason.
 TEST(TunnelStates, OfAClientGoByProcessAndAddress) {
   constexpr std::tuple<bool, pid_t, const char*, State> ROWS[] = {
       {false, 0, "10.0.0.2", State::Off}, {true, 7, "10.0.0.2", State::Up},

@@ -1,5 +1,4 @@
-// Who gets an answer from which route: every row of the table with every kind of session, and no
-// work done.
+// Who gets an answer from which route: every row with every kind of session, and no work done.
 #include <cstdlib>
 #include <functional>
 #include <gmock/gmock.h>
@@ -49,8 +48,7 @@ const std::map<std::string_view, int> FOR_GENERAL_USERS = {
 
 int works = 0;
 
-// The row with a work that is only counted: the real one would change the host that the test runs
-// on.
+// The row with a work that is only counted: the real one would change the host of the test.
 Route counted(Route row) {
   row.answer.give = [](const Request&, JsonValue& response) {
     ++works;
@@ -85,7 +83,6 @@ TEST(Routes, LetNobodyInWithoutTheirSession) {
   }
 }
 
-// Routes that no token may use.
 const std::set<std::string_view> FOR_PEOPLE = {"/ormel/token/list",      "/ormel/token/add",
                                                "/ormel/token/remove",    "/ormel/log/dump",
                                                "/ormel/backup/download", "/ormel/backup/inspect",
@@ -108,7 +105,6 @@ class TokenRoutes : public testing::Test {
     EXPECT_EQ(ormel::token::add(scope, scope, 60, "admin", made, text).code, NO_ERROR);
     return text;
   }
-  // The answer to a request with a token.
   static std::string ask(const Route& row, const std::string& token, const char* form = "") {
     setenv("HTTP_AUTHORIZATION", ("Bearer " + token).c_str(), 1);
     return answer_locally(form, OF_SESSION, [&row](JsonValue& out) {

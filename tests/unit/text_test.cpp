@@ -1,8 +1,4 @@
 // Texts that come encoded, in lines and words, or in bytes that ought to be UTF-8.
-#include <memory>
-#include <string>
-#include <vector>
-
 #include <curl/curl.h>
 #include <gtest/gtest.h>
 
@@ -22,7 +18,6 @@ std::string decoded(const std::string& text) {
   return out;
 }
 
-// What libcurl makes of the same text.
 std::string libcurl_decoded(const std::string& text) {
   decltype(&::curl_easy_unescape) unescape = nullptr;
   decltype(&::curl_free) release = nullptr;

@@ -1,6 +1,5 @@
 #include <chrono>
 #include <csignal>
-#include <fcntl.h>
 #include <semaphore>
 #include <sys/socket.h>
 #include <thread>
@@ -10,6 +9,7 @@
 
 #include "libmibservice/mibserver.h"
 #include "libmibservice/wire.h"
+#include "support/wait.h"
 #include "unit/platform/scratch.h"
 
 namespace fenro::test {
@@ -113,8 +113,7 @@ TEST(BusClient, AnAbsentServiceIsToldAtOnceAndAnUnusableOneToo) {
   EXPECT_LT(Clock::now() - start, 1s);
 }
 
-// Plays a service that says `words` to every client, after it was sent the end of a request or
-// without waiting.
+// Plays a service that says `words` to its client, and then hangs up or waits.
 Call call_to_a_service_saying(const std::string& words, bool hang_up) {
   const std::string service = "@raw-" + SERVICE;
   const bus::Address address = bus::address_of(service);
@@ -223,16 +222,10 @@ TEST_F(BusTest, ASilentClientIsDroppedAtItsDeadlineButNotForAHandlersTime) {
 // A server in its own process, of another user if that can be had.
 class ServerProcess {
  public:
-  ServerProcess(const std::string& service, uid_t user) {
-    std::array<int, 2> ends{};
-    EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
-    const Fd from{ends[0]};
-    Fd to{ends[1]};
-    pid_ = fork();
-    if (pid_ == 0) _exit(serve(service, user, to));
-    to.reset();
-    char ready = 0;
-    EXPECT_EQ(read(from.get(), &ready, 1), 1);
+  ServerProcess(const std::string& service, uid_t user) : pid_(fork()) {
+    if (pid_ == 0) _exit(serve(service, user));
+    EXPECT_TRUE(
+        support::comes_true([&] { return call(service, "who", "").status != MIB_NOT_READY; }));
   }
   ServerProcess(const ServerProcess&) = delete;
   ServerProcess& operator=(const ServerProcess&) = delete;
@@ -245,16 +238,13 @@ class ServerProcess {
   }
 
  private:
-  static int serve(const std::string& service, uid_t user, const Fd& ready) {
+  static int serve(const std::string& service, uid_t user) {
     Server server{service};
     server.on("who", [](std::string_view) { return Reply{MIB_SUCCESS, "me"}; });
-    server.every(std::chrono::milliseconds{1}, [&, told = false]() mutable {
-      if (!std::exchange(told, true)) std::ignore = write(ready.get(), "r", 1);
-    });
     if (setresuid(user, user, user) != 0 || !server.listen()) return 2;
     return server.run();
   }
-  pid_t pid_ = -1;
+  pid_t pid_;
 };
 
 TEST(BusServer, SigtermAndSigintEndItCleanly) {
@@ -265,7 +255,6 @@ TEST(BusServer, SigtermAndSigintEndItCleanly) {
   }
 }
 
-// What a call made by another user gives.
 int status_as(uid_t user, const std::string& service) {
   const pid_t child = fork();
   if (child == 0) _exit(setresuid(user, user, user) == 0 ? call(service, "who", "").status : 77);

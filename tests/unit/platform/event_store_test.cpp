@@ -7,7 +7,6 @@
 namespace fenro::test {
 namespace {
 
-// The first column, the number of the event.
 int collect(void* ids, int, char** values, char**) {
   static_cast<std::vector<std::string>*>(ids)->emplace_back(values[0]);
   return 0;

@@ -11,7 +11,6 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-// A daemon's state over a file in its own folder.
 class NetworkdTest : public testing::Test {
  protected:
   std::string call(std::string_view name, std::string_view body) {

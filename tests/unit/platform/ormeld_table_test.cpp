@@ -15,7 +15,6 @@ class OrmeldTable : public OrmeldTest {
   void add(const char* user, int type, std::uint64_t time) {
     ASSERT_EQ(status(LOG.insert, bytes_of(server_record(user, type, time))), MIB_SUCCESS);
   }
-  // The users of a listing, in its order.
   std::string users(const db_query_cond& cond) {
     std::string names;
     for (const auto& row : list<db_conn_server_log>(LOG.query, cond).rows) names += row.username;

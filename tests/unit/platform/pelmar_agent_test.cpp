@@ -1,5 +1,4 @@
 #include <arpa/inet.h>
-#include <cstring>
 #include <linux/netlink.h>
 #include <linux/xfrm.h>
 
@@ -47,8 +46,8 @@ TEST(SecurityAssociations, CountOnceTheyHaveKeys) {
     EXPECT_EQ(tunnel_state(associations, "192.0.2.10"), TunnelState::NONE);
     EXPECT_EQ(tunnel_state(associations, "192.0.2"), TunnelState::NONE);
   }
-  for (std::size_t cut = 0; cut < in.size();
-       ++cut) {  // whatever is missing, nothing is read beyond the end
+  // Whatever is missing, nothing is read beyond the end.
+  for (std::size_t cut = 0; cut < in.size(); ++cut) {
     SecurityAssociations associations;
     std::ignore = take_associations(std::string_view{in}.substr(0, cut), associations);
     EXPECT_TRUE(associations.empty());

@@ -1,11 +1,8 @@
-// What the platform's tests share: a folder that goes with its test, and programs run with their
-// output.
+// What the platform's tests share: programs run with their output, children, and a private host.
 #pragma once
 
 #include <cstdlib>
-#include <filesystem>
 #include <iterator>
-#include <memory>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
@@ -55,9 +52,8 @@ inline int end_of(pid_t child) {
 
 constexpr int NO_NAMESPACE = 99;  // a child's status when the kernel denies it what the test needs
 
-// Runs `body` in a child in which the scratch folder takes the place of the host's /run and
-// /var/lib, so nothing reaches the host. The child's exit status, or -1 where the kernel gives no
-// such namespace.
+// Runs `body` in a child that has the scratch folder in the place of the host's /run and /var/lib.
+// Its exit status, or -1 where the kernel gives no such namespace.
 template <typename Body>
 int in_private_host(const Scratch& scratch, Body body) {
   const pid_t child = fork();

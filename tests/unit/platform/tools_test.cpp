@@ -110,13 +110,11 @@ TEST(Setcfg, LosesNoEditOfAnother) {
   const Scratch scratch;
   const std::string file = scratch.write("a.conf", "");
   const int status = in_private_host(Scratch{}, [&] {
-    std::vector<std::thread> writers;
-    writers.reserve(WRITERS);
+    std::vector<std::jthread> writers;
     for (int i = 0; i < WRITERS; ++i)
       writers.emplace_back([&, i] {
         tool("setcfg", {"S", "k" + std::to_string(i), "v", "-f", file});
       });
-    for (std::thread& writer : writers) writer.join();
     return 0;
   });
   if (status == NOT_RUN) GTEST_SKIP() << "no mount namespace";
