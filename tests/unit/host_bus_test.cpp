@@ -14,10 +14,6 @@ namespace {
 
 class BusReplies : public testing::Test {
  protected:
-  void SetUp() override {
-    level_ = std::exchange(__cur_level__, ORMELLOG_ERROR);
-    type_ = std::exchange(__cur_type__, ORMELLOG_TYPE_STDOUT);
-  }
   void TearDown() override {
     __cur_level__ = level_;
     __cur_type__ = type_;
@@ -35,8 +31,8 @@ class BusReplies : public testing::Test {
   test::ScriptedBus bus;
 
  private:
-  int level_ = 0;
-  int type_ = 0;
+  const int level_ = std::exchange(__cur_level__, ORMELLOG_ERROR);
+  const int type_ = std::exchange(__cur_type__, ORMELLOG_TYPE_STDOUT);
 };
 
 TEST_F(BusReplies, AreJudgedAndWordedAsEachCallerSays) {

@@ -1,10 +1,11 @@
-#include <cstring>
+#include <cstdlib>
 
 #include <gtest/gtest.h>
 
 #include "ormel/base/crypto.h"
 #include "ormel/base/error.h"
 #include "ormel/base/lines.h"
+#include "ormel/cgi/cgi.h"
 #include "ormel/config/pool.h"
 #include "ormel/drivers/drovik/drovik.h"
 #include "ormel/drivers/l2tp.h"
@@ -282,23 +283,16 @@ TEST_F(OptionTest, TakesAFormWithTheStateOfAServerFirstOrLast) {
   for (const auto& [state, code] :
        {std::pair("FALSE", NO_ERROR), std::pair("1", ERR_IP_POOL_CONFLICT)}) {
     SCOPED_TRACE(state);
-    // A parsed form, built by hand behind its nameless head.
-    const char* const fields[][2] = {{nullptr, nullptr},      {"sid", "x"},
-                                     {"ip_pool", "10.5.0.0"}, {"up", "/bin/dash"},
-                                     {"metadata", nullptr},   {"enable", state}};
-    cgi_var form[std::size(fields)]{};
-    for (size_t i = 0; i < std::size(form); ++i) {
-      std::memcpy(form[i].magic, "cGI", sizeof form[i].magic);
-      form[i].name = const_cast<char*>(fields[i][0]);
-      form[i].value = const_cast<char*>(fields[i][1]);
-      form[i].next = i + 1 < std::size(form) ? &form[i + 1] : nullptr;
-    }
+    const std::string form = "sid=x&ip_pool=10.5.0.0&up=/bin/dash&metadata=&enable=";
+    setenv("QUERY_STRING", (form + state).c_str(), 1);
+    const CgiRequest request(cgi_default_settings);
+    unsetenv("QUERY_STRING");
     auto record = std::make_unique<PolyConfig>(config::make_record(PPTP_SERVER_TYPE, 0));
     record->cast<config::ServerConfig>()->ip_begin = "10.0.0.2";
     record->cast<config::ServerConfig>()->enable = true;
     int rc = -1;
     testing::internal::CaptureStderr();
-    record = get_options(std::move(record), form, rc);
+    record = get_options(std::move(record), request.vars(), rc);
     testing::internal::GetCapturedStderr();
     EXPECT_EQ(rc, code);
     EXPECT_EQ(record->bc == nullptr, code != NO_ERROR);

@@ -153,15 +153,10 @@ TEST(ConfigFileSave, SortsAndPutsTheServersBeforeTheCertificate) {
             "nobind\nroute 2\nroute 1\n"
             "\n<connection>\nremote a 1 udp\nfloat \nsocks-proxy x\n</connection>\n"
             "\n<connection>\nremote b 2 tcp\n</connection>\n"
-            "\n<ca>\nA\n</ca>\n"
-            "\n<key>\nK\n</key>\n\n");
-}
-
-TEST(ConfigFileSave, WritesNoServersWithoutACertificate) {
-  const ScratchFile file;
-  ConfigFile cf = parse("verb 3\nclient\nremote a");
+            "\n<ca>\nA\n</ca>\n\n<key>\nK\n</key>\n\n");
+  cf = parse("verb 3\nclient\nremote a");
   ASSERT_EQ(cf.save(file.path().c_str(), false, cf.get_all_remotes()), NO_ERROR);
-  EXPECT_EQ(file.content(), "verb 3\nclient\n");
+  EXPECT_EQ(file.content(), "verb 3\nclient\n") << "no servers without a certificate";
 }
 
 TEST(ConfigFileSave, ReportsWhatCannotBeWritten) {

@@ -92,14 +92,9 @@ TEST(UserPrivileges, AreShownByPages) {
   UserPrivilege privileges;
   privileges.storage = {{"ann", 1}, {"bob", 2}, {"Bobby", 4}, {"carl", 8}};
   const std::tuple<int, int, const char*, const char*> rows[] = {
-      {0, 0, "", "null"},
-      {0, -1, "", "null"},
-      {0, 1, "", R"({"Bobby":4})"},
-      {1, 2, "", R"({"ann":1,"bob":2})"},
-      {3, 5, "", R"({"carl":8})"},
-      {4, 5, "", "null"},
-      {0, 5, "bOb", R"({"Bobby":4,"bob":2})"},
-      {1, 1, "bob", R"({"bob":2})"},
+      {0, 0, "", "null"},  {0, 1, "", R"({"Bobby":4})"},  {1, 2, "", R"({"ann":1,"bob":2})"},
+      {0, -1, "", "null"}, {1, 1, "bob", R"({"bob":2})"}, {0, 5, "bOb", R"({"Bobby":4,"bob":2})"},
+      {4, 5, "", "null"},  {3, 5, "", R"({"carl":8})"},
   };
   for (const auto& [start, count, filter, expected] : rows) {
     JsonValue out;

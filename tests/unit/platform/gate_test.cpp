@@ -10,19 +10,17 @@ using gate::may_be_same;
 using gate::Request;
 
 std::string record(int type, const std::string& content, int padding = 0, int id = 7) {
-  const auto byte = [](std::size_t number) { return static_cast<char>(number & 0xffU); };
-  std::string text{1, byte(static_cast<std::size_t>(type)), 0, byte(static_cast<std::size_t>(id))};
-  text += {byte(content.size() >> 8U), byte(content.size()),
-           byte(static_cast<std::size_t>(padding)), 0};
-  return text + content + std::string(static_cast<std::size_t>(padding), 'p');
+  const auto byte = [](auto number) { return static_cast<char>(number); };
+  const std::string head{
+      1, byte(type), 0, byte(id), byte(content.size() >> 8U), byte(content.size()), byte(padding),
+      0};
+  return head + content + std::string(static_cast<std::size_t>(padding), 'p');
 }
 
 std::string pair(const std::string& name, const std::string& value) {
   const auto size = value.size();
   std::string length(1, static_cast<char>(size));
-  if (size > 127)
-    length = {static_cast<char>(0x80), 0, static_cast<char>(size >> 8U),
-              static_cast<char>(size & 0xffU)};
+  if (size > 127) length = {'\x80', 0, static_cast<char>(size >> 8U), static_cast<char>(size)};
   return std::string(1, static_cast<char>(name.size())) + length + name + value;
 }
 

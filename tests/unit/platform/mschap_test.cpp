@@ -30,16 +30,15 @@ TEST(MschapTest, GivesThePublishedResponse) {
 class HelperTest : public testing::Test {
  protected:
   HelperTest() {
-    const std::string hash = PASSWORD_HASH;
-    table = "&" + scratch.write("smbpasswd", "User:1000:" + std::string(32, 'X') + ":" + hash +
-                                                 ":[U  ]:LCT-5F000000:\n" + "off:1001:X:" + hash +
-                                                 ":[UD  ]:LCT-5F000000:\n" +
-                                                 "none:1002:X:" + std::string(32, 'X') + ":[U]:\n" +
-                                                 "DOM\\User:1003:X:" + hash + ":[U]:\n");
-    secrets = scratch.write("chap-secrets", line("User", table) + line("off", table) +
-                                                line("none", table) + line("DOM\\User", table) +
-                                                line("plain", "clientPass") + "\"other\"\tl2tpd\t" +
-                                                table + "\t*\n");
+    const std::string hash = PASSWORD_HASH, none(32, 'X');
+    const std::string lines = "User:1000:" + none + ":" + hash + ":[U  ]:LCT-5F000000:\n" +
+                              "off:1001:X:" + hash + ":[UD  ]:LCT-5F000000:\n" +
+                              "none:1002:X:" + none + ":[U]:\n" + "DOM\\User:1003:X:" + hash +
+                              ":[U]:\n";
+    table = "&" + scratch.write("smbpasswd", lines);
+    std::string users = line("plain", "clientPass") + "\"other\"\tl2tpd\t" + table + "\t*\n";
+    for (const char* user : {"User", "off", "none", "DOM\\User"}) users += line(user, table);
+    secrets = scratch.write("chap-secrets", users);
   }
   static std::string line(const std::string& user, const std::string& secret) {
     return "\"" + user + "\"\tpptpd\t" + secret + "\t*\n";
