@@ -106,8 +106,7 @@ TEST_F(PoolTest, KeepsTheAddressPoolsOfServersApart) {
   auto& client = store<wireguard::ClientConfig>(1);
   client.client_ip = "10.0.10.7";
   client.client_mask_str = "255.255.255.255";
-  EXPECT_FALSE(available(pool, L2TP_SERVER_TYPE, "10.0.10.2"))
-      << "a client counts also when it is off";
+  EXPECT_FALSE(available(pool, L2TP_SERVER_TYPE, "10.0.10.2")) << "a client counts when it is off";
 }
 
 TEST_F(PoolTest, KeepsTheEndpointsOfWireGuardClientsApart) {
@@ -252,8 +251,7 @@ TEST(ClientRecord, ChecksTheWholeRecord) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(record.verify(), code);
     const std::string text = get_error_message(static_cast<unsigned>(code));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              code == NO_ERROR ? "" : "Error: " + text + '\n');
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), code ? "Error: " + text + '\n' : "");
   }
 }
 

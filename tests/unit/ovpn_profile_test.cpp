@@ -160,11 +160,10 @@ TEST(ConfigFileSave, SortsAndPutsTheServersBeforeTheCertificate) {
 }
 
 TEST(ConfigFileSave, ReportsWhatCannotBeWritten) {
-  const ScratchFile link;
-  unlink(link.path().c_str());
-  ASSERT_EQ(symlink("elsewhere", link.path().c_str()), 0);
-  for (const std::string& target :
-       {std::string("/"), std::string("/no/client1"), std::string("/dev/full"), link.path()}) {
+  const support::Scratch scratch;
+  std::filesystem::create_symlink("elsewhere", scratch.path("link"));
+  for (const std::string& target : {std::string("/"), std::string("/no/client1"),
+                                    std::string("/dev/full"), scratch.path("link")}) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(parse("client").save(target.c_str(), true, {}), ERR_SAVE_FILE);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error: " + target + "\n");
@@ -172,15 +171,13 @@ TEST(ConfigFileSave, ReportsWhatCannotBeWritten) {
 }
 
 TEST(ConfigFileLoad, TakesRegularFilesOnly) {
-  const ScratchFile file("client");
-  const ScratchFile link;
-  unlink(link.path().c_str());
-  ASSERT_EQ(symlink(file.path().c_str(), link.path().c_str()), 0);
+  const support::Scratch scratch;
+  const std::string file = scratch.write("file", "client"), link = scratch.path("link");
+  std::filesystem::create_symlink(file, link);
   ConfigFile cf;
-  EXPECT_EQ(cf.load(file.path().c_str()), NO_ERROR);
-  for (const std::string& other :
-       {std::string("/"), std::string("/none"), std::string("/dev/zero"), link.path()})
-    EXPECT_EQ(cf.load(other.c_str()), ERR_REGULAR_FILE) << other;
+  EXPECT_EQ(cf.load(file.c_str()), NO_ERROR);
+  for (const char* other : {"/", "/none", "/dev/zero", link.c_str()})
+    EXPECT_EQ(cf.load(other), ERR_REGULAR_FILE) << other;
   EXPECT_EQ(describe(cf.options), "client=|");
 }
 

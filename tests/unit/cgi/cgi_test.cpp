@@ -103,8 +103,7 @@ TEST(FormpartParserExecute, StopsWhenTheRequestHasHadItsShareOfRecords) {
   formpart_parser state;
   ASSERT_TRUE(
       charge_cgi_content(&parser, CGI_CONTENT_LIMIT - parser.content_length - CGI_RECORD_PRICE));
-  EXPECT_EQ(formpart_parser_execute(&parser, &state, "a=1&b=2", 7), 4U)
-      << "there is room for one record";
+  EXPECT_EQ(formpart_parser_execute(&parser, &state, "a=1&b=2", 7), 4U) << "room for one record";
   EXPECT_EQ(fuzz::describe(parser.var_list), "a=1 of 1 status 0\n");
 }
 

@@ -44,9 +44,8 @@ TEST(MibIoExecv, TakesAMegabyteOfEachStreamInAnyOrder) {
   const std::string blocks =
       "i=0; while [ $i -lt 16 ]; do head -c 65536 /dev/zero; head -c 65536 /dev/zero >&2; "
       "i=$((i+1)); done";
-  const std::string one_after_the_other =
-      "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero";
-  for (const std::string& script : {blocks, one_after_the_other}) {
+  const std::string one_by_one = "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero";
+  for (const std::string& script : {blocks, one_by_one}) {
     const Outcome got = shell(script);
     EXPECT_EQ(got.status, 0);
     EXPECT_EQ(got.out, std::string(1 << 20, '\0'));
@@ -62,9 +61,7 @@ TEST(MibIoExecv, DoesNotWaitForADaemonLeftBehind) {
   EXPECT_EQ(quiet.status, 0);
   EXPECT_EQ(noisy.status, 0);
   for (const Outcome* got : {&quiet, &noisy}) {
-    const auto end =
-        std::find_if(got->out.begin(), got->out.end(), [](char c) { return c >= '0' && c <= '9'; });
-    const int pid = std::stoi(std::string{end, got->out.end()});
+    const int pid = std::stoi(got->out.substr(got->out.find_first_of("0123456789")));
     ASSERT_GT(pid, 1);
     EXPECT_EQ(kill(pid, SIGKILL), 0);
   }

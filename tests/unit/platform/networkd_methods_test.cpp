@@ -152,24 +152,21 @@ TEST_F(NetworkdTest, FindsACollisionWithTheLoopbackNetworkAndNoneElsewhere) {
 }
 
 TEST(RatesTest, CountsBytesASecondBetweenTheLastTwoReadings) {
-  using std::chrono::milliseconds;
   const Rates::Clock::time_point start{};
-  const auto reading = [](int index, std::uint64_t rx) {
-    return std::vector<Link>{{index, "eth0", 0, true, rx, 2 * rx}};
+  const std::tuple<int, std::uint64_t, int, std::uint64_t> readings[] = {
+      {2, 1000, 0, 0},       // one reading is no rate
+      {2, 2000, 500, 2000},  // in half a second
+      {2, 100, 1500, 0},     // a counter that went back
+      {9, 5000, 2500, 0},    // another interface of that name
+      {9, 6000, 2500, 0},    // no time has passed
   };
   Rates rates;
-  rates.sample(reading(2, 1000), start);
-  EXPECT_EQ(rates.of("eth0").rx, 0U);  // one reading is no rate
-  rates.sample(reading(2, 2000), start + milliseconds{500});
-  EXPECT_EQ(rates.of("eth0").rx, 2000U);
-  EXPECT_EQ(rates.of("eth0").tx, 4000U);
-  rates.sample(reading(2, 100), start + milliseconds{1500});
-  EXPECT_EQ(rates.of("eth0").rx, 0U);  // a counter that went back
-  rates.sample(reading(9, 5000), start + milliseconds{2500});
-  EXPECT_EQ(rates.of("eth0").rx, 0U);  // another interface of that name
-  rates.sample(reading(9, 6000), start + milliseconds{2500});
-  EXPECT_EQ(rates.of("eth0").rx, 0U);  // no time has passed
-  rates.sample({}, start + milliseconds{3500});
+  for (const auto& [index, rx, time, rate] : readings) {
+    rates.sample({{index, "eth0", 0, true, rx, 2 * rx}}, start + std::chrono::milliseconds{time});
+    EXPECT_EQ(rates.of("eth0").rx, rate) << time;
+    EXPECT_EQ(rates.of("eth0").tx, 2 * rate) << time;
+  }
+  rates.sample({}, start + std::chrono::milliseconds{3500});
   EXPECT_EQ(rates.of("eth0").tx, 0U);
 }
 

@@ -86,8 +86,7 @@ TEST_F(SessionTest, EndsWithinAMinuteOfTheLockingOfItsUser) {
   locked_user = "root";
   age(sid, SessionStore::ACCOUNT_CHECK);
   EXPECT_FALSE(store.find(sid.c_str(), true));
-  EXPECT_EQ(scratch.mode("sessions/" + sid), 0U)
-      << "it is gone, and does not come back with the account";
+  EXPECT_EQ(scratch.mode("sessions/" + sid), 0U) << "it is gone for good";
 }
 
 TEST_F(SessionTest, TheTwentyFirstOfAUserEndsTheOldest) {
