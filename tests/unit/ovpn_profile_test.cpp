@@ -48,8 +48,7 @@ struct ParseCase {
 
 constexpr ParseCase PARSE_CASES[] = {
     {"nothing", "", ""},
-    {"comments", "# a\n ;b\n\t#c", ""},
-    {"blank lines", "\r\n \t\n\n  \t ", ""},
+    {"comments and blank lines", "# a\n ;b\n\t#c\r\n \t\n\n  \t ", ""},
     {"line ends of any kind", "client\r\ndev tun\rnobind\n", "client=|dev=tun|nobind=|"},
     {"blanks around", "  dev \t tun  0 \t\n", "dev=tun  0|"},
     {"a later line replaces", "cipher A\ndev tun\ncipher B", "dev=tun|cipher=B|"},

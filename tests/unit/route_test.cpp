@@ -14,12 +14,8 @@
 #include "ormel/web/routes.h"
 #include "support/scratch_file.h"
 
-namespace {
-
 constexpr std::string_view ADMINISTRATORS_SESSION = "admin";
 constexpr std::string_view USERS_SESSION = "guest";
-
-}  // namespace
 
 // In the place of the appliance's sessions and groups. A user is named as the session.
 int auth_get_session(const char* sid, int touch, _session* session) {

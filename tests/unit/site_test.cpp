@@ -16,7 +16,7 @@ Json parsed(const std::string& text) {
 
 TEST(SiteSchema, NamesTheMemberThatBreaksIt) {
   // Members beside the format, and what is said of them.
-  const std::pair<std::string, const char*> cases[] = {
+  const std::pair<const char*, const char*> cases[] = {
       {"", ""},
       {R"("servers": {"openvpn": {"maximum": 20, "enable": true}})", ""},
       {R"("servers": {"openvpn": {"maximum": "20"}})", "servers.openvpn.maximum is not a number"},
@@ -51,7 +51,7 @@ TEST(SiteSchema, NamesTheMemberThatBreaksIt) {
       {R"("servers": [])", "servers is not an object"},
   };
   for (const auto& [members, wrong] : cases) {
-    const std::string comma = members.empty() ? "" : ", ";
+    const std::string comma = *members ? ", " : "";
     const Json document = parsed("{\"format\": 1" + comma + members + '}');
     EXPECT_EQ(broken_rule(document.get()), wrong);
   }

@@ -113,8 +113,11 @@ TEST(WireGuardStatus, TakesTheLinesOfOnePeerOnly) {
       {"", "198.18.7.2/32|1 minute, 2 seconds ago|1.20 KiB|3.40 MiB"},
   };
   for (const auto& [key, expected] : rows) {
-    const auto& [ips, handshake, rx, tx] = peer_status(SHOWN, key);
-    EXPECT_EQ(ips + '|' + handshake + '|' + rx + '|' + tx, expected) << key;
+    const PeerStatus found = peer_status(SHOWN, key);
+    EXPECT_EQ(found.allowed_ips + '|' + found.latest_handshake + '|' + found.rx_total + '|' +
+                  found.tx_total,
+              expected)
+        << key;
   }
 }
 
@@ -284,7 +287,6 @@ TEST_F(WireGuard, AClientIsVerifiedInOrder) {
        [](ClientConfig& c) { c.peer_endpoint = std::string(65536, 'h') + ":51820"; }, NO_ERROR},
       {"IPv6", [](ClientConfig& c) { c.peer_endpoint = "[::1]:51820"; }, NO_ERROR},
       {"wide mask", [](ClientConfig& c) { c.client_mask = 33; }, ERR_VALUE},
-      {"negative mask", [](ClientConfig& c) { c.client_mask = -1; }, ERR_VALUE},
       {"negative port", [](ClientConfig& c) { c.port = -1; }, ERR_PORT_NUMBER},
       {"private key", [](ClientConfig& c) { c.client_pri_key = "x"; }, ERR_VALUE},
       {"public key", [](ClientConfig& c) { c.peer_pub_key = "x"; }, ERR_VALUE},

@@ -67,6 +67,7 @@ TEST_F(OnlineUsersTest, IsEmptyWithoutAFileAndRefusesAListThatIsNoFile) {
 TEST_F(OnlineUsersTest, LosesNoneOfManyAtOnce) {
   constexpr int WRITERS = 8;
   std::vector<std::jthread> writers;
+  writers.reserve(WRITERS);
   for (int i = 0; i < WRITERS; ++i) {
     writers.emplace_back([this, number = std::to_string(i)] {
       EXPECT_TRUE(add("stays" + number));

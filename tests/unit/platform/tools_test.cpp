@@ -73,12 +73,13 @@ TEST(Setcfg, SetsOneLineAndKeepsTheOthers) {
   };
   const Scratch scratch;
   const Scratch host;
-  for (auto [before, words, after] : cases) {
+  for (const auto& [before, words, after] : cases) {
     SCOPED_TRACE(testing::PrintToString(words));
     const std::string file = scratch.write("a.conf", before);
     ASSERT_EQ(chmod(file.c_str(), 0644), 0);
-    words.insert(words.end(), {"-f", file});
-    EXPECT_EQ(setcfg(host, words), 0);
+    std::vector<std::string> all = words;
+    all.insert(all.end(), {"-f", file});
+    EXPECT_EQ(setcfg(host, all), 0);
     EXPECT_EQ(scratch.read("a.conf"), after);
     EXPECT_EQ(scratch.mode("a.conf"), 0644U);
     EXPECT_EQ(scratch.files(), 1U);
@@ -111,6 +112,7 @@ TEST(Setcfg, LosesNoEditOfAnother) {
   const std::string file = scratch.write("a.conf", "");
   const int status = in_private_host(Scratch{}, [&] {
     std::vector<std::jthread> writers;
+    writers.reserve(WRITERS);
     for (int i = 0; i < WRITERS; ++i)
       writers.emplace_back([&, i] {
         tool("setcfg", {"S", "k" + std::to_string(i), "v", "-f", file});
