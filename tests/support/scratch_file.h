@@ -1,8 +1,9 @@
-// A temporary file for one test.
+// A temporary file or folder for one test.
 #pragma once
 
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <unistd.h>
 
@@ -27,6 +28,37 @@ class ScratchFile {
 
  private:
   std::string path_;
+};
+
+// A new folder, removed at the end with all that is in it; paths are relative to it.
+class Scratch {
+ public:
+  explicit Scratch(const char* parent = "/tmp") {
+    std::string name = std::string(parent) + "/fenro-test-XXXXXX";
+    folder_ = mkdtemp(name.data());
+  }
+  Scratch(const Scratch&) = delete;
+  Scratch& operator=(const Scratch&) = delete;
+  ~Scratch() {
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
+  }
+  [[nodiscard]] std::string path(const std::string& name) const { return folder_ + "/" + name; }
+  std::string write(const std::string& name, const std::string& content) const {
+    support::write(path(name), content);
+    return path(name);
+  }
+  [[nodiscard]] std::string read(const std::string& name) const {
+    return support::read(path(name));
+  }
+  [[nodiscard]] mode_t mode(const std::string& name) const { return support::mode_of(path(name)); }
+  [[nodiscard]] std::size_t files() const {
+    return static_cast<std::size_t>(
+        std::distance(std::filesystem::directory_iterator{folder_}, {}));
+  }
+
+ private:
+  std::string folder_;
 };
 
 }  // namespace support

@@ -1,6 +1,4 @@
-#include <cstring>
-
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "base/tunnel.h"
 #include "ormel/actions/gateway_policy.h"
@@ -18,6 +16,8 @@
 
 namespace ormel::config {
 namespace {
+
+using testing::HasSubstr;
 
 // Not the global pool: every test starts from an empty one.
 class PoolTest : public testing::Test {
@@ -106,8 +106,7 @@ TEST_F(PoolTest, KeepsTheAddressPoolsOfServersApart) {
   auto& client = store<wireguard::ClientConfig>(1);
   client.client_ip = "10.0.10.7";
   client.client_mask_str = "255.255.255.255";
-  EXPECT_FALSE(available(pool, L2TP_SERVER_TYPE, "10.0.10.2"))
-      << "a client counts also when it is off";
+  EXPECT_FALSE(available(pool, L2TP_SERVER_TYPE, "10.0.10.2")) << "a client counts when it is off";
 }
 
 TEST_F(PoolTest, KeepsTheEndpointsOfWireGuardClientsApart) {
@@ -121,7 +120,6 @@ TEST_F(PoolTest, KeepsTheEndpointsOfWireGuardClientsApart) {
       {2, "10.1.1.1", "a.invalid", "1", 0, ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE},
       {2, "10.1.1.2", "a.invalid", "1", 5000, ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE},
       {2, "10.1.1.2", "127.0.0.1", "51820", 0, ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE},
-      {2, "10.1.1.2", "localhost", "51820", 0, ERR_WIREGUARD_SERVER_CLIENT_DUPLICATE},
       {2, "10.1.1.2", "127.0.0.1", "51821", 0, NO_ERROR},
   };
   for (const auto& [index, client_ip, host, port, listen, code] : rows)
@@ -157,10 +155,9 @@ TEST_F(PoolTest, IsFullWithSixteenProfilesOfUsers) {
 }
 
 TEST(ServerRecord, TakesSegmentSizesThatItsDaemonCanUse) {
-  for (const auto& [mss, code] : {std::pair{999, int{ERR_VALUE}},
-                                  {1000, ERR_NOT_SUPPORT},  // which the base class says of all
-                                  {1400, ERR_NOT_SUPPORT},
-                                  {1401, ERR_VALUE}}) {
+  constexpr int GOOD = ERR_NOT_SUPPORT;  // which the base class says of all
+  for (const auto& [mss, code] :
+       {std::pair{999, int{ERR_VALUE}}, {1000, GOOD}, {1400, GOOD}, {1401, ERR_VALUE}}) {
     pptp::ServerConfig record(0);
     record.mss = mss;
     testing::internal::CaptureStderr();
@@ -201,12 +198,7 @@ TEST(ServerRecord, ReadsAProtocolInAnyCase) {
 
 // "Status" of the file is out of date: the process and the address count.
 TEST(ClientRecord, IsUpWithAnAddressAndWantedOrAlive) {
-  const struct {
-    const char* lines;
-    pid_t process;
-    STATUS status;
-    const char* shown;
-  } rows[] = {
+  const std::tuple<const char*, pid_t, STATUS, const char*> rows[] = {
       {"Enable = TRUE\nLocalIP = 10.0.0.2\n", 0, CONNECTED_STATUS, "10.0.0.2"},
       {"Enable = TRUE\n", 0, CONNECTING_STATUS, ""},
       {"Enable = FALSE\nLocalIP = 10.0.0.2\n", 9, CONNECTED_STATUS, "10.0.0.2"},
@@ -214,22 +206,21 @@ TEST(ClientRecord, IsUpWithAnAddressAndWantedOrAlive) {
   };
   test::ScriptedBus bus;
   bus.answer(R"({"error":0,"data":{"rx_bytes":1,"tx_bytes":1,"rx_rate":1,"tx_rate":1}})");
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.lines);
-    const support::ScratchFile file{std::string("[PPTP_CLIENT3]\nIndex = 7\n") + row.lines};
+  for (const auto& [lines, process, status, address] : rows) {
+    SCOPED_TRACE(lines);
+    const support::ScratchFile file{std::string("[PPTP_CLIENT3]\nIndex = 7\n") + lines};
     const Conf conf{Conf_Dir_Load(file.path().c_str())};
     pptp::ClientConfig record(3);
-    record.load(conf.get(), row.process);
+    record.load(conf.get(), process);
     EXPECT_EQ(record.index, 3) << "the section's number";
-    EXPECT_EQ(record.status, row.status);
+    EXPECT_EQ(record.status, status);
     JsonValue out;
     record.show(ADMIN_USER, &out);
     std::string text;
     out.toString(text);
-    const std::string shown = std::string("\"local_ip\":\"") + row.shown + '"';
-    EXPECT_NE(text.find(shown), std::string::npos) << text;
-    const char* bytes = row.status == DISCONNECTED_STATUS ? "\"rx_total\":0" : "\"rx_total\":1";
-    EXPECT_NE(text.find(bytes), std::string::npos) << text;
+    EXPECT_THAT(text, HasSubstr(std::string("\"local_ip\":\"") + address + '"'));
+    EXPECT_THAT(text,
+                HasSubstr(status == DISCONNECTED_STATUS ? "\"rx_total\":0" : "\"rx_total\":1"));
   }
 }
 
@@ -260,8 +251,7 @@ TEST(ClientRecord, ChecksTheWholeRecord) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(record.verify(), code);
     const std::string text = get_error_message(static_cast<unsigned>(code));
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              code == NO_ERROR ? "" : "Error: " + text + '\n');
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), code ? "Error: " + text + '\n' : "");
   }
 }
 
@@ -283,10 +273,9 @@ TEST_F(ConnectionTest, TakesCountersOfAnyNumberAndKeepsTheOldOnesOtherwise) {
        {"", "[]", "{", R"({"error":"0"})", R"({"error":1})", R"({"error":0,"data":[]})",
         R"({"error":0,"data":{"rx_bytes":"1","tx_bytes":1,"rx_rate":1,"tx_rate":1}})",
         R"({"error":0,"data":{"rx_bytes":1,"tx_bytes":1,"rx_rate":1}})"}) {
-    SCOPED_TRACE(reply);
     bus.answer(reply);
     record.update_connection();
-    EXPECT_EQ(record.rx, 5000U);
+    EXPECT_EQ(record.rx, 5000U) << reply;
   }
 }
 
@@ -301,25 +290,7 @@ TEST_F(ConnectionTest, RegistersTheProfileInAFixedForm) {
   wireguard::ClientConfig client(32);
   client.dns_server = "9.9.9.9";
   EXPECT_EQ(client.mibcall_external_dev(ClientConfig::opt_ext_dev_modify), NO_ERROR);
-  EXPECT_NE(bus.calls.at(1).request.find(R"("dns":"9.9.9.9","ip4_gw":"0.0.0.0"})"),
-            std::string::npos);
-}
-
-TEST(NetworkIntersect, JudgesTheAnswerOfTheNetworkDaemon) {
-  test::ScriptedBus bus;
-  const std::pair<int, std::vector<const char*>> rows[] = {
-      {NO_ERROR, {R"({"error":0})"}},
-      {ERR_IP_POOL_CONFLICT, {R"({"error":1,"data":"eth0"})"}},
-      {ERR_MIB_API_RET_ERROR, {R"({"error":2})", "{}", R"({"error":"0"})", "[]"}},
-      {ERR_MIB_CALL_FAILED, {"no json"}},
-  };
-  for (const auto& [code, replies] : rows) {
-    for (const char* reply : replies) {
-      bus.answer(reply);
-      EXPECT_EQ(system::is_network_intersect("10.0.0.1\"", "255.0.0.0"), code) << reply;
-    }
-  }
-  EXPECT_EQ(bus.calls.at(0).request, R"({"ip":"10.0.0.1\"", "mask": "255.0.0.0"})");
+  EXPECT_THAT(bus.calls.at(1).request, HasSubstr(R"("dns":"9.9.9.9","ip4_gw":"0.0.0.0"})"));
 }
 
 TEST(Addresses, IntersectWhereNetworksShareOneAddress) {
@@ -349,15 +320,14 @@ TEST(Addresses, HaveMasksWithoutHoles) {
 TEST(Interfaces, BelongToProfilesByTheirNumber) {
   const std::tuple<const char*, TYPE, int> rows[] = {
       {"ppp999", NONE_TYPE, 999},
-      {"ppp1000", PPTP_CLIENT_TYPE, 0},
-      {"ppp1001", PPTP_CLIENT_TYPE, 1},
       {"ppp1249", PPTP_CLIENT_TYPE, 249},
+      {"ppp1000", PPTP_CLIENT_TYPE, 0},
+      {"dtunc2501", DROVIK_CLIENT_TYPE, 1},
       {"ppp1250", L2TP_CLIENT_TYPE, 0},
+      {"wgc3001", WIREGUARD_CLIENT_TYPE, 1},
+      {"eth0", NONE_TYPE, 0},
       {"tun2032", OVPN_CLIENT_TYPE, 32},
       {"tun", NONE_TYPE, 0},
-      {"dtunc2501", DROVIK_CLIENT_TYPE, 1},
-      {"eth0", NONE_TYPE, 0},
-      {"wgc3001", WIREGUARD_CLIENT_TYPE, 1},
   };
   for (const auto& [name, type, index] : rows) {
     TYPE found = PPTP_SERVER_TYPE;

@@ -15,10 +15,7 @@ std::string findings_of(const std::string& log) {
 TEST(Doctor, ReadsTheLogOfItsDaemon) {
   const std::string hello = "TLS: Initial packet from [AF_INET]192.0.2.1:1194, sid=1\n";
   const std::string verified = hello + "VERIFY OK: depth=1, CN=CA\nVERIFY OK: depth=0, CN=far\n";
-  const struct {
-    std::string log;
-    const char* findings;
-  } rows[] = {
+  const std::pair<std::string, const char*> rows[] = {
       {"", "server:fail "},
       {"TLS Error: TLS key negotiation failed to occur within 60 seconds\n", "server:fail "},
       {hello, "server:ok certificate:fail "},
@@ -30,9 +27,8 @@ TEST(Doctor, ReadsTheLogOfItsDaemon) {
       {verified, "server:ok certificate:ok login:fail "},
       {"Options error: Unrecognized option\n", "server:fail "},
   };
-  for (const auto& row : rows) EXPECT_EQ(findings_of(row.log), row.findings) << row.log;
-  const Findings refused = read_openvpn_log(verified + "AUTH_FAILED\n");
-  EXPECT_EQ(refused[1].text, "CN=far");
+  for (const auto& [log, findings] : rows) EXPECT_EQ(findings_of(log), findings) << log;
+  EXPECT_EQ(read_openvpn_log(verified + "AUTH_FAILED\n")[1].text, "CN=far");
 }
 
 TEST(Doctor, EndsAProgramThatHangsAndReadsOneThatEnds) {

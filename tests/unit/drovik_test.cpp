@@ -39,26 +39,23 @@ TEST_F(DrovikBus, BytesAreReceivedThenSentAndBadElementsAreSkipped) {
   EXPECT_EQ(get_drovik_client_bytes_info(), expected);
   EXPECT_EQ(bus.calls.at(0).request, "");
 
-  // No bytes without a usable reply.
   for (const char* reply :
        {"", "[]", R"({"data":[]})", R"({"error":0})", R"({"error":0,"data":{}})",
         R"({"error":2,"data":[{"mac":"a","rx_bytes":1,"tx_bytes":2}]})"}) {
-    SCOPED_TRACE(reply);
     bus.answer(reply);
-    EXPECT_TRUE(get_drovik_client_bytes_info().empty());
+    EXPECT_TRUE(get_drovik_client_bytes_info().empty()) << reply;
   }
 }
 
-class DrovikClient : public DrovikBus {
- protected:
-  static ClientConfig usable(int slot) {
-    ClientConfig record(slot);
-    record.name = "office";
-    record.psk = "secret";
-    record.host = record.ip = "203.0.113.7";
-    return record;
-  }
-};
+ClientConfig usable(int slot) {
+  ClientConfig record(slot);
+  record.name = "office";
+  record.psk = "secret";
+  record.host = record.ip = "203.0.113.7";
+  return record;
+}
+
+using DrovikClient = DrovikBus;
 
 TEST_F(DrovikClient, VerifyRefusesInOrder) {
   const std::tuple<const char*, void (*)(ClientConfig&), int> rows[] = {
@@ -72,10 +69,9 @@ TEST_F(DrovikClient, VerifyRefusesInOrder) {
       {"name", [](auto& r) { r.name.clear(); }, ERR_NAME_LENGTH},
   };
   for (const auto& [what, spoil, expected] : rows) {
-    SCOPED_TRACE(what);
     ClientConfig record = usable(1);
     spoil(record);
-    EXPECT_EQ(record.verify(), expected);
+    EXPECT_EQ(record.verify(), expected) << what;
   }
 }
 

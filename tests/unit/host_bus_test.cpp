@@ -1,9 +1,6 @@
 // What callers of the service bus make of each reply, and what the log says about it.
 #include <functional>
-#include <tuple>
-#include <utility>
-
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "ormel/base/error.h"
 #include "ormel/base/log.h"
@@ -17,117 +14,95 @@ namespace {
 
 class BusReplies : public testing::Test {
  protected:
-  void SetUp() override {
-    level_ = std::exchange(__cur_level__, ORMELLOG_ERROR);
-    type_ = std::exchange(__cur_type__, ORMELLOG_TYPE_STDOUT);
-  }
   void TearDown() override {
     __cur_level__ = level_;
     __cur_type__ = type_;
   }
-  // The lines of the log that a call leaves.
   static std::string said(const std::function<void()>& call) {
     testing::internal::CaptureStdout();
     call();
     return testing::internal::GetCapturedStdout();
   }
+  // A log with these words, or an empty one.
+  static testing::Matcher<std::string> words(const std::string& text) {
+    if (text.empty()) return testing::IsEmpty();
+    return testing::HasSubstr(text);
+  }
   test::ScriptedBus bus;
 
  private:
-  int level_ = 0;
-  int type_ = 0;
-};
-
-struct Row {
-  const char* reply;
-  int rc;
-  const char* usual;
-  const char* easy;
-  const char* kick;
-};
-
-constexpr Row ROWS[] = {
-    {R"({"error":0,"data":""})", NO_ERROR, "", "", ""},
-    {"[", ERR_WRONG_JSON_FORMAT, "caller: root isn't an object. 1: ",
-     "easy_mib_call: root isn't an object.", "root isn't a object. 1: "},
-    {"[0]", ERR_WRONG_JSON_FORMAT, "caller: root isn't an object. ",
-     "easy_mib_call: root isn't an object.", "root isn't a object. "},
-    {R"({"error":"0"})", ERR_WRONG_JSON_FORMAT, "caller: val isn't an integer. ",
-     "easy_mib_call: val isn't an integer.", "val isn't a integer. "},
-    {R"({"error":3})", ERR_MIB_API_RET_ERROR,
-     "caller: Service.method failed {\n    \"error\": 3\n}",
-     "easy_mib_call: Service.method {\"k\":1} failed",
-     "MorviServer.disconnect failed {\n    \"error\": 3\n}"},
+  const int level_ = std::exchange(__cur_level__, ORMELLOG_ERROR);
+  const int type_ = std::exchange(__cur_type__, ORMELLOG_TYPE_STDOUT);
 };
 
 TEST_F(BusReplies, AreJudgedAndWordedAsEachCallerSays) {
-  for (const Row& row : ROWS) {
-    SCOPED_TRACE(row.reply);
-    bus.answer(row.reply);
-    const auto expect = [&](const std::string& log, const char* words) {
-      if (*words) {
-        EXPECT_NE(log.find(words), std::string::npos) << log;
-      } else {
-        EXPECT_EQ(log, "");
-      }
-    };
+  const std::tuple<const char*, int, const char*, const char*, const char*> rows[] = {
+      {R"({"error":0,"data":""})", NO_ERROR, "", "", ""},
+      {"[", ERR_WRONG_JSON_FORMAT, "caller: root isn't an object. 1: ",
+       "easy_mib_call: root isn't an object.", "root isn't a object. 1: "},
+      {"[0]", ERR_WRONG_JSON_FORMAT, "caller: root isn't an object. ",
+       "easy_mib_call: root isn't an object.", "root isn't a object. "},
+      {R"({"error":"0"})", ERR_WRONG_JSON_FORMAT, "caller: val isn't an integer. ",
+       "easy_mib_call: val isn't an integer.", "val isn't a integer. "},
+      {R"({"error":3})", ERR_MIB_API_RET_ERROR,
+       "caller: Service.method failed {\n    \"error\": 3\n}",
+       "easy_mib_call: Service.method {\"k\":1} failed",
+       "MorviServer.disconnect failed {\n    \"error\": 3\n}"},
+  };
+  for (const auto& [reply, code, usual, easy, kick] : rows) {
+    SCOPED_TRACE(reply);
+    bus.answer(reply);
     int rc = -1;
-    expect(said([&] {
-             rc = system::bus_call({"caller", "Service", "method"}, nullptr).rc;
-           }),
-           row.usual);
-    EXPECT_EQ(rc, row.rc);
+    std::string log = said([&] {
+      rc = system::bus_call({"caller", "Service", "method"}, nullptr).rc;
+    });
+    EXPECT_THAT(log, words(usual));
+    EXPECT_EQ(rc, code);
     bool parsed = false;
-    expect(said([&] {
-             parsed = static_cast<bool>(system::easy_mib_call("Service", "method", "{\"k\":1}"));
-           }),
-           row.easy);
-    EXPECT_EQ(parsed, row.rc == NO_ERROR);
-    expect(said([&] { rc = drovik::drovik_server_kick_client("m"); }), row.kick);
-    EXPECT_EQ(rc, row.rc);
+    log = said([&] { parsed = !!system::easy_mib_call("Service", "method", "{\"k\":1}"); });
+    EXPECT_THAT(log, words(easy));
+    EXPECT_EQ(parsed, code == NO_ERROR);
+    EXPECT_THAT(said([&] { rc = drovik::drovik_server_kick_client("m"); }), words(kick));
+    EXPECT_EQ(rc, code);
   }
 }
 
 TEST_F(BusReplies, AboutAddressesInUseHaveWordsOfTheirOwn) {
-  const struct {
-    const char* reply;
-    int network, address;
-    const char *network_words, *address_words;
-  } rows[] = {
+  constexpr const char* WHY = "ret:2, data: why.";
+  constexpr const char* FAILED = "mib_call failed ret:";
+  const std::tuple<const char*, int, int, const char*, const char*> rows[] = {
       {R"({"error":0})", NO_ERROR, 0, "", ""},
       {R"({"error":1})", ERR_IP_POOL_CONFLICT, 1, "ip pool conflict with FENRO network.",
        "ip duplicate with FENRO network."},
-      {R"({"error":2,"data":"why"})", ERR_MIB_API_RET_ERROR, 2, "ret:2, data: why.",
-       "ret:2, data: why."},
-      {"[", ERR_MIB_CALL_FAILED, -1, "failed to parse json.", "mib_call failed ret:"},
+      {R"({"error":2,"data":"why"})", ERR_MIB_API_RET_ERROR, 2, WHY, WHY},
+      {"{}", ERR_MIB_API_RET_ERROR, -1, FAILED, FAILED},
+      {R"({"error":"0"})", ERR_MIB_API_RET_ERROR, -1, FAILED, FAILED},
+      {"[]", ERR_MIB_API_RET_ERROR, -1, FAILED, FAILED},
+      {"[", ERR_MIB_CALL_FAILED, -1, "failed to parse json.", FAILED},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.reply);
-    bus.answer(row.reply);
+  for (const auto& [reply, network, address, network_words, address_words] : rows) {
+    SCOPED_TRACE(reply);
+    bus.answer(reply);
     int rc = -2;
-    const std::string network =
-        said([&] { rc = system::is_network_intersect("10.1.0.0", "255.255.0.0"); });
-    EXPECT_EQ(rc, row.network);
-    EXPECT_NE(network.find(row.network_words), std::string::npos) << network;
-    const std::string address = said([&] { rc = is_ip_duplicate("10.1.0.1"); });
-    EXPECT_EQ(rc, row.address);
-    EXPECT_NE(address.find(row.address_words), std::string::npos) << address;
-    EXPECT_EQ(network.empty() && address.empty(), row.network == NO_ERROR);
+    EXPECT_THAT(said([&] { rc = system::is_network_intersect("10.1.0.0\"", "255.255.0.0"); }),
+                words(network_words));
+    EXPECT_EQ(rc, network);
+    EXPECT_EQ(bus.calls.back().request, R"({"ip":"10.1.0.0\"", "mask": "255.255.0.0"})");
+    EXPECT_THAT(said([&] { rc = is_ip_duplicate("10.1.0.1"); }), words(address_words));
+    EXPECT_EQ(rc, address);
   }
 }
 
 TEST_F(BusReplies, OfAServiceThatIsGoneAreFailedCalls) {
   bus.serve = [](const test::BusCall&, std::string&) { return MIB_NOT_READY; };
   int rc = 0;
-  EXPECT_NE(said([&] {
-              rc = system::bus_call({"caller", "Service", "method"}, nullptr).rc;
-            }).find("caller: mib_call failed ret:2\n"),
-            std::string::npos);
+  EXPECT_THAT(said([&] {
+                rc = system::bus_call({"caller", "Service", "method"}, nullptr).rc;
+              }),
+              words("caller: mib_call failed ret:2\n"));
   EXPECT_EQ(rc, ERR_MIB_CALL_FAILED);
-  EXPECT_NE(said([&] {
-              std::ignore = system::easy_mib_call("Service", "method", "{\"k\":1}");
-            }).find("easy_mib_call: mib_call Service.method {\"k\":1} failed\n"),
-            std::string::npos);
+  EXPECT_THAT(said([&] { std::ignore = system::easy_mib_call("Service", "method", "{\"k\":1}"); }),
+              words("easy_mib_call: mib_call Service.method {\"k\":1} failed\n"));
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
 #include "ormel/base/json.h"
 
-#include <vector>
-
 #include <gtest/gtest.h>
 
 #include "ormel/base/handle.h"

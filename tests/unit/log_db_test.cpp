@@ -22,7 +22,6 @@ TEST(LogDb, BlocksOnTheTextOneAndOnAFailedCheck) {
   EXPECT_EQ(check_privilege_user_block("bob"), MIB_NOT_READY);
 }
 
-// The head of an answer with that many rows behind it.
 std::string answer_of(uint64_t count, uint64_t total, size_t rows) {
   const db_conn_server_log_query head{count, total, nullptr};
   std::string reply{reinterpret_cast<const char*>(&head), sizeof head};
@@ -36,10 +35,7 @@ TEST(LogDb, ReadsTheRowsThatHaveCome) {
   const std::string empty = answer_of(0, 9, 0);
   std::string cut = answer_of(3, 9, 3);
   cut.pop_back();
-  const struct {
-    std::string reply;
-    size_t count, total;
-  } rows[] = {
+  const std::tuple<std::string, size_t, size_t> rows[] = {
       {"", 0, 0},
       {empty.substr(1), 0, 0},
       {empty, 0, 9},
@@ -50,12 +46,12 @@ TEST(LogDb, ReadsTheRowsThatHaveCome) {
       {answer_of(uint64_t{1} << 63, 9, 1), 1, 9},
   };
   test::ScriptedBus bus;
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.reply.size());
-    bus.answer(row.reply);
+  for (const auto& [reply, count, total] : rows) {
+    SCOPED_TRACE(reply.size());
+    bus.answer(reply);
     const auto answer = ask(list_conn_server_log, {});
-    EXPECT_EQ(answer.rows().size(), row.count);
-    EXPECT_EQ(answer.total(), row.total);
+    EXPECT_EQ(answer.rows().size(), count);
+    EXPECT_EQ(answer.total(), total);
   }
   bus.answer(answer_of(2, 2, 2));
   EXPECT_EQ(ask(list_conn_server_log, {}).rows()[1].id, 1);

@@ -12,10 +12,9 @@ TEST(EchoRequest, HoldsItsOwnChecksumAndFiller) {
   EXPECT_EQ(packet.substr(4, 9), std::string("\x34\x12\0\0\x04\x03\x02\x01\x08", 9));
   EXPECT_EQ(packet.substr(61), std::string("9:\0", 3));  // 57, 58
   // Every carry: the sum over the packet with its checksum is 0 whatever it holds.
-  for (const uint32_t now : {0U, 1U, 0xffffU, 0xffffffffU, 0x7fff8000U}) {
+  for (const uint32_t now : {0U, 1U, 0xffffU, 0xffffffffU, 0x7fff8000U})
     for (const uint16_t id : {uint16_t{0}, uint16_t{0xffff}, uint16_t{0x8001}})
       EXPECT_EQ(checksum(echo_request(id, now)), 0) << id << ' ' << now;
-  }
 }
 
 TEST(NameServerQuery, AsksForTheNameServersOfItsOwnAddress) {

@@ -1,9 +1,11 @@
-#include <cstring>
+#include <cstdlib>
 
 #include <gtest/gtest.h>
 
 #include "ormel/base/crypto.h"
 #include "ormel/base/error.h"
+#include "ormel/base/lines.h"
+#include "ormel/cgi/cgi.h"
 #include "ormel/config/pool.h"
 #include "ormel/drivers/drovik/drovik.h"
 #include "ormel/drivers/l2tp.h"
@@ -57,174 +59,153 @@ class OptionTest : public testing::Test {
     errors = testing::internal::GetCapturedStderr();
     return record;
   }
-  // Applies one option by its name to a record.
   int apply(PolyConfig& record, const std::string& name, const char* value) {
     testing::internal::CaptureStderr();
     int rc = -100;
     BaseConfig* work = record.bc.get();
-    for (const CommandOption* row = COMMAND_OPTIONS; row->fpr; ++row) {
+    for (const CommandOption* row = COMMAND_OPTIONS; row->fpr; ++row)
       if (name == row->opt.name) rc = apply_option(*row, &work, value);
-    }
     errors = testing::internal::GetCapturedStderr();
     return rc;
+  }
+  // What an option says to a value, for a new record and an action.
+  void expect(TYPE type, ACTION action, const char* name, const char* value, int code,
+              const std::string& text) {
+    SCOPED_TRACE(std::string(name) + '=' + (value ? value : "(null)"));
+    PolyConfig record(config::make_record(type, 0));
+    record->action = action;
+    EXPECT_EQ(apply(record, name, value), code);
+    EXPECT_EQ(errors, code == NO_ERROR ? "" : "Error: " + text + '\n');
   }
   std::string errors;
 };
 
 TEST_F(OptionTest, TakesEachOptionForItsTypesAndRefusesItForAllOthers) {
-  constexpr const char* NAME = "--name only for PPTP, L2TP, OVPN, DROVIK and WIREGUARD";
-  constexpr const char* ENABLE = "--enable only for SPPTP, SL2TP, SOVPN, SDROVIK and SWIREGUARD";
-  const std::tuple<const char*, const char*, int, const char*> rows[] = {
-      {"auth", "ms-chapv2", PPP, "--auth only for SPPTP, PPTP, SL2TP and L2TP"},
-      {"enc", "high", PPTP_SERVER_TYPE | PPTP_CLIENT_TYPE | OPENVPN,
-       "--enc only for SPPTP, PPTP, SOVPN and OVPN"},
-      {"name", "office", CLIENT_TYPES, NAME},
-      {"host", "127.0.0.1", CLIENT_TYPES, NAME},
-      {"port", "443", OPENVPN | DROVIK | WIREGUARD,
-       "--port only for SOVPN, OVPN, SDROVIK and DROVIK, SWIERGUARD, WIERGUARD"},
-      {"proto", "Tcp", OPENVPN, "--proto only for SOVPN and OVPN"},
-      {"user", "bob", CLIENT_TYPES, NAME},
-      {"pass", "secret", CLIENT_TYPES, NAME},
-      {"json", nullptr, CLIENT_TYPES | SERVER_TYPES, ""},
-      {"reconnect", "TRUE", CLIENT_TYPES, NAME},
-      {"gateway", "1", CLIENT_TYPES | OVPN_SERVER_TYPE, "--gateway only for OVPN"},
-      {"mask", "8", CLIENT_TYPES, NAME},
-      {"vendor-auth", "false", OVPN_CLIENT_TYPE, "--compress only for OpenVPN"},
-      {"compress", "0", OPENVPN, "--compress only for OpenVPN"},
-      {"ca", "f", OVPN_CLIENT_TYPE, "--ca only for OpenVPN"},
-      {"dh", "f", OVPN_CLIENT_TYPE, "--dh only for OpenVPN"},
-      {"key", "f", OVPN_CLIENT_TYPE, "--key only for OpenVPN"},
-      {"cert", "f", OVPN_CLIENT_TYPE, "--cert only for OpenVPN"},
-      {"pkcs12", "f", OVPN_CLIENT_TYPE, "--pkcs12 only for OpenVPN"},
-      {"extra_certs", "f", OVPN_CLIENT_TYPE, "--extra_certs only for OpenVPN"},
-      {"tls_auth", "f", OVPN_CLIENT_TYPE, "--tls-auth only for OpenVPN"},
-      {"crl_verify", "f", OVPN_CLIENT_TYPE, "--crl-verify only for OpenVPN"},
-      {"vendor", "app", CLIENT_TYPES | SERVER_TYPES, ""},
-      {"metadata", "", CLIENT_TYPES | SERVER_TYPES, ""},
-      {"up", "/bin/dash", CLIENT_TYPES | SERVER_TYPES, ""},
-      {"down", "/bin/dash", CLIENT_TYPES | SERVER_TYPES, ""},
-      {"enable", "true", SERVER_TYPES, ENABLE},
-      {"ip_pool", "10.99.0.0", SERVER_TYPES, ENABLE},
-      {"maximum", "60", SERVER_TYPES, ENABLE},
-      {"enable_dns", "1", SERVER_TYPES | WIREGUARD_CLIENT_TYPE,
+  // Options, the types that take them, and what is said for others; "*" stands for the name.
+  const std::tuple<const char*, int, std::string> rows[] = {
+      {"auth=ms-chapv2", PPP, "--* only for SPPTP, PPTP, SL2TP and L2TP"},
+      {"enc=high", PPTP_SERVER_TYPE | PPTP_CLIENT_TYPE | OPENVPN,
+       "--* only for SPPTP, PPTP, SOVPN and OVPN"},
+      {"name=office host=127.0.0.1 user=bob pass=secret reconnect=TRUE mask=8", CLIENT_TYPES,
+       "--name only for PPTP, L2TP, OVPN, DROVIK and WIREGUARD"},
+      {"port=443", OPENVPN | DROVIK | WIREGUARD,
+       "--* only for SOVPN, OVPN, SDROVIK and DROVIK, SWIERGUARD, WIERGUARD"},
+      {"proto=Tcp", OPENVPN, "--* only for SOVPN and OVPN"},
+      {"json vendor=app metadata= up=/bin/dash down=/bin/dash", CLIENT_TYPES | SERVER_TYPES, ""},
+      {"gateway=1", CLIENT_TYPES | OVPN_SERVER_TYPE, "--* only for OVPN"},
+      {"vendor-auth=false", OVPN_CLIENT_TYPE, "--compress only for OpenVPN"},
+      {"compress=0", OPENVPN, "--* only for OpenVPN"},
+      {"ca=f dh=f key=f cert=f pkcs12=f extra_certs=f", OVPN_CLIENT_TYPE, "--* only for OpenVPN"},
+      {"tls_auth=f", OVPN_CLIENT_TYPE, "--tls-auth only for OpenVPN"},
+      {"crl_verify=f", OVPN_CLIENT_TYPE, "--crl-verify only for OpenVPN"},
+      {"enable=true ip_pool=10.99.0.0 maximum=60 out_eif=wgc3001", SERVER_TYPES,
+       "--enable only for SPPTP, SL2TP, SOVPN, SDROVIK and SWIREGUARD"},
+      {"enable_dns=1", SERVER_TYPES | WIREGUARD_CLIENT_TYPE,
        "--enable only for SPPTP, SL2TP, SOVPN, SWIREGUARD and WIREGUARD"},
-      {"manual_dns", "8.8.8.8", SERVER_TYPES | WIREGUARD_CLIENT_TYPE,
-       "--manual_dns only for SPPTP, SL2TP, SOVPN, SDROVIK, SWIREGUARD, WIREGUARD"},
-      {"out_eif", "wgc3001", SERVER_TYPES, ENABLE},
-      {"psk", "key", DROVIK | WIREGUARD | L2TP_SERVER_TYPE | L2TP_CLIENT_TYPE,
-       "--psk only for SL2TP and L2TP and SDROVIK and DROVIK and SWIREGUARD and WIREGUARD"},
-      {"fenro_port", "65535", CLIENT_TYPES,
+      {"manual_dns=8.8.8.8", SERVER_TYPES | WIREGUARD_CLIENT_TYPE,
+       "--* only for SPPTP, SL2TP, SOVPN, SDROVIK, SWIREGUARD, WIREGUARD"},
+      {"psk=key", DROVIK | WIREGUARD | L2TP_SERVER_TYPE | L2TP_CLIENT_TYPE,
+       "--* only for SL2TP and L2TP and SDROVIK and DROVIK and SWIREGUARD and WIREGUARD"},
+      {"fenro_port=65535", CLIENT_TYPES,
        "--fenro-port only for PPTP, L2TP, OVPN, DROVIK and WIREGUARD"},
-      {"debug", "1", DROVIK, "--debug only for DROVIK Server Client"},
-      {"mss", "1200", PPTP_SERVER_TYPE | L2TP_SERVER_TYPE | OVPN_SERVER_TYPE,
-       "--mss only for PPTP, L2TP, and OVPN Server"},
-      {"server_ip", "10.1.1.1", WIREGUARD_SERVER_TYPE, "--server_ip for wireguard Server"},
-      {"server_name", "n", WIREGUARD_SERVER_TYPE, "--server_name for wireguard Server"},
-      {"server_pri_key", "k", WIREGUARD_SERVER_TYPE, "--server_pri_key for wireguard Server"},
-      {"server_mask", "24", WIREGUARD_SERVER_TYPE, "--server_mask for wireguard Server"},
-      {"client_ip", "10.1.1.1", WIREGUARD_CLIENT_TYPE, "--client_ip for wireguard Client"},
-      {"client_name", "n", WIREGUARD_CLIENT_TYPE, "--client_name for wireguard Client"},
-      {"client_pri_key", "k", WIREGUARD_CLIENT_TYPE, "--client_pri_key for wireguard Client"},
-      {"client_mask", "32", WIREGUARD_CLIENT_TYPE, "--client_mask for wireguard Client"},
-      {"peer_name", "n", WIREGUARD_SERVER_TYPE, "--peer_name for wireguard Server Client"},
-      {"peer_pub_key", "k", WIREGUARD, "--peer_pub_key for wireguard Server Client"},
-      {"peer_allow_ip", "198.18.7.9/32", WIREGUARD, "--peer_allow_ip for wireguard Server Client"},
-      {"peer_endpoint", "h:1", WIREGUARD, "--peer_endpoint for wireguard Server Client"},
-      {"keepalive", "25", WIREGUARD, "--keepalive for wireguard Server Client"},
-      {"sig_algo", "sha1WithRSAEncryption", OVPN_SERVER_TYPE,
-       "sig_algo works only for OpenVPN server"},
+      {"debug=1", DROVIK, "--* only for DROVIK Server Client"},
+      {"mss=1200", PPTP_SERVER_TYPE | L2TP_SERVER_TYPE | OVPN_SERVER_TYPE,
+       "--* only for PPTP, L2TP, and OVPN Server"},
+      {"server_ip=10.1.1.1 server_name=n server_pri_key=k server_mask=24", WIREGUARD_SERVER_TYPE,
+       "--* for wireguard Server"},
+      {"client_ip=10.1.1.1 client_name=n client_pri_key=k client_mask=32", WIREGUARD_CLIENT_TYPE,
+       "--* for wireguard Client"},
+      {"peer_name=n", WIREGUARD_SERVER_TYPE, "--* for wireguard Server Client"},
+      {"peer_pub_key=k peer_allow_ip=198.18.7.9/32 peer_endpoint=h:1 keepalive=25", WIREGUARD,
+       "--* for wireguard Server Client"},
+      {"sig_algo=sha1WithRSAEncryption", OVPN_SERVER_TYPE, "* works only for OpenVPN server"},
   };
-  for (const auto& [name, value, types, refusal] : rows) {
-    for (const TYPE type : TYPES) {
-      SCOPED_TRACE(std::string(name) + " for type " + std::to_string(type));
-      PolyConfig record(config::make_record(type, 0));
-      cm.fetch(type, is_client(type) ? 1 : 0)->dup(record.bc.get());
-      record->action = MODIFY_ACTION;
-      const bool taken = (type & types) != 0;
-      EXPECT_EQ(apply(record, name, value), taken ? NO_ERROR : ERR_WRONG_TYPE);
-      EXPECT_EQ(errors, taken ? "" : std::string("Error: ") + refusal + '\n');
-      PolyConfig none;
-      EXPECT_EQ(apply(none, name, value), ERR_NO_TYPE);
+  for (const auto& [options, types, words] : rows) {
+    for (const std::string& option : split_words(options)) {
+      const size_t end = option.find('=');
+      const std::string name = option.substr(0, end);
+      const char* value = end == std::string::npos ? nullptr : option.c_str() + end + 1;
+      std::string said = "Error: " + words + '\n';
+      if (const size_t at = said.find('*'); at != std::string::npos) said.replace(at, 1, name);
+      for (const TYPE type : TYPES) {
+        SCOPED_TRACE(name + " for type " + std::to_string(type));
+        PolyConfig record(config::make_record(type, 0));
+        cm.fetch(type, is_client(type) ? 1 : 0)->dup(record.bc.get());
+        record->action = MODIFY_ACTION;
+        const bool taken = (type & types) != 0;
+        EXPECT_EQ(apply(record, name, value), taken ? NO_ERROR : ERR_WRONG_TYPE);
+        EXPECT_EQ(errors, taken ? "" : said);
+        PolyConfig none;
+        EXPECT_EQ(apply(none, name, value), ERR_NO_TYPE);
+      }
     }
   }
 }
 
 TEST_F(OptionTest, RefusesBadValuesInTheirOwnWords) {
+  const auto usual = [](TYPE type) { return is_client(type) ? ADD_ACTION : MODIFY_ACTION; };
   const std::string long_name(601, 'n');
   const std::string long_user(65, 'u');
-  const std::string long_psk(129, 'k');
-  const std::string long_meta(129, 'm');
-  const std::tuple<TYPE, ACTION, const char*, const char*, int, std::string> rows[] = {
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "auth", "", ERR_VALUE, "auth"},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "auth", "5", ERR_UNKNOWN_OPTION, "5"},
-      {PPTP_CLIENT_TYPE, NONE_ACTION, "auth", "1", ERR_WRONG_ACTION,
-       "PPTP and L2TP only support --add or --modify"},
-      {PPTP_SERVER_TYPE, ADD_ACTION, "auth", "1", ERR_WRONG_ACTION,
-       "SPPTP and SL2TP only support --modify"},
-      {OVPN_CLIENT_TYPE, IMPORT_ACTION, "enc", "1", ERR_WRONG_ACTION,
-       "PPTP and OVPN only support --add or --modify"},
-      {OVPN_SERVER_TYPE, ADD_ACTION, "enc", "1", ERR_WRONG_ACTION,
-       "SPPTP and SOVPN only support --modify"},
-      {PPTP_CLIENT_TYPE, NONE_ACTION, "name", "x", ERR_WRONG_ACTION,
-       "only for --add --import or --modify"},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "name", long_name.c_str(), ERR_NAME_LENGTH, long_name},
-      {PPTP_CLIENT_TYPE, IMPORT_ACTION, "host", "127.0.0.1", ERR_WRONG_ACTION,
-       "only for --add or --modify"},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "host", "256.1.1.1.1", ERR_VALUE, "host"},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "user", long_user.c_str(), ERR_USER_LENGTH, long_user},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "pass", nullptr, ERR_VALUE, "pass"},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "reconnect", "yes", ERR_VALUE, "yes"},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "mask", "7", ERR_VALUE, "7"},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "fenro_port", "65536", ERR_VALUE, "65536"},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "metadata", long_meta.c_str(), ERR_META_LENGTH, long_meta},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "up", "/etc/passwd", ERR_EXECUTABLE, "/etc/passwd"},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "down", "/nowhere", ERR_EXECUTABLE, "/nowhere"},
-      {OVPN_CLIENT_TYPE, ADD_ACTION, "port", "", ERR_VALUE, "port"},
-      {OVPN_CLIENT_TYPE, ADD_ACTION, "port", "65536", ERR_PORT_NUMBER, "65536"},
-      {OVPN_CLIENT_TYPE, ADD_ACTION, "proto", "tcp4", ERR_VALUE, "tcp4"},
-      {WIREGUARD_CLIENT_TYPE, ADD_ACTION, "port", "65536", ERR_PORT_NUMBER, "65536"},
-      {WIREGUARD_CLIENT_TYPE, ADD_ACTION, "port", "", NO_ERROR, ""},
-      {WIREGUARD_CLIENT_TYPE, ADD_ACTION, "peer_endpoint", "", ERR_VALUE,
-       "peer_endpoint is NULL or 0."},
-      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "1.2.3.4", ERR_VALUE,
+  const std::string long_text(129, 'k');
+  const std::tuple<TYPE, const char*, const char*, int, std::string> rows[] = {
+      {PPTP_CLIENT_TYPE, "auth", "", ERR_VALUE, "auth"},
+      {PPTP_CLIENT_TYPE, "auth", "5", ERR_UNKNOWN_OPTION, "5"},
+      {PPTP_CLIENT_TYPE, "name", long_name.c_str(), ERR_NAME_LENGTH, long_name},
+      {PPTP_CLIENT_TYPE, "host", "256.1.1.1.1", ERR_VALUE, "host"},
+      {PPTP_CLIENT_TYPE, "user", long_user.c_str(), ERR_USER_LENGTH, long_user},
+      {PPTP_CLIENT_TYPE, "pass", nullptr, ERR_VALUE, "pass"},
+      {PPTP_CLIENT_TYPE, "metadata", long_text.c_str(), ERR_META_LENGTH, long_text},
+      {PPTP_CLIENT_TYPE, "up", "/etc/passwd", ERR_EXECUTABLE, "/etc/passwd"},
+      {PPTP_CLIENT_TYPE, "down", "/nowhere", ERR_EXECUTABLE, "/nowhere"},
+      {OVPN_CLIENT_TYPE, "port", "", ERR_VALUE, "port"},
+      {OVPN_CLIENT_TYPE, "port", "0", ERR_PORT_NUMBER, "0"},
+      {OVPN_CLIENT_TYPE, "port", "65536", ERR_PORT_NUMBER, "65536"},
+      {WIREGUARD_CLIENT_TYPE, "port", "65536", ERR_PORT_NUMBER, "65536"},
+      {WIREGUARD_CLIENT_TYPE, "peer_endpoint", "", ERR_VALUE, "peer_endpoint is NULL or 0."},
+      {WIREGUARD_SERVER_TYPE, "peer_allow_ip", "1.2.3.4", ERR_VALUE,
        "peer_allow_ip doesn't have \"/\""},
-      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "198.18.7.9/24",
-       ERR_WIREGUARD_PEER_IP, "wireguard peer allow ip mask is not 32."},
-      {WIREGUARD_SERVER_TYPE, MODIFY_ACTION, "peer_allow_ip", "198.18.8.9/32",
-       ERR_WIREGUARD_PEER_IP, "wireguard peer ip not in server."},
-      {L2TP_CLIENT_TYPE, ADD_ACTION, "psk", long_psk.c_str(), ERR_VALUE, long_psk},
-      {L2TP_CLIENT_TYPE, ADD_ACTION, "psk", nullptr, ERR_VALUE, "psk"},
-      {OVPN_SERVER_TYPE, MODIFY_ACTION, "maximum", "61", ERR_VALUE, "61"},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "maximum", "4", ERR_VALUE, "4"},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "100.64.0.0", ERR_VALUE, "100.64.0.0"},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "172.15.255.9", ERR_VALUE, "172.15.255.9"},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "172.16.0.9", NO_ERROR, ""},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "172.31.255.9", NO_ERROR, ""},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "172.32.0.9", ERR_VALUE, "172.32.0.9"},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "11.0.0.9", ERR_VALUE, "11.0.0.9"},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "192.169.0.9", ERR_VALUE, "192.169.0.9"},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "maximum", "5", NO_ERROR, ""},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "maximum", "100", NO_ERROR, ""},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "maximum", "101", ERR_VALUE, "101"},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "mask", "32", NO_ERROR, ""},
-      {PPTP_CLIENT_TYPE, ADD_ACTION, "mask", "33", ERR_VALUE, "33"},
-      {OVPN_CLIENT_TYPE, ADD_ACTION, "port", "0", ERR_PORT_NUMBER, "0"},
-      {OVPN_CLIENT_TYPE, ADD_ACTION, "port", "65535", NO_ERROR, ""},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "ip_pool", "192.168.1", ERR_VALUE, "192.168.1"},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "out_eif", nullptr, NO_ERROR, ""},
-      {PPTP_SERVER_TYPE, MODIFY_ACTION, "out_eif", "eth0;x", ERR_VALUE,
+      {WIREGUARD_SERVER_TYPE, "peer_allow_ip", "198.18.7.9/24", ERR_WIREGUARD_PEER_IP,
+       "wireguard peer allow ip mask is not 32."},
+      {WIREGUARD_SERVER_TYPE, "peer_allow_ip", "198.18.8.9/32", ERR_WIREGUARD_PEER_IP,
+       "wireguard peer ip not in server."},
+      {L2TP_CLIENT_TYPE, "psk", long_text.c_str(), ERR_VALUE, long_text},
+      {L2TP_CLIENT_TYPE, "psk", nullptr, ERR_VALUE, "psk"},
+      {PPTP_SERVER_TYPE, "out_eif", "eth0;x", ERR_VALUE,
        "--apply_out_eif only support none, eth, dvs, br, bond, docker, lxcbr, ppp, dtunc and tun "
        "device"},
-      {OVPN_SERVER_TYPE, MODIFY_ACTION, "sig_algo", "md5", ERR_VALUE,
-       "sig_algo contains invalid stringmd5"},
+      {OVPN_SERVER_TYPE, "sig_algo", "md5", ERR_VALUE, "sig_algo contains invalid stringmd5"},
   };
-  for (const auto& [type, action, name, value, code, text] : rows) {
-    SCOPED_TRACE(std::string(name) + '=' + (value ? value : "(null)"));
-    PolyConfig record(config::make_record(type, 0));
-    record->action = action;
-
-    EXPECT_EQ(apply(record, name, value), code);
-    EXPECT_EQ(errors, code == NO_ERROR ? "" : "Error: " + text + '\n');
+  for (const auto& [type, name, value, code, text] : rows)
+    expect(type, usual(type), name, value, code, text);
+  const std::tuple<TYPE, ACTION, const char*, const char*> wrong[] = {
+      {PPTP_CLIENT_TYPE, NONE_ACTION, "auth", "PPTP and L2TP only support --add or --modify"},
+      {PPTP_SERVER_TYPE, ADD_ACTION, "auth", "SPPTP and SL2TP only support --modify"},
+      {OVPN_CLIENT_TYPE, IMPORT_ACTION, "enc", "PPTP and OVPN only support --add or --modify"},
+      {OVPN_SERVER_TYPE, ADD_ACTION, "enc", "SPPTP and SOVPN only support --modify"},
+      {PPTP_CLIENT_TYPE, NONE_ACTION, "name", "only for --add --import or --modify"},
+      {PPTP_CLIENT_TYPE, IMPORT_ACTION, "host", "only for --add or --modify"},
+  };
+  for (const auto& [type, action, name, text] : wrong)
+    expect(type, action, name, "1", ERR_WRONG_ACTION, text);
+  using Values = std::vector<const char*>;
+  const std::tuple<TYPE, const char*, Values, Values> limits[] = {
+      {PPTP_CLIENT_TYPE, "mask", {"32"}, {"7", "33"}},
+      {PPTP_CLIENT_TYPE, "reconnect", {}, {"yes"}},
+      {PPTP_CLIENT_TYPE, "fenro_port", {}, {"65536"}},
+      {OVPN_CLIENT_TYPE, "proto", {}, {"tcp4"}},
+      {OVPN_CLIENT_TYPE, "port", {"65535"}, {}},
+      {WIREGUARD_CLIENT_TYPE, "port", {""}, {}},
+      {OVPN_SERVER_TYPE, "maximum", {}, {"61"}},
+      {PPTP_SERVER_TYPE, "maximum", {"5", "100"}, {"4", "101"}},
+      {PPTP_SERVER_TYPE, "out_eif", {nullptr}, {}},
+      {PPTP_SERVER_TYPE,
+       "ip_pool",
+       {"172.16.0.9", "172.31.255.9"},
+       {"100.64.0.0", "172.15.255.9", "172.32.0.9", "11.0.0.9", "192.169.0.9", "192.168.1"}},
+  };
+  for (const auto& [type, name, good, bad] : limits) {
+    for (const char* value : good) expect(type, usual(type), name, value, NO_ERROR, "");
+    for (const char* value : bad) expect(type, usual(type), name, value, ERR_VALUE, value);
   }
 }
 
@@ -299,23 +280,16 @@ TEST_F(OptionTest, TakesAFormWithTheStateOfAServerFirstOrLast) {
   for (const auto& [state, code] :
        {std::pair("FALSE", NO_ERROR), std::pair("1", ERR_IP_POOL_CONFLICT)}) {
     SCOPED_TRACE(state);
-    // A parsed form, built by hand behind its nameless head.
-    const char* const fields[][2] = {{nullptr, nullptr},      {"sid", "x"},
-                                     {"ip_pool", "10.5.0.0"}, {"up", "/bin/dash"},
-                                     {"metadata", nullptr},   {"enable", state}};
-    cgi_var form[std::size(fields)]{};
-    for (size_t i = 0; i < std::size(form); ++i) {
-      std::memcpy(form[i].magic, "cGI", sizeof form[i].magic);
-      form[i].name = const_cast<char*>(fields[i][0]);
-      form[i].value = const_cast<char*>(fields[i][1]);
-      form[i].next = i + 1 < std::size(form) ? &form[i + 1] : nullptr;
-    }
+    const std::string form = "sid=x&ip_pool=10.5.0.0&up=/bin/dash&metadata=&enable=";
+    setenv("QUERY_STRING", (form + state).c_str(), 1);
+    const CgiRequest request(cgi_default_settings);
+    unsetenv("QUERY_STRING");
     auto record = std::make_unique<PolyConfig>(config::make_record(PPTP_SERVER_TYPE, 0));
     record->cast<config::ServerConfig>()->ip_begin = "10.0.0.2";
     record->cast<config::ServerConfig>()->enable = true;
     int rc = -1;
     testing::internal::CaptureStderr();
-    record = get_options(std::move(record), form, rc);
+    record = get_options(std::move(record), request.vars(), rc);
     testing::internal::GetCapturedStderr();
     EXPECT_EQ(rc, code);
     EXPECT_EQ(record->bc == nullptr, code != NO_ERROR);
@@ -329,8 +303,7 @@ TEST_F(OptionTest, SurvivesNullValuesOfAForm) {
     for (const TYPE type : TYPES) {
       PolyConfig record(config::make_record(type, 0));
       record->action = MODIFY_ACTION;
-      std::ignore =
-          apply(record, row->opt.name, nullptr);  // what it answers is in the tables above
+      std::ignore = apply(record, row->opt.name, nullptr);  // the tables say what it answers
     }
   }
 }

@@ -16,12 +16,7 @@ const Command& command(std::vector<std::string> words) {
 }
 
 TEST(OrmelCtlAdvice, GoesByTheCodeOrTheStatus) {
-  const struct {
-    std::vector<std::string> words;
-    Exit exit;
-    int error;
-    const char* said;
-  } rows[] = {
+  const std::tuple<std::vector<std::string>, Exit, int, const char*> rows[] = {
       {{"who"}, Exit::Failed, ormel::ERR_MIB_CALL_FAILED, "systemctl restart"},
       {{"who"}, Exit::Failed, ormel::ERR_WRONG_JSON_FORMAT, "systemctl restart"},
       {{"profile", "add"}, Exit::Failed, ormel::ERR_SAVE_CONFIG, "df /etc/config"},
@@ -32,12 +27,11 @@ TEST(OrmelCtlAdvice, GoesByTheCodeOrTheStatus) {
       {{"kick"}, Exit::Usage, 0, "example: ormelctl kick bob --for 30m --yes"},
       {{"status"}, Exit::Differs, 0, "ormelctl why office"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [words, exit, error, said] : rows) {
     Arguments arguments;
     arguments.words = {"office"};
-    const Result result{.exit = row.exit, .error = row.error};
-    EXPECT_THAT(advice_for(result, command(row.words), arguments), testing::HasSubstr(row.said))
-        << row.said;
+    EXPECT_THAT(advice_for({.exit = exit, .error = error}, command(words), arguments),
+                testing::HasSubstr(said));
   }
 }
 
@@ -86,22 +80,13 @@ TEST(OrmelCtlNumbers, AreWholeWordsInEveryCommand) {
 
 TEST(OrmelCtlAdvice, FindsTheNameThatWasMeant) {
   const std::vector<std::string> known{"office", "branch", "branch-2", "", "é"};
-  const struct {
-    const char *word, *meant;
-  } rows[] = {
-      {"ofice", "office"},
-      {"OFFICE", "office"},
-      {"offcie", "office"},
-      {"off", "office"},
-      {"bra", ""},
-      {"branhc", "branch"},
-      {"o", ""},
-      {"", ""},
-      {"xy", ""},
-      {"branch-3", "branch-2"},
-      {"nothing-like", ""},
+  const std::pair<const char*, const char*> rows[] = {
+      {"bra", ""}, {"ofice", "office"},  {"branhc", "branch"},
+      {"o", ""},   {"OFFICE", "office"}, {"branch-3", "branch-2"},
+      {"", ""},    {"offcie", "office"}, {"nothing-like", ""},
+      {"xy", ""},  {"off", "office"},
   };
-  for (const auto& row : rows) EXPECT_EQ(closest_name(row.word, known), row.meant) << row.word;
+  for (const auto& [word, meant] : rows) EXPECT_EQ(closest_name(word, known), meant) << word;
   EXPECT_EQ(did_you_mean("ofice", known, "list them"), "did you mean \"office\"? list them");
   EXPECT_EQ(did_you_mean("zzzzzz", known, "list them"), "list them");
 }

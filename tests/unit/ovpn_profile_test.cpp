@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <ctime>
 #include <limits>
-#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -49,8 +48,7 @@ struct ParseCase {
 
 constexpr ParseCase PARSE_CASES[] = {
     {"nothing", "", ""},
-    {"comments", "# a\n ;b\n\t#c", ""},
-    {"blank lines", "\r\n \t\n\n  \t ", ""},
+    {"comments and blank lines", "# a\n ;b\n\t#c\r\n \t\n\n  \t ", ""},
     {"line ends of any kind", "client\r\ndev tun\rnobind\n", "client=|dev=tun|nobind=|"},
     {"blanks around", "  dev \t tun  0 \t\n", "dev=tun  0|"},
     {"a later line replaces", "cipher A\ndev tun\ncipher B", "dev=tun|cipher=B|"},
@@ -118,8 +116,7 @@ std::clock_t parse_time(const std::string& text) {
   return std::max<std::clock_t>(quickest, 1);
 }
 
-// A walk over the list or over the text for each line would take 64 times as long for a text that
-// is 8 times as long.
+// A walk over list or text for each line would take 64 times as long for 8 times the text.
 TEST(ConfigFileParse, TakesTimeInProportionToTheText) {
   constexpr int LONGER = 8;
   constexpr int MOST = 3 * LONGER;
@@ -155,23 +152,17 @@ TEST(ConfigFileSave, SortsAndPutsTheServersBeforeTheCertificate) {
             "nobind\nroute 2\nroute 1\n"
             "\n<connection>\nremote a 1 udp\nfloat \nsocks-proxy x\n</connection>\n"
             "\n<connection>\nremote b 2 tcp\n</connection>\n"
-            "\n<ca>\nA\n</ca>\n"
-            "\n<key>\nK\n</key>\n\n");
-}
-
-TEST(ConfigFileSave, WritesNoServersWithoutACertificate) {
-  const ScratchFile file;
-  ConfigFile cf = parse("verb 3\nclient\nremote a");
+            "\n<ca>\nA\n</ca>\n\n<key>\nK\n</key>\n\n");
+  cf = parse("verb 3\nclient\nremote a");
   ASSERT_EQ(cf.save(file.path().c_str(), false, cf.get_all_remotes()), NO_ERROR);
-  EXPECT_EQ(file.content(), "verb 3\nclient\n");
+  EXPECT_EQ(file.content(), "verb 3\nclient\n") << "no servers without a certificate";
 }
 
 TEST(ConfigFileSave, ReportsWhatCannotBeWritten) {
-  const ScratchFile link;
-  unlink(link.path().c_str());
-  ASSERT_EQ(symlink("elsewhere", link.path().c_str()), 0);
-  for (const std::string& target :
-       {std::string("/"), std::string("/no/client1"), std::string("/dev/full"), link.path()}) {
+  const support::Scratch scratch;
+  std::filesystem::create_symlink("elsewhere", scratch.path("link"));
+  for (const std::string& target : {std::string("/"), std::string("/no/client1"),
+                                    std::string("/dev/full"), scratch.path("link")}) {
     testing::internal::CaptureStderr();
     EXPECT_EQ(parse("client").save(target.c_str(), true, {}), ERR_SAVE_FILE);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "Error: " + target + "\n");
@@ -179,15 +170,13 @@ TEST(ConfigFileSave, ReportsWhatCannotBeWritten) {
 }
 
 TEST(ConfigFileLoad, TakesRegularFilesOnly) {
-  const ScratchFile file("client");
-  const ScratchFile link;
-  unlink(link.path().c_str());
-  ASSERT_EQ(symlink(file.path().c_str(), link.path().c_str()), 0);
+  const support::Scratch scratch;
+  const std::string file = scratch.write("file", "client"), link = scratch.path("link");
+  std::filesystem::create_symlink(file, link);
   ConfigFile cf;
-  EXPECT_EQ(cf.load(file.path().c_str()), NO_ERROR);
-  for (const std::string& other :
-       {std::string("/"), std::string("/none"), std::string("/dev/zero"), link.path()})
-    EXPECT_EQ(cf.load(other.c_str()), ERR_REGULAR_FILE) << other;
+  EXPECT_EQ(cf.load(file.c_str()), NO_ERROR);
+  for (const char* other : {"/", "/none", "/dev/zero", link.c_str()})
+    EXPECT_EQ(cf.load(other), ERR_REGULAR_FILE) << other;
   EXPECT_EQ(describe(cf.options), "client=|");
 }
 

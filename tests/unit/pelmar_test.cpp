@@ -93,12 +93,7 @@ TEST(PelmarIdentity, IsKeptScrambled) {
 }
 
 TEST_F(PelmarCloud, IsChosenBySiteAndRegion) {
-  struct Row {
-    const char* site;
-    const char* region;
-    const char* url;
-  };
-  const Row rows[] = {
+  const std::tuple<const char*, const char*, const char*> rows[] = {
       {"PRODUCTION", "GLB", "https://pelmar-api.production.global." ORMEL_CLOUD_DOMAIN "/x"},
       {"production", "glb", "https://pelmar-api.production.global." ORMEL_CLOUD_DOMAIN "/x"},
       {"staging", "GLB", "https://pelmar-api.production.global." ORMEL_CLOUD_DOMAIN "/x"},
@@ -107,9 +102,9 @@ TEST_F(PelmarCloud, IsChosenBySiteAndRegion) {
       {"sy", "GLB", "https://pelmar-api.sy.global." ORMEL_CLOUD_DOMAIN ":31521/x"},
       {"SY", "CHN", "/x"},
   };
-  for (const Row& row : rows) {
-    settings = {{"pelmar_site", row.site}, {"REGION", row.region}};
-    EXPECT_EQ(get_pelmar_api_url("/x"), row.url) << row.site << ' ' << row.region;
+  for (const auto& [site, region, url] : rows) {
+    settings = {{"pelmar_site", site}, {"REGION", region}};
+    EXPECT_EQ(get_pelmar_api_url("/x"), url) << site << ' ' << region;
   }
   settings = {{"Install_Path", "/opt/switch"}, {"ENV", "sy"}, {"pelmar_site", "dev"}};
   EXPECT_EQ(get_account_center_api_url("/x"),
@@ -122,11 +117,7 @@ TEST_F(PelmarCloud, IsChosenBySiteAndRegion) {
 }
 
 TEST_F(PelmarToken, IsTakenFromGoodAnswersAlone) {
-  struct Row {
-    const char* reply;
-    int cloud, organisation, device;
-  };
-  const Row rows[] = {
+  const std::tuple<const char*, int, int, int> rows[] = {
       {R"({"error":0,"data":"t"})", 0, 0, 0},
       {R"({"error":0,"data":""})", 0, 0, 0},
       {R"({"error":0})", 49, 49, 49},
@@ -139,17 +130,15 @@ TEST_F(PelmarToken, IsTakenFromGoodAnswersAlone) {
       {"", 49, 60, 60},
   };
   settings["PELMAR_ORG_ID"] = "org-1";
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.reply);
-    bus.answer(row.reply);
+  for (const auto& [reply, cloud, organisation, device] : rows) {
+    SCOPED_TRACE(reply);
+    bus.answer(reply);
     std::string token = "before";
-    EXPECT_EQ(get_cloudtoken(token), row.cloud);
-    if (row.cloud != 0) {
-      EXPECT_EQ(token, "before");
-    }
-    EXPECT_EQ(get_pelmartoken_wrapper(token), row.organisation);
+    EXPECT_EQ(get_cloudtoken(token), cloud);
+    EXPECT_EQ(token == "before", cloud != 0);
+    EXPECT_EQ(get_pelmartoken_wrapper(token), organisation);
     EXPECT_EQ(bus.calls.back().request, R"({"orgId":"org-1"})");
-    EXPECT_EQ(mibsh_get_device_token(token), row.device);
+    EXPECT_EQ(mibsh_get_device_token(token), device);
   }
   bus.serve = [](const BusCall&, std::string&) { return MIB_NOT_READY; };
   std::string token;
@@ -179,42 +168,31 @@ TEST_F(PelmarToken, OfTheDeviceIsWhatTheQuotesHold) {
 }
 
 TEST_F(PelmarRegister, ChecksTheEdgeAnswerFieldByField) {
-  struct Row {
-    const char* answer;
-    int code;
-    const char* address;
-    const char* serial;
-  };
-  const Row rows[] = {
-      {R"({"virtualIP":"10.0.0.1","deviceId":"d","pelmarToken":"t","serialNumber":1234567890})", 0,
-       "10.0.0.1", "123456789"},
-      {R"({"virtualIP":"10.0.0.1","deviceId":"d","pelmarToken":"t","serialNumber":-5})", 0,
-       "10.0.0.1", "-5"},
-      {R"({"virtualIP":"10.0.0.1","deviceId":"d","pelmarToken":"t","serialNumber":"5"})", 49,
-       "10.0.0.1", ""},
-      {R"({"virtualIP":"10.0.0.1","deviceId":1,"pelmarToken":"t","serialNumber":5})", 49,
-       "10.0.0.1", ""},
+  constexpr const char* ADDRESS = "10.9.9.9";
+  const std::tuple<const char*, int, const char*, const char*> rows[] = {
+      {R"({"virtualIP":"10.9.9.9","deviceId":"d","pelmarToken":"t","serialNumber":1234567890})", 0,
+       ADDRESS, "123456789"},
+      {R"({"virtualIP":"10.9.9.9","deviceId":"d","pelmarToken":"t","serialNumber":-5})", 0, ADDRESS,
+       "-5"},
+      {R"({"virtualIP":"10.9.9.9","deviceId":"d","pelmarToken":"t","serialNumber":"5"})", 49,
+       ADDRESS, ""},
+      {R"({"virtualIP":"10.9.9.9","deviceId":1,"pelmarToken":"t","serialNumber":5})", 49, ADDRESS,
+       ""},
       {R"({"virtualIP":1,"deviceId":"d","pelmarToken":"t","serialNumber":5})", 49, "", ""},
       {R"(["virtualIP"])", 49, "", ""},
       {"", 49, "", ""},
   };
-  for (const Row& row : rows) {
+  for (const auto& [answer, code, address, number] : rows) {
     settings.clear();
     std::string id, token, serial;
-    EXPECT_EQ(parse_api_edge(row.answer, id, token, serial), row.code) << row.answer;
-    EXPECT_EQ(settings["virtual_ip"], row.address);
-    EXPECT_EQ(settings["pelmar_serial_num"], row.serial);
+    EXPECT_EQ(parse_api_edge(answer, id, token, serial), code) << answer;
+    EXPECT_EQ(settings["virtual_ip"], address);
+    EXPECT_EQ(settings["pelmar_serial_num"], number);
   }
 }
 
 TEST_F(PelmarRegister, ResolvesTheAutomaticRegion) {
-  struct Row {
-    const char* stored;
-    const char* answer;
-    int code;
-    const char* region;
-  };
-  const Row rows[] = {
+  const std::tuple<const char*, const char*, int, const char*> rows[] = {
       {"auto", R"({"data":{"vpnGroups":[{"groupId":"a","hubs":[]},{"groupId":"b","hubs":[1,2]}]}})",
        0, "b"},
       {"auto", R"({"data":{"vpnGroups":[{"groupId":"a"}]}})", 0, "supn"},
@@ -224,19 +202,16 @@ TEST_F(PelmarRegister, ResolvesTheAutomaticRegion) {
       {"g7", R"({"data":{"vpnGroups":[]}})", 0, "g7"},
       {"Auto", "no", 0, "Auto"},
   };
-  for (const Row& row : rows) {
-    settings["PELMAR_REGION_ID"] = row.stored;
-    EXPECT_EQ(resolve_auto_region(row.answer), row.code) << row.answer;
-    EXPECT_EQ(settings["PELMAR_REGION_ID"], row.region) << row.answer;
+  for (const auto& [stored, answer, code, region] : rows) {
+    settings["PELMAR_REGION_ID"] = stored;
+    EXPECT_EQ(resolve_auto_region(answer), code) << answer;
+    EXPECT_EQ(settings["PELMAR_REGION_ID"], region) << answer;
   }
 }
 
 TEST_F(PelmarPrecheck, AsksForTheInternetUntilTheDaemonKnows) {
-  const std::pair<const char*, int> rows[] = {{R"({"error":0})", 0},
-                                              {R"({"error":-1})", 48},
-                                              {R"({"error":"0"})", 49},
-                                              {"no", 49},
-                                              {"", 49}};
+  const std::pair<const char*, int> rows[] = {
+      {R"({"error":0})", 0}, {R"({"error":-1})", 48}, {R"({"error":"0"})", 49}, {"", 49}};
   for (const auto& [reply, code] : rows) {
     bus.answer(reply);
     EXPECT_EQ(mibsh_check_access_internet("eth\"0"), code) << reply;
@@ -317,18 +292,16 @@ TEST(PelmarDaemon, IsBelievedInTheRightFormAlone) {
 
 TEST(PelmarSupernode, IsRefusedBeforeItsFileIsTouched) {
   for (const char* bad :
-       {"", "{}", R"({"data":[]})", R"({"data":{"superNodeId":"1","remoteIP":"2"}})"}) {
+       {"", "{}", R"({"data":[]})", R"({"data":{"superNodeId":"1","remoteIP":"2"}})"})
     EXPECT_EQ(parse_supernode(bad), ERR_WRONG_JSON_FORMAT) << bad;
-  }
 }
 
 TEST(PelmarForms, AreLookedAtByTheirCharacters) {
   using namespace ormel::cgi::pelmar;
   for (const char* good : {"1.2.3.4", "256.1.1.1", "999.1..1", "..."})
     EXPECT_TRUE(is_valid_ipv4_format(good)) << good;
-  for (const char* bad : {"", "1.2.3", "1.2.3.4.5", "1.2.3.a", "100.100.100.1000", " 1.2.3.4"}) {
+  for (const char* bad : {"", "1.2.3", "1.2.3.4.5", "1.2.3.a", "100.100.100.1000", " 1.2.3.4"})
     EXPECT_FALSE(is_valid_ipv4_format(bad)) << bad;
-  }
   EXPECT_TRUE(is_alphanumeric_safe("a-Z_9"));
   for (const char* bad : {"", "a b", "\xc3\xa4", "a.b"})
     EXPECT_FALSE(is_alphanumeric_safe(bad)) << bad;

@@ -8,7 +8,7 @@
 
 #include "base/types.h"
 #include "ormel/base/handle.h"
-#include "support/files.h"
+#include "support/scratch_file.h"
 
 namespace ormel {
 namespace {
@@ -23,18 +23,16 @@ constexpr const char* STORE = "/etc/config/vpn_user_ex.conf";
 class PrivilegeFiles : public testing::Test {
  protected:
   void SetUp() override {
-    std::string name = fs::temp_directory_path() / "ormel-test-XXXXXX";
-    root = mkdtemp(name.data());
     for (const char* folder : {"/etc/ppp", "/etc/config"}) fs::create_directories(root + folder);
   }
-  void TearDown() override { fs::remove_all(root); }
   void write(const char* file, const std::string& text) const { support::write(root + file, text); }
   [[nodiscard]] std::string read(const char* file) const { return support::read(root + file); }
   [[nodiscard]] long files() const {
     return std::count_if(fs::recursive_directory_iterator(root), {},
                          [](const auto& e) { return e.is_regular_file(); });
   }
-  std::string root;
+  const support::Scratch scratch;
+  const std::string root = scratch.path("root");
 };
 
 TEST_F(PrivilegeFiles, AreReplacedWholeAndPrivate) {
@@ -93,26 +91,17 @@ TEST_F(PrivilegeFiles, LoadAddsWhatTheLinesSay) {
 TEST(UserPrivileges, AreShownByPages) {
   UserPrivilege privileges;
   privileges.storage = {{"ann", 1}, {"bob", 2}, {"Bobby", 4}, {"carl", 8}};
-  const struct {
-    int start, count;
-    const char* filter;
-    const char* page;
-  } rows[] = {
-      {0, 0, "", "null"},
-      {0, -1, "", "null"},
-      {0, 1, "", R"({"Bobby":4})"},
-      {1, 2, "", R"({"ann":1,"bob":2})"},
-      {3, 5, "", R"({"carl":8})"},
-      {4, 5, "", "null"},
-      {0, 5, "bOb", R"({"Bobby":4,"bob":2})"},
-      {1, 1, "bob", R"({"bob":2})"},
+  const std::tuple<int, int, const char*, const char*> rows[] = {
+      {0, 0, "", "null"},  {0, 1, "", R"({"Bobby":4})"},  {1, 2, "", R"({"ann":1,"bob":2})"},
+      {0, -1, "", "null"}, {1, 1, "bob", R"({"bob":2})"}, {0, 5, "bOb", R"({"Bobby":4,"bob":2})"},
+      {4, 5, "", "null"},  {3, 5, "", R"({"carl":8})"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [start, count, filter, expected] : rows) {
     JsonValue out;
-    EXPECT_EQ(privileges.get(row.start, row.count, row.filter, out), 4);
+    EXPECT_EQ(privileges.get(start, count, filter, out), 4);
     std::string page;
     out.toString(page);
-    EXPECT_EQ(page, row.page) << row.start << ' ' << row.count << ' ' << row.filter;
+    EXPECT_EQ(page, expected) << start << ' ' << count << ' ' << filter;
   }
 }
 

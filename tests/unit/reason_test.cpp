@@ -24,13 +24,11 @@ TEST(Reasons, HaveCodesOfTheirOwnAndSayWhatToDo) {
 }
 
 TEST(ReasonSections, AreThoseOfServersAndProfiles) {
-  for (const char* section : {"PPTP", "WG", "OPENVPN_CLIENT1", "DROVIK_CLIENT32"}) {
+  for (const char* section : {"PPTP", "WG", "OPENVPN_CLIENT1", "DROVIK_CLIENT32"})
     EXPECT_TRUE(is_tunnel_section(section)) << section;
-  }
   for (const char* section : {"", "global", "WG_CLIENT", "WG_CLIENT0", "WG_CLIENT01", "WG_CLIENT33",
-                              "L2TP_CLIENT1 ", "../PPTP", "PPTP/..", "PPTP_CLIENT-1", "OPENVPN1"}) {
+                              "L2TP_CLIENT1 ", "../PPTP", "PPTP/..", "PPTP_CLIENT-1", "OPENVPN1"})
     EXPECT_FALSE(is_tunnel_section(section)) << section;
-  }
 }
 
 TEST(ReasonDetail, KeepsOnlyWhatCanBeShown) {
@@ -55,28 +53,22 @@ TEST(ReasonLine, IsOneLineOfJsonWhateverTheDetailHolds) {
             "\\\"no\\\"\\\\?}\"}\n");
 }
 
-// Of a profile without a noted reason.
 TEST(TunnelStates, OfAClientGoByProcessAndAddress) {
-  constexpr struct {
-    bool enable;
-    pid_t process;
-    const char* address;
-    State state;
-  } ROWS[] = {
+  constexpr std::tuple<bool, pid_t, const char*, State> ROWS[] = {
       {false, 0, "10.0.0.2", State::Off}, {true, 7, "10.0.0.2", State::Up},
       {false, 7, "10.0.0.2", State::Up},  {true, 7, "", State::Starting},
       {false, 7, "", State::Starting},
   };
-  for (const auto& row : ROWS) {
+  for (const auto& [enable, process, address, state] : ROWS) {
     pptp::ClientConfig client(32);
-    client.enable = row.enable;
-    client.pid = row.process;
-    client.local_ip = row.address;
+    client.enable = enable;
+    client.pid = process;
+    client.local_ip = address;
     client.timestamp = 5;
     const TunnelState found = tunnel_state(client);
-    EXPECT_STREQ(state_name(found.state), state_name(row.state)) << row.process << row.address;
-    EXPECT_EQ(found.since, row.state == State::Up ? 5 : 0);
-    EXPECT_EQ(found.settled(), row.state != State::Starting);
+    EXPECT_STREQ(state_name(found.state), state_name(state)) << process << address;
+    EXPECT_EQ(found.since, state == State::Up ? 5 : 0);
+    EXPECT_EQ(found.settled(), state != State::Starting);
   }
 }
 

@@ -1,27 +1,21 @@
-// Who gets an answer from which route: every row of the table with every kind of session, and no
-// work done.
+// Who gets an answer from which route: every row with every kind of session, and no work done.
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
+#include <gmock/gmock.h>
 #include <map>
 #include <set>
 #include <string_view>
-#include <unistd.h>
 
 #include <fenro/auth.h>
-#include <gtest/gtest.h>
 
 #include "ormel/actions/token.h"
 #include "ormel/base/error.h"
 #include "ormel/web/handlers.h"
 #include "ormel/web/routes.h"
-
-namespace {
+#include "support/scratch_file.h"
 
 constexpr std::string_view ADMINISTRATORS_SESSION = "admin";
 constexpr std::string_view USERS_SESSION = "guest";
-
-}  // namespace
 
 // In the place of the appliance's sessions and groups. A user is named as the session.
 int auth_get_session(const char* sid, int touch, _session* session) {
@@ -37,6 +31,9 @@ int User_Belongs_To_Group(const char* user, const char* group) {
 namespace ormel::cgi {
 namespace {
 
+using testing::HasSubstr;
+using testing::Not;
+
 // What a general user gets, by hand: 39 wherever nothing is said here.
 const std::map<std::string_view, int> FOR_GENERAL_USERS = {
     {"/ormel/config/show", 0},      {"/ormel/gateway/get", 0},   {"/ormel/gateway/get_vpn_gw", 0},
@@ -47,8 +44,7 @@ const std::map<std::string_view, int> FOR_GENERAL_USERS = {
 
 int works = 0;
 
-// The row with a work that is only counted: the real one would change the host that the test runs
-// on.
+// The row with a work that is only counted: the real one would change the host of the test.
 Route counted(Route row) {
   row.answer.give = [](const Request&, JsonValue& response) {
     ++works;
@@ -83,7 +79,6 @@ TEST(Routes, LetNobodyInWithoutTheirSession) {
   }
 }
 
-// Routes that no token may use.
 const std::set<std::string_view> FOR_PEOPLE = {"/ormel/token/list",      "/ormel/token/add",
                                                "/ormel/token/remove",    "/ormel/log/dump",
                                                "/ormel/backup/download", "/ormel/backup/inspect",
@@ -95,15 +90,7 @@ const std::set<std::string_view> FOR_ADMINISTRATORS = {"/ormel/doctor/start",
 
 class TokenRoutes : public testing::Test {
  protected:
-  void SetUp() override {
-    char name[] = "/tmp/ormel-token-XXXXXX";
-    ASSERT_NE(mkdtemp(name), nullptr);
-    folder_ = name;
-    former_ = std::exchange(ormel::token::places(),
-                            {folder_ + "/tokens.json", folder_ + "/lock", folder_ + "/counters"});
-  }
   void TearDown() override {
-    std::filesystem::remove_all(folder_);
     ormel::token::places() = former_;
     unsetenv("HTTP_AUTHORIZATION");
   }
@@ -114,7 +101,6 @@ class TokenRoutes : public testing::Test {
     EXPECT_EQ(ormel::token::add(scope, scope, 60, "admin", made, text).code, NO_ERROR);
     return text;
   }
-  // The answer to a request with a token.
   static std::string ask(const Route& row, const std::string& token, const char* form = "") {
     setenv("HTTP_AUTHORIZATION", ("Bearer " + token).c_str(), 1);
     return answer_locally(form, OF_SESSION, [&row](JsonValue& out) {
@@ -124,8 +110,10 @@ class TokenRoutes : public testing::Test {
   }
 
  private:
-  std::string folder_;
-  ormel::token::Places former_;
+  const support::Scratch scratch_;
+  const ormel::token::Places former_ = std::exchange(
+      ormel::token::places(),
+      {scratch_.path("tokens.json"), scratch_.path("lock"), scratch_.path("counters")});
 };
 
 TEST_F(TokenRoutes, AreOpenToEachScopeAsItsNameSays) {
@@ -142,15 +130,10 @@ TEST_F(TokenRoutes, AreOpenToEachScopeAsItsNameSays) {
       SCOPED_TRACE(std::string(scope) + ' ' + std::string(row.path));
       const bool personal = row.path.starts_with("/ormel/my/") || FOR_PEOPLE.contains(row.path);
       const bool open = opens(row) && !personal;
+      const char* refusal = row.answer.medium == DOWNLOAD_MEDIUM ? "404" : "\"error\":41";
       works = 0;
-      const std::string answer = ask(counted(row), token);
+      EXPECT_THAT(ask(counted(row), token), HasSubstr(open ? "\"error\":0" : refusal));
       EXPECT_EQ(works, open ? 1 : 0);
-      const bool plain = row.answer.medium == DOWNLOAD_MEDIUM && !open;
-      EXPECT_NE(answer.find(open    ? "\"error\":0"
-                            : plain ? "404"
-                                    : "\"error\":41"),
-                std::string::npos)
-          << answer;
     }
   }
 }
@@ -158,11 +141,11 @@ TEST_F(TokenRoutes, AreOpenToEachScopeAsItsNameSays) {
 TEST_F(TokenRoutes, TakeNoTokenBesideASessionOrFromAForm) {
   const std::string token = token_of("admin");
   const Route row = counted(*find_route("/ormel/status/list"));
-  for (const std::string& form : {std::string("sid="), std::string("sid=guest"),
-                                  std::string("sid=gone"), std::string("sid=admin")}) {
+  for (const auto& [form, done] :
+       {std::pair{"sid=", 0}, {"sid=guest", 0}, {"sid=gone", 0}, {"sid=admin", 1}}) {
     works = 0;
-    std::ignore = ask(row, token, form.c_str());
-    EXPECT_EQ(works, form == "sid=admin" ? 1 : 0) << form;
+    std::ignore = ask(row, token, form);
+    EXPECT_EQ(works, done) << form;
   }
   unsetenv("HTTP_AUTHORIZATION");
   for (const std::string& form :
@@ -185,12 +168,11 @@ TEST_F(TokenRoutes, LeaveSecretsOutForAScopeThatChangesNothing) {
     return answer_json(out, {});
   };
   const std::string read = ask(row, token_of("read"));
-  EXPECT_NE(read.find("public"), std::string::npos) << read;
-  EXPECT_NE(read.find("\"auth_user_pass\":1"), std::string::npos) << read;
+  EXPECT_THAT(read, AllOf(HasSubstr("public"), HasSubstr("\"auth_user_pass\":1")));
   const std::string admin = ask(row, token_of("admin"));
-  for (const char* secret : {"s1", "s2", "s3", "s4", "s5"}) {
-    EXPECT_EQ(read.find(std::string("\"") + secret), std::string::npos) << read;
-    EXPECT_NE(admin.find(std::string("\"") + secret), std::string::npos) << admin;
+  for (const char* secret : {"\"s1", "\"s2", "\"s3", "\"s4", "\"s5"}) {
+    EXPECT_THAT(read, Not(HasSubstr(secret)));
+    EXPECT_THAT(admin, HasSubstr(secret));
   }
 }
 
@@ -201,7 +183,7 @@ TEST(Routes, SendWhatAFailedWorkHasFoundWhereItSaysSo) {
       EXPECT_EQ(fail(response, {ERR_VALUE, "why", keeps}), ERR_VALUE);
     });
     EXPECT_EQ(answer.find("found") != std::string::npos, keeps) << answer;
-    EXPECT_NE(answer.find("\"reason\":\"why\""), std::string::npos) << answer;
+    EXPECT_THAT(answer, HasSubstr("\"reason\":\"why\""));
   }
 }
 
@@ -214,7 +196,7 @@ TEST(Routes, KeepUsersOutForAWeekAtTheMost) {
     const std::string answer = answer_locally(form, OF_SESSION, [&, code = code](JsonValue& out) {
       EXPECT_EQ(serve(*find_route("/ormel/connection/end"), out), code) << form;
     });
-    EXPECT_NE(answer.find("\"error\":" + std::to_string(code)), std::string::npos) << answer;
+    EXPECT_THAT(answer, HasSubstr("\"error\":" + std::to_string(code)));
   }
 }
 
@@ -224,9 +206,8 @@ TEST(Routes, AreFoundByTheirExactPathAndByTheirHandlers) {
 #define ORMEL_PATH(area, name, path) "/ormel/" path,
   for (const char* path : {ORMEL_HANDLERS(ORMEL_PATH)}) EXPECT_TRUE(find_route(path)) << path;
   for (const char* path :
-       {"", "/ormel/nope", "/ormel/config", "/ormel/config/show/", "/ormel/Config/show"}) {
+       {"", "/ormel/nope", "/ormel/config", "/ormel/config/show/", "/ormel/Config/show"})
     EXPECT_FALSE(find_route(path)) << path;
-  }
 }
 
 }  // namespace

@@ -15,10 +15,8 @@ Json parsed(const std::string& text) {
 }
 
 TEST(SiteSchema, NamesTheMemberThatBreaksIt) {
-  const struct {
-    const char* members;  // beside the format
-    const char* wrong;
-  } cases[] = {
+  // Members beside the format, and what is said of them.
+  const std::pair<const char*, const char*> cases[] = {
       {"", ""},
       {R"("servers": {"openvpn": {"maximum": 20, "enable": true}})", ""},
       {R"("servers": {"openvpn": {"maximum": "20"}})", "servers.openvpn.maximum is not a number"},
@@ -52,10 +50,10 @@ TEST(SiteSchema, NamesTheMemberThatBreaksIt) {
       {R"("notifications": {"ops": {"events": "failed"}})", "notifications.ops.url is missing"},
       {R"("servers": [])", "servers is not an object"},
   };
-  for (const auto& row : cases) {
-    const std::string comma = *row.members ? ", " : "";
-    const Json document = parsed("{\"format\": 1" + comma + row.members + '}');
-    EXPECT_EQ(broken_rule(document.get()), row.wrong);
+  for (const auto& [members, wrong] : cases) {
+    const std::string comma = *members ? ", " : "";
+    const Json document = parsed("{\"format\": 1" + comma + members + '}');
+    EXPECT_EQ(broken_rule(document.get()), wrong);
   }
   EXPECT_EQ(broken_rule(parsed("{}").get()), "format is missing");
   EXPECT_EQ(broken_rule(parsed(R"({"format": 2})").get()), "format is not between 1 and 1");

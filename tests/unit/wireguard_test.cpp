@@ -1,10 +1,8 @@
-// The WireGuard driver against a scripted tool: no interface is touched, and the peers live in a
-// folder of the test.
+// The WireGuard driver against a scripted tool, with its peers in a folder of the test.
 #include "ormel/drivers/wireguard/wireguard.h"
 
 #include <filesystem>
-
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "ormel/base/error.h"
 #include "ormel/config/pool.h"
@@ -13,11 +11,14 @@
 #include "ormel/drivers/wireguard/key.h"
 #include "ormel/drivers/wireguard/peers.h"
 #include "ormel/drivers/wireguard/tool.h"
-#include "support/files.h"
+#include "support/scratch_file.h"
 #include "support/scripted_bus.h"
 
 namespace ormel::wireguard {
 namespace {
+
+using testing::HasSubstr;
+using testing::Not;
 
 // Keys of 32 equal bytes.
 const std::string KEY_A = "AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
@@ -28,9 +29,6 @@ const std::string KEY_C = "AgICAgICAgICAgICAgICAgICAgICAgICAgICAgICAgI=";
 class WireGuard : public testing::Test {
  protected:
   void SetUp() override {
-    std::string path = "/tmp/wireguard_test.XXXXXX";
-    root = mkdtemp(path.data());
-    folder = root / "deep" / "wireguard";
     bus.run = [this](const test::ProgramCall& call, std::string& output) {
       if (call.argv.at(1) == "genkey") output = KEY_B + '\n';
       if (call.argv.at(1) == "pubkey") output = KEY_C + '\n';
@@ -38,10 +36,7 @@ class WireGuard : public testing::Test {
       return tool_status;
     };
   }
-  void TearDown() override {
-    std::filesystem::remove_all(root);
-    config::cm.config_pool.clear();
-  }
+  void TearDown() override { config::cm.config_pool.clear(); }
   ServerConfig server_with(const std::string& ip, const std::string& pub_key) const {
     ServerConfig server(0);
     server.folder = folder;
@@ -66,9 +61,9 @@ class WireGuard : public testing::Test {
   [[nodiscard]] std::string counts() const {
     return stored("global", "peers_num") + '/' + stored("global", "max_index");
   }
-  std::filesystem::path root;
-  std::filesystem::path folder;  // does not exist at first
-  std::string status;            // what "wg show" prints
+  support::Scratch scratch;
+  const std::filesystem::path folder = scratch.path("deep/wireguard");  // does not exist at first
+  std::string status;                                                   // what "wg show" prints
   int tool_status = 0;
   test::ScriptedBus bus;
 };
@@ -87,8 +82,7 @@ TEST(WireGuardKey, IsTheTextOfThirtyTwoBytes) {
 TEST_F(WireGuard, AKeyReachesTheToolOnItsStandardInputAloneAndAnEmptyOneIsMadeAnew) {
   std::string pub_key, text;
   ASSERT_EQ(server_gen_pri_pub_keys(KEY_A, nullptr, pub_key), NO_ERROR);
-  ASSERT_EQ(bus.programs.size(), 1U);
-  EXPECT_EQ(bus.programs[0].command(), "/usr/bin/wg pubkey");
+  EXPECT_EQ(bus.programs.at(0).command(), "/usr/bin/wg pubkey");
   EXPECT_EQ(bus.programs[0].input, KEY_A);
   JsonValue doc;
   ASSERT_EQ(server_gen_pri_pub_keys("", &doc, pub_key), NO_ERROR);
@@ -108,8 +102,7 @@ constexpr const char* SHOWN =
     "peer: AAAA\n  endpoint: 192.0.2.7:40000\n  allowed ips: 198.18.7.2/32\n"
     "  latest handshake: 1 minute, 2 seconds ago\n  transfer: 1.20 KiB received, 3.40 MiB sent\n\n"
     "peer: BBBB\n  allowed ips: (none)\n\n"
-    "peer: CCCC\n  allowed ips: 198.18.7.4/32\n  transfer: nonsense\n  latest handshake: too "
-    "late\n";
+    "peer: CCCC\n  allowed ips: 198.18.7.4/32\n  transfer: nonsense\n  latest handshake: late\n";
 
 TEST(WireGuardStatus, TakesTheLinesOfOnePeerOnly) {
   const std::pair<const char*, const char*> rows[] = {
@@ -152,8 +145,8 @@ TEST_F(WireGuard, PeersThatHaveAKeyAreShown) {
   out.toString(text);
   for (const std::string& part :
        {KEY_A, KEY_B, std::string("\"index\":1"), std::string("\"index\":3")})
-    EXPECT_NE(text.find(part), std::string::npos) << part << " in " << text;
-  EXPECT_EQ(text.find("\"index\":2"), std::string::npos) << text;
+    EXPECT_THAT(text, HasSubstr(part));
+  EXPECT_THAT(text, Not(HasSubstr("\"index\":2")));
 }
 
 TEST_F(WireGuard, ADamagedPeerFileIsSurvivedAndPutInOrder) {
@@ -167,8 +160,8 @@ TEST_F(WireGuard, ADamagedPeerFileIsSurvivedAndPutInOrder) {
   EXPECT_EQ(stored("global", "max_index"), "1");
   // A section twice is one peer, and what is no number is ignored.
   write_peers(
-      "[global]\npeers_num = x\nmax_index = 2\n[PEER2]\nallow_ip = 198.18.7.5\n[PEER2]\nallow_ip = "
-      "198.18.7.6\n");
+      "[global]\npeers_num = x\nmax_index = 2\n[PEER2]\nallow_ip = 198.18.7.5\n[PEER2]\n"
+      "allow_ip = 198.18.7.6\n");
   EXPECT_EQ(server.check_peer_value(1), ERR_VALUE);
   EXPECT_EQ(server_with("198.18.7.6", KEY_A).check_peer_value(0), ERR_IP_POOL_CONFLICT);
   EXPECT_EQ(PeerFile(folder).next_index(), 1);
@@ -181,9 +174,8 @@ TEST_F(WireGuard, PeersMoveToTheServersNetworkInIndexOrder) {
   const config::PolyConfig before{std::make_unique<ServerConfig>(server_with("", ""))};
   config::cm.update(&before);
   write_peers(
-      "[global]\npeers_num = 3\nmax_index = 5\n[PEER5]\nallow_ip = 198.18.7.2\n[PEER1]\nallow_ip = "
-      "198.18.7.77\n"
-      "[PEER2]\nallow_ip =\n[PEER3]\nallow_ip = 198.18.7.3\n");
+      "[global]\npeers_num = 3\nmax_index = 5\n[PEER5]\nallow_ip = 198.18.7.2\n"
+      "[PEER1]\nallow_ip = 198.18.7.77\n[PEER2]\nallow_ip =\n[PEER3]\nallow_ip = 198.18.7.3\n");
   ServerConfig server = server_with("", "");
   EXPECT_EQ(server.modify_peers_ip(), NO_ERROR);
   EXPECT_EQ(stored("PEER1", "allow_ip"), "198.18.7.77");  // the address is still the same
@@ -211,10 +203,9 @@ TEST_F(WireGuard, APeersValuesAreCheckedAgainstServerAndOtherPeers) {
       {1, "198.18.7.2", KEY_B, "", ERR_WIREGUARD_PEER_PUB_KEY_CONFLICT},
   };
   for (const auto& [index, ip, pub_key, psk, expected] : rows) {
-    SCOPED_TRACE(testing::PrintToString(std::tie(index, ip, pub_key, psk)));
     ServerConfig server = server_with(ip, pub_key);
     server.psk = psk;
-    EXPECT_EQ(server.check_peer_value(index), expected);
+    EXPECT_EQ(server.check_peer_value(index), expected) << index << ' ' << ip << ' ' << pub_key;
   }
 }
 
@@ -256,7 +247,7 @@ TEST_F(WireGuard, AnEditedPeerGivesUpItsOldKeyFirst) {
 }
 
 TEST_F(WireGuard, APeerFileThatCannotBeWrittenIsReported) {
-  support::write(root / "deep", "a file where the folder should be");
+  scratch.write("deep", "a file where the folder should be");
   ServerConfig server = server_with("198.18.7.2", KEY_A);
   server.psk = KEY_B;
   EXPECT_EQ(server.add_peer(), ERR_SAVE_CONFIG);
@@ -296,17 +287,15 @@ TEST_F(WireGuard, AClientIsVerifiedInOrder) {
        [](ClientConfig& c) { c.peer_endpoint = std::string(65536, 'h') + ":51820"; }, NO_ERROR},
       {"IPv6", [](ClientConfig& c) { c.peer_endpoint = "[::1]:51820"; }, NO_ERROR},
       {"wide mask", [](ClientConfig& c) { c.client_mask = 33; }, ERR_VALUE},
-      {"negative mask", [](ClientConfig& c) { c.client_mask = -1; }, ERR_VALUE},
       {"negative port", [](ClientConfig& c) { c.port = -1; }, ERR_PORT_NUMBER},
       {"private key", [](ClientConfig& c) { c.client_pri_key = "x"; }, ERR_VALUE},
       {"public key", [](ClientConfig& c) { c.peer_pub_key = "x"; }, ERR_VALUE},
       {"pre-shared key", [](ClientConfig& c) { c.psk = "x"; }, ERR_VALUE},
   };
   for (const auto& [what, spoil, expected] : rows) {
-    SCOPED_TRACE(what);
     ClientConfig client = usable_client();
     spoil(client);
-    EXPECT_EQ(client.verify(), expected);
+    EXPECT_EQ(client.verify(), expected) << what;
   }
   ClientConfig client = usable_client();
   ASSERT_EQ(client.verify(), NO_ERROR);
@@ -323,11 +312,9 @@ TEST_F(WireGuard, AClientShowsKeysToAnAdministratorOnly) {
     client.show(who, &out);
     std::string text;
     out.toString(text);
-    const bool admin = who == ADMIN_USER;
     for (const char* part :
-         {"\"client_pri_key\":", "\"psk\":", "\"rx_total\":\"1.20 KiB\"", "\"status\":1"}) {
-      EXPECT_EQ(text.find(part) != std::string::npos, admin) << part << " in " << text;
-    }
+         {"\"client_pri_key\":", "\"psk\":", "\"rx_total\":\"1.20 KiB\"", "\"status\":1"})
+      EXPECT_EQ(text.find(part) != std::string::npos, who == ADMIN_USER) << part << " in " << text;
   }
   EXPECT_EQ(bus.programs.back().command(), "/usr/bin/wg show wgc3001");
 }
@@ -361,19 +348,14 @@ TEST_F(WireGuard, AClientKeepsClearOfTheServersThatAreOn) {
 TEST_F(WireGuard, FindsTheLowestFreeAddressOfItsNetwork) {
   add("198.18.7.2", KEY_A);
   add("198.18.7.4", KEY_B);
-  const struct {
-    const char* server;
-    int mask;
-    const char* address;
-  } rows[] = {
+  const std::tuple<const char*, int, const char*> rows[] = {
       {"198.18.7.1", 24, "198.18.7.3"}, {"198.18.7.3", 24, "198.18.7.1"},
       {"198.18.7.1", 16, "198.18.0.1"}, {"198.18.7.1", 8, "198.18.0.1"},
       {"198.18.7.1", 30, ""},           {"198.18.7.9", 30, "198.18.7.10"},
       {"198.18.7.1", 31, ""},           {"", 24, ""},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(free_address(PeerFile(folder), row.server, row.mask), row.address)
-        << row.server << '/' << row.mask;
+  for (const auto& [server, mask, address] : rows)
+    EXPECT_EQ(free_address(PeerFile(folder), server, mask), address) << server << '/' << mask;
 }
 
 TEST(WireGuardDevice, GetsItsFile) {

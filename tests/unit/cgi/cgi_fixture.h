@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdlib>
-#include <fcntl.h>
 #include <string>
 #include <string_view>
 #include <sys/mman.h>

@@ -54,14 +54,9 @@ TEST_F(CgiRequestTest, ABodyVariableMeetsTheOneOfTheQueryStringByTheMode) {
   EXPECT_EQ(parse("x=body"), "x=query of 5 status 0\nx=body of 4 status 0\ny=1 of 1 status 0\n");
 }
 
-struct Row {
-  std::string_view text;
-  std::string_view vars;
-};
-
 TEST_F(CgiRequestTest, AFormIsReadTheSameHoweverItIsCut) {
   using namespace std::string_view_literals;
-  constexpr Row ROWS[] = {
+  constexpr std::pair<std::string_view, std::string_view> ROWS[] = {
       {"", ""},
       {"a=1", "a=1 of 1 status 0\n"},
       {"x=1&x=2", "x=2 of 1 status 0\n"},
@@ -79,11 +74,10 @@ TEST_F(CgiRequestTest, AFormIsReadTheSameHoweverItIsCut) {
       {"a=1\0z&b\0c=2"sv, "a=1 of 3 status 0\nb=2 of 1 status 0\n"},
   };
   announce("application/x-www-form-urlencoded");
-  for (const Row& row : ROWS) {
+  for (const auto& [text, vars] : ROWS) {
     for (const size_t size : READ_SIZES) {
-      SCOPED_TRACE(std::string(row.text) + " by " + std::to_string(size));
       settings.buffer_size = size;
-      EXPECT_EQ(parse(row.text), row.vars);
+      EXPECT_EQ(parse(text), vars) << text << " by " << size;
     }
   }
 }
@@ -109,8 +103,7 @@ TEST(FormpartParserExecute, StopsWhenTheRequestHasHadItsShareOfRecords) {
   formpart_parser state;
   ASSERT_TRUE(
       charge_cgi_content(&parser, CGI_CONTENT_LIMIT - parser.content_length - CGI_RECORD_PRICE));
-  EXPECT_EQ(formpart_parser_execute(&parser, &state, "a=1&b=2", 7), 4U)
-      << "there is room for one record";
+  EXPECT_EQ(formpart_parser_execute(&parser, &state, "a=1&b=2", 7), 4U) << "room for one record";
   EXPECT_EQ(fuzz::describe(parser.var_list), "a=1 of 1 status 0\n");
 }
 

@@ -32,9 +32,8 @@ class MultipartTest : public CgiRequestTest {
   void SetUp() override { announce("multipart/form-data; boundary=B"); }
   void expect(const std::string& body, const std::string& vars) {
     for (const size_t size : READ_SIZES) {
-      SCOPED_TRACE(body.substr(0, 300) + " by " + std::to_string(size));
       settings.buffer_size = size;
-      EXPECT_EQ(parse(body), vars);
+      EXPECT_EQ(parse(body), vars) << body.substr(0, 300) << " by " << size;
     }
   }
 };

@@ -7,7 +7,6 @@
 namespace fenro::test {
 namespace {
 
-// The first column, the number of the event.
 int collect(void* ids, int, char** values, char**) {
   static_cast<std::vector<std::string>*>(ids)->emplace_back(values[0]);
   return 0;
@@ -24,12 +23,10 @@ class EventTest : public testing::Test {
   void SetUp() override {
     const Event events[] = {
         {0, at("2024-03-06 23:59:59"), "bob", "192.0.2.7", "pc", "[ORMEL Service] up", "", "", ""},
-        {1, at("2024-03-07 00:00:00"), "bob", "192.0.2.8", "pc", "[ORMEL Service] 100% removed", "",
-         "", ""},
+        {1, at("2024-03-07 00:00:00"), "bob", "192.0.2.8", "pc", "[ORMEL Service] 9%", "", "", ""},
         {0, at("2024-03-07 12:00:00"), "amy", "192.0.2.7", "", "It's \"quoted\"; DROP TABLE event",
          "A238", "C004", "0031"},
-        {2, at("2024-03-07 23:59:59"), "amy", "", "", "of [ORMEL Service], too", "A238", "C001",
-         "0031"},
+        {2, at("2024-03-07 23:59:59"), "amy", "", "", "of [ORMEL Service]", "A238", "C001", "0031"},
         {0, at("2024-03-08 00:00:00"), "", "", "", "last", "B1", "C004", "0040"},
     };
     for (const Event& event : events) ASSERT_TRUE(store.add(event));
@@ -68,6 +65,8 @@ TEST_F(EventTest, EveryFilterCountsAndFindsTheSameRows) {
     EXPECT_EQ(ids(filter), found);
     EXPECT_EQ(store.count(filter), static_cast<int>(found.size()));
   }
+  EXPECT_EQ(scratch.mode("log"), 0700U);
+  EXPECT_EQ(scratch.mode("log/event.db"), 0600U);
 }
 
 TEST_F(EventTest, ATimeThatCannotBeReadIsAFailure) {
@@ -79,17 +78,12 @@ TEST_F(EventTest, ATimeThatCannotBeReadIsAFailure) {
   EXPECT_EQ(store.count({.from = std::to_string(at("2024-03-08"))}), 1);  // seconds since the epoch
 }
 
-TEST_F(EventTest, TheLogIsForItsOwnerAlone) {
-  EXPECT_EQ(scratch.mode("log"), 0700U);
-  EXPECT_EQ(scratch.mode("log/event.db"), 0600U);
-}
-
 TEST(EventStore, ALogWithoutEventsIsEmptyAndADamagedOneFails) {
   const Scratch scratch;
   std::vector<std::string> rows;
-  EXPECT_EQ(EventStore{scratch.path("none.db")}.count({}), 0);
-  EXPECT_TRUE(
-      EventStore{scratch.path("none.db")}.query({}, EventOrder::NewestFirst, 0, 9, collect, &rows));
+  const EventStore none{scratch.path("none.db")};
+  EXPECT_EQ(none.count({}), 0);
+  EXPECT_TRUE(none.query({}, EventOrder::NewestFirst, 0, 9, collect, &rows));
   const EventStore damaged{scratch.write("bad.db", std::string(4096, 'x'))};
   EXPECT_EQ(damaged.count({}), -1);
   EXPECT_FALSE(damaged.query({}, EventOrder::NewestFirst, 0, 9, collect, &rows));
@@ -109,11 +103,7 @@ TEST(EventStore, TakesEventsOfManyProcessesAtOnce) {
     for (int n = 0; n < EACH; ++n) stored = store.add({.description = "x"}) && stored;
     _exit(stored ? 0 : 1);
   }
-  for (const pid_t writer : writers) {
-    int status = 0;
-    waitpid(writer, &status, 0);
-    EXPECT_EQ(status, 0);
-  }
+  for (const pid_t writer : writers) EXPECT_EQ(end_of(writer), 0);
   EXPECT_EQ(store.count({}), WRITERS * EACH);
 }
 

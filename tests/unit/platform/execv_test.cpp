@@ -17,9 +17,8 @@ Outcome shell(const std::string& script) {
   return run({"/bin/sh", "-c", script});
 }
 
-std::size_t open_descriptors() {
-  return static_cast<std::size_t>(
-      std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {}));
+auto open_descriptors() {
+  return std::distance(std::filesystem::directory_iterator{"/proc/self/fd"}, {});
 }
 
 TEST(MibIoExecv, GivesTheExitStatusAndBothStreams) {
@@ -36,9 +35,7 @@ TEST(MibIoExecv, GivesTheExitStatusAndBothStreams) {
   };
   for (const auto& [words, status, out, err] : cases) {
     const Outcome got = run(words);
-    EXPECT_EQ(got.status, status) << words.back();
-    EXPECT_EQ(got.out, out);
-    EXPECT_EQ(got.err, err);
+    EXPECT_EQ(std::tie(got.status, got.out, got.err), std::tie(status, out, err)) << words.back();
   }
   EXPECT_EQ(mib_io_execv(nullptr, nullptr, nullptr, nullptr), -1);
 }
@@ -47,9 +44,8 @@ TEST(MibIoExecv, TakesAMegabyteOfEachStreamInAnyOrder) {
   const std::string blocks =
       "i=0; while [ $i -lt 16 ]; do head -c 65536 /dev/zero; head -c 65536 /dev/zero >&2; "
       "i=$((i+1)); done";
-  const std::string one_after_the_other =
-      "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero";
-  for (const std::string& script : {blocks, one_after_the_other}) {
+  const std::string one_by_one = "head -c 1048576 /dev/zero >&2; head -c 1048576 /dev/zero";
+  for (const std::string& script : {blocks, one_by_one}) {
     const Outcome got = shell(script);
     EXPECT_EQ(got.status, 0);
     EXPECT_EQ(got.out, std::string(1 << 20, '\0'));
@@ -65,9 +61,7 @@ TEST(MibIoExecv, DoesNotWaitForADaemonLeftBehind) {
   EXPECT_EQ(quiet.status, 0);
   EXPECT_EQ(noisy.status, 0);
   for (const Outcome* got : {&quiet, &noisy}) {
-    const auto end =
-        std::find_if(got->out.begin(), got->out.end(), [](char c) { return c >= '0' && c <= '9'; });
-    const int pid = std::stoi(std::string{end, got->out.end()});
+    const int pid = std::stoi(got->out.substr(got->out.find_first_of("0123456789")));
     ASSERT_GT(pid, 1);
     EXPECT_EQ(kill(pid, SIGKILL), 0);
   }
@@ -84,14 +78,14 @@ TEST(MibIoExecv, FeedsTheContextToStandardInput) {
   char* ignoring[] = {yes, nullptr};
   EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, copying), 0);
   EXPECT_TRUE(text_of(out.get()) == input);
-  EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, ignoring),
-            0);  // no SIGPIPE for what is not read
+  // No SIGPIPE for what is not read.
+  EXPECT_EQ(mib_io_execv(in.get(), out.get(), nullptr, ignoring), 0);
   EXPECT_TRUE(text_of(in.get()) == input);
 }
 
 TEST(MibIoExecv, LeaksNoDescriptorEitherWay) {
   const Fd inherited{open("/dev/null", O_RDONLY)};  // as a careless caller leaves it
-  const std::size_t before = open_descriptors();
+  const auto before = open_descriptors();
   const Outcome got = shell("ls /proc/self/fd | wc -l");
   run({"/nonexistent/program"});
   EXPECT_EQ(open_descriptors(), before);
@@ -107,19 +101,12 @@ TEST(MibIoExecv, WorksWithStandardDescriptorsClosedAndChildrenIgnored) {
     sigfillset(&all);
     sigprocmask(SIG_BLOCK, &all, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    const Outcome pipe = shell("kill -PIPE $$");
+    if (shell("kill -PIPE $$").status != 128 + SIGPIPE) _exit(2);
     const Outcome got = shell("cat; printf out; printf err >&2; kill -TERM $$; exit 3");
-    struct sigaction now {};
-    sigaction(SIGCHLD, nullptr, &now);
-    if (pipe.status != 128 + SIGPIPE) _exit(2);
-    _exit(got.status == 128 + SIGTERM && got.out == "out" && got.err == "err" &&
-                  now.sa_handler == SIG_IGN
-              ? 0
-              : 1);
+    if (got.status != 128 + SIGTERM || got.out != "out" || got.err != "err") _exit(1);
+    _exit(signal(SIGCHLD, SIG_IGN) == SIG_IGN ? 0 : 3);
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(end_of(child), 0);
 }
 
 }  // namespace

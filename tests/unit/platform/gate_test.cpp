@@ -10,19 +10,17 @@ using gate::may_be_same;
 using gate::Request;
 
 std::string record(int type, const std::string& content, int padding = 0, int id = 7) {
-  const auto byte = [](std::size_t number) { return static_cast<char>(number & 0xffU); };
-  std::string text{1, byte(static_cast<std::size_t>(type)), 0, byte(static_cast<std::size_t>(id))};
-  text += {byte(content.size() >> 8U), byte(content.size()),
-           byte(static_cast<std::size_t>(padding)), 0};
-  return text + content + std::string(static_cast<std::size_t>(padding), 'p');
+  const auto byte = [](auto number) { return static_cast<char>(number); };
+  const std::string head{
+      1, byte(type), 0, byte(id), byte(content.size() >> 8U), byte(content.size()), byte(padding),
+      0};
+  return head + content + std::string(static_cast<std::size_t>(padding), 'p');
 }
 
 std::string pair(const std::string& name, const std::string& value) {
   const auto size = value.size();
   std::string length(1, static_cast<char>(size));
-  if (size > 127)
-    length = {static_cast<char>(0x80), 0, static_cast<char>(size >> 8U),
-              static_cast<char>(size & 0xffU)};
+  if (size > 127) length = {'\x80', 0, static_cast<char>(size >> 8U), static_cast<char>(size)};
   return std::string(1, static_cast<char>(name.size())) + length + name + value;
 }
 
@@ -77,17 +75,12 @@ TEST(GateRequest, RefusesWhatNoWebServerSends) {
       record(4, pair("A", "b")),
       BEGIN + BEGIN,
       BEGIN + record(5, "body before the head's end"),
-      BEGIN +
-          record(4,
-                 "\x05\x01"
-                 "A") +
-          record(4, ""),
+      BEGIN + record(4, "\5\1A") + record(4, ""),
       BEGIN + record(4, std::string{"\x01\xff\xff\xff\xff", 5}) + record(4, ""),
       BEGIN + record(4, "\x80") + record(4, ""),
       head + record(4, pair("A", "b")),
       head + record(5, "x", 0, 8),
-      record(1,
-             std::string{"\0\2\0\0\0\0\0\0", 8}),  // another role than that of the one who answers
+      record(1, std::string{"\0\2\0\0\0\0\0\0", 8}),  // not the role of one who answers
       record(1, "short"),
   };
   for (const std::string& text : texts) {

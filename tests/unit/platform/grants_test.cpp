@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -42,9 +41,7 @@ TEST_F(GrantsTest, EndARightAtItsSecond) {
   EXPECT_FALSE(has_ended(odd, 1, file, 5000)) << "a right without an end";
   EXPECT_FALSE(has_ended("bo b", OPENVPN, file, 5000)) << "another user";
   EXPECT_EQ(read_grants(file).next_end(), 1000);
-  struct stat info {};
-  ASSERT_EQ(stat(file.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 0777U, 0600U);
+  EXPECT_EQ(scratch.mode("state/grants.json"), 0600U);
   put({.user = odd});
   EXPECT_THAT(read_grants(file).grants, IsEmpty());
 }
@@ -66,32 +63,26 @@ TEST_F(GrantsTest, KnowWhoseADeviceIsWhateverKeyItGets) {
 
 TEST_F(GrantsTest, NeverReplaceADamagedFile) {
   put({.user = "first", .devices = 1});
-  const char* const good = R"({"user":"Ym9i","devices":1,"until":{"4":1000}})";
-  const struct {
-    std::string text;
-    size_t readable;
-  } rows[] = {
+  const std::string good = R"({"grants":[{"user":"Ym9i","devices":1,"until":{"4":1000}})";
+  const std::pair<std::string, size_t> rows[] = {
       {"", 0},
       {"{}", 0},
       {"[]", 0},
       {std::string(1 << 16, '['), 0},
-      {R"({"grants":[)" + std::string(good) + R"(,{"user":"!"}],"devices":[]})", 1},
-      {R"({"grants":[)" + std::string(good) + R"(,{"user":"ZXZl","until":{"4x":1}}],"devices":[]})",
-       1},
-      {R"({"grants":[)" + std::string(good) + R"(,{"user":"ZXZl","until":{"4":-1}}],"devices":[]})",
-       1},
-      {R"({"grants":[)" + std::string(good) + R"(,{"user":"ZXZl","until":{"4":0}}],"devices":[]})",
-       1},
-      {R"({"grants":[)" + std::string(good) + R"(],"devices":[{"key":"","owner":"Ym9i"}]})", 1},
+      {good + R"(,{"user":"!"}],"devices":[]})", 1},
+      {good + R"(,{"user":"ZXZl","until":{"4x":1}}],"devices":[]})", 1},
+      {good + R"(,{"user":"ZXZl","until":{"4":-1}}],"devices":[]})", 1},
+      {good + R"(,{"user":"ZXZl","until":{"4":0}}],"devices":[]})", 1},
+      {good + R"(],"devices":[{"key":"","owner":"Ym9i"}]})", 1},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.text.substr(0, 80));
-    scratch.write("state/grants.json", row.text);
-    EXPECT_EQ(read_grants(file).grants.size(), row.readable);
+  for (const auto& [text, readable] : rows) {
+    SCOPED_TRACE(text.substr(0, 120));
+    scratch.write("state/grants.json", text);
+    EXPECT_EQ(read_grants(file).grants.size(), readable);
     EXPECT_TRUE(read_grants(file).damaged);
-    EXPECT_EQ(has_ended("bob", OPENVPN, file, 1000), row.readable == 1);
+    EXPECT_EQ(has_ended("bob", OPENVPN, file, 1000), readable == 1);
     EXPECT_FALSE(open());
-    EXPECT_EQ(scratch.read("state/grants.json"), row.text);
+    EXPECT_EQ(scratch.read("state/grants.json"), text);
   }
 }
 
@@ -159,23 +150,19 @@ TEST_F(GrantsTest, AreRevokedByTheKeeperAtItsStartAndReportedOnce) {
   auto now = keeper::Grants::Time{} + std::chrono::hours(1);
   const auto calls = [&] { return std::ranges::count(scratch.read("calls"), '\n'); };
   for (int round = 2; round < 5; ++round, now += std::chrono::seconds(5)) {
-    EXPECT_TRUE(support::comes_true(
-        [&] {
-          grants.tick(now);
-          return calls() == round;
-        },
-        10));
+    EXPECT_TRUE(support::comes_true([&] {
+      grants.tick(now);
+      return calls() == round;
+    }));
     for (int look = 0; look < 5; ++look) grants.tick(now + std::chrono::seconds(4));
     EXPECT_EQ(calls(), round) << "every five seconds, as long as it is not done";
   }
   EXPECT_THAT(reports, ElementsAre("The access of bob to OpenVPN, WireGuard has ended"));
   scratch.write("state/grants.json", "{");
-  EXPECT_TRUE(support::comes_true(
-      [&] {
-        grants.tick(now);
-        return reports.back().find("is damaged") != std::string::npos;
-      },
-      10));
+  EXPECT_TRUE(support::comes_true([&] {
+    grants.tick(now);
+    return reports.back().find("is damaged") != std::string::npos;
+  }));
 }
 
 }  // namespace

@@ -15,18 +15,16 @@ TEST(DateTime, EveryFormatPrintsItsOwnText) {
   parts.tm_isdst = -1;
   const std::time_t seconds = std::mktime(&parts);
   std::array<char, 64> buffer{};
-  const char* const dates[] = {"2024/03/07", "2024-03-07", "03/07/2024",
-                               "03-07-2024", "07/03/2024", "07-03-2024"};
-  for (int i = 0; i < 6; ++i) {
-    EXPECT_EQ(Change_Date_To_String_By_Format(seconds, buffer.data(), i), 0);
-    EXPECT_STREQ(buffer.data(), dates[i]);
+  for (int format = 0; const char* date : {"2024/03/07", "2024-03-07", "03/07/2024", "03-07-2024",
+                                           "07/03/2024", "07-03-2024"}) {
+    EXPECT_EQ(Change_Date_To_String_By_Format(seconds, buffer.data(), format++), 0);
+    EXPECT_STREQ(buffer.data(), date);
   }
-  const char* const times[2][2] = {{"14:05", "14:05:09"}, {"02:05 PM", "02:05:09 PM"}};
-  for (int format = 0; format < 2; ++format)
-    for (int seconds_too = 0; seconds_too < 2; ++seconds_too) {
-      EXPECT_EQ(Change_Time_To_String_By_Format(seconds, buffer.data(), seconds_too, format), 0);
-      EXPECT_STREQ(buffer.data(), times[format][seconds_too]);
-    }
+  for (int form = 0; const char* time : {"14:05", "14:05:09", "02:05 PM", "02:05:09 PM"}) {
+    EXPECT_EQ(Change_Time_To_String_By_Format(seconds, buffer.data(), form % 2, form / 2), 0);
+    EXPECT_STREQ(buffer.data(), time);
+    ++form;
+  }
 }
 
 TEST(Users, ANameTellsItsSource) {
@@ -40,13 +38,12 @@ TEST(Users, ANameTellsItsSource) {
 
 TEST(Users, AreThePeopleAmongTheAccounts) {
   const Scratch scratch;
-  scratch.write(
-      "passwd",
-      "root:x:0:0::/root:/bin/bash\nwww-data:x:33:33::/var/www:/usr/sbin/"
-      "nologin\nmail-in:x:1500:8::/:/bin/false\n"
-      "zoe:x:1002:1002::/home/zoe:/bin/bash\namy:x:1000:1000::/home/amy:\nlow:x:999:1::/:/bin/sh\n"
-      "nobody:x:65534:65534::/nonexistent:/usr/sbin/nologin\n");
-  const std::string file = scratch.path("passwd");
+  const std::string file =
+      scratch.write("passwd",
+                    "root:x:0:0::/root:/bin/bash\nwww-data:x:33:33::/var/www:/usr/sbin/nologin\n"
+                    "mail-in:x:1500:8::/:/bin/false\nzoe:x:1002:1002::/home/zoe:/bin/bash\n"
+                    "amy:x:1000:1000::/home/amy:\nlow:x:999:1::/:/bin/sh\n"
+                    "nobody:x:65534:65534::/nonexistent:/usr/sbin/nologin\n");
   EXPECT_EQ(people_of_file(file.c_str(), 1000), (std::vector<std::string>{"amy", "zoe"}));
   EXPECT_EQ(people_of_file(file.c_str(), 1001), std::vector<std::string>{"zoe"});
   EXPECT_TRUE(people_of_file(scratch.path("none").c_str(), 0).empty());
@@ -84,11 +81,7 @@ TEST(Users, AreTheOnesOfTheHostsFiles) {
        "+:x:30:admin\n"},
       {"nsswitch.conf", "passwd: files\ngroup: files\n"},
   };
-  struct Case {
-    const char *user, *group;
-    int belongs;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, const char*, int> cases[] = {
       {"admin", "wheel", 1}, {"admin", "users", 1}, {"admin2", "wheel", 0}, {"bob", "wheel", 1},
       {"carl", "wheel", 0},  {"carl", "wheels", 1}, {"car", "wheels", 0},   {"root", "wheel", 0},
       {"admin", "empty", 0}, {"#eve", "wheel", 0},  {"admin", "whee", 0},   {"admin", "", 0},
@@ -104,9 +97,9 @@ TEST(Users, AreTheOnesOfTheHostsFiles) {
     int wrong = 0;
     const auto admin = find_user("admin");
     if (!admin || admin->uid != 1000 || admin->gid != 100) wrong = 1;
-    for (const Case& row : cases) {
-      if (User_Belongs_To_Group(row.user, row.group) == row.belongs) continue;
-      std::fprintf(stderr, "wrong for \"%s\" and \"%s\"\n", row.user, row.group);
+    for (const auto& [user, group, belongs] : cases) {
+      if (User_Belongs_To_Group(user, group) == belongs) continue;
+      std::fprintf(stderr, "wrong for \"%s\" and \"%s\"\n", user, group);
       wrong = 1;
     }
     return wrong;
@@ -115,8 +108,7 @@ TEST(Users, AreTheOnesOfTheHostsFiles) {
   EXPECT_EQ(status, 0);
 }
 
-// With its own stack in the place of the host's, whose module compares what the conversation
-// hands it.
+// With its own stack in the place of the host's, whose module compares what it is handed.
 TEST(Password, ReachesPamAsItWasGiven) {
   const Scratch scratch;
   const std::string check = scratch.write(

@@ -1,12 +1,14 @@
 // vpncaas: which files it touches, and what becomes of them.
-
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "daemons/jsond/methods.h"
 #include "unit/platform/scratch.h"
 
 namespace fenro::jsond {
 namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
 
 class JsondTest : public testing::Test {
  protected:
@@ -51,9 +53,8 @@ TEST_F(JsondTest, LeavesAloneWhatIsNotBelowItsFolder) {
            "/etc/x/..", folder + "/.", folder + "/no/such", folder + "/link",
            folder + "/sub/../../outside", folder + "/sub/\\u0000",
            folder + "/" + std::string(5000, 'x')}) {
-    SCOPED_TRACE(path.substr(0, 100));
-    EXPECT_EQ(read(path).find("{\"error\":-1,"), 0U);
-    EXPECT_EQ(write(path, "{}").find("{\"error\":-1,"), 0U);
+    EXPECT_THAT(read(path), StartsWith("{\"error\":-1,")) << path;
+    EXPECT_THAT(write(path, "{}"), StartsWith("{\"error\":-1,")) << path;
   }
   EXPECT_EQ(scratch.read("outside"), "{\"secret\":1}");
   EXPECT_TRUE(std::filesystem::is_empty(folder + "/sub") &&
@@ -63,17 +64,15 @@ TEST_F(JsondTest, LeavesAloneWhatIsNotBelowItsFolder) {
 TEST_F(JsondTest, RefusesWhatIsNoDocument) {
   const std::string file = scratch.write("config/x", "{\"kept\":1}");
   for (const char* data : {"7", "\"text\"", "null", "true", ""})
-    EXPECT_NE(write(file, data).find("\"error\":-1"), std::string::npos);
-  EXPECT_NE(write(file, "[\"" + std::string(DOCUMENT_MAX, 'x') + "\"]").find("too long"),
-            std::string::npos);
-  EXPECT_NE(call("write_json", R"({"path":")" + file + "\"}").find("\"error\":-1"),
-            std::string::npos);
+    EXPECT_THAT(write(file, data), HasSubstr("\"error\":-1"));
+  EXPECT_THAT(write(file, "[\"" + std::string(DOCUMENT_MAX, 'x') + "\"]"), HasSubstr("too long"));
+  EXPECT_THAT(call("write_json", R"({"path":")" + file + "\"}"), HasSubstr("\"error\":-1"));
   EXPECT_EQ(scratch.read("config/x"), "{\"kept\":1}");
   for (const char* body : {"", "[]", "{", "\xff", R"({"path":7})", R"({"path":{}})"})
-    EXPECT_NE(call("read_json", body).find("\"error\":-1"), std::string::npos) << body;
+    EXPECT_THAT(call("read_json", body), HasSubstr("\"error\":-1")) << body;
   for (const char* damaged : {"", "{\"global\":", "\xff", "7"}) {
     scratch.write("config/x", damaged);
-    EXPECT_NE(read(file).find("\"error\":-1"), std::string::npos) << damaged;
+    EXPECT_THAT(read(file), HasSubstr("\"error\":-1")) << damaged;
   }
 }
 

@@ -71,10 +71,9 @@ TEST_F(LoginThrottleTest, CountsTheNetworkOfAnIpv6ClientAndAMappedAddressAsItsel
       {"::ffff:192.0.2.9", "192.0.2.9", true},
       {"::ffff:192.0.2.10", "::ffff:192.0.2.11", false}};
   for (const auto& [used, other, same] : ROWS) {
-    SCOPED_TRACE(used);
     for (int i = 0; i < LoginThrottle::ADDRESS_LIMIT; ++i)
       std::ignore = admits(used + std::to_string(i), used);
-    EXPECT_NE(admits("bob", other), same);
+    EXPECT_NE(admits("bob", other), same) << used;
   }
 }
 
@@ -109,9 +108,8 @@ TEST_F(LoginThrottleTest, StartsAnewFromADamagedFileAndAdmitsNobodyWhereItCannot
   ASSERT_TRUE(admits("bob", HOME));
   for (const char* text :
        {"", "\n\n", "short\n1 2 3\n", "12345678901234567890123456789012\n1 x 3\n-1 -1 -1\n"}) {
-    SCOPED_TRACE(text);
     scratch.write("login/counters", text);
-    EXPECT_TRUE(admits("bob", HOME));
+    EXPECT_TRUE(admits("bob", HOME)) << text;
   }
   std::filesystem::remove(scratch.path("login/counters"));
   std::filesystem::create_directory(scratch.path("login/counters"));
@@ -135,11 +133,10 @@ TEST(LoginFormTest, DecodesItsFields) {
       {"", "", ""},
   };
   for (const auto& [text, user, password] : ROWS) {
-    SCOPED_TRACE(text);
     LoginForm form;
-    EXPECT_EQ(form.take(text), Result::Ok);
-    EXPECT_STREQ(form.value("user"), user);
-    EXPECT_STREQ(form.value("password"), password);
+    EXPECT_EQ(form.take(text), Result::Ok) << text;
+    EXPECT_STREQ(form.value("user"), user) << text;
+    EXPECT_STREQ(form.value("password"), password) << text;
   }
 }
 
@@ -161,10 +158,9 @@ TEST(LoginFormTest, TakesABodyOfTheAnnouncedLengthAndNoMoreThanItsLimit) {
   };
   const Scratch scratch;
   for (const auto& [body, length, result] : rows) {
-    SCOPED_TRACE(length + " " + body.substr(0, 20));
     const Fd fd{open(scratch.write("body", body).c_str(), O_RDONLY | O_CLOEXEC)};
     LoginForm form;
-    EXPECT_EQ(form.read(fd.get(), length), result);
+    EXPECT_EQ(form.read(fd.get(), length), result) << length << ' ' << body.substr(0, 20);
   }
 }
 

@@ -30,16 +30,15 @@ TEST(MschapTest, GivesThePublishedResponse) {
 class HelperTest : public testing::Test {
  protected:
   HelperTest() {
-    const std::string hash = PASSWORD_HASH;
-    table = "&" + scratch.write("smbpasswd", "User:1000:" + std::string(32, 'X') + ":" + hash +
-                                                 ":[U  ]:LCT-5F000000:\n" + "off:1001:X:" + hash +
-                                                 ":[UD  ]:LCT-5F000000:\n" +
-                                                 "none:1002:X:" + std::string(32, 'X') + ":[U]:\n" +
-                                                 "DOM\\User:1003:X:" + hash + ":[U]:\n");
-    secrets = scratch.write("chap-secrets", line("User", table) + line("off", table) +
-                                                line("none", table) + line("DOM\\User", table) +
-                                                line("plain", "clientPass") + "\"other\"\tl2tpd\t" +
-                                                table + "\t*\n");
+    const std::string hash = PASSWORD_HASH, none(32, 'X');
+    const std::string lines = "User:1000:" + none + ":" + hash + ":[U  ]:LCT-5F000000:\n" +
+                              "off:1001:X:" + hash + ":[UD  ]:LCT-5F000000:\n" +
+                              "none:1002:X:" + none + ":[U]:\n" + "DOM\\User:1003:X:" + hash +
+                              ":[U]:\n";
+    table = "&" + scratch.write("smbpasswd", lines);
+    std::string users = line("plain", "clientPass") + "\"other\"\tl2tpd\t" + table + "\t*\n";
+    for (const char* user : {"User", "off", "none", "DOM\\User"}) users += line(user, table);
+    secrets = scratch.write("chap-secrets", users);
   }
   static std::string line(const std::string& user, const std::string& secret) {
     return "\"" + user + "\"\tpptpd\t" + secret + "\t*\n";
@@ -95,17 +94,15 @@ TEST(PasswordTable, ReplacesOneUsersLineAndKeepsTheRest) {
   const std::string other = "bobby:7:a:b:[U]:LCT-1:\n";
   const std::string now = password_line("bob", "LCT-00000010");
   const std::string before = password_line("bob", "LCT-00000001");
-  const struct {
-    std::string table, expected;
-  } rows[] = {
+  const std::pair<std::string, std::string> rows[] = {
       {"", now},
       {other, other + now},
       {"bob:1000:x:00:[U]:LCT-1:\n" + other, other + now},
       {before + other, before + other},  // the same password: nothing to write
       {before + before, before},
   };
-  for (const auto& row : rows)
-    EXPECT_EQ(with_password(row.table, "bob", 1000, "clientPass", 16), row.expected) << row.table;
+  for (const auto& [table, expected] : rows)
+    EXPECT_EQ(with_password(table, "bob", 1000, "clientPass", 16), expected) << table;
   for (const char* user : {"", "a:b", "a\nb"})
     EXPECT_EQ(with_password("", user, 1, "p", 1), "") << user;
   EXPECT_EQ(with_password("", "bob", 1, "\xff", 1), "");

@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <cstring>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -34,9 +33,9 @@ TEST(Ipv4NetworkTest, OverlapsWhenOneAddressIsInBoth) {
       {"1.2.3.4", "0.0.0.0", "223.255.255.255", "255.255.255.255", true},  // everything
   };
   for (const auto& [address, mask, other_address, other_mask, overlap] : CASES) {
-    SCOPED_TRACE(std::string{address} + " and " + other_address);
-    EXPECT_EQ(network(address, mask).overlaps(network(other_address, other_mask)), overlap);
-    EXPECT_EQ(network(other_address, other_mask).overlaps(network(address, mask)), overlap);
+    const Ipv4Network one = network(address, mask), other = network(other_address, other_mask);
+    EXPECT_EQ(one.overlaps(other), overlap) << address << " and " << other_address;
+    EXPECT_EQ(other.overlaps(one), overlap) << other_address << " and " << address;
   }
 }
 
@@ -73,8 +72,7 @@ TEST(LocalNetworksTest, CountsBothEndsOfAPointToPointLink) {
   ASSERT_TRUE(near != nullptr && far != nullptr);
   EXPECT_EQ(near->network.text(), "10.9.0.1/32");
   EXPECT_EQ(far->interface, "tun5");
-  EXPECT_EQ(find_overlap(networks, network("10.0.0.0", "255.255.255.0")),
-            nullptr);  // the WireGuard client's own
+  EXPECT_FALSE(find_overlap(networks, network("10.0.0.0", "255.255.255.0"))) << "a client's own";
 }
 
 TEST(InterfacesTest, AreToldApartByWhatTheKernelMadeThemOf) {
@@ -91,10 +89,9 @@ TEST(InterfacesTest, AreToldApartByWhatTheKernelMadeThemOf) {
       {"x", "bridgex", ARPHRD_ETHER, 0, "virtualif", false},
   };
   for (const auto& [name, kind, hardware, master, type, available] : rows) {
-    SCOPED_TRACE(std::string{name} + " " + kind);
     const Link link{1, name, 0, true, 0, 0, hardware, master, kind, ""};
-    EXPECT_EQ(interface_type(link), type);
-    EXPECT_EQ(is_available(link), available);
+    EXPECT_EQ(interface_type(link), type) << name << ' ' << kind;
+    EXPECT_EQ(is_available(link), available) << name << ' ' << kind;
   }
 }
 
@@ -123,13 +120,11 @@ TEST(RtnetlinkTest, ReadsAMessageCutAnywhereWithoutLeavingIt) {
   ASSERT_TRUE(parse_link(whole, link));
   EXPECT_EQ(link.name, "eth12");
   EXPECT_EQ(link.rx_bytes, 0x0101010101010101U);
+  // As soon as the name is there; the sanitizers see a step beyond the end.
   for (std::size_t length = 0; length < whole.size(); ++length) {
-    const std::vector<std::byte> cut(
-        whole.begin(),
-        whole.begin() + static_cast<std::ptrdiff_t>(length));  // exact: asan sees a step beyond
+    const std::vector<std::byte> cut(whole.begin(), whole.begin() + static_cast<long>(length));
     Link partial;
-    const bool good = parse_link(cut, partial);
-    EXPECT_EQ(good, length >= sizeof head + 10) << length;  // as soon as the name is there
+    EXPECT_EQ(parse_link(cut, partial), length >= sizeof head + 10) << length;
     EXPECT_EQ(partial.rx_bytes, 0U);
   }
 }
@@ -148,54 +143,44 @@ TEST(RtnetlinkTest, RefusesAnAddressOfAnImpossibleLengthOrFamily) {
 }
 
 using enum Health;
+using enum Chosen;
 
-struct Step {
-  int minute;
-  Health first;
-  Health second;
-  Chosen chosen;
-};
+// The minute, how the two gateways are, and which is taken.
+using Steps = std::vector<std::tuple<int, Health, Health, Chosen>>;
 
-void walk(const GatewayPolicy& policy, const std::vector<Step>& steps) {
+void walk(const GatewayPolicy& policy, const Steps& steps) {
   GatewayChoice choice;
-  for (const Step& step : steps) {
-    SCOPED_TRACE(testing::Message() << "step " << &step - steps.data());
-    const GatewayChoice::Clock::time_point now{std::chrono::minutes(step.minute)};
-    EXPECT_EQ(choice.choose(policy, step.first, step.second, now), step.chosen);
+  for (const auto& [minute, first, second, chosen] : steps) {
+    const GatewayChoice::Clock::time_point now{std::chrono::minutes(minute)};
+    EXPECT_EQ(choice.choose(policy, first, second, now), chosen) << "minute " << minute;
   }
 }
 
 TEST(GatewayChoice, ReturnsAfterTheFirstHasBeenWellForTheWholeInterval) {
-  walk({"tun2001", "wgc3001", false, std::chrono::minutes(5)},
-       {
-           {0, WELL, WELL, Chosen::FIRST},
-           {1, SILENT, WELL, Chosen::SECOND},
-           {2, WELL, WELL, Chosen::SECOND},
-           {6, SILENT, WELL, Chosen::SECOND},  // starts afresh
-           {7, WELL, WELL, Chosen::SECOND},
-           {11, WELL, WELL, Chosen::SECOND},
-           {12, WELL, WELL, Chosen::FIRST},
-       });
+  // It starts afresh after the silence of minute 6.
+  const Steps steps{{0, WELL, WELL, FIRST},    {1, SILENT, WELL, SECOND}, {2, WELL, WELL, SECOND},
+                    {6, SILENT, WELL, SECOND}, {7, WELL, WELL, SECOND},   {11, WELL, WELL, SECOND},
+                    {12, WELL, WELL, FIRST}};
+  walk({"tun2001", "wgc3001", false, std::chrono::minutes(5)}, steps);
 }
 
 TEST(GatewayChoice, NeverReturnsUnlessToldOrTheSecondFails) {
-  walk({"tun2001", "wgc3001", false, {}}, {
-                                              {0, ABSENT, WELL, Chosen::SECOND},
-                                              {1, WELL, WELL, Chosen::SECOND},
-                                              {9999, WELL, WELL, Chosen::SECOND},
-                                              {10000, WELL, SILENT, Chosen::FIRST},
-                                          });
+  const Steps steps{{0, ABSENT, WELL, SECOND},
+                    {1, WELL, WELL, SECOND},
+                    {9999, WELL, WELL, SECOND},
+                    {10000, WELL, SILENT, FIRST}};
+  walk({"tun2001", "wgc3001", false, {}}, steps);
 }
 
 TEST(GatewayChoice, StaysInASilentTunnelForWantOfABetterOne) {
-  walk({"tun2001", "", false, {}},
-       {{0, SILENT, WELL, Chosen::FIRST}, {1, ABSENT, WELL, Chosen::NONE}});
-  walk({"tun2001", "wgc3001", false, {}}, {{0, SILENT, SILENT, Chosen::FIRST},
-                                           {1, ABSENT, SILENT, Chosen::SECOND},
-                                           {2, SILENT, SILENT, Chosen::SECOND},
-                                           {3, SILENT, ABSENT, Chosen::FIRST},
-                                           {4, ABSENT, ABSENT, Chosen::NONE}});
-  walk({}, {{0, WELL, WELL, Chosen::NONE}});
+  walk({"tun2001", "", false, {}}, {{0, SILENT, WELL, FIRST}, {1, ABSENT, WELL, NONE}});
+  const Steps steps{{0, SILENT, SILENT, FIRST},
+                    {1, ABSENT, SILENT, SECOND},
+                    {2, SILENT, SILENT, SECOND},
+                    {3, SILENT, ABSENT, FIRST},
+                    {4, ABSENT, ABSENT, NONE}};
+  walk({"tun2001", "wgc3001", false, {}}, steps);
+  walk({}, {{0, WELL, WELL, NONE}});
 }
 
 TEST(TunnelWatch, AsksTheFarEndThatTheAddressTellsOf) {

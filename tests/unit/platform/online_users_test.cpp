@@ -66,20 +66,19 @@ TEST_F(OnlineUsersTest, IsEmptyWithoutAFileAndRefusesAListThatIsNoFile) {
 
 TEST_F(OnlineUsersTest, LosesNoneOfManyAtOnce) {
   constexpr int WRITERS = 8;
-  std::vector<std::thread> writers;
+  std::vector<std::jthread> writers;
   writers.reserve(WRITERS);
   for (int i = 0; i < WRITERS; ++i) {
-    writers.emplace_back([&, i] {
-      EXPECT_TRUE(add("stays" + std::to_string(i)));
-      EXPECT_TRUE(add("goes" + std::to_string(i)));
+    writers.emplace_back([this, number = std::to_string(i)] {
+      EXPECT_TRUE(add("stays" + number));
+      EXPECT_TRUE(add("goes" + number));
       std::vector<OnlineUser> gone;
       EXPECT_TRUE(users.remove(
-          [&](const OnlineUser& one) { return one.interface == "goes" + std::to_string(i); },
-          gone));
+          [&](const OnlineUser& one) { return one.interface == "goes" + number; }, gone));
       EXPECT_THAT(gone, SizeIs(1));
     });
   }
-  for (std::thread& writer : writers) writer.join();
+  writers.clear();
   EXPECT_THAT(users.list(), SizeIs(WRITERS));
 }
 

@@ -28,7 +28,6 @@ class OpenVpnLoginSocket : public testing::Test {
     attendant = Management::at_socket(scratch.path("daemon"));
     daemon = Management::accepted(listener.get());
   }
-  // What has come to one end so far.
   static std::string heard(Management& end) {
     std::string text;
     char byte = 0;

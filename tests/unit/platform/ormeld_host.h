@@ -1,5 +1,4 @@
-// The log database over a file in its own folder, called as the bus calls it, with a clock
-// that tests set.
+// The log database over a file of its own, called as the bus calls it, with a clock of the test.
 #pragma once
 
 #include <algorithm>

@@ -15,14 +15,17 @@ class OrmeldTable : public OrmeldTest {
   void add(const char* user, int type, std::uint64_t time) {
     ASSERT_EQ(status(LOG.insert, bytes_of(server_record(user, type, time))), MIB_SUCCESS);
   }
-  // The users of a listing, in its order.
   std::string users(const db_query_cond& cond) {
     std::string names;
     for (const auto& row : list<db_conn_server_log>(LOG.query, cond).rows) names += row.username;
     return names;
   }
   // Straight into the file, for more rows than would be added one by one.
-  void fill(const std::string& sql) {
+  void fill(const std::string& table, const std::string& columns, std::int64_t count) {
+    const std::string sql = "INSERT INTO " + table + " SELECT NULL, " + columns +
+                            " FROM (WITH RECURSIVE n(value) AS (SELECT 1 UNION ALL SELECT value + 1"
+                            " FROM n WHERE value < " +
+                            std::to_string(count) + ") SELECT value FROM n)";
     Database direct;
     ASSERT_EQ(direct.open(file), SQLITE_OK);
     ASSERT_EQ(direct.execute(sql.c_str()), SQLITE_OK);
@@ -82,16 +85,12 @@ TEST_F(OrmeldTable, OrdersPagesAndFilters) {
 }
 
 TEST_F(OrmeldTable, FindsAndOrdersTheSameRowsHoweverManyMeetTheCondition) {
-  fill(
-      "INSERT INTO conn_server_log SELECT NULL, printf('%05d', value), value % 1001 = 0, 5000 - "
-      "value, 0, '', '', '',"
-      " 0, 0, 0, 0, '', 0 FROM (WITH RECURSIVE n(value) AS (SELECT 1 UNION ALL SELECT value + 1 "
-      "FROM n WHERE value <"
-      " 5000) SELECT value FROM n)");
-  EXPECT_EQ(users(rows_from(0, 2, 3, false, "vpn_type", "1")),
-            "0400403003");  // 4 rows: found, then sorted
-  EXPECT_EQ(users(rows_from(1, 2, 3, false, "vpn_type", "0")),
-            "0499904998");  // 4996 rows: walked in their order
+  fill("conn_server_log",
+       "printf('%05d', value), value % 1001 = 0, 5000 - value, 0, '', '', '', 0, 0, 0, 0, '', 0",
+       5000);
+  // Four rows are found, then sorted; 4996 are walked in their order.
+  EXPECT_EQ(users(rows_from(0, 2, 3, false, "vpn_type", "1")), "0400403003");
+  EXPECT_EQ(users(rows_from(1, 2, 3, false, "vpn_type", "0")), "0499904998");
 }
 
 TEST_F(OrmeldTable, DeletesOneRowOrAllAndNeverGivesANumberTwice) {
@@ -109,16 +108,12 @@ TEST_F(OrmeldTable, DeletesOneRowOrAllAndNeverGivesANumberTwice) {
 
 TEST_F(OrmeldTable, DropsTheOldestRowsBeyondTheLimit) {
   const std::int64_t kept = table_info(DEVICE_INFO).rows_kept;
-  fill(
-      "INSERT INTO device_info SELECT NULL, '', '', '', 'old', '', value, '', 0 FROM (WITH "
-      "RECURSIVE n(value) AS"
-      " (SELECT 1 UNION ALL SELECT value + 1 FROM n WHERE value < " +
-      std::to_string(kept + 2) + ") SELECT value FROM n)");
+  fill("device_info", "'', '', '', 'old', '', value, '', 0", kept + 2);
   db_device_info_data record{};
   std::strcpy(record.user_id, "new");
   ASSERT_EQ(status(log_db::DEVICE_INFO.insert, bytes_of(record)), MIB_SUCCESS);
-  const auto all = list<db_device_info_data>(log_db::DEVICE_INFO.query,
-                                             rows_from(0, -1));  // must fit in one answer
+  // All must fit in one answer.
+  const auto all = list<db_device_info_data>(log_db::DEVICE_INFO.query, rows_from(0, -1));
   ASSERT_EQ(all.rows.size(), static_cast<std::size_t>(kept));
   EXPECT_EQ(all.total, all.rows.size());
   EXPECT_EQ(all.rows.front().id, 4);
@@ -126,11 +121,7 @@ TEST_F(OrmeldTable, DropsTheOldestRowsBeyondTheLimit) {
 }
 
 TEST_F(OrmeldTable, AnAnswerHoldsNoMoreThanTheBusCarries) {
-  fill(
-      "INSERT INTO conn_server_log SELECT NULL, '', 0, 0, 0, '', '', '', 0, 0, 0, 0, '', 0 FROM "
-      "(WITH RECURSIVE"
-      " n(value) AS (SELECT 1 UNION ALL SELECT value + 1 FROM n WHERE value < 13000) SELECT value "
-      "FROM n)");
+  fill("conn_server_log", "'', 0, 0, 0, '', '', '', 0, 0, 0, 0, '', 0", 13000);
   for (const std::int64_t count : {std::int64_t{-1}, INT64_MAX}) {
     const auto found = list<db_conn_server_log>(LOG.query, rows_from(0, count));
     EXPECT_EQ(found.rows.size(), ((std::size_t{64} << 20) - 4 - 24) / sizeof(db_conn_server_log));

@@ -1,5 +1,4 @@
 #include <arpa/inet.h>
-#include <cstring>
 #include <linux/netlink.h>
 #include <linux/xfrm.h>
 
@@ -18,13 +17,12 @@ std::string bytes_of(const T& value) {
 }
 
 // A message of the kernel about one security association, with one attribute.
-std::string association(const char* from, const char* to, std::uint16_t attribute) {
+std::string association(const char* from, const char* to, std::uint16_t kind) {
   xfrm_usersa_info info{};
   info.family = AF_INET;
   info.saddr.a4 = inet_addr(from);
   info.id.daddr.a4 = inet_addr(to);
-  const std::string body =
-      bytes_of(info) + bytes_of(nlattr{sizeof(nlattr) + 4, attribute}) + "keys";
+  const std::string body = bytes_of(info) + bytes_of(nlattr{sizeof(nlattr) + 4, kind}) + "keys";
   nlmsghdr head{};
   head.nlmsg_len = static_cast<std::uint32_t>(sizeof head + body.size());
   head.nlmsg_type = XFRM_MSG_NEWSA;
@@ -47,8 +45,8 @@ TEST(SecurityAssociations, CountOnceTheyHaveKeys) {
     EXPECT_EQ(tunnel_state(associations, "192.0.2.10"), TunnelState::NONE);
     EXPECT_EQ(tunnel_state(associations, "192.0.2"), TunnelState::NONE);
   }
-  for (std::size_t cut = 0; cut < in.size();
-       ++cut) {  // whatever is missing, nothing is read beyond the end
+  // Whatever is missing, nothing is read beyond the end.
+  for (std::size_t cut = 0; cut < in.size(); ++cut) {
     SecurityAssociations associations;
     std::ignore = take_associations(std::string_view{in}.substr(0, cut), associations);
     EXPECT_TRUE(associations.empty());

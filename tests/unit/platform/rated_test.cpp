@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -23,10 +22,9 @@ TEST(OpenVpnStatus, TakesTheLinesOfClients) {
       "CLIENT_LIST\tbob\t192.0.2.1:51000\t10.8.0.2\t\t18446744073709551615\t7\tTue\t17\tbob\r\n"
       "CLIENT_LIST\ta,b c\t192.0.2.2:1\t\t\t1\t2\r\n"
       "CLIENT_LIST\tno numbers\t192.0.2.3:1\t\t\tx\t2\r\nCLIENT_LIST\tshort\t192.0.2.4:1\r\n"
-      "CLIENT_LIST\ttoo "
-      "many\t192.0.2.5:1\t\t\t18446744073709551616\t2\r\nCLIENT_LIST\t\t\t\t\t1\t2\r\n"
-      "ROUTING_TABLE\t10.8.0.2\tbob\t192.0.2.1:51000\tx\t1\t2\r\nCLIENT_LIST\tcut "
-      "off\t192.0.2.6:1\t\t\t1\t2");
+      "CLIENT_LIST\tmany\t192.0.2.5:1\t\t\t18446744073709551616\t2\r\nCLIENT_LIST\t\t\t\t\t1\t2\r\n"
+      "ROUTING_TABLE\t10.8.0.2\tbob\t192.0.2.1:51000\tx\t1\t2\r\n"
+      "CLIENT_LIST\tcut off\t192.0.2.6:1\t\t\t1\t2");
   ASSERT_EQ(clients.size(), 2U);
   EXPECT_EQ(clients[0].key, "192.0.2.1:51000");
   EXPECT_EQ(clients[0].rx_bytes, 18446744073709551615U);
@@ -34,8 +32,7 @@ TEST(OpenVpnStatus, TakesTheLinesOfClients) {
   EXPECT_EQ(clients[1].key, "192.0.2.2:1");
 }
 
-// A management port that somebody has taken and does not serve: the worst that a server can do to
-// us.
+// A management port that somebody has taken and does not serve.
 TEST(OpenVpnStatus, IsNotWaitedForLong) {
   const Fd listener{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   sockaddr_in place{};
@@ -53,21 +50,17 @@ TEST(OpenVpnStatus, IsNotWaitedForLong) {
 
 class RateServerTest : public testing::Test {
  protected:
-  static OnlineUser user(const char* interface, std::uint32_t number, std::uint32_t type) {
-    return {interface, "192.0.2.1", number, "10.0.0.1", "10.0.0.2", type, 0, "bob", ""};
-  }
   std::vector<Counters> ask(std::vector<Counters>& counters) {
     ++asked;
     return counters;
   }
   std::string stat() { return server.all_server_stat(now); }
-  std::vector<OnlineUser> users{user("ppp0", 77, 1)};
+  std::vector<OnlineUser> users{{"ppp0", "192.0.2.1", 77, "10.0.0.1", "10.0.0.2", 1, 0, "bob", ""}};
   std::vector<Counters> interfaces{{"ppp0", 1000, 2000, 5}, {"eth0", 1, 1, 1}};
   std::vector<Counters> openvpn{{"192.0.2.1:51000", 3, 4, 0}};
   std::vector<Counters> drovik{{"AA:BB", 5, 6, 0}};
   int asked = 0;
-  RateServer::Clock::time_point
-      now{};  // the start of the host: nothing may be taken for an earlier reading
+  RateServer::Clock::time_point now{};  // the host's start, before which there is no reading
   RateServer server{{[this] { return users; }, [this] { return ask(interfaces); },
                      [this] { return ask(openvpn); }, [this] { return ask(drovik); }}};
 };
@@ -81,17 +74,13 @@ TEST_F(RateServerTest, TellsWhatWentThroughInASecond) {
     return answer.substr(answer.find("\"rx_rate\""));
   };
   EXPECT_EQ(after(2s, {"ppp0", 3000, 2500, 5}), R"("rx_rate":1000,"tx_rate":250}]})");
-  EXPECT_EQ(after(100ms, {"ppp0", 9000, 9000, 5}), R"("rx_rate":1000,"tx_rate":250}]})")
-      << "too soon";
+  EXPECT_EQ(after(100ms, {"ppp0", 9000, 9000, 5}), R"("rx_rate":1000,"tx_rate":250}]})") << "soon";
   EXPECT_NE(answer.find("\"rx_bytes\":3000"), std::string::npos);
-  EXPECT_EQ(after(1s, {"ppp0", 100, 9000, 5}), R"("rx_rate":0,"tx_rate":5909}]})")
-      << "one was set back";
-  EXPECT_EQ(after(1s, {"ppp0", 200, 9100, 6}), R"("rx_rate":0,"tx_rate":0}]})")
-      << "a new session's interface";
+  EXPECT_EQ(after(1s, {"ppp0", 100, 9000, 5}), R"("rx_rate":0,"tx_rate":5909}]})") << "set back";
+  EXPECT_EQ(after(1s, {"ppp0", 200, 9100, 6}), R"("rx_rate":0,"tx_rate":0}]})") << "new session";
   EXPECT_EQ(after(1s, {"ppp0", 9000000200, 9100, 6}), R"("rx_rate":2147483647,"tx_rate":0}]})")
-      << "as far as int goes";
-  EXPECT_EQ(after(11s, {"ppp0", 9000000300, 9100, 6}), R"("rx_rate":0,"tx_rate":0}]})")
-      << "an old reading";
+      << "limit";
+  EXPECT_EQ(after(11s, {"ppp0", 9000000300, 9100, 6}), R"("rx_rate":0,"tx_rate":0}]})") << "old";
 }
 
 TEST_F(RateServerTest, ReadsOnItsOwnOnlyWhileItIsWatched) {

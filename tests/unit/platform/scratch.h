@@ -1,11 +1,8 @@
-// What the platform's tests share: a folder that goes with its test, and programs run with their
-// output.
+// What the platform's tests share: programs run with their output, children, and a private host.
 #pragma once
 
 #include <cstdlib>
-#include <filesystem>
 #include <iterator>
-#include <memory>
 #include <sched.h>
 #include <string>
 #include <sys/mount.h>
@@ -18,7 +15,7 @@
 
 #include "base/bus_handle.h"
 #include "base/handle.h"
-#include "support/files.h"
+#include "support/scratch_file.h"
 
 namespace fenro::test {
 
@@ -28,35 +25,7 @@ inline std::string text_of(mib_io* io) {
   return {bytes, length};
 }
 
-class Scratch {
- public:
-  explicit Scratch(const char* parent = "/tmp") {
-    std::string name = std::string(parent) + "/fenro-test-XXXXXX";
-    folder_ = mkdtemp(name.data());
-  }
-  Scratch(const Scratch&) = delete;
-  Scratch& operator=(const Scratch&) = delete;
-  ~Scratch() {
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
-  }
-  [[nodiscard]] std::string path(const std::string& name) const { return folder_ + "/" + name; }
-  std::string write(const std::string& name, const std::string& content) const {
-    support::write(path(name), content);
-    return path(name);
-  }
-  [[nodiscard]] std::string read(const std::string& name) const {
-    return support::read(path(name));
-  }
-  [[nodiscard]] mode_t mode(const std::string& name) const { return support::mode_of(path(name)); }
-  [[nodiscard]] std::size_t files() const {
-    return static_cast<std::size_t>(
-        std::distance(std::filesystem::directory_iterator{folder_}, {}));
-  }
-
- private:
-  std::string folder_;
-};
+using support::Scratch;
 
 struct Outcome {
   int status = -1;
@@ -74,11 +43,17 @@ inline Outcome run(const std::vector<std::string>& words) {
   return {status, text_of(out.get()), text_of(err.get())};
 }
 
+// The exit status of a child, -1 for one that a signal has ended.
+inline int end_of(pid_t child) {
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 constexpr int NO_NAMESPACE = 99;  // a child's status when the kernel denies it what the test needs
 
-// Runs `body` in a child in which the scratch folder takes the place of the host's /run and
-// /var/lib, so nothing reaches the host. The child's exit status, or -1 where the kernel gives no
-// such namespace.
+// Runs `body` in a child that has the scratch folder in the place of the host's /run and /var/lib.
+// Its exit status, or -1 where the kernel gives no such namespace.
 template <typename Body>
 int in_private_host(const Scratch& scratch, Body body) {
   const pid_t child = fork();
@@ -90,9 +65,8 @@ int in_private_host(const Scratch& scratch, Body body) {
       ready = ready && mount(scratch.path("").c_str(), place, nullptr, MS_BIND, nullptr) == 0;
     _exit(ready ? body() : NO_NAMESPACE);
   }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) && WEXITSTATUS(status) != NO_NAMESPACE ? WEXITSTATUS(status) : -1;
+  const int status = end_of(child);
+  return status == NO_NAMESPACE ? -1 : status;
 }
 
 }  // namespace fenro::test

@@ -44,20 +44,13 @@ TEST(Getcfg, PrintsTheValueOrTheDefault) {
 }
 
 // Setcfg takes the host's lock of the file; the tests keep that to themselves where they can.
-Outcome setcfg(const Scratch& scratch, const std::vector<std::string>& words) {
-  Outcome got;
-  const int status = in_private_host(scratch, [&] { return tool("setcfg", words).status; });
-  got = status == NOT_RUN ? tool("setcfg", words) : Outcome{status};
-  return got;
+int setcfg(const Scratch& host, const std::vector<std::string>& words) {
+  const int status = in_private_host(host, [&] { return tool("setcfg", words).status; });
+  return status == NOT_RUN ? tool("setcfg", words).status : status;
 }
 
 TEST(Setcfg, SetsOneLineAndKeepsTheOthers) {
-  struct Case {
-    std::string before;
-    std::vector<std::string> words;
-    std::string after;
-  };
-  const Case cases[] = {
+  const std::tuple<std::string, std::vector<std::string>, std::string> cases[] = {
       {"", {"S", "k", "v"}, "[S]\nk = v\n"},
       {"", {"", "k", "v"}, "k = v\n"},
       {"[S]\nk = 1\n", {"S", "k", ""}, "[S]\nk = \n"},
@@ -80,16 +73,15 @@ TEST(Setcfg, SetsOneLineAndKeepsTheOthers) {
   };
   const Scratch scratch;
   const Scratch host;
-  for (Case row : cases) {
-    SCOPED_TRACE(testing::PrintToString(row.words));
-    const std::string file = scratch.write("a.conf", row.before);
+  for (const auto& [before, words, after] : cases) {
+    SCOPED_TRACE(testing::PrintToString(words));
+    const std::string file = scratch.write("a.conf", before);
     ASSERT_EQ(chmod(file.c_str(), 0644), 0);
-    row.words.insert(row.words.end(), {"-f", file});
-
-    EXPECT_EQ(setcfg(host, row.words).status, 0);
-
-    EXPECT_EQ(scratch.read("a.conf"), row.after);
-    EXPECT_EQ(std::filesystem::status(file).permissions(), std::filesystem::perms{0644});
+    std::vector<std::string> all = words;
+    all.insert(all.end(), {"-f", file});
+    EXPECT_EQ(setcfg(host, all), 0);
+    EXPECT_EQ(scratch.read("a.conf"), after);
+    EXPECT_EQ(scratch.mode("a.conf"), 0644U);
     EXPECT_EQ(scratch.files(), 1U);
   }
 }
@@ -110,7 +102,7 @@ TEST(Setcfg, RefusesWhatItCannotWrite) {
       {{"S", "k", "v", "-f", "/tmp"}, 1},
   };
   for (const auto& [words, status] : cases)
-    EXPECT_EQ(setcfg(host, words).status, status) << testing::PrintToString(words);
+    EXPECT_EQ(setcfg(host, words), status) << testing::PrintToString(words);
   EXPECT_EQ(scratch.read("a.conf"), "[S]\nk = 1\n");
 }
 
@@ -119,13 +111,12 @@ TEST(Setcfg, LosesNoEditOfAnother) {
   const Scratch scratch;
   const std::string file = scratch.write("a.conf", "");
   const int status = in_private_host(Scratch{}, [&] {
-    std::vector<std::thread> writers;
+    std::vector<std::jthread> writers;
     writers.reserve(WRITERS);
     for (int i = 0; i < WRITERS; ++i)
       writers.emplace_back([&, i] {
         tool("setcfg", {"S", "k" + std::to_string(i), "v", "-f", file});
       });
-    for (std::thread& writer : writers) writer.join();
     return 0;
   });
   if (status == NOT_RUN) GTEST_SKIP() << "no mount namespace";
@@ -150,14 +141,14 @@ TEST(Notify, StoresTheFilledMessage) {
     if (status == NOT_RUN) GTEST_SKIP() << "no mount namespace";
     EXPECT_EQ(status, 0);
     const EventStore store{scratch.path("fenro/event.db")};
-    const EventFilter filter{
-        .type = type, .application = "A238", .category = "C002", .message_id = "0010"};
     std::string description;
     const auto take = [](void* out, int, char** values, char**) {
       *static_cast<std::string*>(out) = values[7];
       return 0;
     };
-    EXPECT_TRUE(store.query(filter, EventOrder::NewestFirst, 0, 0, take, &description));
+    EXPECT_TRUE(
+        store.query({.type = type, .application = "A238", .category = "C002", .message_id = "0010"},
+                    EventOrder::NewestFirst, 0, 0, take, &description));
     EXPECT_EQ(description, expected);
   }
 }
@@ -165,9 +156,8 @@ TEST(Notify, StoresTheFilledMessage) {
 TEST(Mibsh, CallsTheMethodBehindTheRightDot) {
   const std::string path = "@/var/run/test-" + std::to_string(getpid()) + ".sock";
   const std::string name = "Test" + std::to_string(getpid());
-  for (const auto& [service, method] :
-       {std::pair{path, std::string{"db_query"}}, {name, std::string{"api.check"}}}) {
-    const std::string target = std::string{service}.append(".").append(method);
+  for (const auto& [service, method] : {std::pair{path, "db_query"}, {name, "api.check"}}) {
+    const std::string target = service + '.' + method;
     bus::Server server{service};
     server.on(method, [](std::string_view body) {
       return bus::Reply{MIB_SUCCESS, "<" + std::string{body} + ">"};
