@@ -77,6 +77,7 @@ inline Result run(const std::vector<std::string>& words,
                   const std::vector<std::string>& environment = {}, const std::string& input = {}) {
   const auto pointers = [](const std::vector<std::string>& texts) {
     std::vector<char*> list;
+    list.reserve(texts.size() + 1);
     for (const std::string& text : texts) list.push_back(const_cast<char*>(text.c_str()));
     list.push_back(nullptr);
     return list;

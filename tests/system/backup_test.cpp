@@ -61,9 +61,12 @@ TEST_F(Backup, ComesWholeToAnEmptyApplianceThatOldClientsReach) {
   done("server set pptp --max 7 --yes");
   done("peer add phone --host vpn.example.org");
   for (const std::string protocol : {"pptp", "l2tp", "drovik"})
-    done("profile add " + protocol + " --name " + protocol +
-         " --host 192.0.2.1 --user bob --pass-file /root/secret" +
-         (protocol == "pptp" ? "" : " --psk-file /root/secret"));
+    done(std::string("profile add ")
+             .append(protocol)
+             .append(" --name ")
+             .append(protocol)
+             .append(" --host 192.0.2.1 --user bob --pass-file /root/secret")
+             .append(protocol == "pptp" ? "" : " --psk-file /root/secret"));
   done("profile add wireguard --name w\xc3\xa9 --address 198.18.8.5" + PEER);
   write("/root/office.ovpn", ctl("profile export").out);
   done("profile import /root/office.ovpn --name far --user guest --pass-file /root/secret --yes");
@@ -164,14 +167,15 @@ TEST_F(Backup, LeavesEachFileOldOrNewWhereverItIsKilled) {
   traced.emplace_back("ASAN_OPTIONS=detect_leaks=0");  // which a traced program cannot do
   // Each call that changes what is on disk is a point to be killed at.
   constexpr int MOST = 200;
+  const std::string KILLED =
+      "/usr/bin/strace -qq -o /dev/null -e "
+      "inject=rename,renameat,renameat2,link,linkat,unlink:signal=KILL:when=";
+  const std::string command = ' ' + TOOL + ' ' + RESTORE;
   int point = 0, status = -1;
   while (status != 0 && ++point < MOST) {
     SCOPED_TRACE(point);
-    status = run(words_of("/usr/bin/strace -qq -o /dev/null -e "
-                          "inject=rename,renameat,renameat2,link,linkat,unlink:signal=KILL:when=" +
-                          std::to_string(point) + ' ' + TOOL + ' ' + RESTORE),
-                 traced)
-                 .status;
+    const std::string when = KILLED + std::to_string(point);
+    status = run(words_of(when + command), traced).status;
     for (const std::string& line : lines_of(state())) EXPECT_THAT(allowed, testing::Contains(line));
     done(RESTORE);
     EXPECT_EQ(state(), wanted);
@@ -232,8 +236,11 @@ TEST_F(Backup, SaysThatTheNextStepOfItsRotationIsOverdue) {
   const std::string over = "1000";
   for (const std::string& change : {over, ahead}) {
     SCOPED_TRACE(change);
-    write(ROTATION,
-          "phase=overlap\noverlap=60\nbegun=900\nchange=" + change + "\nend=" + ahead + '\n');
+    write(ROTATION, std::string("phase=overlap\noverlap=60\nbegun=900\nchange=")
+                        .append(change)
+                        .append("\nend=")
+                        .append(ahead)
+                        .append("\n"));
     done(BACKUP);
     const auto warns = [](const std::string& line) {
       return ctl(line).out.find("change-over was due on ") != std::string::npos;

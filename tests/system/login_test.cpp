@@ -63,7 +63,9 @@ TEST_F(WebLogin, BeginsASessionThatTheRoutesTakeUntilItIsEnded) {
   for (const std::string user : {"admin", "guest"}) {
     const Reply reply = log_in(user, password_of(user));
     const std::string sid = reply.body.substr(18, 8), admin = user == "admin" ? "true" : "false";
-    EXPECT_EQ(reply.body, R"({"error":0,"sid":")" + sid + R"(","admin":)" + admin + '}');
+    EXPECT_EQ(
+        reply.body,
+        std::string(R"({"error":0,"sid":")").append(sid + R"(","admin":)").append(admin + '}'));
     EXPECT_THAT(reply.head, HasSubstr("cache-control: no-store"));
     EXPECT_THAT(read(SESSIONS + sid), HasSubstr("ip = 127.0.0.1\nhost_ip = 127.0.0.1\n"));
     const std::string route = "https://localhost" + std::string{SHOW} + "?type=256&sid=" + sid;

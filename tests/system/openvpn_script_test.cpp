@@ -117,8 +117,13 @@ TEST_F(OpenVpnProfile, IsRefusedWithTheCauseInWords) {
     return part(name, read("/tmp/" + file), file);
   };
   for (const auto& [ca, certificate, key, cause] : rows) {
-    const std::string files =
-        "--ca /tmp/" + ca + " --cert /tmp/" + certificate + " --key /tmp/" + key + ' ';
+    const std::string files = std::string("--ca /tmp/")
+                                  .append(ca)
+                                  .append(" --cert /tmp/")
+                                  .append(certificate)
+                                  .append(" --key /tmp/")
+                                  .append(key)
+                                  .append(" ");
     EXPECT_THAT(run({VERIFY, UPLOAD, files}).err, HasSubstr(cause)) << files;
     const std::string body = part("ovpn", read(UPLOAD), "p.ovpn") + upload("ca", ca) +
                              upload("cert", certificate) + upload("key", key) + "--edge--\r\n";

@@ -146,8 +146,11 @@ TEST_F(PppClientScript, QuotesEveryAccountSoThatPppdReadsItBack) {
     std::ptrdiff_t lines = 0;
     for (const auto& [user, printed, password] : first_of(accounts, protocol, 3)) {
       SCOPED_TRACE(protocol.section + (' ' + user));
-      expect_no_ppp(start_client(
-          protocol, "Domain IP = 192.0.2.7\nName = " + user + "\nAccessCode = " + password + '\n'));
+      expect_no_ppp(start_client(protocol, std::string("Domain IP = 192.0.2.7\nName = ")
+                                               .append(user)
+                                               .append("\nAccessCode = ")
+                                               .append(password)
+                                               .append("\n")));
       EXPECT_EQ(mode_of(protocol.peer), 0600U);
       const std::string text = read(protocol.peer);
       if (lines == 0) lines = std::count(text.begin(), text.end(), '\n');
@@ -180,7 +183,9 @@ TEST_F(PppClientScript, LetsOnlyAddressesAndPlainNamesIntoCommandsAndFiles) {
                                "x`id`", "a\\"};
   for (const Protocol& protocol : PROTOCOLS) {
     for (const std::string& bad : first_of(names, protocol, 3))
-      refuses_client(protocol, "Domain IP = " + bad + "\nServer Address = " + bad + "\n");
+      refuses_client(
+          protocol,
+          std::string("Domain IP = ").append(bad + "\nServer Address = ").append(bad + '\n'));
   }
   EXPECT_FALSE(fs::exists("/tmp/pwned"));
   start_client(PPTP, "Domain IP = \nServer Address = vpn-1.example.com\n");
@@ -207,8 +212,11 @@ TEST_F(PppServerScript, TurnsTheStoredMethodsIntoOptionsOfBothEnds) {
     write("/etc/ppp/pap-secrets",
           std::string("\"bob\"\t") + protocol.server_of_accounts + "\t@login\t*\n");
     for (const auto& [encryption, authentication, method, mppe] : first_of(rows, protocol, 1)) {
-      const std::string keys =
-          "Encryption = " + encryption + "\nAuthentcation = " + authentication + '\n';
+      const std::string keys = std::string("Encryption = ")
+                                   .append(encryption)
+                                   .append("\nAuthentcation = ")
+                                   .append(authentication)
+                                   .append("\n");
       SCOPED_TRACE(protocol.section + ('\n' + keys));
       start_client(protocol, "Domain IP = 192.0.2.7\n" + keys);
       start_server(protocol, keys);

@@ -33,6 +33,7 @@ std::vector<std::string> parallel(std::size_t count,
   for (std::size_t i = 0; i < count; ++i)
     running.push_back(std::async(std::launch::async, work, i));
   std::vector<std::string> results;
+  results.reserve(count);
   for (auto& one : running) results.push_back(one.get());
   return results;
 }

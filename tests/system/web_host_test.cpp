@@ -240,8 +240,11 @@ TEST_F(WebHostBroken, AnswersWithWhatTheDaemonSaysOrWithItsFailure) {
        {{"", "{\n"}},
        R"({"error":47,"reason":"string or '}' expected near end of file, Network API: interfaces_monitor.get_info_interfaces"})"},
   };
-  for (const auto& [route, replies, body] : rows) {
-    SCOPED_TRACE(route + ": " + body);
+  for (const auto& row : rows) {
+    const auto& route = std::get<0>(row);
+    const auto& replies = std::get<1>(row);
+    const auto& body = std::get<2>(row);
+    SCOPED_TRACE(std::string(route).append(": ").append(body));
     const ScriptedService daemon("NetworkService", "/usr/lib/fenro/fenro-networkd", NETWORK_METHODS,
                                  [&](std::string_view request) -> fenro::bus::Reply {
                                    const auto reply = replies.find(std::string(request));

@@ -24,10 +24,13 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 class Audit : public testing::Test {
- protected:
+ public:
   Audit() { support::make_empty_folder(trail().folder()); }
+  Audit(const Audit&) = delete;
+  Audit& operator=(const Audit&) = delete;
   ~Audit() override { parent_folder() = former_; }
 
+ protected:
   static std::string file(int64_t start = 1) {
     char name[32];
     std::snprintf(name, sizeof name, "/%012ld.jsonl", static_cast<long>(start));

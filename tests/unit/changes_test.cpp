@@ -345,9 +345,16 @@ TEST_F(Changes, LeaveCertificatesWhoseNextStepIsOverdue) {
       {"changed", over, ahead, true},
       {"changed", over, over, false}};
   for (const auto& [phase, change, end, back] : rows) {
-    SCOPED_TRACE(phase + ' ' + change + ' ' + end);
-    put(ROTATION,
-        "phase=" + phase + "\noverlap=60\nbegun=900\nchange=" + change + "\nend=" + end + '\n');
+    const std::string rotation = std::string("phase=")
+                                     .append(phase)
+                                     .append("\noverlap=60\nbegun=900")
+                                     .append("\nchange=")
+                                     .append(change)
+                                     .append("\nend=")
+                                     .append(end)
+                                     .append("\n");
+    SCOPED_TRACE(rotation);
+    put(ROTATION, rotation);
     put(AUTHORITY, "then");
     put(RIGHTS, "bob:1:0:0:0:0\n");
     const int id = take();

@@ -10,6 +10,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "base/handle.h"
+
 namespace ormel::cgi {
 
 namespace {
@@ -46,8 +48,7 @@ void open_standard_streams() {
 }
 
 void end_answer() {
-  std::fclose(stdout);
-  std::fclose(stderr);
+  for (std::FILE* const stream : {stdout, stderr}) fenro::File{stream}.reset();
 }
 
 std::string environment(const char* name) {

@@ -91,7 +91,7 @@ TEST(KeeperCertificates, AreLookedAtSoonAfterTheStartAndEachQuarterOfAnHour) {
       replace_file(tool, "#!/bin/sh\necho \"$@\" >>" + calls + "\necho full >&2\nexit 1\n", 0755));
   const auto called = [&] {
     support::comes_true([&] { return !scratch.read("calls").empty(); });
-    const std::string text = scratch.read("calls");
+    std::string text = scratch.read("calls");
     unlink(calls.c_str());
     return text;
   };
