@@ -54,7 +54,7 @@ struct Result {
   std::string err;
 };
 
-// Runs `work` in a process of its own in the root folder, its standard streams caught.
+// Runs `work` in a child process, in the root folder, and captures its standard streams.
 inline Result in_child(const std::function<int()>& work, const std::string& input = {}) {
   write("/tmp/run.in", input);
   const pid_t child = fork();

@@ -353,7 +353,7 @@ TEST_F(Backup, ADocumentKeepsWhoseADeviceIs) {
   };
   const auto limits = [] { return run({"/usr/lib/fenro/fenro-hold", "limits"}).out; };
   EXPECT_EQ(phone("owner"), "");
-  EXPECT_EQ(apply("nobody-here"), 1);
+  EXPECT_EQ(apply("absent"), 1);
   for (const char* owner : {"guest", "admin", ""}) {
     SCOPED_TRACE(owner);
     EXPECT_EQ(apply(owner), 0);
@@ -390,7 +390,7 @@ TEST_F(Backup, ADocumentThatIsWrongInOnePlaceChangesNothing) {
       {R"("peers": {"p": {"peer_pub_key": "MTA8yr4S+RC5OCVDMUxyIXcGVfugiRRtONcRObuQeFM=",
                           "peer_allow_ip": "10.9.9.2/32"}})",
        "peers.p.peer_allow_ip is not in the server's network"},
-      {R"("rights": {"nobody-here": ["pptp"]})", "rights.nobody-here is no user"},
+      {R"("rights": {"absent": ["pptp"]})", "rights.absent is no user"},
       {R"("gateway": {"on": true, "first": "none"})", "gateway.first is no profile"},
       {R"("notifications": {"n": {"url": "ftp://x"}})", "notifications.n.url"},
       {R"("rights": )", "line 2"},

@@ -181,7 +181,7 @@ class DrovikAdmission : public DrovikTunnel {
 TEST_F(DrovikAdmission, RefusesWhoMayNotEnter) {
   const std::tuple<const char*, const char*, std::string> cases[] = {
       {"no right", "admin", read("/var/lib/appliance/password.admin").substr(0, 16)},
-      {"no such user", "nobody-here", password},
+      {"no such user", "absent", password},
   };
   for (const auto& [why, user, pass] : cases) {
     SCOPED_TRACE(why);

@@ -82,7 +82,7 @@ TEST_F(WebLogin, BeginsASessionThatTheRoutesTakeUntilItIsEnded) {
 
 TEST_F(WebLogin, RefusesAWrongPasswordAndAnUnknownUserAlike) {
   std::vector<std::future<Reply>> replies;
-  for (const char* user : {"admin", "nobody-here", "a%0ab"})
+  for (const char* user : {"admin", "absent", "a%0ab"})
     replies.push_back(
         std::async(std::launch::async, [user] { return log_in(user, "wr0ng-secret"); }));
   for (auto& future : replies) {

@@ -99,13 +99,13 @@ TEST_F(OrmelCtl, SaysWhatIsWrongAndWhatToDo) {
       {"profile rm none", 2, "--yes is missing"},
       {"profile import /nowhere.ovpn", 3, "cannot be read"},
       {"server on drovik", 2, "--psk-file -"},
-      {"user grant nobody-here pptp", 3, "no user is named nobody-here"},
+      {"user grant absent pptp", 3, "no user is named absent"},
       {"user grant guest wireguard", 2, "has no rights of users"},
       {"user unlock guest", 3, "guest is not blocked"},
       {"kick guest --yes", 3, "guest is not connected"},
       {"log events --since yesterday", 2, "30m, 1h or 2d"},
       {"log events --limit 5x", 2, "--limit takes 1 to 10000"},
-      {"notify rm nobody --yes", 3, "no target is named nobody"},
+      {"notify rm absent --yes", 3, "no target is named absent"},
       {"status openvpn --check running", 6, "openvpn is off, not running"},
       {"status -o xml", 2, "table, json or tsv"},
       {"profile show ofice", 3, "did you mean \"office\"?"},
@@ -322,7 +322,7 @@ TEST_F(OrmelCtl, FindsWhatIsWrongWithTheHost) {
       AllOf(HasSubstr(R"("step":"servers","result":"fail","text":"drovik is on, but does not run)"),
             HasSubstr(R"("step":"pools","result":"fail","text":"drovik 192.168.77.)")));
   EXPECT_EQ(ctl("doctor").status, 1);
-  EXPECT_EQ(ctl("doctor nobody").status, 3);
+  EXPECT_EQ(ctl("doctor absent").status, 3);
   ctl("doctor --bundle /root/case.tar.gz");
   EXPECT_EQ(mode_of("/root/case.tar.gz"), 0600U);
   EXPECT_THAT(shell("tar tzf /root/case.tar.gz").out,

@@ -83,7 +83,7 @@ TEST_F(PptpProfile, IsNotStartedTwiceWhileItsDaemonLives) {
   run({"/sbin/setcfg", "PPTP_CLIENT1", "Enable", "TRUE", "-f", VPN_CONF});
   int hold[2];
   ASSERT_EQ(pipe(hold), 0);
-  // A shell that waits for input stands in for the daemon: what counts is its command line.
+  // A shell that waits for input replaces the daemon, which is known by its command line.
   auto daemon = std::make_unique<Child>([&] {
     dup2(hold[0], 0);
     return execl("/bin/sh", "/usr/lib/fenro/pppd-pptp", "-c", "read line", "call", "pptpclient1",

@@ -308,7 +308,7 @@ TEST_F(SecondFactorLogin, IsRequiredAndResetByRoot) {
   EXPECT_EQ(ctl("user totp guest optional").status, 0);
   EXPECT_TRUE(hook_admits(password));
   EXPECT_EQ(ctl("user totp guest reset").status, 3);
-  EXPECT_EQ(ctl("user totp nobody-here require").status, 3);
+  EXPECT_EQ(ctl("user totp absent require").status, 3);
   EXPECT_EQ(ctl("user totp guest maybe").status, 2);
   EXPECT_THAT(ctl("audit").out, HasSubstr("user totp"));
 }

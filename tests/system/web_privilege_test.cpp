@@ -252,7 +252,7 @@ TEST_F(WebBlocksOfAnySettings, AreMadeAnewWhereThePolicyIsNotThere) {
               HasSubstr(": mib failed. mibsh vpncaas.read_json path=/etc/config/vpn_block.conf\n"));
   EXPECT_THAT(read(CALLS), Not(HasSubstr("notify|"))) << "nothing has changed";
   EXPECT_THAT(post("block", "&enable=true&limit=5&time=30"), StartsWith(R"({"error":48)"))
-      << "nobody there";
+      << "no such user";
   EXPECT_EQ(post("block_show"), shown("true", 5, 30, ""));
 }
 

@@ -1,4 +1,4 @@
-// The log database over a file of its own, called as the bus calls it, with a clock of the test.
+// The log database on a temporary file, with the test's clock. It is called as the bus calls it.
 #pragma once
 
 #include <algorithm>
